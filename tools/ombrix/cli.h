@@ -35,11 +35,22 @@ struct DemoSection {
     bool (*run)(Report& report, const BITMAPRECORD& sample);
 };
 
+// A section of `ombrix info`: prints its own lines.
+struct InfoSection {
+    const char* name;
+    int order;
+    void (*run)();
+};
+
 std::vector<Command>& commands();
+std::vector<InfoSection>& infoSections();
 std::vector<DemoSection>& demoSections();
 
 struct RegisterCommand {
     explicit RegisterCommand(Command c) { commands().push_back(c); }
+};
+struct RegisterInfo {
+    explicit RegisterInfo(InfoSection s) { infoSections().push_back(s); }
 };
 struct RegisterDemo {
     explicit RegisterDemo(DemoSection s) { demoSections().push_back(s); }

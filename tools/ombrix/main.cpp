@@ -10,6 +10,10 @@ std::vector<Command>& commands() {
     static std::vector<Command> c;
     return c;
 }
+std::vector<InfoSection>& infoSections() {
+    static std::vector<InfoSection> s;
+    return s;
+}
 std::vector<DemoSection>& demoSections() {
     static std::vector<DemoSection> s;
     return s;
