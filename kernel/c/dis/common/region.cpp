@@ -371,7 +371,8 @@ bool Builder::putRow(const int32_t* xs, uint32_t count) noexcept {
 void Builder::endRow(uint32_t count) noexcept {
     if (cur_ >= top_ && cur_ < bottom_ && count > 0) {
         const int32_t* xs = r_->pRunData + values_;
-        if (first_ < 0) {
+        if (!started_) {
+            started_ = true;
             first_ = cur_;
             left_ = xs[0];
             right_ = xs[count - 1];

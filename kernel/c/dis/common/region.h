@@ -65,7 +65,8 @@ public:
 private:
     OrvaRgn* r_ = nullptr;
     int64_t top_ = 0, bottom_ = 0, cur_ = 0;
-    int64_t first_ = -1;        // first non-empty row
+    int64_t first_ = 0;         // first non-empty row
+    bool started_ = false;      // a non-empty row has ended
     uint32_t rowsUsed_ = 0;     // index entries up to the last non-empty row
     size_t values_ = 0, capacity_ = 0;  // in x values
     int32_t left_ = 0, right_ = 0;

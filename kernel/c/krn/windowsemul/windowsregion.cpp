@@ -59,18 +59,21 @@ KAPI HRGN CreateRectRgn(int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBo
     if (nLeft > nRight) std::swap(nLeft, nRight);
     if (nTop > nBottom) std::swap(nTop, nBottom);
     OrvaRgn* r = nullptr;
-    return newHandle(rgn::fromRect(RECT{nLeft, nTop, nRight, nBottom}, &r), r);
+    int32_t st = rgn::fromRect(RECT{nLeft, nTop, nRight, nBottom}, &r);
+    return newHandle(st, r);
 }
 
 KAPI HRGN CreateEllipticRgn(int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom) {
     OrvaRgn* r = nullptr;
-    return newHandle(rgn::ellipse(RECT{nLeft, nTop, nRight, nBottom}, &r), r);
+    int32_t st = rgn::ellipse(RECT{nLeft, nTop, nRight, nBottom}, &r);
+    return newHandle(st, r);
 }
 
 KAPI HRGN CreatePolygonRgn(const POINT* pPoints, int32_t nCount, int32_t nFillMode) {
     if ((!pPoints && nCount > 0) || nCount < 0) return nullptr;
     OrvaRgn* r = nullptr;
-    return newHandle(rgn::polygon(pPoints, nullptr, size_t(nCount), nFillMode == WINDING, &r), r);
+    int32_t st = rgn::polygon(pPoints, nullptr, size_t(nCount), nFillMode == WINDING, &r);
+    return newHandle(st, r);
 }
 
 namespace krn::rgn {
@@ -124,7 +127,8 @@ int32_t fromRegionData(const XFORM* pXform, uint32_t nBytes, const RGNDATA* pDat
 
 KAPI HRGN ExtCreateRegion(const XFORM* pXform, uint32_t nBytes, const RGNDATA* pData) {
     OrvaRgn* r = nullptr;
-    return newHandle(rgn::fromRegionData(pXform, nBytes, pData, &r), r);
+    int32_t st = rgn::fromRegionData(pXform, nBytes, pData, &r);
+    return newHandle(st, r);
 }
 
 // ---------------------------------------------------------------- operations
