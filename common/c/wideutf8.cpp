@@ -137,7 +137,8 @@ struct Utf32Out {
 template <class In, class Out>
 UtfResult convert(const typename In::unit* src, size_t n, typename Out::unit* dst, size_t cap) noexcept {
     UtfResult r;
-    if (!dst) cap = 0;
+    const bool measuring = !dst;
+    if (measuring) cap = 0;
     size_t i = 0;
     bool full = false;
     while (i < n) {
@@ -159,7 +160,7 @@ UtfResult convert(const typename In::unit* src, size_t n, typename Out::unit* ds
         r.needed += k;
         i += used;
     }
-    r.status = full ? kUtfTooSmall : kUtfOk;
+    r.status = (full && !measuring) ? kUtfTooSmall : kUtfOk;
     return r;
 }
 

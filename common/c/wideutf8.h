@@ -19,7 +19,7 @@
 //   kUtfMalformed the source is malformed (*errorAt: index of the first bad unit)
 //   kUtfTooSmall  well-formed, but the output did not fit (the first `cap`
 //                 units hold a prefix that ends on a whole character)
-// A null dst with cap 0 only measures.
+// A null dst only measures: kUtfOk (or kUtfMalformed) with *needed.
 #pragma once
 
 #include <cstddef>
