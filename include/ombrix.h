@@ -372,11 +372,425 @@ OMBRIX_API int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, 
  * Section: bitmap memory, rows, redirected I/O and temporary files
  * ====================================================================== */
 /* -- redirected I/O, temporary files, string conversion -- */
+/* Redirect table: the file functions that all file access of the kernel and
+ * of the libraries built on it goes through. The record is identified by
+ * uStructSize 64 (sixteen words in the original 32-bit design; on a 64-bit
+ * build its pointers are wider). Every function receives its own user data
+ * as its last argument and returns -1 (or a null / -1 handle) for failure.
+ *
+ * A file handle of a table is opaque to the kernel. The kernel's own file
+ * layer (K_Os...) uses the POSIX descriptor plus one, so that no handle is
+ * null: see OMBRIX_OS_HANDLE / OMBRIX_OS_FD. */
+#define REDIRECTRECORD_SIZE 64u
+#define OMBRIX_INVALID_FILE ((void*)(intptr_t)-1)
+#define OMBRIX_OS_HANDLE(fd) ((void*)(intptr_t)((fd) + 1))
+#define OMBRIX_OS_FD(h)      ((int)((intptr_t)(h) - 1))
+
+/* Open modes (a bit set). Access: READ, WRITE or both. */
+#define REDIRECT_OPEN_READ       0x0001u
+#define REDIRECT_OPEN_WRITE      0x0002u
+#define REDIRECT_OPEN_READWRITE  0x0003u
+#define REDIRECT_OPEN_CREATE     0x0100u  /* create when missing */
+#define REDIRECT_OPEN_TRUNCATE   0x0200u  /* empty an existing file */
+#define REDIRECT_OPEN_EXCLUSIVE  0x0400u  /* with CREATE: fail when the file exists */
+#define REDIRECT_OPEN_APPEND     0x0800u  /* every write goes to the end */
+#define REDIRECT_OPEN_TEMPORARY  0x1000u  /* a kernel temporary file: delete it when it is closed */
+/* Share modes: accepted and ignored by the POSIX file layer (no mandatory locks). */
+#define REDIRECT_SHARE_READ      0x0001u
+#define REDIRECT_SHARE_WRITE     0x0002u
+#define REDIRECT_SHARE_DELETE    0x0004u
+/* Seek origins */
+#define REDIRECT_SEEK_SET 0
+#define REDIRECT_SEEK_CUR 1
+#define REDIRECT_SEEK_END 2
+
+typedef void*   (*PFN_REDIRECTOPEN)(const wchar_t* pszName, uint32_t uMode, uint32_t uShare, void* pUserData);
+/* Bytes read (0 at end of file) or -1. */
+typedef int32_t (*PFN_REDIRECTREAD)(void* hFile, void* pBuffer, uint32_t uBytes, void* pUserData);
+/* Bytes written or -1; fewer than asked means the medium is full. */
+typedef int32_t (*PFN_REDIRECTWRITE)(void* hFile, const void* pBuffer, uint32_t uBytes, void* pUserData);
+/* New position from the start of the file, or -1. */
+typedef int64_t (*PFN_REDIRECTSEEK)(void* hFile, int64_t nOffset, int32_t nOrigin, void* pUserData);
+/* 0 on success, -1 on failure. */
+typedef int32_t (*PFN_REDIRECTCLOSE)(void* hFile, void* pUserData);
+/* Sixth slot: the size of the file in bytes, or -1. */
+typedef int64_t (*PFN_REDIRECTSIZE)(void* hFile, void* pUserData);
+/* Seventh slot: sets the size of the file (extends with zeros or cuts); 0 or -1. */
+typedef int32_t (*PFN_REDIRECTSETSIZE)(void* hFile, int64_t nSize, void* pUserData);
+
+typedef struct REDIRECTRECORD_ {
+    uint32_t            uStructSize;  /* REDIRECTRECORD_SIZE */
+    uint32_t            uFlags;       /* 0 in the built-in tables; not interpreted */
+    PFN_REDIRECTOPEN    pfnOpen;     void* pOpenUserData;
+    PFN_REDIRECTREAD    pfnRead;     void* pReadUserData;
+    PFN_REDIRECTWRITE   pfnWrite;    void* pWriteUserData;
+    PFN_REDIRECTSEEK    pfnSeek;     void* pSeekUserData;
+    PFN_REDIRECTCLOSE   pfnClose;    void* pCloseUserData;
+    PFN_REDIRECTSIZE    pfnSize;     void* pSizeUserData;
+    PFN_REDIRECTSETSIZE pfnSetSize;  void* pSetSizeUserData;
+} REDIRECTRECORD;
+
+/* The kernel's default file layer (POSIX). Names are converted to UTF-8;
+ * a name that is not valid UTF-16 / UTF-32 fails. The user data is ignored. */
+OMBRIX_API void*   K_OsOpen(const wchar_t* pszName, uint32_t uMode, uint32_t uShare, void* pUserData);
+OMBRIX_API int32_t K_OsRead(void* hFile, void* pBuffer, uint32_t uBytes, void* pUserData);
+OMBRIX_API int32_t K_OsWrite(void* hFile, const void* pBuffer, uint32_t uBytes, void* pUserData);
+OMBRIX_API int64_t K_OsSeek(void* hFile, int64_t nOffset, int32_t nOrigin, void* pUserData);
+OMBRIX_API int32_t K_OsClose(void* hFile, void* pUserData);
+OMBRIX_API int64_t K_OsSize(void* hFile, void* pUserData);
+OMBRIX_API int32_t K_OsSetSize(void* hFile, int64_t nSize, void* pUserData);
+
+/* Sets the calling thread's table. Each function: null selects the default
+ * K_Os function, REDIRECT_EMPTY leaves the slot empty (it then falls back to
+ * the process-wide table), anything else is used as given. The user data is
+ * stored with every function. The size and set-size slots follow the open
+ * function: the defaults when pfnOpen is null, empty otherwise. Returns 1. */
+#define REDIRECT_EMPTY ((void*)(intptr_t)-1)
+OMBRIX_API int32_t K_RedirectIO(void* pfnOpen, void* pfnRead, void* pfnWrite, void* pfnSeek,
+                                void* pfnClose, void* pUserData);
+
+/* Selectors of K_SetRedirectFunctions */
+#define REDIRECT_SET_INSTALL 0  /* install; the record receives the table now in force */
+#define REDIRECT_SET_SWAP    1  /* install; the record receives the table it replaced */
+#define REDIRECT_SET_RESET   2  /* restore the defaults; the record receives the table it replaced */
+/* bProcessWide non-zero: the process-wide table (under its lock), else the
+ * calling thread's. In the thread's table null slots stay empty (they fall
+ * back to the process-wide table); in the process-wide table null slots get
+ * the default functions. -814 null record, -789 size other than 64, -13 for
+ * another selector. */
+OMBRIX_API int32_t K_SetRedirectFunctions(REDIRECTRECORD* pRecord, int32_t nSelector, int32_t bProcessWide);
+
+/* Modes of K_GetRedirectFunctions */
+#define REDIRECT_GET_IN_FORCE  0  /* process-wide table with the thread's non-empty slots over it;
+                                     with bProcessWide, the process-wide table alone */
+#define REDIRECT_GET_THREAD    1  /* the calling thread's table as stored (empty slots null) */
+#define REDIRECT_GET_TEMPFILE  2  /* the built-in temporary-file functions */
+#define REDIRECT_GET_DEFAULT   3  /* the default K_Os functions */
+/* -814 null record, -789 uStructSize other than 64, -13 unknown mode. */
+OMBRIX_API int32_t K_GetRedirectFunctions(REDIRECTRECORD* pRecord, uint32_t uStructSize, int32_t nMode,
+                                          int32_t bProcessWide);
+/* 1 when the table in force for the calling thread differs from the default
+ * file layer in any slot, else 0. */
+OMBRIX_API int32_t K_UsesRedirectIO(void);
+
+/* Redirected files. A redirected file handle wraps the handle that the
+ * table's open function gave, with a copy of the table, so that later
+ * calls on it use the same functions whatever happens to the tables.
+ * Handles are checked against the kernel's list of live handles: a null,
+ * -1, closed or foreign handle makes every call fail with -1. */
+typedef struct OmbrixRedirectedFile_* HREDIRECTFILE;
+/* Opens through the table in force, or through the table carried by an
+ * "ORVARedirect://" name (see K_MakeRedirectName). OMBRIX_INVALID_FILE
+ * (-1) on failure, including a name that does not decode. */
+OMBRIX_API HREDIRECTFILE K_RedirectedOpen(const wchar_t* pszName, uint32_t uMode, uint32_t uShare);
+/* The same with a UTF-8 name (malformed UTF-8 fails). */
+OMBRIX_API HREDIRECTFILE K_RedirectedOpenUtf8(const char* pszName, uint32_t uMode, uint32_t uShare);
+OMBRIX_API int32_t K_RedirectedRead(HREDIRECTFILE hFile, void* pBuffer, uint32_t uBytes);
+OMBRIX_API int32_t K_RedirectedWrite(HREDIRECTFILE hFile, const void* pBuffer, uint32_t uBytes);
+OMBRIX_API int64_t K_RedirectedSeek(HREDIRECTFILE hFile, int64_t nOffset, int32_t nOrigin);
+/* Closes the file and frees the handle: 0, or -1 (the handle is freed either way
+ * unless it was not a live handle). */
+OMBRIX_API int32_t K_RedirectedClose(HREDIRECTFILE hFile);
+/* Any count: the table's function is called with at most
+ * REDIRECT_CHUNK_BYTES at a time. 0 for a count of 0; the bytes moved so far
+ * when a call gives 0 (end of file; for writes, a full medium); -1 when a
+ * call fails or for a null or -1 handle. */
+#define REDIRECT_CHUNK_BYTES 0x7FFFFFFu
+OMBRIX_API int64_t K_RedirectedReadBig(HREDIRECTFILE hFile, void* pBuffer, uint64_t uBytes);
+OMBRIX_API int64_t K_RedirectedWriteBig(HREDIRECTFILE hFile, const void* pBuffer, uint64_t uBytes);
+/* The file size through the table's size slot (or by seeking to the end and
+ * back when the slot is empty); -1 on failure. */
+OMBRIX_API int64_t K_RedirectedGetSize(HREDIRECTFILE hFile);
+
+/* Wraps a handle of a table (null: the table in force) in a redirected file
+ * handle; the table is copied. -13 for a null out pointer or a null or -1
+ * native handle, -789 for a record whose size is not 64, -1 out of memory. */
+OMBRIX_API int32_t K_CreateRedirectedFileHandle(HREDIRECTFILE* phFile, void* hNative,
+                                                const REDIRECTRECORD* pRecord);
+/* The native handle inside; with bRelease the redirected handle is freed
+ * without closing the native handle. -13 for a handle that is not live or a
+ * null out pointer. */
+OMBRIX_API int32_t K_ExtractRedirectedFileHandle(HREDIRECTFILE hFile, void** phNative, int32_t bRelease);
+/* The copy of the table that the handle uses. -814 null record, -789 bad
+ * size, -13 not a live handle. */
+OMBRIX_API int32_t K_ExtractRedirectFunctions(HREDIRECTFILE hFile, REDIRECTRECORD* pRecord);
+/* Replaces the handle's copy of the table (for instance to move an open
+ * file to new functions that understand the same native handle). Null slots
+ * keep the handle's current function. -814, -789, -13 as above. */
+OMBRIX_API int32_t K_UpdateRedirectFunctions(HREDIRECTFILE hFile, const REDIRECTRECORD* pRecord);
+
+/* "ORVARedirect://" names carry a table inside the name, so that a name can
+ * be handed to any function that opens files:
+ *   ORVARedirect://1.<15 fields>.<check>/<name>
+ * fields: flags, then function and user data of the seven slots, in hex; the
+ * check ties the name to this process (the pointers mean nothing elsewhere).
+ * The text after the first '/' following the fields is handed to the
+ * table's open function as the name. Writes at most nChars wide characters
+ * including the terminator; -290 when they do not fit, -814 null record,
+ * -789 bad size, -13 null output, a null open function or a bad name. */
+#define REDIRECT_NAME_PREFIX L"ORVARedirect://"
+OMBRIX_API int32_t K_MakeRedirectName(const REDIRECTRECORD* pRecord, const wchar_t* pszName,
+                                      wchar_t* pszOut, uint32_t nChars);
+/* Decodes such a name: the table into the record (size 64 set by the call)
+ * and, when pnNameStart is not null, the index where the inner name starts.
+ * -13 for a name that does not decode (including one made by another process). */
+OMBRIX_API int32_t K_DecodeRedirectName(const wchar_t* pszName, REDIRECTRECORD* pRecord,
+                                        uint32_t* pnNameStart);
+
+/* Memory buffer file: an object that starts with "KBUF" and whose table reads
+ * and writes inside a growable memory block. */
+#define REDIRECTBUF_FIXED 0x0001u  /* never grow: writes past the initial size are short */
+typedef struct OmbrixRedirectBuffer_* HREDIRECTBUFFER;
+/* Creates the buffer (initial capacity uInitialSize; it grows by
+ * max(uInitialSize, uGrowSize) at a time). phFile, when not null, receives
+ * a redirected file handle open on the buffer. -13 null phBuffer or unknown
+ * flags, -1 out of memory. */
+OMBRIX_API int32_t K_StartRedirectToBuffer(HREDIRECTBUFFER* phBuffer, HREDIRECTFILE* phFile, uint32_t uFlags,
+                                           void* pUserData, uint32_t uInitialSize, uint32_t uGrowSize);
+/* The buffer's own table (its functions get the buffer as user data): install
+ * it or put it in an "ORVARedirect://" name to send any file output to the
+ * buffer. Each open of the buffer starts at position 0; REDIRECT_OPEN_TRUNCATE
+ * empties it. -13 not a live buffer, -814 / -789 as above. */
+OMBRIX_API int32_t K_GetRedirectBufferTable(HREDIRECTBUFFER hBuffer, REDIRECTRECORD* pRecord);
+/* The content so far (valid until the next write or K_StopRedirectToBuffer)
+ * and its size in bytes; either out pointer may be null. -13 not a live buffer. */
+OMBRIX_API int32_t K_GetRedirectBufferData(HREDIRECTBUFFER hBuffer, const void** ppData, uint64_t* puSize);
+/* Ends the buffer. When phData is not null it receives the content in a
+ * block from K_GlobalAlloc (free it with K_GlobalFree; null for empty
+ * content) and puSize its size. File handles open on the buffer must be
+ * closed first (-13 otherwise, and the buffer lives on). -13 not a live buffer,
+ * -1 when the content block cannot be made (the buffer lives on). */
+OMBRIX_API int32_t K_StopRedirectToBuffer(HREDIRECTBUFFER hBuffer, HGLOBAL* phData, uint64_t* puSize);
+
+/* Temporary folder of the calling thread; null or "" restores the default
+ * ($TMPDIR, else /tmp). The folder is not checked here: creating a file in a
+ * missing folder fails with -14. -13 for a name of 1024 characters or more or
+ * one that is not valid UTF-16 / UTF-32 (UTF-8 for the ...Utf8 form). */
+OMBRIX_API int32_t K_SetTempDirectory(const wchar_t* pszDir);
+OMBRIX_API int32_t K_SetTempDirectoryUtf8(const char* pszDir);
+/* Writes the folder in force (no trailing slash) into nChars characters;
+ * -290 when it does not fit, -13 for a null buffer. */
+OMBRIX_API int32_t K_GetTempDirectory(wchar_t* pszDir, uint32_t nChars);
+OMBRIX_API int32_t K_GetTempDirectoryUtf8(char* pszDir, uint32_t nChars);
+
+/* Unique temporary names: <folder>/<prefix><8 hex digits>.tmp, prefix at
+ * most 3 characters of [A-Za-z0-9_-] (null: "QX", the prefix of the kernel's
+ * own files). The plain forms create the file empty (so the name stays
+ * taken) and try until a new name is found; the numbered forms use uNumber
+ * (non-zero) as the hex part and create nothing, as the caller may want the
+ * same name twice. The output buffer holds OMBRIX_TEMP_NAME_CHARS characters.
+ * -13 null buffer, bad prefix or uNumber 0; -290 folder too long; -14 when
+ * the folder cannot hold a new file. */
+#define OMBRIX_TEMP_NAME_CHARS 260
+OMBRIX_API int32_t K_GetTempFileName(wchar_t* pszName, const wchar_t* pszPrefix);
+OMBRIX_API int32_t K_GetTempFileNameUtf8(char* pszName, const char* pszPrefix);
+OMBRIX_API int32_t K_GetTempFileNameNumbered(wchar_t* pszName, const wchar_t* pszPrefix, uint32_t uNumber);
+OMBRIX_API int32_t K_GetTempFileNameNumberedUtf8(char* pszName, const char* pszPrefix, uint32_t uNumber);
+/* Deletes a file: 1, -13 null name, -10 missing, -6 when it cannot be removed. */
+OMBRIX_API int32_t K_DeleteTempFile(const wchar_t* pszName);
+OMBRIX_API int32_t K_DeleteTempFileUtf8(const char* pszName);
+
+/* Temporary-file options: one process-wide record. */
+#define TEMPFILEOPTIONS_SIZE 24u
+#define TEMPFILE_MODE_DISK    2   /* temporary files on disk (the default; 1 means the same) */
+#define TEMPFILE_MODE_NO_DISK 3   /* temporary files may not be kept on a physical disk */
+#define TEMPFILE_OPT_NAMED 0x0001u /* never use anonymous files (O_TMPFILE): create a named
+                                      file and unlink it at once */
+typedef struct TEMPFILEOPTIONS_ {
+    uint32_t uStructSize;    /* TEMPFILEOPTIONS_SIZE */
+    int32_t  nMode;          /* 1..3; 0 is stored as 2; -1 keeps the mode in force */
+    uint32_t uFlags;         /* TEMPFILE_OPT_ */
+    uint32_t uMaxFileMiB;    /* largest kernel temporary file in MiB; 0 no limit */
+    uint32_t uReserved[2];   /* kept and returned as given */
+} TEMPFILEOPTIONS;
+/* -814 null record, -789 size other than 24, -13 mode outside -1..3. */
+OMBRIX_API int32_t K_SetTempFileOptions(const TEMPFILEOPTIONS* pOptions);
+OMBRIX_API int32_t K_GetTempFileOptions(TEMPFILEOPTIONS* pOptions, uint32_t uStructSize);
+/* The mode in force (2 until one is set). */
+OMBRIX_API int32_t K_GetTempFileMode(void);
+
+/* The built-in temporary-file table (K_GetRedirectFunctions mode 2). The
+ * open function makes a new kernel temporary file in the temporary folder,
+ * deleted when closed; the name, when not empty, gives its prefix (at most
+ * 3 characters, as above). Handles are positioned files. */
+OMBRIX_API void*   K_RedirectedTempFileOpen(const wchar_t* pszName, uint32_t uMode, uint32_t uShare, void* pUserData);
+OMBRIX_API int32_t K_RedirectedTempFileRead(void* hFile, void* pBuffer, uint32_t uBytes, void* pUserData);
+OMBRIX_API int32_t K_RedirectedTempFileWrite(void* hFile, const void* pBuffer, uint32_t uBytes, void* pUserData);
+OMBRIX_API int64_t K_RedirectedTempFileWriteBig(void* hFile, const void* pBuffer, uint64_t uBytes, void* pUserData);
+OMBRIX_API int64_t K_RedirectedTempFileSeek(void* hFile, int64_t nOffset, int32_t nOrigin, void* pUserData);
+OMBRIX_API int32_t K_RedirectedTempFileClose(void* hFile, void* pUserData);
+OMBRIX_API int64_t K_RedirectedTempFileSize(void* hFile, void* pUserData);
+OMBRIX_API int32_t K_RedirectedTempFileSetSize(void* hFile, int64_t nSize, void* pUserData);
+
+/* String conversion (strict: malformed input, overlong forms, surrogates in
+ * UTF-8 or UTF-32, unpaired surrogates in UTF-16 and code points above
+ * 0x10FFFF are refused, never replaced). Lengths are in code units; a
+ * source length of -1 means "up to the terminator". The output is always
+ * terminated; pnWritten (may be null) receives the units written without the
+ * terminator. Null output with nCapacity 0 only measures. Returns 1, -13 for
+ * malformed input or a null source, -290 when the output is too small. */
+OMBRIX_API int32_t K_Utf8ToWide(const char* pSrc, int32_t nSrcLen, wchar_t* pDst, uint32_t nCapacity,
+                                uint32_t* pnWritten);
+OMBRIX_API int32_t K_WideToUtf8(const wchar_t* pSrc, int32_t nSrcLen, char* pDst, uint32_t nCapacity,
+                                uint32_t* pnWritten);
+OMBRIX_API int32_t K_Utf8ToUtf16(const char* pSrc, int32_t nSrcLen, uint16_t* pDst, uint32_t nCapacity,
+                                 uint32_t* pnWritten);
+OMBRIX_API int32_t K_Utf16ToUtf8(const uint16_t* pSrc, int32_t nSrcLen, char* pDst, uint32_t nCapacity,
+                                 uint32_t* pnWritten);
 /* @@storage-redirect@@ */
 
 /* (keep this line between the two storage parts) */
 
 /* -- bitmap memory, row and column access, compressed rows -- */
+/* Internal forms of access and release. K_IntAccessBitmap sets *pbAccessed
+ * to 1 when the access succeeded, else 0 (-2 for a null record).
+ * K_IntReleaseBitmap releases only when bAccessed is set and returns nStatus
+ * unless it is 1, in which case it returns the release's result (-814 null). */
+OMBRIX_API int32_t K_IntAccessBitmap(BITMAPRECORD* pBitmap, int32_t* pbAccessed);
+OMBRIX_API int32_t K_IntReleaseBitmap(BITMAPRECORD* pBitmap, int32_t bAccessed, int32_t nStatus);
+
+/* Per-thread default memory type (used when 0 is passed as a memory type):
+ * only MEMTYPE_CONVENTIONAL and MEMTYPE_NO_CONVENTIONAL are accepted (-13). */
+OMBRIX_API int32_t  K_SetDefaultMemoryType(uint32_t uMemoryType);
+OMBRIX_API uint32_t K_GetDefaultMemoryType(void);
+
+/* Per-thread memory thresholds. uFlags selects the values to store; a value
+ * for which adding 100 overflows, or a negative tile size, gives -13 (the
+ * values before it are stored). Negative keep-free / largest-image values are
+ * percentages (-N = N%). A tile size of 0 means 16 MiB. The fifth value
+ * allows file-backed tiles when above 0 (default 1); the fourth is stored only. */
+#define MEMTHRESHOLD_KEEP_FREE      1u
+#define MEMTHRESHOLD_LARGEST_IMAGE  2u
+#define MEMTHRESHOLD_TILE_SIZE      4u
+#define MEMTHRESHOLD_FOURTH         8u
+#define MEMTHRESHOLD_FIFTH         16u
+OMBRIX_API int32_t K_SetMemoryThresholds(int32_t nKeepFree, int32_t nLargestImage, int32_t nTileSize,
+                                         int32_t nFourth, int32_t nFifth, uint32_t uFlags);
+/* Each pointer may be null. */
+OMBRIX_API int32_t K_GetMemoryThresholds(int32_t* pnKeepFree, int32_t* pnLargestImage, int32_t* pnTileSize,
+                                         int32_t* pnFourth, int32_t* pnFifth);
+
+/* Process-wide largest conventional image: three 32-bit words (size 12, then
+ * the 64-bit value). Null or -1 clears it (no process-wide limit); another
+ * negative value gives -13; a size word other than 12 gives -789. */
+#define GLOBALMEMORYTHRESHOLDS_SIZE 12u
+#pragma pack(push, 4)
+typedef struct GLOBALMEMORYTHRESHOLDS_ {
+    uint32_t uStructSize;     /* GLOBALMEMORYTHRESHOLDS_SIZE */
+    int64_t  nLargestImage;   /* bytes, 0: none */
+} GLOBALMEMORYTHRESHOLDS;
+#pragma pack(pop)
+OMBRIX_API int32_t K_SetGlobalMemoryThresholds(const GLOBALMEMORYTHRESHOLDS* pThresholds);
+OMBRIX_API int32_t K_GetGlobalMemoryThresholds(GLOBALMEMORYTHRESHOLDS* pThresholds);
+
+/* The process-wide cap and counter of conventional memory (single blocks and
+ * memory tiles), under one lock. Commands:
+ *   0 set the cap (0 removes it; old cap to *pnResult when given)      1
+ *   1 cap to *pnResult                                                 1
+ *   2 reserve nValue bytes (fails when a cap is set and would be passed) 1 or -1905
+ *   3 release nValue bytes                                              1
+ *   4 counter to *pnResult                                              1 or -814
+ *   5 free room to *pnResult (cap - counter; 1 when reached; INT64_MAX
+ *     without a cap), then test nValue as command 2 would                1 or -1905
+ *   other                                                               -16 */
+#define MANAGEMEMORY_SET_CAP     0
+#define MANAGEMEMORY_GET_CAP     1
+#define MANAGEMEMORY_RESERVE     2
+#define MANAGEMEMORY_RELEASE     3
+#define MANAGEMEMORY_GET_COUNTER 4
+#define MANAGEMEMORY_GET_ROOM    5
+OMBRIX_API int32_t K_ManageMemory(int32_t nCommand, int64_t nValue, int64_t* pnResult);
+
+/* One process-wide callback consulted before every allocation with a
+ * BITMAPALLOCINFO (nBytesPerLine 0); it may change uMemoryType; any answer
+ * but 1 becomes the result. The old values go where the pointers are not null. */
+OMBRIX_API int32_t K_SetAllocateBitmapCallback(PFN_BITMAPALLOCATE pfnCallback, void* pUserData,
+                                               PFN_BITMAPALLOCATE* ppfnOld, void** ppOldUserData);
+
+/* Storage kind of an allocated bitmap: 1 single block, 2 caller or callback
+ * memory, 4 tiled, 128 temporary file, 512 run-compressed, 1024
+ * super-compressed. For tiles also the bytes per tile, the tile count and how
+ * many tiles are file-backed (0 otherwise). Every out pointer may be null. */
+OMBRIX_API int32_t K_GetBitmapMemoryInfo(const BITMAPRECORD* pBitmap, uint32_t* puMemoryType,
+                                         uint64_t* puTileSize, int32_t* pnTileCount, int32_t* pnTilesOnDisk);
+/* Moves the pixels into storage of another kind (one of the kinds above but 2;
+ * uTileSize for tiles, 0 = the thread's tile size). The pixels are kept; on
+ * failure the bitmap is unchanged. A locked bitmap gives -13; 512 needs 1 bit,
+ * 1024 needs 1, 8 or 24 bits (-27). */
+OMBRIX_API int32_t K_SetBitmapMemoryInfo(BITMAPRECORD* pBitmap, uint32_t uMemoryType, uint64_t uTileSize);
+
+/* Compression of a bitmap's storage, pixels kept:
+ * 0 uncompressed (the normal decision), 1 run-compressed (1 bit), 2
+ * super-compressed (1, 8, 24 bits). Toggle: compressed -> uncompressed;
+ * uncompressed -> run-compressed at 1 bit, super-compressed at 8 and 24 bits. */
+#define BITMAPCOMPRESSION_NONE  0
+#define BITMAPCOMPRESSION_RUNS  1
+#define BITMAPCOMPRESSION_SUPER 2
+OMBRIX_API int32_t K_ChangeBitmapCompression(BITMAPRECORD* pBitmap, int32_t nMode);
+OMBRIX_API int32_t K_ToggleBitmapCompression(BITMAPRECORD* pBitmap);
+
+/* Row access for every storage kind. Rows are stored rows (no view
+ * perspective). The copy starts at byte floor(nCol * bits per pixel / 8) of
+ * the row; below 8 bits whole bytes move and no bits are shifted. uBytes
+ * larger than the rest of the row is cut at the row's end. Result: the
+ * number of bytes copied, or a status: -13 null pointer, row or column out
+ * of range; -789 size word; -2 not allocated; a get-row callback's non-zero
+ * answer is returned as it is. Compressed and super-compressed storage keep
+ * the pixels of a row, not its padding: padding reads as zero. */
+OMBRIX_API int32_t K_GetBitmapRow(BITMAPRECORD* pBitmap, uint8_t* pBuffer, int32_t nRow, uint32_t uBytes);
+OMBRIX_API int32_t K_PutBitmapRow(BITMAPRECORD* pBitmap, const uint8_t* pBuffer, int32_t nRow, uint32_t uBytes);
+OMBRIX_API int32_t K_GetBitmapRowCol(BITMAPRECORD* pBitmap, uint8_t* pBuffer, int32_t nRow, int32_t nCol,
+                                     uint32_t uBytes);
+OMBRIX_API int32_t K_PutBitmapRowCol(BITMAPRECORD* pBitmap, const uint8_t* pBuffer, int32_t nRow, int32_t nCol,
+                                     uint32_t uBytes);
+
+/* Writes only the pixels x of row nRow with x1 <= x < x2 for each of the
+ * nSegments pairs {x1, x2} in pSegments (as the clip segments of a region
+ * give them), taking them from pRow, a buffer that holds the whole row in the
+ * bitmap's format. Pairs are clipped to the row; empty pairs are skipped;
+ * pixels outside the pairs are left as they are at every depth (sub-byte
+ * pixels are masked). Returns 1 or a status as K_PutBitmapRow. */
+OMBRIX_API int32_t K_PutBitmapRowSegments(BITMAPRECORD* pBitmap, const uint8_t* pRow, int32_t nRow,
+                                          const int32_t* pSegments, int32_t nSegments);
+
+/* The compressed-row format of 1-bit rows: a 32-bit word count w, then w
+ * 16-bit run lengths (native byte order, no alignment needed), alternating
+ * 0-runs and 1-runs, starting with a 0-run (of length 0 when the row starts
+ * with a 1). No run passes 65535: the run is closed at the last whole byte
+ * and a 0-length run of the other value follows. Rows follow each other
+ * back to back (4 + 2w bytes each). OMBRIX_COMPRESSED_ROW_MAX(n) bytes always
+ * hold one compressed row of n pixels. */
+#define OMBRIX_COMPRESSED_ROW_MAX(n) \
+    ((size_t)(4 + 2 * ((uint64_t)(n) + 4 + 2 * ((uint64_t)(n) / 65528 + 1))))
+
+/* Exchange a row (or nPixels pixels from nCol on) of a 1-bit bitmap in the
+ * compressed-row format. pWork is a buffer of nBytesPerLine bytes or null
+ * (then one is allocated; -1 when it cannot be). nPixels is cut at the row's
+ * end. A run list given to a Put form is untrusted: runs past nPixels are
+ * cut. Result 1 or a status (-27 for a bitmap that is not 1 bit). */
+OMBRIX_API int32_t K_GetBitmapRowCompressed(BITMAPRECORD* pBitmap, uint8_t* pWork, uint8_t* pRuns, int32_t nRow,
+                                            int32_t nPixels);
+OMBRIX_API int32_t K_PutBitmapRowCompressed(BITMAPRECORD* pBitmap, uint8_t* pWork, const uint8_t* pRuns,
+                                            int32_t nRow, int32_t nPixels);
+OMBRIX_API int32_t K_GetBitmapRowColCompressed(BITMAPRECORD* pBitmap, uint8_t* pWork, uint8_t* pRuns,
+                                               int32_t nRow, int32_t nCol, int32_t nPixels);
+OMBRIX_API int32_t K_PutBitmapRowColCompressed(BITMAPRECORD* pBitmap, uint8_t* pWork, const uint8_t* pRuns,
+                                               int32_t nRow, int32_t nCol, int32_t nPixels);
+
+/* Compress nPixels pixels from pixel nFirst of pSrc (the source is not
+ * modified) / nRows rows of nWidth pixels laid out ((nWidth + 31) / 32) * 4
+ * bytes apart, into pRuns. Result 1 (nRows 0: 1 at once) or -13. */
+OMBRIX_API int32_t K_CompressRow(uint8_t* pRuns, const uint8_t* pSrc, int32_t nFirst, int32_t nPixels);
+OMBRIX_API int32_t K_CompressRows(uint8_t* pRuns, const uint8_t* pSrc, int32_t nWidth, int32_t nRows);
+/* The reverse: K_ExpandRow clears pixels [nFirst, nFirst + nPixels) of pDst
+ * and sets the 1-runs; K_ExpandRows clears each whole destination row first.
+ * Runs that sum past the pixel count are cut there. */
+OMBRIX_API int32_t K_ExpandRow(const uint8_t* pRuns, uint8_t* pDst, int32_t nFirst, int32_t nPixels);
+OMBRIX_API int32_t K_ExpandRows(const uint8_t* pRuns, uint8_t* pDst, int32_t nWidth, int32_t nRows);
+/* Mirror each of nRows compressed rows left to right / copy the rows in
+ * reverse order. Source and destination must not overlap. -13 null buffers. */
+OMBRIX_API int32_t K_MirrorCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, int32_t nRows);
+OMBRIX_API int32_t K_FlipCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, int32_t nRows);
 /* @@storage-memory@@ */
 
 /* ======================================================================
