@@ -12,6 +12,7 @@
 #include "ombrix.h"
 #include "krn/common/memory.h"
 #include "regions_mask.h"
+#include "storage_kinds.h"
 
 using rgntest::Mask;
 
@@ -639,6 +640,70 @@ TEST(RegionsBitmap, FillColourEncodingAndColourRegions) {
     Bitmap t(20, 10, 8);
     ASSERT_EQ(K_SetBitmapRgnFromMask(&t.bm, nullptr, &m.bm, 1), KS_SUCCESS);
     for (int x = 0; x < 20; ++x) EXPECT_EQ(K_IsPtInBitmapRgn(&t.bm, 4, x), uint8_t(x * 13) >= 128 ? 1 : 0) << x;
+}
+
+// Filling and colour regions go through the row layer: every storage kind
+// gives the same pixels and the same regions as a plain image.
+TEST(RegionsBitmap, FillAndColourRegionsOnEveryStorageKind) {
+    using namespace storagetest;
+    CapGuard guard;
+    for (int bpp : {1, 8, 24}) {
+        const int W = 77, H = 41;
+        RefImage ref(W, H, bpp);
+        ref.randomize(uint32_t(bpp) * 7 + 1);
+        // A colour to look for later: a block of one raw value.
+        const uint64_t mark = bpp == 1 ? 1 : bpp == 8 ? 0xC3 : 0x00FF00;  // BGR bytes 00 FF 00: green
+        for (int y = 5; y < 20; ++y)
+            for (int x = 10; x < 40; ++x) setPixel(ref.row(y), x, bpp, bpp == 24 ? 0x00FF00 : mark);
+        RECT e{-5, 3, 60, 38};
+        const uint64_t raw = bpp == 1 ? 1 : bpp == 8 ? 0x5A : 0x112233;
+        // Expected image: the ellipse filled with raw.
+        RefImage want = ref;
+        Bitmap probe(W, H, 8);
+        ASSERT_EQ(K_SetBitmapRgnEllipse(&probe.bm, nullptr, &e, 1), KS_SUCCESS);
+        for (int y = 0; y < H; ++y)
+            for (int x = 0; x < W; ++x)
+                if (K_IsPtInBitmapRgn(&probe.bm, y, x)) {
+                    uint64_t v = raw;
+                    if (bpp == 24) v = ((raw & 0xFF) << 16) | (raw & 0xFF00) | ((raw >> 16) & 0xFF);  // byte order
+                    setPixel(want.row(y), x, bpp, v);
+                }
+        for (Kind k : kindsFor(bpp)) {
+            SCOPED_TRACE(std::string(kindName(k)) + " bpp " + std::to_string(bpp));
+            KindBitmap kb(k, W, H, bpp);
+            ASSERT_EQ(kb.rc, KS_SUCCESS);
+            for (int y = 0; y < H; ++y) ASSERT_GE(K_PutBitmapRow(&kb.bm, ref.row(y), y, ref.bpl), 0);
+            // Colour region of the marked colour: compare with the plain image.
+            uint32_t colour;
+            if (bpp == 24) {
+                colour = 0x00FF00;
+            } else {
+                RGBQUAD q = kb.bm.pPalette[mark];
+                colour = uint32_t(q.rgbRed) | uint32_t(q.rgbGreen) << 8 | uint32_t(q.rgbBlue) << 16;
+            }
+            ASSERT_EQ(K_SetBitmapRgnColor(&kb.bm, colour, 1), KS_SUCCESS);
+            for (int y = 0; y < H; ++y)
+                for (int x = 0; x < W; ++x) {
+                    uint64_t v = getPixel(ref.row(y), x, bpp);
+                    bool same;
+                    if (bpp == 24) {
+                        same = v == 0x00FF00;
+                    } else {
+                        RGBQUAD q = kb.bm.pPalette[v], m = kb.bm.pPalette[mark];
+                        same = q.rgbRed == m.rgbRed && q.rgbGreen == m.rgbGreen && q.rgbBlue == m.rgbBlue;
+                    }
+                    ASSERT_EQ(K_IsPtInBitmapRgn(&kb.bm, y, x), same ? 1 : 0) << x << "," << y;
+                }
+            ASSERT_EQ(K_SetBitmapRgnEllipse(&kb.bm, nullptr, &e, 1), KS_SUCCESS);
+            ASSERT_EQ(K_FillBitmap2(&kb.bm, raw), KS_SUCCESS);
+            std::vector<uint8_t> row(ref.bpl);
+            for (int y = 0; y < H; ++y) {
+                ASSERT_GE(K_GetBitmapRow(&kb.bm, row.data(), y, ref.bpl), 0);
+                for (int x = 0; x < W; ++x)
+                    ASSERT_EQ(getPixel(row.data(), x, bpp), getPixel(want.row(y), x, bpp)) << x << "," << y;
+            }
+        }
+    }
 }
 
 // ---------------------------------------------------------------- view perspective arithmetic

@@ -294,40 +294,11 @@ void buildPatternRow(uint8_t* row, uint32_t bytes, int32_t width, int32_t bpp, u
     }
 }
 
-// Copies pixels [x1, x2) from src to dst (rows of the same layout).
-void copyPixels(uint8_t* dst, const uint8_t* src, int32_t x1, int32_t x2, int32_t bpp) noexcept {
-    if (bpp % 8 == 0) {
-        const size_t pb = size_t(bpp / 8);
-        std::memcpy(dst + size_t(x1) * pb, src + size_t(x1) * pb, size_t(x2 - x1) * pb);
-        return;
-    }
-    uint64_t s = uint64_t(x1) * uint64_t(bpp), e = uint64_t(x2) * uint64_t(bpp);  // bit range [s, e)
-    uint64_t fb = s >> 3, lb = (e - 1) >> 3;
-    uint8_t firstMask = uint8_t(0xFFu >> (s & 7));
-    uint8_t lastMask = uint8_t(0xFFu << (7 - ((e - 1) & 7)));
-    if (fb == lb) {
-        uint8_t m = firstMask & lastMask;
-        dst[fb] = uint8_t((dst[fb] & ~m) | (src[fb] & m));
-        return;
-    }
-    dst[fb] = uint8_t((dst[fb] & ~firstMask) | (src[fb] & firstMask));
-    if (lb > fb + 1) std::memcpy(dst + fb + 1, src + fb + 1, size_t(lb - fb - 1));
-    dst[lb] = uint8_t((dst[lb] & ~lastMask) | (src[lb] & lastMask));
-}
-
 }  // namespace
 
 int32_t putRowSegments(BITMAPRECORD* bm, int32_t row, const uint8_t* rowData, const int32_t* segs,
                        uint32_t count) noexcept {
-    // Single-block and caller-memory storage: the pixels are reachable
-    // through pData between K_AccessBitmap and K_ReleaseBitmap.
-    if (!bm->pData) return KS_NOT_SUPPORTED;
-    uint8_t* dst = bm->pData + size_t(row) * bm->nBytesPerLine;
-    for (uint32_t i = 0; i + 1 < count; i += 2) {
-        int32_t a = std::max(segs[i], 0), b = std::min(segs[i + 1], bm->nWidth);
-        if (a < b) copyPixels(dst, rowData, a, b, bm->nBitsPerPixel);
-    }
-    return KS_SUCCESS;
+    return K_PutBitmapRowSegments(bm, rowData, row, segs, int32_t(count / 2));
 }
 
 int32_t fillRaw(BITMAPRECORD* bm, uint64_t raw) noexcept {
@@ -347,6 +318,7 @@ int32_t fillRaw(BITMAPRECORD* bm, uint64_t raw) noexcept {
             y0 = std::max(y0, r->rcBounds.top);
             y1 = std::min(y1, r->rcBounds.bottom);
         }
+        // Rows pass through the row layer, so every storage kind is filled.
         for (int32_t y = y0; y < y1 && rc == KS_SUCCESS; ++y) {
             uint32_t n = clipSegments(bm, y, segs.data());
             if (n) rc = putRowSegments(bm, y, pattern.data(), segs.data(), n);
@@ -422,10 +394,13 @@ int32_t scanBitmap(BITMAPRECORD* bm, const Match& match, OrvaRgn** out) {
     const int32_t w = bm->nWidth;
     int32_t st = bld.start(0, bm->nHeight, 0);
     if (st != KS_SUCCESS) return st;
+    kvector<uint8_t> row(bm->nBytesPerLine);
     for (int32_t y = 0; y < bm->nHeight; ++y) {
+        int32_t got = K_GetBitmapRow(bm, row.data(), y, bm->nBytesPerLine);
+        if (got < 0) return got;
         int32_t* d = bld.rowSpace(uint32_t(w) + 2u);
         if (!d) return KS_NO_MEMORY;
-        bld.endRow(scanRow<BPP>(bm->pData + size_t(y) * bm->nBytesPerLine, w, match, d));
+        bld.endRow(scanRow<BPP>(row.data(), w, match, d));
     }
     return bld.finish(out);
 }
@@ -499,7 +474,6 @@ int32_t colorRegion(const BITMAPRECORD* src, uint32_t color, bool whiteByGrey, O
     st = K_AccessBitmap(bm);
     if (st != KS_SUCCESS) return st;
     st = guarded([&]() -> int32_t {
-        if (!bm->pData) return KS_NOT_SUPPORTED;
         const int32_t bpp = bm->nBitsPerPixel;
         const uint32_t cr = color & 0xFF, cg = (color >> 8) & 0xFF, cb = (color >> 16) & 0xFF;
         if (bpp <= 8) {
