@@ -9,6 +9,7 @@
 #include "region.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -20,7 +21,8 @@
 namespace krn::rgn {
 namespace {
 
-constexpr int64_t kMaxRows = ORVARGN_MAX_ROWS;
+std::atomic<int64_t> g_maxRows{ORVARGN_MAX_ROWS};
+inline int64_t maxRows() noexcept { return g_maxRows.load(std::memory_order_relaxed); }
 
 bool fits32(int64_t v) noexcept { return v >= INT32_MIN && v <= INT32_MAX; }
 
@@ -191,7 +193,7 @@ int32_t scanEdges(kvector<Edge>& edges, bool winding, OrvaRgn** out) {
               [](const Edge& a, const Edge& b) { return a.rowTop() < b.rowTop(); });
     int64_t top = edges.front().rowTop(), bottom = top;
     for (const Edge& e : edges) bottom = std::max(bottom, e.rowBottom());
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     Builder bld;
     int32_t rc = bld.start(top, bottom, 0);
     if (rc != KS_SUCCESS) return rc;
@@ -279,7 +281,7 @@ int32_t rectsUnion(kvector<RECT>& rects, OrvaRgn** out) {
         });
     int64_t top = rects.front().top, bottom = top;
     for (const RECT& r : rects) bottom = std::max<int64_t>(bottom, r.bottom);
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     // Sweep: between two consecutive tops/bottoms the set of active
     // rectangles is constant, so its merged runs repeat on every row.
     kvector<int64_t> bottoms;
@@ -322,11 +324,15 @@ int32_t rectsUnion(kvector<RECT>& rects, OrvaRgn** out) {
 
 }  // namespace
 
+void setRowLimit(int64_t rows) noexcept {
+    g_maxRows.store(rows <= 0 || rows > ORVARGN_MAX_ROWS ? ORVARGN_MAX_ROWS : rows, std::memory_order_relaxed);
+}
+
 // ------------------------------------------------------------------ builder
 Builder::~Builder() { destroy(r_); }
 
 int32_t Builder::start(int64_t top, int64_t bottom, size_t expectValues) noexcept {
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     r_ = static_cast<OrvaRgn*>(memCalloc(sizeof(OrvaRgn)));
     if (!r_) return KS_NO_MEMORY;
     top_ = cur_ = top;
@@ -503,7 +509,7 @@ int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out) n
 int32_t fromRect(const RECT& rc, OrvaRgn** out) noexcept {
     if (rc.left >= rc.right || rc.top >= rc.bottom) return create(out);
     int64_t h = int64_t(rc.bottom) - rc.top;
-    if (h > kMaxRows) return KS_NO_MEMORY;
+    if (h > maxRows()) return KS_NO_MEMORY;
     Builder bld;
     int32_t st = bld.start(rc.top, rc.bottom, size_t(h) * 2);
     if (st != KS_SUCCESS) return st;
@@ -708,7 +714,7 @@ int32_t scale(OrvaRgn* r, int32_t xn, int32_t xd, int32_t yn, int32_t yd) noexce
     int64_t top = map(b.top, yn, yd), bottom = map(b.bottom, yn, yd);
     if (!fits32(top) || !fits32(bottom) || !fits32(map(b.left, xn, xd)) || !fits32(map(b.right, xn, xd)))
         return KS_INVALID_PARAMETER;
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     return guarded([&]() -> int32_t {
         Builder bld;
         size_t expect = size_t(r->uRunDataSize / 4u) * size_t(std::max<int64_t>(1, (yn + yd - 1) / yd));
@@ -783,7 +789,7 @@ int32_t reverseCols(OrvaRgn* r, int64_t w) noexcept {
 int32_t transpose(OrvaRgn* r) noexcept {
     if (isEmpty(r)) return KS_SUCCESS;
     const int64_t left = r->rcBounds.left, width = int64_t(r->rcBounds.right) - left;
-    if (width > kMaxRows) return KS_NO_MEMORY;
+    if (width > maxRows()) return KS_NO_MEMORY;
     return guarded([&]() -> int32_t {
         // Sweep the rows; where a column turns on remember the row, where it
         // turns off emit the vertical run (column, from, to). Runs of one

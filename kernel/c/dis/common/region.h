@@ -116,6 +116,9 @@ uint32_t regionDataSize(const OrvaRgn* r) noexcept;
 void writeRegionData(const OrvaRgn* r, RGNDATA* buf) noexcept;
 // ExtCreateRegion's parser: -13 for a refused block.
 int32_t fromRegionData(const XFORM* xform, uint32_t bytes, const RGNDATA* data, OrvaRgn** out) noexcept;
+// Test hook: lowers the row limit below ORVARGN_MAX_ROWS (0 restores it), so
+// fuzzing spends its time on variety rather than on legal giant regions.
+void setRowLimit(int64_t rows) noexcept;
 // Structural invariant check (tests, debug builds).
 bool valid(const OrvaRgn* r) noexcept;
 
