@@ -55,7 +55,8 @@ uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, 
     uint32_t i = 0, j = 0, n = 0;
     unsigned sa = 0, sb = 0, in = 0;
     while (i < na && j < nb) {
-        int32_t xa = a[i], xb = b[j], x;
+        const int32_t xa = a[i], xb = b[j];
+        int32_t x;
         if (xa < xb) {
             x = xa;
             sa ^= 1;
@@ -71,11 +72,10 @@ uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, 
             ++i;
             ++j;
         }
-        unsigned o = (T >> (sa * 2 + sb)) & 1u;
-        if (o != in) {
-            out[n++] = x;
-            in = o;
-        }
+        const unsigned o = (T >> (sa * 2 + sb)) & 1u;
+        out[n] = x;  // kept only when the result state changes
+        n += o ^ in;
+        in = o;
     }
     // One side is exhausted and outside all its runs: the rest of the other
     // side is either copied verbatim or dropped.
@@ -90,8 +90,39 @@ uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, 
     return n;
 }
 
+// Row cursor over a region: x values of successive rows without lookups.
+struct RowCursor {
+    const OrvaRgn* r;
+    int64_t top, bottom;
+    const int32_t* xs(int64_t y, uint32_t* n) const noexcept {
+        if (y < top || y >= bottom) {
+            *n = 0;
+            return nullptr;
+        }
+        const ORVARGNROW& e = r->pRowIndex[y - top];
+        *n = e.uCount;
+        return r->pRunData + e.uOffset / 4u;
+    }
+};
+
+inline void copyValues(int32_t* dst, const int32_t* src, uint32_t n) noexcept {
+    if (n <= 8) {
+        for (uint32_t i = 0; i < n; ++i) dst[i] = src[i];
+    } else {
+        std::memcpy(dst, src, n * sizeof(int32_t));
+    }
+}
+
+inline bool sameRow(const int32_t* p, uint32_t np, const int32_t* q, uint32_t nq) noexcept {
+    if (np != nq) return false;
+    if (np == 0 || p == q) return true;
+    // Rows that differ usually differ at an end: look there before the whole row.
+    if (p[0] != q[0] || p[np - 1] != q[np - 1]) return false;
+    return np <= 2 || std::memcmp(p + 1, q + 1, (np - 2) * sizeof(int32_t)) == 0;
+}
+
 template <unsigned T>
-int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out) noexcept {
+int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
     const bool aE = isEmpty(a), bE = isEmpty(b);
     int64_t top, bottom;
     constexpr bool keepA = (T >> 2) & 1u, keepB = (T >> 1) & 1u;
@@ -111,33 +142,42 @@ int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out) noexcept {
         if (top >= bottom) return create(out);
     }
     Builder bld;
+    // An upper bound: a result row never holds more x values than its two
+    // source rows together, so the run data never grows (and nothing can fail
+    // once the recycled blocks are taken).
     size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
-    int32_t rc = bld.start(top, bottom, expect);
+    if (recycle == a || recycle == b) recycle = nullptr;
+    int32_t rc = bld.start(top, bottom, expect, recycle);
     if (rc != KS_SUCCESS) return rc;
-    for (int64_t y = top; y < bottom; ++y) {
-        uint32_t na, nb;
-        const int32_t* ra = rowAt(a, y, &na);
-        const int32_t* rb = rowAt(b, y, &nb);
-        if (nb == 0) {
-            if (keepA && na) {
-                if (!bld.putRow(ra, na)) return KS_NO_MEMORY;
-            } else {
-                bld.endRow(0);
-            }
-            continue;
+    const RowCursor ca{a, aE ? 0 : a->rcBounds.top, aE ? 0 : a->rcBounds.bottom};
+    const RowCursor cb{b, bE ? 0 : b->rcBounds.top, bE ? 0 : b->rcBounds.bottom};
+    const int32_t *pa = nullptr, *pb = nullptr;
+    uint32_t npa = 0, npb = 0;
+    bool havePrev = false;
+    bld.fillAll([&](int64_t y, int32_t* dst, const int32_t* prevOut, uint32_t nPrevOut) -> uint32_t {
+        uint32_t na, nb, n;
+        const int32_t* ra = ca.xs(y, &na);
+        const int32_t* rb = cb.xs(y, &nb);
+        if (havePrev && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
+            // Both inputs repeat the previous row: so does the result.
+            copyValues(dst, prevOut, nPrevOut);
+            n = nPrevOut;
+        } else if (nb == 0) {
+            n = keepA ? na : 0;
+            copyValues(dst, ra, n);
+        } else if (na == 0) {
+            n = keepB ? nb : 0;
+            copyValues(dst, rb, n);
+        } else {
+            n = mergeRow<T>(ra, na, rb, nb, dst);
         }
-        if (na == 0) {
-            if (keepB) {
-                if (!bld.putRow(rb, nb)) return KS_NO_MEMORY;
-            } else {
-                bld.endRow(0);
-            }
-            continue;
-        }
-        int32_t* dst = bld.rowSpace(na + nb);
-        if (!dst) return KS_NO_MEMORY;
-        bld.endRow(mergeRow<T>(ra, na, rb, nb, dst));
-    }
+        pa = ra;
+        npa = na;
+        pb = rb;
+        npb = nb;
+        havePrev = true;
+        return n;
+    });
     return bld.finish(out);
 }
 
@@ -331,17 +371,39 @@ void setRowLimit(int64_t rows) noexcept {
 // ------------------------------------------------------------------ builder
 Builder::~Builder() { destroy(r_); }
 
-int32_t Builder::start(int64_t top, int64_t bottom, size_t expectValues) noexcept {
+int32_t Builder::start(int64_t top, int64_t bottom, size_t expectValues, OrvaRgn* recycle) noexcept {
     if (bottom - top > maxRows()) return KS_NO_MEMORY;
+    if (expectValues > size_t(UINT32_MAX) / 4u) return KS_NO_MEMORY;
     r_ = static_cast<OrvaRgn*>(memCalloc(sizeof(OrvaRgn)));
     if (!r_) return KS_NO_MEMORY;
     top_ = cur_ = top;
     bottom_ = std::max(top, bottom);
-    if (bottom_ > top_) {
-        r_->pRowIndex = memAllocArray<ORVARGNROW>(size_t(bottom_ - top_));
+    capacity_ = std::max<size_t>(expectValues, 64);
+    const size_t rows = size_t(bottom_ - top_);
+    if (recycle && recycle->pRowIndex && recycle->pRunData) {
+        // Take over the blocks of a region that is about to be replaced:
+        // their pages are already mapped. Both are resized before anything is
+        // written, so a failure here leaves `recycle` whole.
+        auto* idx = rows ? static_cast<ORVARGNROW*>(memRealloc(recycle->pRowIndex, rows * sizeof(ORVARGNROW)))
+                         : nullptr;
+        if (rows && !idx) return KS_NO_MEMORY;
+        if (idx) recycle->pRowIndex = idx;
+        auto* run = static_cast<int32_t*>(memRealloc(recycle->pRunData, capacity_ * sizeof(int32_t)));
+        if (!run) return KS_NO_MEMORY;  // recycle keeps its (possibly resized) blocks
+        recycle->pRunData = nullptr;
+        r_->pRunData = run;
+        if (rows) {
+            r_->pRowIndex = idx;
+            recycle->pRowIndex = nullptr;
+        }
+        recycle->uRowIndexSize = recycle->uRunDataSize = 0;
+        recycle->rcBounds = RECT{0, 0, 0, 0};
+        return KS_SUCCESS;
+    }
+    if (rows) {
+        r_->pRowIndex = memAllocArray<ORVARGNROW>(rows);
         if (!r_->pRowIndex) return KS_NO_MEMORY;
     }
-    capacity_ = std::max<size_t>(expectValues, 64);
     r_->pRunData = memAllocArray<int32_t>(capacity_);
     if (!r_->pRunData) return KS_NO_MEMORY;
     return KS_SUCCESS;
@@ -392,6 +454,7 @@ void Builder::endRow(uint32_t count) noexcept {
             r_->pRowIndex[i] = ORVARGNROW{0, uint32_t(values_ * 4u)};
         r_->pRowIndex[idx] = ORVARGNROW{count, uint32_t(values_ * 4u)};
         rowsUsed_ = idx + 1;
+        lastStart_ = values_;
         values_ += count;
     }
     ++cur_;
@@ -493,13 +556,13 @@ void adopt(OrvaRgn* dst, OrvaRgn* src) noexcept {
 }
 
 // ------------------------------------------------------------------ constructors
-int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out) noexcept {
+int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out, OrvaRgn* recycle) noexcept {
     return guarded([&]() -> int32_t {
         switch (op) {
-            case RGN_AND: return combineT<kAnd>(a, b, out);
-            case RGN_OR: return combineT<kOr>(a, b, out);
-            case RGN_XOR: return combineT<kXor>(a, b, out);
-            case RGN_DIFF: return combineT<kDiff>(a, b, out);
+            case RGN_AND: return combineT<kAnd>(a, b, out, recycle);
+            case RGN_OR: return combineT<kOr>(a, b, out, recycle);
+            case RGN_XOR: return combineT<kXor>(a, b, out, recycle);
+            case RGN_DIFF: return combineT<kDiff>(a, b, out, recycle);
             case RGN_COPY: return copy(a, out);
             default: return KS_INVALID_PARAMETER;
         }
@@ -1023,7 +1086,7 @@ KAPI int32_t K_CombineOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc1, const OrvaR
     if (!ppDst || !pSrc1 || (!pSrc2 && nOp != RGN_COPY)) return KS_INVALID_PARAMETER;
     if (nOp < RGN_AND || nOp > RGN_COPY) return KS_INVALID_PARAMETER;
     OrvaRgn* res = nullptr;
-    int32_t st = rgn::combine(pSrc1, pSrc2 ? pSrc2 : pSrc1, nOp, &res);
+    int32_t st = rgn::combine(pSrc1, pSrc2 ? pSrc2 : pSrc1, nOp, &res, *ppDst);
     if (st != KS_SUCCESS) return st;
     if (*ppDst) {
         rgn::adopt(*ppDst, res);
