@@ -51,31 +51,34 @@ __int128 ceilDiv128(__int128 a, __int128 b) noexcept {  // b > 0
 constexpr unsigned kAnd = 0b1000, kOr = 0b1110, kXor = 0b0110, kDiff = 0b0100;
 
 template <unsigned T>
-uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+inline __attribute__((always_inline)) uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b,
+                                                        uint32_t nb, int32_t* out) noexcept {
     uint32_t i = 0, j = 0, n = 0;
-    unsigned sa = 0, sb = 0, in = 0;
-    while (i < na && j < nb) {
-        const int32_t xa = a[i], xb = b[j];
-        int32_t x;
-        if (xa < xb) {
-            x = xa;
-            sa ^= 1;
-            ++i;
-        } else if (xb < xa) {
-            x = xb;
-            sb ^= 1;
-            ++j;
-        } else {
-            x = xa;
-            sa ^= 1;
-            sb ^= 1;
-            ++i;
-            ++j;
+    unsigned s = 0, in = 0;  // s: bit 1 inside a run of a, bit 0 inside a run of b
+    if (na && nb) {
+        for (;;) {
+            const int32_t xa = a[i], xb = b[j];
+            int32_t x;
+            bool done;
+            if (xa < xb) {
+                x = xa;
+                s ^= 2u;
+                done = ++i == na;
+            } else if (xb < xa) {
+                x = xb;
+                s ^= 1u;
+                done = ++j == nb;
+            } else {
+                x = xa;
+                s ^= 3u;
+                done = (++i == na) | (++j == nb);
+            }
+            const unsigned o = (T >> s) & 1u;
+            out[n] = x;  // kept only when the result state changes
+            n += o ^ in;
+            in = o;
+            if (done) break;
         }
-        const unsigned o = (T >> (sa * 2 + sb)) & 1u;
-        out[n] = x;  // kept only when the result state changes
-        n += o ^ in;
-        in = o;
     }
     // One side is exhausted and outside all its runs: the rest of the other
     // side is either copied verbatim or dropped.
