@@ -195,6 +195,7 @@ struct IntEdge {
     int64_t x0, y0, x1, y1;
     int32_t dir;
     bool small;
+    int64_t p = 0;  // crossing of the current row
     int64_t rowTop() const noexcept { return y0; }
     int64_t rowBottom() const noexcept { return y1; }
     // ceil(xc - 1/2) with xc the crossing of the line y + 1/2, exactly.
@@ -207,6 +208,29 @@ struct IntEdge {
         __int128 tnum = __int128(2 * (y - y0) + 1) * dx, tden = __int128(2) * dy;
         return x0 + int64_t(ceilDiv128(2 * tnum - tden, 2 * tden));
     }
+    // The same value for consecutive rows from the edge's first row on,
+    // stepped without division: with N(y) = 4(y - y0)dx + 2dx - 2dy and
+    // D = 4dy, the pixel is x0 + ceil(N / D); N grows by 4dx = s*D + t a row.
+    int64_t q = 0, r = 0, s = 0, t = 0, D = 0;
+    bool stepping = false;
+    int64_t step(int64_t y) noexcept {
+        if (!small) return at(y);
+        if (!stepping) {
+            const int64_t dx = x1 - x0, dy = y1 - y0;
+            const int64_t N = 4 * (y - y0) * dx + 2 * dx - 2 * dy;
+            D = 4 * dy;
+            q = ceilDiv(N, D);
+            r = q * D - N;
+            s = floorDiv(4 * dx, D);
+            t = 4 * dx - s * D;
+            stepping = true;
+            return x0 + q;
+        }
+        const int64_t c = t > r;  // carry into the next pixel
+        q += s + c;
+        r += c * D - t;
+        return x0 + q;
+    }
 };
 
 // Double edge: rows whose centre lies in [y0, y1).
@@ -214,6 +238,7 @@ struct DblEdge {
     double x0, y0, x1, y1, slope;
     int64_t r0, r1;
     int32_t dir;
+    int64_t p = 0;  // crossing of the current row
     int64_t rowTop() const noexcept { return r0; }
     int64_t rowBottom() const noexcept { return r1; }
     int64_t at(int64_t y) const noexcept {
@@ -223,6 +248,7 @@ struct DblEdge {
         if (p > 4.0e18) return int64_t(4e18);
         return int64_t(p);
     }
+    int64_t step(int64_t y) const noexcept { return at(y); }
 };
 
 int32_t clampX(int64_t p) noexcept {
@@ -240,17 +266,21 @@ int32_t scanEdges(kvector<Edge>& edges, bool winding, OrvaRgn** out) {
     Builder bld;
     int32_t rc = bld.start(top, bottom, 0);
     if (rc != KS_SUCCESS) return rc;
-    kvector<const Edge*> active;
-    kvector<Crossing> xs;
+    // Active edges are kept by value, in crossing order, so each row walks
+    // one compact array.
+    kvector<Edge> active;
     size_t next = 0;
     for (int64_t y = top; y < bottom; ++y) {
         // Retire finished edges, admit starting ones.
         size_t k = 0;
-        for (const Edge* e : active)
-            if (e->rowBottom() > y) active[k++] = e;
+        for (size_t i = 0; i < active.size(); ++i)
+            if (active[i].rowBottom() > y) {
+                if (k != i) active[k] = active[i];
+                ++k;
+            }
         active.resize(k);
         while (next < edges.size() && edges[next].rowTop() <= y) {
-            if (edges[next].rowBottom() > y) active.push_back(&edges[next]);
+            if (edges[next].rowBottom() > y) active.push_back(edges[next]);
             ++next;
         }
         if (active.empty()) {
@@ -261,22 +291,19 @@ int32_t scanEdges(kvector<Edge>& edges, bool winding, OrvaRgn** out) {
             y = ny - 1;
             continue;
         }
-        xs.resize(active.size());
-        for (size_t i = 0; i < active.size(); ++i) xs[i] = Crossing{active[i]->at(y), active[i]->dir};
-        // Crossings stay nearly in order from row to row: insertion sort,
-        // carrying the edge order along so the next row starts sorted.
-        for (size_t i = 1; i < xs.size(); ++i) {
-            Crossing c = xs[i];
-            const Edge* e = active[i];
+        for (Edge& e : active) e.p = e.step(y);
+        // Crossings stay nearly in order from row to row: insertion sort.
+        for (size_t i = 1; i < active.size(); ++i) {
+            if (active[i - 1].p <= active[i].p) continue;
+            Edge e = active[i];
             size_t j = i;
-            while (j > 0 && xs[j - 1].p > c.p) {
-                xs[j] = xs[j - 1];
+            while (j > 0 && active[j - 1].p > e.p) {
                 active[j] = active[j - 1];
                 --j;
             }
-            xs[j] = c;
             active[j] = e;
         }
+        const auto& xs = active;
         int32_t* dst = bld.rowSpace(uint32_t(xs.size()));
         if (!dst) return KS_NO_MEMORY;
         uint32_t n = 0;
