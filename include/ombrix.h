@@ -398,6 +398,260 @@ OMBRIX_API int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, 
 /* ======================================================================
  * Section: runtime services (thread tools, geometry, sine)
  * ====================================================================== */
+/* -- fixed-point sine and cosine --------------------------------------- */
+/* Sine and cosine of nAngle hundredths of a degree in 2.14 fixed point
+ * (16384 = 1.0), from one constant quarter-wave table of 9001 entries
+ * (round half up of sin x 16384) folded by quadrant. Callers pass 0..36000;
+ * any other angle is first reduced modulo 36000 into that range, so the
+ * results stay periodic and the table is never read out of range.
+ * These return the value itself, not a status. */
+OMBRIX_API int32_t K_SinValue(int32_t nAngle);
+OMBRIX_API int32_t K_CosValue(int32_t nAngle);
+
+/* -- critical sections ------------------------------------------------- */
+/* Stand-in for the Win32 critical section: a recursive lock. Initialise
+ * stores a pointer to a kernel-owned lock in the first word of the record
+ * (which is then "initialised"); Delete frees it and clears the word.
+ * The record is the size of the Win32 one on 64-bit builds. */
+#ifndef OMBRIX_HAVE_WIN32_TYPES
+typedef struct tagOMBRIX_CRITICAL_SECTION {
+    void* pLock;          /* the kernel's lock; null when not initialised */
+    void* pReserved[4];
+} CRITICAL_SECTION;
+#endif
+/* -13 for null, -1 when the lock cannot be made, else 1. Initialising an
+ * initialised record makes a new lock (the old one is not freed: the word
+ * may be garbage in a fresh record, so it is never read). */
+OMBRIX_API int32_t K_IntInitializeCriticalSection(CRITICAL_SECTION* pSection);
+/* Blocks until the calling thread owns the section; nests. -13 for null or a
+ * record that is not initialised, -74 when the platform lock fails, else 1. */
+OMBRIX_API int32_t K_IntEnterCriticalSection(CRITICAL_SECTION* pSection);
+/* Undoes one Enter. -13 for null or not initialised, -74 when the calling
+ * thread does not own the section, else 1. */
+OMBRIX_API int32_t K_IntLeaveCriticalSection(CRITICAL_SECTION* pSection);
+/* Frees the lock (it must not be owned) and clears the first word. -814 for
+ * null; 1 otherwise, also when the record was not initialised. */
+OMBRIX_API int32_t K_IntDeleteCriticalSection(CRITICAL_SECTION* pSection);
+
+/* -- geometry records ---------------------------------------------------- */
+/* Integer forms: POINT (x, y), SIZE (cx, cy) and RECT (left, top, right,
+ * bottom; right and bottom exclusive) from the core types. Double forms use
+ * the same field order. A rectangle of either form is empty when
+ * right <= left or bottom <= top (or, for doubles, any edge is NaN); a size
+ * is empty when cx <= 0 or cy <= 0 (or NaN). Integer results saturate at the
+ * 32-bit limits instead of wrapping. */
+typedef struct tagPOINTD {
+    double x;
+    double y;
+} POINTD;
+typedef struct tagSIZED {
+    double cx;
+    double cy;
+} SIZED;
+typedef struct tagRECTD {
+    double left;
+    double top;
+    double right;   /* exclusive */
+    double bottom;  /* exclusive */
+} RECTD;
+
+/* 2-D affine matrix: (x, y) maps to (x*dM11 + y*dM21 + dOffsetX,
+ * x*dM12 + y*dM22 + dOffsetY). nType caches the shape (KMATRIX_TYPE_) so
+ * operations can take short cuts; type 0 is trusted without looking at the
+ * values, so a zero-filled record is the identity. uReserved is always 0. */
+#define KMATRIX_TYPE_IDENTITY            0
+#define KMATRIX_TYPE_TRANSLATION         1
+#define KMATRIX_TYPE_SCALING             2
+#define KMATRIX_TYPE_SCALING_TRANSLATION 3
+#define KMATRIX_TYPE_GENERAL             4
+typedef struct tagKMATRIX {
+    double   dM11;
+    double   dM12;
+    double   dM21;
+    double   dM22;
+    double   dOffsetX;
+    double   dOffsetY;
+    int32_t  nType;
+    uint32_t uReserved;
+} KMATRIX;
+
+/* Geometry helpers keep no state and return values, not statuses. Null
+ * record pointers are tolerated: mutators do nothing and queries answer 0
+ * (or an empty/zero record). Boolean answers are 1 or 0. Angles are in
+ * degrees. */
+
+/* -- double comparisons -- */
+/* 1 when a == b, else when |a - b| < (|a| + |b| + 10) * DBL_EPSILON. */
+OMBRIX_API int32_t K_Double_AreClose(double a, double b);
+OMBRIX_API int32_t K_Double_LessThan(double a, double b);           /* a < b and not close */
+OMBRIX_API int32_t K_Double_GreaterThan(double a, double b);        /* a > b and not close */
+OMBRIX_API int32_t K_Double_LessThanOrClose(double a, double b);    /* a < b or close */
+OMBRIX_API int32_t K_Double_GreaterThanOrClose(double a, double b); /* a > b or close */
+OMBRIX_API int32_t K_Double_IsOne(double a);   /* |a - 1| < 10 * DBL_EPSILON */
+OMBRIX_API int32_t K_Double_IsZero(double a);  /* |a| < 10 * DBL_EPSILON */
+OMBRIX_API int32_t K_Double_IsBetweenZeroAndOne(double a);
+OMBRIX_API int32_t K_Double_AreClosePoints(const POINTD* pA, const POINTD* pB);
+OMBRIX_API int32_t K_Double_AreCloseSizes(const SIZED* pA, const SIZED* pB);
+OMBRIX_API int32_t K_Double_AreCloseRects(const RECTD* pA, const RECTD* pB);
+OMBRIX_API int32_t K_Double_RectHasNaN(const RECTD* pRect);
+OMBRIX_API int32_t K_Double_IsNaN(double a);
+OMBRIX_API int32_t K_Double_IsInfinity(double a);  /* +inf or -inf */
+/* Rounds half away from zero; saturates at the int32 limits; NaN gives 0. */
+OMBRIX_API int32_t K_Double_DoubleToInt(double a);
+/* Brings degrees into (0, 360] from above and [0, 360) from below: 720 -> 360,
+ * -90 -> 270. Exact (same result as repeated subtraction of 360). Infinities
+ * and NaN give NaN. */
+OMBRIX_API double K_Double_NormalizeAngle(double dDegrees);
+
+/* -- matrices -- */
+OMBRIX_API void    K_Matrix_Identity(KMATRIX* pMatrix);
+/* Stores the six values and derives the type. */
+OMBRIX_API void    K_Matrix_Set(KMATRIX* pMatrix, double dM11, double dM12, double dM21, double dM22,
+                                double dOffsetX, double dOffsetY);
+/* Re-derives nType from the values (after the fields were written directly). */
+OMBRIX_API void    K_Matrix_DeriveType(KMATRIX* pMatrix);
+OMBRIX_API int32_t K_Matrix_GetType(const KMATRIX* pMatrix);
+OMBRIX_API int32_t K_Matrix_IsIdentity(const KMATRIX* pMatrix);
+OMBRIX_API double  K_Matrix_Determinant(const KMATRIX* pMatrix);
+/* 1 when |determinant| >= 10 * DBL_EPSILON. */
+OMBRIX_API int32_t K_Matrix_HasInverse(const KMATRIX* pMatrix);
+/* Inverts in place and returns 1; returns 0 and leaves the matrix as it was
+ * when it is not invertible. */
+OMBRIX_API int32_t K_Matrix_Invert(KMATRIX* pMatrix);
+/* *pResult = A x B (A applied first). pResult may be pA or pB. */
+OMBRIX_API void    K_Matrix_Multiply(KMATRIX* pResult, const KMATRIX* pA, const KMATRIX* pB);
+OMBRIX_API void    K_Matrix_Append(KMATRIX* pMatrix, const KMATRIX* pOther);   /* M = M x Other */
+OMBRIX_API void    K_Matrix_Prepend(KMATRIX* pMatrix, const KMATRIX* pOther);  /* M = Other x M */
+/* Builders: the plain forms append (the new step is applied after the
+ * matrix), the Prepend forms apply it first. The At forms turn or scale
+ * about (dCenterX, dCenterY). */
+OMBRIX_API void K_Matrix_Rotate(KMATRIX* pMatrix, double dAngle);
+OMBRIX_API void K_Matrix_RotatePrepend(KMATRIX* pMatrix, double dAngle);
+OMBRIX_API void K_Matrix_RotateAt(KMATRIX* pMatrix, double dAngle, double dCenterX, double dCenterY);
+OMBRIX_API void K_Matrix_RotateAtPrepend(KMATRIX* pMatrix, double dAngle, double dCenterX, double dCenterY);
+OMBRIX_API void K_Matrix_Scale(KMATRIX* pMatrix, double dScaleX, double dScaleY);
+OMBRIX_API void K_Matrix_ScalePrepend(KMATRIX* pMatrix, double dScaleX, double dScaleY);
+OMBRIX_API void K_Matrix_ScaleAt(KMATRIX* pMatrix, double dScaleX, double dScaleY, double dCenterX,
+                                 double dCenterY);
+OMBRIX_API void K_Matrix_ScaleAtPrepend(KMATRIX* pMatrix, double dScaleX, double dScaleY, double dCenterX,
+                                        double dCenterY);
+/* Skew angles in degrees: dM21 = tan(dSkewX), dM12 = tan(dSkewY). */
+OMBRIX_API void K_Matrix_Skew(KMATRIX* pMatrix, double dSkewX, double dSkewY);
+OMBRIX_API void K_Matrix_SkewPrepend(KMATRIX* pMatrix, double dSkewX, double dSkewY);
+OMBRIX_API void K_Matrix_Translate(KMATRIX* pMatrix, double dOffsetX, double dOffsetY);
+OMBRIX_API void K_Matrix_TranslatePrepend(KMATRIX* pMatrix, double dOffsetX, double dOffsetY);
+/* Transforms in place. Vectors ignore the offsets. TransformRect replaces
+ * the rectangle by the bounding box of its four transformed corners (an
+ * empty rectangle stays as it is). nCount <= 0 does nothing. */
+OMBRIX_API void K_Matrix_TransformPoint(const KMATRIX* pMatrix, POINTD* pPoint);
+OMBRIX_API void K_Matrix_TransformVector(const KMATRIX* pMatrix, POINTD* pVector);
+OMBRIX_API void K_Matrix_TransformPoints(const KMATRIX* pMatrix, POINTD* pPoints, int32_t nCount);
+OMBRIX_API void K_Matrix_TransformVectors(const KMATRIX* pMatrix, POINTD* pVectors, int32_t nCount);
+OMBRIX_API void K_Matrix_TransformRect(const KMATRIX* pMatrix, RECTD* pRect);
+/* 1 when the six values are equal (type 0 counts as the identity values). */
+OMBRIX_API int32_t K_Matrix_IsEqual(const KMATRIX* pA, const KMATRIX* pB);
+/* Element accessors; the getters read a type-0 record as the identity, the
+ * setters re-derive the type. */
+OMBRIX_API double K_Matrix_GetM11(const KMATRIX* pMatrix);
+OMBRIX_API double K_Matrix_GetM12(const KMATRIX* pMatrix);
+OMBRIX_API double K_Matrix_GetM21(const KMATRIX* pMatrix);
+OMBRIX_API double K_Matrix_GetM22(const KMATRIX* pMatrix);
+OMBRIX_API double K_Matrix_GetOffsetX(const KMATRIX* pMatrix);
+OMBRIX_API double K_Matrix_GetOffsetY(const KMATRIX* pMatrix);
+OMBRIX_API void   K_Matrix_SetM11(KMATRIX* pMatrix, double dValue);
+OMBRIX_API void   K_Matrix_SetM12(KMATRIX* pMatrix, double dValue);
+OMBRIX_API void   K_Matrix_SetM21(KMATRIX* pMatrix, double dValue);
+OMBRIX_API void   K_Matrix_SetM22(KMATRIX* pMatrix, double dValue);
+OMBRIX_API void   K_Matrix_SetOffsetX(KMATRIX* pMatrix, double dValue);
+OMBRIX_API void   K_Matrix_SetOffsetY(KMATRIX* pMatrix, double dValue);
+
+/* -- integer points, sizes, rectangles -- */
+OMBRIX_API POINT   K_Point_Make(int32_t x, int32_t y);
+OMBRIX_API POINT   K_Point_Empty(void);                       /* (0, 0) */
+OMBRIX_API int32_t K_Point_IsEmpty(const POINT* pPoint);      /* both 0 */
+OMBRIX_API int32_t K_Point_IsEqual(const POINT* pA, const POINT* pB);
+OMBRIX_API void    K_Point_Offset(POINT* pPoint, int32_t dx, int32_t dy);
+OMBRIX_API POINTD  K_Point_ToPointD(const POINT* pPoint);
+OMBRIX_API SIZE    K_Size_Make(int32_t cx, int32_t cy);
+OMBRIX_API SIZE    K_Size_Empty(void);
+OMBRIX_API int32_t K_Size_IsEmpty(const SIZE* pSize);
+OMBRIX_API int32_t K_Size_IsEqual(const SIZE* pA, const SIZE* pB);
+OMBRIX_API SIZED   K_Size_ToSizeD(const SIZE* pSize);
+/* From an origin and a size (negative sizes are kept: the result is empty). */
+OMBRIX_API RECT    K_Rect_Make(int32_t x, int32_t y, int32_t cx, int32_t cy);
+OMBRIX_API RECT    K_Rect_FromLTRB(int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom);
+OMBRIX_API RECT    K_Rect_Empty(void);                        /* all 0 */
+OMBRIX_API int32_t K_Rect_IsEmpty(const RECT* pRect);
+OMBRIX_API int32_t K_Rect_IsEqual(const RECT* pA, const RECT* pB);
+OMBRIX_API int32_t K_Rect_Width(const RECT* pRect);           /* right - left, may be <= 0 */
+OMBRIX_API int32_t K_Rect_Height(const RECT* pRect);
+OMBRIX_API POINT   K_Rect_TopLeft(const RECT* pRect);
+OMBRIX_API POINT   K_Rect_TopRight(const RECT* pRect);
+OMBRIX_API POINT   K_Rect_BottomLeft(const RECT* pRect);
+OMBRIX_API POINT   K_Rect_BottomRight(const RECT* pRect);
+OMBRIX_API SIZE    K_Rect_Size(const RECT* pRect);
+/* left <= x < right and top <= y < bottom. */
+OMBRIX_API int32_t K_Rect_ContainsPoint(const RECT* pRect, const POINT* pPoint);
+/* 1 when pInner is not empty and lies inside pOuter. */
+OMBRIX_API int32_t K_Rect_ContainsRect(const RECT* pOuter, const RECT* pInner);
+/* Moves every edge outwards by dx, dy (negative values shrink). */
+OMBRIX_API void    K_Rect_Inflate(RECT* pRect, int32_t dx, int32_t dy);
+OMBRIX_API void    K_Rect_Offset(RECT* pRect, int32_t dx, int32_t dy);
+/* *pResult = A intersect B; when that is empty *pResult becomes all 0 and 0
+ * is returned. pResult may alias an input. */
+OMBRIX_API int32_t K_Rect_Intersect(RECT* pResult, const RECT* pA, const RECT* pB);
+OMBRIX_API int32_t K_Rect_IntersectsWith(const RECT* pA, const RECT* pB);
+/* Smallest rectangle holding both; empty inputs are ignored; 0 (and all 0)
+ * when both are empty. pResult may alias an input. */
+OMBRIX_API int32_t K_Rect_Union(RECT* pResult, const RECT* pA, const RECT* pB);
+OMBRIX_API RECTD   K_Rect_ToRectD(const RECT* pRect);
+
+/* -- double points, sizes, rectangles -- */
+OMBRIX_API POINTD  K_PointD_Make(double x, double y);
+OMBRIX_API POINTD  K_PointD_Empty(void);
+OMBRIX_API int32_t K_PointD_IsEmpty(const POINTD* pPoint);    /* both exactly 0 */
+OMBRIX_API int32_t K_PointD_IsEqual(const POINTD* pA, const POINTD* pB);  /* exact */
+OMBRIX_API void    K_PointD_Offset(POINTD* pPoint, double dx, double dy);
+/* Each coordinate by K_Double_DoubleToInt. */
+OMBRIX_API POINT   K_PointD_ToPoint(const POINTD* pPoint);
+OMBRIX_API SIZED   K_SizeD_Make(double cx, double cy);
+OMBRIX_API SIZED   K_SizeD_Empty(void);
+OMBRIX_API int32_t K_SizeD_IsEmpty(const SIZED* pSize);
+OMBRIX_API int32_t K_SizeD_IsEqual(const SIZED* pA, const SIZED* pB);
+OMBRIX_API SIZE    K_SizeD_ToSize(const SIZED* pSize);
+OMBRIX_API RECTD   K_RectD_Make(double x, double y, double cx, double cy);
+OMBRIX_API RECTD   K_RectD_FromLTRB(double dLeft, double dTop, double dRight, double dBottom);
+OMBRIX_API RECTD   K_RectD_Empty(void);
+OMBRIX_API int32_t K_RectD_IsEmpty(const RECTD* pRect);
+OMBRIX_API int32_t K_RectD_IsEqual(const RECTD* pA, const RECTD* pB);
+OMBRIX_API double  K_RectD_Width(const RECTD* pRect);
+OMBRIX_API double  K_RectD_Height(const RECTD* pRect);
+OMBRIX_API POINTD  K_RectD_TopLeft(const RECTD* pRect);
+OMBRIX_API POINTD  K_RectD_TopRight(const RECTD* pRect);
+OMBRIX_API POINTD  K_RectD_BottomLeft(const RECTD* pRect);
+OMBRIX_API POINTD  K_RectD_BottomRight(const RECTD* pRect);
+OMBRIX_API SIZED   K_RectD_Size(const RECTD* pRect);
+OMBRIX_API int32_t K_RectD_ContainsPoint(const RECTD* pRect, const POINTD* pPoint);
+OMBRIX_API int32_t K_RectD_ContainsRect(const RECTD* pOuter, const RECTD* pInner);
+OMBRIX_API void    K_RectD_Inflate(RECTD* pRect, double dx, double dy);
+OMBRIX_API void    K_RectD_Offset(RECTD* pRect, double dx, double dy);
+OMBRIX_API int32_t K_RectD_Intersect(RECTD* pResult, const RECTD* pA, const RECTD* pB);
+OMBRIX_API int32_t K_RectD_IntersectsWith(const RECTD* pA, const RECTD* pB);
+OMBRIX_API int32_t K_RectD_Union(RECTD* pResult, const RECTD* pA, const RECTD* pB);
+/* Multiplies the edges by the factors (a negative factor swaps the edges). */
+OMBRIX_API void    K_RectD_Scale(RECTD* pRect, double dScaleX, double dScaleY);
+/* Same as K_Matrix_TransformRect. */
+OMBRIX_API void    K_RectD_Transform(RECTD* pRect, const KMATRIX* pMatrix);
+/* The smallest integer rectangle covering the double one (floor of left/top,
+ * ceiling of right/bottom, saturated); an empty one gives all 0. */
+OMBRIX_API RECT    K_RectD_ToRect(const RECTD* pRect);
+
+/* -- lengths -- */
+/* Euclidean lengths without intermediate overflow (hypot). */
+OMBRIX_API double K_LengthD_Vector(double dx, double dy);
+OMBRIX_API double K_LengthD_Between(const POINTD* pA, const POINTD* pB);
+/* Length of the vector (dx, dy) after the matrix's linear part. */
+OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double dy);
 /* @@runtime@@ */
 
 #ifdef __cplusplus
@@ -408,6 +662,183 @@ OMBRIX_API int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, 
  * Section: exported C++ classes
  * ====================================================================== */
 #ifdef __cplusplus
+/* -- thread tools --------------------------------------------------------
+ * Results are kernel statuses: 1 success, -1 (KS_NO_MEMORY) when an object
+ * cannot be made, -100 (KS_USER_ABORT) for a time-out or a cancel. No method
+ * throws. None of these objects may be copied; each owns what it creates and
+ * releases it in Destroy and in its destructor. */
+
+#define KT_INFINITE 0xFFFFFFFFu  /* KTWaitEvent::WaitOne without time-out */
+
+/* The flags of KTWorkItems::Create */
+#define KTWI_LOCK           0x1u  /* create the lock */
+#define KTWI_LOCK_CANCEL    0x2u  /* read and write the cancelled flag under the lock (implies the lock) */
+#define KTWI_ITEM_STATUS    0x4u  /* each item's result becomes the status (implies the lock) */
+#define KTWI_SINGLE_THREAD  0x8u  /* never use threads: items run inside QueueItem */
+
+/* An event: null until Create. */
+class OMBRIX_API KTWaitEvent {
+public:
+    KTWaitEvent() noexcept;
+    virtual ~KTWaitEvent();
+    KTWaitEvent(const KTWaitEvent&) = delete;
+    KTWaitEvent& operator=(const KTWaitEvent&) = delete;
+
+    /* Closes an existing event, then makes a new one (manual reset: stays
+     * signalled until Reset; otherwise one released waiter resets it).
+     * 1, or -1 when it cannot be made (the object is then without event). */
+    int Create(int bManualReset, int bInitialState);
+    /* 1 when signalled within uMilliseconds (KT_INFINITE: no limit) or when
+     * there is no event; -100 on time-out. */
+    int WaitOne(uint32_t uMilliseconds);
+    int Set();    /* 1 */
+    int Reset();  /* 1 */
+    void Destroy();
+    int IsCreated() const; /* 1 when there is an event */
+
+private:
+    void* m_hEvent;
+};
+
+class KTReaderWriterLock;
+
+/* A hold on a KTReaderWriterLock, released by the destructor (or Release).
+ * Movable, not copyable. An empty item holds nothing. */
+class OMBRIX_API KTReaderWriterLockItem {
+public:
+    KTReaderWriterLockItem() noexcept;
+    KTReaderWriterLockItem(KTReaderWriterLock* pLock, int bReader) noexcept; /* adopts a hold already taken */
+    KTReaderWriterLockItem(KTReaderWriterLockItem&& other) noexcept;
+    KTReaderWriterLockItem& operator=(KTReaderWriterLockItem&& other) noexcept;
+    KTReaderWriterLockItem(const KTReaderWriterLockItem&) = delete;
+    KTReaderWriterLockItem& operator=(const KTReaderWriterLockItem&) = delete;
+    virtual ~KTReaderWriterLockItem();
+
+    void Release();            /* releases the hold now; the item becomes empty */
+    int IsHeld() const;        /* 1 when the item holds a lock */
+    int IsReader() const;      /* 1 for a shared hold */
+
+private:
+    KTReaderWriterLock* m_pLock;
+    int m_bReader;
+};
+
+/* A reader/writer lock. Until Create (and after Destroy) it is a valid lock
+ * that does nothing: acquires return empty items and releases return at
+ * once. The lock state lives inside the object; it must not be moved while
+ * created. Recursive holds are not supported, except that in the
+ * critical-section fallback mode a thread may nest holds. */
+class OMBRIX_API KTReaderWriterLock {
+public:
+    KTReaderWriterLock() noexcept;
+    virtual ~KTReaderWriterLock();
+    KTReaderWriterLock(const KTReaderWriterLock&) = delete;
+    KTReaderWriterLock& operator=(const KTReaderWriterLock&) = delete;
+
+    int Create();   /* 1; re-creating first tears down the old lock (which must not be held) */
+    void Destroy();
+    int IsCreated() const;
+    KTReaderWriterLockItem AcquireReaderLock();
+    KTReaderWriterLockItem AcquireReaderLock(int bEnable);  /* empty item when bEnable is 0 */
+    KTReaderWriterLockItem AcquireWriterLock();
+    KTReaderWriterLockItem AcquireWriterLock(int bEnable);
+    /* Null lock: empty item; bReader non-zero: shared hold; else exclusive. */
+    static KTReaderWriterLockItem Acquire(KTReaderWriterLock* pLock, int bReader);
+    void Lock();               /* exclusive hold without an item */
+    void Unlock();             /* releases an exclusive hold */
+    void ReleaseWriterLock();  /* same as Unlock */
+
+private:
+    friend class KTReaderWriterLockItem;
+    void ReleaseReaderLock();
+    void LockShared();
+    alignas(16) unsigned char m_storage[64];
+    const void* m_pOps;
+    int m_bCreated;
+};
+
+class KTWorkItems;
+/* A work item: gets its KTWorkItems and its data; returns a status. -100
+ * cancels the items that have not started yet. */
+typedef int (*KTWORKITEMCALLBACK)(KTWorkItems* pItems, void* pData);
+/* A function run on the pool; its result is ignored. */
+typedef int (*KTPOOLFUNCTION)(void* pContext);
+
+/* A set of work items run on the process-wide pool. Calling order: Create,
+ * QueueItem once per announced item, Wait, GetStatus. With one processor
+ * or KTWI_SINGLE_THREAD the items run inside QueueItem and Wait returns at
+ * once. */
+class OMBRIX_API KTWorkItems {
+public:
+    KTWorkItems() noexcept;
+    virtual ~KTWorkItems();
+    KTWorkItems(const KTWorkItems&) = delete;
+    KTWorkItems& operator=(const KTWorkItems&) = delete;
+
+    /* uItemCount items will be queued (0: the caller releases Wait with
+     * Finish). uFlags: KTWI_. uPoolFlags go to KTThreadPool::QueueUserWorkItem.
+     * 1, or -1 when the event or lock cannot be made. */
+    int Create(uint32_t uItemCount, uint32_t uFlags, uint32_t uPoolFlags);
+    /* Runs or queues one item. After a cancel it returns 1 without running
+     * anything. -1 when the item cannot be queued (no memory). An item that is
+     * skipped or cannot be queued counts as finished, so Wait does not wait
+     * for it. */
+    int QueueItem(KTWORKITEMCALLBACK pfnCallback, void* pData);
+    /* Blocks until every announced item finished or Finish was called. 1. */
+    int Wait();
+    int Finish();         /* releases a waiter; 1 */
+    void Cancel();
+    int IsCanceled();
+    int GetStatus();
+    void SetStatus(int nStatus);
+    KTReaderWriterLock& GetLock();
+    void Destroy();       /* the items must have finished */
+    int IsThreaded() const; /* 1 when items go to the pool */
+
+private:
+    static int RunRecord(void* pRecord);
+    int ReadCanceled();
+    void ItemDone();
+    uint32_t m_uFlags;
+    int m_bCreated;
+    uint32_t m_uItemCount;
+    int m_nRemaining;           /* changed atomically */
+    KTWaitEvent m_doneEvent;
+    int m_bCanceled;
+    KTReaderWriterLock m_lock;
+    int m_nStatus;
+    uint32_t m_uPoolFlags;
+};
+
+/* The process-wide pool: one worker thread per processor, started on first
+ * use and joined when the library is unloaded or the process exits. */
+class OMBRIX_API KTThreadPool {
+public:
+    /* Runs pfnFunction(pContext) on a pool thread. uFlags are accepted and not
+     * used. 1; -13 for a null function; -1 when the request cannot be
+     * recorded. When no worker thread can be started the function runs on
+     * the calling thread before the call returns. */
+    static int QueueUserWorkItem(KTPOOLFUNCTION pfnFunction, void* pContext, uint32_t uFlags);
+    /* Number of worker threads running now (0 before first use). */
+    static int GetThreadCount();
+    /* Items queued and not yet started. */
+    static int GetPendingCount();
+};
+
+class OMBRIX_API KTThreadToolsManaged {
+public:
+    /* The processor count, read once per process; at least 1. */
+    static int GetCoreCount();
+};
+
+class OMBRIX_API KTThreadToolsUnmanaged {
+public:
+    /* Binds the slim reader/writer lock operations once per process (falls
+     * back to a critical section when the platform has none). 1. */
+    static int Initialize();
+    /* 1 when new locks use the slim reader/writer lock, 0 for the fallback. */
+    static int HasSlimLocks();
+};
 /* @@runtime-classes@@ */
 #endif
 
