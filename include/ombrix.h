@@ -792,11 +792,15 @@ public:
     int GetStatus();
     void SetStatus(int nStatus);
     KTReaderWriterLock& GetLock();
-    void Destroy();       /* the items must have finished */
+    /* Waits until every item handed to the pool has finished (so the object
+     * may be destroyed right after a Wait released by Finish), then tears
+     * the event and lock down. Not to be called from one of its own items. */
+    void Destroy();
     int IsThreaded() const; /* 1 when items go to the pool */
 
 private:
     static int RunRecord(void* pRecord);
+    static int DropRecord(void* pRecord);
     int ReadCanceled();
     void ItemDone();
     uint32_t m_uFlags;
@@ -808,6 +812,7 @@ private:
     KTReaderWriterLock m_lock;
     int m_nStatus;
     uint32_t m_uPoolFlags;
+    int m_nInFlight;            /* handed to the pool, not finished; atomic */
 };
 
 /* The process-wide pool: one worker thread per processor, started on first

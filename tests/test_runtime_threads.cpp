@@ -400,6 +400,28 @@ TEST(RuntimeWorkItems, FinishReleasesAWaiterWhenFewerItemsCame) {
     }
 }
 
+// Finish may release the waiter while items still run; destroying the
+// object then waits for them instead of pulling it from under them.
+TEST(RuntimeWorkItems, DestroyAfterEarlyFinishWaitsForRunningItems) {
+    CoreCount cc(4);
+    std::atomic<int> finished{0};
+    {
+        KTWorkItems w;
+        ASSERT_EQ(w.Create(10, KTWI_ITEM_STATUS, 0), 1);
+        for (int i = 0; i < 4; ++i)
+            w.QueueItem([](KTWorkItems* items, void* d) {
+                std::this_thread::sleep_for(30ms);
+                items->SetStatus(1);  // touches the object late in the item
+                static_cast<std::atomic<int>*>(d)->fetch_add(1);
+                return 1;
+            }, &finished);
+        w.Finish();
+        w.Wait();
+        EXPECT_LT(finished.load(), 4);  // released early
+    }  // the destructor waits here
+    EXPECT_EQ(finished.load(), 4);
+}
+
 TEST(RuntimeWorkItems, SingleThreadModeRunsInsideQueueItem) {
     for (int mode = 0; mode < 2; ++mode) {
         CoreCount cc(mode == 0 ? 4 : 1);
@@ -535,6 +557,43 @@ TEST(RuntimePoolDeathTest, AfterShutdownWorkRunsOnTheCaller) {
             bool ok = joined && where == std::this_thread::get_id() && ran.load() == 55 &&
                       KTThreadPool::GetThreadCount() == 0;
             std::exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+// Items the pool drops at shutdown count as finished, so a waiter is not
+// left hanging, and they never run.
+TEST(RuntimePoolDeathTest, DroppedItemsReleaseTheirWaiter) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            CoreCount cc(4);
+            static std::atomic<int> blocking{0};
+            int workers = 0;
+            {
+                std::atomic<int> ran{0};
+                KTWorkItems warm;
+                warm.Create(1, 0, 0);
+                warm.QueueItem(countItem, &ran);
+                warm.Wait();
+                workers = KTThreadPool::GetThreadCount();
+            }
+            for (int i = 0; i < workers; ++i)
+                KTThreadPool::QueueUserWorkItem(
+                    [](void*) {
+                        blocking.fetch_add(1);
+                        std::this_thread::sleep_for(500ms);
+                        return 1;
+                    },
+                    nullptr, 0);
+            waitUntil([&] { return blocking.load() == workers; });
+            std::atomic<int> ran{0};
+            KTWorkItems w;
+            w.Create(5, 0, 0);
+            for (int i = 0; i < 5; ++i) w.QueueItem(countItem, &ran);
+            bool joined = ktt::shutdownPool(20);  // the blockers outlive the grace
+            w.Wait();
+            std::exit(!joined && ran.load() == 0 ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
 }

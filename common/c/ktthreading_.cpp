@@ -291,7 +291,10 @@ bool shutdownPool(unsigned graceMs) noexcept {
     }
     while (dropped) {
         ktt::PoolNode* next = dropped->next;
-        krn::memFree(dropped);
+        if (dropped->drop)
+            dropped->drop(dropped->ctx);
+        else
+            krn::memFree(dropped);
         dropped = next;
     }
     for (int i = 0; i < pool->nThreads; ++i) {
@@ -504,7 +507,7 @@ inline std::atomic_ref<int> atomicInt(int& v) noexcept { return std::atomic_ref<
 
 KTWorkItems::KTWorkItems() noexcept
     : m_uFlags(0), m_bCreated(0), m_uItemCount(0), m_nRemaining(0), m_bCanceled(0), m_nStatus(1),
-      m_uPoolFlags(0) {}
+      m_uPoolFlags(0), m_nInFlight(0) {}
 KTWorkItems::~KTWorkItems() { Destroy(); }
 
 int KTWorkItems::Create(uint32_t uItemCount, uint32_t uFlags, uint32_t uPoolFlags) {
@@ -579,7 +582,19 @@ int KTWorkItems::RunRecord(void* pRecord) {
     }
     krn::memFree(rec);
     self->ItemDone();
+    // Last touch of the object: Destroy may run as soon as this is seen.
+    atomicInt(self->m_nInFlight).fetch_sub(1, std::memory_order_release);
     return result;
+}
+
+// A record the pool dropped at shutdown: counted as finished, never run.
+int KTWorkItems::DropRecord(void* pRecord) {
+    ItemRecord* rec = static_cast<ItemRecord*>(pRecord);
+    KTWorkItems* self = rec->items;
+    krn::memFree(rec);
+    self->ItemDone();
+    atomicInt(self->m_nInFlight).fetch_sub(1, std::memory_order_release);
+    return KS_SUCCESS;
 }
 
 int KTWorkItems::QueueItem(KTWORKITEMCALLBACK pfnCallback, void* pData) {
@@ -600,10 +615,12 @@ int KTWorkItems::QueueItem(KTWORKITEMCALLBACK pfnCallback, void* pData) {
         }
         rec->node.fn = &KTWorkItems::RunRecord;
         rec->node.ctx = rec;
+        rec->node.drop = &KTWorkItems::DropRecord;
         rec->node.ownedByPool = false;
         rec->items = this;
         rec->callback = pfnCallback;
         rec->data = pData;
+        atomicInt(m_nInFlight).fetch_add(1, std::memory_order_relaxed);
         return ktt::submit(&rec->node);
     }
     // Single-thread mode: the item runs now and its result is the status.
@@ -624,6 +641,14 @@ int KTWorkItems::Finish() {
 }
 
 void KTWorkItems::Destroy() {
+    // Items still finishing (after Finish released a waiter early, or queued
+    // behind other work) keep using the object: wait for them.
+    for (int spins = 0; atomicInt(m_nInFlight).load(std::memory_order_acquire) != 0; ++spins) {
+        if (spins < 64)
+            std::this_thread::yield();
+        else
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
     m_uItemCount = 0;
     atomicInt(m_nRemaining).store(0, std::memory_order_relaxed);
     m_doneEvent.Destroy();
@@ -640,6 +665,7 @@ int KTThreadPool::QueueUserWorkItem(KTPOOLFUNCTION pfnFunction, void* pContext, 
     if (!node) return KS_NO_MEMORY;
     node->fn = pfnFunction;
     node->ctx = pContext;
+    node->drop = nullptr;
     node->ownedByPool = true;
     return ktt::submit(node);
 }
@@ -648,9 +674,14 @@ int KTThreadPool::GetThreadCount() { return ktt::poolState().threads; }
 int KTThreadPool::GetPendingCount() { return ktt::poolState().pending; }
 
 // ============================================================== critical sections
+// A plain mutex plus the owner and the nesting depth: a recursive lock whose
+// Leave can tell a thread that does not own it (-74) without asking the
+// platform to unlock someone else's mutex.
 namespace {
 struct Section {
     pthread_mutex_t m;
+    std::atomic<std::thread::id> owner;
+    int depth;  // touched by the owner only
 };
 Section* sectionOf(CRITICAL_SECTION* cs) noexcept { return *reinterpret_cast<Section**>(cs); }
 }  // namespace
@@ -659,10 +690,12 @@ KAPI int32_t K_IntInitializeCriticalSection(CRITICAL_SECTION* pSection) {
     if (!pSection) return KS_INVALID_PARAMETER;
     Section* s = static_cast<Section*>(krn::memAlloc(sizeof(Section)));
     if (!s) return KS_NO_MEMORY;
-    if (!csInit(&s->m)) {
+    if (pthread_mutex_init(&s->m, nullptr) != 0) {
         krn::memFree(s);
         return KS_NO_MEMORY;
     }
+    new (&s->owner) std::atomic<std::thread::id>();
+    s->depth = 0;
     *reinterpret_cast<Section**>(pSection) = s;
     return KS_SUCCESS;
 }
@@ -671,13 +704,24 @@ KAPI int32_t K_IntEnterCriticalSection(CRITICAL_SECTION* pSection) {
     if (!pSection) return KS_INVALID_PARAMETER;
     Section* s = sectionOf(pSection);
     if (!s) return KS_INVALID_PARAMETER;
-    return pthread_mutex_lock(&s->m) == 0 ? KS_SUCCESS : KS_INTERNAL;
+    std::thread::id self = std::this_thread::get_id();
+    if (s->owner.load(std::memory_order_relaxed) == self) {  // only we can have stored our id
+        ++s->depth;
+        return KS_SUCCESS;
+    }
+    if (pthread_mutex_lock(&s->m) != 0) return KS_INTERNAL;
+    s->owner.store(self, std::memory_order_relaxed);
+    s->depth = 1;
+    return KS_SUCCESS;
 }
 
 KAPI int32_t K_IntLeaveCriticalSection(CRITICAL_SECTION* pSection) {
     if (!pSection) return KS_INVALID_PARAMETER;
     Section* s = sectionOf(pSection);
     if (!s) return KS_INVALID_PARAMETER;
+    if (s->owner.load(std::memory_order_relaxed) != std::this_thread::get_id()) return KS_INTERNAL;
+    if (--s->depth > 0) return KS_SUCCESS;
+    s->owner.store(std::thread::id(), std::memory_order_relaxed);
     return pthread_mutex_unlock(&s->m) == 0 ? KS_SUCCESS : KS_INTERNAL;
 }
 
@@ -686,6 +730,7 @@ KAPI int32_t K_IntDeleteCriticalSection(CRITICAL_SECTION* pSection) {
     Section* s = sectionOf(pSection);
     if (!s) return KS_SUCCESS;
     pthread_mutex_destroy(&s->m);
+    s->owner.~atomic();
     krn::memFree(s);
     *reinterpret_cast<Section**>(pSection) = nullptr;
     return KS_SUCCESS;

@@ -17,12 +17,15 @@ namespace ktt {
 // A request on the pool's queue. The node is made by the requester with
 // krn::memAlloc. After fn(ctx) returns the pool frees the node when
 // ownedByPool is set; otherwise fn owns it (and frees it itself). A node
-// that is dropped at shutdown before it ran is freed by the pool in both
-// cases, so a node must sit at the start of its allocation.
+// dropped at shutdown before it ran goes to its drop function when it has
+// one; otherwise the pool frees it, so a node must sit at the start of its
+// allocation.
 struct PoolNode {
     PoolNode* next;
     KTPOOLFUNCTION fn;
     void* ctx;
+    KTPOOLFUNCTION drop;  // called instead of fn when the node is dropped at
+                          // shutdown (may be null); it then owns the node
     bool ownedByPool;
 };
 
