@@ -12,6 +12,7 @@
 //   BM_Memcpy_4000x3000x32          memcpy of the same buffer
 #include <atomic>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "bench_common.h"
@@ -58,8 +59,7 @@ void BM_PoolQueueUserWorkItem(benchmark::State& state) {
                 },
                 &ran, 0);
         queued += kItems;
-        while (ran.load(std::memory_order_relaxed) != queued) {
-        }
+        while (ran.load(std::memory_order_relaxed) != queued) std::this_thread::yield();
     }
     state.counters["us_per_item"] = benchmark::Counter(double(state.iterations()) * kItems * 1e-6,
                                                        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
