@@ -299,8 +299,10 @@ TEST(RecordCallbacks, SizeWordAndLayoutChecked) {
     out.uStructSize = BITMAPDATACALLBACKS_SIZE;
     ASSERT_EQ(K_GetBitmapDataCallbacks(&bm, &out), KS_SUCCESS);
     EXPECT_EQ(out.pUserData, &bm);
-    EXPECT_EQ(K_InitBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE_OLD, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE);
     K_FreeBitmap(&bm);
+    EXPECT_EQ(bm.pCallbacks, nullptr);
+    BITMAPRECORD old;
+    EXPECT_EQ(K_InitBitmapWithCallbacks(&old, BITMAPRECORD_SIZE_OLD, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE);
 }
 
 TEST(RecordDataPointer, FrameOrderAndAttach) {
