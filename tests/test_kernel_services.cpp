@@ -233,3 +233,36 @@ TEST(ProgressCallbacks, PerThreadSetAndGet) {
 }
 
 }  // namespace
+
+#include "krn/common/progress.h"
+
+namespace {
+
+int32_t stopAt40(int32_t percent, void* user) {
+    static_cast<std::vector<int32_t>*>(user)->push_back(percent);
+    return percent >= 40 ? KS_USER_ABORT : KS_SUCCESS;
+}
+
+TEST(ProgressCallbacks, ReportsEachWholePercentOnceAndStops) {
+    std::vector<int32_t> seen;
+    K_SetStatusCallBack(countingCallback, &seen, nullptr, nullptr);
+    krn::Progress p = krn::Progress::status(1000);
+    ASSERT_EQ(p.begin(), KS_SUCCESS);
+    for (int i = 1; i <= 1000; ++i) ASSERT_EQ(p.step(i), KS_SUCCESS);
+    ASSERT_EQ(seen.size(), 101u);
+    for (int i = 0; i <= 100; ++i) EXPECT_EQ(seen[i], i);
+
+    seen.clear();
+    K_SetStatusCallBack(stopAt40, &seen, nullptr, nullptr);
+    krn::Progress q = krn::Progress::status(7, 20, 60);  // a sub-range of a larger operation
+    int32_t rc = KS_SUCCESS;
+    int row = 0;
+    for (; row < 7 && rc == KS_SUCCESS; ++row) rc = q.step(row + 1);
+    EXPECT_EQ(rc, KS_USER_ABORT);
+    EXPECT_EQ(seen.back(), 42);  // 20 + 40*4/7
+    EXPECT_EQ(row, 4);
+    K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
+    EXPECT_FALSE(krn::Progress::status(10).active());
+}
+
+}  // namespace
