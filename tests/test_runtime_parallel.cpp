@@ -116,6 +116,19 @@ TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
         for (size_t i = 1; i < log.seen.size(); ++i) EXPECT_GT(log.seen[i], log.seen[i - 1]);
         EXPECT_FALSE(log.foreign);
     }
+    // A sub-range for one pass of a longer operation.
+    {
+        ProgressLog log;
+        log.caller = std::this_thread::get_id();
+        StatusHook hook(logProgress, &log);
+        krn::ParallelOptions o;
+        o.progressFrom = 50;
+        o.progressTo = 75;
+        ASSERT_EQ(krn::parallelRows(3000, [](int32_t, int32_t, int32_t) { return 1; }, o), 1);
+        EXPECT_EQ(log.seen.front(), 50);
+        EXPECT_EQ(log.seen.back(), 75);
+        for (size_t i = 1; i < log.seen.size(); ++i) EXPECT_GT(log.seen[i], log.seen[i - 1]);
+    }
     // The copy status callback is used only when asked for.
     ProgressLog log;
     log.caller = std::this_thread::get_id();

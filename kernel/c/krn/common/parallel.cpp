@@ -11,6 +11,7 @@
 #include <atomic>
 
 #include "kernel.h"
+#include "progress.h"
 #include "ktthreading_.h"
 
 namespace krn {
@@ -56,25 +57,29 @@ int helperItem(KTWorkItems* /*items*/, void* data) {
     return KS_SUCCESS;
 }
 
-struct Progress {
-    STATUSCALLBACK fn = nullptr;
-    void* user = nullptr;
-    int32_t last = -1;
-    // Reports pct when it is new; false (and the answer in job.result) on stop.
-    bool report(Job& job, int32_t pct) noexcept {
-        if (!fn || pct <= last) return true;
-        last = pct;
-        int32_t answer = fn(pct, user);
+// The calling thread's reporter: a stop answer becomes the job's result.
+struct Reporter {
+    Progress progress;
+    bool report(Job& job, int64_t rows) noexcept {
+        int32_t answer = progress.step(rows);
         if (answer == KS_SUCCESS) return true;
         int32_t expected = KS_SUCCESS;
         job.result.compare_exchange_strong(expected, answer, std::memory_order_acq_rel);
         job.stop.store(true, std::memory_order_release);
         return false;
     }
-    int32_t percent(const Job& job) const noexcept {
-        return int32_t(job.rowsDone.load(std::memory_order_acquire) * 100 / job.height);
-    }
 };
+
+Progress makeProgress(const ParallelOptions& o, int32_t height) noexcept {
+    switch (o.progress) {
+        case ParallelProgress::Status:
+            return Progress::status(height, o.progressFrom, o.progressTo);
+        case ParallelProgress::CopyStatus:
+            return Progress::copyStatus(height, o.progressFrom, o.progressTo);
+        default:
+            return Progress(nullptr, nullptr, height, o.progressFrom, o.progressTo);
+    }
+}
 
 }  // namespace
 
@@ -86,12 +91,8 @@ int32_t parallelMaxSlots(const ParallelOptions& options) noexcept {
 
 int32_t parallelRows(int32_t height, RowBandFn fn, void* ctx, const ParallelOptions& options) noexcept {
     if (!fn || height < 0) return KS_INVALID_PARAMETER;
-    Progress progress;
-    if (options.progress == ParallelProgress::Status)
-        K_GetStatusCallBack(&progress.fn, &progress.user);
-    else if (options.progress == ParallelProgress::CopyStatus)
-        K_GetCopyStatusCallBack(&progress.fn, &progress.user);
     if (height == 0) return KS_SUCCESS;
+    Reporter progress{makeProgress(options, height)};
 
     int32_t slots = parallelMaxSlots(options);
     uint64_t work = options.bytesPerRow * uint64_t(height);
@@ -119,11 +120,11 @@ int32_t parallelRows(int32_t height, RowBandFn fn, void* ctx, const ParallelOpti
         for (int32_t i = 0; i < helpers; ++i) items.QueueItem(helperItem, &job);
     }
     while (runBand(job, 0)) {
-        if (!progress.report(job, progress.percent(job))) break;
+        if (!progress.report(job, job.rowsDone.load(std::memory_order_acquire))) break;
     }
     if (helpers) items.Wait();
     int32_t result = job.result.load(std::memory_order_acquire);
-    if (result == KS_SUCCESS) progress.report(job, 100);
+    if (result == KS_SUCCESS) progress.report(job, height);
     return job.result.load(std::memory_order_acquire);
 }
 

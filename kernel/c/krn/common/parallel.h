@@ -19,9 +19,10 @@
 // Band functions must not rely on per-thread settings (krn::settings()):
 // read what they need on the calling thread before the call.
 //
-// Progress: the status callback (or the copy status callback) of the
-// calling thread is called on the calling thread only, with 0 first, then
-// whole percentages as bands complete, increasing, and 100 at the end. Any
+// Progress (through krn::Progress): the status callback (or the copy status
+// callback) of the calling thread is called on the calling thread only, with
+// progressFrom first, then whole percentages as bands complete, increasing,
+// and progressTo at the end. Any
 // answer other than 1 stops the job: no new band starts, bands running
 // finish, and the answer is the result. The first band that fails stops the
 // job the same way and its status is the result.
@@ -40,6 +41,8 @@ enum class ParallelProgress { None, Status, CopyStatus };
 
 struct ParallelOptions {
     ParallelProgress progress = ParallelProgress::Status;
+    int32_t progressFrom = 0;     // the job reports progressFrom..progressTo, so a
+    int32_t progressTo = 100;     // multi-pass operation can give each pass a share
     int32_t maxThreads = 0;       // 0: the processor count
     uint64_t bytesPerRow = 0;     // work estimate; 0: unknown (counted as large)
     uint64_t minParallelBytes = 256u * 1024u;  // smaller jobs stay on one thread
