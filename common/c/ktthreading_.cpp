@@ -126,9 +126,9 @@ const LockOps* lockOps() noexcept {
 }
 
 // ------------------------------------------------------------ the pool
-// Pool state lives in a kernel block that is freed only when every worker
-// was joined; a worker still running at exit keeps a valid state to finish
-// against until the process ends.
+// Pool state lives in a kernel block that is never freed once the pool ran:
+// a worker still running at exit, or a thread that read the pool pointer
+// just before the shutdown, keeps a valid state until the process ends.
 struct Pool {
     std::mutex m;
     std::condition_variable cv;       // work queued or stop
@@ -147,6 +147,7 @@ struct Pool {
 std::mutex g_poolMutex;               // guards g_pool creation and shutdown
 std::atomic<Pool*> g_pool{nullptr};
 std::atomic<bool> g_poolShutDown{false};
+Pool* g_retiredPool = nullptr;        // a shut-down pool, kept for late readers
 thread_local bool t_inPoolWorker = false;
 
 void runNode(ktt::PoolNode* node) noexcept {
@@ -218,7 +219,8 @@ Pool* getPool() noexcept {
 void prepareFork() noexcept { g_poolMutex.lock(); }
 void afterForkParent() noexcept { g_poolMutex.unlock(); }
 void afterForkChild() noexcept {
-    g_pool.store(nullptr, std::memory_order_relaxed);
+    Pool* old = g_pool.exchange(nullptr, std::memory_order_relaxed);
+    if (old) g_retiredPool = old;  // still reachable, never touched again
     g_poolMutex.unlock();
 }
 
@@ -305,10 +307,15 @@ bool shutdownPool(unsigned graceMs) noexcept {
             t.detach();
         }
     }
-    if (!allLeft) return false;  // stragglers keep the state until the process ends
+    // The pool block itself is kept (and stays reachable): another thread may
+    // still hold the pointer it read before the shutdown; it finds the pool
+    // stopping and runs its request itself. Stragglers keep everything.
+    g_retiredPool = pool;
+    if (!allLeft) return false;
     for (int i = 0; i < pool->nThreads; ++i) pool->threads[i].~thread();
     krn::memFree(pool->threads);
-    dropObject(pool);
+    pool->threads = nullptr;
+    pool->nThreads = 0;
     return true;
 }
 
