@@ -20,9 +20,10 @@
 // matches, or F when none does (F itself may be that entry).
 //
 // The vector paths compute the distances of a chunk of up to 256 entries into
-// a small array while keeping the running minimum, then look only at the
-// entries equal to the minimum. Chunks are combined with the same rule, so a
-// palette of any length gives the scan's answer.
+// a small array, 64 at a time with the minimum of each group of 64, then look
+// only at the entries equal to the minimum inside groups that reach it.
+// Chunks are combined with the same rule, so a palette of any length gives
+// the scan's answer.
 #include <cstring>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -57,6 +58,7 @@ inline uint32_t distance(const RGBQUAD& e, int r, int g, int b) noexcept {
 }
 
 constexpr int32_t kChunk = 256;
+constexpr int32_t kGroup = 64;
 
 // Combines the chunks of one search.
 struct Resolver {
@@ -83,9 +85,12 @@ inline void scanEqualScalar(const uint32_t* dist, int32_t from, int32_t count, u
         if (dist[i] == m) r.candidate(pal, base + i);
 }
 
-// Shared driver: `Kernel::distances` fills dist[0..count) (it may stop after a
-// block holding a zero; it then returns 0 and sets *filled), and
-// `Kernel::scanEqual` reports the entries equal to the minimum.
+// Shared driver. Each chunk of up to 256 entries is cut into groups of 64:
+// `Kernel::group` stores the distances of one group and returns their
+// minimum, so the exact-match exit is taken at the end of a group (the first
+// zero is then looked up in the stored distances: the same answer as a walk
+// that stops at once), and only groups whose minimum equals the chunk's are
+// searched again by `Kernel::scanEqual` for the entries at that distance.
 template <class Kernel>
 int32_t searchChunks(const RGBQUAD* pal, int32_t n, int r, int g, int b) noexcept {
     if (!pal) return 0;
@@ -94,14 +99,20 @@ int32_t searchChunks(const RGBQUAD* pal, int32_t n, int r, int g, int b) noexcep
     if (s != -2) return s;
     Resolver res{hueClass(r, g, b)};
     alignas(32) uint32_t dist[kChunk];
+    uint32_t groupMin[kChunk / kGroup];
     for (int32_t base = 0; base < n; base += kChunk) {
         const int32_t count = n - base < kChunk ? n - base : kChunk;
-        int32_t filled = count;
-        uint32_t m = Kernel::distances(pal + base, count, r, g, b, dist, &filled);
-        if (m == 0) {
-            // The first exact match wins; earlier chunks had no zero.
-            for (int32_t i = 0; i < filled; ++i)
-                if (dist[i] == 0) return base + i;
+        uint32_t m = 0xFFFFFFFFu;
+        for (int32_t g0 = 0; g0 < count; g0 += kGroup) {
+            const int32_t c = count - g0 < kGroup ? count - g0 : kGroup;
+            const uint32_t gm = Kernel::group(pal + base + g0, c, r, g, b, dist + g0);
+            if (gm == 0) {
+                // The first exact match wins; earlier groups had no zero.
+                for (int32_t i = g0;; ++i)
+                    if (dist[i] == 0) return base + i;
+            }
+            groupMin[g0 / kGroup] = gm;
+            m = gm < m ? gm : m;
         }
         if (m > res.best) continue;
         if (m < res.best) {
@@ -109,7 +120,11 @@ int32_t searchChunks(const RGBQUAD* pal, int32_t n, int r, int g, int b) noexcep
             res.first = -1;
             res.lastMatch = -1;
         }
-        Kernel::scanEqual(dist, count, m, pal, base, res);
+        for (int32_t g0 = 0; g0 < count; g0 += kGroup) {
+            if (groupMin[g0 / kGroup] != m) continue;
+            const int32_t c = count - g0 < kGroup ? count - g0 : kGroup;
+            Kernel::scanEqual(dist + g0, c, m, pal, base + g0, res);
+        }
     }
     return res.result();
 }
@@ -130,12 +145,10 @@ struct Sse2 {
         __m128 c = _mm_shuffle_ps(_mm_castsi128_ps(slo), _mm_castsi128_ps(shi), _MM_SHUFFLE(3, 1, 3, 1));
         return _mm_add_epi32(_mm_castps_si128(a), _mm_castps_si128(c));
     }
-    static uint32_t distances(const RGBQUAD* pal, int32_t count, int r, int g, int b, uint32_t* dist,
-                              int32_t* filled) noexcept {
+    static uint32_t group(const RGBQUAD* pal, int32_t count, int r, int g, int b, uint32_t* dist) noexcept {
         const __m128i target16 = _mm_setr_epi16(int16_t(b), int16_t(g), int16_t(r), 0, int16_t(b), int16_t(g),
                                                 int16_t(r), 0);
         const __m128i mask = _mm_set1_epi32(0x00FFFFFF);
-        const __m128i zero = _mm_setzero_si128();
         __m128i vmin = _mm_set1_epi32(0x7FFFFFFF);
         int32_t i = 0;
         for (; i + 4 <= count; i += 4) {
@@ -144,10 +157,6 @@ struct Sse2 {
             // Distances are below 2^18, so signed compares order them.
             __m128i gt = _mm_cmpgt_epi32(vmin, d);
             vmin = _mm_or_si128(_mm_and_si128(gt, d), _mm_andnot_si128(gt, vmin));
-            if (_mm_movemask_epi8(_mm_cmpeq_epi32(d, zero))) {
-                *filled = i + 4;
-                return 0;
-            }
         }
         alignas(16) uint32_t lanes[4];
         _mm_store_si128(reinterpret_cast<__m128i*>(lanes), vmin);
@@ -155,13 +164,8 @@ struct Sse2 {
         for (int k = 1; k < 4; ++k) m = lanes[k] < m ? lanes[k] : m;
         for (; i < count; ++i) {
             dist[i] = distance(pal[i], r, g, b);
-            if (dist[i] < m) m = dist[i];
-            if (m == 0) {
-                *filled = i + 1;
-                return 0;
-            }
+            m = dist[i] < m ? dist[i] : m;
         }
-        *filled = count;
         return m;
     }
     static void scanEqual(const uint32_t* dist, int32_t count, uint32_t m, const RGBQUAD* pal, int32_t base,
@@ -182,8 +186,8 @@ struct Sse2 {
 
 // ---------------------------------------------------------------- AVX2
 struct Avx2 {
-    __attribute__((target("avx2"))) static uint32_t distances(const RGBQUAD* pal, int32_t count, int r, int g,
-                                                              int b, uint32_t* dist, int32_t* filled) noexcept {
+    __attribute__((target("avx2"))) static uint32_t group(const RGBQUAD* pal, int32_t count, int r, int g, int b,
+                                                          uint32_t* dist) noexcept {
         const __m256i target16 = _mm256_setr_epi16(int16_t(b), int16_t(g), int16_t(r), 0, int16_t(b), int16_t(g),
                                                    int16_t(r), 0, int16_t(b), int16_t(g), int16_t(r), 0,
                                                    int16_t(b), int16_t(g), int16_t(r), 0);
@@ -204,10 +208,6 @@ struct Avx2 {
             __m256i d = _mm256_add_epi32(_mm256_castps_si256(a), _mm256_castps_si256(c));
             _mm256_store_si256(reinterpret_cast<__m256i*>(dist + i), d);
             vmin = _mm256_min_epi32(vmin, d);
-            if (_mm256_movemask_epi8(_mm256_cmpeq_epi32(d, zero))) {
-                *filled = i + 8;
-                return 0;
-            }
         }
         __m128i m4 = _mm_min_epi32(_mm256_castsi256_si128(vmin), _mm256_extracti128_si256(vmin, 1));
         m4 = _mm_min_epi32(m4, _mm_shuffle_epi32(m4, _MM_SHUFFLE(1, 0, 3, 2)));
@@ -215,13 +215,8 @@ struct Avx2 {
         uint32_t m = uint32_t(_mm_cvtsi128_si32(m4));
         for (; i < count; ++i) {
             dist[i] = distance(pal[i], r, g, b);
-            if (dist[i] < m) m = dist[i];
-            if (m == 0) {
-                *filled = i + 1;
-                return 0;
-            }
+            m = dist[i] < m ? dist[i] : m;
         }
-        *filled = count;
         return m;
     }
     __attribute__((target("avx2"))) static void scanEqual(const uint32_t* dist, int32_t count, uint32_t m,
