@@ -336,7 +336,7 @@ bool demoPalettes(cli::Report& rep, const BITMAPRECORD& sample) {
     const double msFast = std::chrono::duration<double, std::milli>(t1 - t0).count();
     const double msPlain = std::chrono::duration<double, std::milli>(t2 - t1).count();
     char line[200];
-    std::snprintf(line, sizeof line, "%zu nearest-entry searches (256 entries): %.1f ms, plain loop %.1f ms", pixels,
+    std::snprintf(line, sizeof line, "%zu nearest-entry searches (256 entries): %.1f ms (the check against the plain rule: %.1f ms)", pixels,
                   msFast, msPlain);
     rep.line(line);
     rep.check(mismatches == 0, "K_FindPaletteIndex equals the plain rule on every sample pixel");
