@@ -151,6 +151,7 @@ struct Sse2 {
         const __m128i mask = _mm_set1_epi32(0x00FFFFFF);
         __m128i vmin = _mm_set1_epi32(0x7FFFFFFF);
         int32_t i = 0;
+#pragma GCC unroll 4
         for (; i + 4 <= count; i += 4) {
             __m128i d = dist4(pal + i, target16, mask);
             _mm_store_si128(reinterpret_cast<__m128i*>(dist + i), d);
@@ -195,6 +196,7 @@ struct Avx2 {
         const __m256i zero = _mm256_setzero_si256();
         __m256i vmin = _mm256_set1_epi32(0x7FFFFFFF);
         int32_t i = 0;
+#pragma GCC unroll 8
         for (; i + 8 <= count; i += 8) {
             __m256i v = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(pal + i)), mask);
             // unpack works per 128-bit lane: lo holds entries 0,1 | 4,5 and hi 2,3 | 6,7.
@@ -223,6 +225,7 @@ struct Avx2 {
                                                           const RGBQUAD* pal, int32_t base, Resolver& res) noexcept {
         const __m256i vm = _mm256_set1_epi32(int32_t(m));
         int32_t i = 0;
+#pragma GCC unroll 8
         for (; i + 8 <= count; i += 8) {
             int bits = _mm256_movemask_ps(_mm256_castsi256_ps(
                 _mm256_cmpeq_epi32(_mm256_load_si256(reinterpret_cast<const __m256i*>(dist + i)), vm)));
