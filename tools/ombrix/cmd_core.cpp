@@ -260,7 +260,7 @@ int32_t plainNearest(const RGBQUAD* p, int32_t n, int r, int g, int b) {
 }
 
 bool demoPalettes(cli::Report& rep, const BITMAPRECORD& sample) {
-    // The record: create, inspect, free.
+    // The record: create, check its fields, free.
     BITMAPRECORD bm;
     int32_t rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, 64, 48, 8, ORDER_BGR, nullptr, TOP_LEFT,
                                 nullptr, 0);
@@ -393,5 +393,14 @@ bool demoPalettes(cli::Report& rep, const BITMAPRECORD& sample) {
 }
 
 cli::RegisterDemo regDemoPalettes({"record and palettes", 10, demoPalettes});
+
+void infoPalettes() {
+    // The search path follows the CPU: AVX2 when present, else SSE2 (x86-64 baseline).
+    const bool avx2 = K_GetCpuFeatures() & 8;
+    std::printf("nearest-entry search: %s, %d entries per step\n", avx2 ? "AVX2" : "SSE2", avx2 ? 8 : 4);
+    std::printf("fixed palettes: depths 1-8, web palette (216 colours), grey ramps of 2-256 entries\n");
+    std::printf("user match table: %d words (5-5-5 index, nearest entry + 1)\n", USER_MATCH_TABLE_ENTRIES);
+}
+cli::RegisterInfo regInfoPalettes({"palettes", 10, infoPalettes});
 
 }  // namespace
