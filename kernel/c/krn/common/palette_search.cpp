@@ -100,8 +100,9 @@ int32_t searchChunks(const RGBQUAD* pal, int32_t n, int r, int g, int b) noexcep
     Resolver res{hueClass(r, g, b)};
     alignas(32) uint32_t dist[kChunk];
     uint32_t groupMin[kChunk / kGroup];
-    for (int32_t base = 0; base < n; base += kChunk) {
-        const int32_t count = n - base < kChunk ? n - base : kChunk;
+    int32_t count;
+    for (int32_t base = 0; base < n; base += count) {  // base + count <= n: no overflow
+        count = n - base < kChunk ? n - base : kChunk;
         uint32_t m = 0xFFFFFFFFu;
         for (int32_t g0 = 0; g0 < count; g0 += kGroup) {
             const int32_t c = count - g0 < kGroup ? count - g0 : kGroup;
