@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -209,6 +210,8 @@ int cmdDemo(const cli::Args& args) {
 
     if (!outDir.empty()) {
         std::printf("\n[output]\n");
+        std::error_code ec;
+        std::filesystem::create_directories(outDir, ec);  // an existing directory is fine
         const std::string path = outDir + "/sample.ppm";
         std::string why;
         rc = pnm::write(path, sample, &why);
