@@ -363,9 +363,119 @@ OMBRIX_API const RGBQUAD* K_IntGetNetscapePalette(void);
  * K_GlobalAlloc; free it with K_GlobalFree. Null on failure. */
 OMBRIX_API RGBQUAD* K_CreateGrayPalette(int32_t nBitsPerPixel);
 /* Index of the palette entry nearest to (R, G, B); 0 for a null palette,
- * -1 for nColors <= 0. */
+ * -1 for nColors <= 0 (the full rule is below). */
 OMBRIX_API int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, int32_t nRed,
                                       int32_t nGreen, int32_t nBlue);
+/* Nearest entry: components outside 0..255 are clamped first. Black and
+ * white targets look at the first and last entries first (black prefers
+ * entry 0, white the last entry); otherwise the smallest squared distance
+ * wins, the earliest entry on a tie unless a later one shares the target's
+ * hue class, and the first exact match ends the search. */
+
+/* Grey classification of nColors entries: 0 not grey, 1 ramp ascending from
+ * black, 2 ramp descending from white, 3 grey but not an evenly stepped ramp.
+ * The expected ramp adds the truncated step 255 / (nColors - 1) at each
+ * entry, so an 8-entry ramp from K_CreateGrayPalette(3) gives 3. With
+ * nColors 0 or 1 the first entry decides (0 -> 1, 255 -> 2, else 3), so the
+ * array must hold at least one entry. -13 for a null palette or nColors < 0. */
+OMBRIX_API int32_t K_IsGrayScalePalette(const RGBQUAD* pPalette, int32_t nColors);
+/* Grey classification of a bitmap. Depths 1..8: its colours (its palette,
+ * or the fixed palette of its depth when it has none), and a ramp with fewer
+ * entries than 2^depth gives 3. Deeper bitmaps: 0 unless the order is grey;
+ * a grey bitmap without a lookup table gives 1, one with a table (pLUT,
+ * nLUTLength RGBQUAD entries) gives 0 if an entry is coloured, 1 if the
+ * table never falls, 2 if it never rises, else 3. -13 null, -789 size word. */
+OMBRIX_API int32_t K_IntIsGrayScaleBitmap(const BITMAPRECORD* pBitmap);
+
+/* The fixed palette of a depth 1..8 (0: the 256-level grey ramp) in a new
+ * block from K_GlobalAlloc (GMEM_FIXED); free it with K_GlobalFree. Null for
+ * a bad depth or when memory runs out. */
+OMBRIX_API RGBQUAD* K_CreateFixedPalette(int32_t nBitsPerPixel);
+/* A copy of nColors (1..65536) entries in a new K_GlobalAlloc block; null
+ * for a null palette, a bad count or when memory runs out. */
+OMBRIX_API RGBQUAD* K_DupPalette(const RGBQUAD* pPalette, int32_t nColors);
+
+/* User match table: 32768 words indexed by (R >> 3) << 10 | (G >> 3) << 5 |
+ * (B >> 3), each holding K_FindPaletteIndex(...) + 1 for the grid colour
+ * (component * 8, so 0..248). The caller owns it. Null for a null palette,
+ * nColors < 1, or when memory runs out. */
+#define USER_MATCH_TABLE_ENTRIES 32768
+OMBRIX_API uint32_t* K_CreateUserMatchTable(const RGBQUAD* pPalette, int32_t nColors);
+/* Frees a table (null allowed) and returns 1. If the table is installed on
+ * the calling thread (or in the process-wide block) it is uninstalled there
+ * first; other threads must uninstall it themselves before it is freed. */
+OMBRIX_API int32_t K_FreeUserMatchTable(uint32_t* pTable);
+/* Installs a table (null removes it) for the calling thread and returns the
+ * table installed before. The kernel never frees an installed table. */
+OMBRIX_API const uint32_t* K_SetUserMatchTable(const uint32_t* pTable);
+/* The table installed for the calling thread, or null. */
+OMBRIX_API const uint32_t* K_GetUserMatchTable(void);
+
+/* Colour values: either an RGB colour 0x00BBGGRR (red in the low byte) or a
+ * palette index with KCOLOR_INDEX_FLAG in the high byte. */
+#define KCOLOR_RGB(r, g, b) \
+    ((uint32_t)(uint8_t)(r) | ((uint32_t)(uint8_t)(g) << 8) | ((uint32_t)(uint8_t)(b) << 16))
+#define KCOLOR_INDEX_FLAG 0x01000000u
+#define KCOLOR_INDEX(i) (KCOLOR_INDEX_FLAG | ((uint32_t)(i) & 0xFFFFFFu))
+#define KCOLOR_RED(c)   ((uint8_t)(c))
+#define KCOLOR_GREEN(c) ((uint8_t)((c) >> 8))
+#define KCOLOR_BLUE(c)  ((uint8_t)((c) >> 16))
+
+/* Palettes owned by a record are GMEM_FIXED blocks from K_GlobalAlloc that
+ * K_FreeBitmap frees. For depths up to 8 the block always holds 2^depth
+ * entries (entries past nColors are black). None of these functions needs
+ * the bitmap to be allocated. A failed call leaves the record unchanged. */
+
+/* Replaces the palette with nColors entries of pPalette (1..2^depth for
+ * depths up to 8, 1..256 for deeper bitmaps; pPalette may be the record's own
+ * palette). A null pPalette sets the fixed palette of the bitmap's depth and
+ * ignores nColors. -13 bad count (or null palette for a deep bitmap), -1 no memory. */
+OMBRIX_API int32_t K_SetBitmapPalette(BITMAPRECORD* pBitmap, const RGBQUAD* pPalette, int32_t nColors);
+/* Gives pDst the colours of pSrc (its palette, or the fixed palette of its
+ * depth when it has none) and their count. When pSrc is a deep bitmap
+ * without a palette, pDst's palette is released (nColors 2^depth or 0).
+ * -13 when pDst's depth cannot hold that many entries. */
+OMBRIX_API int32_t K_CopyBitmapPalette(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc);
+/* Sets the fixed palette / the grey ramp of the bitmap's depth (1..8, else -27). */
+OMBRIX_API int32_t K_CreateBitmapFixedPalette(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_CreateBitmapGrayPalette(BITMAPRECORD* pBitmap);
+/* Copies entries nIndex.. of the bitmap's colours (its palette, or the fixed
+ * palette of its depth when it has none) into pColors, at most nCount, and
+ * returns the number copied (0 <= result <= nCount). -13 for a null array, a
+ * negative count or an index past the last entry. */
+OMBRIX_API int32_t K_GetBitmapColors(const BITMAPRECORD* pBitmap, int32_t nIndex, int32_t nCount,
+                                     RGBQUAD* pColors);
+/* Writes nCount entries at nIndex (the range must lie within 2^depth for
+ * depths up to 8, within 256 otherwise; -13 if not). A bitmap without a
+ * palette gets one first (the fixed palette of its depth); nColors grows to
+ * cover the range. Returns the number of entries written. */
+OMBRIX_API int32_t K_PutBitmapColors(BITMAPRECORD* pBitmap, int32_t nIndex, int32_t nCount,
+                                     const RGBQUAD* pColors);
+/* 1 when the bitmap's colours are exactly the nColors entries of pPalette
+ * (red, green and blue compared; reserved bytes ignored), 0 when they
+ * differ. A null pPalette means the fixed palette of the bitmap's depth. */
+OMBRIX_API int32_t K_CompareBitmapToPalette(const BITMAPRECORD* pBitmap, const RGBQUAD* pPalette,
+                                            int32_t nColors);
+/* Resolves a colour value through the bitmap's colours: an RGB value is
+ * returned as is, a palette index becomes the RGB value of that entry.
+ * -13 for a null output, an index past the last entry or other high bytes. */
+OMBRIX_API int32_t K_GetTrueColorValue(const BITMAPRECORD* pBitmap, uint32_t uColor, uint32_t* puColor);
+/* Translates a colour value of pSrc (null: only RGB values accepted) into
+ * pDst's terms: for depths up to 8 the palette index of the nearest entry
+ * (K_FindPaletteIndex rule) with KCOLOR_INDEX_FLAG; for a deep grey bitmap
+ * the grey (2R + 5G + B + 4) >> 3 as an RGB value; otherwise the RGB value. */
+OMBRIX_API int32_t K_TranslateBitmapColor(const BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, uint32_t uColor,
+                                          uint32_t* puColor);
+/* The distinct colours the bitmap's pixels use, in ascending 0xRRGGBB order:
+ * *pnColors receives how many there are, and the first min(that, nMaxEntries)
+ * are written to pEntries (which may be null when nMaxEntries is 0). Pixels
+ * of paletted bitmaps count by the colour of their entry (values past the
+ * palette read as black); 16-bit pixels widen 5/6-bit fields by bit
+ * replication; 48/64-bit pixels use the high byte of each component. -2 not
+ * allocated, -794 for 12-bit and non-RGB/BGR deep orders, -16 for storage
+ * without a direct data pointer, -1 no memory (needs a 2 MB scratch set). */
+OMBRIX_API int32_t K_GetBitmapPaletteEntries(BITMAPRECORD* pBitmap, RGBQUAD* pEntries, int32_t nMaxEntries,
+                                             int32_t* pnColors);
 /* @@palettes@@ */
 
 /* ======================================================================
