@@ -168,14 +168,14 @@ TEST(RedirectTables, ProcessTableIsNeverTorn) {
     std::vector<std::thread> ts;
     for (int w = 0; w < 2; ++w)
         ts.emplace_back([&, w] {
-            for (int i = 0; i < 3000; ++i) {
+            for (int i = 0; !stop; ++i) {
                 REDIRECTRECORD t = ((i + w) & 1) ? a.table() : b.table();
                 K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 1);
             }
         });
     for (int r = 0; r < 2; ++r)
         ts.emplace_back([&] {
-            while (!stop) {
+            for (int i = 0; i < 5000; ++i) {
                 REDIRECTRECORD t{};
                 K_GetRedirectFunctions(&t, REDIRECTRECORD_SIZE, 0, 1);
                 void* u = t.pOpenUserData;
@@ -186,11 +186,11 @@ TEST(RedirectTables, ProcessTableIsNeverTorn) {
                 ++seen;
             }
         });
-    ts[0].join();
-    ts[1].join();
-    stop = true;
     ts[2].join();
     ts[3].join();
+    stop = true;
+    ts[0].join();
+    ts[1].join();
     EXPECT_EQ(torn.load(), 0);
     EXPECT_GT(seen.load(), 0);
 }
