@@ -319,6 +319,56 @@ TEST(TempFile, AllocationFailureLeavesNothingBehind) {
     EXPECT_EQ(testfs::openFdCount(), fds);
 }
 
+TEST(TempFile, MappedWindowAgreesWithPositionedIo) {
+    StateGuard guard;
+    TempFile* f = nullptr;
+    ASSERT_EQ(krn::tempCreate(&f), KS_SUCCESS);
+    std::unique_ptr<TempFile, krn::TempFileCloser> own(f);
+    const uint64_t off = 3 * 4096 + 123;  // not page aligned
+    const size_t n = 50000;
+    krn::TempMapping m;
+    ASSERT_EQ(krn::tempMap(f, off, n, true, &m), KS_SUCCESS);  // grows the file
+    EXPECT_GE(krn::tempSize(f), int64_t(off + n));
+    auto a = randomBytes(n, 11);
+    std::memcpy(m.data, a.data(), n);
+    std::vector<uint8_t> back(n);
+    ASSERT_EQ(krn::tempRead(f, off, back.data(), n), KS_SUCCESS);
+    EXPECT_EQ(back, a);
+    auto b = randomBytes(1000, 12);
+    ASSERT_EQ(krn::tempWrite(f, off + 777, b.data(), b.size()), KS_SUCCESS);
+    EXPECT_EQ(std::memcmp(m.data + 777, b.data(), b.size()), 0);
+    krn::tempUnmap(&m);
+    EXPECT_EQ(m.data, nullptr);
+    krn::tempUnmap(&m);  // twice is harmless
+    krn::TempMapping r;
+    ASSERT_EQ(krn::tempMap(f, off + 777, b.size(), false, &r), KS_SUCCESS);
+    EXPECT_EQ(std::memcmp(r.data, b.data(), b.size()), 0);
+    krn::tempUnmap(&r);
+    int64_t size = krn::tempSize(f);
+    EXPECT_EQ(krn::tempMap(f, uint64_t(size) - 10, 11, false, &r), KS_FILE_READ);
+    EXPECT_EQ(krn::tempMap(f, 0, 0, false, &r), KS_INVALID_PARAMETER);
+}
+
+TEST(TempFile, MappingRespectsLimitAndRedirection) {
+    StateGuard guard;
+    TEMPFILEOPTIONS o{TEMPFILEOPTIONS_SIZE, 2, 0, 1, {0, 0}};
+    ASSERT_EQ(K_SetTempFileOptions(&o), KS_SUCCESS);
+    TempFile* f = nullptr;
+    ASSERT_EQ(krn::tempCreate(&f), KS_SUCCESS);
+    krn::TempMapping m;
+    EXPECT_EQ(krn::tempMap(f, 1 << 20, 1, true, &m), KS_FILE_WRITE);
+    EXPECT_EQ(m.data, nullptr);
+    EXPECT_EQ(krn::tempMap(f, 0, 1 << 20, true, &m), KS_SUCCESS);
+    krn::tempUnmap(&m);
+    krn::tempClose(f);
+    MemFs fs;
+    REDIRECTRECORD t = fs.table();
+    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
+    ASSERT_EQ(krn::tempCreate(&f), KS_SUCCESS);
+    EXPECT_EQ(krn::tempMap(f, 0, 10, true, &m), KS_NOT_SUPPORTED);
+    krn::tempClose(f);
+}
+
 TEST(TempFile, NullArgumentsAreRefused) {
     uint8_t b[1];
     EXPECT_EQ(krn::tempCreate(nullptr), KS_INVALID_PARAMETER);

@@ -4,6 +4,7 @@
 #include "tempfile.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -329,6 +330,48 @@ void tempClose(TempFile* h) noexcept {
     }
     h->~TempFile();
     memFree(h);
+}
+
+// ---------------------------------------------------------------- mapping
+int32_t tempMap(TempFile* h, uint64_t offset, size_t n, bool writable, TempMapping* out) noexcept {
+    if (!h || !out || n == 0) return KS_INVALID_PARAMETER;
+    *out = TempMapping{};
+    if (h->redirected) return KS_NOT_SUPPORTED;
+    if (offset > uint64_t(INT64_MAX) || n > uint64_t(INT64_MAX) - offset) return KS_INVALID_PARAMETER;
+    uint64_t end = offset + n;
+    if (writable) {
+        if (overLimit(h, offset, n)) return KS_FILE_WRITE;
+        // Reserve the blocks now: a store into a mapped page that the disk
+        // cannot back would otherwise kill the process with SIGBUS.
+        int e = ::posix_fallocate(h->fd, off_t(offset), off_t(n));
+        if (e == ENOSPC || e == EFBIG || e == EIO) return KS_FILE_WRITE;
+        if (e != 0) {
+            // No fallocate on this file system: at least make the range exist.
+            int64_t size = tempSize(h);
+            if (size < 0) return KS_FILE_WRITE;
+            if (uint64_t(size) < end && tempSetSize(h, end) != KS_SUCCESS) return KS_FILE_WRITE;
+        }
+    } else {
+        int64_t size = tempSize(h);
+        if (size < 0 || uint64_t(size) < end) return KS_FILE_READ;
+    }
+    static const uint64_t page = uint64_t(::sysconf(_SC_PAGESIZE));
+    uint64_t start = offset - offset % page;
+    uint64_t len = end - start;
+    if (len > SIZE_MAX) return KS_NO_MEMORY;
+    void* p = ::mmap(nullptr, size_t(len), PROT_READ | (writable ? PROT_WRITE : 0), MAP_SHARED, h->fd,
+                     off_t(start));
+    if (p == MAP_FAILED) return KS_NO_MEMORY;
+    out->base = p;
+    out->length = size_t(len);
+    out->data = static_cast<uint8_t*>(p) + (offset - start);
+    return KS_SUCCESS;
+}
+
+void tempUnmap(TempMapping* m) noexcept {
+    if (!m || !m->base) return;
+    ::munmap(m->base, m->length);
+    *m = TempMapping{};
 }
 
 // ---------------------------------------------------------------- positioned

@@ -45,6 +45,20 @@
 //                                     KS_BUFFER_TOO_SMALL; cap of OMBRIX_TEMP_PATH_MAX
 //                                     always suffices
 //
+// Mapping (default file layer only): a window of the file in memory, for
+// storage that wants memcpy speed on a warm page cache.
+//   tempMap(h, offset, n, writable, &m)  KS_SUCCESS and m.data -> byte `offset`;
+//                                     KS_NOT_SUPPORTED (-16) for a file that goes
+//                                     through a redirect table; KS_FILE_WRITE when a
+//                                     writable window cannot be backed (disk full: the
+//                                     blocks are reserved with posix_fallocate first, so
+//                                     a later store cannot fault; or past the size
+//                                     limit); KS_FILE_READ for a read-only window past
+//                                     the end of the file; KS_NO_MEMORY when the
+//                                     address space is exhausted
+//   tempUnmap(&m)                     releases the window (stores are already in the
+//                                     file); an empty mapping is ignored
+//
 // Sizes and offsets are 64-bit; a single call may move any number of bytes
 // (larger transfers are split internally).
 #pragma once
@@ -72,6 +86,14 @@ void tempClose(TempFile* h) noexcept;
 // True when the file goes through a caller's redirect table rather than the
 // default file layer (for diagnostics and tests).
 bool tempIsRedirected(const TempFile* h) noexcept;
+
+struct TempMapping {
+    uint8_t* data = nullptr;  // the requested offset
+    void* base = nullptr;     // page-aligned start (internal)
+    size_t length = 0;        // mapped bytes from base (internal)
+};
+int32_t tempMap(TempFile* h, uint64_t offset, size_t n, bool writable, TempMapping* out) noexcept;
+void tempUnmap(TempMapping* m) noexcept;
 
 int32_t tempFileMode() noexcept;
 bool tempDiskAllowed() noexcept;
