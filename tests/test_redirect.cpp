@@ -165,6 +165,8 @@ TEST(RedirectTables, ProcessTableIsNeverTorn) {
     MemFs a, b;
     std::atomic<bool> stop{false};
     std::atomic<long> torn{0}, seen{0};
+    REDIRECTRECORD first = a.table();
+    ASSERT_EQ(K_SetRedirectFunctions(&first, REDIRECT_SET_INSTALL, 1), KS_SUCCESS);
     std::vector<std::thread> ts;
     for (int w = 0; w < 2; ++w)
         ts.emplace_back([&, w] {

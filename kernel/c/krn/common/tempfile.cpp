@@ -121,7 +121,6 @@ int32_t tempDirectory(char* buf, size_t cap) noexcept {
     if (n + 1 > cap) return KS_BUFFER_TOO_SMALL;
     std::memcpy(buf, dir, n);
     buf[n] = '\0';
-    if (n == 1 && buf[0] == '/') buf[0] = '/';
     return KS_SUCCESS;
 }
 
