@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -382,6 +383,11 @@ TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
     EXPECT_EQ(K_RedirectedClose(h), 0);
     // Independent check through the system with the UTF-8 spelling.
     std::string u8 = dirUtf8 + "/caf\xC3\xA9-\xE6\xBC\xA2\xF0\x9D\x84\x9E.bin";
+    struct stat st;
+    ASSERT_EQ(::stat(u8.c_str(), &st), 0);
+    mode_t mask = ::umask(0);
+    ::umask(mask);
+    EXPECT_EQ(st.st_mode & 0777, 0666u & ~mask);  // an ordinary file, not a private one
     int fd = ::open(u8.c_str(), O_RDONLY);
     ASSERT_GE(fd, 0);
     char b[8] = {};

@@ -335,7 +335,9 @@ TEST(RedirectTempNames, UniqueNamesAreCreatedAndDistinct) {
         std::string s = n;
         ASSERT_EQ(s.rfind(dir.path + "/", 0), 0u) << s;
         EXPECT_TRUE(isHexName(s.substr(dir.path.size() + 1), "QX")) << s;
-        EXPECT_EQ(::access(n, F_OK), 0);  // the name is taken
+        struct stat st;
+        ASSERT_EQ(::stat(n, &st), 0);  // the name is taken, by a private file
+        EXPECT_EQ(st.st_mode & 0777, 0600u);
         names.insert(s);
     }
     EXPECT_EQ(names.size(), 200u);

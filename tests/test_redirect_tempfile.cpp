@@ -145,6 +145,18 @@ TEST(TempFile, ModeOptionsAndMode3) {
     ASSERT_EQ(K_SetTempFileOptions(&o), KS_SUCCESS);
     EXPECT_EQ(krn::tempFileMode(), 3);
     EXPECT_FALSE(krn::tempDiskAllowed());
+    TempFile* f = nullptr;
+    EXPECT_EQ(krn::tempCreate(&f), KS_NOT_SUPPORTED);  // nothing on disk in mode 3
+    EXPECT_EQ(K_RedirectedTempFileOpen(nullptr, 0, 0, nullptr), OMBRIX_INVALID_FILE);
+    {
+        MemFs fs;  // a caller's table decides for itself
+        REDIRECTRECORD t = fs.table();
+        ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
+        ASSERT_EQ(krn::tempCreate(&f), KS_SUCCESS);
+        krn::tempClose(f);
+        t.uStructSize = REDIRECTRECORD_SIZE;
+        K_SetRedirectFunctions(&t, REDIRECT_SET_RESET, 0);
+    }
     o.nMode = -1;  // keeps the mode, replaces the other words
     o.uReserved[0] = 33;
     ASSERT_EQ(K_SetTempFileOptions(&o), KS_SUCCESS);

@@ -22,7 +22,7 @@
 #include "wideutf8.h"
 
 namespace krn {
-int osOpenUtf8(const char* name, uint32_t mode) noexcept;  // osys.cpp
+int osOpenUtf8(const char* name, uint32_t mode, unsigned perm) noexcept;  // osys.cpp
 
 struct TempFile {
     int fd = -1;                // default file layer
@@ -133,7 +133,8 @@ static int32_t reserveName(char* out, size_t cap, const char* prefix, int* fdOut
     if (std::strcmp(dir, "/") == 0) dir[0] = '\0';
     for (int attempt = 0; attempt < 64; ++attempt) {
         if (!composeName(out, cap, dir, prefix, nextUnique())) return KS_BUFFER_TOO_SMALL;
-        int fd = osOpenUtf8(out, REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_EXCLUSIVE | mode);
+        int fd = osOpenUtf8(out, REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_EXCLUSIVE | mode,
+                            0600);
         if (fd >= 0) {
             *fdOut = fd;
             return KS_SUCCESS;
@@ -158,6 +159,10 @@ static int32_t tempCreateImpl(TempFile** out, const char* prefix, bool allowTabl
     // back here: those use the file layer directly.
     bool viaTable = allowTable && !redirectIsDefault(table) && t_createDepth == 0 && table.pfnOpen &&
                     table.pfnOpen != &K_RedirectedTempFileOpen;
+
+    // Mode 3: nothing of the kernel's may be kept on a disk of its own
+    // accord; a caller's redirect table decides for itself where data goes.
+    if (!viaTable && opt.nMode == TEMPFILE_MODE_NO_DISK) return KS_NOT_SUPPORTED;
 
     void* mem = memAlloc(sizeof(TempFile));
     if (!mem) return KS_NO_MEMORY;

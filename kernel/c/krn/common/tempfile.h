@@ -18,7 +18,9 @@
 // serialised by a lock of their own.
 //
 //   tempCreate(&h)                    KS_SUCCESS, KS_FILE_OPEN (-14: folder missing,
-//                                     not writable, open failed), KS_NO_MEMORY
+//                                     not writable, open failed), KS_NO_MEMORY,
+//                                     KS_NOT_SUPPORTED (-16) in temporary-file mode 3
+//                                     unless a caller's redirect table is in force
 //   tempWrite(h, offset, buf, n)      KS_SUCCESS; KS_FILE_WRITE (-5) for any failure,
 //                                     including a short write (disk full, size limit);
 //                                     KS_FILE_SEEK (-4) when a redirect table cannot
@@ -36,10 +38,12 @@
 //   tempDiskAllowed()                 tempFileMode() != 3. Mode 3 means temporary files
 //                                     may not be kept on a physical disk: the storage
 //                                     family refuses disk bitmaps and file-backed tiles
-//                                     (tempCreate itself does not refuse)
+//                                     (and tempCreate refuses too, as a second guard,
+//                                     unless a caller's redirect table is in force)
 //   tempMaxFileBytes()                the per-file size limit from the temporary-file
-//                                     options (0: none); tempWrite / tempSetSize past it
-//                                     fail with KS_FILE_WRITE, as on a full disk
+//                                     options (0: none), taken by each file when it is
+//                                     created; tempWrite / tempSetSize past it fail with
+//                                     KS_FILE_WRITE, as on a full disk
 //   tempDirectory(buf, cap)           the calling thread's temporary folder as UTF-8
 //                                     (no trailing slash), KS_SUCCESS or
 //                                     KS_BUFFER_TOO_SMALL; cap of OMBRIX_TEMP_PATH_MAX
