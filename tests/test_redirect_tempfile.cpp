@@ -5,7 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+
+#include <csignal>
 
 #include <cstring>
 #include <random>
@@ -133,6 +136,39 @@ TEST(TempFile, SizeLimitActsAsFullDisk) {
     EXPECT_EQ(krn::tempWrite(f, uint64_t(1) << 40, data.data(), 1), KS_FILE_WRITE);
     EXPECT_EQ(krn::tempSetSize(f, (1 << 20) + 1), KS_FILE_WRITE);
     EXPECT_EQ(krn::tempSetSize(f, 1 << 20), KS_SUCCESS);
+}
+
+// A real short write from the system: the file-size resource limit stops
+// writes part way, as a full disk does (EFBIG instead of ENOSPC).
+TEST(TempFile, SystemShortWriteIsReported) {
+    StateGuard guard;
+    struct rlimit old;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+    void (*oldSig)(int) = signal(SIGXFSZ, SIG_IGN);
+    TempFile* f = nullptr;
+    ASSERT_EQ(krn::tempCreate(&f), KS_SUCCESS);
+    struct rlimit lim = old;
+    lim.rlim_cur = 65536;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &lim), 0);
+    std::vector<uint8_t> d(100000, 0x33);
+    int32_t partial = krn::tempWrite(f, 0, d.data(), d.size());  // 64 KiB go, then EFBIG
+    int32_t within = krn::tempWrite(f, 0, d.data(), 65536);
+    int32_t grow = krn::tempSetSize(f, 1 << 20);
+    krn::TempMapping m;
+    int32_t map = krn::tempMap(f, 60000, 10000, true, &m);
+    HREDIRECTFILE h = K_RedirectedOpen(L"/tmp/ombrix_fsize_probe", REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE |
+                                                                       REDIRECT_OPEN_TEMPORARY, 0);
+    int64_t big = K_RedirectedWriteBig(h, d.data(), d.size());
+    K_RedirectedClose(h);
+    setrlimit(RLIMIT_FSIZE, &old);
+    signal(SIGXFSZ, oldSig);
+    EXPECT_EQ(partial, KS_FILE_WRITE);
+    EXPECT_EQ(within, KS_SUCCESS);
+    EXPECT_EQ(grow, KS_FILE_WRITE);
+    EXPECT_EQ(map, KS_FILE_WRITE);
+    EXPECT_EQ(big, 65536);  // the bytes that fitted, then the loop stops
+    krn::tempUnmap(&m);
+    krn::tempClose(f);
 }
 
 TEST(TempFile, ModeOptionsAndMode3) {
