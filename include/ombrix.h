@@ -482,6 +482,271 @@ OMBRIX_API int32_t K_GetBitmapPaletteEntries(BITMAPRECORD* pBitmap, RGBQUAD* pEn
  * Section: bitmap memory, rows, redirected I/O and temporary files
  * ====================================================================== */
 /* -- redirected I/O, temporary files, string conversion -- */
+/* Redirect table: the file functions that all file access of the kernel and
+ * of the libraries built on it goes through. The record is identified by
+ * uStructSize 64 (sixteen words in the original 32-bit design; on a 64-bit
+ * build its pointers are wider). Every function receives its own user data
+ * as its last argument and returns -1 (or a null / -1 handle) for failure.
+ *
+ * A file handle of a table is opaque to the kernel. The kernel's own file
+ * layer (K_Os...) uses the POSIX descriptor plus one, so that no handle is
+ * null: see OMBRIX_OS_HANDLE / OMBRIX_OS_FD. */
+#define REDIRECTRECORD_SIZE 64u
+#define OMBRIX_INVALID_FILE ((void*)(intptr_t)-1)
+#define OMBRIX_OS_HANDLE(fd) ((void*)(intptr_t)((fd) + 1))
+#define OMBRIX_OS_FD(h)      ((int)((intptr_t)(h) - 1))
+
+/* Open modes (a bit set). Access: READ, WRITE or both. */
+#define REDIRECT_OPEN_READ       0x0001u
+#define REDIRECT_OPEN_WRITE      0x0002u
+#define REDIRECT_OPEN_READWRITE  0x0003u
+#define REDIRECT_OPEN_CREATE     0x0100u  /* create when missing */
+#define REDIRECT_OPEN_TRUNCATE   0x0200u  /* empty an existing file */
+#define REDIRECT_OPEN_EXCLUSIVE  0x0400u  /* with CREATE: fail when the file exists */
+#define REDIRECT_OPEN_APPEND     0x0800u  /* every write goes to the end */
+#define REDIRECT_OPEN_TEMPORARY  0x1000u  /* a kernel temporary file: delete it when it is closed */
+/* Share modes: accepted and ignored by the POSIX file layer (no mandatory locks). */
+#define REDIRECT_SHARE_READ      0x0001u
+#define REDIRECT_SHARE_WRITE     0x0002u
+#define REDIRECT_SHARE_DELETE    0x0004u
+/* Seek origins */
+#define REDIRECT_SEEK_SET 0
+#define REDIRECT_SEEK_CUR 1
+#define REDIRECT_SEEK_END 2
+
+typedef void*   (*PFN_REDIRECTOPEN)(const wchar_t* pszName, uint32_t uMode, uint32_t uShare, void* pUserData);
+/* Bytes read (0 at end of file) or -1. */
+typedef int32_t (*PFN_REDIRECTREAD)(void* hFile, void* pBuffer, uint32_t uBytes, void* pUserData);
+/* Bytes written or -1; fewer than asked means the medium is full. */
+typedef int32_t (*PFN_REDIRECTWRITE)(void* hFile, const void* pBuffer, uint32_t uBytes, void* pUserData);
+/* New position from the start of the file, or -1. */
+typedef int64_t (*PFN_REDIRECTSEEK)(void* hFile, int64_t nOffset, int32_t nOrigin, void* pUserData);
+/* 0 on success, -1 on failure. */
+typedef int32_t (*PFN_REDIRECTCLOSE)(void* hFile, void* pUserData);
+/* Sixth slot: the size of the file in bytes, or -1. */
+typedef int64_t (*PFN_REDIRECTSIZE)(void* hFile, void* pUserData);
+/* Seventh slot: sets the size of the file (extends with zeros or cuts); 0 or -1. */
+typedef int32_t (*PFN_REDIRECTSETSIZE)(void* hFile, int64_t nSize, void* pUserData);
+
+typedef struct REDIRECTRECORD_ {
+    uint32_t            uStructSize;  /* REDIRECTRECORD_SIZE */
+    uint32_t            uFlags;       /* 0 in the built-in tables; not interpreted */
+    PFN_REDIRECTOPEN    pfnOpen;     void* pOpenUserData;
+    PFN_REDIRECTREAD    pfnRead;     void* pReadUserData;
+    PFN_REDIRECTWRITE   pfnWrite;    void* pWriteUserData;
+    PFN_REDIRECTSEEK    pfnSeek;     void* pSeekUserData;
+    PFN_REDIRECTCLOSE   pfnClose;    void* pCloseUserData;
+    PFN_REDIRECTSIZE    pfnSize;     void* pSizeUserData;
+    PFN_REDIRECTSETSIZE pfnSetSize;  void* pSetSizeUserData;
+} REDIRECTRECORD;
+
+/* The kernel's default file layer (POSIX). Names are converted to UTF-8;
+ * a name that is not valid UTF-16 / UTF-32 fails. The user data is ignored. */
+OMBRIX_API void*   K_OsOpen(const wchar_t* pszName, uint32_t uMode, uint32_t uShare, void* pUserData);
+OMBRIX_API int32_t K_OsRead(void* hFile, void* pBuffer, uint32_t uBytes, void* pUserData);
+OMBRIX_API int32_t K_OsWrite(void* hFile, const void* pBuffer, uint32_t uBytes, void* pUserData);
+OMBRIX_API int64_t K_OsSeek(void* hFile, int64_t nOffset, int32_t nOrigin, void* pUserData);
+OMBRIX_API int32_t K_OsClose(void* hFile, void* pUserData);
+OMBRIX_API int64_t K_OsSize(void* hFile, void* pUserData);
+OMBRIX_API int32_t K_OsSetSize(void* hFile, int64_t nSize, void* pUserData);
+
+/* Sets the calling thread's table. Each function: null selects the default
+ * K_Os function, REDIRECT_EMPTY leaves the slot empty (it then falls back to
+ * the process-wide table), anything else is used as given. The user data is
+ * stored with every function. The size and set-size slots follow the open
+ * function: the defaults when pfnOpen is null, empty otherwise. Returns 1. */
+#define REDIRECT_EMPTY ((void*)(intptr_t)-1)
+OMBRIX_API int32_t K_RedirectIO(void* pfnOpen, void* pfnRead, void* pfnWrite, void* pfnSeek,
+                                void* pfnClose, void* pUserData);
+
+/* Selectors of K_SetRedirectFunctions */
+#define REDIRECT_SET_INSTALL 0  /* install; the record receives the table now in force */
+#define REDIRECT_SET_SWAP    1  /* install; the record receives the table it replaced */
+#define REDIRECT_SET_RESET   2  /* restore the defaults; the record receives the table it replaced */
+/* bProcessWide non-zero: the process-wide table (under its lock), else the
+ * calling thread's. In the thread's table null slots stay empty (they fall
+ * back to the process-wide table); in the process-wide table null slots get
+ * the default functions. -814 null record, -789 size other than 64, -13 for
+ * another selector. */
+OMBRIX_API int32_t K_SetRedirectFunctions(REDIRECTRECORD* pRecord, int32_t nSelector, int32_t bProcessWide);
+
+/* Modes of K_GetRedirectFunctions */
+#define REDIRECT_GET_IN_FORCE  0  /* process-wide table with the thread's non-empty slots over it;
+                                     with bProcessWide, the process-wide table alone */
+#define REDIRECT_GET_THREAD    1  /* the calling thread's table as stored (empty slots null) */
+#define REDIRECT_GET_TEMPFILE  2  /* the built-in temporary-file functions */
+#define REDIRECT_GET_DEFAULT   3  /* the default K_Os functions */
+/* -814 null record, -789 uStructSize other than 64, -13 unknown mode. */
+OMBRIX_API int32_t K_GetRedirectFunctions(REDIRECTRECORD* pRecord, uint32_t uStructSize, int32_t nMode,
+                                          int32_t bProcessWide);
+/* 1 when the table in force for the calling thread differs from the default
+ * file layer in any slot, else 0. */
+OMBRIX_API int32_t K_UsesRedirectIO(void);
+
+/* Redirected files. A redirected file handle wraps the handle that the
+ * table's open function gave, with a copy of the table, so that later
+ * calls on it use the same functions whatever happens to the tables.
+ * Handles are checked against the kernel's list of live handles: a null,
+ * -1, closed or foreign handle makes every call fail with -1. */
+typedef struct OmbrixRedirectedFile_* HREDIRECTFILE;
+/* Opens through the table in force, or through the table carried by an
+ * "ORVARedirect://" name (see K_MakeRedirectName). OMBRIX_INVALID_FILE
+ * (-1) on failure, including a name that does not decode. */
+OMBRIX_API HREDIRECTFILE K_RedirectedOpen(const wchar_t* pszName, uint32_t uMode, uint32_t uShare);
+/* The same with a UTF-8 name (malformed UTF-8 fails). */
+OMBRIX_API HREDIRECTFILE K_RedirectedOpenUtf8(const char* pszName, uint32_t uMode, uint32_t uShare);
+OMBRIX_API int32_t K_RedirectedRead(HREDIRECTFILE hFile, void* pBuffer, uint32_t uBytes);
+OMBRIX_API int32_t K_RedirectedWrite(HREDIRECTFILE hFile, const void* pBuffer, uint32_t uBytes);
+OMBRIX_API int64_t K_RedirectedSeek(HREDIRECTFILE hFile, int64_t nOffset, int32_t nOrigin);
+/* Closes the file and frees the handle: 0, or -1 (the handle is freed either way
+ * unless it was not a live handle). */
+OMBRIX_API int32_t K_RedirectedClose(HREDIRECTFILE hFile);
+/* Any count: the table's function is called with at most
+ * REDIRECT_CHUNK_BYTES at a time. 0 for a count of 0; the bytes moved so far
+ * when a call gives 0 (end of file; for writes, a full medium); -1 when a
+ * call fails or for a null or -1 handle. */
+#define REDIRECT_CHUNK_BYTES 0x7FFFFFFu
+OMBRIX_API int64_t K_RedirectedReadBig(HREDIRECTFILE hFile, void* pBuffer, uint64_t uBytes);
+OMBRIX_API int64_t K_RedirectedWriteBig(HREDIRECTFILE hFile, const void* pBuffer, uint64_t uBytes);
+/* The file size through the table's size slot (or by seeking to the end and
+ * back when the slot is empty); -1 on failure. */
+OMBRIX_API int64_t K_RedirectedGetSize(HREDIRECTFILE hFile);
+
+/* Wraps a handle of a table (null: the table in force) in a redirected file
+ * handle; the table is copied. -13 for a null out pointer or a null or -1
+ * native handle, -789 for a record whose size is not 64, -1 out of memory. */
+OMBRIX_API int32_t K_CreateRedirectedFileHandle(HREDIRECTFILE* phFile, void* hNative,
+                                                const REDIRECTRECORD* pRecord);
+/* The native handle inside; with bRelease the redirected handle is freed
+ * without closing the native handle. -13 for a handle that is not live or a
+ * null out pointer. */
+OMBRIX_API int32_t K_ExtractRedirectedFileHandle(HREDIRECTFILE hFile, void** phNative, int32_t bRelease);
+/* The copy of the table that the handle uses. -814 null record, -789 bad
+ * size, -13 not a live handle. */
+OMBRIX_API int32_t K_ExtractRedirectFunctions(HREDIRECTFILE hFile, REDIRECTRECORD* pRecord);
+/* Replaces the handle's copy of the table (for instance to move an open
+ * file to new functions that understand the same native handle). Null slots
+ * keep the handle's current function. -814, -789, -13 as above. */
+OMBRIX_API int32_t K_UpdateRedirectFunctions(HREDIRECTFILE hFile, const REDIRECTRECORD* pRecord);
+
+/* "ORVARedirect://" names carry a table inside the name, so that a name can
+ * be handed to any function that opens files:
+ *   ORVARedirect://1.<15 fields>.<check>/<name>
+ * fields: flags, then function and user data of the seven slots, in hex; the
+ * check ties the name to this process (the pointers mean nothing elsewhere).
+ * The text after the first '/' following the fields is handed to the
+ * table's open function as the name. Writes at most nChars wide characters
+ * including the terminator; -290 when they do not fit, -814 null record,
+ * -789 bad size, -13 null output, a null open function or a bad name. */
+#define REDIRECT_NAME_PREFIX L"ORVARedirect://"
+OMBRIX_API int32_t K_MakeRedirectName(const REDIRECTRECORD* pRecord, const wchar_t* pszName,
+                                      wchar_t* pszOut, uint32_t nChars);
+/* Decodes such a name: the table into the record (size 64 set by the call)
+ * and, when pnNameStart is not null, the index where the inner name starts.
+ * -13 for a name that does not decode (including one made by another process). */
+OMBRIX_API int32_t K_DecodeRedirectName(const wchar_t* pszName, REDIRECTRECORD* pRecord,
+                                        uint32_t* pnNameStart);
+
+/* Memory buffer file: an object that starts with "KBUF" and whose table reads
+ * and writes inside a growable memory block. */
+#define REDIRECTBUF_FIXED 0x0001u  /* never grow: writes past the initial size are short */
+typedef struct OmbrixRedirectBuffer_* HREDIRECTBUFFER;
+/* Creates the buffer (initial capacity uInitialSize; it grows by
+ * max(uInitialSize, uGrowSize) at a time). phFile, when not null, receives
+ * a redirected file handle open on the buffer. -13 null phBuffer or unknown
+ * flags, -1 out of memory. */
+OMBRIX_API int32_t K_StartRedirectToBuffer(HREDIRECTBUFFER* phBuffer, HREDIRECTFILE* phFile, uint32_t uFlags,
+                                           void* pUserData, uint32_t uInitialSize, uint32_t uGrowSize);
+/* The buffer's own table (its functions get the buffer as user data): install
+ * it or put it in an "ORVARedirect://" name to send any file output to the
+ * buffer. Each open of the buffer starts at position 0; REDIRECT_OPEN_TRUNCATE
+ * empties it. -13 not a live buffer, -814 / -789 as above. */
+OMBRIX_API int32_t K_GetRedirectBufferTable(HREDIRECTBUFFER hBuffer, REDIRECTRECORD* pRecord);
+/* The content so far (valid until the next write or K_StopRedirectToBuffer)
+ * and its size in bytes; either out pointer may be null. -13 not a live buffer. */
+OMBRIX_API int32_t K_GetRedirectBufferData(HREDIRECTBUFFER hBuffer, const void** ppData, uint64_t* puSize);
+/* Ends the buffer. When phData is not null it receives the content in a
+ * block from K_GlobalAlloc (free it with K_GlobalFree; null for empty
+ * content) and puSize its size. File handles open on the buffer must be
+ * closed first (-13 otherwise, and the buffer lives on). -13 not a live buffer,
+ * -1 when the content block cannot be made (the buffer lives on). */
+OMBRIX_API int32_t K_StopRedirectToBuffer(HREDIRECTBUFFER hBuffer, HGLOBAL* phData, uint64_t* puSize);
+
+/* Temporary folder of the calling thread; null or "" restores the default
+ * ($TMPDIR, else /tmp). The folder is not checked here: creating a file in a
+ * missing folder fails with -14. -13 for a name of 1024 characters or more or
+ * one that is not valid UTF-16 / UTF-32 (UTF-8 for the ...Utf8 form). */
+OMBRIX_API int32_t K_SetTempDirectory(const wchar_t* pszDir);
+OMBRIX_API int32_t K_SetTempDirectoryUtf8(const char* pszDir);
+/* Writes the folder in force (no trailing slash) into nChars characters;
+ * -290 when it does not fit, -13 for a null buffer. */
+OMBRIX_API int32_t K_GetTempDirectory(wchar_t* pszDir, uint32_t nChars);
+OMBRIX_API int32_t K_GetTempDirectoryUtf8(char* pszDir, uint32_t nChars);
+
+/* Unique temporary names: <folder>/<prefix><8 hex digits>.tmp, prefix at
+ * most 3 characters of [A-Za-z0-9_-] (null: "QX", the prefix of the kernel's
+ * own files). The plain forms create the file empty (so the name stays
+ * taken) and try until a new name is found; the numbered forms use uNumber
+ * (non-zero) as the hex part and create nothing, as the caller may want the
+ * same name twice. The output buffer holds OMBRIX_TEMP_NAME_CHARS characters.
+ * -13 null buffer, bad prefix or uNumber 0; -290 folder too long; -14 when
+ * the folder cannot hold a new file. */
+#define OMBRIX_TEMP_NAME_CHARS 260
+OMBRIX_API int32_t K_GetTempFileName(wchar_t* pszName, const wchar_t* pszPrefix);
+OMBRIX_API int32_t K_GetTempFileNameUtf8(char* pszName, const char* pszPrefix);
+OMBRIX_API int32_t K_GetTempFileNameNumbered(wchar_t* pszName, const wchar_t* pszPrefix, uint32_t uNumber);
+OMBRIX_API int32_t K_GetTempFileNameNumberedUtf8(char* pszName, const char* pszPrefix, uint32_t uNumber);
+/* Deletes a file: 1, -13 null name, -10 missing, -6 when it cannot be removed. */
+OMBRIX_API int32_t K_DeleteTempFile(const wchar_t* pszName);
+OMBRIX_API int32_t K_DeleteTempFileUtf8(const char* pszName);
+
+/* Temporary-file options: one process-wide record. */
+#define TEMPFILEOPTIONS_SIZE 24u
+#define TEMPFILE_MODE_DISK    2   /* temporary files on disk (the default; 1 means the same) */
+#define TEMPFILE_MODE_NO_DISK 3   /* temporary files may not be kept on a physical disk */
+#define TEMPFILE_OPT_NAMED 0x0001u /* never use anonymous files (O_TMPFILE): create a named
+                                      file and unlink it at once */
+typedef struct TEMPFILEOPTIONS_ {
+    uint32_t uStructSize;    /* TEMPFILEOPTIONS_SIZE */
+    int32_t  nMode;          /* 1..3; 0 is stored as 2; -1 keeps the mode in force */
+    uint32_t uFlags;         /* TEMPFILE_OPT_ */
+    uint32_t uMaxFileMiB;    /* largest kernel temporary file in MiB; 0 no limit */
+    uint32_t uReserved[2];   /* kept and returned as given */
+} TEMPFILEOPTIONS;
+/* -814 null record, -789 size other than 24, -13 mode outside -1..3. */
+OMBRIX_API int32_t K_SetTempFileOptions(const TEMPFILEOPTIONS* pOptions);
+OMBRIX_API int32_t K_GetTempFileOptions(TEMPFILEOPTIONS* pOptions, uint32_t uStructSize);
+/* The mode in force (2 until one is set). */
+OMBRIX_API int32_t K_GetTempFileMode(void);
+
+/* The built-in temporary-file table (K_GetRedirectFunctions mode 2). The
+ * open function makes a new kernel temporary file in the temporary folder,
+ * deleted when closed; the name, when not empty, gives its prefix (at most
+ * 3 characters, as above). Handles are positioned files. */
+OMBRIX_API void*   K_RedirectedTempFileOpen(const wchar_t* pszName, uint32_t uMode, uint32_t uShare, void* pUserData);
+OMBRIX_API int32_t K_RedirectedTempFileRead(void* hFile, void* pBuffer, uint32_t uBytes, void* pUserData);
+OMBRIX_API int32_t K_RedirectedTempFileWrite(void* hFile, const void* pBuffer, uint32_t uBytes, void* pUserData);
+OMBRIX_API int64_t K_RedirectedTempFileWriteBig(void* hFile, const void* pBuffer, uint64_t uBytes, void* pUserData);
+OMBRIX_API int64_t K_RedirectedTempFileSeek(void* hFile, int64_t nOffset, int32_t nOrigin, void* pUserData);
+OMBRIX_API int32_t K_RedirectedTempFileClose(void* hFile, void* pUserData);
+OMBRIX_API int64_t K_RedirectedTempFileSize(void* hFile, void* pUserData);
+OMBRIX_API int32_t K_RedirectedTempFileSetSize(void* hFile, int64_t nSize, void* pUserData);
+
+/* String conversion (strict: malformed input, overlong forms, surrogates in
+ * UTF-8 or UTF-32, unpaired surrogates in UTF-16 and code points above
+ * 0x10FFFF are refused, never replaced). Lengths are in code units; a
+ * source length of -1 means "up to the terminator". The output is always
+ * terminated; pnWritten (may be null) receives the units written without the
+ * terminator. Null output with nCapacity 0 only measures. Returns 1, -13 for
+ * malformed input or a null source, -290 when the output is too small. */
+OMBRIX_API int32_t K_Utf8ToWide(const char* pSrc, int32_t nSrcLen, wchar_t* pDst, uint32_t nCapacity,
+                                uint32_t* pnWritten);
+OMBRIX_API int32_t K_WideToUtf8(const wchar_t* pSrc, int32_t nSrcLen, char* pDst, uint32_t nCapacity,
+                                uint32_t* pnWritten);
+OMBRIX_API int32_t K_Utf8ToUtf16(const char* pSrc, int32_t nSrcLen, uint16_t* pDst, uint32_t nCapacity,
+                                 uint32_t* pnWritten);
+OMBRIX_API int32_t K_Utf16ToUtf8(const uint16_t* pSrc, int32_t nSrcLen, char* pDst, uint32_t nCapacity,
+                                 uint32_t* pnWritten);
 /* @@storage-redirect@@ */
 
 /* (keep this line between the two storage parts) */
