@@ -163,6 +163,13 @@ void BM_Page1_CompressRows(benchmark::State& state) {
         K_CompressRows(p.runs.data(), p.px.data(), kPageW, kPageH);
         benchmark::ClobberMemory();
     }
+    size_t total = 0;
+    for (int32_t r = 0; r < kPageH; ++r) {
+        uint32_t w;
+        std::memcpy(&w, p.runs.data() + total, 4);
+        total += 4 + 2 * size_t(w);
+    }
+    state.counters["ratio"] = double(p.px.size()) / double(total);
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(p.px.size()));
 }
 void BM_Page1_ExpandRows(benchmark::State& state) {
