@@ -752,6 +752,155 @@ OMBRIX_API int32_t K_Utf16ToUtf8(const uint16_t* pSrc, int32_t nSrcLen, char* pD
 /* (keep this line between the two storage parts) */
 
 /* -- bitmap memory, row and column access, compressed rows -- */
+/* Internal forms of access and release. K_IntAccessBitmap sets *pbAccessed
+ * to 1 when the access succeeded, else 0 (-2 for a null record).
+ * K_IntReleaseBitmap releases only when bAccessed is set and returns nStatus
+ * unless it is 1, in which case it returns the release's result (-814 null). */
+OMBRIX_API int32_t K_IntAccessBitmap(BITMAPRECORD* pBitmap, int32_t* pbAccessed);
+OMBRIX_API int32_t K_IntReleaseBitmap(BITMAPRECORD* pBitmap, int32_t bAccessed, int32_t nStatus);
+
+/* Per-thread default memory type (used when 0 is passed as a memory type):
+ * only MEMTYPE_CONVENTIONAL and MEMTYPE_NO_CONVENTIONAL are accepted (-13). */
+OMBRIX_API int32_t  K_SetDefaultMemoryType(uint32_t uMemoryType);
+OMBRIX_API uint32_t K_GetDefaultMemoryType(void);
+
+/* Per-thread memory thresholds. uFlags selects the values to store; a value
+ * for which adding 100 overflows, or a negative tile size, gives -13 (the
+ * values before it are stored). Negative keep-free / largest-image values are
+ * percentages (-N = N%). A tile size of 0 means 16 MiB. The fifth value
+ * allows file-backed tiles when above 0 (default 1); the fourth is stored only. */
+#define MEMTHRESHOLD_KEEP_FREE      1u
+#define MEMTHRESHOLD_LARGEST_IMAGE  2u
+#define MEMTHRESHOLD_TILE_SIZE      4u
+#define MEMTHRESHOLD_FOURTH         8u
+#define MEMTHRESHOLD_FIFTH         16u
+OMBRIX_API int32_t K_SetMemoryThresholds(int32_t nKeepFree, int32_t nLargestImage, int32_t nTileSize,
+                                         int32_t nFourth, int32_t nFifth, uint32_t uFlags);
+/* Each pointer may be null. */
+OMBRIX_API int32_t K_GetMemoryThresholds(int32_t* pnKeepFree, int32_t* pnLargestImage, int32_t* pnTileSize,
+                                         int32_t* pnFourth, int32_t* pnFifth);
+
+/* Process-wide largest conventional image: three 32-bit words (size 12, then
+ * the 64-bit value). Null or -1 clears it (no process-wide limit); another
+ * negative value gives -13; a size word other than 12 gives -789. */
+#define GLOBALMEMORYTHRESHOLDS_SIZE 12u
+#pragma pack(push, 4)
+typedef struct GLOBALMEMORYTHRESHOLDS_ {
+    uint32_t uStructSize;     /* GLOBALMEMORYTHRESHOLDS_SIZE */
+    int64_t  nLargestImage;   /* bytes, 0: none */
+} GLOBALMEMORYTHRESHOLDS;
+#pragma pack(pop)
+OMBRIX_API int32_t K_SetGlobalMemoryThresholds(const GLOBALMEMORYTHRESHOLDS* pThresholds);
+OMBRIX_API int32_t K_GetGlobalMemoryThresholds(GLOBALMEMORYTHRESHOLDS* pThresholds);
+
+/* The process-wide cap and counter of conventional memory (single blocks and
+ * memory tiles), under one lock. Commands:
+ *   0 set the cap (0 removes it; old cap to *pnResult when given)      1
+ *   1 cap to *pnResult                                                 1
+ *   2 reserve nValue bytes (fails when a cap is set and would be passed) 1 or -1905
+ *   3 release nValue bytes                                              1
+ *   4 counter to *pnResult                                              1 or -814
+ *   5 free room to *pnResult (cap - counter; 1 when reached; INT64_MAX
+ *     without a cap), then test nValue as command 2 would                1 or -1905
+ *   other                                                               -16 */
+#define MANAGEMEMORY_SET_CAP     0
+#define MANAGEMEMORY_GET_CAP     1
+#define MANAGEMEMORY_RESERVE     2
+#define MANAGEMEMORY_RELEASE     3
+#define MANAGEMEMORY_GET_COUNTER 4
+#define MANAGEMEMORY_GET_ROOM    5
+OMBRIX_API int32_t K_ManageMemory(int32_t nCommand, int64_t nValue, int64_t* pnResult);
+
+/* One process-wide callback consulted before every allocation with a
+ * BITMAPALLOCINFO (nBytesPerLine 0); it may change uMemoryType; any answer
+ * but 1 becomes the result. The old values go where the pointers are not null. */
+OMBRIX_API int32_t K_SetAllocateBitmapCallback(PFN_BITMAPALLOCATE pfnCallback, void* pUserData,
+                                               PFN_BITMAPALLOCATE* ppfnOld, void** ppOldUserData);
+
+/* Storage kind of an allocated bitmap: 1 single block, 2 caller or callback
+ * memory, 4 tiled, 128 temporary file, 512 run-compressed, 1024
+ * super-compressed. For tiles also the bytes per tile, the tile count and how
+ * many tiles are file-backed (0 otherwise). Every out pointer may be null. */
+OMBRIX_API int32_t K_GetBitmapMemoryInfo(const BITMAPRECORD* pBitmap, uint32_t* puMemoryType,
+                                         uint64_t* puTileSize, int32_t* pnTileCount, int32_t* pnTilesOnDisk);
+/* Moves the pixels into storage of another kind (one of the kinds above but 2;
+ * uTileSize for tiles, 0 = the thread's tile size). The pixels are kept; on
+ * failure the bitmap is unchanged. A locked bitmap gives -13; 512 needs 1 bit,
+ * 1024 needs 1, 8 or 24 bits (-27). */
+OMBRIX_API int32_t K_SetBitmapMemoryInfo(BITMAPRECORD* pBitmap, uint32_t uMemoryType, uint64_t uTileSize);
+
+/* Compression of a bitmap's storage, pixels kept:
+ * 0 uncompressed (the normal decision), 1 run-compressed (1 bit), 2
+ * super-compressed (1, 8, 24 bits). Toggle: compressed -> uncompressed;
+ * uncompressed -> run-compressed at 1 bit, super-compressed at 8 and 24 bits. */
+#define BITMAPCOMPRESSION_NONE  0
+#define BITMAPCOMPRESSION_RUNS  1
+#define BITMAPCOMPRESSION_SUPER 2
+OMBRIX_API int32_t K_ChangeBitmapCompression(BITMAPRECORD* pBitmap, int32_t nMode);
+OMBRIX_API int32_t K_ToggleBitmapCompression(BITMAPRECORD* pBitmap);
+
+/* Row access for every storage kind. Rows are stored rows (no view
+ * perspective). The copy starts at byte floor(nCol * bits per pixel / 8) of
+ * the row; below 8 bits whole bytes move and no bits are shifted. uBytes
+ * larger than the rest of the row is cut at the row's end. Result: the
+ * number of bytes copied, or a status: -13 null pointer, row or column out
+ * of range; -789 size word; -2 not allocated; a get-row callback's non-zero
+ * answer is returned as it is. Compressed and super-compressed storage keep
+ * the pixels of a row, not its padding: padding reads as zero. */
+OMBRIX_API int32_t K_GetBitmapRow(BITMAPRECORD* pBitmap, uint8_t* pBuffer, int32_t nRow, uint32_t uBytes);
+OMBRIX_API int32_t K_PutBitmapRow(BITMAPRECORD* pBitmap, const uint8_t* pBuffer, int32_t nRow, uint32_t uBytes);
+OMBRIX_API int32_t K_GetBitmapRowCol(BITMAPRECORD* pBitmap, uint8_t* pBuffer, int32_t nRow, int32_t nCol,
+                                     uint32_t uBytes);
+OMBRIX_API int32_t K_PutBitmapRowCol(BITMAPRECORD* pBitmap, const uint8_t* pBuffer, int32_t nRow, int32_t nCol,
+                                     uint32_t uBytes);
+
+/* Writes only the pixels x of row nRow with x1 <= x < x2 for each of the
+ * nSegments pairs {x1, x2} in pSegments (as the clip segments of a region
+ * give them), taking them from pRow, a buffer that holds the whole row in the
+ * bitmap's format. Pairs are clipped to the row; empty pairs are skipped;
+ * pixels outside the pairs are left as they are at every depth (sub-byte
+ * pixels are masked). Returns 1 or a status as K_PutBitmapRow. */
+OMBRIX_API int32_t K_PutBitmapRowSegments(BITMAPRECORD* pBitmap, const uint8_t* pRow, int32_t nRow,
+                                          const int32_t* pSegments, int32_t nSegments);
+
+/* The compressed-row format of 1-bit rows: a 32-bit word count w, then w
+ * 16-bit run lengths (native byte order, no alignment needed), alternating
+ * 0-runs and 1-runs, starting with a 0-run (of length 0 when the row starts
+ * with a 1). No run passes 65535: the run is closed at the last whole byte
+ * and a 0-length run of the other value follows. Rows follow each other
+ * back to back (4 + 2w bytes each). OMBRIX_COMPRESSED_ROW_MAX(n) bytes always
+ * hold one compressed row of n pixels. */
+#define OMBRIX_COMPRESSED_ROW_MAX(n) \
+    ((size_t)(4 + 2 * ((uint64_t)(n) + 4 + 2 * ((uint64_t)(n) / 65528 + 1))))
+
+/* Exchange a row (or nPixels pixels from nCol on) of a 1-bit bitmap in the
+ * compressed-row format. pWork is a buffer of nBytesPerLine bytes or null
+ * (then one is allocated; -1 when it cannot be). nPixels is cut at the row's
+ * end. A run list given to a Put form is untrusted: runs past nPixels are
+ * cut. Result 1 or a status (-27 for a bitmap that is not 1 bit). */
+OMBRIX_API int32_t K_GetBitmapRowCompressed(BITMAPRECORD* pBitmap, uint8_t* pWork, uint8_t* pRuns, int32_t nRow,
+                                            int32_t nPixels);
+OMBRIX_API int32_t K_PutBitmapRowCompressed(BITMAPRECORD* pBitmap, uint8_t* pWork, const uint8_t* pRuns,
+                                            int32_t nRow, int32_t nPixels);
+OMBRIX_API int32_t K_GetBitmapRowColCompressed(BITMAPRECORD* pBitmap, uint8_t* pWork, uint8_t* pRuns,
+                                               int32_t nRow, int32_t nCol, int32_t nPixels);
+OMBRIX_API int32_t K_PutBitmapRowColCompressed(BITMAPRECORD* pBitmap, uint8_t* pWork, const uint8_t* pRuns,
+                                               int32_t nRow, int32_t nCol, int32_t nPixels);
+
+/* Compress nPixels pixels from pixel nFirst of pSrc (the source is not
+ * modified) / nRows rows of nWidth pixels laid out ((nWidth + 31) / 32) * 4
+ * bytes apart, into pRuns. Result 1 (nRows 0: 1 at once) or -13. */
+OMBRIX_API int32_t K_CompressRow(uint8_t* pRuns, const uint8_t* pSrc, int32_t nFirst, int32_t nPixels);
+OMBRIX_API int32_t K_CompressRows(uint8_t* pRuns, const uint8_t* pSrc, int32_t nWidth, int32_t nRows);
+/* The reverse: K_ExpandRow clears pixels [nFirst, nFirst + nPixels) of pDst
+ * and sets the 1-runs; K_ExpandRows clears each whole destination row first.
+ * Runs that sum past the pixel count are cut there. */
+OMBRIX_API int32_t K_ExpandRow(const uint8_t* pRuns, uint8_t* pDst, int32_t nFirst, int32_t nPixels);
+OMBRIX_API int32_t K_ExpandRows(const uint8_t* pRuns, uint8_t* pDst, int32_t nWidth, int32_t nRows);
+/* Mirror each of nRows compressed rows left to right / copy the rows in
+ * reverse order. Source and destination must not overlap. -13 null buffers. */
+OMBRIX_API int32_t K_MirrorCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, int32_t nRows);
+OMBRIX_API int32_t K_FlipCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, int32_t nRows);
 /* @@storage-memory@@ */
 
 /* ======================================================================
