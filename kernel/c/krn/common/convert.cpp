@@ -468,7 +468,8 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
     // ---- every check is done: pixels may change from here on.
 
     const bool srcWide = srcOrder == ORDER_ROMM, dstWide = dstOrder == ORDER_ROMM;
-    if (srcWide && !dstWide) {
+    if (srcWide && !dstWide && srcBits >= 24 && srcBits != 32) {
+        // The samples of a wide-primaries source come back to plain BGR first.
         if (srcBits == 24)
             widePrimariesInverse8(buffer, size_t(width), 3);
         else if (srcBits == 48)
