@@ -447,6 +447,17 @@ OMBRIX_API int32_t K_Gray32To16(const void* pSrc, void* pDst, int32_t nCount, in
 OMBRIX_API int32_t K_Gray32To8(const void* pSrc, uint8_t* pDst, int32_t nCount, int32_t nLowBit,
                                int32_t nHighBit);
 
+/* HSV: the kernel's integer model. RGB values hold red in bits 0-7, green
+ * 8-15, blue 16-23; HSV values hold hue in bits 0-7 (256 steps per turn),
+ * saturation 8-15, value 16-23. The top byte of an input is ignored and the
+ * top byte of a result is 0. */
+OMBRIX_API uint32_t K_RGBtoHSV(uint32_t rgb);
+/* As K_RGBtoHSV, storing the result in *pHsv. -13 for a null pointer. */
+OMBRIX_API int32_t  K_RGBtoHSV2(uint32_t rgb, uint32_t* pHsv);
+OMBRIX_API uint32_t K_HSVtoRGB(uint32_t hsv);
+/* As K_HSVtoRGB, reading the value from *pHsv; 0 for a null pointer. */
+OMBRIX_API uint32_t K_HSVtoRGB2(const uint32_t* pHsv);
+
 /* @@pixels-convert@@ */
 
 /* (keep this line between the two pixel parts) */

@@ -14,6 +14,7 @@
 //                               the colour-match tree over a palette
 //   grayScale(v, from, to)      the grey rescaling rule between bit widths
 //   grayFromRGB(r, g, b)        (2R + 5G + B + 4) >> 3
+//   rgbToHsv / hsvToRgb         the integer HSV model
 #pragma once
 
 #include <cstddef>
@@ -96,5 +97,10 @@ void widePrimariesForward8(uint8_t* p, size_t count, size_t stride) noexcept;
 void widePrimariesForward16(uint8_t* p, size_t count, size_t stride) noexcept;
 void widePrimariesInverse8(uint8_t* p, size_t count, size_t stride) noexcept;
 void widePrimariesInverse16(uint8_t* p, size_t count, size_t stride) noexcept;
+
+// HSV (hsv.cpp): the kernel's integer model, RGB red in the low byte, HSV
+// hue in the low byte; the exported K_RGBtoHSV/K_HSVtoRGB call these.
+uint32_t rgbToHsv(uint32_t rgb) noexcept;
+uint32_t hsvToRgb(uint32_t hsv) noexcept;
 
 }  // namespace krn
