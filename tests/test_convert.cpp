@@ -365,11 +365,12 @@ TEST(ConvertKernels, SimdMatchesPlainAndGeneric) {
                       {48, 1, 24, 1}, {48, 0, 24, 1}, {24, 1, 0, 2}, {24, 0, 0, 2}, {32, 1, 0, 2}};
     std::mt19937 rng(21);
     for (const K& k : keys) {
-        auto simd = krn::conv::pickDirect({k.sb, k.so, k.db, k.dO}, true);
-        auto plain = krn::conv::pickDirect({k.sb, k.so, k.db, k.dO}, false);
-        ASSERT_NE(simd, nullptr);
+        auto plain = krn::conv::pickDirect({k.sb, k.so, k.db, k.dO}, krn::conv::kSimdNone);
         ASSERT_NE(plain, nullptr);
-        for (int width = 1; width < 140; width += (width < 70 ? 1 : 13)) {
+      for (int level : {krn::conv::kSimdSsse3, krn::conv::kSimdAvx2}) {
+        auto simd = krn::conv::pickDirect({k.sb, k.so, k.db, k.dO}, level);
+        ASSERT_NE(simd, nullptr);
+        for (int width = 1; width < 200; width += (width < 70 ? 1 : 13)) {
             size_t bytes = size_t(width) * size_t(std::max(k.sb, std::max(k.db, 8)) / 8) + kGuard;
             std::vector<uint8_t> a(bytes);
             for (auto& x : a) x = uint8_t(rng());
@@ -387,6 +388,7 @@ TEST(ConvertKernels, SimdMatchesPlainAndGeneric) {
             ASSERT_TRUE(std::equal(b.begin(), b.begin() + long(run), ref.begin()))
                 << k.sb << "/" << k.so << "->" << k.db << "/" << k.dO << " w=" << width;
         }
+      }
     }
 }
 
