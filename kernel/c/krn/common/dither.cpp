@@ -148,6 +148,14 @@ inline int quantiseSixteen(int r, int g, int b) noexcept {
     return best;
 }
 
+// The web palette holds black at 0 and at 216..255. The nearest-colour rule
+// moves to a later equal entry when its hue class matches the target's, so
+// for every colour but black itself it answers 255 when the target's hue
+// class is 0 (that of black) and 0 otherwise; the direct path does the same.
+inline int webBlack(int i, int r, int g, int b) noexcept {
+    return (i == 0 && (r | g | b) && hueClass(r, g, b) == 0) ? 255 : i;
+}
+
 }  // namespace
 
 int quantiseFixed(int code, int r, int g, int b) noexcept {
@@ -159,8 +167,8 @@ int quantiseFixed(int code, int r, int g, int b) noexcept {
         case kCodeFixed32:
         case kCodeFixed64:
         case kCodeFixed128:
-        case kCodeFixed256:
-        case kCodeWeb: return kSep.v[code][0][r] + kSep.v[code][1][g] + kSep.v[code][2][b];
+        case kCodeFixed256: return kSep.v[code][0][r] + kSep.v[code][1][g] + kSep.v[code][2][b];
+        case kCodeWeb: return webBlack(kSep.v[code][0][r] + kSep.v[code][1][g] + kSep.v[code][2][b], r, g, b);
         default: return -1;
     }
 }
@@ -255,7 +263,9 @@ struct QSixteen {
 template <int Code>
 struct QSep {
     static int index(const DitherState&, int r, int g, int b) noexcept {
-        return kSep.v[Code][0][r] + kSep.v[Code][1][g] + kSep.v[Code][2][b];
+        const int i = kSep.v[Code][0][r] + kSep.v[Code][1][g] + kSep.v[Code][2][b];
+        if constexpr (Code == kCodeWeb) return webBlack(i, r, g, b);
+        return i;
     }
 };
 
@@ -744,6 +754,11 @@ DitherState* runOf(BITMAPRECORD* bm) {
 }
 
 }  // namespace
+
+int ditherRunCode(const BITMAPRECORD* bm) noexcept {
+    auto* s = static_cast<const DitherState*>(bm->pDitherState);
+    return s && s->magic == kStateMagic ? s->code : -1;
+}
 
 void releaseDitherState(BITMAPRECORD* bm) noexcept {
     freeState(static_cast<DitherState*>(bm->pDitherState));

@@ -59,6 +59,9 @@ struct DitherTaps {
 // The taps of methods 1..6; count 0 for any other method.
 DitherTaps ditherTaps(int method) noexcept;
 
+// The palette code of the record's run, -1 without a run.
+int ditherRunCode(const BITMAPRECORD* bm) noexcept;
+
 namespace testhook {
 // Makes runs of method 1 started from now on use the plain tap loop instead
 // of the register-rolling kernel (tests compare the two).
