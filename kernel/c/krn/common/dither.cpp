@@ -127,6 +127,30 @@ struct SepLuts {
 };
 constexpr SepLuts kSep{};
 
+// The palette entry's value of each channel for the separable palettes:
+// the level the channel was quantised to.
+struct SepValues {
+    uint8_t v[11][3][256]{};
+    constexpr SepValues() {
+        for (int c = 0; c < 256; ++c) {
+            const int hi = c >= 128 ? 255 : 0;
+            const int l4 = kL4[nearestLevel(kL4, c)], l6 = kL6[nearestLevel(kL6, c)], l8 = kL8[nearestLevel(kL8, c)];
+            set(kCodeFixed8, c, hi, hi, hi);
+            set(kCodeFixed32, c, l4, l4, hi);
+            set(kCodeFixed64, c, l4, l4, l4);
+            set(kCodeFixed128, c, l4, l8, l4);
+            set(kCodeFixed256, c, l8, l8, l4);
+            set(kCodeWeb, c, l6, l6, l6);
+        }
+    }
+    constexpr void set(int code, int c, int r, int g, int b) {
+        v[code][0][c] = uint8_t(r);
+        v[code][1][c] = uint8_t(g);
+        v[code][2][c] = uint8_t(b);
+    }
+};
+constexpr SepValues kSepValue{};
+
 constexpr int grey8Sum(int r, int g, int b) { return 5 * g + 2 * (r + 2) + b; }
 
 // The sixteen-colour palette is {0,128}^3 (black .. grey 128, indices 0..7),
@@ -234,6 +258,7 @@ struct DitherState {
     // Source reading: 8-bit samples at a fixed stride (after unpacking if needed).
     int32_t stride, ro, go, bo;
     bool unpack;
+    bool kernelWritesWholeRow;  // the kernel stores the row below entirely (no clearing)
     // Ordered methods.
     bool twoColour;
     int32_t darkIndex, brightIndex, darkGrey, brightGrey;
@@ -243,9 +268,15 @@ struct DitherState {
 
 inline int clamp255(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 
-// ---- quantisers: (state, r, g, b) -> palette index
+// ---- quantisers: index(state, r, g, b) -> palette index;
+//      value(state, i, r, g, b, q) -> the chosen entry's r, g, b in q.
 
-struct QTable {
+struct QByColour {
+    static void value(const DitherState& s, int i, int, int, int, int* q) noexcept {
+        q[0] = s.colour[i][0], q[1] = s.colour[i][1], q[2] = s.colour[i][2];
+    }
+};
+struct QTable : QByColour {
     static int index(const DitherState& s, int r, int g, int b) noexcept {
         uint32_t e = s.table[(b >> 3) | ((g & 0xF8) << 2) | ((r & 0xF8) << 7)];
         return e ? int((e - 1) & 0xFFu) : 0;
@@ -253,11 +284,12 @@ struct QTable {
 };
 struct QGrey2 {
     static int index(const DitherState&, int r, int g, int b) noexcept { return grey8Sum(r, g, b) >> 10; }
+    static void value(const DitherState&, int i, int, int, int, int* q) noexcept { q[0] = q[1] = q[2] = -i & 255; }
 };
-struct QGrey4 {
+struct QGrey4 : QByColour {
     static int index(const DitherState&, int r, int g, int b) noexcept { return grey8Sum(r, g, b) >> 9; }
 };
-struct QSixteen {
+struct QSixteen : QByColour {
     static int index(const DitherState&, int r, int g, int b) noexcept { return quantiseSixteen(r, g, b); }
 };
 template <int Code>
@@ -266,6 +298,9 @@ struct QSep {
         const int i = kSep.v[Code][0][r] + kSep.v[Code][1][g] + kSep.v[Code][2][b];
         if constexpr (Code == kCodeWeb) return webBlack(i, r, g, b);
         return i;
+    }
+    static void value(const DitherState&, int, int r, int g, int b, int* q) noexcept {
+        q[0] = kSepValue.v[Code][0][r], q[1] = kSepValue.v[Code][1][g], q[2] = kSepValue.v[Code][2][b];
     }
 };
 
@@ -292,7 +327,9 @@ void diffuseRow(DitherState& s, const uint8_t* src, uint8_t* out) {
         const int b = clamp255(src[bo] + a[2] / K::divisor);
         const int i = Q::index(s, r, g, b);
         out[x] = uint8_t(i);
-        const int er = r - s.colour[i][0], eg = g - s.colour[i][1], eb = b - s.colour[i][2];
+        int q[3];
+        Q::value(s, i, r, g, b, q);
+        const int er = r - q[0], eg = g - q[1], eb = b - q[2];
         for (int t = 0; t < K::count; ++t) {
             int32_t* d = row[K::taps[t].dy] + 3 * (x + K::taps[t].dx);
             const int wt = K::taps[t].w;
@@ -320,20 +357,25 @@ void floydRow(DitherState& s, const uint8_t* src, uint8_t* out) {
         const int b = clamp255(src[bo] + (cur[3 * x + 2] + cb) / 16);
         const int i = Q::index(s, r, g, b);
         out[x] = uint8_t(i);
-        const int er = r - s.colour[i][0], eg = g - s.colour[i][1], eb = b - s.colour[i][2];
+        int q[3];
+        Q::value(s, i, r, g, b, q);
+        const int er = r - q[0], eg = g - q[1], eb = b - q[2];
         cr = 7 * er, cg = 7 * eg, cb = 7 * eb;
-        // below[x-1] += 3e (now complete), below[x] += 5e, below[x+1] = 1e.
+        // below[x-1] gets its last part (3e) and is stored; below[x] += 5e,
+        // below[x+1] = 1e are held. Only this row reaches the row below, so
+        // stores replace: the kernel writes every entry, margins included,
+        // and needs no cleared row.
         int32_t* d = below + 3 * (x - 1);
-        d[0] += p0r + 3 * er;
-        d[1] += p0g + 3 * eg;
-        d[2] += p0b + 3 * eb;
+        d[0] = p0r + 3 * er;
+        d[1] = p0g + 3 * eg;
+        d[2] = p0b + 3 * eb;
         p0r = p1r + 5 * er, p0g = p1g + 5 * eg, p0b = p1b + 5 * eb;
         p1r = er, p1g = eg, p1b = eb;
     }
     // Flush the two entries still held: below[w-1] and the margin below[w].
     int32_t* d = below + 3 * (w - 1);
-    d[0] += p0r, d[1] += p0g, d[2] += p0b;
-    d[3] += p1r, d[4] += p1g, d[5] += p1b;
+    d[0] = p0r, d[1] = p0g, d[2] = p0b;
+    d[3] = p1r, d[4] = p1g, d[5] = p1b;
 }
 
 template <class Q>
@@ -738,7 +780,11 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
         s.kernel = &orderedTwoRow;
     } else {
         s.kernel = kKernels[quantiserKind(code)][size_t(method)];
-        if (method == 1 && testhook::ditherPlainKernels) s.kernel = kPlainFloyd[quantiserKind(code)];
+        s.kernelWritesWholeRow = method == 1;
+        if (method == 1 && testhook::ditherPlainKernels) {
+            s.kernel = kPlainFloyd[quantiserKind(code)];
+            s.kernelWritesWholeRow = false;
+        }
     }
 
     // Commit: replace any earlier run.
@@ -795,7 +841,8 @@ KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t
         int32_t* old = s->rows[0];
         for (int k = 0; k < s->rowsBelow; ++k) s->rows[k] = s->rows[k + 1];
         s->rows[s->rowsBelow] = old;
-        std::memset(old, 0, (size_t(s->width) + 2 * size_t(s->margin)) * 3 * sizeof(int32_t));
+        if (!s->kernelWritesWholeRow)
+            std::memset(old, 0, (size_t(s->width) + 2 * size_t(s->margin)) * 3 * sizeof(int32_t));
     }
     const uint8_t* src = pSrcRow;
     if (s->unpack) {
