@@ -383,6 +383,81 @@ OMBRIX_API int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, 
  * Section: pixel conversion, dithering and HSV
  * ====================================================================== */
 /* -- buffer conversion and HSV -- */
+/* Names of the colour orders as the converter uses them. */
+#define ORDER_BGRWIDE ORDER_ROMM    /* 5: blue first, alternate primaries (24/48 bits) */
+#define ORDER_BGR565  ORDER_RGB565  /* 7: 16-bit, blue bits 0-4, green 5-10, red 11-15 */
+
+/* Conversion flags (uFlags of the K_ConvertBufferExt family) */
+#define CONVERT_SRCGRAY     0x01u  /* the source holds grey levels */
+#define CONVERT_DSTGRAY     0x02u  /* the destination is to hold grey levels */
+#define CONVERT_SRCRANGE    0x04u  /* source grey sample significant in nLowBit..nHighBit */
+#define CONVERT_DSTRANGE    0x08u  /* destination grey written into nLowBit..nHighBit */
+#define CONVERT_TRANSPARENT 0x80u  /* 32/64-bit destination: pixels equal to crTransparent get alpha 0 */
+/* A transparent colour reference: red bits 0-7, green 8-15, blue 16-23; a top
+ * byte of exactly 0x01 makes it a palette index held in the low byte. */
+#define CONVERT_PALETTEINDEX(i) (0x01000000u | ((uint32_t)(i) & 0xFFu))
+
+/* Converts nWidth pixels in place from (nBitsPerPixelSrc, nOrderSrc) to
+ * (nBitsPerPixelDst, nOrderDst). Depths 0 (one grey byte per pixel), 1-8
+ * (palette indices, packed most significant bit first), 12 (grey), 16, 24,
+ * 32, 48, 64; orders ORDER_RGB, ORDER_BGR, ORDER_GRAY, ORDER_BGRWIDE,
+ * ORDER_BGR565. The buffer must hold the larger of the two runs (see
+ * K_CalcConvertSize). Null palettes mean the fixed palette of the depth.
+ * Returns 1; -13 for a null buffer, zero width or a rejected combination
+ * (before any pixel changes); -16 after converting when ORDER_BGRWIDE is
+ * asked at a destination depth other than 24 or 48. */
+OMBRIX_API int32_t K_ConvertBuffer(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
+                                   int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
+                                   const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst);
+/* As K_ConvertBuffer with CONVERT_ flags and the grey bit window
+ * nLowBit..nHighBit (-1 for "whole sample"). */
+OMBRIX_API int32_t K_ConvertBufferExt(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
+                                      int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
+                                      const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst,
+                                      uint32_t uFlags, int32_t nLowBit, int32_t nHighBit);
+/* As K_ConvertBufferExt with pExtra (non-null: a 32-bit grey source holds
+ * 16 significant bits); nReserved is ignored. */
+OMBRIX_API int32_t K_ConvertBufferExt2(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
+                                       int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
+                                       const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst,
+                                       void* pExtra, int32_t nReserved, uint32_t uFlags,
+                                       int32_t nLowBit, int32_t nHighBit);
+/* As K_ConvertBufferExt2 with the transparent colour for CONVERT_TRANSPARENT. */
+OMBRIX_API int32_t K_ConvertBufferExt3(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
+                                       int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
+                                       const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst,
+                                       void* pExtra, int32_t nReserved, uint32_t uFlags,
+                                       int32_t nLowBit, int32_t nHighBit, uint32_t crTransparent);
+/* Bytes of a line buffer for converting between the two widths and depths:
+ * the largest 4-byte-aligned row of (wA x bA), (wB x bA), (wB x bB); depth
+ * 0 counts as 8. 0 for negative arguments or a size beyond 32 bits. */
+OMBRIX_API uint32_t K_CalcConvertSize(int32_t nWidthA, int32_t nBitsA, int32_t nWidthB, int32_t nBitsB);
+/* Keeps nCount 16-bit grey samples (little-endian) whose significant bits
+ * are nLowBit..nHighBit away from the ends of their window by up to nPad
+ * steps. -13 for a null pointer or a depth other than 16. */
+OMBRIX_API int32_t K_PadPixelData(void* pData, int32_t nBitsPerPixel, int32_t nCount, int32_t nHighBit,
+                                  int32_t nLowBit, int32_t nPad);
+/* Reduce nCount 32-bit grey samples (little-endian) to 16-bit (8-bit)
+ * samples: the window nLowBit..nHighBit (-1: bit 0 / bit 31) is taken and
+ * rescaled by the grey rule (narrower: top bits; wider: stretched so full
+ * scale stays full scale). pDst may equal pSrc. -13 for a null pointer,
+ * nCount <= 0 or a window outside the sample. */
+OMBRIX_API int32_t K_Gray32To16(const void* pSrc, void* pDst, int32_t nCount, int32_t nLowBit,
+                                int32_t nHighBit);
+OMBRIX_API int32_t K_Gray32To8(const void* pSrc, uint8_t* pDst, int32_t nCount, int32_t nLowBit,
+                               int32_t nHighBit);
+
+/* HSV: the kernel's integer model. RGB values hold red in bits 0-7, green
+ * 8-15, blue 16-23; HSV values hold hue in bits 0-7 (256 steps per turn),
+ * saturation 8-15, value 16-23. The top byte of an input is ignored and the
+ * top byte of a result is 0. */
+OMBRIX_API uint32_t K_RGBtoHSV(uint32_t rgb);
+/* As K_RGBtoHSV, storing the result in *pHsv. -13 for a null pointer. */
+OMBRIX_API int32_t  K_RGBtoHSV2(uint32_t rgb, uint32_t* pHsv);
+OMBRIX_API uint32_t K_HSVtoRGB(uint32_t hsv);
+/* As K_HSVtoRGB, reading the value from *pHsv; 0 for a null pointer. */
+OMBRIX_API uint32_t K_HSVtoRGB2(const uint32_t* pHsv);
+
 /* @@pixels-convert@@ */
 
 /* (keep this line between the two pixel parts) */
