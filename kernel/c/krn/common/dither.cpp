@@ -3,8 +3,9 @@
 // thresholds.
 //
 // Layers:
-//   unpack     a source row in the record's format -> 24-bit BGR (only for
-//              formats that are not already 8-bit samples at a fixed stride)
+//   unpack     a source row in the record's format -> 24-bit BGR through the
+//              buffer converter (only for formats that are not already 8-bit
+//              samples at a fixed stride)
 //   row kernel one method x one quantiser, writes one index byte per pixel
 //   pack       index bytes -> the run's output depth (below 8 bits)
 // The kernel is chosen once per run (a function pointer in the state), so
@@ -15,6 +16,7 @@
 #include <array>
 #include <cstring>
 
+#include "convert.h"
 #include "hooks.h"
 #include "kernel.h"
 #include "memory.h"
@@ -236,8 +238,9 @@ struct DitherState {
     int32_t width;
     int32_t srcBits;
     int32_t srcOrder;
-    int32_t lowBit;
+    int32_t lowBit;            // grey window of the source (the record's nLowBit..nHighBit)
     int32_t highBit;
+    size_t srcRowBytes;
     int32_t outBits;
     int32_t code;
     int32_t colors;      // uColors of the run
@@ -467,107 +470,6 @@ bool ditherPlainKernels = false;
 
 namespace {
 
-// ---------------------------------------------------------------- unpacking
-
-// Wide-primaries inverse (order 5 -> BGR), on samples in memory order.
-template <class T, int Max>
-inline void wideInverse(int s0, int s1, int s2, T* out) {
-    auto c = [](long v) { return T(v < 0 ? 0 : (v > Max ? Max : v)); };
-    out[0] = c((9467L * s0 - 1151L * s1 - 125L * s2 + 4095) / 8192);
-    out[1] = c((-305L * s0 + 10232L * s1 - 1735L * s2 + 4095) / 8192);
-    out[2] = c((-2156L * s0 - 6498L * s1 + 16846L * s2 + 4095) / 8192);
-}
-
-// A grey sample of `depth` bits narrowed to 8 bits through the record's
-// window of significant bits nLowBit..nHighBit.
-inline int greyTo8(uint32_t v, int lo, int n) {
-    uint32_t x = (v >> lo) & (n >= 32 ? 0xFFFFFFFFu : ((1u << n) - 1u));
-    if (n >= 8) return int(x >> (n - 8));
-    return int(x * 255u / ((1u << n) - 1u));
-}
-
-inline uint16_t le16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
-inline uint32_t le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
-
-inline void putBgr(uint8_t* d, int r, int g, int b) {
-    d[0] = uint8_t(b);
-    d[1] = uint8_t(g);
-    d[2] = uint8_t(r);
-}
-
-// Brings one source row to 24-bit BGR in s.bgrRow.
-void unpackRow(const DitherState& s, const uint8_t* src, uint8_t* d) {
-    const int w = s.width;
-    const int lo = s.lowBit;
-    const int n = s.highBit - s.lowBit + 1;
-    switch (s.srcBits) {
-        case 12:
-            for (int x = 0; x < w; ++x, d += 3) {
-                const uint8_t* p = src + (x >> 1) * 3;
-                uint32_t v = (x & 1) ? uint32_t(le16(p + 1) >> 4) : uint32_t(le16(p) & 0xFFF);
-                int gv = greyTo8(v, lo, n);
-                putBgr(d, gv, gv, gv);
-            }
-            return;
-        case 16:
-            for (int x = 0; x < w; ++x, d += 3) {
-                uint32_t v = le16(src + 2 * x);
-                int r, g, b;
-                switch (s.srcOrder) {
-                    case ORDER_GRAY: r = g = b = greyTo8(v, lo, n); break;
-                    case ORDER_RGB565: {
-                        int r5 = (v >> 11) & 31, g6 = (v >> 5) & 63, b5 = v & 31;
-                        r = r5 << 3 | r5 >> 2, g = g6 << 2 | g6 >> 4, b = b5 << 3 | b5 >> 2;
-                        break;
-                    }
-                    default: {
-                        int lo5 = v & 31, mid = (v >> 5) & 31, hi5 = (v >> 10) & 31;
-                        int a = lo5 << 3 | lo5 >> 2, m = mid << 3 | mid >> 2, h = hi5 << 3 | hi5 >> 2;
-                        if (s.srcOrder == ORDER_RGB) r = a, g = m, b = h;
-                        else r = h, g = m, b = a;
-                    }
-                }
-                putBgr(d, r, g, b);
-            }
-            return;
-        case 24:  // order 5 only; 0 and 1 are read in place
-            for (int x = 0; x < w; ++x, d += 3, src += 3) wideInverse<uint8_t, 255>(src[0], src[1], src[2], d);
-            return;
-        case 32:  // grey only
-            for (int x = 0; x < w; ++x, d += 3) {
-                int gv = greyTo8(le32(src + 4 * x), lo, n);
-                putBgr(d, gv, gv, gv);
-            }
-            return;
-        case 48:
-        case 64: {
-            const int st = s.srcBits / 8;
-            for (int x = 0; x < w; ++x, d += 3, src += st) {
-                uint16_t v[3] = {le16(src), le16(src + 2), le16(src + 4)};
-                if (s.srcOrder == ORDER_ROMM) wideInverse<uint16_t, 65535>(v[0], v[1], v[2], v);
-                int s0 = v[0] >> 8, s1 = v[1] >> 8, s2 = v[2] >> 8;
-                if (s.srcOrder == ORDER_RGB) putBgr(d, s0, s1, s2);
-                else putBgr(d, s2, s1, s0);
-            }
-            return;
-        }
-        default: {  // 1..8-bit palette indices, most significant bit first
-            const int bits = s.srcBits;
-            const uint32_t mask = (1u << bits) - 1u;
-            const size_t rowBytes = (size_t(w) * size_t(bits) + 7) / 8;
-            for (int x = 0; x < w; ++x, d += 3) {
-                size_t pos = size_t(x) * size_t(bits);
-                size_t byte = pos >> 3;
-                uint32_t word = uint32_t(src[byte]) << 8 | (byte + 1 < rowBytes ? src[byte + 1] : 0u);
-                uint32_t idx = (word >> (16 - bits - int(pos & 7))) & mask;
-                const RGBQUAD& e = s.srcPalette[idx];
-                d[0] = e.rgbBlue, d[1] = e.rgbGreen, d[2] = e.rgbRed;
-            }
-            return;
-        }
-    }
-}
-
 // Index bytes -> packed indices at `bits` (1..7), most significant bit first.
 void packRow(const uint8_t* idx, int w, int bits, uint8_t* dst) {
     const uint32_t mask = (1u << bits) - 1u;
@@ -708,7 +610,9 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     } else {
         s.stride = 3, s.ro = 2, s.go = 1, s.bo = 0;
     }
-    const size_t bgrBytes = s.unpack ? size_t(width) * 3 : 0;
+    // Other formats go through the buffer converter into one row of 24-bit
+    // BGR, converted in place, so the row holds the larger of the two sizes.
+    const size_t bgrBytes = s.unpack ? std::max(convertBufferBytes(width, bits, 24), size_t(width) * 3) : 0;
     const size_t idxBytes = size_t(width);
     s.scratch = static_cast<uint8_t*>(memAlloc(bgrBytes + idxBytes + 16));
     if (!s.scratch) {
@@ -729,14 +633,9 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
             std::memcpy(s.srcPalette, fixedPalette(bits), size_t(n) * sizeof(RGBQUAD));
         }
     }
-    {
-        const int depth = bits == 12 ? 12 : bits == 16 ? 16 : 32;
-        int lo = bm->nLowBit < 0 ? 0 : bm->nLowBit;
-        int hi = bm->nHighBit < 0 ? depth - 1 : bm->nHighBit;
-        if (hi > depth - 1) hi = depth - 1;
-        if (lo > hi) lo = 0, hi = depth - 1;
-        s.lowBit = lo, s.highBit = hi;
-    }
+    s.lowBit = bm->nLowBit;
+    s.highBit = bm->nHighBit;
+    s.srcRowBytes = (size_t(width) * size_t(bits) + 7) / 8;
 
     // The match table a caller palette needs.
     if (code == kCodeBuiltTable) {
@@ -846,7 +745,10 @@ KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t
     }
     const uint8_t* src = pSrcRow;
     if (s->unpack) {
-        unpackRow(*s, pSrcRow, s->bgrRow);
+        std::memcpy(s->bgrRow, pSrcRow, s->srcRowBytes);
+        int32_t r = convertRowToBGR24(s->bgrRow, s->width, s->srcBits, s->srcOrder, s->srcPalette,
+                                      kConvertSrcRange, s->lowBit, s->highBit);
+        if (r != KS_SUCCESS) return r;
         src = s->bgrRow;
     }
     if (s->outBits == 8) {
