@@ -5,8 +5,10 @@
 // source, so the memcpy of the same 36 MB reads as a ratio.
 //
 // Peers: Leptonica (OMBRIX_HAVE_LEPTONICA) - pixDitherToBinary on the 8-bit
-// grey image (its own input format) and pixFixedOctcubeQuant256 with
-// dithering on the 32-bit image. Pillow: run bench/pillow_dither.py by hand
+// grey image (its own input format; compare BM_Dither_Floyd_Grey8_1bit), the
+// same after pixConvertRGBToGray from 32 bits (compare _Floyd_1bit), and
+// pixFixedOctcubeQuant256 with dithering on the 32-bit image (compare
+// _Floyd_Fixed256). Pillow: run bench/pillow_dither.py by hand
 // (python3 bench/pillow_dither.py), which reports the same figures for
 // Image.quantize / convert with Floyd-Steinberg.
 #include <benchmark/benchmark.h>
@@ -67,6 +69,37 @@ void ditherImage(benchmark::State& state, int method, const RGBQUAD* pal, uint32
     K_FreeBitmap(&bm);
 }
 
+// The same picture in 8-bit grey (the kernel's grey), for the grey runs.
+const std::vector<uint8_t>& image8() {
+    static const std::vector<uint8_t> img = [] {
+        const auto& c = image24();
+        std::vector<uint8_t> g(size_t(kW) * kH);
+        for (size_t i = 0; i < g.size(); ++i) g[i] = uint8_t((2 * c[3 * i + 2] + 5 * c[3 * i + 1] + c[3 * i] + 4) >> 3);
+        return g;
+    }();
+    return img;
+}
+
+// An 8-bit grey picture (grey-ramp palette) to 1 bit: one channel is diffused.
+void BM_Dither_Floyd_Grey8_1bit(benchmark::State& state) {
+    const auto& img = image8();
+    BITMAPRECORD bm;
+    K_InitBitmap(&bm, BITMAPRECORD_SIZE, kW, kH, 8);
+    bm.pPalette = K_CreateGrayPalette(8);
+    bm.nDitheringMethod = DITHER_FLOYD_STEINBERG;
+    const size_t outLine = (size_t(kW) + 7) / 8;
+    std::vector<uint8_t> out(outLine * kH);
+    for (auto _ : state) {
+        if (K_StartDithering(&bm, nullptr, 2) != KS_SUCCESS) state.SkipWithError("start failed");
+        for (int y = 0; y < kH; ++y) K_DitherLine(&bm, img.data() + size_t(y) * kW, out.data() + size_t(y) * outLine);
+        K_StopDithering(&bm);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * kW * kH);
+    state.SetBytesProcessed(int64_t(state.iterations()) * kW * kH * 3);
+    K_FreeBitmap(&bm);
+}
+
 void BM_Dither_Memcpy24(benchmark::State& state) { bench::memcpyBaseline(state, size_t(kW) * kH * 3); }
 void BM_Dither_Floyd_Fixed256(benchmark::State& state) { ditherImage(state, DITHER_FLOYD_STEINBERG, nullptr, 256); }
 void BM_Dither_Floyd_1bit(benchmark::State& state) { ditherImage(state, DITHER_FLOYD_STEINBERG, nullptr, 2); }
@@ -83,6 +116,7 @@ void BM_Dither_Floyd_CallerPalette(benchmark::State& state) {
 BENCHMARK(BM_Dither_Memcpy24)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_Fixed256)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_1bit)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Dither_Floyd_Grey8_1bit)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_Web)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_CallerPalette)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Method_Fixed256)->DenseRange(0, 8)->Unit(benchmark::kMillisecond);
@@ -101,9 +135,14 @@ PIX* leptonicaImage(int depth) {
             data[size_t(y) * size_t(wpl) + size_t(x)] = v;
         }
     if (depth == 32) return pix;
-    // The kernel's grey weights, so both sides dither the same picture.
-    PIX* grey = pixConvertRGBToGray(pix, 0.25f, 0.625f, 0.125f);
     pixDestroy(&pix);
+    // The same 8-bit grey picture the kernel's grey run dithers.
+    const auto& g = image8();
+    PIX* grey = pixCreate(kW, kH, 8);
+    l_uint32* gd = pixGetData(grey);
+    const int gwpl = pixGetWpl(grey);
+    for (int y = 0; y < kH; ++y)
+        for (int x = 0; x < kW; ++x) SET_DATA_BYTE(gd + size_t(y) * size_t(gwpl), x, g[size_t(y) * kW + size_t(x)]);
     return grey;
 }
 

@@ -833,6 +833,102 @@ TEST(DitherSource, InPlaceRowsGiveTheSameResult) {
     EXPECT_EQ(got, expect);
 }
 
+// ------------------------------------------------------------ grey runs
+
+std::vector<RGBQUAD> greyRamp(int n) {
+    std::vector<RGBQUAD> p;
+    for (int k = 0; k < n; ++k) {
+        int v = n == 1 ? 0 : k * 255 / (n - 1);
+        p.push_back(quad(v, v, v));
+    }
+    return p;
+}
+
+// Runs source rows of a grey format through the library, with or without the
+// plain Floyd-Steinberg loop.
+std::vector<int> runRows(const SourceCase& c, int w, int method, const std::vector<std::vector<uint8_t>>& rows,
+                         const RGBQUAD* pal, uint32_t colors, bool* grey) {
+    Rec rec(w, c.bits, c.order, method, c.bits <= 8 ? &c.pal : nullptr);
+    rec.bm.nLowBit = c.lowBit;
+    rec.bm.nHighBit = c.highBit;
+    EXPECT_EQ(K_StartDithering(&rec.bm, pal, colors), KS_SUCCESS);
+    if (grey) *grey = krn::ditherRunIsGrey(&rec.bm);
+    int bits = 1;
+    while ((1u << bits) < colors) ++bits;
+    std::vector<int> got;
+    for (const auto& r : rows) {
+        std::vector<uint8_t> src = r;
+        std::vector<uint8_t> dst((static_cast<size_t>(w) * size_t(bits) + 7) / 8);
+        EXPECT_EQ(K_DitherLine(&rec.bm, src.data(), dst.data()), KS_SUCCESS);
+        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(dst.data(), x, bits));
+    }
+    return got;
+}
+
+TEST(DitherGrey, GreySourcesIntoGreyTargetsMatchTheColourPath) {
+    auto curve = greyRamp(256);
+    for (auto& e : curve) e.rgbRed = e.rgbGreen = e.rgbBlue = uint8_t(std::sqrt(e.rgbRed / 255.0) * 255.0);
+    std::vector<SourceCase> sources = {
+        {8, ORDER_RGB, greyRamp(256)}, {8, ORDER_RGB, curve},          {4, ORDER_RGB, greyRamp(16)},
+        {1, ORDER_RGB, greyRamp(2)},   {12, ORDER_GRAY, {}},           {16, ORDER_GRAY, {}, 3, 12},
+        {16, ORDER_GRAY, {}},          {32, ORDER_GRAY, {}}};
+    struct TargetCase {
+        std::vector<RGBQUAD> pal;
+        bool passNull;
+    };
+    const std::vector<TargetCase> targets = {{fixedPal(1), true},
+                                             {fixedPal(2), false},
+                                             {greyRamp(16), false},
+                                             {{quad(30, 30, 30), quad(128, 128, 128), quad(220, 220, 220)}, false},
+                                             {{quad(200, 200, 200), quad(10, 10, 10)}, false}};
+    std::mt19937 rng(99);
+    for (const auto& c : sources)
+        for (size_t t = 0; t < targets.size(); ++t)
+            for (int method = 0; method <= 8; ++method)
+                for (int w : {8, 45}) {
+                const int h = 9;
+                SCOPED_TRACE(std::to_string(c.bits) + " bits, target " + std::to_string(t) + ", method " +
+                             std::to_string(method));
+                std::vector<std::vector<uint8_t>> rows;
+                std::vector<Rgb> img;
+                for (int y = 0; y < h; ++y) {
+                    std::vector<Rgb> cols;
+                    rows.push_back(makeSource(c, w, rng, cols));
+                    img.insert(img.end(), cols.begin(), cols.end());
+                }
+                const auto& tc = targets[t];
+                const RGBQUAD* pal = tc.passNull ? nullptr : tc.pal.data();
+                auto expect = runLibrary(method, w, h, img, pal, uint32_t(tc.pal.size()));
+                bool grey = false;
+                auto got = runRows(c, w, method, rows, pal, uint32_t(tc.pal.size()), &grey);
+                EXPECT_TRUE(grey);
+                ASSERT_EQ(got, expect);
+                if (method == 1) {
+                    krn::testhook::ditherPlainKernels = true;
+                    auto plain = runRows(c, w, method, rows, pal, uint32_t(tc.pal.size()), nullptr);
+                    krn::testhook::ditherPlainKernels = false;
+                    ASSERT_EQ(plain, expect);
+                }
+                }
+}
+
+TEST(DitherGrey, ColourOnEitherSideKeepsThreeChannels) {
+    std::mt19937 rng(1);
+    std::vector<Rgb> cols;
+    SourceCase greySrc{8, ORDER_RGB, greyRamp(256)};
+    auto row = makeSource(greySrc, 8, rng, cols);
+    bool grey = true;
+    runRows(greySrc, 8, 1, {row}, nullptr, 16, &grey);  // the sixteen colours
+    EXPECT_FALSE(grey);
+    auto tinted = greyRamp(256);
+    tinted[17].rgbBlue ^= 1;  // one entry not grey
+    SourceCase tintedSrc{8, ORDER_RGB, tinted};
+    runRows(tintedSrc, 8, 1, {row}, nullptr, 2, &grey);
+    EXPECT_FALSE(grey);
+    runRows(greySrc, 8, 1, {row}, nullptr, 2, &grey);
+    EXPECT_TRUE(grey);
+}
+
 // ------------------------------------------------------ allocation failures
 
 TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {

@@ -262,6 +262,15 @@ struct DitherState {
     int32_t stride, ro, go, bo;
     bool unpack;
     bool kernelWritesWholeRow;  // the kernel stores the row below entirely (no clearing)
+    bool kernelPacks;           // the kernel writes the packed destination row itself
+    // Grey runs: a grey source into an all-grey target keeps the three
+    // channels equal, so one channel is diffused (same results, a third of
+    // the work). Rows are then one 8-bit grey byte per pixel.
+    bool grey;
+    bool greyByLut;             // 8-bit palette source: grey from greyOfIndex
+    uint8_t greyOfIndex[256];   // source palette index -> grey
+    uint8_t greyIndex[256];     // grey -> target index
+    uint8_t greyValue[256];     // grey -> the target entry's grey
     // Ordered methods.
     bool twoColour;
     int32_t darkIndex, brightIndex, darkGrey, brightGrey;
@@ -381,6 +390,39 @@ void floydRow(DitherState& s, const uint8_t* src, uint8_t* out) {
     d[3] = p1r, d[4] = p1g, d[5] = p1b;
 }
 
+// Floyd-Steinberg to black and white (code 2) with the indices packed
+// straight into the 1-bit destination row; otherwise floydRow<QGrey2>.
+void floydBlackWhiteRow(DitherState& s, const uint8_t* src, uint8_t* dst) {
+    const int w = s.width, st = s.stride, ro = s.ro, go = s.go, bo = s.bo;
+    const int32_t* cur = s.rows[0] + 3;
+    int32_t* below = s.rows[1] + 3;
+    int32_t cr = 0, cg = 0, cb = 0;
+    int32_t p0r = 0, p0g = 0, p0b = 0;
+    int32_t p1r = 0, p1g = 0, p1b = 0;
+    uint32_t bits = 0;
+    for (int x = 0; x < w; ++x, src += st) {
+        const int r = clamp255(src[ro] + (cur[3 * x] + cr) / 16);
+        const int g = clamp255(src[go] + (cur[3 * x + 1] + cg) / 16);
+        const int b = clamp255(src[bo] + (cur[3 * x + 2] + cb) / 16);
+        const int i = grey8Sum(r, g, b) >> 10;
+        const int q = -i & 255;
+        bits = bits << 1 | uint32_t(i);
+        if ((x & 7) == 7) *dst++ = uint8_t(bits);
+        const int er = r - q, eg = g - q, eb = b - q;
+        cr = 7 * er, cg = 7 * eg, cb = 7 * eb;
+        int32_t* d = below + 3 * (x - 1);
+        d[0] = p0r + 3 * er;
+        d[1] = p0g + 3 * eg;
+        d[2] = p0b + 3 * eb;
+        p0r = p1r + 5 * er, p0g = p1g + 5 * eg, p0b = p1b + 5 * eb;
+        p1r = er, p1g = eg, p1b = eb;
+    }
+    if (w & 7) *dst = uint8_t(bits << (8 - (w & 7)));
+    int32_t* d = below + 3 * (w - 1);
+    d[0] = p0r, d[1] = p0g, d[2] = p0b;
+    d[3] = p1r, d[4] = p1g, d[5] = p1b;
+}
+
 template <class Q>
 void orderedRow(DitherState& s, const uint8_t* src, uint8_t* out) {
     const int w = s.width, st = s.stride, ro = s.ro, go = s.go, bo = s.bo;
@@ -408,6 +450,99 @@ void orderedTwoRow(DitherState& s, const uint8_t* src, uint8_t* out) {
     for (int x = 0; x < w; ++x, src += st) {
         const int grey = grey8Sum(src[ro], src[go], src[bo]) >> 3;
         out[x] = grey > thr[x & 7] ? bright : dark;
+    }
+}
+
+// ---- grey kernels: one channel, rows of one byte per pixel
+
+template <int M>
+void greyDiffuseRow(DitherState& s, const uint8_t* src, uint8_t* out) {
+    using K = Method<M>;
+    const int w = s.width;
+    int32_t* row[K::rows + 1];
+    for (int k = 0; k <= K::rows; ++k) row[k] = s.rows[k] + K::margin;
+    for (int x = 0; x < w; ++x) {
+        const int v = clamp255(src[x] + row[0][x] / K::divisor);
+        out[x] = s.greyIndex[v];
+        const int e = v - s.greyValue[v];
+        for (int t = 0; t < K::count; ++t) row[K::taps[t].dy][x + K::taps[t].dx] += K::taps[t].w * e;
+    }
+}
+
+// Same arithmetic as greyDiffuseRow<1>, the row below held in registers.
+void greyFloydRow(DitherState& s, const uint8_t* src, uint8_t* out) {
+    const int w = s.width;
+    const int32_t* cur = s.rows[0] + 1;
+    int32_t* below = s.rows[1] + 1;
+    int32_t carry = 0, p0 = 0, p1 = 0;
+    for (int x = 0; x < w; ++x) {
+        const int v = clamp255(src[x] + (cur[x] + carry) / 16);
+        out[x] = s.greyIndex[v];
+        const int e = v - s.greyValue[v];
+        carry = 7 * e;
+        below[x - 1] = p0 + 3 * e;
+        p0 = p1 + 5 * e;
+        p1 = e;
+    }
+    below[w - 1] = p0;
+    below[w] = p1;
+}
+
+// Black and white (the fixed two-colour palette) from grey: the index is
+// v >= 128, the error is measured from the clamped value, and the indices are
+// packed straight into the 1-bit destination row. Same results as
+// greyFloydRow with the two-colour tables.
+void greyFloydBlackWhiteRow(DitherState& s, const uint8_t* src, uint8_t* dst) {
+    const int w = s.width;
+    const int32_t* cur = s.rows[0] + 1;
+    int32_t* below = s.rows[1] + 1;
+    int32_t carry = 0, p0 = 0, p1 = 0;
+    uint32_t bits = 0;
+    for (int x = 0; x < w; ++x) {
+        const int u = src[x] + (cur[x] + carry) / 16;  // not yet clamped
+        const int white = u >= 128;
+        // Clamped value minus the entry (0 or 255), without forming the clamp.
+        const int e = white ? std::min(u - 255, 0) : std::max(u, 0);
+        bits = bits << 1 | uint32_t(white);
+        if ((x & 7) == 7) *dst++ = uint8_t(bits);
+        carry = 7 * e;
+        below[x - 1] = p0 + 3 * e;
+        p0 = p1 + 5 * e;
+        p1 = e;
+    }
+    if (w & 7) *dst = uint8_t(bits << (8 - (w & 7)));
+    below[w - 1] = p0;
+    below[w] = p1;
+}
+
+void greyNearestRow(DitherState& s, const uint8_t* src, uint8_t* out) {
+    for (int x = 0; x < s.width; ++x) out[x] = s.greyIndex[src[x]];
+}
+
+void greyOrderedRow(DitherState& s, const uint8_t* src, uint8_t* out) {
+    const int16_t* b = s.bias[0] + int(s.line & 7) * 8;
+    for (int x = 0; x < s.width; ++x) out[x] = s.greyIndex[clamp255(src[x] + b[x & 7])];
+}
+
+void greyOrderedTwoRow(DitherState& s, const uint8_t* src, uint8_t* out) {
+    const uint8_t* t = (s.method == 7 ? kDitherDispersed : kDitherClustered)[s.line & 7];
+    const int lo = s.darkGrey, span = s.brightGrey - s.darkGrey;
+    int32_t thr[8];
+    for (int c = 0; c < 8; ++c) thr[c] = lo + t[c] * span / 255;
+    const auto dark = uint8_t(s.darkIndex), bright = uint8_t(s.brightIndex);
+    for (int x = 0; x < s.width; ++x) out[x] = src[x] > thr[x & 7] ? bright : dark;
+}
+
+constexpr std::array<RowFn, 9> kGreyKernels = {&greyNearestRow,    &greyFloydRow,      &greyDiffuseRow<2>,
+                                               &greyDiffuseRow<3>, &greyDiffuseRow<4>, &greyDiffuseRow<5>,
+                                               &greyDiffuseRow<6>, &greyOrderedRow,    &greyOrderedRow};
+
+// The index the run's quantiser gives a colour (outside the row loops).
+int quantiseWith(const DitherState& s, int r, int g, int b) {
+    switch (s.code) {
+        case kCodeBuiltTable:
+        case kCodeCallerTable: return QTable::index(s, r, g, b);
+        default: return quantiseFixed(s.code, r, g, b);
     }
 }
 
@@ -613,6 +748,7 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     // Other formats go through the buffer converter into one row of 24-bit
     // BGR, converted in place, so the row holds the larger of the two sizes.
     const size_t bgrBytes = s.unpack ? std::max(convertBufferBytes(width, bits, 24), size_t(width) * 3) : 0;
+    // (A grey run, chosen below, converts into depth 0 in the same row.)
     const size_t idxBytes = size_t(width);
     s.scratch = static_cast<uint8_t*>(memAlloc(bgrBytes + idxBytes + 16));
     if (!s.scratch) {
@@ -675,14 +811,51 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
         }
     }
 
-    if (method >= 7 && s.twoColour) {
+    // Grey runs.
+    bool srcGrey = bm->nOrder == ORDER_GRAY && (bits == 12 || bits == 16 || bits == 32);
+    if (bits <= 8) {
+        srcGrey = true;
+        for (int i = 0; i < (1 << bits); ++i) {
+            const RGBQUAD& e = s.srcPalette[i];
+            srcGrey = srcGrey && e.rgbRed == e.rgbGreen && e.rgbGreen == e.rgbBlue;
+            s.greyOfIndex[i] = e.rgbRed;
+        }
+    }
+    bool dstGrey = code <= kCodeFixed4;
+    for (int i = 0; i < 256 && dstGrey; ++i) dstGrey = s.colour[i][0] == s.colour[i][1] && s.colour[i][1] == s.colour[i][2];
+    s.grey = srcGrey && dstGrey;
+    if (s.grey) {
+        for (int v = 0; v < 256; ++v) {
+            const int i = quantiseWith(s, v, v, v) & ((1 << nBits) - 1);
+            s.greyIndex[v] = uint8_t(i);
+            s.greyValue[v] = uint8_t(s.colour[i][0]);
+        }
+        s.greyByLut = bits == 8;
+        s.unpack = true;
+        s.kernel = (method >= 7 && s.twoColour) ? &greyOrderedTwoRow : kGreyKernels[size_t(method)];
+        s.kernelWritesWholeRow = method == 1;
+        if (method == 1 && code == kCodeFixed2 && nBits == 1) {
+            s.kernel = &greyFloydBlackWhiteRow;
+            s.kernelPacks = true;
+        }
+        if (method == 1 && testhook::ditherPlainKernels) {
+            s.kernel = &greyDiffuseRow<1>;
+            s.kernelWritesWholeRow = false;
+            s.kernelPacks = false;
+        }
+    } else if (method >= 7 && s.twoColour) {
         s.kernel = &orderedTwoRow;
     } else {
         s.kernel = kKernels[quantiserKind(code)][size_t(method)];
         s.kernelWritesWholeRow = method == 1;
+        if (method == 1 && code == kCodeFixed2 && nBits == 1) {
+            s.kernel = &floydBlackWhiteRow;
+            s.kernelPacks = true;
+        }
         if (method == 1 && testhook::ditherPlainKernels) {
             s.kernel = kPlainFloyd[quantiserKind(code)];
             s.kernelWritesWholeRow = false;
+            s.kernelPacks = false;
         }
     }
 
@@ -699,6 +872,11 @@ DitherState* runOf(BITMAPRECORD* bm) {
 }
 
 }  // namespace
+
+bool ditherRunIsGrey(const BITMAPRECORD* bm) noexcept {
+    auto* s = static_cast<const DitherState*>(bm->pDitherState);
+    return s && s->magic == kStateMagic && s->grey;
+}
 
 int ditherRunCode(const BITMAPRECORD* bm) noexcept {
     auto* s = static_cast<const DitherState*>(bm->pDitherState);
@@ -744,14 +922,27 @@ KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t
             std::memset(old, 0, (size_t(s->width) + 2 * size_t(s->margin)) * 3 * sizeof(int32_t));
     }
     const uint8_t* src = pSrcRow;
-    if (s->unpack) {
+    if (s->grey) {
+        if (s->greyByLut) {
+            for (int x = 0; x < s->width; ++x) s->bgrRow[x] = s->greyOfIndex[pSrcRow[x]];
+        } else {
+            std::memcpy(s->bgrRow, pSrcRow, s->srcRowBytes);
+            int32_t r = convertBuffer(s->bgrRow, s->width, s->srcBits, 0, s->srcOrder, ORDER_GRAY, s->srcPalette,
+                                      nullptr, nullptr, kConvertSrcRange | kConvertDstGray, s->lowBit, s->highBit,
+                                      0, nullptr);
+            if (r != KS_SUCCESS) return r;
+        }
+        src = s->bgrRow;
+    } else if (s->unpack) {
         std::memcpy(s->bgrRow, pSrcRow, s->srcRowBytes);
         int32_t r = convertRowToBGR24(s->bgrRow, s->width, s->srcBits, s->srcOrder, s->srcPalette,
                                       kConvertSrcRange, s->lowBit, s->highBit);
         if (r != KS_SUCCESS) return r;
         src = s->bgrRow;
     }
-    if (s->outBits == 8) {
+    if (s->kernelPacks) {
+        s->kernel(*s, src, pDstRow);
+    } else if (s->outBits == 8) {
         // Safe in place: index x is written after source pixel x was read,
         // and later source pixels lie at or beyond byte x + 1.
         s->kernel(*s, src, pDstRow);

@@ -62,6 +62,10 @@ DitherTaps ditherTaps(int method) noexcept;
 // The palette code of the record's run, -1 without a run.
 int ditherRunCode(const BITMAPRECORD* bm) noexcept;
 
+// Whether the record's run diffuses one grey channel (a grey source into an
+// all-grey target).
+bool ditherRunIsGrey(const BITMAPRECORD* bm) noexcept;
+
 namespace testhook {
 // Makes runs of method 1 started from now on use the plain tap loop instead
 // of the register-rolling kernel (tests compare the two).
