@@ -239,6 +239,18 @@ TEST(DitherFrame, ChecksPointerSizeThenValues) {
     rec.bm.nWidth = 0;
     EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_DIMENSIONS);
     rec.bm.nWidth = 8;
+    rec.bm.nBitsPerPixel = 16;
+    rec.bm.nOrder = ORDER_GRAY;
+    rec.bm.nLowBit = 3;
+    rec.bm.nHighBit = 16;  // beyond the sample
+    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_PARAMETER);
+    rec.bm.nLowBit = 9;
+    rec.bm.nHighBit = 8;  // low above high
+    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_PARAMETER);
+    rec.bm.nLowBit = 0;
+    rec.bm.nHighBit = 15;
+    rec.bm.nBitsPerPixel = 24;
+    rec.bm.nOrder = ORDER_BGR;
     EXPECT_EQ(rec.bm.pDitherState, nullptr);  // nothing was started by the failures
 
     EXPECT_EQ(K_DitherLine(nullptr, src, dst), KS_INVALID_PARAMETER);

@@ -772,6 +772,17 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     s.lowBit = bm->nLowBit;
     s.highBit = bm->nHighBit;
     s.srcRowBytes = (size_t(width) * size_t(bits) + 7) / 8;
+    if (s.unpack) {
+        // The converter's rules decide which formats and grey windows are
+        // valid: ask it once on one pixel, so that rows cannot fail later.
+        uint8_t probe[16] = {};
+        int32_t pr = convertRowToBGR24(probe, 1, bits, bm->nOrder, s.srcPalette, kConvertSrcRange, s.lowBit,
+                                       s.highBit);
+        if (pr != KS_SUCCESS) {
+            freeState(st.release());
+            return pr;
+        }
+    }
 
     // The match table a caller palette needs.
     if (code == kCodeBuiltTable) {
