@@ -987,6 +987,53 @@ OMBRIX_API uint32_t K_HSVtoRGB2(const uint32_t* pHsv);
 /* (keep this line between the two pixel parts) */
 
 /* -- dithering engine -- */
+/* Dithering methods (the record's nDitheringMethod, K_DefaultDithering). */
+#define DITHER_NEAREST          0  /* nearest colour, no diffusion */
+#define DITHER_FLOYD_STEINBERG  1  /* error diffusion, 1 row,  divisor 16 */
+#define DITHER_STUCKI           2  /* error diffusion, 2 rows, divisor 42 */
+#define DITHER_BURKES           3  /* error diffusion, 1 row,  divisor 32 */
+#define DITHER_SIERRA           4  /* error diffusion, 2 rows, divisor 32 */
+#define DITHER_STEVENSON_ARCE   5  /* error diffusion, 3 rows, divisor 200 */
+#define DITHER_JARVIS           6  /* error diffusion (Jarvis-Judice-Ninke), 2 rows, divisor 48 */
+#define DITHER_ORDERED          7  /* ordered, 8x8 dispersed threshold table */
+#define DITHER_CLUSTERED        8  /* ordered, 8x8 clustered threshold table */
+
+/* Starts a dithering run on a record: rows of the record's width and pixel
+ * format (nBitsPerPixel, nOrder, pPalette for 1..8 bits, nLowBit/nHighBit for
+ * grey) are turned into palette indices of a target palette of uColors (1..256)
+ * entries with the record's nDitheringMethod. The output depth is the smallest
+ * of 1..8 bits that holds uColors indices. A null pPalette means the fixed
+ * palette of that depth. Any run already on the record is replaced, but only
+ * once the new one is complete. The record need not be allocated.
+ * -13 null record, uColors out of range, method or colour order invalid;
+ * -789 size word; -11 width below 1; -27 bits per pixel; -1 no memory. */
+OMBRIX_API int32_t K_StartDithering(BITMAPRECORD* pBitmap, const RGBQUAD* pPalette, uint32_t uColors);
+/* As K_StartDithering with an explicit output depth nBits (1..8, at least the
+ * depth uColors needs) and an optional caller match table of 32768 words over
+ * the 5-5-5 grid (index (R>>3)<<10 | (G>>3)<<5 | B>>3, each word the palette
+ * index + 1). A caller table is used as it is and never freed; it must stay
+ * alive until the run stops. Without one, a palette equal byte for byte to a
+ * fixed palette (or the web palette) is quantised directly, and any other
+ * palette is mapped through the thread's installed user match table when
+ * there is one, else through a table the run builds (and frees). */
+OMBRIX_API int32_t K_StartDitheringExt(BITMAPRECORD* pBitmap, const RGBQUAD* pPalette, uint32_t uColors,
+                                       int32_t nBits, const uint32_t* pMatchTable);
+/* Dithers the next row: pSrcRow holds nWidth pixels in the record's format,
+ * pDstRow receives nWidth indices packed at the run's output depth, most
+ * significant bit first (ceil(nWidth * bits / 8) bytes written, unused low
+ * bits of the last byte cleared). pSrcRow may equal pDstRow.
+ * -13 null record or buffer, no run, or the record's width or format changed
+ * since the run started; -789 size word. */
+OMBRIX_API int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t* pDstRow);
+/* Ends the run and frees its state (and any match table it built). A record
+ * without a run is left alone. -13 null record; -789 size word. */
+OMBRIX_API int32_t K_StopDithering(BITMAPRECORD* pBitmap);
+/* The calling thread's default dithering method, copied into nDitheringMethod
+ * by K_InitBitmap (0, DITHER_NEAREST, until set). */
+OMBRIX_API int32_t K_GetDefaultDithering(void);
+/* Sets the calling thread's default method (0..8) and returns the previous
+ * one; -13 (and no change) for any other value. */
+OMBRIX_API int32_t K_DefaultDithering(int32_t nMethod);
 /* @@pixels-dither@@ */
 
 /* ======================================================================
