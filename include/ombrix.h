@@ -1039,6 +1039,263 @@ OMBRIX_API int32_t K_DefaultDithering(int32_t nMethod);
 /* ======================================================================
  * Section: regions and rectangles
  * ====================================================================== */
+/* -- Win32-shaped region types ---------------------------------------- */
+#ifndef OMBRIX_HAVE_WIN32_TYPES
+typedef uint16_t WORD;
+typedef uint32_t DWORD;
+/* Header of a region-data block: dwSize 32, iType RDH_RECTANGLES, nCount
+ * rectangles of 16 bytes each follow the header. */
+typedef struct _RGNDATAHEADER {
+    DWORD dwSize;
+    DWORD iType;
+    DWORD nCount;
+    DWORD nRgnSize;
+    RECT  rcBound;
+} RGNDATAHEADER;
+typedef struct _RGNDATA {
+    RGNDATAHEADER rdh;
+    char Buffer[1];
+} RGNDATA;
+/* Affine transform: x' = eM11*x + eM21*y + eDx, y' = eM12*x + eM22*y + eDy. */
+typedef struct tagXFORM {
+    float eM11;
+    float eM12;
+    float eM21;
+    float eM22;
+    float eDx;
+    float eDy;
+} XFORM;
+#endif
+#ifndef RGN_AND
+#define RGN_AND  1
+#define RGN_OR   2
+#define RGN_XOR  3
+#define RGN_DIFF 4
+#define RGN_COPY 5
+#endif
+#ifndef NULLREGION
+#define RGN_ERROR     0   /* the Win32 name ERROR is not defined here */
+#define NULLREGION    1
+#define SIMPLEREGION  2
+#define COMPLEXREGION 3
+#endif
+#ifndef RDH_RECTANGLES
+#define RDH_RECTANGLES 1
+#endif
+#ifndef ALTERNATE
+#define ALTERNATE 1   /* even-odd */
+#define WINDING   2   /* non-zero winding */
+#endif
+
+/* -- the kernel's region ---------------------------------------------- */
+/* One row of an OrvaRgn: uCount x values (two per run, 0 for an empty row
+ * inside the region) starting uOffset bytes into the run data. */
+typedef struct ORVARGNROW_ {
+    uint32_t uCount;
+    uint32_t uOffset;
+} ORVARGNROW;
+/* An exact pixel set stored row by row as sorted runs [x1, x2). Rows run
+ * from rcBounds.top to rcBounds.bottom - 1, one ORVARGNROW each; runs in a
+ * row are sorted and neither overlap nor touch. rcBounds is all zero for an
+ * empty region. Costs 8 bytes per row plus 8 per run beyond this block. */
+typedef struct OrvaRgn_ {
+    HRGN        hCachedRgn;      /* a copy of the region as a handle, or null */
+    int32_t     nPlacement[7];   /* carried unchanged by every copy */
+    RECT        rcBounds;
+    uint32_t    uRowIndexSize;   /* bytes in pRowIndex (8 per row) */
+    ORVARGNROW* pRowIndex;
+    uint32_t    uRunDataSize;    /* bytes in pRunData (4 per x value) */
+    int32_t*    pRunData;
+} OrvaRgn;
+
+/* The tallest region the engine builds (rows between top and bottom). A
+ * result that would be taller is refused with KS_NO_MEMORY. */
+#define ORVARGN_MAX_ROWS 16777216
+
+/* Region operations. Each returns 1, -13 for a null argument, -1 when memory
+ * runs out (or the result would be taller than ORVARGN_MAX_ROWS). Functions
+ * that change a region do so in place: the OrvaRgn pointer keeps its
+ * identity and, on failure, its old contents. */
+/* *ppRgn = new region of the rectangle (empty when right <= left or bottom <= top). */
+OMBRIX_API int32_t K_CreateOrvaRgnRect(OrvaRgn** ppRgn, const RECT* pRect);
+/* *ppDst = copy of pSrc; a null pSrc gives *ppDst = null and 1. */
+OMBRIX_API int32_t K_CopyOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc);
+/* Frees the region, its rows, runs and cached handle. */
+OMBRIX_API int32_t K_DeleteOrvaRgn(OrvaRgn* pRgn);
+/* Moves the region by (dx, dy) in place; -13 when it would leave the 32-bit range. */
+OMBRIX_API int32_t K_OffsetOrvaRgn(OrvaRgn* pRgn, int32_t dx, int32_t dy);
+/* *ppDst = pSrc1 <op> pSrc2 with op one of RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF
+ * (pSrc1 minus pSrc2), RGN_COPY (pSrc2 may be null then). *ppDst may be one
+ * of the sources: it is replaced in place. A null *ppDst receives a new region.
+ * Any other op: -13. */
+OMBRIX_API int32_t K_CombineOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc1, const OrvaRgn* pSrc2,
+                                    int32_t nOp);
+/* 1 when (x, y) is inside, else 0 (-13 for a null region); the run holding
+ * the point is stored in *pnX1, *pnX2 (-1, -1 outside); both may be null. */
+OMBRIX_API int32_t K_IsPtInOrvaRgn(const OrvaRgn* pRgn, int32_t x, int32_t y, int32_t* pnX1,
+                                   int32_t* pnX2);
+OMBRIX_API int32_t K_GetOrvaRgnBounds(const OrvaRgn* pRgn, RECT* pRect);
+/* Keeps only the part inside the rectangle (in place). */
+OMBRIX_API int32_t K_ClipOrvaRgnRect(OrvaRgn* pRgn, const RECT* pRect);
+/* Scales in place by xNum/xDen and yNum/yDen (nearest-neighbour rule: a
+ * result pixel (X, Y) is in when source pixel (floor(X*xDen/xNum),
+ * floor(Y*yDen/yNum)) is). Denominators must be > 0 and numerators >= 0 (0
+ * empties the region), else -13; a result outside 32 bits: -13. */
+OMBRIX_API int32_t K_ScaleOrvaRgn(OrvaRgn* pRgn, int32_t nXNum, int32_t nXDen, int32_t nYNum,
+                                  int32_t nYDen);
+/* Scan-converts closed figures into *ppRgn. pFlags (optional, one byte per
+ * point): 0 starts a new figure at that point. Each figure is closed back to
+ * its first point. A pixel is inside when its centre (x + 0.5, y + 0.5) is
+ * inside the outline; edges are half-open (a centre exactly on a left edge
+ * is in, on a right edge out; horizontal edges add nothing). nFillMode
+ * WINDING (2) fills by the non-zero winding rule, anything else (0,
+ * ALTERNATE) by the even-odd rule. Fewer than 2 points: empty region. */
+OMBRIX_API int32_t K_SegmentsToRegion(OrvaRgn** ppRgn, const POINT* pPoints, const uint8_t* pFlags,
+                                      int32_t nCount, int32_t nFillMode);
+/* *ppRgn = a copy of the region behind hRgn; errno 22 and -13 for a bad handle. */
+OMBRIX_API int32_t K_ConvertHandleToRgn(HRGN hRgn, OrvaRgn** ppRgn);
+/* *phRgn = CreateRectRgn(left, top, right, bottom); -1 when it fails. */
+OMBRIX_API int32_t K_WinCreateRectRgn(HRGN* phRgn, int32_t nLeft, int32_t nTop, int32_t nRight,
+                                      int32_t nBottom);
+/* DeleteObject(hObject): 1 freed, 0 (errno 22) for a bad handle. */
+OMBRIX_API int32_t K_WinDeleteObject(HGDIOBJ hObject);
+
+/* -- emulated Win32 region functions (Win32 results; errno 22 and 0 on a
+ *    bad handle) ------------------------------------------------------- */
+OMBRIX_API HRGN    CreateRectRgn(int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom);
+OMBRIX_API HRGN    CreateEllipticRgn(int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom);
+OMBRIX_API HRGN    CreatePolygonRgn(const POINT* pPoints, int32_t nCount, int32_t nFillMode);
+/* Region from a data block; 0 unless nBytes >= 33, nBytes >= 16*(nCount+2),
+ * dwSize 32, iType 1. Unordered rectangles are sorted by top, then left;
+ * overlapping rectangles give their union; empty ones are skipped. */
+OMBRIX_API HRGN    ExtCreateRegion(const XFORM* pXform, uint32_t nBytes, const RGNDATA* pData);
+/* 0 error, NULLREGION, SIMPLEREGION or COMPLEXREGION. */
+OMBRIX_API int32_t CombineRgn(HRGN hDst, HRGN hSrc1, HRGN hSrc2, int32_t nMode);
+OMBRIX_API int32_t OffsetRgn(HRGN hRgn, int32_t dx, int32_t dy);
+OMBRIX_API int32_t GetRgnBox(HRGN hRgn, RECT* pRect);
+/* Bytes needed (32 + 16 per rectangle); writes only when pData is large enough. */
+OMBRIX_API uint32_t GetRegionData(HRGN hRgn, uint32_t nBytes, RGNDATA* pData);
+OMBRIX_API BOOL    PtInRegion(HRGN hRgn, int32_t x, int32_t y);
+OMBRIX_API BOOL    SetRectRgn(HRGN hRgn, int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom);
+/* Frees a region (kind 4) or palette (kind 1) handle and its payload. */
+OMBRIX_API BOOL    DeleteObject(HGDIOBJ hObject);
+/* For a palette handle and nBytes >= 2: stores the entry count as a WORD and returns 2. */
+OMBRIX_API int32_t GetObject(HGDIOBJ hObject, int32_t nBytes, void* pOut);
+
+/* -- rectangles (right and bottom exclusive) ---------------------------- */
+OMBRIX_API BOOL SetRect(RECT* pRect, int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom);
+OMBRIX_API BOOL SetRectEmpty(RECT* pRect);
+OMBRIX_API BOOL IsRectEmpty(const RECT* pRect);
+OMBRIX_API BOOL PtInRect(const RECT* pRect, POINT pt);
+/* Empty result (all zero) and 0 when the two do not overlap. */
+OMBRIX_API BOOL IntersectRect(RECT* pDst, const RECT* pSrc1, const RECT* pSrc2);
+OMBRIX_API BOOL InflateRect(RECT* pRect, int32_t dx, int32_t dy);
+OMBRIX_API BOOL CopyRect(RECT* pDst, const RECT* pSrc);
+/* Bounding rectangle of the two; empty inputs are ignored. */
+OMBRIX_API BOOL UnionRect(RECT* pDst, const RECT* pSrc1, const RECT* pSrc2);
+OMBRIX_API BOOL OffsetRect(RECT* pRect, int32_t dx, int32_t dy);
+OMBRIX_API BOOL EqualRect(const RECT* pRect1, const RECT* pRect2);
+
+/* -- view perspective arithmetic ---------------------------------------- */
+/* What turns pixels stored in nFrom into nTo: flip rows when *pbFlip, then
+ * turn by *pnAngle degrees (0, 90, 180, 270). */
+OMBRIX_API int32_t K_GetChangeViewPerspectiveParams(int32_t nFrom, int32_t nTo, int32_t* pbFlip,
+                                                    int32_t* pnAngle);
+/* Converts a rectangle of an nWidth x nHeight image (as seen in nFrom) into nTo, in place. */
+OMBRIX_API int32_t K_ChangeRectViewPerspective(int32_t nFrom, int32_t nWidth, int32_t nHeight, int32_t nTo,
+                                               RECT* pRect);
+/* Same for one pixel position. */
+OMBRIX_API int32_t K_ChangePointViewPerspective(int32_t nFrom, int32_t nWidth, int32_t nHeight, int32_t nTo,
+                                                int32_t* pnX, int32_t* pnY);
+OMBRIX_API int32_t K_RectToBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, RECT* pRect);
+OMBRIX_API int32_t K_RectFromBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, RECT* pRect);
+OMBRIX_API int32_t K_PointToBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, int32_t* pnX,
+                                   int32_t* pnY);
+OMBRIX_API int32_t K_PointFromBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, int32_t* pnX,
+                                     int32_t* pnY);
+
+/* -- bitmap regions ------------------------------------------------------ */
+/* Region combine modes of the bitmap setters. */
+#define RGN_SET_AND        0u  /* current AND new */
+#define RGN_SET_REPLACE    1u  /* new */
+#define RGN_SET_NEW_MINUS_CUR 2u /* new minus current */
+#define RGN_SET_CUR_MINUS_NEW 3u /* current minus new */
+#define RGN_SET_OR         4u  /* current OR new */
+#define RGN_SET_XOR        5u  /* current XOR new */
+#define RGN_SET_NOT        6u  /* bitmap rectangle minus new */
+
+/* Where the caller's coordinates are: in view perspective nViewPerspective,
+ * scaled by num/den and moved by the offsets. Null means the bitmap's own
+ * pixels. Setters map in: offset, then scale, then change perspective.
+ * Getters map out: change perspective, scale, add the offsets. */
+typedef struct RGNXFORM_ {
+    int32_t nViewPerspective;  /* 1..8 */
+    int32_t nXScalarNum;
+    int32_t nXScalarDen;       /* > 0 */
+    int32_t nYScalarNum;
+    int32_t nYScalarDen;       /* > 0 */
+    int32_t nXOffset;
+    int32_t nYOffset;
+} RGNXFORM;
+
+/* The core setter: takes ownership of pRgn (freed also on failure). A null
+ * pRgn removes the bitmap's region. -2 null bitmap, -789 size word, -13 bad
+ * mode or transform, -1 memory. */
+OMBRIX_API int32_t K_SetBitmapRgn(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, OrvaRgn* pRgn,
+                                  uint32_t uCombineMode);
+OMBRIX_API int32_t K_SetBitmapRgnRect(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, const RECT* pRect,
+                                      uint32_t uCombineMode);
+OMBRIX_API int32_t K_SetBitmapRgnEllipse(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, const RECT* pRect,
+                                         uint32_t uCombineMode);
+OMBRIX_API int32_t K_SetBitmapRgnPolygon(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm,
+                                         const POINT* pPoints, uint32_t uCount, uint32_t uFillMode,
+                                         uint32_t uCombineMode);
+OMBRIX_API int32_t K_SetBitmapRgnHandle(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, HRGN hRgn,
+                                        uint32_t uCombineMode);
+OMBRIX_API int32_t K_SetBitmapRgnData(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, int32_t nSize,
+                                      const RGNDATA* pData, uint32_t uCombineMode);
+/* The white pixels of the mask (see docs/regions.md for masks that are not
+ * 1-bit grey: a pixel counts as white when its grey level is >= 128). */
+OMBRIX_API int32_t K_SetBitmapRgnFromMask(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm,
+                                          const BITMAPRECORD* pMask, uint32_t uCombineMode);
+/* The pixels of pBitmap whose colour is exactly uColor (0x00BBGGRR; for a
+ * palette bitmap, the pixels whose palette entry has that colour). */
+OMBRIX_API int32_t K_SetBitmapRgnColor(BITMAPRECORD* pBitmap, uint32_t uColor, uint32_t uCombineMode);
+
+OMBRIX_API int32_t K_BitmapHasRgn(const BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_FreeBitmapRgn(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_GetBitmapRgnBounds(const BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, RECT* pRect);
+OMBRIX_API int32_t K_GetBitmapRgnArea(const BITMAPRECORD* pBitmap, uint64_t* puArea);
+OMBRIX_API int32_t K_IsPtInBitmapRgn(const BITMAPRECORD* pBitmap, int32_t nRow, int32_t nCol);
+OMBRIX_API int32_t K_GetBitmapClipSegmentsMax(const BITMAPRECORD* pBitmap, uint32_t* puMax);
+/* Copies row nRow's x values (pairs x1, x2, x2 exclusive) into pSegments,
+ * which must hold K_GetBitmapClipSegmentsMax values, and stores their count. */
+OMBRIX_API int32_t K_GetBitmapClipSegments(const BITMAPRECORD* pBitmap, int32_t nRow, int32_t* pSegments,
+                                           uint32_t* puCount);
+OMBRIX_API int32_t K_OffsetBitmapRgn(BITMAPRECORD* pBitmap, int32_t nRowOffset, int32_t nColOffset);
+OMBRIX_API int32_t K_SizeBitmapRgn(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight);
+OMBRIX_API int32_t K_FlipBitmapRgn(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_ReverseBitmapRgn(BITMAPRECORD* pBitmap);
+/* *phRgn = a new handle of the region mapped out (the whole bitmap without region). */
+OMBRIX_API int32_t K_GetBitmapRgnHandle(const BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, HRGN* phRgn);
+/* nSize 0: bytes needed; else what GetRegionData returns for the mapped
+ * region. 0 without region. */
+OMBRIX_API int32_t K_GetBitmapRgnData(const BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, int32_t nSize,
+                                      RGNDATA* pData);
+OMBRIX_API int32_t K_CreateMaskFromBitmapRgn(const BITMAPRECORD* pBitmap, BITMAPRECORD* pMask,
+                                             uint32_t uStructSize);
+OMBRIX_API int32_t K_CopyBitmapRgn(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, int32_t dx, int32_t dy);
+
+/* -- filling through the region ----------------------------------------- */
+/* Fills the pixels inside the bitmap's region (all pixels without one) with
+ * uColor (0x00BBGGRR, the nearest palette entry for palette bitmaps; 32 and
+ * 64-bit pixels get an opaque fourth sample). -1927 for floating data. */
+OMBRIX_API int32_t K_FillBitmap(BITMAPRECORD* pBitmap, uint32_t uColor);
+/* Same with a raw pixel value in the bitmap's own format (the low
+ * nBitsPerPixel bits, samples in stored order, 16-bit samples little-endian). */
+OMBRIX_API int32_t K_FillBitmap2(BITMAPRECORD* pBitmap, uint64_t uRawPixel);
+/* K_FillBitmap2 with 0. */
+OMBRIX_API int32_t K_ClearBitmap(BITMAPRECORD* pBitmap);
 /* @@regions@@ */
 
 /* ======================================================================
