@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ombrix.h"
+#include "krn/common/settings.h"
 
 namespace storagetest {
 
@@ -55,7 +56,14 @@ struct CapGuard {
     }
     ~CapGuard() {
         K_ManageMemory(MANAGEMEMORY_SET_CAP, cap, nullptr);
-        K_SetMemoryThresholds(t[0], t[1], t[2], t[3], t[4], 31);
+        // Directly: the default largest image (0x7FFFFFFF) is not a value the setter takes.
+        krn::ThreadSettings& ts = krn::settings();
+        ts.nMemKeepFree = t[0];
+        ts.nMemLargestImage = t[1];
+        ts.nMemTileSize = t[2];
+        ts.nMemFourth = t[3];
+        ts.nMemFifth = t[4];
+        K_SetGlobalMemoryThresholds(nullptr);
     }
 };
 

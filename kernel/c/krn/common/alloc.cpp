@@ -91,7 +91,7 @@ int32_t singleBlock(BITMAPRECORD* bm, uint64_t size) noexcept {
     bm->hMemory = h;
     bm->pData = nullptr;
     bm->uDataOffset = 0;
-    bm->uFlags |= BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_MOVABLE_BLOCK;
+    bm->uFlags |= BRF_ALLOCATED | BRF_CONVENTIONAL;
     return KS_SUCCESS;
 }
 
@@ -119,7 +119,8 @@ int32_t disk(BITMAPRECORD* bm) noexcept {
 // Type adjustments of the decision; 0 when the type is not accepted.
 uint32_t adjustType(const BITMAPRECORD* bm, uint32_t t) noexcept {
     if (t & MEMTYPE_USER) {
-        t &= ~(MEMTYPE_NO_TILES | MEMTYPE_NO_DISK);
+        // Caller memory combines with nothing: 3, 6, 10, 258 ... are refused.
+        return t == MEMTYPE_USER ? t : 0;
     } else if (!fileDiskAllowed()) {
         t = (t & ~MEMTYPE_NO_CONVENTIONAL) | MEMTYPE_NO_DISK;
     }
@@ -320,7 +321,7 @@ int32_t changeStorageHeight(BITMAPRECORD* bm, int32_t newHeight) noexcept {
     if (f & BRF_SUPERCOMPRESSED) return superSetHeight(bm, newHeight);
     if (f & BRF_TILED) return tilesSetHeight(bm, newHeight);
     if (f & BRF_DISK) return diskSetHeight(bm, newHeight);
-    if (!bm->hMemory || !(f & BRF_MOVABLE_BLOCK)) return KS_INVALID_PARAMETER;
+    if (!bm->hMemory || (f & BRF_USER_MEMORY)) return KS_INVALID_PARAMETER;
     const uint64_t oldSize = dataSize(bm);
     const uint64_t size = uint64_t(bm->nBytesPerLine) * uint64_t(uint32_t(newHeight));
     if (size > oldSize) {
@@ -430,8 +431,8 @@ KAPI int32_t K_AccessBitmap(BITMAPRECORD* pBitmap) {
         }
     }
     const uint32_t f = bm->uFlags;
-    if (isCompressedKind(f) || (f & BRF_TILED) || !(f & BRF_CONVENTIONAL) || (f & BRF_LOCKED) ||
-        !(f & BRF_MOVABLE_BLOCK))
+    if (isCompressedKind(f) || (f & (BRF_TILED | BRF_DISK | BRF_LOCKED)) || !(f & BRF_CONVENTIONAL) ||
+        ((f & BRF_USER_MEMORY) && !(f & BRF_MOVABLE_BLOCK)) || !bm->hMemory)
         return KS_SUCCESS;
     auto* base = static_cast<uint8_t*>(globalLock(bm->hMemory));
     if (!base) {

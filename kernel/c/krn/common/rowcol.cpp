@@ -51,7 +51,7 @@ public:
         const uint32_t f = bm->uFlags;
         if (f & BRF_LOCKED) {
             base_ = bm->pData;
-        } else if ((f & BRF_MOVABLE_BLOCK) && bm->hMemory) {
+        } else if (bm->hMemory && (!(f & BRF_USER_MEMORY) || (f & BRF_MOVABLE_BLOCK))) {
             auto* b = static_cast<uint8_t*>(globalLock(bm->hMemory));
             if (b) {
                 handle_ = bm->hMemory;

@@ -6,7 +6,8 @@
 //   0 RAW   the row's pixel bytes as they are
 //   1 ZERO  nothing follows: every pixel is 0 (a row never written is ZERO
 //           and takes no memory at all)
-//   2 RUNS  (1 bit) alternating run lengths, 0-run first, as LEB128 varints
+//   2 RUNS  (1 bit) alternating run lengths, 0-run first, exp-Golomb coded in
+//           blocks of 64 runs, each block with its own order k (3 bits)
 //   3 RICE  (8 and 24 bits) left-neighbour residuals, Rice-coded in blocks
 //
 // RICE: for 8 bits the residual of pixel i is p[i] - p[i-1] (p[-1] = 0); for
@@ -213,62 +214,106 @@ bool decodePlane(BitReader& r, uint8_t* v, size_t n) noexcept {
     return true;
 }
 
-size_t putVarint(uint8_t* out, uint64_t v) noexcept {
-    size_t n = 0;
-    while (v >= 0x80) {
-        out[n++] = uint8_t(v | 0x80);
-        v >>= 7;
+// First pixel at or after x whose bit differs from val (width if none).
+uint32_t nextTransition(const uint8_t* src, size_t rawBytes, uint32_t x, uint32_t width, int val) noexcept {
+    while (x < width) {
+        const size_t byte = x >> 3;
+        const unsigned bit = x & 7;
+        uint64_t w;
+        if (byte + 8 <= rawBytes) {
+            std::memcpy(&w, src + byte, 8);
+            w = __builtin_bswap64(w);
+        } else {
+            w = 0;
+            for (size_t i = 0; i < 8; ++i) w = (w << 8) | (byte + i < rawBytes ? src[byte + i] : 0);
+        }
+        w <<= bit;
+        if (val) w = ~w;
+        const unsigned avail = 64 - bit;
+        if (w) {
+            unsigned lz = unsigned(std::countl_zero(w));
+            if (lz < avail) return std::min<uint32_t>(x + lz, width);
+        }
+        x += avail;
     }
-    out[n++] = uint8_t(v);
-    return n;
+    return width;
 }
 
-// 1-bit rows: runs of the `width` pixels; 0 when larger than `limit`.
+inline unsigned egBits(uint32_t v, unsigned k) noexcept {
+    const uint64_t u = (uint64_t(v) >> k) + 1;
+    return 2 * unsigned(std::bit_width(u)) - 1 + k;
+}
+void putExpGolomb(BitWriter& w, uint32_t v, unsigned k) noexcept {
+    const uint64_t u = (uint64_t(v) >> k) + 1;
+    const unsigned n = unsigned(std::bit_width(u));
+    if (n > 1) w.put(0, n - 1);
+    w.put(1, 1);
+    if (n > 1) w.put(uint32_t(u & ((uint64_t(1) << (n - 1)) - 1)), n - 1);
+    if (k) w.put(v & ((1u << k) - 1), k);
+}
+
+constexpr unsigned kRunBlock = 64;
+
+// 1-bit rows: the runs of the `width` pixels (0-run first), in blocks of 64
+// runs, each block a 3-bit exp-Golomb order then the codes. 0 when the
+// result would pass `limit` bytes.
 size_t encodeRuns(const uint8_t* src, uint32_t width, uint8_t* out, size_t limit) noexcept {
-    size_t pos = 0;
+    const size_t rawBytes = (size_t(width) + 7) / 8;
+    BitWriter w{out};
+    uint32_t runs[kRunBlock];
     uint32_t x = 0;
     int val = 0;
     while (x < width) {
-        // Length of the run of `val` starting at x.
-        uint32_t start = x;
-        while (x < width) {
-            if ((x & 7) == 0 && x + 8 <= width) {
-                const uint8_t full = val ? 0xFF : 0x00;
-                if (src[x >> 3] == full) {
-                    x += 8;
-                    continue;
-                }
-            }
-            if (((src[x >> 3] >> (7 - (x & 7))) & 1) != val) break;
-            ++x;
+        unsigned n = 0;
+        while (n < kRunBlock && x < width) {
+            uint32_t next = nextTransition(src, rawBytes, x, width, val);
+            runs[n++] = next - x;
+            x = next;
+            val ^= 1;
         }
-        pos += putVarint(out + pos, x - start);
-        if (pos > limit) return 0;
-        val ^= 1;
+        uint64_t sum = 0;
+        for (unsigned i = 0; i < n; ++i) sum += runs[i];
+        const uint64_t mean = sum / n;
+        const int est = mean ? int(std::bit_width(mean)) - 2 : 0;
+        unsigned bestK = 0, best = ~0u;
+        for (unsigned k = unsigned(std::clamp(est - 1, 0, 7)); k <= unsigned(std::clamp(est + 1, 0, 7)); ++k) {
+            unsigned c = 0;
+            for (unsigned i = 0; i < n; ++i) c += egBits(runs[i], k);
+            if (c < best) {
+                best = c;
+                bestK = k;
+            }
+        }
+        w.put(bestK, 3);
+        for (unsigned i = 0; i < n; ++i) putExpGolomb(w, runs[i], bestK);
+        if (w.pos > limit) return 0;
     }
-    return pos;
+    const size_t n = w.finish();
+    return n <= limit ? n : 0;
 }
 
 bool decodeRuns(const uint8_t* in, size_t size, uint32_t width, uint8_t* dst) noexcept {
-    size_t pos = 0;
+    BitReader r{in, size};
     uint64_t x = 0;
     int val = 0;
     while (x < width) {
-        uint64_t v = 0;
-        unsigned shift = 0;
-        for (;;) {
-            if (pos >= size || shift > 35) return false;
-            uint8_t b = in[pos++];
-            v |= uint64_t(b & 0x7F) << shift;
-            shift += 7;
-            if (!(b & 0x80)) break;
+        const unsigned k = r.take(3);
+        for (unsigned i = 0; i < kRunBlock && x < width; ++i) {
+            if (r.n < 40) r.refill();
+            unsigned z = r.acc ? unsigned(std::countr_zero(r.acc)) : 64;
+            if (z > 32) return false;
+            r.acc >>= z + 1;
+            r.n -= z + 1;
+            r.consumed += z + 1;
+            uint64_t u = (uint64_t(1) << z) | (z ? r.take(z) : 0);
+            uint64_t v = ((u - 1) << k) | (k ? r.take(k) : 0);
+            if (r.overrun() || v > width - x) return false;
+            if (val) setBitRange(dst, x, v);
+            x += v;
+            val ^= 1;
         }
-        if (v > width - x) return false;
-        if (val) setBitRange(dst, x, v);
-        x += v;
-        val ^= 1;
     }
-    return pos == size;
+    return !r.overrun() && (r.consumed + 7) / 8 == size;
 }
 
 }  // namespace

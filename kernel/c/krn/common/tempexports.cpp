@@ -1,5 +1,6 @@
 // tempexports.cpp - exported temporary-folder, temporary-name and
 // temporary-file functions, and the built-in temporary-file table.
+#include <cstdio>
 #include <cstring>
 #include <cwchar>
 #include <mutex>
