@@ -258,11 +258,15 @@ int32_t clampX(int64_t p) noexcept {
 template <class Edge>
 int32_t scanEdges(kvector<Edge>& edges, bool winding, OrvaRgn** out) {
     if (edges.empty()) return create(out);
+    // Refuse a result that is too tall before any real work.
+    int64_t top = edges.front().rowTop(), bottom = top;
+    for (const Edge& e : edges) {
+        top = std::min(top, e.rowTop());
+        bottom = std::max(bottom, e.rowBottom());
+    }
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     std::sort(edges.begin(), edges.end(),
               [](const Edge& a, const Edge& b) { return a.rowTop() < b.rowTop(); });
-    int64_t top = edges.front().rowTop(), bottom = top;
-    for (const Edge& e : edges) bottom = std::max(bottom, e.rowBottom());
-    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     Builder bld;
     int32_t rc = bld.start(top, bottom, 0);
     if (rc != KS_SUCCESS) return rc;
@@ -722,6 +726,7 @@ int32_t ellipseOutline(const RECT& box, kvector<PointD>& pts) noexcept {
 }
 
 int32_t ellipse(const RECT& box, OrvaRgn** out) noexcept {
+    if (std::abs(int64_t(box.bottom) - box.top) > maxRows()) return KS_NO_MEMORY;  // before flattening
     return guarded([&]() -> int32_t {
         kvector<PointD> pts;
         int32_t rc = ellipseOutline(box, pts);
