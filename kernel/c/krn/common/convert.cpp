@@ -247,6 +247,27 @@ constexpr EncodeFn kEncoders[D_COUNT][2][2] = {
 #undef OMBRIX_ENC_C16
 #undef OMBRIX_ENC_A
 
+// 24/32-bit colour straight to 8-bit indices (no pivot): the colour-match
+// tree or the remembered nearest-colour answers do the work per pixel.
+template <int O, int Bpp>
+void colourToIndex8(uint8_t* buf, size_t w, Ctx& c) {
+    constexpr int R = O == ORDER_RGB ? 0 : 2, B = 2 - R;
+    for (size_t i = 0; i < w; ++i) {
+        const uint8_t* q = buf + Bpp * i;
+        buf[i] = uint8_t(searchIndex(c, q[R], q[1], q[B]));
+    }
+}
+using IndexFn = void (*)(uint8_t*, size_t, Ctx&);
+IndexFn pickIndex8(int sf) {
+    switch (sf) {
+        case S_C24_RGB: return colourToIndex8<ORDER_RGB, 3>;
+        case S_C24_BGR: return colourToIndex8<ORDER_BGR, 3>;
+        case S_C32_RGB: return colourToIndex8<ORDER_RGB, 4>;
+        case S_C32_BGR: return colourToIndex8<ORDER_BGR, 4>;
+        default: return nullptr;
+    }
+}
+
 }  // namespace
 }  // namespace conv
 
@@ -502,6 +523,7 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
         const int so = srcOrder == ORDER_ROMM ? ORDER_BGR : srcOrder;
         direct = pickDirect(DirectKey{srcBits, so, 0, ORDER_GRAY}, kSimdAvx2);
     }
+    IndexFn toIndex8 = (df == D_IDX8) ? pickIndex8(sf) : nullptr;
     if (direct) {
         direct(buffer, w);
     } else {
@@ -510,6 +532,9 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
             std::memset(cache.key, 0, sizeof cache.key);
             c.cache = &cache;
         }
+        if (toIndex8) {
+            toIndex8(buffer, w, c);
+        } else {
         const DecodeFn dec = kDecoders[sf];
         const EncodeFn enc = kEncoders[df][int(kind)][transparent ? 1 : 0];
         constexpr size_t kChunk = 256;
@@ -530,6 +555,7 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
                 dec(buffer, s, n, tmp, c);
                 enc(buffer, s, n, tmp, c);
             }
+        }
         }
     }
 
