@@ -370,7 +370,12 @@ TEST(ConvertKernels, SimdMatchesPlainAndGeneric) {
       for (int level : {krn::conv::kSimdSsse3, krn::conv::kSimdAvx2}) {
         auto simd = krn::conv::pickDirect({k.sb, k.so, k.db, k.dO}, level);
         ASSERT_NE(simd, nullptr);
-        for (int width = 1; width < 200; width += (width < 70 ? 1 : 13)) {
+        // Short runs with every tail length, and runs around the 4096-pixel
+        // limit where the widening kernels change strategy.
+        std::vector<int> widths;
+        for (int width = 1; width < 200; width += (width < 70 ? 1 : 13)) widths.push_back(width);
+        for (int width : {4095, 4096, 4097, 8200, 12289}) widths.push_back(width);
+        for (int width : widths) {
             size_t bytes = size_t(width) * size_t(std::max(k.sb, std::max(k.db, 8)) / 8) + kGuard;
             std::vector<uint8_t> a(bytes);
             for (auto& x : a) x = uint8_t(rng());
