@@ -385,6 +385,11 @@ TEST(ConvertKernels, SimdMatchesPlainAndGeneric) {
             size_t run = size_t(width) * size_t(std::max(k.db, 8) / 8);
             ASSERT_TRUE(std::equal(a.begin(), a.begin() + long(run), b.begin()))
                 << k.sb << "/" << k.so << "->" << k.db << "/" << k.dO << " w=" << width;
+            // Once more on a buffer of exactly the larger run (the address
+            // sanitizer catches a kernel that reads or writes past it).
+            std::vector<uint8_t> exact(orig.begin(), orig.end() - long(kGuard));
+            simd(exact.data(), size_t(width));
+            ASSERT_TRUE(std::equal(exact.begin(), exact.begin() + long(run), b.begin())) << "exact, w=" << width;
             for (size_t i = bytes - kGuard; i < bytes; ++i) ASSERT_EQ(a[i], orig[i]) << "guard, w=" << width;
             // The reference agrees with the plain kernel.
             convref::Request r;
