@@ -485,3 +485,23 @@ TEST(ConvertTree, FailedBuildLeaksNothing) {
     krn::freeColorMatchTree(t);
     EXPECT_EQ(krn::faultinject::liveBlocks(), before);
 }
+
+// Palette expansion to 24/32 bits on long runs (chunks of 4096 pixels from
+// the end) against the reference, on buffers of exactly the run's size.
+TEST(ConvertKernels, PaletteExpansionOnLongRuns) {
+    std::mt19937 rng(31);
+    for (int sb : {1, 2, 4, 8})
+        for (int db : {24, 32})
+            for (int dO : {ORDER_RGB, ORDER_BGR})
+                for (int width : {1, 7, 4095, 4096, 4097, 9001}) {
+                    std::vector<RGBQUAD> pal = randomPalette(rng, 1 << sb);
+                    convref::Request r;
+                    r.width = width, r.srcBits = sb, r.dstBits = db, r.srcOrder = ORDER_BGR, r.dstOrder = dO;
+                    r.srcPal = (width & 1) ? pal.data() : nullptr;
+                    std::vector<uint8_t> buf(convref::dstRunBytes(r));
+                    for (auto& x : buf) x = uint8_t(rng());
+                    auto want = convref::convert(r, buf);
+                    ASSERT_EQ(K_ConvertBuffer(buf.data(), width, sb, db, ORDER_BGR, dO, r.srcPal, nullptr), KS_SUCCESS);
+                    ASSERT_EQ(buf, want) << sb << " -> " << db << "/" << dO << " w=" << width;
+                }
+}
