@@ -505,3 +505,50 @@ TEST(ConvertKernels, PaletteExpansionOnLongRuns) {
                     ASSERT_EQ(buf, want) << sb << " -> " << db << "/" << dO << " w=" << width;
                 }
 }
+
+// The four entries hand their arguments to the one dispatcher: each gives
+// what the dispatcher gives for the arguments it implies (K_ConvertBuffer:
+// grey flags from the orders, no window; Ext: no extra pointer, no colour;
+// Ext2: the reserved argument ignored, no colour).
+TEST(ConvertMatrix, EntriesPassTheirArgumentsOn) {
+    std::mt19937 rng(77);
+    int converted = 0;
+    for (int k = 0; k < 3000; ++k) {
+        const int sb = kDepths[rng() % 15], db = kDepths[rng() % 15];
+        const int so = kOrders[rng() % 5], dO = kOrders[rng() % 5];
+        const int width = 1 + int(rng() % 40);
+        const uint32_t flags = rng() & 0x8F;
+        const int lo = int(rng() % 6) - 1, hi = int(rng() % 20) - 1;
+        const uint32_t cr = (rng() & 1) ? rng() : CONVERT_PALETTEINDEX(rng());
+        int dummy = 0;
+        void* extra = (rng() & 1) ? &dummy : nullptr;
+        std::vector<uint8_t> orig(size_t(width) * 8);
+        for (auto& x : orig) x = uint8_t(rng());
+        auto viaDispatcher = [&](void* ex, uint32_t fl, int l, int h, uint32_t c, std::vector<uint8_t>& out) {
+            out = orig;
+            return krn::convertBuffer(out.data(), width, sb, db, so, dO, nullptr, nullptr, ex, fl, l, h, c, nullptr);
+        };
+        std::vector<uint8_t> got, want;
+        const uint32_t greyFlags = (so == ORDER_GRAY ? CONVERT_SRCGRAY : 0u) | (dO == ORDER_GRAY ? CONVERT_DSTGRAY : 0u);
+        got = orig;
+        ASSERT_EQ(K_ConvertBuffer(got.data(), width, sb, db, so, dO, nullptr, nullptr),
+                  viaDispatcher(nullptr, greyFlags, -1, -1, 0, want));
+        ASSERT_EQ(got, want);
+        got = orig;
+        ASSERT_EQ(K_ConvertBufferExt(got.data(), width, sb, db, so, dO, nullptr, nullptr, flags, lo, hi),
+                  viaDispatcher(nullptr, flags, lo, hi, 0, want));
+        ASSERT_EQ(got, want);
+        got = orig;
+        ASSERT_EQ(K_ConvertBufferExt2(got.data(), width, sb, db, so, dO, nullptr, nullptr, extra, int32_t(rng()), flags,
+                                      lo, hi),
+                  viaDispatcher(extra, flags, lo, hi, 0, want));
+        ASSERT_EQ(got, want);
+        got = orig;
+        int st = K_ConvertBufferExt3(got.data(), width, sb, db, so, dO, nullptr, nullptr, extra, int32_t(rng()), flags,
+                                     lo, hi, cr);
+        ASSERT_EQ(st, viaDispatcher(extra, flags, lo, hi, cr, want));
+        ASSERT_EQ(got, want);
+        converted += st == KS_SUCCESS;
+    }
+    EXPECT_GT(converted, 300);
+}
