@@ -132,7 +132,6 @@ OMBRIX_SSSE3 void ssse3Swap24(uint8_t* p, size_t w) {
     plain24to24<true>(p, w - i);
 }
 
-
 // 24 -> 32, from the end: 16 pixels (48 bytes in, 64 out) per step.
 template <bool Swap>
 OMBRIX_SSSE3 void ssse3_24to32(uint8_t* buf, size_t w) {
@@ -526,9 +525,6 @@ template <int SrcBytes, int DstBytes, void (*Fwd)(const uint8_t*, uint8_t*, size
 void widenInPlace(uint8_t* buf, size_t w) {
     constexpr size_t kWhole = 4096, kSegment = 128;
     alignas(32) uint8_t tmp[kWhole * SrcBytes + 32];
-    // The destination bytes past the source are not in cache yet: ask for
-    // them (for writing) before the work starts.
-    for (size_t b = w * SrcBytes; b < w * DstBytes; b += 64) __builtin_prefetch(buf + b, 1, 3);
     if (w <= kWhole) {
         size_t copied = 0;
         for (size_t i = 0; i < w; i += kSegment) {
