@@ -523,7 +523,7 @@ OMBRIX_AVX2 void avx2_16to24_fwd(const uint8_t* src, uint8_t* dst, size_t n) {
 // place measured 2-3 times slower from memory than these forward walks.
 template <int SrcBytes, int DstBytes, void (*Fwd)(const uint8_t*, uint8_t*, size_t)>
 void widenInPlace(uint8_t* buf, size_t w) {
-    constexpr size_t kWhole = 4096, kSegment = 128;
+    constexpr size_t kWhole = 4096, kSegment = 512;
     alignas(32) uint8_t tmp[kWhole * SrcBytes + 32];
     if (w <= kWhole) {
         size_t copied = 0;
