@@ -406,10 +406,12 @@ OMBRIX_API uint32_t* K_CreateUserMatchTable(const RGBQUAD* pPalette, int32_t nCo
  * first; other threads must uninstall it themselves before it is freed. */
 OMBRIX_API int32_t K_FreeUserMatchTable(uint32_t* pTable);
 /* Installs a table (null removes it) for the calling thread and returns the
- * table installed before. The kernel never frees an installed table. */
-OMBRIX_API const uint32_t* K_SetUserMatchTable(const uint32_t* pTable);
+ * table installed before (the caller's own, so it comes back writable and
+ * can be passed to K_FreeUserMatchTable). The kernel never frees an
+ * installed table and never writes to one. */
+OMBRIX_API uint32_t* K_SetUserMatchTable(const uint32_t* pTable);
 /* The table installed for the calling thread, or null. */
-OMBRIX_API const uint32_t* K_GetUserMatchTable(void);
+OMBRIX_API uint32_t* K_GetUserMatchTable(void);
 
 /* Colour values: either an RGB colour 0x00BBGGRR (red in the low byte) or a
  * palette index with KCOLOR_INDEX_FLAG in the high byte. */
