@@ -363,14 +363,13 @@ OMBRIX_API const RGBQUAD* K_IntGetNetscapePalette(void);
  * K_GlobalAlloc; free it with K_GlobalFree. Null on failure. */
 OMBRIX_API RGBQUAD* K_CreateGrayPalette(int32_t nBitsPerPixel);
 /* Index of the palette entry nearest to (R, G, B); 0 for a null palette,
- * -1 for nColors <= 0 (the full rule is below). */
-OMBRIX_API int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, int32_t nRed,
-                                      int32_t nGreen, int32_t nBlue);
-/* Nearest entry: components outside 0..255 are clamped first. Black and
- * white targets look at the first and last entries first (black prefers
+ * -1 for nColors <= 0. Components outside 0..255 are clamped first. Black
+ * and white targets look at the first and last entries first (black prefers
  * entry 0, white the last entry); otherwise the smallest squared distance
  * wins, the earliest entry on a tie unless a later one shares the target's
  * hue class, and the first exact match ends the search. */
+OMBRIX_API int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, int32_t nRed,
+                                      int32_t nGreen, int32_t nBlue);
 
 /* Grey classification of nColors entries: 0 not grey, 1 ramp ascending from
  * black, 2 ramp descending from white, 3 grey but not an evenly stepped ramp.
