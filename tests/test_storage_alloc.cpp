@@ -325,13 +325,13 @@ TEST(StorageSettings, ThresholdsAndDefaults) {
     ASSERT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
     GLOBALMEMORYTHRESHOLDS r{GLOBALMEMORYTHRESHOLDS_SIZE, 0};
     ASSERT_EQ(K_GetGlobalMemoryThresholds(&r), KS_SUCCESS);
-    EXPECT_EQ(r.nLargestImage, 12345);
+    EXPECT_EQ(int64_t{r.nLargestImage}, 12345);
     g.nLargestImage = -2;
     EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_PARAMETER);
     g.nLargestImage = -1;
     EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
     K_GetGlobalMemoryThresholds(&r);
-    EXPECT_EQ(r.nLargestImage, 0);
+    EXPECT_EQ(int64_t{r.nLargestImage}, 0);
     g.uStructSize = 16;
     EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_STRUCT_SIZE);
     EXPECT_EQ(sizeof(GLOBALMEMORYTHRESHOLDS), 12u);
