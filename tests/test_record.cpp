@@ -1,23 +1,381 @@
 // test_record.cpp - the bitmap record: initialisation rules, creation, the
-// export frame, freeing, and allocation-failure sweeps.
+// export frame, freeing, caller memory, height changes, data callbacks and
+// allocation-failure sweeps.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <thread>
 #include <vector>
 
-#include "ombrix.h"
 #include "krn/common/memory.h"
+#include "krn/common/settings.h"
+#include "ombrix.h"
 
 namespace {
 
-TEST(RecordInit, EmptyRecordKeepsOnlyItsSize) {
+// Baseline for leak checks: the per-thread settings block is made on first use.
+long warmLiveBlocks() {
+    K_GetDefaultXResolution();
+    return krn::faultinject::liveBlocks();
+}
+
+BITMAPRECORD patterned(uint8_t byte) {
     BITMAPRECORD bm;
-    std::memset(&bm, 0xAB, sizeof bm);
-    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 0, 0, 0), KS_SUCCESS);
-    BITMAPRECORD zero;
-    std::memset(&zero, 0, sizeof zero);
-    zero.uStructSize = BITMAPRECORD_SIZE;
-    EXPECT_EQ(std::memcmp(&bm, &zero, sizeof bm), 0);
+    std::memset(&bm, byte, sizeof bm);
+    return bm;
+}
+
+TEST(RecordInit, EmptyRecordKeepsOnlyItsSize) {
+    for (uint32_t id : {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD}) {
+        BITMAPRECORD bm = patterned(0xAB);
+        ASSERT_EQ(K_InitBitmap(&bm, id, 0, 0, 0), KS_SUCCESS);
+        std::vector<uint8_t> expect(OMBRIX_RECORD_BYTES(id), 0);
+        std::memcpy(expect.data(), &id, sizeof id);
+        EXPECT_EQ(std::memcmp(&bm, expect.data(), expect.size()), 0) << id;
+    }
+}
+
+TEST(RecordInit, OlderLayoutNeverTouchesBytesPastItsEnd) {
+    BITMAPRECORD bm = patterned(0xCD);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE_OLD, 10, 10, 24), KS_SUCCESS);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&bm);
+    for (size_t i = OMBRIX_RECORD_BYTES_OLD; i < sizeof bm; ++i) ASSERT_EQ(bytes[i], 0xCD) << i;
+    EXPECT_EQ(bm.uSize, 10u * 32u);
+}
+
+TEST(RecordInit, RejectsBadArgumentsInFrameOrder) {
+    BITMAPRECORD bm;
+    EXPECT_EQ(K_InitBitmap(nullptr, BITMAPRECORD_SIZE, 1, 1, 1), KS_INVALID_PARAMETER);
+    for (uint32_t id : {0u, 175u, 177u, 215u, 217u, 1000u})
+        EXPECT_EQ(K_InitBitmap(&bm, id, 1, 1, 1), KS_INVALID_STRUCT_SIZE) << id;
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, -1, 1, 1), KS_INVALID_DIMENSIONS);
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 1, -1, 1), KS_INVALID_DIMENSIONS);
+    for (int bpp : {0, 9, 10, 11, 13, 14, 15, 17, 25, 33, 63, 65, -8})
+        EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 5, 5, bpp), KS_INVALID_BITS_PER_PIXEL) << bpp;
+    // A row whose bit count does not fit 32 bits is refused, never wrapped.
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 0x7FFFFFFF, 1, 64), KS_INVALID_DIMENSIONS);
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 0x08000000, 1, 32), KS_INVALID_DIMENSIONS);
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 0x07FFFFFF, 1, 32), KS_SUCCESS);
+}
+
+TEST(RecordInit, FieldsFollowTheDepth) {
+    struct Case {
+        int bpp, width;
+        uint32_t bpl;
+        int colors, order, high;
+    };
+    const Case cases[] = {{1, 1, 4, 2, ORDER_RGB, 0},      {1, 33, 8, 2, ORDER_RGB, 0},
+                          {4, 9, 8, 16, ORDER_RGB, 3},     {8, 5, 8, 256, ORDER_RGB, 7},
+                          {12, 3, 8, 0, ORDER_GRAY, 11},   {16, 3, 8, 0, ORDER_BGR, 15},
+                          {24, 3, 12, 0, ORDER_BGR, 7},    {24, 1, 4, 0, ORDER_BGR, 7},
+                          {32, 3, 12, 0, ORDER_BGR, -1},   {48, 3, 20, 0, ORDER_BGR, 15},
+                          {64, 3, 24, 0, ORDER_BGR, 15},   {7, 100, 88, 128, ORDER_RGB, 6}};
+    for (const Case& c : cases) {
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, c.width, 7, c.bpp), KS_SUCCESS);
+        EXPECT_EQ(bm.nBytesPerLine, c.bpl) << c.bpp;
+        EXPECT_EQ(bm.uSize64, uint64_t(c.bpl) * 7) << c.bpp;
+        EXPECT_EQ(bm.uSize, c.bpl * 7) << c.bpp;
+        EXPECT_EQ(bm.nColors, c.colors) << c.bpp;
+        EXPECT_EQ(bm.nOrder, c.order) << c.bpp;
+        EXPECT_EQ(bm.nHighBit, c.high) << c.bpp;
+        EXPECT_EQ(bm.nMaxBit, c.high) << c.bpp;
+        EXPECT_EQ(bm.nLowBit, 0);
+        EXPECT_EQ(bm.nViewPerspective, BOTTOM_LEFT);
+        EXPECT_EQ(bm.nLevel, 100);
+        EXPECT_EQ(bm.uFlags, 0u);
+    }
+}
+
+TEST(RecordInit, OlderLayoutSizeLimit) {
+    // 0x10000 x 0x10000 at 8 bits = 4 GiB: too big for the older layout only.
+    BITMAPRECORD bm;
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE_OLD, 0x10000, 0x10000, 8), KS_MEMORY_TOO_LOW);
+    EXPECT_EQ(bm.uSize, 0xFFFF0000u);
+    EXPECT_EQ(bm.nWidth, 0);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 0x10000, 0x10000, 8), KS_SUCCESS);
+    EXPECT_EQ(bm.uSize64, 0x100000000ull);
+    EXPECT_EQ(bm.uSize, 0u);
+    // Exactly at the limit is still fine for the older layout.
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE_OLD, 0x10000, 0xFFFF, 8), KS_SUCCESS);
+}
+
+TEST(RecordDefaults, ResolutionsArePerThread) {
+    const int32_t oldX = K_SetDefaultXResolution(300);
+    const int32_t oldY = K_SetDefaultYResolution(-5);
+    EXPECT_EQ(K_GetDefaultXResolution(), 300);
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 2, 2, 8), KS_SUCCESS);
+    EXPECT_EQ(bm.nXResolution, 300);
+    EXPECT_EQ(bm.nYResolution, 150);  // 0 or below means 150
+    int32_t other = 0;
+    std::thread([&] { other = K_GetDefaultXResolution(); }).join();
+    EXPECT_EQ(other, 150);
+    EXPECT_EQ(K_SetDefaultXResolution(oldX), 300);
+    K_SetDefaultYResolution(oldY);
+}
+
+TEST(RecordDefaults, FallbackBlockIsSharedAndStartsZero) {
+    krn::testhook::forceSettingsFallback(true);
+    const int32_t before = K_GetDefaultXResolution();
+    K_SetDefaultXResolution(77);
+    int32_t seen = 0;
+    std::thread([&] {
+        krn::testhook::forceSettingsFallback(true);
+        seen = K_GetDefaultXResolution();
+        krn::testhook::forceSettingsFallback(false);
+    }).join();
+    EXPECT_EQ(seen, 77);
+    K_SetDefaultXResolution(before);
+    krn::testhook::forceSettingsFallback(false);
+    EXPECT_EQ(krn::processSettings().nXResolution, before);
+}
+
+TEST(RecordCreate, PerspectiveOrderAndPalette) {
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 8, 8, 24, ORDER_RGB, nullptr, 0, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.nViewPerspective, TOP_LEFT);
+    EXPECT_EQ(bm.nOrder, ORDER_RGB);
+    EXPECT_EQ(bm.uFlags & 0xFFFFu & ~BRF_MOVABLE_BLOCK, BRF_ALLOCATED | BRF_CONVENTIONAL);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 8, 8, 24, ORDER_RGB, nullptr, 9, nullptr, 0),
+              KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 8, 8, 8, ORDER_ROMM, nullptr, 1, nullptr, 0),
+              KS_INVALID_BITS_PER_PIXEL);
+    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 8, 8, 16, 3, nullptr, 1, nullptr, 0),
+              KS_INVALID_PARAMETER);
+
+    // Bits 0: an 8-bit grey bitmap.
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 4, 4, 0, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.nBitsPerPixel, 8);
+    EXPECT_EQ(bm.nOrder, ORDER_RGB);
+    ASSERT_NE(bm.pPalette, nullptr);
+    for (int i = 0; i < 256; ++i) ASSERT_EQ(bm.pPalette[i].rgbGreen, i);
+    K_FreeBitmap(&bm);
+
+    // Grey order without a palette at 2 bits: a 4-level ramp.
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 4, 4, 2, ORDER_GRAY, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.nOrder, ORDER_RGB);
+    EXPECT_EQ(bm.pPalette[1].rgbRed, 85);
+    K_FreeBitmap(&bm);
+
+    // A caller palette is copied; the bitmap owns its copy.
+    RGBQUAD pal[16];
+    for (int i = 0; i < 16; ++i) pal[i] = RGBQUAD{uint8_t(i), uint8_t(2 * i), uint8_t(3 * i), 0};
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 4, 4, 4, ORDER_BGR, pal, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_NE(bm.pPalette, pal);
+    EXPECT_EQ(std::memcmp(bm.pPalette, pal, sizeof pal), 0);
+    K_FreeBitmap(&bm);
+
+    // No palette: the fixed palette of the depth (depth 1: black, white).
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 4, 4, 1, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.pPalette[0].rgbRed, 0);
+    EXPECT_EQ(bm.pPalette[1].rgbBlue, 255);
+    K_FreeBitmap(&bm);
+}
+
+TEST(RecordCreate, PixelsAreReachableThroughAccess) {
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 333, 77, 24, ORDER_BGR, nullptr, 1, nullptr, 0),
+              KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    ASSERT_NE(bm.pData, nullptr);
+    std::memset(bm.pData, 0x5A, bm.uSize64);  // ASan checks the whole block is ours
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);  // nested
+    uint8_t* p = bm.pData;
+    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(bm.pData, p);  // still valid until the last release
+    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(bm.pData, nullptr);
+    EXPECT_EQ(bm.uFlags & BRF_LOCKED, 0u);
+    EXPECT_EQ(K_ReleaseBitmap(nullptr), KS_NULL_POINTER);
+    K_FreeBitmap(&bm);
+}
+
+// Every allocation of K_CreateBitmap fails in turn: the call reports
+// KS_NO_MEMORY, the caller's record is byte for byte as before and nothing leaks.
+TEST(RecordCreate, AllocationFailureSweep) {
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    for (int bpp : {1, 8, 24}) {
+        for (const BITMAPDATACALLBACKS* callbacks : {static_cast<const BITMAPDATACALLBACKS*>(nullptr),
+                                                     static_cast<const BITMAPDATACALLBACKS*>(&cb)}) {
+            const long base = warmLiveBlocks();
+            int failures = 0;
+            for (long n = 0;; ++n) {
+                BITMAPRECORD bm = patterned(0x3C);
+                const BITMAPRECORD before = bm;
+                krn::faultinject::arm(n, 1);
+                int32_t rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 50, 20, bpp, ORDER_BGR,
+                                                         nullptr, 1, nullptr, 0, callbacks);
+                const long injected = krn::faultinject::injected();
+                krn::faultinject::disarm();
+                if (injected == 0) {
+                    ASSERT_EQ(rc, KS_SUCCESS);
+                    K_FreeBitmap(&bm);
+                    break;
+                }
+                ++failures;
+                EXPECT_EQ(rc, KS_NO_MEMORY) << "bpp " << bpp << " failure point " << n;
+                EXPECT_EQ(std::memcmp(&bm, &before, sizeof bm), 0) << "record changed at point " << n;
+                EXPECT_EQ(krn::faultinject::liveBlocks(), base) << "leak at point " << n;
+            }
+            EXPECT_GE(failures, bpp <= 8 ? 3 : 2);  // block + handle (+ palette) (+ callbacks)
+            EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+        }
+    }
+}
+
+TEST(RecordCreate, PersistentFailureLeavesNothing) {
+    const long base = warmLiveBlocks();
+    BITMAPRECORD bm = patterned(0x11);
+    krn::faultinject::arm(0, -1);
+    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 10, 8, ORDER_RGB, nullptr, 1, nullptr, 0),
+              KS_NO_MEMORY);
+    krn::faultinject::disarm();
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+TEST(RecordFree, IgnoresBadRecordsAndReleasesEverything) {
+    EXPECT_EQ(K_FreeBitmap(nullptr), KS_SUCCESS);
+    BITMAPRECORD bad = patterned(0);
+    bad.uStructSize = 100;
+    EXPECT_EQ(K_FreeBitmap(&bad), KS_SUCCESS);
+
+    const long base = warmLiveBlocks();
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 64, 64, 8, ORDER_RGB, nullptr, 1, nullptr, 0,
+                                          &cb),
+              KS_SUCCESS);
+    bm.pLUT = K_GlobalAlloc(GMEM_FIXED, 1024);
+    bm.pExtraData = K_GlobalAlloc(GMEM_FIXED, 16);
+    bm.uExtraDataSize = 16;
+    EXPECT_GT(krn::faultinject::liveBlocks(), base);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    EXPECT_EQ(bm.pPalette, nullptr);
+    EXPECT_EQ(bm.pLUT, nullptr);
+    EXPECT_EQ(bm.pExtraData, nullptr);
+    EXPECT_EQ(bm.uExtraDataSize, 0u);
+    EXPECT_EQ(bm.pCallbacks, nullptr);
+    K_FreeBitmap(&bm);  // freeing twice is harmless
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+int32_t keepStorage(BITMAPRECORD*, void* user) {
+    ++*static_cast<int*>(user);
+    return 2;
+}
+
+TEST(RecordFree, FreeCallbackCanOwnTheStorage) {
+    int calls = 0;
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    cb.pUserData = &calls;
+    cb.pfnFree = keepStorage;
+    std::vector<uint8_t> pixels(16 * 4);
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, MEMTYPE_USER, 16, 4, 8, ORDER_RGB, nullptr, 1,
+                                          pixels.data(), pixels.size(), &cb),
+              KS_SUCCESS);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(bm.uFlags & (BRF_ALLOCATED | BRF_USER_MEMORY | BRF_CONVENTIONAL), 0u);
+}
+
+TEST(RecordCallbacks, SizeWordAndLayoutChecked) {
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4, 4, 8), KS_SUCCESS);
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = 40;
+    EXPECT_EQ(K_SetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE);
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    cb.pUserData = &bm;
+    ASSERT_EQ(K_SetBitmapDataCallbacks(&bm, &cb), KS_SUCCESS);
+    BITMAPDATACALLBACKS out{};
+    out.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    ASSERT_EQ(K_GetBitmapDataCallbacks(&bm, &out), KS_SUCCESS);
+    EXPECT_EQ(out.pUserData, &bm);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(bm.pCallbacks, nullptr);
+    BITMAPRECORD old;
+    EXPECT_EQ(K_InitBitmapWithCallbacks(&old, BITMAPRECORD_SIZE_OLD, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE);
+}
+
+TEST(RecordDataPointer, FrameOrderAndAttach) {
+    std::vector<uint8_t> pixels(8 * 3);
+    BITMAPRECORD bm;
+    EXPECT_EQ(K_SetBitmapDataPointer(nullptr, pixels.data(), pixels.size()), KS_INVALID_BITMAP);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 2, 3, 24), KS_SUCCESS);  // 8 bytes per line
+    // The size check comes before the size-word check.
+    bm.uStructSize = 99;
+    EXPECT_EQ(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size() - 1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size()), KS_INVALID_STRUCT_SIZE);
+    bm.uStructSize = BITMAPRECORD_SIZE;
+    ASSERT_EQ(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size()), KS_SUCCESS);
+    EXPECT_EQ(bm.pData, pixels.data());
+    EXPECT_EQ(bm.uFlags & 0xFFFFu, BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_USER_MEMORY);
+    // Caller memory takes a larger buffer, never a smaller one.
+    std::vector<uint8_t> bigger(100);
+    EXPECT_EQ(K_SetBitmapDataPointer(&bm, bigger.data(), 10), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetBitmapDataPointer(&bm, bigger.data(), bigger.size()), KS_SUCCESS);
+    EXPECT_EQ(K_SetBitmapDataPointer(&bm, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.pData, nullptr);
+    K_FreeBitmap(&bm);
+}
+
+TEST(RecordDataPointer, ReplacesOwnedStorageWithoutLeaking) {
+    const long base = warmLiveBlocks();
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 4, 4, 32, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    std::vector<uint8_t> pixels(bm.uSize64);
+    ASSERT_EQ(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size()), KS_SUCCESS);
+    EXPECT_EQ(bm.hMemory, nullptr);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+TEST(RecordHeight, GrowAndShrinkKeepThePixels) {
+    BITMAPRECORD bm;
+    EXPECT_EQ(K_ChangeBitmapHeight(nullptr, 3), KS_INVALID_BITMAP);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 10, 10, 8), KS_SUCCESS);
+    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 3), KS_INVALID_BITMAP);  // not allocated
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 10, 8, ORDER_RGB, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    for (uint32_t i = 0; i < bm.uSize64; ++i) bm.pData[i] = uint8_t(i * 7);
+    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 20), KS_INVALID_PARAMETER);  // locked
+    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(K_ChangeBitmapHeight(&bm, -1), KS_INVALID_DIMENSIONS);
+    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 10), KS_SUCCESS);
+    ASSERT_EQ(K_ChangeBitmapHeight(&bm, 4000), KS_SUCCESS);
+    EXPECT_EQ(bm.nHeight, 4000);
+    EXPECT_EQ(bm.uSize64, 12u * 4000u);
+    ASSERT_EQ(K_ChangeBitmapHeight(&bm, 3), KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    for (uint32_t i = 0; i < bm.uSize64; ++i) ASSERT_EQ(bm.pData[i], uint8_t(i * 7));
+    K_ReleaseBitmap(&bm);
+    K_FreeBitmap(&bm);
+
+    std::vector<uint8_t> pixels(12 * 10);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_USER, 10, 10, 8, ORDER_RGB, nullptr, 1, pixels.data(),
+                             pixels.size()),
+              KS_SUCCESS);
+    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 5), KS_INVALID_PARAMETER);  // caller memory
+    K_FreeBitmap(&bm);
+}
+
+TEST(RecordHeight, FailedGrowthKeepsTheOldHeight) {
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 10, 8, ORDER_RGB, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    krn::faultinject::arm(0, -1);
+    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 50), KS_NO_MEMORY);
+    krn::faultinject::disarm();
+    EXPECT_EQ(bm.nHeight, 10);
+    EXPECT_EQ(bm.uSize64, 120u);
+    K_FreeBitmap(&bm);
 }
 
 }  // namespace

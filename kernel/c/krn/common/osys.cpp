@@ -27,7 +27,8 @@ int fdOf(void* h) noexcept {
 namespace krn {
 
 // Opens a UTF-8 name with the kernel's open modes; -1 and errno on failure.
-int osOpenUtf8(const char* name, uint32_t mode) noexcept {
+// New files get `perm` (less the umask).
+int osOpenUtf8(const char* name, uint32_t mode, unsigned perm) noexcept {
     int flags = O_CLOEXEC;
     switch (mode & REDIRECT_OPEN_READWRITE) {
         case REDIRECT_OPEN_READ: flags |= O_RDONLY; break;
@@ -41,7 +42,7 @@ int osOpenUtf8(const char* name, uint32_t mode) noexcept {
     if (mode & REDIRECT_OPEN_APPEND) flags |= O_APPEND;
     int fd;
     do {
-        fd = ::open(name, flags, 0600);
+        fd = ::open(name, flags, perm);
     } while (fd < 0 && errno == EINTR);
     if (fd >= 0 && (mode & REDIRECT_OPEN_TEMPORARY)) {
         // Delete-on-close: the name goes now, the data when the last
@@ -57,7 +58,7 @@ KAPI void* K_OsOpen(const wchar_t* name, uint32_t mode, uint32_t /*share*/, void
     if (!name) return OMBRIX_INVALID_FILE;
     krn::kvector<char> utf8;
     if (!krn::utf::wideToUtf8(name, utf8)) return OMBRIX_INVALID_FILE;  // malformed or no memory
-    int fd = krn::osOpenUtf8(utf8.data(), mode);
+    int fd = krn::osOpenUtf8(utf8.data(), mode, 0666);
     if (fd < 0) return OMBRIX_INVALID_FILE;
     if (fd == INT_MAX) {
         ::close(fd);

@@ -4,6 +4,7 @@
 #include "tempfile.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,7 +22,7 @@
 #include "wideutf8.h"
 
 namespace krn {
-int osOpenUtf8(const char* name, uint32_t mode) noexcept;  // osys.cpp
+int osOpenUtf8(const char* name, uint32_t mode, unsigned perm) noexcept;  // osys.cpp
 
 struct TempFile {
     int fd = -1;                // default file layer
@@ -120,7 +121,6 @@ int32_t tempDirectory(char* buf, size_t cap) noexcept {
     if (n + 1 > cap) return KS_BUFFER_TOO_SMALL;
     std::memcpy(buf, dir, n);
     buf[n] = '\0';
-    if (n == 1 && buf[0] == '/') buf[0] = '/';
     return KS_SUCCESS;
 }
 
@@ -133,7 +133,8 @@ static int32_t reserveName(char* out, size_t cap, const char* prefix, int* fdOut
     if (std::strcmp(dir, "/") == 0) dir[0] = '\0';
     for (int attempt = 0; attempt < 64; ++attempt) {
         if (!composeName(out, cap, dir, prefix, nextUnique())) return KS_BUFFER_TOO_SMALL;
-        int fd = osOpenUtf8(out, REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_EXCLUSIVE | mode);
+        int fd = osOpenUtf8(out, REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_EXCLUSIVE | mode,
+                            0600);
         if (fd >= 0) {
             *fdOut = fd;
             return KS_SUCCESS;
@@ -158,6 +159,10 @@ static int32_t tempCreateImpl(TempFile** out, const char* prefix, bool allowTabl
     // back here: those use the file layer directly.
     bool viaTable = allowTable && !redirectIsDefault(table) && t_createDepth == 0 && table.pfnOpen &&
                     table.pfnOpen != &K_RedirectedTempFileOpen;
+
+    // Mode 3: nothing of the kernel's may be kept on a disk of its own
+    // accord; a caller's redirect table decides for itself where data goes.
+    if (!viaTable && opt.nMode == TEMPFILE_MODE_NO_DISK) return KS_NOT_SUPPORTED;
 
     void* mem = memAlloc(sizeof(TempFile));
     if (!mem) return KS_NO_MEMORY;
@@ -224,6 +229,13 @@ int32_t tempCreateDirect(TempFile** out, const char* prefix) noexcept {
 
 bool tempIsRedirected(const TempFile* h) noexcept { return h && h->redirected; }
 
+// Positions a file that goes through a table (under its lock).
+static bool seekTo(TempFile* h, uint64_t offset) noexcept {
+    return h->table.pfnSeek &&
+           h->table.pfnSeek(h->native, int64_t(offset), REDIRECT_SEEK_SET, h->table.pSeekUserData) ==
+               int64_t(offset);
+}
+
 static bool overLimit(const TempFile* h, uint64_t offset, uint64_t n) noexcept {
     if (!h->limit) return false;
     return offset > h->limit || n > h->limit - offset;
@@ -236,9 +248,7 @@ int32_t tempWrite(TempFile* h, uint64_t offset, const void* buf, size_t n) noexc
     if (overLimit(h, offset, n)) return KS_FILE_WRITE;
     if (h->redirected) {
         std::lock_guard<std::mutex> g(h->lock);
-        if (!h->table.pfnSeek || h->table.pfnSeek(h->native, int64_t(offset), REDIRECT_SEEK_SET,
-                                                  h->table.pSeekUserData) != int64_t(offset))
-            return KS_FILE_SEEK;
+        if (!seekTo(h, offset)) return KS_FILE_SEEK;
         int64_t w = tableWriteAll(h->table, h->native, buf, n);
         return w == int64_t(n) ? KS_SUCCESS : KS_FILE_WRITE;
     }
@@ -261,9 +271,7 @@ int32_t tempRead(TempFile* h, uint64_t offset, void* buf, size_t n) noexcept {
     if (offset > uint64_t(INT64_MAX) || n > uint64_t(INT64_MAX) - offset) return KS_FILE_READ;
     if (h->redirected) {
         std::lock_guard<std::mutex> g(h->lock);
-        if (!h->table.pfnSeek || h->table.pfnSeek(h->native, int64_t(offset), REDIRECT_SEEK_SET,
-                                                  h->table.pSeekUserData) != int64_t(offset))
-            return KS_FILE_SEEK;
+        if (!seekTo(h, offset)) return KS_FILE_SEEK;
         int64_t r = tableReadAll(h->table, h->native, buf, n);
         return r == int64_t(n) ? KS_SUCCESS : KS_FILE_READ;
     }
@@ -306,10 +314,7 @@ int32_t tempSetSize(TempFile* h, uint64_t size) noexcept {
         if (cur < 0) return KS_FILE_SEEK;
         if (uint64_t(cur) == size) return KS_SUCCESS;
         if (uint64_t(cur) > size) return KS_FILE_WRITE;  // cannot cut through this table
-        if (!h->table.pfnSeek ||
-            h->table.pfnSeek(h->native, int64_t(size - 1), REDIRECT_SEEK_SET, h->table.pSeekUserData) !=
-                int64_t(size - 1))
-            return KS_FILE_SEEK;
+        if (!seekTo(h, size - 1)) return KS_FILE_SEEK;
         const char zero = 0;
         return tableWriteAll(h->table, h->native, &zero, 1) == 1 ? KS_SUCCESS : KS_FILE_WRITE;
     }
@@ -329,6 +334,48 @@ void tempClose(TempFile* h) noexcept {
     }
     h->~TempFile();
     memFree(h);
+}
+
+// ---------------------------------------------------------------- mapping
+int32_t tempMap(TempFile* h, uint64_t offset, size_t n, bool writable, TempMapping* out) noexcept {
+    if (!h || !out || n == 0) return KS_INVALID_PARAMETER;
+    *out = TempMapping{};
+    if (h->redirected) return KS_NOT_SUPPORTED;
+    if (offset > uint64_t(INT64_MAX) || n > uint64_t(INT64_MAX) - offset) return KS_INVALID_PARAMETER;
+    uint64_t end = offset + n;
+    if (writable) {
+        if (overLimit(h, offset, n)) return KS_FILE_WRITE;
+        // Reserve the blocks now: a store into a mapped page that the disk
+        // cannot back would otherwise kill the process with SIGBUS.
+        int e = ::posix_fallocate(h->fd, off_t(offset), off_t(n));
+        if (e == ENOSPC || e == EFBIG || e == EIO) return KS_FILE_WRITE;
+        if (e != 0) {
+            // No fallocate on this file system: at least make the range exist.
+            int64_t size = tempSize(h);
+            if (size < 0) return KS_FILE_WRITE;
+            if (uint64_t(size) < end && tempSetSize(h, end) != KS_SUCCESS) return KS_FILE_WRITE;
+        }
+    } else {
+        int64_t size = tempSize(h);
+        if (size < 0 || uint64_t(size) < end) return KS_FILE_READ;
+    }
+    static const uint64_t page = uint64_t(::sysconf(_SC_PAGESIZE));
+    uint64_t start = offset - offset % page;
+    uint64_t len = end - start;
+    if (len > SIZE_MAX) return KS_NO_MEMORY;
+    void* p = ::mmap(nullptr, size_t(len), PROT_READ | (writable ? PROT_WRITE : 0), MAP_SHARED, h->fd,
+                     off_t(start));
+    if (p == MAP_FAILED) return KS_NO_MEMORY;
+    out->base = p;
+    out->length = size_t(len);
+    out->data = static_cast<uint8_t*>(p) + (offset - start);
+    return KS_SUCCESS;
+}
+
+void tempUnmap(TempMapping* m) noexcept {
+    if (!m || !m->base) return;
+    ::munmap(m->base, m->length);
+    *m = TempMapping{};
 }
 
 // ---------------------------------------------------------------- positioned

@@ -18,7 +18,9 @@
 // serialised by a lock of their own.
 //
 //   tempCreate(&h)                    KS_SUCCESS, KS_FILE_OPEN (-14: folder missing,
-//                                     not writable, open failed), KS_NO_MEMORY
+//                                     not writable, open failed), KS_NO_MEMORY,
+//                                     KS_NOT_SUPPORTED (-16) in temporary-file mode 3
+//                                     unless a caller's redirect table is in force
 //   tempWrite(h, offset, buf, n)      KS_SUCCESS; KS_FILE_WRITE (-5) for any failure,
 //                                     including a short write (disk full, size limit);
 //                                     KS_FILE_SEEK (-4) when a redirect table cannot
@@ -36,14 +38,30 @@
 //   tempDiskAllowed()                 tempFileMode() != 3. Mode 3 means temporary files
 //                                     may not be kept on a physical disk: the storage
 //                                     family refuses disk bitmaps and file-backed tiles
-//                                     (tempCreate itself does not refuse)
+//                                     (and tempCreate refuses too, as a second guard,
+//                                     unless a caller's redirect table is in force)
 //   tempMaxFileBytes()                the per-file size limit from the temporary-file
-//                                     options (0: none); tempWrite / tempSetSize past it
-//                                     fail with KS_FILE_WRITE, as on a full disk
+//                                     options (0: none), taken by each file when it is
+//                                     created; tempWrite / tempSetSize past it fail with
+//                                     KS_FILE_WRITE, as on a full disk
 //   tempDirectory(buf, cap)           the calling thread's temporary folder as UTF-8
 //                                     (no trailing slash), KS_SUCCESS or
 //                                     KS_BUFFER_TOO_SMALL; cap of OMBRIX_TEMP_PATH_MAX
 //                                     always suffices
+//
+// Mapping (default file layer only): a window of the file in memory, for
+// storage that wants memcpy speed on a warm page cache.
+//   tempMap(h, offset, n, writable, &m)  KS_SUCCESS and m.data -> byte `offset`;
+//                                     KS_NOT_SUPPORTED (-16) for a file that goes
+//                                     through a redirect table; KS_FILE_WRITE when a
+//                                     writable window cannot be backed (disk full: the
+//                                     blocks are reserved with posix_fallocate first, so
+//                                     a later store cannot fault; or past the size
+//                                     limit); KS_FILE_READ for a read-only window past
+//                                     the end of the file; KS_NO_MEMORY when the
+//                                     address space is exhausted
+//   tempUnmap(&m)                     releases the window (stores are already in the
+//                                     file); an empty mapping is ignored
 //
 // Sizes and offsets are 64-bit; a single call may move any number of bytes
 // (larger transfers are split internally).
@@ -72,6 +90,14 @@ void tempClose(TempFile* h) noexcept;
 // True when the file goes through a caller's redirect table rather than the
 // default file layer (for diagnostics and tests).
 bool tempIsRedirected(const TempFile* h) noexcept;
+
+struct TempMapping {
+    uint8_t* data = nullptr;  // the requested offset
+    void* base = nullptr;     // page-aligned start (internal)
+    size_t length = 0;        // mapped bytes from base (internal)
+};
+int32_t tempMap(TempFile* h, uint64_t offset, size_t n, bool writable, TempMapping* out) noexcept;
+void tempUnmap(TempMapping* m) noexcept;
 
 int32_t tempFileMode() noexcept;
 bool tempDiskAllowed() noexcept;

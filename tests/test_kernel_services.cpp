@@ -1,0 +1,268 @@
+// test_kernel_services.cpp - global memory, the handle table, status
+// messages, progress callbacks and the allocator's fault hook.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "krn/common/memory.h"
+#include "krn/windowsemul/objects.h"
+#include "ombrix.h"
+
+namespace {
+
+std::wstring message(int32_t code, uint32_t chars = 1024, std::wstring* lib = nullptr) {
+    std::vector<wchar_t> buf(chars + 8, L'#');
+    std::vector<wchar_t> libBuf(chars + 8, L'#');
+    EXPECT_EQ(K_GetFriendlyErrorMessage(code, buf.data(), chars, lib ? libBuf.data() : nullptr), KS_SUCCESS);
+    if (lib) *lib = libBuf.data();
+    return buf.data();
+}
+
+TEST(GlobalMemory, FixedBlocksAreTheirOwnPointer) {
+    auto* p = static_cast<uint8_t*>(K_GlobalAlloc(GPTR, 100));
+    ASSERT_NE(p, nullptr);
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(p[i], 0);
+    EXPECT_EQ(K_GlobalLock(p), p);
+    EXPECT_EQ(K_GlobalSize(p), 100u);
+    std::memset(p, 7, 100);
+    auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(p, 100000, GMEM_ZEROINIT));
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(q[99], 7);
+    EXPECT_EQ(q[100], 0);
+    EXPECT_EQ(q[99999], 0);
+    EXPECT_EQ(K_GlobalSize(q), 100000u);
+    EXPECT_EQ(K_GlobalFree(q), nullptr);
+    // A stale or foreign pointer is refused, not freed.
+    errno = 0;
+    EXPECT_EQ(K_GlobalFree(q), q);
+    EXPECT_EQ(errno, EINVAL);
+    int local = 0;
+    EXPECT_EQ(K_GlobalFree(&local), &local);
+    EXPECT_EQ(K_GlobalFree(nullptr), nullptr);
+    EXPECT_EQ(K_GlobalSize(reinterpret_cast<HGLOBAL>(~uintptr_t(0))), 0u);
+}
+
+TEST(GlobalMemory, MovableBlocksLockAndRefuseToMoveWhileLocked) {
+    HGLOBAL h = K_GlobalAlloc(GHND, 64);
+    ASSERT_NE(h, nullptr);
+    auto* p = static_cast<uint8_t*>(K_GlobalLock(h));
+    ASSERT_NE(p, nullptr);
+    EXPECT_NE(static_cast<void*>(p), h);
+    p[63] = 9;
+    EXPECT_EQ(K_GlobalReAlloc(h, 1 << 20, GMEM_MOVEABLE), nullptr);  // locked
+    EXPECT_EQ(K_GlobalUnlock(h), 0);
+    HGLOBAL h2 = K_GlobalReAlloc(h, 1 << 20, GMEM_MOVEABLE);
+    EXPECT_EQ(h2, h);  // the handle survives a move
+    p = static_cast<uint8_t*>(K_GlobalLock(h));
+    EXPECT_EQ(p[63], 9);
+    K_GlobalUnlock(h);
+    // The data pointer of a movable block is not a handle.
+    EXPECT_EQ(K_GlobalFree(p), p);
+    EXPECT_EQ(K_GlobalFree(h), nullptr);
+    EXPECT_EQ(K_GlobalLock(h), nullptr);
+}
+
+TEST(GlobalMemory, ManyBlocksAcrossThreads) {
+    const long base = krn::faultinject::liveBlocks();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t] {
+            std::vector<HGLOBAL> blocks;
+            for (int i = 0; i < 2000; ++i) blocks.push_back(K_GlobalAlloc(i % 2 ? GHND : GPTR, 8 + i % 64));
+            for (size_t i = 0; i < blocks.size(); ++i) {
+                ASSERT_EQ(K_GlobalSize(blocks[i]), 8u + i % 64) << t;
+                ASSERT_EQ(K_GlobalFree(blocks[i]), nullptr);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+TEST(Handles, KindsAreCheckedWithoutDereferencing) {
+    int payload = 5;
+    OmbrixObject_* h = krn::objCreate(krn::kObjRegion, &payload);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(krn::objPayload(h, krn::kObjRegion), &payload);
+    EXPECT_EQ(krn::objPayload(h, krn::kObjPalette), nullptr);
+    EXPECT_EQ(krn::objKind(h), uint32_t(krn::kObjRegion));
+    EXPECT_EQ(krn::objKind(nullptr), 0u);
+    EXPECT_EQ(krn::objKind(reinterpret_cast<void*>(~uintptr_t(0))), 0u);
+    EXPECT_EQ(krn::objKind(reinterpret_cast<void*>(uintptr_t(0x1234))), 0u);
+    EXPECT_FALSE(krn::objDestroy(h, krn::kObjGlobalMemory));
+    EXPECT_TRUE(krn::objDestroy(h, krn::kObjRegion));
+    EXPECT_EQ(krn::objKind(h), 0u);
+    EXPECT_FALSE(krn::objDestroy(h, krn::kObjRegion));
+}
+
+TEST(Handles, FailedRegistrationFreesTheBlock) {
+    const long base = krn::faultinject::liveBlocks();
+    krn::faultinject::arm(0, 1);
+    EXPECT_EQ(K_GlobalAlloc(GMEM_MOVEABLE, 10), nullptr);
+    krn::faultinject::arm(1, 1);  // the data block succeeds, the handle fails
+    EXPECT_EQ(K_GlobalAlloc(GMEM_MOVEABLE, 10), nullptr);
+    krn::faultinject::disarm();
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+TEST(FaultHook, CountdownRepeatAndPersistence) {
+    krn::faultinject::arm(2, 2);
+    void* a = krn::memAlloc(1);
+    void* b = krn::memAlloc(1);
+    void* c = krn::memAlloc(1);
+    void* d = krn::memAlloc(1);
+    void* e = krn::memAlloc(1);
+    EXPECT_NE(a, nullptr);
+    EXPECT_NE(b, nullptr);
+    EXPECT_EQ(c, nullptr);
+    EXPECT_EQ(d, nullptr);
+    EXPECT_NE(e, nullptr);
+    EXPECT_EQ(krn::faultinject::injected(), 2);
+    krn::faultinject::arm(0, -1);
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(krn::memAlloc(1), nullptr);
+    krn::faultinject::disarm();
+    for (void* p : {a, b, e}) krn::memFree(p);
+    // A failed realloc keeps the old block.
+    void* r = krn::memAlloc(10);
+    krn::faultinject::arm(0, 1);
+    EXPECT_EQ(krn::memRealloc(r, 100), nullptr);
+    krn::faultinject::disarm();
+    krn::memFree(r);
+}
+
+TEST(Messages, KernelTextsAreExact) {
+    const std::pair<int32_t, const wchar_t*> table[] = {
+        {1, L"Success"},
+        {0, L"Function not successful"},
+        {2, L"Successful. You can quit now"},
+        {3, L"Function successful. Delete file before quitting"},
+        {4, L"Function successful. Retry the failed operation"},
+        {-1, L"Not enough memory available"},
+        {-2, L"Invalid image"},
+        {-3, L"Not enough memory available"},
+        {-4, L"Error seeking to position"},
+        {-5, L"Error writing file"},
+        {-6, L"File not present - abort"},
+        {-7, L"Error reading file"},
+        {-8, L"Invalid filename specified"},
+        {-10, L"File not found"},
+        {-11, L"Invalid width or height"},
+        {-13, L"Invalid parameter passed"},
+        {-14, L"Not able to open file"},
+        {-15, L"Unknown compression format"},
+        {-23, L"Invalid compression format"},
+        {-27, L"Invalid bits per pixel"},
+        {-74, L"Internal error"},
+        {-100, L"User has aborted operation"},
+        {-144, L"Image is empty"},
+        {-261, L"Invalid handle"},
+        {-290, L"The buffer size is too small"},
+        {-351, L"There is nothing to do.  No items were found"},
+        {-404, L"Tag not found"},
+        {-789, L"The structure size is invalid"},
+        {-794, L"Unsupported conversion"},
+        {-814, L"A NULL pointer was passed"},
+        {-815, L"The overlay does not exist"},
+        {-1486, L"The LUT length is invalid. LUTLength should be 1 << (HighBit - LowBit + 1)"},
+        {-1491, L"The DIB is invalid"},
+        {-1852, L"(Internal error) Invalid file handle"},
+        {-1905, L"You have exceeded the amount of memory allowed for allocations in this application"},
+        {-1906, L"The bitmap is too big. Try loading it at a lower resolution"},
+        {-1927, L"Conversion of floating data is not supported"},
+    };
+    for (const auto& [code, text] : table) EXPECT_EQ(message(code), text) << code;
+    EXPECT_EQ(message(-16).rfind(L"Feature not supported.\n", 0), 0u);
+}
+
+TEST(Messages, UnknownCodesOtherLibrariesAndTruncation) {
+    for (int32_t code : {105, -1932, 5, -9, -12, -99, -1000, INT32_MIN, INT32_MAX})
+        EXPECT_EQ(message(code), L"Internal or Unrecognized Error!") << code;
+    std::wstring lib;
+    EXPECT_EQ(message(-1150, 1024, &lib), L"The Ombrix File Formats library is missing.");
+    EXPECT_EQ(lib, L"Ombrix File Formats");
+    int32_t id = 99, known = 99;
+    K_GetLibIdFromErrorCode(-1150, &id, &known);
+    EXPECT_EQ(id, OMBRIX_LIB_FILEIO);
+    EXPECT_EQ(known, 1);
+    K_GetLibIdFromErrorCode(-13, &id, &known);
+    EXPECT_EQ(id, OMBRIX_LIB_KERNEL);
+    K_GetLibIdFromErrorCode(-9, &id, &known);
+    EXPECT_EQ(known, 0);
+    EXPECT_EQ(K_GetLibIdFromErrorCode(1, nullptr, nullptr), KS_SUCCESS);
+    EXPECT_EQ(message(-13, 8), L"Invalid");  // 7 characters and the terminator
+    EXPECT_EQ(message(-13, 1), L"");
+    EXPECT_EQ(K_GetFriendlyErrorMessage(-13, nullptr, 10, nullptr), KS_INVALID_PARAMETER);
+    wchar_t big[2000];
+    ASSERT_EQ(K_GetFriendlyErrorMessage(-13, big, 2000, nullptr), KS_SUCCESS);
+    EXPECT_EQ(std::wstring(big), L"Invalid parameter passed");
+}
+
+int32_t countingCallback(int32_t percent, void* user) {
+    static_cast<std::vector<int32_t>*>(user)->push_back(percent);
+    return 1;
+}
+
+TEST(ProgressCallbacks, PerThreadSetAndGet) {
+    std::vector<int32_t> seen;
+    STATUSCALLBACK old = reinterpret_cast<STATUSCALLBACK>(1);
+    void* oldUser = &seen;
+    ASSERT_EQ(K_SetStatusCallBack(countingCallback, &seen, &old, &oldUser), KS_SUCCESS);
+    EXPECT_EQ(old, nullptr);
+    EXPECT_EQ(oldUser, nullptr);
+    STATUSCALLBACK got = nullptr;
+    void* gotUser = nullptr;
+    K_GetStatusCallBack(&got, &gotUser);
+    EXPECT_EQ(got, countingCallback);
+    EXPECT_EQ(gotUser, &seen);
+    std::thread([] {
+        STATUSCALLBACK other = countingCallback;
+        K_GetStatusCallBack(&other, nullptr);
+        EXPECT_EQ(other, nullptr);
+    }).join();
+    K_GetCopyStatusCallBack(&got, nullptr);
+    EXPECT_EQ(got, nullptr);
+    K_SetCopyStatusCallBack(countingCallback, nullptr, nullptr, nullptr);
+    K_GetCopyStatusCallBack(&got, nullptr);
+    EXPECT_EQ(got, countingCallback);
+    K_SetCopyStatusCallBack(nullptr, nullptr, nullptr, nullptr);
+    K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
+}
+
+}  // namespace
+
+#include "krn/common/progress.h"
+
+namespace {
+
+int32_t stopAt40(int32_t percent, void* user) {
+    static_cast<std::vector<int32_t>*>(user)->push_back(percent);
+    return percent >= 40 ? KS_USER_ABORT : KS_SUCCESS;
+}
+
+TEST(ProgressCallbacks, ReportsEachWholePercentOnceAndStops) {
+    std::vector<int32_t> seen;
+    K_SetStatusCallBack(countingCallback, &seen, nullptr, nullptr);
+    krn::Progress p = krn::Progress::status(1000);
+    ASSERT_EQ(p.begin(), KS_SUCCESS);
+    for (int i = 1; i <= 1000; ++i) ASSERT_EQ(p.step(i), KS_SUCCESS);
+    ASSERT_EQ(seen.size(), 101u);
+    for (int i = 0; i <= 100; ++i) EXPECT_EQ(seen[i], i);
+
+    seen.clear();
+    K_SetStatusCallBack(stopAt40, &seen, nullptr, nullptr);
+    krn::Progress q = krn::Progress::status(7, 20, 60);  // a sub-range of a larger operation
+    int32_t rc = KS_SUCCESS;
+    int row = 0;
+    for (; row < 7 && rc == KS_SUCCESS; ++row) rc = q.step(row + 1);
+    EXPECT_EQ(rc, KS_USER_ABORT);
+    EXPECT_EQ(seen.back(), 42);  // 20 + 40*4/7
+    EXPECT_EQ(row, 4);
+    K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
+    EXPECT_FALSE(krn::Progress::status(10).active());
+}
+
+}  // namespace
