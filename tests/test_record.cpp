@@ -206,7 +206,9 @@ TEST(RecordCreate, AllocationFailureSweep) {
                 BITMAPRECORD bm = patterned(0x3C);
                 const BITMAPRECORD before = bm;
                 krn::faultinject::arm(n, 1);
-                int32_t rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 50, 20, bpp, ORDER_BGR,
+                // 265: one block only (no tiles, no disk), so a failed block is a failed call
+                // rather than a fall-back to tiles or a temporary file.
+                int32_t rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 265, 50, 20, bpp, ORDER_BGR,
                                                          nullptr, 1, nullptr, 0, callbacks);
                 const long injected = krn::faultinject::injected();
                 krn::faultinject::disarm();
