@@ -363,9 +363,119 @@ OMBRIX_API const RGBQUAD* K_IntGetNetscapePalette(void);
  * K_GlobalAlloc; free it with K_GlobalFree. Null on failure. */
 OMBRIX_API RGBQUAD* K_CreateGrayPalette(int32_t nBitsPerPixel);
 /* Index of the palette entry nearest to (R, G, B); 0 for a null palette,
- * -1 for nColors <= 0. */
+ * -1 for nColors <= 0 (the full rule is below). */
 OMBRIX_API int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, int32_t nRed,
                                       int32_t nGreen, int32_t nBlue);
+/* Nearest entry: components outside 0..255 are clamped first. Black and
+ * white targets look at the first and last entries first (black prefers
+ * entry 0, white the last entry); otherwise the smallest squared distance
+ * wins, the earliest entry on a tie unless a later one shares the target's
+ * hue class, and the first exact match ends the search. */
+
+/* Grey classification of nColors entries: 0 not grey, 1 ramp ascending from
+ * black, 2 ramp descending from white, 3 grey but not an evenly stepped ramp.
+ * The expected ramp adds the truncated step 255 / (nColors - 1) at each
+ * entry, so an 8-entry ramp from K_CreateGrayPalette(3) gives 3. With
+ * nColors 0 or 1 the first entry decides (0 -> 1, 255 -> 2, else 3), so the
+ * array must hold at least one entry. -13 for a null palette or nColors < 0. */
+OMBRIX_API int32_t K_IsGrayScalePalette(const RGBQUAD* pPalette, int32_t nColors);
+/* Grey classification of a bitmap. Depths 1..8: its colours (its palette,
+ * or the fixed palette of its depth when it has none), and a ramp with fewer
+ * entries than 2^depth gives 3. Deeper bitmaps: 0 unless the order is grey;
+ * a grey bitmap without a lookup table gives 1, one with a table (pLUT,
+ * nLUTLength RGBQUAD entries) gives 0 if an entry is coloured, 1 if the
+ * table never falls, 2 if it never rises, else 3. -13 null, -789 size word. */
+OMBRIX_API int32_t K_IntIsGrayScaleBitmap(const BITMAPRECORD* pBitmap);
+
+/* The fixed palette of a depth 1..8 (0: the 256-level grey ramp) in a new
+ * block from K_GlobalAlloc (GMEM_FIXED); free it with K_GlobalFree. Null for
+ * a bad depth or when memory runs out. */
+OMBRIX_API RGBQUAD* K_CreateFixedPalette(int32_t nBitsPerPixel);
+/* A copy of nColors (1..65536) entries in a new K_GlobalAlloc block; null
+ * for a null palette, a bad count or when memory runs out. */
+OMBRIX_API RGBQUAD* K_DupPalette(const RGBQUAD* pPalette, int32_t nColors);
+
+/* User match table: 32768 words indexed by (R >> 3) << 10 | (G >> 3) << 5 |
+ * (B >> 3), each holding K_FindPaletteIndex(...) + 1 for the grid colour
+ * (component * 8, so 0..248). The caller owns it. Null for a null palette,
+ * nColors < 1, or when memory runs out. */
+#define USER_MATCH_TABLE_ENTRIES 32768
+OMBRIX_API uint32_t* K_CreateUserMatchTable(const RGBQUAD* pPalette, int32_t nColors);
+/* Frees a table (null allowed) and returns 1. If the table is installed on
+ * the calling thread (or in the process-wide block) it is uninstalled there
+ * first; other threads must uninstall it themselves before it is freed. */
+OMBRIX_API int32_t K_FreeUserMatchTable(uint32_t* pTable);
+/* Installs a table (null removes it) for the calling thread and returns the
+ * table installed before. The kernel never frees an installed table. */
+OMBRIX_API const uint32_t* K_SetUserMatchTable(const uint32_t* pTable);
+/* The table installed for the calling thread, or null. */
+OMBRIX_API const uint32_t* K_GetUserMatchTable(void);
+
+/* Colour values: either an RGB colour 0x00BBGGRR (red in the low byte) or a
+ * palette index with KCOLOR_INDEX_FLAG in the high byte. */
+#define KCOLOR_RGB(r, g, b) \
+    ((uint32_t)(uint8_t)(r) | ((uint32_t)(uint8_t)(g) << 8) | ((uint32_t)(uint8_t)(b) << 16))
+#define KCOLOR_INDEX_FLAG 0x01000000u
+#define KCOLOR_INDEX(i) (KCOLOR_INDEX_FLAG | ((uint32_t)(i) & 0xFFFFFFu))
+#define KCOLOR_RED(c)   ((uint8_t)(c))
+#define KCOLOR_GREEN(c) ((uint8_t)((c) >> 8))
+#define KCOLOR_BLUE(c)  ((uint8_t)((c) >> 16))
+
+/* Palettes owned by a record are GMEM_FIXED blocks from K_GlobalAlloc that
+ * K_FreeBitmap frees. For depths up to 8 the block always holds 2^depth
+ * entries (entries past nColors are black). None of these functions needs
+ * the bitmap to be allocated. A failed call leaves the record unchanged. */
+
+/* Replaces the palette with nColors entries of pPalette (1..2^depth for
+ * depths up to 8, 1..256 for deeper bitmaps; pPalette may be the record's own
+ * palette). A null pPalette sets the fixed palette of the bitmap's depth and
+ * ignores nColors. -13 bad count (or null palette for a deep bitmap), -1 no memory. */
+OMBRIX_API int32_t K_SetBitmapPalette(BITMAPRECORD* pBitmap, const RGBQUAD* pPalette, int32_t nColors);
+/* Gives pDst the colours of pSrc (its palette, or the fixed palette of its
+ * depth when it has none) and their count. When pSrc is a deep bitmap
+ * without a palette, pDst's palette is released (nColors 2^depth or 0).
+ * -13 when pDst's depth cannot hold that many entries. */
+OMBRIX_API int32_t K_CopyBitmapPalette(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc);
+/* Sets the fixed palette / the grey ramp of the bitmap's depth (1..8, else -27). */
+OMBRIX_API int32_t K_CreateBitmapFixedPalette(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_CreateBitmapGrayPalette(BITMAPRECORD* pBitmap);
+/* Copies entries nIndex.. of the bitmap's colours (its palette, or the fixed
+ * palette of its depth when it has none) into pColors, at most nCount, and
+ * returns the number copied (0 <= result <= nCount). -13 for a null array, a
+ * negative count or an index past the last entry. */
+OMBRIX_API int32_t K_GetBitmapColors(const BITMAPRECORD* pBitmap, int32_t nIndex, int32_t nCount,
+                                     RGBQUAD* pColors);
+/* Writes nCount entries at nIndex (the range must lie within 2^depth for
+ * depths up to 8, within 256 otherwise; -13 if not). A bitmap without a
+ * palette gets one first (the fixed palette of its depth); nColors grows to
+ * cover the range. Returns the number of entries written. */
+OMBRIX_API int32_t K_PutBitmapColors(BITMAPRECORD* pBitmap, int32_t nIndex, int32_t nCount,
+                                     const RGBQUAD* pColors);
+/* 1 when the bitmap's colours are exactly the nColors entries of pPalette
+ * (red, green and blue compared; reserved bytes ignored), 0 when they
+ * differ. A null pPalette means the fixed palette of the bitmap's depth. */
+OMBRIX_API int32_t K_CompareBitmapToPalette(const BITMAPRECORD* pBitmap, const RGBQUAD* pPalette,
+                                            int32_t nColors);
+/* Resolves a colour value through the bitmap's colours: an RGB value is
+ * returned as is, a palette index becomes the RGB value of that entry.
+ * -13 for a null output, an index past the last entry or other high bytes. */
+OMBRIX_API int32_t K_GetTrueColorValue(const BITMAPRECORD* pBitmap, uint32_t uColor, uint32_t* puColor);
+/* Translates a colour value of pSrc (null: only RGB values accepted) into
+ * pDst's terms: for depths up to 8 the palette index of the nearest entry
+ * (K_FindPaletteIndex rule) with KCOLOR_INDEX_FLAG; for a deep grey bitmap
+ * the grey (2R + 5G + B + 4) >> 3 as an RGB value; otherwise the RGB value. */
+OMBRIX_API int32_t K_TranslateBitmapColor(const BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, uint32_t uColor,
+                                          uint32_t* puColor);
+/* The distinct colours the bitmap's pixels use, in ascending 0xRRGGBB order:
+ * *pnColors receives how many there are, and the first min(that, nMaxEntries)
+ * are written to pEntries (which may be null when nMaxEntries is 0). Pixels
+ * of paletted bitmaps count by the colour of their entry (values past the
+ * palette read as black); 16-bit pixels widen 5/6-bit fields by bit
+ * replication; 48/64-bit pixels use the high byte of each component. -2 not
+ * allocated, -794 for 12-bit and non-RGB/BGR deep orders, -16 for storage
+ * without a direct data pointer, -1 no memory (needs a 2 MB scratch set). */
+OMBRIX_API int32_t K_GetBitmapPaletteEntries(BITMAPRECORD* pBitmap, RGBQUAD* pEntries, int32_t nMaxEntries,
+                                             int32_t* pnColors);
 /* @@palettes@@ */
 
 /* ======================================================================
@@ -797,21 +907,654 @@ OMBRIX_API int32_t K_FlipCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, in
  * Section: pixel conversion, dithering and HSV
  * ====================================================================== */
 /* -- buffer conversion and HSV -- */
+/* Names of the colour orders as the converter uses them. */
+#define ORDER_BGRWIDE ORDER_ROMM    /* 5: blue first, alternate primaries (24/48 bits) */
+#define ORDER_BGR565  ORDER_RGB565  /* 7: 16-bit, blue bits 0-4, green 5-10, red 11-15 */
+
+/* Conversion flags (uFlags of the K_ConvertBufferExt family) */
+#define CONVERT_SRCGRAY     0x01u  /* the source holds grey levels */
+#define CONVERT_DSTGRAY     0x02u  /* the destination is to hold grey levels */
+#define CONVERT_SRCRANGE    0x04u  /* source grey sample significant in nLowBit..nHighBit */
+#define CONVERT_DSTRANGE    0x08u  /* destination grey written into nLowBit..nHighBit */
+#define CONVERT_TRANSPARENT 0x80u  /* 32/64-bit destination: pixels equal to crTransparent get alpha 0 */
+/* A transparent colour reference: red bits 0-7, green 8-15, blue 16-23; a top
+ * byte of exactly 0x01 makes it a palette index held in the low byte. */
+#define CONVERT_PALETTEINDEX(i) (0x01000000u | ((uint32_t)(i) & 0xFFu))
+
+/* Converts nWidth pixels in place from (nBitsPerPixelSrc, nOrderSrc) to
+ * (nBitsPerPixelDst, nOrderDst). Depths 0 (one grey byte per pixel), 1-8
+ * (palette indices, packed most significant bit first), 12 (grey), 16, 24,
+ * 32, 48, 64; orders ORDER_RGB, ORDER_BGR, ORDER_GRAY, ORDER_BGRWIDE,
+ * ORDER_BGR565. The buffer must hold the larger of the two runs (see
+ * K_CalcConvertSize). Null palettes mean the fixed palette of the depth.
+ * Returns 1; -13 for a null buffer, zero width or a rejected combination
+ * (before any pixel changes); -16 after converting when ORDER_BGRWIDE is
+ * asked at a destination depth other than 24 or 48. */
+OMBRIX_API int32_t K_ConvertBuffer(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
+                                   int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
+                                   const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst);
+/* As K_ConvertBuffer with CONVERT_ flags and the grey bit window
+ * nLowBit..nHighBit (-1 for "whole sample"). */
+OMBRIX_API int32_t K_ConvertBufferExt(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
+                                      int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
+                                      const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst,
+                                      uint32_t uFlags, int32_t nLowBit, int32_t nHighBit);
+/* As K_ConvertBufferExt with pExtra (non-null: a 32-bit grey source holds
+ * 16 significant bits); nReserved is ignored. */
+OMBRIX_API int32_t K_ConvertBufferExt2(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
+                                       int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
+                                       const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst,
+                                       void* pExtra, int32_t nReserved, uint32_t uFlags,
+                                       int32_t nLowBit, int32_t nHighBit);
+/* As K_ConvertBufferExt2 with the transparent colour for CONVERT_TRANSPARENT. */
+OMBRIX_API int32_t K_ConvertBufferExt3(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
+                                       int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
+                                       const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst,
+                                       void* pExtra, int32_t nReserved, uint32_t uFlags,
+                                       int32_t nLowBit, int32_t nHighBit, uint32_t crTransparent);
+/* Bytes of a line buffer for converting between the two widths and depths:
+ * the largest 4-byte-aligned row of (wA x bA), (wB x bA), (wB x bB); depth
+ * 0 counts as 8. 0 for negative arguments or a size beyond 32 bits. */
+OMBRIX_API uint32_t K_CalcConvertSize(int32_t nWidthA, int32_t nBitsA, int32_t nWidthB, int32_t nBitsB);
+/* Keeps nCount 16-bit grey samples (little-endian) whose significant bits
+ * are nLowBit..nHighBit away from the ends of their window by up to nPad
+ * steps. -13 for a null pointer or a depth other than 16. */
+OMBRIX_API int32_t K_PadPixelData(void* pData, int32_t nBitsPerPixel, int32_t nCount, int32_t nHighBit,
+                                  int32_t nLowBit, int32_t nPad);
+/* Reduce nCount 32-bit grey samples (little-endian) to 16-bit (8-bit)
+ * samples: the window nLowBit..nHighBit (-1: bit 0 / bit 31) is taken and
+ * rescaled by the grey rule (narrower: top bits; wider: stretched so full
+ * scale stays full scale). pDst may equal pSrc. -13 for a null pointer,
+ * nCount <= 0 or a window outside the sample. */
+OMBRIX_API int32_t K_Gray32To16(const void* pSrc, void* pDst, int32_t nCount, int32_t nLowBit,
+                                int32_t nHighBit);
+OMBRIX_API int32_t K_Gray32To8(const void* pSrc, uint8_t* pDst, int32_t nCount, int32_t nLowBit,
+                               int32_t nHighBit);
+
+/* HSV: the kernel's integer model. RGB values hold red in bits 0-7, green
+ * 8-15, blue 16-23; HSV values hold hue in bits 0-7 (256 steps per turn),
+ * saturation 8-15, value 16-23. The top byte of an input is ignored and the
+ * top byte of a result is 0. */
+OMBRIX_API uint32_t K_RGBtoHSV(uint32_t rgb);
+/* As K_RGBtoHSV, storing the result in *pHsv. -13 for a null pointer. */
+OMBRIX_API int32_t  K_RGBtoHSV2(uint32_t rgb, uint32_t* pHsv);
+OMBRIX_API uint32_t K_HSVtoRGB(uint32_t hsv);
+/* As K_HSVtoRGB, reading the value from *pHsv; 0 for a null pointer. */
+OMBRIX_API uint32_t K_HSVtoRGB2(const uint32_t* pHsv);
+
 /* @@pixels-convert@@ */
 
 /* (keep this line between the two pixel parts) */
 
 /* -- dithering engine -- */
+/* Dithering methods (the record's nDitheringMethod, K_DefaultDithering). */
+#define DITHER_NEAREST          0  /* nearest colour, no diffusion */
+#define DITHER_FLOYD_STEINBERG  1  /* error diffusion, 1 row,  divisor 16 */
+#define DITHER_STUCKI           2  /* error diffusion, 2 rows, divisor 42 */
+#define DITHER_BURKES           3  /* error diffusion, 1 row,  divisor 32 */
+#define DITHER_SIERRA           4  /* error diffusion, 2 rows, divisor 32 */
+#define DITHER_STEVENSON_ARCE   5  /* error diffusion, 3 rows, divisor 200 */
+#define DITHER_JARVIS           6  /* error diffusion (Jarvis-Judice-Ninke), 2 rows, divisor 48 */
+#define DITHER_ORDERED          7  /* ordered, 8x8 dispersed threshold table */
+#define DITHER_CLUSTERED        8  /* ordered, 8x8 clustered threshold table */
+
+/* Starts a dithering run on a record: rows of the record's width and pixel
+ * format (nBitsPerPixel, nOrder, pPalette for 1..8 bits, nLowBit/nHighBit for
+ * grey) are turned into palette indices of a target palette of uColors (1..256)
+ * entries with the record's nDitheringMethod. The output depth is the smallest
+ * of 1..8 bits that holds uColors indices. A null pPalette means the fixed
+ * palette of that depth. Any run already on the record is replaced, but only
+ * once the new one is complete. The record need not be allocated.
+ * -13 null record, uColors out of range, method or colour order invalid;
+ * -789 size word; -11 width below 1; -27 bits per pixel; -1 no memory. */
+OMBRIX_API int32_t K_StartDithering(BITMAPRECORD* pBitmap, const RGBQUAD* pPalette, uint32_t uColors);
+/* As K_StartDithering with an explicit output depth nBits (1..8, at least the
+ * depth uColors needs) and an optional caller match table of 32768 words over
+ * the 5-5-5 grid (index (R>>3)<<10 | (G>>3)<<5 | B>>3, each word the palette
+ * index + 1). A caller table is used as it is and never freed; it must stay
+ * alive until the run stops. Without one, a palette equal byte for byte to a
+ * fixed palette (or the web palette) is quantised directly, and any other
+ * palette is mapped through the thread's installed user match table when
+ * there is one, else through a table the run builds (and frees). */
+OMBRIX_API int32_t K_StartDitheringExt(BITMAPRECORD* pBitmap, const RGBQUAD* pPalette, uint32_t uColors,
+                                       int32_t nBits, const uint32_t* pMatchTable);
+/* Dithers the next row: pSrcRow holds nWidth pixels in the record's format,
+ * pDstRow receives nWidth indices packed at the run's output depth, most
+ * significant bit first (ceil(nWidth * bits / 8) bytes written, unused low
+ * bits of the last byte cleared). pSrcRow may equal pDstRow.
+ * -13 null record or buffer, no run, or the record's width or format changed
+ * since the run started; -789 size word. */
+OMBRIX_API int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t* pDstRow);
+/* Ends the run and frees its state (and any match table it built). A record
+ * without a run is left alone. -13 null record; -789 size word. */
+OMBRIX_API int32_t K_StopDithering(BITMAPRECORD* pBitmap);
+/* The calling thread's default dithering method, copied into nDitheringMethod
+ * by K_InitBitmap (0, DITHER_NEAREST, until set). */
+OMBRIX_API int32_t K_GetDefaultDithering(void);
+/* Sets the calling thread's default method (0..8) and returns the previous
+ * one; -13 (and no change) for any other value. */
+OMBRIX_API int32_t K_DefaultDithering(int32_t nMethod);
 /* @@pixels-dither@@ */
 
 /* ======================================================================
  * Section: regions and rectangles
  * ====================================================================== */
+/* -- Win32-shaped region types ---------------------------------------- */
+#ifndef OMBRIX_HAVE_WIN32_TYPES
+typedef uint16_t WORD;
+typedef uint32_t DWORD;
+/* Header of a region-data block: dwSize 32, iType RDH_RECTANGLES, nCount
+ * rectangles of 16 bytes each follow the header. */
+typedef struct _RGNDATAHEADER {
+    DWORD dwSize;
+    DWORD iType;
+    DWORD nCount;
+    DWORD nRgnSize;
+    RECT  rcBound;
+} RGNDATAHEADER;
+typedef struct _RGNDATA {
+    RGNDATAHEADER rdh;
+    char Buffer[1];
+} RGNDATA;
+/* Affine transform: x' = eM11*x + eM21*y + eDx, y' = eM12*x + eM22*y + eDy. */
+typedef struct tagXFORM {
+    float eM11;
+    float eM12;
+    float eM21;
+    float eM22;
+    float eDx;
+    float eDy;
+} XFORM;
+#endif
+#ifndef RGN_AND
+#define RGN_AND  1
+#define RGN_OR   2
+#define RGN_XOR  3
+#define RGN_DIFF 4
+#define RGN_COPY 5
+#endif
+#ifndef NULLREGION
+#define RGN_ERROR     0   /* the Win32 name ERROR is not defined here */
+#define NULLREGION    1
+#define SIMPLEREGION  2
+#define COMPLEXREGION 3
+#endif
+#ifndef RDH_RECTANGLES
+#define RDH_RECTANGLES 1
+#endif
+#ifndef ALTERNATE
+#define ALTERNATE 1   /* even-odd */
+#define WINDING   2   /* non-zero winding */
+#endif
+
+/* -- the kernel's region ---------------------------------------------- */
+/* One row of an OrvaRgn: uCount x values (two per run, 0 for an empty row
+ * inside the region) starting uOffset bytes into the run data. */
+typedef struct ORVARGNROW_ {
+    uint32_t uCount;
+    uint32_t uOffset;
+} ORVARGNROW;
+/* An exact pixel set stored row by row as sorted runs [x1, x2). Rows run
+ * from rcBounds.top to rcBounds.bottom - 1, one ORVARGNROW each; runs in a
+ * row are sorted and neither overlap nor touch. rcBounds is all zero for an
+ * empty region. Costs 8 bytes per row plus 8 per run beyond this block. */
+typedef struct OrvaRgn_ {
+    HRGN        hCachedRgn;      /* a copy of the region as a handle, or null */
+    int32_t     nPlacement[7];   /* carried unchanged by every copy */
+    RECT        rcBounds;
+    uint32_t    uRowIndexSize;   /* bytes in pRowIndex (8 per row) */
+    ORVARGNROW* pRowIndex;
+    uint32_t    uRunDataSize;    /* bytes in pRunData (4 per x value) */
+    int32_t*    pRunData;
+} OrvaRgn;
+
+/* The tallest region the engine builds (rows between top and bottom). A
+ * result that would be taller is refused with KS_NO_MEMORY. */
+#define ORVARGN_MAX_ROWS 16777216
+
+/* Region operations. Each returns 1, -13 for a null argument, -1 when memory
+ * runs out (or the result would be taller than ORVARGN_MAX_ROWS). Functions
+ * that change a region do so in place: the OrvaRgn pointer keeps its
+ * identity and, on failure, its old contents. */
+/* *ppRgn = new region of the rectangle (empty when right <= left or bottom <= top). */
+OMBRIX_API int32_t K_CreateOrvaRgnRect(OrvaRgn** ppRgn, const RECT* pRect);
+/* *ppDst = copy of pSrc; a null pSrc gives *ppDst = null and 1. */
+OMBRIX_API int32_t K_CopyOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc);
+/* Frees the region, its rows, runs and cached handle. */
+OMBRIX_API int32_t K_DeleteOrvaRgn(OrvaRgn* pRgn);
+/* Moves the region by (dx, dy) in place; -13 when it would leave the 32-bit range. */
+OMBRIX_API int32_t K_OffsetOrvaRgn(OrvaRgn* pRgn, int32_t dx, int32_t dy);
+/* *ppDst = pSrc1 <op> pSrc2 with op one of RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF
+ * (pSrc1 minus pSrc2), RGN_COPY (pSrc2 may be null then). *ppDst may be one
+ * of the sources: it is replaced in place. A null *ppDst receives a new region.
+ * Any other op: -13. */
+OMBRIX_API int32_t K_CombineOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc1, const OrvaRgn* pSrc2,
+                                    int32_t nOp);
+/* 1 when (x, y) is inside, else 0 (-13 for a null region); the run holding
+ * the point is stored in *pnX1, *pnX2 (-1, -1 outside); both may be null. */
+OMBRIX_API int32_t K_IsPtInOrvaRgn(const OrvaRgn* pRgn, int32_t x, int32_t y, int32_t* pnX1,
+                                   int32_t* pnX2);
+OMBRIX_API int32_t K_GetOrvaRgnBounds(const OrvaRgn* pRgn, RECT* pRect);
+/* Keeps only the part inside the rectangle (in place). */
+OMBRIX_API int32_t K_ClipOrvaRgnRect(OrvaRgn* pRgn, const RECT* pRect);
+/* Scales in place by xNum/xDen and yNum/yDen (nearest-neighbour rule: a
+ * result pixel (X, Y) is in when source pixel (floor(X*xDen/xNum),
+ * floor(Y*yDen/yNum)) is). Denominators must be > 0 and numerators >= 0 (0
+ * empties the region), else -13; a result outside 32 bits: -13. */
+OMBRIX_API int32_t K_ScaleOrvaRgn(OrvaRgn* pRgn, int32_t nXNum, int32_t nXDen, int32_t nYNum,
+                                  int32_t nYDen);
+/* Scan-converts closed figures into *ppRgn. pFlags (optional, one byte per
+ * point): 0 starts a new figure at that point. Each figure is closed back to
+ * its first point. A pixel is inside when its centre (x + 0.5, y + 0.5) is
+ * inside the outline; edges are half-open (a centre exactly on a left edge
+ * is in, on a right edge out; horizontal edges add nothing). nFillMode
+ * WINDING (2) fills by the non-zero winding rule, anything else (0,
+ * ALTERNATE) by the even-odd rule. Fewer than 2 points: empty region. */
+OMBRIX_API int32_t K_SegmentsToRegion(OrvaRgn** ppRgn, const POINT* pPoints, const uint8_t* pFlags,
+                                      int32_t nCount, int32_t nFillMode);
+/* *ppRgn = a copy of the region behind hRgn; errno 22 and -13 for a bad handle. */
+OMBRIX_API int32_t K_ConvertHandleToRgn(HRGN hRgn, OrvaRgn** ppRgn);
+/* *phRgn = CreateRectRgn(left, top, right, bottom); -1 when it fails. */
+OMBRIX_API int32_t K_WinCreateRectRgn(HRGN* phRgn, int32_t nLeft, int32_t nTop, int32_t nRight,
+                                      int32_t nBottom);
+/* DeleteObject(hObject): 1 freed, 0 (errno 22) for a bad handle. */
+OMBRIX_API int32_t K_WinDeleteObject(HGDIOBJ hObject);
+
+/* -- emulated Win32 region functions (Win32 results; errno 22 and 0 on a
+ *    bad handle) ------------------------------------------------------- */
+OMBRIX_API HRGN    CreateRectRgn(int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom);
+OMBRIX_API HRGN    CreateEllipticRgn(int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom);
+OMBRIX_API HRGN    CreatePolygonRgn(const POINT* pPoints, int32_t nCount, int32_t nFillMode);
+/* Region from a data block; 0 unless nBytes >= 33, nBytes >= 16*(nCount+2),
+ * dwSize 32, iType 1. Unordered rectangles are sorted by top, then left;
+ * overlapping rectangles give their union; empty ones are skipped. */
+OMBRIX_API HRGN    ExtCreateRegion(const XFORM* pXform, uint32_t nBytes, const RGNDATA* pData);
+/* 0 error, NULLREGION, SIMPLEREGION or COMPLEXREGION. */
+OMBRIX_API int32_t CombineRgn(HRGN hDst, HRGN hSrc1, HRGN hSrc2, int32_t nMode);
+OMBRIX_API int32_t OffsetRgn(HRGN hRgn, int32_t dx, int32_t dy);
+OMBRIX_API int32_t GetRgnBox(HRGN hRgn, RECT* pRect);
+/* Bytes needed (32 + 16 per rectangle); writes only when pData is large enough. */
+OMBRIX_API uint32_t GetRegionData(HRGN hRgn, uint32_t nBytes, RGNDATA* pData);
+OMBRIX_API BOOL    PtInRegion(HRGN hRgn, int32_t x, int32_t y);
+OMBRIX_API BOOL    SetRectRgn(HRGN hRgn, int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom);
+/* Frees a region (kind 4) or palette (kind 1) handle and its payload. */
+OMBRIX_API BOOL    DeleteObject(HGDIOBJ hObject);
+/* For a palette handle and nBytes >= 2: stores the entry count as a WORD and returns 2. */
+OMBRIX_API int32_t GetObject(HGDIOBJ hObject, int32_t nBytes, void* pOut);
+
+/* -- rectangles (right and bottom exclusive) ---------------------------- */
+OMBRIX_API BOOL SetRect(RECT* pRect, int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom);
+OMBRIX_API BOOL SetRectEmpty(RECT* pRect);
+OMBRIX_API BOOL IsRectEmpty(const RECT* pRect);
+OMBRIX_API BOOL PtInRect(const RECT* pRect, POINT pt);
+/* Empty result (all zero) and 0 when the two do not overlap. */
+OMBRIX_API BOOL IntersectRect(RECT* pDst, const RECT* pSrc1, const RECT* pSrc2);
+OMBRIX_API BOOL InflateRect(RECT* pRect, int32_t dx, int32_t dy);
+OMBRIX_API BOOL CopyRect(RECT* pDst, const RECT* pSrc);
+/* Bounding rectangle of the two; empty inputs are ignored. */
+OMBRIX_API BOOL UnionRect(RECT* pDst, const RECT* pSrc1, const RECT* pSrc2);
+OMBRIX_API BOOL OffsetRect(RECT* pRect, int32_t dx, int32_t dy);
+OMBRIX_API BOOL EqualRect(const RECT* pRect1, const RECT* pRect2);
+
+/* -- view perspective arithmetic ---------------------------------------- */
+/* What turns pixels stored in nFrom into nTo: flip rows when *pbFlip, then
+ * turn by *pnAngle degrees (0, 90, 180, 270). */
+OMBRIX_API int32_t K_GetChangeViewPerspectiveParams(int32_t nFrom, int32_t nTo, int32_t* pbFlip,
+                                                    int32_t* pnAngle);
+/* Converts a rectangle of an nWidth x nHeight image (as seen in nFrom) into nTo, in place. */
+OMBRIX_API int32_t K_ChangeRectViewPerspective(int32_t nFrom, int32_t nWidth, int32_t nHeight, int32_t nTo,
+                                               RECT* pRect);
+/* Same for one pixel position. */
+OMBRIX_API int32_t K_ChangePointViewPerspective(int32_t nFrom, int32_t nWidth, int32_t nHeight, int32_t nTo,
+                                                int32_t* pnX, int32_t* pnY);
+OMBRIX_API int32_t K_RectToBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, RECT* pRect);
+OMBRIX_API int32_t K_RectFromBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, RECT* pRect);
+OMBRIX_API int32_t K_PointToBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, int32_t* pnX,
+                                   int32_t* pnY);
+OMBRIX_API int32_t K_PointFromBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, int32_t* pnX,
+                                     int32_t* pnY);
+
+/* -- bitmap regions ------------------------------------------------------ */
+/* Region combine modes of the bitmap setters. */
+#define RGN_SET_AND        0u  /* current AND new */
+#define RGN_SET_REPLACE    1u  /* new */
+#define RGN_SET_NEW_MINUS_CUR 2u /* new minus current */
+#define RGN_SET_CUR_MINUS_NEW 3u /* current minus new */
+#define RGN_SET_OR         4u  /* current OR new */
+#define RGN_SET_XOR        5u  /* current XOR new */
+#define RGN_SET_NOT        6u  /* bitmap rectangle minus new */
+
+/* Where the caller's coordinates are: in view perspective nViewPerspective,
+ * scaled by num/den and moved by the offsets. Null means the bitmap's own
+ * pixels. Setters map in: offset, then scale, then change perspective.
+ * Getters map out: change perspective, scale, add the offsets. */
+typedef struct RGNXFORM_ {
+    int32_t nViewPerspective;  /* 1..8 */
+    int32_t nXScalarNum;
+    int32_t nXScalarDen;       /* > 0 */
+    int32_t nYScalarNum;
+    int32_t nYScalarDen;       /* > 0 */
+    int32_t nXOffset;
+    int32_t nYOffset;
+} RGNXFORM;
+
+/* The core setter: takes ownership of pRgn (freed also on failure). A null
+ * pRgn removes the bitmap's region. -2 null bitmap, -789 size word, -13 bad
+ * mode or transform, -1 memory. */
+OMBRIX_API int32_t K_SetBitmapRgn(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, OrvaRgn* pRgn,
+                                  uint32_t uCombineMode);
+OMBRIX_API int32_t K_SetBitmapRgnRect(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, const RECT* pRect,
+                                      uint32_t uCombineMode);
+OMBRIX_API int32_t K_SetBitmapRgnEllipse(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, const RECT* pRect,
+                                         uint32_t uCombineMode);
+OMBRIX_API int32_t K_SetBitmapRgnPolygon(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm,
+                                         const POINT* pPoints, uint32_t uCount, uint32_t uFillMode,
+                                         uint32_t uCombineMode);
+OMBRIX_API int32_t K_SetBitmapRgnHandle(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, HRGN hRgn,
+                                        uint32_t uCombineMode);
+OMBRIX_API int32_t K_SetBitmapRgnData(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, int32_t nSize,
+                                      const RGNDATA* pData, uint32_t uCombineMode);
+/* The white pixels of the mask (see docs/regions.md for masks that are not
+ * 1-bit grey: a pixel counts as white when its grey level is >= 128). */
+OMBRIX_API int32_t K_SetBitmapRgnFromMask(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm,
+                                          const BITMAPRECORD* pMask, uint32_t uCombineMode);
+/* The pixels of pBitmap whose colour is exactly uColor (0x00BBGGRR; for a
+ * palette bitmap, the pixels whose palette entry has that colour). */
+OMBRIX_API int32_t K_SetBitmapRgnColor(BITMAPRECORD* pBitmap, uint32_t uColor, uint32_t uCombineMode);
+
+OMBRIX_API int32_t K_BitmapHasRgn(const BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_FreeBitmapRgn(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_GetBitmapRgnBounds(const BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, RECT* pRect);
+OMBRIX_API int32_t K_GetBitmapRgnArea(const BITMAPRECORD* pBitmap, uint64_t* puArea);
+OMBRIX_API int32_t K_IsPtInBitmapRgn(const BITMAPRECORD* pBitmap, int32_t nRow, int32_t nCol);
+OMBRIX_API int32_t K_GetBitmapClipSegmentsMax(const BITMAPRECORD* pBitmap, uint32_t* puMax);
+/* Copies row nRow's x values (pairs x1, x2, x2 exclusive) into pSegments,
+ * which must hold K_GetBitmapClipSegmentsMax values, and stores their count. */
+OMBRIX_API int32_t K_GetBitmapClipSegments(const BITMAPRECORD* pBitmap, int32_t nRow, int32_t* pSegments,
+                                           uint32_t* puCount);
+OMBRIX_API int32_t K_OffsetBitmapRgn(BITMAPRECORD* pBitmap, int32_t nRowOffset, int32_t nColOffset);
+OMBRIX_API int32_t K_SizeBitmapRgn(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight);
+OMBRIX_API int32_t K_FlipBitmapRgn(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_ReverseBitmapRgn(BITMAPRECORD* pBitmap);
+/* *phRgn = a new handle of the region mapped out (the whole bitmap without region). */
+OMBRIX_API int32_t K_GetBitmapRgnHandle(const BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, HRGN* phRgn);
+/* nSize 0: bytes needed; else what GetRegionData returns for the mapped
+ * region. 0 without region. */
+OMBRIX_API int32_t K_GetBitmapRgnData(const BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, int32_t nSize,
+                                      RGNDATA* pData);
+OMBRIX_API int32_t K_CreateMaskFromBitmapRgn(const BITMAPRECORD* pBitmap, BITMAPRECORD* pMask,
+                                             uint32_t uStructSize);
+OMBRIX_API int32_t K_CopyBitmapRgn(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, int32_t dx, int32_t dy);
+
+/* -- filling through the region ----------------------------------------- */
+/* Fills the pixels inside the bitmap's region (all pixels without one) with
+ * uColor (0x00BBGGRR, the nearest palette entry for palette bitmaps; 32 and
+ * 64-bit pixels get an opaque fourth sample). -1927 for floating data. */
+OMBRIX_API int32_t K_FillBitmap(BITMAPRECORD* pBitmap, uint32_t uColor);
+/* Same with a raw pixel value in the bitmap's own format (the low
+ * nBitsPerPixel bits, samples in stored order, 16-bit samples little-endian). */
+OMBRIX_API int32_t K_FillBitmap2(BITMAPRECORD* pBitmap, uint64_t uRawPixel);
+/* K_FillBitmap2 with 0. */
+OMBRIX_API int32_t K_ClearBitmap(BITMAPRECORD* pBitmap);
 /* @@regions@@ */
 
 /* ======================================================================
  * Section: runtime services (thread tools, geometry, sine)
  * ====================================================================== */
+/* -- fixed-point sine and cosine --------------------------------------- */
+/* Sine and cosine of nAngle hundredths of a degree in 2.14 fixed point
+ * (16384 = 1.0), from one constant quarter-wave table of 9001 entries
+ * (round half up of sin x 16384) folded by quadrant. Callers pass 0..36000;
+ * any other angle is first reduced modulo 36000 into that range, so the
+ * results stay periodic and the table is never read out of range.
+ * These return the value itself, not a status. */
+OMBRIX_API int32_t K_SinValue(int32_t nAngle);
+OMBRIX_API int32_t K_CosValue(int32_t nAngle);
+
+/* -- critical sections ------------------------------------------------- */
+/* Stand-in for the Win32 critical section: a recursive lock. Initialise
+ * stores a pointer to a kernel-owned lock in the first word of the record
+ * (which is then "initialised"); Delete frees it and clears the word.
+ * The record is the size of the Win32 one on 64-bit builds. */
+#ifndef OMBRIX_HAVE_WIN32_TYPES
+typedef struct tagOMBRIX_CRITICAL_SECTION {
+    void* pLock;          /* the kernel's lock; null when not initialised */
+    void* pReserved[4];
+} CRITICAL_SECTION;
+#endif
+/* -13 for null, -1 when the lock cannot be made, else 1. Initialising an
+ * initialised record makes a new lock (the old one is not freed: the word
+ * may be garbage in a fresh record, so it is never read). */
+OMBRIX_API int32_t K_IntInitializeCriticalSection(CRITICAL_SECTION* pSection);
+/* Blocks until the calling thread owns the section; nests. -13 for null or a
+ * record that is not initialised, -74 when the platform lock fails, else 1. */
+OMBRIX_API int32_t K_IntEnterCriticalSection(CRITICAL_SECTION* pSection);
+/* Undoes one Enter. -13 for null or not initialised, -74 when the calling
+ * thread does not own the section, else 1. */
+OMBRIX_API int32_t K_IntLeaveCriticalSection(CRITICAL_SECTION* pSection);
+/* Frees the lock (it must not be owned) and clears the first word. -814 for
+ * null; 1 otherwise, also when the record was not initialised. */
+OMBRIX_API int32_t K_IntDeleteCriticalSection(CRITICAL_SECTION* pSection);
+
+/* -- geometry records ---------------------------------------------------- */
+/* Integer forms: POINT (x, y), SIZE (cx, cy) and RECT (left, top, right,
+ * bottom; right and bottom exclusive) from the core types. Double forms use
+ * the same field order. A rectangle of either form is empty when
+ * right <= left or bottom <= top (or, for doubles, any edge is NaN); a size
+ * is empty when cx <= 0 or cy <= 0 (or NaN). Integer results saturate at the
+ * 32-bit limits instead of wrapping. */
+typedef struct tagPOINTD {
+    double x;
+    double y;
+} POINTD;
+typedef struct tagSIZED {
+    double cx;
+    double cy;
+} SIZED;
+typedef struct tagRECTD {
+    double left;
+    double top;
+    double right;   /* exclusive */
+    double bottom;  /* exclusive */
+} RECTD;
+
+/* 2-D affine matrix: (x, y) maps to (x*dM11 + y*dM21 + dOffsetX,
+ * x*dM12 + y*dM22 + dOffsetY). nType caches the shape (KMATRIX_TYPE_) so
+ * operations can take short cuts; type 0 is trusted without looking at the
+ * values, so a zero-filled record is the identity. uReserved is always 0. */
+#define KMATRIX_TYPE_IDENTITY            0
+#define KMATRIX_TYPE_TRANSLATION         1
+#define KMATRIX_TYPE_SCALING             2
+#define KMATRIX_TYPE_SCALING_TRANSLATION 3
+#define KMATRIX_TYPE_GENERAL             4
+typedef struct tagKMATRIX {
+    double   dM11;
+    double   dM12;
+    double   dM21;
+    double   dM22;
+    double   dOffsetX;
+    double   dOffsetY;
+    int32_t  nType;
+    uint32_t uReserved;
+} KMATRIX;
+
+/* Geometry helpers keep no state and return values, not statuses. Null
+ * record pointers are tolerated: mutators do nothing and queries answer 0
+ * (or an empty/zero record). Boolean answers are 1 or 0. Angles are in
+ * degrees. */
+
+/* -- double comparisons -- */
+/* 1 when a == b, else when |a - b| < (|a| + |b| + 10) * DBL_EPSILON. */
+OMBRIX_API int32_t K_Double_AreClose(double a, double b);
+OMBRIX_API int32_t K_Double_LessThan(double a, double b);           /* a < b and not close */
+OMBRIX_API int32_t K_Double_GreaterThan(double a, double b);        /* a > b and not close */
+OMBRIX_API int32_t K_Double_LessThanOrClose(double a, double b);    /* a < b or close */
+OMBRIX_API int32_t K_Double_GreaterThanOrClose(double a, double b); /* a > b or close */
+OMBRIX_API int32_t K_Double_IsOne(double a);   /* |a - 1| < 10 * DBL_EPSILON */
+OMBRIX_API int32_t K_Double_IsZero(double a);  /* |a| < 10 * DBL_EPSILON */
+OMBRIX_API int32_t K_Double_IsBetweenZeroAndOne(double a);
+OMBRIX_API int32_t K_Double_AreClosePoints(const POINTD* pA, const POINTD* pB);
+OMBRIX_API int32_t K_Double_AreCloseSizes(const SIZED* pA, const SIZED* pB);
+OMBRIX_API int32_t K_Double_AreCloseRects(const RECTD* pA, const RECTD* pB);
+OMBRIX_API int32_t K_Double_RectHasNaN(const RECTD* pRect);
+OMBRIX_API int32_t K_Double_IsNaN(double a);
+OMBRIX_API int32_t K_Double_IsInfinity(double a);  /* +inf or -inf */
+/* Rounds half away from zero; saturates at the int32 limits; NaN gives 0. */
+OMBRIX_API int32_t K_Double_DoubleToInt(double a);
+/* Brings degrees into (0, 360] from above and [0, 360) from below: 720 -> 360,
+ * -90 -> 270. Exact (same result as repeated subtraction of 360). Infinities
+ * and NaN give NaN. */
+OMBRIX_API double K_Double_NormalizeAngle(double dDegrees);
+
+/* -- matrices -- */
+OMBRIX_API void    K_Matrix_Identity(KMATRIX* pMatrix);
+/* Stores the six values and derives the type. */
+OMBRIX_API void    K_Matrix_Set(KMATRIX* pMatrix, double dM11, double dM12, double dM21, double dM22,
+                                double dOffsetX, double dOffsetY);
+/* Re-derives nType from the values (after the fields were written directly). */
+OMBRIX_API void    K_Matrix_DeriveType(KMATRIX* pMatrix);
+OMBRIX_API int32_t K_Matrix_GetType(const KMATRIX* pMatrix);
+OMBRIX_API int32_t K_Matrix_IsIdentity(const KMATRIX* pMatrix);
+OMBRIX_API double  K_Matrix_Determinant(const KMATRIX* pMatrix);
+/* 1 when |determinant| >= 10 * DBL_EPSILON. */
+OMBRIX_API int32_t K_Matrix_HasInverse(const KMATRIX* pMatrix);
+/* Inverts in place and returns 1; returns 0 and leaves the matrix as it was
+ * when it is not invertible. */
+OMBRIX_API int32_t K_Matrix_Invert(KMATRIX* pMatrix);
+/* *pResult = A x B (A applied first). pResult may be pA or pB. */
+OMBRIX_API void    K_Matrix_Multiply(KMATRIX* pResult, const KMATRIX* pA, const KMATRIX* pB);
+OMBRIX_API void    K_Matrix_Append(KMATRIX* pMatrix, const KMATRIX* pOther);   /* M = M x Other */
+OMBRIX_API void    K_Matrix_Prepend(KMATRIX* pMatrix, const KMATRIX* pOther);  /* M = Other x M */
+/* Builders: the plain forms append (the new step is applied after the
+ * matrix), the Prepend forms apply it first. The At forms turn or scale
+ * about (dCenterX, dCenterY). */
+OMBRIX_API void K_Matrix_Rotate(KMATRIX* pMatrix, double dAngle);
+OMBRIX_API void K_Matrix_RotatePrepend(KMATRIX* pMatrix, double dAngle);
+OMBRIX_API void K_Matrix_RotateAt(KMATRIX* pMatrix, double dAngle, double dCenterX, double dCenterY);
+OMBRIX_API void K_Matrix_RotateAtPrepend(KMATRIX* pMatrix, double dAngle, double dCenterX, double dCenterY);
+OMBRIX_API void K_Matrix_Scale(KMATRIX* pMatrix, double dScaleX, double dScaleY);
+OMBRIX_API void K_Matrix_ScalePrepend(KMATRIX* pMatrix, double dScaleX, double dScaleY);
+OMBRIX_API void K_Matrix_ScaleAt(KMATRIX* pMatrix, double dScaleX, double dScaleY, double dCenterX,
+                                 double dCenterY);
+OMBRIX_API void K_Matrix_ScaleAtPrepend(KMATRIX* pMatrix, double dScaleX, double dScaleY, double dCenterX,
+                                        double dCenterY);
+/* Skew angles in degrees: dM21 = tan(dSkewX), dM12 = tan(dSkewY). */
+OMBRIX_API void K_Matrix_Skew(KMATRIX* pMatrix, double dSkewX, double dSkewY);
+OMBRIX_API void K_Matrix_SkewPrepend(KMATRIX* pMatrix, double dSkewX, double dSkewY);
+OMBRIX_API void K_Matrix_Translate(KMATRIX* pMatrix, double dOffsetX, double dOffsetY);
+OMBRIX_API void K_Matrix_TranslatePrepend(KMATRIX* pMatrix, double dOffsetX, double dOffsetY);
+/* Transforms in place. Vectors ignore the offsets. TransformRect replaces
+ * the rectangle by the bounding box of its four transformed corners (an
+ * empty rectangle stays as it is). nCount <= 0 does nothing. */
+OMBRIX_API void K_Matrix_TransformPoint(const KMATRIX* pMatrix, POINTD* pPoint);
+OMBRIX_API void K_Matrix_TransformVector(const KMATRIX* pMatrix, POINTD* pVector);
+OMBRIX_API void K_Matrix_TransformPoints(const KMATRIX* pMatrix, POINTD* pPoints, int32_t nCount);
+OMBRIX_API void K_Matrix_TransformVectors(const KMATRIX* pMatrix, POINTD* pVectors, int32_t nCount);
+OMBRIX_API void K_Matrix_TransformRect(const KMATRIX* pMatrix, RECTD* pRect);
+/* 1 when the six values are equal (type 0 counts as the identity values). */
+OMBRIX_API int32_t K_Matrix_IsEqual(const KMATRIX* pA, const KMATRIX* pB);
+/* Element accessors; the getters read a type-0 record as the identity, the
+ * setters re-derive the type. */
+OMBRIX_API double K_Matrix_GetM11(const KMATRIX* pMatrix);
+OMBRIX_API double K_Matrix_GetM12(const KMATRIX* pMatrix);
+OMBRIX_API double K_Matrix_GetM21(const KMATRIX* pMatrix);
+OMBRIX_API double K_Matrix_GetM22(const KMATRIX* pMatrix);
+OMBRIX_API double K_Matrix_GetOffsetX(const KMATRIX* pMatrix);
+OMBRIX_API double K_Matrix_GetOffsetY(const KMATRIX* pMatrix);
+OMBRIX_API void   K_Matrix_SetM11(KMATRIX* pMatrix, double dValue);
+OMBRIX_API void   K_Matrix_SetM12(KMATRIX* pMatrix, double dValue);
+OMBRIX_API void   K_Matrix_SetM21(KMATRIX* pMatrix, double dValue);
+OMBRIX_API void   K_Matrix_SetM22(KMATRIX* pMatrix, double dValue);
+OMBRIX_API void   K_Matrix_SetOffsetX(KMATRIX* pMatrix, double dValue);
+OMBRIX_API void   K_Matrix_SetOffsetY(KMATRIX* pMatrix, double dValue);
+
+/* -- integer points, sizes, rectangles -- */
+OMBRIX_API POINT   K_Point_Make(int32_t x, int32_t y);
+OMBRIX_API POINT   K_Point_Empty(void);                       /* (0, 0) */
+OMBRIX_API int32_t K_Point_IsEmpty(const POINT* pPoint);      /* both 0 */
+OMBRIX_API int32_t K_Point_IsEqual(const POINT* pA, const POINT* pB);
+OMBRIX_API void    K_Point_Offset(POINT* pPoint, int32_t dx, int32_t dy);
+OMBRIX_API POINTD  K_Point_ToPointD(const POINT* pPoint);
+OMBRIX_API SIZE    K_Size_Make(int32_t cx, int32_t cy);
+OMBRIX_API SIZE    K_Size_Empty(void);
+OMBRIX_API int32_t K_Size_IsEmpty(const SIZE* pSize);
+OMBRIX_API int32_t K_Size_IsEqual(const SIZE* pA, const SIZE* pB);
+OMBRIX_API SIZED   K_Size_ToSizeD(const SIZE* pSize);
+/* From an origin and a size (negative sizes are kept: the result is empty). */
+OMBRIX_API RECT    K_Rect_Make(int32_t x, int32_t y, int32_t cx, int32_t cy);
+OMBRIX_API RECT    K_Rect_FromLTRB(int32_t nLeft, int32_t nTop, int32_t nRight, int32_t nBottom);
+OMBRIX_API RECT    K_Rect_Empty(void);                        /* all 0 */
+OMBRIX_API int32_t K_Rect_IsEmpty(const RECT* pRect);
+OMBRIX_API int32_t K_Rect_IsEqual(const RECT* pA, const RECT* pB);
+OMBRIX_API int32_t K_Rect_Width(const RECT* pRect);           /* right - left, may be <= 0 */
+OMBRIX_API int32_t K_Rect_Height(const RECT* pRect);
+OMBRIX_API POINT   K_Rect_TopLeft(const RECT* pRect);
+OMBRIX_API POINT   K_Rect_TopRight(const RECT* pRect);
+OMBRIX_API POINT   K_Rect_BottomLeft(const RECT* pRect);
+OMBRIX_API POINT   K_Rect_BottomRight(const RECT* pRect);
+OMBRIX_API SIZE    K_Rect_Size(const RECT* pRect);
+/* left <= x < right and top <= y < bottom. */
+OMBRIX_API int32_t K_Rect_ContainsPoint(const RECT* pRect, const POINT* pPoint);
+/* 1 when pInner is not empty and lies inside pOuter. */
+OMBRIX_API int32_t K_Rect_ContainsRect(const RECT* pOuter, const RECT* pInner);
+/* Moves every edge outwards by dx, dy (negative values shrink). */
+OMBRIX_API void    K_Rect_Inflate(RECT* pRect, int32_t dx, int32_t dy);
+OMBRIX_API void    K_Rect_Offset(RECT* pRect, int32_t dx, int32_t dy);
+/* *pResult = A intersect B; when that is empty *pResult becomes all 0 and 0
+ * is returned. pResult may alias an input. */
+OMBRIX_API int32_t K_Rect_Intersect(RECT* pResult, const RECT* pA, const RECT* pB);
+OMBRIX_API int32_t K_Rect_IntersectsWith(const RECT* pA, const RECT* pB);
+/* Smallest rectangle holding both; empty inputs are ignored; 0 (and all 0)
+ * when both are empty. pResult may alias an input. */
+OMBRIX_API int32_t K_Rect_Union(RECT* pResult, const RECT* pA, const RECT* pB);
+OMBRIX_API RECTD   K_Rect_ToRectD(const RECT* pRect);
+
+/* -- double points, sizes, rectangles -- */
+OMBRIX_API POINTD  K_PointD_Make(double x, double y);
+OMBRIX_API POINTD  K_PointD_Empty(void);
+OMBRIX_API int32_t K_PointD_IsEmpty(const POINTD* pPoint);    /* both exactly 0 */
+OMBRIX_API int32_t K_PointD_IsEqual(const POINTD* pA, const POINTD* pB);  /* exact */
+OMBRIX_API void    K_PointD_Offset(POINTD* pPoint, double dx, double dy);
+/* Each coordinate by K_Double_DoubleToInt. */
+OMBRIX_API POINT   K_PointD_ToPoint(const POINTD* pPoint);
+OMBRIX_API SIZED   K_SizeD_Make(double cx, double cy);
+OMBRIX_API SIZED   K_SizeD_Empty(void);
+OMBRIX_API int32_t K_SizeD_IsEmpty(const SIZED* pSize);
+OMBRIX_API int32_t K_SizeD_IsEqual(const SIZED* pA, const SIZED* pB);
+OMBRIX_API SIZE    K_SizeD_ToSize(const SIZED* pSize);
+OMBRIX_API RECTD   K_RectD_Make(double x, double y, double cx, double cy);
+OMBRIX_API RECTD   K_RectD_FromLTRB(double dLeft, double dTop, double dRight, double dBottom);
+OMBRIX_API RECTD   K_RectD_Empty(void);
+OMBRIX_API int32_t K_RectD_IsEmpty(const RECTD* pRect);
+OMBRIX_API int32_t K_RectD_IsEqual(const RECTD* pA, const RECTD* pB);
+OMBRIX_API double  K_RectD_Width(const RECTD* pRect);
+OMBRIX_API double  K_RectD_Height(const RECTD* pRect);
+OMBRIX_API POINTD  K_RectD_TopLeft(const RECTD* pRect);
+OMBRIX_API POINTD  K_RectD_TopRight(const RECTD* pRect);
+OMBRIX_API POINTD  K_RectD_BottomLeft(const RECTD* pRect);
+OMBRIX_API POINTD  K_RectD_BottomRight(const RECTD* pRect);
+OMBRIX_API SIZED   K_RectD_Size(const RECTD* pRect);
+OMBRIX_API int32_t K_RectD_ContainsPoint(const RECTD* pRect, const POINTD* pPoint);
+OMBRIX_API int32_t K_RectD_ContainsRect(const RECTD* pOuter, const RECTD* pInner);
+OMBRIX_API void    K_RectD_Inflate(RECTD* pRect, double dx, double dy);
+OMBRIX_API void    K_RectD_Offset(RECTD* pRect, double dx, double dy);
+OMBRIX_API int32_t K_RectD_Intersect(RECTD* pResult, const RECTD* pA, const RECTD* pB);
+OMBRIX_API int32_t K_RectD_IntersectsWith(const RECTD* pA, const RECTD* pB);
+OMBRIX_API int32_t K_RectD_Union(RECTD* pResult, const RECTD* pA, const RECTD* pB);
+/* Multiplies the edges by the factors (a negative factor swaps the edges). */
+OMBRIX_API void    K_RectD_Scale(RECTD* pRect, double dScaleX, double dScaleY);
+/* Same as K_Matrix_TransformRect. */
+OMBRIX_API void    K_RectD_Transform(RECTD* pRect, const KMATRIX* pMatrix);
+/* The smallest integer rectangle covering the double one (floor of left/top,
+ * ceiling of right/bottom, saturated); an empty one gives all 0. */
+OMBRIX_API RECT    K_RectD_ToRect(const RECTD* pRect);
+
+/* -- lengths -- */
+/* Euclidean lengths without intermediate overflow (hypot). */
+OMBRIX_API double K_LengthD_Vector(double dx, double dy);
+OMBRIX_API double K_LengthD_Between(const POINTD* pA, const POINTD* pB);
+/* Length of the vector (dx, dy) after the matrix's linear part. */
+OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double dy);
 /* @@runtime@@ */
 
 #ifdef __cplusplus
@@ -822,6 +1565,188 @@ OMBRIX_API int32_t K_FlipCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, in
  * Section: exported C++ classes
  * ====================================================================== */
 #ifdef __cplusplus
+/* -- thread tools --------------------------------------------------------
+ * Results are kernel statuses: 1 success, -1 (KS_NO_MEMORY) when an object
+ * cannot be made, -100 (KS_USER_ABORT) for a time-out or a cancel. No method
+ * throws. None of these objects may be copied; each owns what it creates and
+ * releases it in Destroy and in its destructor. */
+
+#define KT_INFINITE 0xFFFFFFFFu  /* KTWaitEvent::WaitOne without time-out */
+
+/* The flags of KTWorkItems::Create */
+#define KTWI_LOCK           0x1u  /* create the lock */
+#define KTWI_LOCK_CANCEL    0x2u  /* read and write the cancelled flag under the lock (implies the lock) */
+#define KTWI_ITEM_STATUS    0x4u  /* each item's result becomes the status (implies the lock) */
+#define KTWI_SINGLE_THREAD  0x8u  /* never use threads: items run inside QueueItem */
+
+/* An event: null until Create. */
+class OMBRIX_API KTWaitEvent {
+public:
+    KTWaitEvent() noexcept;
+    virtual ~KTWaitEvent();
+    KTWaitEvent(const KTWaitEvent&) = delete;
+    KTWaitEvent& operator=(const KTWaitEvent&) = delete;
+
+    /* Closes an existing event, then makes a new one (manual reset: stays
+     * signalled until Reset; otherwise one released waiter resets it).
+     * 1, or -1 when it cannot be made (the object is then without event). */
+    int Create(int bManualReset, int bInitialState);
+    /* 1 when signalled within uMilliseconds (KT_INFINITE: no limit) or when
+     * there is no event; -100 on time-out. */
+    int WaitOne(uint32_t uMilliseconds);
+    int Set();    /* 1 */
+    int Reset();  /* 1 */
+    void Destroy();
+    int IsCreated() const; /* 1 when there is an event */
+
+private:
+    void* m_hEvent;
+};
+
+class KTReaderWriterLock;
+
+/* A hold on a KTReaderWriterLock, released by the destructor (or Release).
+ * Movable, not copyable. An empty item holds nothing. */
+class OMBRIX_API KTReaderWriterLockItem {
+public:
+    KTReaderWriterLockItem() noexcept;
+    KTReaderWriterLockItem(KTReaderWriterLock* pLock, int bReader) noexcept; /* adopts a hold already taken */
+    KTReaderWriterLockItem(KTReaderWriterLockItem&& other) noexcept;
+    KTReaderWriterLockItem& operator=(KTReaderWriterLockItem&& other) noexcept;
+    KTReaderWriterLockItem(const KTReaderWriterLockItem&) = delete;
+    KTReaderWriterLockItem& operator=(const KTReaderWriterLockItem&) = delete;
+    virtual ~KTReaderWriterLockItem();
+
+    void Release();            /* releases the hold now; the item becomes empty */
+    int IsHeld() const;        /* 1 when the item holds a lock */
+    int IsReader() const;      /* 1 for a shared hold */
+
+private:
+    KTReaderWriterLock* m_pLock;
+    int m_bReader;
+};
+
+/* A reader/writer lock. Until Create (and after Destroy) it is a valid lock
+ * that does nothing: acquires return empty items and releases return at
+ * once. The lock state lives inside the object; it must not be moved while
+ * created. Recursive holds are not supported, except that in the
+ * critical-section fallback mode a thread may nest holds. */
+class OMBRIX_API KTReaderWriterLock {
+public:
+    KTReaderWriterLock() noexcept;
+    virtual ~KTReaderWriterLock();
+    KTReaderWriterLock(const KTReaderWriterLock&) = delete;
+    KTReaderWriterLock& operator=(const KTReaderWriterLock&) = delete;
+
+    int Create();   /* 1; re-creating first tears down the old lock (which must not be held) */
+    void Destroy();
+    int IsCreated() const;
+    KTReaderWriterLockItem AcquireReaderLock();
+    KTReaderWriterLockItem AcquireReaderLock(int bEnable);  /* empty item when bEnable is 0 */
+    KTReaderWriterLockItem AcquireWriterLock();
+    KTReaderWriterLockItem AcquireWriterLock(int bEnable);
+    /* Null lock: empty item; bReader non-zero: shared hold; else exclusive. */
+    static KTReaderWriterLockItem Acquire(KTReaderWriterLock* pLock, int bReader);
+    void Lock();               /* exclusive hold without an item */
+    void Unlock();             /* releases an exclusive hold */
+    void ReleaseWriterLock();  /* same as Unlock */
+
+private:
+    friend class KTReaderWriterLockItem;
+    void ReleaseReaderLock();
+    void LockShared();
+    alignas(16) unsigned char m_storage[64];
+    const void* m_pOps;
+    int m_bCreated;
+};
+
+class KTWorkItems;
+/* A work item: gets its KTWorkItems and its data; returns a status. -100
+ * cancels the items that have not started yet. */
+typedef int (*KTWORKITEMCALLBACK)(KTWorkItems* pItems, void* pData);
+/* A function run on the pool; its result is ignored. */
+typedef int (*KTPOOLFUNCTION)(void* pContext);
+
+/* A set of work items run on the process-wide pool. Calling order: Create,
+ * QueueItem once per announced item, Wait, GetStatus. With one processor
+ * or KTWI_SINGLE_THREAD the items run inside QueueItem and Wait returns at
+ * once. */
+class OMBRIX_API KTWorkItems {
+public:
+    KTWorkItems() noexcept;
+    virtual ~KTWorkItems();
+    KTWorkItems(const KTWorkItems&) = delete;
+    KTWorkItems& operator=(const KTWorkItems&) = delete;
+
+    /* uItemCount items will be queued (0: the caller releases Wait with
+     * Finish). uFlags: KTWI_. uPoolFlags go to KTThreadPool::QueueUserWorkItem.
+     * 1, or -1 when the event or lock cannot be made. */
+    int Create(uint32_t uItemCount, uint32_t uFlags, uint32_t uPoolFlags);
+    /* Runs or queues one item. After a cancel it returns 1 without running
+     * anything. -1 when the item cannot be queued (no memory). An item that is
+     * skipped or cannot be queued counts as finished, so Wait does not wait
+     * for it. */
+    int QueueItem(KTWORKITEMCALLBACK pfnCallback, void* pData);
+    /* Blocks until every announced item finished or Finish was called. 1. */
+    int Wait();
+    int Finish();         /* releases a waiter; 1 */
+    void Cancel();
+    int IsCanceled();
+    int GetStatus();
+    void SetStatus(int nStatus);
+    KTReaderWriterLock& GetLock();
+    /* Waits until every item handed to the pool has finished (so the object
+     * may be destroyed right after a Wait released by Finish), then tears
+     * the event and lock down. Not to be called from one of its own items. */
+    void Destroy();
+    int IsThreaded() const; /* 1 when items go to the pool */
+
+private:
+    static int RunRecord(void* pRecord);
+    static int DropRecord(void* pRecord);
+    int ReadCanceled();
+    void ItemDone();
+    uint32_t m_uFlags;
+    int m_bCreated;
+    uint32_t m_uItemCount;
+    int m_nRemaining;           /* changed atomically */
+    KTWaitEvent m_doneEvent;
+    int m_bCanceled;
+    KTReaderWriterLock m_lock;
+    int m_nStatus;
+    uint32_t m_uPoolFlags;
+    int m_nInFlight;            /* handed to the pool, not finished; atomic */
+};
+
+/* The process-wide pool: one worker thread per processor, started on first
+ * use and joined when the library is unloaded or the process exits. */
+class OMBRIX_API KTThreadPool {
+public:
+    /* Runs pfnFunction(pContext) on a pool thread. uFlags are accepted and not
+     * used. 1; -13 for a null function; -1 when the request cannot be
+     * recorded. When no worker thread can be started the function runs on
+     * the calling thread before the call returns. */
+    static int QueueUserWorkItem(KTPOOLFUNCTION pfnFunction, void* pContext, uint32_t uFlags);
+    /* Number of worker threads running now (0 before first use). */
+    static int GetThreadCount();
+    /* Items queued and not yet started. */
+    static int GetPendingCount();
+};
+
+class OMBRIX_API KTThreadToolsManaged {
+public:
+    /* The processor count, read once per process; at least 1. */
+    static int GetCoreCount();
+};
+
+class OMBRIX_API KTThreadToolsUnmanaged {
+public:
+    /* Binds the slim reader/writer lock operations once per process (falls
+     * back to a critical section when the platform has none). 1. */
+    static int Initialize();
+    /* 1 when new locks use the slim reader/writer lock, 0 for the fallback. */
+    static int HasSlimLocks();
+};
 /* @@runtime-classes@@ */
 #endif
 

@@ -1,0 +1,273 @@
+// test_runtime_parallel.cpp - the row helper: every row exactly once, the
+// serial and parallel runs give the same image, slots never run two bands
+// at once, progress is ordered and on the caller's thread, the stop answer
+// and band failures end the job with their status, small jobs and nested
+// calls stay on the caller, and out-of-memory only costs parallelism.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "ombrix.h"
+#include "krn/common/memory.h"
+#include "krn/common/parallel.h"
+#include "ktthreading_.h"
+
+namespace {
+
+struct CoreCount {
+    explicit CoreCount(int n) { ktt::testhook::setCoreCount(n); }
+    ~CoreCount() { ktt::testhook::setCoreCount(0); }
+};
+
+// Installs a status callback for the calling thread and restores the old one.
+struct StatusHook {
+    STATUSCALLBACK oldFn = nullptr;
+    void* oldUser = nullptr;
+    StatusHook(STATUSCALLBACK fn, void* user) { K_SetStatusCallBack(fn, user, &oldFn, &oldUser); }
+    ~StatusHook() { K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr); }
+};
+
+// A per-pixel job (the same arithmetic as the benchmark) over a 32-bit image.
+void pixelRows(const uint32_t* src, uint32_t* dst, int width, int y0, int y1) {
+    for (int y = y0; y < y1; ++y)
+        for (int x = 0; x < width; ++x) {
+            uint32_t p = src[size_t(y) * width + x];
+            dst[size_t(y) * width + x] = (p * 2654435761u) ^ (p >> 7) ^ uint32_t(y * 31 + x);
+        }
+}
+
+TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
+    CoreCount cc(4);
+    const int w = 97;
+    for (int h : {1, 2, 31, 32, 33, 500, 1999}) {
+        std::vector<uint32_t> src(size_t(w) * h), serial(src.size(), 0xAAAAAAAAu), par(src.size(), 0x55555555u);
+        for (size_t i = 0; i < src.size(); ++i) src[i] = uint32_t(i * 7919u);
+        std::vector<std::atomic<int>> hits(h);
+        krn::ParallelOptions one;
+        one.maxThreads = 1;
+        ASSERT_EQ(krn::parallelRows(h, [&](int32_t y0, int32_t y1, int32_t) {
+            pixelRows(src.data(), serial.data(), w, y0, y1);
+            return 1;
+        }, one), 1);
+        int32_t slots = krn::parallelMaxSlots();
+        std::vector<std::atomic<int>> busy(slots);
+        std::atomic<int> overlap{0}, badSlot{0};
+        krn::ParallelOptions many;
+        many.bytesPerRow = 0;  // unknown: never counted as small
+        ASSERT_EQ(krn::parallelRows(h, [&](int32_t y0, int32_t y1, int32_t slot) {
+            if (slot < 0 || slot >= slots) {
+                badSlot++;
+                return 1;
+            }
+            if (busy[slot].exchange(1)) overlap++;
+            for (int y = y0; y < y1; ++y) hits[y]++;
+            pixelRows(src.data(), par.data(), w, y0, y1);
+            busy[slot] = 0;
+            return 1;
+        }, many), 1) << h;
+        EXPECT_EQ(badSlot.load(), 0);
+        EXPECT_EQ(overlap.load(), 0);
+        for (int y = 0; y < h; ++y) ASSERT_EQ(hits[y].load(), 1) << "row " << y << " of " << h;
+        ASSERT_EQ(std::memcmp(serial.data(), par.data(), src.size() * 4), 0) << h;
+    }
+}
+
+TEST(RuntimeParallel, ArgumentsAndEmptyJobs) {
+    EXPECT_EQ(krn::parallelRows(10, krn::RowBandFn(nullptr), nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(krn::parallelRows(-1, [](int32_t, int32_t, int32_t) { return 1; }), KS_INVALID_PARAMETER);
+    int calls = 0;
+    EXPECT_EQ(krn::parallelRows(0, [&](int32_t, int32_t, int32_t) { return ++calls, 1; }), 1);
+    EXPECT_EQ(calls, 0);
+    krn::ParallelOptions o;
+    o.maxThreads = 1;
+    EXPECT_EQ(krn::parallelMaxSlots(o), 1);
+}
+
+struct ProgressLog {
+    std::vector<int> seen;
+    std::thread::id caller;
+    bool foreign = false;
+    int stopAt = 1000;
+    int answer = KS_USER_ABORT;
+};
+int32_t logProgress(int32_t pct, void* user) {
+    auto* log = static_cast<ProgressLog*>(user);
+    if (std::this_thread::get_id() != log->caller) log->foreign = true;
+    log->seen.push_back(pct);
+    return pct >= log->stopAt ? log->answer : 1;
+}
+
+TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
+    CoreCount cc(4);
+    for (int threads : {1, 0}) {
+        ProgressLog log;
+        log.caller = std::this_thread::get_id();
+        StatusHook hook(logProgress, &log);
+        krn::ParallelOptions o;
+        o.maxThreads = threads;
+        ASSERT_EQ(krn::parallelRows(3000, [](int32_t, int32_t, int32_t) { return 1; }, o), 1);
+        ASSERT_GE(log.seen.size(), 2u);
+        EXPECT_EQ(log.seen.front(), 0);
+        EXPECT_EQ(log.seen.back(), 100);
+        for (size_t i = 1; i < log.seen.size(); ++i) EXPECT_GT(log.seen[i], log.seen[i - 1]);
+        EXPECT_FALSE(log.foreign);
+    }
+    // A sub-range for one pass of a longer operation.
+    {
+        ProgressLog log;
+        log.caller = std::this_thread::get_id();
+        StatusHook hook(logProgress, &log);
+        krn::ParallelOptions o;
+        o.progressFrom = 50;
+        o.progressTo = 75;
+        ASSERT_EQ(krn::parallelRows(3000, [](int32_t, int32_t, int32_t) { return 1; }, o), 1);
+        EXPECT_EQ(log.seen.front(), 50);
+        EXPECT_EQ(log.seen.back(), 75);
+        for (size_t i = 1; i < log.seen.size(); ++i) EXPECT_GT(log.seen[i], log.seen[i - 1]);
+    }
+    // The copy status callback is used only when asked for.
+    ProgressLog log;
+    log.caller = std::this_thread::get_id();
+    STATUSCALLBACK oldFn;
+    void* oldUser;
+    K_SetCopyStatusCallBack(logProgress, &log, &oldFn, &oldUser);
+    krn::ParallelOptions o;
+    o.progress = krn::ParallelProgress::None;
+    krn::parallelRows(100, [](int32_t, int32_t, int32_t) { return 1; }, o);
+    EXPECT_TRUE(log.seen.empty());
+    o.progress = krn::ParallelProgress::CopyStatus;
+    krn::parallelRows(100, [](int32_t, int32_t, int32_t) { return 1; }, o);
+    EXPECT_FALSE(log.seen.empty());
+    K_SetCopyStatusCallBack(oldFn, oldUser, nullptr, nullptr);
+}
+
+TEST(RuntimeParallel, StopAnswerEndsTheJobWithThatAnswer) {
+    CoreCount cc(4);
+    for (int threads : {1, 0}) {
+        for (int answer : {int(KS_USER_ABORT), 0, 2}) {
+            ProgressLog log;
+            log.caller = std::this_thread::get_id();
+            log.stopAt = 30;
+            log.answer = answer;
+            StatusHook hook(logProgress, &log);
+            std::atomic<int> rows{0}, afterReturn{0};
+            std::atomic<bool> returned{false};
+            krn::ParallelOptions o;
+            o.maxThreads = threads;
+            int32_t r = krn::parallelRows(4000, [&](int32_t y0, int32_t y1, int32_t) {
+                if (returned.load()) afterReturn++;
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+                rows += y1 - y0;
+                return 1;
+            }, o);
+            returned = true;
+            EXPECT_EQ(r, answer);
+            // Serially nothing runs past the band that reached 30%; in
+            // parallel the helpers finish the bands they hold.
+            EXPECT_LT(rows.load(), threads == 1 ? 4000 * 2 / 5 : 4000) << "stopped late";
+            EXPECT_EQ(log.seen.back(), log.seen.size() > 1 ? log.seen.back() : 0);
+            EXPECT_GE(log.seen.back(), 30);
+            EXPECT_EQ(afterReturn.load(), 0);
+        }
+    }
+    // A stop on the very first report runs nothing.
+    ProgressLog log;
+    log.caller = std::this_thread::get_id();
+    log.stopAt = 0;
+    StatusHook hook(logProgress, &log);
+    int calls = 0;
+    EXPECT_EQ(krn::parallelRows(100, [&](int32_t, int32_t, int32_t) { return ++calls, 1; }), KS_USER_ABORT);
+    EXPECT_EQ(calls, 0);
+}
+
+TEST(RuntimeParallel, FirstBandFailureIsTheResult) {
+    CoreCount cc(4);
+    for (int threads : {1, 0}) {
+        krn::ParallelOptions o;
+        o.maxThreads = threads;
+        std::atomic<int> rows{0};
+        int32_t r = krn::parallelRows(5000, [&](int32_t y0, int32_t y1, int32_t) {
+            rows += y1 - y0;
+            return (y0 <= 1000 && 1000 < y1) ? -7 : 1;
+        }, o);
+        EXPECT_EQ(r, -7);
+        EXPECT_LT(rows.load(), 5000);
+    }
+    // Exceptions thrown by a callable become statuses.
+    EXPECT_EQ(krn::parallelRows(10, [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); }),
+              KS_NO_MEMORY);
+}
+
+TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
+    auto onlyCaller = [](const krn::ParallelOptions& o, int h) {
+        std::thread::id me = std::this_thread::get_id();
+        std::atomic<bool> foreign{false};
+        krn::parallelRows(h, [&](int32_t, int32_t, int32_t slot) {
+            if (std::this_thread::get_id() != me || slot != 0) foreign = true;
+            return 1;
+        }, o);
+        return !foreign.load();
+    };
+    {
+        CoreCount cc(4);
+        krn::ParallelOptions small;
+        small.bytesPerRow = 64;  // 64 x 1000 bytes: below the threshold
+        EXPECT_TRUE(onlyCaller(small, 1000));
+        krn::ParallelOptions big;
+        big.bytesPerRow = 1 << 20;
+        EXPECT_GE(krn::parallelMaxSlots(big), 2);
+    }
+    {
+        CoreCount cc(1);
+        EXPECT_TRUE(onlyCaller(krn::ParallelOptions{}, 5000));
+    }
+    // From inside a pool item: serial, and it does not wait on the pool.
+    CoreCount cc(4);
+    struct Nested {
+        std::atomic<int> done{0};
+        std::atomic<bool> serial{true};
+    } nested;
+    KTWorkItems w;
+    ASSERT_EQ(w.Create(8, 0, 0), 1);
+    for (int i = 0; i < 8; ++i)
+        w.QueueItem([](KTWorkItems*, void* d) {
+            auto* n = static_cast<Nested*>(d);
+            std::thread::id me = std::this_thread::get_id();
+            int32_t r = krn::parallelRows(2000, [&](int32_t, int32_t, int32_t) {
+                if (std::this_thread::get_id() != me) n->serial = false;
+                return 1;
+            });
+            if (r == 1) n->done++;
+            return 1;
+        }, &nested);
+    w.Wait();
+    EXPECT_EQ(nested.done.load(), 8);
+    EXPECT_TRUE(nested.serial.load());
+}
+
+// Allocation failures only take threads away: the caller does the bands.
+TEST(RuntimeParallel, OutOfMemoryStillCompletesWithoutLeaks) {
+    CoreCount cc(4);
+    krn::parallelRows(100, [](int32_t, int32_t, int32_t) { return 1; });  // warm up the pool
+    long live = krn::faultinject::liveBlocks();
+    for (long n = 0; n < 6; ++n) {
+        for (long repeat : {1L, -1L}) {
+            std::vector<std::atomic<int>> hits(700);
+            krn::faultinject::arm(n, repeat);
+            int32_t r = krn::parallelRows(700, [&](int32_t y0, int32_t y1, int32_t) {
+                for (int y = y0; y < y1; ++y) hits[y]++;
+                return 1;
+            });
+            krn::faultinject::disarm();
+            EXPECT_EQ(r, 1);
+            for (int y = 0; y < 700; ++y) ASSERT_EQ(hits[y].load(), 1) << n;
+            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << n;
+        }
+    }
+}
+
+}  // namespace
