@@ -596,6 +596,40 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
     sweepAllocationFailures("tiles to disk", build(1, 8, 128));
 }
 
+TEST(StorageFaults, TilesRetryWithHalfTheTileSize) {
+    CapGuard guard;
+    // 32 MiB that may not be one block nor use files: tiles in memory only.
+    ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE),
+              KS_SUCCESS);
+    K_GetDefaultMemoryType();
+    const long live = krn::faultinject::liveBlocks();
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);
+    // Allocation 0 is the tile table, 1 the first 16 MiB tile: it fails once.
+    krn::faultinject::arm(1, 1);
+    int32_t rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
+    krn::faultinject::disarm();
+    ASSERT_EQ(rc, KS_SUCCESS);
+    uint64_t tileSize = 0;
+    int32_t tiles = 0, onDisk = -1;
+    uint32_t type = 0;
+    K_GetBitmapMemoryInfo(&bm, &type, &tileSize, &tiles, &onDisk);
+    EXPECT_EQ(type, 4u);
+    EXPECT_EQ(tileSize, 8u << 20) << "the second try used tiles of half the size";
+    EXPECT_EQ(tiles, 4);
+    EXPECT_EQ(onDisk, 0);
+    K_FreeBitmap(&bm);
+    // Already at the floor (8 MiB): no retry, the shortage is the answer.
+    ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);
+    krn::faultinject::arm(1, 1);
+    rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
+    krn::faultinject::disarm();
+    EXPECT_EQ(rc, KS_NO_MEMORY);
+    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+}
+
 TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
     CapGuard guard;
     for (uint32_t type : {1u, 4u, 128u, 512u, 1024u}) {
