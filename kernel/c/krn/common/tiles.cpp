@@ -7,6 +7,7 @@
 
 #include "kernel.h"
 #include "memory.h"
+#include "settings.h"
 #include "storage.h"
 
 namespace krn {
@@ -148,7 +149,7 @@ int32_t tilesSetHeight(BITMAPRECORD* bm, int32_t newHeight) noexcept {
         t->capacity = newCount;
     }
     const bool diskAllowed = fileDiskAllowed();
-    const int32_t fifth = 1;
+    const int32_t fifth = settings().nMemFifth;
     const uint32_t old = t->count;
     for (uint32_t i = old; i < newCount; ++i) {
         const uint64_t bytes = i + 1 == newCount ? lastBytes : uint64_t(rpt) * bpl;
