@@ -92,7 +92,8 @@ struct RowBench {
     size_t bytes;
     std::vector<uint8_t> src, dst;
     bool ok = false;
-    RowBench(int32_t rows, uint32_t type, uint32_t convertTo)
+    bool accessed = false;
+    RowBench(int32_t rows, uint32_t type, uint32_t convertTo, bool access = true)
         : h(rows), bytes(size_t(kW) * 3 * size_t(rows)), src(bench::randomBytes(bytes)), dst(bytes) {
         ok = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, type, kW, h, 24, ORDER_BGR, nullptr, TOP_LEFT, nullptr, 0) ==
              KS_SUCCESS;
@@ -106,18 +107,18 @@ struct RowBench {
             ok = K_SetBitmapMemoryInfo(&bm, convertTo & 0xFFFF, 4u << 20) == KS_SUCCESS;
             if (convertTo & 0x10000) K_ManageMemory(MANAGEMEMORY_SET_CAP, oldCap, nullptr);
         }
-        if (ok) ok = K_AccessBitmap(&bm) == KS_SUCCESS;
+        if (ok && access) ok = accessed = K_AccessBitmap(&bm) == KS_SUCCESS;
         for (int32_t r = 0; ok && r < h; ++r)
             ok = K_PutBitmapRow(&bm, src.data() + size_t(r) * 12000, r, 12000) == 12000;
     }
     ~RowBench() {
-        K_ReleaseBitmap(&bm);
+        if (accessed) K_ReleaseBitmap(&bm);
         K_FreeBitmap(&bm);
     }
 };
 
-void getRows(benchmark::State& state, uint32_t type, uint32_t convertTo) {
-    RowBench b(int32_t(state.range(0)), type, convertTo);
+void getRows(benchmark::State& state, uint32_t type, uint32_t convertTo, bool access = true) {
+    RowBench b(int32_t(state.range(0)), type, convertTo, access);
     if (!b.ok) {
         state.SkipWithError("bitmap setup failed");
         return;
@@ -145,6 +146,8 @@ void putRows(benchmark::State& state, uint32_t type, uint32_t convertTo) {
 void BM_Rows_Memcpy(benchmark::State& s) { bench::memcpyBaseline(s, size_t(kW) * 3 * size_t(s.range(0))); }
 void BM_Rows_GetSingleBlock(benchmark::State& s) { getRows(s, 1, 0); }
 void BM_Rows_PutSingleBlock(benchmark::State& s) { putRows(s, 1, 0); }
+// Without K_AccessBitmap: every row locks and unlocks the block.
+void BM_Rows_GetSingleBlockNotAccessed(benchmark::State& s) { getRows(s, 1, 0, false); }
 void BM_Rows_GetTiles(benchmark::State& s) { getRows(s, 1, 4); }
 void BM_Rows_PutTiles(benchmark::State& s) { putRows(s, 1, 4); }
 void BM_Rows_GetFileTiles(benchmark::State& s) { getRows(s, 1, 0x10004); }
@@ -154,6 +157,7 @@ void BM_Rows_PutDisk(benchmark::State& s) { putRows(s, 128, 0); }
 BENCHMARK(BM_Rows_Memcpy)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Rows_GetSingleBlock)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Rows_PutSingleBlock)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_GetSingleBlockNotAccessed)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Rows_GetTiles)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Rows_PutTiles)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Rows_GetFileTiles)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
