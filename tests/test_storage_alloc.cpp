@@ -141,6 +141,34 @@ TEST(StorageDecision, ThresholdsSteerTheDecision) {
     K_FreeBitmap(&bm);
 }
 
+TEST(StorageDecision, FreeMemoryLessTheReserveLimitsOneBlock) {
+    CapGuard guard;
+    struct Restore {
+        ~Restore() { krn::testhook::setAvailableMemory(0); }
+    } restore;
+    krn::testhook::setAvailableMemory(10000);
+    BITMAPRECORD bm;
+    // 2000 bytes fit in 10000 free bytes less 7000 kept free...
+    ASSERT_EQ(K_SetMemoryThresholds(7000, 0, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    ASSERT_EQ(K_AllocateBitmap(&bm, 265), KS_SUCCESS);
+    K_FreeBitmap(&bm);
+    // ... but not in 10000 less 9000.
+    ASSERT_EQ(K_SetMemoryThresholds(9000, 0, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_NO_MEMORY);
+    ASSERT_EQ(K_AllocateBitmap(&bm, 1), KS_SUCCESS);
+    EXPECT_EQ(kindOf(bm), 4u) << "too large for one block: tiles";
+    K_FreeBitmap(&bm);
+    // A percentage: the largest image is 15% of the 10000 free bytes.
+    ASSERT_EQ(K_SetMemoryThresholds(0, -15, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE | MEMTHRESHOLD_LARGEST_IMAGE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_NO_MEMORY);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 15, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_SUCCESS) << "1500 bytes fit";
+    K_FreeBitmap(&bm);
+}
+
 TEST(StorageDecision, TileSizeZeroMeans16MiB) {
     CapGuard guard;
     ASSERT_EQ(K_SetMemoryThresholds(0, 0, 0, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS);
