@@ -21,7 +21,6 @@
 #include "krn/common/hooks.h"
 #include "krn/common/memory.h"
 #include "krn/common/palette.h"
-#include "krn/common/settings.h"
 
 namespace {
 
@@ -612,25 +611,36 @@ TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
     EXPECT_EQ(got, (std::vector<int>{0, 1, 2, int(32767 % 7)}));
 
     // A table installed for the thread stands in for the one a run would build.
-    auto& ts = krn::settings();
-    const uint32_t* old = ts.pUserMatchTable;
-    ts.pUserMatchTable = table.data();
+    const uint32_t* old = K_SetUserMatchTable(table.data());
     Rec rec(4, 24, ORDER_BGR, 0);
     ASSERT_EQ(K_StartDithering(&rec.bm, pal.data(), 16), KS_SUCCESS);
     EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeCallerTable);
     auto viaInstalled = runLibrary(0, 4, 1, img, pal.data(), 16);
-    ts.pUserMatchTable = old;
     EXPECT_EQ(viaInstalled, got);
     // Fixed palettes never look at it.
-    ts.pUserMatchTable = table.data();
     ASSERT_EQ(K_StartDithering(&rec.bm, nullptr, 16), KS_SUCCESS);
     EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeFixed16);
-    ts.pUserMatchTable = old;
+    K_SetUserMatchTable(old);
 
     // Indices past the output depth are masked into it.
     for (auto& e : table) e = 200;  // index 199 = 0b11000111
     auto masked = runLibrary(0, 4, 1, img, pal.data(), 16, 4, table.data());
     EXPECT_EQ(masked, (std::vector<int>{7, 7, 7, 7}));
+}
+
+TEST(DitherProof, TheRunsTableIsTheUserMatchTable) {
+    // A table from K_CreateUserMatchTable, passed in, dithers exactly like
+    // the table a run builds for the same palette.
+    auto pal = randomPalette(23, 17);
+    uint32_t* table = K_CreateUserMatchTable(pal.data(), 23);
+    ASSERT_NE(table, nullptr);
+    auto img = testImage(150, 30, 5);
+    for (int method : {0, 1, 6, 7}) {
+        auto built = runLibrary(method, 150, 30, img, pal.data(), 23);
+        auto given = runLibrary(method, 150, 30, img, pal.data(), 23, 5, table);
+        EXPECT_EQ(built, given) << "method " << method;
+    }
+    K_FreeUserMatchTable(table);
 }
 
 TEST(DitherProof, ErrorsNeverWrap) {
