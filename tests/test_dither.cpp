@@ -957,11 +957,13 @@ TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
     K_GetDefaultDithering();
     struct Config {
         int bits, order, method;
-        bool callerPalette;
+        bool callerPalette, callerTable;
     };
-    const Config configs[] = {{24, ORDER_BGR, 1, false}, {24, ORDER_BGR, 2, true}, {4, ORDER_RGB, 5, true},
-                              {16, ORDER_RGB565, 7, false}};
+    const Config configs[] = {{24, ORDER_BGR, 1, false, false}, {24, ORDER_BGR, 2, true, false},
+                              {4, ORDER_RGB, 5, true, false},   {16, ORDER_RGB565, 7, false, false},
+                              {8, ORDER_RGB, 0, true, true},    {16, ORDER_GRAY, 1, false, false}};
     auto pal = randomPalette(12, 2);
+    std::vector<uint32_t> table(32768, 3);
     for (const auto& cfg : configs) {
         Rec rec(40, cfg.bits, cfg.order, cfg.method);
         // An earlier run that a failed restart must leave working.
@@ -972,7 +974,10 @@ TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
             BITMAPRECORD before = rec.bm;
             const long live = krn::faultinject::liveBlocks();
             krn::faultinject::arm(n);
-            int32_t r = K_StartDithering(&rec.bm, cfg.callerPalette ? pal.data() : nullptr, cfg.callerPalette ? 12 : 256);
+            int32_t r = cfg.callerTable
+                            ? K_StartDitheringExt(&rec.bm, pal.data(), 12, 4, table.data())
+                            : K_StartDithering(&rec.bm, cfg.callerPalette ? pal.data() : nullptr,
+                                               cfg.callerPalette ? 12 : 256);
             const long injected = krn::faultinject::injected();
             krn::faultinject::disarm();
             if (r == KS_SUCCESS) {
@@ -987,7 +992,7 @@ TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
             uint8_t src[40 * 8] = {}, dst[64];
             EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_SUCCESS);
         }
-        EXPECT_GE(failures, 2);
+        EXPECT_GE(failures, 2);  // state, scratch row (+ error rows, table)
         EXPECT_NE(rec.bm.pDitherState, earlier);
     }
 }
