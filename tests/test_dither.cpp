@@ -237,6 +237,8 @@ TEST(DitherFrame, ChecksPointerSizeThenValues) {
     rec.bm.nOrder = ORDER_BGR;
     rec.bm.nWidth = 0;
     EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_DIMENSIONS);
+    rec.bm.nWidth = 1 << 29;
+    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_DIMENSIONS);
     rec.bm.nWidth = 8;
     rec.bm.nBitsPerPixel = 16;
     rec.bm.nOrder = ORDER_GRAY;

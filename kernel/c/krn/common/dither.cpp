@@ -231,6 +231,7 @@ struct DitherState;
 using RowFn = void (*)(DitherState& s, const uint8_t* src, uint8_t* idx);
 
 constexpr uint32_t kStateMagic = 0x44495448u;  // "DITH"
+constexpr int32_t kMaxWidth = (1 << 29) - 1;
 
 struct DitherState {
     uint32_t magic;
@@ -683,7 +684,8 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     if (nBits < 1 || nBits > 8 || (1u << nBits) < uColors) return KS_INVALID_PARAMETER;
     const int method = bm->nDitheringMethod;
     if (method < 0 || method > 8) return KS_INVALID_PARAMETER;
-    if (bm->nWidth < 1) return KS_INVALID_DIMENSIONS;
+    // Row offsets are int arithmetic (3 entries per pixel): keep them in range.
+    if (bm->nWidth < 1 || bm->nWidth > kMaxWidth) return KS_INVALID_DIMENSIONS;
     const int bits = bm->nBitsPerPixel;
     if (!bitsValid(bits)) return KS_INVALID_BITS_PER_PIXEL;
     if (!orderValid(bits, bm->nOrder)) return KS_INVALID_PARAMETER;
