@@ -854,6 +854,12 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     bool dstGrey = code <= kCodeFixed4;
     for (int i = 0; i < 256 && dstGrey; ++i) dstGrey = s.colour[i][0] == s.colour[i][1] && s.colour[i][1] == s.colour[i][2];
     s.grey = srcGrey && dstGrey;
+    if (s.grey && bits != 8) {
+        // Grey rows come from the converter at depth 0; make sure it takes them.
+        uint8_t probe[16] = {};
+        s.grey = convertBuffer(probe, 1, bits, 0, bm->nOrder, ORDER_GRAY, s.srcPalette, nullptr, nullptr,
+                               kConvertSrcRange | kConvertDstGray, s.lowBit, s.highBit, 0, nullptr) == KS_SUCCESS;
+    }
     if (s.grey) {
         for (int v = 0; v < 256; ++v) {
             const int i = quantiseWith(s, v, v, v) & ((1 << nBits) - 1);
@@ -942,15 +948,7 @@ KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t
     if (pBitmap->nWidth != s->width || pBitmap->nBitsPerPixel != s->srcBits || pBitmap->nOrder != s->srcOrder)
         return KS_INVALID_PARAMETER;
 
-    // The row that collected errors for this row becomes current; the old
-    // current row becomes the deepest and starts empty.
-    if (s->rowBlock) {
-        int32_t* old = s->rows[0];
-        for (int k = 0; k < s->rowsBelow; ++k) s->rows[k] = s->rows[k + 1];
-        s->rows[s->rowsBelow] = old;
-        if (!s->kernelWritesWholeRow)
-            std::memset(old, 0, (size_t(s->width) + 2 * size_t(s->margin)) * 3 * sizeof(int32_t));
-    }
+    // Bring the row to 8-bit samples first: a failure leaves the run as it was.
     const uint8_t* src = pSrcRow;
     if (s->grey) {
         if (s->greyByLut) {
@@ -969,6 +967,15 @@ KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t
                                       kConvertSrcRange, s->lowBit, s->highBit);
         if (r != KS_SUCCESS) return r;
         src = s->bgrRow;
+    }
+    // The row that collected errors for this row becomes current; the old
+    // current row becomes the deepest and starts empty.
+    if (s->rowBlock) {
+        int32_t* old = s->rows[0];
+        for (int k = 0; k < s->rowsBelow; ++k) s->rows[k] = s->rows[k + 1];
+        s->rows[s->rowsBelow] = old;
+        if (!s->kernelWritesWholeRow)
+            std::memset(old, 0, (size_t(s->width) + 2 * size_t(s->margin)) * 3 * sizeof(int32_t));
     }
     if (s->kernelPacks) {
         s->kernel(*s, src, pDstRow);
