@@ -123,7 +123,7 @@ std::vector<int> runLibrary(int method, int w, int h, const std::vector<Rgb>& im
     return out;
 }
 
-// The description's 5-5-5 match table, from the nearest-colour oracle over
+// The 5-5-5 match table as the palette family defines it, from the nearest-colour oracle over
 // the usable entries (reserved byte without its two low bits).
 std::vector<uint32_t> referenceTable(const std::vector<RGBQUAD>& pal) {
     std::vector<RGBQUAD> usable;
