@@ -953,6 +953,48 @@ TEST(DitherGrey, ColourOnEitherSideKeepsThreeChannels) {
     EXPECT_TRUE(grey);
 }
 
+// ------------------------------------------------------------- threads
+
+TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
+    // Runs keep all their state on the record: threads dithering at once give
+    // what each gives alone.
+    const int w = 120, h = 40;
+    auto img = testImage(w, h, 64);
+    auto pal = randomPalette(20, 6);
+    std::vector<std::vector<int>> alone;
+    for (int m = 0; m < 4; ++m) alone.push_back(runLibrary(m * 2, w, h, img, m % 2 ? pal.data() : nullptr, m % 2 ? 20 : 256));
+    std::vector<std::vector<int>> together(4);
+    std::vector<std::thread> threads;
+    for (int m = 0; m < 4; ++m)
+        threads.emplace_back([&, m] {
+            for (int k = 0; k < 5; ++k)
+                together[size_t(m)] = runLibrary(m * 2, w, h, img, m % 2 ? pal.data() : nullptr, m % 2 ? 20 : 256);
+        });
+    for (auto& t : threads) t.join();
+    for (int m = 0; m < 4; ++m) EXPECT_EQ(together[size_t(m)], alone[size_t(m)]) << "method " << m * 2;
+}
+
+TEST(DitherReference, InternalTapsAreTheMethodMatrices) {
+    for (int method = 1; method <= 6; ++method) {
+        const krn::DitherTaps t = krn::ditherTaps(method);
+        const ditherref::Matrix& m = ditherref::matrix(method);
+        int grid[4][7] = {};
+        for (int k = 0; k < t.count; ++k) grid[t.taps[k].dy][t.taps[k].dx + 3] += t.taps[k].w;
+        EXPECT_EQ(t.divisor, m.divisor);
+        for (int dy = 0; dy < 4; ++dy)
+            for (int dx = 0; dx < 7; ++dx) EXPECT_EQ(grid[dy][dx], m.w[dy][dx]) << method << " " << dy << " " << dx - 3;
+        int deepest = 0, widest = 0;
+        for (int k = 0; k < t.count; ++k) {
+            deepest = std::max(deepest, int(t.taps[k].dy));
+            widest = std::max(widest, std::abs(int(t.taps[k].dx)));
+        }
+        EXPECT_EQ(t.rowsBelow, deepest);
+        EXPECT_EQ(t.margin, widest);
+    }
+    EXPECT_EQ(krn::ditherTaps(0).count, 0);
+    EXPECT_EQ(krn::ditherTaps(7).count, 0);
+}
+
 // ------------------------------------------------------ allocation failures
 
 TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
