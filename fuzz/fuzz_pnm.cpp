@@ -14,8 +14,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Cap the work: headers that announce more than a megapixel are cut short
     // by the raster check anyway, but keep the files small.
     if (size > (1u << 20)) return 0;
-    static const std::string in = "/tmp/ombrix_fuzz_pnm_" + std::to_string(getpid()) + ".pnm";
-    static const std::string out = "/tmp/ombrix_fuzz_pnm_" + std::to_string(getpid()) + "_out.pam";
+    // Files in memory where the system has a RAM file system: the reader is
+    // what is under test, not the disk.
+    static const std::string dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+    static const std::string in = dir + "/ombrix_fuzz_pnm_" + std::to_string(getpid()) + ".pnm";
+    static const std::string out = dir + "/ombrix_fuzz_pnm_" + std::to_string(getpid()) + "_out.pam";
     std::FILE* f = std::fopen(in.c_str(), "wb");
     if (!f) return 0;
     std::fwrite(data, 1, size, f);
@@ -32,5 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } else if (rc > 0 || why.empty()) {
         std::abort();
     }
+    unlink(in.c_str());
+    unlink(out.c_str());
     return 0;
 }

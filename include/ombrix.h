@@ -363,14 +363,13 @@ OMBRIX_API const RGBQUAD* K_IntGetNetscapePalette(void);
  * K_GlobalAlloc; free it with K_GlobalFree. Null on failure. */
 OMBRIX_API RGBQUAD* K_CreateGrayPalette(int32_t nBitsPerPixel);
 /* Index of the palette entry nearest to (R, G, B); 0 for a null palette,
- * -1 for nColors <= 0 (the full rule is below). */
-OMBRIX_API int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, int32_t nRed,
-                                      int32_t nGreen, int32_t nBlue);
-/* Nearest entry: components outside 0..255 are clamped first. Black and
- * white targets look at the first and last entries first (black prefers
+ * -1 for nColors <= 0. Components outside 0..255 are clamped first. Black
+ * and white targets look at the first and last entries first (black prefers
  * entry 0, white the last entry); otherwise the smallest squared distance
  * wins, the earliest entry on a tie unless a later one shares the target's
  * hue class, and the first exact match ends the search. */
+OMBRIX_API int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, int32_t nRed,
+                                      int32_t nGreen, int32_t nBlue);
 
 /* Grey classification of nColors entries: 0 not grey, 1 ramp ascending from
  * black, 2 ramp descending from white, 3 grey but not an evenly stepped ramp.
@@ -406,10 +405,12 @@ OMBRIX_API uint32_t* K_CreateUserMatchTable(const RGBQUAD* pPalette, int32_t nCo
  * first; other threads must uninstall it themselves before it is freed. */
 OMBRIX_API int32_t K_FreeUserMatchTable(uint32_t* pTable);
 /* Installs a table (null removes it) for the calling thread and returns the
- * table installed before. The kernel never frees an installed table. */
-OMBRIX_API const uint32_t* K_SetUserMatchTable(const uint32_t* pTable);
+ * table installed before (the caller's own, so it comes back writable and
+ * can be passed to K_FreeUserMatchTable). The kernel never frees an
+ * installed table and never writes to one. */
+OMBRIX_API uint32_t* K_SetUserMatchTable(const uint32_t* pTable);
 /* The table installed for the calling thread, or null. */
-OMBRIX_API const uint32_t* K_GetUserMatchTable(void);
+OMBRIX_API uint32_t* K_GetUserMatchTable(void);
 
 /* Colour values: either an RGB colour 0x00BBGGRR (red in the low byte) or a
  * palette index with KCOLOR_INDEX_FLAG in the high byte. */
@@ -1011,8 +1012,8 @@ OMBRIX_API int32_t K_StartDithering(BITMAPRECORD* pBitmap, const RGBQUAD* pPalet
 /* As K_StartDithering with an explicit output depth nBits (1..8, at least the
  * depth uColors needs) and an optional caller match table of 32768 words over
  * the 5-5-5 grid (index (R>>3)<<10 | (G>>3)<<5 | B>>3, each word the palette
- * index + 1). A caller table is used as it is and never freed; it must stay
- * alive until the run stops. Without one, a palette equal byte for byte to a
+ * index + 1; 0 reads as index 0). The table is read once, when the run
+ * starts, and never freed by the run. Without one, a palette equal byte for byte to a
  * fixed palette (or the web palette) is quantised directly, and any other
  * palette is mapped through the thread's installed user match table when
  * there is one, else through a table the run builds (and frees). */

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <random>
 #include <vector>
@@ -234,6 +235,42 @@ TEST(PaletteSearchLong, DifferentialManyPalettes) {
             for (const Path& path : all) ASSERT_EQ(path.fn(pal.data(), n, r, g, b), want) << path.name << " " << round;
         }
     }
+}
+
+}  // namespace
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+// Palettes that end right before an inaccessible page and start at every
+// byte offset: a vector path that reads past the last entry faults here even
+// without a sanitizer.
+TEST(PaletteSearch, NoReadPastTheLastEntry) {
+    const size_t page = size_t(sysconf(_SC_PAGESIZE));
+    auto* region = static_cast<uint8_t*>(
+        mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(region, MAP_FAILED);
+    ASSERT_EQ(mprotect(region + 2 * page, page, PROT_NONE), 0);
+    std::mt19937 rng(17);
+    auto all = paths();
+    for (int n : {1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 63, 64, 65, 255, 256, 257, 300}) {
+        for (size_t misalign : {0u, 1u, 2u, 3u}) {
+            // The last entry ends `misalign` bytes before the guard page.
+            uint8_t* end = region + 2 * page - misalign;
+            auto* pal = reinterpret_cast<RGBQUAD*>(end - size_t(n) * sizeof(RGBQUAD));
+            std::vector<RGBQUAD> copy(static_cast<size_t>(n));
+            for (auto& e : copy) e = rgb(int(rng() & 255), int(rng() & 255), int(rng() & 255));
+            std::memcpy(pal, copy.data(), copy.size() * sizeof(RGBQUAD));
+            for (int t = 0; t < 20; ++t) {
+                int r = int(rng() & 255), g = int(rng() & 255), b = int(rng() & 255);
+                const int32_t want = oracle(copy, r, g, b);
+                for (const Path& path : all) ASSERT_EQ(path.fn(pal, n, r, g, b), want) << path.name << " n " << n;
+            }
+        }
+    }
+    munmap(region, 3 * page);
 }
 
 }  // namespace

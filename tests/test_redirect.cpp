@@ -232,7 +232,10 @@ TEST(RedirectFiles, HandleKeepsItsTable) {
 TEST(RedirectFiles, GarbageHandlesAreRefused) {
     alignas(16) unsigned char junk[128];
     std::memset(junk, 0x5A, sizeof junk);
-    HREDIRECTFILE bad[] = {nullptr, invalid(), reinterpret_cast<HREDIRECTFILE>(junk)};
+    HGLOBAL g = K_GlobalAlloc(GMEM_MOVEABLE, 64);  // a live handle of another kind
+    ASSERT_NE(g, nullptr);
+    HREDIRECTFILE bad[] = {nullptr, invalid(), reinterpret_cast<HREDIRECTFILE>(junk),
+                           reinterpret_cast<HREDIRECTFILE>(g)};
     char b[4];
     for (HREDIRECTFILE h : bad) {
         EXPECT_EQ(K_RedirectedRead(h, b, 4), -1);
@@ -249,6 +252,7 @@ TEST(RedirectFiles, GarbageHandlesAreRefused) {
         EXPECT_EQ(K_ExtractRedirectFunctions(h, &r), KS_INVALID_PARAMETER);
         EXPECT_EQ(K_UpdateRedirectFunctions(h, &r), KS_INVALID_PARAMETER);
     }
+    EXPECT_EQ(K_GlobalFree(g), nullptr);  // untouched by the refused calls
 }
 
 TEST(RedirectFiles, OpenFailuresGiveInvalidHandle) {

@@ -332,8 +332,10 @@ bool demoPalettes(cli::Report& rep, const BITMAPRECORD& sample) {
     auto t0 = std::chrono::steady_clock::now();
     for (size_t i = 0; i < pixels; ++i) fast[i] = K_FindPaletteIndex(web, 256, rgb[3 * i], rgb[3 * i + 1], rgb[3 * i + 2]);
     auto t1 = std::chrono::steady_clock::now();
-    size_t mismatches = 0;
-    for (size_t i = 0; i < pixels; ++i)
+    // Every pixel of the built-in sample; about 100000 evenly spread pixels of a large picture.
+    const size_t step = pixels > 100000 ? pixels / 100000 : 1;
+    size_t mismatches = 0, checked = 0;
+    for (size_t i = 0; i < pixels; i += step, ++checked)
         if (fast[i] != plainNearest(web, 256, rgb[3 * i], rgb[3 * i + 1], rgb[3 * i + 2])) ++mismatches;
     auto t2 = std::chrono::steady_clock::now();
     const double msFast = std::chrono::duration<double, std::milli>(t1 - t0).count();
@@ -342,7 +344,8 @@ bool demoPalettes(cli::Report& rep, const BITMAPRECORD& sample) {
     std::snprintf(line, sizeof line, "%zu nearest-entry searches (256 entries): %.1f ms (the check against the plain rule: %.1f ms)", pixels,
                   msFast, msPlain);
     rep.line(line);
-    rep.check(mismatches == 0, "K_FindPaletteIndex equals the plain rule on every sample pixel");
+    rep.check(mismatches == 0, "K_FindPaletteIndex equals the plain rule on " +
+                                   (step == 1 ? std::string("every sample pixel") : std::to_string(checked) + " sample pixels"));
 
     // A user match table for the web palette: reduce the sample to 8 bits through it.
     uint32_t* table = K_CreateUserMatchTable(web, 256);

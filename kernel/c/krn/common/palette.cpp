@@ -222,11 +222,13 @@ KAPI int32_t K_FreeUserMatchTable(uint32_t* pTable) {
     return KS_SUCCESS;
 }
 
-KAPI const uint32_t* K_SetUserMatchTable(const uint32_t* pTable) {
+// The tables belong to the caller, so they are handed back writable (a table
+// made by K_CreateUserMatchTable can go straight to K_FreeUserMatchTable).
+KAPI uint32_t* K_SetUserMatchTable(const uint32_t* pTable) {
     ThreadSettings& ts = settings();
     const uint32_t* old = ts.pUserMatchTable;
     ts.pUserMatchTable = pTable;
-    return old;
+    return const_cast<uint32_t*>(old);
 }
 
-KAPI const uint32_t* K_GetUserMatchTable(void) { return settings().pUserMatchTable; }
+KAPI uint32_t* K_GetUserMatchTable(void) { return const_cast<uint32_t*>(settings().pUserMatchTable); }

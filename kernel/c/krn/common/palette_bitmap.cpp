@@ -83,8 +83,8 @@ inline uint32_t five(uint32_t v) noexcept { return (v << 3) | (v >> 2); }
 inline uint32_t six(uint32_t v) noexcept { return (v << 2) | (v >> 4); }
 
 // Adds the colours of one stored row; false for a format it cannot read.
-bool addRow(const BITMAPRECORD* bm, const uint8_t* row, const RGBQUAD* pal, int32_t count, bool* used,
-            ColorSet& set) noexcept {
+// Paletted rows only mark the pixel values they use in `used`.
+bool addRow(const BITMAPRECORD* bm, const uint8_t* row, bool* used, ColorSet& set) noexcept {
     const int32_t w = bm->nWidth, bpp = bm->nBitsPerPixel, order = bm->nOrder;
     const bool rgbFirst = order == ORDER_RGB;
     switch (bpp) {
@@ -99,8 +99,6 @@ bool addRow(const BITMAPRECORD* bm, const uint8_t* row, const RGBQUAD* pal, int3
                 if (off + uint32_t(bpp) > 8) word |= row[byte + 1];
                 used[(word >> (16 - off - uint32_t(bpp))) & mask] = true;
             }
-            (void)pal;
-            (void)count;
             return true;
         }
         case 16:
@@ -303,7 +301,7 @@ KAPI int32_t K_GetBitmapPaletteEntries(BITMAPRECORD* pBitmap, RGBQUAD* pEntries,
         const int32_t count = pal ? bitmapColorCount(pBitmap) : 0;
         bool ok = true;
         for (int32_t y = 0; y < pBitmap->nHeight && ok; ++y)
-            ok = addRow(pBitmap, base + size_t(y) * pBitmap->nBytesPerLine, pal, count, used, set);
+            ok = addRow(pBitmap, base + size_t(y) * pBitmap->nBytesPerLine, used, set);
         K_ReleaseBitmap(pBitmap);
         if (!ok) return KS_UNSUPPORTED_CONVERSION;
         if (bpp <= 8) {

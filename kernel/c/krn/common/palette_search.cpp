@@ -193,16 +193,20 @@ struct Avx2 {
         const __m256i target16 = _mm256_setr_epi16(int16_t(b), int16_t(g), int16_t(r), 0, int16_t(b), int16_t(g),
                                                    int16_t(r), 0, int16_t(b), int16_t(g), int16_t(r), 0,
                                                    int16_t(b), int16_t(g), int16_t(r), 0);
-        const __m256i mask = _mm256_set1_epi32(0x00FFFFFF);
-        const __m256i zero = _mm256_setzero_si256();
+        // Byte k of the lane to 16-bit lane k; -1 (high bit set) gives zero.
+        const __m256i widenLo = _mm256_setr_epi8(0, -1, 1, -1, 2, -1, -1, -1, 4, -1, 5, -1, 6, -1, -1, -1,
+                                                 0, -1, 1, -1, 2, -1, -1, -1, 4, -1, 5, -1, 6, -1, -1, -1);
+        const __m256i widenHi = _mm256_setr_epi8(8, -1, 9, -1, 10, -1, -1, -1, 12, -1, 13, -1, 14, -1, -1, -1,
+                                                 8, -1, 9, -1, 10, -1, -1, -1, 12, -1, 13, -1, 14, -1, -1, -1);
         __m256i vmin = _mm256_set1_epi32(0x7FFFFFFF);
         int32_t i = 0;
 #pragma GCC unroll 8
         for (; i + 8 <= count; i += 8) {
-            __m256i v = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(pal + i)), mask);
-            // unpack works per 128-bit lane: lo holds entries 0,1 | 4,5 and hi 2,3 | 6,7.
-            __m256i lo = _mm256_sub_epi16(_mm256_unpacklo_epi8(v, zero), target16);
-            __m256i hi = _mm256_sub_epi16(_mm256_unpackhi_epi8(v, zero), target16);
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(pal + i));
+            // pshufb works per 128-bit lane: lo holds entries 0,1 | 4,5 and hi 2,3 | 6,7,
+            // widened to 16 bits with the reserved byte dropped.
+            __m256i lo = _mm256_sub_epi16(_mm256_shuffle_epi8(v, widenLo), target16);
+            __m256i hi = _mm256_sub_epi16(_mm256_shuffle_epi8(v, widenHi), target16);
             __m256i slo = _mm256_madd_epi16(lo, lo);
             __m256i shi = _mm256_madd_epi16(hi, hi);
             // Per lane: [e0a e0b e1a e1b] and [e2a e2b e3a e3b] -> [e0 e1 e2 e3], in index order.

@@ -7,62 +7,22 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <functional>
+#include <mutex>
 #include <new>
-#include <unordered_set>
 
 #include "kernel.h"
 #include "memory.h"
 #include "settings.h"
 #include "wideutf8.h"
 #include "../windowsemul/globalmem.h"
+#include "../windowsemul/objects.h"
 
 namespace krn {
 
 // ====================================================================== registry
-namespace {
-using PtrSet = std::unordered_set<const void*, std::hash<const void*>, std::equal_to<const void*>,
-                                  KAllocator<const void*>>;
-}
-
-void* HandleRegistry::impl() const noexcept {
-    if (!set_) {
-        void* mem = memAlloc(sizeof(PtrSet));
-        if (!mem) return nullptr;
-        set_ = new (mem) PtrSet();
-    }
-    return set_;
-}
-
-bool HandleRegistry::add(const void* p) noexcept {
-    std::lock_guard<std::mutex> g(lock_);
-    auto* s = static_cast<PtrSet*>(impl());
-    if (!s) return false;
-    try {
-        s->insert(p);
-        return true;
-    } catch (...) {
-        return false;
-    }
-}
-
-bool HandleRegistry::remove(const void* p) noexcept {
-    std::lock_guard<std::mutex> g(lock_);
-    auto* s = static_cast<PtrSet*>(set_);
-    return s && s->erase(p) == 1;
-}
-
-bool HandleRegistry::contains(const void* p) const noexcept {
-    std::lock_guard<std::mutex> g(lock_);
-    auto* s = static_cast<PtrSet*>(set_);
-    return s && p && s->count(p) == 1;
-}
-
-long HandleRegistry::count() const noexcept {
-    std::lock_guard<std::mutex> g(lock_);
-    auto* s = static_cast<PtrSet*>(set_);
-    return s ? long(s->size()) : 0;
-}
+bool HandleRegistry::add(const void* p) const noexcept { return objCreateKeyed(p, kind_, nullptr) != nullptr; }
+bool HandleRegistry::remove(const void* p) const noexcept { return objDestroy(const_cast<void*>(p), kind_); }
+bool HandleRegistry::contains(const void* p) const noexcept { return objKind(p) == kind_; }
 
 // ====================================================================== tables
 namespace {
@@ -216,10 +176,8 @@ struct RedirectedFile {
     void* native = nullptr;
 };
 
-HandleRegistry& files() noexcept {
-    static HandleRegistry r;
-    return r;
-}
+constexpr HandleRegistry kFiles(kObjRedirectedFile);
+const HandleRegistry& files() noexcept { return kFiles; }
 
 bool nativeValid(void* h) noexcept { return h && h != OMBRIX_INVALID_FILE; }
 
@@ -247,8 +205,6 @@ HREDIRECTFILE wrap(void* native, const REDIRECTRECORD& t, uint32_t marker, bool 
 HREDIRECTFILE invalidFile() noexcept { return reinterpret_cast<HREDIRECTFILE>(OMBRIX_INVALID_FILE); }
 
 }  // namespace
-
-long liveRedirectedFiles() noexcept { return files().count(); }
 
 // ====================================================================== names
 namespace {
@@ -429,10 +385,8 @@ struct RedirectBuffer {
     std::mutex lock;
 };
 
-HandleRegistry& buffers() noexcept {
-    static HandleRegistry r;
-    return r;
-}
+constexpr HandleRegistry kBuffers(kObjRedirectBuffer);
+const HandleRegistry& buffers() noexcept { return kBuffers; }
 
 RedirectBuffer* liveBuffer(const void* p) noexcept {
     if (!p || !buffers().contains(p)) return nullptr;

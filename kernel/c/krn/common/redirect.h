@@ -6,12 +6,12 @@
 //   redirectIsDefault(t)        every slot is the default K_Os function
 //   tableRead/WriteAll(...)     move any number of bytes through a table in
 //                               REDIRECT_CHUNK_BYTES pieces (ReadBig / WriteBig rule)
-//   HandleRegistry              a set of live kernel objects, so that garbage
-//                               handles are detected without dereferencing them
+//   HandleRegistry              live objects of one kind in the kernel's table of
+//                               emulated object handles, so that garbage handles are
+//                               detected without dereferencing them
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 
 #include "ombrix.h"
 
@@ -29,17 +29,22 @@ int64_t tableWriteAll(const REDIRECTRECORD& t, void* h, const void* buf, uint64_
 // Size through the size slot, or by seeking to the end and back; -1 on failure.
 int64_t tableSize(const REDIRECTRECORD& t, void* h) noexcept;
 
-// A set of live object addresses guarded by its own lock.
+// Object kinds of this family in the table of emulated object handles
+// (windowsemul/objects.h); the objects are registered under their own address.
+enum : uint32_t {
+    kObjRedirectedFile = 0x52440001u,
+    kObjRedirectBuffer = 0x52440002u,
+    kObjTempFileHandle = 0x52440003u,
+};
+
 class HandleRegistry {
 public:
-    bool add(const void* p) noexcept;  // false when out of memory
-    bool remove(const void* p) noexcept;  // false when p was not live
-    bool contains(const void* p) const noexcept;
-    long count() const noexcept;
+    explicit constexpr HandleRegistry(uint32_t kind) noexcept : kind_(kind) {}
+    bool add(const void* p) const noexcept;       // false when out of memory
+    bool remove(const void* p) const noexcept;    // false when p was not live
+    bool contains(const void* p) const noexcept;  // live and of this kind
 private:
-    void* impl() const noexcept;
-    mutable std::mutex lock_;
-    mutable void* set_ = nullptr;
+    uint32_t kind_;
 };
 
 }  // namespace krn

@@ -24,10 +24,8 @@ int64_t tempPosSeek(TempFile* h, int64_t off, int32_t origin) noexcept;
 
 namespace {
 
-HandleRegistry& tempHandles() noexcept {
-    static HandleRegistry r;
-    return r;
-}
+constexpr HandleRegistry kTempHandles(kObjTempFileHandle);
+const HandleRegistry& tempHandles() noexcept { return kTempHandles; }
 
 TempFile* liveTemp(void* h) noexcept {
     return tempHandles().contains(h) ? static_cast<TempFile*>(h) : nullptr;

@@ -229,6 +229,13 @@ int32_t tempCreateDirect(TempFile** out, const char* prefix) noexcept {
 
 bool tempIsRedirected(const TempFile* h) noexcept { return h && h->redirected; }
 
+// Positions a file that goes through a table (under its lock).
+static bool seekTo(TempFile* h, uint64_t offset) noexcept {
+    return h->table.pfnSeek &&
+           h->table.pfnSeek(h->native, int64_t(offset), REDIRECT_SEEK_SET, h->table.pSeekUserData) ==
+               int64_t(offset);
+}
+
 static bool overLimit(const TempFile* h, uint64_t offset, uint64_t n) noexcept {
     if (!h->limit) return false;
     return offset > h->limit || n > h->limit - offset;
@@ -241,9 +248,7 @@ int32_t tempWrite(TempFile* h, uint64_t offset, const void* buf, size_t n) noexc
     if (overLimit(h, offset, n)) return KS_FILE_WRITE;
     if (h->redirected) {
         std::lock_guard<std::mutex> g(h->lock);
-        if (!h->table.pfnSeek || h->table.pfnSeek(h->native, int64_t(offset), REDIRECT_SEEK_SET,
-                                                  h->table.pSeekUserData) != int64_t(offset))
-            return KS_FILE_SEEK;
+        if (!seekTo(h, offset)) return KS_FILE_SEEK;
         int64_t w = tableWriteAll(h->table, h->native, buf, n);
         return w == int64_t(n) ? KS_SUCCESS : KS_FILE_WRITE;
     }
@@ -266,9 +271,7 @@ int32_t tempRead(TempFile* h, uint64_t offset, void* buf, size_t n) noexcept {
     if (offset > uint64_t(INT64_MAX) || n > uint64_t(INT64_MAX) - offset) return KS_FILE_READ;
     if (h->redirected) {
         std::lock_guard<std::mutex> g(h->lock);
-        if (!h->table.pfnSeek || h->table.pfnSeek(h->native, int64_t(offset), REDIRECT_SEEK_SET,
-                                                  h->table.pSeekUserData) != int64_t(offset))
-            return KS_FILE_SEEK;
+        if (!seekTo(h, offset)) return KS_FILE_SEEK;
         int64_t r = tableReadAll(h->table, h->native, buf, n);
         return r == int64_t(n) ? KS_SUCCESS : KS_FILE_READ;
     }
@@ -311,10 +314,7 @@ int32_t tempSetSize(TempFile* h, uint64_t size) noexcept {
         if (cur < 0) return KS_FILE_SEEK;
         if (uint64_t(cur) == size) return KS_SUCCESS;
         if (uint64_t(cur) > size) return KS_FILE_WRITE;  // cannot cut through this table
-        if (!h->table.pfnSeek ||
-            h->table.pfnSeek(h->native, int64_t(size - 1), REDIRECT_SEEK_SET, h->table.pSeekUserData) !=
-                int64_t(size - 1))
-            return KS_FILE_SEEK;
+        if (!seekTo(h, size - 1)) return KS_FILE_SEEK;
         const char zero = 0;
         return tableWriteAll(h->table, h->native, &zero, 1) == 1 ? KS_SUCCESS : KS_FILE_WRITE;
     }
