@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "convert_reference.h"
 #include "dither_ref.h"
 #include "ombrix.h"
 #include "krn/common/dither.h"
@@ -620,8 +621,8 @@ TEST(DitherProof, ErrorsNeverWrap) {
 
 // ---------------------------------------------------------- source depths
 
-// A source row in another format and the 24-bit colours it stands for,
-// computed here independently.
+// A random source row in another format and the 24-bit colours it stands
+// for, as the plain reference converter reads them.
 struct SourceCase {
     int bits, order;
     std::vector<RGBQUAD> pal;  // 1..8 bits
@@ -629,107 +630,20 @@ struct SourceCase {
 };
 
 std::vector<uint8_t> makeSource(const SourceCase& c, int w, std::mt19937& rng, std::vector<Rgb>& colours) {
-    colours.assign(size_t(w), Rgb{0, 0, 0});
-    std::vector<uint8_t> row;
-    auto rep5 = [](int v) { return v << 3 | v >> 2; };
-    auto rep6 = [](int v) { return v << 2 | v >> 4; };
-    auto clamp = [](long v, long hi) { return v < 0 ? 0 : (v > hi ? hi : v); };
-    if (c.bits <= 8) {
-        row.assign((size_t(w) * size_t(c.bits) + 7) / 8, 0);
-        for (int x = 0; x < w; ++x) {
-            int idx = int(rng() % (1u << c.bits));
-            for (int k = 0; k < c.bits; ++k) {
-                size_t bit = size_t(x) * size_t(c.bits) + size_t(k);
-                if ((idx >> (c.bits - 1 - k)) & 1) row[bit / 8] |= uint8_t(0x80 >> (bit % 8));
-            }
-            const RGBQUAD& e = c.pal[size_t(idx)];
-            colours[size_t(x)] = {e.rgbRed, e.rgbGreen, e.rgbBlue};
-        }
-        return row;
-    }
-    const int lo = std::max(c.lowBit, 0);
-    auto windowGrey = [&](uint64_t v, int depth) {
-        int hi = c.highBit < 0 ? depth - 1 : std::min(c.highBit, depth - 1);
-        int n = hi - lo + 1;
-        uint64_t x = (v >> lo) & ((uint64_t(1) << n) - 1);
-        return n >= 8 ? int(x >> (n - 8)) : int(x * 255 / ((uint64_t(1) << n) - 1));
-    };
-    switch (c.bits) {
-        case 12:
-            row.assign((size_t(w) * 12 + 7) / 8 + 1, 0);
-            for (int x = 0; x < w; ++x) {
-                unsigned v = rng() & 0xFFF;
-                size_t bit = size_t(x) * 12;  // low 12 bits of the word at the pixel's first byte
-                if (x % 2 == 0) {
-                    row[bit / 8] = uint8_t(v);
-                    row[bit / 8 + 1] = uint8_t((row[bit / 8 + 1] & 0xF0) | (v >> 8));
-                } else {
-                    row[bit / 8] = uint8_t((row[bit / 8] & 0x0F) | ((v & 15) << 4));
-                    row[bit / 8 + 1] = uint8_t(v >> 4);
-                }
-                int g = windowGrey(v, 12);
-                colours[size_t(x)] = {g, g, g};
-            }
-            row.resize((size_t(w) * 12 + 7) / 8);
-            return row;
-        case 16:
-            for (int x = 0; x < w; ++x) {
-                unsigned v = rng() & 0xFFFF;
-                row.push_back(uint8_t(v));
-                row.push_back(uint8_t(v >> 8));
-                Rgb& p = colours[size_t(x)];
-                if (c.order == ORDER_GRAY) {
-                    int g = windowGrey(v, 16);
-                    p = {g, g, g};
-                } else if (c.order == ORDER_RGB565) {
-                    p = {rep5(int(v >> 11) & 31), rep6(int(v >> 5) & 63), rep5(int(v) & 31)};
-                } else if (c.order == ORDER_RGB) {
-                    p = {rep5(int(v) & 31), rep5(int(v >> 5) & 31), rep5(int(v >> 10) & 31)};
-                } else {
-                    p = {rep5(int(v >> 10) & 31), rep5(int(v >> 5) & 31), rep5(int(v) & 31)};
-                }
-            }
-            return row;
-        case 32:
-            for (int x = 0; x < w; ++x) {
-                uint32_t v = uint32_t(rng());
-                for (int k = 0; k < 4; ++k) row.push_back(uint8_t(v >> (8 * k)));
-                const uint8_t* q = row.data() + row.size() - 4;
-                if (c.order == ORDER_GRAY) {
-                    int g = windowGrey(v, 32);
-                    colours[size_t(x)] = {g, g, g};
-                } else if (c.order == ORDER_RGB) {
-                    colours[size_t(x)] = {q[0], q[1], q[2]};
-                } else {
-                    colours[size_t(x)] = {q[2], q[1], q[0]};
-                }
-            }
-            return row;
-        default: {  // 24, 48, 64
-            const int samples = c.bits == 64 ? 4 : 3;
-            const bool wide = c.bits >= 48;
-            for (int x = 0; x < w; ++x) {
-                long s[4];
-                for (int k = 0; k < samples; ++k) {
-                    s[k] = wide ? long(rng() & 0xFFFF) : long(rng() & 0xFF);
-                    row.push_back(uint8_t(s[k]));
-                    if (wide) row.push_back(uint8_t(s[k] >> 8));
-                }
-                long b = s[0], g = s[1], r = s[2];
-                if (c.order == ORDER_RGB) std::swap(r, b);
-                if (c.order == ORDER_ROMM) {
-                    const long hi = wide ? 65535 : 255;
-                    long s0 = s[0], s1 = s[1], s2 = s[2];
-                    b = clamp((9467 * s0 - 1151 * s1 - 125 * s2 + 4095) / 8192, hi);
-                    g = clamp((-305 * s0 + 10232 * s1 - 1735 * s2 + 4095) / 8192, hi);
-                    r = clamp((-2156 * s0 - 6498 * s1 + 16846 * s2 + 4095) / 8192, hi);
-                }
-                if (wide) r >>= 8, g >>= 8, b >>= 8;
-                colours[size_t(x)] = {int(r), int(g), int(b)};
-            }
-            return row;
-        }
-    }
+    convref::Request q;
+    q.width = w, q.srcBits = c.bits, q.srcOrder = c.order, q.dstBits = 24, q.dstOrder = ORDER_RGB;
+    q.srcPal = c.bits <= 8 ? c.pal.data() : nullptr;
+    q.flags = CONVERT_SRCRANGE | (c.order == ORDER_GRAY ? CONVERT_SRCGRAY : 0u);
+    q.lowBit = c.lowBit, q.highBit = c.highBit;
+    std::vector<uint8_t> row(convref::srcRunBytes(q));
+    for (auto& v : row) v = uint8_t(rng());
+    std::vector<uint8_t> buf = row;
+    buf.resize(std::max(row.size(), convref::dstRunBytes(q)));
+    EXPECT_EQ(convref::expectedStatus(q), 1);
+    const auto rgb = convref::convert(q, buf);
+    colours.resize(size_t(w));
+    for (int x = 0; x < w; ++x) colours[size_t(x)] = {rgb[3 * size_t(x)], rgb[3 * size_t(x) + 1], rgb[3 * size_t(x) + 2]};
+    return row;
 }
 
 TEST(DitherSource, EveryDepthDithersLikeItsColours) {
