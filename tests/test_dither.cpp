@@ -629,21 +629,45 @@ struct SourceCase {
     int lowBit = 0, highBit = -1;
 };
 
-std::vector<uint8_t> makeSource(const SourceCase& c, int w, std::mt19937& rng, std::vector<Rgb>& colours) {
+// Appends h random rows of the source format and their colours.
+void makeSourceRows(const SourceCase& c, int w, int h, std::mt19937& rng, std::vector<std::vector<uint8_t>>& rows,
+                    std::vector<Rgb>& colours) {
     convref::Request q;
     q.width = w, q.srcBits = c.bits, q.srcOrder = c.order, q.dstBits = 24, q.dstOrder = ORDER_RGB;
     q.srcPal = c.bits <= 8 ? c.pal.data() : nullptr;
     q.flags = CONVERT_SRCRANGE | (c.order == ORDER_GRAY ? CONVERT_SRCGRAY : 0u);
     q.lowBit = c.lowBit, q.highBit = c.highBit;
-    std::vector<uint8_t> row(convref::srcRunBytes(q));
-    for (auto& v : row) v = uint8_t(rng());
-    std::vector<uint8_t> buf = row;
-    buf.resize(std::max(row.size(), convref::dstRunBytes(q)));
-    EXPECT_EQ(convref::expectedStatus(q), 1);
-    const auto rgb = convref::convert(q, buf);
-    colours.resize(size_t(w));
-    for (int x = 0; x < w; ++x) colours[size_t(x)] = {rgb[3 * size_t(x)], rgb[3 * size_t(x) + 1], rgb[3 * size_t(x) + 2]};
-    return row;
+    ASSERT_EQ(convref::expectedStatus(q), 1);
+    for (int y = 0; y < h; ++y) {
+        std::vector<uint8_t> row(convref::srcRunBytes(q));  // exactly sized: ASan sees overreads
+        for (auto& v : row) v = uint8_t(rng());
+        std::vector<uint8_t> buf = row;
+        buf.resize(std::max(row.size(), convref::dstRunBytes(q)));
+        const auto rgb = convref::convert(q, buf);
+        for (int x = 0; x < w; ++x) colours.push_back({rgb[3 * size_t(x)], rgb[3 * size_t(x) + 1], rgb[3 * size_t(x) + 2]});
+        rows.push_back(std::move(row));
+    }
+}
+
+// Runs source rows through the library, reporting whether it chose the
+// grey path.
+std::vector<int> runRows(const SourceCase& c, int w, int method, const std::vector<std::vector<uint8_t>>& rows,
+                         const RGBQUAD* pal, uint32_t colors, bool* grey) {
+    Rec rec(w, c.bits, c.order, method, c.bits <= 8 ? &c.pal : nullptr);
+    rec.bm.nLowBit = c.lowBit;
+    rec.bm.nHighBit = c.highBit;
+    EXPECT_EQ(K_StartDithering(&rec.bm, pal, colors), KS_SUCCESS);
+    if (grey) *grey = krn::ditherRunIsGrey(&rec.bm);
+    int bits = 1;
+    while ((1u << bits) < colors) ++bits;
+    std::vector<int> got;
+    for (const auto& r : rows) {
+        std::vector<uint8_t> src = r;
+        std::vector<uint8_t> dst((static_cast<size_t>(w) * size_t(bits) + 7) / 8);
+        EXPECT_EQ(K_DitherLine(&rec.bm, src.data(), dst.data()), KS_SUCCESS);
+        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(dst.data(), x, bits));
+    }
+    return got;
 }
 
 TEST(DitherSource, EveryDepthDithersLikeItsColours) {
@@ -670,27 +694,10 @@ TEST(DitherSource, EveryDepthDithersLikeItsColours) {
             SCOPED_TRACE(std::to_string(c.bits) + " bits, order " + std::to_string(c.order) + ", width " +
                          std::to_string(w) + ", window " + std::to_string(c.lowBit) + ".." +
                          std::to_string(c.highBit));
-            const int h = 4;
             std::vector<std::vector<uint8_t>> rows;
             std::vector<Rgb> img;
-            for (int y = 0; y < h; ++y) {
-                std::vector<Rgb> cols;
-                rows.push_back(makeSource(c, w, rng, cols));
-                img.insert(img.end(), cols.begin(), cols.end());
-            }
-            auto expect = runLibrary(2, w, h, img, target.data(), 256);
-            Rec rec(w, c.bits, c.order, 2, c.bits <= 8 ? &c.pal : nullptr);
-            rec.bm.nLowBit = c.lowBit;
-            rec.bm.nHighBit = c.highBit;
-            ASSERT_EQ(K_StartDithering(&rec.bm, target.data(), 256), KS_SUCCESS);
-            std::vector<int> got;
-            for (int y = 0; y < h; ++y) {
-                std::vector<uint8_t> src = rows[size_t(y)];  // exactly sized: ASan sees overreads
-                std::vector<uint8_t> dst(static_cast<size_t>(w));
-                ASSERT_EQ(K_DitherLine(&rec.bm, src.data(), dst.data()), KS_SUCCESS);
-                got.insert(got.end(), dst.begin(), dst.end());
-            }
-            ASSERT_EQ(got, expect);
+            makeSourceRows(c, w, 4, rng, rows, img);
+            ASSERT_EQ(runRows(c, w, 2, rows, target.data(), 256, nullptr), runLibrary(2, w, 4, img, target.data(), 256));
         }
 }
 
@@ -733,26 +740,6 @@ std::vector<RGBQUAD> greyRamp(int n) {
     return p;
 }
 
-// Runs source rows of a grey format through the library, with or without the
-// plain Floyd-Steinberg loop.
-std::vector<int> runRows(const SourceCase& c, int w, int method, const std::vector<std::vector<uint8_t>>& rows,
-                         const RGBQUAD* pal, uint32_t colors, bool* grey) {
-    Rec rec(w, c.bits, c.order, method, c.bits <= 8 ? &c.pal : nullptr);
-    rec.bm.nLowBit = c.lowBit;
-    rec.bm.nHighBit = c.highBit;
-    EXPECT_EQ(K_StartDithering(&rec.bm, pal, colors), KS_SUCCESS);
-    if (grey) *grey = krn::ditherRunIsGrey(&rec.bm);
-    int bits = 1;
-    while ((1u << bits) < colors) ++bits;
-    std::vector<int> got;
-    for (const auto& r : rows) {
-        std::vector<uint8_t> src = r;
-        std::vector<uint8_t> dst((static_cast<size_t>(w) * size_t(bits) + 7) / 8);
-        EXPECT_EQ(K_DitherLine(&rec.bm, src.data(), dst.data()), KS_SUCCESS);
-        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(dst.data(), x, bits));
-    }
-    return got;
-}
 
 TEST(DitherGrey, GreySourcesIntoGreyTargetsMatchTheColourPath) {
     auto curve = greyRamp(256);
@@ -780,11 +767,7 @@ TEST(DitherGrey, GreySourcesIntoGreyTargetsMatchTheColourPath) {
                              std::to_string(method));
                 std::vector<std::vector<uint8_t>> rows;
                 std::vector<Rgb> img;
-                for (int y = 0; y < h; ++y) {
-                    std::vector<Rgb> cols;
-                    rows.push_back(makeSource(c, w, rng, cols));
-                    img.insert(img.end(), cols.begin(), cols.end());
-                }
+                makeSourceRows(c, w, h, rng, rows, img);
                 const auto& tc = targets[t];
                 const RGBQUAD* pal = tc.passNull ? nullptr : tc.pal.data();
                 auto expect = runLibrary(method, w, h, img, pal, uint32_t(tc.pal.size()));
@@ -804,8 +787,10 @@ TEST(DitherGrey, GreySourcesIntoGreyTargetsMatchTheColourPath) {
 TEST(DitherGrey, ColourOnEitherSideKeepsThreeChannels) {
     std::mt19937 rng(1);
     std::vector<Rgb> cols;
+    std::vector<std::vector<uint8_t>> rows;
     SourceCase greySrc{8, ORDER_RGB, greyRamp(256)};
-    auto row = makeSource(greySrc, 8, rng, cols);
+    makeSourceRows(greySrc, 8, 1, rng, rows, cols);
+    const auto& row = rows[0];
     bool grey = true;
     runRows(greySrc, 8, 1, {row}, nullptr, 16, &grey);  // the sixteen colours
     EXPECT_FALSE(grey);
