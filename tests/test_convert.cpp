@@ -219,22 +219,17 @@ TEST(ConvertRoundTrip, LosslessPairsComeBackExactly) {
                 for (int i = 0; i < width; ++i) buf[2 * i + 1] &= uint8_t(p.mask >> 8);
             size_t run = (size_t(width) * size_t(p.a == 0 ? 8 : p.a) + 7) / 8;
             // Sub-byte runs: clear the unused bits of the last byte so the
-            // comparison covers whole bytes.
-            if ((size_t(width) * size_t(p.a == 0 ? 8 : p.a)) % 8) {
-                unsigned used = unsigned((size_t(width) * size_t(p.a)) % 8);
-                // Packed indices fill from the top bit; a lone 12-bit pixel
-                // takes the low nibble.
-                buf[run - 1] &= p.a == 12 ? uint8_t(0x0F) : uint8_t(0xFF << (8 - used));
-            }
+            // comparison covers whole bytes. Packed indices fill from the top
+            // bit; a lone 12-bit pixel takes the low nibble.
+            auto clearTail = [&] {
+                if (unsigned used = unsigned((size_t(width) * size_t(p.a)) % 8))
+                    buf[run - 1] &= p.a == 12 ? uint8_t(0x0F) : uint8_t(0xFF << (8 - used));
+            };
+            clearTail();
             std::vector<uint8_t> orig(buf.begin(), buf.begin() + long(run));
             ASSERT_EQ(K_ConvertBuffer(buf.data(), width, p.a, p.b, p.ao, p.bo, nullptr, nullptr), KS_SUCCESS);
             ASSERT_EQ(K_ConvertBuffer(buf.data(), width, p.b, p.a, p.bo, p.ao, nullptr, nullptr), KS_SUCCESS);
-            if ((size_t(width) * size_t(p.a == 0 ? 8 : p.a)) % 8) {
-                unsigned used = unsigned((size_t(width) * size_t(p.a)) % 8);
-                // Packed indices fill from the top bit; a lone 12-bit pixel
-                // takes the low nibble.
-                buf[run - 1] &= p.a == 12 ? uint8_t(0x0F) : uint8_t(0xFF << (8 - used));
-            }
+            clearTail();
             std::vector<uint8_t> back(buf.begin(), buf.begin() + long(run));
             EXPECT_EQ(back, orig) << p.a << "/" << p.ao << " <-> " << p.b << "/" << p.bo << " w=" << width;
         }

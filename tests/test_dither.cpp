@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <numeric>
 #include <memory>
 #include <random>
 #include <string>
