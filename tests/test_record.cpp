@@ -249,6 +249,178 @@ TEST(RecordCreate, PersistentFailureLeavesNothing) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
+// Values are checked in a fixed order: dimensions and depth (as the record is
+// initialised), then the colour order, then the view perspective. A failed
+// call leaves the caller's record untouched.
+TEST(RecordCreate, ValuesCheckedDimensionsThenOrderThenPerspective) {
+    const struct {
+        int32_t width, bpp, order, perspective, expect;
+    } cases[] = {
+        {-1, 24, ORDER_BGR, 9, KS_INVALID_DIMENSIONS},     // width before perspective
+        {-1, 24, 3, 1, KS_INVALID_DIMENSIONS},             // width before order
+        {4, 9, 3, 9, KS_INVALID_BITS_PER_PIXEL},           // depth before order and perspective
+        {4, 8, ORDER_ROMM, 9, KS_INVALID_BITS_PER_PIXEL},  // order before perspective
+        {4, 24, 3, 9, KS_INVALID_PARAMETER},
+        {4, 24, ORDER_BGR, 9, KS_INVALID_PARAMETER},
+        {4, 24, ORDER_BGR, -1, KS_INVALID_PARAMETER},
+        {0x7FFFFFFF, 64, ORDER_BGR, 9, KS_INVALID_DIMENSIONS},
+    };
+    for (const auto& c : cases) {
+        BITMAPRECORD bm = patterned(0x5E);
+        const BITMAPRECORD before = bm;
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, c.width, 4, c.bpp, c.order, nullptr, c.perspective,
+                                 nullptr, 0),
+                  c.expect)
+            << c.width << " " << c.bpp << " " << c.order << " " << c.perspective;
+        EXPECT_EQ(std::memcmp(&bm, &before, sizeof bm), 0);
+    }
+}
+
+// Memory type 2 with the caller's buffer: the record points at the buffer, the
+// kernel never frees or moves it, and a buffer of the wrong size is refused
+// with nothing made.
+TEST(RecordCreate, CallerMemoryWithData) {
+    const long base = warmLiveBlocks();
+    std::vector<uint8_t> pixels(8 * 5, 0);  // 2 x 5 at 24 bits: 8 bytes per line
+    for (uint32_t id : {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD}) {
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, id, MEMTYPE_USER, 2, 5, 24, ORDER_BGR, nullptr, 1, pixels.data(),
+                                 pixels.size()),
+                  KS_SUCCESS);
+        EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_USER_MEMORY);
+        EXPECT_EQ(bm.pData, pixels.data());
+        EXPECT_EQ(bm.hMemory, nullptr);
+        ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+        EXPECT_EQ(bm.pData, pixels.data());
+        bm.pData[39] = 0x77;
+        ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+        EXPECT_EQ(bm.pData, pixels.data());  // caller memory is not unlocked away
+        K_FreeBitmap(&bm);                   // must not free the caller's buffer (ASan)
+        EXPECT_EQ(pixels[39], 0x77);
+        EXPECT_EQ(krn::faultinject::liveBlocks(), base) << id;
+
+        // Wrong sizes: refused, the record as it was, nothing leaked.
+        for (size_t wrong : {pixels.size() - 1, size_t(0)}) {
+            BITMAPRECORD keep = patterned(0x42);
+            const BITMAPRECORD before = keep;
+            EXPECT_EQ(K_CreateBitmap(&keep, id, MEMTYPE_USER, 2, 5, 24, ORDER_BGR, nullptr, 1, pixels.data(), wrong),
+                      KS_INVALID_PARAMETER);
+            EXPECT_EQ(std::memcmp(&keep, &before, sizeof keep), 0);
+            EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+        }
+        // No buffer yet: allocated as caller memory, attached later.
+        ASSERT_EQ(K_CreateBitmap(&bm, id, MEMTYPE_USER, 2, 5, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        EXPECT_EQ(bm.pData, nullptr);
+        EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_USER_MEMORY);
+        EXPECT_EQ(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size()), KS_SUCCESS);
+        EXPECT_EQ(bm.pData, pixels.data());
+        K_FreeBitmap(&bm);
+    }
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+struct CallbackStorage {
+    int allocations = 0;
+    int frees = 0;
+    std::vector<uint8_t> pixels;
+};
+int32_t supplyStorage(BITMAPRECORD* bm, BITMAPALLOCINFO* info, void* user) {
+    auto* s = static_cast<CallbackStorage*>(user);
+    ++s->allocations;
+    s->pixels.assign(size_t(info->uDataSize), 0);
+    bm->pData = s->pixels.data();
+    return 2;
+}
+int32_t returnStorage(BITMAPRECORD*, void* user) {
+    ++static_cast<CallbackStorage*>(user)->frees;
+    return 2;
+}
+
+// Storage that an allocate callback supplied goes back through the free
+// callback whenever K_CreateBitmap fails after the allocation (here: the
+// palette cannot be made), exactly once per allocation.
+TEST(RecordCreate, FailureAfterCallbackStorageCallsTheFreeCallback) {
+    const long base = warmLiveBlocks();
+    CallbackStorage store;
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    cb.pUserData = &store;
+    cb.pfnAllocate = supplyStorage;
+    cb.pfnFree = returnStorage;
+    int failedAfterAllocation = 0;
+    for (long n = 0; n < 50; ++n) {
+        store.allocations = store.frees = 0;
+        BITMAPRECORD bm = patterned(0x66);
+        const BITMAPRECORD before = bm;
+        krn::faultinject::arm(n, 1);
+        const int32_t rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 16, 4, 8, ORDER_RGB, nullptr, 1,
+                                                       nullptr, 0, &cb);
+        const long injected = krn::faultinject::injected();
+        krn::faultinject::disarm();
+        if (injected == 0) {
+            ASSERT_EQ(rc, KS_SUCCESS);
+            EXPECT_EQ(store.allocations, 1);
+            EXPECT_EQ(store.frees, 0);
+            EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, BRF_ALLOCATED | BRF_USER_MEMORY);
+            K_FreeBitmap(&bm);
+            EXPECT_EQ(store.frees, 1);
+            break;
+        }
+        ASSERT_EQ(rc, KS_NO_MEMORY) << n;
+        EXPECT_EQ(std::memcmp(&bm, &before, sizeof bm), 0) << n;
+        EXPECT_EQ(store.frees, store.allocations) << "failure point " << n;
+        if (store.allocations) ++failedAfterAllocation;
+        EXPECT_EQ(krn::faultinject::liveBlocks(), base) << n;
+    }
+    EXPECT_GE(failedAfterAllocation, 1);  // the palette failure was reached
+}
+
+// A record freed while still accessed is reusable: its next storage is locked
+// by its next first access.
+TEST(RecordFree, ReusedRecordLocksItsNextStorage) {
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 30, 7, 8, ORDER_RGB, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    K_FreeBitmap(&bm);  // two accesses outstanding
+    EXPECT_EQ(bm.uFlags & (BRF_ALLOCATED | BRF_LOCKED), 0u);
+    EXPECT_EQ(bm.pData, nullptr);
+    ASSERT_EQ(K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL), KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    ASSERT_NE(bm.pData, nullptr);
+    std::memset(bm.pData, 1, bm.uSize64);
+    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(bm.pData, nullptr);
+    K_FreeBitmap(&bm);
+}
+
+// Extreme dimensions are refused or fail cleanly, never wrap into a small block.
+TEST(RecordCreate, ExtremeDimensions) {
+    const long base = warmLiveBlocks();
+    BITMAPRECORD bm;
+    // Rows whose bit count does not fit 32 bits.
+    for (int bpp : {2, 4, 8, 12, 16, 24, 32, 48, 64})
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 0x7FFFFFFF, 1, bpp, ORDER_BGR, nullptr, 1, nullptr, 0),
+                  KS_INVALID_DIMENSIONS)
+            << bpp;
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 0x7FFFFFFF, 0x7FFFFFFF, 1), KS_SUCCESS);
+    EXPECT_EQ(bm.nBytesPerLine, 0x10000000u);
+    EXPECT_EQ(bm.uSize64, uint64_t(0x10000000u) * 0x7FFFFFFFu);
+    EXPECT_EQ(bm.uSize, uint32_t(bm.uSize64));
+    // The older layout cannot hold it.
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE_OLD, 0x7FFFFFFF, 0x7FFFFFFF, 1), KS_MEMORY_TOO_LOW);
+    EXPECT_EQ(bm.uSize, 0xFFFF0000u);
+    EXPECT_EQ(bm.nWidth, 0);
+    // 2^59 bytes with memory that may not go to disk: refused, nothing made.
+    BITMAPRECORD big = patterned(0x19);
+    const BITMAPRECORD before = big;
+    EXPECT_LT(K_CreateBitmap(&big, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK, 0x7FFFFFFF,
+                             0x7FFFFFFF, 1, ORDER_RGB, nullptr, 1, nullptr, 0),
+              0);
+    EXPECT_EQ(std::memcmp(&big, &before, sizeof big), 0);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
 TEST(RecordFree, IgnoresBadRecordsAndReleasesEverything) {
     EXPECT_EQ(K_FreeBitmap(nullptr), KS_SUCCESS);
     BITMAPRECORD bad = patterned(0);
@@ -356,6 +528,8 @@ TEST(RecordHeight, GrowAndShrinkKeepThePixels) {
     EXPECT_EQ(K_ChangeBitmapHeight(nullptr, 3), KS_INVALID_BITMAP);
     ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 10, 10, 8), KS_SUCCESS);
     EXPECT_EQ(K_ChangeBitmapHeight(&bm, 3), KS_INVALID_BITMAP);  // not allocated
+    bm.uStructSize = 100;  // the allocated bit is looked at before the size word
+    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 3), KS_INVALID_BITMAP);
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 10, 8, ORDER_RGB, nullptr, 1, nullptr, 0), KS_SUCCESS);
     ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
     for (uint32_t i = 0; i < bm.uSize64; ++i) bm.pData[i] = uint8_t(i * 7);
