@@ -131,6 +131,37 @@ TEST(RecordDefaults, FallbackBlockIsSharedAndStartsZero) {
     EXPECT_EQ(krn::processSettings().nXResolution, before);
 }
 
+// A caller's thread-local object made before the kernel's per-thread block is
+// destroyed after it; when its destructor calls into the kernel, the thread
+// reads the process-wide block, never the freed one, and nothing leaks.
+int32_t g_resolutionAtThreadEnd = 0;
+struct CallsKernelAtThreadEnd {
+    bool touched = false;
+    ~CallsKernelAtThreadEnd() {
+        K_SetDefaultYResolution(321);
+        g_resolutionAtThreadEnd = K_GetDefaultXResolution();
+    }
+};
+thread_local CallsKernelAtThreadEnd t_callsKernel;
+
+TEST(RecordDefaults, KernelCallsDuringThreadEndUseTheProcessBlock) {
+    const long base = warmLiveBlocks();
+    krn::ThreadSettings& process = krn::processSettings();
+    const int32_t processX = process.nXResolution, processY = process.nYResolution;
+    process.nXResolution = 4242;
+    g_resolutionAtThreadEnd = 0;
+    std::thread([] {
+        t_callsKernel.touched = true;  // constructed before the kernel's block
+        K_SetDefaultXResolution(600);
+        EXPECT_EQ(K_GetDefaultXResolution(), 600);
+    }).join();
+    EXPECT_EQ(g_resolutionAtThreadEnd, 4242);
+    EXPECT_EQ(process.nYResolution, 321);
+    process.nXResolution = processX;
+    process.nYResolution = processY;
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
 TEST(RecordCreate, PerspectiveOrderAndPalette) {
     BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 8, 8, 24, ORDER_RGB, nullptr, 0, nullptr, 0), KS_SUCCESS);
