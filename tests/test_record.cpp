@@ -543,6 +543,26 @@ TEST(RecordDataPointer, FrameOrderAndAttach) {
     K_FreeBitmap(&bm);
 }
 
+// Storage that is being accessed is never replaced by caller memory, in either
+// layout (the older one has no lock count, only the locked bit).
+TEST(RecordDataPointer, AccessedStorageIsNotReplaced) {
+    for (uint32_t id : {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD}) {
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, id, 1, 4, 4, 32, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+        uint8_t* pixels = bm.pData;
+        ASSERT_NE(pixels, nullptr);
+        std::vector<uint8_t> mine(bm.uSize);
+        EXPECT_EQ(K_SetBitmapDataPointer(&bm, mine.data(), mine.size()), KS_INVALID_PARAMETER) << id;
+        EXPECT_EQ(bm.pData, pixels);
+        std::memset(pixels, 0x3A, bm.uSize);  // still the bitmap's own block (ASan)
+        ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+        EXPECT_EQ(K_SetBitmapDataPointer(&bm, mine.data(), mine.size()), KS_SUCCESS);
+        EXPECT_EQ(bm.pData, mine.data());
+        K_FreeBitmap(&bm);
+    }
+}
+
 TEST(RecordDataPointer, ReplacesOwnedStorageWithoutLeaking) {
     const long base = warmLiveBlocks();
     BITMAPRECORD bm;

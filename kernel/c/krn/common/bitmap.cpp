@@ -244,7 +244,9 @@ KAPI int32_t K_SetBitmapDataPointer(BITMAPRECORD* pBitmap, void* pData, uint64_t
         return KS_SUCCESS;
     }
     if ((bm->uFlags & BRF_ALLOCATED) && !(bm->uFlags & BRF_USER_MEMORY)) {
-        if (isCurrentLayout(bm) && bm->nLockCount > 0) return KS_INVALID_PARAMETER;
+        // Storage in use may not go away under its user: the lock count of the
+        // current layout, the locked bit of either layout.
+        if ((bm->uFlags & BRF_LOCKED) || (isCurrentLayout(bm) && bm->nLockCount > 0)) return KS_INVALID_PARAMETER;
         freeStorage(bm);
     }
     bm->uFlags = (bm->uFlags & ~BRF_STORAGE_MASK) | BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_USER_MEMORY;
