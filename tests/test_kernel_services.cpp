@@ -339,6 +339,57 @@ int32_t countingCallback(int32_t percent, void* user) {
     return 1;
 }
 
+// Every code of the table and around it: K_GetLibIdFromErrorCode and the
+// message agree (known exactly when the text is not the unknown text; other
+// libraries read "The %s library is missing." with the name given in the
+// library-name buffer), and any buffer size gives the message's prefix without
+// writing past the buffer.
+TEST(Messages, WholeTableAgreesWithLibraryIdsAndTruncatesInBounds) {
+    const std::wstring unknown = L"Internal or Unrecognized Error!";
+    const wchar_t* names[] = {L"Ombrix Kernel", L"Ombrix File Formats", L"Ombrix Dialogs", L"Ombrix Annotations",
+                              L"Ombrix Color Management"};
+    int perLibrary[5] = {};
+    for (int32_t code = -1940; code <= 110; ++code) {
+        std::wstring lib;
+        const std::wstring text = message(code, 1024, &lib);
+        int32_t id = 99, known = 99;
+        ASSERT_EQ(K_GetLibIdFromErrorCode(code, &id, &known), KS_SUCCESS);
+        ASSERT_EQ(known, text != unknown ? 1 : 0) << code;
+        if (code < -1931 || code > 104) {
+            ASSERT_EQ(known, 0) << code;
+        }
+        if (!known) {
+            ASSERT_EQ(id, OMBRIX_LIB_UNKNOWN) << code;
+            ASSERT_EQ(lib, L"") << code;
+            continue;
+        }
+        ASSERT_GE(id, OMBRIX_LIB_KERNEL);
+        ASSERT_LE(id, OMBRIX_LIB_COLOR);
+        ++perLibrary[id];
+        ASSERT_EQ(lib, names[id]) << code;
+        if (id != OMBRIX_LIB_KERNEL) {
+            ASSERT_EQ(text, L"The " + lib + L" library is missing.") << code;
+        }
+    }
+    EXPECT_EQ(perLibrary[OMBRIX_LIB_KERNEL], 38);  // the rows of the kernel's own table
+    for (int id = OMBRIX_LIB_FILEIO; id <= OMBRIX_LIB_COLOR; ++id) EXPECT_GT(perLibrary[id], 0) << id;
+
+    // Truncation: the prefix, terminated, and nothing written past the buffer.
+    for (int32_t code : {-16, -1905, -1150, 1, 999}) {
+        const std::wstring full = message(code);
+        for (uint32_t n = 0; n < full.size() + 3; ++n) {
+            std::vector<wchar_t> buf(n + 4, L'#'), lib(n + 4, L'#');
+            ASSERT_EQ(K_GetFriendlyErrorMessage(code, buf.data(), n, lib.data()), KS_SUCCESS);
+            for (uint32_t i = n; i < n + 4; ++i) {
+                ASSERT_EQ(buf[i], L'#') << code << " " << n;
+                ASSERT_EQ(lib[i], L'#') << code << " " << n;
+            }
+            if (n == 0) continue;
+            ASSERT_EQ(std::wstring(buf.data()), full.substr(0, n - 1)) << code << " " << n;
+        }
+    }
+}
+
 TEST(ProgressCallbacks, PerThreadSetAndGet) {
     std::vector<int32_t> seen;
     STATUSCALLBACK old = reinterpret_cast<STATUSCALLBACK>(1);
