@@ -452,6 +452,54 @@ TEST(RecordCreate, ExtremeDimensions) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
+// Every record operation answers a null record and every wrong size word with
+// its documented code and leaves the record's bytes as they were.
+TEST(RecordFrame, NullRecordsAndBadSizeWords) {
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    uint8_t pixels[64] = {};
+    EXPECT_EQ(K_InitBitmapWithCallbacks(nullptr, BITMAPRECORD_SIZE, 1, 1, 1, &cb), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CreateBitmap(nullptr, BITMAPRECORD_SIZE, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CreateBitmapWithCallbacks(nullptr, BITMAPRECORD_SIZE, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0, &cb),
+              KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetBitmapDataCallbacks(nullptr, &cb), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_GetBitmapDataCallbacks(nullptr, &cb), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_ChangeBitmapHeight(nullptr, 1), KS_INVALID_BITMAP);
+    EXPECT_EQ(K_SetBitmapDataPointer(nullptr, nullptr, 0), KS_INVALID_BITMAP);
+
+    for (uint32_t bad : {0u, 1u, 44u, 175u, 177u, 188u, 189u, 215u, 217u, 0xFFFFFFFFu}) {
+        // A valid allocated record whose size word was damaged afterwards.
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_USER, 4, 4, 8, ORDER_RGB, nullptr, 1, pixels,
+                                 sizeof pixels),
+                  KS_SUCCESS);
+        bm.uStructSize = bad;
+        const BITMAPRECORD before = bm;
+        EXPECT_EQ(K_InitBitmap(&bm, bad, 1, 1, 1), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_CreateBitmap(&bm, bad, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_SetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_GetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_ChangeBitmapHeight(&bm, 2), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_SetBitmapDataPointer(&bm, pixels, sizeof pixels), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_FreeBitmap(&bm), KS_SUCCESS) << bad;  // ignored
+        EXPECT_EQ(std::memcmp(&bm, &before, sizeof bm), 0) << bad;
+        bm.uStructSize = BITMAPRECORD_SIZE;
+        K_FreeBitmap(&bm);
+    }
+    // A callback table with a wrong size word, and a null out-table.
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4, 4, 8), KS_SUCCESS);
+    for (uint32_t bad : {0u, 40u, 43u, 45u, 48u, 88u}) {
+        cb.uStructSize = bad;
+        EXPECT_EQ(K_SetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_GetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_InitBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+    }
+    EXPECT_EQ(K_GetBitmapDataCallbacks(&bm, nullptr), KS_INVALID_PARAMETER);
+    K_FreeBitmap(&bm);
+}
+
 TEST(RecordFree, IgnoresBadRecordsAndReleasesEverything) {
     EXPECT_EQ(K_FreeBitmap(nullptr), KS_SUCCESS);
     BITMAPRECORD bad = patterned(0);
