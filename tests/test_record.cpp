@@ -500,6 +500,59 @@ TEST(RecordFrame, NullRecordsAndBadSizeWords) {
     K_FreeBitmap(&bm);
 }
 
+// K_FreeBitmap's order: region, palette and overlays go before the free
+// callback is asked; storage, allocated bit, LUT, extra data, callbacks and the
+// dithering run after it. The callback sees the record in that middle state.
+struct FreeOrderSeen {
+    int calls = 0;
+    bool regionGone = false, paletteGone = false, stillAllocated = false, lutKept = false, extraKept = false,
+         ditherKept = false;
+};
+int32_t observeFree(BITMAPRECORD* bm, void* user) {
+    auto* seen = static_cast<FreeOrderSeen*>(user);
+    ++seen->calls;
+    seen->regionGone = bm->hRgn == nullptr;
+    seen->paletteGone = bm->pPalette == nullptr;
+    seen->stillAllocated = (bm->uFlags & BRF_ALLOCATED) != 0;
+    seen->lutKept = bm->pLUT != nullptr;
+    seen->extraKept = bm->pExtraData != nullptr;
+    seen->ditherKept = bm->pDitherState != nullptr;
+    return KS_SUCCESS;  // carry on: the kernel frees the storage by its kind
+}
+
+TEST(RecordFree, OrderAroundTheFreeCallback) {
+    const long base = warmLiveBlocks();
+    FreeOrderSeen seen;
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    cb.pUserData = &seen;
+    cb.pfnFree = observeFree;
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 16, 16, 8, ORDER_RGB, nullptr, 1, nullptr, 0,
+                                          &cb),
+              KS_SUCCESS);
+    const RECT r{2, 2, 10, 10};
+    ASSERT_EQ(K_SetBitmapRgnRect(&bm, nullptr, &r, RGN_SET_OR), KS_SUCCESS);
+    ASSERT_NE(bm.hRgn, nullptr);
+    ASSERT_EQ(K_StartDithering(&bm, nullptr, 16), KS_SUCCESS);
+    ASSERT_NE(bm.pDitherState, nullptr);
+    bm.pLUT = K_GlobalAlloc(GMEM_FIXED, 256);
+    bm.pExtraData = K_GlobalAlloc(GMEM_FIXED, 8);
+    bm.uExtraDataSize = 8;
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(seen.calls, 1);
+    EXPECT_TRUE(seen.regionGone);
+    EXPECT_TRUE(seen.paletteGone);
+    EXPECT_TRUE(seen.stillAllocated);
+    EXPECT_TRUE(seen.lutKept);
+    EXPECT_TRUE(seen.extraKept);
+    EXPECT_TRUE(seen.ditherKept);
+    EXPECT_EQ(bm.hRgn, nullptr);
+    EXPECT_EQ(bm.pDitherState, nullptr);
+    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0u);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);  // storage freed by kind, everything else released
+}
+
 TEST(RecordFree, IgnoresBadRecordsAndReleasesEverything) {
     EXPECT_EQ(K_FreeBitmap(nullptr), KS_SUCCESS);
     BITMAPRECORD bad = patterned(0);
