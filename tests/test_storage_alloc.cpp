@@ -141,6 +141,34 @@ TEST(StorageDecision, ThresholdsSteerTheDecision) {
     K_FreeBitmap(&bm);
 }
 
+TEST(StorageDecision, FreeMemoryLessTheReserveLimitsOneBlock) {
+    CapGuard guard;
+    struct Restore {
+        ~Restore() { krn::testhook::setAvailableMemory(0); }
+    } restore;
+    krn::testhook::setAvailableMemory(10000);
+    BITMAPRECORD bm;
+    // 2000 bytes fit in 10000 free bytes less 7000 kept free...
+    ASSERT_EQ(K_SetMemoryThresholds(7000, 0, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    ASSERT_EQ(K_AllocateBitmap(&bm, 265), KS_SUCCESS);
+    K_FreeBitmap(&bm);
+    // ... but not in 10000 less 9000.
+    ASSERT_EQ(K_SetMemoryThresholds(9000, 0, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_NO_MEMORY);
+    ASSERT_EQ(K_AllocateBitmap(&bm, 1), KS_SUCCESS);
+    EXPECT_EQ(kindOf(bm), 4u) << "too large for one block: tiles";
+    K_FreeBitmap(&bm);
+    // A percentage: the largest image is 15% of the 10000 free bytes.
+    ASSERT_EQ(K_SetMemoryThresholds(0, -15, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE | MEMTHRESHOLD_LARGEST_IMAGE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_NO_MEMORY);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 15, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_SUCCESS) << "1500 bytes fit";
+    K_FreeBitmap(&bm);
+}
+
 TEST(StorageDecision, TileSizeZeroMeans16MiB) {
     CapGuard guard;
     ASSERT_EQ(K_SetMemoryThresholds(0, 0, 0, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS);
@@ -325,13 +353,13 @@ TEST(StorageSettings, ThresholdsAndDefaults) {
     ASSERT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
     GLOBALMEMORYTHRESHOLDS r{GLOBALMEMORYTHRESHOLDS_SIZE, 0};
     ASSERT_EQ(K_GetGlobalMemoryThresholds(&r), KS_SUCCESS);
-    EXPECT_EQ(r.nLargestImage, 12345);
+    EXPECT_EQ(int64_t{r.nLargestImage}, 12345);
     g.nLargestImage = -2;
     EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_PARAMETER);
     g.nLargestImage = -1;
     EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
     K_GetGlobalMemoryThresholds(&r);
-    EXPECT_EQ(r.nLargestImage, 0);
+    EXPECT_EQ(int64_t{r.nLargestImage}, 0);
     g.uStructSize = 16;
     EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_STRUCT_SIZE);
     EXPECT_EQ(sizeof(GLOBALMEMORYTHRESHOLDS), 12u);
@@ -594,6 +622,40 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
     sweepAllocationFailures("to compressed", build(1, 1, 512));
     sweepAllocationFailures("to super", build(1, 24, 1024));
     sweepAllocationFailures("tiles to disk", build(1, 8, 128));
+}
+
+TEST(StorageFaults, TilesRetryWithHalfTheTileSize) {
+    CapGuard guard;
+    // 32 MiB that may not be one block nor use files: tiles in memory only.
+    ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE),
+              KS_SUCCESS);
+    K_GetDefaultMemoryType();
+    const long live = krn::faultinject::liveBlocks();
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);
+    // Allocation 0 is the tile table, 1 the first 16 MiB tile: it fails once.
+    krn::faultinject::arm(1, 1);
+    int32_t rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
+    krn::faultinject::disarm();
+    ASSERT_EQ(rc, KS_SUCCESS);
+    uint64_t tileSize = 0;
+    int32_t tiles = 0, onDisk = -1;
+    uint32_t type = 0;
+    K_GetBitmapMemoryInfo(&bm, &type, &tileSize, &tiles, &onDisk);
+    EXPECT_EQ(type, 4u);
+    EXPECT_EQ(tileSize, 8u << 20) << "the second try used tiles of half the size";
+    EXPECT_EQ(tiles, 4);
+    EXPECT_EQ(onDisk, 0);
+    K_FreeBitmap(&bm);
+    // Already at the floor (8 MiB): no retry, the shortage is the answer.
+    ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);
+    krn::faultinject::arm(1, 1);
+    rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
+    krn::faultinject::disarm();
+    EXPECT_EQ(rc, KS_NO_MEMORY);
+    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
 }
 
 TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
