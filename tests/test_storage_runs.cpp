@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ombrix.h"
+#include "krn/common/memory.h"
 #include "storage_kinds.h"
 
 using namespace storagetest;
@@ -279,6 +280,36 @@ TEST(CompressedStore, RewritesAppendsAndCompaction) {
         }
     }
     K_FreeBitmap(&bm);
+}
+
+}  // namespace
+
+namespace {
+
+// A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its
+// height: row indexes appear only when rows are written.
+TEST(RunStore, TallBlankBitmapIsCheap) {
+    K_GetDefaultXResolution();
+    const long base = krn::faultinject::liveBlocks();
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_COMPRESSED, 64, 200000000, 1, ORDER_RGB, nullptr, 1,
+                             nullptr, 0),
+              KS_SUCCESS);
+    EXPECT_EQ(bm.uFlags & BRF_COMPRESSED, BRF_COMPRESSED);
+    EXPECT_LE(krn::faultinject::liveBlocks() - base, 3);  // store, palette and its handle
+    uint8_t row[8], got[8];
+    std::memset(got, 0xEE, sizeof got);
+    ASSERT_EQ(K_GetBitmapRow(&bm, got, 199999999, 8), 8);
+    for (uint8_t b : got) EXPECT_EQ(b, 0);
+    for (int i = 0; i < 8; ++i) row[i] = uint8_t(0x5A ^ i);
+    ASSERT_EQ(K_PutBitmapRow(&bm, row, 123456789, 8), 8);
+    ASSERT_EQ(K_GetBitmapRow(&bm, got, 123456789, 8), 8);
+    EXPECT_EQ(std::memcmp(got, row, 8), 0);
+    ASSERT_EQ(K_GetBitmapRow(&bm, got, 123456790, 8), 8);
+    for (uint8_t b : got) EXPECT_EQ(b, 0);
+    ASSERT_EQ(K_ChangeBitmapHeight(&bm, 100), KS_SUCCESS);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
 }  // namespace
