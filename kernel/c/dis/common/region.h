@@ -108,6 +108,23 @@ public:
         left_ = left;
         right_ = right;
     }
+    // Direct access for an operation that writes every row itself after
+    // start() reserved an upper bound: the run data, the row index, then
+    // commit() with the rows written from the top (the first and the last
+    // hold runs, offsets contiguous), the x values written and the exact
+    // left and right bounds.
+    int32_t* runData() noexcept { return r_->pRunData; }
+    ORVARGNROW* rowIndex() noexcept { return r_->pRowIndex; }
+    void commit(uint32_t rows, size_t values, int32_t left, int32_t right) noexcept {
+        cur_ = bottom_;
+        started_ = values > 0;
+        first_ = top_;
+        rowsUsed_ = values > 0 ? rows : 0;
+        values_ = values;
+        lastStart_ = 0;
+        left_ = left;
+        right_ = right;
+    }
     // Shrinks to exact sizes and hands the region out.
     [[nodiscard]] int32_t finish(OrvaRgn** out) noexcept;
 
