@@ -351,6 +351,110 @@ int32_t unionRegions(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn*
     return bld.finish(out);
 }
 
+// ------------------------------------------------------------------ difference
+// A minus B, also run by run: each run of a is cut by the runs of b that
+// overlap it; rows where b has nothing, or nothing that overlaps a, are copies.
+
+// a minus b for rows whose runs overlap somewhere (na, nb > 0).
+inline uint32_t diffRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    const int32_t* const ae = a + na;
+    const int32_t* const be = b + nb;
+    int32_t* o = out;
+    while (a != ae) {
+        int32_t s = a[0];
+        const int32_t e = a[1];
+        a += 2;
+        while (b != be && b[1] <= s) b += 2;  // b runs wholly left of the run
+        while (b != be && b[0] < e) {         // b runs that cut it
+            if (b[0] > s) {
+                o[0] = s;
+                o[1] = b[0];
+                o += 2;
+            }
+            if (b[1] >= e) {  // covers the rest (and may cut the next run too)
+                s = e;
+                break;
+            }
+            s = b[1];
+            b += 2;
+        }
+        if (s < e) {
+            o[0] = s;
+            o[1] = e;
+            o += 2;
+        }
+        if (b == be) {
+            copyValues(o, a, uint32_t(ae - a));
+            o += ae - a;
+            break;
+        }
+    }
+    return uint32_t(o - out);
+}
+
+int32_t diffRegions(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
+    if (isEmpty(a)) return create(out);
+    const bool bE = isEmpty(b);
+    const int64_t aT = a->rcBounds.top, aB = a->rcBounds.bottom;
+    const int64_t bT = bE ? aT : b->rcBounds.top, bB = bE ? aT : b->rcBounds.bottom;
+    Builder bld;
+    // A result row never holds more x values than its two source rows.
+    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
+    if (recycle == a || recycle == b) recycle = nullptr;
+    const int32_t rc = bld.start(aT, aB, expect, recycle);
+    if (rc != KS_SUCCESS) return rc;
+    const ORVARGNROW* const idxA = a->pRowIndex;
+    const ORVARGNROW* const idxB = b->pRowIndex;
+    const int32_t* const runA = a->pRunData;
+    const int32_t* const runB = b->pRunData;
+    const int32_t *pa = nullptr, *pb = nullptr;
+    uint32_t npa = 0, npb = 0;
+    bld.fillAll([&](int64_t y, int32_t* dst, const int32_t* prevOut, uint32_t nPrevOut) -> uint32_t {
+        const ORVARGNROW ea = idxA[y - aT];
+        const uint32_t na = ea.uCount;
+        const int32_t* ra = runA + ea.uOffset / 4u;
+        uint32_t nb = 0;
+        const int32_t* rb = nullptr;
+        if (y >= bT && y < bB) {
+            const ORVARGNROW eb = idxB[y - bT];
+            nb = eb.uCount;
+            rb = runB + eb.uOffset / 4u;
+        }
+        uint32_t n;
+        if (na == 0) {
+            n = 0;
+        } else if (nb == 0 || ra[na - 1] <= rb[0] || rb[nb - 1] <= ra[0]) {  // nothing to cut
+            n = na;
+            copyValues(dst, ra, na);
+        } else if (na == 2 && nb == 2) {
+            const int32_t a0 = ra[0], a1 = ra[1], b0 = rb[0], b1 = rb[1];  // the runs overlap
+            n = 0;
+            if (b0 > a0) {
+                dst[0] = a0;
+                dst[1] = b0;
+                n = 2;
+            }
+            if (b1 < a1) {
+                dst[n] = b1;
+                dst[n + 1] = a1;
+                n += 2;
+            }
+        } else if (pa && na + nb > 8 && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
+            // Both sources repeat the previous row: so does the result.
+            n = nPrevOut;
+            copyValues(dst, prevOut, n);
+        } else {
+            n = diffRow(ra, na, rb, nb, dst);
+        }
+        pa = ra;
+        npa = na;
+        pb = rb;
+        npb = nb;
+        return n;
+    });
+    return bld.finish(out);
+}
+
 // ------------------------------------------------------------------ scan conversion
 struct Crossing {
     int64_t p;  // first pixel whose centre is at or right of the crossing
@@ -763,7 +867,7 @@ int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out, O
             case RGN_AND: return combineT<kAnd>(a, b, out, recycle);
             case RGN_OR: return unionRegions(a, b, out, recycle);
             case RGN_XOR: return combineT<kXor>(a, b, out, recycle);
-            case RGN_DIFF: return combineT<kDiff>(a, b, out, recycle);
+            case RGN_DIFF: return diffRegions(a, b, out, recycle);
             case RGN_COPY: return copy(a, out);
             default: return KS_INVALID_PARAMETER;
         }
