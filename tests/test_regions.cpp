@@ -164,8 +164,8 @@ TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
 // Many small rectangles on a coarse grid: rows with many runs whose ends
 // coincide or touch across the two sources, tall rectangles (repeated rows),
 // sources apart vertically and horizontally, and empty sources. The sources
-// are built by the rectangle importer, so union and difference are checked
-// against the mask without relying on themselves.
+// are built by the rectangle importer, so the combines are checked against
+// the mask without relying on themselves.
 HRGN rectsRegion(std::mt19937& rng, int count, int dx, int dy, Mask& m) {
     std::vector<RECT> rects;
     m = Mask(kWin.x0, kWin.y0, kWin.w, kWin.h);
@@ -184,7 +184,7 @@ HRGN rectsRegion(std::mt19937& rng, int count, int dx, int dy, Mask& m) {
     return ExtCreateRegion(nullptr, uint32_t(blk.size()), reinterpret_cast<const RGNDATA*>(blk.data()));
 }
 
-TEST(RegionsEngine, UnionAndDifferenceOfManyRunRowsMatchMask) {
+TEST(RegionsEngine, UnionIntersectionDifferenceOfManyRunRowsMatchMask) {
     std::mt19937 rng(777);
     for (int iter = 0; iter < 80; ++iter) {
         const int layout = iter % 5;  // overlapping, b below a, b right of a, a empty, b empty
@@ -202,6 +202,10 @@ TEST(RegionsEngine, UnionAndDifferenceOfManyRunRowsMatchMask) {
         expectMatches(d, want, "union swapped, layout " + std::to_string(layout));
         CombineRgn(d, d, a, RGN_OR);  // in place: a source is the destination
         expectMatches(d, want, "union in place, layout " + std::to_string(layout));
+        CombineRgn(d, a, b, RGN_AND);
+        expectMatches(d, ma.combine(mb, 0), "a and b, layout " + std::to_string(layout));
+        CombineRgn(d, b, a, RGN_AND);
+        expectMatches(d, ma.combine(mb, 0), "b and a, layout " + std::to_string(layout));
         CombineRgn(d, a, b, RGN_DIFF);
         expectMatches(d, ma.combine(mb, 3), "a minus b, layout " + std::to_string(layout));
         CombineRgn(d, b, a, RGN_DIFF);

@@ -455,6 +455,75 @@ int32_t diffRegions(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
     return bld.finish(out);
 }
 
+// ------------------------------------------------------------------ intersection
+// a and b for rows whose runs overlap somewhere (na, nb > 0): each pair of
+// overlapping runs gives their common part; the run that ends first is
+// replaced by its successor.
+inline uint32_t andRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    const int32_t* const ae = a + na;
+    const int32_t* const be = b + nb;
+    int32_t* o = out;
+    while (a != ae && b != be) {
+        const int32_t s = a[0] > b[0] ? a[0] : b[0];
+        const int32_t a1 = a[1], b1 = b[1];
+        const int32_t e = a1 < b1 ? a1 : b1;
+        if (s < e) {
+            o[0] = s;
+            o[1] = e;
+            o += 2;
+        }
+        a += a1 <= b1 ? 2 : 0;
+        b += b1 <= a1 ? 2 : 0;
+    }
+    return uint32_t(o - out);
+}
+
+int32_t intersectRegions(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
+    if (isEmpty(a) || isEmpty(b)) return create(out);
+    const int64_t aT = a->rcBounds.top, bT = b->rcBounds.top;
+    const int64_t top = std::max(aT, bT);
+    const int64_t bottom = std::min<int64_t>(a->rcBounds.bottom, b->rcBounds.bottom);
+    if (top >= bottom) return create(out);
+    Builder bld;
+    // A result row never holds more x values than its two source rows.
+    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
+    if (recycle == a || recycle == b) recycle = nullptr;
+    const int32_t rc = bld.start(top, bottom, expect, recycle);
+    if (rc != KS_SUCCESS) return rc;
+    const ORVARGNROW* const idxA = a->pRowIndex;
+    const ORVARGNROW* const idxB = b->pRowIndex;
+    const int32_t* const runA = a->pRunData;
+    const int32_t* const runB = b->pRunData;
+    const int32_t *pa = nullptr, *pb = nullptr;
+    uint32_t npa = 0, npb = 0;
+    bld.fillAll([&](int64_t y, int32_t* dst, const int32_t* prevOut, uint32_t nPrevOut) -> uint32_t {
+        const ORVARGNROW ea = idxA[y - aT], eb = idxB[y - bT];
+        const uint32_t na = ea.uCount, nb = eb.uCount;
+        const int32_t* ra = runA + ea.uOffset / 4u;
+        const int32_t* rb = runB + eb.uOffset / 4u;
+        uint32_t n;
+        if (na == 0 || nb == 0 || ra[na - 1] <= rb[0] || rb[nb - 1] <= ra[0]) {  // nothing in common
+            n = 0;
+        } else if (na == 2 && nb == 2) {  // the runs overlap
+            dst[0] = ra[0] > rb[0] ? ra[0] : rb[0];
+            dst[1] = ra[1] < rb[1] ? ra[1] : rb[1];
+            n = 2;
+        } else if (pa && na + nb > 8 && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
+            // Both sources repeat the previous row: so does the result.
+            n = nPrevOut;
+            copyValues(dst, prevOut, n);
+        } else {
+            n = andRow(ra, na, rb, nb, dst);
+        }
+        pa = ra;
+        npa = na;
+        pb = rb;
+        npb = nb;
+        return n;
+    });
+    return bld.finish(out);
+}
+
 // ------------------------------------------------------------------ scan conversion
 struct Crossing {
     int64_t p;  // first pixel whose centre is at or right of the crossing
@@ -864,7 +933,7 @@ void adopt(OrvaRgn* dst, OrvaRgn* src) noexcept {
 int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out, OrvaRgn* recycle) noexcept {
     return guarded([&]() -> int32_t {
         switch (op) {
-            case RGN_AND: return combineT<kAnd>(a, b, out, recycle);
+            case RGN_AND: return intersectRegions(a, b, out, recycle);
             case RGN_OR: return unionRegions(a, b, out, recycle);
             case RGN_XOR: return combineT<kXor>(a, b, out, recycle);
             case RGN_DIFF: return diffRegions(a, b, out, recycle);
