@@ -1,4 +1,4 @@
-// region.cpp - the OrvaRgn engine: the row builder, the one merge over sorted
+// region.cpp - the OrvaRgn engine: the row builder, the merges over sorted
 // runs, rectangles, polygons, ellipses, moves and mirror images, and the
 // kernel's exported region operations (K_CreateOrvaRgnRect ... K_SegmentsToRegion).
 //
@@ -43,7 +43,8 @@ __int128 ceilDiv128(__int128 a, __int128 b) noexcept {  // b > 0
 }
 
 // ------------------------------------------------------------------ merge
-// One merge for every mode. T is a truth table: bit (inA * 2 + inB) tells
+// The edge merge, for every mode (XOR and the internal users; union,
+// intersection and difference have faster run-by-run loops below). T is a truth table: bit (inA * 2 + inB) tells
 // whether a pixel with that membership is in the result. Both inputs are
 // sorted, non-overlapping, non-touching runs; so is the output (touching
 // output runs are joined because the state is evaluated after every edge at

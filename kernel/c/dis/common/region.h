@@ -1,8 +1,9 @@
 // region.h - the OrvaRgn engine (internal interface).
 //
 // Every function that makes a region fills a fresh OrvaRgn through the one
-// row builder (rgn::Builder); every combine mode is a truth table handed to
-// the one merge over sorted runs (rgn::combine). Functions return KS_ status
+// row builder (rgn::Builder); combine (rgn::combine) runs union,
+// intersection and difference through their own run-by-run row loops and
+// XOR through the edge merge over a truth table. Functions return KS_ status
 // codes and never throw; outputs are written only on success.
 //
 //   Builder                 row-by-row construction with exact final sizes
