@@ -1,5 +1,6 @@
-// bench_region.cpp - the region engine: CombineRgn on large discs and on
-// checkerboards with many runs per row (side by side with pixman_region32
+// bench_region.cpp - the region engine: CombineRgn on large discs, on
+// checkerboards with many runs per row and on irregular rows of random
+// rectangles (side by side with pixman_region32
 // when it is installed), the memory of a 4000x3000 ellipse, polygon fill of
 // a 10,000-vertex polygon and clip segments per row. Each operation sits next
 // to a memcpy of its region data, so results read as a ratio.
@@ -56,13 +57,33 @@ struct Boards {
     }
 };
 
+// Irregular rows: 40,000 random rectangles of 1-16 pixels over 2000x2000
+// each (about 50 runs per row at random places, so branches mispredict).
+struct Noise {
+    HRGN a, b;
+    Noise() {
+        std::mt19937 rng(11);
+        auto make = [&rng] {
+            std::vector<RECT> rs;
+            for (int i = 0; i < 40000; ++i) {
+                int x = int(rng() % 2000), y = int(rng() % 2000);
+                rs.push_back(RECT{x, y, x + 1 + int(rng() % 16), y + 1 + int(rng() % 16)});
+            }
+            return fromRects(rs);
+        };
+        a = make();
+        b = make();
+    }
+};
+
 struct Pair {
     HRGN a, b;
 };
 const Pair& shapes(int which) {
     static Discs discs;
     static Boards boards;
-    static Pair p[2] = {{discs.a, discs.b}, {boards.a, boards.b}};
+    static Noise noise;
+    static Pair p[3] = {{discs.a, discs.b}, {boards.a, boards.b}, {noise.a, noise.b}};
     return p[which];
 }
 
@@ -154,6 +175,22 @@ BENCHMARK_CAPTURE(combine, boards_diff, 1, RGN_DIFF)->Unit(benchmark::kMicroseco
 BENCHMARK_CAPTURE(pixmanCombine, boards_diff, 1, RGN_DIFF)->Unit(benchmark::kMicrosecond);
 #endif
 BENCHMARK_CAPTURE(combineMemcpy, boards_diff, 1, RGN_DIFF)->Unit(benchmark::kMicrosecond);
+
+BENCHMARK_CAPTURE(combine, noise_union, 2, RGN_OR)->Unit(benchmark::kMicrosecond);
+#ifdef OMBRIX_HAVE_PIXMAN
+BENCHMARK_CAPTURE(pixmanCombine, noise_union, 2, RGN_OR)->Unit(benchmark::kMicrosecond);
+#endif
+BENCHMARK_CAPTURE(combineMemcpy, noise_union, 2, RGN_OR)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(combine, noise_intersect, 2, RGN_AND)->Unit(benchmark::kMicrosecond);
+#ifdef OMBRIX_HAVE_PIXMAN
+BENCHMARK_CAPTURE(pixmanCombine, noise_intersect, 2, RGN_AND)->Unit(benchmark::kMicrosecond);
+#endif
+BENCHMARK_CAPTURE(combineMemcpy, noise_intersect, 2, RGN_AND)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(combine, noise_diff, 2, RGN_DIFF)->Unit(benchmark::kMicrosecond);
+#ifdef OMBRIX_HAVE_PIXMAN
+BENCHMARK_CAPTURE(pixmanCombine, noise_diff, 2, RGN_DIFF)->Unit(benchmark::kMicrosecond);
+#endif
+BENCHMARK_CAPTURE(combineMemcpy, noise_diff, 2, RGN_DIFF)->Unit(benchmark::kMicrosecond);
 
 // The ellipse of 4000x3000: its bytes beyond the fixed OrvaRgn block.
 void ellipseRegion(benchmark::State& state) {

@@ -1,8 +1,9 @@
 // region.h - the OrvaRgn engine (internal interface).
 //
 // Every function that makes a region fills a fresh OrvaRgn through the one
-// row builder (rgn::Builder); every combine mode is a truth table handed to
-// the one merge over sorted runs (rgn::combine). Functions return KS_ status
+// row builder (rgn::Builder); combine (rgn::combine) runs union,
+// intersection and difference through their own run-by-run row loops and
+// XOR through the edge merge over a truth table. Functions return KS_ status
 // codes and never throw; outputs are written only on success.
 //
 //   Builder                 row-by-row construction with exact final sizes
@@ -105,6 +106,23 @@ public:
         rowsUsed_ = used;
         started_ = started;
         first_ = first;
+        left_ = left;
+        right_ = right;
+    }
+    // Direct access for an operation that writes every row itself after
+    // start() reserved an upper bound: the run data, the row index, then
+    // commit() with the rows written from the top (the first and the last
+    // hold runs, offsets contiguous), the x values written and the exact
+    // left and right bounds.
+    int32_t* runData() noexcept { return r_->pRunData; }
+    ORVARGNROW* rowIndex() noexcept { return r_->pRowIndex; }
+    void commit(uint32_t rows, size_t values, int32_t left, int32_t right) noexcept {
+        cur_ = bottom_;
+        started_ = values > 0;
+        first_ = top_;
+        rowsUsed_ = values > 0 ? rows : 0;
+        values_ = values;
+        lastStart_ = 0;
         left_ = left;
         right_ = right;
     }
