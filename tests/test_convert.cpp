@@ -338,8 +338,8 @@ TEST(ConvertKernels, SimdMatchesPlainAndGeneric) {
       for (int level : {krn::conv::kSimdSsse3, krn::conv::kSimdAvx2}) {
         auto simd = krn::conv::pickDirect({k.sb, k.so, k.db, k.dO}, level);
         ASSERT_NE(simd, nullptr);
-        // Short runs with every tail length, and runs around the 4096-pixel
-        // limit where the widening kernels change strategy.
+        // Short runs with every tail length (the widening kernels take 32
+        // pixels per step and convert the rest first), and long runs.
         std::vector<int> widths;
         for (int width = 1; width < 200; width += (width < 70 ? 1 : 13)) widths.push_back(width);
         for (int width : {4095, 4096, 4097, 8200, 12289}) widths.push_back(width);
