@@ -1012,8 +1012,8 @@ OMBRIX_API int32_t K_StartDithering(BITMAPRECORD* pBitmap, const RGBQUAD* pPalet
 /* As K_StartDithering with an explicit output depth nBits (1..8, at least the
  * depth uColors needs) and an optional caller match table of 32768 words over
  * the 5-5-5 grid (index (R>>3)<<10 | (G>>3)<<5 | B>>3, each word the palette
- * index + 1). A caller table is used as it is and never freed; it must stay
- * alive until the run stops. Without one, a palette equal byte for byte to a
+ * index + 1; 0 reads as index 0). The table is read once, when the run
+ * starts, and never freed by the run. Without one, a palette equal byte for byte to a
  * fixed palette (or the web palette) is quantised directly, and any other
  * palette is mapped through the thread's installed user match table when
  * there is one, else through a table the run builds (and frees). */

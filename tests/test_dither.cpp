@@ -21,7 +21,6 @@
 #include "krn/common/hooks.h"
 #include "krn/common/memory.h"
 #include "krn/common/palette.h"
-#include "krn/common/settings.h"
 
 namespace {
 
@@ -124,7 +123,7 @@ std::vector<int> runLibrary(int method, int w, int h, const std::vector<Rgb>& im
     return out;
 }
 
-// The description's 5-5-5 match table, from the nearest-colour oracle over
+// The 5-5-5 match table as the palette family defines it, from the nearest-colour oracle over
 // the usable entries (reserved byte without its two low bits).
 std::vector<uint32_t> referenceTable(const std::vector<RGBQUAD>& pal) {
     std::vector<RGBQUAD> usable;
@@ -237,6 +236,8 @@ TEST(DitherFrame, ChecksPointerSizeThenValues) {
     rec.bm.nBitsPerPixel = 24;
     rec.bm.nOrder = ORDER_BGR;
     rec.bm.nWidth = 0;
+    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_DIMENSIONS);
+    rec.bm.nWidth = 1 << 29;
     EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_DIMENSIONS);
     rec.bm.nWidth = 8;
     rec.bm.nBitsPerPixel = 16;
@@ -612,25 +613,36 @@ TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
     EXPECT_EQ(got, (std::vector<int>{0, 1, 2, int(32767 % 7)}));
 
     // A table installed for the thread stands in for the one a run would build.
-    auto& ts = krn::settings();
-    const uint32_t* old = ts.pUserMatchTable;
-    ts.pUserMatchTable = table.data();
+    const uint32_t* old = K_SetUserMatchTable(table.data());
     Rec rec(4, 24, ORDER_BGR, 0);
     ASSERT_EQ(K_StartDithering(&rec.bm, pal.data(), 16), KS_SUCCESS);
     EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeCallerTable);
     auto viaInstalled = runLibrary(0, 4, 1, img, pal.data(), 16);
-    ts.pUserMatchTable = old;
     EXPECT_EQ(viaInstalled, got);
     // Fixed palettes never look at it.
-    ts.pUserMatchTable = table.data();
     ASSERT_EQ(K_StartDithering(&rec.bm, nullptr, 16), KS_SUCCESS);
     EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeFixed16);
-    ts.pUserMatchTable = old;
+    K_SetUserMatchTable(old);
 
     // Indices past the output depth are masked into it.
     for (auto& e : table) e = 200;  // index 199 = 0b11000111
     auto masked = runLibrary(0, 4, 1, img, pal.data(), 16, 4, table.data());
     EXPECT_EQ(masked, (std::vector<int>{7, 7, 7, 7}));
+}
+
+TEST(DitherProof, TheRunsTableIsTheUserMatchTable) {
+    // A table from K_CreateUserMatchTable, passed in, dithers exactly like
+    // the table a run builds for the same palette.
+    auto pal = randomPalette(23, 17);
+    uint32_t* table = K_CreateUserMatchTable(pal.data(), 23);
+    ASSERT_NE(table, nullptr);
+    auto img = testImage(150, 30, 5);
+    for (int method : {0, 1, 6, 7}) {
+        auto built = runLibrary(method, 150, 30, img, pal.data(), 23);
+        auto given = runLibrary(method, 150, 30, img, pal.data(), 23, 5, table);
+        EXPECT_EQ(built, given) << "method " << method;
+    }
+    K_FreeUserMatchTable(table);
 }
 
 TEST(DitherProof, ErrorsNeverWrap) {
@@ -941,17 +953,61 @@ TEST(DitherGrey, ColourOnEitherSideKeepsThreeChannels) {
     EXPECT_TRUE(grey);
 }
 
+// ------------------------------------------------------------- threads
+
+TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
+    // Runs keep all their state on the record: threads dithering at once give
+    // what each gives alone.
+    const int w = 120, h = 40;
+    auto img = testImage(w, h, 64);
+    auto pal = randomPalette(20, 6);
+    std::vector<std::vector<int>> alone;
+    for (int m = 0; m < 4; ++m) alone.push_back(runLibrary(m * 2, w, h, img, m % 2 ? pal.data() : nullptr, m % 2 ? 20 : 256));
+    std::vector<std::vector<int>> together(4);
+    std::vector<std::thread> threads;
+    for (int m = 0; m < 4; ++m)
+        threads.emplace_back([&, m] {
+            for (int k = 0; k < 5; ++k)
+                together[size_t(m)] = runLibrary(m * 2, w, h, img, m % 2 ? pal.data() : nullptr, m % 2 ? 20 : 256);
+        });
+    for (auto& t : threads) t.join();
+    for (int m = 0; m < 4; ++m) EXPECT_EQ(together[size_t(m)], alone[size_t(m)]) << "method " << m * 2;
+}
+
+TEST(DitherReference, InternalTapsAreTheMethodMatrices) {
+    for (int method = 1; method <= 6; ++method) {
+        const krn::DitherTaps t = krn::ditherTaps(method);
+        const ditherref::Matrix& m = ditherref::matrix(method);
+        int grid[4][7] = {};
+        for (int k = 0; k < t.count; ++k) grid[t.taps[k].dy][t.taps[k].dx + 3] += t.taps[k].w;
+        EXPECT_EQ(t.divisor, m.divisor);
+        for (int dy = 0; dy < 4; ++dy)
+            for (int dx = 0; dx < 7; ++dx) EXPECT_EQ(grid[dy][dx], m.w[dy][dx]) << method << " " << dy << " " << dx - 3;
+        int deepest = 0, widest = 0;
+        for (int k = 0; k < t.count; ++k) {
+            deepest = std::max(deepest, int(t.taps[k].dy));
+            widest = std::max(widest, std::abs(int(t.taps[k].dx)));
+        }
+        EXPECT_EQ(t.rowsBelow, deepest);
+        EXPECT_EQ(t.margin, widest);
+    }
+    EXPECT_EQ(krn::ditherTaps(0).count, 0);
+    EXPECT_EQ(krn::ditherTaps(7).count, 0);
+}
+
 // ------------------------------------------------------ allocation failures
 
 TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
     K_GetDefaultDithering();
     struct Config {
         int bits, order, method;
-        bool callerPalette;
+        bool callerPalette, callerTable;
     };
-    const Config configs[] = {{24, ORDER_BGR, 1, false}, {24, ORDER_BGR, 2, true}, {4, ORDER_RGB, 5, true},
-                              {16, ORDER_RGB565, 7, false}};
+    const Config configs[] = {{24, ORDER_BGR, 1, false, false}, {24, ORDER_BGR, 2, true, false},
+                              {4, ORDER_RGB, 5, true, false},   {16, ORDER_RGB565, 7, false, false},
+                              {8, ORDER_RGB, 0, true, true},    {16, ORDER_GRAY, 1, false, false}};
     auto pal = randomPalette(12, 2);
+    std::vector<uint32_t> table(32768, 3);
     for (const auto& cfg : configs) {
         Rec rec(40, cfg.bits, cfg.order, cfg.method);
         // An earlier run that a failed restart must leave working.
@@ -962,7 +1018,10 @@ TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
             BITMAPRECORD before = rec.bm;
             const long live = krn::faultinject::liveBlocks();
             krn::faultinject::arm(n);
-            int32_t r = K_StartDithering(&rec.bm, cfg.callerPalette ? pal.data() : nullptr, cfg.callerPalette ? 12 : 256);
+            int32_t r = cfg.callerTable
+                            ? K_StartDitheringExt(&rec.bm, pal.data(), 12, 4, table.data())
+                            : K_StartDithering(&rec.bm, cfg.callerPalette ? pal.data() : nullptr,
+                                               cfg.callerPalette ? 12 : 256);
             const long injected = krn::faultinject::injected();
             krn::faultinject::disarm();
             if (r == KS_SUCCESS) {
@@ -977,7 +1036,7 @@ TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
             uint8_t src[40 * 8] = {}, dst[64];
             EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_SUCCESS);
         }
-        EXPECT_GE(failures, 2);
+        EXPECT_GE(failures, 2);  // state, scratch row (+ error rows, table)
         EXPECT_NE(rec.bm.pDitherState, earlier);
     }
 }
