@@ -97,7 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         switch (sel % 7) {
             case 0: {  // a whole row, a byte count from the input (cut at the row's end)
                 const uint32_t n = std::min<uint32_t>(in.u16(), m.bpl + 8);
-                src.assign(n, 0);
+                src.assign(n + 1, 0);  // never a null pointer, also for 0 bytes
                 for (uint32_t k = 0; k < n; ++k) src[k] = uint8_t(in.byte() ^ k);
                 const uint32_t moved = std::min(n, m.bpl);
                 FUZZ_CHECK(K_PutBitmapRow(&bm, src.data(), y, n) == int32_t(moved));
@@ -107,7 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 1: {  // from a column on
                 const int32_t x = int32_t(in.u16() % uint32_t(m.width));
                 const uint32_t n = in.byte() * 3u;
-                src.assign(n, 0);
+                src.assign(n + 1, 0);
                 for (uint32_t k = 0; k < n; ++k) src[k] = uint8_t(in.byte() + 7 * k);
                 const uint32_t off = colOffset(m, x);
                 const uint32_t moved = std::min(n, m.bpl - off);
