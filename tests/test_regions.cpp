@@ -389,6 +389,54 @@ TEST(RegionsEngine, KernelOperationsClipScaleMirror) {
     }
 }
 
+TEST(RegionsEngine, KernelCombineKeepsIdentityAndReusesBlocks) {
+    RECT ra{0, 0, 50, 40}, rb{30, 20, 90, 70}, rc{5, 5, 6, 6};
+    OrvaRgn *a = nullptr, *b = nullptr, *d = nullptr;
+    ASSERT_EQ(K_CreateOrvaRgnRect(&a, &ra), KS_SUCCESS);
+    ASSERT_EQ(K_CreateOrvaRgnRect(&b, &rb), KS_SUCCESS);
+    // A null destination receives a new region.
+    ASSERT_EQ(K_CombineOrvaRgn(&d, a, b, RGN_OR), KS_SUCCESS);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(krn::rgn::area(d), 50u * 40u + 60u * 50u - 20u * 20u);
+    // An existing destination is replaced in place (its blocks reused).
+    OrvaRgn* same = d;
+    d->nPlacement[0] = 77;
+    ASSERT_EQ(K_CombineOrvaRgn(&d, a, b, RGN_XOR), KS_SUCCESS);
+    EXPECT_EQ(d, same);
+    EXPECT_EQ(d->nPlacement[0], 77);
+    EXPECT_TRUE(krn::rgn::valid(d));
+    EXPECT_EQ(krn::rgn::area(d), 50u * 40u + 60u * 50u - 2u * 20u * 20u);
+    EXPECT_EQ(K_IsPtInOrvaRgn(d, 35, 25, nullptr, nullptr), 0);
+    EXPECT_EQ(K_IsPtInOrvaRgn(d, 10, 10, nullptr, nullptr), 1);
+    // A destination that is also a source.
+    ASSERT_EQ(K_CombineOrvaRgn(&a, a, b, RGN_DIFF), KS_SUCCESS);
+    EXPECT_EQ(krn::rgn::area(a), 50u * 40u - 20u * 20u);
+    // A failure leaves the destination as it was, blocks and all.
+    OrvaRgn* small = nullptr;
+    ASSERT_EQ(K_CreateOrvaRgnRect(&small, &rc), KS_SUCCESS);
+    for (long n = 0; n < 8; ++n) {
+        krn::faultinject::arm(n, 1);
+        int32_t st = K_CombineOrvaRgn(&small, a, b, RGN_OR);
+        bool injected = krn::faultinject::injected() > 0;
+        krn::faultinject::disarm();
+        if (st != KS_SUCCESS) {
+            EXPECT_TRUE(injected);
+            EXPECT_TRUE(krn::rgn::valid(small));
+            EXPECT_EQ(krn::rgn::area(small), 1u);
+            EXPECT_EQ(K_IsPtInOrvaRgn(small, 5, 5, nullptr, nullptr), 1);
+        } else {
+            break;
+        }
+    }
+    EXPECT_EQ(K_CombineOrvaRgn(&small, a, nullptr, RGN_OR), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CombineOrvaRgn(&small, a, b, 6), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_OffsetOrvaRgn(a, 0, 0), KS_SUCCESS);
+    K_DeleteOrvaRgn(small);
+    K_DeleteOrvaRgn(a);
+    K_DeleteOrvaRgn(b);
+    K_DeleteOrvaRgn(d);
+}
+
 TEST(RegionsEngine, PointTestReportsTheRun) {
     HRGN a = CreateRectRgn(0, 0, 10, 5), b = CreateRectRgn(20, 0, 30, 5), d = CreateRectRgn(0, 0, 0, 0);
     CombineRgn(d, a, b, RGN_OR);

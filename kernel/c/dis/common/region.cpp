@@ -9,6 +9,7 @@
 #include "region.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -20,7 +21,8 @@
 namespace krn::rgn {
 namespace {
 
-constexpr int64_t kMaxRows = ORVARGN_MAX_ROWS;
+std::atomic<int64_t> g_maxRows{ORVARGN_MAX_ROWS};
+inline int64_t maxRows() noexcept { return g_maxRows.load(std::memory_order_relaxed); }
 
 bool fits32(int64_t v) noexcept { return v >= INT32_MIN && v <= INT32_MAX; }
 
@@ -49,30 +51,33 @@ __int128 ceilDiv128(__int128 a, __int128 b) noexcept {  // b > 0
 constexpr unsigned kAnd = 0b1000, kOr = 0b1110, kXor = 0b0110, kDiff = 0b0100;
 
 template <unsigned T>
-uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+inline __attribute__((always_inline)) uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b,
+                                                        uint32_t nb, int32_t* out) noexcept {
     uint32_t i = 0, j = 0, n = 0;
-    unsigned sa = 0, sb = 0, in = 0;
-    while (i < na && j < nb) {
-        int32_t xa = a[i], xb = b[j], x;
-        if (xa < xb) {
-            x = xa;
-            sa ^= 1;
-            ++i;
-        } else if (xb < xa) {
-            x = xb;
-            sb ^= 1;
-            ++j;
-        } else {
-            x = xa;
-            sa ^= 1;
-            sb ^= 1;
-            ++i;
-            ++j;
-        }
-        unsigned o = (T >> (sa * 2 + sb)) & 1u;
-        if (o != in) {
-            out[n++] = x;
+    unsigned s = 0, in = 0;  // s: bit 1 inside a run of a, bit 0 inside a run of b
+    if (na && nb) {
+        for (;;) {
+            const int32_t xa = a[i], xb = b[j];
+            int32_t x;
+            bool done;
+            if (xa < xb) {
+                x = xa;
+                s ^= 2u;
+                done = ++i == na;
+            } else if (xb < xa) {
+                x = xb;
+                s ^= 1u;
+                done = ++j == nb;
+            } else {
+                x = xa;
+                s ^= 3u;
+                done = (++i == na) | (++j == nb);
+            }
+            const unsigned o = (T >> s) & 1u;
+            out[n] = x;  // kept only when the result state changes
+            n += o ^ in;
             in = o;
+            if (done) break;
         }
     }
     // One side is exhausted and outside all its runs: the rest of the other
@@ -88,8 +93,39 @@ uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, 
     return n;
 }
 
+// Row cursor over a region: x values of successive rows without lookups.
+struct RowCursor {
+    const OrvaRgn* r;
+    int64_t top, bottom;
+    const int32_t* xs(int64_t y, uint32_t* n) const noexcept {
+        if (y < top || y >= bottom) {
+            *n = 0;
+            return nullptr;
+        }
+        const ORVARGNROW& e = r->pRowIndex[y - top];
+        *n = e.uCount;
+        return r->pRunData + e.uOffset / 4u;
+    }
+};
+
+inline void copyValues(int32_t* dst, const int32_t* src, uint32_t n) noexcept {
+    if (n <= 8) {
+        for (uint32_t i = 0; i < n; ++i) dst[i] = src[i];
+    } else {
+        std::memcpy(dst, src, n * sizeof(int32_t));
+    }
+}
+
+inline bool sameRow(const int32_t* p, uint32_t np, const int32_t* q, uint32_t nq) noexcept {
+    if (np != nq) return false;
+    if (np == 0 || p == q) return true;
+    // Rows that differ usually differ at an end: look there before the whole row.
+    if (p[0] != q[0] || p[np - 1] != q[np - 1]) return false;
+    return np <= 2 || std::memcmp(p + 1, q + 1, (np - 2) * sizeof(int32_t)) == 0;
+}
+
 template <unsigned T>
-int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out) noexcept {
+int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
     const bool aE = isEmpty(a), bE = isEmpty(b);
     int64_t top, bottom;
     constexpr bool keepA = (T >> 2) & 1u, keepB = (T >> 1) & 1u;
@@ -109,33 +145,42 @@ int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out) noexcept {
         if (top >= bottom) return create(out);
     }
     Builder bld;
+    // An upper bound: a result row never holds more x values than its two
+    // source rows together, so the run data never grows (and nothing can fail
+    // once the recycled blocks are taken).
     size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
-    int32_t rc = bld.start(top, bottom, expect);
+    if (recycle == a || recycle == b) recycle = nullptr;
+    int32_t rc = bld.start(top, bottom, expect, recycle);
     if (rc != KS_SUCCESS) return rc;
-    for (int64_t y = top; y < bottom; ++y) {
-        uint32_t na, nb;
-        const int32_t* ra = rowAt(a, y, &na);
-        const int32_t* rb = rowAt(b, y, &nb);
-        if (nb == 0) {
-            if (keepA && na) {
-                if (!bld.putRow(ra, na)) return KS_NO_MEMORY;
-            } else {
-                bld.endRow(0);
-            }
-            continue;
+    const RowCursor ca{a, aE ? 0 : a->rcBounds.top, aE ? 0 : a->rcBounds.bottom};
+    const RowCursor cb{b, bE ? 0 : b->rcBounds.top, bE ? 0 : b->rcBounds.bottom};
+    const int32_t *pa = nullptr, *pb = nullptr;
+    uint32_t npa = 0, npb = 0;
+    bool havePrev = false;
+    bld.fillAll([&](int64_t y, int32_t* dst, const int32_t* prevOut, uint32_t nPrevOut) -> uint32_t {
+        uint32_t na, nb, n;
+        const int32_t* ra = ca.xs(y, &na);
+        const int32_t* rb = cb.xs(y, &nb);
+        if (havePrev && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
+            // Both inputs repeat the previous row: so does the result.
+            copyValues(dst, prevOut, nPrevOut);
+            n = nPrevOut;
+        } else if (nb == 0) {
+            n = keepA ? na : 0;
+            copyValues(dst, ra, n);
+        } else if (na == 0) {
+            n = keepB ? nb : 0;
+            copyValues(dst, rb, n);
+        } else {
+            n = mergeRow<T>(ra, na, rb, nb, dst);
         }
-        if (na == 0) {
-            if (keepB) {
-                if (!bld.putRow(rb, nb)) return KS_NO_MEMORY;
-            } else {
-                bld.endRow(0);
-            }
-            continue;
-        }
-        int32_t* dst = bld.rowSpace(na + nb);
-        if (!dst) return KS_NO_MEMORY;
-        bld.endRow(mergeRow<T>(ra, na, rb, nb, dst));
-    }
+        pa = ra;
+        npa = na;
+        pb = rb;
+        npb = nb;
+        havePrev = true;
+        return n;
+    });
     return bld.finish(out);
 }
 
@@ -150,6 +195,7 @@ struct IntEdge {
     int64_t x0, y0, x1, y1;
     int32_t dir;
     bool small;
+    int64_t p = 0;  // crossing of the current row
     int64_t rowTop() const noexcept { return y0; }
     int64_t rowBottom() const noexcept { return y1; }
     // ceil(xc - 1/2) with xc the crossing of the line y + 1/2, exactly.
@@ -162,6 +208,29 @@ struct IntEdge {
         __int128 tnum = __int128(2 * (y - y0) + 1) * dx, tden = __int128(2) * dy;
         return x0 + int64_t(ceilDiv128(2 * tnum - tden, 2 * tden));
     }
+    // The same value for consecutive rows from the edge's first row on,
+    // stepped without division: with N(y) = 4(y - y0)dx + 2dx - 2dy and
+    // D = 4dy, the pixel is x0 + ceil(N / D); N grows by 4dx = s*D + t a row.
+    int64_t q = 0, r = 0, s = 0, t = 0, D = 0;
+    bool stepping = false;
+    int64_t step(int64_t y) noexcept {
+        if (!small) return at(y);
+        if (!stepping) {
+            const int64_t dx = x1 - x0, dy = y1 - y0;
+            const int64_t N = 4 * (y - y0) * dx + 2 * dx - 2 * dy;
+            D = 4 * dy;
+            q = ceilDiv(N, D);
+            r = q * D - N;
+            s = floorDiv(4 * dx, D);
+            t = 4 * dx - s * D;
+            stepping = true;
+            return x0 + q;
+        }
+        const int64_t c = t > r;  // carry into the next pixel
+        q += s + c;
+        r += c * D - t;
+        return x0 + q;
+    }
 };
 
 // Double edge: rows whose centre lies in [y0, y1).
@@ -169,6 +238,7 @@ struct DblEdge {
     double x0, y0, x1, y1, slope;
     int64_t r0, r1;
     int32_t dir;
+    int64_t p = 0;  // crossing of the current row
     int64_t rowTop() const noexcept { return r0; }
     int64_t rowBottom() const noexcept { return r1; }
     int64_t at(int64_t y) const noexcept {
@@ -178,6 +248,7 @@ struct DblEdge {
         if (p > 4.0e18) return int64_t(4e18);
         return int64_t(p);
     }
+    int64_t step(int64_t y) const noexcept { return at(y); }
 };
 
 int32_t clampX(int64_t p) noexcept {
@@ -187,25 +258,33 @@ int32_t clampX(int64_t p) noexcept {
 template <class Edge>
 int32_t scanEdges(kvector<Edge>& edges, bool winding, OrvaRgn** out) {
     if (edges.empty()) return create(out);
+    // Refuse a result that is too tall before any real work.
+    int64_t top = edges.front().rowTop(), bottom = top;
+    for (const Edge& e : edges) {
+        top = std::min(top, e.rowTop());
+        bottom = std::max(bottom, e.rowBottom());
+    }
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     std::sort(edges.begin(), edges.end(),
               [](const Edge& a, const Edge& b) { return a.rowTop() < b.rowTop(); });
-    int64_t top = edges.front().rowTop(), bottom = top;
-    for (const Edge& e : edges) bottom = std::max(bottom, e.rowBottom());
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
     Builder bld;
     int32_t rc = bld.start(top, bottom, 0);
     if (rc != KS_SUCCESS) return rc;
-    kvector<const Edge*> active;
-    kvector<Crossing> xs;
+    // Active edges are kept by value, in crossing order, so each row walks
+    // one compact array.
+    kvector<Edge> active;
     size_t next = 0;
     for (int64_t y = top; y < bottom; ++y) {
         // Retire finished edges, admit starting ones.
         size_t k = 0;
-        for (const Edge* e : active)
-            if (e->rowBottom() > y) active[k++] = e;
+        for (size_t i = 0; i < active.size(); ++i)
+            if (active[i].rowBottom() > y) {
+                if (k != i) active[k] = active[i];
+                ++k;
+            }
         active.resize(k);
         while (next < edges.size() && edges[next].rowTop() <= y) {
-            if (edges[next].rowBottom() > y) active.push_back(&edges[next]);
+            if (edges[next].rowBottom() > y) active.push_back(edges[next]);
             ++next;
         }
         if (active.empty()) {
@@ -216,22 +295,19 @@ int32_t scanEdges(kvector<Edge>& edges, bool winding, OrvaRgn** out) {
             y = ny - 1;
             continue;
         }
-        xs.resize(active.size());
-        for (size_t i = 0; i < active.size(); ++i) xs[i] = Crossing{active[i]->at(y), active[i]->dir};
-        // Crossings stay nearly in order from row to row: insertion sort,
-        // carrying the edge order along so the next row starts sorted.
-        for (size_t i = 1; i < xs.size(); ++i) {
-            Crossing c = xs[i];
-            const Edge* e = active[i];
+        for (Edge& e : active) e.p = e.step(y);
+        // Crossings stay nearly in order from row to row: insertion sort.
+        for (size_t i = 1; i < active.size(); ++i) {
+            if (active[i - 1].p <= active[i].p) continue;
+            Edge e = active[i];
             size_t j = i;
-            while (j > 0 && xs[j - 1].p > c.p) {
-                xs[j] = xs[j - 1];
+            while (j > 0 && active[j - 1].p > e.p) {
                 active[j] = active[j - 1];
                 --j;
             }
-            xs[j] = c;
             active[j] = e;
         }
+        const auto& xs = active;
         int32_t* dst = bld.rowSpace(uint32_t(xs.size()));
         if (!dst) return KS_NO_MEMORY;
         uint32_t n = 0;
@@ -279,7 +355,7 @@ int32_t rectsUnion(kvector<RECT>& rects, OrvaRgn** out) {
         });
     int64_t top = rects.front().top, bottom = top;
     for (const RECT& r : rects) bottom = std::max<int64_t>(bottom, r.bottom);
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     // Sweep: between two consecutive tops/bottoms the set of active
     // rectangles is constant, so its merged runs repeat on every row.
     kvector<int64_t> bottoms;
@@ -322,20 +398,46 @@ int32_t rectsUnion(kvector<RECT>& rects, OrvaRgn** out) {
 
 }  // namespace
 
+void setRowLimit(int64_t rows) noexcept {
+    g_maxRows.store(rows <= 0 || rows > ORVARGN_MAX_ROWS ? ORVARGN_MAX_ROWS : rows, std::memory_order_relaxed);
+}
+
 // ------------------------------------------------------------------ builder
 Builder::~Builder() { destroy(r_); }
 
-int32_t Builder::start(int64_t top, int64_t bottom, size_t expectValues) noexcept {
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+int32_t Builder::start(int64_t top, int64_t bottom, size_t expectValues, OrvaRgn* recycle) noexcept {
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
+    if (expectValues > size_t(UINT32_MAX) / 4u) return KS_NO_MEMORY;
     r_ = static_cast<OrvaRgn*>(memCalloc(sizeof(OrvaRgn)));
     if (!r_) return KS_NO_MEMORY;
     top_ = cur_ = top;
     bottom_ = std::max(top, bottom);
-    if (bottom_ > top_) {
-        r_->pRowIndex = memAllocArray<ORVARGNROW>(size_t(bottom_ - top_));
+    capacity_ = std::max<size_t>(expectValues, 64);
+    const size_t rows = size_t(bottom_ - top_);
+    if (recycle && recycle->pRowIndex && recycle->pRunData) {
+        // Take over the blocks of a region that is about to be replaced:
+        // their pages are already mapped. Both are resized before anything is
+        // written, so a failure here leaves `recycle` whole.
+        auto* idx = rows ? static_cast<ORVARGNROW*>(memRealloc(recycle->pRowIndex, rows * sizeof(ORVARGNROW)))
+                         : nullptr;
+        if (rows && !idx) return KS_NO_MEMORY;
+        if (idx) recycle->pRowIndex = idx;
+        auto* run = static_cast<int32_t*>(memRealloc(recycle->pRunData, capacity_ * sizeof(int32_t)));
+        if (!run) return KS_NO_MEMORY;  // recycle keeps its (possibly resized) blocks
+        recycle->pRunData = nullptr;
+        r_->pRunData = run;
+        if (rows) {
+            r_->pRowIndex = idx;
+            recycle->pRowIndex = nullptr;
+        }
+        recycle->uRowIndexSize = recycle->uRunDataSize = 0;
+        recycle->rcBounds = RECT{0, 0, 0, 0};
+        return KS_SUCCESS;
+    }
+    if (rows) {
+        r_->pRowIndex = memAllocArray<ORVARGNROW>(rows);
         if (!r_->pRowIndex) return KS_NO_MEMORY;
     }
-    capacity_ = std::max<size_t>(expectValues, 64);
     r_->pRunData = memAllocArray<int32_t>(capacity_);
     if (!r_->pRunData) return KS_NO_MEMORY;
     return KS_SUCCESS;
@@ -386,6 +488,7 @@ void Builder::endRow(uint32_t count) noexcept {
             r_->pRowIndex[i] = ORVARGNROW{0, uint32_t(values_ * 4u)};
         r_->pRowIndex[idx] = ORVARGNROW{count, uint32_t(values_ * 4u)};
         rowsUsed_ = idx + 1;
+        lastStart_ = values_;
         values_ += count;
     }
     ++cur_;
@@ -487,13 +590,13 @@ void adopt(OrvaRgn* dst, OrvaRgn* src) noexcept {
 }
 
 // ------------------------------------------------------------------ constructors
-int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out) noexcept {
+int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out, OrvaRgn* recycle) noexcept {
     return guarded([&]() -> int32_t {
         switch (op) {
-            case RGN_AND: return combineT<kAnd>(a, b, out);
-            case RGN_OR: return combineT<kOr>(a, b, out);
-            case RGN_XOR: return combineT<kXor>(a, b, out);
-            case RGN_DIFF: return combineT<kDiff>(a, b, out);
+            case RGN_AND: return combineT<kAnd>(a, b, out, recycle);
+            case RGN_OR: return combineT<kOr>(a, b, out, recycle);
+            case RGN_XOR: return combineT<kXor>(a, b, out, recycle);
+            case RGN_DIFF: return combineT<kDiff>(a, b, out, recycle);
             case RGN_COPY: return copy(a, out);
             default: return KS_INVALID_PARAMETER;
         }
@@ -503,7 +606,7 @@ int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out) n
 int32_t fromRect(const RECT& rc, OrvaRgn** out) noexcept {
     if (rc.left >= rc.right || rc.top >= rc.bottom) return create(out);
     int64_t h = int64_t(rc.bottom) - rc.top;
-    if (h > kMaxRows) return KS_NO_MEMORY;
+    if (h > maxRows()) return KS_NO_MEMORY;
     Builder bld;
     int32_t st = bld.start(rc.top, rc.bottom, size_t(h) * 2);
     if (st != KS_SUCCESS) return st;
@@ -623,6 +726,7 @@ int32_t ellipseOutline(const RECT& box, kvector<PointD>& pts) noexcept {
 }
 
 int32_t ellipse(const RECT& box, OrvaRgn** out) noexcept {
+    if (std::abs(int64_t(box.bottom) - box.top) > maxRows()) return KS_NO_MEMORY;  // before flattening
     return guarded([&]() -> int32_t {
         kvector<PointD> pts;
         int32_t rc = ellipseOutline(box, pts);
@@ -708,7 +812,7 @@ int32_t scale(OrvaRgn* r, int32_t xn, int32_t xd, int32_t yn, int32_t yd) noexce
     int64_t top = map(b.top, yn, yd), bottom = map(b.bottom, yn, yd);
     if (!fits32(top) || !fits32(bottom) || !fits32(map(b.left, xn, xd)) || !fits32(map(b.right, xn, xd)))
         return KS_INVALID_PARAMETER;
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     return guarded([&]() -> int32_t {
         Builder bld;
         size_t expect = size_t(r->uRunDataSize / 4u) * size_t(std::max<int64_t>(1, (yn + yd - 1) / yd));
@@ -783,7 +887,7 @@ int32_t reverseCols(OrvaRgn* r, int64_t w) noexcept {
 int32_t transpose(OrvaRgn* r) noexcept {
     if (isEmpty(r)) return KS_SUCCESS;
     const int64_t left = r->rcBounds.left, width = int64_t(r->rcBounds.right) - left;
-    if (width > kMaxRows) return KS_NO_MEMORY;
+    if (width > maxRows()) return KS_NO_MEMORY;
     return guarded([&]() -> int32_t {
         // Sweep the rows; where a column turns on remember the row, where it
         // turns off emit the vertical run (column, from, to). Runs of one
@@ -1017,7 +1121,7 @@ KAPI int32_t K_CombineOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc1, const OrvaR
     if (!ppDst || !pSrc1 || (!pSrc2 && nOp != RGN_COPY)) return KS_INVALID_PARAMETER;
     if (nOp < RGN_AND || nOp > RGN_COPY) return KS_INVALID_PARAMETER;
     OrvaRgn* res = nullptr;
-    int32_t st = rgn::combine(pSrc1, pSrc2 ? pSrc2 : pSrc1, nOp, &res);
+    int32_t st = rgn::combine(pSrc1, pSrc2 ? pSrc2 : pSrc1, nOp, &res, *ppDst);
     if (st != KS_SUCCESS) return st;
     if (*ppDst) {
         rgn::adopt(*ppDst, res);
