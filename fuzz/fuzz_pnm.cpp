@@ -11,8 +11,8 @@
 #include "../tools/ombrix/pnm.cpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    // Cap the work: headers that announce more than a megapixel are cut short
-    // by the raster check anyway, but keep the files small.
+    // Cap the work: the reader refuses more than a megapixel in fuzzing
+    // builds, and a header cannot announce more rows than the file holds.
     if (size > (1u << 20)) return 0;
     // Files in memory where the system has a RAM file system: the reader is
     // what is under test, not the disk.

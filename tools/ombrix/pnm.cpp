@@ -284,6 +284,13 @@ int32_t read(const std::string& path, BITMAPRECORD& out, std::string* error) {
         setError(error, "truncated raster");
         return KS_FILE_READ;
     }
+#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
+    // Fuzzing builds keep each input's work small: at most a megapixel.
+    if (uint64_t(h.width) * uint64_t(h.height) > (uint64_t(1) << 20)) {
+        setError(error, "image too large for a fuzzing build");
+        return KS_FILE_READ;
+    }
+#endif
     BITMAPRECORD bm;
     const int32_t bpp = bits ? 1 : channels == 1 ? 8 : 24;
     int32_t rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, int32_t(h.width), int32_t(h.height), bpp,

@@ -72,7 +72,10 @@ inline __attribute__((always_inline)) uint32_t mergeRow(const int32_t* a, uint32
             } else {
                 x = xa;
                 s ^= 3u;
-                done = (++i == na) | (++j == nb);
+                // Both sides advance (no short circuit).
+                const bool endA = ++i == na;
+                const bool endB = ++j == nb;
+                done = endA || endB;
             }
             const unsigned o = (T >> s) & 1u;
             out[n] = x;  // kept only when the result state changes

@@ -28,17 +28,26 @@ bool shouldFail() noexcept {
     faultinject::onInjectedFailure();
     return true;
 }
+#ifdef FUZZING_BUILD_MODE_UNSAFE_FOR_PRODUCTION
+// Fuzzing builds refuse blocks above 64 MB, so that an input announcing a
+// huge image or a far file position meets the ordinary out-of-memory path
+// instead of the fuzzer's memory limit.
+constexpr size_t kFuzzMaxBlock = size_t(64) << 20;
+bool tooBig(size_t bytes) noexcept { return bytes > kFuzzMaxBlock; }
+#else
+constexpr bool tooBig(size_t) noexcept { return false; }
+#endif
 }  // namespace
 
 void* memAlloc(size_t bytes) noexcept {
-    if (shouldFail()) return nullptr;
+    if (tooBig(bytes) || shouldFail()) return nullptr;
     void* p = std::malloc(bytes ? bytes : 1);
     if (p) g_live.fetch_add(1, std::memory_order_relaxed);
     return p;
 }
 
 void* memCalloc(size_t bytes) noexcept {
-    if (shouldFail()) return nullptr;
+    if (tooBig(bytes) || shouldFail()) return nullptr;
     void* p = std::calloc(1, bytes ? bytes : 1);
     if (p) g_live.fetch_add(1, std::memory_order_relaxed);
     return p;
@@ -46,7 +55,7 @@ void* memCalloc(size_t bytes) noexcept {
 
 void* memRealloc(void* p, size_t bytes) noexcept {
     if (!p) return memAlloc(bytes);
-    if (shouldFail()) return nullptr;
+    if (tooBig(bytes) || shouldFail()) return nullptr;
     return std::realloc(p, bytes ? bytes : 1);
 }
 

@@ -1,0 +1,179 @@
+// fuzz_redirect_buffer.cpp - the memory buffer file driven by a random
+// sequence of opens, reads, writes, seeks, size changes and closes, checked
+// against a plain model (a byte vector and one position: the files open on a
+// buffer share its position, and each open puts it back at 0).
+//
+// Input: byte 0 flags (bit 0 REDIRECTBUF_FIXED), bytes 1-2 initial size,
+// byte 3 growth step, then operations of one selector byte and its operands.
+// Checks: every read gives the model's bytes, every write and seek the
+// model's result, the size matches, and the content handed out at the end
+// equals the model. Any difference aborts.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ombrix.h"
+
+namespace {
+
+#define FUZZ_CHECK(c) \
+    do {              \
+        if (!(c)) std::abort(); \
+    } while (0)
+
+struct Input {
+    const uint8_t* p;
+    size_t n, i = 0;
+    bool more() const { return i < n; }
+    uint8_t byte() { return i < n ? p[i++] : 0; }
+    uint32_t u16() { return uint32_t(byte()) | uint32_t(byte()) << 8; }
+};
+
+struct Model {
+    std::vector<uint8_t> data;
+    uint64_t cap = 0;  // fixed buffers only
+    uint64_t pos = 0;
+    bool fixed = false;
+};
+
+// Far positions: a growable buffer refuses to grow to them (-1).
+constexpr uint64_t kFar = uint64_t(1) << 40;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 4) return 0;
+    Input in{data, size};
+    const uint32_t flags = in.byte() & 1u;
+    const uint32_t initial = in.u16();
+    const uint32_t grow = uint32_t(in.byte()) * 16u;
+    Model m;
+    m.fixed = flags & REDIRECTBUF_FIXED;
+    m.cap = initial;
+
+    HREDIRECTBUFFER buf = nullptr;
+    HREDIRECTFILE first = nullptr;
+    FUZZ_CHECK(K_StartRedirectToBuffer(&buf, &first, flags, nullptr, initial, grow) == KS_SUCCESS);
+    REDIRECTRECORD table{};
+    table.uStructSize = REDIRECTRECORD_SIZE;
+    FUZZ_CHECK(K_GetRedirectBufferTable(buf, &table) == KS_SUCCESS);
+    wchar_t name[512];
+    FUZZ_CHECK(K_MakeRedirectName(&table, L"buffer", name, 512) == KS_SUCCESS);
+
+    std::vector<HREDIRECTFILE> files{first};
+    std::vector<uint8_t> scratch;
+    for (int ops = 0; in.more() && ops < 256; ++ops) {
+        const uint8_t sel = in.byte();
+        if (files.empty() && (sel & 7) != 5) continue;
+        const size_t which = files.empty() ? 0 : in.byte() % files.size();
+        HREDIRECTFILE h = files.empty() ? nullptr : files[which];
+        uint64_t& pos = m.pos;
+        switch (sel & 7) {
+            case 0: {  // write from the input
+                const uint32_t n = in.byte() * ((sel >> 3) + 1u);
+                scratch.assign(n, 0);
+                for (uint32_t k = 0; k < n; ++k) scratch[k] = in.byte();
+                const int32_t got = K_RedirectedWrite(h, scratch.data(), n);
+                uint64_t end = pos + n;
+                if (!m.fixed && n && end >= kFar) {
+                    FUZZ_CHECK(got == -1);
+                    break;
+                }
+                if (m.fixed && end > m.cap) end = m.cap > pos ? m.cap : pos;
+                const uint64_t k = end - pos;
+                FUZZ_CHECK(got == int32_t(k));
+                if (k) {
+                    if (end > m.data.size()) m.data.resize(end, 0);
+                    std::memcpy(m.data.data() + pos, scratch.data(), k);
+                    pos = end;
+                }
+                break;
+            }
+            case 1: {  // read
+                const uint32_t n = in.byte() * ((sel >> 3) + 1u);
+                scratch.assign(n + 1, 0x5A);
+                const int32_t got = K_RedirectedRead(h, scratch.data(), n);
+                const uint64_t avail = pos < m.data.size() ? m.data.size() - pos : 0;
+                const uint64_t k = avail < n ? avail : n;
+                FUZZ_CHECK(got == int32_t(k));
+                FUZZ_CHECK(k == 0 || std::memcmp(scratch.data(), m.data.data() + pos, k) == 0);
+                FUZZ_CHECK(scratch[n] == 0x5A);
+                pos += k;
+                break;
+            }
+            case 2: {  // seek, sometimes far or before the start
+                const int32_t origin = in.byte() % 4;  // 3 is not an origin
+                int64_t off = int64_t(int16_t(in.u16()));
+                if (sel & 0x80) off *= int64_t(1) << 47;
+                const int64_t base = origin == REDIRECT_SEEK_SET   ? 0
+                                     : origin == REDIRECT_SEEK_CUR ? int64_t(pos)
+                                                                   : int64_t(m.data.size());
+                const int64_t got = K_RedirectedSeek(h, off, origin);
+                int64_t to = 0;
+                if (origin > 2 || __builtin_add_overflow(base, off, &to) || to < 0) {
+                    FUZZ_CHECK(got == -1);
+                } else {
+                    FUZZ_CHECK(got == to);
+                    pos = uint64_t(got);
+                }
+                break;
+            }
+            case 3:  // size
+                FUZZ_CHECK(K_RedirectedGetSize(h) == int64_t(m.data.size()));
+                break;
+            case 4: {  // set the size through the table (extends with zeros)
+                const uint64_t s = in.u16();
+                void* native = nullptr;
+                FUZZ_CHECK(K_ExtractRedirectedFileHandle(h, &native, 0) == KS_SUCCESS);
+                const int32_t got = table.pfnSetSize(native, int64_t(s), table.pSetSizeUserData);
+                if (m.fixed && s > m.cap) {
+                    FUZZ_CHECK(got == -1);
+                } else {
+                    FUZZ_CHECK(got == 0);
+                    m.data.resize(s, 0);
+                }
+                break;
+            }
+            case 5: {  // open another file on the buffer through the name
+                if (files.size() >= 4) break;
+                const uint32_t mode = REDIRECT_OPEN_READWRITE | ((sel & 8) ? REDIRECT_OPEN_TRUNCATE : 0u);
+                HREDIRECTFILE nf = K_RedirectedOpen(name, mode, 0);
+                FUZZ_CHECK(reinterpret_cast<void*>(nf) != OMBRIX_INVALID_FILE);
+                if (mode & REDIRECT_OPEN_TRUNCATE) m.data.clear();
+                pos = 0;
+                files.push_back(nf);
+                break;
+            }
+            case 6: {  // close
+                FUZZ_CHECK(K_RedirectedClose(h) == 0);
+                files.erase(files.begin() + ptrdiff_t(which));
+                // With files still open the buffer refuses to end.
+                if (!files.empty()) FUZZ_CHECK(K_StopRedirectToBuffer(buf, nullptr, nullptr) == KS_INVALID_PARAMETER);
+                break;
+            }
+            case 7: {  // the content so far
+                const void* p = nullptr;
+                uint64_t n = 0;
+                FUZZ_CHECK(K_GetRedirectBufferData(buf, &p, &n) == KS_SUCCESS);
+                FUZZ_CHECK(n == m.data.size());
+                FUZZ_CHECK(n == 0 || std::memcmp(p, m.data.data(), n) == 0);
+                break;
+            }
+        }
+    }
+    for (HREDIRECTFILE h : files) FUZZ_CHECK(K_RedirectedClose(h) == 0);
+    HGLOBAL out = nullptr;
+    uint64_t outSize = ~uint64_t(0);
+    FUZZ_CHECK(K_StopRedirectToBuffer(buf, &out, &outSize) == KS_SUCCESS);
+    FUZZ_CHECK(outSize == m.data.size());
+    FUZZ_CHECK((out == nullptr) == m.data.empty());
+    if (out) {
+        FUZZ_CHECK(std::memcmp(out, m.data.data(), m.data.size()) == 0);
+        K_GlobalFree(out);
+    }
+    // The ended buffer is no longer live.
+    FUZZ_CHECK(K_GetRedirectBufferData(buf, nullptr, nullptr) == KS_INVALID_PARAMETER);
+    return 0;
+}

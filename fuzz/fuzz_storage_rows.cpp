@@ -1,0 +1,189 @@
+// fuzz_storage_rows.cpp - the row calls on every storage kind, and moves
+// between kinds, against a plain model: a byte array of the stored rows.
+//
+// Input: byte 0 depth selector, bytes 1-2 width, byte 3 height, then
+// operations (selector byte + operands): whole-row puts, column puts,
+// segment puts, row and column gets, moves to another storage kind
+// (single block, small tiles, temporary file, run-compressed, super-
+// compressed) and compression changes. Checks: every result and every read
+// byte equal the model's, reads never write past the byte count they were
+// given, and a move keeps the pixels. Padding past the last pixel is not
+// compared (the compressed kinds keep pixels, not padding).
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "ombrix.h"
+
+namespace {
+
+#define FUZZ_CHECK(c) \
+    do {              \
+        if (!(c)) std::abort(); \
+    } while (0)
+
+struct Input {
+    const uint8_t* p;
+    size_t n, i = 0;
+    bool more() const { return i < n; }
+    uint8_t byte() { return i < n ? p[i++] : 0; }
+    uint32_t u16() { return uint32_t(byte()) | uint32_t(byte()) << 8; }
+};
+
+constexpr int kDepths[] = {1, 8, 24, 4, 16, 32};
+constexpr uint32_t kKinds[] = {MEMTYPE_CONVENTIONAL, 4u /* tiles */, MEMTYPE_NO_CONVENTIONAL /* file */,
+                               MEMTYPE_COMPRESSED, MEMTYPE_SUPERCOMPRESSED};
+
+struct Model {
+    int32_t width = 0, height = 0, bpp = 0;
+    uint32_t bpl = 0;
+    std::vector<uint8_t> rows;
+    uint8_t* row(int32_t y) { return rows.data() + size_t(y) * bpl; }
+    // Pixel bits of a row: the bits before width * bpp.
+    uint64_t pixelBits() const { return uint64_t(width) * uint64_t(bpp); }
+};
+
+// Compares n bytes read from byte offset `off` of a row with the model,
+// only where they hold pixel bits.
+void comparePixels(const Model& m, const uint8_t* model, const uint8_t* got, uint32_t off, uint32_t n) {
+    const uint64_t bits = m.pixelBits();
+    for (uint32_t k = 0; k < n; ++k) {
+        const uint64_t firstBit = uint64_t(off + k) * 8;
+        if (firstBit >= bits) break;
+        uint8_t mask = 0xFF;
+        if (firstBit + 8 > bits) mask = uint8_t(0xFF00 >> (bits - firstBit));
+        FUZZ_CHECK(((model[off + k] ^ got[k]) & mask) == 0);
+    }
+}
+
+void checkAll(BITMAPRECORD& bm, Model& m) {
+    std::vector<uint8_t> buf(m.bpl + 1);
+    for (int32_t y = 0; y < m.height; ++y) {
+        buf.assign(m.bpl + 1, 0xC3);
+        FUZZ_CHECK(K_GetBitmapRow(&bm, buf.data(), y, m.bpl) == int32_t(m.bpl));
+        FUZZ_CHECK(buf[m.bpl] == 0xC3);
+        comparePixels(m, m.row(y), buf.data(), 0, m.bpl);
+    }
+}
+
+// Byte offset of column x and the bytes left in the row from there.
+uint32_t colOffset(const Model& m, int32_t x) { return uint32_t((uint64_t(x) * uint64_t(m.bpp)) / 8); }
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 4) return 0;
+    Input in{data, size};
+    Model m;
+    m.bpp = kDepths[in.byte() % 6];
+    m.width = int32_t(1 + in.u16() % 2048);
+    m.height = int32_t(1 + in.byte() % 64);
+    m.bpl = uint32_t(((uint64_t(m.width) * uint64_t(m.bpp) + 31) / 32) * 4);
+    m.rows.assign(size_t(m.bpl) * size_t(m.height), 0);
+
+    BITMAPRECORD bm;
+    const int32_t order = m.bpp >= 24 ? ORDER_BGR : 0;
+    if (K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, m.width, m.height, m.bpp, order, nullptr,
+                       TOP_LEFT, nullptr, 0) != KS_SUCCESS)
+        return 0;
+    FUZZ_CHECK(bm.nBytesPerLine == m.bpl);
+
+    std::vector<uint8_t> src, buf;
+    for (int ops = 0; in.more() && ops < 64; ++ops) {
+        const uint8_t sel = in.byte();
+        const int32_t y = int32_t(in.byte() % m.height);
+        switch (sel % 7) {
+            case 0: {  // a whole row, a byte count from the input (cut at the row's end)
+                const uint32_t n = std::min<uint32_t>(in.u16(), m.bpl + 8);
+                src.assign(n + 1, 0);  // never a null pointer, also for 0 bytes
+                for (uint32_t k = 0; k < n; ++k) src[k] = uint8_t(in.byte() ^ k);
+                const uint32_t moved = std::min(n, m.bpl);
+                FUZZ_CHECK(K_PutBitmapRow(&bm, src.data(), y, n) == int32_t(moved));
+                std::memcpy(m.row(y), src.data(), moved);
+                break;
+            }
+            case 1: {  // from a column on
+                const int32_t x = int32_t(in.u16() % uint32_t(m.width));
+                const uint32_t n = in.byte() * 3u;
+                src.assign(n + 1, 0);
+                for (uint32_t k = 0; k < n; ++k) src[k] = uint8_t(in.byte() + 7 * k);
+                const uint32_t off = colOffset(m, x);
+                const uint32_t moved = std::min(n, m.bpl - off);
+                FUZZ_CHECK(K_PutBitmapRowCol(&bm, src.data(), y, x, n) == int32_t(moved));
+                std::memcpy(m.row(y) + off, src.data(), moved);
+                break;
+            }
+            case 2: {  // segments from a whole row
+                src.assign(m.bpl, 0);
+                const uint8_t fill = in.byte();
+                for (uint32_t k = 0; k < m.bpl; ++k) src[k] = uint8_t(fill + 13 * k);
+                const int32_t nseg = in.byte() % 5;
+                int32_t segs[8];
+                for (int32_t s = 0; s < 2 * nseg; ++s) segs[s] = int32_t(int16_t(in.u16()));
+                FUZZ_CHECK(K_PutBitmapRowSegments(&bm, src.data(), y, segs, nseg) == KS_SUCCESS);
+                for (int32_t s = 0; s < nseg; ++s) {
+                    const int32_t x1 = std::max(segs[2 * s], 0), x2 = std::min(segs[2 * s + 1], m.width);
+                    for (int32_t x = x1; x < x2; ++x) {
+                        const uint64_t b0 = uint64_t(x) * uint64_t(m.bpp);
+                        for (uint64_t b = b0; b < b0 + uint64_t(m.bpp); ++b) {
+                            const uint8_t bit = uint8_t(0x80 >> (b & 7));
+                            uint8_t& d = m.row(y)[b >> 3];
+                            d = uint8_t((d & ~bit) | (src[b >> 3] & bit));
+                        }
+                    }
+                }
+                break;
+            }
+            case 3: {  // a column read; nothing past the count is written
+                const int32_t x = int32_t(in.u16() % uint32_t(m.width));
+                const uint32_t n = in.byte() * 5u;
+                buf.assign(n + 4, 0x3C);
+                const uint32_t off = colOffset(m, x);
+                const uint32_t moved = std::min(n, m.bpl - off);
+                FUZZ_CHECK(K_GetBitmapRowCol(&bm, buf.data(), y, x, n) == int32_t(moved));
+                for (uint32_t k = moved; k < n + 4; ++k) FUZZ_CHECK(buf[k] == 0x3C);
+                comparePixels(m, m.row(y), buf.data(), off, moved);
+                break;
+            }
+            case 4: {  // move to another storage kind
+                const uint32_t kind = kKinds[in.byte() % 5];
+                const uint64_t tile = uint64_t(1 + in.byte()) * 64;
+                const int32_t rc = K_SetBitmapMemoryInfo(&bm, kind, kind == 4u ? tile : 0);
+                const bool depthOk = kind == MEMTYPE_COMPRESSED        ? m.bpp == 1
+                                     : kind == MEMTYPE_SUPERCOMPRESSED ? (m.bpp == 1 || m.bpp == 8 || m.bpp == 24)
+                                                                       : true;
+                if (!depthOk) {
+                    FUZZ_CHECK(rc == KS_UNSUPPORTED_CONVERSION || rc < 0);
+                } else {
+                    FUZZ_CHECK(rc == KS_SUCCESS);
+                    uint32_t got = 0;
+                    FUZZ_CHECK(K_GetBitmapMemoryInfo(&bm, &got, nullptr, nullptr, nullptr) == KS_SUCCESS);
+                    FUZZ_CHECK(got == (kind == MEMTYPE_NO_CONVENTIONAL ? 128u : kind));
+                }
+                checkAll(bm, m);
+                break;
+            }
+            case 5: {  // compression change
+                const int32_t mode = in.byte() % 3;
+                const int32_t rc = K_ChangeBitmapCompression(&bm, mode);
+                const bool ok = mode == BITMAPCOMPRESSION_NONE   ? true
+                                : mode == BITMAPCOMPRESSION_RUNS ? m.bpp == 1
+                                                                 : (m.bpp == 1 || m.bpp == 8 || m.bpp == 24);
+                FUZZ_CHECK(ok ? rc == KS_SUCCESS : rc < 0);
+                checkAll(bm, m);
+                break;
+            }
+            case 6:  // a whole row read
+                buf.assign(m.bpl + 4, 0x99);
+                FUZZ_CHECK(K_GetBitmapRow(&bm, buf.data(), y, m.bpl) == int32_t(m.bpl));
+                for (uint32_t k = m.bpl; k < m.bpl + 4; ++k) FUZZ_CHECK(buf[k] == 0x99);
+                comparePixels(m, m.row(y), buf.data(), 0, m.bpl);
+                break;
+        }
+    }
+    checkAll(bm, m);
+    K_FreeBitmap(&bm);
+    return 0;
+}
