@@ -196,7 +196,7 @@ TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocks) {
         KTReaderWriterLockItem r = l.AcquireReaderLock();
         second = true;
     });
-    bool shared = waitUntil([&] { return second.load(); }, 300ms);
+    bool shared = waitUntil([&] { return second.load(); }, 1000ms);
     EXPECT_EQ(shared, !GetParam());
     mine.Release();
     t.join();
