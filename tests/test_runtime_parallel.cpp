@@ -202,7 +202,9 @@ TEST(RuntimeParallel, FirstBandFailureIsTheResult) {
             return (y0 <= 1000 && 1000 < y1) ? -7 : 1;
         }, o);
         EXPECT_EQ(r, -7);
-        if (threads == 1) EXPECT_LT(rows.load(), 5000 / 2);  // nothing after the failing band
+        if (threads == 1) {
+            EXPECT_LT(rows.load(), 5000 / 2);  // nothing after the failing band
+        }
     }
     // Exceptions thrown by a callable become statuses.
     EXPECT_EQ(krn::parallelRows(10, [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); }),
