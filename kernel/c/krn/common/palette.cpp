@@ -1,10 +1,22 @@
-// palette.cpp - fixed palettes, grey ramps and the nearest-entry search.
+// palette.cpp - fixed palettes, grey ramps, grey classification, the exported
+// nearest-entry search and the user match table.
+//
+//   K_GetFixedPalette, K_IntGetFixedPalette, K_IntGetNetscapePalette
+//   K_CreateGrayPalette, K_CreateFixedPalette, K_DupPalette      blocks from K_GlobalAlloc
+//   K_IsGrayScalePalette, K_IntIsGrayScaleBitmap                classification codes 0..3
+//   K_FindPaletteIndex                                          (search in palette_search.cpp)
+//   K_CreateUserMatchTable, K_FreeUserMatchTable,
+//   K_SetUserMatchTable, K_GetUserMatchTable                    per-thread table
+//
+// The palette helpers that work on a bitmap record are in palette_bitmap.cpp.
 #include <array>
 #include <cstring>
 
 #include "hooks.h"
 #include "kernel.h"
+#include "memory.h"
 #include "palette.h"
+#include "settings.h"
 #include "../windowsemul/globalmem.h"
 
 namespace krn {
@@ -48,6 +60,26 @@ struct FixedPalettes {
 };
 constexpr FixedPalettes kFixed{};
 
+constexpr size_t kMatchTableWords = 32768;
+
+inline int clampComponent(int32_t v) noexcept { return v < 0 ? 0 : v > 255 ? 255 : int(v); }
+
+// A lookup table of a deep grey bitmap: RGBQUAD entries, as the window-level
+// functions fill them.
+int32_t classifyLut(const RGBQUAD* lut, int32_t n) noexcept {
+    bool up = true, down = true;
+    for (int32_t i = 0; i < n; ++i) {
+        const RGBQUAD& e = lut[i];
+        if (e.rgbRed != e.rgbGreen || e.rgbRed != e.rgbBlue) return 0;
+        if (i > 0) {
+            if (e.rgbRed < lut[i - 1].rgbRed) up = false;
+            if (e.rgbRed > lut[i - 1].rgbRed) down = false;
+        }
+    }
+    if (up) return 1;
+    return down ? 2 : 3;
+}
+
 }  // namespace
 
 const RGBQUAD* fixedPalette(int32_t bpp) noexcept {
@@ -68,31 +100,42 @@ void fillGrayRamp(RGBQUAD* pal, uint32_t n) noexcept {
     }
 }
 
-int32_t findPaletteIndexScalar(const RGBQUAD* pal, int32_t n, int r, int g, int b) noexcept {
-    if (!pal) return 0;
-    if (n <= 0) return -1;
-    auto isRgb = [](const RGBQUAD& e, int v) { return e.rgbRed == v && e.rgbGreen == v && e.rgbBlue == v; };
-    if (r == 0 && g == 0 && b == 0) {
-        if (isRgb(pal[0], 0)) return 0;
-        if (isRgb(pal[n - 1], 0)) return n - 1;
-    } else if (r == 255 && g == 255 && b == 255) {
-        if (isRgb(pal[n - 1], 255)) return n - 1;
-        if (isRgb(pal[0], 255)) return 0;
+int32_t classifyGray(const RGBQUAD* pal, int32_t n) noexcept {
+    for (int32_t i = 0; i < n; ++i)
+        if (pal[i].rgbRed != pal[i].rgbGreen || pal[i].rgbRed != pal[i].rgbBlue) return 0;
+    if (n <= 1) {
+        // One entry, or none: the first entry decides.
+        if (pal[0].rgbRed == 0) return 1;
+        return pal[0].rgbRed == 255 ? 2 : 3;
     }
-    const int cls = hueClass(r, g, b);
-    uint32_t best = 0xFFFFFFFFu;
-    int32_t bestIndex = -1;
+    // The expected ramp accumulates the truncated step (mod 256), so ramps
+    // whose exact entries are not multiples of it (8 entries: 0, 36, 72, 109
+    // against 0, 36, 72, 108) classify as 3. Kept on purpose.
+    const uint32_t step = 255u / uint32_t(n - 1);
+    const bool descending = pal[0].rgbRed != 0;
+    uint8_t expect = descending ? 255 : 0;
     for (int32_t i = 0; i < n; ++i) {
-        int dr = pal[i].rgbRed - r, dg = pal[i].rgbGreen - g, db = pal[i].rgbBlue - b;
-        uint32_t d = uint32_t(dr * dr + dg * dg + db * db);
-        if (d < best || (d == best && hueClass(pal[i].rgbRed, pal[i].rgbGreen, pal[i].rgbBlue) == cls)) {
-            best = d;
-            bestIndex = i;
-            if (d == 0) break;
-        }
+        if (pal[i].rgbRed != expect) return 3;
+        expect = uint8_t(descending ? expect - step : expect + step);
     }
-    return bestIndex;
+    return descending ? 2 : 1;
 }
+
+int32_t bitmapColorCount(const BITMAPRECORD* bm) noexcept {
+    if (bm->nBitsPerPixel >= 1 && bm->nBitsPerPixel <= 8) {
+        int32_t full = 1 << bm->nBitsPerPixel;
+        return bm->nColors >= 1 && bm->nColors <= full ? bm->nColors : full;
+    }
+    if (!bm->pPalette) return 0;
+    return bm->nColors >= 0 && bm->nColors <= 256 ? bm->nColors : 0;
+}
+
+const RGBQUAD* bitmapColors(const BITMAPRECORD* bm) noexcept {
+    if (bm->pPalette) return bm->pPalette;
+    return fixedPalette(bm->nBitsPerPixel);
+}
+
+const uint32_t* userMatchTable() noexcept { return settings().pUserMatchTable; }
 
 }  // namespace krn
 
@@ -118,7 +161,74 @@ KAPI RGBQUAD* K_CreateGrayPalette(int32_t nBitsPerPixel) {
     return pal;
 }
 
+KAPI RGBQUAD* K_CreateFixedPalette(int32_t nBitsPerPixel) {
+    if (nBitsPerPixel < 0 || nBitsPerPixel > 8) return nullptr;
+    uint32_t n = 1u << (nBitsPerPixel == 0 ? 8 : nBitsPerPixel);
+    auto* pal = static_cast<RGBQUAD*>(globalAlloc(GMEM_FIXED, n * sizeof(RGBQUAD)));
+    if (pal) K_GetFixedPalette(pal, nBitsPerPixel);
+    return pal;
+}
+
+KAPI RGBQUAD* K_DupPalette(const RGBQUAD* pPalette, int32_t nColors) {
+    if (!pPalette || nColors < 1 || nColors > 65536) return nullptr;
+    auto* pal = static_cast<RGBQUAD*>(globalAlloc(GMEM_FIXED, size_t(nColors) * sizeof(RGBQUAD)));
+    if (pal) std::memcpy(pal, pPalette, size_t(nColors) * sizeof(RGBQUAD));
+    return pal;
+}
+
+KAPI int32_t K_IsGrayScalePalette(const RGBQUAD* pPalette, int32_t nColors) {
+    if (!pPalette || nColors < 0) return KS_INVALID_PARAMETER;
+    return classifyGray(pPalette, nColors);
+}
+
+KAPI int32_t K_IntIsGrayScaleBitmap(const BITMAPRECORD* pBitmap) {
+    int32_t rc = checkRecord(pBitmap);
+    if (rc != KS_SUCCESS) return rc;
+    const int32_t bpp = pBitmap->nBitsPerPixel;
+    if (bpp >= 1 && bpp <= 8) {
+        const int32_t n = bitmapColorCount(pBitmap);
+        int32_t cls = classifyGray(bitmapColors(pBitmap), n);
+        // A ramp that does not cover every pixel value is not a full ramp.
+        if ((cls == 1 || cls == 2) && n < (1 << bpp)) cls = 3;
+        return cls;
+    }
+    if (pBitmap->nOrder != ORDER_GRAY) return 0;
+    if (!pBitmap->pLUT || pBitmap->nLUTLength <= 0) return 1;
+    return classifyLut(static_cast<const RGBQUAD*>(pBitmap->pLUT), pBitmap->nLUTLength);
+}
+
 KAPI int32_t K_FindPaletteIndex(const RGBQUAD* pPalette, int32_t nColors, int32_t nRed, int32_t nGreen,
                                 int32_t nBlue) {
-    return findPaletteIndexScalar(pPalette, nColors, nRed & 0xFF, nGreen & 0xFF, nBlue & 0xFF);
+    return findPaletteIndex(pPalette, nColors, clampComponent(nRed), clampComponent(nGreen), clampComponent(nBlue));
 }
+
+KAPI uint32_t* K_CreateUserMatchTable(const RGBQUAD* pPalette, int32_t nColors) {
+    if (!pPalette || nColors < 1) return nullptr;
+    auto* table = static_cast<uint32_t*>(memAlloc(kMatchTableWords * sizeof(uint32_t)));
+    if (!table) return nullptr;
+    for (uint32_t k = 0; k < kMatchTableWords; ++k) {
+        int r = int((k >> 10) & 31) * 8, g = int((k >> 5) & 31) * 8, b = int(k & 31) * 8;
+        table[k] = uint32_t(findPaletteIndex(pPalette, nColors, r, g, b) + 1);
+    }
+    return table;
+}
+
+KAPI int32_t K_FreeUserMatchTable(uint32_t* pTable) {
+    if (!pTable) return KS_SUCCESS;
+    // Do not leave the calling thread (or the process-wide block) pointing at freed memory.
+    if (settings().pUserMatchTable == pTable) settings().pUserMatchTable = nullptr;
+    if (processSettings().pUserMatchTable == pTable) processSettings().pUserMatchTable = nullptr;
+    memFree(pTable);
+    return KS_SUCCESS;
+}
+
+// The tables belong to the caller, so they are handed back writable (a table
+// made by K_CreateUserMatchTable can go straight to K_FreeUserMatchTable).
+KAPI uint32_t* K_SetUserMatchTable(const uint32_t* pTable) {
+    ThreadSettings& ts = settings();
+    const uint32_t* old = ts.pUserMatchTable;
+    ts.pUserMatchTable = pTable;
+    return const_cast<uint32_t*>(old);
+}
+
+KAPI uint32_t* K_GetUserMatchTable(void) { return const_cast<uint32_t*>(settings().pUserMatchTable); }

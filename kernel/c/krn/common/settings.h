@@ -38,6 +38,12 @@ struct ThreadSettings {
     int32_t nMemFifth = 1;
 
     // -- storage: redirected I/O and temporary files ------------------------
+    // The calling thread's redirect table: all zero at thread start (every
+    // slot empty: the process-wide table applies). uStructSize stays 0.
+    REDIRECTRECORD redirect{};
+    // The calling thread's temporary folder, UTF-8, terminated; empty means
+    // the default ($TMPDIR, else /tmp).
+    char tempDir[1024] = {};
     // (@@settings-redirect@@)
 
     // -- storage: memory (more) ---------------------------------------------

@@ -1,0 +1,122 @@
+// fuzz_compressed_rows.cpp - untrusted compressed rows: K_ExpandRows and the
+// compressed Put forms.
+//
+// Input: byte 0 width (1..256 pixels + a multiple from byte 1), byte 2 row
+// count, byte 3 column, byte 4 pixel count, then run words. These forms take
+// no source size, so the harness frames the word counts: each row takes the
+// next byte as its word count (cut to the words left) and the following
+// words as its runs. Checks:
+//   - K_ExpandRows writes only its rows (guard bytes after them stay);
+//   - a Put into a run-compressed bitmap and into a single block give the
+//     same pixels, and every stored row reads back as runs that sum to the width;
+//   - pixels outside [column, column + pixels) of the row are unchanged.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "ombrix.h"
+
+namespace {
+
+void check(bool ok) {
+    if (!ok) std::abort();
+}
+
+struct Framed {
+    std::vector<uint8_t> bytes;  // rows back to back
+};
+
+Framed frame(const uint8_t* data, size_t size, size_t& pos, int rows) {
+    Framed f;
+    for (int r = 0; r < rows; ++r) {
+        uint32_t want = pos < size ? data[pos++] : 0;
+        uint32_t avail = uint32_t((size - std::min(size, pos)) / 2);
+        uint32_t w = want < avail ? want : avail;
+        size_t at = f.bytes.size();
+        f.bytes.resize(at + 4 + 2 * size_t(w));
+        std::memcpy(f.bytes.data() + at, &w, 4);
+        if (w) std::memcpy(f.bytes.data() + at + 4, data + pos, 2 * size_t(w));
+        pos += 2 * size_t(w);
+    }
+    return f;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 5) return 0;
+    const int32_t width = 1 + data[0] + 256 * (data[1] & 3);
+    const int rows = 1 + data[2] % 4;
+    const int32_t col = data[3] % width;
+    const int32_t pixels = int32_t(data[4]) * 3;
+    size_t pos = 5;
+    Framed runs = frame(data, size, pos, rows);
+
+    // K_ExpandRows: rows of bpl bytes, guard bytes after them.
+    const uint32_t bpl = uint32_t(((width + 31) / 32) * 4);
+    std::vector<uint8_t> out(size_t(bpl) * rows + 16, 0xA7);
+    check(K_ExpandRows(runs.bytes.data(), out.data(), width, rows) == KS_SUCCESS);
+    for (size_t i = size_t(bpl) * rows; i < out.size(); ++i) check(out[i] == 0xA7);
+    // Padding bits past the width are clear.
+    for (int r = 0; r < rows; ++r)
+        for (uint64_t b = uint64_t(width); b < uint64_t(bpl) * 8; ++b)
+            check(((out[size_t(r) * bpl + (b >> 3)] >> (7 - (b & 7))) & 1) == 0);
+
+    // The Put forms on a run-compressed bitmap and a single block.
+    BITMAPRECORD a, b;
+    if (K_CreateBitmap(&a, BITMAPRECORD_SIZE, 512, width, rows, 1, 0, nullptr, 1, nullptr, 0) != KS_SUCCESS)
+        return 0;
+    if (K_CreateBitmap(&b, BITMAPRECORD_SIZE, 1, width, rows, 1, 0, nullptr, 1, nullptr, 0) != KS_SUCCESS) {
+        K_FreeBitmap(&a);
+        return 0;
+    }
+    // Start from the expanded rows.
+    for (int r = 0; r < rows; ++r) {
+        check(K_PutBitmapRow(&a, out.data() + size_t(r) * bpl, r, bpl) == int32_t(bpl));
+        check(K_PutBitmapRow(&b, out.data() + size_t(r) * bpl, r, bpl) == int32_t(bpl));
+    }
+    std::vector<uint8_t> before(out.begin(), out.begin() + size_t(bpl) * rows);
+    const uint8_t* row = runs.bytes.data();
+    for (int r = 0; r < rows; ++r) {
+        uint32_t w;
+        std::memcpy(&w, row, 4);
+        if (r % 2 == 0) {
+            check(K_PutBitmapRowCompressed(&a, nullptr, row, r, width) == KS_SUCCESS);
+            check(K_PutBitmapRowCompressed(&b, nullptr, row, r, width) == KS_SUCCESS);
+        } else {
+            check(K_PutBitmapRowColCompressed(&a, nullptr, row, r, col, pixels) == KS_SUCCESS);
+            check(K_PutBitmapRowColCompressed(&b, nullptr, row, r, col, pixels) == KS_SUCCESS);
+        }
+        row += 4 + 2 * size_t(w);
+    }
+    std::vector<uint8_t> ra(bpl), rb(bpl), cr(OMBRIX_COMPRESSED_ROW_MAX(width));
+    for (int r = 0; r < rows; ++r) {
+        check(K_GetBitmapRow(&a, ra.data(), r, bpl) == int32_t(bpl));
+        check(K_GetBitmapRow(&b, rb.data(), r, bpl) == int32_t(bpl));
+        check(ra == rb);
+        if (r % 2 == 1) {
+            // Outside the column range nothing changed.
+            const uint8_t* old = before.data() + size_t(r) * bpl;
+            const int64_t end = std::min<int64_t>(int64_t(col) + pixels, width);
+            for (int64_t x = 0; x < width; ++x) {
+                if (x >= col && x < end) continue;
+                check(((ra[size_t(x >> 3)] ^ old[size_t(x >> 3)]) >> (7 - (x & 7)) & 1) == 0);
+            }
+        }
+        check(K_GetBitmapRowCompressed(&a, nullptr, cr.data(), r, width) == KS_SUCCESS);
+        uint32_t w;
+        std::memcpy(&w, cr.data(), 4);
+        check(4 + 2 * size_t(w) <= cr.size());
+        uint64_t sum = 0;
+        for (uint32_t i = 0; i < w; ++i) {
+            uint16_t v;
+            std::memcpy(&v, cr.data() + 4 + 2 * size_t(i), 2);
+            sum += v;
+        }
+        check(sum == uint64_t(width));
+    }
+    K_FreeBitmap(&a);
+    K_FreeBitmap(&b);
+    return 0;
+}

@@ -1,0 +1,144 @@
+// fuzz_redirect_names.cpp - untrusted names and texts:
+//   byte 0 selects what the rest is:
+//     0: UTF-8 text: converted to UTF-16, UTF-32 and wchar_t; a text that is
+//        accepted must come back byte for byte, one that is refused must
+//        name a position inside it
+//     1: UTF-16 text (little-endian pairs): the same in the other direction
+//     2: a name after "ORVARedirect://" (the bytes as wide characters): must
+//        not decode unless it was made here, and opening it must not crash
+//     3: edits to a valid name made in this process (pairs of position,
+//        character): a name that still decodes must carry the same table
+// Any violated property aborts.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ombrix.h"
+#include "wideutf8.h"
+
+namespace {
+
+#define FUZZ_CHECK(c) \
+    do {              \
+        if (!(c)) std::abort(); \
+    } while (0)
+
+int g_opens = 0;
+void* fzOpen(const wchar_t*, uint32_t, uint32_t, void*) {
+    ++g_opens;
+    return OMBRIX_INVALID_FILE;  // nothing to open: the name was the point
+}
+
+REDIRECTRECORD knownTable() {
+    REDIRECTRECORD t{};
+    t.uStructSize = REDIRECTRECORD_SIZE;
+    t.uFlags = 0x1234;
+    t.pfnOpen = &fzOpen;
+    t.pOpenUserData = reinterpret_cast<void*>(0xABCDEF);
+    t.pfnRead = &K_OsRead;
+    t.pfnClose = &K_OsClose;
+    return t;
+}
+
+void utf8Case(const uint8_t* d, size_t n) {
+    using namespace krn::utf;
+    const char* s = reinterpret_cast<const char*>(d);
+    UtfResult m16 = utf8ToUtf16(s, n, nullptr, 0);
+    UtfResult m32 = utf8ToUtf32(s, n, nullptr, 0);
+    FUZZ_CHECK(m16.status == m32.status);
+    if (m16.status == kUtfMalformed) {
+        FUZZ_CHECK(m16.errorAt < n);
+        FUZZ_CHECK(m16.errorAt == m32.errorAt);
+        // The part before the error is well formed.
+        FUZZ_CHECK(utf8ToUtf32(s, m16.errorAt, nullptr, 0).status == kUtfOk);
+        return;
+    }
+    std::u16string u16(m16.needed, u'\0');
+    FUZZ_CHECK(utf8ToUtf16(s, n, u16.data(), u16.size()).status == kUtfOk);
+    std::string back(n, '\0');
+    UtfResult r = utf16ToUtf8(u16.data(), u16.size(), back.data(), back.size());
+    FUZZ_CHECK(r.status == kUtfOk && r.written == n && std::memcmp(back.data(), s, n) == 0);
+    std::wstring w(m16.needed, L'\0');  // UTF-32 never needs more units than UTF-16
+    r = utf8ToWide(s, n, w.data(), w.size());
+    FUZZ_CHECK(r.status == kUtfOk);
+    r = wideToUtf8(w.data(), r.written, back.data(), back.size());
+    FUZZ_CHECK(r.status == kUtfOk && r.written == n && std::memcmp(back.data(), s, n) == 0);
+    // A too-small output keeps a prefix of whole characters.
+    if (n > 1) {
+        std::string half(n / 2, '\0');
+        r = utf16ToUtf8(u16.data(), u16.size(), half.data(), half.size());
+        FUZZ_CHECK(r.status == kUtfTooSmall || r.written == n);
+        FUZZ_CHECK(r.written <= half.size() && std::memcmp(half.data(), s, r.written) == 0);
+    }
+}
+
+void utf16Case(const uint8_t* d, size_t n) {
+    using namespace krn::utf;
+    std::u16string s(n / 2, u'\0');
+    for (size_t i = 0; i < s.size(); ++i) s[i] = char16_t(d[2 * i] | (d[2 * i + 1] << 8));
+    UtfResult m = utf16ToUtf8(s.data(), s.size(), nullptr, 0);
+    if (m.status == kUtfMalformed) {
+        FUZZ_CHECK(m.errorAt < s.size());
+        return;
+    }
+    std::string u8(m.needed, '\0');
+    FUZZ_CHECK(utf16ToUtf8(s.data(), s.size(), u8.data(), u8.size()).status == kUtfOk);
+    std::u16string back(s.size(), u'\0');
+    UtfResult r = utf8ToUtf16(u8.data(), u8.size(), back.data(), back.size());
+    FUZZ_CHECK(r.status == kUtfOk && back == s);
+}
+
+void rawNameCase(const uint8_t* d, size_t n) {
+    std::wstring name = REDIRECT_NAME_PREFIX;
+    for (size_t i = 0; i < n; ++i) name += wchar_t(d[i]);
+    REDIRECTRECORD t{};
+    uint32_t start = 0;
+    // Without the process's check no table can come out of arbitrary text.
+    FUZZ_CHECK(K_DecodeRedirectName(name.c_str(), &t, &start) != KS_SUCCESS);
+    int before = g_opens;
+    HREDIRECTFILE h = K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READ, 0);
+    FUZZ_CHECK(reinterpret_cast<void*>(h) == OMBRIX_INVALID_FILE);
+    FUZZ_CHECK(g_opens == before);
+}
+
+void editCase(const uint8_t* d, size_t n) {
+    const REDIRECTRECORD t = knownTable();
+    wchar_t buf[512];
+    FUZZ_CHECK(K_MakeRedirectName(&t, L"inner", buf, 512) == KS_SUCCESS);
+    std::wstring name = buf;
+    for (size_t i = 0; i + 1 < n; i += 2) {
+        size_t pos = d[i] % (name.size() + 1);
+        wchar_t c = wchar_t(d[i + 1]);
+        if (c == 0) {
+            if (pos < name.size()) name.erase(pos, 1);
+        } else if (pos == name.size()) {
+            name += c;
+        } else {
+            name[pos] = c;
+        }
+    }
+    REDIRECTRECORD got{};
+    uint32_t start = 0;
+    if (K_DecodeRedirectName(name.c_str(), &got, &start) == KS_SUCCESS) {
+        FUZZ_CHECK(std::memcmp(&got, &t, sizeof t) == 0);
+        FUZZ_CHECK(start <= name.size());
+        int before = g_opens;
+        K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READ, 0);
+        FUZZ_CHECK(g_opens == before + 1);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size == 0) return 0;
+    switch (data[0] & 3) {
+        case 0: utf8Case(data + 1, size - 1); break;
+        case 1: utf16Case(data + 1, size - 1); break;
+        case 2: rawNameCase(data + 1, size - 1); break;
+        case 3: editCase(data + 1, size - 1); break;
+    }
+    return 0;
+}

@@ -1,0 +1,1056 @@
+// region.cpp - the OrvaRgn engine: the row builder, the one merge over sorted
+// runs, rectangles, polygons, ellipses, moves and mirror images, and the
+// kernel's exported region operations (K_CreateOrvaRgnRect ... K_SegmentsToRegion).
+//
+// Layout of a region (see ombrix.h): one zeroed OrvaRgn block, a row index of
+// 8 bytes per row from the first to the last non-empty row, and run data of
+// 4 bytes per x value. Nothing else is kept: the builder shrinks both arrays
+// to their exact sizes when it finishes.
+#include "region.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstring>
+
+#include "krn/common/kernel.h"
+#include "krn/windowsemul/objects.h"
+
+namespace krn::rgn {
+namespace {
+
+constexpr int64_t kMaxRows = ORVARGN_MAX_ROWS;
+
+bool fits32(int64_t v) noexcept { return v >= INT32_MIN && v <= INT32_MAX; }
+
+int64_t floorDiv(int64_t a, int64_t b) noexcept {  // b > 0
+    int64_t q = a / b;
+    if ((a % b != 0) && (a < 0)) --q;
+    return q;
+}
+int64_t ceilDiv(int64_t a, int64_t b) noexcept {  // b > 0
+    int64_t q = a / b;
+    if ((a % b != 0) && (a > 0)) ++q;
+    return q;
+}
+__int128 ceilDiv128(__int128 a, __int128 b) noexcept {  // b > 0
+    __int128 q = a / b;
+    if ((a % b != 0) && (a > 0)) ++q;
+    return q;
+}
+
+// ------------------------------------------------------------------ merge
+// One merge for every mode. T is a truth table: bit (inA * 2 + inB) tells
+// whether a pixel with that membership is in the result. Both inputs are
+// sorted, non-overlapping, non-touching runs; so is the output (touching
+// output runs are joined because the state is evaluated after every edge at
+// one x has been taken).
+constexpr unsigned kAnd = 0b1000, kOr = 0b1110, kXor = 0b0110, kDiff = 0b0100;
+
+template <unsigned T>
+uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    uint32_t i = 0, j = 0, n = 0;
+    unsigned sa = 0, sb = 0, in = 0;
+    while (i < na && j < nb) {
+        int32_t xa = a[i], xb = b[j], x;
+        if (xa < xb) {
+            x = xa;
+            sa ^= 1;
+            ++i;
+        } else if (xb < xa) {
+            x = xb;
+            sb ^= 1;
+            ++j;
+        } else {
+            x = xa;
+            sa ^= 1;
+            sb ^= 1;
+            ++i;
+            ++j;
+        }
+        unsigned o = (T >> (sa * 2 + sb)) & 1u;
+        if (o != in) {
+            out[n++] = x;
+            in = o;
+        }
+    }
+    // One side is exhausted and outside all its runs: the rest of the other
+    // side is either copied verbatim or dropped.
+    if (i < na && ((T >> 2) & 1u)) {
+        std::memcpy(out + n, a + i, (na - i) * sizeof(int32_t));
+        n += na - i;
+    }
+    if (j < nb && ((T >> 1) & 1u)) {
+        std::memcpy(out + n, b + j, (nb - j) * sizeof(int32_t));
+        n += nb - j;
+    }
+    return n;
+}
+
+template <unsigned T>
+int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out) noexcept {
+    const bool aE = isEmpty(a), bE = isEmpty(b);
+    int64_t top, bottom;
+    constexpr bool keepA = (T >> 2) & 1u, keepB = (T >> 1) & 1u;
+    if (aE && bE) return create(out);
+    if (keepA && keepB) {
+        top = aE ? b->rcBounds.top : bE ? a->rcBounds.top : std::min(a->rcBounds.top, b->rcBounds.top);
+        bottom = aE ? b->rcBounds.bottom
+                    : bE ? a->rcBounds.bottom : std::max(a->rcBounds.bottom, b->rcBounds.bottom);
+    } else if (keepA) {
+        if (aE) return create(out);
+        top = a->rcBounds.top;
+        bottom = a->rcBounds.bottom;
+    } else {
+        if (aE || bE) return create(out);
+        top = std::max(a->rcBounds.top, b->rcBounds.top);
+        bottom = std::min(a->rcBounds.bottom, b->rcBounds.bottom);
+        if (top >= bottom) return create(out);
+    }
+    Builder bld;
+    size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
+    int32_t rc = bld.start(top, bottom, expect);
+    if (rc != KS_SUCCESS) return rc;
+    for (int64_t y = top; y < bottom; ++y) {
+        uint32_t na, nb;
+        const int32_t* ra = rowAt(a, y, &na);
+        const int32_t* rb = rowAt(b, y, &nb);
+        if (nb == 0) {
+            if (keepA && na) {
+                if (!bld.putRow(ra, na)) return KS_NO_MEMORY;
+            } else {
+                bld.endRow(0);
+            }
+            continue;
+        }
+        if (na == 0) {
+            if (keepB) {
+                if (!bld.putRow(rb, nb)) return KS_NO_MEMORY;
+            } else {
+                bld.endRow(0);
+            }
+            continue;
+        }
+        int32_t* dst = bld.rowSpace(na + nb);
+        if (!dst) return KS_NO_MEMORY;
+        bld.endRow(mergeRow<T>(ra, na, rb, nb, dst));
+    }
+    return bld.finish(out);
+}
+
+// ------------------------------------------------------------------ scan conversion
+struct Crossing {
+    int64_t p;  // first pixel whose centre is at or right of the crossing
+    int32_t dir;
+};
+
+// Integer edge, oriented top to bottom; active for rows y0 <= y < y1.
+struct IntEdge {
+    int64_t x0, y0, x1, y1;
+    int32_t dir;
+    bool small;
+    int64_t rowTop() const noexcept { return y0; }
+    int64_t rowBottom() const noexcept { return y1; }
+    // ceil(xc - 1/2) with xc the crossing of the line y + 1/2, exactly.
+    int64_t at(int64_t y) const noexcept {
+        int64_t dx = x1 - x0, dy = y1 - y0;
+        if (small) {
+            int64_t tnum = (2 * (y - y0) + 1) * dx, tden = 2 * dy;
+            return x0 + ceilDiv(2 * tnum - tden, 2 * tden);
+        }
+        __int128 tnum = __int128(2 * (y - y0) + 1) * dx, tden = __int128(2) * dy;
+        return x0 + int64_t(ceilDiv128(2 * tnum - tden, 2 * tden));
+    }
+};
+
+// Double edge: rows whose centre lies in [y0, y1).
+struct DblEdge {
+    double x0, y0, x1, y1, slope;
+    int64_t r0, r1;
+    int32_t dir;
+    int64_t rowTop() const noexcept { return r0; }
+    int64_t rowBottom() const noexcept { return r1; }
+    int64_t at(int64_t y) const noexcept {
+        double xc = x0 + (double(y) + 0.5 - y0) * slope;
+        double p = std::ceil(xc - 0.5);
+        if (p < -4.0e18) return int64_t(-4e18);
+        if (p > 4.0e18) return int64_t(4e18);
+        return int64_t(p);
+    }
+};
+
+int32_t clampX(int64_t p) noexcept {
+    return int32_t(std::clamp<int64_t>(p, INT32_MIN, INT32_MAX));
+}
+
+template <class Edge>
+int32_t scanEdges(kvector<Edge>& edges, bool winding, OrvaRgn** out) {
+    if (edges.empty()) return create(out);
+    std::sort(edges.begin(), edges.end(),
+              [](const Edge& a, const Edge& b) { return a.rowTop() < b.rowTop(); });
+    int64_t top = edges.front().rowTop(), bottom = top;
+    for (const Edge& e : edges) bottom = std::max(bottom, e.rowBottom());
+    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    Builder bld;
+    int32_t rc = bld.start(top, bottom, 0);
+    if (rc != KS_SUCCESS) return rc;
+    kvector<const Edge*> active;
+    kvector<Crossing> xs;
+    size_t next = 0;
+    for (int64_t y = top; y < bottom; ++y) {
+        // Retire finished edges, admit starting ones.
+        size_t k = 0;
+        for (const Edge* e : active)
+            if (e->rowBottom() > y) active[k++] = e;
+        active.resize(k);
+        while (next < edges.size() && edges[next].rowTop() <= y) {
+            if (edges[next].rowBottom() > y) active.push_back(&edges[next]);
+            ++next;
+        }
+        if (active.empty()) {
+            if (next >= edges.size()) break;
+            // Jump over a gap between figures.
+            int64_t ny = edges[next].rowTop();
+            bld.skipRows(ny - y);
+            y = ny - 1;
+            continue;
+        }
+        xs.resize(active.size());
+        for (size_t i = 0; i < active.size(); ++i) xs[i] = Crossing{active[i]->at(y), active[i]->dir};
+        // Crossings stay nearly in order from row to row: insertion sort,
+        // carrying the edge order along so the next row starts sorted.
+        for (size_t i = 1; i < xs.size(); ++i) {
+            Crossing c = xs[i];
+            const Edge* e = active[i];
+            size_t j = i;
+            while (j > 0 && xs[j - 1].p > c.p) {
+                xs[j] = xs[j - 1];
+                active[j] = active[j - 1];
+                --j;
+            }
+            xs[j] = c;
+            active[j] = e;
+        }
+        int32_t* dst = bld.rowSpace(uint32_t(xs.size()));
+        if (!dst) return KS_NO_MEMORY;
+        uint32_t n = 0;
+        int32_t w = 0;
+        bool in = false;
+        for (size_t i = 0; i < xs.size();) {
+            int64_t p = xs[i].p;
+            while (i < xs.size() && xs[i].p == p) {
+                w += winding ? xs[i].dir : 1;
+                ++i;
+            }
+            bool now = winding ? (w != 0) : (w & 1) != 0;
+            if (now != in) {
+                int32_t x = clampX(p);
+                if (n > 0 && dst[n - 1] == x) {
+                    --n;  // clamping made a run vanish
+                } else {
+                    dst[n++] = x;
+                }
+                in = now;
+            }
+        }
+        bld.endRow(n);
+    }
+    return bld.finish(out);
+}
+
+// ------------------------------------------------------------------ rectangles
+int32_t rectsUnion(kvector<RECT>& rects, OrvaRgn** out) {
+    // Drop empty rectangles; order by top, then left.
+    size_t k = 0;
+    for (const RECT& r : rects)
+        if (r.left < r.right && r.top < r.bottom) rects[k++] = r;
+    rects.resize(k);
+    if (rects.empty()) return create(out);
+    bool ordered = true;
+    for (size_t i = 1; i < rects.size() && ordered; ++i) {
+        const RECT& p = rects[i - 1];
+        const RECT& c = rects[i];
+        ordered = p.top < c.top || (p.top == c.top && p.left <= c.left);
+    }
+    if (!ordered)
+        std::stable_sort(rects.begin(), rects.end(), [](const RECT& a, const RECT& b) {
+            return a.top != b.top ? a.top < b.top : a.left < b.left;
+        });
+    int64_t top = rects.front().top, bottom = top;
+    for (const RECT& r : rects) bottom = std::max<int64_t>(bottom, r.bottom);
+    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    // Sweep: between two consecutive tops/bottoms the set of active
+    // rectangles is constant, so its merged runs repeat on every row.
+    kvector<int64_t> bottoms;
+    bottoms.reserve(rects.size());
+    for (const RECT& r : rects) bottoms.push_back(r.bottom);
+    std::sort(bottoms.begin(), bottoms.end());
+    Builder bld;
+    int32_t rc = bld.start(top, bottom, rects.size() * 2);
+    if (rc != KS_SUCCESS) return rc;
+    kvector<RECT> active;
+    kvector<int32_t> runs;
+    size_t next = 0, nextBottom = 0;
+    int64_t y = top;
+    while (y < bottom) {
+        size_t k2 = 0;
+        for (const RECT& r : active)
+            if (r.bottom > y) active[k2++] = r;
+        active.resize(k2);
+        while (next < rects.size() && rects[next].top <= y) active.push_back(rects[next++]);
+        while (nextBottom < bottoms.size() && bottoms[nextBottom] <= y) ++nextBottom;
+        int64_t bandEnd = bottom;
+        if (next < rects.size()) bandEnd = std::min<int64_t>(bandEnd, rects[next].top);
+        if (nextBottom < bottoms.size()) bandEnd = std::min(bandEnd, bottoms[nextBottom]);
+        std::sort(active.begin(), active.end(), [](const RECT& a, const RECT& b) { return a.left < b.left; });
+        runs.clear();
+        for (const RECT& r : active) {
+            if (!runs.empty() && r.left <= runs.back()) {
+                runs.back() = std::max(runs.back(), r.right);
+            } else {
+                runs.push_back(r.left);
+                runs.push_back(r.right);
+            }
+        }
+        for (int64_t yy = y; yy < bandEnd; ++yy)
+            if (!bld.putRow(runs.data(), uint32_t(runs.size()))) return KS_NO_MEMORY;
+        y = bandEnd;
+    }
+    return bld.finish(out);
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------ builder
+Builder::~Builder() { destroy(r_); }
+
+int32_t Builder::start(int64_t top, int64_t bottom, size_t expectValues) noexcept {
+    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    r_ = static_cast<OrvaRgn*>(memCalloc(sizeof(OrvaRgn)));
+    if (!r_) return KS_NO_MEMORY;
+    top_ = cur_ = top;
+    bottom_ = std::max(top, bottom);
+    if (bottom_ > top_) {
+        r_->pRowIndex = memAllocArray<ORVARGNROW>(size_t(bottom_ - top_));
+        if (!r_->pRowIndex) return KS_NO_MEMORY;
+    }
+    capacity_ = std::max<size_t>(expectValues, 64);
+    r_->pRunData = memAllocArray<int32_t>(capacity_);
+    if (!r_->pRunData) return KS_NO_MEMORY;
+    return KS_SUCCESS;
+}
+
+int32_t* Builder::rowSpace(uint32_t maxCount) noexcept {
+    if (values_ + maxCount > capacity_) {
+        size_t cap = std::max(capacity_ * 2, values_ + maxCount + 4096);
+        if (cap > (size_t(UINT32_MAX) / 4u)) {
+            cap = size_t(UINT32_MAX) / 4u;
+            if (values_ + maxCount > cap) return nullptr;
+        }
+        auto* p = static_cast<int32_t*>(memRealloc(r_->pRunData, cap * sizeof(int32_t)));
+        if (!p) return nullptr;
+        r_->pRunData = p;
+        capacity_ = cap;
+    }
+    return r_->pRunData + values_;
+}
+
+bool Builder::putRow(const int32_t* xs, uint32_t count) noexcept {
+    if (count == 0) {
+        endRow(0);
+        return true;
+    }
+    int32_t* d = rowSpace(count);
+    if (!d) return false;
+    std::memcpy(d, xs, count * sizeof(int32_t));
+    endRow(count);
+    return true;
+}
+
+void Builder::endRow(uint32_t count) noexcept {
+    if (cur_ >= top_ && cur_ < bottom_ && count > 0) {
+        const int32_t* xs = r_->pRunData + values_;
+        if (!started_) {
+            started_ = true;
+            first_ = cur_;
+            left_ = xs[0];
+            right_ = xs[count - 1];
+        } else {
+            left_ = std::min(left_, xs[0]);
+            right_ = std::max(right_, xs[count - 1]);
+        }
+        uint32_t idx = uint32_t(cur_ - first_);
+        // Empty rows since the last non-empty one become count-0 entries.
+        for (uint32_t i = rowsUsed_; i < idx; ++i)
+            r_->pRowIndex[i] = ORVARGNROW{0, uint32_t(values_ * 4u)};
+        r_->pRowIndex[idx] = ORVARGNROW{count, uint32_t(values_ * 4u)};
+        rowsUsed_ = idx + 1;
+        values_ += count;
+    }
+    ++cur_;
+}
+
+int32_t Builder::finish(OrvaRgn** out) noexcept {
+    OrvaRgn* r = r_;
+    if (values_ == 0) {
+        memFree(r->pRowIndex);
+        memFree(r->pRunData);
+        r->pRowIndex = nullptr;
+        r->pRunData = nullptr;
+        r->uRowIndexSize = r->uRunDataSize = 0;
+        r->rcBounds = RECT{0, 0, 0, 0};
+    } else {
+        if (rowsUsed_ < uint64_t(bottom_ - top_)) {
+            if (auto* p = static_cast<ORVARGNROW*>(memRealloc(r->pRowIndex, rowsUsed_ * sizeof(ORVARGNROW))))
+                r->pRowIndex = p;
+        }
+        if (values_ < capacity_) {
+            if (auto* p = static_cast<int32_t*>(memRealloc(r->pRunData, values_ * sizeof(int32_t))))
+                r->pRunData = p;
+        }
+        r->uRowIndexSize = rowsUsed_ * 8u;
+        r->uRunDataSize = uint32_t(values_ * 4u);
+        r->rcBounds = RECT{left_, int32_t(first_), right_, int32_t(first_ + rowsUsed_)};
+    }
+    r_ = nullptr;
+    *out = r;
+    return KS_SUCCESS;
+}
+
+// ------------------------------------------------------------------ lifetime
+int32_t create(OrvaRgn** out) noexcept {
+    auto* r = static_cast<OrvaRgn*>(memCalloc(sizeof(OrvaRgn)));
+    if (!r) return KS_NO_MEMORY;
+    *out = r;
+    return KS_SUCCESS;
+}
+
+void destroy(OrvaRgn* r) noexcept {
+    if (!r) return;
+    if (r->hCachedRgn) DeleteObject(r->hCachedRgn);
+    memFree(r->pRowIndex);
+    memFree(r->pRunData);
+    memFree(r);
+}
+
+int32_t copy(const OrvaRgn* src, OrvaRgn** out) noexcept {
+    auto* r = static_cast<OrvaRgn*>(memCalloc(sizeof(OrvaRgn)));
+    if (!r) return KS_NO_MEMORY;
+    std::memcpy(r->nPlacement, src->nPlacement, sizeof r->nPlacement);
+    r->rcBounds = src->rcBounds;
+    if (src->uRowIndexSize) {
+        r->pRowIndex = static_cast<ORVARGNROW*>(memAlloc(src->uRowIndexSize));
+        if (!r->pRowIndex) {
+            destroy(r);
+            return KS_NO_MEMORY;
+        }
+        std::memcpy(r->pRowIndex, src->pRowIndex, src->uRowIndexSize);
+        r->uRowIndexSize = src->uRowIndexSize;
+    }
+    if (src->uRunDataSize) {
+        r->pRunData = static_cast<int32_t*>(memAlloc(src->uRunDataSize));
+        if (!r->pRunData) {
+            destroy(r);
+            return KS_NO_MEMORY;
+        }
+        std::memcpy(r->pRunData, src->pRunData, src->uRunDataSize);
+        r->uRunDataSize = src->uRunDataSize;
+    }
+    if (src->hCachedRgn) {
+        // The cached handle is copied into a fresh empty handle (RGN_COPY).
+        HRGN h = CreateRectRgn(0, 0, 0, 0);
+        if (!h || CombineRgn(h, src->hCachedRgn, src->hCachedRgn, RGN_COPY) == 0) {
+            if (h) DeleteObject(h);
+            destroy(r);
+            return KS_NO_MEMORY;
+        }
+        r->hCachedRgn = h;
+    }
+    *out = r;
+    return KS_SUCCESS;
+}
+
+void adopt(OrvaRgn* dst, OrvaRgn* src) noexcept {
+    if (dst->hCachedRgn) DeleteObject(dst->hCachedRgn);
+    dst->hCachedRgn = nullptr;
+    memFree(dst->pRowIndex);
+    memFree(dst->pRunData);
+    dst->rcBounds = src->rcBounds;
+    dst->uRowIndexSize = src->uRowIndexSize;
+    dst->pRowIndex = src->pRowIndex;
+    dst->uRunDataSize = src->uRunDataSize;
+    dst->pRunData = src->pRunData;
+    src->pRowIndex = nullptr;
+    src->pRunData = nullptr;
+    destroy(src);
+}
+
+// ------------------------------------------------------------------ constructors
+int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out) noexcept {
+    return guarded([&]() -> int32_t {
+        switch (op) {
+            case RGN_AND: return combineT<kAnd>(a, b, out);
+            case RGN_OR: return combineT<kOr>(a, b, out);
+            case RGN_XOR: return combineT<kXor>(a, b, out);
+            case RGN_DIFF: return combineT<kDiff>(a, b, out);
+            case RGN_COPY: return copy(a, out);
+            default: return KS_INVALID_PARAMETER;
+        }
+    });
+}
+
+int32_t fromRect(const RECT& rc, OrvaRgn** out) noexcept {
+    if (rc.left >= rc.right || rc.top >= rc.bottom) return create(out);
+    int64_t h = int64_t(rc.bottom) - rc.top;
+    if (h > kMaxRows) return KS_NO_MEMORY;
+    Builder bld;
+    int32_t st = bld.start(rc.top, rc.bottom, size_t(h) * 2);
+    if (st != KS_SUCCESS) return st;
+    const int32_t run[2] = {rc.left, rc.right};
+    for (int64_t y = 0; y < h; ++y)
+        if (!bld.putRow(run, 2)) return KS_NO_MEMORY;
+    return bld.finish(out);
+}
+
+int32_t fromRects(const RECT* rects, size_t n, OrvaRgn** out) noexcept {
+    return guarded([&]() -> int32_t {
+        kvector<RECT> v(rects, rects + n);
+        return rectsUnion(v, out);
+    });
+}
+
+int32_t polygon(const POINT* pts, const uint8_t* flags, size_t n, bool winding, OrvaRgn** out) noexcept {
+    if (n < 2) return create(out);
+    return guarded([&]() -> int32_t {
+        kvector<IntEdge> edges;
+        edges.reserve(n);
+        auto add = [&](const POINT& a, const POINT& b) {
+            if (a.y == b.y) return;  // horizontal edges cross no pixel centre line
+            IntEdge e{};
+            const bool down = a.y < b.y;
+            const POINT& t = down ? a : b;
+            const POINT& u = down ? b : a;
+            e.x0 = t.x;
+            e.y0 = t.y;
+            e.x1 = u.x;
+            e.y1 = u.y;
+            e.dir = down ? 1 : -1;
+            int64_t dx = e.x1 - e.x0, dy = e.y1 - e.y0;
+            e.small = dx > -(int64_t(1) << 29) && dx < (int64_t(1) << 29) && dy < (int64_t(1) << 29);
+            edges.push_back(e);
+        };
+        size_t start = 0;
+        for (size_t i = 1; i <= n; ++i) {
+            if (i == n || (flags && flags[i] == 0)) {
+                for (size_t k = start; k + 1 < i; ++k) add(pts[k], pts[k + 1]);
+                if (i - start >= 2) add(pts[i - 1], pts[start]);
+                start = i;
+            }
+        }
+        return scanEdges(edges, winding, out);
+    });
+}
+
+int32_t polygonD(const PointD* pts, const size_t* starts, size_t figures, size_t n, bool winding,
+                 OrvaRgn** out) noexcept {
+    return guarded([&]() -> int32_t {
+        kvector<DblEdge> edges;
+        edges.reserve(n);
+        auto add = [&](const PointD& a, const PointD& b) {
+            if (!std::isfinite(a.x) || !std::isfinite(a.y) || !std::isfinite(b.x) || !std::isfinite(b.y))
+                return;
+            if (a.y == b.y) return;
+            const bool down = a.y < b.y;
+            const PointD& t = down ? a : b;
+            const PointD& u = down ? b : a;
+            DblEdge e{};
+            e.x0 = t.x;
+            e.y0 = t.y;
+            e.x1 = u.x;
+            e.y1 = u.y;
+            e.slope = (u.x - t.x) / (u.y - t.y);
+            double r0 = std::ceil(t.y - 0.5), r1 = std::ceil(u.y - 0.5);
+            r0 = std::clamp(r0, -4e9, 4e9);
+            r1 = std::clamp(r1, -4e9, 4e9);
+            e.r0 = int64_t(r0);
+            e.r1 = int64_t(r1);
+            e.dir = down ? 1 : -1;
+            if (e.r1 > e.r0) edges.push_back(e);
+        };
+        for (size_t f = 0; f < figures; ++f) {
+            size_t s = starts[f], e = f + 1 < figures ? starts[f + 1] : n;
+            if (e <= s + 1) continue;
+            for (size_t k = s; k + 1 < e; ++k) add(pts[k], pts[k + 1]);
+            add(pts[e - 1], pts[s]);
+        }
+        for (const DblEdge& e : edges)
+            if (e.r0 < INT32_MIN || e.r1 > int64_t(INT32_MAX) + 1) return KS_NO_MEMORY;
+        return scanEdges(edges, winding, out);
+    });
+}
+
+int32_t ellipseOutline(const RECT& box, kvector<PointD>& pts) noexcept {
+    return guarded([&]() -> int32_t {
+        double l = box.left, t = box.top, r = box.right, b = box.bottom;
+        if (l > r) std::swap(l, r);
+        if (t > b) std::swap(t, b);
+        const double cx = (l + r) / 2, cy = (t + b) / 2, w = r - l, h = b - t;
+        const double kx = 0.2761423749154 * w, ky = 0.2761423749154 * h;
+        // Chord error of a quarter arc in n pieces is about R*pi^2/(32 n^2):
+        // n = 2.5*sqrt(R) keeps it near 0.05 pixel.
+        const double radius = std::max(w, h) / 2;
+        size_t n = size_t(std::clamp(std::ceil(2.5 * std::sqrt(radius)), 2.0, 20000.0));
+        // Quarter arcs from axis point to axis point, counter-clockwise on screen.
+        const PointD arcs[4][4] = {
+            {{r, cy}, {r, cy + ky}, {cx + kx, b}, {cx, b}},
+            {{cx, b}, {cx - kx, b}, {l, cy + ky}, {l, cy}},
+            {{l, cy}, {l, cy - ky}, {cx - kx, t}, {cx, t}},
+            {{cx, t}, {cx + kx, t}, {r, cy - ky}, {r, cy}},
+        };
+        pts.clear();
+        pts.reserve(4 * n);
+        for (const auto& a : arcs) {
+            for (size_t i = 0; i < n; ++i) {
+                double s = double(i) / double(n), u = 1 - s;
+                double b0 = u * u * u, b1 = 3 * u * u * s, b2 = 3 * u * s * s, b3 = s * s * s;
+                pts.push_back(PointD{b0 * a[0].x + b1 * a[1].x + b2 * a[2].x + b3 * a[3].x,
+                                     b0 * a[0].y + b1 * a[1].y + b2 * a[2].y + b3 * a[3].y});
+            }
+        }
+        return KS_SUCCESS;
+    });
+}
+
+int32_t ellipse(const RECT& box, OrvaRgn** out) noexcept {
+    return guarded([&]() -> int32_t {
+        kvector<PointD> pts;
+        int32_t rc = ellipseOutline(box, pts);
+        if (rc != KS_SUCCESS) return rc;
+        size_t start = 0;
+        return polygonD(pts.data(), &start, 1, pts.size(), false, out);
+    });
+}
+
+// ------------------------------------------------------------------ moves
+int32_t offset(OrvaRgn* r, int64_t dx, int64_t dy) noexcept {
+    if (dx == 0 && dy == 0) return KS_SUCCESS;
+    if (isEmpty(r)) return KS_SUCCESS;
+    const RECT& b = r->rcBounds;
+    if (!fits32(b.left + dx) || !fits32(b.right + dx) || !fits32(b.top + dy) || !fits32(b.bottom + dy))
+        return KS_INVALID_PARAMETER;
+    if (dx) {
+        const size_t n = r->uRunDataSize / 4u;
+        const int32_t d = int32_t(dx);
+        int32_t* p = r->pRunData;
+        for (size_t i = 0; i < n; ++i) p[i] = int32_t(uint32_t(p[i]) + uint32_t(d));
+    }
+    r->rcBounds.left += int32_t(dx);
+    r->rcBounds.right += int32_t(dx);
+    r->rcBounds.top += int32_t(dy);
+    r->rcBounds.bottom += int32_t(dy);
+    if (r->hCachedRgn) {
+        DeleteObject(r->hCachedRgn);
+        r->hCachedRgn = nullptr;
+    }
+    return KS_SUCCESS;
+}
+
+int32_t clip(OrvaRgn* r, const RECT& rc) noexcept {
+    if (isEmpty(r)) return KS_SUCCESS;
+    const RECT& b = r->rcBounds;
+    if (rc.left <= b.left && rc.top <= b.top && rc.right >= b.right && rc.bottom >= b.bottom)
+        return KS_SUCCESS;  // already inside
+    int64_t top = std::max(b.top, rc.top), bottom = std::min(b.bottom, rc.bottom);
+    OrvaRgn* res = nullptr;
+    if (top >= bottom || rc.left >= rc.right) {
+        int32_t st = create(&res);
+        if (st != KS_SUCCESS) return st;
+        adopt(r, res);
+        return KS_SUCCESS;
+    }
+    Builder bld;
+    int32_t st = bld.start(top, bottom, r->uRunDataSize / 4u);
+    if (st != KS_SUCCESS) return st;
+    const int32_t clipRun[2] = {rc.left, rc.right};
+    for (int64_t y = top; y < bottom; ++y) {
+        uint32_t n;
+        const int32_t* xs = rowAt(r, y, &n);
+        if (n == 0) {
+            bld.endRow(0);
+            continue;
+        }
+        int32_t* d = bld.rowSpace(n + 2);
+        if (!d) return KS_NO_MEMORY;
+        bld.endRow(mergeRow<kAnd>(xs, n, clipRun, 2, d));
+    }
+    st = bld.finish(&res);
+    if (st != KS_SUCCESS) return st;
+    adopt(r, res);
+    return KS_SUCCESS;
+}
+
+int32_t scale(OrvaRgn* r, int32_t xn, int32_t xd, int32_t yn, int32_t yd) noexcept {
+    if (xd <= 0 || yd <= 0 || xn < 0 || yn < 0) return KS_INVALID_PARAMETER;
+    if (xn == xd && yn == yd) return KS_SUCCESS;
+    if (isEmpty(r)) return KS_SUCCESS;
+    OrvaRgn* res = nullptr;
+    if (xn == 0 || yn == 0) {
+        int32_t st = create(&res);
+        if (st != KS_SUCCESS) return st;
+        adopt(r, res);
+        return KS_SUCCESS;
+    }
+    // Result pixel X is in when source pixel floor(X * d / n) is: a source
+    // run [x1, x2) becomes [ceil(x1 * n / d), ceil(x2 * n / d)).
+    auto map = [](int64_t v, int64_t n, int64_t d) { return ceilDiv(v * n, d); };
+    const RECT& b = r->rcBounds;
+    int64_t top = map(b.top, yn, yd), bottom = map(b.bottom, yn, yd);
+    if (!fits32(top) || !fits32(bottom) || !fits32(map(b.left, xn, xd)) || !fits32(map(b.right, xn, xd)))
+        return KS_INVALID_PARAMETER;
+    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    return guarded([&]() -> int32_t {
+        Builder bld;
+        size_t expect = size_t(r->uRunDataSize / 4u) * size_t(std::max<int64_t>(1, (yn + yd - 1) / yd));
+        int32_t st = bld.start(top, bottom, std::min<size_t>(expect, size_t(1) << 26));
+        if (st != KS_SUCCESS) return st;
+        for (int64_t y = top; y < bottom; ++y) {
+            uint32_t n;
+            const int32_t* xs = rowAt(r, floorDiv(y * yd, yn), &n);
+            int32_t* d = bld.rowSpace(n);
+            if (!d) return KS_NO_MEMORY;
+            uint32_t m = 0;
+            for (uint32_t i = 0; i < n; i += 2) {
+                int32_t a = int32_t(map(xs[i], xn, xd)), c = int32_t(map(xs[i + 1], xn, xd));
+                if (a >= c) continue;  // vanished
+                if (m > 0 && d[m - 1] >= a) {
+                    d[m - 1] = c;  // touches the previous run: join
+                } else {
+                    d[m++] = a;
+                    d[m++] = c;
+                }
+            }
+            bld.endRow(m);
+        }
+        OrvaRgn* res = nullptr;
+        st = bld.finish(&res);
+        if (st != KS_SUCCESS) return st;
+        adopt(r, res);
+        return KS_SUCCESS;
+    });
+}
+
+int32_t flipRows(OrvaRgn* r, int64_t h) noexcept {
+    if (isEmpty(r)) return KS_SUCCESS;
+    int64_t top = h - r->rcBounds.bottom, bottom = h - r->rcBounds.top;
+    if (!fits32(top) || !fits32(bottom)) return KS_INVALID_PARAMETER;
+    Builder bld;
+    int32_t st = bld.start(top, bottom, r->uRunDataSize / 4u);
+    if (st != KS_SUCCESS) return st;
+    for (int64_t y = top; y < bottom; ++y) {
+        uint32_t n;
+        const int32_t* xs = rowAt(r, h - 1 - y, &n);
+        if (!bld.putRow(xs, n)) return KS_NO_MEMORY;
+    }
+    OrvaRgn* res = nullptr;
+    st = bld.finish(&res);
+    if (st != KS_SUCCESS) return st;
+    adopt(r, res);
+    return KS_SUCCESS;
+}
+
+int32_t reverseCols(OrvaRgn* r, int64_t w) noexcept {
+    if (isEmpty(r)) return KS_SUCCESS;
+    if (!fits32(w - r->rcBounds.right) || !fits32(w - r->rcBounds.left)) return KS_INVALID_PARAMETER;
+    // x values map to w - x and each row's order reverses; done in place.
+    const uint32_t rows = rowCount(r);
+    for (uint32_t i = 0; i < rows; ++i) {
+        const ORVARGNROW& e = r->pRowIndex[i];
+        int32_t* xs = r->pRunData + e.uOffset / 4u;
+        std::reverse(xs, xs + e.uCount);
+        for (uint32_t k = 0; k < e.uCount; ++k) xs[k] = int32_t(w - xs[k]);
+    }
+    int32_t l = int32_t(w - r->rcBounds.right), rr = int32_t(w - r->rcBounds.left);
+    r->rcBounds.left = l;
+    r->rcBounds.right = rr;
+    if (r->hCachedRgn) {
+        DeleteObject(r->hCachedRgn);
+        r->hCachedRgn = nullptr;
+    }
+    return KS_SUCCESS;
+}
+
+int32_t transpose(OrvaRgn* r) noexcept {
+    if (isEmpty(r)) return KS_SUCCESS;
+    const int64_t left = r->rcBounds.left, width = int64_t(r->rcBounds.right) - left;
+    if (width > kMaxRows) return KS_NO_MEMORY;
+    return guarded([&]() -> int32_t {
+        // Sweep the rows; where a column turns on remember the row, where it
+        // turns off emit the vertical run (column, from, to). Runs of one
+        // column come out in row order.
+        struct VRun {
+            int32_t x, y1, y2;
+        };
+        kvector<int32_t> open(size_t(width), 0);
+        kvector<VRun> vruns;
+        kvector<int32_t> on, off;
+        const int32_t* prev = nullptr;
+        uint32_t np = 0;
+        for (int64_t y = r->rcBounds.top; y <= r->rcBounds.bottom; ++y) {
+            uint32_t nc = 0;
+            const int32_t* cur = y < r->rcBounds.bottom ? rowAt(r, y, &nc) : nullptr;
+            on.resize(nc + np);
+            off.resize(nc + np);
+            uint32_t non = mergeRow<kDiff>(cur, nc, prev, np, on.data());
+            uint32_t noff = mergeRow<kDiff>(prev, np, cur, nc, off.data());
+            for (uint32_t i = 0; i < non; i += 2)
+                for (int64_t x = on[i]; x < on[i + 1]; ++x) open[size_t(x - left)] = int32_t(y);
+            for (uint32_t i = 0; i < noff; i += 2)
+                for (int64_t x = off[i]; x < off[i + 1]; ++x)
+                    vruns.push_back(VRun{int32_t(x), open[size_t(x - left)], int32_t(y)});
+            prev = cur;
+            np = nc;
+        }
+        // Counting sort by column keeps each column's runs in row order.
+        kvector<uint32_t> start(size_t(width) + 1, 0);
+        for (const VRun& v : vruns) ++start[size_t(v.x - left) + 1];
+        for (size_t i = 1; i <= size_t(width); ++i) start[i] += start[i - 1];
+        kvector<int32_t> xs(vruns.size() * 2);
+        kvector<uint32_t> fill(start.begin(), start.end() - 1);
+        for (const VRun& v : vruns) {
+            uint32_t k = fill[size_t(v.x - left)]++;
+            xs[2 * k] = v.y1;
+            xs[2 * k + 1] = v.y2;
+        }
+        Builder bld;
+        int32_t st = bld.start(left, left + width, xs.size());
+        if (st != KS_SUCCESS) return st;
+        for (size_t c = 0; c < size_t(width); ++c)
+            if (!bld.putRow(xs.data() + 2 * start[c], 2 * (start[c + 1] - start[c]))) return KS_NO_MEMORY;
+        OrvaRgn* res = nullptr;
+        st = bld.finish(&res);
+        if (st != KS_SUCCESS) return st;
+        adopt(r, res);
+        return KS_SUCCESS;
+    });
+}
+
+int32_t perspective(OrvaRgn* r, int32_t from, int32_t to, int64_t w, int64_t h) noexcept {
+    int32_t flip = 0, angle = 0;
+    int32_t st = K_GetChangeViewPerspectiveParams(from, to, &flip, &angle);
+    if (st != KS_SUCCESS) return st;
+    if (flip) {
+        st = flipRows(r, h);
+        if (st != KS_SUCCESS) return st;
+    }
+    switch (angle) {
+        case 90:  // (x, y) -> (h - 1 - y, x)
+            st = transpose(r);
+            if (st == KS_SUCCESS) st = reverseCols(r, h);
+            return st;
+        case 180:  // (x, y) -> (w - 1 - x, h - 1 - y)
+            st = reverseCols(r, w);
+            if (st == KS_SUCCESS) st = flipRows(r, h);
+            return st;
+        case 270:  // (x, y) -> (y, w - 1 - x)
+            st = transpose(r);
+            if (st == KS_SUCCESS) st = flipRows(r, w);
+            return st;
+        default: return KS_SUCCESS;
+    }
+}
+
+// ------------------------------------------------------------------ queries
+bool pointIn(const OrvaRgn* r, int32_t x, int32_t y, int32_t* x1, int32_t* x2) noexcept {
+    if (x1) *x1 = -1;
+    if (x2) *x2 = -1;
+    const RECT& b = r->rcBounds;
+    if (x < b.left || x >= b.right || y < b.top || y >= b.bottom) return false;
+    uint32_t n;
+    const int32_t* xs = rowAt(r, y, &n);
+    if (n == 0 || x < xs[0] || x >= xs[n - 1]) return false;
+    // Number of x values <= x: odd means inside a run.
+    size_t k = size_t(std::upper_bound(xs, xs + n, x) - xs);
+    if ((k & 1u) == 0) return false;
+    if (x1) *x1 = xs[k - 1];
+    if (x2) *x2 = xs[k];
+    return true;
+}
+
+uint64_t area(const OrvaRgn* r) noexcept {
+    uint64_t a = 0;
+    const size_t n = r->uRunDataSize / 4u;
+    for (size_t i = 0; i + 1 < n; i += 2) a += uint64_t(int64_t(r->pRunData[i + 1]) - r->pRunData[i]);
+    return a;
+}
+
+bool isSimple(const OrvaRgn* r) noexcept {
+    if (isEmpty(r)) return false;
+    const RECT& b = r->rcBounds;
+    if (uint64_t(r->uRunDataSize) != 8ull * uint64_t(int64_t(b.bottom) - b.top)) return false;
+    const uint32_t rows = rowCount(r);
+    for (uint32_t i = 0; i < rows; ++i) {
+        const ORVARGNROW& e = r->pRowIndex[i];
+        if (e.uCount != 2) return false;
+        const int32_t* xs = r->pRunData + e.uOffset / 4u;
+        if (xs[0] != b.left || xs[1] != b.right) return false;
+    }
+    return true;
+}
+
+int32_t kind(const OrvaRgn* r) noexcept {
+    const RECT& b = r->rcBounds;
+    if (b.right <= b.left || b.bottom <= b.top) return NULLREGION;
+    return isSimple(r) ? SIMPLEREGION : COMPLEXREGION;
+}
+
+uint32_t regionDataSize(const OrvaRgn* r) noexcept {
+    if (isEmpty(r)) return 32;
+    if (isSimple(r)) return 48;
+    uint64_t bytes = 32ull + 16ull * (r->uRunDataSize / 8u);
+    return bytes > UINT32_MAX ? UINT32_MAX : uint32_t(bytes);
+}
+
+void writeRegionData(const OrvaRgn* r, RGNDATA* buf) noexcept {
+    RGNDATAHEADER& h = buf->rdh;
+    h.dwSize = 32;
+    h.iType = RDH_RECTANGLES;
+    h.rcBound = r->rcBounds;
+    auto* out = reinterpret_cast<RECT*>(reinterpret_cast<char*>(buf) + 32);
+    if (isEmpty(r)) {
+        h.nCount = 0;
+    } else if (isSimple(r)) {
+        h.nCount = 1;
+        std::memcpy(out, &r->rcBounds, sizeof(RECT));
+    } else {
+        uint32_t k = 0;
+        const uint32_t rows = rowCount(r);
+        for (uint32_t i = 0; i < rows; ++i) {
+            const ORVARGNROW& e = r->pRowIndex[i];
+            const int32_t* xs = r->pRunData + e.uOffset / 4u;
+            const int32_t y = r->rcBounds.top + int32_t(i);
+            for (uint32_t j = 0; j < e.uCount; j += 2) {
+                RECT rc{xs[j], y, xs[j + 1], y + 1};
+                std::memcpy(out + k++, &rc, sizeof rc);
+            }
+        }
+        h.nCount = k;
+    }
+    h.nRgnSize = 16u * h.nCount;
+}
+
+bool valid(const OrvaRgn* r) noexcept {
+    if (!r) return false;
+    const RECT& b = r->rcBounds;
+    if (r->uRunDataSize == 0)
+        return r->uRowIndexSize == 0 && b.left == 0 && b.top == 0 && b.right == 0 && b.bottom == 0;
+    if (r->uRowIndexSize % 8 || r->uRunDataSize % 8) return false;
+    if (int64_t(b.bottom) - b.top != int64_t(rowCount(r))) return false;
+    int64_t left = INT64_MAX, right = INT64_MIN;
+    uint64_t expectOffset = 0;
+    const uint32_t rows = rowCount(r);
+    for (uint32_t i = 0; i < rows; ++i) {
+        const ORVARGNROW& e = r->pRowIndex[i];
+        if (e.uCount % 2) return false;
+        if (e.uOffset != expectOffset) return false;
+        expectOffset += 4ull * e.uCount;
+        if (expectOffset > r->uRunDataSize) return false;
+        const int32_t* xs = r->pRunData + e.uOffset / 4u;
+        if ((i == 0 || i + 1 == rows) && e.uCount == 0) return false;  // first and last rows hold runs
+        for (uint32_t k = 1; k < e.uCount; ++k)
+            if (xs[k - 1] >= xs[k]) return false;  // sorted, non-empty, non-touching
+        if (e.uCount) {
+            left = std::min<int64_t>(left, xs[0]);
+            right = std::max<int64_t>(right, xs[e.uCount - 1]);
+        }
+    }
+    return expectOffset == r->uRunDataSize && left == b.left && right == b.right;
+}
+
+// ------------------------------------------------------------------ handles
+OrvaRgn* handleRegion(HRGN h) noexcept {
+    auto* r = static_cast<OrvaRgn*>(objPayload(h, kObjRegion));
+    if (!r) errno = EINVAL;
+    return r;
+}
+
+HRGN makeHandle(OrvaRgn* r) noexcept {
+    OmbrixObject_* o = objCreate(kObjRegion, r);
+    if (!o) {
+        destroy(r);
+        return nullptr;
+    }
+    return o;
+}
+
+}  // namespace krn::rgn
+
+// ====================================================================== exports
+using namespace krn;
+
+KAPI int32_t K_CreateOrvaRgnRect(OrvaRgn** ppRgn, const RECT* pRect) {
+    if (!ppRgn || !pRect) return KS_INVALID_PARAMETER;
+    return rgn::fromRect(*pRect, ppRgn);
+}
+
+KAPI int32_t K_CopyOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc) {
+    if (!ppDst) return KS_INVALID_PARAMETER;
+    if (!pSrc) {
+        *ppDst = nullptr;
+        return KS_SUCCESS;
+    }
+    return rgn::copy(pSrc, ppDst);
+}
+
+KAPI int32_t K_DeleteOrvaRgn(OrvaRgn* pRgn) {
+    if (!pRgn) return KS_INVALID_PARAMETER;
+    rgn::destroy(pRgn);
+    return KS_SUCCESS;
+}
+
+KAPI int32_t K_OffsetOrvaRgn(OrvaRgn* pRgn, int32_t dx, int32_t dy) {
+    if (!pRgn) return KS_INVALID_PARAMETER;
+    return rgn::offset(pRgn, dx, dy);
+}
+
+KAPI int32_t K_CombineOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc1, const OrvaRgn* pSrc2, int32_t nOp) {
+    if (!ppDst || !pSrc1 || (!pSrc2 && nOp != RGN_COPY)) return KS_INVALID_PARAMETER;
+    if (nOp < RGN_AND || nOp > RGN_COPY) return KS_INVALID_PARAMETER;
+    OrvaRgn* res = nullptr;
+    int32_t st = rgn::combine(pSrc1, pSrc2 ? pSrc2 : pSrc1, nOp, &res);
+    if (st != KS_SUCCESS) return st;
+    if (*ppDst) {
+        rgn::adopt(*ppDst, res);
+    } else {
+        *ppDst = res;
+    }
+    return KS_SUCCESS;
+}
+
+KAPI int32_t K_IsPtInOrvaRgn(const OrvaRgn* pRgn, int32_t x, int32_t y, int32_t* pnX1, int32_t* pnX2) {
+    if (!pRgn) return KS_INVALID_PARAMETER;
+    return rgn::pointIn(pRgn, x, y, pnX1, pnX2) ? 1 : 0;
+}
+
+KAPI int32_t K_GetOrvaRgnBounds(const OrvaRgn* pRgn, RECT* pRect) {
+    if (!pRgn || !pRect) return KS_INVALID_PARAMETER;
+    *pRect = pRgn->rcBounds;
+    return KS_SUCCESS;
+}
+
+KAPI int32_t K_ClipOrvaRgnRect(OrvaRgn* pRgn, const RECT* pRect) {
+    if (!pRgn || !pRect) return KS_INVALID_PARAMETER;
+    return guarded([&] { return rgn::clip(pRgn, *pRect); });
+}
+
+KAPI int32_t K_ScaleOrvaRgn(OrvaRgn* pRgn, int32_t nXNum, int32_t nXDen, int32_t nYNum, int32_t nYDen) {
+    if (!pRgn) return KS_INVALID_PARAMETER;
+    return rgn::scale(pRgn, nXNum, nXDen, nYNum, nYDen);
+}
+
+KAPI int32_t K_SegmentsToRegion(OrvaRgn** ppRgn, const POINT* pPoints, const uint8_t* pFlags, int32_t nCount,
+                                int32_t nFillMode) {
+    if (!ppRgn || (!pPoints && nCount > 0)) return KS_INVALID_PARAMETER;
+    if (nCount < 0) return KS_INVALID_PARAMETER;
+    return rgn::polygon(pPoints, pFlags, size_t(nCount), nFillMode == WINDING, ppRgn);
+}

@@ -1,0 +1,127 @@
+// region.h - the OrvaRgn engine (internal interface).
+//
+// Every function that makes a region fills a fresh OrvaRgn through the one
+// row builder (rgn::Builder); every combine mode is a truth table handed to
+// the one merge over sorted runs (rgn::combine). Functions return KS_ status
+// codes and never throw; outputs are written only on success.
+//
+//   Builder                 row-by-row construction with exact final sizes
+//   create/copy/destroy     region lifetime (the OrvaRgn block is zeroed)
+//   adopt(dst, src)         moves src's rows into dst (in-place operations)
+//   combine(a, b, op)       RGN_AND / RGN_OR / RGN_XOR / RGN_DIFF / RGN_COPY
+//   fromRect, fromRects     rectangles (fromRects: any order, overlaps joined)
+//   polygon, polygonD       scan conversion (integer exact / double)
+//   ellipse                 four cubic arcs flattened in double precision
+//   offset, clip, scale     in-place moves
+//   flipRows, reverseCols,  mirror images; transpose swaps x and y
+//   transpose, perspective
+//   pointIn, area, kind     queries; kind: NULLREGION / SIMPLEREGION / COMPLEXREGION
+//   regionData              GetRegionData's block
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "ombrix.h"
+#include "krn/common/memory.h"
+
+namespace krn::rgn {
+
+inline uint32_t rowCount(const OrvaRgn* r) noexcept { return r->uRowIndexSize / 8u; }
+inline bool isEmpty(const OrvaRgn* r) noexcept { return r->uRunDataSize == 0; }
+// x values of row y (absolute); n = 0 outside the region.
+inline const int32_t* rowAt(const OrvaRgn* r, int64_t y, uint32_t* n) noexcept {
+    int64_t i = y - r->rcBounds.top;
+    if (r->uRunDataSize == 0 || i < 0 || i >= int64_t(rowCount(r))) {
+        *n = 0;
+        return nullptr;
+    }
+    const ORVARGNROW& e = r->pRowIndex[i];
+    *n = e.uCount;
+    return r->pRunData + e.uOffset / 4u;
+}
+
+class Builder {
+public:
+    Builder() noexcept = default;
+    ~Builder();
+    Builder(const Builder&) = delete;
+    Builder& operator=(const Builder&) = delete;
+
+    // Rows top <= y < bottom may be filled; expectValues reserves run data
+    // (an upper bound when known: no growth is needed then).
+    [[nodiscard]] int32_t start(int64_t top, int64_t bottom, size_t expectValues) noexcept;
+    // Space for maxCount more x values of the current row; nullptr when out of memory.
+    int32_t* rowSpace(uint32_t maxCount) noexcept;
+    // Ends the current row holding `count` values written at rowSpace().
+    void endRow(uint32_t count) noexcept;
+    void skipRows(int64_t n) noexcept { cur_ += n; }
+    int64_t currentRow() const noexcept { return cur_; }
+    // Appends a whole row (copy) and ends it.
+    [[nodiscard]] bool putRow(const int32_t* xs, uint32_t count) noexcept;
+    // Shrinks to exact sizes and hands the region out.
+    [[nodiscard]] int32_t finish(OrvaRgn** out) noexcept;
+
+private:
+    OrvaRgn* r_ = nullptr;
+    int64_t top_ = 0, bottom_ = 0, cur_ = 0;
+    int64_t first_ = 0;         // first non-empty row
+    bool started_ = false;      // a non-empty row has ended
+    uint32_t rowsUsed_ = 0;     // index entries up to the last non-empty row
+    size_t values_ = 0, capacity_ = 0;  // in x values
+    int32_t left_ = 0, right_ = 0;
+};
+
+int32_t create(OrvaRgn** out) noexcept;  // empty region
+void destroy(OrvaRgn* r) noexcept;
+int32_t copy(const OrvaRgn* src, OrvaRgn** out) noexcept;
+// Moves src's rows, runs and bounds into dst, frees dst's old ones and the
+// src block; dst's placement words stay and its cached handle is dropped.
+void adopt(OrvaRgn* dst, OrvaRgn* src) noexcept;
+
+int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out) noexcept;
+int32_t fromRect(const RECT& rc, OrvaRgn** out) noexcept;
+int32_t fromRects(const RECT* rects, size_t n, OrvaRgn** out) noexcept;
+
+struct PointD {
+    double x, y;
+};
+// Figures given as consecutive points; starts[i] is the index of figure i's first point.
+int32_t polygon(const POINT* pts, const uint8_t* flags, size_t n, bool winding, OrvaRgn** out) noexcept;
+int32_t polygonD(const PointD* pts, const size_t* starts, size_t figures, size_t n, bool winding,
+                 OrvaRgn** out) noexcept;
+int32_t ellipse(const RECT& box, OrvaRgn** out) noexcept;
+// Points of the flattened ellipse outline (for tests and drawing).
+int32_t ellipseOutline(const RECT& box, kvector<PointD>& out) noexcept;
+
+int32_t offset(OrvaRgn* r, int64_t dx, int64_t dy) noexcept;
+int32_t clip(OrvaRgn* r, const RECT& rc) noexcept;
+int32_t scale(OrvaRgn* r, int32_t xn, int32_t xd, int32_t yn, int32_t yd) noexcept;
+// Pixel (x, y) -> (x, h - 1 - y).
+int32_t flipRows(OrvaRgn* r, int64_t h) noexcept;
+// Pixel (x, y) -> (w - 1 - x, y).
+int32_t reverseCols(OrvaRgn* r, int64_t w) noexcept;
+// Pixel (x, y) -> (y, x).
+int32_t transpose(OrvaRgn* r) noexcept;
+// Pixels of an image w x h seen in perspective `from` to perspective `to`
+// (the same mapping as K_ChangePointViewPerspective).
+int32_t perspective(OrvaRgn* r, int32_t from, int32_t to, int64_t w, int64_t h) noexcept;
+
+bool pointIn(const OrvaRgn* r, int32_t x, int32_t y, int32_t* x1, int32_t* x2) noexcept;
+uint64_t area(const OrvaRgn* r) noexcept;
+bool isSimple(const OrvaRgn* r) noexcept;
+int32_t kind(const OrvaRgn* r) noexcept;
+// Bytes GetRegionData needs; writes the block when buf is not null.
+uint32_t regionDataSize(const OrvaRgn* r) noexcept;
+void writeRegionData(const OrvaRgn* r, RGNDATA* buf) noexcept;
+// ExtCreateRegion's parser: -13 for a refused block.
+int32_t fromRegionData(const XFORM* xform, uint32_t bytes, const RGNDATA* data, OrvaRgn** out) noexcept;
+// Structural invariant check (tests, debug builds).
+bool valid(const OrvaRgn* r) noexcept;
+
+// Payload of a live region handle, else nullptr (errno 22).
+OrvaRgn* handleRegion(HRGN h) noexcept;
+// A new region handle owning r (nullptr: r is freed).
+HRGN makeHandle(OrvaRgn* r) noexcept;
+
+}  // namespace krn::rgn

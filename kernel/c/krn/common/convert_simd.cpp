@@ -1,0 +1,593 @@
+// convert_simd.cpp - direct row kernels for the common colour pairs.
+//
+// Each pair has a plain kernel (the reference the tests compare against)
+// and, where it pays, an SSSE3 or AVX2 kernel picked at run time. All walk
+// in the direction that is safe in place: narrower destinations from the
+// start, wider ones from the end.
+#include <immintrin.h>
+
+#include <cstring>
+#include <utility>
+
+#include "convert.h"
+#include "convert_kernels.h"
+
+namespace krn::conv {
+namespace {
+
+// ------------------------------------------------------------ plain kernels
+template <bool Swap>
+void plain24to24(uint8_t* p, size_t w) {
+    if constexpr (Swap)
+        for (size_t i = 0; i < w; ++i, p += 3) std::swap(p[0], p[2]);
+}
+template <bool Swap>
+void plain24to32(uint8_t* buf, size_t w) {
+    for (size_t i = w; i-- > 0;) {
+        const uint8_t* s = buf + 3 * i;
+        uint8_t a = s[0], b = s[1], c = s[2];
+        uint8_t* d = buf + 4 * i;
+        d[0] = Swap ? c : a;
+        d[1] = b;
+        d[2] = Swap ? a : c;
+        d[3] = 255;
+    }
+}
+template <bool Swap>
+void plain32to24(uint8_t* buf, size_t w) {
+    for (size_t i = 0; i < w; ++i) {
+        const uint8_t* s = buf + 4 * i;
+        uint8_t a = s[0], b = s[1], c = s[2];
+        uint8_t* d = buf + 3 * i;
+        d[0] = Swap ? c : a;
+        d[1] = b;
+        d[2] = Swap ? a : c;
+    }
+}
+// 24 -> 16: SO source order (0/1), DO destination order (0, 1 or 7).
+template <int SO, int DO>
+void plain24to16(uint8_t* buf, size_t w) {
+    constexpr int R = SO == ORDER_RGB ? 0 : 2, B = 2 - R;
+    for (size_t i = 0; i < w; ++i) {
+        const uint8_t* s = buf + 3 * i;
+        uint32_t r = s[R], g = s[1], b = s[B], v;
+        if constexpr (DO == ORDER_RGB)
+            v = (r >> 3) | ((g >> 3) << 5) | ((b >> 3) << 10);
+        else if constexpr (DO == ORDER_BGR)
+            v = (b >> 3) | ((g >> 3) << 5) | ((r >> 3) << 10);
+        else
+            v = (b >> 3) | ((g >> 2) << 5) | ((r >> 3) << 11);
+        st16(buf + 2 * i, v);
+    }
+}
+inline uint32_t e5(uint32_t x) { return (x << 3) | (x >> 2); }
+inline uint32_t e6(uint32_t y) { return (y << 2) | (y >> 4); }
+template <int SO, int DO>
+void plain16to24(uint8_t* buf, size_t w) {
+    constexpr int R = DO == ORDER_RGB ? 0 : 2, B = 2 - R;
+    for (size_t i = w; i-- > 0;) {
+        uint32_t v = ld16(buf + 2 * i), r, g, b;
+        if constexpr (SO == ORDER_RGB) {
+            r = e5(v & 31), g = e5((v >> 5) & 31), b = e5((v >> 10) & 31);
+        } else if constexpr (SO == ORDER_BGR) {
+            b = e5(v & 31), g = e5((v >> 5) & 31), r = e5((v >> 10) & 31);
+        } else {
+            b = e5(v & 31), g = e6((v >> 5) & 63), r = e5(v >> 11);
+        }
+        uint8_t* d = buf + 3 * i;
+        d[R] = uint8_t(r);
+        d[1] = uint8_t(g);
+        d[B] = uint8_t(b);
+    }
+}
+template <bool Swap>
+void plain48to24(uint8_t* buf, size_t w) {
+    for (size_t i = 0; i < w; ++i) {
+        const uint8_t* s = buf + 6 * i;
+        uint8_t a = s[1], b = s[3], c = s[5];
+        uint8_t* d = buf + 3 * i;
+        d[0] = Swap ? c : a;
+        d[1] = b;
+        d[2] = Swap ? a : c;
+    }
+}
+template <int SO, int Bpp>
+void plainToGrey(uint8_t* buf, size_t w) {
+    constexpr int R = SO == ORDER_RGB ? 0 : 2, B = 2 - R;
+    for (size_t i = 0; i < w; ++i) {
+        const uint8_t* s = buf + Bpp * i;
+        buf[i] = uint8_t(grayFromRGB(s[R], s[1], s[B]));
+    }
+}
+
+// ------------------------------------------------------------ SSSE3 kernels
+#define OMBRIX_SSSE3 __attribute__((target("ssse3")))
+#define OMBRIX_AVX2 __attribute__((target("avx2")))
+
+OMBRIX_SSSE3 void ssse3Swap24(uint8_t* p, size_t w) {
+    // 16 pixels (48 bytes) per step; each 16-byte lane shuffled with the
+    // bytes it needs from its neighbours.
+    size_t i = 0;
+    const __m128i m0 = _mm_setr_epi8(2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, -1);
+    const __m128i m0b = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 1);
+    const __m128i m1a = _mm_setr_epi8(-1, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i m1 = _mm_setr_epi8(0, -1, 4, 3, 2, 7, 6, 5, 10, 9, 8, 13, 12, 11, -1, 15);
+    const __m128i m1c = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, -1);
+    const __m128i m2b = _mm_setr_epi8(14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i m2 = _mm_setr_epi8(-1, 3, 2, 1, 6, 5, 4, 9, 8, 7, 12, 11, 10, 15, 14, 13);
+    for (; i + 16 <= w; i += 16, p += 48) {
+        __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+        __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32));
+        // Bytes 0..47; pixel k at 3k. Output byte j takes input byte
+        // j - (j%3) + 2 - (j%3).
+        __m128i o0 = _mm_or_si128(_mm_shuffle_epi8(a, m0), _mm_shuffle_epi8(b, m0b));
+        __m128i o1 = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b, m1), _mm_shuffle_epi8(a, m1a)),
+                                  _mm_shuffle_epi8(c, m1c));
+        __m128i o2 = _mm_or_si128(_mm_shuffle_epi8(b, m2b), _mm_shuffle_epi8(c, m2));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), o0);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p + 16), o1);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p + 32), o2);
+    }
+    plain24to24<true>(p, w - i);
+}
+
+
+// 24 -> 32, from the end: 16 pixels (48 bytes in, 64 out) per step.
+template <bool Swap>
+OMBRIX_SSSE3 void ssse3_24to32(uint8_t* buf, size_t w) {
+    const size_t blocks = w / 16;
+    // The pixels past the last whole block first (from the end).
+    for (size_t i = w; i-- > blocks * 16;) {
+        const uint8_t* s = buf + 3 * i;
+        uint8_t a = s[0], b = s[1], c = s[2];
+        uint8_t* d = buf + 4 * i;
+        d[0] = Swap ? c : a, d[1] = b, d[2] = Swap ? a : c, d[3] = 255;
+    }
+    const __m128i m = Swap ? _mm_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1)
+                           : _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+    const __m128i alpha = _mm_set1_epi32(int32_t(0xFF000000u));
+    for (size_t k = blocks; k-- > 0;) {
+        const uint8_t* s = buf + 48 * k;
+        __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+        __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16));
+        __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 32));
+        __m128i o0 = _mm_or_si128(_mm_shuffle_epi8(a, m), alpha);
+        __m128i o1 = _mm_or_si128(_mm_shuffle_epi8(_mm_alignr_epi8(b, a, 12), m), alpha);
+        __m128i o2 = _mm_or_si128(_mm_shuffle_epi8(_mm_alignr_epi8(c, b, 8), m), alpha);
+        __m128i o3 = _mm_or_si128(_mm_shuffle_epi8(_mm_srli_si128(c, 4), m), alpha);
+        uint8_t* d = buf + 64 * k;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), o0);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16), o1);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 32), o2);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 48), o3);
+    }
+}
+
+// Four lanes of 4 bytes (the first three used) into 48 contiguous bytes.
+OMBRIX_SSSE3 inline void store3of4(uint8_t* d, __m128i p0, __m128i p1, __m128i p2, __m128i p3) {
+    // Each p holds 12 useful bytes at the bottom.
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_or_si128(p0, _mm_slli_si128(p1, 12)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16), _mm_or_si128(_mm_srli_si128(p1, 4), _mm_slli_si128(p2, 8)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 32), _mm_or_si128(_mm_srli_si128(p2, 8), _mm_slli_si128(p3, 4)));
+}
+
+// 32 -> 24, from the start: 16 pixels per step.
+template <bool Swap>
+OMBRIX_SSSE3 void ssse3_32to24(uint8_t* buf, size_t w) {
+    const __m128i m = Swap ? _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1)
+                           : _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    size_t i = 0;
+    for (; i + 16 <= w; i += 16) {
+        const uint8_t* s = buf + 4 * i;
+        __m128i p0 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s)), m);
+        __m128i p1 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16)), m);
+        __m128i p2 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 32)), m);
+        __m128i p3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 48)), m);
+        store3of4(buf + 3 * i, p0, p1, p2, p3);
+    }
+    for (; i < w; ++i) {
+        const uint8_t* s = buf + 4 * i;
+        uint8_t a = s[0], b = s[1], c = s[2];
+        uint8_t* d = buf + 3 * i;
+        d[0] = Swap ? c : a, d[1] = b, d[2] = Swap ? a : c;
+    }
+}
+
+// 24 -> 16, from the start. Each 16-byte load holds 4 pixels (12 bytes);
+// the shuffle puts the sample for the low field in byte 0 of a lane, green
+// in byte 1 and the high field in byte 2.
+template <int SO, int DO>
+OMBRIX_SSSE3 void ssse3_24to16(uint8_t* buf, size_t w) {
+    // Low field: blue unless the destination is red-first 5-5-5.
+    constexpr bool lowIsRed = DO == ORDER_RGB;
+    constexpr bool srcRedFirst = SO == ORDER_RGB;
+    const __m128i m = (lowIsRed == srcRedFirst)
+                          ? _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1)
+                          : _mm_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1);
+    const __m128i pack = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i mLow = _mm_set1_epi32(0xF8), mG5 = _mm_set1_epi32(0xF800), mG6 = _mm_set1_epi32(0xFC00),
+                  mHigh = _mm_set1_epi32(0xF80000);
+    auto four = [&](const uint8_t* s) OMBRIX_SSSE3 {
+        __m128i x = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s)), m);
+        __m128i v;
+        if constexpr (DO == ORDER_RGB565)
+            v = _mm_or_si128(_mm_or_si128(_mm_srli_epi32(_mm_and_si128(x, mLow), 3),
+                                          _mm_srli_epi32(_mm_and_si128(x, mG6), 5)),
+                             _mm_srli_epi32(_mm_and_si128(x, mHigh), 8));
+        else
+            v = _mm_or_si128(_mm_or_si128(_mm_srli_epi32(_mm_and_si128(x, mLow), 3),
+                                          _mm_srli_epi32(_mm_and_si128(x, mG5), 6)),
+                             _mm_srli_epi32(_mm_and_si128(x, mHigh), 9));
+        return _mm_shuffle_epi8(v, pack);
+    };
+    size_t i = 0;
+    for (; i + 18 <= w; i += 16) {
+        const uint8_t* s = buf + 3 * i;
+        __m128i a = four(s), b = four(s + 12), c = four(s + 24), d = four(s + 36);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(buf + 2 * i), _mm_unpacklo_epi64(a, b));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(buf + 2 * i + 16), _mm_unpacklo_epi64(c, d));
+    }
+    constexpr int R = SO == ORDER_RGB ? 0 : 2, B = 2 - R;
+    for (; i < w; ++i) {
+        const uint8_t* s = buf + 3 * i;
+        uint32_t r = s[R], g = s[1], b = s[B], v;
+        if constexpr (DO == ORDER_RGB)
+            v = (r >> 3) | ((g >> 3) << 5) | ((b >> 3) << 10);
+        else if constexpr (DO == ORDER_BGR)
+            v = (b >> 3) | ((g >> 3) << 5) | ((r >> 3) << 10);
+        else
+            v = (b >> 3) | ((g >> 2) << 5) | ((r >> 3) << 11);
+        st16(buf + 2 * i, v);
+    }
+}
+
+// 16 -> 24, from the end: 16 pixels (32 bytes in, 48 out) per step.
+template <int SO, int DO>
+OMBRIX_SSSE3 void ssse3_16to24(uint8_t* buf, size_t w) {
+    const size_t blocks = w / 16;
+    {
+        // Pixels past the last whole block, from the end.
+        constexpr int R = DO == ORDER_RGB ? 0 : 2, B = 2 - R;
+        for (size_t i = w; i-- > blocks * 16;) {
+            uint32_t v = ld16(buf + 2 * i), r, g, b;
+            if constexpr (SO == ORDER_RGB) {
+                r = e5(v & 31), g = e5((v >> 5) & 31), b = e5((v >> 10) & 31);
+            } else if constexpr (SO == ORDER_BGR) {
+                b = e5(v & 31), g = e5((v >> 5) & 31), r = e5((v >> 10) & 31);
+            } else {
+                b = e5(v & 31), g = e6((v >> 5) & 63), r = e5(v >> 11);
+            }
+            uint8_t* d = buf + 3 * i;
+            d[R] = uint8_t(r), d[1] = uint8_t(g), d[B] = uint8_t(b);
+        }
+    }
+    // A lane ends up as [low field, green, high field, 0]; the final shuffle
+    // writes it in the destination order. The low field is red for a
+    // red-first 5-5-5 source, blue otherwise.
+    constexpr bool lowIsRed = SO == ORDER_RGB;
+    constexpr bool dstRedFirst = DO == ORDER_RGB;
+    const __m128i m = (lowIsRed == dstRedFirst)
+                          ? _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1)
+                          : _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
+    const __m128i zero = _mm_setzero_si128();
+    auto lanes = [&](__m128i v) OMBRIX_SSSE3 {
+        __m128i t;
+        if constexpr (SO == ORDER_RGB565) {
+            t = _mm_or_si128(_mm_or_si128(_mm_slli_epi32(_mm_and_si128(v, _mm_set1_epi32(0x1F)), 3),
+                                          _mm_slli_epi32(_mm_and_si128(v, _mm_set1_epi32(0x7E0)), 5)),
+                             _mm_slli_epi32(_mm_and_si128(v, _mm_set1_epi32(0xF800)), 8));
+            t = _mm_or_si128(t, _mm_or_si128(_mm_and_si128(_mm_srli_epi32(t, 5), _mm_set1_epi32(0x070007)),
+                                             _mm_and_si128(_mm_srli_epi32(t, 6), _mm_set1_epi32(0x000300))));
+        } else {
+            t = _mm_or_si128(_mm_or_si128(_mm_slli_epi32(_mm_and_si128(v, _mm_set1_epi32(0x1F)), 3),
+                                          _mm_slli_epi32(_mm_and_si128(v, _mm_set1_epi32(0x3E0)), 6)),
+                             _mm_slli_epi32(_mm_and_si128(v, _mm_set1_epi32(0x7C00)), 9));
+            t = _mm_or_si128(t, _mm_and_si128(_mm_srli_epi32(t, 5), _mm_set1_epi32(0x070707)));
+        }
+        return _mm_shuffle_epi8(t, m);
+    };
+    for (size_t k = blocks; k-- > 0;) {
+        const uint8_t* s = buf + 32 * k;
+        __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+        __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16));
+        __m128i p0 = lanes(_mm_unpacklo_epi16(a, zero)), p1 = lanes(_mm_unpackhi_epi16(a, zero));
+        __m128i p2 = lanes(_mm_unpacklo_epi16(b, zero)), p3 = lanes(_mm_unpackhi_epi16(b, zero));
+        store3of4(buf + 48 * k, p0, p1, p2, p3);
+    }
+}
+
+// 48 -> 24, from the start: the high byte of every sample, 16 pixels per step.
+template <bool Swap>
+OMBRIX_SSSE3 void ssse3_48to24(uint8_t* buf, size_t w) {
+    const __m128i hi = _mm_setr_epi8(1, 3, 5, 7, 9, 11, 13, 15, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i m0 = _mm_setr_epi8(2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, -1);
+    const __m128i m0b = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 1);
+    const __m128i m1a = _mm_setr_epi8(-1, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i m1 = _mm_setr_epi8(0, -1, 4, 3, 2, 7, 6, 5, 10, 9, 8, 13, 12, 11, -1, 15);
+    const __m128i m1c = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, -1);
+    const __m128i m2b = _mm_setr_epi8(14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i m2 = _mm_setr_epi8(-1, 3, 2, 1, 6, 5, 4, 9, 8, 7, 12, 11, 10, 15, 14, 13);
+    size_t i = 0;
+    for (; i + 16 <= w; i += 16) {
+        const uint8_t* s = buf + 6 * i;
+        __m128i v[6];
+        for (int k = 0; k < 6; ++k)
+            v[k] = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16 * k)), hi);
+        __m128i a = _mm_unpacklo_epi64(v[0], v[1]), b = _mm_unpacklo_epi64(v[2], v[3]),
+                c = _mm_unpacklo_epi64(v[4], v[5]);
+        if constexpr (Swap) {
+            __m128i o0 = _mm_or_si128(_mm_shuffle_epi8(a, m0), _mm_shuffle_epi8(b, m0b));
+            __m128i o1 = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b, m1), _mm_shuffle_epi8(a, m1a)),
+                                      _mm_shuffle_epi8(c, m1c));
+            __m128i o2 = _mm_or_si128(_mm_shuffle_epi8(b, m2b), _mm_shuffle_epi8(c, m2));
+            a = o0, b = o1, c = o2;
+        }
+        uint8_t* d = buf + 3 * i;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), a);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16), b);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 32), c);
+    }
+    for (; i < w; ++i) {
+        const uint8_t* s = buf + 6 * i;
+        uint8_t a = s[1], b = s[3], c = s[5];
+        uint8_t* d = buf + 3 * i;
+        d[0] = Swap ? c : a, d[1] = b, d[2] = Swap ? a : c;
+    }
+}
+
+// 24/32 -> 8-bit grey, from the start: (2R + 5G + B + 4) >> 3 with
+// multiply-adds on lanes of [B, G, R, 0].
+template <int SO, int Bpp>
+OMBRIX_SSSE3 void ssse3_toGrey(uint8_t* buf, size_t w) {
+    constexpr bool redFirst = SO == ORDER_RGB;
+    const __m128i m = Bpp == 3 ? (redFirst ? _mm_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1)
+                                           : _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1))
+                               : (redFirst ? _mm_setr_epi8(2, 1, 0, -1, 6, 5, 4, -1, 10, 9, 8, -1, 14, 13, 12, -1)
+                                           : _mm_setr_epi8(0, 1, 2, -1, 4, 5, 6, -1, 8, 9, 10, -1, 12, 13, 14, -1));
+    const __m128i wts = _mm_set1_epi32(0x00020501);  // B*1 + G*5, R*2 + 0
+    const __m128i ones = _mm_set1_epi16(1), four = _mm_set1_epi32(4);
+    auto px4 = [&](const uint8_t* s) OMBRIX_SSSE3 {
+        __m128i x = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s)), m);
+        __m128i sum = _mm_madd_epi16(_mm_maddubs_epi16(x, wts), ones);
+        return _mm_srli_epi32(_mm_add_epi32(sum, four), 3);
+    };
+    size_t i = 0;
+    // The last load of a step reads 16 bytes from pixel i + 12.
+    const size_t need = Bpp == 3 ? 18 : 16;
+    for (; i + need <= w; i += 16) {
+        const uint8_t* s = buf + Bpp * i;
+        __m128i a = px4(s), b = px4(s + 4 * Bpp), c = px4(s + 8 * Bpp), d = px4(s + 12 * Bpp);
+        __m128i lo = _mm_packs_epi32(a, b), hi = _mm_packs_epi32(c, d);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(buf + i), _mm_packus_epi16(lo, hi));
+    }
+    constexpr int R = SO == ORDER_RGB ? 0 : 2, B = 2 - R;
+    for (; i < w; ++i) {
+        const uint8_t* s = buf + Bpp * i;
+        buf[i] = uint8_t(grayFromRGB(s[R], s[1], s[B]));
+    }
+}
+
+
+// ------------------------------------------------------------ AVX2 kernels
+// Eight 3-byte pixels from a 32-byte load: bytes 0..11 into the low lane,
+// 12..23 into the high lane (the load reads 8 bytes past the pixels).
+OMBRIX_AVX2 inline __m256i spread24(const uint8_t* s) {
+    const __m256i idx = _mm256_setr_epi32(0, 1, 2, 3, 3, 4, 5, 6);
+    return _mm256_permutevar8x32_epi32(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(s)), idx);
+}
+
+// 24 -> 32 from a separate source, 32 pixels per step. The spread load
+// of a step's last group reads 8 bytes past its pixels (the chunk buffer
+// of widenChunked has room for them).
+template <bool Swap>
+OMBRIX_AVX2 void avx2_24to32_fwd(const uint8_t* src, uint8_t* dst, size_t n) {
+    const __m256i m = Swap ? _mm256_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1,
+                                              2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1)
+                           : _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1,
+                                              0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+    const __m256i alpha = _mm256_set1_epi32(int32_t(0xFF000000u));
+    size_t i = 0;
+    for (; i + 32 <= n; i += 32) {
+        const uint8_t* s = src + 3 * i;
+        __m256i a = spread24(s), b = spread24(s + 24), c = spread24(s + 48), d = spread24(s + 72);
+        uint8_t* o = dst + 4 * i;
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(o), _mm256_or_si256(_mm256_shuffle_epi8(a, m), alpha));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(o + 32), _mm256_or_si256(_mm256_shuffle_epi8(b, m), alpha));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(o + 64), _mm256_or_si256(_mm256_shuffle_epi8(c, m), alpha));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(o + 96), _mm256_or_si256(_mm256_shuffle_epi8(d, m), alpha));
+    }
+    for (; i < n; ++i) {
+        const uint8_t* s = src + 3 * i;
+        uint8_t* d = dst + 4 * i;
+        d[0] = Swap ? s[2] : s[0], d[1] = s[1], d[2] = Swap ? s[0] : s[2], d[3] = 255;
+    }
+}
+
+// 24 -> 16, from the start: 16 pixels per step.
+template <int SO, int DO>
+OMBRIX_AVX2 void avx2_24to16(uint8_t* buf, size_t w) {
+    constexpr bool lowIsRed = DO == ORDER_RGB;
+    constexpr bool srcRedFirst = SO == ORDER_RGB;
+    const __m256i m = (lowIsRed == srcRedFirst)
+                          ? _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1,
+                                             0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1)
+                          : _mm256_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1,
+                                             2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1);
+    const __m256i pack = _mm256_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1,
+                                          0, 1, 4, 5, 8, 9, 12, 13, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m256i mLow = _mm256_set1_epi32(0xF8), mG5 = _mm256_set1_epi32(0xF800), mG6 = _mm256_set1_epi32(0xFC00),
+                  mHigh = _mm256_set1_epi32(0xF80000);
+    auto eight = [&](const uint8_t* s) OMBRIX_AVX2 {
+        __m256i x = _mm256_shuffle_epi8(spread24(s), m);
+        __m256i v;
+        if constexpr (DO == ORDER_RGB565)
+            v = _mm256_or_si256(_mm256_or_si256(_mm256_srli_epi32(_mm256_and_si256(x, mLow), 3),
+                                                _mm256_srli_epi32(_mm256_and_si256(x, mG6), 5)),
+                                _mm256_srli_epi32(_mm256_and_si256(x, mHigh), 8));
+        else
+            v = _mm256_or_si256(_mm256_or_si256(_mm256_srli_epi32(_mm256_and_si256(x, mLow), 3),
+                                                _mm256_srli_epi32(_mm256_and_si256(x, mG5), 6)),
+                                _mm256_srli_epi32(_mm256_and_si256(x, mHigh), 9));
+        return _mm256_shuffle_epi8(v, pack);
+    };
+    size_t i = 0;
+    for (; i + 19 <= w; i += 16) {
+        const uint8_t* s = buf + 3 * i;
+        __m256i a = eight(s), b = eight(s + 24);
+        __m256i v = _mm256_permute4x64_epi64(_mm256_unpacklo_epi64(a, b), 0xD8);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf + 2 * i), v);
+    }
+    constexpr int R = SO == ORDER_RGB ? 0 : 2, B = 2 - R;
+    for (; i < w; ++i) {
+        const uint8_t* s = buf + 3 * i;
+        uint32_t r = s[R], g = s[1], b = s[B], v;
+        if constexpr (DO == ORDER_RGB)
+            v = (r >> 3) | ((g >> 3) << 5) | ((b >> 3) << 10);
+        else if constexpr (DO == ORDER_BGR)
+            v = (b >> 3) | ((g >> 3) << 5) | ((r >> 3) << 10);
+        else
+            v = (b >> 3) | ((g >> 2) << 5) | ((r >> 3) << 11);
+        st16(buf + 2 * i, v);
+    }
+}
+
+// 16 -> 24, from the end: 16 pixels per step. Each field is widened with
+// one high-half multiply ((x << 3) | (x >> 2) is 33x / 4 for five bits,
+// (y << 2) | (y >> 4) is 65y / 16 for six), then the low field and green
+// are paired into words and interleaved with the high field.
+// Forward kernel from a separate source: 16 pixels per step, tail plain.
+template <int SO, int DO>
+OMBRIX_AVX2 void avx2_16to24_fwd(const uint8_t* src, uint8_t* dst, size_t n) {
+    // Output byte 3k + j takes: j = 0 the first of (low, high), j = 2 the
+    // other; the low field is red only for a red-first 5-5-5 source.
+    constexpr bool lowFirst = (SO == ORDER_RGB) == (DO == ORDER_RGB);
+    // From LG (words low | green << 8) and H (words high): bytes 0..15 and 16..23 of 8 pixels.
+    const __m256i mLG0 = lowFirst ? _mm256_setr_epi8(0, 1, -1, 2, 3, -1, 4, 5, -1, 6, 7, -1, 8, 9, -1, 10,
+                                                     0, 1, -1, 2, 3, -1, 4, 5, -1, 6, 7, -1, 8, 9, -1, 10)
+                                  : _mm256_setr_epi8(-1, 1, 0, -1, 3, 2, -1, 5, 4, -1, 7, 6, -1, 9, 8, -1,
+                                                     -1, 1, 0, -1, 3, 2, -1, 5, 4, -1, 7, 6, -1, 9, 8, -1);
+    const __m256i mH0 = lowFirst ? _mm256_setr_epi8(-1, -1, 0, -1, -1, 2, -1, -1, 4, -1, -1, 6, -1, -1, 8, -1,
+                                                    -1, -1, 0, -1, -1, 2, -1, -1, 4, -1, -1, 6, -1, -1, 8, -1)
+                                 : _mm256_setr_epi8(0, -1, -1, 2, -1, -1, 4, -1, -1, 6, -1, -1, 8, -1, -1, 10,
+                                                    0, -1, -1, 2, -1, -1, 4, -1, -1, 6, -1, -1, 8, -1, -1, 10);
+    const __m256i mLG1 = lowFirst ? _mm256_setr_epi8(11, -1, 12, 13, -1, 14, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1,
+                                                     11, -1, 12, 13, -1, 14, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1)
+                                  : _mm256_setr_epi8(11, 10, -1, 13, 12, -1, 15, 14, -1, -1, -1, -1, -1, -1, -1, -1,
+                                                     11, 10, -1, 13, 12, -1, 15, 14, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m256i mH1 = lowFirst ? _mm256_setr_epi8(-1, 10, -1, -1, 12, -1, -1, 14, -1, -1, -1, -1, -1, -1, -1, -1,
+                                                    -1, 10, -1, -1, 12, -1, -1, 14, -1, -1, -1, -1, -1, -1, -1, -1)
+                                 : _mm256_setr_epi8(-1, -1, 12, -1, -1, 14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1,
+                                                    -1, -1, 12, -1, -1, 14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 2 * i));
+        __m256i lo, g, hi;
+        lo = _mm256_mulhi_epu16(_mm256_slli_epi16(v, 11), _mm256_set1_epi16(264));
+        if constexpr (SO == ORDER_RGB565) {
+            g = _mm256_mulhi_epu16(_mm256_and_si256(v, _mm256_set1_epi16(0x07E0)), _mm256_set1_epi16(8320));
+            hi = _mm256_mulhi_epu16(_mm256_and_si256(v, _mm256_set1_epi16(int16_t(0xF800))), _mm256_set1_epi16(264));
+        } else {
+            g = _mm256_mulhi_epu16(_mm256_and_si256(v, _mm256_set1_epi16(0x03E0)), _mm256_set1_epi16(16896));
+            hi = _mm256_mulhi_epu16(_mm256_and_si256(v, _mm256_set1_epi16(0x7C00)), _mm256_set1_epi16(528));
+        }
+        const __m256i lg = _mm256_or_si256(lo, _mm256_slli_epi16(g, 8));
+        const __m256i o0 = _mm256_or_si256(_mm256_shuffle_epi8(lg, mLG0), _mm256_shuffle_epi8(hi, mH0));
+        const __m256i o1 = _mm256_or_si256(_mm256_shuffle_epi8(lg, mLG1), _mm256_shuffle_epi8(hi, mH1));
+        uint8_t* d = dst + 3 * i;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(o0));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 16), _mm256_castsi256_si128(o1));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 24), _mm256_extracti128_si256(o0, 1));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 40), _mm256_extracti128_si256(o1, 1));
+    }
+    constexpr int R = DO == ORDER_RGB ? 0 : 2, B = 2 - R;
+    for (; i < n; ++i) {
+        uint32_t v = ld16(src + 2 * i), r, g, b;
+        if constexpr (SO == ORDER_RGB) {
+            r = e5(v & 31), g = e5((v >> 5) & 31), b = e5((v >> 10) & 31);
+        } else if constexpr (SO == ORDER_BGR) {
+            b = e5(v & 31), g = e5((v >> 5) & 31), r = e5((v >> 10) & 31);
+        } else {
+            b = e5(v & 31), g = e6((v >> 5) & 63), r = e5(v >> 11);
+        }
+        uint8_t* d = dst + 3 * i;
+        d[R] = uint8_t(r), d[1] = uint8_t(g), d[B] = uint8_t(b);
+    }
+}
+
+// In place towards a wider destination: chunks from the end of the run,
+// each copied aside first and then converted front to back (the stores
+// then stream forward, which the memory system handles far better than a
+// backward walk).
+template <int SrcBytes, int DstBytes, void (*Fwd)(const uint8_t*, uint8_t*, size_t)>
+void widenChunked(uint8_t* buf, size_t w) {
+    constexpr size_t kChunk = 4096;
+    alignas(32) uint8_t tmp[kChunk * SrcBytes + 32];
+    size_t e = w;
+    while (e > 0) {
+        size_t n = e < kChunk ? e : kChunk, s = e - n;
+        // The destination bytes past the source are not in cache yet: ask
+        // for them (for writing) while the source is copied aside.
+        for (size_t b = e * SrcBytes; b < e * DstBytes; b += 64) __builtin_prefetch(buf + b, 1, 3);
+        std::memcpy(tmp, buf + s * SrcBytes, n * SrcBytes);
+        Fwd(tmp, buf + s * DstBytes, n);
+        e = s;
+    }
+}
+template <bool Swap>
+void avx2_24to32(uint8_t* buf, size_t w) {
+    widenChunked<3, 4, avx2_24to32_fwd<Swap>>(buf, w);
+}
+template <int SO, int DO>
+void avx2_16to24(uint8_t* buf, size_t w) {
+    widenChunked<2, 3, avx2_16to24_fwd<SO, DO>>(buf, w);
+}
+
+}  // namespace
+
+RowFn pickDirect(const DirectKey& k, int maxLevel) noexcept {
+    const bool swap = k.srcOrder != k.dstOrder;
+    const bool x = maxLevel >= kSimdSsse3 && __builtin_cpu_supports("ssse3");
+    const bool y = maxLevel >= kSimdAvx2 && __builtin_cpu_supports("avx2");
+    const bool srcRgb = k.srcOrder == ORDER_RGB;
+    if (k.srcBits == 24 && k.dstBits == 24 && k.srcOrder <= 1 && k.dstOrder <= 1)
+        return swap ? (x ? ssse3Swap24 : plain24to24<true>) : plain24to24<false>;
+    if (k.srcBits == 24 && k.dstBits == 32 && k.srcOrder <= 1 && k.dstOrder <= 1)
+        return swap ? (y ? avx2_24to32<true> : x ? ssse3_24to32<true> : plain24to32<true>)
+                    : (y ? avx2_24to32<false> : x ? ssse3_24to32<false> : plain24to32<false>);
+    if (k.srcBits == 32 && k.dstBits == 24 && k.srcOrder <= 1 && k.dstOrder <= 1)
+        return swap ? (x ? ssse3_32to24<true> : plain32to24<true>) : (x ? ssse3_32to24<false> : plain32to24<false>);
+    if (k.srcBits == 48 && k.dstBits == 24 && k.srcOrder <= 1 && k.dstOrder <= 1)
+        return swap ? (x ? ssse3_48to24<true> : plain48to24<true>) : (x ? ssse3_48to24<false> : plain48to24<false>);
+    if (k.srcBits == 24 && k.dstBits == 16 && k.srcOrder <= 1) {
+        switch (k.dstOrder) {
+            case ORDER_RGB:
+                return srcRgb ? (y ? avx2_24to16<0, 0> : x ? ssse3_24to16<0, 0> : plain24to16<0, 0>) : (y ? avx2_24to16<1, 0> : x ? ssse3_24to16<1, 0> : plain24to16<1, 0>);
+            case ORDER_BGR:
+                return srcRgb ? (y ? avx2_24to16<0, 1> : x ? ssse3_24to16<0, 1> : plain24to16<0, 1>) : (y ? avx2_24to16<1, 1> : x ? ssse3_24to16<1, 1> : plain24to16<1, 1>);
+            case ORDER_RGB565:
+                return srcRgb ? (y ? avx2_24to16<0, 7> : x ? ssse3_24to16<0, 7> : plain24to16<0, 7>) : (y ? avx2_24to16<1, 7> : x ? ssse3_24to16<1, 7> : plain24to16<1, 7>);
+            default: return nullptr;
+        }
+    }
+    if (k.srcBits == 16 && k.dstBits == 24 && k.dstOrder <= 1) {
+        const bool rgb = k.dstOrder == ORDER_RGB;
+        switch (k.srcOrder) {
+            case ORDER_RGB:
+                return rgb ? (y ? avx2_16to24<0, 0> : x ? ssse3_16to24<0, 0> : plain16to24<0, 0>) : (y ? avx2_16to24<0, 1> : x ? ssse3_16to24<0, 1> : plain16to24<0, 1>);
+            case ORDER_BGR:
+                return rgb ? (y ? avx2_16to24<1, 0> : x ? ssse3_16to24<1, 0> : plain16to24<1, 0>) : (y ? avx2_16to24<1, 1> : x ? ssse3_16to24<1, 1> : plain16to24<1, 1>);
+            case ORDER_RGB565:
+                return rgb ? (y ? avx2_16to24<7, 0> : x ? ssse3_16to24<7, 0> : plain16to24<7, 0>) : (y ? avx2_16to24<7, 1> : x ? ssse3_16to24<7, 1> : plain16to24<7, 1>);
+            default: return nullptr;
+        }
+    }
+    if (k.dstBits == 0 && k.srcOrder <= 1 && (k.srcBits == 24 || k.srcBits == 32)) {
+        if (k.srcBits == 24)
+            return srcRgb ? (x ? ssse3_toGrey<0, 3> : plainToGrey<0, 3>) : (x ? ssse3_toGrey<1, 3> : plainToGrey<1, 3>);
+        return srcRgb ? (x ? ssse3_toGrey<0, 4> : plainToGrey<0, 4>) : (x ? ssse3_toGrey<1, 4> : plainToGrey<1, 4>);
+    }
+    return nullptr;
+}
+
+}  // namespace krn::conv

@@ -1,0 +1,354 @@
+// convert_reference.cpp - see convert_reference.h.
+#include "convert_reference.h"
+
+#include <algorithm>
+
+#include "krn/common/palette.h"
+
+namespace convref {
+namespace {
+
+int depthBits(int d) { return d == 0 ? 8 : d; }
+
+bool accepted(int d) {
+    static const int ok[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
+    return std::find(std::begin(ok), std::end(ok), d) != std::end(ok);
+}
+bool known(int o) { return o == 0 || o == 1 || o == 2 || o == 5 || o == 7; }
+
+bool srcOrderOk(int d, int o) {
+    if (d <= 8) return true;
+    if (d == 12) return o == 2;
+    if (d == 16) return o == 0 || o == 1 || o == 2 || o == 7;
+    if (d == 32) return o == 0 || o == 1 || o == 2;
+    return o == 0 || o == 1 || o == 5;  // 24, 48, 64
+}
+bool dstOrderOk(int d, int o) {
+    if (d <= 8) return true;
+    if (d == 12) return o == 2;
+    if (d == 16) return true;  // 5 is written blue-first, then -16
+    if (d == 32) return o != 7;
+    return o == 0 || o == 1 || o == 5;  // 24, 48, 64
+}
+
+bool isGreySrc(const Request& r) {
+    return r.srcBits == 0 || (r.srcOrder == 2 && (r.srcBits == 12 || r.srcBits == 16 || r.srcBits == 32));
+}
+bool isGreyDst(const Request& r) {
+    return r.dstBits == 0 || (r.dstOrder == 2 && (r.dstBits == 12 || r.dstBits == 16 || r.dstBits == 32));
+}
+int srcSampleBits(const Request& r) {
+    if (r.srcBits == 0) return 8;
+    if (r.srcBits == 32 && r.extra) return 16;
+    return r.srcBits;
+}
+
+struct Window {
+    int lo, n;
+};
+
+// Effective flags after the order rules and the full-sample drop.
+uint32_t effectiveFlags(const Request& r) {
+    uint32_t f = r.flags;
+    if (r.srcOrder == 2)
+        f |= 0x01u;
+    else
+        f &= ~0x05u;
+    if (r.dstOrder == 2)
+        f |= 0x02u;
+    else
+        f &= ~0x02u;
+    return f;
+}
+
+// Returns false when the window is not acceptable.
+bool window(bool ranged, int lowBit, int highBit, int depth, Window& w) {
+    if (!ranged) {
+        w = {0, depth};
+        return true;
+    }
+    int lo = lowBit < 0 ? 0 : lowBit;
+    int hi = highBit < 0 ? depth - 1 : highBit;
+    if (hi > depth - 1 || lo > hi) return false;
+    int n = std::min(hi - lo + 1, depth);
+    w = {hi - n + 1, n};
+    return true;
+}
+
+bool rangeKept(uint32_t f, uint32_t bit, const Request& r, int depth) {
+    if (!(f & bit)) return false;
+    if (r.lowBit <= 0 && (r.highBit == depth - 1 || r.highBit < 0)) return false;
+    return true;
+}
+
+uint32_t scale(uint64_t v, int from, int to) {
+    if (from == to) return uint32_t(v);
+    if (to < from) return uint32_t(v >> (from - to));
+    return uint32_t(v * ((uint64_t(1) << to) - 1) / ((uint64_t(1) << from) - 1));
+}
+
+struct Pixel {
+    bool grey = false;
+    uint32_t value = 0;    // grey window value
+    uint32_t rgb[3] = {};  // 16-bit samples, red, green, blue
+    uint32_t alpha = 0xFFFF;
+    int index = -1;
+};
+
+uint32_t getBitsMsb(const std::vector<uint8_t>& b, size_t bitPos, int n) {
+    uint32_t v = 0;
+    for (int k = 0; k < n; ++k) {
+        size_t p = bitPos + size_t(k);
+        v = (v << 1) | ((b[p / 8] >> (7 - p % 8)) & 1u);
+    }
+    return v;
+}
+void putBitsMsb(std::vector<uint8_t>& b, size_t bitPos, int n, uint32_t v) {
+    for (int k = 0; k < n; ++k) {
+        size_t p = bitPos + size_t(k);
+        uint8_t bit = uint8_t((v >> (n - 1 - k)) & 1u);
+        b[p / 8] = uint8_t((b[p / 8] & ~(0x80u >> (p % 8))) | (bit << (7 - p % 8)));
+    }
+}
+uint32_t le(const std::vector<uint8_t>& b, size_t at, int bytes) {
+    uint32_t v = 0;
+    for (int k = bytes - 1; k >= 0; --k) v = (v << 8) | b[at + size_t(k)];
+    return v;
+}
+void putLe(std::vector<uint8_t>& b, size_t at, int bytes, uint32_t v) {
+    for (int k = 0; k < bytes; ++k) b[at + size_t(k)] = uint8_t(v >> (8 * k));
+}
+
+// The 12-bit sample i, read as its own little-endian word (low 12 bits for
+// an even pixel, high 12 bits of the word one byte later for an odd one).
+uint32_t get12(const std::vector<uint8_t>& b, size_t i) {
+    size_t at = (i / 2) * 3 + (i % 2);
+    uint32_t word = b[at] | (uint32_t(b[at + 1]) << 8);
+    return (i % 2) ? (word >> 4) : (word & 0xFFF);
+}
+void put12(std::vector<uint8_t>& b, size_t i, uint32_t v) {
+    size_t at = (i / 2) * 3 + (i % 2);
+    uint32_t word = b[at] | (uint32_t(b[at + 1]) << 8);
+    if (i % 2)
+        word = (word & 0x000F) | ((v & 0xFFF) << 4);
+    else
+        word = (word & 0xF000) | (v & 0xFFF);
+    b[at] = uint8_t(word);
+    b[at + 1] = uint8_t(word >> 8);
+}
+
+std::vector<RGBQUAD> fixedPal(int bits) {
+    std::vector<RGBQUAD> p(256);
+    K_GetFixedPalette(p.data(), bits);
+    p.resize(size_t(1) << bits);
+    return p;
+}
+
+int32_t inverseRow(int64_t a, int64_t b, int64_t c, int64_t ka, int64_t kb, int64_t kc, int64_t maxv) {
+    int64_t v = (ka * a + kb * b + kc * c + 4095) / 8192;  // C++ division truncates toward zero
+    return int32_t(std::clamp<int64_t>(v, 0, maxv));
+}
+// The inverse matrix on samples held in memory order (blue, green, red).
+void inverse(uint32_t s[3], uint32_t maxv) {
+    int64_t s0 = s[0], s1 = s[1], s2 = s[2];
+    uint32_t o0 = uint32_t(inverseRow(s0, s1, s2, 9467, -1151, -125, maxv));
+    uint32_t o1 = uint32_t(inverseRow(s0, s1, s2, -305, 10232, -1735, maxv));
+    uint32_t o2 = uint32_t(inverseRow(s0, s1, s2, -2156, -6498, 16846, maxv));
+    s[0] = o0, s[1] = o1, s[2] = o2;
+}
+void forward(uint32_t s[3], uint32_t maxv) {
+    uint64_t s0 = s[0], s1 = s[1], s2 = s[2];
+    uint64_t o0 = (7151 * s0 + 897 * s1 + 145 * s2 + 4095) >> 13;
+    uint64_t o1 = (394 * s0 + 7067 * s1 + 731 * s2 + 4095) >> 13;
+    uint64_t o2 = (1067 * s0 + 2841 * s1 + 4284 * s2 + 4095) >> 13;
+    s[0] = uint32_t(std::min<uint64_t>(o0, maxv));
+    s[1] = uint32_t(std::min<uint64_t>(o1, maxv));
+    s[2] = uint32_t(std::min<uint64_t>(o2, maxv));
+}
+
+}  // namespace
+
+size_t srcRunBytes(const Request& r) { return (size_t(r.width) * size_t(depthBits(r.srcBits)) + 7) / 8; }
+size_t dstRunBytes(const Request& r) { return (size_t(r.width) * size_t(depthBits(r.dstBits)) + 7) / 8; }
+
+int expectedStatus(const Request& r) {
+    if (r.width <= 0) return -13;
+    if (!accepted(r.srcBits) || !accepted(r.dstBits) || !known(r.srcOrder) || !known(r.dstOrder)) return -13;
+    uint32_t f = effectiveFlags(r);
+    if ((f & 0x04u) && (f & 0x08u)) return -13;
+    if ((f & 0x08u) && !(f & 0x02u)) return -13;
+    if (r.srcBits == 12 && r.srcOrder != 2) return -13;
+    if (r.dstBits == 12 && r.dstOrder != 2) return -13;
+    if (!srcOrderOk(r.srcBits, r.srcOrder) || !dstOrderOk(r.dstBits, r.dstOrder)) return -13;
+    Window w;
+    if (isGreySrc(r) && !window(rangeKept(f, 0x04u, r, srcSampleBits(r)), r.lowBit, r.highBit, srcSampleBits(r), w))
+        return -13;
+    if (isGreyDst(r) &&
+        !window(rangeKept(f, 0x08u, r, depthBits(r.dstBits)), r.lowBit, r.highBit, depthBits(r.dstBits), w))
+        return -13;
+    if (r.dstOrder == 5 && r.srcOrder != 5 && r.dstBits != 24 && r.dstBits != 48) return -16;
+    return 1;
+}
+
+int treeAnswer(const RGBQUAD* pal, int n, int r, int g, int b) {
+    std::vector<int> withBlue, withBG;
+    for (int i = 0; i < n; ++i)
+        if (pal[i].rgbBlue == b) withBlue.push_back(i);
+    if (withBlue.empty()) return -1;
+    if (withBlue.size() == 1) return withBlue[0];
+    for (int i : withBlue)
+        if (pal[i].rgbGreen == g) withBG.push_back(i);
+    if (withBG.empty()) return -1;
+    bool oneRed = std::all_of(withBG.begin(), withBG.end(),
+                              [&](int i) { return pal[i].rgbRed == pal[withBG[0]].rgbRed; });
+    if (oneRed) return withBG[0];
+    for (int i : withBG)
+        if (pal[i].rgbRed == r) return i;
+    return -1;
+}
+
+std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& original) {
+    const size_t w = size_t(r.width);
+    const uint32_t f = effectiveFlags(r);
+    std::vector<uint8_t> src = original;
+
+    // ---- read every source pixel
+    std::vector<Pixel> px(w);
+    Window sw{0, 8};
+    if (isGreySrc(r))
+        window(rangeKept(f, 0x04u, r, srcSampleBits(r)), r.lowBit, r.highBit, srcSampleBits(r), sw);
+    std::vector<RGBQUAD> spal;
+    if (r.srcBits >= 1 && r.srcBits <= 8)
+        spal = r.srcPal ? std::vector<RGBQUAD>(r.srcPal, r.srcPal + (size_t(1) << r.srcBits)) : fixedPal(r.srcBits);
+    const bool undoWide = r.srcOrder == 5 && r.dstOrder != 5 && (r.srcBits == 24 || r.srcBits == 48 || r.srcBits == 64);
+    // Source order as red-first (0) or blue-first (1, and 5 after the inverse).
+    const int so = r.srcOrder == 5 ? 1 : r.srcOrder;
+    for (size_t i = 0; i < w; ++i) {
+        Pixel& p = px[i];
+        if (r.srcBits >= 1 && r.srcBits <= 8) {
+            p.index = int(getBitsMsb(src, i * size_t(r.srcBits), r.srcBits));
+            const RGBQUAD& e = spal[size_t(p.index)];
+            p.rgb[0] = e.rgbRed * 257u, p.rgb[1] = e.rgbGreen * 257u, p.rgb[2] = e.rgbBlue * 257u;
+        } else if (isGreySrc(r)) {
+            uint64_t sample = r.srcBits == 0    ? src[i]
+                              : r.srcBits == 12 ? get12(src, i)
+                              : r.srcBits == 16 ? le(src, 2 * i, 2)
+                                                : le(src, 4 * i, 4);
+            p.grey = true;
+            p.value = uint32_t((sample >> sw.lo) & ((uint64_t(1) << sw.n) - 1));
+        } else if (r.srcBits == 16) {
+            uint32_t v = le(src, 2 * i, 2), R, G, B;
+            auto five = [](uint32_t x) { return x * 8 + x / 4; };  // top bits repeated below
+            if (so == 0) {
+                R = v & 31, G = (v >> 5) & 31, B = (v >> 10) & 31;
+                R = five(R), G = five(G), B = five(B);
+            } else if (so == 1) {
+                B = v & 31, G = (v >> 5) & 31, R = (v >> 10) & 31;
+                R = five(R), G = five(G), B = five(B);
+            } else {
+                B = five(v & 31), R = five(v >> 11);
+                uint32_t g6 = (v >> 5) & 63;
+                G = g6 * 4 + g6 / 16;
+            }
+            p.rgb[0] = R * 257, p.rgb[1] = G * 257, p.rgb[2] = B * 257;
+        } else {
+            const int bytes = r.srcBits / 8;
+            const bool deep = r.srcBits >= 48;
+            const int ss = deep ? 2 : 1;  // bytes per sample
+            uint32_t s[3];
+            for (int k = 0; k < 3; ++k) s[k] = le(src, i * size_t(bytes) + size_t(k * ss), ss);
+            if (undoWide) inverse(s, deep ? 65535 : 255);
+            uint32_t R = so == 0 ? s[0] : s[2], G = s[1], B = so == 0 ? s[2] : s[0];
+            uint32_t widen = deep ? 1 : 257;
+            p.rgb[0] = R * widen, p.rgb[1] = G * widen, p.rgb[2] = B * widen;
+            if (r.srcBits == 32) p.alpha = src[i * 4 + 3] * 257u;
+            if (r.srcBits == 64) p.alpha = le(src, i * 8 + 6, 2);
+        }
+    }
+
+    // ---- write every destination pixel into a copy of the original bytes
+    std::vector<uint8_t> out = original;
+    if (undoWide) {
+        // The inverse runs in place over the whole source run first.
+        const int bytes = r.srcBits / 8, ss = r.srcBits >= 48 ? 2 : 1;
+        for (size_t i = 0; i < w; ++i) {
+            uint32_t s[3];
+            for (int k = 0; k < 3; ++k) s[k] = le(out, i * size_t(bytes) + size_t(k * ss), ss);
+            inverse(s, ss == 2 ? 65535 : 255);
+            for (int k = 0; k < 3; ++k) putLe(out, i * size_t(bytes) + size_t(k * ss), ss, s[k]);
+        }
+    }
+    Window dw{0, 8};
+    if (isGreyDst(r))
+        window(rangeKept(f, 0x08u, r, depthBits(r.dstBits)), r.lowBit, r.highBit, depthBits(r.dstBits), dw);
+    std::vector<RGBQUAD> dpal;
+    if (r.dstBits >= 1 && r.dstBits <= 8)
+        dpal = r.dstPal ? std::vector<RGBQUAD>(r.dstPal, r.dstPal + (size_t(1) << r.dstBits)) : fixedPal(r.dstBits);
+    const bool transparent = (r.flags & 0x80u) && (r.dstBits == 32 || r.dstBits == 64);
+    const bool crIsIndex = (r.crTransparent >> 24) == 1;
+    const int dOrder = r.dstOrder == 5 ? 1 : r.dstOrder;
+
+    for (size_t i = 0; i < w; ++i) {
+        const Pixel& p = px[i];
+        // 8-bit colour of the pixel (grey sources: their grey brought to 8 bits).
+        uint32_t R8, G8, B8;
+        if (p.grey) {
+            R8 = G8 = B8 = scale(p.value, sw.n, 8);
+        } else {
+            R8 = p.rgb[0] >> 8, G8 = p.rgb[1] >> 8, B8 = p.rgb[2] >> 8;
+        }
+        if (isGreyDst(r)) {
+            uint32_t g = p.grey ? scale(p.value, sw.n, dw.n) : scale((2 * R8 + 5 * G8 + B8 + 4) / 8, 8, dw.n);
+            uint32_t v = g << dw.lo;
+            if (r.dstBits == 0) out[i] = uint8_t(v);
+            if (r.dstBits == 12) put12(out, i, v);
+            if (r.dstBits == 16) putLe(out, 2 * i, 2, v);
+            if (r.dstBits == 32) putLe(out, 4 * i, 4, v);
+            continue;
+        }
+        if (r.dstBits >= 1 && r.dstBits <= 8) {
+            int idx = -1;
+            if (r.tree) idx = treeAnswer(dpal.data(), int(dpal.size()), int(R8), int(G8), int(B8));
+            if (idx < 0) idx = krn::findPaletteIndexScalar(dpal.data(), int(dpal.size()), int(R8), int(G8), int(B8));
+            putBitsMsb(out, i * size_t(r.dstBits), r.dstBits, uint32_t(idx));
+            continue;
+        }
+        bool hit = false;
+        if (transparent) {
+            if (crIsIndex)
+                hit = p.index >= 0 && p.index == int(r.crTransparent & 0xFF);
+            else
+                hit = R8 == (r.crTransparent & 0xFF) && G8 == ((r.crTransparent >> 8) & 0xFF) &&
+                      B8 == ((r.crTransparent >> 16) & 0xFF);
+        }
+        if (r.dstBits == 16) {
+            uint32_t v;
+            if (dOrder == 0)
+                v = (R8 / 8) | ((G8 / 8) << 5) | ((B8 / 8) << 10);
+            else if (dOrder == 1)
+                v = (B8 / 8) | ((G8 / 8) << 5) | ((R8 / 8) << 10);
+            else
+                v = (B8 / 8) | ((G8 / 4) << 5) | ((R8 / 8) << 11);
+            putLe(out, 2 * i, 2, v);
+            continue;
+        }
+        const bool deep = r.dstBits >= 48;
+        uint32_t R, G, B;
+        if (!deep) {
+            R = R8, G = G8, B = B8;
+        } else if (p.grey) {
+            R = G = B = scale(p.value, sw.n, 16);
+        } else {
+            R = p.rgb[0], G = p.rgb[1], B = p.rgb[2];
+        }
+        uint32_t s[3] = {dOrder == 0 ? R : B, G, dOrder == 0 ? B : R};
+        if (r.dstOrder == 5 && r.srcOrder != 5 && (r.dstBits == 24 || r.dstBits == 48)) forward(s, deep ? 65535 : 255);
+        const int bytes = r.dstBits / 8, ss = deep ? 2 : 1;
+        for (int k = 0; k < 3; ++k) putLe(out, i * size_t(bytes) + size_t(k * ss), ss, s[k]);
+        if (r.dstBits == 32) out[i * 4 + 3] = hit ? 0 : uint8_t(p.alpha >> 8);
+        if (r.dstBits == 64) putLe(out, i * 8 + 6, 2, hit ? 0 : p.alpha);
+    }
+    return out;
+}
+
+}  // namespace convref

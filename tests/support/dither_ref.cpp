@@ -1,0 +1,126 @@
+// dither_ref.cpp - the reference ditherer (clarity over speed).
+#include "dither_ref.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace ditherref {
+
+namespace {
+// Columns:              -3 -2 -1  0  +1  +2  +3
+const Matrix kFloyd = {16, {{0, 0, 0, 0, 7, 0, 0},
+                            {0, 0, 3, 5, 1, 0, 0},
+                            {0, 0, 0, 0, 0, 0, 0},
+                            {0, 0, 0, 0, 0, 0, 0}}};
+const Matrix kStucki = {42, {{0, 0, 0, 0, 8, 4, 0},
+                             {0, 2, 4, 8, 4, 2, 0},
+                             {0, 1, 2, 4, 2, 1, 0},
+                             {0, 0, 0, 0, 0, 0, 0}}};
+const Matrix kBurkes = {32, {{0, 0, 0, 0, 8, 4, 0},
+                             {0, 2, 4, 8, 4, 2, 0},
+                             {0, 0, 0, 0, 0, 0, 0},
+                             {0, 0, 0, 0, 0, 0, 0}}};
+const Matrix kSierra = {32, {{0, 0, 0, 0, 5, 3, 0},
+                             {0, 2, 4, 5, 4, 2, 0},
+                             {0, 0, 2, 3, 2, 0, 0},
+                             {0, 0, 0, 0, 0, 0, 0}}};
+const Matrix kStevenson = {200, {{0, 0, 0, 0, 0, 32, 0},
+                                 {12, 0, 26, 0, 30, 0, 16},
+                                 {0, 12, 0, 26, 0, 12, 0},
+                                 {5, 0, 12, 0, 12, 0, 5}}};
+const Matrix kJarvis = {48, {{0, 0, 0, 0, 7, 5, 0},
+                             {0, 3, 5, 7, 5, 3, 0},
+                             {0, 1, 3, 5, 3, 1, 0},
+                             {0, 0, 0, 0, 0, 0, 0}}};
+}  // namespace
+
+const Matrix& matrix(int method) {
+    switch (method) {
+        case 1: return kFloyd;
+        case 2: return kStucki;
+        case 3: return kBurkes;
+        case 4: return kSierra;
+        case 5: return kStevenson;
+        case 6: return kJarvis;
+        default: throw std::invalid_argument("not an error-diffusion method");
+    }
+}
+
+const int kDispersed[8][8] = {
+    {0, 128, 32, 160, 8, 136, 40, 168},   {192, 64, 224, 96, 200, 72, 232, 104},
+    {48, 176, 16, 144, 56, 184, 24, 152}, {236, 112, 208, 80, 244, 120, 216, 88},
+    {12, 140, 44, 172, 4, 132, 36, 164},  {204, 76, 232, 108, 196, 68, 228, 100},
+    {60, 188, 28, 156, 52, 180, 20, 148}, {248, 124, 220, 92, 240, 116, 212, 84}};
+const int kClustered[8][8] = {
+    {112, 40, 72, 104, 144, 176, 208, 136}, {88, 8, 16, 48, 192, 232, 240, 168},
+    {56, 24, 0, 80, 160, 224, 248, 200},    {96, 64, 32, 120, 128, 216, 184, 152},
+    {148, 180, 212, 140, 116, 44, 76, 108}, {196, 236, 244, 172, 92, 12, 20, 52},
+    {164, 228, 252, 204, 60, 28, 4, 84},    {132, 220, 188, 156, 100, 68, 36, 124}};
+
+std::vector<int> dither(int method, int width, int height, const std::vector<Rgb>& image, const Target& t) {
+    std::vector<int> out(size_t(width) * size_t(height));
+    auto clamp = [](int v) { return std::clamp(v, 0, 255); };
+    if (method == 0) {
+        for (size_t i = 0; i < out.size(); ++i) out[i] = t.quantise(image[i].r, image[i].g, image[i].b);
+        return out;
+    }
+    if (method >= 7) {
+        const auto& table = method == 7 ? kDispersed : kClustered;
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) {
+                const Rgb p = image[size_t(y) * size_t(width) + size_t(x)];
+                const int thr = table[y % 8][x % 8];
+                int idx;
+                if (t.twoColour) {
+                    const Rgb& d = t.colours[size_t(t.darkIndex)];
+                    const Rgb& b = t.colours[size_t(t.brightIndex)];
+                    const int gd = grey(d.r, d.g, d.b), gb = grey(b.r, b.g, b.b);
+                    idx = grey(p.r, p.g, p.b) > gd + thr * (gb - gd) / 255 ? t.brightIndex : t.darkIndex;
+                } else {
+                    auto bias = [&](int c) { return ((2 * thr + 1 - 256) * t.spacing[c]) / 512; };
+                    idx = t.quantise(clamp(p.r + bias(0)), clamp(p.g + bias(1)), clamp(p.b + bias(2)));
+                }
+                out[size_t(y) * size_t(width) + size_t(x)] = idx;
+            }
+        return out;
+    }
+    const Matrix& m = matrix(method);
+    // Error planes with 3 columns of margin on each side and 4 rows below.
+    const int pw = width + 6;
+    std::vector<long> er(size_t(pw) * size_t(height + 4)), eg(er.size()), eb(er.size());
+    auto at = [&](int y, int x) { return size_t(y) * size_t(pw) + size_t(x + 3); };
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const Rgb p = image[size_t(y) * size_t(width) + size_t(x)];
+            const size_t k = at(y, x);
+            // C++ division truncates toward zero, as the rule asks.
+            const int r = clamp(p.r + int(er[k] / m.divisor));
+            const int g = clamp(p.g + int(eg[k] / m.divisor));
+            const int b = clamp(p.b + int(eb[k] / m.divisor));
+            const int idx = t.quantise(r, g, b);
+            out[size_t(y) * size_t(width) + size_t(x)] = idx;
+            const Rgb& c = t.colours[size_t(idx)];
+            const int dr = r - c.r, dg = g - c.g, db = b - c.b;
+            for (int dy = 0; dy < 4; ++dy)
+                for (int dx = -3; dx <= 3; ++dx) {
+                    const int w = m.w[dy][dx + 3];
+                    if (!w) continue;
+                    const size_t j = at(y + dy, x + dx);
+                    er[j] += long(w) * dr;
+                    eg[j] += long(w) * dg;
+                    eb[j] += long(w) * db;
+                }
+        }
+    return out;
+}
+
+std::vector<uint8_t> pack(const int* indices, int width, int bits) {
+    std::vector<uint8_t> out((size_t(width) * size_t(bits) + 7) / 8, 0);
+    size_t bit = 0;
+    for (int x = 0; x < width; ++x)
+        for (int k = bits - 1; k >= 0; --k, ++bit)
+            if ((indices[x] >> k) & 1) out[bit / 8] |= uint8_t(0x80u >> (bit % 8));
+    return out;
+}
+
+}  // namespace ditherref

@@ -1,0 +1,224 @@
+// test_convert_misc.cpp - HSV, line-buffer sizes, padding of grey windows
+// and the 32-bit grey reductions.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "ombrix.h"
+
+namespace {
+uint32_t rgb(int r, int g, int b) { return uint32_t(r) | (uint32_t(g) << 8) | (uint32_t(b) << 16); }
+int H(uint32_t hsv) { return int(hsv & 0xFF); }
+int S(uint32_t hsv) { return int((hsv >> 8) & 0xFF); }
+int V(uint32_t hsv) { return int((hsv >> 16) & 0xFF); }
+}  // namespace
+
+TEST(ConvertHsv, DocumentedColours) {
+    EXPECT_EQ(K_RGBtoHSV(rgb(255, 0, 0)), rgb(0, 255, 255));
+    EXPECT_EQ(H(K_RGBtoHSV(rgb(0, 255, 0))), 85);
+    EXPECT_EQ(H(K_RGBtoHSV(rgb(0, 0, 255))), 171);
+    EXPECT_EQ(H(K_RGBtoHSV(rgb(255, 255, 0))), 43);
+    for (int v = 0; v < 256; ++v) EXPECT_EQ(K_RGBtoHSV(rgb(v, v, v)), uint32_t(v) << 16);
+    EXPECT_EQ(K_HSVtoRGB(rgb(0, 255, 255)), rgb(255, 0, 0));
+    for (int h = 0; h < 256; h += 7)
+        for (int v = 0; v < 256; v += 5) EXPECT_EQ(K_HSVtoRGB(rgb(h, 0, v)), rgb(v, v, v));
+    // The top byte of an input does not matter; the pointer forms agree.
+    EXPECT_EQ(K_RGBtoHSV(0xAB000000u | rgb(10, 200, 30)), K_RGBtoHSV(rgb(10, 200, 30)));
+    uint32_t out = 0;
+    EXPECT_EQ(K_RGBtoHSV2(rgb(12, 34, 56), &out), KS_SUCCESS);
+    EXPECT_EQ(out, K_RGBtoHSV(rgb(12, 34, 56)));
+    EXPECT_EQ(K_RGBtoHSV2(rgb(1, 2, 3), nullptr), KS_INVALID_PARAMETER);
+    uint32_t in = rgb(100, 200, 150);
+    EXPECT_EQ(K_HSVtoRGB2(&in), K_HSVtoRGB(in));
+    EXPECT_EQ(K_HSVtoRGB2(nullptr), 0u);
+}
+
+// Forward conversion against the proportional model in floating point:
+// hue = (sector + share of the higher of the two upper channels) * 256 / 3.
+TEST(ConvertHsv, ForwardMatchesProportionalModel) {
+    int worst = 0;
+    for (int r = 0; r < 256; r += 3)
+        for (int g = 0; g < 256; g += 3)
+            for (int b = 0; b < 256; b += 3) {
+                uint32_t hsv = K_RGBtoHSV(rgb(r, g, b));
+                int mn = std::min({r, g, b}), mx = std::max({r, g, b});
+                ASSERT_EQ(V(hsv), mx);
+                if (mx == mn) {
+                    ASSERT_EQ(hsv, uint32_t(mx) << 16);
+                    continue;
+                }
+                ASSERT_EQ(S(hsv), (mx - mn) * 255 / mx);
+                double sector, t;
+                if (b == mn)
+                    sector = 0, t = double(g - mn) / double((r - mn) + (g - mn));
+                else if (r == mn)
+                    sector = 1, t = double(b - mn) / double((g - mn) + (b - mn));
+                else
+                    sector = 2, t = double(r - mn) / double((b - mn) + (r - mn));
+                int want = int(std::floor((sector + t) * 256.0 / 3.0 + 0.5)) & 255;
+                int diff = std::abs(H(hsv) - want);
+                worst = std::max(worst, std::min(diff, 256 - diff));
+            }
+    EXPECT_LE(worst, 1);
+}
+
+// Inverse conversion: V is the largest channel, m the smallest, and the
+// third channel follows the sector's proportion.
+TEST(ConvertHsv, InverseMatchesProportionalModel) {
+    for (int h8 = 0; h8 < 256; ++h8)
+        for (int s = 1; s < 256; s += 2)
+            for (int v = 0; v < 256; v += 3) {
+                uint32_t c = K_HSVtoRGB(rgb(h8, s, v));
+                int r = int(c & 255), g = int((c >> 8) & 255), b = int((c >> 16) & 255);
+                ASSERT_EQ(c >> 24, 0u);
+                int m = (255 - s) * v / 255, d = v - m;
+                ASSERT_EQ(std::max({r, g, b}), v);
+                ASSERT_EQ(std::min({r, g, b}), m);
+                double h = double((h8 * 360) >> 8);
+                // The sector's upper channel relative to the proportion.
+                double share;  // middle channel's share of (middle + top) above m
+                int mid;
+                if (h <= 120) {
+                    share = h / 120.0, mid = h <= 60 ? g : r;
+                    if (h > 60) share = 1 - share;
+                } else if (h <= 240) {
+                    share = (h - 120) / 120.0, mid = h <= 180 ? b : g;
+                    if (h > 180) share = 1 - share;
+                } else {
+                    share = (h - 240) / 120.0, mid = h <= 300 ? r : b;
+                    if (h > 300) share = 1 - share;
+                }
+                // share = (mid - m) / ((mid - m) + d)  =>  mid = m + d * share / (1 - share)
+                double want = m + (share >= 1 ? d : d * share / (1 - share));
+                ASSERT_LE(std::abs(mid - want), 1.0) << h8 << " " << s << " " << v;
+            }
+}
+
+// A colour taken through HSV and back lands on a colour with the same
+// value and nearly the same hue and saturation. Integer channels resolve
+// the hue to about 85 / (max - min) steps, so the hue is checked where the
+// spread is at least 85 (two steps: one from that, one from rounding).
+TEST(ConvertHsv, RoundTripKeepsHsv) {
+    int worstH = 0, worstS = 0;
+    for (int r = 0; r < 256; r += 3)
+        for (int g = 0; g < 256; g += 3)
+            for (int b = 0; b < 256; b += 3) {
+                uint32_t hsv = K_RGBtoHSV(rgb(r, g, b));
+                uint32_t again = K_RGBtoHSV(K_HSVtoRGB(hsv));
+                ASSERT_EQ(V(again), V(hsv));
+                int dh = std::abs(H(again) - H(hsv));
+                int spread = std::max({r, g, b}) - std::min({r, g, b});
+                if (spread >= 85) worstH = std::max(worstH, std::min(dh, 256 - dh));
+                worstS = std::max(worstS, std::abs(S(again) - S(hsv)));
+            }
+    EXPECT_LE(worstH, 2);
+    EXPECT_LE(worstS, 2);
+}
+
+TEST(ConvertSizes, CalcConvertSize) {
+    auto row = [](uint64_t w, uint64_t b) { return ((w * (b ? b : 8) + 31) / 32) * 4; };
+    std::mt19937 rng(2);
+    const int depths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
+    for (int k = 0; k < 3000; ++k) {
+        int wa = int(rng() % 5000), wb = int(rng() % 5000);
+        int ba = depths[rng() % 15], bb = depths[rng() % 15];
+        uint64_t want = std::max({row(wa, ba), row(wb, ba), row(wb, bb)});
+        ASSERT_EQ(K_CalcConvertSize(wa, ba, wb, bb), uint32_t(want)) << wa << " " << ba << " " << wb << " " << bb;
+    }
+    EXPECT_EQ(K_CalcConvertSize(10, 24, 20, 1), 60u);
+    EXPECT_EQ(K_CalcConvertSize(3, 0, 1, 1), 4u);
+    EXPECT_EQ(K_CalcConvertSize(-1, 8, 1, 1), 0u);
+    EXPECT_EQ(K_CalcConvertSize(0x7FFFFFFF, 64, 1, 1), 0u);  // beyond 32 bits
+}
+
+namespace {
+// The padding rule, step by step.
+void padReference(std::vector<uint16_t>& d, int nHighBit, int nLowBit, int nPad) {
+    int hi = nHighBit < 0 ? 0 : nHighBit > 15 ? 1 : nHighBit;
+    int lo = nLowBit < 0 ? 0 : std::max(0, std::min(nLowBit, hi - 1));
+    if (hi == 15 && lo == 0) return;
+    long range = 1L << (hi - lo + 1);
+    long pad = std::min<long>(range / 4, std::max(nPad, 0));
+    if (pad == 0) return;
+    long smallest = lo > 0 ? pad << lo : 0;
+    long largest = (1L << (hi + 1)) - 1 - (hi < 15 ? pad : 0);
+    long wmask = ((range - 1) << lo) & 0xFFFF;
+    for (auto& s : d) {
+        long part = s & wmask;
+        if (part < smallest) part = smallest;
+        if (part > largest) part = largest;
+        s = uint16_t((s & ~wmask) | (part & wmask));
+    }
+}
+}  // namespace
+
+TEST(ConvertSizes, PadPixelDataFollowsTheWindowRule) {
+    std::mt19937 rng(8);
+    int changed = 0;
+    for (int hi = -2; hi <= 17; ++hi)
+        for (int lo = -1; lo <= 16; ++lo)
+            for (int pad : {0, 1, 3, 17, 300, 100000}) {
+                std::vector<uint16_t> a(97);
+                for (auto& x : a) x = uint16_t(rng());
+                a[0] = 0, a[1] = 0xFFFF;
+                std::vector<uint16_t> b = a, orig = a;
+                ASSERT_EQ(K_PadPixelData(a.data(), 16, int32_t(a.size()), hi, lo, pad), KS_SUCCESS);
+                padReference(b, hi, lo, pad);
+                ASSERT_EQ(a, b) << hi << " " << lo << " " << pad;
+                changed += a != orig;
+            }
+    EXPECT_GT(changed, 100);
+    uint16_t one = 0;
+    EXPECT_EQ(K_PadPixelData(nullptr, 16, 1, 11, 0, 4), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_PadPixelData(&one, 8, 1, 11, 0, 4), KS_INVALID_PARAMETER);
+    // A 12-bit window in bits 0..11 with a pad of 4 keeps values at most 4091.
+    uint16_t top = 4095;
+    ASSERT_EQ(K_PadPixelData(&top, 16, 1, 11, 0, 4), KS_SUCCESS);
+    EXPECT_EQ(top, 4091);
+}
+
+TEST(ConvertSizes, Gray32Reductions) {
+    std::mt19937 rng(6);
+    std::vector<uint32_t> src(301);
+    for (auto& x : src) x = rng();
+    src[0] = 0, src[1] = 0xFFFFFFFFu;
+    for (int lo = -1; lo < 32; lo += 3)
+        for (int hi = -1; hi < 32; hi += 4) {
+            int l = lo < 0 ? 0 : lo, h = hi < 0 ? 31 : hi;
+            std::vector<uint16_t> d16(src.size());
+            std::vector<uint8_t> d8(src.size());
+            int st16 = K_Gray32To16(src.data(), d16.data(), int32_t(src.size()), lo, hi);
+            int st8 = K_Gray32To8(src.data(), d8.data(), int32_t(src.size()), lo, hi);
+            if (l > h) {
+                EXPECT_EQ(st16, KS_INVALID_PARAMETER);
+                EXPECT_EQ(st8, KS_INVALID_PARAMETER);
+                continue;
+            }
+            ASSERT_EQ(st16, KS_SUCCESS);
+            ASSERT_EQ(st8, KS_SUCCESS);
+            int n = h - l + 1;
+            for (size_t i = 0; i < src.size(); ++i) {
+                uint64_t v = (uint64_t(src[i]) >> l) & ((uint64_t(1) << n) - 1);
+                uint64_t full = (uint64_t(1) << n) - 1;
+                // Narrower: the top bits; wider: stretched, full scale to full scale.
+                uint64_t w16 = n >= 16 ? v >> (n - 16) : v * 65535 / full;
+                uint64_t w8 = n >= 8 ? v >> (n - 8) : v * 255 / full;
+                ASSERT_EQ(d16[i], w16) << l << ".." << h;
+                ASSERT_EQ(d8[i], w8) << l << ".." << h;
+            }
+            // In place gives the same result.
+            std::vector<uint32_t> inplace = src;
+            ASSERT_EQ(K_Gray32To16(inplace.data(), inplace.data(), int32_t(src.size()), lo, hi), KS_SUCCESS);
+            ASSERT_EQ(std::memcmp(inplace.data(), d16.data(), d16.size() * 2), 0);
+        }
+    uint32_t one = 5;
+    uint8_t out8;
+    EXPECT_EQ(K_Gray32To8(nullptr, &out8, 1, -1, -1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_Gray32To8(&one, nullptr, 1, -1, -1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_Gray32To8(&one, &out8, 0, -1, -1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_Gray32To8(&one, &out8, 1, 0, 32), KS_INVALID_PARAMETER);
+}

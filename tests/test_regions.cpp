@@ -1,0 +1,625 @@
+// test_regions.cpp - the region engine and its Win32-style API against the
+// boolean-mask model: random rectangles, polygons and ellipses combined by
+// every mode; region data round trips; handle validation; fault sweeps.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "ombrix.h"
+#include "dis/common/region.h"
+#include "krn/common/memory.h"
+#include "krn/windowsemul/objects.h"
+#include "regions_mask.h"
+
+using rgntest::Mask;
+
+namespace {
+
+const Mask kWin(-40, -40, 240, 220);
+
+struct Shape {
+    HRGN h = nullptr;
+    Mask m;
+    std::string what;
+};
+
+RECT randomRect(std::mt19937& rng) {
+    std::uniform_int_distribution<int> c(-30, 180);
+    return RECT{c(rng), c(rng), c(rng), c(rng)};
+}
+
+Shape randomShape(std::mt19937& rng) {
+    Shape s;
+    int kind = int(rng() % 3);
+    if (kind == 0) {
+        RECT r = randomRect(rng);
+        s.h = CreateRectRgn(r.left, r.top, r.right, r.bottom);
+        s.m = rgntest::rectMask(kWin, r);
+        s.what = "rect";
+    } else if (kind == 1) {
+        std::uniform_int_distribution<int> c(-30, 170);
+        int n = 3 + int(rng() % 10);
+        std::vector<POINT> pts(static_cast<size_t>(n));
+        for (auto& p : pts) p = POINT{c(rng), c(rng)};
+        int mode = (rng() & 1) ? WINDING : ALTERNATE;
+        s.h = CreatePolygonRgn(pts.data(), n, mode);
+        s.m = rgntest::polygonMask(kWin, pts, {0}, mode == WINDING);
+        s.what = "polygon";
+    } else {
+        RECT r = randomRect(rng);
+        s.h = CreateEllipticRgn(r.left, r.top, r.right, r.bottom);
+        bool ok = false;
+        s.m = rgntest::maskOfHandle(kWin, s.h, &ok);  // checked against the equation elsewhere
+        EXPECT_TRUE(ok);
+        s.what = "ellipse";
+    }
+    EXPECT_NE(s.h, nullptr);
+    return s;
+}
+
+OrvaRgn* payload(HRGN h) { return static_cast<OrvaRgn*>(krn::objPayload(h, krn::kObjRegion)); }
+
+// Every query of a region handle agrees with the mask.
+void expectMatches(HRGN h, const Mask& m, const std::string& ctx) {
+    SCOPED_TRACE(ctx);
+    OrvaRgn* r = payload(h);
+    ASSERT_NE(r, nullptr);
+    ASSERT_TRUE(krn::rgn::valid(r));
+    bool ok = false;
+    Mask got = rgntest::maskOfHandle(kWin, h, &ok);
+    ASSERT_TRUE(ok) << "region data outside the window";
+    ASSERT_TRUE(got == m) << got.describeDiff(m);
+    for (int y = kWin.y0; y < kWin.y0 + kWin.h; y += 3)
+        for (int x = kWin.x0; x < kWin.x0 + kWin.w; ++x)
+            ASSERT_EQ(PtInRegion(h, x, y), m.get(x, y) ? 1 : 0) << x << "," << y;
+    RECT box;
+    int kind = GetRgnBox(h, &box);
+    RECT mb = m.bounds();
+    EXPECT_TRUE(EqualRect(&box, &mb));
+    EXPECT_EQ(kind, m.count() == 0 ? NULLREGION : m.isRectangle() ? SIMPLEREGION : COMPLEXREGION);
+    EXPECT_EQ(krn::rgn::area(r), m.count());
+    // Data round trip: the rebuilt region has the same data. An empty
+    // region's block is the bare 32-byte header, which the importer refuses
+    // (it wants at least 33 bytes).
+    std::vector<uint8_t> data = rgntest::regionData(h);
+    if (m.count() == 0) {
+        EXPECT_EQ(data.size(), 32u);
+        EXPECT_EQ(ExtCreateRegion(nullptr, 32, reinterpret_cast<const RGNDATA*>(data.data())), nullptr);
+        return;
+    }
+    HRGN back = ExtCreateRegion(nullptr, uint32_t(data.size()), reinterpret_cast<const RGNDATA*>(data.data()));
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(rgntest::regionData(back), data);
+    DeleteObject(back);
+}
+
+TEST(RegionsEngine, RectangleEdgeCases) {
+    HRGN e = CreateRectRgn(10, 10, 10, 20);
+    RECT box{1, 2, 3, 4};
+    EXPECT_EQ(GetRgnBox(e, &box), NULLREGION);
+    EXPECT_EQ(box.left | box.top | box.right | box.bottom, 0);
+    EXPECT_EQ(GetRegionData(e, 0, nullptr), 32u);
+    HRGN a = CreateRectRgn(20, 20, 10, 10), b = CreateRectRgn(10, 10, 20, 20);
+    EXPECT_EQ(rgntest::regionData(a), rgntest::regionData(b));
+    EXPECT_EQ(GetRegionData(a, 0, nullptr), 48u);
+    EXPECT_EQ(GetRgnBox(a, &box), SIMPLEREGION);
+    EXPECT_EQ(PtInRegion(a, 19, 19), 1);
+    EXPECT_EQ(PtInRegion(a, 20, 15), 0);  // x = right
+    EXPECT_EQ(PtInRegion(a, 15, 20), 0);  // y = bottom
+    EXPECT_EQ(PtInRegion(a, 10, 10), 1);
+    // A buffer that is too small receives nothing but the size is still returned.
+    std::vector<uint8_t> small(47, 0xCD);
+    EXPECT_EQ(GetRegionData(a, 47, reinterpret_cast<RGNDATA*>(small.data())), 48u);
+    EXPECT_EQ(small, std::vector<uint8_t>(47, 0xCD));
+    DeleteObject(e);
+    DeleteObject(a);
+    DeleteObject(b);
+}
+
+TEST(RegionsEngine, EmptyRowsInsideRegionAreKeptAndNotExported) {
+    HRGN a = CreateRectRgn(0, 0, 10, 2), b = CreateRectRgn(5, 6, 8, 8), d = CreateRectRgn(0, 0, 0, 0);
+    EXPECT_EQ(CombineRgn(d, a, b, RGN_OR), COMPLEXREGION);
+    OrvaRgn* r = payload(d);
+    EXPECT_EQ(r->uRowIndexSize, 8u * 8u);  // rows 0..7 including four empty ones
+    EXPECT_EQ(r->pRowIndex[3].uCount, 0u);
+    EXPECT_EQ(r->uRunDataSize, 4u * 8u);   // four rows of one run
+    EXPECT_EQ(GetRegionData(d, 0, nullptr), 32u + 16u * 4u);
+    DeleteObject(a);
+    DeleteObject(b);
+    DeleteObject(d);
+}
+
+TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
+    std::mt19937 rng(12345);
+    for (int iter = 0; iter < 60; ++iter) {
+        Shape a = randomShape(rng), b = randomShape(rng);
+        expectMatches(a.h, a.m, "source " + a.what);
+        const int modes[5] = {RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF, RGN_COPY};
+        for (int mode : modes) {
+            HRGN d = CreateRectRgn(0, 0, 1, 1);
+            int kind = CombineRgn(d, a.h, b.h, mode);
+            Mask want = mode == RGN_AND ? a.m.combine(b.m, 0)
+                        : mode == RGN_OR ? a.m.combine(b.m, 1)
+                        : mode == RGN_XOR ? a.m.combine(b.m, 2)
+                        : mode == RGN_DIFF ? a.m.combine(b.m, 3) : a.m;
+            EXPECT_EQ(kind, want.count() == 0 ? NULLREGION : want.isRectangle() ? SIMPLEREGION : COMPLEXREGION);
+            expectMatches(d, want, a.what + " op " + std::to_string(mode) + " " + b.what);
+            DeleteObject(d);
+        }
+        // Destination that is also a source.
+        HRGN c = CreateRectRgn(0, 0, 0, 0);
+        CombineRgn(c, a.h, a.h, RGN_COPY);
+        CombineRgn(c, c, b.h, RGN_XOR);
+        expectMatches(c, a.m.combine(b.m, 2), "in place xor");
+        DeleteObject(c);
+        DeleteObject(a.h);
+        DeleteObject(b.h);
+    }
+}
+
+TEST(RegionsEngine, PolygonsMatchCentreSamplingBothFillModes) {
+    std::mt19937 rng(777);
+    for (int iter = 0; iter < 80; ++iter) {
+        std::uniform_int_distribution<int> c(-30, 170);
+        // Several figures through K_SegmentsToRegion, flags 0 starting each.
+        int figures = 1 + int(rng() % 3);
+        std::vector<POINT> pts;
+        std::vector<uint8_t> flags;
+        std::vector<size_t> starts;
+        for (int f = 0; f < figures; ++f) {
+            starts.push_back(pts.size());
+            int n = 2 + int(rng() % 8);
+            for (int i = 0; i < n; ++i) {
+                // Sometimes snap to a coarse grid to provoke shared vertices and horizontal edges.
+                POINT p{c(rng), c(rng)};
+                if (rng() % 3 == 0) p = POINT{p.x / 20 * 20, p.y / 20 * 20};
+                pts.push_back(p);
+                flags.push_back(i == 0 ? 0 : 1);
+            }
+        }
+        for (int winding = 0; winding < 2; ++winding) {
+            OrvaRgn* r = nullptr;
+            ASSERT_EQ(K_SegmentsToRegion(&r, pts.data(), flags.data(), int32_t(pts.size()),
+                                         winding ? WINDING : ALTERNATE),
+                      KS_SUCCESS);
+            ASSERT_TRUE(krn::rgn::valid(r));
+            HRGN h = krn::rgn::makeHandle(r);
+            expectMatches(h, rgntest::polygonMask(kWin, pts, starts, winding != 0),
+                          "polygon iter " + std::to_string(iter) + (winding ? " winding" : " even-odd"));
+            DeleteObject(h);
+        }
+    }
+}
+
+TEST(RegionsEngine, PolygonRuleOnSquaresAndOverlaps) {
+    // A polygon square covers the same pixels as the rectangle.
+    POINT sq[4] = {{0, 0}, {10, 0}, {10, 10}, {0, 10}};
+    HRGN p = CreatePolygonRgn(sq, 4, ALTERNATE), r = CreateRectRgn(0, 0, 10, 10);
+    EXPECT_EQ(rgntest::regionData(p), rgntest::regionData(r));
+    // Two overlapping squares, same orientation: even-odd leaves a hole, winding does not.
+    POINT two[8] = {{0, 0}, {10, 0}, {10, 10}, {0, 10}, {5, 5}, {15, 5}, {15, 15}, {5, 15}};
+    uint8_t flags[8] = {0, 1, 1, 1, 0, 1, 1, 1};
+    OrvaRgn *eo = nullptr, *nz = nullptr;
+    ASSERT_EQ(K_SegmentsToRegion(&eo, two, flags, 8, ALTERNATE), KS_SUCCESS);
+    ASSERT_EQ(K_SegmentsToRegion(&nz, two, flags, 8, WINDING), KS_SUCCESS);
+    EXPECT_EQ(K_IsPtInOrvaRgn(eo, 7, 7, nullptr, nullptr), 0);
+    EXPECT_EQ(K_IsPtInOrvaRgn(nz, 7, 7, nullptr, nullptr), 1);
+    EXPECT_EQ(krn::rgn::area(eo), 100u + 100u - 2u * 25u);
+    EXPECT_EQ(krn::rgn::area(nz), 175u);
+    // Fewer than two points: empty.
+    HRGN one = CreatePolygonRgn(sq, 1, WINDING);
+    RECT box;
+    EXPECT_EQ(GetRgnBox(one, &box), NULLREGION);
+    K_DeleteOrvaRgn(eo);
+    K_DeleteOrvaRgn(nz);
+    DeleteObject(p);
+    DeleteObject(r);
+    DeleteObject(one);
+}
+
+TEST(RegionsEngine, EllipseFollowsItsEquation) {
+    std::mt19937 rng(99);
+    for (int iter = 0; iter < 40; ++iter) {
+        RECT b = randomRect(rng);
+        if (iter == 0) b = RECT{0, 0, 3000, 2000};
+        HRGN h = CreateEllipticRgn(b.left, b.top, b.right, b.bottom);
+        ASSERT_NE(h, nullptr);
+        OrvaRgn* r = payload(h);
+        ASSERT_TRUE(krn::rgn::valid(r));
+        double radius = std::max(std::abs(b.right - b.left), std::abs(b.bottom - b.top)) / 2.0;
+        double band = 0.15 + radius * 3e-4;  // flattening plus the cubic's own error
+        int checked = 0;
+        int step = iter == 0 ? 7 : 1;
+        for (int y = std::min(b.top, b.bottom) - 2; y < std::max(b.top, b.bottom) + 2; y += step)
+            for (int x = std::min(b.left, b.right) - 2; x < std::max(b.left, b.right) + 2; x += step) {
+                int cls = rgntest::ellipseClass(b, x, y, band);
+                if (cls == 0) continue;
+                ++checked;
+                ASSERT_EQ(PtInRegion(h, x, y), cls > 0 ? 1 : 0) << "box " << b.left << "," << b.top << ","
+                                                                 << b.right << "," << b.bottom << " at " << x
+                                                                 << "," << y;
+            }
+        // Symmetric about both axes of the box.
+        if (iter == 0) {
+            EXPECT_GT(checked, 100000);
+            EXPECT_EQ(PtInRegion(h, 1500, 0), 1);
+            EXPECT_EQ(PtInRegion(h, 1500, 1999), 1);
+            EXPECT_EQ(PtInRegion(h, 0, 1000), 1);
+            EXPECT_EQ(PtInRegion(h, 2999, 1000), 1);
+        }
+        DeleteObject(h);
+    }
+}
+
+TEST(RegionsEngine, ExtCreateRegionSortsJoinsAndValidates) {
+    // Unordered, overlapping rectangles give their union.
+    struct {
+        RGNDATAHEADER h;
+        RECT r[4];
+    } blk{};
+    blk.h.dwSize = 32;
+    blk.h.iType = RDH_RECTANGLES;
+    blk.h.nCount = 4;
+    blk.h.nRgnSize = 64;
+    blk.r[0] = RECT{50, 40, 60, 50};
+    blk.r[1] = RECT{0, 0, 10, 10};
+    blk.r[2] = RECT{5, 5, 20, 12};
+    blk.r[3] = RECT{3, 3, 2, 9};  // empty, skipped
+    HRGN h = ExtCreateRegion(nullptr, sizeof blk, reinterpret_cast<const RGNDATA*>(&blk));
+    ASSERT_NE(h, nullptr);
+    Mask want = rgntest::rectMask(kWin, blk.r[0])
+                    .combine(rgntest::rectMask(kWin, blk.r[1]), 1)
+                    .combine(rgntest::rectMask(kWin, blk.r[2]), 1);
+    expectMatches(h, want, "unordered rectangles");
+    // Size rules.
+    EXPECT_EQ(ExtCreateRegion(nullptr, 32, reinterpret_cast<const RGNDATA*>(&blk)), nullptr);
+    EXPECT_EQ(ExtCreateRegion(nullptr, 16 * 5 - 1, reinterpret_cast<const RGNDATA*>(&blk)), nullptr);
+    EXPECT_EQ(ExtCreateRegion(nullptr, 64, nullptr), nullptr);
+    auto bad = blk;
+    bad.h.dwSize = 28;
+    EXPECT_EQ(ExtCreateRegion(nullptr, sizeof bad, reinterpret_cast<const RGNDATA*>(&bad)), nullptr);
+    bad = blk;
+    bad.h.iType = 2;
+    EXPECT_EQ(ExtCreateRegion(nullptr, sizeof bad, reinterpret_cast<const RGNDATA*>(&bad)), nullptr);
+    // A scale-and-move transform keeps rectangles; a quarter turn maps them exactly too.
+    XFORM sx{2.0f, 0.0f, 0.0f, 3.0f, 5.0f, -4.0f};
+    HRGN t = ExtCreateRegion(&sx, sizeof blk, reinterpret_cast<const RGNDATA*>(&blk));
+    Mask wantT = rgntest::rectMask(kWin, RECT{105, 116, 125, 146})
+                     .combine(rgntest::rectMask(kWin, RECT{5, -4, 25, 26}), 1)
+                     .combine(rgntest::rectMask(kWin, RECT{15, 11, 45, 32}), 1);
+    expectMatches(t, wantT, "scaled");
+    // A 45 degree rotation of a square gives a diamond: the parallelogram path.
+    struct {
+        RGNDATAHEADER h;
+        RECT r[1];
+    } sq{};
+    sq.h = blk.h;
+    sq.h.nCount = 1;
+    sq.r[0] = RECT{0, 0, 40, 40};
+    const float c = float(std::sqrt(0.5));
+    XFORM rot{c, c, -c, c, 60.0f, 10.0f};
+    HRGN d = ExtCreateRegion(&rot, sizeof sq, reinterpret_cast<const RGNDATA*>(&sq));
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(PtInRegion(d, 60, 38), 1);   // centre of the diamond
+    EXPECT_EQ(PtInRegion(d, 45, 12), 0);   // outside the rotated square
+    uint64_t area = krn::rgn::area(payload(d));
+    EXPECT_NEAR(double(area), 1600.0, 60.0);
+    DeleteObject(h);
+    DeleteObject(t);
+    DeleteObject(d);
+}
+
+TEST(RegionsEngine, OffsetSetRectRgnAndPlacementWords) {
+    HRGN h = CreateEllipticRgn(0, 0, 30, 20);
+    Mask before(kWin.x0, kWin.y0, kWin.w, kWin.h);
+    bool ok;
+    before = rgntest::maskOfHandle(kWin, h, &ok);
+    EXPECT_EQ(OffsetRgn(h, 7, -5), 1);
+    Mask after = rgntest::maskOfHandle(kWin, h, &ok);
+    for (int y = -30; y < 40; ++y)
+        for (int x = -30; x < 60; ++x) ASSERT_EQ(after.get(x + 7, y - 5), before.get(x, y));
+    EXPECT_EQ(OffsetRgn(h, INT32_MAX, 0), 0);  // would leave the 32-bit range: refused
+    Mask still = rgntest::maskOfHandle(kWin, h, &ok);
+    EXPECT_TRUE(still == after);
+    OrvaRgn* r = payload(h);
+    r->nPlacement[3] = 1234;
+    EXPECT_EQ(SetRectRgn(h, 5, 5, 1, 1), 1);
+    EXPECT_EQ(payload(h)->nPlacement[3], 1234);  // kept by the replacement
+    expectMatches(h, rgntest::rectMask(kWin, RECT{1, 1, 5, 5}), "SetRectRgn");
+    OrvaRgn* c = nullptr;
+    ASSERT_EQ(K_CopyOrvaRgn(&c, payload(h)), KS_SUCCESS);
+    EXPECT_EQ(c->nPlacement[3], 1234);
+    K_DeleteOrvaRgn(c);
+    OrvaRgn* nul = reinterpret_cast<OrvaRgn*>(1);
+    EXPECT_EQ(K_CopyOrvaRgn(&nul, nullptr), KS_SUCCESS);
+    EXPECT_EQ(nul, nullptr);
+    DeleteObject(h);
+}
+
+TEST(RegionsEngine, KernelOperationsClipScaleMirror) {
+    std::mt19937 rng(4242);
+    for (int iter = 0; iter < 30; ++iter) {
+        Shape s = randomShape(rng);
+        OrvaRgn* r = nullptr;
+        ASSERT_EQ(K_ConvertHandleToRgn(s.h, &r), KS_SUCCESS);
+        RECT clip = randomRect(rng);
+        if (clip.left > clip.right) std::swap(clip.left, clip.right);
+        if (clip.top > clip.bottom) std::swap(clip.top, clip.bottom);
+        ASSERT_EQ(K_ClipOrvaRgnRect(r, &clip), KS_SUCCESS);
+        ASSERT_TRUE(krn::rgn::valid(r));
+        Mask want = s.m.combine(rgntest::rectMask(kWin, clip), 0);
+        for (int y = kWin.y0; y < kWin.y0 + kWin.h; ++y)
+            for (int x = kWin.x0; x < kWin.x0 + kWin.w; ++x)
+                ASSERT_EQ(K_IsPtInOrvaRgn(r, x, y, nullptr, nullptr), want.get(x, y) ? 1 : 0);
+        // Scale by a random ratio: pixel (X, Y) in when (floor(X*d/n), floor(Y*d/n)) was.
+        int xn = 1 + int(rng() % 5), xd = 1 + int(rng() % 5), yn = 1 + int(rng() % 5), yd = 1 + int(rng() % 5);
+        OrvaRgn* sc = nullptr;
+        ASSERT_EQ(K_CopyOrvaRgn(&sc, r), KS_SUCCESS);
+        ASSERT_EQ(K_ScaleOrvaRgn(sc, xn, xd, yn, yd), KS_SUCCESS);
+        ASSERT_TRUE(krn::rgn::valid(sc));
+        auto fdiv = [](int a, int b) { return a >= 0 ? a / b : -((-a + b - 1) / b); };
+        for (int y = -200; y < 1000; y += 1)
+            for (int x = -200; x < 1000; x += 3) {
+                bool w = want.get(fdiv(x * xd, xn), fdiv(y * yd, yn));
+                ASSERT_EQ(K_IsPtInOrvaRgn(sc, x, y, nullptr, nullptr), w ? 1 : 0)
+                    << x << "," << y << " scale " << xn << "/" << xd << " " << yn << "/" << yd;
+            }
+        EXPECT_EQ(K_ScaleOrvaRgn(sc, 1, 0, 1, 1), KS_INVALID_PARAMETER);
+        // Mirrors and transpose against the mask.
+        OrvaRgn* m = nullptr;
+        ASSERT_EQ(K_CopyOrvaRgn(&m, r), KS_SUCCESS);
+        ASSERT_EQ(krn::rgn::flipRows(m, 100), KS_SUCCESS);
+        ASSERT_EQ(krn::rgn::reverseCols(m, 90), KS_SUCCESS);
+        ASSERT_EQ(krn::rgn::transpose(m), KS_SUCCESS);
+        ASSERT_TRUE(krn::rgn::valid(m));
+        for (int y = -200; y < 300; ++y)
+            for (int x = -200; x < 300; ++x) {
+                // m(x, y) = r after flip, reverse, transpose: source pixel (89 - y, 99 - x)
+                bool w = want.get(89 - y, 99 - x);
+                ASSERT_EQ(K_IsPtInOrvaRgn(m, x, y, nullptr, nullptr), w ? 1 : 0) << x << "," << y;
+            }
+        K_DeleteOrvaRgn(m);
+        K_DeleteOrvaRgn(sc);
+        K_DeleteOrvaRgn(r);
+        DeleteObject(s.h);
+    }
+}
+
+TEST(RegionsEngine, PointTestReportsTheRun) {
+    HRGN a = CreateRectRgn(0, 0, 10, 5), b = CreateRectRgn(20, 0, 30, 5), d = CreateRectRgn(0, 0, 0, 0);
+    CombineRgn(d, a, b, RGN_OR);
+    int32_t x1 = 0, x2 = 0;
+    EXPECT_EQ(K_IsPtInOrvaRgn(payload(d), 25, 2, &x1, &x2), 1);
+    EXPECT_EQ(x1, 20);
+    EXPECT_EQ(x2, 30);
+    EXPECT_EQ(K_IsPtInOrvaRgn(payload(d), 15, 2, &x1, &x2), 0);
+    EXPECT_EQ(x1, -1);
+    EXPECT_EQ(x2, -1);
+    RECT bb;
+    EXPECT_EQ(K_GetOrvaRgnBounds(payload(d), &bb), KS_SUCCESS);
+    EXPECT_EQ(bb.right, 30);
+    DeleteObject(a);
+    DeleteObject(b);
+    DeleteObject(d);
+}
+
+TEST(RegionsEngine, BadHandlesGiveZeroAndErrno22) {
+    HRGN good = CreateRectRgn(0, 0, 5, 5);
+    HRGN dead = CreateRectRgn(0, 0, 5, 5);
+    DeleteObject(dead);
+    HGLOBAL mem = K_GlobalAlloc(GMEM_MOVEABLE, 16);  // a live handle of another kind
+    int local = 0;
+    const HRGN bad[] = {nullptr, reinterpret_cast<HRGN>(~uintptr_t(0)), dead, static_cast<HRGN>(mem),
+                        reinterpret_cast<HRGN>(&local)};
+    for (HRGN b : bad) {
+        RECT r{};
+        auto check = [&](auto v, const char* what) {
+            EXPECT_EQ(v, decltype(v)(0)) << what;
+            EXPECT_EQ(errno, 22) << what;
+        };
+        errno = 0;
+        check(CombineRgn(b, good, good, RGN_OR), "CombineRgn dst");
+        errno = 0;
+        check(CombineRgn(good, b, good, RGN_OR), "CombineRgn src1");
+        errno = 0;
+        check(CombineRgn(good, good, b, RGN_COPY), "CombineRgn src2 copy");
+        errno = 0;
+        check(OffsetRgn(b, 1, 1), "OffsetRgn");
+        errno = 0;
+        check(GetRgnBox(b, &r), "GetRgnBox");
+        errno = 0;
+        check(GetRegionData(b, 0, nullptr), "GetRegionData");
+        errno = 0;
+        check(PtInRegion(b, 0, 0), "PtInRegion");
+        errno = 0;
+        check(SetRectRgn(b, 0, 0, 1, 1), "SetRectRgn");
+        errno = 0;
+        check(DeleteObject(b), "DeleteObject");
+        errno = 0;
+        WORD w = 0;
+        check(GetObject(b, 2, &w), "GetObject");
+        OrvaRgn* o = nullptr;
+        errno = 0;
+        EXPECT_EQ(K_ConvertHandleToRgn(b, &o), KS_INVALID_PARAMETER);
+        EXPECT_EQ(errno, 22);
+        errno = 0;
+        EXPECT_EQ(K_WinDeleteObject(b), 0);
+        EXPECT_EQ(errno, 22);
+    }
+    // The global block is still alive and the good region untouched.
+    EXPECT_NE(K_GlobalLock(mem), nullptr);
+    K_GlobalUnlock(mem);
+    K_GlobalFree(mem);
+    // Mode 6 is not a Win32 mode: 0 and the destination keeps its region.
+    HRGN d = CreateRectRgn(1, 1, 3, 3);
+    EXPECT_EQ(CombineRgn(d, good, good, 6), 0);
+    EXPECT_EQ(PtInRegion(d, 2, 2), 1);
+    EXPECT_EQ(PtInRegion(d, 4, 4), 0);
+    DeleteObject(d);
+    DeleteObject(good);
+    // Kernel operations refuse null arguments.
+    RECT rc{0, 0, 1, 1};
+    EXPECT_EQ(K_CreateOrvaRgnRect(nullptr, &rc), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_DeleteOrvaRgn(nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_OffsetOrvaRgn(nullptr, 1, 1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_ClipOrvaRgnRect(nullptr, &rc), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_IsPtInOrvaRgn(nullptr, 0, 0, nullptr, nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SegmentsToRegion(nullptr, nullptr, nullptr, 0, 0), KS_INVALID_PARAMETER);
+}
+
+TEST(RegionsEngine, PaletteObjectsThroughGetObjectAndDeleteObject) {
+    auto* logpal = static_cast<uint16_t*>(krn::memCalloc(4 + 4 * 16));
+    logpal[0] = 0x300;
+    logpal[1] = 16;
+    HGDIOBJ pal = krn::objCreate(krn::kObjPalette, logpal);
+    ASSERT_NE(pal, nullptr);
+    WORD n = 0;
+    EXPECT_EQ(GetObject(pal, 2, &n), 2);
+    EXPECT_EQ(n, 16);
+    HRGN r = CreateRectRgn(0, 0, 1, 1);
+    errno = 0;
+    EXPECT_EQ(GetObject(r, 2, &n), 0);  // not a palette
+    EXPECT_EQ(errno, 22);
+    long before = krn::faultinject::liveBlocks();
+    EXPECT_EQ(DeleteObject(pal), 1);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), before - 2);  // handle and payload
+    EXPECT_EQ(DeleteObject(r), 1);
+}
+
+TEST(RegionsEngine, RectangleFunctions) {
+    RECT a, b, c;
+    SetRect(&a, 0, 0, 10, 10);
+    SetRect(&b, 5, 5, 15, 15);
+    EXPECT_EQ(IntersectRect(&c, &a, &b), 1);
+    RECT want{5, 5, 10, 10};
+    EXPECT_TRUE(EqualRect(&c, &want));
+    SetRect(&b, 10, 0, 20, 10);  // touching only
+    EXPECT_EQ(IntersectRect(&c, &a, &b), 0);
+    EXPECT_EQ(IsRectEmpty(&c), 1);
+    EXPECT_EQ(UnionRect(&c, &a, &b), 1);
+    want = RECT{0, 0, 20, 10};
+    EXPECT_TRUE(EqualRect(&c, &want));
+    RECT e{3, 3, 3, 9};
+    EXPECT_EQ(UnionRect(&c, &a, &e), 1);
+    EXPECT_TRUE(EqualRect(&c, &a));
+    EXPECT_EQ(PtInRect(&a, POINT{9, 9}), 1);
+    EXPECT_EQ(PtInRect(&a, POINT{10, 9}), 0);
+    EXPECT_EQ(PtInRect(&a, POINT{0, 10}), 0);
+    InflateRect(&a, 2, -1);
+    want = RECT{-2, 1, 12, 9};
+    EXPECT_TRUE(EqualRect(&a, &want));
+    OffsetRect(&a, 2, -1);
+    want = RECT{0, 0, 14, 8};
+    EXPECT_TRUE(EqualRect(&a, &want));
+    CopyRect(&b, &a);
+    EXPECT_TRUE(EqualRect(&b, &a));
+    EXPECT_EQ(SetRect(nullptr, 0, 0, 1, 1), 0);
+    EXPECT_EQ(IntersectRect(nullptr, &a, &b), 0);
+}
+
+// Every allocation of a combine, polygon, ellipse and region-data import is
+// failed in turn: each call fails cleanly, leaks nothing and leaves the
+// destination unchanged.
+TEST(RegionsEngine, AllocationFailureSweep) {
+    HRGN a = CreateEllipticRgn(0, 0, 200, 150), b = CreateEllipticRgn(50, 20, 250, 200);
+    HRGN d = CreateRectRgn(1, 2, 3, 4);
+    std::vector<uint8_t> data = rgntest::regionData(b);
+    POINT star[5] = {{50, 0}, {80, 100}, {0, 35}, {100, 35}, {20, 100}};
+    for (int what = 0; what < 5; ++what) {
+        bool clean = false;  // a run without any injected failure
+        int failures = 0;
+        for (long n = 0; n < 64 && !clean; ++n) {
+            long live = krn::faultinject::liveBlocks();
+            krn::faultinject::arm(n, 1);
+            HRGN made = nullptr;
+            int res = 0;
+            switch (what) {
+                case 0: res = CombineRgn(d, a, b, RGN_XOR); break;
+                case 1: made = CreatePolygonRgn(star, 5, WINDING); break;
+                case 2: made = CreateEllipticRgn(-5, -5, 300, 120); break;
+                case 3:
+                    made = ExtCreateRegion(nullptr, uint32_t(data.size()),
+                                           reinterpret_cast<const RGNDATA*>(data.data()));
+                    break;
+                case 4: res = SetRectRgn(d, 0, 0, 1000, 1000) ? 1 : 0; break;
+            }
+            clean = krn::faultinject::injected() == 0;
+            krn::faultinject::disarm();
+            const bool failed = (what == 0 || what == 4) ? res == 0 : made == nullptr;
+            if (failed) {
+                ++failures;
+                EXPECT_FALSE(clean) << "failed without an injected fault, what " << what;
+                EXPECT_EQ(krn::faultinject::liveBlocks(), live) << "leak, what " << what << " n " << n;
+                if (what == 0 || what == 4) {
+                    RECT box;
+                    GetRgnBox(d, &box);
+                    RECT old{1, 2, 3, 4};
+                    EXPECT_TRUE(EqualRect(&box, &old)) << "destination changed by a failed call";
+                }
+            } else {
+                if (made) DeleteObject(made);
+                if (what == 0 || what == 4) SetRectRgn(d, 1, 2, 3, 4);
+            }
+        }
+        EXPECT_TRUE(clean) << "never ran clean: " << what;
+        EXPECT_GT(failures, 0) << "no failure was provoked: " << what;
+    }
+    DeleteObject(a);
+    DeleteObject(b);
+    DeleteObject(d);
+}
+
+TEST(RegionsEngine, ExtremeCoordinatesAreRefusedOrExact) {
+    // Taller than the engine's limit: refused, nothing leaks.
+    long live = krn::faultinject::liveBlocks();
+    EXPECT_EQ(CreateRectRgn(INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX), nullptr);
+    POINT tall[3] = {{0, INT32_MIN}, {INT32_MAX, INT32_MAX}, {INT32_MIN, 0}};
+    EXPECT_EQ(CreatePolygonRgn(tall, 3, WINDING), nullptr);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+    // Very wide but short polygons are exact: a triangle with extreme x.
+    POINT wide[3] = {{INT32_MIN, 0}, {INT32_MAX, 0}, {0, 4}};
+    HRGN h = CreatePolygonRgn(wide, 3, ALTERNATE);
+    ASSERT_NE(h, nullptr);
+    OrvaRgn* r = payload(h);
+    ASSERT_TRUE(krn::rgn::valid(r));
+    EXPECT_EQ(r->rcBounds.top, 0);
+    EXPECT_EQ(r->rcBounds.bottom, 4);
+    // Row 0: centre line y = 0.5 crosses the left edge at x = INT32_MIN * 7/8.
+    int32_t x1, x2;
+    EXPECT_EQ(K_IsPtInOrvaRgn(r, 0, 0, &x1, &x2), 1);
+    int64_t lx = INT32_MIN + (int64_t(-int64_t(INT32_MIN)) * 1) / 8;  // x at y = 0.5 on the left edge
+    EXPECT_NEAR(double(x1), double(lx), 1.0);
+    DeleteObject(h);
+    // Offsets that overflow are refused; the region is unchanged.
+    OrvaRgn* o = nullptr;
+    RECT rc{INT32_MAX - 10, 0, INT32_MAX, 2};
+    ASSERT_EQ(K_CreateOrvaRgnRect(&o, &rc), KS_SUCCESS);
+    EXPECT_EQ(K_OffsetOrvaRgn(o, 11, 0), KS_INVALID_PARAMETER);
+    EXPECT_EQ(o->rcBounds.right, INT32_MAX);
+    EXPECT_EQ(K_OffsetOrvaRgn(o, 10, 0), KS_INVALID_PARAMETER);  // right would pass INT32_MAX
+    EXPECT_EQ(K_OffsetOrvaRgn(o, -10, 5), KS_SUCCESS);
+    EXPECT_EQ(o->rcBounds.top, 5);
+    K_DeleteOrvaRgn(o);
+}
+
+TEST(RegionsEngine, MemoryIsEightBytesPerRowPlusEightPerRun) {
+    HRGN h = CreateEllipticRgn(0, 0, 4000, 3000);
+    OrvaRgn* r = payload(h);
+    EXPECT_EQ(r->uRowIndexSize, 3000u * 8u);
+    EXPECT_EQ(r->uRunDataSize, 3000u * 8u);  // one run per row
+    HRGN big = CreateRectRgn(0, 0, 100, 100), d = CreateRectRgn(0, 0, 0, 0);
+    CombineRgn(d, h, big, RGN_DIFF);
+    OrvaRgn* rd = payload(d);
+    uint64_t runs = 0;
+    for (uint32_t i = 0; i < rd->uRowIndexSize / 8; ++i) runs += rd->pRowIndex[i].uCount / 2;
+    EXPECT_EQ(rd->uRunDataSize, runs * 8);
+    DeleteObject(h);
+    DeleteObject(big);
+    DeleteObject(d);
+}
+
+}  // namespace

@@ -1,0 +1,785 @@
+// test_storage_alloc.cpp - the allocation decision, access and release, the
+// process-wide cap and counter, thresholds, allocation callbacks, storage
+// conversion and height changes of every kind, failures at every step, and
+// several threads against one cap.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "ombrix.h"
+#include "krn/common/memory.h"
+#include "krn/common/settings.h"
+#include "krn/common/storage.h"
+#include "redirect_memfs.h"
+#include "redirect_scratch.h"
+#include "storage_kinds.h"
+
+using namespace storagetest;
+
+namespace {
+
+int64_t counter() {
+    int64_t c = 0;
+    K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &c);
+    return c;
+}
+
+uint32_t kindOf(const BITMAPRECORD& bm) {
+    uint32_t t = 0;
+    K_GetBitmapMemoryInfo(&bm, &t, nullptr, nullptr, nullptr);
+    return t;
+}
+
+TEST(StorageDecision, AcceptedAndRejectedMemoryTypes) {
+    for (uint32_t t : {3u, 5u, 6u, 7u, 10u, 258u, 2048u, 2049u}) {
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 8, 8, 8), KS_SUCCESS);
+        EXPECT_EQ(K_AllocateBitmap(&bm, t), KS_INVALID_PARAMETER) << t;
+        EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    }
+    for (uint32_t t : {1u, 4u, 8u, 9u, 128u, 256u, 257u, 260u, 264u, 265u, 1024u, 1025u, 1280u, 1281u}) {
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 8, 8, 8), KS_SUCCESS);
+        EXPECT_EQ(K_AllocateBitmap(&bm, t), KS_SUCCESS) << "type " << t;
+        EXPECT_NE(bm.uFlags & BRF_ALLOCATED, 0u);
+        K_FreeBitmap(&bm);
+    }
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 0, 0, 0), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_INVALID_DIMENSIONS);
+    EXPECT_EQ(K_AllocateBitmap(nullptr, 1), KS_INVALID_PARAMETER);
+    bm.uStructSize = 99;
+    EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_INVALID_STRUCT_SIZE);
+}
+
+TEST(StorageDecision, FlagsOfEachKind) {
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 512, 64, 4, 24, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0003u) << "24-bit compressed falls back to one block";
+    K_FreeBitmap(&bm);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 512, 64, 4, 1, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0103u);
+    K_FreeBitmap(&bm);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1024, 64, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x8003u);
+    K_FreeBitmap(&bm);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1024, 64, 4, 16, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0003u) << "16-bit super-compressed falls back";
+    K_FreeBitmap(&bm);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 128, 64, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0005u);
+    EXPECT_NE(bm.hMemory, nullptr);
+    K_FreeBitmap(&bm);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 2, 64, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0403u);
+    K_FreeBitmap(&bm);
+}
+
+TEST(StorageDecision, CapSendsTheImageToTilesOrDisk) {
+    CapGuard guard;
+    const int64_t base = counter();
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 1000, nullptr), KS_SUCCESS);
+    BITMAPRECORD bm;
+    // 2000 bytes: 20 rows of 100 bytes.
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 100, 20, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    uint32_t kind = kindOf(bm);
+    EXPECT_TRUE(kind == 4 || kind == 128) << kind;
+    EXPECT_LE(counter(), base + 1000);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(counter(), base);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_MEMORY_CAP_EXCEEDED);
+    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    EXPECT_EQ(counter(), base);
+}
+
+TEST(StorageDecision, ThresholdsSteerTheDecision) {
+    CapGuard guard;
+    BITMAPRECORD bm;
+    // Largest image 1000 bytes: a 2000-byte image does not get one block.
+    ASSERT_EQ(K_SetMemoryThresholds(0, 1000, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE), KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 100, 20, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_NE(kindOf(bm), 1u);
+    K_FreeBitmap(&bm);
+    // No tiles and no disk: nothing is left.
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_NO_MEMORY);
+    // No tiles: straight to a file.
+    ASSERT_EQ(K_AllocateBitmap(&bm, 9), KS_SUCCESS);
+    EXPECT_EQ(kindOf(bm), 128u);
+    K_FreeBitmap(&bm);
+    // Keeping all but nothing free (-100 = 100% of the total) has the same effect.
+    ASSERT_EQ(K_SetMemoryThresholds(-100, INT32_MAX - 100, 0, 0, 0, 3), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_NO_MEMORY);
+    K_FreeBitmap(&bm);
+    // Process-wide largest image: the image goes to a file.
+    ASSERT_EQ(K_SetMemoryThresholds(0, INT32_MAX - 100, 0, 0, 0, 3), KS_SUCCESS);
+    GLOBALMEMORYTHRESHOLDS g{GLOBALMEMORYTHRESHOLDS_SIZE, 1000};
+    ASSERT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 100, 20, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(kindOf(bm), 128u);
+    K_FreeBitmap(&bm);
+    ASSERT_EQ(K_SetGlobalMemoryThresholds(nullptr), KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 100, 20, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(kindOf(bm), 1u);
+    K_FreeBitmap(&bm);
+    // Disk allowed and larger than the tile size: tiles (in memory here).
+    ASSERT_EQ(K_SetMemoryThresholds(0, 0, 500, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 4, 100, 20, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    int32_t tiles = 0;
+    uint64_t tileSize = 0;
+    K_GetBitmapMemoryInfo(&bm, nullptr, &tileSize, &tiles, nullptr);
+    EXPECT_EQ(kindOf(bm), 4u);
+    EXPECT_EQ(tiles, 4);
+    EXPECT_EQ(tileSize, 500u);
+    K_FreeBitmap(&bm);
+}
+
+TEST(StorageDecision, TileSizeZeroMeans16MiB) {
+    CapGuard guard;
+    ASSERT_EQ(K_SetMemoryThresholds(0, 0, 0, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS);
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 1024, 40, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 0), KS_SUCCESS);
+    uint64_t tileSize = 0;
+    int32_t tiles = 0;
+    K_GetBitmapMemoryInfo(&bm, nullptr, &tileSize, &tiles, nullptr);
+    EXPECT_EQ(tiles, 1);
+    EXPECT_EQ(tileSize, 40u * 1024u) << "one tile holds every row (at most 16 MiB)";
+    K_FreeBitmap(&bm);
+}
+
+TEST(StorageAccess, NestedAccessLocksOnce) {
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 16, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.pData, nullptr);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    uint8_t* p = bm.pData;
+    ASSERT_NE(p, nullptr);
+    EXPECT_NE(bm.uFlags & BRF_LOCKED, 0u);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(bm.nLockCount, 2);
+    EXPECT_EQ(bm.pData, p);
+    p[16 * 2 + 3] = 0x77;
+    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(bm.pData, p);
+    uint8_t row[16];
+    ASSERT_EQ(K_GetBitmapRow(&bm, row, 2, 16), 16);
+    EXPECT_EQ(row[3], 0x77);
+    // The height cannot change while locked.
+    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 8), KS_INVALID_PARAMETER);
+    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(bm.pData, nullptr);
+    EXPECT_EQ(bm.uFlags & BRF_LOCKED, 0u);
+    EXPECT_EQ(bm.nLockCount, 0);
+    EXPECT_EQ(K_ReleaseBitmap(nullptr), KS_NULL_POINTER);
+
+    int32_t flag = -1;
+    EXPECT_EQ(K_IntAccessBitmap(nullptr, &flag), KS_INVALID_BITMAP);
+    EXPECT_EQ(flag, 0);
+    ASSERT_EQ(K_IntAccessBitmap(&bm, &flag), KS_SUCCESS);
+    EXPECT_EQ(flag, 1);
+    EXPECT_EQ(K_IntReleaseBitmap(&bm, flag, -42), -42);
+    EXPECT_EQ(bm.nLockCount, 0);
+    EXPECT_EQ(K_IntReleaseBitmap(&bm, 0, KS_SUCCESS), KS_SUCCESS);
+    EXPECT_EQ(K_IntReleaseBitmap(nullptr, 1, KS_SUCCESS), KS_NULL_POINTER);
+    K_FreeBitmap(&bm);
+    // Not allocated.
+    EXPECT_EQ(K_AccessBitmap(&bm), KS_INVALID_BITMAP);
+}
+
+struct AccessLog {
+    int access = 0, release = 0;
+    int32_t accessAnswer = 1;
+};
+int32_t onAccess(BITMAPRECORD*, void* u) {
+    auto* l = static_cast<AccessLog*>(u);
+    ++l->access;
+    return l->accessAnswer;
+}
+int32_t onRelease(BITMAPRECORD*, void* u) {
+    ++static_cast<AccessLog*>(u)->release;
+    return 1;
+}
+
+TEST(StorageAccess, AccessCallbacks) {
+    AccessLog log;
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    cb.pUserData = &log;
+    cb.pfnAccess = onAccess;
+    cb.pfnRelease = onRelease;
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 8, 2, 8, 0, nullptr, 1, nullptr, 0, &cb),
+              KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(log.access, 1);
+    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(log.release, 1);
+    log.accessAnswer = -55;
+    EXPECT_EQ(K_AccessBitmap(&bm), -55);
+    EXPECT_EQ(bm.nLockCount, 0) << "a refused access is undone";
+    log.accessAnswer = 2;
+    EXPECT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(bm.pData, nullptr) << "2: the callback did the work";
+    K_ReleaseBitmap(&bm);
+    K_FreeBitmap(&bm);
+}
+
+TEST(StorageCap, ManageMemoryCommands) {
+    CapGuard guard;
+    int64_t v = 0;
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), KS_SUCCESS);
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 0, &v), KS_SUCCESS);
+    EXPECT_EQ(v, INT64_MAX);
+    const int64_t base = counter();
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 100, &v), KS_SUCCESS);
+    EXPECT_EQ(v, 0);
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_GET_CAP, 0, &v), KS_SUCCESS);
+    EXPECT_EQ(v, base + 100);
+    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RESERVE, 60, nullptr), KS_SUCCESS);
+    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RESERVE, 41, nullptr), KS_MEMORY_CAP_EXCEEDED);
+    EXPECT_EQ(counter(), base + 60);
+    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 40, &v), KS_SUCCESS);
+    EXPECT_EQ(v, 40);
+    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 41, &v), KS_MEMORY_CAP_EXCEEDED);
+    EXPECT_EQ(counter(), base + 60) << "command 5 only tests";
+    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RESERVE, 40, nullptr), KS_SUCCESS);
+    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 0, &v), KS_SUCCESS);
+    EXPECT_EQ(v, 1) << "the cap is reached";
+    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RELEASE, 100, nullptr), KS_SUCCESS);
+    EXPECT_EQ(counter(), base);
+    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, nullptr), KS_NULL_POINTER);
+    EXPECT_EQ(K_ManageMemory(6, 0, &v), KS_NOT_SUPPORTED);
+    EXPECT_EQ(K_ManageMemory(-1, 0, &v), KS_NOT_SUPPORTED);
+}
+
+TEST(StorageCap, CounterFollowsBlocksTilesAndHeights) {
+    CapGuard guard;
+    const int64_t base = counter();
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 100, 10, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(counter(), base + 1000);
+    ASSERT_EQ(K_ChangeBitmapHeight(&bm, 30), KS_SUCCESS);
+    EXPECT_EQ(counter(), base + 3000);
+    ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 700), KS_SUCCESS);  // 7 rows per tile
+    EXPECT_EQ(counter(), base + 3000);
+    ASSERT_EQ(K_ChangeBitmapHeight(&bm, 12), KS_SUCCESS);
+    EXPECT_EQ(counter(), base + 1200);
+    ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, 128, 0), KS_SUCCESS);
+    EXPECT_EQ(counter(), base);
+    ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, 1, 0), KS_SUCCESS);
+    EXPECT_EQ(counter(), base + 1200);
+    // A height the cap does not allow.
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 1500, nullptr), KS_SUCCESS);
+    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 20), KS_MEMORY_CAP_EXCEEDED);
+    EXPECT_EQ(bm.nHeight, 12);
+    EXPECT_EQ(counter(), base + 1200);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(counter(), base);
+}
+
+TEST(StorageSettings, ThresholdsAndDefaults) {
+    CapGuard guard;
+    int32_t a, b, c, d, e;
+    ASSERT_EQ(K_SetMemoryThresholds(1, 2, 3, 4, 5, 31), KS_SUCCESS);
+    ASSERT_EQ(K_GetMemoryThresholds(&a, &b, &c, &d, &e), KS_SUCCESS);
+    EXPECT_EQ(a + b * 10 + c * 100 + d * 1000 + e * 10000, 54321);
+    // Overflow on +100 and negative tile size; earlier values are kept.
+    EXPECT_EQ(K_SetMemoryThresholds(7, INT32_MAX - 99, 3, 4, 5, 31), KS_INVALID_PARAMETER);
+    K_GetMemoryThresholds(&a, &b, nullptr, nullptr, nullptr);
+    EXPECT_EQ(a, 7);
+    EXPECT_EQ(b, 2);
+    EXPECT_EQ(K_SetMemoryThresholds(0, 0, -1, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetMemoryThresholds(0, 0, 0, INT32_MAX, 0, MEMTHRESHOLD_FOURTH), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetMemoryThresholds(0, 0, 0, 0, INT32_MAX, MEMTHRESHOLD_FIFTH), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetMemoryThresholds(0, INT32_MAX - 100, 0, 0, 0, 2), KS_SUCCESS);
+    EXPECT_EQ(K_GetMemoryThresholds(nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS);
+
+    EXPECT_EQ(K_GetDefaultMemoryType(), 1u);
+    EXPECT_EQ(K_SetDefaultMemoryType(2), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetDefaultMemoryType(128), KS_SUCCESS);
+    EXPECT_EQ(K_GetDefaultMemoryType(), 128u);
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 10, 10, 8), KS_SUCCESS);
+    ASSERT_EQ(K_AllocateBitmap(&bm, 0), KS_SUCCESS);
+    EXPECT_EQ(kindOf(bm), 128u) << "type 0 takes the thread's default";
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(K_SetDefaultMemoryType(1), KS_SUCCESS);
+    // Per thread: another thread still sees 1 after this one sets 128.
+    K_SetDefaultMemoryType(128);
+    uint32_t other = 0;
+    std::thread([&] { other = K_GetDefaultMemoryType(); }).join();
+    EXPECT_EQ(other, 1u);
+    K_SetDefaultMemoryType(1);
+
+    GLOBALMEMORYTHRESHOLDS g{GLOBALMEMORYTHRESHOLDS_SIZE, 12345};
+    ASSERT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
+    GLOBALMEMORYTHRESHOLDS r{GLOBALMEMORYTHRESHOLDS_SIZE, 0};
+    ASSERT_EQ(K_GetGlobalMemoryThresholds(&r), KS_SUCCESS);
+    EXPECT_EQ(r.nLargestImage, 12345);
+    g.nLargestImage = -2;
+    EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_PARAMETER);
+    g.nLargestImage = -1;
+    EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
+    K_GetGlobalMemoryThresholds(&r);
+    EXPECT_EQ(r.nLargestImage, 0);
+    g.uStructSize = 16;
+    EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(sizeof(GLOBALMEMORYTHRESHOLDS), 12u);
+}
+
+struct GlobalCb {
+    int calls = 0;
+    uint32_t newType = 0;
+    int32_t answer = 1;
+    BITMAPALLOCINFO seen{};
+};
+int32_t globalAllocCb(BITMAPRECORD*, BITMAPALLOCINFO* info, void* user) {
+    auto* g = static_cast<GlobalCb*>(user);
+    ++g->calls;
+    g->seen = *info;
+    if (g->newType) info->uMemoryType = g->newType;
+    return g->answer;
+}
+
+TEST(StorageCallbacks, ProcessWideAllocationCallback) {
+    GlobalCb g;
+    PFN_BITMAPALLOCATE old = nullptr;
+    void* oldUser = nullptr;
+    ASSERT_EQ(K_SetAllocateBitmapCallback(globalAllocCb, &g, &old, &oldUser), KS_SUCCESS);
+    RGBQUAD pal[256] = {};
+    BITMAPRECORD bm;
+    g.newType = 128;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, pal, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(kindOf(bm), 128u) << "the callback changed the type";
+    EXPECT_EQ(g.seen.uStructSize, BITMAPALLOCINFO_SIZE);
+    EXPECT_EQ(g.seen.uMemoryType, 1u);
+    EXPECT_EQ(g.seen.nWidth, 30);
+    EXPECT_EQ(g.seen.nBytesPerLine, 0u);
+    EXPECT_EQ(g.seen.uDataSize, 32u * 5u);
+    EXPECT_EQ(g.seen.pExtra, pal);
+    K_FreeBitmap(&bm);
+    g.answer = -321;
+    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0), -321);
+    PFN_BITMAPALLOCATE mine = nullptr;
+    ASSERT_EQ(K_SetAllocateBitmapCallback(old, oldUser, &mine, nullptr), KS_SUCCESS);
+    EXPECT_EQ(mine, &globalAllocCb);
+}
+
+struct DataCb {
+    int32_t answer = 1;
+    uint32_t newType = 0;
+    uint32_t seenBpl = 0;
+};
+int32_t dataAllocCb(BITMAPRECORD*, BITMAPALLOCINFO* info, void* user) {
+    auto* d = static_cast<DataCb*>(user);
+    d->seenBpl = info->nBytesPerLine;
+    if (d->newType) info->uMemoryType = d->newType;
+    return d->answer;
+}
+
+TEST(StorageCallbacks, DataAllocateCallback) {
+    DataCb d;
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    cb.pUserData = &d;
+    cb.pfnAllocate = dataAllocCb;
+    BITMAPRECORD bm;
+    d.answer = 2;
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb),
+              KS_SUCCESS);
+    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0401u);
+    EXPECT_EQ(d.seenBpl, 32u);
+    K_FreeBitmap(&bm);
+    d.answer = 1;
+    d.newType = 1024;
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb),
+              KS_SUCCESS);
+    EXPECT_EQ(kindOf(bm), 1024u);
+    K_FreeBitmap(&bm);
+    d.newType = 3;
+    EXPECT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb),
+              KS_INVALID_PARAMETER);
+    d.newType = 0;
+    d.answer = -9;
+    const long live = krn::faultinject::liveBlocks();
+    EXPECT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb), -9);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+}
+
+// Fills a bitmap with a pattern that depends on row and byte.
+void fillPattern(BITMAPRECORD* bm, int32_t rows, uint32_t seed) {
+    std::vector<uint8_t> row(bm->nBytesPerLine);
+    for (int32_t r = 0; r < rows; ++r) {
+        for (uint32_t i = 0; i < row.size(); ++i) row[i] = uint8_t((r * 31 + int32_t(i) * 7 + int32_t(seed)) & 0xFF);
+        // keep the padding zero (compressed kinds keep pixels only)
+        for (uint64_t b = uint64_t(bm->nWidth) * uint64_t(bm->nBitsPerPixel); b < uint64_t(row.size()) * 8; ++b)
+            row[b >> 3] &= uint8_t(~(0x80u >> (b & 7)));
+        ASSERT_GT(K_PutBitmapRow(bm, row.data(), r, bm->nBytesPerLine), 0);
+    }
+}
+void expectPattern(BITMAPRECORD* bm, int32_t rows, uint32_t seed, const char* what) {
+    std::vector<uint8_t> want(bm->nBytesPerLine), got(bm->nBytesPerLine);
+    for (int32_t r = 0; r < rows; ++r) {
+        for (uint32_t i = 0; i < want.size(); ++i) want[i] = uint8_t((r * 31 + int32_t(i) * 7 + int32_t(seed)) & 0xFF);
+        for (uint64_t b = uint64_t(bm->nWidth) * uint64_t(bm->nBitsPerPixel); b < uint64_t(want.size()) * 8; ++b)
+            want[b >> 3] &= uint8_t(~(0x80u >> (b & 7)));
+        ASSERT_EQ(K_GetBitmapRow(bm, got.data(), r, bm->nBytesPerLine), int32_t(bm->nBytesPerLine));
+        ASSERT_EQ(got, want) << what << " row " << r;
+    }
+}
+void expectZeroRows(BITMAPRECORD* bm, int32_t from, int32_t to, const char* what) {
+    std::vector<uint8_t> got(bm->nBytesPerLine);
+    for (int32_t r = from; r < to; ++r) {
+        ASSERT_EQ(K_GetBitmapRow(bm, got.data(), r, bm->nBytesPerLine), int32_t(bm->nBytesPerLine));
+        ASSERT_EQ(std::count(got.begin(), got.end(), 0), int(got.size())) << what << " row " << r;
+    }
+}
+
+TEST(StorageHeight, EveryKindGrowsAndShrinksKeepingRows) {
+    CapGuard guard;
+    for (int bpp : {1, 8, 24}) {
+        for (Kind kind : kindsFor(bpp)) {
+            if (kind == Kind::CallerMemory || kind == Kind::CallbackMemory) continue;
+            SCOPED_TRACE(std::string(kindName(kind)) + " bpp " + std::to_string(bpp));
+            KindBitmap k(kind, 61, 10, bpp);
+            ASSERT_EQ(k.rc, KS_SUCCESS);
+            const uint32_t type = kindOf(k.bm);
+            fillPattern(&k.bm, 10, 1);
+            ASSERT_EQ(K_ChangeBitmapHeight(&k.bm, 23), KS_SUCCESS);
+            EXPECT_EQ(k.bm.nHeight, 23);
+            EXPECT_EQ(k.bm.uSize64, uint64_t(k.bm.nBytesPerLine) * 23);
+            expectPattern(&k.bm, 10, 1, "after growing");
+            expectZeroRows(&k.bm, 10, 23, "new rows");
+            fillPattern(&k.bm, 23, 2);
+            ASSERT_EQ(K_ChangeBitmapHeight(&k.bm, 4), KS_SUCCESS);
+            expectPattern(&k.bm, 4, 2, "after shrinking");
+            uint8_t row[256];
+            EXPECT_EQ(K_GetBitmapRow(&k.bm, row, 4, 8), KS_INVALID_PARAMETER);
+            ASSERT_EQ(K_ChangeBitmapHeight(&k.bm, 12), KS_SUCCESS);
+            expectPattern(&k.bm, 4, 2, "after regrowing");
+            expectZeroRows(&k.bm, 4, 12, "rows that came back");
+            EXPECT_EQ(kindOf(k.bm), type) << "the kind does not change";
+        }
+    }
+    // Caller memory cannot change height.
+    KindBitmap c(Kind::CallerMemory, 8, 8, 8);
+    EXPECT_EQ(K_ChangeBitmapHeight(&c.bm, 9), KS_INVALID_PARAMETER);
+}
+
+TEST(StorageConvert, ConversionChainKeepsThePixels) {
+    CapGuard guard;
+    for (int bpp : {1, 8, 24}) {
+        SCOPED_TRACE(bpp);
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 99, 17, bpp, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        fillPattern(&bm, 17, 9);
+        std::vector<uint32_t> chain = {4, 128, 1024, 1, 4, 1024, 128, 1};
+        if (bpp == 1) chain.insert(chain.begin() + 3, {512, 4, 512, 128, 512, 1024, 512});
+        for (uint32_t t : chain) {
+            ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, t, 3 * bm.nBytesPerLine), KS_SUCCESS) << t;
+            ASSERT_EQ(kindOf(bm), t);
+            expectPattern(&bm, 17, 9, "after conversion");
+        }
+        if (bpp != 1) {
+            EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 512, 0), KS_INVALID_BITS_PER_PIXEL);
+        }
+        EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 2, 0), KS_INVALID_PARAMETER);
+        // Compression calls.
+        ASSERT_EQ(K_ToggleBitmapCompression(&bm), KS_SUCCESS);
+        EXPECT_EQ(kindOf(bm), bpp == 1 ? 512u : 1024u);
+        expectPattern(&bm, 17, 9, "toggled on");
+        ASSERT_EQ(K_ToggleBitmapCompression(&bm), KS_SUCCESS);
+        EXPECT_EQ(kindOf(bm), 1u);
+        ASSERT_EQ(K_ChangeBitmapCompression(&bm, BITMAPCOMPRESSION_SUPER), KS_SUCCESS);
+        EXPECT_EQ(kindOf(bm), 1024u);
+        ASSERT_EQ(K_ChangeBitmapCompression(&bm, BITMAPCOMPRESSION_NONE), KS_SUCCESS);
+        EXPECT_EQ(kindOf(bm), 1u);
+        expectPattern(&bm, 17, 9, "after the compression calls");
+        EXPECT_EQ(K_ChangeBitmapCompression(&bm, 3), KS_INVALID_PARAMETER);
+        // A locked bitmap keeps its storage.
+        K_AccessBitmap(&bm);
+        EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 0), KS_INVALID_PARAMETER);
+        K_ReleaseBitmap(&bm);
+        K_FreeBitmap(&bm);
+    }
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 9, 3, 16, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(K_ToggleBitmapCompression(&bm), KS_INVALID_BITS_PER_PIXEL);
+    K_FreeBitmap(&bm);
+}
+
+// ---------------------------------------------------------------- faults
+// Runs `make` with the Nth allocation failing, for every N until a run sees
+// no injected failure; every failure must leave the record unallocated, no
+// kernel block and no counted byte behind.
+template <class Make>
+void sweepAllocationFailures(const char* what, Make make) {
+    K_GetDefaultMemoryType();  // the per-thread block exists before the snapshot
+    const long live = krn::faultinject::liveBlocks();
+    const int64_t base = counter();
+    int successes = 0, failures = 0;
+    for (long n = 0; n < 400; ++n) {
+        BITMAPRECORD bm;
+        std::memset(&bm, 0, sizeof bm);
+        krn::faultinject::arm(n, 1);
+        int32_t rc = make(&bm);
+        long injected = krn::faultinject::injected();
+        krn::faultinject::disarm();
+        if (rc == KS_SUCCESS) {
+            ++successes;
+            EXPECT_NE(bm.uFlags & BRF_ALLOCATED, 0u);
+            expectPattern(&bm, bm.nHeight, 5, what);
+            K_FreeBitmap(&bm);
+        } else {
+            ++failures;
+            EXPECT_TRUE(rc == KS_NO_MEMORY || rc < 0) << what << " n=" << n << " rc=" << rc;
+            EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u) << what << " n=" << n;
+            K_FreeBitmap(&bm);
+        }
+        EXPECT_EQ(krn::faultinject::liveBlocks(), live) << what << " n=" << n;
+        EXPECT_EQ(counter(), base) << what << " n=" << n;
+        if (injected == 0) break;
+    }
+    EXPECT_GT(failures, 0) << what << ": no step failed";
+    EXPECT_GT(successes, 0) << what;
+}
+
+TEST(StorageFaults, AllocationFailureAtEveryStep) {
+    CapGuard guard;
+    auto build = [](uint32_t type, int bpp, uint32_t convertTo) {
+        return [=](BITMAPRECORD* bm) {
+            int32_t rc = K_CreateBitmap(bm, BITMAPRECORD_SIZE, type, 70, 40, bpp, 1, nullptr, 1, nullptr, 0);
+            if (rc != KS_SUCCESS) return rc;
+            // Rows written under fault injection too (compressed kinds allocate per row).
+            std::vector<uint8_t> row(bm->nBytesPerLine);
+            for (int32_t r = 0; r < bm->nHeight; ++r) {
+                for (uint32_t i = 0; i < row.size(); ++i) row[i] = uint8_t((r * 31 + int32_t(i) * 7 + 5) & 0xFF);
+                for (uint64_t b = 70 * uint64_t(bpp); b < uint64_t(row.size()) * 8; ++b)
+                    row[b >> 3] &= uint8_t(~(0x80u >> (b & 7)));
+                int32_t w = K_PutBitmapRow(bm, row.data(), r, bm->nBytesPerLine);
+                if (w < 0) {
+                    K_FreeBitmap(bm);
+                    return w;
+                }
+            }
+            if (convertTo) {
+                rc = K_SetBitmapMemoryInfo(bm, convertTo, 5 * bm->nBytesPerLine);
+                if (rc != KS_SUCCESS) {
+                    // The failed conversion left the pixels where they were.
+                    expectPattern(bm, bm->nHeight, 5, "after a failed conversion");
+                    K_FreeBitmap(bm);
+                    return rc;
+                }
+            }
+            return KS_SUCCESS;
+        };
+    };
+    sweepAllocationFailures("single block", build(1, 8, 0));
+    sweepAllocationFailures("disk", build(128, 8, 0));
+    sweepAllocationFailures("compressed", build(512, 1, 0));
+    sweepAllocationFailures("super 8", build(1024, 8, 0));
+    sweepAllocationFailures("super 24", build(1024, 24, 0));
+    sweepAllocationFailures("super 1", build(1024, 1, 0));
+    sweepAllocationFailures("to tiles", build(1, 8, 4));
+    sweepAllocationFailures("to compressed", build(1, 1, 512));
+    sweepAllocationFailures("to super", build(1, 24, 1024));
+    sweepAllocationFailures("tiles to disk", build(1, 8, 128));
+}
+
+TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
+    CapGuard guard;
+    for (uint32_t type : {1u, 4u, 128u, 512u, 1024u}) {
+        const int bpp = type == 512 ? 1 : 8;
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 64, 20, bpp, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        if (type != 1) {
+            ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, type, 3 * bm.nBytesPerLine), KS_SUCCESS);
+        }
+        fillPattern(&bm, 20, 5);
+        const long live = krn::faultinject::liveBlocks();
+        bool sawFailure = false;
+        for (long n = 0; n < 50; ++n) {
+            krn::faultinject::arm(n, -1);  // every allocation from the Nth on fails
+            // Compressed rows live in blocks of 32768 rows: grow past one.
+            int32_t rc = K_ChangeBitmapHeight(&bm, type == 512 ? 40000 : 70000 / int32_t(bm.nBytesPerLine) + 40);
+            krn::faultinject::disarm();
+            if (rc == KS_SUCCESS) break;
+            sawFailure = true;
+            EXPECT_EQ(bm.nHeight, 20) << type;
+            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << type << " n=" << n;
+            expectPattern(&bm, 20, 5, "after a failed height change");
+        }
+        if (type != 128 && type != 4) {  // tiles and files do not need the allocator here
+            EXPECT_TRUE(sawFailure) << type;
+        }
+        expectPattern(&bm, 20, 5, "after growth");
+        K_FreeBitmap(&bm);
+    }
+}
+
+TEST(StorageFaults, TemporaryFileFailures) {
+    CapGuard guard;
+    testfs::StateGuard state;
+    const int64_t base = counter();
+    BITMAPRECORD bm;
+    // A missing temporary folder: the file cannot be made.
+    ASSERT_EQ(K_SetTempDirectoryUtf8("/nonexistent/ombrix/folder"), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 10, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 128), KS_FILE_OPEN);
+    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    // With a cap in the way, the cap is reported.
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 10, nullptr), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_MEMORY_CAP_EXCEEDED);
+    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    EXPECT_EQ(counter(), base);
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), KS_SUCCESS);
+    ASSERT_EQ(K_SetTempDirectoryUtf8(nullptr), KS_SUCCESS);
+    // A full disk (files limited to 1 MiB): extending the file fails with -5.
+    TEMPFILEOPTIONS o = state.saved;
+    o.uStructSize = TEMPFILEOPTIONS_SIZE;
+    o.uMaxFileMiB = 1;
+    ASSERT_EQ(K_SetTempFileOptions(&o), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 1024, 2048, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 128), KS_FILE_WRITE);
+    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    // Tiles that must go to files fail the same way and free the tiles made.
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 1024, 2048, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, counter() + 1, nullptr), KS_SUCCESS);
+    EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 0x180000), KS_FILE_WRITE);
+    EXPECT_EQ(kindOf(bm), 1u);
+    K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(counter(), base);
+    // Mode 3: no temporary files at all; disk requests lose their disk.
+    o.uMaxFileMiB = 0;
+    o.nMode = TEMPFILE_MODE_NO_DISK;
+    ASSERT_EQ(K_SetTempFileOptions(&o), KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 128, 100, 10, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(kindOf(bm), 1u) << "128 becomes 256 in mode 3";
+    EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 128, 0), KS_INVALID_PARAMETER);
+    K_FreeBitmap(&bm);
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, counter() + 10, nullptr), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 10, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_MEMORY_CAP_EXCEEDED);
+}
+
+TEST(StorageFaults, FailingRedirectedWritesReachTheCaller) {
+    CapGuard guard;
+    testfs::StateGuard state;
+    testfs::MemFs fs;
+    REDIRECTRECORD t = fs.table();
+    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 128, 100, 10, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(fs.opens, 1);
+    fillPattern(&bm, 10, 3);
+    expectPattern(&bm, 10, 3, "through the table");
+    fs.failWriteAt = fs.writes + 1;
+    uint8_t row[100] = {};
+    EXPECT_EQ(K_PutBitmapRow(&bm, row, 2, 100), KS_FILE_WRITE);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(fs.openHandles(), 0u);
+    // A disk that is full from the start.
+    fs.capacity = 500;
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 10, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 128), KS_FILE_WRITE);
+    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    EXPECT_EQ(fs.openHandles(), 0u);
+}
+
+// ---------------------------------------------------------------- threads
+TEST(StorageThreads, CounterStaysExactUnderACap) {
+    CapGuard guard;
+    const int64_t base = counter();
+    const int64_t cap = base + 64 * 1024;
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, cap, nullptr), KS_SUCCESS);
+    std::atomic<int> ok{0}, capped{0}, other{0}, overCap{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng{uint32_t(t)};
+            // Each thread holds up to three bitmaps at a time.
+            BITMAPRECORD held[3];
+            for (auto& b : held) K_InitBitmap(&b, BITMAPRECORD_SIZE, 0, 0, 0);
+            for (int i = 0; i < 300; ++i) {
+                BITMAPRECORD& bm = held[i % 3];
+                K_FreeBitmap(&bm);
+                int32_t h = 1 + int32_t(rng() % 40);
+                if (K_InitBitmap(&bm, BITMAPRECORD_SIZE, 1000, h, 8) != KS_SUCCESS) return;
+                // Single block or nothing; every fourth one tiles in memory.
+                int32_t rc = K_AllocateBitmap(&bm, 265);
+                if (rc == KS_SUCCESS && i % 4 == 0) rc = K_SetBitmapMemoryInfo(&bm, 4, 5000);
+                if (counter() > cap) overCap++;
+                if (rc == KS_SUCCESS) {
+                    ok++;
+                    uint8_t row[1000];
+                    std::memset(row, t, sizeof row);
+                    K_PutBitmapRow(&bm, row, h - 1, sizeof row);
+                    if (i % 3 == 0) K_ChangeBitmapHeight(&bm, h + 5);
+                } else if (rc == KS_MEMORY_CAP_EXCEEDED) {
+                    capped++;
+                } else {
+                    other++;
+                }
+            }
+            for (auto& b : held) K_FreeBitmap(&b);
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(counter(), base);
+    EXPECT_EQ(overCap.load(), 0);
+    EXPECT_EQ(other.load(), 0);
+    EXPECT_GT(ok.load(), 0);
+    EXPECT_GT(capped.load(), 0);
+}
+
+// ---------------------------------------------------------------- long
+TEST(StorageLong, LongHugeBitmapOnTilesAndFilesUnderACap) {
+    if (!std::getenv("OMBRIX_LONG_TESTS") || std::string(std::getenv("OMBRIX_LONG_TESTS")) != "1")
+        GTEST_SKIP() << "set OMBRIX_LONG_TESTS=1";
+    CapGuard guard;
+    const int64_t base = counter();
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 256ll * 1024 * 1024, nullptr), KS_SUCCESS);
+    const int32_t W = 20000, H = 20000;
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, W, H, 24, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    uint32_t type = 0;
+    int32_t tiles = 0, onDisk = 0;
+    K_GetBitmapMemoryInfo(&bm, &type, nullptr, &tiles, &onDisk);
+    EXPECT_TRUE(type == 4 || type == 128) << type;
+    EXPECT_LE(counter(), base + 256ll * 1024 * 1024);
+    std::printf("  storage kind %u, %d tiles, %d of them in files\n", type, tiles, onDisk);
+    std::vector<uint8_t> row(bm.nBytesPerLine), got(bm.nBytesPerLine);
+    auto make = [&](int32_t r) {
+        uint32_t x = uint32_t(r) * 2654435761u;
+        for (size_t i = 0; i < row.size(); i += 4) {
+            x ^= x << 13;
+            x ^= x >> 17;
+            x ^= x << 5;
+            std::memcpy(&row[i], &x, std::min<size_t>(4, row.size() - i));
+        }
+    };
+    for (int32_t r = 0; r < H; ++r) {
+        make(r);
+        ASSERT_EQ(K_PutBitmapRow(&bm, row.data(), r, bm.nBytesPerLine), int32_t(bm.nBytesPerLine));
+    }
+    for (int32_t r = 0; r < H; ++r) {
+        make(r);
+        ASSERT_EQ(K_GetBitmapRow(&bm, got.data(), r, bm.nBytesPerLine), int32_t(bm.nBytesPerLine));
+        ASSERT_EQ(got, row) << "row " << r;
+    }
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(counter(), base);
+}
+
+}  // namespace

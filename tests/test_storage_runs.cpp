@@ -1,0 +1,254 @@
+// test_storage_runs.cpp - the compressed-row format: known rows, round trips
+// against a plain bit-by-bit reference compressor, untrusted run lists, the
+// mirror and flip helpers and the compressed row forms on every kind.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "ombrix.h"
+#include "storage_kinds.h"
+
+using namespace storagetest;
+
+namespace {
+
+std::vector<uint16_t> runsOf(const uint8_t* buf) {
+    uint32_t w;
+    std::memcpy(&w, buf, 4);
+    std::vector<uint16_t> r(w);
+    if (w) std::memcpy(r.data(), buf + 4, 2 * size_t(w));
+    return r;
+}
+std::vector<uint8_t> packRuns(const std::vector<uint16_t>& runs) {
+    std::vector<uint8_t> b(4 + 2 * runs.size());
+    uint32_t w = uint32_t(runs.size());
+    std::memcpy(b.data(), &w, 4);
+    if (!runs.empty()) std::memcpy(b.data() + 4, runs.data(), 2 * runs.size());
+    return b;
+}
+
+// Plain reference compressor, written from the format description: the
+// pixels are taken one byte (or partial byte) piece at a time; a piece that
+// continues the current run closes it first when the sum would pass 65535.
+std::vector<uint16_t> referenceCompress(const uint8_t* src, uint64_t first, uint32_t count) {
+    std::vector<uint16_t> out;
+    int val = 0;
+    uint32_t cur = 0;
+    uint64_t pos = first, end = first + count;
+    while (pos < end) {
+        uint64_t byteEnd = std::min<uint64_t>((pos | 7) + 1, end);
+        // maximal pieces of equal bits inside this byte
+        while (pos < byteEnd) {
+            int v = (src[pos >> 3] >> (7 - (pos & 7))) & 1;
+            uint64_t q = pos;
+            while (q < byteEnd && ((src[q >> 3] >> (7 - (q & 7))) & 1) == v) ++q;
+            uint32_t len = uint32_t(q - pos);
+            if (v != val) {
+                out.push_back(uint16_t(cur));
+                cur = 0;
+                val = v;
+            }
+            if (cur + len > 65535) {
+                out.push_back(uint16_t(cur));
+                out.push_back(0);
+                cur = 0;
+            }
+            cur += len;
+            pos = q;
+        }
+    }
+    out.push_back(uint16_t(cur));
+    return out;
+}
+
+TEST(CompressedRows, KnownRows) {
+    std::vector<uint8_t> out(OMBRIX_COMPRESSED_ROW_MAX(70000));
+    uint8_t zeros[2] = {0, 0};
+    ASSERT_EQ(K_CompressRow(out.data(), zeros, 0, 16), KS_SUCCESS);
+    EXPECT_EQ(runsOf(out.data()), (std::vector<uint16_t>{16}));
+    uint8_t lead1[1] = {0xC0};
+    ASSERT_EQ(K_CompressRow(out.data(), lead1, 0, 8), KS_SUCCESS);
+    EXPECT_EQ(runsOf(out.data()), (std::vector<uint16_t>{0, 2, 6}));
+    std::vector<uint8_t> big(70000 / 8, 0);
+    ASSERT_EQ(K_CompressRow(out.data(), big.data(), 0, 70000), KS_SUCCESS);
+    EXPECT_EQ(runsOf(out.data()), (std::vector<uint16_t>{65528, 0, 4472}));
+    std::vector<uint8_t> bigOnes(70000 / 8, 0xFF);
+    ASSERT_EQ(K_CompressRow(out.data(), bigOnes.data(), 0, 70000), KS_SUCCESS);
+    EXPECT_EQ(runsOf(out.data()), (std::vector<uint16_t>{0, 65528, 0, 4472}));
+    // A run may start inside a byte; the source is not changed.
+    uint8_t mid[2] = {0xFF, 0x0F};
+    ASSERT_EQ(K_CompressRow(out.data(), mid, 4, 12), KS_SUCCESS);
+    EXPECT_EQ(runsOf(out.data()), (std::vector<uint16_t>{0, 4, 4, 4}));
+    EXPECT_EQ(mid[0], 0xFF);
+}
+
+TEST(CompressedRows, RoundTripAgainstReference) {
+    std::mt19937 rng(42);
+    for (int iter = 0; iter < 400; ++iter) {
+        const uint32_t count = iter < 20 ? uint32_t(65520 + rng() % 200) : uint32_t(rng() % 300);
+        const uint32_t first = rng() % 17;
+        std::vector<uint8_t> src((first + count + 7) / 8 + 1);
+        // Runs of mixed lengths: long blanks and short strokes, as on a page.
+        int mode = int(rng() % 3);
+        for (auto& b : src) b = mode == 0 ? uint8_t(rng()) : mode == 1 ? (rng() % 8 ? 0 : uint8_t(rng())) : 0xFF;
+        std::vector<uint8_t> out(OMBRIX_COMPRESSED_ROW_MAX(count));
+        ASSERT_EQ(K_CompressRow(out.data(), src.data(), int32_t(first), int32_t(count)), KS_SUCCESS);
+        auto got = runsOf(out.data());
+        ASSERT_EQ(got, referenceCompress(src.data(), first, count)) << "iter " << iter;
+        uint64_t sum = 0;
+        for (auto r : got) sum += r;
+        ASSERT_EQ(sum, count);
+        ASSERT_LE(out.size(), OMBRIX_COMPRESSED_ROW_MAX(count));
+        // Expand into a buffer pre-filled with a pattern: only [first, first+count) changes.
+        std::vector<uint8_t> back(src.size() + 2, 0xA5);
+        ASSERT_EQ(K_ExpandRow(out.data(), back.data(), int32_t(first), int32_t(count)), KS_SUCCESS);
+        for (uint64_t x = 0; x < uint64_t(back.size()) * 8; ++x) {
+            int b = (back[x >> 3] >> (7 - (x & 7))) & 1;
+            int want = (x >= first && x < first + count) ? (src[x >> 3] >> (7 - (x & 7))) & 1
+                                                         : (0xA5 >> (7 - (x & 7))) & 1;
+            ASSERT_EQ(b, want) << "pixel " << x << " iter " << iter;
+        }
+    }
+}
+
+TEST(CompressedRows, RowsBackToBackRoundTrip) {
+    const int32_t W = 77, H = 13;
+    RefImage img(W, H, 1);
+    img.randomize(3);
+    std::vector<uint8_t> packed(OMBRIX_COMPRESSED_ROW_MAX(W) * H);
+    ASSERT_EQ(K_CompressRows(packed.data(), img.px.data(), W, H), KS_SUCCESS);
+    // Each row is where the previous one ends.
+    size_t off = 0;
+    for (int32_t r = 0; r < H; ++r) {
+        std::vector<uint8_t> one(OMBRIX_COMPRESSED_ROW_MAX(W));
+        K_CompressRow(one.data(), img.row(r), 0, W);
+        auto a = runsOf(one.data());
+        ASSERT_EQ(runsOf(packed.data() + off), a);
+        off += 4 + 2 * a.size();
+    }
+    std::vector<uint8_t> back(img.px.size(), 0xFF);
+    ASSERT_EQ(K_ExpandRows(packed.data(), back.data(), W, H), KS_SUCCESS);
+    EXPECT_EQ(back, img.px);
+    // Row count 0: 1 and nothing written, even with null buffers.
+    EXPECT_EQ(K_ExpandRows(nullptr, nullptr, W, 0), KS_SUCCESS);
+    EXPECT_EQ(K_CompressRows(nullptr, nullptr, W, 0), KS_SUCCESS);
+    EXPECT_EQ(K_ExpandRows(packed.data(), nullptr, W, 1), KS_INVALID_PARAMETER);
+}
+
+TEST(CompressedRows, UntrustedRunsNeverWritePastTheRow) {
+    // Runs summing far past the width, and a huge word count of 1-runs.
+    const int32_t W = 20;
+    auto bad = packRuns({3, 65535, 65535, 65535});
+    std::vector<uint8_t> dst(4 + 8, 0x5A);  // one row of 4 bytes, then guard bytes
+    ASSERT_EQ(K_ExpandRows(bad.data(), dst.data(), W, 1), KS_SUCCESS);
+    EXPECT_EQ(dst[0], 0x1F);
+    EXPECT_EQ(dst[2], 0xF0);  // pixels 16..19 set, padding cleared
+    EXPECT_EQ(dst[3], 0x00);
+    for (size_t i = 4; i < dst.size(); ++i) EXPECT_EQ(dst[i], 0x5A);
+    // ExpandRow keeps the bits around the range.
+    std::vector<uint8_t> d2(4, 0xFF);
+    ASSERT_EQ(K_ExpandRow(bad.data(), d2.data(), 5, 6), KS_SUCCESS);
+    EXPECT_EQ(d2[0], 0xF8);  // pixels 5..7 cleared
+    EXPECT_EQ(d2[1], 0xFF);
+    std::vector<uint8_t> d3(4, 0x00);
+    ASSERT_EQ(K_ExpandRow(bad.data(), d3.data(), 5, 6), KS_SUCCESS);
+    EXPECT_EQ(d3[0], 0x00);
+    EXPECT_EQ(d3[1], 0xE0);  // pixels 8..10 set, the run is cut at pixel 11
+    EXPECT_EQ(d3[2], 0x00);
+}
+
+TEST(CompressedRows, MirrorAndFlip) {
+    std::vector<uint8_t> src;
+    for (auto& r : {std::vector<uint16_t>{3, 5}, std::vector<uint16_t>{0, 4, 4}, std::vector<uint16_t>{}}) {
+        auto p = packRuns(r);
+        src.insert(src.end(), p.begin(), p.end());
+    }
+    std::vector<uint8_t> dst(64, 0xEE);
+    ASSERT_EQ(K_MirrorCompressedBuffer(src.data(), dst.data(), 3), KS_SUCCESS);
+    EXPECT_EQ(runsOf(dst.data()), (std::vector<uint16_t>{0, 5, 3}));
+    EXPECT_EQ(runsOf(dst.data() + 10), (std::vector<uint16_t>{4, 4}));
+    EXPECT_EQ(runsOf(dst.data() + 18), (std::vector<uint16_t>{0}));
+    EXPECT_EQ(K_MirrorCompressedBuffer(nullptr, dst.data(), 1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_MirrorCompressedBuffer(src.data(), dst.data(), 0), KS_SUCCESS);
+
+    // Mirror agrees with mirroring pixels, on random rows.
+    const int32_t W = 53, H = 9;
+    RefImage img(W, H, 1), mir(W, H, 1);
+    img.randomize(8);
+    for (int32_t r = 0; r < H; ++r)
+        for (int32_t x = 0; x < W; ++x) setPixel(mir.row(r), W - 1 - x, 1, getPixel(img.row(r), x, 1));
+    std::vector<uint8_t> a(OMBRIX_COMPRESSED_ROW_MAX(W) * H), b(a.size() + 4 * H), c(img.px.size());
+    ASSERT_EQ(K_CompressRows(a.data(), img.px.data(), W, H), KS_SUCCESS);
+    ASSERT_EQ(K_MirrorCompressedBuffer(a.data(), b.data(), H), KS_SUCCESS);
+    ASSERT_EQ(K_ExpandRows(b.data(), c.data(), W, H), KS_SUCCESS);
+    EXPECT_EQ(c, mir.px);
+    // Flip: rows in reverse order, each unchanged.
+    std::vector<uint8_t> f(a.size());
+    ASSERT_EQ(K_FlipCompressedBuffer(a.data(), f.data(), H), KS_SUCCESS);
+    ASSERT_EQ(K_ExpandRows(f.data(), c.data(), W, H), KS_SUCCESS);
+    for (int32_t r = 0; r < H; ++r)
+        EXPECT_TRUE(std::equal(img.row(r), img.row(r) + img.bpl, c.data() + size_t(H - 1 - r) * img.bpl));
+    EXPECT_EQ(K_FlipCompressedBuffer(a.data(), nullptr, 1), KS_INVALID_PARAMETER);
+}
+
+TEST(CompressedRows, CompressedFormsOnEveryKind) {
+    const int32_t W = 150, H = 7;
+    CapGuard guard;
+    RefImage ref(W, H, 1);
+    ref.randomize(77);
+    for (Kind kind : kindsFor(1)) {
+        SCOPED_TRACE(kindName(kind));
+        KindBitmap k(kind, W, H, 1);
+        ASSERT_EQ(k.rc, KS_SUCCESS);
+        std::vector<uint8_t> runs(OMBRIX_COMPRESSED_ROW_MAX(W));
+        for (int32_t r = 0; r < H; ++r) {
+            K_CompressRow(runs.data(), ref.row(r), 0, W);
+            ASSERT_EQ(K_PutBitmapRowCompressed(&k.bm, nullptr, runs.data(), r, W), KS_SUCCESS);
+        }
+        std::vector<uint8_t> work(ref.bpl), row(ref.bpl), got(OMBRIX_COMPRESSED_ROW_MAX(W));
+        for (int32_t r = 0; r < H; ++r) {
+            ASSERT_EQ(K_GetBitmapRow(&k.bm, row.data(), r, ref.bpl), int32_t(ref.bpl));
+            ASSERT_TRUE(std::equal(row.begin(), row.end(), ref.row(r)));
+            ASSERT_EQ(K_GetBitmapRowCompressed(&k.bm, work.data(), got.data(), r, W), KS_SUCCESS);
+            ASSERT_EQ(runsOf(got.data()), referenceCompress(ref.row(r), 0, W));
+            // A column range.
+            ASSERT_EQ(K_GetBitmapRowColCompressed(&k.bm, nullptr, got.data(), r, 13, 70), KS_SUCCESS);
+            ASSERT_EQ(runsOf(got.data()), referenceCompress(ref.row(r), 13, 70));
+        }
+        // Put a column range: only those pixels change.
+        auto ones = packRuns({0, 40});
+        ASSERT_EQ(K_PutBitmapRowColCompressed(&k.bm, nullptr, ones.data(), 2, 100, 40), KS_SUCCESS);
+        for (int32_t x = 100; x < 140; ++x) setPixel(ref.row(2), x, 1, 1);
+        // Untrusted: runs past the count are cut; they do not reach pixel 140.
+        auto over = packRuns({0, 60000, 0, 9999});
+        ASSERT_EQ(K_PutBitmapRowColCompressed(&k.bm, nullptr, over.data(), 3, 0, 5), KS_SUCCESS);
+        for (int32_t x = 0; x < 5; ++x) setPixel(ref.row(3), x, 1, 1);
+        // A whole-row put whose runs do not sum to the width is not stored as given.
+        auto shortRow = packRuns({10, 10});
+        ASSERT_EQ(K_PutBitmapRowCompressed(&k.bm, nullptr, shortRow.data(), 4, W), KS_SUCCESS);
+        for (int32_t x = 0; x < W; ++x) setPixel(ref.row(4), x, 1, x >= 10 && x < 20 ? 1 : 0);
+        for (int32_t r = 0; r < H; ++r) {
+            ASSERT_EQ(K_GetBitmapRow(&k.bm, row.data(), r, ref.bpl), int32_t(ref.bpl));
+            ASSERT_TRUE(std::equal(row.begin(), row.end(), ref.row(r))) << "row " << r;
+            ASSERT_EQ(K_GetBitmapRowCompressed(&k.bm, nullptr, got.data(), r, W), KS_SUCCESS);
+            uint64_t sum = 0;
+            for (auto v : runsOf(got.data())) sum += v;
+            ASSERT_EQ(sum, uint64_t(W)) << "stored rows always sum to the width";
+        }
+        ref.randomize(77);  // restore for the next kind
+    }
+}
+
+TEST(CompressedRows, CompressedFormsNeedOneBit) {
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 2, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    uint8_t runs[64];
+    EXPECT_EQ(K_GetBitmapRowCompressed(&bm, nullptr, runs, 0, 10), KS_INVALID_BITS_PER_PIXEL);
+    EXPECT_EQ(K_GetBitmapRowCompressed(&bm, nullptr, nullptr, 0, 10), KS_INVALID_PARAMETER);
+    K_FreeBitmap(&bm);
+}
+
+}  // namespace
