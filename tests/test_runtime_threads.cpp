@@ -460,11 +460,12 @@ TEST(RuntimeWorkItems, OutOfMemoryInQueueItemDoesNotHangWait) {
     }
     long live = krn::faultinject::liveBlocks();
     KTWorkItems w;
-    ASSERT_EQ(w.Create(3, 0, 0), 1);
+    ASSERT_EQ(w.Create(4, 0, 0), 1);
     ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
     krn::faultinject::arm(0, 1);
     EXPECT_EQ(w.QueueItem(countItem, &ran), KS_NO_MEMORY);
     krn::faultinject::disarm();
+    EXPECT_EQ(w.QueueItem(nullptr, &ran), KS_INVALID_PARAMETER);  // also counts as finished
     ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
     w.Wait();
     EXPECT_EQ(ran.load(), 3);
