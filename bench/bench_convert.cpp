@@ -75,6 +75,10 @@ OMBRIX_CONVERT_BENCH(16to24_555, 16, 24, ORDER_BGR, ORDER_BGR)
 OMBRIX_CONVERT_BENCH(16to24_565, 16, 24, ORDER_BGR565, ORDER_BGR)
 OMBRIX_CONVERT_BENCH(48to24, 48, 24, ORDER_BGR, ORDER_BGR)
 OMBRIX_CONVERT_BENCH(24toGrey8, 24, 0, ORDER_BGR, ORDER_GRAY)
+// Palette expansion (the fixed palettes) and a conversion through the pivot.
+OMBRIX_CONVERT_BENCH(8to24_palette, 8, 24, ORDER_BGR, ORDER_BGR)
+OMBRIX_CONVERT_BENCH(4to32_palette, 4, 32, ORDER_BGR, ORDER_BGR)
+OMBRIX_CONVERT_BENCH(64to48_pivot, 64, 48, ORDER_RGB, ORDER_BGR)
 
 // ---------------------------------------------------------------- peers
 // Peers write into a separate image (they do not convert in place).

@@ -16,8 +16,7 @@
 
 namespace {
 
-constexpr int32_t kW = 4000, kH = 1000;  // 24 bits: 12 MB
-constexpr size_t kBytes = size_t(kW) * 3 * kH;
+constexpr int32_t kW = 4000;  // pixels per row of the whole-row benchmarks
 
 // ---------------------------------------------------------------- test images
 // A scanned-text-like 1-bit page (300 dpi letter): margins, lines of
@@ -85,63 +84,86 @@ std::vector<uint8_t> photo24(int32_t w, int32_t h) {
 }
 
 // ---------------------------------------------------------------- whole rows
+// 4000 pixels x 24 bits per row; state.range(0) rows: 1000 (12 MB, fits the
+// last-level cache) and 4000 (48 MB, does not).
 struct RowBench {
     BITMAPRECORD bm{};
-    std::vector<uint8_t> src = bench::randomBytes(kBytes), dst = std::vector<uint8_t>(kBytes);
+    int32_t h;
+    size_t bytes;
+    std::vector<uint8_t> src, dst;
     bool ok = false;
-    explicit RowBench(uint32_t type, uint32_t convertTo) {
-        ok = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, type, kW, kH, 24, ORDER_BGR, nullptr, TOP_LEFT, nullptr, 0) ==
+    bool accessed = false;
+    RowBench(int32_t rows, uint32_t type, uint32_t convertTo, bool access = true)
+        : h(rows), bytes(size_t(kW) * 3 * size_t(rows)), src(bench::randomBytes(bytes)), dst(bytes) {
+        ok = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, type, kW, h, 24, ORDER_BGR, nullptr, TOP_LEFT, nullptr, 0) ==
              KS_SUCCESS;
-        if (ok && convertTo) ok = K_SetBitmapMemoryInfo(&bm, convertTo, 4u << 20) == KS_SUCCESS;
-        if (ok) ok = K_AccessBitmap(&bm) == KS_SUCCESS;
-        for (int32_t r = 0; ok && r < kH; ++r)
+        if (ok && convertTo) {
+            // convertTo 0x10004: tiles that all live in temporary files (a cap they cannot fit under).
+            int64_t oldCap = 0, held = 0;
+            if (convertTo & 0x10000) {
+                K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &held);
+                K_ManageMemory(MANAGEMEMORY_SET_CAP, held + 1, &oldCap);
+            }
+            ok = K_SetBitmapMemoryInfo(&bm, convertTo & 0xFFFF, 4u << 20) == KS_SUCCESS;
+            if (convertTo & 0x10000) K_ManageMemory(MANAGEMEMORY_SET_CAP, oldCap, nullptr);
+        }
+        if (ok && access) ok = accessed = K_AccessBitmap(&bm) == KS_SUCCESS;
+        for (int32_t r = 0; ok && r < h; ++r)
             ok = K_PutBitmapRow(&bm, src.data() + size_t(r) * 12000, r, 12000) == 12000;
     }
     ~RowBench() {
-        K_ReleaseBitmap(&bm);
+        if (accessed) K_ReleaseBitmap(&bm);
         K_FreeBitmap(&bm);
     }
 };
 
-void getRows(benchmark::State& state, uint32_t type, uint32_t convertTo) {
-    RowBench b(type, convertTo);
+void getRows(benchmark::State& state, uint32_t type, uint32_t convertTo, bool access = true) {
+    RowBench b(int32_t(state.range(0)), type, convertTo, access);
     if (!b.ok) {
         state.SkipWithError("bitmap setup failed");
         return;
     }
     for (auto _ : state) {
-        for (int32_t r = 0; r < kH; ++r) K_GetBitmapRow(&b.bm, b.dst.data() + size_t(r) * 12000, r, 12000);
+        for (int32_t r = 0; r < b.h; ++r) K_GetBitmapRow(&b.bm, b.dst.data() + size_t(r) * 12000, r, 12000);
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kBytes));
+    if (b.dst != b.src) state.SkipWithError("rows differ");
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(b.bytes));
 }
 void putRows(benchmark::State& state, uint32_t type, uint32_t convertTo) {
-    RowBench b(type, convertTo);
+    RowBench b(int32_t(state.range(0)), type, convertTo);
     if (!b.ok) {
         state.SkipWithError("bitmap setup failed");
         return;
     }
     for (auto _ : state) {
-        for (int32_t r = 0; r < kH; ++r) K_PutBitmapRow(&b.bm, b.src.data() + size_t(r) * 12000, r, 12000);
+        for (int32_t r = 0; r < b.h; ++r) K_PutBitmapRow(&b.bm, b.src.data() + size_t(r) * 12000, r, 12000);
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kBytes));
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(b.bytes));
 }
 
-void BM_Rows_Memcpy_12MB(benchmark::State& s) { bench::memcpyBaseline(s, kBytes); }
+void BM_Rows_Memcpy(benchmark::State& s) { bench::memcpyBaseline(s, size_t(kW) * 3 * size_t(s.range(0))); }
 void BM_Rows_GetSingleBlock(benchmark::State& s) { getRows(s, 1, 0); }
 void BM_Rows_PutSingleBlock(benchmark::State& s) { putRows(s, 1, 0); }
+// Without K_AccessBitmap: every row locks and unlocks the block.
+void BM_Rows_GetSingleBlockNotAccessed(benchmark::State& s) { getRows(s, 1, 0, false); }
 void BM_Rows_GetTiles(benchmark::State& s) { getRows(s, 1, 4); }
 void BM_Rows_PutTiles(benchmark::State& s) { putRows(s, 1, 4); }
+void BM_Rows_GetFileTiles(benchmark::State& s) { getRows(s, 1, 0x10004); }
+void BM_Rows_PutFileTiles(benchmark::State& s) { putRows(s, 1, 0x10004); }
 void BM_Rows_GetDisk(benchmark::State& s) { getRows(s, 128, 0); }
 void BM_Rows_PutDisk(benchmark::State& s) { putRows(s, 128, 0); }
-BENCHMARK(BM_Rows_Memcpy_12MB)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Rows_GetSingleBlock)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Rows_PutSingleBlock)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Rows_GetTiles)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Rows_PutTiles)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Rows_GetDisk)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_Rows_PutDisk)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_Memcpy)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_GetSingleBlock)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_PutSingleBlock)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_GetSingleBlockNotAccessed)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_GetTiles)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_PutTiles)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_GetFileTiles)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_PutFileTiles)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_GetDisk)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Rows_PutDisk)->Arg(1000)->Arg(4000)->Unit(benchmark::kMicrosecond);
 
 // ---------------------------------------------------------------- compressed rows
 constexpr int32_t kPageW = 2550, kPageH = 3300;

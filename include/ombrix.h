@@ -255,11 +255,24 @@ struct BITMAPALLOCINFO_ {
 /* ======================================================================
  * Section: record operations
  * ====================================================================== */
+/* Fills a record without storage: zeroes the layout's bytes, stores the size word, and for a
+ * non-empty image its dimensions, depth, bytes per line (rows padded to 4 bytes), data size, view
+ * perspective 4, order (RGB up to 8 bits, grey at 12, else BGR), per-thread default resolutions
+ * and dithering method. Width, height and depth all 0 give an empty record (1).
+ * -13 null record, -789 bad size word, -11 negative width or height or a row that does not fit
+ * 32 bits, -27 bad depth, -3 older layout and more than 0xFFFF0000 bytes of data. */
 OMBRIX_API int32_t K_InitBitmap(BITMAPRECORD* pBitmap, uint32_t uStructSize,
                                 int32_t nWidth, int32_t nHeight, int32_t nBitsPerPixel);
 OMBRIX_API int32_t K_InitBitmapWithCallbacks(BITMAPRECORD* pBitmap, uint32_t uStructSize,
                                              int32_t nWidth, int32_t nHeight, int32_t nBitsPerPixel,
                                              const BITMAPDATACALLBACKS* pCallbacks);
+/* Initialises (depth 0 means 8-bit grey), checks the order (-13 unknown; -27 order 5 other than
+ * at 24/48 bits, order 7 other than at 16) and the view perspective (0 means 1; -13 outside 0..8),
+ * allocates with the memory type, then gives a 1..8-bit image a palette: a grey ramp for depth 0
+ * or grey order without a palette, else a copy of pPalette, else the fixed palette. With memory
+ * type 2 and pData, attaches the caller's buffer (K_SetBitmapDataPointer). The caller's record is
+ * written only on success; on failure everything made is released (storage that an allocate
+ * callback supplied goes back through the free callback). */
 OMBRIX_API int32_t K_CreateBitmap(BITMAPRECORD* pBitmap, uint32_t uStructSize, uint32_t uMemoryType,
                                   int32_t nWidth, int32_t nHeight, int32_t nBitsPerPixel,
                                   int32_t nOrder, const RGBQUAD* pPalette, int32_t nViewPerspective,
@@ -270,9 +283,18 @@ OMBRIX_API int32_t K_CreateBitmapWithCallbacks(BITMAPRECORD* pBitmap, uint32_t u
                                                const RGBQUAD* pPalette, int32_t nViewPerspective,
                                                void* pData, uint64_t uDataSize,
                                                const BITMAPDATACALLBACKS* pCallbacks);
-/* Releases everything the record owns; null or a bad size word is ignored. Returns 1. */
+/* Releases everything the record owns (region, palette, storage unless the free callback answers 2,
+ * LUT, extra data, callbacks, dithering state) and ends outstanding accesses, leaving the record
+ * reusable; null or a bad size word is ignored. Returns 1. */
 OMBRIX_API int32_t K_FreeBitmap(BITMAPRECORD* pBitmap);
+/* Attaches caller memory (flags 0x0403); a null pData detaches. -2 null record; -13 a buffer
+ * whose size is not the data size (a record already on caller memory takes any buffer at least
+ * that large), checked before the size word (-789); -13 when the record's own storage is being
+ * accessed. Storage the record owned is freed first. */
 OMBRIX_API int32_t K_SetBitmapDataPointer(BITMAPRECORD* pBitmap, void* pData, uint64_t uDataSize);
+/* Grows or shrinks an allocated bitmap in place, keeping the rows it keeps. -2 null or not
+ * allocated (checked before the size word, -789); -13 caller memory or storage being accessed;
+ * -11 negative height; -1 (old height kept) when the storage cannot change. Same height: 1. */
 OMBRIX_API int32_t K_ChangeBitmapHeight(BITMAPRECORD* pBitmap, int32_t nHeight);
 
 /* Data callbacks: the table is copied into a block the record owns.
@@ -1012,8 +1034,8 @@ OMBRIX_API int32_t K_StartDithering(BITMAPRECORD* pBitmap, const RGBQUAD* pPalet
 /* As K_StartDithering with an explicit output depth nBits (1..8, at least the
  * depth uColors needs) and an optional caller match table of 32768 words over
  * the 5-5-5 grid (index (R>>3)<<10 | (G>>3)<<5 | B>>3, each word the palette
- * index + 1). A caller table is used as it is and never freed; it must stay
- * alive until the run stops. Without one, a palette equal byte for byte to a
+ * index + 1; 0 reads as index 0). The table is read once, when the run
+ * starts, and never freed by the run. Without one, a palette equal byte for byte to a
  * fixed palette (or the web palette) is quantised directly, and any other
  * palette is mapped through the thread's installed user match table when
  * there is one, else through a table the run builds (and frees). */

@@ -120,19 +120,17 @@ TEST(ConvertHsv, RoundTripKeepsHsv) {
 }
 
 TEST(ConvertSizes, CalcConvertSize) {
-    auto row = [](uint64_t w, uint64_t b) { return ((w * (b ? b : 8) + 31) / 32) * 4; };
-    std::mt19937 rng(2);
-    const int depths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
-    for (int k = 0; k < 3000; ++k) {
-        int wa = int(rng() % 5000), wb = int(rng() % 5000);
-        int ba = depths[rng() % 15], bb = depths[rng() % 15];
-        uint64_t want = std::max({row(wa, ba), row(wb, ba), row(wb, bb)});
-        ASSERT_EQ(K_CalcConvertSize(wa, ba, wb, bb), uint32_t(want)) << wa << " " << ba << " " << wb << " " << bb;
-    }
-    EXPECT_EQ(K_CalcConvertSize(10, 24, 20, 1), 60u);
-    EXPECT_EQ(K_CalcConvertSize(3, 0, 1, 1), 4u);
-    EXPECT_EQ(K_CalcConvertSize(-1, 8, 1, 1), 0u);
-    EXPECT_EQ(K_CalcConvertSize(0x7FFFFFFF, 64, 1, 1), 0u);  // beyond 32 bits
+    // The largest of the rows involved: width A at depth A, width B at depth A and at depth B
+    // (each rounded up to four bytes; depth 0 counts as 8).
+    struct Size {
+        int32_t wa, ba, wb, bb;
+        uint32_t bytes;
+    };
+    const Size sizes[] = {{10, 24, 20, 1, 60},  {3, 0, 1, 1, 4},     {1, 1, 3, 64, 24},
+                          {100, 8, 10, 8, 100}, {33, 1, 1, 48, 8},   {4999, 12, 7, 64, 7500},
+                          {-1, 8, 1, 1, 0},     {0x7FFFFFFF, 64, 1, 1, 0}};  // beyond 32 bits
+    for (const auto& c : sizes)
+        EXPECT_EQ(K_CalcConvertSize(c.wa, c.ba, c.wb, c.bb), c.bytes) << c.wa << " " << c.ba << " " << c.wb << " " << c.bb;
 }
 
 namespace {

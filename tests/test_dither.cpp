@@ -8,20 +8,19 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <numeric>
 #include <memory>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "convert_reference.h"
 #include "dither_ref.h"
 #include "ombrix.h"
 #include "krn/common/dither.h"
 #include "krn/common/hooks.h"
 #include "krn/common/memory.h"
 #include "krn/common/palette.h"
-#include "krn/common/settings.h"
 
 namespace {
 
@@ -124,7 +123,7 @@ std::vector<int> runLibrary(int method, int w, int h, const std::vector<Rgb>& im
     return out;
 }
 
-// The description's 5-5-5 match table, from the nearest-colour oracle over
+// The 5-5-5 match table as the palette family defines it, from the nearest-colour oracle over
 // the usable entries (reserved byte without its two low bits).
 std::vector<uint32_t> referenceTable(const std::vector<RGBQUAD>& pal) {
     std::vector<RGBQUAD> usable;
@@ -219,39 +218,42 @@ TEST(DitherFrame, ChecksPointerSizeThenValues) {
     bad.uStructSize = 100;
     EXPECT_EQ(K_StartDithering(&bad, nullptr, 0), KS_INVALID_STRUCT_SIZE);
     EXPECT_EQ(K_StartDitheringExt(&bad, nullptr, 2, 1, nullptr), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 257), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StartDitheringExt(&rec.bm, nullptr, 16, 3, nullptr), KS_INVALID_PARAMETER);  // 16 > 2^3
-    EXPECT_EQ(K_StartDitheringExt(&rec.bm, nullptr, 2, 0, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StartDitheringExt(&rec.bm, nullptr, 2, 9, nullptr), KS_INVALID_PARAMETER);
-    rec.bm.nDitheringMethod = 9;
-    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_PARAMETER);
-    rec.bm.nDitheringMethod = -1;
-    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_PARAMETER);
-    rec.bm.nDitheringMethod = 1;
-    rec.bm.nBitsPerPixel = 9;
-    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_BITS_PER_PIXEL);
-    rec.bm.nBitsPerPixel = 16;
-    rec.bm.nOrder = ORDER_ROMM;
-    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_PARAMETER);
-    rec.bm.nBitsPerPixel = 24;
-    rec.bm.nOrder = ORDER_BGR;
-    rec.bm.nWidth = 0;
-    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_DIMENSIONS);
-    rec.bm.nWidth = 8;
-    rec.bm.nBitsPerPixel = 16;
-    rec.bm.nOrder = ORDER_GRAY;
-    rec.bm.nLowBit = 3;
-    rec.bm.nHighBit = 16;  // beyond the sample
-    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_PARAMETER);
-    rec.bm.nLowBit = 9;
-    rec.bm.nHighBit = 8;  // low above high
-    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_INVALID_PARAMETER);
-    rec.bm.nLowBit = 0;
-    rec.bm.nHighBit = 15;
-    rec.bm.nBitsPerPixel = 24;
-    rec.bm.nOrder = ORDER_BGR;
-    EXPECT_EQ(rec.bm.pDitherState, nullptr);  // nothing was started by the failures
+    // Each case spoils one value of a good record (or the call's arguments).
+    struct BadStart {
+        const char* what;
+        void (*spoil)(BITMAPRECORD&);
+        uint32_t colors;
+        int bits;  // -1: the plain start
+        int32_t expect;
+    };
+    const BadStart bads[] = {
+        {"no colours", [](BITMAPRECORD&) {}, 0, -1, KS_INVALID_PARAMETER},
+        {"257 colours", [](BITMAPRECORD&) {}, 257, -1, KS_INVALID_PARAMETER},
+        {"16 colours in 3 bits", [](BITMAPRECORD&) {}, 16, 3, KS_INVALID_PARAMETER},
+        {"0 bits", [](BITMAPRECORD&) {}, 2, 0, KS_INVALID_PARAMETER},
+        {"9 bits", [](BITMAPRECORD&) {}, 2, 9, KS_INVALID_PARAMETER},
+        {"method 9", [](BITMAPRECORD& b) { b.nDitheringMethod = 9; }, 2, -1, KS_INVALID_PARAMETER},
+        {"method -1", [](BITMAPRECORD& b) { b.nDitheringMethod = -1; }, 2, -1, KS_INVALID_PARAMETER},
+        {"9 bpp", [](BITMAPRECORD& b) { b.nBitsPerPixel = 9; }, 2, -1, KS_INVALID_BITS_PER_PIXEL},
+        {"16-bit wide-primaries", [](BITMAPRECORD& b) { b.nBitsPerPixel = 16, b.nOrder = ORDER_ROMM; }, 2, -1,
+         KS_INVALID_PARAMETER},
+        {"width 0", [](BITMAPRECORD& b) { b.nWidth = 0; }, 2, -1, KS_INVALID_DIMENSIONS},
+        {"width 2^29", [](BITMAPRECORD& b) { b.nWidth = 1 << 29; }, 2, -1, KS_INVALID_DIMENSIONS},
+        {"high bit beyond the sample",
+         [](BITMAPRECORD& b) { b.nBitsPerPixel = 16, b.nOrder = ORDER_GRAY, b.nLowBit = 3, b.nHighBit = 16; }, 2, -1,
+         KS_INVALID_PARAMETER},
+        {"low bit above high bit",
+         [](BITMAPRECORD& b) { b.nBitsPerPixel = 16, b.nOrder = ORDER_GRAY, b.nLowBit = 9, b.nHighBit = 8; }, 2, -1,
+         KS_INVALID_PARAMETER},
+    };
+    for (const auto& c : bads) {
+        BITMAPRECORD b = rec.bm;
+        c.spoil(b);
+        const int32_t r = c.bits >= 0 ? K_StartDitheringExt(&b, nullptr, c.colors, c.bits, nullptr)
+                                 : K_StartDithering(&b, nullptr, c.colors);
+        EXPECT_EQ(r, c.expect) << c.what;
+        EXPECT_EQ(b.pDitherState, nullptr) << c.what;  // nothing was started by the failure
+    }
 
     EXPECT_EQ(K_DitherLine(nullptr, src, dst), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_DitherLine(&bad, src, dst), KS_INVALID_STRUCT_SIZE);
@@ -354,6 +356,8 @@ TEST(DitherQuantise, FixedCodesGiveTheNearestEntryOnADenseGrid) {
         checkQuantiserAgainstNearest(krn::kCodeFixed2 + bits - 1, fixedPal(bits), 5, nullptr);
     }
     checkQuantiserAgainstNearest(krn::kCodeWeb, webPal(), 5, nullptr);
+    // The two-colour grey cut is the nearest-colour rule on greys.
+    for (int v = 0; v < 256; ++v) EXPECT_EQ(krn::quantiseFixed(2, v, v, v), v >= 128 ? 1 : 0) << v;
 }
 
 TEST(DitherQuantiseLong, FixedCodesGiveTheNearestEntryOverTheWholeCube) {
@@ -367,33 +371,6 @@ TEST(DitherQuantiseLong, FixedCodesGiveTheNearestEntryOverTheWholeCube) {
     long ties = 0;
     checkQuantiserAgainstNearest(krn::kCodeWeb, webPal(), 1, &ties);
     std::printf("web palette: %ld colours with more than one nearest colour\n", ties);
-}
-
-TEST(DitherQuantise, GreyCodesFollowTheGreyCut) {
-    std::mt19937 rng(7);
-    for (int i = 0; i < 200000; ++i) {
-        int r = int(rng() & 255), g = int(rng() & 255), b = int(rng() & 255);
-        ASSERT_EQ(krn::quantiseFixed(2, r, g, b), (5 * g + 2 * (r + 2) + b) >> 10);
-        ASSERT_EQ(krn::quantiseFixed(3, r, g, b), (5 * g + 2 * (r + 2) + b) >> 9);
-    }
-    // On greys the two-colour cut is the nearest-colour rule.
-    for (int v = 0; v < 256; ++v) EXPECT_EQ(krn::quantiseFixed(2, v, v, v), v >= 128 ? 1 : 0);
-}
-
-TEST(DitherQuantise, MethodZeroUsesTheDirectQuantiserThroughTheApi) {
-    const int w = 4096;
-    auto img = testImage(w, 1, 11);
-    for (int bits = 1; bits <= 8; ++bits) {
-        auto pal = fixedPal(bits);
-        auto got = runLibrary(0, w, 1, img, nullptr, uint32_t(pal.size()));
-        for (int x = 0; x < w; ++x)
-            ASSERT_EQ(got[size_t(x)], krn::quantiseFixed(krn::kCodeFixed2 + bits - 1, img[size_t(x)].r,
-                                                          img[size_t(x)].g, img[size_t(x)].b));
-    }
-    auto web = webPal();
-    auto got = runLibrary(0, w, 1, img, web.data(), 256);
-    for (int x = 0; x < w; ++x)
-        ASSERT_EQ(got[size_t(x)], krn::quantiseFixed(krn::kCodeWeb, img[size_t(x)].r, img[size_t(x)].g, img[size_t(x)].b));
 }
 
 // ------------------------------------------------------- against reference
@@ -456,13 +433,6 @@ TEST(DitherReference, RollingFloydKernelMatchesThePlainTapLoop) {
     }
 }
 
-TEST(DitherReference, DeeperOutputDepthsPackTheSameIndices) {
-    auto pal = randomPalette(6, 21);
-    auto img = testImage(61, 5, 8);
-    auto base = runLibrary(1, 61, 5, img, pal.data(), 6, 8);
-    for (int bits = 3; bits <= 7; ++bits) EXPECT_EQ(runLibrary(1, 61, 5, img, pal.data(), 6, bits), base);
-}
-
 TEST(DitherReference, PackingIsMostSignificantBitFirstWithClearedTail) {
     for (int bits = 1; bits <= 7; ++bits)
         for (int w : {1, 3, 5, 8, 9, 13}) {
@@ -477,6 +447,10 @@ TEST(DitherReference, PackingIsMostSignificantBitFirstWithClearedTail) {
             ASSERT_EQ(K_DitherLine(&rec.bm, row.data(), dst.data()), KS_SUCCESS);
             EXPECT_TRUE(std::equal(expect.begin(), expect.end(), dst.begin())) << bits << " bits, width " << w;
             EXPECT_EQ(dst[expect.size()], 0xFF) << "wrote past the packed row";
+            // Deeper output depths pack the same indices.
+            if (bits >= 2) {
+                EXPECT_EQ(runLibrary(0, w, 1, img, pal.data(), uint32_t(pal.size()), 8), idx);
+            }
         }
 }
 
@@ -521,16 +495,12 @@ TEST(DitherProof, ErrorDiffusionKeepsTheMeanOfFlatAreas) {
 }
 
 TEST(DitherProof, OrderedMethodsWithTwoColoursFollowTheThresholdRule) {
-    // The five cells where the dispersed table is not four times Bayer's.
-    EXPECT_EQ(krn::kDitherDispersed[3][0], 236);
-    EXPECT_EQ(krn::kDitherDispersed[3][4], 244);
-    EXPECT_EQ(krn::kDitherDispersed[5][2], 232);
-    EXPECT_EQ(krn::kDitherDispersed[7][0], 248);
-    EXPECT_EQ(krn::kDitherDispersed[7][4], 240);
+    // Both tables against the copies typed in again by the reference (a cell off
+    // by one is rarely visible in the threshold runs below).
     for (int y = 0; y < 8; ++y)
         for (int x = 0; x < 8; ++x) {
-            EXPECT_EQ(krn::kDitherDispersed[y][x], ditherref::kDispersed[y][x]);
-            EXPECT_EQ(krn::kDitherClustered[y][x], ditherref::kClustered[y][x]);
+            EXPECT_EQ(krn::kDitherDispersed[y][x], ditherref::kDispersed[y][x]) << y << "," << x;
+            EXPECT_EQ(krn::kDitherClustered[y][x], ditherref::kClustered[y][x]) << y << "," << x;
         }
     const int w = 203, h = 37;
     auto img = testImage(w, h, 4);
@@ -548,28 +518,28 @@ TEST(DitherProof, OrderedMethodsWithTwoColoursFollowTheThresholdRule) {
 }
 
 TEST(DitherProof, FixedPaletteInOrderTakesTheDirectPathShuffledTakesTheTable) {
+    struct Case {
+        const char* name;
+        std::vector<RGBQUAD> pal;
+        uint32_t count;
+        int code;
+    };
+    std::vector<Case> cases = {{"web", webPal(), 256, krn::kCodeWeb},
+                               // 100 entries of the 128-colour palette are not the fixed palette
+                               {"first 100 of 128", fixedPal(7), 100, krn::kCodeBuiltTable},
+                               // byte for byte, the reserved byte counts
+                               {"reserved byte set", fixedPal(4), 16, krn::kCodeBuiltTable}};
+    cases.back().pal[3].rgbReserved = 4;
     for (int bits = 1; bits <= 8; ++bits) {
-        auto pal = fixedPal(bits);
-        Rec rec(16, 24, ORDER_BGR, 0);
-        ASSERT_EQ(K_StartDithering(&rec.bm, pal.data(), uint32_t(pal.size())), KS_SUCCESS);
-        EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeFixed2 + bits - 1);
-        if (bits == 1) continue;  // two entries shuffle into themselves or a swap; covered below
-        auto mixed = shuffled(pal, uint32_t(bits));
-        if (std::memcmp(mixed.data(), pal.data(), pal.size() * sizeof(RGBQUAD)) == 0) std::swap(mixed[0], mixed[1]);
-        ASSERT_EQ(K_StartDithering(&rec.bm, mixed.data(), uint32_t(mixed.size())), KS_SUCCESS);
-        EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeBuiltTable);
+        cases.push_back({"in order", fixedPal(bits), 1u << bits, krn::kCodeFixed2 + bits - 1});
+        // two entries shuffle into themselves or a swap: the reference cases cover them
+        if (bits > 1) cases.push_back({"shuffled", shuffled(fixedPal(bits), uint32_t(bits)), 1u << bits, krn::kCodeBuiltTable});
     }
-    auto web = webPal();
-    Rec rec(16, 24, ORDER_BGR, 0);
-    ASSERT_EQ(K_StartDithering(&rec.bm, web.data(), 256), KS_SUCCESS);
-    EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeWeb);
-    auto first100 = fixedPal(7);  // 100 entries of the 128-colour palette are not the fixed palette
-    ASSERT_EQ(K_StartDithering(&rec.bm, first100.data(), 100), KS_SUCCESS);
-    EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeBuiltTable);
-    auto flagged = fixedPal(4);
-    flagged[3].rgbReserved = 4;  // byte for byte, the reserved byte counts
-    ASSERT_EQ(K_StartDithering(&rec.bm, flagged.data(), 16), KS_SUCCESS);
-    EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeBuiltTable);
+    for (const auto& c : cases) {
+        Rec rec(16, 24, ORDER_BGR, 0);
+        ASSERT_EQ(K_StartDithering(&rec.bm, c.pal.data(), c.count), KS_SUCCESS);
+        EXPECT_EQ(krn::ditherRunCode(&rec.bm), c.code) << c.name << " " << c.count;
+    }
 
     // Observable: the 64-colour palette in order separates (42,0,0) and
     // (43,0,0), which share a cell of the 5-5-5 table; shuffled it cannot.
@@ -584,24 +554,6 @@ TEST(DitherProof, FixedPaletteInOrderTakesTheDirectPathShuffledTakesTheTable) {
     EXPECT_EQ(viaTable[2], viaTable[3]);
 }
 
-TEST(DitherProof, CallerPaletteMapsThroughTheFiveFiveFiveTable) {
-    auto pal = randomPalette(37, 5);
-    pal[4].rgbReserved = 2;  // skipped entries are never chosen
-    pal[9].rgbReserved = 1;
-    auto table = referenceTable(pal);
-    std::mt19937 rng(3);
-    std::vector<Rgb> img(4096);
-    for (auto& p : img) p = {int(rng() & 255), int(rng() & 255), int(rng() & 255)};
-    auto got = runLibrary(0, 4096, 1, img, pal.data(), 37);
-    for (size_t x = 0; x < img.size(); ++x) {
-        ASSERT_EQ(got[x], tableLookup(table, img[x].r, img[x].g, img[x].b));
-        ASSERT_NE(got[x], 4);
-        ASSERT_NE(got[x], 9);
-        // Colours that differ only in their low three bits map alike.
-        ASSERT_EQ(got[x], tableLookup(table, img[x].r | 7, img[x].g & ~7, img[x].b | 5));
-    }
-}
-
 TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
     auto pal = randomPalette(16, 8);
     std::vector<uint32_t> table(32768);
@@ -612,25 +564,36 @@ TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
     EXPECT_EQ(got, (std::vector<int>{0, 1, 2, int(32767 % 7)}));
 
     // A table installed for the thread stands in for the one a run would build.
-    auto& ts = krn::settings();
-    const uint32_t* old = ts.pUserMatchTable;
-    ts.pUserMatchTable = table.data();
+    const uint32_t* old = K_SetUserMatchTable(table.data());
     Rec rec(4, 24, ORDER_BGR, 0);
     ASSERT_EQ(K_StartDithering(&rec.bm, pal.data(), 16), KS_SUCCESS);
     EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeCallerTable);
     auto viaInstalled = runLibrary(0, 4, 1, img, pal.data(), 16);
-    ts.pUserMatchTable = old;
     EXPECT_EQ(viaInstalled, got);
     // Fixed palettes never look at it.
-    ts.pUserMatchTable = table.data();
     ASSERT_EQ(K_StartDithering(&rec.bm, nullptr, 16), KS_SUCCESS);
     EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeFixed16);
-    ts.pUserMatchTable = old;
+    K_SetUserMatchTable(old);
 
     // Indices past the output depth are masked into it.
     for (auto& e : table) e = 200;  // index 199 = 0b11000111
     auto masked = runLibrary(0, 4, 1, img, pal.data(), 16, 4, table.data());
     EXPECT_EQ(masked, (std::vector<int>{7, 7, 7, 7}));
+}
+
+TEST(DitherProof, TheRunsTableIsTheUserMatchTable) {
+    // A table from K_CreateUserMatchTable, passed in, dithers exactly like
+    // the table a run builds for the same palette.
+    auto pal = randomPalette(23, 17);
+    uint32_t* table = K_CreateUserMatchTable(pal.data(), 23);
+    ASSERT_NE(table, nullptr);
+    auto img = testImage(150, 30, 5);
+    for (int method : {0, 1, 6, 7}) {
+        auto built = runLibrary(method, 150, 30, img, pal.data(), 23);
+        auto given = runLibrary(method, 150, 30, img, pal.data(), 23, 5, table);
+        EXPECT_EQ(built, given) << "method " << method;
+    }
+    K_FreeUserMatchTable(table);
 }
 
 TEST(DitherProof, ErrorsNeverWrap) {
@@ -657,116 +620,53 @@ TEST(DitherProof, ErrorsNeverWrap) {
 
 // ---------------------------------------------------------- source depths
 
-// A source row in another format and the 24-bit colours it stands for,
-// computed here independently.
+// A random source row in another format and the 24-bit colours it stands
+// for, as the plain reference converter reads them.
 struct SourceCase {
     int bits, order;
     std::vector<RGBQUAD> pal;  // 1..8 bits
     int lowBit = 0, highBit = -1;
 };
 
-std::vector<uint8_t> makeSource(const SourceCase& c, int w, std::mt19937& rng, std::vector<Rgb>& colours) {
-    colours.assign(size_t(w), Rgb{0, 0, 0});
-    std::vector<uint8_t> row;
-    auto rep5 = [](int v) { return v << 3 | v >> 2; };
-    auto rep6 = [](int v) { return v << 2 | v >> 4; };
-    auto clamp = [](long v, long hi) { return v < 0 ? 0 : (v > hi ? hi : v); };
-    if (c.bits <= 8) {
-        row.assign((size_t(w) * size_t(c.bits) + 7) / 8, 0);
-        for (int x = 0; x < w; ++x) {
-            int idx = int(rng() % (1u << c.bits));
-            for (int k = 0; k < c.bits; ++k) {
-                size_t bit = size_t(x) * size_t(c.bits) + size_t(k);
-                if ((idx >> (c.bits - 1 - k)) & 1) row[bit / 8] |= uint8_t(0x80 >> (bit % 8));
-            }
-            const RGBQUAD& e = c.pal[size_t(idx)];
-            colours[size_t(x)] = {e.rgbRed, e.rgbGreen, e.rgbBlue};
-        }
-        return row;
+// Appends h random rows of the source format and their colours.
+void makeSourceRows(const SourceCase& c, int w, int h, std::mt19937& rng, std::vector<std::vector<uint8_t>>& rows,
+                    std::vector<Rgb>& colours) {
+    convref::Request q;
+    q.width = w, q.srcBits = c.bits, q.srcOrder = c.order, q.dstBits = 24, q.dstOrder = ORDER_RGB;
+    q.srcPal = c.bits <= 8 ? c.pal.data() : nullptr;
+    q.flags = CONVERT_SRCRANGE | (c.order == ORDER_GRAY ? CONVERT_SRCGRAY : 0u);
+    q.lowBit = c.lowBit, q.highBit = c.highBit;
+    ASSERT_EQ(convref::expectedStatus(q), 1);
+    for (int y = 0; y < h; ++y) {
+        std::vector<uint8_t> row(convref::srcRunBytes(q));  // exactly sized: ASan sees overreads
+        for (auto& v : row) v = uint8_t(rng());
+        std::vector<uint8_t> buf = row;
+        buf.resize(std::max(row.size(), convref::dstRunBytes(q)));
+        const auto rgb = convref::convert(q, buf);
+        for (int x = 0; x < w; ++x) colours.push_back({rgb[3 * size_t(x)], rgb[3 * size_t(x) + 1], rgb[3 * size_t(x) + 2]});
+        rows.push_back(std::move(row));
     }
-    const int lo = std::max(c.lowBit, 0);
-    auto windowGrey = [&](uint64_t v, int depth) {
-        int hi = c.highBit < 0 ? depth - 1 : std::min(c.highBit, depth - 1);
-        int n = hi - lo + 1;
-        uint64_t x = (v >> lo) & ((uint64_t(1) << n) - 1);
-        return n >= 8 ? int(x >> (n - 8)) : int(x * 255 / ((uint64_t(1) << n) - 1));
-    };
-    switch (c.bits) {
-        case 12:
-            row.assign((size_t(w) * 12 + 7) / 8 + 1, 0);
-            for (int x = 0; x < w; ++x) {
-                unsigned v = rng() & 0xFFF;
-                size_t bit = size_t(x) * 12;  // low 12 bits of the word at the pixel's first byte
-                if (x % 2 == 0) {
-                    row[bit / 8] = uint8_t(v);
-                    row[bit / 8 + 1] = uint8_t((row[bit / 8 + 1] & 0xF0) | (v >> 8));
-                } else {
-                    row[bit / 8] = uint8_t((row[bit / 8] & 0x0F) | ((v & 15) << 4));
-                    row[bit / 8 + 1] = uint8_t(v >> 4);
-                }
-                int g = windowGrey(v, 12);
-                colours[size_t(x)] = {g, g, g};
-            }
-            row.resize((size_t(w) * 12 + 7) / 8);
-            return row;
-        case 16:
-            for (int x = 0; x < w; ++x) {
-                unsigned v = rng() & 0xFFFF;
-                row.push_back(uint8_t(v));
-                row.push_back(uint8_t(v >> 8));
-                Rgb& p = colours[size_t(x)];
-                if (c.order == ORDER_GRAY) {
-                    int g = windowGrey(v, 16);
-                    p = {g, g, g};
-                } else if (c.order == ORDER_RGB565) {
-                    p = {rep5(int(v >> 11) & 31), rep6(int(v >> 5) & 63), rep5(int(v) & 31)};
-                } else if (c.order == ORDER_RGB) {
-                    p = {rep5(int(v) & 31), rep5(int(v >> 5) & 31), rep5(int(v >> 10) & 31)};
-                } else {
-                    p = {rep5(int(v >> 10) & 31), rep5(int(v >> 5) & 31), rep5(int(v) & 31)};
-                }
-            }
-            return row;
-        case 32:
-            for (int x = 0; x < w; ++x) {
-                uint32_t v = uint32_t(rng());
-                for (int k = 0; k < 4; ++k) row.push_back(uint8_t(v >> (8 * k)));
-                const uint8_t* q = row.data() + row.size() - 4;
-                if (c.order == ORDER_GRAY) {
-                    int g = windowGrey(v, 32);
-                    colours[size_t(x)] = {g, g, g};
-                } else if (c.order == ORDER_RGB) {
-                    colours[size_t(x)] = {q[0], q[1], q[2]};
-                } else {
-                    colours[size_t(x)] = {q[2], q[1], q[0]};
-                }
-            }
-            return row;
-        default: {  // 24, 48, 64
-            const int samples = c.bits == 64 ? 4 : 3;
-            const bool wide = c.bits >= 48;
-            for (int x = 0; x < w; ++x) {
-                long s[4];
-                for (int k = 0; k < samples; ++k) {
-                    s[k] = wide ? long(rng() & 0xFFFF) : long(rng() & 0xFF);
-                    row.push_back(uint8_t(s[k]));
-                    if (wide) row.push_back(uint8_t(s[k] >> 8));
-                }
-                long b = s[0], g = s[1], r = s[2];
-                if (c.order == ORDER_RGB) std::swap(r, b);
-                if (c.order == ORDER_ROMM) {
-                    const long hi = wide ? 65535 : 255;
-                    long s0 = s[0], s1 = s[1], s2 = s[2];
-                    b = clamp((9467 * s0 - 1151 * s1 - 125 * s2 + 4095) / 8192, hi);
-                    g = clamp((-305 * s0 + 10232 * s1 - 1735 * s2 + 4095) / 8192, hi);
-                    r = clamp((-2156 * s0 - 6498 * s1 + 16846 * s2 + 4095) / 8192, hi);
-                }
-                if (wide) r >>= 8, g >>= 8, b >>= 8;
-                colours[size_t(x)] = {int(r), int(g), int(b)};
-            }
-            return row;
-        }
+}
+
+// Runs source rows through the library, reporting whether it chose the
+// grey path.
+std::vector<int> runRows(const SourceCase& c, int w, int method, const std::vector<std::vector<uint8_t>>& rows,
+                         const RGBQUAD* pal, uint32_t colors, bool* grey) {
+    Rec rec(w, c.bits, c.order, method, c.bits <= 8 ? &c.pal : nullptr);
+    rec.bm.nLowBit = c.lowBit;
+    rec.bm.nHighBit = c.highBit;
+    EXPECT_EQ(K_StartDithering(&rec.bm, pal, colors), KS_SUCCESS);
+    if (grey) *grey = krn::ditherRunIsGrey(&rec.bm);
+    int bits = 1;
+    while ((1u << bits) < colors) ++bits;
+    std::vector<int> got;
+    for (const auto& r : rows) {
+        std::vector<uint8_t> src = r;
+        std::vector<uint8_t> dst((static_cast<size_t>(w) * size_t(bits) + 7) / 8);
+        EXPECT_EQ(K_DitherLine(&rec.bm, src.data(), dst.data()), KS_SUCCESS);
+        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(dst.data(), x, bits));
     }
+    return got;
 }
 
 TEST(DitherSource, EveryDepthDithersLikeItsColours) {
@@ -793,27 +693,10 @@ TEST(DitherSource, EveryDepthDithersLikeItsColours) {
             SCOPED_TRACE(std::to_string(c.bits) + " bits, order " + std::to_string(c.order) + ", width " +
                          std::to_string(w) + ", window " + std::to_string(c.lowBit) + ".." +
                          std::to_string(c.highBit));
-            const int h = 4;
             std::vector<std::vector<uint8_t>> rows;
             std::vector<Rgb> img;
-            for (int y = 0; y < h; ++y) {
-                std::vector<Rgb> cols;
-                rows.push_back(makeSource(c, w, rng, cols));
-                img.insert(img.end(), cols.begin(), cols.end());
-            }
-            auto expect = runLibrary(2, w, h, img, target.data(), 256);
-            Rec rec(w, c.bits, c.order, 2, c.bits <= 8 ? &c.pal : nullptr);
-            rec.bm.nLowBit = c.lowBit;
-            rec.bm.nHighBit = c.highBit;
-            ASSERT_EQ(K_StartDithering(&rec.bm, target.data(), 256), KS_SUCCESS);
-            std::vector<int> got;
-            for (int y = 0; y < h; ++y) {
-                std::vector<uint8_t> src = rows[size_t(y)];  // exactly sized: ASan sees overreads
-                std::vector<uint8_t> dst(static_cast<size_t>(w));
-                ASSERT_EQ(K_DitherLine(&rec.bm, src.data(), dst.data()), KS_SUCCESS);
-                got.insert(got.end(), dst.begin(), dst.end());
-            }
-            ASSERT_EQ(got, expect);
+            makeSourceRows(c, w, 4, rng, rows, img);
+            ASSERT_EQ(runRows(c, w, 2, rows, target.data(), 256, nullptr), runLibrary(2, w, 4, img, target.data(), 256));
         }
 }
 
@@ -856,26 +739,6 @@ std::vector<RGBQUAD> greyRamp(int n) {
     return p;
 }
 
-// Runs source rows of a grey format through the library, with or without the
-// plain Floyd-Steinberg loop.
-std::vector<int> runRows(const SourceCase& c, int w, int method, const std::vector<std::vector<uint8_t>>& rows,
-                         const RGBQUAD* pal, uint32_t colors, bool* grey) {
-    Rec rec(w, c.bits, c.order, method, c.bits <= 8 ? &c.pal : nullptr);
-    rec.bm.nLowBit = c.lowBit;
-    rec.bm.nHighBit = c.highBit;
-    EXPECT_EQ(K_StartDithering(&rec.bm, pal, colors), KS_SUCCESS);
-    if (grey) *grey = krn::ditherRunIsGrey(&rec.bm);
-    int bits = 1;
-    while ((1u << bits) < colors) ++bits;
-    std::vector<int> got;
-    for (const auto& r : rows) {
-        std::vector<uint8_t> src = r;
-        std::vector<uint8_t> dst((static_cast<size_t>(w) * size_t(bits) + 7) / 8);
-        EXPECT_EQ(K_DitherLine(&rec.bm, src.data(), dst.data()), KS_SUCCESS);
-        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(dst.data(), x, bits));
-    }
-    return got;
-}
 
 TEST(DitherGrey, GreySourcesIntoGreyTargetsMatchTheColourPath) {
     auto curve = greyRamp(256);
@@ -903,11 +766,7 @@ TEST(DitherGrey, GreySourcesIntoGreyTargetsMatchTheColourPath) {
                              std::to_string(method));
                 std::vector<std::vector<uint8_t>> rows;
                 std::vector<Rgb> img;
-                for (int y = 0; y < h; ++y) {
-                    std::vector<Rgb> cols;
-                    rows.push_back(makeSource(c, w, rng, cols));
-                    img.insert(img.end(), cols.begin(), cols.end());
-                }
+                makeSourceRows(c, w, h, rng, rows, img);
                 const auto& tc = targets[t];
                 const RGBQUAD* pal = tc.passNull ? nullptr : tc.pal.data();
                 auto expect = runLibrary(method, w, h, img, pal, uint32_t(tc.pal.size()));
@@ -927,8 +786,10 @@ TEST(DitherGrey, GreySourcesIntoGreyTargetsMatchTheColourPath) {
 TEST(DitherGrey, ColourOnEitherSideKeepsThreeChannels) {
     std::mt19937 rng(1);
     std::vector<Rgb> cols;
+    std::vector<std::vector<uint8_t>> rows;
     SourceCase greySrc{8, ORDER_RGB, greyRamp(256)};
-    auto row = makeSource(greySrc, 8, rng, cols);
+    makeSourceRows(greySrc, 8, 1, rng, rows, cols);
+    const auto& row = rows[0];
     bool grey = true;
     runRows(greySrc, 8, 1, {row}, nullptr, 16, &grey);  // the sixteen colours
     EXPECT_FALSE(grey);
@@ -941,17 +802,40 @@ TEST(DitherGrey, ColourOnEitherSideKeepsThreeChannels) {
     EXPECT_TRUE(grey);
 }
 
+// ------------------------------------------------------------- threads
+
+TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
+    // Runs keep all their state on the record: threads dithering at once give
+    // what each gives alone.
+    const int w = 120, h = 40;
+    auto img = testImage(w, h, 64);
+    auto pal = randomPalette(20, 6);
+    std::vector<std::vector<int>> alone;
+    for (int m = 0; m < 4; ++m) alone.push_back(runLibrary(m * 2, w, h, img, m % 2 ? pal.data() : nullptr, m % 2 ? 20 : 256));
+    std::vector<std::vector<int>> together(4);
+    std::vector<std::thread> threads;
+    for (int m = 0; m < 4; ++m)
+        threads.emplace_back([&, m] {
+            for (int k = 0; k < 5; ++k)
+                together[size_t(m)] = runLibrary(m * 2, w, h, img, m % 2 ? pal.data() : nullptr, m % 2 ? 20 : 256);
+        });
+    for (auto& t : threads) t.join();
+    for (int m = 0; m < 4; ++m) EXPECT_EQ(together[size_t(m)], alone[size_t(m)]) << "method " << m * 2;
+}
+
 // ------------------------------------------------------ allocation failures
 
 TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
     K_GetDefaultDithering();
     struct Config {
         int bits, order, method;
-        bool callerPalette;
+        bool callerPalette, callerTable;
     };
-    const Config configs[] = {{24, ORDER_BGR, 1, false}, {24, ORDER_BGR, 2, true}, {4, ORDER_RGB, 5, true},
-                              {16, ORDER_RGB565, 7, false}};
+    const Config configs[] = {{24, ORDER_BGR, 1, false, false}, {24, ORDER_BGR, 2, true, false},
+                              {4, ORDER_RGB, 5, true, false},   {16, ORDER_RGB565, 7, false, false},
+                              {8, ORDER_RGB, 0, true, true},    {16, ORDER_GRAY, 1, false, false}};
     auto pal = randomPalette(12, 2);
+    std::vector<uint32_t> table(32768, 3);
     for (const auto& cfg : configs) {
         Rec rec(40, cfg.bits, cfg.order, cfg.method);
         // An earlier run that a failed restart must leave working.
@@ -962,7 +846,10 @@ TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
             BITMAPRECORD before = rec.bm;
             const long live = krn::faultinject::liveBlocks();
             krn::faultinject::arm(n);
-            int32_t r = K_StartDithering(&rec.bm, cfg.callerPalette ? pal.data() : nullptr, cfg.callerPalette ? 12 : 256);
+            int32_t r = cfg.callerTable
+                            ? K_StartDitheringExt(&rec.bm, pal.data(), 12, 4, table.data())
+                            : K_StartDithering(&rec.bm, cfg.callerPalette ? pal.data() : nullptr,
+                                               cfg.callerPalette ? 12 : 256);
             const long injected = krn::faultinject::injected();
             krn::faultinject::disarm();
             if (r == KS_SUCCESS) {
@@ -977,7 +864,7 @@ TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
             uint8_t src[40 * 8] = {}, dst[64];
             EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_SUCCESS);
         }
-        EXPECT_GE(failures, 2);
+        EXPECT_GE(failures, 2);  // state, scratch row (+ error rows, table)
         EXPECT_NE(rec.bm.pDitherState, earlier);
     }
 }

@@ -83,6 +83,139 @@ TEST(GlobalMemory, ManyBlocksAcrossThreads) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
+// Garbage handle values for every global-memory function: refused with
+// errno 22, never dereferenced, never freed. Value 1 is the handle table's own
+// marker for a deleted slot, so it is probed while deleted slots exist.
+TEST(GlobalMemory, GarbageHandlesAreRefusedByEveryFunction) {
+    int local = 0;
+    HGLOBAL stale = K_GlobalAlloc(GPTR, 8);
+    ASSERT_EQ(K_GlobalFree(stale), nullptr);
+    OmbrixObject_* region = krn::objCreate(krn::kObjRegion, &local);
+    ASSERT_NE(region, nullptr);
+    HGLOBAL movable = K_GlobalAlloc(GHND, 8);
+    void* movableData = K_GlobalLock(movable);
+    K_GlobalUnlock(movable);
+    const HGLOBAL garbage[] = {reinterpret_cast<HGLOBAL>(uintptr_t(1)),  reinterpret_cast<HGLOBAL>(uintptr_t(2)),
+                               reinterpret_cast<HGLOBAL>(~uintptr_t(0)), reinterpret_cast<HGLOBAL>(~uintptr_t(1)),
+                               &local, region, movableData};
+    auto probeAll = [&] {
+        for (HGLOBAL h : garbage) {
+            errno = 0;
+            ASSERT_EQ(K_GlobalLock(h), nullptr) << h;
+            EXPECT_EQ(errno, EINVAL);
+            errno = 0;
+            ASSERT_EQ(K_GlobalUnlock(h), 0) << h;
+            EXPECT_EQ(errno, EINVAL);
+            errno = 0;
+            ASSERT_EQ(K_GlobalSize(h), 0u) << h;
+            EXPECT_EQ(errno, EINVAL);
+            errno = 0;
+            ASSERT_EQ(K_GlobalReAlloc(h, 64, GMEM_ZEROINIT), nullptr) << h;
+            EXPECT_EQ(errno, EINVAL);
+            errno = 0;
+            ASSERT_EQ(K_GlobalFree(h), h) << h;
+            EXPECT_EQ(errno, EINVAL);
+        }
+    };
+    probeAll();
+    errno = 0;
+    EXPECT_EQ(K_GlobalFree(stale), stale);  // probed once: its address may be reused below
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(K_GlobalSize(stale), 0u);
+    // Leave many deleted slots behind, probing as they accumulate.
+    for (int round = 0; round < 200; ++round) {
+        std::vector<HGLOBAL> blocks;
+        for (int i = 0; i < 1 + round % 97; ++i) blocks.push_back(K_GlobalAlloc(i % 2 ? GHND : GPTR, 4));
+        for (HGLOBAL b : blocks) ASSERT_EQ(K_GlobalFree(b), nullptr);
+        probeAll();
+    }
+    EXPECT_EQ(krn::objKind(region), uint32_t(krn::kObjRegion));  // untouched by the refused calls
+    EXPECT_TRUE(krn::objDestroy(region, krn::kObjRegion));
+    EXPECT_EQ(K_GlobalFree(movable), nullptr);
+}
+
+struct TableGrowthFails {
+    TableGrowthFails() { krn::testhook::failHandleTableGrowth(true); }
+    ~TableGrowthFails() { krn::testhook::failHandleTableGrowth(false); }
+};
+
+// The handle table cannot grow: new blocks fail cleanly, and a fixed block
+// that has to move to grow keeps its old pointer, size and contents when its
+// new address cannot be registered.
+TEST(GlobalMemory, HandleTableGrowthFailure) {
+    const long base = krn::faultinject::liveBlocks();
+    // Two fixed blocks made while the table may still grow.
+    std::vector<HGLOBAL> blocks{K_GlobalAlloc(GPTR, 16), K_GlobalAlloc(GPTR, 16)};
+    ASSERT_NE(blocks[0], nullptr);
+    ASSERT_NE(blocks[1], nullptr);
+    {
+        TableGrowthFails hook;
+        for (int i = 0; i < 1 << 20; ++i) {
+            HGLOBAL h = K_GlobalAlloc(i % 3 ? GPTR : GHND, 16);
+            if (!h) break;
+            blocks.push_back(h);
+        }
+        ASSERT_LT(blocks.size(), size_t(1) << 20) << "the table never needed to grow";
+        EXPECT_EQ(krn::faultinject::liveBlocks(), base + 2 * long(blocks.size()));  // the failed one left nothing
+        // A fixed block asked to grow far (it must move).
+        auto* fixed = static_cast<uint8_t*>(blocks[1]);
+        for (int i = 0; i < 16; ++i) fixed[i] = uint8_t(i + 1);
+        void* moved = K_GlobalReAlloc(fixed, 8 << 20, 0);
+        if (moved) {
+            // Only possible when it grew in place: then it is still registered.
+            ASSERT_EQ(moved, static_cast<void*>(fixed));
+        } else {
+            EXPECT_EQ(K_GlobalSize(fixed), 16u);
+            for (int i = 0; i < 16; ++i) ASSERT_EQ(fixed[i], uint8_t(i + 1));  // ASan: still ours
+        }
+    }
+    // With growth allowed again the block moves and is known by its new pointer.
+    auto* fixed = static_cast<uint8_t*>(blocks[1]);
+    auto* grown = static_cast<uint8_t*>(K_GlobalReAlloc(fixed, 8 << 20, 0));
+    ASSERT_NE(grown, nullptr);
+    EXPECT_EQ(K_GlobalSize(grown), size_t(8) << 20);
+    for (int i = 0; i < 16; ++i) ASSERT_EQ(grown[i], uint8_t(i + 1));
+    blocks[1] = grown;
+    for (HGLOBAL h : blocks) ASSERT_EQ(K_GlobalFree(h), nullptr);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+// Fixed blocks re-keyed by K_GlobalReAlloc on some threads while others
+// allocate, look up and free: every block keeps its contents and its size,
+// and the handle table stays consistent (run under ThreadSanitizer too).
+TEST(GlobalMemory, ReallocAcrossThreads) {
+    const long base = krn::faultinject::liveBlocks();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t] {
+            std::vector<uint8_t*> blocks;
+            std::vector<size_t> sizes;
+            for (int i = 0; i < 300; ++i) {
+                auto* p = static_cast<uint8_t*>(K_GlobalAlloc(GMEM_FIXED, 8));
+                ASSERT_NE(p, nullptr);
+                std::memset(p, t * 16 + i % 16, 8);
+                blocks.push_back(p);
+                sizes.push_back(8);
+            }
+            for (int pass = 0; pass < 4; ++pass) {
+                for (size_t i = 0; i < blocks.size(); ++i) {
+                    const size_t n = sizes[i] * 3;
+                    auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(blocks[i], n, GMEM_ZEROINIT));
+                    ASSERT_NE(q, nullptr);
+                    ASSERT_EQ(q[0], uint8_t(t * 16 + i % 16));
+                    ASSERT_EQ(q[n - 1], 0);
+                    ASSERT_EQ(K_GlobalSize(q), n);
+                    blocks[i] = q;
+                    sizes[i] = n;
+                }
+            }
+            for (uint8_t* p : blocks) ASSERT_EQ(K_GlobalFree(p), nullptr);
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
 TEST(Handles, KindsAreCheckedWithoutDereferencing) {
     int payload = 5;
     OmbrixObject_* h = krn::objCreate(krn::kObjRegion, &payload);
@@ -204,6 +337,57 @@ TEST(Messages, UnknownCodesOtherLibrariesAndTruncation) {
 int32_t countingCallback(int32_t percent, void* user) {
     static_cast<std::vector<int32_t>*>(user)->push_back(percent);
     return 1;
+}
+
+// Every code of the table and around it: K_GetLibIdFromErrorCode and the
+// message agree (known exactly when the text is not the unknown text; other
+// libraries read "The %s library is missing." with the name given in the
+// library-name buffer), and any buffer size gives the message's prefix without
+// writing past the buffer.
+TEST(Messages, WholeTableAgreesWithLibraryIdsAndTruncatesInBounds) {
+    const std::wstring unknown = L"Internal or Unrecognized Error!";
+    const wchar_t* names[] = {L"Ombrix Kernel", L"Ombrix File Formats", L"Ombrix Dialogs", L"Ombrix Annotations",
+                              L"Ombrix Color Management"};
+    int perLibrary[5] = {};
+    for (int32_t code = -1940; code <= 110; ++code) {
+        std::wstring lib;
+        const std::wstring text = message(code, 1024, &lib);
+        int32_t id = 99, known = 99;
+        ASSERT_EQ(K_GetLibIdFromErrorCode(code, &id, &known), KS_SUCCESS);
+        ASSERT_EQ(known, text != unknown ? 1 : 0) << code;
+        if (code < -1931 || code > 104) {
+            ASSERT_EQ(known, 0) << code;
+        }
+        if (!known) {
+            ASSERT_EQ(id, OMBRIX_LIB_UNKNOWN) << code;
+            ASSERT_EQ(lib, L"") << code;
+            continue;
+        }
+        ASSERT_GE(id, OMBRIX_LIB_KERNEL);
+        ASSERT_LE(id, OMBRIX_LIB_COLOR);
+        ++perLibrary[id];
+        ASSERT_EQ(lib, names[id]) << code;
+        if (id != OMBRIX_LIB_KERNEL) {
+            ASSERT_EQ(text, L"The " + lib + L" library is missing.") << code;
+        }
+    }
+    EXPECT_EQ(perLibrary[OMBRIX_LIB_KERNEL], 38);  // the rows of the kernel's own table
+    for (int id = OMBRIX_LIB_FILEIO; id <= OMBRIX_LIB_COLOR; ++id) EXPECT_GT(perLibrary[id], 0) << id;
+
+    // Truncation: the prefix, terminated, and nothing written past the buffer.
+    for (int32_t code : {-16, -1905, -1150, 1, 999}) {
+        const std::wstring full = message(code);
+        for (uint32_t n = 0; n < full.size() + 3; ++n) {
+            std::vector<wchar_t> buf(n + 4, L'#'), lib(n + 4, L'#');
+            ASSERT_EQ(K_GetFriendlyErrorMessage(code, buf.data(), n, lib.data()), KS_SUCCESS);
+            for (uint32_t i = n; i < n + 4; ++i) {
+                ASSERT_EQ(buf[i], L'#') << code << " " << n;
+                ASSERT_EQ(lib[i], L'#') << code << " " << n;
+            }
+            if (n == 0) continue;
+            ASSERT_EQ(std::wstring(buf.data()), full.substr(0, n - 1)) << code << " " << n;
+        }
+    }
 }
 
 TEST(ProgressCallbacks, PerThreadSetAndGet) {

@@ -73,7 +73,6 @@ TEST(PaletteFixed, WebPaletteAndGreyRamps) {
         RGBQUAD want = i < 216 ? rgb(51 * (i / 36), 51 * ((i / 6) % 6), 51 * (i % 6)) : rgb(0, 0, 0);
         EXPECT_TRUE(same(web[i], want)) << i;
     }
-    EXPECT_TRUE(same(web[215], rgb(255, 255, 255)));
     for (int n = 0; n <= 8; ++n) {
         RGBQUAD* g = K_CreateGrayPalette(n);
         ASSERT_NE(g, nullptr);
@@ -121,32 +120,36 @@ int classifyRef(const std::vector<RGBQUAD>& p) {
 }
 
 TEST(PaletteGrey, DocumentedCasesAndTheEightEntryQuirk) {
-    std::vector<RGBQUAD> a{rgb(255, 255, 255), rgb(0, 0, 0)}, b{rgb(0, 0, 0), rgb(255, 255, 255)},
-        c{rgb(0, 0, 0), rgb(1, 2, 3)};
-    EXPECT_EQ(K_IsGrayScalePalette(a.data(), 2), 2);
-    EXPECT_EQ(K_IsGrayScalePalette(b.data(), 2), 1);
-    EXPECT_EQ(K_IsGrayScalePalette(c.data(), 2), 0);
-    for (int bits : {1, 2, 4, 8}) {
+    auto ramp = [](int bits) {
         RGBQUAD* g = K_CreateGrayPalette(bits);
-        EXPECT_EQ(K_IsGrayScalePalette(g, 1 << bits), 1) << bits;
+        std::vector<RGBQUAD> v(g, g + (1 << bits));
         K_GlobalFree(g);
-    }
-    RGBQUAD* g8 = K_CreateGrayPalette(3);  // 0, 36, 72, 109, ...: the accumulated step says 108
-    EXPECT_EQ(K_IsGrayScalePalette(g8, 8), 3);
-    K_GlobalFree(g8);
-    // Descending ramps.
-    std::vector<RGBQUAD> down(16);
-    for (int i = 0; i < 16; ++i) down[size_t(i)] = rgb(255 - 17 * i, 255 - 17 * i, 255 - 17 * i);
-    EXPECT_EQ(K_IsGrayScalePalette(down.data(), 16), 2);
-    // One entry or none: the first entry decides.
+        return v;
+    };
+    std::vector<RGBQUAD> down;
+    for (int i = 0; i < 16; ++i) down.push_back(rgb(255 - 17 * i, 255 - 17 * i, 255 - 17 * i));
+    struct Case {
+        const char* what;
+        std::vector<RGBQUAD> pal;
+        int32_t count, want;
+    };
+    const Case cases[] = {
+        {"white, black", {rgb(255, 255, 255), rgb(0, 0, 0)}, 2, 2},
+        {"black, white", {rgb(0, 0, 0), rgb(255, 255, 255)}, 2, 1},
+        {"a colour", {rgb(0, 0, 0), rgb(1, 2, 3)}, 2, 0},
+        {"ramp of 4", ramp(2), 4, 1},
+        {"ramp of 16", ramp(4), 16, 1},
+        {"ramp of 256", ramp(8), 256, 1},
+        {"ramp of 8: 0, 36, 72, 109 but the accumulated step says 108", ramp(3), 8, 3},
+        {"descending", down, 16, 2},
+        // One entry or none: the first entry decides.
+        {"one black", {rgb(0, 0, 0)}, 1, 1},
+        {"none, white first", {rgb(255, 255, 255)}, 0, 2},
+        {"one grey", {rgb(7, 7, 7)}, 1, 3},
+        {"one colour", {rgb(7, 8, 7)}, 1, 0},
+    };
+    for (const auto& c : cases) EXPECT_EQ(K_IsGrayScalePalette(c.pal.data(), c.count), c.want) << c.what;
     RGBQUAD one[1] = {rgb(0, 0, 0)};
-    EXPECT_EQ(K_IsGrayScalePalette(one, 1), 1);
-    one[0] = rgb(255, 255, 255);
-    EXPECT_EQ(K_IsGrayScalePalette(one, 0), 2);
-    one[0] = rgb(7, 7, 7);
-    EXPECT_EQ(K_IsGrayScalePalette(one, 1), 3);
-    one[0] = rgb(7, 8, 7);
-    EXPECT_EQ(K_IsGrayScalePalette(one, 1), 0);
     EXPECT_EQ(K_IsGrayScalePalette(nullptr, 2), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_IsGrayScalePalette(one, -1), KS_INVALID_PARAMETER);
 }

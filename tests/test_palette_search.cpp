@@ -12,6 +12,9 @@
 #include "ombrix.h"
 #include "krn/common/palette.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 namespace {
 
 using Search = int32_t (*)(const RGBQUAD*, int32_t, int, int, int) noexcept;
@@ -207,9 +210,6 @@ TEST(PaletteSearch, ExportClampsComponents) {
     EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 0x7FFFFFFF, int32_t(0x80000000), 0), 1);
 }
 
-}  // namespace
-
-namespace {
 
 // Many more random palettes, including long ones (several 256-entry chunks)
 // and targets next to every entry. OMBRIX_LONG_TESTS=1 runs it.
@@ -237,12 +237,6 @@ TEST(PaletteSearchLong, DifferentialManyPalettes) {
     }
 }
 
-}  // namespace
-
-#include <sys/mman.h>
-#include <unistd.h>
-
-namespace {
 
 // Palettes that end right before an inaccessible page and start at every
 // byte offset: a vector path that reads past the last entry faults here even

@@ -131,6 +131,37 @@ TEST(RecordDefaults, FallbackBlockIsSharedAndStartsZero) {
     EXPECT_EQ(krn::processSettings().nXResolution, before);
 }
 
+// A caller's thread-local object made before the kernel's per-thread block is
+// destroyed after it; when its destructor calls into the kernel, the thread
+// reads the process-wide block, never the freed one, and nothing leaks.
+int32_t g_resolutionAtThreadEnd = 0;
+struct CallsKernelAtThreadEnd {
+    bool touched = false;
+    ~CallsKernelAtThreadEnd() {
+        K_SetDefaultYResolution(321);
+        g_resolutionAtThreadEnd = K_GetDefaultXResolution();
+    }
+};
+thread_local CallsKernelAtThreadEnd t_callsKernel;
+
+TEST(RecordDefaults, KernelCallsDuringThreadEndUseTheProcessBlock) {
+    const long base = warmLiveBlocks();
+    krn::ThreadSettings& process = krn::processSettings();
+    const int32_t processX = process.nXResolution, processY = process.nYResolution;
+    process.nXResolution = 4242;
+    g_resolutionAtThreadEnd = 0;
+    std::thread([] {
+        t_callsKernel.touched = true;  // constructed before the kernel's block
+        K_SetDefaultXResolution(600);
+        EXPECT_EQ(K_GetDefaultXResolution(), 600);
+    }).join();
+    EXPECT_EQ(g_resolutionAtThreadEnd, 4242);
+    EXPECT_EQ(process.nYResolution, 321);
+    process.nXResolution = processX;
+    process.nYResolution = processY;
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
 TEST(RecordCreate, PerspectiveOrderAndPalette) {
     BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 8, 8, 24, ORDER_RGB, nullptr, 0, nullptr, 0), KS_SUCCESS);
@@ -249,6 +280,279 @@ TEST(RecordCreate, PersistentFailureLeavesNothing) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
+// Values are checked in a fixed order: dimensions and depth (as the record is
+// initialised), then the colour order, then the view perspective. A failed
+// call leaves the caller's record untouched.
+TEST(RecordCreate, ValuesCheckedDimensionsThenOrderThenPerspective) {
+    const struct {
+        int32_t width, bpp, order, perspective, expect;
+    } cases[] = {
+        {-1, 24, ORDER_BGR, 9, KS_INVALID_DIMENSIONS},     // width before perspective
+        {-1, 24, 3, 1, KS_INVALID_DIMENSIONS},             // width before order
+        {4, 9, 3, 9, KS_INVALID_BITS_PER_PIXEL},           // depth before order and perspective
+        {4, 8, ORDER_ROMM, 9, KS_INVALID_BITS_PER_PIXEL},  // order before perspective
+        {4, 24, 3, 9, KS_INVALID_PARAMETER},
+        {4, 24, ORDER_BGR, 9, KS_INVALID_PARAMETER},
+        {4, 24, ORDER_BGR, -1, KS_INVALID_PARAMETER},
+        {0x7FFFFFFF, 64, ORDER_BGR, 9, KS_INVALID_DIMENSIONS},
+    };
+    for (const auto& c : cases) {
+        BITMAPRECORD bm = patterned(0x5E);
+        const BITMAPRECORD before = bm;
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, c.width, 4, c.bpp, c.order, nullptr, c.perspective,
+                                 nullptr, 0),
+                  c.expect)
+            << c.width << " " << c.bpp << " " << c.order << " " << c.perspective;
+        EXPECT_EQ(std::memcmp(&bm, &before, sizeof bm), 0);
+    }
+}
+
+// Memory type 2 with the caller's buffer: the record points at the buffer, the
+// kernel never frees or moves it, and a buffer of the wrong size is refused
+// with nothing made.
+TEST(RecordCreate, CallerMemoryWithData) {
+    const long base = warmLiveBlocks();
+    std::vector<uint8_t> pixels(8 * 5, 0);  // 2 x 5 at 24 bits: 8 bytes per line
+    for (uint32_t id : {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD}) {
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, id, MEMTYPE_USER, 2, 5, 24, ORDER_BGR, nullptr, 1, pixels.data(),
+                                 pixels.size()),
+                  KS_SUCCESS);
+        EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_USER_MEMORY);
+        EXPECT_EQ(bm.pData, pixels.data());
+        EXPECT_EQ(bm.hMemory, nullptr);
+        ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+        EXPECT_EQ(bm.pData, pixels.data());
+        bm.pData[39] = 0x77;
+        ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+        EXPECT_EQ(bm.pData, pixels.data());  // caller memory is not unlocked away
+        K_FreeBitmap(&bm);                   // must not free the caller's buffer (ASan)
+        EXPECT_EQ(pixels[39], 0x77);
+        EXPECT_EQ(krn::faultinject::liveBlocks(), base) << id;
+
+        // Wrong sizes: refused, the record as it was, nothing leaked.
+        for (size_t wrong : {pixels.size() - 1, size_t(0)}) {
+            BITMAPRECORD keep = patterned(0x42);
+            const BITMAPRECORD before = keep;
+            EXPECT_EQ(K_CreateBitmap(&keep, id, MEMTYPE_USER, 2, 5, 24, ORDER_BGR, nullptr, 1, pixels.data(), wrong),
+                      KS_INVALID_PARAMETER);
+            EXPECT_EQ(std::memcmp(&keep, &before, sizeof keep), 0);
+            EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+        }
+        // No buffer yet: allocated as caller memory, attached later.
+        ASSERT_EQ(K_CreateBitmap(&bm, id, MEMTYPE_USER, 2, 5, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        EXPECT_EQ(bm.pData, nullptr);
+        EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_USER_MEMORY);
+        EXPECT_EQ(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size()), KS_SUCCESS);
+        EXPECT_EQ(bm.pData, pixels.data());
+        K_FreeBitmap(&bm);
+    }
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+struct CallbackStorage {
+    int allocations = 0;
+    int frees = 0;
+    std::vector<uint8_t> pixels;
+};
+int32_t supplyStorage(BITMAPRECORD* bm, BITMAPALLOCINFO* info, void* user) {
+    auto* s = static_cast<CallbackStorage*>(user);
+    ++s->allocations;
+    s->pixels.assign(size_t(info->uDataSize), 0);
+    bm->pData = s->pixels.data();
+    return 2;
+}
+int32_t returnStorage(BITMAPRECORD*, void* user) {
+    ++static_cast<CallbackStorage*>(user)->frees;
+    return 2;
+}
+
+// Storage that an allocate callback supplied goes back through the free
+// callback whenever K_CreateBitmap fails after the allocation (here: the
+// palette cannot be made), exactly once per allocation.
+TEST(RecordCreate, FailureAfterCallbackStorageCallsTheFreeCallback) {
+    const long base = warmLiveBlocks();
+    CallbackStorage store;
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    cb.pUserData = &store;
+    cb.pfnAllocate = supplyStorage;
+    cb.pfnFree = returnStorage;
+    int failedAfterAllocation = 0;
+    for (long n = 0; n < 50; ++n) {
+        store.allocations = store.frees = 0;
+        BITMAPRECORD bm = patterned(0x66);
+        const BITMAPRECORD before = bm;
+        krn::faultinject::arm(n, 1);
+        const int32_t rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 16, 4, 8, ORDER_RGB, nullptr, 1,
+                                                       nullptr, 0, &cb);
+        const long injected = krn::faultinject::injected();
+        krn::faultinject::disarm();
+        if (injected == 0) {
+            ASSERT_EQ(rc, KS_SUCCESS);
+            EXPECT_EQ(store.allocations, 1);
+            EXPECT_EQ(store.frees, 0);
+            EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, BRF_ALLOCATED | BRF_USER_MEMORY);
+            K_FreeBitmap(&bm);
+            EXPECT_EQ(store.frees, 1);
+            break;
+        }
+        ASSERT_EQ(rc, KS_NO_MEMORY) << n;
+        EXPECT_EQ(std::memcmp(&bm, &before, sizeof bm), 0) << n;
+        EXPECT_EQ(store.frees, store.allocations) << "failure point " << n;
+        if (store.allocations) ++failedAfterAllocation;
+        EXPECT_EQ(krn::faultinject::liveBlocks(), base) << n;
+    }
+    EXPECT_GE(failedAfterAllocation, 1);  // the palette failure was reached
+}
+
+// A record freed while still accessed is reusable: its next storage is locked
+// by its next first access.
+TEST(RecordFree, ReusedRecordLocksItsNextStorage) {
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 30, 7, 8, ORDER_RGB, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    K_FreeBitmap(&bm);  // two accesses outstanding
+    EXPECT_EQ(bm.uFlags & (BRF_ALLOCATED | BRF_LOCKED), 0u);
+    EXPECT_EQ(bm.pData, nullptr);
+    ASSERT_EQ(K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL), KS_SUCCESS);
+    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    ASSERT_NE(bm.pData, nullptr);
+    std::memset(bm.pData, 1, bm.uSize64);
+    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+    EXPECT_EQ(bm.pData, nullptr);
+    K_FreeBitmap(&bm);
+}
+
+// Extreme dimensions are refused or fail cleanly, never wrap into a small block.
+TEST(RecordCreate, ExtremeDimensions) {
+    const long base = warmLiveBlocks();
+    BITMAPRECORD bm;
+    // Rows whose bit count does not fit 32 bits.
+    for (int bpp : {2, 4, 8, 12, 16, 24, 32, 48, 64})
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 0x7FFFFFFF, 1, bpp, ORDER_BGR, nullptr, 1, nullptr, 0),
+                  KS_INVALID_DIMENSIONS)
+            << bpp;
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 0x7FFFFFFF, 0x7FFFFFFF, 1), KS_SUCCESS);
+    EXPECT_EQ(bm.nBytesPerLine, 0x10000000u);
+    EXPECT_EQ(bm.uSize64, uint64_t(0x10000000u) * 0x7FFFFFFFu);
+    EXPECT_EQ(bm.uSize, uint32_t(bm.uSize64));
+    // The older layout cannot hold it.
+    EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE_OLD, 0x7FFFFFFF, 0x7FFFFFFF, 1), KS_MEMORY_TOO_LOW);
+    EXPECT_EQ(bm.uSize, 0xFFFF0000u);
+    EXPECT_EQ(bm.nWidth, 0);
+    // 2^59 bytes with memory that may not go to disk: refused, nothing made.
+    BITMAPRECORD big = patterned(0x19);
+    const BITMAPRECORD before = big;
+    EXPECT_LT(K_CreateBitmap(&big, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK, 0x7FFFFFFF,
+                             0x7FFFFFFF, 1, ORDER_RGB, nullptr, 1, nullptr, 0),
+              0);
+    EXPECT_EQ(std::memcmp(&big, &before, sizeof big), 0);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+// Every record operation answers a null record and every wrong size word with
+// its documented code and leaves the record's bytes as they were.
+TEST(RecordFrame, NullRecordsAndBadSizeWords) {
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    uint8_t pixels[64] = {};
+    EXPECT_EQ(K_InitBitmapWithCallbacks(nullptr, BITMAPRECORD_SIZE, 1, 1, 1, &cb), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CreateBitmap(nullptr, BITMAPRECORD_SIZE, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CreateBitmapWithCallbacks(nullptr, BITMAPRECORD_SIZE, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0, &cb),
+              KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetBitmapDataCallbacks(nullptr, &cb), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_GetBitmapDataCallbacks(nullptr, &cb), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_ChangeBitmapHeight(nullptr, 1), KS_INVALID_BITMAP);
+    EXPECT_EQ(K_SetBitmapDataPointer(nullptr, nullptr, 0), KS_INVALID_BITMAP);
+
+    for (uint32_t bad : {0u, 1u, 44u, 175u, 177u, 188u, 189u, 215u, 217u, 0xFFFFFFFFu}) {
+        // A valid allocated record whose size word was damaged afterwards.
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_USER, 4, 4, 8, ORDER_RGB, nullptr, 1, pixels,
+                                 sizeof pixels),
+                  KS_SUCCESS);
+        bm.uStructSize = bad;
+        const BITMAPRECORD before = bm;
+        EXPECT_EQ(K_InitBitmap(&bm, bad, 1, 1, 1), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_CreateBitmap(&bm, bad, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_SetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_GetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_ChangeBitmapHeight(&bm, 2), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_SetBitmapDataPointer(&bm, pixels, sizeof pixels), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_FreeBitmap(&bm), KS_SUCCESS) << bad;  // ignored
+        EXPECT_EQ(std::memcmp(&bm, &before, sizeof bm), 0) << bad;
+        bm.uStructSize = BITMAPRECORD_SIZE;
+        K_FreeBitmap(&bm);
+    }
+    // A callback table with a wrong size word, and a null out-table.
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4, 4, 8), KS_SUCCESS);
+    for (uint32_t bad : {0u, 40u, 43u, 45u, 48u, 88u}) {
+        cb.uStructSize = bad;
+        EXPECT_EQ(K_SetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_GetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+        EXPECT_EQ(K_InitBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+    }
+    EXPECT_EQ(K_GetBitmapDataCallbacks(&bm, nullptr), KS_INVALID_PARAMETER);
+    K_FreeBitmap(&bm);
+}
+
+// K_FreeBitmap's order: region, palette and overlays go before the free
+// callback is asked; storage, allocated bit, LUT, extra data, callbacks and the
+// dithering run after it. The callback sees the record in that middle state.
+struct FreeOrderSeen {
+    int calls = 0;
+    bool regionGone = false, paletteGone = false, stillAllocated = false, lutKept = false, extraKept = false,
+         ditherKept = false;
+};
+int32_t observeFree(BITMAPRECORD* bm, void* user) {
+    auto* seen = static_cast<FreeOrderSeen*>(user);
+    ++seen->calls;
+    seen->regionGone = bm->hRgn == nullptr;
+    seen->paletteGone = bm->pPalette == nullptr;
+    seen->stillAllocated = (bm->uFlags & BRF_ALLOCATED) != 0;
+    seen->lutKept = bm->pLUT != nullptr;
+    seen->extraKept = bm->pExtraData != nullptr;
+    seen->ditherKept = bm->pDitherState != nullptr;
+    return KS_SUCCESS;  // carry on: the kernel frees the storage by its kind
+}
+
+TEST(RecordFree, OrderAroundTheFreeCallback) {
+    const long base = warmLiveBlocks();
+    FreeOrderSeen seen;
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    cb.pUserData = &seen;
+    cb.pfnFree = observeFree;
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 16, 16, 8, ORDER_RGB, nullptr, 1, nullptr, 0,
+                                          &cb),
+              KS_SUCCESS);
+    const RECT r{2, 2, 10, 10};
+    ASSERT_EQ(K_SetBitmapRgnRect(&bm, nullptr, &r, RGN_SET_OR), KS_SUCCESS);
+    ASSERT_NE(bm.hRgn, nullptr);
+    ASSERT_EQ(K_StartDithering(&bm, nullptr, 16), KS_SUCCESS);
+    ASSERT_NE(bm.pDitherState, nullptr);
+    bm.pLUT = K_GlobalAlloc(GMEM_FIXED, 256);
+    bm.pExtraData = K_GlobalAlloc(GMEM_FIXED, 8);
+    bm.uExtraDataSize = 8;
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(seen.calls, 1);
+    EXPECT_TRUE(seen.regionGone);
+    EXPECT_TRUE(seen.paletteGone);
+    EXPECT_TRUE(seen.stillAllocated);
+    EXPECT_TRUE(seen.lutKept);
+    EXPECT_TRUE(seen.extraKept);
+    EXPECT_TRUE(seen.ditherKept);
+    EXPECT_EQ(bm.hRgn, nullptr);
+    EXPECT_EQ(bm.pDitherState, nullptr);
+    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0u);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);  // storage freed by kind, everything else released
+}
+
 TEST(RecordFree, IgnoresBadRecordsAndReleasesEverything) {
     EXPECT_EQ(K_FreeBitmap(nullptr), KS_SUCCESS);
     BITMAPRECORD bad = patterned(0);
@@ -340,6 +644,26 @@ TEST(RecordDataPointer, FrameOrderAndAttach) {
     K_FreeBitmap(&bm);
 }
 
+// Storage that is being accessed is never replaced by caller memory, in either
+// layout (the older one has no lock count, only the locked bit).
+TEST(RecordDataPointer, AccessedStorageIsNotReplaced) {
+    for (uint32_t id : {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD}) {
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, id, 1, 4, 4, 32, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+        uint8_t* pixels = bm.pData;
+        ASSERT_NE(pixels, nullptr);
+        std::vector<uint8_t> mine(bm.uSize);
+        EXPECT_EQ(K_SetBitmapDataPointer(&bm, mine.data(), mine.size()), KS_INVALID_PARAMETER) << id;
+        EXPECT_EQ(bm.pData, pixels);
+        std::memset(pixels, 0x3A, bm.uSize);  // still the bitmap's own block (ASan)
+        ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+        EXPECT_EQ(K_SetBitmapDataPointer(&bm, mine.data(), mine.size()), KS_SUCCESS);
+        EXPECT_EQ(bm.pData, mine.data());
+        K_FreeBitmap(&bm);
+    }
+}
+
 TEST(RecordDataPointer, ReplacesOwnedStorageWithoutLeaking) {
     const long base = warmLiveBlocks();
     BITMAPRECORD bm;
@@ -356,6 +680,8 @@ TEST(RecordHeight, GrowAndShrinkKeepThePixels) {
     EXPECT_EQ(K_ChangeBitmapHeight(nullptr, 3), KS_INVALID_BITMAP);
     ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 10, 10, 8), KS_SUCCESS);
     EXPECT_EQ(K_ChangeBitmapHeight(&bm, 3), KS_INVALID_BITMAP);  // not allocated
+    bm.uStructSize = 100;  // the allocated bit is looked at before the size word
+    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 3), KS_INVALID_BITMAP);
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 10, 8, ORDER_RGB, nullptr, 1, nullptr, 0), KS_SUCCESS);
     ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
     for (uint32_t i = 0; i < bm.uSize64; ++i) bm.pData[i] = uint8_t(i * 7);
@@ -378,6 +704,53 @@ TEST(RecordHeight, GrowAndShrinkKeepThePixels) {
               KS_SUCCESS);
     EXPECT_EQ(K_ChangeBitmapHeight(&bm, 5), KS_INVALID_PARAMETER);  // caller memory
     K_FreeBitmap(&bm);
+}
+
+// K_ChangeBitmapHeight on every storage kind, through a sequence of heights
+// that includes 0: the rows both heights share keep their pixels, new rows
+// read as zero, and the data size follows. Oracle: a plain vector of rows.
+TEST(RecordHeight, EveryStorageKindKeepsSharedRows) {
+    const long base = warmLiveBlocks();
+    struct Kind {
+        const char* name;
+        uint32_t convertTo;  // 0: stay a single block
+        uint64_t tileSize;
+        int32_t bpp;
+    } kinds[] = {{"block", 0, 0, 8},        {"tiles", MEMTYPE_DISK, 1024, 8},
+                 {"disk", MEMTYPE_NO_CONVENTIONAL, 0, 8}, {"runs", MEMTYPE_COMPRESSED, 0, 1},
+                 {"super", MEMTYPE_SUPERCOMPRESSED, 0, 8}};
+    const int32_t width = 37;
+    for (const Kind& k : kinds) {
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, width, 50, k.bpp, ORDER_RGB, nullptr, 1, nullptr, 0),
+                  KS_SUCCESS);
+        if (k.convertTo) {
+            ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, k.convertTo, k.tileSize), KS_SUCCESS) << k.name;
+        }
+        const uint32_t pixelBytes = uint32_t((width * k.bpp + 7) / 8);
+        std::vector<std::vector<uint8_t>> model;
+        for (int32_t r = 0; r < 50; ++r) {
+            std::vector<uint8_t> row(pixelBytes);
+            for (uint32_t i = 0; i < pixelBytes; ++i) row[i] = uint8_t(r * 31 + i * 7 + 1);
+            if (k.bpp == 1) row.back() &= 0xF8;  // 37 pixels: the last 3 bits are pixels, the rest padding
+            ASSERT_EQ(K_PutBitmapRow(&bm, row.data(), r, pixelBytes), int32_t(pixelBytes)) << k.name;
+            model.push_back(row);
+        }
+        for (int32_t h : {80, 0, 3, 120, 50, 50}) {
+            ASSERT_EQ(K_ChangeBitmapHeight(&bm, h), KS_SUCCESS) << k.name << " to " << h;
+            ASSERT_EQ(bm.nHeight, h);
+            ASSERT_EQ(bm.uSize64, uint64_t(bm.nBytesPerLine) * uint64_t(h));
+            model.resize(size_t(h), std::vector<uint8_t>(pixelBytes, 0));
+            std::vector<uint8_t> got(pixelBytes);
+            for (int32_t r = 0; r < h; ++r) {
+                ASSERT_EQ(K_GetBitmapRow(&bm, got.data(), r, pixelBytes), int32_t(pixelBytes)) << k.name;
+                if (k.bpp == 1) got.back() &= 0xF8;
+                ASSERT_EQ(got, model[size_t(r)]) << k.name << " height " << h << " row " << r;
+            }
+        }
+        K_FreeBitmap(&bm);
+        EXPECT_EQ(krn::faultinject::liveBlocks(), base) << k.name;
+    }
 }
 
 TEST(RecordHeight, FailedGrowthKeepsTheOldHeight) {

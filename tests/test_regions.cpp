@@ -161,6 +161,63 @@ TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
     }
 }
 
+// Many small rectangles on a coarse grid: rows with many runs whose ends
+// coincide or touch across the two sources, tall rectangles (repeated rows),
+// sources apart vertically and horizontally, and empty sources. The sources
+// are built by the rectangle importer, so the combines are checked against
+// the mask without relying on themselves.
+HRGN rectsRegion(std::mt19937& rng, int count, int dx, int dy, Mask& m) {
+    std::vector<RECT> rects;
+    m = Mask(kWin.x0, kWin.y0, kWin.w, kWin.h);
+    for (int i = 0; i < count; ++i) {
+        int l = int(rng() % 40) * 2 + dx, t = int(rng() % 30) * 2 + dy;
+        int w = 1 + int(rng() % 4) * 2, h = rng() % 4 == 0 ? 20 + int(rng() % 30) : 1 + int(rng() % 3);
+        RECT r{l, t, l + w, std::min(t + h, kWin.y0 + kWin.h)};
+        rects.push_back(r);
+        m = m.combine(rgntest::rectMask(kWin, r), 1);
+    }
+    if (rects.empty()) return CreateRectRgn(0, 0, 0, 0);
+    std::vector<uint8_t> blk(32 + 16 * rects.size());
+    RGNDATAHEADER hdr{32, RDH_RECTANGLES, uint32_t(rects.size()), uint32_t(16 * rects.size()), RECT{0, 0, 0, 0}};
+    std::memcpy(blk.data(), &hdr, 32);
+    std::memcpy(blk.data() + 32, rects.data(), 16 * rects.size());
+    return ExtCreateRegion(nullptr, uint32_t(blk.size()), reinterpret_cast<const RGNDATA*>(blk.data()));
+}
+
+TEST(RegionsEngine, UnionIntersectionDifferenceOfManyRunRowsMatchMask) {
+    std::mt19937 rng(777);
+    for (int iter = 0; iter < 80; ++iter) {
+        const int layout = iter % 5;  // overlapping, b below a, b right of a, a empty, b empty
+        Mask ma, mb;
+        HRGN a = rectsRegion(rng, layout == 3 ? 0 : 1 + int(rng() % 120), 0, 0, ma);
+        HRGN b = rectsRegion(rng, layout == 4 ? 0 : 1 + int(rng() % 120), layout == 2 ? 81 : int(rng() % 2),
+                             layout == 1 ? 110 : int(rng() % 2), mb);
+        ASSERT_NE(a, nullptr);
+        ASSERT_NE(b, nullptr);
+        const Mask want = ma.combine(mb, 1);
+        HRGN d = CreateRectRgn(0, 0, 1, 1);
+        CombineRgn(d, a, b, RGN_OR);
+        expectMatches(d, want, "union, layout " + std::to_string(layout));
+        CombineRgn(d, b, a, RGN_OR);
+        expectMatches(d, want, "union swapped, layout " + std::to_string(layout));
+        CombineRgn(d, d, a, RGN_OR);  // in place: a source is the destination
+        expectMatches(d, want, "union in place, layout " + std::to_string(layout));
+        CombineRgn(d, a, b, RGN_AND);
+        expectMatches(d, ma.combine(mb, 0), "a and b, layout " + std::to_string(layout));
+        CombineRgn(d, b, a, RGN_AND);
+        expectMatches(d, ma.combine(mb, 0), "b and a, layout " + std::to_string(layout));
+        CombineRgn(d, a, b, RGN_DIFF);
+        expectMatches(d, ma.combine(mb, 3), "a minus b, layout " + std::to_string(layout));
+        CombineRgn(d, b, a, RGN_DIFF);
+        expectMatches(d, ma.combine(mb, 4), "b minus a, layout " + std::to_string(layout));
+        CombineRgn(d, a, a, RGN_DIFF);
+        expectMatches(d, Mask(kWin.x0, kWin.y0, kWin.w, kWin.h), "a minus a, layout " + std::to_string(layout));
+        DeleteObject(d);
+        DeleteObject(a);
+        DeleteObject(b);
+    }
+}
+
 TEST(RegionsEngine, PolygonsMatchCentreSamplingBothFillModes) {
     std::mt19937 rng(777);
     for (int iter = 0; iter < 80; ++iter) {
@@ -387,6 +444,54 @@ TEST(RegionsEngine, KernelOperationsClipScaleMirror) {
         K_DeleteOrvaRgn(r);
         DeleteObject(s.h);
     }
+}
+
+TEST(RegionsEngine, KernelCombineKeepsIdentityAndReusesBlocks) {
+    RECT ra{0, 0, 50, 40}, rb{30, 20, 90, 70}, rc{5, 5, 6, 6};
+    OrvaRgn *a = nullptr, *b = nullptr, *d = nullptr;
+    ASSERT_EQ(K_CreateOrvaRgnRect(&a, &ra), KS_SUCCESS);
+    ASSERT_EQ(K_CreateOrvaRgnRect(&b, &rb), KS_SUCCESS);
+    // A null destination receives a new region.
+    ASSERT_EQ(K_CombineOrvaRgn(&d, a, b, RGN_OR), KS_SUCCESS);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(krn::rgn::area(d), 50u * 40u + 60u * 50u - 20u * 20u);
+    // An existing destination is replaced in place (its blocks reused).
+    OrvaRgn* same = d;
+    d->nPlacement[0] = 77;
+    ASSERT_EQ(K_CombineOrvaRgn(&d, a, b, RGN_XOR), KS_SUCCESS);
+    EXPECT_EQ(d, same);
+    EXPECT_EQ(d->nPlacement[0], 77);
+    EXPECT_TRUE(krn::rgn::valid(d));
+    EXPECT_EQ(krn::rgn::area(d), 50u * 40u + 60u * 50u - 2u * 20u * 20u);
+    EXPECT_EQ(K_IsPtInOrvaRgn(d, 35, 25, nullptr, nullptr), 0);
+    EXPECT_EQ(K_IsPtInOrvaRgn(d, 10, 10, nullptr, nullptr), 1);
+    // A destination that is also a source.
+    ASSERT_EQ(K_CombineOrvaRgn(&a, a, b, RGN_DIFF), KS_SUCCESS);
+    EXPECT_EQ(krn::rgn::area(a), 50u * 40u - 20u * 20u);
+    // A failure leaves the destination as it was, blocks and all.
+    OrvaRgn* small = nullptr;
+    ASSERT_EQ(K_CreateOrvaRgnRect(&small, &rc), KS_SUCCESS);
+    for (long n = 0; n < 8; ++n) {
+        krn::faultinject::arm(n, 1);
+        int32_t st = K_CombineOrvaRgn(&small, a, b, RGN_OR);
+        bool injected = krn::faultinject::injected() > 0;
+        krn::faultinject::disarm();
+        if (st != KS_SUCCESS) {
+            EXPECT_TRUE(injected);
+            EXPECT_TRUE(krn::rgn::valid(small));
+            EXPECT_EQ(krn::rgn::area(small), 1u);
+            EXPECT_EQ(K_IsPtInOrvaRgn(small, 5, 5, nullptr, nullptr), 1);
+        } else {
+            break;
+        }
+    }
+    EXPECT_EQ(K_CombineOrvaRgn(&small, a, nullptr, RGN_OR), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CombineOrvaRgn(&small, a, b, 6), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_OffsetOrvaRgn(a, 0, 0), KS_SUCCESS);
+    K_DeleteOrvaRgn(small);
+    K_DeleteOrvaRgn(a);
+    K_DeleteOrvaRgn(b);
+    K_DeleteOrvaRgn(d);
 }
 
 TEST(RegionsEngine, PointTestReportsTheRun) {

@@ -524,6 +524,9 @@ TEST(RegionsBitmap, UnclippedFlagKeepsRegionAndClipsReads) {
     uint64_t area = 0;
     K_GetBitmapRgnArea(&b.bm, &area);
     EXPECT_EQ(area, 60u * 13u);
+    uint32_t mx = 0;
+    K_GetBitmapClipSegmentsMax(&b.bm, &mx);
+    EXPECT_EQ(mx, 30u);  // bounded by the bitmap's width, not the region's 60
     int32_t segs[64];
     uint32_t n = 0;
     K_GetBitmapClipSegments(&b.bm, -2, segs, &n);

@@ -35,18 +35,20 @@ uint32_t kindOf(const BITMAPRECORD& bm) {
     return t;
 }
 
-TEST(StorageDecision, AcceptedAndRejectedMemoryTypes) {
-    for (uint32_t t : {3u, 5u, 6u, 7u, 10u, 258u, 2048u, 2049u}) {
+TEST(StorageDecision, MemoryTypesAndTheKindEachGets) {
+    const uint32_t rejected[] = {3, 5, 6, 7, 10, 258, 2048, 2049};
+    const uint32_t accepted[] = {1, 4, 8, 9, 128, 256, 257, 260, 264, 265, 1024, 1025, 1280, 1281};
+    for (uint32_t t : rejected) {
         BITMAPRECORD bm;
         ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 8, 8, 8), KS_SUCCESS);
         EXPECT_EQ(K_AllocateBitmap(&bm, t), KS_INVALID_PARAMETER) << t;
-        EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+        EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u) << t;
     }
-    for (uint32_t t : {1u, 4u, 8u, 9u, 128u, 256u, 257u, 260u, 264u, 265u, 1024u, 1025u, 1280u, 1281u}) {
+    for (uint32_t t : accepted) {
         BITMAPRECORD bm;
         ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 8, 8, 8), KS_SUCCESS);
-        EXPECT_EQ(K_AllocateBitmap(&bm, t), KS_SUCCESS) << "type " << t;
-        EXPECT_NE(bm.uFlags & BRF_ALLOCATED, 0u);
+        EXPECT_EQ(K_AllocateBitmap(&bm, t), KS_SUCCESS) << t;
+        EXPECT_NE(bm.uFlags & BRF_ALLOCATED, 0u) << t;
         K_FreeBitmap(&bm);
     }
     BITMAPRECORD bm;
@@ -55,29 +57,30 @@ TEST(StorageDecision, AcceptedAndRejectedMemoryTypes) {
     EXPECT_EQ(K_AllocateBitmap(nullptr, 1), KS_INVALID_PARAMETER);
     bm.uStructSize = 99;
     EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_INVALID_STRUCT_SIZE);
-}
 
-TEST(StorageDecision, FlagsOfEachKind) {
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 512, 64, 4, 24, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0003u) << "24-bit compressed falls back to one block";
-    K_FreeBitmap(&bm);
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 512, 64, 4, 1, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0103u);
-    K_FreeBitmap(&bm);
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1024, 64, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x8003u);
-    K_FreeBitmap(&bm);
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1024, 64, 4, 16, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0003u) << "16-bit super-compressed falls back";
-    K_FreeBitmap(&bm);
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 128, 64, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0005u);
-    EXPECT_NE(bm.hMemory, nullptr);
-    K_FreeBitmap(&bm);
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 2, 64, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0403u);
-    K_FreeBitmap(&bm);
+    // The storage flags each request ends with.
+    struct Flags {
+        const char* what;
+        uint32_t type;
+        int32_t bpp, order;
+        uint32_t flags;
+    };
+    const Flags kinds[] = {{"24-bit compressed falls back to one block", 512, 24, 1, 0x0003},
+                           {"1-bit compressed", 512, 1, 0, 0x0103},
+                           {"8-bit super-compressed", 1024, 8, 0, 0x8003},
+                           {"16-bit super-compressed falls back", 1024, 16, 1, 0x0003},
+                           {"disk", 128, 8, 0, 0x0005},
+                           {"caller memory", 2, 8, 0, 0x0403}};
+    for (const auto& k : kinds) {
+        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, k.type, 64, 4, k.bpp, k.order, nullptr, 1, nullptr, 0),
+                  KS_SUCCESS)
+            << k.what;
+        EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, k.flags) << k.what;
+        if (k.type == 128) {
+            EXPECT_NE(bm.hMemory, nullptr);
+        }
+        K_FreeBitmap(&bm);
+    }
 }
 
 TEST(StorageDecision, CapSendsTheImageToTilesOrDisk) {
@@ -138,6 +141,34 @@ TEST(StorageDecision, ThresholdsSteerTheDecision) {
     EXPECT_EQ(kindOf(bm), 4u);
     EXPECT_EQ(tiles, 4);
     EXPECT_EQ(tileSize, 500u);
+    K_FreeBitmap(&bm);
+}
+
+TEST(StorageDecision, FreeMemoryLessTheReserveLimitsOneBlock) {
+    CapGuard guard;
+    struct Restore {
+        ~Restore() { krn::testhook::setAvailableMemory(0); }
+    } restore;
+    krn::testhook::setAvailableMemory(10000);
+    BITMAPRECORD bm;
+    // 2000 bytes fit in 10000 free bytes less 7000 kept free...
+    ASSERT_EQ(K_SetMemoryThresholds(7000, 0, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    ASSERT_EQ(K_AllocateBitmap(&bm, 265), KS_SUCCESS);
+    K_FreeBitmap(&bm);
+    // ... but not in 10000 less 9000.
+    ASSERT_EQ(K_SetMemoryThresholds(9000, 0, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_NO_MEMORY);
+    ASSERT_EQ(K_AllocateBitmap(&bm, 1), KS_SUCCESS);
+    EXPECT_EQ(kindOf(bm), 4u) << "too large for one block: tiles";
+    K_FreeBitmap(&bm);
+    // A percentage: the largest image is 15% of the 10000 free bytes.
+    ASSERT_EQ(K_SetMemoryThresholds(0, -15, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE | MEMTHRESHOLD_LARGEST_IMAGE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 20, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_NO_MEMORY);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 15, 8), KS_SUCCESS);
+    EXPECT_EQ(K_AllocateBitmap(&bm, 265), KS_SUCCESS) << "1500 bytes fit";
     K_FreeBitmap(&bm);
 }
 
@@ -325,16 +356,15 @@ TEST(StorageSettings, ThresholdsAndDefaults) {
     ASSERT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
     GLOBALMEMORYTHRESHOLDS r{GLOBALMEMORYTHRESHOLDS_SIZE, 0};
     ASSERT_EQ(K_GetGlobalMemoryThresholds(&r), KS_SUCCESS);
-    EXPECT_EQ(r.nLargestImage, 12345);
+    EXPECT_EQ(int64_t{r.nLargestImage}, 12345);
     g.nLargestImage = -2;
     EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_PARAMETER);
     g.nLargestImage = -1;
     EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
     K_GetGlobalMemoryThresholds(&r);
-    EXPECT_EQ(r.nLargestImage, 0);
+    EXPECT_EQ(int64_t{r.nLargestImage}, 0);
     g.uStructSize = 16;
     EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(sizeof(GLOBALMEMORYTHRESHOLDS), 12u);
 }
 
 struct GlobalCb {
@@ -416,25 +446,23 @@ TEST(StorageCallbacks, DataAllocateCallback) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
 }
 
-// Fills a bitmap with a pattern that depends on row and byte.
-void fillPattern(BITMAPRECORD* bm, int32_t rows, uint32_t seed) {
+// Row r of a pattern that depends on row and byte; the padding stays zero
+// (compressed kinds keep pixels only).
+std::vector<uint8_t> patternRow(const BITMAPRECORD* bm, int32_t r, uint32_t seed) {
     std::vector<uint8_t> row(bm->nBytesPerLine);
-    for (int32_t r = 0; r < rows; ++r) {
-        for (uint32_t i = 0; i < row.size(); ++i) row[i] = uint8_t((r * 31 + int32_t(i) * 7 + int32_t(seed)) & 0xFF);
-        // keep the padding zero (compressed kinds keep pixels only)
-        for (uint64_t b = uint64_t(bm->nWidth) * uint64_t(bm->nBitsPerPixel); b < uint64_t(row.size()) * 8; ++b)
-            row[b >> 3] &= uint8_t(~(0x80u >> (b & 7)));
-        ASSERT_GT(K_PutBitmapRow(bm, row.data(), r, bm->nBytesPerLine), 0);
-    }
+    for (uint32_t i = 0; i < row.size(); ++i) row[i] = uint8_t((r * 31 + int32_t(i) * 7 + int32_t(seed)) & 0xFF);
+    for (uint64_t b = uint64_t(bm->nWidth) * uint64_t(bm->nBitsPerPixel); b < uint64_t(row.size()) * 8; ++b)
+        row[b >> 3] &= uint8_t(~(0x80u >> (b & 7)));
+    return row;
+}
+void fillPattern(BITMAPRECORD* bm, int32_t rows, uint32_t seed) {
+    for (int32_t r = 0; r < rows; ++r) ASSERT_GT(K_PutBitmapRow(bm, patternRow(bm, r, seed).data(), r, bm->nBytesPerLine), 0);
 }
 void expectPattern(BITMAPRECORD* bm, int32_t rows, uint32_t seed, const char* what) {
-    std::vector<uint8_t> want(bm->nBytesPerLine), got(bm->nBytesPerLine);
+    std::vector<uint8_t> got(bm->nBytesPerLine);
     for (int32_t r = 0; r < rows; ++r) {
-        for (uint32_t i = 0; i < want.size(); ++i) want[i] = uint8_t((r * 31 + int32_t(i) * 7 + int32_t(seed)) & 0xFF);
-        for (uint64_t b = uint64_t(bm->nWidth) * uint64_t(bm->nBitsPerPixel); b < uint64_t(want.size()) * 8; ++b)
-            want[b >> 3] &= uint8_t(~(0x80u >> (b & 7)));
         ASSERT_EQ(K_GetBitmapRow(bm, got.data(), r, bm->nBytesPerLine), int32_t(bm->nBytesPerLine));
-        ASSERT_EQ(got, want) << what << " row " << r;
+        ASSERT_EQ(got, patternRow(bm, r, seed)) << what << " row " << r;
     }
 }
 void expectZeroRows(BITMAPRECORD* bm, int32_t from, int32_t to, const char* what) {
@@ -561,12 +589,8 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
             int32_t rc = K_CreateBitmap(bm, BITMAPRECORD_SIZE, type, 70, 40, bpp, 1, nullptr, 1, nullptr, 0);
             if (rc != KS_SUCCESS) return rc;
             // Rows written under fault injection too (compressed kinds allocate per row).
-            std::vector<uint8_t> row(bm->nBytesPerLine);
             for (int32_t r = 0; r < bm->nHeight; ++r) {
-                for (uint32_t i = 0; i < row.size(); ++i) row[i] = uint8_t((r * 31 + int32_t(i) * 7 + 5) & 0xFF);
-                for (uint64_t b = 70 * uint64_t(bpp); b < uint64_t(row.size()) * 8; ++b)
-                    row[b >> 3] &= uint8_t(~(0x80u >> (b & 7)));
-                int32_t w = K_PutBitmapRow(bm, row.data(), r, bm->nBytesPerLine);
+                int32_t w = K_PutBitmapRow(bm, patternRow(bm, r, 5).data(), r, bm->nBytesPerLine);
                 if (w < 0) {
                     K_FreeBitmap(bm);
                     return w;
@@ -594,6 +618,40 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
     sweepAllocationFailures("to compressed", build(1, 1, 512));
     sweepAllocationFailures("to super", build(1, 24, 1024));
     sweepAllocationFailures("tiles to disk", build(1, 8, 128));
+}
+
+TEST(StorageFaults, TilesRetryWithHalfTheTileSize) {
+    CapGuard guard;
+    // 32 MiB that may not be one block nor use files: tiles in memory only.
+    ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE),
+              KS_SUCCESS);
+    K_GetDefaultMemoryType();
+    const long live = krn::faultinject::liveBlocks();
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);
+    // Allocation 0 is the tile table, 1 the first 16 MiB tile: it fails once.
+    krn::faultinject::arm(1, 1);
+    int32_t rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
+    krn::faultinject::disarm();
+    ASSERT_EQ(rc, KS_SUCCESS);
+    uint64_t tileSize = 0;
+    int32_t tiles = 0, onDisk = -1;
+    uint32_t type = 0;
+    K_GetBitmapMemoryInfo(&bm, &type, &tileSize, &tiles, &onDisk);
+    EXPECT_EQ(type, 4u);
+    EXPECT_EQ(tileSize, 8u << 20) << "the second try used tiles of half the size";
+    EXPECT_EQ(tiles, 4);
+    EXPECT_EQ(onDisk, 0);
+    K_FreeBitmap(&bm);
+    // Already at the floor (8 MiB): no retry, the shortage is the answer.
+    ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS);
+    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);
+    krn::faultinject::arm(1, 1);
+    rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
+    krn::faultinject::disarm();
+    EXPECT_EQ(rc, KS_NO_MEMORY);
+    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
 }
 
 TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {

@@ -146,23 +146,14 @@ TEST(RowsFrame, ArgumentChecks) {
     EXPECT_EQ(K_GetBitmapRow(&bm, buf, 4, 4), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_GetBitmapRowCol(&bm, buf, 0, 10, 4), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_GetBitmapRow(&bm, buf, 0, 0), 0);
+    EXPECT_EQ(K_PutBitmapRowSegments(&bm, buf, 0, nullptr, 1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_PutBitmapRowSegments(&bm, buf, 0, nullptr, 0), KS_SUCCESS);
+    EXPECT_EQ(K_PutBitmapRowSegments(&bm, buf, 5, nullptr, 0), KS_INVALID_PARAMETER);
     bm.uStructSize = 100;
     EXPECT_EQ(K_PutBitmapRow(&bm, buf, 0, 4), KS_INVALID_STRUCT_SIZE);
     bm.uStructSize = BITMAPRECORD_SIZE;
     K_FreeBitmap(&bm);
     EXPECT_EQ(K_GetBitmapRow(&bm, buf, 0, 4), KS_INVALID_BITMAP);
-}
-
-TEST(RowsFrame, ColumnByteAtFourBitsStartsAtTheByteHoldingTheColumn) {
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 16, 1, 4, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    uint8_t in[8] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
-    ASSERT_EQ(K_PutBitmapRow(&bm, in, 0, 8), 8);
-    uint8_t out[8] = {};
-    ASSERT_EQ(K_GetBitmapRowCol(&bm, out, 0, 5, 8), 6);  // byte 2 on, cut at the row end
-    EXPECT_EQ(out[0], 0x45);
-    EXPECT_EQ(out[5], 0xEF);
-    K_FreeBitmap(&bm);
 }
 
 TEST(RowsFrame, OlderLayoutRecordsWork) {
@@ -218,25 +209,6 @@ TEST(RowsCallback, GetRowCallbackAnswersFirst) {
     src.answer = -777;
     EXPECT_EQ(K_GetBitmapRow(&bm, out, 2, 8), -777);
     EXPECT_EQ(src.calls, 4);
-    K_FreeBitmap(&bm);
-}
-
-TEST(RowsSegments, ArgumentsAndClipping) {
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 20, 2, 1, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    uint8_t ones[4] = {0xFF, 0xFF, 0xFF, 0xFF};
-    EXPECT_EQ(K_PutBitmapRowSegments(&bm, ones, 0, nullptr, 1), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_PutBitmapRowSegments(&bm, ones, 0, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(K_PutBitmapRowSegments(&bm, ones, 5, nullptr, 0), KS_INVALID_PARAMETER);
-    const int32_t segs[] = {-5, 3, 9, 11, 17, 40, 12, 12};
-    ASSERT_EQ(K_PutBitmapRowSegments(&bm, ones, 1, segs, 4), KS_SUCCESS);
-    uint8_t out[4] = {};
-    ASSERT_EQ(K_GetBitmapRow(&bm, out, 1, 4), 4);
-    // pixels 0-2, 9-10, 17-19 set; nothing past the width.
-    EXPECT_EQ(out[0], 0xE0);
-    EXPECT_EQ(out[1], 0x60);
-    EXPECT_EQ(out[2], 0x70);
-    EXPECT_EQ(out[3], 0x00);
     K_FreeBitmap(&bm);
 }
 

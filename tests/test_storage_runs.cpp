@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ombrix.h"
+#include "krn/common/memory.h"
 #include "storage_kinds.h"
 
 using namespace storagetest;
@@ -64,25 +65,27 @@ std::vector<uint16_t> referenceCompress(const uint8_t* src, uint64_t first, uint
     return out;
 }
 
+// Worked rows that anchor the reference compressor: runs start with white,
+// and a run longer than 65535 is split by a zero-length run.
 TEST(CompressedRows, KnownRows) {
+    struct Known {
+        std::vector<uint8_t> src;
+        int32_t first, count;
+        std::vector<uint16_t> runs;
+    };
+    const Known rows[] = {{{0, 0}, 0, 16, {16}},
+                          {{0xC0}, 0, 8, {0, 2, 6}},
+                          {std::vector<uint8_t>(70000 / 8, 0), 0, 70000, {65528, 0, 4472}},
+                          {std::vector<uint8_t>(70000 / 8, 0xFF), 0, 70000, {0, 65528, 0, 4472}},
+                          {{0xFF, 0x0F}, 4, 12, {0, 4, 4, 4}}};  // a run may start inside a byte
     std::vector<uint8_t> out(OMBRIX_COMPRESSED_ROW_MAX(70000));
-    uint8_t zeros[2] = {0, 0};
-    ASSERT_EQ(K_CompressRow(out.data(), zeros, 0, 16), KS_SUCCESS);
-    EXPECT_EQ(runsOf(out.data()), (std::vector<uint16_t>{16}));
-    uint8_t lead1[1] = {0xC0};
-    ASSERT_EQ(K_CompressRow(out.data(), lead1, 0, 8), KS_SUCCESS);
-    EXPECT_EQ(runsOf(out.data()), (std::vector<uint16_t>{0, 2, 6}));
-    std::vector<uint8_t> big(70000 / 8, 0);
-    ASSERT_EQ(K_CompressRow(out.data(), big.data(), 0, 70000), KS_SUCCESS);
-    EXPECT_EQ(runsOf(out.data()), (std::vector<uint16_t>{65528, 0, 4472}));
-    std::vector<uint8_t> bigOnes(70000 / 8, 0xFF);
-    ASSERT_EQ(K_CompressRow(out.data(), bigOnes.data(), 0, 70000), KS_SUCCESS);
-    EXPECT_EQ(runsOf(out.data()), (std::vector<uint16_t>{0, 65528, 0, 4472}));
-    // A run may start inside a byte; the source is not changed.
-    uint8_t mid[2] = {0xFF, 0x0F};
-    ASSERT_EQ(K_CompressRow(out.data(), mid, 4, 12), KS_SUCCESS);
-    EXPECT_EQ(runsOf(out.data()), (std::vector<uint16_t>{0, 4, 4, 4}));
-    EXPECT_EQ(mid[0], 0xFF);
+    for (const auto& k : rows) {
+        std::vector<uint8_t> src = k.src;
+        ASSERT_EQ(K_CompressRow(out.data(), src.data(), k.first, k.count), KS_SUCCESS);
+        EXPECT_EQ(runsOf(out.data()), k.runs) << k.count;
+        EXPECT_EQ(runsOf(out.data()), referenceCompress(src.data(), uint64_t(k.first), uint32_t(k.count)));
+        EXPECT_EQ(src, k.src) << "the source is not changed";
+    }
 }
 
 TEST(CompressedRows, RoundTripAgainstReference) {
@@ -249,6 +252,64 @@ TEST(CompressedRows, CompressedFormsNeedOneBit) {
     EXPECT_EQ(K_GetBitmapRowCompressed(&bm, nullptr, runs, 0, 10), KS_INVALID_BITS_PER_PIXEL);
     EXPECT_EQ(K_GetBitmapRowCompressed(&bm, nullptr, nullptr, 0, 10), KS_INVALID_PARAMETER);
     K_FreeBitmap(&bm);
+}
+
+
+// Rows of a run-compressed bitmap rewritten many times with contents whose
+// compressed size grows and shrinks: in-place rewrites, appends and pool
+// compaction must keep every row intact.
+TEST(CompressedStore, RewritesAppendsAndCompaction) {
+    const int32_t W = 333, H = 70;
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 512, W, H, 1, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    RefImage ref(W, H, 1);
+    std::mt19937 rng(2024);
+    std::vector<uint8_t> row(ref.bpl);
+    for (int round = 0; round < 40; ++round) {
+        for (int i = 0; i < 50; ++i) {
+            const int32_t r = int32_t(rng() % H);
+            // dense noise, sparse strokes or blank, at random
+            const int kind = int(rng() % 3);
+            for (int32_t x = 0; x < W; ++x)
+                setPixel(ref.row(r), x, 1, kind == 0 ? rng() & 1 : kind == 1 ? (x % 50 < 3) : 0);
+            ASSERT_EQ(K_PutBitmapRow(&bm, ref.row(r), r, ref.bpl), int32_t(ref.bpl));
+        }
+        for (int32_t r = 0; r < H; ++r) {
+            ASSERT_EQ(K_GetBitmapRow(&bm, row.data(), r, ref.bpl), int32_t(ref.bpl));
+            ASSERT_TRUE(std::equal(row.begin(), row.end(), ref.row(r))) << "round " << round << " row " << r;
+        }
+    }
+    K_FreeBitmap(&bm);
+}
+
+}  // namespace
+
+namespace {
+
+// A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its
+// height: row indexes appear only when rows are written.
+TEST(RunStore, TallBlankBitmapIsCheap) {
+    K_GetDefaultXResolution();
+    const long base = krn::faultinject::liveBlocks();
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_COMPRESSED, 64, 200000000, 1, ORDER_RGB, nullptr, 1,
+                             nullptr, 0),
+              KS_SUCCESS);
+    EXPECT_EQ(bm.uFlags & BRF_COMPRESSED, BRF_COMPRESSED);
+    EXPECT_LE(krn::faultinject::liveBlocks() - base, 3);  // store, palette and its handle
+    uint8_t row[8], got[8];
+    std::memset(got, 0xEE, sizeof got);
+    ASSERT_EQ(K_GetBitmapRow(&bm, got, 199999999, 8), 8);
+    for (uint8_t b : got) EXPECT_EQ(b, 0);
+    for (int i = 0; i < 8; ++i) row[i] = uint8_t(0x5A ^ i);
+    ASSERT_EQ(K_PutBitmapRow(&bm, row, 123456789, 8), 8);
+    ASSERT_EQ(K_GetBitmapRow(&bm, got, 123456789, 8), 8);
+    EXPECT_EQ(std::memcmp(got, row, 8), 0);
+    ASSERT_EQ(K_GetBitmapRow(&bm, got, 123456790, 8), 8);
+    for (uint8_t b : got) EXPECT_EQ(b, 0);
+    ASSERT_EQ(K_ChangeBitmapHeight(&bm, 100), KS_SUCCESS);
+    K_FreeBitmap(&bm);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // dither_ref.h - a plain reference ditherer for the tests, written from the
-// description of the methods rather than from the library: whole-image error
+// definitions of the methods rather than from the library: whole-image error
 // planes, weights as small matrices, one quantiser callback.
 #pragma once
 
@@ -21,7 +21,7 @@ struct Matrix {
 };
 const Matrix& matrix(int method);
 
-// The two 8x8 threshold tables, typed in again from the description.
+// The two 8x8 threshold tables, typed in again independently.
 extern const int kDispersed[8][8];
 extern const int kClustered[8][8];
 

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <algorithm>
+#include <climits>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <random>

@@ -2,9 +2,9 @@
 // order and palette, dithered when the target has a palette; and the demo
 // section that dithers the sample with self-checks. Public API only.
 //
-// The PNM reading and writing here is a small private helper (binary P4, P5,
-// P6; maxval up to 65535) until the tool's shared PNM module is available to
-// this command.
+// Pictures are read and written through the tool's PNM module (pnm.h): the
+// result is written as a bitmap of the requested format (a paletted bitmap
+// for 1..8 bits), which that module turns into P4, P5 or P6.
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -17,107 +17,46 @@
 #include <vector>
 
 #include "cli.h"
+#include "pnm.h"
 
 namespace {
 
-// ---------------------------------------------------------------- PNM
-
+// A 24-bit BGR picture in plain memory (rows of width * 3 bytes, top first).
 struct Picture {
     int width = 0, height = 0;
-    std::vector<uint8_t> bgr;  // rows of width * 3 bytes, top row first
+    std::vector<uint8_t> bgr;
 };
 
-bool readToken(FILE* f, std::string& tok) {
-    tok.clear();
-    int c = std::fgetc(f);
-    for (;;) {
-        while (c != EOF && std::isspace(c)) c = std::fgetc(f);
-        if (c == '#') {
-            while (c != EOF && c != '\n') c = std::fgetc(f);
-            continue;
+// Copies a bitmap's viewed pixels into a Picture through pnm::toBgr24.
+int32_t pictureOf(const BITMAPRECORD& bm, Picture& pic) {
+    BITMAPRECORD bgr;
+    int32_t rc = pnm::toBgr24(bm, bgr);
+    if (rc != KS_SUCCESS) return rc;
+    rc = K_AccessBitmap(&bgr);
+    if (rc == KS_SUCCESS) {
+        pic.width = bgr.nWidth, pic.height = bgr.nHeight;
+        pic.bgr.clear();
+        for (int y = 0; y < bgr.nHeight; ++y) {
+            const uint8_t* row = bgr.pData + size_t(y) * bgr.nBytesPerLine;
+            pic.bgr.insert(pic.bgr.end(), row, row + size_t(bgr.nWidth) * 3);
         }
-        break;
+        K_ReleaseBitmap(&bgr);
     }
-    while (c != EOF && !std::isspace(c)) {
-        tok += char(c);
-        c = std::fgetc(f);
-    }
-    return !tok.empty();  // the single whitespace after the token is consumed
+    K_FreeBitmap(&bgr);
+    return rc;
 }
 
-bool readPnm(const std::string& path, Picture& pic, std::string& why) {
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) {
-        why = "cannot open " + path;
-        return false;
-    }
-    std::string magic, tw, th, tm = "1";
-    bool ok = readToken(f, magic) && (magic == "P4" || magic == "P5" || magic == "P6") && readToken(f, tw) &&
-              readToken(f, th) && (magic == "P4" || readToken(f, tm));
-    long w = ok ? std::strtol(tw.c_str(), nullptr, 10) : 0, h = ok ? std::strtol(th.c_str(), nullptr, 10) : 0;
-    long maxval = std::strtol(tm.c_str(), nullptr, 10);
-    if (!ok || w <= 0 || h <= 0 || w > 100000 || h > 100000 || maxval < 1 || maxval > 65535) {
-        std::fclose(f);
-        why = "not a binary PNM picture (P4, P5 or P6)";
-        return false;
-    }
-    pic.width = int(w), pic.height = int(h);
-    pic.bgr.assign(size_t(w) * size_t(h) * 3, 0);
-    const int channels = magic == "P6" ? 3 : 1;
-    const int sampleBytes = maxval > 255 ? 2 : 1;
-    const size_t rowBytes = magic == "P4" ? size_t(w + 7) / 8 : size_t(w) * size_t(channels) * size_t(sampleBytes);
-    std::vector<uint8_t> row(rowBytes);
-    for (long y = 0; y < h && ok; ++y) {
-        ok = std::fread(row.data(), 1, rowBytes, f) == rowBytes;
-        uint8_t* d = pic.bgr.data() + size_t(y) * size_t(w) * 3;
-        for (long x = 0; x < w && ok; ++x) {
-            int v[3];
-            if (magic == "P4") {
-                v[0] = v[1] = v[2] = (row[size_t(x) / 8] >> (7 - x % 8)) & 1 ? 0 : 255;  // 1 is black
-            } else {
-                for (int c = 0; c < channels; ++c) {
-                    size_t k = (size_t(x) * size_t(channels) + size_t(c)) * size_t(sampleBytes);
-                    long s = sampleBytes == 2 ? (row[k] << 8 | row[k + 1]) : row[k];
-                    v[c] = int((s * 255 + maxval / 2) / maxval);
-                }
-                if (channels == 1) v[1] = v[2] = v[0];
-            }
-            d[3 * x] = uint8_t(v[2]), d[3 * x + 1] = uint8_t(v[1]), d[3 * x + 2] = uint8_t(v[0]);
-        }
-    }
-    std::fclose(f);
-    if (!ok) why = "truncated picture data";
-    return ok;
-}
-
-// Writes P5 when every pixel is grey, else P6.
-bool writePnm(const std::string& path, const Picture& pic, std::string& why) {
-    bool grey = true;
-    for (size_t i = 0; i < pic.bgr.size() && grey; i += 3)
-        grey = pic.bgr[i] == pic.bgr[i + 1] && pic.bgr[i + 1] == pic.bgr[i + 2];
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f) {
-        why = "cannot create " + path;
-        return false;
-    }
-    std::fprintf(f, "%s\n%d %d\n255\n", grey ? "P5" : "P6", pic.width, pic.height);
-    std::vector<uint8_t> row(size_t(pic.width) * 3);
-    bool ok = true;
-    for (int y = 0; y < pic.height && ok; ++y) {
-        const uint8_t* s = pic.bgr.data() + size_t(y) * size_t(pic.width) * 3;
-        size_t n = 0;
-        for (int x = 0; x < pic.width; ++x) {
-            if (grey) {
-                row[n++] = s[3 * x];
-            } else {
-                row[n++] = s[3 * x + 2], row[n++] = s[3 * x + 1], row[n++] = s[3 * x];
-            }
-        }
-        ok = std::fwrite(row.data(), 1, n, f) == n;
-    }
-    ok = (std::fclose(f) == 0) && ok;
-    if (!ok) why = "write error on " + path;
-    return ok;
+// A new TOP_LEFT bitmap of the given format whose rows are filled by fill(y, row).
+template <class Fill>
+int32_t makeBitmap(int w, int h, int bits, int order, const RGBQUAD* pal, BITMAPRECORD& out, Fill fill) {
+    int32_t rc = K_CreateBitmap(&out, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, w, h, bits, order, pal, TOP_LEFT,
+                                nullptr, 0);
+    if (rc != KS_SUCCESS) return rc;
+    rc = K_AccessBitmap(&out);
+    for (int y = 0; y < h && rc == KS_SUCCESS; ++y) rc = fill(y, out.pData + size_t(y) * out.nBytesPerLine);
+    K_ReleaseBitmap(&out);
+    if (rc != KS_SUCCESS) K_FreeBitmap(&out);
+    return rc;
 }
 
 // ------------------------------------------------------------ dithering
@@ -217,12 +156,22 @@ int runConvert(const cli::Args& args) {
                              "  2 grey, 5 wide primaries, 7 5-6-5) and back to 24 bits for the output picture\n");
         return 2;
     }
-    Picture pic, res;
+    BITMAPRECORD src;
     std::string why;
-    if (!readPnm(in, pic, why)) {
-        std::fprintf(stderr, "convert: %s\n", why.c_str());
+    int32_t rc = pnm::read(in, src, &why);
+    if (rc != KS_SUCCESS) {
+        std::fprintf(stderr, "convert: %s: %s\n", in.c_str(), why.empty() ? cli::statusText(rc).c_str() : why.c_str());
         return 1;
     }
+    Picture pic;
+    rc = pictureOf(src, pic);
+    K_FreeBitmap(&src);
+    if (rc != KS_SUCCESS) {
+        std::fprintf(stderr, "convert: %s\n", cli::statusText(rc).c_str());
+        return 1;
+    }
+    const int w = pic.width, h = pic.height;
+    BITMAPRECORD result;
     if (bits <= 8) {
         std::vector<RGBQUAD> pal(size_t(1) << bits);
         const uint32_t colors = uint32_t(pal.size());
@@ -243,38 +192,50 @@ int runConvert(const cli::Args& args) {
             std::fprintf(stderr, "convert: --palette is fixed, web or gray\n");
             return 2;
         }
-        size_t used = 0;
-        double sec = 0;
-        int32_t rc = ditherPicture(pic, method, pal.data(), colors, res, &used, &sec);
+        // The dithered rows go straight into a bitmap of N bits with the palette.
+        BITMAPRECORD run;
+        K_InitBitmap(&run, BITMAPRECORD_SIZE, w, h, 24);
+        run.nOrder = ORDER_BGR;
+        run.nDitheringMethod = method;
+        rc = K_StartDithering(&run, pal.data(), colors);
+        const auto t0 = std::chrono::steady_clock::now();
+        if (rc == KS_SUCCESS)
+            rc = makeBitmap(w, h, bits, ORDER_RGB, pal.data(), result, [&](int y, uint8_t* row) {
+                return K_DitherLine(&run, pic.bgr.data() + size_t(y) * size_t(w) * 3, row);
+            });
+        const double sec = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        K_FreeBitmap(&run);  // stops the run
         if (rc != KS_SUCCESS) {
             std::fprintf(stderr, "convert: dithering failed: %s\n", cli::statusText(rc).c_str());
             return 1;
         }
-        std::printf("%s: %dx%d -> %d bits, %s palette, %s dithering: %zu of %u colours used, %.1f ms "
-                    "(%.1f Mpixel/s)\n",
-                    in.c_str(), pic.width, pic.height, bits, paletteKind.c_str(), kMethodNames[method], used, colors,
-                    sec * 1e3, double(pic.width) * pic.height / sec / 1e6);
+        std::printf("%s: %dx%d -> %d bits, %s palette, %s dithering: %.1f ms (%.1f Mpixel/s)\n", in.c_str(), w, h,
+                    bits, paletteKind.c_str(), kMethodNames[method], sec * 1e3, double(w) * h / sec / 1e6);
     } else {
-        const uint32_t need = K_CalcConvertSize(pic.width, 24, pic.width, bits);
-        std::vector<uint8_t> row(need);
-        res = pic;
-        for (int y = 0; y < pic.height; ++y) {
-            uint8_t* d = res.bgr.data() + size_t(y) * size_t(pic.width) * 3;
-            std::memcpy(row.data(), d, size_t(pic.width) * 3);
-            int32_t rc = K_ConvertBuffer(row.data(), pic.width, 24, bits, ORDER_BGR, order, nullptr, nullptr);
-            if (rc == KS_SUCCESS)
-                rc = K_ConvertBuffer(row.data(), pic.width, bits, 24, order, ORDER_BGR, nullptr, nullptr);
-            if (rc != KS_SUCCESS) {
-                std::fprintf(stderr, "convert: %d bits, order %d: %s\n", bits, order, cli::statusText(rc).c_str());
-                return 1;
-            }
-            std::memcpy(d, row.data(), size_t(pic.width) * 3);
+        // Convert each row; formats a PNM cannot hold (12-bit grey, the wide
+        // primaries) are converted back to 24 bits for the picture.
+        const bool direct = bits != 12 && order != ORDER_ROMM;
+        std::vector<uint8_t> buf(K_CalcConvertSize(w, 24, w, bits));
+        const int keepBits = direct ? bits : 24, keepOrder = direct ? order : ORDER_BGR;
+        rc = makeBitmap(w, h, keepBits, keepOrder, nullptr, result, [&](int y, uint8_t* row) {
+            std::memcpy(buf.data(), pic.bgr.data() + size_t(y) * size_t(w) * 3, size_t(w) * 3);
+            int32_t r = K_ConvertBuffer(buf.data(), w, 24, bits, ORDER_BGR, order, nullptr, nullptr);
+            if (r == KS_SUCCESS && !direct)
+                r = K_ConvertBuffer(buf.data(), w, bits, 24, order, ORDER_BGR, nullptr, nullptr);
+            if (r == KS_SUCCESS) std::memcpy(row, buf.data(), (size_t(w) * size_t(keepBits) + 7) / 8);
+            return r;
+        });
+        if (rc != KS_SUCCESS) {
+            std::fprintf(stderr, "convert: %d bits, order %d: %s\n", bits, order, cli::statusText(rc).c_str());
+            return 1;
         }
-        std::printf("%s: %dx%d -> %d bits, order %d, and back to 24 bits\n", in.c_str(), pic.width, pic.height,
-                    bits, order);
+        std::printf("%s: %dx%d -> %d bits, order %d%s\n", in.c_str(), w, h, bits, order,
+                    direct ? "" : " (written back as 24 bits: PNM cannot hold this format)");
     }
-    if (!writePnm(out, res, why)) {
-        std::fprintf(stderr, "convert: %s\n", why.c_str());
+    rc = pnm::write(out, result, &why);
+    K_FreeBitmap(&result);
+    if (rc != KS_SUCCESS) {
+        std::fprintf(stderr, "convert: %s: %s\n", out.c_str(), why.empty() ? cli::statusText(rc).c_str() : why.c_str());
         return 1;
     }
     std::printf("wrote %s\n", out.c_str());

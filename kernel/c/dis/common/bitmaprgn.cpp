@@ -233,6 +233,9 @@ uint32_t clipSegmentsMax(const BITMAPRECORD* bm) noexcept {
     const OrvaRgn* r = regionOf(bm);
     if (!r) return 2;
     int64_t w = int64_t(r->rcBounds.right) - r->rcBounds.left;
+    // Segments read from an unclipped region are clipped to the bitmap's
+    // width, which bounds them as well.
+    if (unclipped(bm)) w = std::min<int64_t>(w, std::max(bm->nWidth, 0));
     uint64_t m = uint64_t(w + 1) & ~uint64_t(1);
     return m > UINT32_MAX ? UINT32_MAX : uint32_t(m);
 }

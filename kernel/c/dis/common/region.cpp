@@ -1,4 +1,4 @@
-// region.cpp - the OrvaRgn engine: the row builder, the one merge over sorted
+// region.cpp - the OrvaRgn engine: the row builder, the merges over sorted
 // runs, rectangles, polygons, ellipses, moves and mirror images, and the
 // kernel's exported region operations (K_CreateOrvaRgnRect ... K_SegmentsToRegion).
 //
@@ -9,6 +9,7 @@
 #include "region.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -20,7 +21,8 @@
 namespace krn::rgn {
 namespace {
 
-constexpr int64_t kMaxRows = ORVARGN_MAX_ROWS;
+std::atomic<int64_t> g_maxRows{ORVARGN_MAX_ROWS};
+inline int64_t maxRows() noexcept { return g_maxRows.load(std::memory_order_relaxed); }
 
 bool fits32(int64_t v) noexcept { return v >= INT32_MIN && v <= INT32_MAX; }
 
@@ -41,7 +43,8 @@ __int128 ceilDiv128(__int128 a, __int128 b) noexcept {  // b > 0
 }
 
 // ------------------------------------------------------------------ merge
-// One merge for every mode. T is a truth table: bit (inA * 2 + inB) tells
+// The edge merge, for every mode (XOR and the internal users; union,
+// intersection and difference have faster run-by-run loops below). T is a truth table: bit (inA * 2 + inB) tells
 // whether a pixel with that membership is in the result. Both inputs are
 // sorted, non-overlapping, non-touching runs; so is the output (touching
 // output runs are joined because the state is evaluated after every edge at
@@ -49,30 +52,33 @@ __int128 ceilDiv128(__int128 a, __int128 b) noexcept {  // b > 0
 constexpr unsigned kAnd = 0b1000, kOr = 0b1110, kXor = 0b0110, kDiff = 0b0100;
 
 template <unsigned T>
-uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+inline __attribute__((always_inline)) uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b,
+                                                        uint32_t nb, int32_t* out) noexcept {
     uint32_t i = 0, j = 0, n = 0;
-    unsigned sa = 0, sb = 0, in = 0;
-    while (i < na && j < nb) {
-        int32_t xa = a[i], xb = b[j], x;
-        if (xa < xb) {
-            x = xa;
-            sa ^= 1;
-            ++i;
-        } else if (xb < xa) {
-            x = xb;
-            sb ^= 1;
-            ++j;
-        } else {
-            x = xa;
-            sa ^= 1;
-            sb ^= 1;
-            ++i;
-            ++j;
-        }
-        unsigned o = (T >> (sa * 2 + sb)) & 1u;
-        if (o != in) {
-            out[n++] = x;
+    unsigned s = 0, in = 0;  // s: bit 1 inside a run of a, bit 0 inside a run of b
+    if (na && nb) {
+        for (;;) {
+            const int32_t xa = a[i], xb = b[j];
+            int32_t x;
+            bool done;
+            if (xa < xb) {
+                x = xa;
+                s ^= 2u;
+                done = ++i == na;
+            } else if (xb < xa) {
+                x = xb;
+                s ^= 1u;
+                done = ++j == nb;
+            } else {
+                x = xa;
+                s ^= 3u;
+                done = (++i == na) | (++j == nb);
+            }
+            const unsigned o = (T >> s) & 1u;
+            out[n] = x;  // kept only when the result state changes
+            n += o ^ in;
             in = o;
+            if (done) break;
         }
     }
     // One side is exhausted and outside all its runs: the rest of the other
@@ -88,8 +94,39 @@ uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, 
     return n;
 }
 
+// Row cursor over a region: x values of successive rows without lookups.
+struct RowCursor {
+    const OrvaRgn* r;
+    int64_t top, bottom;
+    const int32_t* xs(int64_t y, uint32_t* n) const noexcept {
+        if (y < top || y >= bottom) {
+            *n = 0;
+            return nullptr;
+        }
+        const ORVARGNROW& e = r->pRowIndex[y - top];
+        *n = e.uCount;
+        return r->pRunData + e.uOffset / 4u;
+    }
+};
+
+inline void copyValues(int32_t* dst, const int32_t* src, uint32_t n) noexcept {
+    if (n <= 8) {
+        for (uint32_t i = 0; i < n; ++i) dst[i] = src[i];
+    } else {
+        std::memcpy(dst, src, n * sizeof(int32_t));
+    }
+}
+
+inline bool sameRow(const int32_t* p, uint32_t np, const int32_t* q, uint32_t nq) noexcept {
+    if (np != nq) return false;
+    if (np == 0 || p == q) return true;
+    // Rows that differ usually differ at an end: look there before the whole row.
+    if (p[0] != q[0] || p[np - 1] != q[np - 1]) return false;
+    return np <= 2 || std::memcmp(p + 1, q + 1, (np - 2) * sizeof(int32_t)) == 0;
+}
+
 template <unsigned T>
-int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out) noexcept {
+int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
     const bool aE = isEmpty(a), bE = isEmpty(b);
     int64_t top, bottom;
     constexpr bool keepA = (T >> 2) & 1u, keepB = (T >> 1) & 1u;
@@ -109,33 +146,382 @@ int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out) noexcept {
         if (top >= bottom) return create(out);
     }
     Builder bld;
+    // An upper bound: a result row never holds more x values than its two
+    // source rows together, so the run data never grows (and nothing can fail
+    // once the recycled blocks are taken).
     size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
-    int32_t rc = bld.start(top, bottom, expect);
+    if (recycle == a || recycle == b) recycle = nullptr;
+    int32_t rc = bld.start(top, bottom, expect, recycle);
     if (rc != KS_SUCCESS) return rc;
-    for (int64_t y = top; y < bottom; ++y) {
-        uint32_t na, nb;
-        const int32_t* ra = rowAt(a, y, &na);
-        const int32_t* rb = rowAt(b, y, &nb);
-        if (nb == 0) {
-            if (keepA && na) {
-                if (!bld.putRow(ra, na)) return KS_NO_MEMORY;
-            } else {
-                bld.endRow(0);
-            }
-            continue;
+    const RowCursor ca{a, aE ? 0 : a->rcBounds.top, aE ? 0 : a->rcBounds.bottom};
+    const RowCursor cb{b, bE ? 0 : b->rcBounds.top, bE ? 0 : b->rcBounds.bottom};
+    const int32_t *pa = nullptr, *pb = nullptr;
+    uint32_t npa = 0, npb = 0;
+    bool havePrev = false;
+    bld.fillAll([&](int64_t y, int32_t* dst, const int32_t* prevOut, uint32_t nPrevOut) -> uint32_t {
+        uint32_t na, nb, n;
+        const int32_t* ra = ca.xs(y, &na);
+        const int32_t* rb = cb.xs(y, &nb);
+        if (havePrev && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
+            // Both inputs repeat the previous row: so does the result.
+            copyValues(dst, prevOut, nPrevOut);
+            n = nPrevOut;
+        } else if (nb == 0) {
+            n = keepA ? na : 0;
+            copyValues(dst, ra, n);
+        } else if (na == 0) {
+            n = keepB ? nb : 0;
+            copyValues(dst, rb, n);
+        } else {
+            n = mergeRow<T>(ra, na, rb, nb, dst);
         }
-        if (na == 0) {
-            if (keepB) {
-                if (!bld.putRow(rb, nb)) return KS_NO_MEMORY;
-            } else {
-                bld.endRow(0);
-            }
-            continue;
-        }
-        int32_t* dst = bld.rowSpace(na + nb);
-        if (!dst) return KS_NO_MEMORY;
-        bld.endRow(mergeRow<T>(ra, na, rb, nb, dst));
+        pa = ra;
+        npa = na;
+        pb = rb;
+        npb = nb;
+        havePrev = true;
+        return n;
+    });
+    return bld.finish(out);
+}
+
+// ------------------------------------------------------------------ union
+// Union has its own row loop: its result rows and bounds follow from the
+// sources without evaluation (a row is empty only where both are; the
+// bounds are the union of the two bounding boxes), rows covered by one
+// source are copied as one block, and rows of both are merged run by run
+// rather than edge by edge.
+
+// Union of two rows with at least one run each whose runs interleave.
+inline uint32_t unionRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    const int32_t* const ae = a + na;
+    const int32_t* const be = b + nb;
+    int32_t* o = out;
+    int32_t s, e;  // the output run being extended
+    if (a[0] <= b[0]) {
+        s = a[0];
+        e = a[1];
+        a += 2;
+    } else {
+        s = b[0];
+        e = b[1];
+        b += 2;
     }
+    while (a != ae && b != be) {
+        const int32_t* p;
+        if (a[0] <= b[0]) {
+            p = a;
+            a += 2;
+        } else {
+            p = b;
+            b += 2;
+        }
+        if (p[0] > e) {  // a gap: the run is complete (touching runs join)
+            o[0] = s;
+            o[1] = e;
+            o += 2;
+            s = p[0];
+            e = p[1];
+        } else if (p[1] > e) {
+            e = p[1];
+        }
+    }
+    const int32_t* r = a != ae ? a : b;
+    const int32_t* const re = a != ae ? ae : be;
+    while (r != re && r[0] <= e) {
+        if (r[1] > e) e = r[1];
+        r += 2;
+    }
+    o[0] = s;
+    o[1] = e;
+    o += 2;
+    if (r != re) {
+        copyValues(o, r, uint32_t(re - r));
+        o += re - r;
+    }
+    return uint32_t(o - out);
+}
+
+// Appends rows [i0, i1) of r's row index and their run data at run + values;
+// the run data of consecutive rows is contiguous.
+inline size_t copyRows(const OrvaRgn* r, uint32_t i0, uint32_t i1, ORVARGNROW* idx, int32_t* run,
+                       size_t values) noexcept {
+    const ORVARGNROW* e = r->pRowIndex;
+    const uint32_t from = e[i0].uOffset;
+    const uint32_t to = e[i1 - 1].uOffset + 4u * e[i1 - 1].uCount;
+    std::memcpy(run + values, r->pRunData + from / 4u, to - from);
+    const uint32_t shift = uint32_t(values * 4u) - from;  // modulo 2^32, exact for results
+    for (uint32_t i = i0; i < i1; ++i) *idx++ = ORVARGNROW{e[i].uCount, e[i].uOffset + shift};
+    return values + (to - from) / 4u;
+}
+
+int32_t unionRegions(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
+    const bool aE = isEmpty(a), bE = isEmpty(b);
+    if (aE && bE) return create(out);
+    if (aE) std::swap(a, b);  // a holds runs; b may be empty
+    const bool both = !aE && !bE;
+    const int64_t aT = a->rcBounds.top, aB = a->rcBounds.bottom;
+    const int64_t bT = both ? b->rcBounds.top : aT, bB = both ? b->rcBounds.bottom : aT;
+    const int64_t top = both ? std::min(aT, bT) : aT, bottom = both ? std::max(aB, bB) : aB;
+    const int32_t left = both ? std::min(a->rcBounds.left, b->rcBounds.left) : a->rcBounds.left;
+    const int32_t right = both ? std::max(a->rcBounds.right, b->rcBounds.right) : a->rcBounds.right;
+    Builder bld;
+    // A union row never holds more x values than its two source rows.
+    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
+    if (recycle == a || recycle == b) recycle = nullptr;
+    const int32_t rc = bld.start(top, bottom, expect, recycle);
+    if (rc != KS_SUCCESS) return rc;
+    int32_t* const run = bld.runData();
+    ORVARGNROW* const idx = bld.rowIndex();
+    size_t values = 0;
+    // Row bands where the set of covering sources is constant.
+    for (int64_t y = top; y < bottom;) {
+        const bool inA = y >= aT && y < aB, inB = y >= bT && y < bB;
+        int64_t end = bottom;
+        for (int64_t t : {aT, aB, bT, bB})
+            if (t > y && t < end) end = t;
+        ORVARGNROW* const rowOut = idx + (y - top);
+        if (inA && !inB) {
+            values = copyRows(a, uint32_t(y - aT), uint32_t(end - aT), rowOut, run, values);
+        } else if (inB && !inA) {
+            values = copyRows(b, uint32_t(y - bT), uint32_t(end - bT), rowOut, run, values);
+        } else if (!inA) {
+            for (int64_t k = 0; k < end - y; ++k) rowOut[k] = ORVARGNROW{0, uint32_t(values * 4u)};
+        } else {
+            const ORVARGNROW* ea = a->pRowIndex + (y - aT);
+            const ORVARGNROW* eb = b->pRowIndex + (y - bT);
+            const int32_t* const runA = a->pRunData;
+            const int32_t* const runB = b->pRunData;
+            const int32_t *pa = nullptr, *pb = nullptr;
+            uint32_t npa = 0, npb = 0, nPrev = 0;
+            size_t prevStart = values;
+            const uint32_t rows = uint32_t(end - y);
+            for (uint32_t k = 0; k < rows; ++k) {
+                const uint32_t na = ea[k].uCount, nb = eb[k].uCount;
+                const int32_t* ra = runA + ea[k].uOffset / 4u;
+                const int32_t* rb = runB + eb[k].uOffset / 4u;
+                int32_t* dst = run + values;
+                uint32_t n;
+                if (nb == 0) {
+                    n = na;
+                    copyValues(dst, ra, na);
+                } else if (na == 0) {
+                    n = nb;
+                    copyValues(dst, rb, nb);
+                } else if (na == 2 && nb == 2) {
+                    const int32_t a0 = ra[0], a1 = ra[1], b0 = rb[0], b1 = rb[1];
+                    if (a1 < b0) {
+                        dst[0] = a0, dst[1] = a1, dst[2] = b0, dst[3] = b1;
+                        n = 4;
+                    } else if (b1 < a0) {
+                        dst[0] = b0, dst[1] = b1, dst[2] = a0, dst[3] = a1;
+                        n = 4;
+                    } else {
+                        dst[0] = a0 < b0 ? a0 : b0;
+                        dst[1] = a1 > b1 ? a1 : b1;
+                        n = 2;
+                    }
+                } else if (ra[na - 1] < rb[0]) {  // all of a left of b
+                    copyValues(dst, ra, na);
+                    copyValues(dst + na, rb, nb);
+                    n = na + nb;
+                } else if (rb[nb - 1] < ra[0]) {  // all of b left of a
+                    copyValues(dst, rb, nb);
+                    copyValues(dst + nb, ra, na);
+                    n = na + nb;
+                } else if (k > 0 && na + nb > 8 && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
+                    // Both sources repeat the previous row: so does the result.
+                    n = nPrev;
+                    copyValues(dst, run + prevStart, n);
+                } else {
+                    n = unionRow(ra, na, rb, nb, dst);
+                }
+                rowOut[k] = ORVARGNROW{n, uint32_t(values * 4u)};
+                pa = ra;
+                npa = na;
+                pb = rb;
+                npb = nb;
+                prevStart = values;
+                nPrev = n;
+                values += n;
+            }
+        }
+        y = end;
+    }
+    bld.commit(uint32_t(bottom - top), values, left, right);
+    return bld.finish(out);
+}
+
+// ------------------------------------------------------------------ difference
+// A minus B, also run by run: each run of a is cut by the runs of b that
+// overlap it; rows where b has nothing, or nothing that overlaps a, are copies.
+
+// a minus b for rows whose runs overlap somewhere (na, nb > 0).
+inline uint32_t diffRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    const int32_t* const ae = a + na;
+    const int32_t* const be = b + nb;
+    int32_t* o = out;
+    while (a != ae) {
+        int32_t s = a[0];
+        const int32_t e = a[1];
+        a += 2;
+        while (b != be && b[1] <= s) b += 2;  // b runs wholly left of the run
+        while (b != be && b[0] < e) {         // b runs that cut it
+            if (b[0] > s) {
+                o[0] = s;
+                o[1] = b[0];
+                o += 2;
+            }
+            if (b[1] >= e) {  // covers the rest (and may cut the next run too)
+                s = e;
+                break;
+            }
+            s = b[1];
+            b += 2;
+        }
+        if (s < e) {
+            o[0] = s;
+            o[1] = e;
+            o += 2;
+        }
+        if (b == be) {
+            copyValues(o, a, uint32_t(ae - a));
+            o += ae - a;
+            break;
+        }
+    }
+    return uint32_t(o - out);
+}
+
+int32_t diffRegions(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
+    if (isEmpty(a)) return create(out);
+    const bool bE = isEmpty(b);
+    const int64_t aT = a->rcBounds.top, aB = a->rcBounds.bottom;
+    const int64_t bT = bE ? aT : b->rcBounds.top, bB = bE ? aT : b->rcBounds.bottom;
+    Builder bld;
+    // A result row never holds more x values than its two source rows.
+    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
+    if (recycle == a || recycle == b) recycle = nullptr;
+    const int32_t rc = bld.start(aT, aB, expect, recycle);
+    if (rc != KS_SUCCESS) return rc;
+    const ORVARGNROW* const idxA = a->pRowIndex;
+    const ORVARGNROW* const idxB = b->pRowIndex;
+    const int32_t* const runA = a->pRunData;
+    const int32_t* const runB = b->pRunData;
+    const int32_t *pa = nullptr, *pb = nullptr;
+    uint32_t npa = 0, npb = 0;
+    bld.fillAll([&](int64_t y, int32_t* dst, const int32_t* prevOut, uint32_t nPrevOut) -> uint32_t {
+        const ORVARGNROW ea = idxA[y - aT];
+        const uint32_t na = ea.uCount;
+        const int32_t* ra = runA + ea.uOffset / 4u;
+        uint32_t nb = 0;
+        const int32_t* rb = nullptr;
+        if (y >= bT && y < bB) {
+            const ORVARGNROW eb = idxB[y - bT];
+            nb = eb.uCount;
+            rb = runB + eb.uOffset / 4u;
+        }
+        uint32_t n;
+        if (na == 0) {
+            n = 0;
+        } else if (nb == 0 || ra[na - 1] <= rb[0] || rb[nb - 1] <= ra[0]) {  // nothing to cut
+            n = na;
+            copyValues(dst, ra, na);
+        } else if (na == 2 && nb == 2) {
+            const int32_t a0 = ra[0], a1 = ra[1], b0 = rb[0], b1 = rb[1];  // the runs overlap
+            n = 0;
+            if (b0 > a0) {
+                dst[0] = a0;
+                dst[1] = b0;
+                n = 2;
+            }
+            if (b1 < a1) {
+                dst[n] = b1;
+                dst[n + 1] = a1;
+                n += 2;
+            }
+        } else if (pa && na + nb > 8 && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
+            // Both sources repeat the previous row: so does the result.
+            n = nPrevOut;
+            copyValues(dst, prevOut, n);
+        } else {
+            n = diffRow(ra, na, rb, nb, dst);
+        }
+        pa = ra;
+        npa = na;
+        pb = rb;
+        npb = nb;
+        return n;
+    });
+    return bld.finish(out);
+}
+
+// ------------------------------------------------------------------ intersection
+// a and b for rows whose runs overlap somewhere (na, nb > 0): each pair of
+// overlapping runs gives their common part; the run that ends first is
+// replaced by its successor.
+inline uint32_t andRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    const int32_t* const ae = a + na;
+    const int32_t* const be = b + nb;
+    int32_t* o = out;
+    while (a != ae && b != be) {
+        const int32_t s = a[0] > b[0] ? a[0] : b[0];
+        const int32_t a1 = a[1], b1 = b[1];
+        const int32_t e = a1 < b1 ? a1 : b1;
+        if (s < e) {
+            o[0] = s;
+            o[1] = e;
+            o += 2;
+        }
+        a += a1 <= b1 ? 2 : 0;
+        b += b1 <= a1 ? 2 : 0;
+    }
+    return uint32_t(o - out);
+}
+
+int32_t intersectRegions(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
+    if (isEmpty(a) || isEmpty(b)) return create(out);
+    const int64_t aT = a->rcBounds.top, bT = b->rcBounds.top;
+    const int64_t top = std::max(aT, bT);
+    const int64_t bottom = std::min<int64_t>(a->rcBounds.bottom, b->rcBounds.bottom);
+    if (top >= bottom) return create(out);
+    Builder bld;
+    // A result row never holds more x values than its two source rows.
+    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
+    if (recycle == a || recycle == b) recycle = nullptr;
+    const int32_t rc = bld.start(top, bottom, expect, recycle);
+    if (rc != KS_SUCCESS) return rc;
+    const ORVARGNROW* const idxA = a->pRowIndex;
+    const ORVARGNROW* const idxB = b->pRowIndex;
+    const int32_t* const runA = a->pRunData;
+    const int32_t* const runB = b->pRunData;
+    const int32_t *pa = nullptr, *pb = nullptr;
+    uint32_t npa = 0, npb = 0;
+    bld.fillAll([&](int64_t y, int32_t* dst, const int32_t* prevOut, uint32_t nPrevOut) -> uint32_t {
+        const ORVARGNROW ea = idxA[y - aT], eb = idxB[y - bT];
+        const uint32_t na = ea.uCount, nb = eb.uCount;
+        const int32_t* ra = runA + ea.uOffset / 4u;
+        const int32_t* rb = runB + eb.uOffset / 4u;
+        uint32_t n;
+        if (na == 0 || nb == 0 || ra[na - 1] <= rb[0] || rb[nb - 1] <= ra[0]) {  // nothing in common
+            n = 0;
+        } else if (na == 2 && nb == 2) {  // the runs overlap
+            dst[0] = ra[0] > rb[0] ? ra[0] : rb[0];
+            dst[1] = ra[1] < rb[1] ? ra[1] : rb[1];
+            n = 2;
+        } else if (pa && na + nb > 8 && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
+            // Both sources repeat the previous row: so does the result.
+            n = nPrevOut;
+            copyValues(dst, prevOut, n);
+        } else {
+            n = andRow(ra, na, rb, nb, dst);
+        }
+        pa = ra;
+        npa = na;
+        pb = rb;
+        npb = nb;
+        return n;
+    });
     return bld.finish(out);
 }
 
@@ -150,6 +536,7 @@ struct IntEdge {
     int64_t x0, y0, x1, y1;
     int32_t dir;
     bool small;
+    int64_t p = 0;  // crossing of the current row
     int64_t rowTop() const noexcept { return y0; }
     int64_t rowBottom() const noexcept { return y1; }
     // ceil(xc - 1/2) with xc the crossing of the line y + 1/2, exactly.
@@ -162,6 +549,29 @@ struct IntEdge {
         __int128 tnum = __int128(2 * (y - y0) + 1) * dx, tden = __int128(2) * dy;
         return x0 + int64_t(ceilDiv128(2 * tnum - tden, 2 * tden));
     }
+    // The same value for consecutive rows from the edge's first row on,
+    // stepped without division: with N(y) = 4(y - y0)dx + 2dx - 2dy and
+    // D = 4dy, the pixel is x0 + ceil(N / D); N grows by 4dx = s*D + t a row.
+    int64_t q = 0, r = 0, s = 0, t = 0, D = 0;
+    bool stepping = false;
+    int64_t step(int64_t y) noexcept {
+        if (!small) return at(y);
+        if (!stepping) {
+            const int64_t dx = x1 - x0, dy = y1 - y0;
+            const int64_t N = 4 * (y - y0) * dx + 2 * dx - 2 * dy;
+            D = 4 * dy;
+            q = ceilDiv(N, D);
+            r = q * D - N;
+            s = floorDiv(4 * dx, D);
+            t = 4 * dx - s * D;
+            stepping = true;
+            return x0 + q;
+        }
+        const int64_t c = t > r;  // carry into the next pixel
+        q += s + c;
+        r += c * D - t;
+        return x0 + q;
+    }
 };
 
 // Double edge: rows whose centre lies in [y0, y1).
@@ -169,6 +579,7 @@ struct DblEdge {
     double x0, y0, x1, y1, slope;
     int64_t r0, r1;
     int32_t dir;
+    int64_t p = 0;  // crossing of the current row
     int64_t rowTop() const noexcept { return r0; }
     int64_t rowBottom() const noexcept { return r1; }
     int64_t at(int64_t y) const noexcept {
@@ -178,6 +589,7 @@ struct DblEdge {
         if (p > 4.0e18) return int64_t(4e18);
         return int64_t(p);
     }
+    int64_t step(int64_t y) const noexcept { return at(y); }
 };
 
 int32_t clampX(int64_t p) noexcept {
@@ -187,25 +599,33 @@ int32_t clampX(int64_t p) noexcept {
 template <class Edge>
 int32_t scanEdges(kvector<Edge>& edges, bool winding, OrvaRgn** out) {
     if (edges.empty()) return create(out);
+    // Refuse a result that is too tall before any real work.
+    int64_t top = edges.front().rowTop(), bottom = top;
+    for (const Edge& e : edges) {
+        top = std::min(top, e.rowTop());
+        bottom = std::max(bottom, e.rowBottom());
+    }
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     std::sort(edges.begin(), edges.end(),
               [](const Edge& a, const Edge& b) { return a.rowTop() < b.rowTop(); });
-    int64_t top = edges.front().rowTop(), bottom = top;
-    for (const Edge& e : edges) bottom = std::max(bottom, e.rowBottom());
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
     Builder bld;
     int32_t rc = bld.start(top, bottom, 0);
     if (rc != KS_SUCCESS) return rc;
-    kvector<const Edge*> active;
-    kvector<Crossing> xs;
+    // Active edges are kept by value, in crossing order, so each row walks
+    // one compact array.
+    kvector<Edge> active;
     size_t next = 0;
     for (int64_t y = top; y < bottom; ++y) {
         // Retire finished edges, admit starting ones.
         size_t k = 0;
-        for (const Edge* e : active)
-            if (e->rowBottom() > y) active[k++] = e;
+        for (size_t i = 0; i < active.size(); ++i)
+            if (active[i].rowBottom() > y) {
+                if (k != i) active[k] = active[i];
+                ++k;
+            }
         active.resize(k);
         while (next < edges.size() && edges[next].rowTop() <= y) {
-            if (edges[next].rowBottom() > y) active.push_back(&edges[next]);
+            if (edges[next].rowBottom() > y) active.push_back(edges[next]);
             ++next;
         }
         if (active.empty()) {
@@ -216,22 +636,19 @@ int32_t scanEdges(kvector<Edge>& edges, bool winding, OrvaRgn** out) {
             y = ny - 1;
             continue;
         }
-        xs.resize(active.size());
-        for (size_t i = 0; i < active.size(); ++i) xs[i] = Crossing{active[i]->at(y), active[i]->dir};
-        // Crossings stay nearly in order from row to row: insertion sort,
-        // carrying the edge order along so the next row starts sorted.
-        for (size_t i = 1; i < xs.size(); ++i) {
-            Crossing c = xs[i];
-            const Edge* e = active[i];
+        for (Edge& e : active) e.p = e.step(y);
+        // Crossings stay nearly in order from row to row: insertion sort.
+        for (size_t i = 1; i < active.size(); ++i) {
+            if (active[i - 1].p <= active[i].p) continue;
+            Edge e = active[i];
             size_t j = i;
-            while (j > 0 && xs[j - 1].p > c.p) {
-                xs[j] = xs[j - 1];
+            while (j > 0 && active[j - 1].p > e.p) {
                 active[j] = active[j - 1];
                 --j;
             }
-            xs[j] = c;
             active[j] = e;
         }
+        const auto& xs = active;
         int32_t* dst = bld.rowSpace(uint32_t(xs.size()));
         if (!dst) return KS_NO_MEMORY;
         uint32_t n = 0;
@@ -279,7 +696,7 @@ int32_t rectsUnion(kvector<RECT>& rects, OrvaRgn** out) {
         });
     int64_t top = rects.front().top, bottom = top;
     for (const RECT& r : rects) bottom = std::max<int64_t>(bottom, r.bottom);
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     // Sweep: between two consecutive tops/bottoms the set of active
     // rectangles is constant, so its merged runs repeat on every row.
     kvector<int64_t> bottoms;
@@ -322,20 +739,46 @@ int32_t rectsUnion(kvector<RECT>& rects, OrvaRgn** out) {
 
 }  // namespace
 
+void setRowLimit(int64_t rows) noexcept {
+    g_maxRows.store(rows <= 0 || rows > ORVARGN_MAX_ROWS ? ORVARGN_MAX_ROWS : rows, std::memory_order_relaxed);
+}
+
 // ------------------------------------------------------------------ builder
 Builder::~Builder() { destroy(r_); }
 
-int32_t Builder::start(int64_t top, int64_t bottom, size_t expectValues) noexcept {
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+int32_t Builder::start(int64_t top, int64_t bottom, size_t expectValues, OrvaRgn* recycle) noexcept {
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
+    if (expectValues > size_t(UINT32_MAX) / 4u) return KS_NO_MEMORY;
     r_ = static_cast<OrvaRgn*>(memCalloc(sizeof(OrvaRgn)));
     if (!r_) return KS_NO_MEMORY;
     top_ = cur_ = top;
     bottom_ = std::max(top, bottom);
-    if (bottom_ > top_) {
-        r_->pRowIndex = memAllocArray<ORVARGNROW>(size_t(bottom_ - top_));
+    capacity_ = std::max<size_t>(expectValues, 64);
+    const size_t rows = size_t(bottom_ - top_);
+    if (recycle && recycle->pRowIndex && recycle->pRunData) {
+        // Take over the blocks of a region that is about to be replaced:
+        // their pages are already mapped. Both are resized before anything is
+        // written, so a failure here leaves `recycle` whole.
+        auto* idx = rows ? static_cast<ORVARGNROW*>(memRealloc(recycle->pRowIndex, rows * sizeof(ORVARGNROW)))
+                         : nullptr;
+        if (rows && !idx) return KS_NO_MEMORY;
+        if (idx) recycle->pRowIndex = idx;
+        auto* run = static_cast<int32_t*>(memRealloc(recycle->pRunData, capacity_ * sizeof(int32_t)));
+        if (!run) return KS_NO_MEMORY;  // recycle keeps its (possibly resized) blocks
+        recycle->pRunData = nullptr;
+        r_->pRunData = run;
+        if (rows) {
+            r_->pRowIndex = idx;
+            recycle->pRowIndex = nullptr;
+        }
+        recycle->uRowIndexSize = recycle->uRunDataSize = 0;
+        recycle->rcBounds = RECT{0, 0, 0, 0};
+        return KS_SUCCESS;
+    }
+    if (rows) {
+        r_->pRowIndex = memAllocArray<ORVARGNROW>(rows);
         if (!r_->pRowIndex) return KS_NO_MEMORY;
     }
-    capacity_ = std::max<size_t>(expectValues, 64);
     r_->pRunData = memAllocArray<int32_t>(capacity_);
     if (!r_->pRunData) return KS_NO_MEMORY;
     return KS_SUCCESS;
@@ -386,6 +829,7 @@ void Builder::endRow(uint32_t count) noexcept {
             r_->pRowIndex[i] = ORVARGNROW{0, uint32_t(values_ * 4u)};
         r_->pRowIndex[idx] = ORVARGNROW{count, uint32_t(values_ * 4u)};
         rowsUsed_ = idx + 1;
+        lastStart_ = values_;
         values_ += count;
     }
     ++cur_;
@@ -487,13 +931,13 @@ void adopt(OrvaRgn* dst, OrvaRgn* src) noexcept {
 }
 
 // ------------------------------------------------------------------ constructors
-int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out) noexcept {
+int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out, OrvaRgn* recycle) noexcept {
     return guarded([&]() -> int32_t {
         switch (op) {
-            case RGN_AND: return combineT<kAnd>(a, b, out);
-            case RGN_OR: return combineT<kOr>(a, b, out);
-            case RGN_XOR: return combineT<kXor>(a, b, out);
-            case RGN_DIFF: return combineT<kDiff>(a, b, out);
+            case RGN_AND: return intersectRegions(a, b, out, recycle);
+            case RGN_OR: return unionRegions(a, b, out, recycle);
+            case RGN_XOR: return combineT<kXor>(a, b, out, recycle);
+            case RGN_DIFF: return diffRegions(a, b, out, recycle);
             case RGN_COPY: return copy(a, out);
             default: return KS_INVALID_PARAMETER;
         }
@@ -503,7 +947,7 @@ int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out) n
 int32_t fromRect(const RECT& rc, OrvaRgn** out) noexcept {
     if (rc.left >= rc.right || rc.top >= rc.bottom) return create(out);
     int64_t h = int64_t(rc.bottom) - rc.top;
-    if (h > kMaxRows) return KS_NO_MEMORY;
+    if (h > maxRows()) return KS_NO_MEMORY;
     Builder bld;
     int32_t st = bld.start(rc.top, rc.bottom, size_t(h) * 2);
     if (st != KS_SUCCESS) return st;
@@ -623,6 +1067,7 @@ int32_t ellipseOutline(const RECT& box, kvector<PointD>& pts) noexcept {
 }
 
 int32_t ellipse(const RECT& box, OrvaRgn** out) noexcept {
+    if (std::abs(int64_t(box.bottom) - box.top) > maxRows()) return KS_NO_MEMORY;  // before flattening
     return guarded([&]() -> int32_t {
         kvector<PointD> pts;
         int32_t rc = ellipseOutline(box, pts);
@@ -708,7 +1153,7 @@ int32_t scale(OrvaRgn* r, int32_t xn, int32_t xd, int32_t yn, int32_t yd) noexce
     int64_t top = map(b.top, yn, yd), bottom = map(b.bottom, yn, yd);
     if (!fits32(top) || !fits32(bottom) || !fits32(map(b.left, xn, xd)) || !fits32(map(b.right, xn, xd)))
         return KS_INVALID_PARAMETER;
-    if (bottom - top > kMaxRows) return KS_NO_MEMORY;
+    if (bottom - top > maxRows()) return KS_NO_MEMORY;
     return guarded([&]() -> int32_t {
         Builder bld;
         size_t expect = size_t(r->uRunDataSize / 4u) * size_t(std::max<int64_t>(1, (yn + yd - 1) / yd));
@@ -783,7 +1228,7 @@ int32_t reverseCols(OrvaRgn* r, int64_t w) noexcept {
 int32_t transpose(OrvaRgn* r) noexcept {
     if (isEmpty(r)) return KS_SUCCESS;
     const int64_t left = r->rcBounds.left, width = int64_t(r->rcBounds.right) - left;
-    if (width > kMaxRows) return KS_NO_MEMORY;
+    if (width > maxRows()) return KS_NO_MEMORY;
     return guarded([&]() -> int32_t {
         // Sweep the rows; where a column turns on remember the row, where it
         // turns off emit the vertical run (column, from, to). Runs of one
@@ -1017,7 +1462,7 @@ KAPI int32_t K_CombineOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc1, const OrvaR
     if (!ppDst || !pSrc1 || (!pSrc2 && nOp != RGN_COPY)) return KS_INVALID_PARAMETER;
     if (nOp < RGN_AND || nOp > RGN_COPY) return KS_INVALID_PARAMETER;
     OrvaRgn* res = nullptr;
-    int32_t st = rgn::combine(pSrc1, pSrc2 ? pSrc2 : pSrc1, nOp, &res);
+    int32_t st = rgn::combine(pSrc1, pSrc2 ? pSrc2 : pSrc1, nOp, &res, *ppDst);
     if (st != KS_SUCCESS) return st;
     if (*ppDst) {
         rgn::adopt(*ppDst, res);

@@ -1,8 +1,9 @@
 // region.h - the OrvaRgn engine (internal interface).
 //
 // Every function that makes a region fills a fresh OrvaRgn through the one
-// row builder (rgn::Builder); every combine mode is a truth table handed to
-// the one merge over sorted runs (rgn::combine). Functions return KS_ status
+// row builder (rgn::Builder); combine (rgn::combine) runs union,
+// intersection and difference through their own run-by-run row loops and
+// XOR through the edge merge over a truth table. Functions return KS_ status
 // codes and never throw; outputs are written only on success.
 //
 //   Builder                 row-by-row construction with exact final sizes
@@ -50,15 +51,81 @@ public:
 
     // Rows top <= y < bottom may be filled; expectValues reserves run data
     // (an upper bound when known: no growth is needed then).
-    [[nodiscard]] int32_t start(int64_t top, int64_t bottom, size_t expectValues) noexcept;
+    // `recycle` (optional): a region about to be replaced whose blocks are
+    // taken over when the build starts (it is left empty then; untouched on failure).
+    [[nodiscard]] int32_t start(int64_t top, int64_t bottom, size_t expectValues,
+                                OrvaRgn* recycle = nullptr) noexcept;
     // Space for maxCount more x values of the current row; nullptr when out of memory.
     int32_t* rowSpace(uint32_t maxCount) noexcept;
     // Ends the current row holding `count` values written at rowSpace().
     void endRow(uint32_t count) noexcept;
     void skipRows(int64_t n) noexcept { cur_ += n; }
     int64_t currentRow() const noexcept { return cur_; }
+    // The x values of the row ended last (valid until the next rowSpace).
+    const int32_t* lastRow() const noexcept { return r_->pRunData + lastStart_; }
     // Appends a whole row (copy) and ends it.
     [[nodiscard]] bool putRow(const int32_t* xs, uint32_t count) noexcept;
+    // Fills every remaining row in one loop that keeps the builder's state in
+    // locals: rowFn(y, dst, prevRow, prevCount) writes row y at dst and
+    // returns its count; prevRow/prevCount are the previous row's result.
+    // Precondition: start() reserved an upper bound of all values (no growth).
+    template <class F>
+    void fillAll(F&& rowFn) noexcept {
+        int32_t* const run = r_->pRunData;
+        ORVARGNROW* const idx = r_->pRowIndex;
+        size_t values = values_, lastStart = lastStart_;
+        uint32_t used = rowsUsed_, lastCount = 0;
+        bool started = started_;
+        int64_t first = first_;
+        int32_t left = left_, right = right_;
+        for (int64_t y = cur_; y < bottom_; ++y) {
+            int32_t* dst = run + values;
+            const uint32_t n = rowFn(y, dst, run + lastStart, lastCount);
+            if (n) {
+                if (!started) {
+                    started = true;
+                    first = y;
+                    left = dst[0];
+                    right = dst[n - 1];
+                } else {
+                    left = dst[0] < left ? dst[0] : left;
+                    right = dst[n - 1] > right ? dst[n - 1] : right;
+                }
+                const uint32_t i = uint32_t(y - first);
+                for (uint32_t k = used; k < i; ++k) idx[k] = ORVARGNROW{0, uint32_t(values * 4u)};
+                idx[i] = ORVARGNROW{n, uint32_t(values * 4u)};
+                used = i + 1;
+                lastStart = values;
+                values += n;
+            }
+            lastCount = n;
+        }
+        cur_ = bottom_;
+        values_ = values;
+        lastStart_ = lastStart;
+        rowsUsed_ = used;
+        started_ = started;
+        first_ = first;
+        left_ = left;
+        right_ = right;
+    }
+    // Direct access for an operation that writes every row itself after
+    // start() reserved an upper bound: the run data, the row index, then
+    // commit() with the rows written from the top (the first and the last
+    // hold runs, offsets contiguous), the x values written and the exact
+    // left and right bounds.
+    int32_t* runData() noexcept { return r_->pRunData; }
+    ORVARGNROW* rowIndex() noexcept { return r_->pRowIndex; }
+    void commit(uint32_t rows, size_t values, int32_t left, int32_t right) noexcept {
+        cur_ = bottom_;
+        started_ = values > 0;
+        first_ = top_;
+        rowsUsed_ = values > 0 ? rows : 0;
+        values_ = values;
+        lastStart_ = 0;
+        left_ = left;
+        right_ = right;
+    }
     // Shrinks to exact sizes and hands the region out.
     [[nodiscard]] int32_t finish(OrvaRgn** out) noexcept;
 
@@ -69,6 +136,7 @@ private:
     bool started_ = false;      // a non-empty row has ended
     uint32_t rowsUsed_ = 0;     // index entries up to the last non-empty row
     size_t values_ = 0, capacity_ = 0;  // in x values
+    size_t lastStart_ = 0;              // first value of the row ended last
     int32_t left_ = 0, right_ = 0;
 };
 
@@ -79,7 +147,10 @@ int32_t copy(const OrvaRgn* src, OrvaRgn** out) noexcept;
 // src block; dst's placement words stay and its cached handle is dropped.
 void adopt(OrvaRgn* dst, OrvaRgn* src) noexcept;
 
-int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out) noexcept;
+// `recycle`: the region the result will replace (not a source), whose
+// blocks may be reused; it stays intact when combine fails.
+int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out,
+                OrvaRgn* recycle = nullptr) noexcept;
 int32_t fromRect(const RECT& rc, OrvaRgn** out) noexcept;
 int32_t fromRects(const RECT* rects, size_t n, OrvaRgn** out) noexcept;
 
@@ -116,6 +187,9 @@ uint32_t regionDataSize(const OrvaRgn* r) noexcept;
 void writeRegionData(const OrvaRgn* r, RGNDATA* buf) noexcept;
 // ExtCreateRegion's parser: -13 for a refused block.
 int32_t fromRegionData(const XFORM* xform, uint32_t bytes, const RGNDATA* data, OrvaRgn** out) noexcept;
+// Test hook: lowers the row limit below ORVARGN_MAX_ROWS (0 restores it), so
+// fuzzing spends its time on variety rather than on legal giant regions.
+void setRowLimit(int64_t rows) noexcept;
 // Structural invariant check (tests, debug builds).
 bool valid(const OrvaRgn* r) noexcept;
 

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <mutex>
 
@@ -329,7 +330,7 @@ int32_t changeStorageHeight(BITMAPRECORD* bm, int32_t newHeight) noexcept {
         if (r != KS_SUCCESS) return r;
     }
     const uint64_t total = size + bm->uDataOffset;
-    HGLOBAL h = total <= SIZE_MAX ? globalReAlloc(bm->hMemory, size_t(total ? total : 1),
+    HGLOBAL h = total <= SIZE_MAX ? globalReAlloc(bm->hMemory, size_t(total),
                                                   GMEM_MOVEABLE | GMEM_ZEROINIT)
                                   : nullptr;
     if (!h) {

@@ -91,24 +91,21 @@ int32_t createBitmap(BITMAPRECORD* out, uint32_t structSize, uint32_t memType, i
                      uint64_t dataSize, const BITMAPDATACALLBACKS* cb) noexcept {
     if (!out) return KS_INVALID_PARAMETER;
     if (!recordSizeValid(structSize)) return KS_INVALID_STRUCT_SIZE;
-    if (order != ORDER_RGB && order != ORDER_BGR && order != ORDER_GRAY && order != ORDER_ROMM &&
-        order != ORDER_RGB565)
-        return KS_INVALID_PARAMETER;
-    if (viewPerspective < 0 || viewPerspective > 8) return KS_INVALID_PARAMETER;
 
+    // Values in this order: the record's dimensions and depth, then the
+    // colour order, then the view perspective.
     BITMAPRECORD bm;
     const bool bppWasZero = bpp == 0;
     int32_t rc = initRecord(&bm, structSize, width, height, bppWasZero ? 8 : bpp, nullptr);
     if (rc != KS_SUCCESS) return rc;
     bpp = bm.nBitsPerPixel;
-    bool grayPalette = false;
-    if (bppWasZero) {
-        grayPalette = true;
-    } else if (bpp <= 8 && order == ORDER_GRAY && !palette) {
-        grayPalette = true;
-    }
+    if (order != ORDER_RGB && order != ORDER_BGR && order != ORDER_GRAY && order != ORDER_ROMM &&
+        order != ORDER_RGB565)
+        return KS_INVALID_PARAMETER;
     if (order == ORDER_ROMM && bpp != 24 && bpp != 48) return KS_INVALID_BITS_PER_PIXEL;
     if (order == ORDER_RGB565 && bpp != 16) return KS_INVALID_BITS_PER_PIXEL;
+    const bool grayPalette = bppWasZero || (bpp <= 8 && order == ORDER_GRAY && !palette);
+    if (viewPerspective < 0 || viewPerspective > 8) return KS_INVALID_PARAMETER;
     bm.nOrder = bpp <= 8 ? ORDER_RGB : order;
     bm.nViewPerspective = viewPerspective == 0 ? TOP_LEFT : viewPerspective;
 
@@ -123,12 +120,14 @@ int32_t createBitmap(BITMAPRECORD* out, uint32_t structSize, uint32_t memType, i
         dropCallbacks();
         return rc;
     }
+    // From here on a failure frees the side record the way K_FreeBitmap does,
+    // so that storage an allocate callback supplied goes back through the
+    // free callback.
     if (bpp <= 8) {
         const uint32_t n = uint32_t(bm.nColors);
         auto* pal = static_cast<RGBQUAD*>(globalAlloc(GMEM_FIXED, n * sizeof(RGBQUAD)));
         if (!pal) {
-            freeStorage(&bm);
-            dropCallbacks();
+            K_FreeBitmap(&bm);
             return KS_NO_MEMORY;
         }
         if (grayPalette)
@@ -142,8 +141,7 @@ int32_t createBitmap(BITMAPRECORD* out, uint32_t structSize, uint32_t memType, i
     if ((memType & MEMTYPE_USER) && data) {
         rc = K_SetBitmapDataPointer(&bm, data, dataSize);
         if (rc != KS_SUCCESS) {
-            BITMAPRECORD tmp = bm;
-            K_FreeBitmap(&tmp);
+            K_FreeBitmap(&bm);
             return rc;
         }
     }
@@ -202,6 +200,9 @@ KAPI int32_t K_FreeBitmap(BITMAPRECORD* pBitmap) {
         }
         if (!callbackOwnsStorage) freeStorage(bm);
         bm->uFlags &= ~BRF_ALLOCATED;
+        // Outstanding accesses end with the storage: a reused record must
+        // lock its next storage on its first access.
+        if (isCurrentLayout(bm)) bm->nLockCount = 0;
         if (bm->pLUT) {
             globalFree(bm->pLUT);
             bm->pLUT = nullptr;
@@ -243,7 +244,9 @@ KAPI int32_t K_SetBitmapDataPointer(BITMAPRECORD* pBitmap, void* pData, uint64_t
         return KS_SUCCESS;
     }
     if ((bm->uFlags & BRF_ALLOCATED) && !(bm->uFlags & BRF_USER_MEMORY)) {
-        if (isCurrentLayout(bm) && bm->nLockCount > 0) return KS_INVALID_PARAMETER;
+        // Storage in use may not go away under its user: the lock count of the
+        // current layout, the locked bit of either layout.
+        if ((bm->uFlags & BRF_LOCKED) || (isCurrentLayout(bm) && bm->nLockCount > 0)) return KS_INVALID_PARAMETER;
         freeStorage(bm);
     }
     bm->uFlags = (bm->uFlags & ~BRF_STORAGE_MASK) | BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_USER_MEMORY;
@@ -256,8 +259,9 @@ KAPI int32_t K_SetBitmapDataPointer(BITMAPRECORD* pBitmap, void* pData, uint64_t
 KAPI int32_t K_ChangeBitmapHeight(BITMAPRECORD* pBitmap, int32_t nHeight) {
     if (!pBitmap) return KS_INVALID_BITMAP;
     BITMAPRECORD* bm = pBitmap;
-    if (!recordSizeValid(bm->uStructSize)) return KS_INVALID_STRUCT_SIZE;
+    // Allocated bit before the size word: the historical order of this call.
     if (!(bm->uFlags & BRF_ALLOCATED)) return KS_INVALID_BITMAP;
+    if (!recordSizeValid(bm->uStructSize)) return KS_INVALID_STRUCT_SIZE;
     if ((bm->uFlags & (BRF_USER_MEMORY | BRF_LOCKED)) || (isCurrentLayout(bm) && bm->nLockCount > 0))
         return KS_INVALID_PARAMETER;
     if (nHeight < 0) return KS_INVALID_DIMENSIONS;

@@ -247,6 +247,70 @@ constexpr EncodeFn kEncoders[D_COUNT][2][2] = {
 #undef OMBRIX_ENC_C16
 #undef OMBRIX_ENC_A
 
+// 24/32-bit colour straight to 8-bit indices (no pivot): the colour-match
+// tree or the remembered nearest-colour answers do the work per pixel.
+template <int O, int Bpp>
+void colourToIndex8(uint8_t* buf, size_t w, Ctx& c) {
+    constexpr int R = O == ORDER_RGB ? 0 : 2, B = 2 - R;
+    for (size_t i = 0; i < w; ++i) {
+        const uint8_t* q = buf + Bpp * i;
+        buf[i] = uint8_t(searchIndex(c, q[R], q[1], q[B]));
+    }
+}
+// Palette indices of 1, 2, 4 or 8 bits to 24/32-bit colour: one table of
+// ready-made pixels per call. Chunks of 4096 pixels go from the end of the
+// run; each is copied aside and written front to back (a 24-bit pixel is
+// stored as four bytes, the fourth overwritten by the next pixel).
+template <int B, int Bpp, bool RedFirst>
+void expandIndex(uint8_t* buf, size_t w, const RGBQUAD* pal) {
+    uint32_t lut[1 << B];
+    for (int i = 0; i < (1 << B); ++i) {
+        const RGBQUAD& e = pal[i];
+        uint32_t first = RedFirst ? e.rgbRed : e.rgbBlue, last = RedFirst ? e.rgbBlue : e.rgbRed;
+        lut[i] = first | (uint32_t(e.rgbGreen) << 8) | (last << 16) | 0xFF000000u;
+    }
+    constexpr size_t kChunk = 4096;  // a multiple of 8: chunks start on a byte
+    uint8_t tmp[kChunk * B / 8];
+    for (size_t c = (w + kChunk - 1) / kChunk; c-- > 0;) {
+        const size_t s = c * kChunk, n = std::min(w - s, kChunk);
+        std::memcpy(tmp, buf + s * B / 8, (n * B + 7) / 8);
+        uint8_t* d = buf + s * Bpp;
+        for (size_t i = 0; i + 1 < n; ++i) {
+            const uint32_t v = lut[readBits<B>(tmp, i)];
+            std::memcpy(d + i * Bpp, &v, 4);
+        }
+        const uint32_t v = lut[readBits<B>(tmp, n - 1)];
+        std::memcpy(d + (n - 1) * Bpp, &v, Bpp);
+    }
+}
+using ExpandFn = void (*)(uint8_t*, size_t, const RGBQUAD*);
+ExpandFn pickExpand(int srcBits, int df) {
+#define OMBRIX_EXPAND(B)                                                                              \
+    case B:                                                                                           \
+        return df == D_C24_RGB ? expandIndex<B, 3, true> : df == D_C24_BGR ? expandIndex<B, 3, false> \
+             : df == D_C32_RGB ? expandIndex<B, 4, true> : df == D_C32_BGR ? expandIndex<B, 4, false> \
+                               : nullptr;
+    switch (srcBits) {
+        OMBRIX_EXPAND(1)
+        OMBRIX_EXPAND(2)
+        OMBRIX_EXPAND(4)
+        OMBRIX_EXPAND(8)
+        default: return nullptr;
+    }
+#undef OMBRIX_EXPAND
+}
+
+using IndexFn = void (*)(uint8_t*, size_t, Ctx&);
+IndexFn pickIndex8(int sf) {
+    switch (sf) {
+        case S_C24_RGB: return colourToIndex8<ORDER_RGB, 3>;
+        case S_C24_BGR: return colourToIndex8<ORDER_BGR, 3>;
+        case S_C32_RGB: return colourToIndex8<ORDER_RGB, 4>;
+        case S_C32_BGR: return colourToIndex8<ORDER_BGR, 4>;
+        default: return nullptr;
+    }
+}
+
 }  // namespace
 }  // namespace conv
 
@@ -502,14 +566,21 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
         const int so = srcOrder == ORDER_ROMM ? ORDER_BGR : srcOrder;
         direct = pickDirect(DirectKey{srcBits, so, 0, ORDER_GRAY}, kSimdAvx2);
     }
+    IndexFn toIndex8 = (df == D_IDX8) ? pickIndex8(sf) : nullptr;
+    ExpandFn expand = transparent ? nullptr : pickExpand(srcBits, df);
     if (direct) {
         direct(buffer, w);
+    } else if (expand) {
+        expand(buffer, w, c.palSrc);
     } else {
         IndexCache cache;
         if (c.palDst && w >= 64) {
             std::memset(cache.key, 0, sizeof cache.key);
             c.cache = &cache;
         }
+        if (toIndex8) {
+            toIndex8(buffer, w, c);
+        } else {
         const DecodeFn dec = kDecoders[sf];
         const EncodeFn enc = kEncoders[df][int(kind)][transparent ? 1 : 0];
         constexpr size_t kChunk = 256;
@@ -530,6 +601,7 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
                 dec(buffer, s, n, tmp, c);
                 enc(buffer, s, n, tmp, c);
             }
+        }
         }
     }
 

@@ -2,12 +2,16 @@
 // temporary files (tempfile.h): delete-on-close files, prefix "QX".
 //
 // A disk bitmap keeps its rows at row * nBytesPerLine in one temporary file
-// (hMemory). The file is extended to the data size by writing one zero byte
-// at its last offset, so a full disk shows at allocation, not at the first
-// row written.
+// (hMemory points at a DiskStore: the file and its mapping). The file is
+// extended to the data size by writing one zero byte at its last offset; on
+// the default file layer it is then mapped writable (the blocks are reserved
+// first, so a full disk shows at allocation, not as a fault at the first row
+// written) and rows move with memcpy. Through a redirect table, or when the
+// address space is short, rows go through positioned reads and writes.
 #include <atomic>
 
 #include "kernel.h"
+#include "memory.h"
 #include "storage.h"
 #include "tempfile.h"
 
@@ -40,33 +44,65 @@ int32_t fileSetSize(TempFile* f, uint64_t size) noexcept {
 void fileClose(TempFile* f) noexcept { tempClose(f); }
 bool fileDiskAllowed() noexcept { return tempDiskAllowed(); }
 
+int32_t fileMapAll(TempFile* f, uint64_t size, TempMapping* m) noexcept {
+    *m = TempMapping{};
+    if (size == 0 || size > SIZE_MAX) return KS_SUCCESS;
+    int32_t rc = tempMap(f, 0, size_t(size), true, m);
+    if (rc == KS_NOT_SUPPORTED || rc == KS_NO_MEMORY) {
+        *m = TempMapping{};
+        return KS_SUCCESS;  // positioned I/O instead
+    }
+    return rc;
+}
+
 int32_t diskAllocate(BITMAPRECORD* bm) noexcept {
     const uint64_t size = dataSize(bm);
     if (!size) return KS_INVALID_DIMENSIONS;
-    TempFile* f = nullptr;
-    int32_t rc = fileCreate(&f);
-    if (rc != KS_SUCCESS) return rc;
-    const uint8_t zero = 0;
-    rc = tempWrite(f, size - 1, &zero, 1);
+    auto* d = static_cast<DiskStore*>(memCalloc(sizeof(DiskStore)));
+    if (!d) return KS_NO_MEMORY;
+    int32_t rc = fileCreate(&d->file);
     if (rc != KS_SUCCESS) {
-        tempClose(f);
+        memFree(d);
         return rc;
     }
-    bm->hMemory = f;
+    const uint8_t zero = 0;
+    rc = tempWrite(d->file, size - 1, &zero, 1);
+    if (rc == KS_SUCCESS) rc = fileMapAll(d->file, size, &d->map);
+    if (rc != KS_SUCCESS) {
+        tempClose(d->file);
+        memFree(d);
+        return rc;
+    }
+    bm->hMemory = d;
     bm->pData = nullptr;
     bm->uDataOffset = 0;
     return KS_SUCCESS;
 }
 
 void diskFree(BITMAPRECORD* bm) noexcept {
-    tempClose(static_cast<TempFile*>(bm->hMemory));
+    auto* d = static_cast<DiskStore*>(bm->hMemory);
+    if (d) {
+        tempUnmap(&d->map);
+        tempClose(d->file);
+        memFree(d);
+    }
     bm->hMemory = nullptr;
 }
 
 int32_t diskSetHeight(BITMAPRECORD* bm, int32_t newHeight) noexcept {
-    auto* f = static_cast<TempFile*>(bm->hMemory);
-    if (!f) return KS_INVALID_BITMAP;
-    return tempSetSize(f, uint64_t(bm->nBytesPerLine) * uint64_t(uint32_t(newHeight)));
+    auto* d = static_cast<DiskStore*>(bm->hMemory);
+    if (!d) return KS_INVALID_BITMAP;
+    const uint64_t oldSize = dataSize(bm);
+    const uint64_t size = uint64_t(bm->nBytesPerLine) * uint64_t(uint32_t(newHeight));
+    const bool mapped = d->map.data != nullptr;
+    if (mapped) tempUnmap(&d->map);
+    int32_t rc = tempSetSize(d->file, size);
+    if (rc == KS_SUCCESS && mapped) {
+        rc = fileMapAll(d->file, size, &d->map);
+        if (rc != KS_SUCCESS) tempSetSize(d->file, oldSize);
+    }
+    if (rc != KS_SUCCESS && mapped && !d->map.data) fileMapAll(d->file, oldSize, &d->map);
+    return rc;
 }
 
 }  // namespace krn

@@ -231,6 +231,7 @@ struct DitherState;
 using RowFn = void (*)(DitherState& s, const uint8_t* src, uint8_t* idx);
 
 constexpr uint32_t kStateMagic = 0x44495448u;  // "DITH"
+constexpr int32_t kMaxWidth = (1 << 29) - 1;
 
 struct DitherState {
     uint32_t magic;
@@ -248,8 +249,8 @@ struct DitherState {
     RGBQUAD usable[256];       // usable target entries, palette index in rgbReserved
     int32_t colour[256][3];    // r, g, b of every palette index (black past the palette)
     RGBQUAD srcPalette[256];   // for 1..8-bit sources
-    const uint32_t* table;     // codes 0 and 1
-    uint32_t* ownedTable;      // code 0: built and freed by the run
+    const uint32_t* table;     // codes 0 and 1: the run's quantisation table (ownedTable)
+    uint32_t* ownedTable;
     int32_t* rowBlock;         // error rows: (rowsBelow + 1) rows of (width + 2*margin) * 3
     int32_t* rows[4];          // rows[0] current, rows[k] k rows below
     int32_t rowsBelow;
@@ -288,10 +289,17 @@ struct QByColour {
         q[0] = s.colour[i][0], q[1] = s.colour[i][1], q[2] = s.colour[i][2];
     }
 };
-struct QTable : QByColour {
-    static int index(const DitherState& s, int r, int g, int b) noexcept {
-        uint32_t e = s.table[(b >> 3) | ((g & 0xF8) << 2) | ((r & 0xF8) << 7)];
-        return e ? int((e - 1) & 0xFFu) : 0;
+// The run's quantisation table: 32768 words over the 5-5-5 grid, each the
+// palette index (low byte, already within the output depth) and that entry's
+// red, green and blue (bytes 1..3), so the error needs no second lookup.
+inline uint32_t tableWord(const DitherState& s, int r, int g, int b) noexcept {
+    return s.table[(b >> 3) | ((g & 0xF8) << 2) | ((r & 0xF8) << 7)];
+}
+struct QTable {
+    static int index(const DitherState& s, int r, int g, int b) noexcept { return int(tableWord(s, r, g, b) & 0xFFu); }
+    static void value(const DitherState& s, int, int r, int g, int b, int* q) noexcept {
+        const uint32_t w = tableWord(s, r, g, b);
+        q[0] = int((w >> 8) & 0xFFu), q[1] = int((w >> 16) & 0xFFu), q[2] = int(w >> 24);
     }
 };
 struct QGrey2 {
@@ -676,7 +684,8 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     if (nBits < 1 || nBits > 8 || (1u << nBits) < uColors) return KS_INVALID_PARAMETER;
     const int method = bm->nDitheringMethod;
     if (method < 0 || method > 8) return KS_INVALID_PARAMETER;
-    if (bm->nWidth < 1) return KS_INVALID_DIMENSIONS;
+    // Row offsets are int arithmetic (3 entries per pixel): keep them in range.
+    if (bm->nWidth < 1 || bm->nWidth > kMaxWidth) return KS_INVALID_DIMENSIONS;
     const int bits = bm->nBitsPerPixel;
     if (!bitsValid(bits)) return KS_INVALID_BITS_PER_PIXEL;
     if (!orderValid(bits, bm->nOrder)) return KS_INVALID_PARAMETER;
@@ -696,15 +705,14 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     // Target palette and its code.
     const RGBQUAD* pal = pPalette ? pPalette : fixedPalette(outputBitsFor(uColors));
     int code;
+    const uint32_t* callerTable = pMatchTable;
     if (pMatchTable) {
         code = kCodeCallerTable;
-        s.table = pMatchTable;
     } else {
         code = fixedPaletteCode(pal, uColors);
         if (code < 0) {
-            const uint32_t* installed = settings().pUserMatchTable;
-            code = installed ? kCodeCallerTable : kCodeBuiltTable;
-            s.table = installed;
+            callerTable = settings().pUserMatchTable;
+            code = callerTable ? kCodeCallerTable : kCodeBuiltTable;
         }
     }
     s.code = code;
@@ -784,17 +792,28 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
         }
     }
 
-    // The match table a caller palette needs.
-    if (code == kCodeBuiltTable) {
+    // Codes 0 and 1: the run's own quantisation table, built from the palette
+    // (the 5-5-5 match table of the nearest-colour rule) or read once from the
+    // caller's (or installed) match table, with each entry's colour beside it.
+    if (code == kCodeBuiltTable || code == kCodeCallerTable) {
         s.ownedTable = static_cast<uint32_t*>(memAlloc(32768 * sizeof(uint32_t)));
         if (!s.ownedTable) {
             freeState(st.release());
             return KS_NO_MEMORY;
         }
+        const uint32_t mask = (1u << nBits) - 1u;
         for (uint32_t k = 0; k < 32768; ++k) {
-            int32_t j = K_FindPaletteIndex(s.usable, s.usableCount, int32_t((k >> 7) & 0xF8),
-                                           int32_t(((k >> 5) & 31) * 8), int32_t((k & 31) * 8));
-            s.ownedTable[k] = uint32_t(s.usable[j].rgbReserved) + 1u;
+            uint32_t i;
+            if (code == kCodeBuiltTable) {
+                int32_t j = K_FindPaletteIndex(s.usable, s.usableCount, int32_t((k >> 7) & 0xF8),
+                                               int32_t(((k >> 5) & 31) * 8), int32_t((k & 31) * 8));
+                i = s.usable[j].rgbReserved;
+            } else {
+                const uint32_t e = callerTable[k];
+                i = (e ? (e - 1u) & 0xFFu : 0u) & mask;  // 0 means "no entry": index 0
+            }
+            s.ownedTable[k] = i | uint32_t(s.colour[i][0]) << 8 | uint32_t(s.colour[i][1]) << 16 |
+                              uint32_t(s.colour[i][2]) << 24;
         }
         s.table = s.ownedTable;
     }
@@ -835,6 +854,12 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     bool dstGrey = code <= kCodeFixed4;
     for (int i = 0; i < 256 && dstGrey; ++i) dstGrey = s.colour[i][0] == s.colour[i][1] && s.colour[i][1] == s.colour[i][2];
     s.grey = srcGrey && dstGrey;
+    if (s.grey && bits != 8) {
+        // Grey rows come from the converter at depth 0; make sure it takes them.
+        uint8_t probe[16] = {};
+        s.grey = convertBuffer(probe, 1, bits, 0, bm->nOrder, ORDER_GRAY, s.srcPalette, nullptr, nullptr,
+                               kConvertSrcRange | kConvertDstGray, s.lowBit, s.highBit, 0, nullptr) == KS_SUCCESS;
+    }
     if (s.grey) {
         for (int v = 0; v < 256; ++v) {
             const int i = quantiseWith(s, v, v, v) & ((1 << nBits) - 1);
@@ -923,15 +948,7 @@ KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t
     if (pBitmap->nWidth != s->width || pBitmap->nBitsPerPixel != s->srcBits || pBitmap->nOrder != s->srcOrder)
         return KS_INVALID_PARAMETER;
 
-    // The row that collected errors for this row becomes current; the old
-    // current row becomes the deepest and starts empty.
-    if (s->rowBlock) {
-        int32_t* old = s->rows[0];
-        for (int k = 0; k < s->rowsBelow; ++k) s->rows[k] = s->rows[k + 1];
-        s->rows[s->rowsBelow] = old;
-        if (!s->kernelWritesWholeRow)
-            std::memset(old, 0, (size_t(s->width) + 2 * size_t(s->margin)) * 3 * sizeof(int32_t));
-    }
+    // Bring the row to 8-bit samples first: a failure leaves the run as it was.
     const uint8_t* src = pSrcRow;
     if (s->grey) {
         if (s->greyByLut) {
@@ -950,6 +967,15 @@ KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t
                                       kConvertSrcRange, s->lowBit, s->highBit);
         if (r != KS_SUCCESS) return r;
         src = s->bgrRow;
+    }
+    // The row that collected errors for this row becomes current; the old
+    // current row becomes the deepest and starts empty.
+    if (s->rowBlock) {
+        int32_t* old = s->rows[0];
+        for (int k = 0; k < s->rowsBelow; ++k) s->rows[k] = s->rows[k + 1];
+        s->rows[s->rowsBelow] = old;
+        if (!s->kernelWritesWholeRow)
+            std::memset(old, 0, (size_t(s->width) + 2 * size_t(s->margin)) * 3 * sizeof(int32_t));
     }
     if (s->kernelPacks) {
         s->kernel(*s, src, pDstRow);

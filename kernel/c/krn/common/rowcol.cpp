@@ -114,8 +114,8 @@ int32_t readRow(BITMAPRECORD* bm, int32_t row, uint32_t offset, uint8_t* dst, ui
         if (tile >= t->count) return KS_INVALID_BITMAP;
         const TileEntry& e = t->tiles[tile];
         const uint64_t at = uint64_t(uint32_t(row) % t->rowsPerTile) * bpl + offset;
-        if (e.mem) {
-            std::memcpy(dst, e.mem + at, n);
+        if (uint8_t* v = tileView(e)) {
+            std::memcpy(dst, v + at, n);
             return KS_SUCCESS;
         }
         return fileRead(e.file, at, dst, n);
@@ -130,7 +130,15 @@ int32_t readRow(BITMAPRECORD* bm, int32_t row, uint32_t offset, uint8_t* dst, ui
         return KS_SUCCESS;
     }
     const uint64_t at = uint64_t(uint32_t(row)) * bpl + offset;
-    if (f & BRF_DISK) return fileRead(static_cast<TempFile*>(bm->hMemory), at, dst, n);
+    if (f & BRF_DISK) {
+        auto* d = static_cast<DiskStore*>(bm->hMemory);
+        if (!d) return KS_INVALID_BITMAP;
+        if (d->map.data) {
+            std::memcpy(dst, d->map.data + at, n);
+            return KS_SUCCESS;
+        }
+        return fileRead(d->file, at, dst, n);
+    }
     MemoryPixels mem(bm);
     if (!mem.base()) return KS_NO_MEMORY;
     std::memcpy(dst, mem.base() + at, n);
@@ -148,8 +156,8 @@ int32_t writeRow(BITMAPRECORD* bm, int32_t row, uint32_t offset, const uint8_t* 
         if (tile >= t->count) return KS_INVALID_BITMAP;
         const TileEntry& e = t->tiles[tile];
         const uint64_t at = uint64_t(uint32_t(row) % t->rowsPerTile) * bpl + offset;
-        if (e.mem) {
-            std::memcpy(e.mem + at, src, n);
+        if (uint8_t* v = tileView(e)) {
+            std::memcpy(v + at, src, n);
             return KS_SUCCESS;
         }
         return fileWrite(e.file, at, src, n);
@@ -164,7 +172,15 @@ int32_t writeRow(BITMAPRECORD* bm, int32_t row, uint32_t offset, const uint8_t* 
         return writeWholeRow(bm, row, tmp.get());
     }
     const uint64_t at = uint64_t(uint32_t(row)) * bpl + offset;
-    if (f & BRF_DISK) return fileWrite(static_cast<TempFile*>(bm->hMemory), at, src, n);
+    if (f & BRF_DISK) {
+        auto* d = static_cast<DiskStore*>(bm->hMemory);
+        if (!d) return KS_INVALID_BITMAP;
+        if (d->map.data) {
+            std::memcpy(d->map.data + at, src, n);
+            return KS_SUCCESS;
+        }
+        return fileWrite(d->file, at, src, n);
+    }
     MemoryPixels mem(bm);
     if (!mem.base()) return KS_NO_MEMORY;
     std::memcpy(mem.base() + at, src, n);

@@ -2,7 +2,9 @@
 //
 // The rows live in row blocks of 32768 rows. A block keeps its rows in the
 // compressed-row format in one byte pool plus an index of where each row
-// starts; a row never written has no bytes and reads as all 0 pixels. A row
+// starts; a row never written has no bytes and reads as all 0 pixels. A block
+// gets its index only when its first row is written, so a blank bitmap costs a
+// few bytes per 32768 rows whatever its height. A row
 // that is rewritten in place when its new form fits its slot, else appended;
 // the pool is compacted when more than half of it is no longer referenced.
 #include <algorithm>
@@ -27,11 +29,17 @@ void freeBlock(RunBlock& b) noexcept {
 }
 
 int32_t initBlock(RunBlock& b, uint32_t rows) noexcept {
-    b = RunBlock{};
+    b = RunBlock{};  // no index yet: every row blank
+    b.rows = rows;
+    return KS_SUCCESS;
+}
+
+// Gives the block its row index (all rows blank) on its first write.
+int32_t ensureIndex(RunBlock& b) noexcept {
+    if (b.offsets) return KS_SUCCESS;
     b.offsets = memAllocArray<uint32_t>(kRowsPerRunBlock);
     if (!b.offsets) return KS_NO_MEMORY;
     std::fill(b.offsets, b.offsets + kRowsPerRunBlock, kBlankRow);
-    b.rows = rows;
     return KS_SUCCESS;
 }
 
@@ -106,7 +114,7 @@ const uint8_t* runsRowData(const BITMAPRECORD* bm, int32_t row, size_t* bytes) n
     const uint32_t bi = uint32_t(row) / kRowsPerRunBlock, ri = uint32_t(row) % kRowsPerRunBlock;
     if (!s || bi >= s->blockCount || ri >= s->blocks[bi].rows) return nullptr;
     const RunBlock& b = s->blocks[bi];
-    if (b.offsets[ri] == kBlankRow) return nullptr;
+    if (!b.offsets || b.offsets[ri] == kBlankRow) return nullptr;
     const uint8_t* p = b.pool + b.offsets[ri];
     *bytes = rowBytes(p);
     return p;
@@ -117,6 +125,7 @@ int32_t runsStoreRow(BITMAPRECORD* bm, int32_t row, const uint8_t* runs, size_t 
     const uint32_t bi = uint32_t(row) / kRowsPerRunBlock, ri = uint32_t(row) % kRowsPerRunBlock;
     if (!s || bi >= s->blockCount || ri >= s->blocks[bi].rows) return KS_INVALID_BITMAP;
     RunBlock& b = s->blocks[bi];
+    if (int32_t rc = ensureIndex(b); rc != KS_SUCCESS) return rc;
     const uint32_t old = b.offsets[ri];
     if (old != kBlankRow) {
         const size_t oldBytes = rowBytes(b.pool + old);
@@ -167,7 +176,7 @@ int32_t runsSetHeight(BITMAPRECORD* bm, int32_t newHeight) noexcept {
     for (uint32_t i = 0; i < std::min(old, count); ++i) {
         RunBlock& b = s->blocks[i];
         const uint32_t rows = rowsOf(i);
-        for (uint32_t r = rows; r < b.rows; ++r) {
+        for (uint32_t r = rows; b.offsets && r < b.rows; ++r) {
             if (b.offsets[r] != kBlankRow) b.garbage += rowBytes(b.pool + b.offsets[r]);
             b.offsets[r] = kBlankRow;
         }

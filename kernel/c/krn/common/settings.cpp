@@ -23,34 +23,46 @@ ThreadSettings* makeProcessBlock() noexcept {
     return &block;
 }
 
-struct ThreadSlot {
-    ThreadSettings* block = nullptr;
-    bool forceFallback = false;
-    ~ThreadSlot() {
-        if (block) {
-            block->~ThreadSettings();
-            memFree(block);
+// The calling thread's block and state live in trivially destructible
+// thread-locals, valid for the thread's whole life; a separate guard frees the
+// block when the thread ends. Thread-local destructors run in reverse order of
+// construction, so a caller's own thread-local object may call into the kernel
+// after the guard has run: from then on the thread uses the process-wide block
+// instead of the freed one.
+thread_local ThreadSettings* t_block = nullptr;
+thread_local bool t_forceFallback = false;
+thread_local bool t_ended = false;
+
+struct ThreadBlockGuard {
+    bool armed = false;
+    ~ThreadBlockGuard() {
+        ThreadSettings* b = t_block;
+        t_block = nullptr;
+        t_ended = true;
+        if (b) {
+            b->~ThreadSettings();
+            memFree(b);
         }
     }
 };
-thread_local ThreadSlot t_slot;
+thread_local ThreadBlockGuard t_guard;
 
 }  // namespace
 
 ThreadSettings& processSettings() noexcept { return *makeProcessBlock(); }
 
 ThreadSettings& settings() noexcept {
-    ThreadSlot& slot = t_slot;
-    if (slot.forceFallback) return processSettings();
-    if (slot.block) return *slot.block;
+    if (t_forceFallback || t_ended) return processSettings();
+    if (t_block) return *t_block;
     void* mem = memAlloc(sizeof(ThreadSettings));
     if (!mem) return processSettings();  // try again on the next call
-    slot.block = new (mem) ThreadSettings();
-    return *slot.block;
+    t_guard.armed = true;                // registers the guard's destructor for this thread
+    t_block = new (mem) ThreadSettings();
+    return *t_block;
 }
 
 namespace testhook {
-void forceSettingsFallback(bool on) noexcept { t_slot.forceFallback = on; }
+void forceSettingsFallback(bool on) noexcept { t_forceFallback = on; }
 }
 
 }  // namespace krn

@@ -20,17 +20,30 @@
 #include <cstdint>
 
 #include "ombrix.h"
+#include "tempfile.h"
 
 namespace krn {
-
-struct TempFile;
 
 // ---------------------------------------------------------------- tiles
 struct TileEntry {
     uint8_t* mem;       // rows of the tile when in memory (counted in the process counter)
     uint64_t bytes;     // bytes the tile holds (rows * nBytesPerLine)
     TempFile* file;     // the tile's own temporary file, or null
+    TempMapping map;    // the file mapped in memory when the file layer allows it
 };
+// Where the rows of a file tile or a disk bitmap can be reached directly.
+inline uint8_t* tileView(const TileEntry& e) noexcept { return e.mem ? e.mem : e.map.data; }
+
+// A disk bitmap (hMemory): its temporary file and, on the default file layer,
+// the whole file mapped in memory.
+struct DiskStore {
+    TempFile* file;
+    TempMapping map;
+};
+// Maps [0, size) of f writable into *m; a file layer that cannot map leaves m
+// empty and returns KS_SUCCESS (rows then go through positioned reads and
+// writes). Other failures (a disk that cannot back the blocks) are returned.
+int32_t fileMapAll(TempFile* f, uint64_t size, TempMapping* m) noexcept;
 struct TileTable {
     uint32_t count;        // tiles in use
     uint32_t capacity;     // entries allocated

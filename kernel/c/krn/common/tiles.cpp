@@ -7,6 +7,7 @@
 
 #include "kernel.h"
 #include "memory.h"
+#include "settings.h"
 #include "storage.h"
 
 namespace krn {
@@ -21,6 +22,7 @@ void freeTile(TileEntry& e) noexcept {
         memFree(e.mem);
         releaseConventional(e.bytes);
     }
+    tempUnmap(&e.map);
     if (e.file) fileClose(e.file);
     e = TileEntry{};
 }
@@ -40,6 +42,7 @@ int32_t makeTile(TileEntry& e, uint64_t bytes, bool diskAllowed, int32_t fifth) 
     int32_t rc = fileCreate(&e.file);
     if (rc != KS_SUCCESS) return rc;
     rc = fileSetSize(e.file, bytes);
+    if (rc == KS_SUCCESS) rc = fileMapAll(e.file, bytes, &e.map);
     if (rc != KS_SUCCESS) {
         fileClose(e.file);
         e.file = nullptr;
@@ -53,8 +56,15 @@ int32_t resizeTile(TileEntry& e, uint64_t to) noexcept {
     const uint64_t from = e.bytes;
     if (to == from) return KS_SUCCESS;
     if (e.file) {
+        const bool mapped = e.map.data != nullptr;
+        if (mapped) tempUnmap(&e.map);
         int32_t rc = fileSetSize(e.file, to);
+        if (rc == KS_SUCCESS && mapped) {
+            rc = fileMapAll(e.file, to, &e.map);
+            if (rc != KS_SUCCESS) fileSetSize(e.file, from);
+        }
         if (rc == KS_SUCCESS) e.bytes = to;
+        if (rc != KS_SUCCESS && mapped && !e.map.data) fileMapAll(e.file, from, &e.map);
         return rc;
     }
     if (to > from) {
@@ -139,7 +149,7 @@ int32_t tilesSetHeight(BITMAPRECORD* bm, int32_t newHeight) noexcept {
         t->capacity = newCount;
     }
     const bool diskAllowed = fileDiskAllowed();
-    const int32_t fifth = 1;
+    const int32_t fifth = settings().nMemFifth;
     const uint32_t old = t->count;
     for (uint32_t i = old; i < newCount; ++i) {
         const uint64_t bytes = i + 1 == newCount ? lastBytes : uint64_t(rpt) * bpl;

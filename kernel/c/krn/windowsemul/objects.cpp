@@ -32,6 +32,7 @@ struct Table {
 };
 Table g_table;
 const void* const kTomb = reinterpret_cast<const void*>(uintptr_t(1));
+bool g_failGrowth = false;  // test hook, read and written under the table lock
 
 size_t hashPtr(const void* p, size_t mask) {
     uint64_t x = reinterpret_cast<uintptr_t>(p);
@@ -41,8 +42,10 @@ size_t hashPtr(const void* p, size_t mask) {
     return size_t(x) & mask;
 }
 
+// Null, all-ones and the deleted-slot marker are never keys: a caller's
+// garbage value 1 must not find a deleted slot (whose object is gone).
 bool validValue(const void* h) {
-    return h != nullptr && reinterpret_cast<uintptr_t>(h) != ~uintptr_t(0);
+    return h != nullptr && h != kTomb && reinterpret_cast<uintptr_t>(h) != ~uintptr_t(0);
 }
 
 Entry* findSlot(const void* h) {
@@ -51,7 +54,7 @@ Entry* findSlot(const void* h) {
     for (size_t i = hashPtr(h, mask), n = 0; n < g_table.capacity; i = (i + 1) & mask, ++n) {
         const void* k = g_table.slots[i].key;
         if (k == nullptr) return nullptr;
-        if (k == h) return &g_table.slots[i];
+        if (k == h && k != kTomb) return &g_table.slots[i];
     }
     return nullptr;
 }
@@ -59,6 +62,7 @@ Entry* findSlot(const void* h) {
 bool rehash(size_t newCap) {
     // The table itself is process infrastructure that lives until exit, so it
     // is not counted as a kernel block (it would look like a leak to tests).
+    if (g_failGrowth) return false;
     auto* slots = static_cast<Entry*>(std::calloc(newCap, sizeof(Entry)));
     if (!slots) return false;
     size_t mask = newCap - 1;
@@ -76,12 +80,18 @@ bool rehash(size_t newCap) {
     return true;
 }
 
-bool insert(const void* key, OmbrixObject_* o) {
+// Makes sure the next insert needs no growth.
+bool reserveOne() {
     if ((g_table.used + g_table.tombs + 1) * 4 > g_table.capacity * 3) {
         size_t cap = g_table.capacity ? g_table.capacity : 64;
         while ((g_table.used + 1) * 2 > cap) cap *= 2;  // same size when tombstones dominate
         if (!rehash(cap)) return false;
     }
+    return true;
+}
+
+bool insert(const void* key, OmbrixObject_* o) {
+    if (!reserveOne()) return false;
     size_t mask = g_table.capacity - 1;
     size_t i = hashPtr(key, mask);
     while (g_table.slots[i].key && g_table.slots[i].key != kTomb) i = (i + 1) & mask;
@@ -105,30 +115,37 @@ OmbrixObject_* objLookupLocked(const void* handle, uint32_t kind) noexcept {
 }
 
 OmbrixObject_* objCreate(uint32_t kind, void* payload) noexcept {
+    OmbrixObject_ init{};
+    init.uKind = kind;
+    init.pPayload = payload;
+    return objCreateFrom(nullptr, init);
+}
+
+OmbrixObject_* objCreateKeyed(const void* key, uint32_t kind, void* payload) noexcept {
+    if (!validValue(key)) return nullptr;
+    OmbrixObject_ init{};
+    init.uKind = kind;
+    init.pPayload = payload;
+    return objCreateFrom(key, init);
+}
+
+OmbrixObject_* objCreateFrom(const void* key, const OmbrixObject_& init) noexcept {
+    if (key && !validValue(key)) return nullptr;
     auto* o = static_cast<OmbrixObject_*>(memCalloc(sizeof(OmbrixObject_)));
     if (!o) return nullptr;
-    o->uKind = kind;
-    o->pPayload = payload;
+    // Every field is in place before the handle becomes visible to other threads.
+    *o = init;
     std::lock_guard<std::recursive_mutex> lk(tableMutex());
-    if (!insert(o, o)) {
+    if ((key && findSlot(key)) || !insert(key ? key : o, o)) {
         memFree(o);
         return nullptr;
     }
     return o;
 }
 
-OmbrixObject_* objCreateKeyed(const void* key, uint32_t kind, void* payload) noexcept {
-    if (!validValue(key)) return nullptr;
-    auto* o = static_cast<OmbrixObject_*>(memCalloc(sizeof(OmbrixObject_)));
-    if (!o) return nullptr;
-    o->uKind = kind;
-    o->pPayload = payload;
+bool objReserve() noexcept {
     std::lock_guard<std::recursive_mutex> lk(tableMutex());
-    if (findSlot(key) || !insert(key, o)) {
-        memFree(o);
-        return nullptr;
-    }
-    return o;
+    return reserveOne();
 }
 
 bool objRekey(const void* oldKey, const void* newKey) noexcept {
@@ -181,5 +198,12 @@ bool objDestroy(void* handle, uint32_t kind) noexcept {
     memFree(o);
     return true;
 }
+
+namespace testhook {
+void failHandleTableGrowth(bool on) noexcept {
+    std::lock_guard<std::recursive_mutex> lk(tableMutex());
+    g_failGrowth = on;
+}
+}  // namespace testhook
 
 }  // namespace krn

@@ -11,6 +11,7 @@
 //   objSetPayload(h, kind, p)  replaces the payload; false for a bad handle
 //   objDestroy(h, kind)        unregisters and frees the handle block (not the payload)
 //   objCreateKeyed, objRekey   entries known by a key other than the block's address
+//   objCreateFrom, objReserve  registration of a filled object; room for one more entry
 #pragma once
 
 #include <cstddef>
@@ -37,6 +38,13 @@ OmbrixObject_* objCreate(uint32_t kind, void* payload) noexcept;
 // block is known by its data pointer). Handles passed to the functions below
 // are keys.
 OmbrixObject_* objCreateKeyed(const void* key, uint32_t kind, void* payload) noexcept;
+// Registers a copy of `init` (kind, payload and the other words already set,
+// so no thread ever sees a half-filled object) under `key`, or under its own
+// address when key is null.
+OmbrixObject_* objCreateFrom(const void* key, const OmbrixObject_& init) noexcept;
+// Makes room for one more entry, so that the next registration or objRekey
+// cannot fail for lack of table space while the caller holds the table lock.
+bool objReserve() noexcept;
 // Moves an entry to a new key (a fixed block that was reallocated).
 bool objRekey(const void* oldKey, const void* newKey) noexcept;
 void* objPayload(const void* handle, uint32_t kind) noexcept;
@@ -52,6 +60,11 @@ bool objWith(const void* handle, uint32_t kind, F&& fn);
 OmbrixObject_* objLookupLocked(const void* handle, uint32_t kind) noexcept;
 void objTableLock() noexcept;
 void objTableUnlock() noexcept;
+
+namespace testhook {
+// Makes every growth of the handle table fail (for tests of growth under failure).
+void failHandleTableGrowth(bool on) noexcept;
+}
 
 template <class F>
 bool objWith(const void* handle, uint32_t kind, F&& fn) {

@@ -30,19 +30,18 @@ namespace krn {
 HGLOBAL globalAlloc(uint32_t flags, size_t bytes) noexcept {
     void* data = (flags & GMEM_ZEROINIT) ? memCalloc(bytes) : memAlloc(bytes);
     if (!data) return nullptr;
-    OmbrixObject_* o;
-    if (flags & GMEM_MOVEABLE) {
-        o = objCreate(kObjGlobalMemory, data);
-    } else {
-        o = objCreateKeyed(data, kObjGlobalMemory, data);
-    }
+    const bool movable = flags & GMEM_MOVEABLE;
+    OmbrixObject_ init{};
+    init.uKind = kObjGlobalMemory;
+    init.pPayload = data;
+    init.uFlags = movable ? kMovable : 0;
+    init.uBytes = bytes;
+    OmbrixObject_* o = objCreateFrom(movable ? nullptr : data, init);
     if (!o) {
         memFree(data);
         return nullptr;
     }
-    o->uBytes = bytes;
-    o->uFlags = (flags & GMEM_MOVEABLE) ? kMovable : 0;
-    return (flags & GMEM_MOVEABLE) ? static_cast<HGLOBAL>(o) : data;
+    return movable ? static_cast<HGLOBAL>(o) : data;
 }
 
 HGLOBAL globalFree(HGLOBAL h) noexcept {
@@ -104,17 +103,18 @@ HGLOBAL globalReAlloc(HGLOBAL h, size_t bytes, uint32_t flags) noexcept {
     }
     // A locked movable block may not move under its user's pointer.
     if ((o->uFlags & kMovable) && o->uLockCount > 0) return nullptr;
+    const bool fixed = !(o->uFlags & kMovable);
+    // A fixed block is known by its data pointer: make room for its new key
+    // before the block moves, so that re-keying cannot fail after the old
+    // pointer has been given up (a failed call must leave the block as it was).
+    if (fixed && !objReserve()) return nullptr;
     void* data = memRealloc(o->pPayload, bytes);
     if (!data) return nullptr;
     if ((flags & GMEM_ZEROINIT) && bytes > o->uBytes)
         std::memset(static_cast<uint8_t*>(data) + o->uBytes, 0, bytes - o->uBytes);
-    if (!(o->uFlags & kMovable) && data != o->pPayload) {
-        if (!objRekey(o->pPayload, data)) {
-            // Keep the table truthful: the block is now at `data`.
-            o->pPayload = data;
-            o->uBytes = bytes;
-            return nullptr;
-        }
+    if (fixed && data != o->pPayload) {
+        const bool moved = objRekey(o->pPayload, data);  // cannot fail: room was reserved
+        (void)moved;
     }
     o->pPayload = data;
     o->uBytes = bytes;

@@ -141,7 +141,7 @@ KAPI int32_t CombineRgn(HRGN hDst, HRGN hSrc1, HRGN hSrc2, int32_t nMode) {
     OrvaRgn* b = rgn::handleRegion(hSrc2);
     if (d && a && b && nMode >= RGN_AND && nMode <= RGN_COPY) {
         OrvaRgn* res = nullptr;
-        if (rgn::combine(a, b, nMode, &res) == KS_SUCCESS) {
+        if (rgn::combine(a, b, nMode, &res, d) == KS_SUCCESS) {
             // Placement words belong to the destination.
             std::memcpy(res->nPlacement, d->nPlacement, sizeof res->nPlacement);
             result = rgn::kind(res);

@@ -1,0 +1,86 @@
+// fuzz_convert.cpp - drives the buffer converter with random depths, orders,
+// flags, bit windows, widths, palettes and colour-match trees on buffers and
+// palettes of exactly the size the call needs, so that any read or write
+// past them is caught by the address sanitizer.
+//
+// Input layout (missing bytes read as zero):
+//   0 source depth, 1 destination depth, 2 source order, 3 destination order,
+//   4 flags, 5 low bit, 6 high bit, 7-8 width, 9 options (bit 0 extra
+//   pointer, bit 1 source palette, bit 2 destination palette, bit 3 tree),
+//   10-13 transparent colour, then pixel bytes (repeated to fill).
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "krn/common/convert.h"
+#include "ombrix.h"
+
+namespace {
+
+struct Reader {
+    const uint8_t* d;
+    size_t n, at = 0;
+    uint8_t byte() { return at < n ? d[at++] : 0; }
+};
+
+int depthOf(uint8_t b) {
+    static const int depths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
+    // Mostly accepted depths; now and then any value.
+    if (b < 240) return depths[b % 15];
+    return int(int8_t(b)) * 3;
+}
+int orderOf(uint8_t b) {
+    static const int orders[] = {0, 1, 2, 5, 7};
+    if (b < 250) return orders[b % 5];
+    return int(int8_t(b));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Reader in{data, size};
+    const int sb = depthOf(in.byte()), db = depthOf(in.byte());
+    const int so = orderOf(in.byte()), dO = orderOf(in.byte());
+    const uint32_t flags = in.byte();
+    const int lo = int(int8_t(in.byte())) % 40, hi = int(int8_t(in.byte())) % 70;
+    int width = in.byte();
+    width |= int(in.byte() & 0x0F) << 8;  // 0..4095
+    const uint8_t options = in.byte();
+    uint32_t cr = 0;
+    for (int k = 0; k < 4; ++k) cr |= uint32_t(in.byte()) << (8 * k);
+
+    // Exactly the bytes the call needs (at least one, so the pointer is valid).
+    size_t bytes = krn::convertBufferBytes(width, sb < 0 ? 8 : sb, db < 0 ? 8 : db);
+    if (bytes == 0) bytes = 1;
+    std::vector<uint8_t> buf(bytes);
+    size_t rest = size - std::min(size, in.at);
+    for (size_t i = 0; i < bytes; ++i) buf[i] = rest ? data[in.at + i % rest] : uint8_t(i * 37);
+
+    std::vector<RGBQUAD> spal, dpal;
+    if ((options & 2) && sb >= 1 && sb <= 8) {
+        spal.resize(size_t(1) << sb);
+        for (size_t i = 0; i < spal.size(); ++i) spal[i] = RGBQUAD{uint8_t(i * 7), uint8_t(i * 13), uint8_t(i), 0};
+    }
+    if ((options & 4) && db >= 1 && db <= 8) {
+        dpal.resize(size_t(1) << db);
+        for (size_t i = 0; i < dpal.size(); ++i)
+            dpal[i] = RGBQUAD{uint8_t(i * 29), uint8_t(255 - i), uint8_t(i * 3), 0};
+    }
+    uint32_t* tree = nullptr;
+    if ((options & 8) && db >= 1 && db <= 8) {
+        const RGBQUAD* p = dpal.empty() ? K_IntGetFixedPalette(db) : dpal.data();
+        tree = krn::buildColorMatchTree(p, 1 << db);
+    }
+
+    std::vector<uint8_t> before = buf;
+    int extra = 0;
+    int st = krn::convertBuffer(buf.data(), width, sb, db, so, dO, spal.empty() ? nullptr : spal.data(),
+                                dpal.empty() ? nullptr : dpal.data(), (options & 1) ? &extra : nullptr, flags, lo,
+                                hi, cr, tree);
+    krn::freeColorMatchTree(tree);
+    if (st != KS_SUCCESS && st != KS_INVALID_PARAMETER && st != KS_NOT_SUPPORTED) std::abort();
+    // A rejected call leaves every byte as it was.
+    if (st == KS_INVALID_PARAMETER && buf != before) std::abort();
+    return 0;
+}
