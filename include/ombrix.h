@@ -1706,9 +1706,10 @@ public:
      * 1, or -1 when the event or lock cannot be made. */
     int Create(uint32_t uItemCount, uint32_t uFlags, uint32_t uPoolFlags);
     /* Runs or queues one item. After a cancel it returns 1 without running
-     * anything. -1 when the item cannot be queued (no memory). An item that is
-     * skipped or cannot be queued counts as finished, so Wait does not wait
-     * for it. */
+     * anything. -1 when the item cannot be queued (no memory), -13 for a null
+     * callback. An item that is skipped or cannot be queued counts as
+     * finished, so Wait does not wait for it. An item answering -100 cancels
+     * the items that have not started (in single-thread mode too). */
     int QueueItem(KTWORKITEMCALLBACK pfnCallback, void* pData);
     /* Blocks until every announced item finished or Finish was called. 1. */
     int Wait();

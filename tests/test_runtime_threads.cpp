@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -196,7 +197,7 @@ TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocks) {
         KTReaderWriterLockItem r = l.AcquireReaderLock();
         second = true;
     });
-    bool shared = waitUntil([&] { return second.load(); }, 300ms);
+    bool shared = waitUntil([&] { return second.load(); }, 1000ms);
     EXPECT_EQ(shared, !GetParam());
     mine.Release();
     t.join();
@@ -459,11 +460,12 @@ TEST(RuntimeWorkItems, OutOfMemoryInQueueItemDoesNotHangWait) {
     }
     long live = krn::faultinject::liveBlocks();
     KTWorkItems w;
-    ASSERT_EQ(w.Create(3, 0, 0), 1);
+    ASSERT_EQ(w.Create(4, 0, 0), 1);
     ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
     krn::faultinject::arm(0, 1);
     EXPECT_EQ(w.QueueItem(countItem, &ran), KS_NO_MEMORY);
     krn::faultinject::disarm();
+    EXPECT_EQ(w.QueueItem(nullptr, &ran), KS_INVALID_PARAMETER);  // also counts as finished
     ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
     w.Wait();
     EXPECT_EQ(ran.load(), 3);
@@ -646,6 +648,59 @@ TEST(RuntimeCriticalSection, MutualExclusion) {
     for (auto& t : ts) t.join();
     EXPECT_EQ(counter, 80000);
     K_IntDeleteCriticalSection(&cs);
+}
+
+}  // namespace
+
+namespace {
+
+// A randomised soak over every flag combination, item counts including 0,
+// cancels from the owner and from items, and early Finish. Run it with
+// OMBRIX_LONG_TESTS=1 (and under ThreadSanitizer).
+TEST(RuntimeStressLong, RandomisedJobs) {
+    if (!std::getenv("OMBRIX_LONG_TESTS")) GTEST_SKIP() << "set OMBRIX_LONG_TESTS=1";
+    CoreCount cc(4);
+    struct Shared {
+        std::atomic<int> ran{0};
+        int abortAt = -1;  // item index that answers -100
+        std::atomic<int> index{0};
+    };
+    std::atomic<int> failures{0};
+    std::vector<std::thread> owners;
+    for (int o = 0; o < 3; ++o)
+        owners.emplace_back([&, o] {
+            std::mt19937 rng(1234 + o);
+            for (int job = 0; job < 20000; ++job) {
+                uint32_t flags = rng() % 16;
+                int count = int(rng() % 40);
+                bool announceZero = rng() % 8 == 0;
+                Shared sh;
+                sh.abortAt = rng() % 3 == 0 ? int(rng() % (count + 1)) : -1;
+                KTWorkItems w;
+                if (w.Create(announceZero ? 0 : uint32_t(count), flags, 0) != 1) {
+                    failures++;
+                    continue;
+                }
+                int cancelAt = rng() % 5 == 0 ? int(rng() % (count + 1)) : -1;
+                for (int i = 0; i < count; ++i) {
+                    if (i == cancelAt) w.Cancel();
+                    w.QueueItem([](KTWorkItems*, void* d) {
+                        auto* s = static_cast<Shared*>(d);
+                        int k = s->index.fetch_add(1);
+                        s->ran.fetch_add(1);
+                        return k == s->abortAt ? int(KS_USER_ABORT) : 1;
+                    }, &sh);
+                }
+                if (announceZero || count == 0 || rng() % 4 == 0) w.Finish();  // 0 announced: only Finish ends Wait
+                w.Wait();
+                bool cancelled = cancelAt >= 0 || (sh.abortAt >= 0 && sh.abortAt < count);
+                w.Destroy();  // waits for stragglers of an early Finish
+                if (!cancelled && sh.ran.load() != count) failures++;
+                if (sh.ran.load() > count) failures++;
+            }
+        });
+    for (auto& t : owners) t.join();
+    EXPECT_EQ(failures.load(), 0);
 }
 
 }  // namespace

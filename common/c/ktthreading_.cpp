@@ -138,6 +138,7 @@ struct Pool {
     int pending = 0;
     int busy = 0;
     int alive = 0;                    // workers that have not left their loop
+    int idle = 0;                     // workers waiting for work (no wake-up needed otherwise)
     bool stopping = false;
     uint64_t itemsRun = 0;
     std::thread* threads = nullptr;   // kernel block of nThreads objects
@@ -160,7 +161,11 @@ void workerLoop(Pool* pool) noexcept {
     t_inPoolWorker = true;
     std::unique_lock<std::mutex> lk(pool->m);
     for (;;) {
-        while (!pool->head && !pool->stopping) pool->cv.wait(lk);
+        while (!pool->head && !pool->stopping) {
+            ++pool->idle;
+            pool->cv.wait(lk);
+            --pool->idle;
+        }
         if (pool->stopping) break;
         ktt::PoolNode* node = pool->head;
         pool->head = node->next;
@@ -246,7 +251,7 @@ int submit(PoolNode* node) noexcept {
                 pool->head = node;
             pool->tail = node;
             ++pool->pending;
-            pool->cv.notify_one();
+            if (pool->idle > 0) pool->cv.notify_one();  // busy workers come back by themselves
             return KS_SUCCESS;
         }
     }

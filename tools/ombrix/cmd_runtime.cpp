@@ -12,7 +12,7 @@ namespace {
 
 void runtimeInfo() {
     int threads = KTThreadPool::GetThreadCount();
-    std::printf("runtime:\n");
+    std::printf("thread tools:\n");
     std::printf("  processors          %d\n", KTThreadToolsManaged::GetCoreCount());
     if (threads == 0)
         std::printf("  thread pool         not started (starts on first use)\n");
