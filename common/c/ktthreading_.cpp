@@ -148,7 +148,9 @@ struct Pool {
 std::mutex g_poolMutex;               // guards g_pool creation and shutdown
 std::atomic<Pool*> g_pool{nullptr};
 std::atomic<bool> g_poolShutDown{false};
-Pool* g_retiredPool = nullptr;        // a shut-down pool, kept for late readers
+// volatile: the pointer is only ever written, and must survive optimisation so
+// that the retired block stays reachable (and is not reported as a leak).
+Pool* volatile g_retiredPool = nullptr;  // a shut-down pool, kept for late readers
 thread_local bool t_inPoolWorker = false;
 
 void runNode(ktt::PoolNode* node) noexcept {
