@@ -238,6 +238,8 @@ TEST_P(RuntimeLock, ReadersAndWritersContending) {
         });
     for (int i = 0; i < 2; ++i)
         ts.emplace_back([&] {
+            // Let the readers in first, so that they really contend with the writers.
+            while (reads.load(std::memory_order_relaxed) == 0) std::this_thread::yield();
             for (int k = 0; k < 20000; ++k) {
                 KTReaderWriterLockItem w = l.AcquireWriterLock();
                 ++a;
