@@ -13,9 +13,10 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-// Under AddressSanitizer an impossible allocation must come back as null, as
-// it does without the sanitizer, so that the library's out-of-memory paths run.
+// Under the sanitizers an impossible allocation must come back as null, as it
+// does without them, so that the library's out-of-memory paths run.
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
 
 int main(int argc, char** argv) {
     std::vector<std::vector<uint8_t>> seeds;
