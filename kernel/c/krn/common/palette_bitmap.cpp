@@ -16,6 +16,7 @@
 //    record's own palette as the source.
 #include <cstring>
 
+#include "convert.h"
 #include "hooks.h"
 #include "kernel.h"
 #include "memory.h"
@@ -269,7 +270,7 @@ KAPI int32_t K_TranslateBitmapColor(const BITMAPRECORD* pDst, const BITMAPRECORD
         const int32_t index = findPaletteIndex(bitmapColors(pDst), bitmapColorCount(pDst), r, g, b);
         *puColor = KCOLOR_INDEX_FLAG | uint32_t(index);
     } else if (pDst->nOrder == ORDER_GRAY) {
-        const uint32_t v = uint32_t(2 * r + 5 * g + b + 4) >> 3;
+        const uint32_t v = uint32_t(grayFromRGB(r, g, b));
         *puColor = pack(v, v, v);
     } else {
         *puColor = rgb;

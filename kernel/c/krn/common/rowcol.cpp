@@ -101,6 +101,19 @@ int32_t writeWholeRow(BITMAPRECORD* bm, int32_t row, const uint8_t* src) noexcep
     return superPutRow(bm, row, src);
 }
 
+// The tile holding `row` and the byte position of (row, offset) inside it;
+// false for a damaged table or a row past the last tile.
+bool locateTileRow(const BITMAPRECORD* bm, int32_t row, uint32_t offset, const TileEntry** entry,
+                   uint64_t* at) noexcept {
+    auto* t = reinterpret_cast<const TileTable*>(bm->pData);
+    if (!t || !t->rowsPerTile) return false;
+    const uint32_t tile = uint32_t(row) / t->rowsPerTile;
+    if (tile >= t->count) return false;
+    *entry = &t->tiles[tile];
+    *at = uint64_t(uint32_t(row) % t->rowsPerTile) * bm->nBytesPerLine + offset;
+    return true;
+}
+
 }  // namespace
 
 int32_t readRow(BITMAPRECORD* bm, int32_t row, uint32_t offset, uint8_t* dst, uint32_t n) noexcept {
@@ -108,17 +121,14 @@ int32_t readRow(BITMAPRECORD* bm, int32_t row, uint32_t offset, uint8_t* dst, ui
     const uint32_t f = bm->uFlags;
     const uint32_t bpl = bm->nBytesPerLine;
     if (f & BRF_TILED) {
-        auto* t = reinterpret_cast<TileTable*>(bm->pData);
-        if (!t || !t->rowsPerTile) return KS_INVALID_BITMAP;
-        const uint32_t tile = uint32_t(row) / t->rowsPerTile;
-        if (tile >= t->count) return KS_INVALID_BITMAP;
-        const TileEntry& e = t->tiles[tile];
-        const uint64_t at = uint64_t(uint32_t(row) % t->rowsPerTile) * bpl + offset;
-        if (uint8_t* v = tileView(e)) {
+        const TileEntry* e;
+        uint64_t at;
+        if (!locateTileRow(bm, row, offset, &e, &at)) return KS_INVALID_BITMAP;
+        if (uint8_t* v = tileView(*e)) {
             std::memcpy(dst, v + at, n);
             return KS_SUCCESS;
         }
-        return fileRead(e.file, at, dst, n);
+        return fileRead(e->file, at, dst, n);
     }
     if (f & (BRF_COMPRESSED | BRF_SUPERCOMPRESSED)) {
         if (offset == 0 && n == bpl) return readWholeRow(bm, row, dst);
@@ -150,17 +160,14 @@ int32_t writeRow(BITMAPRECORD* bm, int32_t row, uint32_t offset, const uint8_t* 
     const uint32_t f = bm->uFlags;
     const uint32_t bpl = bm->nBytesPerLine;
     if (f & BRF_TILED) {
-        auto* t = reinterpret_cast<TileTable*>(bm->pData);
-        if (!t || !t->rowsPerTile) return KS_INVALID_BITMAP;
-        const uint32_t tile = uint32_t(row) / t->rowsPerTile;
-        if (tile >= t->count) return KS_INVALID_BITMAP;
-        const TileEntry& e = t->tiles[tile];
-        const uint64_t at = uint64_t(uint32_t(row) % t->rowsPerTile) * bpl + offset;
-        if (uint8_t* v = tileView(e)) {
+        const TileEntry* e;
+        uint64_t at;
+        if (!locateTileRow(bm, row, offset, &e, &at)) return KS_INVALID_BITMAP;
+        if (uint8_t* v = tileView(*e)) {
             std::memcpy(v + at, src, n);
             return KS_SUCCESS;
         }
-        return fileWrite(e.file, at, src, n);
+        return fileWrite(e->file, at, src, n);
     }
     if (f & (BRF_COMPRESSED | BRF_SUPERCOMPRESSED)) {
         if (offset == 0 && n == bpl) return writeWholeRow(bm, row, src);
