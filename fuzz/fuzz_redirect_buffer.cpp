@@ -14,22 +14,12 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "ombrix.h"
 
 namespace {
 
-#define FUZZ_CHECK(c) \
-    do {              \
-        if (!(c)) std::abort(); \
-    } while (0)
-
-struct Input {
-    const uint8_t* p;
-    size_t n, i = 0;
-    bool more() const { return i < n; }
-    uint8_t byte() { return i < n ? p[i++] : 0; }
-    uint32_t u16() { return uint32_t(byte()) | uint32_t(byte()) << 8; }
-};
+using fuzzinput::Input;
 
 struct Model {
     std::vector<uint8_t> data;

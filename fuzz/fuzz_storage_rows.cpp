@@ -15,22 +15,12 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "ombrix.h"
 
 namespace {
 
-#define FUZZ_CHECK(c) \
-    do {              \
-        if (!(c)) std::abort(); \
-    } while (0)
-
-struct Input {
-    const uint8_t* p;
-    size_t n, i = 0;
-    bool more() const { return i < n; }
-    uint8_t byte() { return i < n ? p[i++] : 0; }
-    uint32_t u16() { return uint32_t(byte()) | uint32_t(byte()) << 8; }
-};
+using fuzzinput::Input;
 
 constexpr int kDepths[] = {1, 8, 24, 4, 16, 32};
 constexpr uint32_t kKinds[] = {MEMTYPE_CONVENTIONAL, 4u /* tiles */, MEMTYPE_NO_CONVENTIONAL /* file */,

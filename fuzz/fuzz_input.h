@@ -1,0 +1,23 @@
+// fuzz_input.h - reading parameters from a fuzz input: bytes run out as 0.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+#define FUZZ_CHECK(c)           \
+    do {                        \
+        if (!(c)) std::abort(); \
+    } while (0)
+
+namespace fuzzinput {
+
+struct Input {
+    const uint8_t* p;
+    size_t n, i = 0;
+    bool more() const { return i < n; }
+    uint8_t byte() { return i < n ? p[i++] : 0; }
+    uint32_t u16() { return uint32_t(byte()) | uint32_t(byte()) << 8; }
+};
+
+}  // namespace fuzzinput
