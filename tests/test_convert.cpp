@@ -335,7 +335,7 @@ TEST(ConvertKernels, SimdMatchesPlainAndGeneric) {
     for (const K& k : keys) {
         auto plain = krn::conv::pickDirect({k.sb, k.so, k.db, k.dO}, krn::conv::kSimdNone);
         ASSERT_NE(plain, nullptr);
-      for (int level : {krn::conv::kSimdSsse3, krn::conv::kSimdAvx2}) {
+      for (int level : {krn::conv::kSimdSsse3, krn::conv::kSimdAvx2, krn::conv::kSimdAvx512}) {
         auto simd = krn::conv::pickDirect({k.sb, k.so, k.db, k.dO}, level);
         ASSERT_NE(simd, nullptr);
         // Short runs with every tail length (the widening kernels take 32

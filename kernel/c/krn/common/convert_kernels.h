@@ -133,7 +133,7 @@ inline void write12(uint8_t* p, size_t i, uint32_t v) noexcept {
 struct DirectKey {
     int srcBits, srcOrder, dstBits, dstOrder;  // orders 0 RGB, 1 BGR, 2 grey, 7 5-6-5
 };
-constexpr int kSimdNone = 0, kSimdSsse3 = 1, kSimdAvx2 = 2;
+constexpr int kSimdNone = 0, kSimdSsse3 = 1, kSimdAvx2 = 2, kSimdAvx512 = 3;  // AVX-512 with VBMI
 // The kernel for the pair using instruction sets up to maxLevel that the
 // processor has.
 RowFn pickDirect(const DirectKey& k, int maxLevel) noexcept;

@@ -1,7 +1,7 @@
 // convert_simd.cpp - direct row kernels for the common colour pairs.
 //
 // Each pair has a plain kernel (the reference the tests compare against)
-// and, where it pays, an SSSE3 or AVX2 kernel picked at run time. All walk
+// and, where it pays, an SSSE3, AVX2 or AVX-512 kernel picked at run time. All walk
 // in the direction that is safe in place: narrower destinations from the
 // start, wider ones from the end.
 #include <immintrin.h>
@@ -553,6 +553,84 @@ OMBRIX_AVX2_PW void avx2_16to24_back(uint8_t* buf, size_t w) {
     }
 }
 
+// 16 -> 24 with byte permutes across the whole register (AVX-512 VBMI):
+// 64 pixels (128 bytes in, 192 out) per step, each field widened once.
+// The three fields are packed into three byte planes; each output vector
+// takes the low field and green with one two-table permute and the high
+// field with one masked permute. Pixels past the last whole step go first,
+// as one step with masked loads and stores.
+#define OMBRIX_AVX512_PW __attribute__((target("avx512f,avx512bw,avx512vbmi,prfchw")))
+struct Planes16to24 {
+    uint8_t lg[3][64];  // low field 0..63, green 64..127
+    uint8_t h[3][64];
+    uint64_t hMask[3];  // output bytes taken from the high-field plane
+};
+constexpr Planes16to24 makePlanes16to24(bool lowFirst) {
+    Planes16to24 t{};
+    for (int v = 0; v < 3; ++v)
+        for (int j = 0; j < 64; ++j) {
+            // pixel p sits in the planes (words packed lane by lane, the
+            // first 32 pixels before the second in every lane) at:
+            const int o = 64 * v + j, p = o / 3, c = o % 3, q = p % 32;
+            const int pos = (q / 8) * 16 + (p / 32) * 8 + q % 8;
+            const bool high = c == (lowFirst ? 2 : 0);
+            t.lg[v][j] = uint8_t(c == 1 ? 64 + pos : pos);
+            t.h[v][j] = uint8_t(pos);
+            if (high) t.hMask[v] |= uint64_t(1) << j;
+        }
+    return t;
+}
+template <bool LowFirst>
+inline constexpr Planes16to24 kPlanes16to24 = makePlanes16to24(LowFirst);
+
+inline uint64_t lowBits(size_t n) { return n >= 64 ? ~uint64_t(0) : (uint64_t(1) << n) - 1; }
+
+template <int SO, int DO>
+OMBRIX_AVX512_PW void avx512_16to24(uint8_t* buf, size_t w) {
+    touchForWrite(buf, 3 * w);
+    const Planes16to24& t = kPlanes16to24<(SO == ORDER_RGB) == (DO == ORDER_RGB)>;
+    const __m512i lg0 = _mm512_loadu_si512(t.lg[0]), lg1 = _mm512_loadu_si512(t.lg[1]), lg2 = _mm512_loadu_si512(t.lg[2]);
+    const __m512i h0 = _mm512_loadu_si512(t.h[0]), h1 = _mm512_loadu_si512(t.h[1]), h2 = _mm512_loadu_si512(t.h[2]);
+    const __m512i k5 = _mm512_set1_epi16(264);
+    const __m512i gMask = _mm512_set1_epi16(SO == ORDER_RGB565 ? 0x07E0 : 0x03E0);
+    const __m512i gMul = _mm512_set1_epi16(SO == ORDER_RGB565 ? 8320 : 16896);
+    const __m512i hMask = _mm512_set1_epi16(int16_t(SO == ORDER_RGB565 ? 0xF800 : 0x7C00));
+    const __m512i hMul = _mm512_set1_epi16(SO == ORDER_RGB565 ? 264 : 528);
+    // 64 source words in a, b to three output vectors.
+    auto step = [&](__m512i a, __m512i b, __m512i& o0, __m512i& o1, __m512i& o2) OMBRIX_AVX512_PW {
+        const __m512i lo = _mm512_packus_epi16(_mm512_mulhi_epu16(_mm512_slli_epi16(a, 11), k5),
+                                               _mm512_mulhi_epu16(_mm512_slli_epi16(b, 11), k5));
+        const __m512i g = _mm512_packus_epi16(_mm512_mulhi_epu16(_mm512_and_si512(a, gMask), gMul),
+                                              _mm512_mulhi_epu16(_mm512_and_si512(b, gMask), gMul));
+        const __m512i hi = _mm512_packus_epi16(_mm512_mulhi_epu16(_mm512_and_si512(a, hMask), hMul),
+                                               _mm512_mulhi_epu16(_mm512_and_si512(b, hMask), hMul));
+        o0 = _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(lo, lg0, g), t.hMask[0], h0, hi);
+        o1 = _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(lo, lg1, g), t.hMask[1], h1, hi);
+        o2 = _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(lo, lg2, g), t.hMask[2], h2, hi);
+    };
+    const size_t steps = w / 64, rest = w % 64;
+    __m512i o0, o1, o2;
+    if (rest) {
+        const uint8_t* s = buf + 128 * steps;
+        const __m512i a = _mm512_maskz_loadu_epi8(lowBits(2 * rest), s);
+        const __m512i b = _mm512_maskz_loadu_epi8(rest > 32 ? lowBits(2 * rest - 64) : 0, s + 64);
+        step(a, b, o0, o1, o2);
+        uint8_t* d = buf + 192 * steps;
+        const size_t n = 3 * rest;
+        if (n > 128) _mm512_mask_storeu_epi8(d + 128, lowBits(n - 128), o2);
+        if (n > 64) _mm512_mask_storeu_epi8(d + 64, lowBits(n - 64), o1);
+        _mm512_mask_storeu_epi8(d, lowBits(n), o0);
+    }
+    for (size_t k = steps; k-- > 0;) {
+        const uint8_t* s = buf + 128 * k;
+        step(_mm512_loadu_si512(s), _mm512_loadu_si512(s + 64), o0, o1, o2);
+        uint8_t* d = buf + 192 * k;
+        _mm512_storeu_si512(d + 128, o2);
+        _mm512_storeu_si512(d + 64, o1);
+        _mm512_storeu_si512(d, o0);
+    }
+}
+
 template <bool Swap>
 void avx2_24to32(uint8_t* buf, size_t w) {
     avx2_24to32_back<Swap>(buf, w);
@@ -562,12 +640,18 @@ void avx2_16to24(uint8_t* buf, size_t w) {
     avx2_16to24_back<SO, DO>(buf, w);
 }
 
+template <int SO, int DO>
+RowFn pick16to24(bool x, bool y, bool z) {
+    return z ? avx512_16to24<SO, DO> : y ? avx2_16to24<SO, DO> : x ? ssse3_16to24<SO, DO> : plain16to24<SO, DO>;
+}
+
 }  // namespace
 
 RowFn pickDirect(const DirectKey& k, int maxLevel) noexcept {
     const bool swap = k.srcOrder != k.dstOrder;
     const bool x = maxLevel >= kSimdSsse3 && __builtin_cpu_supports("ssse3");
     const bool y = maxLevel >= kSimdAvx2 && __builtin_cpu_supports("avx2");
+    const bool z = maxLevel >= kSimdAvx512 && __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vbmi");
     const bool srcRgb = k.srcOrder == ORDER_RGB;
     if (k.srcBits == 24 && k.dstBits == 24 && k.srcOrder <= 1 && k.dstOrder <= 1)
         return swap ? (x ? ssse3Swap24 : plain24to24<true>) : plain24to24<false>;
@@ -592,12 +676,9 @@ RowFn pickDirect(const DirectKey& k, int maxLevel) noexcept {
     if (k.srcBits == 16 && k.dstBits == 24 && k.dstOrder <= 1) {
         const bool rgb = k.dstOrder == ORDER_RGB;
         switch (k.srcOrder) {
-            case ORDER_RGB:
-                return rgb ? (y ? avx2_16to24<0, 0> : x ? ssse3_16to24<0, 0> : plain16to24<0, 0>) : (y ? avx2_16to24<0, 1> : x ? ssse3_16to24<0, 1> : plain16to24<0, 1>);
-            case ORDER_BGR:
-                return rgb ? (y ? avx2_16to24<1, 0> : x ? ssse3_16to24<1, 0> : plain16to24<1, 0>) : (y ? avx2_16to24<1, 1> : x ? ssse3_16to24<1, 1> : plain16to24<1, 1>);
-            case ORDER_RGB565:
-                return rgb ? (y ? avx2_16to24<7, 0> : x ? ssse3_16to24<7, 0> : plain16to24<7, 0>) : (y ? avx2_16to24<7, 1> : x ? ssse3_16to24<7, 1> : plain16to24<7, 1>);
+            case ORDER_RGB: return rgb ? pick16to24<0, 0>(x, y, z) : pick16to24<0, 1>(x, y, z);
+            case ORDER_BGR: return rgb ? pick16to24<1, 0>(x, y, z) : pick16to24<1, 1>(x, y, z);
+            case ORDER_RGB565: return rgb ? pick16to24<7, 0>(x, y, z) : pick16to24<7, 1>(x, y, z);
             default: return nullptr;
         }
     }
