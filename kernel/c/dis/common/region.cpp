@@ -43,13 +43,13 @@ __int128 ceilDiv128(__int128 a, __int128 b) noexcept {  // b > 0
 }
 
 // ------------------------------------------------------------------ merge
-// The edge merge, for every mode (XOR and the internal users; union,
-// intersection and difference have faster run-by-run loops below). T is a truth table: bit (inA * 2 + inB) tells
-// whether a pixel with that membership is in the result. Both inputs are
+// The edge merge, for XOR and the internal users (union, intersection and
+// difference have faster run-by-run loops below). T is a truth table: bit
+// (inA * 2 + inB) tells whether a pixel with that membership is in the result. Both inputs are
 // sorted, non-overlapping, non-touching runs; so is the output (touching
 // output runs are joined because the state is evaluated after every edge at
 // one x has been taken).
-constexpr unsigned kAnd = 0b1000, kOr = 0b1110, kXor = 0b0110, kDiff = 0b0100;
+constexpr unsigned kAnd = 0b1000, kXor = 0b0110, kDiff = 0b0100;
 
 template <unsigned T>
 inline __attribute__((always_inline)) uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b,

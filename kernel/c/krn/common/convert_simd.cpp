@@ -631,6 +631,144 @@ OMBRIX_AVX512_PW void avx512_16to24(uint8_t* buf, size_t w) {
     }
 }
 
+// ------------------------------------------------------------ AVX-512 narrowing
+// Narrower destinations from the start, 64 pixels per step: the step's
+// In whole source vectors are loaded, byte permutes across two vectors
+// gather what each output needs, and Out whole vectors are stored. A step
+// loads everything before it stores, and its stores end before the next
+// step's loads begin, so in place is safe. The pixels past the last whole
+// step go as one step with masked loads and stores (nothing outside the run
+// is read or written).
+//
+// Each step also prefetches its source lines one page ahead. The hardware
+// prefetchers stop at page boundaries; this keeps the stream going, and near
+// the end of the run it brings in the start of the next row when rows are
+// contiguous. A prefetch never faults, so reaching past the run is safe.
+// On a 4000x3000 image that misses the caches it took 32->24 from 1.77 to
+// 1.40 ms and 24->16 from 1.35 to 1.09 ms.
+constexpr uintptr_t kAhead = 4096;
+OMBRIX_AVX512_PW inline void prefetchAhead(const uint8_t* s, int lines) {
+    const uintptr_t a = reinterpret_cast<uintptr_t>(s) + kAhead;
+    for (int v = 0; v < lines; ++v) _mm_prefetch(reinterpret_cast<const char*>(a + 64 * uintptr_t(v)), _MM_HINT_T0);
+}
+inline uint64_t maskFrom(size_t bytes, size_t off) { return bytes > off ? lowBits(bytes - off) : 0; }
+
+template <int In, int Out, int Bin, int Bout, class Step>
+OMBRIX_AVX512_PW inline void narrow512(uint8_t* buf, size_t w, Step step) {
+    __m512i x[In], y[Out];
+    size_t i = 0;
+    for (; i + 64 <= w; i += 64) {
+        const uint8_t* s = buf + Bin * i;
+        prefetchAhead(s, In);
+        for (int v = 0; v < In; ++v) x[v] = _mm512_loadu_si512(s + 64 * v);
+        step(x, y);
+        uint8_t* d = buf + Bout * i;
+        for (int v = 0; v < Out; ++v) _mm512_storeu_si512(d + 64 * v, y[v]);
+    }
+    if (i < w) {
+        const size_t n = w - i, inBytes = Bin * n, outBytes = Bout * n;
+        const uint8_t* s = buf + Bin * i;
+        for (int v = 0; v < In; ++v) x[v] = _mm512_maskz_loadu_epi8(maskFrom(inBytes, 64 * v), s + 64 * v);
+        step(x, y);
+        uint8_t* d = buf + Bout * i;
+        for (int v = 0; v < Out; ++v)
+            if (outBytes > size_t(64 * v)) _mm512_mask_storeu_epi8(d + 64 * v, maskFrom(outBytes, 64 * v), y[v]);
+    }
+}
+
+// Byte-gather tables. For a narrowing to 16-bit words, half h of a step
+// (pixels 32h..32h+31) is gathered from source vectors pair(h), pair(h)+1:
+// with 3-byte pixels vectors 0,1 and 1,2, with 4-byte pixels 0,1 and 2,3.
+constexpr int pairOf(int bin, int h) { return h * (bin == 3 ? 1 : 2); }
+struct Gather2 {
+    uint8_t t[2][64];
+};
+// Word j of half h = (source byte `lo` of pixel, source byte `hi` of
+// pixel); a negative offset leaves that byte to a zeroing mask.
+constexpr Gather2 makeWordGather(int bin, int lo, int hi) {
+    Gather2 g{};
+    for (int h = 0; h < 2; ++h)
+        for (int j = 0; j < 32; ++j) {
+            const int base = bin * (32 * h + j) - 64 * pairOf(bin, h);
+            g.t[h][2 * j] = uint8_t(lo < 0 ? 0 : base + lo);
+            g.t[h][2 * j + 1] = uint8_t(hi < 0 ? 0 : base + hi);
+        }
+    return g;
+}
+constexpr uint64_t kEvenBytes = 0x5555555555555555ull, kOddBytes = 0xAAAAAAAAAAAAAAAAull;
+
+// 24 -> 16: per word, (low-field byte, green byte) and (0, high-field byte).
+template <int SO, int DO>
+OMBRIX_AVX512_PW void avx512_24to16(uint8_t* buf, size_t w) {
+    constexpr bool lowIsRed = DO == ORDER_RGB, srcRedFirst = SO == ORDER_RGB;
+    constexpr int lo = lowIsRed == srcRedFirst ? 0 : 2, hi = 2 - lo;
+    static constexpr Gather2 ga = makeWordGather(3, lo, 1), gh = makeWordGather(3, -1, hi);
+    const __m512i a0 = _mm512_loadu_si512(ga.t[0]), a1 = _mm512_loadu_si512(ga.t[1]);
+    const __m512i h0 = _mm512_loadu_si512(gh.t[0]), h1 = _mm512_loadu_si512(gh.t[1]);
+    const __m512i mLow = _mm512_set1_epi16(0x00F8);
+    const __m512i mG = _mm512_set1_epi16(int16_t(DO == ORDER_RGB565 ? 0xFC00 : 0xF800));
+    const __m512i mHigh = _mm512_set1_epi16(int16_t(0xF800));
+    auto words = [&](__m512i p, __m512i q, __m512i ia, __m512i ih) OMBRIX_AVX512_PW {
+        const __m512i a = _mm512_permutex2var_epi8(p, ia, q);
+        const __m512i h = _mm512_and_si512(_mm512_maskz_permutex2var_epi8(kOddBytes, p, ih, q), mHigh);
+        const __m512i l = _mm512_srli_epi16(_mm512_and_si512(a, mLow), 3);
+        const __m512i g = _mm512_srli_epi16(_mm512_and_si512(a, mG), DO == ORDER_RGB565 ? 5 : 6);
+        return _mm512_ternarylogic_epi32(l, g, DO == ORDER_RGB565 ? h : _mm512_srli_epi16(h, 1), 0xFE);
+    };
+    narrow512<3, 2, 3, 2>(buf, w, [&](const __m512i* x, __m512i* y) OMBRIX_AVX512_PW {
+        y[0] = words(x[0], x[1], a0, h0);
+        y[1] = words(x[1], x[2], a1, h1);
+    });
+}
+
+// 24/32 -> 8-bit grey: (B, G) and (R, 0) words, two multiply-adds, and
+// the low bytes of the 64 words picked into one vector.
+template <int SO, int Bpp>
+OMBRIX_AVX512_PW void avx512_toGrey(uint8_t* buf, size_t w) {
+    constexpr int R = SO == ORDER_RGB ? 0 : 2, B = 2 - R;
+    static constexpr Gather2 gp = makeWordGather(Bpp, B, 1), gq = makeWordGather(Bpp, R, -1);
+    const __m512i p0 = _mm512_loadu_si512(gp.t[0]), p1 = _mm512_loadu_si512(gp.t[1]);
+    const __m512i q0 = _mm512_loadu_si512(gq.t[0]), q1 = _mm512_loadu_si512(gq.t[1]);
+    const __m512i wBG = _mm512_set1_epi16(0x0501), wR = _mm512_set1_epi16(0x0002), four = _mm512_set1_epi16(4);
+    const __m512i lowBytes = _mm512_set_epi8(126, 124, 122, 120, 118, 116, 114, 112, 110, 108, 106, 104, 102, 100, 98, 96,
+                                             94, 92, 90, 88, 86, 84, 82, 80, 78, 76, 74, 72, 70, 68, 66, 64, 62, 60, 58,
+                                             56, 54, 52, 50, 48, 46, 44, 42, 40, 38, 36, 34, 32, 30, 28, 26, 24, 22, 20,
+                                             18, 16, 14, 12, 10, 8, 6, 4, 2, 0);
+    auto grey = [&](__m512i p, __m512i q, __m512i ip, __m512i iq) OMBRIX_AVX512_PW {
+        const __m512i bg = _mm512_maddubs_epi16(_mm512_permutex2var_epi8(p, ip, q), wBG);
+        const __m512i r = _mm512_maddubs_epi16(_mm512_maskz_permutex2var_epi8(kEvenBytes, p, iq, q), wR);
+        return _mm512_srli_epi16(_mm512_add_epi16(_mm512_add_epi16(bg, r), four), 3);
+    };
+    constexpr int second = pairOf(Bpp, 1);
+    narrow512<Bpp, 1, Bpp, 1>(buf, w, [&](const __m512i* x, __m512i* y) OMBRIX_AVX512_PW {
+        y[0] = _mm512_permutex2var_epi8(grey(x[0], x[1], p0, q0), lowBytes, grey(x[second], x[second + 1], p1, q1));
+    });
+}
+
+// 32 -> 24: output vector v gathered from source vectors v, v + 1.
+struct Gather3 {
+    uint8_t t[3][64];
+};
+constexpr Gather3 make32to24(bool swap) {
+    Gather3 g{};
+    for (int v = 0; v < 3; ++v)
+        for (int j = 0; j < 64; ++j) {
+            const int o = 64 * v + j, p = o / 3, c = o % 3;
+            g.t[v][j] = uint8_t(4 * p + (swap ? 2 - c : c) - 64 * v);
+        }
+    return g;
+}
+template <bool Swap>
+OMBRIX_AVX512_PW void avx512_32to24(uint8_t* buf, size_t w) {
+    static constexpr Gather3 g = make32to24(Swap);
+    const __m512i t0 = _mm512_loadu_si512(g.t[0]), t1 = _mm512_loadu_si512(g.t[1]), t2 = _mm512_loadu_si512(g.t[2]);
+    narrow512<4, 3, 4, 3>(buf, w, [&](const __m512i* x, __m512i* y) OMBRIX_AVX512_PW {
+        y[0] = _mm512_permutex2var_epi8(x[0], t0, x[1]);
+        y[1] = _mm512_permutex2var_epi8(x[1], t1, x[2]);
+        y[2] = _mm512_permutex2var_epi8(x[2], t2, x[3]);
+    });
+}
+
 template <bool Swap>
 void avx2_24to32(uint8_t* buf, size_t w) {
     avx2_24to32_back<Swap>(buf, w);
@@ -640,6 +778,14 @@ void avx2_16to24(uint8_t* buf, size_t w) {
     avx2_16to24_back<SO, DO>(buf, w);
 }
 
+template <int SO, int DO>
+RowFn pick24to16(bool x, bool y, bool z) {
+    return z ? avx512_24to16<SO, DO> : y ? avx2_24to16<SO, DO> : x ? ssse3_24to16<SO, DO> : plain24to16<SO, DO>;
+}
+template <int SO, int Bpp>
+RowFn pickGrey(bool x, bool z) {
+    return z ? avx512_toGrey<SO, Bpp> : x ? ssse3_toGrey<SO, Bpp> : plainToGrey<SO, Bpp>;
+}
 template <int SO, int DO>
 RowFn pick16to24(bool x, bool y, bool z) {
     return z ? avx512_16to24<SO, DO> : y ? avx2_16to24<SO, DO> : x ? ssse3_16to24<SO, DO> : plain16to24<SO, DO>;
@@ -659,17 +805,15 @@ RowFn pickDirect(const DirectKey& k, int maxLevel) noexcept {
         return swap ? (y ? avx2_24to32<true> : x ? ssse3_24to32<true> : plain24to32<true>)
                     : (y ? avx2_24to32<false> : x ? ssse3_24to32<false> : plain24to32<false>);
     if (k.srcBits == 32 && k.dstBits == 24 && k.srcOrder <= 1 && k.dstOrder <= 1)
-        return swap ? (x ? ssse3_32to24<true> : plain32to24<true>) : (x ? ssse3_32to24<false> : plain32to24<false>);
+        return swap ? (z ? avx512_32to24<true> : x ? ssse3_32to24<true> : plain32to24<true>)
+                    : (z ? avx512_32to24<false> : x ? ssse3_32to24<false> : plain32to24<false>);
     if (k.srcBits == 48 && k.dstBits == 24 && k.srcOrder <= 1 && k.dstOrder <= 1)
         return swap ? (x ? ssse3_48to24<true> : plain48to24<true>) : (x ? ssse3_48to24<false> : plain48to24<false>);
     if (k.srcBits == 24 && k.dstBits == 16 && k.srcOrder <= 1) {
         switch (k.dstOrder) {
-            case ORDER_RGB:
-                return srcRgb ? (y ? avx2_24to16<0, 0> : x ? ssse3_24to16<0, 0> : plain24to16<0, 0>) : (y ? avx2_24to16<1, 0> : x ? ssse3_24to16<1, 0> : plain24to16<1, 0>);
-            case ORDER_BGR:
-                return srcRgb ? (y ? avx2_24to16<0, 1> : x ? ssse3_24to16<0, 1> : plain24to16<0, 1>) : (y ? avx2_24to16<1, 1> : x ? ssse3_24to16<1, 1> : plain24to16<1, 1>);
-            case ORDER_RGB565:
-                return srcRgb ? (y ? avx2_24to16<0, 7> : x ? ssse3_24to16<0, 7> : plain24to16<0, 7>) : (y ? avx2_24to16<1, 7> : x ? ssse3_24to16<1, 7> : plain24to16<1, 7>);
+            case ORDER_RGB: return srcRgb ? pick24to16<0, 0>(x, y, z) : pick24to16<1, 0>(x, y, z);
+            case ORDER_BGR: return srcRgb ? pick24to16<0, 1>(x, y, z) : pick24to16<1, 1>(x, y, z);
+            case ORDER_RGB565: return srcRgb ? pick24to16<0, 7>(x, y, z) : pick24to16<1, 7>(x, y, z);
             default: return nullptr;
         }
     }
@@ -683,9 +827,8 @@ RowFn pickDirect(const DirectKey& k, int maxLevel) noexcept {
         }
     }
     if (k.dstBits == 0 && k.srcOrder <= 1 && (k.srcBits == 24 || k.srcBits == 32)) {
-        if (k.srcBits == 24)
-            return srcRgb ? (x ? ssse3_toGrey<0, 3> : plainToGrey<0, 3>) : (x ? ssse3_toGrey<1, 3> : plainToGrey<1, 3>);
-        return srcRgb ? (x ? ssse3_toGrey<0, 4> : plainToGrey<0, 4>) : (x ? ssse3_toGrey<1, 4> : plainToGrey<1, 4>);
+        if (k.srcBits == 24) return srcRgb ? pickGrey<0, 3>(x, z) : pickGrey<1, 3>(x, z);
+        return srcRgb ? pickGrey<0, 4>(x, z) : pickGrey<1, 4>(x, z);
     }
     return nullptr;
 }
