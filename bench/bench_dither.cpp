@@ -8,14 +8,21 @@
 // grey image (its own input format; compare BM_Dither_Floyd_Grey8_1bit), the
 // same after pixConvertRGBToGray from 32 bits (compare _Floyd_1bit), and
 // pixFixedOctcubeQuant256 with dithering on the 32-bit image (compare
-// _Floyd_Fixed256). Pillow: run bench/pillow_dither.py by hand
-// (python3 bench/pillow_dither.py), which reports the same figures for
-// Image.quantize / convert with Floyd-Steinberg.
+// _Floyd_Fixed256). Pillow: BM_Dither_Pillow_* run bench/pillow_dither.py
+// once with the system interpreter (when it has python3-pil) and report its
+// best-of-three times: quantize to the fixed 256 colours (compare
+// _Floyd_Fixed256), quantize to black and white in colour (compare
+// _Floyd_1bit: the same per-channel job), convert('1') through grey
+// (compare _Floyd_Grey8_1bit plus the 24-to-grey conversion) and the web
+// palette (compare _Floyd_Web).
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <map>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "bench_common.h"
@@ -120,6 +127,40 @@ BENCHMARK(BM_Dither_Floyd_Grey8_1bit)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_Web)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_CallerPalette)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Method_Fixed256)->DenseRange(0, 8)->Unit(benchmark::kMillisecond);
+
+// ---------------------------------------------------------------- Pillow
+#ifdef OMBRIX_PILLOW_SCRIPT
+// The script's "key seconds" lines, from one run per process.
+const std::map<std::string, double>& pillowTimes() {
+    static const std::map<std::string, double> times = [] {
+        std::map<std::string, double> m;
+        const std::string cmd = std::string("/usr/bin/python3 '") + OMBRIX_PILLOW_SCRIPT + "' --machine 2>/dev/null";
+        if (FILE* f = popen(cmd.c_str(), "r")) {
+            char key[64];
+            double t;
+            while (std::fscanf(f, "%63s %lf", key, &t) == 2) m[key] = t;
+            pclose(f);
+        }
+        return m;
+    }();
+    return times;
+}
+void pillowCase(benchmark::State& state, const char* key) {
+    const auto& m = pillowTimes();
+    const auto it = m.find(key);
+    if (it == m.end()) {
+        state.SkipWithError("/usr/bin/python3 with python3-pil is not installed");
+        return;
+    }
+    for (auto _ : state) state.SetIterationTime(it->second);
+    state.SetItemsProcessed(int64_t(state.iterations()) * kW * kH);
+    state.SetBytesProcessed(int64_t(state.iterations()) * kW * kH * 3);
+}
+BENCHMARK_CAPTURE(pillowCase, Pillow_Fixed256, "fixed256")->Name("BM_Dither_Pillow_Fixed256")->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(pillowCase, Pillow_1bitColour, "bw_colour")->Name("BM_Dither_Pillow_1bit_Colour")->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(pillowCase, Pillow_1bitGrey, "bw_grey")->Name("BM_Dither_Pillow_1bit_ThroughGrey")->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(pillowCase, Pillow_Web, "web")->Name("BM_Dither_Pillow_Web")->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
+#endif
 
 #ifdef OMBRIX_HAVE_LEPTONICA
 PIX* leptonicaImage(int depth) {

@@ -2,14 +2,19 @@
 """Pillow's Floyd-Steinberg dithering on a 4000x3000 24-bit picture, for
 comparison with bench_dither.cpp (BM_Dither_Floyd_Fixed256, _1bit, _Web).
 
-Run by hand with the system interpreter (python3-pil):
-    /usr/bin/python3 bench/pillow_dither.py [--repeat N]
+The benchmark binary runs this script itself (BM_Dither_Pillow_*, with
+--machine) when the system interpreter has python3-pil; by hand:
+    /usr/bin/python3 bench/pillow_dither.py [--repeat N] [--machine]
 
 The picture has the same structure as the C++ benchmark's (gradients, a
 disc, stripes, mild noise). Reports the best of N runs in Mpixel/s for:
   - quantize to the fixed 256-colour palette (3-3-2 levels) with Floyd-Steinberg
-  - convert to 1 bit ("1", Floyd-Steinberg through grey)
+  - quantize to black and white with Floyd-Steinberg in colour (the same job
+    as the kernel's 24-bit to 1-bit run: error diffused per channel)
+  - convert to 1 bit ("1": to grey first, then Floyd-Steinberg on one channel,
+    the job of the kernel's grey run)
   - convert to the web palette with Floyd-Steinberg
+--machine prints one "key seconds" line per case instead.
 """
 import argparse
 import random
@@ -61,24 +66,39 @@ def best(fn, repeat):
     return t
 
 
+def black_white_palette_image():
+    p = Image.new("P", (1, 1))
+    p.putpalette([0, 0, 0, 255, 255, 255])
+    return p
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--repeat", type=int, default=3)
+    ap.add_argument("--machine", action="store_true")
     a = ap.parse_args()
     im = picture()
     pal = fixed256_palette_image()
+    bw = black_white_palette_image()
     fs = Image.Dither.FLOYDSTEINBERG
     cases = [
-        ("Floyd-Steinberg to the fixed 256-colour palette (quantize)", lambda: im.quantize(palette=pal, dither=fs)),
-        ("Floyd-Steinberg to 1 bit (convert '1')", lambda: im.convert("1", dither=fs)),
-        ("Floyd-Steinberg to the web palette (convert 'P')",
+        ("fixed256", "Floyd-Steinberg to the fixed 256-colour palette (quantize)",
+         lambda: im.quantize(palette=pal, dither=fs)),
+        ("bw_colour", "Floyd-Steinberg to black and white in colour (quantize)",
+         lambda: im.quantize(palette=bw, dither=fs)),
+        ("bw_grey", "Floyd-Steinberg to 1 bit through grey (convert '1')", lambda: im.convert("1", dither=fs)),
+        ("web", "Floyd-Steinberg to the web palette (convert 'P')",
          lambda: im.convert("P", palette=Image.Palette.WEB, dither=fs)),
     ]
     import PIL
-    print(f"Pillow {PIL.__version__}, {W}x{H} RGB, best of {a.repeat}")
-    for name, fn in cases:
+    if not a.machine:
+        print(f"Pillow {PIL.__version__}, {W}x{H} RGB, best of {a.repeat}")
+    for key, name, fn in cases:
         t = best(fn, a.repeat)
-        print(f"  {name:60s} {t * 1e3:8.1f} ms  {W * H / t / 1e6:7.1f} Mpixel/s")
+        if a.machine:
+            print(f"{key} {t:.6f}", flush=True)
+        else:
+            print(f"  {name:60s} {t * 1e3:8.1f} ms  {W * H / t / 1e6:7.1f} Mpixel/s")
 
 
 if __name__ == "__main__":
