@@ -12,6 +12,7 @@
 #include "ombrix.h"
 #include "krn/common/memory.h"
 #include "krn/common/settings.h"
+#include "storage_kinds.h"
 
 namespace {
 
@@ -551,6 +552,51 @@ TEST(PaletteRecord, UsedColoursOfDeepBitmaps) {
     EXPECT_EQ(K_GetBitmapPaletteEntries(&empty.bm, nullptr, 0, &n), KS_INVALID_BITMAP);
     EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, nullptr), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 4, &n), KS_INVALID_PARAMETER);
+}
+
+// The used colours come through the row layer: every storage kind answers
+// what a plain scan of the same pixels finds.
+TEST(PaletteRecord, UsedColoursOnEveryStorageKind) {
+    using namespace storagetest;
+    constexpr int32_t W = 37, H = 23;
+    for (int bpp : {1, 8, 24}) {
+        RefImage ref(W, H, bpp);
+        std::mt19937 rng{uint32_t(bpp)};
+        std::vector<RGBQUAD> pal(bpp <= 8 ? size_t(1) << bpp : 0);
+        for (auto& e : pal) e = rgb(int(rng() % 5) * 60, int(rng() % 5) * 60, int(rng() % 5) * 60);
+        std::set<uint32_t> want;
+        for (int32_t y = 0; y < H; ++y)
+            for (int32_t x = 0; x < W; ++x) {
+                if (bpp <= 8) {
+                    const uint32_t v = rng() % (1u << bpp);
+                    setPixel(ref.row(y), x, bpp, v);
+                    want.insert(uint32_t(pal[v].rgbRed) << 16 | uint32_t(pal[v].rgbGreen) << 8 | pal[v].rgbBlue);
+                } else {
+                    const uint32_t r = rng() % 4 * 70, g = rng() % 4 * 70, bl = rng() % 4 * 70;
+                    uint8_t* p = ref.row(y) + 3 * x;
+                    p[0] = uint8_t(bl), p[1] = uint8_t(g), p[2] = uint8_t(r);
+                    want.insert(r << 16 | g << 8 | bl);
+                }
+            }
+        for (Kind k : kindsFor(bpp)) {
+            SCOPED_TRACE(std::string(kindName(k)) + ", " + std::to_string(bpp) + " bits");
+            KindBitmap kb(k, W, H, bpp);
+            ASSERT_EQ(kb.rc, KS_SUCCESS);
+            if (bpp <= 8) {
+                ASSERT_EQ(K_SetBitmapPalette(&kb.bm, pal.data(), int32_t(pal.size())), KS_SUCCESS);
+            }
+            for (int32_t y = 0; y < H; ++y) ASSERT_GT(K_PutBitmapRow(&kb.bm, ref.row(y), y, ref.bpl), 0);
+            int32_t n = -1;
+            std::vector<RGBQUAD> got(want.size() + 1);
+            ASSERT_EQ(K_GetBitmapPaletteEntries(&kb.bm, got.data(), int32_t(got.size()), &n), KS_SUCCESS);
+            ASSERT_EQ(size_t(n), want.size());
+            size_t i = 0;
+            for (uint32_t c : want) {
+                EXPECT_TRUE(same(got[i], rgb(int(c >> 16), int(c >> 8 & 255), int(c & 255)))) << i;
+                ++i;
+            }
+        }
+    }
 }
 
 // Every allocation of the record helpers failing in turn: the status is -1,

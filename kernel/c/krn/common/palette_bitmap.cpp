@@ -21,6 +21,7 @@
 #include "kernel.h"
 #include "memory.h"
 #include "palette.h"
+#include "storage.h"
 #include "../windowsemul/globalmem.h"
 
 namespace krn {
@@ -291,20 +292,16 @@ KAPI int32_t K_GetBitmapPaletteEntries(BITMAPRECORD* pBitmap, RGBQUAD* pEntries,
         ColorSet set;
         if (!set.make()) return KS_NO_MEMORY;
         bool used[256] = {};
-        rc = K_AccessBitmap(pBitmap);
-        if (rc != KS_SUCCESS) return rc;
-        const uint8_t* base = pBitmap->pData;
-        if (!base) {
-            K_ReleaseBitmap(pBitmap);
-            return KS_NOT_SUPPORTED;  // storage without a direct pointer (tiles, disk)
-        }
+        // Rows through the row layer, so every storage kind (and a get-row
+        // callback) answers the same.
+        kvector<uint8_t> row(pBitmap->nBytesPerLine);
         const RGBQUAD* pal = bitmapColors(pBitmap);
         const int32_t count = pal ? bitmapColorCount(pBitmap) : 0;
-        bool ok = true;
-        for (int32_t y = 0; y < pBitmap->nHeight && ok; ++y)
-            ok = addRow(pBitmap, base + size_t(y) * pBitmap->nBytesPerLine, used, set);
-        K_ReleaseBitmap(pBitmap);
-        if (!ok) return KS_UNSUPPORTED_CONVERSION;
+        for (int32_t y = 0; y < pBitmap->nHeight; ++y) {
+            rc = readFullRow(pBitmap, y, row.data());
+            if (rc != KS_SUCCESS) return rc;
+            if (!addRow(pBitmap, row.data(), used, set)) return KS_UNSUPPORTED_CONVERSION;
+        }
         if (bpp <= 8) {
             // Pixel values past the palette's entries read as black (the
             // block is padded with black).

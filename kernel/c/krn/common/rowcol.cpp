@@ -73,6 +73,11 @@ private:
     HGLOBAL handle_ = nullptr;
 };
 
+PFN_BITMAPGETROW getRowCallback(const BITMAPRECORD* bm) noexcept {
+    if (!isCurrentLayout(bm) || !bm->pCallbacks) return nullptr;
+    return bm->pCallbacks->pfnGetRow;
+}
+
 bool isMemoryKind(uint32_t f) noexcept {
     return !(f & (BRF_COMPRESSED | BRF_TILED | BRF_SUPERCOMPRESSED | BRF_DISK));
 }
@@ -115,6 +120,15 @@ bool locateTileRow(const BITMAPRECORD* bm, int32_t row, uint32_t offset, const T
 }
 
 }  // namespace
+
+int32_t readFullRow(BITMAPRECORD* bm, int32_t row, uint8_t* dst) noexcept {
+    if (PFN_BITMAPGETROW cb = getRowCallback(bm)) {
+        int32_t answer = guarded([&] { return cb(bm, dst, row, bm->nBytesPerLine, bm->pCallbacks->pUserData); });
+        if (answer < 0) return answer;
+        if (answer != 0) return KS_SUCCESS;
+    }
+    return readRow(bm, row, 0, dst, bm->nBytesPerLine);
+}
 
 int32_t readRow(BITMAPRECORD* bm, int32_t row, uint32_t offset, uint8_t* dst, uint32_t n) noexcept {
     if (n == 0) return KS_SUCCESS;
@@ -214,11 +228,6 @@ inline uint32_t columnByte(int32_t col, int32_t bpp) noexcept {
     return uint32_t((uint64_t(uint32_t(col)) * uint32_t(bpp)) >> 3);
 }
 
-PFN_BITMAPGETROW getRowCallback(const BITMAPRECORD* bm) noexcept {
-    if (!isCurrentLayout(bm) || !bm->pCallbacks) return nullptr;
-    return bm->pCallbacks->pfnGetRow;
-}
-
 // Frame shared by the row exports: -13 null, -789 size, -2 not allocated,
 // -13 row or column out of range.
 int32_t rowFrame(const BITMAPRECORD* bm, const void* buf, int32_t row, int32_t col) noexcept {
@@ -231,15 +240,6 @@ int32_t rowFrame(const BITMAPRECORD* bm, const void* buf, int32_t row, int32_t c
 
 int32_t clampCount(uint32_t bytes) noexcept { return int32_t(std::min<uint32_t>(bytes, 0x7FFFFFFFu)); }
 
-// Reads a whole row (nBytesPerLine bytes), asking the get-row callback first.
-int32_t readFullRow(BITMAPRECORD* bm, int32_t row, uint8_t* dst) noexcept {
-    if (PFN_BITMAPGETROW cb = getRowCallback(bm)) {
-        int32_t answer = guarded([&] { return cb(bm, dst, row, bm->nBytesPerLine, bm->pCallbacks->pUserData); });
-        if (answer < 0) return answer;
-        if (answer != 0) return KS_SUCCESS;
-    }
-    return readRow(bm, row, 0, dst, bm->nBytesPerLine);
-}
 
 int32_t getRowCol(BITMAPRECORD* bm, uint8_t* buf, int32_t row, int32_t col, uint32_t bytes) noexcept {
     int32_t rc = rowFrame(bm, buf, row, col);

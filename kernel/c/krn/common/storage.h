@@ -129,6 +129,9 @@ uint32_t storageKind(const BITMAPRECORD* bm) noexcept;
 // Return KS_SUCCESS or a negative status.
 int32_t readRow(BITMAPRECORD* bm, int32_t row, uint32_t offset, uint8_t* dst, uint32_t n) noexcept;
 int32_t writeRow(BITMAPRECORD* bm, int32_t row, uint32_t offset, const uint8_t* src, uint32_t n) noexcept;
+// A whole stored row (nBytesPerLine bytes) as the row API sees it: the
+// record's get-row callback first, then the storage.
+int32_t readFullRow(BITMAPRECORD* bm, int32_t row, uint8_t* dst) noexcept;
 // Copies every row of `src` into `dst` (same geometry, any storage kinds).
 int32_t copyAllRows(BITMAPRECORD* dst, BITMAPRECORD* src) noexcept;
 
