@@ -560,11 +560,11 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
     if (!transparent && kind == Kind::Colour && !(srcBits >= 1 && srcBits <= 8) && !(dstBits <= 8)) {
         const int so = srcOrder == ORDER_ROMM ? ORDER_BGR : srcOrder;
         const int dO = dstOrder == ORDER_ROMM ? ORDER_BGR : dstOrder;
-        direct = pickDirect(DirectKey{srcBits, so, dstBits, dO}, kSimdAvx512);
+        direct = pickDirect(DirectKey{srcBits, so, dstBits, dO}, simdCeiling());
     } else if (!transparent && kind == Kind::Colour && dstBits == 0 && !(flags & kConvertDstRange) &&
                (srcBits == 24 || srcBits == 32)) {
         const int so = srcOrder == ORDER_ROMM ? ORDER_BGR : srcOrder;
-        direct = pickDirect(DirectKey{srcBits, so, 0, ORDER_GRAY}, kSimdAvx512);
+        direct = pickDirect(DirectKey{srcBits, so, 0, ORDER_GRAY}, simdCeiling());
     }
     IndexFn toIndex8 = (df == D_IDX8) ? pickIndex8(sf) : nullptr;
     ExpandFn expand = transparent ? nullptr : pickExpand(srcBits, df);

@@ -137,5 +137,9 @@ constexpr int kSimdNone = 0, kSimdSsse3 = 1, kSimdAvx2 = 2, kSimdAvx512 = 3;  //
 // The kernel for the pair using instruction sets up to maxLevel that the
 // processor has.
 RowFn pickDirect(const DirectKey& k, int maxLevel) noexcept;
+// The highest level the converter uses: kSimdAvx512, or the ceiling set by
+// the environment variable OMBRIX_SIMD ("none", "ssse3", "avx2") when the
+// process started, to compare or rule out the wider kernels.
+int simdCeiling() noexcept;
 
 }  // namespace krn::conv
