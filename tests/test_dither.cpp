@@ -728,6 +728,41 @@ TEST(DitherSource, InPlaceRowsGiveTheSameResult) {
     EXPECT_EQ(got, expect);
 }
 
+// A grey-ramp 8-bit source is read as it is (no copy): in place still
+// matches a separate destination, for packed and byte outputs.
+TEST(DitherSource, InPlaceGreyRampRows) {
+    const int w = 93, h = 7;
+    std::vector<RGBQUAD> ramp(256);
+    for (int v = 0; v < 256; ++v) ramp[size_t(v)] = RGBQUAD{uint8_t(v), uint8_t(v), uint8_t(v), 0};
+    std::mt19937 rng(17);
+    std::vector<std::vector<uint8_t>> rows(h, std::vector<uint8_t>(w));
+    for (auto& r : rows)
+        for (auto& v : r) v = uint8_t(rng());
+    for (int method : {1, 2, 7})
+        for (uint32_t colors : {2u, 16u}) {
+            SCOPED_TRACE(std::to_string(method) + ", " + std::to_string(colors) + " colours");
+            const int bits = colors == 2 ? 1 : 4;
+            const size_t outBytes = (size_t(w) * size_t(bits) + 7) / 8;
+            // Black and white (the packed kernel), or 16 greys (4-bit indices).
+            std::vector<RGBQUAD> target(colors);
+            for (uint32_t k = 0; k < colors; ++k) {
+                const auto v = uint8_t(k * 255 / (colors - 1));
+                target[k] = RGBQUAD{v, v, v, 0};
+            }
+            Rec a(w, 8, ORDER_RGB, method, &ramp), b(w, 8, ORDER_RGB, method, &ramp);
+            ASSERT_EQ(K_StartDithering(&a.bm, target.data(), colors), KS_SUCCESS);
+            ASSERT_EQ(K_StartDithering(&b.bm, target.data(), colors), KS_SUCCESS);
+            ASSERT_TRUE(krn::ditherRunIsGrey(&a.bm));
+            for (const auto& r : rows) {
+                std::vector<uint8_t> src = r, dst(outBytes), inPlace = r;
+                ASSERT_EQ(K_DitherLine(&a.bm, src.data(), dst.data()), KS_SUCCESS);
+                ASSERT_EQ(src, r);  // the source row is not touched
+                ASSERT_EQ(K_DitherLine(&b.bm, inPlace.data(), inPlace.data()), KS_SUCCESS);
+                ASSERT_TRUE(std::equal(dst.begin(), dst.end(), inPlace.begin()));
+            }
+        }
+}
+
 // ------------------------------------------------------------ grey runs
 
 std::vector<RGBQUAD> greyRamp(int n) {

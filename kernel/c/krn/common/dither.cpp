@@ -269,6 +269,7 @@ struct DitherState {
     // the work). Rows are then one 8-bit grey byte per pixel.
     bool grey;
     bool greyByLut;             // 8-bit palette source: grey from greyOfIndex
+    bool greyIsIndex;           // ... and that table is the identity (a grey ramp): rows are read as they are
     uint8_t greyOfIndex[256];   // source palette index -> grey
     uint8_t greyIndex[256];     // grey -> target index
     uint8_t greyValue[256];     // grey -> the target entry's grey
@@ -872,6 +873,8 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
             s.greyValue[v] = uint8_t(s.colour[i][0]);
         }
         s.greyByLut = bits == 8;
+        s.greyIsIndex = s.greyByLut;
+        for (int i = 0; i < 256 && s.greyIsIndex; ++i) s.greyIsIndex = s.greyOfIndex[i] == i;
         s.unpack = true;
         s.kernel = (method >= 7 && s.twoColour) ? &greyOrderedTwoRow : kGreyKernels[size_t(method)];
         s.kernelWritesWholeRow = method == 1;
@@ -956,16 +959,20 @@ KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t
     // Bring the row to 8-bit samples first: a failure leaves the run as it was.
     const uint8_t* src = pSrcRow;
     if (s->grey) {
-        if (s->greyByLut) {
+        if (s->greyIsIndex) {
+            // The indices are the greys: the kernels read the row as it is
+            // (each reads pixel x before it writes index x, so in place holds).
+        } else if (s->greyByLut) {
             for (int x = 0; x < s->width; ++x) s->bgrRow[x] = s->greyOfIndex[pSrcRow[x]];
+            src = s->bgrRow;
         } else {
             std::memcpy(s->bgrRow, pSrcRow, s->srcRowBytes);
             int32_t r = convertBuffer(s->bgrRow, s->width, s->srcBits, 0, s->srcOrder, ORDER_GRAY, s->srcPalette,
                                       nullptr, nullptr, kConvertSrcRange | kConvertDstGray, s->lowBit, s->highBit,
                                       0, nullptr);
             if (r != KS_SUCCESS) return r;
+            src = s->bgrRow;
         }
-        src = s->bgrRow;
     } else if (s->unpack) {
         std::memcpy(s->bgrRow, pSrcRow, s->srcRowBytes);
         int32_t r = convertRowToBGR24(s->bgrRow, s->width, s->srcBits, s->srcOrder, s->srcPalette,
