@@ -1,9 +1,9 @@
 // convert_simd.cpp - direct row kernels for the common colour pairs.
 //
 // Each pair has a plain kernel (the reference the tests compare against)
-// and, where it pays, an SSSE3, AVX2 or AVX-512 kernel picked at run time. All walk
-// in the direction that is safe in place: narrower destinations from the
-// start, wider ones from the end.
+// and, where it pays, an SSSE3, AVX2 or AVX-512 kernel picked at run time.
+// All walk in the direction that is safe in place: narrower destinations
+// from the start, wider ones from the end.
 #include <immintrin.h>
 
 #include <cstdlib>
