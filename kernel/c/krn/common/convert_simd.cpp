@@ -16,6 +16,52 @@
 namespace krn::conv {
 namespace {
 
+// ------------------------------------------------------------ one pixel
+// The per-pixel rules, shared by the plain kernels and the SIMD kernels'
+// leftover pixels.
+
+// Three samples at byte offsets Off, Off + Step, Off + 2 Step of a pixel
+// (Step 1, Off 0: 24/32-bit; Step 2, Off 1: the high bytes of 48-bit),
+// optionally swapped, written as one 24-bit pixel. Reads before it writes.
+template <bool Swap, int Step, int Off>
+inline void pick3(const uint8_t* s, uint8_t* d) {
+    const uint8_t a = s[Off], b = s[Step + Off], c = s[2 * Step + Off];
+    d[0] = Swap ? c : a;
+    d[1] = b;
+    d[2] = Swap ? a : c;
+}
+// 24 -> 16: SO source order (0/1), DO destination order (0, 1 or 7).
+template <int SO, int DO>
+inline uint32_t pixel24to16(const uint8_t* s) {
+    constexpr int R = SO == ORDER_RGB ? 0 : 2, B = 2 - R;
+    const uint32_t r = s[R], g = s[1], b = s[B];
+    if constexpr (DO == ORDER_RGB)
+        return (r >> 3) | ((g >> 3) << 5) | ((b >> 3) << 10);
+    else if constexpr (DO == ORDER_BGR)
+        return (b >> 3) | ((g >> 3) << 5) | ((r >> 3) << 10);
+    else
+        return (b >> 3) | ((g >> 2) << 5) | ((r >> 3) << 11);
+}
+inline uint32_t e5(uint32_t x) { return (x << 3) | (x >> 2); }
+inline uint32_t e6(uint32_t y) { return (y << 2) | (y >> 4); }
+// 16 -> 24: SO source order (0, 1 or 7), DO destination order (0/1).
+template <int SO, int DO>
+inline void pixel16to24(const uint8_t* s, uint8_t* d) {
+    constexpr int R = DO == ORDER_RGB ? 0 : 2, B = 2 - R;
+    const uint32_t v = ld16(s);
+    uint32_t r, g, b;
+    if constexpr (SO == ORDER_RGB) {
+        r = e5(v & 31), g = e5((v >> 5) & 31), b = e5((v >> 10) & 31);
+    } else if constexpr (SO == ORDER_BGR) {
+        b = e5(v & 31), g = e5((v >> 5) & 31), r = e5((v >> 10) & 31);
+    } else {
+        b = e5(v & 31), g = e6((v >> 5) & 63), r = e5(v >> 11);
+    }
+    d[R] = uint8_t(r);
+    d[1] = uint8_t(g);
+    d[B] = uint8_t(b);
+}
+
 // ------------------------------------------------------------ plain kernels
 template <bool Swap>
 void plain24to24(uint8_t* p, size_t w) {
@@ -25,72 +71,25 @@ void plain24to24(uint8_t* p, size_t w) {
 template <bool Swap>
 void plain24to32(uint8_t* buf, size_t w) {
     for (size_t i = w; i-- > 0;) {
-        const uint8_t* s = buf + 3 * i;
-        uint8_t a = s[0], b = s[1], c = s[2];
-        uint8_t* d = buf + 4 * i;
-        d[0] = Swap ? c : a;
-        d[1] = b;
-        d[2] = Swap ? a : c;
-        d[3] = 255;
+        pick3<Swap, 1, 0>(buf + 3 * i, buf + 4 * i);
+        buf[4 * i + 3] = 255;
     }
 }
 template <bool Swap>
 void plain32to24(uint8_t* buf, size_t w) {
-    for (size_t i = 0; i < w; ++i) {
-        const uint8_t* s = buf + 4 * i;
-        uint8_t a = s[0], b = s[1], c = s[2];
-        uint8_t* d = buf + 3 * i;
-        d[0] = Swap ? c : a;
-        d[1] = b;
-        d[2] = Swap ? a : c;
-    }
+    for (size_t i = 0; i < w; ++i) pick3<Swap, 1, 0>(buf + 4 * i, buf + 3 * i);
 }
-// 24 -> 16: SO source order (0/1), DO destination order (0, 1 or 7).
 template <int SO, int DO>
 void plain24to16(uint8_t* buf, size_t w) {
-    constexpr int R = SO == ORDER_RGB ? 0 : 2, B = 2 - R;
-    for (size_t i = 0; i < w; ++i) {
-        const uint8_t* s = buf + 3 * i;
-        uint32_t r = s[R], g = s[1], b = s[B], v;
-        if constexpr (DO == ORDER_RGB)
-            v = (r >> 3) | ((g >> 3) << 5) | ((b >> 3) << 10);
-        else if constexpr (DO == ORDER_BGR)
-            v = (b >> 3) | ((g >> 3) << 5) | ((r >> 3) << 10);
-        else
-            v = (b >> 3) | ((g >> 2) << 5) | ((r >> 3) << 11);
-        st16(buf + 2 * i, v);
-    }
+    for (size_t i = 0; i < w; ++i) st16(buf + 2 * i, pixel24to16<SO, DO>(buf + 3 * i));
 }
-inline uint32_t e5(uint32_t x) { return (x << 3) | (x >> 2); }
-inline uint32_t e6(uint32_t y) { return (y << 2) | (y >> 4); }
 template <int SO, int DO>
 void plain16to24(uint8_t* buf, size_t w) {
-    constexpr int R = DO == ORDER_RGB ? 0 : 2, B = 2 - R;
-    for (size_t i = w; i-- > 0;) {
-        uint32_t v = ld16(buf + 2 * i), r, g, b;
-        if constexpr (SO == ORDER_RGB) {
-            r = e5(v & 31), g = e5((v >> 5) & 31), b = e5((v >> 10) & 31);
-        } else if constexpr (SO == ORDER_BGR) {
-            b = e5(v & 31), g = e5((v >> 5) & 31), r = e5((v >> 10) & 31);
-        } else {
-            b = e5(v & 31), g = e6((v >> 5) & 63), r = e5(v >> 11);
-        }
-        uint8_t* d = buf + 3 * i;
-        d[R] = uint8_t(r);
-        d[1] = uint8_t(g);
-        d[B] = uint8_t(b);
-    }
+    for (size_t i = w; i-- > 0;) pixel16to24<SO, DO>(buf + 2 * i, buf + 3 * i);
 }
 template <bool Swap>
 void plain48to24(uint8_t* buf, size_t w) {
-    for (size_t i = 0; i < w; ++i) {
-        const uint8_t* s = buf + 6 * i;
-        uint8_t a = s[1], b = s[3], c = s[5];
-        uint8_t* d = buf + 3 * i;
-        d[0] = Swap ? c : a;
-        d[1] = b;
-        d[2] = Swap ? a : c;
-    }
+    for (size_t i = 0; i < w; ++i) pick3<Swap, 2, 1>(buf + 6 * i, buf + 3 * i);
 }
 template <int SO, int Bpp>
 void plainToGrey(uint8_t* buf, size_t w) {
@@ -155,10 +154,8 @@ OMBRIX_SSSE3 void ssse3_24to32(uint8_t* buf, size_t w) {
     const size_t blocks = w / 16;
     // The pixels past the last whole block first (from the end).
     for (size_t i = w; i-- > blocks * 16;) {
-        const uint8_t* s = buf + 3 * i;
-        uint8_t a = s[0], b = s[1], c = s[2];
-        uint8_t* d = buf + 4 * i;
-        d[0] = Swap ? c : a, d[1] = b, d[2] = Swap ? a : c, d[3] = 255;
+        pick3<Swap, 1, 0>(buf + 3 * i, buf + 4 * i);
+        buf[4 * i + 3] = 255;
     }
     const __m128i m = Swap ? _mm_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1)
                            : _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
@@ -203,12 +200,7 @@ OMBRIX_SSSE3 void ssse3_32to24(uint8_t* buf, size_t w) {
         __m128i p3 = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 48)), m);
         store3of4(buf + 3 * i, p0, p1, p2, p3);
     }
-    for (; i < w; ++i) {
-        const uint8_t* s = buf + 4 * i;
-        uint8_t a = s[0], b = s[1], c = s[2];
-        uint8_t* d = buf + 3 * i;
-        d[0] = Swap ? c : a, d[1] = b, d[2] = Swap ? a : c;
-    }
+    for (; i < w; ++i) pick3<Swap, 1, 0>(buf + 4 * i, buf + 3 * i);
 }
 
 // 24 -> 16, from the start. Each 16-byte load holds 4 pixels (12 bytes);
@@ -246,40 +238,15 @@ OMBRIX_SSSE3 void ssse3_24to16(uint8_t* buf, size_t w) {
         _mm_storeu_si128(reinterpret_cast<__m128i*>(buf + 2 * i), _mm_unpacklo_epi64(a, b));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(buf + 2 * i + 16), _mm_unpacklo_epi64(c, d));
     }
-    constexpr int R = SO == ORDER_RGB ? 0 : 2, B = 2 - R;
-    for (; i < w; ++i) {
-        const uint8_t* s = buf + 3 * i;
-        uint32_t r = s[R], g = s[1], b = s[B], v;
-        if constexpr (DO == ORDER_RGB)
-            v = (r >> 3) | ((g >> 3) << 5) | ((b >> 3) << 10);
-        else if constexpr (DO == ORDER_BGR)
-            v = (b >> 3) | ((g >> 3) << 5) | ((r >> 3) << 10);
-        else
-            v = (b >> 3) | ((g >> 2) << 5) | ((r >> 3) << 11);
-        st16(buf + 2 * i, v);
-    }
+    for (; i < w; ++i) st16(buf + 2 * i, pixel24to16<SO, DO>(buf + 3 * i));
 }
 
 // 16 -> 24, from the end: 16 pixels (32 bytes in, 48 out) per step.
 template <int SO, int DO>
 OMBRIX_SSSE3 void ssse3_16to24(uint8_t* buf, size_t w) {
     const size_t blocks = w / 16;
-    {
-        // Pixels past the last whole block, from the end.
-        constexpr int R = DO == ORDER_RGB ? 0 : 2, B = 2 - R;
-        for (size_t i = w; i-- > blocks * 16;) {
-            uint32_t v = ld16(buf + 2 * i), r, g, b;
-            if constexpr (SO == ORDER_RGB) {
-                r = e5(v & 31), g = e5((v >> 5) & 31), b = e5((v >> 10) & 31);
-            } else if constexpr (SO == ORDER_BGR) {
-                b = e5(v & 31), g = e5((v >> 5) & 31), r = e5((v >> 10) & 31);
-            } else {
-                b = e5(v & 31), g = e6((v >> 5) & 63), r = e5(v >> 11);
-            }
-            uint8_t* d = buf + 3 * i;
-            d[R] = uint8_t(r), d[1] = uint8_t(g), d[B] = uint8_t(b);
-        }
-    }
+    // Pixels past the last whole block, from the end.
+    for (size_t i = w; i-- > blocks * 16;) pixel16to24<SO, DO>(buf + 2 * i, buf + 3 * i);
     // A lane ends up as [low field, green, high field, 0]; the final shuffle
     // writes it in the destination order. The low field is red for a
     // red-first 5-5-5 source, blue otherwise.
@@ -346,12 +313,7 @@ OMBRIX_SSSE3 void ssse3_48to24(uint8_t* buf, size_t w) {
         _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16), b);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 32), c);
     }
-    for (; i < w; ++i) {
-        const uint8_t* s = buf + 6 * i;
-        uint8_t a = s[1], b = s[3], c = s[5];
-        uint8_t* d = buf + 3 * i;
-        d[0] = Swap ? c : a, d[1] = b, d[2] = Swap ? a : c;
-    }
+    for (; i < w; ++i) pick3<Swap, 2, 1>(buf + 6 * i, buf + 3 * i);
 }
 
 // 24/32 -> 8-bit grey, from the start: (2R + 5G + B + 4) >> 3 with
@@ -431,18 +393,7 @@ OMBRIX_AVX2 void avx2_24to16(uint8_t* buf, size_t w) {
         __m256i v = _mm256_permute4x64_epi64(_mm256_unpacklo_epi64(a, b), 0xD8);
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(buf + 2 * i), v);
     }
-    constexpr int R = SO == ORDER_RGB ? 0 : 2, B = 2 - R;
-    for (; i < w; ++i) {
-        const uint8_t* s = buf + 3 * i;
-        uint32_t r = s[R], g = s[1], b = s[B], v;
-        if constexpr (DO == ORDER_RGB)
-            v = (r >> 3) | ((g >> 3) << 5) | ((b >> 3) << 10);
-        else if constexpr (DO == ORDER_BGR)
-            v = (b >> 3) | ((g >> 3) << 5) | ((r >> 3) << 10);
-        else
-            v = (b >> 3) | ((g >> 2) << 5) | ((r >> 3) << 11);
-        st16(buf + 2 * i, v);
-    }
+    for (; i < w; ++i) st16(buf + 2 * i, pixel24to16<SO, DO>(buf + 3 * i));
 }
 
 // 16 -> 24 widening: each field is widened with one high-half multiply
@@ -471,10 +422,8 @@ OMBRIX_AVX2_PW void avx2_24to32_back(uint8_t* buf, size_t w) {
     touchForWrite(buf, 4 * w);
     const size_t steps = w / 32;
     for (size_t i = w; i-- > steps * 32;) {
-        const uint8_t* s = buf + 3 * i;
-        uint8_t a = s[0], b = s[1], c = s[2];
-        uint8_t* d = buf + 4 * i;
-        d[0] = Swap ? c : a, d[1] = b, d[2] = Swap ? a : c, d[3] = 255;
+        pick3<Swap, 1, 0>(buf + 3 * i, buf + 4 * i);
+        buf[4 * i + 3] = 255;
     }
     const __m256i m = Swap ? _mm256_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1,
                                               2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1)
@@ -529,21 +478,7 @@ template <int SO, int DO>
 OMBRIX_AVX2_PW void avx2_16to24_back(uint8_t* buf, size_t w) {
     touchForWrite(buf, 3 * w);
     const size_t steps = w / 32;
-    {
-        constexpr int R = DO == ORDER_RGB ? 0 : 2, B = 2 - R;
-        for (size_t i = w; i-- > steps * 32;) {
-            uint32_t v = ld16(buf + 2 * i), r, g, b;
-            if constexpr (SO == ORDER_RGB) {
-                r = e5(v & 31), g = e5((v >> 5) & 31), b = e5((v >> 10) & 31);
-            } else if constexpr (SO == ORDER_BGR) {
-                b = e5(v & 31), g = e5((v >> 5) & 31), r = e5((v >> 10) & 31);
-            } else {
-                b = e5(v & 31), g = e6((v >> 5) & 63), r = e5(v >> 11);
-            }
-            uint8_t* d = buf + 3 * i;
-            d[R] = uint8_t(r), d[1] = uint8_t(g), d[B] = uint8_t(b);
-        }
-    }
+    for (size_t i = w; i-- > steps * 32;) pixel16to24<SO, DO>(buf + 2 * i, buf + 3 * i);
     constexpr bool lowFirst = (SO == ORDER_RGB) == (DO == ORDER_RGB);
     const Pack16to24& t = kPack16to24<lowFirst>;
 #define OMBRIX_LD(q) _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q))
