@@ -1580,6 +1580,51 @@ OMBRIX_API double K_LengthD_Between(const POINTD* pA, const POINTD* pB);
 OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double dy);
 /* @@runtime@@ */
 
+/* ======================================================================
+ * Section: transforms: flip, reverse, quarter turns and view perspective
+ * ====================================================================== */
+/* (declarations of this section follow) */
+
+/* ======================================================================
+ * Section: transforms: rotation by any angle and shear
+ * ====================================================================== */
+/* (declarations of this section follow) */
+
+/* ======================================================================
+ * Section: transforms: copy, trim and fill
+ * ====================================================================== */
+/* (declarations of this section follow) */
+
+/* ======================================================================
+ * Section: transforms: combine
+ * ====================================================================== */
+/* (declarations of this section follow) */
+
+/* ======================================================================
+ * Section: transforms: resize and resample
+ * ====================================================================== */
+/* (declarations of this section follow) */
+
+/* ======================================================================
+ * Section: colour resolution, grey conversion and optimised palettes
+ * ====================================================================== */
+/* (declarations of this section follow) */
+
+/* ======================================================================
+ * Section: bitmap lists
+ * ====================================================================== */
+/* (declarations of this section follow) */
+
+/* ======================================================================
+ * Section: display support: window level and paint tables
+ * ====================================================================== */
+/* (declarations of this section follow) */
+
+/* ======================================================================
+ * Section: display support: animation playback
+ * ====================================================================== */
+/* (declarations of this section follow) */
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
