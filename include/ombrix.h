@@ -1599,6 +1599,50 @@ OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double 
  * Section: transforms: combine
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* Combine flag word: four 4-bit fields (source operator, destination operator,
+ * operation, result operator); words above 0xFFFF are invalid. */
+#define COMBINE_SRC_VALUE      0x0000u
+#define COMBINE_SRC_INVERT     0x0001u
+#define COMBINE_SRC_ZERO       0x0002u
+#define COMBINE_SRC_ONES       0x0003u
+#define COMBINE_DST_VALUE      0x0000u
+#define COMBINE_DST_INVERT     0x0010u
+#define COMBINE_DST_ZERO       0x0020u
+#define COMBINE_DST_ONES       0x0030u
+#define CombineAnd                 0x0000u
+#define CombineOr                  0x0100u
+#define CombineXor                 0x0200u
+#define CombineAdd                 0x0300u
+#define CombineSubtractSource      0x0400u  /* D - S, negatives become 0 */
+#define CombineSubtractDestination 0x0500u  /* S - D, negatives become 0 */
+#define CombineMultiply            0x0600u  /* D * S / M */
+#define CombineDivideSource        0x0700u  /* S = 0: M, else min(M, D * M / S) */
+#define CombineDivideDestination   0x0800u  /* D = 0: M, else min(M, S * M / D) */
+#define CombineAverage             0x0900u  /* (D + S) >> 1 */
+#define CombineMinimum             0x0A00u
+#define CombineMaximum             0x0B00u
+#define CombineNoOperation         0x0C00u  /* the destination operand */
+#define CombineAlphaOver           0x0D00u  /* over-blending of 4-sample pixels, destination alpha kept */
+#define COMBINE_RES_VALUE      0x0000u
+#define COMBINE_RES_INVERT     0x1000u
+#define COMBINE_RES_ZERO       0x2000u
+#define COMBINE_RES_ONES       0x3000u
+/* Combines the nWidth x nHeight rectangle of pSrcBitmap at (nXSrc, nYSrc) into
+ * pDstBitmap at (nXDst, nYDst), in place. Coordinates are in the top-left view
+ * of both bitmaps and are mapped into each one's stored orientation; the
+ * rectangle is clipped to both bitmaps. Only pixels inside the destination's
+ * region change. Both bitmaps must have the same bits per pixel when the
+ * operation reads the source (pSrcBitmap may be null when it does not).
+ * Progress goes to the status callback, whose first answer other than 1 stops
+ * the work and is returned. See docs/combine.md for the operations at each
+ * depth. Returns 1; -13 null or unallocated destination, invalid flag word,
+ * null or unallocated source when it is read, negative width or height; -789
+ * a size word; -27 depths that differ; -1 memory; -16 two view perspectives
+ * that need a converted copy of the source (not yet available); a row-layer
+ * or callback status. */
+OMBRIX_API int32_t K_CombineBitmapKrn(BITMAPRECORD* pDstBitmap, int32_t nXDst, int32_t nYDst, int32_t nWidth,
+                                      int32_t nHeight, BITMAPRECORD* pSrcBitmap, int32_t nXSrc, int32_t nYSrc,
+                                      uint32_t uFlags);
 
 /* ======================================================================
  * Section: transforms: resize and resample
