@@ -74,6 +74,7 @@ void OpenCV(benchmark::State& st, int32_t bpp, int op) {
     Pair& p = pairOf(bpp);
     const int type = bpp == 8 ? CV_8UC1 : bpp == 24 ? CV_8UC3 : CV_8UC4;
     cv::Mat a(kH, kW, type, p.s.data(), p.bpl), b(kH, kW, type, p.d.data(), p.bpl);
+    cv::setNumThreads(1);  // the one-thread comparison
     for (auto _ : st) {
         switch (op) {
             case 0: cv::add(b, a, b); break;
@@ -146,30 +147,30 @@ void registerAll() {
     const Op ops32[] = {{"add", CombineAdd, 0}, {"min", CombineMinimum, 1}, {"max", CombineMaximum, 2},
                         {"multiply", CombineMultiply, 3}, {"alpha_over", CombineAlphaOver, -1}};
     for (const Op& o : ops32) {
-        benchmark::RegisterBenchmark((std::string("Combine/32/") + o.name + "/memcpy").c_str(), Memcpy, 32)->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark((std::string("Combine/32/") + o.name + "/ombrix").c_str(), Ombrix, 32, o.flags, 4u)->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark((std::string("Combine/32/") + o.name + "/ombrix_plain").c_str(), Ombrix, 32, o.flags, 5u)->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark((std::string("Combine/32/") + o.name + "/memcpy").c_str(), Memcpy, 32)->Unit(benchmark::kMillisecond)->UseRealTime();
+        benchmark::RegisterBenchmark((std::string("Combine/32/") + o.name + "/ombrix").c_str(), Ombrix, 32, o.flags, 4u)->Unit(benchmark::kMillisecond)->UseRealTime();
+        benchmark::RegisterBenchmark((std::string("Combine/32/") + o.name + "/ombrix_plain").c_str(), Ombrix, 32, o.flags, 5u)->Unit(benchmark::kMillisecond)->UseRealTime();
 #ifdef OMBRIX_HAVE_OPENCV
         if (o.cv >= 0)
-            benchmark::RegisterBenchmark((std::string("Combine/32/") + o.name + "/opencv").c_str(), OpenCV, 32, o.cv)->Unit(benchmark::kMillisecond);
+            benchmark::RegisterBenchmark((std::string("Combine/32/") + o.name + "/opencv").c_str(), OpenCV, 32, o.cv)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
 #ifdef OMBRIX_HAVE_PIXMAN
-        if (o.cv < 0) benchmark::RegisterBenchmark("Combine/32/alpha_over/pixman_over", PixmanOver)->Unit(benchmark::kMillisecond);
+        if (o.cv < 0) benchmark::RegisterBenchmark("Combine/32/alpha_over/pixman_over", PixmanOver)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
     }
     for (int32_t bpp : {24, 8}) {
         const std::string base = "Combine/" + std::to_string(bpp) + "/add/";
-        benchmark::RegisterBenchmark((base + "memcpy").c_str(), Memcpy, bpp)->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark((base + "ombrix").c_str(), Ombrix, bpp, uint32_t(CombineAdd), 4u)->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark((base + "memcpy").c_str(), Memcpy, bpp)->Unit(benchmark::kMillisecond)->UseRealTime();
+        benchmark::RegisterBenchmark((base + "ombrix").c_str(), Ombrix, bpp, uint32_t(CombineAdd), 4u)->Unit(benchmark::kMillisecond)->UseRealTime();
 #ifdef OMBRIX_HAVE_OPENCV
-        benchmark::RegisterBenchmark((base + "opencv").c_str(), OpenCV, bpp, 0)->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark((base + "opencv").c_str(), OpenCV, bpp, 0)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
     }
     const Op ops1[] = {{"and", CombineAnd, 0}, {"or", CombineOr, 0}, {"xor", CombineXor, 0}, {"xor_not", CombineXor | 0x0001, 0}};
     for (const Op& o : ops1) {
-        benchmark::RegisterBenchmark((std::string("Combine/1/") + o.name + "/memcpy").c_str(), Memcpy, 1)->Unit(benchmark::kMicrosecond);
-        benchmark::RegisterBenchmark((std::string("Combine/1/") + o.name + "/ombrix").c_str(), Ombrix, 1, o.flags, 4u)->Unit(benchmark::kMicrosecond);
-        benchmark::RegisterBenchmark((std::string("Combine/1/") + o.name + "/ombrix_plain").c_str(), Ombrix, 1, o.flags, 5u)->Unit(benchmark::kMicrosecond);
+        benchmark::RegisterBenchmark((std::string("Combine/1/") + o.name + "/memcpy").c_str(), Memcpy, 1)->Unit(benchmark::kMicrosecond)->UseRealTime();
+        benchmark::RegisterBenchmark((std::string("Combine/1/") + o.name + "/ombrix").c_str(), Ombrix, 1, o.flags, 4u)->Unit(benchmark::kMicrosecond)->UseRealTime();
+        benchmark::RegisterBenchmark((std::string("Combine/1/") + o.name + "/ombrix_plain").c_str(), Ombrix, 1, o.flags, 5u)->Unit(benchmark::kMicrosecond)->UseRealTime();
     }
     for (const Op& o : {Op{"multiply", CombineMultiply, 0}, Op{"alpha_over", CombineAlphaOver, 0},
                         Op{"divide", CombineDivideSource, 0}})

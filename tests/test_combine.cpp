@@ -507,6 +507,7 @@ TEST(CombineKernels, SimdMatchesPlain) {
                 for (auto& v : s) v = uint8_t(rng());
                 for (auto& v : d) v = uint8_t(rng());
                 for (size_t i = 0; f.bpp == 32 && i + 3 < bytes; i += 4 * 3) s[i + 3] = 255;
+                for (size_t i = 0; f.bpp == 32 && i + 7 < bytes; i += 4 * 5) s[i + 7] = 0;
                 std::vector<uint8_t> d1 = d, d2 = d, scratch(krn::combineScratchBytes(n, f.bpp));
                 const uint32_t off = f.bpp == 1 ? n % 8 : 0;
                 const uint32_t cnt = f.bpp == 1 && n + off > 8 * (bytes - 1) ? n - off : n;
@@ -515,6 +516,32 @@ TEST(CombineKernels, SimdMatchesPlain) {
                 ASSERT_EQ(d1, d2) << describe(f, flags) << " n " << n;
             }
         }
+    }
+}
+
+// Alpha-over: the dispatched kernel against the plain one for every pair of alpha values.
+TEST(CombineKernels, AlphaOverEveryAlphaPair) {
+    std::mt19937 rng(62);
+    BITMAPRECORD rec{};
+    rec.nBitsPerPixel = 32;
+    rec.nOrder = ORDER_BGR;
+    const krn::CombineFormat cf = krn::combineFormat(&rec);
+    for (uint32_t flags : {uint32_t(CombineAlphaOver), uint32_t(CombineAlphaOver | 0x1011)}) {
+        krn::CombinePlan plan;
+        ASSERT_EQ(krn::combinePlan(flags, 32, &plan), KS_SUCCESS);
+        std::vector<uint8_t> s(4 * 65536), d(4 * 65536);
+        for (uint32_t k = 0; k < 65536; ++k) {
+            for (int c = 0; c < 3; ++c) {
+                s[4 * k + c] = uint8_t(rng());
+                d[4 * k + c] = uint8_t(rng());
+            }
+            s[4 * k + 3] = uint8_t(k & 255);
+            d[4 * k + 3] = uint8_t(k >> 8);
+        }
+        std::vector<uint8_t> d1 = d, d2 = d, scratch(krn::combineScratchBytes(65536, 32));
+        krn::pickCombineRow(plan, cf, false)(plan, cf, {s.data(), 0, d1.data(), 0, 65536, scratch.data()});
+        krn::pickCombineRow(plan, cf, true)(plan, cf, {s.data(), 0, d2.data(), 0, 65536, scratch.data()});
+        ASSERT_EQ(d1, d2) << std::hex << flags;
     }
 }
 

@@ -16,6 +16,8 @@
 // SIMD: the same templates are instantiated a second time inside functions
 // compiled for AVX2, chosen at run time; the plain instantiation is the
 // reference the tests compare against.
+#include <immintrin.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -186,14 +188,7 @@ void rowBytes(const CombinePlan& p, const CombineFormat& f, const CombineRowArgs
 }
 
 // Alpha over-blending of 8-bit samples: three colour samples, then alpha,
-// which stays as it is. Exact integer quotients: a float reciprocal gives a
-// quotient off by at most one, corrected by one multiply and compare each.
-inline uint32_t divExact(uint32_t num, uint32_t w, float rw) {
-    uint32_t q = uint32_t(float(num) * rw);
-    q -= (q * w > num) ? 1u : 0u;
-    q += ((q + 1) * w <= num) ? 1u : 0u;
-    return q;
-}
+// which stays as it is. The plain kernel divides exactly per sample.
 inline void alphaLoop8(const uint8_t* __restrict s, uint8_t* __restrict d, size_t pixels, uint8_t sx, uint8_t dx,
                        uint8_t rx) {
     for (size_t p = 0; p < pixels; ++p) {
@@ -202,18 +197,59 @@ inline void alphaLoop8(const uint8_t* __restrict s, uint8_t* __restrict d, size_
         const uint32_t sa = uint8_t(sp[3] ^ sx), da = uint8_t(dp[3] ^ dx);
         const uint32_t wd = (255 - sa) * da;
         const uint32_t w = wd + sa * 255;
-        const float rw = w ? 1.0f / float(w) : 0.0f;
         for (int c = 0; c < 3; ++c) {
             const uint32_t sv = uint8_t(sp[c] ^ sx), dv = uint8_t(dp[c] ^ dx);
-            const uint32_t num = sv * sa * 255 + dv * wd;
-            const uint32_t q = w ? divExact(num, w, rw) : 0u;
-            dp[c] = uint8_t(q ^ rx);
+            dp[c] = uint8_t((w ? (sv * sa * 255 + dv * wd) / w : 0u) ^ rx);
         }
         dp[3] = uint8_t(dp[3] ^ dx ^ rx);
     }
 }
 void rowAlpha8(const CombinePlan& p, const CombineFormat&, const CombineRowArgs& a) {
     alphaLoop8(a.src, a.dst, a.n, p.srcOp == 1 ? 0xFF : 0, p.dstOp == 1 ? 0xFF : 0, uint8_t(resultXor(p, 0xFF)));
+}
+
+// Eight pixels at a time in single-precision floats: every product and sum
+// stays below 2^24, so numerator and weight are exact; the quotient from the
+// reciprocal is off by at most one and is corrected by one compare each way.
+__attribute__((target("avx2"))) void rowAlpha8Avx2(const CombinePlan& p, const CombineFormat& f,
+                                                  const CombineRowArgs& a) {
+    const uint8_t sx8 = p.srcOp == 1 ? 0xFF : 0, dx8 = p.dstOp == 1 ? 0xFF : 0, rx8 = uint8_t(resultXor(p, 0xFF));
+    const __m256i sx = _mm256_set1_epi8(char(sx8)), dx = _mm256_set1_epi8(char(dx8)), rx = _mm256_set1_epi8(char(rx8));
+    const __m256i low = _mm256_set1_epi32(255), alphaMask = _mm256_set1_epi32(int(0xFF000000u));
+    const __m256 c255 = _mm256_set1_ps(255.0f), one = _mm256_set1_ps(1.0f), zero = _mm256_setzero_ps();
+    size_t i = 0;
+    const size_t n = a.n;
+    for (; i + 8 <= n; i += 8) {
+        const __m256i ps = _mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(a.src + 4 * i)), sx);
+        const __m256i pd = _mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(a.dst + 4 * i)), dx);
+        const __m256 sa = _mm256_cvtepi32_ps(_mm256_srli_epi32(ps, 24));
+        const __m256 da = _mm256_cvtepi32_ps(_mm256_srli_epi32(pd, 24));
+        const __m256 a1 = _mm256_mul_ps(sa, c255);
+        const __m256 wd = _mm256_mul_ps(_mm256_sub_ps(c255, sa), da);
+        const __m256 w = _mm256_add_ps(a1, wd);
+        const __m256 rw = _mm256_div_ps(one, w);
+        const __m256 empty = _mm256_cmp_ps(w, zero, _CMP_EQ_OQ);
+        __m256i out = _mm256_and_si256(pd, alphaMask);
+        for (int c = 0; c < 3; ++c) {
+            const __m256 sv = _mm256_cvtepi32_ps(_mm256_and_si256(_mm256_srli_epi32(ps, 8 * c), low));
+            const __m256 dv = _mm256_cvtepi32_ps(_mm256_and_si256(_mm256_srli_epi32(pd, 8 * c), low));
+            const __m256 num = _mm256_add_ps(_mm256_mul_ps(sv, a1), _mm256_mul_ps(dv, wd));
+            __m256 q = _mm256_floor_ps(_mm256_mul_ps(num, rw));
+            q = _mm256_sub_ps(q, _mm256_and_ps(_mm256_cmp_ps(_mm256_mul_ps(q, w), num, _CMP_GT_OQ), one));
+            q = _mm256_add_ps(q, _mm256_and_ps(_mm256_cmp_ps(_mm256_mul_ps(_mm256_add_ps(q, one), w), num, _CMP_LE_OQ), one));
+            q = _mm256_andnot_ps(empty, q);
+            const __m256i qi = _mm256_cvttps_epi32(q);
+            out = _mm256_or_si256(out, c == 0 ? qi : _mm256_slli_epi32(qi, 8 * c));
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(a.dst + 4 * i), _mm256_xor_si256(out, rx));
+    }
+    if (i < n) {
+        CombineRowArgs rest = a;
+        rest.src += 4 * i;
+        rest.dst += 4 * i;
+        rest.n = uint32_t(n - i);
+        rowAlpha8(p, f, rest);
+    }
 }
 
 // ---------------------------------------------------------------- 16-bit samples
@@ -385,9 +421,6 @@ template <int Code>
 void rowBytesAvx2(const CombinePlan& p, const CombineFormat& f, const CombineRowArgs& a) {
     rowBytes<Code>(p, f, a);
 }
-void rowAlpha8Avx2(const CombinePlan& p, const CombineFormat& f, const CombineRowArgs& a)
-    __attribute__((target("avx2,fma"), flatten));
-void rowAlpha8Avx2(const CombinePlan& p, const CombineFormat& f, const CombineRowArgs& a) { rowAlpha8(p, f, a); }
 
 template <int... T>
 constexpr CombineRowFn bitwiseTable(bool simd, int t, std::integer_sequence<int, T...>) {
