@@ -125,7 +125,9 @@ namespace {
 bool storageInMemory(const BITMAPRECORD* bm) noexcept {
     const uint32_t f = bm->uFlags;
     if (f & (BRF_COMPRESSED | BRF_TILED | BRF_SUPERCOMPRESSED | BRF_DISK)) return false;
-    if (!(f & BRF_LOCKED) || !bm->pData) return false;
+    if (!bm->pData) return false;
+    // A locked single block, or caller memory that needs no lock.
+    if (!(f & BRF_LOCKED) && !((f & BRF_USER_MEMORY) && !(f & BRF_MOVABLE_BLOCK))) return false;
     if (isCurrentLayout(bm) && bm->pCallbacks && bm->pCallbacks->pfnGetRow) return false;
     return true;
 }
