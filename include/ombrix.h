@@ -499,7 +499,6 @@ OMBRIX_API int32_t K_TranslateBitmapColor(const BITMAPRECORD* pDst, const BITMAP
  * without a direct data pointer, -1 no memory (needs a 2 MB scratch set). */
 OMBRIX_API int32_t K_GetBitmapPaletteEntries(BITMAPRECORD* pBitmap, RGBQUAD* pEntries, int32_t nMaxEntries,
                                              int32_t* pnColors);
-/* @@palettes@@ */
 
 /* ======================================================================
  * Section: bitmap memory, rows, redirected I/O and temporary files
@@ -770,7 +769,6 @@ OMBRIX_API int32_t K_Utf8ToUtf16(const char* pSrc, int32_t nSrcLen, uint16_t* pD
                                  uint32_t* pnWritten);
 OMBRIX_API int32_t K_Utf16ToUtf8(const uint16_t* pSrc, int32_t nSrcLen, char* pDst, uint32_t nCapacity,
                                  uint32_t* pnWritten);
-/* @@storage-redirect@@ */
 
 /* (keep this line between the two storage parts) */
 
@@ -924,7 +922,6 @@ OMBRIX_API int32_t K_ExpandRows(const uint8_t* pRuns, uint8_t* pDst, int32_t nWi
  * reverse order. Source and destination must not overlap. -13 null buffers. */
 OMBRIX_API int32_t K_MirrorCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, int32_t nRows);
 OMBRIX_API int32_t K_FlipCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, int32_t nRows);
-/* @@storage-memory@@ */
 
 /* ======================================================================
  * Section: pixel conversion, dithering and HSV
@@ -1005,7 +1002,6 @@ OMBRIX_API uint32_t K_HSVtoRGB(uint32_t hsv);
 /* As K_HSVtoRGB, reading the value from *pHsv; 0 for a null pointer. */
 OMBRIX_API uint32_t K_HSVtoRGB2(const uint32_t* pHsv);
 
-/* @@pixels-convert@@ */
 
 /* (keep this line between the two pixel parts) */
 
@@ -1057,7 +1053,6 @@ OMBRIX_API int32_t K_GetDefaultDithering(void);
 /* Sets the calling thread's default method (0..8) and returns the previous
  * one; -13 (and no change) for any other value. */
 OMBRIX_API int32_t K_DefaultDithering(int32_t nMethod);
-/* @@pixels-dither@@ */
 
 /* ======================================================================
  * Section: regions and rectangles
@@ -1319,7 +1314,6 @@ OMBRIX_API int32_t K_FillBitmap(BITMAPRECORD* pBitmap, uint32_t uColor);
 OMBRIX_API int32_t K_FillBitmap2(BITMAPRECORD* pBitmap, uint64_t uRawPixel);
 /* K_FillBitmap2 with 0. */
 OMBRIX_API int32_t K_ClearBitmap(BITMAPRECORD* pBitmap);
-/* @@regions@@ */
 
 /* ======================================================================
  * Section: runtime services (thread tools, geometry, sine)
@@ -1578,7 +1572,6 @@ OMBRIX_API double K_LengthD_Vector(double dx, double dy);
 OMBRIX_API double K_LengthD_Between(const POINTD* pA, const POINTD* pB);
 /* Length of the vector (dx, dy) after the matrix's linear part. */
 OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double dy);
-/* @@runtime@@ */
 
 /* ======================================================================
  * Section: transforms: flip, reverse, quarter turns and view perspective
@@ -1816,7 +1809,6 @@ public:
     /* 1 when new locks use the slim reader/writer lock, 0 for the fallback. */
     static int HasSlimLocks();
 };
-/* @@runtime-classes@@ */
 #endif
 
 #endif /* OMBRIX_H */
