@@ -948,8 +948,8 @@ OMBRIX_API int32_t K_FlipCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, in
  * ORDER_BGR565. The buffer must hold the larger of the two runs (see
  * K_CalcConvertSize). Null palettes mean the fixed palette of the depth.
  * Returns 1; -13 for a null buffer, zero width or a rejected combination
- * (before any pixel changes); -16 after converting when ORDER_BGRWIDE is
- * asked at a destination depth other than 24 or 48. */
+ * (before any pixel changes); -16, the run unchanged, when ORDER_BGRWIDE
+ * is asked at a destination depth other than 24 or 48. */
 OMBRIX_API int32_t K_ConvertBuffer(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
                                    int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
                                    const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst);
