@@ -526,7 +526,11 @@ TEST(CombineKernels, AlphaOverEveryAlphaPair) {
     rec.nBitsPerPixel = 32;
     rec.nOrder = ORDER_BGR;
     const krn::CombineFormat cf = krn::combineFormat(&rec);
-    for (uint32_t flags : {uint32_t(CombineAlphaOver), uint32_t(CombineAlphaOver | 0x1011)}) {
+    // Pattern 0: every (Sa, Da) pair; 1: runs of 8 opaque or transparent source pixels over
+    // destination alpha that is sometimes 0 (the block short cuts of the SIMD kernel).
+    for (int pattern : {0, 1})
+    for (uint32_t flags : {uint32_t(CombineAlphaOver), uint32_t(CombineAlphaOver | 0x1011),
+                           uint32_t(CombineAlphaOver | 0x0010)}) {
         krn::CombinePlan plan;
         ASSERT_EQ(krn::combinePlan(flags, 32, &plan), KS_SUCCESS);
         std::vector<uint8_t> s(4 * 65536), d(4 * 65536);
@@ -535,8 +539,14 @@ TEST(CombineKernels, AlphaOverEveryAlphaPair) {
                 s[4 * k + c] = uint8_t(rng());
                 d[4 * k + c] = uint8_t(rng());
             }
-            s[4 * k + 3] = uint8_t(k & 255);
-            d[4 * k + 3] = uint8_t(k >> 8);
+            if (pattern == 0) {
+                s[4 * k + 3] = uint8_t(k & 255);
+                d[4 * k + 3] = uint8_t(k >> 8);
+            } else {
+                const uint32_t block = k / 8;
+                s[4 * k + 3] = uint8_t(block % 3 == 0 ? 0xFF : block % 3 == 1 ? 0x00 : rng());
+                d[4 * k + 3] = uint8_t(rng() % 5 == 0 ? (block & 1) * 0xFF : rng());
+            }
         }
         std::vector<uint8_t> d1 = d, d2 = d, scratch(krn::combineScratchBytes(65536, 32));
         krn::pickCombineRow(plan, cf, false)(plan, cf, {s.data(), 0, d1.data(), 0, 65536, scratch.data()});

@@ -222,8 +222,22 @@ __attribute__((target("avx2"))) void rowAlpha8Avx2(const CombinePlan& p, const C
     for (; i + 8 <= n; i += 8) {
         const __m256i ps = _mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(a.src + 4 * i)), sx);
         const __m256i pd = _mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(a.dst + 4 * i)), dx);
-        const __m256 sa = _mm256_cvtepi32_ps(_mm256_srli_epi32(ps, 24));
-        const __m256 da = _mm256_cvtepi32_ps(_mm256_srli_epi32(pd, 24));
+        // Eight opaque source pixels give the source colours; eight transparent
+        // ones over eight pixels with some alpha give the destination.
+        const __m256i saI = _mm256_srli_epi32(ps, 24), daI = _mm256_srli_epi32(pd, 24);
+        const int opaque = _mm256_movemask_epi8(_mm256_cmpeq_epi32(saI, low));
+        if (opaque == -1) {
+            const __m256i o = _mm256_or_si256(_mm256_andnot_si256(alphaMask, ps), _mm256_and_si256(pd, alphaMask));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(a.dst + 4 * i), _mm256_xor_si256(o, rx));
+            continue;
+        }
+        const __m256i zi = _mm256_setzero_si256();
+        if (_mm256_testz_si256(saI, saI) && !_mm256_movemask_epi8(_mm256_cmpeq_epi32(daI, zi))) {
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(a.dst + 4 * i), _mm256_xor_si256(pd, rx));
+            continue;
+        }
+        const __m256 sa = _mm256_cvtepi32_ps(saI);
+        const __m256 da = _mm256_cvtepi32_ps(daI);
         const __m256 a1 = _mm256_mul_ps(sa, c255);
         const __m256 wd = _mm256_mul_ps(_mm256_sub_ps(c255, sa), da);
         const __m256 w = _mm256_add_ps(a1, wd);
