@@ -1584,6 +1584,88 @@ OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double 
  * Section: transforms: flip, reverse, quarter turns and view perspective
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* Moving pixels. Every function here works on any storage kind (single block,
+ * tiles, temporary file, run-compressed and super-compressed rows, caller
+ * memory), moves the bitmap's region with the pixels, reports progress through
+ * the calling thread's status callback and stops with the callback's answer
+ * when it is not 1. A call that fails or is stopped leaves the record, its
+ * region and its pixels exactly as they were.
+ *
+ * K_FlipBitmap turns the viewed image upside down, K_ReverseBitmap mirrors it
+ * left to right; for a bitmap in perspective 5..8 (viewed columns stored as
+ * rows) the stored rows are reversed, respectively flipped.
+ * -13 null or unallocated record, -789 bad size word, -1 out of memory, the
+ * callback's answer when it stops the work, a storage error (-4, -5, -7). */
+OMBRIX_API int32_t K_FlipBitmap(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_ReverseBitmap(BITMAPRECORD* pBitmap);
+/* Stored rows flipped top to bottom / each stored row mirrored; no size-word
+ * check; -2 for a null or unallocated record, otherwise as above. */
+OMBRIX_API int32_t K_IntFlipBitmap(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_IntReverseBitmap(BITMAPRECORD* pBitmap);
+
+/* Relabelling: only nViewPerspective changes (and, for quarter turns, the
+ * exchange of nXResolution and nYResolution), no pixel moves. The record
+ * need not be allocated. Flip: 1<->4, 2<->3, 5<->8, 6<->7. Reverse: 1<->2,
+ * 3<->4, 5<->6, 7<->8. Quarter turn: 1->6->3->8->1, 2->7->4->5->2. Values
+ * outside 1..8 are left as they are. nAngle is in whole degrees, brought into
+ * 0..359 by whole turns; 0 does nothing, 90/180/270 apply one, two or three
+ * quarter turns, any other angle gives -13.
+ * -13 null record, -789 bad size word; the K_Int forms skip the size word and
+ * give -2 for a null record. */
+OMBRIX_API int32_t K_FlipBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_ReverseBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_RotateBitmapViewPerspective(BITMAPRECORD* pBitmap, int32_t nAngle);
+OMBRIX_API int32_t K_IntFlipBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_IntReverseBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_IntRotateBitmapViewPerspective(BITMAPRECORD* pBitmap, int32_t nAngle);
+
+/* Moves the pixels so that the same viewed image is stored in perspective
+ * nViewPerspective (1..8), then sets the field. With pDstBitmap null or equal
+ * to pSrcBitmap the source changes in place; otherwise pDstBitmap (record size
+ * uStructSize) receives a full copy of the source that is then changed, and the
+ * source is left alone. The calling thread's status callback is silenced for
+ * the duration and restored. The viewed resolutions are kept.
+ * -13 null or unallocated source, a perspective outside 1..8 (requested or
+ * stored), -789 bad size word (source, or uStructSize for a distinct
+ * destination), -1 out of memory; a destination that was not made is left
+ * unallocated. */
+OMBRIX_API int32_t K_ChangeBitmapViewPerspective(BITMAPRECORD* pDstBitmap, BITMAPRECORD* pSrcBitmap,
+                                                 uint32_t uStructSize, int32_t nViewPerspective);
+/* The unchecked form (-2 for a null or unallocated source); uCarryMask is the
+ * carry mask of the copy made for a distinct destination. */
+OMBRIX_API int32_t K_IntChangeBitmapViewPerspective(BITMAPRECORD* pDstBitmap, BITMAPRECORD* pSrcBitmap,
+                                                    uint32_t uStructSize, int32_t nViewPerspective,
+                                                    uint32_t uCarryMask);
+
+/* Quarter turn of the viewed image into new storage of exchanged width and
+ * height (same storage kind; caller memory is kept when the turned image fits
+ * the caller's buffer, else the kernel takes its own block). bTurn 1 turns
+ * clockwise as seen (the turn of K_RotateBitmap for +90.00 degrees), 0
+ * anticlockwise; for the mirrored perspectives 2, 4, 5, 7 the stored pixels
+ * turn the other way. The resolutions are exchanged. Progress goes from
+ * nProgressStart to nProgressEnd percent (0 <= start <= end <= 100).
+ * -13 null or unallocated record, a bad progress range, a record being accessed
+ * (K_AccessBitmap outstanding); -789 bad size word; -11 a turned row that does
+ * not fit 32 bits; -1 out of memory; the callback's answer when it stops. */
+OMBRIX_API int32_t K_RotateBitmap90(BITMAPRECORD* pBitmap, int32_t bTurn, int32_t nProgressStart,
+                                    int32_t nProgressEnd);
+/* Quarter turn of a plain buffer of uHeight rows of uWidth pixels, rows
+ * padded to 4 bytes (stride ((uWidth * bits + 31) / 8) & ~3), into pDst of
+ * uWidth rows of uHeight pixels (its stride from uHeight). bTurn non-zero:
+ * clockwise (the source is walked from its last row), 0: anticlockwise.
+ * pDst must not overlap pSrc. -13 null buffer, a depth other than 1..8, 12,
+ * 16, 24, 32, 48, 64, or a row that does not fit 32 bits; 0 x anything: 1. */
+OMBRIX_API int32_t K_RotateBuffer90(const uint8_t* pSrc, uint8_t* pDst, int32_t bTurn, uint32_t uWidth,
+                                    uint32_t uHeight, int32_t nBitsPerPixel);
+/* Half turn of such a buffer into pDst (same stride); pDst may be pSrc (in
+ * place), other overlaps are refused (-13). Errors as K_RotateBuffer90. */
+OMBRIX_API int32_t K_RotateBuffer180(const uint8_t* pSrc, uint8_t* pDst, uint32_t uWidth, uint32_t uHeight,
+                                     int32_t nBitsPerPixel);
+/* Reverses the order of uPixels pixels of one packed row in place, for 1..8,
+ * 12, 16, 24, 32, 48 and 64 bits per pixel (bits after the last pixel in its
+ * byte are kept). -13 null buffer; any other depth leaves the row and
+ * returns 1. */
+OMBRIX_API int32_t K_MirrorLine(uint8_t* pBuffer, uint32_t uPixels, int32_t nBitsPerPixel);
 
 /* ======================================================================
  * Section: transforms: rotation by any angle and shear
