@@ -82,6 +82,50 @@ TEST(Orient, ChangePerspectiveKeepsTheViewedImage) {
     }
 }
 
+// With a distinct destination the source stays as it was and the destination
+// (either record layout) holds the changed copy; a failure leaves it unmade.
+TEST(Orient, ChangePerspectiveIntoAnotherRecord) {
+    for (uint32_t id : {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD}) {
+        for (Kind k : {Kind::SingleBlock, Kind::TilesMemory, Kind::Compressed}) {
+            Sample a(k, 9, 6, 1, 11);
+            const BITMAPRECORD before = a.kb.bm;
+            const Grid mask = regionGrid(a.bm());
+            BITMAPRECORD dst;
+            std::memset(&dst, 0x5A, sizeof dst);
+            ASSERT_EQ(K_ChangeBitmapViewPerspective(&dst, a.bm(), id, 8), KS_SUCCESS);
+            EXPECT_EQ(dst.uStructSize, id);
+            EXPECT_EQ(dst.nViewPerspective, 8);
+            EXPECT_TRUE(viewed(stored(&dst), 8) == viewed(a.pixels, 1));
+            EXPECT_TRUE(viewed(regionGrid(&dst), 8) == viewed(mask, 1));
+            EXPECT_EQ(std::memcmp(&before, a.bm(), sizeof before), 0);
+            EXPECT_TRUE(stored(a.bm()) == a.pixels);
+            K_FreeBitmap(&dst);
+        }
+    }
+    Sample a(Kind::SingleBlock, 9, 6, 8, 12);
+    BITMAPRECORD dst;
+    std::memset(&dst, 0x5A, sizeof dst);
+    const BITMAPRECORD untouched = dst;
+    EXPECT_EQ(K_ChangeBitmapViewPerspective(&dst, a.bm(), 99, 8), KS_INVALID_STRUCT_SIZE);
+    for (long n = 0; n < 60; ++n) {
+        const long live = krn::faultinject::liveBlocks();
+        krn::faultinject::arm(n, 1);
+        const int32_t rc = K_ChangeBitmapViewPerspective(&dst, a.bm(), BITMAPRECORD_SIZE, 6);
+        const bool clean = krn::faultinject::injected() == 0;
+        krn::faultinject::disarm();
+        if (rc == KS_SUCCESS) {
+            K_FreeBitmap(&dst);
+            std::memset(&dst, 0x5A, sizeof dst);
+            if (clean) break;
+            continue;
+        }
+        EXPECT_EQ(rc, KS_NO_MEMORY);
+        EXPECT_EQ(std::memcmp(&dst, &untouched, sizeof dst), 0) << n;
+        EXPECT_EQ(krn::faultinject::liveBlocks(), live) << n;
+    }
+    EXPECT_TRUE(stored(a.bm()) == a.pixels);
+}
+
 // Flip and reverse act on the viewed image: stored rows for 1..4, stored
 // columns for 5..8; the region moves with the pixels; every storage kind.
 TEST(Orient, FlipAndReverseOnEveryKind) {

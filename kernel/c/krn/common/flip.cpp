@@ -7,6 +7,7 @@
 // swapped in after the pixels, so nothing can fail after the pixels moved.
 #include <cstring>
 
+#include "copy.h"
 #include "kernel.h"
 #include "memory.h"
 #include "orient_detail.h"
@@ -255,10 +256,24 @@ KAPI int32_t K_IntChangeBitmapViewPerspective(BITMAPRECORD* pDstBitmap, BITMAPRE
     return guarded([&]() -> int32_t {
         if (!pSrcBitmap || !(pSrcBitmap->uFlags & BRF_ALLOCATED)) return KS_INVALID_BITMAP;
         if (!vpValid(nViewPerspective) || !vpValid(pSrcBitmap->nViewPerspective)) return KS_INVALID_PARAMETER;
-        (void)uStructSize;
-        (void)uCarryMask;
-        if (pDstBitmap && pDstBitmap != pSrcBitmap) return KS_NOT_SUPPORTED;
-        return changeInPlace(pSrcBitmap, nViewPerspective);
+        if (!pDstBitmap || pDstBitmap == pSrcBitmap) return changeInPlace(pSrcBitmap, nViewPerspective);
+        // A full copy beside the caller's record, changed there, handed over
+        // only when everything succeeded.
+        uint32_t carry = uCarryMask & DUPBITMAP_ALL & ~DUPBITMAP_PIXELS;
+        if (!(carry & (DUPBITMAP_ALLOCATE | DUPBITMAP_STORAGE_LIKE))) carry |= DUPBITMAP_ALLOCATE;
+        BITMAPRECORD copy;
+        int32_t st = dupBitmapNewDim(&copy, pSrcBitmap, uStructSize, pSrcBitmap->nWidth, pSrcBitmap->nHeight,
+                                     carry);
+        if (st != KS_SUCCESS) return st;
+        copy.nViewPerspective = pSrcBitmap->nViewPerspective;
+        st = copyPixels(&copy, pSrcBitmap);
+        if (st == KS_SUCCESS) st = changeInPlace(&copy, nViewPerspective);
+        if (st != KS_SUCCESS) {
+            K_FreeBitmap(&copy);
+            return st;
+        }
+        std::memcpy(pDstBitmap, &copy, recordBytes(uStructSize));
+        return KS_SUCCESS;
     });
 }
 
