@@ -336,29 +336,61 @@ inline uint32_t byteMask(uint32_t first, uint32_t last) noexcept {
     return (0xFFu >> first) & (0xFFu << (7 - last)) & 0xFFu;
 }
 
+// Sets the samples x1 <= x < x2 whose sign bit is set to 0.
 template <class T>
-void clearNegative(uint8_t* row, int32_t width, uint32_t signBit) noexcept {
-    for (int32_t x = 0; x < width; ++x) {
+void clearNegative(uint8_t* row, int32_t x1, int32_t x2, uint32_t signBit) noexcept {
+    for (int32_t x = x1; x < x2; ++x) {
         T v;
         std::memcpy(&v, row + size_t(x) * sizeof(T), sizeof(T));
         if ((uint64_t(v) >> signBit) & 1u) std::memset(row + size_t(x) * sizeof(T), 0, sizeof(T));
     }
 }
 
-void clearNegative12(uint8_t* row, int32_t width, uint32_t signBit) noexcept {
-    for (int32_t x = 0; x < width; ++x) {
-        uint8_t* q = row + size_t(x >> 1) * 3;
-        const uint32_t v = (x & 1) ? (uint32_t(q[1]) >> 4) | (uint32_t(q[2]) << 4)
-                                   : uint32_t(q[0]) | ((uint32_t(q[1]) & 0x0Fu) << 8);
-        if (!((v >> signBit) & 1u)) continue;
-        if (x & 1) {
-            q[1] &= 0x0Fu;
-            q[2] = 0;
-        } else {
-            q[0] = 0;
-            q[1] &= 0xF0u;
-        }
+// 12-bit rows hold two pixels in three bytes sharing the middle byte, so a
+// window that starts on an odd pixel moves by whole samples. The byte range
+// of an odd first pixel starts at the shared byte: it is read one byte into
+// the buffer so that the buffer starts on a pair.
+inline uint32_t read12(const uint8_t* p, size_t i) noexcept {
+    const uint8_t* q = p + (i >> 1) * 3;
+    if (i & 1) return (uint32_t(q[1]) >> 4) | (uint32_t(q[2]) << 4);
+    return uint32_t(q[0]) | ((uint32_t(q[1]) & 0x0Fu) << 8);
+}
+inline void write12(uint8_t* p, size_t i, uint32_t v) noexcept {
+    uint8_t* q = p + (i >> 1) * 3;
+    if (i & 1) {
+        q[1] = uint8_t((q[1] & 0x0Fu) | ((v & 0x0Fu) << 4));
+        q[2] = uint8_t(v >> 4);
+    } else {
+        q[0] = uint8_t(v);
+        q[1] = uint8_t((q[1] & 0xF0u) | ((v >> 8) & 0x0Fu));
     }
+}
+
+void clearNegative12(uint8_t* row, int32_t x1, int32_t x2, uint32_t signBit) noexcept {
+    for (int32_t x = x1; x < x2; ++x)
+        if ((read12(row, size_t(x)) >> signBit) & 1u) write12(row, size_t(x), 0);
+}
+
+int32_t copyRows12(BITMAPRECORD* dst, BITMAPRECORD* src, Progress& progress, uint8_t* sbuf, uint8_t* dbuf,
+                   int64_t x0, int64_t y0, int32_t dx, int32_t dy, int32_t w, int32_t h, uint32_t srcBytes,
+                   uint32_t dstBytes) noexcept {
+    const size_t sp = size_t(x0 & 1), dp = size_t(dx & 1);
+    const bool partial = dp != 0 || ((dx + w) & 1) != 0;
+    int32_t rc = KS_SUCCESS;
+    for (int32_t y = 0; y < h && rc == KS_SUCCESS; ++y) {
+        int32_t got = K_GetBitmapRowCol(src, sbuf + sp, int32_t(y0) + y, int32_t(x0), srcBytes);
+        if (got < 0) return got;
+        if (uint32_t(got) != srcBytes) return KS_INTERNAL;
+        if (partial) {
+            got = K_GetBitmapRowCol(dst, dbuf + dp, dy + y, dx, dstBytes);
+            if (got < 0) return got;
+        }
+        for (int32_t i = 0; i < w; ++i) write12(dbuf, size_t(i) + dp, read12(sbuf, size_t(i) + sp));
+        int32_t put = K_PutBitmapRowCol(dst, dbuf + dp, dy + y, dx, dstBytes);
+        if (put < 0) return put;
+        rc = progress.step(y + 1);
+    }
+    return rc;
 }
 
 }  // namespace
@@ -457,6 +489,10 @@ int32_t copyRectPixels(BITMAPRECORD* dst, BITMAPRECORD* src, int32_t col, int32_
             return acc.finish(rc);
         }
         kvector<uint8_t> sbuf(size_t(srcBytes) + 8), dbuf(size_t(dstBytes) + 8);
+        if (bpp == 12) return acc.finish(rc == KS_SUCCESS ? copyRows12(dst, src, progress, sbuf.data(),
+                                                                        dbuf.data(), x0, y0, dx, dy, w, h,
+                                                                        srcBytes, dstBytes)
+                                                          : rc);
         const bool aligned = sb == 0 && db == 0;
         const bool partialEdges = db != 0 || (db + nBits) % 8 != 0;
         for (int32_t y = 0; y < h && rc == KS_SUCCESS; ++y) {
@@ -618,15 +654,21 @@ KAPI int32_t K_ClearNegativePixels(BITMAPRECORD* pBitmap) {
         for (int32_t y = 0; y < bm->nHeight && st == KS_SUCCESS; ++y) {
             const uint32_t n = clipSegments(bm, y, segs.data());
             if (n) {
+                // Only samples inside the clip segments are looked at; the row
+                // goes back whole, so the sample layout stays this file's business.
                 st = readFullRow(bm, y, rowBuf.data());
                 if (st != KS_SUCCESS) break;
-                switch (bpp) {
-                    case 8: clearNegative<uint8_t>(rowBuf.data(), bm->nWidth, signBit); break;
-                    case 12: clearNegative12(rowBuf.data(), bm->nWidth, signBit); break;
-                    case 16: clearNegative<uint16_t>(rowBuf.data(), bm->nWidth, signBit); break;
-                    default: clearNegative<uint32_t>(rowBuf.data(), bm->nWidth, signBit); break;
+                for (uint32_t i = 0; i + 1 < n; i += 2) {
+                    const int32_t x1 = std::max(segs[i], 0), x2 = std::min(segs[i + 1], bm->nWidth);
+                    if (x1 >= x2) continue;
+                    switch (bpp) {
+                        case 8: clearNegative<uint8_t>(rowBuf.data(), x1, x2, signBit); break;
+                        case 12: clearNegative12(rowBuf.data(), x1, x2, signBit); break;
+                        case 16: clearNegative<uint16_t>(rowBuf.data(), x1, x2, signBit); break;
+                        default: clearNegative<uint32_t>(rowBuf.data(), x1, x2, signBit); break;
+                    }
                 }
-                st = putRowSegments(bm, y, rowBuf.data(), segs.data(), n);
+                st = writeRow(bm, y, 0, rowBuf.data(), bm->nBytesPerLine);
                 if (st != KS_SUCCESS) break;
             }
             st = progress.step(y + 1);
