@@ -2,6 +2,7 @@
 // clear and K_ClearNegativePixels inside regions on every storage kind.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <random>
 
@@ -393,4 +394,46 @@ TEST(CopyFill, ClearNegativePixelsInsideTheRegion) {
                 }
             EXPECT_GT(cleared, 10);
         }
+}
+
+TEST(CopyRect, NoStaleBytesInBlocksThatWereNotZeroed) {
+    // Copies that write every byte allocate their block without zero-filling
+    // it: the padding and every pixel must still come out exact. The heap is
+    // dirtied with a block of the same size first, so a reused block shows.
+    storagetest::CapGuard guard;
+    for (int bpp : {8, 16, 24, 1, 4}) {
+        SCOPED_TRACE(bpp);
+        Source src(Kind::SingleBlock, 37, 300, bpp, uint32_t(bpp));
+        auto dirty = [](size_t n) {
+            void* p = std::malloc(n);
+            std::memset(p, 0xEE, n);
+            std::free(p);
+        };
+        auto expectExact = [&](BITMAPRECORD* bm, int32_t col, int32_t row) {
+            RefImage got = getImage(bm);
+            RefImage want(bm->nWidth, bm->nHeight, bpp);
+            for (int32_t y = 0; y < want.height; ++y)
+                for (int32_t x = 0; x < want.width; ++x)
+                    storagetest::setPixel(want.row(y), x, bpp, pixelAt(src.ref.row(y + row), x + col, bpp));
+            EXPECT_EQ(got.px, want.px);  // every byte: pixels, bits past the width and padding
+        };
+        dirty(src.ref.px.size());
+        BITMAPRECORD d;
+        ASSERT_EQ(K_CopyBitmap(&d, &src.kb.bm, BITMAPRECORD_SIZE), KS_SUCCESS);
+        expectExact(&d, 0, 0);
+        K_FreeBitmap(&d);
+        dirty(src.ref.px.size());
+        ASSERT_EQ(K_CopyBitmap2(&d, &src.kb.bm, BITMAPRECORD_SIZE, 1), KS_SUCCESS);
+        expectExact(&d, 0, 0);
+        K_FreeBitmap(&d);
+        RefImage shape(30, 250, bpp);
+        dirty(shape.px.size());
+        ASSERT_EQ(K_CopyBitmapRect(&d, &src.kb.bm, BITMAPRECORD_SIZE, 7, 20, 30, 250), KS_SUCCESS);
+        expectExact(&d, 7, 20);
+        K_FreeBitmap(&d);
+        dirty(shape.px.size());
+        ASSERT_EQ(K_DupBitmapNewDim(&d, &src.kb.bm, BITMAPRECORD_SIZE, 30, 250, DUPBITMAP_RESIZE), KS_SUCCESS);
+        expectExact(&d, 0, 0);
+        K_FreeBitmap(&d);
+    }
 }

@@ -71,6 +71,26 @@ size_t blockBytes(const void* p) noexcept {
     return isGlobalBlock(const_cast<void*>(p)) ? globalSize(const_cast<void*>(p)) : 0;
 }
 
+// Single blocks allocated in this scope are not zero-filled (hooks.h).
+struct NoZeroFill {
+    bool on;
+    explicit NoZeroFill(bool enable) noexcept : on(enable) {
+        if (on) setNoZeroFill(true);
+    }
+    ~NoZeroFill() {
+        if (on) setNoZeroFill(false);
+    }
+    NoZeroFill(const NoZeroFill&) = delete;
+    NoZeroFill& operator=(const NoZeroFill&) = delete;
+};
+
+// True when the window (col, row, w x h) lies inside the source and a byte
+// copy writes every byte of each destination row (depths of whole bytes).
+bool windowFillsEverything(const BITMAPRECORD* src, int64_t col, int64_t row, int64_t w, int64_t h) noexcept {
+    const int32_t bpp = src->nBitsPerPixel;
+    return bpp % 8 == 0 && col >= 0 && row >= 0 && col + w <= src->nWidth && row + h <= src->nHeight;
+}
+
 bool hasGetRowCallback(const BITMAPRECORD* bm) noexcept {
     return isCurrentLayout(bm) && bm->pCallbacks && bm->pCallbacks->pfnGetRow;
 }
@@ -281,7 +301,7 @@ int32_t beginCopy(BITMAPRECORD* dst, const BITMAPRECORD* src, int32_t dx, int32_
 // (the memory-choosing copies): duplicate, begin, notify, grey parameters,
 // allocate. `dx`, `dy` move the region.
 int32_t prepareChosen(LocalRecord& out, BITMAPRECORD* src, uint32_t structSize, int32_t w, int32_t h,
-                      uint32_t memory, int32_t dx, int32_t dy) noexcept {
+                      uint32_t memory, int32_t dx, int32_t dy, bool wholeWrite) noexcept {
     if (memory == MEMTYPE_USER) return KS_INVALID_PARAMETER;
     int32_t rc = dupBitmapNewDim(&out.bm, src, structSize, w, h, DUPBITMAP_DESCRIBE);
     if (rc != KS_SUCCESS) return rc;
@@ -294,6 +314,7 @@ int32_t prepareChosen(LocalRecord& out, BITMAPRECORD* src, uint32_t structSize, 
         rc = copyGrayParams(&out.bm, src);
         if (rc != KS_SUCCESS) return rc;
     }
+    NoZeroFill noZero(wholeWrite);
     return K_AllocateBitmap(&out.bm, memory);
 }
 
@@ -309,10 +330,12 @@ int32_t copyRectCore(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t structSize
     const uint32_t outSize = inPlace ? pSrc->uStructSize : structSize;
     LocalRecord tmp;
     if (chosen) {
-        rc = prepareChosen(tmp, pSrc, outSize, int32_t(width), int32_t(height), memory, -col, -row);
+        rc = prepareChosen(tmp, pSrc, outSize, int32_t(width), int32_t(height), memory, -col, -row,
+                           windowFillsEverything(pSrc, col, row, width, height));
     } else {
         const uint32_t carry = inPlace ? DUPBITMAP_TEMPORARY : DUPBITMAP_COPY;
-        rc = dupBitmapNewDim(&tmp.bm, pSrc, outSize, int32_t(width), int32_t(height), carry & ~DUPBITMAP_REGION);
+        rc = dupBitmapNewDim(&tmp.bm, pSrc, outSize, int32_t(width), int32_t(height), carry & ~DUPBITMAP_REGION,
+                             windowFillsEverything(pSrc, col, row, width, height));
         if (rc == KS_SUCCESS) {
             tmp.live = true;
             // The region moved by the rectangle's corner, then the extra data.
@@ -416,7 +439,7 @@ void copyBits(uint8_t* dst, uint32_t db, const uint8_t* src, uint32_t sb, uint64
 }
 
 int32_t dupBitmapNewDim(BITMAPRECORD* dst, const BITMAPRECORD* src, uint32_t structSize, int32_t width,
-                        int32_t height, uint32_t carry) noexcept {
+                        int32_t height, uint32_t carry, bool wholeWrite) noexcept {
     if (!dst || !src || dst == src) return KS_INVALID_PARAMETER;
     if (!recordSizeValid(src->uStructSize) || !recordSizeValid(structSize)) return KS_INVALID_STRUCT_SIZE;
     if (carry & ~DUPBITMAP_ALL) return KS_INVALID_PARAMETER;
@@ -431,7 +454,13 @@ int32_t dupBitmapNewDim(BITMAPRECORD* dst, const BITMAPRECORD* src, uint32_t str
     rc = carryFields(&tmp.bm, src, carry, 0, 0);
     if (rc != KS_SUCCESS) return rc;
     if (allocate) {
-        rc = (carry & DUPBITMAP_STORAGE_LIKE) ? allocateLike(&tmp.bm, src) : K_AllocateBitmap(&tmp.bm, 0);
+        {
+            // The shared pixels fill the new bitmap when it is no larger than the source.
+            const bool filled = (carry & DUPBITMAP_PIXELS) &&
+                                windowFillsEverything(src, 0, 0, width, height);
+            NoZeroFill noZero(wholeWrite || filled);
+            rc = (carry & DUPBITMAP_STORAGE_LIKE) ? allocateLike(&tmp.bm, src) : K_AllocateBitmap(&tmp.bm, 0);
+        }
         if (rc != KS_SUCCESS) return rc;
         if (carry & DUPBITMAP_PIXELS) {
             rc = copyRectPixels(&tmp.bm, const_cast<BITMAPRECORD*>(src), 0, 0);
@@ -444,7 +473,38 @@ int32_t dupBitmapNewDim(BITMAPRECORD* dst, const BITMAPRECORD* src, uint32_t str
 
 int32_t copyPixels(BITMAPRECORD* dst, BITMAPRECORD* src) noexcept {
     if (dst == src) return KS_SUCCESS;
-    return copyRectPixels(dst, src, 0, 0);
+    const uint32_t bpl = src->nBytesPerLine;
+    const int32_t h = src->nHeight;
+    if (dst->nBytesPerLine != bpl || dst->nHeight != h || dst->nWidth != src->nWidth ||
+        dst->nBitsPerPixel != src->nBitsPerPixel)
+        return KS_INVALID_PARAMETER;
+    // Whole stored rows, padding included, so that every byte of the copy is written.
+    return guarded([&]() -> int32_t {
+        Progress progress = Progress::copyStatus(h);
+        Accessed acc(dst, src);
+        if (acc.status() != KS_SUCCESS) return acc.finish(acc.status());
+        int32_t rc = progress.begin();
+        const uint8_t* sp = hasGetRowCallback(src) ? nullptr : directPixels(src);
+        uint8_t* dp = directPixels(dst);
+        if (sp && dp) {
+            // Both in plain memory: bands of rows in one memcpy each.
+            const int32_t band = std::max<int32_t>(1, int32_t((4u << 20) / std::max<uint32_t>(bpl, 1)));
+            for (int32_t y = 0; y < h && rc == KS_SUCCESS;) {
+                const int32_t n = std::min(band, h - y);
+                std::memcpy(dp + uint64_t(y) * bpl, sp + uint64_t(y) * bpl, size_t(n) * bpl);
+                y += n;
+                rc = progress.step(y);
+            }
+            return acc.finish(rc);
+        }
+        kvector<uint8_t> buf(bpl);
+        for (int32_t y = 0; y < h && rc == KS_SUCCESS; ++y) {
+            rc = readFullRow(src, y, buf.data());
+            if (rc == KS_SUCCESS) rc = writeRow(dst, y, 0, buf.data(), bpl);
+            if (rc == KS_SUCCESS) rc = progress.step(y + 1);
+        }
+        return acc.finish(rc);
+    });
 }
 
 int32_t copyRectPixels(BITMAPRECORD* dst, BITMAPRECORD* src, int32_t col, int32_t row) noexcept {
@@ -461,6 +521,11 @@ int32_t copyRectPixels(BITMAPRECORD* dst, BITMAPRECORD* src, int32_t col, int32_
     const uint32_t srcBytes = uint32_t((sb + nBits + 7) / 8), dstBytes = uint32_t((db + nBits + 7) / 8);
     const uint64_t srcOff = (uint64_t(x0) * bpp) >> 3, dstOff = (uint64_t(dx) * bpp) >> 3;
 
+    // A window that reaches the right edge also writes the row's padding
+    // (zero), so that a destination that was not zero-filled ends clean.
+    const uint32_t padBytes = (bpp % 8 == 0 && bpp != 12 && int64_t(dx) + w == dst->nWidth)
+                                  ? uint32_t(dst->nBytesPerLine - (dstOff + nBits / 8))
+                                  : 0;
     return guarded([&]() -> int32_t {
         Progress progress = Progress::copyStatus(h);
         Accessed acc(dst, src);
@@ -481,7 +546,10 @@ int32_t copyRectPixels(BITMAPRECORD* dst, BITMAPRECORD* src, int32_t col, int32_
                 if (whole) {
                     std::memcpy(d, s, size_t(n) * bytes);
                 } else {
-                    for (int32_t k = 0; k < n; ++k) std::memcpy(d + k * dbpl, s + k * sbpl, bytes);
+                    for (int32_t k = 0; k < n; ++k) {
+                        std::memcpy(d + k * dbpl, s + k * sbpl, bytes);
+                        if (padBytes) std::memset(d + k * dbpl + bytes, 0, padBytes);
+                    }
                 }
                 y += n;
                 rc = progress.step(y);
@@ -517,7 +585,8 @@ int32_t copyRectPixels(BITMAPRECORD* dst, BITMAPRECORD* src, int32_t col, int32_
                 copyBits(dbuf.data(), db, sbuf.data(), sb, nBits);
                 out = dbuf.data();
             }
-            int32_t put = K_PutBitmapRowCol(dst, out, dy + y, dx, dstBytes);
+            // The buffer's bytes past the pixels are zero: they become the padding.
+            int32_t put = K_PutBitmapRowCol(dst, out, dy + y, dx, dstBytes + padBytes);
             if (put < 0) {
                 rc = put;
                 break;
@@ -555,7 +624,8 @@ KAPI int32_t K_CopyBitmap(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStru
     if (pDst == pSrc) return KS_SUCCESS;
     return guarded([&]() -> int32_t {
         LocalRecord tmp;
-        int32_t st = dupBitmapNewDim(&tmp.bm, pSrc, uStructSize, pSrc->nWidth, pSrc->nHeight, DUPBITMAP_COPY);
+        int32_t st =
+            dupBitmapNewDim(&tmp.bm, pSrc, uStructSize, pSrc->nWidth, pSrc->nHeight, DUPBITMAP_COPY, true);
         if (st != KS_SUCCESS) return st;
         tmp.live = true;
         st = copyPixels(&tmp.bm, pSrc);
@@ -572,7 +642,7 @@ KAPI int32_t K_CopyBitmap2(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStr
     if (pDst == pSrc) return KS_SUCCESS;
     return guarded([&]() -> int32_t {
         LocalRecord tmp;
-        int32_t st = prepareChosen(tmp, pSrc, uStructSize, pSrc->nWidth, pSrc->nHeight, uMemory, 0, 0);
+        int32_t st = prepareChosen(tmp, pSrc, uStructSize, pSrc->nWidth, pSrc->nHeight, uMemory, 0, 0, true);
         if (st != KS_SUCCESS) return st;
         st = copyPixels(&tmp.bm, pSrc);
         if (st != KS_SUCCESS) return st;
