@@ -1614,6 +1614,59 @@ OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double 
  * Section: bitmap lists
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* A bitmap list: an ordered, growable array of bitmap records behind one
+ * handle. The list owns the storage of the bitmaps in it: a record inserted
+ * is moved in (the caller must not free it any more), deleting an item frees
+ * its bitmap. Items are always held in the current layout (uStructSize 216;
+ * the tail of an item that came from an older-layout record is zero).
+ * Indexes are 0-based; BITMAPLIST_END (0xFFFFFFFF) means the end where stated.
+ * Common results: 1; -13 null handle or pointer, a handle that is not a live
+ * list, an index at or past the count (get, set, remove, delete, copy, move),
+ * a count of 0 (delete, copy, move); -789 a record size other than 216 or 176,
+ * or a list whose first item does not have the size 216 (remove, replace,
+ * insert, move); -814 a non-empty list without items (insert); -1 when memory
+ * runs out, with the list unchanged. */
+typedef struct OmbrixBitmapList_* HBITMAPLIST;
+#define BITMAPLIST_END 0xFFFFFFFFu
+/* Makes an empty list in *phList. */
+OMBRIX_API int32_t K_CreateBitmapList(HBITMAPLIST* phList);
+/* Deletes every item (freeing its bitmap) and the list. */
+OMBRIX_API int32_t K_DestroyBitmapList(HBITMAPLIST hList);
+OMBRIX_API int32_t K_GetBitmapListCount(HBITMAPLIST hList, uint32_t* puCount);
+/* Inserts a copy of the record before the item at uIndex; an index at or past
+ * the count (BITMAPLIST_END included) appends. The record's storage now
+ * belongs to the list. */
+OMBRIX_API int32_t K_InsertBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, const BITMAPRECORD* pBitmap);
+/* Takes the item out of the list into *pBitmap (a current-layout record),
+ * whose storage the caller then owns. With a null pBitmap the item's bitmap
+ * is freed (nobody could free it otherwise). */
+OMBRIX_API int32_t K_RemoveBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, BITMAPRECORD* pBitmap);
+/* Removes up to uCount items from uFirst on and frees each bitmap; the first
+ * failure stops the loop and is returned. */
+OMBRIX_API int32_t K_DeleteBitmapListItems(HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
+/* Copies the item into *pBitmap (uStructSize bytes' worth of layout, 216 or
+ * 176) without giving up ownership. An older-layout copy of an allocated item
+ * cannot carry the item's hListBlock: that block is freed and cleared in the
+ * item. */
+OMBRIX_API int32_t K_GetBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, BITMAPRECORD* pBitmap,
+                                       uint32_t uStructSize);
+/* Overwrites the item with a copy of the record (stored in the current
+ * layout); null leaves an empty current-layout record (zero but for its size
+ * word). The old item is not freed. */
+OMBRIX_API int32_t K_SetBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, const BITMAPRECORD* pBitmap);
+/* Puts pNew in place of the item (BITMAPLIST_END: the last one; stored in
+ * the current layout). The old item goes to *pOld (uOldSize, 216 or 176,
+ * bytes' worth of layout; an older-layout copy frees the item's hListBlock),
+ * or is freed when pOld is null and it is allocated. */
+OMBRIX_API int32_t K_ReplaceBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, const BITMAPRECORD* pNew,
+                                           BITMAPRECORD* pOld, uint32_t uOldSize);
+/* Makes *phNew, a new list of deep copies (K_CopyBitmap) of up to uCount
+ * items from uFirst on; on any failure nothing is made and the failure is
+ * returned. */
+OMBRIX_API int32_t K_CopyBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
+/* Makes *phNew, a new list, and moves up to uCount items from uFirst on into
+ * it; the source closes the gap. */
+OMBRIX_API int32_t K_MoveBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
 
 /* ======================================================================
  * Section: display support: window level and paint tables

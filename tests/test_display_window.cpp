@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ombrix.h"
+#include "dis/common/paintutil.h"
 #include "krn/common/memory.h"
 #include "storage_kinds.h"
 
@@ -361,6 +362,12 @@ TEST(DisplayWindowLevel, CurvesMatchTheTables) {
         const auto want = windowRef(p);
         const std::vector<uint8_t> got = pixels8(&out);
         for (size_t i = 0; i < raw.size(); ++i) ASSERT_EQ(got[i], want[size_t(raw[i])][0]) << i;
+        K_FreeBitmap(&out);
+        // The plain row kernel gives the same bytes as the one picked for this processor.
+        krn::testhook::windowLevelPlainKernels(true);
+        ASSERT_EQ(K_WindowLevel(&src, &out, BITMAPRECORD_SIZE, 9000, 50000, 42, curve), KS_SUCCESS);
+        krn::testhook::windowLevelPlainKernels(false);
+        EXPECT_EQ(pixels8(&out), got);
         K_FreeBitmap(&out);
     }
     K_FreeBitmap(&src);

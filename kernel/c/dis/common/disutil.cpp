@@ -11,7 +11,10 @@
 // 4096), so the row kernel is one load per pixel. Single-block and caller
 // memory bitmaps are read in place, in bands on the parallel row helper;
 // every other storage kind moves through the row layer.
+#include <immintrin.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 
@@ -141,12 +144,16 @@ Channels greyChannels(uint32_t g) noexcept { return Channels{{int64_t(g), int64_
 
 namespace {
 
+std::atomic<bool> gPlainOnly{false};
+bool plainKernelsOnly() noexcept { return gPlainOnly.load(std::memory_order_relaxed); }
+
 struct LevelJob {
     BITMAPRECORD* src;
     BITMAPRECORD* dst;
     const uint8_t* map;  // indexed by the raw stored sample
     int32_t width;
     int32_t bpp;
+    bool simd;
 };
 
 inline void mapRow16(const uint8_t* in, uint8_t* out, int32_t width, const uint8_t* map) noexcept {
@@ -170,6 +177,32 @@ inline void mapRow16(const uint8_t* in, uint8_t* out, int32_t width, const uint8
     }
 }
 
+// The same with AVX2 gathers, 16 pixels a step; the table is padded by three
+// bytes so that each 32-bit gather stays inside it.
+__attribute__((target("avx2"))) void mapRow16Avx2(const uint8_t* in, uint8_t* out, int32_t width,
+                                                  const uint8_t* map) noexcept {
+    int32_t x = 0;
+    const __m256i low = _mm256_set1_epi32(0xFF);
+    const int* base = reinterpret_cast<const int*>(map);
+    for (; x + 16 <= width; x += 16) {
+        const __m256i s = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + size_t(x) * 2));
+        const __m256i i0 = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(s));
+        const __m256i i1 = _mm256_cvtepu16_epi32(_mm256_extracti128_si256(s, 1));
+        __m256i g0 = _mm256_and_si256(_mm256_i32gather_epi32(base, i0, 1), low);
+        __m256i g1 = _mm256_and_si256(_mm256_i32gather_epi32(base, i1, 1), low);
+        __m256i w = _mm256_packus_epi32(g0, g1);              // 16-bit, lanes interleaved by 128
+        w = _mm256_permute4x64_epi64(w, 0xD8);                // back in order
+        const __m128i b = _mm_packus_epi16(_mm256_castsi256_si128(w), _mm256_extracti128_si256(w, 1));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), b);
+    }
+    if (x < width) mapRow16(in + size_t(x) * 2, out + x, width - x, map);
+}
+
+bool haveAvx2() noexcept {
+    static const bool yes = __builtin_cpu_supports("avx2") && conv::simdCeiling() >= conv::kSimdAvx2;
+    return yes;
+}
+
 inline void mapRow12(const uint8_t* in, uint8_t* out, int32_t width, const uint8_t* map) noexcept {
     int32_t x = 0;
     for (; x + 2 <= width; x += 2) {
@@ -181,7 +214,9 @@ inline void mapRow12(const uint8_t* in, uint8_t* out, int32_t width, const uint8
 }
 
 inline void mapRow(const LevelJob& j, const uint8_t* in, uint8_t* out) noexcept {
-    if (j.bpp == 16)
+    if (j.bpp == 16 && j.simd)
+        mapRow16Avx2(in, out, j.width, j.map);
+    else if (j.bpp == 16)
         mapRow16(in, out, j.width, j.map);
     else
         mapRow12(in, out, j.width, j.map);
@@ -238,7 +273,7 @@ int32_t checkSource(const BITMAPRECORD* src) noexcept {
 int32_t applyWindow(BITMAPRECORD* src, BITMAPRECORD* dst, uint32_t structSize, const uint8_t* grey, int32_t lb,
                     int32_t hb) {
     const uint32_t rawCount = src->nBitsPerPixel == 16 ? 65536u : 4096u;
-    kvector<uint8_t> map(rawCount);
+    kvector<uint8_t> map(rawCount + 3, 0);  // +3: room for the 32-bit gathers
     const uint32_t mask = (uint32_t(1) << (hb - lb + 1)) - 1u;
     for (uint32_t v = 0; v < rawCount; ++v) map[v] = grey[(v >> lb) & mask];
 
@@ -252,7 +287,7 @@ int32_t applyWindow(BITMAPRECORD* src, BITMAPRECORD* dst, uint32_t structSize, c
     r = K_IntAccessBitmap(src, &srcAccessed);
     if (r == KS_SUCCESS) r = K_IntAccessBitmap(&out, &dstAccessed);
     if (r == KS_SUCCESS) {
-        LevelJob job{src, &out, map.data(), src->nWidth, src->nBitsPerPixel};
+        LevelJob job{src, &out, map.data(), src->nWidth, src->nBitsPerPixel, haveAvx2() && !plainKernelsOnly()};
         r = levelRows(job);
     }
     r = K_IntReleaseBitmap(&out, dstAccessed, r);
@@ -267,6 +302,12 @@ int32_t applyWindow(BITMAPRECORD* src, BITMAPRECORD* dst, uint32_t structSize, c
 }
 
 }  // namespace
+
+namespace testhook {
+// Makes the window functions use only the plain row kernels (true) or pick
+// the fastest again (false), so tests can compare the two.
+void windowLevelPlainKernels(bool on) noexcept { gPlainOnly.store(on, std::memory_order_relaxed); }
+}  // namespace testhook
 
 }  // namespace krn
 
