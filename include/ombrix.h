@@ -224,6 +224,7 @@ typedef int32_t (*PFN_BITMAPACCESS)(BITMAPRECORD* pBitmap, void* pUserData);
 typedef int32_t (*PFN_BITMAPRELEASE)(BITMAPRECORD* pBitmap, void* pUserData);
 typedef int32_t (*PFN_BITMAPGETROW)(BITMAPRECORD* pBitmap, uint8_t* pBuffer, int32_t nRow,
                                     uint32_t uBytes, void* pUserData);
+typedef int32_t (*PFN_BITMAPNOTIFY)(BITMAPRECORD* pBitmap, int32_t nCode, void* pUserData);
 typedef struct BITMAPDATACALLBACKS_ {
     uint32_t           uStructSize;   /* BITMAPDATACALLBACKS_SIZE */
     void*              pUserData;
@@ -233,7 +234,8 @@ typedef struct BITMAPDATACALLBACKS_ {
     PFN_BITMAPACCESS   pfnAccess;
     PFN_BITMAPRELEASE  pfnRelease;
     PFN_BITMAPGETROW   pfnGetRow;
-    void*              pReserved2[2];
+    PFN_BITMAPNOTIFY   pfnNotify;     /* events of the bitmap (1: a copy of it begins); may be null */
+    void*              pReserved2;
 } BITMAPDATACALLBACKS;
 
 /* Allocation information handed to the allocation callbacks (size word 48). */
@@ -499,7 +501,6 @@ OMBRIX_API int32_t K_TranslateBitmapColor(const BITMAPRECORD* pDst, const BITMAP
  * without a direct data pointer, -1 no memory (needs a 2 MB scratch set). */
 OMBRIX_API int32_t K_GetBitmapPaletteEntries(BITMAPRECORD* pBitmap, RGBQUAD* pEntries, int32_t nMaxEntries,
                                              int32_t* pnColors);
-/* @@palettes@@ */
 
 /* ======================================================================
  * Section: bitmap memory, rows, redirected I/O and temporary files
@@ -770,7 +771,6 @@ OMBRIX_API int32_t K_Utf8ToUtf16(const char* pSrc, int32_t nSrcLen, uint16_t* pD
                                  uint32_t* pnWritten);
 OMBRIX_API int32_t K_Utf16ToUtf8(const uint16_t* pSrc, int32_t nSrcLen, char* pDst, uint32_t nCapacity,
                                  uint32_t* pnWritten);
-/* @@storage-redirect@@ */
 
 /* (keep this line between the two storage parts) */
 
@@ -924,7 +924,6 @@ OMBRIX_API int32_t K_ExpandRows(const uint8_t* pRuns, uint8_t* pDst, int32_t nWi
  * reverse order. Source and destination must not overlap. -13 null buffers. */
 OMBRIX_API int32_t K_MirrorCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, int32_t nRows);
 OMBRIX_API int32_t K_FlipCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, int32_t nRows);
-/* @@storage-memory@@ */
 
 /* ======================================================================
  * Section: pixel conversion, dithering and HSV
@@ -951,8 +950,8 @@ OMBRIX_API int32_t K_FlipCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, in
  * ORDER_BGR565. The buffer must hold the larger of the two runs (see
  * K_CalcConvertSize). Null palettes mean the fixed palette of the depth.
  * Returns 1; -13 for a null buffer, zero width or a rejected combination
- * (before any pixel changes); -16 after converting when ORDER_BGRWIDE is
- * asked at a destination depth other than 24 or 48. */
+ * (before any pixel changes); -16, the run unchanged, when ORDER_BGRWIDE
+ * is asked at a destination depth other than 24 or 48. */
 OMBRIX_API int32_t K_ConvertBuffer(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
                                    int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
                                    const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst);
@@ -1005,7 +1004,6 @@ OMBRIX_API uint32_t K_HSVtoRGB(uint32_t hsv);
 /* As K_HSVtoRGB, reading the value from *pHsv; 0 for a null pointer. */
 OMBRIX_API uint32_t K_HSVtoRGB2(const uint32_t* pHsv);
 
-/* @@pixels-convert@@ */
 
 /* (keep this line between the two pixel parts) */
 
@@ -1057,7 +1055,6 @@ OMBRIX_API int32_t K_GetDefaultDithering(void);
 /* Sets the calling thread's default method (0..8) and returns the previous
  * one; -13 (and no change) for any other value. */
 OMBRIX_API int32_t K_DefaultDithering(int32_t nMethod);
-/* @@pixels-dither@@ */
 
 /* ======================================================================
  * Section: regions and rectangles
@@ -1319,7 +1316,6 @@ OMBRIX_API int32_t K_FillBitmap(BITMAPRECORD* pBitmap, uint32_t uColor);
 OMBRIX_API int32_t K_FillBitmap2(BITMAPRECORD* pBitmap, uint64_t uRawPixel);
 /* K_FillBitmap2 with 0. */
 OMBRIX_API int32_t K_ClearBitmap(BITMAPRECORD* pBitmap);
-/* @@regions@@ */
 
 /* ======================================================================
  * Section: runtime services (thread tools, geometry, sine)
@@ -1578,7 +1574,6 @@ OMBRIX_API double K_LengthD_Vector(double dx, double dy);
 OMBRIX_API double K_LengthD_Between(const POINTD* pA, const POINTD* pB);
 /* Length of the vector (dx, dy) after the matrix's linear part. */
 OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double dy);
-/* @@runtime@@ */
 
 /* ======================================================================
  * Section: transforms: flip, reverse, quarter turns and view perspective
@@ -1594,6 +1589,96 @@ OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double 
  * Section: transforms: copy, trim and fill
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* -- copy, trim ----------------------------------------------------------
+ * The destination of a copy is an output: whatever the record held is ignored
+ * (an allocated destination must be freed by the caller first) and it is
+ * written only when the copy succeeds. A failing copy frees everything it
+ * made and leaves the destination record untouched. Rectangles are in stored
+ * pixels (the rows and columns of the row calls). Progress goes to the copy
+ * status callback (K_SetCopyStatusCallBack) in whole percent; an answer other
+ * than 1 stops the copy and is returned. */
+
+/* Carry bits of K_DupBitmapNewDim: what the new record takes from the source. */
+#define DUPBITMAP_PALETTE      0x001u /* palette entries and nColors (a copy of the block) */
+#define DUPBITMAP_RESOLUTION   0x002u /* nXResolution, nYResolution */
+#define DUPBITMAP_PERSPECTIVE  0x004u /* nViewPerspective */
+#define DUPBITMAP_ORDER        0x008u /* nOrder, nDitheringMethod, the floating-data and signed-data flags */
+#define DUPBITMAP_PAINT        0x010u /* grey parameters (nLowBit, nHighBit, nMinBit, nMaxBit, the LUT)
+                                         and paint settings (display words, nLevel, paint-table flag) */
+#define DUPBITMAP_REGION       0x020u /* region (clipped to the new size unless unclipped) and extra data */
+#define DUPBITMAP_STORAGE_LIKE 0x040u /* allocate in the source's storage kind (tiles of its tile size,
+                                         disk, run-compressed, super-compressed; caller and callback
+                                         memory give a single block) */
+#define DUPBITMAP_ALLOCATE     0x080u /* allocate with the thread's default memory type */
+#define DUPBITMAP_PIXELS       0x100u /* copy the pixels the two sizes share (top-left stored window);
+                                         needs an allocated source and one of the two bits above */
+#define DUPBITMAP_ALL          0x1FFu
+/* The masks the kernel uses. */
+#define DUPBITMAP_COPY       191u /* a normal copy: everything but the storage kind, default memory type */
+#define DUPBITMAP_TEMPORARY  127u /* a record that will replace its source: same storage kind */
+#define DUPBITMAP_WORK        67u /* a work bitmap: palette, resolutions, the source's storage kind */
+#define DUPBITMAP_RESIZE     321u /* palette, the source's storage kind and the shared pixels */
+#define DUPBITMAP_DESCRIBE    14u /* resolutions, perspective, order; not allocated (storage chosen later) */
+#define DUPBITMAP_COLORS       5u /* palette and perspective; not allocated */
+
+/* Signed grey samples: the sample bit nHighBit (the top bit when nHighBit is
+ * outside the sample) is the sign. Carried with DUPBITMAP_ORDER. */
+#define BRF_SIGNED_DATA 0x00040000u
+
+/* Makes pDst a new record of nWidth x nHeight at pSrc's depth, in the layout
+ * uStructSize, taking from pSrc what uCarry names (DUPBITMAP_ bits). Without an
+ * allocation bit the record is initialised only. -13 null pointer, pDst ==
+ * pSrc, unknown carry bits, or DUPBITMAP_PIXELS without allocation or with an
+ * unallocated source; -789 size words; -11 negative size (or a zero size to be
+ * allocated); -27 source depth; -1 memory; allocation statuses. */
+OMBRIX_API int32_t K_DupBitmapNewDim(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, uint32_t uStructSize,
+                                     int32_t nWidth, int32_t nHeight, uint32_t uCarry);
+/* Copies every pixel of pSrc into pDst: two allocated bitmaps of the same
+ * width, height and depth, any storage kinds. pDst == pSrc: 1. -13 null, not
+ * allocated or unlike shape; -789 size words; row and callback statuses. */
+OMBRIX_API int32_t K_CopyBitmapData(BITMAPRECORD* pDst, BITMAPRECORD* pSrc);
+/* pDst becomes a full, independent copy of pSrc (K_DupBitmapNewDim with
+ * DUPBITMAP_COPY, then K_CopyBitmapData), in the layout uStructSize. pDst ==
+ * pSrc: 1, nothing done. -13 null or unallocated source; -789 size words. */
+OMBRIX_API int32_t K_CopyBitmap(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStructSize);
+/* K_CopyBitmap with the storage of the copy chosen by uMemory (memory types as
+ * K_AllocateBitmap takes them; 0 the default; MEMTYPE_USER is -13 as the copy
+ * would have no pixels). The source's notification callback is told 1 first;
+ * its answer other than 1 or 2 is returned. */
+OMBRIX_API int32_t K_CopyBitmap2(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStructSize, uint32_t uMemory);
+/* Starts a copy: gives the new record pDst (initialised, not allocated) pSrc's
+ * palette, region (moved by nDx, nDy), extra data and paint settings. On
+ * failure pDst is as before. -2 null or bad records, -1 memory. */
+OMBRIX_API int32_t K_IntBeginCopyBitmap(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, int32_t nDx, int32_t nDy);
+/* Copies the grey parameters: nLowBit, nHighBit, nMinBit, nMaxBit, the
+ * signed-data flag and the LUT (a copy; pDst's old LUT is freed). -13 null,
+ * -789 size words, -1 memory (pDst unchanged). */
+OMBRIX_API int32_t K_CopyGrayParams(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc);
+/* Makes pDst a uWidth x uHeight bitmap (carry DUPBITMAP_COPY, pSrc's region
+ * moved by (-nCol, -nRow)) holding the source pixels of the rectangle
+ * (nCol, nRow, nCol + uWidth, nRow + uHeight); parts of the rectangle outside
+ * the source are left as allocated (zero). pDst null or equal to pSrc crops
+ * pSrc in place (its storage kind is kept; its data callbacks are dropped).
+ * -13 null or unallocated source, nCol or nRow INT32_MIN, an in-place crop of
+ * a bitmap being accessed; -11 uWidth or uHeight 0 or above INT32_MAX; -789. */
+OMBRIX_API int32_t K_CopyBitmapRect(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStructSize, int32_t nCol,
+                                    int32_t nRow, uint32_t uWidth, uint32_t uHeight);
+/* K_CopyBitmapRect with the storage chosen by uMemory, begun as K_CopyBitmap2. */
+OMBRIX_API int32_t K_CopyBitmapRect2(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStructSize, int32_t nCol,
+                                     int32_t nRow, uint32_t uWidth, uint32_t uHeight, uint32_t uMemory);
+/* Crops in place to the part of the rectangle inside the bitmap. -11 when
+ * that part is empty; otherwise as K_CopyBitmapRect with a null destination. */
+OMBRIX_API int32_t K_TrimBitmap(BITMAPRECORD* pBitmap, int32_t nCol, int32_t nRow, uint32_t uWidth,
+                                uint32_t uHeight);
+/* Copies the record itself into pDst in the layout uStructSize (216 <-> 176):
+ * both records then name the same storage, palette and region, and exactly
+ * one of them may be freed. A 176 copy has no data callbacks; -3 when the data
+ * does not fit the older layout. -13 null, -789 size words. */
+OMBRIX_API int32_t K_CopyBitmapHandle(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, uint32_t uStructSize);
+/* Sets negative samples of a signed grey image (BRF_SIGNED_DATA; 8, 12, 16
+ * or 32 bits, grey) to 0, inside the region only. Other images: 1, nothing
+ * changed. -13, -789, -2 as usual. Progress through the status callback. */
+OMBRIX_API int32_t K_ClearNegativePixels(BITMAPRECORD* pBitmap);
 
 /* ======================================================================
  * Section: transforms: combine
@@ -1984,7 +2069,6 @@ public:
     /* 1 when new locks use the slim reader/writer lock, 0 for the fallback. */
     static int HasSlimLocks();
 };
-/* @@runtime-classes@@ */
 #endif
 
 #endif /* OMBRIX_H */
