@@ -1781,11 +1781,179 @@ OMBRIX_API int32_t K_ClearNegativePixels(BITMAPRECORD* pBitmap);
  * Section: bitmap lists
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* A bitmap list: an ordered, growable array of bitmap records behind one
+ * handle. The list owns the storage of the bitmaps in it: a record inserted
+ * is moved in (the caller must not free it any more), deleting an item frees
+ * its bitmap. Items are always held in the current layout (uStructSize 216;
+ * the tail of an item that came from an older-layout record is zero).
+ * Indexes are 0-based; BITMAPLIST_END (0xFFFFFFFF) means the end where stated.
+ * Common results: 1; -13 null handle or pointer, a handle that is not a live
+ * list, an index at or past the count (get, set, remove, delete, copy, move),
+ * a count of 0 (delete, copy, move); -789 a record size other than 216 or 176,
+ * or a list whose first item does not have the size 216 (remove, replace,
+ * insert, move); -814 a non-empty list without items (insert); -1 when memory
+ * runs out, with the list unchanged. */
+typedef struct OmbrixBitmapList_* HBITMAPLIST;
+#define BITMAPLIST_END 0xFFFFFFFFu
+/* Makes an empty list in *phList. */
+OMBRIX_API int32_t K_CreateBitmapList(HBITMAPLIST* phList);
+/* Deletes every item (freeing its bitmap) and the list. */
+OMBRIX_API int32_t K_DestroyBitmapList(HBITMAPLIST hList);
+OMBRIX_API int32_t K_GetBitmapListCount(HBITMAPLIST hList, uint32_t* puCount);
+/* Inserts a copy of the record before the item at uIndex; an index at or past
+ * the count (BITMAPLIST_END included) appends. The record's storage now
+ * belongs to the list. */
+OMBRIX_API int32_t K_InsertBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, const BITMAPRECORD* pBitmap);
+/* Takes the item out of the list into *pBitmap (a current-layout record),
+ * whose storage the caller then owns. With a null pBitmap the item's bitmap
+ * is freed (nobody could free it otherwise). */
+OMBRIX_API int32_t K_RemoveBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, BITMAPRECORD* pBitmap);
+/* Removes up to uCount items from uFirst on and frees each bitmap; the first
+ * failure stops the loop and is returned. */
+OMBRIX_API int32_t K_DeleteBitmapListItems(HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
+/* Copies the item into *pBitmap (uStructSize bytes' worth of layout, 216 or
+ * 176) without giving up ownership. An older-layout copy of an allocated item
+ * cannot carry the item's hListBlock: that block is freed and cleared in the
+ * item. */
+OMBRIX_API int32_t K_GetBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, BITMAPRECORD* pBitmap,
+                                       uint32_t uStructSize);
+/* Overwrites the item with a copy of the record (stored in the current
+ * layout); null leaves an empty current-layout record (zero but for its size
+ * word). The old item is not freed. */
+OMBRIX_API int32_t K_SetBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, const BITMAPRECORD* pBitmap);
+/* Puts pNew in place of the item (BITMAPLIST_END: the last one; stored in
+ * the current layout). The old item goes to *pOld (uOldSize, 216 or 176,
+ * bytes' worth of layout; an older-layout copy frees the item's hListBlock),
+ * or is freed when pOld is null and it is allocated. */
+OMBRIX_API int32_t K_ReplaceBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, const BITMAPRECORD* pNew,
+                                           BITMAPRECORD* pOld, uint32_t uOldSize);
+/* Makes *phNew, a new list of deep copies (K_CopyBitmap) of up to uCount
+ * items from uFirst on; on any failure nothing is made and the failure is
+ * returned. */
+OMBRIX_API int32_t K_CopyBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
+/* Makes *phNew, a new list, and moves up to uCount items from uFirst on into
+ * it; the source closes the gap. */
+OMBRIX_API int32_t K_MoveBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
 
 /* ======================================================================
  * Section: display support: window level and paint tables
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* -- paint tables -------------------------------------------------------
+ * Every bitmap carries a paint intensity (-1000..1000, thousandths of full
+ * scale added to each value), a paint contrast (-1000..1000, positive
+ * steepens) and a paint gamma (any value but 0, hundredths: 100 is 1.0; the
+ * tables apply the exponent 100 / gamma). A record that never had a gamma set
+ * reads 100. Changing any of them rebuilds the bitmap's paint tables: a
+ * 256-entry 8-bit table and, for a 12- or 16-bit grey bitmap in the current
+ * layout, a 65536-entry 16-bit table. BRF_PAINT_TABLE (0x2000 of uFlags) is set
+ * when an entry differs from its index. The tables live in a block the record
+ * owns (K_FreeBitmap releases it); until the first change they are identities.
+ * Setters: 1; -2 null or unallocated record; -789 size word; -13 value out of
+ * range; -1 when the tables cannot be allocated (nothing changes). Setting the
+ * value the bitmap already has returns 1 and does nothing.
+ * Getters return the value itself; -13 null record, -789 size word. */
+#define BRF_PAINT_TABLE 0x2000u
+OMBRIX_API int32_t K_SetPaintIntensity(BITMAPRECORD* pBitmap, int32_t nIntensity);
+OMBRIX_API int32_t K_SetPaintContrast(BITMAPRECORD* pBitmap, int32_t nContrast);
+OMBRIX_API int32_t K_SetPaintGamma(BITMAPRECORD* pBitmap, int32_t nGamma);
+OMBRIX_API int32_t K_GetPaintIntensity(const BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_GetPaintContrast(const BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_GetPaintGamma(const BITMAPRECORD* pBitmap);
+/* Copies the 8-bit paint table (256 entries) into pTable. 1; -13 null
+ * pointer, -789 size word. An identity is returned while none was built. */
+OMBRIX_API int32_t K_GetPaintTable(const BITMAPRECORD* pBitmap, uint8_t* pTable);
+/* Copies the 16-bit paint table (65536 entries) into pTable. 1; -13 null
+ * pointer; -789 size word; -16 for a bitmap that has no 16-bit table (not
+ * 12- or 16-bit grey, or the older layout). An identity while none was built. */
+OMBRIX_API int32_t K_GetPaintTable16(const BITMAPRECORD* pBitmap, uint16_t* pTable);
+
+/* -- window-level tables -------------------------------------------------
+ * Fill a table so that the window of input values [nLow, nHigh] is spread
+ * over a ramp. Colours are 24-bit values, red in bits 0-7, green 8-15, blue
+ * 16-23 (the Ext form: 16 bits per channel, red 0-15, green 16-31, blue
+ * 32-47). uFlags, four nibbles:
+ *   0x000F  WLFLAG_MODE1: ramp from start to end colour inside the window,
+ *           outside repeat the colour at the window's edge;
+ *           WLFLAG_MODE2: below the window the start colour, above it the end
+ *           colour, inside a ramp from black to white
+ *   0x00F0  curve: WLCURVE_LINEAR, _EXPONENTIAL, _LOGARITHMIC (nFactor >= 0),
+ *           _SIGMOID; k = nFactor / 10; nFactor 0 always gives the line
+ *   0x0F00  WLFLAG_SIGNED: entries indexed -(len/2)..(len-1)/2, a negative
+ *           index i stored at i + len
+ *   0xF000  WLFLAG_ALT: mode 1 leaves the entries outside the window alone;
+ *           mode 2 ramps from the start to the end colour inside the window
+ * The window is clamped to [nMinValue, nMaxValue], then to the table's index
+ * range. A window of one entry gets the ramp's first colour. nLowBit and
+ * nHighBit describe the samples the table serves; they are only checked.
+ * Results: 1; -13 null table, bad flags (any other nibble value), a negative
+ * factor with the logarithmic curve, nLowBit > nHighBit, nMinValue >
+ * nMaxValue or nLow > nHigh. A table length of 0 fills nothing. */
+#define WLFLAG_MODE1         0x0001u
+#define WLFLAG_MODE2         0x0002u
+#define WLCURVE_LINEAR       0x0010u
+#define WLCURVE_EXPONENTIAL  0x0020u
+#define WLCURVE_LOGARITHMIC  0x0030u
+#define WLCURVE_SIGMOID      0x0040u
+#define WLFLAG_SIGNED        0x0100u
+#define WLFLAG_ALT           0x1000u
+typedef struct tagRGBQUAD16 {
+    uint16_t rgbBlue;
+    uint16_t rgbGreen;
+    uint16_t rgbRed;
+    uint16_t rgbReserved;
+} RGBQUAD16;
+/* RGBQUAD entries (reserved byte 0). */
+OMBRIX_API int32_t K_WindowLevelFillLUT(RGBQUAD* pLUT, uint32_t uLUTLength, uint32_t crStart, uint32_t crEnd,
+                                        int32_t nLow, int32_t nHigh, int32_t nLowBit, int32_t nHighBit,
+                                        int32_t nMinValue, int32_t nMaxValue, int32_t nFactor, uint32_t uFlags);
+/* One grey byte per entry; start and end are grey levels 0..255 (else -13);
+ * mode 2 ramps from 0 to 255. */
+OMBRIX_API int32_t K_WindowLevelFillLUT2(uint8_t* pLUT, uint32_t uLUTLength, uint32_t uStartGrey,
+                                         uint32_t uEndGrey, int32_t nLow, int32_t nHigh, int32_t nLowBit,
+                                         int32_t nHighBit, int32_t nMinValue, int32_t nMaxValue,
+                                         int32_t nFactor, uint32_t uFlags);
+/* RGBQUAD16 entries, 48-bit colours; mode 2 ramps from 0 to 65535 per channel. */
+OMBRIX_API int32_t K_WindowLevelFillLUTExt(RGBQUAD16* pLUT, uint32_t uLUTLength, uint64_t crStart,
+                                           uint64_t crEnd, int32_t nLow, int32_t nHigh, int32_t nLowBit,
+                                           int32_t nHighBit, int32_t nMinValue, int32_t nMaxValue,
+                                           int32_t nFactor, uint32_t uFlags);
+/* One 16-bit grey level per entry; start and end 0..65535 (else -13). */
+OMBRIX_API int32_t K_WindowLevelFillLUTExt2(uint16_t* pLUT, uint32_t uLUTLength, uint32_t uStartGrey,
+                                            uint32_t uEndGrey, int32_t nLow, int32_t nHigh, int32_t nLowBit,
+                                            int32_t nHighBit, int32_t nMinValue, int32_t nMaxValue,
+                                            int32_t nFactor, uint32_t uFlags);
+
+/* -- applying a window ----------------------------------------------------
+ * Both make pDst (a record of size uStructSize, treated as uninitialised; it
+ * may be pSrc, which is then replaced) an 8-bit grey bitmap (grey palette) of
+ * the source's size, view perspective and resolution from a 12-bit or 16-bit
+ * grey source of any storage kind. The sample of a pixel is its bits
+ * nLowBit..nHighBit; with signed samples the top bit of that window is the
+ * sign. The source's region is not carried over. pDst is written only on
+ * success.
+ * K_WindowLevel: the window [nLow, nHigh] of sample values becomes 0..255 by
+ * the curve of uFlags (WLCURVE_ nibble, 0 = linear, nFactor as above), black
+ * below, white above; WLFLAG_SIGNED reads the samples as signed;
+ * WL_INVERT swaps black and white. The sample window is the source's
+ * nLowBit..nHighBit.
+ * K_WindowLevelExt: applies a caller table (for example from
+ * K_WindowLevelFillLUT) of 1 << (nHighBit - nLowBit + 1) entries (else
+ * -1486), indexed by the sample bits as they are (a signed table's negative
+ * entries sit at i + length, which is the raw bits); each entry gives the grey
+ * (2 R + 5 G + B + 4) >> 3. uFlags must be 0.
+ * Results: 1; -13 null pointer, a sample window outside the source depth or
+ * low above high, nLow > nHigh, unknown flags; -789 size word of either
+ * record; -2 unallocated source; -27 a source that is not 12 or 16 bits;
+ * -13 a 16-bit source whose order is not grey; -1 and other storage statuses
+ * when the destination cannot be made or a row cannot move; a progress
+ * callback's answer other than 1 stops the call and is returned. */
+#define WL_INVERT 0x0200u
+OMBRIX_API int32_t K_WindowLevel(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, uint32_t uStructSize, int32_t nLow,
+                                 int32_t nHigh, int32_t nFactor, uint32_t uFlags);
+OMBRIX_API int32_t K_WindowLevelExt(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, uint32_t uStructSize,
+                                    const RGBQUAD* pLUT, uint32_t uLUTLength, int32_t nLowBit,
+                                    int32_t nHighBit, uint32_t uFlags);
 
 /* ======================================================================
  * Section: display support: animation playback
