@@ -87,6 +87,27 @@ TEST(ColorResSearch, Fixed256DirectIndexEqualsTheScan) {
     }
 }
 
+TEST(ColorResSearch, Fixed256RowKernelsAgreeOverEveryColour) {
+    if (!krn::cpuHasSsse3()) GTEST_SKIP() << "no SSSE3";
+    // Every colour once, in rows of odd lengths so each kernel also ends on a
+    // partial block.
+    const int32_t w = 4093;
+    const size_t n0 = static_cast<size_t>(w);
+    std::vector<uint8_t> bgr(n0 * 3), a(n0), b(n0);
+    uint32_t c = 0;
+    while (c < (1u << 24)) {
+        int32_t n = 0;
+        for (; n < w && c < (1u << 24); ++n, ++c) {
+            bgr[size_t(n) * 3] = uint8_t(c);
+            bgr[size_t(n) * 3 + 1] = uint8_t(c >> 8);
+            bgr[size_t(n) * 3 + 2] = uint8_t(c >> 16);
+        }
+        krn::fixed256RowPlain(bgr.data(), a.data(), n);
+        krn::fixed256RowSsse3(bgr.data(), b.data(), n);
+        ASSERT_EQ(0, std::memcmp(a.data(), b.data(), size_t(n))) << "block ending at " << c;
+    }
+}
+
 TEST(ColorResSearch, CellPrunedSearchEqualsTheScan) {
     std::mt19937 rng(11);
     struct Case {

@@ -116,7 +116,8 @@ template <MapKind K>
 void mapRowT(const Mapper& m, const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept {
     for (int32_t x = 0; x < w; ++x, bgr += 3) {
         if constexpr (K == MapKind::Fixed256) {
-            idx[x] = uint8_t(fixed256Index(bgr[2], bgr[1], bgr[0]));
+            fixed256Row(bgr, idx, w);
+            return;
         } else if constexpr (K == MapKind::Exact) {
             idx[x] = uint8_t(m.exact(bgr[2], bgr[1], bgr[0]));
         } else {

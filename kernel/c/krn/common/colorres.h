@@ -19,8 +19,8 @@ int32_t colorResBitmap(BITMAPRECORD* src, BITMAPRECORD* dst, int32_t bits, uint3
                        const RGBQUAD* pal, int32_t nColors, uint32_t structSize) noexcept;
 
 // Exact nearest entry of a palette (1..256 entries), the same answer as
-// K_FindPaletteIndex for every colour: the colour cube is cut into 16x16x16
-// cells and each cell keeps, in index order, only the entries that can be
+// K_FindPaletteIndex for every colour: the colour cube is cut into cells
+// (32x32x32 for more than 16 entries, else 16x16x16) and each cell keeps, in index order, only the entries that can be
 // nearest to some colour inside it (an entry whose smallest distance to the
 // cell exceeds the smallest largest distance of any entry cannot).
 class NearestIndex {
@@ -33,7 +33,8 @@ private:
     const RGBQUAD* pal_ = nullptr;
     int32_t n_ = 0;
     int32_t black_ = 0, white_ = 0;
-    kvector<uint32_t> start_;   // 4097 offsets into cand_
+    int shift_ = 4;             // cells of 2^shift_ values per axis
+    kvector<uint32_t> start_;   // offsets into cand_, one per cell and one past the end
     kvector<uint8_t> cand_;
     uint8_t rgb_[256][4]{};     // r, g, b, hue class
 };
@@ -43,6 +44,15 @@ private:
 // 4 blues, so the nearest entry is the nearest level of each channel; the
 // rare ties between two levels go to the scan).
 int32_t fixed256Index(int r, int g, int b) noexcept;
+
+// Rows of 24-bit BGR pixels to indices of the fixed 256-colour palette:
+// the plain loop over fixed256Index, the SSSE3 kernel (16 pixels a step,
+// per-channel levels by threshold counting, blocks with a tie handed to the
+// plain loop), and the one chosen for this processor.
+void fixed256RowPlain(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;
+void fixed256RowSsse3(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;  // only with SSSE3
+bool cpuHasSsse3() noexcept;
+void fixed256Row(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;
 
 // Weighted colour sample -> palette. `colors` are 0x00RRGGBB, `weights`
 // their counts. Writes `free` entries after the `fixed` ones of `pal`

@@ -25,6 +25,10 @@
 #include <cmath>
 #include <cstring>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
 #include "colorres.h"
 #include "hooks.h"
 #include "palette.h"
@@ -58,19 +62,23 @@ bool NearestIndex::build(const RGBQUAD* pal, int32_t n) noexcept {
         rgb_[i][2] = pal[i].rgbBlue;
         rgb_[i][3] = uint8_t(hueClass(pal[i].rgbRed, pal[i].rgbGreen, pal[i].rgbBlue));
     }
+    // Cells of 8 (large palettes) or 16 (small ones) values per axis.
+    shift_ = n > 16 ? 3 : 4;
+    const int axis = 256 >> shift_, size = 1 << shift_;
+    const int cells = axis * axis * axis;
     try {
-        start_.assign(4097, 0);
+        start_.assign(size_t(cells) + 1, 0);
         cand_.clear();
-        cand_.reserve(size_t(4096) * std::min<int32_t>(n, 8));
+        cand_.reserve(size_t(cells) * std::min<int32_t>(n, 8));
         uint32_t dmin[256], dmax[256];
-        for (int cell = 0; cell < 4096; ++cell) {
-            const int r0 = (cell >> 8) << 4, g0 = ((cell >> 4) & 15) << 4, b0 = (cell & 15) << 4;
+        for (int cell = 0; cell < cells; ++cell) {
+            const int r0 = (cell / (axis * axis)) * size, g0 = ((cell / axis) % axis) * size, b0 = (cell % axis) * size;
             uint32_t bound = 0xFFFFFFFFu;
             for (int32_t i = 0; i < n; ++i) {
                 uint32_t a, b, c, d, e, f;
-                axisRange(rgb_[i][0], r0, r0 + 15, a, b);
-                axisRange(rgb_[i][1], g0, g0 + 15, c, d);
-                axisRange(rgb_[i][2], b0, b0 + 15, e, f);
+                axisRange(rgb_[i][0], r0, r0 + size - 1, a, b);
+                axisRange(rgb_[i][1], g0, g0 + size - 1, c, d);
+                axisRange(rgb_[i][2], b0, b0 + size - 1, e, f);
                 dmin[i] = a + c + e;
                 dmax[i] = b + d + f;
                 bound = std::min(bound, dmax[i]);
@@ -79,7 +87,7 @@ bool NearestIndex::build(const RGBQUAD* pal, int32_t n) noexcept {
             for (int32_t i = 0; i < n; ++i)
                 if (dmin[i] <= bound) cand_.push_back(uint8_t(i));
         }
-        start_[4096] = uint32_t(cand_.size());
+        start_[size_t(cells)] = uint32_t(cand_.size());
     } catch (...) {
         return false;
     }
@@ -89,7 +97,8 @@ bool NearestIndex::build(const RGBQUAD* pal, int32_t n) noexcept {
 int32_t NearestIndex::operator()(int r, int g, int b) const noexcept {
     if ((r | g | b) == 0) return black_;
     if ((r & g & b) == 255) return white_;
-    const int cell = ((r >> 4) << 8) | ((g >> 4) << 4) | (b >> 4);
+    const int k = 8 - shift_;
+    const int cell = ((r >> shift_) << (2 * k)) | ((g >> shift_) << k) | (b >> shift_);
     const uint8_t* c = cand_.data() + start_[size_t(cell)];
     const uint8_t* end = cand_.data() + start_[size_t(cell) + 1];
     const int cls = hueClass(r, g, b);
@@ -154,6 +163,87 @@ int32_t fixed256Index(int r, int g, int b) noexcept {
     const uint32_t v = uint32_t(t.r[r]) | t.g[g] | t.b[b];
     if (v & 0x8000u) return findPaletteIndex(fixedPalette(8), 256, r, g, b);
     return int32_t(v);
+}
+
+void fixed256RowPlain(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept {
+    const Fixed256Tables& t = fixed256Tables();
+    for (int32_t x = 0; x < w; ++x, bgr += 3) {
+        const uint32_t v = uint32_t(t.r[bgr[2]]) | t.g[bgr[1]] | t.b[bgr[0]];
+        idx[x] = (v & 0x8000u) ? uint8_t(findPaletteIndex(fixedPalette(8), 256, bgr[2], bgr[1], bgr[0])) : uint8_t(v);
+    }
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+bool cpuHasSsse3() noexcept {
+    static const bool has = __builtin_cpu_supports("ssse3");
+    return has;
+}
+
+// Level of each byte: the count of thresholds it exceeds (unsigned compare
+// by flipping the sign bit).
+__attribute__((target("ssse3"))) static inline __m128i levels(__m128i v, const __m128i* th, int n) noexcept {
+    const __m128i s = _mm_xor_si128(v, _mm_set1_epi8(char(0x80)));
+    __m128i lvl = _mm_setzero_si128();
+    for (int i = 0; i < n; ++i) lvl = _mm_sub_epi8(lvl, _mm_cmpgt_epi8(s, th[i]));
+    return lvl;
+}
+
+__attribute__((target("ssse3"))) void fixed256RowSsse3(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept {
+    // Midpoints between neighbouring levels (a value above the midpoint is
+    // nearer the upper level); 18, 91, 164 and 237 lie exactly between two
+    // red or green levels.
+    static const int kRG[7] = {18, 54, 91, 127, 164, 200, 237};
+    static const int kB[3] = {42, 127, 212};
+    __m128i thRG[7], thB[3];
+    for (int i = 0; i < 7; ++i) thRG[i] = _mm_set1_epi8(char(kRG[i] ^ 0x80));
+    for (int i = 0; i < 3; ++i) thB[i] = _mm_set1_epi8(char(kB[i] ^ 0x80));
+    const __m128i tie0 = _mm_set1_epi8(18), tie1 = _mm_set1_epi8(91), tie2 = _mm_set1_epi8(char(164)),
+                  tie3 = _mm_set1_epi8(char(237));
+    // De-interleaving masks: bytes of channel c from each of the three 16-byte loads.
+    alignas(16) int8_t m[3][3][16];
+    for (int c = 0; c < 3; ++c)
+        for (int part = 0; part < 3; ++part)
+            for (int i = 0; i < 16; ++i) {
+                const int src = i * 3 + c - part * 16;
+                m[c][part][i] = int8_t(src >= 0 && src < 16 ? src : -128);
+            }
+    auto mask = [&](int c, int part) { return _mm_load_si128(reinterpret_cast<const __m128i*>(m[c][part])); };
+    const __m128i mb0 = mask(0, 0), mb1 = mask(0, 1), mb2 = mask(0, 2);
+    const __m128i mg0 = mask(1, 0), mg1 = mask(1, 1), mg2 = mask(1, 2);
+    const __m128i mr0 = mask(2, 0), mr1 = mask(2, 1), mr2 = mask(2, 2);
+    int32_t x = 0;
+    for (; x + 16 <= w; x += 16, bgr += 48) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bgr));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bgr + 16));
+        const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bgr + 32));
+        const __m128i B = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(a, mb0), _mm_shuffle_epi8(b, mb1)), _mm_shuffle_epi8(c, mb2));
+        const __m128i G = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(a, mg0), _mm_shuffle_epi8(b, mg1)), _mm_shuffle_epi8(c, mg2));
+        const __m128i R = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(a, mr0), _mm_shuffle_epi8(b, mr1)), _mm_shuffle_epi8(c, mr2));
+        __m128i tie = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(R, tie0), _mm_cmpeq_epi8(R, tie1)),
+                                   _mm_or_si128(_mm_cmpeq_epi8(R, tie2), _mm_cmpeq_epi8(R, tie3)));
+        tie = _mm_or_si128(tie, _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(G, tie0), _mm_cmpeq_epi8(G, tie1)),
+                                             _mm_or_si128(_mm_cmpeq_epi8(G, tie2), _mm_cmpeq_epi8(G, tie3))));
+        if (_mm_movemask_epi8(tie)) {
+            fixed256RowPlain(bgr, idx + x, 16);
+            continue;
+        }
+        const __m128i lr = levels(R, thRG, 7), lg = levels(G, thRG, 7), lb = levels(B, thB, 3);
+        // lr << 5 | lg << 2 | lb: levels are at most 7, so 16-bit shifts carry nothing across bytes.
+        const __m128i v = _mm_or_si128(_mm_or_si128(_mm_slli_epi16(lr, 5), _mm_slli_epi16(lg, 2)), lb);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(idx + x), v);
+    }
+    if (x < w) fixed256RowPlain(bgr, idx + x, w - x);
+}
+#else
+bool cpuHasSsse3() noexcept { return false; }
+void fixed256RowSsse3(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept { fixed256RowPlain(bgr, idx, w); }
+#endif
+
+void fixed256Row(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept {
+    if (cpuHasSsse3())
+        fixed256RowSsse3(bgr, idx, w);
+    else
+        fixed256RowPlain(bgr, idx, w);
 }
 
 // ---------------------------------------------------------------- the split
