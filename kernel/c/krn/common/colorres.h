@@ -42,7 +42,7 @@ private:
 // The index of K_FindPaletteIndex(fixed 256-colour palette, 256, r, g, b),
 // computed per channel (the palette is a product grid of 8 reds, 8 greens and
 // 4 blues, so the nearest entry is the nearest level of each channel; the
-// rare ties between two levels go to the scan).
+// values midway between two levels take the search's tie rule).
 int32_t fixed256Index(int r, int g, int b) noexcept;
 
 // Rows of 24-bit BGR pixels to indices of the fixed 256-colour palette:

@@ -158,10 +158,31 @@ const Fixed256Tables& fixed256Tables() noexcept {
 
 }  // namespace
 
+// A value midway between two red (or green) levels leaves two (or four)
+// entries at the same smallest distance; the search's tie rule then picks the
+// last of them, in index order, whose hue class is the colour's, else the
+// first. (A midpoint is never a level, so there is no exact match, and black
+// and white are never midpoints.)
+static int32_t fixed256Tie(int r, int g, int b) noexcept {
+    const Fixed256Tables& t = fixed256Tables();
+    const int lr = (t.r[r] & 0xFF) >> 5, lg = (t.g[g] & 0xFF) >> 2, lb = t.b[b] & 3;
+    const int nr = (t.r[r] & 0x8000) ? 2 : 1, ng = (t.g[g] & 0x8000) ? 2 : 1;
+    const RGBQUAD* pal = fixedPalette(8);
+    const int cls = hueClass(r, g, b);
+    int first = -1, match = -1;
+    for (int i = 0; i < nr; ++i)
+        for (int j = 0; j < ng; ++j) {
+            const int idx = ((lr + i) << 5) | ((lg + j) << 2) | lb;
+            if (first < 0) first = idx;
+            if (hueClass(pal[idx].rgbRed, pal[idx].rgbGreen, pal[idx].rgbBlue) == cls) match = idx;
+        }
+    return match >= 0 ? match : first;
+}
+
 int32_t fixed256Index(int r, int g, int b) noexcept {
     const Fixed256Tables& t = fixed256Tables();
     const uint32_t v = uint32_t(t.r[r]) | t.g[g] | t.b[b];
-    if (v & 0x8000u) return findPaletteIndex(fixedPalette(8), 256, r, g, b);
+    if (v & 0x8000u) return fixed256Tie(r, g, b);
     return int32_t(v);
 }
 
@@ -169,7 +190,7 @@ void fixed256RowPlain(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept {
     const Fixed256Tables& t = fixed256Tables();
     for (int32_t x = 0; x < w; ++x, bgr += 3) {
         const uint32_t v = uint32_t(t.r[bgr[2]]) | t.g[bgr[1]] | t.b[bgr[0]];
-        idx[x] = (v & 0x8000u) ? uint8_t(findPaletteIndex(fixedPalette(8), 256, bgr[2], bgr[1], bgr[0])) : uint8_t(v);
+        idx[x] = (v & 0x8000u) ? uint8_t(fixed256Tie(bgr[2], bgr[1], bgr[0])) : uint8_t(v);
     }
 }
 
@@ -223,14 +244,15 @@ __attribute__((target("ssse3"))) void fixed256RowSsse3(const uint8_t* bgr, uint8
                                    _mm_or_si128(_mm_cmpeq_epi8(R, tie2), _mm_cmpeq_epi8(R, tie3)));
         tie = _mm_or_si128(tie, _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(G, tie0), _mm_cmpeq_epi8(G, tie1)),
                                              _mm_or_si128(_mm_cmpeq_epi8(G, tie2), _mm_cmpeq_epi8(G, tie3))));
-        if (_mm_movemask_epi8(tie)) {
-            fixed256RowPlain(bgr, idx + x, 16);
-            continue;
-        }
         const __m128i lr = levels(R, thRG, 7), lg = levels(G, thRG, 7), lb = levels(B, thB, 3);
         // lr << 5 | lg << 2 | lb: levels are at most 7, so 16-bit shifts carry nothing across bytes.
         const __m128i v = _mm_or_si128(_mm_or_si128(_mm_slli_epi16(lr, 5), _mm_slli_epi16(lg, 2)), lb);
         _mm_storeu_si128(reinterpret_cast<__m128i*>(idx + x), v);
+        // Pixels midway between two levels get the tie rule.
+        for (uint32_t bits = uint32_t(_mm_movemask_epi8(tie)); bits; bits &= bits - 1) {
+            const int i = __builtin_ctz(bits);
+            idx[x + i] = uint8_t(fixed256Tie(bgr[i * 3 + 2], bgr[i * 3 + 1], bgr[i * 3]));
+        }
     }
     if (x < w) fixed256RowPlain(bgr, idx + x, w - x);
 }
