@@ -130,22 +130,24 @@ TEST(ColorResSearch, CellPrunedSearchEqualsTheScan) {
     for (int i = 0; i < 64; ++i) lattice.push_back(quad((i & 3) * 80, ((i >> 2) & 3) * 80, (i >> 4) * 80));
     cases.push_back({"lattice", lattice});
     for (const Case& c : cases) {
-        krn::NearestIndex ni;
-        ASSERT_TRUE(ni.build(c.pal.data(), int32_t(c.pal.size())));
-        const int n = int(c.pal.size());
-        for (int i = 0; i < 60000; ++i) {
-            int r, g, b;
-            if (i % 3 == 0) {  // lattice midpoints and cell borders produce ties
-                r = int(rng() % 7) * 40;
-                g = int(rng() % 7) * 40;
-                b = int(rng() % 7) * 40;
-            } else {
-                r = int(rng() & 255), g = int(rng() & 255), b = int(rng() & 255);
+        for (bool fine : {false, true}) {
+            krn::NearestIndex ni;
+            ASSERT_TRUE(ni.build(c.pal.data(), int32_t(c.pal.size()), fine));
+            const int n = int(c.pal.size());
+            for (int i = 0; i < 40000; ++i) {
+                int r, g, b;
+                if (i % 3 == 0) {  // lattice midpoints and cell borders produce ties
+                    r = int(rng() % 7) * 40;
+                    g = int(rng() % 7) * 40;
+                    b = int(rng() % 7) * 40;
+                } else {
+                    r = int(rng() & 255), g = int(rng() & 255), b = int(rng() & 255);
+                }
+                ASSERT_EQ(ni(r, g, b), K_FindPaletteIndex(c.pal.data(), n, r, g, b))
+                    << c.name << (fine ? " fine " : " ") << r << ' ' << g << ' ' << b;
             }
-            ASSERT_EQ(ni(r, g, b), K_FindPaletteIndex(c.pal.data(), n, r, g, b)) << c.name << ' ' << r << ' ' << g << ' ' << b;
+            for (int k : {0, 255}) ASSERT_EQ(ni(k, k, k), K_FindPaletteIndex(c.pal.data(), n, k, k, k)) << c.name;
         }
-        for (int k : {0, 255})
-            ASSERT_EQ(ni(k, k, k), K_FindPaletteIndex(c.pal.data(), n, k, k, k)) << c.name;
     }
 }
 

@@ -609,7 +609,8 @@ int32_t colorResBitmap(BITMAPRECORD* src, BITMAPRECORD* dst, int32_t bits, uint3
                 m.kind = MapKind::Fixed256;
             } else if ((flags & CRF_EXACTMATCH) || kind != CRF_USERPALETTE) {
                 m.kind = MapKind::Exact;
-                if (!m.exact.build(p.pal, p.nPal)) return KS_NO_MEMORY;
+                const bool fine = p.srcBits > 8 && uint64_t(p.width) * uint64_t(p.height) >= (uint64_t(1) << 21);
+                if (!m.exact.build(p.pal, p.nPal, fine)) return KS_NO_MEMORY;
             } else {
                 m.kind = MapKind::Table;
                 m.tree = buildColorMatchTree(p.pal, p.nPal);

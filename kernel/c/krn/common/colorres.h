@@ -20,13 +20,14 @@ int32_t colorResBitmap(BITMAPRECORD* src, BITMAPRECORD* dst, int32_t bits, uint3
 
 // Exact nearest entry of a palette (1..256 entries), the same answer as
 // K_FindPaletteIndex for every colour: the colour cube is cut into cells
-// (32x32x32 for more than 16 entries, else 16x16x16) and each cell keeps, in index order, only the entries that can be
+// (16x16x16, or 32x32x32 on request) and each cell keeps, in index order, only the entries that can be
 // nearest to some colour inside it (an entry whose smallest distance to the
 // cell exceeds the smallest largest distance of any entry cannot).
 class NearestIndex {
 public:
-    // false when memory runs out.
-    bool build(const RGBQUAD* pal, int32_t n) noexcept;
+    // false when memory runs out. `fine` asks for 32x32x32 cells (worth
+    // their building time for large palettes over many pixels).
+    bool build(const RGBQUAD* pal, int32_t n, bool fine = false) noexcept;
     int32_t operator()(int r, int g, int b) const noexcept;
 
 private:

@@ -50,7 +50,7 @@ inline void axisRange(int e, int lo, int hi, uint32_t& dmin, uint32_t& dmax) noe
 
 }  // namespace
 
-bool NearestIndex::build(const RGBQUAD* pal, int32_t n) noexcept {
+bool NearestIndex::build(const RGBQUAD* pal, int32_t n, bool fine) noexcept {
     if (!pal || n < 1 || n > 256) return false;
     pal_ = pal;
     n_ = n;
@@ -62,8 +62,8 @@ bool NearestIndex::build(const RGBQUAD* pal, int32_t n) noexcept {
         rgb_[i][2] = pal[i].rgbBlue;
         rgb_[i][3] = uint8_t(hueClass(pal[i].rgbRed, pal[i].rgbGreen, pal[i].rgbBlue));
     }
-    // Cells of 8 (large palettes) or 16 (small ones) values per axis.
-    shift_ = n > 16 ? 3 : 4;
+    // Cells of 8 (fine, large palettes) or 16 values per axis.
+    shift_ = fine && n > 16 ? 3 : 4;
     const int axis = 256 >> shift_, size = 1 << shift_;
     const int cells = axis * axis * axis;
     try {
