@@ -1777,6 +1777,85 @@ OMBRIX_API int32_t K_ClearNegativePixels(BITMAPRECORD* pBitmap);
  * ====================================================================== */
 /* (declarations of this section follow) */
 
+/* -- colour resolution of whole bitmaps --
+ * uFlags of K_ColorResBitmap. One palette choice (at most one of the first
+ * four; none means CRF_USERPALETTE when pPalette is given, else the fixed
+ * palette), one destination order (none: RGB), and the dithering choice.
+ * Frame drawing passes CRF_USERPALETTE | CRF_NODITHERING (0x10010) with the
+ * target's palette for targets of up to 8 bits, and CRF_BYTEORDERBGR (4) or
+ * 0 (RGB) for deeper targets. */
+#define CRF_FIXEDPALETTE     0x00000001u /* the fixed palette of the depth (1..8 bits) */
+#define CRF_NETSCAPEPALETTE  0x00000002u /* the web palette (8 bits only) */
+#define CRF_BYTEORDERBGR     0x00000004u /* colour destination in BGR order (order 1) */
+#define CRF_OPTIMIZEDPALETTE 0x00000008u /* a palette of nColors (0: 2^bits) built for this image */
+#define CRF_USERPALETTE      0x00000010u /* the caller's pPalette of nColors entries */
+#define CRF_BYTEORDERGRAY    0x00000020u /* grey destination: 1..8 bits with a grey ramp, 12/16/32-bit samples */
+#define CRF_BYTEORDERROMM    0x00000040u /* 24/48 bits in the alternate primaries (order 5) */
+#define CRF_BYTEORDER565     0x00000080u /* 16 bits 5-6-5 (order 7) */
+#define CRF_EXACTMATCH       0x00000100u /* caller palette: the exact nearest entry for every colour,
+                                            never a 5-5-5 table */
+#define CRF_NODITHERING      0x00010000u /* nearest colour whatever the source's nDitheringMethod */
+#define CRF_DITHERMASK       0x00F00000u
+#define CRF_DITHER(m)        ((((uint32_t)(m) + 1u) & 0xFu) << 20) /* method 0..8 instead of the record's */
+#define CRF_ALLFLAGS         0x00F101FFu
+
+/* Converts a whole bitmap to nBitsPerPixel (1..8, 12, 16, 24, 32, 48, 64)
+ * with the colour order and palette the flags ask. pSrc must be allocated,
+ * any depth, order and storage kind. pDst == pSrc converts in place (the
+ * record keeps its region, extra data, overlays, resolutions and view
+ * perspective; its storage and palette are replaced); otherwise pDst is
+ * filled as by K_CreateBitmap (its old contents are not read; uStructSize is
+ * its layout) with the default memory type, the source's view perspective,
+ * resolutions and dithering method, and no region.
+ * Destinations of 1..8 bits get a palette: fixed, web, the caller's (nColors
+ * 1..2^bits entries of pPalette; the record's palette has nColors entries
+ * and the rest black) or an optimised one (K_CreateBitmapOptPal, nColors 2..2^bits,
+ * 0 meaning 2^bits). Without dithering a colour takes the entry
+ * K_FindPaletteIndex gives: directly for the fixed and web palettes and the
+ * optimised palette; for a caller's palette a colour that occurs in it takes
+ * its entry through the colour-match tree, other colours go through the
+ * thread's installed user match table, else a 5-5-5 match table built from
+ * the palette (CRF_EXACTMATCH: the exact nearest entry instead). With a
+ * dithering method (the source's nDitheringMethod unless CRF_NODITHERING or
+ * CRF_DITHER(m)) the dithering engine maps the rows. Grey destinations take
+ * the kernel's grey (2R + 5G + B + 4) >> 3, scaled by the converter's rule.
+ * Progress goes through the status callback; an answer other than 1 stops
+ * the call and becomes its result.
+ * Returns 1. -13 null record, unknown flag, two palette or order choices,
+ * order not valid at that depth, palette bits with a deep destination, a
+ * bad nColors or a null pPalette with CRF_USERPALETTE, a locked bitmap in
+ * place; -789 size word; -2 source not allocated; -27 bad depth; -1 no memory;
+ * row-layer statuses. On failure pDst is left unallocated (a new record) or
+ * unchanged (in place). */
+OMBRIX_API int32_t K_ColorResBitmap(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, int32_t nBitsPerPixel,
+                                    uint32_t uFlags, const RGBQUAD* pPalette, int32_t nColors,
+                                    uint32_t uStructSize);
+
+/* Grey conversion of a whole bitmap, in place: K_ColorResBitmap(pBitmap,
+ * pBitmap, nBitsPerPixel, CRF_BYTEORDERGRAY, ...) for 8, 12 or 16 bits (else
+ * -27). Back to colour: K_ColorResBitmap with a colour depth. */
+OMBRIX_API int32_t K_GrayScaleBitmap(BITMAPRECORD* pBitmap, int32_t nBitsPerPixel);
+
+/* -- optimised palettes --
+ * uFlags of the optimised-palette builders. */
+#define OPTPAL_TRANSPARENT 0x0001u /* entry nColors-1 is the caller's transparent colour: kept, never a cluster */
+#define OPTPAL_FAST        0x0002u /* the variance split only, no refinement */
+#define OPTPAL_ALLFLAGS    0x0003u
+/* Builds the best nColors (2..256) entries for the bitmap's pixels into
+ * pPalette: the first nReserved (0..nColors) entries are the caller's and
+ * kept; with OPTPAL_TRANSPARENT the last entry too. Colours are chosen by a
+ * variance-minimising split of the colour histogram refined by weighted
+ * k-means (squared RGB distance, the distance of K_FindPaletteIndex); images
+ * of more than about a million pixels are sampled on a grid of rows and
+ * columns. When the bitmap holds at most the free entries' count of distinct
+ * colours, exactly those colours are returned. Entries that are not needed
+ * are black. *pnUsed (may be null) receives the number of meaningful entries.
+ * -13 null pointer, nColors or nReserved out of range, unknown flags; -789
+ * size word; -2 not allocated; -1 no memory; row-layer statuses. pPalette is
+ * written only on success. */
+OMBRIX_API int32_t K_CreateBitmapOptPal(BITMAPRECORD* pBitmap, RGBQUAD* pPalette, int32_t nColors,
+                                        int32_t nReserved, uint32_t uFlags, int32_t* pnUsed);
+
 /* ======================================================================
  * Section: bitmap lists
  * ====================================================================== */
