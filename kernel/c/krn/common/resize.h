@@ -41,4 +41,11 @@ int32_t createWorkingBitmap(BITMAPRECORD* work, const BITMAPRECORD* src, int32_t
 // LUT, extra data and overlays stay with the image; the old storage goes.
 int32_t replaceWithWorking(BITMAPRECORD* bm, BITMAPRECORD* work) noexcept;
 
+// Test and benchmark hooks of the resampler: use the plain loops even where
+// AVX2 is available; cap the threads of the row helper (0: all processors).
+namespace resampletest {
+void forcePlain(bool on) noexcept;
+void setMaxThreads(int32_t n) noexcept;
+}  // namespace resampletest
+
 }  // namespace krn
