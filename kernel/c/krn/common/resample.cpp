@@ -12,6 +12,7 @@
 // taps per channel count, vertical taps over a whole row) exist as plain
 // code and as AVX2/FMA builds of the same code, chosen at run time.
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 
@@ -26,10 +27,10 @@ namespace krn {
 
 namespace resampletest {
 // Test and benchmark hooks: force the plain loops; cap the threads (0: all).
-bool g_forcePlain = false;
-int32_t g_maxThreads = 0;
-void forcePlain(bool on) noexcept { g_forcePlain = on; }
-void setMaxThreads(int32_t n) noexcept { g_maxThreads = n; }
+std::atomic<bool> g_forcePlain{false};
+std::atomic<int32_t> g_maxThreads{0};
+void forcePlain(bool on) noexcept { g_forcePlain.store(on); }
+void setMaxThreads(int32_t n) noexcept { g_maxThreads.store(n); }
 }  // namespace resampletest
 
 namespace {
@@ -463,7 +464,7 @@ __attribute__((target("avx2,fma"))) void vpassAvx2(const float* const* rows, con
 }
 
 bool useAvx2() noexcept {
-    if (resampletest::g_forcePlain) return false;
+    if (resampletest::g_forcePlain.load()) return false;
     __builtin_cpu_init();
     return conv::simdCeiling() >= conv::kSimdAvx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
 }
@@ -653,7 +654,7 @@ int32_t resampleInto(BITMAPRECORD* src, BITMAPRECORD* dst, ResampleFilter filter
         j.out = &out;
         ParallelOptions opt;
         opt.bytesPerRow = uint64_t(dst->nWidth) * uint64_t(j.cw) * uint64_t(j.ay.taps) * 4u + src->nBytesPerLine;
-        opt.maxThreads = (in.base && out.base) ? resampletest::g_maxThreads : 1;
+        opt.maxThreads = (in.base && out.base) ? resampletest::g_maxThreads.load() : 1;
         opt.minRowsPerBand = 8;
         const Job* cj = &j;
         rc = parallelRows(dst->nHeight, [cj](int32_t y0, int32_t y1, int32_t) { return runBand(*cj, y0, y1); }, opt);
