@@ -16,6 +16,8 @@
 #include <cmath>
 #include <cstring>
 
+#include <emmintrin.h>
+
 #include "convert_kernels.h"
 #include "kernel.h"
 #include "memory.h"
@@ -63,6 +65,11 @@ struct Axis {
     UniqueMem<int32_t> start, count;
     UniqueMem<float> weight;  // taps per target index
     bool identity = false;
+    // The same weights with one tap count for every target (the largest),
+    // starts pulled in so that start + fixedTaps never passes the source.
+    int32_t fixedTaps = 0;
+    UniqueMem<int32_t> fixedStart;
+    UniqueMem<float> fixedWeight;
 };
 
 int32_t buildAxis(Axis* ax, int32_t oldN, int32_t newN, ResampleFilter f) noexcept {
@@ -156,6 +163,21 @@ int32_t buildAxis(Axis* ax, int32_t oldN, int32_t newN, ResampleFilter f) noexce
         ax->start.get()[i] = int32_t(first);
         ax->count.get()[i] = int32_t(last - first);
     }
+    int32_t t = 1;
+    for (int32_t i = 0; i < newN; ++i) t = std::max(t, ax->count.get()[i]);
+    if (t <= 8 && ((t + 1) & ~1) <= oldN) t = (t + 1) & ~1;  // the unrolled loops take 2, 4, 6 or 8 taps
+    ax->fixedTaps = t;
+    ax->fixedStart.reset(memAllocArray<int32_t>(size_t(newN)));
+    ax->fixedWeight.reset(memAllocArray<float>(size_t(newN) * size_t(t)));
+    if (!ax->fixedStart || !ax->fixedWeight) return KS_NO_MEMORY;
+    for (int32_t i = 0; i < newN; ++i) {
+        const int32_t st = ax->start.get()[i], n = ax->count.get()[i];
+        const int32_t fs0 = std::min(st, oldN - t);
+        float* fw = ax->fixedWeight.get() + size_t(i) * size_t(t);
+        std::fill(fw, fw + t, 0.0f);
+        for (int32_t k = 0; k < n; ++k) fw[st - fs0 + k] = ax->weight.get()[size_t(i) * size_t(taps) + size_t(k)];
+        ax->fixedStart.get()[i] = fs0;
+    }
     return KS_SUCCESS;
 }
 
@@ -213,6 +235,41 @@ inline uint16_t ld16(const uint8_t* p) noexcept {
 }
 inline void st16(uint8_t* p, uint16_t v) noexcept { std::memcpy(p, &v, 2); }
 
+// Bytes to floats and back (rounding half up, saturating), 16 at a time with
+// SSE2; the plain loops finish the row and serve the plain path.
+void bytesToFloats(const uint8_t* s, float* o, int32_t m) noexcept {
+    int32_t i = 0;
+    if (!resampletest::g_forcePlain.load(std::memory_order_relaxed)) {
+        const __m128i z = _mm_setzero_si128();
+        for (; i + 16 <= m; i += 16) {
+            const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
+            const __m128i lo = _mm_unpacklo_epi8(b, z), hi = _mm_unpackhi_epi8(b, z);
+            _mm_storeu_ps(o + i, _mm_cvtepi32_ps(_mm_unpacklo_epi16(lo, z)));
+            _mm_storeu_ps(o + i + 4, _mm_cvtepi32_ps(_mm_unpackhi_epi16(lo, z)));
+            _mm_storeu_ps(o + i + 8, _mm_cvtepi32_ps(_mm_unpacklo_epi16(hi, z)));
+            _mm_storeu_ps(o + i + 12, _mm_cvtepi32_ps(_mm_unpackhi_epi16(hi, z)));
+        }
+    }
+    for (; i < m; ++i) o[i] = float(s[i]);
+}
+inline float clampRound(float v, float hi) noexcept;
+void floatsToBytes(const float* in, uint8_t* d, int32_t m) noexcept {
+    int32_t i = 0;
+    if (!resampletest::g_forcePlain.load(std::memory_order_relaxed)) {
+        const __m128 half = _mm_set1_ps(0.5f);
+        for (; i + 16 <= m; i += 16) {
+            const __m128i a = _mm_cvttps_epi32(_mm_add_ps(_mm_loadu_ps(in + i), half));
+            const __m128i b = _mm_cvttps_epi32(_mm_add_ps(_mm_loadu_ps(in + i + 4), half));
+            const __m128i c = _mm_cvttps_epi32(_mm_add_ps(_mm_loadu_ps(in + i + 8), half));
+            const __m128i e = _mm_cvttps_epi32(_mm_add_ps(_mm_loadu_ps(in + i + 12), half));
+            // Values in (-1, 0) truncate to 0; packs and packus saturate to 0..255.
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i),
+                             _mm_packus_epi16(_mm_packs_epi32(a, b), _mm_packs_epi32(c, e)));
+        }
+    }
+    for (; i < m; ++i) d[i] = uint8_t(clampRound(in[i], 255.f));
+}
+
 // Decodes n source pixels into cs channels in canonical order (B, G, R, A or grey).
 void decodeRaw(const Format& f, const float* palTable, const uint8_t* s, float* o, int32_t n) noexcept {
     switch (f.fmt) {
@@ -265,8 +322,7 @@ void decodeRaw(const Format& f, const float* palTable, const uint8_t* s, float* 
         case Fmt::B24:
         case Fmt::B32: {
             const int32_t c = f.channels;
-            const int32_t m = n * c;
-            for (int32_t i = 0; i < m; ++i) o[i] = float(s[i]);
+            bytesToFloats(s, o, n * c);
             if (f.rgb)
                 for (int32_t x = 0; x < n; ++x) std::swap(o[x * c], o[x * c + 2]);
             break;
@@ -374,7 +430,7 @@ void encode(const Format& f, const BITMAPRECORD* dst, const float* in, uint8_t* 
         case Fmt::B32: {
             const int32_t c = f.channels, m = n * c;
             if (!f.rgb) {
-                for (int32_t i = 0; i < m; ++i) d[i] = uint8_t(clampRound(in[i], 255.f));
+                floatsToBytes(in, d, m);
             } else {
                 for (int32_t x = 0; x < n; ++x)
                     for (int32_t k = 0; k < c; ++k)
@@ -415,6 +471,22 @@ inline __attribute__((always_inline)) void hpassBody(const float* __restrict in,
         for (int c = 0; c < C; ++c) out[size_t(i) * C + c] = acc[c];
     }
 }
+// The same with T taps for every target (unrolled).
+template <int C, int T>
+inline __attribute__((always_inline)) void hpassFixedBody(const float* __restrict in, float* __restrict out,
+                                                          const Axis& ax, int32_t n) noexcept {
+    const int32_t* st = ax.fixedStart.get();
+    const float* wt = ax.fixedWeight.get();
+    for (int32_t i = 0; i < n; ++i) {
+        const float* p = in + size_t(st[i]) * C;
+        const float* w = wt + size_t(i) * T;
+        float acc[C];
+        for (int c = 0; c < C; ++c) acc[c] = w[0] * p[c];
+        for (int k = 1; k < T; ++k)
+            for (int c = 0; c < C; ++c) acc[c] += w[k] * p[k * C + c];
+        for (int c = 0; c < C; ++c) out[size_t(i) * C + c] = acc[c];
+    }
+}
 // Vertical: out[i] = sum_k w[k] * rows[k][i].
 inline __attribute__((always_inline)) void vpassBody(const float* const* rows, const float* w, int32_t taps,
                                                      float* __restrict out, int32_t m) noexcept {
@@ -451,6 +523,15 @@ template <int C>
 void hpassPlain(const float* in, float* out, const Axis& ax, int32_t n) noexcept {
     hpassBody<C>(in, out, ax, n);
 }
+template <int C, int T>
+void hpassFixedPlain(const float* in, float* out, const Axis& ax, int32_t n) noexcept {
+    hpassFixedBody<C, T>(in, out, ax, n);
+}
+template <int C, int T>
+__attribute__((target("avx2,fma"))) void hpassFixedAvx2(const float* in, float* out, const Axis& ax,
+                                                        int32_t n) noexcept {
+    hpassFixedBody<C, T>(in, out, ax, n);
+}
 void vpassPlain(const float* const* rows, const float* w, int32_t taps, float* out, int32_t m) noexcept {
     vpassBody(rows, w, taps, out, m);
 }
@@ -469,7 +550,20 @@ bool useAvx2() noexcept {
     return conv::simdCeiling() >= conv::kSimdAvx2 && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
 }
 
-HFn pickH(int32_t c, bool avx) noexcept {
+template <int C>
+HFn pickFixed(int32_t t, bool avx) noexcept {
+    switch (t) {
+        case 2: return avx ? hpassFixedAvx2<C, 2> : hpassFixedPlain<C, 2>;
+        case 4: return avx ? hpassFixedAvx2<C, 4> : hpassFixedPlain<C, 4>;
+        case 6: return avx ? hpassFixedAvx2<C, 6> : hpassFixedPlain<C, 6>;
+        case 8: return avx ? hpassFixedAvx2<C, 8> : hpassFixedPlain<C, 8>;
+        default: return nullptr;
+    }
+}
+
+HFn pickH(int32_t c, int32_t fixedTaps, bool avx) noexcept {
+    HFn f = c == 1 ? pickFixed<1>(fixedTaps, avx) : c == 3 ? pickFixed<3>(fixedTaps, avx) : pickFixed<4>(fixedTaps, avx);
+    if (f) return f;
     switch (c) {
         case 1: return avx ? hpassAvx2<1> : hpassPlain<1>;
         case 3: return avx ? hpassAvx2<3> : hpassPlain<3>;
@@ -642,7 +736,7 @@ int32_t resampleInto(BITMAPRECORD* src, BITMAPRECORD* dst, ResampleFilter filter
     if (rc == KS_SUCCESS) rc = buildAxis(&j.ay, src->nHeight, dst->nHeight, filter);
     if (rc != KS_SUCCESS) return rc;
     const bool avx = useAvx2();
-    j.h = pickH(j.cw, avx);
+    j.h = pickH(j.cw, j.ax.fixedTaps, avx);
     j.v = avx ? vpassAvx2 : vpassPlain;
 
     int32_t okS = 0, okD = 0;
