@@ -472,18 +472,18 @@ inline __attribute__((always_inline)) void hpassBody(const float* __restrict in,
     }
 }
 // The same with T taps for every target (unrolled).
-template <int C, int T>
-inline __attribute__((always_inline)) void hpassFixedBody(const float* __restrict in, float* __restrict out,
+template <int C, int T, class In>
+inline __attribute__((always_inline)) void hpassFixedBody(const In* __restrict in, float* __restrict out,
                                                           const Axis& ax, int32_t n) noexcept {
     const int32_t* st = ax.fixedStart.get();
     const float* wt = ax.fixedWeight.get();
     for (int32_t i = 0; i < n; ++i) {
-        const float* p = in + size_t(st[i]) * C;
+        const In* p = in + size_t(st[i]) * C;
         const float* w = wt + size_t(i) * T;
         float acc[C];
-        for (int c = 0; c < C; ++c) acc[c] = w[0] * p[c];
+        for (int c = 0; c < C; ++c) acc[c] = w[0] * float(p[c]);
         for (int k = 1; k < T; ++k)
-            for (int c = 0; c < C; ++c) acc[c] += w[k] * p[k * C + c];
+            for (int c = 0; c < C; ++c) acc[c] += w[k] * float(p[k * C + c]);
         for (int c = 0; c < C; ++c) out[size_t(i) * C + c] = acc[c];
     }
 }
@@ -523,14 +523,26 @@ template <int C>
 void hpassPlain(const float* in, float* out, const Axis& ax, int32_t n) noexcept {
     hpassBody<C>(in, out, ax, n);
 }
-template <int C, int T>
-void hpassFixedPlain(const float* in, float* out, const Axis& ax, int32_t n) noexcept {
-    hpassFixedBody<C, T>(in, out, ax, n);
+template <int C, int T, class In = float>
+void hpassFixedPlain(const In* in, float* out, const Axis& ax, int32_t n) noexcept {
+    hpassFixedBody<C, T, In>(in, out, ax, n);
 }
-template <int C, int T>
-__attribute__((target("avx2,fma"))) void hpassFixedAvx2(const float* in, float* out, const Axis& ax,
+template <int C, int T, class In = float>
+__attribute__((target("avx2,fma"))) void hpassFixedAvx2(const In* in, float* out, const Axis& ax,
                                                         int32_t n) noexcept {
-    hpassFixedBody<C, T>(in, out, ax, n);
+    hpassFixedBody<C, T, In>(in, out, ax, n);
+}
+// Straight from 8-bit samples (24 and 32 bits in storage order, no conversion needed).
+using H8Fn = void (*)(const uint8_t*, float*, const Axis&, int32_t);
+template <int C>
+H8Fn pickFixed8(int32_t t, bool avx) noexcept {
+    switch (t) {
+        case 2: return avx ? hpassFixedAvx2<C, 2, uint8_t> : hpassFixedPlain<C, 2, uint8_t>;
+        case 4: return avx ? hpassFixedAvx2<C, 4, uint8_t> : hpassFixedPlain<C, 4, uint8_t>;
+        case 6: return avx ? hpassFixedAvx2<C, 6, uint8_t> : hpassFixedPlain<C, 6, uint8_t>;
+        case 8: return avx ? hpassFixedAvx2<C, 8, uint8_t> : hpassFixedPlain<C, 8, uint8_t>;
+        default: return nullptr;
+    }
 }
 void vpassPlain(const float* const* rows, const float* w, int32_t taps, float* out, int32_t m) noexcept {
     vpassBody(rows, w, taps, out, m);
@@ -599,7 +611,9 @@ struct Job {
     Axis ax, ay;
     float palTable[256 * 4];
     HFn h;
+    H8Fn h8;  // set when source rows can be resampled from their bytes
     VFn v;
+    bool verticalFirst;  // ring rows are decoded source rows; the horizontal pass follows
 };
 
 // Decodes and horizontally resamples source row r into dstRow (newW * cw floats).
@@ -613,6 +627,10 @@ int32_t loadRow(const Job& j, int32_t r, uint8_t* raw, float* dec, float* adapt,
         s = raw;
     }
     const int32_t oldW = j.src->nWidth;
+    if (j.h8) {
+        j.h8(s, outRow, j.ax, j.dst->nWidth);
+        return KS_SUCCESS;
+    }
     decodeRaw(j.sf, j.palTable, s, dec, oldW);
     const float* cur = dec;
     const float alphaMax = j.df.maxValue;
@@ -630,7 +648,7 @@ int32_t loadRow(const Job& j, int32_t r, uint8_t* raw, float* dec, float* adapt,
             p[4 * x + 2] *= a;
         }
     }
-    if (j.ax.identity)
+    if (j.ax.identity || j.verticalFirst)
         std::memcpy(outRow, cur, sizeof(float) * size_t(oldW) * size_t(j.cw));
     else
         j.h(cur, outRow, j.ax, j.dst->nWidth);
@@ -640,12 +658,12 @@ int32_t loadRow(const Job& j, int32_t r, uint8_t* raw, float* dec, float* adapt,
 int32_t runBand(const Job& j, int32_t y0, int32_t y1) noexcept {
     const int32_t oldW = j.src->nWidth, newW = j.dst->nWidth, cw = j.cw;
     const int32_t ring = j.ay.taps;
-    const size_t rowFloats = size_t(newW) * size_t(cw);
+    const size_t rowFloats = size_t(j.verticalFirst ? oldW : newW) * size_t(cw);
     const size_t decFloats = size_t(oldW) * 4 + 8;
     UniqueMem<uint8_t> raw(static_cast<uint8_t*>(memAlloc(size_t(j.src->nBytesPerLine) + 8)));
     UniqueMem<uint8_t> outRaw(static_cast<uint8_t*>(memCalloc(size_t(j.dst->nBytesPerLine) + 8)));
     UniqueMem<float> dec(memAllocArray<float>(decFloats * 2));
-    UniqueMem<float> rows(memAllocArray<float>(rowFloats * size_t(ring) + rowFloats));
+    UniqueMem<float> rows(memAllocArray<float>(rowFloats * size_t(ring) + rowFloats + size_t(newW) * size_t(cw)));
     UniqueMem<int32_t> tag(memAllocArray<int32_t>(size_t(ring)));
     UniqueMem<const float*> ptrs(memAllocArray<const float*>(size_t(ring)));
     if (!raw || !outRaw || !dec || !rows || !tag || !ptrs) return KS_NO_MEMORY;
@@ -665,19 +683,24 @@ int32_t runBand(const Job& j, int32_t y0, int32_t y1) noexcept {
         }
         const float* wts = j.ay.weight.get() + size_t(y) * size_t(j.ay.taps);
         j.v(ptrs.get(), wts, n, acc, int32_t(rowFloats));
+        float* res = acc;
+        if (j.verticalFirst) {
+            res = acc + rowFloats;
+            j.h(acc, res, j.ax, newW);
+        }
         if (j.premul) {
             const float am = j.df.maxValue;
             for (int32_t x = 0; x < newW; ++x) {
-                const float a = acc[4 * x + 3];
+                const float a = res[4 * x + 3];
                 const float k = a > 0.f ? am / a : 0.f;
-                acc[4 * x] *= k;
-                acc[4 * x + 1] *= k;
-                acc[4 * x + 2] *= k;
+                res[4 * x] *= k;
+                res[4 * x + 1] *= k;
+                res[4 * x + 2] *= k;
             }
         }
         const int32_t ty = j.flip ? j.dst->nHeight - 1 - y : y;
         uint8_t* d = j.out->base ? j.out->base + uint64_t(ty) * j.dst->nBytesPerLine : outRaw.get();
-        encode(j.df, j.dst, acc, d, newW);
+        encode(j.df, j.dst, res, d, newW);
         if (!j.out->base) {
             int32_t rc = writeRow(j.dst, ty, 0, d, j.dst->nBytesPerLine);
             if (rc != KS_SUCCESS) return rc;
@@ -737,6 +760,8 @@ int32_t resampleInto(BITMAPRECORD* src, BITMAPRECORD* dst, ResampleFilter filter
     if (rc != KS_SUCCESS) return rc;
     const bool avx = useAvx2();
     j.h = pickH(j.cw, j.ax.fixedTaps, avx);
+    // Reductions in height run the vertical pass first, on fewer rows.
+    j.verticalFirst = dst->nHeight < src->nHeight && !j.ax.identity;
     j.v = avx ? vpassAvx2 : vpassPlain;
 
     int32_t okS = 0, okD = 0;
