@@ -488,36 +488,38 @@ inline __attribute__((always_inline)) void hpassFixedBody(const In* __restrict i
     }
 }
 // Vertical: out[i] = sum_k w[k] * rows[k][i].
-inline __attribute__((always_inline)) void vpassBody(const float* const* rows, const float* w, int32_t taps,
+template <class In>
+inline __attribute__((always_inline)) void vpassBody(const In* const* rows, const float* w, int32_t taps,
                                                      float* __restrict out, int32_t m) noexcept {
     int32_t k = 0;
     if (taps >= 2) {
-        const float* __restrict a = rows[0];
-        const float* __restrict b = rows[1];
+        const In* __restrict a = rows[0];
+        const In* __restrict b = rows[1];
         const float wa = w[0], wb = w[1];
-        for (int32_t i = 0; i < m; ++i) out[i] = wa * a[i] + wb * b[i];
+        for (int32_t i = 0; i < m; ++i) out[i] = wa * float(a[i]) + wb * float(b[i]);
         k = 2;
     } else {
-        const float* __restrict a = rows[0];
+        const In* __restrict a = rows[0];
         const float wa = w[0];
-        for (int32_t i = 0; i < m; ++i) out[i] = wa * a[i];
+        for (int32_t i = 0; i < m; ++i) out[i] = wa * float(a[i]);
         k = 1;
     }
     for (; k + 1 < taps; k += 2) {
-        const float* __restrict a = rows[k];
-        const float* __restrict b = rows[k + 1];
+        const In* __restrict a = rows[k];
+        const In* __restrict b = rows[k + 1];
         const float wa = w[k], wb = w[k + 1];
-        for (int32_t i = 0; i < m; ++i) out[i] += wa * a[i] + wb * b[i];
+        for (int32_t i = 0; i < m; ++i) out[i] += wa * float(a[i]) + wb * float(b[i]);
     }
     for (; k < taps; ++k) {
-        const float* __restrict a = rows[k];
+        const In* __restrict a = rows[k];
         const float wa = w[k];
-        for (int32_t i = 0; i < m; ++i) out[i] += wa * a[i];
+        for (int32_t i = 0; i < m; ++i) out[i] += wa * float(a[i]);
     }
 }
 
 using HFn = void (*)(const float*, float*, const Axis&, int32_t);
 using VFn = void (*)(const float* const*, const float*, int32_t, float*, int32_t);
+using V8Fn = void (*)(const uint8_t* const*, const float*, int32_t, float*, int32_t);
 
 template <int C>
 void hpassPlain(const float* in, float* out, const Axis& ax, int32_t n) noexcept {
@@ -544,8 +546,15 @@ H8Fn pickFixed8(int32_t t, bool avx) noexcept {
         default: return nullptr;
     }
 }
+void vpass8Plain(const uint8_t* const* rows, const float* w, int32_t taps, float* out, int32_t m) noexcept {
+    vpassBody<uint8_t>(rows, w, taps, out, m);
+}
+__attribute__((target("avx2,fma"))) void vpass8Avx2(const uint8_t* const* rows, const float* w, int32_t taps,
+                                                    float* out, int32_t m) noexcept {
+    vpassBody<uint8_t>(rows, w, taps, out, m);
+}
 void vpassPlain(const float* const* rows, const float* w, int32_t taps, float* out, int32_t m) noexcept {
-    vpassBody(rows, w, taps, out, m);
+    vpassBody<float>(rows, w, taps, out, m);
 }
 template <int C>
 __attribute__((target("avx2,fma"))) void hpassAvx2(const float* in, float* out, const Axis& ax, int32_t n) noexcept {
@@ -553,7 +562,7 @@ __attribute__((target("avx2,fma"))) void hpassAvx2(const float* in, float* out, 
 }
 __attribute__((target("avx2,fma"))) void vpassAvx2(const float* const* rows, const float* w, int32_t taps,
                                                    float* out, int32_t m) noexcept {
-    vpassBody(rows, w, taps, out, m);
+    vpassBody<float>(rows, w, taps, out, m);
 }
 
 bool useAvx2() noexcept {
@@ -614,6 +623,7 @@ struct Job {
     H8Fn h8;  // set when source rows can be resampled from their bytes
     VFn v;
     bool verticalFirst;  // ring rows are decoded source rows; the horizontal pass follows
+    V8Fn v8;             // vertical-first straight from stored 8-bit rows (24/32 bits as stored)
 };
 
 // Decodes and horizontally resamples source row r into dstRow (newW * cw floats).
@@ -668,10 +678,36 @@ int32_t runBand(const Job& j, int32_t y0, int32_t y1) noexcept {
     UniqueMem<const float*> ptrs(memAllocArray<const float*>(size_t(ring)));
     if (!raw || !outRaw || !dec || !rows || !tag || !ptrs) return KS_NO_MEMORY;
     std::fill(tag.get(), tag.get() + ring, -1);
+    // Stored rows for the 8-bit vertical pass when the source is not in one block.
+    UniqueMem<uint8_t> rawRing;
+    UniqueMem<const uint8_t*> ptrs8;
+    if (j.v8) {
+        ptrs8.reset(memAllocArray<const uint8_t*>(size_t(ring)));
+        if (!j.in->base) rawRing.reset(static_cast<uint8_t*>(memAlloc(size_t(j.src->nBytesPerLine) * size_t(ring))));
+        if (!ptrs8 || (!j.in->base && !rawRing)) return KS_NO_MEMORY;
+    }
     float* acc = rows.get() + rowFloats * size_t(ring);
     for (int32_t y = y0; y < y1; ++y) {
         const int32_t s0 = j.ay.start.get()[y], n = j.ay.count.get()[y];
-        for (int32_t k = 0; k < n; ++k) {
+        const float* wts0 = j.ay.weight.get() + size_t(y) * size_t(j.ay.taps);
+        if (j.v8) {
+            for (int32_t k = 0; k < n; ++k) {
+                const int32_t r = s0 + k, slot = r % ring;
+                if (j.in->base) {
+                    ptrs8.get()[k] = j.in->base + uint64_t(r) * j.src->nBytesPerLine;
+                    continue;
+                }
+                uint8_t* buf = rawRing.get() + size_t(slot) * j.src->nBytesPerLine;
+                if (tag.get()[slot] != r) {
+                    int32_t rc = readFullRow(j.src, r, buf);
+                    if (rc != KS_SUCCESS) return rc;
+                    tag.get()[slot] = r;
+                }
+                ptrs8.get()[k] = buf;
+            }
+            j.v8(ptrs8.get(), wts0, n, acc, int32_t(rowFloats));
+        }
+        for (int32_t k = 0; k < n && !j.v8; ++k) {
             const int32_t r = s0 + k, slot = r % ring;
             float* dstRow = rows.get() + rowFloats * size_t(slot);
             if (tag.get()[slot] != r) {
@@ -682,7 +718,7 @@ int32_t runBand(const Job& j, int32_t y0, int32_t y1) noexcept {
             ptrs.get()[k] = dstRow;
         }
         const float* wts = j.ay.weight.get() + size_t(y) * size_t(j.ay.taps);
-        j.v(ptrs.get(), wts, n, acc, int32_t(rowFloats));
+        if (!j.v8) j.v(ptrs.get(), wts, n, acc, int32_t(rowFloats));
         float* res = acc;
         if (j.verticalFirst) {
             res = acc + rowFloats;
@@ -762,6 +798,9 @@ int32_t resampleInto(BITMAPRECORD* src, BITMAPRECORD* dst, ResampleFilter filter
     j.h = pickH(j.cw, j.ax.fixedTaps, avx);
     // Reductions in height run the vertical pass first, on fewer rows.
     j.verticalFirst = dst->nHeight < src->nHeight && !j.ax.identity;
+    if (j.verticalFirst && (j.sf.fmt == Fmt::B24 || j.sf.fmt == Fmt::B32) && !j.sf.rgb && j.sf.channels == j.cw &&
+        j.scale == 1.0f && !j.premul)
+        j.v8 = avx ? vpass8Avx2 : vpass8Plain;
     j.v = avx ? vpassAvx2 : vpassPlain;
 
     int32_t okS = 0, okD = 0;
