@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "krn/common/memory.h"
+#include "krn/common/resize.h"
 #include "ombrix.h"
 #include "storage_kinds.h"
 
@@ -134,6 +135,35 @@ TEST(ResizeNearest, WholeBitmapsFollowTheRuleOnEveryDepth) {
                 K_FreeBitmap(&bm);
             }
         }
+    }
+}
+
+// Exact halving and doubling of 24-bit rows (the vector paths) against the
+// rule, with and without the plain path forced.
+TEST(ResizeNearest, HalvingAndDoubling24BitWithAndWithoutVectors) {
+    for (bool plain : {false, true}) {
+        krn::resampletest::forcePlain(plain);
+        for (int32_t w = 1; w <= 70; ++w)
+            for (auto [nw, nh] : {std::pair{w / 2, 3}, {w * 2, 3}, {(w + 1) / 2, 2}}) {
+                if (nw < 1) continue;
+                BITMAPRECORD bm;
+                ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, 5, 24, ORDER_BGR, nullptr, 1, nullptr, 0),
+                          KS_SUCCESS);
+                fillRandom(&bm, uint32_t(w));
+                const auto before = readAll(&bm);
+                const uint32_t obpl = bm.nBytesPerLine;
+                ASSERT_EQ(K_SizeBitmap(&bm, nw, nh, 0), KS_SUCCESS);
+                const auto after = readAll(&bm);
+                for (int32_t y = 0; y < nh; ++y)
+                    for (int32_t x = 0; x < nw; ++x)
+                        ASSERT_EQ(getPixel(after.data() + size_t(y) * bm.nBytesPerLine, x, 24),
+                                  getPixel(before.data() + size_t(y * 5 / nh) * obpl, int32_t(int64_t(x) * w / nw), 24))
+                            << w << " -> " << nw << " plain " << plain;
+                // The padding past the last pixel stays zero.
+                for (uint32_t b = uint32_t(nw) * 3; b < bm.nBytesPerLine; ++b) ASSERT_EQ(after[b], 0) << w << "->" << nw;
+                K_FreeBitmap(&bm);
+            }
+        krn::resampletest::forcePlain(false);
     }
 }
 

@@ -34,6 +34,7 @@ std::atomic<bool> g_forcePlain{false};
 std::atomic<int32_t> g_maxThreads{0};
 void forcePlain(bool on) noexcept { g_forcePlain.store(on); }
 void setMaxThreads(int32_t n) noexcept { g_maxThreads.store(n); }
+bool plainForced() noexcept { return g_forcePlain.load(std::memory_order_relaxed); }
 }  // namespace resampletest
 
 namespace {

@@ -46,6 +46,7 @@ int32_t replaceWithWorking(BITMAPRECORD* bm, BITMAPRECORD* work) noexcept;
 namespace resampletest {
 void forcePlain(bool on) noexcept;
 void setMaxThreads(int32_t n) noexcept;
+bool plainForced() noexcept;
 }  // namespace resampletest
 
 }  // namespace krn
