@@ -851,7 +851,7 @@ int32_t resampleInto(BITMAPRECORD* src, BITMAPRECORD* dst, ResampleFilter filter
         ParallelOptions opt;
         opt.bytesPerRow = uint64_t(dst->nWidth) * uint64_t(j.cw) * uint64_t(j.ay.taps) * 4u + src->nBytesPerLine;
         opt.maxThreads = (in.base && out.base) ? resampletest::g_maxThreads.load() : 1;
-        opt.minRowsPerBand = 8;
+        opt.minRowsPerBand = std::max(16, 8 * j.ay.taps);  // each band reloads its top taps
         const Job* cj = &j;
         rc = parallelRows(dst->nHeight, [cj](int32_t y0, int32_t y1, int32_t) { return runBand(*cj, y0, y1); }, opt);
     }
