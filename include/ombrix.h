@@ -1815,6 +1815,85 @@ OMBRIX_API int32_t K_CombineBitmapKrn(BITMAPRECORD* pDstBitmap, int32_t nXDst, i
  * Section: transforms: resize and resample
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* -- resize and resample --
+ * Size flags of K_SizeBitmap, K_IntResizeBitmap and K_ResizeBitmap. */
+#define SIZE_NORMAL        0x00u  /* nearest pixel: target i takes source floor(i * old / new) */
+#define SIZE_FAVOURBLACK   0x01u  /* 1-bit black-and-white: a reduced pixel is black when enough of its block is */
+#define SIZE_RESAMPLE      0x02u  /* bilinear growth, area-averaging reduction (per axis) */
+#define SIZE_BICUBIC       0x04u  /* bicubic when either dimension grows, else as SIZE_RESAMPLE */
+#define SIZE_SCALETOGRAY   0x08u  /* 1-bit black-and-white to 8-bit grey by area averaging */
+#define SIZE_LANCZOS       0x10u  /* Lanczos-3 resampling (widened when reducing) */
+#define SIZE_PREMULTIPLY   0x20u  /* 32/64 bits: resample premultiplied by alpha, so transparent
+                                     pixels lend no colour */
+
+/* Resizes the bitmap in place to nWidth x nHeight; the method follows from uFlags (above): on a
+ * 1-bit image SIZE_FAVOURBLACK and SIZE_SCALETOGRAY need a black-and-white palette (else they are
+ * dropped) and then win over SIZE_RESAMPLE; otherwise SIZE_LANCZOS, SIZE_RESAMPLE, SIZE_BICUBIC
+ * resample, and nearest pixel is the default. The region is scaled with the pixels; the LUT, extra
+ * data and overlays stay; data callbacks are dropped (the storage is new). Returns 1 at once for
+ * the current size; -13 null or unallocated bitmap or unknown flag bits; -789 size word; -11 a
+ * width or height below 1 or a size whose row or whole image cannot be stored (checked before any
+ * allocation); -1 no memory; a status callback's answer other than 1. On failure the bitmap is
+ * unchanged. */
+OMBRIX_API int32_t K_SizeBitmap(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight, uint32_t uFlags);
+/* Fills the allocated pDstBitmap (any size) from pSrcBitmap by the method of uFlags, without
+ * argument checks: SIZE_FAVOURBLACK, then SIZE_LANCZOS, SIZE_RESAMPLE, SIZE_BICUBIC (bicubic when
+ * the target is wider or taller), else nearest pixel (same depth needed, -27 otherwise). Target
+ * row y goes to stored row (height - 1 - y) when the two view perspectives differ. -2 for a null
+ * or unallocated bitmap or pSrc == pDst; -11 empty sizes. */
+OMBRIX_API int32_t K_IntResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
+/* K_IntResizeBitmap with checks: -13 null, unallocated or identical bitmaps, unknown flag bits or a
+ * view perspective outside 1..8; -789 size words. Perspectives that differ by a flip of the stored
+ * rows (1/4, 2/3, 5/8, 6/7) are handled by writing rows bottom up; other pairs resize a copy of the
+ * source stored in the destination's perspective (-16 when the perspective change is not built in).
+ * SIZE_FAVOURBLACK is dropped unless both bitmaps are 1-bit black-and-white. */
+OMBRIX_API int32_t K_ResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
+
+/* Row-at-a-time resizer. K_StartResize checks the sizes (-13 for a dimension below 1, a row too
+ * long for 32 bits, or a null ppResizeData), allocates the state (-1) and stores it. K_Resize takes
+ * source row nRow (0 <= nRow < old height) in pBuffer, which must hold the larger of a source and a
+ * target row, resizes it in place to the new width (stored in *pnNewWidth), and returns and stores
+ * in *pnRows how many target rows it makes: floor((nRow + 1) * new / old) - floor(nRow * new / old)
+ * in rows, whatever order the rows come in. Equal sizes: 1 and nothing changes. -13 for null
+ * pointers, a foreign state, a bad depth or row. K_StopResize frees the state (-13 for null). */
+OMBRIX_API int32_t K_StartResize(int32_t nOldWidth, int32_t nOldHeight, int32_t nNewWidth, int32_t nNewHeight,
+                                 void** ppResizeData);
+OMBRIX_API int32_t K_Resize(uint8_t* pBuffer, int32_t nRow, int32_t nBitsPerPixel, int32_t* pnNewWidth,
+                            int32_t* pnRows, void* pResizeData);
+OMBRIX_API int32_t K_StopResize(void* pResizeData);
+
+/* One row by the stepping rule: uCount target pixels into pDst, target pixel i taking source pixel
+ * nStartBit + (the pixel reached after i steps of nXStep pixels plus one more whenever the error,
+ * starting at nError and growing by nXRemainder, reaches nDenominator). Target pixels are written
+ * from position nStartBit on as well. Any depth of a record (1..8, 12, 16, 24, 32, 48, 64); uBytes
+ * and bEnlarge are accepted and not needed. The Reverse form walks from the last pixel back, so a
+ * growing row may overwrite its own source. -13 null buffers (nothing done), bad depth, negative
+ * step, error, remainder or start, or nDenominator below 1. */
+OMBRIX_API int32_t K_GetResizedScanLine(int32_t nBitsPerPixel, uint32_t uBytes, int32_t nStartBit, int32_t nXStep,
+                                        int32_t nError, int32_t nXRemainder, const uint8_t* pSrc, uint8_t* pDst,
+                                        uint32_t uCount, int32_t nDenominator, int32_t bEnlarge);
+OMBRIX_API int32_t K_ReverseGetResizedScanLine(int32_t nBitsPerPixel, uint32_t uBytes, int32_t nStartBit,
+                                               int32_t nXStep, int32_t nError, int32_t nXRemainder,
+                                               const uint8_t* pSrc, uint8_t* pDst, uint32_t uCount,
+                                               int32_t nDenominator, int32_t bEnlarge);
+/* Integer square root: the largest r with r * r <= uValue. */
+OMBRIX_API uint32_t K_SQRT(uint32_t uValue);
+
+/* Interpolating resamplers, in place. K_ResampleBitmap: per axis, bilinear (triangle filter on
+ * pixel centres) where it grows and area averaging (exact pixel coverage) where it shrinks;
+ * uFlags SIZE_LANCZOS selects Lanczos-3 instead. K_BicubicResampleBitmap: Catmull-Rom cubic,
+ * widened by the reduction factor on a shrinking axis. Edges repeat the border pixels. uFlags
+ * SIZE_PREMULTIPLY works premultiplied by alpha (32 and 64 bits). Depths: 8-bit grey, 12/16-bit
+ * grey, 16-bit colour, 24, 32, 48, 64 keep their format; palette images (1..8 bits) are resampled
+ * through their colours and become 8-bit grey (grey palette) or 24-bit BGR. Region scaled as by
+ * K_SizeBitmap. -13 null or unallocated, -789 size word, -11 bad sizes (before any allocation), -1
+ * no memory, -1927 floating-point data, a status callback's answer. On failure unchanged. */
+OMBRIX_API int32_t K_ResampleBitmap(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight, uint32_t uFlags);
+OMBRIX_API int32_t K_BicubicResampleBitmap(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight,
+                                           uint32_t uFlags);
+/* Bicubic into an allocated destination of any size and format (palette destinations take the
+ * nearest entry); rows bottom up when the perspectives differ. -2 null, unallocated or identical. */
+OMBRIX_API int32_t K_BicubicResampleBitmapInt(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
 
 /* ======================================================================
  * Section: colour resolution, grey conversion and optimised palettes
