@@ -170,20 +170,24 @@ void nearestBits(const RowCtx& c, int64_t X, int64_t Y, int64_t dX, int64_t dY, 
 }
 
 // ---------------------------------------------------------------- bilinear
-// Weights: 12-bit fractions, products of 24 bits. Where the four alphas of a
-// pixel differ (32 and 64 bits), colours are weighted by alpha
-// (premultiplied) and divided by the resulting alpha; where they agree this
-// gives exactly the plain result.
-constexpr int kWBits = 12;
-constexpr uint32_t kW = 1u << kWBits;
+// Positions are rounded to the weight step (1/128 pixel for 8-bit channels,
+// 1/4096 for 16-bit ones); weights are products of the two fractions. Where
+// the four alphas of a pixel differ (32 and 64 bits), colours are weighted by
+// alpha (premultiplied) and divided by the resulting alpha; where they agree
+// this gives exactly the plain result.
+template <class T>
+constexpr int weightBits() { return sizeof(T) == 1 ? 7 : 12; }
 
 template <class T, int N>
 inline void bilerpPixel(const T* p00, const T* p01, const T* p10, const T* p11, uint32_t fx, uint32_t fy,
                         bool alpha, T* o) noexcept {
+    constexpr int WB = weightBits<T>();
+    constexpr uint32_t W = 1u << WB;
+    constexpr int Shift = 2 * WB;
     using Acc = std::conditional_t<sizeof(T) == 1, uint32_t, uint64_t>;
     if (N == 4 && alpha && !(p00[3] == p01[3] && p00[3] == p10[3] && p00[3] == p11[3])) {
-        const uint64_t w00 = uint64_t(kW - fx) * (kW - fy), w01 = uint64_t(fx) * (kW - fy);
-        const uint64_t w10 = uint64_t(kW - fx) * fy, w11 = uint64_t(fx) * fy;
+        const uint64_t w00 = uint64_t(W - fx) * (W - fy), w01 = uint64_t(fx) * (W - fy);
+        const uint64_t w10 = uint64_t(W - fx) * fy, w11 = uint64_t(fx) * fy;
         const uint64_t A = w00 * p00[3] + w01 * p01[3] + w10 * p10[3] + w11 * p11[3];
         if (A != 0) {
             for (int ch = 0; ch < 3; ++ch) {
@@ -191,115 +195,97 @@ inline void bilerpPixel(const T* p00, const T* p01, const T* p10, const T* p11, 
                                    w11 * p11[3] * p11[ch];
                 o[ch] = T((s + A / 2) / A);
             }
-            o[3] = T((A + (uint64_t(1) << 23)) >> 24);
+            o[3] = T((A + (uint64_t(1) << (Shift - 1))) >> Shift);
             return;
         }
     }
     for (int ch = 0; ch < N; ++ch) {
-        const Acc h0 = Acc(p00[ch]) * (kW - fx) + Acc(p01[ch]) * fx;
-        const Acc h1 = Acc(p10[ch]) * (kW - fx) + Acc(p11[ch]) * fx;
-        o[ch] = T((h0 * (kW - fy) + h1 * fy + (Acc(1) << 23)) >> 24);
+        const Acc h0 = Acc(p00[ch]) * (W - fx) + Acc(p01[ch]) * fx;
+        const Acc h1 = Acc(p10[ch]) * (W - fx) + Acc(p11[ch]) * fx;
+        o[ch] = T((h0 * (W - fy) + h1 * fy + (Acc(1) << (Shift - 1))) >> Shift);
     }
 }
 
-// The interior run (every tap inside the image, no clamping), N = 4, 8 bits.
+// The interior run (every tap inside the image, no clamping), N = 4, 8 bits;
+// X, Y already rounded to the weight step.
 using Interior4Fn = void (*)(const View& v, int64_t X, int64_t Y, int64_t dX, int64_t dY, int32_t n, bool alpha,
                              uint8_t* o);
+constexpr int kFracShift8 = kMapBits - 7;
 
 void interior4Plain(const View& v, int64_t X, int64_t Y, int64_t dX, int64_t dY, int32_t n, bool alpha, uint8_t* o) {
     for (int32_t k = 0; k < n; ++k, X += dX, Y += dY) {
         const int32_t x0 = int32_t(X >> kMapBits), y0 = int32_t(Y >> kMapBits);
-        const uint32_t fx = uint32_t(X >> (kMapBits - kWBits)) & (kW - 1);
-        const uint32_t fy = uint32_t(Y >> (kMapBits - kWBits)) & (kW - 1);
+        const uint32_t fx = uint32_t(X >> kFracShift8) & 127u, fy = uint32_t(Y >> kFracShift8) & 127u;
         const uint8_t* r0 = v.row(y0) + size_t(x0 - v.vx) * 4;
         const uint8_t* r1 = r0 + v.stride;
         bilerpPixel<uint8_t, 4>(r0, r0 + 4, r1, r1 + 4, fx, fy, alpha, o + size_t(k) * 4);
     }
 }
 
-__attribute__((target("sse4.1"))) void interior4Sse41(const View& v, int64_t X, int64_t Y, int64_t dX, int64_t dY,
-                                                      int32_t n, bool alpha, uint8_t* o) {
-    // Channel c of the two horizontal neighbours side by side as 16-bit words,
-    // so that one multiply-add gives p0 * (W - fx) + p1 * fx per channel.
-    const __m128i shuf = _mm_setr_epi8(0, -1, 4, -1, 1, -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1);
-    const __m128i round = _mm_set1_epi32(1 << 23);
-    for (int32_t k = 0; k < n; ++k, X += dX, Y += dY) {
-        const int32_t x0 = int32_t(X >> kMapBits), y0 = int32_t(Y >> kMapBits);
-        const uint32_t fx = uint32_t(X >> (kMapBits - kWBits)) & (kW - 1);
-        const uint32_t fy = uint32_t(Y >> (kMapBits - kWBits)) & (kW - 1);
-        const uint8_t* r0 = v.row(y0) + size_t(x0 - v.vx) * 4;
-        const uint8_t* r1 = r0 + v.stride;
-        uint64_t q0, q1;
-        std::memcpy(&q0, r0, 8);
-        std::memcpy(&q1, r1, 8);
-        if (alpha && (((q0 ^ (q0 >> 32)) | (q1 ^ (q1 >> 32)) | (q0 ^ q1)) & 0xFF000000u)) {
-            bilerpPixel<uint8_t, 4>(r0, r0 + 4, r1, r1 + 4, fx, fy, true, o + size_t(k) * 4);
-            continue;
-        }
-        const __m128i a = _mm_shuffle_epi8(_mm_cvtsi64_si128(int64_t(q0)), shuf);
-        const __m128i b = _mm_shuffle_epi8(_mm_cvtsi64_si128(int64_t(q1)), shuf);
-        const __m128i wx = _mm_set1_epi32(int32_t((fx << 16) | (kW - fx)));
-        const __m128i h0 = _mm_madd_epi16(a, wx), h1 = _mm_madd_epi16(b, wx);
-        __m128i s = _mm_add_epi32(_mm_mullo_epi32(h0, _mm_set1_epi32(int32_t(kW - fy))),
-                                  _mm_mullo_epi32(h1, _mm_set1_epi32(int32_t(fy))));
-        s = _mm_srli_epi32(_mm_add_epi32(s, round), 24);
-        s = _mm_packus_epi32(s, s);
-        s = _mm_packus_epi16(s, s);
-        const int32_t px = _mm_cvtsi128_si32(s);
-        std::memcpy(o + size_t(k) * 4, &px, 4);
-    }
-}
-
+// Four pixels per step: positions in 64-bit lanes, both taps of a row in one
+// 8-byte gather, horizontal and vertical multiply-adds on 16-bit words.
 __attribute__((target("avx2"))) void interior4Avx2(const View& v, int64_t X, int64_t Y, int64_t dX, int64_t dY,
                                                    int32_t n, bool alpha, uint8_t* o) {
-    // Two output pixels per step, one in each 128-bit lane.
-    const __m256i shuf = _mm256_setr_epi8(0, -1, 4, -1, 1, -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1, 0, -1, 4, -1, 1,
-                                          -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1);
-    const __m256i round = _mm256_set1_epi32(1 << 23);
     int32_t k = 0;
-    for (; k + 2 <= n; k += 2) {
-        const int64_t Xb = X + dX, Yb = Y + dY;
-        const int32_t xa = int32_t(X >> kMapBits), ya = int32_t(Y >> kMapBits);
-        const int32_t xb = int32_t(Xb >> kMapBits), yb = int32_t(Yb >> kMapBits);
-        const uint32_t fxa = uint32_t(X >> (kMapBits - kWBits)) & (kW - 1);
-        const uint32_t fya = uint32_t(Y >> (kMapBits - kWBits)) & (kW - 1);
-        const uint32_t fxb = uint32_t(Xb >> (kMapBits - kWBits)) & (kW - 1);
-        const uint32_t fyb = uint32_t(Yb >> (kMapBits - kWBits)) & (kW - 1);
-        const uint8_t* ra = v.row(ya) + size_t(xa - v.vx) * 4;
-        const uint8_t* rb = v.row(yb) + size_t(xb - v.vx) * 4;
-        uint64_t qa0, qa1, qb0, qb1;
-        std::memcpy(&qa0, ra, 8);
-        std::memcpy(&qa1, ra + v.stride, 8);
-        std::memcpy(&qb0, rb, 8);
-        std::memcpy(&qb1, rb + v.stride, 8);
-        if (alpha && ((((qa0 ^ (qa0 >> 32)) | (qa1 ^ (qa1 >> 32)) | (qa0 ^ qa1)) |
-                       ((qb0 ^ (qb0 >> 32)) | (qb1 ^ (qb1 >> 32)) | (qb0 ^ qb1))) &
-                      0xFF000000u)) {
-            bilerpPixel<uint8_t, 4>(ra, ra + 4, ra + v.stride, ra + v.stride + 4, fxa, fya, true, o + size_t(k) * 4);
-            bilerpPixel<uint8_t, 4>(rb, rb + 4, rb + v.stride, rb + v.stride + 4, fxb, fyb, true,
-                                    o + size_t(k + 1) * 4);
-        } else {
-            const __m256i top = _mm256_shuffle_epi8(_mm256_set_epi64x(0, int64_t(qb0), 0, int64_t(qa0)), shuf);
-            const __m256i bot = _mm256_shuffle_epi8(_mm256_set_epi64x(0, int64_t(qb1), 0, int64_t(qa1)), shuf);
-            const __m256i wx = _mm256_setr_epi32(
-                int32_t((fxa << 16) | (kW - fxa)), int32_t((fxa << 16) | (kW - fxa)), int32_t((fxa << 16) | (kW - fxa)),
-                int32_t((fxa << 16) | (kW - fxa)), int32_t((fxb << 16) | (kW - fxb)), int32_t((fxb << 16) | (kW - fxb)),
-                int32_t((fxb << 16) | (kW - fxb)), int32_t((fxb << 16) | (kW - fxb)));
-            const __m256i wy0 = _mm256_setr_epi32(int32_t(kW - fya), int32_t(kW - fya), int32_t(kW - fya),
-                                                  int32_t(kW - fya), int32_t(kW - fyb), int32_t(kW - fyb),
-                                                  int32_t(kW - fyb), int32_t(kW - fyb));
-            const __m256i wy1 = _mm256_sub_epi32(_mm256_set1_epi32(int32_t(kW)), wy0);
-            __m256i s = _mm256_add_epi32(_mm256_mullo_epi32(_mm256_madd_epi16(top, wx), wy0),
-                                         _mm256_mullo_epi32(_mm256_madd_epi16(bot, wx), wy1));
-            s = _mm256_srli_epi32(_mm256_add_epi32(s, round), 24);
-            s = _mm256_packus_epi32(s, s);
-            s = _mm256_packus_epi16(s, s);
-            const int32_t pa = _mm256_extract_epi32(s, 0), pb = _mm256_extract_epi32(s, 4);
-            std::memcpy(o + size_t(k) * 4, &pa, 4);
-            std::memcpy(o + size_t(k + 1) * 4, &pb, 4);
+    // Offsets are 32-bit multiplies: the view must stay below 2 GB.
+    if (uint64_t(v.stride) * uint64_t(v.h + 1) < (uint64_t(1) << 31) && v.stride < (1u << 31)) {
+        __m256i xv = _mm256_setr_epi64x(X, X + dX, X + 2 * dX, X + 3 * dX);
+        __m256i yv = _mm256_setr_epi64x(Y, Y + dY, Y + 2 * dY, Y + 3 * dY);
+        const __m256i dx4 = _mm256_set1_epi64x(4 * dX), dy4 = _mm256_set1_epi64x(4 * dY);
+        const __m256i vx = _mm256_set1_epi64x(v.vx), vy = _mm256_set1_epi64x(v.vy);
+        const __m256i stride = _mm256_set1_epi64x(int64_t(v.stride));
+        const __m256i m127 = _mm256_set1_epi64x(127), w128 = _mm256_set1_epi64x(128);
+        const __m256i lo = _mm256_setr_epi8(0, -1, 4, -1, 1, -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1, 0, -1, 4, -1, 1,
+                                            -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1);
+        const __m256i hi = _mm256_setr_epi8(8, -1, 12, -1, 9, -1, 13, -1, 10, -1, 14, -1, 11, -1, 15, -1, 8, -1, 12,
+                                            -1, 9, -1, 13, -1, 10, -1, 14, -1, 11, -1, 15, -1);
+        const __m256i alphaMask = _mm256_set1_epi64x(0xFF000000ll);
+        const __m256i round = _mm256_set1_epi32(1 << 13);
+        const long long* base0 = reinterpret_cast<const long long*>(v.base);
+        const long long* base1 = reinterpret_cast<const long long*>(v.base + v.stride);
+        for (; k + 4 <= n; k += 4) {
+            const __m256i x0 = _mm256_srli_epi64(xv, kMapBits), y0 = _mm256_srli_epi64(yv, kMapBits);
+            const __m256i off = _mm256_add_epi64(_mm256_mul_epu32(_mm256_sub_epi64(y0, vy), stride),
+                                                 _mm256_slli_epi64(_mm256_sub_epi64(x0, vx), 2));
+            const __m256i r0 = _mm256_i64gather_epi64(base0, off, 1);
+            const __m256i r1 = _mm256_i64gather_epi64(base1, off, 1);
+            if (alpha) {
+                const __m256i d = _mm256_or_si256(_mm256_xor_si256(r0, r1),
+                                                  _mm256_or_si256(_mm256_xor_si256(r0, _mm256_srli_epi64(r0, 32)),
+                                                                  _mm256_xor_si256(r1, _mm256_srli_epi64(r1, 32))));
+                if (!_mm256_testz_si256(d, alphaMask)) {
+                    int64_t xs[4], ys[4];
+                    _mm256_storeu_si256(reinterpret_cast<__m256i*>(xs), xv);
+                    _mm256_storeu_si256(reinterpret_cast<__m256i*>(ys), yv);
+                    interior4Plain(v, xs[0], ys[0], dX, dY, 4, true, o + size_t(k) * 4);
+                    xv = _mm256_add_epi64(xv, dx4);
+                    yv = _mm256_add_epi64(yv, dy4);
+                    continue;
+                }
+            }
+            const __m256i fx = _mm256_and_si256(_mm256_srli_epi64(xv, kFracShift8), m127);
+            const __m256i fy = _mm256_and_si256(_mm256_srli_epi64(yv, kFracShift8), m127);
+            // Per pixel the dword (128 - f) | f << 16, in the low dword of its 64-bit lane.
+            const __m256i wx = _mm256_or_si256(_mm256_sub_epi64(w128, fx), _mm256_slli_epi64(fx, 16));
+            const __m256i wy = _mm256_or_si256(_mm256_sub_epi64(w128, fy), _mm256_slli_epi64(fy, 16));
+            const __m256i wxa = _mm256_shuffle_epi32(wx, 0x00), wxb = _mm256_shuffle_epi32(wx, 0xAA);
+            const __m256i wya = _mm256_shuffle_epi32(wy, 0x00), wyb = _mm256_shuffle_epi32(wy, 0xAA);
+            const __m256i h0 = _mm256_packs_epi32(_mm256_madd_epi16(_mm256_shuffle_epi8(r0, lo), wxa),
+                                                  _mm256_madd_epi16(_mm256_shuffle_epi8(r0, hi), wxb));
+            const __m256i h1 = _mm256_packs_epi32(_mm256_madd_epi16(_mm256_shuffle_epi8(r1, lo), wxa),
+                                                  _mm256_madd_epi16(_mm256_shuffle_epi8(r1, hi), wxb));
+            __m256i va = _mm256_madd_epi16(_mm256_unpacklo_epi16(h0, h1), wya);
+            __m256i vb = _mm256_madd_epi16(_mm256_unpackhi_epi16(h0, h1), wyb);
+            va = _mm256_srli_epi32(_mm256_add_epi32(va, round), 14);
+            vb = _mm256_srli_epi32(_mm256_add_epi32(vb, round), 14);
+            __m256i px = _mm256_packus_epi16(_mm256_packs_epi32(va, vb), _mm256_setzero_si256());
+            px = _mm256_permute4x64_epi64(px, 0x08);  // lane 0 low, lane 1 low
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(o + size_t(k) * 4), _mm256_castsi256_si128(px));
+            xv = _mm256_add_epi64(xv, dx4);
+            yv = _mm256_add_epi64(yv, dy4);
         }
-        X = Xb + dX;
-        Y = Yb + dY;
+        X += int64_t(k) * dX;
+        Y += int64_t(k) * dY;
     }
     if (k < n) interior4Plain(v, X, Y, dX, dY, n - k, alpha, o + size_t(k) * 4);
 }
@@ -309,11 +295,9 @@ std::atomic<bool> g_forcePlain{false};
 Interior4Fn pickInterior4() noexcept {
     static const Interior4Fn best = [] {
         const char* e = std::getenv("OMBRIX_SIMD");
-        if (e && !std::strcmp(e, "none")) return &interior4Plain;
+        if (e && (!std::strcmp(e, "none") || !std::strcmp(e, "ssse3"))) return &interior4Plain;
         __builtin_cpu_init();
-        if (!(e && !std::strcmp(e, "ssse3")) && __builtin_cpu_supports("avx2")) return &interior4Avx2;
-        if (__builtin_cpu_supports("sse4.1")) return &interior4Sse41;
-        return &interior4Plain;
+        return __builtin_cpu_supports("avx2") ? &interior4Avx2 : &interior4Plain;
     }();
     return g_forcePlain.load(std::memory_order_relaxed) ? &interior4Plain : best;
 }
@@ -323,8 +307,14 @@ void bilinearRow(const RowCtx& c, int64_t X, int64_t Y, int64_t dX, int64_t dY, 
                  uint8_t* out) {
     const View& v = *c.v;
     constexpr int P = N * int(sizeof(T));
+    constexpr int WB = weightBits<T>();
+    constexpr int FS = kMapBits - WB;
+    constexpr uint32_t FM = (1u << WB) - 1u;
     int32_t a, b, ia, ib;
     span2(X, dX, -kHalf, int64_t(v.w) * kMapOne - kHalf, Y, dY, -kHalf, int64_t(v.h) * kMapOne - kHalf, n, &a, &b);
+    // Taps and weights from the position rounded to the weight step.
+    X += int64_t(1) << (FS - 1);
+    Y += int64_t(1) << (FS - 1);
     span2(X, dX, 0, int64_t(v.w - 1) * kMapOne, Y, dY, 0, int64_t(v.h - 1) * kMapOne, n, &ia, &ib);
     if (ia < a || ib > b || ia >= ib) ia = ib = b;  // the interior lies inside the covered run
     uint8_t* o = out + size_t(i0) * P;
@@ -333,8 +323,7 @@ void bilinearRow(const RowCtx& c, int64_t X, int64_t Y, int64_t dX, int64_t dY, 
     auto edge = [&](int32_t k) {
         const int64_t Xk = X + k * dX, Yk = Y + k * dY;
         const int32_t x0 = int32_t(Xk >> kMapBits), y0 = int32_t(Yk >> kMapBits);
-        const uint32_t fx = uint32_t(Xk >> (kMapBits - kWBits)) & (kW - 1);
-        const uint32_t fy = uint32_t(Yk >> (kMapBits - kWBits)) & (kW - 1);
+        const uint32_t fx = uint32_t(Xk >> FS) & FM, fy = uint32_t(Yk >> FS) & FM;
         const int32_t xa = std::clamp(x0, 0, v.w - 1) - v.vx, xb = std::clamp(x0 + 1, 0, v.w - 1) - v.vx;
         const T* r0 = reinterpret_cast<const T*>(v.row(std::clamp(y0, 0, v.h - 1)));
         const T* r1 = reinterpret_cast<const T*>(v.row(std::clamp(y0 + 1, 0, v.h - 1)));
@@ -348,8 +337,7 @@ void bilinearRow(const RowCtx& c, int64_t X, int64_t Y, int64_t dX, int64_t dY, 
         int64_t Xk = X + ia * dX, Yk = Y + ia * dY;
         for (int32_t k = ia; k < ib; ++k, Xk += dX, Yk += dY) {
             const int32_t x0 = int32_t(Xk >> kMapBits), y0 = int32_t(Yk >> kMapBits);
-            const uint32_t fx = uint32_t(Xk >> (kMapBits - kWBits)) & (kW - 1);
-            const uint32_t fy = uint32_t(Yk >> (kMapBits - kWBits)) & (kW - 1);
+            const uint32_t fx = uint32_t(Xk >> FS) & FM, fy = uint32_t(Yk >> FS) & FM;
             const T* r0 = reinterpret_cast<const T*>(v.row(y0)) + size_t(x0 - v.vx) * N;
             const T* r1 = reinterpret_cast<const T*>(v.row(y0 + 1)) + size_t(x0 - v.vx) * N;
             bilerpPixel<T, N>(r0, r0 + N, r1, r1 + N, fx, fy, c.alpha, reinterpret_cast<T*>(o + size_t(k) * P));
