@@ -366,6 +366,32 @@ TEST(RotateAny, TurnAndTurnBackStaysClose) {
         }
 }
 
+// The region turns with the pixels: a destination pixel is in the new
+// region exactly when its nearest source pixel was in the old one.
+TEST(RotateAny, RegionTurnsWithThePixels) {
+    for (int32_t angle : {9000, 2500, -13000}) {
+        const int W = 31, H = 20;
+        Bm b(W, H, 24);
+        const RECT e{3, 2, 25, 17};
+        ASSERT_EQ(K_SetBitmapRgnEllipse(&b.bm, nullptr, &e, RGN_SET_REPLACE), KS_SUCCESS);
+        std::vector<int> inside(size_t(W * H));
+        for (int y = 0; y < H; ++y)
+            for (int x = 0; x < W; ++x) inside[size_t(y * W + x)] = K_IsPtInBitmapRgn(&b.bm, y, x) == 1;
+        ASSERT_EQ(K_RotateBitmap(&b.bm, angle, ROTATE_RESIZE | ROTATE_NO_SHORTCUTS | ROTATE_BILINEAR, 0), KS_SUCCESS);
+        Inverse inv(angle, W, H, b.bm.nWidth, b.bm.nHeight);
+        int mismatches = 0;
+        for (int j = 0; j < b.bm.nHeight; ++j)
+            for (int i = 0; i < b.bm.nWidth; ++i) {
+                double x, y;
+                inv(i, j, &x, &y);
+                const int sx = int(std::floor(x + 0.5)), sy = int(std::floor(y + 0.5));
+                const bool want = sx >= 0 && sx < W && sy >= 0 && sy < H && inside[size_t(sy * W + sx)];
+                mismatches += want != (K_IsPtInBitmapRgn(&b.bm, j, i) == 1);
+            }
+        EXPECT_EQ(mismatches, 0) << angle;
+    }
+}
+
 // ---------------------------------------------------------------- shear
 TEST(RotateAny, ShearMatchesPlainMapping) {
     for (bool vertical : {false, true})
@@ -518,6 +544,8 @@ TEST(RotateAny, AllocationFailuresLeaveTheRecordAsItWas) {
             KindBitmap k(kind, 40, 30, bpp);  // fresh each time: a fallback may have succeeded
             ASSERT_EQ(k.rc, KS_SUCCESS);
             put(&k.bm, src);
+            const RECT e{2, 3, 30, 25};  // a region to carry along: its own allocations are walked too
+            if (kind != Kind::TilesMemory) { ASSERT_EQ(K_SetBitmapRgnEllipse(&k.bm, nullptr, &e, 1), KS_SUCCESS); }
             const BITMAPRECORD snap = k.bm;
             const long live = krn::faultinject::liveBlocks();
             krn::faultinject::arm(n, 1);

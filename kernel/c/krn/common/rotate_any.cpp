@@ -636,12 +636,41 @@ struct Request {
     bool swapResolution;
 };
 
+int32_t transform(BITMAPRECORD* bm, const Request& rq);
+
+// The bitmap's region through the request's map onto `out` (same geometry as
+// the result): a 1-bit mask of the region is transformed with nearest and
+// made a region again. Progress is silenced meanwhile.
+int32_t transformRegion(BITMAPRECORD* bm, BITMAPRECORD* out, const Request& rq) {
+    BITMAPRECORD mask;
+    int32_t rc = K_CreateMaskFromBitmapRgn(bm, &mask, BITMAPRECORD_SIZE);
+    if (rc != KS_SUCCESS) return rc;
+    Request mr = rq;
+    mr.interp = Interp::Nearest;
+    mr.swapResolution = false;
+    mr.oneThread = true;
+    rc = fillPixel(&mask, 0, false, mr.fill);  // outside: not in the region
+    STATUSCALLBACK fn = nullptr;
+    void* user = nullptr;
+    K_GetStatusCallBack(&fn, &user);
+    K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
+    if (rc == KS_SUCCESS) rc = transform(&mask, mr);
+    K_SetStatusCallBack(fn, user, nullptr, nullptr);
+    if (rc == KS_SUCCESS) rc = K_SetBitmapRgnFromMask(out, nullptr, &mask, RGN_SET_REPLACE);
+    K_FreeBitmap(&mask);
+    return rc;
+}
+
 // Builds the new storage, renders it and gives it to the record. Nothing in
 // the record changes unless 1 is returned.
 int32_t transform(BITMAPRECORD* bm, const Request& rq) {
     const int32_t bpp = bm->nBitsPerPixel;
     if (rq.dw < 1 || rq.dh < 1 || rq.dw > INT32_MAX || rq.dh > INT32_MAX) return KS_INVALID_DIMENSIONS;
-    RowKernel kernel = pickKernel(bpp, rq.interp);
+    // A map that lands on whole pixels (right angles, a shear by 0) copies
+    // pixels whatever the interpolation: nearest is the same, and fastest.
+    const Map& mm = rq.m;
+    const bool whole = ((mm.x0 | mm.y0 | mm.xi | mm.xj | mm.yi | mm.yj) & (kMapOne - 1)) == 0;
+    RowKernel kernel = pickKernel(bpp, whole ? Interp::Nearest : rq.interp);
     if (!kernel) return KS_INVALID_BITS_PER_PIXEL;
 
     BITMAPRECORD out;
@@ -705,6 +734,9 @@ int32_t transform(BITMAPRECORD* bm, const Request& rq) {
     }
     rc = K_IntReleaseBitmap(&out, dstAccessed, rc);
     rc = K_IntReleaseBitmap(bm, srcAccessed, rc);
+    // The region goes through the same map as a mask (nearest), onto the new
+    // record first, so that a failure still leaves the caller's record whole.
+    if (rc == KS_SUCCESS && bm->hRgn) rc = transformRegion(bm, &out, rq);
     if (rc != KS_SUCCESS) {
         K_FreeBitmap(&out);
         return rc;
@@ -719,6 +751,8 @@ int32_t transform(BITMAPRECORD* bm, const Request& rq) {
     }
     if (!callbackOwns) freeStorage(bm);
     releaseBitmapRegion(bm);
+    bm->hRgn = out.hRgn;
+    out.hRgn = nullptr;
     bm->hMemory = out.hMemory;
     bm->pData = out.pData;
     bm->uDataOffset = out.uDataOffset;
@@ -852,9 +886,6 @@ int32_t rotateBitmap(BITMAPRECORD* bm, int32_t nAngle, uint32_t uFlags, uint32_t
             if (rc != KS_SUCCESS) bm->nViewPerspective = persp;
             return rc;
         }
-        // A half turn (and a quarter turn without the routine) lands on whole
-        // pixels: nearest is the same copy, and the fastest.
-        if (a == 18000 || a == 9000 || a == 27000) rq.interp = Interp::Nearest;
     }
     if (resize) {
         enlargedRotationSize(bm->nWidth, bm->nHeight, psi, &rq.dw, &rq.dh);
