@@ -1666,6 +1666,64 @@ OMBRIX_API int32_t K_MirrorLine(uint8_t* pBuffer, uint32_t uPixels, int32_t nBit
  * Section: transforms: rotation by any angle and shear
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* -- rotation by any angle and shear -- */
+/* Flags of K_RotateBitmap and K_ShearBitmap (a bit set). */
+#define ROTATE_RESIZE            0x0001u /* enlarge the result to hold the whole transformed image;
+                                            without it the size is kept and the corners are cut */
+#define SHEAR_VERTICAL           0x0002u /* K_ShearBitmap: shear the columns (default: the rows) */
+#define ROTATE_NO_SHORTCUTS      0x0008u /* K_RotateBitmap: right angles through the general path */
+#define ROTATE_FILL_TRANSPARENT  0x0010u /* 32 and 64 bits: the fill's alpha is 0 (default: opaque) */
+#define ROTATE_ONE_THREAD        0x0020u /* work on the calling thread only */
+#define ROTATE_NEAREST           0x0000u /* interpolation (bits 8..11): nearest pixel, every depth */
+#define ROTATE_BILINEAR          0x0100u /* 8-bit and 16-bit grey, 24, 32, 48 and 64 bits */
+#define ROTATE_BICUBIC           0x0200u /* Catmull-Rom, same depths as bilinear */
+#define ROTATE_INTERP_MASK       0x0F00u
+/* Fill colour of uncovered pixels: 0x00BBGGRR (red in the low byte); up to 8
+ * bits the nearest palette entry is used, grey depths take the grey of the
+ * colour. ROTATE_FILL_INDEX(i) names a palette index directly (depths up to 8). */
+#define ROTATE_FILL_INDEX(i)     (0x01000000u | ((uint32_t)(i) & 0xFFu))
+/* Largest shear angle, in hundredths of a degree (tan 85 degrees = 11.4). */
+#define SHEAR_MAX_ANGLE          8500
+
+/* Turns the viewed image by nAngle hundredths of a degree (-36000..36000),
+ * positive clockwise as the image is viewed, about its centre, in place: the
+ * record receives new storage of the same kind (caller memory becomes
+ * kernel memory), its region is removed, and its view perspective becomes 1
+ * or 4 (perspectives 2, 5, 7 become 4 and 3, 6, 8 become 1, the difference
+ * being added to the turn). Pixel centres map onto pixel centres, so turns
+ * by right angles move pixels unchanged with any interpolation; +90.00 with
+ * ROTATE_RESIZE equals K_RotateBitmap90(pBitmap, 1, ...). Uncovered pixels
+ * get uFill; covered pixels near the edge repeat the edge pixels. Where the
+ * alphas of 32/64-bit neighbours differ they are weighted by alpha. 0.00,
+ * 180.00 and (with ROTATE_RESIZE or a square image) 90.00 / 270.00 take
+ * short cuts unless ROTATE_NO_SHORTCUTS. Progress 0..100 through the status
+ * callback; an answer other than 1 stops and is returned with the bitmap
+ * unchanged.
+ * Results: 1; -13 null or unallocated record, unknown flag bits or
+ * interpolation, an angle out of range, a view perspective outside 1..8, a
+ * locked bitmap (outstanding K_AccessBitmap), a bad fill (palette index
+ * past the depth, index form above 8 bits); -789 size word; -27 a depth that
+ * the interpolation does not support (bilinear and bicubic: 8-bit grey (a
+ * 256-entry grey-ramp palette), 16-bit grey, 24, 32, 48, 64 bits); -11 a
+ * result larger than 32-bit sizes allow; -1 (or the storage's failure) when
+ * the new storage cannot be made. On failure the record and its pixels are
+ * as they were. */
+OMBRIX_API int32_t K_RotateBitmap(BITMAPRECORD* pBitmap, int32_t nAngle, uint32_t uFlags, uint32_t uFill);
+/* Shears the viewed image by nAngle hundredths of a degree
+ * (-SHEAR_MAX_ANGLE..SHEAR_MAX_ANGLE) about its centre: rows slide
+ * horizontally by tan(angle) per row below the centre (positive: lower rows
+ * move right), or with SHEAR_VERTICAL columns slide vertically (positive:
+ * right columns move down). ROTATE_RESIZE widens (or heightens) the result
+ * by ceil(|tan| x height (width)). Fill, interpolation, storage, region,
+ * progress and results as K_RotateBitmap; the view perspective is kept. */
+OMBRIX_API int32_t K_ShearBitmap(BITMAPRECORD* pBitmap, int32_t nAngle, uint32_t uFlags, uint32_t uFill);
+/* The stored width and height K_RotateBitmap with ROTATE_RESIZE gives the
+ * record for nAngle: ceil(|cos| W + |sin| H - 1/64) by ceil(|sin| W + |cos| H
+ * - 1/64) with the kernel's sine table, after the perspective folding.
+ * -13 null pointers, angle out of range, perspective outside 1..8; -789 size
+ * word; -11 empty record or a size past 32 bits. */
+OMBRIX_API int32_t K_GetRotatedBitmapSize(const BITMAPRECORD* pBitmap, int32_t nAngle, int32_t* pnWidth,
+                                          int32_t* pnHeight);
 
 /* ======================================================================
  * Section: transforms: copy, trim and fill
