@@ -471,14 +471,13 @@ OMBRIX_SSSE3 void turn8Sse(const uint8_t* src, size_t ss, uint8_t* dst, size_t d
                            bool revY, bool revX) noexcept {
     const uint32_t w16 = w & ~15u, h16 = h & ~15u;
     const __m128i rev = _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    // Strips of 64 source columns: 64 destination rows written front to back
+    // while the strip's source lines stay in the second-level cache.
     constexpr uint32_t T = 64;
-    for (uint32_t y0 = 0; y0 < h16; y0 += T) {
-        const uint32_t y1 = std::min(h16, y0 + T);
-        for (uint32_t x0 = 0; x0 < w16; x0 += T) {
-            const uint32_t x1 = std::min(w16, x0 + T);
-            for (uint32_t y = y0; y < y1; y += 16)
-                for (uint32_t x = x0; x < x1; x += 16) block8(src, ss, dst, ds, x, y, w, h, revY, revX, rev);
-        }
+    for (uint32_t x0 = 0; x0 < w16; x0 += T) {
+        const uint32_t x1 = std::min(w16, x0 + T);
+        for (uint32_t y = 0; y < h16; y += 16)
+            for (uint32_t x = x0; x < x1; x += 16) block8(src, ss, dst, ds, x, y, w, h, revY, revX, rev);
     }
     turnEdge<1>(src, ss, dst, ds, w, h, revY, revX, w16, w, 0, h);
     turnEdge<1>(src, ss, dst, ds, w, h, revY, revX, 0, w16, h16, h);
