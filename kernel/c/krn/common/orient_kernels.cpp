@@ -19,6 +19,9 @@
 #endif
 
 namespace krn {
+#ifdef OMBRIX_ORIENT_X86
+OMBRIX_SSSE3 void mirrorBytes1Ssse3(uint8_t* row, size_t n) noexcept;
+#endif
 namespace {
 
 // ---------------------------------------------------------------- bit helpers
@@ -82,26 +85,46 @@ void mirrorBytes(uint8_t* row, uint32_t pixels) noexcept {
     }
 }
 
+int simdLevel() noexcept;
+
 // 1, 2 and 4 bits: bytes reversed through a table, then the row shifted left
 // by the bits that were padding at the end; the trailing bits of the last
 // byte are put back.
-void mirrorSubByte(uint8_t* row, uint32_t pixels, int32_t bpp) noexcept {
+void mirrorSubByte(uint8_t* row, uint32_t pixels, int32_t bpp, bool simd) noexcept {
     const uint64_t bits = uint64_t(pixels) * uint64_t(bpp);
     const size_t n = size_t((bits + 7) / 8);
     const uint32_t pad = uint32_t(n * 8 - bits);
     const uint8_t keepMask = uint8_t((1u << pad) - 1u);
     const uint8_t tail = uint8_t(row[n - 1] & keepMask);
     const uint8_t* tab = bpp == 1 ? tables().bits1 : bpp == 2 ? tables().bits2 : tables().bits4;
-    uint8_t* a = row;
-    uint8_t* b = row + n - 1;
-    while (a < b) {
-        const uint8_t t = tab[*a];
-        *a++ = tab[*b];
-        *b-- = t;
+#ifdef OMBRIX_ORIENT_X86
+    if (simd && bpp == 1) {
+        mirrorBytes1Ssse3(row, n);
+    } else
+#endif
+    {
+        (void)simd;
+        uint8_t* a = row;
+        uint8_t* b = row + n - 1;
+        while (a < b) {
+            const uint8_t t = tab[*a];
+            *a++ = tab[*b];
+            *b-- = t;
+        }
+        if (a == b) *a = tab[*a];
     }
-    if (a == b) *a = tab[*a];
     if (pad) {
-        for (size_t i = 0; i + 1 < n; ++i) row[i] = uint8_t((row[i] << pad) | (row[i + 1] >> (8 - pad)));
+        // The row shifted left by `pad` bits, eight bytes at a time.
+        size_t i = 0;
+        for (; i + 9 <= n; i += 8) {
+            uint64_t v;
+            std::memcpy(&v, row + i, 8);
+            v = __builtin_bswap64(v);
+            v = (v << pad) | (row[i + 8] >> (8 - pad));
+            v = __builtin_bswap64(v);
+            std::memcpy(row + i, &v, 8);
+        }
+        for (; i + 1 < n; ++i) row[i] = uint8_t((row[i] << pad) | (row[i + 1] >> (8 - pad)));
         row[n - 1] = uint8_t(row[n - 1] << pad);
     }
     row[n - 1] = uint8_t((row[n - 1] & ~keepMask) | tail);
@@ -120,7 +143,7 @@ void mirrorDispatch(uint8_t* row, uint32_t pixels, int32_t bpp, bool fast) noexc
     if (pixels < 2) return;
     switch (bpp) {
         case 1: case 2: case 4:
-            if (fast) mirrorSubByte(row, pixels, bpp);
+            if (fast) mirrorSubByte(row, pixels, bpp, simdLevel() >= 1);
             else mirrorGeneric(row, pixels, bpp);
             return;
         case 8: mirrorBytes<1>(row, pixels); return;
@@ -323,112 +346,176 @@ void turn1(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, u
 }
 
 #ifdef OMBRIX_ORIENT_X86
-// 32 bits: 4x4 transposes with SSE2 inside 16x16 tiles.
-OMBRIX_SSSE3 void turn32Sse(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h,
-                            bool revY, bool revX) noexcept {
-    const uint32_t w4 = w & ~3u, h4 = h & ~3u;
-    constexpr uint32_t T = 32;
-    for (uint32_t y0 = 0; y0 < h4; y0 += T) {
-        const uint32_t y1 = std::min(h4, y0 + T);
-        for (uint32_t x0 = 0; x0 < w4; x0 += T) {
-            const uint32_t x1 = std::min(w4, x0 + T);
+// The vector kernels visit the source in tiles whose destination rows are
+// whole cache lines (64 bytes at 8 and 32 bits, 192 at 24), so every line is
+// read once and written once and a tile's pages stay in the TLB.
+
+// 4x4 dwords: rows r0..r3 in, columns c0..c3 out.
+OMBRIX_SSSE3 inline void transpose4(__m128i& r0, __m128i& r1, __m128i& r2, __m128i& r3) noexcept {
+    const __m128i t0 = _mm_unpacklo_epi32(r0, r1), t1 = _mm_unpacklo_epi32(r2, r3);
+    const __m128i t2 = _mm_unpackhi_epi32(r0, r1), t3 = _mm_unpackhi_epi32(r2, r3);
+    r0 = _mm_unpacklo_epi64(t0, t1);
+    r1 = _mm_unpackhi_epi64(t0, t1);
+    r2 = _mm_unpacklo_epi64(t2, t3);
+    r3 = _mm_unpackhi_epi64(t2, t3);
+}
+
+// Scalar pixels of B bytes for the parts the vector loops leave.
+template <int B>
+void turnEdge(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h, bool revY, bool revX,
+              uint32_t xa, uint32_t xb, uint32_t ya, uint32_t yb) noexcept {
+    for (uint32_t y = ya; y < yb; ++y)
+        for (uint32_t x = xa; x < xb; ++x)
+            std::memcpy(dst + size_t(revX ? w - 1 - x : x) * ds + size_t(revY ? h - 1 - y : y) * B,
+                        src + size_t(y) * ss + size_t(x) * B, B);
+}
+
+// 32 bits (and 24 bits widened to 32 in registers).
+template <int B>
+OMBRIX_SSSE3 void turnDwordsSse(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h,
+                                bool revY, bool revX) noexcept {
+    // Vector groups of 4 pixels at x need x*B + 16 <= w*B (loads stay inside the block rows).
+    const uint32_t wv = B == 4 ? (w & ~3u) : (w >= 6 ? ((w - 6) / 4 + 1) * 4 : 0);
+    const uint32_t hv = h & ~3u;
+    constexpr uint32_t T = B == 4 ? 16 : 64;
+    const __m128i widen = _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+    const __m128i narrow = _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    const ptrdiff_t step = revX ? -ptrdiff_t(ds) : ptrdiff_t(ds);
+    for (uint32_t y0 = 0; y0 < hv; y0 += T) {
+        const uint32_t y1 = std::min(hv, y0 + T);
+        for (uint32_t x0 = 0; x0 < wv; x0 += T) {
+            const uint32_t x1 = std::min(wv, x0 + T);
             for (uint32_t y = y0; y < y1; y += 4) {
                 const uint8_t* s0 = src + size_t(y) * ss;
+                const size_t col = size_t(revY ? h - 4 - y : y) * B;
                 for (uint32_t x = x0; x < x1; x += 4) {
-                    __m128i r0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + size_t(x) * 4));
-                    __m128i r1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + ss + size_t(x) * 4));
-                    __m128i r2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + 2 * ss + size_t(x) * 4));
-                    __m128i r3 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + 3 * ss + size_t(x) * 4));
-                    __m128i t0 = _mm_unpacklo_epi32(r0, r1), t1 = _mm_unpacklo_epi32(r2, r3);
-                    __m128i t2 = _mm_unpackhi_epi32(r0, r1), t3 = _mm_unpackhi_epi32(r2, r3);
-                    // Column k of the 4x4 source (top to bottom): c0..c3.
-                    __m128i c0 = _mm_unpacklo_epi64(t0, t1), c1 = _mm_unpackhi_epi64(t0, t1);
-                    __m128i c2 = _mm_unpacklo_epi64(t2, t3), c3 = _mm_unpackhi_epi64(t2, t3);
-                    if (revY) {
-                        // Columns h-4-y .. h-1-y hold the source column bottom to top.
-                        c0 = _mm_shuffle_epi32(c0, 0x1B);
-                        c1 = _mm_shuffle_epi32(c1, 0x1B);
-                        c2 = _mm_shuffle_epi32(c2, 0x1B);
-                        c3 = _mm_shuffle_epi32(c3, 0x1B);
+                    const uint8_t* p = s0 + size_t(x) * B;
+                    __m128i r0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+                    __m128i r1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + ss));
+                    __m128i r2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 2 * ss));
+                    __m128i r3 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 3 * ss));
+                    if (B == 3) {
+                        r0 = _mm_shuffle_epi8(r0, widen);
+                        r1 = _mm_shuffle_epi8(r1, widen);
+                        r2 = _mm_shuffle_epi8(r2, widen);
+                        r3 = _mm_shuffle_epi8(r3, widen);
                     }
-                    const size_t col = size_t(revY ? h - 4 - y : y) * 4;
+                    transpose4(r0, r1, r2, r3);
+                    if (revY) {
+                        r0 = _mm_shuffle_epi32(r0, 0x1B);
+                        r1 = _mm_shuffle_epi32(r1, 0x1B);
+                        r2 = _mm_shuffle_epi32(r2, 0x1B);
+                        r3 = _mm_shuffle_epi32(r3, 0x1B);
+                    }
                     // Source column x+k lands in destination row x+k (or w-1-x-k).
                     uint8_t* d = dst + size_t(revX ? w - 1 - x : x) * ds + col;
-                    const ptrdiff_t step = revX ? -ptrdiff_t(ds) : ptrdiff_t(ds);
-                    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), c0);
-                    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + step), c1);
-                    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * step), c2);
-                    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 3 * step), c3);
+                    const __m128i c[4] = {r0, r1, r2, r3};
+                    for (int k = 0; k < 4; ++k) {
+                        uint8_t* q = d + k * step;
+                        if (B == 4) {
+                            _mm_storeu_si128(reinterpret_cast<__m128i*>(q), c[k]);
+                        } else {
+                            const __m128i v = _mm_shuffle_epi8(c[k], narrow);
+                            _mm_storel_epi64(reinterpret_cast<__m128i*>(q), v);
+                            const int32_t tail = _mm_cvtsi128_si32(_mm_srli_si128(v, 8));
+                            std::memcpy(q + 8, &tail, 4);
+                        }
+                    }
                 }
             }
         }
     }
-    // Right and bottom edges.
-    auto edge = [&](uint32_t xa, uint32_t xb, uint32_t ya, uint32_t yb) {
-        for (uint32_t y = ya; y < yb; ++y)
-            for (uint32_t x = xa; x < xb; ++x) {
-                uint8_t* d = dst + size_t(revX ? w - 1 - x : x) * ds + size_t(revY ? h - 1 - y : y) * 4;
-                std::memcpy(d, src + size_t(y) * ss + size_t(x) * 4, 4);
-            }
-    };
-    edge(w4, w, 0, h);
-    edge(0, w4, h4, h);
+    turnEdge<B>(src, ss, dst, ds, w, h, revY, revX, wv, w, 0, h);
+    turnEdge<B>(src, ss, dst, ds, w, h, revY, revX, 0, wv, hv, h);
 }
 
-// 8 bits: 16x16 byte transposes with SSE2 unpacks.
+// 8 bits: 16x16 byte transposes (four rounds of unpacks) in 64x64 tiles.
+OMBRIX_SSSE3 inline void block8(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t x, uint32_t y,
+                                uint32_t w, uint32_t h, bool revY, bool revX, __m128i rev) noexcept {
+    __m128i r[16];
+    for (int k = 0; k < 16; ++k) r[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + size_t(y + k) * ss + x));
+    __m128i a[16], b[16];
+    for (int k = 0; k < 8; ++k) {
+        a[k] = _mm_unpacklo_epi8(r[2 * k], r[2 * k + 1]);
+        a[k + 8] = _mm_unpackhi_epi8(r[2 * k], r[2 * k + 1]);
+    }
+    for (int k = 0; k < 4; ++k) {
+        b[k] = _mm_unpacklo_epi16(a[2 * k], a[2 * k + 1]);
+        b[k + 4] = _mm_unpackhi_epi16(a[2 * k], a[2 * k + 1]);
+        b[k + 8] = _mm_unpacklo_epi16(a[8 + 2 * k], a[8 + 2 * k + 1]);
+        b[k + 12] = _mm_unpackhi_epi16(a[8 + 2 * k], a[8 + 2 * k + 1]);
+    }
+    __m128i c[16];
+    for (int q = 0; q < 4; ++q) {
+        c[4 * q + 0] = _mm_unpacklo_epi32(b[4 * q + 0], b[4 * q + 1]);
+        c[4 * q + 1] = _mm_unpackhi_epi32(b[4 * q + 0], b[4 * q + 1]);
+        c[4 * q + 2] = _mm_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
+        c[4 * q + 3] = _mm_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
+    }
+    // col[j] is column j of the block, top to bottom.
+    __m128i col[16];
+    for (int q = 0; q < 4; ++q) {
+        col[4 * q + 0] = _mm_unpacklo_epi64(c[4 * q + 0], c[4 * q + 2]);
+        col[4 * q + 1] = _mm_unpackhi_epi64(c[4 * q + 0], c[4 * q + 2]);
+        col[4 * q + 2] = _mm_unpacklo_epi64(c[4 * q + 1], c[4 * q + 3]);
+        col[4 * q + 3] = _mm_unpackhi_epi64(c[4 * q + 1], c[4 * q + 3]);
+    }
+    for (uint32_t j = 0; j < 16; ++j) {
+        const __m128i v = revY ? _mm_shuffle_epi8(col[j], rev) : col[j];
+        uint8_t* d = dst + size_t(revX ? w - 1 - x - j : x + j) * ds + (revY ? h - 16 - y : y);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), v);
+    }
+}
+
 OMBRIX_SSSE3 void turn8Sse(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h,
                            bool revY, bool revX) noexcept {
     const uint32_t w16 = w & ~15u, h16 = h & ~15u;
     const __m128i rev = _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
-    for (uint32_t y = 0; y < h16; y += 16) {
-        for (uint32_t x = 0; x < w16; x += 16) {
-            __m128i r[16];
-            for (int k = 0; k < 16; ++k)
-                r[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + size_t(y + k) * ss + x));
-            // 4 rounds of unpacks: bytes, words, dwords, qwords.
-            __m128i a[16], b[16];
-            for (int k = 0; k < 8; ++k) {
-                a[k] = _mm_unpacklo_epi8(r[2 * k], r[2 * k + 1]);
-                a[k + 8] = _mm_unpackhi_epi8(r[2 * k], r[2 * k + 1]);
-            }
-            for (int k = 0; k < 4; ++k) {
-                b[k] = _mm_unpacklo_epi16(a[2 * k], a[2 * k + 1]);
-                b[k + 4] = _mm_unpackhi_epi16(a[2 * k], a[2 * k + 1]);
-                b[k + 8] = _mm_unpacklo_epi16(a[8 + 2 * k], a[8 + 2 * k + 1]);
-                b[k + 12] = _mm_unpackhi_epi16(a[8 + 2 * k], a[8 + 2 * k + 1]);
-            }
-            __m128i c[16];
-            for (int q = 0; q < 4; ++q) {
-                c[4 * q + 0] = _mm_unpacklo_epi32(b[4 * q + 0], b[4 * q + 1]);
-                c[4 * q + 1] = _mm_unpackhi_epi32(b[4 * q + 0], b[4 * q + 1]);
-                c[4 * q + 2] = _mm_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
-                c[4 * q + 3] = _mm_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
-            }
-            // c[4q+0..3] hold dword groups; final qword unpacks give the 16 columns.
-            __m128i col[16];
-            for (int q = 0; q < 4; ++q) {
-                col[4 * q + 0] = _mm_unpacklo_epi64(c[4 * q + 0], c[4 * q + 2]);
-                col[4 * q + 1] = _mm_unpackhi_epi64(c[4 * q + 0], c[4 * q + 2]);
-                col[4 * q + 2] = _mm_unpacklo_epi64(c[4 * q + 1], c[4 * q + 3]);
-                col[4 * q + 3] = _mm_unpackhi_epi64(c[4 * q + 1], c[4 * q + 3]);
-            }
-            // col[j] is column j of the block, top to bottom.
-            for (int j = 0; j < 16; ++j) {
-                const __m128i v = revY ? _mm_shuffle_epi8(col[j], rev) : col[j];
-                uint8_t* d = dst + size_t(revX ? w - 1 - x - j : x + j) * ds + (revY ? h - 16 - y : y);
-                _mm_storeu_si128(reinterpret_cast<__m128i*>(d), v);
-            }
-        }
+    // Strips of 64 source columns: 64 destination rows written front to back
+    // while the strip's source lines stay in the second-level cache.
+    constexpr uint32_t T = 64;
+    for (uint32_t x0 = 0; x0 < w16; x0 += T) {
+        const uint32_t x1 = std::min(w16, x0 + T);
+        for (uint32_t y = 0; y < h16; y += 16)
+            for (uint32_t x = x0; x < x1; x += 16) block8(src, ss, dst, ds, x, y, w, h, revY, revX, rev);
     }
-    auto edge = [&](uint32_t xa, uint32_t xb, uint32_t ya, uint32_t yb) {
-        for (uint32_t y = ya; y < yb; ++y)
-            for (uint32_t x = xa; x < xb; ++x) {
-                dst[size_t(revX ? w - 1 - x : x) * ds + (revY ? h - 1 - y : y)] = src[size_t(y) * ss + x];
-            }
-    };
-    edge(w16, w, 0, h);
-    edge(0, w16, h16, h);
+    turnEdge<1>(src, ss, dst, ds, w, h, revY, revX, w16, w, 0, h);
+    turnEdge<1>(src, ss, dst, ds, w, h, revY, revX, 0, w16, h16, h);
 }
+
+}  // namespace
+// 1 bit, whole bytes mirrored from both ends: bits reversed inside each byte
+// with two nibble lookups, bytes reversed with one shuffle.
+OMBRIX_SSSE3 void mirrorBytes1Ssse3(uint8_t* row, size_t n) noexcept {
+    const __m128i rev = _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    const __m128i lo = _mm_setr_epi8(0x0, 0x8, 0x4, 0xC, 0x2, 0xA, 0x6, 0xE, 0x1, 0x9, 0x5, 0xD, 0x3, 0xB, 0x7, 0xF);
+    const __m128i hi = _mm_slli_epi16(lo, 4);
+    const __m128i m = _mm_set1_epi8(0x0F);
+#define OMBRIX_FLIP_BITS(v)                                                              \
+    _mm_shuffle_epi8(_mm_or_si128(_mm_shuffle_epi8(hi, _mm_and_si128((v), m)),           \
+                                  _mm_shuffle_epi8(lo, _mm_and_si128(_mm_srli_epi16((v), 4), m))), \
+                     rev)
+    uint8_t* a = row;
+    uint8_t* b = row + n;
+    const uint8_t* tab = tables().bits1;
+    while (b - a >= 32) {
+        b -= 16;
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<__m128i*>(a));
+        const __m128i y = _mm_loadu_si128(reinterpret_cast<__m128i*>(b));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(a), OMBRIX_FLIP_BITS(y));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(b), OMBRIX_FLIP_BITS(x));
+        a += 16;
+    }
+    uint8_t* e = b - 1;
+    while (a < e) {
+        const uint8_t t = tab[*a];
+        *a++ = tab[*e];
+        *e-- = t;
+    }
+    if (a == e) *a = tab[*a];
+}
+#undef OMBRIX_FLIP_BITS
+namespace {
 #endif
 
 void turnDispatch(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h, int32_t bpp,
@@ -444,10 +531,14 @@ void turnDispatch(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32
 #endif
             return turnBytes<1>(src, ss, dst, ds, w, h, revY, revX);
         case 16: return turnBytes<2>(src, ss, dst, ds, w, h, revY, revX);
-        case 24: return turnBytes<3>(src, ss, dst, ds, w, h, revY, revX);
+        case 24:
+#ifdef OMBRIX_ORIENT_X86
+            if (fast && simdLevel() >= 1) return turnDwordsSse<3>(src, ss, dst, ds, w, h, revY, revX);
+#endif
+            return turnBytes<3>(src, ss, dst, ds, w, h, revY, revX);
         case 32:
 #ifdef OMBRIX_ORIENT_X86
-            if (fast && simdLevel() >= 1) return turn32Sse(src, ss, dst, ds, w, h, revY, revX);
+            if (fast && simdLevel() >= 1) return turnDwordsSse<4>(src, ss, dst, ds, w, h, revY, revX);
 #endif
             return turnBytes<4>(src, ss, dst, ds, w, h, revY, revX);
         case 48: return turnBytes<6>(src, ss, dst, ds, w, h, revY, revX);
