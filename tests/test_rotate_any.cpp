@@ -22,8 +22,6 @@
 
 using namespace storagetest;
 
-extern "C" int32_t K_RotateBitmap90(BITMAPRECORD*, int32_t, int32_t, int32_t) __attribute__((weak));
-
 namespace {
 
 // ---------------------------------------------------------------- helpers
@@ -228,7 +226,6 @@ TEST(RotateAny, QuarterTurnsEqualIndexArithmeticAtEveryDepth) {
 }
 
 TEST(RotateAny, GeneralQuarterTurnEqualsQuarterTurnRoutine) {
-    if (!K_RotateBitmap90) GTEST_SKIP() << "the quarter-turn routine is not in this build";
     for (int bpp : {1, 4, 8, 24, 32, 64})
         for (int32_t persp : {1, 4})
             for (int32_t turn : {0, 1}) {

@@ -26,14 +26,10 @@
 #include "palette.h"
 #include "parallel.h"
 #include "progress.h"
+#include "rotate.h"
 #include "sine.h"
 #include "storage.h"
 
-// The quarter-turn routine of the orientation family. Weak, so that this
-// family links on its own; when it is absent the general path (which is
-// exact at right angles) does the turn.
-extern "C" int32_t K_RotateBitmap90(BITMAPRECORD* pBitmap, int32_t bTurn, int32_t nProgressStart,
-                                    int32_t nProgressEnd) __attribute__((weak));
 
 namespace krn {
 namespace {
@@ -880,9 +876,11 @@ int32_t rotateBitmap(BITMAPRECORD* bm, int32_t nAngle, uint32_t uFlags, uint32_t
             bm->nViewPerspective = folded;
             return KS_SUCCESS;
         }
-        if ((a == 9000 || a == 27000) && (resize || bm->nWidth == bm->nHeight) && K_RotateBitmap90) {
+        if (a == 18000 || ((a == 9000 || a == 27000) && (resize || bm->nWidth == bm->nHeight))) {
+            // The orientation family's routines: the half turn in place, the
+            // quarter turn (which exchanges the direction for perspective 4).
             bm->nViewPerspective = folded;
-            rc = K_RotateBitmap90(bm, a == 27000 ? 1 : 0, 0, 100);
+            rc = a == 18000 ? turnHalfStored(bm, 0, 100) : K_RotateBitmap90(bm, a == 27000 ? 1 : 0, 0, 100);
             if (rc != KS_SUCCESS) bm->nViewPerspective = persp;
             return rc;
         }
