@@ -645,6 +645,8 @@ KAPI int32_t K_IntResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitma
         if (pSrcBitmap->nWidth <= 0 || pSrcBitmap->nHeight <= 0 || pDstBitmap->nWidth <= 0 ||
             pDstBitmap->nHeight <= 0)
             return KS_INVALID_DIMENSIONS;
+        if (!bitsValid(pSrcBitmap->nBitsPerPixel) || !bitsValid(pDstBitmap->nBitsPerPixel))
+            return KS_INVALID_BITS_PER_PIXEL;
         const bool flip = pSrcBitmap->nViewPerspective != pDstBitmap->nViewPerspective;
         const uint32_t premul = uFlags & kSizePremultiply;
         if (uFlags & kSizeFavourBlack) return favourBlackResize(pSrcBitmap, pDstBitmap, flip);
