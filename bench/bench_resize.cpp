@@ -43,6 +43,10 @@ struct Bitmap {
         if (fill) {
             auto bytes = bench::randomBytes(size_t(bm.nBytesPerLine) * size_t(h), 5);
             std::memcpy(bm.pData, bytes.data(), bytes.size());
+        } else {
+            // Touch every page first: the timed runs, like the peers' reused
+            // targets, should not pay for first-touch page faults.
+            std::memset(bm.pData, 0, size_t(bm.nBytesPerLine) * size_t(h));
         }
     }
     ~Bitmap() {

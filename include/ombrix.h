@@ -1902,8 +1902,8 @@ OMBRIX_API int32_t K_SizeBitmap(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t n
 OMBRIX_API int32_t K_IntResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
 /* K_IntResizeBitmap with checks: -13 null, unallocated or identical bitmaps, unknown flag bits or a
  * view perspective outside 1..8; -789 size words. Perspectives that differ by a flip of the stored
- * rows (1/4, 2/3, 5/8, 6/7) are handled by writing rows bottom up; other pairs resize a copy of the
- * source stored in the destination's perspective (-16 when the perspective change is not built in).
+ * rows (1/4, 2/3, 5/6, 7/8) are handled by writing rows bottom up; other pairs resize a copy of the
+ * source stored in the destination's perspective (K_IntChangeBitmapViewPerspective).
  * SIZE_FAVOURBLACK is dropped unless both bitmaps are 1-bit black-and-white. */
 OMBRIX_API int32_t K_ResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
 

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <numeric>
 #include <random>
@@ -552,6 +553,59 @@ TEST(ResizeIntoDestination, FlippedPerspectiveWritesRowsBottomUp) {
         for (int32_t x = 0; x < 3; ++x) EXPECT_EQ(dst[size_t(2 - y) * b.nBytesPerLine + x], src[size_t(2 * y) * a.nBytesPerLine + 2 * x]);
     K_FreeBitmap(&a);
     K_FreeBitmap(&b);
+}
+
+// Every pair of perspectives: each source pixel holds its own viewed
+// coordinates, and every target pixel, looked at in the top-left view, must
+// come from the source pixel at its scaled viewed position (within one pixel:
+// an axis stored reversed floors the other way).
+TEST(ResizeIntoDestination, EveryPerspectivePairKeepsTheViewedImage) {
+    const int32_t vw = 23, vh = 17, nvw = 11, nvh = 29;  // viewed sizes
+    for (int32_t sp = 1; sp <= 8; ++sp)
+        for (int32_t dp = 1; dp <= 8; ++dp) {
+            const bool sRot = sp >= 5, dRot = dp >= 5;
+            BITMAPRECORD a, b;
+            ASSERT_EQ(K_CreateBitmap(&a, BITMAPRECORD_SIZE, 1, sRot ? vh : vw, sRot ? vw : vh, 24, ORDER_BGR, nullptr,
+                                     sp, nullptr, 0),
+                      KS_SUCCESS);
+            ASSERT_EQ(K_CreateBitmap(&b, BITMAPRECORD_SIZE, 1, dRot ? nvh : nvw, dRot ? nvw : nvh, 24, ORDER_BGR,
+                                     nullptr, dp, nullptr, 0),
+                      KS_SUCCESS);
+            std::vector<uint8_t> row(a.nBytesPerLine);
+            K_AccessBitmap(&a);
+            for (int32_t y = 0; y < a.nHeight; ++y) {
+                for (int32_t x = 0; x < a.nWidth; ++x) {
+                    int32_t px = x, py = y;
+                    ASSERT_EQ(K_PointFromBitmap(&a, TOP_LEFT, &px, &py), KS_SUCCESS);
+                    row[size_t(x) * 3] = uint8_t(px);
+                    row[size_t(x) * 3 + 1] = uint8_t(py);
+                    row[size_t(x) * 3 + 2] = 7;
+                }
+                K_PutBitmapRow(&a, row.data(), y, a.nBytesPerLine);
+            }
+            K_ReleaseBitmap(&a);
+            ASSERT_EQ(K_ResizeBitmap(&a, &b, 0), KS_SUCCESS) << sp << " -> " << dp;
+            std::vector<uint8_t> out(b.nBytesPerLine);
+            K_AccessBitmap(&b);
+            for (int32_t y = 0; y < b.nHeight; ++y) {
+                K_GetBitmapRow(&b, out.data(), y, b.nBytesPerLine);
+                for (int32_t x = 0; x < b.nWidth; ++x) {
+                    int32_t qx = x, qy = y;
+                    ASSERT_EQ(K_PointFromBitmap(&b, TOP_LEFT, &qx, &qy), KS_SUCCESS);
+                    // floor(q old / new) forwards, old - 1 - floor((new - 1 - q) old / new) on a
+                    // reversed axis: both lie in [q old / new - 1, (q + 1) old / new].
+                    const double sx = out[size_t(x) * 3], sy = out[size_t(x) * 3 + 1];
+                    ASSERT_EQ(out[size_t(x) * 3 + 2], 7);
+                    ASSERT_GE(sx, double(qx) * vw / nvw - 1) << sp << " -> " << dp << " at " << qx << "," << qy;
+                    ASSERT_LE(sx, double(qx + 1) * vw / nvw) << sp << " -> " << dp << " at " << qx << "," << qy;
+                    ASSERT_GE(sy, double(qy) * vh / nvh - 1) << sp << " -> " << dp << " at " << qx << "," << qy;
+                    ASSERT_LE(sy, double(qy + 1) * vh / nvh) << sp << " -> " << dp << " at " << qx << "," << qy;
+                }
+            }
+            K_ReleaseBitmap(&b);
+            K_FreeBitmap(&a);
+            K_FreeBitmap(&b);
+        }
 }
 
 }  // namespace

@@ -662,6 +662,7 @@ struct Job {
     VFn v;
     bool verticalFirst;  // ring rows are decoded source rows; the horizontal pass follows
     V8Fn v8;             // vertical-first straight from stored 8-bit rows (24/32 bits as stored)
+    bool chunked;        // horizontal first into 24/32-bit BGR: vertical sums stored a chunk at a time
 };
 
 // Decodes and horizontally resamples source row r into dstRow (newW * cw floats).
@@ -756,6 +757,25 @@ int32_t runBand(const Job& j, int32_t y0, int32_t y1) noexcept {
             ptrs.get()[k] = dstRow;
         }
         const float* wts = j.ay.weight.get() + size_t(y) * size_t(j.ay.taps);
+        if (j.chunked) {
+            // 8-bit samples in storage order: sum and store a chunk at a time,
+            // so the sums stay in the first-level cache.
+            const int32_t ty = j.flip ? j.dst->nHeight - 1 - y : y;
+            uint8_t* d = j.out->base ? j.out->base + uint64_t(ty) * j.dst->nBytesPerLine : outRaw.get();
+            const float* part[64];
+            constexpr int32_t kChunk = 2048;
+            for (int32_t off = 0; off < int32_t(rowFloats); off += kChunk) {
+                const int32_t len = std::min<int32_t>(kChunk, int32_t(rowFloats) - off);
+                for (int32_t k = 0; k < n; ++k) part[k] = ptrs.get()[k] + off;
+                j.v(part, wts, n, acc, len);
+                floatsToBytes(acc, d + off, len);
+            }
+            if (!j.out->base) {
+                int32_t rc = writeRow(j.dst, ty, 0, d, j.dst->nBytesPerLine);
+                if (rc != KS_SUCCESS) return rc;
+            }
+            continue;
+        }
         if (!j.v8) j.v(ptrs.get(), wts, n, acc, int32_t(rowFloats));
         float* res = acc;
         if (j.verticalFirst) {
@@ -834,6 +854,8 @@ int32_t resampleInto(BITMAPRECORD* src, BITMAPRECORD* dst, ResampleFilter filter
     if (rc != KS_SUCCESS) return rc;
     const bool avx = useAvx2();
     j.h = pickH(j.cw, j.ax.fixedTaps, avx);
+    j.chunked = dst->nHeight >= src->nHeight && !j.premul && (j.df.fmt == Fmt::B24 || j.df.fmt == Fmt::B32) &&
+                !j.df.rgb && j.ay.taps <= 64;
     // Reductions in height run the vertical pass first, on fewer rows.
     j.verticalFirst = dst->nHeight < src->nHeight && !j.ax.identity;
     if (j.verticalFirst && (j.sf.fmt == Fmt::B24 || j.sf.fmt == Fmt::B32) && !j.sf.rgb && j.sf.channels == j.cw &&

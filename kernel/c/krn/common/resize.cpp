@@ -415,7 +415,8 @@ bool isBlackWhite(const BITMAPRECORD* bm) noexcept {
     return bm->nBitsPerPixel == 1 && K_IntIsGrayScaleBitmap(bm) > 0;
 }
 
-// Views that differ by a flip of the stored rows: 1/4, 2/3, 5/8, 6/7.
+// Views that differ by a flip of the stored rows: 1/4 and 2/3 (the viewed
+// rows reverse), 5/6 and 7/8 (the stored rows are viewed columns).
 bool flipPartners(int32_t a, int32_t b) noexcept {
     auto partner = [](int32_t v) {
         switch (v) {
@@ -423,10 +424,10 @@ bool flipPartners(int32_t a, int32_t b) noexcept {
             case 4: return 1;
             case 2: return 3;
             case 3: return 2;
-            case 5: return 8;
-            case 8: return 5;
-            case 6: return 7;
-            case 7: return 6;
+            case 5: return 6;
+            case 6: return 5;
+            case 7: return 8;
+            case 8: return 7;
         }
         return 0;
     };
@@ -645,6 +646,8 @@ KAPI int32_t K_IntResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitma
         if (pSrcBitmap->nWidth <= 0 || pSrcBitmap->nHeight <= 0 || pDstBitmap->nWidth <= 0 ||
             pDstBitmap->nHeight <= 0)
             return KS_INVALID_DIMENSIONS;
+        if (!bitsValid(pSrcBitmap->nBitsPerPixel) || !bitsValid(pDstBitmap->nBitsPerPixel))
+            return KS_INVALID_BITS_PER_PIXEL;
         const bool flip = pSrcBitmap->nViewPerspective != pDstBitmap->nViewPerspective;
         const uint32_t premul = uFlags & kSizePremultiply;
         if (uFlags & kSizeFavourBlack) return favourBlackResize(pSrcBitmap, pDstBitmap, flip);
@@ -660,11 +663,6 @@ KAPI int32_t K_IntResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitma
         return nearestResize(pSrcBitmap, pDstBitmap, flip);
     });
 }
-
-// Unchecked perspective change from the transforms family, linked when present.
-extern "C" int32_t K_IntChangeBitmapViewPerspective(BITMAPRECORD* pDstBitmap, BITMAPRECORD* pSrcBitmap,
-                                                    uint32_t uStructSize, int32_t nViewPerspective,
-                                                    uint32_t uCarryMask) __attribute__((weak));
 
 KAPI int32_t K_ResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags) {
     return guarded([&]() -> int32_t {
@@ -682,7 +680,6 @@ KAPI int32_t K_ResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, 
         }
         if (sv == dv || flipPartners(sv, dv)) return K_IntResizeBitmap(pSrcBitmap, pDstBitmap, uFlags);
         // Other views: resize a copy stored in the destination's view.
-        if (!K_IntChangeBitmapViewPerspective) return KS_NOT_SUPPORTED;
         BITMAPRECORD tmp;
         std::memset(&tmp, 0, sizeof(tmp));
         rc = K_IntChangeBitmapViewPerspective(&tmp, pSrcBitmap, BITMAPRECORD_SIZE, dv, 5);
