@@ -1579,11 +1579,151 @@ OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double 
  * Section: transforms: flip, reverse, quarter turns and view perspective
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* Moving pixels. Every function here works on any storage kind (single block,
+ * tiles, temporary file, run-compressed and super-compressed rows, caller
+ * memory), moves the bitmap's region with the pixels, reports progress through
+ * the calling thread's status callback and stops with the callback's answer
+ * when it is not 1. A call that fails or is stopped leaves the record, its
+ * region and its pixels exactly as they were.
+ *
+ * K_FlipBitmap turns the viewed image upside down, K_ReverseBitmap mirrors it
+ * left to right; for a bitmap in perspective 5..8 (viewed columns stored as
+ * rows) the stored rows are reversed, respectively flipped.
+ * -13 null or unallocated record, -789 bad size word, -1 out of memory, the
+ * callback's answer when it stops the work, a storage error (-4, -5, -7). */
+OMBRIX_API int32_t K_FlipBitmap(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_ReverseBitmap(BITMAPRECORD* pBitmap);
+/* Stored rows flipped top to bottom / each stored row mirrored; no size-word
+ * check; -2 for a null or unallocated record, otherwise as above. */
+OMBRIX_API int32_t K_IntFlipBitmap(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_IntReverseBitmap(BITMAPRECORD* pBitmap);
+
+/* Relabelling: only nViewPerspective changes (and, for quarter turns, the
+ * exchange of nXResolution and nYResolution), no pixel moves. The record
+ * need not be allocated. Flip: 1<->4, 2<->3, 5<->8, 6<->7. Reverse: 1<->2,
+ * 3<->4, 5<->6, 7<->8. Quarter turn: 1->6->3->8->1, 2->7->4->5->2. Values
+ * outside 1..8 are left as they are. nAngle is in whole degrees, brought into
+ * 0..359 by whole turns; 0 does nothing, 90/180/270 apply one, two or three
+ * quarter turns, any other angle gives -13.
+ * -13 null record, -789 bad size word; the K_Int forms skip the size word and
+ * give -2 for a null record. */
+OMBRIX_API int32_t K_FlipBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_ReverseBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_RotateBitmapViewPerspective(BITMAPRECORD* pBitmap, int32_t nAngle);
+OMBRIX_API int32_t K_IntFlipBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_IntReverseBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_IntRotateBitmapViewPerspective(BITMAPRECORD* pBitmap, int32_t nAngle);
+
+/* Moves the pixels so that the same viewed image is stored in perspective
+ * nViewPerspective (1..8), then sets the field. With pDstBitmap null or equal
+ * to pSrcBitmap the source changes in place; otherwise pDstBitmap (record size
+ * uStructSize) receives a full copy of the source that is then changed, and the
+ * source is left alone. The calling thread's status callback is silenced for
+ * the duration and restored. The viewed resolutions are kept.
+ * -13 null or unallocated source, a perspective outside 1..8 (requested or
+ * stored), -789 bad size word (source, or uStructSize for a distinct
+ * destination), -1 out of memory; a destination that was not made is left
+ * unallocated. */
+OMBRIX_API int32_t K_ChangeBitmapViewPerspective(BITMAPRECORD* pDstBitmap, BITMAPRECORD* pSrcBitmap,
+                                                 uint32_t uStructSize, int32_t nViewPerspective);
+/* The unchecked form (-2 for a null or unallocated source); uCarryMask is the
+ * carry mask of the copy made for a distinct destination. */
+OMBRIX_API int32_t K_IntChangeBitmapViewPerspective(BITMAPRECORD* pDstBitmap, BITMAPRECORD* pSrcBitmap,
+                                                    uint32_t uStructSize, int32_t nViewPerspective,
+                                                    uint32_t uCarryMask);
+
+/* Quarter turn of the viewed image into new storage of exchanged width and
+ * height (same storage kind; caller memory is kept when the turned image fits
+ * the caller's buffer, else the kernel takes its own block). bTurn 1 turns
+ * clockwise as seen (the turn of K_RotateBitmap for +90.00 degrees), 0
+ * anticlockwise; for the mirrored perspectives 2, 4, 5, 7 the stored pixels
+ * turn the other way. The resolutions are exchanged. Progress goes from
+ * nProgressStart to nProgressEnd percent (0 <= start <= end <= 100).
+ * -13 null or unallocated record, a bad progress range, a record being accessed
+ * (K_AccessBitmap outstanding); -789 bad size word; -11 a turned row that does
+ * not fit 32 bits; -1 out of memory; the callback's answer when it stops. */
+OMBRIX_API int32_t K_RotateBitmap90(BITMAPRECORD* pBitmap, int32_t bTurn, int32_t nProgressStart,
+                                    int32_t nProgressEnd);
+/* Quarter turn of a plain buffer of uHeight rows of uWidth pixels, rows
+ * padded to 4 bytes (stride ((uWidth * bits + 31) / 8) & ~3), into pDst of
+ * uWidth rows of uHeight pixels (its stride from uHeight). bTurn non-zero:
+ * clockwise (the source is walked from its last row), 0: anticlockwise.
+ * pDst must not overlap pSrc. -13 null buffer, a depth other than 1..8, 12,
+ * 16, 24, 32, 48, 64, or a row that does not fit 32 bits; 0 x anything: 1. */
+OMBRIX_API int32_t K_RotateBuffer90(const uint8_t* pSrc, uint8_t* pDst, int32_t bTurn, uint32_t uWidth,
+                                    uint32_t uHeight, int32_t nBitsPerPixel);
+/* Half turn of such a buffer into pDst (same stride); pDst may be pSrc (in
+ * place), other overlaps are refused (-13). Errors as K_RotateBuffer90. */
+OMBRIX_API int32_t K_RotateBuffer180(const uint8_t* pSrc, uint8_t* pDst, uint32_t uWidth, uint32_t uHeight,
+                                     int32_t nBitsPerPixel);
+/* Reverses the order of uPixels pixels of one packed row in place, for 1..8,
+ * 12, 16, 24, 32, 48 and 64 bits per pixel (bits after the last pixel in its
+ * byte are kept). -13 null buffer; any other depth leaves the row and
+ * returns 1. */
+OMBRIX_API int32_t K_MirrorLine(uint8_t* pBuffer, uint32_t uPixels, int32_t nBitsPerPixel);
 
 /* ======================================================================
  * Section: transforms: rotation by any angle and shear
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* -- rotation by any angle and shear -- */
+/* Flags of K_RotateBitmap and K_ShearBitmap (a bit set). */
+#define ROTATE_RESIZE            0x0001u /* enlarge the result to hold the whole transformed image;
+                                            without it the size is kept and the corners are cut */
+#define SHEAR_VERTICAL           0x0002u /* K_ShearBitmap: shear the columns (default: the rows) */
+#define ROTATE_NO_SHORTCUTS      0x0008u /* K_RotateBitmap: right angles through the general path */
+#define ROTATE_FILL_TRANSPARENT  0x0010u /* 32 and 64 bits: the fill's alpha is 0 (default: opaque) */
+#define ROTATE_ONE_THREAD        0x0020u /* work on the calling thread only */
+#define ROTATE_NEAREST           0x0000u /* interpolation (bits 8..11): nearest pixel, every depth */
+#define ROTATE_BILINEAR          0x0100u /* 8-bit and 16-bit grey, 24, 32, 48 and 64 bits */
+#define ROTATE_BICUBIC           0x0200u /* Catmull-Rom, same depths as bilinear */
+#define ROTATE_INTERP_MASK       0x0F00u
+/* Fill colour of uncovered pixels: 0x00BBGGRR (red in the low byte); up to 8
+ * bits the nearest palette entry is used, grey depths take the grey of the
+ * colour. ROTATE_FILL_INDEX(i) names a palette index directly (depths up to 8). */
+#define ROTATE_FILL_INDEX(i)     (0x01000000u | ((uint32_t)(i) & 0xFFu))
+/* Largest shear angle, in hundredths of a degree (tan 85 degrees = 11.4). */
+#define SHEAR_MAX_ANGLE          8500
+
+/* Turns the viewed image by nAngle hundredths of a degree (-36000..36000),
+ * positive clockwise as the image is viewed, about its centre, in place: the
+ * record receives new storage of the same kind (caller memory becomes
+ * kernel memory), its region is removed, and its view perspective becomes 1
+ * or 4 (perspectives 2, 5, 7 become 4 and 3, 6, 8 become 1, the difference
+ * being added to the turn). Pixel centres map onto pixel centres, so turns
+ * by right angles move pixels unchanged with any interpolation; +90.00 with
+ * ROTATE_RESIZE equals K_RotateBitmap90(pBitmap, 1, ...). Uncovered pixels
+ * get uFill; covered pixels near the edge repeat the edge pixels. Where the
+ * alphas of 32/64-bit neighbours differ they are weighted by alpha. 0.00,
+ * 180.00 and (with ROTATE_RESIZE or a square image) 90.00 / 270.00 take
+ * short cuts unless ROTATE_NO_SHORTCUTS. Progress 0..100 through the status
+ * callback; an answer other than 1 stops and is returned with the bitmap
+ * unchanged.
+ * Results: 1; -13 null or unallocated record, unknown flag bits or
+ * interpolation, an angle out of range, a view perspective outside 1..8, a
+ * locked bitmap (outstanding K_AccessBitmap), a bad fill (palette index
+ * past the depth, index form above 8 bits); -789 size word; -27 a depth that
+ * the interpolation does not support (bilinear and bicubic: 8-bit grey (a
+ * 256-entry grey-ramp palette), 16-bit grey, 24, 32, 48, 64 bits); -11 a
+ * result larger than 32-bit sizes allow; -1 (or the storage's failure) when
+ * the new storage cannot be made. On failure the record and its pixels are
+ * as they were. */
+OMBRIX_API int32_t K_RotateBitmap(BITMAPRECORD* pBitmap, int32_t nAngle, uint32_t uFlags, uint32_t uFill);
+/* Shears the viewed image by nAngle hundredths of a degree
+ * (-SHEAR_MAX_ANGLE..SHEAR_MAX_ANGLE) about its centre: rows slide
+ * horizontally by tan(angle) per row below the centre (positive: lower rows
+ * move right), or with SHEAR_VERTICAL columns slide vertically (positive:
+ * right columns move down). ROTATE_RESIZE widens (or heightens) the result
+ * by ceil(|tan| x height (width)). Fill, interpolation, storage, region,
+ * progress and results as K_RotateBitmap; the view perspective is kept. */
+OMBRIX_API int32_t K_ShearBitmap(BITMAPRECORD* pBitmap, int32_t nAngle, uint32_t uFlags, uint32_t uFill);
+/* The stored width and height K_RotateBitmap with ROTATE_RESIZE gives the
+ * record for nAngle: ceil(|cos| W + |sin| H - 1/64) by ceil(|sin| W + |cos| H
+ * - 1/64) with the kernel's sine table, after the perspective folding.
+ * -13 null pointers, angle out of range, perspective outside 1..8; -789 size
+ * word; -11 empty record or a size past 32 bits. */
+OMBRIX_API int32_t K_GetRotatedBitmapSize(const BITMAPRECORD* pBitmap, int32_t nAngle, int32_t* pnWidth,
+                                          int32_t* pnHeight);
 
 /* ======================================================================
  * Section: transforms: copy, trim and fill
@@ -1684,16 +1824,218 @@ OMBRIX_API int32_t K_ClearNegativePixels(BITMAPRECORD* pBitmap);
  * Section: transforms: combine
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* Combine flag word: four 4-bit fields (source operator, destination operator,
+ * operation, result operator); words above 0xFFFF are invalid. */
+#define COMBINE_SRC_VALUE      0x0000u
+#define COMBINE_SRC_INVERT     0x0001u
+#define COMBINE_SRC_ZERO       0x0002u
+#define COMBINE_SRC_ONES       0x0003u
+#define COMBINE_DST_VALUE      0x0000u
+#define COMBINE_DST_INVERT     0x0010u
+#define COMBINE_DST_ZERO       0x0020u
+#define COMBINE_DST_ONES       0x0030u
+#define CombineAnd                 0x0000u
+#define CombineOr                  0x0100u
+#define CombineXor                 0x0200u
+#define CombineAdd                 0x0300u
+#define CombineSubtractSource      0x0400u  /* D - S, negatives become 0 */
+#define CombineSubtractDestination 0x0500u  /* S - D, negatives become 0 */
+#define CombineMultiply            0x0600u  /* D * S / M */
+#define CombineDivideSource        0x0700u  /* S = 0: M, else min(M, D * M / S) */
+#define CombineDivideDestination   0x0800u  /* D = 0: M, else min(M, S * M / D) */
+#define CombineAverage             0x0900u  /* (D + S) >> 1 */
+#define CombineMinimum             0x0A00u
+#define CombineMaximum             0x0B00u
+#define CombineNoOperation         0x0C00u  /* the destination operand */
+#define CombineAlphaOver           0x0D00u  /* over-blending of 4-sample pixels, destination alpha kept */
+#define COMBINE_RES_VALUE      0x0000u
+#define COMBINE_RES_INVERT     0x1000u
+#define COMBINE_RES_ZERO       0x2000u
+#define COMBINE_RES_ONES       0x3000u
+/* Combines the nWidth x nHeight rectangle of pSrcBitmap at (nXSrc, nYSrc) into
+ * pDstBitmap at (nXDst, nYDst), in place. Coordinates are in the top-left view
+ * of both bitmaps and are mapped into each one's stored orientation; the
+ * rectangle is clipped to both bitmaps. Only pixels inside the destination's
+ * region change. Both bitmaps must have the same bits per pixel when the
+ * operation reads the source (pSrcBitmap may be null when it does not).
+ * Progress goes to the status callback, whose first answer other than 1 stops
+ * the work and is returned. See docs/combine.md for the operations at each
+ * depth. Returns 1; -13 null or unallocated destination, invalid flag word,
+ * null or unallocated source when it is read, negative width or height; -789
+ * a size word; -27 depths that differ; -1 memory; -16 two view perspectives
+ * that need a converted copy of the source (not yet available); a row-layer
+ * or callback status. */
+OMBRIX_API int32_t K_CombineBitmapKrn(BITMAPRECORD* pDstBitmap, int32_t nXDst, int32_t nYDst, int32_t nWidth,
+                                      int32_t nHeight, BITMAPRECORD* pSrcBitmap, int32_t nXSrc, int32_t nYSrc,
+                                      uint32_t uFlags);
 
 /* ======================================================================
  * Section: transforms: resize and resample
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* -- resize and resample --
+ * Size flags of K_SizeBitmap, K_IntResizeBitmap and K_ResizeBitmap. */
+#define SIZE_NORMAL        0x00u  /* nearest pixel: target i takes source floor(i * old / new) */
+#define SIZE_FAVOURBLACK   0x01u  /* 1-bit black-and-white: a reduced pixel is black when enough of its block is */
+#define SIZE_RESAMPLE      0x02u  /* bilinear growth, area-averaging reduction (per axis) */
+#define SIZE_BICUBIC       0x04u  /* bicubic when either dimension grows, else as SIZE_RESAMPLE */
+#define SIZE_SCALETOGRAY   0x08u  /* 1-bit black-and-white to 8-bit grey by area averaging */
+#define SIZE_LANCZOS       0x10u  /* Lanczos-3 resampling (widened when reducing) */
+#define SIZE_PREMULTIPLY   0x20u  /* 32/64 bits: resample premultiplied by alpha, so transparent
+                                     pixels lend no colour */
+
+/* Resizes the bitmap in place to nWidth x nHeight; the method follows from uFlags (above): on a
+ * 1-bit image SIZE_FAVOURBLACK and SIZE_SCALETOGRAY need a black-and-white palette (else they are
+ * dropped) and then win over SIZE_RESAMPLE; otherwise SIZE_LANCZOS, SIZE_RESAMPLE, SIZE_BICUBIC
+ * resample, and nearest pixel is the default. The region is scaled with the pixels; the LUT, extra
+ * data and overlays stay; data callbacks are dropped (the storage is new). Returns 1 at once for
+ * the current size; -13 null or unallocated bitmap or unknown flag bits; -789 size word; -11 a
+ * width or height below 1 or a size whose row or whole image cannot be stored (checked before any
+ * allocation); -1 no memory; a status callback's answer other than 1. On failure the bitmap is
+ * unchanged. */
+OMBRIX_API int32_t K_SizeBitmap(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight, uint32_t uFlags);
+/* Fills the allocated pDstBitmap (any size) from pSrcBitmap by the method of uFlags, without
+ * argument checks: SIZE_FAVOURBLACK, then SIZE_LANCZOS, SIZE_RESAMPLE, SIZE_BICUBIC (bicubic when
+ * the target is wider or taller), else nearest pixel (same depth needed, -27 otherwise). Target
+ * row y goes to stored row (height - 1 - y) when the two view perspectives differ. -2 for a null
+ * or unallocated bitmap or pSrc == pDst; -11 empty sizes. */
+OMBRIX_API int32_t K_IntResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
+/* K_IntResizeBitmap with checks: -13 null, unallocated or identical bitmaps, unknown flag bits or a
+ * view perspective outside 1..8; -789 size words. Perspectives that differ by a flip of the stored
+ * rows (1/4, 2/3, 5/8, 6/7) are handled by writing rows bottom up; other pairs resize a copy of the
+ * source stored in the destination's perspective (-16 when the perspective change is not built in).
+ * SIZE_FAVOURBLACK is dropped unless both bitmaps are 1-bit black-and-white. */
+OMBRIX_API int32_t K_ResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
+
+/* Row-at-a-time resizer. K_StartResize checks the sizes (-13 for a dimension below 1, a row too
+ * long for 32 bits, or a null ppResizeData), allocates the state (-1) and stores it. K_Resize takes
+ * source row nRow (0 <= nRow < old height) in pBuffer, which must hold the larger of a source and a
+ * target row, resizes it in place to the new width (stored in *pnNewWidth), and returns and stores
+ * in *pnRows how many target rows it makes: floor((nRow + 1) * new / old) - floor(nRow * new / old)
+ * in rows, whatever order the rows come in. Equal sizes: 1 and nothing changes. -13 for null
+ * pointers, a foreign state, a bad depth or row. K_StopResize frees the state (-13 for null). */
+OMBRIX_API int32_t K_StartResize(int32_t nOldWidth, int32_t nOldHeight, int32_t nNewWidth, int32_t nNewHeight,
+                                 void** ppResizeData);
+OMBRIX_API int32_t K_Resize(uint8_t* pBuffer, int32_t nRow, int32_t nBitsPerPixel, int32_t* pnNewWidth,
+                            int32_t* pnRows, void* pResizeData);
+OMBRIX_API int32_t K_StopResize(void* pResizeData);
+
+/* One row by the stepping rule: uCount target pixels into pDst, target pixel i taking source pixel
+ * nStartBit + (the pixel reached after i steps of nXStep pixels plus one more whenever the error,
+ * starting at nError and growing by nXRemainder, reaches nDenominator). Target pixels are written
+ * from position nStartBit on as well. Any depth of a record (1..8, 12, 16, 24, 32, 48, 64); uBytes
+ * and bEnlarge are accepted and not needed. The Reverse form walks from the last pixel back, so a
+ * growing row may overwrite its own source. -13 null buffers (nothing done), bad depth, negative
+ * step, error, remainder or start, or nDenominator below 1. */
+OMBRIX_API int32_t K_GetResizedScanLine(int32_t nBitsPerPixel, uint32_t uBytes, int32_t nStartBit, int32_t nXStep,
+                                        int32_t nError, int32_t nXRemainder, const uint8_t* pSrc, uint8_t* pDst,
+                                        uint32_t uCount, int32_t nDenominator, int32_t bEnlarge);
+OMBRIX_API int32_t K_ReverseGetResizedScanLine(int32_t nBitsPerPixel, uint32_t uBytes, int32_t nStartBit,
+                                               int32_t nXStep, int32_t nError, int32_t nXRemainder,
+                                               const uint8_t* pSrc, uint8_t* pDst, uint32_t uCount,
+                                               int32_t nDenominator, int32_t bEnlarge);
+/* Integer square root: the largest r with r * r <= uValue. */
+OMBRIX_API uint32_t K_SQRT(uint32_t uValue);
+
+/* Interpolating resamplers, in place. K_ResampleBitmap: per axis, bilinear (triangle filter on
+ * pixel centres) where it grows and area averaging (exact pixel coverage) where it shrinks;
+ * uFlags SIZE_LANCZOS selects Lanczos-3 instead. K_BicubicResampleBitmap: Catmull-Rom cubic,
+ * widened by the reduction factor on a shrinking axis. Edges repeat the border pixels. uFlags
+ * SIZE_PREMULTIPLY works premultiplied by alpha (32 and 64 bits). Depths: 8-bit grey, 12/16-bit
+ * grey, 16-bit colour, 24, 32, 48, 64 keep their format; palette images (1..8 bits) are resampled
+ * through their colours and become 8-bit grey (grey palette) or 24-bit BGR. Region scaled as by
+ * K_SizeBitmap. -13 null or unallocated, -789 size word, -11 bad sizes (before any allocation), -1
+ * no memory, -1927 floating-point data, a status callback's answer. On failure unchanged. */
+OMBRIX_API int32_t K_ResampleBitmap(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight, uint32_t uFlags);
+OMBRIX_API int32_t K_BicubicResampleBitmap(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight,
+                                           uint32_t uFlags);
+/* Bicubic into an allocated destination of any size and format (palette destinations take the
+ * nearest entry); rows bottom up when the perspectives differ. -2 null, unallocated or identical. */
+OMBRIX_API int32_t K_BicubicResampleBitmapInt(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
 
 /* ======================================================================
  * Section: colour resolution, grey conversion and optimised palettes
  * ====================================================================== */
 /* (declarations of this section follow) */
+
+/* -- colour resolution of whole bitmaps --
+ * uFlags of K_ColorResBitmap. One palette choice (at most one of the first
+ * four; none means CRF_USERPALETTE when pPalette is given, else the fixed
+ * palette), one destination order (none: RGB), and the dithering choice.
+ * Frame drawing passes CRF_USERPALETTE | CRF_NODITHERING (0x10010) with the
+ * target's palette for targets of up to 8 bits, and CRF_BYTEORDERBGR (4) or
+ * 0 (RGB) for deeper targets. */
+#define CRF_FIXEDPALETTE     0x00000001u /* the fixed palette of the depth (1..8 bits) */
+#define CRF_NETSCAPEPALETTE  0x00000002u /* the web palette (8 bits only) */
+#define CRF_BYTEORDERBGR     0x00000004u /* colour destination in BGR order (order 1) */
+#define CRF_OPTIMIZEDPALETTE 0x00000008u /* a palette of nColors (0: 2^bits) built for this image */
+#define CRF_USERPALETTE      0x00000010u /* the caller's pPalette of nColors entries */
+#define CRF_BYTEORDERGRAY    0x00000020u /* grey destination: 1..8 bits with a grey ramp, 12/16/32-bit samples */
+#define CRF_BYTEORDERROMM    0x00000040u /* 24/48 bits in the alternate primaries (order 5) */
+#define CRF_BYTEORDER565     0x00000080u /* 16 bits 5-6-5 (order 7) */
+#define CRF_EXACTMATCH       0x00000100u /* caller palette: the exact nearest entry for every colour,
+                                            never a 5-5-5 table */
+#define CRF_NODITHERING      0x00010000u /* nearest colour whatever the source's nDitheringMethod */
+#define CRF_DITHERMASK       0x00F00000u
+#define CRF_DITHER(m)        ((((uint32_t)(m) + 1u) & 0xFu) << 20) /* method 0..8 instead of the record's */
+#define CRF_ALLFLAGS         0x00F101FFu
+
+/* Converts a whole bitmap to nBitsPerPixel (1..8, 12, 16, 24, 32, 48, 64)
+ * with the colour order and palette the flags ask. pSrc must be allocated,
+ * any depth, order and storage kind. pDst == pSrc converts in place (the
+ * record keeps its region, extra data, overlays, resolutions and view
+ * perspective; its storage and palette are replaced); otherwise pDst is
+ * filled as by K_CreateBitmap (its old contents are not read; uStructSize is
+ * its layout) with the default memory type, the source's view perspective,
+ * resolutions and dithering method, and no region.
+ * Destinations of 1..8 bits get a palette: fixed, web, the caller's (nColors
+ * 1..2^bits entries of pPalette; the record's palette has nColors entries
+ * and the rest black) or an optimised one (K_CreateBitmapOptPal, nColors 2..2^bits,
+ * 0 meaning 2^bits). Without dithering a colour takes the entry
+ * K_FindPaletteIndex gives: directly for the fixed and web palettes and the
+ * optimised palette; for a caller's palette a colour that occurs in it takes
+ * its entry through the colour-match tree, other colours go through the
+ * thread's installed user match table, else a 5-5-5 match table built from
+ * the palette (CRF_EXACTMATCH: the exact nearest entry instead). With a
+ * dithering method (the source's nDitheringMethod unless CRF_NODITHERING or
+ * CRF_DITHER(m)) the dithering engine maps the rows. Grey destinations take
+ * the kernel's grey (2R + 5G + B + 4) >> 3, scaled by the converter's rule.
+ * Progress goes through the status callback; an answer other than 1 stops
+ * the call and becomes its result.
+ * Returns 1. -13 null record, unknown flag, two palette or order choices,
+ * order not valid at that depth, palette bits with a deep destination, a
+ * bad nColors or a null pPalette with CRF_USERPALETTE, a locked bitmap in
+ * place; -789 size word; -2 source not allocated; -27 bad depth; -1 no memory;
+ * row-layer statuses. On failure pDst is left unallocated (a new record) or
+ * unchanged (in place). */
+OMBRIX_API int32_t K_ColorResBitmap(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, int32_t nBitsPerPixel,
+                                    uint32_t uFlags, const RGBQUAD* pPalette, int32_t nColors,
+                                    uint32_t uStructSize);
+
+/* Grey conversion of a whole bitmap, in place: K_ColorResBitmap(pBitmap,
+ * pBitmap, nBitsPerPixel, CRF_BYTEORDERGRAY, ...) for 8, 12 or 16 bits (else
+ * -27). Back to colour: K_ColorResBitmap with a colour depth. */
+OMBRIX_API int32_t K_GrayScaleBitmap(BITMAPRECORD* pBitmap, int32_t nBitsPerPixel);
+
+/* -- optimised palettes --
+ * uFlags of the optimised-palette builders. */
+#define OPTPAL_TRANSPARENT 0x0001u /* entry nColors-1 is the caller's transparent colour: kept, never a cluster */
+#define OPTPAL_FAST        0x0002u /* the variance split only, no refinement */
+#define OPTPAL_ALLFLAGS    0x0003u
+/* Builds the best nColors (2..256) entries for the bitmap's pixels into
+ * pPalette: the first nReserved (0..nColors) entries are the caller's and
+ * kept; with OPTPAL_TRANSPARENT the last entry too. Colours are chosen by a
+ * variance-minimising split of the colour histogram refined by weighted
+ * k-means (squared RGB distance, the distance of K_FindPaletteIndex); images
+ * of more than about a million pixels are sampled on a grid of rows and
+ * columns. When the bitmap holds at most the free entries' count of distinct
+ * colours, exactly those colours are returned. Entries that are not needed
+ * are black. *pnUsed (may be null) receives the number of meaningful entries.
+ * -13 null pointer, nColors or nReserved out of range, unknown flags; -789
+ * size word; -2 not allocated; -1 no memory; row-layer statuses. pPalette is
+ * written only on success. */
+OMBRIX_API int32_t K_CreateBitmapOptPal(BITMAPRECORD* pBitmap, RGBQUAD* pPalette, int32_t nColors,
+                                        int32_t nReserved, uint32_t uFlags, int32_t* pnUsed);
 
 /* ======================================================================
  * Section: bitmap lists

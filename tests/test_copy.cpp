@@ -47,11 +47,11 @@ TEST(Copy, CopyEqualsSourceOnEveryKindAndDepth) {
             EXPECT_NE(dst.pPalette, src.kb.bm.pPalette == nullptr ? reinterpret_cast<RGBQUAD*>(1) : src.kb.bm.pPalette)
                 << "the palette is a copy, not shared";
             RefImage got = getImage(&dst);
-            EXPECT_EQ(firstMismatch(got, [&](int x, int y) { return getPixel(src.ref.row(y), x, bpp); }), "");
+            EXPECT_EQ(firstMismatch(got, [&](int x, int y) { return pixelAt(src.ref.row(y), x, bpp); }), "");
             // Independent: changing the copy leaves the source alone.
             K_ClearBitmap(&dst);
             RefImage again = getImage(&src.kb.bm);
-            EXPECT_EQ(firstMismatch(again, [&](int x, int y) { return getPixel(src.ref.row(y), x, bpp); }), "");
+            EXPECT_EQ(firstMismatch(again, [&](int x, int y) { return pixelAt(src.ref.row(y), x, bpp); }), "");
             K_FreeBitmap(&dst);
         }
     }
@@ -72,7 +72,7 @@ TEST(Copy, CopyBitmapDataBetweenEveryPairOfKinds) {
                 ASSERT_EQ(K_CopyBitmapData(&dst.bm, &src.kb.bm), KS_SUCCESS);
                 EXPECT_EQ(kindOf(&dst.bm), kindBefore);
                 RefImage got = getImage(&dst.bm);
-                EXPECT_EQ(firstMismatch(got, [&](int x, int y) { return getPixel(src.ref.row(y), x, bpp); }), "");
+                EXPECT_EQ(firstMismatch(got, [&](int x, int y) { return pixelAt(src.ref.row(y), x, bpp); }), "");
             }
     }
 }
@@ -97,7 +97,7 @@ TEST(Copy, CopyBitmap2MovesBetweenKinds) {
             ASSERT_EQ(K_CopyBitmap2(&dst, &src.kb.bm, BITMAPRECORD_SIZE, c.memory), KS_SUCCESS);
             EXPECT_EQ(kindOf(&dst), c.kind);
             RefImage got = getImage(&dst);
-            EXPECT_EQ(firstMismatch(got, [&](int x, int y) { return getPixel(src.ref.row(y), x, c.bpp); }), "");
+            EXPECT_EQ(firstMismatch(got, [&](int x, int y) { return pixelAt(src.ref.row(y), x, c.bpp); }), "");
             K_FreeBitmap(&dst);
         }
 }
@@ -114,7 +114,7 @@ TEST(Copy, FastPathMatchesRowPath) {
         ASSERT_EQ(K_CopyBitmapData(&tiles.bm, &src.kb.bm), KS_SUCCESS);
         RefImage a = getImage(&fast), b = getImage(&tiles.bm);
         EXPECT_EQ(a.px, b.px);
-        EXPECT_EQ(firstMismatch(a, [&](int x, int y) { return getPixel(src.ref.row(y), x, bpp); }), "");
+        EXPECT_EQ(firstMismatch(a, [&](int x, int y) { return pixelAt(src.ref.row(y), x, bpp); }), "");
         K_FreeBitmap(&fast);
     }
 }
@@ -214,7 +214,7 @@ TEST(Copy, CarryMasksTable) {
         if (c.pixels) {
             RefImage got = getImage(&d);
             EXPECT_EQ(firstMismatch(got, [&](int x, int y) {
-                          return (x < 20 && y < 10) ? getPixel(src.ref.row(y), x, 8) : 0;
+                          return (x < 20 && y < 10) ? pixelAt(src.ref.row(y), x, 8) : 0;
                       }),
                       "");
         }
@@ -293,7 +293,7 @@ TEST(Copy, AllocationFailureAtEveryStep) {
                 if (rc == KS_SUCCESS) {
                     ++successes;
                     RefImage got = getImage(&d);
-                    EXPECT_EQ(firstMismatch(got, [&](int x, int y) { return getPixel(src.ref.row(y), x, bpp); }),
+                    EXPECT_EQ(firstMismatch(got, [&](int x, int y) { return pixelAt(src.ref.row(y), x, bpp); }),
                               "");
                     K_FreeBitmap(&d);
                 } else {
@@ -377,7 +377,7 @@ TEST(Copy, CopyBitmapHandleBetweenLayouts) {
     EXPECT_EQ(old.uStructSize, BITMAPRECORD_SIZE_OLD);
     EXPECT_EQ(old.hMemory, src.kb.bm.hMemory);
     RefImage viaOld = getImage(&old);
-    EXPECT_EQ(firstMismatch(viaOld, [&](int x, int y) { return getPixel(src.ref.row(y), x, 24); }), "");
+    EXPECT_EQ(firstMismatch(viaOld, [&](int x, int y) { return pixelAt(src.ref.row(y), x, 24); }), "");
     BITMAPRECORD back;
     ASSERT_EQ(K_CopyBitmapHandle(&back, &old, BITMAPRECORD_SIZE), KS_SUCCESS);
     EXPECT_EQ(back.uSize64, src.kb.bm.uSize64);

@@ -16,6 +16,17 @@ using storagetest::Kind;
 using storagetest::KindBitmap;
 using storagetest::RefImage;
 
+// Pixel x of a stored row: 12-bit rows hold two pixels in three bytes
+// sharing the middle byte (first pixel: byte 0 and the low half of byte 1);
+// other depths are packed most significant bit first.
+inline uint64_t pixelAt(const uint8_t* row, int32_t x, int32_t bpp) {
+    if (bpp == 12) {
+        const uint8_t* q = row + size_t(x / 2) * 3;
+        return (x & 1) ? (uint64_t(q[1]) >> 4) | (uint64_t(q[2]) << 4) : uint64_t(q[0]) | (uint64_t(q[1] & 15) << 8);
+    }
+    return getPixel(row, x, bpp);
+}
+
 // Writes the reference rows into an allocated bitmap of the same geometry.
 inline int32_t putImage(BITMAPRECORD* bm, RefImage& ref) {
     K_AccessBitmap(bm);
@@ -38,11 +49,12 @@ inline RefImage getImage(BITMAPRECORD* bm) {
 }
 
 // The first pixel where `got` differs from `want(x, y)`, or "" when none.
+// bitPacked reads 12-bit rows most significant bit first too.
 template <class F>
-std::string firstMismatch(RefImage& got, F&& want) {
+std::string firstMismatch(RefImage& got, F&& want, bool bitPacked = false) {
     for (int32_t y = 0; y < got.height; ++y)
         for (int32_t x = 0; x < got.width; ++x) {
-            uint64_t g = getPixel(got.row(y), x, got.bpp), w = want(x, y);
+            uint64_t g = bitPacked ? getPixel(got.row(y), x, got.bpp) : pixelAt(got.row(y), x, got.bpp), w = want(x, y);
             if (g != w)
                 return "pixel (" + std::to_string(x) + ", " + std::to_string(y) + "): got " + std::to_string(g) +
                        " want " + std::to_string(w);

@@ -71,6 +71,26 @@ size_t blockBytes(const void* p) noexcept {
     return isGlobalBlock(const_cast<void*>(p)) ? globalSize(const_cast<void*>(p)) : 0;
 }
 
+// Single blocks allocated in this scope are not zero-filled (hooks.h).
+struct NoZeroFill {
+    bool on;
+    explicit NoZeroFill(bool enable) noexcept : on(enable) {
+        if (on) setNoZeroFill(true);
+    }
+    ~NoZeroFill() {
+        if (on) setNoZeroFill(false);
+    }
+    NoZeroFill(const NoZeroFill&) = delete;
+    NoZeroFill& operator=(const NoZeroFill&) = delete;
+};
+
+// True when the window (col, row, w x h) lies inside the source and a byte
+// copy writes every byte of each destination row (depths of whole bytes).
+bool windowFillsEverything(const BITMAPRECORD* src, int64_t col, int64_t row, int64_t w, int64_t h) noexcept {
+    const int32_t bpp = src->nBitsPerPixel;
+    return bpp % 8 == 0 && col >= 0 && row >= 0 && col + w <= src->nWidth && row + h <= src->nHeight;
+}
+
 bool hasGetRowCallback(const BITMAPRECORD* bm) noexcept {
     return isCurrentLayout(bm) && bm->pCallbacks && bm->pCallbacks->pfnGetRow;
 }
@@ -281,7 +301,7 @@ int32_t beginCopy(BITMAPRECORD* dst, const BITMAPRECORD* src, int32_t dx, int32_
 // (the memory-choosing copies): duplicate, begin, notify, grey parameters,
 // allocate. `dx`, `dy` move the region.
 int32_t prepareChosen(LocalRecord& out, BITMAPRECORD* src, uint32_t structSize, int32_t w, int32_t h,
-                      uint32_t memory, int32_t dx, int32_t dy) noexcept {
+                      uint32_t memory, int32_t dx, int32_t dy, bool wholeWrite) noexcept {
     if (memory == MEMTYPE_USER) return KS_INVALID_PARAMETER;
     int32_t rc = dupBitmapNewDim(&out.bm, src, structSize, w, h, DUPBITMAP_DESCRIBE);
     if (rc != KS_SUCCESS) return rc;
@@ -294,6 +314,7 @@ int32_t prepareChosen(LocalRecord& out, BITMAPRECORD* src, uint32_t structSize, 
         rc = copyGrayParams(&out.bm, src);
         if (rc != KS_SUCCESS) return rc;
     }
+    NoZeroFill noZero(wholeWrite);
     return K_AllocateBitmap(&out.bm, memory);
 }
 
@@ -309,10 +330,12 @@ int32_t copyRectCore(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t structSize
     const uint32_t outSize = inPlace ? pSrc->uStructSize : structSize;
     LocalRecord tmp;
     if (chosen) {
-        rc = prepareChosen(tmp, pSrc, outSize, int32_t(width), int32_t(height), memory, -col, -row);
+        rc = prepareChosen(tmp, pSrc, outSize, int32_t(width), int32_t(height), memory, -col, -row,
+                           windowFillsEverything(pSrc, col, row, width, height));
     } else {
         const uint32_t carry = inPlace ? DUPBITMAP_TEMPORARY : DUPBITMAP_COPY;
-        rc = dupBitmapNewDim(&tmp.bm, pSrc, outSize, int32_t(width), int32_t(height), carry & ~DUPBITMAP_REGION);
+        rc = dupBitmapNewDim(&tmp.bm, pSrc, outSize, int32_t(width), int32_t(height), carry & ~DUPBITMAP_REGION,
+                             windowFillsEverything(pSrc, col, row, width, height));
         if (rc == KS_SUCCESS) {
             tmp.live = true;
             // The region moved by the rectangle's corner, then the extra data.
@@ -336,29 +359,61 @@ inline uint32_t byteMask(uint32_t first, uint32_t last) noexcept {
     return (0xFFu >> first) & (0xFFu << (7 - last)) & 0xFFu;
 }
 
+// Sets the samples x1 <= x < x2 whose sign bit is set to 0.
 template <class T>
-void clearNegative(uint8_t* row, int32_t width, uint32_t signBit) noexcept {
-    for (int32_t x = 0; x < width; ++x) {
+void clearNegative(uint8_t* row, int32_t x1, int32_t x2, uint32_t signBit) noexcept {
+    for (int32_t x = x1; x < x2; ++x) {
         T v;
         std::memcpy(&v, row + size_t(x) * sizeof(T), sizeof(T));
         if ((uint64_t(v) >> signBit) & 1u) std::memset(row + size_t(x) * sizeof(T), 0, sizeof(T));
     }
 }
 
-void clearNegative12(uint8_t* row, int32_t width, uint32_t signBit) noexcept {
-    for (int32_t x = 0; x < width; ++x) {
-        uint8_t* q = row + size_t(x >> 1) * 3;
-        const uint32_t v = (x & 1) ? (uint32_t(q[1]) >> 4) | (uint32_t(q[2]) << 4)
-                                   : uint32_t(q[0]) | ((uint32_t(q[1]) & 0x0Fu) << 8);
-        if (!((v >> signBit) & 1u)) continue;
-        if (x & 1) {
-            q[1] &= 0x0Fu;
-            q[2] = 0;
-        } else {
-            q[0] = 0;
-            q[1] &= 0xF0u;
-        }
+// 12-bit rows hold two pixels in three bytes sharing the middle byte, so a
+// window that starts on an odd pixel moves by whole samples. The byte range
+// of an odd first pixel starts at the shared byte: it is read one byte into
+// the buffer so that the buffer starts on a pair.
+inline uint32_t read12(const uint8_t* p, size_t i) noexcept {
+    const uint8_t* q = p + (i >> 1) * 3;
+    if (i & 1) return (uint32_t(q[1]) >> 4) | (uint32_t(q[2]) << 4);
+    return uint32_t(q[0]) | ((uint32_t(q[1]) & 0x0Fu) << 8);
+}
+inline void write12(uint8_t* p, size_t i, uint32_t v) noexcept {
+    uint8_t* q = p + (i >> 1) * 3;
+    if (i & 1) {
+        q[1] = uint8_t((q[1] & 0x0Fu) | ((v & 0x0Fu) << 4));
+        q[2] = uint8_t(v >> 4);
+    } else {
+        q[0] = uint8_t(v);
+        q[1] = uint8_t((q[1] & 0xF0u) | ((v >> 8) & 0x0Fu));
     }
+}
+
+void clearNegative12(uint8_t* row, int32_t x1, int32_t x2, uint32_t signBit) noexcept {
+    for (int32_t x = x1; x < x2; ++x)
+        if ((read12(row, size_t(x)) >> signBit) & 1u) write12(row, size_t(x), 0);
+}
+
+int32_t copyRows12(BITMAPRECORD* dst, BITMAPRECORD* src, Progress& progress, uint8_t* sbuf, uint8_t* dbuf,
+                   int64_t x0, int64_t y0, int32_t dx, int32_t dy, int32_t w, int32_t h, uint32_t srcBytes,
+                   uint32_t dstBytes) noexcept {
+    const size_t sp = size_t(x0 & 1), dp = size_t(dx & 1);
+    const bool partial = dp != 0 || ((dx + w) & 1) != 0;
+    int32_t rc = KS_SUCCESS;
+    for (int32_t y = 0; y < h && rc == KS_SUCCESS; ++y) {
+        int32_t got = K_GetBitmapRowCol(src, sbuf + sp, int32_t(y0) + y, int32_t(x0), srcBytes);
+        if (got < 0) return got;
+        if (uint32_t(got) != srcBytes) return KS_INTERNAL;
+        if (partial) {
+            got = K_GetBitmapRowCol(dst, dbuf + dp, dy + y, dx, dstBytes);
+            if (got < 0) return got;
+        }
+        for (int32_t i = 0; i < w; ++i) write12(dbuf, size_t(i) + dp, read12(sbuf, size_t(i) + sp));
+        int32_t put = K_PutBitmapRowCol(dst, dbuf + dp, dy + y, dx, dstBytes);
+        if (put < 0) return put;
+        rc = progress.step(y + 1);
+    }
+    return rc;
 }
 
 }  // namespace
@@ -384,7 +439,7 @@ void copyBits(uint8_t* dst, uint32_t db, const uint8_t* src, uint32_t sb, uint64
 }
 
 int32_t dupBitmapNewDim(BITMAPRECORD* dst, const BITMAPRECORD* src, uint32_t structSize, int32_t width,
-                        int32_t height, uint32_t carry) noexcept {
+                        int32_t height, uint32_t carry, bool wholeWrite) noexcept {
     if (!dst || !src || dst == src) return KS_INVALID_PARAMETER;
     if (!recordSizeValid(src->uStructSize) || !recordSizeValid(structSize)) return KS_INVALID_STRUCT_SIZE;
     if (carry & ~DUPBITMAP_ALL) return KS_INVALID_PARAMETER;
@@ -399,7 +454,13 @@ int32_t dupBitmapNewDim(BITMAPRECORD* dst, const BITMAPRECORD* src, uint32_t str
     rc = carryFields(&tmp.bm, src, carry, 0, 0);
     if (rc != KS_SUCCESS) return rc;
     if (allocate) {
-        rc = (carry & DUPBITMAP_STORAGE_LIKE) ? allocateLike(&tmp.bm, src) : K_AllocateBitmap(&tmp.bm, 0);
+        {
+            // The shared pixels fill the new bitmap when it is no larger than the source.
+            const bool filled = (carry & DUPBITMAP_PIXELS) &&
+                                windowFillsEverything(src, 0, 0, width, height);
+            NoZeroFill noZero(wholeWrite || filled);
+            rc = (carry & DUPBITMAP_STORAGE_LIKE) ? allocateLike(&tmp.bm, src) : K_AllocateBitmap(&tmp.bm, 0);
+        }
         if (rc != KS_SUCCESS) return rc;
         if (carry & DUPBITMAP_PIXELS) {
             rc = copyRectPixels(&tmp.bm, const_cast<BITMAPRECORD*>(src), 0, 0);
@@ -412,7 +473,38 @@ int32_t dupBitmapNewDim(BITMAPRECORD* dst, const BITMAPRECORD* src, uint32_t str
 
 int32_t copyPixels(BITMAPRECORD* dst, BITMAPRECORD* src) noexcept {
     if (dst == src) return KS_SUCCESS;
-    return copyRectPixels(dst, src, 0, 0);
+    const uint32_t bpl = src->nBytesPerLine;
+    const int32_t h = src->nHeight;
+    if (dst->nBytesPerLine != bpl || dst->nHeight != h || dst->nWidth != src->nWidth ||
+        dst->nBitsPerPixel != src->nBitsPerPixel)
+        return KS_INVALID_PARAMETER;
+    // Whole stored rows, padding included, so that every byte of the copy is written.
+    return guarded([&]() -> int32_t {
+        Progress progress = Progress::copyStatus(h);
+        Accessed acc(dst, src);
+        if (acc.status() != KS_SUCCESS) return acc.finish(acc.status());
+        int32_t rc = progress.begin();
+        const uint8_t* sp = hasGetRowCallback(src) ? nullptr : directPixels(src);
+        uint8_t* dp = directPixels(dst);
+        if (sp && dp) {
+            // Both in plain memory: bands of rows in one memcpy each.
+            const int32_t band = std::max<int32_t>(1, int32_t((4u << 20) / std::max<uint32_t>(bpl, 1)));
+            for (int32_t y = 0; y < h && rc == KS_SUCCESS;) {
+                const int32_t n = std::min(band, h - y);
+                std::memcpy(dp + uint64_t(y) * bpl, sp + uint64_t(y) * bpl, size_t(n) * bpl);
+                y += n;
+                rc = progress.step(y);
+            }
+            return acc.finish(rc);
+        }
+        kvector<uint8_t> buf(bpl);
+        for (int32_t y = 0; y < h && rc == KS_SUCCESS; ++y) {
+            rc = readFullRow(src, y, buf.data());
+            if (rc == KS_SUCCESS) rc = writeRow(dst, y, 0, buf.data(), bpl);
+            if (rc == KS_SUCCESS) rc = progress.step(y + 1);
+        }
+        return acc.finish(rc);
+    });
 }
 
 int32_t copyRectPixels(BITMAPRECORD* dst, BITMAPRECORD* src, int32_t col, int32_t row) noexcept {
@@ -429,6 +521,11 @@ int32_t copyRectPixels(BITMAPRECORD* dst, BITMAPRECORD* src, int32_t col, int32_
     const uint32_t srcBytes = uint32_t((sb + nBits + 7) / 8), dstBytes = uint32_t((db + nBits + 7) / 8);
     const uint64_t srcOff = (uint64_t(x0) * bpp) >> 3, dstOff = (uint64_t(dx) * bpp) >> 3;
 
+    // A window that reaches the right edge also writes the row's padding
+    // (zero), so that a destination that was not zero-filled ends clean.
+    const uint32_t padBytes = (bpp % 8 == 0 && bpp != 12 && int64_t(dx) + w == dst->nWidth)
+                                  ? uint32_t(dst->nBytesPerLine - (dstOff + nBits / 8))
+                                  : 0;
     return guarded([&]() -> int32_t {
         Progress progress = Progress::copyStatus(h);
         Accessed acc(dst, src);
@@ -449,7 +546,10 @@ int32_t copyRectPixels(BITMAPRECORD* dst, BITMAPRECORD* src, int32_t col, int32_
                 if (whole) {
                     std::memcpy(d, s, size_t(n) * bytes);
                 } else {
-                    for (int32_t k = 0; k < n; ++k) std::memcpy(d + k * dbpl, s + k * sbpl, bytes);
+                    for (int32_t k = 0; k < n; ++k) {
+                        std::memcpy(d + k * dbpl, s + k * sbpl, bytes);
+                        if (padBytes) std::memset(d + k * dbpl + bytes, 0, padBytes);
+                    }
                 }
                 y += n;
                 rc = progress.step(y);
@@ -457,6 +557,10 @@ int32_t copyRectPixels(BITMAPRECORD* dst, BITMAPRECORD* src, int32_t col, int32_
             return acc.finish(rc);
         }
         kvector<uint8_t> sbuf(size_t(srcBytes) + 8), dbuf(size_t(dstBytes) + 8);
+        if (bpp == 12) return acc.finish(rc == KS_SUCCESS ? copyRows12(dst, src, progress, sbuf.data(),
+                                                                        dbuf.data(), x0, y0, dx, dy, w, h,
+                                                                        srcBytes, dstBytes)
+                                                          : rc);
         const bool aligned = sb == 0 && db == 0;
         const bool partialEdges = db != 0 || (db + nBits) % 8 != 0;
         for (int32_t y = 0; y < h && rc == KS_SUCCESS; ++y) {
@@ -481,7 +585,8 @@ int32_t copyRectPixels(BITMAPRECORD* dst, BITMAPRECORD* src, int32_t col, int32_
                 copyBits(dbuf.data(), db, sbuf.data(), sb, nBits);
                 out = dbuf.data();
             }
-            int32_t put = K_PutBitmapRowCol(dst, out, dy + y, dx, dstBytes);
+            // The buffer's bytes past the pixels are zero: they become the padding.
+            int32_t put = K_PutBitmapRowCol(dst, out, dy + y, dx, dstBytes + padBytes);
             if (put < 0) {
                 rc = put;
                 break;
@@ -519,7 +624,8 @@ KAPI int32_t K_CopyBitmap(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStru
     if (pDst == pSrc) return KS_SUCCESS;
     return guarded([&]() -> int32_t {
         LocalRecord tmp;
-        int32_t st = dupBitmapNewDim(&tmp.bm, pSrc, uStructSize, pSrc->nWidth, pSrc->nHeight, DUPBITMAP_COPY);
+        int32_t st =
+            dupBitmapNewDim(&tmp.bm, pSrc, uStructSize, pSrc->nWidth, pSrc->nHeight, DUPBITMAP_COPY, true);
         if (st != KS_SUCCESS) return st;
         tmp.live = true;
         st = copyPixels(&tmp.bm, pSrc);
@@ -536,7 +642,7 @@ KAPI int32_t K_CopyBitmap2(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStr
     if (pDst == pSrc) return KS_SUCCESS;
     return guarded([&]() -> int32_t {
         LocalRecord tmp;
-        int32_t st = prepareChosen(tmp, pSrc, uStructSize, pSrc->nWidth, pSrc->nHeight, uMemory, 0, 0);
+        int32_t st = prepareChosen(tmp, pSrc, uStructSize, pSrc->nWidth, pSrc->nHeight, uMemory, 0, 0, true);
         if (st != KS_SUCCESS) return st;
         st = copyPixels(&tmp.bm, pSrc);
         if (st != KS_SUCCESS) return st;
@@ -618,15 +724,21 @@ KAPI int32_t K_ClearNegativePixels(BITMAPRECORD* pBitmap) {
         for (int32_t y = 0; y < bm->nHeight && st == KS_SUCCESS; ++y) {
             const uint32_t n = clipSegments(bm, y, segs.data());
             if (n) {
+                // Only samples inside the clip segments are looked at; the row
+                // goes back whole, so the sample layout stays this file's business.
                 st = readFullRow(bm, y, rowBuf.data());
                 if (st != KS_SUCCESS) break;
-                switch (bpp) {
-                    case 8: clearNegative<uint8_t>(rowBuf.data(), bm->nWidth, signBit); break;
-                    case 12: clearNegative12(rowBuf.data(), bm->nWidth, signBit); break;
-                    case 16: clearNegative<uint16_t>(rowBuf.data(), bm->nWidth, signBit); break;
-                    default: clearNegative<uint32_t>(rowBuf.data(), bm->nWidth, signBit); break;
+                for (uint32_t i = 0; i + 1 < n; i += 2) {
+                    const int32_t x1 = std::max(segs[i], 0), x2 = std::min(segs[i + 1], bm->nWidth);
+                    if (x1 >= x2) continue;
+                    switch (bpp) {
+                        case 8: clearNegative<uint8_t>(rowBuf.data(), x1, x2, signBit); break;
+                        case 12: clearNegative12(rowBuf.data(), x1, x2, signBit); break;
+                        case 16: clearNegative<uint16_t>(rowBuf.data(), x1, x2, signBit); break;
+                        default: clearNegative<uint32_t>(rowBuf.data(), x1, x2, signBit); break;
+                    }
                 }
-                st = putRowSegments(bm, y, rowBuf.data(), segs.data(), n);
+                st = writeRow(bm, y, 0, rowBuf.data(), bm->nBytesPerLine);
                 if (st != KS_SUCCESS) break;
             }
             st = progress.step(y + 1);

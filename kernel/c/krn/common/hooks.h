@@ -18,6 +18,11 @@ void freeStorage(BITMAPRECORD* bm) noexcept;
 // Storage (alloc.cpp): grows or shrinks the storage; the frame checks are done.
 int32_t changeStorageHeight(BITMAPRECORD* bm, int32_t newHeight) noexcept;
 
+// Storage (alloc.cpp): while on, single blocks that the calling thread
+// allocates are not zero-filled. Only for a caller that writes every byte of
+// the block (rows and their padding) before anything reads it (the copies).
+void setNoZeroFill(bool on) noexcept;
+
 // Regions (dis/common/bitmaprgn.cpp): deletes the bitmap's region, if any.
 void releaseBitmapRegion(BITMAPRECORD* bm) noexcept;
 

@@ -1,0 +1,65 @@
+// colorres.h - colour resolution of whole bitmaps, for other families
+// (animation playback converts frames with it).
+//
+//   colorResBitmap(src, dst, bits, flags, pal, n, size)   K_ColorResBitmap without the export frame
+//   NearestIndex                                          the exact nearest-entry search of a palette,
+//                                                         answering as K_FindPaletteIndex
+//   fixed256Index(r, g, b)                                the direct index into the fixed 256-colour palette
+//   buildOptimizedPalette(...)                            the optimised-palette builder over a colour sample
+#pragma once
+
+#include <cstdint>
+
+#include "memory.h"
+#include "ombrix.h"
+
+namespace krn {
+
+int32_t colorResBitmap(BITMAPRECORD* src, BITMAPRECORD* dst, int32_t bits, uint32_t flags,
+                       const RGBQUAD* pal, int32_t nColors, uint32_t structSize) noexcept;
+
+// Exact nearest entry of a palette (1..256 entries), the same answer as
+// K_FindPaletteIndex for every colour: the colour cube is cut into cells
+// (16x16x16, or 32x32x32 on request) and each cell keeps, in index order, only the entries that can be
+// nearest to some colour inside it (an entry whose smallest distance to the
+// cell exceeds the smallest largest distance of any entry cannot).
+class NearestIndex {
+public:
+    // false when memory runs out. `fine` asks for 32x32x32 cells (worth
+    // their building time for large palettes over many pixels).
+    bool build(const RGBQUAD* pal, int32_t n, bool fine = false) noexcept;
+    int32_t operator()(int r, int g, int b) const noexcept;
+
+private:
+    const RGBQUAD* pal_ = nullptr;
+    int32_t n_ = 0;
+    int32_t black_ = 0, white_ = 0;
+    int shift_ = 4;             // cells of 2^shift_ values per axis
+    kvector<uint32_t> start_;   // offsets into cand_, one per cell and one past the end
+    kvector<uint8_t> cand_;
+    uint8_t rgb_[256][4]{};     // r, g, b, hue class
+};
+
+// The index of K_FindPaletteIndex(fixed 256-colour palette, 256, r, g, b),
+// computed per channel (the palette is a product grid of 8 reds, 8 greens and
+// 4 blues, so the nearest entry is the nearest level of each channel; the
+// values midway between two levels take the search's tie rule).
+int32_t fixed256Index(int r, int g, int b) noexcept;
+
+// Rows of 24-bit BGR pixels to indices of the fixed 256-colour palette:
+// the plain loop over fixed256Index, the SSSE3 kernel (16 pixels a step,
+// per-channel levels by threshold counting, blocks with a tie handed to the
+// plain loop), and the one chosen for this processor.
+void fixed256RowPlain(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;
+void fixed256RowSsse3(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;  // only with SSSE3
+bool cpuHasSsse3() noexcept;
+void fixed256Row(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;
+
+// Weighted colour sample -> palette. `colors` are 0x00RRGGBB, `weights`
+// their counts. Writes `free` entries after the `fixed` ones of `pal`
+// (fixed entries stay clusters that never move); returns the number of new
+// entries (<= free), or -1 when memory runs out.
+int32_t buildOptimizedPalette(const uint32_t* colors, const uint32_t* weights, size_t count,
+                              RGBQUAD* pal, int32_t fixed, int32_t free, bool refine) noexcept;
+
+}  // namespace krn

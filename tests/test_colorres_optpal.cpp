@@ -1,0 +1,248 @@
+// test_colorres_optpal.cpp - optimised palettes: exact colours for images
+// with few colours (small and sampled), reserved and transparent entries,
+// the refinement never losing to the split alone, bad input, and the quality
+// on photo-like images against Pillow's median-cut and fast-octree
+// quantizers run on the same image.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include "ombrix.h"
+#include "photo_like.h"
+#include "krn/common/memory.h"
+
+namespace {
+
+RGBQUAD quad(int r, int g, int b) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), 0}; }
+uint32_t key(const RGBQUAD& q) { return (uint32_t(q.rgbRed) << 16) | (uint32_t(q.rgbGreen) << 8) | q.rgbBlue; }
+
+// A single-block 24-bit BGR bitmap from packed BGR pixels.
+struct Img {
+    BITMAPRECORD bm{};
+    int w, h;
+    std::vector<uint8_t> px;  // packed, no padding
+    Img(int width, int height, std::vector<uint8_t> bgr) : w(width), h(height), px(std::move(bgr)) {
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        for (int y = 0; y < h; ++y) K_PutBitmapRow(&bm, px.data() + size_t(y) * size_t(w) * 3, y, uint32_t(w) * 3);
+    }
+    ~Img() { K_FreeBitmap(&bm); }
+};
+
+// Mean squared error (per channel) of a quantised bitmap against the pixels.
+double mse(BITMAPRECORD* q, const std::vector<uint8_t>& px, int w, int h) {
+    std::vector<uint8_t> row(q->nBytesPerLine);
+    double sum = 0;
+    for (int y = 0; y < h; ++y) {
+        K_GetBitmapRow(q, row.data(), y, q->nBytesPerLine);
+        for (int x = 0; x < w; ++x) {
+            const RGBQUAD& e = q->pPalette[row[size_t(x)]];
+            const uint8_t* p = px.data() + (size_t(y) * size_t(w) + size_t(x)) * 3;
+            const int d[3] = {e.rgbBlue - p[0], e.rgbGreen - p[1], e.rgbRed - p[2]};
+            sum += d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
+        }
+    }
+    return sum / (3.0 * w * h);
+}
+
+std::vector<uint8_t> fewColours(int w, int h, const std::vector<RGBQUAD>& cs, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::vector<uint8_t> px(size_t(w) * size_t(h) * 3);
+    for (size_t i = 0; i < px.size(); i += 3) {
+        const RGBQUAD& c = cs[rng() % cs.size()];
+        px[i] = c.rgbBlue;
+        px[i + 1] = c.rgbGreen;
+        px[i + 2] = c.rgbRed;
+    }
+    return px;
+}
+
+TEST(ColorResOptPal, FewColoursComeBackExactly) {
+    std::mt19937 rng(1);
+    struct Case {
+        int w, h, colours, n;
+    };
+    // The last image is large enough to be sampled: one odd pixel placed
+    // between the sample points must still be found.
+    for (Case c : {Case{31, 17, 2, 2}, Case{64, 64, 16, 16}, Case{50, 40, 200, 256}, Case{1100, 1000, 9, 10}}) {
+        std::vector<RGBQUAD> cs;
+        std::set<uint32_t> keys;
+        while (int(cs.size()) < c.colours) {
+            RGBQUAD q = quad(int(rng() & 255), int(rng() & 255), int(rng() & 255));
+            if (keys.insert(key(q)).second) cs.push_back(q);
+        }
+        std::vector<RGBQUAD> common(cs.begin(), cs.end() - (c.w > 1000 ? 1 : 0));
+        auto px = fewColours(c.w, c.h, common, 3);
+        if (c.w > 1000) {  // the last colour at one pixel only, off the sampling grid
+            uint8_t* p = px.data() + (size_t(1) * size_t(c.w) + 1) * 3;
+            p[0] = cs.back().rgbBlue;
+            p[1] = cs.back().rgbGreen;
+            p[2] = cs.back().rgbRed;
+        }
+        Img img(c.w, c.h, px);
+        std::vector<RGBQUAD> pal(size_t(c.n), quad(7, 7, 7));
+        int32_t used = -1;
+        ASSERT_EQ(K_CreateBitmapOptPal(&img.bm, pal.data(), c.n, 0, 0, &used), KS_SUCCESS);
+        EXPECT_EQ(used, c.colours);
+        std::set<uint32_t> got;
+        for (int i = 0; i < used; ++i) got.insert(key(pal[size_t(i)]));
+        EXPECT_EQ(got, keys) << c.w << 'x' << c.h;
+        // Through colour resolution: zero error.
+        if (c.n <= 256) {
+            BITMAPRECORD q;
+            ASSERT_EQ(K_ColorResBitmap(&img.bm, &q, 8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING, nullptr, c.n,
+                                       BITMAPRECORD_SIZE),
+                      KS_SUCCESS);
+            EXPECT_EQ(mse(&q, px, c.w, c.h), 0.0);
+            K_FreeBitmap(&q);
+        }
+    }
+}
+
+TEST(ColorResOptPal, ReservedAndTransparentEntriesAreKept) {
+    auto px = phototest::photoLike(80, 60, 2);
+    Img img(80, 60, px);
+    std::vector<RGBQUAD> pal(32, quad(0, 0, 0));
+    pal[0] = quad(255, 0, 255);
+    pal[1] = quad(1, 2, 3);
+    pal[31] = quad(0, 254, 0);
+    int32_t used = 0;
+    ASSERT_EQ(K_CreateBitmapOptPal(&img.bm, pal.data(), 32, 2, OPTPAL_TRANSPARENT, &used), KS_SUCCESS);
+    EXPECT_EQ(used, 32);
+    EXPECT_EQ(key(pal[0]), key(quad(255, 0, 255)));
+    EXPECT_EQ(key(pal[1]), key(quad(1, 2, 3)));
+    EXPECT_EQ(key(pal[31]), key(quad(0, 254, 0)));
+    std::set<uint32_t> distinct;
+    for (const auto& e : pal) distinct.insert(key(e));
+    EXPECT_GT(distinct.size(), 25u);
+}
+
+TEST(ColorResOptPal, RefinementNeverLosesToTheSplitAlone) {
+    auto px = phototest::photoLike(160, 120, 9);
+    Img img(160, 120, px);
+    for (int n : {4, 16, 64, 256}) {
+        double err[2];
+        for (int fast = 0; fast < 2; ++fast) {
+            std::vector<RGBQUAD> pal(static_cast<size_t>(n));
+            ASSERT_EQ(K_CreateBitmapOptPal(&img.bm, pal.data(), n, 0, fast ? OPTPAL_FAST : 0, nullptr), KS_SUCCESS);
+            BITMAPRECORD q;
+            ASSERT_EQ(K_ColorResBitmap(&img.bm, &q, 8, CRF_USERPALETTE | CRF_EXACTMATCH | CRF_NODITHERING, pal.data(), n,
+                                       BITMAPRECORD_SIZE),
+                      KS_SUCCESS);
+            err[fast] = mse(&q, px, 160, 120);
+            K_FreeBitmap(&q);
+        }
+        EXPECT_LE(err[0], err[1] * 1.0001) << n;
+    }
+}
+
+TEST(ColorResOptPal, BadInputWritesNothing) {
+    auto px = phototest::photoLike(8, 8, 1);
+    Img img(8, 8, px);
+    BITMAPRECORD unalloc;
+    K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 8, 8, 24);
+    struct Case {
+        BITMAPRECORD* bm;
+        bool pal;
+        int n, reserved;
+        uint32_t flags;
+        int32_t want;
+    };
+    for (Case c : {Case{nullptr, true, 16, 0, 0, KS_INVALID_PARAMETER}, Case{&img.bm, false, 16, 0, 0, KS_INVALID_PARAMETER},
+                   Case{&img.bm, true, 1, 0, 0, KS_INVALID_PARAMETER}, Case{&img.bm, true, 257, 0, 0, KS_INVALID_PARAMETER},
+                   Case{&img.bm, true, 16, 17, 0, KS_INVALID_PARAMETER}, Case{&img.bm, true, 16, -1, 0, KS_INVALID_PARAMETER},
+                   Case{&img.bm, true, 16, 16, OPTPAL_TRANSPARENT, KS_INVALID_PARAMETER},
+                   Case{&img.bm, true, 16, 0, 0x10, KS_INVALID_PARAMETER}, Case{&unalloc, true, 16, 0, 0, KS_INVALID_BITMAP}}) {
+        std::vector<RGBQUAD> pal(300, quad(9, 9, 9));
+        int32_t used = -5;
+        EXPECT_EQ(K_CreateBitmapOptPal(c.bm, c.pal ? pal.data() : nullptr, c.n, c.reserved, c.flags, &used), c.want);
+        EXPECT_EQ(used, -5);
+        for (const auto& e : pal) ASSERT_EQ(key(e), key(quad(9, 9, 9)));
+    }
+    // Allocation failures: nothing written, nothing leaked.
+    bool done = false;
+    for (long k = 0; k < 100 && !done; ++k) {
+        std::vector<RGBQUAD> pal(16, quad(9, 9, 9));
+        const long live = krn::faultinject::liveBlocks();
+        krn::faultinject::arm(k, 1);
+        const int32_t rc = K_CreateBitmapOptPal(&img.bm, pal.data(), 16, 0, 0, nullptr);
+        krn::faultinject::disarm();
+        if (rc == KS_SUCCESS) {
+            done = true;
+            break;
+        }
+        EXPECT_EQ(rc, KS_NO_MEMORY);
+        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+        for (const auto& e : pal) ASSERT_EQ(key(e), key(quad(9, 9, 9)));
+    }
+    EXPECT_TRUE(done);
+}
+
+// Pillow's quantizers on the same image, through the script beside the
+// benchmarks; skipped when python3 with Pillow is not there.
+std::map<std::pair<std::string, int>, double> pillowErrors(const std::string& ppm, const std::vector<int>& counts) {
+    // The script: beside this source (an absolute __FILE__), or found from
+    // the test binary (build/tests/) or the working directory.
+    std::string file = __FILE__;
+    char exe[1024] = {};
+    const ssize_t got = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+    std::string exeDir = got > 0 ? std::string(exe, size_t(got)) : std::string(".");
+    exeDir = exeDir.substr(0, exeDir.find_last_of('/'));
+    std::string script;
+    for (const std::string& c : {file.substr(0, file.find_last_of('/')) + "/../bench/pillow_quantize.py",
+                                 exeDir + "/../../bench/pillow_quantize.py", std::string("bench/pillow_quantize.py")})
+        if (script.empty() && access(c.c_str(), R_OK) == 0) script = c;
+    std::map<std::pair<std::string, int>, double> out;
+    if (script.empty()) return out;
+    char buf[2048];
+    int len = std::snprintf(buf, sizeof(buf), "/usr/bin/python3 %s %s", script.c_str(), ppm.c_str());
+    for (int n : counts)
+        if (len > 0 && size_t(len) < sizeof(buf)) len += std::snprintf(buf + len, sizeof(buf) - size_t(len), " %d", n);
+    const std::string cmd = std::string(buf) + std::string(" 2>/dev/null");
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return out;
+    char name[32];
+    int n;
+    double e, t;
+    while (std::fscanf(p, "%31s %d %lf %lf", name, &n, &e, &t) == 4) out[{name, n}] = e;
+    pclose(p);
+    return out;
+}
+
+TEST(ColorResOptPal, PhotoLikeErrorIsBelowPillowMedianCutAndOctree) {
+    const int w = 320, h = 240;
+    const std::vector<int> counts = {256, 64, 16};
+    for (uint32_t seed : {1u, 2u}) {
+        auto px = phototest::photoLike(w, h, seed);
+        const std::string ppm = ::testing::TempDir() + "colorres_photo_" + std::to_string(seed) + ".ppm";
+        ASSERT_TRUE(phototest::writePpm(ppm, px, w, h));
+        auto pillow = pillowErrors(ppm, counts);
+        std::remove(ppm.c_str());
+        if (pillow.size() != counts.size() * 2) GTEST_SKIP() << "python3 with Pillow not available";
+        Img img(w, h, px);
+        for (int n : counts) {
+            BITMAPRECORD q;
+            ASSERT_EQ(K_ColorResBitmap(&img.bm, &q, 8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING, nullptr, n,
+                                       BITMAPRECORD_SIZE),
+                      KS_SUCCESS);
+            const double ours = mse(&q, px, w, h);
+            K_FreeBitmap(&q);
+            const double mc = pillow[{"mediancut", n}], oct = pillow[{"fastoctree", n}];
+            std::printf("image %u, %3d colours: mse ours %8.3f  median cut %8.3f  fast octree %8.3f\n", seed, n, ours,
+                        mc, oct);
+            EXPECT_LT(ours, mc) << n;
+            EXPECT_LT(ours, oct) << n;
+        }
+    }
+}
+
+}  // namespace
