@@ -2107,10 +2107,11 @@ OMBRIX_API int32_t K_MoveBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, 
  * reads 100. Changing any of them rebuilds the bitmap's paint tables: a
  * 256-entry 8-bit table and, for a 12- or 16-bit grey bitmap in the current
  * layout, a 65536-entry 16-bit table. BRF_PAINT_TABLE (0x2000 of uFlags) is set
- * when an entry differs from its index. The tables live in a block the record
- * owns (K_FreeBitmap releases it); until the first change they are identities.
+ * when an entry differs from its index. The tables are derived from the three
+ * values (the record owns no block for them, so a copied record carries its
+ * paint state); until the first change they are identities.
  * Setters: 1; -2 null or unallocated record; -789 size word; -13 value out of
- * range; -1 when the tables cannot be allocated (nothing changes). Setting the
+ * range; -1 when the 16-bit table cannot be computed (nothing changes). Setting the
  * value the bitmap already has returns 1 and does nothing.
  * Getters return the value itself; -13 null record, -789 size word. */
 #define BRF_PAINT_TABLE 0x2000u
@@ -2219,6 +2220,85 @@ OMBRIX_API int32_t K_WindowLevelExt(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, uint
  * Section: display support: animation playback
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* A playback composes the frames of a bitmap list onto a target bitmap, one
+ * after another, driven by the caller: each K_ProcessPlayback call performs
+ * one step and the caller repaints the update rectangle. Nothing runs in the
+ * background. The handle is an emulated global-memory handle (kind 3);
+ * any other handle is refused with -13 (errno 22 for a handle of another kind).
+ *
+ * Frame fields (words of the record kept for the display family):
+ *   FRAME_LEFT / FRAME_TOP   position on the target, in the target's top-left view
+ *   FRAME_DELAY              milliseconds to show the frame
+ *   FRAME_DISPOSAL           2 restore the background, 3 restore what was under
+ *                            the frame; other values leave the frame in place
+ *   FRAME_TRANSPARENT_COLOR  0x00BBGGRR; with BRF_FRAME_TRANSPARENT its pixels
+ *                            are not drawn
+ *   FRAME_BACKGROUND_COLOR   of the target: clearing and disposal 2
+ * Frame flags: BRF_FRAME_WAITINPUT (wait for K_CancelPlaybackWait after the
+ * frame), BRF_FRAME_TRANSPARENT, BRF_FRAME_ALPHAOVER (blend instead of copy;
+ * needs the combine family, -16 until it is there).
+ * A target whose view perspective is BOTTOM_LEFT places a frame at stored row
+ * height - top - frame height. Drawing takes frames of the target's depth and
+ * order (and palette, up to 8 bits) at 8 bits per pixel or more, and frames and
+ * targets stored top-left or bottom-left; other frames are skipped (the
+ * colour-resolution conversion that would adapt them is not linked in yet).
+ * States: */
+#define PLAYBACK_STATE_CLEAR        0
+#define PLAYBACK_STATE_NEXT         1
+#define PLAYBACK_STATE_DRAW         2
+#define PLAYBACK_STATE_WAITLINES    3
+#define PLAYBACK_STATE_DELAY        4
+#define PLAYBACK_STATE_WAITINPUT    5
+#define PLAYBACK_STATE_WAITDELAY    6
+#define PLAYBACK_STATE_WAITBOTH     7
+#define PLAYBACK_STATE_DISPOSE      8
+#define PLAYBACK_STATE_NEXT2        9
+#define PLAYBACK_STATE_END          10
+#define BRF_FRAME_WAITINPUT   0x00000040u
+#define BRF_FRAME_TRANSPARENT 0x00000080u
+#define BRF_FRAME_ALPHAOVER   0x00080000u
+#define FRAME_LEFT(bm)              ((bm)->nReserved2[0])
+#define FRAME_TOP(bm)               ((bm)->nReserved2[1])
+#define FRAME_DELAY(bm)             ((bm)->uReserved3[0])
+#define FRAME_DISPOSAL(bm)          ((bm)->uReserved3[1])
+#define FRAME_TRANSPARENT_COLOR(bm) ((bm)->uReserved3[2])
+#define FRAME_BACKGROUND_COLOR(bm)  ((bm)->uReserved4)
+typedef void* HPLAYBACK;
+/* Makes a playback of hList (null: an empty list the playback owns) onto
+ * pTarget, which must stay valid and allocated while the playback lives.
+ * Index -1, state 0. -13 null pointer, unallocated target or a handle that
+ * is not a list; -789 target size word; -1 memory. */
+OMBRIX_API int32_t K_CreatePlayback(HPLAYBACK* phPlayback, BITMAPRECORD* pTarget, HBITMAPLIST hList);
+/* Frees the playback: its saved area, its line marks and, when it made it,
+ * its list. */
+OMBRIX_API int32_t K_DestroyPlayback(HPLAYBACK hPlayback);
+/* One step of the state machine; the new state in *pnState (may be null).
+ * 1 for a valid handle. */
+OMBRIX_API int32_t K_ProcessPlayback(HPLAYBACK hPlayback, int32_t* pnState);
+OMBRIX_API int32_t K_GetPlaybackState(HPLAYBACK hPlayback, int32_t* pnState);
+/* In states 5, 6 and 7 moves to state 8; otherwise nothing. 1. */
+OMBRIX_API int32_t K_CancelPlaybackWait(HPLAYBACK hPlayback);
+/* In states 6 and 7 the milliseconds still to wait (0 when over); else 0. */
+OMBRIX_API int32_t K_GetPlaybackDelay(HPLAYBACK hPlayback, uint32_t* puMilliseconds);
+/* Copies the update rectangle (target top-left view; empty when nothing
+ * changed) to *pRect (may be null); a non-zero bClear then clears it. */
+OMBRIX_API int32_t K_GetPlaybackUpdateRect(HPLAYBACK hPlayback, RECT* pRect, int32_t bClear);
+OMBRIX_API int32_t K_ClearPlaybackUpdateRect(HPLAYBACK hPlayback);
+OMBRIX_API int32_t K_GetPlaybackIndex(HPLAYBACK hPlayback, int32_t* pnIndex);
+/* Moves to frame nIndex (-1..count, else -13): switches line validation off,
+ * starts again from state 0 when going back, then steps (cancelling every
+ * wait at once) until the index is reached. */
+OMBRIX_API int32_t K_SetPlaybackIndex(HPLAYBACK hPlayback, int32_t nIndex);
+/* Appends the frame to the list (its storage then belongs to the list) and
+ * switches line validation on for it: the frame is drawn once every row was
+ * marked with K_ValidatePlaybackLines. In state 10 moves to state 2.
+ * -789 frame size word; -1 memory (nothing appended); a list insertion
+ * failure switches validation off and is returned. */
+OMBRIX_API int32_t K_AppendPlayback(HPLAYBACK hPlayback, const BITMAPRECORD* pFrame);
+/* Marks rows max(nFirst, 0) .. min(nFirst + nCount, frame height) - 1 of the
+ * last appended frame as loaded; when every row is, validation ends. With
+ * validation off, or an empty range: 1 and nothing changes. */
+OMBRIX_API int32_t K_ValidatePlaybackLines(HPLAYBACK hPlayback, int32_t nFirst, int32_t nCount);
 
 #ifdef __cplusplus
 } /* extern "C" */

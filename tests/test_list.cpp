@@ -66,6 +66,7 @@ struct Warm {
 TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
     Warm warm;
     const long base = krn::faultinject::liveBlocks();
+    int copies = 0;
     for (uint32_t seed = 1; seed <= 12; ++seed) {
         std::mt19937 rng(seed);
         auto pick = [&](uint32_t n) { return n == 0 ? 0u : uint32_t(rng() % n); };
@@ -73,7 +74,6 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
         ASSERT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
         std::vector<int> model;
         int nextTag = 1;
-        bool copySupported = true;
         size_t largest = 0;
         for (int step = 0; step < 150; ++step) {
             const uint32_t n = uint32_t(model.size());
@@ -123,20 +123,17 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
             } else if (op == 7) {  // copy a run: deep copies with the same tags
                 const uint32_t first = pick(n), count = 1 + pick(4);
                 HBITMAPLIST c = nullptr;
-                const int32_t r = K_CopyBitmapListItems(&c, h, first, count);
-                if (r == KS_NOT_SUPPORTED) {  // the copy family is not linked in yet
-                    copySupported = false;
-                    continue;
-                }
-                ASSERT_EQ(r, KS_SUCCESS);
+                ASSERT_EQ(K_CopyBitmapListItems(&c, h, first, count), KS_SUCCESS);
+                ++copies;
                 const std::vector<int> want(model.begin() + first,
                                             model.begin() + std::min<size_t>(n, size_t(first) + count));
                 EXPECT_EQ(tagsOf(c), want);
-                // Independent pixels: changing the copy leaves the source alone.
+                // Independent pixels: changing the copy leaves the source alone (checked below).
                 BITMAPRECORD item;
                 ASSERT_EQ(K_GetBitmapListItem(c, 0, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
                 uint8_t zero[8] = {};
-                K_PutBitmapRow(&item, zero, 0, item.nBytesPerLine);
+                ASSERT_GE(K_PutBitmapRow(&item, zero, 0, item.nBytesPerLine), 0);
+                EXPECT_NE(tagOf(&item), want[0]);
                 ASSERT_EQ(K_DestroyBitmapList(c), KS_SUCCESS);
             } else {  // move a run into a new list
                 const uint32_t first = pick(n), count = 1 + pick(4);
@@ -156,9 +153,9 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
             largest = std::max(largest, model.size());
         }
         EXPECT_GE(largest, 10u) << "the sequence should grow the list";
-        (void)copySupported;
         ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
     }
+    EXPECT_GT(copies, 50);
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
@@ -374,11 +371,10 @@ TEST(ListFailures, AllocationFailuresThroughGrowth) {
         krn::faultinject::arm(nth, 1);
         int32_t r = K_CopyBitmapListItems(&c, h, 1, 4);
         krn::faultinject::disarm();
-        if (r == KS_SUCCESS || r == KS_NOT_SUPPORTED) {
-            if (r == KS_SUCCESS) {
-                EXPECT_EQ(tagsOf(c), std::vector<int>(model.begin() + 1, model.begin() + 5));
-                K_DestroyBitmapList(c);
-            }
+        if (r == KS_SUCCESS) {
+            EXPECT_EQ(tagsOf(c), std::vector<int>(model.begin() + 1, model.begin() + 5));
+            K_DestroyBitmapList(c);
+            EXPECT_GE(nth, 4);  // at least one failure point per copied item
             break;
         }
         EXPECT_LT(r, 0);

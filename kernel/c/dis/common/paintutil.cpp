@@ -1,10 +1,12 @@
 // paintutil.cpp - paint intensity, contrast and gamma of a bitmap and the
-// paint tables rebuilt from them.
+// paint tables derived from them.
 //
-// The three values live in the record's display words (uDisplay[0..2]); the
-// tables live in one global block the record owns, whose pointer is kept in
-// uDisplay[4..5] (one pointer-sized slot). The block is made on the first
-// change; until then both tables are identities. uDisplay[3] is kept free.
+// The three values live in the record's display words (uDisplay[0..2]). The
+// tables are a function of the values and of the bitmap's kind, so the record
+// keeps no table block: a change computes them (to decide the table flag),
+// and K_GetPaintTable / K_GetPaintTable16 compute them into the caller's
+// buffer. Nothing is owned, so a record copied byte for byte (lists, copies)
+// carries its paint state with it and nothing can be freed twice.
 //
 // Rebuild, in order: the contrast curve (a ramp over the 256 entries, and the
 // same ramp on the 16-bit scale, x and y times 257), then the intensity
@@ -15,44 +17,15 @@
 #include <cmath>
 #include <cstring>
 
-#include "krn/common/hooks.h"
 #include "krn/common/kernel.h"
-#include "krn/windowsemul/globalmem.h"
+#include "krn/common/memory.h"
 #include "paintutil.h"
 
 namespace krn {
 
 namespace {
 
-constexpr uint32_t kPaintMagic = 0x544E4950u;  // "PINT"
-constexpr size_t kHeader = 8;
-constexpr size_t kOffset16 = kHeader + 256;
-constexpr size_t kBytes8 = kOffset16;
-constexpr size_t kBytes16 = kOffset16 + 65536 * sizeof(uint16_t);
-
-constexpr int kIntensityWord = 0, kContrastWord = 1, kGammaWord = 2, kBlockWord = 4;
-
-void* blockSlot(const BITMAPRECORD* bm) noexcept {
-    void* p = nullptr;
-    std::memcpy(&p, &bm->uDisplay[kBlockWord], sizeof(p));
-    return p;
-}
-void setBlockSlot(BITMAPRECORD* bm, void* p) noexcept { std::memcpy(&bm->uDisplay[kBlockWord], &p, sizeof(p)); }
-
-// The record's table block, or null when it has none (a stale or foreign
-// value is never followed: the block must be a live global block of ours).
-uint8_t* paintBlock(const BITMAPRECORD* bm) noexcept {
-    void* p = blockSlot(bm);
-    if (!p || !isGlobalBlock(p) || globalSize(p) < kBytes8) return nullptr;
-    uint32_t magic;
-    std::memcpy(&magic, p, 4);
-    return magic == kPaintMagic ? static_cast<uint8_t*>(p) : nullptr;
-}
-bool hasTable16(const uint8_t* block) noexcept {
-    uint32_t has;
-    std::memcpy(&has, block + 4, 4);
-    return has != 0;
-}
+constexpr int kIntensityWord = 0, kContrastWord = 1, kGammaWord = 2;
 
 bool wants16(const BITMAPRECORD* bm) noexcept {
     return isCurrentLayout(bm) && (bm->nBitsPerPixel == 12 || bm->nBitsPerPixel == 16) &&
@@ -127,43 +100,25 @@ bool offsetAndGamma(T* tab, int64_t n, int64_t offset, double exponent, double t
     return differs;
 }
 
-void rebuild(BITMAPRECORD* bm, uint8_t* block) noexcept {
-    const int32_t intensity = int32_t(bm->uDisplay[kIntensityWord]);
-    const int32_t contrast = int32_t(bm->uDisplay[kContrastWord]);
-    const int32_t gamma = storedGamma(bm);
-    const int64_t o = (int64_t(intensity) * 255 + 500) / 1000;
-    const double exponent = 100.0 / double(gamma);
-    uint8_t* t8 = block + kHeader;
-    uint16_t* t16 = hasTable16(block) ? reinterpret_cast<uint16_t*>(block + kOffset16) : nullptr;
-    if (contrast != 0) bm->uFlags &= ~BRF_PAINT_TABLE;
-    contrastCurve(t8, 256, contrast, 1, 255);
-    if (t16) contrastCurve(t16, 65536, contrast, 257, 65535);
-    bool differs = offsetAndGamma(t8, 256, o, exponent, 255.0);
-    if (t16) differs = offsetAndGamma(t16, 65536, 257 * o, exponent, 65535.0) || differs;
-    if (differs) bm->uFlags |= BRF_PAINT_TABLE;
+struct Values {
+    int32_t intensity, contrast, gamma;
+};
+Values valuesOf(const BITMAPRECORD* bm) noexcept {
+    return Values{int32_t(bm->uDisplay[kIntensityWord]), int32_t(bm->uDisplay[kContrastWord]), storedGamma(bm)};
 }
 
-// Makes sure the record has a block with the tables it needs (the 16-bit one
-// filled with the identity when new); null when it cannot be allocated, in
-// which case nothing changed.
-uint8_t* ensureBlock(BITMAPRECORD* bm) noexcept {
-    uint8_t* block = paintBlock(bm);
-    const bool need16 = wants16(bm);
-    if (block && (!need16 || hasTable16(block))) return block;
-    uint8_t* fresh = static_cast<uint8_t*>(globalAlloc(GMEM_FIXED, need16 ? kBytes16 : kBytes8));
-    if (!fresh) return nullptr;
-    const uint32_t magic = kPaintMagic, has = need16 ? 1u : 0u;
-    std::memcpy(fresh, &magic, 4);
-    std::memcpy(fresh + 4, &has, 4);
-    for (int i = 0; i < 256; ++i) fresh[kHeader + size_t(i)] = uint8_t(i);
-    if (block) std::memcpy(fresh + kHeader, block + kHeader, 256);
-    if (need16) {
-        uint16_t* t16 = reinterpret_cast<uint16_t*>(fresh + kOffset16);
-        for (uint32_t i = 0; i < 65536; ++i) t16[i] = uint16_t(i);
+// Fills the 8-bit table and, when t16 is given, the 16-bit one; reports in
+// *differs8 / *differs16 whether an entry differs from its index.
+void buildTables(const Values& v, uint8_t* t8, uint16_t* t16, bool* differs8, bool* differs16) noexcept {
+    const int64_t o = (int64_t(v.intensity) * 255 + 500) / 1000;
+    const double exponent = 100.0 / double(v.gamma);
+    contrastCurve(t8, 256, v.contrast, 1, 255);
+    *differs8 = offsetAndGamma(t8, 256, o, exponent, 255.0);
+    *differs16 = false;
+    if (t16) {
+        contrastCurve(t16, 65536, v.contrast, 257, 65535);
+        *differs16 = offsetAndGamma(t16, 65536, 257 * o, exponent, 65535.0);
     }
-    if (block) globalFree(block);
-    setBlockSlot(bm, fresh);
-    return fresh;
 }
 
 int32_t setValue(BITMAPRECORD* bm, int word, int32_t value, bool ok) noexcept {
@@ -173,10 +128,23 @@ int32_t setValue(BITMAPRECORD* bm, int word, int32_t value, bool ok) noexcept {
     if (!ok) return KS_INVALID_PARAMETER;
     const int32_t current = word == kGammaWord ? storedGamma(bm) : int32_t(bm->uDisplay[word]);
     if (current == value) return KS_SUCCESS;
-    uint8_t* block = ensureBlock(bm);
-    if (!block) return KS_NO_MEMORY;
+    // The 16-bit table is computed in a scratch block taken before anything
+    // changes: without it the call fails and the record stays as it was.
+    UniqueMem<uint16_t> t16;
+    if (wants16(bm)) {
+        t16.reset(memAllocArray<uint16_t>(65536));
+        if (!t16) return KS_NO_MEMORY;
+    }
+    Values v = valuesOf(bm);
+    if (word == kIntensityWord) v.intensity = value;
+    if (word == kContrastWord) v.contrast = value;
+    if (word == kGammaWord) v.gamma = value;
+    uint8_t t8[256];
+    bool d8 = false, d16 = false;
+    buildTables(v, t8, t16.get(), &d8, &d16);
     bm->uDisplay[word] = uint32_t(value);
-    rebuild(bm, block);
+    if (v.contrast != 0) bm->uFlags &= ~BRF_PAINT_TABLE;
+    if (d8 || d16) bm->uFlags |= BRF_PAINT_TABLE;
     return KS_SUCCESS;
 }
 
@@ -187,18 +155,6 @@ int32_t getValue(const BITMAPRECORD* bm, int word) noexcept {
 }
 
 }  // namespace
-
-void releasePaintTables(BITMAPRECORD* bm) noexcept {
-    if (uint8_t* block = paintBlock(bm)) globalFree(block);
-    setBlockSlot(bm, nullptr);
-}
-
-void detachPaintTables(BITMAPRECORD* bm) noexcept { setBlockSlot(bm, nullptr); }
-
-const uint8_t* paintTable8(const BITMAPRECORD* bm) noexcept {
-    const uint8_t* block = paintBlock(bm);
-    return block ? block + kHeader : nullptr;
-}
 
 }  // namespace krn
 
@@ -227,10 +183,8 @@ KAPI int32_t K_GetPaintTable(const BITMAPRECORD* pBitmap, uint8_t* pTable) {
     return guarded([&]() -> int32_t {
         if (!pBitmap || !pTable) return KS_INVALID_PARAMETER;
         if (!recordSizeValid(pBitmap->uStructSize)) return KS_INVALID_STRUCT_SIZE;
-        if (const uint8_t* t = paintTable8(pBitmap))
-            std::memcpy(pTable, t, 256);
-        else
-            for (int i = 0; i < 256; ++i) pTable[i] = uint8_t(i);
+        bool d8, d16;
+        buildTables(valuesOf(pBitmap), pTable, nullptr, &d8, &d16);
         return KS_SUCCESS;
     });
 }
@@ -240,11 +194,9 @@ KAPI int32_t K_GetPaintTable16(const BITMAPRECORD* pBitmap, uint16_t* pTable) {
         if (!pBitmap || !pTable) return KS_INVALID_PARAMETER;
         if (!recordSizeValid(pBitmap->uStructSize)) return KS_INVALID_STRUCT_SIZE;
         if (!wants16(pBitmap)) return KS_NOT_SUPPORTED;
-        const uint8_t* block = paintBlock(pBitmap);
-        if (block && hasTable16(block))
-            std::memcpy(pTable, block + kOffset16, 65536 * sizeof(uint16_t));
-        else
-            for (uint32_t i = 0; i < 65536; ++i) pTable[i] = uint16_t(i);
+        uint8_t t8[256];
+        bool d8, d16;
+        buildTables(valuesOf(pBitmap), t8, pTable, &d8, &d16);
         return KS_SUCCESS;
     });
 }

@@ -26,14 +26,6 @@ void setNoZeroFill(bool on) noexcept;
 // Regions (dis/common/bitmaprgn.cpp): deletes the bitmap's region, if any.
 void releaseBitmapRegion(BITMAPRECORD* bm) noexcept;
 
-// Display (dis/common/paintutil.cpp): frees the paint-table block a record
-// owns and clears its slot.
-void releasePaintTables(BITMAPRECORD* bm) noexcept;
-// Display (dis/common/paintutil.cpp): forgets the paint-table block without
-// freeing it, for a record that was copied byte for byte from another one
-// (the copy rebuilds its own tables on the next change).
-void detachPaintTables(BITMAPRECORD* bm) noexcept;
-
 // Dithering (dither.cpp): stops a dithering run on the record, if any.
 void releaseDitherState(BITMAPRECORD* bm) noexcept;
 

@@ -11,11 +11,6 @@
 #include "list.h"
 #include "krn/windowsemul/globalmem.h"
 
-// Deep copies come from the copy family; until it is linked in, copying a
-// list answers -16.
-extern "C" int32_t K_CopyBitmap(BITMAPRECORD* pDstBitmap, BITMAPRECORD* pSrcBitmap, uint32_t uStructSize)
-    __attribute__((weak));
-
 namespace krn {
 
 namespace {
@@ -258,7 +253,6 @@ KAPI int32_t K_CopyBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, uint32
         int32_t r = rangeOf(l, uFirst, uCount, &n);
         if (r != KS_SUCCESS) return r;
         if (!l->items) return KS_INVALID_PARAMETER;
-        if (!K_CopyBitmap) return KS_NOT_SUPPORTED;
         ListBlock* out = nullptr;
         r = makeList(&out);
         if (r != KS_SUCCESS) return r;
