@@ -224,6 +224,7 @@ typedef int32_t (*PFN_BITMAPACCESS)(BITMAPRECORD* pBitmap, void* pUserData);
 typedef int32_t (*PFN_BITMAPRELEASE)(BITMAPRECORD* pBitmap, void* pUserData);
 typedef int32_t (*PFN_BITMAPGETROW)(BITMAPRECORD* pBitmap, uint8_t* pBuffer, int32_t nRow,
                                     uint32_t uBytes, void* pUserData);
+typedef int32_t (*PFN_BITMAPNOTIFY)(BITMAPRECORD* pBitmap, int32_t nCode, void* pUserData);
 typedef struct BITMAPDATACALLBACKS_ {
     uint32_t           uStructSize;   /* BITMAPDATACALLBACKS_SIZE */
     void*              pUserData;
@@ -233,7 +234,8 @@ typedef struct BITMAPDATACALLBACKS_ {
     PFN_BITMAPACCESS   pfnAccess;
     PFN_BITMAPRELEASE  pfnRelease;
     PFN_BITMAPGETROW   pfnGetRow;
-    void*              pReserved2[2];
+    PFN_BITMAPNOTIFY   pfnNotify;     /* events of the bitmap (1: a copy of it begins); may be null */
+    void*              pReserved2;
 } BITMAPDATACALLBACKS;
 
 /* Allocation information handed to the allocation callbacks (size word 48). */
@@ -499,7 +501,6 @@ OMBRIX_API int32_t K_TranslateBitmapColor(const BITMAPRECORD* pDst, const BITMAP
  * without a direct data pointer, -1 no memory (needs a 2 MB scratch set). */
 OMBRIX_API int32_t K_GetBitmapPaletteEntries(BITMAPRECORD* pBitmap, RGBQUAD* pEntries, int32_t nMaxEntries,
                                              int32_t* pnColors);
-/* @@palettes@@ */
 
 /* ======================================================================
  * Section: bitmap memory, rows, redirected I/O and temporary files
@@ -770,7 +771,6 @@ OMBRIX_API int32_t K_Utf8ToUtf16(const char* pSrc, int32_t nSrcLen, uint16_t* pD
                                  uint32_t* pnWritten);
 OMBRIX_API int32_t K_Utf16ToUtf8(const uint16_t* pSrc, int32_t nSrcLen, char* pDst, uint32_t nCapacity,
                                  uint32_t* pnWritten);
-/* @@storage-redirect@@ */
 
 /* (keep this line between the two storage parts) */
 
@@ -924,7 +924,6 @@ OMBRIX_API int32_t K_ExpandRows(const uint8_t* pRuns, uint8_t* pDst, int32_t nWi
  * reverse order. Source and destination must not overlap. -13 null buffers. */
 OMBRIX_API int32_t K_MirrorCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, int32_t nRows);
 OMBRIX_API int32_t K_FlipCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, int32_t nRows);
-/* @@storage-memory@@ */
 
 /* ======================================================================
  * Section: pixel conversion, dithering and HSV
@@ -951,8 +950,8 @@ OMBRIX_API int32_t K_FlipCompressedBuffer(const uint8_t* pSrc, uint8_t* pDst, in
  * ORDER_BGR565. The buffer must hold the larger of the two runs (see
  * K_CalcConvertSize). Null palettes mean the fixed palette of the depth.
  * Returns 1; -13 for a null buffer, zero width or a rejected combination
- * (before any pixel changes); -16 after converting when ORDER_BGRWIDE is
- * asked at a destination depth other than 24 or 48. */
+ * (before any pixel changes); -16, the run unchanged, when ORDER_BGRWIDE
+ * is asked at a destination depth other than 24 or 48. */
 OMBRIX_API int32_t K_ConvertBuffer(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
                                    int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
                                    const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst);
@@ -1005,7 +1004,6 @@ OMBRIX_API uint32_t K_HSVtoRGB(uint32_t hsv);
 /* As K_HSVtoRGB, reading the value from *pHsv; 0 for a null pointer. */
 OMBRIX_API uint32_t K_HSVtoRGB2(const uint32_t* pHsv);
 
-/* @@pixels-convert@@ */
 
 /* (keep this line between the two pixel parts) */
 
@@ -1057,7 +1055,6 @@ OMBRIX_API int32_t K_GetDefaultDithering(void);
 /* Sets the calling thread's default method (0..8) and returns the previous
  * one; -13 (and no change) for any other value. */
 OMBRIX_API int32_t K_DefaultDithering(int32_t nMethod);
-/* @@pixels-dither@@ */
 
 /* ======================================================================
  * Section: regions and rectangles
@@ -1319,7 +1316,6 @@ OMBRIX_API int32_t K_FillBitmap(BITMAPRECORD* pBitmap, uint32_t uColor);
 OMBRIX_API int32_t K_FillBitmap2(BITMAPRECORD* pBitmap, uint64_t uRawPixel);
 /* K_FillBitmap2 with 0. */
 OMBRIX_API int32_t K_ClearBitmap(BITMAPRECORD* pBitmap);
-/* @@regions@@ */
 
 /* ======================================================================
  * Section: runtime services (thread tools, geometry, sine)
@@ -1578,32 +1574,384 @@ OMBRIX_API double K_LengthD_Vector(double dx, double dy);
 OMBRIX_API double K_LengthD_Between(const POINTD* pA, const POINTD* pB);
 /* Length of the vector (dx, dy) after the matrix's linear part. */
 OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double dy);
-/* @@runtime@@ */
 
 /* ======================================================================
  * Section: transforms: flip, reverse, quarter turns and view perspective
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* Moving pixels. Every function here works on any storage kind (single block,
+ * tiles, temporary file, run-compressed and super-compressed rows, caller
+ * memory), moves the bitmap's region with the pixels, reports progress through
+ * the calling thread's status callback and stops with the callback's answer
+ * when it is not 1. A call that fails or is stopped leaves the record, its
+ * region and its pixels exactly as they were.
+ *
+ * K_FlipBitmap turns the viewed image upside down, K_ReverseBitmap mirrors it
+ * left to right; for a bitmap in perspective 5..8 (viewed columns stored as
+ * rows) the stored rows are reversed, respectively flipped.
+ * -13 null or unallocated record, -789 bad size word, -1 out of memory, the
+ * callback's answer when it stops the work, a storage error (-4, -5, -7). */
+OMBRIX_API int32_t K_FlipBitmap(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_ReverseBitmap(BITMAPRECORD* pBitmap);
+/* Stored rows flipped top to bottom / each stored row mirrored; no size-word
+ * check; -2 for a null or unallocated record, otherwise as above. */
+OMBRIX_API int32_t K_IntFlipBitmap(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_IntReverseBitmap(BITMAPRECORD* pBitmap);
+
+/* Relabelling: only nViewPerspective changes (and, for quarter turns, the
+ * exchange of nXResolution and nYResolution), no pixel moves. The record
+ * need not be allocated. Flip: 1<->4, 2<->3, 5<->8, 6<->7. Reverse: 1<->2,
+ * 3<->4, 5<->6, 7<->8. Quarter turn: 1->6->3->8->1, 2->7->4->5->2. Values
+ * outside 1..8 are left as they are. nAngle is in whole degrees, brought into
+ * 0..359 by whole turns; 0 does nothing, 90/180/270 apply one, two or three
+ * quarter turns, any other angle gives -13.
+ * -13 null record, -789 bad size word; the K_Int forms skip the size word and
+ * give -2 for a null record. */
+OMBRIX_API int32_t K_FlipBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_ReverseBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_RotateBitmapViewPerspective(BITMAPRECORD* pBitmap, int32_t nAngle);
+OMBRIX_API int32_t K_IntFlipBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_IntReverseBitmapViewPerspective(BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_IntRotateBitmapViewPerspective(BITMAPRECORD* pBitmap, int32_t nAngle);
+
+/* Moves the pixels so that the same viewed image is stored in perspective
+ * nViewPerspective (1..8), then sets the field. With pDstBitmap null or equal
+ * to pSrcBitmap the source changes in place; otherwise pDstBitmap (record size
+ * uStructSize) receives a full copy of the source that is then changed, and the
+ * source is left alone. The calling thread's status callback is silenced for
+ * the duration and restored. The viewed resolutions are kept.
+ * -13 null or unallocated source, a perspective outside 1..8 (requested or
+ * stored), -789 bad size word (source, or uStructSize for a distinct
+ * destination), -1 out of memory; a destination that was not made is left
+ * unallocated. */
+OMBRIX_API int32_t K_ChangeBitmapViewPerspective(BITMAPRECORD* pDstBitmap, BITMAPRECORD* pSrcBitmap,
+                                                 uint32_t uStructSize, int32_t nViewPerspective);
+/* The unchecked form (-2 for a null or unallocated source); uCarryMask is the
+ * carry mask of the copy made for a distinct destination. */
+OMBRIX_API int32_t K_IntChangeBitmapViewPerspective(BITMAPRECORD* pDstBitmap, BITMAPRECORD* pSrcBitmap,
+                                                    uint32_t uStructSize, int32_t nViewPerspective,
+                                                    uint32_t uCarryMask);
+
+/* Quarter turn of the viewed image into new storage of exchanged width and
+ * height (same storage kind; caller memory is kept when the turned image fits
+ * the caller's buffer, else the kernel takes its own block). bTurn 1 turns
+ * clockwise as seen (the turn of K_RotateBitmap for +90.00 degrees), 0
+ * anticlockwise; for the mirrored perspectives 2, 4, 5, 7 the stored pixels
+ * turn the other way. The resolutions are exchanged. Progress goes from
+ * nProgressStart to nProgressEnd percent (0 <= start <= end <= 100).
+ * -13 null or unallocated record, a bad progress range, a record being accessed
+ * (K_AccessBitmap outstanding); -789 bad size word; -11 a turned row that does
+ * not fit 32 bits; -1 out of memory; the callback's answer when it stops. */
+OMBRIX_API int32_t K_RotateBitmap90(BITMAPRECORD* pBitmap, int32_t bTurn, int32_t nProgressStart,
+                                    int32_t nProgressEnd);
+/* Quarter turn of a plain buffer of uHeight rows of uWidth pixels, rows
+ * padded to 4 bytes (stride ((uWidth * bits + 31) / 8) & ~3), into pDst of
+ * uWidth rows of uHeight pixels (its stride from uHeight). bTurn non-zero:
+ * clockwise (the source is walked from its last row), 0: anticlockwise.
+ * pDst must not overlap pSrc. -13 null buffer, a depth other than 1..8, 12,
+ * 16, 24, 32, 48, 64, or a row that does not fit 32 bits; 0 x anything: 1. */
+OMBRIX_API int32_t K_RotateBuffer90(const uint8_t* pSrc, uint8_t* pDst, int32_t bTurn, uint32_t uWidth,
+                                    uint32_t uHeight, int32_t nBitsPerPixel);
+/* Half turn of such a buffer into pDst (same stride); pDst may be pSrc (in
+ * place), other overlaps are refused (-13). Errors as K_RotateBuffer90. */
+OMBRIX_API int32_t K_RotateBuffer180(const uint8_t* pSrc, uint8_t* pDst, uint32_t uWidth, uint32_t uHeight,
+                                     int32_t nBitsPerPixel);
+/* Reverses the order of uPixels pixels of one packed row in place, for 1..8,
+ * 12, 16, 24, 32, 48 and 64 bits per pixel (bits after the last pixel in its
+ * byte are kept). -13 null buffer; any other depth leaves the row and
+ * returns 1. */
+OMBRIX_API int32_t K_MirrorLine(uint8_t* pBuffer, uint32_t uPixels, int32_t nBitsPerPixel);
 
 /* ======================================================================
  * Section: transforms: rotation by any angle and shear
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* -- rotation by any angle and shear -- */
+/* Flags of K_RotateBitmap and K_ShearBitmap (a bit set). */
+#define ROTATE_RESIZE            0x0001u /* enlarge the result to hold the whole transformed image;
+                                            without it the size is kept and the corners are cut */
+#define SHEAR_VERTICAL           0x0002u /* K_ShearBitmap: shear the columns (default: the rows) */
+#define ROTATE_NO_SHORTCUTS      0x0008u /* K_RotateBitmap: right angles through the general path */
+#define ROTATE_FILL_TRANSPARENT  0x0010u /* 32 and 64 bits: the fill's alpha is 0 (default: opaque) */
+#define ROTATE_ONE_THREAD        0x0020u /* work on the calling thread only */
+#define ROTATE_NEAREST           0x0000u /* interpolation (bits 8..11): nearest pixel, every depth */
+#define ROTATE_BILINEAR          0x0100u /* 8-bit and 16-bit grey, 24, 32, 48 and 64 bits */
+#define ROTATE_BICUBIC           0x0200u /* Catmull-Rom, same depths as bilinear */
+#define ROTATE_INTERP_MASK       0x0F00u
+/* Fill colour of uncovered pixels: 0x00BBGGRR (red in the low byte); up to 8
+ * bits the nearest palette entry is used, grey depths take the grey of the
+ * colour. ROTATE_FILL_INDEX(i) names a palette index directly (depths up to 8). */
+#define ROTATE_FILL_INDEX(i)     (0x01000000u | ((uint32_t)(i) & 0xFFu))
+/* Largest shear angle, in hundredths of a degree (tan 85 degrees = 11.4). */
+#define SHEAR_MAX_ANGLE          8500
+
+/* Turns the viewed image by nAngle hundredths of a degree (-36000..36000),
+ * positive clockwise as the image is viewed, about its centre, in place: the
+ * record receives new storage of the same kind (caller memory becomes
+ * kernel memory), its region is removed, and its view perspective becomes 1
+ * or 4 (perspectives 2, 5, 7 become 4 and 3, 6, 8 become 1, the difference
+ * being added to the turn). Pixel centres map onto pixel centres, so turns
+ * by right angles move pixels unchanged with any interpolation; +90.00 with
+ * ROTATE_RESIZE equals K_RotateBitmap90(pBitmap, 1, ...). Uncovered pixels
+ * get uFill; covered pixels near the edge repeat the edge pixels. Where the
+ * alphas of 32/64-bit neighbours differ they are weighted by alpha. 0.00,
+ * 180.00 and (with ROTATE_RESIZE or a square image) 90.00 / 270.00 take
+ * short cuts unless ROTATE_NO_SHORTCUTS. Progress 0..100 through the status
+ * callback; an answer other than 1 stops and is returned with the bitmap
+ * unchanged.
+ * Results: 1; -13 null or unallocated record, unknown flag bits or
+ * interpolation, an angle out of range, a view perspective outside 1..8, a
+ * locked bitmap (outstanding K_AccessBitmap), a bad fill (palette index
+ * past the depth, index form above 8 bits); -789 size word; -27 a depth that
+ * the interpolation does not support (bilinear and bicubic: 8-bit grey (a
+ * 256-entry grey-ramp palette), 16-bit grey, 24, 32, 48, 64 bits); -11 a
+ * result larger than 32-bit sizes allow; -1 (or the storage's failure) when
+ * the new storage cannot be made. On failure the record and its pixels are
+ * as they were. */
+OMBRIX_API int32_t K_RotateBitmap(BITMAPRECORD* pBitmap, int32_t nAngle, uint32_t uFlags, uint32_t uFill);
+/* Shears the viewed image by nAngle hundredths of a degree
+ * (-SHEAR_MAX_ANGLE..SHEAR_MAX_ANGLE) about its centre: rows slide
+ * horizontally by tan(angle) per row below the centre (positive: lower rows
+ * move right), or with SHEAR_VERTICAL columns slide vertically (positive:
+ * right columns move down). ROTATE_RESIZE widens (or heightens) the result
+ * by ceil(|tan| x height (width)). Fill, interpolation, storage, region,
+ * progress and results as K_RotateBitmap; the view perspective is kept. */
+OMBRIX_API int32_t K_ShearBitmap(BITMAPRECORD* pBitmap, int32_t nAngle, uint32_t uFlags, uint32_t uFill);
+/* The stored width and height K_RotateBitmap with ROTATE_RESIZE gives the
+ * record for nAngle: ceil(|cos| W + |sin| H - 1/64) by ceil(|sin| W + |cos| H
+ * - 1/64) with the kernel's sine table, after the perspective folding.
+ * -13 null pointers, angle out of range, perspective outside 1..8; -789 size
+ * word; -11 empty record or a size past 32 bits. */
+OMBRIX_API int32_t K_GetRotatedBitmapSize(const BITMAPRECORD* pBitmap, int32_t nAngle, int32_t* pnWidth,
+                                          int32_t* pnHeight);
 
 /* ======================================================================
  * Section: transforms: copy, trim and fill
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* -- copy, trim ----------------------------------------------------------
+ * The destination of a copy is an output: whatever the record held is ignored
+ * (an allocated destination must be freed by the caller first) and it is
+ * written only when the copy succeeds. A failing copy frees everything it
+ * made and leaves the destination record untouched. Rectangles are in stored
+ * pixels (the rows and columns of the row calls). Progress goes to the copy
+ * status callback (K_SetCopyStatusCallBack) in whole percent; an answer other
+ * than 1 stops the copy and is returned. */
+
+/* Carry bits of K_DupBitmapNewDim: what the new record takes from the source. */
+#define DUPBITMAP_PALETTE      0x001u /* palette entries and nColors (a copy of the block) */
+#define DUPBITMAP_RESOLUTION   0x002u /* nXResolution, nYResolution */
+#define DUPBITMAP_PERSPECTIVE  0x004u /* nViewPerspective */
+#define DUPBITMAP_ORDER        0x008u /* nOrder, nDitheringMethod, the floating-data and signed-data flags */
+#define DUPBITMAP_PAINT        0x010u /* grey parameters (nLowBit, nHighBit, nMinBit, nMaxBit, the LUT)
+                                         and paint settings (display words, nLevel, paint-table flag) */
+#define DUPBITMAP_REGION       0x020u /* region (clipped to the new size unless unclipped) and extra data */
+#define DUPBITMAP_STORAGE_LIKE 0x040u /* allocate in the source's storage kind (tiles of its tile size,
+                                         disk, run-compressed, super-compressed; caller and callback
+                                         memory give a single block) */
+#define DUPBITMAP_ALLOCATE     0x080u /* allocate with the thread's default memory type */
+#define DUPBITMAP_PIXELS       0x100u /* copy the pixels the two sizes share (top-left stored window);
+                                         needs an allocated source and one of the two bits above */
+#define DUPBITMAP_ALL          0x1FFu
+/* The masks the kernel uses. */
+#define DUPBITMAP_COPY       191u /* a normal copy: everything but the storage kind, default memory type */
+#define DUPBITMAP_TEMPORARY  127u /* a record that will replace its source: same storage kind */
+#define DUPBITMAP_WORK        67u /* a work bitmap: palette, resolutions, the source's storage kind */
+#define DUPBITMAP_RESIZE     321u /* palette, the source's storage kind and the shared pixels */
+#define DUPBITMAP_DESCRIBE    14u /* resolutions, perspective, order; not allocated (storage chosen later) */
+#define DUPBITMAP_COLORS       5u /* palette and perspective; not allocated */
+
+/* Signed grey samples: the sample bit nHighBit (the top bit when nHighBit is
+ * outside the sample) is the sign. Carried with DUPBITMAP_ORDER. */
+#define BRF_SIGNED_DATA 0x00040000u
+
+/* Makes pDst a new record of nWidth x nHeight at pSrc's depth, in the layout
+ * uStructSize, taking from pSrc what uCarry names (DUPBITMAP_ bits). Without an
+ * allocation bit the record is initialised only. -13 null pointer, pDst ==
+ * pSrc, unknown carry bits, or DUPBITMAP_PIXELS without allocation or with an
+ * unallocated source; -789 size words; -11 negative size (or a zero size to be
+ * allocated); -27 source depth; -1 memory; allocation statuses. */
+OMBRIX_API int32_t K_DupBitmapNewDim(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, uint32_t uStructSize,
+                                     int32_t nWidth, int32_t nHeight, uint32_t uCarry);
+/* Copies every pixel of pSrc into pDst: two allocated bitmaps of the same
+ * width, height and depth, any storage kinds. pDst == pSrc: 1. -13 null, not
+ * allocated or unlike shape; -789 size words; row and callback statuses. */
+OMBRIX_API int32_t K_CopyBitmapData(BITMAPRECORD* pDst, BITMAPRECORD* pSrc);
+/* pDst becomes a full, independent copy of pSrc (K_DupBitmapNewDim with
+ * DUPBITMAP_COPY, then K_CopyBitmapData), in the layout uStructSize. pDst ==
+ * pSrc: 1, nothing done. -13 null or unallocated source; -789 size words. */
+OMBRIX_API int32_t K_CopyBitmap(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStructSize);
+/* K_CopyBitmap with the storage of the copy chosen by uMemory (memory types as
+ * K_AllocateBitmap takes them; 0 the default; MEMTYPE_USER is -13 as the copy
+ * would have no pixels). The source's notification callback is told 1 first;
+ * its answer other than 1 or 2 is returned. */
+OMBRIX_API int32_t K_CopyBitmap2(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStructSize, uint32_t uMemory);
+/* Starts a copy: gives the new record pDst (initialised, not allocated) pSrc's
+ * palette, region (moved by nDx, nDy), extra data and paint settings. On
+ * failure pDst is as before. -2 null or bad records, -1 memory. */
+OMBRIX_API int32_t K_IntBeginCopyBitmap(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, int32_t nDx, int32_t nDy);
+/* Copies the grey parameters: nLowBit, nHighBit, nMinBit, nMaxBit, the
+ * signed-data flag and the LUT (a copy; pDst's old LUT is freed). -13 null,
+ * -789 size words, -1 memory (pDst unchanged). */
+OMBRIX_API int32_t K_CopyGrayParams(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc);
+/* Makes pDst a uWidth x uHeight bitmap (carry DUPBITMAP_COPY, pSrc's region
+ * moved by (-nCol, -nRow)) holding the source pixels of the rectangle
+ * (nCol, nRow, nCol + uWidth, nRow + uHeight); parts of the rectangle outside
+ * the source are left as allocated (zero). pDst null or equal to pSrc crops
+ * pSrc in place (its storage kind is kept; its data callbacks are dropped).
+ * -13 null or unallocated source, nCol or nRow INT32_MIN, an in-place crop of
+ * a bitmap being accessed; -11 uWidth or uHeight 0 or above INT32_MAX; -789. */
+OMBRIX_API int32_t K_CopyBitmapRect(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStructSize, int32_t nCol,
+                                    int32_t nRow, uint32_t uWidth, uint32_t uHeight);
+/* K_CopyBitmapRect with the storage chosen by uMemory, begun as K_CopyBitmap2. */
+OMBRIX_API int32_t K_CopyBitmapRect2(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStructSize, int32_t nCol,
+                                     int32_t nRow, uint32_t uWidth, uint32_t uHeight, uint32_t uMemory);
+/* Crops in place to the part of the rectangle inside the bitmap. -11 when
+ * that part is empty; otherwise as K_CopyBitmapRect with a null destination. */
+OMBRIX_API int32_t K_TrimBitmap(BITMAPRECORD* pBitmap, int32_t nCol, int32_t nRow, uint32_t uWidth,
+                                uint32_t uHeight);
+/* Copies the record itself into pDst in the layout uStructSize (216 <-> 176):
+ * both records then name the same storage, palette and region, and exactly
+ * one of them may be freed. A 176 copy has no data callbacks; -3 when the data
+ * does not fit the older layout. -13 null, -789 size words. */
+OMBRIX_API int32_t K_CopyBitmapHandle(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, uint32_t uStructSize);
+/* Sets negative samples of a signed grey image (BRF_SIGNED_DATA; 8, 12, 16
+ * or 32 bits, grey) to 0, inside the region only. Other images: 1, nothing
+ * changed. -13, -789, -2 as usual. Progress through the status callback. */
+OMBRIX_API int32_t K_ClearNegativePixels(BITMAPRECORD* pBitmap);
 
 /* ======================================================================
  * Section: transforms: combine
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* Combine flag word: four 4-bit fields (source operator, destination operator,
+ * operation, result operator); words above 0xFFFF are invalid. */
+#define COMBINE_SRC_VALUE      0x0000u
+#define COMBINE_SRC_INVERT     0x0001u
+#define COMBINE_SRC_ZERO       0x0002u
+#define COMBINE_SRC_ONES       0x0003u
+#define COMBINE_DST_VALUE      0x0000u
+#define COMBINE_DST_INVERT     0x0010u
+#define COMBINE_DST_ZERO       0x0020u
+#define COMBINE_DST_ONES       0x0030u
+#define CombineAnd                 0x0000u
+#define CombineOr                  0x0100u
+#define CombineXor                 0x0200u
+#define CombineAdd                 0x0300u
+#define CombineSubtractSource      0x0400u  /* D - S, negatives become 0 */
+#define CombineSubtractDestination 0x0500u  /* S - D, negatives become 0 */
+#define CombineMultiply            0x0600u  /* D * S / M */
+#define CombineDivideSource        0x0700u  /* S = 0: M, else min(M, D * M / S) */
+#define CombineDivideDestination   0x0800u  /* D = 0: M, else min(M, S * M / D) */
+#define CombineAverage             0x0900u  /* (D + S) >> 1 */
+#define CombineMinimum             0x0A00u
+#define CombineMaximum             0x0B00u
+#define CombineNoOperation         0x0C00u  /* the destination operand */
+#define CombineAlphaOver           0x0D00u  /* over-blending of 4-sample pixels, destination alpha kept */
+#define COMBINE_RES_VALUE      0x0000u
+#define COMBINE_RES_INVERT     0x1000u
+#define COMBINE_RES_ZERO       0x2000u
+#define COMBINE_RES_ONES       0x3000u
+/* Combines the nWidth x nHeight rectangle of pSrcBitmap at (nXSrc, nYSrc) into
+ * pDstBitmap at (nXDst, nYDst), in place. Coordinates are in the top-left view
+ * of both bitmaps and are mapped into each one's stored orientation; the
+ * rectangle is clipped to both bitmaps. Only pixels inside the destination's
+ * region change. Both bitmaps must have the same bits per pixel when the
+ * operation reads the source (pSrcBitmap may be null when it does not).
+ * Progress goes to the status callback, whose first answer other than 1 stops
+ * the work and is returned. See docs/combine.md for the operations at each
+ * depth. Returns 1; -13 null or unallocated destination, invalid flag word,
+ * null or unallocated source when it is read, negative width or height; -789
+ * a size word; -27 depths that differ; -1 memory; -16 two view perspectives
+ * that need a converted copy of the source (not yet available); a row-layer
+ * or callback status. */
+OMBRIX_API int32_t K_CombineBitmapKrn(BITMAPRECORD* pDstBitmap, int32_t nXDst, int32_t nYDst, int32_t nWidth,
+                                      int32_t nHeight, BITMAPRECORD* pSrcBitmap, int32_t nXSrc, int32_t nYSrc,
+                                      uint32_t uFlags);
 
 /* ======================================================================
  * Section: transforms: resize and resample
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* -- resize and resample --
+ * Size flags of K_SizeBitmap, K_IntResizeBitmap and K_ResizeBitmap. */
+#define SIZE_NORMAL        0x00u  /* nearest pixel: target i takes source floor(i * old / new) */
+#define SIZE_FAVOURBLACK   0x01u  /* 1-bit black-and-white: a reduced pixel is black when enough of its block is */
+#define SIZE_RESAMPLE      0x02u  /* bilinear growth, area-averaging reduction (per axis) */
+#define SIZE_BICUBIC       0x04u  /* bicubic when either dimension grows, else as SIZE_RESAMPLE */
+#define SIZE_SCALETOGRAY   0x08u  /* 1-bit black-and-white to 8-bit grey by area averaging */
+#define SIZE_LANCZOS       0x10u  /* Lanczos-3 resampling (widened when reducing) */
+#define SIZE_PREMULTIPLY   0x20u  /* 32/64 bits: resample premultiplied by alpha, so transparent
+                                     pixels lend no colour */
+
+/* Resizes the bitmap in place to nWidth x nHeight; the method follows from uFlags (above): on a
+ * 1-bit image SIZE_FAVOURBLACK and SIZE_SCALETOGRAY need a black-and-white palette (else they are
+ * dropped) and then win over SIZE_RESAMPLE; otherwise SIZE_LANCZOS, SIZE_RESAMPLE, SIZE_BICUBIC
+ * resample, and nearest pixel is the default. The region is scaled with the pixels; the LUT, extra
+ * data and overlays stay; data callbacks are dropped (the storage is new). Returns 1 at once for
+ * the current size; -13 null or unallocated bitmap or unknown flag bits; -789 size word; -11 a
+ * width or height below 1 or a size whose row or whole image cannot be stored (checked before any
+ * allocation); -1 no memory; a status callback's answer other than 1. On failure the bitmap is
+ * unchanged. */
+OMBRIX_API int32_t K_SizeBitmap(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight, uint32_t uFlags);
+/* Fills the allocated pDstBitmap (any size) from pSrcBitmap by the method of uFlags, without
+ * argument checks: SIZE_FAVOURBLACK, then SIZE_LANCZOS, SIZE_RESAMPLE, SIZE_BICUBIC (bicubic when
+ * the target is wider or taller), else nearest pixel (same depth needed, -27 otherwise). Target
+ * row y goes to stored row (height - 1 - y) when the two view perspectives differ. -2 for a null
+ * or unallocated bitmap or pSrc == pDst; -11 empty sizes. */
+OMBRIX_API int32_t K_IntResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
+/* K_IntResizeBitmap with checks: -13 null, unallocated or identical bitmaps, unknown flag bits or a
+ * view perspective outside 1..8; -789 size words. Perspectives that differ by a flip of the stored
+ * rows (1/4, 2/3, 5/8, 6/7) are handled by writing rows bottom up; other pairs resize a copy of the
+ * source stored in the destination's perspective (-16 when the perspective change is not built in).
+ * SIZE_FAVOURBLACK is dropped unless both bitmaps are 1-bit black-and-white. */
+OMBRIX_API int32_t K_ResizeBitmap(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
+
+/* Row-at-a-time resizer. K_StartResize checks the sizes (-13 for a dimension below 1, a row too
+ * long for 32 bits, or a null ppResizeData), allocates the state (-1) and stores it. K_Resize takes
+ * source row nRow (0 <= nRow < old height) in pBuffer, which must hold the larger of a source and a
+ * target row, resizes it in place to the new width (stored in *pnNewWidth), and returns and stores
+ * in *pnRows how many target rows it makes: floor((nRow + 1) * new / old) - floor(nRow * new / old)
+ * in rows, whatever order the rows come in. Equal sizes: 1 and nothing changes. -13 for null
+ * pointers, a foreign state, a bad depth or row. K_StopResize frees the state (-13 for null). */
+OMBRIX_API int32_t K_StartResize(int32_t nOldWidth, int32_t nOldHeight, int32_t nNewWidth, int32_t nNewHeight,
+                                 void** ppResizeData);
+OMBRIX_API int32_t K_Resize(uint8_t* pBuffer, int32_t nRow, int32_t nBitsPerPixel, int32_t* pnNewWidth,
+                            int32_t* pnRows, void* pResizeData);
+OMBRIX_API int32_t K_StopResize(void* pResizeData);
+
+/* One row by the stepping rule: uCount target pixels into pDst, target pixel i taking source pixel
+ * nStartBit + (the pixel reached after i steps of nXStep pixels plus one more whenever the error,
+ * starting at nError and growing by nXRemainder, reaches nDenominator). Target pixels are written
+ * from position nStartBit on as well. Any depth of a record (1..8, 12, 16, 24, 32, 48, 64); uBytes
+ * and bEnlarge are accepted and not needed. The Reverse form walks from the last pixel back, so a
+ * growing row may overwrite its own source. -13 null buffers (nothing done), bad depth, negative
+ * step, error, remainder or start, or nDenominator below 1. */
+OMBRIX_API int32_t K_GetResizedScanLine(int32_t nBitsPerPixel, uint32_t uBytes, int32_t nStartBit, int32_t nXStep,
+                                        int32_t nError, int32_t nXRemainder, const uint8_t* pSrc, uint8_t* pDst,
+                                        uint32_t uCount, int32_t nDenominator, int32_t bEnlarge);
+OMBRIX_API int32_t K_ReverseGetResizedScanLine(int32_t nBitsPerPixel, uint32_t uBytes, int32_t nStartBit,
+                                               int32_t nXStep, int32_t nError, int32_t nXRemainder,
+                                               const uint8_t* pSrc, uint8_t* pDst, uint32_t uCount,
+                                               int32_t nDenominator, int32_t bEnlarge);
+/* Integer square root: the largest r with r * r <= uValue. */
+OMBRIX_API uint32_t K_SQRT(uint32_t uValue);
+
+/* Interpolating resamplers, in place. K_ResampleBitmap: per axis, bilinear (triangle filter on
+ * pixel centres) where it grows and area averaging (exact pixel coverage) where it shrinks;
+ * uFlags SIZE_LANCZOS selects Lanczos-3 instead. K_BicubicResampleBitmap: Catmull-Rom cubic,
+ * widened by the reduction factor on a shrinking axis. Edges repeat the border pixels. uFlags
+ * SIZE_PREMULTIPLY works premultiplied by alpha (32 and 64 bits). Depths: 8-bit grey, 12/16-bit
+ * grey, 16-bit colour, 24, 32, 48, 64 keep their format; palette images (1..8 bits) are resampled
+ * through their colours and become 8-bit grey (grey palette) or 24-bit BGR. Region scaled as by
+ * K_SizeBitmap. -13 null or unallocated, -789 size word, -11 bad sizes (before any allocation), -1
+ * no memory, -1927 floating-point data, a status callback's answer. On failure unchanged. */
+OMBRIX_API int32_t K_ResampleBitmap(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight, uint32_t uFlags);
+OMBRIX_API int32_t K_BicubicResampleBitmap(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight,
+                                           uint32_t uFlags);
+/* Bicubic into an allocated destination of any size and format (palette destinations take the
+ * nearest entry); rows bottom up when the perspectives differ. -2 null, unallocated or identical. */
+OMBRIX_API int32_t K_BicubicResampleBitmapInt(BITMAPRECORD* pSrcBitmap, BITMAPRECORD* pDstBitmap, uint32_t uFlags);
 
 /* ======================================================================
  * Section: colour resolution, grey conversion and optimised palettes
@@ -1693,11 +2041,179 @@ OMBRIX_API int32_t K_CreateBitmapOptPal(BITMAPRECORD* pBitmap, RGBQUAD* pPalette
  * Section: bitmap lists
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* A bitmap list: an ordered, growable array of bitmap records behind one
+ * handle. The list owns the storage of the bitmaps in it: a record inserted
+ * is moved in (the caller must not free it any more), deleting an item frees
+ * its bitmap. Items are always held in the current layout (uStructSize 216;
+ * the tail of an item that came from an older-layout record is zero).
+ * Indexes are 0-based; BITMAPLIST_END (0xFFFFFFFF) means the end where stated.
+ * Common results: 1; -13 null handle or pointer, a handle that is not a live
+ * list, an index at or past the count (get, set, remove, delete, copy, move),
+ * a count of 0 (delete, copy, move); -789 a record size other than 216 or 176,
+ * or a list whose first item does not have the size 216 (remove, replace,
+ * insert, move); -814 a non-empty list without items (insert); -1 when memory
+ * runs out, with the list unchanged. */
+typedef struct OmbrixBitmapList_* HBITMAPLIST;
+#define BITMAPLIST_END 0xFFFFFFFFu
+/* Makes an empty list in *phList. */
+OMBRIX_API int32_t K_CreateBitmapList(HBITMAPLIST* phList);
+/* Deletes every item (freeing its bitmap) and the list. */
+OMBRIX_API int32_t K_DestroyBitmapList(HBITMAPLIST hList);
+OMBRIX_API int32_t K_GetBitmapListCount(HBITMAPLIST hList, uint32_t* puCount);
+/* Inserts a copy of the record before the item at uIndex; an index at or past
+ * the count (BITMAPLIST_END included) appends. The record's storage now
+ * belongs to the list. */
+OMBRIX_API int32_t K_InsertBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, const BITMAPRECORD* pBitmap);
+/* Takes the item out of the list into *pBitmap (a current-layout record),
+ * whose storage the caller then owns. With a null pBitmap the item's bitmap
+ * is freed (nobody could free it otherwise). */
+OMBRIX_API int32_t K_RemoveBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, BITMAPRECORD* pBitmap);
+/* Removes up to uCount items from uFirst on and frees each bitmap; the first
+ * failure stops the loop and is returned. */
+OMBRIX_API int32_t K_DeleteBitmapListItems(HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
+/* Copies the item into *pBitmap (uStructSize bytes' worth of layout, 216 or
+ * 176) without giving up ownership. An older-layout copy of an allocated item
+ * cannot carry the item's hListBlock: that block is freed and cleared in the
+ * item. */
+OMBRIX_API int32_t K_GetBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, BITMAPRECORD* pBitmap,
+                                       uint32_t uStructSize);
+/* Overwrites the item with a copy of the record (stored in the current
+ * layout); null leaves an empty current-layout record (zero but for its size
+ * word). The old item is not freed. */
+OMBRIX_API int32_t K_SetBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, const BITMAPRECORD* pBitmap);
+/* Puts pNew in place of the item (BITMAPLIST_END: the last one; stored in
+ * the current layout). The old item goes to *pOld (uOldSize, 216 or 176,
+ * bytes' worth of layout; an older-layout copy frees the item's hListBlock),
+ * or is freed when pOld is null and it is allocated. */
+OMBRIX_API int32_t K_ReplaceBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, const BITMAPRECORD* pNew,
+                                           BITMAPRECORD* pOld, uint32_t uOldSize);
+/* Makes *phNew, a new list of deep copies (K_CopyBitmap) of up to uCount
+ * items from uFirst on; on any failure nothing is made and the failure is
+ * returned. */
+OMBRIX_API int32_t K_CopyBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
+/* Makes *phNew, a new list, and moves up to uCount items from uFirst on into
+ * it; the source closes the gap. */
+OMBRIX_API int32_t K_MoveBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
 
 /* ======================================================================
  * Section: display support: window level and paint tables
  * ====================================================================== */
 /* (declarations of this section follow) */
+/* -- paint tables -------------------------------------------------------
+ * Every bitmap carries a paint intensity (-1000..1000, thousandths of full
+ * scale added to each value), a paint contrast (-1000..1000, positive
+ * steepens) and a paint gamma (any value but 0, hundredths: 100 is 1.0; the
+ * tables apply the exponent 100 / gamma). A record that never had a gamma set
+ * reads 100. Changing any of them rebuilds the bitmap's paint tables: a
+ * 256-entry 8-bit table and, for a 12- or 16-bit grey bitmap in the current
+ * layout, a 65536-entry 16-bit table. BRF_PAINT_TABLE (0x2000 of uFlags) is set
+ * when an entry differs from its index. The tables live in a block the record
+ * owns (K_FreeBitmap releases it); until the first change they are identities.
+ * Setters: 1; -2 null or unallocated record; -789 size word; -13 value out of
+ * range; -1 when the tables cannot be allocated (nothing changes). Setting the
+ * value the bitmap already has returns 1 and does nothing.
+ * Getters return the value itself; -13 null record, -789 size word. */
+#define BRF_PAINT_TABLE 0x2000u
+OMBRIX_API int32_t K_SetPaintIntensity(BITMAPRECORD* pBitmap, int32_t nIntensity);
+OMBRIX_API int32_t K_SetPaintContrast(BITMAPRECORD* pBitmap, int32_t nContrast);
+OMBRIX_API int32_t K_SetPaintGamma(BITMAPRECORD* pBitmap, int32_t nGamma);
+OMBRIX_API int32_t K_GetPaintIntensity(const BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_GetPaintContrast(const BITMAPRECORD* pBitmap);
+OMBRIX_API int32_t K_GetPaintGamma(const BITMAPRECORD* pBitmap);
+/* Copies the 8-bit paint table (256 entries) into pTable. 1; -13 null
+ * pointer, -789 size word. An identity is returned while none was built. */
+OMBRIX_API int32_t K_GetPaintTable(const BITMAPRECORD* pBitmap, uint8_t* pTable);
+/* Copies the 16-bit paint table (65536 entries) into pTable. 1; -13 null
+ * pointer; -789 size word; -16 for a bitmap that has no 16-bit table (not
+ * 12- or 16-bit grey, or the older layout). An identity while none was built. */
+OMBRIX_API int32_t K_GetPaintTable16(const BITMAPRECORD* pBitmap, uint16_t* pTable);
+
+/* -- window-level tables -------------------------------------------------
+ * Fill a table so that the window of input values [nLow, nHigh] is spread
+ * over a ramp. Colours are 24-bit values, red in bits 0-7, green 8-15, blue
+ * 16-23 (the Ext form: 16 bits per channel, red 0-15, green 16-31, blue
+ * 32-47). uFlags, four nibbles:
+ *   0x000F  WLFLAG_MODE1: ramp from start to end colour inside the window,
+ *           outside repeat the colour at the window's edge;
+ *           WLFLAG_MODE2: below the window the start colour, above it the end
+ *           colour, inside a ramp from black to white
+ *   0x00F0  curve: WLCURVE_LINEAR, _EXPONENTIAL, _LOGARITHMIC (nFactor >= 0),
+ *           _SIGMOID; k = nFactor / 10; nFactor 0 always gives the line
+ *   0x0F00  WLFLAG_SIGNED: entries indexed -(len/2)..(len-1)/2, a negative
+ *           index i stored at i + len
+ *   0xF000  WLFLAG_ALT: mode 1 leaves the entries outside the window alone;
+ *           mode 2 ramps from the start to the end colour inside the window
+ * The window is clamped to [nMinValue, nMaxValue], then to the table's index
+ * range. A window of one entry gets the ramp's first colour. nLowBit and
+ * nHighBit describe the samples the table serves; they are only checked.
+ * Results: 1; -13 null table, bad flags (any other nibble value), a negative
+ * factor with the logarithmic curve, nLowBit > nHighBit, nMinValue >
+ * nMaxValue or nLow > nHigh. A table length of 0 fills nothing. */
+#define WLFLAG_MODE1         0x0001u
+#define WLFLAG_MODE2         0x0002u
+#define WLCURVE_LINEAR       0x0010u
+#define WLCURVE_EXPONENTIAL  0x0020u
+#define WLCURVE_LOGARITHMIC  0x0030u
+#define WLCURVE_SIGMOID      0x0040u
+#define WLFLAG_SIGNED        0x0100u
+#define WLFLAG_ALT           0x1000u
+typedef struct tagRGBQUAD16 {
+    uint16_t rgbBlue;
+    uint16_t rgbGreen;
+    uint16_t rgbRed;
+    uint16_t rgbReserved;
+} RGBQUAD16;
+/* RGBQUAD entries (reserved byte 0). */
+OMBRIX_API int32_t K_WindowLevelFillLUT(RGBQUAD* pLUT, uint32_t uLUTLength, uint32_t crStart, uint32_t crEnd,
+                                        int32_t nLow, int32_t nHigh, int32_t nLowBit, int32_t nHighBit,
+                                        int32_t nMinValue, int32_t nMaxValue, int32_t nFactor, uint32_t uFlags);
+/* One grey byte per entry; start and end are grey levels 0..255 (else -13);
+ * mode 2 ramps from 0 to 255. */
+OMBRIX_API int32_t K_WindowLevelFillLUT2(uint8_t* pLUT, uint32_t uLUTLength, uint32_t uStartGrey,
+                                         uint32_t uEndGrey, int32_t nLow, int32_t nHigh, int32_t nLowBit,
+                                         int32_t nHighBit, int32_t nMinValue, int32_t nMaxValue,
+                                         int32_t nFactor, uint32_t uFlags);
+/* RGBQUAD16 entries, 48-bit colours; mode 2 ramps from 0 to 65535 per channel. */
+OMBRIX_API int32_t K_WindowLevelFillLUTExt(RGBQUAD16* pLUT, uint32_t uLUTLength, uint64_t crStart,
+                                           uint64_t crEnd, int32_t nLow, int32_t nHigh, int32_t nLowBit,
+                                           int32_t nHighBit, int32_t nMinValue, int32_t nMaxValue,
+                                           int32_t nFactor, uint32_t uFlags);
+/* One 16-bit grey level per entry; start and end 0..65535 (else -13). */
+OMBRIX_API int32_t K_WindowLevelFillLUTExt2(uint16_t* pLUT, uint32_t uLUTLength, uint32_t uStartGrey,
+                                            uint32_t uEndGrey, int32_t nLow, int32_t nHigh, int32_t nLowBit,
+                                            int32_t nHighBit, int32_t nMinValue, int32_t nMaxValue,
+                                            int32_t nFactor, uint32_t uFlags);
+
+/* -- applying a window ----------------------------------------------------
+ * Both make pDst (a record of size uStructSize, treated as uninitialised; it
+ * may be pSrc, which is then replaced) an 8-bit grey bitmap (grey palette) of
+ * the source's size, view perspective and resolution from a 12-bit or 16-bit
+ * grey source of any storage kind. The sample of a pixel is its bits
+ * nLowBit..nHighBit; with signed samples the top bit of that window is the
+ * sign. The source's region is not carried over. pDst is written only on
+ * success.
+ * K_WindowLevel: the window [nLow, nHigh] of sample values becomes 0..255 by
+ * the curve of uFlags (WLCURVE_ nibble, 0 = linear, nFactor as above), black
+ * below, white above; WLFLAG_SIGNED reads the samples as signed;
+ * WL_INVERT swaps black and white. The sample window is the source's
+ * nLowBit..nHighBit.
+ * K_WindowLevelExt: applies a caller table (for example from
+ * K_WindowLevelFillLUT) of 1 << (nHighBit - nLowBit + 1) entries (else
+ * -1486), indexed by the sample bits as they are (a signed table's negative
+ * entries sit at i + length, which is the raw bits); each entry gives the grey
+ * (2 R + 5 G + B + 4) >> 3. uFlags must be 0.
+ * Results: 1; -13 null pointer, a sample window outside the source depth or
+ * low above high, nLow > nHigh, unknown flags; -789 size word of either
+ * record; -2 unallocated source; -27 a source that is not 12 or 16 bits;
+ * -13 a 16-bit source whose order is not grey; -1 and other storage statuses
+ * when the destination cannot be made or a row cannot move; a progress
+ * callback's answer other than 1 stops the call and is returned. */
+#define WL_INVERT 0x0200u
+OMBRIX_API int32_t K_WindowLevel(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, uint32_t uStructSize, int32_t nLow,
+                                 int32_t nHigh, int32_t nFactor, uint32_t uFlags);
+OMBRIX_API int32_t K_WindowLevelExt(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, uint32_t uStructSize,
+                                    const RGBQUAD* pLUT, uint32_t uLUTLength, int32_t nLowBit,
+                                    int32_t nHighBit, uint32_t uFlags);
 
 /* ======================================================================
  * Section: display support: animation playback
@@ -1895,7 +2411,6 @@ public:
     /* 1 when new locks use the slim reader/writer lock, 0 for the fallback. */
     static int HasSlimLocks();
 };
-/* @@runtime-classes@@ */
 #endif
 
 #endif /* OMBRIX_H */

@@ -494,6 +494,41 @@ TEST(RegionsEngine, KernelCombineKeepsIdentityAndReusesBlocks) {
     K_DeleteOrvaRgn(d);
 }
 
+// A perspective change that fails part way (an allocation in any of its
+// steps) leaves the region exactly as it was.
+TEST(RegionsEngine, FailedPerspectiveChangeLeavesTheRegion) {
+    OrvaRgn *a = nullptr, *b = nullptr;
+    RECT ra{2, 1, 9, 4}, rb{5, 3, 7, 12};
+    ASSERT_EQ(K_CreateOrvaRgnRect(&a, &ra), KS_SUCCESS);
+    ASSERT_EQ(K_CreateOrvaRgnRect(&b, &rb), KS_SUCCESS);
+    ASSERT_EQ(K_CombineOrvaRgn(&a, a, b, RGN_XOR), KS_SUCCESS);
+    auto dump = [](const OrvaRgn* r) {
+        std::vector<int32_t> v{r->rcBounds.left, r->rcBounds.top, r->rcBounds.right, r->rcBounds.bottom};
+        v.insert(v.end(), r->pRunData, r->pRunData + r->uRunDataSize / 4u);
+        return v;
+    };
+    const std::vector<int32_t> before = dump(a);
+    int failures = 0;
+    for (int32_t to = 2; to <= 8; ++to)
+        for (long n = 0; n < 12; ++n) {
+            krn::faultinject::arm(n, 1);
+            int32_t st = krn::rgn::perspective(a, 1, to, 10, 12);
+            krn::faultinject::disarm();
+            if (st == KS_SUCCESS) {
+                // Undo through the inverse change, then stop this target.
+                ASSERT_EQ(krn::rgn::perspective(a, to, 1, to >= 5 ? 12 : 10, to >= 5 ? 10 : 12), KS_SUCCESS);
+                ASSERT_EQ(dump(a), before) << "round trip 1 -> " << to;
+                break;
+            }
+            ++failures;
+            ASSERT_TRUE(krn::rgn::valid(a));
+            ASSERT_EQ(dump(a), before) << "to " << to << " failing allocation " << n;
+        }
+    EXPECT_GT(failures, 7);
+    K_DeleteOrvaRgn(a);
+    K_DeleteOrvaRgn(b);
+}
+
 TEST(RegionsEngine, PointTestReportsTheRun) {
     HRGN a = CreateRectRgn(0, 0, 10, 5), b = CreateRectRgn(20, 0, 30, 5), d = CreateRectRgn(0, 0, 0, 0);
     CombineRgn(d, a, b, RGN_OR);

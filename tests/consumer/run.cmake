@@ -6,6 +6,14 @@ execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFI
 if(rc)
   message(FATAL_ERROR "install failed")
 endif()
+# The installed tool starts from its install place with no library path set.
+file(GLOB_RECURSE TOOL ${PREFIX}/bin/ombrix)
+if(TOOL)
+  execute_process(COMMAND ${TOOL} errors 1 RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(rc)
+    message(FATAL_ERROR "the installed ombrix does not run: ${err}")
+  endif()
+endif()
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/build
                         -DCMAKE_PREFIX_PATH=${PREFIX} RESULT_VARIABLE rc)
 if(rc)

@@ -26,7 +26,7 @@ bool srcOrderOk(int d, int o) {
 bool dstOrderOk(int d, int o) {
     if (d <= 8) return true;
     if (d == 12) return o == 2;
-    if (d == 16) return true;  // 5 is written blue-first, then -16
+    if (d == 16) return true;  // 5 is refused with -16, the run unchanged
     if (d == 32) return o != 7;
     return o == 0 || o == 1 || o == 5;  // 24, 48, 64
 }

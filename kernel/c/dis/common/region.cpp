@@ -1283,10 +1283,10 @@ int32_t transpose(OrvaRgn* r) noexcept {
     });
 }
 
-int32_t perspective(OrvaRgn* r, int32_t from, int32_t to, int64_t w, int64_t h) noexcept {
-    int32_t flip = 0, angle = 0;
-    int32_t st = K_GetChangeViewPerspectiveParams(from, to, &flip, &angle);
-    if (st != KS_SUCCESS) return st;
+// The steps of a perspective change on `r` itself; a failing step may leave
+// earlier steps applied, so callers work on a copy.
+static int32_t perspectiveSteps(OrvaRgn* r, int32_t flip, int32_t angle, int64_t w, int64_t h) noexcept {
+    int32_t st = KS_SUCCESS;
     if (flip) {
         st = flipRows(r, h);
         if (st != KS_SUCCESS) return st;
@@ -1306,6 +1306,25 @@ int32_t perspective(OrvaRgn* r, int32_t from, int32_t to, int64_t w, int64_t h) 
             return st;
         default: return KS_SUCCESS;
     }
+}
+
+int32_t perspective(OrvaRgn* r, int32_t from, int32_t to, int64_t w, int64_t h) noexcept {
+    int32_t flip = 0, angle = 0;
+    int32_t st = K_GetChangeViewPerspectiveParams(from, to, &flip, &angle);
+    if (st != KS_SUCCESS) return st;
+    if ((!flip && angle == 0) || isEmpty(r)) return KS_SUCCESS;
+    // All or nothing: the steps run on a copy that replaces the region only
+    // when every step succeeded.
+    OrvaRgn* work = nullptr;
+    st = copy(r, &work);
+    if (st != KS_SUCCESS) return st;
+    st = perspectiveSteps(work, flip, angle, w, h);
+    if (st != KS_SUCCESS) {
+        destroy(work);
+        return st;
+    }
+    adopt(r, work);
+    return KS_SUCCESS;
 }
 
 // ------------------------------------------------------------------ queries

@@ -81,10 +81,13 @@ void clearStorageFields(BITMAPRECORD* bm) noexcept {
     bm->uDataOffset = 0;
 }
 
+thread_local bool t_noZeroFill = false;  // see setNoZeroFill (hooks.h)
+
 int32_t singleBlock(BITMAPRECORD* bm, uint64_t size) noexcept {
     int32_t r = reserveConventional(size);
     if (r != KS_SUCCESS) return r;
-    HGLOBAL h = size <= SIZE_MAX ? globalAlloc(GMEM_MOVEABLE | GMEM_ZEROINIT, size_t(size)) : nullptr;
+    const uint32_t zero = t_noZeroFill ? 0u : GMEM_ZEROINIT;
+    HGLOBAL h = size <= SIZE_MAX ? globalAlloc(GMEM_MOVEABLE | zero, size_t(size)) : nullptr;
     if (!h) {
         releaseConventional(size);
         return KS_NO_MEMORY;
@@ -244,6 +247,8 @@ uint32_t storageKind(const BITMAPRECORD* bm) noexcept {
 }
 
 // ---------------------------------------------------------------- hooks.h entry points
+void setNoZeroFill(bool on) noexcept { t_noZeroFill = on; }
+
 int32_t allocateBitmap(BITMAPRECORD* bm, uint32_t memType, void* extra) noexcept {
     int32_t rc = checkRecord(bm);
     if (rc != KS_SUCCESS) return rc;

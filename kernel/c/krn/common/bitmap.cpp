@@ -184,6 +184,7 @@ KAPI int32_t K_FreeBitmap(BITMAPRECORD* pBitmap) {
     if (!pBitmap || !recordSizeValid(pBitmap->uStructSize)) return KS_SUCCESS;
     BITMAPRECORD* bm = pBitmap;
     releaseBitmapRegion(bm);
+    releasePaintTables(bm);
     if (bm->pPalette) {
         globalFree(bm->pPalette);
         bm->pPalette = nullptr;

@@ -529,9 +529,12 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
         if (!resolveWindow(flags & kConvertDstRange, lowBit, highBit, dstSample, c.dLo, c.dN))
             return KS_INVALID_PARAMETER;
     }
+    const bool srcWide = srcOrder == ORDER_ROMM, dstWide = dstOrder == ORDER_ROMM;
+    // The wide-primaries matrix is applied at 24 and 48 bits only; refuse other
+    // depths here, before a sample changes.
+    if (dstWide && !srcWide && dstBits != 24 && dstBits != 48) return KS_NOT_SUPPORTED;
     // ---- every check is done: pixels may change from here on.
 
-    const bool srcWide = srcOrder == ORDER_ROMM, dstWide = dstOrder == ORDER_ROMM;
     if (srcWide && !dstWide && srcBits >= 24 && srcBits != 32) {
         // The samples of a wide-primaries source come back to plain BGR first.
         if (srcBits == 24)
@@ -581,37 +584,35 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
         if (toIndex8) {
             toIndex8(buffer, w, c);
         } else {
-        const DecodeFn dec = kDecoders[sf];
-        const EncodeFn enc = kEncoders[df][int(kind)][transparent ? 1 : 0];
-        constexpr size_t kChunk = 256;
-        Px tmp[kChunk];
-        const int sb = srcBits == 0 ? 8 : srcBits, db = dstBits == 0 ? 8 : dstBits;
-        if (db > sb) {
-            // Wider destination: from the end towards the start.
-            size_t e = w;
-            while (e > 0) {
-                size_t n = std::min(e, kChunk), s = e - n;
-                dec(buffer, s, n, tmp, c);
-                enc(buffer, s, n, tmp, c);
-                e = s;
+            const DecodeFn dec = kDecoders[sf];
+            const EncodeFn enc = kEncoders[df][int(kind)][transparent ? 1 : 0];
+            constexpr size_t kChunk = 256;
+            Px tmp[kChunk];
+            const int sb = srcBits == 0 ? 8 : srcBits, db = dstBits == 0 ? 8 : dstBits;
+            if (db > sb) {
+                // Wider destination: from the end towards the start.
+                size_t e = w;
+                while (e > 0) {
+                    size_t n = std::min(e, kChunk), s = e - n;
+                    dec(buffer, s, n, tmp, c);
+                    enc(buffer, s, n, tmp, c);
+                    e = s;
+                }
+            } else {
+                for (size_t s = 0; s < w; s += kChunk) {
+                    size_t n = std::min(w - s, kChunk);
+                    dec(buffer, s, n, tmp, c);
+                    enc(buffer, s, n, tmp, c);
+                }
             }
-        } else {
-            for (size_t s = 0; s < w; s += kChunk) {
-                size_t n = std::min(w - s, kChunk);
-                dec(buffer, s, n, tmp, c);
-                enc(buffer, s, n, tmp, c);
-            }
-        }
         }
     }
 
     if (dstWide && !srcWide) {
         if (dstBits == 24)
             widePrimariesForward8(buffer, w, 3);
-        else if (dstBits == 48)
-            widePrimariesForward16(buffer, w, 3);
         else
-            return KS_NOT_SUPPORTED;
+            widePrimariesForward16(buffer, w, 3);
     }
     return KS_SUCCESS;
 }

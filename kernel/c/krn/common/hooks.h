@@ -18,8 +18,21 @@ void freeStorage(BITMAPRECORD* bm) noexcept;
 // Storage (alloc.cpp): grows or shrinks the storage; the frame checks are done.
 int32_t changeStorageHeight(BITMAPRECORD* bm, int32_t newHeight) noexcept;
 
+// Storage (alloc.cpp): while on, single blocks that the calling thread
+// allocates are not zero-filled. Only for a caller that writes every byte of
+// the block (rows and their padding) before anything reads it (the copies).
+void setNoZeroFill(bool on) noexcept;
+
 // Regions (dis/common/bitmaprgn.cpp): deletes the bitmap's region, if any.
 void releaseBitmapRegion(BITMAPRECORD* bm) noexcept;
+
+// Display (dis/common/paintutil.cpp): frees the paint-table block a record
+// owns and clears its slot.
+void releasePaintTables(BITMAPRECORD* bm) noexcept;
+// Display (dis/common/paintutil.cpp): forgets the paint-table block without
+// freeing it, for a record that was copied byte for byte from another one
+// (the copy rebuilds its own tables on the next change).
+void detachPaintTables(BITMAPRECORD* bm) noexcept;
 
 // Dithering (dither.cpp): stops a dithering run on the record, if any.
 void releaseDitherState(BITMAPRECORD* bm) noexcept;

@@ -1,0 +1,421 @@
+// disutil.cpp - window-level tables and applying a window to 12- and 16-bit
+// grey bitmaps.
+//
+// One engine fills every table kind: it computes the colour of each index of
+// the clamped window by the curve (per channel: start + the curve's share of
+// end - start) and hands it to a writer for the entry type (RGBQUAD, grey
+// byte, RGBQUAD16, grey word). Outside the window the mode decides.
+//
+// Applying a window: the table for the sample bits is expanded once into a
+// table indexed by the raw stored sample (16 bits: 65536 bytes, 12 bits:
+// 4096), so the row kernel is one load per pixel. Single-block and caller
+// memory bitmaps are read in place, in bands on the parallel row helper;
+// every other storage kind moves through the row layer.
+#include <immintrin.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+
+#include "krn/common/convert_kernels.h"
+#include "krn/common/kernel.h"
+#include "krn/common/memory.h"
+#include "krn/common/parallel.h"
+#include "krn/common/progress.h"
+
+namespace krn {
+
+namespace {
+
+struct Channels {
+    int64_t c[3];  // red, green, blue
+};
+
+struct WindowSpec {
+    int64_t lo, hi;          // the clamped window
+    int64_t first, last;     // the table's index range
+    uint32_t mode, curve;    // 1 or 2; 0x10..0x40
+    bool alt;
+    double k;                // factor / 10
+    Channels start, end;     // the ramp ends inside the window
+    Channels below, above;   // mode 2: outside colours
+    int64_t top;             // channel maximum
+};
+
+int32_t checkFlags(uint32_t flags, int32_t factor) noexcept {
+    const uint32_t mode = flags & 0xFu, curve = flags & 0xF0u, sign = flags & 0xF00u, alt = flags & 0xF000u;
+    if (mode != 1 && mode != 2) return KS_INVALID_PARAMETER;
+    if (curve < 0x10u || curve > 0x40u) return KS_INVALID_PARAMETER;
+    if (sign != 0 && sign != 0x100u) return KS_INVALID_PARAMETER;
+    if (alt != 0 && alt != 0x1000u) return KS_INVALID_PARAMETER;
+    if (flags & ~0xFFFFu) return KS_INVALID_PARAMETER;
+    if (curve == WLCURVE_LOGARITHMIC && factor < 0) return KS_INVALID_PARAMETER;
+    return KS_SUCCESS;
+}
+
+// The channel value at index i of the window.
+int64_t channelAt(const WindowSpec& w, int64_t i, int ch, const Channels& s, const Channels& e) noexcept {
+    const int64_t d = w.hi - w.lo, u = i - w.lo;
+    const int64_t span = e.c[ch] - s.c[ch];
+    if (d == 0) return std::clamp<int64_t>(s.c[ch], 0, w.top);
+    if (w.curve == WLCURVE_LINEAR || w.k == 0.0)
+        return std::clamp<int64_t>(s.c[ch] + u * span / d, 0, w.top);
+    double t;
+    const double k = w.k;
+    switch (w.curve) {
+        case WLCURVE_EXPONENTIAL:
+            t = (std::exp(double(u) * k / double(d)) - 1.0) / (std::exp(k) - 1.0);
+            break;
+        case WLCURVE_LOGARITHMIC:
+            t = std::log(double(u) * k / double(d) + 1.0) / std::log(k + 1.0);
+            break;
+        default: {
+            const double mid = (double(w.lo) + double(w.hi)) / 2.0;
+            auto g = [&](double x) { return 1.0 / (1.0 + std::exp((x - mid) * 2.0 * k / double(d))); };
+            t = (g(double(i)) - g(double(w.lo))) / (g(double(w.hi)) - g(double(w.lo)));
+            break;
+        }
+    }
+    if (!std::isfinite(t)) t = u >= d ? 1.0 : 0.0;  // a factor so large that the curve saturates
+    double v = t * double(span) + 0.000005;
+    v = std::clamp(v, -4.0e18, 4.0e18);
+    return std::clamp<int64_t>(s.c[ch] + int64_t(v), 0, w.top);
+}
+
+template <class Write>
+int32_t fillTable(uint32_t len, const Channels& startC, const Channels& endC, int64_t top, int32_t low,
+                  int32_t high, int32_t lowBit, int32_t highBit, int32_t minV, int32_t maxV, int32_t factor,
+                  uint32_t flags, Write write) noexcept {
+    int32_t r = checkFlags(flags, factor);
+    if (r != KS_SUCCESS) return r;
+    if (lowBit > highBit || minV > maxV || low > high) return KS_INVALID_PARAMETER;
+    if (len == 0) return KS_SUCCESS;
+    WindowSpec w{};
+    w.mode = flags & 0xFu;
+    w.curve = flags & 0xF0u;
+    w.alt = (flags & WLFLAG_ALT) != 0;
+    w.k = double(factor) / 10.0;
+    w.top = top;
+    const bool sign = (flags & WLFLAG_SIGNED) != 0;
+    w.first = sign ? -int64_t(len / 2) : 0;
+    w.last = sign ? int64_t((len - 1) / 2) : int64_t(len) - 1;
+    w.lo = std::clamp<int64_t>(std::clamp<int64_t>(low, minV, maxV), w.first, w.last);
+    w.hi = std::clamp<int64_t>(std::clamp<int64_t>(high, minV, maxV), w.first, w.last);
+    if (w.mode == 1 || w.alt) {
+        w.start = startC;
+        w.end = endC;
+    } else {
+        w.start = Channels{{0, 0, 0}};
+        w.end = Channels{{top, top, top}};
+    }
+    auto slot = [&](int64_t i) { return size_t(i < 0 ? i + int64_t(len) : i); };
+    auto colour = [&](int64_t i) {
+        Channels c;
+        for (int ch = 0; ch < 3; ++ch) c.c[ch] = channelAt(w, i, ch, w.start, w.end);
+        return c;
+    };
+    for (int64_t i = w.lo; i <= w.hi; ++i) write(slot(i), colour(i));
+    if (w.mode == 1 && w.alt) return KS_SUCCESS;
+    Channels below, above;
+    if (w.mode == 1) {
+        below = colour(w.lo);
+        above = colour(w.hi);
+    } else {
+        for (int ch = 0; ch < 3; ++ch) {
+            below.c[ch] = std::clamp<int64_t>(startC.c[ch], 0, top);
+            above.c[ch] = std::clamp<int64_t>(endC.c[ch], 0, top);
+        }
+    }
+    for (int64_t i = w.first; i < w.lo; ++i) write(slot(i), below);
+    for (int64_t i = w.hi + 1; i <= w.last; ++i) write(slot(i), above);
+    return KS_SUCCESS;
+}
+
+Channels split(uint64_t colour, int bits) noexcept {
+    const uint64_t m = (uint64_t(1) << bits) - 1;
+    return Channels{{int64_t(colour & m), int64_t((colour >> bits) & m), int64_t((colour >> (2 * bits)) & m)}};
+}
+Channels greyChannels(uint32_t g) noexcept { return Channels{{int64_t(g), int64_t(g), int64_t(g)}}; }
+
+}  // namespace
+
+// ---------------------------------------------------------------- applying a window
+
+namespace {
+
+std::atomic<bool> gPlainOnly{false};
+bool plainKernelsOnly() noexcept { return gPlainOnly.load(std::memory_order_relaxed); }
+
+struct LevelJob {
+    BITMAPRECORD* src;
+    BITMAPRECORD* dst;
+    const uint8_t* map;  // indexed by the raw stored sample
+    int32_t width;
+    int32_t bpp;
+    bool simd;
+};
+
+inline void mapRow16(const uint8_t* in, uint8_t* out, int32_t width, const uint8_t* map) noexcept {
+    int32_t x = 0;
+    for (; x + 8 <= width; x += 8) {
+        uint16_t s[8];
+        std::memcpy(s, in + size_t(x) * 2, 16);
+        out[x + 0] = map[s[0]];
+        out[x + 1] = map[s[1]];
+        out[x + 2] = map[s[2]];
+        out[x + 3] = map[s[3]];
+        out[x + 4] = map[s[4]];
+        out[x + 5] = map[s[5]];
+        out[x + 6] = map[s[6]];
+        out[x + 7] = map[s[7]];
+    }
+    for (; x < width; ++x) {
+        uint16_t s;
+        std::memcpy(&s, in + size_t(x) * 2, 2);
+        out[x] = map[s];
+    }
+}
+
+// The same with AVX2 gathers, 16 pixels a step; the table is padded by three
+// bytes so that each 32-bit gather stays inside it.
+__attribute__((target("avx2"))) void mapRow16Avx2(const uint8_t* in, uint8_t* out, int32_t width,
+                                                  const uint8_t* map) noexcept {
+    int32_t x = 0;
+    const __m256i low = _mm256_set1_epi32(0xFF);
+    const int* base = reinterpret_cast<const int*>(map);
+    for (; x + 16 <= width; x += 16) {
+        const __m256i s = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + size_t(x) * 2));
+        const __m256i i0 = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(s));
+        const __m256i i1 = _mm256_cvtepu16_epi32(_mm256_extracti128_si256(s, 1));
+        __m256i g0 = _mm256_and_si256(_mm256_i32gather_epi32(base, i0, 1), low);
+        __m256i g1 = _mm256_and_si256(_mm256_i32gather_epi32(base, i1, 1), low);
+        __m256i w = _mm256_packus_epi32(g0, g1);              // 16-bit, lanes interleaved by 128
+        w = _mm256_permute4x64_epi64(w, 0xD8);                // back in order
+        const __m128i b = _mm_packus_epi16(_mm256_castsi256_si128(w), _mm256_extracti128_si256(w, 1));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), b);
+    }
+    if (x < width) mapRow16(in + size_t(x) * 2, out + x, width - x, map);
+}
+
+bool haveAvx2() noexcept {
+    static const bool yes = __builtin_cpu_supports("avx2") && conv::simdCeiling() >= conv::kSimdAvx2;
+    return yes;
+}
+
+inline void mapRow12(const uint8_t* in, uint8_t* out, int32_t width, const uint8_t* map) noexcept {
+    int32_t x = 0;
+    for (; x + 2 <= width; x += 2) {
+        const uint8_t* q = in + size_t(x / 2) * 3;
+        out[x] = map[uint32_t(q[0]) | ((uint32_t(q[1]) & 0x0Fu) << 8)];
+        out[x + 1] = map[(uint32_t(q[1]) >> 4) | (uint32_t(q[2]) << 4)];
+    }
+    if (x < width) out[x] = map[conv::read12(in, size_t(x))];
+}
+
+inline void mapRow(const LevelJob& j, const uint8_t* in, uint8_t* out) noexcept {
+    if (j.bpp == 16 && j.simd)
+        mapRow16Avx2(in, out, j.width, j.map);
+    else if (j.bpp == 16)
+        mapRow16(in, out, j.width, j.map);
+    else
+        mapRow12(in, out, j.width, j.map);
+}
+
+bool inPlaceStorage(const BITMAPRECORD* bm) noexcept {
+    const uint32_t kind = bm->uFlags & BRF_STORAGE_MASK;
+    return (kind == (BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_LOCKED | BRF_MOVABLE_BLOCK) ||
+            kind == (BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_USER_MEMORY)) &&
+           bm->pData != nullptr;
+}
+
+// Moves every row; storage has been accessed by the caller.
+int32_t levelRows(LevelJob& j) {
+    const uint32_t inBytes = j.src->nBytesPerLine, outBytes = j.dst->nBytesPerLine;
+    if (inPlaceStorage(j.src) && inPlaceStorage(j.dst)) {
+        ParallelOptions opt;
+        opt.bytesPerRow = inBytes;
+        return parallelRows(
+            j.src->nHeight,
+            [&](int32_t y0, int32_t y1, int32_t) -> int32_t {
+                for (int32_t y = y0; y < y1; ++y)
+                    mapRow(j, j.src->pData + size_t(y) * inBytes, j.dst->pData + size_t(y) * outBytes);
+                return KS_SUCCESS;
+            },
+            opt);
+    }
+    kvector<uint8_t> in(inBytes), out(outBytes, 0);
+    Progress progress = Progress::status(j.src->nHeight);
+    int32_t r = progress.begin();
+    if (r != KS_SUCCESS) return r;
+    for (int32_t y = 0; y < j.src->nHeight; ++y) {
+        r = K_GetBitmapRow(j.src, in.data(), y, inBytes);
+        if (r < 0) return r;
+        mapRow(j, in.data(), out.data());
+        r = K_PutBitmapRow(j.dst, out.data(), y, outBytes);
+        if (r < 0) return r;
+        r = progress.step(int64_t(y) + 1);
+        if (r != KS_SUCCESS) return r;
+    }
+    return KS_SUCCESS;
+}
+
+int32_t checkSource(const BITMAPRECORD* src) noexcept {
+    int32_t r = checkAllocated(src);
+    if (r != KS_SUCCESS) return r;
+    if (src->nBitsPerPixel != 12 && src->nBitsPerPixel != 16) return KS_INVALID_BITS_PER_PIXEL;
+    if (src->nOrder != ORDER_GRAY) return KS_INVALID_PARAMETER;
+    return KS_SUCCESS;
+}
+
+// Builds pDst from the source with the sample table `grey` (1 << (hb - lb + 1)
+// entries), indexed by the sample bits as stored.
+int32_t applyWindow(BITMAPRECORD* src, BITMAPRECORD* dst, uint32_t structSize, const uint8_t* grey, int32_t lb,
+                    int32_t hb) {
+    const uint32_t rawCount = src->nBitsPerPixel == 16 ? 65536u : 4096u;
+    kvector<uint8_t> map(rawCount + 3, 0);  // +3: room for the 32-bit gathers
+    const uint32_t mask = (uint32_t(1) << (hb - lb + 1)) - 1u;
+    for (uint32_t v = 0; v < rawCount; ++v) map[v] = grey[(v >> lb) & mask];
+
+    BITMAPRECORD out;
+    int32_t r = K_CreateBitmap(&out, structSize, MEMTYPE_CONVENTIONAL, src->nWidth, src->nHeight, 8, ORDER_GRAY,
+                               nullptr, src->nViewPerspective, nullptr, 0);
+    if (r != KS_SUCCESS) return r;
+    out.nXResolution = src->nXResolution;
+    out.nYResolution = src->nYResolution;
+    int32_t srcAccessed = 0, dstAccessed = 0;
+    r = K_IntAccessBitmap(src, &srcAccessed);
+    if (r == KS_SUCCESS) r = K_IntAccessBitmap(&out, &dstAccessed);
+    if (r == KS_SUCCESS) {
+        LevelJob job{src, &out, map.data(), src->nWidth, src->nBitsPerPixel, haveAvx2() && !plainKernelsOnly()};
+        r = levelRows(job);
+    }
+    r = K_IntReleaseBitmap(&out, dstAccessed, r);
+    r = K_IntReleaseBitmap(src, srcAccessed, r);
+    if (r != KS_SUCCESS) {
+        K_FreeBitmap(&out);
+        return r;
+    }
+    if (dst == src) K_FreeBitmap(src);
+    std::memcpy(dst, &out, recordBytes(structSize));
+    return KS_SUCCESS;
+}
+
+}  // namespace
+
+namespace testhook {
+// Makes the window functions use only the plain row kernels (true) or pick
+// the fastest again (false), so tests can compare the two.
+void windowLevelPlainKernels(bool on) noexcept { gPlainOnly.store(on, std::memory_order_relaxed); }
+}  // namespace testhook
+
+}  // namespace krn
+
+using namespace krn;
+
+KAPI int32_t K_WindowLevelFillLUT(RGBQUAD* pLUT, uint32_t uLUTLength, uint32_t crStart, uint32_t crEnd, int32_t nLow,
+                                  int32_t nHigh, int32_t nLowBit, int32_t nHighBit, int32_t nMinValue,
+                                  int32_t nMaxValue, int32_t nFactor, uint32_t uFlags) {
+    return guarded([&]() -> int32_t {
+        if (!pLUT) return KS_INVALID_PARAMETER;
+        return fillTable(uLUTLength, split(crStart, 8), split(crEnd, 8), 255, nLow, nHigh, nLowBit, nHighBit,
+                         nMinValue, nMaxValue, nFactor, uFlags, [&](size_t i, const Channels& c) {
+                             pLUT[i].rgbRed = uint8_t(c.c[0]);
+                             pLUT[i].rgbGreen = uint8_t(c.c[1]);
+                             pLUT[i].rgbBlue = uint8_t(c.c[2]);
+                             pLUT[i].rgbReserved = 0;
+                         });
+    });
+}
+
+KAPI int32_t K_WindowLevelFillLUT2(uint8_t* pLUT, uint32_t uLUTLength, uint32_t uStartGrey, uint32_t uEndGrey,
+                                   int32_t nLow, int32_t nHigh, int32_t nLowBit, int32_t nHighBit, int32_t nMinValue,
+                                   int32_t nMaxValue, int32_t nFactor, uint32_t uFlags) {
+    return guarded([&]() -> int32_t {
+        if (!pLUT || uStartGrey > 255 || uEndGrey > 255) return KS_INVALID_PARAMETER;
+        return fillTable(uLUTLength, greyChannels(uStartGrey), greyChannels(uEndGrey), 255, nLow, nHigh, nLowBit,
+                         nHighBit, nMinValue, nMaxValue, nFactor, uFlags,
+                         [&](size_t i, const Channels& c) { pLUT[i] = uint8_t(c.c[0]); });
+    });
+}
+
+KAPI int32_t K_WindowLevelFillLUTExt(RGBQUAD16* pLUT, uint32_t uLUTLength, uint64_t crStart, uint64_t crEnd,
+                                     int32_t nLow, int32_t nHigh, int32_t nLowBit, int32_t nHighBit,
+                                     int32_t nMinValue, int32_t nMaxValue, int32_t nFactor, uint32_t uFlags) {
+    return guarded([&]() -> int32_t {
+        if (!pLUT) return KS_INVALID_PARAMETER;
+        return fillTable(uLUTLength, split(crStart, 16), split(crEnd, 16), 65535, nLow, nHigh, nLowBit, nHighBit,
+                         nMinValue, nMaxValue, nFactor, uFlags, [&](size_t i, const Channels& c) {
+                             pLUT[i].rgbRed = uint16_t(c.c[0]);
+                             pLUT[i].rgbGreen = uint16_t(c.c[1]);
+                             pLUT[i].rgbBlue = uint16_t(c.c[2]);
+                             pLUT[i].rgbReserved = 0;
+                         });
+    });
+}
+
+KAPI int32_t K_WindowLevelFillLUTExt2(uint16_t* pLUT, uint32_t uLUTLength, uint32_t uStartGrey, uint32_t uEndGrey,
+                                      int32_t nLow, int32_t nHigh, int32_t nLowBit, int32_t nHighBit,
+                                      int32_t nMinValue, int32_t nMaxValue, int32_t nFactor, uint32_t uFlags) {
+    return guarded([&]() -> int32_t {
+        if (!pLUT || uStartGrey > 65535 || uEndGrey > 65535) return KS_INVALID_PARAMETER;
+        return fillTable(uLUTLength, greyChannels(uStartGrey), greyChannels(uEndGrey), 65535, nLow, nHigh, nLowBit,
+                         nHighBit, nMinValue, nMaxValue, nFactor, uFlags,
+                         [&](size_t i, const Channels& c) { pLUT[i] = uint16_t(c.c[0]); });
+    });
+}
+
+KAPI int32_t K_WindowLevel(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, uint32_t uStructSize, int32_t nLow,
+                           int32_t nHigh, int32_t nFactor, uint32_t uFlags) {
+    return guarded([&]() -> int32_t {
+        if (!pSrc || !pDst) return KS_INVALID_PARAMETER;
+        int32_t r = checkSource(pSrc);
+        if (r != KS_SUCCESS) return r;
+        if (!recordSizeValid(uStructSize)) return KS_INVALID_STRUCT_SIZE;
+        if (uFlags & ~(0xF0u | WLFLAG_SIGNED | WL_INVERT)) return KS_INVALID_PARAMETER;
+        if (nLow > nHigh) return KS_INVALID_PARAMETER;
+        const int32_t lb = pSrc->nLowBit, hb = pSrc->nHighBit;
+        if (lb < 0 || hb >= pSrc->nBitsPerPixel || lb > hb) return KS_INVALID_PARAMETER;
+        uint32_t curve = uFlags & 0xF0u;
+        if (curve == 0) curve = WLCURVE_LINEAR;
+        r = checkFlags(WLFLAG_MODE2 | curve, nFactor);
+        if (r != KS_SUCCESS) return r;
+        // The window applies to the sample values as given, whatever the
+        // sample range: it is not clamped to the table.
+        const int bits = hb - lb + 1;
+        const uint32_t len = uint32_t(1) << bits;
+        const bool invert = (uFlags & WL_INVERT) != 0, sign = (uFlags & WLFLAG_SIGNED) != 0;
+        WindowSpec w{};
+        w.lo = nLow;
+        w.hi = nHigh;
+        w.curve = curve;
+        w.k = double(nFactor) / 10.0;
+        w.top = 255;
+        const Channels black{{0, 0, 0}}, white{{255, 255, 255}};
+        kvector<uint8_t> grey(len);
+        for (uint32_t slot = 0; slot < len; ++slot) {
+            const int64_t v = sign && (slot >> (bits - 1)) ? int64_t(slot) - int64_t(len) : int64_t(slot);
+            const int64_t g = v < w.lo ? 0 : v > w.hi ? 255 : channelAt(w, v, 0, black, white);
+            grey[slot] = uint8_t(invert ? 255 - g : g);
+        }
+        return applyWindow(pSrc, pDst, uStructSize, grey.data(), lb, hb);
+    });
+}
+
+KAPI int32_t K_WindowLevelExt(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, uint32_t uStructSize, const RGBQUAD* pLUT,
+                              uint32_t uLUTLength, int32_t nLowBit, int32_t nHighBit, uint32_t uFlags) {
+    return guarded([&]() -> int32_t {
+        if (!pSrc || !pDst || !pLUT) return KS_INVALID_PARAMETER;
+        int32_t r = checkSource(pSrc);
+        if (r != KS_SUCCESS) return r;
+        if (!recordSizeValid(uStructSize)) return KS_INVALID_STRUCT_SIZE;
+        if (uFlags != 0) return KS_INVALID_PARAMETER;
+        if (nLowBit < 0 || nHighBit >= pSrc->nBitsPerPixel || nLowBit > nHighBit) return KS_INVALID_PARAMETER;
+        const uint32_t len = uint32_t(1) << (nHighBit - nLowBit + 1);
+        if (uLUTLength != len) return KS_INVALID_LUT_LENGTH;
+        kvector<uint8_t> grey(len);
+        for (uint32_t i = 0; i < len; ++i)
+            grey[i] = uint8_t((2u * pLUT[i].rgbRed + 5u * pLUT[i].rgbGreen + pLUT[i].rgbBlue + 4u) >> 3);
+        return applyWindow(pSrc, pDst, uStructSize, grey.data(), nLowBit, nHighBit);
+    });
+}

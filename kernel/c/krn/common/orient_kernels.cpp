@@ -1,0 +1,509 @@
+// orient_kernels.cpp - row and block kernels of the orientation family:
+// mirror one packed row, swap two rows, quarter-turn one pixel block.
+//
+// Each kernel has a plain form written for clarity (per pixel or per byte)
+// and a fast form picked once per process (byte tables, 8x8 bit transposes,
+// cache-blocked SIMD transposes); the tests compare the two on every depth.
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+#include "rotate.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define OMBRIX_ORIENT_X86 1
+#define OMBRIX_SSSE3 __attribute__((target("ssse3")))
+#define OMBRIX_AVX2 __attribute__((target("avx2")))
+#endif
+
+namespace krn {
+namespace {
+
+// ---------------------------------------------------------------- bit helpers
+// Pixel x of a packed row, depths up to 16 bits; reads only the bytes that hold it.
+inline uint32_t getBits(const uint8_t* row, uint64_t x, int32_t bpp) noexcept {
+    const uint64_t bit = x * uint64_t(bpp);
+    const uint8_t* p = row + (bit >> 3);
+    const uint32_t sh = uint32_t(bit & 7);
+    const uint32_t bytes = (sh + uint32_t(bpp) + 7) / 8;
+    uint32_t v = 0;
+    for (uint32_t i = 0; i < bytes; ++i) v = (v << 8) | p[i];
+    return (v >> (bytes * 8 - sh - uint32_t(bpp))) & ((1u << bpp) - 1u);
+}
+inline void setBits(uint8_t* row, uint64_t x, int32_t bpp, uint32_t value) noexcept {
+    const uint64_t bit = x * uint64_t(bpp);
+    uint8_t* p = row + (bit >> 3);
+    const uint32_t sh = uint32_t(bit & 7);
+    const uint32_t bytes = (sh + uint32_t(bpp) + 7) / 8;
+    uint32_t v = 0;
+    for (uint32_t i = 0; i < bytes; ++i) v = (v << 8) | p[i];
+    const uint32_t shift = bytes * 8 - sh - uint32_t(bpp);
+    const uint32_t mask = ((1u << bpp) - 1u) << shift;
+    v = (v & ~mask) | ((value << shift) & mask);
+    for (uint32_t i = bytes; i-- > 0;) {
+        p[i] = uint8_t(v);
+        v >>= 8;
+    }
+}
+
+// ---------------------------------------------------------------- mirror tables
+struct MirrorTables {
+    uint8_t bits1[256], bits2[256], bits4[256];
+    MirrorTables() noexcept {
+        for (uint32_t v = 0; v < 256; ++v) {
+            uint32_t r1 = 0, r2 = 0;
+            for (int i = 0; i < 8; ++i) r1 |= ((v >> i) & 1u) << (7 - i);
+            for (int i = 0; i < 4; ++i) r2 |= ((v >> (2 * i)) & 3u) << (6 - 2 * i);
+            bits1[v] = uint8_t(r1);
+            bits2[v] = uint8_t(r2);
+            bits4[v] = uint8_t(((v & 0x0F) << 4) | (v >> 4));
+        }
+    }
+};
+const MirrorTables& tables() noexcept {
+    static const MirrorTables t;
+    return t;
+}
+
+// Whole pixels of B bytes, swapped from both ends.
+template <int B>
+void mirrorBytes(uint8_t* row, uint32_t pixels) noexcept {
+    uint8_t* a = row;
+    uint8_t* b = row + size_t(pixels) * B - B;
+    while (a < b) {
+        uint8_t t[B];
+        std::memcpy(t, a, B);
+        std::memcpy(a, b, B);
+        std::memcpy(b, t, B);
+        a += B;
+        b -= B;
+    }
+}
+
+// 1, 2 and 4 bits: bytes reversed through a table, then the row shifted left
+// by the bits that were padding at the end; the trailing bits of the last
+// byte are put back.
+void mirrorSubByte(uint8_t* row, uint32_t pixels, int32_t bpp) noexcept {
+    const uint64_t bits = uint64_t(pixels) * uint64_t(bpp);
+    const size_t n = size_t((bits + 7) / 8);
+    const uint32_t pad = uint32_t(n * 8 - bits);
+    const uint8_t keepMask = uint8_t((1u << pad) - 1u);
+    const uint8_t tail = uint8_t(row[n - 1] & keepMask);
+    const uint8_t* tab = bpp == 1 ? tables().bits1 : bpp == 2 ? tables().bits2 : tables().bits4;
+    uint8_t* a = row;
+    uint8_t* b = row + n - 1;
+    while (a < b) {
+        const uint8_t t = tab[*a];
+        *a++ = tab[*b];
+        *b-- = t;
+    }
+    if (a == b) *a = tab[*a];
+    if (pad) {
+        for (size_t i = 0; i + 1 < n; ++i) row[i] = uint8_t((row[i] << pad) | (row[i + 1] >> (8 - pad)));
+        row[n - 1] = uint8_t(row[n - 1] << pad);
+    }
+    row[n - 1] = uint8_t((row[n - 1] & ~keepMask) | tail);
+}
+
+// Any depth below 16 bits, one pixel pair at a time.
+void mirrorGeneric(uint8_t* row, uint32_t pixels, int32_t bpp) noexcept {
+    for (uint64_t i = 0, j = pixels - 1; i < j; ++i, --j) {
+        const uint32_t a = getBits(row, i, bpp), b = getBits(row, j, bpp);
+        setBits(row, i, bpp, b);
+        setBits(row, j, bpp, a);
+    }
+}
+
+void mirrorDispatch(uint8_t* row, uint32_t pixels, int32_t bpp, bool fast) noexcept {
+    if (pixels < 2) return;
+    switch (bpp) {
+        case 1: case 2: case 4:
+            if (fast) mirrorSubByte(row, pixels, bpp);
+            else mirrorGeneric(row, pixels, bpp);
+            return;
+        case 8: mirrorBytes<1>(row, pixels); return;
+        case 16: mirrorBytes<2>(row, pixels); return;
+        case 24: mirrorBytes<3>(row, pixels); return;
+        case 32: mirrorBytes<4>(row, pixels); return;
+        case 48: mirrorBytes<6>(row, pixels); return;
+        case 64: mirrorBytes<8>(row, pixels); return;
+        default:
+            if ((bpp >= 1 && bpp <= 7) || bpp == 12) mirrorGeneric(row, pixels, bpp);
+            return;
+    }
+}
+
+// ---------------------------------------------------------------- SIMD mirror
+#ifdef OMBRIX_ORIENT_X86
+OMBRIX_SSSE3 void mirror8Ssse3(uint8_t* row, uint32_t pixels) noexcept {
+    const __m128i rev = _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    uint8_t* a = row;
+    uint8_t* b = row + pixels;
+    while (b - a >= 32) {
+        b -= 16;
+        __m128i x = _mm_loadu_si128(reinterpret_cast<__m128i*>(a));
+        __m128i y = _mm_loadu_si128(reinterpret_cast<__m128i*>(b));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(a), _mm_shuffle_epi8(y, rev));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(b), _mm_shuffle_epi8(x, rev));
+        a += 16;
+    }
+    mirrorBytes<1>(a, uint32_t(b - a));
+}
+OMBRIX_SSSE3 void mirror32Ssse3(uint8_t* row, uint32_t pixels) noexcept {
+    uint8_t* a = row;
+    uint8_t* b = row + size_t(pixels) * 4;
+    while (b - a >= 64) {
+        b -= 16;
+        __m128i x = _mm_loadu_si128(reinterpret_cast<__m128i*>(a));
+        __m128i y = _mm_loadu_si128(reinterpret_cast<__m128i*>(b));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(a), _mm_shuffle_epi32(y, 0x1B));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(b), _mm_shuffle_epi32(x, 0x1B));
+        a += 16;
+    }
+    mirrorBytes<4>(a, uint32_t((b - a) / 4));
+}
+// 24 bits: 16 pixels (48 bytes, three registers) from each end per step.
+// Output register k takes bytes from at most two input registers.
+struct Mirror24Masks {
+    __m128i m[3][3];  // m[out][in]: pshufb mask taking bytes of input `in` into output `out`
+    Mirror24Masks() noexcept {
+        for (int o = 0; o < 3; ++o)
+            for (int i = 0; i < 3; ++i) {
+                alignas(16) int8_t v[16];
+                for (int k = 0; k < 16; ++k) {
+                    const int outByte = o * 16 + k;
+                    const int px = outByte / 3, comp = outByte % 3;
+                    const int inByte = (15 - px) * 3 + comp;
+                    v[k] = (inByte / 16 == i) ? int8_t(inByte % 16) : int8_t(-128);
+                }
+                m[o][i] = _mm_load_si128(reinterpret_cast<const __m128i*>(v));
+            }
+    }
+};
+const Mirror24Masks& masks24() noexcept {
+    static const Mirror24Masks m;
+    return m;
+}
+OMBRIX_SSSE3 inline void rev48(const __m128i in[3], __m128i out[3], const Mirror24Masks& mk) noexcept {
+    for (int o = 0; o < 3; ++o)
+        out[o] = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(in[0], mk.m[o][0]), _mm_shuffle_epi8(in[1], mk.m[o][1])),
+                              _mm_shuffle_epi8(in[2], mk.m[o][2]));
+}
+OMBRIX_SSSE3 void mirror24Ssse3(uint8_t* row, uint32_t pixels) noexcept {
+    const Mirror24Masks& mk = masks24();
+    uint8_t* a = row;
+    uint8_t* b = row + size_t(pixels) * 3;
+    while (b - a >= 96) {
+        b -= 48;
+        __m128i x[3], y[3], rx[3], ry[3];
+        for (int k = 0; k < 3; ++k) {
+            x[k] = _mm_loadu_si128(reinterpret_cast<__m128i*>(a + 16 * k));
+            y[k] = _mm_loadu_si128(reinterpret_cast<__m128i*>(b + 16 * k));
+        }
+        rev48(x, rx, mk);
+        rev48(y, ry, mk);
+        for (int k = 0; k < 3; ++k) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(a + 16 * k), ry[k]);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(b + 16 * k), rx[k]);
+        }
+        a += 48;
+    }
+    mirrorBytes<3>(a, uint32_t((b - a) / 3));
+}
+#endif
+
+std::atomic<int> g_simd{-1};  // -1 unknown, 0 plain, 1 SSSE3, 2 AVX2
+
+int simdLevel() noexcept {
+    int v = g_simd.load(std::memory_order_relaxed);
+    if (v >= 0) return v;
+    int level = 0;
+#ifdef OMBRIX_ORIENT_X86
+    int cap = 3;
+    if (const char* e = std::getenv("OMBRIX_SIMD")) cap = std::atoi(e);
+    if (cap >= 1 && __builtin_cpu_supports("ssse3")) level = 1;
+    if (cap >= 2 && __builtin_cpu_supports("avx2")) level = 2;
+#endif
+    g_simd.store(level, std::memory_order_relaxed);
+    return level;
+}
+
+// ---------------------------------------------------------------- block turns
+// Byte depths: cache-sized tiles, whole pixels moved.
+template <int B>
+void turnBytes(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h, bool revY,
+               bool revX) noexcept {
+    constexpr uint32_t T = B <= 2 ? 32 : 16;
+    for (uint32_t y0 = 0; y0 < h; y0 += T) {
+        const uint32_t y1 = std::min(h, y0 + T);
+        for (uint32_t x0 = 0; x0 < w; x0 += T) {
+            const uint32_t x1 = std::min(w, x0 + T);
+            for (uint32_t x = x0; x < x1; ++x) {
+                uint8_t* d = dst + size_t(revX ? w - 1 - x : x) * ds;
+                const uint8_t* s = src + size_t(x) * B;
+                for (uint32_t y = y0; y < y1; ++y) {
+                    const uint32_t c = revY ? h - 1 - y : y;
+                    std::memcpy(d + size_t(c) * B, s + size_t(y) * ss, B);
+                }
+            }
+        }
+    }
+}
+
+// Any depth below 16 bits, per pixel.
+void turnGeneric(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h, int32_t bpp,
+                 bool revY, bool revX) noexcept {
+    const size_t outBytes = size_t((uint64_t(h) * uint64_t(bpp) + 7) / 8);
+    for (uint32_t r = 0; r < w; ++r) {
+        uint8_t* d = dst + size_t(r) * ds;
+        std::memset(d, 0, outBytes);
+        for (uint32_t c = 0; c < h; ++c) {
+            const uint32_t v = getBits(src + size_t(revY ? h - 1 - c : c) * ss, revX ? w - 1 - r : r, bpp);
+            setBits(d, c, bpp, v);
+        }
+    }
+}
+
+// 8x8 bit matrix (row i = byte 7-i of x, column j = bit 7-j) transposed.
+inline uint64_t transpose8(uint64_t x) noexcept {
+    uint64_t t;
+    t = (x ^ (x >> 7)) & 0x00AA00AA00AA00AAull;
+    x = x ^ t ^ (t << 7);
+    t = (x ^ (x >> 14)) & 0x0000CCCC0000CCCCull;
+    x = x ^ t ^ (t << 14);
+    t = (x ^ (x >> 28)) & 0x00000000F0F0F0F0ull;
+    x = x ^ t ^ (t << 28);
+    return x;
+}
+
+// Eight source bits starting at bit s of a row (s may be negative: zeros in front).
+inline uint8_t bits8At(const uint8_t* row, int64_t s) noexcept {
+    if (s >= 0) {
+        const uint8_t* p = row + (s >> 3);
+        const uint32_t sh = uint32_t(s & 7);
+        if (!sh) return p[0];
+        return uint8_t((p[0] << sh) | (p[1] >> (8 - sh)));
+    }
+    if (s <= -8) return 0;
+    return uint8_t(row[0] >> (-s));
+}
+
+// 1 bit: 8x8 tiles through transpose8.
+void turn1(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h, bool revY,
+           bool revX) noexcept {
+    const uint32_t outBytes = (h + 7) / 8;
+    for (uint32_t cb = 0; cb < outBytes; ++cb) {  // destination byte column: 8 destination columns
+        const uint32_t c0 = cb * 8;
+        const uint32_t last = std::min<uint32_t>(8, h - c0);
+        const uint8_t* rows[8];
+        for (uint32_t k = 0; k < 8; ++k) {
+            const uint32_t c = c0 + k;
+            rows[k] = k < last ? src + size_t(revY ? h - 1 - c : c) * ss : nullptr;
+        }
+        for (uint32_t r0 = 0; r0 < w; r0 += 8) {
+            uint64_t x = 0;
+            if (!revX) {
+                const size_t byte = r0 / 8;
+                for (uint32_t k = 0; k < 8; ++k) x = (x << 8) | (rows[k] ? rows[k][byte] : 0u);
+            } else {
+                const int64_t s = int64_t(w) - 8 - int64_t(r0);
+                for (uint32_t k = 0; k < 8; ++k) {
+                    uint8_t v = rows[k] ? bits8At(rows[k], s) : 0;
+                    x = (x << 8) | tables().bits1[v];
+                }
+            }
+            x = transpose8(x);
+            const uint32_t n = std::min<uint32_t>(8, w - r0);
+            for (uint32_t j = 0; j < n; ++j) dst[size_t(r0 + j) * ds + cb] = uint8_t(x >> (56 - 8 * j));
+        }
+    }
+    // Bits past the block's last pixel were taken from zero rows: nothing to clear.
+}
+
+#ifdef OMBRIX_ORIENT_X86
+// 32 bits: 4x4 transposes with SSE2 inside 16x16 tiles.
+OMBRIX_SSSE3 void turn32Sse(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h,
+                            bool revY, bool revX) noexcept {
+    const uint32_t w4 = w & ~3u, h4 = h & ~3u;
+    constexpr uint32_t T = 32;
+    for (uint32_t y0 = 0; y0 < h4; y0 += T) {
+        const uint32_t y1 = std::min(h4, y0 + T);
+        for (uint32_t x0 = 0; x0 < w4; x0 += T) {
+            const uint32_t x1 = std::min(w4, x0 + T);
+            for (uint32_t y = y0; y < y1; y += 4) {
+                const uint8_t* s0 = src + size_t(y) * ss;
+                for (uint32_t x = x0; x < x1; x += 4) {
+                    __m128i r0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + size_t(x) * 4));
+                    __m128i r1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + ss + size_t(x) * 4));
+                    __m128i r2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + 2 * ss + size_t(x) * 4));
+                    __m128i r3 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s0 + 3 * ss + size_t(x) * 4));
+                    __m128i t0 = _mm_unpacklo_epi32(r0, r1), t1 = _mm_unpacklo_epi32(r2, r3);
+                    __m128i t2 = _mm_unpackhi_epi32(r0, r1), t3 = _mm_unpackhi_epi32(r2, r3);
+                    // Column k of the 4x4 source (top to bottom): c0..c3.
+                    __m128i c0 = _mm_unpacklo_epi64(t0, t1), c1 = _mm_unpackhi_epi64(t0, t1);
+                    __m128i c2 = _mm_unpacklo_epi64(t2, t3), c3 = _mm_unpackhi_epi64(t2, t3);
+                    if (revY) {
+                        // Columns h-4-y .. h-1-y hold the source column bottom to top.
+                        c0 = _mm_shuffle_epi32(c0, 0x1B);
+                        c1 = _mm_shuffle_epi32(c1, 0x1B);
+                        c2 = _mm_shuffle_epi32(c2, 0x1B);
+                        c3 = _mm_shuffle_epi32(c3, 0x1B);
+                    }
+                    const size_t col = size_t(revY ? h - 4 - y : y) * 4;
+                    // Source column x+k lands in destination row x+k (or w-1-x-k).
+                    uint8_t* d = dst + size_t(revX ? w - 1 - x : x) * ds + col;
+                    const ptrdiff_t step = revX ? -ptrdiff_t(ds) : ptrdiff_t(ds);
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(d), c0);
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + step), c1);
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 2 * step), c2);
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 3 * step), c3);
+                }
+            }
+        }
+    }
+    // Right and bottom edges.
+    auto edge = [&](uint32_t xa, uint32_t xb, uint32_t ya, uint32_t yb) {
+        for (uint32_t y = ya; y < yb; ++y)
+            for (uint32_t x = xa; x < xb; ++x) {
+                uint8_t* d = dst + size_t(revX ? w - 1 - x : x) * ds + size_t(revY ? h - 1 - y : y) * 4;
+                std::memcpy(d, src + size_t(y) * ss + size_t(x) * 4, 4);
+            }
+    };
+    edge(w4, w, 0, h);
+    edge(0, w4, h4, h);
+}
+
+// 8 bits: 16x16 byte transposes with SSE2 unpacks.
+OMBRIX_SSSE3 void turn8Sse(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h,
+                           bool revY, bool revX) noexcept {
+    const uint32_t w16 = w & ~15u, h16 = h & ~15u;
+    const __m128i rev = _mm_setr_epi8(15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+    for (uint32_t y = 0; y < h16; y += 16) {
+        for (uint32_t x = 0; x < w16; x += 16) {
+            __m128i r[16];
+            for (int k = 0; k < 16; ++k)
+                r[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + size_t(y + k) * ss + x));
+            // 4 rounds of unpacks: bytes, words, dwords, qwords.
+            __m128i a[16], b[16];
+            for (int k = 0; k < 8; ++k) {
+                a[k] = _mm_unpacklo_epi8(r[2 * k], r[2 * k + 1]);
+                a[k + 8] = _mm_unpackhi_epi8(r[2 * k], r[2 * k + 1]);
+            }
+            for (int k = 0; k < 4; ++k) {
+                b[k] = _mm_unpacklo_epi16(a[2 * k], a[2 * k + 1]);
+                b[k + 4] = _mm_unpackhi_epi16(a[2 * k], a[2 * k + 1]);
+                b[k + 8] = _mm_unpacklo_epi16(a[8 + 2 * k], a[8 + 2 * k + 1]);
+                b[k + 12] = _mm_unpackhi_epi16(a[8 + 2 * k], a[8 + 2 * k + 1]);
+            }
+            __m128i c[16];
+            for (int q = 0; q < 4; ++q) {
+                c[4 * q + 0] = _mm_unpacklo_epi32(b[4 * q + 0], b[4 * q + 1]);
+                c[4 * q + 1] = _mm_unpackhi_epi32(b[4 * q + 0], b[4 * q + 1]);
+                c[4 * q + 2] = _mm_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
+                c[4 * q + 3] = _mm_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
+            }
+            // c[4q+0..3] hold dword groups; final qword unpacks give the 16 columns.
+            __m128i col[16];
+            for (int q = 0; q < 4; ++q) {
+                col[4 * q + 0] = _mm_unpacklo_epi64(c[4 * q + 0], c[4 * q + 2]);
+                col[4 * q + 1] = _mm_unpackhi_epi64(c[4 * q + 0], c[4 * q + 2]);
+                col[4 * q + 2] = _mm_unpacklo_epi64(c[4 * q + 1], c[4 * q + 3]);
+                col[4 * q + 3] = _mm_unpackhi_epi64(c[4 * q + 1], c[4 * q + 3]);
+            }
+            // col[j] is column j of the block, top to bottom.
+            for (int j = 0; j < 16; ++j) {
+                const __m128i v = revY ? _mm_shuffle_epi8(col[j], rev) : col[j];
+                uint8_t* d = dst + size_t(revX ? w - 1 - x - j : x + j) * ds + (revY ? h - 16 - y : y);
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(d), v);
+            }
+        }
+    }
+    auto edge = [&](uint32_t xa, uint32_t xb, uint32_t ya, uint32_t yb) {
+        for (uint32_t y = ya; y < yb; ++y)
+            for (uint32_t x = xa; x < xb; ++x) {
+                dst[size_t(revX ? w - 1 - x : x) * ds + (revY ? h - 1 - y : y)] = src[size_t(y) * ss + x];
+            }
+    };
+    edge(w16, w, 0, h);
+    edge(0, w16, h16, h);
+}
+#endif
+
+void turnDispatch(const uint8_t* src, size_t ss, uint8_t* dst, size_t ds, uint32_t w, uint32_t h, int32_t bpp,
+                  bool revY, bool revX, bool fast) noexcept {
+    if (!w || !h) return;
+    switch (bpp) {
+        case 1:
+            if (fast) return turn1(src, ss, dst, ds, w, h, revY, revX);
+            return turnGeneric(src, ss, dst, ds, w, h, bpp, revY, revX);
+        case 8:
+#ifdef OMBRIX_ORIENT_X86
+            if (fast && simdLevel() >= 1) return turn8Sse(src, ss, dst, ds, w, h, revY, revX);
+#endif
+            return turnBytes<1>(src, ss, dst, ds, w, h, revY, revX);
+        case 16: return turnBytes<2>(src, ss, dst, ds, w, h, revY, revX);
+        case 24: return turnBytes<3>(src, ss, dst, ds, w, h, revY, revX);
+        case 32:
+#ifdef OMBRIX_ORIENT_X86
+            if (fast && simdLevel() >= 1) return turn32Sse(src, ss, dst, ds, w, h, revY, revX);
+#endif
+            return turnBytes<4>(src, ss, dst, ds, w, h, revY, revX);
+        case 48: return turnBytes<6>(src, ss, dst, ds, w, h, revY, revX);
+        case 64: return turnBytes<8>(src, ss, dst, ds, w, h, revY, revX);
+        default:
+            if ((bpp >= 2 && bpp <= 7) || bpp == 12) return turnGeneric(src, ss, dst, ds, w, h, bpp, revY, revX);
+            return;
+    }
+}
+
+}  // namespace
+
+void setOrientSimd(bool on) noexcept {
+    if (!on) {
+        g_simd.store(0, std::memory_order_relaxed);
+    } else {
+        g_simd.store(-1, std::memory_order_relaxed);
+        simdLevel();
+    }
+}
+
+void mirrorRowPlain(uint8_t* row, uint32_t pixels, int32_t bpp) noexcept { mirrorDispatch(row, pixels, bpp, false); }
+
+void mirrorRow(uint8_t* row, uint32_t pixels, int32_t bpp) noexcept {
+#ifdef OMBRIX_ORIENT_X86
+    if (simdLevel() >= 1 && pixels >= 2) {
+        switch (bpp) {
+            case 8: return mirror8Ssse3(row, pixels);
+            case 24: return mirror24Ssse3(row, pixels);
+            case 32: return mirror32Ssse3(row, pixels);
+            default: break;
+        }
+    }
+#endif
+    mirrorDispatch(row, pixels, bpp, true);
+}
+
+void swapRows(uint8_t* a, uint8_t* b, size_t bytes) noexcept {
+    size_t i = 0;
+    for (; i + 32 <= bytes; i += 32) {
+        uint8_t t[32], u[32];
+        std::memcpy(t, a + i, 32);
+        std::memcpy(u, b + i, 32);
+        std::memcpy(a + i, u, 32);
+        std::memcpy(b + i, t, 32);
+    }
+    for (; i < bytes; ++i) std::swap(a[i], b[i]);
+}
+
+void turnBlockPlain(const uint8_t* src, size_t sstride, uint8_t* dst, size_t dstride, uint32_t w, uint32_t h,
+                    int32_t bpp, bool revY, bool revX) noexcept {
+    turnDispatch(src, sstride, dst, dstride, w, h, bpp, revY, revX, false);
+}
+void turnBlock(const uint8_t* src, size_t sstride, uint8_t* dst, size_t dstride, uint32_t w, uint32_t h, int32_t bpp,
+               bool revY, bool revX) noexcept {
+    turnDispatch(src, sstride, dst, dstride, w, h, bpp, revY, revX, true);
+}
+
+}  // namespace krn

@@ -1,0 +1,239 @@
+// combine_reference.h - a plain per-sample model of combining, written from
+// the operation table: pixels are read by index arithmetic, split into
+// samples, combined one sample at a time with plain integer arithmetic and
+// put back. The plan is derived by evaluating the operators and the logical
+// analogue on single bits (no 0xCC/0xAA patterns).
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "ombrix.h"
+#include "storage_kinds.h"
+
+namespace combinetest {
+
+struct Format {
+    int32_t bpp;
+    int32_t order;
+    int32_t highBit = -1;  // grey: significant bits - 1, -1 the whole sample
+};
+
+// One field of a pixel: its maximum value and its bit mask.
+struct Field {
+    uint32_t m, mask;
+};
+
+inline bool hasAlpha(const Format& f) { return (f.bpp == 32 && f.order != ORDER_GRAY) || f.bpp == 64; }
+
+inline std::vector<Field> fieldsOf(const Format& f) {
+    auto grey = [&](int depth) {
+        uint32_t mask = (1u << depth) - 1;
+        uint32_t m = (f.highBit >= 0 && f.highBit < depth) ? (1u << (f.highBit + 1)) - 1 : mask;
+        return Field{m, mask};
+    };
+    switch (f.bpp) {
+        case 8: return {Field{255, 255}};
+        case 24: return std::vector<Field>(3, Field{255, 255});
+        case 32: return std::vector<Field>(4, Field{255, 255});
+        case 12: return {grey(12)};
+        case 16:
+            if (f.order == ORDER_GRAY) return {grey(16)};
+            if (f.order == ORDER_RGB565) return {Field{31, 31}, Field{63, 63}, Field{31, 31}};
+            return std::vector<Field>(3, Field{31, 31});
+        case 48: return std::vector<Field>(3, Field{65535, 65535});
+        case 64: return std::vector<Field>(4, Field{65535, 65535});
+        default: {
+            uint32_t m = (1u << f.bpp) - 1;
+            return {Field{m, m}};
+        }
+    }
+}
+
+// Raw pixel bits as one number (byte depths: little-endian bytes; 12 bits: the sample).
+inline uint64_t rawPixel(const uint8_t* row, int32_t x, const Format& f) {
+    if (f.bpp < 8) return storagetest::getPixel(row, x, f.bpp);
+    if (f.bpp == 12) {
+        const uint8_t* q = row + (x / 2) * 3;
+        return (x % 2) ? (q[1] >> 4) | (uint32_t(q[2]) << 4) : q[0] | (uint32_t(q[1] & 15) << 8);
+    }
+    uint64_t v = 0;
+    const int bytes = f.bpp / 8;
+    for (int i = bytes - 1; i >= 0; --i) v = (v << 8) | row[size_t(x) * bytes + i];
+    return v;
+}
+inline void setRawPixel(uint8_t* row, int32_t x, const Format& f, uint64_t v) {
+    if (f.bpp < 8) return storagetest::setPixel(row, x, f.bpp, v);
+    if (f.bpp == 12) {
+        uint8_t* q = row + (x / 2) * 3;
+        if (x % 2) {
+            q[1] = uint8_t((q[1] & 0x0F) | ((v & 15) << 4));
+            q[2] = uint8_t(v >> 4);
+        } else {
+            q[0] = uint8_t(v);
+            q[1] = uint8_t((q[1] & 0xF0) | ((v >> 8) & 15));
+        }
+        return;
+    }
+    const int bytes = f.bpp / 8;
+    for (int i = 0; i < bytes; ++i) row[size_t(x) * bytes + i] = uint8_t(v >> (8 * i));
+}
+
+// Samples of a raw pixel, in the order of fieldsOf.
+inline std::vector<uint32_t> samplesOf(uint64_t raw, const Format& f) {
+    std::vector<uint32_t> s;
+    switch (f.bpp) {
+        case 16:
+            if (f.order == ORDER_GRAY) return {uint32_t(raw)};
+            if (f.order == ORDER_RGB565) return {uint32_t(raw & 31), uint32_t((raw >> 5) & 63), uint32_t(raw >> 11)};
+            return {uint32_t(raw & 31), uint32_t((raw >> 5) & 31), uint32_t((raw >> 10) & 31)};
+        case 24: case 32:
+            for (int i = 0; i < f.bpp / 8; ++i) s.push_back(uint32_t((raw >> (8 * i)) & 255));
+            return s;
+        case 48: case 64:
+            for (int i = 0; i < f.bpp / 16; ++i) s.push_back(uint32_t((raw >> (16 * i)) & 65535));
+            return s;
+        default: return {uint32_t(raw)};
+    }
+}
+inline uint64_t rawOf(const std::vector<uint32_t>& s, const Format& f) {
+    switch (f.bpp) {
+        case 16:
+            if (f.order == ORDER_GRAY) return s[0];
+            if (f.order == ORDER_RGB565) return s[0] | (s[1] << 5) | (s[2] << 11);
+            return s[0] | (s[1] << 5) | (s[2] << 10);
+        case 24: case 32: {
+            uint64_t v = 0;
+            for (size_t i = 0; i < s.size(); ++i) v |= uint64_t(s[i]) << (8 * i);
+            return v;
+        }
+        case 48: case 64: {
+            uint64_t v = 0;
+            for (size_t i = 0; i < s.size(); ++i) v |= uint64_t(s[i]) << (16 * i);
+            return v;
+        }
+        default: return s[0];
+    }
+}
+
+// The reference plan.
+struct Plan {
+    bool truth[2][2];   // [s][d]
+    bool bitwise;
+    bool readsSrc, readsDst;
+    bool nothing;
+    int op, sop, dop, rop;
+};
+
+inline bool analogue(int op, bool s, bool d) {
+    switch (op) {
+        case 0x0: case 0x6: case 0xA: return s && d;
+        case 0x1: case 0x3: case 0x9: case 0xB: case 0xD: return s || d;
+        case 0x2: return s != d;
+        case 0x4: return d && !s;
+        case 0x5: return s && !d;
+        case 0x7: case 0xC: return d;
+        default: return s;
+    }
+}
+inline bool applyOperator(int oper, bool v) { return oper == 0 ? v : oper == 1 ? !v : oper == 3; }
+
+inline bool validFlags(uint32_t flags) {
+    return flags <= 0xFFFF && (flags & 0xF) <= 3 && ((flags >> 4) & 0xF) <= 3 && ((flags >> 8) & 0xF) <= 0xD &&
+           (flags >> 12) <= 3;
+}
+
+inline Plan planOf(uint32_t flags, int32_t bpp) {
+    Plan p{};
+    p.sop = int(flags & 0xF);
+    p.dop = int((flags >> 4) & 0xF);
+    p.op = int((flags >> 8) & 0xF);
+    p.rop = int(flags >> 12);
+    for (int s = 0; s < 2; ++s)
+        for (int d = 0; d < 2; ++d)
+            p.truth[s][d] = applyOperator(p.rop, analogue(p.op, applyOperator(p.sop, s), applyOperator(p.dop, d)));
+    const bool dependsS = p.truth[0][0] != p.truth[1][0] || p.truth[0][1] != p.truth[1][1];
+    const bool dependsD = p.truth[0][0] != p.truth[0][1] || p.truth[1][0] != p.truth[1][1];
+    const bool division = p.op == 7 || p.op == 8;
+    p.bitwise = bpp == 1 || p.op <= 2;
+    if (!dependsS && !dependsD) {
+        p.bitwise = true;
+    } else if (dependsS != dependsD) {
+        if (p.bitwise || !division) {
+            p.bitwise = true;
+            p.readsSrc = dependsS;
+            p.readsDst = dependsD;
+        } else {
+            p.readsSrc = p.readsDst = true;
+        }
+    } else {
+        p.readsSrc = p.readsDst = true;
+    }
+    p.nothing = p.bitwise && !dependsS && dependsD && !p.truth[0][0] && p.truth[0][1];
+    return p;
+}
+
+inline uint32_t sampleOperand(int oper, uint32_t v, const Field& fl) {
+    switch (oper) {
+        case 1: return v ^ fl.mask;
+        case 2: return 0;
+        case 3: return fl.m;
+        default: return v;
+    }
+}
+
+inline uint32_t arithmetic(int op, uint32_t s, uint32_t d, uint32_t m) {
+    switch (op) {
+        case 0x3: return d + s > m ? m : d + s;
+        case 0x4: return d >= s ? d - s : 0;
+        case 0x5: return s >= d ? s - d : 0;
+        case 0x6: return uint32_t(uint64_t(d) * s / m);
+        case 0x7: if (s == 0) return m; return uint32_t(std::min<uint64_t>(m, uint64_t(d) * m / s));
+        case 0x8: if (d == 0) return m; return uint32_t(std::min<uint64_t>(m, uint64_t(s) * m / d));
+        case 0x9: return (d + s) / 2;
+        case 0xA: return d < s ? d : s;
+        case 0xB: return d > s ? d : s;
+        default: return d;  // 0x0C00
+    }
+}
+
+// The combined raw pixel.
+inline uint64_t combinePixel(const Plan& p, uint64_t src, uint64_t dst, const Format& f) {
+    if (p.bitwise) {
+        uint64_t r = 0;
+        for (int b = 0; b < f.bpp; ++b)
+            if (p.truth[(src >> b) & 1][(dst >> b) & 1]) r |= uint64_t(1) << b;
+        return r;
+    }
+    const std::vector<Field> fl = fieldsOf(f);
+    std::vector<uint32_t> s = samplesOf(src, f), d = samplesOf(dst, f), r(fl.size());
+    for (size_t i = 0; i < fl.size(); ++i) {
+        s[i] = sampleOperand(p.sop, s[i], fl[i]);
+        d[i] = sampleOperand(p.dop, d[i], fl[i]);
+    }
+    if (p.op == 0xD) {
+        if (!hasAlpha(f)) {
+            r = s;
+        } else if (f.bpp == 32) {
+            const uint64_t sa = s[3], da = d[3];
+            const uint64_t w = (255 - sa) * da + sa * 255;
+            for (int c = 0; c < 3; ++c) r[c] = w ? uint32_t((s[c] * sa * 255 + d[c] * (255 - sa) * da) / w) : 0;
+            r[3] = d[3];
+        } else {
+            const uint64_t sa = s[3], da = d[3];
+            const uint64_t a = da - da * sa / 65535 + sa;
+            const uint64_t w = (65535 - sa) * da / 65535;
+            for (int c = 0; c < 3; ++c) r[c] = a ? uint32_t((d[c] * w + s[c] * sa) / a) : 0;
+            r[3] = d[3];
+        }
+    } else {
+        for (size_t i = 0; i < fl.size(); ++i) r[i] = arithmetic(p.op, s[i], d[i], fl[i].m);
+    }
+    for (size_t i = 0; i < fl.size(); ++i) {
+        if (p.rop == 1) r[i] ^= fl[i].mask;
+        r[i] &= fl[i].mask;
+    }
+    return rawOf(r, f);
+}
+
+}  // namespace combinetest

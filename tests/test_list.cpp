@@ -1,0 +1,394 @@
+// test_list.cpp - bitmap lists against a model (a plain vector of tags)
+// driven by random sequences, the edge cases of each call, every failure
+// rule, and allocation failures through list growth.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "ombrix.h"
+#include "krn/common/list.h"
+#include "krn/common/memory.h"
+
+namespace {
+
+// The layout of a list block, to damage it on purpose in the failure tests.
+struct ListBlockView {
+    uint32_t count;
+    uint32_t tag;
+    BITMAPRECORD* items;
+};
+
+// A small bitmap that carries its tag in its first pixel and its width.
+BITMAPRECORD tagged(int tag, uint32_t size = BITMAPRECORD_SIZE) {
+    BITMAPRECORD bm;
+    std::memset(&bm, 0, sizeof bm);
+    EXPECT_EQ(K_CreateBitmap(&bm, size, 1, 3 + tag % 5, 2, 8, ORDER_GRAY, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    uint8_t row[8] = {uint8_t(tag), uint8_t(tag >> 8), 0, 0, 0, 0, 0, 0};
+    EXPECT_GE(K_PutBitmapRow(&bm, row, 0, bm.nBytesPerLine), 0);
+    return bm;
+}
+int tagOf(BITMAPRECORD* bm) {
+    uint8_t row[8] = {};
+    if (K_GetBitmapRow(bm, row, 0, bm->nBytesPerLine) < 0) return -1;
+    const int tag = row[0] | (row[1] << 8);
+    return bm->nWidth == 3 + tag % 5 ? tag : -2;
+}
+
+uint32_t countOf(HBITMAPLIST h) {
+    uint32_t n = 0xDEAD;
+    EXPECT_EQ(K_GetBitmapListCount(h, &n), KS_SUCCESS);
+    return n;
+}
+
+// The tags of a list, read through the items themselves.
+std::vector<int> tagsOf(HBITMAPLIST h) {
+    std::vector<int> t;
+    const uint32_t n = countOf(h);
+    for (uint32_t i = 0; i < n; ++i) {
+        BITMAPRECORD item;
+        EXPECT_EQ(K_GetBitmapListItem(h, i, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
+        EXPECT_EQ(item.uStructSize, BITMAPRECORD_SIZE);
+        t.push_back(tagOf(&item));
+    }
+    return t;
+}
+
+struct Warm {
+    Warm() {
+        BITMAPRECORD b = tagged(1);
+        K_FreeBitmap(&b);
+    }
+};
+
+TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
+    Warm warm;
+    const long base = krn::faultinject::liveBlocks();
+    for (uint32_t seed = 1; seed <= 12; ++seed) {
+        std::mt19937 rng(seed);
+        auto pick = [&](uint32_t n) { return n == 0 ? 0u : uint32_t(rng() % n); };
+        HBITMAPLIST h = nullptr;
+        ASSERT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
+        std::vector<int> model;
+        int nextTag = 1;
+        bool copySupported = true;
+        size_t largest = 0;
+        for (int step = 0; step < 150; ++step) {
+            const uint32_t n = uint32_t(model.size());
+            const int draw = int(rng() % 13), op = draw < 7 ? 0 : draw - 4;  // 0 insert, 3..8 the rest
+            if (op == 0 || n == 0) {  // insert (more often, so the list grows)
+                const uint32_t at = rng() % 4 == 0 ? BITMAPLIST_END : pick(n + 3);
+                BITMAPRECORD bm = tagged(nextTag, rng() % 3 == 0 ? BITMAPRECORD_SIZE_OLD : BITMAPRECORD_SIZE);
+                ASSERT_EQ(K_InsertBitmapListItem(h, at, &bm), KS_SUCCESS);
+                model.insert(model.begin() + std::min<size_t>(at, n), nextTag++);
+            } else if (op == 3) {  // remove, into a record or freed
+                const uint32_t i = pick(n);
+                if (rng() % 2) {
+                    BITMAPRECORD out;
+                    ASSERT_EQ(K_RemoveBitmapListItem(h, i, &out), KS_SUCCESS);
+                    EXPECT_EQ(tagOf(&out), model[i]);
+                    K_FreeBitmap(&out);
+                } else {
+                    ASSERT_EQ(K_RemoveBitmapListItem(h, i, nullptr), KS_SUCCESS);
+                }
+                model.erase(model.begin() + i);
+            } else if (op == 4) {  // delete a run
+                const uint32_t first = pick(n), count = 1 + pick(3);
+                ASSERT_EQ(K_DeleteBitmapListItems(h, first, count), KS_SUCCESS);
+                model.erase(model.begin() + first, model.begin() + std::min<size_t>(n, size_t(first) + count));
+            } else if (op == 5) {  // replace, the old one out or freed
+                const bool last = rng() % 4 == 0;
+                const uint32_t i = last ? n - 1 : pick(n);
+                BITMAPRECORD bm = tagged(nextTag, rng() % 2 ? BITMAPRECORD_SIZE : BITMAPRECORD_SIZE_OLD);
+                if (rng() % 2) {
+                    BITMAPRECORD old;
+                    ASSERT_EQ(K_ReplaceBitmapListItem(h, last ? BITMAPLIST_END : i, &bm, &old, BITMAPRECORD_SIZE),
+                              KS_SUCCESS);
+                    EXPECT_EQ(tagOf(&old), model[i]);
+                    K_FreeBitmap(&old);
+                } else {
+                    ASSERT_EQ(K_ReplaceBitmapListItem(h, last ? BITMAPLIST_END : i, &bm, nullptr, 0), KS_SUCCESS);
+                }
+                model[i] = nextTag++;
+            } else if (op == 6) {  // set: the old item is not freed, so take it first
+                const uint32_t i = pick(n);
+                BITMAPRECORD old;
+                ASSERT_EQ(K_GetBitmapListItem(h, i, &old, BITMAPRECORD_SIZE), KS_SUCCESS);
+                BITMAPRECORD bm = tagged(nextTag);
+                ASSERT_EQ(K_SetBitmapListItem(h, i, &bm), KS_SUCCESS);
+                K_FreeBitmap(&old);
+                model[i] = nextTag++;
+            } else if (op == 7) {  // copy a run: deep copies with the same tags
+                const uint32_t first = pick(n), count = 1 + pick(4);
+                HBITMAPLIST c = nullptr;
+                const int32_t r = K_CopyBitmapListItems(&c, h, first, count);
+                if (r == KS_NOT_SUPPORTED) {  // the copy family is not linked in yet
+                    copySupported = false;
+                    continue;
+                }
+                ASSERT_EQ(r, KS_SUCCESS);
+                const std::vector<int> want(model.begin() + first,
+                                            model.begin() + std::min<size_t>(n, size_t(first) + count));
+                EXPECT_EQ(tagsOf(c), want);
+                // Independent pixels: changing the copy leaves the source alone.
+                BITMAPRECORD item;
+                ASSERT_EQ(K_GetBitmapListItem(c, 0, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
+                uint8_t zero[8] = {};
+                K_PutBitmapRow(&item, zero, 0, item.nBytesPerLine);
+                ASSERT_EQ(K_DestroyBitmapList(c), KS_SUCCESS);
+            } else {  // move a run into a new list
+                const uint32_t first = pick(n), count = 1 + pick(4);
+                HBITMAPLIST m = nullptr;
+                ASSERT_EQ(K_MoveBitmapListItems(&m, h, first, count), KS_SUCCESS);
+                const size_t end = std::min<size_t>(n, size_t(first) + count);
+                const std::vector<int> want(model.begin() + first, model.begin() + end);
+                EXPECT_EQ(tagsOf(m), want);
+                model.erase(model.begin() + first, model.begin() + end);
+                ASSERT_EQ(K_DestroyBitmapList(m), KS_SUCCESS);
+            }
+            ASSERT_EQ(tagsOf(h), model) << "seed " << seed << " step " << step << " op " << op;
+            uint32_t cnt = 0;
+            BITMAPRECORD* items = krn::listItems(h, &cnt);
+            ASSERT_EQ(cnt, model.size());
+            EXPECT_EQ(items == nullptr, cnt == 0);  // an empty list holds no array
+            largest = std::max(largest, model.size());
+        }
+        EXPECT_GE(largest, 10u) << "the sequence should grow the list";
+        (void)copySupported;
+        ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
+    }
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+TEST(ListEdges, TheCasesOfEachCall) {
+    Warm warm;
+    const long base = krn::faultinject::liveBlocks();
+    HBITMAPLIST h = nullptr;
+    ASSERT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
+    EXPECT_EQ(countOf(h), 0u);
+    for (int t = 1; t <= 3; ++t) {
+        BITMAPRECORD bm = tagged(t);
+        ASSERT_EQ(K_InsertBitmapListItem(h, uint32_t(t - 1), &bm), KS_SUCCESS);
+    }
+    // Inserting at index 7 into a list of 3 appends at 3.
+    BITMAPRECORD four = tagged(4);
+    ASSERT_EQ(K_InsertBitmapListItem(h, 7, &four), KS_SUCCESS);
+    BITMAPRECORD five = tagged(5, BITMAPRECORD_SIZE_OLD);
+    ASSERT_EQ(K_InsertBitmapListItem(h, 0, &five), KS_SUCCESS);
+    EXPECT_EQ(tagsOf(h), (std::vector<int>{5, 1, 2, 3, 4}));
+    // Every item is held in the current layout; one from an older record has a zero tail.
+    uint32_t n = 0;
+    BITMAPRECORD* items = krn::listItems(h, &n);
+    ASSERT_EQ(n, 5u);
+    for (uint32_t i = 0; i < n; ++i) EXPECT_EQ(items[i].uStructSize, BITMAPRECORD_SIZE);
+    EXPECT_EQ(items[0].uSize64, 0u);
+    EXPECT_EQ(items[0].pCallbacks, nullptr);
+    // A 176-byte get: the copy says 176, and the item's block past the older layout is freed and cleared.
+    items[2].hListBlock = K_GlobalAlloc(GMEM_FIXED, 16);
+    ASSERT_NE(items[2].hListBlock, nullptr);
+    BITMAPRECORD old;
+    std::memset(&old, 0x77, sizeof old);
+    ASSERT_EQ(K_GetBitmapListItem(h, 2, &old, BITMAPRECORD_SIZE_OLD), KS_SUCCESS);
+    EXPECT_EQ(old.uStructSize, BITMAPRECORD_SIZE_OLD);
+    EXPECT_EQ(tagOf(&old), 2);
+    EXPECT_EQ(items[2].hListBlock, nullptr);
+    EXPECT_EQ(old.uSize64, 0x7777777777777777ull);  // nothing past the older layout was written
+    // A 216-byte get keeps the block.
+    items[1].hListBlock = K_GlobalAlloc(GMEM_FIXED, 16);
+    BITMAPRECORD cur;
+    ASSERT_EQ(K_GetBitmapListItem(h, 1, &cur, BITMAPRECORD_SIZE), KS_SUCCESS);
+    EXPECT_NE(items[1].hListBlock, nullptr);
+    EXPECT_EQ(cur.hListBlock, items[1].hListBlock);
+    // Deleting 10 items from index 2 of a 5-item list deletes 3.
+    ASSERT_EQ(K_DeleteBitmapListItems(h, 2, 10), KS_SUCCESS);
+    EXPECT_EQ(tagsOf(h), (std::vector<int>{5, 1}));
+    // Set with null leaves an empty item in the current layout; the old bitmap is not freed.
+    BITMAPRECORD taken;
+    ASSERT_EQ(K_GetBitmapListItem(h, 0, &taken, BITMAPRECORD_SIZE), KS_SUCCESS);
+    ASSERT_EQ(K_SetBitmapListItem(h, 0, nullptr), KS_SUCCESS);
+    items = krn::listItems(h, &n);
+    EXPECT_EQ(items[0].uStructSize, BITMAPRECORD_SIZE);
+    EXPECT_EQ(items[0].uFlags, 0u);
+    EXPECT_EQ(tagOf(&taken), 5);
+    K_FreeBitmap(&taken);
+    // Replace into a 176-byte out record: as many bytes as asked.
+    BITMAPRECORD nine = tagged(9), outOld;
+    std::memset(&outOld, 0x55, sizeof outOld);
+    ASSERT_EQ(K_ReplaceBitmapListItem(h, BITMAPLIST_END, &nine, &outOld, BITMAPRECORD_SIZE_OLD), KS_SUCCESS);
+    EXPECT_EQ(outOld.uStructSize, BITMAPRECORD_SIZE_OLD);
+    EXPECT_EQ(tagOf(&outOld), 1);
+    EXPECT_EQ(outOld.nLockCount, 0x55555555);
+    K_FreeBitmap(&outOld);
+    // Removing down to nothing frees the array.
+    ASSERT_EQ(K_RemoveBitmapListItem(h, 1, nullptr), KS_SUCCESS);
+    ASSERT_EQ(K_RemoveBitmapListItem(h, 0, nullptr), KS_SUCCESS);
+    EXPECT_EQ(krn::listItems(h, &n), nullptr);
+    EXPECT_EQ(n, 0u);
+    ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+TEST(ListFailures, EachRuleLeavesTheListAlone) {
+    Warm warm;
+    const long base = krn::faultinject::liveBlocks();
+    HBITMAPLIST h = nullptr, out = nullptr;
+    ASSERT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
+    for (int t = 1; t <= 4; ++t) {
+        BITMAPRECORD bm = tagged(t);
+        ASSERT_EQ(K_InsertBitmapListItem(h, BITMAPLIST_END, &bm), KS_SUCCESS);
+    }
+    const std::vector<int> tags = {1, 2, 3, 4};
+    BITMAPRECORD bm = tagged(50), rec;
+    // Null and foreign handles.
+    int local = 0;
+    void* globalBlock = K_GlobalAlloc(GMEM_FIXED | GMEM_ZEROINIT, 64);  // a live block that is not a list
+    for (HBITMAPLIST bad : {HBITMAPLIST(nullptr), reinterpret_cast<HBITMAPLIST>(&local),
+                            reinterpret_cast<HBITMAPLIST>(globalBlock), reinterpret_cast<HBITMAPLIST>(~uintptr_t(0))}) {
+        uint32_t n;
+        EXPECT_EQ(K_GetBitmapListCount(bad, &n), KS_INVALID_PARAMETER);
+        EXPECT_EQ(K_InsertBitmapListItem(bad, 0, &bm), KS_INVALID_PARAMETER);
+        EXPECT_EQ(K_RemoveBitmapListItem(bad, 0, &rec), KS_INVALID_PARAMETER);
+        EXPECT_EQ(K_DeleteBitmapListItems(bad, 0, 1), KS_INVALID_PARAMETER);
+        EXPECT_EQ(K_GetBitmapListItem(bad, 0, &rec, BITMAPRECORD_SIZE), KS_INVALID_PARAMETER);
+        EXPECT_EQ(K_SetBitmapListItem(bad, 0, &bm), KS_INVALID_PARAMETER);
+        EXPECT_EQ(K_ReplaceBitmapListItem(bad, 0, &bm, nullptr, 0), KS_INVALID_PARAMETER);
+        EXPECT_EQ(K_CopyBitmapListItems(&out, bad, 0, 1), KS_INVALID_PARAMETER);
+        EXPECT_EQ(K_MoveBitmapListItems(&out, bad, 0, 1), KS_INVALID_PARAMETER);
+        EXPECT_EQ(K_DestroyBitmapList(bad), KS_INVALID_PARAMETER);
+    }
+    K_GlobalFree(globalBlock);
+    // Null required pointers.
+    EXPECT_EQ(K_CreateBitmapList(nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_GetBitmapListCount(h, nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_InsertBitmapListItem(h, 0, nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_GetBitmapListItem(h, 0, nullptr, BITMAPRECORD_SIZE), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_ReplaceBitmapListItem(h, 0, nullptr, &rec, BITMAPRECORD_SIZE), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CopyBitmapListItems(nullptr, h, 0, 1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_MoveBitmapListItems(nullptr, h, 0, 1), KS_INVALID_PARAMETER);
+    // Indexes at or past the count, counts of 0.
+    EXPECT_EQ(K_GetBitmapListItem(h, 4, &rec, BITMAPRECORD_SIZE), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetBitmapListItem(h, 4, &bm), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_RemoveBitmapListItem(h, 4, &rec), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_RemoveBitmapListItem(h, BITMAPLIST_END, &rec), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_DeleteBitmapListItems(h, 4, 1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_DeleteBitmapListItems(h, 0, 0), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CopyBitmapListItems(&out, h, 4, 1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CopyBitmapListItems(&out, h, 0, 0), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_MoveBitmapListItems(&out, h, 4, 1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_MoveBitmapListItems(&out, h, 1, 0), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_ReplaceBitmapListItem(h, 4, &bm, nullptr, 0), KS_INVALID_PARAMETER);
+    // Record sizes.
+    BITMAPRECORD badSize = bm;
+    badSize.uStructSize = 200;
+    EXPECT_EQ(K_InsertBitmapListItem(h, 0, &badSize), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(K_SetBitmapListItem(h, 0, &badSize), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(K_ReplaceBitmapListItem(h, 0, &badSize, nullptr, 0), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(K_ReplaceBitmapListItem(h, 0, &bm, &rec, 100), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(K_GetBitmapListItem(h, 0, &rec, 177), KS_INVALID_STRUCT_SIZE);
+    // A first item whose size word is not 216.
+    uint32_t n = 0;
+    BITMAPRECORD* items = krn::listItems(h, &n);
+    items[0].uStructSize = BITMAPRECORD_SIZE_OLD;
+    EXPECT_EQ(K_InsertBitmapListItem(h, 0, &bm), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(K_RemoveBitmapListItem(h, 1, &rec), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(K_ReplaceBitmapListItem(h, 1, &bm, nullptr, 0), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(K_MoveBitmapListItems(&out, h, 1, 1), KS_INVALID_STRUCT_SIZE);
+    items[0].uStructSize = BITMAPRECORD_SIZE;
+    // A non-empty list without its array.
+    ListBlockView* view = reinterpret_cast<ListBlockView*>(h);
+    BITMAPRECORD* saved = view->items;
+    view->items = nullptr;
+    EXPECT_EQ(K_InsertBitmapListItem(h, 0, &bm), KS_NULL_POINTER);
+    view->items = saved;
+    EXPECT_EQ(tagsOf(h), tags);
+    K_FreeBitmap(&bm);
+    ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+// Every allocation of list growth, creation, move and copy fails in turn:
+// -1 comes back, the list and the caller's record are as they were, nothing leaks.
+TEST(ListFailures, AllocationFailuresThroughGrowth) {
+    Warm warm;
+    const long base = krn::faultinject::liveBlocks();
+    for (long nth = 0; nth < 4; ++nth) {
+        krn::faultinject::arm(nth, 1);
+        HBITMAPLIST h = nullptr;
+        int32_t r = K_CreateBitmapList(&h);
+        krn::faultinject::disarm();
+        if (r == KS_SUCCESS) {
+            K_DestroyBitmapList(h);
+        } else {
+            EXPECT_EQ(r, KS_NO_MEMORY);
+            EXPECT_EQ(h, nullptr);
+        }
+    }
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    HBITMAPLIST h = nullptr;
+    ASSERT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
+    std::vector<int> model;
+    int failures = 0;
+    for (int t = 1; t <= 12; ++t) {
+        BITMAPRECORD bm = tagged(t);
+        const BITMAPRECORD before = bm;
+        const long live = krn::faultinject::liveBlocks();
+        krn::faultinject::arm(0, 1);
+        int32_t r = K_InsertBitmapListItem(h, uint32_t(t % 3), &bm);
+        krn::faultinject::disarm();
+        ASSERT_EQ(r, KS_NO_MEMORY);
+        ++failures;
+        EXPECT_EQ(0, std::memcmp(&bm, &before, sizeof bm));
+        EXPECT_EQ(tagsOf(h), model);
+        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+        ASSERT_EQ(K_InsertBitmapListItem(h, uint32_t(t % 3), &bm), KS_SUCCESS);
+        model.insert(model.begin() + std::min<size_t>(size_t(t % 3), model.size()), t);
+        EXPECT_EQ(tagsOf(h), model);
+    }
+    EXPECT_EQ(failures, 12);
+    // Move: each allocation it makes fails once.
+    for (long nth = 0;; ++nth) {
+        const long live = krn::faultinject::liveBlocks();
+        HBITMAPLIST m = nullptr;
+        krn::faultinject::arm(nth, 1);
+        int32_t r = K_MoveBitmapListItems(&m, h, 2, 3);
+        krn::faultinject::disarm();
+        if (r == KS_SUCCESS) {
+            EXPECT_EQ(tagsOf(m), std::vector<int>(model.begin() + 2, model.begin() + 5));
+            model.erase(model.begin() + 2, model.begin() + 5);
+            K_DestroyBitmapList(m);
+            break;
+        }
+        EXPECT_EQ(r, KS_NO_MEMORY);
+        EXPECT_EQ(m, nullptr);
+        EXPECT_EQ(tagsOf(h), model);
+        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+        ASSERT_LT(nth, 10);
+    }
+    EXPECT_EQ(tagsOf(h), model);
+    // Copy: every failure destroys the half-made list.
+    for (long nth = 0;; ++nth) {
+        const long live = krn::faultinject::liveBlocks();
+        HBITMAPLIST c = nullptr;
+        krn::faultinject::arm(nth, 1);
+        int32_t r = K_CopyBitmapListItems(&c, h, 1, 4);
+        krn::faultinject::disarm();
+        if (r == KS_SUCCESS || r == KS_NOT_SUPPORTED) {
+            if (r == KS_SUCCESS) {
+                EXPECT_EQ(tagsOf(c), std::vector<int>(model.begin() + 1, model.begin() + 5));
+                K_DestroyBitmapList(c);
+            }
+            break;
+        }
+        EXPECT_LT(r, 0);
+        EXPECT_EQ(c, nullptr);
+        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+        ASSERT_LT(nth, 200);
+    }
+    EXPECT_EQ(tagsOf(h), model);
+    ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+}
+
+}  // namespace

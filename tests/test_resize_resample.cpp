@@ -1,0 +1,394 @@
+// The interpolating resamplers against a plain double-precision filter
+// written here (a direct two-dimensional weighted sum with the edge index
+// clamped), plus invariants: constants stay constant, a ramp stays a ramp
+// under bilinear growth, integer area reduction gives block means, and
+// premultiplied resampling lends no colour from transparent pixels.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "krn/common/resize.h"
+#include "ombrix.h"
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+
+// ---------------------------------------------------------------- plain image model
+
+struct Img {
+    int32_t w, h, c;
+    std::vector<double> v;  // c samples per pixel, canonical order B, G, R, A
+    double& at(int32_t x, int32_t y, int32_t k) { return v[(size_t(y) * w + x) * c + k]; }
+    double at(int32_t x, int32_t y, int32_t k) const { return v[(size_t(y) * w + x) * c + k]; }
+};
+
+struct Fmt {
+    int32_t bpp, order, channels;
+    double max;
+};
+const Fmt kFormats[] = {{8, ORDER_GRAY, 1, 255},   {12, ORDER_GRAY, 1, 4095}, {16, ORDER_GRAY, 1, 65535},
+                        {24, ORDER_BGR, 3, 255},   {24, ORDER_RGB, 3, 255},   {32, ORDER_BGR, 4, 255},
+                        {48, ORDER_BGR, 3, 65535}, {64, ORDER_BGR, 4, 65535}};
+
+uint32_t sampleBytes(int32_t bpp, int32_t channels) { return uint32_t(bpp / 8 / channels); }
+
+// Writes / reads pixels through the row API with index arithmetic of our own.
+void putImage(BITMAPRECORD* bm, const Img& im, const Fmt& f) {
+    std::vector<uint8_t> row(bm->nBytesPerLine);
+    K_AccessBitmap(bm);
+    for (int32_t y = 0; y < im.h; ++y) {
+        std::fill(row.begin(), row.end(), 0);
+        for (int32_t x = 0; x < im.w; ++x)
+            for (int32_t k = 0; k < f.channels; ++k) {
+                const uint32_t val = uint32_t(std::lround(im.at(x, y, k)));
+                if (f.bpp == 12) {
+                    uint8_t* q = row.data() + (x / 2) * 3;
+                    if (x % 2) {
+                        q[1] = uint8_t((q[1] & 15) | ((val & 15) << 4));
+                        q[2] = uint8_t(val >> 4);
+                    } else {
+                        q[0] = uint8_t(val);
+                        q[1] = uint8_t((q[1] & 0xF0) | (val >> 8));
+                    }
+                    continue;
+                }
+                const uint32_t sb = sampleBytes(f.bpp, f.channels);
+                const int32_t pos = (f.order == ORDER_RGB && k < 3) ? 2 - k : k;
+                uint8_t* q = row.data() + (size_t(x) * f.channels + pos) * sb;
+                q[0] = uint8_t(val);
+                if (sb == 2) q[1] = uint8_t(val >> 8);
+            }
+        K_PutBitmapRow(bm, row.data(), y, bm->nBytesPerLine);
+    }
+    K_ReleaseBitmap(bm);
+}
+Img getImage(BITMAPRECORD* bm, const Fmt& f) {
+    Img im{bm->nWidth, bm->nHeight, f.channels, {}};
+    im.v.resize(size_t(im.w) * im.h * im.c);
+    std::vector<uint8_t> row(bm->nBytesPerLine);
+    K_AccessBitmap(bm);
+    for (int32_t y = 0; y < im.h; ++y) {
+        K_GetBitmapRow(bm, row.data(), y, bm->nBytesPerLine);
+        for (int32_t x = 0; x < im.w; ++x)
+            for (int32_t k = 0; k < f.channels; ++k) {
+                if (f.bpp == 12) {
+                    const uint8_t* q = row.data() + (x / 2) * 3;
+                    im.at(x, y, k) = x % 2 ? (q[1] >> 4) + 16 * q[2] : q[0] + 256 * (q[1] & 15);
+                    continue;
+                }
+                const uint32_t sb = sampleBytes(f.bpp, f.channels);
+                const int32_t pos = (f.order == ORDER_RGB && k < 3) ? 2 - k : k;
+                const uint8_t* q = row.data() + (size_t(x) * f.channels + pos) * sb;
+                im.at(x, y, k) = sb == 2 ? q[0] + 256.0 * q[1] : q[0];
+            }
+    }
+    K_ReleaseBitmap(bm);
+    return im;
+}
+
+BITMAPRECORD make(const Fmt& f, int32_t w, int32_t h) {
+    BITMAPRECORD bm;
+    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, f.bpp, f.bpp == 8 ? ORDER_GRAY : f.order, nullptr, 1,
+                             nullptr, 0),
+              KS_SUCCESS);
+    return bm;
+}
+
+Img randomImage(int32_t w, int32_t h, const Fmt& f, uint32_t seed) {
+    std::mt19937 rng(seed);
+    Img im{w, h, f.channels, std::vector<double>(size_t(w) * h * f.channels)};
+    // Smooth blobs plus noise, so both flat and busy areas are seen.
+    for (int32_t y = 0; y < h; ++y)
+        for (int32_t x = 0; x < w; ++x)
+            for (int32_t k = 0; k < f.channels; ++k) {
+                const double s = 0.5 + 0.35 * std::sin(0.3 * x + k) * std::cos(0.2 * y - k);
+                const double n = (double(rng() % 1000) / 1000.0 - 0.5) * 0.3;
+                im.at(x, y, k) = std::round(std::clamp(s + n, 0.0, 1.0) * f.max);
+            }
+    return im;
+}
+
+// ---------------------------------------------------------------- the reference filter
+
+enum class Method { Resample, Cubic, Lanczos };
+
+// Weights of source index j for target index i, unnormalised, any j (edges clamp later).
+double weight(Method m, int32_t oldN, int32_t newN, int32_t i, int32_t j) {
+    const double s = double(oldN) / newN;
+    if (m == Method::Resample && newN < oldN) {  // area: overlap of [i s, (i+1) s) with [j, j+1)
+        const double lo = std::max(i * s, double(j)), hi = std::min((i + 1) * s, double(j + 1));
+        return hi > lo ? hi - lo : 0.0;
+    }
+    const double stretch = m == Method::Resample ? 1.0 : std::max(1.0, s);
+    const double t = std::fabs((j + 0.5 - (i + 0.5) * s) / stretch);
+    switch (m) {
+        case Method::Resample: return t < 1 ? 1 - t : 0;
+        case Method::Cubic:
+            if (t < 1) return 1.5 * t * t * t - 2.5 * t * t + 1;
+            if (t < 2) return -0.5 * t * t * t + 2.5 * t * t - 4 * t + 2;
+            return 0;
+        case Method::Lanczos: {
+            if (t >= 3) return 0;
+            if (t == 0) return 1;
+            return 3 * std::sin(kPi * t) * std::sin(kPi * t / 3) / (kPi * kPi * t * t);
+        }
+    }
+    return 0;
+}
+
+Img reference(const Img& src, int32_t nw, int32_t nh, Method m, double maxv) {
+    auto table = [&](int32_t oldN, int32_t newN) {
+        std::vector<std::vector<double>> t(size_t(newN), std::vector<double>(size_t(oldN), 0.0));
+        for (int32_t i = 0; i < newN; ++i) {
+            double sum = 0;
+            for (int32_t j = -oldN - 8; j < 2 * oldN + 8; ++j) {
+                const double wgt = weight(m, oldN, newN, i, j);
+                t[size_t(i)][size_t(std::clamp(j, 0, oldN - 1))] += wgt;
+                sum += wgt;
+            }
+            for (auto& x : t[size_t(i)]) x /= sum;
+        }
+        return t;
+    };
+    const auto wx = table(src.w, nw), wy = table(src.h, nh);
+    Img out{nw, nh, src.c, std::vector<double>(size_t(nw) * nh * src.c)};
+    for (int32_t y = 0; y < nh; ++y)
+        for (int32_t x = 0; x < nw; ++x)
+            for (int32_t k = 0; k < src.c; ++k) {
+                double acc = 0;
+                for (int32_t sy = 0; sy < src.h; ++sy) {
+                    const double a = wy[size_t(y)][size_t(sy)];
+                    if (a == 0) continue;
+                    for (int32_t sx = 0; sx < src.w; ++sx) acc += a * wx[size_t(x)][size_t(sx)] * src.at(sx, sy, k);
+                }
+                out.at(x, y, k) = std::clamp(acc, 0.0, maxv);
+            }
+    return out;
+}
+
+int32_t run(BITMAPRECORD* bm, int32_t w, int32_t h, Method m, uint32_t extra = 0) {
+    switch (m) {
+        case Method::Resample: return K_ResampleBitmap(bm, w, h, extra);
+        case Method::Cubic: return K_BicubicResampleBitmap(bm, w, h, extra);
+        case Method::Lanczos: return K_ResampleBitmap(bm, w, h, SIZE_LANCZOS | extra);
+    }
+    return 0;
+}
+
+double maxDiff(const Img& a, const Img& b) {
+    double d = 0;
+    for (size_t i = 0; i < a.v.size(); ++i) d = std::max(d, std::fabs(a.v[i] - b.v[i]));
+    return d;
+}
+
+const char* name(Method m) { return m == Method::Resample ? "resample" : m == Method::Cubic ? "bicubic" : "lanczos"; }
+
+// ---------------------------------------------------------------- tests
+
+TEST(Resample, MatchesDoublePrecisionFilterWithinOneLevel) {
+    struct Size {
+        int32_t ow, oh, nw, nh;
+    } sizes[] = {{17, 13, 40, 29}, {40, 30, 13, 9}, {24, 16, 8, 40}, {9, 31, 9, 7}, {30, 20, 45, 30}, {30, 20, 15, 10}};
+    for (const Fmt& f : kFormats)
+        for (Method m : {Method::Resample, Method::Cubic, Method::Lanczos})
+            for (const Size& s : sizes) {
+                const Img src = randomImage(s.ow, s.oh, f, uint32_t(f.bpp * 7 + s.nw));
+                BITMAPRECORD bm = make(f, s.ow, s.oh);
+                putImage(&bm, src, f);
+                ASSERT_EQ(run(&bm, s.nw, s.nh, m), KS_SUCCESS);
+                ASSERT_EQ(bm.nBitsPerPixel, f.bpp);
+                const Img got = getImage(&bm, f);
+                const Img want = reference(src, s.nw, s.nh, m, f.max);
+                EXPECT_LE(maxDiff(got, want), 1.0) << name(m) << " bpp " << f.bpp << " order " << f.order << " "
+                                                   << s.ow << "x" << s.oh << "->" << s.nw << "x" << s.nh;
+                K_FreeBitmap(&bm);
+            }
+}
+
+TEST(Resample, ConstantsStayConstant) {
+    for (const Fmt& f : kFormats)
+        for (Method m : {Method::Resample, Method::Cubic, Method::Lanczos})
+            for (auto [nw, nh] : {std::pair{50, 7}, {3, 40}, {23, 23}}) {
+                Img src{21, 17, f.channels, std::vector<double>(size_t(21 * 17 * f.channels))};
+                for (size_t i = 0; i < src.v.size(); ++i) src.v[i] = std::round(f.max * (0.2 + 0.2 * double(i % f.channels)));
+                BITMAPRECORD bm = make(f, 21, 17);
+                putImage(&bm, src, f);
+                ASSERT_EQ(run(&bm, nw, nh, m), KS_SUCCESS);
+                const Img got = getImage(&bm, f);
+                for (int32_t y = 0; y < nh; ++y)
+                    for (int32_t x = 0; x < nw; ++x)
+                        for (int32_t k = 0; k < f.channels; ++k)
+                            ASSERT_EQ(got.at(x, y, k), src.at(0, 0, k)) << name(m) << " bpp " << f.bpp;
+                K_FreeBitmap(&bm);
+            }
+}
+
+TEST(Resample, RampStaysLinearUnderBilinearGrowth) {
+    const Fmt f{16, ORDER_GRAY, 1, 65535};
+    Img src{20, 6, 1, std::vector<double>(120)};
+    for (int32_t y = 0; y < 6; ++y)
+        for (int32_t x = 0; x < 20; ++x) src.at(x, y, 0) = 1000 + 3000 * x;
+    BITMAPRECORD bm = make(f, 20, 6);
+    putImage(&bm, src, f);
+    ASSERT_EQ(K_ResampleBitmap(&bm, 53, 11, 0), KS_SUCCESS);
+    const Img got = getImage(&bm, f);
+    for (int32_t y = 0; y < 11; ++y)
+        for (int32_t x = 0; x < 53; ++x) {
+            const double u = std::clamp((x + 0.5) * 20.0 / 53.0 - 0.5, 0.0, 19.0);  // source position of the centre
+            EXPECT_NEAR(got.at(x, y, 0), 1000 + 3000 * u, 0.5 + 1e-6) << x;
+        }
+    K_FreeBitmap(&bm);
+}
+
+TEST(Resample, IntegerAreaReductionIsTheBlockMean) {
+    for (const Fmt& f : kFormats)
+        for (int32_t k : {2, 3, 5}) {
+            const Img src = randomImage(6 * k, 4 * k, f, uint32_t(k));
+            BITMAPRECORD bm = make(f, 6 * k, 4 * k);
+            putImage(&bm, src, f);
+            ASSERT_EQ(K_ResampleBitmap(&bm, 6, 4, 0), KS_SUCCESS);
+            const Img got = getImage(&bm, f);
+            for (int32_t y = 0; y < 4; ++y)
+                for (int32_t x = 0; x < 6; ++x)
+                    for (int32_t c = 0; c < f.channels; ++c) {
+                        double sum = 0;
+                        for (int32_t yy = 0; yy < k; ++yy)
+                            for (int32_t xx = 0; xx < k; ++xx) sum += src.at(x * k + xx, y * k + yy, c);
+                        EXPECT_NEAR(got.at(x, y, c), sum / (k * k), 0.5 + 1e-6) << "bpp " << f.bpp << " factor " << k;
+                    }
+            K_FreeBitmap(&bm);
+        }
+}
+
+// Opaque red beside fully transparent green: premultiplied resampling gives
+// no green anywhere; straight resampling does (so the test can fail).
+TEST(Resample, PremultipliedAlphaLendsNoColourFromTransparentPixels) {
+    for (const Fmt& f : {Fmt{32, ORDER_BGR, 4, 255}, Fmt{64, ORDER_BGR, 4, 65535}})
+        for (Method m : {Method::Resample, Method::Cubic, Method::Lanczos})
+            for (uint32_t flags : {0u, uint32_t(SIZE_PREMULTIPLY)}) {
+                Img src{16, 8, 4, std::vector<double>(16 * 8 * 4)};
+                for (int32_t y = 0; y < 8; ++y)
+                    for (int32_t x = 0; x < 16; ++x) {
+                        const bool opaque = (x + y / 2) % 5 < 2;
+                        src.at(x, y, 0) = 0;
+                        src.at(x, y, 1) = opaque ? 0 : f.max;  // green only where transparent
+                        src.at(x, y, 2) = opaque ? f.max : 0;
+                        src.at(x, y, 3) = opaque ? f.max : 0;
+                    }
+                BITMAPRECORD bm = make(f, 16, 8);
+                putImage(&bm, src, f);
+                ASSERT_EQ(run(&bm, 37, 11, m, flags), KS_SUCCESS);
+                const Img got = getImage(&bm, f);
+                double green = 0;
+                for (int32_t y = 0; y < 11; ++y)
+                    for (int32_t x = 0; x < 37; ++x)
+                        if (got.at(x, y, 3) > 0) green = std::max(green, got.at(x, y, 1));
+                if (flags)
+                    EXPECT_EQ(green, 0) << name(m) << " bpp " << f.bpp;
+                else
+                    EXPECT_GT(green, f.max / 10) << name(m);
+                K_FreeBitmap(&bm);
+            }
+}
+
+TEST(Resample, PaletteImagesGoThroughTheirColours) {
+    BITMAPRECORD bm;
+    RGBQUAD pal[16];
+    for (int i = 0; i < 16; ++i) pal[i] = RGBQUAD{uint8_t(i * 16), uint8_t(255 - i * 8), uint8_t(i * i), 0};
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 19, 11, 4, 0, pal, 1, nullptr, 0), KS_SUCCESS);
+    Img colours{19, 11, 3, std::vector<double>(19 * 11 * 3)};
+    std::vector<uint8_t> row(bm.nBytesPerLine);
+    std::mt19937 rng(3);
+    K_AccessBitmap(&bm);
+    for (int32_t y = 0; y < 11; ++y) {
+        std::fill(row.begin(), row.end(), 0);
+        for (int32_t x = 0; x < 19; ++x) {
+            const uint32_t idx = rng() % 16;
+            row[size_t(x / 2)] |= uint8_t(x % 2 ? idx : idx << 4);
+            colours.at(x, y, 0) = pal[idx].rgbBlue;
+            colours.at(x, y, 1) = pal[idx].rgbGreen;
+            colours.at(x, y, 2) = pal[idx].rgbRed;
+        }
+        K_PutBitmapRow(&bm, row.data(), y, bm.nBytesPerLine);
+    }
+    K_ReleaseBitmap(&bm);
+    ASSERT_EQ(K_BicubicResampleBitmap(&bm, 30, 7, 0), KS_SUCCESS);
+    ASSERT_EQ(bm.nBitsPerPixel, 24);
+    const Fmt f24{24, ORDER_BGR, 3, 255};
+    EXPECT_LE(maxDiff(getImage(&bm, f24), reference(colours, 30, 7, Method::Cubic, 255)), 1.0);
+    K_FreeBitmap(&bm);
+}
+
+TEST(Resample, PlainLoopsThreadsAndStorageAgree) {
+    const Fmt f{32, ORDER_BGR, 4, 255};
+    const Img src = randomImage(300, 200, f, 42);
+    auto once = [&](bool plain, int32_t threads, uint32_t memType, Method m) {
+        krn::resampletest::forcePlain(plain);
+        krn::resampletest::setMaxThreads(threads);
+        BITMAPRECORD bm;
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, memType, 300, 200, 32, ORDER_BGR, nullptr, 1, nullptr, 0),
+                  KS_SUCCESS);
+        putImage(&bm, src, f);
+        EXPECT_EQ(run(&bm, 451, 299, m), KS_SUCCESS);
+        Img out = getImage(&bm, f);
+        K_FreeBitmap(&bm);
+        krn::resampletest::forcePlain(false);
+        krn::resampletest::setMaxThreads(0);
+        return out;
+    };
+    for (Method m : {Method::Resample, Method::Cubic, Method::Lanczos}) {
+        const Img ref = once(true, 1, 1, m);
+        EXPECT_LE(maxDiff(once(false, 1, 1, m), ref), 1.0) << "SIMD vs plain, " << name(m);
+        EXPECT_EQ(maxDiff(once(false, 0, 1, m), once(false, 1, 1, m)), 0.0) << "threads, " << name(m);
+        EXPECT_EQ(maxDiff(once(false, 0, MEMTYPE_NO_CONVENTIONAL, m), once(false, 1, 1, m)), 0.0) << "disk, " << name(m);
+    }
+}
+
+TEST(Resample, IntoPaletteAndGreyDestinations) {
+    const Fmt f{24, ORDER_BGR, 3, 255};
+    const Img src = randomImage(20, 20, f, 5);
+    BITMAPRECORD a = make(f, 20, 20);
+    putImage(&a, src, f);
+    BITMAPRECORD grey;
+    ASSERT_EQ(K_CreateBitmap(&grey, BITMAPRECORD_SIZE, 1, 10, 10, 8, ORDER_GRAY, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(K_BicubicResampleBitmapInt(&a, &grey, 0), KS_SUCCESS);
+    const Img g = getImage(&grey, Fmt{8, ORDER_GRAY, 1, 255});
+    const Img ref = reference(src, 10, 10, Method::Cubic, 255);
+    for (int32_t y = 0; y < 10; ++y)
+        for (int32_t x = 0; x < 10; ++x) {
+            const double want = (2 * ref.at(x, y, 2) + 5 * ref.at(x, y, 1) + ref.at(x, y, 0)) / 8;
+            EXPECT_NEAR(g.at(x, y, 0), want, 1.0);
+        }
+    // A fixed 8-bit palette: each pixel is the entry nearest to the filtered colour.
+    BITMAPRECORD p;
+    ASSERT_EQ(K_CreateBitmap(&p, BITMAPRECORD_SIZE, 1, 10, 10, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(K_ResizeBitmap(&a, &p, SIZE_BICUBIC), KS_SUCCESS);
+    std::vector<uint8_t> row(p.nBytesPerLine);
+    K_AccessBitmap(&p);
+    for (int32_t y = 0; y < 10; ++y) {
+        K_GetBitmapRow(&p, row.data(), y, p.nBytesPerLine);
+        for (int32_t x = 0; x < 10; ++x) {
+            auto dist = [&](const RGBQUAD& e) {
+                const double dr = e.rgbRed - ref.at(x, y, 2), dg = e.rgbGreen - ref.at(x, y, 1),
+                             db = e.rgbBlue - ref.at(x, y, 0);
+                return dr * dr + dg * dg + db * db;
+            };
+            double best = 1e18;
+            for (int32_t i = 0; i < 256; ++i) best = std::min(best, dist(p.pPalette[i]));
+            // The nearest entry, up to the one-level rounding of the filtered colour.
+            EXPECT_LE(dist(p.pPalette[row[size_t(x)]]), best + 6 * 255 + 3) << x << "," << y;
+        }
+    }
+    K_ReleaseBitmap(&p);
+    EXPECT_EQ(K_BicubicResampleBitmapInt(&a, nullptr, 0), KS_INVALID_BITMAP);
+    K_FreeBitmap(&a);
+    K_FreeBitmap(&grey);
+    K_FreeBitmap(&p);
+}
+
+}  // namespace

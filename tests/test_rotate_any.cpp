@@ -1,0 +1,599 @@
+// test_rotate_any.cpp - rotation by any angle and shear.
+//
+// Oracles: a plain double-precision inverse mapping written here pixel by
+// pixel (nearest exact, bilinear and bicubic within one level), the quarter
+// turn by index arithmetic out[x][H-1-y] = in[y][x], the viewed image through
+// K_PointFromBitmap for every perspective, a turn and its inverse, the same
+// values at different depths, every storage kind against a single block, and
+// the plain kernels against the SIMD ones.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "krn/common/memory.h"
+#include "krn/common/rotate_any.h"
+#include "ombrix.h"
+#include "storage_kinds.h"
+
+using namespace storagetest;
+
+extern "C" int32_t K_RotateBitmap90(BITMAPRECORD*, int32_t, int32_t, int32_t) __attribute__((weak));
+
+namespace {
+
+// ---------------------------------------------------------------- helpers
+struct Bm {
+    BITMAPRECORD bm{};
+    Bm(int32_t w, int32_t h, int32_t bpp, int32_t order = -1, int32_t persp = 1) {
+        if (order < 0) order = bpp == 8 || bpp == 12 || bpp == 16 ? ORDER_GRAY : bpp <= 8 ? 0 : ORDER_BGR;
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, bpp, order, nullptr, persp, nullptr, 0),
+                  KS_SUCCESS);
+    }
+    ~Bm() { K_FreeBitmap(&bm); }
+};
+void put(BITMAPRECORD* bm, RefImage& img) {
+    for (int32_t r = 0; r < img.height; ++r) ASSERT_GE(K_PutBitmapRow(bm, img.row(r), r, img.bpl), 0);
+}
+RefImage get(BITMAPRECORD* bm) {
+    RefImage img(bm->nWidth, bm->nHeight, bm->nBitsPerPixel);
+    for (int32_t r = 0; r < img.height; ++r) EXPECT_GE(K_GetBitmapRow(bm, img.row(r), r, img.bpl), 0);
+    return img;
+}
+int channels(int bpp) { return bpp == 24 || bpp == 48 ? 3 : bpp == 32 || bpp == 64 ? 4 : 1; }
+int chanBits(int bpp) { return bpp == 16 || bpp == 48 || bpp == 64 ? 16 : 8; }
+double chan(RefImage& img, int x, int y, int ch) {
+    const uint8_t* p = img.row(y) + size_t(x) * size_t(img.bpp / 8) + size_t(ch) * (chanBits(img.bpp) / 8);
+    return chanBits(img.bpp) == 16 ? double(p[0] | (p[1] << 8)) : double(p[0]);
+}
+void setChan(RefImage& img, int x, int y, int ch, uint32_t v) {
+    uint8_t* p = img.row(y) + size_t(x) * size_t(img.bpp / 8) + size_t(ch) * (chanBits(img.bpp) / 8);
+    p[0] = uint8_t(v);
+    if (chanBits(img.bpp) == 16) p[1] = uint8_t(v >> 8);
+}
+// Smooth content; alpha (4th channel) varies too, so that premultiplied
+// weighting is exercised.
+void smooth(RefImage& img) {
+    const double top = chanBits(img.bpp) == 16 ? 65535.0 : 255.0;
+    for (int y = 0; y < img.height; ++y)
+        for (int x = 0; x < img.width; ++x)
+            for (int ch = 0; ch < channels(img.bpp); ++ch) {
+                double v = ch == 3 ? 0.6 + 0.4 * std::sin(x / 11.0 + y / 13.0)
+                                   : 0.5 + 0.45 * std::sin(x / 7.0 + ch) * std::cos(y / 9.0 - ch);
+                setChan(img, x, y, ch, uint32_t(std::lround(v * top)));
+            }
+}
+
+// The inverse map in double, from the table's sine and cosine: destination
+// centre to source centre, clockwise turn by theta as drawn top down.
+struct Inverse {
+    double c, s, scx, scy, dcx, dcy;
+    Inverse(int32_t theta, int sw, int sh, int dw, int dh) {
+        const int32_t a = ((theta % 36000) + 36000) % 36000;
+        c = K_CosValue(a) / 16384.0;
+        s = K_SinValue(a) / 16384.0;
+        scx = (sw - 1) / 2.0, scy = (sh - 1) / 2.0, dcx = (dw - 1) / 2.0, dcy = (dh - 1) / 2.0;
+    }
+    void operator()(int i, int j, double* x, double* y) const {
+        const double dx = i - dcx, dy = j - dcy;
+        *x = scx + c * dx + s * dy;
+        *y = scy - s * dx + c * dy;
+    }
+};
+using MapFn = std::function<void(int, int, double*, double*)>;
+
+// Expected value of channel ch at destination (i, j); false when uncovered.
+bool oracle(RefImage& src, const MapFn& map, int i, int j, uint32_t interp, int ch, double* out) {
+    double x, y;
+    map(i, j, &x, &y);
+    const int W = src.width, H = src.height;
+    if (!(x >= -0.5 && x < W - 0.5 && y >= -0.5 && y < H - 0.5)) return false;
+    auto at = [&](int xx, int yy, int c) {
+        return chan(src, std::clamp(xx, 0, W - 1), std::clamp(yy, 0, H - 1), c);
+    };
+    if (interp == ROTATE_NEAREST) {
+        *out = at(int(std::floor(x + 0.5)), int(std::floor(y + 0.5)), ch);
+        return true;
+    }
+    const int x0 = int(std::floor(x)), y0 = int(std::floor(y));
+    std::vector<std::pair<std::pair<int, int>, double>> taps;
+    if (interp == ROTATE_BILINEAR) {
+        const double fx = x - x0, fy = y - y0;
+        taps = {{{x0, y0}, (1 - fx) * (1 - fy)}, {{x0 + 1, y0}, fx * (1 - fy)},
+                {{x0, y0 + 1}, (1 - fx) * fy}, {{x0 + 1, y0 + 1}, fx * fy}};
+    } else {
+        auto k = [](double t) {  // Catmull-Rom
+            t = std::fabs(t);
+            return t < 1 ? 1.5 * t * t * t - 2.5 * t * t + 1 : t < 2 ? -0.5 * t * t * t + 2.5 * t * t - 4 * t + 2 : 0;
+        };
+        for (int r = -1; r <= 2; ++r)
+            for (int q = -1; q <= 2; ++q) taps.push_back({{x0 + q, y0 + r}, k(x - (x0 + q)) * k(y - (y0 + r))});
+    }
+    bool sameAlpha = true;
+    if (channels(src.bpp) == 4)
+        for (auto& t : taps) sameAlpha = sameAlpha && at(t.first.first, t.first.second, 3) == at(x0, y0, 3);
+    double acc = 0, A = 0;
+    for (auto& t : taps) {
+        const double a = sameAlpha ? 1.0 : at(t.first.first, t.first.second, 3);
+        if (ch == 3 && !sameAlpha) {
+            acc += t.second * a;
+        } else {
+            acc += t.second * a * at(t.first.first, t.first.second, ch);
+            A += t.second * a;
+        }
+    }
+    if (ch != 3 && !sameAlpha) acc = A > 0 ? acc / A : 0;
+    *out = std::clamp(acc, 0.0, chanBits(src.bpp) == 16 ? 65535.0 : 255.0);
+    return true;
+}
+
+// Compares a result with the oracle: every channel within `tol` levels (of
+// 8 bits; 16-bit channels are scaled), uncovered pixels equal to the fill.
+void expectOracle(RefImage& src, RefImage& got, const MapFn& map, uint32_t interp, const uint8_t* fillPx,
+                  double tol) {
+    const double scale = chanBits(src.bpp) == 16 ? 257.0 : 1.0;
+    int bad = 0;
+    for (int j = 0; j < got.height && bad < 5; ++j)
+        for (int i = 0; i < got.width && bad < 5; ++i)
+            for (int ch = 0; ch < channels(src.bpp); ++ch) {
+                double want;
+                const double have = chan(got, i, j, ch);
+                if (!oracle(src, map, i, j, interp, ch, &want)) {
+                    RefImage f(1, 1, src.bpp);
+                    std::memcpy(f.row(0), fillPx, size_t(src.bpp / 8));
+                    want = chan(f, 0, 0, ch);
+                }
+                if (std::fabs(have - want) > tol * scale) {
+                    ADD_FAILURE() << "pixel " << i << "," << j << " ch " << ch << ": " << have << " want " << want;
+                    ++bad;
+                }
+            }
+}
+
+// ---------------------------------------------------------------- the oracle table
+struct OracleCase {
+    int bpp;
+    uint32_t interp;
+    int32_t angle;
+    bool resize;
+};
+class RotateOracle : public ::testing::TestWithParam<OracleCase> {};
+
+TEST_P(RotateOracle, MatchesPlainInverseMapping) {
+    const OracleCase p = GetParam();
+    const int W = 41, H = 26;
+    Bm b(W, H, p.bpp);
+    RefImage src(W, H, p.bpp);
+    if (p.interp == ROTATE_NEAREST) src.randomize(uint32_t(p.bpp * 31 + p.angle)); else smooth(src);
+    put(&b.bm, src);
+    const uint32_t fill = 0x00336699;  // r 0x99, g 0x66, b 0x33
+    ASSERT_EQ(K_RotateBitmap(&b.bm, p.angle, p.interp | (p.resize ? ROTATE_RESIZE : 0) | ROTATE_NO_SHORTCUTS, fill),
+              KS_SUCCESS);
+    EXPECT_EQ(b.bm.nViewPerspective, 1);
+    RefImage got = get(&b.bm);
+    uint8_t fillPx[8] = {0};
+    if (p.bpp == 8) fillPx[0] = (2 * 0x99 + 5 * 0x66 + 0x33 + 4) >> 3;
+    if (p.bpp == 16) fillPx[0] = fillPx[1] = (2 * 0x99 + 5 * 0x66 + 0x33 + 4) >> 3;
+    if (p.bpp == 24 || p.bpp == 32) fillPx[0] = 0x33, fillPx[1] = 0x66, fillPx[2] = 0x99, fillPx[3] = 0xFF;
+    if (p.bpp >= 48)
+        for (int k = 0; k < 8; ++k) fillPx[k] = k < 6 ? uint8_t(k < 2 ? 0x33 : k < 4 ? 0x66 : 0x99) : 0xFF;
+    expectOracle(src, got, Inverse(p.angle, W, H, got.width, got.height), p.interp, fillPx,
+                 p.interp == ROTATE_NEAREST ? 0 : 1);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Table, RotateOracle,
+    ::testing::Values(OracleCase{8, ROTATE_NEAREST, 3000, true}, OracleCase{24, ROTATE_NEAREST, -1234, false},
+                      OracleCase{32, ROTATE_NEAREST, 4500, true}, OracleCase{64, ROTATE_NEAREST, 20000, true},
+                      OracleCase{8, ROTATE_BILINEAR, 1000, true}, OracleCase{16, ROTATE_BILINEAR, 33000, false},
+                      OracleCase{24, ROTATE_BILINEAR, 4500, true}, OracleCase{32, ROTATE_BILINEAR, -2500, true},
+                      OracleCase{32, ROTATE_BILINEAR, 12345, false}, OracleCase{48, ROTATE_BILINEAR, 7000, true},
+                      OracleCase{64, ROTATE_BILINEAR, -6000, true}, OracleCase{8, ROTATE_BICUBIC, 2000, true},
+                      OracleCase{24, ROTATE_BICUBIC, -4000, false}, OracleCase{32, ROTATE_BICUBIC, 15000, true},
+                      OracleCase{48, ROTATE_BICUBIC, 3000, true}, OracleCase{64, ROTATE_BICUBIC, 25000, true},
+                      OracleCase{32, ROTATE_BILINEAR, 9000, false}));
+
+// ---------------------------------------------------------------- right angles and depths
+// Nearest at every depth equals the 8-bit turn of the same values (or, for
+// 8 bits and up, the plain oracle above); quarter turns equal index arithmetic.
+TEST(RotateAny, QuarterTurnsEqualIndexArithmeticAtEveryDepth) {
+    for (int bpp : {1, 2, 4, 8, 12, 16, 24, 32, 48, 64}) {
+        for (uint32_t flags : {ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, uint32_t(ROTATE_RESIZE)}) {
+            for (int32_t angle : {9000, -9000, 18000, -27000}) {
+                SCOPED_TRACE(::testing::Message() << bpp << " bits, angle " << angle << " flags " << flags);
+                const int W = 19, H = 7;
+                Bm b(W, H, bpp);
+                RefImage src(W, H, bpp);
+                src.randomize(uint32_t(bpp + angle));
+                put(&b.bm, src);
+                const uint32_t interp = bpp == 24 || bpp == 32 ? ROTATE_BILINEAR : ROTATE_NEAREST;
+                ASSERT_EQ(K_RotateBitmap(&b.bm, angle, flags | interp, 0), KS_SUCCESS);
+                RefImage got = get(&b.bm);
+                const int turns = ((angle / 9000) % 4 + 4) % 4;  // clockwise quarter turns
+                ASSERT_EQ(got.width, turns % 2 ? H : W);
+                for (int y = 0; y < H; ++y)
+                    for (int x = 0; x < W; ++x) {
+                        int ox = x, oy = y;
+                        if (turns == 1) ox = H - 1 - y, oy = x;
+                        if (turns == 2) ox = W - 1 - x, oy = H - 1 - y;
+                        if (turns == 3) ox = y, oy = W - 1 - x;
+                        ASSERT_EQ(getPixel(got.row(oy), ox, bpp), getPixel(src.row(y), x, bpp)) << x << "," << y;
+                    }
+            }
+        }
+    }
+}
+
+TEST(RotateAny, GeneralQuarterTurnEqualsQuarterTurnRoutine) {
+    if (!K_RotateBitmap90) GTEST_SKIP() << "the quarter-turn routine is not in this build";
+    for (int bpp : {1, 4, 8, 24, 32, 64})
+        for (int32_t persp : {1, 4})
+            for (int32_t turn : {0, 1}) {
+                SCOPED_TRACE(::testing::Message() << bpp << " bits, perspective " << persp << " turn " << turn);
+                Bm a(13, 6, bpp, -1, persp), b(13, 6, bpp, -1, persp);
+                RefImage src(13, 6, bpp);
+                src.randomize(uint32_t(bpp * 3 + turn));
+                put(&a.bm, src);
+                put(&b.bm, src);
+                ASSERT_EQ(K_RotateBitmap90(&a.bm, turn, 0, 100), KS_SUCCESS);
+                // bTurn 1 is the turn K_RotateBitmap performs for +90.00 degrees.
+                ASSERT_EQ(K_RotateBitmap(&b.bm, turn ? 9000 : -9000, ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, 0),
+                          KS_SUCCESS);
+                EXPECT_EQ(get(&a.bm).px, get(&b.bm).px);
+            }
+}
+
+// Nearest turns of 1, 2, 4 and 12-bit images equal the 8/16-bit turn of the
+// same values, pixel for pixel (the sub-byte kernels against the byte ones).
+TEST(RotateAny, NearestAtSubByteDepthsEqualsByteDepth) {
+    for (int bpp : {1, 2, 4, 12}) {
+        const int W = 23, H = 17, wide = bpp == 12 ? 16 : 8;
+        Bm small(W, H, bpp), big(W, H, wide, bpp == 12 ? ORDER_GRAY : 0);
+        RefImage s(W, H, bpp), w(W, H, wide);
+        s.randomize(uint32_t(bpp));
+        for (int y = 0; y < H; ++y)
+            for (int x = 0; x < W; ++x) {
+                const uint64_t v = getPixel(s.row(y), x, bpp);
+                if (wide == 8) w.row(y)[x] = uint8_t(v); else setChan(w, x, y, 0, uint32_t(v));
+            }
+        put(&small.bm, s);
+        put(&big.bm, w);
+        for (BITMAPRECORD* bm : {&small.bm, &big.bm})
+            ASSERT_EQ(K_RotateBitmap(bm, 3333, ROTATE_RESIZE, bpp == 12 ? 0 : ROTATE_FILL_INDEX(1)), KS_SUCCESS);
+        RefImage gs = get(&small.bm), gw = get(&big.bm);
+        ASSERT_EQ(gs.width, gw.width);
+        for (int y = 0; y < gs.height; ++y)
+            for (int x = 0; x < gs.width; ++x) {
+                const uint64_t want = wide == 8 ? gw.row(y)[x] : uint64_t(chan(gw, x, y, 0));
+                ASSERT_EQ(getPixel(gs.row(y), x, bpp), want) << bpp << " bits at " << x << "," << y;
+            }
+    }
+}
+
+// The viewed image turns clockwise in every perspective, with and without
+// the short cuts: viewed pixel (x, y) lands at viewed (H - 1 - y, x).
+TEST(RotateAny, EveryPerspectiveTurnsTheViewedImage) {
+    for (int32_t persp = 1; persp <= 8; ++persp)
+        for (uint32_t flags : {ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, uint32_t(ROTATE_RESIZE)}) {
+            SCOPED_TRACE(::testing::Message() << "perspective " << persp << " flags " << flags);
+            const int W = 6, H = 4;  // stored
+            Bm b(W, H, 8, ORDER_GRAY, persp);
+            RefImage src(W, H, 8);
+            for (int y = 0; y < H; ++y)
+                for (int x = 0; x < W; ++x) src.row(y)[x] = uint8_t(1 + y * W + x);
+            put(&b.bm, src);
+            // Viewed value at each viewed position before.
+            const bool swapped = persp >= 5;
+            const int VW = swapped ? H : W, VH = swapped ? W : H;
+            std::vector<int> viewed(size_t(VW * VH));
+            for (int y = 0; y < H; ++y)
+                for (int x = 0; x < W; ++x) {
+                    int32_t vx = x, vy = y;
+                    ASSERT_EQ(K_PointFromBitmap(&b.bm, 1, &vx, &vy), KS_SUCCESS);
+                    viewed[size_t(vy * VW + vx)] = src.row(y)[x];
+                }
+            ASSERT_EQ(K_RotateBitmap(&b.bm, 9000, flags, 0), KS_SUCCESS);
+            EXPECT_TRUE(b.bm.nViewPerspective == 1 || b.bm.nViewPerspective == 4);
+            RefImage got = get(&b.bm);
+            for (int y = 0; y < got.height; ++y)
+                for (int x = 0; x < got.width; ++x) {
+                    int32_t vx = x, vy = y;
+                    ASSERT_EQ(K_PointFromBitmap(&b.bm, 1, &vx, &vy), KS_SUCCESS);
+                    // After the turn, viewed (vx, vy) came from viewed (vy, VH - 1 - vx).
+                    ASSERT_EQ(got.row(y)[x], viewed[size_t((VH - 1 - vx) * VW + vy)]) << vx << "," << vy;
+                }
+        }
+}
+
+// ---------------------------------------------------------------- sizes and round trips
+TEST(RotateAny, EnlargedSizeIsTheRotatedBoundingBox) {
+    const int32_t sizes[][2] = {{1, 1}, {100, 100}, {37, 5}, {4000, 3000}, {1, 999}};
+    for (auto& sz : sizes)
+        for (int32_t angle : {0, 1, 3000, 4500, 8999, 9000, 12345, -17000, 27001}) {
+            BITMAPRECORD r;
+            ASSERT_EQ(K_InitBitmap(&r, BITMAPRECORD_SIZE, sz[0], sz[1], 8), KS_SUCCESS);
+            r.nViewPerspective = 1;
+            int32_t w = 0, h = 0;
+            ASSERT_EQ(K_GetRotatedBitmapSize(&r, angle, &w, &h), KS_SUCCESS);
+            const double t = angle * M_PI / 18000.0;
+            const double ew = std::fabs(std::cos(t)) * sz[0] + std::fabs(std::sin(t)) * sz[1];
+            const double eh = std::fabs(std::sin(t)) * sz[0] + std::fabs(std::cos(t)) * sz[1];
+            // Within the table's precision of the box, never smaller by a pixel.
+            EXPECT_LE(std::fabs(w - ew), 1.0) << sz[0] << "x" << sz[1] << " at " << angle;
+            EXPECT_LE(std::fabs(h - eh), 1.0) << sz[0] << "x" << sz[1] << " at " << angle;
+            EXPECT_GE(w, std::ceil(ew - 0.05));
+            EXPECT_GE(h, std::ceil(eh - 0.05));
+            if (sz[0] * int64_t(sz[1]) < 100000) {
+                Bm b(sz[0], sz[1], 8);
+                ASSERT_EQ(K_RotateBitmap(&b.bm, angle, ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, 0), KS_SUCCESS);
+                EXPECT_EQ(b.bm.nWidth, w);
+                EXPECT_EQ(b.bm.nHeight, h);
+            }
+        }
+}
+
+// A turn by theta and back by -theta (size kept) reproduces the inscribed
+// disc of a smooth image: at most 8 levels off anywhere, 1.5 on average.
+TEST(RotateAny, TurnAndTurnBackStaysClose) {
+    for (int32_t angle : {1000, 3700, 4500, 13000})
+        for (int bpp : {24, 32}) {
+            const int W = 90, H = 70;
+            Bm b(W, H, bpp);
+            RefImage src(W, H, bpp);
+            smooth(src);
+            if (bpp == 32)
+                for (int y = 0; y < H; ++y)
+                    for (int x = 0; x < W; ++x) setChan(src, x, y, 3, 255);
+            put(&b.bm, src);
+            ASSERT_EQ(K_RotateBitmap(&b.bm, angle, ROTATE_BILINEAR, 0), KS_SUCCESS);
+            ASSERT_EQ(K_RotateBitmap(&b.bm, -angle, ROTATE_BILINEAR, 0), KS_SUCCESS);
+            RefImage got = get(&b.bm);
+            double worst = 0, sum = 0;
+            int n = 0;
+            for (int y = 0; y < H; ++y)
+                for (int x = 0; x < W; ++x) {
+                    if (std::hypot(x - (W - 1) / 2.0, y - (H - 1) / 2.0) > H / 2.0 - 3) continue;
+                    for (int ch = 0; ch < 3; ++ch) {
+                        const double d = std::fabs(chan(got, x, y, ch) - chan(src, x, y, ch));
+                        worst = std::max(worst, d), sum += d, ++n;
+                    }
+                }
+            EXPECT_LE(worst, 8.0) << angle;
+            EXPECT_LE(sum / n, 1.5) << angle;
+        }
+}
+
+// The region turns with the pixels: a destination pixel is in the new
+// region exactly when its nearest source pixel was in the old one.
+TEST(RotateAny, RegionTurnsWithThePixels) {
+    for (int32_t angle : {9000, 2500, -13000}) {
+        const int W = 31, H = 20;
+        Bm b(W, H, 24);
+        const RECT e{3, 2, 25, 17};
+        ASSERT_EQ(K_SetBitmapRgnEllipse(&b.bm, nullptr, &e, RGN_SET_REPLACE), KS_SUCCESS);
+        std::vector<int> inside(size_t(W * H));
+        for (int y = 0; y < H; ++y)
+            for (int x = 0; x < W; ++x) inside[size_t(y * W + x)] = K_IsPtInBitmapRgn(&b.bm, y, x) == 1;
+        ASSERT_EQ(K_RotateBitmap(&b.bm, angle, ROTATE_RESIZE | ROTATE_NO_SHORTCUTS | ROTATE_BILINEAR, 0), KS_SUCCESS);
+        Inverse inv(angle, W, H, b.bm.nWidth, b.bm.nHeight);
+        int mismatches = 0;
+        for (int j = 0; j < b.bm.nHeight; ++j)
+            for (int i = 0; i < b.bm.nWidth; ++i) {
+                double x, y;
+                inv(i, j, &x, &y);
+                const int sx = int(std::floor(x + 0.5)), sy = int(std::floor(y + 0.5));
+                const bool want = sx >= 0 && sx < W && sy >= 0 && sy < H && inside[size_t(sy * W + sx)];
+                mismatches += want != (K_IsPtInBitmapRgn(&b.bm, j, i) == 1);
+            }
+        EXPECT_EQ(mismatches, 0) << angle;
+    }
+}
+
+// ---------------------------------------------------------------- shear
+TEST(RotateAny, ShearMatchesPlainMapping) {
+    for (bool vertical : {false, true})
+        for (int32_t angle : {1500, -3000, 6000})
+            for (int bpp : {8, 32}) {
+                SCOPED_TRACE(::testing::Message() << (vertical ? "vertical " : "horizontal ") << angle << " " << bpp);
+                const int W = 30, H = 21;
+                Bm b(W, H, bpp);
+                RefImage src(W, H, bpp);
+                smooth(src);
+                put(&b.bm, src);
+                const uint32_t flags = ROTATE_BILINEAR | ROTATE_RESIZE | ROTATE_FILL_TRANSPARENT;
+                ASSERT_EQ(K_ShearBitmap(&b.bm, angle, flags | (vertical ? SHEAR_VERTICAL : 0), 0), KS_SUCCESS);
+                RefImage got = get(&b.bm);
+                const double t = double(K_SinValue((angle + 36000) % 36000)) / K_CosValue((angle + 36000) % 36000);
+                EXPECT_EQ(vertical ? got.height - H : got.width - W,
+                          int(std::ceil(std::fabs(t) * (vertical ? W : H) - 1.0 / 64)));
+                const double sc = (W - 1) / 2.0, sr = (H - 1) / 2.0;
+                const double dc = (got.width - 1) / 2.0, dr = (got.height - 1) / 2.0;
+                MapFn map = [&](int i, int j, double* x, double* y) {
+                    if (!vertical) *x = sc + (i - dc) - t * (j - dr), *y = sr + (j - dr);
+                    else *x = sc + (i - dc), *y = sr + (j - dr) - t * (i - dc);
+                };
+                uint8_t fill[8] = {0};
+                expectOracle(src, got, map, ROTATE_BILINEAR, fill, 1);
+            }
+}
+
+// ---------------------------------------------------------------- storage kinds and kernels
+TEST(RotateAny, EveryStorageKindGivesTheSamePixels) {
+    for (int bpp : {1, 8, 24, 32}) {
+        const int W = 53, H = 37;
+        const uint32_t interp = bpp == 1 ? ROTATE_NEAREST : ROTATE_BICUBIC;
+        RefImage src(W, H, bpp);
+        src.randomize(uint32_t(bpp) * 77u);
+        Bm ref(W, H, bpp);
+        put(&ref.bm, src);
+        ASSERT_EQ(K_RotateBitmap(&ref.bm, 2900, interp | ROTATE_RESIZE, 0x123456), KS_SUCCESS);
+        RefImage want = get(&ref.bm);
+        CapGuard guard;
+        for (Kind kind : kindsFor(bpp)) {
+            SCOPED_TRACE(::testing::Message() << bpp << " bits, " << kindName(kind));
+            KindBitmap k(kind, W, H, bpp);
+            ASSERT_EQ(k.rc, KS_SUCCESS);
+            if (bpp == 8) { ASSERT_EQ(K_CreateBitmapGrayPalette(&k.bm), KS_SUCCESS); }
+            if (bpp > 8) k.bm.nOrder = ref.bm.nOrder;
+            put(&k.bm, src);
+            uint32_t before = 0;
+            K_GetBitmapMemoryInfo(&k.bm, &before, nullptr, nullptr, nullptr);
+            ASSERT_EQ(K_RotateBitmap(&k.bm, 2900, interp | ROTATE_RESIZE, 0x123456), KS_SUCCESS);
+            EXPECT_EQ(get(&k.bm).px, want.px);
+            uint32_t after = 0;
+            K_GetBitmapMemoryInfo(&k.bm, &after, nullptr, nullptr, nullptr);
+            if (before == MEMTYPE_COMPRESSED || before == MEMTYPE_SUPERCOMPRESSED || before == 128) {
+                EXPECT_EQ(after, before);
+            }
+        }
+    }
+}
+
+TEST(RotateAny, SimdKernelsEqualPlainKernels) {
+    const int W = 301, H = 203;
+    RefImage src(W, H, 32);
+    src.randomize(5);
+    // Half the image opaque, half with random alpha: both kernel branches.
+    for (int y = 0; y < H / 2; ++y)
+        for (int x = 0; x < W; ++x) setChan(src, x, y, 3, 255);
+    for (int32_t angle : {700, 4500, -13000}) {
+        std::vector<uint8_t> results[2];
+        for (int plain = 0; plain < 2; ++plain) {
+            krn::testhook::forcePlainRotateKernels(plain == 1);
+            Bm b(W, H, 32);
+            put(&b.bm, src);
+            EXPECT_EQ(K_RotateBitmap(&b.bm, angle, ROTATE_BILINEAR | ROTATE_RESIZE, 0), KS_SUCCESS);
+            results[plain] = get(&b.bm).px;
+        }
+        krn::testhook::forcePlainRotateKernels(false);
+        EXPECT_EQ(results[0], results[1]) << angle;
+    }
+}
+
+// ---------------------------------------------------------------- bad input and faults
+TEST(RotateAny, BadInputGetsAClearCodeAndChangesNothing) {
+    Bm b8(9, 5, 8), b1(9, 5, 1), b4(9, 5, 4), pal(9, 5, 8, 0), rgb565(9, 5, 16, ORDER_RGB565);
+    BITMAPRECORD unalloc;
+    K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 9, 5, 8);
+    BITMAPRECORD badSize = b8.bm;
+    badSize.uStructSize = 100;
+    BITMAPRECORD badPersp = b8.bm;
+    badPersp.nViewPerspective = 9;
+    struct Case {
+        BITMAPRECORD* bm;
+        int32_t angle;
+        uint32_t flags, fill;
+        int32_t want;
+        bool shear;
+    } cases[] = {
+        {nullptr, 0, 0, 0, KS_INVALID_PARAMETER, false},
+        {&unalloc, 100, 0, 0, KS_INVALID_PARAMETER, false},
+        {&badSize, 100, 0, 0, KS_INVALID_STRUCT_SIZE, false},
+        {&badPersp, 100, 0, 0, KS_INVALID_PARAMETER, false},
+        {&b8.bm, 36001, 0, 0, KS_INVALID_PARAMETER, false},
+        {&b8.bm, -36001, 0, 0, KS_INVALID_PARAMETER, false},
+        {&b8.bm, 100, 0x80000000u, 0, KS_INVALID_PARAMETER, false},
+        {&b8.bm, 100, 0x0300u, 0, KS_INVALID_PARAMETER, false},
+        {&b8.bm, 100, SHEAR_VERTICAL, 0, KS_INVALID_PARAMETER, false},
+        {&b8.bm, 100, 0, 0x02000000u, KS_INVALID_PARAMETER, false},
+        {&b4.bm, 100, 0, ROTATE_FILL_INDEX(16), KS_INVALID_PARAMETER, false},
+        {&b1.bm, 100, ROTATE_BILINEAR, 0, KS_INVALID_BITS_PER_PIXEL, false},
+        {&b4.bm, 100, ROTATE_BICUBIC, 0, KS_INVALID_BITS_PER_PIXEL, false},
+        {&pal.bm, 100, ROTATE_BILINEAR, 0, KS_INVALID_BITS_PER_PIXEL, false},
+        {&rgb565.bm, 100, ROTATE_BILINEAR, 0, KS_INVALID_BITS_PER_PIXEL, false},
+        {nullptr, 100, 0, 0, KS_INVALID_PARAMETER, true},
+        {&b8.bm, SHEAR_MAX_ANGLE + 1, 0, 0, KS_INVALID_PARAMETER, true},
+        {&b8.bm, 100, ROTATE_NO_SHORTCUTS, 0, KS_INVALID_PARAMETER, true},
+        {&b1.bm, 100, ROTATE_BICUBIC, 0, KS_INVALID_BITS_PER_PIXEL, true},
+    };
+    for (const Case& c : cases) {
+        BITMAPRECORD snap{};
+        RefImage px(1, 1, 8);
+        const bool live = c.bm && c.bm->uStructSize == BITMAPRECORD_SIZE && (c.bm->uFlags & BRF_ALLOCATED) &&
+                          c.bm != &badPersp;
+        if (c.bm) snap = *c.bm;
+        if (live) px = get(c.bm);
+        const int32_t rc = c.shear ? K_ShearBitmap(c.bm, c.angle, c.flags, c.fill)
+                                   : K_RotateBitmap(c.bm, c.angle, c.flags, c.fill);
+        EXPECT_EQ(rc, c.want) << "angle " << c.angle << " flags " << c.flags << " fill " << c.fill;
+        if (c.bm) { EXPECT_EQ(std::memcmp(&snap, c.bm, sizeof snap), 0); }
+        if (live) { EXPECT_EQ(get(c.bm).px, px.px); }
+    }
+    // A locked bitmap keeps its storage.
+    ASSERT_EQ(K_AccessBitmap(&b8.bm), KS_SUCCESS);
+    EXPECT_EQ(K_RotateBitmap(&b8.bm, 100, 0, 0), KS_INVALID_PARAMETER);
+    K_ReleaseBitmap(&b8.bm);
+    K_FreeBitmap(&unalloc);
+    int32_t w, h;
+    EXPECT_EQ(K_GetRotatedBitmapSize(&b8.bm, 100, nullptr, &h), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_GetRotatedBitmapSize(&badSize, 100, &w, &h), KS_INVALID_STRUCT_SIZE);
+}
+
+TEST(RotateAny, AllocationFailuresLeaveTheRecordAsItWas) {
+    CapGuard guard;
+    for (Kind kind : {Kind::SingleBlock, Kind::TilesMemory, Kind::Compressed}) {
+        const int bpp = kind == Kind::Compressed ? 1 : 32;
+        RefImage src(40, 30, bpp);
+        src.randomize(9);
+        const uint32_t flags = ROTATE_RESIZE | (bpp == 32 ? ROTATE_BILINEAR : 0);
+        int failures = 0;
+        for (long n = 0; n < 10000; ++n) {
+            KindBitmap k(kind, 40, 30, bpp);  // fresh each time: a fallback may have succeeded
+            ASSERT_EQ(k.rc, KS_SUCCESS);
+            put(&k.bm, src);
+            const RECT e{2, 3, 30, 25};  // a region to carry along: its own allocations are walked too
+            if (kind != Kind::TilesMemory) { ASSERT_EQ(K_SetBitmapRgnEllipse(&k.bm, nullptr, &e, 1), KS_SUCCESS); }
+            const BITMAPRECORD snap = k.bm;
+            const long live = krn::faultinject::liveBlocks();
+            krn::faultinject::arm(n, 1);
+            const int32_t rc = (n & 1) ? K_ShearBitmap(&k.bm, 2000, flags, 0) : K_RotateBitmap(&k.bm, 2000, flags, 0);
+            const long injected = krn::faultinject::injected();
+            krn::faultinject::disarm();
+            if (injected == 0) {
+                EXPECT_EQ(rc, KS_SUCCESS);
+                break;
+            }
+            if (rc == KS_SUCCESS) continue;  // the storage fell back to another kind
+            ++failures;
+            EXPECT_LT(rc, 0);
+            EXPECT_EQ(std::memcmp(&snap, &k.bm, sizeof snap), 0) << kindName(kind) << " at " << n;
+            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << kindName(kind) << " at " << n;
+            ASSERT_EQ(get(&k.bm).px, src.px);
+        }
+        EXPECT_GT(failures, 0) << kindName(kind);
+    }
+}
+
+TEST(RotateAny, StatusCallbackAnsweringZeroStopsTheTurn) {
+    struct Guard {
+        ~Guard() { K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr); }
+    } g;
+    int calls = 0;
+    K_SetStatusCallBack([](int32_t pct, void* u) -> int32_t { return ++*static_cast<int*>(u), pct < 30 ? 1 : 0; },
+                        &calls, nullptr, nullptr);
+    for (int32_t angle : {1234, 18000, 0}) {
+        Bm b(300, 200, 24);
+        RefImage src(300, 200, 24);
+        src.randomize(3);
+        put(&b.bm, src);
+        const BITMAPRECORD snap = b.bm;
+        calls = 0;
+        const int32_t rc = K_RotateBitmap(&b.bm, angle, ROTATE_RESIZE | ROTATE_BILINEAR, 0);
+        if (angle == 0) {
+            // The turn by nothing reports its start (0) and end (100): the end stops it.
+            EXPECT_EQ(rc, 0);
+        } else {
+            EXPECT_EQ(rc, 0) << angle;
+        }
+        EXPECT_GT(calls, 0);
+        EXPECT_EQ(std::memcmp(&snap, &b.bm, sizeof snap), 0);
+        EXPECT_EQ(get(&b.bm).px, src.px);
+        EXPECT_EQ(K_ShearBitmap(&b.bm, 1000, ROTATE_BILINEAR, 0), 0);
+        EXPECT_EQ(get(&b.bm).px, src.px);
+    }
+}
+
+}  // namespace
