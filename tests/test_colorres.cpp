@@ -104,7 +104,11 @@ TEST(ColorResSearch, Fixed256RowKernelsAgreeOverEveryColour) {
         }
         krn::fixed256RowPlain(bgr.data(), a.data(), n);
         krn::fixed256RowSsse3(bgr.data(), b.data(), n);
-        ASSERT_EQ(0, std::memcmp(a.data(), b.data(), size_t(n))) << "block ending at " << c;
+        ASSERT_EQ(0, std::memcmp(a.data(), b.data(), size_t(n))) << "SSSE3, block ending at " << c;
+        if (krn::cpuHasAvx2ForColorRes()) {
+            krn::fixed256RowAvx2(bgr.data(), b.data(), n);
+            ASSERT_EQ(0, std::memcmp(a.data(), b.data(), size_t(n))) << "AVX2, block ending at " << c;
+        }
     }
 }
 

@@ -36,7 +36,11 @@ private:
     int32_t black_ = 0, white_ = 0;
     int shift_ = 4;             // cells of 2^shift_ values per axis
     kvector<uint32_t> start_;   // offsets into cand_, one per cell and one past the end
-    kvector<uint8_t> cand_;
+    struct Cand {
+        uint32_t dmin;  // smallest squared distance from the cell to the entry
+        uint32_t index;
+    };
+    kvector<Cand> cand_;        // per cell, by ascending dmin
     uint8_t rgb_[256][4]{};     // r, g, b, hue class
 };
 
@@ -47,12 +51,14 @@ private:
 int32_t fixed256Index(int r, int g, int b) noexcept;
 
 // Rows of 24-bit BGR pixels to indices of the fixed 256-colour palette:
-// the plain loop over fixed256Index, the SSSE3 kernel (16 pixels a step,
+// the plain loop over fixed256Index, the SSSE3 and AVX2 kernels (16 or 32 pixels a step,
 // per-channel levels by threshold counting, blocks with a tie handed to the
 // plain loop), and the one chosen for this processor.
 void fixed256RowPlain(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;
 void fixed256RowSsse3(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;  // only with SSSE3
+void fixed256RowAvx2(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;   // only with AVX2
 bool cpuHasSsse3() noexcept;
+bool cpuHasAvx2ForColorRes() noexcept;
 void fixed256Row(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;
 
 // Weighted colour sample -> palette. `colors` are 0x00RRGGBB, `weights`
