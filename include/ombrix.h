@@ -1227,6 +1227,11 @@ OMBRIX_API int32_t K_ChangeRectViewPerspective(int32_t nFrom, int32_t nWidth, in
 /* Same for one pixel position. */
 OMBRIX_API int32_t K_ChangePointViewPerspective(int32_t nFrom, int32_t nWidth, int32_t nHeight, int32_t nTo,
                                                 int32_t* pnX, int32_t* pnY);
+/* The rectangle and point conversions below compute in 64 bits: a result with
+ * any coordinate outside the signed 32-bit range (far-out caller coordinates
+ * such as INT_MIN) returns KS_INVALID_PARAMETER and leaves *pRect / *pnX, *pnY
+ * unchanged. Null pointers and perspectives outside 1..8 also return
+ * KS_INVALID_PARAMETER; a bad record size KS_INVALID_STRUCT_SIZE. */
 OMBRIX_API int32_t K_RectToBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, RECT* pRect);
 OMBRIX_API int32_t K_RectFromBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, RECT* pRect);
 OMBRIX_API int32_t K_PointToBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspective, int32_t* pnX,

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 
@@ -99,10 +100,10 @@ int32_t singleBlock(BITMAPRECORD* bm, uint64_t size) noexcept {
     return KS_SUCCESS;
 }
 
-int32_t tiles(BITMAPRECORD* bm, uint64_t tileSize, bool diskAllowed, int32_t fifth) noexcept {
+int32_t tiles(BITMAPRECORD* bm, uint64_t tileSize, bool diskAllowed, int32_t fifth, uint64_t budget) noexcept {
     const uint64_t floor = std::max<uint64_t>(8ull * bm->nBytesPerLine, kMinTileFloor);
     for (;;) {
-        int32_t rc = tilesAllocate(bm, tileSize, diskAllowed, fifth);
+        int32_t rc = tilesAllocate(bm, tileSize, diskAllowed, fifth, budget);
         if (rc == KS_SUCCESS) {
             bm->uFlags |= BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_TILED;
             return rc;
@@ -163,11 +164,8 @@ int32_t decide(BITMAPRECORD* bm, uint32_t t) noexcept {
     } else if (largestGlobal && size > largestGlobal && !(t & MEMTYPE_NO_DISK)) {
         t |= MEMTYPE_NO_CONVENTIONAL;
     } else if (t != MEMTYPE_NO_CONVENTIONAL) {
-        const uint64_t avail = availableMemory();
-        const uint64_t keep = resolveThreshold(ts.nMemKeepFree, totalMemory());
-        const uint64_t largest = resolveThreshold(ts.nMemLargestImage, avail);
-        const uint64_t limit = std::min(avail > keep ? avail - keep : 0, largest);
-        if (size > limit) {
+        const uint64_t largest = resolveThreshold(ts.nMemLargestImage, availableMemory());
+        if (size > std::min(memoryBudget(), largest)) {
             if (t & MEMTYPE_NO_TILES) {
                 if (t & MEMTYPE_NO_DISK) return KS_NO_MEMORY;
                 t |= MEMTYPE_NO_CONVENTIONAL;
@@ -182,8 +180,15 @@ int32_t decide(BITMAPRECORD* bm, uint32_t t) noexcept {
         if (result == KS_SUCCESS) return result;
     }
     const bool diskAllowed = !(t & MEMTYPE_NO_DISK) && fileDiskAllowed();
+    // No promise the machine cannot keep: memory (up to the budget) and the
+    // temporary folder's free space together must hold the image.
+    const uint64_t budget = t & MEMTYPE_NO_CONVENTIONAL ? 0 : memoryBudget();
+    if (size > budget) {
+        const uint64_t room = diskAllowed ? tempFreeBytes() : 0;
+        if (room < size - budget) return result == KS_MEMORY_CAP_EXCEEDED ? result : KS_NO_MEMORY;
+    }
     if (!(t & (MEMTYPE_NO_TILES | MEMTYPE_NO_CONVENTIONAL))) {
-        int32_t rc = tiles(bm, tileSize, diskAllowed, ts.nMemFifth);
+        int32_t rc = tiles(bm, tileSize, diskAllowed, ts.nMemFifth, budget);
         if (rc == KS_SUCCESS) return rc;
         if (result != KS_MEMORY_CAP_EXCEEDED) result = rc;
     }
@@ -216,12 +221,49 @@ uint64_t conventionalCap() noexcept {
     return g_cap;
 }
 
+namespace {
+// One unsigned number from a small text file; false when absent or "max".
+bool readNumber(const char* path, uint64_t* out) noexcept {
+    FILE* f = std::fopen(path, "re");
+    if (!f) return false;
+    char text[32] = {};
+    const size_t n = std::fread(text, 1, sizeof text - 1, f);
+    std::fclose(f);
+    if (n == 0 || text[0] < '0' || text[0] > '9') return false;
+    uint64_t v = 0;
+    for (size_t i = 0; i < n && text[i] >= '0' && text[i] <= '9'; ++i) {
+        if (v > (UINT64_MAX - 9) / 10) return false;
+        v = v * 10 + uint64_t(text[i] - '0');
+    }
+    *out = v;
+    return true;
+}
+
+// Room left under the memory limit of the process's control group (v2, or
+// v1 as mounted in a container), UINT64_MAX when there is none.
+uint64_t cgroupRoom() noexcept {
+    static const struct {
+        const char* limit;
+        const char* usage;
+    } kFiles[] = {{"/sys/fs/cgroup/memory.max", "/sys/fs/cgroup/memory.current"},
+                  {"/sys/fs/cgroup/memory/memory.limit_in_bytes", "/sys/fs/cgroup/memory/memory.usage_in_bytes"}};
+    for (const auto& f : kFiles) {
+        uint64_t limit = 0, usage = 0;
+        if (!readNumber(f.limit, &limit) || limit >= (uint64_t(1) << 60)) continue;
+        if (!readNumber(f.usage, &usage)) usage = 0;
+        return limit > usage ? limit - usage : 0;
+    }
+    return UINT64_MAX;
+}
+}  // namespace
+
 uint64_t availableMemory() noexcept {
     if (uint64_t fake = g_fakeAvailable.load()) return fake;
     struct sysinfo si;
     if (sysinfo(&si) != 0) return UINT64_MAX / 2;
     const uint64_t unit = si.mem_unit ? si.mem_unit : 1;
-    return (uint64_t(si.freeram) + si.bufferram + si.freeswap) * unit;
+    const uint64_t free = (uint64_t(si.freeram) + si.bufferram + si.freeswap) * unit;
+    return std::min(free, cgroupRoom());
 }
 uint64_t totalMemory() noexcept {
     struct sysinfo si;
@@ -231,6 +273,12 @@ uint64_t totalMemory() noexcept {
     }
     const uint64_t unit = si.mem_unit ? si.mem_unit : 1;
     return (uint64_t(si.totalram) + si.totalswap) * unit;
+}
+uint64_t memoryBudget() noexcept {
+    const ThreadSettings& ts = settings();
+    const uint64_t avail = availableMemory();
+    const uint64_t keep = resolveThreshold(ts.nMemKeepFree, totalMemory());
+    return avail > keep ? avail - keep : 0;
 }
 namespace testhook {
 void setAvailableMemory(uint64_t bytes) noexcept { g_fakeAvailable.store(bytes); }
@@ -368,7 +416,7 @@ int32_t convertStorage(BITMAPRECORD* bm, uint32_t kind, uint64_t tileSize) noexc
         case MEMTYPE_DISK: {
             const ThreadSettings& ts = settings();
             if (!tileSize) tileSize = ts.nMemTileSize > 0 ? uint64_t(ts.nMemTileSize) : kDefaultTileSize;
-            rc = tilesAllocate(&tmp, tileSize, fileDiskAllowed(), ts.nMemFifth);
+            rc = tilesAllocate(&tmp, tileSize, fileDiskAllowed(), ts.nMemFifth, memoryBudget());
             if (rc == KS_SUCCESS) tmp.uFlags |= BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_TILED;
             break;
         }

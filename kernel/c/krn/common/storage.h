@@ -80,6 +80,10 @@ uint64_t conventionalCap() noexcept;
 
 // Free memory (physical + swap) and total, in bytes; overridable in tests.
 uint64_t availableMemory() noexcept;
+// Bytes of new storage the calling thread may still place in memory: the
+// available memory (within the control group's limit) less the memory to
+// keep free.
+uint64_t memoryBudget() noexcept;
 uint64_t totalMemory() noexcept;
 namespace testhook {
 // Pretend the machine has this much available memory (0 restores the real value).
@@ -102,7 +106,10 @@ bool fileDiskAllowed() noexcept;
 // ---------------------------------------------------------------- storage kinds
 // Each builder works on a record whose storage bits are clear; on failure it
 // frees what it made and leaves hMemory/pData null.
-int32_t tilesAllocate(BITMAPRECORD* bm, uint64_t tileSize, bool diskAllowed, int32_t fifth) noexcept;
+// memBudget: bytes of tiles that may be held in memory (the rest go to files
+// when diskAllowed, else the allocation fails with KS_NO_MEMORY).
+int32_t tilesAllocate(BITMAPRECORD* bm, uint64_t tileSize, bool diskAllowed, int32_t fifth,
+                      uint64_t memBudget) noexcept;
 void tilesFree(BITMAPRECORD* bm) noexcept;
 int32_t tilesSetHeight(BITMAPRECORD* bm, int32_t newHeight) noexcept;
 

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/statvfs.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -297,6 +298,21 @@ int64_t tempSize(TempFile* h) noexcept {
     struct stat st;
     if (::fstat(h->fd, &st) != 0) return -1;
     return int64_t(st.st_size);
+}
+
+uint64_t tempFreeBytes() noexcept {
+    REDIRECTRECORD table;
+    redirectInForce(&table);
+    const bool viaTable = !redirectIsDefault(table) && t_createDepth == 0 && table.pfnOpen &&
+                          table.pfnOpen != &K_RedirectedTempFileOpen;
+    if (viaTable) return UINT64_MAX;  // the caller's table decides where data goes
+    char dir[OMBRIX_TEMP_PATH_MAX];
+    if (tempDirectory(dir, sizeof dir) != KS_SUCCESS) return UINT64_MAX;
+    struct statvfs st;
+    if (::statvfs(dir, &st) != 0) return UINT64_MAX;
+    const uint64_t unit = st.f_frsize ? st.f_frsize : st.f_bsize;
+    if (unit && uint64_t(st.f_bavail) > UINT64_MAX / unit) return UINT64_MAX;
+    return uint64_t(st.f_bavail) * unit;
 }
 
 int32_t tempSetSize(TempFile* h, uint64_t size) noexcept {

@@ -103,6 +103,10 @@ int32_t tempFileMode() noexcept;
 bool tempDiskAllowed() noexcept;
 uint64_t tempMaxFileBytes() noexcept;
 int32_t tempDirectory(char* buf, size_t cap) noexcept;
+// Bytes free for the kernel's temporary files in the calling thread's
+// temporary folder; UINT64_MAX when unknown (a caller's redirect table is in
+// force, or the folder cannot be examined).
+uint64_t tempFreeBytes() noexcept;
 
 // Owning handle for C++ callers.
 struct TempFileCloser {

@@ -2,6 +2,13 @@
 // rows, each tile a zero-filled memory block (counted against the
 // process-wide cap) or, when memory for it cannot be had and files are
 // allowed, its own temporary file.
+//
+// Memory tiles are zero-filled lazily by the system, so an allocation that
+// succeeds is not yet memory the machine can give. The caller therefore hands
+// in a memory budget (the machine's free memory less the memory to keep free):
+// tiles past it go to temporary files, or the allocation fails with
+// KS_NO_MEMORY when files are not allowed, rather than succeeding and leaving
+// the process to be killed when the rows are written.
 #include <algorithm>
 #include <cstring>
 
@@ -28,10 +35,10 @@ void freeTile(TileEntry& e) noexcept {
 }
 
 // Makes one tile of `bytes` bytes: memory first, then a file when allowed.
-int32_t makeTile(TileEntry& e, uint64_t bytes, bool diskAllowed, int32_t fifth) noexcept {
+int32_t makeTile(TileEntry& e, uint64_t bytes, bool diskAllowed, int32_t fifth, bool memoryAllowed) noexcept {
     e = TileEntry{};
     e.bytes = bytes;
-    int32_t memResult = reserveConventional(bytes);
+    int32_t memResult = memoryAllowed ? reserveConventional(bytes) : KS_NO_MEMORY;
     if (memResult == KS_SUCCESS) {
         e.mem = bytes <= SIZE_MAX ? static_cast<uint8_t*>(memCalloc(size_t(bytes))) : nullptr;
         if (e.mem) return KS_SUCCESS;
@@ -85,7 +92,8 @@ int32_t resizeTile(TileEntry& e, uint64_t to) noexcept {
 
 }  // namespace
 
-int32_t tilesAllocate(BITMAPRECORD* bm, uint64_t tileSize, bool diskAllowed, int32_t fifth) noexcept {
+int32_t tilesAllocate(BITMAPRECORD* bm, uint64_t tileSize, bool diskAllowed, int32_t fifth,
+                      uint64_t memBudget) noexcept {
     const uint64_t bpl = bm->nBytesPerLine;
     const uint32_t height = uint32_t(bm->nHeight);
     if (!bpl || !height) return KS_INVALID_DIMENSIONS;
@@ -96,9 +104,13 @@ int32_t tilesAllocate(BITMAPRECORD* bm, uint64_t tileSize, bool diskAllowed, int
     t->capacity = count;
     t->rowsPerTile = rpt;
     t->tileSize = tileSize;
+    uint64_t inMemory = 0;
     for (uint32_t i = 0; i < count; ++i) {
         const uint32_t rows = std::min(rpt, height - i * rpt);
-        int32_t rc = makeTile(t->tiles[i], uint64_t(rows) * bpl, diskAllowed, fifth);
+        const uint64_t bytes = uint64_t(rows) * bpl;
+        const bool fits = bytes <= memBudget - inMemory;
+        int32_t rc = makeTile(t->tiles[i], bytes, diskAllowed, fifth, fits);
+        if (rc == KS_SUCCESS && t->tiles[i].mem) inMemory += bytes;
         if (rc != KS_SUCCESS) {
             for (uint32_t j = 0; j < i; ++j) freeTile(t->tiles[j]);
             memFree(t);
@@ -151,9 +163,12 @@ int32_t tilesSetHeight(BITMAPRECORD* bm, int32_t newHeight) noexcept {
     const bool diskAllowed = fileDiskAllowed();
     const int32_t fifth = settings().nMemFifth;
     const uint32_t old = t->count;
+    const uint64_t budget = memoryBudget();
+    uint64_t inMemory = 0;
     for (uint32_t i = old; i < newCount; ++i) {
         const uint64_t bytes = i + 1 == newCount ? lastBytes : uint64_t(rpt) * bpl;
-        int32_t rc = makeTile(t->tiles[i], bytes, diskAllowed, fifth);
+        int32_t rc = makeTile(t->tiles[i], bytes, diskAllowed, fifth, bytes <= budget - inMemory);
+        if (rc == KS_SUCCESS && t->tiles[i].mem) inMemory += bytes;
         if (rc != KS_SUCCESS) {
             for (uint32_t j = old; j < i; ++j) freeTile(t->tiles[j]);
             return rc;

@@ -1,6 +1,7 @@
 // viewpersp.cpp - view-perspective arithmetic: the flip and turn between two
 // of the eight orientations, and the conversion of rectangles and pixel
 // positions between them. Pure arithmetic; moving pixels is the transforms'.
+#include <cstdint>
 #include <utility>
 
 #include "kernel.h"
@@ -45,39 +46,51 @@ void changeParams(int32_t from, int32_t to, int32_t* flip, int32_t* angle) noexc
     *angle = a;
 }
 
-void changeRect(int32_t from, int32_t w, int32_t h, int32_t to, RECT* r) noexcept {
+// The arithmetic is done in 64 bits: every term is a difference of two 32-bit
+// values (at most 2^33 in magnitude). A result outside the 32-bit range is
+// refused (false) and nothing is written.
+bool fits32(int64_t v) noexcept { return v >= INT32_MIN && v <= INT32_MAX; }
+
+bool changeRect(int32_t from, int32_t w, int32_t h, int32_t to, RECT* r) noexcept {
     int32_t f, a;
     changeParams(from, to, &f, &a);
-    RECT s = *r;
+    const int64_t W = w, H = h;
+    int64_t left = r->left, top = r->top, right = r->right, bottom = r->bottom;
     if (f) {
-        int32_t t = h - s.bottom, b = h - s.top;
-        s.top = t;
-        s.bottom = b;
+        const int64_t t = H - bottom, b = H - top;
+        top = t;
+        bottom = b;
     }
-    RECT d = s;
+    int64_t d[4] = {left, top, right, bottom};
     switch (a) {
-        case 90: d = RECT{h - s.bottom, s.left, h - s.top, s.right}; break;
-        case 180: d = RECT{w - s.right, h - s.bottom, w - s.left, h - s.top}; break;
-        case 270: d = RECT{s.top, w - s.right, s.bottom, w - s.left}; break;
+        case 90: d[0] = H - bottom; d[1] = left; d[2] = H - top; d[3] = right; break;
+        case 180: d[0] = W - right; d[1] = H - bottom; d[2] = W - left; d[3] = H - top; break;
+        case 270: d[0] = top; d[1] = W - right; d[2] = bottom; d[3] = W - left; break;
         default: break;
     }
-    *r = d;
+    for (int64_t v : d)
+        if (!fits32(v)) return false;
+    *r = RECT{int32_t(d[0]), int32_t(d[1]), int32_t(d[2]), int32_t(d[3])};
+    return true;
 }
 
-void changePoint(int32_t from, int32_t w, int32_t h, int32_t to, int32_t* x, int32_t* y) noexcept {
+bool changePoint(int32_t from, int32_t w, int32_t h, int32_t to, int32_t* x, int32_t* y) noexcept {
     int32_t f, a;
     changeParams(from, to, &f, &a);
-    int32_t px = *x, py = *y;
-    if (f) py = h - py - 1;
-    int32_t qx = px, qy = py;
+    const int64_t W = w, H = h;
+    int64_t px = *x, py = *y;
+    if (f) py = H - py - 1;
+    int64_t qx = px, qy = py;
     switch (a) {
-        case 90: qx = h - py - 1; qy = px; break;
-        case 180: qx = w - px - 1; qy = h - py - 1; break;
-        case 270: qx = py; qy = w - px - 1; break;
+        case 90: qx = H - py - 1; qy = px; break;
+        case 180: qx = W - px - 1; qy = H - py - 1; break;
+        case 270: qx = py; qy = W - px - 1; break;
         default: break;
     }
-    *x = qx;
-    *y = qy;
+    if (!fits32(qx) || !fits32(qy)) return false;
+    *x = int32_t(qx);
+    *y = int32_t(qy);
+    return true;
 }
 
 // Top-left-view width and height of a bitmap.
@@ -100,14 +113,14 @@ KAPI int32_t K_GetChangeViewPerspectiveParams(int32_t nFrom, int32_t nTo, int32_
 KAPI int32_t K_ChangeRectViewPerspective(int32_t nFrom, int32_t nWidth, int32_t nHeight, int32_t nTo,
                                          RECT* pRect) {
     if (!pRect || !vpValid(nFrom) || !vpValid(nTo)) return KS_INVALID_PARAMETER;
-    changeRect(nFrom, nWidth, nHeight, nTo, pRect);
+    if (!changeRect(nFrom, nWidth, nHeight, nTo, pRect)) return KS_INVALID_PARAMETER;
     return KS_SUCCESS;
 }
 
 KAPI int32_t K_ChangePointViewPerspective(int32_t nFrom, int32_t nWidth, int32_t nHeight, int32_t nTo,
                                           int32_t* pnX, int32_t* pnY) {
     if (!pnX || !pnY || !vpValid(nFrom) || !vpValid(nTo)) return KS_INVALID_PARAMETER;
-    changePoint(nFrom, nWidth, nHeight, nTo, pnX, pnY);
+    if (!changePoint(nFrom, nWidth, nHeight, nTo, pnX, pnY)) return KS_INVALID_PARAMETER;
     return KS_SUCCESS;
 }
 
@@ -122,7 +135,7 @@ KAPI int32_t K_RectToBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspectiv
     int32_t w, h;
     viewedDims(pBitmap, &w, &h);
     if (nViewPerspective == 6 || nViewPerspective == 8) std::swap(w, h);
-    changeRect(nViewPerspective, w, h, pBitmap->nViewPerspective, pRect);
+    if (!changeRect(nViewPerspective, w, h, pBitmap->nViewPerspective, pRect)) return KS_INVALID_PARAMETER;
     return KS_SUCCESS;
 }
 
@@ -131,7 +144,8 @@ KAPI int32_t K_RectFromBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspect
     if (!recordSizeValid(pBitmap->uStructSize)) return KS_INVALID_STRUCT_SIZE;
     if (nViewPerspective == pBitmap->nViewPerspective) return KS_SUCCESS;
     if (!pRect || !vpValid(nViewPerspective) || !vpValid(pBitmap->nViewPerspective)) return KS_INVALID_PARAMETER;
-    changeRect(pBitmap->nViewPerspective, pBitmap->nWidth, pBitmap->nHeight, nViewPerspective, pRect);
+    if (!changeRect(pBitmap->nViewPerspective, pBitmap->nWidth, pBitmap->nHeight, nViewPerspective, pRect))
+        return KS_INVALID_PARAMETER;
     return KS_SUCCESS;
 }
 
@@ -143,7 +157,7 @@ KAPI int32_t K_PointToBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspecti
     int32_t w, h;
     viewedDims(pBitmap, &w, &h);
     if (nViewPerspective == 6 || nViewPerspective == 8) std::swap(w, h);
-    changePoint(nViewPerspective, w, h, pBitmap->nViewPerspective, pnX, pnY);
+    if (!changePoint(nViewPerspective, w, h, pBitmap->nViewPerspective, pnX, pnY)) return KS_INVALID_PARAMETER;
     return KS_SUCCESS;
 }
 
@@ -154,6 +168,7 @@ KAPI int32_t K_PointFromBitmap(const BITMAPRECORD* pBitmap, int32_t nViewPerspec
     if (nViewPerspective == pBitmap->nViewPerspective) return KS_SUCCESS;
     if (!pnX || !pnY || !vpValid(nViewPerspective) || !vpValid(pBitmap->nViewPerspective))
         return KS_INVALID_PARAMETER;
-    changePoint(pBitmap->nViewPerspective, pBitmap->nWidth, pBitmap->nHeight, nViewPerspective, pnX, pnY);
+    if (!changePoint(pBitmap->nViewPerspective, pBitmap->nWidth, pBitmap->nHeight, nViewPerspective, pnX, pnY))
+        return KS_INVALID_PARAMETER;
     return KS_SUCCESS;
 }
