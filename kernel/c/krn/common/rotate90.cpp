@@ -59,7 +59,7 @@ int32_t allocateLike(BITMAPRECORD* nb, const BITMAPRECORD* bm) noexcept {
         auto* t = reinterpret_cast<const TileTable*>(bm->pData);
         const ThreadSettings& ts = settings();
         uint64_t tileSize = t && t->tileSize ? t->tileSize : 0x1000000;
-        st = tilesAllocate(nb, tileSize, fileDiskAllowed(), ts.nMemFifth);
+        st = tilesAllocate(nb, tileSize, fileDiskAllowed(), ts.nMemFifth, memoryBudget());
         if (st == KS_SUCCESS) nb->uFlags |= BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_TILED;
         return st;
     }
