@@ -1702,6 +1702,7 @@ OMBRIX_API int32_t K_MirrorLine(uint8_t* pBuffer, uint32_t uPixels, int32_t nBit
  * unchanged.
  * Results: 1; -13 null or unallocated record, unknown flag bits or
  * interpolation, an angle out of range, a view perspective outside 1..8, a
+ * row size (nBytesPerLine) that is not the one the width and depth give, a
  * locked bitmap (outstanding K_AccessBitmap), a bad fill (palette index
  * past the depth, index form above 8 bits); -789 size word; -27 a depth that
  * the interpolation does not support (bilinear and bicubic: 8-bit grey (a
