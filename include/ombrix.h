@@ -1693,8 +1693,9 @@ OMBRIX_API int32_t K_MirrorLine(uint8_t* pBuffer, uint32_t uPixels, int32_t nBit
 /* Turns the viewed image by nAngle hundredths of a degree (-36000..36000),
  * positive clockwise as the image is viewed, about its centre, in place: the
  * record receives new storage of the same kind (caller memory becomes
- * kernel memory), its region is removed, and its view perspective becomes 1
- * or 4 (perspectives 2, 5, 7 become 4 and 3, 6, 8 become 1, the difference
+ * kernel memory), its region turns with it (a pixel is in the new region
+ * when its nearest source pixel was in the old one), and its view
+ * perspective becomes 1 or 4 (perspectives 2, 5, 7 become 4 and 3, 6, 8 become 1, the difference
  * being added to the turn). Pixel centres map onto pixel centres, so turns
  * by right angles move pixels unchanged with any interpolation; +90.00 with
  * ROTATE_RESIZE equals K_RotateBitmap90(pBitmap, 1, ...). Uncovered pixels
@@ -1706,6 +1707,7 @@ OMBRIX_API int32_t K_MirrorLine(uint8_t* pBuffer, uint32_t uPixels, int32_t nBit
  * unchanged.
  * Results: 1; -13 null or unallocated record, unknown flag bits or
  * interpolation, an angle out of range, a view perspective outside 1..8, a
+ * row size (nBytesPerLine) that is not the one the width and depth give, a
  * locked bitmap (outstanding K_AccessBitmap), a bad fill (palette index
  * past the depth, index form above 8 bits); -789 size word; -27 a depth that
  * the interpolation does not support (bilinear and bicubic: 8-bit grey (a

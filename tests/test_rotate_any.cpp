@@ -479,6 +479,8 @@ TEST(RotateAny, BadInputGetsAClearCodeAndChangesNothing) {
     badSize.uStructSize = 100;
     BITMAPRECORD badPersp = b8.bm;
     badPersp.nViewPerspective = 9;
+    BITMAPRECORD badWidth = b8.bm;  // a width the storage does not have
+    badWidth.nWidth = 4000;
     struct Case {
         BITMAPRECORD* bm;
         int32_t angle;
@@ -490,6 +492,8 @@ TEST(RotateAny, BadInputGetsAClearCodeAndChangesNothing) {
         {&unalloc, 100, 0, 0, KS_INVALID_PARAMETER, false},
         {&badSize, 100, 0, 0, KS_INVALID_STRUCT_SIZE, false},
         {&badPersp, 100, 0, 0, KS_INVALID_PARAMETER, false},
+        {&badWidth, 100, 0, 0, KS_INVALID_PARAMETER, false},
+        {&badWidth, 100, 0, 0, KS_INVALID_PARAMETER, true},
         {&b8.bm, 36001, 0, 0, KS_INVALID_PARAMETER, false},
         {&b8.bm, -36001, 0, 0, KS_INVALID_PARAMETER, false},
         {&b8.bm, 100, 0x80000000u, 0, KS_INVALID_PARAMETER, false},
@@ -510,7 +514,7 @@ TEST(RotateAny, BadInputGetsAClearCodeAndChangesNothing) {
         BITMAPRECORD snap{};
         RefImage px(1, 1, 8);
         const bool live = c.bm && c.bm->uStructSize == BITMAPRECORD_SIZE && (c.bm->uFlags & BRF_ALLOCATED) &&
-                          c.bm != &badPersp;
+                          c.bm != &badPersp && c.bm != &badWidth;
         if (c.bm) snap = *c.bm;
         if (live) px = get(c.bm);
         const int32_t rc = c.shear ? K_ShearBitmap(c.bm, c.angle, c.flags, c.fill)

@@ -772,6 +772,9 @@ int32_t checkCommon(BITMAPRECORD* bm, uint32_t flags, uint32_t known, uint32_t u
     if (interp > 2) return KS_INVALID_PARAMETER;
     if (!bitsValid(bm->nBitsPerPixel)) return KS_INVALID_BITS_PER_PIXEL;
     if (bm->nWidth < 1 || bm->nHeight < 1) return KS_INVALID_DIMENSIONS;
+    // The row size the kernels step by must be the one the width gives.
+    uint32_t bpl = 0;
+    if (!bytesPerLine(bm->nWidth, bm->nBitsPerPixel, &bpl) || bpl != bm->nBytesPerLine) return KS_INVALID_PARAMETER;
     rq->interp = Interp(interp);
     if (rq->interp != Interp::Nearest && (!pickKernel(bm->nBitsPerPixel, rq->interp) || !isGreyBitmap(bm)))
         return KS_INVALID_BITS_PER_PIXEL;
