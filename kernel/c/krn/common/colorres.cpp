@@ -744,9 +744,10 @@ KAPI int32_t K_CreateBitmapListOptPal(HBITMAPLIST hList, RGBQUAD* pPalette, int3
                                       uint32_t uFlags, int32_t* pnUsed) {
     return guarded([&]() -> int32_t {
         if (!hList || !pPalette) return KS_INVALID_PARAMETER;
-        uint32_t count = 0;
+        uint32_t count = 0xFFFFFFFFu;  // stays so for a handle that is not a list
         BITMAPRECORD* items = listItems(hList, &count);
-        if (!items) return KS_INVALID_PARAMETER;
+        if (count == 0xFFFFFFFFu) return KS_INVALID_PARAMETER;
+        if (!items) count = 0;
         kvector<BITMAPRECORD*> bms;
         for (uint32_t i = 0; i < count; ++i) {
             int32_t rc = checkRecord(&items[i]);
