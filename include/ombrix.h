@@ -2043,6 +2043,14 @@ OMBRIX_API int32_t K_GrayScaleBitmap(BITMAPRECORD* pBitmap, int32_t nBitsPerPixe
  * written only on success. */
 OMBRIX_API int32_t K_CreateBitmapOptPal(BITMAPRECORD* pBitmap, RGBQUAD* pPalette, int32_t nColors,
                                         int32_t nReserved, uint32_t uFlags, int32_t* pnUsed);
+/* As K_CreateBitmapOptPal for one palette shared by every allocated bitmap
+ * of a list (an HBITMAPLIST of the bitmap lists section; each bitmap counts
+ * by its area, all sampled on one grid). -13 null or dead list handle or null
+ * palette (and as above); -2 a list without an allocated bitmap; -789 an
+ * item's size word. */
+struct OmbrixBitmapList_;
+OMBRIX_API int32_t K_CreateBitmapListOptPal(struct OmbrixBitmapList_* hList, RGBQUAD* pPalette, int32_t nColors,
+                                            int32_t nReserved, uint32_t uFlags, int32_t* pnUsed);
 
 /* ======================================================================
  * Section: bitmap lists

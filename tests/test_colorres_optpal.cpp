@@ -246,3 +246,45 @@ TEST(ColorResOptPal, PhotoLikeErrorIsBelowPillowMedianCutAndOctree) {
 }
 
 }  // namespace
+
+namespace {
+
+// One palette for every bitmap of a list: the union of the bitmaps' colours
+// when it fits, and bad handles refused.
+TEST(ColorResOptPal, ListPaletteCoversEveryBitmap) {
+    HBITMAPLIST list = nullptr;
+    ASSERT_EQ(K_CreateBitmapList(&list), KS_SUCCESS);
+    std::set<uint32_t> all;
+    std::mt19937 rng(4);
+    for (int i = 0; i < 3; ++i) {
+        std::vector<RGBQUAD> cs;
+        for (int k = 0; k < 5; ++k) {
+            cs.push_back(quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)));
+            all.insert(key(cs.back()));
+        }
+        auto px = fewColours(20 + i, 10, cs, uint32_t(i));
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 20 + i, 10, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        for (int y = 0; y < 10; ++y) K_PutBitmapRow(&bm, px.data() + size_t(y) * size_t(20 + i) * 3, y, uint32_t(20 + i) * 3);
+        ASSERT_EQ(K_InsertBitmapListItem(list, BITMAPLIST_END, &bm), KS_SUCCESS);  // the list owns it now
+    }
+    std::vector<RGBQUAD> pal(16);
+    int32_t used = 0;
+    ASSERT_EQ(K_CreateBitmapListOptPal(list, pal.data(), 16, 0, 0, &used), KS_SUCCESS);
+    std::set<uint32_t> got;
+    for (int i = 0; i < used; ++i) got.insert(key(pal[size_t(i)]));
+    EXPECT_EQ(got, all);
+    // Fewer entries than colours: every entry still used, none invented twice.
+    ASSERT_EQ(K_CreateBitmapListOptPal(list, pal.data(), 8, 0, 0, &used), KS_SUCCESS);
+    EXPECT_EQ(used, 8);
+    EXPECT_EQ(K_CreateBitmapListOptPal(nullptr, pal.data(), 8, 0, 0, &used), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CreateBitmapListOptPal(list, nullptr, 8, 0, 0, &used), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_CreateBitmapListOptPal(list, pal.data(), 300, 0, 0, &used), KS_INVALID_PARAMETER);
+    ASSERT_EQ(K_DestroyBitmapList(list), KS_SUCCESS);
+    HBITMAPLIST empty = nullptr;
+    ASSERT_EQ(K_CreateBitmapList(&empty), KS_SUCCESS);
+    EXPECT_EQ(K_CreateBitmapListOptPal(empty, pal.data(), 8, 0, 0, &used), KS_INVALID_BITMAP);
+    K_DestroyBitmapList(empty);
+}
+
+}  // namespace

@@ -22,6 +22,7 @@
 #include "convert.h"
 #include "hooks.h"
 #include "kernel.h"
+#include "list.h"
 #include "memory.h"
 #include "palette.h"
 #include "parallel.h"
@@ -383,35 +384,45 @@ constexpr uint64_t kSampleTarget = uint64_t(1) << 20;
 // Samples the bitmap on a grid (every pixel when it is small) into 6-bit
 // cells, and decides whether it holds at most `free` distinct colours (then
 // `exact` receives them, checked over every pixel).
-int32_t sampleColors(BITMAPRECORD* bm, size_t free, kvector<uint32_t>& colors, kvector<uint32_t>& weights,
-                     kvector<uint32_t>& exact, bool& isExact) {
-    const uint64_t total = uint64_t(bm->nWidth) * uint64_t(bm->nHeight);
+int32_t sampleColors(BITMAPRECORD* const* bms, size_t nBms, size_t free, kvector<uint32_t>& colors,
+                     kvector<uint32_t>& weights, kvector<uint32_t>& exact, bool& isExact) {
+    // One grid step for all the bitmaps, so each counts by its area.
+    uint64_t total = 0;
+    for (size_t i = 0; i < nBms; ++i) total += uint64_t(bms[i]->nWidth) * uint64_t(bms[i]->nHeight);
     int32_t step = 1;
     while (total / (uint64_t(step) * uint64_t(step)) > kSampleTarget) ++step;
-    RowReader reader(bm);
     kvector<uint32_t> count(size_t(1) << 18, 0), sr(count.size(), 0), sg(count.size(), 0), sb(count.size(), 0);
     ColorSet set(free);
-    for (int32_t y = step / 2; y < bm->nHeight; y += step) {
-        const uint8_t* p;
-        int32_t rc = reader.read(y, &p);
-        if (rc != KS_SUCCESS) return rc;
-        for (int32_t x = step / 2; x < bm->nWidth; x += step) {
-            const uint8_t* q = p + size_t(x) * 3;
-            const uint32_t cell = (uint32_t(q[2] >> 2) << 12) | (uint32_t(q[1] >> 2) << 6) | uint32_t(q[0] >> 2);
-            ++count[cell];
-            sr[cell] += q[2];
-            sg[cell] += q[1];
-            sb[cell] += q[0];
-            set.add((uint32_t(q[2]) << 16) | (uint32_t(q[1]) << 8) | q[0]);
+    for (size_t i = 0; i < nBms; ++i) {
+        BITMAPRECORD* bm = bms[i];
+        RowReader reader(bm);
+        for (int32_t y = step / 2; y < bm->nHeight; y += step) {
+            const uint8_t* p;
+            int32_t rc = reader.read(y, &p);
+            if (rc != KS_SUCCESS) return rc;
+            for (int32_t x = step / 2; x < bm->nWidth; x += step) {
+                const uint8_t* q = p + size_t(x) * 3;
+                const uint32_t cell = (uint32_t(q[2] >> 2) << 12) | (uint32_t(q[1] >> 2) << 6) | uint32_t(q[0] >> 2);
+                ++count[cell];
+                sr[cell] += q[2];
+                sg[cell] += q[1];
+                sb[cell] += q[0];
+                set.add((uint32_t(q[2]) << 16) | (uint32_t(q[1]) << 8) | q[0]);
+            }
         }
     }
     if (!set.overflow && step > 1) {
         // The sample has few colours: look at every pixel before promising them.
-        for (int32_t y = 0; y < bm->nHeight && !set.overflow; ++y) {
-            const uint8_t* p;
-            int32_t rc = reader.read(y, &p);
-            if (rc != KS_SUCCESS) return rc;
-            for (int32_t x = 0; x < bm->nWidth; ++x, p += 3) set.add((uint32_t(p[2]) << 16) | (uint32_t(p[1]) << 8) | p[0]);
+        for (size_t i = 0; i < nBms && !set.overflow; ++i) {
+            BITMAPRECORD* bm = bms[i];
+            RowReader reader(bm);
+            for (int32_t y = 0; y < bm->nHeight && !set.overflow; ++y) {
+                const uint8_t* p;
+                int32_t rc = reader.read(y, &p);
+                if (rc != KS_SUCCESS) return rc;
+                for (int32_t x = 0; x < bm->nWidth; ++x, p += 3)
+                    set.add((uint32_t(p[2]) << 16) | (uint32_t(p[1]) << 8) | p[0]);
+            }
         }
     }
     isExact = !set.overflow;
@@ -436,8 +447,8 @@ int32_t sampleColors(BITMAPRECORD* bm, size_t free, kvector<uint32_t>& colors, k
 
 // The optimised palette: nColors entries, the first `reserved` kept, the
 // last kept too with `transparent`. Returns the meaningful count or a status.
-int32_t optimizedPalette(BITMAPRECORD* bm, RGBQUAD* pal, int32_t nColors, int32_t reserved, bool transparent,
-                         bool refine, int32_t* used) {
+int32_t optimizedPalette(BITMAPRECORD* const* bms, size_t nBms, RGBQUAD* pal, int32_t nColors, int32_t reserved,
+                         bool transparent, bool refine, int32_t* used) {
     const int32_t free = nColors - reserved - (transparent ? 1 : 0);
     RGBQUAD out[256];
     std::memcpy(out, pal, sizeof(RGBQUAD) * size_t(nColors));
@@ -446,7 +457,7 @@ int32_t optimizedPalette(BITMAPRECORD* bm, RGBQUAD* pal, int32_t nColors, int32_
     if (free > 0) {
         kvector<uint32_t> colors, weights, exact;
         bool isExact = false;
-        int32_t rc = sampleColors(bm, size_t(free), colors, weights, exact, isExact);
+        int32_t rc = sampleColors(bms, nBms, size_t(free), colors, weights, exact, isExact);
         if (rc != KS_SUCCESS) return rc;
         if (isExact) {
             for (uint32_t c : exact)
@@ -592,7 +603,7 @@ int32_t colorResBitmap(BITMAPRECORD* src, BITMAPRECORD* dst, int32_t bits, uint3
 
         // Everything is checked: now the work.
         if (optimised) {
-            rc = optimizedPalette(src, p.pal, p.nPal, 0, false, true, nullptr);
+            rc = optimizedPalette(&src, 1, p.pal, p.nPal, 0, false, true, nullptr);
             if (rc != KS_SUCCESS) return rc;
         }
         if (bits > 8) {
@@ -695,23 +706,55 @@ KAPI int32_t K_GrayScaleBitmap(BITMAPRECORD* pBitmap, int32_t nBitsPerPixel) {
     });
 }
 
+namespace {
+
+// The frame of both builders: arguments, then each bitmap's format through a
+// one-pixel conversion, then the palette.
+int32_t createOptPal(BITMAPRECORD* const* bms, size_t nBms, RGBQUAD* pal, int32_t nColors, int32_t nReserved,
+                     uint32_t flags, int32_t* used) {
+    if (!pal) return KS_INVALID_PARAMETER;
+    if (flags & ~OPTPAL_ALLFLAGS) return KS_INVALID_PARAMETER;
+    const bool transparent = (flags & OPTPAL_TRANSPARENT) != 0;
+    if (nColors < 2 || nColors > 256) return KS_INVALID_PARAMETER;
+    if (nReserved < 0 || nReserved + (transparent ? 1 : 0) > nColors) return KS_INVALID_PARAMETER;
+    for (size_t i = 0; i < nBms; ++i) {
+        BITMAPRECORD* bm = bms[i];
+        if (bm->nWidth < 1 || bm->nHeight < 1) return KS_INVALID_BITMAP;
+        RowReader probe(bm);
+        alignas(8) uint8_t px[64] = {};
+        int32_t rc = convertRowToBGR24(px, 1, probe.bits, probe.order, probe.pal, probe.flags, probe.low, probe.high);
+        if (rc != KS_SUCCESS) return rc;
+    }
+    return optimizedPalette(bms, nBms, pal, nColors, nReserved, transparent, !(flags & OPTPAL_FAST), used);
+}
+
+}  // namespace
+
 KAPI int32_t K_CreateBitmapOptPal(BITMAPRECORD* pBitmap, RGBQUAD* pPalette, int32_t nColors, int32_t nReserved,
                                   uint32_t uFlags, int32_t* pnUsed) {
     return guarded([&]() -> int32_t {
         if (!pBitmap || !pPalette) return KS_INVALID_PARAMETER;
         int32_t rc = checkAllocated(pBitmap);
         if (rc != KS_SUCCESS) return rc;
-        if (uFlags & ~OPTPAL_ALLFLAGS) return KS_INVALID_PARAMETER;
-        const bool transparent = (uFlags & OPTPAL_TRANSPARENT) != 0;
-        if (nColors < 2 || nColors > 256) return KS_INVALID_PARAMETER;
-        if (nReserved < 0 || nReserved + (transparent ? 1 : 0) > nColors) return KS_INVALID_PARAMETER;
-        if (pBitmap->nWidth < 1 || pBitmap->nHeight < 1) return KS_INVALID_BITMAP;
-        {
-            RowReader probe(pBitmap);
-            alignas(8) uint8_t px[64] = {};
-            rc = convertRowToBGR24(px, 1, probe.bits, probe.order, probe.pal, probe.flags, probe.low, probe.high);
+        return createOptPal(&pBitmap, 1, pPalette, nColors, nReserved, uFlags, pnUsed);
+    });
+}
+
+KAPI int32_t K_CreateBitmapListOptPal(HBITMAPLIST hList, RGBQUAD* pPalette, int32_t nColors, int32_t nReserved,
+                                      uint32_t uFlags, int32_t* pnUsed) {
+    return guarded([&]() -> int32_t {
+        if (!hList || !pPalette) return KS_INVALID_PARAMETER;
+        uint32_t count = 0xFFFFFFFFu;  // stays so for a handle that is not a list
+        BITMAPRECORD* items = listItems(hList, &count);
+        if (count == 0xFFFFFFFFu) return KS_INVALID_PARAMETER;
+        if (!items) count = 0;
+        kvector<BITMAPRECORD*> bms;
+        for (uint32_t i = 0; i < count; ++i) {
+            int32_t rc = checkRecord(&items[i]);
             if (rc != KS_SUCCESS) return rc;
+            if (items[i].uFlags & BRF_ALLOCATED) bms.push_back(&items[i]);
         }
-        return optimizedPalette(pBitmap, pPalette, nColors, nReserved, transparent, !(uFlags & OPTPAL_FAST), pnUsed);
+        if (bms.empty()) return KS_INVALID_BITMAP;
+        return createOptPal(bms.data(), bms.size(), pPalette, nColors, nReserved, uFlags, pnUsed);
     });
 }
