@@ -1869,9 +1869,9 @@ OMBRIX_API int32_t K_ClearNegativePixels(BITMAPRECORD* pBitmap);
  * the work and is returned. See docs/combine.md for the operations at each
  * depth. Returns 1; -13 null or unallocated destination, invalid flag word,
  * null or unallocated source when it is read, negative width or height; -789
- * a size word; -27 depths that differ; -1 memory; -16 two view perspectives
- * that need a converted copy of the source (not yet available); a row-layer
- * or callback status. */
+ * a size word; -27 depths that differ; -1 memory, or a source of another view
+ * perspective (other than 1 against 4) that could not be converted into the
+ * destination's; a row-layer or callback status. */
 OMBRIX_API int32_t K_CombineBitmapKrn(BITMAPRECORD* pDstBitmap, int32_t nXDst, int32_t nYDst, int32_t nWidth,
                                       int32_t nHeight, BITMAPRECORD* pSrcBitmap, int32_t nXSrc, int32_t nYSrc,
                                       uint32_t uFlags);

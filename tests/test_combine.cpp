@@ -370,6 +370,46 @@ TEST(CombineFaults, AllocationFailureWalkLeavesTheDestination) {
     }
 }
 
+// A source of another view perspective is converted into a temporary record:
+// each failure on the way is -1, the destination unchanged, nothing leaks.
+TEST(CombineFaults, ConvertedSourceFailuresLeaveTheDestination) {
+    const Format f{24, 1};
+    Bmp dst(30, 20, f, TOP_LEFT), src(20, 30, f, RIGHT_TOP);
+    RefImage d(30, 20, 24), s(20, 30, 24);
+    d.randomize(71);
+    s.randomize(72);
+    writeImage(&dst.bm, d);
+    writeImage(&src.bm, s);
+    // The result without faults, on a second destination.
+    Bmp clean(30, 20, f, TOP_LEFT);
+    writeImage(&clean.bm, d);
+    ASSERT_EQ(K_CombineBitmapKrn(&clean.bm, 1, 2, 25, 15, &src.bm, 0, 0, CombineMaximum), KS_SUCCESS);
+    int failures = 0;
+    bool done = false;
+    for (long n = 0; n < 80 && !done; ++n) {
+        const long live = krn::faultinject::liveBlocks();
+        krn::faultinject::arm(n);
+        const int32_t rc = K_CombineBitmapKrn(&dst.bm, 1, 2, 25, 15, &src.bm, 0, 0, CombineMaximum);
+        const long injected = krn::faultinject::injected();
+        krn::faultinject::disarm();
+        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+        if (rc == KS_SUCCESS) {
+            // The storage layer may fall back to another kind after a failed allocation.
+            EXPECT_EQ(readImage(&dst.bm).px, readImage(&clean.bm).px) << "allocation " << n;
+            done = injected == 0;
+            writeImage(&dst.bm, d);
+            continue;
+        }
+        ++failures;
+        ASSERT_EQ(rc, KS_NO_MEMORY) << "allocation " << n;
+        EXPECT_EQ(readImage(&dst.bm).px, d.px) << "allocation " << n;
+    }
+    EXPECT_TRUE(done);
+    EXPECT_GT(failures, 1);
+    EXPECT_EQ(src.bm.nViewPerspective, RIGHT_TOP);
+    EXPECT_EQ(readImage(&src.bm).px, s.px);
+}
+
 // Only the destination region changes: pixels outside it are kept, inside they follow the reference.
 TEST(CombineRegions, NothingOutsideTheRegionChanges) {
     for (const Format f : {Format{1, 0}, Format{3, 0}, Format{8, 0}, Format{12, ORDER_GRAY}, Format{24, 1}, Format{32, 1}}) {
@@ -442,7 +482,10 @@ TEST(CombinePerspective, RectanglesAreMappedIntoEachBitmap) {
     dv.randomize(42);
     RefImage want = expected(dv, sv, f, CombineAdd, 2, 1, 9, 6, 3, 2);
     struct Pair { int32_t dvp, svp; };
-    for (Pair p : {Pair{1, 1}, Pair{4, 4}, Pair{1, 4}, Pair{4, 1}, Pair{6, 6}, Pair{3, 3}, Pair{8, 8}}) {
+    std::vector<Pair> pairs;
+    for (int32_t a = 1; a <= 8; ++a)
+        for (int32_t b = 1; b <= 8; ++b) pairs.push_back(Pair{a, b});
+    for (Pair p : pairs) {
         auto storedDims = [&](int32_t vp) { return vp >= 5 ? std::make_pair(H, W) : std::make_pair(W, H); };
         Bmp dst(storedDims(p.dvp).first, storedDims(p.dvp).second, f, p.dvp);
         Bmp src(storedDims(p.svp).first, storedDims(p.svp).second, f, p.svp);

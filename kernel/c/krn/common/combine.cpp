@@ -288,6 +288,15 @@ int32_t rowLayerLoop(const Job& j) noexcept {
     return prog.finish();
 }
 
+// A converted copy of the source, freed with the call.
+struct TempRecord {
+    BITMAPRECORD rec{};
+    bool used = false;
+    ~TempRecord() {
+        if (used) K_FreeBitmap(&rec);
+    }
+};
+
 int32_t reportNothing() noexcept {
     Progress p = Progress::status(1);
     int32_t rc = p.step(0);
@@ -340,20 +349,34 @@ int32_t combineBitmap(BITMAPRECORD* pDst, int32_t nXDst, int32_t nYDst, int32_t 
     rc = K_RectToBitmap(pDst, TOP_LEFT, &dr);
     if (rc != KS_SUCCESS) return rc;
     bool reverse = false;
+    TempRecord converted;
+    BITMAPRECORD* src = pSrc;
     if (readsSrc) {
         const int32_t vd = pDst->nViewPerspective, vs = pSrc->nViewPerspective;
         const bool flatPair = (vd == 1 || vd == 4) && (vs == 1 || vs == 4);
-        if (vd != vs && !flatPair) return KS_NOT_SUPPORTED;
-        rc = K_RectToBitmap(pSrc, TOP_LEFT, &sr);
+        if (vd != vs && !flatPair) {
+            // The source turned into the destination's perspective, in a record of
+            // its own (palette and perspective carried), without progress reports.
+            STATUSCALLBACK cb = nullptr;
+            void* user = nullptr;
+            K_GetStatusCallBack(&cb, &user);
+            K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
+            rc = K_IntChangeBitmapViewPerspective(&converted.rec, pSrc, BITMAPRECORD_SIZE, vd, DUPBITMAP_COLORS);
+            K_SetStatusCallBack(cb, user, nullptr, nullptr);
+            if (rc != KS_SUCCESS) return KS_NO_MEMORY;
+            converted.used = true;
+            src = &converted.rec;
+        }
+        rc = K_RectToBitmap(src, TOP_LEFT, &sr);
         if (rc != KS_SUCCESS) return rc;
-        reverse = vd != vs;
+        reverse = vd != src->nViewPerspective;
     }
 
     Job j{};
     j.plan = plan;
     j.fmt = combineFormat(pDst);
     j.dst = pDst;
-    j.src = readsSrc ? pSrc : nullptr;
+    j.src = readsSrc ? src : nullptr;
     j.dl = dr.left;
     j.dt = dr.top;
     j.sl = sr.left;
@@ -361,7 +384,7 @@ int32_t combineBitmap(BITMAPRECORD* pDst, int32_t nXDst, int32_t nYDst, int32_t 
     j.n = uint32_t(dr.right - dr.left);
     j.rows = dr.bottom - dr.top;
     j.reverseSrc = reverse;
-    j.bottomUp = readsSrc && pSrc == pDst && sr.top < dr.top;
+    j.bottomUp = readsSrc && src == pDst && sr.top < dr.top;
     const uint32_t mode = tCombineTestMode;
     j.fn = pickCombineRow(plan, j.fmt, !(mode & 1));
     if (!j.fn) return KS_INTERNAL;
