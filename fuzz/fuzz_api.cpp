@@ -82,6 +82,29 @@ struct Ctx {
         }
     }
 
+    // The record of slot s presented with another size word (the other
+    // layout or none) until the current call is over. Records that hold
+    // something past the older layout are left alone: an older-layout call
+    // drops those fields, by design.
+    void relabel(int s) {
+        BITMAPRECORD* r = &bm[s];
+        if (relabelled >= 0) return;
+        if (r->pCallbacks || r->hListBlock || ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize)) return;
+        const uint32_t to = kSizeWords[byte() % (sizeof kSizeWords / sizeof kSizeWords[0])];
+        // An older-layout record shown as the current layout would hand the
+        // library the caller's stale bytes past the older layout (pointers
+        // among them): no library can check those.
+        if (r->uStructSize != BITMAPRECORD_SIZE && to == BITMAPRECORD_SIZE) return;
+        // A current-layout record shown in the older layout would be changed
+        // by a successful call in its older fields only, leaving the current
+        // layout's data size stale: only the words of no layout are shown
+        // (records that live in the older layout come from init and create).
+        if (krn::recordSizeValid(to)) return;
+        relabelled = s;
+        relabelWord = r->uStructSize;
+        r->uStructSize = relabelTo = to;
+    }
+
     // ---- input
     bool more() const { return i < n; }
     uint8_t byte() { return i < n ? p[i++] : 0; }
@@ -114,6 +137,7 @@ struct Ctx {
     // ---- pool
     BITMAPRECORD* rec() {
         uint8_t b = byte();
+        if (b >= 212 && b < 230) relabel(b % kSlots);  // this call sees another size word
         if (b < 230) return &bm[b % kSlots];
         if (b < 245) return &foreign;
         return nullptr;
@@ -195,14 +219,19 @@ uint64_t digest(BITMAPRECORD* r, const char* op) {
 
 // The validity checks of an allocated record.
 void validate(BITMAPRECORD* r, const char* op) {
-    if (!(r->uFlags & BRF_ALLOCATED)) return;
+    // (A size word the script broke on purpose makes the record unreadable.)
+    if (!(r->uFlags & BRF_ALLOCATED) || !krn::recordSizeValid(r->uStructSize)) return;
     if (krn::checkAllocated(r) != KS_SUCCESS) fail(op, "allocated record fails the record check");
     // (A height of 0 is reachable through K_ChangeBitmapHeight and valid.)
     if (r->nWidth <= 0 || r->nHeight < 0) fail(op, "allocated record with a bad size");
     uint32_t bpl = 0;
     if (!krn::bytesPerLine(r->nWidth, r->nBitsPerPixel, &bpl) || bpl != r->nBytesPerLine)
         fail(op, "bytes per line disagree with width and depth");
-    if (krn::dataSize(r) != uint64_t(bpl) * uint64_t(r->nHeight)) fail(op, "data size disagrees");
+    if (krn::dataSize(r) != uint64_t(bpl) * uint64_t(r->nHeight)) {
+        std::fprintf(stderr, "size word %u, data size %llu, %u x %d, depth %d\n", r->uStructSize,
+                     (unsigned long long)krn::dataSize(r), bpl, r->nHeight, r->nBitsPerPixel);
+        fail(op, "data size disagrees");
+    }
     if (krn::isCurrentLayout(r) && r->nLockCount < 0) fail(op, "negative lock count");
     if (r->nViewPerspective < 1 || r->nViewPerspective > 8) fail(op, "view perspective outside 1..8");
     (void)digest(r, op);  // every row readable
@@ -210,8 +239,19 @@ void validate(BITMAPRECORD* r, const char* op) {
 
 // Runs one call that takes records: a negative status must leave them as they
 // were; a record left allocated must be valid.
+// `outputs` marks (bit k) records the call makes afresh (their size word is
+// an argument or written by the call); every other record given with a size
+// word of no layout must make the call fail (-789 or an earlier refusal).
 template <class F>
-int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call) {
+int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint32_t outputs = 0) {
+    bool badSize = false;
+    {
+        uint32_t k = 0;
+        for (BITMAPRECORD* r : recs) {
+            if (r && !(outputs >> k & 1) && !krn::recordSizeValid(r->uStructSize)) badSize = true;
+            ++k;
+        }
+    }
     uint64_t before[4] = {};
     BITMAPRECORD copy[4];
     size_t k = 0;
@@ -224,6 +264,10 @@ int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call) {
         ++k;
     }
     const int64_t rc = call();
+    if (badSize && rc > 0) {
+        std::fprintf(stderr, "status %lld\n", (long long)rc);
+        fail(c.op, "a record with a bad size word was accepted");
+    }
     k = 0;
     for (BITMAPRECORD* r : recs) {
         if (k == 4) break;
@@ -302,10 +346,10 @@ void opCreate(Ctx& c) {
         check(c, {r}, [&] {
             return K_CreateBitmap(r, sw, 2, w, h, b, order, nullptr, vp, mem.empty() ? nullptr : mem.data(),
                                   have);
-        });
+        }, 1);
         return;
     }
-    check(c, {r}, [&] { return K_CreateBitmap(r, sw, t, w, h, b, order, nullptr, vp, nullptr, 0); });
+    check(c, {r}, [&] { return K_CreateBitmap(r, sw, t, w, h, b, order, nullptr, vp, nullptr, 0); }, 1);
 }
 void opAllocate(Ctx& c) {
     BITMAPRECORD* r = c.rec();
@@ -394,15 +438,7 @@ void opCompression(Ctx& c) {
 void opRelabel(Ctx& c) {
     // The same record presented in the other layout (or with a broken size
     // word) to the next call; the size word is put back after that call.
-    const int s = c.slot();
-    BITMAPRECORD* r = &c.bm[s];
-    if (c.relabelled >= 0) return;
-    // The fields past the older layout are dropped by an older-layout call:
-    // a record that holds something there is left alone.
-    if (r->pCallbacks || r->hListBlock || ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize)) return;
-    c.relabelled = s;
-    c.relabelWord = r->uStructSize;
-    r->uStructSize = c.relabelTo = c.pick(kSizeWords);
+    c.relabel(c.slot());
 }
 void opManageMemory(Ctx& c) {
     const int32_t cmd = c.byte() % 8 - 1;
@@ -820,11 +856,12 @@ void opBitmapRgn(Ctx& c) {
         case 14: {
             BITMAPRECORD* m = c.rec();
             // The mask record is made afresh: one that owns something is freed first.
-            if (m == r) return;
+            // (A mask as large as a huge source would only slow the run down.)
+            if (m == r || (r && plannedSize(r->nWidth, r->nHeight, 1) > kMaxData)) return;
             if (m && isSlot(c, m)) freeSlot(c, int(m - c.bm));
             if (m == &c.foreign) K_FreeBitmap(m);
             const uint32_t sw = c.byte() < 200 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
-            check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, sw); });
+            check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, sw); }, 2);
             break;
         }
         default: {
@@ -1090,7 +1127,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     auto* c = new Ctx{data, size};
     for (auto& b : c->bm) K_InitBitmap(&b, BITMAPRECORD_SIZE, 8, 8, 8);
-    for (size_t k = 0; k < sizeof c->foreign; ++k) reinterpret_cast<uint8_t*>(&c->foreign)[k] = c->byte();
+    // Garbage from a generator seeded by the input: the script's bytes are
+    // kept for the calls.
+    uint32_t x = c->u32() | 1;
+    for (size_t k = 0; k < sizeof c->foreign; ++k) {
+        x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+        reinterpret_cast<uint8_t*>(&c->foreign)[k] = uint8_t(x);
+    }
     // A record the library never made: garbage everywhere but in the
     // pointers a caller owns the memory of (no library can check those), and
     // not marked allocated. Its region handle stays garbage: handles are
