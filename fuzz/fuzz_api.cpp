@@ -363,9 +363,6 @@ void opAllocate(Ctx& c) {
 void opFree(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     if (r == &c.foreign) return;  // garbage bytes: freeing them is the caller's fault
-    if (r && isSlot(c, r) && krn::isCurrentLayout(r) && r->nLockCount > 0) {
-        // Locked: the free must refuse or release; either way no crash.
-    }
     int64_t rc = K_FreeBitmap(r);
     if (rc < 0 && r && isSlot(c, r) && krn::recordSizeValid(r->uStructSize) && (r->uFlags & BRF_ALLOCATED) &&
         !(krn::isCurrentLayout(r) && r->nLockCount > 0))
@@ -536,11 +533,10 @@ void opPalette(Ctx& c) {
     const int32_t index = c.byte() < 200 ? int32_t(c.byte() % 260) : c.i32();
     const bool nullPal = c.byte() > 230;
     const RGBQUAD* pp = nullPal ? nullptr : pal;
-    const int32_t safeN = n < 0 || n > 256 ? n : n;  // sizes past the array are refused by value checks
     if (n > 256 || (index >= 0 && n >= 0 && int64_t(index) + n > 256 && c.byte() < 250)) return;
     uint32_t u = 0;
     switch (c.byte() % 11) {
-        case 0: check(c, {r}, [&] { return K_SetBitmapPalette(r, pp, safeN); }); break;
+        case 0: check(c, {r}, [&] { return K_SetBitmapPalette(r, pp, n); }); break;
         case 1: check(c, {r, s}, [&] { return K_CopyBitmapPalette(r, s); }); break;
         case 2: check(c, {r}, [&] { return K_CreateBitmapFixedPalette(r); }); break;
         case 3: check(c, {r}, [&] { return K_CreateBitmapGrayPalette(r); }); break;
@@ -611,7 +607,7 @@ void opDither(Ctx& c) {
     const RGBQUAD* pal = c.byte() < 200 ? K_IntGetFixedPalette(8) : nullptr;
     const uint32_t colours = c.byte() < 200 ? c.byte() : c.u32v();
     if (which == 0) {
-        check(c, {r}, [&] { return K_StartDithering(r, pal, colours > 256 ? colours : colours); });
+        check(c, {r}, [&] { return K_StartDithering(r, pal, colours); });
     } else if (which == 1) {
         check(c, {r}, [&] { return K_StartDitheringExt(r, pal, colours, c.pick(kDepths), nullptr); });
     } else if (which == 2) {
