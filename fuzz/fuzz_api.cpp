@@ -63,6 +63,7 @@ struct Ctx {
 
     BITMAPRECORD bm[kSlots];
     std::vector<uint8_t> caller[kSlots];  // caller memory attached to a record
+    std::vector<std::vector<uint8_t>> keep;  // caller memory handed over later, kept to the end
     BITMAPRECORD foreign;                 // bytes the library never made
     OrvaRgn* rgn[kRgns] = {};
     HRGN hrgn[kHandles] = {};     // may hold freed handles: never dereferenced here
@@ -342,6 +343,7 @@ void opCreate(Ctx& c) {
         auto& mem = c.caller[r && isSlot(c, r) ? r - c.bm : 0];
         const uint64_t have = c.byte() & 1 ? need : c.size64() % (kMaxData + 1);
         if (!r || !isSlot(c, r) || have > kMaxData) return;
+        if (!mem.empty()) c.keep.push_back(std::move(mem));  // the record may still point there
         mem.assign(size_t(have), 0x5A);
         check(c, {r}, [&] {
             return K_CreateBitmap(r, sw, 2, w, h, b, order, nullptr, vp, mem.empty() ? nullptr : mem.data(),
@@ -382,9 +384,13 @@ void opSetDataPointer(Ctx& c) {
     const uint64_t want = c.size64();
     std::vector<uint8_t> fresh(size_t(want % (kMaxData + 1)), 0x33);
     const bool nullData = c.byte() > 230;
-    check(c, {r}, [&] { return K_SetBitmapDataPointer(r, nullData ? nullptr : fresh.data(), want); });
-    // The record may now point at `fresh`: keep it alive as the slot's memory.
-    if (r->uFlags & BRF_USER_MEMORY) c.caller[s].swap(fresh);
+    const int64_t rc =
+        check(c, {r}, [&] { return K_SetBitmapDataPointer(r, nullData ? nullptr : fresh.data(), want); });
+    // The record may now point at `fresh`, or still at its earlier caller
+    // memory: both stay alive until the script ends.
+    (void)rc;
+    (void)s;
+    c.keep.push_back(std::move(fresh));
 }
 void opAccess(Ctx& c) {
     BITMAPRECORD* r = c.rec();
