@@ -63,6 +63,7 @@ struct Ctx {
 
     BITMAPRECORD bm[kSlots];
     std::vector<uint8_t> caller[kSlots];  // caller memory attached to a record
+    std::vector<std::vector<uint8_t>> keep;  // caller memory handed over later, kept to the end
     BITMAPRECORD foreign;                 // bytes the library never made
     OrvaRgn* rgn[kRgns] = {};
     HRGN hrgn[kHandles] = {};     // may hold freed handles: never dereferenced here
@@ -80,6 +81,29 @@ struct Ctx {
             if (hrgn[k] == h) hrgnLive[k] = false;
             if (glob[k] == h) globLive[k] = false;
         }
+    }
+
+    // The record of slot s presented with another size word (the other
+    // layout or none) until the current call is over. Records that hold
+    // something past the older layout are left alone: an older-layout call
+    // drops those fields, by design.
+    void relabel(int s) {
+        BITMAPRECORD* r = &bm[s];
+        if (relabelled >= 0) return;
+        if (r->pCallbacks || r->hListBlock || ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize)) return;
+        const uint32_t to = kSizeWords[byte() % (sizeof kSizeWords / sizeof kSizeWords[0])];
+        // An older-layout record shown as the current layout would hand the
+        // library the caller's stale bytes past the older layout (pointers
+        // among them): no library can check those.
+        if (r->uStructSize != BITMAPRECORD_SIZE && to == BITMAPRECORD_SIZE) return;
+        // A current-layout record shown in the older layout would be changed
+        // by a successful call in its older fields only, leaving the current
+        // layout's data size stale: only the words of no layout are shown
+        // (records that live in the older layout come from init and create).
+        if (krn::recordSizeValid(to)) return;
+        relabelled = s;
+        relabelWord = r->uStructSize;
+        r->uStructSize = relabelTo = to;
     }
 
     // ---- input
@@ -114,6 +138,7 @@ struct Ctx {
     // ---- pool
     BITMAPRECORD* rec() {
         uint8_t b = byte();
+        if (b >= 212 && b < 230) relabel(b % kSlots);  // this call sees another size word
         if (b < 230) return &bm[b % kSlots];
         if (b < 245) return &foreign;
         return nullptr;
@@ -195,14 +220,19 @@ uint64_t digest(BITMAPRECORD* r, const char* op) {
 
 // The validity checks of an allocated record.
 void validate(BITMAPRECORD* r, const char* op) {
-    if (!(r->uFlags & BRF_ALLOCATED)) return;
+    // (A size word the script broke on purpose makes the record unreadable.)
+    if (!(r->uFlags & BRF_ALLOCATED) || !krn::recordSizeValid(r->uStructSize)) return;
     if (krn::checkAllocated(r) != KS_SUCCESS) fail(op, "allocated record fails the record check");
     // (A height of 0 is reachable through K_ChangeBitmapHeight and valid.)
     if (r->nWidth <= 0 || r->nHeight < 0) fail(op, "allocated record with a bad size");
     uint32_t bpl = 0;
     if (!krn::bytesPerLine(r->nWidth, r->nBitsPerPixel, &bpl) || bpl != r->nBytesPerLine)
         fail(op, "bytes per line disagree with width and depth");
-    if (krn::dataSize(r) != uint64_t(bpl) * uint64_t(r->nHeight)) fail(op, "data size disagrees");
+    if (krn::dataSize(r) != uint64_t(bpl) * uint64_t(r->nHeight)) {
+        std::fprintf(stderr, "size word %u, data size %llu, %u x %d, depth %d\n", r->uStructSize,
+                     (unsigned long long)krn::dataSize(r), bpl, r->nHeight, r->nBitsPerPixel);
+        fail(op, "data size disagrees");
+    }
     if (krn::isCurrentLayout(r) && r->nLockCount < 0) fail(op, "negative lock count");
     if (r->nViewPerspective < 1 || r->nViewPerspective > 8) fail(op, "view perspective outside 1..8");
     (void)digest(r, op);  // every row readable
@@ -210,8 +240,19 @@ void validate(BITMAPRECORD* r, const char* op) {
 
 // Runs one call that takes records: a negative status must leave them as they
 // were; a record left allocated must be valid.
+// `outputs` marks (bit k) records the call makes afresh (their size word is
+// an argument or written by the call); every other record given with a size
+// word of no layout must make the call fail (-789 or an earlier refusal).
 template <class F>
-int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call) {
+int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint32_t outputs = 0) {
+    bool badSize = false;
+    {
+        uint32_t k = 0;
+        for (BITMAPRECORD* r : recs) {
+            if (r && !(outputs >> k & 1) && !krn::recordSizeValid(r->uStructSize)) badSize = true;
+            ++k;
+        }
+    }
     uint64_t before[4] = {};
     BITMAPRECORD copy[4];
     size_t k = 0;
@@ -224,6 +265,10 @@ int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call) {
         ++k;
     }
     const int64_t rc = call();
+    if (badSize && rc > 0) {
+        std::fprintf(stderr, "status %lld\n", (long long)rc);
+        fail(c.op, "a record with a bad size word was accepted");
+    }
     k = 0;
     for (BITMAPRECORD* r : recs) {
         if (k == 4) break;
@@ -298,14 +343,15 @@ void opCreate(Ctx& c) {
         auto& mem = c.caller[r && isSlot(c, r) ? r - c.bm : 0];
         const uint64_t have = c.byte() & 1 ? need : c.size64() % (kMaxData + 1);
         if (!r || !isSlot(c, r) || have > kMaxData) return;
+        if (!mem.empty()) c.keep.push_back(std::move(mem));  // the record may still point there
         mem.assign(size_t(have), 0x5A);
         check(c, {r}, [&] {
             return K_CreateBitmap(r, sw, 2, w, h, b, order, nullptr, vp, mem.empty() ? nullptr : mem.data(),
                                   have);
-        });
+        }, 1);
         return;
     }
-    check(c, {r}, [&] { return K_CreateBitmap(r, sw, t, w, h, b, order, nullptr, vp, nullptr, 0); });
+    check(c, {r}, [&] { return K_CreateBitmap(r, sw, t, w, h, b, order, nullptr, vp, nullptr, 0); }, 1);
 }
 void opAllocate(Ctx& c) {
     BITMAPRECORD* r = c.rec();
@@ -319,9 +365,6 @@ void opAllocate(Ctx& c) {
 void opFree(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     if (r == &c.foreign) return;  // garbage bytes: freeing them is the caller's fault
-    if (r && isSlot(c, r) && krn::isCurrentLayout(r) && r->nLockCount > 0) {
-        // Locked: the free must refuse or release; either way no crash.
-    }
     int64_t rc = K_FreeBitmap(r);
     if (rc < 0 && r && isSlot(c, r) && krn::recordSizeValid(r->uStructSize) && (r->uFlags & BRF_ALLOCATED) &&
         !(krn::isCurrentLayout(r) && r->nLockCount > 0))
@@ -341,9 +384,13 @@ void opSetDataPointer(Ctx& c) {
     const uint64_t want = c.size64();
     std::vector<uint8_t> fresh(size_t(want % (kMaxData + 1)), 0x33);
     const bool nullData = c.byte() > 230;
-    check(c, {r}, [&] { return K_SetBitmapDataPointer(r, nullData ? nullptr : fresh.data(), want); });
-    // The record may now point at `fresh`: keep it alive as the slot's memory.
-    if (r->uFlags & BRF_USER_MEMORY) c.caller[s].swap(fresh);
+    const int64_t rc =
+        check(c, {r}, [&] { return K_SetBitmapDataPointer(r, nullData ? nullptr : fresh.data(), want); });
+    // The record may now point at `fresh`, or still at its earlier caller
+    // memory: both stay alive until the script ends.
+    (void)rc;
+    (void)s;
+    c.keep.push_back(std::move(fresh));
 }
 void opAccess(Ctx& c) {
     BITMAPRECORD* r = c.rec();
@@ -394,15 +441,7 @@ void opCompression(Ctx& c) {
 void opRelabel(Ctx& c) {
     // The same record presented in the other layout (or with a broken size
     // word) to the next call; the size word is put back after that call.
-    const int s = c.slot();
-    BITMAPRECORD* r = &c.bm[s];
-    if (c.relabelled >= 0) return;
-    // The fields past the older layout are dropped by an older-layout call:
-    // a record that holds something there is left alone.
-    if (r->pCallbacks || r->hListBlock || ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize)) return;
-    c.relabelled = s;
-    c.relabelWord = r->uStructSize;
-    r->uStructSize = c.relabelTo = c.pick(kSizeWords);
+    c.relabel(c.slot());
 }
 void opManageMemory(Ctx& c) {
     const int32_t cmd = c.byte() % 8 - 1;
@@ -500,11 +539,10 @@ void opPalette(Ctx& c) {
     const int32_t index = c.byte() < 200 ? int32_t(c.byte() % 260) : c.i32();
     const bool nullPal = c.byte() > 230;
     const RGBQUAD* pp = nullPal ? nullptr : pal;
-    const int32_t safeN = n < 0 || n > 256 ? n : n;  // sizes past the array are refused by value checks
     if (n > 256 || (index >= 0 && n >= 0 && int64_t(index) + n > 256 && c.byte() < 250)) return;
     uint32_t u = 0;
     switch (c.byte() % 11) {
-        case 0: check(c, {r}, [&] { return K_SetBitmapPalette(r, pp, safeN); }); break;
+        case 0: check(c, {r}, [&] { return K_SetBitmapPalette(r, pp, n); }); break;
         case 1: check(c, {r, s}, [&] { return K_CopyBitmapPalette(r, s); }); break;
         case 2: check(c, {r}, [&] { return K_CreateBitmapFixedPalette(r); }); break;
         case 3: check(c, {r}, [&] { return K_CreateBitmapGrayPalette(r); }); break;
@@ -575,7 +613,7 @@ void opDither(Ctx& c) {
     const RGBQUAD* pal = c.byte() < 200 ? K_IntGetFixedPalette(8) : nullptr;
     const uint32_t colours = c.byte() < 200 ? c.byte() : c.u32v();
     if (which == 0) {
-        check(c, {r}, [&] { return K_StartDithering(r, pal, colours > 256 ? colours : colours); });
+        check(c, {r}, [&] { return K_StartDithering(r, pal, colours); });
     } else if (which == 1) {
         check(c, {r}, [&] { return K_StartDitheringExt(r, pal, colours, c.pick(kDepths), nullptr); });
     } else if (which == 2) {
@@ -820,11 +858,12 @@ void opBitmapRgn(Ctx& c) {
         case 14: {
             BITMAPRECORD* m = c.rec();
             // The mask record is made afresh: one that owns something is freed first.
-            if (m == r) return;
+            // (A mask as large as a huge source would only slow the run down.)
+            if (m == r || (r && plannedSize(r->nWidth, r->nHeight, 1) > kMaxData)) return;
             if (m && isSlot(c, m)) freeSlot(c, int(m - c.bm));
             if (m == &c.foreign) K_FreeBitmap(m);
             const uint32_t sw = c.byte() < 200 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
-            check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, sw); });
+            check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, sw); }, 2);
             break;
         }
         default: {
@@ -1090,7 +1129,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     auto* c = new Ctx{data, size};
     for (auto& b : c->bm) K_InitBitmap(&b, BITMAPRECORD_SIZE, 8, 8, 8);
-    for (size_t k = 0; k < sizeof c->foreign; ++k) reinterpret_cast<uint8_t*>(&c->foreign)[k] = c->byte();
+    // Garbage from a generator seeded by the input: the script's bytes are
+    // kept for the calls.
+    uint32_t x = c->u32() | 1;
+    for (size_t k = 0; k < sizeof c->foreign; ++k) {
+        x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+        reinterpret_cast<uint8_t*>(&c->foreign)[k] = uint8_t(x);
+    }
     // A record the library never made: garbage everywhere but in the
     // pointers a caller owns the memory of (no library can check those), and
     // not marked allocated. Its region handle stays garbage: handles are

@@ -1209,6 +1209,8 @@ OMBRIX_API BOOL IsRectEmpty(const RECT* pRect);
 OMBRIX_API BOOL PtInRect(const RECT* pRect, POINT pt);
 /* Empty result (all zero) and 0 when the two do not overlap. */
 OMBRIX_API BOOL IntersectRect(RECT* pDst, const RECT* pSrc1, const RECT* pSrc2);
+/* InflateRect and OffsetRect: 0 and the rectangle unchanged when an edge would
+ * leave the signed 32-bit range (or pRect is null), else 1. */
 OMBRIX_API BOOL InflateRect(RECT* pRect, int32_t dx, int32_t dy);
 OMBRIX_API BOOL CopyRect(RECT* pDst, const RECT* pSrc);
 /* Bounding rectangle of the two; empty inputs are ignored. */

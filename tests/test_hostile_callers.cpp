@@ -185,6 +185,54 @@ TEST(HostileViewPerspective, RecordFormsRefuseWhatDoesNotFitForEveryPerspectiveP
     EXPECT_GE(refusals, 40);  // 56 ordered pairs, of which 8 are transpositions
 }
 
+// The emulated rectangle helpers: exact in range, refused (0, unchanged)
+// where an edge would leave 32 bits, never wrapped.
+TEST(HostileRects, InflateAndOffsetAreExactOrRefused) {
+    long refused = 0;
+    for (int32_t a : kFar)
+        for (int32_t d : kFar) {
+            const RECT r0{a, a / 2, 10, a};
+            for (int which = 0; which < 2; ++which) {
+                RECT r = r0;
+                const int64_t sign = which == 0 ? -1 : 1;  // inflate moves left/top out, offset moves all
+                const int64_t want[4] = {int64_t(r0.left) + sign * d, int64_t(r0.top) + sign * d,
+                                         int64_t(r0.right) + d, int64_t(r0.bottom) + d};
+                bool fits = true;
+                for (int64_t v : want) fits = fits && v >= INT32_MIN && v <= INT32_MAX;
+                const BOOL ok = which == 0 ? InflateRect(&r, d, d) : OffsetRect(&r, d, d);
+                ASSERT_EQ(ok != 0, fits) << which << " " << a << " " << d;
+                if (fits) {
+                    EXPECT_EQ(r.left, want[0]);
+                    EXPECT_EQ(r.top, want[1]);
+                    EXPECT_EQ(r.right, want[2]);
+                    EXPECT_EQ(r.bottom, want[3]);
+                } else {
+                    ++refused;
+                    EXPECT_EQ(std::memcmp(&r, &r0, sizeof r), 0);
+                }
+            }
+        }
+    EXPECT_GT(refused, 50);
+}
+
+// A region scaled by a numerator near INT_MAX: the row-count estimate used to
+// add numerator and denominator in 32 bits (found by the API fuzzer).
+TEST(HostileRects, RegionScaleWithAHugeNumeratorDoesNotOverflow) {
+    OrvaRgn* r = nullptr;
+    const RECT one{0, 0, 1, 1};
+    ASSERT_EQ(K_CreateOrvaRgnRect(&r, &one), KS_SUCCESS);
+    ASSERT_EQ(K_ScaleOrvaRgn(r, 1, 1, 2147483646, 65535), KS_SUCCESS);
+    RECT b{};
+    K_GetOrvaRgnBounds(r, &b);
+    // Row y is in when source row floor(y * 65535 / 2147483646) is: rows 0 .. ceil(n/d) - 1.
+    const int64_t rows = (int64_t(2147483646) + 65535 - 1) / 65535;
+    EXPECT_EQ(b.top, 0);
+    EXPECT_EQ(b.bottom, rows);
+    EXPECT_EQ(b.left, 0);
+    EXPECT_EQ(b.right, 1);
+    K_DeleteOrvaRgn(r);
+}
+
 // ---------------------------------------------------------------- the first call on a fresh thread
 // Every allocation of a thread's first call fails in turn. The call must
 // return success or -1, a failed creation must leave the record unallocated,

@@ -1159,7 +1159,7 @@ int32_t scale(OrvaRgn* r, int32_t xn, int32_t xd, int32_t yn, int32_t yd) noexce
     if (bottom - top > maxRows()) return KS_NO_MEMORY;
     return guarded([&]() -> int32_t {
         Builder bld;
-        size_t expect = size_t(r->uRunDataSize / 4u) * size_t(std::max<int64_t>(1, (yn + yd - 1) / yd));
+        size_t expect = size_t(r->uRunDataSize / 4u) * size_t(std::max<int64_t>(1, (int64_t(yn) + yd - 1) / yd));
         int32_t st = bld.start(top, bottom, std::min<size_t>(expect, size_t(1) << 26));
         if (st != KS_SUCCESS) return st;
         for (int64_t y = top; y < bottom; ++y) {

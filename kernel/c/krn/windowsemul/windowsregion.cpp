@@ -302,12 +302,22 @@ KAPI BOOL IntersectRect(RECT* pDst, const RECT* pSrc1, const RECT* pSrc2) {
     return 1;
 }
 
+// The four edges are computed in 64 bits; a rectangle whose edges would leave
+// the 32-bit range is refused (0, unchanged) rather than wrapped.
+namespace {
+bool fitsAll(const int64_t (&v)[4]) noexcept {
+    for (int64_t x : v)
+        if (x < INT32_MIN || x > INT32_MAX) return false;
+    return true;
+}
+}  // namespace
+
 KAPI BOOL InflateRect(RECT* pRect, int32_t dx, int32_t dy) {
     if (!pRect) return 0;
-    pRect->left = int32_t(uint32_t(pRect->left) - uint32_t(dx));
-    pRect->right = int32_t(uint32_t(pRect->right) + uint32_t(dx));
-    pRect->top = int32_t(uint32_t(pRect->top) - uint32_t(dy));
-    pRect->bottom = int32_t(uint32_t(pRect->bottom) + uint32_t(dy));
+    const int64_t v[4] = {int64_t(pRect->left) - dx, int64_t(pRect->top) - dy, int64_t(pRect->right) + dx,
+                          int64_t(pRect->bottom) + dy};
+    if (!fitsAll(v)) return 0;
+    *pRect = RECT{int32_t(v[0]), int32_t(v[1]), int32_t(v[2]), int32_t(v[3])};
     return 1;
 }
 
@@ -339,10 +349,10 @@ KAPI BOOL UnionRect(RECT* pDst, const RECT* pSrc1, const RECT* pSrc2) {
 
 KAPI BOOL OffsetRect(RECT* pRect, int32_t dx, int32_t dy) {
     if (!pRect) return 0;
-    pRect->left = int32_t(uint32_t(pRect->left) + uint32_t(dx));
-    pRect->right = int32_t(uint32_t(pRect->right) + uint32_t(dx));
-    pRect->top = int32_t(uint32_t(pRect->top) + uint32_t(dy));
-    pRect->bottom = int32_t(uint32_t(pRect->bottom) + uint32_t(dy));
+    const int64_t v[4] = {int64_t(pRect->left) + dx, int64_t(pRect->top) + dy, int64_t(pRect->right) + dx,
+                          int64_t(pRect->bottom) + dy};
+    if (!fitsAll(v)) return 0;
+    *pRect = RECT{int32_t(v[0]), int32_t(v[1]), int32_t(v[2]), int32_t(v[3])};
     return 1;
 }
 
