@@ -369,6 +369,78 @@ TEST(PlaybackEdges, NamedCases) {
     K_FreeBitmap(&target);
 }
 
+// Frames of another format are converted to the target's: grey ramp indices
+// onto 24 bits give (v, v, v); 24-bit greys onto a grey-ramp 8-bit target give
+// the index v. The transparent colour is tested on the frame's own pixels.
+TEST(PlaybackConvert, FramesOfAnotherFormat) {
+    ClockGuard clock;
+    BITMAPRECORD t24, t8, f8, f24;
+    ASSERT_EQ(K_CreateBitmap(&t24, BITMAPRECORD_SIZE, 1, 6, 4, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmap(&t8, BITMAPRECORD_SIZE, 1, 6, 4, 8, ORDER_GRAY, nullptr, 4, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmap(&f8, BITMAPRECORD_SIZE, 1, 5, 3, 8, ORDER_GRAY, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmap(&f24, BITMAPRECORD_SIZE, 1, 5, 3, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    for (int y = 0; y < 3; ++y) {
+        uint8_t r8[8] = {}, r24[16] = {};
+        for (int x = 0; x < 5; ++x) {
+            const uint8_t v = uint8_t(40 * x + 10 * y + 3);
+            r8[x] = v;
+            r24[x * 3] = r24[x * 3 + 1] = r24[x * 3 + 2] = v;
+        }
+        ASSERT_GE(K_PutBitmapRow(&f8, r8, y, f8.nBytesPerLine), 0);
+        ASSERT_GE(K_PutBitmapRow(&f24, r24, y, f24.nBytesPerLine), 0);
+    }
+    FRAME_LEFT(&f8) = 1;
+    FRAME_TOP(&f8) = 1;
+    FRAME_LEFT(&f24) = 1;
+    FRAME_TOP(&f24) = 1;
+    // In the 24-bit frame, grey 43 (x 1, y 0) is transparent.
+    FRAME_TRANSPARENT_COLOR(&f24) = 0x002B2B2B;
+    f24.uFlags |= BRF_FRAME_TRANSPARENT;
+    struct Case {
+        BITMAPRECORD* target;
+        BITMAPRECORD* frame;
+    };
+    for (Case c : {Case{&t24, &f8}, Case{&t8, &f24}}) {
+        HBITMAPLIST list;
+        ASSERT_EQ(K_CreateBitmapList(&list), KS_SUCCESS);
+        BITMAPRECORD copy;
+        ASSERT_EQ(K_CopyBitmap(&copy, c.frame, BITMAPRECORD_SIZE), KS_SUCCESS);
+        FRAME_LEFT(&copy) = 1;
+        FRAME_TOP(&copy) = 1;
+        FRAME_TRANSPARENT_COLOR(&copy) = FRAME_TRANSPARENT_COLOR(c.frame);
+        copy.uFlags |= c.frame->uFlags & BRF_FRAME_TRANSPARENT;
+        ASSERT_EQ(K_InsertBitmapListItem(list, 0, &copy), KS_SUCCESS);
+        HPLAYBACK pb;
+        ASSERT_EQ(K_CreatePlayback(&pb, c.target, list), KS_SUCCESS);
+        int32_t st = 0;
+        for (int i = 0; i < 3; ++i) K_ProcessPlayback(pb, &st);  // clear, next, draw
+        ASSERT_EQ(st, 4);
+        for (int vy = 0; vy < 4; ++vy) {
+            std::vector<uint8_t> row(c.target->nBytesPerLine);
+            const int stored = c.target->nViewPerspective == BOTTOM_LEFT ? 3 - vy : vy;
+            ASSERT_GE(K_GetBitmapRow(c.target, row.data(), stored, c.target->nBytesPerLine), 0);
+            for (int vx = 0; vx < 6; ++vx) {
+                const int fx = vx - 1, fy = vy - 1;
+                const bool inside = fx >= 0 && fx < 5 && fy >= 0 && fy < 3;
+                int want = inside ? 40 * fx + 10 * fy + 3 : 0;
+                if (c.frame == &f24 && fx == 1 && fy == 0) want = 0;  // transparent: the cleared target shows
+                if (c.target == &t24) {
+                    EXPECT_EQ(row[size_t(vx) * 3], want) << vx << "," << vy;
+                    EXPECT_EQ(row[size_t(vx) * 3 + 2], want) << vx << "," << vy;
+                } else {
+                    EXPECT_EQ(row[size_t(vx)], want) << vx << "," << vy;
+                }
+            }
+        }
+        K_DestroyPlayback(pb);
+        K_DestroyBitmapList(list);
+    }
+    K_FreeBitmap(&t24);
+    K_FreeBitmap(&t8);
+    K_FreeBitmap(&f8);
+    K_FreeBitmap(&f24);
+}
+
 TEST(PlaybackFailures, HandlesArgumentsAndMemory) {
     ClockGuard clock;
     BITMAPRECORD target, unalloc;

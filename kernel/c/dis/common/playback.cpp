@@ -131,18 +131,39 @@ bool rowsOnly(const BITMAPRECORD* bm) noexcept {
     return bm->nViewPerspective == TOP_LEFT || bm->nViewPerspective == BOTTOM_LEFT;
 }
 
-// Can the frame be drawn onto the target as it is?
+// Same pixel format: depth, order above 8 bits, palette up to 8 bits.
+bool sameFormat(const BITMAPRECORD* t, const BITMAPRECORD* f) noexcept {
+    if (f->nBitsPerPixel != t->nBitsPerPixel) return false;
+    if (f->nBitsPerPixel > 8) return f->nOrder == t->nOrder;
+    if (f->nColors != t->nColors || !f->pPalette || !t->pPalette) return f->pPalette == t->pPalette;
+    return std::memcmp(f->pPalette, t->pPalette, sizeof(RGBQUAD) * size_t(t->nColors)) == 0;
+}
+
+// Can the frame be drawn at all (converted or not)?
 int32_t drawable(const BITMAPRECORD* t, const BITMAPRECORD* f) noexcept {
     if (!recordSizeValid(f->uStructSize)) return KS_INVALID_STRUCT_SIZE;
     if (!(f->uFlags & BRF_ALLOCATED)) return KS_INVALID_BITMAP;
     if (f->uFlags & 0x100000u) return KS_FLOAT_NOT_SUPPORTED;
     if (f->uFlags & BRF_FRAME_ALPHAOVER) return KS_NOT_SUPPORTED;
-    if (f->nBitsPerPixel != t->nBitsPerPixel || f->nBitsPerPixel < 8 || f->nBitsPerPixel % 8) return KS_NOT_SUPPORTED;
-    if (f->nBitsPerPixel > 8 && f->nOrder != t->nOrder) return KS_NOT_SUPPORTED;
-    if (f->nBitsPerPixel == 8 && f->nColors == t->nColors && f->pPalette && t->pPalette &&
-        std::memcmp(f->pPalette, t->pPalette, sizeof(RGBQUAD) * size_t(t->nColors)) != 0)
-        return KS_NOT_SUPPORTED;
+    if (t->nBitsPerPixel < 8 || t->nBitsPerPixel % 8) return KS_NOT_SUPPORTED;
     if (!rowsOnly(f) || !rowsOnly(t)) return KS_NOT_SUPPORTED;
+    return KS_SUCCESS;
+}
+
+// A copy of the frame in the target's format (colour-resolution conversion:
+// the target's palette without dithering up to 8 bits, else BGR for targets
+// of order 1 or 5 and RGB otherwise).
+int32_t convertFrame(const BITMAPRECORD* t, BITMAPRECORD* f, BITMAPRECORD* out) noexcept {
+    const bool pal = t->nBitsPerPixel <= 8;
+    const uint32_t flags = pal ? (CRF_NODITHERING | CRF_USERPALETTE)
+                               : ((t->nOrder == ORDER_BGR || t->nOrder == ORDER_ROMM) ? CRF_BYTEORDERBGR : 0u);
+    int32_t r = K_ColorResBitmap(f, out, t->nBitsPerPixel, flags, pal ? t->pPalette : nullptr, pal ? t->nColors : 0,
+                                 BITMAPRECORD_SIZE);
+    if (r != KS_SUCCESS) return r;
+    if (!sameFormat(t, out) || !rowsOnly(out) || out->nWidth != f->nWidth || out->nHeight != f->nHeight) {
+        K_FreeBitmap(out);
+        return KS_NOT_SUPPORTED;  // e.g. a grey deep target: the conversion gives colour
+    }
     return KS_SUCCESS;
 }
 
@@ -166,33 +187,50 @@ bool transparentAt(const BITMAPRECORD* f, const uint8_t* row, int32_t x, uint32_
     }
 }
 
-// Draws frame f onto the target; the update rectangle grows by its rectangle.
+// Draws frame f onto the target (through a converted copy when its format
+// differs); the update rectangle grows by its rectangle. The transparent
+// colour is looked up in the frame's own pixels, before any conversion.
 int32_t drawFrame(Playback* p, BITMAPRECORD* f) {
     BITMAPRECORD* t = p->target;
     int32_t r = drawable(t, f);
     if (r != KS_SUCCESS) return r;
     const RECT rc = frameRect(t, f);
     if (rc.right <= rc.left || rc.bottom <= rc.top) return KS_SUCCESS;
-    const uint32_t bpp = uint32_t(f->nBitsPerPixel / 8);
+    BITMAPRECORD conv;
+    BITMAPRECORD* src = f;
+    if (!sameFormat(t, f)) {
+        r = convertFrame(t, f, &conv);
+        if (r != KS_SUCCESS) return r;
+        src = &conv;
+    }
+    struct Free {
+        BITMAPRECORD* b;
+        ~Free() {
+            if (b) K_FreeBitmap(b);
+        }
+    } freeConv{src == f ? nullptr : src};
+    const uint32_t bpp = uint32_t(t->nBitsPerPixel / 8);
     const uint32_t spanBytes = uint32_t(rc.right - rc.left) * bpp;
     const int32_t fx0 = int32_t(int64_t(rc.left) - FRAME_LEFT(f));
-    kvector<uint8_t> src(f->nBytesPerLine), dst(spanBytes);
     const bool keyed = (f->uFlags & BRF_FRAME_TRANSPARENT) != 0;
     const uint32_t key = FRAME_TRANSPARENT_COLOR(f);
+    kvector<uint8_t> in(src->nBytesPerLine), orig(keyed ? f->nBytesPerLine : 0), dst(spanBytes);
     for (int32_t ty = rc.top; ty < rc.bottom && r == KS_SUCCESS; ++ty) {
         const int32_t fy = int32_t(int64_t(ty) - FRAME_TOP(f));
-        r = K_GetBitmapRow(f, src.data(), storedRow(f, fy), f->nBytesPerLine);
+        r = K_GetBitmapRow(src, in.data(), storedRow(src, fy), src->nBytesPerLine);
         if (r < 0) break;
-        const uint8_t* in = src.data() + size_t(fx0) * bpp;
+        const uint8_t* row = in.data() + size_t(fx0) * bpp;
         if (keyed) {
-            r = K_GetBitmapRowCol(t, dst.data(), storedRow(t, ty), rc.left, spanBytes);
+            if (src != f) r = K_GetBitmapRow(f, orig.data(), storedRow(f, fy), f->nBytesPerLine);
+            if (r >= 0) r = K_GetBitmapRowCol(t, dst.data(), storedRow(t, ty), rc.left, spanBytes);
             if (r < 0) break;
+            const uint8_t* test = src != f ? orig.data() : in.data();
             for (int32_t x = 0; x < rc.right - rc.left; ++x)
-                if (!transparentAt(f, src.data(), fx0 + x, key))
-                    std::memcpy(dst.data() + size_t(x) * bpp, in + size_t(x) * bpp, bpp);
-            in = dst.data();
+                if (!transparentAt(f, test, fx0 + x, key))
+                    std::memcpy(dst.data() + size_t(x) * bpp, row + size_t(x) * bpp, bpp);
+            row = dst.data();
         }
-        r = K_PutBitmapRowCol(t, in, storedRow(t, ty), rc.left, spanBytes);
+        r = K_PutBitmapRowCol(t, row, storedRow(t, ty), rc.left, spanBytes);
         if (r >= 0) r = KS_SUCCESS;
     }
     unite(&p->update, rc);
