@@ -406,6 +406,7 @@ TEST(HostileStorage, TilesPastTheFreeMemoryGoToFilesOrFail) {
         K_FreeBitmap(&bm);
         // No files: refused, not promised.
         BITMAPRECORD nd;
+        std::memset(&nd, 0, sizeof nd);  // a failing create leaves the caller's record as it was
         EXPECT_EQ(K_CreateBitmap(&nd, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK, 4096, 4096, 8, 2,
                                  nullptr, 1, nullptr, 0),
                   KS_NO_MEMORY);
