@@ -21,6 +21,7 @@
 // Extending: each family is a table of Op {name, fn}; add a function to its
 // family's table, or a new table to kFamilies. An op reads its arguments
 // from the Ctx helpers and calls check() around anything that takes records.
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -320,7 +321,7 @@ void opInit(Ctx& c) {
     const int32_t w = c.pick(kDims), h = c.pick(kDims), b = c.pick(kDepths);
     // Initialising a record that still owns something (storage, palette,
     // region, callbacks) drops it: a caller's fault, not tried here.
-    if (r && isSlot(c, r) && ((r->uFlags & BRF_ALLOCATED) || r->pPalette || r->hRgn || r->pLUT || r->pExtraData || r->pDitherState ||
+    if (r && (isSlot(c, r) || r == &c.foreign) && ((r->uFlags & BRF_ALLOCATED) || r->pPalette || r->hRgn || r->pLUT || r->pExtraData || r->pDitherState ||
                               (krn::isCurrentLayout(r) && r->pCallbacks)))
         return;
     int64_t rc = K_InitBitmap(r, sw, w, h, b);
@@ -508,14 +509,18 @@ void opRows(Ctx& c) {
             const int32_t pixels = c.byte() < 200 ? int32_t(c.byte()) : c.i32();
             if (!b || pixels < 0 || uint64_t(pixels) / 8 + 1 > size || uint64_t(pixels) * 2 + 8 > kBuf) return;
             std::vector<uint8_t> runs(size_t(pixels) * 2 + 8);
-            std::vector<uint8_t> work(size_t(pixels) / 8 + 8);
+            // The work buffer holds one row of the record (the caller's duty); a
+            // record the script cannot size gets none (the library makes its own).
+            const bool sized = r && isSlot(c, r) && (r->uFlags & BRF_ALLOCATED);
+            std::vector<uint8_t> work(std::max<size_t>(size_t(pixels) / 8 + 8, sized ? r->nBytesPerLine : 0));
+            uint8_t* const workp = sized || !r ? work.data() : nullptr;
             const bool put = c.byte() & 1;
             if (put) K_CompressRow(runs.data(), b, 0, pixels);
             const uint8_t form = c.byte() & 1;
-            if (put && form) check(c, {r}, [&] { return K_PutBitmapRowColCompressed(r, work.data(), runs.data(), row, col, pixels); });
-            else if (put) check(c, {r}, [&] { return K_PutBitmapRowCompressed(r, work.data(), runs.data(), row, pixels); });
-            else if (form) check(c, {r}, [&] { return K_GetBitmapRowColCompressed(r, work.data(), runs.data(), row, col, pixels); });
-            else check(c, {r}, [&] { return K_GetBitmapRowCompressed(r, work.data(), runs.data(), row, pixels); });
+            if (put && form) check(c, {r}, [&] { return K_PutBitmapRowColCompressed(r, workp, runs.data(), row, col, pixels); });
+            else if (put) check(c, {r}, [&] { return K_PutBitmapRowCompressed(r, workp, runs.data(), row, pixels); });
+            else if (form) check(c, {r}, [&] { return K_GetBitmapRowColCompressed(r, workp, runs.data(), row, col, pixels); });
+            else check(c, {r}, [&] { return K_GetBitmapRowCompressed(r, workp, runs.data(), row, pixels); });
         }
     }
 }
@@ -1038,6 +1043,251 @@ void opMisc(Ctx& c) {
 }
 
 // ---------------------------------------------------------------- the family tables
+// ---------------------------------------------------------------- family: transforms
+// A record a call makes afresh (a copy's destination) is treated as output
+// only: whatever it held would be dropped, a caller's fault. The slot is
+// freed first unless it is also the source.
+BITMAPRECORD* outRec(Ctx& c, BITMAPRECORD* src) {
+    BITMAPRECORD* d = c.rec();
+    if (d && d != src && isSlot(c, d)) freeSlot(c, int(d - c.bm));
+    if (d == &c.foreign) return nullptr;
+    return d;
+}
+// Small target sizes, or values every call must refuse.
+int32_t targetDim(Ctx& c) {
+    const uint8_t b = c.byte();
+    if (b < 220) return int32_t(b % 72) + 1;
+    const int32_t bad[] = {0, -1, -7, INT32_MIN};
+    return bad[b % 4];
+}
+void opOrient(Ctx& c) {
+    BITMAPRECORD* r = c.rec();
+    const uint8_t which = c.byte() % 10;
+    const int32_t v = c.byte() < 200 ? int32_t(c.byte() % 10) : c.i32();
+    const int32_t angle = c.byte() < 200 ? int32_t(c.byte() % 4) * 90 : c.i32();
+    switch (which) {
+        case 0: check(c, {r}, [&] { return K_FlipBitmap(r); }); break;
+        case 1: check(c, {r}, [&] { return K_ReverseBitmap(r); }); break;
+        case 2: check(c, {r}, [&] { return K_IntFlipBitmap(r); }); break;
+        case 3: check(c, {r}, [&] { return K_IntReverseBitmap(r); }); break;
+        case 4: check(c, {r}, [&] { return K_FlipBitmapViewPerspective(r); }); break;
+        case 5: check(c, {r}, [&] { return K_ReverseBitmapViewPerspective(r); }); break;
+        case 6: check(c, {r}, [&] { return K_RotateBitmapViewPerspective(r, angle); }); break;
+        case 7: {
+            const int32_t from = c.byte() < 200 ? int32_t(c.byte() % 101) : c.i32();
+            const int32_t to = c.byte() < 200 ? int32_t(c.byte() % 101) : c.i32();
+            check(c, {r}, [&] { return K_RotateBitmap90(r, c.byte() & 1, from, to); });
+            break;
+        }
+        default: {
+            // In place (null destination or the source) or into a fresh record.
+            BITMAPRECORD* d = c.byte() & 1 ? nullptr : outRec(c, r);
+            const uint32_t sw = c.byte() < 220 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
+            const uint32_t out = d && d != r ? 2u : 0u;
+            check(c, {r, d}, [&] { return K_ChangeBitmapViewPerspective(d, r, sw, v); }, out);
+        }
+    }
+}
+void opBuffers(Ctx& c) {
+    size_t size;
+    uint8_t* b = c.buffer(&size);
+    const int32_t bpp = c.pick(kDepths);
+    const uint32_t w = c.byte() < 220 ? uint32_t(c.byte() % 40) : c.u32v();
+    const uint32_t h = c.byte() < 220 ? uint32_t(c.byte() % 40) : c.u32v();
+    // The buffers must hold the image (the caller's duty, not checkable):
+    // sizes are worked out for any depth up to 64 bits, and a call whose
+    // buffers would not hold its image is not made.
+    const uint64_t bits = bpp > 0 && bpp <= 64 ? uint64_t(bpp) : 64;
+    const uint64_t side = w > h ? w : h;
+    const uint64_t need = ((side * bits + 31) / 32) * 4 * (side ? side : 1) + 64;
+    const uint8_t which = c.byte() % 3;
+    if (!b || need > size || need > kBuf / 2) {
+        // Refusals only: a null source.
+        if (which == 0) (void)K_RotateBuffer90(nullptr, b, 1, w, h, bpp);
+        return;
+    }
+    std::vector<uint8_t> dst(size_t(need) + 64, 0);
+    if (which == 0) (void)K_RotateBuffer90(b, dst.data(), c.byte() & 1, w, h, bpp);
+    else if (which == 1) (void)K_RotateBuffer180(b, c.byte() & 1 ? b : dst.data(), w, h, bpp);
+    else (void)K_MirrorLine(b, w, bpp);
+}
+void opRotateAny(Ctx& c) {
+    BITMAPRECORD* r = c.rec();
+    const int32_t angle = c.byte() < 200 ? int32_t(c.u32() % 72001) - 36000 : c.i32();
+    uint32_t flags = c.byte() < 220 ? (uint32_t(c.byte()) & 0x3Bu) | (uint32_t(c.byte() % 4) << 8) : c.u32v();
+    const uint32_t fill = c.u32v();
+    const uint8_t which = c.byte() % 3;
+    if (which == 0) check(c, {r}, [&] { return K_RotateBitmap(r, angle, flags, fill); });
+    else if (which == 1) check(c, {r}, [&] { return K_ShearBitmap(r, angle % 9000, flags, fill); });
+    else {
+        int32_t w = 0, h = 0;
+        (void)K_GetRotatedBitmapSize(r, angle, c.byte() & 1 ? &w : nullptr, &h);
+    }
+}
+void opCopy(Ctx& c) {
+    BITMAPRECORD* s = c.rec();
+    const uint8_t which = c.byte() % 8;
+    const uint32_t sw = c.byte() < 220 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
+    const int32_t col = c.coord(), row = c.coord();
+    const uint32_t w = uint32_t(targetDim(c)), h = uint32_t(targetDim(c));
+    uint32_t mem = c.pick(kMemTypes);
+    if (mem == 2) mem = 1;
+    switch (which) {
+        case 0: {
+            BITMAPRECORD* d = outRec(c, s);
+            check(c, {s, d}, [&] { return K_CopyBitmap(d, s, sw); }, d != s ? 2u : 0u);
+            break;
+        }
+        case 1: {
+            BITMAPRECORD* d = outRec(c, s);
+            check(c, {s, d}, [&] { return K_CopyBitmap2(d, s, sw, mem); }, d != s ? 2u : 0u);
+            break;
+        }
+        case 2: {
+            BITMAPRECORD* d = outRec(c, s);
+            check(c, {s, d}, [&] { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }, d != s ? 2u : 0u);
+            break;
+        }
+        case 3: {
+            BITMAPRECORD* d = outRec(c, s);
+            check(c, {s, d}, [&] { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }, d != s ? 2u : 0u);
+            break;
+        }
+        case 4: {
+            BITMAPRECORD* d = outRec(c, s);
+            static const uint32_t kCarry[] = {191u, 127u, 67u, 321u, 14u, 5u};
+            const uint32_t carry = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
+            if (d == s) return;
+            check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, int32_t(w), int32_t(h), carry); }, 2u);
+            break;
+        }
+        case 5: check(c, {s}, [&] { return K_TrimBitmap(s, col, row, w, h); }); break;
+        case 6: check(c, {s}, [&] { return K_ClearNegativePixels(s); }); break;
+        default: {
+            BITMAPRECORD* d = c.rec();
+            check(c, {d, s}, [&] { return K_CopyBitmapData(d, s); });
+        }
+    }
+}
+void opCombine(Ctx& c) {
+    BITMAPRECORD* d = c.rec();
+    BITMAPRECORD* s = c.rec();
+    const int32_t xd = c.coord(), yd = c.coord(), w = c.coord(), h = c.coord(), xs = c.coord(), ys = c.coord();
+    const uint32_t flags = c.byte() < 230 ? uint32_t(c.u32() & 0xFFFFu) : c.u32v();
+    check(c, {d, s}, [&] { return K_CombineBitmapKrn(d, xd, yd, w, h, s, xs, ys, flags); });
+}
+void opResize(Ctx& c) {
+    BITMAPRECORD* r = c.rec();
+    const uint8_t which = c.byte() % 6;
+    const int32_t w = targetDim(c), h = targetDim(c);
+    const uint32_t flags = c.byte() < 220 ? uint32_t(c.byte()) & 0x3Fu : c.u32v();
+    switch (which) {
+        case 0: check(c, {r}, [&] { return K_SizeBitmap(r, w, h, flags); }); break;
+        case 1: check(c, {r}, [&] { return K_ResampleBitmap(r, w, h, flags); }); break;
+        case 2: check(c, {r}, [&] { return K_BicubicResampleBitmap(r, w, h, flags); }); break;
+        default: {
+            // Into a destination record the caller prepared (its size names the target).
+            BITMAPRECORD* d = c.rec();
+            if (!d || d == r || d == &c.foreign) return;
+            if (isSlot(c, d)) freeSlot(c, int(d - c.bm));
+            const int32_t bpp = r && krn::recordSizeValid(r->uStructSize) ? r->nBitsPerPixel : 8;
+            if (K_InitBitmap(d, BITMAPRECORD_SIZE, w > 0 ? w : 1, h > 0 ? h : 1, bpp) != KS_SUCCESS) return;
+            if (which == 3) check(c, {r, d}, [&] { return K_ResizeBitmap(r, d, flags); }, 2u);
+            else if (which == 4) check(c, {r, d}, [&] { return K_IntResizeBitmap(r, d, flags); }, 2u);
+            else check(c, {r, d}, [&] { return K_BicubicResampleBitmapInt(r, d, flags); }, 2u);
+        }
+    }
+}
+void opRowResize(Ctx& c) {
+    void* data = nullptr;
+    const int32_t ow = targetDim(c), oh = targetDim(c), nw = targetDim(c), nh = targetDim(c);
+    if (K_StartResize(ow, oh, nw, nh, &data) != KS_SUCCESS) {
+        if (data) fail(c.op, "a failing start left resize data");
+        return;
+    }
+    std::vector<uint8_t> row(size_t(72) * 8 * 2 + 64, 0x5A);
+    const int32_t bpp = c.pick(kDepths);
+    for (int k = 0; k < 4; ++k) {
+        int32_t newWidth = 0, rows = 0;
+        const int32_t r = c.byte() < 220 ? int32_t(c.byte() % 80) : c.i32();
+        (void)K_Resize(row.data(), r, bpp, &newWidth, &rows, data);
+    }
+    if (K_StopResize(data) != KS_SUCCESS) fail(c.op, "stop failed");
+    (void)K_SQRT(c.u32());
+}
+void opColorRes(Ctx& c) {
+    BITMAPRECORD* s = c.rec();
+    const uint8_t which = c.byte() % 4;
+    const int32_t bpp = c.pick(kDepths);
+    const uint32_t flags = c.byte() < 220 ? (c.u32() & CRF_ALLFLAGS) : c.u32v();
+    RGBQUAD pal[256];
+    for (auto& q : pal) q = RGBQUAD{c.byte(), c.byte(), c.byte(), 0};
+    const int32_t n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
+    const RGBQUAD* pp = c.byte() < 230 ? pal : nullptr;
+    if (n > 256 && pp) return;  // a palette shorter than its count is the caller's fault
+    if (which == 0) {
+        BITMAPRECORD* d = c.byte() & 1 ? s : outRec(c, s);
+        const uint32_t sw = c.byte() < 220 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
+        check(c, {s, d}, [&] { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); }, d != s ? 2u : 0u);
+    } else if (which == 1) {
+        check(c, {s}, [&] { return K_GrayScaleBitmap(s, bpp); });
+    } else {
+        int32_t used = 0;
+        const int32_t reserved = c.byte() < 220 ? int32_t(c.byte() % 8) : c.i32();
+        (void)check(c, {s}, [&] { return K_CreateBitmapOptPal(s, pal, n > 256 ? 256 : n, reserved, c.u32v(), &used); });
+    }
+}
+void opDisplay(Ctx& c) {
+    BITMAPRECORD* r = c.rec();
+    const uint8_t which = c.byte() % 7;
+    const int32_t v = c.i32();
+    switch (which) {
+        case 0: check(c, {r}, [&] { return K_SetPaintIntensity(r, v); }); break;
+        case 1: check(c, {r}, [&] { return K_SetPaintContrast(r, v); }); break;
+        case 2: check(c, {r}, [&] { return K_SetPaintGamma(r, v); }); break;
+        case 3: {
+            uint8_t t8[256];
+            std::vector<uint16_t> t16(65536);
+            (void)K_GetPaintIntensity(r);
+            (void)K_GetPaintTable(r, c.byte() & 1 ? t8 : nullptr);
+            (void)K_GetPaintTable16(r, c.byte() & 1 ? t16.data() : nullptr);
+            break;
+        }
+        case 4: {
+            // Table fills: the caller's table holds uLUTLength entries.
+            const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
+            if (len > 4096) {
+                (void)K_WindowLevelFillLUT(nullptr, len, 0, 0xFFFFFF, 0, 255, 0, 7, 0, 255, 0, 0);
+                return;
+            }
+            std::vector<RGBQUAD16> t(len + 1);
+            std::vector<uint16_t> g(len + 1);
+            const int32_t lo = c.i32(), hi = c.i32(), lb = c.byte() % 17, hb = c.byte() % 17;
+            const int32_t mn = c.i32(), mx = c.i32(), f = c.i32();
+            const uint32_t fl = c.u32v();
+            (void)K_WindowLevelFillLUT(reinterpret_cast<RGBQUAD*>(t.data()), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
+            (void)K_WindowLevelFillLUT2(reinterpret_cast<uint8_t*>(g.data()), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
+            (void)K_WindowLevelFillLUTExt(t.data(), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
+            (void)K_WindowLevelFillLUTExt2(g.data(), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
+            break;
+        }
+        default: {
+            BITMAPRECORD* d = c.byte() & 1 ? r : outRec(c, r);
+            const uint32_t sw = c.byte() < 220 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
+            const int32_t lo = c.i32(), hi = c.i32();
+            if (which == 5) {
+                check(c, {r, d}, [&] { return K_WindowLevel(r, d, sw, lo, hi, c.i32(), c.u32v()); }, d != r ? 2u : 0u);
+            } else {
+                RGBQUAD lut[4096];
+                const int32_t lb = c.byte() % 17, hb = c.byte() % 17;
+                const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
+                if (len > 4096) return;
+                check(c, {r, d}, [&] { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); }, d != r ? 2u : 0u);
+            }
+        }
+    }
+}
+
 struct Op {
     const char* name;
     void (*fn)(Ctx&);
@@ -1065,6 +1315,10 @@ const Op kPixelOps[] = {{"convert", opConvert}, {"dither", opDither}};
 const Op kRegionOps[] = {{"orva region", opOrvaRgn}, {"region handle", opHrgn}, {"bitmap region", opBitmapRgn}};
 const Op kGeometryOps[] = {{"view perspective", opViewPerspective}, {"rectangles", opRects}};
 const Op kRuntimeOps[] = {{"global memory", opGlobal}, {"misc", opMisc}};
+const Op kTransformOps[] = {{"orientation", opOrient},   {"buffer turns", opBuffers}, {"rotate any", opRotateAny},
+                            {"copy", opCopy},           {"combine", opCombine},     {"resize", opResize},
+                            {"row resizer", opRowResize}};
+const Op kColourDisplayOps[] = {{"colour resolution", opColorRes}, {"display", opDisplay}};
 
 struct Family {
     const char* name;
@@ -1076,7 +1330,8 @@ const Family kFamilies[] = {FAMILY("record", kRecordOps),     FAMILY("record", k
                             FAMILY("rows", kRowOps),          FAMILY("palettes", kPaletteOps),
                             FAMILY("pixels", kPixelOps),      FAMILY("regions", kRegionOps),
                             FAMILY("regions", kRegionOps),    FAMILY("geometry", kGeometryOps),
-                            FAMILY("runtime", kRuntimeOps)};
+                            FAMILY("runtime", kRuntimeOps),   FAMILY("transforms", kTransformOps),
+                            FAMILY("transforms", kTransformOps), FAMILY("colour and display", kColourDisplayOps)};
 
 struct Baseline {
     int32_t thresholds[5];
