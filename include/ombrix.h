@@ -1585,7 +1585,6 @@ OMBRIX_API double K_LengthD_Transform(const KMATRIX* pMatrix, double dx, double 
 /* ======================================================================
  * Section: transforms: flip, reverse, quarter turns and view perspective
  * ====================================================================== */
-/* (declarations of this section follow) */
 /* Moving pixels. Every function here works on any storage kind (single block,
  * tiles, temporary file, run-compressed and super-compressed rows, caller
  * memory), moves the bitmap's region with the pixels, reports progress through
@@ -1672,7 +1671,6 @@ OMBRIX_API int32_t K_MirrorLine(uint8_t* pBuffer, uint32_t uPixels, int32_t nBit
 /* ======================================================================
  * Section: transforms: rotation by any angle and shear
  * ====================================================================== */
-/* (declarations of this section follow) */
 /* -- rotation by any angle and shear -- */
 /* Flags of K_RotateBitmap and K_ShearBitmap (a bit set). */
 #define ROTATE_RESIZE            0x0001u /* enlarge the result to hold the whole transformed image;
@@ -1737,7 +1735,6 @@ OMBRIX_API int32_t K_GetRotatedBitmapSize(const BITMAPRECORD* pBitmap, int32_t n
 /* ======================================================================
  * Section: transforms: copy, trim and fill
  * ====================================================================== */
-/* (declarations of this section follow) */
 /* -- copy, trim ----------------------------------------------------------
  * The destination of a copy is an output: whatever the record held is ignored
  * (an allocated destination must be freed by the caller first) and it is
@@ -1832,7 +1829,6 @@ OMBRIX_API int32_t K_ClearNegativePixels(BITMAPRECORD* pBitmap);
 /* ======================================================================
  * Section: transforms: combine
  * ====================================================================== */
-/* (declarations of this section follow) */
 /* Combine flag word: four 4-bit fields (source operator, destination operator,
  * operation, result operator); words above 0xFFFF are invalid. */
 #define COMBINE_SRC_VALUE      0x0000u
@@ -1881,7 +1877,6 @@ OMBRIX_API int32_t K_CombineBitmapKrn(BITMAPRECORD* pDstBitmap, int32_t nXDst, i
 /* ======================================================================
  * Section: transforms: resize and resample
  * ====================================================================== */
-/* (declarations of this section follow) */
 /* -- resize and resample --
  * Size flags of K_SizeBitmap, K_IntResizeBitmap and K_ResizeBitmap. */
 #define SIZE_NORMAL        0x00u  /* nearest pixel: target i takes source floor(i * old / new) */
@@ -1965,7 +1960,6 @@ OMBRIX_API int32_t K_BicubicResampleBitmapInt(BITMAPRECORD* pSrcBitmap, BITMAPRE
 /* ======================================================================
  * Section: colour resolution, grey conversion and optimised palettes
  * ====================================================================== */
-/* (declarations of this section follow) */
 
 /* -- colour resolution of whole bitmaps --
  * uFlags of K_ColorResBitmap. One palette choice (at most one of the first
@@ -2057,7 +2051,6 @@ OMBRIX_API int32_t K_CreateBitmapListOptPal(struct OmbrixBitmapList_* hList, RGB
 /* ======================================================================
  * Section: bitmap lists
  * ====================================================================== */
-/* (declarations of this section follow) */
 /* A bitmap list: an ordered, growable array of bitmap records behind one
  * handle. The list owns the storage of the bitmaps in it: a record inserted
  * is moved in (the caller must not free it any more), deleting an item frees
@@ -2115,7 +2108,6 @@ OMBRIX_API int32_t K_MoveBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, 
 /* ======================================================================
  * Section: display support: window level and paint tables
  * ====================================================================== */
-/* (declarations of this section follow) */
 /* -- paint tables -------------------------------------------------------
  * Every bitmap carries a paint intensity (-1000..1000, thousandths of full
  * scale added to each value), a paint contrast (-1000..1000, positive
@@ -2236,7 +2228,6 @@ OMBRIX_API int32_t K_WindowLevelExt(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, uint
 /* ======================================================================
  * Section: display support: animation playback
  * ====================================================================== */
-/* (declarations of this section follow) */
 /* A playback composes the frames of a bitmap list onto a target bitmap, one
  * after another, driven by the caller: each K_ProcessPlayback call performs
  * one step and the caller repaints the update rectangle. Nothing runs in the
