@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "convert_kernels.h"
 #include "hooks.h"
 #include "kernel.h"
 #include "memory.h"
@@ -373,21 +374,8 @@ void clearNegative(uint8_t* row, int32_t x1, int32_t x2, uint32_t signBit) noexc
 // window that starts on an odd pixel moves by whole samples. The byte range
 // of an odd first pixel starts at the shared byte: it is read one byte into
 // the buffer so that the buffer starts on a pair.
-inline uint32_t read12(const uint8_t* p, size_t i) noexcept {
-    const uint8_t* q = p + (i >> 1) * 3;
-    if (i & 1) return (uint32_t(q[1]) >> 4) | (uint32_t(q[2]) << 4);
-    return uint32_t(q[0]) | ((uint32_t(q[1]) & 0x0Fu) << 8);
-}
-inline void write12(uint8_t* p, size_t i, uint32_t v) noexcept {
-    uint8_t* q = p + (i >> 1) * 3;
-    if (i & 1) {
-        q[1] = uint8_t((q[1] & 0x0Fu) | ((v & 0x0Fu) << 4));
-        q[2] = uint8_t(v >> 4);
-    } else {
-        q[0] = uint8_t(v);
-        q[1] = uint8_t((q[1] & 0xF0u) | ((v >> 8) & 0x0Fu));
-    }
-}
+using conv::read12;
+using conv::write12;
 
 void clearNegative12(uint8_t* row, int32_t x1, int32_t x2, uint32_t signBit) noexcept {
     for (int32_t x = x1; x < x2; ++x)
