@@ -1,5 +1,5 @@
-// memory.cpp - the kernel allocator and its fault-injection hook.
-#include "memory.h"
+// kalloc.cpp - the kernel allocator and its test hook.
+#include "kalloc.h"
 
 #include <atomic>
 #include <cstdlib>

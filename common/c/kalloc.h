@@ -1,4 +1,4 @@
-// memory.h - the kernel allocator.
+// kalloc.h - the kernel allocator (the lowest layer: the standard library only).
 //
 // Every allocation the kernel makes (pixels, tiles, palettes, tables, regions,
 // handles, work items) goes through krn::memAlloc and friends, so that one

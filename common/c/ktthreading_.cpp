@@ -35,8 +35,8 @@
 #include <new>
 #include <thread>
 
-#include "krn/common/kernel.h"
-#include "krn/common/memory.h"
+#include "kalloc.h"
+#include "kexport.h"
 
 namespace {
 

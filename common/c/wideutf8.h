@@ -25,7 +25,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "krn/common/memory.h"
+#include "kalloc.h"
 
 namespace krn::utf {
 

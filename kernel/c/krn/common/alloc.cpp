@@ -42,14 +42,22 @@ void* g_allocUser = nullptr;
 constexpr uint64_t kDefaultTileSize = 0x1000000;  // 16 MiB
 constexpr uint64_t kMinTileFloor = 0x800000;      // 8 MiB
 
+// The memory types a caller may ask for: each storage kind alone or with its
+// refusals, as the header lists them.
 bool acceptedType(uint32_t t) noexcept {
-    switch (t) {
-        case 1: case 2: case 4: case 8: case 9: case 128: case 256: case 257: case 260: case 264: case 265:
-        case 768: case 769: case 1024: case 1025: case 1280: case 1281:
-            return true;
-        default:
-            return false;
-    }
+    constexpr uint32_t CONV = MEMTYPE_CONVENTIONAL, USER = MEMTYPE_USER, DISK = MEMTYPE_DISK,
+                       NOTILES = MEMTYPE_NO_TILES, NOCONV = MEMTYPE_NO_CONVENTIONAL, NODISK = MEMTYPE_NO_DISK,
+                       RUNS = MEMTYPE_COMPRESSED, SUPER = MEMTYPE_SUPERCOMPRESSED;
+    constexpr uint32_t kAccepted[] = {
+        CONV, USER, DISK, NOTILES, CONV | NOTILES, NOCONV,                    // 1 2 4 8 9 128
+        NODISK, NODISK | CONV, NODISK | DISK, NODISK | NOTILES,               // 256 257 260 264
+        NODISK | CONV | NOTILES,                                              // 265
+        RUNS | NODISK, RUNS | NODISK | CONV,                                  // 768 769
+        SUPER, SUPER | CONV, SUPER | NODISK, SUPER | NODISK | CONV,           // 1024 1025 1280 1281
+    };
+    for (uint32_t a : kAccepted)
+        if (t == a) return true;
+    return false;
 }
 
 // A threshold value: >= 0 bytes, -N is N% of `base`.

@@ -1,4 +1,5 @@
-// kernel.h - what every kernel source needs: the export frame and record helpers.
+// kernel.h - what every kernel source needs: the export frame (kexport.h, shared
+// with the common layer) and the record helpers.
 //
 //   KAPI                       marks a function as part of the exported API
 //   guarded(fn)                runs fn; exceptions become KS_NO_MEMORY / KS_INTERNAL
@@ -16,22 +17,10 @@
 #include <cstdint>
 #include <new>
 
+#include "kexport.h"
 #include "ombrix.h"
 
-#define KAPI extern "C" __attribute__((visibility("default")))
-
 namespace krn {
-
-template <class F>
-inline auto guarded(F&& fn) noexcept -> decltype(fn()) {
-    try {
-        return fn();
-    } catch (const std::bad_alloc&) {
-        return static_cast<decltype(fn())>(KS_NO_MEMORY);
-    } catch (...) {
-        return static_cast<decltype(fn())>(KS_INTERNAL);
-    }
-}
 
 constexpr bool recordSizeValid(uint32_t id) noexcept {
     return id == BITMAPRECORD_SIZE || id == BITMAPRECORD_SIZE_OLD;
