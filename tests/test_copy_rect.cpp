@@ -314,9 +314,8 @@ TEST(CopyFill, FillAndClearStayInsideTheRegionOnEveryKind) {
             SCOPED_TRACE(std::string(storagetest::kindName(k)) + " bpp " + std::to_string(bpp));
             Source src(k, 45, 14, bpp, uint32_t(bpp * 5 + int(k)));
             ASSERT_EQ(src.kb.rc, KS_SUCCESS);
-            // The fill keeps every depth packed most significant bit first (12 bits
-            // included), so this test reads pixels that way. Two rectangles: the
-            // oracle is index arithmetic.
+            // Pixels are read with the plain reference of each depth's packing.
+            // Two rectangles: the oracle is index arithmetic.
             RECT a = {3, 1, 17, 9}, b = {12, 6, 40, 13};
             ASSERT_EQ(K_SetBitmapRgnRect(&src.kb.bm, nullptr, &a, RGN_SET_REPLACE), KS_SUCCESS);
             ASSERT_EQ(K_SetBitmapRgnRect(&src.kb.bm, nullptr, &b, RGN_SET_OR), KS_SUCCESS);

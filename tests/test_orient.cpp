@@ -301,8 +301,15 @@ TEST(Orient, KernelsMatchThePlainForms) {
                 for (uint32_t x = 0; x < w; ++x)
                     ASSERT_EQ(storagetest::getPixel(row.data(), int(x), bpp),
                               storagetest::getPixel(orig.data(), int(w - 1 - x), bpp));
-                for (uint64_t bit = bits; bit < ((bits + 7) & ~uint64_t(7)); ++bit)
-                    EXPECT_EQ((row[bit >> 3] >> (7 - (bit & 7))) & 1, (orig[bit >> 3] >> (7 - (bit & 7))) & 1);
+                if (bpp == 12) {
+                    // The high nibble of the last pair's middle byte when the width is odd.
+                    if (w & 1) {
+                        EXPECT_EQ(row[w / 2 * 3 + 1] & 0xF0, orig[w / 2 * 3 + 1] & 0xF0);
+                    }
+                } else {
+                    for (uint64_t bit = bits; bit < ((bits + 7) & ~uint64_t(7)); ++bit)
+                        EXPECT_EQ((row[bit >> 3] >> (7 - (bit & 7))) & 1, (orig[bit >> 3] >> (7 - (bit & 7))) & 1);
+                }
             }
         }
     }

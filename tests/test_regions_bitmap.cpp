@@ -553,6 +553,7 @@ TEST(RegionsBitmap, UnclippedFlagKeepsRegionAndClipsReads) {
 
 // Reads pixel x of a row as its raw value (sub-byte pixels from the high bits).
 uint64_t rawPixel(const uint8_t* row, int x, int bpp) {
+    if (bpp == 12) return storagetest::getPixel12(row, x);
     if (bpp % 8 == 0) {
         uint64_t v = 0;
         for (int k = 0; k < bpp / 8; ++k) v |= uint64_t(row[size_t(x) * (bpp / 8) + k]) << (8 * k);

@@ -149,13 +149,29 @@ struct RefImage {
         for (int32_t r = 0; r < height; ++r) clearPadding(row(r));
     }
     void clearPadding(uint8_t* rowp) const {
+        if (bpp == 12) {  // two pixels in three bytes: an odd width leaves the high nibble of its middle byte
+            const size_t used = size_t(width) / 2 * 3 + (width & 1 ? 2 : 0);
+            if (width & 1) rowp[used - 1] &= 0x0Fu;
+            std::memset(rowp + used, 0, size_t(bpl) - used);
+            return;
+        }
         const uint64_t bits = uint64_t(width) * uint64_t(bpp);
         for (uint64_t bit = bits; bit < uint64_t(bpl) * 8; ++bit) rowp[bit >> 3] &= uint8_t(~(0x80u >> (bit & 7)));
     }
 };
 
+// 12-bit grey: two pixels in three bytes, the first the low 12 bits of the
+// little-endian word at the pair's first byte, the second the high 12 bits of
+// the word one byte on.
+inline uint64_t getPixel12(const uint8_t* row, int32_t x) {
+    const uint8_t* p = row + size_t(x) / 2 * 3 + (x & 1);
+    const uint32_t word = uint32_t(p[0]) | uint32_t(p[1]) << 8;
+    return (x & 1) ? word >> 4 : word & 0xFFFu;
+}
+
 // Pixel value at x of a row, any depth below 64 bits (plain reference).
 inline uint64_t getPixel(const uint8_t* row, int32_t x, int32_t bpp) {
+    if (bpp == 12) return getPixel12(row, x);
     uint64_t v = 0;
     const uint64_t first = uint64_t(x) * uint64_t(bpp);
     for (int32_t i = 0; i < bpp; ++i) {
@@ -165,6 +181,14 @@ inline uint64_t getPixel(const uint8_t* row, int32_t x, int32_t bpp) {
     return v;
 }
 inline void setPixel(uint8_t* row, int32_t x, int32_t bpp, uint64_t v) {
+    if (bpp == 12) {
+        uint8_t* p = row + size_t(x) / 2 * 3 + (x & 1);
+        uint32_t word = uint32_t(p[0]) | uint32_t(p[1]) << 8;
+        word = (x & 1) ? (word & 0x000Fu) | uint32_t(v & 0xFFFu) << 4 : (word & 0xF000u) | uint32_t(v & 0xFFFu);
+        p[0] = uint8_t(word);
+        p[1] = uint8_t(word >> 8);
+        return;
+    }
     const uint64_t first = uint64_t(x) * uint64_t(bpp);
     for (int32_t i = 0; i < bpp; ++i) {
         uint64_t bit = first + uint64_t(i);

@@ -279,9 +279,21 @@ uint64_t encodeColor(const BITMAPRECORD* bm, uint32_t color) noexcept {
     }
 }
 
-// One row of the pattern pixel, as stored (sub-byte pixels first in the high bits).
+// One row of the pattern pixel, as stored (sub-byte pixels first in the high
+// bits; 12-bit grey two pixels in three bytes).
 void buildPatternRow(uint8_t* row, uint32_t bytes, int32_t width, int32_t bpp, uint64_t raw) noexcept {
     std::memset(row, 0, bytes);
+    if (bpp == 12) {
+        const uint32_t v = uint32_t(raw & 0xFFFu);
+        const uint8_t pair[3] = {uint8_t(v), uint8_t((v >> 8) | ((v & 0xFu) << 4)), uint8_t(v >> 4)};
+        for (int64_t x = 0; x < width; x += 2) {
+            const size_t o = size_t(x) / 2 * 3;
+            row[o] = pair[0];
+            row[o + 1] = x + 1 < width ? pair[1] : uint8_t(pair[1] & 0x0Fu);
+            if (x + 1 < width) row[o + 2] = pair[2];
+        }
+        return;
+    }
     if (bpp % 8 == 0) {
         const int32_t pb = bpp / 8;
         for (int32_t x = 0; x < width; ++x)
@@ -337,7 +349,12 @@ namespace {
 // Reads pixel x of a stored row as its raw value.
 template <int BPP>
 inline uint64_t pixelAt(const uint8_t* row, int32_t x) noexcept {
-    if constexpr (BPP % 8 == 0) {
+    if constexpr (BPP == 12) {
+        // Two pixels in three bytes: the low 12 bits of the little-endian word
+        // at the pair's first byte, or the high 12 bits of the word one byte on.
+        const uint8_t* p = row + size_t(x) / 2 * 3;
+        return (x & 1) ? uint64_t((p[1] >> 4) | (p[2] << 4)) : uint64_t(p[0] | ((p[1] & 0x0Fu) << 8));
+    } else if constexpr (BPP % 8 == 0) {
         uint64_t v = 0;
         const uint8_t* p = row + size_t(x) * (BPP / 8);
         for (int k = 0; k < BPP / 8; ++k) v |= uint64_t(p[k]) << (8 * k);

@@ -25,8 +25,25 @@ OMBRIX_SSSE3 void mirrorBytes1Ssse3(uint8_t* row, size_t n) noexcept;
 namespace {
 
 // ---------------------------------------------------------------- bit helpers
+// 12-bit grey packs two pixels in three bytes: the even pixel is the low 12
+// bits of the little-endian word at the pair's first byte, the odd one the
+// high 12 bits of the word one byte on.
+inline uint32_t get12(const uint8_t* row, uint64_t x) noexcept {
+    const uint8_t* p = row + (x >> 1) * 3 + (x & 1);
+    const uint32_t word = uint32_t(p[0]) | uint32_t(p[1]) << 8;
+    return (x & 1) ? word >> 4 : word & 0xFFFu;
+}
+inline void set12(uint8_t* row, uint64_t x, uint32_t value) noexcept {
+    uint8_t* p = row + (x >> 1) * 3 + (x & 1);
+    uint32_t word = uint32_t(p[0]) | uint32_t(p[1]) << 8;
+    word = (x & 1) ? (word & 0x000Fu) | (value & 0xFFFu) << 4 : (word & 0xF000u) | (value & 0xFFFu);
+    p[0] = uint8_t(word);
+    p[1] = uint8_t(word >> 8);
+}
+
 // Pixel x of a packed row, depths up to 16 bits; reads only the bytes that hold it.
 inline uint32_t getBits(const uint8_t* row, uint64_t x, int32_t bpp) noexcept {
+    if (bpp == 12) return get12(row, x);
     const uint64_t bit = x * uint64_t(bpp);
     const uint8_t* p = row + (bit >> 3);
     const uint32_t sh = uint32_t(bit & 7);
@@ -36,6 +53,10 @@ inline uint32_t getBits(const uint8_t* row, uint64_t x, int32_t bpp) noexcept {
     return (v >> (bytes * 8 - sh - uint32_t(bpp))) & ((1u << bpp) - 1u);
 }
 inline void setBits(uint8_t* row, uint64_t x, int32_t bpp, uint32_t value) noexcept {
+    if (bpp == 12) {
+        set12(row, x, value);
+        return;
+    }
     const uint64_t bit = x * uint64_t(bpp);
     uint8_t* p = row + (bit >> 3);
     const uint32_t sh = uint32_t(bit & 7);

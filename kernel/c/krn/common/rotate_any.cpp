@@ -95,8 +95,11 @@ using RowKernel = void (*)(const RowCtx&, int64_t X, int64_t Y, int64_t dX, int6
 
 inline uint32_t getBits(const uint8_t* row, int64_t x, int32_t bpp) noexcept {
     if (bpp == 12) {
+        // Two pixels in three bytes: the even one the low 12 bits of the
+        // little-endian word at the pair's first byte, the odd one the high 12
+        // bits of the word one byte on.
         const uint8_t* p = row + (x >> 1) * 3;
-        return (x & 1) ? (uint32_t(p[1] & 0x0F) << 8) | p[2] : (uint32_t(p[0]) << 4) | (p[1] >> 4);
+        return (x & 1) ? uint32_t(p[1] >> 4) | uint32_t(p[2]) << 4 : uint32_t(p[0]) | uint32_t(p[1] & 0x0F) << 8;
     }
     const uint64_t bit = uint64_t(x) * uint64_t(bpp);
     const uint32_t word = (uint32_t(row[bit >> 3]) << 8) | ((bit & 7) + uint64_t(bpp) > 8 ? row[(bit >> 3) + 1] : 0);
@@ -106,11 +109,11 @@ inline void setBits(uint8_t* row, int64_t x, int32_t bpp, uint32_t v) noexcept {
     if (bpp == 12) {
         uint8_t* p = row + (x >> 1) * 3;
         if (x & 1) {
-            p[1] = uint8_t((p[1] & 0xF0) | ((v >> 8) & 0x0F));
-            p[2] = uint8_t(v);
-        } else {
-            p[0] = uint8_t(v >> 4);
             p[1] = uint8_t((p[1] & 0x0F) | ((v & 0x0F) << 4));
+            p[2] = uint8_t(v >> 4);
+        } else {
+            p[0] = uint8_t(v);
+            p[1] = uint8_t((p[1] & 0xF0) | ((v >> 8) & 0x0F));
         }
         return;
     }
@@ -439,7 +442,10 @@ RowKernel pickKernel(int32_t bpp, Interp interp) noexcept {
 void clearRowTail(uint8_t* row, int32_t w, int32_t bpp, uint32_t bpl) noexcept {
     const uint64_t bits = uint64_t(w) * uint64_t(bpp);
     const uint64_t full = bits >> 3;
-    if (bits & 7) row[full] &= uint8_t(0xFF00u >> (bits & 7));
+    if (bits & 7) {
+        // 12 bits: an odd width's last pixel owns the low nibble of its middle byte.
+        row[full] &= bpp == 12 ? uint8_t(0x0Fu) : uint8_t(0xFF00u >> (bits & 7));
+    }
     const uint64_t from = (bits + 7) >> 3;
     if (from < bpl) std::memset(row + from, 0, size_t(bpl - from));
 }

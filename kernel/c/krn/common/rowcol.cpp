@@ -337,6 +337,30 @@ int32_t putCompressed(BITMAPRECORD* bm, uint8_t* work, const uint8_t* runs, int3
     return writeRow(bm, row, 0, row8, bm->nBytesPerLine);
 }
 
+// Copies pixels [a, b) of src into the same pixels of dst. Sub-byte depths
+// are MSB-first bit ranges; 12-bit grey packs two pixels in three bytes (the
+// middle byte's low nibble belongs to the even pixel, its high nibble to the
+// odd one).
+void mergePixels(uint8_t* dst, const uint8_t* src, int32_t a, int32_t b, uint32_t bpp) noexcept {
+    if (bpp != 12) {
+        mergeBitRange(dst, src, uint64_t(a) * bpp, uint64_t(b - a) * bpp);
+        return;
+    }
+    const size_t pa = size_t(a), pb = size_t(b);
+    if (pa & 1) {  // a leading odd pixel: the middle byte's high nibble and the last byte
+        const size_t o = pa / 2 * 3;
+        dst[o + 1] = uint8_t((dst[o + 1] & 0x0Fu) | (src[o + 1] & 0xF0u));
+        dst[o + 2] = src[o + 2];
+    }
+    const size_t evenA = (pa + 1) & ~size_t(1), evenB = pb & ~size_t(1);
+    if (evenB > evenA) std::memcpy(dst + evenA / 2 * 3, src + evenA / 2 * 3, (evenB - evenA) / 2 * 3);
+    if ((pb & 1) && pb - 1 >= pa) {  // a trailing even pixel: the first byte and the low nibble
+        const size_t o = (pb - 1) / 2 * 3;
+        dst[o] = src[o];
+        dst[o + 1] = uint8_t((dst[o + 1] & 0xF0u) | (src[o + 1] & 0x0Fu));
+    }
+}
+
 int32_t putSegments(BITMAPRECORD* bm, const uint8_t* src, int32_t row, const int32_t* segs,
                     int32_t nSegs) noexcept {
     int32_t rc = rowFrame(bm, src, row, 0);
@@ -368,7 +392,7 @@ int32_t putSegments(BITMAPRECORD* bm, const uint8_t* src, int32_t row, const int
         uint8_t* dst = mem.base() + uint64_t(uint32_t(row)) * bpl;
         for (int32_t i = 0; i < nSegs; ++i) {
             int32_t a, b;
-            if (clip(i, &a, &b)) mergeBitRange(dst, src, uint64_t(a) * bpp, uint64_t(b - a) * bpp);
+            if (clip(i, &a, &b)) mergePixels(dst, src, a, b, bpp);
         }
         return KS_SUCCESS;
     }
@@ -379,7 +403,7 @@ int32_t putSegments(BITMAPRECORD* bm, const uint8_t* src, int32_t row, const int
     if (rc != KS_SUCCESS) return rc;
     for (int32_t i = 0; i < nSegs; ++i) {
         int32_t a, b;
-        if (clip(i, &a, &b)) mergeBitRange(tmp.get(), src, uint64_t(a) * bpp, uint64_t(b - a) * bpp);
+        if (clip(i, &a, &b)) mergePixels(tmp.get(), src, a, b, bpp);
     }
     return writeRow(bm, row, 0, tmp.get(), bpl);
 }
