@@ -170,6 +170,14 @@ uint32_t toColor(const py::handle& obj) {
     return KCOLOR_RGB(t[0], t[1], t[2]);
 }
 
+// The fill of uncovered pixels: an (r, g, b) colour or a palette index.
+uint32_t fillValue(const py::handle& fill) {
+    if (!py::isinstance<py::int_>(fill)) return toColor(fill);
+    int64_t index = fill.cast<int64_t>();
+    if (index < 0 || index > 255) throw py::value_error("a fill index lies in 0..255");
+    return ROTATE_FILL_INDEX(uint32_t(index));
+}
+
 // x, y, width, height -> RECT (right and bottom exclusive), refusing sums past 32 bits.
 RECT toRect(int64_t x, int64_t y, int64_t w, int64_t h) {
     constexpr int64_t lo = std::numeric_limits<int32_t>::min(), hi = std::numeric_limits<int32_t>::max();
@@ -655,9 +663,21 @@ bm.view()) share the pixels when the storage is one block.)doc");
         .def_property_readonly("bytes_per_line", [](const Bitmap& b) { return b.rec.nBytesPerLine; })
         .def_property_readonly("order", [](const Bitmap& b) { return nameOf(kOrders, b.rec.nOrder); })
         .def_property_readonly("view_perspective", [](const Bitmap& b) { return b.rec.nViewPerspective; })
-        .def_property_readonly("storage", [](const Bitmap& b) { return nameOf(kStorage, b.storage()); })
-        .def_property_readonly("storage_info", &info)
-        .def_property_readonly("is_gray", [](const Bitmap& b) { return check(K_IntIsGrayScaleBitmap(&b.rec)) != 0; })
+        .def_property_readonly("storage",
+                               [](Bitmap& b) {
+                                   Use use(b, false);
+                                   return nameOf(kStorage, b.storage());
+                               })
+        .def_property_readonly("storage_info",
+                               [](Bitmap& b) {
+                                   Use use(b, false);
+                                   return info(b);
+                               })
+        .def_property_readonly("is_gray",
+                               [](Bitmap& b) {
+                                   Use use(b, false);
+                                   return check(K_IntIsGrayScaleBitmap(&b.rec)) != 0;
+                               })
         .def_property_readonly("exports", [](const Bitmap& b) { return b.exports; })
         .def_property(
             "gray_bits", [](const Bitmap& b) { return py::make_tuple(b.rec.nLowBit, b.rec.nHighBit); },
@@ -670,7 +690,8 @@ bm.view()) share the pixels when the storage is one block.)doc");
             },
             "(low bit, high bit) of the significant bits of grey samples")
         .def("__repr__",
-             [](const Bitmap& b) {
+             [](Bitmap& b) {
+                 if (b.busy) return std::string("<ombrix.Bitmap (in use)>");
                  return "<ombrix.Bitmap " + std::to_string(b.viewWidth()) + "x" + std::to_string(b.viewHeight()) +
                         " " + std::to_string(b.rec.nBitsPerPixel) + "-bit " + nameOf(kOrders, b.rec.nOrder) +
                         " perspective " + std::to_string(b.rec.nViewPerspective) + " " +
@@ -723,6 +744,7 @@ bm.view()) share the pixels when the storage is one block.)doc");
         .def_property(
             "palette",
             [](Bitmap& b) -> py::object {
+                Use use(b, false);
                 if (b.rec.nBitsPerPixel > 8 && !b.rec.pPalette) return py::none();
                 RGBQUAD buf[256];
                 int32_t n = check(K_GetBitmapColors(&b.rec, 0, 256, buf));
@@ -858,10 +880,21 @@ bm.view()) share the pixels when the storage is one block.)doc");
                 setRegionMask(b, mask, lookup(kRegionModes, mode, "region mode"));
             },
             py::arg("mask"), py::arg("mode") = "replace", "The True pixels of a (height, width) mask.")
-        .def_property_readonly("has_region", [](const Bitmap& b) { return check(K_BitmapHasRgn(&b.rec)) != 0; })
-        .def_property_readonly("region_bounds", &regionBounds, "(x, y, width, height) of the region, or None.")
+        .def_property_readonly("has_region",
+                               [](Bitmap& b) {
+                                   Use use(b, false);
+                                   return check(K_BitmapHasRgn(&b.rec)) != 0;
+                               })
+        .def_property_readonly(
+            "region_bounds",
+            [](Bitmap& b) {
+                Use use(b, false);
+                return regionBounds(b);
+            },
+            "(x, y, width, height) of the region, or None.")
         .def_property_readonly("region_area",
-                               [](const Bitmap& b) {
+                               [](Bitmap& b) {
+                                   Use use(b, false);
                                    uint64_t area = 0;
                                    check(K_GetBitmapRgnArea(&b.rec, &area));
                                    return area;
@@ -911,6 +944,14 @@ bm.view()) share the pixels when the storage is one block.)doc");
             },
             py::return_value_policy::reference, "Mirrors the viewed image left to right (pixels move in place).")
         .def(
+            "mirror",
+            [](Bitmap& b) -> Bitmap& {
+                Use use(b, false);
+                nogil([&] { return K_ReverseBitmap(&b.rec); });
+                return b;
+            },
+            py::return_value_policy::reference, "The same as reverse().")
+        .def(
             "rotate90",
             [](Bitmap& b, bool clockwise) -> Bitmap& {
                 Use use(b, true);
@@ -927,7 +968,7 @@ bm.view()) share the pixels when the storage is one block.)doc");
                 auto angle = int32_t(std::lround(degrees * 100.0));
                 uint32_t flags = lookup(kInterp, interpolation, "interpolation") | (resize ? ROTATE_RESIZE : 0u) |
                                  (transparent ? ROTATE_FILL_TRANSPARENT : 0u);
-                uint32_t f = py::isinstance<py::int_>(fill) ? ROTATE_FILL_INDEX(fill.cast<uint32_t>()) : toColor(fill);
+                uint32_t f = fillValue(fill);
                 nogil([&] { return K_RotateBitmap(&b.rec, angle, flags, f); });
                 return b;
             },
@@ -944,7 +985,7 @@ bm.view()) share the pixels when the storage is one block.)doc");
                 auto angle = int32_t(std::lround(degrees * 100.0));
                 uint32_t flags = lookup(kInterp, interpolation, "interpolation") | (resize ? ROTATE_RESIZE : 0u) |
                                  (vertical ? SHEAR_VERTICAL : 0u);
-                uint32_t f = py::isinstance<py::int_>(fill) ? ROTATE_FILL_INDEX(fill.cast<uint32_t>()) : toColor(fill);
+                uint32_t f = fillValue(fill);
                 nogil([&] { return K_ShearBitmap(&b.rec, angle, flags, f); });
                 return b;
             },
@@ -1033,6 +1074,25 @@ bm.view()) share the pixels when the storage is one block.)doc");
             py::return_value_policy::reference,
             "Resizes the viewed image in place: 'nearest', 'resample', 'bicubic', 'lanczos', 'favour_black', "
             "'scale_to_gray'.")
+        .def(
+            "resample",
+            [](Bitmap& b, int32_t w, int32_t h, const std::string& method, bool premultiply) -> Bitmap& {
+                Use use(b, true);
+                uint32_t flags = premultiply ? SIZE_PREMULTIPLY : 0u;
+                int32_t sw = toStoredWidth(b, w, h), sh = toStoredWidth(b, h, w);
+                if (method == "bicubic") {
+                    nogil([&] { return K_BicubicResampleBitmap(&b.rec, sw, sh, flags); });
+                } else {
+                    if (method == "lanczos") flags |= SIZE_LANCZOS;
+                    else if (method != "linear") throw py::value_error("resample methods: 'linear', 'bicubic', 'lanczos'");
+                    nogil([&] { return K_ResampleBitmap(&b.rec, sw, sh, flags); });
+                }
+                return b;
+            },
+            py::arg("width"), py::arg("height"), py::arg("method") = "linear", py::arg("premultiply") = false,
+            py::return_value_policy::reference,
+            "Interpolating resampler: 'linear' (bilinear growth, area-averaging reduction), 'bicubic', 'lanczos'; "
+            "palette images become 8-bit grey or 24-bit colour.")
         .def(
             "window_level",
             [](Bitmap& b, int32_t low, int32_t high, const std::string& curve, int32_t factor, bool isSigned,

@@ -133,13 +133,18 @@ def test_resize_nearest_is_index_arithmetic(kind, size):
     cols = np.arange(w) * a.shape[1] // w
     got = ombrix.Bitmap(a).resize(w, h).to_numpy()
     assert np.array_equal(got, a[rows][:, cols])
+    turned = ombrix.Bitmap(a, view_perspective=6).resize(w, h)  # sizes are viewed sizes
+    assert turned.to_numpy().shape[:2] == (h, w) and turned.stored_size == (h, w)
 
 
-def test_resample_keeps_flat_images_flat_and_stays_in_range():
+def test_resampling_flat_images_and_halving_against_pillow():
     flat = np.full((20, 30, 3), (10, 200, 90), np.uint8)
     for method in ("resample", "bicubic", "lanczos"):
         assert np.array_equal(ombrix.Bitmap(flat).resize(47, 9, method=method).to_numpy(),
                               np.full((9, 47, 3), (10, 200, 90), np.uint8))
+    a = KINDS["rgb24"][0][:12, :16]
+    halved = ombrix.Bitmap(a).resample(8, 6).to_numpy().astype(int)  # area averaging of 2x2 blocks
+    assert np.abs(halved - np.asarray(Image.fromarray(a).reduce(2), int)).max() <= 1
 
 
 def test_convert_to_grey_and_between_orders():
@@ -254,8 +259,8 @@ ERRORS = [
     (lambda b: b.crop(0, 0, 0, 4), -11, ombrix.InvalidDimensionsError),
     (lambda b: b.combine(ombrix.Bitmap(KINDS["gray8"][0]), "add"), -27, ombrix.BitsPerPixelError),
     (lambda b: b.window_level(0, 10), -27, ombrix.BitsPerPixelError),
-    (lambda b: b.set_region_rect(0, 0, 4, 4, mode="and") or b.rotate(45, interpolation="bicubic", fill=300), -13,
-     ombrix.InvalidParameterError),
+    (lambda b: b.rotate(45, fill=3), -13, ombrix.InvalidParameterError),  # an index fill at 24 bits
+    (lambda b: b.resample(4, -1), -11, ombrix.InvalidDimensionsError),
 ]
 
 
