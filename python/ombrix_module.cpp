@@ -716,13 +716,13 @@ bm.view()) share the pixels when the storage is one block.)doc");
             "The viewed image sharing the pixels (BufferError when the storage is not one block).")
         .def(
             "__array__",
-            [](Bitmap& b, const py::object& dtype) {
+            [](Bitmap& b, const py::object& dtype, const py::object&) {
                 Use use(b, false);
                 needAllocated(b);
                 py::object a = viewOfStored(b.rec, storedArray(b));
                 return dtype.is_none() ? a : a.attr("astype")(dtype);
             },
-            py::arg("dtype") = py::none())
+            py::arg("dtype") = py::none(), py::arg("copy") = py::none())
         // ---- storage
         .def(
             "set_storage",
@@ -764,7 +764,7 @@ bm.view()) share the pixels when the storage is one block.)doc");
             "optimized_palette",
             [](Bitmap& b, int32_t colors, const py::object& reserved, bool fast) {
                 Use use(b, false);
-                Palette pal(size_t(std::max(colors, 1)));
+                Palette pal(256);  // the kernel refuses counts outside 2..256 before writing
                 int32_t nReserved = 0;
                 if (!reserved.is_none()) {
                     Palette res = toPalette(reserved);
@@ -869,8 +869,8 @@ bm.view()) share the pixels when the storage is one block.)doc");
             "set_region_color",
             [](Bitmap& b, const py::object& color, const std::string& mode) {
                 Use use(b, false);
-                uint32_t c = toColor(color);
-                nogil([&] { return K_SetBitmapRgnColor(&b.rec, c, lookup(kRegionModes, mode, "region mode")); });
+                uint32_t c = toColor(color), m = lookup(kRegionModes, mode, "region mode");
+                nogil([&] { return K_SetBitmapRgnColor(&b.rec, c, m); });
             },
             py::arg("color"), py::arg("mode") = "replace", "The pixels of exactly that (r, g, b) colour.")
         .def(
