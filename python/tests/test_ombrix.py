@@ -53,6 +53,9 @@ def test_sub_byte_indices_and_palette():
     assert np.array_equal(bm.to_numpy(), idx)
     with pytest.raises(BufferError):
         bm.view()
+    bits1 = ombrix.Bitmap(idx & 1, bits=1, palette=np.array([[0, 0, 0], [255, 255, 255]], np.uint8))
+    bits1.set_storage("compressed")  # run-compressed 1-bit rows
+    assert bits1.storage == "compressed" and np.array_equal(bits1.to_numpy(), idx & 1)
     # The paletted image in colour equals Pillow's expansion of a P image.
     p = Image.fromarray(idx, "P")
     p.putpalette(pal.flatten().tolist())
@@ -282,6 +285,14 @@ def test_argument_errors_are_python_errors():
         ombrix.Bitmap(np.zeros((4, 4, 2), np.uint8))
     with pytest.raises(ValueError):
         ombrix.Bitmap(KINDS["rgb24"][0]).convert(8, order="cmyk")
+    with pytest.raises(ValueError):
+        ombrix.Bitmap(np.zeros((0, 5), np.uint8))
+    with pytest.raises(ValueError):
+        ombrix.Bitmap(np.full((2, 2), 2, np.uint8), bits=1)  # an index past the depth
+    with pytest.raises(ValueError):
+        ombrix.Bitmap(KINDS["gray8"][0]).crop(2**31 - 2, 0, 5, 5)  # past the 32-bit range
+    blank = ombrix.Bitmap.new(6, 4, 16)
+    assert blank.order == "gray" and blank.to_numpy().shape == (4, 6) and not blank.to_numpy().any()
 
 
 def test_long_calls_release_the_gil():
