@@ -323,6 +323,9 @@ py::array storedArray(Bitmap& b) {
 py::array viewOfStored(const BITMAPRECORD& r, const py::array& stored) {
     Elem e = elemOf(r.nBitsPerPixel);
     Layout l = viewLayout(r, stored.strides(0), stored.strides(1), e);
+    if (l.offset == 0 && l.shape[0] == stored.shape(0) && l.shape[1] == stored.shape(1) &&
+        l.strides[0] == stored.strides(0) && l.strides[1] == stored.strides(1))
+        return stored;  // stored top-left: the stored rows are the view
     std::vector<py::ssize_t> shape(l.shape, l.shape + l.ndim), strides(l.strides, l.strides + l.ndim);
     py::array view(stored.dtype(), shape, strides, static_cast<const uint8_t*>(stored.data()) + l.offset, stored);
     return view.attr("copy")();

@@ -45,6 +45,14 @@ def test_array_round_trip_and_shared_view(kind, vp):
     assert np.array_equal(bm.to_numpy(), expected)
 
 
+@pytest.mark.parametrize("vp", PERSPECTIVES)
+@pytest.mark.parametrize("shape", [(1, 1), (1, 6), (6, 1)])
+def test_single_row_and_column_images(vp, shape):
+    a = rand(shape + (4,))
+    bm = ombrix.Bitmap(a, view_perspective=vp)
+    assert np.array_equal(bm.to_numpy(), a) and np.array_equal(bm.view(), a)
+
+
 def test_sub_byte_indices_and_palette():
     idx = RNG.integers(0, 16, size=(9, 11), dtype=np.uint8)
     pal = rand((16, 3))
