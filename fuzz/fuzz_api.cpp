@@ -45,6 +45,8 @@ namespace {
 constexpr int kSlots = 3;       // bitmap records the script works on
 constexpr int kRgns = 3;        // OrvaRgn pointers
 constexpr int kHandles = 4;     // HRGN / HGLOBAL values (live, freed or foreign)
+constexpr int kLists = 3;       // bitmap list handles (live or destroyed)
+constexpr int kPlays = 2;       // playback handles (live or destroyed)
 constexpr size_t kBuf = 4096;   // bytes of each scratch buffer
 constexpr uint64_t kMaxData = 4u << 20;
 constexpr int64_t kCap = 8 << 20;
@@ -72,6 +74,11 @@ struct Ctx {
     HGLOBAL glob[kHandles] = {};
     bool globLive[kHandles] = {};
     std::vector<uint8_t> buf[2];
+    HBITMAPLIST list[kLists] = {};  // may hold destroyed handles: looked up, never dereferenced here
+    bool listLive[kLists] = {};
+    HPLAYBACK play[kPlays] = {};    // may hold destroyed handles
+    bool playLive[kPlays] = {};
+    BITMAPRECORD target[kPlays] = {};  // the target of each live playback, which must outlive it
     RECT rect{};
     int relabelled = -1;  // slot whose size word opRelabel changed
     uint32_t relabelWord = 0, relabelTo = 0;
@@ -1288,6 +1295,253 @@ void opDisplay(Ctx& c) {
     }
 }
 
+// ---------------------------------------------------------------- family: lists and playback
+// A list handle: live, destroyed, null or bytes that were never a list.
+HBITMAPLIST listHandle(Ctx& c) {
+    const uint8_t b = c.byte();
+    if (b < 225) return c.list[b % kLists];
+    if (b < 240) return reinterpret_cast<HBITMAPLIST>(&c.foreign);
+    return nullptr;
+}
+// A record whose storage a call moved into a list: the slot lets go of it
+// without freeing (the list owns it now) and starts afresh.
+void handedOver(Ctx& c, BITMAPRECORD* r) {
+    if (!isSlot(c, r)) return;
+    const int s = int(r - c.bm);
+    if (!c.caller[s].empty()) c.keep.push_back(std::move(c.caller[s]));
+    c.caller[s].clear();
+    std::memset(r, 0, sizeof *r);
+    if (K_InitBitmap(r, BITMAPRECORD_SIZE, 8, 8, 8) != KS_SUCCESS) fail(c.op, "init of a fresh record failed");
+}
+// A list slot for a list a call makes: an occupied slot's list is destroyed first.
+HBITMAPLIST* newListSlot(Ctx& c) {
+    const int k = c.byte() % kLists;
+    if (c.listLive[k] && K_DestroyBitmapList(c.list[k]) != KS_SUCCESS) fail(c.op, "destroying a live list failed");
+    c.listLive[k] = false;
+    return &c.list[k];
+}
+void opList(Ctx& c) {
+    const uint8_t which = c.byte() % 12;
+    const uint32_t index = c.byte() < 200 ? uint32_t(c.byte() % 6) : c.u32v();
+    const uint32_t count = c.byte() < 200 ? uint32_t(c.byte() % 5) : c.u32v();
+    switch (which) {
+        case 0: {
+            HBITMAPLIST* h = newListSlot(c);
+            const int32_t rc = K_CreateBitmapList(c.byte() > 245 ? nullptr : h);
+            if (rc == KS_SUCCESS) c.listLive[h - c.list] = true;
+            else if (rc >= 0) fail(c.op, "create gave an odd status");
+            break;
+        }
+        case 1: {
+            const int k = c.byte() % kLists;
+            const int32_t rc = K_DestroyBitmapList(c.list[k]);
+            if (c.listLive[k] && rc != KS_SUCCESS) fail(c.op, "destroying a live list failed");
+            if (!c.listLive[k] && c.list[k] && rc == KS_SUCCESS) fail(c.op, "a destroyed list was destroyed again");
+            c.listLive[k] = false;
+            break;
+        }
+        case 2: {
+            uint32_t n = 0xABCDu;
+            const int32_t rc = K_GetBitmapListCount(listHandle(c), c.byte() > 245 ? nullptr : &n);
+            if (rc < 0 && n != 0xABCDu) fail(c.op, "a failing count wrote its result");
+            break;
+        }
+        case 3: case 4: {
+            // Insert (or replace): the record's storage moves into the list.
+            BITMAPRECORD* r = c.rec();
+            if (r == &c.foreign) return;  // its owned fields would then belong to two owners
+            const HBITMAPLIST h = listHandle(c);
+            int64_t rc;
+            if (which == 3) {
+                rc = check(c, {r}, [&] { return K_InsertBitmapListItem(h, index, r); });
+            } else {
+                BITMAPRECORD* old = c.byte() & 1 ? nullptr : outRec(c, r);
+                if (old == r) return;
+                const uint32_t oldSize = c.byte() < 220 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
+                rc = check(c, {r, old}, [&] { return K_ReplaceBitmapListItem(h, index, r, old, oldSize); }, 2u);
+            }
+            if (rc == KS_SUCCESS) handedOver(c, r);
+            break;
+        }
+        case 5: {
+            // Take an item out into a fresh slot, or free it (null).
+            BITMAPRECORD* r = c.byte() & 1 ? nullptr : outRec(c, nullptr);
+            (void)check(c, {r}, [&] { return K_RemoveBitmapListItem(listHandle(c), index, r); }, 1u);
+            break;
+        }
+        case 6: (void)K_DeleteBitmapListItems(listHandle(c), index, count); break;
+        case 7: {
+            // Get a copy of an item (the list keeps ownership) and set it back,
+            // with frame words of the caller's choosing for the playback.
+            BITMAPRECORD tmp;
+            std::memset(&tmp, 0xEE, sizeof tmp);
+            const BITMAPRECORD untouched = tmp;
+            const HBITMAPLIST h = listHandle(c);
+            const uint32_t size = c.byte() < 200 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
+            const int32_t rc = K_GetBitmapListItem(h, index, c.byte() > 245 ? nullptr : &tmp, size);
+            if (rc < 0) {
+                if (std::memcmp(&tmp, &untouched, sizeof tmp) != 0) fail(c.op, "a failing get wrote its record");
+                return;
+            }
+            if (size != BITMAPRECORD_SIZE) return;
+            FRAME_LEFT(&tmp) = c.coord();
+            FRAME_TOP(&tmp) = c.coord();
+            FRAME_DELAY(&tmp) = c.byte() < 200 ? 0u : c.u32v();
+            FRAME_DISPOSAL(&tmp) = c.byte() % 5;
+            FRAME_TRANSPARENT_COLOR(&tmp) = c.u32v();
+            const uint32_t flagBits[] = {0, BRF_FRAME_WAITINPUT, BRF_FRAME_TRANSPARENT, BRF_FRAME_ALPHAOVER};
+            tmp.uFlags = (tmp.uFlags & ~(BRF_FRAME_WAITINPUT | BRF_FRAME_TRANSPARENT | BRF_FRAME_ALPHAOVER)) |
+                         c.pick(flagBits);
+            if (K_SetBitmapListItem(h, index, &tmp) != KS_SUCCESS) fail(c.op, "setting back a got item failed");
+            break;
+        }
+        case 8: {
+            // Deep copies into a new list; nothing is made on failure.
+            HBITMAPLIST* out = newListSlot(c);
+            *out = nullptr;
+            const int32_t rc = K_CopyBitmapListItems(c.byte() > 245 ? nullptr : out, listHandle(c), index, count);
+            if (rc == KS_SUCCESS) c.listLive[out - c.list] = true;
+            else if (*out) fail(c.op, "a failing copy made a list");
+            break;
+        }
+        case 9: {
+            HBITMAPLIST src = listHandle(c);
+            HBITMAPLIST* out = newListSlot(c);
+            *out = nullptr;
+            const int32_t rc = K_MoveBitmapListItems(c.byte() > 245 ? nullptr : out, src, index, count);
+            if (rc == KS_SUCCESS) c.listLive[out - c.list] = true;
+            else if (*out) fail(c.op, "a failing move made a list");
+            break;
+        }
+        case 10: {
+            RGBQUAD pal[256];
+            std::memset(pal, 0xCD, sizeof pal);
+            int32_t used = 0;
+            const int32_t n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
+            (void)K_CreateBitmapListOptPal(listHandle(c), c.byte() > 245 ? nullptr : pal, n > 256 ? 256 : n,
+                                           c.byte() < 220 ? int32_t(c.byte() % 8) : c.i32(), c.u32v(), &used);
+            break;
+        }
+        default: {
+            // Setting an item to an empty record leaves the old item to the
+            // caller: only an item that owns nothing is overwritten that way.
+            BITMAPRECORD tmp;
+            const HBITMAPLIST h = listHandle(c);
+            if (K_GetBitmapListItem(h, index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS) {
+                (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
+                return;
+            }
+            if (tmp.uFlags & BRF_ALLOCATED || tmp.hRgn || tmp.pPalette || tmp.pCallbacks || tmp.hListBlock) return;
+            if (K_SetBitmapListItem(h, index, nullptr) != KS_SUCCESS) fail(c.op, "clearing an item failed");
+        }
+    }
+}
+// A playback handle: live, destroyed, null, or another kind of handle.
+HPLAYBACK playHandle(Ctx& c) {
+    const uint8_t b = c.byte();
+    if (b < 200) return c.play[b % kPlays];
+    if (b < 215) return reinterpret_cast<HPLAYBACK>(c.list[b % kLists]);
+    if (b < 230) return reinterpret_cast<HPLAYBACK>(c.glob[b % kHandles]);
+    if (b < 245) return reinterpret_cast<HPLAYBACK>(&c.foreign);
+    return nullptr;
+}
+void destroyPlayback(Ctx& c, int k) {
+    if (!c.playLive[k]) return;
+    if (K_DestroyPlayback(c.play[k]) != KS_SUCCESS) fail(c.op, "destroying a live playback failed");
+    c.playLive[k] = false;
+    validate(&c.target[k], c.op);
+    if (K_FreeBitmap(&c.target[k]) != KS_SUCCESS) fail(c.op, "freeing a playback target failed");
+}
+void opPlayback(Ctx& c) {
+    const uint8_t which = c.byte() % 10;
+    const int k = c.byte() % kPlays;
+    switch (which) {
+        case 0: {
+            // A new playback onto a small target of its own.
+            destroyPlayback(c, k);
+            const int32_t depths[] = {1, 4, 8, 16, 24, 32, 48, 64};
+            BITMAPRECORD& t = c.target[k];
+            std::memset(&t, 0, sizeof t);
+            if (K_CreateBitmap(&t, BITMAPRECORD_SIZE, 1, int32_t(c.byte() % 48) + 1, int32_t(c.byte() % 48) + 1,
+                               c.pick(depths), c.byte() % 3 - 1, nullptr, c.byte() % 8 + 1, nullptr, 0) != KS_SUCCESS)
+                return;
+            FRAME_BACKGROUND_COLOR(&t) = c.u32v();
+            HPLAYBACK h = nullptr;
+            const HBITMAPLIST l = c.byte() & 1 ? nullptr : listHandle(c);
+            const int32_t rc = check(c, {&t}, [&] { return K_CreatePlayback(c.byte() > 245 ? nullptr : &h, &t, l); });
+            if (rc == KS_SUCCESS) {
+                c.play[k] = h;
+                c.playLive[k] = true;
+            } else {
+                if (h) fail(c.op, "a failing create made a playback");
+                K_FreeBitmap(&t);
+            }
+            break;
+        }
+        case 1: {
+            if (c.byte() & 1) {
+                destroyPlayback(c, k);
+                break;
+            }
+            const HPLAYBACK h = playHandle(c);
+            if (K_DestroyPlayback(h) != KS_SUCCESS) break;
+            // Only a live playback can be destroyed.
+            int j = 0;
+            while (j < kPlays && !(c.playLive[j] && c.play[j] == h)) ++j;
+            if (j == kPlays) fail(c.op, "a handle that is not a live playback was destroyed");
+            c.playLive[j] = false;
+            if (K_FreeBitmap(&c.target[j]) != KS_SUCCESS) fail(c.op, "freeing a playback target failed");
+            break;
+        }
+        case 2: {
+            // Steps of the state machine; the target stays a valid bitmap.
+            const HPLAYBACK h = playHandle(c);
+            const int steps = c.byte() % 24 + 1;
+            for (int s = 0; s < steps; ++s) {
+                int32_t state = -1;
+                if (K_ProcessPlayback(h, c.byte() > 245 ? nullptr : &state) != KS_SUCCESS) break;
+                if (state >= 0 && (state < PLAYBACK_STATE_CLEAR || state > PLAYBACK_STATE_END))
+                    fail(c.op, "a state outside the state machine");
+                if (state == PLAYBACK_STATE_WAITINPUT || state == PLAYBACK_STATE_WAITDELAY ||
+                    state == PLAYBACK_STATE_WAITBOTH)
+                    K_CancelPlaybackWait(h);  // never sleep in the fuzzer
+            }
+            break;
+        }
+        case 3: {
+            const int32_t rc = K_SetPlaybackIndex(playHandle(c), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32());
+            (void)rc;
+            break;
+        }
+        case 4: {
+            // A frame appended: its storage moves into the playback's list.
+            BITMAPRECORD* r = c.rec();
+            if (r == &c.foreign) return;
+            const int64_t rc = check(c, {r}, [&] { return K_AppendPlayback(playHandle(c), r); });
+            if (rc == KS_SUCCESS) handedOver(c, r);
+            break;
+        }
+        case 5: (void)K_ValidatePlaybackLines(playHandle(c), c.i32(), c.i32()); break;
+        case 6: {
+            RECT rc{};
+            (void)K_GetPlaybackUpdateRect(playHandle(c), c.byte() > 245 ? nullptr : &rc, c.byte() & 1);
+            (void)K_ClearPlaybackUpdateRect(playHandle(c));
+            break;
+        }
+        case 7: {
+            int32_t v = 0;
+            uint32_t ms = 0;
+            (void)K_GetPlaybackState(playHandle(c), c.byte() > 245 ? nullptr : &v);
+            (void)K_GetPlaybackIndex(playHandle(c), c.byte() > 245 ? nullptr : &v);
+            (void)K_GetPlaybackDelay(playHandle(c), c.byte() > 245 ? nullptr : &ms);
+            break;
+        }
+        default: (void)K_CancelPlaybackWait(playHandle(c)); break;
+    }
+    for (int p = 0; p < kPlays; ++p)
+        if (c.playLive[p]) validate(&c.target[p], c.op);
+}
+
 struct Op {
     const char* name;
     void (*fn)(Ctx&);
@@ -1319,6 +1573,7 @@ const Op kTransformOps[] = {{"orientation", opOrient},   {"buffer turns", opBuff
                             {"copy", opCopy},           {"combine", opCombine},     {"resize", opResize},
                             {"row resizer", opRowResize}};
 const Op kColourDisplayOps[] = {{"colour resolution", opColorRes}, {"display", opDisplay}};
+const Op kListPlaybackOps[] = {{"lists", opList}, {"lists", opList}, {"playback", opPlayback}};
 
 struct Family {
     const char* name;
@@ -1331,7 +1586,8 @@ const Family kFamilies[] = {FAMILY("record", kRecordOps),     FAMILY("record", k
                             FAMILY("pixels", kPixelOps),      FAMILY("regions", kRegionOps),
                             FAMILY("regions", kRegionOps),    FAMILY("geometry", kGeometryOps),
                             FAMILY("runtime", kRuntimeOps),   FAMILY("transforms", kTransformOps),
-                            FAMILY("transforms", kTransformOps), FAMILY("colour and display", kColourDisplayOps)};
+                            FAMILY("transforms", kTransformOps), FAMILY("colour and display", kColourDisplayOps),
+                            FAMILY("lists and playback", kListPlaybackOps)};
 
 struct Baseline {
     int32_t thresholds[5];
@@ -1428,6 +1684,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // Everything is freed and the counters are back.
     c->op = "cleanup";
+    for (int k = 0; k < kPlays; ++k) destroyPlayback(*c, k);
+    for (int k = 0; k < kLists; ++k)
+        if (c->listLive[k] && K_DestroyBitmapList(c->list[k]) != KS_SUCCESS) fail("cleanup", "live list not destroyable");
     for (int s = 0; s < kSlots; ++s) {
         validate(&c->bm[s], "cleanup");
         if (trace)
