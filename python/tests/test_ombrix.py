@@ -79,6 +79,13 @@ def test_view_outlives_the_bitmap_reference():
     assert bm is not None and bm.exports == 1
     with pytest.raises(BufferError):
         bm.rotate90()  # would replace the storage the view points into
+    bm.flip()  # in-place pixel work is allowed and shows through the view
+    assert np.array_equal(v, a[::-1])
+    bm.combine(None, "nop", result_op="invert", width=4, height=3)
+    assert np.array_equal(v[:3, :4], 255 - a[::-1][:3, :4])
+    bm.set_region_rect(5, 5, 2, 2)
+    bm.fill((9, 8, 7))
+    assert (v[5:7, 5:7] == (9, 8, 7)).all()
     del v
     gc.collect()
     assert bm.exports == 0
