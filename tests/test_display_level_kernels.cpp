@@ -50,24 +50,23 @@ struct Window {
     uint32_t flags;
 };
 
-// Runs the window with the picked kernel and with the plain one; both must
-// give the line of every pixel.
+// Runs the window with every row kernel; each must give the line of every pixel.
 void check(BITMAPRECORD* src, const std::vector<uint32_t>& values, const Window& w) {
     src->nLowBit = w.lowBit;
     src->nHighBit = w.highBit;
     const int bits = w.highBit - w.lowBit + 1;
-    for (bool plain : {false, true}) {
-        krn::testhook::windowLevelPlainKernels(plain);
+    for (int mode : {0, 1, 2, 3}) {  // automatic, plain, computed line, gathers
+        krn::testhook::windowLevelKernels(mode);
         BITMAPRECORD out;
         ASSERT_EQ(K_WindowLevel(src, &out, BITMAPRECORD_SIZE, w.low, w.high, 0, w.flags), KS_SUCCESS);
-        krn::testhook::windowLevelPlainKernels(false);
+        krn::testhook::windowLevelKernels(0);
         const std::vector<uint8_t> got = bytesOf(&out);
         K_FreeBitmap(&out);
         for (size_t i = 0; i < values.size(); ++i) {
             long s = long(values[i] >> w.lowBit) & ((1L << bits) - 1);
             if ((w.flags & WLFLAG_SIGNED) && (s >> (bits - 1))) s -= 1L << bits;
             ASSERT_EQ(got[i], lineRef(s, w.low, w.high, w.flags & WL_INVERT))
-                << (plain ? "plain" : "picked") << " bpp " << src->nBitsPerPixel << " window " << w.low << ".."
+                << "kernel mode " << mode << " bpp " << src->nBitsPerPixel << " window " << w.low << ".."
                 << w.high << " flags " << w.flags << " bits " << w.lowBit << "-" << w.highBit << " value "
                 << values[i];
         }
