@@ -220,98 +220,71 @@ __attribute__((target("avx2"))) inline __m256i load12x16(const uint8_t* p) noexc
 }
 
 // Eight 32-bit lanes of bytes 0..255 each, twice, packed to 16 bytes in order.
-__attribute__((target("avx2"))) inline void store16(uint8_t* out, __m256i a, __m256i b) noexcept {
+__attribute__((target("avx2"))) inline __m128i pack16(__m256i a, __m256i b) noexcept {
     __m256i w = _mm256_packus_epi32(a, b);       // 16-bit, lanes interleaved by 128
     w = _mm256_permute4x64_epi64(w, 0xD8);       // back in order
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
-                     _mm_packus_epi16(_mm256_castsi256_si128(w), _mm256_extracti128_si256(w, 1)));
+    return _mm_packus_epi16(_mm256_castsi256_si128(w), _mm256_extracti128_si256(w, 1));
 }
 
 // Table lookups by gather: the table is padded by three bytes so that each
 // 32-bit gather stays inside it.
-__attribute__((target("avx2"))) inline void gather16(const uint8_t* map, __m256i raw, uint8_t* out) noexcept {
-    const __m256i low = _mm256_set1_epi32(0xFF);
-    const int* base = reinterpret_cast<const int*>(map);
-    const __m256i i0 = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(raw));
-    const __m256i i1 = _mm256_cvtepu16_epi32(_mm256_extracti128_si256(raw, 1));
-    store16(out, _mm256_and_si256(_mm256_i32gather_epi32(base, i0, 1), low),
-            _mm256_and_si256(_mm256_i32gather_epi32(base, i1, 1), low));
-}
+struct GatherPixels {
+    const uint8_t* map;
+    explicit GatherPixels(const LevelJob& j) noexcept : map(j.map) {}
+    __attribute__((target("avx2"))) __m128i operator()(__m256i raw) const noexcept {
+        const __m256i low = _mm256_set1_epi32(0xFF);
+        const int* base = reinterpret_cast<const int*>(map);
+        const __m256i i0 = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(raw));
+        const __m256i i1 = _mm256_cvtepu16_epi32(_mm256_extracti128_si256(raw, 1));
+        return pack16(_mm256_and_si256(_mm256_i32gather_epi32(base, i0, 1), low),
+                      _mm256_and_si256(_mm256_i32gather_epi32(base, i1, 1), low));
+    }
+};
 
 // The linear window computed: q = n / d for n = u * 255 by a float estimate
 // corrected by one step (exact for n < 2^24).
-struct LinearLanes {
+struct LinearPixels {
     __m256i lo, d, dm1, mask;
     __m128i shl, sra, lb;
     __m256 inv;
     bool sign, invert;
+
+    __attribute__((target("avx2"))) explicit LinearPixels(const LevelJob& j) noexcept {
+        const LinearWindow& w = j.lin;
+        lo = _mm256_set1_epi32(w.lo);
+        d = _mm256_set1_epi32(w.d);
+        dm1 = _mm256_set1_epi32(w.d - 1);
+        mask = _mm256_set1_epi16(int16_t(uint16_t((1u << (w.hb - w.lb + 1)) - 1u)));
+        shl = _mm_cvtsi32_si128(15 - w.hb);
+        sra = _mm_cvtsi32_si128(15 - w.hb + w.lb);
+        lb = _mm_cvtsi32_si128(w.lb);
+        inv = _mm256_set1_ps(1.0f / float(w.d));
+        sign = w.sign;
+        invert = w.invert;
+    }
+    __attribute__((target("avx2"))) __m256i half(__m256i s) const noexcept {
+        const __m256i u = _mm256_min_epi32(_mm256_max_epi32(_mm256_sub_epi32(s, lo), _mm256_setzero_si256()), d);
+        const __m256i n = _mm256_sub_epi32(_mm256_slli_epi32(u, 8), u);
+        __m256i q = _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(n), inv));
+        const __m256i r = _mm256_sub_epi32(n, _mm256_mullo_epi32(q, d));
+        q = _mm256_add_epi32(q, _mm256_cmpgt_epi32(_mm256_setzero_si256(), r));  // r < 0: one less
+        q = _mm256_sub_epi32(q, _mm256_cmpgt_epi32(r, dm1));                     // r >= d: one more
+        return invert ? _mm256_xor_si256(q, _mm256_set1_epi32(255)) : q;
+    }
+    __attribute__((target("avx2"))) __m128i operator()(__m256i raw) const noexcept {
+        __m256i s0, s1;
+        if (sign) {
+            const __m256i v = _mm256_sra_epi16(_mm256_sll_epi16(raw, shl), sra);
+            s0 = _mm256_cvtepi16_epi32(_mm256_castsi256_si128(v));
+            s1 = _mm256_cvtepi16_epi32(_mm256_extracti128_si256(v, 1));
+        } else {
+            const __m256i v = _mm256_and_si256(_mm256_srl_epi16(raw, lb), mask);
+            s0 = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(v));
+            s1 = _mm256_cvtepu16_epi32(_mm256_extracti128_si256(v, 1));
+        }
+        return pack16(half(s0), half(s1));
+    }
 };
-
-__attribute__((target("avx2"))) inline LinearLanes linearLanes(const LinearWindow& w) noexcept {
-    LinearLanes l;
-    l.lo = _mm256_set1_epi32(w.lo);
-    l.d = _mm256_set1_epi32(w.d);
-    l.dm1 = _mm256_set1_epi32(w.d - 1);
-    l.mask = _mm256_set1_epi16(int16_t(uint16_t((1u << (w.hb - w.lb + 1)) - 1u)));
-    l.shl = _mm_cvtsi32_si128(15 - w.hb);
-    l.sra = _mm_cvtsi32_si128(15 - w.hb + w.lb);
-    l.lb = _mm_cvtsi32_si128(w.lb);
-    l.inv = _mm256_set1_ps(1.0f / float(w.d));
-    l.sign = w.sign;
-    l.invert = w.invert;
-    return l;
-}
-
-__attribute__((target("avx2"))) inline __m256i linearHalf(const LinearLanes& l, __m256i s) noexcept {
-    const __m256i u = _mm256_min_epi32(_mm256_max_epi32(_mm256_sub_epi32(s, l.lo), _mm256_setzero_si256()), l.d);
-    const __m256i n = _mm256_sub_epi32(_mm256_slli_epi32(u, 8), u);
-    __m256i q = _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(n), l.inv));
-    const __m256i r = _mm256_sub_epi32(n, _mm256_mullo_epi32(q, l.d));
-    q = _mm256_add_epi32(q, _mm256_cmpgt_epi32(_mm256_setzero_si256(), r));  // r < 0: one less
-    q = _mm256_sub_epi32(q, _mm256_cmpgt_epi32(r, l.dm1));                   // r >= d: one more
-    return l.invert ? _mm256_xor_si256(q, _mm256_set1_epi32(255)) : q;
-}
-
-__attribute__((target("avx2"))) inline void linear16(const LinearLanes& l, __m256i raw, uint8_t* out) noexcept {
-    __m256i s0, s1;
-    if (l.sign) {
-        const __m256i v = _mm256_sra_epi16(_mm256_sll_epi16(raw, l.shl), l.sra);
-        s0 = _mm256_cvtepi16_epi32(_mm256_castsi256_si128(v));
-        s1 = _mm256_cvtepi16_epi32(_mm256_extracti128_si256(v, 1));
-    } else {
-        const __m256i v = _mm256_and_si256(_mm256_srl_epi16(raw, l.lb), l.mask);
-        s0 = _mm256_cvtepu16_epi32(_mm256_castsi256_si128(v));
-        s1 = _mm256_cvtepu16_epi32(_mm256_extracti128_si256(v, 1));
-    }
-    store16(out, linearHalf(l, s0), linearHalf(l, s1));
-}
-
-__attribute__((target("avx2"))) void gatherRow16(const LevelJob& j, const uint8_t* in, uint8_t* out) noexcept {
-    int32_t x = 0;
-    for (; x + 16 <= j.width; x += 16) {
-        _mm_prefetch(reinterpret_cast<const char*>(in + size_t(x) * 2 + kPrefetchAhead), _MM_HINT_T0);
-        gather16(j.map, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + size_t(x) * 2)), out + x);
-    }
-    if (x < j.width) {
-        LevelJob tail = j;
-        tail.width = j.width - x;
-        mapRow16(tail, in + size_t(x) * 2, out + x);
-    }
-}
-
-__attribute__((target("avx2"))) void linearRow16(const LevelJob& j, const uint8_t* in, uint8_t* out) noexcept {
-    const LinearLanes l = linearLanes(j.lin);
-    int32_t x = 0;
-    for (; x + 16 <= j.width; x += 16) {
-        _mm_prefetch(reinterpret_cast<const char*>(in + size_t(x) * 2 + kPrefetchAhead), _MM_HINT_T0);
-        linear16(l, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(in + size_t(x) * 2)), out + x);
-    }
-    if (x < j.width) {
-        LevelJob tail = j;
-        tail.width = j.width - x;
-        mapRow16(tail, in + size_t(x) * 2, out + x);
-    }
-}
 
 // 12-bit rows: 16 pixels are 24 bytes; the loads read 28, so the last steps
 // are left to the plain kernel.
@@ -321,30 +294,27 @@ int32_t simd12Pixels(int32_t width) noexcept {
     return int32_t(std::min<int64_t>(steps * 16, width / 16 * 16));
 }
 
-__attribute__((target("avx2"))) void gatherRow12(const LevelJob& j, const uint8_t* in, uint8_t* out) noexcept {
-    const int32_t n = simd12Pixels(j.width);
+// One row, 16 pixels a step; the tail goes to the plain kernel. (Non-temporal
+// stores into the new bitmap were tried: no gain, the first touch of each
+// fresh page costs more than the line fetch they save.)
+template <int Bpp, class Pixels>
+__attribute__((target("avx2"))) void simdRow(const LevelJob& j, const uint8_t* in, uint8_t* out) noexcept {
+    const Pixels px(j);
+    const int32_t n = Bpp == 16 ? j.width / 16 * 16 : simd12Pixels(j.width);
     for (int32_t x = 0; x < n; x += 16) {
-        _mm_prefetch(reinterpret_cast<const char*>(in + size_t(x / 2) * 3 + kPrefetchAhead), _MM_HINT_T0);
-        gather16(j.map, load12x16(in + size_t(x / 2) * 3), out + x);
+        const uint8_t* p = in + (Bpp == 16 ? size_t(x) * 2 : size_t(x / 2) * 3);
+        _mm_prefetch(reinterpret_cast<const char*>(p + kPrefetchAhead), _MM_HINT_T0);
+        const __m256i raw =
+            Bpp == 16 ? _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)) : load12x16(p);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x), px(raw));
     }
     if (n < j.width) {
         LevelJob tail = j;
         tail.width = j.width - n;
-        mapRow12(tail, in + size_t(n / 2) * 3, out + n);
-    }
-}
-
-__attribute__((target("avx2"))) void linearRow12(const LevelJob& j, const uint8_t* in, uint8_t* out) noexcept {
-    const LinearLanes l = linearLanes(j.lin);
-    const int32_t n = simd12Pixels(j.width);
-    for (int32_t x = 0; x < n; x += 16) {
-        _mm_prefetch(reinterpret_cast<const char*>(in + size_t(x / 2) * 3 + kPrefetchAhead), _MM_HINT_T0);
-        linear16(l, load12x16(in + size_t(x / 2) * 3), out + x);
-    }
-    if (n < j.width) {
-        LevelJob tail = j;
-        tail.width = j.width - n;
-        mapRow12(tail, in + size_t(n / 2) * 3, out + n);
+        if (Bpp == 16)
+            mapRow16(tail, in + size_t(n) * 2, out + n);
+        else
+            mapRow12(tail, in + size_t(n / 2) * 3, out + n);
     }
 }
 
@@ -368,8 +338,8 @@ LevelRowFn pickLevelRow(int32_t bpp, bool linearWindow) noexcept {
     const int mode = gKernelMode.load(std::memory_order_relaxed);
     if (mode == 1 || !haveAvx2()) return bpp == 16 ? &mapRow16 : &mapRow12;
     const bool linear = linearWindow && mode != 3 && (mode == 2 || !fastGathers());
-    if (bpp == 16) return linear ? &linearRow16 : &gatherRow16;
-    return linear ? &linearRow12 : &gatherRow12;
+    if (bpp == 16) return linear ? &simdRow<16, LinearPixels> : &simdRow<16, GatherPixels>;
+    return linear ? &simdRow<12, LinearPixels> : &simdRow<12, GatherPixels>;
 }
 
 // Pixels reachable at pData once accessed: a locked single block, or caller
