@@ -15,6 +15,8 @@
 // transparent colour taken away); the area under a frame with disposal 3 is
 // kept in a bitmap of the target's format and combined back when the frame
 // is disposed of.
+#include <immintrin.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -22,6 +24,7 @@
 
 #include "bitmaprgn.h"
 #include "krn/common/combine.h"
+#include "krn/common/convert_kernels.h"
 #include "krn/common/hooks.h"
 #include "krn/common/kernel.h"
 #include "krn/common/list.h"
@@ -209,6 +212,132 @@ int32_t throughRegion(BITMAPRECORD* t, OrvaRgn* view, F&& fn) {
     return r;
 }
 
+// ---- the transparent colour's region, built in one pass over frames whose
+// pixels sit in memory at 8 (through the palette), 24 and 32 bits; other
+// frames go to the region family's colour builder. The pixel set is the
+// one K_SetBitmapRgnColor gives: palette entries of the colour at 8 bits,
+// the colour samples (not the fourth byte) at 24 and 32 bits, in the
+// frame's stored rows.
+
+bool pixelsInMemory(const BITMAPRECORD* bm) noexcept {
+    const uint32_t fl = bm->uFlags;
+    if (fl & (BRF_COMPRESSED | BRF_TILED | BRF_SUPERCOMPRESSED | BRF_DISK)) return false;
+    if (!bm->pData) return false;
+    if (!(fl & BRF_LOCKED) && !((fl & BRF_USER_MEMORY) && !(fl & BRF_MOVABLE_BLOCK))) return false;
+    if (isCurrentLayout(bm) && bm->pCallbacks && bm->pCallbacks->pfnGetRow) return false;
+    return true;
+}
+
+// Appends the transitions of the match mask of pixels x .. x+7 to out.
+inline uint32_t runsOfMask(uint32_t mask, int32_t x, bool& in, int32_t* out, uint32_t n) noexcept {
+    if (mask == (in ? 0xFFu : 0u)) return n;
+    for (int32_t i = 0; i < 8; ++i) {
+        const bool now = (mask >> i) & 1u;
+        if (now != in) {
+            out[n++] = x + i;
+            in = now;
+        }
+    }
+    return n;
+}
+
+// x values of the runs of key pixels of one row, plain.
+template <int Bpp>
+uint32_t keyRunsPlain(const uint8_t* row, int32_t x, int32_t width, uint32_t key, const bool* table, bool& in,
+                      int32_t* out, uint32_t n) noexcept {
+    for (; x < width; ++x) {
+        bool now;
+        if constexpr (Bpp == 8) {
+            now = table[row[x]];
+        } else {
+            const uint8_t* p = row + size_t(x) * (Bpp / 8);
+            now = (uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16) == key;
+        }
+        if (now != in) {
+            out[n++] = x;
+            in = now;
+        }
+    }
+    return n;
+}
+
+// The same, eight pixels a step with AVX2 (24 bits: one 32-bit gather per
+// eight pixels, never reading past the row's bytes).
+template <int Bpp>
+__attribute__((target("avx2"))) uint32_t keyRunsAvx2(const uint8_t* row, int32_t width, uint32_t rowBytes,
+                                                     uint32_t key, int32_t* out) noexcept {
+    const __m256i keyv = _mm256_set1_epi32(int32_t(key)), low = _mm256_set1_epi32(0xFFFFFF);
+    const __m256i idx = _mm256_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21);
+    // Steps whose last byte read lies inside the row.
+    const int64_t steps = Bpp == 32 ? width / 8 : (int64_t(rowBytes) >= 28 ? (int64_t(rowBytes) - 28) / 24 + 1 : 0);
+    const int32_t simd = int32_t(std::min<int64_t>(steps, width / 8) * 8);
+    bool in = false;
+    uint32_t n = 0;
+    for (int32_t x = 0; x < simd; x += 8) {
+        __m256i v;
+        if constexpr (Bpp == 32)
+            v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + size_t(x) * 4));
+        else
+            v = _mm256_i32gather_epi32(reinterpret_cast<const int*>(row + size_t(x) * 3), idx, 1);
+        const __m256i eq = _mm256_cmpeq_epi32(_mm256_and_si256(v, low), keyv);
+        n = runsOfMask(uint32_t(_mm256_movemask_ps(_mm256_castsi256_ps(eq))), x, in, out, n);
+    }
+    n = keyRunsPlain<Bpp>(row, simd, width, key, nullptr, in, out, n);
+    if (in) out[n++] = width;
+    return n;
+}
+
+bool haveAvx2Keys() noexcept {
+    static const bool yes = __builtin_cpu_supports("avx2") && conv::simdCeiling() >= conv::kSimdAvx2;
+    return yes;
+}
+bool gPlainKeys = false;  // tests: the plain scan only
+
+// The key pixels' region of a frame; KS_NOT_SUPPORTED when the frame is not
+// one this scan takes (the caller uses the colour builder then).
+int32_t keyRegion(BITMAPRECORD* f, uint32_t colour, OrvaRgn** out) {
+    const int32_t bpp = f->nBitsPerPixel;
+    if ((bpp != 8 && bpp != 24 && bpp != 32) || f->nWidth <= 0 || f->nHeight <= 0) return KS_NOT_SUPPORTED;
+    const uint32_t r = colour & 0xFF, g = (colour >> 8) & 0xFF, b = (colour >> 16) & 0xFF;
+    bool table[256] = {};
+    if (bpp == 8) {
+        const RGBQUAD* pal = f->pPalette ? f->pPalette : fixedPalette(8);
+        const int32_t n = f->pPalette ? std::min(f->nColors, 256) : 256;
+        for (int32_t i = 0; i < n && pal; ++i)
+            table[i] = pal[i].rgbRed == r && pal[i].rgbGreen == g && pal[i].rgbBlue == b;
+    }
+    const uint32_t key = f->nOrder == ORDER_RGB ? (r | g << 8 | b << 16) : (b | g << 8 | r << 16);
+    int32_t ok = 0;
+    int32_t st = K_IntAccessBitmap(f, &ok);
+    if (st != KS_SUCCESS) return K_IntReleaseBitmap(f, ok, st);
+    if (!pixelsInMemory(f)) return K_IntReleaseBitmap(f, ok, KS_NOT_SUPPORTED);
+    const bool simd = bpp != 8 && haveAvx2Keys() && !gPlainKeys;
+    rgn::Builder bld;
+    st = bld.start(0, f->nHeight, 0);
+    for (int32_t y = 0; y < f->nHeight && st == KS_SUCCESS; ++y) {
+        int32_t* d = bld.rowSpace(uint32_t(f->nWidth) + 2u);
+        if (!d) {
+            st = KS_NO_MEMORY;
+            break;
+        }
+        const uint8_t* row = f->pData + size_t(y) * f->nBytesPerLine;
+        uint32_t n = 0;
+        if (simd) {
+            n = bpp == 24 ? keyRunsAvx2<24>(row, f->nWidth, f->nBytesPerLine, key, d)
+                          : keyRunsAvx2<32>(row, f->nWidth, f->nBytesPerLine, key, d);
+        } else {
+            bool in = false;
+            n = bpp == 8    ? keyRunsPlain<8>(row, 0, f->nWidth, key, table, in, d, 0)
+                : bpp == 24 ? keyRunsPlain<24>(row, 0, f->nWidth, key, table, in, d, 0)
+                            : keyRunsPlain<32>(row, 0, f->nWidth, key, table, in, d, 0);
+            if (in) d[n++] = f->nWidth;
+        }
+        bld.endRow(n);
+    }
+    if (st == KS_SUCCESS) st = bld.finish(out);
+    return K_IntReleaseBitmap(f, ok, st);
+}
+
 // While alive, the frame's region excludes its transparent colour (flag
 // 0x80: the colour region taken away from the frame's region, or from the
 // whole frame without one); the frame's own region is put back on exit.
@@ -229,7 +358,11 @@ struct KeyedFrame {
             int32_t r = setBitmapRegion(frame, nullptr, copy.release(), RGN_SET_REPLACE);
             if (r != KS_SUCCESS) return r;
         }
-        return K_SetBitmapRgnColor(frame, FRAME_TRANSPARENT_COLOR(frame), RGN_SET_CUR_MINUS_NEW);
+        OrvaRgn* key = nullptr;
+        int32_t r = keyRegion(frame, FRAME_TRANSPARENT_COLOR(frame), &key);
+        if (r == KS_NOT_SUPPORTED) return K_SetBitmapRgnColor(frame, FRAME_TRANSPARENT_COLOR(frame), RGN_SET_CUR_MINUS_NEW);
+        if (r != KS_SUCCESS) return r;
+        return setBitmapRegion(frame, nullptr, key, RGN_SET_CUR_MINUS_NEW);
     }
     ~KeyedFrame() {
         if (!f) return;
@@ -446,6 +579,10 @@ int32_t badHandle() noexcept { return KS_INVALID_PARAMETER; }
 }  // namespace
 
 namespace testhook {
+void playbackPlainKeyScan(bool on) noexcept { gPlainKeys = on; }
+int32_t playbackKeyRegion(BITMAPRECORD* frame, uint32_t colour, OrvaRgn** out) noexcept {
+    return guarded([&] { return keyRegion(frame, colour, out); });
+}
 void setPlaybackClock(uint32_t (*now)(void* ctx), void* ctx) noexcept {
     gClock = now ? now : steadyTicks;
     gClockCtx = ctx;
