@@ -2242,14 +2242,14 @@ OMBRIX_API int32_t K_WindowLevelExt(BITMAPRECORD* pSrc, BITMAPRECORD* pDst, uint
  *   FRAME_TRANSPARENT_COLOR  0x00BBGGRR; with BRF_FRAME_TRANSPARENT its pixels
  *                            are not drawn
  *   FRAME_BACKGROUND_COLOR   of the target: clearing and disposal 2
- * Frame flags: BRF_FRAME_WAITINPUT (wait for K_CancelPlaybackWait after the
- * frame), BRF_FRAME_TRANSPARENT, BRF_FRAME_ALPHAOVER (blend instead of copy;
- * needs the combine family, -16 until it is there).
- * A target whose view perspective is BOTTOM_LEFT places a frame at stored row
- * height - top - frame height. Drawing takes frames of the target's depth and
- * order (and palette, up to 8 bits) at 8 bits per pixel or more, and frames and
- * targets stored top-left or bottom-left; other frames are skipped (the
- * colour-resolution conversion that would adapt them is not linked in yet).
+ * Frame flags: BRF_FRAME_WAITINPUT (wait for K_CancelPlaybackWait after the frame), BRF_FRAME_TRANSPARENT,
+ * BRF_FRAME_ALPHAOVER (K_CombineBitmapKrn's alpha over, 3328, instead of the copy, 48: blended by the
+ * frame's alpha on 32/64-bit targets, copied on targets without alpha, ORed on 1-bit targets).
+ * Frames are drawn with K_CombineBitmapKrn through the frame's region (less its transparent colour)
+ * and the target's own region, on targets of every depth and view perspective; a frame of another
+ * depth, order or palette through a K_ColorResBitmap copy in the target's format. Positions are in
+ * the target's top-left view: on a BOTTOM_LEFT target a frame lands at stored row
+ * height - top - frame height.
  * States: */
 #define PLAYBACK_STATE_CLEAR        0
 #define PLAYBACK_STATE_NEXT         1

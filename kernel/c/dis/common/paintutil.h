@@ -4,4 +4,7 @@
 namespace krn::testhook {
 // Window level (disutil.cpp): true makes it use only the plain row kernels.
 void windowLevelPlainKernels(bool on) noexcept;
+// 0 automatic, 1 plain kernels only, 2 the computed line wherever the window
+// allows it (AVX2), 3 table gathers only (AVX2).
+void windowLevelKernels(int mode) noexcept;
 }  // namespace krn::testhook

@@ -11,26 +11,37 @@
 // Waits compare tick counts in unsigned 32-bit arithmetic, so they survive
 // the counter wrapping. The tick source can be replaced by tests.
 //
-// Frames are drawn row by row through the row layer at the target's own
-// depth; the area under a frame with disposal 3 is kept as rows in a kernel
-// block and written back when the frame is disposed of.
+// Frames are drawn with the combine engine through the frame's region (its
+// transparent colour taken away); the area under a frame with disposal 3 is
+// kept in a bitmap of the target's format and combined back when the frame
+// is disposed of.
+#include <immintrin.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 
+#include "bitmaprgn.h"
+#include "krn/common/combine.h"
+#include "krn/common/convert_kernels.h"
+#include "krn/common/hooks.h"
 #include "krn/common/kernel.h"
 #include "krn/common/list.h"
 #include "krn/common/memory.h"
 #include "krn/windowsemul/globalmem.h"
 #include "krn/windowsemul/objects.h"
 #include "playback.h"
+#include "region.h"
 
 namespace krn {
 
 namespace {
 
 constexpr uint32_t kPlaybackTag = 0x59414C50u;  // "PLAY"
+constexpr uint32_t kFloatData = 0x100000u;
+constexpr uint32_t kCombineCopy = 48;         // source AND all bits 1: the source bits
+constexpr uint32_t kCombineAlphaOver = 3328;  // alpha over
 
 uint32_t steadyTicks(void*) {
     using namespace std::chrono;
@@ -49,10 +60,11 @@ struct Playback {
     HBITMAPLIST list;
     uint32_t waitStart;
     RECT update;
-    // Saved area (disposal 3): rows of the target under the frame.
-    uint8_t* saved;
-    int32_t savedX, savedY0, savedY1;  // target view: columns from savedX, rows y0..y1-1
-    uint32_t savedRowBytes;
+    // Saved area (disposal 3): the target under the frame, placed at
+    // (savedX, savedY) in the target's top-left view.
+    BITMAPRECORD saved;
+    int32_t haveSaved;
+    int32_t savedX, savedY;
     // Line validation of the last appended frame.
     int32_t validating;
     int32_t missingRows;
@@ -112,23 +124,24 @@ uint32_t frameCount(Playback* p) noexcept {
     return n;
 }
 
-// The frame's rectangle on the target (top-left view), clipped.
-RECT frameRect(const BITMAPRECORD* t, const BITMAPRECORD* f) noexcept {
-    const int64_t l = FRAME_LEFT(f), tp = FRAME_TOP(f);
-    RECT r;
-    r.left = int32_t(std::clamp<int64_t>(l, 0, t->nWidth));
-    r.top = int32_t(std::clamp<int64_t>(tp, 0, t->nHeight));
-    r.right = int32_t(std::clamp<int64_t>(l + f->nWidth, 0, t->nWidth));
-    r.bottom = int32_t(std::clamp<int64_t>(tp + f->nHeight, 0, t->nHeight));
-    return r;
+// Width and height of a bitmap as seen in its top-left view (perspectives 5
+// to 8 store the viewed columns as rows).
+int32_t viewWidth(const BITMAPRECORD* bm) noexcept {
+    return bm->nViewPerspective >= 5 && bm->nViewPerspective <= 8 ? bm->nHeight : bm->nWidth;
+}
+int32_t viewHeight(const BITMAPRECORD* bm) noexcept {
+    return bm->nViewPerspective >= 5 && bm->nViewPerspective <= 8 ? bm->nWidth : bm->nHeight;
 }
 
-// Stored row of a view row for the two perspectives drawing supports.
-int32_t storedRow(const BITMAPRECORD* bm, int32_t viewRow) noexcept {
-    return bm->nViewPerspective == BOTTOM_LEFT ? bm->nHeight - 1 - viewRow : viewRow;
-}
-bool rowsOnly(const BITMAPRECORD* bm) noexcept {
-    return bm->nViewPerspective == TOP_LEFT || bm->nViewPerspective == BOTTOM_LEFT;
+// The frame's rectangle on the target (top-left view), clipped.
+RECT frameRect(const BITMAPRECORD* t, const BITMAPRECORD* f) noexcept {
+    const int64_t l = FRAME_LEFT(f), tp = FRAME_TOP(f), tw = viewWidth(t), th = viewHeight(t);
+    RECT r;
+    r.left = int32_t(std::clamp<int64_t>(l, 0, tw));
+    r.top = int32_t(std::clamp<int64_t>(tp, 0, th));
+    r.right = int32_t(std::clamp<int64_t>(l + viewWidth(f), 0, tw));
+    r.bottom = int32_t(std::clamp<int64_t>(tp + viewHeight(f), 0, th));
+    return r;
 }
 
 // Same pixel format: depth, order above 8 bits, palette up to 8 bits.
@@ -139,68 +152,264 @@ bool sameFormat(const BITMAPRECORD* t, const BITMAPRECORD* f) noexcept {
     return std::memcmp(f->pPalette, t->pPalette, sizeof(RGBQUAD) * size_t(t->nColors)) == 0;
 }
 
-// Can the frame be drawn at all (converted or not)?
-int32_t drawable(const BITMAPRECORD* t, const BITMAPRECORD* f) noexcept {
-    if (!recordSizeValid(f->uStructSize)) return KS_INVALID_STRUCT_SIZE;
-    if (!(f->uFlags & BRF_ALLOCATED)) return KS_INVALID_BITMAP;
-    if (f->uFlags & 0x100000u) return KS_FLOAT_NOT_SUPPORTED;
-    if (f->uFlags & BRF_FRAME_ALPHAOVER) return KS_NOT_SUPPORTED;
-    if (t->nBitsPerPixel < 8 || t->nBitsPerPixel % 8) return KS_NOT_SUPPORTED;
-    if (!rowsOnly(f) || !rowsOnly(t)) return KS_NOT_SUPPORTED;
-    return KS_SUCCESS;
-}
-
 // A copy of the frame in the target's format (colour-resolution conversion:
-// the target's palette without dithering up to 8 bits, else BGR for targets
-// of order 1 or 5 and RGB otherwise).
+// the target's palette without dithering up to 8 bits; above, BGR for
+// targets of order 1 or 5, grey samples for grey targets, 5-6-5 for 5-6-5
+// targets, RGB otherwise).
 int32_t convertFrame(const BITMAPRECORD* t, BITMAPRECORD* f, BITMAPRECORD* out) noexcept {
     const bool pal = t->nBitsPerPixel <= 8;
-    const uint32_t flags = pal ? (CRF_NODITHERING | CRF_USERPALETTE)
-                               : ((t->nOrder == ORDER_BGR || t->nOrder == ORDER_ROMM) ? CRF_BYTEORDERBGR : 0u);
-    int32_t r = K_ColorResBitmap(f, out, t->nBitsPerPixel, flags, pal ? t->pPalette : nullptr, pal ? t->nColors : 0,
-                                 BITMAPRECORD_SIZE);
+    uint32_t flags = CRF_NODITHERING | CRF_USERPALETTE;
+    if (!pal) {
+        switch (t->nOrder) {
+            case ORDER_BGR: case ORDER_ROMM: flags = CRF_BYTEORDERBGR; break;
+            case ORDER_GRAY: flags = CRF_BYTEORDERGRAY; break;
+            case ORDER_RGB565: flags = CRF_BYTEORDER565; break;
+            default: flags = 0; break;
+        }
+    }
+    const RGBQUAD* palette = pal ? (t->pPalette ? t->pPalette : fixedPalette(t->nBitsPerPixel)) : nullptr;
+    const int32_t colours = pal ? (t->pPalette ? t->nColors : (1 << t->nBitsPerPixel)) : 0;
+    int32_t r = K_ColorResBitmap(f, out, t->nBitsPerPixel, flags, palette, colours, BITMAPRECORD_SIZE);
     if (r != KS_SUCCESS) return r;
-    if (!sameFormat(t, out) || !rowsOnly(out) || out->nWidth != f->nWidth || out->nHeight != f->nHeight) {
+    if (out->nBitsPerPixel != t->nBitsPerPixel) {
         K_FreeBitmap(out);
-        return KS_NOT_SUPPORTED;  // e.g. a grey deep target: the conversion gives colour
+        return KS_NOT_SUPPORTED;
     }
     return KS_SUCCESS;
 }
 
-// Whether pixel x of a frame row is the frame's transparent colour.
-bool transparentAt(const BITMAPRECORD* f, const uint8_t* row, int32_t x, uint32_t colour) noexcept {
-    const uint8_t r = uint8_t(colour), g = uint8_t(colour >> 8), b = uint8_t(colour >> 16);
-    switch (f->nBitsPerPixel) {
-        case 8: {
-            if (!f->pPalette || row[x] >= f->nColors) return false;
-            const RGBQUAD& q = f->pPalette[row[x]];
-            return q.rgbRed == r && q.rgbGreen == g && q.rgbBlue == b;
-        }
-        case 24:
-        case 32: {
-            const uint8_t* p = row + size_t(x) * size_t(f->nBitsPerPixel / 8);
-            return f->nOrder == ORDER_RGB ? (p[0] == r && p[1] == g && p[2] == b)
-                                          : (p[0] == b && p[1] == g && p[2] == r);
-        }
-        default:
-            return false;  // other depths are drawn opaque
+// A bitmap region taken over by this owner (freed unless released).
+struct RgnHold {
+    OrvaRgn* r = nullptr;
+    ~RgnHold() { rgn::destroy(r); }
+    OrvaRgn* release() noexcept {
+        OrvaRgn* t = r;
+        r = nullptr;
+        return t;
     }
+};
+
+// Runs fn with the target's region replaced by `view` (a region in the
+// target's top-left view, taken over) cut to the target's own region; the
+// target's own region is back afterwards, whatever fn answered.
+template <class F>
+int32_t throughRegion(BITMAPRECORD* t, OrvaRgn* view, F&& fn) {
+    RgnHold hold{view};
+    const HRGN own = t->hRgn;
+    const OrvaRgn* ownRgn = bitmapRegion(t);
+    RgnHold ownCopy;
+    if (ownRgn) {
+        int32_t r = rgn::copy(ownRgn, &ownCopy.r);
+        if (r != KS_SUCCESS) return r;
+    }
+    t->hRgn = nullptr;
+    const RGNXFORM topLeft{TOP_LEFT, 1, 1, 1, 1, 0, 0};
+    int32_t r = setBitmapRegion(t, &topLeft, hold.release(), RGN_SET_REPLACE);
+    if (r == KS_SUCCESS && ownCopy.r) r = setBitmapRegion(t, nullptr, ownCopy.release(), RGN_SET_AND);
+    if (r == KS_SUCCESS) r = fn();
+    if (t->hRgn) DeleteObject(t->hRgn);
+    t->hRgn = own;
+    return r;
 }
 
-// Draws frame f onto the target (through a converted copy when its format
-// differs); the update rectangle grows by its rectangle. The transparent
-// colour is looked up in the frame's own pixels, before any conversion.
+// ---- the transparent colour's region, built in one pass over frames whose
+// pixels sit in memory at 8 (through the palette), 24 and 32 bits; other
+// frames go to the region family's colour builder. The pixel set is the
+// one K_SetBitmapRgnColor gives: palette entries of the colour at 8 bits,
+// the colour samples (not the fourth byte) at 24 and 32 bits, in the
+// frame's stored rows.
+
+bool pixelsInMemory(const BITMAPRECORD* bm) noexcept {
+    const uint32_t fl = bm->uFlags;
+    if (fl & (BRF_COMPRESSED | BRF_TILED | BRF_SUPERCOMPRESSED | BRF_DISK)) return false;
+    if (!bm->pData) return false;
+    if (!(fl & BRF_LOCKED) && !((fl & BRF_USER_MEMORY) && !(fl & BRF_MOVABLE_BLOCK))) return false;
+    if (isCurrentLayout(bm) && bm->pCallbacks && bm->pCallbacks->pfnGetRow) return false;
+    return true;
+}
+
+// Appends the transitions of the match mask of pixels x .. x+7 to out.
+inline uint32_t runsOfMask(uint32_t mask, int32_t x, bool& in, int32_t* out, uint32_t n) noexcept {
+    if (mask == (in ? 0xFFu : 0u)) return n;
+    for (int32_t i = 0; i < 8; ++i) {
+        const bool now = (mask >> i) & 1u;
+        if (now != in) {
+            out[n++] = x + i;
+            in = now;
+        }
+    }
+    return n;
+}
+
+// x values of the runs of key pixels of one row, plain.
+template <int Bpp>
+uint32_t keyRunsPlain(const uint8_t* row, int32_t x, int32_t width, uint32_t key, const bool* table, bool& in,
+                      int32_t* out, uint32_t n) noexcept {
+    for (; x < width; ++x) {
+        bool now;
+        if constexpr (Bpp == 8) {
+            now = table[row[x]];
+        } else {
+            const uint8_t* p = row + size_t(x) * (Bpp / 8);
+            now = (uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16) == key;
+        }
+        if (now != in) {
+            out[n++] = x;
+            in = now;
+        }
+    }
+    return n;
+}
+
+// The same, eight pixels a step with AVX2 (24 bits: one 32-bit gather per
+// eight pixels, never reading past the row's bytes).
+template <int Bpp>
+__attribute__((target("avx2"))) uint32_t keyRunsAvx2(const uint8_t* row, int32_t width, uint32_t rowBytes,
+                                                     uint32_t key, int32_t* out) noexcept {
+    const __m256i keyv = _mm256_set1_epi32(int32_t(key)), low = _mm256_set1_epi32(0xFFFFFF);
+    const __m256i idx = _mm256_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21);
+    // Steps whose last byte read lies inside the row.
+    const int64_t steps = Bpp == 32 ? width / 8 : (int64_t(rowBytes) >= 28 ? (int64_t(rowBytes) - 28) / 24 + 1 : 0);
+    const int32_t simd = int32_t(std::min<int64_t>(steps, width / 8) * 8);
+    bool in = false;
+    uint32_t n = 0;
+    for (int32_t x = 0; x < simd; x += 8) {
+        __m256i v;
+        if constexpr (Bpp == 32)
+            v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + size_t(x) * 4));
+        else
+            v = _mm256_i32gather_epi32(reinterpret_cast<const int*>(row + size_t(x) * 3), idx, 1);
+        const __m256i eq = _mm256_cmpeq_epi32(_mm256_and_si256(v, low), keyv);
+        n = runsOfMask(uint32_t(_mm256_movemask_ps(_mm256_castsi256_ps(eq))), x, in, out, n);
+    }
+    n = keyRunsPlain<Bpp>(row, simd, width, key, nullptr, in, out, n);
+    if (in) out[n++] = width;
+    return n;
+}
+
+bool haveAvx2Keys() noexcept {
+    static const bool yes = __builtin_cpu_supports("avx2") && conv::simdCeiling() >= conv::kSimdAvx2;
+    return yes;
+}
+bool gPlainKeys = false;  // tests: the plain scan only
+
+// The key pixels' region of a frame; KS_NOT_SUPPORTED when the frame is not
+// one this scan takes (the caller uses the colour builder then).
+int32_t keyRegion(BITMAPRECORD* f, uint32_t colour, OrvaRgn** out) {
+    const int32_t bpp = f->nBitsPerPixel;
+    if ((bpp != 8 && bpp != 24 && bpp != 32) || f->nWidth <= 0 || f->nHeight <= 0) return KS_NOT_SUPPORTED;
+    const uint32_t r = colour & 0xFF, g = (colour >> 8) & 0xFF, b = (colour >> 16) & 0xFF;
+    bool table[256] = {};
+    if (bpp == 8) {
+        const RGBQUAD* pal = f->pPalette ? f->pPalette : fixedPalette(8);
+        const int32_t n = f->pPalette ? std::min(f->nColors, 256) : 256;
+        for (int32_t i = 0; i < n && pal; ++i)
+            table[i] = pal[i].rgbRed == r && pal[i].rgbGreen == g && pal[i].rgbBlue == b;
+    }
+    const uint32_t key = f->nOrder == ORDER_RGB ? (r | g << 8 | b << 16) : (b | g << 8 | r << 16);
+    int32_t ok = 0;
+    int32_t st = K_IntAccessBitmap(f, &ok);
+    if (st != KS_SUCCESS) return K_IntReleaseBitmap(f, ok, st);
+    if (!pixelsInMemory(f)) return K_IntReleaseBitmap(f, ok, KS_NOT_SUPPORTED);
+    const bool simd = bpp != 8 && haveAvx2Keys() && !gPlainKeys;
+    rgn::Builder bld;
+    st = bld.start(0, f->nHeight, 0);
+    for (int32_t y = 0; y < f->nHeight && st == KS_SUCCESS; ++y) {
+        int32_t* d = bld.rowSpace(uint32_t(f->nWidth) + 2u);
+        if (!d) {
+            st = KS_NO_MEMORY;
+            break;
+        }
+        const uint8_t* row = f->pData + size_t(y) * f->nBytesPerLine;
+        uint32_t n = 0;
+        if (simd) {
+            n = bpp == 24 ? keyRunsAvx2<24>(row, f->nWidth, f->nBytesPerLine, key, d)
+                          : keyRunsAvx2<32>(row, f->nWidth, f->nBytesPerLine, key, d);
+        } else {
+            bool in = false;
+            n = bpp == 8    ? keyRunsPlain<8>(row, 0, f->nWidth, key, table, in, d, 0)
+                : bpp == 24 ? keyRunsPlain<24>(row, 0, f->nWidth, key, table, in, d, 0)
+                            : keyRunsPlain<32>(row, 0, f->nWidth, key, table, in, d, 0);
+            if (in) d[n++] = f->nWidth;
+        }
+        bld.endRow(n);
+    }
+    if (st == KS_SUCCESS) st = bld.finish(out);
+    return K_IntReleaseBitmap(f, ok, st);
+}
+
+// While alive, the frame's region excludes its transparent colour (flag
+// 0x80: the colour region taken away from the frame's region, or from the
+// whole frame without one); the frame's own region is put back on exit.
+struct KeyedFrame {
+    BITMAPRECORD* f = nullptr;
+    HRGN own = nullptr;
+    int32_t begin(BITMAPRECORD* frame) noexcept {
+        const OrvaRgn* ownRgn = bitmapRegion(frame);
+        RgnHold copy;
+        if (ownRgn) {
+            int32_t r = rgn::copy(ownRgn, &copy.r);
+            if (r != KS_SUCCESS) return r;
+        }
+        f = frame;
+        own = frame->hRgn;
+        frame->hRgn = nullptr;
+        if (copy.r) {
+            int32_t r = setBitmapRegion(frame, nullptr, copy.release(), RGN_SET_REPLACE);
+            if (r != KS_SUCCESS) return r;
+        }
+        OrvaRgn* key = nullptr;
+        int32_t r = keyRegion(frame, FRAME_TRANSPARENT_COLOR(frame), &key);
+        if (r == KS_NOT_SUPPORTED) return K_SetBitmapRgnColor(frame, FRAME_TRANSPARENT_COLOR(frame), RGN_SET_CUR_MINUS_NEW);
+        if (r != KS_SUCCESS) return r;
+        return setBitmapRegion(frame, nullptr, key, RGN_SET_CUR_MINUS_NEW);
+    }
+    ~KeyedFrame() {
+        if (!f) return;
+        if (f->hRgn) DeleteObject(f->hRgn);
+        f->hRgn = own;
+    }
+};
+
+// The frame's region carried into the target's top-left view at the
+// frame's position (null: the frame has no region).
+int32_t frameRegionOnTarget(const BITMAPRECORD* f, OrvaRgn** out) noexcept {
+    *out = nullptr;
+    const OrvaRgn* fr = bitmapRegion(f);
+    if (!fr) return KS_SUCCESS;
+    RgnHold r;
+    int32_t st = rgn::copy(fr, &r.r);
+    if (st == KS_SUCCESS && f->nViewPerspective != TOP_LEFT)
+        st = rgn::perspective(r.r, f->nViewPerspective, TOP_LEFT, f->nWidth, f->nHeight);
+    if (st == KS_SUCCESS) st = rgn::offset(r.r, FRAME_LEFT(f), FRAME_TOP(f));
+    if (st != KS_SUCCESS) return st;
+    *out = r.release();
+    return KS_SUCCESS;
+}
+
+// Draws frame f onto the target through the combine engine (operation 48,
+// a plain copy of the source bits, or 3328, alpha over, for frames with
+// BRF_FRAME_ALPHAOVER) through the frame's region, less its transparent
+// colour; frames of another format go through a converted copy. The update
+// rectangle grows by the frame's rectangle.
 int32_t drawFrame(Playback* p, BITMAPRECORD* f) {
     BITMAPRECORD* t = p->target;
-    int32_t r = drawable(t, f);
-    if (r != KS_SUCCESS) return r;
+    if (!recordSizeValid(f->uStructSize)) return KS_INVALID_STRUCT_SIZE;
+    if (!(f->uFlags & BRF_ALLOCATED)) return KS_INVALID_BITMAP;
+    if (f->uFlags & kFloatData) return KS_FLOAT_NOT_SUPPORTED;
     const RECT rc = frameRect(t, f);
     if (rc.right <= rc.left || rc.bottom <= rc.top) return KS_SUCCESS;
+    KeyedFrame keyed;
+    int32_t r = KS_SUCCESS;
+    if (f->uFlags & BRF_FRAME_TRANSPARENT) {
+        r = keyed.begin(f);
+        if (r != KS_SUCCESS) return r;
+    }
     BITMAPRECORD conv;
     BITMAPRECORD* src = f;
     if (!sameFormat(t, f)) {
         r = convertFrame(t, f, &conv);
-        if (r != KS_SUCCESS) return r;
+            if (r != KS_SUCCESS) return r;
         src = &conv;
     }
     struct Free {
@@ -209,93 +418,72 @@ int32_t drawFrame(Playback* p, BITMAPRECORD* f) {
             if (b) K_FreeBitmap(b);
         }
     } freeConv{src == f ? nullptr : src};
-    const uint32_t bpp = uint32_t(t->nBitsPerPixel / 8);
-    const uint32_t spanBytes = uint32_t(rc.right - rc.left) * bpp;
-    const int32_t fx0 = int32_t(int64_t(rc.left) - FRAME_LEFT(f));
-    const bool keyed = (f->uFlags & BRF_FRAME_TRANSPARENT) != 0;
-    const uint32_t key = FRAME_TRANSPARENT_COLOR(f);
-    kvector<uint8_t> in(src->nBytesPerLine), orig(keyed ? f->nBytesPerLine : 0), dst(spanBytes);
-    for (int32_t ty = rc.top; ty < rc.bottom && r == KS_SUCCESS; ++ty) {
-        const int32_t fy = int32_t(int64_t(ty) - FRAME_TOP(f));
-        r = K_GetBitmapRow(src, in.data(), storedRow(src, fy), src->nBytesPerLine);
-        if (r < 0) break;
-        const uint8_t* row = in.data() + size_t(fx0) * bpp;
-        if (keyed) {
-            if (src != f) r = K_GetBitmapRow(f, orig.data(), storedRow(f, fy), f->nBytesPerLine);
-            if (r >= 0) r = K_GetBitmapRowCol(t, dst.data(), storedRow(t, ty), rc.left, spanBytes);
-            if (r < 0) break;
-            const uint8_t* test = src != f ? orig.data() : in.data();
-            for (int32_t x = 0; x < rc.right - rc.left; ++x)
-                if (!transparentAt(f, test, fx0 + x, key))
-                    std::memcpy(dst.data() + size_t(x) * bpp, row + size_t(x) * bpp, bpp);
-            row = dst.data();
-        }
-        r = K_PutBitmapRowCol(t, row, storedRow(t, ty), rc.left, spanBytes);
-        if (r >= 0) r = KS_SUCCESS;
-    }
+    const uint32_t op = (f->uFlags & BRF_FRAME_ALPHAOVER) ? kCombineAlphaOver : kCombineCopy;
+    auto combine = [&]() -> int32_t {
+        return combineBitmap(t, FRAME_LEFT(f), FRAME_TOP(f), viewWidth(f), viewHeight(f), src, 0, 0, op);
+    };
+    OrvaRgn* view = nullptr;
+    r = frameRegionOnTarget(f, &view);
+    if (r == KS_SUCCESS) r = view ? throughRegion(t, view, combine) : combine();
     unite(&p->update, rc);
-    return r < 0 ? r : KS_SUCCESS;
+    return r;
 }
 
+// The saved area's record (disposal 3): the target under the frame, in the
+// target's format and perspective.
 void freeSaved(Playback* p) noexcept {
-    memFree(p->saved);
-    p->saved = nullptr;
+    if (p->haveSaved) K_FreeBitmap(&p->saved);
+    p->haveSaved = 0;
 }
 
-// Keeps the target rows under the frame (disposal 3).
 int32_t saveArea(Playback* p, const BITMAPRECORD* f) noexcept {
     freeSaved(p);
     BITMAPRECORD* t = p->target;
-    if (t->nBitsPerPixel < 8 || t->nBitsPerPixel % 8 || !rowsOnly(t)) return KS_NOT_SUPPORTED;
     const RECT rc = frameRect(t, f);
     if (rc.right <= rc.left || rc.bottom <= rc.top) return KS_SUCCESS;
-    const uint32_t rowBytes = uint32_t(rc.right - rc.left) * uint32_t(t->nBitsPerPixel / 8);
-    uint8_t* block = memAllocArray<uint8_t>(size_t(rowBytes) * size_t(rc.bottom - rc.top));
-    if (!block) return KS_NO_MEMORY;
-    for (int32_t y = rc.top; y < rc.bottom; ++y) {
-        int32_t r = K_GetBitmapRowCol(t, block + size_t(y - rc.top) * rowBytes, storedRow(t, y), rc.left, rowBytes);
-        if (r < 0) {
-            memFree(block);
-            return r;
-        }
+    const int32_t w = rc.right - rc.left, h = rc.bottom - rc.top;
+    const bool turned = t->nViewPerspective >= 5 && t->nViewPerspective <= 8;
+    BITMAPRECORD s;
+    int32_t r = K_CreateBitmap(&s, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, turned ? h : w, turned ? w : h,
+                               t->nBitsPerPixel, t->nOrder, t->pPalette, t->nViewPerspective, nullptr, 0);
+    if (r != KS_SUCCESS) return r;
+    s.nLowBit = t->nLowBit;
+    s.nHighBit = t->nHighBit;
+    r = combineBitmap(&s, 0, 0, w, h, t, rc.left, rc.top, kCombineCopy);
+    if (r != KS_SUCCESS) {
+        K_FreeBitmap(&s);
+        return r;
     }
-    p->saved = block;
+    p->saved = s;
+    p->haveSaved = 1;
     p->savedX = rc.left;
-    p->savedY0 = rc.top;
-    p->savedY1 = rc.bottom;
-    p->savedRowBytes = rowBytes;
+    p->savedY = rc.top;
     return KS_SUCCESS;
 }
 
-void restoreArea(Playback* p) noexcept {
+// Puts the saved area back (through the target's own region) and frees it.
+int32_t restoreArea(Playback* p) noexcept {
     BITMAPRECORD* t = p->target;
-    for (int32_t y = p->savedY0; y < p->savedY1; ++y)
-        K_PutBitmapRowCol(t, p->saved + size_t(y - p->savedY0) * p->savedRowBytes, storedRow(t, y), p->savedX,
-                          p->savedRowBytes);
-    const uint32_t bpp = uint32_t(t->nBitsPerPixel / 8);
-    unite(&p->update, RECT{p->savedX, p->savedY0, p->savedX + int32_t(p->savedRowBytes / bpp), p->savedY1});
+    const int32_t w = viewWidth(&p->saved), h = viewHeight(&p->saved);
+    const int32_t r =
+        combineBitmap(t, p->savedX, p->savedY, w, h, &p->saved, 0, 0, kCombineCopy);
+    unite(&p->update, RECT{p->savedX, p->savedY, p->savedX + w, p->savedY + h});
     freeSaved(p);
+    return r;
 }
 
-// Fills the frame's rectangle with the target's background colour.
+// Fills the frame's rectangle with the target's background colour (through
+// the target's own region).
 int32_t fillBackground(Playback* p, const BITMAPRECORD* f) {
     BITMAPRECORD* t = p->target;
     const RECT rc = frameRect(t, f);
     if (rc.right <= rc.left || rc.bottom <= rc.top) return KS_SUCCESS;
-    if (t->nBitsPerPixel < 8 || t->nBitsPerPixel % 8 || !rowsOnly(t)) return KS_NOT_SUPPORTED;
-    const uint32_t bg = FRAME_BACKGROUND_COLOR(t);
-    uint8_t pixel[16] = {uint8_t(bg >> 16), uint8_t(bg >> 8), uint8_t(bg)};  // blue, green, red
-    int32_t r = K_ConvertBuffer(pixel, 1, 24, t->nBitsPerPixel, ORDER_BGR, t->nOrder, nullptr, t->pPalette);
+    OrvaRgn* box = nullptr;
+    int32_t r = rgn::fromRect(rc, &box);
     if (r != KS_SUCCESS) return r;
-    const uint32_t bpp = uint32_t(t->nBitsPerPixel / 8);
-    kvector<uint8_t> row(size_t(rc.right - rc.left) * bpp);
-    for (size_t x = 0; x < row.size(); x += bpp) std::memcpy(row.data() + x, pixel, bpp);
-    for (int32_t y = rc.top; y < rc.bottom; ++y) {
-        r = K_PutBitmapRowCol(t, row.data(), storedRow(t, y), rc.left, uint32_t(row.size()));
-        if (r < 0) return r;
-    }
+    r = throughRegion(t, box, [&] { return K_FillBitmap(t, FRAME_BACKGROUND_COLOR(t)); });
     unite(&p->update, rc);
-    return KS_SUCCESS;
+    return r;
 }
 
 void stopValidation(Playback* p) noexcept {
@@ -318,7 +506,7 @@ void step(Playback* p) {
         case PLAYBACK_STATE_CLEAR: {
             BITMAPRECORD* t = p->target;
             K_FillBitmap(t, FRAME_BACKGROUND_COLOR(t));
-            unite(&p->update, RECT{0, 0, t->nWidth, t->nHeight});
+            unite(&p->update, RECT{0, 0, viewWidth(t), viewHeight(t)});
             p->state = PLAYBACK_STATE_NEXT;
             break;
         }
@@ -363,7 +551,7 @@ void step(Playback* p) {
         case PLAYBACK_STATE_DISPOSE:
             if (f && FRAME_DISPOSAL(f) == 2)
                 fillBackground(p, f);
-            else if (f && FRAME_DISPOSAL(f) == 3 && p->saved)
+            else if (f && FRAME_DISPOSAL(f) == 3 && p->haveSaved)
                 restoreArea(p);
             p->state = PLAYBACK_STATE_NEXT2;
             break;
@@ -391,6 +579,10 @@ int32_t badHandle() noexcept { return KS_INVALID_PARAMETER; }
 }  // namespace
 
 namespace testhook {
+void playbackPlainKeyScan(bool on) noexcept { gPlainKeys = on; }
+int32_t playbackKeyRegion(BITMAPRECORD* frame, uint32_t colour, OrvaRgn** out) noexcept {
+    return guarded([&] { return keyRegion(frame, colour, out); });
+}
 void setPlaybackClock(uint32_t (*now)(void* ctx), void* ctx) noexcept {
     gClock = now ? now : steadyTicks;
     gClockCtx = ctx;
