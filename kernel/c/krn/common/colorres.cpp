@@ -655,12 +655,18 @@ int32_t colorResBitmap(BITMAPRECORD* src, BITMAPRECORD* dst, int32_t bits, uint3
         rc = K_CreateBitmap(&side, structSize, 0, p.width, p.height, bits, p.grey ? ORDER_GRAY : p.dstOrder, nullptr,
                             src->nViewPerspective, nullptr, 0);
         if (rc != KS_SUCCESS) return rc;
+        // Freed on every way out but success, a failed allocation's exception included.
+        struct SideGuard {
+            BITMAPRECORD* r;
+            bool keep = false;
+            ~SideGuard() {
+                if (!keep) K_FreeBitmap(r);
+            }
+        } guard{&side};
         if (bits <= 8 && !p.grey) rc = K_SetBitmapPalette(&side, p.pal, p.nPal);
         if (rc == KS_SUCCESS) rc = runRows(p, src, &side);
-        if (rc != KS_SUCCESS) {
-            K_FreeBitmap(&side);
-            return rc;
-        }
+        if (rc != KS_SUCCESS) return rc;
+        guard.keep = true;
         side.nXResolution = src->nXResolution;
         side.nYResolution = src->nYResolution;
         side.nDitheringMethod = src->nDitheringMethod;
