@@ -270,29 +270,26 @@ TEST(ConvertRoundTrip, WidePrimariesNearlyInvert) {
 }
 
 TEST(ConvertEdges, DocumentedExamples) {
+    using Bytes = std::vector<uint8_t>;
     // White 24 -> 5-5-5 -> 24.
-    uint8_t w[4] = {255, 255, 255, 0};
-    ASSERT_EQ(K_ConvertBuffer(w, 1, 24, 16, ORDER_BGR, ORDER_BGR, nullptr, nullptr), KS_SUCCESS);
-    EXPECT_EQ(w[0] | (w[1] << 8), 0x7FFF);
-    ASSERT_EQ(K_ConvertBuffer(w, 1, 16, 24, ORDER_BGR, ORDER_BGR, nullptr, nullptr), KS_SUCCESS);
-    EXPECT_EQ(w[0], 255);
-    EXPECT_EQ(w[1], 255);
-    EXPECT_EQ(w[2], 255);
+    Bytes w = {255, 255, 255, 0};
+    ASSERT_EQ(K_ConvertBuffer(w.data(), 1, 24, 16, ORDER_BGR, ORDER_BGR, nullptr, nullptr), KS_SUCCESS);
+    EXPECT_EQ(w, (Bytes{0xFF, 0x7F, 255, 0}));
+    ASSERT_EQ(K_ConvertBuffer(w.data(), 1, 16, 24, ORDER_BGR, ORDER_BGR, nullptr, nullptr), KS_SUCCESS);
+    EXPECT_EQ(w, (Bytes{255, 255, 255, 0}));
     // Grey of the primaries (BGR memory order).
-    uint8_t g[9] = {0, 0, 255, 0, 255, 0, 255, 0, 0};
-    ASSERT_EQ(K_ConvertBuffer(g, 3, 24, 0, ORDER_BGR, ORDER_GRAY, nullptr, nullptr), KS_SUCCESS);
-    EXPECT_EQ(g[0], 64);
-    EXPECT_EQ(g[1], 159);
-    EXPECT_EQ(g[2], 32);
+    Bytes g = {0, 0, 255, 0, 255, 0, 255, 0, 0};
+    ASSERT_EQ(K_ConvertBuffer(g.data(), 3, 24, 0, ORDER_BGR, ORDER_GRAY, nullptr, nullptr), KS_SUCCESS);
+    EXPECT_EQ(Bytes(g.begin(), g.begin() + 3), (Bytes{64, 159, 32}));
     // BGR -> RGB swaps bytes 0 and 2; the same order leaves the run alone.
-    uint8_t s[6] = {1, 2, 3, 4, 5, 6};
-    ASSERT_EQ(K_ConvertBuffer(s, 2, 24, 24, ORDER_BGR, ORDER_RGB, nullptr, nullptr), KS_SUCCESS);
-    EXPECT_EQ(std::vector<uint8_t>(s, s + 6), (std::vector<uint8_t>{3, 2, 1, 6, 5, 4}));
-    ASSERT_EQ(K_ConvertBuffer(s, 2, 24, 24, ORDER_RGB, ORDER_RGB, nullptr, nullptr), KS_SUCCESS);
-    EXPECT_EQ(std::vector<uint8_t>(s, s + 6), (std::vector<uint8_t>{3, 2, 1, 6, 5, 4}));
+    Bytes s = {1, 2, 3, 4, 5, 6};
+    ASSERT_EQ(K_ConvertBuffer(s.data(), 2, 24, 24, ORDER_BGR, ORDER_RGB, nullptr, nullptr), KS_SUCCESS);
+    EXPECT_EQ(s, (Bytes{3, 2, 1, 6, 5, 4}));
+    ASSERT_EQ(K_ConvertBuffer(s.data(), 2, 24, 24, ORDER_RGB, ORDER_RGB, nullptr, nullptr), KS_SUCCESS);
+    EXPECT_EQ(s, (Bytes{3, 2, 1, 6, 5, 4}));
     // A source range of 0..-1 is the same as no range.
     std::mt19937 rng(3);
-    std::vector<uint8_t> a(64), b;
+    Bytes a(64), b;
     for (auto& x : a) x = uint8_t(rng());
     b = a;
     ASSERT_EQ(K_ConvertBufferExt(a.data(), 32, 16, 0, ORDER_GRAY, ORDER_GRAY, nullptr, nullptr, CONVERT_SRCRANGE, 0, -1),

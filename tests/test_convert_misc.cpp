@@ -98,27 +98,6 @@ TEST(ConvertHsv, InverseMatchesProportionalModel) {
             }
 }
 
-// A colour taken through HSV and back lands on a colour with the same
-// value and nearly the same hue and saturation. Integer channels resolve
-// the hue to about 85 / (max - min) steps, so the hue is checked where the
-// spread is at least 85 (two steps: one from that, one from rounding).
-TEST(ConvertHsv, RoundTripKeepsHsv) {
-    int worstH = 0, worstS = 0;
-    for (int r = 0; r < 256; r += 3)
-        for (int g = 0; g < 256; g += 3)
-            for (int b = 0; b < 256; b += 3) {
-                uint32_t hsv = K_RGBtoHSV(rgb(r, g, b));
-                uint32_t again = K_RGBtoHSV(K_HSVtoRGB(hsv));
-                ASSERT_EQ(V(again), V(hsv));
-                int dh = std::abs(H(again) - H(hsv));
-                int spread = std::max({r, g, b}) - std::min({r, g, b});
-                if (spread >= 85) worstH = std::max(worstH, std::min(dh, 256 - dh));
-                worstS = std::max(worstS, std::abs(S(again) - S(hsv)));
-            }
-    EXPECT_LE(worstH, 2);
-    EXPECT_LE(worstS, 2);
-}
-
 TEST(ConvertSizes, CalcConvertSize) {
     // The largest of the rows involved: width A at depth A, width B at depth A and at depth B
     // (each rounded up to four bytes; depth 0 counts as 8).

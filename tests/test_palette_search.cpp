@@ -181,23 +181,13 @@ TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
     EXPECT_GT(cases, 90000);
 }
 
-// Every target colour of a fixed and of the web palette: the whole cube on a
-// coarse grid plus each palette entry exactly.
-TEST(PaletteSearch, FixedPalettesOverColourGrid) {
-    auto all = paths();
-    for (int bpp = 1; bpp <= 8; ++bpp) {
-        std::vector<RGBQUAD> pal(K_IntGetFixedPalette(bpp), K_IntGetFixedPalette(bpp) + (1 << bpp));
-        for (int r = 0; r < 256; r += 15)
-            for (int g = 0; g < 256; g += 15)
-                for (int b = 0; b < 256; b += 15) {
-                    const int32_t want = oracle(pal, r, g, b);
-                    for (const Path& path : all) ASSERT_EQ(path.fn(pal.data(), 1 << bpp, r, g, b), want);
-                }
-    }
+// Every entry of the web palette finds itself (its 40 trailing blacks
+// resolve to the first black).
+TEST(PaletteSearch, WebPaletteEntriesFindThemselves) {
     std::vector<RGBQUAD> web(K_IntGetNetscapePalette(), K_IntGetNetscapePalette() + 256);
     for (int i = 0; i < 216; ++i)
         EXPECT_EQ(K_FindPaletteIndex(web.data(), 256, web[i].rgbRed, web[i].rgbGreen, web[i].rgbBlue), i);
-    EXPECT_EQ(K_FindPaletteIndex(web.data(), 256, 0, 0, 0), 0);  // entries 216.. are black too
+    EXPECT_EQ(K_FindPaletteIndex(web.data(), 256, 0, 0, 0), 0);
 }
 
 TEST(PaletteSearch, ExportClampsComponents) {

@@ -174,35 +174,29 @@ TEST_P(RuntimeLock, ItemsReleaseTheMatchingHold) {
 }
 
 // Slim locks share readers; the critical-section fallback serialises them.
-TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocks) {
+// A writer excludes readers in both modes.
+TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThem) {
     KTReaderWriterLock l;
     ASSERT_EQ(l.Create(), 1);
-    KTReaderWriterLockItem mine = l.AcquireReaderLock();
-    std::atomic<bool> second{false};
-    std::thread t([&] {
-        KTReaderWriterLockItem r = l.AcquireReaderLock();
-        second = true;
-    });
-    bool shared = waitUntil([&] { return second.load(); }, 1000ms);
-    EXPECT_EQ(shared, !GetParam());
-    mine.Release();
-    t.join();
-    EXPECT_TRUE(second.load());
-}
-
-TEST_P(RuntimeLock, WriterExcludesReaders) {
-    KTReaderWriterLock l;
-    ASSERT_EQ(l.Create(), 1);
-    l.Lock();
-    std::atomic<bool> in{false};
-    std::thread t([&] {
-        KTReaderWriterLockItem r = l.AcquireReaderLock();
-        in = true;
-    });
-    EXPECT_FALSE(waitUntil([&] { return in.load(); }, 100ms));
-    l.Unlock();
-    t.join();
-    EXPECT_TRUE(in.load());
+    for (bool writer : {false, true}) {
+        KTReaderWriterLockItem mine;
+        if (writer)
+            l.Lock();  // the plain writer hold
+        else
+            mine = l.AcquireReaderLock();
+        std::atomic<bool> in{false};
+        std::thread t([&] {
+            KTReaderWriterLockItem r = l.AcquireReaderLock();
+            in = true;
+        });
+        EXPECT_EQ(waitUntil([&] { return in.load(); }, writer ? 100ms : 1000ms), !writer && !GetParam());
+        if (writer)
+            l.Unlock();
+        else
+            mine.Release();
+        t.join();
+        EXPECT_TRUE(in.load());
+    }
 }
 
 // Readers and writers contending: writers keep two plain fields equal under
