@@ -474,27 +474,15 @@ TEST(DitherProof, ErrorDiffusionKeepsTheMeanOfFlatAreas) {
     std::printf("largest deviation of a mean: %.3f levels\n", worst);
 }
 
-TEST(DitherProof, OrderedMethodsWithTwoColoursFollowTheThresholdRule) {
-    // Both tables against the copies typed in again by the reference (a cell off
-    // by one is rarely visible in the threshold runs below).
+// The ordered runs themselves are in the reference sweep; a threshold cell
+// off by one is rarely visible there, so both tables are compared with the
+// copies the reference typed in again.
+TEST(DitherProof, ThresholdTablesMatchTheReference) {
     for (int y = 0; y < 8; ++y)
         for (int x = 0; x < 8; ++x) {
             EXPECT_EQ(krn::kDitherDispersed[y][x], ditherref::kDispersed[y][x]) << y << "," << x;
             EXPECT_EQ(krn::kDitherClustered[y][x], ditherref::kClustered[y][x]) << y << "," << x;
         }
-    const int w = 203, h = 37;
-    auto img = testImage(w, h, 4);
-    for (int method : {7, 8}) {
-        auto idx = runLibrary(method, w, h, img, nullptr, 2);
-        const auto& t = method == 7 ? ditherref::kDispersed : ditherref::kClustered;
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) {
-                const Rgb& p = img[size_t(y) * size_t(w) + size_t(x)];
-                const int grey = (5 * p.g + 2 * (p.r + 2) + p.b) >> 3;
-                ASSERT_EQ(idx[size_t(y) * size_t(w) + size_t(x)], grey > t[y & 7][x & 7] ? 1 : 0)
-                    << "method " << method << " at " << x << "," << y;
-            }
-    }
 }
 
 TEST(DitherProof, FixedPaletteInOrderTakesTheDirectPathShuffledTakesTheTable) {
