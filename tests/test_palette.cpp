@@ -442,6 +442,11 @@ TEST(PaletteRecord, ColourValues) {
     ASSERT_EQ(K_TranslateBitmapColor(&rgb24.bm, &p8.bm, KCOLOR_INDEX(3), &v), KS_SUCCESS);
     EXPECT_EQ(v, KCOLOR_RGB(fixed[3].rgbRed, fixed[3].rgbGreen, fixed[3].rgbBlue));
     EXPECT_EQ(K_TranslateBitmapColor(&rgb24.bm, nullptr, KCOLOR_INDEX(3), &v), KS_INVALID_PARAMETER);
+    // A 1-bit destination answers an index of its black and white palette.
+    Bitmap p1;
+    ASSERT_EQ(p1.create(2, 2, 1), KS_SUCCESS);
+    ASSERT_EQ(K_TranslateBitmapColor(&p1.bm, nullptr, KCOLOR_RGB(250, 240, 230), &v), KS_SUCCESS);
+    EXPECT_EQ(v, KCOLOR_INDEX(1));
 }
 
 // ---------------------------------------------------------------- used colours

@@ -481,7 +481,7 @@ TEST(RuntimeGeometryRect, RecordsAndConversions) {
     RECT back = K_RectD_ToRect(&d), fromNan = K_RectD_ToRect(&nan);
     const double mdRight = md.right, mdBottom = md.bottom;
     K_RectD_Scale(&md, -2, 0.5);  // a negative factor swaps the edges
-    SIZED sd = K_RectD_Size(&md), z = K_SizeD_Empty(), sz = K_SizeD_Make(1.5, 2.5);
+    SIZED sd = K_RectD_Size(&md), z = K_SizeD_Empty(), sz = K_SizeD_Make(1.5, 2.5), flatX{0, 2}, flatY{2, 0};
     POINTD pd = K_PointD_Make(-2.5, 2.5), pde = K_PointD_Empty();
     POINT pi = K_PointD_ToPoint(&pd), ip = K_Point_Make(4, -9), pe = K_Point_Empty();
     POINTD ipd = K_Point_ToPointD(&ip);
@@ -496,7 +496,8 @@ TEST(RuntimeGeometryRect, RecordsAndConversions) {
                {K_Rect_IsEmpty(&e), 1}, {d.right, 6.0}, {K_Rect_IsEqual(&back, &r), 1}, {K_RectD_IsEmpty(&nan), 1},
                {K_Rect_IsEmpty(&fromNan), 1}, {mdRight, 4.0}, {mdBottom, 6.0}, {md.left, -8.0}, {md.right, -2.0},
                {md.top, 1.0}, {md.bottom, 3.0}, {sd.cx, 6.0}, {pi.x, -3}, {pi.y, 3}, {ipd.y, -9.0},
-               {K_SizeD_IsEmpty(&z), 1}, {K_SizeD_IsEmpty(&sz), 0}, {isz.cx, 2}, {isz.cy, 3},
+               {K_SizeD_IsEmpty(&z), 1}, {K_SizeD_IsEmpty(&sz), 0}, {K_SizeD_IsEmpty(&flatX), 1},
+               {K_SizeD_IsEmpty(&flatY), 1}, {K_Rect_Width(nullptr), 0}, {K_Rect_Height(nullptr), 0}, {isz.cx, 2}, {isz.cy, 3},
                {K_Size_IsEqual(&isz, &s2), 1}, {K_SizeD_IsEqual(&back2, &back2), 1}, {K_Point_IsEmpty(&pe), 1},
                {pdeEmpty, 1}, {K_PointD_IsEmpty(&pde), 0}, {K_PointD_IsEqual(&pde, &pde), 1},
                {K_RectD_IsEmpty(&ed), 1}, {infl.left, -0.5}, {infl.bottom, 2.0}, {K_RectD_IsEqual(&infl, &infl), 1}});
