@@ -5,20 +5,34 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstdio>
 #include <fstream>
+#include <set>
 #include <iterator>
 #include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "ombrix.h"
 #include "../tools/ombrix/pnm.h"
 
 namespace {
 
+// Files of this process only (other test processes may run at the same
+// time), removed at exit.
 std::string tempPath(const std::string& name) {
-    return ::testing::TempDir() + "ombrix_palette_pnm_" + name;
+    static struct Made {
+        std::set<std::string> paths;
+        ~Made() {
+            for (const auto& p : paths) std::remove(p.c_str());
+        }
+    } made;
+    const std::string p = ::testing::TempDir() + "ombrix_palette_pnm_" + std::to_string(getpid()) + "_" + name;
+    made.paths.insert(p);
+    return p;
 }
 
 void writeFile(const std::string& path, const std::string& bytes) {
