@@ -304,55 +304,46 @@ TEST(RedirectFiles, WrapExtractAndUpdate) {
 }
 
 // ---------------------------------------------------------------- big transfers
-struct RedirectBig : ::testing::Test {
+// The sink moves no bytes: it records each chunk asked for.
+TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
     CountingSink sink;
+    REDIRECTRECORD t = sink.table();
     HREDIRECTFILE h = nullptr;
+    ASSERT_EQ(K_CreateRedirectedFileHandle(&h, reinterpret_cast<void*>(0x10), &t), KS_SUCCESS);
     char buf[1] = {0};  // never touched by the sink
-    void SetUp() override {
-        REDIRECTRECORD t = sink.table();
-        ASSERT_EQ(K_CreateRedirectedFileHandle(&h, reinterpret_cast<void*>(0x10), &t), KS_SUCCESS);
+    struct Case {
+        bool write;
+        uint64_t n, eofAfter;
+        long failAt;
+        int64_t result;
+        std::vector<uint32_t> asks;  // empty with `chunks`: only counted
+        size_t chunks;
+    };
+    const uint64_t big = 5ull << 30;  // beyond 4 GiB: counted in 64 bits
+    const Case cases[] = {
+        {false, 268435456ull, UINT64_MAX, 0, 268435456ll, {0x7FFFFFFu, 0x7FFFFFFu, 2u}, 3},
+        {true, big, UINT64_MAX, 0, int64_t(big), {}, size_t((big + REDIRECT_CHUNK_BYTES - 1) / REDIRECT_CHUNK_BYTES)},
+        {false, 1000, 0, 0, 0, {1000u}, 1},  // end of file at once
+        {false, 1ull << 30, 0x7FFFFFFull + 10, 0, int64_t(0x7FFFFFFull + 10), {0x7FFFFFFu, 0x7FFFFFFu, 0x7FFFFFFu}, 3},
+        {false, 1ull << 30, UINT64_MAX, 2, -1, {0x7FFFFFFu, 0x7FFFFFFu}, 2},
+        {false, 0, UINT64_MAX, 0, 0, {}, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.n);
+        sink = CountingSink();
+        sink.eofAfter = c.eofAfter, sink.failAt = c.failAt;
+        EXPECT_EQ(c.write ? K_RedirectedWriteBig(h, buf, c.n) : K_RedirectedReadBig(h, buf, c.n), c.result);
+        ASSERT_EQ(sink.asks.size(), c.chunks);
+        EXPECT_TRUE(c.asks.empty() || sink.asks == c.asks);
+        uint64_t sum = 0;
+        for (uint32_t a : sink.asks) {
+            EXPECT_LE(a, REDIRECT_CHUNK_BYTES);
+            sum += a;
+        }
+        EXPECT_TRUE(c.result != int64_t(c.n) || sum == c.n);
     }
-    void TearDown() override {
-        void* n;
-        K_ExtractRedirectedFileHandle(h, &n, 1);
-    }
-};
-
-TEST_F(RedirectBig, TwoHundredFiftySixMiBInThreeCalls) {
-    EXPECT_EQ(K_RedirectedReadBig(h, buf, 268435456ull), 268435456ll);
-    ASSERT_EQ(sink.asks.size(), 3u);
-    EXPECT_EQ(sink.asks[0], 0x7FFFFFFu);
-    EXPECT_EQ(sink.asks[1], 0x7FFFFFFu);
-    EXPECT_EQ(sink.asks[2], 2u);
-}
-
-TEST_F(RedirectBig, BeyondFourGiBCountsIn64Bits) {
-    const uint64_t n = 5ull << 30;
-    EXPECT_EQ(K_RedirectedWriteBig(h, buf, n), int64_t(n));
-    uint64_t sum = 0;
-    for (uint32_t a : sink.asks) {
-        EXPECT_LE(a, REDIRECT_CHUNK_BYTES);
-        sum += a;
-    }
-    EXPECT_EQ(sum, n);
-    EXPECT_EQ(sink.asks.size(), size_t((n + REDIRECT_CHUNK_BYTES - 1) / REDIRECT_CHUNK_BYTES));
-}
-
-TEST_F(RedirectBig, EndOfFileAndFailure) {
-    sink.eofAfter = 0;
-    EXPECT_EQ(K_RedirectedReadBig(h, buf, 1000), 0);  // 0 at once
-    EXPECT_EQ(sink.asks.size(), 1u);
-    sink = CountingSink();
-    sink.eofAfter = 0x7FFFFFFull + 10;
-    EXPECT_EQ(K_RedirectedReadBig(h, buf, 1ull << 30), int64_t(0x7FFFFFFull + 10));
-    EXPECT_EQ(sink.asks.size(), 3u);  // full chunk, 10 bytes, then 0
-    sink = CountingSink();
-    sink.failAt = 2;
-    EXPECT_EQ(K_RedirectedReadBig(h, buf, 1ull << 30), -1);
-    EXPECT_EQ(sink.asks.size(), 2u);
-    sink = CountingSink();
-    EXPECT_EQ(K_RedirectedReadBig(h, buf, 0), 0);
-    EXPECT_TRUE(sink.asks.empty());
+    void* n;
+    K_ExtractRedirectedFileHandle(h, &n, 1);
 }
 
 // ---------------------------------------------------------------- default layer

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -109,68 +108,16 @@ TEST(RedirectNames, DamagedNamesDoNotDecodeAndCallNothing) {
 }
 
 // ---------------------------------------------------------------- buffer file
-TEST(RedirectBuffer, WritesSeeksAndReadsMatchAModel) {
-    HREDIRECTBUFFER b = nullptr;
-    HREDIRECTFILE f = nullptr;
-    int user;
-    ASSERT_EQ(K_StartRedirectToBuffer(&b, &f, 0, &user, 10, 100), KS_SUCCESS);
-    ASSERT_NE(f, invalid());
-    EXPECT_EQ(std::memcmp(b, "KBUF", 4), 0);
-    std::vector<uint8_t> model;
-    std::mt19937 rng(5);
-    int64_t pos = 0;
-    for (int i = 0; i < 300; ++i) {
-        int op = int(rng() % 3);
-        if (op == 0) {
-            std::vector<uint8_t> d(rng() % 700);
-            for (auto& v : d) v = uint8_t(rng());
-            ASSERT_EQ(K_RedirectedWrite(f, d.data(), uint32_t(d.size())), int32_t(d.size()));
-            if (size_t(pos) + d.size() > model.size()) model.resize(size_t(pos) + d.size(), 0);
-            std::copy(d.begin(), d.end(), model.begin() + pos);
-            pos += int64_t(d.size());
-        } else if (op == 1) {
-            int64_t to = int64_t(rng() % (model.size() + 50));  // sometimes past the end
-            ASSERT_EQ(K_RedirectedSeek(f, to, REDIRECT_SEEK_SET), to);
-            pos = to;
-        } else {
-            std::vector<uint8_t> d(rng() % 500);
-            int32_t expect = int32_t(std::min<int64_t>(int64_t(d.size()),
-                                                       std::max<int64_t>(0, int64_t(model.size()) - pos)));
-            ASSERT_EQ(K_RedirectedRead(f, d.data(), uint32_t(d.size())), expect);
-            ASSERT_TRUE(std::equal(d.begin(), d.begin() + expect, model.begin() + pos));
-            pos += expect;
-        }
-    }
-    EXPECT_EQ(K_RedirectedSeek(f, 0, REDIRECT_SEEK_END), int64_t(model.size()));
-    EXPECT_EQ(K_RedirectedSeek(f, -1, REDIRECT_SEEK_SET), -1);
-    EXPECT_EQ(K_RedirectedGetSize(f), int64_t(model.size()));
-    const void* data = nullptr;
-    uint64_t size = 0;
-    ASSERT_EQ(K_GetRedirectBufferData(b, &data, &size), KS_SUCCESS);
-    ASSERT_EQ(size, model.size());
-    EXPECT_EQ(std::memcmp(data, model.data(), model.size()), 0);
-    // Still open: cannot stop.
-    EXPECT_EQ(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_RedirectedClose(f), 0);
-    HGLOBAL out = nullptr;
-    ASSERT_EQ(K_StopRedirectToBuffer(b, &out, &size), KS_SUCCESS);
-    ASSERT_NE(out, nullptr);
-    EXPECT_EQ(size, model.size());
-    EXPECT_EQ(std::memcmp(out, model.data(), model.size()), 0);
-    EXPECT_EQ(K_GlobalFree(out), nullptr);
-    EXPECT_EQ(K_GetRedirectBufferData(b, &data, &size), KS_INVALID_PARAMETER);  // gone
-}
-
-TEST(RedirectBuffer, FixedBufferGivesShortWrites) {
+// Reads, writes, seeks and the content against a model: the buffer fuzz
+// target. Here: the big transfer on a fixed buffer, names, arguments.
+TEST(RedirectBuffer, FixedBufferGivesShortBigWrites) {
     HREDIRECTBUFFER b = nullptr;
     HREDIRECTFILE f = nullptr;
     ASSERT_EQ(K_StartRedirectToBuffer(&b, &f, REDIRECTBUF_FIXED, nullptr, 100, 0), KS_SUCCESS);
     std::vector<char> d(250, 'q');
     EXPECT_EQ(K_RedirectedWrite(f, d.data(), 60), 60);
-    EXPECT_EQ(K_RedirectedWrite(f, d.data(), 60), 40);
-    EXPECT_EQ(K_RedirectedWrite(f, d.data(), 60), 0);
-    EXPECT_EQ(K_RedirectedSeek(f, 0, REDIRECT_SEEK_SET), 0);
-    EXPECT_EQ(K_RedirectedWriteBig(f, d.data(), 250), 100);
+    EXPECT_EQ(K_RedirectedWriteBig(f, d.data(), 250), 40);
+    EXPECT_EQ(K_RedirectedSeek(f, -1, REDIRECT_SEEK_SET), -1);
     K_RedirectedClose(f);
     uint64_t size = 0;
     ASSERT_EQ(K_StopRedirectToBuffer(b, nullptr, &size), KS_SUCCESS);

@@ -9,13 +9,8 @@ namespace testfs {
 REDIRECTRECORD MemFs::table() {
     REDIRECTRECORD t{};
     t.uStructSize = REDIRECTRECORD_SIZE;
-    t.pfnOpen = &MemFs::open;
-    t.pfnRead = &MemFs::read;
-    t.pfnWrite = &MemFs::write;
-    t.pfnSeek = &MemFs::seek;
-    t.pfnClose = &MemFs::close;
-    t.pfnSize = &MemFs::size;
-    t.pfnSetSize = &MemFs::setSize;
+    t.pfnOpen = &MemFs::open, t.pfnRead = &MemFs::read, t.pfnWrite = &MemFs::write, t.pfnSeek = &MemFs::seek;
+    t.pfnClose = &MemFs::close, t.pfnSize = &MemFs::size, t.pfnSetSize = &MemFs::setSize;
     t.pOpenUserData = t.pReadUserData = t.pWriteUserData = t.pSeekUserData = t.pCloseUserData = this;
     t.pSizeUserData = t.pSetSizeUserData = this;
     return t;
@@ -52,7 +47,6 @@ void* MemFs::open(const wchar_t* name, uint32_t mode, uint32_t, void* user) {
 int32_t MemFs::read(void* hv, void* buf, uint32_t n, void* user) {
     auto* fs = static_cast<MemFs*>(user);
     ++fs->reads;
-    fs->readAsks.push_back(n);
     if (fs->failReadAt && fs->reads == fs->failReadAt) return -1;
     Handle* h = fs->live(hv);
     if (!h) return -1;
@@ -111,14 +105,12 @@ int32_t MemFs::close(void* hv, void* user) {
 
 int64_t MemFs::size(void* hv, void* user) {
     auto* fs = static_cast<MemFs*>(user);
-    ++fs->sizes;
     Handle* h = fs->live(hv);
     return h ? int64_t(fs->files[h->name].size()) : -1;
 }
 
 int32_t MemFs::setSize(void* hv, int64_t size, void* user) {
     auto* fs = static_cast<MemFs*>(user);
-    ++fs->setSizes;
     Handle* h = fs->live(hv);
     if (!h || size < 0 || uint64_t(size) > fs->capacity) return -1;
     fs->files[h->name].resize(size_t(size), 0);

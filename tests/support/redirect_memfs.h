@@ -28,9 +28,8 @@ public:
     // When set, reads return at most this many bytes per call (0: no limit).
     uint32_t readLimitPerCall = 0;
 
-    long opens = 0, reads = 0, writes = 0, seeks = 0, closes = 0, sizes = 0, setSizes = 0;
-    std::vector<uint32_t> readAsks, writeAsks;
-    std::vector<uint32_t> openModes;
+    long opens = 0, reads = 0, writes = 0, seeks = 0, closes = 0;
+    std::vector<uint32_t> writeAsks, openModes;
     std::vector<std::wstring> openNames;
 
     std::map<std::wstring, std::vector<uint8_t>> files;
