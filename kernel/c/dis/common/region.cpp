@@ -72,6 +72,27 @@ inline bool sameRow(const int32_t* p, uint32_t np, const int32_t* q, uint32_t nq
     return np <= 2 || std::memcmp(p + 1, q + 1, (np - 2) * sizeof(int32_t)) == 0;
 }
 
+// Number of runs from q (q < qe) whose end is at most x, found by doubling
+// then halving: a long run of one row over many short runs of the other
+// (a disc over a comb) costs a few steps and a copy instead of a loop.
+inline uint32_t runsEndingBy(const int32_t* q, const int32_t* qe, int32_t x) noexcept {
+    const uint32_t n = uint32_t(qe - q) / 2u;
+    uint32_t lo = 0, hi = 1;  // runs [0, lo) end by x; run hi - 1 does not (or hi > n)
+    while (hi <= n && q[2 * hi - 1] <= x) {
+        lo = hi;
+        hi *= 2;
+    }
+    if (hi > n) hi = n + 1;
+    while (lo + 1 < hi) {
+        const uint32_t mid = lo + (hi - lo) / 2;
+        if (q[2 * mid - 1] <= x)
+            lo = mid;
+        else
+            hi = mid;
+    }
+    return lo;
+}
+
 // Union of rows whose runs interleave: a run is taken from the side with the
 // smaller start and extends the current output run while it overlaps or
 // touches it.
@@ -107,9 +128,13 @@ inline uint32_t orRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32_t
         } else if (p[1] > e) {
             e = p[1];
         }
+        // Two or more runs of one side inside the output run: skip them all.
+        if (b + 2 < be && b[3] <= e) b += 2 * runsEndingBy(b, be, e);
+        if (a + 2 < ae && a[3] <= e) a += 2 * runsEndingBy(a, ae, e);
     }
     const int32_t* r = a != ae ? a : b;
     const int32_t* const re = a != ae ? ae : be;
+    if (r + 2 < re && r[3] <= e) r += 2 * runsEndingBy(r, re, e);
     while (r != re && r[0] <= e) {
         if (r[1] > e) e = r[1];
         r += 2;
@@ -133,6 +158,22 @@ inline uint32_t andRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32_
     const int32_t* const be = b + nb;
     int32_t* o = out;
     while (a != ae && b != be) {
+        // Two or more runs of one side inside the current run of the other
+        // are the intersection there: copied at once.
+        if (b + 2 < be && ((b[0] >= a[0]) & (b[3] < a[1]))) {
+            const uint32_t m = 2 * runsEndingBy(b, be, a[1] - 1);
+            copyValues(o, b, m);
+            o += m;
+            b += m;
+            continue;
+        }
+        if (a + 2 < ae && ((a[0] >= b[0]) & (a[3] < b[1]))) {
+            const uint32_t m = 2 * runsEndingBy(a, ae, b[1] - 1);
+            copyValues(o, a, m);
+            o += m;
+            a += m;
+            continue;
+        }
         const int32_t s = a[0] > b[0] ? a[0] : b[0];
         const int32_t a1 = a[1], b1 = b[1];
         const int32_t e = a1 < b1 ? a1 : b1;
@@ -151,11 +192,26 @@ inline uint32_t diffRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32
     const int32_t* const be = b + nb;
     int32_t* o = out;
     while (a != ae) {
+        // Two or more runs of a covered by one run of b vanish at once.
+        if (b != be && a + 2 < ae && ((b[0] <= a[0]) & (a[3] <= b[1]))) {
+            a += 2 * runsEndingBy(a, ae, b[1]);
+            if (a == ae) break;
+        }
         int32_t s = a[0];
         const int32_t e = a[1];
         a += 2;
         while (b != be && b[1] <= s) b += 2;  // b runs wholly left of the run
         while (b != be && b[0] < e) {         // b runs that cut it
+            if (b + 2 < be && ((b[0] > s) & (b[3] < e))) {
+                // Two or more runs of b inside: the gaps between them remain.
+                const uint32_t m = 2 * runsEndingBy(b, be, e - 1);
+                o[0] = s;
+                copyValues(o + 1, b, m - 1);
+                o += m;
+                s = b[m - 1];
+                b += m;
+                continue;
+            }
             if (b[0] > s) {
                 o[0] = s;
                 o[1] = b[0];
@@ -353,10 +409,9 @@ int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
             const ORVARGNROW* const eb = b->pRowIndex + (y - bT);
             const int32_t* const runA = a->pRunData;
             const int32_t* const runB = b->pRunData;
-            const int32_t *pa = nullptr, *pb = nullptr;
-            uint32_t npa = 0, npb = 0, nPrev = 0;
-            size_t prevStart = values;
             const uint32_t rows = uint32_t(end - y);
+            // The previous row's sources and result are read back from the
+            // row indexes, which keeps the loop's state in registers.
             for (uint32_t k = 0; k < rows; ++k) {
                 const ORVARGNROW ra = ea[k], rb = eb[k];
                 const uint32_t na = ra.uCount, nb = rb.uCount;
@@ -364,9 +419,11 @@ int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
                 const int32_t* xb = runB + rb.uOffset / 4u;
                 int32_t* dst = run + values;
                 uint32_t n;
-                if (na + nb > kRepeatCheckMin && k > 0 && sameRow(xa, na, pa, npa) && sameRow(xb, nb, pb, npb)) {
-                    n = nPrev;
-                    copyValues(dst, run + prevStart, n);
+                if (na + nb > kRepeatCheckMin && k > 0 &&
+                    sameRow(xa, na, runA + ea[k - 1].uOffset / 4u, ea[k - 1].uCount) &&
+                    sameRow(xb, nb, runB + eb[k - 1].uOffset / 4u, eb[k - 1].uCount)) {
+                    n = rowOut[k - 1].uCount;
+                    copyValues(dst, run + rowOut[k - 1].uOffset / 4u, n);
                 } else {
                     n = mergeRow<O>(xa, na, xb, nb, dst);
                     if constexpr (!knownBounds) {
@@ -377,12 +434,6 @@ int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
                     }
                 }
                 rowOut[k] = ORVARGNROW{n, uint32_t(values * 4u)};
-                pa = xa;
-                npa = na;
-                pb = xb;
-                npb = nb;
-                prevStart = values;
-                nPrev = n;
                 values += n;
             }
         }
