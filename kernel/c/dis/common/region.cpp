@@ -260,6 +260,81 @@ inline uint32_t xorEdges(const int32_t* a, uint32_t na, const int32_t* b, uint32
     return uint32_t(o - out);
 }
 
+// Two rows of one run each (the rows of discs, ellipses and rectangles), for
+// intersection, union and difference, with no more branches than union's
+// test for a gap; out has room for 4 values. first and last receive the
+// result's first and last x values when it is not empty (from registers:
+// reading them back from out would wait for the stores).
+template <Op O>
+inline uint32_t pairRow(const int32_t* a, const int32_t* b, int32_t* out, int32_t& first, int32_t& last) noexcept {
+    const int32_t a0 = a[0], a1 = a[1], b0 = b[0], b1 = b[1];
+    if constexpr (O == Op::And) {
+        const int32_t s = a0 > b0 ? a0 : b0, e = a1 < b1 ? a1 : b1;
+        out[0] = s;
+        out[1] = e;
+        first = s;
+        last = e;
+        return s < e ? 2 : 0;
+    } else if constexpr (O == Op::Or) {
+        if (a1 < b0 || b1 < a0) {  // apart: both, in order
+            const bool aFirst = a0 < b0;
+            out[0] = aFirst ? a0 : b0;
+            out[1] = aFirst ? a1 : b1;
+            out[2] = aFirst ? b0 : a0;
+            out[3] = aFirst ? b1 : a1;
+            return 4;
+        }
+        out[0] = a0 < b0 ? a0 : b0;
+        out[1] = a1 > b1 ? a1 : b1;
+        return 2;
+    } else {
+        // [a0, min(b0, a1)) and [max(b1, a0), a1), each kept when not empty
+        // (b left of, right of, inside or over a all come out right).
+        const int32_t m1 = b0 < a1 ? b0 : a1, m2 = b1 > a0 ? b1 : a0;
+        first = m1 > a0 ? a0 : m2;
+        last = m2 < a1 ? a1 : m1;
+        int32_t* o = out;
+        o[0] = a0;
+        o[1] = m1;
+        o += m1 > a0 ? 2 : 0;
+        o[0] = m2;
+        o[1] = a1;
+        o += m2 < a1 ? 2 : 0;
+        return uint32_t(o - out);
+    }
+}
+
+// A stretch of rows from k on where both sources hold one run per row, in
+// a loop of its own (few live values, no spills); returns the row after it.
+struct PairSpan {
+    const ORVARGNROW *ea, *eb;
+    const int32_t *runA, *runB;
+    int32_t* run;
+    ORVARGNROW* rowOut;
+};
+template <Op O, bool Bounds>
+__attribute__((noinline)) uint32_t pairRows(const PairSpan& p, uint32_t k, uint32_t rows, size_t& valuesRef,
+                                            int32_t& leftRef, int32_t& rightRef) noexcept {
+    size_t values = valuesRef;
+    int32_t left = leftRef, right = rightRef;
+    for (; k < rows; ++k) {
+        const ORVARGNROW ra = p.ea[k], rb = p.eb[k];
+        if ((ra.uCount != 2) | (rb.uCount != 2)) break;
+        int32_t first = 0, last = 0;
+        const uint32_t n = pairRow<O>(p.runA + ra.uOffset / 4u, p.runB + rb.uOffset / 4u, p.run + values, first, last);
+        if constexpr (Bounds) {
+            left = n && first < left ? first : left;
+            right = n && last > right ? last : right;
+        }
+        p.rowOut[k] = ORVARGNROW{n, uint32_t(values * 4u)};
+        values += n;
+    }
+    valuesRef = values;
+    leftRef = left;
+    rightRef = right;
+    return k;
+}
+
 // Row y of the result from row y of a and of b; out has room for na + nb values.
 template <Op O>
 inline uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
@@ -412,7 +487,14 @@ int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
             const uint32_t rows = uint32_t(end - y);
             // The previous row's sources and result are read back from the
             // row indexes, which keeps the loop's state in registers.
+            const PairSpan span{ea, eb, runA, runB, run, rowOut};
             for (uint32_t k = 0; k < rows; ++k) {
+                if constexpr (O != Op::Xor) {
+                    if (ea[k].uCount == 2 && eb[k].uCount == 2) {
+                        k = pairRows<O, !knownBounds>(span, k, rows, values, left, right);
+                        if (k == rows) break;
+                    }
+                }
                 const ORVARGNROW ra = ea[k], rb = eb[k];
                 const uint32_t na = ra.uCount, nb = rb.uCount;
                 const int32_t* xa = runA + ra.uOffset / 4u;
