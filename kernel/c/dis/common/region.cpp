@@ -128,13 +128,14 @@ inline uint32_t orRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32_t
         } else if (p[1] > e) {
             e = p[1];
         }
-        // Two or more runs of one side inside the output run: skip them all.
-        if (b + 2 < be && b[3] <= e) b += 2 * runsEndingBy(b, be, e);
-        if (a + 2 < ae && a[3] <= e) a += 2 * runsEndingBy(a, ae, e);
+        // Four or more runs of one side inside the output run: skip them all
+        // (fewer are cheaper one by one).
+        if (b + 6 < be && b[7] <= e) b += 2 * runsEndingBy(b, be, e);
+        if (a + 6 < ae && a[7] <= e) a += 2 * runsEndingBy(a, ae, e);
     }
     const int32_t* r = a != ae ? a : b;
     const int32_t* const re = a != ae ? ae : be;
-    if (r + 2 < re && r[3] <= e) r += 2 * runsEndingBy(r, re, e);
+    if (r + 6 < re && r[7] <= e) r += 2 * runsEndingBy(r, re, e);
     while (r != re && r[0] <= e) {
         if (r[1] > e) e = r[1];
         r += 2;
@@ -158,16 +159,16 @@ inline uint32_t andRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32_
     const int32_t* const be = b + nb;
     int32_t* o = out;
     while (a != ae && b != be) {
-        // Two or more runs of one side inside the current run of the other
+        // Four or more runs of one side inside the current run of the other
         // are the intersection there: copied at once.
-        if (b + 2 < be && ((b[0] >= a[0]) & (b[3] < a[1]))) {
+        if (b + 6 < be && ((b[0] >= a[0]) & (b[7] < a[1]))) {
             const uint32_t m = 2 * runsEndingBy(b, be, a[1] - 1);
             copyValues(o, b, m);
             o += m;
             b += m;
             continue;
         }
-        if (a + 2 < ae && ((a[0] >= b[0]) & (a[3] < b[1]))) {
+        if (a + 6 < ae && ((a[0] >= b[0]) & (a[7] < b[1]))) {
             const uint32_t m = 2 * runsEndingBy(a, ae, b[1] - 1);
             copyValues(o, a, m);
             o += m;
@@ -192,8 +193,8 @@ inline uint32_t diffRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32
     const int32_t* const be = b + nb;
     int32_t* o = out;
     while (a != ae) {
-        // Two or more runs of a covered by one run of b vanish at once.
-        if (b != be && a + 2 < ae && ((b[0] <= a[0]) & (a[3] <= b[1]))) {
+        // Four or more runs of a covered by one run of b vanish at once.
+        if (b != be && a + 6 < ae && ((b[0] <= a[0]) & (a[7] <= b[1]))) {
             a += 2 * runsEndingBy(a, ae, b[1]);
             if (a == ae) break;
         }
@@ -202,8 +203,8 @@ inline uint32_t diffRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32
         a += 2;
         while (b != be && b[1] <= s) b += 2;  // b runs wholly left of the run
         while (b != be && b[0] < e) {         // b runs that cut it
-            if (b + 2 < be && ((b[0] > s) & (b[3] < e))) {
-                // Two or more runs of b inside: the gaps between them remain.
+            if (b + 6 < be && ((b[0] > s) & (b[7] < e))) {
+                // Four or more runs of b inside: the gaps between them remain.
                 const uint32_t m = 2 * runsEndingBy(b, be, e - 1);
                 o[0] = s;
                 copyValues(o + 1, b, m - 1);
@@ -236,6 +237,70 @@ inline uint32_t diffRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32
         }
     }
     return uint32_t(o - out);
+}
+
+// Intersection of long rows: the branch-free merge waits on each load that
+// decides its next step. Both rows are therefore cut at the start p of a's
+// middle run into a left and a right pair of halves (b's run across p, if
+// any, goes into both; the results left and right of p never touch) and the
+// two pairs are merged in one interleaved loop: two independent chains of
+// loads. Used for rows of at least kSplitMin values each. (Union's
+// run-by-run loop gained nothing from the same cut on this machine.)
+constexpr uint32_t kSplitMin = 32;
+// Room the merge needs beyond na + nb values (the right half is written
+// after the left half's bound before it is moved down).
+constexpr uint32_t kMergeSlack = 4;
+
+struct Halves {
+    uint32_t ia, jbHi, jbLo;  // a: [0, ia) | [ia, na); b: [0, jbHi) | [jbLo, nb)
+};
+inline Halves splitRows(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb) noexcept {
+    Halves h;
+    h.ia = (na / 2) & ~1u;
+    const int32_t p = a[h.ia];
+    // First run of b starting at or after p (starts are b[0], b[2], ...).
+    uint32_t lo = 0, hi = nb / 2;
+    while (lo < hi) {
+        const uint32_t mid = (lo + hi) / 2;
+        if (b[2 * mid] < p)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    h.jbHi = 2 * lo;
+    h.jbLo = (lo > 0 && b[2 * lo - 1] > p) ? 2 * lo - 2 : 2 * lo;  // the run across p is in both
+    return h;
+}
+
+struct AndChain {
+    const int32_t *a, *ae, *b, *be;
+    int32_t* o;
+    bool live() const noexcept { return a != ae && b != be; }
+    void step() noexcept {
+        const int32_t s = a[0] > b[0] ? a[0] : b[0];
+        const int32_t a1 = a[1], b1 = b[1];
+        const int32_t e = a1 < b1 ? a1 : b1;
+        o[0] = s;
+        o[1] = e;
+        o += s < e ? 2 : 0;
+        a += a1 <= b1 ? 2 : 0;
+        b += b1 <= a1 ? 2 : 0;
+    }
+};
+
+inline uint32_t andSplit(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    const Halves h = splitRows(a, na, b, nb);
+    int32_t* const right = out + h.ia + h.jbHi;  // after the left result's bound
+    AndChain l{a, a + h.ia, b, b + h.jbHi, out}, r{a + h.ia, a + na, b + h.jbLo, b + nb, right};
+    while (l.live() && r.live()) {
+        l.step();
+        r.step();
+    }
+    while (l.live()) l.step();
+    while (r.live()) r.step();
+    const uint32_t nl = uint32_t(l.o - out), nr = uint32_t(r.o - right);
+    std::memmove(out + nl, right, nr * sizeof(int32_t));
+    return nl + nr;
 }
 
 // XOR works on the x values themselves: a pixel is in the result when an odd
@@ -335,7 +400,8 @@ __attribute__((noinline)) uint32_t pairRows(const PairSpan& p, uint32_t k, uint3
     return k;
 }
 
-// Row y of the result from row y of a and of b; out has room for na + nb values.
+// Row y of the result from row y of a and of b; out has room for na + nb +
+// kMergeSlack values.
 template <Op O>
 inline uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
     if (nb == 0 || na == 0) {
@@ -388,7 +454,8 @@ inline uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32
             return n;
         }
     }
-    if constexpr (O == Op::And) return andRuns(a, na, b, nb, out);
+    if constexpr (O == Op::And)
+        return na >= kSplitMin && nb >= kSplitMin ? andSplit(a, na, b, nb, out) : andRuns(a, na, b, nb, out);
     if constexpr (O == Op::Or) return orRuns(a, na, b, nb, out);
     if constexpr (O == Op::Diff) return diffRuns(a, na, b, nb, out);
     return xorEdges(a, na, b, nb, out);
@@ -460,7 +527,7 @@ int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
         right = aE ? b->rcBounds.right : bE ? a->rcBounds.right : std::max(a->rcBounds.right, b->rcBounds.right);
     }
     Builder bld;
-    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
+    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u) + kMergeSlack;
     if (recycle == a || recycle == b) recycle = nullptr;
     const int32_t rc = bld.start(top, bottom, expect, recycle);
     if (rc != KS_SUCCESS) return rc;
@@ -1132,7 +1199,7 @@ int32_t clip(OrvaRgn* r, const RECT& rc) noexcept {
             bld.endRow(0);
             continue;
         }
-        int32_t* d = bld.rowSpace(n + 2);
+        int32_t* d = bld.rowSpace(n + 2 + kMergeSlack);
         if (!d) return KS_NO_MEMORY;
         bld.endRow(mergeRow<Op::And>(xs, n, clipRun, 2, d));
     }
@@ -1251,8 +1318,8 @@ int32_t transpose(OrvaRgn* r) noexcept {
         for (int64_t y = r->rcBounds.top; y <= r->rcBounds.bottom; ++y) {
             uint32_t nc = 0;
             const int32_t* cur = y < r->rcBounds.bottom ? rowAt(r, y, &nc) : nullptr;
-            on.resize(nc + np);
-            off.resize(nc + np);
+            on.resize(nc + np + kMergeSlack);
+            off.resize(nc + np + kMergeSlack);
             uint32_t non = mergeRow<Op::Diff>(cur, nc, prev, np, on.data());
             uint32_t noff = mergeRow<Op::Diff>(prev, np, cur, nc, off.data());
             for (uint32_t i = 0; i < non; i += 2)
