@@ -162,6 +162,55 @@ TEST(RegionsMerge, ShapesAtTheEdgesOfTheCoordinateRange) {
     }
 }
 
+// Clipping (runs found by halving, the end runs cut) against the mask AND
+// the rectangle, for rectangles inside, across and outside the shapes.
+TEST(RegionsMerge, ClipMatchesTheMask) {
+    std::mt19937 rng(17);
+    for (int trial = 0; trial < 400; ++trial) {
+        const Mask m = randomShape(rng);
+        auto c = [&](int lo, int hi) { return lo + int(rng() % uint32_t(hi - lo + 1)); };
+        const RECT rc{c(-30, 110), c(-20, 80), c(-30, 110), c(-20, 80)};
+        HRGN h = regionOfMask(m);
+        OrvaRgn* r = nullptr;
+        ASSERT_EQ(K_CopyOrvaRgn(&r, payload(h)), KS_SUCCESS);
+        ASSERT_EQ(K_ClipOrvaRgnRect(r, &rc), KS_SUCCESS);
+        ASSERT_TRUE(krn::rgn::valid(r));
+        HRGN back = krn::rgn::makeHandle(r);
+        const Mask want = rc.left < rc.right && rc.top < rc.bottom ? m.combine(rgntest::rectMask(kWin, rc), 0)
+                                                                   : Mask(kWin.x0, kWin.y0, kWin.w, kWin.h);
+        const Mask got = maskOf(back);
+        ASSERT_TRUE(got == want) << "trial " << trial << ": " << want.describeDiff(got);
+        DeleteObject(back);
+        DeleteObject(h);
+    }
+}
+
+// A bitmap without a region combined by AND and OR (modes 0 and 4), clipped
+// and unclipped: the whole bitmap stands for the missing region.
+TEST(RegionsMerge, BitmapWithoutRegionCombinesWithTheWholeBitmap) {
+    std::mt19937 rng(23);
+    for (int trial = 0; trial < 60; ++trial) {
+        const Mask m = randomShape(rng);
+        const bool unclippedFlag = trial % 2;
+        const uint32_t mode = trial % 4 < 2 ? 0 : 4;
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 50, 40, 8), KS_SUCCESS);
+        if (unclippedFlag) bm.uFlags |= BRF_UNCLIPPED_RGN;
+        HRGN h = regionOfMask(m);
+        ASSERT_EQ(K_SetBitmapRgnHandle(&bm, nullptr, h, mode), KS_SUCCESS);
+        HRGN got = nullptr;
+        ASSERT_EQ(K_GetBitmapRgnHandle(&bm, nullptr, &got), KS_SUCCESS);
+        const Mask whole = rgntest::rectMask(kWin, RECT{0, 0, 50, 40});
+        Mask want = mode == 0 ? m.combine(whole, 0) : m.combine(whole, 1);
+        if (!unclippedFlag) want = want.combine(whole, 0);
+        const Mask gotMask = maskOf(got);
+        ASSERT_TRUE(gotMask == want) << "trial " << trial << ": " << want.describeDiff(gotMask);
+        DeleteObject(got);
+        DeleteObject(h);
+        K_FreeBitmap(&bm);
+    }
+}
+
 // Every allocation of a combine failing in turn leaves the destination as it
 // was; the sweep ends with a success that matches the mask.
 TEST(RegionsMerge, FailedAllocationsLeaveTheDestination) {

@@ -303,6 +303,27 @@ inline uint32_t andSplit(const int32_t* a, uint32_t na, const int32_t* b, uint32
     return nl + nr;
 }
 
+// The runs of a row inside [l, r) (l < r): the first run that ends right of
+// l and the first that starts at or right of r are found by halving, the
+// runs between are copied and the two end runs cut.
+inline uint32_t clipRow(const int32_t* xs, uint32_t n, int32_t l, int32_t r, int32_t* out) noexcept {
+    const uint32_t i = runsEndingBy(xs, xs + n, l);
+    uint32_t lo = i, hi = n / 2;
+    while (lo < hi) {
+        const uint32_t mid = lo + (hi - lo) / 2;
+        if (xs[2 * mid] < r)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    const uint32_t m = 2 * (lo - i);
+    if (m == 0) return 0;
+    copyValues(out, xs + 2 * i, m);
+    out[0] = std::max(out[0], l);
+    out[m - 1] = std::min(out[m - 1], r);
+    return m;
+}
+
 // XOR works on the x values themselves: a pixel is in the result when an odd
 // number of the x values of both rows lie at or left of it, so the result's x
 // values are those of either row that the other does not also hold (touching
@@ -1191,7 +1212,6 @@ int32_t clip(OrvaRgn* r, const RECT& rc) noexcept {
     Builder bld;
     int32_t st = bld.start(top, bottom, r->uRunDataSize / 4u);
     if (st != KS_SUCCESS) return st;
-    const int32_t clipRun[2] = {rc.left, rc.right};
     for (int64_t y = top; y < bottom; ++y) {
         uint32_t n;
         const int32_t* xs = rowAt(r, y, &n);
@@ -1199,9 +1219,9 @@ int32_t clip(OrvaRgn* r, const RECT& rc) noexcept {
             bld.endRow(0);
             continue;
         }
-        int32_t* d = bld.rowSpace(n + 2 + kMergeSlack);
+        int32_t* d = bld.rowSpace(n);
         if (!d) return KS_NO_MEMORY;
-        bld.endRow(mergeRow<Op::And>(xs, n, clipRun, 2, d));
+        bld.endRow(clipRow(xs, n, rc.left, rc.right, d));
     }
     st = bld.finish(&res);
     if (st != KS_SUCCESS) return st;
