@@ -126,8 +126,9 @@ TEST(RegionsMerge, EveryOperationMatchesTheMaskOnRandomAndBandedShapes) {
             ASSERT_EQ(K_CombineOrvaRgn(&inPlace, inPlace, payload(b), op.mode), KS_SUCCESS);
             ASSERT_TRUE(krn::rgn::valid(inPlace));
             ASSERT_EQ(inPlace->uRunDataSize, payload(d)->uRunDataSize);
-            if (inPlace->uRunDataSize)
+            if (inPlace->uRunDataSize) {
                 EXPECT_EQ(0, std::memcmp(inPlace->pRunData, payload(d)->pRunData, inPlace->uRunDataSize));
+            }
             K_DeleteOrvaRgn(inPlace);
             DeleteObject(d);
         }
