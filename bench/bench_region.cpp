@@ -1,12 +1,15 @@
-// bench_region.cpp - the region engine: CombineRgn on large discs, on
-// checkerboards with many runs per row and on irregular rows of random
-// rectangles (side by side with pixman_region32
-// when it is installed), the memory of a 4000x3000 ellipse, polygon fill of
-// a 10,000-vertex polygon and clip segments per row. Each operation sits next
-// to a memcpy of its region data, so results read as a ratio.
+// bench_region.cpp - the region engine: a table of every combine on five
+// shapes side by side with pixman_region32 (regionCombineTable), the memory
+// of a 4000x3000 ellipse, polygon fill of a 10,000-vertex polygon and clip
+// segments per row.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <ctime>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -37,76 +40,156 @@ HRGN fromRects(const std::vector<RECT>& rects) {
     return ExtCreateRegion(nullptr, uint32_t(blk.size()), reinterpret_cast<const RGNDATA*>(blk.data()));
 }
 
-// Two overlapping discs of 3000 rows.
-struct Discs {
-    HRGN a = CreateEllipticRgn(0, 0, 3000, 3000);
-    HRGN b = CreateEllipticRgn(1000, 500, 4000, 3500);
-};
-// Checkerboards of 4x4 cells over 2000x2000 (250 runs per row), the second shifted by 2.
-struct Boards {
-    HRGN a, b;
-    Boards() {
-        std::vector<RECT> ra, rb;
-        for (int y = 0; y < 2000; y += 4)
-            for (int x = (y / 4) % 2 * 4; x < 2000; x += 8) {
-                ra.push_back(RECT{x, y, x + 4, y + 4});
-                rb.push_back(RECT{x + 2, y + 2, x + 6, y + 6});
-            }
-        a = fromRects(ra);
-        b = fromRects(rb);
-    }
-};
+// ------------------------------------------------------------------ combine table
+// Every combine (intersection, union, difference, XOR) on five pairs of
+// shapes over 4000 x 3000, Ombrix (CombineRgn into a reused destination) and
+// pixman_region32 (into a reused destination) interleaved round by round in
+// this process; the table prints the median time per call of each and their
+// ratio. pixman has no XOR: its row is two subtractions and a union, what a
+// pixman user writes. Before timing, every Ombrix result is compared pixel
+// for pixel with pixman's (their XOR must be empty).
+//
+//   discs      two overlapping ellipses of 3000 x 3000
+//   boards     8-pixel checkerboards, the second shifted by (2, 2)
+//   disc*board the ellipse (0, 0, 4000, 3000) and the checkerboard
+//   text       two pages of generated glyphs (stems and bars), the second
+//              another text shifted by (3, 7)
+//   rects      two sets of 120,000 random rectangles of 1-16 pixels
+constexpr int kW = 4000, kH = 3000;
 
-// Irregular rows: 40,000 random rectangles of 1-16 pixels over 2000x2000
-// each (about 50 runs per row at random places, so branches mispredict).
-struct Noise {
-    HRGN a, b;
-    Noise() {
-        std::mt19937 rng(11);
-        auto make = [&rng] {
-            std::vector<RECT> rs;
-            for (int i = 0; i < 40000; ++i) {
-                int x = int(rng() % 2000), y = int(rng() % 2000);
-                rs.push_back(RECT{x, y, x + 1 + int(rng() % 16), y + 1 + int(rng() % 16)});
+HRGN boardRgn(int cell, int dx, int dy) {
+    std::vector<RECT> rs;
+    for (int y = 0, row = 0; y < kH; y += cell, ++row)
+        for (int x = (row % 2) * cell; x < kW; x += 2 * cell) rs.push_back(RECT{x + dx, y + dy, x + cell + dx, y + cell + dy});
+    return fromRects(rs);
+}
+
+HRGN randomRects(uint32_t seed, int count) {
+    std::mt19937 rng(seed);
+    std::vector<RECT> rs;
+    for (int i = 0; i < count; ++i) {
+        int x = int(rng() % kW), y = int(rng() % kH);
+        rs.push_back(RECT{x, y, x + 1 + int(rng() % 16), y + 1 + int(rng() % 16)});
+    }
+    return fromRects(rs);
+}
+
+// A page of text: lines of 14-pixel glyphs made of vertical stems and
+// horizontal bars (so rows repeat a few times, as in real text), words of
+// 2-9 glyphs with a 9-pixel advance; the region is built from the mask's runs.
+HRGN textRgn(uint32_t seed, int dx, int dy) {
+    std::mt19937 rng(seed);
+    constexpr int gw = 8, gh = 14, nGlyphs = 64;
+    std::vector<uint8_t> glyphs(size_t(nGlyphs) * gw * gh, 0);
+    for (int g = 0; g < nGlyphs; ++g) {
+        uint8_t* m = glyphs.data() + size_t(g) * gw * gh;
+        const int strokes = 2 + int(rng() % 3);
+        for (int s = 0; s < strokes; ++s) {
+            if (rng() % 2) {  // stem
+                int x = int(rng() % (gw - 1)), w = 1 + int(rng() % 2), y0 = int(rng() % 6), y1 = y0 + 5 + int(rng() % 8);
+                for (int y = y0; y < std::min(y1, gh); ++y)
+                    for (int xx = x; xx < std::min(x + w, gw); ++xx) m[y * gw + xx] = 1;
+            } else {  // bar
+                int y = int(rng() % gh), h = 1 + int(rng() % 2), x0 = int(rng() % 4), x1 = x0 + 3 + int(rng() % 5);
+                for (int yy = y; yy < std::min(y + h, gh); ++yy)
+                    for (int x = x0; x < std::min(x1, gw); ++x) m[yy * gw + x] = 1;
             }
-            return fromRects(rs);
+        }
+    }
+    std::vector<uint8_t> page(size_t(kW) * kH, 0);
+    for (int line = 0; (line + 1) * 18 <= kH; ++line) {
+        int x = 4;
+        while (x + 10 * gw < kW) {
+            int word = 2 + int(rng() % 8);
+            for (int k = 0; k < word && x + gw < kW; ++k, x += 9) {
+                const uint8_t* m = glyphs.data() + size_t(rng() % nGlyphs) * gw * gh;
+                for (int y = 0; y < gh; ++y)
+                    for (int xx = 0; xx < gw; ++xx)
+                        if (m[y * gw + xx]) page[size_t(line * 18 + 2 + y) * kW + size_t(x + xx)] = 1;
+            }
+            x += 9;
+        }
+    }
+    std::vector<RECT> rs;
+    for (int y = 0; y < kH; ++y)
+        for (int x = 0; x < kW;) {
+            if (!page[size_t(y) * kW + x]) {
+                ++x;
+                continue;
+            }
+            int e = x;
+            while (e < kW && page[size_t(y) * kW + e]) ++e;
+            rs.push_back(RECT{x + dx, y + dy, e + dx, y + 1 + dy});
+            x = e;
+        }
+    return fromRects(rs);
+}
+
+struct Shape {
+    const char* name;
+    HRGN a, b;
+};
+const std::vector<Shape>& shapes() {
+    static const std::vector<Shape> s = [] {
+        HRGN board = boardRgn(8, 0, 0);
+        return std::vector<Shape>{
+            {"discs", CreateEllipticRgn(0, 0, 3000, 3000), CreateEllipticRgn(1000, 0, 4000, 3000)},
+            {"boards", board, boardRgn(8, 2, 2)},
+            {"disc*board", CreateEllipticRgn(0, 0, kW, kH), board},
+            {"text", textRgn(5, 0, 0), textRgn(6, 3, 7)},
+            {"rects", randomRects(11, 120000), randomRects(12, 120000)},
         };
-        a = make();
-        b = make();
+    }();
+    return s;
+}
+
+struct OpName {
+    int mode;
+    const char* name;
+};
+constexpr OpName kOps[] = {{RGN_AND, "intersection"}, {RGN_OR, "union"}, {RGN_DIFF, "difference"}, {RGN_XOR, "xor"}};
+
+// CPU time of this thread per call: on a machine shared with other jobs the
+// wall time of a call of several milliseconds mostly measures the time slices
+// it waited for.
+double threadSeconds() {
+    timespec ts;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return double(ts.tv_sec) + 1e-9 * double(ts.tv_nsec);
+}
+template <class F>
+double secondsOf(F&& f, int reps) {
+    const double t0 = threadSeconds();
+    for (int i = 0; i < reps; ++i) f();
+    return (threadSeconds() - t0) / reps;
+}
+
+// The memory traffic of one pass in this format: reading both sources' run
+// data and row indexes and writing the result's (into a reused buffer). A
+// merge that must look at every row to stay exact cannot beat it.
+struct Traffic {
+    const OrvaRgn *a, *b;
+    size_t outBytes;
+    std::vector<uint8_t> sink;
+    uint32_t acc = 0;
+    static uint32_t readAll(const void* p, size_t bytes) {
+        const uint32_t* v = static_cast<const uint32_t*>(p);
+        uint32_t x = 0;
+        for (size_t i = 0; i < bytes / 4; ++i) x |= v[i];
+        return x;
+    }
+    void operator()() {
+        acc += readAll(a->pRunData, a->uRunDataSize) | readAll(a->pRowIndex, a->uRowIndexSize) |
+               readAll(b->pRunData, b->uRunDataSize) | readAll(b->pRowIndex, b->uRowIndexSize);
+        std::memset(sink.data(), int(acc & 1), outBytes);
+        benchmark::DoNotOptimize(sink.data());
+        benchmark::DoNotOptimize(acc);
     }
 };
 
-struct Pair {
-    HRGN a, b;
-};
-const Pair& shapes(int which) {
-    static Discs discs;
-    static Boards boards;
-    static Noise noise;
-    static Pair p[3] = {{discs.a, discs.b}, {boards.a, boards.b}, {noise.a, noise.b}};
-    return p[which];
-}
-
-void combine(benchmark::State& state, int which, int mode) {
-    const Pair& s = shapes(which);
-    HRGN d = CreateRectRgn(0, 0, 0, 0);
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(CombineRgn(d, s.a, s.b, mode));
-    }
-    OrvaRgn* r = static_cast<OrvaRgn*>(krn::objPayload(d, krn::kObjRegion));
-    state.SetBytesProcessed(int64_t(state.iterations()) * (r->uRunDataSize + r->uRowIndexSize));
-    state.counters["runs"] = double(r->uRunDataSize / 8);
-    DeleteObject(d);
-}
-
-void combineMemcpy(benchmark::State& state, int which, int mode) {
-    const Pair& s = shapes(which);
-    HRGN d = CreateRectRgn(0, 0, 0, 0);
-    CombineRgn(d, s.a, s.b, mode);
-    OrvaRgn* r = static_cast<OrvaRgn*>(krn::objPayload(d, krn::kObjRegion));
-    size_t bytes = r->uRunDataSize + r->uRowIndexSize;
-    DeleteObject(d);
-    bench::memcpyBaseline(state, bytes);
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
 }
 
 #ifdef OMBRIX_HAVE_PIXMAN
@@ -123,74 +206,110 @@ void toPixman(HRGN h, pixman_region32_t* out) {
     pixman_region32_init_rects(out, boxes.data(), int(boxes.size()));
 }
 
-void pixmanCombine(benchmark::State& state, int which, int mode) {
-    const Pair& s = shapes(which);
-    pixman_region32_t pa, pb;
-    toPixman(s.a, &pa);
-    toPixman(s.b, &pb);
-    pixman_region32_t d;
-    pixman_region32_init(&d);
-    for (auto _ : state) {
-        switch (mode) {
-            case RGN_AND: pixman_region32_intersect(&d, &pa, &pb); break;
-            case RGN_OR: pixman_region32_union(&d, &pa, &pb); break;
-            default: pixman_region32_subtract(&d, &pa, &pb); break;
-        }
-        benchmark::DoNotOptimize(pixman_region32_n_rects(&d));
-    }
-    state.counters["boxes"] = double(pixman_region32_n_rects(&d));
-    pixman_region32_fini(&d);
-    pixman_region32_fini(&pa);
-    pixman_region32_fini(&pb);
+HRGN fromPixman(pixman_region32_t* r) {
+    int n = 0;
+    const pixman_box32_t* b = pixman_region32_rectangles(r, &n);
+    std::vector<RECT> rs;
+    for (int i = 0; i < n; ++i) rs.push_back(RECT{b[i].x1, b[i].y1, b[i].x2, b[i].y2});
+    if (rs.empty()) return CreateRectRgn(0, 0, 0, 0);
+    return fromRects(rs);
 }
+
+struct PixmanPair {
+    pixman_region32_t a, b, d, t1, t2;
+    PixmanPair(HRGN ha, HRGN hb) {
+        toPixman(ha, &a);
+        toPixman(hb, &b);
+        pixman_region32_init(&d);
+        pixman_region32_init(&t1);
+        pixman_region32_init(&t2);
+    }
+    ~PixmanPair() {
+        for (pixman_region32_t* r : {&a, &b, &d, &t1, &t2}) pixman_region32_fini(r);
+    }
+    void run(int mode) {
+        switch (mode) {
+            case RGN_AND: pixman_region32_intersect(&d, &a, &b); break;
+            case RGN_OR: pixman_region32_union(&d, &a, &b); break;
+            case RGN_DIFF: pixman_region32_subtract(&d, &a, &b); break;
+            default:
+                pixman_region32_subtract(&t1, &a, &b);
+                pixman_region32_subtract(&t2, &b, &a);
+                pixman_region32_union(&d, &t1, &t2);
+                break;
+        }
+    }
+};
 #endif
 
-BENCHMARK_CAPTURE(combine, discs_union, 0, RGN_OR)->Unit(benchmark::kMicrosecond);
+// Prints the table; OMBRIX_BENCH_ROUNDS sets the rounds (default 15),
+// OMBRIX_BENCH_ONLY limits it to the rows whose "shape operation" contains that text.
+void regionCombineTable(benchmark::State& state) {
+    const char* only = std::getenv("OMBRIX_BENCH_ONLY");
+    const char* env = std::getenv("OMBRIX_BENCH_ROUNDS");
+    const int rounds = env && std::atoi(env) > 0 ? std::atoi(env) : 15;
+    double load = 0;
+    if (FILE* f = std::fopen("/proc/loadavg", "r")) {
+        if (std::fscanf(f, "%lf", &load) != 1) load = 0;
+        std::fclose(f);
+    }
+    for (auto _ : state) {
+        std::printf("\nregion combines over %dx%d, medians of %d interleaved rounds, thread CPU time (load average %.2f at start)\n", kW,
+                    kH, rounds, load);
+        std::printf("%-12s %-13s %9s %9s %9s %9s %7s %9s %11s  %s\n", "shape", "operation", "runs_a+b", "runs_out",
+                    "ombrix_us", "pixman_us", "ratio", "floor_us", "pixman/floor", "check");
+        for (const Shape& s : shapes()) {
 #ifdef OMBRIX_HAVE_PIXMAN
-BENCHMARK_CAPTURE(pixmanCombine, discs_union, 0, RGN_OR)->Unit(benchmark::kMicrosecond);
+            PixmanPair px(s.a, s.b);
 #endif
-BENCHMARK_CAPTURE(combineMemcpy, discs_union, 0, RGN_OR)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(combine, discs_intersect, 0, RGN_AND)->Unit(benchmark::kMicrosecond);
+            for (const OpName& op : kOps) {
+                if (only && (std::string(s.name) + " " + op.name).find(only) == std::string::npos) continue;
+                HRGN d = CreateRectRgn(0, 0, 0, 0);
+                auto ours = [&] { CombineRgn(d, s.a, s.b, op.mode); };
+                ours();
+                auto* ra = static_cast<OrvaRgn*>(krn::objPayload(s.a, krn::kObjRegion));
+                auto* rb = static_cast<OrvaRgn*>(krn::objPayload(s.b, krn::kObjRegion));
+                // Read now: every later call replaces the destination's payload.
+                const uint32_t runsIn = (ra->uRunDataSize + rb->uRunDataSize) / 8;
+                const OrvaRgn* res = static_cast<OrvaRgn*>(krn::objPayload(d, krn::kObjRegion));
+                const uint32_t runsOut = res->uRunDataSize / 8;
+                const size_t outBytes = size_t(res->uRunDataSize) + res->uRowIndexSize;
+                Traffic traffic{ra, rb, outBytes, std::vector<uint8_t>(outBytes + 1)};
+                traffic();
+                const double t1 = secondsOf(ours, 1);
+                const int reps = std::clamp(int(2e-4 / std::max(t1, 1e-9)), 1, 2000);
+                std::vector<double> ot, pt, ft;
+                const char* check = "no peer";
 #ifdef OMBRIX_HAVE_PIXMAN
-BENCHMARK_CAPTURE(pixmanCombine, discs_intersect, 0, RGN_AND)->Unit(benchmark::kMicrosecond);
+                auto peer = [&] { px.run(op.mode); };
+                peer();
+                HRGN back = fromPixman(&px.d), diff = CreateRectRgn(0, 0, 0, 0);
+                check = CombineRgn(diff, back, d, RGN_XOR) == NULLREGION ? "same pixels" : "MISMATCH";
+                DeleteObject(back);
+                DeleteObject(diff);
+                const int preps = std::clamp(int(2e-4 / std::max(secondsOf(peer, 1), 1e-9)), 1, 2000);
 #endif
-BENCHMARK_CAPTURE(combineMemcpy, discs_intersect, 0, RGN_AND)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(combine, discs_diff, 0, RGN_DIFF)->Unit(benchmark::kMicrosecond);
+                for (int r = 0; r < rounds; ++r) {
 #ifdef OMBRIX_HAVE_PIXMAN
-BENCHMARK_CAPTURE(pixmanCombine, discs_diff, 0, RGN_DIFF)->Unit(benchmark::kMicrosecond);
+                    if (r % 2) pt.push_back(secondsOf(peer, preps));
 #endif
-BENCHMARK_CAPTURE(combineMemcpy, discs_diff, 0, RGN_DIFF)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(combine, boards_union, 1, RGN_OR)->Unit(benchmark::kMicrosecond);
+                    ot.push_back(secondsOf(ours, reps));
+                    ft.push_back(secondsOf(traffic, reps));
 #ifdef OMBRIX_HAVE_PIXMAN
-BENCHMARK_CAPTURE(pixmanCombine, boards_union, 1, RGN_OR)->Unit(benchmark::kMicrosecond);
+                    if (r % 2 == 0) pt.push_back(secondsOf(peer, preps));
 #endif
-BENCHMARK_CAPTURE(combineMemcpy, boards_union, 1, RGN_OR)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(combine, boards_intersect, 1, RGN_AND)->Unit(benchmark::kMicrosecond);
-#ifdef OMBRIX_HAVE_PIXMAN
-BENCHMARK_CAPTURE(pixmanCombine, boards_intersect, 1, RGN_AND)->Unit(benchmark::kMicrosecond);
-#endif
-BENCHMARK_CAPTURE(combineMemcpy, boards_intersect, 1, RGN_AND)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(combine, boards_diff, 1, RGN_DIFF)->Unit(benchmark::kMicrosecond);
-#ifdef OMBRIX_HAVE_PIXMAN
-BENCHMARK_CAPTURE(pixmanCombine, boards_diff, 1, RGN_DIFF)->Unit(benchmark::kMicrosecond);
-#endif
-BENCHMARK_CAPTURE(combineMemcpy, boards_diff, 1, RGN_DIFF)->Unit(benchmark::kMicrosecond);
-
-BENCHMARK_CAPTURE(combine, noise_union, 2, RGN_OR)->Unit(benchmark::kMicrosecond);
-#ifdef OMBRIX_HAVE_PIXMAN
-BENCHMARK_CAPTURE(pixmanCombine, noise_union, 2, RGN_OR)->Unit(benchmark::kMicrosecond);
-#endif
-BENCHMARK_CAPTURE(combineMemcpy, noise_union, 2, RGN_OR)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(combine, noise_intersect, 2, RGN_AND)->Unit(benchmark::kMicrosecond);
-#ifdef OMBRIX_HAVE_PIXMAN
-BENCHMARK_CAPTURE(pixmanCombine, noise_intersect, 2, RGN_AND)->Unit(benchmark::kMicrosecond);
-#endif
-BENCHMARK_CAPTURE(combineMemcpy, noise_intersect, 2, RGN_AND)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(combine, noise_diff, 2, RGN_DIFF)->Unit(benchmark::kMicrosecond);
-#ifdef OMBRIX_HAVE_PIXMAN
-BENCHMARK_CAPTURE(pixmanCombine, noise_diff, 2, RGN_DIFF)->Unit(benchmark::kMicrosecond);
-#endif
-BENCHMARK_CAPTURE(combineMemcpy, noise_diff, 2, RGN_DIFF)->Unit(benchmark::kMicrosecond);
+                }
+                const double om = median(ot) * 1e6, pm = pt.empty() ? 0 : median(pt) * 1e6, fm = median(ft) * 1e6;
+                std::printf("%-12s %-13s %9u %9u %9.1f %9.1f %6.2fx %9.1f %10.2fx  %s\n", s.name, op.name, runsIn,
+                            runsOut, om, pm, om > 0 ? pm / om : 0.0, fm, fm > 0 ? pm / fm : 0.0, check);
+                state.counters[std::string(s.name) + "_" + op.name + "_ratio"] = om > 0 ? pm / om : 0.0;
+                DeleteObject(d);
+            }
+        }
+        std::fflush(stdout);
+    }
+}
+BENCHMARK(regionCombineTable)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // The ellipse of 4000x3000: its bytes beyond the fixed OrvaRgn block.
 void ellipseRegion(benchmark::State& state) {

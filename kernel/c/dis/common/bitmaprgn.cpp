@@ -166,6 +166,24 @@ int32_t setBitmapRegion(BITMAPRECORD* bm, const RGNXFORM* xf, OrvaRgn* newRgn, u
     if (st != KS_SUCCESS) return st;
     const RECT full = bitmapRect(bm);
     OrvaRgn* cur = regionOf(bm);
+    if (!cur && mode == 0) {
+        // The whole bitmap AND the new region: the new region clipped,
+        // stored as a fresh region (no placement words, no cached handle)
+        // like a combine's result.
+        st = rgn::clip(newRgn, full);
+        if (st != KS_SUCCESS) return st;
+        if (newRgn->hCachedRgn) DeleteObject(newRgn->hCachedRgn);
+        newRgn->hCachedRgn = nullptr;
+        std::memset(newRgn->nPlacement, 0, sizeof newRgn->nPlacement);
+        return storeRegion(bm, owned.release());
+    }
+    if (!cur && mode == 4 && !unclipped(bm)) {
+        // The whole bitmap OR the new region, clipped: the whole bitmap.
+        RgnOwner whole;
+        st = rgn::fromRect(full, &whole.r);
+        if (st != KS_SUCCESS) return st;
+        return storeRegion(bm, whole.release());
+    }
     RgnOwner fullRgn;
     if (!cur && mode != 1) {
         st = rgn::fromRect(full, &fullRgn.r);

@@ -43,74 +43,18 @@ __int128 ceilDiv128(__int128 a, __int128 b) noexcept {  // b > 0
 }
 
 // ------------------------------------------------------------------ merge
-// The edge merge, for XOR and the internal users (union, intersection and
-// difference have faster run-by-run loops below). T is a truth table: bit
-// (inA * 2 + inB) tells whether a pixel with that membership is in the result. Both inputs are
-// sorted, non-overlapping, non-touching runs; so is the output (touching
-// output runs are joined because the state is evaluated after every edge at
-// one x has been taken).
-constexpr unsigned kAnd = 0b1000, kXor = 0b0110, kDiff = 0b0100;
+// One merge for every combine, specialised per operation at compile time:
+// mergeRow<Op> combines two rows (short cuts first, then the operation's run
+// loop) and combineRows<Op> walks the rows. Inputs are sorted runs that
+// neither overlap nor touch; so are the outputs (touching result runs are
+// joined).
+enum class Op { And, Or, Xor, Diff };
 
-template <unsigned T>
-inline __attribute__((always_inline)) uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b,
-                                                        uint32_t nb, int32_t* out) noexcept {
-    uint32_t i = 0, j = 0, n = 0;
-    unsigned s = 0, in = 0;  // s: bit 1 inside a run of a, bit 0 inside a run of b
-    if (na && nb) {
-        for (;;) {
-            const int32_t xa = a[i], xb = b[j];
-            int32_t x;
-            bool done;
-            if (xa < xb) {
-                x = xa;
-                s ^= 2u;
-                done = ++i == na;
-            } else if (xb < xa) {
-                x = xb;
-                s ^= 1u;
-                done = ++j == nb;
-            } else {
-                x = xa;
-                s ^= 3u;
-                // Both sides advance (no short circuit).
-                const bool endA = ++i == na;
-                const bool endB = ++j == nb;
-                done = endA || endB;
-            }
-            const unsigned o = (T >> s) & 1u;
-            out[n] = x;  // kept only when the result state changes
-            n += o ^ in;
-            in = o;
-            if (done) break;
-        }
-    }
-    // One side is exhausted and outside all its runs: the rest of the other
-    // side is either copied verbatim or dropped.
-    if (i < na && ((T >> 2) & 1u)) {
-        std::memcpy(out + n, a + i, (na - i) * sizeof(int32_t));
-        n += na - i;
-    }
-    if (j < nb && ((T >> 1) & 1u)) {
-        std::memcpy(out + n, b + j, (nb - j) * sizeof(int32_t));
-        n += nb - j;
-    }
-    return n;
-}
-
-// Row cursor over a region: x values of successive rows without lookups.
-struct RowCursor {
-    const OrvaRgn* r;
-    int64_t top, bottom;
-    const int32_t* xs(int64_t y, uint32_t* n) const noexcept {
-        if (y < top || y >= bottom) {
-            *n = 0;
-            return nullptr;
-        }
-        const ORVARGNROW& e = r->pRowIndex[y - top];
-        *n = e.uCount;
-        return r->pRunData + e.uOffset / 4u;
-    }
-};
+// Whether rows where only a (only b) has runs keep them.
+template <Op O>
+constexpr bool keepsA = O != Op::And;
+template <Op O>
+constexpr bool keepsB = O == Op::Or || O == Op::Xor;
 
 inline void copyValues(int32_t* dst, const int32_t* src, uint32_t n) noexcept {
     if (n <= 8) {
@@ -128,75 +72,31 @@ inline bool sameRow(const int32_t* p, uint32_t np, const int32_t* q, uint32_t nq
     return np <= 2 || std::memcmp(p + 1, q + 1, (np - 2) * sizeof(int32_t)) == 0;
 }
 
-template <unsigned T>
-int32_t combineT(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
-    const bool aE = isEmpty(a), bE = isEmpty(b);
-    int64_t top, bottom;
-    constexpr bool keepA = (T >> 2) & 1u, keepB = (T >> 1) & 1u;
-    if (aE && bE) return create(out);
-    if (keepA && keepB) {
-        top = aE ? b->rcBounds.top : bE ? a->rcBounds.top : std::min(a->rcBounds.top, b->rcBounds.top);
-        bottom = aE ? b->rcBounds.bottom
-                    : bE ? a->rcBounds.bottom : std::max(a->rcBounds.bottom, b->rcBounds.bottom);
-    } else if (keepA) {
-        if (aE) return create(out);
-        top = a->rcBounds.top;
-        bottom = a->rcBounds.bottom;
-    } else {
-        if (aE || bE) return create(out);
-        top = std::max(a->rcBounds.top, b->rcBounds.top);
-        bottom = std::min(a->rcBounds.bottom, b->rcBounds.bottom);
-        if (top >= bottom) return create(out);
+// Number of runs from q (q < qe) whose end is at most x, found by doubling
+// then halving: a long run of one row over many short runs of the other
+// (a disc over a comb) costs a few steps and a copy instead of a loop.
+inline uint32_t runsEndingBy(const int32_t* q, const int32_t* qe, int32_t x) noexcept {
+    const uint32_t n = uint32_t(qe - q) / 2u;
+    uint32_t lo = 0, hi = 1;  // runs [0, lo) end by x; run hi - 1 does not (or hi > n)
+    while (hi <= n && q[2 * hi - 1] <= x) {
+        lo = hi;
+        hi *= 2;
     }
-    Builder bld;
-    // An upper bound: a result row never holds more x values than its two
-    // source rows together, so the run data never grows (and nothing can fail
-    // once the recycled blocks are taken).
-    size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
-    if (recycle == a || recycle == b) recycle = nullptr;
-    int32_t rc = bld.start(top, bottom, expect, recycle);
-    if (rc != KS_SUCCESS) return rc;
-    const RowCursor ca{a, aE ? 0 : a->rcBounds.top, aE ? 0 : a->rcBounds.bottom};
-    const RowCursor cb{b, bE ? 0 : b->rcBounds.top, bE ? 0 : b->rcBounds.bottom};
-    const int32_t *pa = nullptr, *pb = nullptr;
-    uint32_t npa = 0, npb = 0;
-    bool havePrev = false;
-    bld.fillAll([&](int64_t y, int32_t* dst, const int32_t* prevOut, uint32_t nPrevOut) -> uint32_t {
-        uint32_t na, nb, n;
-        const int32_t* ra = ca.xs(y, &na);
-        const int32_t* rb = cb.xs(y, &nb);
-        if (havePrev && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
-            // Both inputs repeat the previous row: so does the result.
-            copyValues(dst, prevOut, nPrevOut);
-            n = nPrevOut;
-        } else if (nb == 0) {
-            n = keepA ? na : 0;
-            copyValues(dst, ra, n);
-        } else if (na == 0) {
-            n = keepB ? nb : 0;
-            copyValues(dst, rb, n);
-        } else {
-            n = mergeRow<T>(ra, na, rb, nb, dst);
-        }
-        pa = ra;
-        npa = na;
-        pb = rb;
-        npb = nb;
-        havePrev = true;
-        return n;
-    });
-    return bld.finish(out);
+    if (hi > n) hi = n + 1;
+    while (lo + 1 < hi) {
+        const uint32_t mid = lo + (hi - lo) / 2;
+        if (q[2 * mid - 1] <= x)
+            lo = mid;
+        else
+            hi = mid;
+    }
+    return lo;
 }
 
-// ------------------------------------------------------------------ union
-// Union has its own row loop: its result rows and bounds follow from the
-// sources without evaluation (a row is empty only where both are; the
-// bounds are the union of the two bounding boxes), rows covered by one
-// source are copied as one block, and rows of both are merged run by run
-// rather than edge by edge.
-
-// Union of two rows with at least one run each whose runs interleave.
-inline uint32_t unionRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+// Union of rows whose runs interleave: a run is taken from the side with the
+// smaller start and extends the current output run while it overlaps or
+// touches it.
+inline uint32_t orRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
     const int32_t* const ae = a + na;
     const int32_t* const be = b + nb;
     int32_t* o = out;
@@ -219,7 +119,7 @@ inline uint32_t unionRow(const int32_t* a, uint32_t na, const int32_t* b, uint32
             p = b;
             b += 2;
         }
-        if (p[0] > e) {  // a gap: the run is complete (touching runs join)
+        if (p[0] > e) {  // a gap: the run is complete
             o[0] = s;
             o[1] = e;
             o += 2;
@@ -228,9 +128,14 @@ inline uint32_t unionRow(const int32_t* a, uint32_t na, const int32_t* b, uint32
         } else if (p[1] > e) {
             e = p[1];
         }
+        // Four or more runs of one side inside the output run: skip them all
+        // (fewer are cheaper one by one).
+        if (b + 6 < be && b[7] <= e) b += 2 * runsEndingBy(b, be, e);
+        if (a + 6 < ae && a[7] <= e) a += 2 * runsEndingBy(a, ae, e);
     }
     const int32_t* r = a != ae ? a : b;
     const int32_t* const re = a != ae ? ae : be;
+    if (r + 6 < re && r[7] <= e) r += 2 * runsEndingBy(r, re, e);
     while (r != re && r[0] <= e) {
         if (r[1] > e) e = r[1];
         r += 2;
@@ -245,131 +150,69 @@ inline uint32_t unionRow(const int32_t* a, uint32_t na, const int32_t* b, uint32
     return uint32_t(o - out);
 }
 
-// Appends rows [i0, i1) of r's row index and their run data at run + values;
-// the run data of consecutive rows is contiguous.
-inline size_t copyRows(const OrvaRgn* r, uint32_t i0, uint32_t i1, ORVARGNROW* idx, int32_t* run,
-                       size_t values) noexcept {
-    const ORVARGNROW* e = r->pRowIndex;
-    const uint32_t from = e[i0].uOffset;
-    const uint32_t to = e[i1 - 1].uOffset + 4u * e[i1 - 1].uCount;
-    std::memcpy(run + values, r->pRunData + from / 4u, to - from);
-    const uint32_t shift = uint32_t(values * 4u) - from;  // modulo 2^32, exact for results
-    for (uint32_t i = i0; i < i1; ++i) *idx++ = ORVARGNROW{e[i].uCount, e[i].uOffset + shift};
-    return values + (to - from) / 4u;
-}
-
-int32_t unionRegions(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
-    const bool aE = isEmpty(a), bE = isEmpty(b);
-    if (aE && bE) return create(out);
-    if (aE) std::swap(a, b);  // a holds runs; b may be empty
-    const bool both = !aE && !bE;
-    const int64_t aT = a->rcBounds.top, aB = a->rcBounds.bottom;
-    const int64_t bT = both ? b->rcBounds.top : aT, bB = both ? b->rcBounds.bottom : aT;
-    const int64_t top = both ? std::min(aT, bT) : aT, bottom = both ? std::max(aB, bB) : aB;
-    const int32_t left = both ? std::min(a->rcBounds.left, b->rcBounds.left) : a->rcBounds.left;
-    const int32_t right = both ? std::max(a->rcBounds.right, b->rcBounds.right) : a->rcBounds.right;
-    Builder bld;
-    // A union row never holds more x values than its two source rows.
-    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
-    if (recycle == a || recycle == b) recycle = nullptr;
-    const int32_t rc = bld.start(top, bottom, expect, recycle);
-    if (rc != KS_SUCCESS) return rc;
-    int32_t* const run = bld.runData();
-    ORVARGNROW* const idx = bld.rowIndex();
-    size_t values = 0;
-    // Row bands where the set of covering sources is constant.
-    for (int64_t y = top; y < bottom;) {
-        const bool inA = y >= aT && y < aB, inB = y >= bT && y < bB;
-        int64_t end = bottom;
-        for (int64_t t : {aT, aB, bT, bB})
-            if (t > y && t < end) end = t;
-        ORVARGNROW* const rowOut = idx + (y - top);
-        if (inA && !inB) {
-            values = copyRows(a, uint32_t(y - aT), uint32_t(end - aT), rowOut, run, values);
-        } else if (inB && !inA) {
-            values = copyRows(b, uint32_t(y - bT), uint32_t(end - bT), rowOut, run, values);
-        } else if (!inA) {
-            for (int64_t k = 0; k < end - y; ++k) rowOut[k] = ORVARGNROW{0, uint32_t(values * 4u)};
-        } else {
-            const ORVARGNROW* ea = a->pRowIndex + (y - aT);
-            const ORVARGNROW* eb = b->pRowIndex + (y - bT);
-            const int32_t* const runA = a->pRunData;
-            const int32_t* const runB = b->pRunData;
-            const int32_t *pa = nullptr, *pb = nullptr;
-            uint32_t npa = 0, npb = 0, nPrev = 0;
-            size_t prevStart = values;
-            const uint32_t rows = uint32_t(end - y);
-            for (uint32_t k = 0; k < rows; ++k) {
-                const uint32_t na = ea[k].uCount, nb = eb[k].uCount;
-                const int32_t* ra = runA + ea[k].uOffset / 4u;
-                const int32_t* rb = runB + eb[k].uOffset / 4u;
-                int32_t* dst = run + values;
-                uint32_t n;
-                if (nb == 0) {
-                    n = na;
-                    copyValues(dst, ra, na);
-                } else if (na == 0) {
-                    n = nb;
-                    copyValues(dst, rb, nb);
-                } else if (na == 2 && nb == 2) {
-                    const int32_t a0 = ra[0], a1 = ra[1], b0 = rb[0], b1 = rb[1];
-                    if (a1 < b0) {
-                        dst[0] = a0, dst[1] = a1, dst[2] = b0, dst[3] = b1;
-                        n = 4;
-                    } else if (b1 < a0) {
-                        dst[0] = b0, dst[1] = b1, dst[2] = a0, dst[3] = a1;
-                        n = 4;
-                    } else {
-                        dst[0] = a0 < b0 ? a0 : b0;
-                        dst[1] = a1 > b1 ? a1 : b1;
-                        n = 2;
-                    }
-                } else if (ra[na - 1] < rb[0]) {  // all of a left of b
-                    copyValues(dst, ra, na);
-                    copyValues(dst + na, rb, nb);
-                    n = na + nb;
-                } else if (rb[nb - 1] < ra[0]) {  // all of b left of a
-                    copyValues(dst, rb, nb);
-                    copyValues(dst + nb, ra, na);
-                    n = na + nb;
-                } else if (k > 0 && na + nb > 8 && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
-                    // Both sources repeat the previous row: so does the result.
-                    n = nPrev;
-                    copyValues(dst, run + prevStart, n);
-                } else {
-                    n = unionRow(ra, na, rb, nb, dst);
-                }
-                rowOut[k] = ORVARGNROW{n, uint32_t(values * 4u)};
-                pa = ra;
-                npa = na;
-                pb = rb;
-                npb = nb;
-                prevStart = values;
-                nPrev = n;
-                values += n;
-            }
+// Intersection: each pair of overlapping runs gives its common part; the run
+// that ends first is replaced by its successor. The pair is stored
+// unconditionally and kept when it is not empty (out has room: the result
+// never holds more than na + nb - 2 values).
+inline uint32_t andRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    const int32_t* const ae = a + na;
+    const int32_t* const be = b + nb;
+    int32_t* o = out;
+    while (a != ae && b != be) {
+        // Four or more runs of one side inside the current run of the other
+        // are the intersection there: copied at once.
+        if (b + 6 < be && ((b[0] >= a[0]) & (b[7] < a[1]))) {
+            const uint32_t m = 2 * runsEndingBy(b, be, a[1] - 1);
+            copyValues(o, b, m);
+            o += m;
+            b += m;
+            continue;
         }
-        y = end;
+        if (a + 6 < ae && ((a[0] >= b[0]) & (a[7] < b[1]))) {
+            const uint32_t m = 2 * runsEndingBy(a, ae, b[1] - 1);
+            copyValues(o, a, m);
+            o += m;
+            a += m;
+            continue;
+        }
+        const int32_t s = a[0] > b[0] ? a[0] : b[0];
+        const int32_t a1 = a[1], b1 = b[1];
+        const int32_t e = a1 < b1 ? a1 : b1;
+        o[0] = s;
+        o[1] = e;
+        o += s < e ? 2 : 0;
+        a += a1 <= b1 ? 2 : 0;
+        b += b1 <= a1 ? 2 : 0;
     }
-    bld.commit(uint32_t(bottom - top), values, left, right);
-    return bld.finish(out);
+    return uint32_t(o - out);
 }
 
-// ------------------------------------------------------------------ difference
-// A minus B, also run by run: each run of a is cut by the runs of b that
-// overlap it; rows where b has nothing, or nothing that overlaps a, are copies.
-
-// a minus b for rows whose runs overlap somewhere (na, nb > 0).
-inline uint32_t diffRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+// a minus b: each run of a is cut by the runs of b that overlap it.
+inline uint32_t diffRuns(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
     const int32_t* const ae = a + na;
     const int32_t* const be = b + nb;
     int32_t* o = out;
     while (a != ae) {
+        // Four or more runs of a covered by one run of b vanish at once.
+        if (b != be && a + 6 < ae && ((b[0] <= a[0]) & (a[7] <= b[1]))) {
+            a += 2 * runsEndingBy(a, ae, b[1]);
+            if (a == ae) break;
+        }
         int32_t s = a[0];
         const int32_t e = a[1];
         a += 2;
         while (b != be && b[1] <= s) b += 2;  // b runs wholly left of the run
         while (b != be && b[0] < e) {         // b runs that cut it
+            if (b + 6 < be && ((b[0] > s) & (b[7] < e))) {
+                // Four or more runs of b inside: the gaps between them remain.
+                const uint32_t m = 2 * runsEndingBy(b, be, e - 1);
+                o[0] = s;
+                copyValues(o + 1, b, m - 1);
+                o += m;
+                s = b[m - 1];
+                b += m;
+                continue;
+            }
             if (b[0] > s) {
                 o[0] = s;
                 o[1] = b[0];
@@ -396,135 +239,384 @@ inline uint32_t diffRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_
     return uint32_t(o - out);
 }
 
-int32_t diffRegions(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
-    if (isEmpty(a)) return create(out);
-    const bool bE = isEmpty(b);
-    const int64_t aT = a->rcBounds.top, aB = a->rcBounds.bottom;
-    const int64_t bT = bE ? aT : b->rcBounds.top, bB = bE ? aT : b->rcBounds.bottom;
-    Builder bld;
-    // A result row never holds more x values than its two source rows.
-    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
-    if (recycle == a || recycle == b) recycle = nullptr;
-    const int32_t rc = bld.start(aT, aB, expect, recycle);
-    if (rc != KS_SUCCESS) return rc;
-    const ORVARGNROW* const idxA = a->pRowIndex;
-    const ORVARGNROW* const idxB = b->pRowIndex;
-    const int32_t* const runA = a->pRunData;
-    const int32_t* const runB = b->pRunData;
-    const int32_t *pa = nullptr, *pb = nullptr;
-    uint32_t npa = 0, npb = 0;
-    bld.fillAll([&](int64_t y, int32_t* dst, const int32_t* prevOut, uint32_t nPrevOut) -> uint32_t {
-        const ORVARGNROW ea = idxA[y - aT];
-        const uint32_t na = ea.uCount;
-        const int32_t* ra = runA + ea.uOffset / 4u;
-        uint32_t nb = 0;
-        const int32_t* rb = nullptr;
-        if (y >= bT && y < bB) {
-            const ORVARGNROW eb = idxB[y - bT];
-            nb = eb.uCount;
-            rb = runB + eb.uOffset / 4u;
-        }
-        uint32_t n;
-        if (na == 0) {
-            n = 0;
-        } else if (nb == 0 || ra[na - 1] <= rb[0] || rb[nb - 1] <= ra[0]) {  // nothing to cut
-            n = na;
-            copyValues(dst, ra, na);
-        } else if (na == 2 && nb == 2) {
-            const int32_t a0 = ra[0], a1 = ra[1], b0 = rb[0], b1 = rb[1];  // the runs overlap
-            n = 0;
-            if (b0 > a0) {
-                dst[0] = a0;
-                dst[1] = b0;
-                n = 2;
-            }
-            if (b1 < a1) {
-                dst[n] = b1;
-                dst[n + 1] = a1;
-                n += 2;
-            }
-        } else if (pa && na + nb > 8 && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
-            // Both sources repeat the previous row: so does the result.
-            n = nPrevOut;
-            copyValues(dst, prevOut, n);
-        } else {
-            n = diffRow(ra, na, rb, nb, dst);
-        }
-        pa = ra;
-        npa = na;
-        pb = rb;
-        npb = nb;
-        return n;
-    });
-    return bld.finish(out);
+// Intersection of long rows: the branch-free merge waits on each load that
+// decides its next step. Both rows are therefore cut at the start p of a's
+// middle run into a left and a right pair of halves (b's run across p, if
+// any, goes into both; the results left and right of p never touch) and the
+// two pairs are merged in one interleaved loop: two independent chains of
+// loads. Used for rows of at least kSplitMin values each. (Union's
+// run-by-run loop gained nothing from the same cut on this machine.)
+constexpr uint32_t kSplitMin = 32;
+// Room the merge needs beyond na + nb values (the right half is written
+// after the left half's bound before it is moved down).
+constexpr uint32_t kMergeSlack = 4;
+
+struct Halves {
+    uint32_t ia, jbHi, jbLo;  // a: [0, ia) | [ia, na); b: [0, jbHi) | [jbLo, nb)
+};
+inline Halves splitRows(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb) noexcept {
+    Halves h;
+    h.ia = (na / 2) & ~1u;
+    const int32_t p = a[h.ia];
+    // First run of b starting at or after p (starts are b[0], b[2], ...).
+    uint32_t lo = 0, hi = nb / 2;
+    while (lo < hi) {
+        const uint32_t mid = (lo + hi) / 2;
+        if (b[2 * mid] < p)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    h.jbHi = 2 * lo;
+    h.jbLo = (lo > 0 && b[2 * lo - 1] > p) ? 2 * lo - 2 : 2 * lo;  // the run across p is in both
+    return h;
 }
 
-// ------------------------------------------------------------------ intersection
-// a and b for rows whose runs overlap somewhere (na, nb > 0): each pair of
-// overlapping runs gives their common part; the run that ends first is
-// replaced by its successor.
-inline uint32_t andRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+struct AndChain {
+    const int32_t *a, *ae, *b, *be;
+    int32_t* o;
+    bool live() const noexcept { return a != ae && b != be; }
+    void step() noexcept {
+        const int32_t s = a[0] > b[0] ? a[0] : b[0];
+        const int32_t a1 = a[1], b1 = b[1];
+        const int32_t e = a1 < b1 ? a1 : b1;
+        o[0] = s;
+        o[1] = e;
+        o += s < e ? 2 : 0;
+        a += a1 <= b1 ? 2 : 0;
+        b += b1 <= a1 ? 2 : 0;
+    }
+};
+
+inline uint32_t andSplit(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    const Halves h = splitRows(a, na, b, nb);
+    int32_t* const right = out + h.ia + h.jbHi;  // after the left result's bound
+    AndChain l{a, a + h.ia, b, b + h.jbHi, out}, r{a + h.ia, a + na, b + h.jbLo, b + nb, right};
+    while (l.live() && r.live()) {
+        l.step();
+        r.step();
+    }
+    while (l.live()) l.step();
+    while (r.live()) r.step();
+    const uint32_t nl = uint32_t(l.o - out), nr = uint32_t(r.o - right);
+    std::memmove(out + nl, right, nr * sizeof(int32_t));
+    return nl + nr;
+}
+
+// The runs of a row inside [l, r) (l < r): the first run that ends right of
+// l and the first that starts at or right of r are found by halving, the
+// runs between are copied and the two end runs cut.
+inline uint32_t clipRow(const int32_t* xs, uint32_t n, int32_t l, int32_t r, int32_t* out) noexcept {
+    const uint32_t i = runsEndingBy(xs, xs + n, l);
+    uint32_t lo = i, hi = n / 2;
+    while (lo < hi) {
+        const uint32_t mid = lo + (hi - lo) / 2;
+        if (xs[2 * mid] < r)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    const uint32_t m = 2 * (lo - i);
+    if (m == 0) return 0;
+    copyValues(out, xs + 2 * i, m);
+    out[0] = std::max(out[0], l);
+    out[m - 1] = std::min(out[m - 1], r);
+    return m;
+}
+
+// XOR works on the x values themselves: a pixel is in the result when an odd
+// number of the x values of both rows lie at or left of it, so the result's x
+// values are those of either row that the other does not also hold (touching
+// runs join because their shared x value cancels).
+inline uint32_t xorEdges(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
     const int32_t* const ae = a + na;
     const int32_t* const be = b + nb;
     int32_t* o = out;
     while (a != ae && b != be) {
-        const int32_t s = a[0] > b[0] ? a[0] : b[0];
-        const int32_t a1 = a[1], b1 = b[1];
-        const int32_t e = a1 < b1 ? a1 : b1;
-        if (s < e) {
-            o[0] = s;
-            o[1] = e;
-            o += 2;
-        }
-        a += a1 <= b1 ? 2 : 0;
-        b += b1 <= a1 ? 2 : 0;
+        const int32_t xa = *a, xb = *b;
+        *o = xa < xb ? xa : xb;
+        o += xa != xb;
+        a += xa <= xb;
+        b += xb <= xa;
     }
+    copyValues(o, a, uint32_t(ae - a));
+    o += ae - a;
+    copyValues(o, b, uint32_t(be - b));
+    o += be - b;
     return uint32_t(o - out);
 }
 
-int32_t intersectRegions(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
-    if (isEmpty(a) || isEmpty(b)) return create(out);
-    const int64_t aT = a->rcBounds.top, bT = b->rcBounds.top;
-    const int64_t top = std::max(aT, bT);
-    const int64_t bottom = std::min<int64_t>(a->rcBounds.bottom, b->rcBounds.bottom);
-    if (top >= bottom) return create(out);
+// Two rows of one run each (the rows of discs, ellipses and rectangles), for
+// intersection, union and difference, with no more branches than union's
+// test for a gap; out has room for 4 values. first and last receive the
+// result's first and last x values when it is not empty (from registers:
+// reading them back from out would wait for the stores).
+template <Op O>
+inline uint32_t pairRow(const int32_t* a, const int32_t* b, int32_t* out, int32_t& first, int32_t& last) noexcept {
+    const int32_t a0 = a[0], a1 = a[1], b0 = b[0], b1 = b[1];
+    if constexpr (O == Op::And) {
+        const int32_t s = a0 > b0 ? a0 : b0, e = a1 < b1 ? a1 : b1;
+        out[0] = s;
+        out[1] = e;
+        first = s;
+        last = e;
+        return s < e ? 2 : 0;
+    } else if constexpr (O == Op::Or) {
+        if (a1 < b0 || b1 < a0) {  // apart: both, in order
+            const bool aFirst = a0 < b0;
+            out[0] = aFirst ? a0 : b0;
+            out[1] = aFirst ? a1 : b1;
+            out[2] = aFirst ? b0 : a0;
+            out[3] = aFirst ? b1 : a1;
+            return 4;
+        }
+        out[0] = a0 < b0 ? a0 : b0;
+        out[1] = a1 > b1 ? a1 : b1;
+        return 2;
+    } else {
+        // [a0, min(b0, a1)) and [max(b1, a0), a1), each kept when not empty
+        // (b left of, right of, inside or over a all come out right).
+        const int32_t m1 = b0 < a1 ? b0 : a1, m2 = b1 > a0 ? b1 : a0;
+        first = m1 > a0 ? a0 : m2;
+        last = m2 < a1 ? a1 : m1;
+        int32_t* o = out;
+        o[0] = a0;
+        o[1] = m1;
+        o += m1 > a0 ? 2 : 0;
+        o[0] = m2;
+        o[1] = a1;
+        o += m2 < a1 ? 2 : 0;
+        return uint32_t(o - out);
+    }
+}
+
+// A stretch of rows from k on where both sources hold one run per row, in
+// a loop of its own (few live values, no spills); returns the row after it.
+struct PairSpan {
+    const ORVARGNROW *ea, *eb;
+    const int32_t *runA, *runB;
+    int32_t* run;
+    ORVARGNROW* rowOut;
+};
+template <Op O, bool Bounds>
+__attribute__((noinline)) uint32_t pairRows(const PairSpan& p, uint32_t k, uint32_t rows, size_t& valuesRef,
+                                            int32_t& leftRef, int32_t& rightRef) noexcept {
+    size_t values = valuesRef;
+    int32_t left = leftRef, right = rightRef;
+    for (; k < rows; ++k) {
+        const ORVARGNROW ra = p.ea[k], rb = p.eb[k];
+        if ((ra.uCount != 2) | (rb.uCount != 2)) break;
+        int32_t first = 0, last = 0;
+        const uint32_t n = pairRow<O>(p.runA + ra.uOffset / 4u, p.runB + rb.uOffset / 4u, p.run + values, first, last);
+        if constexpr (Bounds) {
+            left = n && first < left ? first : left;
+            right = n && last > right ? last : right;
+        }
+        p.rowOut[k] = ORVARGNROW{n, uint32_t(values * 4u)};
+        values += n;
+    }
+    valuesRef = values;
+    leftRef = left;
+    rightRef = right;
+    return k;
+}
+
+// Row y of the result from row y of a and of b; out has room for na + nb +
+// kMergeSlack values.
+template <Op O>
+inline uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    if (nb == 0 || na == 0) {
+        const bool keep = nb == 0 ? keepsA<O> : keepsB<O>;
+        const uint32_t n = keep ? na + nb : 0;
+        copyValues(out, nb == 0 ? a : b, n);
+        return n;
+    }
+    // Rows whose runs do not interleave (for union and XOR: nor touch).
+    constexpr bool joinTouching = O == Op::Or || O == Op::Xor;
+    const bool aLeft = joinTouching ? a[na - 1] < b[0] : a[na - 1] <= b[0];
+    const bool bLeft = joinTouching ? b[nb - 1] < a[0] : b[nb - 1] <= a[0];
+    if (aLeft || bLeft) {
+        if constexpr (O == Op::And) {
+            return 0;
+        } else if constexpr (O == Op::Diff) {
+            copyValues(out, a, na);
+            return na;
+        } else {
+            const int32_t* first = aLeft ? a : b;
+            const int32_t* second = aLeft ? b : a;
+            const uint32_t nf = aLeft ? na : nb, ns = aLeft ? nb : na;
+            copyValues(out, first, nf);
+            copyValues(out + nf, second, ns);
+            return na + nb;
+        }
+    }
+    if (na == 2 && nb == 2) {  // two single runs that overlap (or touch)
+        const int32_t a0 = a[0], a1 = a[1], b0 = b[0], b1 = b[1];
+        if constexpr (O == Op::And) {
+            out[0] = a0 > b0 ? a0 : b0;
+            out[1] = a1 < b1 ? a1 : b1;
+            return out[0] < out[1] ? 2 : 0;
+        } else if constexpr (O == Op::Or) {
+            out[0] = a0 < b0 ? a0 : b0;
+            out[1] = a1 > b1 ? a1 : b1;
+            return 2;
+        } else if constexpr (O == Op::Diff) {
+            uint32_t n = 0;
+            if (b0 > a0) {
+                out[0] = a0;
+                out[1] = b0;
+                n = 2;
+            }
+            if (b1 < a1) {
+                out[n] = b1;
+                out[n + 1] = a1;
+                n += 2;
+            }
+            return n;
+        }
+    }
+    if constexpr (O == Op::And)
+        return na >= kSplitMin && nb >= kSplitMin ? andSplit(a, na, b, nb, out) : andRuns(a, na, b, nb, out);
+    if constexpr (O == Op::Or) return orRuns(a, na, b, nb, out);
+    if constexpr (O == Op::Diff) return diffRuns(a, na, b, nb, out);
+    return xorEdges(a, na, b, nb, out);
+}
+
+// Appends rows [i0, i1) of r's row index and their run data at run + values
+// (the run data of consecutive rows is contiguous) and widens [left, right)
+// by their runs unless the caller knows the bounds already.
+template <bool Bounds>
+inline size_t copyRows(const OrvaRgn* r, uint32_t i0, uint32_t i1, ORVARGNROW* idx, int32_t* run, size_t values,
+                       int32_t& left, int32_t& right) noexcept {
+    const ORVARGNROW* e = r->pRowIndex;
+    const uint32_t from = e[i0].uOffset;
+    const uint32_t to = e[i1 - 1].uOffset + 4u * e[i1 - 1].uCount;
+    std::memcpy(run + values, r->pRunData + from / 4u, to - from);
+    const uint32_t shift = uint32_t(values * 4u) - from;  // modulo 2^32, exact for results
+    for (uint32_t i = i0; i < i1; ++i) {
+        const ORVARGNROW row = e[i];
+        *idx++ = ORVARGNROW{row.uCount, row.uOffset + shift};
+        if constexpr (Bounds) {
+            if (row.uCount) {
+                const int32_t* xs = r->pRunData + row.uOffset / 4u;
+                left = std::min(left, xs[0]);
+                right = std::max(right, xs[row.uCount - 1]);
+            }
+        }
+    }
+    return values + (to - from) / 4u;
+}
+
+// Rows below this many x values (both sources together) are merged even when
+// they repeat the previous row: comparing them costs as much as merging.
+constexpr uint32_t kRepeatCheckMin = 8;
+
+// The combine of two regions. The result may occupy the rows of both (union,
+// XOR), of a (difference) or of the rows they share (intersection); these are
+// cut into bands where the set of sources with rows is constant. Bands of one
+// source are copied as a block or dropped; in bands of both, each row is
+// merged, except that a row whose sources both repeat their previous row
+// repeats the previous result (a tall band of identical rows is merged once).
+// Rows and run data are written directly (the builder reserved an upper
+// bound: a result row never holds more x values than its two source rows),
+// then empty rows at both ends are dropped.
+template <Op O>
+int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* recycle) noexcept {
+    const bool aE = isEmpty(a), bE = isEmpty(b);
+    if (O == Op::And ? (aE || bE) : O == Op::Diff ? aE : (aE && bE)) return create(out);
+    // An empty source has no rows: [0, 0).
+    const int64_t aT = aE ? 0 : a->rcBounds.top, aB = aE ? 0 : a->rcBounds.bottom;
+    const int64_t bT = bE ? 0 : b->rcBounds.top, bB = bE ? 0 : b->rcBounds.bottom;
+    int64_t top, bottom;
+    if constexpr (O == Op::And) {
+        top = std::max(aT, bT);
+        bottom = std::min(aB, bB);
+        if (top >= bottom) return create(out);
+    } else if constexpr (O == Op::Diff) {
+        top = aT;
+        bottom = aB;
+    } else {
+        top = aE ? bT : bE ? aT : std::min(aT, bT);
+        bottom = aE ? bB : bE ? aB : std::max(aB, bB);
+    }
+    // Union: the bounds are those of the two bounding boxes and no row at
+    // either end is empty; the others find them while they write.
+    constexpr bool knownBounds = O == Op::Or;
+    int32_t left = INT32_MAX, right = INT32_MIN;
+    if constexpr (knownBounds) {
+        left = aE ? b->rcBounds.left : bE ? a->rcBounds.left : std::min(a->rcBounds.left, b->rcBounds.left);
+        right = aE ? b->rcBounds.right : bE ? a->rcBounds.right : std::max(a->rcBounds.right, b->rcBounds.right);
+    }
     Builder bld;
-    // A result row never holds more x values than its two source rows.
-    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u);
+    const size_t expect = size_t(a->uRunDataSize / 4u) + size_t(b->uRunDataSize / 4u) + kMergeSlack;
     if (recycle == a || recycle == b) recycle = nullptr;
     const int32_t rc = bld.start(top, bottom, expect, recycle);
     if (rc != KS_SUCCESS) return rc;
-    const ORVARGNROW* const idxA = a->pRowIndex;
-    const ORVARGNROW* const idxB = b->pRowIndex;
-    const int32_t* const runA = a->pRunData;
-    const int32_t* const runB = b->pRunData;
-    const int32_t *pa = nullptr, *pb = nullptr;
-    uint32_t npa = 0, npb = 0;
-    bld.fillAll([&](int64_t y, int32_t* dst, const int32_t* prevOut, uint32_t nPrevOut) -> uint32_t {
-        const ORVARGNROW ea = idxA[y - aT], eb = idxB[y - bT];
-        const uint32_t na = ea.uCount, nb = eb.uCount;
-        const int32_t* ra = runA + ea.uOffset / 4u;
-        const int32_t* rb = runB + eb.uOffset / 4u;
-        uint32_t n;
-        if (na == 0 || nb == 0 || ra[na - 1] <= rb[0] || rb[nb - 1] <= ra[0]) {  // nothing in common
-            n = 0;
-        } else if (na == 2 && nb == 2) {  // the runs overlap
-            dst[0] = ra[0] > rb[0] ? ra[0] : rb[0];
-            dst[1] = ra[1] < rb[1] ? ra[1] : rb[1];
-            n = 2;
-        } else if (pa && na + nb > 8 && sameRow(ra, na, pa, npa) && sameRow(rb, nb, pb, npb)) {
-            // Both sources repeat the previous row: so does the result.
-            n = nPrevOut;
-            copyValues(dst, prevOut, n);
+    int32_t* const run = bld.runData();
+    ORVARGNROW* const idx = bld.rowIndex();
+    size_t values = 0;
+    for (int64_t y = top; y < bottom;) {
+        const bool inA = y >= aT && y < aB, inB = y >= bT && y < bB;
+        int64_t end = bottom;
+        for (int64_t t : {aT, aB, bT, bB})
+            if (t > y && t < end) end = t;
+        ORVARGNROW* const rowOut = idx + (y - top);
+        if (inA && !inB && keepsA<O>) {
+            values = copyRows<!knownBounds>(a, uint32_t(y - aT), uint32_t(end - aT), rowOut, run, values, left, right);
+        } else if (inB && !inA && keepsB<O>) {
+            values = copyRows<!knownBounds>(b, uint32_t(y - bT), uint32_t(end - bT), rowOut, run, values, left, right);
+        } else if (!inA || !inB) {
+            for (int64_t k = 0; k < end - y; ++k) rowOut[k] = ORVARGNROW{0, uint32_t(values * 4u)};
         } else {
-            n = andRow(ra, na, rb, nb, dst);
+            const ORVARGNROW* const ea = a->pRowIndex + (y - aT);
+            const ORVARGNROW* const eb = b->pRowIndex + (y - bT);
+            const int32_t* const runA = a->pRunData;
+            const int32_t* const runB = b->pRunData;
+            const uint32_t rows = uint32_t(end - y);
+            // The previous row's sources and result are read back from the
+            // row indexes, which keeps the loop's state in registers.
+            const PairSpan span{ea, eb, runA, runB, run, rowOut};
+            for (uint32_t k = 0; k < rows; ++k) {
+                if constexpr (O != Op::Xor) {
+                    if (ea[k].uCount == 2 && eb[k].uCount == 2) {
+                        k = pairRows<O, !knownBounds>(span, k, rows, values, left, right);
+                        if (k == rows) break;
+                    }
+                }
+                const ORVARGNROW ra = ea[k], rb = eb[k];
+                const uint32_t na = ra.uCount, nb = rb.uCount;
+                const int32_t* xa = runA + ra.uOffset / 4u;
+                const int32_t* xb = runB + rb.uOffset / 4u;
+                int32_t* dst = run + values;
+                uint32_t n;
+                if (na + nb > kRepeatCheckMin && k > 0 &&
+                    sameRow(xa, na, runA + ea[k - 1].uOffset / 4u, ea[k - 1].uCount) &&
+                    sameRow(xb, nb, runB + eb[k - 1].uOffset / 4u, eb[k - 1].uCount)) {
+                    n = rowOut[k - 1].uCount;
+                    copyValues(dst, run + rowOut[k - 1].uOffset / 4u, n);
+                } else {
+                    n = mergeRow<O>(xa, na, xb, nb, dst);
+                    if constexpr (!knownBounds) {
+                        if (n) {
+                            left = std::min(left, dst[0]);
+                            right = std::max(right, dst[n - 1]);
+                        }
+                    }
+                }
+                rowOut[k] = ORVARGNROW{n, uint32_t(values * 4u)};
+                values += n;
+            }
         }
-        pa = ra;
-        npa = na;
-        pb = rb;
-        npb = nb;
-        return n;
-    });
+        y = end;
+    }
+    uint32_t first = 0, used = uint32_t(bottom - top);
+    if constexpr (!knownBounds) {
+        // Drop the empty rows at both ends (their offsets are 0 at the top).
+        while (used > 0 && idx[used - 1].uCount == 0) --used;
+        while (first < used && idx[first].uCount == 0) ++first;
+        if (first > 0) std::memmove(idx, idx + first, (used - first) * sizeof(ORVARGNROW));
+    }
+    bld.commit(top + first, used - first, values, left, right);
     return bld.finish(out);
 }
 
@@ -937,10 +1029,10 @@ void adopt(OrvaRgn* dst, OrvaRgn* src) noexcept {
 int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out, OrvaRgn* recycle) noexcept {
     return guarded([&]() -> int32_t {
         switch (op) {
-            case RGN_AND: return intersectRegions(a, b, out, recycle);
-            case RGN_OR: return unionRegions(a, b, out, recycle);
-            case RGN_XOR: return combineT<kXor>(a, b, out, recycle);
-            case RGN_DIFF: return diffRegions(a, b, out, recycle);
+            case RGN_AND: return combineRows<Op::And>(a, b, out, recycle);
+            case RGN_OR: return combineRows<Op::Or>(a, b, out, recycle);
+            case RGN_XOR: return combineRows<Op::Xor>(a, b, out, recycle);
+            case RGN_DIFF: return combineRows<Op::Diff>(a, b, out, recycle);
             case RGN_COPY: return copy(a, out);
             default: return KS_INVALID_PARAMETER;
         }
@@ -1120,7 +1212,6 @@ int32_t clip(OrvaRgn* r, const RECT& rc) noexcept {
     Builder bld;
     int32_t st = bld.start(top, bottom, r->uRunDataSize / 4u);
     if (st != KS_SUCCESS) return st;
-    const int32_t clipRun[2] = {rc.left, rc.right};
     for (int64_t y = top; y < bottom; ++y) {
         uint32_t n;
         const int32_t* xs = rowAt(r, y, &n);
@@ -1128,9 +1219,9 @@ int32_t clip(OrvaRgn* r, const RECT& rc) noexcept {
             bld.endRow(0);
             continue;
         }
-        int32_t* d = bld.rowSpace(n + 2);
+        int32_t* d = bld.rowSpace(n);
         if (!d) return KS_NO_MEMORY;
-        bld.endRow(mergeRow<kAnd>(xs, n, clipRun, 2, d));
+        bld.endRow(clipRow(xs, n, rc.left, rc.right, d));
     }
     st = bld.finish(&res);
     if (st != KS_SUCCESS) return st;
@@ -1247,10 +1338,10 @@ int32_t transpose(OrvaRgn* r) noexcept {
         for (int64_t y = r->rcBounds.top; y <= r->rcBounds.bottom; ++y) {
             uint32_t nc = 0;
             const int32_t* cur = y < r->rcBounds.bottom ? rowAt(r, y, &nc) : nullptr;
-            on.resize(nc + np);
-            off.resize(nc + np);
-            uint32_t non = mergeRow<kDiff>(cur, nc, prev, np, on.data());
-            uint32_t noff = mergeRow<kDiff>(prev, np, cur, nc, off.data());
+            on.resize(nc + np + kMergeSlack);
+            off.resize(nc + np + kMergeSlack);
+            uint32_t non = mergeRow<Op::Diff>(cur, nc, prev, np, on.data());
+            uint32_t noff = mergeRow<Op::Diff>(prev, np, cur, nc, off.data());
             for (uint32_t i = 0; i < non; i += 2)
                 for (int64_t x = on[i]; x < on[i + 1]; ++x) open[size_t(x - left)] = int32_t(y);
             for (uint32_t i = 0; i < noff; i += 2)

@@ -1,9 +1,8 @@
 // region.h - the OrvaRgn engine (internal interface).
 //
 // Every function that makes a region fills a fresh OrvaRgn through the one
-// row builder (rgn::Builder); combine (rgn::combine) runs union,
-// intersection and difference through their own run-by-run row loops and
-// XOR through the edge merge over a truth table. Functions return KS_ status
+// row builder (rgn::Builder); combine (rgn::combine) runs every operation
+// through one row loop specialised per operation at compile time. Functions return KS_ status
 // codes and never throw; outputs are written only on success.
 //
 //   Builder                 row-by-row construction with exact final sizes
@@ -111,15 +110,16 @@ public:
     }
     // Direct access for an operation that writes every row itself after
     // start() reserved an upper bound: the run data, the row index, then
-    // commit() with the rows written from the top (the first and the last
-    // hold runs, offsets contiguous), the x values written and the exact
-    // left and right bounds.
+    // commit() with the first row that holds runs, the rows written from
+    // there (the first and the last hold runs, offsets contiguous from 0; 0
+    // rows for an empty result), the x values written and the exact left
+    // and right bounds.
     int32_t* runData() noexcept { return r_->pRunData; }
     ORVARGNROW* rowIndex() noexcept { return r_->pRowIndex; }
-    void commit(uint32_t rows, size_t values, int32_t left, int32_t right) noexcept {
+    void commit(int64_t first, uint32_t rows, size_t values, int32_t left, int32_t right) noexcept {
         cur_ = bottom_;
         started_ = values > 0;
-        first_ = top_;
+        first_ = first;
         rowsUsed_ = values > 0 ? rows : 0;
         values_ = values;
         lastStart_ = 0;
