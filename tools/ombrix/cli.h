@@ -91,6 +91,13 @@ struct Report {
     int failures = 0;
     void check(bool ok, const std::string& what);
     void line(const std::string& text);
+    // With `ombrix demo --out DIR`: writes a result the section shows as
+    // DIR/NAME (the extension picks the format) and says so; otherwise nothing.
+    void save(const std::string& name, const BITMAPRECORD& bm);
+    // The same for a plain 24-bit BGR picture (rows of width * 3 bytes).
+    void saveBgr(const std::string& name, int32_t width, int32_t height, const uint8_t* bgr);
+    static std::string& outDir();  // empty unless --out was given
+    static int& written();         // files written by save
 };
 struct DemoSection {
     const char* name;

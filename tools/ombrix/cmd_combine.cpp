@@ -171,6 +171,7 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sample) {
             (in ? changedInside : changedOutside) += changed;
         }
     rep.check(changedOutside == 0 && changedInside > 0, "an average inside an elliptic region leaves the rest alone");
+    rep.save("combine-average-in-ellipse.png", b);
     K_FreeBitmapRgn(&b);
 
     // 5. Bad flag words are refused before any pixel is touched.

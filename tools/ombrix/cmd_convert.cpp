@@ -290,6 +290,7 @@ bool demoDither(cli::Report& rep, const BITMAPRECORD& sample) {
     size_t used = 0;
     double sec = 0;
     int32_t rc = ditherPicture(pic, DITHER_FLOYD_STEINBERG, fixed256, 256, out, &used, &sec);
+    rep.saveBgr("dither-floyd-fixed256.png", out.width, out.height, out.bgr.data());
     rep.check(rc == KS_SUCCESS, "Floyd-Steinberg to the fixed 256-colour palette");
     double worst = 0;
     for (int c = 0; c < 3; ++c) worst = std::max(worst, std::fabs(mean(out, c) - mean(pic, c)));
@@ -320,6 +321,7 @@ bool demoDither(cli::Report& rep, const BITMAPRECORD& sample) {
 
     // 3. Ordered dithering to two colours is the threshold rule, pixel for pixel.
     rc = ditherPicture(pic, DITHER_ORDERED, bw, 2, out, nullptr, nullptr);
+    rep.saveBgr("dither-ordered-black-white.png", out.width, out.height, out.bgr.data());
     size_t mismatches = 0;
     for (int y = 0; y < pic.height; ++y)
         for (int x = 0; x < pic.width; ++x) {
@@ -349,6 +351,7 @@ bool demoDither(cli::Report& rep, const BITMAPRECORD& sample) {
     RGBQUAD web[256];
     std::memcpy(web, K_IntGetNetscapePalette(), sizeof web);
     rc = ditherPicture(pic, DITHER_STUCKI, web, 256, out, &used, &sec);
+    rep.saveBgr("dither-stucki-web.png", out.width, out.height, out.bgr.data());
     std::set<uint32_t> colours;
     for (size_t i = 0; i < n; ++i)
         colours.insert(uint32_t(out.bgr[3 * i]) | uint32_t(out.bgr[3 * i + 1]) << 8 | uint32_t(out.bgr[3 * i + 2]) << 16);

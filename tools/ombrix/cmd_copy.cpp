@@ -116,6 +116,7 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sampleIn) {
             }
     }
     rep.check(ok, "rectangle copy equals the sample's window, margins untouched");
+    if (ok) rep.save("crop.png", crop);
     // The same crop in place on a copy.
     BITMAPRECORD trimmed;
     ok = ok && K_CopyBitmap(&trimmed, &sample, BITMAPRECORD_SIZE) == KS_SUCCESS;

@@ -36,8 +36,19 @@ std::string hex(uint32_t v) {
 int cmdInfo(const cli::Call&) {
     std::printf("%s\n", K_GetVersionString());
     const uint32_t f = K_GetCpuFeatures();
-    std::printf("cpu features: %s%s%s%s\n", f & 1 ? "sse2 " : "", f & 2 ? "ssse3 " : "", f & 4 ? "sse4.1 " : "",
-                f & 8 ? "avx2" : "");
+    const bool avx512 = __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vbmi");
+    std::printf("cpu features: %s%s%s%s%s\n", f & 1 ? "sse2 " : "", f & 2 ? "ssse3 " : "", f & 4 ? "sse4.1 " : "",
+                f & 8 ? "avx2 " : "", avx512 ? "avx512bw+vbmi" : "");
+    // The converter's rule: the widest kernels the processor has, capped by
+    // OMBRIX_SIMD (none, ssse3, avx2) as read when the process starts.
+    const char* cap = std::getenv("OMBRIX_SIMD");
+    const int capLevel = !cap ? 3 : !std::strcmp(cap, "none") ? 0 : !std::strcmp(cap, "ssse3") ? 1
+                                 : !std::strcmp(cap, "avx2") ? 2 : 3;
+    const int cpuLevel = avx512 ? 3 : (f & 8) ? 2 : (f & 2) ? 1 : 0;
+    static const char* const levels[] = {"none (plain C++)", "ssse3", "avx2", "avx-512 (bw, vbmi)"};
+    std::printf("simd in use: %s", levels[std::min(capLevel, cpuLevel)]);
+    if (cap) std::printf("  (OMBRIX_SIMD=%s caps it; the processor has %s)\n", cap, levels[cpuLevel]);
+    else std::printf("  (the widest this processor has; OMBRIX_SIMD=none, ssse3 or avx2 caps it)\n");
     std::printf("cores: %d\n", K_GetProcessorCount());
     std::printf("file formats: %s\n", image::formatsText().c_str());
     auto sections = cli::infoSections();
@@ -180,6 +191,21 @@ int cmdDemo(const cli::Call& call) {
     }
 
     cli::Report total;
+    if (!outDir.empty()) {
+        std::error_code ec;
+        std::filesystem::create_directories(outDir, ec);  // an existing directory is fine
+        cli::Report::outDir() = outDir;
+        // The sample first, read back to check the file.
+        const std::string name = image::available(image::Format::Png) ? "sample.png" : "sample.ppm";
+        const std::string path = outDir + "/" + name;
+        std::printf("\n[output]\n");
+        total.save(name, sample);
+        BITMAPRECORD back;
+        std::string why;
+        rc = image::read(path, back, &why);
+        total.check(rc == KS_SUCCESS && samePixels(back, sample), "read back " + path + ": same pixels");
+        if (rc == KS_SUCCESS) K_FreeBitmap(&back);
+    }
     int sectionsFailed = 0;
     auto sections = cli::demoSections();
     std::stable_sort(sections.begin(), sections.end(), [](auto& a, auto& b) { return a.order < b.order; });
@@ -197,25 +223,11 @@ int cmdDemo(const cli::Call& call) {
         total.failures += report.failures;
     }
 
-    if (!outDir.empty()) {
-        std::printf("\n[output]\n");
-        std::error_code ec;
-        std::filesystem::create_directories(outDir, ec);  // an existing directory is fine
-        const std::string path = outDir + "/sample.ppm";
-        std::string why;
-        rc = image::write(path, sample, &why);
-        total.check(rc == KS_SUCCESS, "wrote " + path + (rc == KS_SUCCESS ? "" : ": " + why));
-        if (rc == KS_SUCCESS) {
-            BITMAPRECORD back;
-            rc = image::read(path, back, &why);
-            total.check(rc == KS_SUCCESS && samePixels(back, sample), "read back " + path + ": same pixels");
-            if (rc == KS_SUCCESS) K_FreeBitmap(&back);
-        }
-    }
     K_FreeBitmap(&sample);
 
     std::printf("\nreport: %zu sections, %d checks, %d failed%s\n", sections.size(), total.checks, total.failures,
                 sectionsFailed ? (", " + std::to_string(sectionsFailed) + " section(s) failed").c_str() : "");
+    if (!outDir.empty()) std::printf("%d pictures written to %s\n", cli::Report::written(), outDir.c_str());
     return total.failures || sectionsFailed ? 1 : 0;
 }
 

@@ -255,6 +255,7 @@ bool demoWindow(cli::Report& rep, const BITMAPRECORD&) {
             const long want = s < 16384 ? 0 : s > 49152 ? 255 : (s - 16384) * 255 / 32768;
             ok = o[size_t(x)] == want;
         }
+        rep.save("window-level-ramp.png", out);
         K_FreeBitmap(&out);
     }
     rep.check(ok, "window [16384, 49152]: black below, white above, the line between");

@@ -148,6 +148,7 @@ bool demoOrient(cli::Report& rep, const BITMAPRECORD& sample) {
     bool ok = K_CopyBitmap(&work, &src, BITMAPRECORD_SIZE) == KS_SUCCESS;
     ok = ok && K_RotateBitmap90(&work, 1, 0, 100) == KS_SUCCESS;
     rep.check(ok && work.nWidth == h && work.nHeight == w, "a quarter turn exchanges width and height");
+    if (ok) rep.save("turn-clockwise.png", work);
     rep.check(ok && pixelAt(&work, h - 1, 0) == pixelAt(&src, 0, 0),
               "clockwise: the top-left pixel goes to the top-right corner");
     for (int k = 0; k < 3 && ok; ++k) ok = K_RotateBitmap90(&work, 1, 0, 100) == KS_SUCCESS;
@@ -155,6 +156,7 @@ bool demoOrient(cli::Report& rep, const BITMAPRECORD& sample) {
 
     ok = K_FlipBitmap(&work) == KS_SUCCESS && K_ReverseBitmap(&work) == KS_SUCCESS;
     rep.check(ok && pixelAt(&work, w - 1, h - 1) == pixelAt(&src, 0, 0), "flip and mirror make a half turn");
+    if (ok) rep.save("flip-and-mirror.png", work);
     ok = K_FlipBitmap(&work) == KS_SUCCESS && K_ReverseBitmap(&work) == KS_SUCCESS;
     rep.check(ok && sameStored(&work, &src), "and again give the picture back");
 

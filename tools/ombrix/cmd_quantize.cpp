@@ -175,6 +175,8 @@ bool demoQuantize(cli::Report& report, const BITMAPRECORD& sample) {
                 report.check(exact, std::to_string(n) + " colours: to 24 bits and back into its palette unchanged, "
                                                          "its colours found again exactly");
             }
+            if (rc == KS_SUCCESS && method == DITHER_FLOYD_STEINBERG)
+                report.save("quantize-" + std::to_string(n) + "-floyd.png", q);
             K_FreeBitmap(&q);
         }
     }

@@ -128,6 +128,7 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sampleIn) {
         }
     }
     rep.check(red == area && mismatches == 0, "fill wrote exactly the region's " + std::to_string(area) + " pixels");
+    rep.save("region-ellipse-xor-star.png", bm);
     // Region data round trip and a mask of the region.
     std::vector<uint8_t> data(size_t(need > 0 ? need : 0));
     ok = need > 32 && K_GetBitmapRgnData(&bm, nullptr, need, reinterpret_cast<RGNDATA*>(data.data())) == need;

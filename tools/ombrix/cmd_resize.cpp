@@ -125,6 +125,7 @@ bool demoResize(cli::Report& rep, const BITMAPRECORD& sample) {
             rep.check(good, std::string(m.name) + " x" + fmt(f) + " -> " + std::to_string(nw) + "x" +
                                 std::to_string(nh) + " (" + m.what + ") " + fmt(ms) + " ms");
             ok = ok && good;
+            if (good && m.flags == SIZE_LANCZOS) rep.save("resize-lanczos-x" + fmt(f) + ".png", copy);
             K_FreeBitmap(&copy);
         }
     }

@@ -117,6 +117,7 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sample) {
     ok = K_RotateBitmap(&b, 3000, ROTATE_RESIZE | ROTATE_BILINEAR, 0xFFFFFF) == KS_SUCCESS;
     rep.check(ok && b.nWidth == w && b.nHeight == h,
               "30 degrees enlarged: " + std::to_string(b.nWidth) + " x " + std::to_string(b.nHeight));
+    if (ok) rep.save("rotate-30-enlarged.png", b);
     K_FreeBitmap(&b);
     copyOf(sample, &b);
     ok = K_RotateBitmap(&b, 3000, ROTATE_BILINEAR, 0) == 1 && K_RotateBitmap(&b, -3000, ROTATE_BILINEAR, 0) == 1;

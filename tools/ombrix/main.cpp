@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "cli.h"
+#include "image.h"
 
 namespace cli {
 
@@ -31,6 +32,36 @@ void Report::check(bool ok, const std::string& what) {
     std::printf("  [%s] %s\n", ok ? " ok " : "FAIL", what.c_str());
 }
 void Report::line(const std::string& text) { std::printf("  %s\n", text.c_str()); }
+
+std::string& Report::outDir() {
+    static std::string dir;
+    return dir;
+}
+int& Report::written() {
+    static int n = 0;
+    return n;
+}
+void Report::save(const std::string& name, const BITMAPRECORD& bm) {
+    if (outDir().empty()) return;
+    const std::string path = outDir() + "/" + name;
+    std::string why;
+    const int32_t rc = image::write(path, bm, &why);
+    if (rc == KS_SUCCESS) ++written();
+    check(rc == KS_SUCCESS, "wrote " + path + (rc == KS_SUCCESS ? "" : ": " + why));
+}
+void Report::saveBgr(const std::string& name, int32_t width, int32_t height, const uint8_t* bgr) {
+    if (outDir().empty()) return;
+    BITMAPRECORD bm;
+    if (K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, width, height, 24, ORDER_BGR, nullptr, TOP_LEFT,
+                       nullptr, 0) != KS_SUCCESS) {
+        check(false, "a bitmap for " + name);
+        return;
+    }
+    for (int32_t y = 0; y < height; ++y)
+        K_PutBitmapRow(&bm, bgr + size_t(y) * size_t(width) * 3, y, uint32_t(width) * 3);
+    save(name, bm);
+    K_FreeBitmap(&bm);
+}
 
 std::string statusText(int32_t code) {
     wchar_t buf[1024];
