@@ -86,6 +86,32 @@ int32_t readGrey16(const std::string& path, BITMAPRECORD& bm, std::string& err) 
 }
 
 
+// Other picture files (PNG, TIFF, ...): 16-bit grey as it is, 8-bit grey
+// with its values widened to a 16-bit bitmap (the samples keep their values).
+int32_t readGreyPicture(const std::string& path, BITMAPRECORD& bm, std::string& err) {
+    image::Raster r;
+    int32_t rc = image::readRaster(path, r, &err);
+    if (rc != KS_SUCCESS) return rc;
+    if (r.kind != image::Raster::Grey || (r.bits != 8 && r.bits != 16)) {
+        err = "not an 8- or 16-bit grey picture (" + r.describe() + ")";
+        return KS_NOT_SUPPORTED;
+    }
+    if (r.bits == 8) {
+        image::Raster wide = r;
+        wide.bits = 16;
+        wide.allocate();
+        for (int32_t y = 0; y < r.height; ++y)
+            for (int32_t x = 0; x < r.width; ++x) {
+                const uint16_t v = r.row(y)[x];
+                std::memcpy(wide.row(y) + 2 * x, &v, 2);
+            }
+        r = std::move(wide);
+    }
+    const image::Result res = image::toBitmap(r, bm);
+    if (!res.ok()) err = res.error;
+    return res.status;
+}
+
 int runWindow(const cli::Call& call) {
     const cli::Args& args = call.args;
     static const uint32_t curves[] = {WLCURVE_LINEAR, WLCURVE_EXPONENTIAL, WLCURVE_LOGARITHMIC, WLCURVE_SIGMOID};
@@ -97,6 +123,7 @@ int runWindow(const cli::Call& call) {
     BITMAPRECORD src, out;
     std::string err;
     int32_t rc = readGrey16(args[0], src, err);
+    if (rc != KS_SUCCESS && rc != KS_FILE_NOT_FOUND) rc = readGreyPicture(args[0], src, err);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "ombrix window: cannot read %s: %s\n", args[0].c_str(), err.c_str());
         return 1;
