@@ -1293,7 +1293,8 @@ OMBRIX_API int32_t K_SetBitmapRgnData(BITMAPRECORD* pBitmap, const RGNXFORM* pXF
 OMBRIX_API int32_t K_SetBitmapRgnFromMask(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm,
                                           const BITMAPRECORD* pMask, uint32_t uCombineMode);
 /* The pixels of pBitmap whose colour is exactly uColor (0x00BBGGRR; for a
- * palette bitmap, the pixels whose palette entry has that colour). */
+ * palette bitmap, the pixels whose palette entry has that colour). Statuses as
+ * K_SetBitmapRgn (-2 null bitmap, -789 size word, -13 bad mode, -1 memory). */
 OMBRIX_API int32_t K_SetBitmapRgnColor(BITMAPRECORD* pBitmap, uint32_t uColor, uint32_t uCombineMode);
 
 /* 1 when the bitmap carries a region, 0 when not (also for null or a bad size word). */
@@ -1314,7 +1315,9 @@ OMBRIX_API int32_t K_IsPtInBitmapRgn(const BITMAPRECORD* pBitmap, int32_t nRow, 
  * 1; -2 null record, -789 size word, -13 null puMax. */
 OMBRIX_API int32_t K_GetBitmapClipSegmentsMax(const BITMAPRECORD* pBitmap, uint32_t* puMax);
 /* Copies row nRow's x values (pairs x1, x2, x2 exclusive) into pSegments,
- * which must hold K_GetBitmapClipSegmentsMax values, and stores their count. */
+ * which must hold K_GetBitmapClipSegmentsMax values, and stores their count
+ * 1; -2 null record, -789 size word, -13 null
+ * pSegments or puCount. */
 OMBRIX_API int32_t K_GetBitmapClipSegments(const BITMAPRECORD* pBitmap, int32_t nRow, int32_t* pSegments,
                                            uint32_t* puCount);
 /* Moves the region (the whole bitmap without one) by the offsets, clipped to
@@ -1326,7 +1329,9 @@ OMBRIX_API int32_t K_OffsetBitmapRgn(BITMAPRECORD* pBitmap, int32_t nRowOffset, 
 OMBRIX_API int32_t K_SizeBitmapRgn(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight);
 OMBRIX_API int32_t K_FlipBitmapRgn(BITMAPRECORD* pBitmap);
 OMBRIX_API int32_t K_ReverseBitmapRgn(BITMAPRECORD* pBitmap);
-/* *phRgn = a new handle of the region mapped out (the whole bitmap without region). */
+/* *phRgn = a new handle of the region mapped out (the whole bitmap without
+ * region); the caller deletes it. 1; -2 null record, -789 size word, -13 null
+ * phRgn or a bad transform, -1 memory (*phRgn unchanged). */
 OMBRIX_API int32_t K_GetBitmapRgnHandle(const BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, HRGN* phRgn);
 /* nSize 0: bytes needed; else what GetRegionData returns for the mapped
  * region. 0 without region. */
