@@ -1315,7 +1315,7 @@ OMBRIX_API int32_t K_IsPtInBitmapRgn(const BITMAPRECORD* pBitmap, int32_t nRow, 
  * 1; -2 null record, -789 size word, -13 null puMax. */
 OMBRIX_API int32_t K_GetBitmapClipSegmentsMax(const BITMAPRECORD* pBitmap, uint32_t* puMax);
 /* Copies row nRow's x values (pairs x1, x2, x2 exclusive) into pSegments,
- * which must hold K_GetBitmapClipSegmentsMax values, and stores their count
+ * which must hold K_GetBitmapClipSegmentsMax values, and stores their count.
  * 1; -2 null record, -789 size word, -13 null
  * pSegments or puCount. */
 OMBRIX_API int32_t K_GetBitmapClipSegments(const BITMAPRECORD* pBitmap, int32_t nRow, int32_t* pSegments,
