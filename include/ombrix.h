@@ -306,9 +306,15 @@ OMBRIX_API int32_t K_ChangeBitmapHeight(BITMAPRECORD* pBitmap, int32_t nHeight);
 OMBRIX_API int32_t K_SetBitmapDataCallbacks(BITMAPRECORD* pBitmap, const BITMAPDATACALLBACKS* pCallbacks);
 OMBRIX_API int32_t K_GetBitmapDataCallbacks(const BITMAPRECORD* pBitmap, BITMAPDATACALLBACKS* pCallbacks);
 
-/* Storage of an initialised record (memory type bit set, MEMTYPE_). */
+/* Gives an initialised record (K_InitBitmap) storage of the memory type
+ * (MEMTYPE_ bits). Returns 1; -13 null record, a record being accessed or a
+ * type that cannot be had; -789 size word; -11 an empty image; -27 a depth the
+ * compressed kinds cannot hold; -1 memory; an allocate callback's answer. */
 OMBRIX_API int32_t K_AllocateBitmap(BITMAPRECORD* pBitmap, uint32_t uMemoryType);
-/* Bracket direct use of pData; they nest. */
+/* Bracket direct use of pData; they nest (nLockCount). K_AccessBitmap: 1, -13
+ * null record, -2 unallocated, -789 size word, an access callback's answer.
+ * K_ReleaseBitmap: 1 (also when nothing is accessed), -814 null record, -789
+ * size word, a release callback's answer. */
 OMBRIX_API int32_t K_AccessBitmap(BITMAPRECORD* pBitmap);
 OMBRIX_API int32_t K_ReleaseBitmap(BITMAPRECORD* pBitmap);
 
@@ -368,7 +374,8 @@ OMBRIX_API int32_t K_SetCopyStatusCallBack(STATUSCALLBACK pfnCallback, void* pUs
                                            STATUSCALLBACK* ppfnOld, void** ppOldUserData);
 OMBRIX_API int32_t K_GetCopyStatusCallBack(STATUSCALLBACK* ppfnCallback, void** ppUserData);
 
-/* Library information: version and build options as text. */
+/* Library information: version and build options as text (a constant string),
+ * the processor's features, the number of processors (at least 1). */
 OMBRIX_API const char* K_GetVersionString(void);
 OMBRIX_API uint32_t    K_GetCpuFeatures(void);   /* bit 0 SSE2, bit 1 SSSE3, bit 2 SSE4.1, bit 3 AVX2 */
 OMBRIX_API int32_t     K_GetProcessorCount(void);
@@ -1286,24 +1293,45 @@ OMBRIX_API int32_t K_SetBitmapRgnData(BITMAPRECORD* pBitmap, const RGNXFORM* pXF
 OMBRIX_API int32_t K_SetBitmapRgnFromMask(BITMAPRECORD* pBitmap, const RGNXFORM* pXForm,
                                           const BITMAPRECORD* pMask, uint32_t uCombineMode);
 /* The pixels of pBitmap whose colour is exactly uColor (0x00BBGGRR; for a
- * palette bitmap, the pixels whose palette entry has that colour). */
+ * palette bitmap, the pixels whose palette entry has that colour). Statuses as
+ * K_SetBitmapRgn (-2 null bitmap, -789 size word, -13 bad mode, -1 memory). */
 OMBRIX_API int32_t K_SetBitmapRgnColor(BITMAPRECORD* pBitmap, uint32_t uColor, uint32_t uCombineMode);
 
+/* 1 when the bitmap carries a region, 0 when not (also for null or a bad size word). */
 OMBRIX_API int32_t K_BitmapHasRgn(const BITMAPRECORD* pBitmap);
+/* Removes the bitmap's region. 1; -13 null record, -789 size word. */
 OMBRIX_API int32_t K_FreeBitmapRgn(BITMAPRECORD* pBitmap);
+/* *pRect = the region's bounding rectangle (the bitmap's rectangle without a
+ * region) mapped out through pXForm. 1; -2 null record or rectangle, -789 size
+ * word, -13 bad transform or a result outside 32 bits (*pRect unchanged). */
 OMBRIX_API int32_t K_GetBitmapRgnBounds(const BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, RECT* pRect);
+/* *puArea = pixels in the region (width x height without one). 1; -2 null
+ * record, -789 size word, -13 null puArea. */
 OMBRIX_API int32_t K_GetBitmapRgnArea(const BITMAPRECORD* pBitmap, uint64_t* puArea);
+/* 1 when stored pixel (nRow, nCol) is in the region (in the bitmap without
+ * one), else 0 (also for null or a bad size word). */
 OMBRIX_API int32_t K_IsPtInBitmapRgn(const BITMAPRECORD* pBitmap, int32_t nRow, int32_t nCol);
+/* *puMax = the most segment values any row can give K_GetBitmapClipSegments.
+ * 1; -2 null record, -789 size word, -13 null puMax. */
 OMBRIX_API int32_t K_GetBitmapClipSegmentsMax(const BITMAPRECORD* pBitmap, uint32_t* puMax);
 /* Copies row nRow's x values (pairs x1, x2, x2 exclusive) into pSegments,
- * which must hold K_GetBitmapClipSegmentsMax values, and stores their count. */
+ * which must hold K_GetBitmapClipSegmentsMax values, and stores their count.
+ * 1; -2 null record, -789 size word, -13 null
+ * pSegments or puCount. */
 OMBRIX_API int32_t K_GetBitmapClipSegments(const BITMAPRECORD* pBitmap, int32_t nRow, int32_t* pSegments,
                                            uint32_t* puCount);
+/* Moves the region (the whole bitmap without one) by the offsets, clipped to
+ * the bitmap unless it is kept unclipped; scales it from the bitmap's size to
+ * nWidth x nHeight; flips its rows; reverses its columns. The last three do
+ * nothing without a region. 1; -13 null record (and negative sizes for
+ * K_SizeBitmapRgn), -789 size word, -1 memory (the region unchanged). */
 OMBRIX_API int32_t K_OffsetBitmapRgn(BITMAPRECORD* pBitmap, int32_t nRowOffset, int32_t nColOffset);
 OMBRIX_API int32_t K_SizeBitmapRgn(BITMAPRECORD* pBitmap, int32_t nWidth, int32_t nHeight);
 OMBRIX_API int32_t K_FlipBitmapRgn(BITMAPRECORD* pBitmap);
 OMBRIX_API int32_t K_ReverseBitmapRgn(BITMAPRECORD* pBitmap);
-/* *phRgn = a new handle of the region mapped out (the whole bitmap without region). */
+/* *phRgn = a new handle of the region mapped out (the whole bitmap without
+ * region); the caller deletes it. 1; -2 null record, -789 size word, -13 null
+ * phRgn or a bad transform, -1 memory (*phRgn unchanged). */
 OMBRIX_API int32_t K_GetBitmapRgnHandle(const BITMAPRECORD* pBitmap, const RGNXFORM* pXForm, HRGN* phRgn);
 /* nSize 0: bytes needed; else what GetRegionData returns for the mapped
  * region. 0 without region. */

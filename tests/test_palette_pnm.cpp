@@ -17,7 +17,9 @@
 #include <unistd.h>
 
 #include "ombrix.h"
-#include "../tools/ombrix/pnm.h"
+#include "../tools/ombrix/image.h"
+
+namespace pnm = image;
 
 namespace {
 
@@ -176,38 +178,28 @@ TEST(PalettePnm, DeepFormatsInEveryViewPerspective) {
                 ASSERT_EQ(raw.h, Hv);
                 const bool wide = f.bpp >= 48 || f.order == ORDER_GRAY;
                 ASSERT_EQ(raw.maxval, wide ? 65535 : 255);
-                ASSERT_EQ(raw.depth, f.order == ORDER_GRAY ? 1 : 3);
+                const bool alpha = f.bpp == 32 && std::string(ext) == ".pam";  // PAM keeps the alpha
+                ASSERT_EQ(raw.depth, f.order == ORDER_GRAY ? 1 : alpha ? 4 : 3);
                 for (int i = 0; i < Wv * Hv; ++i) {
                     const Rgb& o = view[size_t(i)];
                     auto want = [&](uint32_t v) { return wide ? v : v >> 8; };
                     if (raw.depth == 1) {
                         ASSERT_EQ(raw.samples[size_t(i)], want(o.r)) << i;
                     } else {
-                        ASSERT_EQ(raw.samples[size_t(3 * i)], want(o.r)) << i;
-                        ASSERT_EQ(raw.samples[size_t(3 * i + 1)], want(o.g)) << i;
-                        ASSERT_EQ(raw.samples[size_t(3 * i + 2)], want(o.b)) << i;
+                        const size_t d = size_t(raw.depth);
+                        ASSERT_EQ(raw.samples[d * size_t(i)], want(o.r)) << i;
+                        ASSERT_EQ(raw.samples[d * size_t(i) + 1], want(o.g)) << i;
+                        ASSERT_EQ(raw.samples[d * size_t(i) + 2], want(o.b)) << i;
                     }
                 }
-                // Reading gives 8-bit samples, top row first.
+                // Reading keeps the file's depth, top row first: written again, the same file.
                 BITMAPRECORD back;
                 ASSERT_EQ(pnm::read(path, back), KS_SUCCESS);
                 EXPECT_EQ(back.nViewPerspective, TOP_LEFT);
-                EXPECT_EQ(back.nBitsPerPixel, raw.depth == 1 ? 8 : 24);
-                ASSERT_EQ(K_AccessBitmap(&back), KS_SUCCESS);
-                for (int y = 0; y < Hv; ++y)
-                    for (int x = 0; x < Wv; ++x) {
-                        const uint8_t* q = back.pData + size_t(y) * back.nBytesPerLine;
-                        const Rgb& o = view[size_t(y * Wv + x)];
-                        // 16-bit samples round to the nearest 8-bit level.
-                        auto to8 = [&](uint32_t v) { return wide ? (v * 255 + 32767) / 65535 : v >> 8; };
-                        if (raw.depth == 1) {
-                            ASSERT_EQ(q[x], to8(o.r));
-                        } else {
-                            ASSERT_EQ(q[3 * x + 2], to8(o.r));
-                            ASSERT_EQ(q[3 * x + 1], to8(o.g));
-                            ASSERT_EQ(q[3 * x], to8(o.b));
-                        }
-                    }
+                EXPECT_EQ(back.nBitsPerPixel, raw.depth == 1 ? (wide ? 16 : 8) : (wide ? 16 : 8) * raw.depth);
+                const std::string again = tempPath(std::string("again") + ext);
+                ASSERT_EQ(pnm::write(again, back), KS_SUCCESS);
+                EXPECT_EQ(readFile(again), readFile(path));
                 K_FreeBitmap(&back);
             }
             K_FreeBitmap(&bm);
@@ -281,21 +273,21 @@ TEST(PalettePnm, PalettedBitmaps) {
 TEST(PalettePnm, ForeignFilesAndOddMaxvals) {
     const std::string path = tempPath("in.pnm");
     BITMAPRECORD bm;
-    // Comments in the header, maxval 1000, 16-bit big-endian samples.
+    // Comments in the header, maxval 1000, 16-bit big-endian samples: 48 bits.
     std::string p6 = "P6\n# a comment\n2 1 # another\n1000\n";
     for (uint32_t v : {0u, 500u, 1000u, 999u, 1u, 2u}) p6 += char(v >> 8), p6 += char(v & 255);
     writeFile(path, p6);
     ASSERT_EQ(pnm::read(path, bm), KS_SUCCESS);
-    ASSERT_EQ(bm.nBitsPerPixel, 24);
+    ASSERT_EQ(bm.nBitsPerPixel, 48);
     ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-    auto s = [](uint32_t v) { return (v * 255 + 500) / 1000; };
-    const uint8_t* q = bm.pData;
-    EXPECT_EQ(q[2], s(0));
-    EXPECT_EQ(q[1], s(500));
-    EXPECT_EQ(q[0], s(1000));
-    EXPECT_EQ(q[5], s(999));
-    EXPECT_EQ(q[4], s(1));
-    EXPECT_EQ(q[3], s(2));
+    auto s = [](uint32_t v) { return (v * 65535 + 500) / 1000; };
+    auto q = [&](int i) { return uint32_t(bm.pData[2 * i]) | uint32_t(bm.pData[2 * i + 1]) << 8; };
+    EXPECT_EQ(q(2), s(0));
+    EXPECT_EQ(q(1), s(500));
+    EXPECT_EQ(q(0), s(1000));
+    EXPECT_EQ(q(5), s(999));
+    EXPECT_EQ(q(4), s(1));
+    EXPECT_EQ(q(3), s(2));
     K_FreeBitmap(&bm);
 
     // PAM grey with alpha: alpha dropped. PAM black and white: 1 is white.
@@ -349,7 +341,8 @@ TEST(PalettePnm, MalformedFilesAreRefusedAndLeaveTheRecord) {
     BITMAPRECORD romm;
     ASSERT_EQ(K_CreateBitmap(&romm, BITMAPRECORD_SIZE, 1, 2, 2, 24, ORDER_ROMM, nullptr, TOP_LEFT, nullptr, 0),
               KS_SUCCESS);
-    EXPECT_EQ(pnm::write(tempPath("x.pnm"), romm), KS_UNSUPPORTED_CONVERSION);
+    EXPECT_EQ(pnm::write(tempPath("x.pnm"), romm), KS_SUCCESS);  // converted to ordinary primaries
+    EXPECT_EQ(pnm::write(tempPath("x.bmp"), romm), KS_NOT_SUPPORTED);  // no such format
     K_FreeBitmap(&romm);
 }
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "cli.h"
-#include "pnm.h"
+#include "image.h"
 
 namespace {
 
@@ -29,34 +29,8 @@ const OpName kOps[] = {{"and", CombineAnd},          {"or", CombineOr},
                        {"none", CombineNoOperation}, {"alpha-over", CombineAlphaOver}};
 const char* const kOperators[] = {"value", "invert", "zero", "ones"};
 
-int parseOperator(const std::string& s) {
-    for (int i = 0; i < 4; ++i)
-        if (s == kOperators[i]) return i;
-    return -1;
-}
 
-bool parsePair(const std::string& s, char sep, int32_t* a, int32_t* b) {
-    const size_t k = s.find(sep);
-    if (k == std::string::npos) return false;
-    char* e1 = nullptr;
-    char* e2 = nullptr;
-    const long x = std::strtol(s.c_str(), &e1, 10), y = std::strtol(s.c_str() + k + 1, &e2, 10);
-    if (e1 != s.c_str() + k || !e2 || *e2) return false;
-    if (x < INT32_MIN || x > INT32_MAX || y < INT32_MIN || y > INT32_MAX) return false;
-    *a = int32_t(x);
-    *b = int32_t(y);
-    return true;
-}
 
-int32_t progressBar(int32_t pct, void*) {
-    char bar[41];
-    const int filled = pct * 40 / 100;
-    for (int i = 0; i < 40; ++i) bar[i] = i < filled ? '#' : '.';
-    bar[40] = 0;
-    std::fprintf(stderr, "\r[%s] %3d%%%s", bar, pct, pct >= 100 ? "\n" : "");
-    std::fflush(stderr);
-    return 1;
-}
 
 // Both pictures in one depth: kept when they agree, else both as 24-bit BGR.
 int32_t sameDepth(BITMAPRECORD& a, BITMAPRECORD& b) {
@@ -64,7 +38,7 @@ int32_t sameDepth(BITMAPRECORD& a, BITMAPRECORD& b) {
     for (BITMAPRECORD* bm : {&a, &b}) {
         if (bm->nBitsPerPixel == 24) continue;
         BITMAPRECORD wide;
-        int32_t rc = pnm::toBgr24(*bm, wide);
+        int32_t rc = image::toBgr24(*bm, wide);
         if (rc != KS_SUCCESS) return rc;
         K_FreeBitmap(bm);
         *bm = wide;
@@ -72,64 +46,29 @@ int32_t sameDepth(BITMAPRECORD& a, BITMAPRECORD& b) {
     return KS_SUCCESS;
 }
 
-int run(const cli::Args& args) {
-    std::string files[3];
-    int nfiles = 0;
-    uint32_t op = CombineAdd;
-    int sop = 0, dop = 0, rop = 0;
-    int32_t xd = 0, yd = 0, xs = 0, ys = 0, w = -1, h = -1;
-    long rawFlags = -1;
-    auto usage = [] {
-        std::fprintf(stderr,
-                     "usage: ombrix combine DST.pnm SRC.pnm OUT.pnm [--op OP] [--src-op O] [--dst-op O] [--res-op O]\n"
-                     "                      [--at X,Y] [--from X,Y] [--size WxH] [--flags 0xNNNN]\n"
-                     "  OP: and or xor add subtract-source subtract-destination multiply divide-source\n"
-                     "      divide-destination average min max none alpha-over\n"
-                     "  O:  value invert zero ones;  --at is the corner in DST, --from the corner in SRC\n");
-        return 2;
-    };
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        auto value = [&]() -> const std::string* { return i + 1 < args.size() ? &args[++i] : nullptr; };
-        if (a == "--op") {
-            const std::string* v = value();
-            if (!v) return usage();
-            bool found = false;
-            for (const OpName& o : kOps)
-                if (*v == o.name) op = o.value, found = true;
-            if (!found) return usage();
-        } else if (a == "--src-op" || a == "--dst-op" || a == "--res-op") {
-            const std::string* v = value();
-            const int o = v ? parseOperator(*v) : -1;
-            if (o < 0) return usage();
-            (a == "--src-op" ? sop : a == "--dst-op" ? dop : rop) = o;
-        } else if (a == "--at" || a == "--from") {
-            const std::string* v = value();
-            if (!v || !parsePair(*v, ',', a == "--at" ? &xd : &xs, a == "--at" ? &yd : &ys)) return usage();
-        } else if (a == "--size") {
-            const std::string* v = value();
-            if (!v || !parsePair(*v, 'x', &w, &h) || w < 0 || h < 0) return usage();
-        } else if (a == "--flags") {
-            const std::string* v = value();
-            if (!v) return usage();
-            rawFlags = std::strtol(v->c_str(), nullptr, 0);
-        } else if (nfiles < 3) {
-            files[nfiles++] = a;
-        } else {
-            return usage();
-        }
-    }
-    if (nfiles != 3) return usage();
+const char* const kOpChoices =
+    "and|or|xor|add|subtract-source|subtract-destination|multiply|divide-source|divide-destination|average|min|max|"
+    "none|alpha-over";
+const char* const kOperatorChoices = "value|invert|zero|ones";
+
+int run(const cli::Call& call) {
+    const std::string files[3] = {call.args[0], call.args[1], call.args[2]};
+    const uint32_t op = kOps[call.choice("--op", 3)].value;
+    const int sop = call.choice("--src-op", 0), dop = call.choice("--dst-op", 0), rop = call.choice("--res-op", 0);
+    const auto at = call.pair("--at", {0, 0}), from = call.pair("--from", {0, 0}), size = call.pair("--size", {-1, -1});
+    const int32_t xd = int32_t(at.first), yd = int32_t(at.second), xs = int32_t(from.first), ys = int32_t(from.second);
+    int32_t w = int32_t(size.first), h = int32_t(size.second);
+    const long rawFlags = call.integer("--flags", -1);
     const uint32_t flags = rawFlags >= 0 ? uint32_t(rawFlags)
                                          : uint32_t(sop) | uint32_t(dop) << 4 | op | uint32_t(rop) << 12;
     BITMAPRECORD dst, src;
     std::string why;
-    int32_t rc = pnm::read(files[0], dst, &why);
+    int32_t rc = image::read(files[0], dst, &why);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "combine: %s: %s\n", files[0].c_str(), why.empty() ? cli::statusText(rc).c_str() : why.c_str());
         return 1;
     }
-    rc = pnm::read(files[1], src, &why);
+    rc = image::read(files[1], src, &why);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "combine: %s: %s\n", files[1].c_str(), why.empty() ? cli::statusText(rc).c_str() : why.c_str());
         K_FreeBitmap(&dst);
@@ -137,15 +76,10 @@ int run(const cli::Args& args) {
     }
     rc = sameDepth(dst, src);
     if (w < 0) w = src.nWidth, h = src.nHeight;
-    STATUSCALLBACK oldCb = nullptr;
-    void* oldUser = nullptr;
-    const bool bar = isatty(2);
-    if (bar) K_SetStatusCallBack(&progressBar, nullptr, &oldCb, &oldUser);
     const auto t0 = std::chrono::steady_clock::now();
     if (rc == KS_SUCCESS) rc = K_CombineBitmapKrn(&dst, xd, yd, w, h, &src, xs, ys, flags);
     const double sec = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    if (bar) K_SetStatusCallBack(oldCb, oldUser, nullptr, nullptr);
-    if (rc == KS_SUCCESS) rc = pnm::write(files[2], dst, &why);
+    if (rc == KS_SUCCESS) rc = image::write(files[2], dst, &why);
     if (rc == KS_SUCCESS)
         std::printf("combined %s into %s with flags 0x%04X (%d bits, %dx%d at %d,%d from %d,%d) in %.2f ms; wrote %s\n",
                     files[1].c_str(), files[0].c_str(), flags, dst.nBitsPerPixel, w, h, xd, yd, xs, ys, sec * 1e3,
@@ -157,10 +91,17 @@ int run(const cli::Args& args) {
     return rc == KS_SUCCESS ? 0 : 1;
 }
 
-cli::RegisterCommand reg({"combine",
-                          "DST.pnm SRC.pnm OUT.pnm [--op OP] [--src-op O] [--dst-op O] [--res-op O] [--at X,Y] "
-                          "[--from X,Y] [--size WxH] [--flags 0xNNNN]",
-                          "combine a picture into another under any operation", run});
+cli::RegisterCommand reg({"combine", "DST SRC OUT", "combine a picture into another under any operation", run,
+                          {{"--op", cli::Type::Choice, "OP", "the operation", 0, 0, kOpChoices},
+                           {"--src-op", cli::Type::Choice, "O", "operator on the source", 0, 0, kOperatorChoices},
+                           {"--dst-op", cli::Type::Choice, "O", "operator on the destination", 0, 0, kOperatorChoices},
+                           {"--res-op", cli::Type::Choice, "O", "operator on the result", 0, 0, kOperatorChoices},
+                           {"--at", cli::Type::Pair, "X,Y", "corner in DST", -2147483647.0, 2147483647.0},
+                           {"--from", cli::Type::Pair, "X,Y", "corner in SRC", -2147483647.0, 2147483647.0},
+                           {"--size", cli::Type::Size, "WxH", "size of the combined area (default: SRC)", 0, 2147483647.0},
+                           {"--flags", cli::Type::Int, "0xNNNN", "raw combine flags (instead of the four above)", 0,
+                            4294967295.0}},
+                          3, 3});
 
 // ---------------------------------------------------------------- demo
 
@@ -178,11 +119,11 @@ std::vector<uint8_t> bytesOf(BITMAPRECORD& bm) {
 
 bool demo(cli::Report& rep, const BITMAPRECORD& sample) {
     BITMAPRECORD a, b;
-    if (pnm::toBgr24(sample, a) != KS_SUCCESS) {
+    if (image::toBgr24(sample, a) != KS_SUCCESS) {
         rep.check(false, "sample as 24-bit BGR");
         return false;
     }
-    pnm::toBgr24(sample, b);
+    image::toBgr24(sample, b);
     const std::vector<uint8_t> orig = bytesOf(a);
     const int32_t w = a.nWidth, h = a.nHeight;
     char line[200];
@@ -204,7 +145,7 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sample) {
     rep.check(white, "the sample plus its negative is white");
 
     // 3. Minimum and maximum with the negative: every sample below and above the midpoint.
-    pnm::toBgr24(sample, b);
+    image::toBgr24(sample, b);
     const auto t0 = std::chrono::steady_clock::now();
     K_CombineBitmapKrn(&b, 0, 0, w, h, &a, 0, 0, CombineMinimum | COMBINE_SRC_INVERT);
     const double sec = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
@@ -216,7 +157,7 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sample) {
     rep.line(line);
 
     // 4. A shifted average inside a region: pixels outside the region keep their values.
-    pnm::toBgr24(sample, b);
+    image::toBgr24(sample, b);
     RECT r{w / 4, h / 4, w / 2, h / 2};
     K_SetBitmapRgnEllipse(&b, nullptr, &r, RGN_SET_REPLACE);
     K_CombineBitmapKrn(&b, 0, 0, w, h, &a, 5, 3, CombineAverage);
@@ -230,10 +171,11 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sample) {
             (in ? changedInside : changedOutside) += changed;
         }
     rep.check(changedOutside == 0 && changedInside > 0, "an average inside an elliptic region leaves the rest alone");
+    rep.save("combine-average-in-ellipse.png", b);
     K_FreeBitmapRgn(&b);
 
     // 5. Bad flag words are refused before any pixel is touched.
-    pnm::toBgr24(sample, b);
+    image::toBgr24(sample, b);
     const bool refused = K_CombineBitmapKrn(&b, 0, 0, w, h, &a, 0, 0, 0x0E00) == KS_INVALID_PARAMETER &&
                          K_CombineBitmapKrn(&b, 0, 0, w, h, &a, 0, 0, 0x10000) == KS_INVALID_PARAMETER;
     rep.check(refused && bytesOf(b) == orig, "invalid flag words give -13 and change nothing");

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "cli.h"
-#include "pnm.h"
+#include "image.h"
 
 namespace {
 
@@ -27,10 +27,10 @@ struct Picture {
     std::vector<uint8_t> bgr;
 };
 
-// Copies a bitmap's viewed pixels into a Picture through pnm::toBgr24.
+// Copies a bitmap's viewed pixels into a Picture through image::toBgr24.
 int32_t pictureOf(const BITMAPRECORD& bm, Picture& pic) {
     BITMAPRECORD bgr;
-    int32_t rc = pnm::toBgr24(bm, bgr);
+    int32_t rc = image::toBgr24(bm, bgr);
     if (rc != KS_SUCCESS) return rc;
     rc = K_AccessBitmap(&bgr);
     if (rc == KS_SUCCESS) {
@@ -64,13 +64,6 @@ int32_t makeBitmap(int w, int h, int bits, int order, const RGBQUAD* pal, BITMAP
 const char* const kMethodNames[9] = {"nearest", "floyd",   "stucki",  "burkes",   "sierra",
                                      "stevenson", "jarvis", "ordered", "clustered"};
 
-int parseMethod(const std::string& s) {
-    for (int i = 0; i < 9; ++i)
-        if (s == kMethodNames[i]) return i;
-    char* end = nullptr;
-    long v = std::strtol(s.c_str(), &end, 10);
-    return (end && *end == 0 && v >= 0 && v <= 8) ? int(v) : -1;
-}
 
 // Dithers 24-bit BGR rows to packed indices and expands them back to colours
 // through the buffer converter. Returns a status; `used` gets the number of
@@ -118,47 +111,49 @@ int32_t ditherPicture(const Picture& in, int method, const RGBQUAD* pal, uint32_
     return rc;
 }
 
-int runConvert(const cli::Args& args) {
-    std::string in, out, paletteKind = "fixed";
-    int bits = 0, order = ORDER_BGR, method = DITHER_FLOYD_STEINBERG;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        auto value = [&](const char* name) -> std::string {
-            if (i + 1 >= args.size()) {
-                std::fprintf(stderr, "convert: %s needs a value\n", name);
-                std::exit(2);
-            }
-            return args[++i];
-        };
-        if (a == "--bits") bits = std::atoi(value("--bits").c_str());
-        else if (a == "--order") order = std::atoi(value("--order").c_str());
-        else if (a == "--dither") {
-            method = parseMethod(value("--dither"));
-            if (method < 0) {
-                std::fprintf(stderr, "convert: --dither takes 0..8 or one of nearest, floyd, stucki, burkes, sierra, "
-                                     "stevenson, jarvis, ordered, clustered\n");
-                return 2;
-            }
-        } else if (a == "--palette") paletteKind = value("--palette");
-        else if (in.empty()) in = a;
-        else if (out.empty()) out = a;
-        else {
-            std::fprintf(stderr, "convert: unexpected argument '%s'\n", a.c_str());
-            return 2;
-        }
+// Without --bits: the picture as it is, in the format of the output's extension.
+int copyPicture(const std::string& in, const std::string& out) {
+    BITMAPRECORD bm;
+    std::string why, note;
+    image::Format format;
+    int32_t rc = image::read(in, bm, &why, &format);
+    if (rc != KS_SUCCESS) {
+        std::fprintf(stderr, "convert: %s: %s\n", in.c_str(), why.c_str());
+        return 1;
     }
-    const bool depthOk = (bits >= 1 && bits <= 8) || bits == 12 || bits == 16 || bits == 24 || bits == 32 ||
-                         bits == 48 || bits == 64;
-    if (in.empty() || out.empty() || !depthOk) {
-        std::fprintf(stderr, "usage: ombrix convert IN.pnm OUT.pnm --bits N [--order O] [--dither M] "
-                             "[--palette fixed|web|gray]\n"
-                             "  N 1..8 dithers to a palette; 12, 16, 24, 32, 48, 64 convert (order O: 0 RGB, 1 BGR,\n"
-                             "  2 grey, 5 wide primaries, 7 5-6-5) and back to 24 bits for the output picture\n");
-        return 2;
+    rc = image::write(out, bm, &why, &note);
+    K_FreeBitmap(&bm);
+    if (rc != KS_SUCCESS) {
+        std::fprintf(stderr, "convert: %s: %s\n", out.c_str(), why.c_str());
+        return 1;
     }
+    if (!note.empty()) std::fprintf(stderr, "convert: %s: %s\n", out.c_str(), note.c_str());
+    return 0;
+}
+
+const char* const kOrderNames = "rgb|bgr|grey|wide|565";
+const int kOrders[] = {ORDER_RGB, ORDER_BGR, ORDER_GRAY, ORDER_ROMM, ORDER_RGB565};
+const char* const kPaletteNames = "fixed|web|grey|gray";
+
+int runConvert(const cli::Call& call) {
+    const std::string in = call.args[0], out = call.args[1];
+    if (call.has("--quality")) image::setJpegQuality(int(call.integer("--quality", 92)));
+    if (!call.has("--bits")) {
+        for (const char* o : {"--order", "--dither", "--palette"})
+            if (call.has(o)) throw cli::UsageError(std::string(o) + " needs --bits");
+        return copyPicture(in, out);
+    }
+    const int bits = int(call.integer("--bits", 24));
+    if (!((bits >= 1 && bits <= 8) || bits == 12 || bits == 16 || bits == 24 || bits == 32 || bits == 48 || bits == 64))
+        throw cli::UsageError("--bits: " + std::to_string(bits) + " is not one of 1..8, 12, 16, 24, 32, 48, 64");
+    const int orderIndex = call.choice("--order", bits == 12 ? 2 : 1);
+    const int order = kOrders[orderIndex];
+    const int method = call.choice("--dither", DITHER_FLOYD_STEINBERG);
+    std::string paletteKind = call.text("--palette", "fixed");
+    if (paletteKind == "gray") paletteKind = "grey";
     BITMAPRECORD src;
     std::string why;
-    int32_t rc = pnm::read(in, src, &why);
+    int32_t rc = image::read(in, src, &why);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "convert: %s: %s\n", in.c_str(), why.empty() ? cli::statusText(rc).c_str() : why.c_str());
         return 1;
@@ -183,14 +178,11 @@ int runConvert(const cli::Args& args) {
                 return 2;
             }
             std::memcpy(pal.data(), K_IntGetNetscapePalette(), 256 * sizeof(RGBQUAD));
-        } else if (paletteKind == "gray" || paletteKind == "grey") {
+        } else {  // grey
             RGBQUAD* ramp = K_CreateGrayPalette(bits);
             if (!ramp) return 1;
             std::memcpy(pal.data(), ramp, pal.size() * sizeof(RGBQUAD));
             K_GlobalFree(ramp);
-        } else {
-            std::fprintf(stderr, "convert: --palette is fixed, web or gray\n");
-            return 2;
         }
         // The dithered rows go straight into a bitmap of N bits with the palette.
         BITMAPRECORD run;
@@ -209,12 +201,14 @@ int runConvert(const cli::Args& args) {
             std::fprintf(stderr, "convert: dithering failed: %s\n", cli::statusText(rc).c_str());
             return 1;
         }
-        std::printf("%s: %dx%d -> %d bits, %s palette, %s dithering: %.1f ms (%.1f Mpixel/s)\n", in.c_str(), w, h,
+        if (!call.quiet)
+            std::printf("%s: %dx%d -> %d bits, %s palette, %s dithering: %.1f ms (%.1f Mpixel/s)\n", in.c_str(), w, h,
                     bits, paletteKind.c_str(), kMethodNames[method], sec * 1e3, double(w) * h / sec / 1e6);
     } else {
-        // Convert each row; formats a PNM cannot hold (12-bit grey, the wide
-        // primaries) are converted back to 24 bits for the picture.
-        const bool direct = bits != 12 && order != ORDER_ROMM;
+        // Convert each row. The file writer keeps the depth where the format
+        // can (12-bit grey is written as 16-bit grey, the wide primaries as
+        // ordinary RGB of the same depth).
+        const bool direct = true;
         std::vector<uint8_t> buf(K_CalcConvertSize(w, 24, w, bits));
         const int keepBits = direct ? bits : 24, keepOrder = direct ? order : ORDER_BGR;
         rc = makeBitmap(w, h, keepBits, keepOrder, nullptr, result, [&](int y, uint8_t* row) {
@@ -226,24 +220,37 @@ int runConvert(const cli::Args& args) {
             return r;
         });
         if (rc != KS_SUCCESS) {
-            std::fprintf(stderr, "convert: %d bits, order %d: %s\n", bits, order, cli::statusText(rc).c_str());
+            std::fprintf(stderr, "convert: %d bits, order %s: %s\n", bits, cli::choiceName(kOrderNames, orderIndex).c_str(),
+                         cli::statusText(rc).c_str());
             return 1;
         }
-        std::printf("%s: %dx%d -> %d bits, order %d%s\n", in.c_str(), w, h, bits, order,
-                    direct ? "" : " (written back as 24 bits: PNM cannot hold this format)");
+        if (!call.quiet)
+            std::printf("%s: %dx%d -> %d bits, order %s\n", in.c_str(), w, h, bits,
+                        cli::choiceName(kOrderNames, orderIndex).c_str());
     }
-    rc = pnm::write(out, result, &why);
+    std::string note;
+    rc = image::write(out, result, &why, &note);
     K_FreeBitmap(&result);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "convert: %s: %s\n", out.c_str(), why.empty() ? cli::statusText(rc).c_str() : why.c_str());
         return 1;
     }
-    std::printf("wrote %s\n", out.c_str());
+    if (!note.empty()) std::fprintf(stderr, "convert: %s: %s\n", out.c_str(), note.c_str());
+    if (!call.quiet) std::printf("wrote %s\n", out.c_str());
     return 0;
 }
 
-cli::RegisterCommand reg({"convert", "IN.pnm OUT.pnm --bits N [--order O] [--dither M] [--palette fixed|web|gray]",
-                          "convert a picture to another depth, dithering to a palette", runConvert});
+cli::RegisterCommand reg({"convert", "IN OUT", "convert a picture to another file format, depth or palette",
+                          runConvert,
+                          {{"--bits", cli::Type::Int, "N", "depth: 1..8 dithers to a palette; 12, 16, 24, 32, 48, 64 convert", 1, 64},
+                           {"--order", cli::Type::Choice, "O", "colour order of the deeper depths", 0, 0, kOrderNames},
+                           {"--dither", cli::Type::Choice, "M", "dithering method", 0, 0,
+                            "nearest|floyd|stucki|burkes|sierra|stevenson|jarvis|ordered|clustered"},
+                           {"--palette", cli::Type::Choice, "P", "palette for 1..8 bits", 0, 0, kPaletteNames},
+                           {"--quality", cli::Type::Int, "Q", "JPEG quality", 1, 100}},
+                          2, 2,
+                          "  Without --bits the picture keeps its depth and changes only its file format (from\n"
+                          "  the extension: .png .jpg .tif .pbm .pgm .ppm .pnm .pam)."});
 
 // ---------------------------------------------------------------- demo
 
@@ -283,6 +290,7 @@ bool demoDither(cli::Report& rep, const BITMAPRECORD& sample) {
     size_t used = 0;
     double sec = 0;
     int32_t rc = ditherPicture(pic, DITHER_FLOYD_STEINBERG, fixed256, 256, out, &used, &sec);
+    rep.saveBgr("dither-floyd-fixed256.png", out.width, out.height, out.bgr.data());
     rep.check(rc == KS_SUCCESS, "Floyd-Steinberg to the fixed 256-colour palette");
     double worst = 0;
     for (int c = 0; c < 3; ++c) worst = std::max(worst, std::fabs(mean(out, c) - mean(pic, c)));
@@ -313,6 +321,7 @@ bool demoDither(cli::Report& rep, const BITMAPRECORD& sample) {
 
     // 3. Ordered dithering to two colours is the threshold rule, pixel for pixel.
     rc = ditherPicture(pic, DITHER_ORDERED, bw, 2, out, nullptr, nullptr);
+    rep.saveBgr("dither-ordered-black-white.png", out.width, out.height, out.bgr.data());
     size_t mismatches = 0;
     for (int y = 0; y < pic.height; ++y)
         for (int x = 0; x < pic.width; ++x) {
@@ -342,6 +351,7 @@ bool demoDither(cli::Report& rep, const BITMAPRECORD& sample) {
     RGBQUAD web[256];
     std::memcpy(web, K_IntGetNetscapePalette(), sizeof web);
     rc = ditherPicture(pic, DITHER_STUCKI, web, 256, out, &used, &sec);
+    rep.saveBgr("dither-stucki-web.png", out.width, out.height, out.bgr.data());
     std::set<uint32_t> colours;
     for (size_t i = 0; i < n; ++i)
         colours.insert(uint32_t(out.bgr[3 * i]) | uint32_t(out.bgr[3 * i + 1]) << 8 | uint32_t(out.bgr[3 * i + 2]) << 16);

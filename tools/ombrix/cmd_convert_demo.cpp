@@ -162,7 +162,7 @@ bool demoConvert(cli::Report& rep, const BITMAPRECORD& sample) {
         rep.check(ok && worst <= 2, "BGR -> wide primaries -> BGR within " + std::to_string(worst) + " steps");
         uint8_t one[4] = {1, 2, 3, 0};
         rep.check(K_ConvertBuffer(one, 1, 24, 32, ORDER_BGR, ORDER_BGRWIDE, nullptr, nullptr) == KS_NOT_SUPPORTED,
-                  "wide primaries at 32 bits: converted, then -16");
+                  "wide primaries exist at 24 and 48 bits only: a 32-bit target is refused (-16)");
     }
 
     // HSV: documented colours and a hue histogram of the sample.

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "cli.h"
-#include "pnm.h"
+#include "image.h"
 
 namespace {
 
@@ -27,45 +27,22 @@ int32_t progressBar(int32_t percent, void* user) {
     return 1;
 }
 
-bool parseInt(const std::string& s, long long lo, long long hi, long long* out) {
-    char* end = nullptr;
-    errno = 0;
-    long long v = std::strtoll(s.c_str(), &end, 10);
-    if (errno || !end || *end || s.empty() || v < lo || v > hi) return false;
-    *out = v;
-    return true;
-}
 
-int runCrop(const cli::Args& args) {
-    std::vector<std::string> pos;
-    long long memory = -1;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--memory" && i + 1 < args.size()) {
-            if (!parseInt(args[++i], 0, 0xFFFF, &memory)) {
-                std::fprintf(stderr, "crop: --memory takes a memory type (1, 4, 128, 512, 1024, ...)\n");
-                return 2;
-            }
-        } else {
-            pos.push_back(args[i]);
-        }
-    }
-    long long col, row, w, h;
-    if (pos.size() != 6 || !parseInt(pos[2], INT32_MIN + 1LL, INT32_MAX, &col) ||
-        !parseInt(pos[3], INT32_MIN + 1LL, INT32_MAX, &row) || !parseInt(pos[4], 1, INT32_MAX, &w) ||
-        !parseInt(pos[5], 1, INT32_MAX, &h)) {
-        std::fprintf(stderr, "usage: ombrix crop IN.pnm OUT.pnm COL ROW WIDTH HEIGHT [--memory TYPE]\n");
-        return 2;
-    }
+int runCrop(const cli::Call& call) {
+    const cli::Args& pos = call.args;
+    const long long memory = call.integer("--memory", -1);
+    const long long col = call.intArg(2, INT32_MIN + 1L, INT32_MAX, "COL"), row = call.intArg(3, INT32_MIN + 1L, INT32_MAX, "ROW");
+    const long long w = call.intArg(4, 1, INT32_MAX, "WIDTH"), h = call.intArg(5, 1, INT32_MAX, "HEIGHT");
     BITMAPRECORD in;
     std::string why;
-    int32_t rc = pnm::read(pos[0], in, &why);
+    int32_t rc = image::read(pos[0], in, &why);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "crop: %s: %s (%s)\n", pos[0].c_str(), cli::statusText(rc).c_str(), why.c_str());
         return 1;
     }
     STATUSCALLBACK oldFn = nullptr;
     void* oldUser = nullptr;
-    const bool bar = isatty(2);
+    const bool bar = cli::progressWanted();
     if (bar) K_SetCopyStatusCallBack(&progressBar, const_cast<char*>("crop"), &oldFn, &oldUser);
     BITMAPRECORD out;
     rc = memory < 0 ? K_CopyBitmapRect(&out, &in, BITMAPRECORD_SIZE, int32_t(col), int32_t(row), uint32_t(w),
@@ -78,13 +55,13 @@ int runCrop(const cli::Args& args) {
         std::fprintf(stderr, "crop: %s\n", cli::statusText(rc).c_str());
         return 1;
     }
-    rc = pnm::write(pos[1], out, &why);
+    rc = image::write(pos[1], out, &why);
     K_FreeBitmap(&out);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "crop: %s: %s (%s)\n", pos[1].c_str(), cli::statusText(rc).c_str(), why.c_str());
         return 1;
     }
-    std::printf("%s: %lldx%lld at (%lld, %lld)\n", pos[1].c_str(), w, h, col, row);
+    if (!call.quiet) std::printf("%s: %lldx%lld at (%lld, %lld)\n", pos[1].c_str(), w, h, col, row);
     return 0;
 }
 
@@ -139,6 +116,7 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sampleIn) {
             }
     }
     rep.check(ok, "rectangle copy equals the sample's window, margins untouched");
+    if (ok) rep.save("crop.png", crop);
     // The same crop in place on a copy.
     BITMAPRECORD trimmed;
     ok = ok && K_CopyBitmap(&trimmed, &sample, BITMAPRECORD_SIZE) == KS_SUCCESS;
@@ -160,8 +138,11 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sampleIn) {
     return rep.failures == before;
 }
 
-cli::RegisterCommand reg({"crop", "IN.pnm OUT.pnm COL ROW WIDTH HEIGHT [--memory TYPE]",
-                          "copy a rectangle of a picture into a new file (parts outside stay black)", runCrop});
+cli::RegisterCommand reg({"crop", "IN OUT COL ROW WIDTH HEIGHT",
+                          "copy a rectangle of a picture into a new file (parts outside stay black)", runCrop,
+                          {{"--memory", cli::Type::Int, "TYPE", "memory type of the copy (1, 4, 128, 512, 1024, ...)", 0,
+                            65535}},
+                          6, 6});
 cli::RegisterDemo demoReg({"copy and crop", 55, demo});
 
 }  // namespace

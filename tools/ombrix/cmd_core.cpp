@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "cli.h"
-#include "pnm.h"
+#include "image.h"
 
 namespace {
 
@@ -33,12 +33,24 @@ std::string hex(uint32_t v) {
 
 // ---------------------------------------------------------------- info
 
-int cmdInfo(const cli::Args&) {
+int cmdInfo(const cli::Call&) {
     std::printf("%s\n", K_GetVersionString());
     const uint32_t f = K_GetCpuFeatures();
-    std::printf("cpu features: %s%s%s%s\n", f & 1 ? "sse2 " : "", f & 2 ? "ssse3 " : "", f & 4 ? "sse4.1 " : "",
-                f & 8 ? "avx2" : "");
+    const bool avx512 = __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vbmi");
+    std::printf("cpu features: %s%s%s%s%s\n", f & 1 ? "sse2 " : "", f & 2 ? "ssse3 " : "", f & 4 ? "sse4.1 " : "",
+                f & 8 ? "avx2 " : "", avx512 ? "avx512bw+vbmi" : "");
+    // The converter's rule: the widest kernels the processor has, capped by
+    // OMBRIX_SIMD (none, ssse3, avx2) as read when the process starts.
+    const char* cap = std::getenv("OMBRIX_SIMD");
+    const int capLevel = !cap ? 3 : !std::strcmp(cap, "none") ? 0 : !std::strcmp(cap, "ssse3") ? 1
+                                 : !std::strcmp(cap, "avx2") ? 2 : 3;
+    const int cpuLevel = avx512 ? 3 : (f & 8) ? 2 : (f & 2) ? 1 : 0;
+    static const char* const levels[] = {"none (plain C++)", "ssse3", "avx2", "avx-512 (bw, vbmi)"};
+    std::printf("simd in use: %s", levels[std::min(capLevel, cpuLevel)]);
+    if (cap) std::printf("  (OMBRIX_SIMD=%s caps it; the processor has %s)\n", cap, levels[cpuLevel]);
+    else std::printf("  (the widest this processor has; OMBRIX_SIMD=none, ssse3 or avx2 caps it)\n");
     std::printf("cores: %d\n", K_GetProcessorCount());
+    std::printf("file formats: %s\n", image::formatsText().c_str());
     auto sections = cli::infoSections();
     std::stable_sort(sections.begin(), sections.end(), [](auto& a, auto& b) { return a.order < b.order; });
     for (const auto& s : sections) {
@@ -68,11 +80,8 @@ std::string oneLine(std::string s) {
     return s;
 }
 
-int cmdErrors(const cli::Args& args) {
-    if (args.size() > 1) {
-        std::fprintf(stderr, "usage: ombrix errors [CODE]\n");
-        return 2;
-    }
+int cmdErrors(const cli::Call& call) {
+    const cli::Args& args = call.args;
     if (args.size() == 1) {
         char* end = nullptr;
         const long code = std::strtol(args[0].c_str(), &end, 0);
@@ -151,17 +160,8 @@ bool samePixels(const BITMAPRECORD& a, const BITMAPRECORD& b) {
     return same;
 }
 
-int cmdDemo(const cli::Args& args) {
-    std::string outDir, inFile;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if ((args[i] == "--out" || args[i] == "--in") && i + 1 < args.size()) {
-            (args[i] == "--out" ? outDir : inFile) = args[i + 1];
-            ++i;
-        } else {
-            std::fprintf(stderr, "usage: ombrix demo [--in FILE] [--out DIR]\n");
-            return 2;
-        }
-    }
+int cmdDemo(const cli::Call& call) {
+    const std::string outDir = call.text("--out", ""), inFile = call.text("--in", "");
     std::printf("ombrix demo - %s\n", K_GetVersionString());
     BITMAPRECORD sample;
     int32_t rc;
@@ -175,12 +175,12 @@ int cmdDemo(const cli::Args& args) {
     } else {
         BITMAPRECORD picture;
         std::string why;
-        rc = pnm::read(inFile, picture, &why);
+        rc = image::read(inFile, picture, &why);
         if (rc != KS_SUCCESS) {
             std::fprintf(stderr, "cannot read %s: %s (%s)\n", inFile.c_str(), why.c_str(), cli::statusText(rc).c_str());
             return 1;
         }
-        rc = pnm::toBgr24(picture, sample);
+        rc = image::toBgr24(picture, sample);
         std::printf("sample: %s, %dx%d, %d bits, expanded to 24 bits BGR\n", inFile.c_str(), picture.nWidth,
                     picture.nHeight, picture.nBitsPerPixel);
         K_FreeBitmap(&picture);
@@ -191,6 +191,21 @@ int cmdDemo(const cli::Args& args) {
     }
 
     cli::Report total;
+    if (!outDir.empty()) {
+        std::error_code ec;
+        std::filesystem::create_directories(outDir, ec);  // an existing directory is fine
+        cli::Report::outDir() = outDir;
+        // The sample first, read back to check the file.
+        const std::string name = image::available(image::Format::Png) ? "sample.png" : "sample.ppm";
+        const std::string path = outDir + "/" + name;
+        std::printf("\n[output]\n");
+        total.save(name, sample);
+        BITMAPRECORD back;
+        std::string why;
+        rc = image::read(path, back, &why);
+        total.check(rc == KS_SUCCESS && samePixels(back, sample), "read back " + path + ": same pixels");
+        if (rc == KS_SUCCESS) K_FreeBitmap(&back);
+    }
     int sectionsFailed = 0;
     auto sections = cli::demoSections();
     std::stable_sort(sections.begin(), sections.end(), [](auto& a, auto& b) { return a.order < b.order; });
@@ -208,32 +223,20 @@ int cmdDemo(const cli::Args& args) {
         total.failures += report.failures;
     }
 
-    if (!outDir.empty()) {
-        std::printf("\n[output]\n");
-        std::error_code ec;
-        std::filesystem::create_directories(outDir, ec);  // an existing directory is fine
-        const std::string path = outDir + "/sample.ppm";
-        std::string why;
-        rc = pnm::write(path, sample, &why);
-        total.check(rc == KS_SUCCESS, "wrote " + path + (rc == KS_SUCCESS ? "" : ": " + why));
-        if (rc == KS_SUCCESS) {
-            BITMAPRECORD back;
-            rc = pnm::read(path, back, &why);
-            total.check(rc == KS_SUCCESS && samePixels(back, sample), "read back " + path + ": same pixels");
-            if (rc == KS_SUCCESS) K_FreeBitmap(&back);
-        }
-    }
     K_FreeBitmap(&sample);
 
     std::printf("\nreport: %zu sections, %d checks, %d failed%s\n", sections.size(), total.checks, total.failures,
                 sectionsFailed ? (", " + std::to_string(sectionsFailed) + " section(s) failed").c_str() : "");
+    if (!outDir.empty()) std::printf("%d pictures written to %s\n", cli::Report::written(), outDir.c_str());
     return total.failures || sectionsFailed ? 1 : 0;
 }
 
-cli::RegisterCommand regInfo({"info", "", "version, CPU features, cores and library details", cmdInfo});
-cli::RegisterCommand regErrors({"errors", "[CODE]", "the message of a status code, or all of them", cmdErrors});
-cli::RegisterCommand regDemo({"demo", "[--in FILE] [--out DIR]", "run every capability on a sample and check it",
-                              cmdDemo});
+cli::RegisterCommand regInfo({"info", "", "version, CPU features, file formats and library details", cmdInfo, {}, 0, 0});
+cli::RegisterCommand regErrors({"errors", "[CODE]", "the message of a status code, or all of them", cmdErrors, {}, 0, 1});
+cli::RegisterCommand regDemo({"demo", "", "run every capability on a sample and check it", cmdDemo,
+                              {{"--in", cli::Type::Text, "FILE", "a picture to use instead of the built-in sample"},
+                               {"--out", cli::Type::Text, "DIR", "write the sample and results into DIR"}},
+                              0, 0});
 
 // ---------------------------------------------------------------- demo: record and palettes
 

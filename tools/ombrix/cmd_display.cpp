@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "cli.h"
-#include "pnm.h"
+#include "image.h"
 
 namespace {
 
@@ -85,49 +85,49 @@ int32_t readGrey16(const std::string& path, BITMAPRECORD& bm, std::string& err) 
     return KS_SUCCESS;
 }
 
-uint32_t curveOf(const std::string& s) {
-    if (s == "linear") return WLCURVE_LINEAR;
-    if (s == "exp") return WLCURVE_EXPONENTIAL;
-    if (s == "log") return WLCURVE_LOGARITHMIC;
-    if (s == "sigmoid") return WLCURVE_SIGMOID;
-    return 0xFFFFFFFFu;
+
+// Other picture files (PNG, TIFF, ...): 16-bit grey as it is, 8-bit grey
+// with its values widened to a 16-bit bitmap (the samples keep their values).
+int32_t readGreyPicture(const std::string& path, BITMAPRECORD& bm, std::string& err) {
+    image::Raster r;
+    int32_t rc = image::readRaster(path, r, &err);
+    if (rc != KS_SUCCESS) return rc;
+    if (r.kind != image::Raster::Grey || (r.bits != 8 && r.bits != 16)) {
+        err = "not an 8- or 16-bit grey picture (" + r.describe() + ")";
+        return KS_NOT_SUPPORTED;
+    }
+    if (r.bits == 8) {
+        image::Raster wide = r;
+        wide.bits = 16;
+        wide.allocate();
+        for (int32_t y = 0; y < r.height; ++y)
+            for (int32_t x = 0; x < r.width; ++x) {
+                const uint16_t v = r.row(y)[x];
+                std::memcpy(wide.row(y) + 2 * x, &v, 2);
+            }
+        r = std::move(wide);
+    }
+    const image::Result res = image::toBitmap(r, bm);
+    if (!res.ok()) err = res.error;
+    return res.status;
 }
 
-int runWindow(const cli::Args& args) {
-    if (args.size() < 4) {
-        std::fprintf(stderr,
-                     "usage: ombrix window IN.pgm OUT.pgm LOW HIGH [--curve linear|exp|log|sigmoid] [--factor N]"
-                     " [--invert]\n  IN is a binary PGM; 16-bit samples are windowed to 8 bits.\n");
-        return 2;
-    }
-    uint32_t flags = 0;
-    int32_t factor = 0;
-    for (size_t i = 4; i < args.size(); ++i) {
-        if (args[i] == "--curve" && i + 1 < args.size()) {
-            const uint32_t c = curveOf(args[++i]);
-            if (c == 0xFFFFFFFFu) {
-                std::fprintf(stderr, "ombrix window: unknown curve %s\n", args[i].c_str());
-                return 2;
-            }
-            flags |= c;
-        } else if (args[i] == "--factor" && i + 1 < args.size()) {
-            factor = int32_t(std::strtol(args[++i].c_str(), nullptr, 10));
-        } else if (args[i] == "--invert") {
-            flags |= WL_INVERT;
-        } else {
-            std::fprintf(stderr, "ombrix window: unknown option %s\n", args[i].c_str());
-            return 2;
-        }
-    }
+int runWindow(const cli::Call& call) {
+    const cli::Args& args = call.args;
+    static const uint32_t curves[] = {WLCURVE_LINEAR, WLCURVE_EXPONENTIAL, WLCURVE_LOGARITHMIC, WLCURVE_SIGMOID};
+    uint32_t flags = call.has("--curve") ? curves[call.choice("--curve", 0)] : 0;
+    const int32_t factor = int32_t(call.integer("--factor", 0));
+    if (call.has("--invert")) flags |= WL_INVERT;
+    const int32_t low = int32_t(call.intArg(2, INT32_MIN, INT32_MAX, "LOW"));
+    const int32_t high = int32_t(call.intArg(3, INT32_MIN, INT32_MAX, "HIGH"));
     BITMAPRECORD src, out;
     std::string err;
     int32_t rc = readGrey16(args[0], src, err);
+    if (rc != KS_SUCCESS && rc != KS_FILE_NOT_FOUND) rc = readGreyPicture(args[0], src, err);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "ombrix window: cannot read %s: %s\n", args[0].c_str(), err.c_str());
         return 1;
     }
-    const int32_t low = int32_t(std::strtol(args[2].c_str(), nullptr, 10));
-    const int32_t high = int32_t(std::strtol(args[3].c_str(), nullptr, 10));
     const auto t0 = std::chrono::steady_clock::now();
     rc = K_WindowLevel(&src, &out, BITMAPRECORD_SIZE, low, high, factor, flags);
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
@@ -136,7 +136,7 @@ int runWindow(const cli::Args& args) {
         std::fprintf(stderr, "ombrix window: %s\n", cli::statusText(rc).c_str());
         return 1;
     }
-    rc = pnm::write(args[1], out, &err);
+    rc = image::write(args[1], out, &err);
     std::printf("window [%d, %d] of %dx%d in %.2f ms -> %s\n", low, high, out.nWidth, out.nHeight, ms, args[1].c_str());
     K_FreeBitmap(&out);
     if (rc != KS_SUCCESS) {
@@ -192,30 +192,11 @@ std::vector<BITMAPRECORD> sampleFrames(int32_t* w, int32_t* h) {
     return frames;
 }
 
-int runPlay(const cli::Args& args) {
-    std::string prefix;
-    std::vector<std::string> inputs;
-    uint32_t delay = 100, disposal = 0;
-    bool wait = true;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--delay" && i + 1 < args.size())
-            delay = uint32_t(std::strtoul(args[++i].c_str(), nullptr, 10));
-        else if (args[i] == "--disposal" && i + 1 < args.size())
-            disposal = uint32_t(std::strtoul(args[++i].c_str(), nullptr, 10));
-        else if (args[i] == "--no-wait")
-            wait = false;
-        else if (prefix.empty())
-            prefix = args[i];
-        else
-            inputs.push_back(args[i]);
-    }
-    if (prefix.empty()) {
-        std::fprintf(stderr,
-                     "usage: ombrix play OUT_PREFIX [FRAME.pnm...] [--delay MS] [--disposal N] [--no-wait]\n"
-                     "  composes the frames (or a built-in animation) onto a target and writes each composed\n"
-                     "  frame as OUT_PREFIX-NNN.ppm, waiting the frame delays unless --no-wait.\n");
-        return 2;
-    }
+int runPlay(const cli::Call& call) {
+    const std::string prefix = call.args[0];
+    const std::vector<std::string> inputs(call.args.begin() + 1, call.args.end());
+    const uint32_t delay = uint32_t(call.integer("--delay", 100)), disposal = uint32_t(call.integer("--disposal", 0));
+    const bool wait = !call.has("--no-wait");
     std::vector<BITMAPRECORD> frames;
     int32_t w = 0, h = 0;
     if (inputs.empty()) {
@@ -224,7 +205,7 @@ int runPlay(const cli::Args& args) {
         for (const std::string& path : inputs) {
             BITMAPRECORD in, bgr;
             std::string err;
-            if (pnm::read(path, in, &err) != KS_SUCCESS || pnm::toBgr24(in, bgr) != KS_SUCCESS) {
+            if (image::read(path, in, &err) != KS_SUCCESS || image::toBgr24(in, bgr) != KS_SUCCESS) {
                 std::fprintf(stderr, "ombrix play: cannot read %s: %s\n", path.c_str(), err.c_str());
                 for (auto& f : frames) K_FreeBitmap(&f);
                 return 1;
@@ -256,7 +237,7 @@ int runPlay(const cli::Args& args) {
         if (st == PLAYBACK_STATE_DELAY) {  // a frame was just drawn
             char name[64];
             std::snprintf(name, sizeof name, "-%03d.ppm", written);
-            pnm::write(prefix + name, target);
+            image::write(prefix + name, target);
             ++written;
         } else if (st == PLAYBACK_STATE_WAITDELAY || st == PLAYBACK_STATE_WAITBOTH) {
             uint32_t left = 0;
@@ -301,6 +282,7 @@ bool demoWindow(cli::Report& rep, const BITMAPRECORD&) {
             const long want = s < 16384 ? 0 : s > 49152 ? 255 : (s - 16384) * 255 / 32768;
             ok = o[size_t(x)] == want;
         }
+        rep.save("window-level-ramp.png", out);
         K_FreeBitmap(&out);
     }
     rep.check(ok, "window [16384, 49152]: black below, white above, the line between");
@@ -348,10 +330,19 @@ bool demoPlay(cli::Report& rep, const BITMAPRECORD&) {
     return rep.failures == 0;
 }
 
-cli::RegisterCommand regWindow({"window", "IN.pgm OUT.pgm LOW HIGH [--curve C] [--factor N] [--invert]",
-                                "window level of a 16-bit grey image to 8 bits", runWindow});
-cli::RegisterCommand regPlay({"play", "OUT_PREFIX [FRAME.pnm...] [--delay MS] [--disposal N] [--no-wait]",
-                              "play frames (or a built-in animation) and write each composed frame", runPlay});
+cli::RegisterCommand regWindow({"window", "IN OUT LOW HIGH", "window-level a grey picture to 8 bits", runWindow,
+                                {{"--curve", cli::Type::Choice, "C", "transfer curve", 0, 0, "linear|exp|log|sigmoid"},
+                                 {"--factor", cli::Type::Int, "N", "curve factor", -2147483647.0, 2147483647.0},
+                                 {"--invert", cli::Type::Flag, "", "invert the result"}},
+                                4, 4, "  IN is a PGM; 16-bit samples are windowed to 8 bits."});
+cli::RegisterCommand regPlay({"play", "OUT_PREFIX [FRAME...]", "compose an animation's frames and write each one",
+                              runPlay,
+                              {{"--delay", cli::Type::Int, "MS", "delay of each frame", 0, 4294967295.0},
+                               {"--disposal", cli::Type::Int, "N", "disposal method of each frame", 0, 3},
+                               {"--no-wait", cli::Type::Flag, "", "do not wait the frame delays"}},
+                              1, -1,
+                              "  Composes the frames (or a built-in animation) onto a target and writes each\n"
+                              "  composed frame as OUT_PREFIX-NNN.ppm."});
 cli::RegisterDemo demoRegWindow({"window level and paint tables", 80, demoWindow});
 cli::RegisterDemo demoRegPlay({"animation playback", 81, demoPlay});
 

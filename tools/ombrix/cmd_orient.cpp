@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "cli.h"
-#include "pnm.h"
+#include "image.h"
 
 namespace {
 
@@ -44,7 +44,7 @@ int transformFile(const char* cmd, const std::string& in, const std::string& out
                   int32_t (*op)(BITMAPRECORD*, void*), void* ctx) {
     BITMAPRECORD bm;
     std::string why;
-    int32_t rc = pnm::read(in, bm, &why);
+    int32_t rc = image::read(in, bm, &why);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "%s: %s: %s\n", cmd, in.c_str(), why.empty() ? cli::statusText(rc).c_str() : why.c_str());
         return 1;
@@ -53,7 +53,7 @@ int transformFile(const char* cmd, const std::string& in, const std::string& out
         ProgressBar bar(cmd);
         rc = op(&bm, ctx);
     }
-    if (rc == KS_SUCCESS) rc = pnm::write(out, bm, &why);
+    if (rc == KS_SUCCESS) rc = image::write(out, bm, &why);
     K_FreeBitmap(&bm);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "%s: %s\n", cmd, why.empty() ? cli::statusText(rc).c_str() : why.c_str());
@@ -63,34 +63,25 @@ int transformFile(const char* cmd, const std::string& in, const std::string& out
     return 0;
 }
 
-bool twoFiles(const char* cmd, const cli::Args& args, size_t first, const char* usage) {
-    if (args.size() == first + 2) return true;
-    std::fprintf(stderr, "usage: ombrix %s %s\n", cmd, usage);
-    return false;
-}
 
-int runFlip(const cli::Args& args) {
-    if (!twoFiles("flip", args, 0, "IN OUT")) return 2;
+int runFlip(const cli::Call& call) {
+    const cli::Args& args = call.args;
     return transformFile("flip", args[0], args[1], [](BITMAPRECORD* b, void*) { return K_FlipBitmap(b); }, nullptr);
 }
 
-int runMirror(const cli::Args& args) {
-    if (!twoFiles("mirror", args, 0, "IN OUT")) return 2;
+int runMirror(const cli::Call& call) {
+    const cli::Args& args = call.args;
     return transformFile("mirror", args[0], args[1], [](BITMAPRECORD* b, void*) { return K_ReverseBitmap(b); },
                          nullptr);
 }
 
-int runTurn(const cli::Args& args) {
-    const char* usage = "cw|ccw|180 IN OUT";
-    if (!twoFiles("turn", args, 1, usage)) return 2;
+int runTurn(const cli::Call& call) {
+    const cli::Args& args = call.args;
     int turn;
     if (args[0] == "cw") turn = 1;
     else if (args[0] == "ccw") turn = 0;
     else if (args[0] == "180") turn = 2;
-    else {
-        std::fprintf(stderr, "usage: ombrix turn %s\n", usage);
-        return 2;
-    }
+    else throw cli::UsageError("'" + args[0] + "' is not cw, ccw or 180");
     return transformFile("turn", args[1], args[2],
                          [](BITMAPRECORD* b, void* ctx) {
                              const int t = *static_cast<int*>(ctx);
@@ -103,19 +94,9 @@ int runTurn(const cli::Args& args) {
 
 // The file's pixels are the stored rows of an image in perspective FROM; the
 // output holds the same image stored in perspective TO.
-int runOrient(const cli::Args& args) {
-    const char* usage = "FROM TO IN OUT   (perspectives 1..8 as in the TIFF Orientation tag)";
-    if (!twoFiles("orient", args, 2, usage)) return 2;
-    int persp[2];
-    for (int i = 0; i < 2; ++i) {
-        char* end = nullptr;
-        long v = std::strtol(args[size_t(i)].c_str(), &end, 10);
-        if (!end || *end || v < 1 || v > 8) {
-            std::fprintf(stderr, "usage: ombrix orient %s\n", usage);
-            return 2;
-        }
-        persp[i] = int(v);
-    }
+int runOrient(const cli::Call& call) {
+    const cli::Args& args = call.args;
+    int persp[2] = {int(call.intArg(0, 1, 8, "FROM")), int(call.intArg(1, 1, 8, "TO"))};
     return transformFile("orient", args[2], args[3],
                          [](BITMAPRECORD* b, void* ctx) {
                              const int* p = static_cast<int*>(ctx);
@@ -127,11 +108,12 @@ int runOrient(const cli::Args& args) {
                          persp);
 }
 
-cli::RegisterCommand regFlip({"flip", "IN OUT", "turn a picture upside down", runFlip});
-cli::RegisterCommand regMirror({"mirror", "IN OUT", "mirror a picture left to right", runMirror});
-cli::RegisterCommand regTurn({"turn", "cw|ccw|180 IN OUT", "turn a picture by a right angle", runTurn});
+cli::RegisterCommand regFlip({"flip", "IN OUT", "turn a picture upside down", runFlip, {}, 2, 2});
+cli::RegisterCommand regMirror({"mirror", "IN OUT", "mirror a picture left to right", runMirror, {}, 2, 2});
+cli::RegisterCommand regTurn({"turn", "cw|ccw|180 IN OUT", "turn a picture by a right angle", runTurn, {}, 3, 3});
 cli::RegisterCommand regOrient({"orient", "FROM TO IN OUT",
-                                "store a picture's pixels in another orientation (1..8)", runOrient});
+                                "store a picture's pixels in another orientation (1..8, as the TIFF Orientation tag)",
+                                runOrient, {}, 4, 4});
 
 // ---------------------------------------------------------------- demo
 
@@ -166,6 +148,7 @@ bool demoOrient(cli::Report& rep, const BITMAPRECORD& sample) {
     bool ok = K_CopyBitmap(&work, &src, BITMAPRECORD_SIZE) == KS_SUCCESS;
     ok = ok && K_RotateBitmap90(&work, 1, 0, 100) == KS_SUCCESS;
     rep.check(ok && work.nWidth == h && work.nHeight == w, "a quarter turn exchanges width and height");
+    if (ok) rep.save("turn-clockwise.png", work);
     rep.check(ok && pixelAt(&work, h - 1, 0) == pixelAt(&src, 0, 0),
               "clockwise: the top-left pixel goes to the top-right corner");
     for (int k = 0; k < 3 && ok; ++k) ok = K_RotateBitmap90(&work, 1, 0, 100) == KS_SUCCESS;
@@ -173,6 +156,7 @@ bool demoOrient(cli::Report& rep, const BITMAPRECORD& sample) {
 
     ok = K_FlipBitmap(&work) == KS_SUCCESS && K_ReverseBitmap(&work) == KS_SUCCESS;
     rep.check(ok && pixelAt(&work, w - 1, h - 1) == pixelAt(&src, 0, 0), "flip and mirror make a half turn");
+    if (ok) rep.save("flip-and-mirror.png", work);
     ok = K_FlipBitmap(&work) == KS_SUCCESS && K_ReverseBitmap(&work) == KS_SUCCESS;
     rep.check(ok && sameStored(&work, &src), "and again give the picture back");
 

@@ -13,20 +13,13 @@
 #include <vector>
 
 #include "cli.h"
-#include "pnm.h"
+#include "image.h"
 
 namespace {
 
 const char* const kMethods[9] = {"nearest", "floyd", "stucki", "burkes", "sierra",
                                  "stevenson", "jarvis", "ordered", "clustered"};
 
-int parseMethod(const std::string& s) {
-    for (int i = 0; i < 9; ++i)
-        if (s == kMethods[i]) return i;
-    char* end = nullptr;
-    const long v = std::strtol(s.c_str(), &end, 10);
-    return (end && *end == 0 && v >= 0 && v <= 8) ? int(v) : -1;
-}
 
 int depthFor(int colours) {
     int bits = 1;
@@ -58,67 +51,27 @@ double quantError(BITMAPRECORD& q, BITMAPRECORD& ref, size_t* used) {
     return sum / (3.0 * ref.nWidth * ref.nHeight);
 }
 
-// The progress bar: the status callback redraws one line on stderr.
-int32_t drawBar(int32_t pct, void*) {
-    const int width = 40, full = pct * width / 100;
-    std::fprintf(stderr, "\r  [%.*s%*s] %3d%%", full, "========================================", width - full, "", pct);
-    if (pct >= 100) std::fprintf(stderr, "\n");
-    std::fflush(stderr);
-    return KS_SUCCESS;
-}
-
-int runQuantize(const cli::Args& args) {
-    std::string in, out, paletteKind = "optimised";
-    int colours = 256, method = DITHER_NEAREST;
-    bool bar = true;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        auto value = [&](const char* name) -> std::string {
-            if (i + 1 >= args.size()) {
-                std::fprintf(stderr, "quantize: %s needs a value\n", name);
-                std::exit(2);
-            }
-            return args[++i];
-        };
-        if (a == "--colors" || a == "--colours") colours = std::atoi(value("--colors").c_str());
-        else if (a == "--dither") method = parseMethod(value("--dither"));
-        else if (a == "--palette") paletteKind = value("--palette");
-        else if (a == "--quiet") bar = false;
-        else if (in.empty()) in = a;
-        else if (out.empty()) out = a;
-        else {
-            std::fprintf(stderr, "quantize: unexpected argument '%s'\n", a.c_str());
-            return 2;
-        }
-    }
-    uint32_t flags = 0;
-    if (paletteKind == "optimised" || paletteKind == "optimized") flags = CRF_OPTIMIZEDPALETTE;
-    else if (paletteKind == "fixed") flags = CRF_FIXEDPALETTE;
-    else if (paletteKind == "web") flags = CRF_NETSCAPEPALETTE, colours = 256;
-    if (in.empty() || out.empty() || !flags || method < 0 || colours < 2 || colours > 256) {
-        std::fprintf(stderr, "usage: ombrix quantize IN.pnm OUT.pnm [--colors N] [--palette optimised|fixed|web]\n"
-                             "       [--dither nearest|floyd|stucki|burkes|sierra|stevenson|jarvis|ordered|clustered]"
-                             " [--quiet]\n"
-                             "  N 2..256 (default 256); the fixed palette has 2^bits colours\n");
-        return 2;
-    }
+int runQuantize(const cli::Call& call) {
+    const std::string in = call.args[0], out = call.args[1];
+    const int paletteIndex = call.choice("--palette", 0);
+    const std::string paletteKind = cli::choiceName("optimised|fixed|web", paletteIndex);
+    int colours = int(call.integer("--colors", 256));
+    const int method = call.choice("--dither", DITHER_NEAREST);
+    const uint32_t flags = paletteIndex == 0 ? CRF_OPTIMIZEDPALETTE : paletteIndex == 1 ? CRF_FIXEDPALETTE : CRF_NETSCAPEPALETTE;
+    if (flags == CRF_NETSCAPEPALETTE) colours = 256;
     const int bits = depthFor(colours);
     if (flags == CRF_FIXEDPALETTE) colours = 1 << bits;
     BITMAPRECORD src;
     std::string why;
-    int32_t rc = pnm::read(in, src, &why);
+    int32_t rc = image::read(in, src, &why);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "quantize: %s: %s\n", in.c_str(), why.empty() ? cli::statusText(rc).c_str() : why.c_str());
         return 1;
     }
-    STATUSCALLBACK oldFn = nullptr;
-    void* oldUser = nullptr;
-    if (bar) K_SetStatusCallBack(drawBar, nullptr, &oldFn, &oldUser);
     BITMAPRECORD q;
     const auto t0 = std::chrono::steady_clock::now();
     rc = K_ColorResBitmap(&src, &q, bits, flags | CRF_DITHER(method), nullptr, colours, BITMAPRECORD_SIZE);
     const double sec = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    if (bar) K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr);
     if (rc != KS_SUCCESS) {
         K_FreeBitmap(&src);
         std::fprintf(stderr, "quantize: %s\n", cli::statusText(rc).c_str());
@@ -127,30 +80,33 @@ int runQuantize(const cli::Args& args) {
     BITMAPRECORD ref;
     double mse = -1;
     size_t used = 0;
-    if (pnm::toBgr24(src, ref) == KS_SUCCESS) {
+    if (image::toBgr24(src, ref) == KS_SUCCESS) {
         // Row for row only when both keep their rows in the same view.
         if (q.nViewPerspective == ref.nViewPerspective) mse = quantError(q, ref, &used);
         K_FreeBitmap(&ref);
     }
     K_FreeBitmap(&src);
-    std::printf("%s: %dx%d -> %d colours (%s palette, %s): %.1f ms (%.1f Mpixel/s)", in.c_str(), q.nWidth, q.nHeight,
+    if (!call.quiet) std::printf("%s: %dx%d -> %d colours (%s palette, %s): %.1f ms (%.1f Mpixel/s)", in.c_str(), q.nWidth, q.nHeight,
                 colours, paletteKind.c_str(), kMethods[method], sec * 1e3, double(q.nWidth) * q.nHeight / sec / 1e6);
-    if (mse >= 0) std::printf(", %zu entries used, mean squared error %.2f", used, mse);
-    std::printf("\n");
-    rc = pnm::write(out, q, &why);
+    if (mse >= 0 && !call.quiet) std::printf(", %zu entries used, mean squared error %.2f", used, mse);
+    if (!call.quiet) std::printf("\n");
+    rc = image::write(out, q, &why);
     K_FreeBitmap(&q);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "quantize: %s: %s\n", out.c_str(), why.empty() ? cli::statusText(rc).c_str() : why.c_str());
         return 1;
     }
-    std::printf("wrote %s\n", out.c_str());
+    if (!call.quiet) std::printf("wrote %s\n", out.c_str());
     return 0;
 }
 
-cli::RegisterCommand reg({"quantize",
-                          "IN.pnm OUT.pnm [--colors N] [--palette optimised|fixed|web] [--dither M] [--quiet]",
-                          "reduce a picture to N colours (optimised palette by default), with a progress bar",
-                          runQuantize});
+cli::RegisterCommand reg({"quantize", "IN OUT", "reduce a picture to N colours (optimised palette by default)",
+                          runQuantize,
+                          {{"--colors", cli::Type::Int, "N", "number of colours (the fixed palette has 2^bits)", 2, 256},
+                           {"--palette", cli::Type::Choice, "P", "palette", 0, 0, "optimised|fixed|web"},
+                           {"--dither", cli::Type::Choice, "M", "dithering method", 0, 0,
+                            "nearest|floyd|stucki|burkes|sierra|stevenson|jarvis|ordered|clustered"}},
+                          2, 2});
 
 // ---------------------------------------------------------------- demo
 
@@ -219,6 +175,8 @@ bool demoQuantize(cli::Report& report, const BITMAPRECORD& sample) {
                 report.check(exact, std::to_string(n) + " colours: to 24 bits and back into its palette unchanged, "
                                                          "its colours found again exactly");
             }
+            if (rc == KS_SUCCESS && method == DITHER_FLOYD_STEINBERG)
+                report.save("quantize-" + std::to_string(n) + "-floyd.png", q);
             K_FreeBitmap(&q);
         }
     }

@@ -49,7 +49,8 @@ int64_t copyFile(const std::wstring& src, const std::wstring& dst) {
     return total;
 }
 
-int run(const cli::Args& a) {
+int run(const cli::Call& call) {
+    const cli::Args& a = call.args;
     if (a.size() == 3 && a[0] == "copy") {
         int64_t n = copyFile(widen(a[1]), widen(a[2]));
         if (n < 0) {
@@ -140,7 +141,7 @@ bool demo(cli::Report& r, const BITMAPRECORD&) {
 }
 
 cli::RegisterCommand reg({"redirect", "copy SRC DST | tempname [P] | name SRC",
-                          "copy through redirected I/O, make temporary names", run});
+                          "copy through redirected I/O, make temporary names", run, {}, 1, 3});
 cli::RegisterInfo infoReg({"redirect", 60, info});
 cli::RegisterDemo demoReg({"redirect", 60, demo});
 

@@ -8,42 +8,24 @@
 #include <vector>
 
 #include "cli.h"
-#include "pnm.h"
+#include "image.h"
 
 namespace {
 
-bool parseInts(const std::string& s, std::vector<int32_t>& out) {
-    out.clear();
-    const char* p = s.c_str();
-    while (*p) {
-        char* end = nullptr;
-        long v = std::strtol(p, &end, 10);
-        if (end == p) return false;
-        out.push_back(int32_t(v));
-        p = end;
-        if (*p == ',') ++p;
-        else if (*p) return false;
-    }
-    return !out.empty();
-}
 
-void usage() {
-    std::fprintf(stderr,
-                 "usage: ombrix region IN.pnm OUT.pnm SHAPE... [--color RRGGBB]\n"
-                 "  SHAPE: --rect L,T,R,B | --ellipse L,T,R,B | --polygon X,Y,X,Y,... [--winding]\n"
-                 "         each shape may be preceded by --mode M (0 and, 1 replace, 2 new minus current,\n"
-                 "         3 current minus new, 4 or, 5 xor, 6 not new); the first shape replaces,\n"
-                 "         later ones default to 4 (or). Coordinates are pixels of the image as seen.\n");
-}
 
-int run(const cli::Args& args) {
-    if (args.size() < 3) {
-        usage();
-        return 2;
-    }
+int run(const cli::Call& call) {
+    const cli::Args& args = call.args;
+    int shapesGiven = 0;
+    for (const auto& g : call.given)
+        if (g.first->type == cli::Type::List) ++shapesGiven;
+    if (shapesGiven == 0) throw cli::UsageError("at least one shape (--rect, --ellipse or --polygon) is needed");
+    for (const auto& g : call.given)
+        if (!std::strcmp(g.first->name, "--polygon") && (cli::parseList(g.second).size() % 2))
+            throw cli::UsageError("--polygon: '" + g.second + "' is not a list of X,Y pairs");
     BITMAPRECORD bm;
     std::string err;
-    int32_t rc = pnm::read(args[0], bm, &err);
+    int32_t rc = image::read(args[0], bm, &err);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "ombrix region: cannot read %s: %s\n", args[0].c_str(), err.c_str());
         return 1;
@@ -54,18 +36,15 @@ int run(const cli::Args& args) {
     int shapes = 0;
     // Caller coordinates are in the top-left view.
     RGNXFORM xf{TOP_LEFT, 1, 1, 1, 1, 0, 0};
-    for (size_t i = 2; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        auto next = [&]() -> std::string { return i + 1 < args.size() ? args[++i] : std::string(); };
-        std::vector<int32_t> v;
+    for (const auto& g : call.given) {
+        const std::string a = g.first->name;
         if (a == "--color") {
-            std::string c = next();
-            unsigned long rgb = std::strtoul(c.c_str(), nullptr, 16);
-            colour = uint32_t(((rgb >> 16) & 0xFF) | (rgb & 0xFF00) | ((rgb & 0xFF) << 16));
+            const uint32_t rgb = uint32_t(std::strtoul(g.second.c_str(), nullptr, 16));
+            colour = ((rgb >> 16) & 0xFF) | (rgb & 0xFF00) | ((rgb & 0xFF) << 16);
             continue;
         }
         if (a == "--mode") {
-            mode = uint32_t(std::atoi(next().c_str()));
+            mode = uint32_t(std::strtoul(g.second.c_str(), nullptr, 10));
             modeGiven = true;
             continue;
         }
@@ -74,28 +53,14 @@ int run(const cli::Args& args) {
             continue;
         }
         const uint32_t m = shapes == 0 && !modeGiven ? 1u : (modeGiven ? mode : 4u);
+        const std::vector<long> v = cli::parseList(g.second);
         if (a == "--rect" || a == "--ellipse") {
-            if (!parseInts(next(), v) || v.size() != 4) {
-                usage();
-                K_FreeBitmap(&bm);
-                return 2;
-            }
-            RECT r{v[0], v[1], v[2], v[3]};
+            RECT r{int32_t(v[0]), int32_t(v[1]), int32_t(v[2]), int32_t(v[3])};
             rc = a == "--rect" ? K_SetBitmapRgnRect(&bm, &xf, &r, m) : K_SetBitmapRgnEllipse(&bm, &xf, &r, m);
-        } else if (a == "--polygon") {
-            if (!parseInts(next(), v) || v.size() < 4 || v.size() % 2) {
-                usage();
-                K_FreeBitmap(&bm);
-                return 2;
-            }
+        } else {  // --polygon
             std::vector<POINT> pts;
-            for (size_t k = 0; k + 1 < v.size(); k += 2) pts.push_back(POINT{v[k], v[k + 1]});
+            for (size_t k = 0; k + 1 < v.size(); k += 2) pts.push_back(POINT{int32_t(v[k]), int32_t(v[k + 1])});
             rc = K_SetBitmapRgnPolygon(&bm, &xf, pts.data(), uint32_t(pts.size()), winding ? WINDING : ALTERNATE, m);
-        } else {
-            std::fprintf(stderr, "ombrix region: unknown option %s\n", a.c_str());
-            usage();
-            K_FreeBitmap(&bm);
-            return 2;
         }
         if (rc != KS_SUCCESS) {
             std::fprintf(stderr, "ombrix region: %s failed: %s\n", a.c_str(), cli::statusText(rc).c_str());
@@ -105,18 +70,13 @@ int run(const cli::Args& args) {
         ++shapes;
         modeGiven = false;
     }
-    if (shapes == 0) {
-        usage();
-        K_FreeBitmap(&bm);
-        return 2;
-    }
     uint64_t area = 0;
     RECT box{};
     K_GetBitmapRgnArea(&bm, &area);
     K_GetBitmapRgnBounds(&bm, &xf, &box);
     int32_t bytes = K_GetBitmapRgnData(&bm, nullptr, 0, nullptr);
     rc = K_FillBitmap(&bm, colour);
-    if (rc == KS_SUCCESS) rc = pnm::write(args[1], bm, &err);
+    if (rc == KS_SUCCESS) rc = image::write(args[1], bm, &err);
     std::printf("region: %" PRIu64 " pixels, bounds (%d, %d, %d, %d), %d rectangles\n", area, box.left, box.top,
                 box.right, box.bottom, bytes > 32 ? (bytes - 32) / 16 : 0);
     K_FreeBitmap(&bm);
@@ -168,6 +128,7 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sampleIn) {
         }
     }
     rep.check(red == area && mismatches == 0, "fill wrote exactly the region's " + std::to_string(area) + " pixels");
+    rep.save("region-ellipse-xor-star.png", bm);
     // Region data round trip and a mask of the region.
     std::vector<uint8_t> data(size_t(need > 0 ? need : 0));
     ok = need > 32 && K_GetBitmapRgnData(&bm, nullptr, need, reinterpret_cast<RGNDATA*>(data.data())) == need;
@@ -216,8 +177,18 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sampleIn) {
     return rep.failures == failuresBefore;
 }
 
-cli::RegisterCommand reg({"region", "IN.pnm OUT.pnm SHAPE... [--color RRGGBB]",
-                          "fill rectangles, ellipses and polygons (combined by mode) on an image", run});
+cli::RegisterCommand reg({"region", "IN OUT", "fill a region of shapes in a picture", run,
+                          {{"--rect", cli::Type::List, "L,T,R,B", "a rectangle", 4, 4, nullptr, true},
+                           {"--ellipse", cli::Type::List, "L,T,R,B", "an ellipse in the rectangle", 4, 4, nullptr, true},
+                           {"--polygon", cli::Type::List, "X,Y,...", "a polygon of at least 2 points", 4, 100000, nullptr,
+                            true},
+                           {"--mode", cli::Type::Int, "M", "how the next shape joins: 0 and, 1 replace, 2 new minus "
+                            "current, 3 current minus new, 4 or (default after the first), 5 xor, 6 not new", 0, 6,
+                            nullptr, true},
+                           {"--winding", cli::Type::Flag, "", "polygons that follow fill by the winding rule", 0, 0,
+                            nullptr, true},
+                           {"--color", cli::Type::Color, "RRGGBB", "fill colour (default ff0000)"}},
+                          2, 2, "  Coordinates are pixels of the picture as seen; shapes apply in the order given."});
 cli::RegisterDemo demoReg({"regions", 50, demo});
 
 }  // namespace

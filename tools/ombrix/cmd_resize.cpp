@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "cli.h"
-#include "pnm.h"
+#include "image.h"
 
 namespace {
 
@@ -28,47 +28,17 @@ const Method kMethods[] = {
     {"scaletogray", SIZE_SCALETOGRAY, "1-bit black-and-white to 8-bit grey"},
 };
 
-int32_t progressBar(int32_t pct, void*) {
-    const int32_t n = pct / 4;
-    std::fprintf(stderr, "\r[%-25s] %3d%%", std::string(size_t(n < 0 ? 0 : n > 25 ? 25 : n), '#').c_str(), pct);
-    if (pct >= 100) std::fprintf(stderr, "\n");
-    return 1;
-}
-
-int runResize(const cli::Args& a) {
-    if (a.size() < 2) {
-        std::fprintf(stderr, "usage: ombrix resize IN.pnm OUT.pnm (--size WxH | --scale F) [--method M] [--alpha]\n");
-        return 2;
-    }
-    std::string method = "resample";
-    int32_t w = 0, h = 0;
-    double scale = 0;
-    uint32_t extra = 0;
-    for (size_t i = 2; i < a.size(); ++i) {
-        if (a[i] == "--size" && i + 1 < a.size()) {
-            if (std::sscanf(a[++i].c_str(), "%dx%d", &w, &h) != 2) w = h = 0;
-        } else if (a[i] == "--scale" && i + 1 < a.size()) {
-            scale = std::atof(a[++i].c_str());
-        } else if (a[i] == "--method" && i + 1 < a.size()) {
-            method = a[++i];
-        } else if (a[i] == "--alpha") {
-            extra |= SIZE_PREMULTIPLY;
-        } else {
-            std::fprintf(stderr, "unknown argument %s\n", a[i].c_str());
-            return 2;
-        }
-    }
-    const Method* m = nullptr;
-    for (const auto& k : kMethods)
-        if (method == k.name) m = &k;
-    if (!m) {
-        std::fprintf(stderr, "unknown method %s (nearest, resample, bicubic, lanczos, favourblack, scaletogray)\n",
-                     method.c_str());
-        return 2;
-    }
+int runResize(const cli::Call& call) {
+    const cli::Args& a = call.args;
+    const Method* m = &kMethods[call.choice("--method", 1)];
+    const auto size = call.pair("--size", {0, 0});
+    int32_t w = int32_t(size.first), h = int32_t(size.second);
+    const double scale = call.real("--scale", 0);
+    const uint32_t extra = call.has("--alpha") ? SIZE_PREMULTIPLY : 0;
+    if (call.has("--size") == call.has("--scale")) throw cli::UsageError("give --size WxH or --scale F (one of them)");
     BITMAPRECORD bm;
     std::string err;
-    int32_t rc = pnm::read(a[0], bm, &err);
+    int32_t rc = image::read(a[0], bm, &err);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "%s: %s %s\n", a[0].c_str(), cli::statusText(rc).c_str(), err.c_str());
         return 1;
@@ -78,24 +48,20 @@ int runResize(const cli::Args& a) {
         h = int32_t(std::lround(bm.nHeight * scale));
     }
     if (w <= 0 || h <= 0) {
-        std::fprintf(stderr, "give --size WxH or --scale F (a positive size)\n");
+        std::fprintf(stderr, "resize: --scale %g gives an empty picture\n", scale);
         K_FreeBitmap(&bm);
         return 2;
     }
-    STATUSCALLBACK oldFn = nullptr;
-    void* oldUser = nullptr;
-    K_SetStatusCallBack(progressBar, nullptr, &oldFn, &oldUser);
     const auto t0 = std::chrono::steady_clock::now();
     rc = K_SizeBitmap(&bm, w, h, m->flags | extra);
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-    K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "resize: %s\n", cli::statusText(rc).c_str());
         K_FreeBitmap(&bm);
         return 1;
     }
-    rc = pnm::write(a[1], bm, &err);
-    std::printf("%s: %dx%d, %d bits, %s in %.1f ms\n", a[1].c_str(), bm.nWidth, bm.nHeight, bm.nBitsPerPixel, m->name,
+    rc = image::write(a[1], bm, &err);
+    if (!call.quiet) std::printf("%s: %dx%d, %d bits, %s in %.1f ms\n", a[1].c_str(), bm.nWidth, bm.nHeight, bm.nBitsPerPixel, m->name,
                 ms);
     K_FreeBitmap(&bm);
     if (rc != KS_SUCCESS) {
@@ -105,8 +71,13 @@ int runResize(const cli::Args& a) {
     return 0;
 }
 
-cli::RegisterCommand reg({"resize", "IN.pnm OUT.pnm (--size WxH | --scale F) [--method M] [--alpha]",
-                          "resize: nearest, resample, bicubic, lanczos, favourblack, scaletogray", runResize});
+cli::RegisterCommand reg({"resize", "IN OUT", "resize a picture (--size WxH or --scale F)", runResize,
+                          {{"--size", cli::Type::Size, "WxH", "new size in pixels", 1, 2147483647.0},
+                           {"--scale", cli::Type::Real, "F", "scale factor", 1e-6, 1e6},
+                           {"--method", cli::Type::Choice, "M", "method (default resample)", 0, 0,
+                            "nearest|resample|bicubic|lanczos|favourblack|scaletogray"},
+                           {"--alpha", cli::Type::Flag, "", "resample premultiplied by alpha (32 and 64 bits)"}},
+                          2, 2});
 
 std::string fmt(double v) {
     char b[32];
@@ -116,7 +87,7 @@ std::string fmt(double v) {
 
 bool demoResize(cli::Report& rep, const BITMAPRECORD& sample) {
     BITMAPRECORD src;
-    if (pnm::toBgr24(sample, src) != KS_SUCCESS) {
+    if (image::toBgr24(sample, src) != KS_SUCCESS) {
         rep.check(false, "sample as 24-bit");
         return false;
     }
@@ -154,6 +125,7 @@ bool demoResize(cli::Report& rep, const BITMAPRECORD& sample) {
             rep.check(good, std::string(m.name) + " x" + fmt(f) + " -> " + std::to_string(nw) + "x" +
                                 std::to_string(nh) + " (" + m.what + ") " + fmt(ms) + " ms");
             ok = ok && good;
+            if (good && m.flags == SIZE_LANCZOS) rep.save("resize-lanczos-x" + fmt(f) + ".png", copy);
             K_FreeBitmap(&copy);
         }
     }

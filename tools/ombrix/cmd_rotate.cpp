@@ -10,18 +10,10 @@
 #include <vector>
 
 #include "cli.h"
-#include "pnm.h"
+#include "image.h"
 
 namespace {
 
-int32_t progressBar(int32_t pct, void*) {
-    const int width = 40, done = pct * width / 100;
-    std::fprintf(stderr, "\r[%s%s] %3d%%", std::string(size_t(done), '#').c_str(),
-                 std::string(size_t(width - done), ' ').c_str(), pct);
-    if (pct >= 100) std::fputc('\n', stderr);
-    std::fflush(stderr);
-    return KS_SUCCESS;
-}
 
 // Degrees with up to two decimals ("12.5", "-90") to hundredths; false if not a number.
 bool parseAngle(const std::string& s, int32_t* out) {
@@ -32,36 +24,29 @@ bool parseAngle(const std::string& s, int32_t* out) {
     return true;
 }
 
-int usage(const char* what) {
-    std::fprintf(stderr, "%s\n", what);
-    return 2;
-}
 
-int runTransform(const cli::Args& a, bool shear) {
-    if (a.size() < 3) return usage(shear ? "usage: ombrix shear IN OUT ANGLE [--vertical] [options]"
-                                         : "usage: ombrix rotate IN OUT ANGLE [options]");
+int runTransform(const cli::Call& call, bool shear) {
+    const cli::Args& a = call.args;
     int32_t angle = 0;
-    if (!parseAngle(a[2], &angle)) return usage("ANGLE: degrees, for instance 12.5 or -90");
+    if (!parseAngle(a[2], &angle)) throw cli::UsageError("ANGLE: '" + a[2] + "' is not degrees (-360..360), such as 12.5");
     uint32_t flags = ROTATE_BILINEAR, fill = 0;
-    for (size_t i = 3; i < a.size(); ++i) {
-        const std::string& o = a[i];
+    for (const auto& g : call.given) {
+        const std::string o = g.first->name;
         if (o == "--nearest") flags = (flags & ~ROTATE_INTERP_MASK) | ROTATE_NEAREST;
         else if (o == "--bilinear") flags = (flags & ~ROTATE_INTERP_MASK) | ROTATE_BILINEAR;
         else if (o == "--bicubic") flags = (flags & ~ROTATE_INTERP_MASK) | ROTATE_BICUBIC;
         else if (o == "--enlarge") flags |= ROTATE_RESIZE;
         else if (o == "--exact") flags |= ROTATE_NO_SHORTCUTS;
         else if (o == "--transparent") flags |= ROTATE_FILL_TRANSPARENT;
-        else if (o == "--vertical" && shear) flags |= SHEAR_VERTICAL;
-        else if (o == "--fill" && i + 1 < a.size()) {
-            const unsigned long rgb = std::strtoul(a[++i].c_str(), nullptr, 16);
-            fill = uint32_t(((rgb >> 16) & 0xFF) | (rgb & 0xFF00) | ((rgb & 0xFF) << 16));  // RRGGBB -> 0x00BBGGRR
-        } else {
-            return usage(("unknown option " + o).c_str());
+        else if (o == "--vertical") flags |= SHEAR_VERTICAL;
+        else if (o == "--fill") {
+            const uint32_t rgb = uint32_t(std::strtoul(g.second.c_str(), nullptr, 16));
+            fill = ((rgb >> 16) & 0xFF) | (rgb & 0xFF00) | ((rgb & 0xFF) << 16);  // RRGGBB -> 0x00BBGGRR
         }
     }
     BITMAPRECORD bm;
     std::string err;
-    int32_t rc = pnm::read(a[0], bm, &err);
+    int32_t rc = image::read(a[0], bm, &err);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "%s: %s\n", a[0].c_str(), err.empty() ? cli::statusText(rc).c_str() : err.c_str());
         return 1;
@@ -71,25 +56,27 @@ int runTransform(const cli::Args& a, bool shear) {
         (bm.nBitsPerPixel == 8 && (!bm.pPalette || K_IsGrayScalePalette(bm.pPalette, 256) < 1 ||
                                    K_IsGrayScalePalette(bm.pPalette, 256) > 2)))
         flags &= ~ROTATE_INTERP_MASK;
-    STATUSCALLBACK oldFn = nullptr;
-    void* oldUser = nullptr;
-    const bool bar = isatty(2);
-    if (bar) K_SetStatusCallBack(progressBar, nullptr, &oldFn, &oldUser);
     rc = shear ? K_ShearBitmap(&bm, angle, flags, fill) : K_RotateBitmap(&bm, angle, flags, fill);
-    if (bar) K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr);
-    if (rc == KS_SUCCESS) rc = pnm::write(a[1], bm, &err);
+    if (rc == KS_SUCCESS) rc = image::write(a[1], bm, &err);
     const int width = bm.nWidth, height = bm.nHeight;
     K_FreeBitmap(&bm);
     if (rc != KS_SUCCESS) {
         std::fprintf(stderr, "%s: %s\n", shear ? "shear" : "rotate", cli::statusText(rc).c_str());
         return 1;
     }
-    std::printf("%s: %d x %d\n", a[1].c_str(), width, height);
+    if (!call.quiet) std::printf("%s: %d x %d\n", a[1].c_str(), width, height);
     return 0;
 }
 
-int runRotate(const cli::Args& a) { return runTransform(a, false); }
-int runShear(const cli::Args& a) { return runTransform(a, true); }
+int runRotate(const cli::Call& c) { return runTransform(c, false); }
+int runShear(const cli::Call& c) { return runTransform(c, true); }
+
+#define OMBRIX_TRANSFORM_OPTIONS                                                                               \
+    {"--nearest", cli::Type::Flag, "", "nearest pixel (always for palette pictures)"},                          \
+        {"--bilinear", cli::Type::Flag, "", "bilinear interpolation (default)"},                                \
+        {"--bicubic", cli::Type::Flag, "", "bicubic interpolation"},                                            \
+        {"--enlarge", cli::Type::Flag, "", "grow the picture to hold the whole result"},                        \
+        {"--fill", cli::Type::Color, "RRGGBB", "colour of the uncovered corners (default black)"}
 
 // ---------------------------------------------------------------- demo
 bool copyOf(const BITMAPRECORD& src, BITMAPRECORD* dst) {
@@ -130,6 +117,7 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sample) {
     ok = K_RotateBitmap(&b, 3000, ROTATE_RESIZE | ROTATE_BILINEAR, 0xFFFFFF) == KS_SUCCESS;
     rep.check(ok && b.nWidth == w && b.nHeight == h,
               "30 degrees enlarged: " + std::to_string(b.nWidth) + " x " + std::to_string(b.nHeight));
+    if (ok) rep.save("rotate-30-enlarged.png", b);
     K_FreeBitmap(&b);
     copyOf(sample, &b);
     ok = K_RotateBitmap(&b, 3000, ROTATE_BILINEAR, 0) == 1 && K_RotateBitmap(&b, -3000, ROTATE_BILINEAR, 0) == 1;
@@ -163,13 +151,17 @@ bool demo(cli::Report& rep, const BITMAPRECORD& sample) {
     return rep.failures == failuresBefore;
 }
 
-cli::RegisterCommand regRotate({"rotate",
-                                "IN OUT ANGLE [--nearest|--bilinear|--bicubic] [--enlarge] [--fill RRGGBB] "
-                                "[--transparent] [--exact]",
-                                "turn an image by any angle in degrees (clockwise)", runRotate});
-cli::RegisterCommand regShear({"shear", "IN OUT ANGLE [--vertical] [--nearest|--bilinear|--bicubic] [--enlarge] "
-                                        "[--fill RRGGBB]",
-                               "shear an image's rows (or columns) by an angle in degrees", runShear});
+cli::RegisterCommand regRotate({"rotate", "IN OUT ANGLE", "turn a picture by any angle in degrees (clockwise)",
+                                runRotate,
+                                {OMBRIX_TRANSFORM_OPTIONS,
+                                 {"--transparent", cli::Type::Flag, "", "transparent fill (32 and 64 bits)"},
+                                 {"--exact", cli::Type::Flag, "", "no short cuts for right angles"}},
+                                3, 3});
+cli::RegisterCommand regShear({"shear", "IN OUT ANGLE", "shear a picture's rows (or columns) by an angle in degrees",
+                               runShear,
+                               {OMBRIX_TRANSFORM_OPTIONS,
+                                {"--vertical", cli::Type::Flag, "", "shear the columns instead of the rows"}},
+                               3, 3});
 cli::RegisterDemo demoReg({"rotation", 60, demo});
 
 }  // namespace

@@ -157,7 +157,8 @@ bool demo(cli::Report& rep, const BITMAPRECORD&) {
     return rep.failures == 0;
 }
 
-int run(const cli::Args& args) {
+int run(const cli::Call& call) {
+    const cli::Args& args = call.args;
     if (args.empty() || args[0] == "info") {
         printInfo();
         return 0;
@@ -173,7 +174,7 @@ int run(const cli::Args& args) {
     return 2;
 }
 
-cli::RegisterCommand reg({"storage", "[info|demo]", "memory thresholds, cap and counter; storage kinds demo", run});
+cli::RegisterCommand reg({"storage", "[info|demo]", "memory thresholds, cap and counter; storage kinds demo", run, {}, 0, 1});
 cli::RegisterInfo info({"storage", 30, printInfo});
 cli::RegisterDemo demoSection({"storage", 30, demo});
 
