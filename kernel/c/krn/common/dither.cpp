@@ -399,6 +399,121 @@ void floydRow(DitherState& s, const uint8_t* src, uint8_t* out) {
     d[3] = p1r, d[4] = p1g, d[5] = p1b;
 }
 
+// ---- Floyd-Steinberg carry tables
+// The only serial dependency of a Floyd-Steinberg row is the error carried
+// to the right: u = s + trunc((a + 7e) / 16), e' = err(clamp(u)), with a the
+// sum the row above left and s the sample. With q = a + 7e and
+// z = q + 16 s, u is floor(z / 16) when q >= 0 and ceil(z / 16) when q < 0,
+// so two tables over z hold 7e' ready: per pixel and channel the chain is one
+// add, one select and one load instead of a division, a clamp, a lookup, a
+// subtraction and a multiply. The level sets are those of the separable
+// palettes; the largest error of a set (half its widest gap) bounds every
+// sum a row can carry (|a| <= 9 emax, |7e| <= 7 emax), hence the tables'
+// range of z.
+enum LevelSet { kSet2, kSet4, kSet6, kSet8 };
+template <int Set>
+struct CarryTable {
+    static constexpr int kEMax = Set == kSet2 ? 127 : Set == kSet4 ? 42 : Set == kSet6 ? 25 : 18;
+    static constexpr int kLow = -16 * kEMax;  // smallest z
+    static constexpr int kSize = 32 * kEMax + 16 * 255 + 1;
+    int16_t pos[kSize], neg[kSize];
+    static int value(int r) {
+        switch (Set) {
+            case kSet2: return r >= 128 ? 255 : 0;
+            case kSet4: return kL4[nearestLevel(kL4, r)];
+            case kSet6: return kL6[nearestLevel(kL6, r)];
+            default: return kL8[nearestLevel(kL8, r)];
+        }
+    }
+    CarryTable() noexcept {
+        for (int i = 0; i < kSize; ++i) {
+            const int z = i + kLow;
+            // floor and ceil of z / 16 (z may be negative).
+            const int fl = z >= 0 ? z / 16 : -((-z + 15) / 16);
+            const int ce = z >= 0 ? (z + 15) / 16 : -(-z / 16);
+            const int rf = clamp255(fl), rc = clamp255(ce);
+            pos[i] = int16_t(7 * (rf - value(rf)));
+            neg[i] = int16_t(7 * (rc - value(rc)));
+        }
+    }
+};
+template <int Set>
+const CarryTable<Set>& carryTable() noexcept {
+    static const CarryTable<Set> t;
+    return t;
+}
+// The level set of each channel of the separable fixed palettes.
+constexpr int levelSetOf(int code, int ch) {
+    switch (code) {
+        case kCodeFixed8: return kSet2;
+        case kCodeFixed32: return ch == 2 ? kSet2 : kSet4;
+        case kCodeFixed64: return kSet4;
+        case kCodeFixed128: return ch == 1 ? kSet8 : kSet4;
+        case kCodeFixed256: return ch == 2 ? kSet4 : kSet8;
+        default: return kSet6;  // web
+    }
+}
+
+// One channel of one pixel through its carry table: c is 7e of the pixel
+// to the left on entry and of this pixel on return; returns the clamped
+// value. The clamped value comes from u off the chain.
+struct CarryStep {
+    const int16_t* pos;
+    const int16_t* neg;
+    template <int Set>
+    static CarryStep of() noexcept {
+        const CarryTable<Set>& t = carryTable<Set>();
+        return {t.pos - CarryTable<Set>::kLow, t.neg - CarryTable<Set>::kLow};
+    }
+    int operator()(int a, int sample, int& c) const noexcept {
+        const int q = a + c;
+        const int z = q + 16 * sample;
+        // The sign of q is as often one way as the other: a branch would
+        // mispredict, so the table is selected with a conditional move.
+        const int16_t* t = pos;
+#if defined(__x86_64__)
+        __asm__("test %[q], %[q]\n\tcmovs %[n], %[t]" : [t] "+r"(t) : [q] "r"(q), [n] "r"(neg) : "cc");
+#else
+        t = q < 0 ? neg : pos;
+#endif
+        c = t[z];
+        return clamp255((z + ((q >> 31) & 15)) >> 4);
+    }
+};
+
+// Floyd-Steinberg into a separable fixed palette through the carry tables.
+// Same arithmetic as floydRow<QSep<Code>> (the tests compare the two).
+template <int Code>
+void floydSepRow(DitherState& s, const uint8_t* src, uint8_t* out) {
+    using Q = QSep<Code>;
+    const CarryStep tr = CarryStep::of<levelSetOf(Code, 0)>();
+    const CarryStep tg = CarryStep::of<levelSetOf(Code, 1)>();
+    const CarryStep tb = CarryStep::of<levelSetOf(Code, 2)>();
+    const int w = s.width, st = s.stride, ro = s.ro, go = s.go, bo = s.bo;
+    const int32_t* cur = s.rows[0] + 3;
+    int32_t* below = s.rows[1] + 3;
+    int cr = 0, cg = 0, cb = 0;         // 7e of the pixel to the left
+    int32_t p0r = 0, p0g = 0, p0b = 0;  // below[x - 1] being completed
+    int32_t p1r = 0, p1g = 0, p1b = 0;  // below[x]
+    for (int x = 0; x < w; ++x, src += st) {
+        const int r = tr(cur[3 * x], src[ro], cr);
+        const int g = tg(cur[3 * x + 1], src[go], cg);
+        const int b = tb(cur[3 * x + 2], src[bo], cb);
+        out[x] = uint8_t(Q::index(s, r, g, b));
+        const int er = r - kSepValue.v[Code][0][r], eg = g - kSepValue.v[Code][1][g],
+                  eb = b - kSepValue.v[Code][2][b];
+        int32_t* d = below + 3 * (x - 1);
+        d[0] = p0r + 3 * er;
+        d[1] = p0g + 3 * eg;
+        d[2] = p0b + 3 * eb;
+        p0r = p1r + 5 * er, p0g = p1g + 5 * eg, p0b = p1b + 5 * eb;
+        p1r = er, p1g = eg, p1b = eb;
+    }
+    int32_t* d = below + 3 * (w - 1);
+    d[0] = p0r, d[1] = p0g, d[2] = p0b;
+    d[3] = p1r, d[4] = p1g, d[5] = p1b;
+}
+
 // Floyd-Steinberg to black and white (code 2) with the indices packed
 // straight into the 1-bit destination row; otherwise floydRow<QGrey2>.
 void floydBlackWhiteRow(DitherState& s, const uint8_t* src, uint8_t* dst) {
@@ -502,24 +617,23 @@ void greyFloydRow(DitherState& s, const uint8_t* src, uint8_t* out) {
 
 // Black and white (the fixed two-colour palette) from grey: the index is
 // v >= 128, the error is measured from the clamped value, and the indices are
-// packed straight into the 1-bit destination row. Same results as
-// greyFloydRow with the two-colour tables.
+// packed straight into the 1-bit destination row. The carry to the right goes
+// through the carry tables of the two levels. Same results as greyFloydRow
+// with the two-colour tables.
 void greyFloydBlackWhiteRow(DitherState& s, const uint8_t* src, uint8_t* dst) {
+    const CarryStep step = CarryStep::of<kSet2>();
     const int w = s.width;
     const int32_t* cur = s.rows[0] + 1;
     int32_t* below = s.rows[1] + 1;
-    int32_t carry = 0, p0 = 0, p1 = 0;
+    int c = 0;  // 7e of the pixel to the left
+    int32_t p0 = 0, p1 = 0;
     uint32_t bits = 0;
     for (int x = 0; x < w; ++x) {
-        const int u = src[x] + (cur[x] + carry) / 16;  // not yet clamped
-        const int white = u >= 128;
-        // The clamped value minus the entry (0 or 255), without a branch:
-        // the choice is as often one way as the other and would mispredict
-        // (this form measured fastest of several branch-free ones).
-        const int e = clamp255(u) - (-white & 255);
+        const int v = step(cur[x], src[x], c);
+        const int white = v >> 7;
+        const int e = v - (-white & 255);
         bits = bits << 1 | uint32_t(white);
         if ((x & 7) == 7) *dst++ = uint8_t(bits);
-        carry = 7 * e;
         below[x - 1] = p0 + 3 * e;
         p0 = p1 + 5 * e;
         p1 = e;
@@ -588,6 +702,12 @@ constexpr std::array<std::array<RowFn, 9>, kQCount> kKernels = {
     kernelsFor<QSixteen>(),       kernelsFor<QSep<kCodeFixed8>>(),  kernelsFor<QSep<kCodeFixed32>>(),
     kernelsFor<QSep<kCodeFixed64>>(), kernelsFor<QSep<kCodeFixed128>>(), kernelsFor<QSep<kCodeFixed256>>(),
     kernelsFor<QSep<kCodeWeb>>()};
+
+// Floyd-Steinberg through the carry tables for the separable palettes (null
+// for the other quantisers).
+constexpr std::array<RowFn, kQCount> kSepFloyd = {
+    nullptr, nullptr, nullptr, nullptr, &floydSepRow<kCodeFixed8>, &floydSepRow<kCodeFixed32>,
+    &floydSepRow<kCodeFixed64>, &floydSepRow<kCodeFixed128>, &floydSepRow<kCodeFixed256>, &floydSepRow<kCodeWeb>};
 
 // The plain tap loop for method 1, which tests compare with floydRow.
 constexpr std::array<RowFn, kQCount> kPlainFloyd = {
@@ -892,6 +1012,7 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     } else {
         s.kernel = kKernels[quantiserKind(code)][size_t(method)];
         s.kernelWritesWholeRow = method == 1;
+        if (method == 1 && kSepFloyd[quantiserKind(code)]) s.kernel = kSepFloyd[quantiserKind(code)];
         if (method == 1 && code == kCodeFixed2 && nBits == 1) {
             s.kernel = &floydBlackWhiteRow;
             s.kernelPacks = true;
