@@ -406,7 +406,8 @@ void floydRow(DitherState& s, const uint8_t* src, uint8_t* out) {
 // z = q + 16 s, u is floor(z / 16) when q >= 0 and ceil(z / 16) when q < 0,
 // so two tables over z hold 7e' ready: per pixel and channel the chain is one
 // add, one select and one load instead of a division, a clamp, a lookup, a
-// subtraction and a multiply. The level sets are those of the separable
+// subtraction and a multiply. Each entry also holds the clamped value
+// (bits 16..23), which the quantiser needs off the chain. The level sets are those of the separable
 // palettes; the largest error of a set (half its widest gap) bounds every
 // sum a row can carry (|a| <= 9 emax, |7e| <= 7 emax), hence the tables'
 // range of z.
@@ -416,7 +417,7 @@ struct CarryTable {
     static constexpr int kEMax = Set == kSet2 ? 127 : Set == kSet4 ? 42 : Set == kSet6 ? 25 : 18;
     static constexpr int kLow = -16 * kEMax;  // smallest z
     static constexpr int kSize = 32 * kEMax + 16 * 255 + 1;
-    int16_t pos[kSize], neg[kSize];
+    uint32_t pos[kSize], neg[kSize];  // 7e' in the low 16 bits, clamp(u) above
     static int value(int r) {
         switch (Set) {
             case kSet2: return r >= 128 ? 255 : 0;
@@ -432,8 +433,8 @@ struct CarryTable {
             const int fl = z >= 0 ? z / 16 : -((-z + 15) / 16);
             const int ce = z >= 0 ? (z + 15) / 16 : -(-z / 16);
             const int rf = clamp255(fl), rc = clamp255(ce);
-            pos[i] = int16_t(7 * (rf - value(rf)));
-            neg[i] = int16_t(7 * (rc - value(rc)));
+            pos[i] = uint32_t(uint16_t(int16_t(7 * (rf - value(rf))))) | uint32_t(rf) << 16;
+            neg[i] = uint32_t(uint16_t(int16_t(7 * (rc - value(rc))))) | uint32_t(rc) << 16;
         }
     }
 };
@@ -456,28 +457,42 @@ constexpr int levelSetOf(int code, int ch) {
 
 // One channel of one pixel through its carry table: c is 7e of the pixel
 // to the left on entry and of this pixel on return; returns the clamped
-// value. The clamped value comes from u off the chain.
+// value.
 struct CarryStep {
-    const int16_t* pos;
-    const int16_t* neg;
+    const uint32_t* pos;
+    const uint32_t* neg;
     template <int Set>
     static CarryStep of() noexcept {
         const CarryTable<Set>& t = carryTable<Set>();
         return {t.pos - CarryTable<Set>::kLow, t.neg - CarryTable<Set>::kLow};
     }
     int operator()(int a, int sample, int& c) const noexcept {
+#if defined(__x86_64__)
+        // The sign of q is as often one way as the other: a branch would
+        // mispredict, so the table is selected with a conditional move on
+        // the flags of the add itself, and the index stays 64-bit (no
+        // widening on the chain).
+        int64_t q = a, z;
+        int64_t cc = c;
+        const uint32_t* t = pos;
+        uint32_t v;
+        __asm__("add %[c], %[q]\n\t"
+                "cmovs %[n], %[t]\n\t"
+                "lea (%[q],%[s16]), %[z]\n\t"
+                "movswq (%[t],%[z],4), %[c]\n\t"
+                "movzbl 2(%[t],%[z],4), %[v]"
+                : [q] "+&r"(q), [c] "+&r"(cc), [t] "+&r"(t), [z] "=&r"(z), [v] "=&r"(v)
+                : [n] "r"(neg), [s16] "r"(int64_t(16 * sample))
+                : "cc");
+        c = int(cc);
+        return int(v);
+#else
         const int q = a + c;
         const int z = q + 16 * sample;
-        // The sign of q is as often one way as the other: a branch would
-        // mispredict, so the table is selected with a conditional move.
-        const int16_t* t = pos;
-#if defined(__x86_64__)
-        __asm__("test %[q], %[q]\n\tcmovs %[n], %[t]" : [t] "+r"(t) : [q] "r"(q), [n] "r"(neg) : "cc");
-#else
-        t = q < 0 ? neg : pos;
+        const uint32_t entry = (q < 0 ? neg : pos)[z];
+        c = int16_t(entry);
+        return int(entry >> 16);
 #endif
-        c = t[z];
-        return clamp255((z + ((q >> 31) & 15)) >> 4);
     }
 };
 
@@ -627,18 +642,28 @@ void greyFloydBlackWhiteRow(DitherState& s, const uint8_t* src, uint8_t* dst) {
     int32_t* below = s.rows[1] + 1;
     int c = 0;  // 7e of the pixel to the left
     int32_t p0 = 0, p1 = 0;
-    uint32_t bits = 0;
-    for (int x = 0; x < w; ++x) {
+    // One pixel: its bit (1 for white); below[x - 1] is complete.
+    auto pixel = [&](int x) {
         const int v = step(cur[x], src[x], c);
         const int white = v >> 7;
         const int e = v - (-white & 255);
-        bits = bits << 1 | uint32_t(white);
-        if ((x & 7) == 7) *dst++ = uint8_t(bits);
         below[x - 1] = p0 + 3 * e;
         p0 = p1 + 5 * e;
         p1 = e;
+        return uint32_t(white);
+    };
+    int x = 0;
+    for (; x + 8 <= w; x += 8) {
+        uint32_t bits = 0;
+#pragma GCC unroll 8
+        for (int k = 0; k < 8; ++k) bits = bits << 1 | pixel(x + k);
+        *dst++ = uint8_t(bits);
     }
-    if (w & 7) *dst = uint8_t(bits << (8 - (w & 7)));
+    if (x < w) {
+        uint32_t bits = 0;
+        for (int k = x; k < w; ++k) bits = bits << 1 | pixel(k);
+        *dst = uint8_t(bits << (8 - (w - x)));
+    }
     below[w - 1] = p0;
     below[w] = p1;
 }
