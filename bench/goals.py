@@ -6,14 +6,16 @@ bench/run builds the binary and calls this script; by hand:
 
 Every row's benchmarks (Ombrix, memcpy of the same bytes, the installed
 peers) run in the same process, interleaved round by round in random order
-(Google Benchmark's random interleaving over --rounds repetitions); the
+(Google Benchmark's random interleaving over --rounds repetitions; --issue and
+--match pick rows); the
 table shows medians as ratios: "x memcpy" is memcpy's time over the
 operation's (above 1 is faster than copying the bytes), Mpix/s is pixels
 per second. Times are CPU time by default: on a shared machine wall time
 mostly measures the other processes (--wall for wall time). Peers that run
 in their own process (Pillow) and the benchmarks that interleave their own
 rounds (orientation, rotation, thread speed-ups) report their own wall-time
-figures, marked "(own)". A row whose benchmark does not exist says so.
+figures, marked "(own)" (Pillow: CPU seconds of its process). A row whose
+benchmark does not exist says so.
 """
 import argparse
 import json
@@ -168,8 +170,10 @@ def main():
     ap.add_argument("--rounds", type=int, default=5)
     ap.add_argument("--wall", action="store_true")
     ap.add_argument("--issue", type=int, action="append")
+    ap.add_argument("--match", help="only the rows whose operation matches this regular expression")
     args, extra = ap.parse_known_args()
-    rows = [r for r in ROWS if not args.issue or r["issue"] in args.issue]
+    rows = [r for r in ROWS if (not args.issue or r["issue"] in args.issue)
+            and (not args.match or re.search(args.match, r["op"]))]
     med, listed = run(args.bench, rows, args.rounds, extra)
     try:
         load = open("/proc/loadavg").read().split()[:3]
