@@ -738,24 +738,6 @@ OMBRIX_AVX512_PW void avx512_32to24(uint8_t* buf, size_t w) {
     });
 }
 
-// 24-bit red-blue swap in place, 21 pixels (63 bytes) per step: one load,
-// one byte permute inside the register, one store of the 63 bytes (the next
-// step's load never overlaps a store in flight). The pixels past the last
-// whole step go as one masked step.
-OMBRIX_AVX512_PW void avx512Swap24(uint8_t* p, size_t w) {
-    alignas(64) uint8_t idx[64];
-    for (int j = 0; j < 64; ++j) idx[j] = uint8_t(j < 63 ? j - (j % 3) + 2 - (j % 3) : 63);
-    const __m512i perm = _mm512_load_si512(idx);
-    constexpr uint64_t k63 = (uint64_t(1) << 63) - 1;
-    size_t i = 0;
-    for (; i + 22 <= w; i += 21, p += 63)  // the load reads one byte past the step
-        _mm512_mask_storeu_epi8(p, k63, _mm512_maskz_permutexvar_epi8(k63, perm, _mm512_loadu_si512(p)));
-    if (i < w) {
-        const uint64_t m = lowBits(3 * (w - i));
-        _mm512_mask_storeu_epi8(p, m, _mm512_maskz_permutexvar_epi8(m, perm, _mm512_maskz_loadu_epi8(m, p)));
-    }
-}
-
 template <bool Swap>
 void avx2_24to32(uint8_t* buf, size_t w) {
     avx2_24to32_back<Swap>(buf, w);
@@ -799,7 +781,7 @@ RowFn pickDirect(const DirectKey& k, int maxLevel) noexcept {
     const bool z = maxLevel >= kSimdAvx512 && __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vbmi");
     const bool srcRgb = k.srcOrder == ORDER_RGB;
     if (k.srcBits == 24 && k.dstBits == 24 && k.srcOrder <= 1 && k.dstOrder <= 1)
-        return swap ? (z ? avx512Swap24 : x ? ssse3Swap24 : plain24to24<true>) : plain24to24<false>;
+        return swap ? (x ? ssse3Swap24 : plain24to24<true>) : plain24to24<false>;
     if (k.srcBits == 24 && k.dstBits == 32 && k.srcOrder <= 1 && k.dstOrder <= 1)
         return swap ? (y ? avx2_24to32<true> : x ? ssse3_24to32<true> : plain24to32<true>)
                     : (y ? avx2_24to32<false> : x ? ssse3_24to32<false> : plain24to32<false>);
