@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "colorres.h"
 #include "convert_kernels.h"
 #include "hooks.h"
 #include "kernel.h"
@@ -131,6 +132,7 @@ inline int32_t searchIndex(Ctx& c, unsigned r, unsigned g, unsigned b) {
         int32_t t = colorMatchTreeLookup(c.tree, int(r), int(g), int(b));
         if (t >= 0) return t;
     }
+    if (c.exact) return c.exact(int(r), int(g), int(b));
     if (c.cache) {
         uint32_t key = ((r << 16) | (g << 8) | b) + 1u;
         unsigned slot = ((key * 0x9E3779B1u) >> 22) & (IndexCache::kSlots - 1u);
@@ -257,6 +259,42 @@ void colourToIndex8(uint8_t* buf, size_t w, Ctx& c) {
         buf[i] = uint8_t(searchIndex(c, q[R], q[1], q[B]));
     }
 }
+// 24-bit BGR to indices of the fixed 256-colour palette with the row kernels
+// of colour resolution (per-channel levels, the search's tie rule for the
+// values midway between two levels), in place. A kernel block stores 32
+// indices at x before its tie fix-ups read source pixels 3x onwards, which
+// overlap only while x < 16: the first 32 pixels are done aside first.
+void fixed256FromBGR24(uint8_t* buf, size_t w) {
+    using RowKernel = void (*)(const uint8_t*, uint8_t*, int32_t) noexcept;
+    const int level = simdCeiling();
+    const RowKernel fn = level >= kSimdAvx2 && cpuHasAvx2ForColorRes() ? &fixed256RowAvx2
+                         : level >= kSimdSsse3 && cpuHasSsse3()       ? &fixed256RowSsse3
+                                                                      : &fixed256RowPlain;
+    const size_t head = std::min<size_t>(w, 32);
+    uint8_t first[32];
+    fixed256RowPlain(buf, first, int32_t(head));
+    if (w > head) fn(buf + 3 * head, buf + head, int32_t(w - head));
+    std::memcpy(buf, first, head);
+}
+template <int O, int Bpp>
+void fixed256FromColour(uint8_t* buf, size_t w) {
+    constexpr int R = O == ORDER_RGB ? 0 : 2, B = 2 - R;
+    for (size_t i = 0; i < w; ++i) {
+        const uint8_t* q = buf + Bpp * i;
+        buf[i] = uint8_t(fixed256Index(q[R], q[1], q[B]));
+    }
+}
+using Fixed256Fn = void (*)(uint8_t*, size_t);
+Fixed256Fn pickFixed256(int sf) {
+    switch (sf) {
+        case S_C24_RGB: return fixed256FromColour<ORDER_RGB, 3>;
+        case S_C24_BGR: return fixed256FromBGR24;
+        case S_C32_RGB: return fixed256FromColour<ORDER_RGB, 4>;
+        case S_C32_BGR: return fixed256FromColour<ORDER_BGR, 4>;
+        default: return nullptr;
+    }
+}
+
 // Palette indices of 1, 2, 4 or 8 bits to 24/32-bit colour: one table of
 // ready-made pixels per call. Chunks of 4096 pixels go from the end of the
 // run; each is copied aside and written front to back (a 24-bit pixel is
@@ -550,6 +588,10 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
         c.palDst = dstPalette ? dstPalette : fixedPalette(dstBits);
         c.palDstN = 1 << dstBits;
         c.tree = tree;
+        // The fixed 256-colour palette (by default or passed byte for byte)
+        // has a direct exact index.
+        if (dstBits == 8 && (!dstPalette || std::memcmp(dstPalette, fixedPalette(8), 256 * sizeof(RGBQUAD)) == 0))
+            c.exact = fixed256Index;
     }
     const bool transparent = (flags & kConvertTransparent) && (dstBits == 32 || dstBits == 64);
     c.crIndex = colorRefIsIndex(crTransparent);
@@ -570,14 +612,17 @@ int32_t convertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t d
         direct = pickDirect(DirectKey{srcBits, so, 0, ORDER_GRAY}, simdCeiling());
     }
     IndexFn toIndex8 = (df == D_IDX8) ? pickIndex8(sf) : nullptr;
+    const Fixed256Fn toFixed256 = (df == D_IDX8 && c.exact == fixed256Index && !c.tree) ? pickFixed256(sf) : nullptr;
     ExpandFn expand = transparent ? nullptr : pickExpand(srcBits, df);
     if (direct) {
         direct(buffer, w);
     } else if (expand) {
         expand(buffer, w, c.palSrc);
+    } else if (toFixed256) {
+        toFixed256(buffer, w);
     } else {
         IndexCache cache;
-        if (c.palDst && w >= 64) {
+        if (c.palDst && !c.exact && w >= 64) {
             std::memset(cache.key, 0, sizeof cache.key);
             c.cache = &cache;
         }

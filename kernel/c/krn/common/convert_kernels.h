@@ -33,12 +33,17 @@ struct IndexCache {
     uint8_t val[kSlots];
 };
 
+// An exact nearest-entry answer for one known palette (the same index as
+// K_FindPaletteIndex over it), chosen once per call.
+using ExactIndexFn = int32_t (*)(int r, int g, int b) noexcept;
+
 struct Ctx {
     const RGBQUAD* palSrc = nullptr;
     const RGBQUAD* palDst = nullptr;
     int32_t palDstN = 0;
     const uint32_t* tree = nullptr;
     IndexCache* cache = nullptr;
+    ExactIndexFn exact = nullptr;  // when set, answers in place of the cache and the search
     int sLo = 0, sN = 8;  // source grey window: low bit, width
     int dLo = 0, dN = 8;  // destination grey window
     bool crIndex = false;

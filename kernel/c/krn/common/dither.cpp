@@ -399,6 +399,136 @@ void floydRow(DitherState& s, const uint8_t* src, uint8_t* out) {
     d[3] = p1r, d[4] = p1g, d[5] = p1b;
 }
 
+// ---- Floyd-Steinberg carry tables
+// The only serial dependency of a Floyd-Steinberg row is the error carried
+// to the right: u = s + trunc((a + 7e) / 16), e' = err(clamp(u)), with a the
+// sum the row above left and s the sample. With q = a + 7e and
+// z = q + 16 s, u is floor(z / 16) when q >= 0 and ceil(z / 16) when q < 0,
+// so two tables over z hold 7e' ready: per pixel and channel the chain is one
+// add, one select and one load instead of a division, a clamp, a lookup, a
+// subtraction and a multiply. Each entry also holds the clamped value
+// (bits 16..23), which the quantiser needs off the chain. The level sets are those of the separable
+// palettes; the largest error of a set (half its widest gap) bounds every
+// sum a row can carry (|a| <= 9 emax, |7e| <= 7 emax), hence the tables'
+// range of z.
+enum LevelSet { kSet2, kSet4, kSet6, kSet8 };
+template <int Set>
+struct CarryTable {
+    static constexpr int kEMax = Set == kSet2 ? 127 : Set == kSet4 ? 42 : Set == kSet6 ? 25 : 18;
+    static constexpr int kLow = -16 * kEMax;  // smallest z
+    static constexpr int kSize = 32 * kEMax + 16 * 255 + 1;
+    uint32_t pos[kSize], neg[kSize];  // 7e' in the low 16 bits, clamp(u) above
+    static int value(int r) {
+        switch (Set) {
+            case kSet2: return r >= 128 ? 255 : 0;
+            case kSet4: return kL4[nearestLevel(kL4, r)];
+            case kSet6: return kL6[nearestLevel(kL6, r)];
+            default: return kL8[nearestLevel(kL8, r)];
+        }
+    }
+    CarryTable() noexcept {
+        for (int i = 0; i < kSize; ++i) {
+            const int z = i + kLow;
+            // floor and ceil of z / 16 (z may be negative).
+            const int fl = z >= 0 ? z / 16 : -((-z + 15) / 16);
+            const int ce = z >= 0 ? (z + 15) / 16 : -(-z / 16);
+            const int rf = clamp255(fl), rc = clamp255(ce);
+            pos[i] = uint32_t(uint16_t(int16_t(7 * (rf - value(rf))))) | uint32_t(rf) << 16;
+            neg[i] = uint32_t(uint16_t(int16_t(7 * (rc - value(rc))))) | uint32_t(rc) << 16;
+        }
+    }
+};
+template <int Set>
+const CarryTable<Set>& carryTable() noexcept {
+    static const CarryTable<Set> t;
+    return t;
+}
+// The level set of each channel of the separable fixed palettes.
+constexpr int levelSetOf(int code, int ch) {
+    switch (code) {
+        case kCodeFixed8: return kSet2;
+        case kCodeFixed32: return ch == 2 ? kSet2 : kSet4;
+        case kCodeFixed64: return kSet4;
+        case kCodeFixed128: return ch == 1 ? kSet8 : kSet4;
+        case kCodeFixed256: return ch == 2 ? kSet4 : kSet8;
+        default: return kSet6;  // web
+    }
+}
+
+// One channel of one pixel through its carry table: c is 7e of the pixel
+// to the left on entry and of this pixel on return; returns the clamped
+// value.
+struct CarryStep {
+    const uint32_t* pos;
+    const uint32_t* neg;
+    template <int Set>
+    static CarryStep of() noexcept {
+        const CarryTable<Set>& t = carryTable<Set>();
+        return {t.pos - CarryTable<Set>::kLow, t.neg - CarryTable<Set>::kLow};
+    }
+    int operator()(int a, int sample, int& c) const noexcept {
+#if defined(__x86_64__)
+        // The sign of q is as often one way as the other: a branch would
+        // mispredict, so the table is selected with a conditional move on
+        // the flags of the add itself, and the index stays 64-bit (no
+        // widening on the chain).
+        int64_t q = a, z;
+        int64_t cc = c;
+        const uint32_t* t = pos;
+        uint32_t v;
+        __asm__("add %[c], %[q]\n\t"
+                "cmovs %[n], %[t]\n\t"
+                "lea (%[q],%[s16]), %[z]\n\t"
+                "movswq (%[t],%[z],4), %[c]\n\t"
+                "movzbl 2(%[t],%[z],4), %[v]"
+                : [q] "+&r"(q), [c] "+&r"(cc), [t] "+&r"(t), [z] "=&r"(z), [v] "=&r"(v)
+                : [n] "r"(neg), [s16] "r"(int64_t(16 * sample))
+                : "cc");
+        c = int(cc);
+        return int(v);
+#else
+        const int q = a + c;
+        const int z = q + 16 * sample;
+        const uint32_t entry = (q < 0 ? neg : pos)[z];
+        c = int16_t(entry);
+        return int(entry >> 16);
+#endif
+    }
+};
+
+// Floyd-Steinberg into a separable fixed palette through the carry tables.
+// Same arithmetic as floydRow<QSep<Code>> (the tests compare the two).
+template <int Code>
+void floydSepRow(DitherState& s, const uint8_t* src, uint8_t* out) {
+    using Q = QSep<Code>;
+    const CarryStep tr = CarryStep::of<levelSetOf(Code, 0)>();
+    const CarryStep tg = CarryStep::of<levelSetOf(Code, 1)>();
+    const CarryStep tb = CarryStep::of<levelSetOf(Code, 2)>();
+    const int w = s.width, st = s.stride, ro = s.ro, go = s.go, bo = s.bo;
+    const int32_t* cur = s.rows[0] + 3;
+    int32_t* below = s.rows[1] + 3;
+    int cr = 0, cg = 0, cb = 0;         // 7e of the pixel to the left
+    int32_t p0r = 0, p0g = 0, p0b = 0;  // below[x - 1] being completed
+    int32_t p1r = 0, p1g = 0, p1b = 0;  // below[x]
+    for (int x = 0; x < w; ++x, src += st) {
+        const int r = tr(cur[3 * x], src[ro], cr);
+        const int g = tg(cur[3 * x + 1], src[go], cg);
+        const int b = tb(cur[3 * x + 2], src[bo], cb);
+        out[x] = uint8_t(Q::index(s, r, g, b));
+        const int er = r - kSepValue.v[Code][0][r], eg = g - kSepValue.v[Code][1][g],
+                  eb = b - kSepValue.v[Code][2][b];
+        int32_t* d = below + 3 * (x - 1);
+        d[0] = p0r + 3 * er;
+        d[1] = p0g + 3 * eg;
+        d[2] = p0b + 3 * eb;
+        p0r = p1r + 5 * er, p0g = p1g + 5 * eg, p0b = p1b + 5 * eb;
+        p1r = er, p1g = eg, p1b = eb;
+    }
+    int32_t* d = below + 3 * (w - 1);
+    d[0] = p0r, d[1] = p0g, d[2] = p0b;
+    d[3] = p1r, d[4] = p1g, d[5] = p1b;
+}
+
 // Floyd-Steinberg to black and white (code 2) with the indices packed
 // straight into the 1-bit destination row; otherwise floydRow<QGrey2>.
 void floydBlackWhiteRow(DitherState& s, const uint8_t* src, uint8_t* dst) {
@@ -502,29 +632,38 @@ void greyFloydRow(DitherState& s, const uint8_t* src, uint8_t* out) {
 
 // Black and white (the fixed two-colour palette) from grey: the index is
 // v >= 128, the error is measured from the clamped value, and the indices are
-// packed straight into the 1-bit destination row. Same results as
-// greyFloydRow with the two-colour tables.
+// packed straight into the 1-bit destination row. The carry to the right goes
+// through the carry tables of the two levels. Same results as greyFloydRow
+// with the two-colour tables.
 void greyFloydBlackWhiteRow(DitherState& s, const uint8_t* src, uint8_t* dst) {
+    const CarryStep step = CarryStep::of<kSet2>();
     const int w = s.width;
     const int32_t* cur = s.rows[0] + 1;
     int32_t* below = s.rows[1] + 1;
-    int32_t carry = 0, p0 = 0, p1 = 0;
-    uint32_t bits = 0;
-    for (int x = 0; x < w; ++x) {
-        const int u = src[x] + (cur[x] + carry) / 16;  // not yet clamped
-        const int white = u >= 128;
-        // The clamped value minus the entry (0 or 255), without a branch:
-        // the choice is as often one way as the other and would mispredict
-        // (this form measured fastest of several branch-free ones).
-        const int e = clamp255(u) - (-white & 255);
-        bits = bits << 1 | uint32_t(white);
-        if ((x & 7) == 7) *dst++ = uint8_t(bits);
-        carry = 7 * e;
+    int c = 0;  // 7e of the pixel to the left
+    int32_t p0 = 0, p1 = 0;
+    // One pixel: its bit (1 for white); below[x - 1] is complete.
+    auto pixel = [&](int x) {
+        const int v = step(cur[x], src[x], c);
+        const int white = v >> 7;
+        const int e = v - (-white & 255);
         below[x - 1] = p0 + 3 * e;
         p0 = p1 + 5 * e;
         p1 = e;
+        return uint32_t(white);
+    };
+    int x = 0;
+    for (; x + 8 <= w; x += 8) {
+        uint32_t bits = 0;
+#pragma GCC unroll 8
+        for (int k = 0; k < 8; ++k) bits = bits << 1 | pixel(x + k);
+        *dst++ = uint8_t(bits);
     }
-    if (w & 7) *dst = uint8_t(bits << (8 - (w & 7)));
+    if (x < w) {
+        uint32_t bits = 0;
+        for (int k = x; k < w; ++k) bits = bits << 1 | pixel(k);
+        *dst = uint8_t(bits << (8 - (w - x)));
+    }
     below[w - 1] = p0;
     below[w] = p1;
 }
@@ -588,6 +727,12 @@ constexpr std::array<std::array<RowFn, 9>, kQCount> kKernels = {
     kernelsFor<QSixteen>(),       kernelsFor<QSep<kCodeFixed8>>(),  kernelsFor<QSep<kCodeFixed32>>(),
     kernelsFor<QSep<kCodeFixed64>>(), kernelsFor<QSep<kCodeFixed128>>(), kernelsFor<QSep<kCodeFixed256>>(),
     kernelsFor<QSep<kCodeWeb>>()};
+
+// Floyd-Steinberg through the carry tables for the separable palettes (null
+// for the other quantisers).
+constexpr std::array<RowFn, kQCount> kSepFloyd = {
+    nullptr, nullptr, nullptr, nullptr, &floydSepRow<kCodeFixed8>, &floydSepRow<kCodeFixed32>,
+    &floydSepRow<kCodeFixed64>, &floydSepRow<kCodeFixed128>, &floydSepRow<kCodeFixed256>, &floydSepRow<kCodeWeb>};
 
 // The plain tap loop for method 1, which tests compare with floydRow.
 constexpr std::array<RowFn, kQCount> kPlainFloyd = {
@@ -682,8 +827,10 @@ void levelSpacing(int code, int colors, int out[3]) {
     }
 }
 
-int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, int32_t nBits,
-                 const uint32_t* pMatchTable) {
+// ---- starting a run: one step per part of the state
+
+// The arguments and the record, before anything is allocated.
+int32_t checkRunArguments(BITMAPRECORD* bm, uint32_t uColors, int32_t nBits) {
     int32_t r = checkRecord(bm);
     if (r != KS_SUCCESS) return r;
     if (uColors < 1 || uColors > 256) return KS_INVALID_PARAMETER;
@@ -692,26 +839,18 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     if (method < 0 || method > 8) return KS_INVALID_PARAMETER;
     // Row offsets are int arithmetic (3 entries per pixel): keep them in range.
     if (bm->nWidth < 1 || bm->nWidth > kMaxWidth) return KS_INVALID_DIMENSIONS;
-    const int bits = bm->nBitsPerPixel;
-    if (!bitsValid(bits)) return KS_INVALID_BITS_PER_PIXEL;
-    if (!orderValid(bits, bm->nOrder)) return KS_INVALID_PARAMETER;
-    const int width = bm->nWidth;
+    if (!bitsValid(bm->nBitsPerPixel)) return KS_INVALID_BITS_PER_PIXEL;
+    if (!orderValid(bm->nBitsPerPixel, bm->nOrder)) return KS_INVALID_PARAMETER;
+    return KS_SUCCESS;
+}
 
-    UniqueMem<DitherState> st(static_cast<DitherState*>(memCalloc(sizeof(DitherState))));
-    if (!st) return KS_NO_MEMORY;
-    DitherState& s = *st;
-    s.magic = kStateMagic;
-    s.method = method;
-    s.width = width;
-    s.srcBits = bits;
-    s.srcOrder = bm->nOrder;
-    s.outBits = nBits;
-    s.colors = int32_t(uColors);
-
-    // Target palette and its code.
+// The target palette, its code and its usable entries; the caller's or the
+// installed match table for code 1 in `callerTable`.
+int32_t chooseTarget(DitherState& s, const RGBQUAD* pPalette, uint32_t uColors, const uint32_t* pMatchTable,
+                     const uint32_t*& callerTable) {
     const RGBQUAD* pal = pPalette ? pPalette : fixedPalette(outputBitsFor(uColors));
     int code;
-    const uint32_t* callerTable = pMatchTable;
+    callerTable = pMatchTable;
     if (pMatchTable) {
         code = kCodeCallerTable;
     } else {
@@ -733,46 +872,47 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
             s.usable[s.usableCount++] = e;
         }
     }
-    if (s.usableCount == 0) return KS_INVALID_PARAMETER;
+    return s.usableCount == 0 ? KS_INVALID_PARAMETER : KS_SUCCESS;
+}
 
-    // Error rows.
-    const DitherTaps taps = ditherTaps(method);
+// Error rows and the scratch rows; how source rows are read.
+int32_t allocateRows(DitherState& s, int32_t width) {
+    const DitherTaps taps = ditherTaps(s.method);
     s.rowsBelow = taps.rowsBelow;
     s.margin = taps.margin;
     if (taps.count) {
         const size_t rowLen = (size_t(width) + 2 * size_t(taps.margin)) * 3;
         s.rowBlock = static_cast<int32_t*>(memCalloc(rowLen * size_t(taps.rowsBelow + 1) * sizeof(int32_t)));
-        if (!s.rowBlock) {
-            freeState(st.release());
-            return KS_NO_MEMORY;
-        }
+        if (!s.rowBlock) return KS_NO_MEMORY;
         for (int k = 0; k <= taps.rowsBelow; ++k) s.rows[k] = s.rowBlock + rowLen * size_t(k);
     }
-
     // Source reading: 8-bit samples in place for 24/32-bit colour, else unpacked.
+    const int bits = s.srcBits;
     s.unpack = true;
-    if ((bits == 24 || bits == 32) && (bm->nOrder == ORDER_RGB || bm->nOrder == ORDER_BGR)) {
+    if ((bits == 24 || bits == 32) && (s.srcOrder == ORDER_RGB || s.srcOrder == ORDER_BGR)) {
         s.unpack = false;
         s.stride = bits / 8;
-        const bool rgb = bm->nOrder == ORDER_RGB;
+        const bool rgb = s.srcOrder == ORDER_RGB;
         s.ro = rgb ? 0 : 2, s.go = 1, s.bo = rgb ? 2 : 0;
     } else {
         s.stride = 3, s.ro = 2, s.go = 1, s.bo = 0;
     }
     // Other formats go through the buffer converter into one row of 24-bit
     // BGR, converted in place, so the row holds the larger of the two sizes.
+    // (A grey run, chosen later, converts into depth 0 in the same row.)
     const size_t bgrBytes = s.unpack ? std::max(convertBufferBytes(width, bits, 24), size_t(width) * 3) : 0;
-    // (A grey run, chosen below, converts into depth 0 in the same row.)
     const size_t idxBytes = size_t(width);
     s.scratch = static_cast<uint8_t*>(memAlloc(bgrBytes + idxBytes + 16));
-    if (!s.scratch) {
-        freeState(st.release());
-        return KS_NO_MEMORY;
-    }
+    if (!s.scratch) return KS_NO_MEMORY;
     s.bgrRow = s.scratch;
     s.indexRow = s.scratch + bgrBytes;
+    return KS_SUCCESS;
+}
 
-    // Source palette and grey window.
+// The source palette and grey window; the converter is asked once, on one
+// pixel, whether it takes the source format, so that rows cannot fail later.
+int32_t prepareSource(DitherState& s, const BITMAPRECORD* bm) {
+    const int bits = s.srcBits;
     if (bits <= 8) {
         const int n = 1 << bits;
         if (bm->pPalette && bm->nColors > 0) {
@@ -785,69 +925,65 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
     }
     s.lowBit = bm->nLowBit;
     s.highBit = bm->nHighBit;
-    s.srcRowBytes = (size_t(width) * size_t(bits) + 7) / 8;
-    if (s.unpack) {
-        // The converter's rules decide which formats and grey windows are
-        // valid: ask it once on one pixel, so that rows cannot fail later.
-        uint8_t probe[16] = {};
-        int32_t pr = convertRowToBGR24(probe, 1, bits, bm->nOrder, s.srcPalette, kConvertSrcRange, s.lowBit,
-                                       s.highBit);
-        if (pr != KS_SUCCESS) {
-            freeState(st.release());
-            return pr;
-        }
-    }
+    s.srcRowBytes = (size_t(s.width) * size_t(bits) + 7) / 8;
+    if (!s.unpack) return KS_SUCCESS;
+    uint8_t probe[16] = {};
+    return convertRowToBGR24(probe, 1, bits, s.srcOrder, s.srcPalette, kConvertSrcRange, s.lowBit, s.highBit);
+}
 
-    // Codes 0 and 1: the run's own quantisation table, built from the palette
-    // (the 5-5-5 match table of the nearest-colour rule) or read once from the
-    // caller's (or installed) match table, with each entry's colour beside it.
-    if (code == kCodeBuiltTable || code == kCodeCallerTable) {
-        s.ownedTable = static_cast<uint32_t*>(memAlloc(32768 * sizeof(uint32_t)));
-        if (!s.ownedTable) {
-            freeState(st.release());
-            return KS_NO_MEMORY;
-        }
-        const uint32_t mask = (1u << nBits) - 1u;
-        for (uint32_t k = 0; k < 32768; ++k) {
-            uint32_t i;
-            if (code == kCodeBuiltTable) {
-                int32_t j = K_FindPaletteIndex(s.usable, s.usableCount, int32_t((k >> 7) & 0xF8),
-                                               int32_t(((k >> 5) & 31) * 8), int32_t((k & 31) * 8));
-                i = s.usable[j].rgbReserved;
-            } else {
-                const uint32_t e = callerTable[k];
-                i = (e ? (e - 1u) & 0xFFu : 0u) & mask;  // 0 means "no entry": index 0
-            }
-            s.ownedTable[k] = i | uint32_t(s.colour[i][0]) << 8 | uint32_t(s.colour[i][1]) << 16 |
-                              uint32_t(s.colour[i][2]) << 24;
-        }
-        s.table = s.ownedTable;
-    }
-
-    // Ordered methods.
-    if (method >= 7) {
-        s.twoColour = s.usableCount == 2 && code != kCodeCallerTable;
-        if (s.twoColour) {
-            const RGBQUAD& a = s.usable[0];
-            const RGBQUAD& b = s.usable[1];
-            int ga = grey8Sum(a.rgbRed, a.rgbGreen, a.rgbBlue) >> 3;
-            int gb = grey8Sum(b.rgbRed, b.rgbGreen, b.rgbBlue) >> 3;
-            const bool aDark = ga <= gb;
-            s.darkIndex = aDark ? a.rgbReserved : b.rgbReserved;
-            s.brightIndex = aDark ? b.rgbReserved : a.rgbReserved;
-            s.darkGrey = aDark ? ga : gb;
-            s.brightGrey = aDark ? gb : ga;
+// Codes 0 and 1: the run's own quantisation table, built from the palette
+// (the 5-5-5 match table of the nearest-colour rule) or read once from the
+// caller's (or installed) match table, with each entry's colour beside it.
+int32_t buildQuantTable(DitherState& s, const uint32_t* callerTable) {
+    if (s.code != kCodeBuiltTable && s.code != kCodeCallerTable) return KS_SUCCESS;
+    s.ownedTable = static_cast<uint32_t*>(memAlloc(32768 * sizeof(uint32_t)));
+    if (!s.ownedTable) return KS_NO_MEMORY;
+    const uint32_t mask = (1u << s.outBits) - 1u;
+    for (uint32_t k = 0; k < 32768; ++k) {
+        uint32_t i;
+        if (s.code == kCodeBuiltTable) {
+            int32_t j = K_FindPaletteIndex(s.usable, s.usableCount, int32_t((k >> 7) & 0xF8),
+                                           int32_t(((k >> 5) & 31) * 8), int32_t((k & 31) * 8));
+            i = s.usable[j].rgbReserved;
         } else {
-            int spacing[3];
-            levelSpacing(code, code == kCodeCallerTable ? int(uColors) : s.usableCount, spacing);
-            const uint8_t(*t)[8] = method == 7 ? kDitherDispersed : kDitherClustered;
-            for (int c = 0; c < 3; ++c)
-                for (int cell = 0; cell < 64; ++cell)
-                    s.bias[c][cell] = int16_t(((2 * t[cell >> 3][cell & 7] + 1 - 256) * spacing[c]) / 512);
+            const uint32_t e = callerTable[k];
+            i = (e ? (e - 1u) & 0xFFu : 0u) & mask;  // 0 means "no entry": index 0
         }
+        s.ownedTable[k] = i | uint32_t(s.colour[i][0]) << 8 | uint32_t(s.colour[i][1]) << 16 |
+                          uint32_t(s.colour[i][2]) << 24;
     }
+    s.table = s.ownedTable;
+    return KS_SUCCESS;
+}
 
-    // Grey runs.
+// Ordered methods: the two-colour thresholds or the per-channel biases.
+void prepareOrdered(DitherState& s) {
+    if (s.method < 7) return;
+    s.twoColour = s.usableCount == 2 && s.code != kCodeCallerTable;
+    if (s.twoColour) {
+        const RGBQUAD& a = s.usable[0];
+        const RGBQUAD& b = s.usable[1];
+        int ga = grey8Sum(a.rgbRed, a.rgbGreen, a.rgbBlue) >> 3;
+        int gb = grey8Sum(b.rgbRed, b.rgbGreen, b.rgbBlue) >> 3;
+        const bool aDark = ga <= gb;
+        s.darkIndex = aDark ? a.rgbReserved : b.rgbReserved;
+        s.brightIndex = aDark ? b.rgbReserved : a.rgbReserved;
+        s.darkGrey = aDark ? ga : gb;
+        s.brightGrey = aDark ? gb : ga;
+        return;
+    }
+    int spacing[3];
+    levelSpacing(s.code, s.code == kCodeCallerTable ? s.colors : s.usableCount, spacing);
+    const uint8_t(*t)[8] = s.method == 7 ? kDitherDispersed : kDitherClustered;
+    for (int c = 0; c < 3; ++c)
+        for (int cell = 0; cell < 64; ++cell)
+            s.bias[c][cell] = int16_t(((2 * t[cell >> 3][cell & 7] + 1 - 256) * spacing[c]) / 512);
+}
+
+// Whether the run diffuses one grey channel: a grey source (by order or by
+// palette) into an all-grey target, in a format the converter brings to 8-bit grey.
+bool isGreyRun(DitherState& s, const BITMAPRECORD* bm) {
+    const int bits = s.srcBits;
     bool srcGrey = bm->nOrder == ORDER_GRAY && (bits == 12 || bits == 16 || bits == 32);
     if (bits <= 8) {
         srcGrey = true;
@@ -857,52 +993,76 @@ int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, in
             s.greyOfIndex[i] = e.rgbRed;
         }
     }
-    bool dstGrey = code <= kCodeFixed4;
-    for (int i = 0; i < 256 && dstGrey; ++i) dstGrey = s.colour[i][0] == s.colour[i][1] && s.colour[i][1] == s.colour[i][2];
-    s.grey = srcGrey && dstGrey;
-    if (s.grey && bits != 8) {
-        // Grey rows come from the converter at depth 0; make sure it takes them.
-        uint8_t probe[16] = {};
-        s.grey = convertBuffer(probe, 1, bits, 0, bm->nOrder, ORDER_GRAY, s.srcPalette, nullptr, nullptr,
-                               kConvertSrcRange | kConvertDstGray, s.lowBit, s.highBit, 0, nullptr) == KS_SUCCESS;
-    }
+    bool dstGrey = s.code <= kCodeFixed4;
+    for (int i = 0; i < 256 && dstGrey; ++i)
+        dstGrey = s.colour[i][0] == s.colour[i][1] && s.colour[i][1] == s.colour[i][2];
+    if (!srcGrey || !dstGrey) return false;
+    if (bits == 8) return true;
+    uint8_t probe[16] = {};
+    return convertBuffer(probe, 1, bits, 0, bm->nOrder, ORDER_GRAY, s.srcPalette, nullptr, nullptr,
+                         kConvertSrcRange | kConvertDstGray, s.lowBit, s.highBit, 0, nullptr) == KS_SUCCESS;
+}
+
+// The row kernel: one channel for grey runs, else by method and quantiser;
+// the packing kernels for black and white; the plain tap loop on request.
+void chooseKernel(DitherState& s) {
+    const int method = s.method, code = s.code;
+    const bool blackWhite = method == 1 && code == kCodeFixed2 && s.outBits == 1;
+    s.kernelWritesWholeRow = method == 1;
     if (s.grey) {
         for (int v = 0; v < 256; ++v) {
-            const int i = quantiseWith(s, v, v, v) & ((1 << nBits) - 1);
+            const int i = quantiseWith(s, v, v, v) & ((1 << s.outBits) - 1);
             s.greyIndex[v] = uint8_t(i);
             s.greyValue[v] = uint8_t(s.colour[i][0]);
         }
-        s.greyByLut = bits == 8;
+        s.greyByLut = s.srcBits == 8;
         s.greyIsIndex = s.greyByLut;
         for (int i = 0; i < 256 && s.greyIsIndex; ++i) s.greyIsIndex = s.greyOfIndex[i] == i;
         s.unpack = true;
         s.kernel = (method >= 7 && s.twoColour) ? &greyOrderedTwoRow : kGreyKernels[size_t(method)];
-        s.kernelWritesWholeRow = method == 1;
-        if (method == 1 && code == kCodeFixed2 && nBits == 1) {
-            s.kernel = &greyFloydBlackWhiteRow;
-            s.kernelPacks = true;
-        }
-        if (method == 1 && testhook::ditherPlainKernels) {
-            s.kernel = &greyDiffuseRow<1>;
-            s.kernelWritesWholeRow = false;
-            s.kernelPacks = false;
-        }
+        if (blackWhite) s.kernel = &greyFloydBlackWhiteRow;
+        if (method == 1 && testhook::ditherPlainKernels) s.kernel = &greyDiffuseRow<1>;
     } else if (method >= 7 && s.twoColour) {
+        s.kernelWritesWholeRow = false;
         s.kernel = &orderedTwoRow;
+        return;
     } else {
-        s.kernel = kKernels[quantiserKind(code)][size_t(method)];
-        s.kernelWritesWholeRow = method == 1;
-        if (method == 1 && code == kCodeFixed2 && nBits == 1) {
-            s.kernel = &floydBlackWhiteRow;
-            s.kernelPacks = true;
-        }
-        if (method == 1 && testhook::ditherPlainKernels) {
-            s.kernel = kPlainFloyd[quantiserKind(code)];
-            s.kernelWritesWholeRow = false;
-            s.kernelPacks = false;
-        }
+        const QKind q = quantiserKind(code);
+        s.kernel = kKernels[q][size_t(method)];
+        if (method == 1 && kSepFloyd[q]) s.kernel = kSepFloyd[q];
+        if (blackWhite) s.kernel = &floydBlackWhiteRow;
+        if (method == 1 && testhook::ditherPlainKernels) s.kernel = kPlainFloyd[q];
     }
+    s.kernelPacks = blackWhite;
+    if (method == 1 && testhook::ditherPlainKernels) s.kernelWritesWholeRow = s.kernelPacks = false;
+}
 
+int32_t startRun(BITMAPRECORD* bm, const RGBQUAD* pPalette, uint32_t uColors, int32_t nBits,
+                 const uint32_t* pMatchTable) {
+    int32_t r = checkRunArguments(bm, uColors, nBits);
+    if (r != KS_SUCCESS) return r;
+    UniqueMem<DitherState> st(static_cast<DitherState*>(memCalloc(sizeof(DitherState))));
+    if (!st) return KS_NO_MEMORY;
+    DitherState& s = *st;
+    s.magic = kStateMagic;
+    s.method = bm->nDitheringMethod;
+    s.width = bm->nWidth;
+    s.srcBits = bm->nBitsPerPixel;
+    s.srcOrder = bm->nOrder;
+    s.outBits = nBits;
+    s.colors = int32_t(uColors);
+    const uint32_t* callerTable = nullptr;
+    r = chooseTarget(s, pPalette, uColors, pMatchTable, callerTable);
+    if (r == KS_SUCCESS) r = allocateRows(s, s.width);
+    if (r == KS_SUCCESS) r = prepareSource(s, bm);
+    if (r == KS_SUCCESS) r = buildQuantTable(s, callerTable);
+    if (r != KS_SUCCESS) {
+        freeState(st.release());
+        return r;
+    }
+    prepareOrdered(s);
+    s.grey = isGreyRun(s, bm);
+    chooseKernel(s);
     // Commit: replace any earlier run.
     releaseDitherState(bm);
     bm->pDitherState = st.release();
