@@ -182,15 +182,16 @@ struct Armed {
 };
 // Walks n = 0, 1, ...: `attempt(armed)` prepares fresh state, makes its call
 // through `armed` and checks the outcome. The walk ends at the first call that
-// no injected failure reached; answers how many calls failed.
+// no injected failure reached (or at the first success, when asked); answers
+// how many calls failed.
 template <class F>
-int allocationWalk(F&& attempt, long times = 1, long limit = 2000) {
+int allocationWalk(F&& attempt, long times = 1, bool untilSuccess = false) {
     int failures = 0;
-    for (long n = 0; n < limit; ++n) {
+    for (long n = 0; n < 2000; ++n) {
         Armed a{n, times};
         attempt(a);
         failures += a.rc != KS_SUCCESS;
-        if (a.injected == 0) return failures;
+        if (a.injected == 0 || (untilSuccess && a.rc == KS_SUCCESS)) return failures;
         if (::testing::Test::HasFatalFailure()) return failures;
     }
     ADD_FAILURE() << "the walk did not end";
