@@ -331,61 +331,6 @@ TEST(ResizeFrame, SameSizeAndBadArguments) {
     K_FreeBitmap(&bm);
 }
 
-int32_t stopAt(int32_t pct, void* user) {
-    auto* seen = static_cast<int32_t*>(user);
-    ++*seen;
-    return pct >= 30 ? 0 : 1;
-}
-
-TEST(ResizeFrame, StatusCallbackAnsweringZeroStopsEveryMethod) {
-    for (uint32_t f : {0u, SIZE_RESAMPLE, SIZE_BICUBIC, SIZE_LANCZOS}) {
-        BITMAPRECORD bm;
-        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 64, 300, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
-        fillRandom(&bm, 9);
-        const auto before = readAll(&bm);
-        int32_t seen = 0;
-        STATUSCALLBACK oldFn = nullptr;
-        void* oldUser = nullptr;
-        K_SetStatusCallBack(stopAt, &seen, &oldFn, &oldUser);
-        const int32_t rc = K_SizeBitmap(&bm, 100, 400, f);
-        K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr);
-        EXPECT_EQ(rc, 0) << f;
-        EXPECT_GT(seen, 1);
-        EXPECT_EQ(bm.nWidth, 64);
-        EXPECT_EQ(readAll(&bm), before);
-        K_FreeBitmap(&bm);
-    }
-}
-
-// Every allocation from the nth on fails (so the storage fallbacks fail too):
-// -1 with record and pixels as they were; the region comes along at the end.
-TEST(ResizeFrame, AllocationFailureWalkLeavesTheBitmapAsItWas) {
-    for (uint32_t f : {0u, SIZE_RESAMPLE, SIZE_BICUBIC, SIZE_LANCZOS, SIZE_FAVOURBLACK, SIZE_SCALETOGRAY}) {
-        SCOPED_TRACE(f);
-        const int32_t bpp = (f == SIZE_FAVOURBLACK || f == SIZE_SCALETOGRAY) ? 1 : 32;
-        const int failures = allocationWalk(
-            [&](Armed& armed) {
-                Source src(Kind::SingleBlock, 30, 20, bpp, 4);
-                src.bm()->nOrder = ORDER_BGR;
-                RECT r = {2, 2, 20, 10};
-                ASSERT_EQ(K_SetBitmapRgnRect(src.bm(), nullptr, &r, 1), KS_SUCCESS);
-                const BITMAPRECORD copy = *src.bm();
-                if (armed([&] { return K_SizeBitmap(src.bm(), 13, 9, f); }) != KS_SUCCESS) {
-                    EXPECT_TRUE(sameBytes(copy, *src.bm()));
-                    EXPECT_EQ(src.unchanged(), "");
-                    return;
-                }
-                EXPECT_EQ(src.bm()->nWidth, 13);
-                RECT bounds{};
-                ASSERT_EQ(K_GetBitmapRgnBounds(src.bm(), nullptr, &bounds), KS_SUCCESS);
-                EXPECT_LE(bounds.right, 13);
-                EXPECT_GT(bounds.right, bounds.left);
-            },
-            -1);
-        EXPECT_GE(failures, 2);
-    }
-}
-
 TEST(ResizeFrame, RegionIsScaledWithTheBitmap) {
     BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 40, 20, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
