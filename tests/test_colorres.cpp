@@ -380,54 +380,6 @@ TEST(ColorRes, DeepFrameFlagWordsChooseTheOrder) {
 
 // ---------------------------------------------------------------- storage kinds
 
-// The same conversions from every storage kind give the same pixels as from
-// single-block storage (the single-block path reads memory directly, the
-// others go through the row layer), also in place.
-TEST(ColorRes, EveryStorageKindGivesTheSamePixels) {
-    struct Case {
-        int srcBits;
-        int bits;
-        uint32_t flags;
-    };
-    const Case cases[] = {{24, 8, CRF_FIXEDPALETTE | CRF_NODITHERING},
-                          {24, 4, CRF_FIXEDPALETTE | CRF_DITHER(1)},
-                          {24, 8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING},
-                          {8, 24, CRF_BYTEORDERBGR},
-                          {8, 1, CRF_NODITHERING},
-                          {1, 16, CRF_BYTEORDER565},
-                          {24, 16, CRF_BYTEORDERGRAY}};
-    const int w = 45, h = 13;
-    for (const Case& c : cases) {
-        storagetest::RefImage ref(w, h, c.srcBits);
-        ref.randomize(uint32_t(c.srcBits * 100 + c.bits));
-        std::vector<uint8_t> want;
-        for (Kind k : storagetest::kindsFor(c.srcBits)) {
-            for (bool inPlace : {false, true}) {
-                KindBitmap src(k, w, h, c.srcBits);
-                ASSERT_EQ(src.rc, KS_SUCCESS) << storagetest::kindName(k);
-                for (int y = 0; y < h; ++y) ASSERT_GE(K_PutBitmapRow(&src.bm, ref.row(y), y, ref.bpl), 0);
-                BITMAPRECORD out{};
-                BITMAPRECORD* dst = inPlace ? &src.bm : &out;
-                ASSERT_EQ(K_ColorResBitmap(&src.bm, dst, c.bits, c.flags, nullptr, 0, BITMAPRECORD_SIZE), KS_SUCCESS)
-                    << storagetest::kindName(k);
-                std::vector<uint8_t> got(size_t(dst->nBytesPerLine) * h);
-                for (int y = 0; y < h; ++y)
-                    ASSERT_GE(K_GetBitmapRow(dst, got.data() + size_t(y) * dst->nBytesPerLine, y, dst->nBytesPerLine), 0);
-                if (dst->nBitsPerPixel <= 8) {  // the palette is part of the answer
-                    const uint8_t* pal = reinterpret_cast<const uint8_t*>(dst->pPalette);
-                    got.insert(got.end(), pal, pal + sizeof(RGBQUAD) * size_t(dst->nColors));
-                }
-                if (want.empty())
-                    want = got;
-                else
-                    EXPECT_EQ(got, want) << c.srcBits << "->" << c.bits << " from " << storagetest::kindName(k)
-                                         << (inPlace ? " in place" : "");
-                if (!inPlace) K_FreeBitmap(&out);
-            }
-        }
-    }
-}
-
 TEST(ColorRes, BitmapsLargerThanTheCapConvertRowByRow) {
     storagetest::CapGuard guard;
     const int w = 300, h = 200;

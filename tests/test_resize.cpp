@@ -346,27 +346,6 @@ TEST(ResizeFrame, RegionIsScaledWithTheBitmap) {
     K_FreeBitmap(&bm);
 }
 
-// Every storage kind gives the single block's result, for nearest and resampling.
-TEST(ResizeStorage, EveryKindMatchesTheSingleBlock) {
-    storagetest::CapGuard guard;
-    for (int32_t bpp : {1, 8, 24, 32}) {
-        for (uint32_t f : {0u, SIZE_RESAMPLE, SIZE_BICUBIC}) {
-            std::vector<uint8_t> want;
-            for (Kind k : storagetest::kindsFor(bpp)) {
-                KindBitmap kb(k, 37, 23, bpp);
-                ASSERT_EQ(kb.rc, KS_SUCCESS) << storagetest::kindName(k);
-                fillRandom(&kb.bm, 77);
-                ASSERT_EQ(K_SizeBitmap(&kb.bm, 29, 41, f), KS_SUCCESS) << storagetest::kindName(k);
-                const auto got = readAll(&kb.bm);
-                if (want.empty())
-                    want = got;
-                else
-                    EXPECT_EQ(got, want) << storagetest::kindName(k) << " bpp " << bpp << " flags " << f;
-            }
-        }
-    }
-}
-
 TEST(ResizeStorage, TiledBitmapOverTheCapResizesRowByRow) {
     storagetest::CapGuard guard;
     // Tiles in files: nothing of the image sits in conventional memory.

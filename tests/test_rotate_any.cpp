@@ -357,37 +357,6 @@ TEST(RotateAny, ShearMatchesPlainMapping) {
 }
 
 // ---------------------------------------------------------------- storage kinds and kernels
-TEST(RotateAny, EveryStorageKindGivesTheSamePixels) {
-    for (int bpp : {1, 8, 24, 32}) {
-        const int W = 53, H = 37;
-        const uint32_t interp = bpp == 1 ? ROTATE_NEAREST : ROTATE_BICUBIC;
-        RefImage src(W, H, bpp);
-        src.randomize(uint32_t(bpp) * 77u);
-        Bm ref(W, H, bpp);
-        putImage(&ref.bm, src);
-        ASSERT_EQ(K_RotateBitmap(&ref.bm, 2900, interp | ROTATE_RESIZE, 0x123456), KS_SUCCESS);
-        RefImage want = getImage(&ref.bm);
-        CapGuard guard;
-        for (Kind kind : kindsFor(bpp)) {
-            SCOPED_TRACE(::testing::Message() << bpp << " bits, " << kindName(kind));
-            KindBitmap k(kind, W, H, bpp);
-            ASSERT_EQ(k.rc, KS_SUCCESS);
-            if (bpp == 8) { ASSERT_EQ(K_CreateBitmapGrayPalette(&k.bm), KS_SUCCESS); }
-            if (bpp > 8) k.bm.nOrder = ref.bm.nOrder;
-            putImage(&k.bm, src);
-            uint32_t before = 0;
-            K_GetBitmapMemoryInfo(&k.bm, &before, nullptr, nullptr, nullptr);
-            ASSERT_EQ(K_RotateBitmap(&k.bm, 2900, interp | ROTATE_RESIZE, 0x123456), KS_SUCCESS);
-            EXPECT_EQ(getImage(&k.bm).px, want.px);
-            uint32_t after = 0;
-            K_GetBitmapMemoryInfo(&k.bm, &after, nullptr, nullptr, nullptr);
-            if (before == MEMTYPE_COMPRESSED || before == MEMTYPE_SUPERCOMPRESSED || before == 128) {
-                EXPECT_EQ(after, before);
-            }
-        }
-    }
-}
-
 TEST(RotateAny, SimdKernelsEqualPlainKernels) {
     const int W = 301, H = 203;
     RefImage src(W, H, 32);

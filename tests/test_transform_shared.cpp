@@ -1,8 +1,10 @@
-// Failed transforms change nothing: every copy, crop, flip, turn, rotation,
-// shear, resize and colour resolution walked through the allocation-failure
-// hook, and stopped by its status callback, on the storage kinds it treats
-// differently. Each failure leaves the caller's record, region and pixels
-// byte for byte as they were, writes no new record and leaks nothing.
+// What every transform shares. Failed transforms change nothing: every copy,
+// crop, flip, turn, rotation, shear, resize and colour resolution walked
+// through the allocation-failure hook, and stopped by its status callback, on
+// the storage kinds it treats differently; each failure leaves the caller's
+// record, region and pixels byte for byte as they were, writes no new record
+// and leaks nothing. And every storage kind gives the single block's result
+// (the single block may take a path of its own, the others go row by row).
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -155,4 +157,65 @@ TEST(TransformFailures, StatusCallbackStopChangesNothing) {
                 EXPECT_EQ(krn::faultinject::liveBlocks(), live);
                 s.expectUnchanged(0);
             }
+}
+
+TEST(TransformKinds, EveryStorageKindGivesTheSingleBlockResult) {
+    storagetest::CapGuard guard;
+    using Call = std::function<int32_t(BITMAPRECORD*, BITMAPRECORD*)>;
+    auto res = [](int bits, uint32_t flags) -> Call {
+        return [=](BITMAPRECORD* s, BITMAPRECORD* d) { return K_ColorResBitmap(s, d, bits, flags, nullptr, 0, BITMAPRECORD_SIZE); };
+    };
+    auto size = [](uint32_t flags) -> Call {
+        return [=](BITMAPRECORD* s, BITMAPRECORD*) { return K_SizeBitmap(s, 29, 41, flags); };
+    };
+    auto rotate = [](uint32_t interp) -> Call {
+        return [=](BITMAPRECORD* s, BITMAPRECORD*) { return K_RotateBitmap(s, 2900, interp | ROTATE_RESIZE, 0x123456); };
+    };
+    const struct {
+        const char* name;
+        std::vector<int> depths;
+        Call call;
+        bool newRecord, sameKind;  // the result goes into a second record; the storage kind stays
+    } cases[] = {
+        {"fixed palette", {24}, res(8, CRF_FIXEDPALETTE | CRF_NODITHERING), true, false},
+        {"dithered", {24}, res(4, CRF_FIXEDPALETTE | CRF_DITHER(1)), false, false},
+        {"optimised", {24}, res(8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING), true, false},
+        {"deep", {8}, res(24, CRF_BYTEORDERBGR), false, false},
+        {"to 1 bit", {8}, res(1, CRF_NODITHERING), true, false},
+        {"565", {1}, res(16, CRF_BYTEORDER565), false, false},
+        {"grey", {24}, res(16, CRF_BYTEORDERGRAY), true, false},
+        {"nearest size", {1, 8, 24, 32}, size(0), false, false},
+        {"resample", {1, 8, 24, 32}, size(SIZE_RESAMPLE), false, false},
+        {"bicubic", {1, 8, 24, 32}, size(SIZE_BICUBIC), false, false},
+        {"nearest rotation", {1}, rotate(ROTATE_NEAREST), false, true},
+        {"bicubic rotation", {8, 24, 32}, rotate(ROTATE_BICUBIC), false, true},
+    };
+    for (const auto& c : cases)
+        for (int bpp : c.depths) {
+            std::vector<uint8_t> want;
+            for (Kind k : kindsFor(bpp)) {
+                SCOPED_TRACE(std::string(c.name) + " bpp " + std::to_string(bpp) + " " + kindName(k));
+                Source src(k, 45, 13, bpp, uint32_t(bpp * 100 + 7));
+                ASSERT_EQ(src.kb.rc, KS_SUCCESS);
+                if (bpp > 8) src.bm()->nOrder = ORDER_BGR;
+                if (bpp == 8) {
+                    ASSERT_EQ(K_CreateBitmapGrayPalette(src.bm()), KS_SUCCESS);
+                }
+                const uint32_t kind = kindOf(src.bm());
+                BITMAPRECORD out{};
+                BITMAPRECORD* dst = c.newRecord ? &out : src.bm();
+                ASSERT_EQ(c.call(src.bm(), dst), KS_SUCCESS);
+                std::vector<uint8_t> got = getImage(dst).px;
+                if (dst->nBitsPerPixel <= 8) {  // the palette is part of the answer
+                    const uint8_t* pal = reinterpret_cast<const uint8_t*>(dst->pPalette);
+                    got.insert(got.end(), pal, pal + sizeof(RGBQUAD) * size_t(dst->nColors));
+                }
+                if (want.empty()) want = got;
+                EXPECT_EQ(got, want);
+                if (c.sameKind && (kind == 128 || kind == MEMTYPE_COMPRESSED || kind == MEMTYPE_SUPERCOMPRESSED)) {
+                    EXPECT_EQ(kindOf(dst), kind);
+                }
+                if (c.newRecord) K_FreeBitmap(&out);
+            }
+        }
 }
