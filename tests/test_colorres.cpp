@@ -1,9 +1,9 @@
 // test_colorres.cpp - colour resolution of whole bitmaps: the direct and
 // cell-pruned index searches against the nearest-entry scan, lossless round
 // trips, caller palettes on every matching path against K_FindPaletteIndex,
-// grey conversion against the grey rule, the frame-drawing flag words, every
-// storage kind against single-block storage, bad input and allocation
-// failures.
+// grey conversion against the grey rule, the frame-drawing flag words, the
+// dithering engine, bitmaps over the memory cap and bad input (storage kinds
+// and allocation failures: test_transform_shared.cpp).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -33,13 +33,7 @@ struct Bmp {
         for (int y = 0; y < bm.nHeight; ++y)
             ASSERT_GE(K_PutBitmapRow(&bm, rows.data() + size_t(y) * bm.nBytesPerLine, y, bm.nBytesPerLine), 0);
     }
-    std::vector<uint8_t> rows() {
-        std::vector<uint8_t> out(size_t(bm.nBytesPerLine) * size_t(bm.nHeight));
-        for (int y = 0; y < bm.nHeight; ++y)
-            EXPECT_GE(K_GetBitmapRow(&bm, out.data() + size_t(y) * bm.nBytesPerLine, y, bm.nBytesPerLine), 0);
-        return out;
-    }
-    std::vector<RGBQUAD> palette() const { return std::vector<RGBQUAD>(bm.pPalette, bm.pPalette + bm.nColors); }
+    std::vector<uint8_t> rows() { return getImage(&bm).px; }
 };
 
 uint32_t bplOf(int w, int bpp) { return uint32_t(((uint64_t(w) * uint64_t(bpp) + 31) >> 3) & ~uint64_t(3)); }
