@@ -557,7 +557,7 @@ TEST(CopyFill, ClearNegativePixelsInsideTheRegion) {
         int32_t order, highBit;
         uint32_t sign;
     } cases[] = {{16, ORDER_GRAY, 15, 15}, {16, ORDER_GRAY, 11, 11}, {12, ORDER_GRAY, 11, 11},
-                 {8, ORDER_RGB, 7, 7},     {32, ORDER_GRAY, -1, 31}};
+                 {8, ORDER_RGB, 7, 7},     {8, ORDER_RGB, 0, 0},     {32, ORDER_GRAY, -1, 31}};
     for (const auto& c : cases)
         for (Kind k : {Kind::SingleBlock, Kind::TilesFile}) {
             SCOPED_TRACE(std::to_string(c.bpp) + " high " + std::to_string(c.highBit));

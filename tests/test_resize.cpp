@@ -326,12 +326,18 @@ TEST(ResizeFrame, SameSizeAndBadArguments) {
     K_FreeBitmap(&bm);
 }
 
-TEST(ResizeFrame, RegionIsScaledWithTheBitmap) {
+TEST(ResizeFrame, RegionIsScaledAndTheFieldsStay) {
     BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 40, 20, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
     RECT r = {10, 4, 30, 12};
     ASSERT_EQ(K_SetBitmapRgnRect(&bm, nullptr, &r, 1), KS_SUCCESS);
+    bm.nXResolution = 300;
+    bm.nLowBit = 1;
+    bm.nHighBit = 6;
     ASSERT_EQ(K_SizeBitmap(&bm, 80, 10, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.nXResolution, 300);  // the describing fields stay with the depth
+    EXPECT_EQ(bm.nLowBit, 1);
+    EXPECT_EQ(bm.nHighBit, 6);
     RECT b{};
     ASSERT_EQ(K_GetBitmapRgnBounds(&bm, nullptr, &b), KS_SUCCESS);
     EXPECT_EQ(b.left, 20);
