@@ -262,7 +262,7 @@ TEST(Copy, BadInputChangesNothing) {
 }
 
 // A copy status callback's answer other than 1 is returned (stops elsewhere:
-// test_transform_failures.cpp); answering 1 throughout sees whole percentages
+// test_transform_shared.cpp); answering 1 throughout sees whole percentages
 // from 0 to 100, rising.
 TEST(Copy, StatusCallbackAnswerIsReturned) {
     storagetest::CapGuard guard;
