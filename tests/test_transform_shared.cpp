@@ -181,6 +181,7 @@ TEST(TransformKinds, EveryStorageKindGivesTheSingleBlockResult) {
         {"dithered", {24}, res(4, CRF_FIXEDPALETTE | CRF_DITHER(1)), false, false},
         {"optimised", {24}, res(8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING), true, false},
         {"deep", {8}, res(24, CRF_BYTEORDERBGR), false, false},
+        {"dithered from a palette", {8}, res(4, CRF_FIXEDPALETTE | CRF_DITHER(1)), true, false},
         {"to 1 bit", {8}, res(1, CRF_NODITHERING), true, false},
         {"565", {1}, res(16, CRF_BYTEORDER565), false, false},
         {"grey", {24}, res(16, CRF_BYTEORDERGRAY), true, false},
