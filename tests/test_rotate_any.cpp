@@ -217,6 +217,24 @@ TEST(RotateAny, RightAnglesEqualIndexArithmetic) {
         }
 }
 
+// K_RotateBitmap90 against the general routine's quarter turns (bTurn 1 is
+// the turn K_RotateBitmap performs for +90.00 degrees), also mirrored.
+TEST(RotateAny, GeneralQuarterTurnEqualsQuarterTurnRoutine) {
+    for (int bpp : {1, 4, 8, 24, 32, 64})
+        for (int32_t persp : {1, 4})
+            for (int32_t turn : {0, 1}) {
+                SCOPED_TRACE(::testing::Message() << bpp << " bits, perspective " << persp << " turn " << turn);
+                Bm a(13, 6, bpp, -1, persp), b(13, 6, bpp, -1, persp);
+                RefImage src(13, 6, bpp);
+                src.randomize(uint32_t(bpp * 3 + turn));
+                putImage(&a.bm, src);
+                putImage(&b.bm, src);
+                ASSERT_EQ(K_RotateBitmap90(&a.bm, turn, 0, 100), KS_SUCCESS);
+                ASSERT_EQ(K_RotateBitmap(&b.bm, turn ? 9000 : -9000, ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, 0), KS_SUCCESS);
+                EXPECT_EQ(getImage(&a.bm).px, getImage(&b.bm).px);
+            }
+}
+
 // Nearest turns of 1, 2, 4 and 12-bit images equal the 8/16-bit turn of the
 // same values, pixel for pixel (the sub-byte kernels against the byte ones).
 TEST(RotateAny, NearestAtSubByteDepthsEqualsByteDepth) {
