@@ -1,27 +1,23 @@
 // test_colorres.cpp - colour resolution of whole bitmaps: the direct and
 // cell-pruned index searches against the nearest-entry scan, lossless round
 // trips, caller palettes on every matching path against K_FindPaletteIndex,
-// grey conversion against the grey rule, the frame-drawing flag words, every
-// storage kind against single-block storage, bad input and allocation
-// failures.
+// grey conversion against the grey rule, the frame-drawing flag words, the
+// dithering engine, bitmaps over the memory cap and bad input (storage kinds
+// and allocation failures: test_transform_shared.cpp).
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <random>
 #include <vector>
 
-#include "ombrix.h"
-#include "photo_like.h"
-#include "storage_kinds.h"
 #include "krn/common/colorres.h"
-#include "krn/common/memory.h"
 #include "krn/common/palette.h"
+#include "photo_like.h"
+#include "transform_kit.h"
 
 namespace {
 
-using storagetest::getPixel;
-using storagetest::Kind;
-using storagetest::KindBitmap;
+using namespace tkit;
 
 RGBQUAD quad(int r, int g, int b) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), 0}; }
 
@@ -37,13 +33,7 @@ struct Bmp {
         for (int y = 0; y < bm.nHeight; ++y)
             ASSERT_GE(K_PutBitmapRow(&bm, rows.data() + size_t(y) * bm.nBytesPerLine, y, bm.nBytesPerLine), 0);
     }
-    std::vector<uint8_t> rows() {
-        std::vector<uint8_t> out(size_t(bm.nBytesPerLine) * size_t(bm.nHeight));
-        for (int y = 0; y < bm.nHeight; ++y)
-            EXPECT_GE(K_GetBitmapRow(&bm, out.data() + size_t(y) * bm.nBytesPerLine, y, bm.nBytesPerLine), 0);
-        return out;
-    }
-    std::vector<RGBQUAD> palette() const { return std::vector<RGBQUAD>(bm.pPalette, bm.pPalette + bm.nColors); }
+    std::vector<uint8_t> rows() { return getImage(&bm).px; }
 };
 
 uint32_t bplOf(int w, int bpp) { return uint32_t(((uint64_t(w) * uint64_t(bpp) + 31) >> 3) & ~uint64_t(3)); }
@@ -62,6 +52,20 @@ std::vector<uint8_t> rows24(int w, int h, F pick) {
             p[2] = c.rgbRed;
         }
     return px;
+}
+
+// Every pixel of an indexed result is the entry K_FindPaletteIndex picks for
+// the colour of the 24-bit BGR rows it came from.
+void expectNearest(Bmp& dst, const std::vector<uint8_t>& px, const RGBQUAD* pal, int n) {
+    auto out = dst.rows();
+    const int w = dst.bm.nWidth, bits = dst.bm.nBitsPerPixel;
+    for (int y = 0; y < dst.bm.nHeight; ++y)
+        for (int x = 0; x < w; ++x) {
+            const uint8_t* p = px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
+            ASSERT_EQ(getPixel(out.data() + size_t(y) * dst.bm.nBytesPerLine, x, bits),
+                      uint64_t(K_FindPaletteIndex(pal, n, p[2], p[1], p[0])))
+                << x << ',' << y;
+        }
 }
 
 std::vector<RGBQUAD> randomPalette(int n, std::mt19937& rng) {
@@ -224,17 +228,8 @@ TEST(ColorRes, GreyDestinationsFollowTheGreyRule) {
                 const uint8_t* p = px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
                 const uint32_t g8 = (2u * p[2] + 5u * p[1] + p[0] + 4u) >> 3;
                 const uint32_t want = bits <= 8 ? g8 >> (8 - bits) : (g8 * ((1u << bits) - 1u)) / 255u;
-                uint64_t got;
-                if (bits == 12) {  // two pixels in three bytes sharing the middle byte
-                    const uint8_t* q = out.data() + size_t(y) * dst.bm.nBytesPerLine + size_t(x / 2) * 3;
-                    got = x % 2 == 0 ? q[0] | (uint32_t(q[1] & 15) << 8) : (q[1] >> 4) | (uint32_t(q[2]) << 4);
-                } else if (bits == 16) {
-                    const uint8_t* q = out.data() + size_t(y) * dst.bm.nBytesPerLine + size_t(x) * 2;
-                    got = q[0] | (uint32_t(q[1]) << 8);
-                } else {
-                    got = getPixel(out.data() + size_t(y) * dst.bm.nBytesPerLine, x, bits);
-                }
-                ASSERT_EQ(got, want) << bits << " at " << x << ',' << y;
+                const uint8_t* row = out.data() + size_t(y) * dst.bm.nBytesPerLine;
+                ASSERT_EQ(bits == 16 ? le16(row, x) : pixelAt(row, x, bits), want) << bits << " at " << x << ',' << y;
             }
     }
 }
@@ -279,14 +274,8 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
             Bmp dst;
             const uint32_t flags = CRF_USERPALETTE | CRF_NODITHERING | (path == Path::Exact ? CRF_EXACTMATCH : 0u);
             ASSERT_EQ(K_ColorResBitmap(&src.bm, &dst.bm, 8, flags, pal.data(), 200, BITMAPRECORD_SIZE), KS_SUCCESS);
-            auto out = dst.rows();
-            for (int y = 0; y < h; ++y)
-                for (int x = 0; x < w; ++x) {
-                    const uint8_t* p = px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
-                    ASSERT_EQ(out[size_t(y) * dst.bm.nBytesPerLine + size_t(x)],
-                              K_FindPaletteIndex(pal.data(), 200, p[2], p[1], p[0]))
-                        << int(path) << ' ' << s.bits << ' ' << x << ',' << y;
-                }
+            SCOPED_TRACE(::testing::Message() << "path " << int(path) << " from " << s.bits);
+            expectNearest(dst, px, pal.data(), 200);
         }
         if (table) {
             K_SetUserMatchTable(nullptr);
@@ -335,13 +324,7 @@ TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
         ASSERT_EQ(K_ColorResBitmap(&src.bm, &dst.bm, c.bits, c.flags | CRF_NODITHERING, nullptr, 0, BITMAPRECORD_SIZE),
                   KS_SUCCESS);
         EXPECT_EQ(0, std::memcmp(dst.bm.pPalette, c.pal, sizeof(RGBQUAD) << c.bits));
-        auto out = dst.rows();
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) {
-                const uint8_t* p = px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
-                ASSERT_EQ(getPixel(out.data() + size_t(y) * dst.bm.nBytesPerLine, x, c.bits),
-                          uint64_t(K_FindPaletteIndex(c.pal, 1 << c.bits, p[2], p[1], p[0])));
-            }
+        expectNearest(dst, px, c.pal, 1 << c.bits);
     }
 }
 
@@ -390,54 +373,6 @@ TEST(ColorRes, DeepFrameFlagWordsChooseTheOrder) {
 }
 
 // ---------------------------------------------------------------- storage kinds
-
-// The same conversions from every storage kind give the same pixels as from
-// single-block storage (the single-block path reads memory directly, the
-// others go through the row layer), also in place.
-TEST(ColorRes, EveryStorageKindGivesTheSamePixels) {
-    struct Case {
-        int srcBits;
-        int bits;
-        uint32_t flags;
-    };
-    const Case cases[] = {{24, 8, CRF_FIXEDPALETTE | CRF_NODITHERING},
-                          {24, 4, CRF_FIXEDPALETTE | CRF_DITHER(1)},
-                          {24, 8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING},
-                          {8, 24, CRF_BYTEORDERBGR},
-                          {8, 1, CRF_NODITHERING},
-                          {1, 16, CRF_BYTEORDER565},
-                          {24, 16, CRF_BYTEORDERGRAY}};
-    const int w = 45, h = 13;
-    for (const Case& c : cases) {
-        storagetest::RefImage ref(w, h, c.srcBits);
-        ref.randomize(uint32_t(c.srcBits * 100 + c.bits));
-        std::vector<uint8_t> want;
-        for (Kind k : storagetest::kindsFor(c.srcBits)) {
-            for (bool inPlace : {false, true}) {
-                KindBitmap src(k, w, h, c.srcBits);
-                ASSERT_EQ(src.rc, KS_SUCCESS) << storagetest::kindName(k);
-                for (int y = 0; y < h; ++y) ASSERT_GE(K_PutBitmapRow(&src.bm, ref.row(y), y, ref.bpl), 0);
-                BITMAPRECORD out{};
-                BITMAPRECORD* dst = inPlace ? &src.bm : &out;
-                ASSERT_EQ(K_ColorResBitmap(&src.bm, dst, c.bits, c.flags, nullptr, 0, BITMAPRECORD_SIZE), KS_SUCCESS)
-                    << storagetest::kindName(k);
-                std::vector<uint8_t> got(size_t(dst->nBytesPerLine) * h);
-                for (int y = 0; y < h; ++y)
-                    ASSERT_GE(K_GetBitmapRow(dst, got.data() + size_t(y) * dst->nBytesPerLine, y, dst->nBytesPerLine), 0);
-                if (dst->nBitsPerPixel <= 8) {  // the palette is part of the answer
-                    const uint8_t* pal = reinterpret_cast<const uint8_t*>(dst->pPalette);
-                    got.insert(got.end(), pal, pal + sizeof(RGBQUAD) * size_t(dst->nColors));
-                }
-                if (want.empty())
-                    want = got;
-                else
-                    EXPECT_EQ(got, want) << c.srcBits << "->" << c.bits << " from " << storagetest::kindName(k)
-                                         << (inPlace ? " in place" : "");
-                if (!inPlace) K_FreeBitmap(&out);
-            }
-        }
-    }
-}
 
 TEST(ColorRes, BitmapsLargerThanTheCapConvertRowByRow) {
     storagetest::CapGuard guard;
@@ -557,58 +492,6 @@ TEST(ColorRes, BadInputChangesNothing) {
     EXPECT_EQ(K_GrayScaleBitmap(nullptr, 8), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_GrayScaleBitmap(&src.bm, 24), KS_INVALID_BITS_PER_PIXEL);
     K_ReleaseBitmap(&locked.bm);
-}
-
-// Walks the allocation-failure hook through every path: each failing call
-// leaves a new record untouched (in place: the record and its pixels) and
-// leaks nothing; the sweep ends when the call succeeds.
-TEST(ColorRes, AllocationFailuresLeaveEverythingAsItWas) {
-    std::mt19937 rng(2);
-    auto pal = randomPalette(16, rng);
-    struct Case {
-        const char* what;
-        int bits;
-        uint32_t flags;
-        bool inPlace;
-    };
-    const Case cases[] = {{"deep", 48, CRF_BYTEORDERBGR, false},
-                          {"fixed 256", 8, CRF_NODITHERING, false},
-                          {"exact", 4, CRF_FIXEDPALETTE | CRF_NODITHERING, true},
-                          {"tables", 4, CRF_USERPALETTE | CRF_NODITHERING, false},
-                          {"optimised", 8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING, true},
-                          {"dither", 4, CRF_USERPALETTE | CRF_DITHER(1), true},
-                          {"grey", 16, CRF_BYTEORDERGRAY, true}};
-    const int w = 40, h = 7;
-    auto px = rows24(w, h, [&] { return quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)); });
-    for (const Case& c : cases) {
-        bool done = false;
-        for (long k = 0; k < 200 && !done; ++k) {
-            Bmp src(w, h, 24, ORDER_BGR);
-            src.put(px);
-            BITMAPRECORD before;
-            std::memcpy(&before, &src.bm, sizeof(before));
-            BITMAPRECORD dst;
-            std::memset(&dst, 0x5A, sizeof(dst));
-            const long live = krn::faultinject::liveBlocks();
-            krn::faultinject::arm(k, 1);
-            const int32_t rc = K_ColorResBitmap(&src.bm, c.inPlace ? &src.bm : &dst, c.bits, c.flags, pal.data(), 16,
-                                                BITMAPRECORD_SIZE);
-            krn::faultinject::disarm();
-            if (rc == KS_SUCCESS) {
-                done = true;
-                if (!c.inPlace) K_FreeBitmap(&dst);
-                continue;
-            }
-            EXPECT_EQ(rc, KS_NO_MEMORY) << c.what << " at " << k;
-            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << c.what << " at " << k;
-            EXPECT_EQ(0, std::memcmp(&before, &src.bm, sizeof(before))) << c.what << " at " << k;
-            EXPECT_EQ(src.rows(), px) << c.what << " at " << k;
-            BITMAPRECORD sentinel;
-            std::memset(&sentinel, 0x5A, sizeof(sentinel));
-            EXPECT_EQ(0, std::memcmp(&dst, &sentinel, sizeof(dst))) << c.what << " at " << k;
-        }
-        EXPECT_TRUE(done) << c.what;
-    }
 }
 
 }  // namespace

@@ -17,9 +17,8 @@
 
 #include <unistd.h>
 
-#include "ombrix.h"
 #include "photo_like.h"
-#include "krn/common/memory.h"
+#include "transform_kit.h"
 
 namespace {
 
@@ -169,22 +168,11 @@ TEST(ColorResOptPal, BadInputWritesNothing) {
         for (const auto& e : pal) ASSERT_EQ(key(e), key(quad(9, 9, 9)));
     }
     // Allocation failures: nothing written, nothing leaked.
-    bool done = false;
-    for (long k = 0; k < 100 && !done; ++k) {
+    tkit::allocationWalk([&](tkit::Armed& armed) {
         std::vector<RGBQUAD> pal(16, quad(9, 9, 9));
-        const long live = krn::faultinject::liveBlocks();
-        krn::faultinject::arm(k, 1);
-        const int32_t rc = K_CreateBitmapOptPal(&img.bm, pal.data(), 16, 0, 0, nullptr);
-        krn::faultinject::disarm();
-        if (rc == KS_SUCCESS) {
-            done = true;
-            break;
-        }
-        EXPECT_EQ(rc, KS_NO_MEMORY);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+        if (armed([&] { return K_CreateBitmapOptPal(&img.bm, pal.data(), 16, 0, 0, nullptr); }) == KS_SUCCESS) return;
         for (const auto& e : pal) ASSERT_EQ(key(e), key(quad(9, 9, 9)));
-    }
-    EXPECT_TRUE(done);
+    }, 1, true);
 }
 
 // Pillow's quantizers on the same image, through the script beside the

@@ -1,6 +1,5 @@
 // Combining two bitmaps: every operation x operator x depth against the
-// per-sample reference (combine_reference.h), the truth tables against the
-// 16 Boolean functions, the worked cases, regions, storage kinds, view
+// per-sample reference (combine_reference.h), the worked cases, regions, storage kinds, view
 // perspectives, bad input, allocation failures and the status callback.
 #include <gtest/gtest.h>
 
@@ -13,12 +12,10 @@
 
 #include "combine_reference.h"
 #include "krn/common/combine.h"
-#include "krn/common/memory.h"
-#include "ombrix.h"
-#include "storage_kinds.h"
+#include "transform_kit.h"
 
 using combinetest::Format;
-using storagetest::RefImage;
+using namespace tkit;
 
 namespace {
 
@@ -159,43 +156,6 @@ TEST(CombinePlan, AgreesWithTheBitLevelDerivation) {
     }
 }
 
-// 1-bit images: each bitwise flag word is one of the 16 Boolean functions of
-// two inputs, and every one of the 16 is reached.
-TEST(CombineTruthTables, OneBitImagesFollowTheSixteenFunctions) {
-    const Format f{1, 0};
-    const int32_t W = 4, H = 1;  // the four (s, d) pairs in one row
-    Bmp dst(W, H, f), src(W, H, f);
-    ASSERT_EQ(dst.rc, KS_SUCCESS);
-    RefImage s(W, H, 1), d0(W, H, 1);
-    for (int i = 0; i < 4; ++i) {
-        storagetest::setPixel(s.row(0), i, 1, (i >> 1) & 1);
-        storagetest::setPixel(d0.row(0), i, 1, i & 1);
-    }
-    writeImage(&src.bm, s);
-    std::set<int> reached;
-    for (uint32_t flags = 0; flags < 0x4000; ++flags) {
-        if (!combinetest::validFlags(flags) || ((flags >> 8) & 0xF) > 2) continue;
-        writeImage(&dst.bm, d0);
-        ASSERT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, W, H, &src.bm, 0, 0, flags), KS_SUCCESS);
-        RefImage got = readImage(&dst.bm);
-        int fn = 0;
-        for (int i = 0; i < 4; ++i) fn |= int(storagetest::getPixel(got.row(0), i, 1)) << i;
-        // The function the flag word names, computed from the operators by hand.
-        auto oper = [](uint32_t o, int v) { return o == 0 ? v : o == 1 ? 1 - v : o == 2 ? 0 : 1; };
-        int want = 0;
-        for (int i = 0; i < 4; ++i) {
-            const int sv = oper(flags & 0xF, (i >> 1) & 1), dv = oper((flags >> 4) & 0xF, i & 1);
-            const uint32_t op = (flags >> 8) & 0xF;
-            int v = op == 0 ? (sv & dv) : op == 1 ? (sv | dv) : (sv ^ dv);
-            v = oper(flags >> 12, v);
-            want |= v << i;
-        }
-        ASSERT_EQ(fn, want) << std::hex << flags;
-        reached.insert(fn);
-    }
-    EXPECT_EQ(reached.size(), 16u);
-}
-
 // The worked cases of the combine plan.
 struct WorkedCase {
     const char* name;
@@ -233,37 +193,20 @@ TEST(CombineWorkedCases, Table) {
     }
 }
 
-struct CallbackLog {
-    std::vector<int32_t> pct;
-    int32_t answerAt = -1, answer = 1;
-};
-int32_t logCallback(int32_t pct, void* user) {
-    auto* log = static_cast<CallbackLog*>(user);
-    log->pct.push_back(pct);
-    if (int32_t(log->pct.size()) - 1 == log->answerAt) return log->answer;
-    return 1;
-}
-struct StatusGuard {
-    STATUSCALLBACK old;
-    void* oldUser;
-    StatusGuard(STATUSCALLBACK fn, void* user) { K_SetStatusCallBack(fn, user, &old, &oldUser); }
-    ~StatusGuard() { K_SetStatusCallBack(old, oldUser, nullptr, nullptr); }
-};
-
-TEST(CombineProgress, DoNothingPlanReportsZeroAndHundred) {
-    Bmp dst(8, 8, {8, 0}), src(8, 8, {8, 0});
-    CallbackLog log;
-    StatusGuard g(&logCallback, &log);
-    EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 8, 8, nullptr, 0, 0, 0x0C00), KS_SUCCESS);
-    EXPECT_EQ(log.pct, (std::vector<int32_t>{0, 100}));
-    log.pct.clear();
-    log.answerAt = 1;
-    log.answer = 7;
-    EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 8, 8, &src.bm, 0, 0, 0x0C00), 7);
-}
-
-// A status callback that answers 0 stops the work; rows after it keep their pixels.
-TEST(CombineProgress, CallbackAnsweringZeroStopsAndIsReturned) {
+// The do-nothing plan reports 0 and 100 (the answer of the last report is
+// returned); a callback answering 0 stops the work and is returned, the rows
+// after it keep their pixels.
+TEST(CombineProgress, CallbackReportsAndStops) {
+    {
+        Bmp dst(8, 8, {8, 0}), src(8, 8, {8, 0});
+        StopAfter log;
+        StatusScope g(&StopAfter::cb, &log);
+        EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 8, 8, nullptr, 0, 0, 0x0C00), KS_SUCCESS);
+        EXPECT_EQ(log.seen, (std::vector<int32_t>{0, 100}));
+        StopAfter seven(1, 7);
+        StatusScope g7(&StopAfter::cb, &seven);
+        EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 8, 8, &src.bm, 0, 0, 0x0C00), 7);
+    }
     for (uint32_t mode : {0u, 2u, 4u}) {
         ModeGuard m(mode);
         const Format f{24, 1};
@@ -273,12 +216,10 @@ TEST(CombineProgress, CallbackAnsweringZeroStopsAndIsReturned) {
         s.randomize(2);
         writeImage(&dst.bm, d);
         writeImage(&src.bm, s);
-        CallbackLog log;
-        log.answerAt = 3;
-        log.answer = 0;
-        StatusGuard g(&logCallback, &log);
+        StopAfter stop(3, 0);
+        StatusScope g(&StopAfter::cb, &stop);
         EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 16, 200, &src.bm, 0, 0, CombineAdd), 0);
-        EXPECT_EQ(log.pct.size(), 4u);
+        EXPECT_EQ(stop.calls(), 4);
         RefImage got = readImage(&dst.bm);
         EXPECT_EQ(std::memcmp(got.row(199), d.row(199), d.bpl), 0) << "the last row was combined after the stop";
         EXPECT_EQ(dst.bm.nLockCount, 0);
@@ -333,81 +274,43 @@ TEST(CombineBadInput, RecordsAndRectangles) {
     EXPECT_EQ(readImage(&dst.bm).px, before.px);
 }
 
-// Each failing allocation returns -1 and leaves the destination as it was; nothing leaks.
+// Each failing allocation returns -1 and leaves the destination as it was,
+// nothing leaks; also when the source of another view perspective is
+// converted into a temporary record first.
 TEST(CombineFaults, AllocationFailureWalkLeavesTheDestination) {
-    for (int32_t bpp : {1, 4, 24, 32}) {
-        for (uint32_t mode : {0u, 2u}) {
+    for (int32_t bpp : {1, 4, 24, 32})
+        for (uint32_t mode : {0u, 2u, 9u}) {  // 9: a source of another perspective
+            SCOPED_TRACE(::testing::Message() << bpp << " mode " << mode);
             const Format f{bpp, bpp >= 24 ? 1 : 0};
-            Bmp dst(50, 7, f), src(50, 7, f);
-            RefImage d(50, 7, bpp), s(50, 7, bpp);
+            const bool turned = mode == 9;
+            if (turned && bpp != 24) continue;
+            Bmp dst(50, 30, f), src(turned ? 30 : 50, turned ? 50 : 30, f, turned ? RIGHT_TOP : TOP_LEFT);
+            RefImage d(50, 30, bpp), s(src.bm.nWidth, src.bm.nHeight, bpp);
             d.randomize(9);
             s.randomize(10);
-            writeImage(&dst.bm, d);
             writeImage(&src.bm, s);
-            const uint32_t flags = bpp == 1 ? CombineXor : CombineAlphaOver;
-            ModeGuard m(mode);
-            int failures = 0;
-            for (long n = 0; n < 40; ++n) {
-                const long live = krn::faultinject::liveBlocks();
-                krn::faultinject::arm(n);
-                const int32_t rc = K_CombineBitmapKrn(&dst.bm, 3, 1, 41, 5, &src.bm, 1, 0, flags);
-                const long injected = krn::faultinject::injected();
-                krn::faultinject::disarm();
-                if (rc == KS_SUCCESS) {
-                    EXPECT_EQ(injected, 0);
-                    break;
-                }
-                ++failures;
-                ASSERT_EQ(rc, KS_NO_MEMORY) << "allocation " << n;
-                EXPECT_EQ(readImage(&dst.bm).px, d.px) << "allocation " << n;
-                EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-                EXPECT_EQ(dst.bm.nLockCount, 0);
+            const uint32_t flags = bpp == 1 ? CombineXor : turned ? CombineMaximum : CombineAlphaOver;
+            ModeGuard m(turned ? 0 : mode);
+            Bmp clean(50, 30, f);  // the result without faults
+            writeImage(&clean.bm, d);
+            ASSERT_EQ(K_CombineBitmapKrn(&clean.bm, 3, 1, 41, 25, &src.bm, 1, 0, flags), KS_SUCCESS);
+            if (!turned) {
+                EXPECT_EQ(readImage(&clean.bm).px, expected(d, s, f, flags, 3, 1, 41, 25, 1, 0).px);
             }
+            const int failures = allocationWalk([&](Armed& armed) {
+                writeImage(&dst.bm, d);
+                if (armed([&] { return K_CombineBitmapKrn(&dst.bm, 3, 1, 41, 25, &src.bm, 1, 0, flags); }) == KS_SUCCESS) {
+                    // The storage layer may fall back to another kind after a failed allocation.
+                    EXPECT_EQ(readImage(&dst.bm).px, readImage(&clean.bm).px) << armed.n;
+                    return;
+                }
+                EXPECT_EQ(readImage(&dst.bm).px, d.px) << armed.n;
+                EXPECT_EQ(dst.bm.nLockCount, 0);
+            });
             EXPECT_GT(failures, 0);
-            EXPECT_EQ(readImage(&dst.bm).px,
-                      expected(d, s, f, flags, 3, 1, 41, 5, 1, 0).px);
+            EXPECT_EQ(readImage(&src.bm).px, s.px);
+            EXPECT_EQ(src.bm.nViewPerspective, turned ? RIGHT_TOP : TOP_LEFT);
         }
-    }
-}
-
-// A source of another view perspective is converted into a temporary record:
-// each failure on the way is -1, the destination unchanged, nothing leaks.
-TEST(CombineFaults, ConvertedSourceFailuresLeaveTheDestination) {
-    const Format f{24, 1};
-    Bmp dst(30, 20, f, TOP_LEFT), src(20, 30, f, RIGHT_TOP);
-    RefImage d(30, 20, 24), s(20, 30, 24);
-    d.randomize(71);
-    s.randomize(72);
-    writeImage(&dst.bm, d);
-    writeImage(&src.bm, s);
-    // The result without faults, on a second destination.
-    Bmp clean(30, 20, f, TOP_LEFT);
-    writeImage(&clean.bm, d);
-    ASSERT_EQ(K_CombineBitmapKrn(&clean.bm, 1, 2, 25, 15, &src.bm, 0, 0, CombineMaximum), KS_SUCCESS);
-    int failures = 0;
-    bool done = false;
-    for (long n = 0; n < 80 && !done; ++n) {
-        const long live = krn::faultinject::liveBlocks();
-        krn::faultinject::arm(n);
-        const int32_t rc = K_CombineBitmapKrn(&dst.bm, 1, 2, 25, 15, &src.bm, 0, 0, CombineMaximum);
-        const long injected = krn::faultinject::injected();
-        krn::faultinject::disarm();
-        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-        if (rc == KS_SUCCESS) {
-            // The storage layer may fall back to another kind after a failed allocation.
-            EXPECT_EQ(readImage(&dst.bm).px, readImage(&clean.bm).px) << "allocation " << n;
-            done = injected == 0;
-            writeImage(&dst.bm, d);
-            continue;
-        }
-        ++failures;
-        ASSERT_EQ(rc, KS_NO_MEMORY) << "allocation " << n;
-        EXPECT_EQ(readImage(&dst.bm).px, d.px) << "allocation " << n;
-    }
-    EXPECT_TRUE(done);
-    EXPECT_GT(failures, 1);
-    EXPECT_EQ(src.bm.nViewPerspective, RIGHT_TOP);
-    EXPECT_EQ(readImage(&src.bm).px, s.px);
 }
 
 // Only the destination region changes: pixels outside it are kept, inside they follow the reference.

@@ -8,9 +8,8 @@
 #include <random>
 #include <vector>
 
-#include "ombrix.h"
 #include "krn/common/list.h"
-#include "krn/common/memory.h"
+#include "transform_kit.h"
 
 namespace {
 
@@ -344,45 +343,25 @@ TEST(ListFailures, AllocationFailuresThroughGrowth) {
         EXPECT_EQ(tagsOf(h), model);
     }
     EXPECT_EQ(failures, 12);
-    // Move: each allocation it makes fails once.
-    for (long nth = 0;; ++nth) {
-        const long live = krn::faultinject::liveBlocks();
-        HBITMAPLIST m = nullptr;
-        krn::faultinject::arm(nth, 1);
-        int32_t r = K_MoveBitmapListItems(&m, h, 2, 3);
-        krn::faultinject::disarm();
-        if (r == KS_SUCCESS) {
-            EXPECT_EQ(tagsOf(m), std::vector<int>(model.begin() + 2, model.begin() + 5));
-            model.erase(model.begin() + 2, model.begin() + 5);
+    // Move and copy: each allocation they make fails once; a failed copy
+    // destroys the half-made list.
+    for (bool move : {true, false}) {
+        const int failures = tkit::allocationWalk([&](tkit::Armed& armed) {
+            HBITMAPLIST m = nullptr;
+            auto call = [&] { return move ? K_MoveBitmapListItems(&m, h, 2, 3) : K_CopyBitmapListItems(&m, h, 1, 4); };
+            if (armed(call) != KS_SUCCESS) {
+                EXPECT_EQ(m, nullptr);
+                EXPECT_EQ(tagsOf(h), model);
+                return;
+            }
+            const size_t first = move ? 2 : 1, end = 5;
+            EXPECT_EQ(tagsOf(m), std::vector<int>(model.begin() + first, model.begin() + end));
+            if (move) model.erase(model.begin() + 2, model.begin() + 5);
             K_DestroyBitmapList(m);
-            break;
-        }
-        EXPECT_EQ(r, KS_NO_MEMORY);
-        EXPECT_EQ(m, nullptr);
+        }, 1, true);
+        EXPECT_GE(failures, move ? 1 : 4);  // the copy: at least one failure point per copied item
         EXPECT_EQ(tagsOf(h), model);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-        ASSERT_LT(nth, 10);
     }
-    EXPECT_EQ(tagsOf(h), model);
-    // Copy: every failure destroys the half-made list.
-    for (long nth = 0;; ++nth) {
-        const long live = krn::faultinject::liveBlocks();
-        HBITMAPLIST c = nullptr;
-        krn::faultinject::arm(nth, 1);
-        int32_t r = K_CopyBitmapListItems(&c, h, 1, 4);
-        krn::faultinject::disarm();
-        if (r == KS_SUCCESS) {
-            EXPECT_EQ(tagsOf(c), std::vector<int>(model.begin() + 1, model.begin() + 5));
-            K_DestroyBitmapList(c);
-            EXPECT_GE(nth, 4);  // at least one failure point per copied item
-            break;
-        }
-        EXPECT_LT(r, 0);
-        EXPECT_EQ(c, nullptr);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-        ASSERT_LT(nth, 200);
-    }
-    EXPECT_EQ(tagsOf(h), model);
     ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }

@@ -5,14 +5,14 @@
 #include <cstring>
 #include <vector>
 
-#include "krn/common/memory.h"
 #include "krn/common/rotate.h"
 #include "orient_ref.h"
-#include "storage_kinds.h"
+#include "transform_kit.h"
 
 using namespace orienttest;
-using storagetest::Kind;
-using storagetest::KindBitmap;
+using tkit::Kind;
+using tkit::KindBitmap;
+using tkit::kindOf;
 
 namespace {
 
@@ -32,19 +32,6 @@ struct Sample {
         }
     }
     BITMAPRECORD* bm() { return &kb.bm; }
-};
-
-uint32_t kindOf(const BITMAPRECORD* bm) {
-    uint32_t t = 0;
-    K_GetBitmapMemoryInfo(bm, &t, nullptr, nullptr, nullptr);
-    return t;
-}
-
-struct StatusGuard {
-    STATUSCALLBACK fn = nullptr;
-    void* user = nullptr;
-    StatusGuard() { K_GetStatusCallBack(&fn, &user); }
-    ~StatusGuard() { K_SetStatusCallBack(fn, user, nullptr, nullptr); }
 };
 
 }  // namespace
@@ -103,26 +90,17 @@ TEST(Orient, ChangePerspectiveIntoAnotherRecord) {
         }
     }
     Sample a(Kind::SingleBlock, 9, 6, 8, 12);
-    BITMAPRECORD dst;
-    std::memset(&dst, 0x5A, sizeof dst);
-    const BITMAPRECORD untouched = dst;
-    EXPECT_EQ(K_ChangeBitmapViewPerspective(&dst, a.bm(), 99, 8), KS_INVALID_STRUCT_SIZE);
-    for (long n = 0; n < 60; ++n) {
-        const long live = krn::faultinject::liveBlocks();
-        krn::faultinject::arm(n, 1);
-        const int32_t rc = K_ChangeBitmapViewPerspective(&dst, a.bm(), BITMAPRECORD_SIZE, 6);
-        const bool clean = krn::faultinject::injected() == 0;
-        krn::faultinject::disarm();
-        if (rc == KS_SUCCESS) {
-            K_FreeBitmap(&dst);
-            std::memset(&dst, 0x5A, sizeof dst);
-            if (clean) break;
-            continue;
+    tkit::Sentinel dst;
+    EXPECT_EQ(K_ChangeBitmapViewPerspective(&dst.bm, a.bm(), 99, 8), KS_INVALID_STRUCT_SIZE);
+    EXPECT_TRUE(dst.intact());
+    tkit::allocationWalk([&](tkit::Armed& armed) {
+        tkit::Sentinel d;
+        if (armed([&] { return K_ChangeBitmapViewPerspective(&d.bm, a.bm(), BITMAPRECORD_SIZE, 6); }) == KS_SUCCESS) {
+            K_FreeBitmap(&d.bm);
+        } else {
+            EXPECT_TRUE(d.intact()) << armed.n;
         }
-        EXPECT_EQ(rc, KS_NO_MEMORY);
-        EXPECT_EQ(std::memcmp(&dst, &untouched, sizeof dst), 0) << n;
-        EXPECT_EQ(krn::faultinject::liveBlocks(), live) << n;
-    }
+    });
     EXPECT_TRUE(stored(a.bm()) == a.pixels);
 }
 
@@ -130,18 +108,18 @@ TEST(Orient, ChangePerspectiveIntoAnotherRecord) {
 // columns for 5..8; the region moves with the pixels; every storage kind.
 TEST(Orient, FlipAndReverseOnEveryKind) {
     for (int bpp : kDepths) {
-        for (Kind k : storagetest::kindsFor(bpp)) {
+        for (Kind k : tkit::kindsFor(bpp)) {
             for (int persp : {1, 6}) {
                 for (int op = 0; op < 2; ++op) {
                     Sample a(k, 9, 7, bpp, uint32_t(bpp + op));
-                    ASSERT_EQ(a.kb.rc, KS_SUCCESS) << storagetest::kindName(k);
+                    ASSERT_EQ(a.kb.rc, KS_SUCCESS) << tkit::kindName(k);
                     a.bm()->nViewPerspective = persp;
                     const Grid mask = regionGrid(a.bm());
                     const uint32_t kind = kindOf(a.bm());
                     const bool rows = (op == 0) == (persp < 5);
                     ASSERT_EQ(op == 0 ? K_FlipBitmap(a.bm()) : K_ReverseBitmap(a.bm()), KS_SUCCESS);
                     const Grid want = rows ? flipped(a.pixels) : mirrored(a.pixels);
-                    EXPECT_TRUE(stored(a.bm()) == want) << storagetest::kindName(k) << " bpp " << bpp;
+                    EXPECT_TRUE(stored(a.bm()) == want) << tkit::kindName(k) << " bpp " << bpp;
                     EXPECT_TRUE(regionGrid(a.bm()) == (rows ? flipped(mask) : mirrored(mask)));
                     EXPECT_EQ(kindOf(a.bm()), kind);
                     // The stored-axis forms undo them.
@@ -158,18 +136,18 @@ TEST(Orient, FlipAndReverseOnEveryKind) {
 // and its inverse the identity; the storage kind stays.
 TEST(Orient, QuarterTurnIdentitiesOnEveryKind) {
     for (int bpp : kDepths) {
-        for (Kind k : storagetest::kindsFor(bpp)) {
+        for (Kind k : tkit::kindsFor(bpp)) {
             Sample a(k, 13, 5, bpp, uint32_t(bpp * 7));
             ASSERT_EQ(a.kb.rc, KS_SUCCESS);
             a.bm()->nXResolution = 200;
             a.bm()->nYResolution = 75;
             const Grid mask = regionGrid(a.bm());
             const uint32_t kind = kindOf(a.bm());
-            ASSERT_EQ(K_RotateBitmap90(a.bm(), 1, 0, 100), KS_SUCCESS) << storagetest::kindName(k);
+            ASSERT_EQ(K_RotateBitmap90(a.bm(), 1, 0, 100), KS_SUCCESS) << tkit::kindName(k);
             EXPECT_EQ(a.bm()->nWidth, 5);
             EXPECT_EQ(a.bm()->nHeight, 13);
             EXPECT_EQ(a.bm()->nXResolution, 75);
-            EXPECT_TRUE(stored(a.bm()) == turnedCw(a.pixels)) << storagetest::kindName(k) << " bpp " << bpp;
+            EXPECT_TRUE(stored(a.bm()) == turnedCw(a.pixels)) << tkit::kindName(k) << " bpp " << bpp;
             EXPECT_TRUE(regionGrid(a.bm()) == turnedCw(mask));
             if (k != Kind::CallerMemory && k != Kind::CallbackMemory) {
                 EXPECT_EQ(kindOf(a.bm()), kind);
@@ -181,7 +159,7 @@ TEST(Orient, QuarterTurnIdentitiesOnEveryKind) {
             ASSERT_EQ(K_RotateBitmap90(a.bm(), 1, 0, 100), KS_SUCCESS);
             ASSERT_EQ(K_RotateBitmap90(a.bm(), 1, 0, 100), KS_SUCCESS);
             ASSERT_EQ(K_RotateBitmap90(a.bm(), 1, 0, 100), KS_SUCCESS);
-            EXPECT_TRUE(stored(a.bm()) == a.pixels) << storagetest::kindName(k) << " bpp " << bpp;
+            EXPECT_TRUE(stored(a.bm()) == a.pixels) << tkit::kindName(k) << " bpp " << bpp;
             EXPECT_TRUE(regionGrid(a.bm()) == mask);
             EXPECT_EQ(a.bm()->nXResolution, 200);
         }
@@ -214,7 +192,7 @@ TEST(Orient, BandedTurnIntoOwnStorage) {
             const Grid mask = regionGrid(a.bm());
             ASSERT_EQ(K_RotateBitmap90(a.bm(), 0, 0, 100), KS_SUCCESS);
             const Grid ccw = turnedCw(turnedCw(turnedCw(a.pixels)));
-            EXPECT_TRUE(stored(a.bm()) == ccw) << storagetest::kindName(k) << " bpp " << bpp;
+            EXPECT_TRUE(stored(a.bm()) == ccw) << tkit::kindName(k) << " bpp " << bpp;
             EXPECT_TRUE(regionGrid(a.bm()) == turnedCw(turnedCw(turnedCw(mask))));
         }
     }
@@ -397,96 +375,24 @@ TEST(Orient, BadInput) {
     EXPECT_EQ(row[3], 4);
 }
 
-// The allocation-failure hook walked through each operation: every failure
-// is -1 with record, region and pixels as they were and nothing leaked.
-TEST(Orient, AllocationFailuresChangeNothing) {
-    using Op = int32_t (*)(BITMAPRECORD*);
-    const struct {
-        const char* name;
-        Op op;
-    } ops[] = {
-        {"flip", [](BITMAPRECORD* b) { return K_FlipBitmap(b); }},
-        {"reverse", [](BITMAPRECORD* b) { return K_ReverseBitmap(b); }},
-        {"turn", [](BITMAPRECORD* b) { return K_RotateBitmap90(b, 1, 0, 100); }},
-        {"change 1->7", [](BITMAPRECORD* b) { return K_ChangeBitmapViewPerspective(nullptr, b, 0, 7); }},
-        {"change 1->3", [](BITMAPRECORD* b) { return K_ChangeBitmapViewPerspective(nullptr, b, 0, 3); }},
-    };
-    for (Kind k : {Kind::SingleBlock, Kind::TilesMemory, Kind::Compressed, Kind::SuperCompressed, Kind::CallerMemory}) {
-        for (const auto& o : ops) {
-            bool clean = false;
-            for (long n = 0; n < 400 && !clean; ++n) {
-                Sample a(k, 21, 9, 1, 9);
-                ASSERT_EQ(a.kb.rc, KS_SUCCESS);
-                const BITMAPRECORD before = a.kb.bm;
-                const Grid mask = regionGrid(a.bm());
-                const long live = krn::faultinject::liveBlocks();
-                krn::faultinject::arm(n, 1);
-                const int32_t rc = o.op(a.bm());
-                clean = krn::faultinject::injected() == 0;
-                krn::faultinject::disarm();
-                if (rc == KS_SUCCESS) continue;
-                EXPECT_EQ(rc, KS_NO_MEMORY) << o.name << " " << storagetest::kindName(k) << " n " << n;
-                EXPECT_EQ(std::memcmp(&before, a.bm(), sizeof before), 0) << o.name << " n " << n;
-                EXPECT_EQ(krn::faultinject::liveBlocks(), live) << o.name << " n " << n;
-                EXPECT_TRUE(stored(a.bm()) == a.pixels) << o.name << " n " << n;
-                EXPECT_TRUE(regionGrid(a.bm()) == mask) << o.name << " n " << n;
-            }
-            EXPECT_TRUE(clean) << o.name;
-        }
-    }
-}
-
-// A status callback that answers 0 stops the work with 0 and leaves the
-// bitmap as it was, wherever it stops; the perspective change silences the
-// callback and puts it back.
-TEST(Orient, StatusCallbackStops) {
-    StatusGuard guard;
-    static int calls, stopAt;
-    auto cb = [](int32_t, void*) -> int32_t { return ++calls >= stopAt ? 0 : 1; };
-    const struct {
-        const char* name;
-        int32_t (*op)(BITMAPRECORD*);
-    } ops[] = {
-        {"flip", [](BITMAPRECORD* b) { return K_FlipBitmap(b); }},
-        {"reverse", [](BITMAPRECORD* b) { return K_ReverseBitmap(b); }},
-        {"turn", [](BITMAPRECORD* b) { return K_RotateBitmap90(b, 0, 0, 100); }},
-    };
-    for (Kind k : {Kind::SingleBlock, Kind::Disk, Kind::Compressed}) {
-        for (const auto& o : ops) {
-            for (int stop : {1, 2, 5}) {
-                Sample a(k, 40, 300, 1, 4);
-                const BITMAPRECORD before = a.kb.bm;
-                calls = 0;
-                stopAt = stop;
-                K_SetStatusCallBack(cb, nullptr, nullptr, nullptr);
-                EXPECT_EQ(o.op(a.bm()), 0) << o.name;
-                K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
-                EXPECT_EQ(calls, stop);
-                EXPECT_EQ(std::memcmp(&before, a.bm(), sizeof before), 0) << o.name;
-                EXPECT_TRUE(stored(a.bm()) == a.pixels) << o.name << " stop " << stop;
-            }
-        }
-    }
+// Progress of a turn runs from the start to the end value given; the
+// perspective change silences the callback and puts it back.
+TEST(Orient, StatusCallbackProgress) {
     // Progress of a turn runs from the start to the end value given.
-    static std::vector<int> seen;
-    auto record = [](int32_t pct, void*) -> int32_t {
-        seen.push_back(pct);
-        return 1;
-    };
+    tkit::StopAfter log;
+    tkit::StatusScope scope(&tkit::StopAfter::cb, &log);
     Sample b(Kind::SingleBlock, 300, 200, 8, 2, false);
-    K_SetStatusCallBack(record, nullptr, nullptr, nullptr);
     ASSERT_EQ(K_RotateBitmap90(b.bm(), 1, 20, 60), KS_SUCCESS);
-    ASSERT_FALSE(seen.empty());
-    EXPECT_GE(seen.front(), 20);
-    EXPECT_EQ(seen.back(), 60);
-    EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
-    seen.clear();
+    ASSERT_FALSE(log.seen.empty());
+    EXPECT_GE(log.seen.front(), 20);
+    EXPECT_EQ(log.seen.back(), 60);
+    EXPECT_TRUE(std::is_sorted(log.seen.begin(), log.seen.end()));
+    log.seen.clear();
     ASSERT_EQ(K_ChangeBitmapViewPerspective(nullptr, b.bm(), 0, 6), KS_SUCCESS);
-    EXPECT_TRUE(seen.empty());
+    EXPECT_TRUE(log.seen.empty());
     STATUSCALLBACK now = nullptr;
     K_GetStatusCallBack(&now, nullptr);
-    EXPECT_EQ(now, +record);
-    K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
+    EXPECT_EQ(now, &tkit::StopAfter::cb);
 }
 
 // A 20000 x 20000 24-bit bitmap on tiles (1.2 GB) turns with the process

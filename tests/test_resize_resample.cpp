@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "krn/common/resize.h"
-#include "ombrix.h"
+#include "transform_kit.h"
 
 namespace {
 
@@ -35,59 +35,39 @@ const Fmt kFormats[] = {{8, ORDER_GRAY, 1, 255},   {12, ORDER_GRAY, 1, 4095}, {1
                         {24, ORDER_BGR, 3, 255},   {24, ORDER_RGB, 3, 255},   {32, ORDER_BGR, 4, 255},
                         {48, ORDER_BGR, 3, 65535}, {64, ORDER_BGR, 4, 65535}};
 
-uint32_t sampleBytes(int32_t bpp, int32_t channels) { return uint32_t(bpp / 8 / channels); }
-
-// Writes / reads pixels through the row API with index arithmetic of our own.
+// Where sample k of pixel x sits in a row (index arithmetic of our own):
+// 12-bit pairs through pixelAt, otherwise samples of one or two bytes, low
+// byte first, red first for the RGB order.
+uint8_t* sampleAt(uint8_t* row, const Fmt& f, int32_t x, int32_t k) {
+    const int32_t sb = f.bpp / 8 / f.channels, pos = (f.order == ORDER_RGB && k < 3) ? 2 - k : k;
+    return row + (size_t(x) * f.channels + pos) * sb;
+}
 void putImage(BITMAPRECORD* bm, const Img& im, const Fmt& f) {
-    std::vector<uint8_t> row(bm->nBytesPerLine);
-    K_AccessBitmap(bm);
-    for (int32_t y = 0; y < im.h; ++y) {
-        std::fill(row.begin(), row.end(), 0);
+    tkit::RefImage ref(im.w, im.h, f.bpp);
+    for (int32_t y = 0; y < im.h; ++y)
         for (int32_t x = 0; x < im.w; ++x)
             for (int32_t k = 0; k < f.channels; ++k) {
-                const uint32_t val = uint32_t(std::lround(im.at(x, y, k)));
+                const uint32_t v = uint32_t(std::lround(im.at(x, y, k)));
                 if (f.bpp == 12) {
-                    uint8_t* q = row.data() + (x / 2) * 3;
-                    if (x % 2) {
-                        q[1] = uint8_t((q[1] & 15) | ((val & 15) << 4));
-                        q[2] = uint8_t(val >> 4);
-                    } else {
-                        q[0] = uint8_t(val);
-                        q[1] = uint8_t((q[1] & 0xF0) | (val >> 8));
-                    }
+                    tkit::setPixelAt(ref.row(y), x, 12, v);
                     continue;
                 }
-                const uint32_t sb = sampleBytes(f.bpp, f.channels);
-                const int32_t pos = (f.order == ORDER_RGB && k < 3) ? 2 - k : k;
-                uint8_t* q = row.data() + (size_t(x) * f.channels + pos) * sb;
-                q[0] = uint8_t(val);
-                if (sb == 2) q[1] = uint8_t(val >> 8);
+                uint8_t* q = sampleAt(ref.row(y), f, x, k);
+                q[0] = uint8_t(v);
+                if (f.max > 255) q[1] = uint8_t(v >> 8);
             }
-        K_PutBitmapRow(bm, row.data(), y, bm->nBytesPerLine);
-    }
-    K_ReleaseBitmap(bm);
+    ASSERT_EQ(tkit::putImage(bm, ref), KS_SUCCESS);
 }
 Img getImage(BITMAPRECORD* bm, const Fmt& f) {
     Img im{bm->nWidth, bm->nHeight, f.channels, {}};
     im.v.resize(size_t(im.w) * im.h * im.c);
-    std::vector<uint8_t> row(bm->nBytesPerLine);
-    K_AccessBitmap(bm);
-    for (int32_t y = 0; y < im.h; ++y) {
-        K_GetBitmapRow(bm, row.data(), y, bm->nBytesPerLine);
+    tkit::RefImage ref = tkit::getImage(bm);
+    for (int32_t y = 0; y < im.h; ++y)
         for (int32_t x = 0; x < im.w; ++x)
             for (int32_t k = 0; k < f.channels; ++k) {
-                if (f.bpp == 12) {
-                    const uint8_t* q = row.data() + (x / 2) * 3;
-                    im.at(x, y, k) = x % 2 ? (q[1] >> 4) + 16 * q[2] : q[0] + 256 * (q[1] & 15);
-                    continue;
-                }
-                const uint32_t sb = sampleBytes(f.bpp, f.channels);
-                const int32_t pos = (f.order == ORDER_RGB && k < 3) ? 2 - k : k;
-                const uint8_t* q = row.data() + (size_t(x) * f.channels + pos) * sb;
-                im.at(x, y, k) = sb == 2 ? q[0] + 256.0 * q[1] : q[0];
+                const uint8_t* q = sampleAt(ref.row(y), f, x, k);
+                im.at(x, y, k) = f.bpp == 12 ? double(tkit::pixelAt(ref.row(y), x, 12)) : f.max > 255 ? q[0] + 256.0 * q[1] : q[0];
             }
-    }
-    K_ReleaseBitmap(bm);
     return im;
 }
 

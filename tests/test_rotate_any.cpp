@@ -1,11 +1,11 @@
 // test_rotate_any.cpp - rotation by any angle and shear.
 //
 // Oracles: a plain double-precision inverse mapping written here pixel by
-// pixel (nearest exact, bilinear and bicubic within one level), the quarter
-// turn by index arithmetic out[x][H-1-y] = in[y][x], the viewed image through
-// K_PointFromBitmap for every perspective, a turn and its inverse, the same
-// values at different depths, every storage kind against a single block, and
-// the plain kernels against the SIMD ones.
+// pixel (nearest exact, bilinear and bicubic within one level), right angles
+// by the index arithmetic of orient_ref.h (also the viewed image in every
+// perspective), a turn and its inverse, the same values at different depths,
+// every storage kind against a single block, the plain kernels against the
+// SIMD ones.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,12 +15,13 @@
 #include <random>
 #include <vector>
 
-#include "krn/common/memory.h"
 #include "krn/common/rotate_any.h"
-#include "ombrix.h"
-#include "storage_kinds.h"
+#include "orient_ref.h"
+#include "transform_kit.h"
 
 using namespace storagetest;
+using namespace tkit;
+using namespace orienttest;
 
 namespace {
 
@@ -34,14 +35,6 @@ struct Bm {
     }
     ~Bm() { K_FreeBitmap(&bm); }
 };
-void put(BITMAPRECORD* bm, RefImage& img) {
-    for (int32_t r = 0; r < img.height; ++r) ASSERT_GE(K_PutBitmapRow(bm, img.row(r), r, img.bpl), 0);
-}
-RefImage get(BITMAPRECORD* bm) {
-    RefImage img(bm->nWidth, bm->nHeight, bm->nBitsPerPixel);
-    for (int32_t r = 0; r < img.height; ++r) EXPECT_GE(K_GetBitmapRow(bm, img.row(r), r, img.bpl), 0);
-    return img;
-}
 int channels(int bpp) { return bpp == 24 || bpp == 48 ? 3 : bpp == 32 || bpp == 64 ? 4 : 1; }
 int chanBits(int bpp) { return bpp == 16 || bpp == 48 || bpp == 64 ? 16 : 8; }
 double chan(RefImage& img, int x, int y, int ch) {
@@ -167,12 +160,12 @@ TEST_P(RotateOracle, MatchesPlainInverseMapping) {
     Bm b(W, H, p.bpp);
     RefImage src(W, H, p.bpp);
     if (p.interp == ROTATE_NEAREST) src.randomize(uint32_t(p.bpp * 31 + p.angle)); else smooth(src);
-    put(&b.bm, src);
+    putImage(&b.bm, src);
     const uint32_t fill = 0x00336699;  // r 0x99, g 0x66, b 0x33
     ASSERT_EQ(K_RotateBitmap(&b.bm, p.angle, p.interp | (p.resize ? ROTATE_RESIZE : 0) | ROTATE_NO_SHORTCUTS, fill),
               KS_SUCCESS);
     EXPECT_EQ(b.bm.nViewPerspective, 1);
-    RefImage got = get(&b.bm);
+    RefImage got = getImage(&b.bm);
     uint8_t fillPx[8] = {0};
     if (p.bpp == 8) fillPx[0] = (2 * 0x99 + 5 * 0x66 + 0x33 + 4) >> 3;
     if (p.bpp == 16) fillPx[0] = fillPx[1] = (2 * 0x99 + 5 * 0x66 + 0x33 + 4) >> 3;
@@ -195,36 +188,37 @@ INSTANTIATE_TEST_SUITE_P(
                       OracleCase{32, ROTATE_BILINEAR, 9000, false}));
 
 // ---------------------------------------------------------------- right angles and depths
-// Nearest at every depth equals the 8-bit turn of the same values (or, for
-// 8 bits and up, the plain oracle above); quarter turns equal index arithmetic.
-TEST(RotateAny, QuarterTurnsEqualIndexArithmeticAtEveryDepth) {
-    for (int bpp : {1, 2, 4, 8, 12, 16, 24, 32, 48, 64}) {
-        for (uint32_t flags : {ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, uint32_t(ROTATE_RESIZE)}) {
+// Quarter and half turns equal index arithmetic at every depth, with and
+// without the short cuts, and turn the viewed image clockwise in every
+// perspective.
+TEST(RotateAny, RightAnglesEqualIndexArithmetic) {
+    for (int bpp : {1, 2, 4, 8, 12, 16, 24, 32, 48, 64})
+        for (uint32_t flags : {ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, uint32_t(ROTATE_RESIZE)})
             for (int32_t angle : {9000, -9000, 18000, -27000}) {
                 SCOPED_TRACE(::testing::Message() << bpp << " bits, angle " << angle << " flags " << flags);
-                const int W = 19, H = 7;
-                Bm b(W, H, bpp);
-                RefImage src(W, H, bpp);
-                src.randomize(uint32_t(bpp + angle));
-                put(&b.bm, src);
+                Bm b(19, 7, bpp);
+                const Grid g = randomGrid(19, 7, bpp, uint32_t(bpp + angle));
+                ASSERT_TRUE(store(&b.bm, g));
                 const uint32_t interp = bpp == 24 || bpp == 32 ? ROTATE_BILINEAR : ROTATE_NEAREST;
                 ASSERT_EQ(K_RotateBitmap(&b.bm, angle, flags | interp, 0), KS_SUCCESS);
-                RefImage got = get(&b.bm);
-                const int turns = ((angle / 9000) % 4 + 4) % 4;  // clockwise quarter turns
-                ASSERT_EQ(got.width, turns % 2 ? H : W);
-                for (int y = 0; y < H; ++y)
-                    for (int x = 0; x < W; ++x) {
-                        int ox = x, oy = y;
-                        if (turns == 1) ox = H - 1 - y, oy = x;
-                        if (turns == 2) ox = W - 1 - x, oy = H - 1 - y;
-                        if (turns == 3) ox = y, oy = W - 1 - x;
-                        ASSERT_EQ(getPixel(got.row(oy), ox, bpp), getPixel(src.row(y), x, bpp)) << x << "," << y;
-                    }
+                Grid want = g;
+                for (int t = ((angle / 9000) % 4 + 4) % 4; t > 0; --t) want = turnedCw(want);
+                EXPECT_TRUE(stored(&b.bm) == want);
             }
+    for (int32_t persp = 1; persp <= 8; ++persp)
+        for (uint32_t flags : {ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, uint32_t(ROTATE_RESIZE)}) {
+            SCOPED_TRACE(::testing::Message() << "perspective " << persp << " flags " << flags);
+            Bm b(6, 4, 8, ORDER_GRAY, persp);
+            const Grid g = randomGrid(6, 4, 8, uint32_t(persp));
+            ASSERT_TRUE(store(&b.bm, g));
+            ASSERT_EQ(K_RotateBitmap(&b.bm, 9000, flags, 0), KS_SUCCESS);
+            EXPECT_TRUE(b.bm.nViewPerspective == 1 || b.bm.nViewPerspective == 4);
+            EXPECT_TRUE(viewed(stored(&b.bm), b.bm.nViewPerspective) == turnedCw(viewed(g, persp)));
         }
-    }
 }
 
+// K_RotateBitmap90 against the general routine's quarter turns (bTurn 1 is
+// the turn K_RotateBitmap performs for +90.00 degrees), also mirrored.
 TEST(RotateAny, GeneralQuarterTurnEqualsQuarterTurnRoutine) {
     for (int bpp : {1, 4, 8, 24, 32, 64})
         for (int32_t persp : {1, 4})
@@ -233,13 +227,11 @@ TEST(RotateAny, GeneralQuarterTurnEqualsQuarterTurnRoutine) {
                 Bm a(13, 6, bpp, -1, persp), b(13, 6, bpp, -1, persp);
                 RefImage src(13, 6, bpp);
                 src.randomize(uint32_t(bpp * 3 + turn));
-                put(&a.bm, src);
-                put(&b.bm, src);
+                putImage(&a.bm, src);
+                putImage(&b.bm, src);
                 ASSERT_EQ(K_RotateBitmap90(&a.bm, turn, 0, 100), KS_SUCCESS);
-                // bTurn 1 is the turn K_RotateBitmap performs for +90.00 degrees.
-                ASSERT_EQ(K_RotateBitmap(&b.bm, turn ? 9000 : -9000, ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, 0),
-                          KS_SUCCESS);
-                EXPECT_EQ(get(&a.bm).px, get(&b.bm).px);
+                ASSERT_EQ(K_RotateBitmap(&b.bm, turn ? 9000 : -9000, ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, 0), KS_SUCCESS);
+                EXPECT_EQ(getImage(&a.bm).px, getImage(&b.bm).px);
             }
 }
 
@@ -256,11 +248,11 @@ TEST(RotateAny, NearestAtSubByteDepthsEqualsByteDepth) {
                 const uint64_t v = getPixel(s.row(y), x, bpp);
                 if (wide == 8) w.row(y)[x] = uint8_t(v); else setChan(w, x, y, 0, uint32_t(v));
             }
-        put(&small.bm, s);
-        put(&big.bm, w);
+        putImage(&small.bm, s);
+        putImage(&big.bm, w);
         for (BITMAPRECORD* bm : {&small.bm, &big.bm})
             ASSERT_EQ(K_RotateBitmap(bm, 3333, ROTATE_RESIZE, bpp == 12 ? 0 : ROTATE_FILL_INDEX(1)), KS_SUCCESS);
-        RefImage gs = get(&small.bm), gw = get(&big.bm);
+        RefImage gs = getImage(&small.bm), gw = getImage(&big.bm);
         ASSERT_EQ(gs.width, gw.width);
         for (int y = 0; y < gs.height; ++y)
             for (int x = 0; x < gs.width; ++x) {
@@ -268,41 +260,6 @@ TEST(RotateAny, NearestAtSubByteDepthsEqualsByteDepth) {
                 ASSERT_EQ(getPixel(gs.row(y), x, bpp), want) << bpp << " bits at " << x << "," << y;
             }
     }
-}
-
-// The viewed image turns clockwise in every perspective, with and without
-// the short cuts: viewed pixel (x, y) lands at viewed (H - 1 - y, x).
-TEST(RotateAny, EveryPerspectiveTurnsTheViewedImage) {
-    for (int32_t persp = 1; persp <= 8; ++persp)
-        for (uint32_t flags : {ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, uint32_t(ROTATE_RESIZE)}) {
-            SCOPED_TRACE(::testing::Message() << "perspective " << persp << " flags " << flags);
-            const int W = 6, H = 4;  // stored
-            Bm b(W, H, 8, ORDER_GRAY, persp);
-            RefImage src(W, H, 8);
-            for (int y = 0; y < H; ++y)
-                for (int x = 0; x < W; ++x) src.row(y)[x] = uint8_t(1 + y * W + x);
-            put(&b.bm, src);
-            // Viewed value at each viewed position before.
-            const bool swapped = persp >= 5;
-            const int VW = swapped ? H : W, VH = swapped ? W : H;
-            std::vector<int> viewed(size_t(VW * VH));
-            for (int y = 0; y < H; ++y)
-                for (int x = 0; x < W; ++x) {
-                    int32_t vx = x, vy = y;
-                    ASSERT_EQ(K_PointFromBitmap(&b.bm, 1, &vx, &vy), KS_SUCCESS);
-                    viewed[size_t(vy * VW + vx)] = src.row(y)[x];
-                }
-            ASSERT_EQ(K_RotateBitmap(&b.bm, 9000, flags, 0), KS_SUCCESS);
-            EXPECT_TRUE(b.bm.nViewPerspective == 1 || b.bm.nViewPerspective == 4);
-            RefImage got = get(&b.bm);
-            for (int y = 0; y < got.height; ++y)
-                for (int x = 0; x < got.width; ++x) {
-                    int32_t vx = x, vy = y;
-                    ASSERT_EQ(K_PointFromBitmap(&b.bm, 1, &vx, &vy), KS_SUCCESS);
-                    // After the turn, viewed (vx, vy) came from viewed (vy, VH - 1 - vx).
-                    ASSERT_EQ(got.row(y)[x], viewed[size_t((VH - 1 - vx) * VW + vy)]) << vx << "," << vy;
-                }
-        }
 }
 
 // ---------------------------------------------------------------- sizes and round trips
@@ -344,10 +301,10 @@ TEST(RotateAny, TurnAndTurnBackStaysClose) {
             if (bpp == 32)
                 for (int y = 0; y < H; ++y)
                     for (int x = 0; x < W; ++x) setChan(src, x, y, 3, 255);
-            put(&b.bm, src);
+            putImage(&b.bm, src);
             ASSERT_EQ(K_RotateBitmap(&b.bm, angle, ROTATE_BILINEAR, 0), KS_SUCCESS);
             ASSERT_EQ(K_RotateBitmap(&b.bm, -angle, ROTATE_BILINEAR, 0), KS_SUCCESS);
-            RefImage got = get(&b.bm);
+            RefImage got = getImage(&b.bm);
             double worst = 0, sum = 0;
             int n = 0;
             for (int y = 0; y < H; ++y)
@@ -399,10 +356,10 @@ TEST(RotateAny, ShearMatchesPlainMapping) {
                 Bm b(W, H, bpp);
                 RefImage src(W, H, bpp);
                 smooth(src);
-                put(&b.bm, src);
+                putImage(&b.bm, src);
                 const uint32_t flags = ROTATE_BILINEAR | ROTATE_RESIZE | ROTATE_FILL_TRANSPARENT;
                 ASSERT_EQ(K_ShearBitmap(&b.bm, angle, flags | (vertical ? SHEAR_VERTICAL : 0), 0), KS_SUCCESS);
-                RefImage got = get(&b.bm);
+                RefImage got = getImage(&b.bm);
                 const double t = double(K_SinValue((angle + 36000) % 36000)) / K_CosValue((angle + 36000) % 36000);
                 EXPECT_EQ(vertical ? got.height - H : got.width - W,
                           int(std::ceil(std::fabs(t) * (vertical ? W : H) - 1.0 / 64)));
@@ -418,37 +375,6 @@ TEST(RotateAny, ShearMatchesPlainMapping) {
 }
 
 // ---------------------------------------------------------------- storage kinds and kernels
-TEST(RotateAny, EveryStorageKindGivesTheSamePixels) {
-    for (int bpp : {1, 8, 24, 32}) {
-        const int W = 53, H = 37;
-        const uint32_t interp = bpp == 1 ? ROTATE_NEAREST : ROTATE_BICUBIC;
-        RefImage src(W, H, bpp);
-        src.randomize(uint32_t(bpp) * 77u);
-        Bm ref(W, H, bpp);
-        put(&ref.bm, src);
-        ASSERT_EQ(K_RotateBitmap(&ref.bm, 2900, interp | ROTATE_RESIZE, 0x123456), KS_SUCCESS);
-        RefImage want = get(&ref.bm);
-        CapGuard guard;
-        for (Kind kind : kindsFor(bpp)) {
-            SCOPED_TRACE(::testing::Message() << bpp << " bits, " << kindName(kind));
-            KindBitmap k(kind, W, H, bpp);
-            ASSERT_EQ(k.rc, KS_SUCCESS);
-            if (bpp == 8) { ASSERT_EQ(K_CreateBitmapGrayPalette(&k.bm), KS_SUCCESS); }
-            if (bpp > 8) k.bm.nOrder = ref.bm.nOrder;
-            put(&k.bm, src);
-            uint32_t before = 0;
-            K_GetBitmapMemoryInfo(&k.bm, &before, nullptr, nullptr, nullptr);
-            ASSERT_EQ(K_RotateBitmap(&k.bm, 2900, interp | ROTATE_RESIZE, 0x123456), KS_SUCCESS);
-            EXPECT_EQ(get(&k.bm).px, want.px);
-            uint32_t after = 0;
-            K_GetBitmapMemoryInfo(&k.bm, &after, nullptr, nullptr, nullptr);
-            if (before == MEMTYPE_COMPRESSED || before == MEMTYPE_SUPERCOMPRESSED || before == 128) {
-                EXPECT_EQ(after, before);
-            }
-        }
-    }
-}
-
 TEST(RotateAny, SimdKernelsEqualPlainKernels) {
     const int W = 301, H = 203;
     RefImage src(W, H, 32);
@@ -461,9 +387,9 @@ TEST(RotateAny, SimdKernelsEqualPlainKernels) {
         for (int plain = 0; plain < 2; ++plain) {
             krn::testhook::forcePlainRotateKernels(plain == 1);
             Bm b(W, H, 32);
-            put(&b.bm, src);
+            putImage(&b.bm, src);
             EXPECT_EQ(K_RotateBitmap(&b.bm, angle, ROTATE_BILINEAR | ROTATE_RESIZE, 0), KS_SUCCESS);
-            results[plain] = get(&b.bm).px;
+            results[plain] = getImage(&b.bm).px;
         }
         krn::testhook::forcePlainRotateKernels(false);
         EXPECT_EQ(results[0], results[1]) << angle;
@@ -516,12 +442,12 @@ TEST(RotateAny, BadInputGetsAClearCodeAndChangesNothing) {
         const bool live = c.bm && c.bm->uStructSize == BITMAPRECORD_SIZE && (c.bm->uFlags & BRF_ALLOCATED) &&
                           c.bm != &badPersp && c.bm != &badWidth;
         if (c.bm) snap = *c.bm;
-        if (live) px = get(c.bm);
+        if (live) px = getImage(c.bm);
         const int32_t rc = c.shear ? K_ShearBitmap(c.bm, c.angle, c.flags, c.fill)
                                    : K_RotateBitmap(c.bm, c.angle, c.flags, c.fill);
         EXPECT_EQ(rc, c.want) << "angle " << c.angle << " flags " << c.flags << " fill " << c.fill;
         if (c.bm) { EXPECT_EQ(std::memcmp(&snap, c.bm, sizeof snap), 0); }
-        if (live) { EXPECT_EQ(get(c.bm).px, px.px); }
+        if (live) { EXPECT_EQ(getImage(c.bm).px, px.px); }
     }
     // A locked bitmap keeps its storage.
     ASSERT_EQ(K_AccessBitmap(&b8.bm), KS_SUCCESS);
@@ -533,67 +459,22 @@ TEST(RotateAny, BadInputGetsAClearCodeAndChangesNothing) {
     EXPECT_EQ(K_GetRotatedBitmapSize(&badSize, 100, &w, &h), KS_INVALID_STRUCT_SIZE);
 }
 
-TEST(RotateAny, AllocationFailuresLeaveTheRecordAsItWas) {
-    CapGuard guard;
-    for (Kind kind : {Kind::SingleBlock, Kind::TilesMemory, Kind::Compressed}) {
-        const int bpp = kind == Kind::Compressed ? 1 : 32;
-        RefImage src(40, 30, bpp);
-        src.randomize(9);
-        const uint32_t flags = ROTATE_RESIZE | (bpp == 32 ? ROTATE_BILINEAR : 0);
-        int failures = 0;
-        for (long n = 0; n < 10000; ++n) {
-            KindBitmap k(kind, 40, 30, bpp);  // fresh each time: a fallback may have succeeded
-            ASSERT_EQ(k.rc, KS_SUCCESS);
-            put(&k.bm, src);
-            const RECT e{2, 3, 30, 25};  // a region to carry along: its own allocations are walked too
-            if (kind != Kind::TilesMemory) { ASSERT_EQ(K_SetBitmapRgnEllipse(&k.bm, nullptr, &e, 1), KS_SUCCESS); }
-            const BITMAPRECORD snap = k.bm;
-            const long live = krn::faultinject::liveBlocks();
-            krn::faultinject::arm(n, 1);
-            const int32_t rc = (n & 1) ? K_ShearBitmap(&k.bm, 2000, flags, 0) : K_RotateBitmap(&k.bm, 2000, flags, 0);
-            const long injected = krn::faultinject::injected();
-            krn::faultinject::disarm();
-            if (injected == 0) {
-                EXPECT_EQ(rc, KS_SUCCESS);
-                break;
-            }
-            if (rc == KS_SUCCESS) continue;  // the storage fell back to another kind
-            ++failures;
-            EXPECT_LT(rc, 0);
-            EXPECT_EQ(std::memcmp(&snap, &k.bm, sizeof snap), 0) << kindName(kind) << " at " << n;
-            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << kindName(kind) << " at " << n;
-            ASSERT_EQ(get(&k.bm).px, src.px);
-        }
-        EXPECT_GT(failures, 0) << kindName(kind);
-    }
-}
-
+// A status callback answering 0 stops a half turn or the turn by nothing (at
+// its end report), and a shear, with 0 and changes nothing.
 TEST(RotateAny, StatusCallbackAnsweringZeroStopsTheTurn) {
-    struct Guard {
-        ~Guard() { K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr); }
-    } g;
-    int calls = 0;
-    K_SetStatusCallBack([](int32_t pct, void* u) -> int32_t { return ++*static_cast<int*>(u), pct < 30 ? 1 : 0; },
-                        &calls, nullptr, nullptr);
-    for (int32_t angle : {1234, 18000, 0}) {
-        Bm b(300, 200, 24);
-        RefImage src(300, 200, 24);
-        src.randomize(3);
-        put(&b.bm, src);
-        const BITMAPRECORD snap = b.bm;
-        calls = 0;
-        const int32_t rc = K_RotateBitmap(&b.bm, angle, ROTATE_RESIZE | ROTATE_BILINEAR, 0);
-        if (angle == 0) {
-            // The turn by nothing reports its start (0) and end (100): the end stops it.
-            EXPECT_EQ(rc, 0);
-        } else {
-            EXPECT_EQ(rc, 0) << angle;
-        }
-        EXPECT_GT(calls, 0);
-        EXPECT_EQ(std::memcmp(&snap, &b.bm, sizeof snap), 0);
-        EXPECT_EQ(get(&b.bm).px, src.px);
-        EXPECT_EQ(K_ShearBitmap(&b.bm, 1000, ROTATE_BILINEAR, 0), 0);
-        EXPECT_EQ(get(&b.bm).px, src.px);
+    for (int32_t angle : {18000, 0}) {
+        Source k(Kind::SingleBlock, 300, 200, 24, 3);
+        const BITMAPRECORD snap = *k.bm();
+        StopAfter stop(1, 0);
+        StatusScope scope(&StopAfter::cb, &stop);
+        EXPECT_EQ(K_RotateBitmap(k.bm(), angle, ROTATE_RESIZE | ROTATE_BILINEAR, 0), 0) << angle;
+        EXPECT_EQ(stop.calls(), 2);
+        EXPECT_TRUE(sameBytes(snap, *k.bm()));
+        stop.seen.clear();
+        EXPECT_EQ(K_ShearBitmap(k.bm(), 1000, ROTATE_BILINEAR, 0), 0);
+        EXPECT_EQ(stop.calls(), 2);
+        EXPECT_TRUE(sameBytes(snap, *k.bm()));
+        EXPECT_EQ(k.unchanged(), "");
     }
 }
 

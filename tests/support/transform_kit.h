@@ -1,0 +1,184 @@
+// transform_kit.h - builders and checks shared by the transform tests (copy,
+// orientation, rotation, resizing, colour resolution, combining, lists):
+// bitmaps of a storage kind filled from a plain reference image, pixels read
+// back by index arithmetic, guards for the status callbacks, and the walk of
+// the allocation-failure hook.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "krn/common/memory.h"
+#include "ombrix.h"
+#include "storage_kinds.h"
+
+namespace tkit {
+
+using storagetest::getPixel;
+using storagetest::Kind;
+using storagetest::KindBitmap;
+using storagetest::kindName;
+using storagetest::kindsFor;
+using storagetest::RefImage;
+using storagetest::setPixel;
+
+// Pixel x of a stored row (the storage reference knows every depth's packing).
+inline uint64_t pixelAt(const uint8_t* row, int32_t x, int32_t bpp) { return getPixel(row, x, bpp); }
+inline void setPixelAt(uint8_t* row, int32_t x, int32_t bpp, uint64_t v) { setPixel(row, x, bpp, v); }
+// Sample x of a row of little-endian 16-bit samples.
+inline uint32_t le16(const uint8_t* row, int32_t x) { return row[2 * x] | (uint32_t(row[2 * x + 1]) << 8); }
+
+// Writes the reference rows into an allocated bitmap of the same geometry.
+inline int32_t putImage(BITMAPRECORD* bm, RefImage& ref) {
+    K_AccessBitmap(bm);
+    int32_t rc = KS_SUCCESS;
+    for (int32_t r = 0; r < ref.height && rc == KS_SUCCESS; ++r) {
+        const int32_t n = K_PutBitmapRow(bm, ref.row(r), r, ref.bpl);
+        if (n < 0) rc = n;
+    }
+    K_ReleaseBitmap(bm);
+    return rc;
+}
+// Every stored row of a bitmap.
+inline RefImage getImage(BITMAPRECORD* bm) {
+    RefImage img(bm->nWidth, bm->nHeight, bm->nBitsPerPixel);
+    K_AccessBitmap(bm);
+    for (int32_t r = 0; r < img.height; ++r) K_GetBitmapRow(bm, img.row(r), r, img.bpl);
+    K_ReleaseBitmap(bm);
+    return img;
+}
+
+// The first pixel where `got` differs from `want(x, y)`, or "" when none.
+template <class F>
+std::string firstMismatch(RefImage& got, F&& want) {
+    for (int32_t y = 0; y < got.height; ++y)
+        for (int32_t x = 0; x < got.width; ++x) {
+            const uint64_t g = pixelAt(got.row(y), x, got.bpp);
+            const uint64_t w = want(x, y);
+            if (g != w)
+                return "pixel (" + std::to_string(x) + ", " + std::to_string(y) + "): got " + std::to_string(g) +
+                       " want " + std::to_string(w);
+        }
+    return "";
+}
+
+inline const std::vector<int>& allDepths() {
+    static const std::vector<int> d = {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
+    return d;
+}
+
+inline uint32_t kindOf(const BITMAPRECORD* bm) {
+    uint32_t t = 0;
+    K_GetBitmapMemoryInfo(bm, &t, nullptr, nullptr, nullptr);
+    return t;
+}
+
+// A bitmap of one kind holding random pixels, and its reference.
+struct Source {
+    KindBitmap kb;
+    RefImage ref;
+    Source(Kind k, int32_t w, int32_t h, int32_t bpp, uint32_t seed) : kb(k, w, h, bpp), ref(w, h, bpp) {
+        ref.randomize(seed);
+        if (kb.rc == KS_SUCCESS) kb.rc = putImage(&kb.bm, ref);
+    }
+    BITMAPRECORD* bm() { return &kb.bm; }
+    // The stored pixels still those of the reference.
+    std::string unchanged() {
+        RefImage got = getImage(&kb.bm);
+        return got.px == ref.px ? "" : firstMismatch(got, [&](int x, int y) { return pixelAt(ref.row(y), x, ref.bpp); });
+    }
+};
+
+// A record filled with a sentinel byte, to show that a failing call wrote nothing.
+struct Sentinel {
+    BITMAPRECORD bm;
+    Sentinel() { std::memset(&bm, 0xA5, sizeof bm); }
+    bool intact() const {
+        for (size_t i = 0; i < sizeof bm; ++i)
+            if (reinterpret_cast<const uint8_t*>(&bm)[i] != 0xA5) return false;
+        return true;
+    }
+};
+template <class T>
+bool sameBytes(const T& a, const T& b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// Installs a status callback (or the copy status callback) for one scope.
+struct StatusScope {
+    STATUSCALLBACK oldFn = nullptr;
+    void* oldUser = nullptr;
+    bool copy;
+    StatusScope(STATUSCALLBACK fn, void* user, bool copyStatus = false) : copy(copyStatus) {
+        if (copy)
+            K_SetCopyStatusCallBack(fn, user, &oldFn, &oldUser);
+        else
+            K_SetStatusCallBack(fn, user, &oldFn, &oldUser);
+    }
+    ~StatusScope() {
+        if (copy)
+            K_SetCopyStatusCallBack(oldFn, oldUser, nullptr, nullptr);
+        else
+            K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr);
+    }
+};
+
+// A status callback that records the percentages and answers 1 until it has
+// been called `limit` times, then `answer` (limit < 0: always 1).
+struct StopAfter {
+    int limit;
+    int32_t answer;
+    std::vector<int32_t> seen;
+    explicit StopAfter(int limit_ = -1, int32_t answer_ = 0) : limit(limit_), answer(answer_) {}
+    static int32_t cb(int32_t pct, void* user) {
+        auto* self = static_cast<StopAfter*>(user);
+        self->seen.push_back(pct);
+        return self->limit >= 0 && int(self->seen.size()) > self->limit ? self->answer : 1;
+    }
+    int calls() const { return int(seen.size()); }
+};
+
+// One step of an allocation-failure walk: runs a call with the nth kernel
+// allocation failing (`times` failures, < 0 every later one); a failing call
+// must answer -1 and leave no block behind.
+struct Armed {
+    long n, times;
+    int32_t rc = KS_SUCCESS;
+    long injected = 0, live = 0;  // live blocks before the call
+    template <class F>
+    int32_t operator()(F&& call) {
+        live = krn::faultinject::liveBlocks();
+        krn::faultinject::arm(n, times);
+        rc = call();
+        injected = krn::faultinject::injected();
+        krn::faultinject::disarm();
+        if (rc != KS_SUCCESS) {
+            EXPECT_EQ(rc, KS_NO_MEMORY) << "allocation " << n;
+            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << "allocation " << n;
+        }
+        return rc;
+    }
+};
+// Walks n = 0, 1, ...: `attempt(armed)` prepares fresh state, makes its call
+// through `armed` and checks the outcome. The walk ends at the first call that
+// no injected failure reached (or at the first success, when asked); answers
+// how many calls failed.
+template <class F>
+int allocationWalk(F&& attempt, long times = 1, bool untilSuccess = false) {
+    int failures = 0;
+    for (long n = 0; n < 2000; ++n) {
+        Armed a{n, times};
+        attempt(a);
+        failures += a.rc != KS_SUCCESS;
+        if (a.injected == 0 || (untilSuccess && a.rc == KS_SUCCESS)) return failures;
+        if (::testing::Test::HasFatalFailure()) return failures;
+    }
+    ADD_FAILURE() << "the walk did not end";
+    return failures;
+}
+
+}  // namespace tkit
