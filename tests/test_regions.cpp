@@ -133,88 +133,70 @@ TEST(RegionsEngine, EmptyRowsInsideRegionAreKeptAndNotExported) {
     DeleteObject(d);
 }
 
-TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
-    std::mt19937 rng(12345);
-    for (int iter = 0; iter < 60; ++iter) {
-        Shape a = randomShape(rng), b = randomShape(rng);
-        expectMatches(a.h, a.m, "source " + a.what);
-        const int modes[5] = {RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF, RGN_COPY};
-        for (int mode : modes) {
-            HRGN d = CreateRectRgn(0, 0, 1, 1);
-            int kind = CombineRgn(d, a.h, b.h, mode);
-            Mask want = mode == RGN_AND ? a.m.combine(b.m, 0)
-                        : mode == RGN_OR ? a.m.combine(b.m, 1)
-                        : mode == RGN_XOR ? a.m.combine(b.m, 2)
-                        : mode == RGN_DIFF ? a.m.combine(b.m, 3) : a.m;
-            EXPECT_EQ(kind, want.count() == 0 ? NULLREGION : want.isRectangle() ? SIMPLEREGION : COMPLEXREGION);
-            expectMatches(d, want, a.what + " op " + std::to_string(mode) + " " + b.what);
-            DeleteObject(d);
-        }
-        // Destination that is also a source.
-        HRGN c = CreateRectRgn(0, 0, 0, 0);
-        CombineRgn(c, a.h, a.h, RGN_COPY);
-        CombineRgn(c, c, b.h, RGN_XOR);
-        expectMatches(c, a.m.combine(b.m, 2), "in place xor");
-        DeleteObject(c);
-        DeleteObject(a.h);
-        DeleteObject(b.h);
-    }
-}
-
 // Many small rectangles on a coarse grid: rows with many runs whose ends
 // coincide or touch across the two sources, tall rectangles (repeated rows),
 // sources apart vertically and horizontally, and empty sources. The sources
 // are built by the rectangle importer, so the combines are checked against
 // the mask without relying on themselves.
-HRGN rectsRegion(std::mt19937& rng, int count, int dx, int dy, Mask& m) {
+Shape rectsShape(std::mt19937& rng, int count, int dx, int dy) {
+    Shape s;
+    s.what = "rects";
     std::vector<RECT> rects;
-    m = Mask(kWin.x0, kWin.y0, kWin.w, kWin.h);
+    s.m = Mask(kWin.x0, kWin.y0, kWin.w, kWin.h);
     for (int i = 0; i < count; ++i) {
         int l = int(rng() % 40) * 2 + dx, t = int(rng() % 30) * 2 + dy;
         int w = 1 + int(rng() % 4) * 2, h = rng() % 4 == 0 ? 20 + int(rng() % 30) : 1 + int(rng() % 3);
         RECT r{l, t, l + w, std::min(t + h, kWin.y0 + kWin.h)};
         rects.push_back(r);
-        m = m.combine(rgntest::rectMask(kWin, r), 1);
+        s.m = s.m.combine(rgntest::rectMask(kWin, r), 1);
     }
-    if (rects.empty()) return CreateRectRgn(0, 0, 0, 0);
+    if (rects.empty()) {
+        s.h = CreateRectRgn(0, 0, 0, 0);
+        return s;
+    }
     std::vector<uint8_t> blk(32 + 16 * rects.size());
     RGNDATAHEADER hdr{32, RDH_RECTANGLES, uint32_t(rects.size()), uint32_t(16 * rects.size()), RECT{0, 0, 0, 0}};
     std::memcpy(blk.data(), &hdr, 32);
     std::memcpy(blk.data() + 32, rects.data(), 16 * rects.size());
-    return ExtCreateRegion(nullptr, uint32_t(blk.size()), reinterpret_cast<const RGNDATA*>(blk.data()));
+    s.h = ExtCreateRegion(nullptr, uint32_t(blk.size()), reinterpret_cast<const RGNDATA*>(blk.data()));
+    EXPECT_NE(s.h, nullptr);
+    return s;
 }
 
-TEST(RegionsEngine, UnionIntersectionDifferenceOfManyRunRowsMatchMask) {
-    std::mt19937 rng(777);
-    for (int iter = 0; iter < 80; ++iter) {
-        const int layout = iter % 5;  // overlapping, b below a, b right of a, a empty, b empty
-        Mask ma, mb;
-        HRGN a = rectsRegion(rng, layout == 3 ? 0 : 1 + int(rng() % 120), 0, 0, ma);
-        HRGN b = rectsRegion(rng, layout == 4 ? 0 : 1 + int(rng() % 120), layout == 2 ? 81 : int(rng() % 2),
-                             layout == 1 ? 110 : int(rng() % 2), mb);
-        ASSERT_NE(a, nullptr);
-        ASSERT_NE(b, nullptr);
-        const Mask want = ma.combine(mb, 1);
+// Every mode in both orders, in place and into a fresh destination, on random
+// rectangles, polygons and ellipses and on many-run rectangle sets in five
+// layouts (overlapping, b below a, b right of a, a empty, b empty).
+TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
+    std::mt19937 rng(12345);
+    const int modes[5] = {RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF, RGN_COPY};
+    const int ops[5] = {0, 1, 2, 3, -1};
+    for (int iter = 0; iter < 100; ++iter) {
+        const int layout = (iter / 2) % 5;
+        Shape a = iter % 2 ? randomShape(rng) : rectsShape(rng, layout == 3 ? 0 : 1 + int(rng() % 120), 0, 0);
+        Shape b = iter % 2 ? randomShape(rng)
+                           : rectsShape(rng, layout == 4 ? 0 : 1 + int(rng() % 120), layout == 2 ? 81 : int(rng() % 2),
+                                        layout == 1 ? 110 : int(rng() % 2));
+        expectMatches(a.h, a.m, "source " + a.what);
         HRGN d = CreateRectRgn(0, 0, 1, 1);
-        CombineRgn(d, a, b, RGN_OR);
-        expectMatches(d, want, "union, layout " + std::to_string(layout));
-        CombineRgn(d, b, a, RGN_OR);
-        expectMatches(d, want, "union swapped, layout " + std::to_string(layout));
-        CombineRgn(d, d, a, RGN_OR);  // in place: a source is the destination
-        expectMatches(d, want, "union in place, layout " + std::to_string(layout));
-        CombineRgn(d, a, b, RGN_AND);
-        expectMatches(d, ma.combine(mb, 0), "a and b, layout " + std::to_string(layout));
-        CombineRgn(d, b, a, RGN_AND);
-        expectMatches(d, ma.combine(mb, 0), "b and a, layout " + std::to_string(layout));
-        CombineRgn(d, a, b, RGN_DIFF);
-        expectMatches(d, ma.combine(mb, 3), "a minus b, layout " + std::to_string(layout));
-        CombineRgn(d, b, a, RGN_DIFF);
-        expectMatches(d, ma.combine(mb, 4), "b minus a, layout " + std::to_string(layout));
-        CombineRgn(d, a, a, RGN_DIFF);
-        expectMatches(d, Mask(kWin.x0, kWin.y0, kWin.w, kWin.h), "a minus a, layout " + std::to_string(layout));
+        for (int k = 0; k < 5; ++k)
+            for (int swap = 0; swap < 2; ++swap) {
+                const Shape& x = swap ? b : a;
+                const Shape& y = swap ? a : b;
+                const Mask want = ops[k] < 0 ? x.m : x.m.combine(y.m, ops[k]);
+                const int kind = CombineRgn(d, x.h, y.h, modes[k]);
+                EXPECT_EQ(kind, want.count() == 0 ? NULLREGION : want.isRectangle() ? SIMPLEREGION : COMPLEXREGION);
+                expectMatches(d, want, x.what + " op " + std::to_string(modes[k]) + " " + y.what + " layout " +
+                                           std::to_string(layout));
+            }
+        // The destination is also a source.
+        CombineRgn(d, a.h, a.h, RGN_COPY);
+        CombineRgn(d, d, b.h, RGN_XOR);
+        expectMatches(d, a.m.combine(b.m, 2), "in place xor");
+        CombineRgn(d, d, d, RGN_DIFF);
+        expectMatches(d, Mask(kWin.x0, kWin.y0, kWin.w, kWin.h), "d minus d");
         DeleteObject(d);
-        DeleteObject(a);
-        DeleteObject(b);
+        DeleteObject(a.h);
+        DeleteObject(b.h);
     }
 }
 
@@ -557,37 +539,26 @@ TEST(RegionsEngine, BadHandlesGiveZeroAndErrno22) {
                         reinterpret_cast<HRGN>(&local)};
     for (HRGN b : bad) {
         RECT r{};
-        auto check = [&](auto v, const char* what) {
-            EXPECT_EQ(v, decltype(v)(0)) << what;
+        WORD w = 0;
+        OrvaRgn* o = nullptr;
+        auto probe = [](const char* what, auto call) {
+            errno = 0;
+            EXPECT_EQ(call(), decltype(call())(0)) << what;
             EXPECT_EQ(errno, 22) << what;
         };
-        errno = 0;
-        check(CombineRgn(b, good, good, RGN_OR), "CombineRgn dst");
-        errno = 0;
-        check(CombineRgn(good, b, good, RGN_OR), "CombineRgn src1");
-        errno = 0;
-        check(CombineRgn(good, good, b, RGN_COPY), "CombineRgn src2 copy");
-        errno = 0;
-        check(OffsetRgn(b, 1, 1), "OffsetRgn");
-        errno = 0;
-        check(GetRgnBox(b, &r), "GetRgnBox");
-        errno = 0;
-        check(GetRegionData(b, 0, nullptr), "GetRegionData");
-        errno = 0;
-        check(PtInRegion(b, 0, 0), "PtInRegion");
-        errno = 0;
-        check(SetRectRgn(b, 0, 0, 1, 1), "SetRectRgn");
-        errno = 0;
-        check(DeleteObject(b), "DeleteObject");
-        errno = 0;
-        WORD w = 0;
-        check(GetObject(b, 2, &w), "GetObject");
-        OrvaRgn* o = nullptr;
+        probe("CombineRgn dst", [&] { return CombineRgn(b, good, good, RGN_OR); });
+        probe("CombineRgn src1", [&] { return CombineRgn(good, b, good, RGN_OR); });
+        probe("CombineRgn src2 copy", [&] { return CombineRgn(good, good, b, RGN_COPY); });
+        probe("OffsetRgn", [&] { return OffsetRgn(b, 1, 1); });
+        probe("GetRgnBox", [&] { return GetRgnBox(b, &r); });
+        probe("GetRegionData", [&] { return GetRegionData(b, 0, nullptr); });
+        probe("PtInRegion", [&] { return PtInRegion(b, 0, 0); });
+        probe("SetRectRgn", [&] { return SetRectRgn(b, 0, 0, 1, 1); });
+        probe("DeleteObject", [&] { return DeleteObject(b); });
+        probe("GetObject", [&] { return GetObject(b, 2, &w); });
+        probe("K_WinDeleteObject", [&] { return K_WinDeleteObject(b); });
         errno = 0;
         EXPECT_EQ(K_ConvertHandleToRgn(b, &o), KS_INVALID_PARAMETER);
-        EXPECT_EQ(errno, 22);
-        errno = 0;
-        EXPECT_EQ(K_WinDeleteObject(b), 0);
         EXPECT_EQ(errno, 22);
     }
     // The global block is still alive and the good region untouched.
