@@ -417,6 +417,13 @@ TEST(RegionsEngine, KernelCombineKeepsIdentityAndReusesBlocks) {
     EXPECT_EQ(krn::rgn::area(d), 50u * 40u + 60u * 50u - 2u * 20u * 20u);
     EXPECT_EQ(K_IsPtInOrvaRgn(d, 35, 25, nullptr, nullptr), 0);
     EXPECT_EQ(K_IsPtInOrvaRgn(d, 10, 10, nullptr, nullptr), 1);
+    // A clip that leaves nothing empties the region.
+    OrvaRgn* e = nullptr;
+    RECT away{200, 200, 300, 300};
+    ASSERT_EQ(K_CopyOrvaRgn(&e, d), KS_SUCCESS);
+    ASSERT_EQ(K_ClipOrvaRgnRect(e, &away), KS_SUCCESS);
+    EXPECT_EQ(krn::rgn::area(e), 0u);
+    K_DeleteOrvaRgn(e);
     // A destination that is also a source.
     ASSERT_EQ(K_CombineOrvaRgn(&a, a, b, RGN_DIFF), KS_SUCCESS);
     EXPECT_EQ(krn::rgn::area(a), 50u * 40u - 20u * 20u);

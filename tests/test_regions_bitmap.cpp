@@ -653,6 +653,18 @@ TEST(RegionsBitmap, FillColourEncodingAndGreyMasks) {
             EXPECT_EQ(got, want) << f.bpp << "/" << f.order << " colour " << std::hex << c;
             K_ReleaseBitmap(&fb.bm);
         }
+    // A record without a palette (caller memory attached to an initialised
+    // record) takes the fixed palette of its depth: 1 bit, index 1 is white.
+    BITMAPRECORD np;
+    ASSERT_EQ(K_InitBitmap(&np, BITMAPRECORD_SIZE, 16, 2, 1), KS_SUCCESS);
+    uint8_t bits[8] = {0xA5, 0x0F, 0, 0, 0x80, 0x01, 0, 0};
+    ASSERT_EQ(K_SetBitmapDataPointer(&np, bits, sizeof bits), KS_SUCCESS);
+    ASSERT_EQ(np.pPalette, nullptr);
+    ASSERT_EQ(K_SetBitmapRgnColor(&np, 0xFFFFFF, 1), KS_SUCCESS);
+    for (int y = 0; y < 2; ++y)
+        for (int x = 0; x < 16; ++x)
+            EXPECT_EQ(K_IsPtInBitmapRgn(&np, y, x), (bits[4 * y + x / 8] >> (7 - x % 8)) & 1) << x << "," << y;
+    K_FreeBitmap(&np);
     // A 24-bit mask counts grey >= 128 as white.
     Bitmap m(20, 10, 24);
     K_AccessBitmap(&m.bm);
