@@ -346,6 +346,10 @@ TEST(RegionsEngine, OffsetSetRectRgnAndPlacementWords) {
     OrvaRgn* nul = reinterpret_cast<OrvaRgn*>(1);
     EXPECT_EQ(K_CopyOrvaRgn(&nul, nullptr), KS_SUCCESS);
     EXPECT_EQ(nul, nullptr);
+    HRGN other = CreateRectRgn(20, 20, 25, 25);
+    EXPECT_EQ(CombineRgn(h, h, other, RGN_OR), COMPLEXREGION);
+    EXPECT_EQ(payload(h)->nPlacement[3], 1234);  // kept by a combine into the handle too
+    DeleteObject(other);
     DeleteObject(h);
 }
 
