@@ -487,16 +487,6 @@ TEST(StorageHeight, EveryKindKeepsSharedRowsThroughEveryHeight) {
     EXPECT_EQ(K_ChangeBitmapHeight(&none, 3), KS_INVALID_BITMAP);
 }
 
-// A file whose size is a whole number of pages: its last byte is mapped too.
-TEST(StorageDisk, PageSizedFileHoldsItsLastRow) {
-    KindBitmap k(Kind::Disk, 4096, 2, 8);
-    ASSERT_EQ(k.rc, KS_SUCCESS);
-    std::vector<uint8_t> row(4096, 0xAB), got(4096);
-    ASSERT_EQ(K_PutBitmapRow(&k.bm, row.data(), 1, 4096), 4096);
-    ASSERT_EQ(K_GetBitmapRow(&k.bm, got.data(), 1, 4096), 4096);
-    EXPECT_EQ(got, row);
-}
-
 TEST(StorageConvert, ConversionChainKeepsThePixels) {
     CapGuard guard;
     for (int bpp : {1, 8, 24}) {
