@@ -120,101 +120,70 @@ TEST(RegionsEngine, RectangleEdgeCases) {
     DeleteObject(b);
 }
 
-TEST(RegionsEngine, EmptyRowsInsideRegionAreKeptAndNotExported) {
-    HRGN a = CreateRectRgn(0, 0, 10, 2), b = CreateRectRgn(5, 6, 8, 8), d = CreateRectRgn(0, 0, 0, 0);
-    EXPECT_EQ(CombineRgn(d, a, b, RGN_OR), COMPLEXREGION);
-    OrvaRgn* r = payload(d);
-    EXPECT_EQ(r->uRowIndexSize, 8u * 8u);  // rows 0..7 including four empty ones
-    EXPECT_EQ(r->pRowIndex[3].uCount, 0u);
-    EXPECT_EQ(r->uRunDataSize, 4u * 8u);   // four rows of one run
-    EXPECT_EQ(GetRegionData(d, 0, nullptr), 32u + 16u * 4u);
-    DeleteObject(a);
-    DeleteObject(b);
-    DeleteObject(d);
-}
-
-TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
-    std::mt19937 rng(12345);
-    for (int iter = 0; iter < 60; ++iter) {
-        Shape a = randomShape(rng), b = randomShape(rng);
-        expectMatches(a.h, a.m, "source " + a.what);
-        const int modes[5] = {RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF, RGN_COPY};
-        for (int mode : modes) {
-            HRGN d = CreateRectRgn(0, 0, 1, 1);
-            int kind = CombineRgn(d, a.h, b.h, mode);
-            Mask want = mode == RGN_AND ? a.m.combine(b.m, 0)
-                        : mode == RGN_OR ? a.m.combine(b.m, 1)
-                        : mode == RGN_XOR ? a.m.combine(b.m, 2)
-                        : mode == RGN_DIFF ? a.m.combine(b.m, 3) : a.m;
-            EXPECT_EQ(kind, want.count() == 0 ? NULLREGION : want.isRectangle() ? SIMPLEREGION : COMPLEXREGION);
-            expectMatches(d, want, a.what + " op " + std::to_string(mode) + " " + b.what);
-            DeleteObject(d);
-        }
-        // Destination that is also a source.
-        HRGN c = CreateRectRgn(0, 0, 0, 0);
-        CombineRgn(c, a.h, a.h, RGN_COPY);
-        CombineRgn(c, c, b.h, RGN_XOR);
-        expectMatches(c, a.m.combine(b.m, 2), "in place xor");
-        DeleteObject(c);
-        DeleteObject(a.h);
-        DeleteObject(b.h);
-    }
-}
-
 // Many small rectangles on a coarse grid: rows with many runs whose ends
 // coincide or touch across the two sources, tall rectangles (repeated rows),
 // sources apart vertically and horizontally, and empty sources. The sources
 // are built by the rectangle importer, so the combines are checked against
 // the mask without relying on themselves.
-HRGN rectsRegion(std::mt19937& rng, int count, int dx, int dy, Mask& m) {
+Shape rectsShape(std::mt19937& rng, int count, int dx, int dy) {
+    Shape s;
+    s.what = "rects";
     std::vector<RECT> rects;
-    m = Mask(kWin.x0, kWin.y0, kWin.w, kWin.h);
+    s.m = Mask(kWin.x0, kWin.y0, kWin.w, kWin.h);
     for (int i = 0; i < count; ++i) {
         int l = int(rng() % 40) * 2 + dx, t = int(rng() % 30) * 2 + dy;
         int w = 1 + int(rng() % 4) * 2, h = rng() % 4 == 0 ? 20 + int(rng() % 30) : 1 + int(rng() % 3);
         RECT r{l, t, l + w, std::min(t + h, kWin.y0 + kWin.h)};
         rects.push_back(r);
-        m = m.combine(rgntest::rectMask(kWin, r), 1);
+        s.m = s.m.combine(rgntest::rectMask(kWin, r), 1);
     }
-    if (rects.empty()) return CreateRectRgn(0, 0, 0, 0);
+    if (rects.empty()) {
+        s.h = CreateRectRgn(0, 0, 0, 0);
+        return s;
+    }
     std::vector<uint8_t> blk(32 + 16 * rects.size());
     RGNDATAHEADER hdr{32, RDH_RECTANGLES, uint32_t(rects.size()), uint32_t(16 * rects.size()), RECT{0, 0, 0, 0}};
     std::memcpy(blk.data(), &hdr, 32);
     std::memcpy(blk.data() + 32, rects.data(), 16 * rects.size());
-    return ExtCreateRegion(nullptr, uint32_t(blk.size()), reinterpret_cast<const RGNDATA*>(blk.data()));
+    s.h = ExtCreateRegion(nullptr, uint32_t(blk.size()), reinterpret_cast<const RGNDATA*>(blk.data()));
+    EXPECT_NE(s.h, nullptr);
+    return s;
 }
 
-TEST(RegionsEngine, UnionIntersectionDifferenceOfManyRunRowsMatchMask) {
-    std::mt19937 rng(777);
-    for (int iter = 0; iter < 80; ++iter) {
-        const int layout = iter % 5;  // overlapping, b below a, b right of a, a empty, b empty
-        Mask ma, mb;
-        HRGN a = rectsRegion(rng, layout == 3 ? 0 : 1 + int(rng() % 120), 0, 0, ma);
-        HRGN b = rectsRegion(rng, layout == 4 ? 0 : 1 + int(rng() % 120), layout == 2 ? 81 : int(rng() % 2),
-                             layout == 1 ? 110 : int(rng() % 2), mb);
-        ASSERT_NE(a, nullptr);
-        ASSERT_NE(b, nullptr);
-        const Mask want = ma.combine(mb, 1);
+// Every mode in both orders, in place and into a fresh destination, on random
+// rectangles, polygons and ellipses and on many-run rectangle sets in five
+// layouts (overlapping, b below a, b right of a, a empty, b empty).
+TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
+    std::mt19937 rng(12345);
+    const int modes[5] = {RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF, RGN_COPY};
+    const int ops[5] = {0, 1, 2, 3, -1};
+    for (int iter = 0; iter < 100; ++iter) {
+        const int layout = (iter / 2) % 5;
+        Shape a = iter % 2 ? randomShape(rng) : rectsShape(rng, layout == 3 ? 0 : 1 + int(rng() % 120), 0, 0);
+        Shape b = iter % 2 ? randomShape(rng)
+                           : rectsShape(rng, layout == 4 ? 0 : 1 + int(rng() % 120), layout == 2 ? 81 : int(rng() % 2),
+                                        layout == 1 ? 110 : int(rng() % 2));
+        expectMatches(a.h, a.m, "source " + a.what);
         HRGN d = CreateRectRgn(0, 0, 1, 1);
-        CombineRgn(d, a, b, RGN_OR);
-        expectMatches(d, want, "union, layout " + std::to_string(layout));
-        CombineRgn(d, b, a, RGN_OR);
-        expectMatches(d, want, "union swapped, layout " + std::to_string(layout));
-        CombineRgn(d, d, a, RGN_OR);  // in place: a source is the destination
-        expectMatches(d, want, "union in place, layout " + std::to_string(layout));
-        CombineRgn(d, a, b, RGN_AND);
-        expectMatches(d, ma.combine(mb, 0), "a and b, layout " + std::to_string(layout));
-        CombineRgn(d, b, a, RGN_AND);
-        expectMatches(d, ma.combine(mb, 0), "b and a, layout " + std::to_string(layout));
-        CombineRgn(d, a, b, RGN_DIFF);
-        expectMatches(d, ma.combine(mb, 3), "a minus b, layout " + std::to_string(layout));
-        CombineRgn(d, b, a, RGN_DIFF);
-        expectMatches(d, ma.combine(mb, 4), "b minus a, layout " + std::to_string(layout));
-        CombineRgn(d, a, a, RGN_DIFF);
-        expectMatches(d, Mask(kWin.x0, kWin.y0, kWin.w, kWin.h), "a minus a, layout " + std::to_string(layout));
+        for (int k = 0; k < 5; ++k)
+            for (int swap = 0; swap < 2; ++swap) {
+                const Shape& x = swap ? b : a;
+                const Shape& y = swap ? a : b;
+                const Mask want = ops[k] < 0 ? x.m : x.m.combine(y.m, ops[k]);
+                const int kind = CombineRgn(d, x.h, y.h, modes[k]);
+                EXPECT_EQ(kind, want.count() == 0 ? NULLREGION : want.isRectangle() ? SIMPLEREGION : COMPLEXREGION);
+                expectMatches(d, want, x.what + " op " + std::to_string(modes[k]) + " " + y.what + " layout " +
+                                           std::to_string(layout));
+            }
+        // The destination is also a source.
+        CombineRgn(d, a.h, a.h, RGN_COPY);
+        CombineRgn(d, d, b.h, RGN_XOR);
+        expectMatches(d, a.m.combine(b.m, 2), "in place xor");
+        CombineRgn(d, d, d, RGN_DIFF);
+        expectMatches(d, Mask(kWin.x0, kWin.y0, kWin.w, kWin.h), "d minus d");
         DeleteObject(d);
-        DeleteObject(a);
-        DeleteObject(b);
+        DeleteObject(a.h);
+        DeleteObject(b.h);
     }
 }
 
@@ -252,30 +221,13 @@ TEST(RegionsEngine, PolygonsMatchCentreSamplingBothFillModes) {
     }
 }
 
-TEST(RegionsEngine, PolygonRuleOnSquaresAndOverlaps) {
-    // A polygon square covers the same pixels as the rectangle.
+TEST(RegionsEngine, PolygonSquareIsTheRectangleAndFewerThanTwoPointsAreEmpty) {
     POINT sq[4] = {{0, 0}, {10, 0}, {10, 10}, {0, 10}};
-    HRGN p = CreatePolygonRgn(sq, 4, ALTERNATE), r = CreateRectRgn(0, 0, 10, 10);
+    HRGN p = CreatePolygonRgn(sq, 4, ALTERNATE), r = CreateRectRgn(0, 0, 10, 10), one = CreatePolygonRgn(sq, 1, WINDING);
     EXPECT_EQ(rgntest::regionData(p), rgntest::regionData(r));
-    // Two overlapping squares, same orientation: even-odd leaves a hole, winding does not.
-    POINT two[8] = {{0, 0}, {10, 0}, {10, 10}, {0, 10}, {5, 5}, {15, 5}, {15, 15}, {5, 15}};
-    uint8_t flags[8] = {0, 1, 1, 1, 0, 1, 1, 1};
-    OrvaRgn *eo = nullptr, *nz = nullptr;
-    ASSERT_EQ(K_SegmentsToRegion(&eo, two, flags, 8, ALTERNATE), KS_SUCCESS);
-    ASSERT_EQ(K_SegmentsToRegion(&nz, two, flags, 8, WINDING), KS_SUCCESS);
-    EXPECT_EQ(K_IsPtInOrvaRgn(eo, 7, 7, nullptr, nullptr), 0);
-    EXPECT_EQ(K_IsPtInOrvaRgn(nz, 7, 7, nullptr, nullptr), 1);
-    EXPECT_EQ(krn::rgn::area(eo), 100u + 100u - 2u * 25u);
-    EXPECT_EQ(krn::rgn::area(nz), 175u);
-    // Fewer than two points: empty.
-    HRGN one = CreatePolygonRgn(sq, 1, WINDING);
     RECT box;
     EXPECT_EQ(GetRgnBox(one, &box), NULLREGION);
-    K_DeleteOrvaRgn(eo);
-    K_DeleteOrvaRgn(nz);
-    DeleteObject(p);
-    DeleteObject(r);
-    DeleteObject(one);
+    for (HRGN h : {p, r, one}) DeleteObject(h);
 }
 
 TEST(RegionsEngine, EllipseFollowsItsEquation) {
@@ -394,6 +346,10 @@ TEST(RegionsEngine, OffsetSetRectRgnAndPlacementWords) {
     OrvaRgn* nul = reinterpret_cast<OrvaRgn*>(1);
     EXPECT_EQ(K_CopyOrvaRgn(&nul, nullptr), KS_SUCCESS);
     EXPECT_EQ(nul, nullptr);
+    HRGN other = CreateRectRgn(20, 20, 25, 25);
+    EXPECT_EQ(CombineRgn(h, h, other, RGN_OR), COMPLEXREGION);
+    EXPECT_EQ(payload(h)->nPlacement[3], 1234);  // kept by a combine into the handle too
+    DeleteObject(other);
     DeleteObject(h);
 }
 
@@ -465,6 +421,13 @@ TEST(RegionsEngine, KernelCombineKeepsIdentityAndReusesBlocks) {
     EXPECT_EQ(krn::rgn::area(d), 50u * 40u + 60u * 50u - 2u * 20u * 20u);
     EXPECT_EQ(K_IsPtInOrvaRgn(d, 35, 25, nullptr, nullptr), 0);
     EXPECT_EQ(K_IsPtInOrvaRgn(d, 10, 10, nullptr, nullptr), 1);
+    // A clip that leaves nothing empties the region.
+    OrvaRgn* e = nullptr;
+    RECT away{200, 200, 300, 300};
+    ASSERT_EQ(K_CopyOrvaRgn(&e, d), KS_SUCCESS);
+    ASSERT_EQ(K_ClipOrvaRgnRect(e, &away), KS_SUCCESS);
+    EXPECT_EQ(krn::rgn::area(e), 0u);
+    K_DeleteOrvaRgn(e);
     // A destination that is also a source.
     ASSERT_EQ(K_CombineOrvaRgn(&a, a, b, RGN_DIFF), KS_SUCCESS);
     EXPECT_EQ(krn::rgn::area(a), 50u * 40u - 20u * 20u);
@@ -557,37 +520,26 @@ TEST(RegionsEngine, BadHandlesGiveZeroAndErrno22) {
                         reinterpret_cast<HRGN>(&local)};
     for (HRGN b : bad) {
         RECT r{};
-        auto check = [&](auto v, const char* what) {
-            EXPECT_EQ(v, decltype(v)(0)) << what;
+        WORD w = 0;
+        OrvaRgn* o = nullptr;
+        auto probe = [](const char* what, auto call) {
+            errno = 0;
+            EXPECT_EQ(call(), decltype(call())(0)) << what;
             EXPECT_EQ(errno, 22) << what;
         };
-        errno = 0;
-        check(CombineRgn(b, good, good, RGN_OR), "CombineRgn dst");
-        errno = 0;
-        check(CombineRgn(good, b, good, RGN_OR), "CombineRgn src1");
-        errno = 0;
-        check(CombineRgn(good, good, b, RGN_COPY), "CombineRgn src2 copy");
-        errno = 0;
-        check(OffsetRgn(b, 1, 1), "OffsetRgn");
-        errno = 0;
-        check(GetRgnBox(b, &r), "GetRgnBox");
-        errno = 0;
-        check(GetRegionData(b, 0, nullptr), "GetRegionData");
-        errno = 0;
-        check(PtInRegion(b, 0, 0), "PtInRegion");
-        errno = 0;
-        check(SetRectRgn(b, 0, 0, 1, 1), "SetRectRgn");
-        errno = 0;
-        check(DeleteObject(b), "DeleteObject");
-        errno = 0;
-        WORD w = 0;
-        check(GetObject(b, 2, &w), "GetObject");
-        OrvaRgn* o = nullptr;
+        probe("CombineRgn dst", [&] { return CombineRgn(b, good, good, RGN_OR); });
+        probe("CombineRgn src1", [&] { return CombineRgn(good, b, good, RGN_OR); });
+        probe("CombineRgn src2 copy", [&] { return CombineRgn(good, good, b, RGN_COPY); });
+        probe("OffsetRgn", [&] { return OffsetRgn(b, 1, 1); });
+        probe("GetRgnBox", [&] { return GetRgnBox(b, &r); });
+        probe("GetRegionData", [&] { return GetRegionData(b, 0, nullptr); });
+        probe("PtInRegion", [&] { return PtInRegion(b, 0, 0); });
+        probe("SetRectRgn", [&] { return SetRectRgn(b, 0, 0, 1, 1); });
+        probe("DeleteObject", [&] { return DeleteObject(b); });
+        probe("GetObject", [&] { return GetObject(b, 2, &w); });
+        probe("K_WinDeleteObject", [&] { return K_WinDeleteObject(b); });
         errno = 0;
         EXPECT_EQ(K_ConvertHandleToRgn(b, &o), KS_INVALID_PARAMETER);
-        EXPECT_EQ(errno, 22);
-        errno = 0;
-        EXPECT_EQ(K_WinDeleteObject(b), 0);
         EXPECT_EQ(errno, 22);
     }
     // The global block is still alive and the good region untouched.
@@ -649,13 +601,7 @@ TEST(RegionsEngine, RectangleFunctions) {
     EXPECT_EQ(PtInRect(&a, POINT{9, 9}), 1);
     EXPECT_EQ(PtInRect(&a, POINT{10, 9}), 0);
     EXPECT_EQ(PtInRect(&a, POINT{0, 10}), 0);
-    InflateRect(&a, 2, -1);
-    want = RECT{-2, 1, 12, 9};
-    EXPECT_TRUE(EqualRect(&a, &want));
-    OffsetRect(&a, 2, -1);
-    want = RECT{0, 0, 14, 8};
-    EXPECT_TRUE(EqualRect(&a, &want));
-    CopyRect(&b, &a);
+    CopyRect(&b, &a);  // (InflateRect and OffsetRect: HostileRects)
     EXPECT_TRUE(EqualRect(&b, &a));
     EXPECT_EQ(SetRect(nullptr, 0, 0, 1, 1), 0);
     EXPECT_EQ(IntersectRect(nullptr, &a, &b), 0);
@@ -742,24 +688,37 @@ TEST(RegionsEngine, ExtremeCoordinatesAreRefusedOrExact) {
     EXPECT_EQ(o->rcBounds.right, INT32_MAX);
     EXPECT_EQ(K_OffsetOrvaRgn(o, 10, 0), KS_INVALID_PARAMETER);  // right would pass INT32_MAX
     EXPECT_EQ(K_OffsetOrvaRgn(o, -10, 5), KS_SUCCESS);
+    // A short region far down scales like any other: the row limit is on its height.
+    RECT farDown{0, 1 << 30, 4, (1 << 30) + 3};
+    OrvaRgn* f = nullptr;
+    ASSERT_EQ(K_CreateOrvaRgnRect(&f, &farDown), KS_SUCCESS);
+    ASSERT_EQ(K_ScaleOrvaRgn(f, 2, 1, 1, 1), KS_SUCCESS);
+    EXPECT_EQ(krn::rgn::area(f), 8u * 3u);
+    K_DeleteOrvaRgn(f);
     EXPECT_EQ(o->rcBounds.top, 5);
     K_DeleteOrvaRgn(o);
 }
 
+// Memory: 8 bytes per row (empty rows inside the region included, not
+// exported) plus 8 per run.
 TEST(RegionsEngine, MemoryIsEightBytesPerRowPlusEightPerRun) {
+    HRGN a = CreateRectRgn(0, 0, 10, 2), b = CreateRectRgn(5, 6, 8, 8), d = CreateRectRgn(0, 0, 0, 0);
+    EXPECT_EQ(CombineRgn(d, a, b, RGN_OR), COMPLEXREGION);
+    OrvaRgn* r = payload(d);
+    EXPECT_EQ(r->uRowIndexSize, 8u * 8u);  // rows 0..7 including four empty ones
+    EXPECT_EQ(r->pRowIndex[3].uCount, 0u);
+    EXPECT_EQ(r->uRunDataSize, 4u * 8u);   // four rows of one run
+    EXPECT_EQ(GetRegionData(d, 0, nullptr), 32u + 16u * 4u);
     HRGN h = CreateEllipticRgn(0, 0, 4000, 3000);
-    OrvaRgn* r = payload(h);
-    EXPECT_EQ(r->uRowIndexSize, 3000u * 8u);
-    EXPECT_EQ(r->uRunDataSize, 3000u * 8u);  // one run per row
-    HRGN big = CreateRectRgn(0, 0, 100, 100), d = CreateRectRgn(0, 0, 0, 0);
-    CombineRgn(d, h, big, RGN_DIFF);
-    OrvaRgn* rd = payload(d);
+    EXPECT_EQ(payload(h)->uRowIndexSize, 3000u * 8u);
+    EXPECT_EQ(payload(h)->uRunDataSize, 3000u * 8u);  // one run per row
+    SetRectRgn(b, 0, 0, 100, 100);
+    CombineRgn(d, h, b, RGN_DIFF);
+    r = payload(d);
     uint64_t runs = 0;
-    for (uint32_t i = 0; i < rd->uRowIndexSize / 8; ++i) runs += rd->pRowIndex[i].uCount / 2;
-    EXPECT_EQ(rd->uRunDataSize, runs * 8);
-    DeleteObject(h);
-    DeleteObject(big);
-    DeleteObject(d);
+    for (uint32_t i = 0; i < r->uRowIndexSize / 8; ++i) runs += r->pRowIndex[i].uCount / 2;
+    EXPECT_EQ(r->uRunDataSize, runs * 8);
+    for (HRGN x : {a, b, d, h}) DeleteObject(x);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -368,9 +369,12 @@ TEST(RegionsBitmap, FailedSettersChangeNothingAndLeakNothing) {
         }
         EXPECT_TRUE(clean);
     }
+    // A region that replaces another frees it.
+    long live = krn::faultinject::liveBlocks();
+    ASSERT_EQ(K_SetBitmapRgnEllipse(&b.bm, nullptr, &e, 1), KS_SUCCESS);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
     // K_FreeBitmap releases the region with everything else.
     BITMAPRECORD t;
-    long live = krn::faultinject::liveBlocks();
     ASSERT_EQ(K_CreateBitmap(&t, BITMAPRECORD_SIZE, 1, 50, 50, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
     ASSERT_EQ(K_SetBitmapRgnEllipse(&t, nullptr, &e, 1), KS_SUCCESS);
     K_FreeBitmap(&t);
@@ -426,6 +430,18 @@ TEST(RegionsBitmap, TransformInEveryPerspectivePair) {
                     K_ChangePointViewPerspective(vp, vw, vh, bvp, &bx, &by);
                     ASSERT_EQ(PtInRegion(out, x, y), m1.get(bx, by) ? 1 : 0) << bvp << "->" << vp;
                 }
+            // With the caller's scale and offset too: the same handle scaled, then moved.
+            HRGN scaled = nullptr;
+            OrvaRgn* want = nullptr;
+            ASSERT_EQ(K_GetBitmapRgnHandle(&r1.bm, &xf, &scaled), KS_SUCCESS);
+            ASSERT_EQ(K_ConvertHandleToRgn(out, &want), KS_SUCCESS);
+            ASSERT_EQ(K_ScaleOrvaRgn(want, xf.nXScalarNum, xf.nXScalarDen, xf.nYScalarNum, xf.nYScalarDen), KS_SUCCESS);
+            ASSERT_EQ(K_OffsetOrvaRgn(want, xf.nXOffset, xf.nYOffset), KS_SUCCESS);
+            for (int y = -5; y < 3 * vh + 5; ++y)
+                for (int x = -5; x < 3 * vw + 5; ++x)
+                    ASSERT_EQ(PtInRegion(scaled, x, y), K_IsPtInOrvaRgn(want, x, y, nullptr, nullptr)) << bvp << "->" << vp;
+            K_DeleteOrvaRgn(want);
+            DeleteObject(scaled);
             DeleteObject(out);
         }
     }
@@ -598,7 +614,7 @@ TEST(RegionsBitmap, FillWritesOnlyTheRegionAtEveryDepth) {
     }
 }
 
-TEST(RegionsBitmap, FillColourEncodingAndColourRegions) {
+TEST(RegionsBitmap, FillColourEncodingAndGreyMasks) {
     Bitmap b24(20, 10, 24), b32(20, 10, 32), b16(20, 10, 16, TOP_LEFT, ORDER_RGB565), b8(20, 10, 8);
     const uint32_t colour = 0x204080;  // R 0x80, G 0x40, B 0x20
     for (Bitmap* p : {&b24, &b32, &b16, &b8}) ASSERT_EQ(K_FillBitmap(&p->bm, colour), KS_SUCCESS);
@@ -617,21 +633,39 @@ TEST(RegionsBitmap, FillColourEncodingAndColourRegions) {
     int idx = K_FindPaletteIndex(b8.bm.pPalette, 256, 0x80, 0x40, 0x20);
     EXPECT_EQ(b8.row(0)[0], idx);
     K_ReleaseBitmap(&b8.bm);
-    // Colour region: a ring painted in one colour comes back exactly.
-    RECT outer{2, 1, 18, 9}, inner{6, 3, 14, 7};
-    ASSERT_EQ(K_SetBitmapRgnRect(&b24.bm, nullptr, &outer, 1), KS_SUCCESS);
-    ASSERT_EQ(K_SetBitmapRgnRect(&b24.bm, nullptr, &inner, 3), KS_SUCCESS);
-    ASSERT_EQ(K_FillBitmap(&b24.bm, 0x00FF00), KS_SUCCESS);
-    ASSERT_EQ(K_FreeBitmapRgn(&b24.bm), KS_SUCCESS);
-    ASSERT_EQ(K_SetBitmapRgnColor(&b24.bm, 0x00FF00, 1), KS_SUCCESS);
-    for (int y = 0; y < 10; ++y)
-        for (int x = 0; x < 20; ++x) {
-            bool want = x >= 2 && x < 18 && y >= 1 && y < 9 && !(x >= 6 && x < 14 && y >= 3 && y < 7);
-            ASSERT_EQ(K_IsPtInBitmapRgn(&b24.bm, y, x), want ? 1 : 0);
+    // Every other format: the fill pixel is the colour as the buffer converter
+    // writes it from 24 bits; 12-bit grey is the 16-bit grey level rounded to 12 bits.
+    const struct {
+        int bpp, order;
+    } formats[] = {{16, ORDER_GRAY}, {16, ORDER_BGR}, {16, ORDER_RGB}, {16, ORDER_RGB565},
+                   {32, ORDER_RGB}, {48, ORDER_BGR}, {48, ORDER_RGB}, {64, ORDER_BGR}, {12, ORDER_GRAY}};
+    uint64_t grey16 = 0;
+    for (uint32_t c : {0x030000u, 0x7F3F1Fu, 0xFFFFFFu, 0x010203u, 0x06F0A0u})
+        for (const auto& f : formats) {
+            Bitmap fb(3, 2, f.bpp, TOP_LEFT, f.order);
+            ASSERT_EQ(K_FillBitmap(&fb.bm, c), KS_SUCCESS);
+            uint8_t px[8] = {uint8_t(c >> 16), uint8_t(c >> 8), uint8_t(c)};  // B, G, R
+            ASSERT_EQ(K_ConvertBuffer(px, 1, 24, f.bpp, ORDER_BGR, f.order, nullptr, nullptr), KS_SUCCESS);
+            K_AccessBitmap(&fb.bm);
+            const uint64_t got = storagetest::getPixel(fb.row(1), 0, f.bpp);
+            if (f.bpp == 16 && f.order == ORDER_GRAY) grey16 = got;
+            const uint64_t want = f.bpp == 12 ? uint64_t(std::lround(double(grey16) * 4095.0 / 65535.0))
+                                              : storagetest::getPixel(px, 0, f.bpp);
+            EXPECT_EQ(got, want) << f.bpp << "/" << f.order << " colour " << std::hex << c;
+            K_ReleaseBitmap(&fb.bm);
         }
-    uint64_t area = 0;
-    K_GetBitmapRgnArea(&b24.bm, &area);
-    EXPECT_EQ(area, uint64_t(16 * 8 - 8 * 4));
+    // A record without a palette (caller memory attached to an initialised
+    // record) takes the fixed palette of its depth: 1 bit, index 1 is white.
+    BITMAPRECORD np;
+    ASSERT_EQ(K_InitBitmap(&np, BITMAPRECORD_SIZE, 16, 2, 1), KS_SUCCESS);
+    uint8_t bits[8] = {0xA5, 0x0F, 0, 0, 0x80, 0x01, 0, 0};
+    ASSERT_EQ(K_SetBitmapDataPointer(&np, bits, sizeof bits), KS_SUCCESS);
+    ASSERT_EQ(np.pPalette, nullptr);
+    ASSERT_EQ(K_SetBitmapRgnColor(&np, 0xFFFFFF, 1), KS_SUCCESS);
+    for (int y = 0; y < 2; ++y)
+        for (int x = 0; x < 16; ++x)
+            EXPECT_EQ(K_IsPtInBitmapRgn(&np, y, x), (bits[4 * y + x / 8] >> (7 - x % 8)) & 1) << x << "," << y;
+    K_FreeBitmap(&np);
     // A 24-bit mask counts grey >= 128 as white.
     Bitmap m(20, 10, 24);
     K_AccessBitmap(&m.bm);

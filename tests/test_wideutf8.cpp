@@ -19,22 +19,11 @@ using namespace krn::utf;
 // ---------------------------------------------------------------- reference
 // Textbook encoder, written independently of the module.
 std::string refUtf8(char32_t c) {
-    std::string s;
-    if (c <= 0x7F) {
-        s += char(c);
-    } else if (c <= 0x7FF) {
-        s += char(0xC0 | (c >> 6));
-        s += char(0x80 | (c & 0x3F));
-    } else if (c <= 0xFFFF) {
-        s += char(0xE0 | (c >> 12));
-        s += char(0x80 | ((c >> 6) & 0x3F));
-        s += char(0x80 | (c & 0x3F));
-    } else {
-        s += char(0xF0 | (c >> 18));
-        s += char(0x80 | ((c >> 12) & 0x3F));
-        s += char(0x80 | ((c >> 6) & 0x3F));
-        s += char(0x80 | (c & 0x3F));
-    }
+    if (c <= 0x7F) return std::string(1, char(c));
+    const int n = c <= 0x7FF ? 2 : c <= 0xFFFF ? 3 : 4;  // bytes
+    std::string s(size_t(n), '\0');
+    for (int i = n - 1; i > 0; --i, c >>= 6) s[size_t(i)] = char(0x80 | (c & 0x3F));
+    s[0] = char((0xF00 >> n) | c);  // lead: n ones, a zero, the high bits
     return s;
 }
 bool refScalar(uint32_t c) { return c < 0xD800 || (c > 0xDFFF && c <= 0x10FFFF); }
@@ -182,9 +171,7 @@ TEST(WideUtf8Malformed, RefusedWithPosition) {
     const std::string good[] = {"\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80",
                                 "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"};
     for (const auto& g : good) EXPECT_EQ(utf8ToUtf32(g.data(), g.size(), nullptr, 0).status, kUtfOk);
-}
-
-TEST(WideUtf8Malformed, Utf16AndUtf32Refusals) {
+    // UTF-16 and UTF-32 refusals: lone and reversed surrogates, values past U+10FFFF.
     const std::u16string bad16[] = {u"\xD800", u"a\xDC00", std::u16string(u"\xD800") + u"b",
                                     std::u16string(u"\xDBFF\xDBFF\xDC00")};
     for (const auto& s : bad16) EXPECT_EQ(utf16ToUtf8(s.data(), s.size(), nullptr, 0).status, kUtfMalformed);
