@@ -4,7 +4,6 @@
 //   colorResBitmap(src, dst, bits, flags, pal, n, size)   K_ColorResBitmap without the export frame
 //   NearestIndex                                          the exact nearest-entry search of a palette,
 //                                                         answering as K_FindPaletteIndex
-//   fixed256Index(r, g, b)                                the direct index into the fixed 256-colour palette
 //   buildOptimizedPalette(...)                            the optimised-palette builder over a colour sample
 #pragma once
 
@@ -12,6 +11,7 @@
 
 #include "memory.h"
 #include "ombrix.h"
+#include "palette.h"
 
 namespace krn {
 
@@ -44,22 +44,9 @@ private:
     uint8_t rgb_[256][4]{};     // r, g, b, hue class
 };
 
-// The index of K_FindPaletteIndex(fixed 256-colour palette, 256, r, g, b),
-// computed per channel (the palette is a product grid of 8 reds, 8 greens and
-// 4 blues, so the nearest entry is the nearest level of each channel; the
-// values midway between two levels take the search's tie rule).
-int32_t fixed256Index(int r, int g, int b) noexcept;
+// The fixed 256-colour palette's direct index and row kernels live with the
+// palettes (palette.h).
 
-// Rows of 24-bit BGR pixels to indices of the fixed 256-colour palette:
-// the plain loop over fixed256Index, the SSSE3 and AVX2 kernels (16 or 32 pixels a step,
-// per-channel levels by threshold counting, blocks with a tie handed to the
-// plain loop), and the one chosen for this processor.
-void fixed256RowPlain(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;
-void fixed256RowSsse3(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;  // only with SSSE3
-void fixed256RowAvx2(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;   // only with AVX2
-bool cpuHasSsse3() noexcept;
-bool cpuHasAvx2ForColorRes() noexcept;
-void fixed256Row(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;
 
 // Weighted colour sample -> palette. `colors` are 0x00RRGGBB, `weights`
 // their counts. Writes `free` entries after the `fixed` ones of `pal`

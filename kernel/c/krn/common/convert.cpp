@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "colorres.h"
+#include "palette.h"
 #include "convert_kernels.h"
 #include "hooks.h"
 #include "kernel.h"

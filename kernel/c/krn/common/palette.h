@@ -9,6 +9,7 @@
 //   bitmapColorCount(bm)               number of colours a record's palette holds
 //   bitmapColors(bm)                   the record's palette, or the fixed palette of its depth
 //   userMatchTable()                   the table installed for the calling thread (may be null)
+//   fixed256Index / fixed256Row*       the fixed 256-colour palette without a search (palette_fixed.cpp)
 //
 // Components passed to the internal searches are 0..255; the exported
 // K_FindPaletteIndex clamps its arguments into that range first.
@@ -49,5 +50,22 @@ const RGBQUAD* bitmapColors(const BITMAPRECORD* bm) noexcept;
 
 // The user match table installed for the calling thread, or null.
 const uint32_t* userMatchTable() noexcept;
+
+// The index of K_FindPaletteIndex(fixed 256-colour palette, 256, r, g, b),
+// computed per channel (the palette is a product grid of 8 reds, 8 greens and
+// 4 blues, so the nearest entry is the nearest level of each channel; the
+// values midway between two levels take the search's tie rule).
+int32_t fixed256Index(int r, int g, int b) noexcept;
+
+// Rows of 24-bit BGR pixels to indices of the fixed 256-colour palette:
+// the plain loop over fixed256Index, the SSSE3 and AVX2 kernels (16 or 32 pixels a step,
+// per-channel levels by threshold counting, blocks with a tie handed to the
+// plain loop), and the one chosen for this processor.
+void fixed256RowPlain(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;
+void fixed256RowSsse3(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;  // only with SSSE3
+void fixed256RowAvx2(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;   // only with AVX2
+bool cpuHasSsse3() noexcept;
+bool cpuHasAvx2ForColorRes() noexcept;
+void fixed256Row(const uint8_t* bgr, uint8_t* idx, int32_t w) noexcept;
 
 }  // namespace krn
