@@ -747,7 +747,8 @@ typedef struct TEMPFILEOPTIONS_ {
 /* -814 null record, -789 size other than 24, -13 mode outside -1..3. */
 OMBRIX_API int32_t K_SetTempFileOptions(const TEMPFILEOPTIONS* pOptions);
 OMBRIX_API int32_t K_GetTempFileOptions(TEMPFILEOPTIONS* pOptions, uint32_t uStructSize);
-/* The mode in force (2 until one is set). */
+/* The temporary-file mode in force for the calling thread (2 until one is
+ * set); never fails. */
 OMBRIX_API int32_t K_GetTempFileMode(void);
 
 /* The built-in temporary-file table (K_GetRedirectFunctions mode 2). The
@@ -975,7 +976,9 @@ OMBRIX_API int32_t K_ConvertBufferExt2(uint8_t* pBuffer, int32_t nWidth, int32_t
                                        const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst,
                                        void* pExtra, int32_t nReserved, uint32_t uFlags,
                                        int32_t nLowBit, int32_t nHighBit);
-/* As K_ConvertBufferExt2 with the transparent colour for CONVERT_TRANSPARENT. */
+/* As K_ConvertBufferExt2 with crTransparent (0x00BBGGRR, or a palette index
+ * marked as such) the colour CONVERT_TRANSPARENT makes transparent; the same
+ * results and statuses as K_ConvertBufferExt2. */
 OMBRIX_API int32_t K_ConvertBufferExt3(uint8_t* pBuffer, int32_t nWidth, int32_t nBitsPerPixelSrc,
                                        int32_t nBitsPerPixelDst, int32_t nOrderSrc, int32_t nOrderDst,
                                        const RGBQUAD* pPaletteSrc, const RGBQUAD* pPaletteDst,
@@ -1056,8 +1059,8 @@ OMBRIX_API int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, u
 /* Ends the run and frees its state (and any match table it built). A record
  * without a run is left alone. -13 null record; -789 size word. */
 OMBRIX_API int32_t K_StopDithering(BITMAPRECORD* pBitmap);
-/* The calling thread's default dithering method, copied into nDitheringMethod
- * by K_InitBitmap (0, DITHER_NEAREST, until set). */
+/* The calling thread's default dithering method (0..8), copied into
+ * nDitheringMethod by K_InitBitmap (0, DITHER_NEAREST, until set); never fails. */
 OMBRIX_API int32_t K_GetDefaultDithering(void);
 /* Sets the calling thread's default method (0..8) and returns the previous
  * one; -13 (and no change) for any other value. */
@@ -1143,11 +1146,12 @@ typedef struct OrvaRgn_ {
  * runs out (or the result would be taller than ORVARGN_MAX_ROWS). Functions
  * that change a region do so in place: the OrvaRgn pointer keeps its
  * identity and, on failure, its old contents. */
-/* *ppRgn = new region of the rectangle (empty when right <= left or bottom <= top). */
+/* *ppRgn = new region of the rectangle (empty when right <= left or bottom <= top).
+ * 1; -13 null pointer; -1 no memory. */
 OMBRIX_API int32_t K_CreateOrvaRgnRect(OrvaRgn** ppRgn, const RECT* pRect);
 /* *ppDst = copy of pSrc; a null pSrc gives *ppDst = null and 1. */
 OMBRIX_API int32_t K_CopyOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc);
-/* Frees the region, its rows, runs and cached handle. */
+/* Frees the region, its rows, runs and cached handle. 1; -13 null region. */
 OMBRIX_API int32_t K_DeleteOrvaRgn(OrvaRgn* pRgn);
 /* Moves the region by (dx, dy) in place; -13 when it would leave the 32-bit range. */
 OMBRIX_API int32_t K_OffsetOrvaRgn(OrvaRgn* pRgn, int32_t dx, int32_t dy);
@@ -1162,7 +1166,8 @@ OMBRIX_API int32_t K_CombineOrvaRgn(OrvaRgn** ppDst, const OrvaRgn* pSrc1, const
 OMBRIX_API int32_t K_IsPtInOrvaRgn(const OrvaRgn* pRgn, int32_t x, int32_t y, int32_t* pnX1,
                                    int32_t* pnX2);
 OMBRIX_API int32_t K_GetOrvaRgnBounds(const OrvaRgn* pRgn, RECT* pRect);
-/* Keeps only the part inside the rectangle (in place). */
+/* Keeps only the part inside the rectangle (in place). 1; -13 null pointer;
+ * -1 no memory (the region unchanged). */
 OMBRIX_API int32_t K_ClipOrvaRgnRect(OrvaRgn* pRgn, const RECT* pRect);
 /* Scales in place by xNum/xDen and yNum/yDen (nearest-neighbour rule: a
  * result pixel (X, Y) is in when source pixel (floor(X*xDen/xNum),
@@ -1176,7 +1181,9 @@ OMBRIX_API int32_t K_ScaleOrvaRgn(OrvaRgn* pRgn, int32_t nXNum, int32_t nXDen, i
  * inside the outline; edges are half-open (a centre exactly on a left edge
  * is in, on a right edge out; horizontal edges add nothing). nFillMode
  * WINDING (2) fills by the non-zero winding rule, anything else (0,
- * ALTERNATE) by the even-odd rule. Fewer than 2 points: empty region. */
+ * ALTERNATE) by the even-odd rule. Fewer than 2 points: empty region.
+ * 1; -13 null ppRgn, null points with nCount > 0, negative nCount; -1 no
+ * memory or a region taller than ORVARGN_MAX_ROWS. */
 OMBRIX_API int32_t K_SegmentsToRegion(OrvaRgn** ppRgn, const POINT* pPoints, const uint8_t* pFlags,
                                       int32_t nCount, int32_t nFillMode);
 /* *ppRgn = a copy of the region behind hRgn; errno 22 and -13 for a bad handle. */
@@ -1196,9 +1203,16 @@ OMBRIX_API HRGN    CreatePolygonRgn(const POINT* pPoints, int32_t nCount, int32_
  * dwSize 32, iType 1. Unordered rectangles are sorted by top, then left;
  * overlapping rectangles give their union; empty ones are skipped. */
 OMBRIX_API HRGN    ExtCreateRegion(const XFORM* pXform, uint32_t nBytes, const RGNDATA* pData);
-/* 0 error, NULLREGION, SIMPLEREGION or COMPLEXREGION. */
+/* hDst = hSrc1 combined with hSrc2 by nMode (RGN_AND..RGN_COPY; hSrc2 is
+ * still looked up for RGN_COPY). Result: the kind of the new region
+ * (NULLREGION, SIMPLEREGION or COMPLEXREGION), or 0 (ERROR) for a handle that
+ * is not a live region, a bad mode or no memory (hDst unchanged). */
 OMBRIX_API int32_t CombineRgn(HRGN hDst, HRGN hSrc1, HRGN hSrc2, int32_t nMode);
+/* Moves the region by (dx, dy). 1 on success; 0 for a handle that is not a
+ * live region or a move out of the 32-bit range (region unchanged). */
 OMBRIX_API int32_t OffsetRgn(HRGN hRgn, int32_t dx, int32_t dy);
+/* *pRect = the region's bounding box. The region's kind, or 0 (ERROR) for a
+ * handle that is not a live region or a null pRect. */
 OMBRIX_API int32_t GetRgnBox(HRGN hRgn, RECT* pRect);
 /* Bytes needed (32 + 16 per rectangle); writes only when pData is large enough. */
 OMBRIX_API uint32_t GetRegionData(HRGN hRgn, uint32_t nBytes, RGNDATA* pData);
@@ -1227,13 +1241,17 @@ OMBRIX_API BOOL EqualRect(const RECT* pRect1, const RECT* pRect2);
 
 /* -- view perspective arithmetic ---------------------------------------- */
 /* What turns pixels stored in nFrom into nTo: flip rows when *pbFlip, then
- * turn by *pnAngle degrees (0, 90, 180, 270). */
+ * turn by *pnAngle degrees (0, 90, 180, 270). 1; -13 null pointer or a
+ * perspective outside 1..8. */
 OMBRIX_API int32_t K_GetChangeViewPerspectiveParams(int32_t nFrom, int32_t nTo, int32_t* pbFlip,
                                                     int32_t* pnAngle);
-/* Converts a rectangle of an nWidth x nHeight image (as seen in nFrom) into nTo, in place. */
+/* Converts a rectangle of an nWidth x nHeight image (as seen in nFrom) into nTo,
+ * in place. 1; -13 null pointer, a perspective outside 1..8, or a result that
+ * does not fit 32 bits (the rectangle unchanged). */
 OMBRIX_API int32_t K_ChangeRectViewPerspective(int32_t nFrom, int32_t nWidth, int32_t nHeight, int32_t nTo,
                                                RECT* pRect);
-/* Same for one pixel position. */
+/* Same for one pixel position: 1; -13 null pointer, a perspective outside
+ * 1..8, or a result that does not fit 32 bits (the point unchanged). */
 OMBRIX_API int32_t K_ChangePointViewPerspective(int32_t nFrom, int32_t nWidth, int32_t nHeight, int32_t nTo,
                                                 int32_t* pnX, int32_t* pnY);
 /* The rectangle and point conversions below compute in 64 bits: a result with
@@ -1347,9 +1365,11 @@ OMBRIX_API int32_t K_CopyBitmapRgn(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc,
  * 64-bit pixels get an opaque fourth sample). -1927 for floating data. */
 OMBRIX_API int32_t K_FillBitmap(BITMAPRECORD* pBitmap, uint32_t uColor);
 /* Same with a raw pixel value in the bitmap's own format (the low
- * nBitsPerPixel bits, samples in stored order, 16-bit samples little-endian). */
+ * nBitsPerPixel bits, samples in stored order, 16-bit samples little-endian).
+ * 1; -13 null record; -789 size word; -2 not allocated; -1927 floating data;
+ * -1 no memory; a row-layer status. */
 OMBRIX_API int32_t K_FillBitmap2(BITMAPRECORD* pBitmap, uint64_t uRawPixel);
-/* K_FillBitmap2 with 0. */
+/* K_FillBitmap2 with 0; the same statuses. */
 OMBRIX_API int32_t K_ClearBitmap(BITMAPRECORD* pBitmap);
 
 /* ======================================================================
@@ -1396,7 +1416,14 @@ OMBRIX_API int32_t K_IntDeleteCriticalSection(CRITICAL_SECTION* pSection);
  * the same field order. A rectangle of either form is empty when
  * right <= left or bottom <= top (or, for doubles, any edge is NaN); a size
  * is empty when cx <= 0 or cy <= 0 (or NaN). Integer results saturate at the
- * 32-bit limits instead of wrapping. */
+ * 32-bit limits instead of wrapping.
+ * Results of the functions below that return int32_t: they never fail.
+ * Predicates (IsEmpty, IsEqual, IsIdentity, Contains*, IntersectsWith) return
+ * 1 or 0; a null pointer gives 0, except IsEmpty of a size or rectangle (1:
+ * nothing is empty). Intersect and Union write *pResult and return 1 when it
+ * is not empty, else 0 with *pResult set to the empty rectangle (null
+ * pointers: 0, nothing written). K_Matrix_GetType returns a KMATRIX_TYPE_
+ * value (0 for a null matrix). */
 typedef struct tagPOINTD {
     double x;
     double y;
@@ -1837,7 +1864,8 @@ OMBRIX_API int32_t K_CopyGrayParams(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc
  * a bitmap being accessed; -11 uWidth or uHeight 0 or above INT32_MAX; -789. */
 OMBRIX_API int32_t K_CopyBitmapRect(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStructSize, int32_t nCol,
                                     int32_t nRow, uint32_t uWidth, uint32_t uHeight);
-/* K_CopyBitmapRect with the storage chosen by uMemory, begun as K_CopyBitmap2. */
+/* K_CopyBitmapRect with the storage chosen by uMemory, begun as K_CopyBitmap2;
+ * the results and statuses of both. */
 OMBRIX_API int32_t K_CopyBitmapRect2(BITMAPRECORD* pDst, BITMAPRECORD* pSrc, uint32_t uStructSize, int32_t nCol,
                                      int32_t nRow, uint32_t uWidth, uint32_t uHeight, uint32_t uMemory);
 /* Crops in place to the part of the rectangle inside the bitmap. -11 when
@@ -2093,14 +2121,18 @@ OMBRIX_API int32_t K_CreateBitmapListOptPal(struct OmbrixBitmapList_* hList, RGB
  * runs out, with the list unchanged. */
 typedef struct OmbrixBitmapList_* HBITMAPLIST;
 #define BITMAPLIST_END 0xFFFFFFFFu
-/* Makes an empty list in *phList. */
+/* Makes an empty list in *phList. 1; -13 null phList; -1 no memory. */
 OMBRIX_API int32_t K_CreateBitmapList(HBITMAPLIST* phList);
-/* Deletes every item (freeing its bitmap) and the list. */
+/* Deletes every item (freeing its bitmap) and the list. 1; -13 a handle that
+ * is not a live list. */
 OMBRIX_API int32_t K_DestroyBitmapList(HBITMAPLIST hList);
+/* *puCount = the number of items. 1; -13 null puCount or a handle that is not
+ * a live list. */
 OMBRIX_API int32_t K_GetBitmapListCount(HBITMAPLIST hList, uint32_t* puCount);
 /* Inserts a copy of the record before the item at uIndex; an index at or past
  * the count (BITMAPLIST_END included) appends. The record's storage now
- * belongs to the list. */
+ * belongs to the list. 1; -13 null record or dead handle; -789 size word;
+ * -814 a non-empty list without items; -1 no memory (list unchanged). */
 OMBRIX_API int32_t K_InsertBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, const BITMAPRECORD* pBitmap);
 /* Takes the item out of the list into *pBitmap (a current-layout record),
  * whose storage the caller then owns. With a null pBitmap the item's bitmap
@@ -2112,7 +2144,8 @@ OMBRIX_API int32_t K_DeleteBitmapListItems(HBITMAPLIST hList, uint32_t uFirst, u
 /* Copies the item into *pBitmap (uStructSize bytes' worth of layout, 216 or
  * 176) without giving up ownership. An older-layout copy of an allocated item
  * cannot carry the item's hListBlock: that block is freed and cleared in the
- * item. */
+ * item. 1; -13 null record, dead handle or an index at or past the count;
+ * -789 uStructSize other than 216 or 176 (*pBitmap untouched on failure). */
 OMBRIX_API int32_t K_GetBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, BITMAPRECORD* pBitmap,
                                        uint32_t uStructSize);
 /* Overwrites the item with a copy of the record (stored in the current
@@ -2130,7 +2163,9 @@ OMBRIX_API int32_t K_ReplaceBitmapListItem(HBITMAPLIST hList, uint32_t uIndex, c
  * returned. */
 OMBRIX_API int32_t K_CopyBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
 /* Makes *phNew, a new list, and moves up to uCount items from uFirst on into
- * it; the source closes the gap. */
+ * it; the source closes the gap. 1; -13 null phNew, dead handle, uFirst at or
+ * past the count, uCount 0; -789 a first item whose size is not 216; -1 no
+ * memory (nothing made or moved). */
 OMBRIX_API int32_t K_MoveBitmapListItems(HBITMAPLIST* phNew, HBITMAPLIST hList, uint32_t uFirst, uint32_t uCount);
 
 /* ======================================================================
@@ -2201,7 +2236,7 @@ typedef struct tagRGBQUAD16 {
     uint16_t rgbRed;
     uint16_t rgbReserved;
 } RGBQUAD16;
-/* RGBQUAD entries (reserved byte 0). */
+/* RGBQUAD entries (reserved byte 0). Results as above (-13 null pLUT). */
 OMBRIX_API int32_t K_WindowLevelFillLUT(RGBQUAD* pLUT, uint32_t uLUTLength, uint32_t crStart, uint32_t crEnd,
                                         int32_t nLow, int32_t nHigh, int32_t nLowBit, int32_t nHighBit,
                                         int32_t nMinValue, int32_t nMaxValue, int32_t nFactor, uint32_t uFlags);
@@ -2211,7 +2246,8 @@ OMBRIX_API int32_t K_WindowLevelFillLUT2(uint8_t* pLUT, uint32_t uLUTLength, uin
                                          uint32_t uEndGrey, int32_t nLow, int32_t nHigh, int32_t nLowBit,
                                          int32_t nHighBit, int32_t nMinValue, int32_t nMaxValue,
                                          int32_t nFactor, uint32_t uFlags);
-/* RGBQUAD16 entries, 48-bit colours; mode 2 ramps from 0 to 65535 per channel. */
+/* RGBQUAD16 entries, 48-bit colours; mode 2 ramps from 0 to 65535 per channel.
+ * Results as above (-13 null pLUT). */
 OMBRIX_API int32_t K_WindowLevelFillLUTExt(RGBQUAD16* pLUT, uint32_t uLUTLength, uint64_t crStart,
                                            uint64_t crEnd, int32_t nLow, int32_t nHigh, int32_t nLowBit,
                                            int32_t nHighBit, int32_t nMinValue, int32_t nMaxValue,
@@ -2306,7 +2342,7 @@ typedef void* HPLAYBACK;
  * is not a list; -789 target size word; -1 memory. */
 OMBRIX_API int32_t K_CreatePlayback(HPLAYBACK* phPlayback, BITMAPRECORD* pTarget, HBITMAPLIST hList);
 /* Frees the playback: its saved area, its line marks and, when it made it,
- * its list. */
+ * its list. 1; -13 a handle that is not a live playback. */
 OMBRIX_API int32_t K_DestroyPlayback(HPLAYBACK hPlayback);
 /* One step of the state machine; the new state in *pnState (may be null).
  * 1 for a valid handle. */
@@ -2314,7 +2350,9 @@ OMBRIX_API int32_t K_ProcessPlayback(HPLAYBACK hPlayback, int32_t* pnState);
 OMBRIX_API int32_t K_GetPlaybackState(HPLAYBACK hPlayback, int32_t* pnState);
 /* In states 5, 6 and 7 moves to state 8; otherwise nothing. 1. */
 OMBRIX_API int32_t K_CancelPlaybackWait(HPLAYBACK hPlayback);
-/* In states 6 and 7 the milliseconds still to wait (0 when over); else 0. */
+/* *puMilliseconds = in states 6 and 7 the milliseconds still to wait (0 when
+ * over), else 0. 1; -13 null puMilliseconds or a handle that is not a live
+ * playback. */
 OMBRIX_API int32_t K_GetPlaybackDelay(HPLAYBACK hPlayback, uint32_t* puMilliseconds);
 /* Copies the update rectangle (target top-left view; empty when nothing
  * changed) to *pRect (may be null); a non-zero bClear then clears it. */
