@@ -252,6 +252,22 @@ cli::RegisterCommand reg({"convert", "IN OUT", "convert a picture to another fil
                           "  Without --bits the picture keeps its depth and changes only its file format (from\n"
                           "  the extension: .png .jpg .tif .pbm .pgm .ppm .pnm .pam)."});
 
+// `ombrix dither`: convert to a palette of 1..8 bits (8 unless --bits says
+// otherwise), Floyd-Steinberg unless --dither names another method.
+const cli::Option kDitherDefaultBits{"--bits", cli::Type::Int, "N", "", 1, 8};
+int runDither(const cli::Call& call) {
+    cli::Call c = call;
+    if (!c.has("--bits")) c.given.push_back({&kDitherDefaultBits, "8"});
+    return runConvert(c);
+}
+cli::RegisterCommand regDither({"dither", "IN OUT", "dither a picture to a palette of 1..8 bits (Floyd-Steinberg by default)",
+                                runDither,
+                                {{"--bits", cli::Type::Int, "N", "depth of the palette picture (default 8)", 1, 8},
+                                 {"--dither", cli::Type::Choice, "M", "dithering method", 0, 0,
+                                  "nearest|floyd|stucki|burkes|sierra|stevenson|jarvis|ordered|clustered"},
+                                 {"--palette", cli::Type::Choice, "P", "palette", 0, 0, kPaletteNames}},
+                                2, 2});
+
 // ---------------------------------------------------------------- demo
 
 // The dispersed threshold table of the ordered method, as documented.
