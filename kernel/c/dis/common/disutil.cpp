@@ -342,21 +342,11 @@ LevelRowFn pickLevelRow(int32_t bpp, bool linearWindow) noexcept {
     return linear ? &simdRow<12, LinearPixels> : &simdRow<12, GatherPixels>;
 }
 
-// Pixels reachable at pData once accessed: a locked single block, or caller
-// memory that needs no lock; no other storage kind and no row callback.
-bool inPlaceStorage(const BITMAPRECORD* bm) noexcept {
-    const uint32_t f = bm->uFlags;
-    if (f & (BRF_COMPRESSED | BRF_TILED | BRF_SUPERCOMPRESSED | BRF_DISK)) return false;
-    if (!bm->pData) return false;
-    if (!(f & BRF_LOCKED) && !((f & BRF_USER_MEMORY) && !(f & BRF_MOVABLE_BLOCK))) return false;
-    if (isCurrentLayout(bm) && bm->pCallbacks && bm->pCallbacks->pfnGetRow) return false;
-    return true;
-}
 
 // Moves every row; storage has been accessed by the caller.
 int32_t levelRows(LevelJob& j) {
     const uint32_t inBytes = j.src->nBytesPerLine, outBytes = j.dst->nBytesPerLine;
-    if (inPlaceStorage(j.src) && inPlaceStorage(j.dst)) {
+    if (pixelsAtData(j.src) && pixelsAtData(j.dst)) {
         ParallelOptions opt;
         opt.bytesPerRow = inBytes;
         return parallelRows(

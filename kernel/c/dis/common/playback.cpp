@@ -219,14 +219,6 @@ int32_t throughRegion(BITMAPRECORD* t, OrvaRgn* view, F&& fn) {
 // the colour samples (not the fourth byte) at 24 and 32 bits, in the
 // frame's stored rows.
 
-bool pixelsInMemory(const BITMAPRECORD* bm) noexcept {
-    const uint32_t fl = bm->uFlags;
-    if (fl & (BRF_COMPRESSED | BRF_TILED | BRF_SUPERCOMPRESSED | BRF_DISK)) return false;
-    if (!bm->pData) return false;
-    if (!(fl & BRF_LOCKED) && !((fl & BRF_USER_MEMORY) && !(fl & BRF_MOVABLE_BLOCK))) return false;
-    if (isCurrentLayout(bm) && bm->pCallbacks && bm->pCallbacks->pfnGetRow) return false;
-    return true;
-}
 
 // Appends the transitions of the match mask of pixels x .. x+7 to out.
 inline uint32_t runsOfMask(uint32_t mask, int32_t x, bool& in, int32_t* out, uint32_t n) noexcept {
@@ -310,7 +302,7 @@ int32_t keyRegion(BITMAPRECORD* f, uint32_t colour, OrvaRgn** out) {
     int32_t ok = 0;
     int32_t st = K_IntAccessBitmap(f, &ok);
     if (st != KS_SUCCESS) return K_IntReleaseBitmap(f, ok, st);
-    if (!pixelsInMemory(f)) return K_IntReleaseBitmap(f, ok, KS_NOT_SUPPORTED);
+    if (!pixelsAtData(f)) return K_IntReleaseBitmap(f, ok, KS_NOT_SUPPORTED);
     const bool simd = bpp != 8 && haveAvx2Keys() && !gPlainKeys;
     rgn::Builder bld;
     st = bld.start(0, f->nHeight, 0);

@@ -122,16 +122,6 @@ CombineFormat combineFormat(const BITMAPRECORD* bm) noexcept {
 
 namespace {
 
-bool storageInMemory(const BITMAPRECORD* bm) noexcept {
-    const uint32_t f = bm->uFlags;
-    if (f & (BRF_COMPRESSED | BRF_TILED | BRF_SUPERCOMPRESSED | BRF_DISK)) return false;
-    if (!bm->pData) return false;
-    // A locked single block, or caller memory that needs no lock.
-    if (!(f & BRF_LOCKED) && !((f & BRF_USER_MEMORY) && !(f & BRF_MOVABLE_BLOCK))) return false;
-    if (isCurrentLayout(bm) && bm->pCallbacks && bm->pCallbacks->pfnGetRow) return false;
-    return true;
-}
-
 void viewedSize(const BITMAPRECORD* bm, int64_t* w, int64_t* h) noexcept {
     *w = bm->nWidth;
     *h = bm->nHeight;
@@ -406,8 +396,8 @@ int32_t combineBitmap(BITMAPRECORD* pDst, int32_t nXDst, int32_t nYDst, int32_t 
             return da.close(rc);
         }
     }
-    const bool direct = !(mode & 2) && storageInMemory(pDst) && !bitmapRegion(pDst) &&
-                        (!j.src || (j.src != pDst && storageInMemory(j.src)));
+    const bool direct = !(mode & 2) && pixelsAtData(pDst) && !bitmapRegion(pDst) &&
+                        (!j.src || (j.src != pDst && pixelsAtData(j.src)));
     if (direct) {
         ParallelOptions o;
         o.progress = ParallelProgress::Status;

@@ -11,6 +11,7 @@
 //   dataSize(bm)               64-bit data size from the layout's size fields
 //   bitsValid(bpp)             one of the depths a record accepts
 //   bytesPerLine(w, bpp, &out) the padded row size; false if it does not fit 32 bits
+//   pixelsAtData(bm)           an accessed bitmap's pixels are addressable at pData
 #pragma once
 
 #include <cstddef>
@@ -62,6 +63,16 @@ inline bool bytesPerLine(int32_t width, int32_t bpp, uint32_t* out) noexcept {
     if (bits > 0xFFFFFFFFull) return false;
     *out = (uint32_t(bits) >> 3) & ~3u;
     return true;
+}
+
+// Pixels reachable at pData once accessed: a locked single block, or caller
+// memory that needs no lock; no other storage kind and no get-row callback.
+inline bool pixelsAtData(const BITMAPRECORD* bm) noexcept {
+    const uint32_t f = bm->uFlags;
+    if (f & (BRF_COMPRESSED | BRF_TILED | BRF_SUPERCOMPRESSED | BRF_DISK)) return false;
+    if (!bm->pData) return false;
+    if (!(f & BRF_LOCKED) && !((f & BRF_USER_MEMORY) && !(f & BRF_MOVABLE_BLOCK))) return false;
+    return !(isCurrentLayout(bm) && bm->pCallbacks && bm->pCallbacks->pfnGetRow);
 }
 
 }  // namespace krn
