@@ -123,15 +123,6 @@ RECT bitmapRect(const BITMAPRECORD* bm) noexcept { return RECT{0, 0, bm->nWidth,
 
 bool unclipped(const BITMAPRECORD* bm) noexcept { return (bm->uFlags & BRF_UNCLIPPED_RGN) != 0; }
 
-struct RgnOwner {
-    OrvaRgn* r = nullptr;
-    ~RgnOwner() { rgn::destroy(r); }
-    OrvaRgn* release() noexcept {
-        OrvaRgn* t = r;
-        r = nullptr;
-        return t;
-    }
-};
 
 int64_t ceilDiv(int64_t a, int64_t b) noexcept {  // b > 0
     int64_t q = a / b;
@@ -152,7 +143,7 @@ int32_t clampCoord(int64_t v) noexcept {
 
 // ---------------------------------------------------------------- the core setter
 int32_t setBitmapRegion(BITMAPRECORD* bm, const RGNXFORM* xf, OrvaRgn* newRgn, uint32_t mode) noexcept {
-    RgnOwner owned{newRgn};
+    rgn::Owned owned{newRgn};
     if (!bm) return KS_INVALID_BITMAP;
     if (!recordSizeValid(bm->uStructSize)) return KS_INVALID_STRUCT_SIZE;
     if (!newRgn) {
@@ -179,18 +170,18 @@ int32_t setBitmapRegion(BITMAPRECORD* bm, const RGNXFORM* xf, OrvaRgn* newRgn, u
     }
     if (!cur && mode == 4 && !unclipped(bm)) {
         // The whole bitmap OR the new region, clipped: the whole bitmap.
-        RgnOwner whole;
+        rgn::Owned whole;
         st = rgn::fromRect(full, &whole.r);
         if (st != KS_SUCCESS) return st;
         return storeRegion(bm, whole.release());
     }
-    RgnOwner fullRgn;
+    rgn::Owned fullRgn;
     if (!cur && mode != 1) {
         st = rgn::fromRect(full, &fullRgn.r);
         if (st != KS_SUCCESS) return st;
         cur = fullRgn.r;
     }
-    RgnOwner result;
+    rgn::Owned result;
     switch (mode) {
         case 0: st = rgn::combine(cur, newRgn, RGN_AND, &result.r); break;
         case 1: result.r = owned.release(); break;
@@ -199,7 +190,7 @@ int32_t setBitmapRegion(BITMAPRECORD* bm, const RGNXFORM* xf, OrvaRgn* newRgn, u
         case 4: st = rgn::combine(cur, newRgn, RGN_OR, &result.r); break;
         case 5: st = rgn::combine(cur, newRgn, RGN_XOR, &result.r); break;
         case 6: {
-            RgnOwner rect;
+            rgn::Owned rect;
             st = rgn::fromRect(full, &rect.r);
             if (st == KS_SUCCESS) st = rgn::combine(rect.r, newRgn, RGN_DIFF, &result.r);
             break;
@@ -751,7 +742,7 @@ KAPI int32_t K_GetBitmapClipSegments(const BITMAPRECORD* pBitmap, int32_t nRow, 
 KAPI int32_t K_OffsetBitmapRgn(BITMAPRECORD* pBitmap, int32_t nRowOffset, int32_t nColOffset) {
     int32_t st = checkRecord(pBitmap);
     if (st != KS_SUCCESS) return st;
-    RgnOwner work;
+    rgn::Owned work;
     const OrvaRgn* cur = regionOf(pBitmap);
     st = cur ? rgn::copy(cur, &work.r) : rgn::fromRect(bitmapRect(pBitmap), &work.r);
     if (st != KS_SUCCESS) return st;
@@ -771,7 +762,7 @@ int32_t transformRegion(BITMAPRECORD* bm, F&& fn) noexcept {
     if (st != KS_SUCCESS) return st;
     const OrvaRgn* cur = regionOf(bm);
     if (!cur) return KS_SUCCESS;
-    RgnOwner work;
+    rgn::Owned work;
     st = rgn::copy(cur, &work.r);
     if (st != KS_SUCCESS) return st;
     st = fn(work.r);
@@ -800,7 +791,7 @@ namespace {
 int32_t mappedRegion(const BITMAPRECORD* bm, const RGNXFORM* xf, OrvaRgn** out) noexcept {
     int32_t st = checkXForm(xf);
     if (st != KS_SUCCESS) return st;
-    RgnOwner work;
+    rgn::Owned work;
     const OrvaRgn* cur = regionOf(bm);
     st = cur ? rgn::copy(cur, &work.r) : rgn::fromRect(bitmapRect(bm), &work.r);
     if (st != KS_SUCCESS) return st;
@@ -828,7 +819,7 @@ KAPI int32_t K_GetBitmapRgnData(const BITMAPRECORD* pBitmap, const RGNXFORM* pXF
                                 RGNDATA* pData) {
     if (nSize < 0) return KS_INVALID_PARAMETER;
     if (!pBitmap || !recordSizeValid(pBitmap->uStructSize) || !regionOf(pBitmap)) return 0;
-    RgnOwner work;
+    rgn::Owned work;
     int32_t st = mappedRegion(pBitmap, pXForm, &work.r);
     if (st == KS_NO_MEMORY) return KS_NO_MEMORY;
     if (st != KS_SUCCESS) return st;
@@ -862,7 +853,7 @@ KAPI int32_t K_CopyBitmapRgn(BITMAPRECORD* pDst, const BITMAPRECORD* pSrc, int32
     if (!pDst || !pSrc) return KS_INVALID_PARAMETER;
     if (!recordSizeValid(pDst->uStructSize) || !recordSizeValid(pSrc->uStructSize)) return KS_INVALID_STRUCT_SIZE;
     const OrvaRgn* cur = regionOf(pSrc);
-    RgnOwner work;
+    rgn::Owned work;
     if (cur) {
         int32_t st = rgn::copy(cur, &work.r);
         if (st == KS_SUCCESS) st = rgn::offset(work.r, dx, dy);

@@ -178,26 +178,16 @@ int32_t convertFrame(const BITMAPRECORD* t, BITMAPRECORD* f, BITMAPRECORD* out) 
     return KS_SUCCESS;
 }
 
-// A bitmap region taken over by this owner (freed unless released).
-struct RgnHold {
-    OrvaRgn* r = nullptr;
-    ~RgnHold() { rgn::destroy(r); }
-    OrvaRgn* release() noexcept {
-        OrvaRgn* t = r;
-        r = nullptr;
-        return t;
-    }
-};
 
 // Runs fn with the target's region replaced by `view` (a region in the
 // target's top-left view, taken over) cut to the target's own region; the
 // target's own region is back afterwards, whatever fn answered.
 template <class F>
 int32_t throughRegion(BITMAPRECORD* t, OrvaRgn* view, F&& fn) {
-    RgnHold hold{view};
+    rgn::Owned hold{view};
     const HRGN own = t->hRgn;
     const OrvaRgn* ownRgn = bitmapRegion(t);
-    RgnHold ownCopy;
+    rgn::Owned ownCopy;
     if (ownRgn) {
         int32_t r = rgn::copy(ownRgn, &ownCopy.r);
         if (r != KS_SUCCESS) return r;
@@ -338,7 +328,7 @@ struct KeyedFrame {
     HRGN own = nullptr;
     int32_t begin(BITMAPRECORD* frame) noexcept {
         const OrvaRgn* ownRgn = bitmapRegion(frame);
-        RgnHold copy;
+        rgn::Owned copy;
         if (ownRgn) {
             int32_t r = rgn::copy(ownRgn, &copy.r);
             if (r != KS_SUCCESS) return r;
@@ -369,7 +359,7 @@ int32_t frameRegionOnTarget(const BITMAPRECORD* f, OrvaRgn** out) noexcept {
     *out = nullptr;
     const OrvaRgn* fr = bitmapRegion(f);
     if (!fr) return KS_SUCCESS;
-    RgnHold r;
+    rgn::Owned r;
     int32_t st = rgn::copy(fr, &r.r);
     if (st == KS_SUCCESS && f->nViewPerspective != TOP_LEFT)
         st = rgn::perspective(r.r, f->nViewPerspective, TOP_LEFT, f->nWidth, f->nHeight);

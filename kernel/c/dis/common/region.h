@@ -147,6 +147,17 @@ int32_t copy(const OrvaRgn* src, OrvaRgn** out) noexcept;
 // src block; dst's placement words stay and its cached handle is dropped.
 void adopt(OrvaRgn* dst, OrvaRgn* src) noexcept;
 
+// A region owned until released: destroyed on every way out otherwise.
+struct Owned {
+    OrvaRgn* r = nullptr;
+    ~Owned() { destroy(r); }
+    OrvaRgn* release() noexcept {
+        OrvaRgn* t = r;
+        r = nullptr;
+        return t;
+    }
+};
+
 // `recycle`: the region the result will replace (not a source), whose
 // blocks may be reused; it stays intact when combine fails.
 int32_t combine(const OrvaRgn* a, const OrvaRgn* b, int32_t op, OrvaRgn** out,
