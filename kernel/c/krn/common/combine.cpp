@@ -19,6 +19,7 @@
 #include "memory.h"
 #include "parallel.h"
 #include "progress.h"
+#include "storage.h"
 
 namespace krn {
 
@@ -195,6 +196,59 @@ int32_t directBand(void* ctx, int32_t y0, int32_t y1, int32_t slot) {
     return KS_SUCCESS;
 }
 
+// Whether reading or writing a row of bm can fail once the bitmap is
+// accessed: the compressed kinds allocate as they decode and re-encode a row,
+// file tiles and disk files without a mapping go through the file layer, and
+// a caller's row callback may refuse. Rows in memory (single blocks, tiles in
+// memory, mapped files) are copied and cannot fail.
+bool rowAccessCanFail(const BITMAPRECORD* bm) noexcept {
+    const uint32_t f = bm->uFlags;
+    if (f & (BRF_COMPRESSED | BRF_SUPERCOMPRESSED)) return true;
+    if (isCurrentLayout(bm) && bm->pCallbacks) return true;
+    if (f & BRF_TILED) {
+        const auto* t = reinterpret_cast<const TileTable*>(bm->pData);
+        if (!t) return true;
+        for (uint32_t i = 0; i < t->count; ++i)
+            if (!tileView(t->tiles[i])) return true;
+        return false;
+    }
+    if (f & BRF_DISK) {
+        const auto* d = static_cast<const DiskStore*>(bm->hMemory);
+        return !d || !d->map.data;
+    }
+    return false;
+}
+
+// The original bytes of each destination row span, kept before the row is
+// written, so that a failure in a later row puts every written row back (last
+// first) and the call changes nothing. Allocated with the other buffers, and
+// only where a row access of either bitmap can fail and the whole journal
+// fits kJournalBytes.
+constexpr uint64_t kJournalBytes = 64ull << 20;
+struct RowJournal {
+    UniqueMem<uint8_t> bytes;
+    UniqueMem<int32_t> rows;
+    uint32_t span = 0;
+    int32_t count = 0;
+
+    // Keeps row y's span (from pixel col) before it is written.
+    int32_t keep(BITMAPRECORD* dst, int32_t y, int32_t col) noexcept {
+        if (!bytes) return KS_SUCCESS;
+        const int32_t got = K_GetBitmapRowCol(dst, bytes.get() + size_t(count) * span, y, col, span);
+        if (got < 0) return got;
+        rows.get()[count++] = y;
+        return KS_SUCCESS;
+    }
+    const uint8_t* last() const noexcept { return count ? bytes.get() + size_t(count - 1) * span : nullptr; }
+    // Puts the kept rows back, last first, and returns the failure rc.
+    int32_t fail(int32_t rc, BITMAPRECORD* dst, int32_t col) noexcept {
+        for (int32_t k = count - 1; k >= 0; --k)
+            K_PutBitmapRowCol(dst, bytes.get() + size_t(k) * span, rows.get()[k], col, span);
+        count = 0;
+        return rc;
+    }
+};
+
 // Through the row layer, any storage kind, region clip segments honoured.
 int32_t rowLayerLoop(const Job& j) noexcept {
     const uint32_t bpp = uint32_t(j.fmt.bpp);
@@ -212,6 +266,13 @@ int32_t rowLayerLoop(const Job& j) noexcept {
     const bool grey12 = bpp == 12;
     UniqueMem<uint8_t> orig(grey12 ? static_cast<uint8_t*>(memAlloc(size_t(dSpan) + 2)) : nullptr);
     if (!dstRow || !srcRow || !segs || (grey12 && !orig)) return KS_NO_MEMORY;
+    RowJournal journal;
+    journal.span = dSpan;
+    if ((rowAccessCanFail(j.dst) || (j.src && rowAccessCanFail(j.src))) && uint64_t(dSpan) * uint64_t(j.rows) <= kJournalBytes) {
+        journal.bytes.reset(static_cast<uint8_t*>(memAlloc(size_t(dSpan) * size_t(j.rows))));
+        journal.rows.reset(memAllocArray<int32_t>(size_t(j.rows)));
+        if (!journal.bytes || !journal.rows) return KS_NO_MEMORY;
+    }
     int32_t* clipped = segs.get() + segMax;
     // 12-bit rows at an odd pixel keep one byte in front of the first pixel.
     uint8_t* sdata = srcRow.get() + 8;
@@ -233,14 +294,18 @@ int32_t rowLayerLoop(const Job& j) noexcept {
         }
         if (m) {
             uint8_t* drow = dstRow.get() + dByte0;
-            if (j.plan.readsDst() || grey12) {
+            rc = journal.keep(j.dst, yd, j.dl);
+            if (rc != KS_SUCCESS) return journal.fail(rc, j.dst, j.dl);
+            if (const uint8_t* kept = journal.last(); kept && (j.plan.readsDst() || grey12)) {
+                std::memcpy(drow, kept, dSpan);
+            } else if (j.plan.readsDst() || grey12) {
                 int32_t got = K_GetBitmapRowCol(j.dst, drow, yd, j.dl, dSpan);
-                if (got < 0) return got;
+                if (got < 0) return journal.fail(got, j.dst, j.dl);
             }
             CombineRowArgs a;
             if (j.src) {
                 int32_t got = K_GetBitmapRowCol(j.src, sdata, srcRowOf(j, rr), j.sl, sSpan);
-                if (got < 0) return got;
+                if (got < 0) return journal.fail(got, j.dst, j.dl);
                 a.src = sdata;
                 a.srcBit = uint32_t(sbit & 7);
             } else {
@@ -270,7 +335,7 @@ int32_t rowLayerLoop(const Job& j) noexcept {
             } else {
                 rc = K_PutBitmapRowSegments(j.dst, dstRow.get(), yd, clipped, int32_t(m / 2));
             }
-            if (rc != KS_SUCCESS) return rc;
+            if (rc != KS_SUCCESS) return journal.fail(rc, j.dst, j.dl);
         }
         rc = prog.step(r + 1);
         if (rc != KS_SUCCESS) return rc;
