@@ -51,57 +51,73 @@ Owned create() {
 
 class TempFileBoth : public ::testing::TestWithParam<bool> {};
 
-// Writes at scattered offsets (out of order, overlapping) against a plain
-// model; the file leaves no name in the folder, open or closed.
-TEST_P(TempFileBoth, ScatteredWritesMatchModelAndLeaveNoName) {
+// Anonymous and named files: writes at scattered offsets (out of order,
+// overlapping) against a plain model, reads past the end, sparse growth past
+// 4 and 8 GiB, shrinking, and a mapped window that agrees with positioned I/O;
+// the file leaves no name in the folder, open or closed.
+TEST_P(TempFileBoth, PositionedIoSizeAndMappingAgreeWithAModel) {
     StateGuard guard;
     ScratchDir dir;
     setOptions(GetParam() ? TEMPFILE_OPT_NAMED : 0);
     ASSERT_EQ(K_SetTempDirectoryUtf8(dir.path.c_str()), KS_SUCCESS);
-    Owned f = create();
-    ASSERT_TRUE(f);
-    EXPECT_FALSE(krn::tempIsRedirected(f.get()));
+    Owned own = create();
+    TempFile* f = own.get();
+    ASSERT_NE(f, nullptr);
+    EXPECT_FALSE(krn::tempIsRedirected(f));
     EXPECT_TRUE(dir.entries().empty());
-    std::vector<uint8_t> model(300000, 0);
+    std::vector<uint8_t> model(300000, 0), back(model.size());
     std::mt19937 rng(7);
     for (int i = 0; i < 200; ++i) {
         const size_t off = rng() % 290000, n = std::min<size_t>(1 + rng() % 10000, model.size() - off);
         auto bytes = randomBytes(n, uint32_t(i));
-        ASSERT_EQ(krn::tempWrite(f.get(), off, bytes.data(), n), KS_SUCCESS);
+        ASSERT_EQ(krn::tempWrite(f, off, bytes.data(), n), KS_SUCCESS);
         std::memcpy(model.data() + off, bytes.data(), n);
     }
-    ASSERT_EQ(krn::tempSetSize(f.get(), model.size()), KS_SUCCESS);
-    EXPECT_EQ(krn::tempSize(f.get()), int64_t(model.size()));
-    std::vector<uint8_t> back(model.size());
-    ASSERT_EQ(krn::tempRead(f.get(), 0, back.data(), back.size()), KS_SUCCESS);
+    ASSERT_EQ(krn::tempSetSize(f, model.size()), KS_SUCCESS);
+    EXPECT_EQ(krn::tempSize(f), int64_t(model.size()));
+    ASSERT_EQ(krn::tempRead(f, 0, back.data(), back.size()), KS_SUCCESS);
     EXPECT_EQ(back, model);
-    f.reset();
+    EXPECT_EQ(krn::tempRead(f, 0, back.data(), model.size() + 1), KS_FILE_READ);  // one byte beyond the end
+    EXPECT_EQ(krn::tempRead(f, model.size(), back.data(), 1), KS_FILE_READ);
+    // A mapped window (not page aligned, growing the file) and positioned I/O see the same bytes.
+    const uint64_t off = 3 * 4096 + 123 + model.size();
+    const size_t n = 50000;
+    krn::TempMapping m, r;
+    ASSERT_EQ(krn::tempMap(f, off, n, true, &m), KS_SUCCESS);
+    EXPECT_GE(krn::tempSize(f), int64_t(off + n));
+    auto a = randomBytes(n, 11), b = randomBytes(1000, 12);
+    std::memcpy(m.data, a.data(), n);
+    ASSERT_EQ(krn::tempRead(f, off, back.data(), n), KS_SUCCESS);
+    EXPECT_EQ(0, std::memcmp(back.data(), a.data(), n));
+    ASSERT_EQ(krn::tempWrite(f, off + 777, b.data(), b.size()), KS_SUCCESS);
+    EXPECT_EQ(std::memcmp(m.data + 777, b.data(), b.size()), 0);
+    krn::tempUnmap(&m);
+    EXPECT_EQ(m.data, nullptr);
+    krn::tempUnmap(&m);  // twice is harmless
+    ASSERT_EQ(krn::tempMap(f, off + 777, b.size(), false, &r), KS_SUCCESS);
+    EXPECT_EQ(std::memcmp(r.data, b.data(), b.size()), 0);
+    krn::tempUnmap(&r);
+    EXPECT_EQ(krn::tempMap(f, uint64_t(krn::tempSize(f)) - 10, 11, false, &r), KS_FILE_READ);
+    EXPECT_EQ(krn::tempMap(f, 0, 0, false, &r), KS_INVALID_PARAMETER);
+    // Sparse growth reads zeros; above 4 GiB; shrinking keeps the head.
+    const uint64_t g4 = uint64_t(1) << 32, g8 = uint64_t(1) << 33;
+    uint8_t z[16], hi[4] = {9, 8, 7, 6}, h4[4];
+    ASSERT_EQ(krn::tempSetSize(f, g8), KS_SUCCESS);
+    EXPECT_EQ(krn::tempSize(f), int64_t(g8));
+    std::memset(z, 0xEE, sizeof z);
+    ASSERT_EQ(krn::tempRead(f, g8 - 16, z, 16), KS_SUCCESS);
+    EXPECT_EQ(std::vector<uint8_t>(z, z + 16), std::vector<uint8_t>(16, 0));
+    ASSERT_EQ(krn::tempWrite(f, g4 + 5, hi, 4), KS_SUCCESS);
+    ASSERT_EQ(krn::tempRead(f, g4 + 5, h4, 4), KS_SUCCESS);
+    EXPECT_EQ(std::memcmp(h4, hi, 4), 0);
+    ASSERT_EQ(krn::tempSetSize(f, 2), KS_SUCCESS);
+    EXPECT_EQ(krn::tempSize(f), 2);
+    EXPECT_EQ(krn::tempRead(f, 0, h4, 2), KS_SUCCESS);
+    EXPECT_EQ(std::vector<uint8_t>(h4, h4 + 2), std::vector<uint8_t>(model.begin(), model.begin() + 2));
+    own.reset();
     EXPECT_TRUE(dir.entries().empty());
 }
 INSTANTIATE_TEST_SUITE_P(AnonymousAndNamed, TempFileBoth, ::testing::Values(false, true));
-
-TEST(TempFile, ReadPastEndFailsAndExtensionReadsZeros) {
-    StateGuard guard;
-    Owned own = create();
-    TempFile* f = own.get();
-    uint8_t b[16] = {1, 2, 3}, hi[4] = {9, 8, 7, 6}, back[4];
-    const uint64_t g4 = uint64_t(1) << 32, g8 = uint64_t(1) << 33;
-    ASSERT_EQ(krn::tempWrite(f, 0, b, 3), KS_SUCCESS);
-    EXPECT_EQ(krn::tempRead(f, 0, b, 4), KS_FILE_READ);  // one byte beyond the end
-    EXPECT_EQ(krn::tempRead(f, 3, b, 1), KS_FILE_READ);
-    ASSERT_EQ(krn::tempSetSize(f, g8), KS_SUCCESS);  // 8 GiB, sparse
-    EXPECT_EQ(krn::tempSize(f), int64_t(g8));
-    std::memset(b, 0xEE, sizeof b);
-    ASSERT_EQ(krn::tempRead(f, g8 - 16, b, 16), KS_SUCCESS);
-    EXPECT_EQ(std::vector<uint8_t>(b, b + 16), std::vector<uint8_t>(16, 0));
-    ASSERT_EQ(krn::tempWrite(f, g4 + 5, hi, 4), KS_SUCCESS);  // above 4 GiB
-    ASSERT_EQ(krn::tempRead(f, g4 + 5, back, 4), KS_SUCCESS);
-    EXPECT_EQ(std::memcmp(back, hi, 4), 0);
-    ASSERT_EQ(krn::tempSetSize(f, 2), KS_SUCCESS);  // shrink
-    EXPECT_EQ(krn::tempSize(f), 2);
-    EXPECT_EQ(krn::tempRead(f, 0, back, 2), KS_SUCCESS);
-    EXPECT_EQ(back[0] * 256 + back[1], 0x0102);
-}
 
 TEST(TempFile, SizeLimitActsAsFullDisk) {
     StateGuard guard;
@@ -202,13 +218,13 @@ TEST(TempFile, ModeOptionsAndMode3) {
 }
 
 // ---------------------------------------------------------------- through a table
-struct TableTemp : ::testing::Test {
+struct TableTemp : ::testing::Test {  // a memory file system as the thread's table; the folder is its business
     StateGuard guard;
     MemFs fs;
     void SetUp() override {
         REDIRECTRECORD t = fs.table();
         ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
-        ASSERT_EQ(K_SetTempDirectoryUtf8("/nowhere/at/all"), KS_SUCCESS);  // the table decides
+        ASSERT_EQ(K_SetTempDirectoryUtf8("/nowhere/at/all"), KS_SUCCESS);
     }
 };
 
@@ -360,32 +376,6 @@ TEST(TempFile, AllocationFailureLeavesNothingBehind) {
     EXPECT_EQ(f, nullptr);
     EXPECT_EQ(krn::faultinject::liveBlocks(), blocks);
     EXPECT_EQ(testfs::openFdCount(), fds);
-}
-
-TEST(TempFile, MappedWindowAgreesWithPositionedIo) {
-    StateGuard guard;
-    Owned own = create();
-    TempFile* f = own.get();
-    const uint64_t off = 3 * 4096 + 123;  // not page aligned
-    const size_t n = 50000;
-    krn::TempMapping m, r;
-    ASSERT_EQ(krn::tempMap(f, off, n, true, &m), KS_SUCCESS);  // grows the file
-    EXPECT_GE(krn::tempSize(f), int64_t(off + n));
-    auto a = randomBytes(n, 11), b = randomBytes(1000, 12);
-    std::memcpy(m.data, a.data(), n);
-    std::vector<uint8_t> back(n);
-    ASSERT_EQ(krn::tempRead(f, off, back.data(), n), KS_SUCCESS);
-    EXPECT_EQ(back, a);
-    ASSERT_EQ(krn::tempWrite(f, off + 777, b.data(), b.size()), KS_SUCCESS);
-    EXPECT_EQ(std::memcmp(m.data + 777, b.data(), b.size()), 0);
-    krn::tempUnmap(&m);
-    EXPECT_EQ(m.data, nullptr);
-    krn::tempUnmap(&m);  // twice is harmless
-    ASSERT_EQ(krn::tempMap(f, off + 777, b.size(), false, &r), KS_SUCCESS);
-    EXPECT_EQ(std::memcmp(r.data, b.data(), b.size()), 0);
-    krn::tempUnmap(&r);
-    EXPECT_EQ(krn::tempMap(f, uint64_t(krn::tempSize(f)) - 10, 11, false, &r), KS_FILE_READ);
-    EXPECT_EQ(krn::tempMap(f, 0, 0, false, &r), KS_INVALID_PARAMETER);
 }
 
 // ---------------------------------------------------------------- names and folder

@@ -137,34 +137,23 @@ def test_methods_against_numpy_and_pillow(i, vp):
         assert np.array_equal(turned.to_numpy(), A[np.arange(5) * 13 // 5][:, np.arange(40) * 17 // 40])
 
 
-def test_grey_window_level_and_palette_conversions():
+def test_grey_window_level_palettes_and_masks():
     i = A.astype(int)
-    grey = (2 * i[..., 0] + 5 * i[..., 1] + i[..., 2] + 4) >> 3  # the kernel's grey
     bm = ombrix.Bitmap(A).convert(8, order="gray")
-    assert bm.is_gray and np.array_equal(bm.to_numpy(), grey)
+    assert bm.is_gray and np.array_equal(bm.to_numpy(), (2 * i[..., 0] + 5 * i[..., 1] + i[..., 2] + 4) >> 3)
     a = np.tile(np.arange(0, 4096, 16, dtype=np.uint16), (4, 1))
     w = ombrix.Bitmap(a)
     w.gray_bits = (0, 11)
     w.window_level(1000, 3000)
     assert w.bits_per_pixel == 8 and np.array_equal(w.to_numpy(), np.clip((a.astype(int) - 1000) * 255 // 2000, 0, 255))
     colours = np.array([[255, 0, 0], [0, 128, 0], [0, 0, 255], [12, 34, 56], [200, 200, 10]], np.uint8)
-    c = colours[RNG.integers(0, 5, size=(32, 40))]
-    bm = ombrix.Bitmap(c)
-    key = lambda q: q[:, 0].astype(int) << 16 | q[:, 1].astype(int) << 8 | q[:, 2]
-    assert np.array_equal(key(bm.unique_colors()), np.sort(key(colours)))
-    assert sorted(map(tuple, bm.optimized_palette(8))) == sorted(map(tuple, colours))
-    bm.convert(8, palette="optimized", colors=8)
-    assert np.array_equal(bm.palette[bm.to_numpy()], c)
-    bm = ombrix.Bitmap(c)
-    bm.dither(np.array([[0, 0, 0], [255, 255, 255]], np.uint8), method="stucki")
-    assert bm.bits_per_pixel == 1 and set(np.unique(bm.to_numpy())) <= {0, 1}
-    m = ombrix.Bitmap(A)
-    m.set_region_ellipse(1, 1, 15, 11)
-    mask = m.region_mask()
-    assert mask[6, 8] and not mask[0, 0] and mask.sum() == m.region_area
+    c = ombrix.Bitmap(colours[RNG.integers(0, 5, size=(32, 40))])
+    assert sorted(map(tuple, c.unique_colors())) == sorted(map(tuple, colours))
+    assert sorted(map(tuple, c.optimized_palette(8))) == sorted(map(tuple, colours))
     mask = RNG.integers(0, 2, size=(13, 17)).astype(bool)
+    m = ombrix.Bitmap(A)
     m.set_region_mask(mask)
-    assert np.array_equal(m.region_mask(), mask)
+    assert np.array_equal(m.region_mask(), mask) and m.region_area == mask.sum()
     m.clear_region()
     assert not m.has_region and m.region_bounds is None and m.region_mask().all()
 
