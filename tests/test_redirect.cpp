@@ -446,6 +446,10 @@ TEST(RedirectBuffer, FixedBufferGivesShortBigWrites) {
     EXPECT_EQ(K_RedirectedWriteBig(f, d.data(), 250), 40);
     EXPECT_EQ(K_RedirectedSeek(f, -1, REDIRECT_SEEK_SET), -1);
     K_RedirectedClose(f);
+    REDIRECTRECORD t = blank();  // the table's size slot cannot pass the fixed size either
+    ASSERT_EQ(K_GetRedirectBufferTable(b, &t), KS_SUCCESS);
+    EXPECT_EQ(t.pfnSetSize(t.pSetSizeUserData, 101, t.pSetSizeUserData), -1);
+    EXPECT_EQ(t.pfnSetSize(t.pSetSizeUserData, 100, t.pSetSizeUserData), 0);
     uint64_t size = 0;
     ASSERT_EQ(K_StopRedirectToBuffer(b, nullptr, &size), KS_SUCCESS);
     EXPECT_EQ(size, 100u);
