@@ -36,16 +36,11 @@ int tagOf(BITMAPRECORD* bm) {
     return bm->nWidth == 3 + tag % 5 ? tag : -2;
 }
 
-uint32_t countOf(HBITMAPLIST h) {
-    uint32_t n = 0xDEAD;
-    EXPECT_EQ(K_GetBitmapListCount(h, &n), KS_SUCCESS);
-    return n;
-}
-
 // The tags of a list, read through the items themselves.
 std::vector<int> tagsOf(HBITMAPLIST h) {
     std::vector<int> t;
-    const uint32_t n = countOf(h);
+    uint32_t n = 0xDEAD;
+    EXPECT_EQ(K_GetBitmapListCount(h, &n), KS_SUCCESS);
     for (uint32_t i = 0; i < n; ++i) {
         BITMAPRECORD item;
         EXPECT_EQ(K_GetBitmapListItem(h, i, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
@@ -55,12 +50,21 @@ std::vector<int> tagsOf(HBITMAPLIST h) {
     return t;
 }
 
-struct Warm {
+struct Warm {  // per-thread settings exist before counting blocks
     Warm() {
         BITMAPRECORD b = tagged(1);
         K_FreeBitmap(&b);
     }
 };
+HBITMAPLIST listOf(std::initializer_list<int> tags) {
+    HBITMAPLIST h = nullptr;
+    EXPECT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
+    for (int t : tags) {
+        BITMAPRECORD bm = tagged(t);
+        EXPECT_EQ(K_InsertBitmapListItem(h, BITMAPLIST_END, &bm), KS_SUCCESS);
+    }
+    return h;
+}
 
 TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
     Warm warm;
@@ -161,17 +165,10 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
 TEST(ListEdges, TheCasesOfEachCall) {
     Warm warm;
     const long base = krn::faultinject::liveBlocks();
-    HBITMAPLIST h = nullptr;
-    ASSERT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
-    EXPECT_EQ(countOf(h), 0u);
-    for (int t = 1; t <= 3; ++t) {
-        BITMAPRECORD bm = tagged(t);
-        ASSERT_EQ(K_InsertBitmapListItem(h, uint32_t(t - 1), &bm), KS_SUCCESS);
-    }
+    HBITMAPLIST h = listOf({1, 2, 3});
     // Inserting at index 7 into a list of 3 appends at 3.
-    BITMAPRECORD four = tagged(4);
+    BITMAPRECORD four = tagged(4), five = tagged(5, BITMAPRECORD_SIZE_OLD);
     ASSERT_EQ(K_InsertBitmapListItem(h, 7, &four), KS_SUCCESS);
-    BITMAPRECORD five = tagged(5, BITMAPRECORD_SIZE_OLD);
     ASSERT_EQ(K_InsertBitmapListItem(h, 0, &five), KS_SUCCESS);
     EXPECT_EQ(tagsOf(h), (std::vector<int>{5, 1, 2, 3, 4}));
     // Every item is held in the current layout; one from an older record has a zero tail.
@@ -229,13 +226,7 @@ TEST(ListEdges, TheCasesOfEachCall) {
 TEST(ListFailures, EachRuleLeavesTheListAlone) {
     Warm warm;
     const long base = krn::faultinject::liveBlocks();
-    HBITMAPLIST h = nullptr, out = nullptr;
-    ASSERT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
-    for (int t = 1; t <= 4; ++t) {
-        BITMAPRECORD bm = tagged(t);
-        ASSERT_EQ(K_InsertBitmapListItem(h, BITMAPLIST_END, &bm), KS_SUCCESS);
-    }
-    const std::vector<int> tags = {1, 2, 3, 4};
+    HBITMAPLIST h = listOf({1, 2, 3, 4}), out = nullptr;
     BITMAPRECORD bm = tagged(50), rec;
     // Null and foreign handles.
     int local = 0;
@@ -243,54 +234,43 @@ TEST(ListFailures, EachRuleLeavesTheListAlone) {
     for (HBITMAPLIST bad : {HBITMAPLIST(nullptr), reinterpret_cast<HBITMAPLIST>(&local),
                             reinterpret_cast<HBITMAPLIST>(globalBlock), reinterpret_cast<HBITMAPLIST>(~uintptr_t(0))}) {
         uint32_t n;
-        EXPECT_EQ(K_GetBitmapListCount(bad, &n), KS_INVALID_PARAMETER);
-        EXPECT_EQ(K_InsertBitmapListItem(bad, 0, &bm), KS_INVALID_PARAMETER);
-        EXPECT_EQ(K_RemoveBitmapListItem(bad, 0, &rec), KS_INVALID_PARAMETER);
-        EXPECT_EQ(K_DeleteBitmapListItems(bad, 0, 1), KS_INVALID_PARAMETER);
-        EXPECT_EQ(K_GetBitmapListItem(bad, 0, &rec, BITMAPRECORD_SIZE), KS_INVALID_PARAMETER);
-        EXPECT_EQ(K_SetBitmapListItem(bad, 0, &bm), KS_INVALID_PARAMETER);
-        EXPECT_EQ(K_ReplaceBitmapListItem(bad, 0, &bm, nullptr, 0), KS_INVALID_PARAMETER);
-        EXPECT_EQ(K_CopyBitmapListItems(&out, bad, 0, 1), KS_INVALID_PARAMETER);
-        EXPECT_EQ(K_MoveBitmapListItems(&out, bad, 0, 1), KS_INVALID_PARAMETER);
-        EXPECT_EQ(K_DestroyBitmapList(bad), KS_INVALID_PARAMETER);
+        EXPECT_EQ(std::vector<int32_t>({K_GetBitmapListCount(bad, &n), K_InsertBitmapListItem(bad, 0, &bm),
+                                        K_RemoveBitmapListItem(bad, 0, &rec), K_DeleteBitmapListItems(bad, 0, 1),
+                                        K_GetBitmapListItem(bad, 0, &rec, BITMAPRECORD_SIZE),
+                                        K_SetBitmapListItem(bad, 0, &bm), K_ReplaceBitmapListItem(bad, 0, &bm, nullptr, 0),
+                                        K_CopyBitmapListItems(&out, bad, 0, 1), K_MoveBitmapListItems(&out, bad, 0, 1),
+                                        K_DestroyBitmapList(bad)}),
+                  std::vector<int32_t>(10, KS_INVALID_PARAMETER));
     }
     K_GlobalFree(globalBlock);
     // Null required pointers.
-    EXPECT_EQ(K_CreateBitmapList(nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetBitmapListCount(h, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_InsertBitmapListItem(h, 0, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetBitmapListItem(h, 0, nullptr, BITMAPRECORD_SIZE), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_ReplaceBitmapListItem(h, 0, nullptr, &rec, BITMAPRECORD_SIZE), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CopyBitmapListItems(nullptr, h, 0, 1), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_MoveBitmapListItems(nullptr, h, 0, 1), KS_INVALID_PARAMETER);
+    EXPECT_EQ(std::vector<int32_t>({K_CreateBitmapList(nullptr), K_GetBitmapListCount(h, nullptr),
+                                    K_InsertBitmapListItem(h, 0, nullptr), K_GetBitmapListItem(h, 0, nullptr, BITMAPRECORD_SIZE),
+                                    K_ReplaceBitmapListItem(h, 0, nullptr, &rec, BITMAPRECORD_SIZE),
+                                    K_CopyBitmapListItems(nullptr, h, 0, 1), K_MoveBitmapListItems(nullptr, h, 0, 1)}),
+              std::vector<int32_t>(7, KS_INVALID_PARAMETER));
     // Indexes at or past the count, counts of 0.
-    EXPECT_EQ(K_GetBitmapListItem(h, 4, &rec, BITMAPRECORD_SIZE), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetBitmapListItem(h, 4, &bm), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_RemoveBitmapListItem(h, 4, &rec), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_RemoveBitmapListItem(h, BITMAPLIST_END, &rec), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_DeleteBitmapListItems(h, 4, 1), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_DeleteBitmapListItems(h, 0, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CopyBitmapListItems(&out, h, 4, 1), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CopyBitmapListItems(&out, h, 0, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_MoveBitmapListItems(&out, h, 4, 1), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_MoveBitmapListItems(&out, h, 1, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_ReplaceBitmapListItem(h, 4, &bm, nullptr, 0), KS_INVALID_PARAMETER);
+    EXPECT_EQ(std::vector<int32_t>({K_GetBitmapListItem(h, 4, &rec, BITMAPRECORD_SIZE), K_SetBitmapListItem(h, 4, &bm),
+                                    K_RemoveBitmapListItem(h, 4, &rec), K_RemoveBitmapListItem(h, BITMAPLIST_END, &rec),
+                                    K_DeleteBitmapListItems(h, 4, 1), K_DeleteBitmapListItems(h, 0, 0),
+                                    K_CopyBitmapListItems(&out, h, 4, 1), K_CopyBitmapListItems(&out, h, 0, 0),
+                                    K_MoveBitmapListItems(&out, h, 4, 1), K_MoveBitmapListItems(&out, h, 1, 0),
+                                    K_ReplaceBitmapListItem(h, 4, &bm, nullptr, 0)}),
+              std::vector<int32_t>(11, KS_INVALID_PARAMETER));
     // Record sizes.
     BITMAPRECORD badSize = bm;
     badSize.uStructSize = 200;
-    EXPECT_EQ(K_InsertBitmapListItem(h, 0, &badSize), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_SetBitmapListItem(h, 0, &badSize), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_ReplaceBitmapListItem(h, 0, &badSize, nullptr, 0), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_ReplaceBitmapListItem(h, 0, &bm, &rec, 100), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_GetBitmapListItem(h, 0, &rec, 177), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(std::vector<int32_t>({K_InsertBitmapListItem(h, 0, &badSize), K_SetBitmapListItem(h, 0, &badSize),
+                                    K_ReplaceBitmapListItem(h, 0, &badSize, nullptr, 0),
+                                    K_ReplaceBitmapListItem(h, 0, &bm, &rec, 100), K_GetBitmapListItem(h, 0, &rec, 177)}),
+              std::vector<int32_t>(5, KS_INVALID_STRUCT_SIZE));
     // A first item whose size word is not 216.
     uint32_t n = 0;
     BITMAPRECORD* items = krn::listItems(h, &n);
     items[0].uStructSize = BITMAPRECORD_SIZE_OLD;
-    EXPECT_EQ(K_InsertBitmapListItem(h, 0, &bm), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_RemoveBitmapListItem(h, 1, &rec), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_ReplaceBitmapListItem(h, 1, &bm, nullptr, 0), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_MoveBitmapListItems(&out, h, 1, 1), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(std::vector<int32_t>({K_InsertBitmapListItem(h, 0, &bm), K_RemoveBitmapListItem(h, 1, &rec),
+                                    K_ReplaceBitmapListItem(h, 1, &bm, nullptr, 0), K_MoveBitmapListItems(&out, h, 1, 1)}),
+              std::vector<int32_t>(4, KS_INVALID_STRUCT_SIZE));
     items[0].uStructSize = BITMAPRECORD_SIZE;
     // A non-empty list without its array.
     ListBlockView* view = reinterpret_cast<ListBlockView*>(h);
@@ -298,7 +278,7 @@ TEST(ListFailures, EachRuleLeavesTheListAlone) {
     view->items = nullptr;
     EXPECT_EQ(K_InsertBitmapListItem(h, 0, &bm), KS_NULL_POINTER);
     view->items = saved;
-    EXPECT_EQ(tagsOf(h), tags);
+    EXPECT_EQ(tagsOf(h), (std::vector<int>{1, 2, 3, 4}));
     K_FreeBitmap(&bm);
     ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);

@@ -1,66 +1,126 @@
-// test_playback.cpp - animation playback against an independent model: a
-// table of transitions for the state machine and a composition oracle that
-// draws frames into a plain image by index arithmetic, with the time
-// injected (the tests never sleep).
+// test_playback.cpp - animation playback against independent models, with
+// the time injected (the tests never sleep): the state machine as a table of
+// transitions stepped beside the library through random animations, and a
+// composition oracle that draws frames pixel by pixel on raw values in the
+// top-left view (frame and target regions, the transparent colour, alpha-over
+// frames, disposal 2 and 3) on targets of every depth and perspective.
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
 #include <random>
 #include <vector>
 
-#include "ombrix.h"
 #include "dis/common/playback.h"
 #include "krn/common/memory.h"
+#include "ombrix.h"
+#include "support/combine_reference.h"
 
 namespace {
 
 uint32_t gNow = 0;
-uint32_t fakeClock(void*) { return gNow; }
 struct ClockGuard {
-    ClockGuard() { krn::testhook::setPlaybackClock(fakeClock, nullptr); }
+    ClockGuard() {
+        krn::testhook::setPlaybackClock([](void*) { return gNow; }, nullptr);
+    }
     ~ClockGuard() { krn::testhook::setPlaybackClock(nullptr, nullptr); }
 };
+
+struct Fmt {
+    int32_t bpp, order;
+};
+const Fmt kBgr24{24, ORDER_BGR};
+
+// Raw pixels at (x, y) of the top-left view.
+uint64_t viewPixel(BITMAPRECORD* bm, int32_t x, int32_t y) {
+    EXPECT_EQ(K_PointToBitmap(bm, TOP_LEFT, &x, &y), KS_SUCCESS);
+    std::vector<uint8_t> row(bm->nBytesPerLine);
+    EXPECT_GE(K_GetBitmapRow(bm, row.data(), y, bm->nBytesPerLine), 0);
+    return combinetest::rawPixel(row.data(), x, {bm->nBitsPerPixel, bm->nOrder});
+}
+void setViewPixel(BITMAPRECORD* bm, int32_t x, int32_t y, uint64_t v) {
+    ASSERT_EQ(K_PointToBitmap(bm, TOP_LEFT, &x, &y), KS_SUCCESS);
+    std::vector<uint8_t> row(bm->nBytesPerLine);
+    ASSERT_GE(K_GetBitmapRow(bm, row.data(), y, bm->nBytesPerLine), 0);
+    combinetest::setRawPixel(row.data(), x, {bm->nBitsPerPixel, bm->nOrder}, v);
+    ASSERT_GE(K_PutBitmapRow(bm, row.data(), y, bm->nBytesPerLine), 0);
+}
+std::vector<uint64_t> viewPixels(BITMAPRECORD* bm, int32_t w, int32_t h) {
+    std::vector<uint64_t> v;
+    for (int32_t y = 0; y < h; ++y)
+        for (int32_t x = 0; x < w; ++x) v.push_back(viewPixel(bm, x, y));
+    return v;
+}
+bool inRegion(BITMAPRECORD* bm, int32_t x, int32_t y) {
+    if (!K_BitmapHasRgn(bm)) return true;
+    EXPECT_EQ(K_PointToBitmap(bm, TOP_LEFT, &x, &y), KS_SUCCESS);
+    return K_IsPtInBitmapRgn(bm, y, x) == 1;
+}
+// A bitmap seen as w x h in its view perspective vp.
+BITMAPRECORD viewBitmap(Fmt f, int32_t w, int32_t h, int32_t vp) {
+    BITMAPRECORD bm;
+    const bool turned = vp >= 5;
+    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, turned ? h : w, turned ? w : h, f.bpp, f.order, nullptr, vp,
+                             nullptr, 0),
+              KS_SUCCESS);
+    return bm;
+}
+// The colour (0x00BBGGRR) the library sees in a raw pixel value.
+uint32_t colourOf(const BITMAPRECORD* bm, uint64_t raw) {
+    if (bm->nBitsPerPixel <= 8) {
+        const RGBQUAD q = bm->pPalette[raw];
+        return uint32_t(q.rgbRed) | uint32_t(q.rgbGreen) << 8 | uint32_t(q.rgbBlue) << 16;
+    }
+    if (bm->nBitsPerPixel == 16)  // 5-5-5, blue in the low bits
+        return uint32_t((raw >> 10) & 31) << 3 | uint32_t((raw >> 5) & 31) << 11 | uint32_t(raw & 31) << 19;
+    return uint32_t((raw >> 16) & 255) | uint32_t((raw >> 8) & 255) << 8 | uint32_t(raw & 255) << 16;  // BGR
+}
+
+// ---------------------------------------------------------------- the state machine
 
 struct Frame {
     int32_t left, top, w, h;
     uint32_t delay, disposal;
     bool input, keyed;
-    uint32_t key;                 // transparent colour 0x00BBGGRR
-    std::vector<uint32_t> px;     // view order, 0x00BBGGRR
+    uint64_t key;              // transparent raw 24-bit value
+    std::vector<uint64_t> px;  // view order, raw 24-bit values
 };
 
-// ---------------------------------------------------------------- the model
+BITMAPRECORD makeFrame(const Frame& f, int32_t vp) {
+    BITMAPRECORD bm = viewBitmap(kBgr24, f.w, f.h, vp);
+    for (int32_t y = 0; y < f.h; ++y)
+        for (int32_t x = 0; x < f.w; ++x) setViewPixel(&bm, x, y, f.px[size_t(y * f.w + x)]);
+    FRAME_LEFT(&bm) = f.left;
+    FRAME_TOP(&bm) = f.top;
+    FRAME_DELAY(&bm) = f.delay;
+    FRAME_DISPOSAL(&bm) = f.disposal;
+    FRAME_TRANSPARENT_COLOR(&bm) = colourOf(&bm, f.key);
+    bm.uFlags |= (f.input ? BRF_FRAME_WAITINPUT : 0) | (f.keyed ? BRF_FRAME_TRANSPARENT : 0);
+    return bm;
+}
 
-// The transition table: for each state, the next state under each condition.
+// For each state, the next state under each condition.
 enum Cond { Always, PastEnd, NotPastEnd, HoldLast, Draw, DelayInput, DelayNoInput, NoDelayInput, NoDelayNoInput,
             Waiting, Elapsed };
-struct Rule {
+const struct Rule {
     int from;
     Cond when;
     int to;
-};
-const Rule kTable[] = {
-    {0, Always, 1},        {1, PastEnd, 10},        {1, NotPastEnd, 2},       {2, HoldLast, 3},
-    {2, Draw, 4},          {3, HoldLast, 3},        {3, Draw, 4},             {4, DelayInput, 7},
-    {4, DelayNoInput, 6},  {4, NoDelayInput, 5},    {4, NoDelayNoInput, 8},   {5, Always, 5},
-    {6, Waiting, 6},       {6, Elapsed, 8},         {7, Waiting, 7},          {7, Elapsed, 8},
-    {8, Always, 9},        {9, PastEnd, 10},        {9, NotPastEnd, 2},       {10, Always, 2},
+} kTable[] = {
+    {0, Always, 1},       {1, PastEnd, 10},     {1, NotPastEnd, 2},     {2, HoldLast, 3},       {2, Draw, 4},
+    {3, HoldLast, 3},     {3, Draw, 4},         {4, DelayInput, 7},     {4, DelayNoInput, 6},   {4, NoDelayInput, 5},
+    {4, NoDelayNoInput, 8}, {5, Always, 5},     {6, Waiting, 6},        {6, Elapsed, 8},        {7, Waiting, 7},
+    {7, Elapsed, 8},      {8, Always, 9},       {9, PastEnd, 10},       {9, NotPastEnd, 2},     {10, Always, 2},
 };
 
 struct Model {
     int32_t W, H;
-    uint32_t bg;
-    std::vector<uint32_t> img;  // view order
+    uint64_t bg;
+    std::vector<uint64_t> img, saved;  // view order; saved: restored only inside the frame
     std::vector<Frame> frames;
-    int state = 0, index = -1;
+    int state = 0, index = -1, missing = 0;
     uint32_t waitStart = 0;
-    bool validating = false;
-    int missing = 0;
+    bool validating = false, haveSaved = false;  // validating: the last frame's rows are still coming
     std::vector<bool> marks;
-    bool haveSaved = false;
-    std::vector<uint32_t> saved;  // the whole image, restored only inside the frame
-    int savedFor = -1;
 
     bool holds(Cond c) const {
         const Frame* f = index >= 0 && index < int(frames.size()) ? &frames[size_t(index)] : nullptr;
@@ -80,28 +140,10 @@ struct Model {
         }
         return false;
     }
-    void fillRect(const Frame& f, uint32_t colour) {
-        for (int y = std::max(f.top, 0); y < std::min(f.top + f.h, H); ++y)
-            for (int x = std::max(f.left, 0); x < std::min(f.left + f.w, W); ++x) img[size_t(y * W + x)] = colour;
-    }
-    void draw(const Frame& f) {
-        for (int y = 0; y < f.h; ++y)
-            for (int x = 0; x < f.w; ++x) {
-                const int tx = f.left + x, ty = f.top + y;
-                if (tx < 0 || ty < 0 || tx >= W || ty >= H) continue;
-                const uint32_t c = f.px[size_t(y * f.w + x)];
-                if (f.keyed && c == f.key) continue;
-                img[size_t(ty * W + tx)] = c;
-            }
-    }
     void step() {
         const int from = state;
-        // The action of the state (done before the transition, as the state's work).
         if (from == 0) img.assign(img.size(), bg);
-        if (from == 1 || from == 9) {
-            // the index moves first; the table's conditions look at the next index
-        }
-        if ((from == 2 || from == 3) && (index >= int(frames.size()))) {
+        if ((from == 2 || from == 3) && index >= int(frames.size())) {
             state = 10;
             return;
         }
@@ -113,27 +155,28 @@ struct Model {
             }
         ASSERT_GE(to, 0) << "no rule for state " << from;
         if (from == 1 || from == 9) ++index;
-        if ((from == 2 || from == 3) && to == 4) {
-            const Frame& f = frames[size_t(index)];
-            haveSaved = false;
-            if (f.disposal == 3) {
-                saved = img;
-                haveSaved = true;
-            }
-            draw(f);
-        }
-        if (from == 4 && (to == 6 || to == 7)) waitStart = gNow;
-        if (from == 8) {
-            const Frame& f = frames[size_t(index)];
-            if (f.disposal == 2) fillRect(f, bg);
-            if (f.disposal == 3 && haveSaved) {
-                for (int y = std::max(f.top, 0); y < std::min(f.top + f.h, H); ++y)
-                    for (int x = std::max(f.left, 0); x < std::min(f.left + f.w, W); ++x)
-                        img[size_t(y * W + x)] = saved[size_t(y * W + x)];
-                haveSaved = false;
-            }
-        }
         if (from == 10) index = 0;
+        if (from == 4 && (to == 6 || to == 7)) waitStart = gNow;
+        if ((from == 2 || from == 3) && to == 4) {  // draw, saving the image first for disposal 3
+            const Frame& f = frames[size_t(index)];
+            haveSaved = f.disposal == 3;
+            if (haveSaved) saved = img;
+            for (int y = 0; y < f.h; ++y)
+                for (int x = 0; x < f.w; ++x) {
+                    const int tx = f.left + x, ty = f.top + y;
+                    const uint64_t c = f.px[size_t(y * f.w + x)];
+                    if (tx >= 0 && ty >= 0 && tx < W && ty < H && !(f.keyed && c == f.key)) img[size_t(ty * W + tx)] = c;
+                }
+        }
+        if (from == 8) {  // dispose inside the frame's rectangle
+            const Frame& f = frames[size_t(index)];
+            for (int y = std::max(f.top, 0); y < std::min(f.top + f.h, H); ++y)
+                for (int x = std::max(f.left, 0); x < std::min(f.left + f.w, W); ++x) {
+                    if (f.disposal == 2) img[size_t(y * W + x)] = bg;
+                    if (f.disposal == 3 && haveSaved) img[size_t(y * W + x)] = saved[size_t(y * W + x)];
+                }
+            haveSaved = false;
+        }
         state = to;
     }
     void cancel() {
@@ -146,45 +189,6 @@ struct Model {
     }
 };
 
-// ---------------------------------------------------------------- library side
-
-BITMAPRECORD makeFrame(const Frame& f, int vp) {
-    BITMAPRECORD bm;
-    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, f.w, f.h, 24, ORDER_BGR, nullptr, vp, nullptr, 0), KS_SUCCESS);
-    std::vector<uint8_t> row(bm.nBytesPerLine, 0);
-    for (int y = 0; y < f.h; ++y) {
-        for (int x = 0; x < f.w; ++x) {
-            const uint32_t c = f.px[size_t(y * f.w + x)];
-            row[size_t(x) * 3] = uint8_t(c >> 16);
-            row[size_t(x) * 3 + 1] = uint8_t(c >> 8);
-            row[size_t(x) * 3 + 2] = uint8_t(c);
-        }
-        EXPECT_GE(K_PutBitmapRow(&bm, row.data(), vp == BOTTOM_LEFT ? f.h - 1 - y : y, bm.nBytesPerLine), 0);
-    }
-    FRAME_LEFT(&bm) = f.left;
-    FRAME_TOP(&bm) = f.top;
-    FRAME_DELAY(&bm) = f.delay;
-    FRAME_DISPOSAL(&bm) = f.disposal;
-    FRAME_TRANSPARENT_COLOR(&bm) = f.key;
-    if (f.input) bm.uFlags |= BRF_FRAME_WAITINPUT;
-    if (f.keyed) bm.uFlags |= BRF_FRAME_TRANSPARENT;
-    return bm;
-}
-
-std::vector<uint32_t> targetPixels(BITMAPRECORD* t) {
-    std::vector<uint32_t> v(size_t(t->nWidth) * size_t(t->nHeight));
-    std::vector<uint8_t> row(t->nBytesPerLine);
-    for (int y = 0; y < t->nHeight; ++y) {
-        EXPECT_GE(K_GetBitmapRow(t, row.data(), t->nViewPerspective == BOTTOM_LEFT ? t->nHeight - 1 - y : y,
-                                 t->nBytesPerLine),
-                  0);
-        for (int x = 0; x < t->nWidth; ++x)
-            v[size_t(y * t->nWidth + x)] = uint32_t(row[size_t(x) * 3 + 2]) | (uint32_t(row[size_t(x) * 3 + 1]) << 8) |
-                                           (uint32_t(row[size_t(x) * 3]) << 16);
-    }
-    return v;
-}
-
 Frame randomFrame(std::mt19937& rng, int W, int H) {
     Frame f;
     f.w = 1 + int(rng() % 9);
@@ -195,7 +199,7 @@ Frame randomFrame(std::mt19937& rng, int W, int H) {
     f.disposal = rng() % 4;
     f.input = rng() % 5 == 0;
     f.keyed = rng() % 2 == 0;
-    f.key = 0x00112233;
+    f.key = 0x332211;
     for (int i = 0; i < f.w * f.h; ++i) f.px.push_back(rng() % 4 == 0 ? f.key : (rng() & 0xFFFFFF));
     return f;
 }
@@ -203,8 +207,7 @@ Frame randomFrame(std::mt19937& rng, int W, int H) {
 TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
     ClockGuard clock;
     {  // per-thread settings exist before counting
-        BITMAPRECORD warm;
-        K_CreateBitmap(&warm, BITMAPRECORD_SIZE, 1, 2, 2, 24, ORDER_BGR, nullptr, 1, nullptr, 0);
+        BITMAPRECORD warm = viewBitmap(kBgr24, 2, 2, TOP_LEFT);
         K_FillBitmap(&warm, 0);
         K_FreeBitmap(&warm);
     }
@@ -212,21 +215,15 @@ TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
     int drawnSteps = 0, waitsSeen = 0, disposals = 0;
     for (uint32_t seed = 1; seed <= 40; ++seed) {
         std::mt19937 rng(seed);
-        const int W = 12, H = 9, vp = seed % 2 ? TOP_LEFT : BOTTOM_LEFT;
+        const int W = 12, H = 9;
         gNow = 0xFFFFFF00u + seed;  // the tick count wraps during the run
-        BITMAPRECORD target;
-        ASSERT_EQ(K_CreateBitmap(&target, BITMAPRECORD_SIZE, 1, W, H, 24, ORDER_BGR, nullptr, vp, nullptr, 0),
-                  KS_SUCCESS);
+        BITMAPRECORD target = viewBitmap(kBgr24, W, H, seed % 2 ? TOP_LEFT : BOTTOM_LEFT);
         FRAME_BACKGROUND_COLOR(&target) = 0x00405060;
         Model m;
-        m.W = W;
-        m.H = H;
-        m.bg = 0x00405060;
-        m.img = targetPixels(&target);
+        m.W = W, m.H = H, m.bg = 0x605040, m.img = viewPixels(&target, W, H);
         HBITMAPLIST list = nullptr;
         ASSERT_EQ(K_CreateBitmapList(&list), KS_SUCCESS);
-        const int n = 1 + int(rng() % 4);
-        for (int i = 0; i < n; ++i) {
+        for (int i = 0, n = 1 + int(rng() % 4); i < n; ++i) {
             m.frames.push_back(randomFrame(rng, W, H));
             BITMAPRECORD bm = makeFrame(m.frames.back(), rng() % 2 ? TOP_LEFT : BOTTOM_LEFT);
             ASSERT_EQ(K_InsertBitmapListItem(list, BITMAPLIST_END, &bm), KS_SUCCESS);
@@ -234,6 +231,7 @@ TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
         HPLAYBACK pb = nullptr;
         ASSERT_EQ(K_CreatePlayback(&pb, &target, list), KS_SUCCESS);
         for (int stepNo = 0; stepNo < 300; ++stepNo) {
+            SCOPED_TRACE(testing::Message() << "seed " << seed << " step " << stepNo);
             const uint32_t action = rng() % 20;
             if (action < 13) {
                 gNow += rng() % 3 == 0 ? 0 : rng() % 25;
@@ -241,27 +239,23 @@ TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
                 ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
                 const int before = m.state;
                 m.step();
-                ASSERT_EQ(st, m.state) << "seed " << seed << " step " << stepNo;
+                ASSERT_EQ(st, m.state);
                 drawnSteps += (before == 2 || before == 3) && st == 4;
                 waitsSeen += st == 6 || st == 7 || st == 5;
                 disposals += before == 8;
             } else if (action < 15) {
                 ASSERT_EQ(K_CancelPlaybackWait(pb), KS_SUCCESS);
                 m.cancel();
-            } else if (action == 15) {
+            } else if (action == 15) {  // a jump: backwards restarts from a clear
                 const int to = int(rng() % uint32_t(m.frames.size() + 2)) - 1;
                 ASSERT_EQ(K_SetPlaybackIndex(pb, to), KS_SUCCESS);
                 m.validating = false;
-                if (m.index > to) {
-                    m.haveSaved = false;
-                    m.state = 0;
-                    m.index = -1;
-                }
+                if (m.index > to) m.haveSaved = false, m.state = 0, m.index = -1;
                 for (int guard = 0; m.index != to && guard < 1000; ++guard) {
                     m.step();
                     m.cancel();
                 }
-            } else if (action == 16 && m.frames.size() < 8) {
+            } else if (action == 16 && m.frames.size() < 8) {  // appended: its rows are still to come
                 m.frames.push_back(randomFrame(rng, W, H));
                 BITMAPRECORD bm = makeFrame(m.frames.back(), TOP_LEFT);
                 ASSERT_EQ(K_AppendPlayback(pb, &bm), KS_SUCCESS);
@@ -272,14 +266,9 @@ TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
             } else if (action == 17) {
                 const int first = int(rng() % 8) - 2, count = int(rng() % 5);
                 ASSERT_EQ(K_ValidatePlaybackLines(pb, first, count), KS_SUCCESS);
-                if (m.validating) {
-                    for (int y = std::max(first, 0); y < std::min(first + count, int(m.marks.size())); ++y)
-                        if (!m.marks[size_t(y)]) {
-                            m.marks[size_t(y)] = true;
-                            --m.missing;
-                        }
-                    if (m.missing <= 0) m.validating = false;
-                }
+                for (int y = std::max(first, 0); m.validating && y < std::min(first + count, int(m.marks.size())); ++y)
+                    if (!m.marks[size_t(y)]) m.marks[size_t(y)] = true, --m.missing;
+                if (m.missing <= 0) m.validating = false;
             } else {
                 uint32_t left = 12345;
                 ASSERT_EQ(K_GetPlaybackDelay(pb, &left), KS_SUCCESS);
@@ -288,9 +277,9 @@ TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
             int32_t st = -1, idx = -2;
             ASSERT_EQ(K_GetPlaybackState(pb, &st), KS_SUCCESS);
             ASSERT_EQ(K_GetPlaybackIndex(pb, &idx), KS_SUCCESS);
-            ASSERT_EQ(st, m.state) << "seed " << seed << " step " << stepNo << " action " << action;
-            ASSERT_EQ(idx, m.index) << "seed " << seed << " step " << stepNo;
-            ASSERT_EQ(targetPixels(&target), m.img) << "seed " << seed << " step " << stepNo << " state " << st;
+            ASSERT_EQ(st, m.state) << "action " << action;
+            ASSERT_EQ(idx, m.index);
+            ASSERT_EQ(viewPixels(&target, W, H), m.img) << "state " << st;
         }
         ASSERT_EQ(K_DestroyPlayback(pb), KS_SUCCESS);
         ASSERT_EQ(K_DestroyBitmapList(list), KS_SUCCESS);
@@ -303,136 +292,322 @@ TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
-TEST(PlaybackEdges, NamedCases) {
-    ClockGuard clock;
-    gNow = 1000;
-    BITMAPRECORD target;
-    ASSERT_EQ(K_CreateBitmap(&target, BITMAPRECORD_SIZE, 1, 8, 8, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    HPLAYBACK pb = nullptr;
-    ASSERT_EQ(K_CreatePlayback(&pb, &target, nullptr), KS_SUCCESS);  // an owned, empty list
-    int32_t st = -1, idx = 5;
-    ASSERT_EQ(K_GetPlaybackIndex(pb, &idx), KS_SUCCESS);
-    EXPECT_EQ(idx, -1);
-    ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
-    EXPECT_EQ(st, 1);
-    RECT r{};
-    ASSERT_EQ(K_GetPlaybackUpdateRect(pb, &r, 1), KS_SUCCESS);
-    EXPECT_EQ(r.right, 8);
-    EXPECT_EQ(r.bottom, 8);
-    ASSERT_EQ(K_GetPlaybackUpdateRect(pb, &r, 0), KS_SUCCESS);
-    EXPECT_EQ(r.right - r.left, 0);
-    ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
-    EXPECT_EQ(st, 10);  // nothing to play yet
-    // Appending in state 10 resumes at state 2 (with the rows still to come it waits in 3).
-    Frame f{1, 1, 3, 2, 0, 0, false, false, 0, {1, 2, 3, 4, 5, 6}};
-    BITMAPRECORD bm = makeFrame(f, TOP_LEFT);
-    ASSERT_EQ(K_AppendPlayback(pb, &bm), KS_SUCCESS);
-    ASSERT_EQ(K_GetPlaybackState(pb, &st), KS_SUCCESS);
-    EXPECT_EQ(st, 2);
-    ASSERT_EQ(K_GetPlaybackIndex(pb, &idx), KS_SUCCESS);
-    EXPECT_EQ(idx, 0);
-    ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
-    EXPECT_EQ(st, 3);  // the last frame is still loading
-    ASSERT_EQ(K_ValidatePlaybackLines(pb, 1, 5), KS_SUCCESS);
-    ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
-    EXPECT_EQ(st, 3);
-    ASSERT_EQ(K_ValidatePlaybackLines(pb, -3, 4), KS_SUCCESS);  // clamped to row 0
-    // Delay 0 and no input flag: 4 -> 8 without waiting.
-    ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
-    EXPECT_EQ(st, 4);
-    ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
-    EXPECT_EQ(st, 8);
-    // A user-input frame with no delay waits in 5 until cancelled; the delay reads 0 there.
-    Frame g{0, 0, 2, 2, 0, 0, true, false, 0, {7, 7, 7, 7}};
-    BITMAPRECORD gb = makeFrame(g, TOP_LEFT);
-    ASSERT_EQ(K_AppendPlayback(pb, &gb), KS_SUCCESS);
-    ASSERT_EQ(K_ValidatePlaybackLines(pb, 0, 2), KS_SUCCESS);
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);  // 9, 2, 4
-    ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
-    EXPECT_EQ(st, 5);
-    uint32_t left = 99;
-    ASSERT_EQ(K_GetPlaybackDelay(pb, &left), KS_SUCCESS);
-    EXPECT_EQ(left, 0u);
-    gNow += 100000;
-    ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
-    EXPECT_EQ(st, 5);
-    ASSERT_EQ(K_CancelPlaybackWait(pb), KS_SUCCESS);
-    ASSERT_EQ(K_GetPlaybackState(pb, &st), KS_SUCCESS);
-    EXPECT_EQ(st, 8);
-    // Index range.
-    EXPECT_EQ(K_SetPlaybackIndex(pb, 3), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetPlaybackIndex(pb, -2), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetPlaybackIndex(pb, 2), KS_SUCCESS);
-    ASSERT_EQ(K_GetPlaybackIndex(pb, &idx), KS_SUCCESS);
-    EXPECT_EQ(idx, 2);
-    ASSERT_EQ(K_DestroyPlayback(pb), KS_SUCCESS);  // frees its own list and the frames in it
-    K_FreeBitmap(&target);
-}
-
 TEST(PlaybackFailures, HandlesArgumentsAndMemory) {
     ClockGuard clock;
-    BITMAPRECORD target, unalloc;
-    ASSERT_EQ(K_CreateBitmap(&target, BITMAPRECORD_SIZE, 1, 8, 8, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    BITMAPRECORD target = viewBitmap(kBgr24, 8, 8, TOP_LEFT), unalloc, bad = target;
     K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 8, 8, 24);
+    bad.uStructSize = 5;
     HPLAYBACK pb = nullptr;
+    int local = 0;
     EXPECT_EQ(K_CreatePlayback(nullptr, &target, nullptr), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_CreatePlayback(&pb, nullptr, nullptr), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_CreatePlayback(&pb, &unalloc, nullptr), KS_INVALID_PARAMETER);
-    BITMAPRECORD bad = target;
-    bad.uStructSize = 5;
     EXPECT_EQ(K_CreatePlayback(&pb, &bad, nullptr), KS_INVALID_STRUCT_SIZE);
-    int local = 0;
     EXPECT_EQ(K_CreatePlayback(&pb, &target, reinterpret_cast<HBITMAPLIST>(&local)), KS_INVALID_PARAMETER);
     EXPECT_EQ(pb, nullptr);
-    // Wrong handle kinds: a region handle is refused with errno 22.
+    // Wrong handle kinds: a region handle is refused with errno 22; a movable block is the right kind, not a playback.
     HRGN hp = CreateRectRgn(0, 0, 4, 4);
-    ASSERT_NE(hp, nullptr);
-    errno = 0;
+    void* movable = K_GlobalAlloc(GHND, 256);
     int32_t st;
+    errno = 0;
     EXPECT_EQ(K_ProcessPlayback(reinterpret_cast<HPLAYBACK>(hp), &st), KS_INVALID_PARAMETER);
     EXPECT_EQ(errno, 22);
     DeleteObject(hp);
-    void* movable = K_GlobalAlloc(GHND, 256);  // the right kind, not a playback
     EXPECT_EQ(K_ProcessPlayback(movable, &st), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_DestroyPlayback(movable), KS_INVALID_PARAMETER);
     K_GlobalFree(movable);
     EXPECT_EQ(K_ProcessPlayback(nullptr, &st), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_CancelPlaybackWait(nullptr), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_ValidatePlaybackLines(nullptr, 0, 1), KS_INVALID_PARAMETER);
-    // Memory: creation and appending, every allocation in turn.
+    // Memory: creation, then appending, every allocation in turn.
     { HPLAYBACK w; K_CreatePlayback(&w, &target, nullptr); K_DestroyPlayback(w); }
     const long base = krn::faultinject::liveBlocks();
+    HPLAYBACK p = nullptr;
     for (long nth = 0;; ++nth) {
-        HPLAYBACK p = nullptr;
         krn::faultinject::arm(nth, 1);
-        int32_t r = K_CreatePlayback(&p, &target, nullptr);
+        const int32_t r = K_CreatePlayback(&p, &target, nullptr);
         krn::faultinject::disarm();
-        if (r == KS_SUCCESS) {
-            for (long k = 0;; ++k) {
-                Frame f{0, 0, 2, 2, 0, 0, false, false, 0, {1, 2, 3, 4}};
-                BITMAPRECORD bm = makeFrame(f, TOP_LEFT);
-                BITMAPRECORD badFrame = bm;
-                badFrame.uStructSize = 3;
-                EXPECT_EQ(K_AppendPlayback(p, &badFrame), KS_INVALID_STRUCT_SIZE);
-                const long live = krn::faultinject::liveBlocks();
-                krn::faultinject::arm(k, 1);
-                int32_t a = K_AppendPlayback(p, &bm);
-                krn::faultinject::disarm();
-                if (a == KS_SUCCESS) break;
-                EXPECT_EQ(a, KS_NO_MEMORY);
-                EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-                K_FreeBitmap(&bm);  // not taken: still ours
-                ASSERT_LT(k, 10);
-            }
-            K_DestroyPlayback(p);
-            break;
-        }
+        if (r == KS_SUCCESS) break;
         EXPECT_EQ(r, KS_NO_MEMORY);
         EXPECT_EQ(krn::faultinject::liveBlocks(), base);
         ASSERT_LT(nth, 10);
     }
+    for (long k = 0;; ++k) {
+        BITMAPRECORD bm = makeFrame({0, 0, 2, 2, 0, 0, false, false, 0, {1, 2, 3, 4}}, TOP_LEFT), badFrame = bm;
+        badFrame.uStructSize = 3;
+        EXPECT_EQ(K_AppendPlayback(p, &badFrame), KS_INVALID_STRUCT_SIZE);
+        const long live = krn::faultinject::liveBlocks();
+        krn::faultinject::arm(k, 1);
+        const int32_t a = K_AppendPlayback(p, &bm);
+        krn::faultinject::disarm();
+        if (a == KS_SUCCESS) break;
+        EXPECT_EQ(a, KS_NO_MEMORY);
+        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+        K_FreeBitmap(&bm);  // not taken: still ours
+        ASSERT_LT(k, 10);
+    }
+    // The clear marks the whole target for update; the index range (the state machine is the model's).
+    RECT r{};
+    ASSERT_EQ(K_ProcessPlayback(p, &st), KS_SUCCESS);
+    EXPECT_EQ(st, PLAYBACK_STATE_NEXT);
+    ASSERT_EQ(K_GetPlaybackUpdateRect(p, &r, 1), KS_SUCCESS);
+    EXPECT_EQ(std::vector<int32_t>({r.right, r.bottom}), std::vector<int32_t>({8, 8}));
+    ASSERT_EQ(K_GetPlaybackUpdateRect(p, &r, 0), KS_SUCCESS);
+    EXPECT_EQ(r.right - r.left, 0);
+    EXPECT_EQ(K_SetPlaybackIndex(p, 2), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetPlaybackIndex(p, -2), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetPlaybackIndex(p, 0), KS_SUCCESS);
+    ASSERT_EQ(K_DestroyPlayback(p), KS_SUCCESS);  // frees its own list and the frame in it
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
     K_FreeBitmap(&target);
+}
+
+// ---------------------------------------------------------------- composition
+
+struct OracleFrame {
+    int32_t left, top, w, h;
+    uint32_t disposal;
+    bool keyed, alpha;
+    std::vector<uint64_t> drawn;  // the frame's pixels as the target receives them
+    std::vector<bool> shows;      // inside its region and not the transparent colour
+    int32_t hadRegion;
+    uint64_t area;
+};
+
+struct Oracle {
+    int32_t W, H;
+    Fmt fmt;
+    std::vector<uint64_t> img, saved;
+    std::vector<bool> open;  // the target's own region
+    void draw(const OracleFrame& f) {
+        saved = img;
+        const combinetest::Plan alpha = combinetest::planOf(3328, fmt.bpp);
+        for (int32_t y = 0; y < f.h; ++y)
+            for (int32_t x = 0; x < f.w; ++x) {
+                const int32_t tx = f.left + x, ty = f.top + y;
+                const size_t i = size_t(y) * size_t(f.w) + size_t(x);
+                if (tx < 0 || ty < 0 || tx >= W || ty >= H || !f.shows[i] || !open[size_t(ty * W + tx)]) continue;
+                uint64_t& d = img[size_t(ty * W + tx)];
+                d = f.alpha ? combinetest::combinePixel(alpha, f.drawn[i], d, {fmt.bpp, fmt.order}) : f.drawn[i];
+            }
+    }
+    void dispose(const OracleFrame& f, uint64_t bg) {
+        if (f.disposal != 2 && f.disposal != 3) return;
+        for (int32_t ty = std::max(f.top, 0); ty < std::min(f.top + f.h, H); ++ty)
+            for (int32_t tx = std::max(f.left, 0); tx < std::min(f.left + f.w, W); ++tx)
+                if (open[size_t(ty * W + tx)]) img[size_t(ty * W + tx)] = f.disposal == 2 ? bg : saved[size_t(ty * W + tx)];
+    }
+};
+
+TEST(PlaybackCombine, ComposesLikeThePixelOracle) {
+    ClockGuard clock;
+    const Fmt f1{1, 0}, f4{4, 0}, f8{8, 0}, f16{16, ORDER_BGR}, f24 = kBgr24, f32{32, ORDER_BGR};
+    const struct Case {
+        Fmt target, frame;
+        int32_t vp;
+        bool targetRegion;
+    } cases[] = {
+        {f1, f1, TOP_LEFT, false},     {f4, f4, BOTTOM_LEFT, true}, {f8, f8, 6, false}, {f16, f16, 7, true},
+        {f24, f24, BOTTOM_LEFT, false}, {f32, f32, 8, true},         {f24, f24, 5, true}, {f32, f32, TOP_LEFT, false},
+        {f4, f24, 6, false},           {f24, f8, 2, true},
+    };
+    const int32_t framePersp[] = {TOP_LEFT, BOTTOM_LEFT, 5, 8, 3};
+    const RGNXFORM xf{TOP_LEFT, 1, 1, 1, 1, 0, 0};
+    int32_t caseNo = 0, shown = 0, hidden = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << caseNo << " target " << c.target.bpp << " vp " << c.vp);
+        std::mt19937 rng(uint32_t(100 + caseNo++));
+        const int32_t W = 23, H = 17;
+        BITMAPRECORD target = viewBitmap(c.target, W, H, c.vp);
+        FRAME_BACKGROUND_COLOR(&target) = 0x00336699;
+        const RECT ellipse{2, 1, 20, 15};
+        if (c.targetRegion) {
+            ASSERT_EQ(K_SetBitmapRgnEllipse(&target, &xf, &ellipse, RGN_SET_REPLACE), KS_SUCCESS);
+        }
+        Oracle o{W, H, c.target, viewPixels(&target, W, H), {}, {}};
+        for (int32_t i = 0; i < W * H; ++i) o.open.push_back(inRegion(&target, i % W, i / W));
+        HBITMAPLIST list;
+        ASSERT_EQ(K_CreateBitmapList(&list), KS_SUCCESS);
+        std::vector<OracleFrame> frames;
+        for (int32_t i = 0; i < 5; ++i) {
+            OracleFrame of{int32_t(rng() % 20) - 4, int32_t(rng() % 14) - 3, 3 + int32_t(rng() % 12),
+                           2 + int32_t(rng() % 9), uint32_t(i % 4), i % 2 == 0, i == 3, {}, {}, 0, 0};
+            BITMAPRECORD fb = viewBitmap(c.frame, of.w, of.h, framePersp[i]);
+            const uint64_t mask = c.frame.bpp == 16 ? 0x7FFFu : (uint64_t(1) << c.frame.bpp) - 1;  // 5-5-5: 15 bits
+            const uint64_t keyRaw = rng() & mask;
+            for (int32_t y = 0; y < of.h; ++y)
+                for (int32_t x = 0; x < of.w; ++x) setViewPixel(&fb, x, y, rng() % 4 == 0 ? keyRaw : rng() & mask);
+            const RECT box{0, 0, of.w, of.h};
+            if (i % 3 == 1) {
+                ASSERT_EQ(K_SetBitmapRgnEllipse(&fb, &xf, &box, RGN_SET_REPLACE), KS_SUCCESS);
+            }
+            // Frames of another format reach the target as the colour-resolution copy would make them.
+            BITMAPRECORD conv = fb;
+            const bool convert = c.frame.bpp != c.target.bpp, paletted = c.target.bpp <= 8;
+            if (convert) {
+                ASSERT_EQ(K_ColorResBitmap(&fb, &conv, c.target.bpp, paletted ? 0x10010u : 4u,
+                                           paletted ? target.pPalette : nullptr, paletted ? target.nColors : 0,
+                                           BITMAPRECORD_SIZE),
+                          KS_SUCCESS);
+            }
+            const uint32_t cm = c.frame.bpp == 32 ? 0xFFFFFFu : ~0u;
+            for (int32_t y = 0; y < of.h; ++y)
+                for (int32_t x = 0; x < of.w; ++x) {
+                    of.drawn.push_back(viewPixel(&conv, x, y));
+                    of.shows.push_back(inRegion(&fb, x, y) && !(of.keyed && (viewPixel(&fb, x, y) & cm) == (keyRaw & cm)));
+                    shown += of.shows.back();
+                    hidden += !of.shows.back();
+                }
+            if (convert) K_FreeBitmap(&conv);
+            FRAME_LEFT(&fb) = of.left;
+            FRAME_TOP(&fb) = of.top;
+            FRAME_DISPOSAL(&fb) = of.disposal;
+            FRAME_DELAY(&fb) = 10;
+            FRAME_TRANSPARENT_COLOR(&fb) = colourOf(&fb, keyRaw);
+            fb.uFlags |= (of.keyed ? BRF_FRAME_TRANSPARENT : 0) | (of.alpha ? BRF_FRAME_ALPHAOVER : 0);
+            of.hadRegion = K_BitmapHasRgn(&fb);
+            if (of.hadRegion) K_GetBitmapRgnArea(&fb, &of.area);
+            ASSERT_EQ(K_InsertBitmapListItem(list, BITMAPLIST_END, &fb), KS_SUCCESS);
+            frames.push_back(of);
+        }
+        HPLAYBACK pb;
+        ASSERT_EQ(K_CreatePlayback(&pb, &target, list), KS_SUCCESS);
+        uint64_t bg = 0;
+        // Two passes: the second draws over the first's last composition.
+        for (int32_t guard = 0, passes = 0; passes < 2 && guard < 400 && !HasFatalFailure(); ++guard) {
+            int32_t st = -1, index = -1;
+            ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
+            ASSERT_EQ(K_GetPlaybackIndex(pb, &index), KS_SUCCESS);
+            if (st == PLAYBACK_STATE_NEXT) {  // just cleared: the background as the fill makes it
+                for (int32_t i = W * H - 1; i >= 0; --i)
+                    if (o.open[size_t(i)]) bg = viewPixel(&target, i % W, i / W);
+                for (int32_t i = 0; i < W * H; ++i)
+                    if (o.open[size_t(i)]) o.img[size_t(i)] = bg;
+            } else if (st == PLAYBACK_STATE_DELAY) {
+                o.draw(frames[size_t(index)]);
+            } else if (st == PLAYBACK_STATE_NEXT2) {
+                o.dispose(frames[size_t(index)], bg);
+            } else if (st == PLAYBACK_STATE_WAITDELAY) {
+                gNow += 10;
+            }
+            passes += st == PLAYBACK_STATE_END;
+            ASSERT_EQ(viewPixels(&target, W, H), o.img) << "state " << st << " frame " << index;
+        }
+        for (uint32_t i = 0; i < frames.size(); ++i) {  // every frame has its own region back
+            BITMAPRECORD item;
+            uint64_t area = 0;
+            ASSERT_EQ(K_GetBitmapListItem(list, i, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
+            EXPECT_EQ(K_BitmapHasRgn(&item), frames[i].hadRegion) << i;
+            if (frames[i].hadRegion) K_GetBitmapRgnArea(&item, &area);
+            EXPECT_EQ(area, frames[i].area) << i;
+        }
+        K_DestroyPlayback(pb);
+        K_DestroyBitmapList(list);
+        K_FreeBitmap(&target);
+    }
+    EXPECT_GT(shown, 1000);
+    EXPECT_GT(hidden, 300);
+}
+
+// Allocation failures while a frame is drawn (transparent colour, frame and
+// target regions, a turned frame on a bottom-left target): the playback goes
+// on (the step answers 1), the target keeps every pixel or takes the whole
+// frame, the frame's region comes back and nothing leaks.
+TEST(PlaybackCombine, DrawingSurvivesEveryAllocationFailure) {
+    ClockGuard clock;
+    BITMAPRECORD target = viewBitmap(kBgr24, 16, 12, BOTTOM_LEFT), frame = viewBitmap(kBgr24, 9, 7, 6);  // turned
+    const RGNXFORM xf{TOP_LEFT, 1, 1, 1, 1, 0, 0};
+    const RECT box{1, 1, 15, 11};
+    ASSERT_EQ(K_SetBitmapRgnRect(&target, &xf, &box, RGN_SET_REPLACE), KS_SUCCESS);
+    for (int32_t y = 0; y < 7; ++y)
+        for (int32_t x = 0; x < 9; ++x) setViewPixel(&frame, x, y, uint64_t((x * 7 + y * 3) % 5) * 40);
+    FRAME_LEFT(&frame) = 3;
+    FRAME_TOP(&frame) = 2;
+    FRAME_DISPOSAL(&frame) = 2;
+    FRAME_TRANSPARENT_COLOR(&frame) = colourOf(&frame, 80);
+    frame.uFlags |= BRF_FRAME_TRANSPARENT;
+    ASSERT_EQ(K_SetBitmapRgnEllipse(&frame, &xf, &box, RGN_SET_REPLACE), KS_SUCCESS);
+    uint64_t area = 0;
+    K_GetBitmapRgnArea(&frame, &area);
+    HBITMAPLIST list;
+    ASSERT_EQ(K_CreateBitmapList(&list), KS_SUCCESS);
+    ASSERT_EQ(K_InsertBitmapListItem(list, 0, &frame), KS_SUCCESS);
+    HPLAYBACK pb;
+    ASSERT_EQ(K_CreatePlayback(&pb, &target, list), KS_SUCCESS);
+    int32_t st = 0;
+    auto toDraw = [&] {  // a fresh clear, then state 2 at frame 0
+        ASSERT_EQ(K_SetPlaybackIndex(pb, -1), KS_SUCCESS);
+        ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
+        ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
+        ASSERT_EQ(st, PLAYBACK_STATE_DRAW);
+    };
+    toDraw();
+    const std::vector<uint64_t> before = viewPixels(&target, 16, 12);
+    ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
+    const std::vector<uint64_t> drawn = viewPixels(&target, 16, 12);  // the unhindered draw
+    ASSERT_NE(drawn, before);
+    int32_t failures = 0;
+    for (long nth = 0;; ++nth) {
+        toDraw();
+        const long live = krn::faultinject::liveBlocks();
+        krn::faultinject::arm(nth, 1);
+        const int32_t r = K_ProcessPlayback(pb, &st);
+        const bool hit = krn::faultinject::injected() > 0;
+        krn::faultinject::disarm();
+        ASSERT_EQ(r, KS_SUCCESS);
+        EXPECT_EQ(st, PLAYBACK_STATE_DELAY);
+        EXPECT_EQ(krn::faultinject::liveBlocks(), live) << nth;
+        BITMAPRECORD item;
+        uint64_t itemArea = 0;
+        ASSERT_EQ(K_GetBitmapListItem(list, 0, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
+        K_GetBitmapRgnArea(&item, &itemArea);
+        EXPECT_EQ(itemArea, area) << nth;
+        if (!hit) break;
+        ++failures;  // a failure the kernel absorbed draws the frame; any other leaves the target alone
+        const std::vector<uint64_t> now = viewPixels(&target, 16, 12);
+        EXPECT_TRUE(now == before || now == drawn) << "a failed draw changed the target, allocation " << nth;
+        ASSERT_LT(nth, 200);
+    }
+    EXPECT_GT(failures, 5);
+    EXPECT_EQ(viewPixels(&target, 16, 12), drawn);
+    K_DestroyPlayback(pb);
+    K_DestroyBitmapList(list);
+    K_FreeBitmap(&target);
+}
+
+// The transparent colour's region that drawing builds itself (8, 24 and 32
+// bits in memory, AVX2 and plain) holds exactly the pixels of the region
+// family's colour builder, for widths that leave every tail length.
+TEST(PlaybackCombine, KeyRegionMatchesTheColourBuilder) {
+    std::mt19937 rng(5);
+    int32_t checked = 0;
+    for (int32_t bpp : {8, 24, 32})
+        for (int32_t w : {1, 7, 8, 9, 10, 11, 16, 17, 25, 33, 70}) {
+            BITMAPRECORD f = viewBitmap({bpp, bpp == 8 ? 0 : ORDER_BGR}, w, 5, TOP_LEFT), want, got;
+            const uint64_t mask = (uint64_t(1) << bpp) - 1, keyRaw = rng() & mask;
+            for (int32_t y = 0; y < 5; ++y)
+                for (int32_t x = 0; x < w; ++x)  // at 32 bits the fourth byte does not count
+                    setViewPixel(&f, x, y, (rng() % 3 == 0 ? keyRaw : rng() & mask) ^ (bpp == 32 ? rng() << 24 : 0));
+            const uint32_t colour = colourOf(&f, keyRaw);
+            ASSERT_EQ(K_CopyBitmap(&want, &f, BITMAPRECORD_SIZE), KS_SUCCESS);
+            ASSERT_EQ(K_SetBitmapRgnColor(&want, colour, RGN_SET_REPLACE), KS_SUCCESS);
+            for (bool plain : {false, true}) {
+                krn::testhook::playbackPlainKeyScan(plain);
+                OrvaRgn* rgn = nullptr;
+                ASSERT_EQ(krn::testhook::playbackKeyRegion(&f, colour, &rgn), KS_SUCCESS);
+                krn::testhook::playbackPlainKeyScan(false);
+                ASSERT_EQ(K_CopyBitmap(&got, &f, BITMAPRECORD_SIZE), KS_SUCCESS);
+                ASSERT_EQ(K_SetBitmapRgn(&got, nullptr, rgn, RGN_SET_REPLACE), KS_SUCCESS);
+                for (int32_t y = 0; y < 5; ++y)
+                    for (int32_t x = 0; x < w; ++x, ++checked)
+                        ASSERT_EQ(K_IsPtInBitmapRgn(&got, y, x), K_IsPtInBitmapRgn(&want, y, x))
+                            << bpp << " bits, width " << w << " at " << x << "," << y << (plain ? " plain" : "");
+                K_FreeBitmap(&got);
+            }
+            K_FreeBitmap(&want);
+            K_FreeBitmap(&f);
+        }
+    EXPECT_GT(checked, 2500);
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
-// redirect_memfs.h - a redirect table for tests: files live in memory, and
-// the Nth open / read / write / seek can be made to fail, writes can be cut
-// short by a capacity (a full disk), and every call is counted.
+// redirect_memfs.h - redirect tables for tests. MemFs keeps its files in
+// memory; the Nth open / read / write / seek can be made to fail, writes are
+// cut short by a capacity (a full disk), and every call is counted.
+// CountingSink moves no bytes: it records the size of each transfer asked for.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -20,49 +23,129 @@ public:
         uint64_t pos = 0;
         uint32_t mode = 0;
     };
-
     // 1-based: the Nth call of that kind fails (returns -1 / invalid); 0 never.
     long failOpenAt = 0, failReadAt = 0, failWriteAt = 0, failSeekAt = 0;
-    // Largest size a file may reach; a write that would pass it is short.
-    uint64_t capacity = UINT64_MAX;
-    // When set, reads return at most this many bytes per call (0: no limit).
-    uint32_t readLimitPerCall = 0;
-
+    uint64_t capacity = UINT64_MAX;  // largest size a file may reach: writes past it are short
+    uint32_t readLimitPerCall = 0;   // reads return at most this many bytes per call (0: no limit)
     long opens = 0, reads = 0, writes = 0, seeks = 0, closes = 0;
     std::vector<uint32_t> writeAsks, openModes;
     std::vector<std::wstring> openNames;
-
     std::map<std::wstring, std::vector<uint8_t>> files;
 
     // The table: every slot filled, user data = this.
-    REDIRECTRECORD table();
-    // Handles not yet closed.
-    size_t openHandles() const { return handles_.size(); }
+    REDIRECTRECORD table() {
+        REDIRECTRECORD t{};
+        t.uStructSize = REDIRECTRECORD_SIZE;
+        t.pfnOpen = &open, t.pfnRead = &read, t.pfnWrite = &write, t.pfnSeek = &seek, t.pfnClose = &close;
+        t.pfnSize = &size, t.pfnSetSize = &setSize;
+        t.pOpenUserData = t.pReadUserData = t.pWriteUserData = t.pSeekUserData = t.pCloseUserData = this;
+        t.pSizeUserData = t.pSetSizeUserData = this;
+        return t;
+    }
+    size_t openHandles() const { return handles_.size(); }  // not yet closed
 
-    static void* open(const wchar_t* name, uint32_t mode, uint32_t share, void* user);
-    static int32_t read(void* h, void* buf, uint32_t n, void* user);
-    static int32_t write(void* h, const void* buf, uint32_t n, void* user);
-    static int64_t seek(void* h, int64_t off, int32_t origin, void* user);
-    static int32_t close(void* h, void* user);
-    static int64_t size(void* h, void* user);
-    static int32_t setSize(void* h, int64_t size, void* user);
+    static void* open(const wchar_t* name, uint32_t mode, uint32_t, void* user) {
+        auto* fs = static_cast<MemFs*>(user);
+        const std::wstring n = name ? name : L"";
+        ++fs->opens;
+        fs->openModes.push_back(mode);
+        fs->openNames.push_back(n);
+        if (fs->opens == fs->failOpenAt) return OMBRIX_INVALID_FILE;
+        auto it = fs->files.find(n);
+        if (it == fs->files.end() && !(mode & REDIRECT_OPEN_CREATE)) return OMBRIX_INVALID_FILE;
+        if (it != fs->files.end() && (mode & REDIRECT_OPEN_CREATE) && (mode & REDIRECT_OPEN_EXCLUSIVE))
+            return OMBRIX_INVALID_FILE;
+        if (it == fs->files.end() || (mode & REDIRECT_OPEN_TRUNCATE)) fs->files[n].clear();
+        fs->handles_.push_back(std::make_unique<Handle>(Handle{n, 0, mode}));
+        return fs->handles_.back().get();
+    }
+    static int32_t read(void* hv, void* buf, uint32_t n, void* user) {
+        auto* fs = static_cast<MemFs*>(user);
+        Handle* h = fs->live(hv);
+        if (++fs->reads == fs->failReadAt || !h) return -1;
+        const auto& data = fs->files[h->name];
+        uint64_t k = std::min<uint64_t>(h->pos < data.size() ? data.size() - h->pos : 0, n);
+        if (fs->readLimitPerCall) k = std::min<uint64_t>(k, fs->readLimitPerCall);
+        if (k) std::memcpy(buf, data.data() + h->pos, size_t(k));
+        h->pos += k;
+        return int32_t(k);
+    }
+    static int32_t write(void* hv, const void* buf, uint32_t n, void* user) {
+        auto* fs = static_cast<MemFs*>(user);
+        Handle* h = fs->live(hv);
+        fs->writeAsks.push_back(n);
+        if (++fs->writes == fs->failWriteAt || !h) return -1;
+        auto& data = fs->files[h->name];
+        const uint64_t k = std::min<uint64_t>(h->pos < fs->capacity ? fs->capacity - h->pos : 0, n);
+        if (h->pos + k > data.size()) data.resize(size_t(h->pos + k), 0);
+        if (k) std::memcpy(data.data() + h->pos, buf, size_t(k));
+        h->pos += k;
+        return int32_t(k);
+    }
+    static int64_t seek(void* hv, int64_t off, int32_t origin, void* user) {
+        auto* fs = static_cast<MemFs*>(user);
+        Handle* h = fs->live(hv);
+        if (++fs->seeks == fs->failSeekAt || !h) return -1;
+        const int64_t base = origin == REDIRECT_SEEK_SET   ? 0
+                             : origin == REDIRECT_SEEK_CUR ? int64_t(h->pos)
+                             : origin == REDIRECT_SEEK_END ? int64_t(fs->files[h->name].size())
+                                                           : -1;
+        if (base < 0 || base + off < 0) return -1;
+        return int64_t(h->pos = uint64_t(base + off));
+    }
+    static int32_t close(void* hv, void* user) {
+        auto* fs = static_cast<MemFs*>(user);
+        ++fs->closes;
+        auto it = std::find_if(fs->handles_.begin(), fs->handles_.end(), [&](auto& p) { return p.get() == hv; });
+        if (it == fs->handles_.end()) return -1;
+        if ((*it)->mode & REDIRECT_OPEN_TEMPORARY) fs->files.erase((*it)->name);
+        fs->handles_.erase(it);
+        return 0;
+    }
+    static int64_t size(void* hv, void* user) {
+        auto* fs = static_cast<MemFs*>(user);
+        Handle* h = fs->live(hv);
+        return h ? int64_t(fs->files[h->name].size()) : -1;
+    }
+    static int32_t setSize(void* hv, int64_t size, void* user) {
+        auto* fs = static_cast<MemFs*>(user);
+        Handle* h = fs->live(hv);
+        if (!h || size < 0 || uint64_t(size) > fs->capacity) return -1;
+        fs->files[h->name].resize(size_t(size), 0);
+        return 0;
+    }
 
 private:
-    Handle* live(void* h);
+    Handle* live(void* h) {
+        for (auto& p : handles_)
+            if (p.get() == h) return p.get();
+        return nullptr;
+    }
     std::vector<std::unique_ptr<Handle>> handles_;
 };
 
-// A table whose read and write move no bytes but count calls and sizes:
-// lets tests drive multi-gigabyte transfers without the memory.
+// Lets tests drive multi-gigabyte transfers without the memory.
 struct CountingSink {
     std::vector<uint32_t> asks;
-    // Answers: when `eofAfter` bytes have been served, calls return 0.
-    uint64_t eofAfter = UINT64_MAX;
+    uint64_t eofAfter = UINT64_MAX;  // when this many bytes have been served, calls return 0
     uint64_t served = 0;
     long failAt = 0;  // 1-based call that returns -1
-    REDIRECTRECORD table();
-    static int32_t io(void* h, void* buf, uint32_t n, void* user);
-    static int32_t wio(void* h, const void* buf, uint32_t n, void* user);
+    REDIRECTRECORD table() {
+        REDIRECTRECORD t{};
+        t.uStructSize = REDIRECTRECORD_SIZE;
+        t.pfnRead = &io;
+        t.pfnWrite = [](void* h, const void*, uint32_t n, void* user) { return io(h, nullptr, n, user); };
+        t.pReadUserData = t.pWriteUserData = this;
+        return t;
+    }
+    static int32_t io(void*, void*, uint32_t n, void* user) {
+        auto* s = static_cast<CountingSink*>(user);
+        s->asks.push_back(n);
+        if (long(s->asks.size()) == s->failAt) return -1;
+        const uint32_t k = uint32_t(std::min<uint64_t>(s->eofAfter > s->served ? s->eofAfter - s->served : 0, n));
+        s->served += k;
+        return int32_t(k);
+    }
 };
 
 }  // namespace testfs

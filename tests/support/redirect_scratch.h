@@ -12,6 +12,17 @@
 
 namespace testfs {
 
+// The names in a folder (without "." and "..").
+inline std::vector<std::string> folderEntries(const std::string& path) {
+    std::vector<std::string> out;
+    if (DIR* d = opendir(path.c_str())) {
+        while (dirent* e = readdir(d))
+            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") out.push_back(e->d_name);
+        closedir(d);
+    }
+    return out;
+}
+
 // A fresh folder under /tmp, removed (with its files) at the end.
 struct ScratchDir {
     std::string path;
@@ -24,43 +35,26 @@ struct ScratchDir {
         for (auto& n : entries()) unlink((path + "/" + n).c_str());
         rmdir(path.c_str());
     }
-    std::vector<std::string> entries() const {
-        std::vector<std::string> out;
-        if (DIR* d = opendir(path.c_str())) {
-            while (dirent* e = readdir(d)) {
-                std::string n = e->d_name;
-                if (n != "." && n != "..") out.push_back(n);
-            }
-            closedir(d);
-        }
-        return out;
-    }
+    std::vector<std::string> entries() const { return folderEntries(path); }
 };
 
-// Restores the calling thread's redirect table, temporary folder and the
-// process-wide temporary-file options at the end of a test.
+// Restores the calling thread's and the process-wide redirect tables, the
+// temporary folder and the temporary-file options at the end of a test.
 struct StateGuard {
     TEMPFILEOPTIONS saved{};
     StateGuard() { K_GetTempFileOptions(&saved, TEMPFILEOPTIONS_SIZE); }
     ~StateGuard() {
-        REDIRECTRECORD r{};
-        r.uStructSize = REDIRECTRECORD_SIZE;
-        K_SetRedirectFunctions(&r, REDIRECT_SET_RESET, 0);
-        r.uStructSize = REDIRECTRECORD_SIZE;
-        K_SetRedirectFunctions(&r, REDIRECT_SET_RESET, 1);
+        for (int processWide : {0, 1}) {
+            REDIRECTRECORD r{};
+            r.uStructSize = REDIRECTRECORD_SIZE;
+            K_SetRedirectFunctions(&r, REDIRECT_SET_RESET, processWide);
+        }
         K_SetTempDirectoryUtf8(nullptr);
         K_SetTempFileOptions(&saved);
     }
 };
 
 // Open descriptors of this process.
-inline int openFdCount() {
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (readdir(d)) ++n;
-        closedir(d);
-    }
-    return n;
-}
+inline int openFdCount() { return int(folderEntries("/proc/self/fd").size()); }
 
 }  // namespace testfs
