@@ -6,6 +6,7 @@
 // under the address sanitizer).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -71,6 +72,33 @@ TEST_P(OrientFastKernels, MatchThePlainReference) {
         for (const auto& wh : {std::pair{200u, 131u}, std::pair{131u, 200u}, std::pair{257u, 129u}})
             checkCase({bpp, wh.first, wh.second, rng() % 4, rng() % 4}, level, rng);
     }
+}
+
+// The row kernels of flips and mirrors at the same level: mirror against the
+// plain form (bytes after the row kept), row swap against std::swap_ranges.
+TEST_P(OrientFastKernels, RowKernelsMatchThePlainForms) {
+    const int level = krn::setOrientSimdLevel(GetParam());
+    std::mt19937 rng(uint32_t(5 + level));
+    for (int bpp : {1, 8, 24, 32}) {
+        for (uint32_t w : {2u, 15u, 16u, 17u, 31u, 33u, 63u, 64u, 65u, 97u, 129u, 200u, 511u}) {
+            const size_t off = rng() % 4, bytes = off + size_t((uint64_t(w) * bpp + 7) / 8) + 8;
+            std::vector<uint8_t> a(bytes), b;
+            for (auto& x : a) x = uint8_t(rng());
+            b = a;
+            krn::mirrorRow(a.data() + off, w, bpp);
+            krn::mirrorRowPlain(b.data() + off, w, bpp);
+            ASSERT_EQ(a, b) << "mirror bpp " << bpp << " w " << w << " level " << level;
+        }
+    }
+    for (size_t n : {0, 1, 31, 32, 127, 128, 129, 300, 1000}) {
+        std::vector<uint8_t> buf(2 * n + 16), want;
+        for (auto& x : buf) x = uint8_t(rng());
+        want = buf;
+        std::swap_ranges(want.begin() + 1, want.begin() + 1 + ptrdiff_t(n), want.begin() + 3 + ptrdiff_t(n));
+        krn::swapRows(buf.data() + 1, buf.data() + 3 + n, n);
+        ASSERT_EQ(buf, want) << "swap " << n << " level " << level;
+    }
+    krn::setOrientSimdLevel(-1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, OrientFastKernels, ::testing::Values(0, 1, 2),

@@ -68,8 +68,11 @@ void turnBlockAt(int level, const uint8_t* src, size_t sstride, uint8_t* dst, si
 // The SIMD level in use: the best the processor has, capped by OMBRIX_SIMD
 // ("none", "ssse3", "avx2") as for the converter.
 int orientSimdLevel() noexcept;
-// Test hook: 0 plain kernels only, else the best the processor has.
+// Test hooks: 0 plain kernels only, else the best the processor has; or the
+// kernels of one level (capped by the processor; -1 restores the level in
+// use), returning the level now in effect.
 void setOrientSimd(bool on) noexcept;
+int setOrientSimdLevel(int level) noexcept;
 
 // -- whole bitmaps ------------------------------------------------------------
 int32_t flipStored(BITMAPRECORD* bm, int32_t from = 0, int32_t to = 100) noexcept;

@@ -37,7 +37,8 @@ namespace {
 std::atomic<uint64_t> g_bandBytes{0};
 std::atomic<uint64_t> g_copyLimit{0};
 constexpr uint64_t kDefaultBandBytes = 32ull << 20;
-constexpr uint32_t kChunkRows = 64;
+constexpr uint32_t kChunkRows = 64;         // through the row layer (staging memory)
+constexpr uint32_t kDirectChunkRows = 512;  // straight from memory: longer strips for the kernels
 
 uint64_t bandBudget() noexcept {
     const uint64_t b = g_bandBytes.load(std::memory_order_relaxed);
@@ -98,9 +99,10 @@ void blankCopy(BITMAPRECORD* nb, const BITMAPRECORD* bm) noexcept {
 
 // Next chunk end after y0: chunk boundaries lie where the destination column
 // (y, or H - y when the rows are walked from the last) is a multiple of 8.
-uint32_t chunkEnd(uint32_t y0, uint32_t H, bool revY) noexcept {
+// Once on that grid, chunks of 512 rows end where eight chunks of 64 do.
+uint32_t chunkEnd(uint32_t y0, uint32_t H, bool revY, uint32_t rows) noexcept {
     const uint32_t phase = revY ? H % 8 : 0;
-    uint64_t next = uint64_t(y0) + kChunkRows;
+    uint64_t next = uint64_t(y0) + rows;
     next -= (next + 8 - phase) % 8;
     if (next <= y0) next += 8;
     return uint32_t(std::min<uint64_t>(next, H));
@@ -173,7 +175,11 @@ int32_t reorientStored(BITMAPRECORD* bm, bool revY, bool revX, bool swapResoluti
         return src.close(status);
     };
     if (!keepUser) {
+        // A single block needs no zero fill: the turn writes every byte of
+        // its rows but the padding, which is cleared below.
+        setNoZeroFill(memoryKind(bm->uFlags));
         st = allocateLike(&nb, bm);
+        setNoZeroFill(false);
         if (st != KS_SUCCESS) return fail(st);
         nbOwned = true;
         st = dst.open();
@@ -181,6 +187,11 @@ int32_t reorientStored(BITMAPRECORD* bm, bool revY, bool revX, bool swapResoluti
     }
     uint8_t* dbase = keepUser ? nullptr : directPixels(&nb);
     adviseHugePages(dbase, newSize);
+    if (dbase) {
+        const uint64_t used = (uint64_t(H) * uint64_t(bpp) + 7) / 8;
+        if (used < nbpl)
+            for (uint32_t r = 0; r < W; ++r) std::memset(dbase + size_t(r) * nbpl + used, 0, size_t(nbpl - used));
+    }
 
     // Where the turned rows go: straight into the destination, into one
     // temporary block, or band by band through the row layer.
@@ -219,7 +230,7 @@ int32_t reorientStored(BITMAPRECORD* bm, bool revY, bool revX, bool swapResoluti
         const uint32_t d0 = revX ? W - c1 : c0;
         uint8_t* out = target ? target + size_t(d0) * nbpl : band.get();
         for (uint32_t y0 = 0; y0 < H;) {
-            const uint32_t y1 = chunkEnd(y0, H, revY);
+            const uint32_t y1 = chunkEnd(y0, H, revY, sbase ? kDirectChunkRows : kChunkRows);
             const uint8_t* sp;
             size_t sstride;
             if (sbase) {
@@ -235,9 +246,15 @@ int32_t reorientStored(BITMAPRECORD* bm, bool revY, bool revX, bool swapResoluti
             }
             const uint32_t col0 = revY ? H - y1 : y0;
             if (kernel) kernel(sp, sstride, out + ((uint64_t(col0) * uint64_t(bpp)) >> 3), nbpl, n, y1 - y0, revY, revX);
-            done += y1 - y0;
-            st = progress.step(done);
-            if (st != KS_SUCCESS) return fail(st);
+            // Progress in steps of kChunkRows rows whatever the chunk: the
+            // long chunks end on the same boundaries as the short ones.
+            for (uint32_t p = y0; p < y1;) {
+                const uint32_t q = chunkEnd(p, H, revY, kChunkRows);
+                done += q - p;
+                st = progress.step(done);
+                if (st != KS_SUCCESS) return fail(st);
+                p = q;
+            }
             y0 = y1;
         }
         if (!target) {
