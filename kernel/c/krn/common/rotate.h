@@ -55,8 +55,24 @@ void turnBlock(const uint8_t* src, size_t sstride, uint8_t* dst, size_t dstride,
 void turnBlockPlain(const uint8_t* src, size_t sstride, uint8_t* dst, size_t dstride, uint32_t w, uint32_t h,
                     int32_t bpp, bool revY, bool revX) noexcept;
 
-// Test hook: 0 plain kernels only, else the best the processor has.
+// The block kernel for one depth, picked once per call of an image loop from
+// the SIMD level in use (null for a depth no record has); same contract as
+// turnBlock for w, h > 0.
+using TurnKernel = void (*)(const uint8_t* src, size_t sstride, uint8_t* dst, size_t dstride, uint32_t w, uint32_t h,
+                            bool revY, bool revX) noexcept;
+TurnKernel turnKernel(int32_t bpp) noexcept;
+// The kernels of one SIMD level (0 no SIMD, 1 SSSE3, 2 AVX2; capped by what
+// the processor has), for the tests and the benchmark.
+void turnBlockAt(int level, const uint8_t* src, size_t sstride, uint8_t* dst, size_t dstride, uint32_t w, uint32_t h,
+                 int32_t bpp, bool revY, bool revX) noexcept;
+// The SIMD level in use: the best the processor has, capped by OMBRIX_SIMD
+// ("none", "ssse3", "avx2") as for the converter.
+int orientSimdLevel() noexcept;
+// Test hooks: 0 plain kernels only, else the best the processor has; or the
+// kernels of one level (capped by the processor; -1 restores the level in
+// use), returning the level now in effect.
 void setOrientSimd(bool on) noexcept;
+int setOrientSimdLevel(int level) noexcept;
 
 // -- whole bitmaps ------------------------------------------------------------
 int32_t flipStored(BITMAPRECORD* bm, int32_t from = 0, int32_t to = 100) noexcept;

@@ -17,6 +17,10 @@
 #include <atomic>
 #include <cstring>
 
+#ifdef __linux__
+#include <sys/mman.h>
+#endif
+
 #include "hooks.h"
 #include "kernel.h"
 #include "memory.h"
@@ -33,7 +37,8 @@ namespace {
 std::atomic<uint64_t> g_bandBytes{0};
 std::atomic<uint64_t> g_copyLimit{0};
 constexpr uint64_t kDefaultBandBytes = 32ull << 20;
-constexpr uint32_t kChunkRows = 64;
+constexpr uint32_t kChunkRows = 64;         // through the row layer (staging memory)
+constexpr uint32_t kDirectChunkRows = 512;  // straight from memory: longer strips for the kernels
 
 uint64_t bandBudget() noexcept {
     const uint64_t b = g_bandBytes.load(std::memory_order_relaxed);
@@ -94,12 +99,29 @@ void blankCopy(BITMAPRECORD* nb, const BITMAPRECORD* bm) noexcept {
 
 // Next chunk end after y0: chunk boundaries lie where the destination column
 // (y, or H - y when the rows are walked from the last) is a multiple of 8.
-uint32_t chunkEnd(uint32_t y0, uint32_t H, bool revY) noexcept {
+// Once on that grid, chunks of 512 rows end where eight chunks of 64 do.
+uint32_t chunkEnd(uint32_t y0, uint32_t H, bool revY, uint32_t rows) noexcept {
     const uint32_t phase = revY ? H % 8 : 0;
-    uint64_t next = uint64_t(y0) + kChunkRows;
+    uint64_t next = uint64_t(y0) + rows;
     next -= (next + 8 - phase) % 8;
     if (next <= y0) next += 8;
     return uint32_t(std::min<uint64_t>(next, H));
+}
+
+// New single-block storage is touched first by the turn, in columns: asking
+// for huge pages before that saves a page fault per 4 KiB and the TLB misses
+// of the column walk. Advice only: nothing depends on it being taken.
+void adviseHugePages(uint8_t* p, uint64_t bytes) noexcept {
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+    constexpr uintptr_t kHuge = uintptr_t(2) << 20;
+    if (!p || bytes < 4 * kHuge) return;
+    const uintptr_t a = (reinterpret_cast<uintptr_t>(p) + kHuge - 1) & ~(kHuge - 1);
+    const uintptr_t e = (reinterpret_cast<uintptr_t>(p) + uintptr_t(bytes)) & ~(kHuge - 1);
+    if (e > a) madvise(reinterpret_cast<void*>(a), size_t(e - a), MADV_HUGEPAGE);
+#else
+    (void)p;
+    (void)bytes;
+#endif
 }
 
 }  // namespace
@@ -153,13 +175,23 @@ int32_t reorientStored(BITMAPRECORD* bm, bool revY, bool revX, bool swapResoluti
         return src.close(status);
     };
     if (!keepUser) {
+        // A single block needs no zero fill: the turn writes every byte of
+        // its rows but the padding, which is cleared below.
+        setNoZeroFill(memoryKind(bm->uFlags));
         st = allocateLike(&nb, bm);
+        setNoZeroFill(false);
         if (st != KS_SUCCESS) return fail(st);
         nbOwned = true;
         st = dst.open();
         if (st != KS_SUCCESS) return fail(st);
     }
     uint8_t* dbase = keepUser ? nullptr : directPixels(&nb);
+    adviseHugePages(dbase, newSize);
+    if (dbase) {
+        const uint64_t used = (uint64_t(H) * uint64_t(bpp) + 7) / 8;
+        if (used < nbpl)
+            for (uint32_t r = 0; r < W; ++r) std::memset(dbase + size_t(r) * nbpl + used, 0, size_t(nbpl - used));
+    }
 
     // Where the turned rows go: straight into the destination, into one
     // temporary block, or band by band through the row layer.
@@ -185,6 +217,7 @@ int32_t reorientStored(BITMAPRECORD* bm, bool revY, bool revX, bool swapResoluti
         if (!staging) return fail(KS_NO_MEMORY);
     }
 
+    const TurnKernel kernel = turnKernel(bpp);
     const uint64_t bands = (uint64_t(W) + bandRows - 1) / bandRows;
     const bool writeBack = viaCopy && !keepUser;
     Progress progress = Progress::status(int64_t(bands) * H + (writeBack ? W : 0), from, to);
@@ -197,7 +230,7 @@ int32_t reorientStored(BITMAPRECORD* bm, bool revY, bool revX, bool swapResoluti
         const uint32_t d0 = revX ? W - c1 : c0;
         uint8_t* out = target ? target + size_t(d0) * nbpl : band.get();
         for (uint32_t y0 = 0; y0 < H;) {
-            const uint32_t y1 = chunkEnd(y0, H, revY);
+            const uint32_t y1 = chunkEnd(y0, H, revY, sbase ? kDirectChunkRows : kChunkRows);
             const uint8_t* sp;
             size_t sstride;
             if (sbase) {
@@ -212,10 +245,16 @@ int32_t reorientStored(BITMAPRECORD* bm, bool revY, bool revX, bool swapResoluti
                 sstride = nbytes;
             }
             const uint32_t col0 = revY ? H - y1 : y0;
-            turnBlock(sp, sstride, out + ((uint64_t(col0) * uint64_t(bpp)) >> 3), nbpl, n, y1 - y0, bpp, revY, revX);
-            done += y1 - y0;
-            st = progress.step(done);
-            if (st != KS_SUCCESS) return fail(st);
+            if (kernel) kernel(sp, sstride, out + ((uint64_t(col0) * uint64_t(bpp)) >> 3), nbpl, n, y1 - y0, revY, revX);
+            // Progress in steps of kChunkRows rows whatever the chunk: the
+            // long chunks end on the same boundaries as the short ones.
+            for (uint32_t p = y0; p < y1;) {
+                const uint32_t q = chunkEnd(p, H, revY, kChunkRows);
+                done += q - p;
+                st = progress.step(done);
+                if (st != KS_SUCCESS) return fail(st);
+                p = q;
+            }
             y0 = y1;
         }
         if (!target) {
