@@ -5,10 +5,13 @@
 // calls stay on the caller, and out-of-memory only costs parallelism.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "ombrix.h"
@@ -33,13 +36,13 @@ struct StatusHook {
 
 // A per-pixel job (the same arithmetic as the benchmark) over a 32-bit image.
 void pixelRows(const uint32_t* src, uint32_t* dst, int width, int y0, int y1) {
-    for (int y = y0; y < y1; ++y)
-        for (int x = 0; x < width; ++x) {
-            uint32_t p = src[size_t(y) * width + x];
-            dst[size_t(y) * width + x] = (p * 2654435761u) ^ (p >> 7) ^ uint32_t(y * 31 + x);
-        }
+    for (size_t i = size_t(y0) * width; i < size_t(y1) * width; ++i)
+        dst[i] = (src[i] * 2654435761u) ^ (src[i] >> 7) ^ uint32_t((i / width) * 31 + i % width);
 }
+const auto kNothing = [](int32_t, int32_t, int32_t) { return 1; };
 
+// Every row exactly once, a slot never runs two bands at once, and the
+// threaded run gives the serial image; bad arguments and empty jobs.
 TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
     CoreCount cc(4);
     const int w = 97;
@@ -47,38 +50,25 @@ TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
         std::vector<uint32_t> src(size_t(w) * h), serial(src.size(), 0xAAAAAAAAu), par(src.size(), 0x55555555u);
         for (size_t i = 0; i < src.size(); ++i) src[i] = uint32_t(i * 7919u);
         std::vector<std::atomic<int>> hits(h);
-        krn::ParallelOptions one;
+        krn::ParallelOptions one, many;
         one.maxThreads = 1;
-        ASSERT_EQ(krn::parallelRows(h, [&](int32_t y0, int32_t y1, int32_t) {
-            pixelRows(src.data(), serial.data(), w, y0, y1);
-            return 1;
-        }, one), 1);
-        int32_t slots = krn::parallelMaxSlots();
-        std::vector<std::atomic<int>> busy(slots);
-        std::atomic<int> overlap{0}, badSlot{0};
-        krn::ParallelOptions many;
         many.bytesPerRow = 0;  // unknown: never counted as small
+        ASSERT_EQ(krn::parallelRows(h, [&](int32_t y0, int32_t y1, int32_t) { return pixelRows(src.data(), serial.data(), w, y0, y1), 1; }, one), 1);
+        const int32_t slots = krn::parallelMaxSlots();
+        std::vector<std::atomic<int>> busy(slots);
+        std::atomic<int> bad{0};
         ASSERT_EQ(krn::parallelRows(h, [&](int32_t y0, int32_t y1, int32_t slot) {
-            if (slot < 0 || slot >= slots) {
-                badSlot++;
-                return 1;
-            }
-            if (busy[slot].exchange(1)) overlap++;
+            if (slot < 0 || slot >= slots || busy[slot].exchange(1)) return ++bad, 1;
             for (int y = y0; y < y1; ++y) hits[y]++;
             pixelRows(src.data(), par.data(), w, y0, y1);
-            busy[slot] = 0;
-            return 1;
+            return busy[slot] = 0, 1;
         }, many), 1) << h;
-        EXPECT_EQ(badSlot.load(), 0);
-        EXPECT_EQ(overlap.load(), 0);
+        EXPECT_EQ(bad.load(), 0) << "a slot out of range or running two bands";
         for (int y = 0; y < h; ++y) ASSERT_EQ(hits[y].load(), 1) << "row " << y << " of " << h;
         ASSERT_EQ(std::memcmp(serial.data(), par.data(), src.size() * 4), 0) << h;
     }
-}
-
-TEST(RuntimeParallel, ArgumentsAndEmptyJobs) {
     EXPECT_EQ(krn::parallelRows(10, krn::RowBandFn(nullptr), nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(krn::parallelRows(-1, [](int32_t, int32_t, int32_t) { return 1; }), KS_INVALID_PARAMETER);
+    EXPECT_EQ(krn::parallelRows(-1, kNothing), KS_INVALID_PARAMETER);
     int calls = 0;
     EXPECT_EQ(krn::parallelRows(0, [&](int32_t, int32_t, int32_t) { return ++calls, 1; }), 1);
     EXPECT_EQ(calls, 0);
@@ -89,63 +79,56 @@ TEST(RuntimeParallel, ArgumentsAndEmptyJobs) {
 
 struct ProgressLog {
     std::vector<int> seen;
-    std::thread::id caller;
+    std::thread::id caller = std::this_thread::get_id();
     bool foreign = false;
-    int stopAt = 1000;
-    int answer = KS_USER_ABORT;
+    int stopAt = 1000, answer = KS_USER_ABORT;
     std::atomic<bool> stopGiven{false};
 };
 int32_t logProgress(int32_t pct, void* user) {
     auto* log = static_cast<ProgressLog*>(user);
-    if (std::this_thread::get_id() != log->caller) log->foreign = true;
+    log->foreign = log->foreign || std::this_thread::get_id() != log->caller;
     log->seen.push_back(pct);
     if (pct < log->stopAt) return 1;
     log->stopGiven = true;
     return log->answer;
 }
 
+// Serial, threaded, and a sub-range for one pass of a longer operation:
+// rising, from..to, on the caller's thread; the copy callback only when asked.
 TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
     CoreCount cc(4);
-    // Serial, threaded, and a sub-range for one pass of a longer operation.
-    const struct {
-        int threads, from, to;
-    } runs[] = {{1, 0, 100}, {0, 0, 100}, {0, 50, 75}};
-    for (const auto& run : runs) {
+    for (auto [threads, from, to] : {std::tuple{1, 0, 100}, {0, 0, 100}, {0, 50, 75}}) {
         ProgressLog log;
-        log.caller = std::this_thread::get_id();
         StatusHook hook(logProgress, &log);
         krn::ParallelOptions o;
-        o.maxThreads = run.threads;
-        o.progressFrom = run.from, o.progressTo = run.to;
-        ASSERT_EQ(krn::parallelRows(3000, [](int32_t, int32_t, int32_t) { return 1; }, o), 1);
+        o.maxThreads = threads;
+        o.progressFrom = from, o.progressTo = to;
+        ASSERT_EQ(krn::parallelRows(3000, kNothing, o), 1);
         ASSERT_GE(log.seen.size(), 2u);
-        EXPECT_EQ(log.seen.front(), run.from);
-        EXPECT_EQ(log.seen.back(), run.to);
-        for (size_t i = 1; i < log.seen.size(); ++i) EXPECT_GT(log.seen[i], log.seen[i - 1]);
-        EXPECT_FALSE(log.foreign);
+        EXPECT_TRUE(log.seen.front() == from && log.seen.back() == to && !log.foreign);
+        EXPECT_TRUE(std::is_sorted(log.seen.begin(), log.seen.end(), std::less_equal<int>()));
     }
-    // The copy status callback is used only when asked for.
     ProgressLog log;
-    log.caller = std::this_thread::get_id();
     STATUSCALLBACK oldFn;
     void* oldUser;
     K_SetCopyStatusCallBack(logProgress, &log, &oldFn, &oldUser);
     krn::ParallelOptions o;
     o.progress = krn::ParallelProgress::None;
-    krn::parallelRows(100, [](int32_t, int32_t, int32_t) { return 1; }, o);
+    krn::parallelRows(100, kNothing, o);
     EXPECT_TRUE(log.seen.empty());
     o.progress = krn::ParallelProgress::CopyStatus;
-    krn::parallelRows(100, [](int32_t, int32_t, int32_t) { return 1; }, o);
+    krn::parallelRows(100, kNothing, o);
     EXPECT_FALSE(log.seen.empty());
     K_SetCopyStatusCallBack(oldFn, oldUser, nullptr, nullptr);
 }
 
-TEST(RuntimeParallel, StopAnswerEndsTheJobWithThatAnswer) {
+// A stop answer ends the job with that answer and nothing starts after it;
+// the first band failure is the result; exceptions become statuses.
+TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
     CoreCount cc(4);
     for (int threads : {1, 0}) {
         for (int answer : {int(KS_USER_ABORT), 0, 2}) {
             ProgressLog log;
-            log.caller = std::this_thread::get_id();
             log.stopAt = 30;
             log.answer = answer;
             StatusHook hook(logProgress, &log);
@@ -153,28 +136,29 @@ TEST(RuntimeParallel, StopAnswerEndsTheJobWithThatAnswer) {
             std::atomic<bool> returned{false};
             krn::ParallelOptions o;
             o.maxThreads = threads;
-            int32_t r = krn::parallelRows(4000, [&](int32_t y0, int32_t y1, int32_t) {
-                if (returned.load()) afterReturn++;
+            const int32_t r = krn::parallelRows(4000, [&](int32_t y0, int32_t y1, int32_t) {
+                afterReturn += returned.load();
                 // Helpers hold their first band until the stop was answered,
                 // so the caller alone reaches 30% whatever the scheduler does.
                 while (std::this_thread::get_id() != log.caller && !log.stopGiven.load())
                     std::this_thread::sleep_for(std::chrono::microseconds(100));
-                rows += y1 - y0;
-                return 1;
+                return rows += y1 - y0, 1;
             }, o);
             returned = true;
             EXPECT_EQ(r, answer);
-            // Nothing starts after the stop: the caller's bands up to 30%
-            // plus at most one band held by each helper (bands are 1/64).
-            int32_t slots = krn::parallelMaxSlots(o);
-            EXPECT_LE(rows.load(), 4000 * 31 / 100 + slots * ((4000 + 63) / 64)) << "stopped late";
+            // The caller's bands up to 30% plus at most one band held by each helper (bands are 1/64).
+            EXPECT_LE(rows.load(), 4000 * 31 / 100 + krn::parallelMaxSlots(o) * ((4000 + 63) / 64)) << "stopped late";
             EXPECT_GE(log.seen.back(), 30);
             EXPECT_EQ(afterReturn.load(), 0);
         }
+        krn::ParallelOptions o;
+        o.maxThreads = threads;
+        std::atomic<int> rows{0};
+        EXPECT_EQ(krn::parallelRows(5000, [&](int32_t y0, int32_t y1, int32_t) { return rows += y1 - y0, (y0 <= 1000 && 1000 < y1) ? -7 : 1; }, o), -7);
+        EXPECT_TRUE(threads == 0 || rows.load() < 5000 / 2) << "bands ran after the failing one";
     }
-    // A stop on the very first report runs nothing.
-    ProgressLog log;
-    log.caller = std::this_thread::get_id();
+    EXPECT_EQ(krn::parallelRows(10, [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); }), KS_NO_MEMORY);
+    ProgressLog log;  // a stop on the very first report runs nothing
     log.stopAt = 0;
     StatusHook hook(logProgress, &log);
     int calls = 0;
@@ -182,83 +166,49 @@ TEST(RuntimeParallel, StopAnswerEndsTheJobWithThatAnswer) {
     EXPECT_EQ(calls, 0);
 }
 
-TEST(RuntimeParallel, FirstBandFailureIsTheResult) {
-    CoreCount cc(4);
-    for (int threads : {1, 0}) {
-        krn::ParallelOptions o;
-        o.maxThreads = threads;
-        std::atomic<int> rows{0};
-        int32_t r = krn::parallelRows(5000, [&](int32_t y0, int32_t y1, int32_t) {
-            rows += y1 - y0;
-            return (y0 <= 1000 && 1000 < y1) ? -7 : 1;
-        }, o);
-        EXPECT_EQ(r, -7);
-        if (threads == 1) {
-            EXPECT_LT(rows.load(), 5000 / 2);  // nothing after the failing band
-        }
-    }
-    // Exceptions thrown by a callable become statuses.
-    EXPECT_EQ(krn::parallelRows(10, [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); }),
-              KS_NO_MEMORY);
-}
-
+// Small jobs, one processor and calls from inside a pool item stay on the
+// caller (nested calls do not wait on the pool).
 TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
     auto onlyCaller = [](const krn::ParallelOptions& o, int h) {
-        std::thread::id me = std::this_thread::get_id();
+        const std::thread::id me = std::this_thread::get_id();
         std::atomic<bool> foreign{false};
-        krn::parallelRows(h, [&](int32_t, int32_t, int32_t slot) {
-            if (std::this_thread::get_id() != me || slot != 0) foreign = true;
-            return 1;
-        }, o);
+        krn::parallelRows(h, [&](int32_t, int32_t, int32_t slot) { return foreign = foreign || std::this_thread::get_id() != me || slot != 0, 1; }, o);
         return !foreign.load();
     };
-    {
-        CoreCount cc(4);
-        krn::ParallelOptions small;
-        small.bytesPerRow = 64;  // 64 x 1000 bytes: below the threshold
-        EXPECT_TRUE(onlyCaller(small, 1000));
-        krn::ParallelOptions big;
-        big.bytesPerRow = 1 << 20;
-        EXPECT_GE(krn::parallelMaxSlots(big), 2);
-    }
     {
         CoreCount cc(1);
         EXPECT_TRUE(onlyCaller(krn::ParallelOptions{}, 5000));
     }
-    // From inside a pool item: serial, and it does not wait on the pool.
     CoreCount cc(4);
-    struct Nested {
-        std::atomic<int> done{0};
-        std::atomic<bool> serial{true};
-    } nested;
+    krn::ParallelOptions small, big;
+    small.bytesPerRow = 64;  // 64 x 1000 bytes: below the threshold
+    big.bytesPerRow = 1 << 20;
+    EXPECT_TRUE(onlyCaller(small, 1000));
+    EXPECT_GE(krn::parallelMaxSlots(big), 2);
+    std::atomic<int> done{0};
     KTWorkItems w;
     ASSERT_EQ(w.Create(8, 0, 0), 1);
     for (int i = 0; i < 8; ++i)
         w.QueueItem([](KTWorkItems*, void* d) {
-            auto* n = static_cast<Nested*>(d);
-            std::thread::id me = std::this_thread::get_id();
-            int32_t r = krn::parallelRows(2000, [&](int32_t, int32_t, int32_t) {
-                if (std::this_thread::get_id() != me) n->serial = false;
-                return 1;
-            });
-            if (r == 1) n->done++;
-            return 1;
-        }, &nested);
+            const std::thread::id me = std::this_thread::get_id();
+            bool serial = true;
+            const int32_t r = krn::parallelRows(2000, [&](int32_t, int32_t, int32_t) { return serial = serial && std::this_thread::get_id() == me, 1; });
+            return *static_cast<std::atomic<int>*>(d) += r == 1 && serial, 1;
+        }, &done);
     w.Wait();
-    EXPECT_EQ(nested.done.load(), 8);
-    EXPECT_TRUE(nested.serial.load());
+    EXPECT_EQ(done.load(), 8);
 }
 
 // Allocation failures only take threads away: the caller does the bands.
 TEST(RuntimeParallel, OutOfMemoryStillCompletesWithoutLeaks) {
     CoreCount cc(4);
-    krn::parallelRows(100, [](int32_t, int32_t, int32_t) { return 1; });  // warm up the pool
-    long live = krn::faultinject::liveBlocks();
-    for (long n = 0; n < 6; ++n) {
+    krn::parallelRows(100, kNothing);  // warm up the pool
+    const long live = krn::faultinject::liveBlocks();
+    for (long n = 0; n < 6; ++n)
         for (long repeat : {1L, -1L}) {
             std::vector<std::atomic<int>> hits(700);
             krn::faultinject::arm(n, repeat);
-            int32_t r = krn::parallelRows(700, [&](int32_t y0, int32_t y1, int32_t) {
+            const int32_t r = krn::parallelRows(700, [&](int32_t y0, int32_t y1, int32_t) {
                 for (int y = y0; y < y1; ++y) hits[y]++;
                 return 1;
             });
@@ -267,7 +217,6 @@ TEST(RuntimeParallel, OutOfMemoryStillCompletesWithoutLeaks) {
             for (int y = 0; y < 700; ++y) ASSERT_EQ(hits[y].load(), 1) << n;
             EXPECT_EQ(krn::faultinject::liveBlocks(), live) << n;
         }
-    }
 }
 
 }  // namespace
