@@ -470,33 +470,6 @@ TEST(RegionsEngine, BadHandlesGiveZeroAndErrno22) {
         EXPECT_EQ(st, KS_INVALID_PARAMETER);
 }
 
-// The Win32 rectangle functions against the pixel sets (InflateRect and
-// OffsetRect: HostileRects).
-TEST(RegionsEngine, RectangleFunctions) {
-    std::mt19937 rng(31);
-    const Mask win(-8, -8, 16, 16);
-    for (int iter = 0; iter < 2000; ++iter) {
-        RECT a{in(rng, -6, 6), in(rng, -6, 6), in(rng, -6, 6), in(rng, -6, 6)}, b, c{9, 9, 9, 9};
-        SetRect(&b, in(rng, -6, 6), in(rng, -6, 6), in(rng, -6, 6), in(rng, -6, 6));
-        auto pixels = [&](const RECT& r) { return r.left < r.right && r.top < r.bottom ? rgntest::rectMask(win, r) : win.blank(); };
-        const Mask ma = pixels(a), mb = pixels(b), inter = ma.combine(mb, 0);
-        RECT want = inter.bounds();
-        ASSERT_EQ(IntersectRect(&c, &a, &b), inter.count() ? 1 : 0);
-        ASSERT_TRUE(EqualRect(&c, &want) && IsRectEmpty(&c) == (inter.count() == 0));
-        // The union is the box of both, an empty one taking no part.
-        want = ma.combine(mb, 1).bounds();
-        ASSERT_EQ(UnionRect(&c, &a, &b), ma.count() + mb.count() ? 1 : 0);
-        ASSERT_TRUE(EqualRect(&c, &want));
-        const POINT p{in(rng, -6, 6), in(rng, -6, 6)};
-        ASSERT_EQ(PtInRect(&a, p), ma.get(p.x, p.y) ? 1 : 0);
-        CopyRect(&c, &a);
-        ASSERT_TRUE(EqualRect(&c, &a));
-    }
-    RECT a{0, 0, 1, 1};
-    EXPECT_EQ(SetRect(nullptr, 0, 0, 1, 1), 0);
-    EXPECT_EQ(IntersectRect(nullptr, &a, &a), 0);
-}
-
 // Every allocation of each call fails in turn: the call fails cleanly, leaks
 // nothing and leaves the destination byte for byte as it was; a call that
 // succeeds despite a failure (a failed shrink) gives the right region.

@@ -377,7 +377,7 @@ RECT bbox(const Pixels& s) {
 bool sameRect(const RECT& a, const RECT& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 RECTD toD(const RECT& r) { return RECTD{double(r.left), double(r.top), double(r.right), double(r.bottom)}; }
 
-// Integer and double forms, results aliasing inputs, against the pixel sets.
+// Integer, double and Win32 forms, results aliasing inputs, against the pixel sets.
 TEST(RuntimeGeometryRect, OperationsMatchThePixelSetOracleInBothForms) {
     std::mt19937 rng(5);
     std::uniform_int_distribution<int> c(-6, 6);
@@ -391,7 +391,7 @@ TEST(RuntimeGeometryRect, OperationsMatchThePixelSetOracleInBothForms) {
         }
         const RECTD da = toD(a), db = toD(b);
         RECTD dr;
-        RECT r, al = a, au = b;
+        RECT r, al = a, au = b, w;
         std::memset(&r, 0x77, sizeof r);
         bool contains = !pb.empty() && !pa.empty();
         for (auto& p : pb) contains = contains && pa.count(p);
@@ -410,6 +410,10 @@ TEST(RuntimeGeometryRect, OperationsMatchThePixelSetOracleInBothForms) {
             {K_RectD_Union(&dr, &da, &db), !uni.empty()}, {sameRect(K_RectD_ToRect(&dr), bbox(uni)), true},
             {(K_Rect_Intersect(&al, &al, &b), sameRect(al, bbox(inter))), true},
             {(K_Rect_Union(&au, &a, &au), sameRect(au, bbox(uni))), true},
+            // The Win32 forms (InflateRect and OffsetRect: HostileRects).
+            {IntersectRect(&w, &a, &b), !inter.empty()}, {sameRect(w, bbox(inter)), true}, {IsRectEmpty(&a), pa.empty()},
+            {UnionRect(&w, &a, &b), !uni.empty()}, {sameRect(w, bbox(uni)), true}, {PtInRect(&a, p), hasP},
+            {CopyRect(&w, &a) && EqualRect(&w, &a), true}, {SetRect(&w, 1, 2, 3, 4) && EqualRect(&w, &b), sameRect(b, RECT{1, 2, 3, 4})},
         };
         for (size_t i = 0; i < std::size(flags); ++i) ASSERT_EQ(flags[i].first, flags[i].second) << "row " << i << " iter " << iter;
         const int dx = c(rng), dy = c(rng);
@@ -478,7 +482,9 @@ TEST(RuntimeGeometryLength, Lengths) {
     K_Matrix_Set(&m, 2, 0, 0, 2, 100, 100);  // offsets do not change lengths
     K_Matrix_Identity(&rot);
     K_Matrix_Rotate(&rot, 33);
-    expectAll({{K_LengthD_Vector(3, 4), 5.0}, {K_LengthD_Vector(3e300, 4e300), 5e300},  // no overflow inside
+    RECT w{};
+    expectAll({{SetRect(nullptr, 0, 0, 1, 1), 0}, {IntersectRect(nullptr, &w, &w), 0}, {K_LengthD_Vector(3, 4), 5.0},
+               {K_LengthD_Vector(3e300, 4e300), 5e300},  // no overflow inside
                {K_LengthD_Between(&a, &b), 5.0}, {K_LengthD_Transform(&m, 3, 4), 10.0}});
     EXPECT_NEAR(K_LengthD_Transform(&rot, 3, 4), 5.0, 1e-12);
 }
