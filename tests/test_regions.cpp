@@ -43,7 +43,8 @@ Mask maskOf(HRGN h) {
 
 // A rectangle, ellipse or polygon made by the API. Polygons have several
 // figures (K_SegmentsToRegion, flag 0 starting each), either fill mode, some
-// points snapped to a coarse grid for shared vertices and horizontal edges.
+// points snapped to a coarse grid for shared vertices and horizontal edges,
+// half of them with the figures apart vertically.
 // The ellipse's mask is read back (it is checked against its equation).
 Shape apiShape(std::mt19937& rng) {
     Shape s;
@@ -52,10 +53,11 @@ Shape apiShape(std::mt19937& rng) {
         std::vector<POINT> pts;
         std::vector<uint8_t> flags;
         std::vector<size_t> starts;
-        for (int f = 1 + int(rng() % 3); f > 0; --f) {
+        const bool apart = rng() & 1;  // figures in separate bands of rows: the rows between are skipped
+        for (int f = 0, figures = 1 + int(rng() % 3); f < figures; ++f) {
             starts.push_back(pts.size());
             for (int i = 0, n = 2 + int(rng() % 10); i < n; ++i) {
-                const POINT p{in(rng, -30, 170), in(rng, -30, 170)};
+                const POINT p{in(rng, -30, 170), apart ? in(rng, 60 * f - 30, 60 * f + 10) : in(rng, -30, 170)};
                 pts.push_back(rng() % 3 ? p : POINT{p.x / 20 * 20, p.y / 20 * 20});
                 flags.push_back(i == 0 ? 0 : 1);
             }
