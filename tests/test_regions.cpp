@@ -158,7 +158,15 @@ TEST(RegionsEngine, RectangleEdgeCases) {
     HRGN p = CreatePolygonRgn(sq, 4, ALTERNATE), one = CreatePolygonRgn(sq, 1, WINDING);
     EXPECT_EQ(rgntest::regionData(p), rgntest::regionData(b));
     EXPECT_EQ(GetRgnBox(one, &box), NULLREGION);
-    for (HRGN h : {e, a, b, p, one}) DeleteObject(h);
+    // Staggered combs of 40 runs a row (the split merge): runs [4k, 4k + 2)
+    // and [4k + 1, 4k + 4) meet in [4k + 1, 4k + 2) under AND.
+    Mask ma = kWin.blank(), mb = kWin.blank();
+    for (int y = 0; y < 3; ++y)
+        for (int x = 0; x < 160; ++x) ma.set(x, y, x % 4 < 2), mb.set(x, y, x % 4 > 0);
+    HRGN ca = rgntest::regionOfMask(ma), cb = rgntest::regionOfMask(mb);
+    EXPECT_EQ(CombineRgn(e, ca, cb, RGN_AND), COMPLEXREGION);
+    EXPECT_TRUE(maskOf(e) == ma.combine(mb, 0)) << maskOf(e).describeDiff(ma.combine(mb, 0));
+    for (HRGN h : {e, a, b, p, one, ca, cb}) DeleteObject(h);
 }
 
 // Every mode in both orders into a destination with blocks of its own, the
