@@ -2,7 +2,9 @@
 // matrices (products, inverses, transforms, builders) against a six-double
 // reference over random values of every type, including type-0 records whose
 // values are garbage; rectangles against a pixel-set oracle; the double
-// forms against the integer forms; the documented comparison edge cases.
+// forms against the integer forms; the documented comparison edge cases;
+// the fixed-point sine table against a long-double computation, its
+// quadrant folding and angles outside the turn.
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -13,6 +15,7 @@
 #include <utility>
 
 #include "ombrix.h"
+#include "krn/common/sine.h"
 
 namespace {
 
@@ -31,18 +34,16 @@ Ref mul(const Ref& a, const Ref& b) {
             a.ox * b.m11 + a.oy * b.m21 + b.ox,  a.ox * b.m12 + a.oy * b.m22 + b.oy};
 }
 Ref inverse(const Ref& a) {
-    double det = a.m11 * a.m22 - a.m12 * a.m21;
-    Ref r{a.m22 / det, -a.m12 / det, -a.m21 / det, a.m11 / det, 0, 0};
-    r.ox = -(a.ox * r.m11 + a.oy * r.m21);
-    r.oy = -(a.ox * r.m12 + a.oy * r.m22);
-    return r;
+    const double det = a.m11 * a.m22 - a.m12 * a.m21;
+    const Ref r{a.m22 / det, -a.m12 / det, -a.m21 / det, a.m11 / det, 0, 0};
+    return {r.m11, r.m12, r.m21, r.m22, -(a.ox * r.m11 + a.oy * r.m21), -(a.ox * r.m12 + a.oy * r.m22)};
 }
 int refType(const Ref& m) {
     if (m.m12 != 0 || m.m21 != 0) return 4;
     return ((m.m11 == 1 && m.m22 == 1) ? 0 : 2) | ((m.ox != 0 || m.oy != 0) ? 1 : 0);
 }
-void applyPoint(const Ref& m, double& x, double& y) {
-    double nx = x * m.m11 + y * m.m21 + m.ox, ny = x * m.m12 + y * m.m22 + m.oy;
+void applyPoint(const Ref& m, double& x, double& y, bool vector = false) {
+    const double nx = x * m.m11 + y * m.m21 + (vector ? 0 : m.ox), ny = x * m.m12 + y * m.m22 + (vector ? 0 : m.oy);
     x = nx, y = ny;
 }
 
@@ -83,13 +84,7 @@ struct Gen {
 // A table of (got, want) pairs checked in one loop; the index names the row.
 void expectAll(std::initializer_list<std::pair<double, double>> rows) {
     int i = 0;
-    for (const auto& [got, want] : rows) {
-        if (std::isnan(want))
-            EXPECT_TRUE(std::isnan(got)) << "row " << i;
-        else
-            EXPECT_EQ(got, want) << "row " << i;
-        ++i;
-    }
+    for (const auto& [got, want] : rows) EXPECT_EQ(got, want) << "row " << i++;
 }
 
 // ---------------------------------------------------------------- doubles
@@ -264,53 +259,43 @@ TEST(RuntimeGeometryMatrix, InverseMatchesReferenceAndUndoes) {
 TEST(RuntimeGeometryMatrix, TransformsMatchReference) {
     Gen g(3);
     std::uniform_real_distribution<double> d(-100, 100);
-    auto near = [](const POINTD& p, double x, double y) { return close(p.x, x, 100) && close(p.y, y, 100); };
     for (int iter = 0; iter < 3000; ++iter) {
-        int t = iter % 5;
-        SCOPED_TRACE("type " + std::to_string(t));
-        KMATRIX m = g.matrix(t);
-        Ref r = refOf(m);
-        POINTD pts[3], vec[3];
-        double wx[3], wy[3], vx[3], vy[3];
-        for (int i = 0; i < 3; ++i) {
+        KMATRIX m = g.matrix(iter % 5);
+        const Ref r = refOf(m);
+        // Points and vectors, one at a time and three at once.
+        POINTD pts[4], vec[4];
+        double want[4][4];
+        for (int i = 0; i < 4; ++i) {
             pts[i] = vec[i] = {d(g.rng), d(g.rng)};
-            wx[i] = pts[i].x, wy[i] = pts[i].y;
-            applyPoint(r, wx[i], wy[i]);
-            vx[i] = pts[i].x * r.m11 + pts[i].y * r.m21;
-            vy[i] = pts[i].x * r.m12 + pts[i].y * r.m22;
+            want[i][0] = want[i][2] = pts[i].x, want[i][1] = want[i][3] = pts[i].y;
+            applyPoint(r, want[i][0], want[i][1]);
+            applyPoint(r, want[i][2], want[i][3], true);
         }
-        POINTD one = pts[0], onev = vec[0];
-        K_Matrix_TransformPoint(&m, &one);
-        K_Matrix_TransformVector(&m, &onev);
+        K_Matrix_TransformPoint(&m, &pts[3]);
+        K_Matrix_TransformVector(&m, &vec[3]);
         K_Matrix_TransformPoints(&m, pts, 3);
         K_Matrix_TransformVectors(&m, vec, 3);
-        ASSERT_TRUE(near(one, wx[0], wy[0]) && near(onev, vx[0], vy[0]));
-        for (int i = 0; i < 3; ++i) ASSERT_TRUE(near(pts[i], wx[i], wy[i]) && near(vec[i], vx[i], vy[i]));
-        // Rectangles: bounding box of the four transformed corners.
-        double l = d(g.rng), tp = d(g.rng);
-        RECTD rc{l, tp, l + 1 + std::fabs(d(g.rng)), tp + 1 + std::fabs(d(g.rng))};
+        for (int i = 0; i < 4; ++i)
+            ASSERT_TRUE(close(pts[i].x, want[i][0], 100) && close(pts[i].y, want[i][1], 100) && close(vec[i].x, want[i][2], 100) &&
+                        close(vec[i].y, want[i][3], 100)) << "type " << iter % 5 << " point " << i;
+        // Rectangles: bounding box of the four transformed corners, both entry points.
+        const double l = d(g.rng), tp = d(g.rng);
+        RECTD rc{l, tp, l + 1 + std::fabs(d(g.rng)), tp + 1 + std::fabs(d(g.rng))}, rc2 = rc;
         double cx[4] = {rc.left, rc.right, rc.left, rc.right}, cy[4] = {rc.top, rc.top, rc.bottom, rc.bottom};
-        double minx = INFINITY, maxx = -INFINITY, miny = INFINITY, maxy = -INFINITY;
-        for (int i = 0; i < 4; ++i) {
-            applyPoint(r, cx[i], cy[i]);
-            minx = std::min(minx, cx[i]), maxx = std::max(maxx, cx[i]);
-            miny = std::min(miny, cy[i]), maxy = std::max(maxy, cy[i]);
-        }
-        RECTD rc2 = rc;
+        for (int i = 0; i < 4; ++i) applyPoint(r, cx[i], cy[i]);
         K_Matrix_TransformRect(&m, &rc);
         K_RectD_Transform(&rc2, &m);
-        ASSERT_TRUE(close(rc.left, minx, 100) && close(rc.right, maxx, 100) && close(rc.top, miny, 100) &&
-                    close(rc.bottom, maxy, 100));
+        ASSERT_TRUE(close(rc.left, *std::min_element(cx, cx + 4), 100) && close(rc.right, *std::max_element(cx, cx + 4), 100) &&
+                    close(rc.top, *std::min_element(cy, cy + 4), 100) && close(rc.bottom, *std::max_element(cy, cy + 4), 100));
         ASSERT_EQ(std::memcmp(&rc, &rc2, sizeof rc), 0);
     }
     KMATRIX m;
     K_Matrix_Set(&m, 2, 0, 0, 2, 1, 1);
     RECTD empty{5, 5, 5, 9};
-    K_Matrix_TransformRect(&m, &empty);
-    EXPECT_TRUE(empty.left == 5 && empty.bottom == 9);  // empty rectangles are left as they are
     POINTD p{1, 1};
+    K_Matrix_TransformRect(&m, &empty);  // empty rectangles are left as they are
     K_Matrix_TransformPoints(&m, &p, 0);
-    EXPECT_EQ(p.x, 1);
+    expectAll({{empty.left, 5}, {empty.bottom, 9}, {p.x, 1}});
 }
 
 // Builders against matrices the test assembles itself. Builder k: even k
@@ -388,61 +373,53 @@ Pixels pixels(const RECT& r) {
     return s;
 }
 RECT bbox(const Pixels& s) {
-    if (s.empty()) return RECT{0, 0, 0, 0};
     RECT r{INT32_MAX, INT32_MAX, INT32_MIN, INT32_MIN};
-    for (auto& p : s) {
-        r.left = std::min(r.left, p.first), r.right = std::max(r.right, p.first + 1);
-        r.top = std::min(r.top, p.second), r.bottom = std::max(r.bottom, p.second + 1);
-    }
-    return r;
+    for (auto& p : s) r = RECT{std::min(r.left, p.first), std::min(r.top, p.second), std::max(r.right, p.first + 1), std::max(r.bottom, p.second + 1)};
+    return s.empty() ? RECT{0, 0, 0, 0} : r;
 }
-bool sameRect(const RECT& a, const RECT& b) {
-    return a.left == b.left && a.top == b.top && a.right == b.right && a.bottom == b.bottom;
-}
+bool sameRect(const RECT& a, const RECT& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 RECTD toD(const RECT& r) { return RECTD{double(r.left), double(r.top), double(r.right), double(r.bottom)}; }
 
+// Integer, double and Win32 forms, results aliasing inputs, against the pixel sets.
 TEST(RuntimeGeometryRect, OperationsMatchThePixelSetOracleInBothForms) {
     std::mt19937 rng(5);
     std::uniform_int_distribution<int> c(-6, 6);
     for (int iter = 0; iter < 5000; ++iter) {
-        RECT a{c(rng), c(rng), c(rng), c(rng)}, b{c(rng), c(rng), c(rng), c(rng)};
-        Pixels pa = pixels(a), pb = pixels(b), inter, uni = pb;
+        const RECT a{c(rng), c(rng), c(rng), c(rng)}, b{c(rng), c(rng), c(rng), c(rng)};
+        const Pixels pa = pixels(a), pb = pixels(b);
+        Pixels inter, uni = pb;
         for (auto& p : pa) {
             if (pb.count(p)) inter.insert(p);
             uni.insert(p);
         }
-        RECTD da = toD(a), db = toD(b), dr;
-        ASSERT_EQ(K_Rect_IsEmpty(&a), pa.empty());
-        ASSERT_EQ(K_RectD_IsEmpty(&da), pa.empty());
-        RECT r;
+        const RECTD da = toD(a), db = toD(b);
+        RECTD dr;
+        RECT r, al = a, au = b, w;
         std::memset(&r, 0x77, sizeof r);
-        ASSERT_EQ(K_Rect_Intersect(&r, &a, &b), !inter.empty());
-        ASSERT_TRUE(sameRect(r, bbox(inter)));
-        ASSERT_EQ(pixels(r), inter);  // the intersection of rectangles is a rectangle
-        ASSERT_EQ(K_Rect_IntersectsWith(&a, &b), !inter.empty());
-        ASSERT_EQ(K_RectD_Intersect(&dr, &da, &db), !inter.empty());
-        ASSERT_TRUE(sameRect(K_RectD_ToRect(&dr), bbox(inter)));
-        ASSERT_EQ(K_RectD_IntersectsWith(&da, &db), !inter.empty());
-        ASSERT_EQ(K_Rect_Union(&r, &a, &b), !uni.empty());
-        ASSERT_TRUE(sameRect(r, bbox(uni)));
-        ASSERT_EQ(K_RectD_Union(&dr, &da, &db), !uni.empty());
-        ASSERT_TRUE(sameRect(K_RectD_ToRect(&dr), bbox(uni)));
         bool contains = !pb.empty() && !pa.empty();
         for (auto& p : pb) contains = contains && pa.count(p);
-        ASSERT_EQ(K_Rect_ContainsRect(&a, &b), contains);
-        ASSERT_EQ(K_RectD_ContainsRect(&da, &db), contains);
-        POINT p{c(rng), c(rng)};
-        POINTD pd{double(p.x), double(p.y)};
-        ASSERT_EQ(K_Rect_ContainsPoint(&a, &p), pa.count({p.x, p.y}) == 1);
-        ASSERT_EQ(K_RectD_ContainsPoint(&da, &pd), pa.count({p.x, p.y}) == 1);
-        // Aliasing: result is an input.
-        RECT al = a;
-        K_Rect_Intersect(&al, &al, &b);
-        ASSERT_TRUE(sameRect(al, bbox(inter)));
-        al = b;
-        K_Rect_Union(&al, &a, &al);
-        ASSERT_TRUE(sameRect(al, bbox(uni)));
-        int dx = c(rng), dy = c(rng);
+        const POINT p{c(rng), c(rng)};
+        const POINTD pd{double(p.x), double(p.y)};
+        const bool hasP = pa.count({p.x, p.y}) == 1;
+        const std::pair<int, int> flags[] = {  // exact results: 1 is true
+            {K_Rect_IsEmpty(&a), pa.empty()}, {K_RectD_IsEmpty(&da), pa.empty()},
+            {K_Rect_IntersectsWith(&a, &b), !inter.empty()}, {K_RectD_IntersectsWith(&da, &db), !inter.empty()},
+            {K_Rect_ContainsRect(&a, &b), contains}, {K_RectD_ContainsRect(&da, &db), contains},
+            {K_Rect_ContainsPoint(&a, &p), hasP}, {K_RectD_ContainsPoint(&da, &pd), hasP},
+            {K_Rect_Intersect(&r, &a, &b), !inter.empty()}, {sameRect(r, bbox(inter)), true},
+            {pixels(r) == inter, true},  // the intersection of rectangles is a rectangle
+            {K_RectD_Intersect(&dr, &da, &db), !inter.empty()}, {sameRect(K_RectD_ToRect(&dr), bbox(inter)), true},
+            {K_Rect_Union(&r, &a, &b), !uni.empty()}, {sameRect(r, bbox(uni)), true},
+            {K_RectD_Union(&dr, &da, &db), !uni.empty()}, {sameRect(K_RectD_ToRect(&dr), bbox(uni)), true},
+            {(K_Rect_Intersect(&al, &al, &b), sameRect(al, bbox(inter))), true},
+            {(K_Rect_Union(&au, &a, &au), sameRect(au, bbox(uni))), true},
+            // The Win32 forms (InflateRect and OffsetRect: HostileRects).
+            {IntersectRect(&w, &a, &b), !inter.empty()}, {sameRect(w, bbox(inter)), true}, {IsRectEmpty(&a), pa.empty()},
+            {UnionRect(&w, &a, &b), !uni.empty()}, {sameRect(w, bbox(uni)), true}, {PtInRect(&a, p), hasP},
+            {CopyRect(&w, &a) && EqualRect(&w, &a), true}, {SetRect(&w, 1, 2, 3, 4) && EqualRect(&w, &b), sameRect(b, RECT{1, 2, 3, 4})},
+        };
+        for (size_t i = 0; i < std::size(flags); ++i) ASSERT_EQ(flags[i].first, flags[i].second) << "row " << i << " iter " << iter;
+        const int dx = c(rng), dy = c(rng);
         RECT o = a, inf = a;
         RECTD od = da;
         K_Rect_Offset(&o, dx, dy);
@@ -451,9 +428,8 @@ TEST(RuntimeGeometryRect, OperationsMatchThePixelSetOracleInBothForms) {
         ASSERT_TRUE(sameRect(o, RECT{a.left + dx, a.top + dy, a.right + dx, a.bottom + dy}));
         ASSERT_TRUE(sameRect(K_RectD_ToRect(&od), o) || K_Rect_IsEmpty(&o));
         ASSERT_TRUE(sameRect(inf, RECT{a.left - dx, a.top - dy, a.right + dx, a.bottom + dy}));
-        ASSERT_EQ(K_Rect_Width(&a), a.right - a.left);
-        ASSERT_EQ(K_Rect_Height(&a), a.bottom - a.top);
-        ASSERT_EQ(K_RectD_Width(&da), double(a.right - a.left));
+        ASSERT_TRUE(K_Rect_Width(&a) == a.right - a.left && K_Rect_Height(&a) == a.bottom - a.top &&
+                    K_RectD_Width(&da) == double(a.right - a.left));
     }
 }
 
@@ -509,9 +485,54 @@ TEST(RuntimeGeometryLength, Lengths) {
     K_Matrix_Set(&m, 2, 0, 0, 2, 100, 100);  // offsets do not change lengths
     K_Matrix_Identity(&rot);
     K_Matrix_Rotate(&rot, 33);
-    expectAll({{K_LengthD_Vector(3, 4), 5.0}, {K_LengthD_Vector(3e300, 4e300), 5e300},  // no overflow inside
+    RECT w{};
+    expectAll({{SetRect(nullptr, 0, 0, 1, 1), 0}, {IntersectRect(nullptr, &w, &w), 0}, {K_LengthD_Vector(3, 4), 5.0},
+               {K_LengthD_Vector(3e300, 4e300), 5e300},  // no overflow inside
                {K_LengthD_Between(&a, &b), 5.0}, {K_LengthD_Transform(&m, 3, 4), 10.0}});
     EXPECT_NEAR(K_LengthD_Transform(&rot, 3, 4), 5.0, 1e-12);
+}
+
+// ---------------------------------------------------------------- fixed-point sine
+// sin or cos of a/100 degrees times 16384, in long double.
+long double exactScaled(long double hundredths, bool sine) {
+    const long double rad = hundredths * 3.141592653589793238462643383279502884L / 18000.0L;
+    return (sine ? std::sin(rad) : std::cos(rad)) * 16384.0L;
+}
+
+// Round half up, decided only when the product is clearly away from a tie:
+// the margin is far above long double's error and far below the generator's
+// 1e-5 nearest tie. 0, 30 and 90 degrees are exact (0, 8192, 16384).
+TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRule) {
+    const int32_t* t = krn::sineTable();
+    for (int a = 0; a <= 9000; ++a) {
+        const long double v = exactScaled(a, true), frac = v - std::floor(v);
+        const bool exact = a == 0 || a == 3000 || a == 9000;
+        ASSERT_TRUE(exact || std::fabs(frac - 0.5L) > 1e-9L) << "too close to a tie to decide: " << a;
+        ASSERT_EQ(t[a], exact ? int32_t(std::lround(v)) : int32_t(std::floor(v + 0.5L))) << "entry " << a;
+    }
+    EXPECT_TRUE(t[1] == 3 && t[4500] == 11585);
+}
+
+// Over the whole turn the folded value is within half a unit of the true one
+// (folding a negative value may round the other way) and keeps the symmetries.
+TEST(RuntimeSine, FoldingMatchesTheTrueFunctionsOverTheWholeTurn) {
+    for (int a = 0; a <= 36000; ++a) {
+        const int32_t gs = K_SinValue(a), gc = K_CosValue(a);
+        ASSERT_LE(std::fabs(gs - exactScaled(a, true)), 0.5L + 1e-9L) << a;
+        ASSERT_LE(std::fabs(gc - exactScaled(a, false)), 0.5L + 1e-9L) << a;
+        ASSERT_TRUE(gs == -K_SinValue(36000 - a) && gc == K_CosValue(36000 - a)) << a;
+        ASSERT_TRUE(a > 18000 || gs == K_SinValue(18000 - a)) << a;
+        ASSERT_TRUE(a > 9000 || gs == K_CosValue(9000 - a)) << a;
+    }
+}
+
+TEST(RuntimeSine, AnglesOutsideTheTurnWrapModulo36000) {
+    for (int32_t a : {-1, -4500, -9000, -36000, -36001, 36001, 45000, 72000, 123457, -987654, INT32_MAX, INT32_MIN,
+                      INT32_MIN + 1, 99999999}) {
+        const int32_t r = int32_t(((int64_t(a) % 36000) + 36000) % 36000);
+        EXPECT_TRUE(K_SinValue(a) == K_SinValue(r) && K_CosValue(a) == K_CosValue(r)) << a;
+    }
+    EXPECT_TRUE(K_SinValue(-9000) == -16384 && K_CosValue(-18000) == -16384 && K_CosValue(4500) == 11585);
 }
 
 }  // namespace

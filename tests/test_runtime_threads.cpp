@@ -1,18 +1,27 @@
 // test_runtime_threads.cpp - thread tools under stress: events, reader/writer
-// locks in both lock modes, work items (many items, cancel while others run,
-// fewer items than announced, count 0, single-thread mode, out of memory),
-// the pool (including process exit while work is queued), critical sections.
+// locks in both lock modes, work items (many items, concurrent owners,
+// cancel while others run, fewer items than announced, count 0,
+// single-thread mode, out of memory), the pool (including process exit
+// while work is queued and shutdown), critical sections; and the parallel
+// row helper built on them (every row once, the serial image, ordered
+// progress on the caller's thread, stop answers and band failures, small
+// and nested jobs on the caller, out of memory costing only parallelism).
 // Everything here is meant to run clean under ThreadSanitizer too.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "ombrix.h"
 #include "krn/common/memory.h"
+#include "krn/common/parallel.h"
 #include "ktthreading_.h"
 
 namespace {
@@ -22,11 +31,8 @@ using Clock = std::chrono::steady_clock;
 
 template <class P>
 bool waitUntil(P pred, std::chrono::milliseconds limit = 10s) {
-    auto end = Clock::now() + limit;
-    while (!pred()) {
+    for (auto end = Clock::now() + limit; !pred(); std::this_thread::sleep_for(1ms))
         if (Clock::now() > end) return false;
-        std::this_thread::sleep_for(1ms);
-    }
     return true;
 }
 
@@ -37,77 +43,65 @@ struct CoreCount {
     ~CoreCount() { ktt::testhook::setCoreCount(0); }
 };
 
-// Items that block need two pool workers (one blocked, one free).
-bool poolHasTwoWorkers() {
+int countItem(KTWorkItems*, void* data) {
+    static_cast<std::atomic<int>*>(data)->fetch_add(1);
+    return 1;
+}
+// Queues n counting items, waits, and gives how many ran.
+int runCounted(KTWorkItems& w, int n) {
     std::atomic<int> ran{0};
-    KTThreadPool::QueueUserWorkItem([](void* c) { static_cast<std::atomic<int>*>(c)->fetch_add(1); return 1; },
-                                    &ran, 0);
-    waitUntil([&] { return ran.load() == 1; });
-    return KTThreadPool::GetThreadCount() >= 2;
+    for (int i = 0; i < n; ++i) w.QueueItem(countItem, &ran);
+    w.Wait();
+    return ran.load();
 }
 
 // ---------------------------------------------------------------- events
-TEST(RuntimeEvent, ManualAutoResetTimeOutAndCrossThreadSignal) {
-    KTWaitEvent none;  // without a handle everything succeeds
+TEST(RuntimeEvent, ManualAutoResetTimeOutSignalAndOutOfMemory) {
+    KTWaitEvent none, m, a;  // without a handle everything succeeds
     EXPECT_EQ(none.IsCreated(), 0);
     for (int32_t r : {none.WaitOne(0), none.WaitOne(KT_INFINITE), none.Set(), none.Reset()}) EXPECT_EQ(r, 1);
     none.Destroy();
-    KTWaitEvent m;
-    ASSERT_EQ(m.Create(1, 0), 1);
+    ASSERT_EQ(m.Create(1, 0), 1);  // manual reset: stays signalled
     EXPECT_EQ(m.WaitOne(0), KS_USER_ABORT);
     m.Set();
-    EXPECT_EQ(m.WaitOne(0), 1);
-    EXPECT_EQ(m.WaitOne(0), 1);  // stays signalled
+    EXPECT_TRUE(m.WaitOne(0) == 1 && m.WaitOne(0) == 1);
     m.Reset();
     EXPECT_EQ(m.WaitOne(0), KS_USER_ABORT);
-    KTWaitEvent a;
-    ASSERT_EQ(a.Create(0, 1), 1);  // initially signalled
+    ASSERT_EQ(a.Create(0, 1), 1);  // auto reset, initially signalled: consumed by one wait
     EXPECT_EQ(a.WaitOne(0), 1);
-    EXPECT_EQ(a.WaitOne(0), KS_USER_ABORT);  // consumed
+    EXPECT_EQ(a.WaitOne(0), KS_USER_ABORT);
     auto t0 = Clock::now();
     EXPECT_EQ(a.WaitOne(60), KS_USER_ABORT);
     EXPECT_GE(Clock::now() - t0, 55ms);
-    std::thread setter([&] {
-        std::this_thread::sleep_for(20ms);
-        a.Set();
-    });
+    std::thread setter([&] { std::this_thread::sleep_for(20ms), a.Set(); });
     EXPECT_EQ(a.WaitOne(KT_INFINITE), 1);
     setter.join();
-    // Re-creating replaces the event and its state.
-    ASSERT_EQ(a.Create(1, 1), 1);
-    EXPECT_EQ(a.WaitOne(0), 1);
-    EXPECT_EQ(a.WaitOne(0), 1);
+    ASSERT_EQ(a.Create(1, 1), 1);  // re-creating replaces the event and its state
+    EXPECT_TRUE(a.WaitOne(0) == 1 && a.WaitOne(0) == 1);
+    // Out of memory: no event, nothing leaked.
+    KTWaitEvent e;
+    const long live = krn::faultinject::liveBlocks();
+    krn::faultinject::arm(0, 1);
+    EXPECT_EQ(e.Create(1, 1), KS_NO_MEMORY);
+    krn::faultinject::disarm();
+    EXPECT_TRUE(e.IsCreated() == 0 && e.WaitOne(0) == 1);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
 }
 
 // An auto-reset event releases exactly one waiter per Set.
 TEST(RuntimeEvent, AutoResetReleasesOneWaiterPerSet) {
     KTWaitEvent e;
     ASSERT_EQ(e.Create(0, 0), 1);
-    constexpr int kWaiters = 6;
     std::atomic<int> released{0};
     std::vector<std::thread> ts;
-    for (int i = 0; i < kWaiters; ++i)
-        ts.emplace_back([&] {
-            if (e.WaitOne(KT_INFINITE) == 1) released.fetch_add(1);
-        });
-    for (int i = 1; i <= kWaiters; ++i) {
+    for (int i = 0; i < 6; ++i) ts.emplace_back([&] { released += e.WaitOne(KT_INFINITE) == 1; });
+    for (int i = 1; i <= 6; ++i) {
         e.Set();
         ASSERT_TRUE(waitUntil([&] { return released.load() == i; })) << i;
         std::this_thread::sleep_for(5ms);
         ASSERT_EQ(released.load(), i);  // no second waiter slipped through
     }
     for (auto& t : ts) t.join();
-}
-
-TEST(RuntimeEvent, CreateOutOfMemoryLeavesNoEvent) {
-    KTWaitEvent e;
-    long live = krn::faultinject::liveBlocks();
-    krn::faultinject::arm(0, 1);
-    EXPECT_EQ(e.Create(1, 1), KS_NO_MEMORY);
-    krn::faultinject::disarm();
-    EXPECT_EQ(e.IsCreated(), 0);
-    EXPECT_EQ(e.WaitOne(0), 1);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
 }
 
 // ---------------------------------------------------------------- reader/writer lock
@@ -117,55 +111,40 @@ protected:
     void TearDown() override { ktt::testhook::forceLockFallback(false); }
 };
 
-TEST_P(RuntimeLock, NotCreatedLockDoesNothing) {
+// A lock never created does nothing (a second writer would deadlock a real
+// one); items release only the hold they took, move with their hold, and
+// time out without one.
+TEST_P(RuntimeLock, ItemsReleaseTheMatchingHold) {
     KTReaderWriterLock l;
     EXPECT_EQ(l.IsCreated(), 0);
-    KTReaderWriterLockItem r = l.AcquireReaderLock();
-    KTReaderWriterLockItem w = l.AcquireWriterLock();  // would deadlock on a real lock
-    EXPECT_EQ(r.IsHeld(), 0);
-    EXPECT_EQ(w.IsHeld(), 0);
+    KTReaderWriterLockItem r = l.AcquireReaderLock(), w = l.AcquireWriterLock();
+    EXPECT_TRUE(r.IsHeld() == 0 && w.IsHeld() == 0);
     l.Lock();
     l.Lock();
     l.Unlock();
     l.ReleaseWriterLock();
-    // Created in between: the empty items release nothing.
-    ASSERT_EQ(l.Create(), 1);
+    ASSERT_EQ(l.Create(), 1);  // created in between: the empty items release nothing
     r.Release();
     w.Release();
-    KTReaderWriterLockItem x = l.AcquireWriterLock();
-    EXPECT_EQ(x.IsHeld(), 1);
-    EXPECT_EQ(x.IsReader(), 0);
-}
-
-TEST_P(RuntimeLock, ItemsReleaseTheMatchingHold) {
-    KTReaderWriterLock l;
-    ASSERT_EQ(l.Create(), 1);
     EXPECT_EQ(KTThreadToolsUnmanaged::HasSlimLocks(), GetParam() ? 0 : 1);
     {
-        KTReaderWriterLockItem a = KTReaderWriterLock::Acquire(&l, 1);
+        KTReaderWriterLockItem a = KTReaderWriterLock::Acquire(&l, 1), other;
         EXPECT_EQ(a.IsReader(), 1);
         KTReaderWriterLockItem moved(std::move(a));
-        EXPECT_EQ(a.IsHeld(), 0);
-        EXPECT_EQ(moved.IsHeld(), 1);
+        EXPECT_TRUE(a.IsHeld() == 0 && moved.IsHeld() == 1);
     }
     {
-        KTReaderWriterLockItem w = KTReaderWriterLock::Acquire(&l, 0);
-        EXPECT_EQ(w.IsHeld(), 1);
-        EXPECT_EQ(w.IsReader(), 0);
-        KTReaderWriterLockItem other;
-        other = std::move(w);
+        KTReaderWriterLockItem x = KTReaderWriterLock::Acquire(&l, 0), other;
+        EXPECT_TRUE(x.IsHeld() == 1 && x.IsReader() == 0);
+        other = std::move(x);
         EXPECT_EQ(other.IsHeld(), 1);
     }
     EXPECT_EQ(KTReaderWriterLock::Acquire(nullptr, 1).IsHeld(), 0);
     EXPECT_EQ(l.AcquireReaderLock(0).IsHeld(), 0);
     EXPECT_EQ(l.AcquireWriterLock(0).IsHeld(), 0);
-    // After the holds above are gone another thread can take the writer hold.
+    // With the holds above gone another thread takes the writer hold at once.
     std::atomic<bool> got{false};
-    std::thread t([&] {
-        KTReaderWriterLockItem w = l.AcquireWriterLock(1);
-        got = w.IsHeld() == 1;
-    });
-    t.join();
+    std::thread([&] { got = l.AcquireWriterLock(1).IsHeld() == 1; }).join();
     EXPECT_TRUE(got.load());
     l.Destroy();
     EXPECT_EQ(l.IsCreated(), 0);
@@ -199,194 +178,142 @@ TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThem) {
     }
 }
 
-// Readers and writers contending: writers keep two plain fields equal under
-// the exclusive hold; a reader that ever sees them differ proves a hole.
+// Writers keep two plain fields equal under the exclusive hold; a reader
+// that ever sees them differ proves a hole.
 TEST_P(RuntimeLock, ReadersAndWritersContending) {
     KTReaderWriterLock l;
     ASSERT_EQ(l.Create(), 1);
     long a = 0, b = 0;
     std::atomic<long> torn{0}, reads{0};
     std::atomic<bool> stop{false};
-    std::vector<std::thread> ts;
+    std::vector<std::thread> readers, writers;
     for (int i = 0; i < 3; ++i)
-        ts.emplace_back([&] {
+        readers.emplace_back([&] {
             while (!stop.load(std::memory_order_relaxed)) {
                 KTReaderWriterLockItem r = l.AcquireReaderLock();
-                if (a != b) torn.fetch_add(1);
+                torn += a != b;
                 reads.fetch_add(1, std::memory_order_relaxed);
             }
         });
     for (int i = 0; i < 2; ++i)
-        ts.emplace_back([&] {
-            // Let the readers in first, so that they really contend with the writers.
-            while (reads.load(std::memory_order_relaxed) == 0) std::this_thread::yield();
+        writers.emplace_back([&] {
+            while (reads.load(std::memory_order_relaxed) == 0) std::this_thread::yield();  // contend for real
             for (int k = 0; k < 20000; ++k) {
                 KTReaderWriterLockItem w = l.AcquireWriterLock();
-                ++a;
-                ++b;
+                ++a, ++b;
             }
         });
-    for (int i = 3; i < 5; ++i) ts[i].join();
+    for (auto& t : writers) t.join();
     stop = true;
-    for (int i = 0; i < 3; ++i) ts[i].join();
+    for (auto& t : readers) t.join();
     EXPECT_EQ(torn.load(), 0);
-    EXPECT_EQ(a, 40000);
-    EXPECT_EQ(b, 40000);
-    EXPECT_GT(reads.load(), 0);
+    EXPECT_TRUE(a == 40000 && b == 40000);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, RuntimeLock, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "SectionFallback" : "Slim"; });
 
 // ---------------------------------------------------------------- work items
-int countItem(KTWorkItems*, void* data) {
-    static_cast<std::atomic<int>*>(data)->fetch_add(1);
-    return 1;
-}
-
-TEST(RuntimeWorkItems, ManyItemsAllRunOnce) {
+// Many items run once each; several owners at once; item results become the
+// status only with KTWI_ITEM_STATUS; re-creating and destroying reset it.
+TEST(RuntimeWorkItems, ItemsRunOnceAndResultsBecomeTheStatusOnlyWithFlag4) {
     CoreCount cc(4);
     KTWorkItems w;
-    constexpr int kItems = 5000;
-    ASSERT_EQ(w.Create(kItems, KTWI_LOCK_CANCEL | KTWI_ITEM_STATUS, 0), 1);
+    ASSERT_EQ(w.Create(5000, KTWI_LOCK_CANCEL | KTWI_ITEM_STATUS, 0), 1);
     ASSERT_EQ(w.IsThreaded(), 1);
-    std::atomic<int> ran{0};
-    for (int i = 0; i < kItems; ++i) ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
-    EXPECT_EQ(w.Wait(), 1);
-    EXPECT_EQ(ran.load(), kItems);
-    EXPECT_EQ(w.GetStatus(), 1);
-    EXPECT_EQ(w.IsCanceled(), 0);
-}
-
-// Several owners, each with its own items, at the same time.
-TEST(RuntimeWorkItems, ConcurrentOwners) {
-    CoreCount cc(4);
-    std::vector<std::thread> owners;
+    EXPECT_EQ(runCounted(w, 5000), 5000);
+    EXPECT_TRUE(w.GetStatus() == 1 && w.IsCanceled() == 0);
     std::atomic<int> bad{0};
+    std::vector<std::thread> owners;
     for (int o = 0; o < 4; ++o)
         owners.emplace_back([&] {
             for (int job = 0; job < 100; ++job) {
-                KTWorkItems w;
-                std::atomic<int> ran{0};
-                if (w.Create(20, job % 2 ? KTWI_LOCK : 0, 0) != 1) bad.fetch_add(1);
-                for (int i = 0; i < 20; ++i) w.QueueItem(countItem, &ran);
-                w.Wait();
-                if (ran.load() != 20) bad.fetch_add(1);
+                KTWorkItems mine;
+                bad += mine.Create(20, job % 2 ? KTWI_LOCK : 0, 0) != 1 || runCounted(mine, 20) != 20;
             }
         });
     for (auto& t : owners) t.join();
     EXPECT_EQ(bad.load(), 0);
-}
-
-TEST(RuntimeWorkItems, ItemResultsBecomeTheStatusOnlyWithFlag4) {
-    CoreCount cc(4);
     auto ret = [](KTWorkItems*, void* d) { return *static_cast<int*>(d); };
     int minus7 = -7;
-    KTWorkItems w;
-    ASSERT_EQ(w.Create(3, KTWI_ITEM_STATUS, 0), 1);
-    for (int i = 0; i < 3; ++i) w.QueueItem(ret, &minus7);
-    w.Wait();
-    EXPECT_EQ(w.GetStatus(), -7);
-    ASSERT_EQ(w.Create(3, KTWI_LOCK, 0), 1);  // re-create: status back to 1
-    EXPECT_EQ(w.GetStatus(), 1);
-    for (int i = 0; i < 3; ++i) w.QueueItem(ret, &minus7);
-    w.Wait();
-    EXPECT_EQ(w.GetStatus(), 1);
+    for (uint32_t flags : {uint32_t(KTWI_ITEM_STATUS), uint32_t(KTWI_LOCK)}) {
+        ASSERT_EQ(w.Create(3, flags, 0), 1);  // re-create: status back to 1
+        EXPECT_EQ(w.GetStatus(), 1);
+        for (int i = 0; i < 3; ++i) w.QueueItem(ret, &minus7);
+        w.Wait();
+        EXPECT_EQ(w.GetStatus(), flags == KTWI_ITEM_STATUS ? -7 : 1);
+    }
     w.SetStatus(42);
-    EXPECT_EQ(w.GetStatus(), 42);
-    EXPECT_EQ(w.GetLock().IsCreated(), 1);
+    EXPECT_TRUE(w.GetStatus() == 42 && w.GetLock().IsCreated() == 1);
     w.Destroy();
-    EXPECT_EQ(w.GetStatus(), 1);
-    EXPECT_EQ(w.GetLock().IsCreated(), 0);
+    EXPECT_TRUE(w.GetStatus() == 1 && w.GetLock().IsCreated() == 0);
 }
 
 struct CancelScene {
-    std::atomic<bool> release{false};
-    std::atomic<bool> longStarted{false};
-    std::atomic<bool> longFinished{false};
+    std::atomic<bool> release{false}, longStarted{false}, longFinished{false};
     std::atomic<int> laterRan{0};
 };
 
 // An item's -100 cancels what has not started, while the item already
 // running finishes; later QueueItem calls run nothing; Wait still returns.
-TEST(RuntimeWorkItems, CancelByAnItemWhileOthersRun) {
+// Items queued before a Cancel took effect are skipped when they start.
+TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
     CoreCount cc(4);
-    if (!poolHasTwoWorkers()) GTEST_SKIP() << "needs two pool workers";
+    std::atomic<int> ran{0};
+    KTWorkItems c;
+    ASSERT_EQ(c.Create(2000, KTWI_LOCK_CANCEL, 0), 1);
+    for (int i = 0; i < 2000; ++i) {
+        c.QueueItem(countItem, &ran);
+        if (i == 10) c.Cancel();
+    }
+    c.Wait();
+    EXPECT_LE(ran.load(), 11);
+    KTThreadPool::QueueUserWorkItem([](void* d) { return countItem(nullptr, d); }, &ran, 0);
+    waitUntil([&] { return ran.load() >= 1; });
+    if (KTThreadPool::GetThreadCount() < 2) GTEST_SKIP() << "needs two pool workers";  // one blocked, one free
     for (uint32_t flags : {0u, uint32_t(KTWI_LOCK_CANCEL | KTWI_ITEM_STATUS)}) {
         CancelScene s;
         KTWorkItems w;
-        constexpr int kLater = 200;
-        ASSERT_EQ(w.Create(2 + kLater, flags, 0), 1);
-        w.QueueItem(
-            [](KTWorkItems*, void* d) {
-                auto* sc = static_cast<CancelScene*>(d);
-                sc->longStarted = true;
-                while (!sc->release.load()) std::this_thread::sleep_for(1ms);
-                sc->longFinished = true;
-                return 1;
-            },
-            &s);
+        ASSERT_EQ(w.Create(202, flags, 0), 1);
+        w.QueueItem([](KTWorkItems*, void* d) {
+            auto* sc = static_cast<CancelScene*>(d);
+            sc->longStarted = true;
+            while (!sc->release.load()) std::this_thread::sleep_for(1ms);
+            sc->longFinished = true;
+            return 1;
+        }, &s);
         ASSERT_TRUE(waitUntil([&] { return s.longStarted.load(); }));
         w.QueueItem([](KTWorkItems*, void*) { return int(KS_USER_ABORT); }, nullptr);
         ASSERT_TRUE(waitUntil([&] { return w.IsCanceled() == 1; }));
-        for (int i = 0; i < kLater; ++i)
-            ASSERT_EQ(w.QueueItem([](KTWorkItems*, void* d) {
-                static_cast<CancelScene*>(d)->laterRan.fetch_add(1);
-                return 1;
-            }, &s), 1);
+        for (int i = 0; i < 200; ++i)
+            ASSERT_EQ(w.QueueItem([](KTWorkItems*, void* d) { return ++static_cast<CancelScene*>(d)->laterRan, 1; }, &s), 1);
         EXPECT_FALSE(s.longFinished.load());
         s.release = true;
         w.Wait();
         EXPECT_TRUE(s.longFinished.load());
         EXPECT_EQ(s.laterRan.load(), 0);
-        if (flags & KTWI_ITEM_STATUS) {
-            // The running item reported last (1) or the cancelling one (-100).
-            int st = w.GetStatus();
-            EXPECT_TRUE(st == 1 || st == KS_USER_ABORT) << st;
-        }
+        const int st = w.GetStatus();  // the running item reported last (1) or the cancelling one (-100)
+        EXPECT_TRUE(!(flags & KTWI_ITEM_STATUS) || st == 1 || st == KS_USER_ABORT) << st;
     }
 }
 
-// Items queued before the cancel took effect are skipped when they start.
-TEST(RuntimeWorkItems, CancelSkipsQueuedItems) {
-    CoreCount cc(4);
-    KTWorkItems w;
-    constexpr int kItems = 2000;
-    ASSERT_EQ(w.Create(kItems, KTWI_LOCK_CANCEL, 0), 1);
-    std::atomic<int> ran{0};
-    for (int i = 0; i < kItems; ++i) {
-        w.QueueItem(countItem, &ran);
-        if (i == 10) w.Cancel();
-    }
-    w.Wait();
-    EXPECT_LE(ran.load(), 11);
-}
-
-TEST(RuntimeWorkItems, FinishReleasesAWaiterWhenFewerItemsCame) {
+// Count 0 never signals by itself; 10 announced and 3 came: still waiting
+// until Finish. Finish may release the waiter while items still run;
+// destroying the object then waits for them.
+TEST(RuntimeWorkItems, FinishReleasesAWaiterAndDestroyWaitsForRunningItems) {
     CoreCount cc(4);
     for (uint32_t announced : {10u, 0u}) {
         KTWorkItems w;
         ASSERT_EQ(w.Create(announced, 0, 0), 1);
         std::atomic<int> ran{0};
+        std::atomic<bool> returned{false};
         for (int i = 0; i < 3; ++i) w.QueueItem(countItem, &ran);
         ASSERT_TRUE(waitUntil([&] { return ran.load() == 3; }));
-        std::atomic<bool> returned{false};
-        std::thread waiter([&] {
-            w.Wait();
-            returned = true;
-        });
-        // Count 0 never signals by itself; 10 announced, 3 came: still waiting.
+        std::thread waiter([&] { w.Wait(), returned = true; });
         EXPECT_FALSE(waitUntil([&] { return returned.load(); }, 100ms)) << announced;
         EXPECT_EQ(w.Finish(), 1);
         waiter.join();
-        EXPECT_TRUE(returned.load());
     }
-}
-
-// Finish may release the waiter while items still run; destroying the
-// object then waits for them instead of pulling it from under them.
-TEST(RuntimeWorkItems, DestroyAfterEarlyFinishWaitsForRunningItems) {
-    CoreCount cc(4);
     std::atomic<int> finished{0};
     {
         KTWorkItems w;
@@ -395,8 +322,7 @@ TEST(RuntimeWorkItems, DestroyAfterEarlyFinishWaitsForRunningItems) {
             w.QueueItem([](KTWorkItems* items, void* d) {
                 std::this_thread::sleep_for(30ms);
                 items->SetStatus(1);  // touches the object late in the item
-                static_cast<std::atomic<int>*>(d)->fetch_add(1);
-                return 1;
+                return ++*static_cast<std::atomic<int>*>(d), 1;
             }, &finished);
         w.Finish();
         w.Wait();
@@ -405,24 +331,20 @@ TEST(RuntimeWorkItems, DestroyAfterEarlyFinishWaitsForRunningItems) {
     EXPECT_EQ(finished.load(), 4);
 }
 
+// With KTWI_SINGLE_THREAD or one processor, items run inside QueueItem and
+// their result is the status whatever flag 4 says; -100 cancels later items.
 TEST(RuntimeWorkItems, SingleThreadModeRunsInsideQueueItem) {
     for (int mode = 0; mode < 2; ++mode) {
         CoreCount cc(mode == 0 ? 4 : 1);
-        uint32_t flags = mode == 0 ? KTWI_SINGLE_THREAD : 0;
         KTWorkItems w;
-        ASSERT_EQ(w.Create(3, flags, 0), 1);
+        ASSERT_EQ(w.Create(3, mode == 0 ? KTWI_SINGLE_THREAD : 0, 0), 1);
         EXPECT_EQ(w.IsThreaded(), 0);
         std::thread::id where;
-        auto item = [](KTWorkItems*, void* d) {
-            *static_cast<std::thread::id*>(d) = std::this_thread::get_id();
-            return -5;
-        };
+        auto item = [](KTWorkItems*, void* d) { return *static_cast<std::thread::id*>(d) = std::this_thread::get_id(), -5; };
         ASSERT_EQ(w.QueueItem(item, &where), 1);
         EXPECT_EQ(where, std::this_thread::get_id());
-        EXPECT_EQ(w.GetStatus(), -5);  // whatever flag 4 says
-        EXPECT_EQ(w.Wait(), 1);        // returns at once
-        EXPECT_EQ(w.Finish(), 1);
-        // -100 cancels later items here too.
+        EXPECT_EQ(w.GetStatus(), -5);
+        EXPECT_TRUE(w.Wait() == 1 && w.Finish() == 1);  // return at once
         ASSERT_EQ(w.QueueItem([](KTWorkItems*, void*) { return int(KS_USER_ABORT); }, nullptr), 1);
         std::atomic<int> ran{0};
         ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
@@ -431,29 +353,29 @@ TEST(RuntimeWorkItems, SingleThreadModeRunsInsideQueueItem) {
     }
 }
 
+// A QueueItem that runs out of memory (or gets no function) counts as
+// finished, so Wait does not hang; Create without memory makes no lock.
 TEST(RuntimeWorkItems, OutOfMemoryInQueueItemDoesNotHangWait) {
     CoreCount cc(4);
     std::atomic<int> ran{0};
     {  // warm the pool so its own blocks are not counted below
         KTWorkItems w;
         w.Create(1, 0, 0);
-        w.QueueItem(countItem, &ran);
-        w.Wait();
+        runCounted(w, 1);
     }
-    long live = krn::faultinject::liveBlocks();
+    const long live = krn::faultinject::liveBlocks();
     KTWorkItems w;
     ASSERT_EQ(w.Create(4, 0, 0), 1);
     ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
     krn::faultinject::arm(0, 1);
     EXPECT_EQ(w.QueueItem(countItem, &ran), KS_NO_MEMORY);
     krn::faultinject::disarm();
-    EXPECT_EQ(w.QueueItem(nullptr, &ran), KS_INVALID_PARAMETER);  // also counts as finished
+    EXPECT_EQ(w.QueueItem(nullptr, &ran), KS_INVALID_PARAMETER);
     ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
     w.Wait();
-    EXPECT_EQ(ran.load(), 3);
+    EXPECT_EQ(ran.load(), 2);
     w.Destroy();
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-    // Create: the event cannot be made.
     krn::faultinject::arm(0, 1);
     EXPECT_EQ(w.Create(3, KTWI_LOCK, 0), KS_NO_MEMORY);
     krn::faultinject::disarm();
@@ -466,45 +388,36 @@ TEST(RuntimePool, RunsOnWorkerThreadsSizedToTheProcessors) {
     struct Ctx {
         std::atomic<int> n{0};
         std::atomic<bool> onCaller{false};
-        std::thread::id caller;
+        std::thread::id caller = std::this_thread::get_id();
     } ctx;
-    ctx.caller = std::this_thread::get_id();
     EXPECT_EQ(KTThreadPool::QueueUserWorkItem(nullptr, nullptr, 0), KS_INVALID_PARAMETER);
     for (int i = 0; i < 100; ++i)
-        ASSERT_EQ(KTThreadPool::QueueUserWorkItem(
-                      [](void* c) {
-                          auto* x = static_cast<Ctx*>(c);
-                          if (std::this_thread::get_id() == x->caller) x->onCaller = true;
-                          x->n.fetch_add(1);
-                          return 1;
-                      },
-                      &ctx, 0xFFFFFFFFu),
-                  1);
+        ASSERT_EQ(KTThreadPool::QueueUserWorkItem([](void* c) {
+            auto* x = static_cast<Ctx*>(c);
+            x->onCaller = x->onCaller || std::this_thread::get_id() == x->caller;
+            return ++x->n, 1;
+        }, &ctx, 0xFFFFFFFFu), 1);
     ASSERT_TRUE(waitUntil([&] { return ctx.n.load() == 100; }));
     EXPECT_FALSE(ctx.onCaller.load());
-    EXPECT_EQ(KTThreadPool::GetThreadCount(), int(std::thread::hardware_concurrency() ? std::thread::hardware_concurrency() : 1));
+    EXPECT_EQ(KTThreadPool::GetThreadCount(), int(std::max(1u, std::thread::hardware_concurrency())));
     EXPECT_GE(KTThreadToolsManaged::GetCoreCount(), 1);
     EXPECT_EQ(KTThreadToolsManaged::GetCoreCount(), K_GetProcessorCount());
 }
 
-// The process ends promptly even with a long item running and work queued,
-// and also when exit() is called from inside an item.
-TEST(RuntimePoolDeathTest, ExitWhileWorkIsQueued) {
+// The process ends promptly even with a long item running on every worker
+// and work queued, and also when exit() is called from inside an item.
+// After the pool was shut down, requests run on the caller and work items
+// still complete; items the pool drops at shutdown never run but count as
+// finished, so a waiter is not left hanging.
+TEST(RuntimePoolDeathTest, ExitAndShutdown) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto t0 = Clock::now();
     EXPECT_EXIT(
         {
             static std::atomic<int> started{0};
             for (int i = 0; i < 4; ++i)
-                KTThreadPool::QueueUserWorkItem(
-                    [](void*) {
-                        started.fetch_add(1);
-                        std::this_thread::sleep_for(60s);
-                        return 1;
-                    },
-                    nullptr, 0);
+                KTThreadPool::QueueUserWorkItem([](void*) { return ++started, std::this_thread::sleep_for(60s), 1; }, nullptr, 0);
             for (int i = 0; i < 1000; ++i) KTThreadPool::QueueUserWorkItem([](void*) { return 1; }, nullptr, 0);
-            // Every worker is inside a long item: the exit must not wait for them.
             waitUntil([] { return started.load() >= KTThreadPool::GetThreadCount(); });
             std::exit(3);
         },
@@ -517,65 +430,36 @@ TEST(RuntimePoolDeathTest, ExitWhileWorkIsQueued) {
             std::exit(5);
         },
         ::testing::ExitedWithCode(4), "");
-}
-
-// After the pool was shut down, requests run on the caller and work items
-// still complete.
-TEST(RuntimePoolDeathTest, AfterShutdownWorkRunsOnTheCaller) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             CoreCount cc(4);
-            std::atomic<int> ran{0};
             KTWorkItems w;
             w.Create(50, 0, 0);
-            for (int i = 0; i < 50; ++i) w.QueueItem(countItem, &ran);
-            w.Wait();
-            bool joined = ktt::shutdownPool(5000);
+            const int before = runCounted(w, 50);
+            const bool joined = ktt::shutdownPool(5000);
             std::thread::id where;
-            KTThreadPool::QueueUserWorkItem(
-                [](void* d) { *static_cast<std::thread::id*>(d) = std::this_thread::get_id(); return 1; }, &where, 0);
+            KTThreadPool::QueueUserWorkItem([](void* d) { return *static_cast<std::thread::id*>(d) = std::this_thread::get_id(), 1; }, &where, 0);
             w.Create(5, 0, 0);
-            for (int i = 0; i < 5; ++i) w.QueueItem(countItem, &ran);
-            w.Wait();
-            bool ok = joined && where == std::this_thread::get_id() && ran.load() == 55 &&
-                      KTThreadPool::GetThreadCount() == 0;
+            const bool ok = joined && before == 50 && runCounted(w, 5) == 5 && where == std::this_thread::get_id() &&
+                            KTThreadPool::GetThreadCount() == 0;
             std::exit(ok ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
-}
-
-// Items the pool drops at shutdown count as finished, so a waiter is not
-// left hanging, and they never run.
-TEST(RuntimePoolDeathTest, DroppedItemsReleaseTheirWaiter) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             CoreCount cc(4);
             static std::atomic<int> blocking{0};
-            int workers = 0;
-            {
-                std::atomic<int> ran{0};
-                KTWorkItems warm;
-                warm.Create(1, 0, 0);
-                warm.QueueItem(countItem, &ran);
-                warm.Wait();
-                workers = KTThreadPool::GetThreadCount();
-            }
+            KTWorkItems w;
+            w.Create(1, 0, 0);
+            runCounted(w, 1);  // warm the pool
+            const int workers = KTThreadPool::GetThreadCount();
             for (int i = 0; i < workers; ++i)
-                KTThreadPool::QueueUserWorkItem(
-                    [](void*) {
-                        blocking.fetch_add(1);
-                        std::this_thread::sleep_for(500ms);
-                        return 1;
-                    },
-                    nullptr, 0);
+                KTThreadPool::QueueUserWorkItem([](void*) { return ++blocking, std::this_thread::sleep_for(500ms), 1; }, nullptr, 0);
             waitUntil([&] { return blocking.load() == workers; });
             std::atomic<int> ran{0};
-            KTWorkItems w;
             w.Create(5, 0, 0);
             for (int i = 0; i < 5; ++i) w.QueueItem(countItem, &ran);
-            bool joined = ktt::shutdownPool(20);  // the blockers outlive the grace
+            const bool joined = ktt::shutdownPool(20);  // the blockers outlive the grace
             w.Wait();
             std::exit(!joined && ran.load() == 0 ? 0 : 1);
         },
@@ -583,38 +467,26 @@ TEST(RuntimePoolDeathTest, DroppedItemsReleaseTheirWaiter) {
 }
 
 // ---------------------------------------------------------------- critical sections
-TEST(RuntimeCriticalSection, Frame) {
-    EXPECT_EQ(K_IntInitializeCriticalSection(nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_IntEnterCriticalSection(nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_IntLeaveCriticalSection(nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_IntDeleteCriticalSection(nullptr), KS_NULL_POINTER);
+TEST(RuntimeCriticalSection, FrameAndMutualExclusion) {
     CRITICAL_SECTION cs{};
-    EXPECT_EQ(K_IntEnterCriticalSection(&cs), KS_INVALID_PARAMETER);  // not initialised
+    for (int32_t st : {K_IntInitializeCriticalSection(nullptr), K_IntEnterCriticalSection(nullptr),
+                       K_IntLeaveCriticalSection(nullptr), K_IntEnterCriticalSection(&cs)})  // the last: not initialised
+        EXPECT_EQ(st, KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_IntDeleteCriticalSection(nullptr), KS_NULL_POINTER);
     EXPECT_EQ(K_IntDeleteCriticalSection(&cs), KS_SUCCESS);
-    long live = krn::faultinject::liveBlocks();
+    const long live = krn::faultinject::liveBlocks();
     krn::faultinject::arm(0, 1);
     EXPECT_EQ(K_IntInitializeCriticalSection(&cs), KS_NO_MEMORY);
     krn::faultinject::disarm();
     EXPECT_EQ(cs.pLock, nullptr);
     ASSERT_EQ(K_IntInitializeCriticalSection(&cs), 1);
     EXPECT_NE(cs.pLock, nullptr);
-    EXPECT_EQ(K_IntEnterCriticalSection(&cs), 1);
-    EXPECT_EQ(K_IntEnterCriticalSection(&cs), 1);  // recursive
+    EXPECT_TRUE(K_IntEnterCriticalSection(&cs) == 1 && K_IntEnterCriticalSection(&cs) == 1);  // recursive
     std::atomic<int> other{0};
-    std::thread t([&] { other = K_IntLeaveCriticalSection(&cs); });  // not the owner
-    t.join();
+    std::thread([&] { other = K_IntLeaveCriticalSection(&cs); }).join();  // not the owner
     EXPECT_EQ(other.load(), KS_INTERNAL);
-    EXPECT_EQ(K_IntLeaveCriticalSection(&cs), 1);
-    EXPECT_EQ(K_IntLeaveCriticalSection(&cs), 1);
+    EXPECT_TRUE(K_IntLeaveCriticalSection(&cs) == 1 && K_IntLeaveCriticalSection(&cs) == 1);
     EXPECT_EQ(K_IntLeaveCriticalSection(&cs), KS_INTERNAL);  // no longer owned
-    EXPECT_EQ(K_IntDeleteCriticalSection(&cs), 1);
-    EXPECT_EQ(cs.pLock, nullptr);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-}
-
-TEST(RuntimeCriticalSection, MutualExclusion) {
-    CRITICAL_SECTION cs;
-    ASSERT_EQ(K_IntInitializeCriticalSection(&cs), 1);
     long counter = 0;
     std::vector<std::thread> ts;
     for (int i = 0; i < 4; ++i)
@@ -629,7 +501,203 @@ TEST(RuntimeCriticalSection, MutualExclusion) {
         });
     for (auto& t : ts) t.join();
     EXPECT_EQ(counter, 80000);
-    K_IntDeleteCriticalSection(&cs);
+    EXPECT_EQ(K_IntDeleteCriticalSection(&cs), 1);
+    EXPECT_EQ(cs.pLock, nullptr);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+}
+
+// ---------------------------------------------------------------- the parallel row helper
+// Installs a status callback for the calling thread and restores the old one.
+struct StatusHook {
+    STATUSCALLBACK oldFn = nullptr;
+    void* oldUser = nullptr;
+    StatusHook(STATUSCALLBACK fn, void* user) { K_SetStatusCallBack(fn, user, &oldFn, &oldUser); }
+    ~StatusHook() { K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr); }
+};
+
+// A per-pixel job (the same arithmetic as the benchmark) over a 32-bit image.
+void pixelRows(const uint32_t* src, uint32_t* dst, int width, int y0, int y1) {
+    for (size_t i = size_t(y0) * width; i < size_t(y1) * width; ++i)
+        dst[i] = (src[i] * 2654435761u) ^ (src[i] >> 7) ^ uint32_t((i / width) * 31 + i % width);
+}
+const auto kNothing = [](int32_t, int32_t, int32_t) { return 1; };
+
+// Every row exactly once, a slot never runs two bands at once, and the
+// threaded run gives the serial image; bad arguments and empty jobs.
+TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
+    CoreCount cc(4);
+    const int w = 97;
+    for (int h : {1, 2, 31, 32, 33, 500, 1999}) {
+        std::vector<uint32_t> src(size_t(w) * h), serial(src.size(), 0xAAAAAAAAu), par(src.size(), 0x55555555u);
+        for (size_t i = 0; i < src.size(); ++i) src[i] = uint32_t(i * 7919u);
+        std::vector<std::atomic<int>> hits(h);
+        krn::ParallelOptions one, many;
+        one.maxThreads = 1;
+        many.bytesPerRow = 0;  // unknown: never counted as small
+        ASSERT_EQ(krn::parallelRows(h, [&](int32_t y0, int32_t y1, int32_t) { return pixelRows(src.data(), serial.data(), w, y0, y1), 1; }, one), 1);
+        const int32_t slots = krn::parallelMaxSlots();
+        std::vector<std::atomic<int>> busy(slots);
+        std::atomic<int> bad{0};
+        ASSERT_EQ(krn::parallelRows(h, [&](int32_t y0, int32_t y1, int32_t slot) {
+            if (slot < 0 || slot >= slots || busy[slot].exchange(1)) return ++bad, 1;
+            for (int y = y0; y < y1; ++y) hits[y]++;
+            pixelRows(src.data(), par.data(), w, y0, y1);
+            return busy[slot] = 0, 1;
+        }, many), 1) << h;
+        EXPECT_EQ(bad.load(), 0) << "a slot out of range or running two bands";
+        for (int y = 0; y < h; ++y) ASSERT_EQ(hits[y].load(), 1) << "row " << y << " of " << h;
+        ASSERT_EQ(std::memcmp(serial.data(), par.data(), src.size() * 4), 0) << h;
+    }
+    EXPECT_EQ(krn::parallelRows(10, krn::RowBandFn(nullptr), nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(krn::parallelRows(-1, kNothing), KS_INVALID_PARAMETER);
+    int calls = 0;
+    EXPECT_EQ(krn::parallelRows(0, [&](int32_t, int32_t, int32_t) { return ++calls, 1; }), 1);
+    EXPECT_EQ(calls, 0);
+    krn::ParallelOptions o;
+    o.maxThreads = 1;
+    EXPECT_EQ(krn::parallelMaxSlots(o), 1);
+}
+
+struct ProgressLog {
+    std::vector<int> seen;
+    std::thread::id caller = std::this_thread::get_id();
+    bool foreign = false;
+    int stopAt = 1000, answer = KS_USER_ABORT;
+    std::atomic<bool> stopGiven{false};
+};
+int32_t logProgress(int32_t pct, void* user) {
+    auto* log = static_cast<ProgressLog*>(user);
+    log->foreign = log->foreign || std::this_thread::get_id() != log->caller;
+    log->seen.push_back(pct);
+    if (pct < log->stopAt) return 1;
+    log->stopGiven = true;
+    return log->answer;
+}
+
+// Serial, threaded, and a sub-range for one pass of a longer operation:
+// rising, from..to, on the caller's thread; the copy callback only when asked.
+TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
+    CoreCount cc(4);
+    for (auto [threads, from, to] : {std::tuple{1, 0, 100}, {0, 0, 100}, {0, 50, 75}}) {
+        ProgressLog log;
+        StatusHook hook(logProgress, &log);
+        krn::ParallelOptions o;
+        o.maxThreads = threads;
+        o.progressFrom = from, o.progressTo = to;
+        ASSERT_EQ(krn::parallelRows(3000, kNothing, o), 1);
+        ASSERT_GE(log.seen.size(), 2u);
+        EXPECT_TRUE(log.seen.front() == from && log.seen.back() == to && !log.foreign);
+        EXPECT_TRUE(std::is_sorted(log.seen.begin(), log.seen.end(), std::less_equal<int>()));
+    }
+    ProgressLog log;
+    STATUSCALLBACK oldFn;
+    void* oldUser;
+    K_SetCopyStatusCallBack(logProgress, &log, &oldFn, &oldUser);
+    krn::ParallelOptions o;
+    o.progress = krn::ParallelProgress::None;
+    krn::parallelRows(100, kNothing, o);
+    EXPECT_TRUE(log.seen.empty());
+    o.progress = krn::ParallelProgress::CopyStatus;
+    krn::parallelRows(100, kNothing, o);
+    EXPECT_FALSE(log.seen.empty());
+    K_SetCopyStatusCallBack(oldFn, oldUser, nullptr, nullptr);
+}
+
+// A stop answer ends the job with that answer and nothing starts after it;
+// the first band failure is the result; exceptions become statuses.
+TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
+    CoreCount cc(4);
+    for (int threads : {1, 0}) {
+        for (int answer : {int(KS_USER_ABORT), 0, 2}) {
+            ProgressLog log;
+            log.stopAt = 30;
+            log.answer = answer;
+            StatusHook hook(logProgress, &log);
+            std::atomic<int> rows{0}, afterReturn{0};
+            std::atomic<bool> returned{false};
+            krn::ParallelOptions o;
+            o.maxThreads = threads;
+            const int32_t r = krn::parallelRows(4000, [&](int32_t y0, int32_t y1, int32_t) {
+                afterReturn += returned.load();
+                // Helpers hold their first band until the stop was answered,
+                // so the caller alone reaches 30% whatever the scheduler does.
+                while (std::this_thread::get_id() != log.caller && !log.stopGiven.load())
+                    std::this_thread::sleep_for(std::chrono::microseconds(100));
+                return rows += y1 - y0, 1;
+            }, o);
+            returned = true;
+            EXPECT_EQ(r, answer);
+            // The caller's bands up to 30% plus at most one band held by each helper (bands are 1/64).
+            EXPECT_LE(rows.load(), 4000 * 31 / 100 + krn::parallelMaxSlots(o) * ((4000 + 63) / 64)) << "stopped late";
+            EXPECT_GE(log.seen.back(), 30);
+            EXPECT_EQ(afterReturn.load(), 0);
+        }
+        krn::ParallelOptions o;
+        o.maxThreads = threads;
+        std::atomic<int> rows{0};
+        EXPECT_EQ(krn::parallelRows(5000, [&](int32_t y0, int32_t y1, int32_t) { return rows += y1 - y0, (y0 <= 1000 && 1000 < y1) ? -7 : 1; }, o), -7);
+        EXPECT_TRUE(threads == 0 || rows.load() < 5000 / 2) << "bands ran after the failing one";
+    }
+    EXPECT_EQ(krn::parallelRows(10, [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); }), KS_NO_MEMORY);
+    ProgressLog log;  // a stop on the very first report runs nothing
+    log.stopAt = 0;
+    StatusHook hook(logProgress, &log);
+    int calls = 0;
+    EXPECT_EQ(krn::parallelRows(100, [&](int32_t, int32_t, int32_t) { return ++calls, 1; }), KS_USER_ABORT);
+    EXPECT_EQ(calls, 0);
+}
+
+// Small jobs, one processor and calls from inside a pool item stay on the
+// caller (nested calls do not wait on the pool).
+TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
+    auto onlyCaller = [](const krn::ParallelOptions& o, int h) {
+        const std::thread::id me = std::this_thread::get_id();
+        std::atomic<bool> foreign{false};
+        krn::parallelRows(h, [&](int32_t, int32_t, int32_t slot) { return foreign = foreign || std::this_thread::get_id() != me || slot != 0, 1; }, o);
+        return !foreign.load();
+    };
+    {
+        CoreCount cc(1);
+        EXPECT_TRUE(onlyCaller(krn::ParallelOptions{}, 5000));
+    }
+    CoreCount cc(4);
+    krn::ParallelOptions small, big;
+    small.bytesPerRow = 64;  // 64 x 1000 bytes: below the threshold
+    big.bytesPerRow = 1 << 20;
+    EXPECT_TRUE(onlyCaller(small, 1000));
+    EXPECT_GE(krn::parallelMaxSlots(big), 2);
+    std::atomic<int> done{0};
+    KTWorkItems w;
+    ASSERT_EQ(w.Create(8, 0, 0), 1);
+    for (int i = 0; i < 8; ++i)
+        w.QueueItem([](KTWorkItems*, void* d) {
+            const std::thread::id me = std::this_thread::get_id();
+            bool serial = true;
+            const int32_t r = krn::parallelRows(2000, [&](int32_t, int32_t, int32_t) { return serial = serial && std::this_thread::get_id() == me, 1; });
+            return *static_cast<std::atomic<int>*>(d) += r == 1 && serial, 1;
+        }, &done);
+    w.Wait();
+    EXPECT_EQ(done.load(), 8);
+}
+
+// Allocation failures only take threads away: the caller does the bands.
+TEST(RuntimeParallel, OutOfMemoryStillCompletesWithoutLeaks) {
+    CoreCount cc(4);
+    krn::parallelRows(100, kNothing);  // warm up the pool
+    const long live = krn::faultinject::liveBlocks();
+    for (long n = 0; n < 6; ++n)
+        for (long repeat : {1L, -1L}) {
+            std::vector<std::atomic<int>> hits(700);
+            krn::faultinject::arm(n, repeat);
+            const int32_t r = krn::parallelRows(700, [&](int32_t y0, int32_t y1, int32_t) {
+                for (int y = y0; y < y1; ++y) hits[y]++;
+                return 1;
+            });
+            krn::faultinject::disarm();
+            EXPECT_EQ(r, 1);
+            for (int y = 0; y < 700; ++y) ASSERT_EQ(hits[y].load(), 1) << n;
+            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << n;
+        }
 }
 
 }  // namespace

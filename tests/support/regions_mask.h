@@ -1,7 +1,9 @@
 // regions_mask.h - the plain boolean-mask model used as the oracle of the
 // region tests: a window of pixels, one bool each, and independent
 // rasterisers for rectangles, polygons (exact cross-product test at pixel
-// centres) and ellipses (the analytic equation).
+// centres) and ellipses (the analytic equation), plus the bridges between
+// masks and region handles (region data painted pixel by pixel, regions
+// imported run by run).
 #pragma once
 
 #include <algorithm>
@@ -9,7 +11,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -23,47 +24,36 @@ struct Mask {
 
     Mask() = default;
     Mask(int x0_, int y0_, int w_, int h_) : x0(x0_), y0(y0_), w(w_), h(h_), px(size_t(w_) * size_t(h_), 0) {}
+    Mask blank() const { return Mask(x0, y0, w, h); }
 
     bool inside(int x, int y) const { return x >= x0 && x < x0 + w && y >= y0 && y < y0 + h; }
     bool get(int x, int y) const { return inside(x, y) && px[size_t(y - y0) * size_t(w) + size_t(x - x0)]; }
     void set(int x, int y, bool v) {
         if (inside(x, y)) px[size_t(y - y0) * size_t(w) + size_t(x - x0)] = v;
     }
-    bool operator==(const Mask& o) const {
-        return x0 == o.x0 && y0 == o.y0 && w == o.w && h == o.h && px == o.px;
-    }
+    bool operator==(const Mask& o) const { return x0 == o.x0 && y0 == o.y0 && w == o.w && h == o.h && px == o.px; }
     uint64_t count() const { return uint64_t(std::count(px.begin(), px.end(), uint8_t(1))); }
     // Bounds of the set pixels, all zero when none.
     RECT bounds() const {
-        int l = INT32_MAX, t = INT32_MAX, r = INT32_MIN, b = INT32_MIN;
+        RECT b{INT32_MAX, INT32_MAX, INT32_MIN, INT32_MIN};
         for (int y = y0; y < y0 + h; ++y)
             for (int x = x0; x < x0 + w; ++x)
-                if (get(x, y)) {
-                    l = std::min(l, x);
-                    r = std::max(r, x + 1);
-                    t = std::min(t, y);
-                    b = std::max(b, y + 1);
-                }
-        if (l == INT32_MAX) return RECT{0, 0, 0, 0};
-        return RECT{l, t, r, b};
+                if (get(x, y)) b = RECT{std::min(b.left, x), std::min(b.top, y), std::max(b.right, x + 1),
+                                        std::max(b.bottom, y + 1)};
+        return b.left == INT32_MAX ? RECT{0, 0, 0, 0} : b;
     }
-    // True when the set pixels fill their bounding box exactly.
-    bool isRectangle() const {
+    // NULLREGION, SIMPLEREGION (the set pixels fill their box) or COMPLEXREGION.
+    int kind() const {
         RECT bb = bounds();
-        return uint64_t(bb.right - bb.left) * uint64_t(bb.bottom - bb.top) == count() && count() > 0;
+        const uint64_t n = count();
+        return n == 0 ? NULLREGION
+                      : uint64_t(bb.right - bb.left) * uint64_t(bb.bottom - bb.top) == n ? SIMPLEREGION : COMPLEXREGION;
     }
     Mask combine(const Mask& o, int op) const {  // op: 0 and, 1 or, 2 xor, 3 this minus o, 4 o minus this
-        Mask m(x0, y0, w, h);
+        Mask m = blank();
         for (size_t i = 0; i < px.size(); ++i) {
-            bool a = px[i], b = o.px[i], v = false;
-            switch (op) {
-                case 0: v = a && b; break;
-                case 1: v = a || b; break;
-                case 2: v = a != b; break;
-                case 3: v = a && !b; break;
-                case 4: v = b && !a; break;
-            }
-            m.px[i] = v;
+            const bool a = px[i], b = o.px[i];
+            m.px[i] = op == 0 ? a && b : op == 1 ? a || b : op == 2 ? a != b : op == 3 ? a && !b : b && !a;
         }
         return m;
     }
@@ -71,14 +61,14 @@ struct Mask {
         for (int y = y0; y < y0 + h; ++y)
             for (int x = x0; x < x0 + w; ++x)
                 if (get(x, y) != o.get(x, y))
-                    return "first difference at (" + std::to_string(x) + ", " + std::to_string(y) + "): " +
-                           std::to_string(get(x, y)) + " vs " + std::to_string(o.get(x, y));
+                    return "first difference at (" + std::to_string(x) + ", " + std::to_string(y) +
+                           "): " + std::to_string(get(x, y)) + " vs " + std::to_string(o.get(x, y));
         return "equal";
     }
 };
 
 inline Mask rectMask(const Mask& win, RECT r) {
-    Mask m(win.x0, win.y0, win.w, win.h);
+    Mask m = win.blank();
     if (r.left > r.right) std::swap(r.left, r.right);
     if (r.top > r.bottom) std::swap(r.top, r.bottom);
     for (int y = r.top; y < r.bottom; ++y)
@@ -91,7 +81,7 @@ inline Mask rectMask(const Mask& win, RECT r) {
 // half-open in y, horizontal edges ignored). Exact integer arithmetic.
 inline Mask polygonMask(const Mask& win, const std::vector<POINT>& pts, const std::vector<size_t>& figureStarts,
                         bool winding) {
-    Mask m(win.x0, win.y0, win.w, win.h);
+    Mask m = win.blank();
     struct E {
         int64_t x0, y0, x1, y1;
         int dir;
@@ -102,65 +92,37 @@ inline Mask polygonMask(const Mask& win, const std::vector<POINT>& pts, const st
         if (e - s < 2) continue;
         for (size_t i = s; i < e; ++i) {
             POINT a = pts[i], b = pts[i + 1 < e ? i + 1 : s];
-            if (a.y == b.y) continue;
-            if (a.y < b.y)
-                edges.push_back({a.x, a.y, b.x, b.y, 1});
-            else
-                edges.push_back({b.x, b.y, a.x, a.y, -1});
+            if (a.y != b.y)
+                edges.push_back(a.y < b.y ? E{a.x, a.y, b.x, b.y, 1} : E{b.x, b.y, a.x, a.y, -1});
         }
     }
-    for (int y = win.y0; y < win.y0 + win.h; ++y) {
+    for (int y = win.y0; y < win.y0 + win.h; ++y)
         for (int x = win.x0; x < win.x0 + win.w; ++x) {
             int64_t py2 = 2 * int64_t(y) + 1, px2 = 2 * int64_t(x) + 1;  // doubled centre
             int wsum = 0, parity = 0;
             for (const E& e : edges) {
                 if (!(2 * e.y0 <= py2 && py2 < 2 * e.y1)) continue;
                 // crossing right of the centre: (x0 - px)(y1 - y0) + (py - y0)(x1 - x0) > 0, doubled
-                int64_t s = (2 * e.x0 - px2) * (e.y1 - e.y0) + (py2 - 2 * e.y0) * (e.x1 - e.x0);
-                if (s > 0) {
+                if ((2 * e.x0 - px2) * (e.y1 - e.y0) + (py2 - 2 * e.y0) * (e.x1 - e.x0) > 0) {
                     wsum += e.dir;
                     parity ^= 1;
                 }
             }
             m.set(x, y, winding ? wsum != 0 : parity != 0);
         }
-    }
     return m;
 }
 
 // +1 surely inside, -1 surely outside, 0 within `band` pixels of the outline.
 inline int ellipseClass(RECT box, int x, int y, double band) {
-    double l = box.left, t = box.top, r = box.right, b = box.bottom;
-    if (l > r) std::swap(l, r);
-    if (t > b) std::swap(t, b);
+    double l = std::min(box.left, box.right), r = std::max(box.left, box.right);
+    double t = std::min(box.top, box.bottom), b = std::max(box.top, box.bottom);
     double rx = (r - l) / 2, ry = (b - t) / 2;
     if (rx <= 0 || ry <= 0) return -1;
-    double cx = (l + r) / 2, cy = (t + b) / 2;
-    double dx = x + 0.5 - cx, dy = y + 0.5 - cy;
-    double f = std::sqrt(dx * dx / (rx * rx) + dy * dy / (ry * ry));
+    double dx = x + 0.5 - (l + r) / 2, dy = y + 0.5 - (t + b) / 2;
     // distance to the outline is about |f - 1| * radius along the ray
-    double dist = (f - 1) * std::min(rx, ry);
-    if (dist < -band) return 1;
-    if (dist > band) return -1;
-    return 0;
-}
-
-// Paints the rectangles of a region-data block.
-inline bool paintRegionData(Mask& m, const std::vector<uint8_t>& buf) {
-    if (buf.size() < 32) return false;
-    RGNDATAHEADER h;
-    std::memcpy(&h, buf.data(), sizeof h);
-    if (buf.size() < 32 + 16ull * h.nCount) return false;
-    for (uint32_t i = 0; i < h.nCount; ++i) {
-        RECT r;
-        std::memcpy(&r, buf.data() + 32 + 16 * i, sizeof r);
-        for (int y = r.top; y < r.bottom; ++y)
-            for (int x = r.left; x < r.right; ++x) {
-                if (!m.inside(x, y)) return false;
-                m.set(x, y, true);
-            }
-    }
-    return true;
+    double dist = (std::sqrt(dx * dx / (rx * rx) + dy * dy / (ry * ry)) - 1) * std::min(rx, ry);
+    return dist < -band ? 1 : dist > band ? -1 : 0;
 }
 
 inline std::vector<uint8_t> regionData(HRGN h) {
@@ -170,10 +132,52 @@ inline std::vector<uint8_t> regionData(HRGN h) {
     return buf;
 }
 
+// Paints the rectangles of the region's data block; *ok is false when the
+// block is malformed or reaches outside the window.
 inline Mask maskOfHandle(const Mask& win, HRGN h, bool* ok) {
-    Mask m(win.x0, win.y0, win.w, win.h);
-    *ok = paintRegionData(m, regionData(h));
+    Mask m = win.blank();
+    const std::vector<uint8_t> buf = regionData(h);
+    RGNDATAHEADER hd{};
+    *ok = buf.size() >= 32;
+    if (*ok) std::memcpy(&hd, buf.data(), sizeof hd);
+    *ok = *ok && buf.size() >= 32 + 16ull * hd.nCount;
+    for (uint32_t i = 0; *ok && i < hd.nCount; ++i) {
+        RECT r;
+        std::memcpy(&r, buf.data() + 32 + 16 * i, sizeof r);
+        for (int y = r.top; y < r.bottom && *ok; ++y)
+            for (int x = r.left; x < r.right && *ok; ++x) {
+                *ok = m.inside(x, y);
+                m.set(x, y, true);
+            }
+    }
     return m;
+}
+
+// A region imported from a rectangle list (the importer sorts and joins).
+inline HRGN regionOfRects(const std::vector<RECT>& rs) {
+    if (rs.empty()) return CreateRectRgn(0, 0, 0, 0);
+    std::vector<uint8_t> blk(32 + 16 * rs.size());
+    RGNDATAHEADER h{32, RDH_RECTANGLES, uint32_t(rs.size()), uint32_t(16 * rs.size()), RECT{0, 0, 0, 0}};
+    std::memcpy(blk.data(), &h, 32);
+    std::memcpy(blk.data() + 32, rs.data(), 16 * rs.size());
+    return ExtCreateRegion(nullptr, uint32_t(blk.size()), reinterpret_cast<const RGNDATA*>(blk.data()));
+}
+
+// A region built from the mask's runs, one single-row rectangle per run.
+inline HRGN regionOfMask(const Mask& m) {
+    std::vector<RECT> rs;
+    for (int y = m.y0; y < m.y0 + m.h; ++y)
+        for (int x = m.x0; x < m.x0 + m.w;) {
+            if (!m.get(x, y)) {
+                ++x;
+                continue;
+            }
+            int e = x;
+            while (e < m.x0 + m.w && m.get(e, y)) ++e;
+            rs.push_back(RECT{x, y, e, y + 1});
+            x = e;
+        }
+    return regionOfRects(rs);
 }
 
 }  // namespace rgntest
