@@ -353,7 +353,9 @@ TEST(ColorRes, BadInputChangesNothing) {
         if (c.src) before = *c.src;
         EXPECT_EQ(K_ColorResBitmap(c.src, c.inPlace ? c.src : &dst.bm, c.bits, c.flags, c.pal, c.n, c.size), c.want) << c.what;
         EXPECT_TRUE(dst.intact()) << c.what;
-        if (c.src) EXPECT_EQ(0, std::memcmp(&before, c.src, sizeof(before))) << c.what;
+        if (c.src) {
+            EXPECT_EQ(0, std::memcmp(&before, c.src, sizeof(before))) << c.what;
+        }
     }
     EXPECT_EQ(src.res(nullptr, 8, 0), KS_INVALID_PARAMETER);
     EXPECT_EQ(K_GrayScaleBitmap(nullptr, 8), KS_INVALID_PARAMETER);

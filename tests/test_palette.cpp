@@ -64,11 +64,15 @@ TEST(PaletteFixed, EveryDepthWebAndGreyRampsMatchTheTables) {
         for (int i = 0; i < count; ++i) {
             EXPECT_TRUE(same(filled[size_t(i)], fixedEntry(d, i))) << "depth " << d << " entry " << i;
             EXPECT_TRUE(same(made[i], fixedEntry(d, i)));
-            if (d) EXPECT_TRUE(same(k[i], fixedEntry(d, i)));
+            if (d) {
+                EXPECT_TRUE(same(k[i], fixedEntry(d, i)));
+            }
             const int v = count == 1 ? 0 : i * 255 / (count - 1);
             EXPECT_TRUE(same(grey[i], rgb(v, v, v))) << d << ":" << i;
         }
-        if (d && d < 8) EXPECT_TRUE(same(filled[size_t(count)], rgb(1, 2, 3)));  // nothing written past 2^d
+        if (d && d < 8) {
+            EXPECT_TRUE(same(filled[size_t(count)], rgb(1, 2, 3)));  // nothing written past 2^d
+        }
         K_GlobalFree(made);
         EXPECT_EQ(K_GlobalFree(grey), nullptr);
     }
@@ -427,7 +431,9 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
             KindBitmap kb(k, W, H, f.bpp);
             ASSERT_EQ(kb.rc, KS_SUCCESS);
             kb.bm.nOrder = f.order;
-            if (!pal.empty()) ASSERT_EQ(K_SetBitmapPalette(&kb.bm, pal.data(), int32_t(pal.size())), KS_SUCCESS);
+            if (!pal.empty()) {
+                ASSERT_EQ(K_SetBitmapPalette(&kb.bm, pal.data(), int32_t(pal.size())), KS_SUCCESS);
+            }
             for (int32_t y = 0; y < H; ++y) ASSERT_GT(K_PutBitmapRow(&kb.bm, ref.row(y), y, ref.bpl), 0);
             int32_t n = -1, n2 = -1;
             std::vector<RGBQUAD> got(want.size() + 1, RGBQUAD{0xEE, 0xEE, 0xEE, 0xEE});

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "ombrix.h"
+#include "orient_ref.h"
 #include "../tools/ombrix/image.h"
 
 namespace pnm = image;
@@ -44,23 +45,6 @@ void writeFile(const std::string& path, const std::string& bytes) {
 std::string readFile(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-}
-
-// Viewed (x, y) of stored (row, col), written from the orientation names:
-// "row side, column side" of the stored image as seen by the viewer.
-void viewOf(int p, int W, int H, int r, int c, int& x, int& y) {
-    // W, H: stored width and height.
-    const int Wv = p >= 5 ? H : W, Hv = p >= 5 ? W : H;
-    switch (p) {
-        case 1: x = c, y = r; break;                    // row top, column left
-        case 2: x = Wv - 1 - c, y = r; break;           // row top, column right
-        case 3: x = Wv - 1 - c, y = Hv - 1 - r; break;  // row bottom, column right
-        case 4: x = c, y = Hv - 1 - r; break;           // row bottom, column left
-        case 5: x = r, y = c; break;                    // row left, column top
-        case 6: x = Wv - 1 - r, y = c; break;           // row right, column top
-        case 7: x = Wv - 1 - r, y = Hv - 1 - c; break;  // row right, column bottom
-        default: x = r, y = Hv - 1 - c; break;          // row left, column bottom
-    }
 }
 
 struct Rgb {
@@ -159,20 +143,21 @@ TEST(PalettePnm, DeepFormatsInEveryViewPerspective) {
     for (const Format& f : kFormats)
         for (int p = 1; p <= 8; ++p) {
             SCOPED_TRACE(std::string(f.name) + " perspective " + std::to_string(p));
-            const int W = 7, H = 5, Wv = p >= 5 ? H : W, Hv = p >= 5 ? W : H;
-            std::vector<Rgb> view(size_t(Wv * Hv));
+            const int W = 7, H = 5;
+            std::vector<Rgb> stored;
+            orienttest::Grid ids(W, H);  // stored pixel numbers, seen in the perspective
+            for (size_t i = 0; i < ids.v.size(); ++i) ids.v[i] = i;
+            const orienttest::Grid seen = orienttest::viewed(ids, p);
             BITMAPRECORD bm;
-            makeBitmap(bm, W, H, f.bpp, f.order, p, [&](int r, int c, uint8_t* row) {
-                int x, y;
-                viewOf(p, W, H, r, c, x, y);
-                view[size_t(y * Wv + x)] = putRandom(f, row, c, rng);
-            });
+            makeBitmap(bm, W, H, f.bpp, f.order, p, [&](int, int c, uint8_t* row) { stored.push_back(putRandom(f, row, c, rng)); });
+            std::vector<Rgb> view;
+            for (uint64_t id : seen.v) view.push_back(stored[id]);
             const bool wide = f.bpp >= 48 || f.order == ORDER_GRAY;
             for (const std::string ext : {".pnm", ".pam"}) {
                 const std::string path = tempPath(std::string(f.name) + ext);
                 ASSERT_EQ(pnm::write(path, bm), KS_SUCCESS);
                 const Raw raw = parse(readFile(path));
-                ASSERT_EQ((std::vector<int>{raw.w, raw.h, raw.maxval}), (std::vector<int>{Wv, Hv, wide ? 65535 : 255}));
+                ASSERT_EQ((std::vector<int>{raw.w, raw.h, raw.maxval}), (std::vector<int>{seen.w, seen.h, wide ? 65535 : 255}));
                 const bool alpha = f.bpp == 32 && ext == ".pam";  // PAM keeps the alpha
                 ASSERT_EQ(raw.depth, f.order == ORDER_GRAY ? 1 : alpha ? 4 : 3);
                 const size_t d = size_t(raw.depth);
@@ -221,11 +206,16 @@ TEST(PalettePnm, PalettedBitmaps) {
         EXPECT_EQ(raw.magic, c.magic);
         for (size_t i = 0; i < idx.size(); ++i) {
             const RGBQUAD& e = pal[idx[i]];
-            if (raw.magic == "P4") ASSERT_EQ(raw.samples[i], e.rgbRed ? 0u : 1u);
-            if (raw.magic == "P5") ASSERT_EQ(raw.samples[i], e.rgbRed);
-            if (raw.magic == "P6")
+            if (raw.magic == "P4") {
+                ASSERT_EQ(raw.samples[i], e.rgbRed ? 0u : 1u);
+            }
+            if (raw.magic == "P5") {
+                ASSERT_EQ(raw.samples[i], e.rgbRed);
+            }
+            if (raw.magic == "P6") {
                 ASSERT_EQ((std::vector<uint32_t>(raw.samples.begin() + long(3 * i), raw.samples.begin() + long(3 * i + 3))),
                           (std::vector<uint32_t>{e.rgbRed, e.rgbGreen, e.rgbBlue}));
+            }
         }
         if (c.bpp == 1) {
             BITMAPRECORD back;
@@ -269,7 +259,9 @@ TEST(PalettePnm, ForeignFilesAndOddMaxvals) {
         for (size_t i = 0; i < c.want.size(); ++i)
             EXPECT_EQ(c.bpp == 48 ? uint32_t(bm.pData[2 * i] | bm.pData[2 * i + 1] << 8) : c.bpp == 1 ? bm.pData[i] & 0xE0u : bm.pData[i],
                       c.want[i]) << c.bpp << " sample " << i;
-        if (c.bpp == 8) EXPECT_EQ(K_IsGrayScalePalette(bm.pPalette, bm.nColors), 1);
+        if (c.bpp == 8) {
+            EXPECT_EQ(K_IsGrayScalePalette(bm.pPalette, bm.nColors), 1);
+        }
         K_FreeBitmap(&bm);
     }
 }
