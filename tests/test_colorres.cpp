@@ -143,6 +143,13 @@ TEST(ColorRes, PaletteImageThroughTwentyFourBitsComesBackIdentical) {
         EXPECT_EQ(deep.bm.nBitsPerPixel, bits);
         EXPECT_EQ(deep.rows(), px) << bits;
         EXPECT_EQ(0, std::memcmp(deep.bm.pPalette, pal.data(), sizeof(RGBQUAD) * size_t(n)));
+        Bmp direct;  // index to index: every pixel keeps its index at 8 bits
+        ASSERT_EQ(src.res(&direct.bm, 8, CRF_USERPALETTE | CRF_NODITHERING, pal.data(), n), KS_SUCCESS);
+        const auto out = direct.rows();
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                ASSERT_EQ(out[size_t(y) * direct.bm.nBytesPerLine + size_t(x)],
+                          getPixel(px.data() + size_t(y) * src.bm.nBytesPerLine, x, bits)) << bits << " at " << x;
     }
     // Grey through colour (in place, to 24 and 48 bits) and back through 16-bit grey.
     Bmp grey(256, 3, 8, ORDER_GRAY);
