@@ -407,14 +407,6 @@ TEST(DitherProof, ErrorsNeverWrap) {
     // would turn the 250 black.
     EXPECT_EQ(runLibrary(1, 3, 1, {{46, 46, 46}, {250, 250, 250}, {125, 125, 125}}, nullptr, 2),
               (std::vector<int>{0, 1, 0}));
-    // Extreme images with every method stay in range (UBSan watches the sums).
-    const int w = 301, h = 64;
-    std::vector<Rgb> harsh(size_t(w) * size_t(h));
-    for (size_t i = 0; i < harsh.size(); ++i) harsh[i] = (i / 3) % 2 ? Rgb{255, 255, 255} : Rgb{0, 255, 0};
-    for (int method = 1; method <= 6; ++method) {
-        auto pal = randomPalette(3, uint32_t(method));
-        ASSERT_EQ(runLibrary(method, w, h, harsh, pal.data(), 3), ditherref::dither(method, w, h, harsh, tableTarget(pal)));
-    }
 }
 
 // ---------------------------------------------------------- source depths
