@@ -122,19 +122,13 @@ void putLe(std::vector<uint8_t>& b, size_t at, int bytes, uint32_t v) {
 // The 12-bit sample i, read as its own little-endian word (low 12 bits for
 // an even pixel, high 12 bits of the word one byte later for an odd one).
 uint32_t get12(const std::vector<uint8_t>& b, size_t i) {
-    size_t at = (i / 2) * 3 + (i % 2);
-    uint32_t word = b[at] | (uint32_t(b[at + 1]) << 8);
+    const uint32_t word = le(b, (i / 2) * 3 + (i % 2), 2);
     return (i % 2) ? (word >> 4) : (word & 0xFFF);
 }
 void put12(std::vector<uint8_t>& b, size_t i, uint32_t v) {
-    size_t at = (i / 2) * 3 + (i % 2);
-    uint32_t word = b[at] | (uint32_t(b[at + 1]) << 8);
-    if (i % 2)
-        word = (word & 0x000F) | ((v & 0xFFF) << 4);
-    else
-        word = (word & 0xF000) | (v & 0xFFF);
-    b[at] = uint8_t(word);
-    b[at + 1] = uint8_t(word >> 8);
+    const size_t at = (i / 2) * 3 + (i % 2);
+    const uint32_t word = le(b, at, 2);
+    putLe(b, at, 2, (i % 2) ? (word & 0x000F) | ((v & 0xFFF) << 4) : (word & 0xF000) | (v & 0xFFF));
 }
 
 std::vector<RGBQUAD> fixedPal(int bits) {
@@ -237,19 +231,11 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
             p.grey = true;
             p.value = uint32_t((sample >> sw.lo) & ((uint64_t(1) << sw.n) - 1));
         } else if (r.srcBits == 16) {
-            uint32_t v = le(src, 2 * i, 2), R, G, B;
+            const uint32_t v = le(src, 2 * i, 2);
             auto five = [](uint32_t x) { return x * 8 + x / 4; };  // top bits repeated below
-            if (so == 0) {
-                R = v & 31, G = (v >> 5) & 31, B = (v >> 10) & 31;
-                R = five(R), G = five(G), B = five(B);
-            } else if (so == 1) {
-                B = v & 31, G = (v >> 5) & 31, R = (v >> 10) & 31;
-                R = five(R), G = five(G), B = five(B);
-            } else {
-                B = five(v & 31), R = five(v >> 11);
-                uint32_t g6 = (v >> 5) & 63;
-                G = g6 * 4 + g6 / 16;
-            }
+            uint32_t R = five((v >> 10) & 31), G = five((v >> 5) & 31), B = five(v & 31);  // blue first
+            if (so == 0) std::swap(R, B);
+            if (so == 7) R = five(v >> 11), G = ((v >> 5) & 63) * 4 + ((v >> 5) & 63) / 16;
             p.rgb[0] = R * 257, p.rgb[1] = G * 257, p.rgb[2] = B * 257;
         } else {
             const int bytes = r.srcBits / 8;
@@ -322,14 +308,9 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
                       B8 == ((r.crTransparent >> 16) & 0xFF);
         }
         if (r.dstBits == 16) {
-            uint32_t v;
-            if (dOrder == 0)
-                v = (R8 / 8) | ((G8 / 8) << 5) | ((B8 / 8) << 10);
-            else if (dOrder == 1)
-                v = (B8 / 8) | ((G8 / 8) << 5) | ((R8 / 8) << 10);
-            else
-                v = (B8 / 8) | ((G8 / 4) << 5) | ((R8 / 8) << 11);
-            putLe(out, 2 * i, 2, v);
+            const uint32_t lo = dOrder == 0 ? R8 : B8, hi = dOrder == 0 ? B8 : R8;
+            putLe(out, 2 * i, 2, dOrder == 7 ? (B8 / 8) | ((G8 / 4) << 5) | ((R8 / 8) << 11)
+                                             : (lo / 8) | ((G8 / 8) << 5) | ((hi / 8) << 10));
             continue;
         }
         const bool deep = r.dstBits >= 48;

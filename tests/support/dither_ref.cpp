@@ -7,31 +7,13 @@
 namespace ditherref {
 
 namespace {
-// Columns:              -3 -2 -1  0  +1  +2  +3
-const Matrix kFloyd = {16, {{0, 0, 0, 0, 7, 0, 0},
-                            {0, 0, 3, 5, 1, 0, 0},
-                            {0, 0, 0, 0, 0, 0, 0},
-                            {0, 0, 0, 0, 0, 0, 0}}};
-const Matrix kStucki = {42, {{0, 0, 0, 0, 8, 4, 0},
-                             {0, 2, 4, 8, 4, 2, 0},
-                             {0, 1, 2, 4, 2, 1, 0},
-                             {0, 0, 0, 0, 0, 0, 0}}};
-const Matrix kBurkes = {32, {{0, 0, 0, 0, 8, 4, 0},
-                             {0, 2, 4, 8, 4, 2, 0},
-                             {0, 0, 0, 0, 0, 0, 0},
-                             {0, 0, 0, 0, 0, 0, 0}}};
-const Matrix kSierra = {32, {{0, 0, 0, 0, 5, 3, 0},
-                             {0, 2, 4, 5, 4, 2, 0},
-                             {0, 0, 2, 3, 2, 0, 0},
-                             {0, 0, 0, 0, 0, 0, 0}}};
-const Matrix kStevenson = {200, {{0, 0, 0, 0, 0, 32, 0},
-                                 {12, 0, 26, 0, 30, 0, 16},
-                                 {0, 12, 0, 26, 0, 12, 0},
-                                 {5, 0, 12, 0, 12, 0, 5}}};
-const Matrix kJarvis = {48, {{0, 0, 0, 0, 7, 5, 0},
-                             {0, 3, 5, 7, 5, 3, 0},
-                             {0, 1, 3, 5, 3, 1, 0},
-                             {0, 0, 0, 0, 0, 0, 0}}};
+// Rows 0..3 (row 0: right of the pixel only), columns -3..+3.
+const Matrix kFloyd = {16, {{0, 0, 0, 0, 7, 0, 0}, {0, 0, 3, 5, 1, 0, 0}, {}, {}}};
+const Matrix kStucki = {42, {{0, 0, 0, 0, 8, 4, 0}, {0, 2, 4, 8, 4, 2, 0}, {0, 1, 2, 4, 2, 1, 0}, {}}};
+const Matrix kBurkes = {32, {{0, 0, 0, 0, 8, 4, 0}, {0, 2, 4, 8, 4, 2, 0}, {}, {}}};
+const Matrix kSierra = {32, {{0, 0, 0, 0, 5, 3, 0}, {0, 2, 4, 5, 4, 2, 0}, {0, 0, 2, 3, 2, 0, 0}, {}}};
+const Matrix kStevenson = {200, {{0, 0, 0, 0, 0, 32, 0}, {12, 0, 26, 0, 30, 0, 16}, {0, 12, 0, 26, 0, 12, 0}, {5, 0, 12, 0, 12, 0, 5}}};
+const Matrix kJarvis = {48, {{0, 0, 0, 0, 7, 5, 0}, {0, 3, 5, 7, 5, 3, 0}, {0, 1, 3, 5, 3, 1, 0}, {}}};
 }  // namespace
 
 const Matrix& matrix(int method) {
@@ -111,15 +93,6 @@ std::vector<int> dither(int method, int width, int height, const std::vector<Rgb
                     eb[j] += long(w) * db;
                 }
         }
-    return out;
-}
-
-std::vector<uint8_t> pack(const int* indices, int width, int bits) {
-    std::vector<uint8_t> out((size_t(width) * size_t(bits) + 7) / 8, 0);
-    size_t bit = 0;
-    for (int x = 0; x < width; ++x)
-        for (int k = bits - 1; k >= 0; --k, ++bit)
-            if ((indices[x] >> k) & 1) out[bit / 8] |= uint8_t(0x80u >> (bit % 8));
     return out;
 }
 

@@ -43,7 +43,4 @@ struct Target {
 // palette index per pixel.
 std::vector<int> dither(int method, int width, int height, const std::vector<Rgb>& image, const Target& target);
 
-// MSB-first packing of indices at `bits` per pixel, trailing bits zero.
-std::vector<uint8_t> pack(const int* indices, int width, int bits);
-
 }  // namespace ditherref
