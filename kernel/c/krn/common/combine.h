@@ -96,6 +96,10 @@ struct CombineRowArgs {
 using CombineRowFn = void (*)(const CombinePlan& plan, const CombineFormat& fmt, const CombineRowArgs& a);
 
 CombineRowFn pickCombineRow(const CombinePlan& plan, const CombineFormat& fmt, bool simd) noexcept;
+// The 8-bit alpha-over kernel of one SIMD level, whatever OMBRIX_SIMD says:
+// 0 plain (the reference), 1 AVX2 with FMA; null for any other level and
+// for a level the processor lacks.
+CombineRowFn alphaOver8Kernel(int level) noexcept;
 // Scratch bytes a row kernel needs for n pixels (0 when n is absurd).
 size_t combineScratchBytes(uint64_t n, int32_t bpp) noexcept;
 
