@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -28,7 +29,6 @@ using storagetest::setPixel;
 
 // Pixel x of a stored row (the storage reference knows every depth's packing).
 inline uint64_t pixelAt(const uint8_t* row, int32_t x, int32_t bpp) { return getPixel(row, x, bpp); }
-inline void setPixelAt(uint8_t* row, int32_t x, int32_t bpp, uint64_t v) { setPixel(row, x, bpp, v); }
 // Sample x of a row of little-endian 16-bit samples.
 inline uint32_t le16(const uint8_t* row, int32_t x) { return row[2 * x] | (uint32_t(row[2 * x + 1]) << 8); }
 
@@ -97,11 +97,7 @@ struct Source {
 struct Sentinel {
     BITMAPRECORD bm;
     Sentinel() { std::memset(&bm, 0xA5, sizeof bm); }
-    bool intact() const {
-        for (size_t i = 0; i < sizeof bm; ++i)
-            if (reinterpret_cast<const uint8_t*>(&bm)[i] != 0xA5) return false;
-        return true;
-    }
+    bool intact() const { return std::all_of((const uint8_t*)&bm, (const uint8_t*)(&bm + 1), [](uint8_t b) { return b == 0xA5; }); }
 };
 template <class T>
 bool sameBytes(const T& a, const T& b) {
@@ -114,17 +110,9 @@ struct StatusScope {
     void* oldUser = nullptr;
     bool copy;
     StatusScope(STATUSCALLBACK fn, void* user, bool copyStatus = false) : copy(copyStatus) {
-        if (copy)
-            K_SetCopyStatusCallBack(fn, user, &oldFn, &oldUser);
-        else
-            K_SetStatusCallBack(fn, user, &oldFn, &oldUser);
+        (copy ? K_SetCopyStatusCallBack : K_SetStatusCallBack)(fn, user, &oldFn, &oldUser);
     }
-    ~StatusScope() {
-        if (copy)
-            K_SetCopyStatusCallBack(oldFn, oldUser, nullptr, nullptr);
-        else
-            K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr);
-    }
+    ~StatusScope() { (copy ? K_SetCopyStatusCallBack : K_SetStatusCallBack)(oldFn, oldUser, nullptr, nullptr); }
 };
 
 // A status callback that records the percentages and answers 1 until it has
