@@ -30,25 +30,6 @@ const uint32_t R = BITMAPRECORD_SIZE;
 
 }  // namespace
 
-TEST(Copy, CopyEqualsSourceOnEveryKindAndDepth) {
-    storagetest::CapGuard guard;
-    for (int bpp : allDepths())
-        for (Kind k : kindsFor(bpp)) {
-            SCOPED_TRACE(trace(k, bpp));
-            Source src(k, 37, 11, bpp, uint32_t(bpp * 131 + int(k)));
-            ASSERT_EQ(src.kb.rc, KS_SUCCESS);
-            BITMAPRECORD dst;
-            ASSERT_EQ(K_CopyBitmap(&dst, src.bm(), R), KS_SUCCESS);
-            EXPECT_EQ(dst.nWidth * 10000 + dst.nHeight * 100 + dst.nBitsPerPixel, 370000 + 1100 + bpp);
-            EXPECT_EQ(dst.nOrder, src.bm()->nOrder);
-            if (src.bm()->pPalette) { EXPECT_NE(dst.pPalette, src.bm()->pPalette) << "the palette is a copy"; }
-            EXPECT_EQ(window(&dst, src.ref), "");
-            K_ClearBitmap(&dst);  // independent: changing the copy leaves the source alone
-            EXPECT_EQ(src.unchanged(), "");
-            K_FreeBitmap(&dst);
-        }
-}
-
 // K_CopyBitmapData between every pair of kinds keeps the destination's kind;
 // K_CopyBitmap2 lands in the kind asked for.
 TEST(Copy, BetweenKinds) {
@@ -65,20 +46,26 @@ TEST(Copy, BetweenKinds) {
                 EXPECT_EQ(kindOf(&dst.bm), kindBefore);
                 EXPECT_EQ(window(&dst.bm, src.ref), "");
             }
+    // The whole image, a window of it, and a crop in place into the kind asked for.
     const struct {
         uint32_t memory, kind;  // asked, as K_GetBitmapMemoryInfo reports it
         int bpp;
     } cases[] = {{1, 1, 8},        {128, 128, 8},     {128, 128, 1}, {512, 512, 1}, {1024, 1024, 1},
-                 {1024, 1024, 8}, {1024, 1024, 24}, {257, 1, 24},  {0, 1, 16}};
+                 {1024, 1024, 8}, {1024, 1024, 24}, {257, 1, 24},  {0, 1, 16},    {1, 1, 1}};
     for (const auto& c : cases)
         for (Kind from : kindsFor(c.bpp)) {
             SCOPED_TRACE(trace(from, c.bpp) + " -> type " + std::to_string(c.memory));
-            Source src(from, 29, 6, c.bpp, c.memory + uint32_t(from));
-            BITMAPRECORD dst;
+            Source src(from, 77, 21, c.bpp, c.memory + uint32_t(from));
+            BITMAPRECORD dst, win;
             ASSERT_EQ(K_CopyBitmap2(&dst, src.bm(), R, c.memory), KS_SUCCESS);
-            EXPECT_EQ(kindOf(&dst), c.kind);
-            EXPECT_EQ(window(&dst, src.ref), "");
+            ASSERT_EQ(K_CopyBitmapRect2(&win, src.bm(), R, 5, -2, 61, 20, c.memory), KS_SUCCESS);
+            EXPECT_EQ(kindOf(&dst) * 10000 + kindOf(&win), c.kind * 10001);
+            EXPECT_EQ(window(&dst, src.ref) + window(&win, src.ref, 5, -2), "");
             K_FreeBitmap(&dst);
+            K_FreeBitmap(&win);
+            ASSERT_EQ(K_CopyBitmapRect2(nullptr, src.bm(), R, 9, 1, 30, 11, c.memory), KS_SUCCESS);
+            EXPECT_EQ(kindOf(src.bm()), c.kind);
+            EXPECT_EQ(window(src.bm(), src.ref, 9, 1), "");
         }
 }
 
@@ -327,8 +314,7 @@ TEST(CopyRect, WindowEqualsIndexArithmetic) {
     }
 }
 
-// An in-place crop keeps the storage kind (caller memory gets a block of its
-// own) and gives the window; K_CopyBitmapRect2 puts either into the kind asked.
+// An in-place crop keeps the storage kind (caller memory gets a block of its own) and gives the window.
 TEST(CopyRect, InPlaceCropAndChosenStorage) {
     storagetest::CapGuard guard;
     const struct {
@@ -348,19 +334,6 @@ TEST(CopyRect, InPlaceCropAndChosenStorage) {
                 EXPECT_EQ(kindOf(src.bm()), k == Kind::CallerMemory ? 1u : kind);
                 EXPECT_EQ(window(src.bm(), src.ref, r.col, r.row), "");
             }
-        }
-    for (uint32_t memory : {1u, 128u, 512u, 1024u})
-        for (Kind k : kindsFor(1)) {
-            SCOPED_TRACE(std::string(kindName(k)) + " type " + std::to_string(memory));
-            Source src(k, 77, 21, 1, memory);
-            BITMAPRECORD d;
-            ASSERT_EQ(K_CopyBitmapRect2(&d, src.bm(), R, 5, -2, 61, 20, memory), KS_SUCCESS);
-            EXPECT_EQ(kindOf(&d), memory);
-            EXPECT_EQ(window(&d, src.ref, 5, -2), "");
-            K_FreeBitmap(&d);
-            ASSERT_EQ(K_CopyBitmapRect2(nullptr, src.bm(), R, 9, 1, 30, 11, memory), KS_SUCCESS);
-            EXPECT_EQ(kindOf(src.bm()), memory);
-            EXPECT_EQ(window(src.bm(), src.ref, 9, 1), "");
         }
 }
 
@@ -445,16 +418,24 @@ TEST(CopyRect, NoStaleBytesInBlocksThatWereNotZeroed) {
     }
 }
 
-// ---------------------------------------------------------------- fill and clear through regions
-
-TEST(CopyFill, FillAndClearStayInsideTheRegionOnEveryKind) {
+// Every depth and kind: a copy holds the source's pixels and is independent
+// of it; fill and clear stay inside a region of two rectangles.
+TEST(Copy, CopyFillAndClearOnEveryKindAndDepth) {
     storagetest::CapGuard guard;
     for (int bpp : allDepths())
         for (Kind k : kindsFor(bpp)) {
             SCOPED_TRACE(trace(k, bpp));
             Source src(k, 45, 14, bpp, uint32_t(bpp * 5 + int(k)));
             ASSERT_EQ(src.kb.rc, KS_SUCCESS);
-            // Two rectangles: the oracle is index arithmetic.
+            BITMAPRECORD dst;
+            ASSERT_EQ(K_CopyBitmap(&dst, src.bm(), R), KS_SUCCESS);
+            EXPECT_EQ(dst.nWidth * 10000 + dst.nHeight * 100 + dst.nBitsPerPixel, 451400 + bpp);
+            EXPECT_EQ(dst.nOrder, src.bm()->nOrder);
+            EXPECT_TRUE(!src.bm()->pPalette || dst.pPalette != src.bm()->pPalette) << "the palette is a copy";
+            EXPECT_EQ(window(&dst, src.ref), "");
+            K_ClearBitmap(&dst);
+            EXPECT_EQ(src.unchanged(), "");
+            K_FreeBitmap(&dst);
             RECT a = {3, 1, 17, 9}, b = {12, 6, 40, 13};
             ASSERT_EQ(K_SetBitmapRgnRect(src.bm(), nullptr, &a, RGN_SET_REPLACE), KS_SUCCESS);
             ASSERT_EQ(K_SetBitmapRgnRect(src.bm(), nullptr, &b, RGN_SET_OR), KS_SUCCESS);

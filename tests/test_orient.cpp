@@ -146,14 +146,17 @@ TEST(Orient, QuarterTurnIdentitiesOnEveryKind) {
 }
 
 // The mirrored perspectives turn the stored pixels the other way, so the
-// viewed image always turns clockwise for bTurn 1.
+// viewed image always turns clockwise for bTurn 1 (and back for 0).
 TEST(Orient, QuarterTurnTurnsTheViewedImage) {
-    for (int persp = 1; persp <= 8; ++persp) {
-        Sample a(Kind::SingleBlock, 6, 4, 8, uint32_t(persp), false);
-        a.bm()->nViewPerspective = persp;
-        ASSERT_EQ(K_RotateBitmap90(a.bm(), 1, 0, 100), KS_SUCCESS);
-        EXPECT_TRUE(viewed(stored(a.bm()), persp) == turnedCw(viewed(a.pixels, persp))) << persp;
-    }
+    for (int bpp : {1, 4, 8, 24, 32, 64})
+        for (int persp = 1; persp <= 8; ++persp)
+            for (int turn : {0, 1}) {
+                Sample a(Kind::SingleBlock, 13, 6, bpp, uint32_t(persp * bpp + turn), false);
+                a.bm()->nViewPerspective = persp;
+                ASSERT_EQ(K_RotateBitmap90(a.bm(), turn, 0, 100), KS_SUCCESS);
+                const Grid cw = turnedCw(viewed(a.pixels, persp));
+                EXPECT_TRUE(viewed(stored(a.bm()), persp) == (turn ? cw : turnedCw(turnedCw(cw)))) << bpp << " " << persp;
+            }
 }
 
 // Large images go band by band into storage of their own kind: forced here

@@ -36,10 +36,8 @@ inline uint32_t le16(const uint8_t* row, int32_t x) { return row[2 * x] | (uint3
 inline int32_t putImage(BITMAPRECORD* bm, RefImage& ref) {
     K_AccessBitmap(bm);
     int32_t rc = KS_SUCCESS;
-    for (int32_t r = 0; r < ref.height && rc == KS_SUCCESS; ++r) {
-        const int32_t n = K_PutBitmapRow(bm, ref.row(r), r, ref.bpl);
-        if (n < 0) rc = n;
-    }
+    for (int32_t r = 0; r < ref.height && rc == KS_SUCCESS; ++r)
+        if (const int32_t n = K_PutBitmapRow(bm, ref.row(r), r, ref.bpl); n < 0) rc = n;
     K_ReleaseBitmap(bm);
     return rc;
 }
@@ -56,13 +54,10 @@ inline RefImage getImage(BITMAPRECORD* bm) {
 template <class F>
 std::string firstMismatch(RefImage& got, F&& want) {
     for (int32_t y = 0; y < got.height; ++y)
-        for (int32_t x = 0; x < got.width; ++x) {
-            const uint64_t g = pixelAt(got.row(y), x, got.bpp);
-            const uint64_t w = want(x, y);
-            if (g != w)
+        for (int32_t x = 0; x < got.width; ++x)
+            if (const uint64_t g = pixelAt(got.row(y), x, got.bpp), w = want(x, y); g != w)
                 return "pixel (" + std::to_string(x) + ", " + std::to_string(y) + "): got " + std::to_string(g) +
                        " want " + std::to_string(w);
-        }
     return "";
 }
 
@@ -83,7 +78,7 @@ struct Source {
     RefImage ref;
     Source(Kind k, int32_t w, int32_t h, int32_t bpp, uint32_t seed) : kb(k, w, h, bpp), ref(w, h, bpp) {
         ref.randomize(seed);
-        if (kb.rc == KS_SUCCESS) kb.rc = putImage(&kb.bm, ref);
+        kb.rc = kb.rc == KS_SUCCESS ? putImage(&kb.bm, ref) : kb.rc;
     }
     BITMAPRECORD* bm() { return &kb.bm; }
     // The stored pixels still those of the reference.
@@ -100,9 +95,7 @@ struct Sentinel {
     bool intact() const { return std::all_of((const uint8_t*)&bm, (const uint8_t*)(&bm + 1), [](uint8_t b) { return b == 0xA5; }); }
 };
 template <class T>
-bool sameBytes(const T& a, const T& b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
+bool sameBytes(const T& a, const T& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // Installs a status callback (or the copy status callback) for one scope.
 struct StatusScope {
