@@ -9,7 +9,6 @@
 #include <functional>
 #include <random>
 
-#include "krn/common/copy.h"
 #include "transform_kit.h"
 
 using namespace tkit;
@@ -271,70 +270,40 @@ TEST(Copy, OlderRecordLayout) {
     K_FreeBitmap(&d.bm);
 }
 
-TEST(Copy, CopyBitsMatchesBitByBit) {
-    std::mt19937 rng(11);
-    for (int iter = 0; iter < 3000; ++iter) {
-        uint8_t src[24], dst[24], want[24];
-        for (auto& b : src) b = uint8_t(rng());
-        for (auto& b : dst) b = uint8_t(rng());
-        std::memcpy(want, dst, sizeof dst);
-        const uint32_t sb = rng() % 8, db = rng() % 8;
-        const uint64_t n = rng() % 150;
-        for (uint64_t i = 0; i < n; ++i)
-            setPixel(want, int32_t(db + i), 1, getPixel(src, int32_t(sb + i), 1));
-        krn::copyBits(dst, db, src, sb, n);
-        ASSERT_EQ(std::memcmp(dst, want, sizeof dst), 0) << "sb " << sb << " db " << db << " n " << n;
-    }
-}
-
 // ---------------------------------------------------------------- rectangles, crops and trims
 
-TEST(CopyRect, WindowEqualsIndexArithmetic) {
+// Rectangle copies from well left/above to past the right/bottom edge give the
+// window of the source (zero outside it); then an in-place crop, which keeps
+// the storage kind (caller memory gets a block of its own).
+TEST(CopyRect, WindowsAndCropsEqualIndexArithmetic) {
     storagetest::CapGuard guard;
     std::mt19937 rng(2024);
     for (int bpp : allDepths()) {
-        // Every kind at the depths the compressed stores take; two elsewhere.
-        const bool all = bpp == 1 || bpp == 8 || bpp == 24 || bpp == 12;
+        // Every kind at the depths the compressed stores take and at 3 bits; two elsewhere.
+        const bool all = bpp == 1 || bpp == 3 || bpp == 8 || bpp == 24 || bpp == 12;
         for (Kind k : all ? kindsFor(bpp) : std::vector<Kind>{Kind::SingleBlock, Kind::Disk}) {
             SCOPED_TRACE(trace(k, bpp));
             Source src(k, 53, 17, bpp, uint32_t(bpp * 17 + int(k)));
             ASSERT_EQ(src.kb.rc, KS_SUCCESS);
-            for (int iter = 0; iter < 12; ++iter) {
-                // Corners from well left/above to past the right/bottom edge.
+            const uint32_t kind = kindOf(src.bm());
+            for (int iter = 0; iter < 13; ++iter) {
                 const int32_t col = int32_t(rng() % 80) - 20, row = int32_t(rng() % 30) - 8;
                 const uint32_t w = 1 + rng() % 60, h = 1 + rng() % 22;
                 SCOPED_TRACE(::testing::Message() << "rect " << col << "," << row << " " << w << "x" << h);
                 BITMAPRECORD d;
-                ASSERT_EQ(K_CopyBitmapRect(&d, src.bm(), R, col, row, w, h), KS_SUCCESS);
-                ASSERT_EQ(d.nWidth * 1000 + d.nHeight, int32_t(w * 1000 + h));
-                EXPECT_EQ(window(&d, src.ref, col, row), "");
-                K_FreeBitmap(&d);
+                const bool crop = iter == 12 && k != Kind::CallbackMemory;  // its buffer belongs to the caller's callback
+                BITMAPRECORD* out = crop ? src.bm() : &d;
+                ASSERT_EQ(K_CopyBitmapRect(crop ? nullptr : &d, src.bm(), R, col, row, w, h), KS_SUCCESS);
+                ASSERT_EQ(out->nWidth * 1000 + out->nHeight, int32_t(w * 1000 + h));
+                EXPECT_EQ(window(out, src.ref, col, row), "");
+                if (crop) {
+                    EXPECT_EQ(kindOf(src.bm()), k == Kind::CallerMemory ? 1u : kind);
+                } else {
+                    K_FreeBitmap(&d);
+                }
             }
         }
     }
-}
-
-// An in-place crop keeps the storage kind (caller memory gets a block of its own) and gives the window.
-TEST(CopyRect, InPlaceCropAndChosenStorage) {
-    storagetest::CapGuard guard;
-    const struct {
-        int32_t col, row;
-        uint32_t w, h;
-    } rects[] = {{3, 2, 20, 9}, {-4, -3, 30, 8}, {13, 5, 100, 100}, {0, 0, 41, 13}, {40, 12, 1, 1}};
-    for (int bpp : {1, 3, 12, 24})
-        for (Kind k : kindsFor(bpp)) {
-            if (k == Kind::CallbackMemory) continue;  // its buffer belongs to the caller's callback
-            for (const auto& r : rects) {
-                SCOPED_TRACE(trace(k, bpp) + " col " + std::to_string(r.col));
-                Source src(k, 41, 13, bpp, uint32_t(bpp + r.col + 50));
-                ASSERT_EQ(src.kb.rc, KS_SUCCESS);
-                const uint32_t kind = kindOf(src.bm());
-                ASSERT_EQ(K_CopyBitmapRect(nullptr, src.bm(), R, r.col, r.row, r.w, r.h), KS_SUCCESS);
-                EXPECT_EQ(src.bm()->nWidth * 1000 + src.bm()->nHeight, int32_t(r.w * 1000 + r.h));
-                EXPECT_EQ(kindOf(src.bm()), k == Kind::CallerMemory ? 1u : kind);
-                EXPECT_EQ(window(src.bm(), src.ref, r.col, r.row), "");
-            }
-        }
 }
 
 TEST(CopyRect, RegionMovesWithTheCorner) {

@@ -276,12 +276,9 @@ TEST(Orient, BadInput) {
         const char* what;
         int32_t rc, want;
     } cases[] = {
-        {"flip null", K_FlipBitmap(nullptr), P},
-        {"flip unallocated", K_FlipBitmap(&unalloc), P},
-        {"flip size", K_FlipBitmap(&bad), S},
-        {"reverse null", K_ReverseBitmap(nullptr), P},
-        {"reverse size", K_ReverseBitmap(&bad), S},
-        {"int flip null", K_IntFlipBitmap(nullptr), B},
+        {"flip null", K_FlipBitmap(nullptr), P}, {"flip unallocated", K_FlipBitmap(&unalloc), P},
+        {"flip size", K_FlipBitmap(&bad), S}, {"reverse null", K_ReverseBitmap(nullptr), P},
+        {"reverse size", K_ReverseBitmap(&bad), S}, {"int flip null", K_IntFlipBitmap(nullptr), B},
         {"int flip unallocated", K_IntFlipBitmap(&unalloc), B},
         {"int reverse unallocated", K_IntReverseBitmap(&unalloc), B},
         {"relabel null", K_FlipBitmapViewPerspective(nullptr), P},
@@ -299,8 +296,7 @@ TEST(Orient, BadInput) {
         {"buffer90 depth", K_RotateBuffer90(buf, buf + 32, 1, 2, 2, 9), P},
         {"buffer90 absurd", K_RotateBuffer90(buf, buf + 32, 1, 0xFFFFFFFFu, 2, 64), P},
         {"buffer180 overlap", K_RotateBuffer180(buf, buf + 4, 4, 4, 8), P},
-        {"buffer180 null", K_RotateBuffer180(buf, nullptr, 4, 4, 8), P},
-        {"mirror null", K_MirrorLine(nullptr, 4, 8), P},
+        {"buffer180 null", K_RotateBuffer180(buf, nullptr, 4, 4, 8), P}, {"mirror null", K_MirrorLine(nullptr, 4, 8), P},
     };
     for (const auto& c : cases) EXPECT_EQ(c.rc, c.want) << c.what;
     // Values: perspectives, progress ranges, an accessed bitmap; nothing changes.
