@@ -20,7 +20,8 @@ namespace {
 
 const int kDepths[] = {1, 2, 4, 8, 12, 16, 24, 32, 48, 64};
 
-// A bitmap of a kind with random stored pixels and (optionally) an elliptic region.
+// A bitmap of a kind with random stored pixels and (optionally) an elliptic
+// region that no flip or turn maps onto itself.
 struct Sample {
     tkit::KindBitmap kb;
     Grid pixels, mask;
@@ -28,7 +29,7 @@ struct Sample {
         if (kb.rc != KS_SUCCESS) return;
         pixels = randomGrid(w, h, bpp, seed);
         EXPECT_TRUE(store(&kb.bm, pixels));
-        const RECT e{1, 0, w - 1, h};
+        const RECT e{1, 0, w - 2, h - 1};
         if (withRegion) { EXPECT_EQ(K_SetBitmapRgnEllipse(&kb.bm, nullptr, &e, 1), KS_SUCCESS); }
         mask = regionGrid(&kb.bm);
     }
@@ -102,23 +103,30 @@ TEST(Orient, ChangePerspectiveIntoAnotherRecord) {
 
 // Flip and reverse act on the viewed image: stored rows for 1..4, stored
 // columns for 5..8; the region moves with the pixels; every storage kind; the
-// stored-axis forms undo them.
-TEST(Orient, FlipAndReverseOnEveryKind) {
+// stored-axis forms undo them. A half turn (top-left view) turns the stored
+// pixels; caller memory may get a block of its own.
+TEST(Orient, FlipReverseAndHalfTurnOnEveryKind) {
     for (int bpp : kDepths)
         for (Kind k : tkit::kindsFor(bpp))
             for (int persp : {1, 6})
-                for (int op = 0; op < 2; ++op) {
+                for (int op = 0; op < (persp == 1 ? 3 : 2); ++op) {
                     SCOPED_TRACE(::testing::Message() << kindName(k) << " bpp " << bpp << " persp " << persp << " op " << op);
                     Sample a(k, 9, 7, bpp, uint32_t(bpp + op));
                     ASSERT_EQ(a.kb.rc, KS_SUCCESS);
                     a.bm()->nViewPerspective = persp;
                     const uint32_t kind = kindOf(a.bm());
                     const bool rows = (op == 0) == (persp < 5);
-                    ASSERT_EQ(op == 0 ? K_FlipBitmap(a.bm()) : K_ReverseBitmap(a.bm()), KS_SUCCESS);
-                    EXPECT_TRUE(a.holds(rows ? flipped : mirrored));
-                    EXPECT_EQ(kindOf(a.bm()), kind);
-                    ASSERT_EQ(rows ? K_IntFlipBitmap(a.bm()) : K_IntReverseBitmap(a.bm()), KS_SUCCESS);
-                    EXPECT_TRUE(stored(a.bm()) == a.pixels);
+                    if (op == 2) {
+                        ASSERT_EQ(K_RotateBitmap(a.bm(), 18000, 0, 0), KS_SUCCESS);
+                        EXPECT_TRUE(a.holds([](const Grid& g) { return flipped(mirrored(g)); }));
+                    } else {
+                        ASSERT_EQ(op == 0 ? K_FlipBitmap(a.bm()) : K_ReverseBitmap(a.bm()), KS_SUCCESS);
+                        EXPECT_TRUE(a.holds(rows ? flipped : mirrored));
+                    }
+                    if (op < 2 || (k != Kind::CallerMemory && k != Kind::CallbackMemory)) { EXPECT_EQ(kindOf(a.bm()), kind); }
+                    ASSERT_EQ(op == 2 ? K_RotateBitmap(a.bm(), 18000, 0, 0) : rows ? K_IntFlipBitmap(a.bm()) : K_IntReverseBitmap(a.bm()),
+                              KS_SUCCESS);
+                    EXPECT_TRUE(a.holds(same));
                 }
 }
 
