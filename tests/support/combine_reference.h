@@ -19,101 +19,57 @@ struct Format {
     int32_t highBit = -1;  // grey: significant bits - 1, -1 the whole sample
 };
 
-// One field of a pixel: its maximum value and its bit mask.
+// One field of a pixel: where it sits in the raw pixel, its mask and its maximum value.
 struct Field {
-    uint32_t m, mask;
+    uint32_t shift, mask, m;
 };
 
 inline bool hasAlpha(const Format& f) { return (f.bpp == 32 && f.order != ORDER_GRAY) || f.bpp == 64; }
 
 inline std::vector<Field> fieldsOf(const Format& f) {
-    auto grey = [&](int depth) {
-        uint32_t mask = (1u << depth) - 1;
-        uint32_t m = (f.highBit >= 0 && f.highBit < depth) ? (1u << (f.highBit + 1)) - 1 : mask;
-        return Field{m, mask};
+    auto same = [](int n, uint32_t bits) {
+        std::vector<Field> v;
+        for (int i = 0; i < n; ++i) v.push_back(Field{uint32_t(i) * bits, (1u << bits) - 1, (1u << bits) - 1});
+        return v;
     };
+    const bool grey = f.bpp == 12 || (f.bpp == 16 && f.order == ORDER_GRAY);
+    if (grey) {
+        const uint32_t mask = (1u << f.bpp) - 1;
+        return {Field{0, mask, f.highBit >= 0 && f.highBit < f.bpp ? (1u << (f.highBit + 1)) - 1 : mask}};
+    }
     switch (f.bpp) {
-        case 8: return {Field{255, 255}};
-        case 24: return std::vector<Field>(3, Field{255, 255});
-        case 32: return std::vector<Field>(4, Field{255, 255});
-        case 12: return {grey(12)};
-        case 16:
-            if (f.order == ORDER_GRAY) return {grey(16)};
-            if (f.order == ORDER_RGB565) return {Field{31, 31}, Field{63, 63}, Field{31, 31}};
-            return std::vector<Field>(3, Field{31, 31});
-        case 48: return std::vector<Field>(3, Field{65535, 65535});
-        case 64: return std::vector<Field>(4, Field{65535, 65535});
-        default: {
-            uint32_t m = (1u << f.bpp) - 1;
-            return {Field{m, m}};
-        }
+        case 16: return f.order == ORDER_RGB565 ? std::vector<Field>{{0, 31, 31}, {5, 63, 63}, {11, 31, 31}} : same(3, 5);
+        case 24: case 32: return same(f.bpp / 8, 8);
+        case 48: case 64: return same(f.bpp / 16, 16);
+        default: return same(1, uint32_t(f.bpp));
     }
 }
 
 // Raw pixel bits as one number (byte depths: little-endian bytes; 12 bits: the sample).
 inline uint64_t rawPixel(const uint8_t* row, int32_t x, const Format& f) {
-    if (f.bpp < 8) return storagetest::getPixel(row, x, f.bpp);
-    if (f.bpp == 12) {
-        const uint8_t* q = row + (x / 2) * 3;
-        return (x % 2) ? (q[1] >> 4) | (uint32_t(q[2]) << 4) : q[0] | (uint32_t(q[1] & 15) << 8);
-    }
+    if (f.bpp < 8 || f.bpp == 12) return storagetest::getPixel(row, x, f.bpp);
     uint64_t v = 0;
     const int bytes = f.bpp / 8;
     for (int i = bytes - 1; i >= 0; --i) v = (v << 8) | row[size_t(x) * bytes + i];
     return v;
 }
 inline void setRawPixel(uint8_t* row, int32_t x, const Format& f, uint64_t v) {
-    if (f.bpp < 8) return storagetest::setPixel(row, x, f.bpp, v);
-    if (f.bpp == 12) {
-        uint8_t* q = row + (x / 2) * 3;
-        if (x % 2) {
-            q[1] = uint8_t((q[1] & 0x0F) | ((v & 15) << 4));
-            q[2] = uint8_t(v >> 4);
-        } else {
-            q[0] = uint8_t(v);
-            q[1] = uint8_t((q[1] & 0xF0) | ((v >> 8) & 15));
-        }
-        return;
-    }
+    if (f.bpp < 8 || f.bpp == 12) return storagetest::setPixel(row, x, f.bpp, v);
     const int bytes = f.bpp / 8;
     for (int i = 0; i < bytes; ++i) row[size_t(x) * bytes + i] = uint8_t(v >> (8 * i));
 }
 
-// Samples of a raw pixel, in the order of fieldsOf.
+// Samples of a raw pixel, in the order of fieldsOf, and back.
 inline std::vector<uint32_t> samplesOf(uint64_t raw, const Format& f) {
     std::vector<uint32_t> s;
-    switch (f.bpp) {
-        case 16:
-            if (f.order == ORDER_GRAY) return {uint32_t(raw)};
-            if (f.order == ORDER_RGB565) return {uint32_t(raw & 31), uint32_t((raw >> 5) & 63), uint32_t(raw >> 11)};
-            return {uint32_t(raw & 31), uint32_t((raw >> 5) & 31), uint32_t((raw >> 10) & 31)};
-        case 24: case 32:
-            for (int i = 0; i < f.bpp / 8; ++i) s.push_back(uint32_t((raw >> (8 * i)) & 255));
-            return s;
-        case 48: case 64:
-            for (int i = 0; i < f.bpp / 16; ++i) s.push_back(uint32_t((raw >> (16 * i)) & 65535));
-            return s;
-        default: return {uint32_t(raw)};
-    }
+    for (const Field& fl : fieldsOf(f)) s.push_back(uint32_t((raw >> fl.shift) & fl.mask));
+    return s;
 }
 inline uint64_t rawOf(const std::vector<uint32_t>& s, const Format& f) {
-    switch (f.bpp) {
-        case 16:
-            if (f.order == ORDER_GRAY) return s[0];
-            if (f.order == ORDER_RGB565) return s[0] | (s[1] << 5) | (s[2] << 11);
-            return s[0] | (s[1] << 5) | (s[2] << 10);
-        case 24: case 32: {
-            uint64_t v = 0;
-            for (size_t i = 0; i < s.size(); ++i) v |= uint64_t(s[i]) << (8 * i);
-            return v;
-        }
-        case 48: case 64: {
-            uint64_t v = 0;
-            for (size_t i = 0; i < s.size(); ++i) v |= uint64_t(s[i]) << (16 * i);
-            return v;
-        }
-        default: return s[0];
-    }
+    const std::vector<Field> fl = fieldsOf(f);
+    uint64_t v = 0;
+    for (size_t i = 0; i < fl.size(); ++i) v |= uint64_t(s[i] & fl[i].mask) << fl[i].shift;
+    return v;
 }
 
 // The reference plan.

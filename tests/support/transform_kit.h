@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -28,7 +29,6 @@ using storagetest::setPixel;
 
 // Pixel x of a stored row (the storage reference knows every depth's packing).
 inline uint64_t pixelAt(const uint8_t* row, int32_t x, int32_t bpp) { return getPixel(row, x, bpp); }
-inline void setPixelAt(uint8_t* row, int32_t x, int32_t bpp, uint64_t v) { setPixel(row, x, bpp, v); }
 // Sample x of a row of little-endian 16-bit samples.
 inline uint32_t le16(const uint8_t* row, int32_t x) { return row[2 * x] | (uint32_t(row[2 * x + 1]) << 8); }
 
@@ -36,10 +36,8 @@ inline uint32_t le16(const uint8_t* row, int32_t x) { return row[2 * x] | (uint3
 inline int32_t putImage(BITMAPRECORD* bm, RefImage& ref) {
     K_AccessBitmap(bm);
     int32_t rc = KS_SUCCESS;
-    for (int32_t r = 0; r < ref.height && rc == KS_SUCCESS; ++r) {
-        const int32_t n = K_PutBitmapRow(bm, ref.row(r), r, ref.bpl);
-        if (n < 0) rc = n;
-    }
+    for (int32_t r = 0; r < ref.height && rc == KS_SUCCESS; ++r)
+        if (const int32_t n = K_PutBitmapRow(bm, ref.row(r), r, ref.bpl); n < 0) rc = n;
     K_ReleaseBitmap(bm);
     return rc;
 }
@@ -56,13 +54,10 @@ inline RefImage getImage(BITMAPRECORD* bm) {
 template <class F>
 std::string firstMismatch(RefImage& got, F&& want) {
     for (int32_t y = 0; y < got.height; ++y)
-        for (int32_t x = 0; x < got.width; ++x) {
-            const uint64_t g = pixelAt(got.row(y), x, got.bpp);
-            const uint64_t w = want(x, y);
-            if (g != w)
+        for (int32_t x = 0; x < got.width; ++x)
+            if (const uint64_t g = pixelAt(got.row(y), x, got.bpp), w = want(x, y); g != w)
                 return "pixel (" + std::to_string(x) + ", " + std::to_string(y) + "): got " + std::to_string(g) +
                        " want " + std::to_string(w);
-        }
     return "";
 }
 
@@ -83,7 +78,7 @@ struct Source {
     RefImage ref;
     Source(Kind k, int32_t w, int32_t h, int32_t bpp, uint32_t seed) : kb(k, w, h, bpp), ref(w, h, bpp) {
         ref.randomize(seed);
-        if (kb.rc == KS_SUCCESS) kb.rc = putImage(&kb.bm, ref);
+        kb.rc = kb.rc == KS_SUCCESS ? putImage(&kb.bm, ref) : kb.rc;
     }
     BITMAPRECORD* bm() { return &kb.bm; }
     // The stored pixels still those of the reference.
@@ -97,16 +92,10 @@ struct Source {
 struct Sentinel {
     BITMAPRECORD bm;
     Sentinel() { std::memset(&bm, 0xA5, sizeof bm); }
-    bool intact() const {
-        for (size_t i = 0; i < sizeof bm; ++i)
-            if (reinterpret_cast<const uint8_t*>(&bm)[i] != 0xA5) return false;
-        return true;
-    }
+    bool intact() const { return std::all_of((const uint8_t*)&bm, (const uint8_t*)(&bm + 1), [](uint8_t b) { return b == 0xA5; }); }
 };
 template <class T>
-bool sameBytes(const T& a, const T& b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
+bool sameBytes(const T& a, const T& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // Installs a status callback (or the copy status callback) for one scope.
 struct StatusScope {
@@ -114,17 +103,9 @@ struct StatusScope {
     void* oldUser = nullptr;
     bool copy;
     StatusScope(STATUSCALLBACK fn, void* user, bool copyStatus = false) : copy(copyStatus) {
-        if (copy)
-            K_SetCopyStatusCallBack(fn, user, &oldFn, &oldUser);
-        else
-            K_SetStatusCallBack(fn, user, &oldFn, &oldUser);
+        (copy ? K_SetCopyStatusCallBack : K_SetStatusCallBack)(fn, user, &oldFn, &oldUser);
     }
-    ~StatusScope() {
-        if (copy)
-            K_SetCopyStatusCallBack(oldFn, oldUser, nullptr, nullptr);
-        else
-            K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr);
-    }
+    ~StatusScope() { (copy ? K_SetCopyStatusCallBack : K_SetStatusCallBack)(oldFn, oldUser, nullptr, nullptr); }
 };
 
 // A status callback that records the percentages and answers 1 until it has
