@@ -483,12 +483,9 @@ template <int C> struct PickBytesAvx2 { static constexpr CombineRowFn fn = &rowB
 template <int C> struct PickWords { static constexpr CombineRowFn fn = &rowWords<C>; };
 template <int C> struct PickUnpacked { static constexpr CombineRowFn fn = &rowUnpacked<C>; };
 
+// The processor has AVX2 and the OMBRIX_SIMD cap allows it.
 bool haveAvx2() noexcept {
-    static const bool ok = [] {
-        const char* v = std::getenv("OMBRIX_SIMD");
-        if (v && (!std::strcmp(v, "none") || !std::strcmp(v, "ssse3"))) return false;
-        return bool(__builtin_cpu_supports("avx2"));
-    }();
+    static const bool ok = conv::simdCeiling() >= conv::kSimdAvx2 && __builtin_cpu_supports("avx2");
     return ok;
 }
 
