@@ -98,39 +98,6 @@ void farOutSweep(Call call, int n) {
 TEST(HostileViewPerspective, FarOutRectanglesAreConvertedExactlyOrRefused) { farOutSweep(rectCall, 4); }
 TEST(HostileViewPerspective, FarOutPointsAreConvertedExactlyOrRefused) { farOutSweep(pointCall, 2); }
 
-// The record forms: both ends far out on one axis means one of them overflows
-// whatever the direction of that axis, so a refusal leaves the values as they
-// were. A reversed axis maps INT32_MIN to (extent - INT32_MIN), which never
-// fits; only the transpositions reverse no axis and hand the values back.
-TEST(HostileViewPerspective, RecordFormsRefuseWhatDoesNotFitForEveryPerspectivePair) {
-    int refusals = 0;
-    for (int32_t stored = 1; stored <= 8; ++stored) {
-        BITMAPRECORD bm;
-        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 40, 30, 8, 2, nullptr, stored, nullptr, 0), KS_SUCCESS);
-        for (int32_t vp = 1; vp <= 8; ++vp) {
-            if (vp == stored) continue;
-            for (int32_t far : {INT32_MIN, INT32_MAX}) {
-                RECT r{far, far, far, far};
-                const int32_t rc = K_RectToBitmap(&bm, vp, &r);
-                EXPECT_TRUE(rc == KS_SUCCESS || (rc == KS_INVALID_PARAMETER && r.left == far && r.top == far &&
-                                                 r.right == far && r.bottom == far)) << rc;
-                int32_t x = far, y = far;
-                EXPECT_TRUE(K_PointFromBitmap(&bm, vp, &x, &y) == KS_SUCCESS || (x == far && y == far));
-            }
-            RECT r{INT32_MIN, INT32_MIN, INT32_MIN, INT32_MIN};
-            const int32_t rc = K_RectFromBitmap(&bm, vp, &r);
-            int32_t x = INT32_MIN, y = INT32_MIN;
-            EXPECT_EQ(K_PointToBitmap(&bm, vp, &x, &y), rc) << vp << "->" << stored;
-            EXPECT_TRUE(rc == KS_INVALID_PARAMETER || rc == KS_SUCCESS) << rc;
-            EXPECT_TRUE(r.left == INT32_MIN && r.top == INT32_MIN && r.right == INT32_MIN && r.bottom == INT32_MIN &&
-                        x == INT32_MIN && y == INT32_MIN);
-            refusals += rc == KS_INVALID_PARAMETER;
-        }
-        K_FreeBitmap(&bm);
-    }
-    EXPECT_GE(refusals, 40);  // 56 ordered pairs, of which 8 are transpositions
-}
-
 // The emulated rectangle helpers: exact in range, refused (0, unchanged)
 // where an edge would leave 32 bits, never wrapped.
 TEST(HostileRects, InflateAndOffsetAreExactOrRefused) {

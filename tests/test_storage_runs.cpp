@@ -195,31 +195,6 @@ TEST(CompressedRows, CompressedFormsOnEveryKind) {
     K_FreeBitmap(&bm);
 }
 
-// Rows rewritten many times with contents whose compressed size grows and
-// shrinks: in-place rewrites, appends and pool compaction keep every row.
-TEST(CompressedStore, RewritesAppendsAndCompaction) {
-    const int32_t W = 333, H = 70;
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 512, W, H, 1, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    RefImage ref(W, H, 1);
-    std::mt19937 rng(2024);
-    std::vector<uint8_t> row(ref.bpl);
-    for (int round = 0; round < 40; ++round) {
-        for (int i = 0; i < 50; ++i) {
-            const int32_t r = int32_t(rng() % H);
-            const int kind = int(rng() % 3);  // dense noise, sparse strokes or blank
-            for (int32_t x = 0; x < W; ++x)
-                setPixel(ref.row(r), x, 1, kind == 0 ? rng() & 1 : kind == 1 ? (x % 50 < 3) : 0);
-            ASSERT_EQ(K_PutBitmapRow(&bm, ref.row(r), r, ref.bpl), int32_t(ref.bpl));
-        }
-        for (int32_t r = 0; r < H; ++r) {
-            ASSERT_EQ(K_GetBitmapRow(&bm, row.data(), r, ref.bpl), int32_t(ref.bpl));
-            ASSERT_TRUE(std::equal(row.begin(), row.end(), ref.row(r))) << "round " << round << " row " << r;
-        }
-    }
-    K_FreeBitmap(&bm);
-}
-
 // A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its
 // height: row indexes appear only when rows are written.
 TEST(RunStore, TallBlankBitmapIsCheap) {
