@@ -173,37 +173,40 @@ TEST(HostileFirstCall, EachAllocationOfTheFirstCallOnAFreshThreadFailsInTurn) {
     EXPECT_GE(runs + 1, 3);  // the call allocates more than the settings block
 }
 
-TEST(HostileFirstCall, AThreadWhoseBlockCannotBeMadeUsesTheProcessBlockAndRetries) {
-    K_GetDefaultXResolution();
-    const long before = krn::faultinject::liveBlocks();
-    std::thread([&] {
-        krn::faultinject::arm(0, -1);  // every allocation fails
-        EXPECT_EQ(&krn::settings(), &krn::processSettings());
-        const int32_t x = K_GetDefaultXResolution();
-        krn::faultinject::disarm();
-        EXPECT_EQ(x, krn::processSettings().nXResolution);
-        EXPECT_NE(&krn::settings(), &krn::processSettings());  // made on the next call
-        EXPECT_EQ(K_SetDefaultXResolution(321), 150);          // the thread's own block starts at the default
-        EXPECT_EQ(K_GetDefaultXResolution(), 321);
-    }).join();
-    EXPECT_NE(K_GetDefaultXResolution(), 321);  // the other thread's block was its own
-    EXPECT_EQ(krn::faultinject::liveBlocks(), before);
-}
-
-// A caller's own thread-specific key, made after the kernel's, whose
-// destructor calls the kernel after the kernel's block of that thread has been
-// freed: the call uses the process-wide block and makes nothing that would leak.
+// Calls while a thread ends. A caller's thread-local object made before the
+// kernel's per-thread block is destroyed first: its destructor still sees the
+// thread's own block. A caller's thread-specific key made after the kernel's
+// runs after that block is freed: the call uses the process-wide block. Neither
+// leaks nor writes to the process-wide block through the thread's own.
+int32_t g_resolutionAtThreadEnd = 0, g_lateSeen = -1;
+struct CallsKernelAtThreadEnd {
+    bool touched = false;
+    ~CallsKernelAtThreadEnd() {
+        K_SetDefaultYResolution(321);
+        g_resolutionAtThreadEnd = K_GetDefaultXResolution();
+    }
+};
+thread_local CallsKernelAtThreadEnd t_callsKernel;
 pthread_key_t g_lateKey;
-int32_t g_lateSeen = -1;
 void lateDestructor(void*) {
     K_SetDefaultYResolution(K_GetDefaultYResolution());
     g_lateSeen = &krn::settings() == &krn::processSettings() ? 1 : 0;
 }
 
-TEST(HostileFirstCall, CallsFromLaterThreadExitDestructorsUseTheProcessBlockAndDoNotLeak) {
+TEST(HostileFirstCall, CallsWhileAThreadEndsUseALiveBlockAndDoNotLeak) {
     K_GetDefaultXResolution();  // the kernel's key exists: ours comes after it
     ASSERT_EQ(pthread_key_create(&g_lateKey, lateDestructor), 0);
     const long before = krn::faultinject::liveBlocks();
+    krn::ThreadSettings& process = krn::processSettings();
+    const int32_t processX = process.nXResolution, processY = process.nYResolution;
+    process.nXResolution = 4242;
+    std::thread([] {
+        t_callsKernel.touched = true;  // constructed before the kernel's block
+        K_SetDefaultXResolution(600);
+    }).join();
+    EXPECT_EQ(g_resolutionAtThreadEnd, 600);
+    EXPECT_EQ(process.nYResolution, processY);  // the write went to the thread's block
+    process.nXResolution = processX;
     for (int i = 0; i < 20; ++i) {
         g_lateSeen = -1;
         std::thread([] {

