@@ -1,8 +1,7 @@
 // test_storage_rows.cpp - row and column access over every storage kind: the
 // same random pixels written into each kind read back identically, row by row
 // and by column range, and agree with a plain reference image; the frame of
-// the row calls; the get-row callback; 12-bit grey rows as the converter and
-// the colour region read them.
+// the row calls; the get-row callback.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -163,47 +162,6 @@ TEST(RowsCallback, GetRowCallbackAnswersFirst) {
     src[1] = -777;
     EXPECT_EQ(K_GetBitmapRow(&bm, out, 2, 8), -777);
     EXPECT_EQ(src[0], 4);
-    K_FreeBitmap(&bm);
-}
-
-// 12-bit grey written by the fill and found by the colour region agrees with
-// the packing the converter reads (getPixel12, written from the words).
-TEST(Grey12Rows, FillAndColourRegionAgreeWithThePacking) {
-    BITMAPRECORD bm;
-    auto grey12 = [&bm](int32_t w, int32_t h) {
-        return K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, 12, ORDER_GRAY, nullptr, TOP_LEFT, nullptr, 0);
-    };
-    for (int w = 1; w <= 7; ++w) {
-        SCOPED_TRACE(w);
-        ASSERT_EQ(grey12(w, 2), 1);
-        ASSERT_EQ(K_FillBitmap2(&bm, 0xA5C), 1);
-        std::vector<uint8_t> r(size_t(w) * 2 + 4);
-        ASSERT_EQ(K_GetBitmapRow(&bm, r.data(), 1, bm.nBytesPerLine), int32_t(bm.nBytesPerLine));
-        K_FreeBitmap(&bm);
-        for (int x = 0; x < w; ++x) EXPECT_EQ(getPixel12(r.data(), x), 0xA5Cu) << x;
-        // Widened to 16-bit grey by the converter, every sample keeps the value in its top 12 bits.
-        ASSERT_EQ(K_ConvertBuffer(r.data(), w, 12, 16, ORDER_GRAY, ORDER_GRAY, nullptr, nullptr), 1);
-        for (int x = 0; x < w; ++x) EXPECT_EQ((r[2 * size_t(x)] | r[2 * size_t(x) + 1] << 8) >> 4, 0xA5C) << x;
-    }
-    // Fill with one grey, paint a rectangle of another through a region: the
-    // colour region of the second grey is that rectangle, pixel for pixel.
-    const int w = 7, h = 4;
-    ASSERT_EQ(grey12(w, h), 1);
-    const RECT rc{1, 1, 4, 3};
-    ASSERT_EQ(K_FillBitmap(&bm, 0x000000), 1);
-    ASSERT_EQ(K_SetBitmapRgnRect(&bm, nullptr, &rc, RGN_SET_REPLACE), 1);
-    ASSERT_EQ(K_FillBitmap(&bm, 0xFFFFFF), 1);
-    ASSERT_EQ(K_FreeBitmapRgn(&bm), 1);
-    ASSERT_EQ(K_SetBitmapRgnColor(&bm, 0xFFFFFF, RGN_SET_REPLACE), 1);
-    uint8_t row[16];
-    for (int y = 0; y < h; ++y) {
-        ASSERT_EQ(K_GetBitmapRow(&bm, row, y, bm.nBytesPerLine), int32_t(bm.nBytesPerLine));
-        for (int x = 0; x < w; ++x) {
-            const bool in = x >= rc.left && x < rc.right && y >= rc.top && y < rc.bottom;
-            EXPECT_EQ(K_IsPtInBitmapRgn(&bm, y, x) == 1, in) << x << "," << y;
-            EXPECT_EQ(getPixel12(row, x), in ? 0xFFFu : 0u) << x << "," << y;
-        }
-    }
     K_FreeBitmap(&bm);
 }
 
