@@ -12,8 +12,11 @@
 #include "krn/common/progress.h"
 #include "krn/windowsemul/objects.h"
 #include "ombrix.h"
+#include "check_list.h"
 
 namespace {
+
+using checklist::expectAll;
 
 std::wstring message(int32_t code, std::wstring* lib = nullptr) {
     std::vector<wchar_t> buf(1032, L'#'), libBuf(1032, L'#');
@@ -22,37 +25,29 @@ std::wstring message(int32_t code, std::wstring* lib = nullptr) {
     return buf.data();
 }
 
+// A fixed block is its own pointer, grows with zeros and is refused (errno
+// 22) once freed; a movable block may not move while locked, keeps its handle
+// when it moves, and its data pointer is not a handle.
 TEST(GlobalMemory, FixedAndMovableBlocks) {
     auto* p = static_cast<uint8_t*>(K_GlobalAlloc(GPTR, 100));
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(std::vector<uint8_t>(p, p + 100), std::vector<uint8_t>(100, 0));
-    EXPECT_EQ(K_GlobalLock(p), p);  // a fixed block is its own pointer
+    EXPECT_EQ(K_GlobalLock(p), p);
     std::memset(p, 7, 100);
     auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(p, 100000, GMEM_ZEROINIT));
     ASSERT_NE(q, nullptr);
-    EXPECT_TRUE(q[99] == 7 && q[100] == 0 && q[99999] == 0);
-    EXPECT_EQ(K_GlobalSize(q), 100000u);
-    EXPECT_EQ(K_GlobalFree(q), nullptr);
-    errno = 0;
-    EXPECT_EQ(K_GlobalFree(q), q);  // stale: refused, not freed
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(K_GlobalFree(nullptr), nullptr);
-
+    expectAll({IS(q[99], 7), IS(q[100], 0), IS(q[99999], 0), IS(K_GlobalSize(q), 100000),
+               IS(K_GlobalFree(q) == nullptr, 1), IS(errno = 0, 0), IS(K_GlobalFree(q) == q, 1), IS(errno, EINVAL),
+               IS(K_GlobalFree(nullptr) == nullptr, 1)});
     HGLOBAL h = K_GlobalAlloc(GHND, 64);
     auto* m = static_cast<uint8_t*>(K_GlobalLock(h));
-    ASSERT_NE(m, nullptr);
-    EXPECT_NE(static_cast<void*>(m), h);
+    ASSERT_TRUE(m != nullptr && static_cast<void*>(m) != h);
     m[63] = 9;
-    EXPECT_EQ(K_GlobalReAlloc(h, 1 << 20, GMEM_MOVEABLE), nullptr);  // locked: may not move
-    EXPECT_EQ(K_GlobalUnlock(h), 0);
-    EXPECT_EQ(K_GlobalReAlloc(h, 1 << 20, GMEM_MOVEABLE), h);  // the handle survives a move
-    m = static_cast<uint8_t*>(K_GlobalLock(h));
-    EXPECT_EQ(m[63], 9);
-    K_GlobalUnlock(h);
-    EXPECT_EQ(K_GlobalFree(m), m);  // the data pointer of a movable block is not a handle
-    EXPECT_EQ(K_GlobalFree(h), nullptr);
-    errno = 0;
-    EXPECT_TRUE(K_GlobalLock(h) == nullptr && errno == EINVAL);  // garbage handles: the record fuzzer's script
+    expectAll({IS(K_GlobalReAlloc(h, 1 << 20, GMEM_MOVEABLE) == nullptr, 1), IS(K_GlobalUnlock(h), 0),
+               IS(K_GlobalReAlloc(h, 1 << 20, GMEM_MOVEABLE) == h, 1),
+               IS((m = static_cast<uint8_t*>(K_GlobalLock(h)))[63], 9), IS(K_GlobalUnlock(h), 0),
+               IS(K_GlobalFree(m) == m, 1), IS(K_GlobalFree(h) == nullptr, 1), IS(errno = 0, 0),
+               IS(K_GlobalLock(h) == nullptr, 1), IS(errno, EINVAL)});
 }
 
 // The handle table cannot grow: new blocks fail cleanly, and a fixed block
@@ -201,42 +196,32 @@ int32_t record(int32_t percent, void* user) {
 }
 int32_t stopAt40(int32_t percent, void* user) { return record(percent, user), percent >= 40 ? KS_USER_ABORT : 1; }
 
+// The status callbacks are per thread and hand back the old ones; a progress
+// reports each whole percent once, within its sub-range, and stops on an abort.
 TEST(ProgressCallbacks, PerThreadAndEachWholePercentOnce) {
-    std::vector<int32_t> seen;
-    STATUSCALLBACK old = reinterpret_cast<STATUSCALLBACK>(1), got = nullptr;
+    std::vector<int32_t> seen, every(101);
+    STATUSCALLBACK old = reinterpret_cast<STATUSCALLBACK>(1), got = nullptr, other = record;
     void *oldUser = &seen, *gotUser = nullptr;
-    ASSERT_EQ(K_SetStatusCallBack(record, &seen, &old, &oldUser), KS_SUCCESS);
-    EXPECT_TRUE(old == nullptr && oldUser == nullptr);
-    K_GetStatusCallBack(&got, &gotUser);
-    EXPECT_TRUE(got == record && gotUser == &seen);
-    std::thread([] {
-        STATUSCALLBACK other = record;
-        K_GetStatusCallBack(&other, nullptr);
-        EXPECT_EQ(other, nullptr);
-    }).join();
-    K_SetCopyStatusCallBack(record, nullptr, nullptr, nullptr);
-    K_GetCopyStatusCallBack(&got, nullptr);
-    EXPECT_EQ(got, record);
-    K_SetCopyStatusCallBack(nullptr, nullptr, nullptr, nullptr);
-
+    expectAll({IS(K_SetStatusCallBack(record, &seen, &old, &oldUser), 1), IS(old == nullptr && !oldUser, 1),
+               IS(K_GetStatusCallBack(&got, &gotUser), 1), IS(got == record && gotUser == &seen, 1),
+               IS((std::thread([&] { K_GetStatusCallBack(&other, nullptr); }).join(), other == nullptr), 1),
+               IS(K_SetCopyStatusCallBack(record, nullptr, nullptr, nullptr), 1),
+               IS((K_GetCopyStatusCallBack(&got, nullptr), got == record), 1),
+               IS(K_SetCopyStatusCallBack(nullptr, nullptr, nullptr, nullptr), 1)});
     krn::Progress p = krn::Progress::status(1000);
     ASSERT_EQ(p.begin(), KS_SUCCESS);
     for (int i = 1; i <= 1000; ++i) ASSERT_EQ(p.step(i), KS_SUCCESS);
-    std::vector<int32_t> every(101);
     for (int i = 0; i <= 100; ++i) every[size_t(i)] = i;
     EXPECT_EQ(seen, every);
-
     seen.clear();
     K_SetStatusCallBack(stopAt40, &seen, nullptr, nullptr);
     krn::Progress q = krn::Progress::status(7, 20, 60);  // a sub-range of a larger operation
     int32_t rc = KS_SUCCESS;
     int row = 0;
     for (; row < 7 && rc == KS_SUCCESS; ++row) rc = q.step(row + 1);
-    EXPECT_EQ(rc, KS_USER_ABORT);
-    EXPECT_EQ(seen.back(), 42);  // 20 + 40*4/7
-    EXPECT_EQ(row, 4);
-    K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
-    EXPECT_FALSE(krn::Progress::status(10).active());
+    expectAll({IS(rc, KS_USER_ABORT), IS(seen.back(), 42) /* 20 + 40*4/7 */, IS(row, 4),
+               IS(K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr), 1),
+               IS(krn::Progress::status(10).active(), 0)});
 }
 
 }  // namespace

@@ -5,13 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <random>
 #include <vector>
 
 #include "ombrix.h"
+#include "check_list.h"
 #include "storage_kinds.h"
 
 using namespace storagetest;
+using checklist::expectAll;
 
 namespace {
 
@@ -100,33 +103,26 @@ TEST_P(RowsAllKinds, EveryKindMatchesAPlainModel) {
 INSTANTIATE_TEST_SUITE_P(Depths, RowsAllKinds, ::testing::Values(1, 2, 4, 8, 12, 16, 24, 32, 48, 64),
                          [](const auto& info) { return "bpp" + std::to_string(info.param); });
 
+// Refused arguments; then an older-layout record of the run-compressed kind works.
 TEST(RowsFrame, ArgumentChecksAndOlderLayoutRecords) {
     BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
     uint8_t buf[16] = {};
-    EXPECT_EQ(K_GetBitmapRow(nullptr, buf, 0, 4), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetBitmapRow(&bm, nullptr, 0, 4), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetBitmapRow(&bm, buf, -1, 4), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetBitmapRow(&bm, buf, 4, 4), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetBitmapRowCol(&bm, buf, 0, 10, 4), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetBitmapRow(&bm, buf, 0, 0), 0);
-    EXPECT_EQ(K_PutBitmapRowSegments(&bm, buf, 0, nullptr, 1), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_PutBitmapRowSegments(&bm, buf, 0, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(K_PutBitmapRowSegments(&bm, buf, 5, nullptr, 0), KS_INVALID_PARAMETER);
-    bm.uStructSize = 100;
-    EXPECT_EQ(K_PutBitmapRow(&bm, buf, 0, 4), KS_INVALID_STRUCT_SIZE);
-    bm.uStructSize = BITMAPRECORD_SIZE;
-    K_FreeBitmap(&bm);
-    EXPECT_EQ(K_GetBitmapRow(&bm, buf, 0, 4), KS_INVALID_BITMAP);
-    // An older-layout record of the run-compressed kind.
+    expectAll({IS(K_GetBitmapRow(nullptr, buf, 0, 4), KS_INVALID_PARAMETER),
+               IS(K_GetBitmapRow(&bm, nullptr, 0, 4), KS_INVALID_PARAMETER),
+               IS(K_GetBitmapRow(&bm, buf, -1, 4), KS_INVALID_PARAMETER), IS(K_GetBitmapRow(&bm, buf, 4, 4), -13),
+               IS(K_GetBitmapRowCol(&bm, buf, 0, 10, 4), KS_INVALID_PARAMETER), IS(K_GetBitmapRow(&bm, buf, 0, 0), 0),
+               IS(K_PutBitmapRowSegments(&bm, buf, 0, nullptr, 1), KS_INVALID_PARAMETER),
+               IS(K_PutBitmapRowSegments(&bm, buf, 0, nullptr, 0), KS_SUCCESS),
+               IS(K_PutBitmapRowSegments(&bm, buf, 5, nullptr, 0), KS_INVALID_PARAMETER),
+               IS((bm.uStructSize = 100, K_PutBitmapRow(&bm, buf, 0, 4)), KS_INVALID_STRUCT_SIZE),
+               IS((bm.uStructSize = BITMAPRECORD_SIZE, K_FreeBitmap(&bm)), 1),
+               IS(K_GetBitmapRow(&bm, buf, 0, 4), KS_INVALID_BITMAP)});
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE_OLD, 512, 100, 3, 1, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
     const uint8_t in[16] = {0xF0, 0x0F};
     uint8_t out[16] = {};
-    ASSERT_EQ(K_PutBitmapRow(&bm, in, 1, 16), 16);
-    ASSERT_EQ(K_GetBitmapRow(&bm, out, 1, 16), 16);
-    EXPECT_EQ(std::memcmp(in, out, 16), 0);
-    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
+    expectAll({IS(K_PutBitmapRow(&bm, in, 1, 16), 16), IS(K_GetBitmapRow(&bm, out, 1, 16), 16),
+               IS(std::memcmp(in, out, 16), 0), IS(K_AccessBitmap(&bm), 1), IS(K_ReleaseBitmap(&bm), 1)});
     K_FreeBitmap(&bm);
 }
 
@@ -147,21 +143,13 @@ TEST(RowsCallback, GetRowCallbackAnswersFirst) {
     cb.pUserData = src;
     cb.pfnGetRow = getRowFromCallback;
     BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 8, 4, 8, 0, nullptr, 1, nullptr, 0, &cb),
-              KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 8, 4, 8, 0, nullptr, 1, nullptr, 0, &cb), 1);
     const uint8_t stored[8] = {9, 9, 9, 9, 9, 9, 9, 9};
     uint8_t out[8] = {};
-    ASSERT_EQ(K_PutBitmapRow(&bm, stored, 2, 8), 8);
-    EXPECT_EQ(K_GetBitmapRow(&bm, out, 2, 8), 8);
-    EXPECT_EQ(out[0], 9);
-    src[1] = 8;
-    EXPECT_EQ(K_GetBitmapRow(&bm, out, 2, 8), 8);
-    EXPECT_EQ(out[1], 2 * 16 + 1);
-    EXPECT_EQ(K_GetBitmapRowCol(&bm, out, 3, 5, 8), 3);
-    EXPECT_EQ(out[0], 3 * 16 + 5);
-    src[1] = -777;
-    EXPECT_EQ(K_GetBitmapRow(&bm, out, 2, 8), -777);
-    EXPECT_EQ(src[0], 4);
+    expectAll({IS(K_PutBitmapRow(&bm, stored, 2, 8), 8), IS(K_GetBitmapRow(&bm, out, 2, 8), 8), IS(out[0], 9),
+               IS(src[1] = 8, 8), IS(K_GetBitmapRow(&bm, out, 2, 8), 8), IS(out[1], 2 * 16 + 1),
+               IS(K_GetBitmapRowCol(&bm, out, 3, 5, 8), 3), IS(out[0], 3 * 16 + 5), IS(src[1] = -777, -777),
+               IS(K_GetBitmapRow(&bm, out, 2, 8), -777), IS(src[0], 4)});
     K_FreeBitmap(&bm);
 }
 
