@@ -257,17 +257,13 @@ TEST(RecordFree, OrderAroundTheFreeCallbackAndEverythingReleased) {
     bm.pExtraData = K_GlobalAlloc(GMEM_FIXED, 8);
     bm.uExtraDataSize = 8;
     K_FreeBitmap(&bm);
-    EXPECT_EQ(seen.calls, 1);
-    EXPECT_EQ(seen.state, 0x3Fu);
-    EXPECT_TRUE(bm.hRgn == nullptr && bm.pDitherState == nullptr && bm.pPalette == nullptr && bm.pLUT == nullptr &&
-                bm.pExtraData == nullptr && bm.uExtraDataSize == 0 && bm.pCallbacks == nullptr);
-    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0u);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);  // storage freed by kind, everything else released
-    K_FreeBitmap(&bm);  // freeing twice is harmless
     BITMAPRECORD bad = patterned(0);
-    bad.uStructSize = 100;
-    EXPECT_EQ(K_FreeBitmap(&bad), KS_SUCCESS);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    expectAll({IS(seen.calls, 1), IS(seen.state, 0x3F), IS(bm.hRgn == nullptr && bm.pDitherState == nullptr, 1),
+               IS(bm.pPalette == nullptr && bm.pLUT == nullptr && bm.pExtraData == nullptr, 1),
+               IS(bm.uExtraDataSize, 0), IS(bm.pCallbacks == nullptr, 1), IS(bm.uFlags & BRF_STORAGE_MASK, 0),
+               IS(krn::faultinject::liveBlocks(), base) /* storage freed by kind, everything else released */,
+               IS(K_FreeBitmap(&bm), 1) /* twice is harmless */, IS((bad.uStructSize = 100, K_FreeBitmap(&bad)), 1),
+               IS(krn::faultinject::liveBlocks(), base)});
     // A free callback that owns the storage: the kernel only forgets it.
     std::vector<uint8_t> pixels(16 * 4);
     seen = FreeOrderSeen{};
@@ -275,23 +271,17 @@ TEST(RecordFree, OrderAroundTheFreeCallbackAndEverythingReleased) {
     ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, N, MEMTYPE_USER, 16, 4, 8, ORDER_RGB, nullptr, 1, pixels.data(),
                                           pixels.size(), &cb),
               KS_SUCCESS);
-    K_FreeBitmap(&bm);
-    EXPECT_EQ(seen.calls, 1);
-    EXPECT_EQ(bm.uFlags & (BRF_ALLOCATED | BRF_USER_MEMORY | BRF_CONVENTIONAL), 0u);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    expectAll({IS(K_FreeBitmap(&bm), 1), IS(seen.calls, 1),
+               IS(bm.uFlags & (BRF_ALLOCATED | BRF_USER_MEMORY | BRF_CONVENTIONAL), 0),
+               IS(krn::faultinject::liveBlocks(), base)});
     // A record freed while still accessed is reusable: its next storage is locked by its next first access.
     ASSERT_EQ(K_CreateBitmap(&bm, N, 1, 30, 7, 8, ORDER_RGB, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-    K_FreeBitmap(&bm);
-    EXPECT_TRUE((bm.uFlags & (BRF_ALLOCATED | BRF_LOCKED)) == 0 && bm.pData == nullptr);
-    ASSERT_EQ(K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL), KS_SUCCESS);
-    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
+    expectAll({IS(K_AccessBitmap(&bm), 1), IS(K_AccessBitmap(&bm), 1), IS(K_FreeBitmap(&bm), 1),
+               IS(bm.uFlags & (BRF_ALLOCATED | BRF_LOCKED), 0), IS(bm.pData == nullptr, 1),
+               IS(K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL), 1), IS(K_AccessBitmap(&bm), 1)});
     ASSERT_NE(bm.pData, nullptr);
     std::memset(bm.pData, 1, bm.uSize64);
-    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
-    EXPECT_EQ(bm.pData, nullptr);
-    K_FreeBitmap(&bm);
+    expectAll({IS(K_ReleaseBitmap(&bm), 1), IS(bm.pData == nullptr, 1), IS(K_FreeBitmap(&bm), 1)});
 }
 
 // Caller memory through K_SetBitmapDataPointer: the size check comes before

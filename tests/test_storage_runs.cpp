@@ -114,19 +114,14 @@ TEST(CompressedRows, UntrustedRunsNeverWritePastTheRow) {
     EXPECT_EQ(zeros, (std::vector<uint8_t>{0x00, 0xE0, 0x00, 0x00}));
 }
 
+// Mirror agrees with mirroring pixels and flip with reversing rows, on random
+// rows compressed back to back (an empty run list mirrors to a single run).
 TEST(CompressedRows, MirrorAndFlip) {
-    std::vector<uint8_t> src, dst(64, 0xEE);
-    for (const Runs& r : {Runs{3, 5}, Runs{0, 4, 4}, Runs{}}) {
-        const auto p = packRuns(r);
-        src.insert(src.end(), p.begin(), p.end());
-    }
-    ASSERT_EQ(K_MirrorCompressedBuffer(src.data(), dst.data(), 3), KS_SUCCESS);
-    EXPECT_EQ(runsOf(dst.data()), (Runs{0, 5, 3}));
-    EXPECT_EQ(runsOf(dst.data() + 10), (Runs{4, 4}));
-    EXPECT_EQ(runsOf(dst.data() + 18), (Runs{0}));
+    std::vector<uint8_t> dst(8, 0xEE);
+    EXPECT_EQ(K_MirrorCompressedBuffer(packRuns({}).data(), dst.data(), 1), KS_SUCCESS);
+    EXPECT_EQ(runsOf(dst.data()), (Runs{0}));
     EXPECT_EQ(K_MirrorCompressedBuffer(nullptr, dst.data(), 1), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_MirrorCompressedBuffer(src.data(), dst.data(), 0), KS_SUCCESS);
-    // Mirror agrees with mirroring pixels and flip with reversing rows, on random rows compressed back to back.
+    EXPECT_EQ(K_MirrorCompressedBuffer(dst.data(), dst.data(), 0), KS_SUCCESS);
     const int32_t W = 53, H = 9;
     RefImage img(W, H, 1), mir(W, H, 1), flip(W, H, 1);
     img.randomize(8);
