@@ -207,7 +207,8 @@ TEST(RecordFrame, NullRecordsAndBadSizeWords) {
     BITMAPDATACALLBACKS cb = callbacks(nullptr), out = callbacks(nullptr);
     expectAll({IS(K_InitBitmapWithCallbacks(nullptr, N, 1, 1, 1, &cb), KS_INVALID_PARAMETER),
                IS(K_CreateBitmap(nullptr, N, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0), KS_INVALID_PARAMETER),
-               IS(K_CreateBitmapWithCallbacks(nullptr, N, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0, &cb), -13),
+               IS(K_CreateBitmapWithCallbacks(nullptr, N, 1, 1, 1, 8, 0, nullptr, 1, nullptr, 0, &cb),
+                  KS_INVALID_PARAMETER),
                IS(K_SetBitmapDataCallbacks(nullptr, &cb), KS_INVALID_PARAMETER),
                IS(K_GetBitmapDataCallbacks(nullptr, &cb), KS_INVALID_PARAMETER),
                IS(K_ChangeBitmapHeight(nullptr, 1), KS_INVALID_BITMAP),
@@ -224,7 +225,8 @@ TEST(RecordFrame, NullRecordsAndBadSizeWords) {
     cb = callbacks(&bm);
     expectAll({IS(K_GetBitmapDataCallbacks(&bm, nullptr), KS_INVALID_PARAMETER), IS(K_SetBitmapDataCallbacks(&bm, &cb), 1),
                IS(K_GetBitmapDataCallbacks(&bm, &out), 1), IS(out.pUserData == &bm, 1), IS(K_FreeBitmap(&bm), 1),
-               IS(bm.pCallbacks == nullptr, 1), IS(K_InitBitmapWithCallbacks(&bm, O, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE)});
+               IS(bm.pCallbacks == nullptr, 1),
+               IS(K_InitBitmapWithCallbacks(&bm, O, 4, 4, 8, &cb), KS_INVALID_STRUCT_SIZE)});
 }
 
 // K_FreeBitmap's order: region, palette and overlays go before the free

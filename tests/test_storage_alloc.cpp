@@ -176,7 +176,8 @@ TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
                IS(bm.pData == nullptr, 1), IS(bm.uFlags & BRF_LOCKED, 0), IS(bm.nLockCount, 0),
                IS(K_ReleaseBitmap(nullptr), KS_NULL_POINTER), IS(K_IntAccessBitmap(nullptr, &flag), KS_INVALID_BITMAP),
                IS(flag, 0), IS(K_IntAccessBitmap(&bm, &flag), 1), IS(flag, 1), IS(K_IntReleaseBitmap(&bm, flag, -42), -42),
-               IS(bm.nLockCount, 0), IS(K_IntReleaseBitmap(&bm, 0, 1), 1), IS(K_IntReleaseBitmap(nullptr, 1, 1), KS_NULL_POINTER),
+               IS(bm.nLockCount, 0), IS(K_IntReleaseBitmap(&bm, 0, 1), 1),
+               IS(K_IntReleaseBitmap(nullptr, 1, 1), KS_NULL_POINTER),
                IS(K_FreeBitmap(&bm), 1), IS(K_AccessBitmap(&bm), KS_INVALID_BITMAP)});
     int32_t log[3] = {0, 0, 1};  // accesses, releases, the access answer
     BITMAPDATACALLBACKS cb = callbacks(log);
@@ -243,7 +244,8 @@ TEST(StorageSettings, ThresholdsAndDefaults) {
                IS(K_SetMemoryThresholds(0, INT32_MAX - 100, 0, 0, 0, 2), 1),
                IS(K_GetMemoryThresholds(nullptr, nullptr, nullptr, nullptr, nullptr), 1),
                IS(K_GetDefaultMemoryType(), 1), IS(K_SetDefaultMemoryType(2), KS_INVALID_PARAMETER),
-               IS(K_SetDefaultMemoryType(128), 1), IS((std::thread([&] { other = K_GetDefaultMemoryType(); }).join(), other), 1),
+               IS(K_SetDefaultMemoryType(128), 1),
+               IS((std::thread([&] { other = K_GetDefaultMemoryType(); }).join(), other), 1),
                IS(K_GetDefaultMemoryType(), 128), IS(allocate(10, 10, 0, &kind), 1), IS(kind, 128),
                IS(K_SetDefaultMemoryType(1), 1), IS(K_SetGlobalMemoryThresholds(&g), 1),
                IS(K_GetGlobalMemoryThresholds(&r), 1), IS(r.nLargestImage, 12345),
@@ -340,16 +342,13 @@ TEST(StorageHeight, EveryKindKeepsSharedRowsThroughEveryHeight) {
     // Refusals: caller memory, a locked bitmap, a negative height, no storage
     // (the allocated bit is looked at before the size word).
     KindBitmap c(Kind::CallerMemory, 8, 8, 8), b(Kind::SingleBlock, 8, 8, 8);
-    EXPECT_EQ(K_ChangeBitmapHeight(&c.bm, 9), KS_INVALID_PARAMETER);
-    ASSERT_EQ(K_AccessBitmap(&b.bm), KS_SUCCESS);
-    EXPECT_EQ(K_ChangeBitmapHeight(&b.bm, 20), KS_INVALID_PARAMETER);
-    ASSERT_EQ(K_ReleaseBitmap(&b.bm), KS_SUCCESS);
-    EXPECT_EQ(K_ChangeBitmapHeight(&b.bm, -1), KS_INVALID_DIMENSIONS);
     BITMAPRECORD none;
-    ASSERT_EQ(K_InitBitmap(&none, BITMAPRECORD_SIZE, 10, 10, 8), KS_SUCCESS);
-    EXPECT_EQ(K_ChangeBitmapHeight(&none, 3), KS_INVALID_BITMAP);
-    none.uStructSize = 100;
-    EXPECT_EQ(K_ChangeBitmapHeight(&none, 3), KS_INVALID_BITMAP);
+    expectAll({IS(K_ChangeBitmapHeight(&c.bm, 9), KS_INVALID_PARAMETER), IS(K_AccessBitmap(&b.bm), 1),
+               IS(K_ChangeBitmapHeight(&b.bm, 20), KS_INVALID_PARAMETER), IS(K_ReleaseBitmap(&b.bm), 1),
+               IS(K_ChangeBitmapHeight(&b.bm, -1), KS_INVALID_DIMENSIONS),
+               IS(K_InitBitmap(&none, BITMAPRECORD_SIZE, 10, 10, 8), 1),
+               IS(K_ChangeBitmapHeight(&none, 3), KS_INVALID_BITMAP),
+               IS((none.uStructSize = 100, K_ChangeBitmapHeight(&none, 3)), KS_INVALID_BITMAP)});
 }
 
 // A chain of conversions through every kind, then the compression calls
@@ -551,15 +550,11 @@ TEST(StorageFaults, TemporaryFileFailures) {
     allocateFails(1024, 2048, 128, KS_FILE_WRITE);
     ASSERT_EQ(create(&bm, 1, 1024, 2048, 8), KS_SUCCESS);
     cap(counter() + 1);
-    EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 0x180000), KS_FILE_WRITE);
-    EXPECT_EQ(kindOf(bm), 1u);
-    cap(0);
-    K_FreeBitmap(&bm);
+    expectAll({IS(K_SetBitmapMemoryInfo(&bm, 4, 0x180000), KS_FILE_WRITE), IS(kindOf(bm), 1),
+               IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), 1), IS(K_FreeBitmap(&bm), 1)});
     options(0, TEMPFILE_MODE_NO_DISK);  // disk requests lose their disk
-    ASSERT_EQ(create(&bm, 128, 100, 10, 8), KS_SUCCESS);
-    EXPECT_EQ(kindOf(bm), 1u);
-    EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 128, 0), KS_INVALID_PARAMETER);
-    K_FreeBitmap(&bm);
+    expectAll({IS(create(&bm, 128, 100, 10, 8), 1), IS(kindOf(bm), 1),
+               IS(K_SetBitmapMemoryInfo(&bm, 128, 0), KS_INVALID_PARAMETER), IS(K_FreeBitmap(&bm), 1)});
     cap(base + 10);
     allocateFails(100, 10, 1, KS_MEMORY_CAP_EXCEEDED);
     cap(0);
