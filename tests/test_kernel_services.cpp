@@ -12,87 +12,42 @@
 #include "krn/common/progress.h"
 #include "krn/windowsemul/objects.h"
 #include "ombrix.h"
+#include "check_list.h"
 
 namespace {
 
-std::wstring message(int32_t code, uint32_t chars = 1024, std::wstring* lib = nullptr) {
-    std::vector<wchar_t> buf(chars + 8, L'#'), libBuf(chars + 8, L'#');
-    EXPECT_EQ(K_GetFriendlyErrorMessage(code, buf.data(), chars, lib ? libBuf.data() : nullptr), KS_SUCCESS);
+using checklist::expectAll;
+
+std::wstring message(int32_t code, std::wstring* lib = nullptr) {
+    std::vector<wchar_t> buf(1032, L'#'), libBuf(1032, L'#');
+    EXPECT_EQ(K_GetFriendlyErrorMessage(code, buf.data(), 1024, lib ? libBuf.data() : nullptr), KS_SUCCESS);
     if (lib) *lib = libBuf.data();
     return buf.data();
 }
 
+// A fixed block is its own pointer, grows with zeros and is refused (errno
+// 22) once freed; a movable block may not move while locked, keeps its handle
+// when it moves, and its data pointer is not a handle.
 TEST(GlobalMemory, FixedAndMovableBlocks) {
     auto* p = static_cast<uint8_t*>(K_GlobalAlloc(GPTR, 100));
     ASSERT_NE(p, nullptr);
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(p[i], 0);
-    EXPECT_EQ(K_GlobalLock(p), p);  // a fixed block is its own pointer
+    EXPECT_EQ(std::vector<uint8_t>(p, p + 100), std::vector<uint8_t>(100, 0));
+    EXPECT_EQ(K_GlobalLock(p), p);
     std::memset(p, 7, 100);
     auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(p, 100000, GMEM_ZEROINIT));
     ASSERT_NE(q, nullptr);
-    EXPECT_EQ(q[99], 7);
-    EXPECT_EQ(q[100], 0);
-    EXPECT_EQ(q[99999], 0);
-    EXPECT_EQ(K_GlobalSize(q), 100000u);
-    EXPECT_EQ(K_GlobalFree(q), nullptr);
-    errno = 0;
-    EXPECT_EQ(K_GlobalFree(q), q);  // stale: refused, not freed
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(K_GlobalFree(nullptr), nullptr);
-
+    expectAll({IS(q[99], 7), IS(q[100], 0), IS(q[99999], 0), IS(K_GlobalSize(q), 100000),
+               IS(K_GlobalFree(q) == nullptr, 1), IS(errno = 0, 0), IS(K_GlobalFree(q) == q, 1), IS(errno, EINVAL),
+               IS(K_GlobalFree(nullptr) == nullptr, 1)});
     HGLOBAL h = K_GlobalAlloc(GHND, 64);
     auto* m = static_cast<uint8_t*>(K_GlobalLock(h));
-    ASSERT_NE(m, nullptr);
-    EXPECT_NE(static_cast<void*>(m), h);
+    ASSERT_TRUE(m != nullptr && static_cast<void*>(m) != h);
     m[63] = 9;
-    EXPECT_EQ(K_GlobalReAlloc(h, 1 << 20, GMEM_MOVEABLE), nullptr);  // locked: may not move
-    EXPECT_EQ(K_GlobalUnlock(h), 0);
-    EXPECT_EQ(K_GlobalReAlloc(h, 1 << 20, GMEM_MOVEABLE), h);  // the handle survives a move
-    m = static_cast<uint8_t*>(K_GlobalLock(h));
-    EXPECT_EQ(m[63], 9);
-    K_GlobalUnlock(h);
-    EXPECT_EQ(K_GlobalFree(m), m);  // the data pointer of a movable block is not a handle
-    EXPECT_EQ(K_GlobalFree(h), nullptr);
-    EXPECT_EQ(K_GlobalLock(h), nullptr);
-}
-
-// Garbage handle values for every global-memory function: refused with
-// errno 22, never dereferenced, never freed. Value 1 is the handle table's own
-// marker for a deleted slot, so it is probed while deleted slots exist.
-TEST(GlobalMemory, GarbageHandlesAreRefusedByEveryFunction) {
-    int local = 0;
-    HGLOBAL stale = K_GlobalAlloc(GPTR, 8);
-    ASSERT_EQ(K_GlobalFree(stale), nullptr);
-    OmbrixObject_* region = krn::objCreate(krn::kObjRegion, &local);
-    HGLOBAL movable = K_GlobalAlloc(GHND, 8);
-    void* movableData = K_GlobalLock(movable);
-    K_GlobalUnlock(movable);
-    const HGLOBAL garbage[] = {reinterpret_cast<HGLOBAL>(uintptr_t(1)),  reinterpret_cast<HGLOBAL>(uintptr_t(2)),
-                               reinterpret_cast<HGLOBAL>(~uintptr_t(0)), reinterpret_cast<HGLOBAL>(~uintptr_t(1)),
-                               &local, region, movableData};
-    auto probeAll = [&] {
-        for (HGLOBAL h : garbage) {
-            SCOPED_TRACE(h);
-            errno = 0;
-            ASSERT_EQ(K_GlobalLock(h), nullptr);
-            ASSERT_EQ(K_GlobalUnlock(h), 0);
-            ASSERT_EQ(K_GlobalSize(h), 0u);
-            ASSERT_EQ(K_GlobalReAlloc(h, 64, GMEM_ZEROINIT), nullptr);
-            ASSERT_EQ(K_GlobalFree(h), h);
-            ASSERT_EQ(errno, EINVAL);
-        }
-    };
-    probeAll();
-    EXPECT_EQ(K_GlobalFree(stale), stale);  // probed once: its address may be reused below
-    for (int round = 0; round < 200; ++round) {  // many deleted slots, probed as they accumulate
-        std::vector<HGLOBAL> blocks;
-        for (int i = 0; i < 1 + round % 97; ++i) blocks.push_back(K_GlobalAlloc(i % 2 ? GHND : GPTR, 4));
-        for (HGLOBAL b : blocks) ASSERT_EQ(K_GlobalFree(b), nullptr);
-        probeAll();
-    }
-    EXPECT_EQ(krn::objKind(region), uint32_t(krn::kObjRegion));  // untouched by the refused calls
-    EXPECT_TRUE(krn::objDestroy(region, krn::kObjRegion));
-    EXPECT_EQ(K_GlobalFree(movable), nullptr);
+    expectAll({IS(K_GlobalReAlloc(h, 1 << 20, GMEM_MOVEABLE) == nullptr, 1), IS(K_GlobalUnlock(h), 0),
+               IS(K_GlobalReAlloc(h, 1 << 20, GMEM_MOVEABLE) == h, 1),
+               IS((m = static_cast<uint8_t*>(K_GlobalLock(h)))[63], 9), IS(K_GlobalUnlock(h), 0),
+               IS(K_GlobalFree(m) == m, 1), IS(K_GlobalFree(h) == nullptr, 1), IS(errno = 0, 0),
+               IS(K_GlobalLock(h) == nullptr, 1), IS(errno, EINVAL)});
 }
 
 // The handle table cannot grow: new blocks fail cleanly, and a fixed block
@@ -103,12 +58,10 @@ TEST(GlobalMemory, HandleTableGrowthFailure) {
     std::vector<HGLOBAL> blocks{K_GlobalAlloc(GPTR, 16), K_GlobalAlloc(GPTR, 16)};
     auto* fixed = static_cast<uint8_t*>(blocks[1]);
     for (int i = 0; i < 16; ++i) fixed[i] = uint8_t(i + 1);
+    const std::vector<uint8_t> contents(fixed, fixed + 16);
     krn::testhook::failHandleTableGrowth(true);
-    for (int i = 0; i < 1 << 20; ++i) {
-        HGLOBAL h = K_GlobalAlloc(i % 3 ? GPTR : GHND, 16);
-        if (!h) break;
+    for (HGLOBAL h; blocks.size() < size_t(1) << 20 && (h = K_GlobalAlloc(blocks.size() % 3 ? GPTR : GHND, 16));)
         blocks.push_back(h);
-    }
     const bool filled = blocks.size() < size_t(1) << 20;
     const long liveFull = krn::faultinject::liveBlocks();
     void* moved = K_GlobalReAlloc(fixed, 8 << 20, 0);  // must move
@@ -119,12 +72,12 @@ TEST(GlobalMemory, HandleTableGrowthFailure) {
         ASSERT_EQ(moved, static_cast<void*>(fixed));  // only when it grew in place
     } else {
         EXPECT_EQ(K_GlobalSize(fixed), 16u);
-        for (int i = 0; i < 16; ++i) ASSERT_EQ(fixed[i], uint8_t(i + 1));  // ASan: still ours
+        EXPECT_EQ(std::vector<uint8_t>(fixed, fixed + 16), contents);  // ASan: still ours
     }
     auto* grown = static_cast<uint8_t*>(K_GlobalReAlloc(fixed, 8 << 20, 0));
     ASSERT_NE(grown, nullptr);
     EXPECT_EQ(K_GlobalSize(grown), size_t(8) << 20);
-    for (int i = 0; i < 16; ++i) ASSERT_EQ(grown[i], uint8_t(i + 1));
+    EXPECT_EQ(std::vector<uint8_t>(grown, grown + 16), contents);
     blocks[1] = grown;
     for (HGLOBAL h : blocks) ASSERT_EQ(K_GlobalFree(h), nullptr);
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
@@ -139,25 +92,20 @@ TEST(GlobalMemory, ReallocAcrossThreads) {
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t] {
             std::vector<uint8_t*> blocks;
-            std::vector<uint8_t> fill;
             for (int i = 0; i < 300; ++i) {
                 auto* p = static_cast<uint8_t*>(K_GlobalAlloc(i % 5 ? GMEM_FIXED : GHND, 8));
                 ASSERT_NE(p, nullptr);
-                if (i % 5 == 0) {
-                    ASSERT_EQ(K_GlobalFree(p), nullptr);  // movable ones only churn the table
+                if (i % 5 == 0) {  // movable ones only churn the table
+                    ASSERT_EQ(K_GlobalFree(p), nullptr);
                     continue;
                 }
-                fill.push_back(uint8_t(t * 16 + i % 16));
-                std::memset(p, fill.back(), 8);
-                blocks.push_back(p);
+                blocks.push_back(static_cast<uint8_t*>(std::memset(p, t * 16 + int(blocks.size() % 16), 8)));
             }
             for (size_t n = 24; n <= 648; n *= 3) {
                 for (size_t i = 0; i < blocks.size(); ++i) {
                     auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(blocks[i], n, GMEM_ZEROINIT));
                     ASSERT_NE(q, nullptr);
-                    ASSERT_EQ(q[0], fill[i]);
-                    ASSERT_EQ(q[n - 1], 0);
-                    ASSERT_EQ(K_GlobalSize(q), n);
+                    ASSERT_TRUE(q[0] == uint8_t(t * 16 + int(i % 16)) && q[n - 1] == 0 && K_GlobalSize(q) == n);
                     blocks[i] = q;
                 }
             }
@@ -173,14 +121,12 @@ TEST(Handles, KindsAreCheckedAndFailedRegistrationFreesTheBlock) {
     OmbrixObject_* h = krn::objCreate(krn::kObjRegion, &payload);
     EXPECT_EQ(krn::objPayload(h, krn::kObjRegion), &payload);
     EXPECT_EQ(krn::objPayload(h, krn::kObjPalette), nullptr);
-    for (void* bad : {static_cast<void*>(nullptr), reinterpret_cast<void*>(~uintptr_t(0)),
-                      reinterpret_cast<void*>(uintptr_t(0x1234))})
-        EXPECT_EQ(krn::objKind(bad), 0u);
+    for (uintptr_t bad : {uintptr_t(0), ~uintptr_t(0), uintptr_t(0x1234)})
+        EXPECT_EQ(krn::objKind(reinterpret_cast<void*>(bad)), 0u);
     EXPECT_FALSE(krn::objDestroy(h, krn::kObjGlobalMemory));
     EXPECT_TRUE(krn::objDestroy(h, krn::kObjRegion));
     EXPECT_EQ(krn::objKind(h), 0u);
     EXPECT_FALSE(krn::objDestroy(h, krn::kObjRegion));
-
     const long base = krn::faultinject::liveBlocks();
     for (long n : {0L, 1L}) {  // the data block, then the handle
         krn::faultinject::arm(n, 1);
@@ -188,27 +134,12 @@ TEST(Handles, KindsAreCheckedAndFailedRegistrationFreesTheBlock) {
     }
     krn::faultinject::disarm();
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
-}
-
-TEST(FaultHook, CountdownRepeatAndPersistence) {
-    krn::faultinject::arm(2, 2);
-    void* got[5];
-    for (void*& p : got) p = krn::memAlloc(1);
-    EXPECT_NE(got[0], nullptr);
-    EXPECT_NE(got[1], nullptr);
-    EXPECT_EQ(got[2], nullptr);
-    EXPECT_EQ(got[3], nullptr);
-    EXPECT_NE(got[4], nullptr);
-    EXPECT_EQ(krn::faultinject::injected(), 2);
-    krn::faultinject::arm(0, -1);
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(krn::memAlloc(1), nullptr);
-    krn::faultinject::disarm();
-    for (void* p : got) krn::memFree(p);
     void* r = krn::memAlloc(10);  // a failed realloc keeps the old block
     krn::faultinject::arm(0, 1);
     EXPECT_EQ(krn::memRealloc(r, 100), nullptr);
     krn::faultinject::disarm();
     krn::memFree(r);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
 // The message table is checked for consistency, not copied: every code from
@@ -230,90 +161,67 @@ TEST(Messages, WholeTableAgreesWithLibraryIdsAndTruncatesInBounds) {
     for (int32_t code : {INT32_MIN, INT32_MAX}) EXPECT_EQ(message(code), unknown);
     for (int32_t code = -1940; code <= 110; ++code) {
         std::wstring lib;
-        const std::wstring text = message(code, 1024, &lib);
+        const std::wstring text = message(code, &lib);
         int32_t id = 99, known = 99;
         ASSERT_EQ(K_GetLibIdFromErrorCode(code, &id, &known), KS_SUCCESS);
         ASSERT_EQ(known, text != unknown ? 1 : 0) << code;
-        if (code < -1931 || code > 104) {
-            ASSERT_EQ(known, 0) << code;
-        }
+        ASSERT_TRUE(!known || (code >= -1931 && code <= 104)) << code;
         if (!known) {
-            ASSERT_EQ(id, OMBRIX_LIB_UNKNOWN) << code;
-            ASSERT_EQ(lib, L"") << code;
+            ASSERT_TRUE(id == OMBRIX_LIB_UNKNOWN && lib.empty()) << code;
             continue;
         }
-        ASSERT_GE(id, OMBRIX_LIB_KERNEL);
-        ASSERT_LE(id, OMBRIX_LIB_COLOR);
+        ASSERT_TRUE(id >= OMBRIX_LIB_KERNEL && id <= OMBRIX_LIB_COLOR && lib == names[id]) << code;
         ++perLibrary[id];
-        ASSERT_EQ(lib, names[id]) << code;
-        if (id != OMBRIX_LIB_KERNEL) {
-            ASSERT_EQ(text, L"The " + lib + L" library is missing.") << code;
-        }
+        if (id != OMBRIX_LIB_KERNEL) { ASSERT_EQ(text, L"The " + lib + L" library is missing.") << code; }
     }
     EXPECT_EQ(perLibrary[OMBRIX_LIB_KERNEL], 38);  // the rows of the kernel's own table
     for (int id = OMBRIX_LIB_FILEIO; id <= OMBRIX_LIB_COLOR; ++id) EXPECT_GT(perLibrary[id], 0) << id;
     EXPECT_EQ(K_GetLibIdFromErrorCode(1, nullptr, nullptr), KS_SUCCESS);
     EXPECT_EQ(K_GetFriendlyErrorMessage(-13, nullptr, 10, nullptr), KS_INVALID_PARAMETER);
-
     for (int32_t code : {-16, -1905, -1150, 1, 999}) {
         const std::wstring full = message(code);
         for (uint32_t n = 0; n < full.size() + 3; ++n) {
             std::vector<wchar_t> buf(n + 4, L'#'), lib(n + 4, L'#');
             ASSERT_EQ(K_GetFriendlyErrorMessage(code, buf.data(), n, lib.data()), KS_SUCCESS);
             for (uint32_t i = n; i < n + 4; ++i) ASSERT_TRUE(buf[i] == L'#' && lib[i] == L'#') << code << " " << n;
-            if (n) {
-                ASSERT_EQ(std::wstring(buf.data()), full.substr(0, n - 1)) << code << " " << n;
-            }
+            if (n) { ASSERT_EQ(std::wstring(buf.data()), full.substr(0, n - 1)) << code << " " << n; }
         }
     }
 }
 
+// Records each percent; from 40 on (with user data) asks to stop.
 int32_t record(int32_t percent, void* user) {
     static_cast<std::vector<int32_t>*>(user)->push_back(percent);
     return 1;
 }
-int32_t stopAt40(int32_t percent, void* user) {
-    static_cast<std::vector<int32_t>*>(user)->push_back(percent);
-    return percent >= 40 ? KS_USER_ABORT : KS_SUCCESS;
-}
+int32_t stopAt40(int32_t percent, void* user) { return record(percent, user), percent >= 40 ? KS_USER_ABORT : 1; }
 
+// The status callbacks are per thread and hand back the old ones; a progress
+// reports each whole percent once, within its sub-range, and stops on an abort.
 TEST(ProgressCallbacks, PerThreadAndEachWholePercentOnce) {
-    std::vector<int32_t> seen;
-    STATUSCALLBACK old = reinterpret_cast<STATUSCALLBACK>(1), got = nullptr;
+    std::vector<int32_t> seen, every(101);
+    STATUSCALLBACK old = reinterpret_cast<STATUSCALLBACK>(1), got = nullptr, other = record;
     void *oldUser = &seen, *gotUser = nullptr;
-    ASSERT_EQ(K_SetStatusCallBack(record, &seen, &old, &oldUser), KS_SUCCESS);
-    EXPECT_EQ(old, nullptr);
-    EXPECT_EQ(oldUser, nullptr);
-    K_GetStatusCallBack(&got, &gotUser);
-    EXPECT_EQ(got, record);
-    EXPECT_EQ(gotUser, &seen);
-    std::thread([] {
-        STATUSCALLBACK other = record;
-        K_GetStatusCallBack(&other, nullptr);
-        EXPECT_EQ(other, nullptr);
-    }).join();
-    K_SetCopyStatusCallBack(record, nullptr, nullptr, nullptr);
-    K_GetCopyStatusCallBack(&got, nullptr);
-    EXPECT_EQ(got, record);
-    K_SetCopyStatusCallBack(nullptr, nullptr, nullptr, nullptr);
-
+    expectAll({IS(K_SetStatusCallBack(record, &seen, &old, &oldUser), 1), IS(old == nullptr && !oldUser, 1),
+               IS(K_GetStatusCallBack(&got, &gotUser), 1), IS(got == record && gotUser == &seen, 1),
+               IS((std::thread([&] { K_GetStatusCallBack(&other, nullptr); }).join(), other == nullptr), 1),
+               IS(K_SetCopyStatusCallBack(record, nullptr, nullptr, nullptr), 1),
+               IS((K_GetCopyStatusCallBack(&got, nullptr), got == record), 1),
+               IS(K_SetCopyStatusCallBack(nullptr, nullptr, nullptr, nullptr), 1)});
     krn::Progress p = krn::Progress::status(1000);
     ASSERT_EQ(p.begin(), KS_SUCCESS);
     for (int i = 1; i <= 1000; ++i) ASSERT_EQ(p.step(i), KS_SUCCESS);
-    ASSERT_EQ(seen.size(), 101u);
-    for (int i = 0; i <= 100; ++i) EXPECT_EQ(seen[size_t(i)], i);
-
+    for (int i = 0; i <= 100; ++i) every[size_t(i)] = i;
+    EXPECT_EQ(seen, every);
     seen.clear();
     K_SetStatusCallBack(stopAt40, &seen, nullptr, nullptr);
     krn::Progress q = krn::Progress::status(7, 20, 60);  // a sub-range of a larger operation
     int32_t rc = KS_SUCCESS;
     int row = 0;
     for (; row < 7 && rc == KS_SUCCESS; ++row) rc = q.step(row + 1);
-    EXPECT_EQ(rc, KS_USER_ABORT);
-    EXPECT_EQ(seen.back(), 42);  // 20 + 40*4/7
-    EXPECT_EQ(row, 4);
-    K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
-    EXPECT_FALSE(krn::Progress::status(10).active());
+    expectAll({IS(rc, KS_USER_ABORT), IS(seen.back(), 42) /* 20 + 40*4/7 */, IS(row, 4),
+               IS(K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr), 1),
+               IS(krn::Progress::status(10).active(), 0)});
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -17,9 +16,11 @@
 #include "krn/common/storage.h"
 #include "redirect_memfs.h"
 #include "redirect_scratch.h"
+#include "check_list.h"
 #include "storage_kinds.h"
 
 using namespace storagetest;
+using checklist::expectAll;
 
 namespace {
 
@@ -28,27 +29,53 @@ int64_t counter() {
     K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &c);
     return c;
 }
-
 uint32_t kindOf(const BITMAPRECORD& bm) {
     uint32_t t = 0;
     K_GetBitmapMemoryInfo(&bm, &t, nullptr, nullptr, nullptr);
     return t;
 }
-
-// Initialises a w x h 8-bit record, allocates it with `type` and returns the
-// status; *kind receives the storage kind on success (the bitmap is freed).
+BITMAPDATACALLBACKS callbacks(void* user) {
+    BITMAPDATACALLBACKS cb{};
+    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    cb.pUserData = user;
+    return cb;
+}
+int32_t create(BITMAPRECORD* bm, uint32_t type, int32_t w, int32_t h, int32_t bpp, int32_t order = 0) {
+    return K_CreateBitmap(bm, BITMAPRECORD_SIZE, type, w, h, bpp, order, nullptr, 1, nullptr, 0);
+}
+// Allocates a w x h 8-bit record with `type`; on success *kind and the tiles
+// receive its storage (the bitmap is freed); a failure leaves it unallocated.
 int32_t allocate(int32_t w, int32_t h, uint32_t type, uint32_t* kind = nullptr, int32_t* tiles = nullptr,
                  uint64_t* tileSize = nullptr) {
     BITMAPRECORD bm;
     EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, w, h, 8), KS_SUCCESS);
     const int32_t rc = K_AllocateBitmap(&bm, type);
-    if (rc == KS_SUCCESS) {
-        K_GetBitmapMemoryInfo(&bm, kind, tileSize, tiles, nullptr);
-        K_FreeBitmap(&bm);
-    } else {
-        EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u) << type;
-    }
+    if (rc == KS_SUCCESS) K_GetBitmapMemoryInfo(&bm, kind, tileSize, tiles, nullptr);
+    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, rc == KS_SUCCESS ? BRF_ALLOCATED : 0u) << type;
+    K_FreeBitmap(&bm);
     return rc;
+}
+
+// Row r of a pattern of row and byte; the padding stays zero (compressed kinds keep pixels only).
+std::vector<uint8_t> patternRow(const BITMAPRECORD* bm, int32_t r, uint32_t seed) {
+    std::vector<uint8_t> row(bm->nBytesPerLine);
+    for (uint32_t i = 0; i < row.size(); ++i) row[i] = uint8_t((r * 31 + int32_t(i) * 7 + int32_t(seed)) & 0xFF);
+    for (uint64_t b = uint64_t(bm->nWidth) * uint64_t(bm->nBitsPerPixel); b < uint64_t(row.size()) * 8; ++b)
+        row[b >> 3] &= uint8_t(~(0x80u >> (b & 7)));
+    return row;
+}
+int32_t fillPattern(BITMAPRECORD* bm, int32_t rows, uint32_t seed) {
+    int32_t w = KS_SUCCESS;
+    for (int32_t r = 0; r < rows && w >= 0; ++r)
+        w = K_PutBitmapRow(bm, patternRow(bm, r, seed).data(), r, bm->nBytesPerLine);
+    return w < 0 ? w : KS_SUCCESS;
+}
+void expectPattern(BITMAPRECORD* bm, int32_t rows, uint32_t seed, const char* what) {
+    std::vector<uint8_t> got(bm->nBytesPerLine);
+    for (int32_t r = 0; r < rows; ++r) {
+        ASSERT_EQ(K_GetBitmapRow(bm, got.data(), r, bm->nBytesPerLine), int32_t(bm->nBytesPerLine));
+        ASSERT_EQ(got, patternRow(bm, r, seed)) << what << " row " << r;
+    }
 }
 
 TEST(StorageDecision, MemoryTypesAndTheKindEachGets) {
@@ -61,375 +88,220 @@ TEST(StorageDecision, MemoryTypesAndTheKindEachGets) {
     ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 8, 8, 8), KS_SUCCESS);
     bm.uStructSize = 99;
     EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_INVALID_STRUCT_SIZE);
-    // The storage flags each request ends with.
-    const struct {
-        const char* what;
-        uint32_t type;
-        int32_t bpp, order;
-        uint32_t flags;
-    } kinds[] = {{"24-bit compressed falls back to one block", 512, 24, 1, 0x0003},
-                 {"1-bit compressed", 512, 1, 0, 0x0103},
-                 {"8-bit super-compressed", 1024, 8, 0, 0x8003},
-                 {"16-bit super-compressed falls back", 1024, 16, 1, 0x0003},
-                 {"disk", 128, 8, 0, 0x0005},
-                 {"caller memory", 2, 8, 0, 0x0403}};
+    // The storage flags each request ends with (compression falls back to one block where it cannot apply).
+    const struct { uint32_t type; int32_t bpp, order; uint32_t flags; } kinds[] = {
+        {512, 24, 1, 0x0003}, {512, 1, 0, 0x0103}, {1024, 8, 0, 0x8003}, {1024, 16, 1, 0x0003},
+        {128, 8, 0, 0x0005},  {2, 8, 0, 0x0403}};
     for (const auto& k : kinds) {
-        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, k.type, 64, 4, k.bpp, k.order, nullptr, 1, nullptr, 0),
-                  KS_SUCCESS)
-            << k.what;
-        EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, k.flags) << k.what;
-        if (k.type == 128) {
-            EXPECT_NE(bm.hMemory, nullptr);
-        }
+        ASSERT_EQ(create(&bm, k.type, 64, 4, k.bpp, k.order), KS_SUCCESS) << k.type << " " << k.bpp;
+        EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, k.flags) << k.type << " " << k.bpp;
+        EXPECT_TRUE(k.type != 128 || bm.hMemory != nullptr);
         K_FreeBitmap(&bm);
     }
 }
 
 // The cap, the thresholds and the free memory steer a 2000-byte image
-// (100 x 20) between one block, tiles, a file and a refusal.
+// (100 x 20) between one block, tiles, a file and a refusal. Each step sets the
+// cap (above the counter, 0 = none), the thresholds named in `which`, the free
+// memory (0 = the real one) and the process-wide largest image (0 = none).
 TEST(StorageDecision, CapThresholdsAndFreeMemorySteerTheDecision) {
     CapGuard guard;
     struct Restore {
         ~Restore() { krn::testhook::setAvailableMemory(0); }
     } restore;
-    const int64_t base = counter();
-    uint32_t kind = 0;
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 1000, nullptr), KS_SUCCESS);
-    ASSERT_EQ(allocate(100, 20, 1, &kind), KS_SUCCESS);
-    EXPECT_TRUE(kind == 4 || kind == 128) << kind;
-    EXPECT_EQ(allocate(100, 20, 265), KS_MEMORY_CAP_EXCEEDED);
-    EXPECT_EQ(counter(), base);
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), KS_SUCCESS);
-
-    // Largest image 1000 bytes: no single block; no tiles and no disk leaves nothing; no tiles: a file.
-    ASSERT_EQ(K_SetMemoryThresholds(0, 1000, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE), KS_SUCCESS);
-    ASSERT_EQ(allocate(100, 20, 1, &kind), KS_SUCCESS);
-    EXPECT_NE(kind, 1u);
-    EXPECT_EQ(allocate(100, 20, 265), KS_NO_MEMORY);
-    ASSERT_EQ(allocate(100, 20, 9, &kind), KS_SUCCESS);
-    EXPECT_EQ(kind, 128u);
-    // Keeping all but nothing free (-100 = 100% of the total) has the same effect.
-    ASSERT_EQ(K_SetMemoryThresholds(-100, INT32_MAX - 100, 0, 0, 0, 3), KS_SUCCESS);
-    EXPECT_EQ(allocate(100, 20, 265), KS_NO_MEMORY);
-    // The process-wide largest image sends it to a file, until it is removed.
-    ASSERT_EQ(K_SetMemoryThresholds(0, INT32_MAX - 100, 0, 0, 0, 3), KS_SUCCESS);
-    GLOBALMEMORYTHRESHOLDS g{GLOBALMEMORYTHRESHOLDS_SIZE, 1000};
-    ASSERT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
-    ASSERT_EQ(allocate(100, 20, 1, &kind), KS_SUCCESS);
-    EXPECT_EQ(kind, 128u);
-    ASSERT_EQ(K_SetGlobalMemoryThresholds(nullptr), KS_SUCCESS);
-    ASSERT_EQ(allocate(100, 20, 1, &kind), KS_SUCCESS);
-    EXPECT_EQ(kind, 1u);
-    // Disk allowed and larger than the tile size: tiles (in memory here).
-    int32_t tiles = 0;
+    BITMAPRECORD bm;  // tile size 0 means 16 MiB: one tile holds every row
     uint64_t tileSize = 0;
-    ASSERT_EQ(K_SetMemoryThresholds(0, 0, 500, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS);
-    ASSERT_EQ(allocate(100, 20, 4, &kind, &tiles, &tileSize), KS_SUCCESS);
-    EXPECT_EQ(kind, 4u);
-    EXPECT_EQ(tiles, 4);
-    EXPECT_EQ(tileSize, 500u);
-    // Tile size 0 means 16 MiB: one tile holds every row.
+    int32_t tiles = 0;
     ASSERT_EQ(K_SetMemoryThresholds(0, 0, 0, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS);
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 1024, 40, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(create(&bm, 1, 1024, 40, 8), KS_SUCCESS);
     ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 0), KS_SUCCESS);
     K_GetBitmapMemoryInfo(&bm, nullptr, &tileSize, &tiles, nullptr);
-    EXPECT_EQ(tiles, 1);
-    EXPECT_EQ(tileSize, 40u * 1024u);
+    EXPECT_TRUE(tiles == 1 && tileSize == 40u * 1024u) << tiles << " " << tileSize;
     K_FreeBitmap(&bm);
 
-    // Free memory less the reserve limits one block: 2000 bytes fit in 10000
-    // free less 7000 kept free, not in 10000 less 9000 (then: tiles).
-    krn::testhook::setAvailableMemory(10000);
-    ASSERT_EQ(K_SetMemoryThresholds(7000, 0, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE), KS_SUCCESS);
-    EXPECT_EQ(allocate(100, 20, 265), KS_SUCCESS);
-    ASSERT_EQ(K_SetMemoryThresholds(9000, 0, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE), KS_SUCCESS);
-    EXPECT_EQ(allocate(100, 20, 265), KS_NO_MEMORY);
-    ASSERT_EQ(allocate(100, 20, 1, &kind), KS_SUCCESS);
-    EXPECT_EQ(kind, 4u);
-    // A percentage: the largest image is 15% of the 10000 free bytes.
-    ASSERT_EQ(K_SetMemoryThresholds(0, -15, 0, 0, 0, MEMTHRESHOLD_KEEP_FREE | MEMTHRESHOLD_LARGEST_IMAGE), KS_SUCCESS);
-    EXPECT_EQ(allocate(100, 20, 265), KS_NO_MEMORY);
-    EXPECT_EQ(allocate(100, 15, 265), KS_SUCCESS);
+    constexpr uint32_t KEEP = MEMTHRESHOLD_KEEP_FREE, BIG = MEMTHRESHOLD_LARGEST_IMAGE, TILE = MEMTHRESHOLD_TILE_SIZE;
+    constexpr int32_t HUGE_ = INT32_MAX - 100, OK = KS_SUCCESS, NOMEM = KS_NO_MEMORY;
+    const struct { int64_t cap; int32_t keep, largest, tile; uint32_t which; uint64_t avail; int64_t global;
+                   uint32_t type; int32_t h, rc; uint32_t kinds; /* mask of the kinds allowed */ } steps[] = {
+        {1000, 0, 0, 0, 0, 0, 0, 1, 20, OK, 4 | 128}, {1000, 0, 0, 0, 0, 0, 0, 265, 20, KS_MEMORY_CAP_EXCEEDED, 0},
+        // Largest image 1000 bytes: no single block; no tiles and no disk leaves nothing; no tiles: a file.
+        {0, 0, 1000, 0, BIG, 0, 0, 1, 20, OK, 4 | 128}, {0, 0, 1000, 0, BIG, 0, 0, 265, 20, NOMEM, 0},
+        {0, 0, 1000, 0, BIG, 0, 0, 9, 20, OK, 128},
+        // Keeping all but nothing free (-100 = 100% of the total) has the same effect.
+        {0, -100, HUGE_, 0, KEEP | BIG, 0, 0, 265, 20, NOMEM, 0},
+        // The process-wide largest image sends it to a file, until it is removed.
+        {0, 0, HUGE_, 0, KEEP | BIG, 0, 1000, 1, 20, OK, 128}, {0, 0, HUGE_, 0, KEEP | BIG, 0, 0, 1, 20, OK, 1},
+        // Disk allowed and larger than the tile size: tiles (in memory here).
+        {0, 0, 0, 500, TILE, 0, 0, 4, 20, OK, 4},
+        // Free memory less the reserve limits one block: 2000 bytes fit in 10000
+        // free less 7000 kept free, not in 10000 less 9000 (then: tiles).
+        {0, 7000, 0, 0, KEEP | TILE, 10000, 0, 265, 20, OK, 1}, {0, 9000, 0, 0, KEEP, 10000, 0, 265, 20, NOMEM, 0},
+        {0, 9000, 0, 0, KEEP, 10000, 0, 1, 20, OK, 4},
+        // A percentage: the largest image is 15% of the 10000 free bytes.
+        {0, 0, -15, 0, KEEP | BIG, 10000, 0, 265, 20, NOMEM, 0}, {0, 0, -15, 0, KEEP | BIG, 10000, 0, 265, 15, OK, 1}};
+    const int64_t base = counter();
+    for (const auto& s : steps) {
+        SCOPED_TRACE(::testing::Message() << "type " << s.type << " keep " << s.keep << " largest " << s.largest);
+        ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, s.cap ? base + s.cap : 0, nullptr), KS_SUCCESS);
+        if (s.which) { ASSERT_EQ(K_SetMemoryThresholds(s.keep, s.largest, s.tile, 0, 0, s.which), KS_SUCCESS); }
+        krn::testhook::setAvailableMemory(s.avail);
+        GLOBALMEMORYTHRESHOLDS g{GLOBALMEMORYTHRESHOLDS_SIZE, s.global};
+        ASSERT_EQ(K_SetGlobalMemoryThresholds(s.global ? &g : nullptr), KS_SUCCESS);
+        uint32_t kind = 0;
+        ASSERT_EQ(allocate(100, s.h, s.type, &kind, &tiles, &tileSize), s.rc);
+        EXPECT_TRUE(s.rc != OK || (kind & s.kinds)) << kind;
+        EXPECT_TRUE(s.type != 4 || (tiles == 4 && tileSize == 500u)) << tiles << " " << tileSize;
+        EXPECT_EQ(counter(), base);
+    }
 }
 
-TEST(StorageAccess, NestedAccessLocksOnce) {
+int32_t onAccess(BITMAPRECORD*, void* u) { return ++static_cast<int32_t*>(u)[0], static_cast<int32_t*>(u)[2]; }
+int32_t onRelease(BITMAPRECORD*, void* u) { return ++static_cast<int32_t*>(u)[1], 1; }
+
+// Nested accesses lock once and the last release unlocks (the height cannot
+// change meanwhile); the internal forms report and undo; the access callbacks
+// are asked once per outermost access, and a refused access is undone.
+TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
     BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 16, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(create(&bm, 1, 16, 4, 8), KS_SUCCESS);
     EXPECT_EQ(bm.pData, nullptr);
     ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
     uint8_t* p = bm.pData;
-    ASSERT_NE(p, nullptr);
-    EXPECT_NE(bm.uFlags & BRF_LOCKED, 0u);
-    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-    EXPECT_EQ(bm.nLockCount, 2);
-    EXPECT_EQ(bm.pData, p);
-    p[16 * 2 + 3] = 0x77;
-    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
-    EXPECT_EQ(bm.pData, p);
+    ASSERT_TRUE(p != nullptr && (bm.uFlags & BRF_LOCKED));
     uint8_t row[16];
-    ASSERT_EQ(K_GetBitmapRow(&bm, row, 2, 16), 16);
-    EXPECT_EQ(row[3], 0x77);
-    // The height cannot change while locked.
-    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 8), KS_INVALID_PARAMETER);
-    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
-    EXPECT_EQ(bm.pData, nullptr);
-    EXPECT_EQ(bm.uFlags & BRF_LOCKED, 0u);
-    EXPECT_EQ(bm.nLockCount, 0);
-    EXPECT_EQ(K_ReleaseBitmap(nullptr), KS_NULL_POINTER);
-
     int32_t flag = -1;
-    EXPECT_EQ(K_IntAccessBitmap(nullptr, &flag), KS_INVALID_BITMAP);
-    EXPECT_EQ(flag, 0);
-    ASSERT_EQ(K_IntAccessBitmap(&bm, &flag), KS_SUCCESS);
-    EXPECT_EQ(flag, 1);
-    EXPECT_EQ(K_IntReleaseBitmap(&bm, flag, -42), -42);
-    EXPECT_EQ(bm.nLockCount, 0);
-    EXPECT_EQ(K_IntReleaseBitmap(&bm, 0, KS_SUCCESS), KS_SUCCESS);
-    EXPECT_EQ(K_IntReleaseBitmap(nullptr, 1, KS_SUCCESS), KS_NULL_POINTER);
-    K_FreeBitmap(&bm);
-    // Not allocated.
-    EXPECT_EQ(K_AccessBitmap(&bm), KS_INVALID_BITMAP);
-}
-
-struct AccessLog {
-    int access = 0, release = 0;
-    int32_t accessAnswer = 1;
-};
-int32_t onAccess(BITMAPRECORD*, void* u) {
-    auto* l = static_cast<AccessLog*>(u);
-    ++l->access;
-    return l->accessAnswer;
-}
-int32_t onRelease(BITMAPRECORD*, void* u) {
-    ++static_cast<AccessLog*>(u)->release;
-    return 1;
-}
-
-TEST(StorageAccess, AccessCallbacks) {
-    AccessLog log;
-    BITMAPDATACALLBACKS cb{};
-    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
-    cb.pUserData = &log;
+    expectAll({IS(K_AccessBitmap(&bm), 1), IS(bm.nLockCount, 2), IS(bm.pData == p, 1), IS(p[35] = 0x77, 0x77),
+               IS(K_ReleaseBitmap(&bm), 1), IS(bm.pData == p, 1), IS(K_GetBitmapRow(&bm, row, 2, 16), 16),
+               IS(row[3], 0x77), IS(K_ChangeBitmapHeight(&bm, 8), KS_INVALID_PARAMETER), IS(K_ReleaseBitmap(&bm), 1),
+               IS(bm.pData == nullptr, 1), IS(bm.uFlags & BRF_LOCKED, 0), IS(bm.nLockCount, 0),
+               IS(K_ReleaseBitmap(nullptr), KS_NULL_POINTER), IS(K_IntAccessBitmap(nullptr, &flag), KS_INVALID_BITMAP),
+               IS(flag, 0), IS(K_IntAccessBitmap(&bm, &flag), 1), IS(flag, 1), IS(K_IntReleaseBitmap(&bm, flag, -42), -42),
+               IS(bm.nLockCount, 0), IS(K_IntReleaseBitmap(&bm, 0, 1), 1),
+               IS(K_IntReleaseBitmap(nullptr, 1, 1), KS_NULL_POINTER),
+               IS(K_FreeBitmap(&bm), 1), IS(K_AccessBitmap(&bm), KS_INVALID_BITMAP)});
+    int32_t log[3] = {0, 0, 1};  // accesses, releases, the access answer
+    BITMAPDATACALLBACKS cb = callbacks(log);
     cb.pfnAccess = onAccess;
     cb.pfnRelease = onRelease;
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 8, 2, 8, 0, nullptr, 1, nullptr, 0, &cb),
-              KS_SUCCESS);
-    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-    ASSERT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-    EXPECT_EQ(log.access, 1);
-    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
-    ASSERT_EQ(K_ReleaseBitmap(&bm), KS_SUCCESS);
-    EXPECT_EQ(log.release, 1);
-    log.accessAnswer = -55;
-    EXPECT_EQ(K_AccessBitmap(&bm), -55);
-    EXPECT_EQ(bm.nLockCount, 0) << "a refused access is undone";
-    log.accessAnswer = 2;
-    EXPECT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-    EXPECT_EQ(bm.pData, nullptr) << "2: the callback did the work";
-    K_ReleaseBitmap(&bm);
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 8, 2, 8, 0, nullptr, 1, nullptr, 0, &cb), 1);
+    expectAll({IS(K_AccessBitmap(&bm), 1), IS(K_AccessBitmap(&bm), 1), IS(K_ReleaseBitmap(&bm), 1),
+               IS(K_ReleaseBitmap(&bm), 1), IS(log[0], 1), IS(log[1], 1), IS(log[2] = -55, -55),
+               IS(K_AccessBitmap(&bm), -55), IS(bm.nLockCount, 0), IS(log[2] = 2, 2), IS(K_AccessBitmap(&bm), 1),
+               IS(bm.pData == nullptr, 1) /* 2: the callback did the work */, IS(K_ReleaseBitmap(&bm), 1)});
     K_FreeBitmap(&bm);
 }
 
-TEST(StorageCap, ManageMemoryCommands) {
+// The cap commands (room 1 once the cap is reached, asking for room only
+// tests), then the counter through blocks, tiles (700 bytes: 7 rows each),
+// heights and files, and a height the cap does not allow.
+TEST(StorageCap, ManageMemoryCommandsAndTheCounterOfEveryKind) {
     CapGuard guard;
     int64_t v = 0;
     ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), KS_SUCCESS);
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 0, &v), KS_SUCCESS);
-    EXPECT_EQ(v, INT64_MAX);
     const int64_t base = counter();
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 100, &v), KS_SUCCESS);
-    EXPECT_EQ(v, 0);
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_GET_CAP, 0, &v), KS_SUCCESS);
-    EXPECT_EQ(v, base + 100);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RESERVE, 60, nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RESERVE, 41, nullptr), KS_MEMORY_CAP_EXCEEDED);
-    EXPECT_EQ(counter(), base + 60);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 40, &v), KS_SUCCESS);
-    EXPECT_EQ(v, 40);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 41, &v), KS_MEMORY_CAP_EXCEEDED);
-    EXPECT_EQ(counter(), base + 60) << "command 5 only tests";
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RESERVE, 40, nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 0, &v), KS_SUCCESS);
-    EXPECT_EQ(v, 1) << "the cap is reached";
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_RELEASE, 100, nullptr), KS_SUCCESS);
-    EXPECT_EQ(counter(), base);
-    EXPECT_EQ(K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, nullptr), KS_NULL_POINTER);
-    EXPECT_EQ(K_ManageMemory(6, 0, &v), KS_NOT_SUPPORTED);
-    EXPECT_EQ(K_ManageMemory(-1, 0, &v), KS_NOT_SUPPORTED);
-}
-
-TEST(StorageCap, CounterFollowsBlocksTilesAndHeights) {
-    CapGuard guard;
-    const int64_t base = counter();
+    expectAll({IS(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 0, &v), 1), IS(v, INT64_MAX),
+               IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 100, &v), 1), IS(v, 0),
+               IS(K_ManageMemory(MANAGEMEMORY_GET_CAP, 0, &v), 1), IS(v, base + 100),
+               IS(K_ManageMemory(MANAGEMEMORY_RESERVE, 60, nullptr), 1),
+               IS(K_ManageMemory(MANAGEMEMORY_RESERVE, 41, nullptr), KS_MEMORY_CAP_EXCEEDED), IS(counter(), base + 60),
+               IS(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 40, &v), 1), IS(v, 40),
+               IS(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 41, &v), KS_MEMORY_CAP_EXCEEDED), IS(counter(), base + 60),
+               IS(K_ManageMemory(MANAGEMEMORY_RESERVE, 40, nullptr), 1),
+               IS(K_ManageMemory(MANAGEMEMORY_GET_ROOM, 0, &v), 1), IS(v, 1),
+               IS(K_ManageMemory(MANAGEMEMORY_RELEASE, 100, nullptr), 1), IS(counter(), base),
+               IS(K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, nullptr), KS_NULL_POINTER),
+               IS(K_ManageMemory(6, 0, &v), KS_NOT_SUPPORTED), IS(K_ManageMemory(-1, 0, &v), KS_NOT_SUPPORTED),
+               IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), 1)});
     BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 100, 10, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(counter(), base + 1000);
-    ASSERT_EQ(K_ChangeBitmapHeight(&bm, 30), KS_SUCCESS);
-    EXPECT_EQ(counter(), base + 3000);
-    ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 700), KS_SUCCESS);  // 7 rows per tile
-    EXPECT_EQ(counter(), base + 3000);
-    ASSERT_EQ(K_ChangeBitmapHeight(&bm, 12), KS_SUCCESS);
-    EXPECT_EQ(counter(), base + 1200);
-    ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, 128, 0), KS_SUCCESS);
-    EXPECT_EQ(counter(), base);
-    ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, 1, 0), KS_SUCCESS);
-    EXPECT_EQ(counter(), base + 1200);
-    // A height the cap does not allow.
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 1500, nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_ChangeBitmapHeight(&bm, 20), KS_MEMORY_CAP_EXCEEDED);
-    EXPECT_EQ(bm.nHeight, 12);
-    EXPECT_EQ(counter(), base + 1200);
-    K_FreeBitmap(&bm);
-    EXPECT_EQ(counter(), base);
+    ASSERT_EQ(create(&bm, 1, 100, 10, 8), KS_SUCCESS);
+    const struct { uint32_t type; int32_t height; int64_t counted; } steps[] = {
+        {0, 10, 1000}, {0, 30, 3000}, {4, 30, 3000}, {0, 12, 1200}, {128, 12, 0}, {1, 12, 1200}};
+    for (const auto& s : steps) {
+        if (s.type) { ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, s.type, 700), KS_SUCCESS); }
+        ASSERT_EQ(K_ChangeBitmapHeight(&bm, s.height), KS_SUCCESS);
+        EXPECT_EQ(counter(), base + s.counted) << s.type << " " << s.height;
+    }
+    expectAll({IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 1500, nullptr), 1),
+               IS(K_ChangeBitmapHeight(&bm, 20), KS_MEMORY_CAP_EXCEEDED), IS(bm.nHeight, 12),
+               IS(counter(), base + 1200), IS(K_FreeBitmap(&bm), 1), IS(counter(), base)});
 }
 
+// Thresholds round-trip, refusals keep earlier values; the default memory
+// type is per thread and type 0 takes it; the process-wide largest image:
+// -1 removes it, 0 is no limit, other negatives are refused.
 TEST(StorageSettings, ThresholdsAndDefaults) {
     CapGuard guard;
     int32_t a, b, c, d, e;
-    ASSERT_EQ(K_SetMemoryThresholds(1, 2, 3, 4, 5, 31), KS_SUCCESS);
-    ASSERT_EQ(K_GetMemoryThresholds(&a, &b, &c, &d, &e), KS_SUCCESS);
-    EXPECT_EQ(a + b * 10 + c * 100 + d * 1000 + e * 10000, 54321);
-    // Overflow on +100 and negative tile size; earlier values are kept.
-    EXPECT_EQ(K_SetMemoryThresholds(7, INT32_MAX - 99, 3, 4, 5, 31), KS_INVALID_PARAMETER);
-    K_GetMemoryThresholds(&a, &b, nullptr, nullptr, nullptr);
-    EXPECT_EQ(a, 7);
-    EXPECT_EQ(b, 2);
-    EXPECT_EQ(K_SetMemoryThresholds(0, 0, -1, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetMemoryThresholds(0, 0, 0, INT32_MAX, 0, MEMTHRESHOLD_FOURTH), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetMemoryThresholds(0, 0, 0, 0, INT32_MAX, MEMTHRESHOLD_FIFTH), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetMemoryThresholds(0, INT32_MAX - 100, 0, 0, 0, 2), KS_SUCCESS);
-    EXPECT_EQ(K_GetMemoryThresholds(nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS);
-
-    EXPECT_EQ(K_GetDefaultMemoryType(), 1u);
-    EXPECT_EQ(K_SetDefaultMemoryType(2), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetDefaultMemoryType(128), KS_SUCCESS);
-    EXPECT_EQ(K_GetDefaultMemoryType(), 128u);
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 10, 10, 8), KS_SUCCESS);
-    ASSERT_EQ(K_AllocateBitmap(&bm, 0), KS_SUCCESS);
-    EXPECT_EQ(kindOf(bm), 128u) << "type 0 takes the thread's default";
-    K_FreeBitmap(&bm);
-    EXPECT_EQ(K_SetDefaultMemoryType(1), KS_SUCCESS);
-    // Per thread: another thread still sees 1 after this one sets 128.
-    K_SetDefaultMemoryType(128);
-    uint32_t other = 0;
-    std::thread([&] { other = K_GetDefaultMemoryType(); }).join();
-    EXPECT_EQ(other, 1u);
-    K_SetDefaultMemoryType(1);
-
-    GLOBALMEMORYTHRESHOLDS g{GLOBALMEMORYTHRESHOLDS_SIZE, 12345};
-    ASSERT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
-    GLOBALMEMORYTHRESHOLDS r{GLOBALMEMORYTHRESHOLDS_SIZE, 0};
-    ASSERT_EQ(K_GetGlobalMemoryThresholds(&r), KS_SUCCESS);
-    EXPECT_EQ(int64_t{r.nLargestImage}, 12345);
-    g.nLargestImage = -2;
-    EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_PARAMETER);
-    g.nLargestImage = -1;
-    EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_SUCCESS);
-    K_GetGlobalMemoryThresholds(&r);
-    EXPECT_EQ(int64_t{r.nLargestImage}, 0);
-    g.uStructSize = 16;
-    EXPECT_EQ(K_SetGlobalMemoryThresholds(&g), KS_INVALID_STRUCT_SIZE);
+    uint32_t kind = 0, other = 0;
+    GLOBALMEMORYTHRESHOLDS g{GLOBALMEMORYTHRESHOLDS_SIZE, 12345}, r{GLOBALMEMORYTHRESHOLDS_SIZE, 0};
+    expectAll({IS(K_SetMemoryThresholds(1, 2, 3, 4, 5, 31), 1), IS(K_GetMemoryThresholds(&a, &b, &c, &d, &e), 1),
+               IS(a + b * 10 + c * 100 + d * 1000 + e * 10000, 54321),
+               IS(K_SetMemoryThresholds(7, INT32_MAX - 99, 3, 4, 5, 31), KS_INVALID_PARAMETER),
+               IS(K_GetMemoryThresholds(&a, &b, nullptr, nullptr, nullptr), 1), IS(a * 10 + b, 72),
+               IS(K_SetMemoryThresholds(0, 0, -1, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_INVALID_PARAMETER),
+               IS(K_SetMemoryThresholds(0, 0, 0, INT32_MAX, 0, MEMTHRESHOLD_FOURTH), KS_INVALID_PARAMETER),
+               IS(K_SetMemoryThresholds(0, 0, 0, 0, INT32_MAX, MEMTHRESHOLD_FIFTH), KS_INVALID_PARAMETER),
+               IS(K_SetMemoryThresholds(0, INT32_MAX - 100, 0, 0, 0, 2), 1),
+               IS(K_GetMemoryThresholds(nullptr, nullptr, nullptr, nullptr, nullptr), 1),
+               IS(K_GetDefaultMemoryType(), 1), IS(K_SetDefaultMemoryType(2), KS_INVALID_PARAMETER),
+               IS(K_SetDefaultMemoryType(128), 1),
+               IS((std::thread([&] { other = K_GetDefaultMemoryType(); }).join(), other), 1),
+               IS(K_GetDefaultMemoryType(), 128), IS(allocate(10, 10, 0, &kind), 1), IS(kind, 128),
+               IS(K_SetDefaultMemoryType(1), 1), IS(K_SetGlobalMemoryThresholds(&g), 1),
+               IS(K_GetGlobalMemoryThresholds(&r), 1), IS(r.nLargestImage, 12345),
+               IS((g.nLargestImage = -2, K_SetGlobalMemoryThresholds(&g)), KS_INVALID_PARAMETER),
+               IS((g.nLargestImage = -1, K_SetGlobalMemoryThresholds(&g)), 1),
+               IS((g.nLargestImage = 0, K_SetGlobalMemoryThresholds(&g)), 1), IS(K_GetGlobalMemoryThresholds(&r), 1),
+               IS(r.nLargestImage, 0), IS((g.uStructSize = 16, K_SetGlobalMemoryThresholds(&g)), KS_INVALID_STRUCT_SIZE)});
 }
 
-struct GlobalCb {
-    int calls = 0;
+struct AllocCb {
     uint32_t newType = 0;
     int32_t answer = 1;
     BITMAPALLOCINFO seen{};
 };
-int32_t globalAllocCb(BITMAPRECORD*, BITMAPALLOCINFO* info, void* user) {
-    auto* g = static_cast<GlobalCb*>(user);
-    ++g->calls;
+int32_t allocCb(BITMAPRECORD*, BITMAPALLOCINFO* info, void* user) {
+    auto* g = static_cast<AllocCb*>(user);
     g->seen = *info;
     if (g->newType) info->uMemoryType = g->newType;
     return g->answer;
 }
 
-TEST(StorageCallbacks, ProcessWideAllocationCallback) {
-    GlobalCb g;
-    PFN_BITMAPALLOCATE old = nullptr;
+// The process-wide allocation callback and the bitmap's allocate data
+// callback see the request, may change the memory type, may supply the
+// pixels (2) or refuse (their status is the result, nothing leaks).
+TEST(StorageCallbacks, AllocationCallbacksSeeAndSteerTheRequest) {
+    AllocCb g;
+    g.newType = 128;
+    PFN_BITMAPALLOCATE old = nullptr, mine = nullptr;
     void* oldUser = nullptr;
-    ASSERT_EQ(K_SetAllocateBitmapCallback(globalAllocCb, &g, &old, &oldUser), KS_SUCCESS);
+    ASSERT_EQ(K_SetAllocateBitmapCallback(allocCb, &g, &old, &oldUser), KS_SUCCESS);
     RGBQUAD pal[256] = {};
     BITMAPRECORD bm;
-    g.newType = 128;
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, pal, 1, nullptr, 0), KS_SUCCESS);
     EXPECT_EQ(kindOf(bm), 128u) << "the callback changed the type";
-    EXPECT_EQ(g.seen.uStructSize, BITMAPALLOCINFO_SIZE);
-    EXPECT_EQ(g.seen.uMemoryType, 1u);
-    EXPECT_EQ(g.seen.nWidth, 30);
-    EXPECT_EQ(g.seen.nBytesPerLine, 0u);
-    EXPECT_EQ(g.seen.uDataSize, 32u * 5u);
-    EXPECT_EQ(g.seen.pExtra, pal);
+    EXPECT_TRUE(g.seen.uStructSize == BITMAPALLOCINFO_SIZE && g.seen.uMemoryType == 1u && g.seen.nWidth == 30 &&
+                g.seen.nBytesPerLine == 0u && g.seen.uDataSize == 32u * 5u && g.seen.pExtra == pal);
     K_FreeBitmap(&bm);
     g.answer = -321;
-    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0), -321);
-    PFN_BITMAPALLOCATE mine = nullptr;
+    EXPECT_EQ(create(&bm, 1, 30, 5, 8), -321);
     ASSERT_EQ(K_SetAllocateBitmapCallback(old, oldUser, &mine, nullptr), KS_SUCCESS);
-    EXPECT_EQ(mine, &globalAllocCb);
-}
+    EXPECT_EQ(mine, &allocCb);
 
-struct DataCb {
-    int32_t answer = 1;
-    uint32_t newType = 0;
-    uint32_t seenBpl = 0;
-};
-int32_t dataAllocCb(BITMAPRECORD*, BITMAPALLOCINFO* info, void* user) {
-    auto* d = static_cast<DataCb*>(user);
-    d->seenBpl = info->nBytesPerLine;
-    if (d->newType) info->uMemoryType = d->newType;
-    return d->answer;
-}
-
-TEST(StorageCallbacks, DataAllocateCallback) {
-    DataCb d;
-    BITMAPDATACALLBACKS cb{};
-    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
-    cb.pUserData = &d;
-    cb.pfnAllocate = dataAllocCb;
-    BITMAPRECORD bm;
-    d.answer = 2;
-    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb),
-              KS_SUCCESS);
-    EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, 0x0401u);
-    EXPECT_EQ(d.seenBpl, 32u);
-    K_FreeBitmap(&bm);
-    d.answer = 1;
-    d.newType = 1024;
-    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb),
-              KS_SUCCESS);
-    EXPECT_EQ(kindOf(bm), 1024u);
-    K_FreeBitmap(&bm);
-    d.newType = 3;
-    EXPECT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb),
-              KS_INVALID_PARAMETER);
-    d.newType = 0;
-    d.answer = -9;
+    AllocCb d;
+    BITMAPDATACALLBACKS cb = callbacks(&d);
+    cb.pfnAllocate = allocCb;
     const long live = krn::faultinject::liveBlocks();
-    EXPECT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb), -9);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-}
-
-// Row r of a pattern that depends on row and byte; the padding stays zero
-// (compressed kinds keep pixels only).
-std::vector<uint8_t> patternRow(const BITMAPRECORD* bm, int32_t r, uint32_t seed) {
-    std::vector<uint8_t> row(bm->nBytesPerLine);
-    for (uint32_t i = 0; i < row.size(); ++i) row[i] = uint8_t((r * 31 + int32_t(i) * 7 + int32_t(seed)) & 0xFF);
-    for (uint64_t b = uint64_t(bm->nWidth) * uint64_t(bm->nBitsPerPixel); b < uint64_t(row.size()) * 8; ++b)
-        row[b >> 3] &= uint8_t(~(0x80u >> (b & 7)));
-    return row;
-}
-void fillPattern(BITMAPRECORD* bm, int32_t rows, uint32_t seed) {
-    for (int32_t r = 0; r < rows; ++r) ASSERT_GT(K_PutBitmapRow(bm, patternRow(bm, r, seed).data(), r, bm->nBytesPerLine), 0);
-}
-void expectPattern(BITMAPRECORD* bm, int32_t rows, uint32_t seed, const char* what) {
-    std::vector<uint8_t> got(bm->nBytesPerLine);
-    for (int32_t r = 0; r < rows; ++r) {
-        ASSERT_EQ(K_GetBitmapRow(bm, got.data(), r, bm->nBytesPerLine), int32_t(bm->nBytesPerLine));
-        ASSERT_EQ(got, patternRow(bm, r, seed)) << what << " row " << r;
+    const struct { int32_t answer; uint32_t newType; int32_t rc; uint32_t flags; } cases[] = {
+        {2, 0, KS_SUCCESS, 0x0401}, {1, 1024, KS_SUCCESS, 0x8003}, {1, 3, KS_INVALID_PARAMETER, 0}, {-9, 0, -9, 0}};
+    for (const auto& c : cases) {
+        d.answer = c.answer, d.newType = c.newType;
+        EXPECT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb),
+                  c.rc);
+        EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, c.flags) << c.answer << " " << c.newType;
+        EXPECT_EQ(d.seen.nBytesPerLine, 32u);
+        if (c.rc == KS_SUCCESS) K_FreeBitmap(&bm);
+        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
     }
 }
 
@@ -448,24 +320,20 @@ TEST(StorageHeight, EveryKindKeepsSharedRowsThroughEveryHeight) {
             const uint32_t type = kindOf(k.bm);
             std::vector<std::vector<uint8_t>> model;
             for (int32_t r = 0; r < 10; ++r) model.push_back(patternRow(&k.bm, r, 1));
-            fillPattern(&k.bm, 10, 1);
-            uint32_t seed = 1;
+            ASSERT_EQ(fillPattern(&k.bm, 10, 1), KS_SUCCESS);
             for (int32_t h : {23, 4, 0, 12, 50, 50}) {
                 ASSERT_EQ(K_ChangeBitmapHeight(&k.bm, h), KS_SUCCESS) << h;
-                ASSERT_EQ(k.bm.nHeight, h);
-                ASSERT_EQ(k.bm.uSize64, uint64_t(k.bm.nBytesPerLine) * uint64_t(h));
+                ASSERT_TRUE(k.bm.nHeight == h && k.bm.uSize64 == uint64_t(k.bm.nBytesPerLine) * uint64_t(h));
                 model.resize(size_t(h), std::vector<uint8_t>(k.bm.nBytesPerLine, 0));
                 std::vector<uint8_t> got(k.bm.nBytesPerLine);
                 for (int32_t r = 0; r < h; ++r) {
                     ASSERT_EQ(K_GetBitmapRow(&k.bm, got.data(), r, k.bm.nBytesPerLine), int32_t(k.bm.nBytesPerLine));
                     ASSERT_EQ(got, model[size_t(r)]) << "height " << h << " row " << r;
                 }
-                uint8_t row[256];
-                EXPECT_EQ(K_GetBitmapRow(&k.bm, row, h, 8), KS_INVALID_PARAMETER);
-                if (h == 23) {  // new contents before shrinking
-                    fillPattern(&k.bm, 23, ++seed);
-                    for (int32_t r = 0; r < 23; ++r) model[size_t(r)] = patternRow(&k.bm, r, seed);
-                }
+                EXPECT_EQ(K_GetBitmapRow(&k.bm, got.data(), h, 8), KS_INVALID_PARAMETER);
+                if (h != 23) continue;  // new contents before shrinking
+                ASSERT_EQ(fillPattern(&k.bm, 23, 2), KS_SUCCESS);
+                for (int32_t r = 0; r < 23; ++r) model[size_t(r)] = patternRow(&k.bm, r, 2);
             }
             EXPECT_EQ(kindOf(k.bm), type) << "the kind does not change";
         }
@@ -473,315 +341,275 @@ TEST(StorageHeight, EveryKindKeepsSharedRowsThroughEveryHeight) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
     // Refusals: caller memory, a locked bitmap, a negative height, no storage
     // (the allocated bit is looked at before the size word).
-    KindBitmap c(Kind::CallerMemory, 8, 8, 8);
-    EXPECT_EQ(K_ChangeBitmapHeight(&c.bm, 9), KS_INVALID_PARAMETER);
-    KindBitmap b(Kind::SingleBlock, 8, 8, 8);
-    ASSERT_EQ(K_AccessBitmap(&b.bm), KS_SUCCESS);
-    EXPECT_EQ(K_ChangeBitmapHeight(&b.bm, 20), KS_INVALID_PARAMETER);
-    ASSERT_EQ(K_ReleaseBitmap(&b.bm), KS_SUCCESS);
-    EXPECT_EQ(K_ChangeBitmapHeight(&b.bm, -1), KS_INVALID_DIMENSIONS);
+    KindBitmap c(Kind::CallerMemory, 8, 8, 8), b(Kind::SingleBlock, 8, 8, 8);
     BITMAPRECORD none;
-    ASSERT_EQ(K_InitBitmap(&none, BITMAPRECORD_SIZE, 10, 10, 8), KS_SUCCESS);
-    EXPECT_EQ(K_ChangeBitmapHeight(&none, 3), KS_INVALID_BITMAP);
-    none.uStructSize = 100;
-    EXPECT_EQ(K_ChangeBitmapHeight(&none, 3), KS_INVALID_BITMAP);
+    expectAll({IS(K_ChangeBitmapHeight(&c.bm, 9), KS_INVALID_PARAMETER), IS(K_AccessBitmap(&b.bm), 1),
+               IS(K_ChangeBitmapHeight(&b.bm, 20), KS_INVALID_PARAMETER), IS(K_ReleaseBitmap(&b.bm), 1),
+               IS(K_ChangeBitmapHeight(&b.bm, -1), KS_INVALID_DIMENSIONS),
+               IS(K_InitBitmap(&none, BITMAPRECORD_SIZE, 10, 10, 8), 1),
+               IS(K_ChangeBitmapHeight(&none, 3), KS_INVALID_BITMAP),
+               IS((none.uStructSize = 100, K_ChangeBitmapHeight(&none, 3)), KS_INVALID_BITMAP)});
 }
 
+// A chain of conversions through every kind, then the compression calls
+// (-1: toggle), keep the pixels; the refusals change nothing.
 TEST(StorageConvert, ConversionChainKeepsThePixels) {
     CapGuard guard;
+    BITMAPRECORD bm;
     for (int bpp : {1, 8, 24}) {
         SCOPED_TRACE(bpp);
-        BITMAPRECORD bm;
-        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 99, 17, bpp, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
-        fillPattern(&bm, 17, 9);
+        ASSERT_EQ(create(&bm, 1, 99, 17, bpp, 1), KS_SUCCESS);
+        ASSERT_EQ(fillPattern(&bm, 17, 9), KS_SUCCESS);
         std::vector<uint32_t> chain = {4, 128, 1024, 1, 4, 1024, 128, 1};
         if (bpp == 1) chain.insert(chain.begin() + 3, {512, 4, 512, 128, 512, 1024, 512});
+        const std::pair<int, uint32_t> calls[] = {{-1, bpp == 1 ? 512u : 1024u}, {-1, 1},
+                                                  {BITMAPCOMPRESSION_SUPER, 1024}, {BITMAPCOMPRESSION_NONE, 1}};
         for (uint32_t t : chain) {
             ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, t, 3 * bm.nBytesPerLine), KS_SUCCESS) << t;
             ASSERT_EQ(kindOf(bm), t);
-            expectPattern(&bm, 17, 9, "after conversion");
+            expectPattern(&bm, 17, 9, "after a conversion");
         }
-        if (bpp != 1) {
-            EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 512, 0), KS_INVALID_BITS_PER_PIXEL);
+        for (const auto& [mode, kind] : calls) {
+            ASSERT_EQ(mode < 0 ? K_ToggleBitmapCompression(&bm) : K_ChangeBitmapCompression(&bm, mode), KS_SUCCESS);
+            EXPECT_EQ(kindOf(bm), kind) << mode;
+            expectPattern(&bm, 17, 9, "after a compression call");
         }
+        EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 512, 0), bpp == 1 ? KS_SUCCESS : KS_INVALID_BITS_PER_PIXEL);
         EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 2, 0), KS_INVALID_PARAMETER);
-        // Compression calls.
-        ASSERT_EQ(K_ToggleBitmapCompression(&bm), KS_SUCCESS);
-        EXPECT_EQ(kindOf(bm), bpp == 1 ? 512u : 1024u);
-        expectPattern(&bm, 17, 9, "toggled on");
-        ASSERT_EQ(K_ToggleBitmapCompression(&bm), KS_SUCCESS);
-        EXPECT_EQ(kindOf(bm), 1u);
-        ASSERT_EQ(K_ChangeBitmapCompression(&bm, BITMAPCOMPRESSION_SUPER), KS_SUCCESS);
-        EXPECT_EQ(kindOf(bm), 1024u);
-        ASSERT_EQ(K_ChangeBitmapCompression(&bm, BITMAPCOMPRESSION_NONE), KS_SUCCESS);
-        EXPECT_EQ(kindOf(bm), 1u);
-        expectPattern(&bm, 17, 9, "after the compression calls");
         EXPECT_EQ(K_ChangeBitmapCompression(&bm, 3), KS_INVALID_PARAMETER);
-        // A locked bitmap keeps its storage.
         K_AccessBitmap(&bm);
-        EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 0), KS_INVALID_PARAMETER);
+        EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 0), KS_INVALID_PARAMETER) << "a locked bitmap keeps its storage";
         K_ReleaseBitmap(&bm);
+        expectPattern(&bm, 17, 9, "after the refusals");
         K_FreeBitmap(&bm);
     }
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 9, 3, 16, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(create(&bm, 1, 9, 3, 16, 1), KS_SUCCESS);
     EXPECT_EQ(K_ToggleBitmapCompression(&bm), KS_INVALID_BITS_PER_PIXEL);
     K_FreeBitmap(&bm);
 }
 
 // ---------------------------------------------------------------- faults
-// Runs `make` with the Nth allocation failing, for every N until a run sees
-// no injected failure; every failure must leave the record unallocated, no
-// kernel block and no counted byte behind.
-template <class Make>
-void sweepAllocationFailures(const char* what, Make make) {
+struct CallbackStorage {
+    int allocations = 0, frees = 0;
+    std::vector<uint8_t> pixels;
+};
+int32_t supplyStorage(BITMAPRECORD* bm, BITMAPALLOCINFO* info, void* user) {
+    auto* s = static_cast<CallbackStorage*>(user);
+    ++s->allocations;
+    s->pixels.assign(size_t(info->uDataSize), 0);
+    bm->pData = s->pixels.data();
+    return 2;
+}
+int32_t returnStorage(BITMAPRECORD*, void* user) { return ++static_cast<CallbackStorage*>(user)->frees, 2; }
+
+// Creation, writing every row and a conversion, with the Nth allocation
+// failing (once, or from then on), for every N until a run sees no injected
+// failure. A failed creation reports KS_NO_MEMORY and leaves the caller's
+// record byte for byte as it was (storage a callback supplied goes back
+// through the free callback); a failed write or conversion keeps the pixels;
+// nothing leaks, no byte stays counted.
+TEST(StorageFaults, AllocationFailureAtEveryStep) {
+    CapGuard guard;
+    CallbackStorage store;
+    BITMAPDATACALLBACKS none = callbacks(nullptr), supplied = callbacks(&store);
+    supplied.pfnAllocate = supplyStorage;
+    supplied.pfnFree = returnStorage;
+    const struct { uint32_t type; int bpp; uint32_t convertTo; long repeat; const BITMAPDATACALLBACKS* cb; } cases[] = {
+        {1, 8, 0, 1, nullptr},     {128, 8, 0, 1, nullptr},  {512, 1, 0, 1, nullptr}, {1024, 8, 0, 1, nullptr},
+        {1024, 24, 0, 1, nullptr}, {1024, 1, 0, 1, nullptr}, {1, 8, 4, 1, nullptr},   {1, 1, 512, 1, nullptr},
+        {1, 24, 1024, 1, nullptr}, {1, 8, 128, 1, nullptr},  {1, 1, 0, -1, nullptr},  {1, 24, 0, -1, &none},
+        {1, 8, 0, 1, &none},       {1, 8, 0, 1, &supplied},  {1, 8, 0, -1, &supplied}};
     K_GetDefaultMemoryType();  // the per-thread block exists before the snapshot
     const long live = krn::faultinject::liveBlocks();
     const int64_t base = counter();
-    int successes = 0, failures = 0;
-    for (long n = 0; n < 400; ++n) {
-        BITMAPRECORD bm;
-        std::memset(&bm, 0, sizeof bm);
-        krn::faultinject::arm(n, 1);
-        int32_t rc = make(&bm);
-        long injected = krn::faultinject::injected();
-        krn::faultinject::disarm();
-        if (rc == KS_SUCCESS) {
-            ++successes;
-            EXPECT_NE(bm.uFlags & BRF_ALLOCATED, 0u);
-            expectPattern(&bm, bm.nHeight, 5, what);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "type " << c.type << " bpp " << c.bpp << " to " << c.convertTo
+                                          << " repeat " << c.repeat << " callbacks " << !!c.cb);
+        int failures = 0, failedAfterSupply = 0;
+        for (long n = 0; n < 400; ++n) {
+            BITMAPRECORD bm;
+            std::memset(&bm, 0x3C, sizeof bm);
+            const BITMAPRECORD before = bm;
+            store.allocations = store.frees = 0;
+            krn::faultinject::arm(n, c.repeat);
+            int32_t rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, c.type, 70, 40, c.bpp, 1, nullptr, 1,
+                                                     nullptr, 0, c.cb);
+            const bool created = rc == KS_SUCCESS;
+            if (created) rc = fillPattern(&bm, bm.nHeight, 5);  // compressed kinds allocate per row
+            if (created && rc == KS_SUCCESS && c.convertTo) {
+                rc = K_SetBitmapMemoryInfo(&bm, c.convertTo, 5 * bm.nBytesPerLine);
+                if (rc != KS_SUCCESS) expectPattern(&bm, bm.nHeight, 5, "after a failed conversion");
+            }
+            const long injected = krn::faultinject::injected();
+            krn::faultinject::disarm();
+            failures += rc != KS_SUCCESS;
+            if (!created) {
+                EXPECT_EQ(rc, KS_NO_MEMORY) << "n=" << n;
+                EXPECT_EQ(std::memcmp(&bm, &before, sizeof bm), 0) << "record changed at n=" << n;
+                failedAfterSupply += store.allocations;
+            } else if (rc == KS_SUCCESS) {
+                const bool user = c.cb == &supplied;  // the callback's storage is caller memory
+                EXPECT_EQ(bm.uFlags & (user ? BRF_STORAGE_MASK : BRF_ALLOCATED),
+                          user ? BRF_ALLOCATED | BRF_USER_MEMORY : BRF_ALLOCATED);
+                expectPattern(&bm, bm.nHeight, 5, "after absorbed failures");
+            }
             K_FreeBitmap(&bm);
-        } else {
-            ++failures;
-            EXPECT_TRUE(rc == KS_NO_MEMORY || rc < 0) << what << " n=" << n << " rc=" << rc;
-            EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u) << what << " n=" << n;
-            K_FreeBitmap(&bm);
+            EXPECT_EQ(store.frees, store.allocations) << "n=" << n;
+            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << "leak at n=" << n;
+            EXPECT_EQ(counter(), base) << "n=" << n;
+            if (injected == 0) {
+                ASSERT_EQ(rc, KS_SUCCESS);
+                break;
+            }
         }
-        EXPECT_EQ(krn::faultinject::liveBlocks(), live) << what << " n=" << n;
-        EXPECT_EQ(counter(), base) << what << " n=" << n;
-        if (injected == 0) break;
+        EXPECT_GT(failures, 0) << "no step failed";
+        EXPECT_TRUE(c.cb != &supplied || failedAfterSupply >= 1) << "no failure after the callback supplied storage";
     }
-    EXPECT_GT(failures, 0) << what << ": no step failed";
-    EXPECT_GT(successes, 0) << what;
 }
 
-TEST(StorageFaults, AllocationFailureAtEveryStep) {
-    CapGuard guard;
-    auto build = [](uint32_t type, int bpp, uint32_t convertTo) {
-        return [=](BITMAPRECORD* bm) {
-            int32_t rc = K_CreateBitmap(bm, BITMAPRECORD_SIZE, type, 70, 40, bpp, 1, nullptr, 1, nullptr, 0);
-            if (rc != KS_SUCCESS) return rc;
-            // Rows written under fault injection too (compressed kinds allocate per row).
-            for (int32_t r = 0; r < bm->nHeight; ++r) {
-                int32_t w = K_PutBitmapRow(bm, patternRow(bm, r, 5).data(), r, bm->nBytesPerLine);
-                if (w < 0) {
-                    K_FreeBitmap(bm);
-                    return w;
-                }
-            }
-            if (convertTo) {
-                rc = K_SetBitmapMemoryInfo(bm, convertTo, 5 * bm->nBytesPerLine);
-                if (rc != KS_SUCCESS) {
-                    // The failed conversion left the pixels where they were.
-                    expectPattern(bm, bm->nHeight, 5, "after a failed conversion");
-                    K_FreeBitmap(bm);
-                    return rc;
-                }
-            }
-            return KS_SUCCESS;
-        };
-    };
-    sweepAllocationFailures("single block", build(1, 8, 0));
-    sweepAllocationFailures("disk", build(128, 8, 0));
-    sweepAllocationFailures("compressed", build(512, 1, 0));
-    sweepAllocationFailures("super 8", build(1024, 8, 0));
-    sweepAllocationFailures("super 24", build(1024, 24, 0));
-    sweepAllocationFailures("super 1", build(1024, 1, 0));
-    sweepAllocationFailures("to tiles", build(1, 8, 4));
-    sweepAllocationFailures("to compressed", build(1, 1, 512));
-    sweepAllocationFailures("to super", build(1, 24, 1024));
-    sweepAllocationFailures("tiles to disk", build(1, 8, 128));
-}
-
+// Tiles in memory only: a failed tile is retried once with half the tile
+// size; already at the floor (8 MiB) the shortage is the answer.
 TEST(StorageFaults, TilesRetryWithHalfTheTileSize) {
     CapGuard guard;
-    // 32 MiB that may not be one block nor use files: tiles in memory only.
-    ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE),
-              KS_SUCCESS);
+    ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE), 1);
     K_GetDefaultMemoryType();
     const long live = krn::faultinject::liveBlocks();
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);
-    // Allocation 0 is the tile table, 1 the first 16 MiB tile: it fails once.
-    krn::faultinject::arm(1, 1);
-    int32_t rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
-    krn::faultinject::disarm();
-    ASSERT_EQ(rc, KS_SUCCESS);
-    uint64_t tileSize = 0;
-    int32_t tiles = 0, onDisk = -1;
-    uint32_t type = 0;
-    K_GetBitmapMemoryInfo(&bm, &type, &tileSize, &tiles, &onDisk);
-    EXPECT_EQ(type, 4u);
-    EXPECT_EQ(tileSize, 8u << 20) << "the second try used tiles of half the size";
-    EXPECT_EQ(tiles, 4);
-    EXPECT_EQ(onDisk, 0);
-    K_FreeBitmap(&bm);
-    // Already at the floor (8 MiB): no retry, the shortage is the answer.
-    ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS);
-    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);
-    krn::faultinject::arm(1, 1);
-    rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
-    krn::faultinject::disarm();
-    EXPECT_EQ(rc, KS_NO_MEMORY);
-    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    for (int32_t floor : {0, 1}) {
+        if (floor) { ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS); }
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);  // 32 MiB
+        krn::faultinject::arm(1, 1);  // allocation 0 is the tile table, 1 the first 16 MiB tile
+        const int32_t rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
+        krn::faultinject::disarm();
+        EXPECT_EQ(rc, floor ? KS_NO_MEMORY : KS_SUCCESS);
+        uint64_t tileSize = 0;
+        int32_t tiles = 0, onDisk = -1;
+        uint32_t type = 0;
+        K_GetBitmapMemoryInfo(&bm, &type, &tileSize, &tiles, &onDisk);
+        EXPECT_TRUE(floor || (type == 4 && tileSize == 8u << 20 && tiles == 4 && onDisk == 0)) << tileSize;
+        EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, floor ? 0u : BRF_ALLOCATED);
+        K_FreeBitmap(&bm);
+    }
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
 }
 
 TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
     CapGuard guard;
     for (uint32_t type : {1u, 4u, 128u, 512u, 1024u}) {
-        const int bpp = type == 512 ? 1 : 8;
         BITMAPRECORD bm;
-        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 64, 20, bpp, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
-        if (type != 1) {
-            ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, type, 3 * bm.nBytesPerLine), KS_SUCCESS);
-        }
-        fillPattern(&bm, 20, 5);
+        ASSERT_EQ(create(&bm, 1, 64, 20, type == 512 ? 1 : 8, 1), KS_SUCCESS);
+        ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, type, 3 * bm.nBytesPerLine), KS_SUCCESS);
+        ASSERT_EQ(fillPattern(&bm, 20, 5), KS_SUCCESS);
         const long live = krn::faultinject::liveBlocks();
         bool sawFailure = false;
         for (long n = 0; n < 50; ++n) {
             krn::faultinject::arm(n, -1);  // every allocation from the Nth on fails
             // Compressed rows live in blocks of 32768 rows: grow past one.
-            int32_t rc = K_ChangeBitmapHeight(&bm, type == 512 ? 40000 : 70000 / int32_t(bm.nBytesPerLine) + 40);
+            const int32_t rc = K_ChangeBitmapHeight(&bm, type == 512 ? 40000 : 70000 / int32_t(bm.nBytesPerLine) + 40);
             krn::faultinject::disarm();
             if (rc == KS_SUCCESS) break;
             sawFailure = true;
-            EXPECT_EQ(bm.nHeight, 20) << type;
-            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << type << " n=" << n;
+            EXPECT_TRUE(bm.nHeight == 20 && krn::faultinject::liveBlocks() == live) << type << " n=" << n;
             expectPattern(&bm, 20, 5, "after a failed height change");
         }
-        if (type != 128 && type != 4) {  // tiles and files do not need the allocator here
-            EXPECT_TRUE(sawFailure) << type;
-        }
+        EXPECT_TRUE(sawFailure || type == 128 || type == 4) << type;  // tiles and files need no allocator here
         expectPattern(&bm, 20, 5, "after growth");
         K_FreeBitmap(&bm);
     }
 }
 
+// Temporary-file failures reach the caller of the bitmap calls with nothing
+// allocated, counted or open: a missing folder, the cap in the way, files
+// limited to 1 MiB (a full disk), tiles that must go to files, no files at
+// all, and a redirected file system whose writes fail.
 TEST(StorageFaults, TemporaryFileFailures) {
     CapGuard guard;
     testfs::StateGuard state;
     const int64_t base = counter();
     BITMAPRECORD bm;
-    // A missing temporary folder: the file cannot be made.
+    auto allocateFails = [&](int32_t w, int32_t h, uint32_t type, int32_t rc) {
+        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, w, h, 8), KS_SUCCESS);
+        EXPECT_EQ(K_AllocateBitmap(&bm, type), rc);
+        EXPECT_TRUE((bm.uFlags & BRF_ALLOCATED) == 0 && counter() == base);
+    };
+    auto options = [&](uint32_t maxMiB, int32_t mode) {
+        TEMPFILEOPTIONS o = state.saved;
+        o.uStructSize = TEMPFILEOPTIONS_SIZE;
+        o.uMaxFileMiB = maxMiB;
+        if (mode >= 0) o.nMode = mode;
+        ASSERT_EQ(K_SetTempFileOptions(&o), KS_SUCCESS);
+    };
+    auto cap = [&](int64_t above) { ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, above, nullptr), KS_SUCCESS); };
     ASSERT_EQ(K_SetTempDirectoryUtf8("/nonexistent/ombrix/folder"), KS_SUCCESS);
-    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 10, 8), KS_SUCCESS);
-    EXPECT_EQ(K_AllocateBitmap(&bm, 128), KS_FILE_OPEN);
-    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
-    // With a cap in the way, the cap is reported.
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 10, nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_MEMORY_CAP_EXCEEDED);
-    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
-    EXPECT_EQ(counter(), base);
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), KS_SUCCESS);
+    allocateFails(100, 10, 128, KS_FILE_OPEN);
+    cap(base + 10);
+    allocateFails(100, 10, 1, KS_MEMORY_CAP_EXCEEDED);  // the cap is reported, not the folder
+    cap(0);
     ASSERT_EQ(K_SetTempDirectoryUtf8(nullptr), KS_SUCCESS);
-    // A full disk (files limited to 1 MiB): extending the file fails with -5.
-    TEMPFILEOPTIONS o = state.saved;
-    o.uStructSize = TEMPFILEOPTIONS_SIZE;
-    o.uMaxFileMiB = 1;
-    ASSERT_EQ(K_SetTempFileOptions(&o), KS_SUCCESS);
-    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 1024, 2048, 8), KS_SUCCESS);
-    EXPECT_EQ(K_AllocateBitmap(&bm, 128), KS_FILE_WRITE);
-    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
-    // Tiles that must go to files fail the same way and free the tiles made.
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 1024, 2048, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, counter() + 1, nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 0x180000), KS_FILE_WRITE);
-    EXPECT_EQ(kindOf(bm), 1u);
-    K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr);
-    K_FreeBitmap(&bm);
-    EXPECT_EQ(counter(), base);
-    // Mode 3: no temporary files at all; disk requests lose their disk.
-    o.uMaxFileMiB = 0;
-    o.nMode = TEMPFILE_MODE_NO_DISK;
-    ASSERT_EQ(K_SetTempFileOptions(&o), KS_SUCCESS);
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 128, 100, 10, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(kindOf(bm), 1u) << "128 becomes 256 in mode 3";
-    EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 128, 0), KS_INVALID_PARAMETER);
-    K_FreeBitmap(&bm);
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, counter() + 10, nullptr), KS_SUCCESS);
-    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 10, 8), KS_SUCCESS);
-    EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_MEMORY_CAP_EXCEEDED);
-}
-
-TEST(StorageFaults, FailingRedirectedWritesReachTheCaller) {
-    CapGuard guard;
-    testfs::StateGuard state;
+    options(1, -1);
+    allocateFails(1024, 2048, 128, KS_FILE_WRITE);
+    ASSERT_EQ(create(&bm, 1, 1024, 2048, 8), KS_SUCCESS);
+    cap(counter() + 1);
+    expectAll({IS(K_SetBitmapMemoryInfo(&bm, 4, 0x180000), KS_FILE_WRITE), IS(kindOf(bm), 1),
+               IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), 1), IS(K_FreeBitmap(&bm), 1)});
+    options(0, TEMPFILE_MODE_NO_DISK);  // disk requests lose their disk
+    expectAll({IS(create(&bm, 128, 100, 10, 8), 1), IS(kindOf(bm), 1),
+               IS(K_SetBitmapMemoryInfo(&bm, 128, 0), KS_INVALID_PARAMETER), IS(K_FreeBitmap(&bm), 1)});
+    cap(base + 10);
+    allocateFails(100, 10, 1, KS_MEMORY_CAP_EXCEEDED);
+    cap(0);
+    options(0, -1);
     testfs::MemFs fs;
     REDIRECTRECORD t = fs.table();
     ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 128, 100, 10, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(create(&bm, 128, 100, 10, 8), KS_SUCCESS);
     EXPECT_EQ(fs.opens, 1);
-    fillPattern(&bm, 10, 3);
+    ASSERT_EQ(fillPattern(&bm, 10, 3), KS_SUCCESS);
     expectPattern(&bm, 10, 3, "through the table");
     fs.failWriteAt = fs.writes + 1;
     uint8_t row[100] = {};
     EXPECT_EQ(K_PutBitmapRow(&bm, row, 2, 100), KS_FILE_WRITE);
     K_FreeBitmap(&bm);
     EXPECT_EQ(fs.openHandles(), 0u);
-    // A disk that is full from the start.
-    fs.capacity = 500;
-    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 100, 10, 8), KS_SUCCESS);
-    EXPECT_EQ(K_AllocateBitmap(&bm, 128), KS_FILE_WRITE);
-    EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
+    fs.capacity = 500;  // a disk that is full from the start
+    allocateFails(100, 10, 128, KS_FILE_WRITE);
     EXPECT_EQ(fs.openHandles(), 0u);
 }
 
-// ---------------------------------------------------------------- threads
+// Six threads allocate, tile, write and resize against one cap: the counter
+// never passes the cap, every refusal is the cap's, and it ends where it began.
 TEST(StorageThreads, CounterStaysExactUnderACap) {
     CapGuard guard;
-    const int64_t base = counter();
-    const int64_t cap = base + 64 * 1024;
+    const int64_t base = counter(), cap = base + 64 * 1024;
     ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, cap, nullptr), KS_SUCCESS);
     std::atomic<int> ok{0}, capped{0}, other{0}, overCap{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 6; ++t) {
         threads.emplace_back([&, t] {
             std::mt19937 rng{uint32_t(t)};
-            // Each thread holds up to three bitmaps at a time.
-            BITMAPRECORD held[3];
+            BITMAPRECORD held[3];  // up to three bitmaps at a time
             for (auto& b : held) K_InitBitmap(&b, BITMAPRECORD_SIZE, 0, 0, 0);
             for (int i = 0; i < 300; ++i) {
                 BITMAPRECORD& bm = held[i % 3];
                 K_FreeBitmap(&bm);
-                int32_t h = 1 + int32_t(rng() % 40);
+                const int32_t h = 1 + int32_t(rng() % 40);
                 if (K_InitBitmap(&bm, BITMAPRECORD_SIZE, 1000, h, 8) != KS_SUCCESS) return;
-                // Single block or nothing; every fourth one tiles in memory.
-                int32_t rc = K_AllocateBitmap(&bm, 265);
+                int32_t rc = K_AllocateBitmap(&bm, 265);  // one block or nothing; every fourth one tiles
                 if (rc == KS_SUCCESS && i % 4 == 0) rc = K_SetBitmapMemoryInfo(&bm, 4, 5000);
-                if (counter() > cap) overCap++;
-                if (rc == KS_SUCCESS) {
-                    ok++;
-                    uint8_t row[1000];
-                    std::memset(row, t, sizeof row);
-                    K_PutBitmapRow(&bm, row, h - 1, sizeof row);
-                    if (i % 3 == 0) K_ChangeBitmapHeight(&bm, h + 5);
-                } else if (rc == KS_MEMORY_CAP_EXCEEDED) {
-                    capped++;
-                } else {
-                    other++;
-                }
+                overCap += counter() > cap;
+                (rc == KS_SUCCESS ? ok : rc == KS_MEMORY_CAP_EXCEEDED ? capped : other)++;
+                if (rc != KS_SUCCESS) continue;
+                uint8_t row[1000];
+                std::memset(row, t, sizeof row);
+                K_PutBitmapRow(&bm, row, h - 1, sizeof row);
+                if (i % 3 == 0) K_ChangeBitmapHeight(&bm, h + 5);
             }
             for (auto& b : held) K_FreeBitmap(&b);
         });
     }
     for (auto& th : threads) th.join();
-    EXPECT_EQ(counter(), base);
-    EXPECT_EQ(overCap.load(), 0);
-    EXPECT_EQ(other.load(), 0);
-    EXPECT_GT(ok.load(), 0);
-    EXPECT_GT(capped.load(), 0);
+    EXPECT_TRUE(counter() == base && overCap == 0 && other == 0 && ok > 0 && capped > 0)
+        << ok << " ok, " << capped << " capped, " << other << " other, " << overCap << " over the cap";
 }
 
 }  // namespace

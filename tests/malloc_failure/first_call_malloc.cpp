@@ -1,14 +1,13 @@
 // first_call_malloc.cpp - the C library's own allocations fail during a
 // thread's first call into the kernel. The process replaces malloc, calloc
-// and realloc, so every allocation made during the call fails in turn
-// (the kernel's, the C++ runtime's and the C library's alike): the call must
-// return success or -1 and never end the process. Exits 0 when every failure
-// point was walked; a crash or a wrong status fails the test.
+// and realloc, so every allocation made during the call fails in turn (the
+// kernel's, the C++ runtime's and the C library's alike): the call must return
+// success or -1 with the record unallocated, and never end the process. Exits
+// 0 when every failure point was walked; a crash or a wrong status fails.
+#include <atomic>
 #include <cerrno>
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <atomic>
 #include <pthread.h>
 
 #include "ombrix.h"
@@ -18,12 +17,11 @@ extern "C" void* __libc_calloc(size_t, size_t);
 extern "C" void* __libc_realloc(void*, size_t);
 
 namespace {
-std::atomic<long> g_countdown{-1};
-std::atomic<long> g_injected{0};
+std::atomic<long> g_countdown{-1}, g_injected{0};
 
 bool failNow() {
-    if (g_countdown.load(std::memory_order_relaxed) < 0) return false;
-    if (g_countdown.fetch_sub(1, std::memory_order_relaxed) != 0) return false;
+    if (g_countdown.load(std::memory_order_relaxed) < 0 || g_countdown.fetch_sub(1, std::memory_order_relaxed) != 0)
+        return false;
     g_injected.fetch_add(1, std::memory_order_relaxed);
     errno = ENOMEM;
     return true;

@@ -25,17 +25,10 @@ enum class Kind {
 };
 
 inline const char* kindName(Kind k) {
-    switch (k) {
-        case Kind::SingleBlock: return "single block";
-        case Kind::CallerMemory: return "caller memory";
-        case Kind::CallbackMemory: return "callback memory";
-        case Kind::TilesMemory: return "tiles in memory";
-        case Kind::TilesFile: return "tiles in files";
-        case Kind::Disk: return "disk";
-        case Kind::Compressed: return "compressed";
-        case Kind::SuperCompressed: return "super-compressed";
-    }
-    return "?";
+    static const char* const names[] = {"single block", "caller memory", "callback memory", "tiles in memory",
+                                        "tiles in files", "disk",          "compressed",      "super-compressed"};
+    const unsigned i = unsigned(k);
+    return i < 8 ? names[i] : "?";
 }
 
 inline std::vector<Kind> kindsFor(int bpp) {
@@ -75,8 +68,7 @@ struct KindBitmap {
     int32_t rc = KS_FAILURE;
 
     static int32_t supplyPixels(BITMAPRECORD* b, BITMAPALLOCINFO*, void* user) {
-        auto* self = static_cast<KindBitmap*>(user);
-        b->pData = self->callerBuffer.data();
+        b->pData = static_cast<KindBitmap*>(user)->callerBuffer.data();
         return 2;
     }
 
@@ -84,14 +76,14 @@ struct KindBitmap {
         BITMAPRECORD tmp;
         K_InitBitmap(&tmp, BITMAPRECORD_SIZE, width, height, bpp);
         const size_t size = size_t(tmp.uSize64);
+        auto create = [&](uint32_t type, uint8_t* data, size_t bytes) {
+            return K_CreateBitmap(&bm, BITMAPRECORD_SIZE, type, width, height, bpp, 0, nullptr, 1, data, bytes);
+        };
         switch (kind) {
-            case Kind::SingleBlock:
-                rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, width, height, bpp, 0, nullptr, 1, nullptr, 0);
-                break;
+            case Kind::SingleBlock: rc = create(1, nullptr, 0); break;
             case Kind::CallerMemory:
                 callerBuffer.assign(size, 0);
-                rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 2, width, height, bpp, 0, nullptr, 1,
-                                    callerBuffer.data(), size);
+                rc = create(2, callerBuffer.data(), size);
                 break;
             case Kind::CallbackMemory:
                 callerBuffer.assign(size, 0);
@@ -102,12 +94,12 @@ struct KindBitmap {
                                                  nullptr, 0, &cbs);
                 break;
             case Kind::TilesMemory:
-                rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, width, height, bpp, 0, nullptr, 1, nullptr, 0);
+                rc = create(1, nullptr, 0);
                 // Tiles of 3 rows and a bit: rows never straddle tiles, the last tile is short.
                 if (rc == KS_SUCCESS) rc = K_SetBitmapMemoryInfo(&bm, 4, uint64_t(tmp.nBytesPerLine) * 3 + 1);
                 break;
             case Kind::TilesFile: {
-                rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, width, height, bpp, 0, nullptr, 1, nullptr, 0);
+                rc = create(1, nullptr, 0);
                 int64_t oldCap = 0, counter = 0;
                 K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter);
                 // A cap the tiles cannot fit under: every tile goes to a file.
@@ -116,15 +108,9 @@ struct KindBitmap {
                 K_ManageMemory(MANAGEMEMORY_SET_CAP, oldCap, nullptr);
                 break;
             }
-            case Kind::Disk:
-                rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 128, width, height, bpp, 0, nullptr, 1, nullptr, 0);
-                break;
-            case Kind::Compressed:
-                rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 512, width, height, bpp, 0, nullptr, 1, nullptr, 0);
-                break;
-            case Kind::SuperCompressed:
-                rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1024, width, height, bpp, 0, nullptr, 1, nullptr, 0);
-                break;
+            case Kind::Disk: rc = create(128, nullptr, 0); break;
+            case Kind::Compressed: rc = create(512, nullptr, 0); break;
+            case Kind::SuperCompressed: rc = create(1024, nullptr, 0); break;
         }
     }
     ~KindBitmap() { K_FreeBitmap(&bm); }
@@ -174,10 +160,8 @@ inline uint64_t getPixel(const uint8_t* row, int32_t x, int32_t bpp) {
     if (bpp == 12) return getPixel12(row, x);
     uint64_t v = 0;
     const uint64_t first = uint64_t(x) * uint64_t(bpp);
-    for (int32_t i = 0; i < bpp; ++i) {
-        uint64_t bit = first + uint64_t(i);
+    for (uint64_t bit = first; bit < first + uint64_t(bpp); ++bit)
         v = (v << 1) | ((row[bit >> 3] >> (7 - (bit & 7))) & 1u);
-    }
     return v;
 }
 inline void setPixel(uint8_t* row, int32_t x, int32_t bpp, uint64_t v) {
@@ -191,12 +175,9 @@ inline void setPixel(uint8_t* row, int32_t x, int32_t bpp, uint64_t v) {
     }
     const uint64_t first = uint64_t(x) * uint64_t(bpp);
     for (int32_t i = 0; i < bpp; ++i) {
-        uint64_t bit = first + uint64_t(i);
-        uint8_t m = uint8_t(0x80u >> (bit & 7));
-        if ((v >> (bpp - 1 - i)) & 1u)
-            row[bit >> 3] |= m;
-        else
-            row[bit >> 3] &= uint8_t(~m);
+        const uint64_t bit = first + uint64_t(i);
+        const uint8_t m = uint8_t(0x80u >> (bit & 7));
+        row[bit >> 3] = ((v >> (bpp - 1 - i)) & 1u) ? uint8_t(row[bit >> 3] | m) : uint8_t(row[bit >> 3] & ~m);
     }
 }
 
