@@ -174,16 +174,22 @@ TEST(ResizeFastArea, FlippedRowsAndFailuresChangeNothingElse) {
         for (int32_t x = 0; x < 96; ++x)
             ASSERT_EQ(got.row(y)[x], blockMean(ref.row(2 * (23 - y)), ref.bpl, x / 3, x % 3, 2, 2, 3)) << x << "," << y;
     K_FreeBitmap(&dst);
-    // An allocation failing anywhere leaves the source as it was.
-    tkit::allocationWalk([&](tkit::Armed& armed) {
-        BITMAPRECORD before = src;
-        if (armed([&] { return K_ResampleBitmap(&src, 16, 12, 0); }) != KS_SUCCESS) {
-            EXPECT_TRUE(tkit::sameBytes(before, src));
-            EXPECT_EQ(tkit::getImage(&src).px, ref.px);
-        }
-    }, 1, true);
-    EXPECT_EQ(src.nWidth, 16);
     K_FreeBitmap(&src);
+    // An allocation failing anywhere leaves the source as it was.
+    const int failures = tkit::allocationWalk([&](tkit::Armed& armed) {
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 64, 48, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        ASSERT_EQ(tkit::putImage(&bm, ref), KS_SUCCESS);
+        const BITMAPRECORD before = bm;
+        if (armed([&] { return K_ResampleBitmap(&bm, 16, 12, 0); }) != KS_SUCCESS) {
+            EXPECT_TRUE(tkit::sameBytes(before, bm));
+            EXPECT_EQ(tkit::getImage(&bm).px, ref.px);
+        } else {
+            EXPECT_EQ(bm.nWidth, 16);
+        }
+        K_FreeBitmap(&bm);
+    });
+    EXPECT_GT(failures, 1);
 }
 
 }  // namespace
