@@ -24,6 +24,7 @@
 #include "memory.h"
 #include "parallel.h"
 #include "resize.h"
+#include "resize_kernels.h"
 #include "storage.h"
 
 namespace krn {
@@ -663,6 +664,13 @@ struct Job {
     bool verticalFirst;  // ring rows are decoded source rows; the horizontal pass follows
     V8Fn v8;             // vertical-first straight from stored 8-bit rows (24/32 bits as stored)
     bool chunked;        // horizontal first into 24/32-bit BGR: vertical sums stored a chunk at a time
+    // Whole-factor area reduction of 8-bit samples kept in one layout (8-bit
+    // grey, 24 and 32 bits): integer block means instead of the float passes.
+    int32_t boxX, boxY;  // block size; boxX == 0: not this path
+    int32_t boxC;        // samples per pixel
+    rsz::BoxDivider boxDiv;
+    rsz::Box22Fn box22;  // vector 2 x 2 kernel, or null
+    int boxLevel;
 };
 
 // Decodes and horizontally resamples source row r into dstRow (newW * cw floats).
@@ -704,7 +712,78 @@ int32_t loadRow(const Job& j, int32_t r, uint8_t* raw, float* dec, float* adapt,
     return KS_SUCCESS;
 }
 
+// Target rows [y0, y1) of a whole-factor area reduction: each the rounded
+// mean of its boxX x boxY block, from column sums in 16 bits (2 x 2 blocks
+// straight from the two rows).
+int32_t runBoxBand(const Job& j, int32_t y0, int32_t y1) noexcept {
+    const int32_t newW = j.dst->nWidth, bx = j.boxX, by = j.boxY, c = j.boxC;
+    const int32_t m = newW * bx * c;  // source samples used per row
+    const uint32_t sbpl = j.src->nBytesPerLine;
+    const bool two = bx == 2 && by == 2;
+    UniqueMem<uint8_t> raw(j.in->base ? nullptr : static_cast<uint8_t*>(memAlloc(size_t(sbpl) * 2 + 16)));
+    UniqueMem<uint8_t> outRaw(j.out->base ? nullptr : static_cast<uint8_t*>(memCalloc(size_t(j.dst->nBytesPerLine) + 16)));
+    UniqueMem<uint16_t> sums(two ? nullptr : memAllocArray<uint16_t>(size_t(m) + 16));
+    if ((!j.in->base && !raw) || (!j.out->base && !outRaw) || (!two && !sums)) return KS_NO_MEMORY;
+    auto row = [&](int64_t r, int32_t slot, int32_t* rc) -> const uint8_t* {
+        if (j.in->base) return j.in->base + uint64_t(r) * sbpl;
+        uint8_t* buf = raw.get() + size_t(slot) * sbpl;
+        *rc = readFullRow(j.src, int32_t(r), buf);
+        return buf;
+    };
+    for (int32_t y = y0; y < y1; ++y) {
+        const int32_t ty = j.flip ? j.dst->nHeight - 1 - y : y;
+        uint8_t* d = j.out->base ? j.out->base + uint64_t(ty) * j.dst->nBytesPerLine : outRaw.get();
+        const int64_t r0 = int64_t(y) * by;
+        int32_t rc = KS_SUCCESS;
+        if (two) {
+            const uint8_t* a = row(r0, 0, &rc);
+            if (rc != KS_SUCCESS) return rc;
+            const uint8_t* b = row(r0 + 1, 1, &rc);
+            if (rc != KS_SUCCESS) return rc;
+            const int32_t done = j.box22 ? j.box22(a, b, d, newW) : 0;
+            rsz::box22Plain(a, b, d, done, newW, c);
+        } else {
+            for (int32_t k = 0; k < by; ++k) {
+                const uint8_t* s = row(r0 + k, 0, &rc);
+                if (rc != KS_SUCCESS) return rc;
+                rsz::boxAddRow(s, sums.get(), m, k == 0, j.boxLevel);
+            }
+            rsz::boxFinishRow(sums.get(), d, newW, bx, c, j.boxDiv);
+        }
+        if (!j.out->base) {
+            rc = writeRow(j.dst, ty, 0, d, j.dst->nBytesPerLine);
+            if (rc != KS_SUCCESS) return rc;
+        }
+    }
+    return KS_SUCCESS;
+}
+
+// Whole-factor area reductions that keep 8-bit samples in one layout take
+// the integer block means.
+void pickBox(Job& j, ResampleFilter filter) noexcept {
+    const BITMAPRECORD *src = j.src, *dst = j.dst;
+    if (filter != ResampleFilter::LinearOrArea || j.premul || dst->nWidth > src->nWidth ||
+        dst->nHeight > src->nHeight || src->nWidth % dst->nWidth || src->nHeight % dst->nHeight)
+        return;
+    const int32_t bx = src->nWidth / dst->nWidth, by = src->nHeight / dst->nHeight;
+    if ((bx == 1 && by == 1) || int64_t(bx) * by > rsz::kBoxMaxPixels || by > 257) return;
+    bool same = (j.sf.fmt == Fmt::B24 || j.sf.fmt == Fmt::B32) && j.df.fmt == j.sf.fmt && j.sf.rgb == j.df.rgb &&
+                j.scale == 1.0f;
+    if (j.sf.fmt == Fmt::Palette && j.sf.bpp == 8 && j.df.fmt == Fmt::Palette && j.df.grayIndex && j.cw == 1) {
+        same = true;  // only when the source's palette is the plain grey ramp
+        for (int32_t i = 0; i < 256 && same; ++i) same = j.palTable[4 * i] == float(i);
+    }
+    if (!same) return;
+    j.boxX = bx;
+    j.boxY = by;
+    j.boxC = j.sf.fmt == Fmt::Palette ? 1 : j.sf.fmt == Fmt::B24 ? 3 : 4;
+    j.boxDiv = rsz::boxDivider(bx * by);
+    j.boxLevel = rsz::simdLevel();
+    j.box22 = bx == 2 && by == 2 ? rsz::pickBox22(j.boxC, j.boxLevel) : nullptr;
+}
+
 int32_t runBand(const Job& j, int32_t y0, int32_t y1) noexcept {
+    if (j.boxX) return runBoxBand(j, y0, y1);
     const int32_t oldW = j.src->nWidth, newW = j.dst->nWidth, cw = j.cw;
     const int32_t ring = j.ay.taps;
     const size_t rowFloats = size_t(j.verticalFirst ? oldW : newW) * size_t(cw);
@@ -852,6 +931,7 @@ int32_t resampleInto(BITMAPRECORD* src, BITMAPRECORD* dst, ResampleFilter filter
     int32_t rc = buildAxis(&j.ax, src->nWidth, dst->nWidth, filter);
     if (rc == KS_SUCCESS) rc = buildAxis(&j.ay, src->nHeight, dst->nHeight, filter);
     if (rc != KS_SUCCESS) return rc;
+    pickBox(j, filter);
     const bool avx = useAvx2();
     j.h = pickH(j.cw, j.ax.fixedTaps, avx);
     j.chunked = dst->nHeight >= src->nHeight && !j.premul && (j.df.fmt == Fmt::B24 || j.df.fmt == Fmt::B32) &&
@@ -871,7 +951,8 @@ int32_t resampleInto(BITMAPRECORD* src, BITMAPRECORD* dst, ResampleFilter filter
         j.in = &in;
         j.out = &out;
         ParallelOptions opt;
-        opt.bytesPerRow = uint64_t(dst->nWidth) * uint64_t(j.cw) * uint64_t(j.ay.taps) * 4u + src->nBytesPerLine;
+        opt.bytesPerRow = j.boxX ? uint64_t(src->nBytesPerLine) * uint64_t(j.boxY)
+                                 : uint64_t(dst->nWidth) * uint64_t(j.cw) * uint64_t(j.ay.taps) * 4u + src->nBytesPerLine;
         opt.maxThreads = (in.base && out.base) ? resampletest::g_maxThreads.load() : 1;
         opt.minRowsPerBand = std::max(16, 8 * j.ay.taps);  // each band reloads its top taps
         const Job* cj = &j;

@@ -12,12 +12,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include <tmmintrin.h>
-
 #include "convert_kernels.h"
 #include "kernel.h"
 #include "memory.h"
 #include "progress.h"
+#include "resize_kernels.h"
 #include "storage.h"
 
 namespace krn {
@@ -173,27 +172,6 @@ void gatherRow(const uint8_t* __restrict src, uint8_t* __restrict dst, const uin
     for (; i < n; ++i) std::memcpy(dst + size_t(i) * N, src + off[i], N);
 }
 
-// Exact halving of 24-bit rows (target pixel i = source pixel 2i), four
-// pixels from two overlapping 16-byte loads; returns the pixels done (the
-// caller finishes the row where a load or store would pass its end).
-__attribute__((target("ssse3"))) int32_t halve24Ssse3(const uint8_t* src, uint8_t* dst, int32_t n,
-                                                     int32_t oldW) noexcept {
-    const __m128i ma = _mm_setr_epi8(0, 1, 2, 6, 7, 8, 12, 13, 14, -1, -1, -1, -1, -1, -1, -1);
-    const __m128i mb = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, 10, 11, 12, -1, -1, -1, -1);
-    int32_t i = 0;
-    for (; i + 4 <= n && int64_t(6) * i + 24 <= int64_t(3) * oldW && int64_t(3) * i + 16 <= int64_t(3) * n; i += 4) {
-        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + size_t(6) * i));
-        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + size_t(6) * i + 8));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + size_t(3) * i),
-                         _mm_or_si128(_mm_shuffle_epi8(a, ma), _mm_shuffle_epi8(b, mb)));
-    }
-    return i;
-}
-bool haveSsse3() noexcept {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("ssse3") && !resampletest::plainForced();
-}
-
 using GatherFn = void (*)(const uint8_t*, uint8_t*, const uint32_t*, int32_t, int32_t);
 
 GatherFn pickGather(int32_t bpp) noexcept {
@@ -271,7 +249,7 @@ int32_t nearestResize(BITMAPRECORD* src, BITMAPRECORD* dst, bool flipRows) noexc
     int64_t xStep, xRem, yStep, yRem;
     axisStep(oldW, newW, &xStep, &xRem);
     axisStep(oldH, newH, &yStep, &yRem);
-    const bool halve24 = bpp == 24 && xStep == 2 && xRem == 0 && haveSsse3();
+    const rsz::Halve24Fn halve24 = bpp == 24 && xStep == 2 && xRem == 0 ? rsz::pickHalve24(rsz::simdLevel()) : nullptr;
 
     Progress progress = Progress::status(newH);
     if (int32_t rc = progress.begin(); rc != KS_SUCCESS) return rc;
@@ -285,7 +263,7 @@ int32_t nearestResize(BITMAPRECORD* src, BITMAPRECORD* dst, bool flipRows) noexc
             const uint8_t* s = in.read(int32_t(sy), srcBuf.get(), &rc);
             if (rc != KS_SUCCESS) return rc;
             if (halve24) {
-                const int32_t done = halve24Ssse3(s, o, newW, oldW);
+                const int32_t done = halve24(s, o, newW, oldW);
                 if (done < newW) gatherRow<3>(s, o + size_t(done) * 3, off.get() + done, newW - done, 0);
             } else if (gather)
                 gather(s, o, off.get(), newW, wide);

@@ -47,6 +47,8 @@ namespace resampletest {
 void forcePlain(bool on) noexcept;
 void setMaxThreads(int32_t n) noexcept;
 bool plainForced() noexcept;
+// Caps the vector level of the resize kernels (conv::kSimdNone .. kSimdAvx512).
+void setSimdCap(int level) noexcept;
 }  // namespace resampletest
 
 }  // namespace krn
