@@ -5,6 +5,8 @@
 // names and the temporary folder.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -241,9 +243,8 @@ TEST_F(TableTemp, RoundTripGoesThroughTableAndDeletesOnClose) {
     auto a = randomBytes(70000, 1);
     ASSERT_EQ(krn::tempSetSize(f.get(), 100000), KS_SUCCESS);
     ASSERT_EQ(krn::tempWrite(f.get(), 20000, a.data(), a.size()), KS_SUCCESS);
-    std::vector<uint8_t> back(100000), want2(20000, 0);
-    want2.insert(want2.end(), a.begin(), a.end());
-    want2.resize(100000, 0);
+    std::vector<uint8_t> back(100000), want2(100000, 0);
+    std::copy(a.begin(), a.end(), want2.begin() + 20000);
     ASSERT_EQ(krn::tempRead(f.get(), 0, back.data(), back.size()), KS_SUCCESS);
     EXPECT_EQ(back, want2);
     EXPECT_EQ(krn::tempSize(f.get()), 100000);
