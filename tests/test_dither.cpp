@@ -100,10 +100,10 @@ int unpackIndex(const uint8_t* row, int x, int bits) {
 std::vector<int> runLibrary(int method, int w, int h, const std::vector<Rgb>& img, const RGBQUAD* pal, uint32_t colors,
                             int bits = 0, const uint32_t* table = nullptr, bool plain = false) {
     Rec rec(w, 24, ORDER_BGR, method);
-    krn::testhook::ditherPlainKernels = plain;
+    if (plain) krn::testhook::ditherPlainKernels = true;  // only then: threads call this too
     EXPECT_EQ(bits ? K_StartDitheringExt(&rec.bm, pal, colors, bits, table) : K_StartDithering(&rec.bm, pal, colors),
               KS_SUCCESS);
-    krn::testhook::ditherPlainKernels = false;
+    if (plain) krn::testhook::ditherPlainKernels = false;
     if (!bits) bits = bitsFor(colors);
     const size_t used = size_t(w) * size_t(bits), bytes = (used + 7) / 8;
     std::vector<int> out;
