@@ -296,11 +296,13 @@ int32_t rowLayerLoop(const Job& j) noexcept {
             uint8_t* drow = dstRow.get() + dByte0;
             rc = journal.keep(j.dst, yd, j.dl);
             if (rc != KS_SUCCESS) return journal.fail(rc, j.dst, j.dl);
-            if (const uint8_t* kept = journal.last(); kept && (j.plan.readsDst() || grey12)) {
-                std::memcpy(drow, kept, dSpan);
-            } else if (j.plan.readsDst() || grey12) {
-                int32_t got = K_GetBitmapRowCol(j.dst, drow, yd, j.dl, dSpan);
-                if (got < 0) return journal.fail(got, j.dst, j.dl);
+            if (j.plan.readsDst() || grey12) {
+                if (const uint8_t* kept = journal.last()) {
+                    std::memcpy(drow, kept, dSpan);  // the row was just read into the journal
+                } else {
+                    int32_t got = K_GetBitmapRowCol(j.dst, drow, yd, j.dl, dSpan);
+                    if (got < 0) return journal.fail(got, j.dst, j.dl);
+                }
             }
             CombineRowArgs a;
             if (j.src) {
