@@ -342,20 +342,17 @@ struct OrChain {
         b += ta ? 0 : 2;
     }
     void step() noexcept {
-        // Masks rather than conditions: the compiler keeps them branch-free.
+        // Values are selected, pointers advanced by arithmetic: no branch.
         const int32_t a0 = a[0], a1 = a[1], b0 = b[0], b1 = b[1];
-        const uint32_t ta = 0u - uint32_t(a0 <= b0);  // all ones: a's run comes first
-        const uintptr_t pa = reinterpret_cast<uintptr_t>(a), pb = reinterpret_cast<uintptr_t>(b);
-        const uintptr_t wa = uintptr_t(0) - uintptr_t(ta & 1u);
-        a = reinterpret_cast<const int32_t*>(pa + (8u & wa));
-        b = reinterpret_cast<const int32_t*>(pb + (8u & ~wa));
-        const int32_t p0 = int32_t(uint32_t(b0) ^ ((uint32_t(a0) ^ uint32_t(b0)) & ta));
-        const int32_t p1 = int32_t(uint32_t(b1) ^ ((uint32_t(a1) ^ uint32_t(b1)) & ta));
-        const uint32_t gap = 0u - uint32_t(p0 > e);
+        const bool ta = a0 <= b0;  // a's run comes first
+        const int32_t p0 = ta ? a0 : b0, p1 = ta ? a1 : b1;
+        a += 2 * int(ta);
+        b += 2 - 2 * int(ta);
+        const bool gap = p0 > e;
         o[0] = s;
         o[1] = e;
-        o += gap & 2u;
-        s = int32_t(uint32_t(s) ^ ((uint32_t(s) ^ uint32_t(p0)) & gap));
+        o += 2 * int(gap);
+        s = gap ? p0 : s;
         e = p1 > e ? p1 : e;  // after a gap p1 > p0 > e
     }
     // Steps that may run without testing the ends: each consumes a run.
