@@ -495,10 +495,10 @@ inline uint32_t pairRow(const int32_t* a, const int32_t* b, int32_t* out, int32_
         int32_t* o = out;
         o[0] = a0;
         o[1] = m1;
-        o += m1 > a0 ? 2 : 0;
+        o += 2 * int(m1 > a0);
         o[0] = m2;
         o[1] = a1;
-        o += m2 < a1 ? 2 : 0;
+        o += 2 * int(m2 < a1);
         return uint32_t(o - out);
     }
 }
@@ -516,16 +516,26 @@ __attribute__((noinline)) uint32_t pairRows(const PairSpan& p, uint32_t k, uint3
                                             int32_t& leftRef, int32_t& rightRef) noexcept {
     size_t values = valuesRef;
     int32_t left = leftRef, right = rightRef;
+    // In locals: the stores below would otherwise make the compiler reload them.
+    const ORVARGNROW *const ea = p.ea, *const eb = p.eb;
+    const int32_t *const runA = p.runA, *const runB = p.runB;
+    int32_t* const run = p.run;
+    ORVARGNROW* const rowOut = p.rowOut;
+    // Offsets are multiples of 4 bytes: added to byte pointers, they need no
+    // shifts back and forth.
+    const auto at = [](const int32_t* base, uint32_t offset) {
+        return reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(base) + offset);
+    };
     for (; k < rows; ++k) {
-        const ORVARGNROW ra = p.ea[k], rb = p.eb[k];
+        const ORVARGNROW ra = ea[k], rb = eb[k];
         if ((ra.uCount != 2) | (rb.uCount != 2)) break;
         int32_t first = 0, last = 0;
-        const uint32_t n = pairRow<O>(p.runA + ra.uOffset / 4u, p.runB + rb.uOffset / 4u, p.run + values, first, last);
+        const uint32_t n = pairRow<O>(at(runA, ra.uOffset), at(runB, rb.uOffset), run + values, first, last);
         if constexpr (Bounds) {
             left = n && first < left ? first : left;
             right = n && last > right ? last : right;
         }
-        p.rowOut[k] = ORVARGNROW{n, uint32_t(values * 4u)};
+        rowOut[k] = ORVARGNROW{n, uint32_t(values * 4u)};
         values += n;
     }
     valuesRef = values;
