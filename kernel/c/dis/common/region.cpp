@@ -643,7 +643,10 @@ inline size_t copyRows(const OrvaRgn* r, uint32_t i0, uint32_t i1, ORVARGNROW* i
 }
 
 // Rows below this many x values (both sources together) are merged even when
-// they repeat the previous row: comparing them costs as much as merging.
+// they repeat the previous row: comparing them costs as much as merging. So
+// does a union of a row with a single run (a disc over a comb): the merge
+// finds the run's ends by halving and reads only the runs outside it, where
+// the comparison would read the whole row.
 constexpr uint32_t kRepeatCheckMin = 8;
 
 // The combine of two regions. The result may occupy the rows of both (union,
@@ -724,7 +727,7 @@ int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
                 const int32_t* xb = runB + rb.uOffset / 4u;
                 int32_t* dst = run + values;
                 uint32_t n;
-                if (na + nb > kRepeatCheckMin && k > 0 &&
+                if (na + nb > kRepeatCheckMin && (O != Op::Or || (na > 2 && nb > 2)) && k > 0 &&
                     sameRow(xa, na, runA + ea[k - 1].uOffset / 4u, ea[k - 1].uCount) &&
                     sameRow(xb, nb, runB + eb[k - 1].uOffset / 4u, eb[k - 1].uCount)) {
                     n = rowOut[k - 1].uCount;
