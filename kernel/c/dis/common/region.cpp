@@ -275,32 +275,145 @@ inline Halves splitRows(const int32_t* a, uint32_t na, const int32_t* b, uint32_
 struct AndChain {
     const int32_t *a, *ae, *b, *be;
     int32_t* o;
-    bool live() const noexcept { return a != ae && b != be; }
     void step() noexcept {
-        const int32_t s = a[0] > b[0] ? a[0] : b[0];
-        const int32_t a1 = a[1], b1 = b[1];
+        const int32_t a0 = a[0], b0 = b[0], a1 = a[1], b1 = b[1];
+        const int32_t s = a0 > b0 ? a0 : b0;
         const int32_t e = a1 < b1 ? a1 : b1;
         o[0] = s;
         o[1] = e;
-        o += s < e ? 2 : 0;
-        a += a1 <= b1 ? 2 : 0;
-        b += b1 <= a1 ? 2 : 0;
+        o += 2u & (0u - uint32_t(s < e));
+        // Masks rather than conditions: the compiler keeps them branch-free.
+        const uintptr_t wa = uintptr_t(0) - uintptr_t(a1 <= b1), wb = uintptr_t(0) - uintptr_t(b1 <= a1);
+        a = reinterpret_cast<const int32_t*>(reinterpret_cast<uintptr_t>(a) + (8u & wa));
+        b = reinterpret_cast<const int32_t*>(reinterpret_cast<uintptr_t>(b) + (8u & wb));
+    }
+    size_t safe() const noexcept {
+        const size_t na = size_t(ae - a), nb = size_t(be - b);
+        return (na < nb ? na : nb) / 2;
     }
 };
+
+// Runs two chains interleaved (two independent chains of loads) in counted
+// stretches: a step consumes at least one run of a side, so min(runs left
+// of a, runs left of b) steps need no test of the ends.
+template <class C>
+inline void runChains(C& l, C& r) noexcept {
+    for (;;) {
+        const size_t nl = l.safe(), nr = r.safe();
+        const size_t n = nl < nr ? nl : nr;
+        if (n == 0) break;
+        for (size_t k = 0; k < n; ++k) {
+            l.step();
+            r.step();
+        }
+    }
+    for (size_t n; (n = l.safe()) > 0;)
+        for (size_t k = 0; k < n; ++k) l.step();
+    for (size_t n; (n = r.safe()) > 0;)
+        for (size_t k = 0; k < n; ++k) r.step();
+}
 
 inline uint32_t andSplit(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
     const Halves h = splitRows(a, na, b, nb);
     int32_t* const right = out + h.ia + h.jbHi;  // after the left result's bound
     AndChain l{a, a + h.ia, b, b + h.jbHi, out}, r{a + h.ia, a + na, b + h.jbLo, b + nb, right};
-    while (l.live() && r.live()) {
-        l.step();
-        r.step();
-    }
-    while (l.live()) l.step();
-    while (r.live()) r.step();
+    runChains(l, r);
     const uint32_t nl = uint32_t(l.o - out), nr = uint32_t(r.o - right);
     std::memmove(out + nl, right, nr * sizeof(int32_t));
     return nl + nr;
+}
+
+// Union of long rows in the same two halves (b's run across p in both). A
+// chain takes the run with the smaller start by a conditional move and
+// extends or closes the current output run without a branch; the left
+// result ends at most where the right one's first run ends (the run across
+// p is in both, and a's left runs end before p), so the halves are joined by
+// merging at most that one run.
+struct OrChain {
+    const int32_t *a, *ae, *b, *be;
+    int32_t* o;
+    int32_t s, e;  // the output run being extended
+    void begin() noexcept {  // a != ae
+        const bool ta = b == be || a[0] <= b[0];
+        const int32_t* p = ta ? a : b;
+        s = p[0];
+        e = p[1];
+        a += ta ? 2 : 0;
+        b += ta ? 0 : 2;
+    }
+    void step() noexcept {
+        // Values are selected, pointers advanced by arithmetic: no branch.
+        const int32_t a0 = a[0], a1 = a[1], b0 = b[0], b1 = b[1];
+        const bool ta = a0 <= b0;  // a's run comes first
+        const int32_t p0 = ta ? a0 : b0, p1 = ta ? a1 : b1;
+        a += 2 * int(ta);
+        b += 2 - 2 * int(ta);
+        const bool gap = p0 > e;
+        o[0] = s;
+        o[1] = e;
+        o += 2 * int(gap);
+        s = gap ? p0 : s;
+        e = p1 > e ? p1 : e;  // after a gap p1 > p0 > e
+    }
+    // Steps that may run without testing the ends: each consumes a run.
+    size_t safe() const noexcept {
+        const size_t na = size_t(ae - a), nb = size_t(be - b);
+        return (na < nb ? na : nb) / 2;
+    }
+    // The side left over: its runs that reach the current run extend it,
+    // the others are copied. Returns the values written from `start`.
+    uint32_t end(int32_t* start) noexcept {
+        const int32_t* r = a != ae ? a : b;
+        const int32_t* const re = a != ae ? ae : be;
+        while (r != re && r[0] <= e) {
+            e = r[1] > e ? r[1] : e;
+            r += 2;
+        }
+        o[0] = s;
+        o[1] = e;
+        o += 2;
+        copyValues(o, r, uint32_t(re - r));
+        o += re - r;
+        return uint32_t(o - start);
+    }
+};
+
+inline uint32_t orSplit(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    const Halves h = splitRows(a, na, b, nb);
+    int32_t* const right = out + h.ia + h.jbHi;
+    OrChain l{a, a + h.ia, b, b + h.jbHi, out, 0, 0}, r{a + h.ia, a + na, b + h.jbLo, b + nb, right, 0, 0};
+    l.begin();
+    r.begin();
+    runChains(l, r);
+    uint32_t nl = l.end(out), nr = r.end(right);
+    const int32_t* rs = right;
+    if (right[0] <= out[nl - 1]) {  // the halves overlap or touch: join one run
+        out[nl - 1] = right[1] > out[nl - 1] ? right[1] : out[nl - 1];
+        rs += 2;
+        nr -= 2;
+    }
+    std::memmove(out + nl, rs, nr * sizeof(int32_t));
+    return nl + nr;
+}
+
+// Difference of long rows as an intersection: a minus b is a's part left of
+// b's first run, a intersected with b's gaps (the runs b[1..nb-1) seen from
+// b + 1), and a's part right of b's last run; the middle goes through the
+// split intersection. Only a's runs that end right of b's first run enter
+// the middle (at most one of them also gave the left part), which keeps the
+// split's bound within na + nb + kMergeSlack.
+inline uint32_t clipRow(const int32_t* xs, uint32_t n, int32_t l, int32_t r, int32_t* out) noexcept;
+inline uint32_t diffSplit(const int32_t* a, uint32_t na, const int32_t* b, uint32_t nb, int32_t* out) noexcept {
+    int32_t* o = out;
+    o += clipRow(a, na, INT32_MIN, b[0], o);
+    if (nb > 2) {
+        const uint32_t i = 2 * runsEndingBy(a, a + na, b[1]);
+        const uint32_t m = na - i;
+        if (m >= 2) o += m >= kSplitMin && nb - 2 >= kSplitMin ? andSplit(a + i, m, b + 1, nb - 2, o)
+                                                                 : andRuns(a + i, m, b + 1, nb - 2, o);
+    }
+    o += clipRow(a, na, b[nb - 1], INT32_MAX, o);
+    return uint32_t(o - out);
 }
 
 // The runs of a row inside [l, r) (l < r): the first run that ends right of
@@ -382,10 +495,10 @@ inline uint32_t pairRow(const int32_t* a, const int32_t* b, int32_t* out, int32_
         int32_t* o = out;
         o[0] = a0;
         o[1] = m1;
-        o += m1 > a0 ? 2 : 0;
+        o += 2 * int(m1 > a0);
         o[0] = m2;
         o[1] = a1;
-        o += m2 < a1 ? 2 : 0;
+        o += 2 * int(m2 < a1);
         return uint32_t(o - out);
     }
 }
@@ -403,22 +516,44 @@ __attribute__((noinline)) uint32_t pairRows(const PairSpan& p, uint32_t k, uint3
                                             int32_t& leftRef, int32_t& rightRef) noexcept {
     size_t values = valuesRef;
     int32_t left = leftRef, right = rightRef;
+    // In locals: the stores below would otherwise make the compiler reload them.
+    const ORVARGNROW *const ea = p.ea, *const eb = p.eb;
+    const int32_t *const runA = p.runA, *const runB = p.runB;
+    int32_t* const run = p.run;
+    ORVARGNROW* const rowOut = p.rowOut;
+    // Offsets are multiples of 4 bytes: added to byte pointers, they need no
+    // shifts back and forth.
+    const auto at = [](const int32_t* base, uint32_t offset) {
+        return reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(base) + offset);
+    };
     for (; k < rows; ++k) {
-        const ORVARGNROW ra = p.ea[k], rb = p.eb[k];
+        const ORVARGNROW ra = ea[k], rb = eb[k];
         if ((ra.uCount != 2) | (rb.uCount != 2)) break;
         int32_t first = 0, last = 0;
-        const uint32_t n = pairRow<O>(p.runA + ra.uOffset / 4u, p.runB + rb.uOffset / 4u, p.run + values, first, last);
+        const uint32_t n = pairRow<O>(at(runA, ra.uOffset), at(runB, rb.uOffset), run + values, first, last);
         if constexpr (Bounds) {
             left = n && first < left ? first : left;
             right = n && last > right ? last : right;
         }
-        p.rowOut[k] = ORVARGNROW{n, uint32_t(values * 4u)};
+        rowOut[k] = ORVARGNROW{n, uint32_t(values * 4u)};
         values += n;
     }
     valuesRef = values;
     leftRef = left;
     rightRef = right;
     return k;
+}
+
+// Whether a row of at least 8 x values starts with four runs of one length
+// at one spacing (hatches, grids, checkerboards). Two such rows interleave in
+// a pattern the branch predictor learns, and the run loops with branches
+// beat the branch-free split chains there (which wait on their loads);
+// other long rows go through the split chains.
+inline bool periodic(const int32_t* x) noexcept {
+    const int64_t d = int64_t(x[2]) - x[0], w = int64_t(x[1]) - x[0];
+    for (int k = 1; k < 4; ++k)
+        if (int64_t(x[2 * k]) - x[2 * k - 2] != d || int64_t(x[2 * k + 1]) - x[2 * k] != w) return false;
+    return true;
 }
 
 // Row y of the result from row y of a and of b; out has room for na + nb +
@@ -475,10 +610,10 @@ inline uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32
             return n;
         }
     }
-    if constexpr (O == Op::And)
-        return na >= kSplitMin && nb >= kSplitMin ? andSplit(a, na, b, nb, out) : andRuns(a, na, b, nb, out);
-    if constexpr (O == Op::Or) return orRuns(a, na, b, nb, out);
-    if constexpr (O == Op::Diff) return diffRuns(a, na, b, nb, out);
+    const bool split = na >= kSplitMin && nb >= kSplitMin && !(periodic(a) && periodic(b));
+    if constexpr (O == Op::And) return split ? andSplit(a, na, b, nb, out) : andRuns(a, na, b, nb, out);
+    if constexpr (O == Op::Or) return split ? orSplit(a, na, b, nb, out) : orRuns(a, na, b, nb, out);
+    if constexpr (O == Op::Diff) return split ? diffSplit(a, na, b, nb, out) : diffRuns(a, na, b, nb, out);
     return xorEdges(a, na, b, nb, out);
 }
 
@@ -508,7 +643,10 @@ inline size_t copyRows(const OrvaRgn* r, uint32_t i0, uint32_t i1, ORVARGNROW* i
 }
 
 // Rows below this many x values (both sources together) are merged even when
-// they repeat the previous row: comparing them costs as much as merging.
+// they repeat the previous row: comparing them costs as much as merging. So
+// does a union of a row with a single run (a disc over a comb): the merge
+// finds the run's ends by halving and reads only the runs outside it, where
+// the comparison would read the whole row.
 constexpr uint32_t kRepeatCheckMin = 8;
 
 // The combine of two regions. The result may occupy the rows of both (union,
@@ -589,7 +727,7 @@ int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
                 const int32_t* xb = runB + rb.uOffset / 4u;
                 int32_t* dst = run + values;
                 uint32_t n;
-                if (na + nb > kRepeatCheckMin && k > 0 &&
+                if (na + nb > kRepeatCheckMin && (O != Op::Or || (na > 2 && nb > 2)) && k > 0 &&
                     sameRow(xa, na, runA + ea[k - 1].uOffset / 4u, ea[k - 1].uCount) &&
                     sameRow(xb, nb, runB + eb[k - 1].uOffset / 4u, eb[k - 1].uCount)) {
                     n = rowOut[k - 1].uCount;
