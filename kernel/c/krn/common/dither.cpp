@@ -707,11 +707,14 @@ void greyFloydBlackWhiteRow(DitherState& s, const uint8_t* src, uint8_t* dst) {
 
 // ---- whole images: several rows of the black-and-white grey kernel at once
 // Pixel (x, y) needs (x - 1, y) and the row above up to x + 1, so in a block
-// of R rows row k can run a fixed distance behind row k - 1: here two bytes
-// (16 pixels) of output, so that every row starts and ends its bytes in the
-// same step. The loop then carries R independent chains, which the CPU
-// overlaps; the arithmetic of each row is that of greyFloydBlackWhiteRow
-// (the tests compare the two bit for bit).
+// of R rows row k can run a fixed distance behind row k - 1: here one byte
+// (8 pixels) of output, so that every row starts and ends its bytes in the
+// same step (pixel 8b + i of a row needs the row above through 8b + i + 1,
+// and that row is then at 8b + 8 + i). The loop carries R independent
+// chains, which the CPU overlaps; the arithmetic of each row is that of
+// greyFloydBlackWhiteRow (the tests compare the two bit for bit).
+constexpr int kLag = 1;  // bytes between a row and the one below it
+
 struct BwLane {
     const uint8_t* src;
     const int32_t* cur;  // the errors this row receives
@@ -721,52 +724,78 @@ struct BwLane {
     int32_t p0, p1;      // below[x - 1] being completed, below[x]
 };
 
+__attribute__((always_inline)) inline uint32_t bwPixel(const CarryStep& step, const uint8_t* src,
+                                                       const int32_t* cur, int32_t* below, int& c, int32_t& p0,
+                                                       int32_t& p1, ptrdiff_t x) {
+    int e;
+    const int v = step(cur[x], src[x], c, e);
+    below[x - 1] = p0 + 3 * e;
+    p0 = p1 + 5 * e;
+    p1 = e;
+    return uint32_t(v >> 7);
+}
+
+// Groups g0 .. g1 - 1 where every row is on a whole byte (row k on byte
+// g - k): the lanes in locals, every row indexed by the same x (its
+// pointers moved back by its lag), one pixel of each row in turn.
+template <int R>
+void bwSteady(const CarryStep step, BwLane* lane, int g0, int g1) {
+    const uint8_t* src[R];
+    const int32_t* cur[R];
+    int32_t* below[R];
+    uint8_t* dst[R];
+    int c[R];
+    int32_t p0[R], p1[R];
+    for (int k = 0; k < R; ++k) {
+        const ptrdiff_t back = ptrdiff_t(8 * kLag * k);
+        src[k] = lane[k].src - back, cur[k] = lane[k].cur - back, below[k] = lane[k].below - back;
+        dst[k] = lane[k].dst - kLag * k;
+        c[k] = lane[k].c, p0[k] = lane[k].p0, p1[k] = lane[k].p1;
+    }
+    for (int g = g0; g < g1; ++g) {
+        uint32_t bits[R] = {};
+        const ptrdiff_t x0 = ptrdiff_t(8) * g;
+#pragma GCC unroll 8
+        for (int i = 0; i < 8; ++i) {
+#pragma GCC unroll 8
+            for (int k = 0; k < R; ++k)
+                bits[k] = bits[k] << 1 | bwPixel(step, src[k], cur[k], below[k], c[k], p0[k], p1[k], x0 + i);
+        }
+        for (int k = 0; k < R; ++k) dst[k][g] = uint8_t(bits[k]);
+    }
+    for (int k = 0; k < R; ++k) lane[k].c = c[k], lane[k].p0 = p0[k], lane[k].p1 = p1[k];
+}
+
 template <int R>
 void greyFloydBlackWhiteRows(const uint8_t* const* src, uint8_t* const* dst, int32_t* const* err, int w) {
-    constexpr int kLag = 1;  // bytes between a row and the one below it (pixel 8b + i of a row
-                             // needs the row above through 8b + i + 1; that row is at 8b + 8 + i)
     const CarryStep step = CarryStep::of<kSet2>();
     BwLane lane[R];
     for (int k = 0; k < R; ++k) lane[k] = {src[k], err[k], err[k + 1], dst[k], 0, 0, 0};
-    auto pixel = [&](BwLane& l, int x) {
-        int e;
-        const int v = step(l.cur[x], l.src[x], l.c, e);
-        l.below[x - 1] = l.p0 + 3 * e;
-        l.p0 = l.p1 + 5 * e;
-        l.p1 = e;
-        return uint32_t(v >> 7);
-    };
-    auto finish = [&](BwLane& l) {
-        l.below[w - 1] = l.p0;
-        l.below[w] = l.p1;
-    };
     const int bytes = (w + 7) / 8, full = w / 8;
     // One byte of one row (a short last byte included), and the row's end.
     auto oneByte = [&](BwLane& l, int b) {
         const int n = std::min(8, w - 8 * b);
         uint32_t bits = 0;
-        for (int i = 0; i < n; ++i) bits = bits << 1 | pixel(l, 8 * b + i);
+        for (int i = 0; i < n; ++i) bits = bits << 1 | bwPixel(step, l.src, l.cur, l.below, l.c, l.p0, l.p1, 8 * b + i);
         l.dst[b] = uint8_t(bits << (8 - n));
-        if (8 * b + n == w) finish(l);
-    };
-    for (int g = 0; g < bytes + kLag * (R - 1); ++g) {
-        if (g >= kLag * (R - 1) && g < full) {
-            // Every row on a whole byte: one pixel of each row in turn.
-            uint32_t bits[R] = {};
-#pragma GCC unroll 8
-            for (int i = 0; i < 8; ++i) {
-#pragma GCC unroll 8
-                for (int k = 0; k < R; ++k) bits[k] = bits[k] << 1 | pixel(lane[k], 8 * (g - kLag * k) + i);
-            }
-            for (int k = 0; k < R; ++k) lane[k].dst[g - kLag * k] = uint8_t(bits[k]);
-            if (8 * (g + 1) == w) finish(lane[0]);
-        } else {
-            for (int k = 0; k < R; ++k) {
-                const int b = g - kLag * k;
-                if (b >= 0 && b < bytes) oneByte(lane[k], b);
-            }
+        if (8 * b + n == w) {
+            l.below[w - 1] = l.p0;
+            l.below[w] = l.p1;
         }
-    }
+    };
+    auto group = [&](int g) {
+        for (int k = 0; k < R; ++k) {
+            const int b = g - kLag * k;
+            if (b >= 0 && b < bytes) oneByte(lane[k], b);
+        }
+    };
+    // Rows entering, every row on a whole byte (row 0 not on its last byte,
+    // which ends the row), rows leaving.
+    const int g0 = kLag * (R - 1), g1 = std::max(g0, full - 1);
+    int g = 0;
+    for (; g < g0; ++g) group(g);
+    if (g1 > g0) bwSteady<R>(step, lane, g0, g1);
+    for (g = g1; g < bytes + kLag * (R - 1); ++g) group(g);
 }
 
 using RowsFn = void (*)(const uint8_t* const*, uint8_t* const*, int32_t* const*, int);
