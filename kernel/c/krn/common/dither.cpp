@@ -474,6 +474,7 @@ struct CarryStep {
         const CarryTable<Set>& t = carryTable<Set>();
         return {t.pos - CarryTable<Set>::kLow, t.neg - CarryTable<Set>::kLow};
     }
+    // sample is 0..255: 16 * sample is formed in 32 bits and widened for free.
     int operator()(int a, int sample, int& c) const noexcept {
 #if defined(__x86_64__)
         // The sign of q is as often one way as the other: a branch would
@@ -490,7 +491,7 @@ struct CarryStep {
                 "movswq (%[t],%[z],4), %[c]\n\t"
                 "movzbl 2(%[t],%[z],4), %[v]"
                 : [q] "+&r"(q), [c] "+&r"(cc), [t] "+&r"(t), [z] "=&r"(z), [v] "=&r"(v)
-                : [n] "r"(neg), [s16] "r"(int64_t(16 * sample))
+                : [n] "r"(neg), [s16] "r"(int64_t(uint32_t(sample) << 4))
                 : "cc");
         c = int(cc);
         return int(v);
@@ -517,7 +518,7 @@ struct CarryStep {
                 "movzbl 2(%[t],%[z],4), %[v]\n\t"
                 "movsbl 3(%[t],%[z],4), %[e]"
                 : [q] "+&r"(q), [c] "+&r"(cc), [t] "+&r"(t), [z] "=&r"(z), [v] "=&r"(v), [e] "=&r"(ee)
-                : [n] "r"(neg), [s16] "r"(int64_t(16 * sample))
+                : [n] "r"(neg), [s16] "r"(int64_t(uint32_t(sample) << 4))
                 : "cc");
         c = int(cc);
         e = ee;
@@ -732,7 +733,7 @@ __attribute__((always_inline)) inline uint32_t bwPixel(const CarryStep& step, co
     below[x - 1] = p0 + 3 * e;
     p0 = p1 + 5 * e;
     p1 = e;
-    return uint32_t(v >> 7);
+    return uint32_t(v) >> 7;
 }
 
 // Groups g0 .. g1 - 1 where every row is on a whole byte (row k on byte
@@ -759,7 +760,7 @@ void bwSteady(const CarryStep step, BwLane* lane, int g0, int g1) {
         for (int i = 0; i < 8; ++i) {
 #pragma GCC unroll 8
             for (int k = 0; k < R; ++k)
-                bits[k] = bits[k] << 1 | bwPixel(step, src[k], cur[k], below[k], c[k], p0[k], p1[k], x0 + i);
+                bits[k] = bits[k] * 2 + bwPixel(step, src[k], cur[k], below[k], c[k], p0[k], p1[k], x0 + i);
         }
         for (int k = 0; k < R; ++k) dst[k][g] = uint8_t(bits[k]);
     }
