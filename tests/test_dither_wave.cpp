@@ -119,6 +119,45 @@ TEST(DitherWave, BlocksMatchLinesAndTheReferenceBitForBit) {
     }
 }
 
+TEST(DitherWave, GreySourcesThatAreConvertedFirstMatchLines) {
+    // 8-bit with a reversed grey palette (read through a table) and 16-bit
+    // grey (through the converter): the block's grey rows are made first.
+    std::vector<RGBQUAD> reversed(256);
+    for (int i = 0; i < 256; ++i) reversed[size_t(i)] = RGBQUAD{uint8_t(255 - i), uint8_t(255 - i), uint8_t(255 - i), 0};
+    for (int bits : {8, 16}) {
+        const int w = 29, h = 23;
+        const size_t bpl = size_t(w) * size_t(bits / 8);
+        Image img(bpl * size_t(h));
+        std::mt19937 rng{static_cast<uint32_t>(bits)};
+        for (auto& v : img) v = uint8_t(rng());
+        auto run = [&](int rows) {
+            BITMAPRECORD bm;
+            K_InitBitmap(&bm, BITMAPRECORD_SIZE, w, 1, bits);
+            if (bits == 8) bm.pPalette = reversed.data(), bm.nColors = 256;
+            else bm.nOrder = ORDER_GRAY;
+            bm.nDitheringMethod = DITHER_FLOYD_STEINBERG;
+            EXPECT_EQ(K_StartDithering(&bm, nullptr, 2), KS_SUCCESS);
+            EXPECT_TRUE(krn::ditherRunIsGrey(&bm));
+            krn::testhook::ditherWaveRows = rows;
+            Image out(packedBytes(w) * size_t(h));
+            std::vector<const uint8_t*> src;
+            std::vector<uint8_t*> dst;
+            for (int y = 0; y < h; ++y) {
+                src.push_back(img.data() + bpl * size_t(y));
+                dst.push_back(out.data() + packedBytes(w) * size_t(y));
+            }
+            EXPECT_EQ(krn::ditherRows(&bm, src.data(), dst.data(), h), KS_SUCCESS);
+            krn::testhook::ditherWaveRows = 0;
+            K_StopDithering(&bm);
+            bm.pPalette = nullptr;
+            K_FreeBitmap(&bm);
+            return out;
+        };
+        const Image ref = run(1);
+        for (int rows : {2, 4, 8}) EXPECT_EQ(run(rows), ref) << bits << " bits, rows " << rows;
+    }
+}
+
 TEST(DitherWave, RowsChecksItsArgumentsAndOtherRunsGoRowByRow) {
     GreyRun run(16);
     uint8_t row[16] = {}, out[2];
