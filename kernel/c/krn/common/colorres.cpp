@@ -249,7 +249,7 @@ constexpr int32_t kDitherChunk = 64;
 // several rows in one loop): straight from and into single-block storage,
 // else through the row layer, so every storage kind works.
 int32_t ditherBlocks(Plan& p, BITMAPRECORD* run, BITMAPRECORD* src, BITMAPRECORD* dst, bool direct) {
-    const int32_t block = direct ? kDitherChunk : std::max(1, ditherBlockRows(run));
+    const int32_t block = direct ? kDitherChunk : std::clamp(ditherBlockRows(run), 1, kDitherChunk);
     const size_t inBpl = size_t(p.srcBpl) + 16, outBpl = size_t(p.dstBpl) + 16;
     kvector<uint8_t> in, out;
     if (!direct) {
