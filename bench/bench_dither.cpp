@@ -4,6 +4,9 @@
 // match table. Items are pixels (items/s = pixels/s); bytes are the 24-bit
 // source, so the memcpy of the same 36 MB reads as a ratio.
 //
+// BM_Dither_Floyd_Grey8_1bit_WholeBitmap dithers the same grey picture as
+// one bitmap (K_ColorResBitmap), where the engine runs blocks of rows.
+//
 // Peers: Leptonica (OMBRIX_HAVE_LEPTONICA) - pixDitherToBinary on the 8-bit
 // grey image (its own input format; compare BM_Dither_Floyd_Grey8_1bit), the
 // same after pixConvertRGBToGray from 32 bits (compare _Floyd_1bit), and
@@ -107,6 +110,32 @@ void BM_Dither_Floyd_Grey8_1bit(benchmark::State& state) {
     K_FreeBitmap(&bm);
 }
 
+// The same grey picture as one 8-bit bitmap to 1 bit in one call
+// (K_ColorResBitmap, Floyd-Steinberg to the fixed two colours): the engine
+// gets whole blocks of rows and runs them as a wavefront. Each iteration
+// also creates the 1.5 MB destination bitmap the call returns.
+void BM_Dither_Floyd_Grey8_1bit_WholeBitmap(benchmark::State& state) {
+    const auto& img = image8();
+    BITMAPRECORD src;
+    if (K_CreateBitmap(&src, BITMAPRECORD_SIZE, 1, kW, kH, 8, ORDER_RGB, nullptr, 1, nullptr, 0) != KS_SUCCESS ||
+        K_SetBitmapPalette(&src, K_CreateGrayPalette(8), 256) != KS_SUCCESS) {
+        state.SkipWithError("create failed");
+        return;
+    }
+    for (int y = 0; y < kH; ++y) K_PutBitmapRow(&src, img.data() + size_t(y) * kW, y, kW);
+    for (auto _ : state) {
+        BITMAPRECORD dst{};
+        if (K_ColorResBitmap(&src, &dst, 1, CRF_FIXEDPALETTE | CRF_DITHER(DITHER_FLOYD_STEINBERG), nullptr, 0,
+                             BITMAPRECORD_SIZE) != KS_SUCCESS)
+            state.SkipWithError("colour resolution failed");
+        benchmark::DoNotOptimize(dst.pData);
+        K_FreeBitmap(&dst);
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * kW * kH);
+    state.SetBytesProcessed(int64_t(state.iterations()) * kW * kH * 3);
+    K_FreeBitmap(&src);
+}
+
 void BM_Dither_Memcpy24(benchmark::State& state) { bench::memcpyBaseline(state, size_t(kW) * kH * 3); }
 void BM_Dither_Floyd_Fixed256(benchmark::State& state) { ditherImage(state, DITHER_FLOYD_STEINBERG, nullptr, 256); }
 void BM_Dither_Floyd_1bit(benchmark::State& state) { ditherImage(state, DITHER_FLOYD_STEINBERG, nullptr, 2); }
@@ -124,6 +153,7 @@ BENCHMARK(BM_Dither_Memcpy24)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_Fixed256)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_1bit)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_Grey8_1bit)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Dither_Floyd_Grey8_1bit_WholeBitmap)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_Web)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Floyd_CallerPalette)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Dither_Method_Fixed256)->DenseRange(0, 8)->Unit(benchmark::kMillisecond);

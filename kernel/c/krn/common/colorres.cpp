@@ -20,6 +20,7 @@
 
 #include "colorres.h"
 #include "convert.h"
+#include "dither.h"
 #include "hooks.h"
 #include "kernel.h"
 #include "list.h"
@@ -240,7 +241,54 @@ struct Access {
     }
 };
 
-int32_t runDither(Plan& p, BITMAPRECORD* src, BITMAPRECORD* dst, kvector<uint8_t>& in, kvector<uint8_t>& out) {
+// Rows per call of the dithering engine on the direct path (a multiple of
+// any block the engine asks for; the progress steps between calls).
+constexpr int32_t kDitherChunk = 64;
+
+// The rows through the dithering engine in blocks (whole-image runs keep
+// several rows in one loop): straight from and into single-block storage,
+// else through the row layer, so every storage kind works.
+int32_t ditherBlocks(Plan& p, BITMAPRECORD* run, BITMAPRECORD* src, BITMAPRECORD* dst, bool direct) {
+    const int32_t block = direct ? kDitherChunk : std::clamp(ditherBlockRows(run), 1, kDitherChunk);
+    const size_t inBpl = size_t(p.srcBpl) + 16, outBpl = size_t(p.dstBpl) + 16;
+    kvector<uint8_t> in, out;
+    if (!direct) {
+        in.resize(inBpl * size_t(block));
+        out.resize(outBpl * size_t(block));
+    }
+    const uint8_t* srcRows[kDitherChunk];
+    uint8_t* dstRows[kDitherChunk];
+    Progress progress = Progress::status(p.height);
+    int32_t rc = progress.begin();
+    for (int32_t y0 = 0; y0 < p.height && rc == KS_SUCCESS; y0 += block) {
+        const int32_t n = std::min(block, p.height - y0);
+        for (int32_t k = 0; k < n; ++k) {
+            if (direct) {
+                srcRows[k] = src->pData + size_t(y0 + k) * p.srcBpl;
+                dstRows[k] = dst->pData + size_t(y0 + k) * p.dstBpl;
+                std::memset(dstRows[k], 0, p.dstBpl);
+            } else {
+                rc = K_GetBitmapRow(src, in.data() + inBpl * size_t(k), y0 + k, p.srcBpl);
+                if (rc < 0) return rc;
+                srcRows[k] = in.data() + inBpl * size_t(k);
+                dstRows[k] = out.data() + outBpl * size_t(k);
+                std::memset(dstRows[k], 0, p.dstBpl);
+            }
+        }
+        rc = ditherRows(run, srcRows, dstRows, n);
+        if (rc != KS_SUCCESS) return rc;
+        if (!direct) {
+            for (int32_t k = 0; k < n; ++k) {
+                rc = K_PutBitmapRow(dst, dstRows[k], y0 + k, p.dstBpl);
+                if (rc < 0) return rc;
+            }
+        }
+        rc = progress.step(y0 + n);
+    }
+    return rc;
+}
+
+int32_t runDither(Plan& p, BITMAPRECORD* src, BITMAPRECORD* dst) {
     // A record that describes the source's pixel format carries the run.
     BITMAPRECORD shadow;
     int32_t rc = K_InitBitmap(&shadow, BITMAPRECORD_SIZE, p.width, 1, p.srcBits);
@@ -253,18 +301,11 @@ int32_t runDither(Plan& p, BITMAPRECORD* src, BITMAPRECORD* dst, kvector<uint8_t
     shadow.nDitheringMethod = p.method;
     rc = K_StartDitheringExt(&shadow, p.pal, uint32_t(p.nPal), p.dstBits, nullptr);
     if (rc == KS_SUCCESS) {
-        Progress progress = Progress::status(p.height);
-        rc = progress.begin();
-        for (int32_t y = 0; y < p.height && rc == KS_SUCCESS; ++y) {
-            rc = K_GetBitmapRow(src, in.data(), y, p.srcBpl);
-            if (rc < 0) break;
-            std::memset(out.data(), 0, p.dstBpl);
-            rc = K_DitherLine(&shadow, in.data(), out.data());
-            if (rc != KS_SUCCESS) break;
-            rc = K_PutBitmapRow(dst, out.data(), y, p.dstBpl);
-            if (rc < 0) break;
-            rc = progress.step(y + 1);
-        }
+        Access a, b;
+        rc = a.open(src);
+        if (rc == KS_SUCCESS) rc = b.open(dst);
+        const bool direct = !testhook::colorResRowPath && directPixels(src) && directPixels(dst);
+        if (rc == KS_SUCCESS) rc = ditherBlocks(p, &shadow, src, dst, direct);
         K_StopDithering(&shadow);
     }
     shadow.pPalette = nullptr;
@@ -273,8 +314,8 @@ int32_t runDither(Plan& p, BITMAPRECORD* src, BITMAPRECORD* dst, kvector<uint8_t
 }
 
 int32_t runRows(Plan& p, BITMAPRECORD* src, BITMAPRECORD* dst) {
+    if (p.job == Job::Dither) return runDither(p, src, dst);
     kvector<uint8_t> in(size_t(p.srcBpl) + 16), out(size_t(p.dstBpl) + 16);
-    if (p.job == Job::Dither) return runDither(p, src, dst, in, out);
 
     Access a, b;
     int32_t rc = a.open(src);
@@ -691,6 +732,10 @@ int32_t colorResBitmap(BITMAPRECORD* src, BITMAPRECORD* dst, int32_t bits, uint3
         std::memcpy(dst, &side, bytes);
         return KS_SUCCESS;
     });
+}
+
+namespace testhook {
+bool colorResRowPath = false;
 }
 
 }  // namespace krn

@@ -55,4 +55,10 @@ private:
 int32_t buildOptimizedPalette(const uint32_t* colors, const uint32_t* weights, size_t count,
                               RGBQUAD* pal, int32_t fixed, int32_t free, bool refine) noexcept;
 
+namespace testhook {
+// Makes the dithering job of colorResBitmap take the row layer also for
+// single-block storage (tests compare it with the direct path).
+extern bool colorResRowPath;
+}
+
 }  // namespace krn

@@ -278,6 +278,10 @@ struct DitherState {
     int32_t darkIndex, brightIndex, darkGrey, brightGrey;
     int16_t bias[3][64];       // per channel, per table cell
     RowFn kernel;
+    // Whole-image runs (ditherRows): the rows between the rows of a block
+    // and, for sources that are not read as they are, the block's grey rows.
+    int32_t* waveRows;
+    uint8_t* waveGrey;
 };
 
 inline int clamp255(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
@@ -417,7 +421,7 @@ struct CarryTable {
     static constexpr int kEMax = Set == kSet2 ? 127 : Set == kSet4 ? 42 : Set == kSet6 ? 25 : 18;
     static constexpr int kLow = -16 * kEMax;  // smallest z
     static constexpr int kSize = 32 * kEMax + 16 * 255 + 1;
-    uint32_t pos[kSize], neg[kSize];  // 7e' in the low 16 bits, clamp(u) above
+    uint32_t pos[kSize], neg[kSize];  // 7e' in the low 16 bits, clamp(u) in 16..23, e' in 24..31
     static int value(int r) {
         switch (Set) {
             case kSet2: return r >= 128 ? 255 : 0;
@@ -426,6 +430,10 @@ struct CarryTable {
             default: return kL8[nearestLevel(kL8, r)];
         }
     }
+    static uint32_t entry(int r) {
+        const int e = r - value(r);  // |e| <= 127: one signed byte
+        return uint32_t(uint16_t(int16_t(7 * e))) | uint32_t(r) << 16 | uint32_t(uint8_t(int8_t(e))) << 24;
+    }
     CarryTable() noexcept {
         for (int i = 0; i < kSize; ++i) {
             const int z = i + kLow;
@@ -433,8 +441,8 @@ struct CarryTable {
             const int fl = z >= 0 ? z / 16 : -((-z + 15) / 16);
             const int ce = z >= 0 ? (z + 15) / 16 : -(-z / 16);
             const int rf = clamp255(fl), rc = clamp255(ce);
-            pos[i] = uint32_t(uint16_t(int16_t(7 * (rf - value(rf))))) | uint32_t(rf) << 16;
-            neg[i] = uint32_t(uint16_t(int16_t(7 * (rc - value(rc))))) | uint32_t(rc) << 16;
+            pos[i] = entry(rf);
+            neg[i] = entry(rc);
         }
     }
 };
@@ -466,6 +474,7 @@ struct CarryStep {
         const CarryTable<Set>& t = carryTable<Set>();
         return {t.pos - CarryTable<Set>::kLow, t.neg - CarryTable<Set>::kLow};
     }
+    // sample is 0..255: 16 * sample is formed in 32 bits and widened for free.
     int operator()(int a, int sample, int& c) const noexcept {
 #if defined(__x86_64__)
         // The sign of q is as often one way as the other: a branch would
@@ -482,7 +491,7 @@ struct CarryStep {
                 "movswq (%[t],%[z],4), %[c]\n\t"
                 "movzbl 2(%[t],%[z],4), %[v]"
                 : [q] "+&r"(q), [c] "+&r"(cc), [t] "+&r"(t), [z] "=&r"(z), [v] "=&r"(v)
-                : [n] "r"(neg), [s16] "r"(int64_t(16 * sample))
+                : [n] "r"(neg), [s16] "r"(int64_t(uint32_t(sample) << 4))
                 : "cc");
         c = int(cc);
         return int(v);
@@ -491,7 +500,36 @@ struct CarryStep {
         const int z = q + 16 * sample;
         const uint32_t entry = (q < 0 ? neg : pos)[z];
         c = int16_t(entry);
-        return int(entry >> 16);
+        return int((entry >> 16) & 0xFFu);
+#endif
+    }
+    // The same step that also gives this pixel's error e (not 7e).
+    int operator()(int a, int sample, int& c, int& e) const noexcept {
+#if defined(__x86_64__)
+        int64_t q = a, z;
+        int64_t cc = c;
+        const uint32_t* t = pos;
+        uint32_t v;
+        int32_t ee;
+        __asm__("add %[c], %[q]\n\t"
+                "cmovs %[n], %[t]\n\t"
+                "lea (%[q],%[s16]), %[z]\n\t"
+                "movswq (%[t],%[z],4), %[c]\n\t"
+                "movzbl 2(%[t],%[z],4), %[v]\n\t"
+                "movsbl 3(%[t],%[z],4), %[e]"
+                : [q] "+&r"(q), [c] "+&r"(cc), [t] "+&r"(t), [z] "=&r"(z), [v] "=&r"(v), [e] "=&r"(ee)
+                : [n] "r"(neg), [s16] "r"(int64_t(uint32_t(sample) << 4))
+                : "cc");
+        c = int(cc);
+        e = ee;
+        return int(v);
+#else
+        const int q = a + c;
+        const int z = q + 16 * sample;
+        const uint32_t entry = (q < 0 ? neg : pos)[z];
+        c = int16_t(entry);
+        e = int8_t(entry >> 24);
+        return int((entry >> 16) & 0xFFu);
 #endif
     }
 };
@@ -668,6 +706,111 @@ void greyFloydBlackWhiteRow(DitherState& s, const uint8_t* src, uint8_t* dst) {
     below[w] = p1;
 }
 
+// ---- whole images: several rows of the black-and-white grey kernel at once
+// Pixel (x, y) needs (x - 1, y) and the row above up to x + 1, so in a block
+// of R rows row k can run a fixed distance behind row k - 1: here one byte
+// (8 pixels) of output, so that every row starts and ends its bytes in the
+// same step (pixel 8b + i of a row needs the row above through 8b + i + 1,
+// and that row is then at 8b + 8 + i). The loop carries R independent
+// chains, which the CPU overlaps; the arithmetic of each row is that of
+// greyFloydBlackWhiteRow (the tests compare the two bit for bit).
+constexpr int kLag = 1;  // bytes between a row and the one below it
+
+struct BwLane {
+    const uint8_t* src;
+    const int32_t* cur;  // the errors this row receives
+    int32_t* below;      // the errors it passes down
+    uint8_t* dst;
+    int c;               // 7e of the pixel to the left
+    int32_t p0, p1;      // below[x - 1] being completed, below[x]
+};
+
+__attribute__((always_inline)) inline uint32_t bwPixel(const CarryStep& step, const uint8_t* src,
+                                                       const int32_t* cur, int32_t* below, int& c, int32_t& p0,
+                                                       int32_t& p1, ptrdiff_t x) {
+    int e;
+    const int v = step(cur[x], src[x], c, e);
+    below[x - 1] = p0 + 3 * e;
+    p0 = p1 + 5 * e;
+    p1 = e;
+    return uint32_t(v) >> 7;
+}
+
+// Groups g0 .. g1 - 1 where every row is on a whole byte (row k on byte
+// g - k): the lanes in locals, every row indexed by the same x (its
+// pointers moved back by its lag), one pixel of each row in turn.
+template <int R>
+void bwSteady(const CarryStep step, BwLane* lane, int g0, int g1) {
+    const uint8_t* src[R];
+    const int32_t* cur[R];
+    int32_t* below[R];
+    uint8_t* dst[R];
+    int c[R];
+    int32_t p0[R], p1[R];
+    for (int k = 0; k < R; ++k) {
+        const ptrdiff_t back = ptrdiff_t(8 * kLag * k);
+        src[k] = lane[k].src - back, cur[k] = lane[k].cur - back, below[k] = lane[k].below - back;
+        dst[k] = lane[k].dst - kLag * k;
+        c[k] = lane[k].c, p0[k] = lane[k].p0, p1[k] = lane[k].p1;
+    }
+    for (int g = g0; g < g1; ++g) {
+        uint32_t bits[R] = {};
+        const ptrdiff_t x0 = ptrdiff_t(8) * g;
+#pragma GCC unroll 8
+        for (int i = 0; i < 8; ++i) {
+#pragma GCC unroll 8
+            for (int k = 0; k < R; ++k)
+                bits[k] = bits[k] * 2 + bwPixel(step, src[k], cur[k], below[k], c[k], p0[k], p1[k], x0 + i);
+        }
+        for (int k = 0; k < R; ++k) dst[k][g] = uint8_t(bits[k]);
+    }
+    for (int k = 0; k < R; ++k) lane[k].c = c[k], lane[k].p0 = p0[k], lane[k].p1 = p1[k];
+}
+
+template <int R>
+void greyFloydBlackWhiteRows(const uint8_t* const* src, uint8_t* const* dst, int32_t* const* err, int w) {
+    const CarryStep step = CarryStep::of<kSet2>();
+    BwLane lane[R];
+    for (int k = 0; k < R; ++k) lane[k] = {src[k], err[k], err[k + 1], dst[k], 0, 0, 0};
+    const int bytes = (w + 7) / 8, full = w / 8;
+    // One byte of one row (a short last byte included), and the row's end.
+    auto oneByte = [&](BwLane& l, int b) {
+        const int n = std::min(8, w - 8 * b);
+        uint32_t bits = 0;
+        for (int i = 0; i < n; ++i) bits = bits << 1 | bwPixel(step, l.src, l.cur, l.below, l.c, l.p0, l.p1, 8 * b + i);
+        l.dst[b] = uint8_t(bits << (8 - n));
+        if (8 * b + n == w) {
+            l.below[w - 1] = l.p0;
+            l.below[w] = l.p1;
+        }
+    };
+    auto group = [&](int g) {
+        for (int k = 0; k < R; ++k) {
+            const int b = g - kLag * k;
+            if (b >= 0 && b < bytes) oneByte(lane[k], b);
+        }
+    };
+    // Rows entering, every row on a whole byte (row 0 not on its last byte,
+    // which ends the row), rows leaving.
+    const int g0 = kLag * (R - 1), g1 = std::max(g0, full - 1);
+    int g = 0;
+    for (; g < g0; ++g) group(g);
+    if (g1 > g0) bwSteady<R>(step, lane, g0, g1);
+    for (g = g1; g < bytes + kLag * (R - 1); ++g) group(g);
+}
+
+using RowsFn = void (*)(const uint8_t* const*, uint8_t* const*, int32_t* const*, int);
+constexpr int kWaveMax = 8;
+constexpr int kDitherWaveRows = 4;  // rows per block by default (measured: docs/dither.md)
+RowsFn waveKernel(int rows) {
+    switch (rows) {
+        case 2: return &greyFloydBlackWhiteRows<2>;
+        case 4: return &greyFloydBlackWhiteRows<4>;
+        case 8: return &greyFloydBlackWhiteRows<8>;
+        default: return nullptr;
+    }
+}
+
 void greyNearestRow(DitherState& s, const uint8_t* src, uint8_t* out) {
     for (int x = 0; x < s.width; ++x) out[x] = s.greyIndex[src[x]];
 }
@@ -760,6 +903,7 @@ QKind quantiserKind(int code) {
 
 namespace testhook {
 bool ditherPlainKernels = false;
+int ditherWaveRows = 0;
 }
 
 namespace {
@@ -802,6 +946,8 @@ void freeState(DitherState* s) noexcept {
     memFree(s->ownedTable);
     memFree(s->rowBlock);
     memFree(s->scratch);
+    memFree(s->waveRows);
+    memFree(s->waveGrey);
     s->magic = 0;
     memFree(s);
 }
@@ -1108,14 +1254,25 @@ KAPI int32_t K_StartDitheringExt(BITMAPRECORD* pBitmap, const RGBQUAD* pPalette,
     return startRun(pBitmap, pPalette, uColors, nBits, pMatchTable);
 }
 
-KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t* pDstRow) {
-    if (!pBitmap) return KS_INVALID_PARAMETER;
-    if (!recordSizeValid(pBitmap->uStructSize)) return KS_INVALID_STRUCT_SIZE;
-    DitherState* s = runOf(pBitmap);
-    if (!s || !pSrcRow || !pDstRow) return KS_INVALID_PARAMETER;
-    if (pBitmap->nWidth != s->width || pBitmap->nBitsPerPixel != s->srcBits || pBitmap->nOrder != s->srcOrder)
-        return KS_INVALID_PARAMETER;
+namespace krn {
+namespace {
 
+// The record's run, when the record still describes its source format.
+DitherState* checkedRun(BITMAPRECORD* bm, int32_t& rc) {
+    rc = KS_INVALID_PARAMETER;
+    if (!bm) return nullptr;
+    if (!recordSizeValid(bm->uStructSize)) {
+        rc = KS_INVALID_STRUCT_SIZE;
+        return nullptr;
+    }
+    DitherState* s = runOf(bm);
+    if (!s || bm->nWidth != s->width || bm->nBitsPerPixel != s->srcBits || bm->nOrder != s->srcOrder) return nullptr;
+    rc = KS_SUCCESS;
+    return s;
+}
+
+// One row of the run (K_DitherLine after its checks).
+int32_t ditherOneRow(DitherState* s, const uint8_t* pSrcRow, uint8_t* pDstRow) {
     // Bring the row to 8-bit samples first: a failure leaves the run as it was.
     const uint8_t* src = pSrcRow;
     if (s->grey) {
@@ -1161,6 +1318,104 @@ KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t
     }
     ++s->line;
     return KS_SUCCESS;
+}
+
+// A grey row of a block holds a source row and the converter's work on it
+// (as bgrRow does).
+size_t waveGreyStride(const DitherState& s) {
+    return std::max(convertBufferBytes(s.width, s.srcBits, 24), size_t(s.width) * 3);
+}
+
+// The rows of a block as 8-bit grey the kernels read: as they are, or
+// through the palette table or the converter into the block's grey rows.
+int32_t greyRowsOf(DitherState& s, const uint8_t* const* src, int rows, const uint8_t** out) {
+    for (int k = 0; k < rows; ++k) {
+        if (s.greyIsIndex) {
+            out[k] = src[k];
+            continue;
+        }
+        uint8_t* g = s.waveGrey + size_t(k) * waveGreyStride(s);
+        if (s.greyByLut) {
+            for (int x = 0; x < s.width; ++x) g[x] = s.greyOfIndex[src[k][x]];
+        } else {
+            std::memcpy(g, src[k], s.srcRowBytes);
+            int32_t r = convertBuffer(g, s.width, s.srcBits, 0, s.srcOrder, ORDER_GRAY, s.srcPalette, nullptr,
+                                      nullptr, kConvertSrcRange | kConvertDstGray, s.lowBit, s.highBit, 0, nullptr);
+            if (r != KS_SUCCESS) return r;
+        }
+        out[k] = g;
+    }
+    return KS_SUCCESS;
+}
+
+// Rows per block of the run's wavefront; 1 when the run goes row by row.
+int waveRowsOf(const DitherState& s) {
+    if (s.kernel != &greyFloydBlackWhiteRow) return 1;
+    const int hook = testhook::ditherWaveRows;
+    return hook ? hook : kDitherWaveRows;
+}
+
+}  // namespace
+
+int ditherBlockRows(const BITMAPRECORD* bm) noexcept {
+    auto* s = static_cast<const DitherState*>(bm ? bm->pDitherState : nullptr);
+    return s && s->magic == kStateMagic ? waveRowsOf(*s) : 1;
+}
+
+int32_t ditherRows(BITMAPRECORD* bm, const uint8_t* const* src, uint8_t* const* dst, int32_t rows) noexcept {
+    int32_t rc;
+    DitherState* s = checkedRun(bm, rc);
+    if (!s) return rc;
+    if (rows < 0 || (rows > 0 && (!src || !dst))) return KS_INVALID_PARAMETER;
+    for (int32_t k = 0; k < rows; ++k)
+        if (!src[k] || !dst[k]) return KS_INVALID_PARAMETER;
+    const int R = waveRowsOf(*s);
+    const RowsFn kernel = waveKernel(R);
+    int32_t y = 0;
+    if (kernel && rows >= R) {
+        // The block's buffers, once per run: a failure leaves the run as it was.
+        const size_t rowLen = size_t(s->width) + 2;
+        if (!s->waveRows) {
+            s->waveRows = static_cast<int32_t*>(memAlloc(rowLen * (kWaveMax - 1) * sizeof(int32_t)));
+            if (!s->waveRows) return KS_NO_MEMORY;
+        }
+        if (!s->greyIsIndex && !s->waveGrey) {
+            s->waveGrey = static_cast<uint8_t*>(memAlloc(waveGreyStride(*s) * kWaveMax + 16));
+            if (!s->waveGrey) return KS_NO_MEMORY;
+        }
+        for (; y + R <= rows; y += R) {
+            const uint8_t* grey[kWaveMax];
+            rc = greyRowsOf(*s, src + y, R, grey);
+            if (rc != KS_SUCCESS) return rc;
+            // The errors the last row left (rows[1]) feed the first row of the
+            // block; the last row of the block writes into rows[0], which
+            // nothing reads any more, and that becomes the pending row.
+            int32_t* err[kWaveMax + 1];
+            err[0] = s->rows[1] + 1;
+            for (int k = 1; k < R; ++k) err[k] = s->waveRows + rowLen * size_t(k - 1) + 1;
+            err[R] = s->rows[0] + 1;
+            kernel(grey, dst + y, err, s->width);
+            std::swap(s->rows[0], s->rows[1]);
+            s->line += uint32_t(R);
+        }
+    }
+    for (; y < rows; ++y) {
+        rc = ditherOneRow(s, src[y], dst[y]);
+        if (rc != KS_SUCCESS) return rc;
+    }
+    return KS_SUCCESS;
+}
+
+}  // namespace krn
+
+using namespace krn;
+
+KAPI int32_t K_DitherLine(BITMAPRECORD* pBitmap, const uint8_t* pSrcRow, uint8_t* pDstRow) {
+    int32_t rc;
+    DitherState* s = checkedRun(pBitmap, rc);
+    if (!s) return rc;
+    if (!pSrcRow || !pDstRow) return KS_INVALID_PARAMETER;
+    return ditherOneRow(s, pSrcRow, pDstRow);
 }
 
 KAPI int32_t K_StopDithering(BITMAPRECORD* pBitmap) {

@@ -66,7 +66,23 @@ int ditherRunCode(const BITMAPRECORD* bm) noexcept;
 // all-grey target).
 bool ditherRunIsGrey(const BITMAPRECORD* bm) noexcept;
 
+// Whole images: dithers `rows` consecutive rows of the record's run, the
+// same as K_DitherLine on src[k], dst[k] in turn (bit for bit), but with
+// blocks of rows in one loop where the run's kernel allows (Floyd-Steinberg
+// to black and white from grey: a wavefront over the block's rows). The
+// rows must not overlap one another. Status as K_DitherLine's; -1 when the
+// block's buffers cannot be allocated (the run is then as it was). After a
+// failure on a later block the earlier blocks are done.
+int32_t ditherRows(BITMAPRECORD* bm, const uint8_t* const* src, uint8_t* const* dst, int32_t rows) noexcept;
+
+// The rows per block that ditherRows works best with for the record's run
+// (1 when it goes row by row); callers feed multiples of it.
+int ditherBlockRows(const BITMAPRECORD* bm) noexcept;
+
 namespace testhook {
+// Rows per wavefront block of ditherRows: 0 the default, 1 row by row, or
+// 2, 4, 8 (tests compare them).
+extern int ditherWaveRows;
 // Makes runs of method 1 started from now on use the plain tap loop instead
 // of the register-rolling kernel (tests compare the two).
 extern bool ditherPlainKernels;
