@@ -89,10 +89,8 @@ struct Ctx {
         }
     }
     void putHrgn(int h, HRGN v) {
-        if (!v) return;
-        if (hrgnLive[h]) DeleteObject(hrgn[h]);
-        hrgn[h] = v;
-        hrgnLive[h] = true;
+        if (v && hrgnLive[h]) DeleteObject(hrgn[h]);
+        if (v) hrgn[h] = v, hrgnLive[h] = true;
     }
 
     // The record of slot s shown with a size word of no layout until the
@@ -105,7 +103,7 @@ struct Ctx {
         BITMAPRECORD* r = &bm[s];
         if (relabelled >= 0) return;
         if (r->pCallbacks || r->hListBlock || ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize)) return;
-        const uint32_t to = kSizeWords[byte() % (sizeof kSizeWords / sizeof kSizeWords[0])];
+        const uint32_t to = pick(kSizeWords);
         if (r->uStructSize != BITMAPRECORD_SIZE && to == BITMAPRECORD_SIZE) return;
         if (krn::recordSizeValid(to)) return;
         relabelled = s;
@@ -122,24 +120,20 @@ struct Ctx {
         return v;
     }
     template <class T, size_t N>
-    T pick(const T (&t)[N]) {
-        return t[byte() % N];
-    }
+    T pick(const T (&t)[N]) { return t[byte() % N]; }
     // Mostly table values, sometimes a raw word.
     int32_t i32() {
-        uint8_t b = byte();
-        if (b < 200) return kI32[b % (sizeof kI32 / sizeof kI32[0])];
-        if (b < 240) return int32_t(b) - 220;
-        return int32_t(u32());
+        const uint8_t b = byte();
+        return b < 200 ? kI32[b % std::size(kI32)] : b < 240 ? int32_t(b) - 220 : int32_t(u32());
     }
     int32_t coord() {
-        uint8_t b = byte();
+        const uint8_t b = byte();
         return b < 160 ? int32_t(b % 80) - 8 : i32();
     }
     uint32_t u32v() { return uint32_t(i32()); }
     uint64_t size64() {
-        uint8_t b = byte();
-        return b < 128 ? b : kSizes[b % (sizeof kSizes / sizeof kSizes[0])];
+        const uint8_t b = byte();
+        return b < 128 ? b : kSizes[b % std::size(kSizes)];
     }
     // A small value below `lim` (picked with a byte below `cut`) or a hostile one.
     int32_t small(int32_t lim, uint8_t cut = 200) { return byte() < cut ? int32_t(byte() % lim) : i32(); }
@@ -150,11 +144,9 @@ struct Ctx {
 
     // ---- pool
     BITMAPRECORD* rec() {
-        uint8_t b = byte();
+        const uint8_t b = byte();
         if (b >= 212 && b < 230) relabel(b % kSlots);  // this call sees another size word
-        if (b < 230) return &bm[b % kSlots];
-        if (b < 245) return &foreign;
-        return nullptr;
+        return b < 230 ? &bm[b % kSlots] : b < 245 ? &foreign : nullptr;
     }
     int slot() { return byte() % kSlots; }
     uint8_t* buffer(size_t* size) {
@@ -169,29 +161,25 @@ struct Ctx {
     }
     OrvaRgn** rgnSlot() { return &rgn[byte() % kRgns]; }
     OrvaRgn* rgnOrNull() {
-        uint8_t b = byte();
+        const uint8_t b = byte();
         return b < 240 ? rgn[b % kRgns] : nullptr;
     }
     // A handle of the pool's own kind, of the other kind, never a handle, null or all ones.
     void* anyHandle(void* const* own, void* const* other) {
-        uint8_t b = byte();
-        if (b < 200) return own[b % kHandles];
-        if (b < 220) return other[b % kHandles];
-        if (b < 235) return &foreign;
-        return reinterpret_cast<void*>(uintptr_t(b < 245 ? 0 : ~uintptr_t(0)));
+        const uint8_t b = byte();
+        if (b < 220) return b < 200 ? own[b % kHandles] : other[b % kHandles];
+        return b < 235 ? &foreign : reinterpret_cast<void*>(uintptr_t(b < 245 ? 0 : ~uintptr_t(0)));
     }
     HRGN handle() { return HRGN(anyHandle(reinterpret_cast<void**>(hrgn), glob)); }
     HGLOBAL ghandle() { return anyHandle(glob, reinterpret_cast<void**>(hrgn)); }
     const RGNXFORM* xform() {
-        uint8_t b = byte();
+        const uint8_t b = byte();
         if (b >= 230) return nullptr;
         xf = RGNXFORM{int32_t(b % 10), 1, 1, 1, 1, 0, 0};
         if (b & 0x10) xf = RGNXFORM{i32(), i32(), i32(), i32(), i32(), i32(), i32()};
         return &xf;
     }
-    void palette(RGBQUAD (&pal)[256]) {
-        for (auto& q : pal) q = RGBQUAD{byte(), byte(), byte(), 0};
-    }
+    void palette(RGBQUAD (&pal)[256]) { for (auto& q : pal) q = RGBQUAD{byte(), byte(), byte(), 0}; }
 };
 
 // ---------------------------------------------------------------- the contract
@@ -610,44 +598,34 @@ void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn* out) {
 }
 void opOrvaRgn(Ctx& c) {
     OrvaRgn** slot = c.rgnSlot();
-    OrvaRgn* out = nullptr;
+    OrvaRgn *out = nullptr, *a, *b;
+    POINT pts[8];
+    uint8_t flags[8];
+    int32_t x1, x2, count;
+    RECT box;
     switch (c.byte() % 9) {
         case 0:
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
             K_CreateOrvaRgnRect(c.orNull(slot), c.rectp());
             break;
-        case 1: {
-            OrvaRgn* src = c.rgnOrNull();
-            if (*slot == src) return;
+        case 1:
+            if ((a = c.rgnOrNull()) == *slot) return;
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            K_CopyOrvaRgn(slot, src);
+            K_CopyOrvaRgn(slot, a);
             break;
-        }
         case 2: K_OffsetOrvaRgn(*slot, c.i32(), c.i32()); break;
-        case 3: {
-            OrvaRgn* a = c.rgnOrNull();
-            OrvaRgn* b = c.rgnOrNull();
+        case 3:
+            a = c.rgnOrNull(), b = c.rgnOrNull();
             keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), out);
             break;
-        }
-        case 4: {
-            int32_t x1, x2;
-            RECT b;
-            K_IsPtInOrvaRgn(*slot, c.coord(), c.coord(), &x1, &x2);
-            K_GetOrvaRgnBounds(*slot, c.orNull(&b));
-            break;
-        }
+        case 4: K_IsPtInOrvaRgn(*slot, c.coord(), c.coord(), &x1, &x2), K_GetOrvaRgnBounds(*slot, c.orNull(&box)); break;
         case 5: K_ClipOrvaRgnRect(*slot, c.rectp()); break;
         case 6: K_ScaleOrvaRgn(*slot, c.i32(), c.i32(), c.i32(), c.i32()); break;
-        case 7: {
-            POINT pts[8];
-            uint8_t flags[8];
-            const int32_t count = c.byte() < 220 ? c.byte() % 9 : c.i32();
+        case 7:
+            count = c.byte() < 220 ? c.byte() % 9 : c.i32();
             for (int k = 0; k < 8; ++k) pts[k] = POINT{c.coord(), c.coord()}, flags[k] = c.byte();
-            if (count > 8) return;
-            keepRgn(slot, K_SegmentsToRegion(&out, pts, flags, count, c.byte() % 4), out);
+            if (count <= 8) keepRgn(slot, K_SegmentsToRegion(&out, pts, flags, count, c.byte() % 4), out);
             break;
-        }
         default: {
             HRGN h = c.handle();
             keepRgn(slot, K_ConvertHandleToRgn(h, &out), out);
@@ -655,26 +633,24 @@ void opOrvaRgn(Ctx& c) {
     }
 }
 void opHrgn(Ctx& c) {
-    const int h = c.byte() % kHandles;
-    const int which = c.byte() % 12;
+    const int h = c.byte() % kHandles, which = c.byte() % 12;
+    POINT pts[8];
+    RECT box;
+    HRGN v = nullptr;
+    uint8_t out[64];
+    int32_t count;
+    auto del = [&](HRGN g) { return which == 8 ? DeleteObject(g) != 0 : K_WinDeleteObject(g) == KS_SUCCESS; };
     switch (which) {
         case 0: c.putHrgn(h, CreateRectRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
         case 1: c.putHrgn(h, CreateEllipticRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
-        case 2: {
-            POINT pts[8];
+        case 2:
             for (auto& q : pts) q = POINT{c.coord(), c.coord()};
-            const int32_t count = c.byte() < 220 ? c.byte() % 9 : c.i32();
+            count = c.byte() < 220 ? c.byte() % 9 : c.i32();
             if (count <= 8) c.putHrgn(h, CreatePolygonRgn(c.orNull(pts), count, c.byte() % 4));
             break;
-        }
         case 3: CombineRgn(c.handle(), c.handle(), c.handle(), c.byte() % 8 - 1); break;
         case 4: OffsetRgn(c.handle(), c.i32(), c.i32()); break;
-        case 5: {
-            RECT b;
-            GetRgnBox(c.handle(), c.orNull(&b));
-            PtInRegion(c.handle(), c.coord(), c.coord());
-            break;
-        }
+        case 5: GetRgnBox(c.handle(), c.orNull(&box)), PtInRegion(c.handle(), c.coord(), c.coord()); break;
         case 6: {
             // Region data out and back in through ExtCreateRegion.
             HRGN src = c.handle();
@@ -689,73 +665,60 @@ void opHrgn(Ctx& c) {
             break;
         }
         case 7: SetRectRgn(c.handle(), c.coord(), c.coord(), c.coord(), c.coord()); break;
-        case 9: {
-            uint8_t out[64];
-            const int32_t n = c.byte() < 200 ? c.byte() % 65 : c.i32();
-            if (n <= 64) GetObject(c.handle(), n, c.orNull(out));
+        case 9:
+            if ((count = c.byte() < 200 ? c.byte() % 65 : c.i32()) <= 64) GetObject(c.handle(), count, c.orNull(out));
             break;
-        }
-        case 10: {
-            HRGN v = nullptr;
+        case 10:
             if (K_WinCreateRectRgn(c.orNull(&v), c.coord(), c.coord(), c.coord(), c.coord()) == KS_SUCCESS) c.putHrgn(h, v);
             break;
-        }
-        default: {
+        default:
             // Deletes (emulated and kernel form): a live handle must go (its value
             // stays, a freed handle from now on), any other is looked up.
-            auto del = [&](HRGN g) { return which == 8 ? DeleteObject(g) != 0 : K_WinDeleteObject(g) == KS_SUCCESS; };
-            if (c.hrgnLive[h]) {
-                if (!del(c.hrgn[h])) fail(c.op, "delete of a live region failed");
-                c.hrgnLive[h] = false;
-            } else if (HRGN g = c.handle(); del(g)) {
-                c.forget(g);
-            }
-        }
+            if (c.hrgnLive[h] && !del(c.hrgn[h])) fail(c.op, "delete of a live region failed");
+            if (c.hrgnLive[h]) c.hrgnLive[h] = false;
+            else if (HRGN g = c.handle(); del(g)) c.forget(g);
     }
 }
 void opBitmapRgn(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const RGNXFORM* xf = c.xform();
     const uint32_t mode = c.usmall(7, 220);
+    OrvaRgn** slot;
+    OrvaRgn* g;
+    POINT pts[8];
+    BITMAPRECORD* m;
+    uint64_t area;
+    RECT box;
+    HRGN v = nullptr;
+    uint32_t count, mx = 0;
+    int32_t need = 0;
     switch (c.byte() % 16) {
-        case 0: {
-            // Ownership passes to the call (freed also on failure).
-            OrvaRgn** slot = c.rgnSlot();
-            OrvaRgn* g = *slot;
-            *slot = nullptr;
+        case 0:  // ownership passes to the call (freed also on failure)
+            slot = c.rgnSlot(), g = *slot, *slot = nullptr;
             check(c, {r}, [&] { return K_SetBitmapRgn(r, xf, g, mode); });
             break;
-        }
         case 1: check(c, {r}, [&] { return K_SetBitmapRgnRect(r, xf, c.rectp(), mode); }); break;
         case 2: check(c, {r}, [&] { return K_SetBitmapRgnEllipse(r, xf, c.rectp(), mode); }); break;
-        case 3: {
-            POINT pts[8];
+        case 3:
             for (auto& q : pts) q = POINT{c.coord(), c.coord()};
-            const uint32_t count = c.usmall(9, 220);
-            if (count <= 8) check(c, {r}, [&] { return K_SetBitmapRgnPolygon(r, xf, pts, count, c.byte() % 4, mode); });
+            if ((count = c.usmall(9, 220)) <= 8) check(c, {r}, [&] { return K_SetBitmapRgnPolygon(r, xf, pts, count, c.byte() % 4, mode); });
             break;
-        }
         case 4: check(c, {r}, [&] { return K_SetBitmapRgnHandle(r, xf, c.handle(), mode); }); break;
-        case 5: {
-            BITMAPRECORD* m = c.rec();
+        case 5:
+            m = c.rec();
             check(c, {r, m}, [&] { return K_SetBitmapRgnFromMask(r, xf, m, mode); });
             break;
-        }
         case 6: check(c, {r}, [&] { return K_SetBitmapRgnColor(r, c.u32v(), mode); }); break;
-        case 7: {
-            uint64_t area;
-            RECT b;
+        case 7:
             check(c, {r}, [&] { return K_BitmapHasRgn(r); });
             check(c, {r}, [&] { return K_GetBitmapRgnArea(r, c.orNull(&area)); });
-            check(c, {r}, [&] { return K_GetBitmapRgnBounds(r, xf, c.orNull(&b)); });
+            check(c, {r}, [&] { return K_GetBitmapRgnBounds(r, xf, c.orNull(&box)); });
             check(c, {r}, [&] { return K_IsPtInBitmapRgn(r, c.coord(), c.coord()); });
             break;
-        }
         case 8: {
-            uint32_t mx = 0;
             check(c, {r}, [&] { return K_GetBitmapClipSegmentsMax(r, &mx); });
             std::vector<int32_t> seg(size_t(std::min<uint32_t>(mx, 4096)) * 2 + 2);
-            uint32_t count = uint32_t(seg.size() / 2);
+            count = uint32_t(seg.size() / 2);
             if (c.byte() > 220) count = c.byte() % 3;  // too small: refused with the needed count
             check(c, {r}, [&] { return K_GetBitmapClipSegments(r, c.coord(), seg.data(), &count); });
             break;
@@ -766,42 +729,37 @@ void opBitmapRgn(Ctx& c) {
             if (c.byte() & 1) check(c, {r}, [&] { return K_FlipBitmapRgn(r); });
             else check(c, {r}, [&] { return K_ReverseBitmapRgn(r); });
             break;
-        case 12: {
-            HRGN v = nullptr;
+        case 12:
             if (check(c, {r}, [&] { return K_GetBitmapRgnHandle(r, xf, c.orNull(&v)); }) == KS_SUCCESS && v)
                 c.putHrgn(c.byte() % kHandles, v);
             break;
-        }
         case 13: {
-            int32_t need = 0;
             check(c, {r}, [&] { need = K_GetBitmapRgnData(r, xf, 0, nullptr); return int64_t(0); });
             if (need <= 0 || need > int32_t(kBuf) * 8) return;
             std::vector<uint8_t> data(static_cast<size_t>(need));
+            const auto* rd = reinterpret_cast<RGNDATA*>(data.data());
             const int32_t given = c.byte() < 220 ? need : int32_t(c.u32v() % uint32_t(need + 1));
             check(c, {r}, [&] { return K_GetBitmapRgnData(r, xf, given, reinterpret_cast<RGNDATA*>(data.data())); });
             BITMAPRECORD* d = c.rec();
             const int32_t back = c.byte() < 220 ? need : c.i32();
-            if (back > need) return;
-            check(c, {d}, [&] { return K_SetBitmapRgnData(d, xf, back, reinterpret_cast<const RGNDATA*>(data.data()), mode); });
+            if (back <= need) check(c, {d}, [&] { return K_SetBitmapRgnData(d, xf, back, rd, mode); });
             break;
         }
-        case 14: {
+        case 14:
             // The mask record is made afresh. (A mask as large as a huge source would only slow the run down.)
-            BITMAPRECORD* m = c.rec();
+            m = c.rec();
             if (m == r || (r && plannedSize(r->nWidth, r->nHeight, 1) > kMaxData)) return;
             fresh(c, m);
-            const uint32_t sw = c.sizeWord(200);
-            check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, sw); }, 2);
+            count = c.sizeWord(200);
+            check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, count); }, 2);
             break;
-        }
-        default: {
+        default:
             // The destination's region pointer is cleared without being freed
             // (destinations come without one): a caller's duty.
-            BITMAPRECORD* s = c.rec();
+            m = c.rec();
             if (r && r->hRgn) return;
-            check(c, {r, s}, [&] { return K_CopyBitmapRgn(r, s, c.i32(), c.i32()); });
+            check(c, {r, m}, [&] { return K_CopyBitmapRgn(r, m, c.i32(), c.i32()); });
             if (c.byte() & 1) check(c, {r}, [&] { return K_FreeBitmapRgn(r); });
-        }
     }
 }
 
@@ -855,17 +813,18 @@ void opRects(Ctx& c) {
 // ---------------------------------------------------------------- family: runtime services
 void opGlobal(Ctx& c) {
     const int h = c.byte() % kHandles;
+    HGLOBAL g = nullptr;
+    wchar_t msg[64], lib[64];
+    int32_t id, known;
     switch (c.byte() % 6) {
-        case 0: {
-            HGLOBAL g = K_GlobalAlloc(c.usmall(0x50), size_t(c.size64()) % (1u << 20));
-            if (!g) return;
+        case 0:
+            if (!(g = K_GlobalAlloc(c.usmall(0x50), size_t(c.size64()) % (1u << 20)))) return;
             if (c.globLive[h]) K_GlobalFree(c.glob[h]);
             c.glob[h] = g;
             c.globLive[h] = true;
             break;
-        }
         case 1: {
-            HGLOBAL g = c.ghandle();
+            g = c.ghandle();
             const size_t sz = size_t(c.size64());
             HGLOBAL n = K_GlobalReAlloc(g, sz > (1u << 20) && c.byte() < 250 ? sz % (1u << 20) : sz, c.u32v());
             for (int k = 0; n && n != g && k < kHandles; ++k)
@@ -873,73 +832,53 @@ void opGlobal(Ctx& c) {
             break;
         }
         case 2:
-            if (c.globLive[h]) {
-                if (K_GlobalFree(c.glob[h]) != nullptr) fail(c.op, "free of a live block failed");
-                c.globLive[h] = false;
-            } else if (HGLOBAL g = c.ghandle(); K_GlobalFree(g) == nullptr) {
-                c.forget(g);
-            }
+            if (c.globLive[h] && K_GlobalFree(c.glob[h]) != nullptr) fail(c.op, "free of a live block failed");
+            if (c.globLive[h]) c.globLive[h] = false;
+            else if (g = c.ghandle(); K_GlobalFree(g) == nullptr) c.forget(g);
             break;
-        case 3: {
-            HGLOBAL g = c.ghandle();
-            if (void* p = K_GlobalLock(g)) {
+        case 3:
+            if (void* p = K_GlobalLock(g = c.ghandle())) {
                 const size_t s = K_GlobalSize(g);
                 if (s) static_cast<volatile uint8_t*>(p)[s - 1] = 1;  // the whole size is usable
                 K_GlobalUnlock(g);
             }
             break;
-        }
         case 4: K_GlobalUnlock(c.ghandle()), K_GlobalSize(c.ghandle()); break;
-        default: {
-            wchar_t msg[64], lib[64];
-            int32_t id, known;
-            const uint32_t chars = c.usmall(65, 220);
-            if (chars <= 64) K_GetFriendlyErrorMessage(c.i32(), c.orNull(msg), chars, lib);
+        default:
+            if (const uint32_t chars = c.usmall(65, 220); chars <= 64) K_GetFriendlyErrorMessage(c.i32(), c.orNull(msg), chars, lib);
             K_GetLibIdFromErrorCode(c.i32(), &id, c.orNull(&known));
-        }
     }
 }
 void opMisc(Ctx& c) {
+    uint32_t hsv[3], written, cap;
+    char src[32], dir[64];
+    wchar_t w[32];
+    uint16_t u16[32];
+    TEMPFILEOPTIONS o{};
+    STATUSCALLBACK f;
+    void* u;
+    size_t size;
+    int32_t len;
     switch (c.byte() % 8) {
         case 0: K_SetDefaultXResolution(c.i32()), K_SetDefaultYResolution(c.i32()); break;
-        case 1: {
-            uint32_t hsv[3] = {c.u32v(), c.u32v(), c.u32v()};
-            K_HSVtoRGB2(hsv);
-            K_RGBtoHSV2(c.u32v(), c.orNull(hsv));
-            K_HSVtoRGB(c.u32v()), K_RGBtoHSV(c.u32v());
+        case 1:
+            for (auto& v : hsv) v = c.u32v();
+            K_HSVtoRGB2(hsv), K_RGBtoHSV2(c.u32v(), c.orNull(hsv)), K_HSVtoRGB(c.u32v()), K_RGBtoHSV(c.u32v());
             break;
-        }
-        case 2: {
-            char src[32];
-            wchar_t w[32];
-            uint16_t u[32];
-            uint32_t written;
+        case 2:
             for (auto& ch : src) ch = char(c.byte());
             src[31] = 0;  // a negative length reads up to the terminator
-            const int32_t len = c.small(33);
-            const uint32_t cap = c.byte() % 33;
-            if (len > 32) return;
-            K_Utf8ToWide(src, len, w, cap, &written);
-            K_Utf8ToUtf16(src, len, u, cap, &written);
+            len = c.small(33);
+            cap = c.byte() % 33;
+            if (len <= 32) K_Utf8ToWide(src, len, w, cap, &written), K_Utf8ToUtf16(src, len, u16, cap, &written);
             break;
-        }
-        case 3: {
-            TEMPFILEOPTIONS o{};
-            char dir[64];
+        case 3:
             K_GetTempFileOptions(c.orNull(&o), c.byte() < 200 ? TEMPFILEOPTIONS_SIZE : c.u32v());
-            const uint32_t cap = c.byte() % 65;
+            cap = c.byte() % 65;
             K_GetTempDirectoryUtf8(c.orNull(dir), cap);
             break;
-        }
-        case 4: {
-            STATUSCALLBACK f;
-            void* u;
-            K_GetStatusCallBack(&f, c.orNull(&u));
-            K_GetCopyStatusCallBack(c.orNull(&f), &u);
-            break;
-        }
+        case 4: K_GetStatusCallBack(&f, c.orNull(&u)), K_GetCopyStatusCallBack(c.orNull(&f), &u); break;
         case 5: {
-            size_t size;
             uint8_t* b = c.buffer(&size);
             const int32_t count = c.byte() < 220 ? c.byte() : c.i32();
             const int32_t lo = c.byte() % 40 - 4, hi = c.byte() % 40 - 4;
