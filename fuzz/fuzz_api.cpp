@@ -1149,105 +1149,93 @@ void makesList(Ctx& c, HBITMAPLIST* out, F&& call) {
 void opList(Ctx& c) {
     const uint8_t which = c.byte() % 12;
     const uint32_t index = c.usmall(6), count = c.usmall(5);
+    HBITMAPLIST h, *out;
+    BITMAPRECORD *r, *old, tmp;
+    int32_t rc, n, used = 0;
+    uint32_t size, got = 0xABCDu;
+    RGBQUAD pal[256];
+    const uint32_t bits[] = {0, BRF_FRAME_WAITINPUT, BRF_FRAME_TRANSPARENT, BRF_FRAME_ALPHAOVER};
     switch (which) {
-        case 0: {
-            HBITMAPLIST* h = newListSlot(c);
-            const int32_t rc = K_CreateBitmapList(c.orNull(h, 245));
-            if (rc == KS_SUCCESS) c.listLive[h - c.list] = true;
+        case 0:
+            out = newListSlot(c);
+            if ((rc = K_CreateBitmapList(c.orNull(out, 245))) == KS_SUCCESS) c.listLive[out - c.list] = true;
             else if (rc >= 0) fail(c.op, "create gave an odd status", rc);
             break;
-        }
         case 1: {
             const int k = c.byte() % kLists;
-            const int32_t rc = K_DestroyBitmapList(c.list[k]);
+            rc = K_DestroyBitmapList(c.list[k]);
             if (c.listLive[k] && rc != KS_SUCCESS) fail(c.op, "destroying a live list failed", rc);
             if (!c.listLive[k] && c.list[k] && rc == KS_SUCCESS) fail(c.op, "a destroyed list was destroyed again");
             c.listLive[k] = false;
             break;
         }
-        case 2: {
-            uint32_t n = 0xABCDu;
-            const int32_t rc = K_GetBitmapListCount(listHandle(c), c.orNull(&n, 245));
-            if (rc < 0 && n != 0xABCDu) fail(c.op, "a failing count wrote its result", rc);
+        case 2:
+            rc = K_GetBitmapListCount(listHandle(c), c.orNull(&got, 245));
+            if (rc < 0 && got != 0xABCDu) fail(c.op, "a failing count wrote its result", rc);
             break;
-        }
         case 3:
-        case 4: {
+        case 4:
             // Insert (or replace): the record's storage moves into the list.
-            BITMAPRECORD* r = c.rec();
-            if (r == &c.foreign) return;  // its owned fields would then belong to two owners
-            const HBITMAPLIST h = listHandle(c);
-            int64_t rc;
+            // (The garbage record's owned fields would then belong to two owners.)
+            if ((r = c.rec()) == &c.foreign) return;
+            h = listHandle(c);
             if (which == 3) {
-                rc = check(c, {r}, [&] { return K_InsertBitmapListItem(h, index, r); });
+                rc = int32_t(check(c, {r}, [&] { return K_InsertBitmapListItem(h, index, r); }));
             } else {
-                BITMAPRECORD* old = c.byte() & 1 ? nullptr : outRec(c, r);
-                if (old == r) return;
-                const uint32_t oldSize = c.sizeWord(220);
-                rc = check(c, {r, old}, [&] { return K_ReplaceBitmapListItem(h, index, r, old, oldSize); }, 2u);
+                if ((old = c.byte() & 1 ? nullptr : outRec(c, r)) == r) return;
+                size = c.sizeWord(220);
+                rc = int32_t(check(c, {r, old}, [&] { return K_ReplaceBitmapListItem(h, index, r, old, size); }, 2u));
             }
             if (rc == KS_SUCCESS) handedOver(c, r);
             break;
-        }
-        case 5: {
-            // Take an item out into a fresh slot, or free it (null).
-            BITMAPRECORD* r = c.byte() & 1 ? nullptr : outRec(c, nullptr);
+        case 5:  // take an item out into a fresh slot, or free it (null)
+            r = c.byte() & 1 ? nullptr : outRec(c, nullptr);
             check(c, {r}, [&] { return K_RemoveBitmapListItem(listHandle(c), index, r); }, 1u);
             break;
-        }
         case 6: (void)K_DeleteBitmapListItems(listHandle(c), index, count); break;
-        case 7: {
+        case 7:
             // Get a copy of an item (the list keeps ownership) and set it back,
             // with frame words of the caller's choosing for the playback.
-            BITMAPRECORD tmp;
             std::memset(&tmp, 0xEE, sizeof tmp);
-            const BITMAPRECORD untouched = tmp;
-            const HBITMAPLIST h = listHandle(c);
-            const uint32_t size = c.sizeWord(200);
-            const int32_t rc = K_GetBitmapListItem(h, index, c.orNull(&tmp, 245), size);
-            if (rc < 0 && std::memcmp(&tmp, &untouched, sizeof tmp) != 0) fail(c.op, "a failing get wrote its record", rc);
-            if (rc < 0 || size != BITMAPRECORD_SIZE) return;
+            h = listHandle(c);
+            size = c.sizeWord(200);
+            if ((rc = K_GetBitmapListItem(h, index, c.orNull(&tmp, 245), size)) < 0) {
+                for (size_t k = 0; k < sizeof tmp; ++k)
+                    if (reinterpret_cast<uint8_t*>(&tmp)[k] != 0xEE) fail(c.op, "a failing get wrote its record", rc);
+                return;
+            }
+            if (size != BITMAPRECORD_SIZE) return;
             FRAME_LEFT(&tmp) = c.coord();
             FRAME_TOP(&tmp) = c.coord();
             FRAME_DELAY(&tmp) = c.byte() < 200 ? 0u : c.u32v();
             FRAME_DISPOSAL(&tmp) = c.byte() % 5;
             FRAME_TRANSPARENT_COLOR(&tmp) = c.u32v();
-            const uint32_t bits[] = {0, BRF_FRAME_WAITINPUT, BRF_FRAME_TRANSPARENT, BRF_FRAME_ALPHAOVER};
             tmp.uFlags = (tmp.uFlags & ~(bits[1] | bits[2] | bits[3])) | c.pick(bits);
             if (K_SetBitmapListItem(h, index, &tmp) != KS_SUCCESS) fail(c.op, "setting back a got item failed");
             break;
-        }
-        case 8: {
-            // Deep copies into a new list.
-            HBITMAPLIST* out = newListSlot(c);
+        case 8:  // deep copies into a new list
+            out = newListSlot(c);
             makesList(c, out, [&](HBITMAPLIST* o) { return K_CopyBitmapListItems(o, listHandle(c), index, count); });
             break;
-        }
-        case 9: {
-            HBITMAPLIST src = listHandle(c);
-            makesList(c, newListSlot(c), [&](HBITMAPLIST* o) { return K_MoveBitmapListItems(o, src, index, count); });
+        case 9:
+            h = listHandle(c);
+            makesList(c, newListSlot(c), [&](HBITMAPLIST* o) { return K_MoveBitmapListItems(o, h, index, count); });
             break;
-        }
-        case 10: {
-            RGBQUAD pal[256];
+        case 10:
             std::memset(pal, 0xCD, sizeof pal);
-            int32_t used = 0;
-            const int32_t n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
+            n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
             (void)K_CreateBitmapListOptPal(listHandle(c), c.orNull(pal, 245), n > 256 ? 256 : n, c.small(8, 220), c.u32v(), &used);
             break;
-        }
-        default: {
+        default:
             // Setting an item to an empty record leaves the old item to the
             // caller: only an item that owns nothing is overwritten that way.
-            BITMAPRECORD tmp;
-            const HBITMAPLIST h = listHandle(c);
+            h = listHandle(c);
             if (K_GetBitmapListItem(h, index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS) {
                 (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
                 return;
             }
             if (tmp.uFlags & BRF_ALLOCATED || tmp.hRgn || tmp.pPalette || tmp.pCallbacks || tmp.hListBlock) return;
             if (K_SetBitmapListItem(h, index, nullptr) != KS_SUCCESS) fail(c.op, "clearing an item failed");
-        }
     }
 }
 // A playback handle: live, destroyed, null, or another kind of handle.
@@ -1272,76 +1260,62 @@ void destroyPlayback(Ctx& c, int k) {
 void opPlayback(Ctx& c) {
     const uint8_t which = c.byte() % 10;
     const int k = c.byte() % kPlays;
+    const int32_t depths[] = {1, 4, 8, 16, 24, 32, 48, 64};
+    BITMAPRECORD &t = c.target[k], *r;
+    HPLAYBACK h = nullptr;
+    HBITMAPLIST l;
     int32_t v = 0;
     uint32_t ms = 0;
     RECT rc{};
+    int j = 0;
     switch (which) {
-        case 0: {
+        case 0:
             // A new playback onto a small target of its own.
             destroyPlayback(c, k);
-            const int32_t depths[] = {1, 4, 8, 16, 24, 32, 48, 64};
-            BITMAPRECORD& t = c.target[k];
             std::memset(&t, 0, sizeof t);
             if (K_CreateBitmap(&t, BITMAPRECORD_SIZE, 1, int32_t(c.byte() % 48) + 1, int32_t(c.byte() % 48) + 1,
                                c.pick(depths), c.byte() % 3 - 1, nullptr, c.byte() % 8 + 1, nullptr, 0) != KS_SUCCESS)
                 return;
             FRAME_BACKGROUND_COLOR(&t) = c.u32v();
-            HPLAYBACK h = nullptr;
-            const HBITMAPLIST l = c.byte() & 1 ? nullptr : listHandle(c);
+            l = c.byte() & 1 ? nullptr : listHandle(c);
             if (check(c, {&t}, [&] { return K_CreatePlayback(c.orNull(&h, 245), &t, l); }) == KS_SUCCESS) {
-                c.play[k] = h;
-                c.playLive[k] = true;
-            } else {
-                if (h) fail(c.op, "a failing create made a playback");
-                K_FreeBitmap(&t);
+                c.play[k] = h, c.playLive[k] = true;
+                break;
             }
+            if (h) fail(c.op, "a failing create made a playback");
+            K_FreeBitmap(&t);
             break;
-        }
-        case 1: {
+        case 1:
             if (c.byte() & 1) {
                 destroyPlayback(c, k);
                 break;
             }
             // Only a live playback can be destroyed.
-            const HPLAYBACK h = playHandle(c);
-            if (K_DestroyPlayback(h) != KS_SUCCESS) break;
-            int j = 0;
+            if (K_DestroyPlayback(h = playHandle(c)) != KS_SUCCESS) break;
             while (j < kPlays && !(c.playLive[j] && c.play[j] == h)) ++j;
             if (j == kPlays) fail(c.op, "a handle that is not a live playback was destroyed");
             endPlayback(c, j);
             break;
-        }
-        case 2: {
-            // Steps of the state machine; the target stays a valid bitmap.
-            const HPLAYBACK h = playHandle(c);
-            const int steps = c.byte() % 24 + 1;
-            for (int s = 0; s < steps; ++s) {
-                int32_t state = -1;
-                if (K_ProcessPlayback(h, c.orNull(&state, 245)) != KS_SUCCESS) break;
-                if (state >= 0 && (state < PLAYBACK_STATE_CLEAR || state > PLAYBACK_STATE_END))
-                    fail(c.op, "a state outside the state machine", state);
-                if (state == PLAYBACK_STATE_WAITINPUT || state == PLAYBACK_STATE_WAITDELAY || state == PLAYBACK_STATE_WAITBOTH)
-                    K_CancelPlaybackWait(h);  // never sleep in the fuzzer
+        case 2:
+            // Steps of the state machine (never sleeping on a wait); the target stays a valid bitmap.
+            h = playHandle(c);
+            for (int s = 0, steps = c.byte() % 24 + 1; s < steps; ++s) {
+                v = -1;
+                if (K_ProcessPlayback(h, c.orNull(&v, 245)) != KS_SUCCESS) break;
+                if (v >= 0 && (v < PLAYBACK_STATE_CLEAR || v > PLAYBACK_STATE_END)) fail(c.op, "a state outside the state machine", v);
+                if (v == PLAYBACK_STATE_WAITINPUT || v == PLAYBACK_STATE_WAITDELAY || v == PLAYBACK_STATE_WAITBOTH) K_CancelPlaybackWait(h);
             }
             break;
-        }
         case 3: (void)K_SetPlaybackIndex(playHandle(c), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32()); break;
-        case 4: {
-            // A frame appended: its storage moves into the playback's list.
-            BITMAPRECORD* r = c.rec();
-            if (r != &c.foreign && check(c, {r}, [&] { return K_AppendPlayback(playHandle(c), r); }) == KS_SUCCESS)
+        case 4:  // a frame appended: its storage moves into the playback's list
+            if ((r = c.rec()) != &c.foreign && check(c, {r}, [&] { return K_AppendPlayback(playHandle(c), r); }) == KS_SUCCESS)
                 handedOver(c, r);
             break;
-        }
         case 5: (void)K_ValidatePlaybackLines(playHandle(c), c.i32(), c.i32()); break;
-        case 6:
-            (void)K_GetPlaybackUpdateRect(playHandle(c), c.orNull(&rc, 245), c.byte() & 1);
-            (void)K_ClearPlaybackUpdateRect(playHandle(c));
-            break;
+        case 6: K_GetPlaybackUpdateRect(playHandle(c), c.orNull(&rc, 245), c.byte() & 1), K_ClearPlaybackUpdateRect(playHandle(c)); break;
         case 7:
-            (void)K_GetPlaybackState(playHandle(c), c.orNull(&v, 245));
-            (void)K_GetPlaybackIndex(playHandle(c), c.orNull(&v, 245));
-            (void)K_GetPlaybackDelay(playHandle(c), c.orNull(&ms, 245));
+            K_GetPlaybackState(playHandle(c), c.orNull(&v, 245)), K_GetPlaybackIndex(playHandle(c), c.orNull(&v, 245));
+            K_GetPlaybackDelay(playHandle(c), c.orNull(&ms, 245));
             break;
         default: (void)K_CancelPlaybackWait(playHandle(c)); break;
     }
