@@ -1068,16 +1068,15 @@ void opDisplay(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const uint8_t which = c.byte() % 7;
     const int32_t v = c.i32();
+    uint8_t t8[256];
     switch (which) {
         case 0: check(c, {r}, [&] { return K_SetPaintIntensity(r, v); }); break;
         case 1: check(c, {r}, [&] { return K_SetPaintContrast(r, v); }); break;
         case 2: check(c, {r}, [&] { return K_SetPaintGamma(r, v); }); break;
         case 3: {
-            uint8_t t8[256];
             std::vector<uint16_t> t16(65536);
-            (void)K_GetPaintIntensity(r);
-            (void)K_GetPaintTable(r, c.byte() & 1 ? t8 : nullptr);
-            (void)K_GetPaintTable16(r, c.byte() & 1 ? t16.data() : nullptr);
+            K_GetPaintIntensity(r), K_GetPaintTable(r, c.byte() & 1 ? t8 : nullptr);
+            K_GetPaintTable16(r, c.byte() & 1 ? t16.data() : nullptr);
             break;
         }
         case 4: {
