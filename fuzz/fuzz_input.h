@@ -15,6 +15,13 @@ struct Input {
     bool more() const { return i < n; }
     uint8_t byte() { return i < n ? p[i++] : 0; }
     uint32_t u16() { return uint32_t(byte()) | uint32_t(byte()) << 8; }
+    uint32_t u32() {
+        uint32_t v = 0;
+        for (int k = 0; k < 4; ++k) v |= uint32_t(byte()) << (8 * k);
+        return v;
+    }
+    const uint8_t* rest() const { return p + i; }
+    size_t left() const { return n - i; }
 };
 
 }  // namespace fuzzinput
