@@ -590,11 +590,12 @@ void opDither(Ctx& c) {
 }
 
 // ---------------------------------------------------------------- family: regions
-// A region a call made goes to the slot (the slot's earlier one is deleted).
-void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn* out) {
-    if (rc < 0 || !out) return;
+// A region a call made (into *out) goes to the slot (the slot's earlier one is
+// deleted). *out is read here, after the call: never pass it by value.
+void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn** out) {
+    if (rc < 0 || !*out) return;
     if (*slot) K_DeleteOrvaRgn(*slot);
-    *slot = out;
+    *slot = *out;
 }
 void opOrvaRgn(Ctx& c) {
     OrvaRgn** slot = c.rgnSlot();
@@ -616,7 +617,7 @@ void opOrvaRgn(Ctx& c) {
         case 2: K_OffsetOrvaRgn(*slot, c.i32(), c.i32()); break;
         case 3:
             a = c.rgnOrNull(), b = c.rgnOrNull();
-            keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), out);
+            keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out);
             break;
         case 4: K_IsPtInOrvaRgn(*slot, c.coord(), c.coord(), &x1, &x2), K_GetOrvaRgnBounds(*slot, c.orNull(&box)); break;
         case 5: K_ClipOrvaRgnRect(*slot, c.rectp()); break;
@@ -624,11 +625,11 @@ void opOrvaRgn(Ctx& c) {
         case 7:
             count = c.byte() < 220 ? c.byte() % 9 : c.i32();
             for (int k = 0; k < 8; ++k) pts[k] = POINT{c.coord(), c.coord()}, flags[k] = c.byte();
-            if (count <= 8) keepRgn(slot, K_SegmentsToRegion(&out, pts, flags, count, c.byte() % 4), out);
+            if (count <= 8) keepRgn(slot, K_SegmentsToRegion(&out, pts, flags, count, c.byte() % 4), &out);
             break;
         default: {
             HRGN h = c.handle();
-            keepRgn(slot, K_ConvertHandleToRgn(h, &out), out);
+            keepRgn(slot, K_ConvertHandleToRgn(h, &out), &out);
         }
     }
 }
@@ -1212,9 +1213,10 @@ void opList(Ctx& c) {
             tmp.uFlags = (tmp.uFlags & ~(bits[1] | bits[2] | bits[3])) | c.pick(bits);
             if (K_SetBitmapListItem(h, index, &tmp) != KS_SUCCESS) fail(c.op, "setting back a got item failed");
             break;
-        case 8:  // deep copies into a new list
-            out = newListSlot(c);
-            makesList(c, out, [&](HBITMAPLIST* o) { return K_CopyBitmapListItems(o, listHandle(c), index, count); });
+        case 8:  // deep copies into a new list; nothing is made on failure
+            *(out = newListSlot(c)) = nullptr;
+            if ((rc = K_CopyBitmapListItems(c.orNull(out, 245), listHandle(c), index, count)) == KS_SUCCESS) c.listLive[out - c.list] = true;
+            else if (*out) fail(c.op, "a failing copy made a list", rc);
             break;
         case 9:
             h = listHandle(c);
