@@ -2,25 +2,22 @@
 //
 // The input is a script: each step picks a family, a function of that family
 // and its arguments, over a small pool of bitmap records, regions, region
-// handles, global-memory blocks and buffers. Arguments come from tables of
-// hostile values (0, -1, INT_MIN, INT_MAX, huge sizes, wrong size words, null
-// pointers, older-layout records, foreign and freed handles) or raw bytes.
+// handles, global-memory blocks, lists, playbacks and buffers. Arguments come
+// from tables of hostile values (0, -1, INT_MIN, INT_MAX, huge sizes, wrong
+// size words, null pointers, older-layout records, foreign and freed handles)
+// or raw bytes.
 //
-// The contract checked after every call:
-//   - a status-returning call that fails returns a negative status and leaves
-//     every record it was given exactly as it was (record bytes and pixels,
-//     compared through a digest);
-//   - a record that the call left allocated passes the validity checks below
-//     (the layout's sizes agree, every row can be read);
-//   - after the script every object is freed, and the kernel's live-block
-//     count and the conventional-memory counter are back where they started.
+// The contract checked after every call (check()): a call given a record with
+// a size word of no layout fails; a failing call leaves every record it was
+// given exactly as it was (bytes and a digest of its rows); a record left
+// allocated passes validate(). After the script every object is freed, and
+// the live-block count and the conventional-memory counter are back.
 //
 // Caps keep one bitmap small (a data size above 4 MiB is only ever requested
 // with memory types that cannot take tiles or disk, under an 8 MiB cap).
-//
-// Extending: each family is a table of Op {name, fn}; add a function to its
-// family's table, or a new table to kFamilies. An op reads its arguments
-// from the Ctx helpers and calls check() around anything that takes records.
+// Extending: add an Op {name, fn} to its family's table (or a new table to
+// kFamilies); an op reads its arguments from the Ctx helpers and calls check()
+// around anything that takes records.
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -37,8 +34,8 @@
 
 namespace {
 
-[[noreturn]] void fail(const char* op, const char* what) {
-    std::fprintf(stderr, "fuzz_api: %s: %s\n", op, what);
+[[noreturn]] void fail(const char* op, const char* what, long long status = 0) {
+    std::fprintf(stderr, "fuzz_api: %s: %s (status %lld)\n", op, what, status);
     std::abort();
 }
 
@@ -65,22 +62,23 @@ struct Ctx {
     const char* op = "";
 
     BITMAPRECORD bm[kSlots];
-    std::vector<uint8_t> caller[kSlots];  // caller memory attached to a record
+    std::vector<uint8_t> caller[kSlots];     // caller memory attached to a record
     std::vector<std::vector<uint8_t>> keep;  // caller memory handed over later, kept to the end
-    BITMAPRECORD foreign;                 // bytes the library never made
+    BITMAPRECORD foreign;                    // bytes the library never made
     OrvaRgn* rgn[kRgns] = {};
-    HRGN hrgn[kHandles] = {};     // may hold freed handles: never dereferenced here
+    HRGN hrgn[kHandles] = {};  // may hold freed handles: never dereferenced here
     bool hrgnLive[kHandles] = {};
     HGLOBAL glob[kHandles] = {};
     bool globLive[kHandles] = {};
     std::vector<uint8_t> buf[2];
     HBITMAPLIST list[kLists] = {};  // may hold destroyed handles: looked up, never dereferenced here
     bool listLive[kLists] = {};
-    HPLAYBACK play[kPlays] = {};    // may hold destroyed handles
+    HPLAYBACK play[kPlays] = {};  // may hold destroyed handles
     bool playLive[kPlays] = {};
     BITMAPRECORD target[kPlays] = {};  // the target of each live playback, which must outlive it
     RECT rect{};
-    int relabelled = -1;  // slot whose size word opRelabel changed
+    RGNXFORM xf;
+    int relabelled = -1;  // slot whose size word relabel() changed
     uint32_t relabelWord = 0, relabelTo = 0;
 
     // A handle freed through a call that may also free the other kind.
@@ -90,24 +88,23 @@ struct Ctx {
             if (glob[k] == h) globLive[k] = false;
         }
     }
+    void putHrgn(int h, HRGN v) {
+        if (v && hrgnLive[h]) DeleteObject(hrgn[h]);
+        if (v) hrgn[h] = v, hrgnLive[h] = true;
+    }
 
-    // The record of slot s presented with another size word (the other
-    // layout or none) until the current call is over. Records that hold
-    // something past the older layout are left alone: an older-layout call
-    // drops those fields, by design.
+    // The record of slot s shown with a size word of no layout until the
+    // current call is over. Left alone: records that hold something past the
+    // older layout (an older-layout call drops those fields, by design), and
+    // the words of a layout (an older-layout record shown as the current one
+    // would hand the library stale pointers; a current one shown in the older
+    // layout would keep a stale data size after a successful call).
     void relabel(int s) {
         BITMAPRECORD* r = &bm[s];
         if (relabelled >= 0) return;
         if (r->pCallbacks || r->hListBlock || ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize)) return;
-        const uint32_t to = kSizeWords[byte() % (sizeof kSizeWords / sizeof kSizeWords[0])];
-        // An older-layout record shown as the current layout would hand the
-        // library the caller's stale bytes past the older layout (pointers
-        // among them): no library can check those.
+        const uint32_t to = pick(kSizeWords);
         if (r->uStructSize != BITMAPRECORD_SIZE && to == BITMAPRECORD_SIZE) return;
-        // A current-layout record shown in the older layout would be changed
-        // by a successful call in its older fields only, leaving the current
-        // layout's data size stale: only the words of no layout are shown
-        // (records that live in the older layout come from init and create).
         if (krn::recordSizeValid(to)) return;
         relabelled = s;
         relabelWord = r->uStructSize;
@@ -123,44 +120,39 @@ struct Ctx {
         return v;
     }
     template <class T, size_t N>
-    T pick(const T (&t)[N]) {
-        return t[byte() % N];
-    }
+    T pick(const T (&t)[N]) { return t[byte() % N]; }
     // Mostly table values, sometimes a raw word.
     int32_t i32() {
-        uint8_t b = byte();
-        if (b < 200) return kI32[b % (sizeof kI32 / sizeof kI32[0])];
-        if (b < 240) return int32_t(b) - 220;
-        return int32_t(u32());
+        const uint8_t b = byte();
+        return b < 200 ? kI32[b % std::size(kI32)] : b < 240 ? int32_t(b) - 220 : int32_t(u32());
     }
     int32_t coord() {
-        uint8_t b = byte();
+        const uint8_t b = byte();
         return b < 160 ? int32_t(b % 80) - 8 : i32();
     }
     uint32_t u32v() { return uint32_t(i32()); }
     uint64_t size64() {
-        uint8_t b = byte();
-        return b < 128 ? b : kSizes[b % (sizeof kSizes / sizeof kSizes[0])];
+        const uint8_t b = byte();
+        return b < 128 ? b : kSizes[b % std::size(kSizes)];
     }
+    // A small value below `lim` (picked with a byte below `cut`) or a hostile one.
+    int32_t small(int32_t lim, uint8_t cut = 200) { return byte() < cut ? int32_t(byte() % lim) : i32(); }
+    uint32_t usmall(uint32_t lim, uint8_t cut = 200) { return byte() < cut ? byte() % lim : u32v(); }
+    uint32_t sizeWord(uint8_t cut) { return byte() < cut ? BITMAPRECORD_SIZE : pick(kSizeWords); }
+    template <class T>
+    T* orNull(T* v, uint8_t above = 240) { return byte() > above ? nullptr : v; }
 
     // ---- pool
     BITMAPRECORD* rec() {
-        uint8_t b = byte();
+        const uint8_t b = byte();
         if (b >= 212 && b < 230) relabel(b % kSlots);  // this call sees another size word
-        if (b < 230) return &bm[b % kSlots];
-        if (b < 245) return &foreign;
-        return nullptr;
+        return b < 230 ? &bm[b % kSlots] : b < 245 ? &foreign : nullptr;
     }
     int slot() { return byte() % kSlots; }
     uint8_t* buffer(size_t* size) {
         uint8_t b = byte();
-        if (b >= 240) {
-            *size = 0;
-            return nullptr;
-        }
-        auto& v = buf[b & 1];
-        *size = v.size();
-        return v.data();
+        *size = b >= 240 ? 0 : buf[b & 1].size();
+        return b >= 240 ? nullptr : buf[b & 1].data();
     }
     RECT* rectp() {
         if (byte() >= 240) return nullptr;
@@ -169,31 +161,25 @@ struct Ctx {
     }
     OrvaRgn** rgnSlot() { return &rgn[byte() % kRgns]; }
     OrvaRgn* rgnOrNull() {
-        uint8_t b = byte();
+        const uint8_t b = byte();
         return b < 240 ? rgn[b % kRgns] : nullptr;
     }
-    HRGN handle() {
-        uint8_t b = byte();
-        if (b < 200) return hrgn[b % kHandles];
-        if (b < 220) return reinterpret_cast<HRGN>(glob[b % kHandles]);  // another kind of object
-        if (b < 235) return reinterpret_cast<HRGN>(&foreign);           // never a handle
-        return reinterpret_cast<HRGN>(uintptr_t(b < 245 ? 0 : ~uintptr_t(0)));
+    // A handle of the pool's own kind, of the other kind, never a handle, null or all ones.
+    void* anyHandle(void* const* own, void* const* other) {
+        const uint8_t b = byte();
+        if (b < 220) return b < 200 ? own[b % kHandles] : other[b % kHandles];
+        return b < 235 ? &foreign : reinterpret_cast<void*>(uintptr_t(b < 245 ? 0 : ~uintptr_t(0)));
     }
-    HGLOBAL ghandle() {
-        uint8_t b = byte();
-        if (b < 200) return glob[b % kHandles];
-        if (b < 220) return reinterpret_cast<HGLOBAL>(hrgn[b % kHandles]);
-        if (b < 235) return reinterpret_cast<HGLOBAL>(&foreign);
-        return reinterpret_cast<HGLOBAL>(uintptr_t(b < 245 ? 0 : ~uintptr_t(0)));
-    }
-    RGNXFORM xf;
+    HRGN handle() { return HRGN(anyHandle(reinterpret_cast<void**>(hrgn), glob)); }
+    HGLOBAL ghandle() { return anyHandle(glob, reinterpret_cast<void**>(hrgn)); }
     const RGNXFORM* xform() {
-        uint8_t b = byte();
+        const uint8_t b = byte();
         if (b >= 230) return nullptr;
         xf = RGNXFORM{int32_t(b % 10), 1, 1, 1, 1, 0, 0};
         if (b & 0x10) xf = RGNXFORM{i32(), i32(), i32(), i32(), i32(), i32(), i32()};
         return &xf;
     }
+    void palette(RGBQUAD (&pal)[256]) { for (auto& q : pal) q = RGBQUAD{byte(), byte(), byte(), 0}; }
 };
 
 // ---------------------------------------------------------------- the contract
@@ -210,87 +196,68 @@ bool isSlot(const Ctx& c, const BITMAPRECORD* r) { return r >= c.bm && r < c.bm 
 uint64_t digest(BITMAPRECORD* r, const char* op) {
     uint64_t h = fnv(0xcbf29ce484222325ull, r, sizeof *r);
     if (!(r->uFlags & BRF_ALLOCATED) || krn::checkAllocated(r) != KS_SUCCESS) return h;
-    if (r->uFlags & BRF_USER_MEMORY && !r->pData) return h;
-    if (r->nBytesPerLine == 0 || r->nHeight <= 0) return h;
+    if ((r->uFlags & BRF_USER_MEMORY && !r->pData) || r->nBytesPerLine == 0 || r->nHeight <= 0) return h;
     const BITMAPRECORD before = *r;
     std::vector<uint8_t> row(r->nBytesPerLine);
     for (int32_t y = 0; y < r->nHeight; ++y) {
-        int32_t rc = K_GetBitmapRow(r, row.data(), y, r->nBytesPerLine);
-        if (rc < 0) {
-            std::fprintf(stderr, "row %d: status %d\n", y, rc);
-            fail(op, "an allocated record's row cannot be read");
-        }
+        const int32_t rc = K_GetBitmapRow(r, row.data(), y, r->nBytesPerLine);
+        if (rc < 0) fail(op, "an allocated record's row cannot be read", rc);
         h = fnv(h, row.data(), row.size());
     }
     if (std::memcmp(&before, r, sizeof before) != 0) fail(op, "reading the rows changed the record");
     return h;
 }
 
-// The validity checks of an allocated record.
+// The validity checks of an allocated record (a size word the script broke
+// on purpose makes it unreadable; a height of 0 is reachable and valid).
 void validate(BITMAPRECORD* r, const char* op) {
-    // (A size word the script broke on purpose makes the record unreadable.)
     if (!(r->uFlags & BRF_ALLOCATED) || !krn::recordSizeValid(r->uStructSize)) return;
     if (krn::checkAllocated(r) != KS_SUCCESS) fail(op, "allocated record fails the record check");
-    // (A height of 0 is reachable through K_ChangeBitmapHeight and valid.)
     if (r->nWidth <= 0 || r->nHeight < 0) fail(op, "allocated record with a bad size");
     uint32_t bpl = 0;
     if (!krn::bytesPerLine(r->nWidth, r->nBitsPerPixel, &bpl) || bpl != r->nBytesPerLine)
         fail(op, "bytes per line disagree with width and depth");
-    if (krn::dataSize(r) != uint64_t(bpl) * uint64_t(r->nHeight)) {
-        std::fprintf(stderr, "size word %u, data size %llu, %u x %d, depth %d\n", r->uStructSize,
-                     (unsigned long long)krn::dataSize(r), bpl, r->nHeight, r->nBitsPerPixel);
-        fail(op, "data size disagrees");
-    }
+    if (krn::dataSize(r) != uint64_t(bpl) * uint64_t(r->nHeight)) fail(op, "data size disagrees", r->uStructSize);
     if (krn::isCurrentLayout(r) && r->nLockCount < 0) fail(op, "negative lock count");
     if (r->nViewPerspective < 1 || r->nViewPerspective > 8) fail(op, "view perspective outside 1..8");
     (void)digest(r, op);  // every row readable
 }
 
 // Runs one call that takes records: a negative status must leave them as they
-// were; a record left allocated must be valid.
-// `outputs` marks (bit k) records the call makes afresh (their size word is
-// an argument or written by the call); every other record given with a size
-// word of no layout must make the call fail (-789 or an earlier refusal).
+// were; a record left allocated must be valid. `outputs` marks (bit k)
+// records the call makes afresh (their size word is an argument or written by
+// the call); any other record given with a size word of no layout must make
+// the call fail (-789 or an earlier refusal).
 template <class F>
 int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint32_t outputs = 0) {
     bool badSize = false;
-    {
-        uint32_t k = 0;
-        for (BITMAPRECORD* r : recs) {
-            if (r && !(outputs >> k & 1) && !krn::recordSizeValid(r->uStructSize)) badSize = true;
-            ++k;
-        }
-    }
-    uint64_t before[4] = {};
-    BITMAPRECORD copy[4];
+    uint64_t before[2] = {};
+    BITMAPRECORD copy[2];
     size_t k = 0;
     for (BITMAPRECORD* r : recs) {
-        if (k == 4) break;
-        if (r && isSlot(c, r)) {
-            copy[k] = *r;
-            before[k] = digest(r, c.op);
-        }
+        if (r && !(outputs >> k & 1) && !krn::recordSizeValid(r->uStructSize)) badSize = true;
+        if (r && isSlot(c, r)) copy[k] = *r, before[k] = digest(r, c.op);
         ++k;
     }
     const int64_t rc = call();
-    if (badSize && rc > 0) {
-        std::fprintf(stderr, "status %lld\n", (long long)rc);
-        fail(c.op, "a record with a bad size word was accepted");
-    }
+    if (badSize && rc > 0) fail(c.op, "a record with a bad size word was accepted", rc);
     k = 0;
     for (BITMAPRECORD* r : recs) {
-        if (k == 4) break;
         if (r && isSlot(c, r)) {
-            if (rc < 0 && std::memcmp(&copy[k], r, sizeof *r) != 0) {
-                std::fprintf(stderr, "status %lld\n", (long long)rc);
-                fail(c.op, "a failing call changed its record");
-            }
-            if (rc < 0 && digest(r, c.op) != before[k]) fail(c.op, "a failing call changed the pixels");
+            if (rc < 0 && std::memcmp(&copy[k], r, sizeof *r) != 0) fail(c.op, "a failing call changed its record", rc);
+            if (rc < 0 && digest(r, c.op) != before[k]) fail(c.op, "a failing call changed the pixels", rc);
             validate(r, c.op);
         }
         ++k;
     }
     return rc;
+}
+
+// One record picked, one call on it.
+template <auto F>
+void on1(Ctx& c) {
+    BITMAPRECORD* r = c.rec();
+    check(c, {r}, [&] { return F(r); });
 }
 
 // A freed or never-allocated slot is re-initialised so that later calls can
@@ -307,6 +274,12 @@ void freeSlot(Ctx& c, int s) {
     if (r.uFlags & BRF_ALLOCATED) fail("cleanup", "record still allocated after K_FreeBitmap");
     c.caller[s].clear();
 }
+// A pool record made afresh: a slot that owns something is freed first (the
+// call would drop it, a caller's fault), the garbage record's attachments too.
+void fresh(Ctx& c, BITMAPRECORD* r) {
+    if (r && isSlot(c, r)) freeSlot(c, int(r - c.bm));
+    if (r == &c.foreign) K_FreeBitmap(r);
+}
 
 bool isStatus(int64_t rc) { return rc == KS_SUCCESS || rc <= 0 || rc == 2; }
 
@@ -317,55 +290,43 @@ uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
 }
 // Keeps the script's allocations small: a large image may only be asked for
 // with types that cannot spill to tiles or disk (and the cap refuses it).
-uint32_t safeType(uint32_t t, int32_t w, int32_t h, int32_t bpp) {
-    if (plannedSize(w, h, bpp) > kMaxData) return 265;
-    return t;
-}
+uint32_t safeType(uint32_t t, int32_t w, int32_t h, int32_t bpp) { return plannedSize(w, h, bpp) > kMaxData ? 265 : t; }
 
 void opInit(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const uint32_t sw = c.pick(kSizeWords);
     const int32_t w = c.pick(kDims), h = c.pick(kDims), b = c.pick(kDepths);
-    // Initialising a record that still owns something (storage, palette,
-    // region, callbacks) drops it: a caller's fault, not tried here.
-    if (r && (isSlot(c, r) || r == &c.foreign) && ((r->uFlags & BRF_ALLOCATED) || r->pPalette || r->hRgn || r->pLUT || r->pExtraData || r->pDitherState ||
-                              (krn::isCurrentLayout(r) && r->pCallbacks)))
+    // Initialising a record that still owns something drops it: a caller's fault, not tried here.
+    if (r && ((r->uFlags & BRF_ALLOCATED) || r->pPalette || r->hRgn || r->pLUT || r->pExtraData || r->pDitherState ||
+              (krn::isCurrentLayout(r) && r->pCallbacks)))
         return;
-    int64_t rc = K_InitBitmap(r, sw, w, h, b);
-    if (rc != KS_SUCCESS && rc >= 0) fail(c.op, "odd status");
+    const int64_t rc = K_InitBitmap(r, sw, w, h, b);
+    if (rc != KS_SUCCESS && rc >= 0) fail(c.op, "odd status", rc);
 }
 void opCreate(Ctx& c) {
     BITMAPRECORD* r = c.rec();
-    const uint32_t sw = c.byte() < 200 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
+    const uint32_t sw = c.sizeWord(200);
     uint32_t t = c.pick(kMemTypes);
     const int32_t w = c.pick(kDims), h = c.pick(kDims), b = c.pick(kDepths);
     const int32_t order = c.byte() % 9 - 1, vp = c.byte() % 10;
     t = safeType(t, w, h, b);
-    // Creating over a record that owns something would drop it (a caller's
-    // fault): free it first.
-    if (r && isSlot(c, r)) freeSlot(c, int(r - c.bm));
-    if (r == &c.foreign) K_FreeBitmap(r);
-    if (t == 2) {
-        // Caller memory: attach a buffer of the planned size or a hostile one.
-        const uint64_t need = plannedSize(w, h, b);
+    fresh(c, r);
+    uint8_t* data = nullptr;
+    uint64_t have = 0;
+    if (t == 2) {  // caller memory of the planned size or a hostile one
         auto& mem = c.caller[r && isSlot(c, r) ? r - c.bm : 0];
-        const uint64_t have = c.byte() & 1 ? need : c.size64() % (kMaxData + 1);
+        have = c.byte() & 1 ? plannedSize(w, h, b) : c.size64() % (kMaxData + 1);
         if (!r || !isSlot(c, r) || have > kMaxData) return;
         if (!mem.empty()) c.keep.push_back(std::move(mem));  // the record may still point there
         mem.assign(size_t(have), 0x5A);
-        check(c, {r}, [&] {
-            return K_CreateBitmap(r, sw, 2, w, h, b, order, nullptr, vp, mem.empty() ? nullptr : mem.data(),
-                                  have);
-        }, 1);
-        return;
+        data = mem.empty() ? nullptr : mem.data();
     }
-    check(c, {r}, [&] { return K_CreateBitmap(r, sw, t, w, h, b, order, nullptr, vp, nullptr, 0); }, 1);
+    check(c, {r}, [&] { return K_CreateBitmap(r, sw, t, w, h, b, order, nullptr, vp, data, have); }, 1);
 }
 void opAllocate(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     uint32_t t = c.pick(kMemTypes);
-    if (!r || t == 2) return;
-    if (r->uFlags & BRF_ALLOCATED) return;
+    if (!r || t == 2 || (r->uFlags & BRF_ALLOCATED)) return;
     t = safeType(t, r->nWidth, r->nHeight, r->nBitsPerPixel);
     if (!krn::recordSizeValid(r->uStructSize) || krn::dataSize(r) > kMaxData) t = 265;
     check(c, {r}, [&] { return K_AllocateBitmap(r, t); });
@@ -373,11 +334,12 @@ void opAllocate(Ctx& c) {
 void opFree(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     if (r == &c.foreign) return;  // garbage bytes: freeing them is the caller's fault
-    int64_t rc = K_FreeBitmap(r);
-    if (rc < 0 && r && isSlot(c, r) && krn::recordSizeValid(r->uStructSize) && (r->uFlags & BRF_ALLOCATED) &&
+    const int64_t rc = K_FreeBitmap(r);
+    if (!r || !isSlot(c, r)) return;
+    if (rc < 0 && krn::recordSizeValid(r->uStructSize) && (r->uFlags & BRF_ALLOCATED) &&
         !(krn::isCurrentLayout(r) && r->nLockCount > 0))
-        fail(c.op, "free of an allocated record failed");
-    if (r && isSlot(c, r) && !(r->uFlags & BRF_ALLOCATED)) c.caller[r - c.bm].clear();
+        fail(c.op, "free of an allocated record failed", rc);
+    if (!(r->uFlags & BRF_ALLOCATED)) c.caller[r - c.bm].clear();
 }
 void opChangeHeight(Ctx& c) {
     BITMAPRECORD* r = c.rec();
@@ -388,56 +350,38 @@ void opChangeHeight(Ctx& c) {
 void opSetDataPointer(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     if (!r || !isSlot(c, r)) return;
-    const int s = int(r - c.bm);
     const uint64_t want = c.size64();
-    std::vector<uint8_t> fresh(size_t(want % (kMaxData + 1)), 0x33);
+    std::vector<uint8_t> mem(size_t(want % (kMaxData + 1)), 0x33);
     const bool nullData = c.byte() > 230;
-    const int64_t rc =
-        check(c, {r}, [&] { return K_SetBitmapDataPointer(r, nullData ? nullptr : fresh.data(), want); });
-    // The record may now point at `fresh`, or still at its earlier caller
-    // memory: both stay alive until the script ends.
-    (void)rc;
-    (void)s;
-    c.keep.push_back(std::move(fresh));
-}
-void opAccess(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    check(c, {r}, [&] { return K_AccessBitmap(r); });
-}
-void opRelease(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    check(c, {r}, [&] { return K_ReleaseBitmap(r); });
+    check(c, {r}, [&] { return K_SetBitmapDataPointer(r, nullData ? nullptr : mem.data(), want); });
+    c.keep.push_back(std::move(mem));  // the record may point here or at its earlier memory: both stay alive
 }
 void opIntAccessRelease(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     int32_t accessed = 0;
     const bool nullOut = c.byte() > 240;
     const int32_t status = c.i32();
-    int64_t rc = check(c, {r}, [&] { return K_IntAccessBitmap(r, nullOut ? nullptr : &accessed); });
-    // The release hands back the status it is given (after releasing), so it
-    // is not a failing call when that status is negative.
-    if (rc == KS_SUCCESS) {
-        K_IntReleaseBitmap(r, accessed, status);
-        if (isSlot(c, r)) validate(r, c.op);
-    }
+    // The release hands back the status it is given (after releasing): not a failing call when negative.
+    if (check(c, {r}, [&] { return K_IntAccessBitmap(r, nullOut ? nullptr : &accessed); }) != KS_SUCCESS) return;
+    K_IntReleaseBitmap(r, accessed, status);
+    if (isSlot(c, r)) validate(r, c.op);
 }
 void opMemoryInfo(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     uint32_t t;
     uint64_t ts;
     int32_t count, disk;
-    const uint8_t mask = c.byte();
+    const uint8_t m = c.byte();
     check(c, {r}, [&] {
-        return K_GetBitmapMemoryInfo(r, mask & 1 ? &t : nullptr, mask & 2 ? &ts : nullptr, mask & 4 ? &count : nullptr,
-                                     mask & 8 ? &disk : nullptr);
+        return K_GetBitmapMemoryInfo(r, m & 1 ? &t : nullptr, m & 2 ? &ts : nullptr, m & 4 ? &count : nullptr,
+                                     m & 8 ? &disk : nullptr);
     });
 }
 void opSetMemoryInfo(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     uint32_t t = c.pick(kMemTypes);
-    uint64_t ts = c.size64();
-    // Disk kinds on a large record would write files: only small ones move.
-    if (r && krn::dataSize(r) > kMaxData) t = 1;
+    const uint64_t ts = c.size64();
+    if (r && krn::dataSize(r) > kMaxData) t = 1;  // disk kinds on a large record would write files
     check(c, {r}, [&] { return K_SetBitmapMemoryInfo(r, t, ts); });
 }
 void opCompression(Ctx& c) {
@@ -446,11 +390,8 @@ void opCompression(Ctx& c) {
     if (c.byte() & 1) check(c, {r}, [&] { return K_ChangeBitmapCompression(r, mode); });
     else check(c, {r}, [&] { return K_ToggleBitmapCompression(r); });
 }
-void opRelabel(Ctx& c) {
-    // The same record presented in the other layout (or with a broken size
-    // word) to the next call; the size word is put back after that call.
-    c.relabel(c.slot());
-}
+// The same record shown with a broken size word to the next call (put back after it).
+void opRelabel(Ctx& c) { c.relabel(c.slot()); }
 void opManageMemory(Ctx& c) {
     const int32_t cmd = c.byte() % 8 - 1;
     int64_t v = int64_t(c.size64());
@@ -458,8 +399,8 @@ void opManageMemory(Ctx& c) {
     int64_t out = 0;
     const bool nullOut = c.byte() > 220;
     if (cmd == MANAGEMEMORY_RESERVE || cmd == MANAGEMEMORY_RELEASE) return;  // would move the counter
-    int64_t rc = K_ManageMemory(cmd, v, nullOut ? nullptr : &out);
-    if (!isStatus(rc)) fail(c.op, "odd status");
+    const int64_t rc = K_ManageMemory(cmd, v, nullOut ? nullptr : &out);
+    if (!isStatus(rc)) fail(c.op, "odd status", rc);
     K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);  // the script's cap stays
 }
 void opThresholds(Ctx& c) {
@@ -467,22 +408,21 @@ void opThresholds(Ctx& c) {
     const uint32_t f = c.u32v();
     K_SetMemoryThresholds(a, b, t, d, e, f);
     int32_t o[5];
-    const uint8_t mask = c.byte();
-    K_GetMemoryThresholds(mask & 1 ? &o[0] : nullptr, mask & 2 ? &o[1] : nullptr, mask & 4 ? &o[2] : nullptr,
-                          mask & 8 ? &o[3] : nullptr, mask & 16 ? &o[4] : nullptr);
+    const uint8_t m = c.byte();
+    K_GetMemoryThresholds(m & 1 ? &o[0] : nullptr, m & 2 ? &o[1] : nullptr, m & 4 ? &o[2] : nullptr,
+                          m & 8 ? &o[3] : nullptr, m & 16 ? &o[4] : nullptr);
     K_SetDefaultMemoryType(c.pick(kMemTypes));
     GLOBALMEMORYTHRESHOLDS g{};
-    K_GetGlobalMemoryThresholds(c.byte() > 240 ? nullptr : &g);
+    K_GetGlobalMemoryThresholds(c.orNull(&g));
     g.uStructSize = c.byte() < 200 ? GLOBALMEMORYTHRESHOLDS_SIZE : c.u32v();
-    K_SetGlobalMemoryThresholds(c.byte() > 240 ? nullptr : &g);
+    K_SetGlobalMemoryThresholds(c.orNull(&g));
 }
 void opDataCallbacks(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     BITMAPDATACALLBACKS cb{};
     cb.uStructSize = c.byte() < 200 ? BITMAPDATACALLBACKS_SIZE : c.u32v();
-    const bool get = c.byte() & 1;
-    if (get) check(c, {r}, [&] { return K_GetBitmapDataCallbacks(r, c.byte() > 240 ? nullptr : &cb); });
-    else check(c, {r}, [&] { return K_SetBitmapDataCallbacks(r, c.byte() > 200 ? nullptr : &cb); });
+    if (c.byte() & 1) check(c, {r}, [&] { return K_GetBitmapDataCallbacks(r, c.orNull(&cb)); });
+    else check(c, {r}, [&] { return K_SetBitmapDataCallbacks(r, c.orNull(&cb, 200)); });
 }
 
 // ---------------------------------------------------------------- family: rows
@@ -491,8 +431,7 @@ void opRows(Ctx& c) {
     size_t size;
     uint8_t* b = c.buffer(&size);
     const uint8_t which = c.byte() % 6;
-    const int32_t row = c.byte() < 200 ? int32_t(c.byte() % 70) : c.i32();
-    const int32_t col = c.byte() < 200 ? int32_t(c.byte() % 70) : c.i32();
+    const int32_t row = c.small(70), col = c.small(70);
     uint32_t bytes = c.byte() < 200 ? uint32_t(c.byte()) * 8 : c.u32v();
     if (bytes > size && c.byte() < 250) bytes = uint32_t(size);  // a lying size now and then is the caller's fault
     if (bytes > size) return;
@@ -511,8 +450,8 @@ void opRows(Ctx& c) {
             break;
         }
         default: {
-            // The compressed forms on a record: work and run buffers sized by
-            // the caller for nPixels (runs take at most 2 bytes per pixel + 4).
+            // The compressed forms: work and run buffers sized by the caller for
+            // nPixels (runs take at most 2 bytes per pixel + 4).
             const int32_t pixels = c.byte() < 200 ? int32_t(c.byte()) : c.i32();
             if (!b || pixels < 0 || uint64_t(pixels) / 8 + 1 > size || uint64_t(pixels) * 2 + 8 > kBuf) return;
             std::vector<uint8_t> runs(size_t(pixels) * 2 + 8);
@@ -520,14 +459,15 @@ void opRows(Ctx& c) {
             // record the script cannot size gets none (the library makes its own).
             const bool sized = r && isSlot(c, r) && (r->uFlags & BRF_ALLOCATED);
             std::vector<uint8_t> work(std::max<size_t>(size_t(pixels) / 8 + 8, sized ? r->nBytesPerLine : 0));
-            uint8_t* const workp = sized || !r ? work.data() : nullptr;
+            uint8_t* const wp = sized || !r ? work.data() : nullptr;
+            uint8_t* const rp = runs.data();
             const bool put = c.byte() & 1;
-            if (put) K_CompressRow(runs.data(), b, 0, pixels);
+            if (put) K_CompressRow(rp, b, 0, pixels);
             const uint8_t form = c.byte() & 1;
-            if (put && form) check(c, {r}, [&] { return K_PutBitmapRowColCompressed(r, workp, runs.data(), row, col, pixels); });
-            else if (put) check(c, {r}, [&] { return K_PutBitmapRowCompressed(r, workp, runs.data(), row, pixels); });
-            else if (form) check(c, {r}, [&] { return K_GetBitmapRowColCompressed(r, workp, runs.data(), row, col, pixels); });
-            else check(c, {r}, [&] { return K_GetBitmapRowCompressed(r, workp, runs.data(), row, pixels); });
+            if (put && form) check(c, {r}, [&] { return K_PutBitmapRowColCompressed(r, wp, rp, row, col, pixels); });
+            else if (put) check(c, {r}, [&] { return K_PutBitmapRowCompressed(r, wp, rp, row, pixels); });
+            else if (form) check(c, {r}, [&] { return K_GetBitmapRowColCompressed(r, wp, rp, row, col, pixels); });
+            else check(c, {r}, [&] { return K_GetBitmapRowCompressed(r, wp, rp, row, pixels); });
         }
     }
 }
@@ -540,62 +480,71 @@ void opFill(Ctx& c) {
     else if (which == 1) check(c, {r}, [&] { return K_FillBitmap2(r, raw); });
     else check(c, {r}, [&] { return K_ClearBitmap(r); });
 }
+void opRuns(Ctx& c) {
+    // The compressed-row helpers on caller buffers sized for their pixels.
+    const int32_t pixels = c.byte() < 220 ? int32_t(c.byte()) * 4 : c.i32();
+    const int32_t first = c.byte() % 16;
+    if (pixels < 0 || pixels > 2000) {
+        K_CompressRow(nullptr, nullptr, first, pixels);
+        K_ExpandRow(nullptr, nullptr, first, pixels);
+        return;
+    }
+    std::vector<uint8_t> src(size_t(pixels + first) / 8 + 8), runs(size_t(pixels) * 2 + 16), dst(src.size());
+    for (auto& b : src) b = c.byte();
+    const int32_t len = K_CompressRow(runs.data(), src.data(), first, pixels);
+    if (len > int32_t(runs.size())) fail(c.op, "compressed row longer than its bound", len);
+    if (len >= 0) K_ExpandRow(runs.data(), dst.data(), first, pixels);
+}
 
 // ---------------------------------------------------------------- family: palettes
 void opPalette(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     BITMAPRECORD* s = c.rec();
     RGBQUAD pal[256];
-    for (auto& q : pal) q = RGBQUAD{c.byte(), c.byte(), c.byte(), 0};
-    const int32_t n = c.byte() < 200 ? int32_t(c.byte() % 257) : c.i32();
-    const int32_t index = c.byte() < 200 ? int32_t(c.byte() % 260) : c.i32();
+    c.palette(pal);
+    const int32_t n = c.small(257), index = c.small(260);
     const bool nullPal = c.byte() > 230;
-    const RGBQUAD* pp = nullPal ? nullptr : pal;
+    RGBQUAD* pp = nullPal ? nullptr : pal;
     if (n > 256 || (index >= 0 && n >= 0 && int64_t(index) + n > 256 && c.byte() < 250)) return;
     uint32_t u = 0;
+    int32_t count = 0;
     switch (c.byte() % 11) {
         case 0: check(c, {r}, [&] { return K_SetBitmapPalette(r, pp, n); }); break;
         case 1: check(c, {r, s}, [&] { return K_CopyBitmapPalette(r, s); }); break;
         case 2: check(c, {r}, [&] { return K_CreateBitmapFixedPalette(r); }); break;
         case 3: check(c, {r}, [&] { return K_CreateBitmapGrayPalette(r); }); break;
-        case 4: check(c, {r}, [&] { return K_GetBitmapColors(r, index, n, nullPal ? nullptr : pal); }); break;
+        case 4: check(c, {r}, [&] { return K_GetBitmapColors(r, index, n, pp); }); break;
         case 5: check(c, {r}, [&] { return K_PutBitmapColors(r, index, n, pp); }); break;
         case 6: check(c, {r}, [&] { return K_CompareBitmapToPalette(r, pp, n); }); break;
-        case 7: check(c, {r}, [&] { return K_GetTrueColorValue(r, c.u32v(), c.byte() > 240 ? nullptr : &u); }); break;
-        case 8: check(c, {r, s}, [&] { return K_TranslateBitmapColor(r, s, c.u32v(), c.byte() > 240 ? nullptr : &u); }); break;
-        case 9: {
-            int32_t count = 0;
-            check(c, {r}, [&] { return K_GetBitmapPaletteEntries(r, nullPal ? nullptr : pal, n < 0 ? n : std::min(n, 256), &count); });
-            break;
-        }
+        case 7: check(c, {r}, [&] { return K_GetTrueColorValue(r, c.u32v(), c.orNull(&u)); }); break;
+        case 8: check(c, {r, s}, [&] { return K_TranslateBitmapColor(r, s, c.u32v(), c.orNull(&u)); }); break;
+        case 9: check(c, {r}, [&] { return K_GetBitmapPaletteEntries(r, pp, n < 0 ? n : std::min(n, 256), &count); }); break;
         default: check(c, {r}, [&] { return K_IntIsGrayScaleBitmap(r); }); break;
     }
 }
 void opPaletteHelpers(Ctx& c) {
     RGBQUAD pal[256];
-    for (auto& q : pal) q = RGBQUAD{c.byte(), c.byte(), c.byte(), 0};
+    c.palette(pal);
     const int32_t bits = c.pick(kDepths);
-    const int32_t n = c.byte() < 220 ? int32_t(c.byte() % 257) : c.i32();
-    const bool nullPal = c.byte() > 230;
+    const int32_t n = c.small(257, 220);
+    RGBQUAD* const pp = c.byte() > 230 ? nullptr : pal;
     if (n > 256) return;
     switch (c.byte() % 8) {
-        case 0: K_GetFixedPalette(nullPal ? nullptr : pal, bits > 8 ? bits : std::min(bits, 8)); break;
+        case 0: K_GetFixedPalette(pp, bits > 8 ? bits : std::min(bits, 8)); break;
         case 1: K_IntGetFixedPalette(bits); break;
         case 2: if (RGBQUAD* g = K_CreateGrayPalette(bits)) K_GlobalFree(g); break;
         case 3: if (RGBQUAD* g = K_CreateFixedPalette(bits)) K_GlobalFree(g); break;
-        case 4: if (RGBQUAD* g = K_DupPalette(nullPal ? nullptr : pal, n)) K_GlobalFree(g); break;
-        case 5: K_FindPaletteIndex(nullPal ? nullptr : pal, n, c.i32(), c.i32(), c.i32()); break;
-        case 6: K_IsGrayScalePalette(nullPal ? nullptr : pal, n); break;
-        default: {
-            uint32_t* t = K_CreateUserMatchTable(nullPal ? nullptr : pal, n);
-            if (t) {
+        case 4: if (RGBQUAD* g = K_DupPalette(pp, n)) K_GlobalFree(g); break;
+        case 5: K_FindPaletteIndex(pp, n, c.i32(), c.i32(), c.i32()); break;
+        case 6: K_IsGrayScalePalette(pp, n); break;
+        default:
+            if (uint32_t* t = K_CreateUserMatchTable(pp, n)) {
                 uint32_t* old = K_SetUserMatchTable(t);
                 K_GetUserMatchTable();
                 K_SetUserMatchTable(old);
                 K_FreeUserMatchTable(t);
             }
             K_FreeUserMatchTable(nullptr);
-        }
     }
 }
 
@@ -609,8 +558,8 @@ void opConvert(Ctx& c) {
     const uint32_t flags = c.byte() < 200 ? 0 : c.u32v();
     const int32_t lo = c.byte() % 20 - 2, hi = c.byte() % 20 - 2;
     // The buffer must hold the wider of the two rows: the caller's duty.
-    const uint32_t need = K_CalcConvertSize(w, bs, w, bd);
     // (0 also answers a row beyond 32 bits: such a width is no buffer's.)
+    const uint32_t need = K_CalcConvertSize(w, bs, w, bd);
     if (!b || need > size || (need == 0 && w > 0)) {
         K_CalcConvertSize(c.i32(), c.i32(), c.i32(), c.i32());
         return;
@@ -636,202 +585,141 @@ void opDither(Ctx& c) {
     } else {
         check(c, {r}, [&] { return K_StopDithering(r); });
     }
-    K_DefaultDithering(c.byte() < 200 ? c.byte() % 8 : c.i32());
+    K_DefaultDithering(c.small(8));
     K_GetDefaultDithering();
-}
-void opRuns(Ctx& c) {
-    // The compressed-row helpers on caller buffers sized for their pixels.
-    const int32_t pixels = c.byte() < 220 ? int32_t(c.byte()) * 4 : c.i32();
-    const int32_t first = c.byte() % 16;
-    if (pixels < 0 || pixels > 2000) {
-        K_CompressRow(nullptr, nullptr, first, pixels);
-        K_ExpandRow(nullptr, nullptr, first, pixels);
-        return;
-    }
-    std::vector<uint8_t> src(size_t(pixels + first) / 8 + 8), runs(size_t(pixels) * 2 + 16), dst(src.size());
-    for (auto& b : src) b = c.byte();
-    int32_t len = K_CompressRow(runs.data(), src.data(), first, pixels);
-    if (len > int32_t(runs.size())) fail(c.op, "compressed row longer than its bound");
-    if (len >= 0) K_ExpandRow(runs.data(), dst.data(), first, pixels);
 }
 
 // ---------------------------------------------------------------- family: regions
+// A region a call made (into *out) goes to the slot (the slot's earlier one is
+// deleted). *out is read here, after the call: never pass it by value.
+void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn** out) {
+    if (rc < 0 || !*out) return;
+    if (*slot) K_DeleteOrvaRgn(*slot);
+    *slot = *out;
+}
 void opOrvaRgn(Ctx& c) {
     OrvaRgn** slot = c.rgnSlot();
+    OrvaRgn *out = nullptr, *a, *b;
+    POINT pts[8];
+    uint8_t flags[8];
+    int32_t x1, x2, count;
+    RECT box;
     switch (c.byte() % 9) {
         case 0:
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            K_CreateOrvaRgnRect(c.byte() > 240 ? nullptr : slot, c.rectp());
+            K_CreateOrvaRgnRect(c.orNull(slot), c.rectp());
             break;
-        case 1: {
-            OrvaRgn* src = c.rgnOrNull();
-            if (*slot == src) return;
+        case 1:
+            if ((a = c.rgnOrNull()) == *slot) return;
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            K_CopyOrvaRgn(slot, src);
+            K_CopyOrvaRgn(slot, a);
             break;
-        }
         case 2: K_OffsetOrvaRgn(*slot, c.i32(), c.i32()); break;
-        case 3: {
-            OrvaRgn* a = c.rgnOrNull();
-            OrvaRgn* b = c.rgnOrNull();
-            OrvaRgn* out = nullptr;
-            if (K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1) >= 0 && out) {
-                if (*slot) K_DeleteOrvaRgn(*slot);
-                *slot = out;
-            }
+        case 3:
+            a = c.rgnOrNull(), b = c.rgnOrNull();
+            keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out);
             break;
-        }
-        case 4: {
-            int32_t x1, x2;
-            K_IsPtInOrvaRgn(*slot, c.coord(), c.coord(), &x1, &x2);
-            RECT b;
-            K_GetOrvaRgnBounds(*slot, c.byte() > 240 ? nullptr : &b);
-            break;
-        }
+        case 4: K_IsPtInOrvaRgn(*slot, c.coord(), c.coord(), &x1, &x2), K_GetOrvaRgnBounds(*slot, c.orNull(&box)); break;
         case 5: K_ClipOrvaRgnRect(*slot, c.rectp()); break;
         case 6: K_ScaleOrvaRgn(*slot, c.i32(), c.i32(), c.i32(), c.i32()); break;
-        case 7: {
-            POINT pts[8];
-            uint8_t flags[8];
-            const int32_t count = c.byte() < 220 ? c.byte() % 9 : c.i32();
+        case 7:
+            count = c.byte() < 220 ? c.byte() % 9 : c.i32();
             for (int k = 0; k < 8; ++k) pts[k] = POINT{c.coord(), c.coord()}, flags[k] = c.byte();
-            if (count > 8) return;
-            OrvaRgn* out = nullptr;
-            if (K_SegmentsToRegion(&out, pts, flags, count, c.byte() % 4) >= 0 && out) {
-                if (*slot) K_DeleteOrvaRgn(*slot);
-                *slot = out;
-            }
+            if (count <= 8) keepRgn(slot, K_SegmentsToRegion(&out, pts, flags, count, c.byte() % 4), &out);
             break;
-        }
         default: {
             HRGN h = c.handle();
-            OrvaRgn* out = nullptr;
-            if (K_ConvertHandleToRgn(h, &out) >= 0 && out) {
-                if (*slot) K_DeleteOrvaRgn(*slot);
-                *slot = out;
-            }
+            keepRgn(slot, K_ConvertHandleToRgn(h, &out), &out);
         }
     }
 }
 void opHrgn(Ctx& c) {
-    const int h = c.byte() % kHandles;
-    auto put = [&](HRGN v) {
-        if (!v) return;
-        if (c.hrgnLive[h]) DeleteObject(c.hrgn[h]);
-        c.hrgn[h] = v;
-        c.hrgnLive[h] = true;
-    };
-    switch (c.byte() % 12) {
-        case 0: put(CreateRectRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
-        case 1: put(CreateEllipticRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
-        case 2: {
-            POINT pts[8];
+    const int h = c.byte() % kHandles, which = c.byte() % 12;
+    POINT pts[8];
+    RECT box;
+    HRGN v = nullptr;
+    uint8_t out[64];
+    int32_t count;
+    auto del = [&](HRGN g) { return which == 8 ? DeleteObject(g) != 0 : K_WinDeleteObject(g) == KS_SUCCESS; };
+    switch (which) {
+        case 0: c.putHrgn(h, CreateRectRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
+        case 1: c.putHrgn(h, CreateEllipticRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
+        case 2:
             for (auto& q : pts) q = POINT{c.coord(), c.coord()};
-            const int32_t count = c.byte() < 220 ? c.byte() % 9 : c.i32();
-            if (count <= 8) put(CreatePolygonRgn(c.byte() > 240 ? nullptr : pts, count, c.byte() % 4));
+            count = c.byte() < 220 ? c.byte() % 9 : c.i32();
+            if (count <= 8) c.putHrgn(h, CreatePolygonRgn(c.orNull(pts), count, c.byte() % 4));
             break;
-        }
         case 3: CombineRgn(c.handle(), c.handle(), c.handle(), c.byte() % 8 - 1); break;
         case 4: OffsetRgn(c.handle(), c.i32(), c.i32()); break;
-        case 5: {
-            RECT b;
-            GetRgnBox(c.handle(), c.byte() > 240 ? nullptr : &b);
-            PtInRegion(c.handle(), c.coord(), c.coord());
-            break;
-        }
+        case 5: GetRgnBox(c.handle(), c.orNull(&box)), PtInRegion(c.handle(), c.coord(), c.coord()); break;
         case 6: {
             // Region data out and back in through ExtCreateRegion.
             HRGN src = c.handle();
-            uint32_t need = GetRegionData(src, 0, nullptr);
+            const uint32_t need = GetRegionData(src, 0, nullptr);
             if (need == 0 || need > kBuf * 4) return;
             std::vector<uint8_t> data(need);
-            uint32_t given = c.byte() < 230 ? need : c.u32v() % (need + 1);
+            const uint32_t given = c.byte() < 230 ? need : c.u32v() % (need + 1);
             if (GetRegionData(src, given, reinterpret_cast<RGNDATA*>(data.data())) == 0) return;
             if (c.byte() & 1 && need > 40) data[c.byte() % need] ^= c.byte();  // a damaged copy
-            uint32_t back = c.byte() < 230 ? need : c.u32v();
-            if (back > need) back = need;
-            put(ExtCreateRegion(nullptr, back, reinterpret_cast<const RGNDATA*>(data.data())));
+            const uint32_t back = std::min(c.byte() < 230 ? need : c.u32v(), need);
+            c.putHrgn(h, ExtCreateRegion(nullptr, back, reinterpret_cast<const RGNDATA*>(data.data())));
             break;
         }
         case 7: SetRectRgn(c.handle(), c.coord(), c.coord(), c.coord(), c.coord()); break;
-        case 8:
-            if (c.hrgnLive[h]) {
-                if (!DeleteObject(c.hrgn[h])) fail(c.op, "delete of a live region failed");
-                c.hrgnLive[h] = false;  // the value stays: a freed handle from now on
-            } else {
-                HRGN g = c.handle();
-                if (DeleteObject(g)) c.forget(g);
-            }
+        case 9:
+            if ((count = c.byte() < 200 ? c.byte() % 65 : c.i32()) <= 64) GetObject(c.handle(), count, c.orNull(out));
             break;
-        case 9: {
-            uint8_t out[64];
-            const int32_t n = c.byte() < 200 ? c.byte() % 65 : c.i32();
-            if (n <= 64) GetObject(c.handle(), n, c.byte() > 240 ? nullptr : out);
+        case 10:
+            if (K_WinCreateRectRgn(c.orNull(&v), c.coord(), c.coord(), c.coord(), c.coord()) == KS_SUCCESS) c.putHrgn(h, v);
             break;
-        }
-        case 10: {
-            HRGN v = nullptr;
-            if (K_WinCreateRectRgn(c.byte() > 240 ? nullptr : &v, c.coord(), c.coord(), c.coord(), c.coord()) ==
-                KS_SUCCESS)
-                put(v);
-            break;
-        }
         default:
-            if (c.hrgnLive[h]) {
-                K_WinDeleteObject(c.hrgn[h]);
-                c.hrgnLive[h] = false;
-            } else {
-                HRGN g = c.handle();
-                if (K_WinDeleteObject(g) == KS_SUCCESS) c.forget(g);
-            }
+            // Deletes (emulated and kernel form): a live handle must go (its value
+            // stays, a freed handle from now on), any other is looked up.
+            if (c.hrgnLive[h] && !del(c.hrgn[h])) fail(c.op, "delete of a live region failed");
+            if (c.hrgnLive[h]) c.hrgnLive[h] = false;
+            else if (HRGN g = c.handle(); del(g)) c.forget(g);
     }
 }
 void opBitmapRgn(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const RGNXFORM* xf = c.xform();
-    const uint32_t mode = c.byte() < 220 ? c.byte() % 7 : c.u32v();
-    const int which = c.byte() % 16;
-    if (std::getenv("FUZZ_API_TRACE")) std::fprintf(stderr, "  bitmap region case %d mode %u\n", which, mode);
-    switch (which) {
-        case 0: {
-            // Ownership passes to the call (freed also on failure).
-            OrvaRgn** slot = c.rgnSlot();
-            OrvaRgn* g = *slot;
-            *slot = nullptr;
+    const uint32_t mode = c.usmall(7, 220);
+    OrvaRgn** slot;
+    OrvaRgn* g;
+    POINT pts[8];
+    BITMAPRECORD* m;
+    uint64_t area;
+    RECT box;
+    HRGN v = nullptr;
+    uint32_t count, mx = 0;
+    int32_t need = 0;
+    switch (c.byte() % 16) {
+        case 0:  // ownership passes to the call (freed also on failure)
+            slot = c.rgnSlot(), g = *slot, *slot = nullptr;
             check(c, {r}, [&] { return K_SetBitmapRgn(r, xf, g, mode); });
             break;
-        }
         case 1: check(c, {r}, [&] { return K_SetBitmapRgnRect(r, xf, c.rectp(), mode); }); break;
         case 2: check(c, {r}, [&] { return K_SetBitmapRgnEllipse(r, xf, c.rectp(), mode); }); break;
-        case 3: {
-            POINT pts[8];
+        case 3:
             for (auto& q : pts) q = POINT{c.coord(), c.coord()};
-            const uint32_t count = c.byte() < 220 ? c.byte() % 9 : c.u32v();
-            if (count > 8) return;
-            check(c, {r}, [&] { return K_SetBitmapRgnPolygon(r, xf, pts, count, c.byte() % 4, mode); });
+            if ((count = c.usmall(9, 220)) <= 8) check(c, {r}, [&] { return K_SetBitmapRgnPolygon(r, xf, pts, count, c.byte() % 4, mode); });
             break;
-        }
         case 4: check(c, {r}, [&] { return K_SetBitmapRgnHandle(r, xf, c.handle(), mode); }); break;
-        case 5: {
-            BITMAPRECORD* m = c.rec();
+        case 5:
+            m = c.rec();
             check(c, {r, m}, [&] { return K_SetBitmapRgnFromMask(r, xf, m, mode); });
             break;
-        }
         case 6: check(c, {r}, [&] { return K_SetBitmapRgnColor(r, c.u32v(), mode); }); break;
-        case 7: {
+        case 7:
             check(c, {r}, [&] { return K_BitmapHasRgn(r); });
-            uint64_t area;
-            check(c, {r}, [&] { return K_GetBitmapRgnArea(r, c.byte() > 240 ? nullptr : &area); });
-            RECT b;
-            check(c, {r}, [&] { return K_GetBitmapRgnBounds(r, xf, c.byte() > 240 ? nullptr : &b); });
+            check(c, {r}, [&] { return K_GetBitmapRgnArea(r, c.orNull(&area)); });
+            check(c, {r}, [&] { return K_GetBitmapRgnBounds(r, xf, c.orNull(&box)); });
             check(c, {r}, [&] { return K_IsPtInBitmapRgn(r, c.coord(), c.coord()); });
             break;
-        }
         case 8: {
-            uint32_t mx = 0;
             check(c, {r}, [&] { return K_GetBitmapClipSegmentsMax(r, &mx); });
             std::vector<int32_t> seg(size_t(std::min<uint32_t>(mx, 4096)) * 2 + 2);
-            uint32_t count = uint32_t(seg.size() / 2);
+            count = uint32_t(seg.size() / 2);
             if (c.byte() > 220) count = c.byte() % 3;  // too small: refused with the needed count
             check(c, {r}, [&] { return K_GetBitmapClipSegments(r, c.coord(), seg.data(), &count); });
             break;
@@ -842,80 +730,63 @@ void opBitmapRgn(Ctx& c) {
             if (c.byte() & 1) check(c, {r}, [&] { return K_FlipBitmapRgn(r); });
             else check(c, {r}, [&] { return K_ReverseBitmapRgn(r); });
             break;
-        case 12: {
-            HRGN v = nullptr;
-            if (check(c, {r}, [&] { return K_GetBitmapRgnHandle(r, xf, c.byte() > 240 ? nullptr : &v); }) ==
-                    KS_SUCCESS &&
-                v) {
-                const int h = c.byte() % kHandles;
-                if (c.hrgnLive[h]) DeleteObject(c.hrgn[h]);
-                c.hrgn[h] = v;
-                c.hrgnLive[h] = true;
-            }
+        case 12:
+            if (check(c, {r}, [&] { return K_GetBitmapRgnHandle(r, xf, c.orNull(&v)); }) == KS_SUCCESS && v)
+                c.putHrgn(c.byte() % kHandles, v);
             break;
-        }
         case 13: {
-            int32_t need = 0;
             check(c, {r}, [&] { need = K_GetBitmapRgnData(r, xf, 0, nullptr); return int64_t(0); });
             if (need <= 0 || need > int32_t(kBuf) * 8) return;
-            std::vector<uint8_t> data(static_cast<size_t>(need) + 0);
+            std::vector<uint8_t> data(static_cast<size_t>(need));
+            const auto* rd = reinterpret_cast<RGNDATA*>(data.data());
             const int32_t given = c.byte() < 220 ? need : int32_t(c.u32v() % uint32_t(need + 1));
             check(c, {r}, [&] { return K_GetBitmapRgnData(r, xf, given, reinterpret_cast<RGNDATA*>(data.data())); });
             BITMAPRECORD* d = c.rec();
             const int32_t back = c.byte() < 220 ? need : c.i32();
-            if (back > need) return;
-            check(c, {d}, [&] { return K_SetBitmapRgnData(d, xf, back, reinterpret_cast<const RGNDATA*>(data.data()), mode); });
+            if (back <= need) check(c, {d}, [&] { return K_SetBitmapRgnData(d, xf, back, rd, mode); });
             break;
         }
-        case 14: {
-            BITMAPRECORD* m = c.rec();
-            // The mask record is made afresh: one that owns something is freed first.
-            // (A mask as large as a huge source would only slow the run down.)
+        case 14:
+            // The mask record is made afresh. (A mask as large as a huge source would only slow the run down.)
+            m = c.rec();
             if (m == r || (r && plannedSize(r->nWidth, r->nHeight, 1) > kMaxData)) return;
-            if (m && isSlot(c, m)) freeSlot(c, int(m - c.bm));
-            if (m == &c.foreign) K_FreeBitmap(m);
-            const uint32_t sw = c.byte() < 200 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
-            check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, sw); }, 2);
+            fresh(c, m);
+            count = c.sizeWord(200);
+            check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, count); }, 2);
             break;
-        }
-        default: {
-            BITMAPRECORD* s = c.rec();
-            // The destination's region pointer is cleared without being
-            // freed (destinations come without one): a caller's duty.
+        default:
+            // The destination's region pointer is cleared without being freed
+            // (destinations come without one): a caller's duty.
+            m = c.rec();
             if (r && r->hRgn) return;
-            check(c, {r, s}, [&] { return K_CopyBitmapRgn(r, s, c.i32(), c.i32()); });
+            check(c, {r, m}, [&] { return K_CopyBitmapRgn(r, m, c.i32(), c.i32()); });
             if (c.byte() & 1) check(c, {r}, [&] { return K_FreeBitmapRgn(r); });
-        }
     }
 }
 
 // ---------------------------------------------------------------- family: view perspective and rectangles
 void opViewPerspective(Ctx& c) {
     BITMAPRECORD* r = c.rec();
-    const int32_t from = c.byte() < 200 ? c.byte() % 10 : c.i32();
-    const int32_t to = c.byte() < 200 ? c.byte() % 10 : c.i32();
+    const int32_t from = c.small(10), to = c.small(10);
     const int32_t w = c.i32(), h = c.i32();
     RECT* rp = c.rectp();
     int32_t x = c.coord(), y = c.coord();
-    RECT keep = rp ? *rp : RECT{};
+    const RECT keep = rp ? *rp : RECT{};
     const int32_t kx = x, ky = y;
     int64_t rc = 0;
-    bool isRect = true;
+    int32_t f, a;
     switch (c.byte() % 7) {
-        case 0: {
-            int32_t f, a;
-            rc = K_GetChangeViewPerspectiveParams(from, to, c.byte() > 240 ? nullptr : &f, &a);
-            break;
-        }
+        case 0: rc = K_GetChangeViewPerspectiveParams(from, to, c.orNull(&f), &a); break;
         case 1: rc = K_ChangeRectViewPerspective(from, w, h, to, rp); break;
-        case 2: rc = K_ChangePointViewPerspective(from, w, h, to, &x, &y), isRect = false; break;
+        case 2: rc = K_ChangePointViewPerspective(from, w, h, to, &x, &y); break;
         case 3: rc = check(c, {r}, [&] { return K_RectToBitmap(r, to, rp); }); break;
         case 4: rc = check(c, {r}, [&] { return K_RectFromBitmap(r, to, rp); }); break;
-        case 5: rc = check(c, {r}, [&] { return K_PointToBitmap(r, to, &x, &y); }), isRect = false; break;
-        default: rc = check(c, {r}, [&] { return K_PointFromBitmap(r, to, &x, &y); }), isRect = false; break;
+        case 5: rc = check(c, {r}, [&] { return K_PointToBitmap(r, to, &x, &y); }); break;
+        default: rc = check(c, {r}, [&] { return K_PointFromBitmap(r, to, &x, &y); }); break;
     }
-    if (rc < 0 && isRect && rp && std::memcmp(rp, &keep, sizeof keep) != 0) fail(c.op, "refused but changed the rectangle");
-    if (rc < 0 && !isRect && (x != kx || y != ky)) fail(c.op, "refused but changed the point");
+    // (The point calls leave the rectangle alone, and the rectangle calls the point.)
+    if (rc < 0 && rp && std::memcmp(rp, &keep, sizeof keep) != 0) fail(c.op, "refused but changed the rectangle", rc);
+    if (rc < 0 && (x != kx || y != ky)) fail(c.op, "refused but changed the point", rc);
 }
 void opRects(Ctx& c) {
     RECT a{c.coord(), c.coord(), c.coord(), c.coord()}, b{c.coord(), c.coord(), c.coord(), c.coord()}, d{};
@@ -925,14 +796,10 @@ void opRects(Ctx& c) {
     switch (c.byte() % 14) {
         case 0: IntersectRect(&d, &a, &b); break;
         case 1: UnionRect(&d, &a, &b); break;
-        case 2:
-            if (!InflateRect(&a, dx, dy) && std::memcmp(&a, &keep, sizeof a)) fail(c.op, "refused but changed");
-            break;
-        case 3:
-            if (!OffsetRect(&a, dx, dy) && std::memcmp(&a, &keep, sizeof a)) fail(c.op, "refused but changed");
-            break;
+        case 2: if (!InflateRect(&a, dx, dy) && std::memcmp(&a, &keep, sizeof a)) fail(c.op, "refused but changed"); break;
+        case 3: if (!OffsetRect(&a, dx, dy) && std::memcmp(&a, &keep, sizeof a)) fail(c.op, "refused but changed"); break;
         case 4: PtInRect(&a, p), IsRectEmpty(&a), EqualRect(&a, &b), SetRectEmpty(&d), CopyRect(&d, &a); break;
-        case 5: SetRect(c.byte() > 240 ? nullptr : &d, dx, dy, c.i32(), c.i32()); break;
+        case 5: SetRect(c.orNull(&d), dx, dy, c.i32(), c.i32()); break;
         case 6: K_Rect_Inflate(&a, dx, dy); break;
         case 7: K_Rect_Offset(&a, dx, dy); break;
         case 8: K_Rect_Intersect(&d, &a, &b), K_Rect_IntersectsWith(&a, &b), K_Rect_Union(&d, &a, &b); break;
@@ -947,95 +814,72 @@ void opRects(Ctx& c) {
 // ---------------------------------------------------------------- family: runtime services
 void opGlobal(Ctx& c) {
     const int h = c.byte() % kHandles;
+    HGLOBAL g = nullptr;
+    wchar_t msg[64], lib[64];
+    int32_t id, known;
     switch (c.byte() % 6) {
-        case 0: {
-            HGLOBAL g = K_GlobalAlloc(c.byte() < 200 ? c.byte() % 0x50 : c.u32v(), size_t(c.size64()) % (1u << 20));
-            if (!g) return;
+        case 0:
+            if (!(g = K_GlobalAlloc(c.usmall(0x50), size_t(c.size64()) % (1u << 20)))) return;
             if (c.globLive[h]) K_GlobalFree(c.glob[h]);
             c.glob[h] = g;
             c.globLive[h] = true;
             break;
-        }
         case 1: {
-            HGLOBAL g = c.ghandle();
+            g = c.ghandle();
             const size_t sz = size_t(c.size64());
             HGLOBAL n = K_GlobalReAlloc(g, sz > (1u << 20) && c.byte() < 250 ? sz % (1u << 20) : sz, c.u32v());
-            if (n && n != g) {
-                for (int k = 0; k < kHandles; ++k)
-                    if (c.glob[k] == g && c.globLive[k]) c.glob[k] = n;
-            }
+            for (int k = 0; n && n != g && k < kHandles; ++k)
+                if (c.glob[k] == g && c.globLive[k]) c.glob[k] = n;
             break;
         }
         case 2:
-            if (c.globLive[h]) {
-                if (K_GlobalFree(c.glob[h]) != nullptr) fail(c.op, "free of a live block failed");
-                c.globLive[h] = false;
-            } else {
-                HGLOBAL g = c.ghandle();
-                if (K_GlobalFree(g) == nullptr) c.forget(g);
-            }
+            if (c.globLive[h] && K_GlobalFree(c.glob[h]) != nullptr) fail(c.op, "free of a live block failed");
+            if (c.globLive[h]) c.globLive[h] = false;
+            else if (g = c.ghandle(); K_GlobalFree(g) == nullptr) c.forget(g);
             break;
-        case 3: {
-            HGLOBAL g = c.ghandle();
-            if (void* p = K_GlobalLock(g)) {
+        case 3:
+            if (void* p = K_GlobalLock(g = c.ghandle())) {
                 const size_t s = K_GlobalSize(g);
                 if (s) static_cast<volatile uint8_t*>(p)[s - 1] = 1;  // the whole size is usable
                 K_GlobalUnlock(g);
             }
             break;
-        }
         case 4: K_GlobalUnlock(c.ghandle()), K_GlobalSize(c.ghandle()); break;
-        default: {
-            wchar_t msg[64], lib[64];
-            const uint32_t chars = c.byte() < 220 ? c.byte() % 65 : c.u32v();
-            if (chars <= 64) K_GetFriendlyErrorMessage(c.i32(), c.byte() > 240 ? nullptr : msg, chars, lib);
-            int32_t id, known;
-            K_GetLibIdFromErrorCode(c.i32(), &id, c.byte() > 240 ? nullptr : &known);
-        }
+        default:
+            if (const uint32_t chars = c.usmall(65, 220); chars <= 64) K_GetFriendlyErrorMessage(c.i32(), c.orNull(msg), chars, lib);
+            K_GetLibIdFromErrorCode(c.i32(), &id, c.orNull(&known));
     }
 }
 void opMisc(Ctx& c) {
+    uint32_t hsv[3], written, cap;
+    char src[32], dir[64];
+    wchar_t w[32];
+    uint16_t u16[32];
+    TEMPFILEOPTIONS o{};
+    STATUSCALLBACK f;
+    void* u;
+    size_t size;
+    int32_t len;
     switch (c.byte() % 8) {
         case 0: K_SetDefaultXResolution(c.i32()), K_SetDefaultYResolution(c.i32()); break;
-        case 1: {
-            uint32_t hsv[3] = {c.u32v(), c.u32v(), c.u32v()};
-            K_HSVtoRGB2(hsv);
-            K_RGBtoHSV2(c.u32v(), c.byte() > 240 ? nullptr : hsv);
-            K_HSVtoRGB(c.u32v());
-            K_RGBtoHSV(c.u32v());
+        case 1:
+            for (auto& v : hsv) v = c.u32v();
+            K_HSVtoRGB2(hsv), K_RGBtoHSV2(c.u32v(), c.orNull(hsv)), K_HSVtoRGB(c.u32v()), K_RGBtoHSV(c.u32v());
             break;
-        }
-        case 2: {
-            char src[32];
-            wchar_t w[32];
-            uint16_t u[32];
+        case 2:
             for (auto& ch : src) ch = char(c.byte());
             src[31] = 0;  // a negative length reads up to the terminator
-            const int32_t len = c.byte() < 200 ? c.byte() % 33 : c.i32();
-            const uint32_t cap = c.byte() % 33;
-            uint32_t written;
-            if (len > 32) return;
-            K_Utf8ToWide(src, len, w, cap, &written);
-            K_Utf8ToUtf16(src, len, u, cap, &written);
+            len = c.small(33);
+            cap = c.byte() % 33;
+            if (len <= 32) K_Utf8ToWide(src, len, w, cap, &written), K_Utf8ToUtf16(src, len, u16, cap, &written);
             break;
-        }
-        case 3: {
-            TEMPFILEOPTIONS o{};
-            K_GetTempFileOptions(c.byte() > 240 ? nullptr : &o, c.byte() < 200 ? TEMPFILEOPTIONS_SIZE : c.u32v());
-            char dir[64];
-            const uint32_t cap = c.byte() % 65;
-            K_GetTempDirectoryUtf8(c.byte() > 240 ? nullptr : dir, cap);
+        case 3:
+            K_GetTempFileOptions(c.orNull(&o), c.byte() < 200 ? TEMPFILEOPTIONS_SIZE : c.u32v());
+            cap = c.byte() % 65;
+            K_GetTempDirectoryUtf8(c.orNull(dir), cap);
             break;
-        }
-        case 4: {
-            STATUSCALLBACK f;
-            void* u;
-            K_GetStatusCallBack(&f, c.byte() > 240 ? nullptr : &u);
-            K_GetCopyStatusCallBack(c.byte() > 240 ? nullptr : &f, &u);
-            break;
-        }
+        case 4: K_GetStatusCallBack(&f, c.orNull(&u)), K_GetCopyStatusCallBack(c.orNull(&f), &u); break;
         case 5: {
-            size_t size;
             uint8_t* b = c.buffer(&size);
             const int32_t count = c.byte() < 220 ? c.byte() : c.i32();
             const int32_t lo = c.byte() % 40 - 4, hi = c.byte() % 40 - 4;
@@ -1049,28 +893,29 @@ void opMisc(Ctx& c) {
     }
 }
 
-// ---------------------------------------------------------------- the family tables
 // ---------------------------------------------------------------- family: transforms
-// A record a call makes afresh (a copy's destination) is treated as output
-// only: whatever it held would be dropped, a caller's fault. The slot is
-// freed first unless it is also the source.
+// A record a call makes afresh (a copy's destination) is output only: the slot
+// is freed first unless it is also the source; the garbage record is not used.
 BITMAPRECORD* outRec(Ctx& c, BITMAPRECORD* src) {
     BITMAPRECORD* d = c.rec();
     if (d && d != src && isSlot(c, d)) freeSlot(c, int(d - c.bm));
-    if (d == &c.foreign) return nullptr;
-    return d;
+    return d == &c.foreign ? nullptr : d;
+}
+// A call from s into d (a fresh record, or s itself: in place).
+template <class F>
+void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
+    check(c, {s, d}, [&] { return call(d); }, d != s ? 2u : 0u);
 }
 // Small target sizes, or values every call must refuse.
 int32_t targetDim(Ctx& c) {
     const uint8_t b = c.byte();
-    if (b < 220) return int32_t(b % 72) + 1;
     const int32_t bad[] = {0, -1, -7, INT32_MIN};
-    return bad[b % 4];
+    return b < 220 ? int32_t(b % 72) + 1 : bad[b % 4];
 }
 void opOrient(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const uint8_t which = c.byte() % 10;
-    const int32_t v = c.byte() < 200 ? int32_t(c.byte() % 10) : c.i32();
+    const int32_t v = c.small(10);
     const int32_t angle = c.byte() < 200 ? int32_t(c.byte() % 4) * 90 : c.i32();
     switch (which) {
         case 0: check(c, {r}, [&] { return K_FlipBitmap(r); }); break;
@@ -1081,17 +926,15 @@ void opOrient(Ctx& c) {
         case 5: check(c, {r}, [&] { return K_ReverseBitmapViewPerspective(r); }); break;
         case 6: check(c, {r}, [&] { return K_RotateBitmapViewPerspective(r, angle); }); break;
         case 7: {
-            const int32_t from = c.byte() < 200 ? int32_t(c.byte() % 101) : c.i32();
-            const int32_t to = c.byte() < 200 ? int32_t(c.byte() % 101) : c.i32();
+            const int32_t from = c.small(101), to = c.small(101);
             check(c, {r}, [&] { return K_RotateBitmap90(r, c.byte() & 1, from, to); });
             break;
         }
         default: {
             // In place (null destination or the source) or into a fresh record.
             BITMAPRECORD* d = c.byte() & 1 ? nullptr : outRec(c, r);
-            const uint32_t sw = c.byte() < 220 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
-            const uint32_t out = d && d != r ? 2u : 0u;
-            check(c, {r, d}, [&] { return K_ChangeBitmapViewPerspective(d, r, sw, v); }, out);
+            const uint32_t sw = c.sizeWord(220);
+            check(c, {r, d}, [&] { return K_ChangeBitmapViewPerspective(d, r, sw, v); }, d && d != r ? 2u : 0u);
         }
     }
 }
@@ -1099,18 +942,15 @@ void opBuffers(Ctx& c) {
     size_t size;
     uint8_t* b = c.buffer(&size);
     const int32_t bpp = c.pick(kDepths);
-    const uint32_t w = c.byte() < 220 ? uint32_t(c.byte() % 40) : c.u32v();
-    const uint32_t h = c.byte() < 220 ? uint32_t(c.byte() % 40) : c.u32v();
-    // The buffers must hold the image (the caller's duty, not checkable):
-    // sizes are worked out for any depth up to 64 bits, and a call whose
-    // buffers would not hold its image is not made.
+    const uint32_t w = c.usmall(40, 220), h = c.usmall(40, 220);
+    // The buffers must hold the image (the caller's duty, not checkable): sizes
+    // for any depth up to 64 bits; a call whose buffers would not hold it is not made.
     const uint64_t bits = bpp > 0 && bpp <= 64 ? uint64_t(bpp) : 64;
     const uint64_t side = w > h ? w : h;
     const uint64_t need = ((side * bits + 31) / 32) * 4 * (side ? side : 1) + 64;
     const uint8_t which = c.byte() % 3;
     if (!b || need > size || need > kBuf / 2) {
-        // Refusals only: a null source.
-        if (which == 0) (void)K_RotateBuffer90(nullptr, b, 1, w, h, bpp);
+        if (which == 0) (void)K_RotateBuffer90(nullptr, b, 1, w, h, bpp);  // refusals only: a null source
         return;
     }
     std::vector<uint8_t> dst(size_t(need) + 64, 0);
@@ -1121,51 +961,33 @@ void opBuffers(Ctx& c) {
 void opRotateAny(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const int32_t angle = c.byte() < 200 ? int32_t(c.u32() % 72001) - 36000 : c.i32();
-    uint32_t flags = c.byte() < 220 ? (uint32_t(c.byte()) & 0x3Bu) | (uint32_t(c.byte() % 4) << 8) : c.u32v();
+    const uint32_t flags = c.byte() < 220 ? (uint32_t(c.byte()) & 0x3Bu) | (uint32_t(c.byte() % 4) << 8) : c.u32v();
     const uint32_t fill = c.u32v();
     const uint8_t which = c.byte() % 3;
+    int32_t w = 0, h = 0;
     if (which == 0) check(c, {r}, [&] { return K_RotateBitmap(r, angle, flags, fill); });
     else if (which == 1) check(c, {r}, [&] { return K_ShearBitmap(r, angle % 9000, flags, fill); });
-    else {
-        int32_t w = 0, h = 0;
-        (void)K_GetRotatedBitmapSize(r, angle, c.byte() & 1 ? &w : nullptr, &h);
-    }
+    else (void)K_GetRotatedBitmapSize(r, angle, c.byte() & 1 ? &w : nullptr, &h);
 }
 void opCopy(Ctx& c) {
+    static const uint32_t kCarry[] = {191u, 127u, 67u, 321u, 14u, 5u};
     BITMAPRECORD* s = c.rec();
     const uint8_t which = c.byte() % 8;
-    const uint32_t sw = c.byte() < 220 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
+    const uint32_t sw = c.sizeWord(220);
     const int32_t col = c.coord(), row = c.coord();
     const uint32_t w = uint32_t(targetDim(c)), h = uint32_t(targetDim(c));
     uint32_t mem = c.pick(kMemTypes);
     if (mem == 2) mem = 1;
+    auto to = [&](auto f) { into(c, s, outRec(c, s), f); };
     switch (which) {
-        case 0: {
-            BITMAPRECORD* d = outRec(c, s);
-            check(c, {s, d}, [&] { return K_CopyBitmap(d, s, sw); }, d != s ? 2u : 0u);
-            break;
-        }
-        case 1: {
-            BITMAPRECORD* d = outRec(c, s);
-            check(c, {s, d}, [&] { return K_CopyBitmap2(d, s, sw, mem); }, d != s ? 2u : 0u);
-            break;
-        }
-        case 2: {
-            BITMAPRECORD* d = outRec(c, s);
-            check(c, {s, d}, [&] { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }, d != s ? 2u : 0u);
-            break;
-        }
-        case 3: {
-            BITMAPRECORD* d = outRec(c, s);
-            check(c, {s, d}, [&] { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }, d != s ? 2u : 0u);
-            break;
-        }
+        case 0: to([&](BITMAPRECORD* d) { return K_CopyBitmap(d, s, sw); }); break;
+        case 1: to([&](BITMAPRECORD* d) { return K_CopyBitmap2(d, s, sw, mem); }); break;
+        case 2: to([&](BITMAPRECORD* d) { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }); break;
+        case 3: to([&](BITMAPRECORD* d) { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }); break;
         case 4: {
             BITMAPRECORD* d = outRec(c, s);
-            static const uint32_t kCarry[] = {191u, 127u, 67u, 321u, 14u, 5u};
             const uint32_t carry = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
-            if (d == s) return;
-            check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, int32_t(w), int32_t(h), carry); }, 2u);
+            if (d != s) check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, int32_t(w), int32_t(h), carry); }, 2u);
             break;
         }
         case 5: check(c, {s}, [&] { return K_TrimBitmap(s, col, row, w, h); }); break;
@@ -1196,7 +1018,7 @@ void opResize(Ctx& c) {
             // Into a destination record the caller prepared (its size names the target).
             BITMAPRECORD* d = c.rec();
             if (!d || d == r || d == &c.foreign) return;
-            if (isSlot(c, d)) freeSlot(c, int(d - c.bm));
+            fresh(c, d);
             const int32_t bpp = r && krn::recordSizeValid(r->uStructSize) ? r->nBitsPerPixel : 8;
             if (K_InitBitmap(d, BITMAPRECORD_SIZE, w > 0 ? w : 1, h > 0 ? h : 1, bpp) != KS_SUCCESS) return;
             if (which == 3) check(c, {r, d}, [&] { return K_ResizeBitmap(r, d, flags); }, 2u);
@@ -1216,8 +1038,7 @@ void opRowResize(Ctx& c) {
     const int32_t bpp = c.pick(kDepths);
     for (int k = 0; k < 4; ++k) {
         int32_t newWidth = 0, rows = 0;
-        const int32_t r = c.byte() < 220 ? int32_t(c.byte() % 80) : c.i32();
-        (void)K_Resize(row.data(), r, bpp, &newWidth, &rows, data);
+        (void)K_Resize(row.data(), c.small(80, 220), bpp, &newWidth, &rows, data);
     }
     if (K_StopResize(data) != KS_SUCCESS) fail(c.op, "stop failed");
     (void)K_SQRT(c.u32());
@@ -1228,36 +1049,35 @@ void opColorRes(Ctx& c) {
     const int32_t bpp = c.pick(kDepths);
     const uint32_t flags = c.byte() < 220 ? (c.u32() & CRF_ALLFLAGS) : c.u32v();
     RGBQUAD pal[256];
-    for (auto& q : pal) q = RGBQUAD{c.byte(), c.byte(), c.byte(), 0};
+    c.palette(pal);
     const int32_t n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
     const RGBQUAD* pp = c.byte() < 230 ? pal : nullptr;
     if (n > 256 && pp) return;  // a palette shorter than its count is the caller's fault
     if (which == 0) {
         BITMAPRECORD* d = c.byte() & 1 ? s : outRec(c, s);
-        const uint32_t sw = c.byte() < 220 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
-        check(c, {s, d}, [&] { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); }, d != s ? 2u : 0u);
+        const uint32_t sw = c.sizeWord(220);
+        into(c, s, d, [&](BITMAPRECORD* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
     } else if (which == 1) {
         check(c, {s}, [&] { return K_GrayScaleBitmap(s, bpp); });
     } else {
         int32_t used = 0;
-        const int32_t reserved = c.byte() < 220 ? int32_t(c.byte() % 8) : c.i32();
-        (void)check(c, {s}, [&] { return K_CreateBitmapOptPal(s, pal, n > 256 ? 256 : n, reserved, c.u32v(), &used); });
+        const int32_t reserved = c.small(8, 220);
+        check(c, {s}, [&] { return K_CreateBitmapOptPal(s, pal, n > 256 ? 256 : n, reserved, c.u32v(), &used); });
     }
 }
 void opDisplay(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const uint8_t which = c.byte() % 7;
     const int32_t v = c.i32();
+    uint8_t t8[256];
     switch (which) {
         case 0: check(c, {r}, [&] { return K_SetPaintIntensity(r, v); }); break;
         case 1: check(c, {r}, [&] { return K_SetPaintContrast(r, v); }); break;
         case 2: check(c, {r}, [&] { return K_SetPaintGamma(r, v); }); break;
         case 3: {
-            uint8_t t8[256];
             std::vector<uint16_t> t16(65536);
-            (void)K_GetPaintIntensity(r);
-            (void)K_GetPaintTable(r, c.byte() & 1 ? t8 : nullptr);
-            (void)K_GetPaintTable16(r, c.byte() & 1 ? t16.data() : nullptr);
+            K_GetPaintIntensity(r), K_GetPaintTable(r, c.byte() & 1 ? t8 : nullptr);
+            K_GetPaintTable16(r, c.byte() & 1 ? t16.data() : nullptr);
             break;
         }
         case 4: {
@@ -1280,17 +1100,16 @@ void opDisplay(Ctx& c) {
         }
         default: {
             BITMAPRECORD* d = c.byte() & 1 ? r : outRec(c, r);
-            const uint32_t sw = c.byte() < 220 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
+            const uint32_t sw = c.sizeWord(220);
             const int32_t lo = c.i32(), hi = c.i32();
             if (which == 5) {
-                check(c, {r, d}, [&] { return K_WindowLevel(r, d, sw, lo, hi, c.i32(), c.u32v()); }, d != r ? 2u : 0u);
-            } else {
-                RGBQUAD lut[4096];
-                const int32_t lb = c.byte() % 17, hb = c.byte() % 17;
-                const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
-                if (len > 4096) return;
-                check(c, {r, d}, [&] { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); }, d != r ? 2u : 0u);
+                into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevel(r, d, sw, lo, hi, c.i32(), c.u32v()); });
+                return;
             }
+            RGBQUAD lut[4096];
+            const int32_t lb = c.byte() % 17, hb = c.byte() % 17;
+            const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
+            if (len <= 4096) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); });
         }
     }
 }
@@ -1300,8 +1119,7 @@ void opDisplay(Ctx& c) {
 HBITMAPLIST listHandle(Ctx& c) {
     const uint8_t b = c.byte();
     if (b < 225) return c.list[b % kLists];
-    if (b < 240) return reinterpret_cast<HBITMAPLIST>(&c.foreign);
-    return nullptr;
+    return b < 240 ? reinterpret_cast<HBITMAPLIST>(&c.foreign) : nullptr;
 }
 // A record whose storage a call moved into a list: the slot lets go of it
 // without freeing (the list owns it now) and starts afresh.
@@ -1320,67 +1138,70 @@ HBITMAPLIST* newListSlot(Ctx& c) {
     c.listLive[k] = false;
     return &c.list[k];
 }
+// A call that makes a list into `out` (null sometimes): nothing is made on failure.
+template <class F>
+void makesList(Ctx& c, HBITMAPLIST* out, F&& call) {
+    *out = nullptr;
+    const int32_t rc = call(c.byte() > 245 ? nullptr : out);
+    if (rc == KS_SUCCESS) c.listLive[out - c.list] = true;
+    else if (*out) fail(c.op, "a failing call made a list", rc);
+}
 void opList(Ctx& c) {
     const uint8_t which = c.byte() % 12;
-    const uint32_t index = c.byte() < 200 ? uint32_t(c.byte() % 6) : c.u32v();
-    const uint32_t count = c.byte() < 200 ? uint32_t(c.byte() % 5) : c.u32v();
+    const uint32_t index = c.usmall(6), count = c.usmall(5);
+    HBITMAPLIST h, *out;
+    BITMAPRECORD *r, *old, tmp;
+    int32_t rc, n, used = 0;
+    uint32_t size, got = 0xABCDu;
+    RGBQUAD pal[256];
+    const uint32_t bits[] = {0, BRF_FRAME_WAITINPUT, BRF_FRAME_TRANSPARENT, BRF_FRAME_ALPHAOVER};
     switch (which) {
-        case 0: {
-            HBITMAPLIST* h = newListSlot(c);
-            const int32_t rc = K_CreateBitmapList(c.byte() > 245 ? nullptr : h);
-            if (rc == KS_SUCCESS) c.listLive[h - c.list] = true;
-            else if (rc >= 0) fail(c.op, "create gave an odd status");
+        case 0:
+            out = newListSlot(c);
+            if ((rc = K_CreateBitmapList(c.orNull(out, 245))) == KS_SUCCESS) c.listLive[out - c.list] = true;
+            else if (rc >= 0) fail(c.op, "create gave an odd status", rc);
             break;
-        }
         case 1: {
             const int k = c.byte() % kLists;
-            const int32_t rc = K_DestroyBitmapList(c.list[k]);
-            if (c.listLive[k] && rc != KS_SUCCESS) fail(c.op, "destroying a live list failed");
+            rc = K_DestroyBitmapList(c.list[k]);
+            if (c.listLive[k] && rc != KS_SUCCESS) fail(c.op, "destroying a live list failed", rc);
             if (!c.listLive[k] && c.list[k] && rc == KS_SUCCESS) fail(c.op, "a destroyed list was destroyed again");
             c.listLive[k] = false;
             break;
         }
-        case 2: {
-            uint32_t n = 0xABCDu;
-            const int32_t rc = K_GetBitmapListCount(listHandle(c), c.byte() > 245 ? nullptr : &n);
-            if (rc < 0 && n != 0xABCDu) fail(c.op, "a failing count wrote its result");
+        case 2:
+            rc = K_GetBitmapListCount(listHandle(c), c.orNull(&got, 245));
+            if (rc < 0 && got != 0xABCDu) fail(c.op, "a failing count wrote its result", rc);
             break;
-        }
-        case 3: case 4: {
+        case 3:
+        case 4:
             // Insert (or replace): the record's storage moves into the list.
-            BITMAPRECORD* r = c.rec();
-            if (r == &c.foreign) return;  // its owned fields would then belong to two owners
-            const HBITMAPLIST h = listHandle(c);
-            int64_t rc;
+            // (The garbage record's owned fields would then belong to two owners.)
+            if ((r = c.rec()) == &c.foreign) return;
+            h = listHandle(c);
             if (which == 3) {
-                rc = check(c, {r}, [&] { return K_InsertBitmapListItem(h, index, r); });
+                rc = int32_t(check(c, {r}, [&] { return K_InsertBitmapListItem(h, index, r); }));
             } else {
-                BITMAPRECORD* old = c.byte() & 1 ? nullptr : outRec(c, r);
-                if (old == r) return;
-                const uint32_t oldSize = c.byte() < 220 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
-                rc = check(c, {r, old}, [&] { return K_ReplaceBitmapListItem(h, index, r, old, oldSize); }, 2u);
+                if ((old = c.byte() & 1 ? nullptr : outRec(c, r)) == r) return;
+                size = c.sizeWord(220);
+                rc = int32_t(check(c, {r, old}, [&] { return K_ReplaceBitmapListItem(h, index, r, old, size); }, 2u));
             }
             if (rc == KS_SUCCESS) handedOver(c, r);
             break;
-        }
-        case 5: {
-            // Take an item out into a fresh slot, or free it (null).
-            BITMAPRECORD* r = c.byte() & 1 ? nullptr : outRec(c, nullptr);
-            (void)check(c, {r}, [&] { return K_RemoveBitmapListItem(listHandle(c), index, r); }, 1u);
+        case 5:  // take an item out into a fresh slot, or free it (null)
+            r = c.byte() & 1 ? nullptr : outRec(c, nullptr);
+            check(c, {r}, [&] { return K_RemoveBitmapListItem(listHandle(c), index, r); }, 1u);
             break;
-        }
         case 6: (void)K_DeleteBitmapListItems(listHandle(c), index, count); break;
-        case 7: {
+        case 7:
             // Get a copy of an item (the list keeps ownership) and set it back,
             // with frame words of the caller's choosing for the playback.
-            BITMAPRECORD tmp;
             std::memset(&tmp, 0xEE, sizeof tmp);
-            const BITMAPRECORD untouched = tmp;
-            const HBITMAPLIST h = listHandle(c);
-            const uint32_t size = c.byte() < 200 ? BITMAPRECORD_SIZE : c.pick(kSizeWords);
-            const int32_t rc = K_GetBitmapListItem(h, index, c.byte() > 245 ? nullptr : &tmp, size);
-            if (rc < 0) {
-                if (std::memcmp(&tmp, &untouched, sizeof tmp) != 0) fail(c.op, "a failing get wrote its record");
+            h = listHandle(c);
+            size = c.sizeWord(200);
+            if ((rc = K_GetBitmapListItem(h, index, c.orNull(&tmp, 245), size)) < 0) {
+                for (size_t k = 0; k < sizeof tmp; ++k)
+                    if (reinterpret_cast<uint8_t*>(&tmp)[k] != 0xEE) fail(c.op, "a failing get wrote its record", rc);
                 return;
             }
             if (size != BITMAPRECORD_SIZE) return;
@@ -1389,51 +1210,33 @@ void opList(Ctx& c) {
             FRAME_DELAY(&tmp) = c.byte() < 200 ? 0u : c.u32v();
             FRAME_DISPOSAL(&tmp) = c.byte() % 5;
             FRAME_TRANSPARENT_COLOR(&tmp) = c.u32v();
-            const uint32_t flagBits[] = {0, BRF_FRAME_WAITINPUT, BRF_FRAME_TRANSPARENT, BRF_FRAME_ALPHAOVER};
-            tmp.uFlags = (tmp.uFlags & ~(BRF_FRAME_WAITINPUT | BRF_FRAME_TRANSPARENT | BRF_FRAME_ALPHAOVER)) |
-                         c.pick(flagBits);
+            tmp.uFlags = (tmp.uFlags & ~(bits[1] | bits[2] | bits[3])) | c.pick(bits);
             if (K_SetBitmapListItem(h, index, &tmp) != KS_SUCCESS) fail(c.op, "setting back a got item failed");
             break;
-        }
-        case 8: {
-            // Deep copies into a new list; nothing is made on failure.
-            HBITMAPLIST* out = newListSlot(c);
-            *out = nullptr;
-            const int32_t rc = K_CopyBitmapListItems(c.byte() > 245 ? nullptr : out, listHandle(c), index, count);
-            if (rc == KS_SUCCESS) c.listLive[out - c.list] = true;
-            else if (*out) fail(c.op, "a failing copy made a list");
+        case 8:  // deep copies into a new list; nothing is made on failure
+            *(out = newListSlot(c)) = nullptr;
+            if ((rc = K_CopyBitmapListItems(c.orNull(out, 245), listHandle(c), index, count)) == KS_SUCCESS) c.listLive[out - c.list] = true;
+            else if (*out) fail(c.op, "a failing copy made a list", rc);
             break;
-        }
-        case 9: {
-            HBITMAPLIST src = listHandle(c);
-            HBITMAPLIST* out = newListSlot(c);
-            *out = nullptr;
-            const int32_t rc = K_MoveBitmapListItems(c.byte() > 245 ? nullptr : out, src, index, count);
-            if (rc == KS_SUCCESS) c.listLive[out - c.list] = true;
-            else if (*out) fail(c.op, "a failing move made a list");
+        case 9:
+            h = listHandle(c);
+            makesList(c, newListSlot(c), [&](HBITMAPLIST* o) { return K_MoveBitmapListItems(o, h, index, count); });
             break;
-        }
-        case 10: {
-            RGBQUAD pal[256];
+        case 10:
             std::memset(pal, 0xCD, sizeof pal);
-            int32_t used = 0;
-            const int32_t n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
-            (void)K_CreateBitmapListOptPal(listHandle(c), c.byte() > 245 ? nullptr : pal, n > 256 ? 256 : n,
-                                           c.byte() < 220 ? int32_t(c.byte() % 8) : c.i32(), c.u32v(), &used);
+            n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
+            (void)K_CreateBitmapListOptPal(listHandle(c), c.orNull(pal, 245), n > 256 ? 256 : n, c.small(8, 220), c.u32v(), &used);
             break;
-        }
-        default: {
+        default:
             // Setting an item to an empty record leaves the old item to the
             // caller: only an item that owns nothing is overwritten that way.
-            BITMAPRECORD tmp;
-            const HBITMAPLIST h = listHandle(c);
+            h = listHandle(c);
             if (K_GetBitmapListItem(h, index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS) {
                 (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
                 return;
             }
             if (tmp.uFlags & BRF_ALLOCATED || tmp.hRgn || tmp.pPalette || tmp.pCallbacks || tmp.hListBlock) return;
             if (K_SetBitmapListItem(h, index, nullptr) != KS_SUCCESS) fail(c.op, "clearing an item failed");
-        }
     }
 }
 // A playback handle: live, destroyed, null, or another kind of handle.
@@ -1442,152 +1245,118 @@ HPLAYBACK playHandle(Ctx& c) {
     if (b < 200) return c.play[b % kPlays];
     if (b < 215) return reinterpret_cast<HPLAYBACK>(c.list[b % kLists]);
     if (b < 230) return reinterpret_cast<HPLAYBACK>(c.glob[b % kHandles]);
-    if (b < 245) return reinterpret_cast<HPLAYBACK>(&c.foreign);
-    return nullptr;
+    return b < 245 ? reinterpret_cast<HPLAYBACK>(&c.foreign) : nullptr;
 }
-void destroyPlayback(Ctx& c, int k) {
-    if (!c.playLive[k]) return;
-    if (K_DestroyPlayback(c.play[k]) != KS_SUCCESS) fail(c.op, "destroying a live playback failed");
+// Playback k is over: its target, a valid bitmap to the end, is freed.
+void endPlayback(Ctx& c, int k) {
     c.playLive[k] = false;
     validate(&c.target[k], c.op);
     if (K_FreeBitmap(&c.target[k]) != KS_SUCCESS) fail(c.op, "freeing a playback target failed");
 }
+void destroyPlayback(Ctx& c, int k) {
+    if (!c.playLive[k]) return;
+    if (K_DestroyPlayback(c.play[k]) != KS_SUCCESS) fail(c.op, "destroying a live playback failed");
+    endPlayback(c, k);
+}
 void opPlayback(Ctx& c) {
     const uint8_t which = c.byte() % 10;
     const int k = c.byte() % kPlays;
+    const int32_t depths[] = {1, 4, 8, 16, 24, 32, 48, 64};
+    BITMAPRECORD &t = c.target[k], *r;
+    HPLAYBACK h = nullptr;
+    HBITMAPLIST l;
+    int32_t v = 0;
+    uint32_t ms = 0;
+    RECT rc{};
+    int j = 0;
     switch (which) {
-        case 0: {
+        case 0:
             // A new playback onto a small target of its own.
             destroyPlayback(c, k);
-            const int32_t depths[] = {1, 4, 8, 16, 24, 32, 48, 64};
-            BITMAPRECORD& t = c.target[k];
             std::memset(&t, 0, sizeof t);
             if (K_CreateBitmap(&t, BITMAPRECORD_SIZE, 1, int32_t(c.byte() % 48) + 1, int32_t(c.byte() % 48) + 1,
                                c.pick(depths), c.byte() % 3 - 1, nullptr, c.byte() % 8 + 1, nullptr, 0) != KS_SUCCESS)
                 return;
             FRAME_BACKGROUND_COLOR(&t) = c.u32v();
-            HPLAYBACK h = nullptr;
-            const HBITMAPLIST l = c.byte() & 1 ? nullptr : listHandle(c);
-            const int32_t rc = check(c, {&t}, [&] { return K_CreatePlayback(c.byte() > 245 ? nullptr : &h, &t, l); });
-            if (rc == KS_SUCCESS) {
-                c.play[k] = h;
-                c.playLive[k] = true;
-            } else {
-                if (h) fail(c.op, "a failing create made a playback");
-                K_FreeBitmap(&t);
+            l = c.byte() & 1 ? nullptr : listHandle(c);
+            if (check(c, {&t}, [&] { return K_CreatePlayback(c.orNull(&h, 245), &t, l); }) == KS_SUCCESS) {
+                c.play[k] = h, c.playLive[k] = true;
+                break;
             }
+            if (h) fail(c.op, "a failing create made a playback");
+            K_FreeBitmap(&t);
             break;
-        }
-        case 1: {
+        case 1:
             if (c.byte() & 1) {
                 destroyPlayback(c, k);
                 break;
             }
-            const HPLAYBACK h = playHandle(c);
-            if (K_DestroyPlayback(h) != KS_SUCCESS) break;
             // Only a live playback can be destroyed.
-            int j = 0;
+            if (K_DestroyPlayback(h = playHandle(c)) != KS_SUCCESS) break;
             while (j < kPlays && !(c.playLive[j] && c.play[j] == h)) ++j;
             if (j == kPlays) fail(c.op, "a handle that is not a live playback was destroyed");
-            c.playLive[j] = false;
-            if (K_FreeBitmap(&c.target[j]) != KS_SUCCESS) fail(c.op, "freeing a playback target failed");
+            endPlayback(c, j);
             break;
-        }
-        case 2: {
-            // Steps of the state machine; the target stays a valid bitmap.
-            const HPLAYBACK h = playHandle(c);
-            const int steps = c.byte() % 24 + 1;
-            for (int s = 0; s < steps; ++s) {
-                int32_t state = -1;
-                if (K_ProcessPlayback(h, c.byte() > 245 ? nullptr : &state) != KS_SUCCESS) break;
-                if (state >= 0 && (state < PLAYBACK_STATE_CLEAR || state > PLAYBACK_STATE_END))
-                    fail(c.op, "a state outside the state machine");
-                if (state == PLAYBACK_STATE_WAITINPUT || state == PLAYBACK_STATE_WAITDELAY ||
-                    state == PLAYBACK_STATE_WAITBOTH)
-                    K_CancelPlaybackWait(h);  // never sleep in the fuzzer
+        case 2:
+            // Steps of the state machine (never sleeping on a wait); the target stays a valid bitmap.
+            h = playHandle(c);
+            for (int s = 0, steps = c.byte() % 24 + 1; s < steps; ++s) {
+                v = -1;
+                if (K_ProcessPlayback(h, c.orNull(&v, 245)) != KS_SUCCESS) break;
+                if (v >= 0 && (v < PLAYBACK_STATE_CLEAR || v > PLAYBACK_STATE_END)) fail(c.op, "a state outside the state machine", v);
+                if (v == PLAYBACK_STATE_WAITINPUT || v == PLAYBACK_STATE_WAITDELAY || v == PLAYBACK_STATE_WAITBOTH) K_CancelPlaybackWait(h);
             }
             break;
-        }
-        case 3: {
-            const int32_t rc = K_SetPlaybackIndex(playHandle(c), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32());
-            (void)rc;
+        case 3: (void)K_SetPlaybackIndex(playHandle(c), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32()); break;
+        case 4:  // a frame appended: its storage moves into the playback's list
+            if ((r = c.rec()) != &c.foreign && check(c, {r}, [&] { return K_AppendPlayback(playHandle(c), r); }) == KS_SUCCESS)
+                handedOver(c, r);
             break;
-        }
-        case 4: {
-            // A frame appended: its storage moves into the playback's list.
-            BITMAPRECORD* r = c.rec();
-            if (r == &c.foreign) return;
-            const int64_t rc = check(c, {r}, [&] { return K_AppendPlayback(playHandle(c), r); });
-            if (rc == KS_SUCCESS) handedOver(c, r);
-            break;
-        }
         case 5: (void)K_ValidatePlaybackLines(playHandle(c), c.i32(), c.i32()); break;
-        case 6: {
-            RECT rc{};
-            (void)K_GetPlaybackUpdateRect(playHandle(c), c.byte() > 245 ? nullptr : &rc, c.byte() & 1);
-            (void)K_ClearPlaybackUpdateRect(playHandle(c));
+        case 6: K_GetPlaybackUpdateRect(playHandle(c), c.orNull(&rc, 245), c.byte() & 1), K_ClearPlaybackUpdateRect(playHandle(c)); break;
+        case 7:
+            K_GetPlaybackState(playHandle(c), c.orNull(&v, 245)), K_GetPlaybackIndex(playHandle(c), c.orNull(&v, 245));
+            K_GetPlaybackDelay(playHandle(c), c.orNull(&ms, 245));
             break;
-        }
-        case 7: {
-            int32_t v = 0;
-            uint32_t ms = 0;
-            (void)K_GetPlaybackState(playHandle(c), c.byte() > 245 ? nullptr : &v);
-            (void)K_GetPlaybackIndex(playHandle(c), c.byte() > 245 ? nullptr : &v);
-            (void)K_GetPlaybackDelay(playHandle(c), c.byte() > 245 ? nullptr : &ms);
-            break;
-        }
         default: (void)K_CancelPlaybackWait(playHandle(c)); break;
     }
     for (int p = 0; p < kPlays; ++p)
         if (c.playLive[p]) validate(&c.target[p], c.op);
 }
 
+// ---------------------------------------------------------------- the family tables
 struct Op {
     const char* name;
     void (*fn)(Ctx&);
 };
-const Op kRecordOps[] = {{"init", opInit},
-                         {"create", opCreate},
-                         {"create", opCreate},
-                         {"allocate", opAllocate},
-                         {"free", opFree},
-                         {"change height", opChangeHeight},
-                         {"set data pointer", opSetDataPointer},
-                         {"access", opAccess},
-                         {"release", opRelease},
-                         {"int access/release", opIntAccessRelease},
-                         {"memory info", opMemoryInfo},
-                         {"set memory info", opSetMemoryInfo},
-                         {"compression", opCompression},
-                         {"relabel layout", opRelabel},
-                         {"manage memory", opManageMemory},
-                         {"thresholds", opThresholds},
-                         {"data callbacks", opDataCallbacks}};
+const Op kRecordOps[] = {{"init", opInit}, {"create", opCreate}, {"create", opCreate}, {"allocate", opAllocate},
+                         {"free", opFree}, {"change height", opChangeHeight}, {"set data pointer", opSetDataPointer},
+                         {"access", on1<K_AccessBitmap>}, {"release", on1<K_ReleaseBitmap>},
+                         {"int access/release", opIntAccessRelease}, {"memory info", opMemoryInfo},
+                         {"set memory info", opSetMemoryInfo}, {"compression", opCompression},
+                         {"relabel layout", opRelabel}, {"manage memory", opManageMemory},
+                         {"thresholds", opThresholds}, {"data callbacks", opDataCallbacks}};
 const Op kRowOps[] = {{"rows", opRows}, {"fill", opFill}, {"compressed rows", opRuns}};
 const Op kPaletteOps[] = {{"bitmap palette", opPalette}, {"palette helpers", opPaletteHelpers}};
 const Op kPixelOps[] = {{"convert", opConvert}, {"dither", opDither}};
 const Op kRegionOps[] = {{"orva region", opOrvaRgn}, {"region handle", opHrgn}, {"bitmap region", opBitmapRgn}};
 const Op kGeometryOps[] = {{"view perspective", opViewPerspective}, {"rectangles", opRects}};
 const Op kRuntimeOps[] = {{"global memory", opGlobal}, {"misc", opMisc}};
-const Op kTransformOps[] = {{"orientation", opOrient},   {"buffer turns", opBuffers}, {"rotate any", opRotateAny},
-                            {"copy", opCopy},           {"combine", opCombine},     {"resize", opResize},
-                            {"row resizer", opRowResize}};
+const Op kTransformOps[] = {{"orientation", opOrient}, {"buffer turns", opBuffers}, {"rotate any", opRotateAny},
+                            {"copy", opCopy}, {"combine", opCombine}, {"resize", opResize}, {"row resizer", opRowResize}};
 const Op kColourDisplayOps[] = {{"colour resolution", opColorRes}, {"display", opDisplay}};
 const Op kListPlaybackOps[] = {{"lists", opList}, {"lists", opList}, {"playback", opPlayback}};
 
 struct Family {
-    const char* name;
     const Op* ops;
     size_t count;
 };
-#define FAMILY(name, table) {name, table, sizeof table / sizeof table[0]}
-const Family kFamilies[] = {FAMILY("record", kRecordOps),     FAMILY("record", kRecordOps),
-                            FAMILY("rows", kRowOps),          FAMILY("palettes", kPaletteOps),
-                            FAMILY("pixels", kPixelOps),      FAMILY("regions", kRegionOps),
-                            FAMILY("regions", kRegionOps),    FAMILY("geometry", kGeometryOps),
-                            FAMILY("runtime", kRuntimeOps),   FAMILY("transforms", kTransformOps),
-                            FAMILY("transforms", kTransformOps), FAMILY("colour and display", kColourDisplayOps),
-                            FAMILY("lists and playback", kListPlaybackOps)};
+#define FAMILY(table) {table, sizeof table / sizeof table[0]}
+// (Listed twice: the families with the most functions get more steps.)
+const Family kFamilies[] = {FAMILY(kRecordOps), FAMILY(kRecordOps), FAMILY(kRowOps), FAMILY(kPaletteOps),
+                            FAMILY(kPixelOps), FAMILY(kRegionOps), FAMILY(kRegionOps), FAMILY(kGeometryOps),
+                            FAMILY(kRuntimeOps), FAMILY(kTransformOps), FAMILY(kTransformOps),
+                            FAMILY(kColourDisplayOps), FAMILY(kListPlaybackOps)};
 
 struct Baseline {
     int32_t thresholds[5];
@@ -1600,16 +1369,15 @@ struct Baseline {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Baseline base = [] {
         Baseline b{};
-        K_GetMemoryThresholds(&b.thresholds[0], &b.thresholds[1], &b.thresholds[2], &b.thresholds[3],
-                              &b.thresholds[4]);
+        K_GetMemoryThresholds(&b.thresholds[0], &b.thresholds[1], &b.thresholds[2], &b.thresholds[3], &b.thresholds[4]);
         b.memType = K_GetDefaultMemoryType();
         b.xres = K_GetDefaultXResolution();
         b.yres = K_GetDefaultYResolution();
         b.dither = K_GetDefaultDithering();
         return b;
     }();
-    // The same settings for every input, so that a finding replays.
-    // Directly: the default largest image is not a value the setter takes.
+    // The same settings for every input, so that a finding replays. Directly:
+    // the default largest image is not a value the setter takes.
     krn::ThreadSettings& ts = krn::settings();
     ts.nMemKeepFree = base.thresholds[0];
     ts.nMemLargestImage = base.thresholds[1];
@@ -1623,41 +1391,34 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     K_DefaultDithering(base.dither);
     K_SetUserMatchTable(nullptr);
     K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);
-    int64_t counter0 = 0;
+    int64_t counter0 = 0, counter1 = 0;
     K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter0);
     const long live0 = krn::faultinject::liveBlocks();
 
+    // FUZZ_API_TRACE prints each step; FUZZ_API_DUMP=<file> keeps the input being run.
     static const bool trace = std::getenv("FUZZ_API_TRACE") != nullptr;
-    // Keeps the input being run, for replays without libFuzzer.
-    static long runs = 0;
-    ++runs;
     if (static const char* dump = std::getenv("FUZZ_API_DUMP"); dump) {
-        if (trace) std::fprintf(stderr, "input %ld\n", runs);
-        if (FILE* f = std::fopen(dump, "wb")) {
-            std::fwrite(data, 1, size, f);
-            std::fclose(f);
-        }
+        if (FILE* f = std::fopen(dump, "wb")) std::fwrite(data, 1, size, f), std::fclose(f);
     }
     auto* c = new Ctx{data, size};
     for (auto& b : c->bm) K_InitBitmap(&b, BITMAPRECORD_SIZE, 8, 8, 8);
-    // Garbage from a generator seeded by the input: the script's bytes are
-    // kept for the calls.
+    // A record the library never made: garbage from a generator seeded by the
+    // input everywhere but in the pointers a caller owns the memory of (no
+    // library can check those), not marked allocated. Its region handle stays
+    // garbage: handles are looked up, never trusted.
     uint32_t x = c->u32() | 1;
     for (size_t k = 0; k < sizeof c->foreign; ++k) {
         x ^= x << 13, x ^= x >> 17, x ^= x << 5;
         reinterpret_cast<uint8_t*>(&c->foreign)[k] = uint8_t(x);
     }
-    // A record the library never made: garbage everywhere but in the
-    // pointers a caller owns the memory of (no library can check those), and
-    // not marked allocated. Its region handle stays garbage: handles are
-    // looked up, never trusted.
-    c->foreign.uStructSize = c->byte() & 1 ? BITMAPRECORD_SIZE : BITMAPRECORD_SIZE_OLD;
-    c->foreign.uFlags &= ~BRF_ALLOCATED;
-    c->foreign.hMemory = c->foreign.pData = nullptr;
-    c->foreign.pPalette = nullptr;
-    c->foreign.pDitherState = c->foreign.pLUT = c->foreign.pOverlays = c->foreign.pExtraData = nullptr;
-    c->foreign.hListBlock = nullptr;
-    c->foreign.pCallbacks = nullptr;
+    BITMAPRECORD& g = c->foreign;
+    g.uStructSize = c->byte() & 1 ? BITMAPRECORD_SIZE : BITMAPRECORD_SIZE_OLD;
+    g.uFlags &= ~BRF_ALLOCATED;
+    g.hMemory = g.pData = nullptr;
+    g.pDitherState = g.pLUT = g.pOverlays = g.pExtraData = nullptr;
+    g.pPalette = nullptr;
+    g.hListBlock = nullptr;
+    g.pCallbacks = nullptr;
     c->buf[0].assign(kBuf, 0);
     c->buf[1].assign(c->byte() * 8 + 1, 0);
     for (auto& b : c->buf[0]) b = uint8_t(c->i * 31);
@@ -1668,10 +1429,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         c->op = op.name;
         const size_t at = c->i;
         op.fn(*c);
-        if (trace && c->relabelled >= 0) std::fprintf(stderr, "relabelled %d\n", c->relabelled);
-        if (trace)
-            std::fprintf(stderr, "step %d: %s (bytes %zu..%zu, first %u) live %ld\n", step, op.name, at, c->i,
-                         at < size ? data[at] : 0u, krn::faultinject::liveBlocks());
+        if (trace) std::fprintf(stderr, "step %d: %s (bytes %zu..%zu) live %ld relabelled %d\n", step, op.name, at, c->i, krn::faultinject::liveBlocks(), c->relabelled);
         if (c->relabelled >= 0 && op.fn != opRelabel) {
             // Unless the call wrote a new size word itself (init, create).
             BITMAPRECORD& r = c->bm[c->relabelled];
@@ -1679,8 +1437,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             c->relabelled = -1;
         }
     }
-    if (c->relabelled >= 0 && c->bm[c->relabelled].uStructSize == c->relabelTo)
-        c->bm[c->relabelled].uStructSize = c->relabelWord;
+    if (c->relabelled >= 0 && c->bm[c->relabelled].uStructSize == c->relabelTo) c->bm[c->relabelled].uStructSize = c->relabelWord;
 
     // Everything is freed and the counters are back.
     c->op = "cleanup";
@@ -1689,11 +1446,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (c->listLive[k] && K_DestroyBitmapList(c->list[k]) != KS_SUCCESS) fail("cleanup", "live list not destroyable");
     for (int s = 0; s < kSlots; ++s) {
         validate(&c->bm[s], "cleanup");
-        if (trace)
-            std::fprintf(stderr, "slot %d: size %u flags %x hRgn %p palette %p dither %p\n", s, c->bm[s].uStructSize,
-                         c->bm[s].uFlags, (void*)c->bm[s].hRgn, (void*)c->bm[s].pPalette, c->bm[s].pDitherState);
         freeSlot(*c, s);
-        if (trace) std::fprintf(stderr, "freed slot %d: live %ld\n", s, krn::faultinject::liveBlocks());
     }
     K_FreeBitmap(&c->foreign);  // what calls attached to it (region, palette)
     for (auto* r : c->rgn)
@@ -1704,15 +1457,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     delete c;
     K_SetUserMatchTable(nullptr);
-    int64_t counter1 = 0;
     K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter1);
-    if (counter1 != counter0) {
-        std::fprintf(stderr, "counter %lld -> %lld\n", (long long)counter0, (long long)counter1);
-        fail("cleanup", "conventional-memory counter not back");
-    }
-    if (krn::faultinject::liveBlocks() != live0) {
-        std::fprintf(stderr, "live blocks %ld -> %ld\n", live0, krn::faultinject::liveBlocks());
-        fail("cleanup", "kernel blocks leaked");
-    }
+    if (counter1 != counter0) fail("cleanup", "conventional-memory counter not back", counter1 - counter0);
+    if (krn::faultinject::liveBlocks() != live0) fail("cleanup", "kernel blocks leaked", krn::faultinject::liveBlocks() - live0);
     return 0;
 }

@@ -15,16 +15,16 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "ombrix.h"
+
+#define check FUZZ_CHECK
 
 namespace {
 
-void check(bool ok) {
-    if (!ok) std::abort();
-}
-
+// The rows' run words back to back, each row after its word count.
 struct Framed {
-    std::vector<uint8_t> bytes;  // rows back to back
+    std::vector<uint8_t> bytes;
 };
 
 Framed frame(const uint8_t* data, size_t size, size_t& pos, int rows) {
@@ -65,12 +65,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // The Put forms on a run-compressed bitmap and a single block.
     BITMAPRECORD a, b;
-    if (K_CreateBitmap(&a, BITMAPRECORD_SIZE, 512, width, rows, 1, 0, nullptr, 1, nullptr, 0) != KS_SUCCESS)
-        return 0;
-    if (K_CreateBitmap(&b, BITMAPRECORD_SIZE, 1, width, rows, 1, 0, nullptr, 1, nullptr, 0) != KS_SUCCESS) {
-        K_FreeBitmap(&a);
-        return 0;
-    }
+    if (K_CreateBitmap(&a, BITMAPRECORD_SIZE, 512, width, rows, 1, 0, nullptr, 1, nullptr, 0) != KS_SUCCESS) return 0;
+    if (K_CreateBitmap(&b, BITMAPRECORD_SIZE, 1, width, rows, 1, 0, nullptr, 1, nullptr, 0) != KS_SUCCESS)
+        return K_FreeBitmap(&a), 0;
     // Start from the expanded rows.
     for (int r = 0; r < rows; ++r) {
         check(K_PutBitmapRow(&a, out.data() + size_t(r) * bpl, r, bpl) == int32_t(bpl));
@@ -81,13 +78,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int r = 0; r < rows; ++r) {
         uint32_t w;
         std::memcpy(&w, row, 4);
-        if (r % 2 == 0) {
-            check(K_PutBitmapRowCompressed(&a, nullptr, row, r, width) == KS_SUCCESS);
-            check(K_PutBitmapRowCompressed(&b, nullptr, row, r, width) == KS_SUCCESS);
-        } else {
-            check(K_PutBitmapRowColCompressed(&a, nullptr, row, r, col, pixels) == KS_SUCCESS);
-            check(K_PutBitmapRowColCompressed(&b, nullptr, row, r, col, pixels) == KS_SUCCESS);
-        }
+        for (BITMAPRECORD* bm : {&a, &b})
+            check((r % 2 == 0 ? K_PutBitmapRowCompressed(bm, nullptr, row, r, width)
+                              : K_PutBitmapRowColCompressed(bm, nullptr, row, r, col, pixels)) == KS_SUCCESS);
         row += 4 + 2 * size_t(w);
     }
     std::vector<uint8_t> ra(bpl), rb(bpl), cr(OMBRIX_COMPRESSED_ROW_MAX(width));
@@ -99,21 +92,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             // Outside the column range nothing changed.
             const uint8_t* old = before.data() + size_t(r) * bpl;
             const int64_t end = std::min<int64_t>(int64_t(col) + pixels, width);
-            for (int64_t x = 0; x < width; ++x) {
-                if (x >= col && x < end) continue;
-                check(((ra[size_t(x >> 3)] ^ old[size_t(x >> 3)]) >> (7 - (x & 7)) & 1) == 0);
-            }
+            for (int64_t x = 0; x < width; ++x)
+                check((x >= col && x < end) || (((ra[size_t(x >> 3)] ^ old[size_t(x >> 3)]) >> (7 - (x & 7)) & 1) == 0));
         }
         check(K_GetBitmapRowCompressed(&a, nullptr, cr.data(), r, width) == KS_SUCCESS);
         uint32_t w;
         std::memcpy(&w, cr.data(), 4);
         check(4 + 2 * size_t(w) <= cr.size());
         uint64_t sum = 0;
-        for (uint32_t i = 0; i < w; ++i) {
-            uint16_t v;
-            std::memcpy(&v, cr.data() + 4 + 2 * size_t(i), 2);
-            sum += v;
-        }
+        for (uint32_t i = 0; i < w; ++i) sum += uint16_t(cr[4 + 2 * size_t(i)] | cr[5 + 2 * size_t(i)] << 8);
         check(sum == uint64_t(width));
     }
     K_FreeBitmap(&a);

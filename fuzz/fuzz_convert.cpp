@@ -13,33 +13,26 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "krn/common/convert.h"
 #include "ombrix.h"
 
 namespace {
 
-struct Reader {
-    const uint8_t* d;
-    size_t n, at = 0;
-    uint8_t byte() { return at < n ? d[at++] : 0; }
-};
-
+// Mostly accepted depths and orders; now and then any value.
 int depthOf(uint8_t b) {
     static const int depths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
-    // Mostly accepted depths; now and then any value.
-    if (b < 240) return depths[b % 15];
-    return int(int8_t(b)) * 3;
+    return b < 240 ? depths[b % 15] : int(int8_t(b)) * 3;
 }
 int orderOf(uint8_t b) {
     static const int orders[] = {0, 1, 2, 5, 7};
-    if (b < 250) return orders[b % 5];
-    return int(int8_t(b));
+    return b < 250 ? orders[b % 5] : int(int8_t(b));
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Reader in{data, size};
+    fuzzinput::Input in{data, size};
     const int sb = depthOf(in.byte()), db = depthOf(in.byte());
     const int so = orderOf(in.byte()), dO = orderOf(in.byte());
     const uint32_t flags = in.byte();
@@ -47,15 +40,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int width = in.byte();
     width |= int(in.byte() & 0x0F) << 8;  // 0..4095
     const uint8_t options = in.byte();
-    uint32_t cr = 0;
-    for (int k = 0; k < 4; ++k) cr |= uint32_t(in.byte()) << (8 * k);
+    const uint32_t cr = in.u32();
 
     // Exactly the bytes the call needs (at least one, so the pointer is valid).
     size_t bytes = krn::convertBufferBytes(width, sb < 0 ? 8 : sb, db < 0 ? 8 : db);
     if (bytes == 0) bytes = 1;
     std::vector<uint8_t> buf(bytes);
-    size_t rest = size - std::min(size, in.at);
-    for (size_t i = 0; i < bytes; ++i) buf[i] = rest ? data[in.at + i % rest] : uint8_t(i * 37);
+    const size_t rest = in.left();
+    for (size_t i = 0; i < bytes; ++i) buf[i] = rest ? in.rest()[i % rest] : uint8_t(i * 37);
 
     std::vector<RGBQUAD> spal, dpal;
     if ((options & 2) && sb >= 1 && sb <= 8) {
@@ -79,9 +71,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                 dpal.empty() ? nullptr : dpal.data(), (options & 1) ? &extra : nullptr, flags, lo,
                                 hi, cr, tree);
     krn::freeColorMatchTree(tree);
-    if (st != KS_SUCCESS && st != KS_INVALID_PARAMETER && st != KS_NOT_SUPPORTED) std::abort();
-    // A rejected call leaves every byte as it was.
-    if (st == KS_INVALID_PARAMETER && buf != before) std::abort();
+    FUZZ_CHECK(st == KS_SUCCESS || st == KS_INVALID_PARAMETER || st == KS_NOT_SUPPORTED);
+    FUZZ_CHECK(st != KS_INVALID_PARAMETER || buf == before);  // a rejected call leaves every byte as it was
     // Every output byte is read (a memory sanitizer then sees any byte left
     // unwritten).
     uint32_t fold = uint32_t(extra);

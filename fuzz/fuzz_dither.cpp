@@ -8,9 +8,11 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "ombrix.h"
 
 namespace {
+// Bytes wrap around (an input is never too short for the rows it asks for).
 struct Input {
     const uint8_t* p;
     size_t n, i = 0;
@@ -69,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (int y = 0; y < height; ++y) {
             std::vector<uint8_t> src(srcBytes), dst(dstBytes);
             for (auto& b : src) b = in.byte();
-            if (K_DitherLine(&bm, src.data(), dst.data()) != KS_SUCCESS) std::abort();
+            FUZZ_CHECK(K_DitherLine(&bm, src.data(), dst.data()) == KS_SUCCESS);
             // Every output byte is read, whatever the checks below look at.
             uint32_t fold = 0;
             for (uint8_t b : dst) fold = fold * 31u + b;
@@ -79,11 +81,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 // Every index names one of the colours (packed most significant bit first).
                 for (int x = 0; x < width; ++x) {
                     uint32_t v = 0;
-                    for (int k = 0; k < used; ++k) {
-                        size_t bit = size_t(x) * size_t(used) + size_t(k);
+                    for (size_t bit = size_t(x) * size_t(used); bit < size_t(x + 1) * size_t(used); ++bit)
                         v = v << 1 | ((dst[bit / 8] >> (7 - bit % 8)) & 1u);
-                    }
-                    if (v >= colors) std::abort();
+                    FUZZ_CHECK(v < colors);
                 }
             }
         }

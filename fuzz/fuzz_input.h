@@ -5,10 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#define FUZZ_CHECK(c)           \
-    do {                        \
-        if (!(c)) std::abort(); \
-    } while (0)
+#define FUZZ_CHECK(c) ((c) ? void(0) : std::abort())  // an expression: also after `return`
 
 namespace fuzzinput {
 
@@ -18,6 +15,13 @@ struct Input {
     bool more() const { return i < n; }
     uint8_t byte() { return i < n ? p[i++] : 0; }
     uint32_t u16() { return uint32_t(byte()) | uint32_t(byte()) << 8; }
+    uint32_t u32() {
+        uint32_t v = 0;
+        for (int k = 0; k < 4; ++k) v |= uint32_t(byte()) << (8 * k);
+        return v;
+    }
+    const uint8_t* rest() const { return p + i; }
+    size_t left() const { return n - i; }
 };
 
 }  // namespace fuzzinput

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "krn/common/memory.h"
 #include "ombrix.h"
 
@@ -25,28 +26,18 @@ namespace {
     std::abort();
 }
 #define FAIL() fail(__LINE__)
-
-struct Reader {
-    const uint8_t* p;
-    size_t n, i = 0;
-    uint8_t byte() { return i < n ? p[i++] : 0; }
-    uint32_t word() {
-        uint32_t v = 0;
-        for (int k = 0; k < 4; ++k) v |= uint32_t(byte()) << (8 * k);
-        return v;
-    }
-    bool more() const { return i < n; }
-};
+#define EXPECT_STATUS(rc, ...) \
+    if (!isStatus(rc, {__VA_ARGS__})) FAIL()
 
 const int32_t kDims[] = {0, 1, 2, 3, 7, 31, 33, 100, 257, -1, -100, 0x7FFFFFFF, INT32_MIN, 0x08000000, 0x07FFFFFF, 65536};
 const int32_t kDepths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 12, 15, 16, 24, 32, 48, 64, 65, -1};
 const uint32_t kSizes[] = {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD, 0, 175, 217};
 const uint32_t kTypes[] = {0, 1, 2, 3, 9, 257, 265, 512, 768, 1024, 1025, 6, 258};
+constexpr uint64_t kMax = 4u << 20;
 
-int32_t pick(const int32_t* table, size_t count, uint8_t b) {
-    // Most picks are small, usable values; a few come from the raw byte.
-    return b < 200 ? table[b % count] : int32_t(b) - 200;
-}
+// Most picks are small, usable values; a few come from the raw byte.
+template <size_t N>
+int32_t pick(const int32_t (&table)[N], uint8_t b) { return b < 200 ? table[b % N] : int32_t(b) - 200; }
 
 uint64_t plainSize(int32_t w, int32_t h, int32_t bpp, uint32_t* bpl) {
     const uint64_t bits = uint64_t(uint32_t(w)) * uint64_t(uint32_t(bpp)) + 31;
@@ -60,15 +51,19 @@ bool isStatus(int32_t rc, std::initializer_list<int32_t> allowed) {
     return false;
 }
 
+void reset(BITMAPRECORD& bm) {
+    std::memset(&bm, 0, sizeof bm);
+    bm.uStructSize = BITMAPRECORD_SIZE;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     K_GetDefaultXResolution();  // the per-thread block exists before the baseline
     const long base = krn::faultinject::liveBlocks();
-    Reader in{data, size};
+    fuzzinput::Input in{data, size};
     BITMAPRECORD rec[2];
-    std::memset(rec, 0, sizeof rec);
-    rec[0].uStructSize = rec[1].uStructSize = BITMAPRECORD_SIZE;
+    reset(rec[0]), reset(rec[1]);
     std::vector<uint8_t> caller[2];
     std::vector<HGLOBAL> blocks;
 
@@ -80,138 +75,103 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 0:
             case 1: {  // initialise
                 K_FreeBitmap(&bm);
-                const int32_t w = pick(kDims, std::size(kDims), in.byte());
-                const int32_t h = pick(kDims, std::size(kDims), in.byte());
-                const int32_t bpp = pick(kDepths, std::size(kDepths), in.byte());
+                const int32_t w = pick(kDims, in.byte()), h = pick(kDims, in.byte()), bpp = pick(kDepths, in.byte());
                 const uint32_t id = kSizes[in.byte() % std::size(kSizes)];
                 const int32_t rc = K_InitBitmap(&bm, id, w, h, bpp);
-                if (!isStatus(rc, {KS_SUCCESS, KS_INVALID_STRUCT_SIZE, KS_INVALID_DIMENSIONS,
-                                   KS_INVALID_BITS_PER_PIXEL, KS_MEMORY_TOO_LOW}))
-                    FAIL();
-                if (rc == KS_SUCCESS && (w || h || bpp)) {
-                    uint32_t bpl;
-                    const uint64_t bytes = plainSize(w, h, bpp, &bpl);
-                    if (bm.nBytesPerLine != bpl || bm.uSize != uint32_t(bytes)) FAIL();
-                    if (id == BITMAPRECORD_SIZE && bm.uSize64 != bytes) FAIL();
-                }
-                if (rc != KS_SUCCESS || bm.uSize64 > (4u << 20) || id != BITMAPRECORD_SIZE) {
-                    std::memset(&bm, 0, sizeof bm);
-                    bm.uStructSize = BITMAPRECORD_SIZE;
-                }
+                EXPECT_STATUS(rc, KS_SUCCESS, KS_INVALID_STRUCT_SIZE, KS_INVALID_DIMENSIONS, KS_INVALID_BITS_PER_PIXEL, KS_MEMORY_TOO_LOW);
+                uint32_t bpl;
+                const uint64_t bytes = plainSize(w, h, bpp, &bpl);
+                if (rc == KS_SUCCESS && (w || h || bpp) && (bm.nBytesPerLine != bpl || bm.uSize != uint32_t(bytes))) FAIL();
+                if (rc == KS_SUCCESS && (w || h || bpp) && id == BITMAPRECORD_SIZE && bm.uSize64 != bytes) FAIL();
+                if (rc != KS_SUCCESS || bm.uSize64 > kMax || id != BITMAPRECORD_SIZE) reset(bm);
                 break;
             }
             case 2:
             case 3: {  // create
                 K_FreeBitmap(&bm);
-                int32_t w = pick(kDims, std::size(kDims), in.byte());
-                int32_t h = pick(kDims, std::size(kDims), in.byte());
-                const int32_t bpp = pick(kDepths, std::size(kDepths), in.byte());
+                int32_t w = pick(kDims, in.byte()), h = pick(kDims, in.byte());
+                const int32_t bpp = pick(kDepths, in.byte());
                 const uint32_t type = kTypes[in.byte() % std::size(kTypes)];
-                const int32_t order = int32_t(in.byte() % 9) - 1;
-                const int32_t persp = int32_t(in.byte() % 11) - 1;
+                const int32_t order = int32_t(in.byte() % 9) - 1, persp = int32_t(in.byte() % 11) - 1;
                 const int32_t depth = bpp == 0 ? 8 : bpp;  // 0 creates an 8-bit grey bitmap
                 uint32_t bpl;
-                if (w > 0 && h > 0 && depth > 0 && plainSize(w, h, depth, &bpl) > (4u << 20)) h = 1 + h % 7;
-                if (w > 0 && h > 0 && depth > 0 && plainSize(w, h, depth, &bpl) > (4u << 20)) w = 1 + w % 1000;
+                if (w > 0 && h > 0 && depth > 0 && plainSize(w, h, depth, &bpl) > kMax) h = 1 + h % 7;
+                if (w > 0 && h > 0 && depth > 0 && plainSize(w, h, depth, &bpl) > kMax) w = 1 + w % 1000;
                 const uint64_t bytes = (w >= 0 && h >= 0 && depth > 0) ? plainSize(w, h, depth, &bpl) : 0;
                 const bool withData = in.byte() & 1;
-                if (withData && bytes <= (4u << 20)) buf.assign(size_t(bytes), 0x5A);
+                if (withData && bytes <= kMax) buf.assign(size_t(bytes), 0x5A);
                 BITMAPRECORD before;
                 std::memset(&before, 0xA5, sizeof before);
                 bm = before;
                 const int32_t rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, type, w, h, bpp, order, nullptr, persp,
                                                   withData ? buf.data() : nullptr, buf.size());
-                if (!isStatus(rc, {KS_SUCCESS, KS_INVALID_PARAMETER, KS_INVALID_DIMENSIONS, KS_INVALID_BITS_PER_PIXEL,
-                                   KS_NO_MEMORY})) {
-                    std::fprintf(stderr, "create %d x %d x %d type %u order %d persp %d -> %d\n", w, h, bpp, type,
-                                 order, persp, rc);
-                    FAIL();
-                }
-                if (rc != KS_SUCCESS) {
-                    if (std::memcmp(&bm, &before, sizeof bm) != 0) FAIL();
-                    std::memset(&bm, 0, sizeof bm);
-                    bm.uStructSize = BITMAPRECORD_SIZE;
-                } else if (!(bm.uFlags & BRF_ALLOCATED) || bm.nWidth != w || bm.nHeight != h) {
-                    FAIL();
-                }
+                EXPECT_STATUS(rc, KS_SUCCESS, KS_INVALID_PARAMETER, KS_INVALID_DIMENSIONS, KS_INVALID_BITS_PER_PIXEL, KS_NO_MEMORY);
+                if (rc != KS_SUCCESS && std::memcmp(&bm, &before, sizeof bm) != 0) FAIL();
+                if (rc != KS_SUCCESS) reset(bm);
+                else if (!(bm.uFlags & BRF_ALLOCATED) || bm.nWidth != w || bm.nHeight != h) FAIL();
                 break;
             }
             case 4: {  // change height
                 const int32_t h = int32_t(in.byte()) - 8;
-                if (uint64_t(bm.nBytesPerLine) * uint32_t(h < 0 ? 0 : h) > (4u << 20)) break;
+                if (uint64_t(bm.nBytesPerLine) * uint32_t(h < 0 ? 0 : h) > kMax) break;
                 const int32_t old = bm.nHeight;
                 const int32_t rc = K_ChangeBitmapHeight(&bm, h);
-                if (!isStatus(rc, {KS_SUCCESS, KS_INVALID_BITMAP, KS_INVALID_PARAMETER, KS_INVALID_DIMENSIONS,
-                                   KS_NO_MEMORY}))
-                    FAIL();
-                if (rc == KS_SUCCESS && (bm.nHeight != h || bm.uSize64 != uint64_t(bm.nBytesPerLine) * uint32_t(h)))
-                    FAIL();
+                EXPECT_STATUS(rc, KS_SUCCESS, KS_INVALID_BITMAP, KS_INVALID_PARAMETER, KS_INVALID_DIMENSIONS, KS_NO_MEMORY);
+                if (rc == KS_SUCCESS && (bm.nHeight != h || bm.uSize64 != uint64_t(bm.nBytesPerLine) * uint32_t(h))) FAIL();
                 if (rc != KS_SUCCESS && bm.nHeight != old) FAIL();
                 break;
             }
             case 5: {  // attach caller memory of the right or a wrong size
                 const uint64_t need = bm.uSize64;
-                if (need > (4u << 20)) break;
+                if (need > kMax) break;
                 const int delta = int(in.byte() % 3) - 1;
                 if (delta < 0 && need == 0) break;
                 buf.assign(size_t(need + delta), 0x33);
                 const int32_t rc = K_SetBitmapDataPointer(&bm, buf.data(), buf.size());
-                if (!isStatus(rc, {KS_SUCCESS, KS_INVALID_PARAMETER})) FAIL();
+                EXPECT_STATUS(rc, KS_SUCCESS, KS_INVALID_PARAMETER);
                 if (delta == 0 && rc != KS_SUCCESS && !(bm.uFlags & BRF_LOCKED) && bm.nLockCount == 0) FAIL();
                 break;
             }
-            case 6: {  // access: touch every byte of a single block
-                if (K_AccessBitmap(&bm) == KS_SUCCESS) {
-                    if (bm.pData && (bm.uFlags & (BRF_LOCKED | BRF_USER_MEMORY)) &&
-                        !(bm.uFlags & (BRF_TILED | BRF_COMPRESSED | BRF_SUPERCOMPRESSED)))
-                        std::memset(bm.pData, 0x11, size_t(bm.uSize64));
-                    if (in.byte() & 1) K_ReleaseBitmap(&bm);
-                }
+            case 6:  // access: touch every byte of a single block
+                if (K_AccessBitmap(&bm) != KS_SUCCESS) break;
+                if (bm.pData && (bm.uFlags & (BRF_LOCKED | BRF_USER_MEMORY)) &&
+                    !(bm.uFlags & (BRF_TILED | BRF_COMPRESSED | BRF_SUPERCOMPRESSED)))
+                    std::memset(bm.pData, 0x11, size_t(bm.uSize64));
+                if (in.byte() & 1) K_ReleaseBitmap(&bm);
                 break;
-            }
-            case 7:
-                K_FreeBitmap(&bm);
-                break;
+            case 7: K_FreeBitmap(&bm); break;
             case 8: {  // global memory
                 const uint32_t flags = (in.byte() & 1) ? GHND : GPTR;
-                if (blocks.size() < 16) {
-                    HGLOBAL g = K_GlobalAlloc(flags, in.byte() * 3u);
-                    if (!g) FAIL();
-                    blocks.push_back(g);
-                }
+                if (blocks.size() >= 16) break;
+                HGLOBAL g = K_GlobalAlloc(flags, in.byte() * 3u);
+                if (!g) FAIL();
+                blocks.push_back(g);
                 break;
             }
-            case 9: {
-                if (blocks.empty()) break;
-                const size_t k = in.byte() % blocks.size();
-                const size_t n = size_t(in.byte()) * 517u;
-                HGLOBAL g = K_GlobalReAlloc(blocks[k], n, GMEM_ZEROINIT);
-                if (g) {
-                    blocks[k] = g;
-                    if (K_GlobalSize(g) != n) FAIL();
-                }
-                break;
-            }
-            case 10: {
-                if (blocks.empty()) break;
-                const size_t k = in.byte() % blocks.size();
-                void* p = K_GlobalLock(blocks[k]);
-                if (!p) FAIL();
-                std::memset(p, 0x44, K_GlobalSize(blocks[k]));
-                K_GlobalUnlock(blocks[k]);
-                break;
-            }
+            case 9:
+            case 10:
             case 11: {
                 if (blocks.empty()) break;
                 const size_t k = in.byte() % blocks.size();
-                if (K_GlobalFree(blocks[k]) != nullptr) FAIL();
-                blocks.erase(blocks.begin() + long(k));
+                if ((op & 15) == 9) {  // a new size, zero-filled
+                    const size_t n = size_t(in.byte()) * 517u;
+                    HGLOBAL g = K_GlobalReAlloc(blocks[k], n, GMEM_ZEROINIT);
+                    if (g && K_GlobalSize(g) != n) FAIL();
+                    if (g) blocks[k] = g;
+                } else if ((op & 15) == 10) {  // the whole size is usable
+                    void* p = K_GlobalLock(blocks[k]);
+                    if (!p) FAIL();
+                    std::memset(p, 0x44, K_GlobalSize(blocks[k]));
+                    K_GlobalUnlock(blocks[k]);
+                } else {
+                    if (K_GlobalFree(blocks[k]) != nullptr) FAIL();
+                    blocks.erase(blocks.begin() + long(k));
+                }
                 break;
             }
             default: {  // a garbage handle value for every global-memory call
                 const uintptr_t small = in.byte();
-                const uintptr_t v = (op & 1) ? small : ~small;
-                HGLOBAL g = reinterpret_cast<HGLOBAL>(v);
+                HGLOBAL g = reinterpret_cast<HGLOBAL>((op & 1) ? small : ~small);
                 bool live = false;
                 for (HGLOBAL b : blocks) live |= b == g;
                 if (live) break;

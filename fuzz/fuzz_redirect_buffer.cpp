@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 for (uint32_t k = 0; k < n; ++k) scratch[k] = in.byte();
                 const int32_t got = K_RedirectedWrite(h, scratch.data(), n);
                 uint64_t end = pos + n;
-                if (!m.fixed && n && end >= kFar) {
+                if (!m.fixed && n && end >= kFar) {  // a growable buffer refuses to grow that far
                     FUZZ_CHECK(got == -1);
                     break;
                 }
@@ -102,28 +102,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                                                    : int64_t(m.data.size());
                 const int64_t got = K_RedirectedSeek(h, off, origin);
                 int64_t to = 0;
-                if (origin > 2 || __builtin_add_overflow(base, off, &to) || to < 0) {
-                    FUZZ_CHECK(got == -1);
-                } else {
-                    FUZZ_CHECK(got == to);
-                    pos = uint64_t(got);
-                }
+                const bool bad = origin > 2 || __builtin_add_overflow(base, off, &to) || to < 0;
+                FUZZ_CHECK(got == (bad ? -1 : to));
+                if (!bad) pos = uint64_t(got);
                 break;
             }
-            case 3:  // size
-                FUZZ_CHECK(K_RedirectedGetSize(h) == int64_t(m.data.size()));
-                break;
+            case 3: FUZZ_CHECK(K_RedirectedGetSize(h) == int64_t(m.data.size())); break;
             case 4: {  // set the size through the table (extends with zeros)
                 const uint64_t s = in.u16();
                 void* native = nullptr;
                 FUZZ_CHECK(K_ExtractRedirectedFileHandle(h, &native, 0) == KS_SUCCESS);
                 const int32_t got = table.pfnSetSize(native, int64_t(s), table.pSetSizeUserData);
-                if (m.fixed && s > m.cap) {
-                    FUZZ_CHECK(got == -1);
-                } else {
-                    FUZZ_CHECK(got == 0);
-                    m.data.resize(s, 0);
-                }
+                FUZZ_CHECK(got == (m.fixed && s > m.cap ? -1 : 0));
+                if (got == 0) m.data.resize(s, 0);
                 break;
             }
             case 5: {  // open another file on the buffer through the name
@@ -146,8 +137,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 7: {  // the content so far
                 const void* p = nullptr;
                 uint64_t n = 0;
-                FUZZ_CHECK(K_GetRedirectBufferData(buf, &p, &n) == KS_SUCCESS);
-                FUZZ_CHECK(n == m.data.size());
+                FUZZ_CHECK(K_GetRedirectBufferData(buf, &p, &n) == KS_SUCCESS && n == m.data.size());
                 FUZZ_CHECK(n == 0 || std::memcmp(p, m.data.data(), n) == 0);
                 break;
             }
@@ -156,13 +146,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (HREDIRECTFILE h : files) FUZZ_CHECK(K_RedirectedClose(h) == 0);
     HGLOBAL out = nullptr;
     uint64_t outSize = ~uint64_t(0);
-    FUZZ_CHECK(K_StopRedirectToBuffer(buf, &out, &outSize) == KS_SUCCESS);
-    FUZZ_CHECK(outSize == m.data.size());
+    FUZZ_CHECK(K_StopRedirectToBuffer(buf, &out, &outSize) == KS_SUCCESS && outSize == m.data.size());
     FUZZ_CHECK((out == nullptr) == m.data.empty());
-    if (out) {
-        FUZZ_CHECK(std::memcmp(out, m.data.data(), m.data.size()) == 0);
-        K_GlobalFree(out);
-    }
+    FUZZ_CHECK(!out || std::memcmp(out, m.data.data(), m.data.size()) == 0);
+    if (out) K_GlobalFree(out);
     // The ended buffer is no longer live.
     FUZZ_CHECK(K_GetRedirectBufferData(buf, nullptr, nullptr) == KS_INVALID_PARAMETER);
     return 0;

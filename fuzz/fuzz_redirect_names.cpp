@@ -15,15 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "ombrix.h"
 #include "wideutf8.h"
 
 namespace {
-
-#define FUZZ_CHECK(c) \
-    do {              \
-        if (!(c)) std::abort(); \
-    } while (0)
 
 int g_opens = 0;
 void* fzOpen(const wchar_t*, uint32_t, uint32_t, void*) {
@@ -48,11 +44,8 @@ void utf8Case(const uint8_t* d, size_t n) {
     UtfResult m16 = utf8ToUtf16(s, n, nullptr, 0);
     UtfResult m32 = utf8ToUtf32(s, n, nullptr, 0);
     FUZZ_CHECK(m16.status == m32.status);
-    if (m16.status == kUtfMalformed) {
-        FUZZ_CHECK(m16.errorAt < n);
-        FUZZ_CHECK(m16.errorAt == m32.errorAt);
-        // The part before the error is well formed.
-        FUZZ_CHECK(utf8ToUtf32(s, m16.errorAt, nullptr, 0).status == kUtfOk);
+    if (m16.status == kUtfMalformed) {  // at the same place in both, and the part before it is well formed
+        FUZZ_CHECK(m16.errorAt < n && m16.errorAt == m32.errorAt && utf8ToUtf32(s, m16.errorAt, nullptr, 0).status == kUtfOk);
         return;
     }
     std::u16string u16(m16.needed, u'\0');
@@ -61,8 +54,7 @@ void utf8Case(const uint8_t* d, size_t n) {
     UtfResult r = utf16ToUtf8(u16.data(), u16.size(), back.data(), back.size());
     FUZZ_CHECK(r.status == kUtfOk && r.written == n && std::memcmp(back.data(), s, n) == 0);
     std::wstring w(m16.needed, L'\0');  // UTF-32 never needs more units than UTF-16
-    r = utf8ToWide(s, n, w.data(), w.size());
-    FUZZ_CHECK(r.status == kUtfOk);
+    FUZZ_CHECK((r = utf8ToWide(s, n, w.data(), w.size())).status == kUtfOk);
     r = wideToUtf8(w.data(), r.written, back.data(), back.size());
     FUZZ_CHECK(r.status == kUtfOk && r.written == n && std::memcmp(back.data(), s, n) == 0);
     // A too-small output keeps a prefix of whole characters.
@@ -79,10 +71,7 @@ void utf16Case(const uint8_t* d, size_t n) {
     std::u16string s(n / 2, u'\0');
     for (size_t i = 0; i < s.size(); ++i) s[i] = char16_t(d[2 * i] | (d[2 * i + 1] << 8));
     UtfResult m = utf16ToUtf8(s.data(), s.size(), nullptr, 0);
-    if (m.status == kUtfMalformed) {
-        FUZZ_CHECK(m.errorAt < s.size());
-        return;
-    }
+    if (m.status == kUtfMalformed) return FUZZ_CHECK(m.errorAt < s.size());
     std::string u8(m.needed, '\0');
     FUZZ_CHECK(utf16ToUtf8(s.data(), s.size(), u8.data(), u8.size()).status == kUtfOk);
     std::u16string back(s.size(), u'\0');
@@ -97,9 +86,8 @@ void rawNameCase(const uint8_t* d, size_t n) {
     uint32_t start = 0;
     // Without the process's check no table can come out of arbitrary text.
     FUZZ_CHECK(K_DecodeRedirectName(name.c_str(), &t, &start) != KS_SUCCESS);
-    int before = g_opens;
-    HREDIRECTFILE h = K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READ, 0);
-    FUZZ_CHECK(reinterpret_cast<void*>(h) == OMBRIX_INVALID_FILE);
+    const int before = g_opens;
+    FUZZ_CHECK(reinterpret_cast<void*>(K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READ, 0)) == OMBRIX_INVALID_FILE);
     FUZZ_CHECK(g_opens == before);
 }
 
@@ -109,25 +97,19 @@ void editCase(const uint8_t* d, size_t n) {
     FUZZ_CHECK(K_MakeRedirectName(&t, L"inner", buf, 512) == KS_SUCCESS);
     std::wstring name = buf;
     for (size_t i = 0; i + 1 < n; i += 2) {
-        size_t pos = d[i] % (name.size() + 1);
-        wchar_t c = wchar_t(d[i + 1]);
-        if (c == 0) {
-            if (pos < name.size()) name.erase(pos, 1);
-        } else if (pos == name.size()) {
-            name += c;
-        } else {
-            name[pos] = c;
-        }
+        const size_t pos = d[i] % (name.size() + 1);
+        const wchar_t c = wchar_t(d[i + 1]);  // 0 erases, past the end appends, else replaces
+        if (c == 0 && pos < name.size()) name.erase(pos, 1);
+        else if (c != 0 && pos == name.size()) name += c;
+        else if (c != 0) name[pos] = c;
     }
     REDIRECTRECORD got{};
     uint32_t start = 0;
-    if (K_DecodeRedirectName(name.c_str(), &got, &start) == KS_SUCCESS) {
-        FUZZ_CHECK(std::memcmp(&got, &t, sizeof t) == 0);
-        FUZZ_CHECK(start <= name.size());
-        int before = g_opens;
-        K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READ, 0);
-        FUZZ_CHECK(g_opens == before + 1);
-    }
+    if (K_DecodeRedirectName(name.c_str(), &got, &start) != KS_SUCCESS) return;
+    FUZZ_CHECK(std::memcmp(&got, &t, sizeof t) == 0 && start <= name.size());
+    const int before = g_opens;
+    K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READ, 0);
+    FUZZ_CHECK(g_opens == before + 1);
 }
 
 }  // namespace
