@@ -1,7 +1,5 @@
-// test_redirect.cpp - redirect tables (thread, process-wide, merged),
-// redirected file handles and their checks, the ReadBig / WriteBig chunking,
-// files on the default layer with non-ASCII names, "ORVARedirect://" names
-// and the memory-buffer file.
+// test_redirect.cpp - redirect tables (thread, process-wide, merged), redirected file handles, the
+// ReadBig / WriteBig chunking, non-ASCII names on the default layer, "ORVARedirect://" names, the buffer file.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -15,15 +13,18 @@
 #include <thread>
 #include <vector>
 
+#include "check_list.h"
 #include "krn/common/memory.h"
 #include "ombrix.h"
 #include "redirect_memfs.h"
-#include "redirect_scratch.h"
 
 namespace {
 
+using checklist::expectAll;
 using testfs::MemFs;
 using testfs::StateGuard;
+namespace fi = krn::faultinject;
+const uint32_t RW_CREATE = REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE;
 
 REDIRECTRECORD get(int mode, int processWide = 0) {
     REDIRECTRECORD r{};
@@ -35,8 +36,7 @@ REDIRECTRECORD blank() {
     r.uStructSize = REDIRECTRECORD_SIZE;
     return r;
 }
-// The seven function slots, to compare tables whole.
-using Slots = std::array<const void*, 7>;
+using Slots = std::array<const void*, 7>;  // the seven function slots, to compare tables whole
 Slots slots(const REDIRECTRECORD& r) {
     return {(const void*)r.pfnOpen, (const void*)r.pfnRead,  (const void*)r.pfnWrite,  (const void*)r.pfnSeek,
             (const void*)r.pfnClose, (const void*)r.pfnSize, (const void*)r.pfnSetSize};
@@ -49,9 +49,10 @@ std::wstring makeName(const REDIRECTRECORD& t, const wchar_t* inner) {
     EXPECT_EQ(K_MakeRedirectName(&t, inner, buf, 1024), KS_SUCCESS);
     return buf;
 }
+int32_t install(REDIRECTRECORD t, int processWide = 0) { return K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, processWide); }
 
 // ---------------------------------------------------------------- tables
-// A table installed on this thread is in force here and nowhere else.
+// A table installed on this thread is in force here and nowhere else; a fresh thread sees the defaults.
 TEST(RedirectTables, ThreadTableStaysOnItsThreadAndFreshThreadsSeeDefaults) {
     StateGuard guard;
     MemFs fs;
@@ -61,105 +62,79 @@ TEST(RedirectTables, ThreadTableStaysOnItsThreadAndFreshThreadsSeeDefaults) {
     EXPECT_EQ(K_UsesRedirectIO(), 1);
     std::thread([] {
         const REDIRECTRECORD d = get(REDIRECT_GET_DEFAULT), tmp = get(REDIRECT_GET_TEMPFILE);
-        EXPECT_EQ(d.uStructSize, REDIRECTRECORD_SIZE);
-        EXPECT_EQ(d.uFlags | tmp.uFlags, 0u);
         const Slots os = slots(d);
         EXPECT_EQ(Slots({os[0], os[1], os[2], os[3], os[4]}),
-                  Slots({(const void*)&K_OsOpen, (const void*)&K_OsRead, (const void*)&K_OsWrite,
-                         (const void*)&K_OsSeek, (const void*)&K_OsClose}));
-        EXPECT_TRUE(sameFunctions(get(REDIRECT_GET_IN_FORCE), d));
-        EXPECT_TRUE(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), d));
-        EXPECT_EQ(slots(get(REDIRECT_GET_THREAD)), Slots{});
-        EXPECT_EQ(tmp.pfnOpen, &K_RedirectedTempFileOpen);
-        EXPECT_EQ(tmp.pfnRead, &K_RedirectedTempFileRead);
-        EXPECT_EQ(tmp.pfnClose, &K_RedirectedTempFileClose);
-        EXPECT_EQ(K_UsesRedirectIO(), 0);
+                  Slots({(const void*)&K_OsOpen, (const void*)&K_OsRead, (const void*)&K_OsWrite, (const void*)&K_OsSeek, (const void*)&K_OsClose}));
+        expectAll({IS(d.uStructSize, REDIRECTRECORD_SIZE), IS(d.uFlags | tmp.uFlags, 0),
+                   IS(sameFunctions(get(REDIRECT_GET_IN_FORCE), d), 1), IS(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), d), 1),
+                   IS(slots(get(REDIRECT_GET_THREAD)) == Slots{}, 1), IS(tmp.pfnOpen == &K_RedirectedTempFileOpen, 1),
+                   IS(tmp.pfnRead == &K_RedirectedTempFileRead, 1), IS(tmp.pfnClose == &K_RedirectedTempFileClose, 1),
+                   IS(K_UsesRedirectIO(), 0)});
     }).join();
 }
 
 TEST(RedirectTables, FrameChecks) {
-    REDIRECTRECORD r = blank();
-    EXPECT_EQ(K_GetRedirectFunctions(nullptr, 64, 0, 0), KS_NULL_POINTER);
-    EXPECT_EQ(K_GetRedirectFunctions(&r, 60, 0, 0), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_GetRedirectFunctions(&r, 64, 4, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetRedirectFunctions(&r, 64, -1, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetRedirectFunctions(nullptr, 0, 0), KS_NULL_POINTER);
-    r.uStructSize = 128;
-    EXPECT_EQ(K_SetRedirectFunctions(&r, 0, 0), KS_INVALID_STRUCT_SIZE);
-    r.uStructSize = REDIRECTRECORD_SIZE;
+    REDIRECTRECORD r = blank(), big = blank();
     r.pfnRead = &myRead;
-    EXPECT_EQ(K_SetRedirectFunctions(&r, 3, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetRedirectFunctions(&r, -1, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(get(REDIRECT_GET_THREAD).pfnRead, nullptr);  // nothing installed by the failures
+    big.uStructSize = 128;
+    expectAll({IS(K_GetRedirectFunctions(nullptr, 64, 0, 0), KS_NULL_POINTER),
+               IS(K_GetRedirectFunctions(&big, 60, 0, 0), KS_INVALID_STRUCT_SIZE),
+               IS(K_GetRedirectFunctions(&big, 64, 4, 0), KS_INVALID_PARAMETER),
+               IS(K_GetRedirectFunctions(&big, 64, -1, 0), KS_INVALID_PARAMETER),
+               IS(K_SetRedirectFunctions(nullptr, 0, 0), KS_NULL_POINTER),
+               IS(K_SetRedirectFunctions(&big, 0, 0), KS_INVALID_STRUCT_SIZE), IS(K_SetRedirectFunctions(&r, 3, 0), KS_INVALID_PARAMETER),
+               IS(K_SetRedirectFunctions(&r, -1, 0), KS_INVALID_PARAMETER),
+               IS(get(REDIRECT_GET_THREAD).pfnRead == nullptr, 1) /* nothing installed by the failures */});
 }
 
 TEST(RedirectTables, RedirectIOSlotsDefaultsEmptyAndGiven) {
     StateGuard guard;
     MemFs procFs;
-    REDIRECTRECORD p = procFs.table();
-    ASSERT_EQ(K_SetRedirectFunctions(&p, REDIRECT_SET_INSTALL, 1), KS_SUCCESS);
+    ASSERT_EQ(install(procFs.table(), 1), KS_SUCCESS);
     int token;
     // open empty (process-wide), read given, write default, seek and close empty.
-    ASSERT_EQ(K_RedirectIO(REDIRECT_EMPTY, (void*)&myRead, nullptr, REDIRECT_EMPTY, REDIRECT_EMPTY, &token),
-              KS_SUCCESS);
+    ASSERT_EQ(K_RedirectIO(REDIRECT_EMPTY, (void*)&myRead, nullptr, REDIRECT_EMPTY, REDIRECT_EMPTY, &token), KS_SUCCESS);
     const REDIRECTRECORD t = get(REDIRECT_GET_THREAD), f = get(REDIRECT_GET_IN_FORCE);
     EXPECT_EQ(slots(t), Slots({nullptr, (const void*)&myRead, (const void*)&K_OsWrite, nullptr, nullptr}));
-    EXPECT_EQ(t.pReadUserData, &token);
-    EXPECT_EQ(t.pWriteUserData, &token);
     // In force: the process-wide slots under the thread's given ones (size slots follow the open function).
-    EXPECT_EQ(slots(f), Slots({(const void*)&MemFs::open, (const void*)&myRead, (const void*)&K_OsWrite,
-                               (const void*)&MemFs::seek, (const void*)&MemFs::close, (const void*)&MemFs::size,
-                               (const void*)&MemFs::setSize}));
-    EXPECT_EQ(f.pOpenUserData, &procFs);
-    EXPECT_EQ(f.pSeekUserData, &procFs);
-    EXPECT_TRUE(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), procFs.table()));
-    EXPECT_EQ(K_UsesRedirectIO(), 1);
-    // All zero: the default file layer for this thread, over any process-wide table.
-    ASSERT_EQ(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS);
-    EXPECT_TRUE(sameFunctions(get(REDIRECT_GET_IN_FORCE), get(REDIRECT_GET_DEFAULT)));
-    EXPECT_EQ(K_UsesRedirectIO(), 0);
+    EXPECT_EQ(slots(f), Slots({(const void*)&MemFs::open, (const void*)&myRead, (const void*)&K_OsWrite, (const void*)&MemFs::seek,
+                               (const void*)&MemFs::close, (const void*)&MemFs::size, (const void*)&MemFs::setSize}));
+    expectAll({IS(t.pReadUserData == &token && t.pWriteUserData == &token, 1),
+               IS(f.pOpenUserData == &procFs && f.pSeekUserData == &procFs, 1),
+               IS(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), procFs.table()), 1), IS(K_UsesRedirectIO(), 1),
+               // All zero: the default file layer for this thread, over any process-wide table.
+               IS(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS),
+               IS(sameFunctions(get(REDIRECT_GET_IN_FORCE), get(REDIRECT_GET_DEFAULT)), 1), IS(K_UsesRedirectIO(), 0)});
 }
 
 TEST(RedirectTables, SelectorsSwapAndReset) {
     StateGuard guard;
     MemFs a, b;
-    REDIRECTRECORD ta = a.table(), tb = b.table(), r = blank();
-    ASSERT_EQ(K_SetRedirectFunctions(&ta, REDIRECT_SET_INSTALL, 1), KS_SUCCESS);
-    ASSERT_EQ(K_SetRedirectFunctions(&tb, REDIRECT_SET_SWAP, 1), KS_SUCCESS);
-    EXPECT_EQ(tb.pOpenUserData, &a);  // got back what it replaced
-    EXPECT_EQ(get(REDIRECT_GET_IN_FORCE, 1).pOpenUserData, &b);
-    ASSERT_EQ(K_SetRedirectFunctions(&r, REDIRECT_SET_RESET, 1), KS_SUCCESS);
-    EXPECT_EQ(r.pOpenUserData, &b);
-    EXPECT_TRUE(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), get(REDIRECT_GET_DEFAULT)));
-    // Process-wide: null slots get the defaults; thread: they stay empty.
-    REDIRECTRECORD partial = blank(), partial2 = blank();
+    REDIRECTRECORD ta = a.table(), tb = b.table(), r = blank(), partial = blank(), partial2 = blank();
     partial.pfnRead = &myRead;
-    ASSERT_EQ(K_SetRedirectFunctions(&partial, REDIRECT_SET_INSTALL, 1), KS_SUCCESS);
-    EXPECT_EQ(partial.pfnOpen, &K_OsOpen);
-    EXPECT_EQ(partial.pfnRead, &myRead);
     partial2.pfnWrite = &MemFs::write;
-    ASSERT_EQ(K_SetRedirectFunctions(&partial2, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
-    EXPECT_EQ(get(REDIRECT_GET_THREAD).pfnRead, nullptr);
-    EXPECT_EQ(partial2.pfnRead, &myRead);  // in force: from the process-wide table
-    EXPECT_EQ(partial2.pfnWrite, &MemFs::write);
+    expectAll({IS(K_SetRedirectFunctions(&ta, REDIRECT_SET_INSTALL, 1), 1), IS(K_SetRedirectFunctions(&tb, REDIRECT_SET_SWAP, 1), 1),
+               IS(tb.pOpenUserData == &a, 1) /* got back what it replaced */, IS(get(REDIRECT_GET_IN_FORCE, 1).pOpenUserData == &b, 1),
+               IS(K_SetRedirectFunctions(&r, REDIRECT_SET_RESET, 1), 1), IS(r.pOpenUserData == &b, 1),
+               IS(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), get(REDIRECT_GET_DEFAULT)), 1),
+               // Process-wide: null slots get the defaults; thread: they stay empty.
+               IS(K_SetRedirectFunctions(&partial, REDIRECT_SET_INSTALL, 1), 1), IS(partial.pfnOpen == &K_OsOpen, 1),
+               IS(partial.pfnRead == &myRead, 1), IS(K_SetRedirectFunctions(&partial2, REDIRECT_SET_INSTALL, 0), 1),
+               IS(get(REDIRECT_GET_THREAD).pfnRead == nullptr, 1), IS(partial2.pfnRead == &myRead, 1) /* from the process table */,
+               IS(partial2.pfnWrite == &MemFs::write, 1)});
 }
 
-// Readers of the process-wide table never see half of one table and half
-// of another while writers replace it.
+// Readers of the process-wide table never see half of one table and half of another while writers replace it.
 TEST(RedirectTables, ProcessTableIsNeverTorn) {
     StateGuard guard;
     MemFs a, b;
     std::atomic<bool> stop{false};
     std::atomic<long> torn{0}, seen{0};
-    REDIRECTRECORD first = a.table();
-    ASSERT_EQ(K_SetRedirectFunctions(&first, REDIRECT_SET_INSTALL, 1), KS_SUCCESS);
+    ASSERT_EQ(install(a.table(), 1), KS_SUCCESS);
     std::vector<std::thread> writers, readers;
     for (int w = 0; w < 2; ++w)
         writers.emplace_back([&, w] {
-            for (int i = 0; !stop; ++i) {
-                REDIRECTRECORD t = ((i + w) & 1) ? a.table() : b.table();
-                K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 1);
-            }
+            for (int i = 0; !stop; ++i) install(((i + w) & 1) ? a.table() : b.table(), 1);
         });
     for (int r = 0; r < 2; ++r)
         readers.emplace_back([&] {
@@ -167,44 +142,33 @@ TEST(RedirectTables, ProcessTableIsNeverTorn) {
                 REDIRECTRECORD t{};
                 K_GetRedirectFunctions(&t, REDIRECTRECORD_SIZE, 0, 1);
                 void* u = t.pOpenUserData;
-                torn += !((u == &a || u == &b) && t.pReadUserData == u && t.pWriteUserData == u &&
-                          t.pSeekUserData == u && t.pCloseUserData == u && t.pSizeUserData == u &&
-                          t.pSetSizeUserData == u);
+                torn += !((u == &a || u == &b) && t.pReadUserData == u && t.pWriteUserData == u && t.pSeekUserData == u &&
+                          t.pCloseUserData == u && t.pSizeUserData == u && t.pSetSizeUserData == u);
             }
         });
     for (auto& t : readers) t.join();
     stop = true;
     for (auto& t : writers) t.join();
-    EXPECT_EQ(torn.load(), 0);
-    EXPECT_EQ(seen.load(), 10000);
+    EXPECT_TRUE(torn.load() == 0 && seen.load() == 10000);
 }
 
 // ---------------------------------------------------------------- files
 TEST(RedirectFiles, HandleKeepsItsTable) {
     StateGuard guard;
     MemFs fs;
-    REDIRECTRECORD t = fs.table(), x = blank();
-    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
-    HREDIRECTFILE h = K_RedirectedOpen(L"img.bin", REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0);
+    REDIRECTRECORD x = blank();
+    ASSERT_EQ(install(fs.table()), KS_SUCCESS);
+    HREDIRECTFILE h = K_RedirectedOpen(L"img.bin", RW_CREATE, 0);
     ASSERT_NE(h, invalid());
     ASSERT_EQ(fs.openNames.back(), L"img.bin");
-    // Change the tables: the open file keeps going to the memory file system.
-    ASSERT_EQ(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_RedirectedWrite(h, "hello", 5), 5);
-    EXPECT_EQ(K_RedirectedSeek(h, 1, REDIRECT_SEEK_SET), 1);
     char b[8] = {};
-    EXPECT_EQ(K_RedirectedRead(h, b, 8), 4);
-    EXPECT_STREQ(b, "ello");
-    EXPECT_EQ(K_RedirectedGetSize(h), 5);
-    ASSERT_EQ(K_ExtractRedirectFunctions(h, &x), KS_SUCCESS);
-    EXPECT_TRUE(sameFunctions(x, fs.table()));
-    EXPECT_EQ(K_RedirectedClose(h), 0);
-    EXPECT_EQ(std::string(fs.files[L"img.bin"].begin(), fs.files[L"img.bin"].end()), "hello");
-    // The handle is gone: every call fails without touching the table.
-    EXPECT_EQ(K_RedirectedWrite(h, "x", 1), -1);
-    EXPECT_EQ(K_RedirectedClose(h), -1);
-    EXPECT_EQ(fs.writes, 1);
-    EXPECT_EQ(fs.closes, 1);
+    // Change the tables: the open file keeps going to the memory file system; once closed, calls fail.
+    expectAll({IS(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS),
+               IS(K_RedirectedWrite(h, "hello", 5), 5), IS(K_RedirectedSeek(h, 1, REDIRECT_SEEK_SET), 1),
+               IS(K_RedirectedRead(h, b, 8), 4), IS(std::string(b) == "ello", 1), IS(K_RedirectedGetSize(h), 5),
+               IS(K_ExtractRedirectFunctions(h, &x), KS_SUCCESS), IS(sameFunctions(x, fs.table()), 1), IS(K_RedirectedClose(h), 0),
+               IS(std::string(fs.files[L"img.bin"].begin(), fs.files[L"img.bin"].end()) == "hello", 1),
+               IS(K_RedirectedWrite(h, "x", 1), -1), IS(K_RedirectedClose(h), -1), IS(fs.writes, 1), IS(fs.closes, 1)});
 }
 
 TEST(RedirectFiles, GarbageHandlesAreRefused) {
@@ -214,16 +178,13 @@ TEST(RedirectFiles, GarbageHandlesAreRefused) {
     ASSERT_NE(g, nullptr);
     char b[4];
     for (HREDIRECTFILE h : {HREDIRECTFILE(nullptr), invalid(), HREDIRECTFILE(junk), HREDIRECTFILE(g)}) {
-        EXPECT_EQ(std::vector<int64_t>({K_RedirectedRead(h, b, 4), K_RedirectedWrite(h, b, 4),
-                                        K_RedirectedSeek(h, 0, 0), K_RedirectedClose(h), K_RedirectedReadBig(h, b, 4),
-                                        K_RedirectedWriteBig(h, b, 4)}),
-                  std::vector<int64_t>(6, -1));
-        EXPECT_EQ(K_RedirectedReadBig(h, b, 0), 0);  // a count of 0 returns 0 at once
         void* n;
         REDIRECTRECORD r = blank();
-        EXPECT_EQ(std::vector<int64_t>({K_ExtractRedirectedFileHandle(h, &n, 0), K_ExtractRedirectFunctions(h, &r),
-                                        K_UpdateRedirectFunctions(h, &r)}),
-                  std::vector<int64_t>(3, KS_INVALID_PARAMETER));
+        expectAll({IS(K_RedirectedRead(h, b, 4), -1), IS(K_RedirectedWrite(h, b, 4), -1), IS(K_RedirectedSeek(h, 0, 0), -1),
+                   IS(K_RedirectedClose(h), -1), IS(K_RedirectedReadBig(h, b, 4), -1), IS(K_RedirectedWriteBig(h, b, 4), -1),
+                   IS(K_RedirectedReadBig(h, b, 0), 0) /* a count of 0 returns 0 at once */,
+                   IS(K_ExtractRedirectedFileHandle(h, &n, 0), KS_INVALID_PARAMETER),
+                   IS(K_ExtractRedirectFunctions(h, &r), KS_INVALID_PARAMETER), IS(K_UpdateRedirectFunctions(h, &r), KS_INVALID_PARAMETER)});
     }
     EXPECT_EQ(K_GlobalFree(g), nullptr);  // untouched by the refused calls
 }
@@ -232,50 +193,37 @@ TEST(RedirectFiles, OpenFailuresGiveInvalidHandle) {
     StateGuard guard;
     MemFs fs;
     fs.failOpenAt = 1;
-    REDIRECTRECORD t = fs.table();
-    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
-    EXPECT_EQ(K_RedirectedOpen(L"a", REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0), invalid());
-    EXPECT_EQ(K_RedirectedOpen(L"missing", REDIRECT_OPEN_READ, 0), invalid());
-    EXPECT_EQ(K_RedirectedOpen(nullptr, REDIRECT_OPEN_READ, 0), invalid());
-    EXPECT_EQ(K_RedirectedOpenUtf8("\xC0\x80", REDIRECT_OPEN_READ, 0), invalid());
-    // An allocation failure while wrapping closes what the table opened.
-    const long before = krn::faultinject::liveBlocks();
-    krn::faultinject::arm(0, 1);
-    EXPECT_EQ(K_RedirectedOpen(L"b", REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0), invalid());
-    krn::faultinject::disarm();
-    EXPECT_EQ(fs.openHandles(), 0u);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), before);
+    ASSERT_EQ(install(fs.table()), KS_SUCCESS);
+    for (HREDIRECTFILE h : {K_RedirectedOpen(L"a", RW_CREATE, 0), K_RedirectedOpen(L"missing", REDIRECT_OPEN_READ, 0),
+                            K_RedirectedOpen(nullptr, REDIRECT_OPEN_READ, 0), K_RedirectedOpenUtf8("\xC0\x80", REDIRECT_OPEN_READ, 0)})
+        EXPECT_EQ(h, invalid());
+    const long before = fi::liveBlocks();
+    fi::arm(0, 1);  // an allocation failure while wrapping closes what the table opened
+    EXPECT_EQ(K_RedirectedOpen(L"b", RW_CREATE, 0), invalid());
+    fi::disarm();
+    EXPECT_TRUE(fs.openHandles() == 0u && fi::liveBlocks() == before);
 }
 
 TEST(RedirectFiles, WrapExtractAndUpdate) {
     StateGuard guard;
     MemFs fs, other;
     REDIRECTRECORD t = fs.table(), badSize = t, upd = blank();
-    void* native = MemFs::open(L"w", REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0, &fs);
+    void* native = MemFs::open(L"w", RW_CREATE, 0, &fs);
+    void* out = nullptr;
     HREDIRECTFILE h = nullptr;
     badSize.uStructSize = 63;
-    EXPECT_EQ(std::vector<int64_t>({K_CreateRedirectedFileHandle(nullptr, native, &t),
-                                    K_CreateRedirectedFileHandle(&h, nullptr, &t),
-                                    K_CreateRedirectedFileHandle(&h, OMBRIX_INVALID_FILE, &t)}),
-              std::vector<int64_t>(3, KS_INVALID_PARAMETER));
-    EXPECT_EQ(K_CreateRedirectedFileHandle(&h, native, &badSize), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(h, nullptr);
-    ASSERT_EQ(K_CreateRedirectedFileHandle(&h, native, &t), KS_SUCCESS);
-    EXPECT_EQ(K_RedirectedWrite(h, "abc", 3), 3);
-    // Update: only the write slot changes; the write then goes to `other`, which does not know the handle.
-    upd.pfnWrite = &MemFs::write;
+    upd.pfnWrite = &MemFs::write;  // update only the write slot: writes go to `other`, which does not know the handle
     upd.pWriteUserData = &other;
-    ASSERT_EQ(K_UpdateRedirectFunctions(h, &upd), KS_SUCCESS);
-    EXPECT_EQ(K_RedirectedWrite(h, "d", 1), -1);
-    EXPECT_EQ(other.writes, 1);
-    EXPECT_EQ(K_RedirectedSeek(h, 0, REDIRECT_SEEK_END), 3);  // seek slot kept
-    void* out = nullptr;
-    ASSERT_EQ(K_ExtractRedirectedFileHandle(h, &out, 0), KS_SUCCESS);
-    EXPECT_EQ(out, native);
-    ASSERT_EQ(K_ExtractRedirectedFileHandle(h, &out, 1), KS_SUCCESS);  // release the wrapper
-    EXPECT_EQ(K_RedirectedSeek(h, 0, 0), -1);
-    EXPECT_EQ(fs.openHandles(), 1u);  // native not closed
-    EXPECT_EQ(MemFs::close(native, &fs), 0);
+    expectAll({IS(K_CreateRedirectedFileHandle(nullptr, native, &t), KS_INVALID_PARAMETER),
+               IS(K_CreateRedirectedFileHandle(&h, nullptr, &t), KS_INVALID_PARAMETER),
+               IS(K_CreateRedirectedFileHandle(&h, OMBRIX_INVALID_FILE, &t), KS_INVALID_PARAMETER),
+               IS(K_CreateRedirectedFileHandle(&h, native, &badSize), KS_INVALID_STRUCT_SIZE), IS(h == nullptr, 1),
+               IS(K_CreateRedirectedFileHandle(&h, native, &t), KS_SUCCESS), IS(K_RedirectedWrite(h, "abc", 3), 3),
+               IS(K_UpdateRedirectFunctions(h, &upd), KS_SUCCESS), IS(K_RedirectedWrite(h, "d", 1), -1), IS(other.writes, 1),
+               IS(K_RedirectedSeek(h, 0, REDIRECT_SEEK_END), 3) /* seek slot kept */,
+               IS(K_ExtractRedirectedFileHandle(h, &out, 0), KS_SUCCESS), IS(out == native, 1),
+               IS(K_ExtractRedirectedFileHandle(h, &out, 1), KS_SUCCESS) /* release the wrapper */,
+               IS(K_RedirectedSeek(h, 0, 0), -1), IS(fs.openHandles(), 1) /* native not closed */, IS(MemFs::close(native, &fs), 0)});
 }
 
 // The sink moves no bytes: it records each chunk asked for.
@@ -287,14 +235,14 @@ TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
     char buf[1] = {0};  // never touched by the sink
     const uint32_t c = 0x7FFFFFFu;
     const uint64_t big = 5ull << 30;  // beyond 4 GiB: counted in 64 bits
-    struct Case {
+    const struct {
         bool write;
         uint64_t n, eofAfter;
         long failAt;
         int64_t result;
         std::vector<uint32_t> asks;  // empty with `chunks`: only counted
         size_t chunks;
-    } const cases[] = {
+    } cases[] = {
         {false, 268435456ull, UINT64_MAX, 0, 268435456ll, {c, c, 2u}, 3},
         {true, big, UINT64_MAX, 0, int64_t(big), {}, size_t((big + REDIRECT_CHUNK_BYTES - 1) / REDIRECT_CHUNK_BYTES)},
         {false, 1000, 0, 0, 0, {1000u}, 1},  // end of file at once
@@ -302,7 +250,7 @@ TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
         {false, 1ull << 30, UINT64_MAX, 2, -1, {c, c}, 2},
         {false, 0, UINT64_MAX, 0, 0, {}, 0},
     };
-    for (const Case& k : cases) {
+    for (const auto& k : cases) {
         SCOPED_TRACE(k.n);
         sink = testfs::CountingSink();
         sink.eofAfter = k.eofAfter, sink.failAt = k.failAt;
@@ -325,11 +273,9 @@ TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
     StateGuard guard;
     testfs::ScratchDir dir;
     const std::wstring wdir(dir.path.begin(), dir.path.end()), wname = wdir + L"/caf\u00E9-\u6F22\U0001D11E.bin";
-    HREDIRECTFILE h = K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0);
+    HREDIRECTFILE h = K_RedirectedOpen(wname.c_str(), RW_CREATE, 0);
     ASSERT_NE(h, invalid());
-    EXPECT_EQ(K_RedirectedWrite(h, "pixels", 6), 6);
-    EXPECT_EQ(K_RedirectedGetSize(h), 6);
-    EXPECT_EQ(K_RedirectedClose(h), 0);
+    expectAll({IS(K_RedirectedWrite(h, "pixels", 6), 6), IS(K_RedirectedGetSize(h), 6), IS(K_RedirectedClose(h), 0)});
     // Independent check through the system with the UTF-8 spelling: an ordinary file, not a private one.
     const std::string u8 = dir.path + "/caf\xC3\xA9-\xE6\xBC\xA2\xF0\x9D\x84\x9E.bin";
     struct stat st;
@@ -343,33 +289,24 @@ TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
     EXPECT_EQ(::read(fd, b, 8), 6);
     ::close(fd);
     EXPECT_STREQ(b, "pixels");
-    // The UTF-8 entry point opens the same file.
-    h = K_RedirectedOpenUtf8(u8.c_str(), REDIRECT_OPEN_READ, 0);
+    h = K_RedirectedOpenUtf8(u8.c_str(), REDIRECT_OPEN_READ, 0);  // the UTF-8 entry point opens the same file
     ASSERT_NE(h, invalid());
-    EXPECT_EQ(K_RedirectedSeek(h, -2, REDIRECT_SEEK_END), 4);
-    EXPECT_EQ(K_RedirectedRead(h, b, 8), 2);
-    EXPECT_EQ(K_RedirectedClose(h), 0);
+    expectAll({IS(K_RedirectedSeek(h, -2, REDIRECT_SEEK_END), 4), IS(K_RedirectedRead(h, b, 8), 2), IS(K_RedirectedClose(h), 0)});
     if (sizeof(wchar_t) == 4) {  // malformed wide names fail before reaching the system
-        const std::wstring bad = wdir + L"/x" + wchar_t(0xDC00);
-        EXPECT_EQ(K_RedirectedOpen(bad.c_str(), REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0), invalid());
+        EXPECT_EQ(K_RedirectedOpen((wdir + L"/x" + wchar_t(0xDC00)).c_str(), RW_CREATE, 0), invalid());
     }
     // Exclusive create, truncate and temporary (deleted at once) modes.
-    EXPECT_EQ(K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_WRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_EXCLUSIVE, 0),
-              invalid());
+    EXPECT_EQ(K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_WRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_EXCLUSIVE, 0), invalid());
     h = K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_TRUNCATE, 0);
     ASSERT_NE(h, invalid());
     EXPECT_EQ(K_RedirectedGetSize(h), 0);
     K_RedirectedClose(h);
-    h = K_RedirectedOpen((wdir + L"/gone.tmp").c_str(),
-                         REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_TEMPORARY, 0);
+    h = K_RedirectedOpen((wdir + L"/gone.tmp").c_str(), RW_CREATE | REDIRECT_OPEN_TEMPORARY, 0);
     ASSERT_NE(h, invalid());
-    EXPECT_EQ(::access((dir.path + "/gone.tmp").c_str(), F_OK), -1);
-    EXPECT_EQ(K_RedirectedWrite(h, "abc", 3), 3);  // still usable
-    K_RedirectedClose(h);
-    EXPECT_EQ(K_OsOpen(wname.c_str(), 0, 0, nullptr), OMBRIX_INVALID_FILE);  // no access bits
-    EXPECT_EQ(std::vector<int64_t>({K_OsRead(nullptr, b, 1, nullptr), K_OsSeek(OMBRIX_INVALID_FILE, 0, 0, nullptr),
-                                    K_OsSeek(OMBRIX_OS_HANDLE(0), 0, 7, nullptr)}),
-              std::vector<int64_t>(3, -1));
+    expectAll({IS(::access((dir.path + "/gone.tmp").c_str(), F_OK), -1), IS(K_RedirectedWrite(h, "abc", 3), 3) /* still usable */,
+               IS(K_RedirectedClose(h), 0), IS(K_OsOpen(wname.c_str(), 0, 0, nullptr) == OMBRIX_INVALID_FILE, 1) /* no access bits */,
+               IS(K_OsRead(nullptr, b, 1, nullptr), -1), IS(K_OsSeek(OMBRIX_INVALID_FILE, 0, 0, nullptr), -1),
+               IS(K_OsSeek(OMBRIX_OS_HANDLE(0), 0, 7, nullptr), -1)});
     const int full = ::open("/dev/full", O_WRONLY);  // a full disk is a short write
     if (full >= 0) {
         EXPECT_LE(K_OsWrite(OMBRIX_OS_HANDLE(full), b, sizeof b, nullptr), 0);
@@ -386,31 +323,26 @@ TEST(RedirectNames, NameCarriesTheTableAndTheInnerName) {
     const std::wstring name = makeName(t, L"dir/page 1.tif");
     ASSERT_EQ(name.rfind(REDIRECT_NAME_PREFIX, 0), 0u);
     std::vector<wchar_t> exact(name.size() + 1);  // room for the terminator, and one less
-    EXPECT_EQ(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(exact.size())), KS_SUCCESS);
-    EXPECT_EQ(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(name.size())), KS_BUFFER_TOO_SMALL);
     uint32_t start = 0;
-    ASSERT_EQ(K_DecodeRedirectName(name.c_str(), &d, &start), KS_SUCCESS);
-    EXPECT_EQ(std::memcmp(&d, &t, sizeof t), 0);
-    EXPECT_EQ(name.substr(start), L"dir/page 1.tif");
+    expectAll({IS(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(exact.size())), KS_SUCCESS),
+               IS(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(name.size())), KS_BUFFER_TOO_SMALL),
+               IS(K_DecodeRedirectName(name.c_str(), &d, &start), KS_SUCCESS), IS(std::memcmp(&d, &t, sizeof t), 0),
+               IS(name.substr(start) == L"dir/page 1.tif", 1)});
     // The thread's table is the default layer; the name alone routes the file.
-    HREDIRECTFILE h = K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0);
+    HREDIRECTFILE h = K_RedirectedOpen(name.c_str(), RW_CREATE, 0);
     ASSERT_NE(h, invalid());
-    EXPECT_EQ(fs.openNames.back(), L"dir/page 1.tif");
-    EXPECT_EQ(K_RedirectedWrite(h, "data", 4), 4);
-    EXPECT_EQ(K_RedirectedClose(h), 0);
-    EXPECT_EQ(fs.files[L"dir/page 1.tif"].size(), 4u);
-    // The UTF-8 entry point too; an empty inner name is allowed.
-    char u8[1024];
+    expectAll({IS(fs.openNames.back() == L"dir/page 1.tif", 1), IS(K_RedirectedWrite(h, "data", 4), 4), IS(K_RedirectedClose(h), 0),
+               IS(fs.files[L"dir/page 1.tif"].size(), 4)});
+    char u8[1024];  // the UTF-8 entry point too; an empty inner name is allowed
     ASSERT_EQ(K_WideToUtf8(makeName(t, nullptr).c_str(), -1, u8, sizeof u8, nullptr), KS_SUCCESS);
-    h = K_RedirectedOpenUtf8(u8, REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0);
+    h = K_RedirectedOpenUtf8(u8, RW_CREATE, 0);
     ASSERT_NE(h, invalid());
     EXPECT_EQ(fs.openNames.back(), L"");
     K_RedirectedClose(h);
 }
 
-// Every single-character change of a made name's encoded part fails to
-// decode and opening it reaches no table (the names fuzz target edits and
-// cuts names at random); hand-made names with plausible fields are refused.
+// Every single-character change of a made name's encoded part fails to decode and opening it reaches no
+// table (the names fuzz target edits and cuts names at random); hand-made names with plausible fields are refused.
 TEST(RedirectNames, DamagedNamesDoNotDecodeAndCallNothing) {
     MemFs fs;
     const std::wstring name = makeName(fs.table(), L"x");
@@ -427,32 +359,26 @@ TEST(RedirectNames, DamagedNamesDoNotDecodeAndCallNothing) {
             EXPECT_EQ(K_RedirectedOpen(m.c_str(), REDIRECT_OPEN_READ, 0), invalid());
             ++changed;
         }
-    EXPECT_GT(changed, 300);
-    EXPECT_EQ(fs.opens, 0);
     const wchar_t* forged = L"ORVARedirect://1.0.1.0.1.0.1.0.1.0.1.0.0.0.0.0.0123456789abcdef/a";
-    EXPECT_EQ(K_DecodeRedirectName(forged, &d, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_RedirectedOpen(forged, REDIRECT_OPEN_READ, 0), invalid());
+    expectAll({IS(changed > 300, 1), IS(fs.opens, 0), IS(K_DecodeRedirectName(forged, &d, nullptr), KS_INVALID_PARAMETER),
+               IS(K_RedirectedOpen(forged, REDIRECT_OPEN_READ, 0) == invalid(), 1)});
 }
 
 // ---------------------------------------------------------------- buffer file
-// Reads, writes, seeks and the content against a model: the buffer fuzz
-// target. Here: the big transfer on a fixed buffer, the table, arguments.
+// Reads, writes, seeks and the content against a model: the buffer fuzz target. Here: the big transfer on
+// a fixed buffer (the table's size slot cannot pass the fixed size either), the table, arguments.
 TEST(RedirectBuffer, FixedBufferGivesShortBigWrites) {
     HREDIRECTBUFFER b = nullptr;
     HREDIRECTFILE f = nullptr;
     ASSERT_EQ(K_StartRedirectToBuffer(&b, &f, REDIRECTBUF_FIXED, nullptr, 100, 0), KS_SUCCESS);
     std::vector<char> d(250, 'q');
-    EXPECT_EQ(K_RedirectedWrite(f, d.data(), 60), 60);
-    EXPECT_EQ(K_RedirectedWriteBig(f, d.data(), 250), 40);
-    EXPECT_EQ(K_RedirectedSeek(f, -1, REDIRECT_SEEK_SET), -1);
-    K_RedirectedClose(f);
-    REDIRECTRECORD t = blank();  // the table's size slot cannot pass the fixed size either
-    ASSERT_EQ(K_GetRedirectBufferTable(b, &t), KS_SUCCESS);
-    EXPECT_EQ(t.pfnSetSize(t.pSetSizeUserData, 101, t.pSetSizeUserData), -1);
-    EXPECT_EQ(t.pfnSetSize(t.pSetSizeUserData, 100, t.pSetSizeUserData), 0);
+    REDIRECTRECORD t = blank();
     uint64_t size = 0;
-    ASSERT_EQ(K_StopRedirectToBuffer(b, nullptr, &size), KS_SUCCESS);
-    EXPECT_EQ(size, 100u);
+    expectAll({IS(K_RedirectedWrite(f, d.data(), 60), 60), IS(K_RedirectedWriteBig(f, d.data(), 250), 40),
+               IS(K_RedirectedSeek(f, -1, REDIRECT_SEEK_SET), -1), IS(K_RedirectedClose(f), 0),
+               IS(K_GetRedirectBufferTable(b, &t), KS_SUCCESS), IS(t.pfnSetSize(t.pSetSizeUserData, 101, t.pSetSizeUserData), -1),
+               IS(t.pfnSetSize(t.pSetSizeUserData, 100, t.pSetSizeUserData), 0),
+               IS(K_StopRedirectToBuffer(b, nullptr, &size), KS_SUCCESS), IS(size, 100)});
 }
 
 TEST(RedirectBuffer, TableInANameAndInstalledSendsOutputToTheBuffer) {
@@ -463,72 +389,54 @@ TEST(RedirectBuffer, TableInANameAndInstalledSendsOutputToTheBuffer) {
     ASSERT_EQ(K_GetRedirectBufferTable(b, &t), KS_SUCCESS);
     HREDIRECTFILE f = K_RedirectedOpen(makeName(t, L"out.bin").c_str(), REDIRECT_OPEN_WRITE | REDIRECT_OPEN_CREATE, 0);
     ASSERT_NE(f, invalid());
-    EXPECT_EQ(K_RedirectedWrite(f, "first", 5), 5);
-    EXPECT_EQ(K_RedirectedClose(f), 0);
-    // Installed for the thread: any open lands in the buffer; truncate empties it.
-    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
+    expectAll({IS(K_RedirectedWrite(f, "first", 5), 5), IS(K_RedirectedClose(f), 0), IS(install(t), KS_SUCCESS)});
+    // Installed for the thread: any open lands in the buffer; truncate empties it; the gap reads as zeros.
     f = K_RedirectedOpen(L"anything", REDIRECT_OPEN_READWRITE, 0);
     char r[8] = {};
-    EXPECT_EQ(K_RedirectedRead(f, r, 8), 5);
-    EXPECT_STREQ(r, "first");
-    K_RedirectedClose(f);
+    expectAll({IS(K_RedirectedRead(f, r, 8), 5), IS(std::string(r) == "first", 1), IS(K_RedirectedClose(f), 0)});
     f = K_RedirectedOpen(L"anything", REDIRECT_OPEN_WRITE | REDIRECT_OPEN_TRUNCATE, 0);
-    EXPECT_EQ(K_RedirectedSeek(f, 3, REDIRECT_SEEK_SET), 3);
-    EXPECT_EQ(K_RedirectedWrite(f, "Z", 1), 1);  // the gap reads as zeros
-    K_RedirectedClose(f);
     const void* data;
     uint64_t size;
-    ASSERT_EQ(K_GetRedirectBufferData(b, &data, &size), KS_SUCCESS);
-    ASSERT_EQ(size, 4u);
-    EXPECT_EQ(std::memcmp(data, "\0\0\0Z", 4), 0);
     HGLOBAL out = nullptr;
-    ASSERT_EQ(K_StopRedirectToBuffer(b, &out, nullptr), KS_SUCCESS);
-    K_GlobalFree(out);
-    // The stopped buffer's functions refuse to work (the table outlives it).
-    EXPECT_EQ(K_RedirectedOpen(L"anything", REDIRECT_OPEN_READ, 0), invalid());
+    expectAll({IS(K_RedirectedSeek(f, 3, REDIRECT_SEEK_SET), 3), IS(K_RedirectedWrite(f, "Z", 1), 1), IS(K_RedirectedClose(f), 0),
+               IS(K_GetRedirectBufferData(b, &data, &size), KS_SUCCESS), IS(size, 4), IS(std::memcmp(data, "\0\0\0Z", 4), 0),
+               IS(K_StopRedirectToBuffer(b, &out, nullptr), KS_SUCCESS), IS(K_GlobalFree(out) == nullptr, 1),
+               // The stopped buffer's functions refuse to work (the table outlives it).
+               IS(K_RedirectedOpen(L"anything", REDIRECT_OPEN_READ, 0) == invalid(), 1)});
 }
 
 TEST(RedirectBuffer, ArgumentsEmptyContentAndAllocationFailures) {
     HREDIRECTBUFFER b = nullptr;
     HREDIRECTFILE f = nullptr;
-    EXPECT_EQ(K_StartRedirectToBuffer(nullptr, nullptr, 0, nullptr, 0, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StartRedirectToBuffer(&b, nullptr, 0x80, nullptr, 0, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(b, nullptr);
-    ASSERT_EQ(K_StartRedirectToBuffer(&b, &f, 0, nullptr, 0, 0), KS_SUCCESS);
-    K_RedirectedClose(f);
     REDIRECTRECORD t{};
-    EXPECT_EQ(K_GetRedirectBufferTable(b, &t), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_GetRedirectBufferTable(b, nullptr), KS_NULL_POINTER);
     HGLOBAL out = reinterpret_cast<HGLOBAL>(1);
     uint64_t size = 7;
-    ASSERT_EQ(K_StopRedirectToBuffer(b, &out, &size), KS_SUCCESS);
-    EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StopRedirectToBuffer(nullptr, nullptr, nullptr), KS_INVALID_PARAMETER);
+    expectAll({IS(K_StartRedirectToBuffer(nullptr, nullptr, 0, nullptr, 0, 0), KS_INVALID_PARAMETER),
+               IS(K_StartRedirectToBuffer(&b, nullptr, 0x80, nullptr, 0, 0), KS_INVALID_PARAMETER), IS(b == nullptr, 1),
+               IS(K_StartRedirectToBuffer(&b, &f, 0, nullptr, 0, 0), KS_SUCCESS), IS(K_RedirectedClose(f), 0),
+               IS(K_GetRedirectBufferTable(b, &t), KS_INVALID_STRUCT_SIZE), IS(K_GetRedirectBufferTable(b, nullptr), KS_NULL_POINTER),
+               IS(K_StopRedirectToBuffer(b, &out, &size), KS_SUCCESS), IS(out == nullptr, 1), IS(size, 0),
+               IS(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_INVALID_PARAMETER),
+               IS(K_StopRedirectToBuffer(nullptr, nullptr, nullptr), KS_INVALID_PARAMETER)});
     // Every allocation of the start fails in turn (the registries are warm from above).
-    const long base = krn::faultinject::liveBlocks();
+    const long base = fi::liveBlocks();
     int failures = 0;
     for (long n = 0; n < 20; ++n) {
         b = nullptr;
-        krn::faultinject::arm(n, 1);
+        fi::arm(n, 1);
         const int32_t rc = K_StartRedirectToBuffer(&b, &f, 0, nullptr, 64, 0);
-        const bool injected = krn::faultinject::injected() > 0;
-        krn::faultinject::disarm();
+        const bool injected = fi::injected() > 0;
+        fi::disarm();
         if (rc == KS_SUCCESS) {
-            EXPECT_FALSE(injected);
-            EXPECT_EQ(K_RedirectedWrite(f, "abc", 3), 3);
-            EXPECT_EQ(K_RedirectedClose(f), 0);
-            EXPECT_EQ(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_SUCCESS);
+            expectAll({IS(injected, 0), IS(K_RedirectedWrite(f, "abc", 3), 3), IS(K_RedirectedClose(f), 0),
+                       IS(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_SUCCESS)});
             break;
         }
         ++failures;
-        EXPECT_EQ(rc, KS_NO_MEMORY);
-        EXPECT_EQ(b, nullptr);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), base) << "step " << n;
+        EXPECT_TRUE(rc == KS_NO_MEMORY && b == nullptr && fi::liveBlocks() == base) << "step " << n;
     }
     EXPECT_GE(failures, 2);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    EXPECT_EQ(fi::liveBlocks(), base);
 }
 
 }  // namespace

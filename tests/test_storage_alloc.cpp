@@ -15,7 +15,6 @@
 #include "krn/common/settings.h"
 #include "krn/common/storage.h"
 #include "redirect_memfs.h"
-#include "redirect_scratch.h"
 #include "check_list.h"
 #include "storage_kinds.h"
 
