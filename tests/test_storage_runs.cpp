@@ -1,9 +1,6 @@
-// test_storage_runs.cpp - the two compressed row formats. Run-compressed
-// 1-bit rows: known rows, round trips against a plain bit-by-bit reference
-// compressor, untrusted run lists, mirror and flip, the compressed row forms
-// on every kind and the run store. Super-compressed rows: exact round trips
-// at 1, 8 and 24 bits, the method each kind of row gets, corrupt encodings
-// refused without reading or writing out of bounds, and the store's cost.
+// test_storage_runs.cpp - the two compressed row formats. Run-compressed 1-bit rows against a plain
+// bit-by-bit reference compressor, untrusted run lists, mirror and flip, the compressed row forms on every
+// kind, the run store. Super-compressed rows: exact round trips, methods, corrupt encodings, the store's cost.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,9 +12,11 @@
 #include "ombrix.h"
 #include "krn/common/memory.h"
 #include "krn/common/superstore.h"
+#include "check_list.h"
 #include "storage_kinds.h"
 
 using namespace storagetest;
+using checklist::expectAll;
 
 namespace {
 
@@ -38,10 +37,9 @@ std::vector<uint8_t> packRuns(const Runs& runs) {
 }
 int bitAt(const uint8_t* p, uint64_t x) { return (p[x >> 3] >> (7 - (x & 7))) & 1; }
 
-// Plain reference compressor, written from the format description: runs start
-// with white; the pixels are taken one byte (or partial byte) piece at a time;
-// a piece that continues the current run closes it first with a zero-length
-// run when the sum would pass 65535.
+// Plain reference compressor from the format description: runs start with white; pixels are taken one byte
+// (or partial byte) piece at a time; a piece that would push the current run past 65535 closes it first with
+// a zero-length run.
 Runs referenceCompress(const uint8_t* src, uint64_t first, uint32_t count) {
     Runs out;
     int val = 0;
@@ -72,8 +70,7 @@ TEST(CompressedRows, KnownRows) {
     for (const auto& k : rows) {
         std::vector<uint8_t> src = k.src;
         ASSERT_EQ(K_CompressRow(out.data(), src.data(), k.first, k.count), KS_SUCCESS);
-        EXPECT_EQ(runsOf(out.data()), k.runs) << k.count;
-        EXPECT_EQ(runsOf(out.data()), referenceCompress(src.data(), uint64_t(k.first), uint32_t(k.count)));
+        EXPECT_TRUE(runsOf(out.data()) == k.runs && k.runs == referenceCompress(src.data(), uint64_t(k.first), uint32_t(k.count)));
         EXPECT_EQ(src, k.src) << "the source is not changed";
     }
 }
@@ -101,27 +98,24 @@ TEST(CompressedRows, RoundTripAgainstReference) {
     }
 }
 
-// Runs summing far past the width: rows are cut at their end, the padding is
-// cleared, bits around an expanded range are kept, guard bytes stay.
+// Runs summing far past the width: rows are cut at their end, the padding is cleared, bits around an
+// expanded range are kept (pixels 5..7 white, 8..10 black), guard bytes stay.
 TEST(CompressedRows, UntrustedRunsNeverWritePastTheRow) {
     const auto bad = packRuns({3, 65535, 65535, 65535});
     std::vector<uint8_t> dst(4 + 8, 0x5A), ones(4, 0xFF), zeros(4, 0);
-    ASSERT_EQ(K_ExpandRows(bad.data(), dst.data(), 20, 1), KS_SUCCESS);
+    ASSERT_EQ(K_ExpandRows(bad.data(), dst.data(), 20, 1) + K_ExpandRow(bad.data(), ones.data(), 5, 6) + K_ExpandRow(bad.data(), zeros.data(), 5, 6), 3);
     EXPECT_EQ(dst, (std::vector<uint8_t>{0x1F, 0xFF, 0xF0, 0, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A}));
-    ASSERT_EQ(K_ExpandRow(bad.data(), ones.data(), 5, 6), KS_SUCCESS);  // pixels 5..7 white, 8..10 black
-    EXPECT_EQ(ones, (std::vector<uint8_t>{0xF8, 0xFF, 0xFF, 0xFF}));
-    ASSERT_EQ(K_ExpandRow(bad.data(), zeros.data(), 5, 6), KS_SUCCESS);
-    EXPECT_EQ(zeros, (std::vector<uint8_t>{0x00, 0xE0, 0x00, 0x00}));
+    EXPECT_TRUE(ones == (std::vector<uint8_t>{0xF8, 0xFF, 0xFF, 0xFF}) && zeros == (std::vector<uint8_t>{0x00, 0xE0, 0x00, 0x00}));
 }
 
-// Mirror agrees with mirroring pixels and flip with reversing rows, on random
-// rows compressed back to back (an empty run list mirrors to a single run).
+// Mirror agrees with mirroring pixels and flip with reversing rows, on random rows compressed back to back
+// (an empty run list mirrors to a single run); row count 0 succeeds and writes nothing, even with null buffers.
 TEST(CompressedRows, MirrorAndFlip) {
     std::vector<uint8_t> dst(8, 0xEE);
-    EXPECT_EQ(K_MirrorCompressedBuffer(packRuns({}).data(), dst.data(), 1), KS_SUCCESS);
-    EXPECT_EQ(runsOf(dst.data()), (Runs{0}));
-    EXPECT_EQ(K_MirrorCompressedBuffer(nullptr, dst.data(), 1), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_MirrorCompressedBuffer(dst.data(), dst.data(), 0), KS_SUCCESS);
+    expectAll({IS(K_MirrorCompressedBuffer(packRuns({}).data(), dst.data(), 1), KS_SUCCESS), IS(runsOf(dst.data()) == Runs{0}, 1),
+               IS(K_MirrorCompressedBuffer(nullptr, dst.data(), 1), KS_INVALID_PARAMETER),
+               IS(K_MirrorCompressedBuffer(dst.data(), dst.data(), 0), KS_SUCCESS), IS(K_ExpandRows(nullptr, nullptr, 9, 0), KS_SUCCESS),
+               IS(K_CompressRows(nullptr, nullptr, 9, 0), KS_SUCCESS)});
     const int32_t W = 53, H = 9;
     RefImage img(W, H, 1), mir(W, H, 1), flip(W, H, 1);
     img.randomize(8);
@@ -130,18 +124,11 @@ TEST(CompressedRows, MirrorAndFlip) {
         for (int32_t x = 0; x < W; ++x) setPixel(mir.row(r), W - 1 - x, 1, getPixel(img.row(r), x, 1));
     }
     std::vector<uint8_t> a(OMBRIX_COMPRESSED_ROW_MAX(W) * H), b(a.size() + 4 * H), c(img.px.size());
-    ASSERT_EQ(K_CompressRows(a.data(), img.px.data(), W, H), KS_SUCCESS);
-    ASSERT_EQ(K_MirrorCompressedBuffer(a.data(), b.data(), H), KS_SUCCESS);
-    ASSERT_EQ(K_ExpandRows(b.data(), c.data(), W, H), KS_SUCCESS);
-    EXPECT_EQ(c, mir.px);
-    ASSERT_EQ(K_FlipCompressedBuffer(a.data(), b.data(), H), KS_SUCCESS);
-    ASSERT_EQ(K_ExpandRows(b.data(), c.data(), W, H), KS_SUCCESS);
-    EXPECT_EQ(c, flip.px);
-    EXPECT_EQ(K_FlipCompressedBuffer(a.data(), nullptr, 1), KS_INVALID_PARAMETER);
-    // Row count 0: success and nothing written, even with null buffers.
-    EXPECT_EQ(K_ExpandRows(nullptr, nullptr, W, 0), KS_SUCCESS);
-    EXPECT_EQ(K_CompressRows(nullptr, nullptr, W, 0), KS_SUCCESS);
-    EXPECT_EQ(K_ExpandRows(a.data(), nullptr, W, 1), KS_INVALID_PARAMETER);
+    expectAll({IS(K_CompressRows(a.data(), img.px.data(), W, H), 1), IS(K_MirrorCompressedBuffer(a.data(), b.data(), H), 1),
+               IS(K_ExpandRows(b.data(), c.data(), W, H), 1), IS(c == mir.px, 1), IS(K_FlipCompressedBuffer(a.data(), b.data(), H), 1),
+               IS(K_ExpandRows(b.data(), c.data(), W, H), 1), IS(c == flip.px, 1),
+               IS(K_FlipCompressedBuffer(a.data(), nullptr, 1), KS_INVALID_PARAMETER),
+               IS(K_ExpandRows(a.data(), nullptr, W, 1), KS_INVALID_PARAMETER)});
 }
 
 TEST(CompressedRows, CompressedFormsOnEveryKind) {
@@ -164,8 +151,7 @@ TEST(CompressedRows, CompressedFormsOnEveryKind) {
             ASSERT_EQ(K_GetBitmapRowColCompressed(&k.bm, nullptr, runs.data(), r, 13, 70), KS_SUCCESS);
             ASSERT_EQ(runsOf(runs.data()), referenceCompress(ref.row(r), 13, 70));
         }
-        // A column range changes only its pixels. (Untrusted run lists in the put
-        // forms: the compressed-rows fuzzer compares them with a single block.)
+        // A column range changes only its pixels (untrusted run lists in the put forms: the compressed-rows fuzzer).
         const auto ones = packRuns({0, 40});
         ASSERT_EQ(K_PutBitmapRowColCompressed(&k.bm, nullptr, ones.data(), 2, 100, 40), KS_SUCCESS);
         for (int32_t x = 100; x < 140; ++x) setPixel(ref.row(2), x, 1, 1);
@@ -177,24 +163,20 @@ TEST(CompressedRows, CompressedFormsOnEveryKind) {
         }
     }
     BITMAPRECORD bm;  // the compressed forms need one bit
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 2, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
     uint8_t runs[64];
-    EXPECT_EQ(K_GetBitmapRowCompressed(&bm, nullptr, runs, 0, 10), KS_INVALID_BITS_PER_PIXEL);
-    EXPECT_EQ(K_GetBitmapRowCompressed(&bm, nullptr, nullptr, 0, 10), KS_INVALID_PARAMETER);
-    K_FreeBitmap(&bm);
+    expectAll({IS(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 2, 8, 0, nullptr, 1, nullptr, 0), 1),
+               IS(K_GetBitmapRowCompressed(&bm, nullptr, runs, 0, 10), KS_INVALID_BITS_PER_PIXEL),
+               IS(K_GetBitmapRowCompressed(&bm, nullptr, nullptr, 0, 10), KS_INVALID_PARAMETER), IS(K_FreeBitmap(&bm), 1)});
 }
 
-// A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its
-// height: row indexes appear only when rows are written.
+// A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its height: row indexes appear
+// only when rows are written.
 TEST(RunStore, TallBlankBitmapIsCheap) {
     K_GetDefaultXResolution();
     const long base = krn::faultinject::liveBlocks();
     BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_COMPRESSED, 64, 200000000, 1, ORDER_RGB, nullptr, 1,
-                             nullptr, 0),
-              KS_SUCCESS);
-    EXPECT_EQ(bm.uFlags & BRF_COMPRESSED, BRF_COMPRESSED);
-    EXPECT_LE(krn::faultinject::liveBlocks() - base, 3);  // store, palette and its handle
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_COMPRESSED, 64, 200000000, 1, ORDER_RGB, nullptr, 1, nullptr, 0), 1);
+    EXPECT_TRUE((bm.uFlags & BRF_COMPRESSED) && krn::faultinject::liveBlocks() - base <= 3);  // store, palette and its handle
     const uint8_t row[8] = {0x5A, 0x5B, 0x58, 0x59, 0x5E, 0x5F, 0x5C, 0x5D}, blank[8] = {};
     uint8_t got[8];
     for (const auto& [r, want] : {std::pair{199999999, blank}, {123456789, row}, {123456790, blank}}) {
@@ -203,12 +185,9 @@ TEST(RunStore, TallBlankBitmapIsCheap) {
         ASSERT_EQ(K_GetBitmapRow(&bm, got, r, 8), 8);
         EXPECT_EQ(std::memcmp(got, want, 8), 0) << r;
     }
-    ASSERT_EQ(K_ChangeBitmapHeight(&bm, 100), KS_SUCCESS);
-    K_FreeBitmap(&bm);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    expectAll({IS(K_ChangeBitmapHeight(&bm, 100), 1), IS(K_FreeBitmap(&bm), 1), IS(krn::faultinject::liveBlocks(), base)});
 }
 
-// ---------------------------------------------------------------- super-compressed rows
 enum class Shape { Zero, Smooth, Text, Random, OnePixel, AllOnes };
 size_t rawBytes(int32_t w, int32_t bpp) { return size_t((uint64_t(w) * uint64_t(bpp) + 7) / 8); }
 
@@ -245,16 +224,15 @@ TEST(SuperCodec, RoundTripsAndMethods) {
                 ASSERT_LE(n, std::min(enc.size(), 1 + rawBytes(w, bpp))) << "never larger than raw plus the method";
                 ASSERT_TRUE(krn::superDecode(enc.data(), n, w, bpp, back.data()));
                 ASSERT_TRUE(std::equal(back.begin(), back.begin() + long(rawBytes(w, bpp)), row.begin()));
-                if (s == Shape::Zero) { EXPECT_EQ(n, 1u); }
-                if (s == Shape::Random && bpp > 1) { EXPECT_EQ(enc[0], 0) << "noise is stored raw"; }
-                if (w >= 1000 && (s == Shape::Smooth || s == Shape::Text || s == Shape::OnePixel)) {
-                    EXPECT_LT(n * 2, rawBytes(w, bpp)) << "structured rows compress at least 2:1";
-                }
+                EXPECT_TRUE(s != Shape::Zero || n == 1u);
+                EXPECT_TRUE(s != Shape::Random || bpp == 1 || enc[0] == 0) << "noise is stored raw";
+                EXPECT_TRUE(w < 1000 || !(s == Shape::Smooth || s == Shape::Text || s == Shape::OnePixel) || n * 2 < rawBytes(w, bpp))
+                    << "structured rows compress at least 2:1";
             }
 }
 
-// Encodings cut short, with one byte changed, or one byte too many, in
-// exact-size heap buffers so that ASan sees any overrun: most are refused.
+// Encodings cut short, with one byte changed, or one byte too many, in exact-size heap buffers so that ASan
+// sees any overrun: most are refused.
 TEST(SuperCodec, CorruptEncodingsAreRefusedSafely) {
     std::mt19937 rng(5);
     for (int32_t bpp : {1, 8, 24})
@@ -273,9 +251,7 @@ TEST(SuperCodec, CorruptEncodingsAreRefusedSafely) {
             EXPECT_GT(refused, 150) << "bpp " << bpp;
         }
     uint8_t junk[4] = {7, 1, 2, 3}, out[64];
-    EXPECT_FALSE(krn::superDecode(junk, 4, 10, 8, out));
-    EXPECT_FALSE(krn::superDecode(junk, 0, 10, 8, out));
-    EXPECT_FALSE(krn::superDecode(junk, 4, 10, 16, out));
+    EXPECT_FALSE(krn::superDecode(junk, 4, 10, 8, out) || krn::superDecode(junk, 0, 10, 8, out) || krn::superDecode(junk, 4, 10, 16, out));
 }
 
 TEST(SuperStore, RowsCostNothingUntilWrittenAndFreeWhenZeroed) {
@@ -287,13 +263,10 @@ TEST(SuperStore, RowsCostNothingUntilWrittenAndFreeWhenZeroed) {
     ASSERT_EQ(K_PutBitmapRow(&bm, smooth.data(), 10, 1000), 1000);
     const uint64_t one = krn::superStoredBytes(&bm);
     EXPECT_TRUE(one > 1 && one < 500) << one;
-    ASSERT_EQ(K_PutBitmapRow(&bm, smooth.data(), 11, 1000), 1000);
-    EXPECT_EQ(krn::superStoredBytes(&bm), 2 * one);
-    ASSERT_EQ(K_PutBitmapRow(&bm, zero.data(), 10, 1000), 1000);
-    EXPECT_EQ(krn::superStoredBytes(&bm), one);
-    ASSERT_EQ(K_ChangeBitmapHeight(&bm, 11), KS_SUCCESS);
-    EXPECT_EQ(krn::superStoredBytes(&bm), 0u) << "row 11 left with the height";
-    K_FreeBitmap(&bm);
+    expectAll({IS(K_PutBitmapRow(&bm, smooth.data(), 11, 1000), 1000), IS(krn::superStoredBytes(&bm), 2 * one),
+               IS(K_PutBitmapRow(&bm, zero.data(), 10, 1000), 1000), IS(krn::superStoredBytes(&bm), one),
+               IS(K_ChangeBitmapHeight(&bm, 11), 1), IS(krn::superStoredBytes(&bm), 0) /* row 11 left with the height */,
+               IS(K_FreeBitmap(&bm), 1)});
 }
 
 }  // namespace
