@@ -1,7 +1,5 @@
-// test_storage_rows.cpp - row and column access over every storage kind: the
-// same random pixels written into each kind read back identically, row by row
-// and by column range, and agree with a plain reference image; the frame of
-// the row calls; the get-row callback.
+// test_storage_rows.cpp - row and column access over every storage kind against a plain reference image;
+// the frame of the row calls; the get-row callback.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,7 +18,6 @@ namespace {
 
 class RowsAllKinds : public ::testing::TestWithParam<int> {};
 
-// Byte offset of a column as the row calls compute it (plain arithmetic).
 uint32_t colByte(int32_t col, int32_t bpp) { return uint32_t(uint64_t(col) * uint64_t(bpp) / 8); }
 
 void expectRows(BITMAPRECORD* bm, RefImage& ref, const char* what) {
@@ -32,9 +29,8 @@ void expectRows(BITMAPRECORD* bm, RefImage& ref, const char* what) {
     }
 }
 
-// The same random pixels written into every kind (rows in a scrambled order)
-// read back identically, whole and by column range; then column writes and
-// segments change exactly what a plain per-pixel model says.
+// The same random pixels written into every kind (rows in a scrambled order) read back identically, whole and
+// by column range; then column writes and segments change exactly what a plain per-pixel model says.
 TEST_P(RowsAllKinds, EveryKindMatchesAPlainModel) {
     const int bpp = GetParam();
     const int32_t W = 45, H = 23;
@@ -52,10 +48,7 @@ TEST_P(RowsAllKinds, EveryKindMatchesAPlainModel) {
         ASSERT_EQ(K_GetBitmapMemoryInfo(&k.bm, &type, nullptr, &tiles, &onDisk), KS_SUCCESS);
         const uint32_t types[] = {1, 2, 2, 4, 4, 128, 512, 1024};  // in the order of Kind
         EXPECT_EQ(type, types[int(kind)]);
-        if (kind == Kind::TilesMemory || kind == Kind::TilesFile) {
-            EXPECT_GE(tiles, 5);
-            EXPECT_EQ(onDisk, kind == Kind::TilesFile ? tiles : 0);
-        }
+        EXPECT_TRUE(type != 4 || (tiles >= 5 && onDisk == (kind == Kind::TilesFile ? tiles : 0)));
         expectRows(&k.bm, blank, "fresh");  // every kind starts as zero
         for (int32_t i = 0; i < H; ++i) {
             const int32_t r = (i * 7) % H;
@@ -127,9 +120,8 @@ TEST(RowsFrame, ArgumentChecksAndOlderLayoutRecords) {
     K_FreeBitmap(&bm);
 }
 
-// A get-row callback answers first: 0 lets the storage answer, a positive
-// answer is the result with the callback's bytes as the row (the column form
-// returns the column's bytes of it), errors pass through unchanged.
+// A get-row callback answers first: 0 lets the storage answer, a positive answer is the result with the
+// callback's bytes as the row (the column form returns the column's bytes of it), errors pass through.
 int32_t getRowFromCallback(BITMAPRECORD*, uint8_t* buf, int32_t row, uint32_t bytes, void* user) {
     auto* s = static_cast<int32_t*>(user);  // calls, answer
     ++s[0];
