@@ -117,17 +117,13 @@ TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThem) {
     KTReaderWriterLock l;
     ASSERT_EQ(l.Create(), 1);
     for (bool writer : {false, true}) {
-        KTReaderWriterLockItem mine;
-        if (writer) l.Lock();
-        else mine = l.AcquireReaderLock();
+        KTReaderWriterLockItem mine = writer ? KTReaderWriterLockItem() : l.AcquireReaderLock();
+        if (writer) l.Lock();  // the plain writer hold
         std::atomic<bool> in{false};
-        std::thread t([&] {
-            KTReaderWriterLockItem r = l.AcquireReaderLock();
-            in = true;
-        });
+        std::thread t([&] { in = l.AcquireReaderLock().IsHeld() == 1; });
         EXPECT_EQ(waitUntil([&] { return in.load(); }, writer ? 100ms : 1000ms), !writer && !GetParam());
         if (writer) l.Unlock();
-        else mine.Release();
+        mine.Release();
         t.join();
         EXPECT_TRUE(in.load());
     }
