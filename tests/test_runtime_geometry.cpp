@@ -427,7 +427,7 @@ TEST(RuntimeGeometryRect, RecordsAndConversions) {
                {K_SizeD_IsEmpty(&flatY), 1}, {K_Rect_Width(nullptr), 0}, {K_Rect_Height(nullptr), 0}, {isz.cx, 2}, {isz.cy, 3},
                {K_Size_IsEqual(&isz, &s2), 1}, {K_SizeD_IsEqual(&back2, &back2), 1}, {K_Point_IsEmpty(&pe), 1},
                {pdeEmpty, 1}, {K_PointD_IsEmpty(&pde), 0}, {K_PointD_IsEqual(&pde, &pde), 1},
-               {K_RectD_IsEmpty(&ed), 1}, {infl.left, -0.5}, {infl.bottom, 2.0}, {K_RectD_IsEqual(&infl, &infl), 1}});
+               {K_RectD_IsEmpty(&ed), 1}, {infl.left, -0.5}, {infl.top, -1.0}, {infl.right, 1.5}, {infl.bottom, 2.0}, {K_RectD_IsEqual(&infl, &infl), 1}});
 }
 
 TEST(RuntimeGeometryLength, Lengths) {
