@@ -1,6 +1,5 @@
-// test_hostile_callers.cpp - callers that pass far-out coordinates, threads
-// whose first call meets a failed allocation, and bitmaps larger than the
-// memory the process may use.
+// test_hostile_callers.cpp - far-out coordinates, threads whose first call meets a failed allocation, and
+// bitmaps larger than the memory the process may use.
 #include <gtest/gtest.h>
 
 #include <pthread.h>
@@ -19,16 +18,12 @@
 
 namespace {
 
-const int32_t kFar[] = {INT32_MIN, INT32_MIN + 1, -1000000000, -2, -1, 0, 1, 2, 30, 1000000000, INT32_MAX - 1,
-                        INT32_MAX};
+const int32_t kFar[] = {INT32_MIN, INT32_MIN + 1, -1000000000, -2, -1, 0, 1, 2, 30, 1000000000, INT32_MAX - 1, INT32_MAX};
 bool fits32(int64_t v) { return v >= INT32_MIN && v <= INT32_MAX; }
 
-// ---------------------------------------------------------------- far-out values against an affine model
-// Each output coordinate is one input coordinate, plus or minus, plus a
-// constant. The model is measured with the library on small, safe inputs and
-// extrapolated in 64 bits to far-out inputs: a result that does not fit 32
-// bits must be refused with the input unchanged; any other result must equal
-// the extrapolation (a wrapped value would not).
+// Far-out values against an affine model: each output coordinate is one input coordinate, plus or minus, plus
+// a constant. The model is measured with the library on small, safe inputs and extrapolated in 64 bits: a
+// result that does not fit 32 bits must be refused with the input unchanged; any other must equal the model.
 using Call = int32_t (*)(int32_t from, int32_t w, int32_t h, int32_t to, int32_t* v);
 int32_t rectCall(int32_t from, int32_t w, int32_t h, int32_t to, int32_t* v) {
     RECT r{v[0], v[1], v[2], v[3]};
@@ -86,20 +81,17 @@ void farOutSweep(Call call, int n) {
                             }
                             const int32_t rc = call(from, w, h, to, v);
                             ++(fits ? converted : refused);
-                            ASSERT_EQ(rc, fits ? KS_SUCCESS : KS_INVALID_PARAMETER) << from << "->" << to << " " << a
-                                                                                      << "," << b;
+                            ASSERT_EQ(rc, fits ? KS_SUCCESS : KS_INVALID_PARAMETER) << from << "->" << to << " " << a << "," << b;
                             for (int j = 0; j < n; ++j) ASSERT_EQ(v[j], fits ? want[j] : in[j]) << from << "->" << to;
                         }
                 }
-    EXPECT_GT(refused, 1000);
-    EXPECT_GT(converted, 1000);
+    EXPECT_TRUE(refused > 1000 && converted > 1000);
 }
 
 TEST(HostileViewPerspective, FarOutRectanglesAreConvertedExactlyOrRefused) { farOutSweep(rectCall, 4); }
 TEST(HostileViewPerspective, FarOutPointsAreConvertedExactlyOrRefused) { farOutSweep(pointCall, 2); }
 
-// The emulated rectangle helpers: exact in range, refused (0, unchanged)
-// where an edge would leave 32 bits, never wrapped.
+// The emulated rectangle helpers: exact in range, refused (0, unchanged) where an edge would leave 32 bits.
 TEST(HostileRects, InflateAndOffsetAreExactOrRefused) {
     long refused = 0;
     for (int32_t a : kFar)
@@ -107,21 +99,18 @@ TEST(HostileRects, InflateAndOffsetAreExactOrRefused) {
             for (int64_t sign : {-1, 1}) {  // inflate moves left/top out, offset moves all
                 const RECT r0{a, a / 2, 10, a};
                 RECT r = r0;
-                const int64_t want[4] = {r0.left + sign * d, r0.top + sign * d, int64_t(r0.right) + d,
-                                         int64_t(r0.bottom) + d};
+                const int64_t want[4] = {r0.left + sign * d, r0.top + sign * d, int64_t(r0.right) + d, int64_t(r0.bottom) + d};
                 const bool fits = fits32(want[0]) && fits32(want[1]) && fits32(want[2]) && fits32(want[3]);
                 ASSERT_EQ((sign < 0 ? InflateRect(&r, d, d) : OffsetRect(&r, d, d)) != 0, fits) << a << " " << d;
-                const RECT expect = fits ? RECT{int32_t(want[0]), int32_t(want[1]), int32_t(want[2]), int32_t(want[3])}
-                                         : r0;
+                const RECT expect = fits ? RECT{int32_t(want[0]), int32_t(want[1]), int32_t(want[2]), int32_t(want[3])} : r0;
                 EXPECT_EQ(std::memcmp(&r, &expect, sizeof r), 0) << sign << " " << a << " " << d;
                 refused += !fits;
             }
     EXPECT_GT(refused, 50);
 }
 
-// A region scaled by a numerator near INT_MAX: the row-count estimate used to
-// add numerator and denominator in 32 bits (found by the API fuzzer). Row y is
-// in when source row floor(y * 65535 / 2147483646) is: rows 0 .. ceil(n/d) - 1.
+// A region scaled by a numerator near INT_MAX: the row-count estimate used to add numerator and denominator
+// in 32 bits (found by the API fuzzer). Row y is in when source row floor(y * 65535 / 2147483646) is.
 TEST(HostileRects, RegionScaleWithAHugeNumeratorDoesNotOverflow) {
     OrvaRgn* r = nullptr;
     const RECT one{0, 0, 1, 1};
@@ -129,16 +118,13 @@ TEST(HostileRects, RegionScaleWithAHugeNumeratorDoesNotOverflow) {
     ASSERT_EQ(K_ScaleOrvaRgn(r, 1, 1, 2147483646, 65535), KS_SUCCESS);
     RECT b{};
     K_GetOrvaRgnBounds(r, &b);
-    EXPECT_TRUE(b.left == 0 && b.top == 0 && b.right == 1 && b.bottom == (int64_t(2147483646) + 65534) / 65535)
-        << b.left << " " << b.top << " " << b.right << " " << b.bottom;
+    EXPECT_TRUE(b.left == 0 && b.top == 0 && b.right == 1 && b.bottom == (int64_t(2147483646) + 65534) / 65535) << b.bottom;
     K_DeleteOrvaRgn(r);
 }
 
-// ---------------------------------------------------------------- the first call on a fresh thread
-// Every allocation of a thread's first call fails in turn. The call returns
-// success or -1, a failed creation leaves the record unallocated, the thread
-// still works with its own block or the process-wide one, and once the thread
-// has ended nothing is left allocated.
+// Every allocation of a thread's first call fails in turn. The call returns success or -1, a failed creation
+// leaves the record unallocated, the thread still works with its own block or the process-wide one, and once
+// the thread has ended nothing is left allocated.
 TEST(HostileFirstCall, EachAllocationOfTheFirstCallOnAFreshThreadFailsInTurn) {
     K_GetDefaultXResolution();  // this thread's own block exists before the count
     const long before = krn::faultinject::liveBlocks();
@@ -167,17 +153,15 @@ TEST(HostileFirstCall, EachAllocationOfTheFirstCallOnAFreshThreadFailsInTurn) {
         if (injected == 0) break;  // walked past the last allocation of the call
         ASSERT_LT(n, 1000);
     }
-    // The failure of the first allocation leaves the thread on the fallback
-    // block, which the later call then replaces with the thread's own.
-    EXPECT_GE(sawOwn, 1);
-    EXPECT_GE(runs + 1, 3);  // the call allocates more than the settings block
+    // The failure of the first allocation leaves the thread on the fallback block, which the later call then
+    // replaces with the thread's own; the call allocates more than the settings block.
+    EXPECT_TRUE(sawOwn >= 1 && runs + 1 >= 3);
 }
 
-// Calls while a thread ends. A caller's thread-local object made before the
-// kernel's per-thread block is destroyed first: its destructor still sees the
-// thread's own block. A caller's thread-specific key made after the kernel's
-// runs after that block is freed: the call uses the process-wide block. Neither
-// leaks nor writes to the process-wide block through the thread's own.
+// Calls while a thread ends. A caller's thread-local object made before the kernel's per-thread block is
+// destroyed first: its destructor still sees the thread's own block. A caller's thread-specific key made after
+// the kernel's runs after that block is freed: the call uses the process-wide block. Neither leaks nor writes
+// to the process-wide block through the thread's own.
 int32_t g_resolutionAtThreadEnd = 0, g_lateSeen = -1;
 struct CallsKernelAtThreadEnd {
     bool touched = false;
@@ -204,8 +188,7 @@ TEST(HostileFirstCall, CallsWhileAThreadEndsUseALiveBlockAndDoNotLeak) {
         t_callsKernel.touched = true;  // constructed before the kernel's block
         K_SetDefaultXResolution(600);
     }).join();
-    EXPECT_EQ(g_resolutionAtThreadEnd, 600);
-    EXPECT_EQ(process.nYResolution, processY);  // the write went to the thread's block
+    EXPECT_TRUE(g_resolutionAtThreadEnd == 600 && process.nYResolution == processY);  // the write went to the thread's block
     process.nXResolution = processX;
     for (int i = 0; i < 20; ++i) {
         g_lateSeen = -1;
@@ -219,7 +202,6 @@ TEST(HostileFirstCall, CallsWhileAThreadEndsUseALiveBlockAndDoNotLeak) {
     pthread_key_delete(g_lateKey);
 }
 
-// ---------------------------------------------------------------- no promise the machine cannot keep
 struct Restore : storagetest::CapGuard {
     ~Restore() { krn::testhook::setAvailableMemory(0); }
 };
@@ -244,8 +226,8 @@ uint64_t roundTrip(BITMAPRECORD& bm) {
     return type == MEMTYPE_DISK ? uint64_t(tiles - onDisk) * tileSize : 0;
 }
 
-// The image that used to "succeed" as 1.16 TB of lazily zeroed tiles on a
-// machine with far less memory and disk: now refused at allocation.
+// The image that used to "succeed" as 1.16 TB of lazily zeroed tiles on a machine with far less memory and
+// disk: now refused at allocation.
 TEST(HostileStorage, ImageLargerThanMemoryAndDiskIsRefusedAtAllocation) {
     Restore restore;
     char dir[4096];
@@ -259,17 +241,15 @@ TEST(HostileStorage, ImageLargerThanMemoryAndDiskIsRefusedAtAllocation) {
         BITMAPRECORD bm;
         std::memset(&bm, 0, sizeof bm);
         const int32_t rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, type, 579, INT32_MAX, 8, 2, nullptr, 1, nullptr, 0);
-        EXPECT_EQ(rc, KS_NO_MEMORY) << type;
-        EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u) << type;
+        EXPECT_TRUE(rc == KS_NO_MEMORY && (bm.uFlags & BRF_ALLOCATED) == 0) << type;
         if (rc == KS_SUCCESS) K_FreeBitmap(&bm);
     }
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
 }
 
-// Tiles stay in memory only up to the free memory less the memory to keep
-// free; the rest go to temporary files, or the allocation fails with -1 when
-// files are not allowed. A height change that grows past the free memory puts
-// the new tiles in files.
+// Tiles stay in memory only up to the free memory less the memory to keep free; the rest go to temporary
+// files, or the allocation fails with -1 when files are not allowed. A height change past the free memory
+// puts the new tiles in files.
 TEST(HostileStorage, TilesPastTheFreeMemoryGoToFilesOrFail) {
     Restore restore;
     ASSERT_EQ(K_SetMemoryThresholds(0, 0, 1 << 20, 0, 1, 0x1F), KS_SUCCESS);  // 1 MiB tiles, files allowed
@@ -285,14 +265,11 @@ TEST(HostileStorage, TilesPastTheFreeMemoryGoToFilesOrFail) {
         EXPECT_LE(roundTrip(bm), freeMiB << 20) << freeMiB;
         K_FreeBitmap(&bm);
         std::memset(&bm, 0, sizeof bm);  // no files: refused, not promised, the record as it was
-        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK, 4096, 4096, 8, 2,
-                                 nullptr, 1, nullptr, 0),
-                  KS_NO_MEMORY);
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK, 4096, 4096, 8, 2, nullptr, 1, nullptr, 0), KS_NO_MEMORY);
         EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, 0u);
     }
     krn::testhook::setAvailableMemory(0);
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_DISK, 4096, 2048, 8, 2, nullptr, 1, nullptr, 0),
-              KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_DISK, 4096, 2048, 8, 2, nullptr, 1, nullptr, 0), KS_SUCCESS);
     krn::testhook::setAvailableMemory(uint64_t(1) << 20);
     ASSERT_EQ(K_ChangeBitmapHeight(&bm, 6144), KS_SUCCESS);
     K_GetBitmapMemoryInfo(&bm, nullptr, nullptr, &tiles, &onDisk);

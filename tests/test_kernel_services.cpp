@@ -1,5 +1,5 @@
-// test_kernel_services.cpp - global memory, the handle table, status
-// messages, progress callbacks and the allocator's fault hook.
+// test_kernel_services.cpp - global memory, the handle table, status messages, progress callbacks and the
+// allocator's fault hook.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -17,6 +17,7 @@
 namespace {
 
 using checklist::expectAll;
+namespace fi = krn::faultinject;
 
 std::wstring message(int32_t code, std::wstring* lib = nullptr) {
     std::vector<wchar_t> buf(1032, L'#'), libBuf(1032, L'#');
@@ -25,9 +26,8 @@ std::wstring message(int32_t code, std::wstring* lib = nullptr) {
     return buf.data();
 }
 
-// A fixed block is its own pointer, grows with zeros and is refused (errno
-// 22) once freed; a movable block may not move while locked, keeps its handle
-// when it moves, and its data pointer is not a handle.
+// A fixed block is its own pointer, grows with zeros and is refused (errno 22) once freed; a movable block
+// may not move while locked, keeps its handle when it moves, and its data pointer is not a handle.
 TEST(GlobalMemory, FixedAndMovableBlocks) {
     auto* p = static_cast<uint8_t*>(K_GlobalAlloc(GPTR, 100));
     ASSERT_NE(p, nullptr);
@@ -50,11 +50,10 @@ TEST(GlobalMemory, FixedAndMovableBlocks) {
                IS(K_GlobalLock(h) == nullptr, 1), IS(errno, EINVAL)});
 }
 
-// The handle table cannot grow: new blocks fail cleanly, and a fixed block
-// that has to move to grow keeps its old pointer, size and contents when its
-// new address cannot be registered.
+// The handle table cannot grow: new blocks fail cleanly, and a fixed block that has to move to grow keeps
+// its old pointer, size and contents when its new address cannot be registered.
 TEST(GlobalMemory, HandleTableGrowthFailure) {
-    const long base = krn::faultinject::liveBlocks();
+    const long base = fi::liveBlocks();
     std::vector<HGLOBAL> blocks{K_GlobalAlloc(GPTR, 16), K_GlobalAlloc(GPTR, 16)};
     auto* fixed = static_cast<uint8_t*>(blocks[1]);
     for (int i = 0; i < 16; ++i) fixed[i] = uint8_t(i + 1);
@@ -63,31 +62,25 @@ TEST(GlobalMemory, HandleTableGrowthFailure) {
     for (HGLOBAL h; blocks.size() < size_t(1) << 20 && (h = K_GlobalAlloc(blocks.size() % 3 ? GPTR : GHND, 16));)
         blocks.push_back(h);
     const bool filled = blocks.size() < size_t(1) << 20;
-    const long liveFull = krn::faultinject::liveBlocks();
+    const long liveFull = fi::liveBlocks();
     void* moved = K_GlobalReAlloc(fixed, 8 << 20, 0);  // must move
     krn::testhook::failHandleTableGrowth(false);
     ASSERT_TRUE(filled) << "the table never needed to grow";
     EXPECT_EQ(liveFull, base + 2 * long(blocks.size()));  // the failed one left nothing
-    if (moved) {
-        ASSERT_EQ(moved, static_cast<void*>(fixed));  // only when it grew in place
-    } else {
-        EXPECT_EQ(K_GlobalSize(fixed), 16u);
-        EXPECT_EQ(std::vector<uint8_t>(fixed, fixed + 16), contents);  // ASan: still ours
-    }
+    ASSERT_TRUE(moved == nullptr || moved == static_cast<void*>(fixed));  // only when it grew in place
+    EXPECT_TRUE(moved || (K_GlobalSize(fixed) == 16u && std::vector<uint8_t>(fixed, fixed + 16) == contents));  // ASan: still ours
     auto* grown = static_cast<uint8_t*>(K_GlobalReAlloc(fixed, 8 << 20, 0));
     ASSERT_NE(grown, nullptr);
-    EXPECT_EQ(K_GlobalSize(grown), size_t(8) << 20);
-    EXPECT_EQ(std::vector<uint8_t>(grown, grown + 16), contents);
+    EXPECT_TRUE(K_GlobalSize(grown) == size_t(8) << 20 && std::vector<uint8_t>(grown, grown + 16) == contents);
     blocks[1] = grown;
     for (HGLOBAL h : blocks) ASSERT_EQ(K_GlobalFree(h), nullptr);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    EXPECT_EQ(fi::liveBlocks(), base);
 }
 
-// Fixed blocks re-keyed by K_GlobalReAlloc on some threads while others
-// allocate, look up and free: every block keeps its contents and its size
-// (run under ThreadSanitizer too).
+// Fixed blocks re-keyed by K_GlobalReAlloc on some threads while others allocate, look up and free: every
+// block keeps its contents and its size (run under ThreadSanitizer too).
 TEST(GlobalMemory, ReallocAcrossThreads) {
-    const long base = krn::faultinject::liveBlocks();
+    const long base = fi::liveBlocks();
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t] {
@@ -101,52 +94,45 @@ TEST(GlobalMemory, ReallocAcrossThreads) {
                 }
                 blocks.push_back(static_cast<uint8_t*>(std::memset(p, t * 16 + int(blocks.size() % 16), 8)));
             }
-            for (size_t n = 24; n <= 648; n *= 3) {
+            for (size_t n = 24; n <= 648; n *= 3)
                 for (size_t i = 0; i < blocks.size(); ++i) {
                     auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(blocks[i], n, GMEM_ZEROINIT));
-                    ASSERT_NE(q, nullptr);
-                    ASSERT_TRUE(q[0] == uint8_t(t * 16 + int(i % 16)) && q[n - 1] == 0 && K_GlobalSize(q) == n);
+                    ASSERT_TRUE(q && q[0] == uint8_t(t * 16 + int(i % 16)) && q[n - 1] == 0 && K_GlobalSize(q) == n);
                     blocks[i] = q;
                 }
-            }
             for (uint8_t* p : blocks) ASSERT_EQ(K_GlobalFree(p), nullptr);
         });
     }
     for (auto& th : threads) th.join();
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    EXPECT_EQ(fi::liveBlocks(), base);
 }
 
 TEST(Handles, KindsAreCheckedAndFailedRegistrationFreesTheBlock) {
     int payload = 5;
     OmbrixObject_* h = krn::objCreate(krn::kObjRegion, &payload);
-    EXPECT_EQ(krn::objPayload(h, krn::kObjRegion), &payload);
-    EXPECT_EQ(krn::objPayload(h, krn::kObjPalette), nullptr);
-    for (uintptr_t bad : {uintptr_t(0), ~uintptr_t(0), uintptr_t(0x1234)})
-        EXPECT_EQ(krn::objKind(reinterpret_cast<void*>(bad)), 0u);
-    EXPECT_FALSE(krn::objDestroy(h, krn::kObjGlobalMemory));
-    EXPECT_TRUE(krn::objDestroy(h, krn::kObjRegion));
-    EXPECT_EQ(krn::objKind(h), 0u);
-    EXPECT_FALSE(krn::objDestroy(h, krn::kObjRegion));
-    const long base = krn::faultinject::liveBlocks();
+    expectAll({IS(krn::objPayload(h, krn::kObjRegion) == &payload, 1), IS(krn::objPayload(h, krn::kObjPalette) == nullptr, 1),
+               IS(krn::objKind(nullptr), 0), IS(krn::objKind(reinterpret_cast<void*>(~uintptr_t(0))), 0),
+               IS(krn::objKind(reinterpret_cast<void*>(uintptr_t(0x1234))), 0), IS(krn::objDestroy(h, krn::kObjGlobalMemory), 0),
+               IS(krn::objDestroy(h, krn::kObjRegion), 1), IS(krn::objKind(h), 0), IS(krn::objDestroy(h, krn::kObjRegion), 0)});
+    const long base = fi::liveBlocks();
     for (long n : {0L, 1L}) {  // the data block, then the handle
-        krn::faultinject::arm(n, 1);
+        fi::arm(n, 1);
         EXPECT_EQ(K_GlobalAlloc(GMEM_MOVEABLE, 10), nullptr);
     }
-    krn::faultinject::disarm();
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    fi::disarm();
+    EXPECT_EQ(fi::liveBlocks(), base);
     void* r = krn::memAlloc(10);  // a failed realloc keeps the old block
-    krn::faultinject::arm(0, 1);
+    fi::arm(0, 1);
     EXPECT_EQ(krn::memRealloc(r, 100), nullptr);
-    krn::faultinject::disarm();
+    fi::disarm();
     krn::memFree(r);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    EXPECT_EQ(fi::liveBlocks(), base);
 }
 
-// The message table is checked for consistency, not copied: every code from
-// -1940 to 110 gets a text; K_GetLibIdFromErrorCode calls it known exactly
-// when the text is not the unknown text; other libraries read "The %s library
-// is missing." with the name given in the library-name buffer; any buffer
-// size gives the message's prefix without writing past the buffer.
+// The message table is checked for consistency, not copied: every code from -1940 to 110 gets a text;
+// K_GetLibIdFromErrorCode calls it known exactly when the text is not the unknown text; other libraries read
+// "The %s library is missing." with the name given in the library-name buffer; the library ranges end at
+// their hundreds; any buffer size gives the message's prefix without writing past the buffer.
 TEST(Messages, WholeTableAgreesWithLibraryIdsAndTruncatesInBounds) {
     const std::pair<int32_t, const wchar_t*> spot[] = {
         {1, L"Success"}, {-1, L"Not enough memory available"}, {-13, L"Invalid parameter passed"},
@@ -176,6 +162,13 @@ TEST(Messages, WholeTableAgreesWithLibraryIdsAndTruncatesInBounds) {
     }
     EXPECT_EQ(perLibrary[OMBRIX_LIB_KERNEL], 38);  // the rows of the kernel's own table
     for (int id = OMBRIX_LIB_FILEIO; id <= OMBRIX_LIB_COLOR; ++id) EXPECT_GT(perLibrary[id], 0) << id;
+    const std::pair<int32_t, int32_t> edges[] = {{-1100, OMBRIX_LIB_FILEIO}, {-1199, OMBRIX_LIB_FILEIO}, {-1200, OMBRIX_LIB_DIALOGS},
+                                                 {-1299, OMBRIX_LIB_DIALOGS}, {-1300, OMBRIX_LIB_ANNOTATION},
+                                                 {-1399, OMBRIX_LIB_ANNOTATION}, {-1400, OMBRIX_LIB_COLOR}};
+    for (const auto& [code, lib] : edges) {
+        int32_t id = -1, known = -1;
+        EXPECT_TRUE(K_GetLibIdFromErrorCode(code, &id, &known) == KS_SUCCESS && known == 1 && id == lib) << code << " " << id;
+    }
     EXPECT_EQ(K_GetLibIdFromErrorCode(1, nullptr, nullptr), KS_SUCCESS);
     EXPECT_EQ(K_GetFriendlyErrorMessage(-13, nullptr, 10, nullptr), KS_INVALID_PARAMETER);
     for (int32_t code : {-16, -1905, -1150, 1, 999}) {
@@ -196,8 +189,8 @@ int32_t record(int32_t percent, void* user) {
 }
 int32_t stopAt40(int32_t percent, void* user) { return record(percent, user), percent >= 40 ? KS_USER_ABORT : 1; }
 
-// The status callbacks are per thread and hand back the old ones; a progress
-// reports each whole percent once, within its sub-range, and stops on an abort.
+// The status callbacks are per thread and hand back the old ones; a progress reports each whole percent once,
+// within its sub-range, and stops on an abort.
 TEST(ProgressCallbacks, PerThreadAndEachWholePercentOnce) {
     std::vector<int32_t> seen, every(101);
     STATUSCALLBACK old = reinterpret_cast<STATUSCALLBACK>(1), got = nullptr, other = record;

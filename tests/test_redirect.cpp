@@ -1,29 +1,43 @@
-// test_redirect.cpp - redirect tables (thread, process-wide, merged),
-// redirected file handles and their checks, the ReadBig / WriteBig chunking,
-// files on the default layer with non-ASCII names, "ORVARedirect://" names
-// and the memory-buffer file.
+// test_redirect.cpp - redirect tables (thread, process-wide, merged), redirected file handles, the
+// ReadBig / WriteBig chunking, non-ASCII names on the default layer, "ORVARedirect://" names, the buffer
+// file; kernel temporary files (positioned I/O, size, delete-on-close, the size limit as a full disk,
+// mapping, files through a caller's table, threads, allocation failure), the built-in temporary-file table,
+// unique temporary names and the temporary folder.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <csignal>
 #include <cstring>
+#include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "check_list.h"
 #include "krn/common/memory.h"
+#include "krn/common/tempfile.h"
 #include "ombrix.h"
 #include "redirect_memfs.h"
-#include "redirect_scratch.h"
 
 namespace {
 
+using checklist::expectAll;
+using krn::TempFile;
 using testfs::MemFs;
+using testfs::ScratchDir;
 using testfs::StateGuard;
+using Owned = std::unique_ptr<TempFile, krn::TempFileCloser>;
+using Bytes = std::vector<uint8_t>;
+namespace fi = krn::faultinject;
+const uint32_t RW_CREATE = REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE;
 
 REDIRECTRECORD get(int mode, int processWide = 0) {
     REDIRECTRECORD r{};
@@ -35,8 +49,7 @@ REDIRECTRECORD blank() {
     r.uStructSize = REDIRECTRECORD_SIZE;
     return r;
 }
-// The seven function slots, to compare tables whole.
-using Slots = std::array<const void*, 7>;
+using Slots = std::array<const void*, 7>;  // the seven function slots, to compare tables whole
 Slots slots(const REDIRECTRECORD& r) {
     return {(const void*)r.pfnOpen, (const void*)r.pfnRead,  (const void*)r.pfnWrite,  (const void*)r.pfnSeek,
             (const void*)r.pfnClose, (const void*)r.pfnSize, (const void*)r.pfnSetSize};
@@ -49,9 +62,10 @@ std::wstring makeName(const REDIRECTRECORD& t, const wchar_t* inner) {
     EXPECT_EQ(K_MakeRedirectName(&t, inner, buf, 1024), KS_SUCCESS);
     return buf;
 }
+int32_t install(REDIRECTRECORD t, int processWide = 0) { return K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, processWide); }
 
 // ---------------------------------------------------------------- tables
-// A table installed on this thread is in force here and nowhere else.
+// A table installed on this thread is in force here and nowhere else; a fresh thread sees the defaults.
 TEST(RedirectTables, ThreadTableStaysOnItsThreadAndFreshThreadsSeeDefaults) {
     StateGuard guard;
     MemFs fs;
@@ -61,105 +75,79 @@ TEST(RedirectTables, ThreadTableStaysOnItsThreadAndFreshThreadsSeeDefaults) {
     EXPECT_EQ(K_UsesRedirectIO(), 1);
     std::thread([] {
         const REDIRECTRECORD d = get(REDIRECT_GET_DEFAULT), tmp = get(REDIRECT_GET_TEMPFILE);
-        EXPECT_EQ(d.uStructSize, REDIRECTRECORD_SIZE);
-        EXPECT_EQ(d.uFlags | tmp.uFlags, 0u);
         const Slots os = slots(d);
         EXPECT_EQ(Slots({os[0], os[1], os[2], os[3], os[4]}),
-                  Slots({(const void*)&K_OsOpen, (const void*)&K_OsRead, (const void*)&K_OsWrite,
-                         (const void*)&K_OsSeek, (const void*)&K_OsClose}));
-        EXPECT_TRUE(sameFunctions(get(REDIRECT_GET_IN_FORCE), d));
-        EXPECT_TRUE(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), d));
-        EXPECT_EQ(slots(get(REDIRECT_GET_THREAD)), Slots{});
-        EXPECT_EQ(tmp.pfnOpen, &K_RedirectedTempFileOpen);
-        EXPECT_EQ(tmp.pfnRead, &K_RedirectedTempFileRead);
-        EXPECT_EQ(tmp.pfnClose, &K_RedirectedTempFileClose);
-        EXPECT_EQ(K_UsesRedirectIO(), 0);
+                  Slots({(const void*)&K_OsOpen, (const void*)&K_OsRead, (const void*)&K_OsWrite, (const void*)&K_OsSeek, (const void*)&K_OsClose}));
+        expectAll({IS(d.uStructSize, REDIRECTRECORD_SIZE), IS(d.uFlags | tmp.uFlags, 0),
+                   IS(sameFunctions(get(REDIRECT_GET_IN_FORCE), d), 1), IS(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), d), 1),
+                   IS(slots(get(REDIRECT_GET_THREAD)) == Slots{}, 1), IS(tmp.pfnOpen == &K_RedirectedTempFileOpen, 1),
+                   IS(tmp.pfnRead == &K_RedirectedTempFileRead, 1), IS(tmp.pfnClose == &K_RedirectedTempFileClose, 1),
+                   IS(K_UsesRedirectIO(), 0)});
     }).join();
 }
 
 TEST(RedirectTables, FrameChecks) {
-    REDIRECTRECORD r = blank();
-    EXPECT_EQ(K_GetRedirectFunctions(nullptr, 64, 0, 0), KS_NULL_POINTER);
-    EXPECT_EQ(K_GetRedirectFunctions(&r, 60, 0, 0), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_GetRedirectFunctions(&r, 64, 4, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetRedirectFunctions(&r, 64, -1, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetRedirectFunctions(nullptr, 0, 0), KS_NULL_POINTER);
-    r.uStructSize = 128;
-    EXPECT_EQ(K_SetRedirectFunctions(&r, 0, 0), KS_INVALID_STRUCT_SIZE);
-    r.uStructSize = REDIRECTRECORD_SIZE;
+    REDIRECTRECORD r = blank(), big = blank();
     r.pfnRead = &myRead;
-    EXPECT_EQ(K_SetRedirectFunctions(&r, 3, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetRedirectFunctions(&r, -1, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(get(REDIRECT_GET_THREAD).pfnRead, nullptr);  // nothing installed by the failures
+    big.uStructSize = 128;
+    expectAll({IS(K_GetRedirectFunctions(nullptr, 64, 0, 0), KS_NULL_POINTER),
+               IS(K_GetRedirectFunctions(&big, 60, 0, 0), KS_INVALID_STRUCT_SIZE),
+               IS(K_GetRedirectFunctions(&big, 64, 4, 0), KS_INVALID_PARAMETER),
+               IS(K_GetRedirectFunctions(&big, 64, -1, 0), KS_INVALID_PARAMETER),
+               IS(K_SetRedirectFunctions(nullptr, 0, 0), KS_NULL_POINTER),
+               IS(K_SetRedirectFunctions(&big, 0, 0), KS_INVALID_STRUCT_SIZE), IS(K_SetRedirectFunctions(&r, 3, 0), KS_INVALID_PARAMETER),
+               IS(K_SetRedirectFunctions(&r, -1, 0), KS_INVALID_PARAMETER),
+               IS(get(REDIRECT_GET_THREAD).pfnRead == nullptr, 1) /* nothing installed by the failures */});
 }
 
 TEST(RedirectTables, RedirectIOSlotsDefaultsEmptyAndGiven) {
     StateGuard guard;
     MemFs procFs;
-    REDIRECTRECORD p = procFs.table();
-    ASSERT_EQ(K_SetRedirectFunctions(&p, REDIRECT_SET_INSTALL, 1), KS_SUCCESS);
+    ASSERT_EQ(install(procFs.table(), 1), KS_SUCCESS);
     int token;
     // open empty (process-wide), read given, write default, seek and close empty.
-    ASSERT_EQ(K_RedirectIO(REDIRECT_EMPTY, (void*)&myRead, nullptr, REDIRECT_EMPTY, REDIRECT_EMPTY, &token),
-              KS_SUCCESS);
+    ASSERT_EQ(K_RedirectIO(REDIRECT_EMPTY, (void*)&myRead, nullptr, REDIRECT_EMPTY, REDIRECT_EMPTY, &token), KS_SUCCESS);
     const REDIRECTRECORD t = get(REDIRECT_GET_THREAD), f = get(REDIRECT_GET_IN_FORCE);
     EXPECT_EQ(slots(t), Slots({nullptr, (const void*)&myRead, (const void*)&K_OsWrite, nullptr, nullptr}));
-    EXPECT_EQ(t.pReadUserData, &token);
-    EXPECT_EQ(t.pWriteUserData, &token);
     // In force: the process-wide slots under the thread's given ones (size slots follow the open function).
-    EXPECT_EQ(slots(f), Slots({(const void*)&MemFs::open, (const void*)&myRead, (const void*)&K_OsWrite,
-                               (const void*)&MemFs::seek, (const void*)&MemFs::close, (const void*)&MemFs::size,
-                               (const void*)&MemFs::setSize}));
-    EXPECT_EQ(f.pOpenUserData, &procFs);
-    EXPECT_EQ(f.pSeekUserData, &procFs);
-    EXPECT_TRUE(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), procFs.table()));
-    EXPECT_EQ(K_UsesRedirectIO(), 1);
-    // All zero: the default file layer for this thread, over any process-wide table.
-    ASSERT_EQ(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS);
-    EXPECT_TRUE(sameFunctions(get(REDIRECT_GET_IN_FORCE), get(REDIRECT_GET_DEFAULT)));
-    EXPECT_EQ(K_UsesRedirectIO(), 0);
+    EXPECT_EQ(slots(f), Slots({(const void*)&MemFs::open, (const void*)&myRead, (const void*)&K_OsWrite, (const void*)&MemFs::seek,
+                               (const void*)&MemFs::close, (const void*)&MemFs::size, (const void*)&MemFs::setSize}));
+    expectAll({IS(t.pReadUserData == &token && t.pWriteUserData == &token, 1),
+               IS(f.pOpenUserData == &procFs && f.pSeekUserData == &procFs, 1),
+               IS(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), procFs.table()), 1), IS(K_UsesRedirectIO(), 1),
+               // All zero: the default file layer for this thread, over any process-wide table.
+               IS(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS),
+               IS(sameFunctions(get(REDIRECT_GET_IN_FORCE), get(REDIRECT_GET_DEFAULT)), 1), IS(K_UsesRedirectIO(), 0)});
 }
 
 TEST(RedirectTables, SelectorsSwapAndReset) {
     StateGuard guard;
     MemFs a, b;
-    REDIRECTRECORD ta = a.table(), tb = b.table(), r = blank();
-    ASSERT_EQ(K_SetRedirectFunctions(&ta, REDIRECT_SET_INSTALL, 1), KS_SUCCESS);
-    ASSERT_EQ(K_SetRedirectFunctions(&tb, REDIRECT_SET_SWAP, 1), KS_SUCCESS);
-    EXPECT_EQ(tb.pOpenUserData, &a);  // got back what it replaced
-    EXPECT_EQ(get(REDIRECT_GET_IN_FORCE, 1).pOpenUserData, &b);
-    ASSERT_EQ(K_SetRedirectFunctions(&r, REDIRECT_SET_RESET, 1), KS_SUCCESS);
-    EXPECT_EQ(r.pOpenUserData, &b);
-    EXPECT_TRUE(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), get(REDIRECT_GET_DEFAULT)));
-    // Process-wide: null slots get the defaults; thread: they stay empty.
-    REDIRECTRECORD partial = blank(), partial2 = blank();
+    REDIRECTRECORD ta = a.table(), tb = b.table(), r = blank(), partial = blank(), partial2 = blank();
     partial.pfnRead = &myRead;
-    ASSERT_EQ(K_SetRedirectFunctions(&partial, REDIRECT_SET_INSTALL, 1), KS_SUCCESS);
-    EXPECT_EQ(partial.pfnOpen, &K_OsOpen);
-    EXPECT_EQ(partial.pfnRead, &myRead);
     partial2.pfnWrite = &MemFs::write;
-    ASSERT_EQ(K_SetRedirectFunctions(&partial2, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
-    EXPECT_EQ(get(REDIRECT_GET_THREAD).pfnRead, nullptr);
-    EXPECT_EQ(partial2.pfnRead, &myRead);  // in force: from the process-wide table
-    EXPECT_EQ(partial2.pfnWrite, &MemFs::write);
+    expectAll({IS(K_SetRedirectFunctions(&ta, REDIRECT_SET_INSTALL, 1), 1), IS(K_SetRedirectFunctions(&tb, REDIRECT_SET_SWAP, 1), 1),
+               IS(tb.pOpenUserData == &a, 1) /* got back what it replaced */, IS(get(REDIRECT_GET_IN_FORCE, 1).pOpenUserData == &b, 1),
+               IS(K_SetRedirectFunctions(&r, REDIRECT_SET_RESET, 1), 1), IS(r.pOpenUserData == &b, 1),
+               IS(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), get(REDIRECT_GET_DEFAULT)), 1),
+               // Process-wide: null slots get the defaults; thread: they stay empty.
+               IS(K_SetRedirectFunctions(&partial, REDIRECT_SET_INSTALL, 1), 1), IS(partial.pfnOpen == &K_OsOpen, 1),
+               IS(partial.pfnRead == &myRead, 1), IS(K_SetRedirectFunctions(&partial2, REDIRECT_SET_INSTALL, 0), 1),
+               IS(get(REDIRECT_GET_THREAD).pfnRead == nullptr, 1), IS(partial2.pfnRead == &myRead, 1) /* from the process table */,
+               IS(partial2.pfnWrite == &MemFs::write, 1)});
 }
 
-// Readers of the process-wide table never see half of one table and half
-// of another while writers replace it.
+// Readers of the process-wide table never see half of one table and half of another while writers replace it.
 TEST(RedirectTables, ProcessTableIsNeverTorn) {
     StateGuard guard;
     MemFs a, b;
     std::atomic<bool> stop{false};
     std::atomic<long> torn{0}, seen{0};
-    REDIRECTRECORD first = a.table();
-    ASSERT_EQ(K_SetRedirectFunctions(&first, REDIRECT_SET_INSTALL, 1), KS_SUCCESS);
+    ASSERT_EQ(install(a.table(), 1), KS_SUCCESS);
     std::vector<std::thread> writers, readers;
     for (int w = 0; w < 2; ++w)
         writers.emplace_back([&, w] {
-            for (int i = 0; !stop; ++i) {
-                REDIRECTRECORD t = ((i + w) & 1) ? a.table() : b.table();
-                K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 1);
-            }
+            for (int i = 0; !stop; ++i) install(((i + w) & 1) ? a.table() : b.table(), 1);
         });
     for (int r = 0; r < 2; ++r)
         readers.emplace_back([&] {
@@ -167,44 +155,33 @@ TEST(RedirectTables, ProcessTableIsNeverTorn) {
                 REDIRECTRECORD t{};
                 K_GetRedirectFunctions(&t, REDIRECTRECORD_SIZE, 0, 1);
                 void* u = t.pOpenUserData;
-                torn += !((u == &a || u == &b) && t.pReadUserData == u && t.pWriteUserData == u &&
-                          t.pSeekUserData == u && t.pCloseUserData == u && t.pSizeUserData == u &&
-                          t.pSetSizeUserData == u);
+                torn += !((u == &a || u == &b) && t.pReadUserData == u && t.pWriteUserData == u && t.pSeekUserData == u &&
+                          t.pCloseUserData == u && t.pSizeUserData == u && t.pSetSizeUserData == u);
             }
         });
     for (auto& t : readers) t.join();
     stop = true;
     for (auto& t : writers) t.join();
-    EXPECT_EQ(torn.load(), 0);
-    EXPECT_EQ(seen.load(), 10000);
+    EXPECT_TRUE(torn.load() == 0 && seen.load() == 10000);
 }
 
 // ---------------------------------------------------------------- files
 TEST(RedirectFiles, HandleKeepsItsTable) {
     StateGuard guard;
     MemFs fs;
-    REDIRECTRECORD t = fs.table(), x = blank();
-    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
-    HREDIRECTFILE h = K_RedirectedOpen(L"img.bin", REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0);
+    REDIRECTRECORD x = blank();
+    ASSERT_EQ(install(fs.table()), KS_SUCCESS);
+    HREDIRECTFILE h = K_RedirectedOpen(L"img.bin", RW_CREATE, 0);
     ASSERT_NE(h, invalid());
     ASSERT_EQ(fs.openNames.back(), L"img.bin");
-    // Change the tables: the open file keeps going to the memory file system.
-    ASSERT_EQ(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_RedirectedWrite(h, "hello", 5), 5);
-    EXPECT_EQ(K_RedirectedSeek(h, 1, REDIRECT_SEEK_SET), 1);
     char b[8] = {};
-    EXPECT_EQ(K_RedirectedRead(h, b, 8), 4);
-    EXPECT_STREQ(b, "ello");
-    EXPECT_EQ(K_RedirectedGetSize(h), 5);
-    ASSERT_EQ(K_ExtractRedirectFunctions(h, &x), KS_SUCCESS);
-    EXPECT_TRUE(sameFunctions(x, fs.table()));
-    EXPECT_EQ(K_RedirectedClose(h), 0);
-    EXPECT_EQ(std::string(fs.files[L"img.bin"].begin(), fs.files[L"img.bin"].end()), "hello");
-    // The handle is gone: every call fails without touching the table.
-    EXPECT_EQ(K_RedirectedWrite(h, "x", 1), -1);
-    EXPECT_EQ(K_RedirectedClose(h), -1);
-    EXPECT_EQ(fs.writes, 1);
-    EXPECT_EQ(fs.closes, 1);
+    // Change the tables: the open file keeps going to the memory file system; once closed, calls fail.
+    expectAll({IS(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS),
+               IS(K_RedirectedWrite(h, "hello", 5), 5), IS(K_RedirectedSeek(h, 1, REDIRECT_SEEK_SET), 1),
+               IS(K_RedirectedRead(h, b, 8), 4), IS(std::string(b) == "ello", 1), IS(K_RedirectedGetSize(h), 5),
+               IS(K_ExtractRedirectFunctions(h, &x), KS_SUCCESS), IS(sameFunctions(x, fs.table()), 1), IS(K_RedirectedClose(h), 0),
+               IS(std::string(fs.files[L"img.bin"].begin(), fs.files[L"img.bin"].end()) == "hello", 1),
+               IS(K_RedirectedWrite(h, "x", 1), -1), IS(K_RedirectedClose(h), -1), IS(fs.writes, 1), IS(fs.closes, 1)});
 }
 
 TEST(RedirectFiles, GarbageHandlesAreRefused) {
@@ -214,16 +191,13 @@ TEST(RedirectFiles, GarbageHandlesAreRefused) {
     ASSERT_NE(g, nullptr);
     char b[4];
     for (HREDIRECTFILE h : {HREDIRECTFILE(nullptr), invalid(), HREDIRECTFILE(junk), HREDIRECTFILE(g)}) {
-        EXPECT_EQ(std::vector<int64_t>({K_RedirectedRead(h, b, 4), K_RedirectedWrite(h, b, 4),
-                                        K_RedirectedSeek(h, 0, 0), K_RedirectedClose(h), K_RedirectedReadBig(h, b, 4),
-                                        K_RedirectedWriteBig(h, b, 4)}),
-                  std::vector<int64_t>(6, -1));
-        EXPECT_EQ(K_RedirectedReadBig(h, b, 0), 0);  // a count of 0 returns 0 at once
         void* n;
         REDIRECTRECORD r = blank();
-        EXPECT_EQ(std::vector<int64_t>({K_ExtractRedirectedFileHandle(h, &n, 0), K_ExtractRedirectFunctions(h, &r),
-                                        K_UpdateRedirectFunctions(h, &r)}),
-                  std::vector<int64_t>(3, KS_INVALID_PARAMETER));
+        expectAll({IS(K_RedirectedRead(h, b, 4), -1), IS(K_RedirectedWrite(h, b, 4), -1), IS(K_RedirectedSeek(h, 0, 0), -1),
+                   IS(K_RedirectedClose(h), -1), IS(K_RedirectedReadBig(h, b, 4), -1), IS(K_RedirectedWriteBig(h, b, 4), -1),
+                   IS(K_RedirectedReadBig(h, b, 0), 0) /* a count of 0 returns 0 at once */,
+                   IS(K_ExtractRedirectedFileHandle(h, &n, 0), KS_INVALID_PARAMETER),
+                   IS(K_ExtractRedirectFunctions(h, &r), KS_INVALID_PARAMETER), IS(K_UpdateRedirectFunctions(h, &r), KS_INVALID_PARAMETER)});
     }
     EXPECT_EQ(K_GlobalFree(g), nullptr);  // untouched by the refused calls
 }
@@ -232,50 +206,37 @@ TEST(RedirectFiles, OpenFailuresGiveInvalidHandle) {
     StateGuard guard;
     MemFs fs;
     fs.failOpenAt = 1;
-    REDIRECTRECORD t = fs.table();
-    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
-    EXPECT_EQ(K_RedirectedOpen(L"a", REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0), invalid());
-    EXPECT_EQ(K_RedirectedOpen(L"missing", REDIRECT_OPEN_READ, 0), invalid());
-    EXPECT_EQ(K_RedirectedOpen(nullptr, REDIRECT_OPEN_READ, 0), invalid());
-    EXPECT_EQ(K_RedirectedOpenUtf8("\xC0\x80", REDIRECT_OPEN_READ, 0), invalid());
-    // An allocation failure while wrapping closes what the table opened.
-    const long before = krn::faultinject::liveBlocks();
-    krn::faultinject::arm(0, 1);
-    EXPECT_EQ(K_RedirectedOpen(L"b", REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0), invalid());
-    krn::faultinject::disarm();
-    EXPECT_EQ(fs.openHandles(), 0u);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), before);
+    ASSERT_EQ(install(fs.table()), KS_SUCCESS);
+    for (HREDIRECTFILE h : {K_RedirectedOpen(L"a", RW_CREATE, 0), K_RedirectedOpen(L"missing", REDIRECT_OPEN_READ, 0),
+                            K_RedirectedOpen(nullptr, REDIRECT_OPEN_READ, 0), K_RedirectedOpenUtf8("\xC0\x80", REDIRECT_OPEN_READ, 0)})
+        EXPECT_EQ(h, invalid());
+    const long before = fi::liveBlocks();
+    fi::arm(0, 1);  // an allocation failure while wrapping closes what the table opened
+    EXPECT_EQ(K_RedirectedOpen(L"b", RW_CREATE, 0), invalid());
+    fi::disarm();
+    EXPECT_TRUE(fs.openHandles() == 0u && fi::liveBlocks() == before);
 }
 
 TEST(RedirectFiles, WrapExtractAndUpdate) {
     StateGuard guard;
     MemFs fs, other;
     REDIRECTRECORD t = fs.table(), badSize = t, upd = blank();
-    void* native = MemFs::open(L"w", REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0, &fs);
+    void* native = MemFs::open(L"w", RW_CREATE, 0, &fs);
+    void* out = nullptr;
     HREDIRECTFILE h = nullptr;
     badSize.uStructSize = 63;
-    EXPECT_EQ(std::vector<int64_t>({K_CreateRedirectedFileHandle(nullptr, native, &t),
-                                    K_CreateRedirectedFileHandle(&h, nullptr, &t),
-                                    K_CreateRedirectedFileHandle(&h, OMBRIX_INVALID_FILE, &t)}),
-              std::vector<int64_t>(3, KS_INVALID_PARAMETER));
-    EXPECT_EQ(K_CreateRedirectedFileHandle(&h, native, &badSize), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(h, nullptr);
-    ASSERT_EQ(K_CreateRedirectedFileHandle(&h, native, &t), KS_SUCCESS);
-    EXPECT_EQ(K_RedirectedWrite(h, "abc", 3), 3);
-    // Update: only the write slot changes; the write then goes to `other`, which does not know the handle.
-    upd.pfnWrite = &MemFs::write;
+    upd.pfnWrite = &MemFs::write;  // update only the write slot: writes go to `other`, which does not know the handle
     upd.pWriteUserData = &other;
-    ASSERT_EQ(K_UpdateRedirectFunctions(h, &upd), KS_SUCCESS);
-    EXPECT_EQ(K_RedirectedWrite(h, "d", 1), -1);
-    EXPECT_EQ(other.writes, 1);
-    EXPECT_EQ(K_RedirectedSeek(h, 0, REDIRECT_SEEK_END), 3);  // seek slot kept
-    void* out = nullptr;
-    ASSERT_EQ(K_ExtractRedirectedFileHandle(h, &out, 0), KS_SUCCESS);
-    EXPECT_EQ(out, native);
-    ASSERT_EQ(K_ExtractRedirectedFileHandle(h, &out, 1), KS_SUCCESS);  // release the wrapper
-    EXPECT_EQ(K_RedirectedSeek(h, 0, 0), -1);
-    EXPECT_EQ(fs.openHandles(), 1u);  // native not closed
-    EXPECT_EQ(MemFs::close(native, &fs), 0);
+    expectAll({IS(K_CreateRedirectedFileHandle(nullptr, native, &t), KS_INVALID_PARAMETER),
+               IS(K_CreateRedirectedFileHandle(&h, nullptr, &t), KS_INVALID_PARAMETER),
+               IS(K_CreateRedirectedFileHandle(&h, OMBRIX_INVALID_FILE, &t), KS_INVALID_PARAMETER),
+               IS(K_CreateRedirectedFileHandle(&h, native, &badSize), KS_INVALID_STRUCT_SIZE), IS(h == nullptr, 1),
+               IS(K_CreateRedirectedFileHandle(&h, native, &t), KS_SUCCESS), IS(K_RedirectedWrite(h, "abc", 3), 3),
+               IS(K_UpdateRedirectFunctions(h, &upd), KS_SUCCESS), IS(K_RedirectedWrite(h, "d", 1), -1), IS(other.writes, 1),
+               IS(K_RedirectedSeek(h, 0, REDIRECT_SEEK_END), 3) /* seek slot kept */,
+               IS(K_ExtractRedirectedFileHandle(h, &out, 0), KS_SUCCESS), IS(out == native, 1),
+               IS(K_ExtractRedirectedFileHandle(h, &out, 1), KS_SUCCESS) /* release the wrapper */,
+               IS(K_RedirectedSeek(h, 0, 0), -1), IS(fs.openHandles(), 1) /* native not closed */, IS(MemFs::close(native, &fs), 0)});
 }
 
 // The sink moves no bytes: it records each chunk asked for.
@@ -287,14 +248,14 @@ TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
     char buf[1] = {0};  // never touched by the sink
     const uint32_t c = 0x7FFFFFFu;
     const uint64_t big = 5ull << 30;  // beyond 4 GiB: counted in 64 bits
-    struct Case {
+    const struct {
         bool write;
         uint64_t n, eofAfter;
         long failAt;
         int64_t result;
         std::vector<uint32_t> asks;  // empty with `chunks`: only counted
         size_t chunks;
-    } const cases[] = {
+    } cases[] = {
         {false, 268435456ull, UINT64_MAX, 0, 268435456ll, {c, c, 2u}, 3},
         {true, big, UINT64_MAX, 0, int64_t(big), {}, size_t((big + REDIRECT_CHUNK_BYTES - 1) / REDIRECT_CHUNK_BYTES)},
         {false, 1000, 0, 0, 0, {1000u}, 1},  // end of file at once
@@ -302,7 +263,7 @@ TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
         {false, 1ull << 30, UINT64_MAX, 2, -1, {c, c}, 2},
         {false, 0, UINT64_MAX, 0, 0, {}, 0},
     };
-    for (const Case& k : cases) {
+    for (const auto& k : cases) {
         SCOPED_TRACE(k.n);
         sink = testfs::CountingSink();
         sink.eofAfter = k.eofAfter, sink.failAt = k.failAt;
@@ -325,11 +286,9 @@ TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
     StateGuard guard;
     testfs::ScratchDir dir;
     const std::wstring wdir(dir.path.begin(), dir.path.end()), wname = wdir + L"/caf\u00E9-\u6F22\U0001D11E.bin";
-    HREDIRECTFILE h = K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0);
+    HREDIRECTFILE h = K_RedirectedOpen(wname.c_str(), RW_CREATE, 0);
     ASSERT_NE(h, invalid());
-    EXPECT_EQ(K_RedirectedWrite(h, "pixels", 6), 6);
-    EXPECT_EQ(K_RedirectedGetSize(h), 6);
-    EXPECT_EQ(K_RedirectedClose(h), 0);
+    expectAll({IS(K_RedirectedWrite(h, "pixels", 6), 6), IS(K_RedirectedGetSize(h), 6), IS(K_RedirectedClose(h), 0)});
     // Independent check through the system with the UTF-8 spelling: an ordinary file, not a private one.
     const std::string u8 = dir.path + "/caf\xC3\xA9-\xE6\xBC\xA2\xF0\x9D\x84\x9E.bin";
     struct stat st;
@@ -343,33 +302,24 @@ TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
     EXPECT_EQ(::read(fd, b, 8), 6);
     ::close(fd);
     EXPECT_STREQ(b, "pixels");
-    // The UTF-8 entry point opens the same file.
-    h = K_RedirectedOpenUtf8(u8.c_str(), REDIRECT_OPEN_READ, 0);
+    h = K_RedirectedOpenUtf8(u8.c_str(), REDIRECT_OPEN_READ, 0);  // the UTF-8 entry point opens the same file
     ASSERT_NE(h, invalid());
-    EXPECT_EQ(K_RedirectedSeek(h, -2, REDIRECT_SEEK_END), 4);
-    EXPECT_EQ(K_RedirectedRead(h, b, 8), 2);
-    EXPECT_EQ(K_RedirectedClose(h), 0);
+    expectAll({IS(K_RedirectedSeek(h, -2, REDIRECT_SEEK_END), 4), IS(K_RedirectedRead(h, b, 8), 2), IS(K_RedirectedClose(h), 0)});
     if (sizeof(wchar_t) == 4) {  // malformed wide names fail before reaching the system
-        const std::wstring bad = wdir + L"/x" + wchar_t(0xDC00);
-        EXPECT_EQ(K_RedirectedOpen(bad.c_str(), REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0), invalid());
+        EXPECT_EQ(K_RedirectedOpen((wdir + L"/x" + wchar_t(0xDC00)).c_str(), RW_CREATE, 0), invalid());
     }
     // Exclusive create, truncate and temporary (deleted at once) modes.
-    EXPECT_EQ(K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_WRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_EXCLUSIVE, 0),
-              invalid());
+    EXPECT_EQ(K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_WRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_EXCLUSIVE, 0), invalid());
     h = K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_TRUNCATE, 0);
     ASSERT_NE(h, invalid());
     EXPECT_EQ(K_RedirectedGetSize(h), 0);
     K_RedirectedClose(h);
-    h = K_RedirectedOpen((wdir + L"/gone.tmp").c_str(),
-                         REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_TEMPORARY, 0);
+    h = K_RedirectedOpen((wdir + L"/gone.tmp").c_str(), RW_CREATE | REDIRECT_OPEN_TEMPORARY, 0);
     ASSERT_NE(h, invalid());
-    EXPECT_EQ(::access((dir.path + "/gone.tmp").c_str(), F_OK), -1);
-    EXPECT_EQ(K_RedirectedWrite(h, "abc", 3), 3);  // still usable
-    K_RedirectedClose(h);
-    EXPECT_EQ(K_OsOpen(wname.c_str(), 0, 0, nullptr), OMBRIX_INVALID_FILE);  // no access bits
-    EXPECT_EQ(std::vector<int64_t>({K_OsRead(nullptr, b, 1, nullptr), K_OsSeek(OMBRIX_INVALID_FILE, 0, 0, nullptr),
-                                    K_OsSeek(OMBRIX_OS_HANDLE(0), 0, 7, nullptr)}),
-              std::vector<int64_t>(3, -1));
+    expectAll({IS(::access((dir.path + "/gone.tmp").c_str(), F_OK), -1), IS(K_RedirectedWrite(h, "abc", 3), 3) /* still usable */,
+               IS(K_RedirectedClose(h), 0), IS(K_OsOpen(wname.c_str(), 0, 0, nullptr) == OMBRIX_INVALID_FILE, 1) /* no access bits */,
+               IS(K_OsRead(nullptr, b, 1, nullptr), -1), IS(K_OsSeek(OMBRIX_INVALID_FILE, 0, 0, nullptr), -1),
+               IS(K_OsSeek(OMBRIX_OS_HANDLE(0), 0, 7, nullptr), -1)});
     const int full = ::open("/dev/full", O_WRONLY);  // a full disk is a short write
     if (full >= 0) {
         EXPECT_LE(K_OsWrite(OMBRIX_OS_HANDLE(full), b, sizeof b, nullptr), 0);
@@ -386,31 +336,26 @@ TEST(RedirectNames, NameCarriesTheTableAndTheInnerName) {
     const std::wstring name = makeName(t, L"dir/page 1.tif");
     ASSERT_EQ(name.rfind(REDIRECT_NAME_PREFIX, 0), 0u);
     std::vector<wchar_t> exact(name.size() + 1);  // room for the terminator, and one less
-    EXPECT_EQ(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(exact.size())), KS_SUCCESS);
-    EXPECT_EQ(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(name.size())), KS_BUFFER_TOO_SMALL);
     uint32_t start = 0;
-    ASSERT_EQ(K_DecodeRedirectName(name.c_str(), &d, &start), KS_SUCCESS);
-    EXPECT_EQ(std::memcmp(&d, &t, sizeof t), 0);
-    EXPECT_EQ(name.substr(start), L"dir/page 1.tif");
+    expectAll({IS(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(exact.size())), KS_SUCCESS),
+               IS(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(name.size())), KS_BUFFER_TOO_SMALL),
+               IS(K_DecodeRedirectName(name.c_str(), &d, &start), KS_SUCCESS), IS(std::memcmp(&d, &t, sizeof t), 0),
+               IS(name.substr(start) == L"dir/page 1.tif", 1)});
     // The thread's table is the default layer; the name alone routes the file.
-    HREDIRECTFILE h = K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0);
+    HREDIRECTFILE h = K_RedirectedOpen(name.c_str(), RW_CREATE, 0);
     ASSERT_NE(h, invalid());
-    EXPECT_EQ(fs.openNames.back(), L"dir/page 1.tif");
-    EXPECT_EQ(K_RedirectedWrite(h, "data", 4), 4);
-    EXPECT_EQ(K_RedirectedClose(h), 0);
-    EXPECT_EQ(fs.files[L"dir/page 1.tif"].size(), 4u);
-    // The UTF-8 entry point too; an empty inner name is allowed.
-    char u8[1024];
+    expectAll({IS(fs.openNames.back() == L"dir/page 1.tif", 1), IS(K_RedirectedWrite(h, "data", 4), 4), IS(K_RedirectedClose(h), 0),
+               IS(fs.files[L"dir/page 1.tif"].size(), 4)});
+    char u8[1024];  // the UTF-8 entry point too; an empty inner name is allowed
     ASSERT_EQ(K_WideToUtf8(makeName(t, nullptr).c_str(), -1, u8, sizeof u8, nullptr), KS_SUCCESS);
-    h = K_RedirectedOpenUtf8(u8, REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE, 0);
+    h = K_RedirectedOpenUtf8(u8, RW_CREATE, 0);
     ASSERT_NE(h, invalid());
     EXPECT_EQ(fs.openNames.back(), L"");
     K_RedirectedClose(h);
 }
 
-// Every single-character change of a made name's encoded part fails to
-// decode and opening it reaches no table (the names fuzz target edits and
-// cuts names at random); hand-made names with plausible fields are refused.
+// Every single-character change of a made name's encoded part fails to decode and opening it reaches no
+// table (the names fuzz target edits and cuts names at random); hand-made names with plausible fields are refused.
 TEST(RedirectNames, DamagedNamesDoNotDecodeAndCallNothing) {
     MemFs fs;
     const std::wstring name = makeName(fs.table(), L"x");
@@ -427,32 +372,26 @@ TEST(RedirectNames, DamagedNamesDoNotDecodeAndCallNothing) {
             EXPECT_EQ(K_RedirectedOpen(m.c_str(), REDIRECT_OPEN_READ, 0), invalid());
             ++changed;
         }
-    EXPECT_GT(changed, 300);
-    EXPECT_EQ(fs.opens, 0);
     const wchar_t* forged = L"ORVARedirect://1.0.1.0.1.0.1.0.1.0.1.0.0.0.0.0.0123456789abcdef/a";
-    EXPECT_EQ(K_DecodeRedirectName(forged, &d, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_RedirectedOpen(forged, REDIRECT_OPEN_READ, 0), invalid());
+    expectAll({IS(changed > 300, 1), IS(fs.opens, 0), IS(K_DecodeRedirectName(forged, &d, nullptr), KS_INVALID_PARAMETER),
+               IS(K_RedirectedOpen(forged, REDIRECT_OPEN_READ, 0) == invalid(), 1)});
 }
 
 // ---------------------------------------------------------------- buffer file
-// Reads, writes, seeks and the content against a model: the buffer fuzz
-// target. Here: the big transfer on a fixed buffer, the table, arguments.
+// Reads, writes, seeks and the content against a model: the buffer fuzz target. Here: the big transfer on
+// a fixed buffer (the table's size slot cannot pass the fixed size either), the table, arguments.
 TEST(RedirectBuffer, FixedBufferGivesShortBigWrites) {
     HREDIRECTBUFFER b = nullptr;
     HREDIRECTFILE f = nullptr;
     ASSERT_EQ(K_StartRedirectToBuffer(&b, &f, REDIRECTBUF_FIXED, nullptr, 100, 0), KS_SUCCESS);
     std::vector<char> d(250, 'q');
-    EXPECT_EQ(K_RedirectedWrite(f, d.data(), 60), 60);
-    EXPECT_EQ(K_RedirectedWriteBig(f, d.data(), 250), 40);
-    EXPECT_EQ(K_RedirectedSeek(f, -1, REDIRECT_SEEK_SET), -1);
-    K_RedirectedClose(f);
-    REDIRECTRECORD t = blank();  // the table's size slot cannot pass the fixed size either
-    ASSERT_EQ(K_GetRedirectBufferTable(b, &t), KS_SUCCESS);
-    EXPECT_EQ(t.pfnSetSize(t.pSetSizeUserData, 101, t.pSetSizeUserData), -1);
-    EXPECT_EQ(t.pfnSetSize(t.pSetSizeUserData, 100, t.pSetSizeUserData), 0);
+    REDIRECTRECORD t = blank();
     uint64_t size = 0;
-    ASSERT_EQ(K_StopRedirectToBuffer(b, nullptr, &size), KS_SUCCESS);
-    EXPECT_EQ(size, 100u);
+    expectAll({IS(K_RedirectedWrite(f, d.data(), 60), 60), IS(K_RedirectedWriteBig(f, d.data(), 250), 40),
+               IS(K_RedirectedSeek(f, -1, REDIRECT_SEEK_SET), -1), IS(K_RedirectedClose(f), 0),
+               IS(K_GetRedirectBufferTable(b, &t), KS_SUCCESS), IS(t.pfnSetSize(t.pSetSizeUserData, 101, t.pSetSizeUserData), -1),
+               IS(t.pfnSetSize(t.pSetSizeUserData, 100, t.pSetSizeUserData), 0),
+               IS(K_StopRedirectToBuffer(b, nullptr, &size), KS_SUCCESS), IS(size, 100)});
 }
 
 TEST(RedirectBuffer, TableInANameAndInstalledSendsOutputToTheBuffer) {
@@ -463,72 +402,402 @@ TEST(RedirectBuffer, TableInANameAndInstalledSendsOutputToTheBuffer) {
     ASSERT_EQ(K_GetRedirectBufferTable(b, &t), KS_SUCCESS);
     HREDIRECTFILE f = K_RedirectedOpen(makeName(t, L"out.bin").c_str(), REDIRECT_OPEN_WRITE | REDIRECT_OPEN_CREATE, 0);
     ASSERT_NE(f, invalid());
-    EXPECT_EQ(K_RedirectedWrite(f, "first", 5), 5);
-    EXPECT_EQ(K_RedirectedClose(f), 0);
-    // Installed for the thread: any open lands in the buffer; truncate empties it.
-    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
+    expectAll({IS(K_RedirectedWrite(f, "first", 5), 5), IS(K_RedirectedClose(f), 0), IS(install(t), KS_SUCCESS)});
+    // Installed for the thread: any open lands in the buffer; truncate empties it; the gap reads as zeros.
     f = K_RedirectedOpen(L"anything", REDIRECT_OPEN_READWRITE, 0);
     char r[8] = {};
-    EXPECT_EQ(K_RedirectedRead(f, r, 8), 5);
-    EXPECT_STREQ(r, "first");
-    K_RedirectedClose(f);
+    expectAll({IS(K_RedirectedRead(f, r, 8), 5), IS(std::string(r) == "first", 1), IS(K_RedirectedClose(f), 0)});
     f = K_RedirectedOpen(L"anything", REDIRECT_OPEN_WRITE | REDIRECT_OPEN_TRUNCATE, 0);
-    EXPECT_EQ(K_RedirectedSeek(f, 3, REDIRECT_SEEK_SET), 3);
-    EXPECT_EQ(K_RedirectedWrite(f, "Z", 1), 1);  // the gap reads as zeros
-    K_RedirectedClose(f);
     const void* data;
     uint64_t size;
-    ASSERT_EQ(K_GetRedirectBufferData(b, &data, &size), KS_SUCCESS);
-    ASSERT_EQ(size, 4u);
-    EXPECT_EQ(std::memcmp(data, "\0\0\0Z", 4), 0);
     HGLOBAL out = nullptr;
-    ASSERT_EQ(K_StopRedirectToBuffer(b, &out, nullptr), KS_SUCCESS);
-    K_GlobalFree(out);
-    // The stopped buffer's functions refuse to work (the table outlives it).
-    EXPECT_EQ(K_RedirectedOpen(L"anything", REDIRECT_OPEN_READ, 0), invalid());
+    expectAll({IS(K_RedirectedSeek(f, 3, REDIRECT_SEEK_SET), 3), IS(K_RedirectedWrite(f, "Z", 1), 1), IS(K_RedirectedClose(f), 0),
+               IS(K_GetRedirectBufferData(b, &data, &size), KS_SUCCESS), IS(size, 4), IS(std::memcmp(data, "\0\0\0Z", 4), 0),
+               IS(K_StopRedirectToBuffer(b, &out, nullptr), KS_SUCCESS), IS(K_GlobalFree(out) == nullptr, 1),
+               // The stopped buffer's functions refuse to work (the table outlives it).
+               IS(K_RedirectedOpen(L"anything", REDIRECT_OPEN_READ, 0) == invalid(), 1)});
 }
 
 TEST(RedirectBuffer, ArgumentsEmptyContentAndAllocationFailures) {
     HREDIRECTBUFFER b = nullptr;
     HREDIRECTFILE f = nullptr;
-    EXPECT_EQ(K_StartRedirectToBuffer(nullptr, nullptr, 0, nullptr, 0, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StartRedirectToBuffer(&b, nullptr, 0x80, nullptr, 0, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(b, nullptr);
-    ASSERT_EQ(K_StartRedirectToBuffer(&b, &f, 0, nullptr, 0, 0), KS_SUCCESS);
-    K_RedirectedClose(f);
     REDIRECTRECORD t{};
-    EXPECT_EQ(K_GetRedirectBufferTable(b, &t), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_GetRedirectBufferTable(b, nullptr), KS_NULL_POINTER);
     HGLOBAL out = reinterpret_cast<HGLOBAL>(1);
     uint64_t size = 7;
-    ASSERT_EQ(K_StopRedirectToBuffer(b, &out, &size), KS_SUCCESS);
-    EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StopRedirectToBuffer(nullptr, nullptr, nullptr), KS_INVALID_PARAMETER);
+    expectAll({IS(K_StartRedirectToBuffer(nullptr, nullptr, 0, nullptr, 0, 0), KS_INVALID_PARAMETER),
+               IS(K_StartRedirectToBuffer(&b, nullptr, 0x80, nullptr, 0, 0), KS_INVALID_PARAMETER), IS(b == nullptr, 1),
+               IS(K_StartRedirectToBuffer(&b, &f, 0, nullptr, 0, 0), KS_SUCCESS), IS(K_RedirectedClose(f), 0),
+               IS(K_GetRedirectBufferTable(b, &t), KS_INVALID_STRUCT_SIZE), IS(K_GetRedirectBufferTable(b, nullptr), KS_NULL_POINTER),
+               IS(K_StopRedirectToBuffer(b, &out, &size), KS_SUCCESS), IS(out == nullptr, 1), IS(size, 0),
+               IS(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_INVALID_PARAMETER),
+               IS(K_StopRedirectToBuffer(nullptr, nullptr, nullptr), KS_INVALID_PARAMETER)});
     // Every allocation of the start fails in turn (the registries are warm from above).
-    const long base = krn::faultinject::liveBlocks();
+    const long base = fi::liveBlocks();
     int failures = 0;
     for (long n = 0; n < 20; ++n) {
         b = nullptr;
-        krn::faultinject::arm(n, 1);
+        fi::arm(n, 1);
         const int32_t rc = K_StartRedirectToBuffer(&b, &f, 0, nullptr, 64, 0);
-        const bool injected = krn::faultinject::injected() > 0;
-        krn::faultinject::disarm();
+        const bool injected = fi::injected() > 0;
+        fi::disarm();
         if (rc == KS_SUCCESS) {
-            EXPECT_FALSE(injected);
-            EXPECT_EQ(K_RedirectedWrite(f, "abc", 3), 3);
-            EXPECT_EQ(K_RedirectedClose(f), 0);
-            EXPECT_EQ(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_SUCCESS);
+            expectAll({IS(injected, 0), IS(K_RedirectedWrite(f, "abc", 3), 3), IS(K_RedirectedClose(f), 0),
+                       IS(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_SUCCESS)});
             break;
         }
         ++failures;
-        EXPECT_EQ(rc, KS_NO_MEMORY);
-        EXPECT_EQ(b, nullptr);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), base) << "step " << n;
+        EXPECT_TRUE(rc == KS_NO_MEMORY && b == nullptr && fi::liveBlocks() == base) << "step " << n;
     }
     EXPECT_GE(failures, 2);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    EXPECT_EQ(fi::liveBlocks(), base);
+}
+
+// ---------------------------------------------------------------- temporary files
+Bytes randomBytes(size_t n, uint32_t seed) {
+    std::mt19937 rng(seed);
+    Bytes v(n);
+    for (auto& b : v) b = uint8_t(rng());
+    return v;
+}
+void setOptions(uint32_t flags, uint32_t maxMiB = 0) {
+    TEMPFILEOPTIONS o{};
+    K_GetTempFileOptions(&o, TEMPFILEOPTIONS_SIZE);
+    o.uFlags = flags, o.uMaxFileMiB = maxMiB;
+    ASSERT_EQ(K_SetTempFileOptions(&o), KS_SUCCESS);
+}
+Owned create() {
+    TempFile* f = nullptr;
+    EXPECT_EQ(krn::tempCreate(&f), KS_SUCCESS);
+    return Owned(f);
+}
+Bytes readBack(TempFile* f, uint64_t off, size_t n) {
+    Bytes b(n, 0xEE);
+    EXPECT_EQ(krn::tempRead(f, off, b.data(), n), KS_SUCCESS);
+    return b;
+}
+
+class TempFileBoth : public ::testing::TestWithParam<bool> {};
+
+// Anonymous and named files: scattered overlapping writes against a plain model, reads past the end, sparse
+// growth past 4 and 8 GiB, shrinking, and a mapped window that agrees with positioned I/O; no name in the folder.
+TEST_P(TempFileBoth, PositionedIoSizeAndMappingAgreeWithAModel) {
+    StateGuard guard;
+    ScratchDir dir;
+    setOptions(GetParam() ? TEMPFILE_OPT_NAMED : 0);
+    ASSERT_EQ(K_SetTempDirectoryUtf8(dir.path.c_str()), KS_SUCCESS);
+    Owned own = create();
+    TempFile* f = own.get();
+    ASSERT_NE(f, nullptr);
+    EXPECT_TRUE(!krn::tempIsRedirected(f) && dir.entries().empty());
+    Bytes model(300000, 0), back(model.size());
+    std::mt19937 rng(7);
+    for (int i = 0; i < 200; ++i) {
+        const size_t off = rng() % 290000, n = std::min<size_t>(1 + rng() % 10000, model.size() - off);
+        auto bytes = randomBytes(n, uint32_t(i));
+        ASSERT_EQ(krn::tempWrite(f, off, bytes.data(), n), KS_SUCCESS);
+        std::memcpy(model.data() + off, bytes.data(), n);
+    }
+    ASSERT_EQ(krn::tempSetSize(f, model.size()), KS_SUCCESS);
+    EXPECT_TRUE(krn::tempSize(f) == int64_t(model.size()) && readBack(f, 0, model.size()) == model);
+    EXPECT_EQ(krn::tempRead(f, 0, back.data(), model.size() + 1), KS_FILE_READ);  // one byte beyond the end
+    EXPECT_EQ(krn::tempRead(f, model.size(), back.data(), 1), KS_FILE_READ);
+    // A mapped window (not page aligned, growing the file) and positioned I/O see the same bytes.
+    const uint64_t off = 3 * 4096 + 123 + model.size();
+    const size_t n = 50000;
+    krn::TempMapping m, r;
+    ASSERT_EQ(krn::tempMap(f, off, n, true, &m), KS_SUCCESS);
+    EXPECT_GE(krn::tempSize(f), int64_t(off + n));
+    auto a = randomBytes(n, 11), b = randomBytes(1000, 12);
+    std::memcpy(m.data, a.data(), n);
+    EXPECT_EQ(readBack(f, off, n), a);
+    ASSERT_EQ(krn::tempWrite(f, off + 777, b.data(), b.size()), KS_SUCCESS);
+    EXPECT_EQ(std::memcmp(m.data + 777, b.data(), b.size()), 0);
+    krn::tempUnmap(&m);
+    EXPECT_EQ(m.data, nullptr);
+    krn::tempUnmap(&m);  // twice is harmless
+    ASSERT_EQ(krn::tempMap(f, off + 777, b.size(), false, &r), KS_SUCCESS);
+    EXPECT_EQ(std::memcmp(r.data, b.data(), b.size()), 0);
+    krn::tempUnmap(&r);
+    EXPECT_EQ(krn::tempMap(f, uint64_t(krn::tempSize(f)) - 10, 11, false, &r), KS_FILE_READ);
+    EXPECT_EQ(krn::tempMap(f, 0, 0, false, &r), KS_INVALID_PARAMETER);
+    // Sparse growth reads zeros; above 4 GiB; shrinking keeps the head.
+    const uint64_t g4 = uint64_t(1) << 32, g8 = uint64_t(1) << 33;
+    const Bytes hi = {9, 8, 7, 6};
+    ASSERT_EQ(krn::tempSetSize(f, g8), KS_SUCCESS);
+    EXPECT_TRUE(krn::tempSize(f) == int64_t(g8) && readBack(f, g8 - 16, 16) == Bytes(16, 0));
+    ASSERT_EQ(krn::tempWrite(f, g4 + 5, hi.data(), 4), KS_SUCCESS);
+    EXPECT_EQ(readBack(f, g4 + 5, 4), hi);
+    ASSERT_EQ(krn::tempSetSize(f, 2), KS_SUCCESS);
+    EXPECT_TRUE(krn::tempSize(f) == 2 && readBack(f, 0, 2) == Bytes(model.begin(), model.begin() + 2));
+    own.reset();
+    EXPECT_TRUE(dir.entries().empty());
+}
+INSTANTIATE_TEST_SUITE_P(AnonymousAndNamed, TempFileBoth, ::testing::Values(false, true));
+
+// The size limit: exact at the edge, a mapping stops there too; the built-in table's files get a short
+// write; through a caller's table there is no mapping.
+TEST(TempFile, SizeLimitActsAsFullDisk) {
+    StateGuard guard;
+    setOptions(0, 1);
+    Owned f = create();
+    Bytes data(4096, 0x5A);
+    krn::TempMapping m, m2;
+    expectAll({IS(krn::tempMaxFileBytes(), 1 << 20), IS(krn::tempWrite(f.get(), (1 << 20) - 4096, data.data(), 4096), KS_SUCCESS),
+               IS(krn::tempWrite(f.get(), (1 << 20) - 4095, data.data(), 4096), KS_FILE_WRITE),
+               IS(krn::tempWrite(f.get(), uint64_t(1) << 40, data.data(), 1), KS_FILE_WRITE),
+               IS(krn::tempSetSize(f.get(), (1 << 20) + 1), KS_FILE_WRITE), IS(krn::tempSetSize(f.get(), 1 << 20), KS_SUCCESS),
+               IS(krn::tempMap(f.get(), 1 << 20, 1, true, &m), KS_FILE_WRITE), IS(m.data == nullptr, 1),
+               IS(krn::tempMap(f.get(), 0, 1 << 20, true, &m2), KS_SUCCESS)});
+    krn::tempUnmap(&m2);
+    void* h = K_RedirectedTempFileOpen(nullptr, 0, 0, nullptr);
+    ASSERT_NE(h, OMBRIX_INVALID_FILE);
+    std::vector<char> d(1 << 20, 'a');
+    MemFs fs;
+    expectAll({IS(K_RedirectedTempFileWrite(h, d.data(), uint32_t(d.size() - 10), nullptr), d.size() - 10),
+               IS(K_RedirectedTempFileWrite(h, d.data(), 100, nullptr), 10), IS(K_RedirectedTempFileWrite(h, d.data(), 100, nullptr), 0),
+               IS(K_RedirectedTempFileClose(h, nullptr), 0), IS(fs.install(), KS_SUCCESS),
+               IS(krn::tempMap(create().get(), 0, 10, true, &m), KS_NOT_SUPPORTED)});
+}
+
+// A real short write from the system: the file-size resource limit stops writes part way, as a full disk
+// does (EFBIG instead of ENOSPC).
+TEST(TempFile, SystemShortWriteIsReported) {
+    StateGuard guard;
+    struct rlimit old;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
+    void (*oldSig)(int) = signal(SIGXFSZ, SIG_IGN);
+    Owned f = create();
+    struct rlimit lim = old;
+    lim.rlim_cur = 65536;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &lim), 0);
+    Bytes d(100000, 0x33);
+    krn::TempMapping m;
+    const int64_t partial = krn::tempWrite(f.get(), 0, d.data(), d.size()), within = krn::tempWrite(f.get(), 0, d.data(), 65536),
+                  grow = krn::tempSetSize(f.get(), 1 << 20), map = krn::tempMap(f.get(), 60000, 10000, true, &m);
+    HREDIRECTFILE h = K_RedirectedOpen(L"/tmp/ombrix_fsize_probe",
+                                       REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_TEMPORARY, 0);
+    const int64_t big = K_RedirectedWriteBig(h, d.data(), d.size());  // the bytes that fitted, then the loop stops
+    K_RedirectedClose(h);
+    setrlimit(RLIMIT_FSIZE, &old);
+    signal(SIGXFSZ, oldSig);
+    expectAll({IS(partial, KS_FILE_WRITE), IS(within, KS_SUCCESS), IS(grow, KS_FILE_WRITE), IS(map, KS_FILE_WRITE), IS(big, 65536)});
+    krn::tempUnmap(&m);
+}
+
+// Mode 0 is stored as 2; mode 3 keeps everything off the disk unless a caller's table decides; -1 keeps the
+// mode and replaces the other words; refusals change nothing.
+TEST(TempFile, ModeOptionsAndMode3) {
+    StateGuard guard;
+    TEMPFILEOPTIONS o{TEMPFILEOPTIONS_SIZE, 0, 0, 0, {11, 22}}, back{};
+    TempFile* f = nullptr;
+    MemFs fs;
+    expectAll({IS(K_SetTempFileOptions(&o), KS_SUCCESS), IS(K_GetTempFileMode(), 2), IS(krn::tempDiskAllowed(), 1),
+               IS((o.nMode = 3, K_SetTempFileOptions(&o)), KS_SUCCESS), IS(krn::tempFileMode(), 3), IS(krn::tempDiskAllowed(), 0),
+               IS(krn::tempCreate(&f), KS_NOT_SUPPORTED), IS(K_RedirectedTempFileOpen(nullptr, 0, 0, nullptr) == OMBRIX_INVALID_FILE, 1),
+               IS(fs.install(), KS_SUCCESS), IS(bool(create()), 1), IS(fs.uninstall(), KS_SUCCESS),
+               IS((o.nMode = -1, o.uReserved[0] = 33, K_SetTempFileOptions(&o)), KS_SUCCESS),
+               IS(K_GetTempFileOptions(&back, TEMPFILEOPTIONS_SIZE), KS_SUCCESS), IS(back.nMode, 3), IS(back.uReserved[0], 33),
+               IS(back.uReserved[1], 22), IS(back.uStructSize, TEMPFILEOPTIONS_SIZE),
+               IS((o.nMode = 4, K_SetTempFileOptions(&o)), KS_INVALID_PARAMETER),
+               IS((o.nMode = 1, o.uStructSize = 20, K_SetTempFileOptions(&o)), KS_INVALID_STRUCT_SIZE),
+               IS(K_GetTempFileOptions(&back, 28), KS_INVALID_STRUCT_SIZE), IS(K_GetTempFileMode(), 3)});
+}
+
+// ---------------------------------------------------------------- through a table
+struct TableTemp : ::testing::Test {  // a memory file system as the thread's table; the folder is its business
+    StateGuard guard;
+    MemFs fs;
+    void SetUp() override {
+        ASSERT_EQ(fs.install(), KS_SUCCESS);
+        ASSERT_EQ(K_SetTempDirectoryUtf8("/nowhere/at/all"), KS_SUCCESS);
+    }
+};
+
+TEST_F(TableTemp, RoundTripGoesThroughTableAndDeletesOnClose) {
+    Owned f = create();
+    ASSERT_EQ(fs.opens, 1);
+    const uint32_t want = REDIRECT_OPEN_TEMPORARY | REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE;
+    const std::wstring& name = fs.openNames[0], prefix = L"/nowhere/at/all/QX";  // the folder, QX, 8 hex digits, .tmp
+    auto a = randomBytes(70000, 1);
+    Bytes want2(100000, 0);
+    std::copy(a.begin(), a.end(), want2.begin() + 20000);
+    expectAll({IS(krn::tempIsRedirected(f.get()), 1), IS(fs.openModes[0] & want, want), IS(name.rfind(prefix, 0), 0),
+               IS(name.size(), prefix.size() + 8 + 4), IS(name.substr(name.size() - 4) == L".tmp", 1),
+               IS(krn::tempSetSize(f.get(), 100000), KS_SUCCESS), IS(krn::tempWrite(f.get(), 20000, a.data(), a.size()), KS_SUCCESS),
+               IS(readBack(f.get(), 0, 100000) == want2, 1), IS(krn::tempSize(f.get()), 100000), IS(fs.files.size(), 1),
+               IS((f.reset(), fs.closes), 1), IS(fs.files.empty(), 1), IS(fs.openHandles(), 0)});
+}
+
+// Each failing call maps to its code; a short write (the medium is full) is an error, not silence.
+TEST_F(TableTemp, FailuresMapToTheirCodes) {
+    fs.failOpenAt = 1;
+    TempFile* raw = nullptr;
+    EXPECT_TRUE(krn::tempCreate(&raw) == KS_FILE_OPEN && raw == nullptr);
+    Owned own = create();
+    TempFile* f = own.get();
+    uint8_t b[64] = {};
+    Bytes d(600, 1);
+    expectAll({IS((fs.failWriteAt = fs.writes + 1, krn::tempWrite(f, 0, b, sizeof b)), KS_FILE_WRITE),
+               IS(krn::tempWrite(f, 0, b, sizeof b), KS_SUCCESS),
+               IS((fs.failReadAt = fs.reads + 1, krn::tempRead(f, 0, b, sizeof b)), KS_FILE_READ),
+               IS(krn::tempRead(f, 0, b, sizeof b), KS_SUCCESS),
+               IS((fs.failSeekAt = fs.seeks + 1, krn::tempRead(f, 0, b, sizeof b)), KS_FILE_SEEK),
+               IS((fs.failSeekAt = fs.seeks + 1, krn::tempWrite(f, 0, b, sizeof b)), KS_FILE_SEEK),
+               IS(krn::tempRead(f, 0, b, sizeof b), KS_SUCCESS), IS((fs.capacity = 1000, krn::tempWrite(f, 0, d.data(), 600)), KS_SUCCESS),
+               IS(krn::tempWrite(f, 600, d.data(), 600), KS_FILE_WRITE) /* 400 fit */, IS(krn::tempSetSize(f, 5000), KS_FILE_WRITE)});
+}
+
+// Short reads are completed; a table without size slots grows the file by writing its last byte and cannot cut it.
+TEST_F(TableTemp, PartialReadsAreCompletedAndNoSizeSlotsExtendByOneByte) {
+    fs.readLimitPerCall = 7;
+    Owned f = create();
+    auto a = randomBytes(1000, 3);
+    ASSERT_EQ(krn::tempWrite(f.get(), 0, a.data(), a.size()), KS_SUCCESS);
+    EXPECT_TRUE(readBack(f.get(), 0, 1000) == a && fs.reads >= 1000 / 7);
+    REDIRECTRECORD t = fs.table();
+    t.pfnSize = nullptr, t.pfnSetSize = nullptr;
+    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
+    f = create();
+    expectAll({IS(krn::tempSetSize(f.get(), 12345), KS_SUCCESS), IS(krn::tempSize(f.get()), 12345), IS(fs.writeAsks.back(), 1),
+               IS(krn::tempSetSize(f.get(), 100), KS_FILE_WRITE), IS(krn::tempSetSize(f.get(), 12345), KS_SUCCESS)});
+}
+
+// The built-in temporary-file table in force must not lead the kernel's own temporary files round in a
+// circle; through a handle it is a positioned file, deleted on close, dead afterwards for every function.
+TEST(TempFile, BuiltInTableDoesNotRecurseAndIsAPositionedFile) {
+    StateGuard guard;
+    ScratchDir dir;
+    ASSERT_EQ(K_SetTempDirectoryUtf8(dir.path.c_str()), KS_SUCCESS);
+    REDIRECTRECORD t{};
+    ASSERT_EQ(K_GetRedirectFunctions(&t, REDIRECTRECORD_SIZE, REDIRECT_GET_TEMPFILE, 0), KS_SUCCESS);
+    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
+    Owned f = create();
+    const Bytes x = {1, 2, 3};
+    EXPECT_EQ(krn::tempWrite(f.get(), 10, x.data(), 3), KS_SUCCESS);
+    EXPECT_EQ(readBack(f.get(), 10, 3), x);
+    void* native = t.pfnOpen(L"IMG", 0, 0, nullptr);
+    ASSERT_NE(native, OMBRIX_INVALID_FILE);
+    EXPECT_TRUE(dir.entries().empty());
+    HREDIRECTFILE h = nullptr;
+    char b[4] = {};
+    int junk[8] = {};
+    expectAll({IS(K_CreateRedirectedFileHandle(&h, native, &t), KS_SUCCESS), IS(K_RedirectedWrite(h, "0123456789", 10), 10),
+               IS(K_RedirectedSeek(h, 2, REDIRECT_SEEK_SET), 2), IS(K_RedirectedRead(h, b, 3), 3), IS(std::string(b) == "234", 1),
+               IS(K_RedirectedSeek(h, -1, REDIRECT_SEEK_END), 9), IS(K_RedirectedSeek(h, -20, REDIRECT_SEEK_CUR), -1),
+               IS(K_RedirectedRead(h, b, 3), 1), IS(K_RedirectedRead(h, b, 3), 0) /* end of file */,
+               IS(K_RedirectedTempFileWriteBig(native, "abcdef", 6, nullptr), 6), IS(K_RedirectedGetSize(h), 16),
+               IS(K_RedirectedTempFileSetSize(native, 4, nullptr), 0), IS(K_RedirectedTempFileSize(native, nullptr), 4),
+               IS(K_RedirectedClose(h), 0), IS(K_RedirectedTempFileRead(native, b, 1, nullptr), -1),
+               IS(K_RedirectedTempFileClose(native, nullptr), -1), IS(K_RedirectedTempFileWrite(junk, b, 1, nullptr), -1),
+               IS(K_RedirectedTempFileSeek(nullptr, 0, 0, nullptr), -1)});
+}
+
+TEST(TempFile, ThreadsWriteDisjointRangesOfOneFile) {
+    StateGuard guard;
+    Owned own = create();
+    TempFile* f = own.get();
+    constexpr int kThreads = 4, kBlocks = 64, kBlock = 4096;
+    std::vector<std::thread> ts;
+    for (int t = 0; t < kThreads; ++t)
+        ts.emplace_back([=] {
+            for (int i = t; i < kBlocks; i += kThreads) {
+                const Bytes b(kBlock, uint8_t(i * 3 + 1));
+                EXPECT_EQ(krn::tempWrite(f, uint64_t(i) * kBlock, b.data(), kBlock), KS_SUCCESS);
+            }
+        });
+    for (auto& t : ts) t.join();
+    const Bytes all = readBack(f, 0, size_t(kBlocks) * kBlock);
+    for (int i = 0; i < kBlocks; ++i)
+        for (int k = 0; k < kBlock; k += 511) ASSERT_EQ(all[size_t(i) * kBlock + k], uint8_t(i * 3 + 1));
+}
+
+TEST(TempFile, AllocationFailureLeavesNothingBehind) {
+    StateGuard guard;
+    create();  // warm
+    const long blocks = krn::faultinject::liveBlocks();
+    const int fds = testfs::openFdCount();
+    TempFile* f = nullptr;
+    krn::faultinject::arm(0, 1);
+    EXPECT_EQ(krn::tempCreate(&f), KS_NO_MEMORY);
+    krn::faultinject::disarm();
+    EXPECT_TRUE(f == nullptr && krn::faultinject::liveBlocks() == blocks && testfs::openFdCount() == fds);
+}
+
+// ---------------------------------------------------------------- names and folder
+bool isHexName(const std::string& leaf, const std::string& prefix) {
+    if (leaf.size() != prefix.size() + 12 || leaf.rfind(prefix, 0) != 0 || leaf.substr(leaf.size() - 4) != ".tmp") return false;
+    return std::all_of(leaf.begin() + long(prefix.size()), leaf.end() - 4, [](unsigned char c) { return isxdigit(c) != 0; });
+}
+
+TEST(RedirectTempNames, UniqueNamesAreCreatedAndDistinct) {
+    StateGuard guard;
+    ScratchDir dir;
+    ASSERT_EQ(K_SetTempDirectoryUtf8((dir.path + "/").c_str()), KS_SUCCESS);  // trailing slash dropped
+    std::set<std::string> names;
+    for (int i = 0; i < 200; ++i) {
+        char n[OMBRIX_TEMP_NAME_CHARS];
+        ASSERT_EQ(K_GetTempFileNameUtf8(n, nullptr), KS_SUCCESS);
+        const std::string s = n;
+        ASSERT_EQ(s.rfind(dir.path + "/", 0), 0u) << s;
+        EXPECT_TRUE(isHexName(s.substr(dir.path.size() + 1), "QX")) << s;
+        struct stat st;
+        ASSERT_EQ(::stat(n, &st), 0);  // the name is taken, by a private file
+        EXPECT_EQ(st.st_mode & 0777, 0600u);
+        names.insert(s);
+    }
+    EXPECT_TRUE(names.size() == 200u && dir.entries().size() == 200u);
+    wchar_t w[OMBRIX_TEMP_NAME_CHARS];
+    char u8[OMBRIX_TEMP_NAME_CHARS * 4];
+    ASSERT_EQ(K_GetTempFileName(w, L"AB"), KS_SUCCESS);
+    ASSERT_EQ(K_WideToUtf8(w, -1, u8, sizeof u8, nullptr), KS_SUCCESS);
+    EXPECT_TRUE(isHexName(std::string(u8).substr(dir.path.size() + 1), "AB")) << u8;
+    expectAll({IS(K_DeleteTempFile(w), KS_SUCCESS), IS(K_DeleteTempFile(w), KS_FILE_NOT_FOUND),
+               IS(K_DeleteTempFileUtf8(names.begin()->c_str()), KS_SUCCESS), IS(K_DeleteTempFile(nullptr), KS_INVALID_PARAMETER)});
+}
+
+TEST(RedirectTempNames, NumberedNamesCreateNothingAndBadFolders) {
+    StateGuard guard;
+    ScratchDir dir;
+    ASSERT_EQ(K_SetTempDirectoryUtf8(dir.path.c_str()), KS_SUCCESS);
+    char a[OMBRIX_TEMP_NAME_CHARS], b[OMBRIX_TEMP_NAME_CHARS];
+    wchar_t w[OMBRIX_TEMP_NAME_CHARS];
+    expectAll({IS(K_GetTempFileNameNumberedUtf8(a, "QX", 0xBEEF), KS_SUCCESS), IS(K_GetTempFileNameNumberedUtf8(b, "QX", 0xBEEF), KS_SUCCESS),
+               IS(std::string(a) == b, 1), IS(std::string(a) == dir.path + "/QX0000BEEF.tmp", 1), IS(dir.entries().empty(), 1),
+               IS(K_GetTempFileNameNumbered(w, L"Z", 1), KS_SUCCESS), IS(std::wstring(w).find(L"/Z00000001.tmp"), wcslen(w) - 14),
+               IS(K_GetTempFileNameNumberedUtf8(a, "QX", 0), KS_INVALID_PARAMETER),
+               IS(K_GetTempFileNameNumberedUtf8(a, "ABCD", 5), KS_INVALID_PARAMETER),
+               IS(K_GetTempFileNameNumberedUtf8(a, "a.b", 5), KS_INVALID_PARAMETER), IS(K_GetTempFileName(w, L"\u00E9"), KS_INVALID_PARAMETER),
+               IS(K_SetTempDirectoryUtf8("/nonexistent-ombrix-folder"), KS_SUCCESS), IS(K_GetTempFileNameUtf8(a, nullptr), KS_FILE_OPEN),
+               IS(K_SetTempDirectoryUtf8(("/tmp/" + std::string(300, 'd')).c_str()), KS_SUCCESS),
+               IS(K_GetTempFileNameUtf8(a, nullptr), KS_BUFFER_TOO_SMALL),
+               IS(K_GetTempFileNameNumberedUtf8(a, nullptr, 3), KS_BUFFER_TOO_SMALL)});
+}
+
+// Per thread, round trips in both encodings, a fresh thread sees TMPDIR or /tmp; refused values keep the folder.
+TEST(RedirectTempFolder, PerThreadRoundTripAndLimits) {
+    StateGuard guard;
+    const wchar_t* dirW = L"/tmp/\u5199\u771F/images";
+    const char* dirU8 = "/tmp/\xE5\x86\x99\xE7\x9C\x9F/images";
+    wchar_t back[64];
+    char u8[64];
+    expectAll({IS(K_SetTempDirectory(dirW), KS_SUCCESS), IS(K_GetTempDirectory(back, 64), KS_SUCCESS), IS(std::wstring(back) == dirW, 1),
+               IS(K_GetTempDirectoryUtf8(u8, 64), KS_SUCCESS), IS(std::string(u8) == dirU8, 1),
+               IS(K_GetTempDirectory(back, 5), KS_BUFFER_TOO_SMALL)});
+    std::thread([] {
+        char d[512];
+        ASSERT_EQ(K_GetTempDirectoryUtf8(d, sizeof d), KS_SUCCESS);
+        const char* env = getenv("TMPDIR");
+        std::string expect = (env && *env) ? env : "/tmp";
+        while (expect.size() > 1 && expect.back() == '/') expect.pop_back();
+        EXPECT_EQ(std::string(d), expect);
+    }).join();
+    const wchar_t bad[] = {L'/', wchar_t(0xD800), 0};
+    expectAll({IS(K_SetTempDirectoryUtf8("/tmp/\xC0\x80"), KS_INVALID_PARAMETER),
+               IS(K_SetTempDirectoryUtf8(std::string(1024, 'a').c_str()), KS_INVALID_PARAMETER),
+               IS(K_SetTempDirectoryUtf8(std::string(1023, 'a').c_str()), KS_SUCCESS), IS(K_SetTempDirectory(dirW), KS_SUCCESS),
+               IS(sizeof(wchar_t) != 4 || K_SetTempDirectory(bad) == KS_INVALID_PARAMETER, 1),
+               IS(K_GetTempDirectory(back, 64), KS_SUCCESS), IS(std::wstring(back) == dirW, 1),
+               IS(K_SetTempDirectory(nullptr), KS_SUCCESS), IS(K_GetTempDirectoryUtf8(u8, 64), KS_SUCCESS), IS(std::string(u8) != dirU8, 1)});
 }
 
 }  // namespace

@@ -1,10 +1,6 @@
-// test_runtime_geometry.cpp - geometry primitives against plain references:
-// matrices (products, inverses, transforms, builders) against a six-double
-// reference over random values of every type, including type-0 records whose
-// values are garbage; rectangles against a pixel-set oracle; the double
-// forms against the integer forms; the documented comparison edge cases;
-// the fixed-point sine table against a long-double computation, its
-// quadrant folding and angles outside the turn.
+// test_runtime_geometry.cpp - geometry against plain references: matrices against a six-double reference
+// over random values of every type (type 0 holding garbage too); rectangles against a pixel-set oracle in
+// integer, double and Win32 forms; the comparison edge cases; the fixed-point sine against long double.
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -19,13 +15,11 @@
 
 namespace {
 
-// ---------------------------------------------------------------- reference
 struct Ref {
     double m11, m12, m21, m22, ox, oy;
 };
 const Ref kId{1, 0, 0, 1, 0, 0};
 
-// The values a record stands for: type 0 is the identity whatever it holds.
 Ref refOf(const KMATRIX& m) { return m.nType == 0 ? kId : Ref{m.dM11, m.dM12, m.dM21, m.dM22, m.dOffsetX, m.dOffsetY}; }
 // Row-vector convention: p' = p * A, then * B.
 Ref mul(const Ref& a, const Ref& b) {
@@ -47,23 +41,18 @@ void applyPoint(const Ref& m, double& x, double& y, bool vector = false) {
     x = nx, y = ny;
 }
 
-bool close(double a, double b, double scale = 1.0) {
-    return std::fabs(a - b) <= 1e-12 * (std::fabs(a) + std::fabs(b) + scale);
-}
+bool close(double a, double b, double scale = 1.0) { return std::fabs(a - b) <= 1e-12 * (std::fabs(a) + std::fabs(b) + scale); }
 ::testing::AssertionResult sameMatrix(const KMATRIX& got, const Ref& want, double scale = 1.0) {
-    Ref g = refOf(got);
-    const double* a = &g.m11;
-    const double* b = &want.m11;
+    const Ref g = refOf(got);
+    const double *a = &g.m11, *b = &want.m11;
     for (int i = 0; i < 6; ++i)
         if (!close(a[i], b[i], scale))
-            return ::testing::AssertionFailure()
-                   << "element " << i << ": got " << a[i] << " want " << b[i] << " (type " << got.nType << ")";
+            return ::testing::AssertionFailure() << "element " << i << ": got " << a[i] << " want " << b[i] << " (type " << got.nType << ")";
     if (got.uReserved != 0) return ::testing::AssertionFailure() << "reserved word not 0";
     return ::testing::AssertionSuccess();
 }
 
-// Random matrix of a given type. Type 0 comes as a record holding garbage
-// values (it must still act as the identity).
+// Random matrix of a given type; type 0 comes as a record holding garbage values (still the identity).
 struct Gen {
     std::mt19937_64 rng;
     explicit Gen(uint64_t seed) : rng(seed) {}
@@ -81,13 +70,11 @@ struct Gen {
     }
 };
 
-// A table of (got, want) pairs checked in one loop; the index names the row.
 void expectAll(std::initializer_list<std::pair<double, double>> rows) {
     int i = 0;
     for (const auto& [got, want] : rows) EXPECT_EQ(got, want) << "row " << i++;
 }
 
-// ---------------------------------------------------------------- doubles
 TEST(RuntimeGeometryDouble, DocumentedEdgeCasesAndClosenessRules) {
     // The relative rule: eps = (|a| + |b| + 10) * DBL_EPSILON, strict.
     const double eps = 12.0 * DBL_EPSILON;
@@ -117,84 +104,58 @@ TEST(RuntimeGeometryDouble, DocumentedEdgeCasesAndClosenessRules) {
     });
 }
 
-TEST(RuntimeGeometryDouble, DoubleToIntRoundsHalfAwayAndSaturates) {
-    std::mt19937_64 rng(7);
-    std::uniform_real_distribution<double> d(-1e6, 1e6);
-    for (int i = 0; i < 20000; ++i) {
-        double v = d(rng);
-        if (i % 4 == 0) v = std::floor(v) + 0.5;  // exact halves
-        double want = v <= 0 ? std::trunc(v - 0.5) : std::trunc(v + 0.5);
-        ASSERT_EQ(K_Double_DoubleToInt(v), int32_t(want)) << v;
-    }
-    expectAll({{K_Double_DoubleToInt(1e20), INT32_MAX}, {K_Double_DoubleToInt(-1e20), INT32_MIN},
-               {K_Double_DoubleToInt(2147483646.6), INT32_MAX}, {K_Double_DoubleToInt(NAN), 0},
-               {K_Double_DoubleToInt(-INFINITY), INT32_MIN}});
-}
-
-// The literal rule (repeated subtraction / addition) is the oracle.
-TEST(RuntimeGeometryDouble, NormalizeAngleEqualsTheRepeatedStepRule) {
+// DoubleToInt rounds half away from zero and saturates; NormalizeAngle equals the literal rule (repeated
+// subtraction / addition), bit for bit.
+TEST(RuntimeGeometryDouble, DoubleToIntAndNormalizeAngleAgainstPlainRules) {
     auto loop = [](double d) {
         while (d > 360) d -= 360;
         while (d < 0) d += 360;
         return d;
     };
-    std::mt19937_64 rng(11);
-    std::uniform_real_distribution<double> d(-200000.0, 200000.0);
+    std::mt19937_64 rng(7);
+    std::uniform_real_distribution<double> d(-1e6, 1e6), a(-200000.0, 200000.0);
     for (int i = 0; i < 20000; ++i) {
-        double v = d(rng);
-        if (i % 3 == 0) v = std::round(v);
-        if (i % 7 == 0) v = 360.0 * std::round(v / 360.0);
-        double want = loop(v), got = K_Double_NormalizeAngle(v);
-        ASSERT_EQ(std::memcmp(&want, &got, sizeof want), 0) << v << " -> " << got << " want " << want;
+        double v = d(rng), w = a(rng);
+        if (i % 4 == 0) v = std::floor(v) + 0.5;  // exact halves
+        if (i % 3 == 0) w = std::round(w);
+        if (i % 7 == 0) w = 360.0 * std::round(w / 360.0);
+        ASSERT_EQ(K_Double_DoubleToInt(v), int32_t(v <= 0 ? std::trunc(v - 0.5) : std::trunc(v + 0.5))) << v;
+        const double want = loop(w), got = K_Double_NormalizeAngle(w);
+        ASSERT_EQ(std::memcmp(&want, &got, sizeof want), 0) << w << " -> " << got << " want " << want;
     }
-    EXPECT_TRUE(std::isnan(K_Double_NormalizeAngle(INFINITY)));
-    EXPECT_TRUE(std::isnan(K_Double_NormalizeAngle(NAN)));
-    double big = K_Double_NormalizeAngle(1e300);  // the loop would never end
-    EXPECT_TRUE(big >= 0.0 && big <= 360.0);
+    const double big = K_Double_NormalizeAngle(1e300);  // the loop would never end
+    expectAll({{K_Double_DoubleToInt(1e20), INT32_MAX}, {K_Double_DoubleToInt(-1e20), INT32_MIN},
+               {K_Double_DoubleToInt(2147483646.6), INT32_MAX}, {K_Double_DoubleToInt(NAN), 0},
+               {K_Double_DoubleToInt(-INFINITY), INT32_MIN}, {std::isnan(K_Double_NormalizeAngle(INFINITY)), 1},
+               {std::isnan(K_Double_NormalizeAngle(NAN)), 1}, {big >= 0.0 && big <= 360.0, 1}});
 }
 
-// ---------------------------------------------------------------- matrices
 TEST(RuntimeGeometryMatrix, TypeDerivationAndAccessors) {
     const Ref values[] = {{2, 0, 0, 1, 5, 0}, {1, 0.5, 0, 1, 0, 0}, {1, 0, 0, 1, 0, 0},
                           {1, 0, 0, 1, 0, -1}, {1, 0, 0, 3, 0, 0}, {1, 0, -0.25, 1, 0, 0}};
     KMATRIX m;
     for (const Ref& v : values) {
         K_Matrix_Set(&m, v.m11, v.m12, v.m21, v.m22, v.ox, v.oy);
-        EXPECT_EQ(m.nType, refType(v));
-        EXPECT_EQ(K_Matrix_GetType(&m), refType(v));
-        EXPECT_EQ(m.uReserved, 0u);
+        EXPECT_TRUE(m.nType == refType(v) && K_Matrix_GetType(&m) == refType(v) && m.uReserved == 0u);
     }
     std::memset(&m, 0, sizeof m);  // zero-filled record: the identity
     expectAll({{K_Matrix_IsIdentity(&m), 1}, {K_Matrix_GetM11(&m), 1.0}, {K_Matrix_GetM22(&m), 1.0},
                {K_Matrix_Determinant(&m), 1.0}});
     // Setters from the identity change one value and re-derive the type.
-    const struct {
-        void (*set)(KMATRIX*, double);
-        double v;
-        int type;
-    } steps[] = {{K_Matrix_SetM12, 0.5, 4}, {K_Matrix_SetM12, 0.0, 0}, {K_Matrix_SetOffsetX, 2, 1},
+    const struct { void (*set)(KMATRIX*, double); double v; int type; } steps[] = {{K_Matrix_SetM12, 0.5, 4}, {K_Matrix_SetM12, 0.0, 0}, {K_Matrix_SetOffsetX, 2, 1},
                  {K_Matrix_SetM22, 3, 3},   {K_Matrix_SetOffsetX, 0, 2}, {K_Matrix_SetM21, 1, 4},
                  {K_Matrix_SetM11, 7, 4},   {K_Matrix_SetOffsetY, 9, 4}};
-    for (const auto& s : steps) {
-        s.set(&m, s.v);
-        EXPECT_EQ(m.nType, s.type);
-    }
+    for (const auto& s : steps) EXPECT_EQ((s.set(&m, s.v), m.nType), s.type);
     expectAll({{K_Matrix_GetM11(&m), 7}, {K_Matrix_GetM12(&m), 0}, {K_Matrix_GetM21(&m), 1},
                {K_Matrix_GetM22(&m), 3}, {K_Matrix_GetOffsetX(&m), 0}, {K_Matrix_GetOffsetY(&m), 9}});
     KMATRIX z, i;
     std::memset(&z, 0, sizeof z);
     K_Matrix_Identity(&i);
-    EXPECT_EQ(K_Matrix_IsEqual(&z, &i), 1);  // both the identity
-    EXPECT_EQ(K_Matrix_IsEqual(&z, &m), 0);
-    i.nType = 4;  // a general-typed identity is still recognised by value
-    EXPECT_EQ(K_Matrix_IsIdentity(&i), 1);
-    i.dOffsetX = 1e-300;
-    EXPECT_EQ(K_Matrix_IsIdentity(&i), 0);
-    // Null records are tolerated.
-    K_Matrix_Identity(nullptr);
+    K_Matrix_Identity(nullptr);  // null records are tolerated
     K_Matrix_Rotate(nullptr, 3);
-    EXPECT_EQ(K_Matrix_Invert(nullptr), 0);
-    EXPECT_EQ(K_Matrix_GetM11(nullptr), 0.0);
+    // Both the identity; a general-typed identity is still recognised by value.
+    expectAll({{K_Matrix_IsEqual(&z, &i), 1}, {K_Matrix_IsEqual(&z, &m), 0}, {(i.nType = 4, K_Matrix_IsIdentity(&i)), 1},
+               {(i.dOffsetX = 1e-300, K_Matrix_IsIdentity(&i)), 0}, {K_Matrix_Invert(nullptr), 0}, {K_Matrix_GetM11(nullptr), 0.0}});
 }
 
 TEST(RuntimeGeometryMatrix, MultiplyMatchesReferenceForEveryTypePair) {
@@ -208,9 +169,7 @@ TEST(RuntimeGeometryMatrix, MultiplyMatchesReferenceForEveryTypePair) {
                 K_Matrix_Multiply(&r, &a, &b);
                 Ref want = mul(refOf(a), refOf(b));
                 ASSERT_TRUE(sameMatrix(r, want, 16.0));
-                if (ta || tb) {
-                    ASSERT_EQ(r.nType, refType(refOf(r)));
-                }
+                ASSERT_TRUE(!(ta || tb) || r.nType == refType(refOf(r)));
                 // Append / Prepend and aliasing of the result with an input.
                 KMATRIX ap = a, pp = b, al = a, bl = b;
                 K_Matrix_Append(&ap, &b);
@@ -240,20 +199,15 @@ TEST(RuntimeGeometryMatrix, InverseMatchesReferenceAndUndoes) {
         ASSERT_EQ(inv.nType, t == 0 ? 0 : refType(refOf(inv)));
     }
     // Singular (or NaN) matrices are left alone.
-    const Ref singular[] = {{1e-8, 0, 0, 1e-8, 3, 4}, {1, 2, 2, 4, 0, 0}, {NAN, 0, 0, 1, 0, 0}};
-    for (const Ref& v : singular) {
+    for (const Ref& v : {Ref{1e-8, 0, 0, 1e-8, 3, 4}, Ref{1, 2, 2, 4, 0, 0}, Ref{NAN, 0, 0, 1, 0, 0}}) {
         KMATRIX s, copy;
         K_Matrix_Set(&s, v.m11, v.m12, v.m21, v.m22, v.ox, v.oy);
         copy = s;
-        EXPECT_EQ(K_Matrix_HasInverse(&s), 0);
-        EXPECT_EQ(K_Matrix_Invert(&s), 0);
-        EXPECT_EQ(std::memcmp(&s, &copy, sizeof s), 0);
+        EXPECT_TRUE(K_Matrix_HasInverse(&s) == 0 && K_Matrix_Invert(&s) == 0 && std::memcmp(&s, &copy, sizeof s) == 0);
     }
-    // Types 0 and 1 have determinant 1 whatever the values say.
-    KMATRIX z;
+    KMATRIX z;  // types 0 and 1 have determinant 1 whatever the values say
     std::memset(&z, 0, sizeof z);
-    EXPECT_EQ(K_Matrix_Invert(&z), 1);
-    EXPECT_EQ(K_Matrix_IsIdentity(&z), 1);
+    EXPECT_TRUE(K_Matrix_Invert(&z) == 1 && K_Matrix_IsIdentity(&z) == 1);
 }
 
 TEST(RuntimeGeometryMatrix, TransformsMatchReference) {
@@ -338,15 +292,11 @@ TEST(RuntimeGeometryMatrix, BuildersAppendAndPrepend) {
             build(k, &m, a, cx, cy, sx, sy, kx, ky);
             Ref want = k % 2 ? mul(steps[k / 2], refOf(base)) : mul(refOf(base), steps[k / 2]);
             ASSERT_TRUE(sameMatrix(m, want, 1e3)) << "builder " << k << " on type " << base.nType;
-            // The cached type must be one the values support: re-deriving
-            // gives the same unless Translate kept the translation bit with
-            // zero offsets (allowed: the short cut still adds 0).
+            // The cached type must be one the values support: re-deriving gives the same unless Translate
+            // kept the translation bit with zero offsets (allowed: the short cut still adds 0).
             KMATRIX re = m;
             K_Matrix_DeriveType(&re);
-            if (m.nType != re.nType) {
-                ASSERT_EQ(m.nType, re.nType | 1) << "builder " << k;
-                ASSERT_TRUE(m.dOffsetX == 0.0 && m.dOffsetY == 0.0);
-            }
+            ASSERT_TRUE(m.nType == re.nType || (m.nType == (re.nType | 1) && m.dOffsetX == 0.0 && m.dOffsetY == 0.0)) << k;
         }
     }
     // RotateAt keeps its centre fixed and turns (cx+1, cy) by the angle.
@@ -363,7 +313,6 @@ TEST(RuntimeGeometryMatrix, BuildersAppendAndPrepend) {
     expectAll({{m.nType, 1}, {m.dM11, 1}, {m.dM22, 1}, {m.dOffsetY, -4}});
 }
 
-// ---------------------------------------------------------------- rectangles
 // Oracle: a rectangle as the set of integer points it holds.
 using Pixels = std::set<std::pair<int, int>>;
 Pixels pixels(const RECT& r) {
@@ -467,8 +416,10 @@ TEST(RuntimeGeometryRect, RecordsAndConversions) {
     K_PointD_Offset(&pde, 1, 0);
     RECTD infl = K_RectD_FromLTRB(0, 0, 1, 1);
     K_RectD_Inflate(&infl, 0.5, 1);
+    const POINT brNull = K_Rect_BottomRight(nullptr);
+    const POINTD brdNull = K_RectD_BottomRight(nullptr), brd = K_RectD_BottomRight(&d);
     EXPECT_TRUE(sameRect(r, RECT{2, 3, 6, 8}));
-    expectAll({{tl.x, 2}, {tr.x, 6}, {bl.y, 8}, {br.x, 6}, {br.y, 8}, {s.cx, 4}, {s.cy, 5},
+    expectAll({{brNull.x, 0}, {brNull.y, 0}, {brdNull.x, 0.0}, {brdNull.y, 0.0}, {brd.x, 6.0}, {brd.y, 8.0},{tl.x, 2}, {tr.x, 6}, {bl.y, 8}, {br.x, 6}, {br.y, 8}, {s.cx, 4}, {s.cy, 5},
                {K_Rect_IsEmpty(&e), 1}, {d.right, 6.0}, {K_Rect_IsEqual(&back, &r), 1}, {K_RectD_IsEmpty(&nan), 1},
                {K_Rect_IsEmpty(&fromNan), 1}, {mdRight, 4.0}, {mdBottom, 6.0}, {md.left, -8.0}, {md.right, -2.0},
                {md.top, 1.0}, {md.bottom, 3.0}, {sd.cx, 6.0}, {pi.x, -3}, {pi.y, 3}, {ipd.y, -9.0},
@@ -476,7 +427,7 @@ TEST(RuntimeGeometryRect, RecordsAndConversions) {
                {K_SizeD_IsEmpty(&flatY), 1}, {K_Rect_Width(nullptr), 0}, {K_Rect_Height(nullptr), 0}, {isz.cx, 2}, {isz.cy, 3},
                {K_Size_IsEqual(&isz, &s2), 1}, {K_SizeD_IsEqual(&back2, &back2), 1}, {K_Point_IsEmpty(&pe), 1},
                {pdeEmpty, 1}, {K_PointD_IsEmpty(&pde), 0}, {K_PointD_IsEqual(&pde, &pde), 1},
-               {K_RectD_IsEmpty(&ed), 1}, {infl.left, -0.5}, {infl.bottom, 2.0}, {K_RectD_IsEqual(&infl, &infl), 1}});
+               {K_RectD_IsEmpty(&ed), 1}, {infl.left, -0.5}, {infl.top, -1.0}, {infl.right, 1.5}, {infl.bottom, 2.0}, {K_RectD_IsEqual(&infl, &infl), 1}});
 }
 
 TEST(RuntimeGeometryLength, Lengths) {
@@ -492,16 +443,14 @@ TEST(RuntimeGeometryLength, Lengths) {
     EXPECT_NEAR(K_LengthD_Transform(&rot, 3, 4), 5.0, 1e-12);
 }
 
-// ---------------------------------------------------------------- fixed-point sine
 // sin or cos of a/100 degrees times 16384, in long double.
 long double exactScaled(long double hundredths, bool sine) {
     const long double rad = hundredths * 3.141592653589793238462643383279502884L / 18000.0L;
     return (sine ? std::sin(rad) : std::cos(rad)) * 16384.0L;
 }
 
-// Round half up, decided only when the product is clearly away from a tie:
-// the margin is far above long double's error and far below the generator's
-// 1e-5 nearest tie. 0, 30 and 90 degrees are exact (0, 8192, 16384).
+// Round half up, decided only when the product is clearly away from a tie (the margin is far above long
+// double's error and far below the nearest tie, 1e-5). 0, 30 and 90 degrees are exact (0, 8192, 16384).
 TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRule) {
     const int32_t* t = krn::sineTable();
     for (int a = 0; a <= 9000; ++a) {
@@ -513,8 +462,8 @@ TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRule) {
     EXPECT_TRUE(t[1] == 3 && t[4500] == 11585);
 }
 
-// Over the whole turn the folded value is within half a unit of the true one
-// (folding a negative value may round the other way) and keeps the symmetries.
+// Over the whole turn the folded value is within half a unit of the true one (folding a negative value
+// may round the other way) and keeps the symmetries.
 TEST(RuntimeSine, FoldingMatchesTheTrueFunctionsOverTheWholeTurn) {
     for (int a = 0; a <= 36000; ++a) {
         const int32_t gs = K_SinValue(a), gc = K_CosValue(a);

@@ -1,12 +1,5 @@
-// test_runtime_threads.cpp - thread tools under stress: events, reader/writer
-// locks in both lock modes, work items (many items, concurrent owners,
-// cancel while others run, fewer items than announced, count 0,
-// single-thread mode, out of memory), the pool (including process exit
-// while work is queued and shutdown), critical sections; and the parallel
-// row helper built on them (every row once, the serial image, ordered
-// progress on the caller's thread, stop answers and band failures, small
-// and nested jobs on the caller, out of memory costing only parallelism).
-// Everything here is meant to run clean under ThreadSanitizer too.
+// test_runtime_threads.cpp - thread tools under stress (events, reader/writer locks in both modes, work
+// items, the pool, critical sections) and the parallel row helper built on them. Clean under TSan too.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,6 +13,7 @@
 #include <vector>
 
 #include "ombrix.h"
+#include "check_list.h"
 #include "krn/common/memory.h"
 #include "krn/common/parallel.h"
 #include "ktthreading_.h"
@@ -28,6 +22,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using checklist::expectAll;
+namespace fi = krn::faultinject;
 
 template <class P>
 bool waitUntil(P pred, std::chrono::milliseconds limit = 10s) {
@@ -35,20 +31,13 @@ bool waitUntil(P pred, std::chrono::milliseconds limit = 10s) {
         if (Clock::now() > end) return false;
     return true;
 }
-
-// Forces threaded mode even on a one-processor machine, and restores the
-// real count afterwards.
+// Forces threaded mode even on a one-processor machine, and restores the real count afterwards.
 struct CoreCount {
     explicit CoreCount(int n) { ktt::testhook::setCoreCount(n); }
     ~CoreCount() { ktt::testhook::setCoreCount(0); }
 };
-
-int countItem(KTWorkItems*, void* data) {
-    static_cast<std::atomic<int>*>(data)->fetch_add(1);
-    return 1;
-}
-// Queues n counting items, waits, and gives how many ran.
-int runCounted(KTWorkItems& w, int n) {
+int countItem(KTWorkItems*, void* data) { return static_cast<std::atomic<int>*>(data)->fetch_add(1), 1; }
+int runCounted(KTWorkItems& w, int n) {  // queues n counting items, waits, gives how many ran
     std::atomic<int> ran{0};
     for (int i = 0; i < n; ++i) w.QueueItem(countItem, &ran);
     w.Wait();
@@ -57,38 +46,23 @@ int runCounted(KTWorkItems& w, int n) {
 
 // ---------------------------------------------------------------- events
 TEST(RuntimeEvent, ManualAutoResetTimeOutSignalAndOutOfMemory) {
-    KTWaitEvent none, m, a;  // without a handle everything succeeds
-    EXPECT_EQ(none.IsCreated(), 0);
-    for (int32_t r : {none.WaitOne(0), none.WaitOne(KT_INFINITE), none.Set(), none.Reset()}) EXPECT_EQ(r, 1);
-    none.Destroy();
-    ASSERT_EQ(m.Create(1, 0), 1);  // manual reset: stays signalled
-    EXPECT_EQ(m.WaitOne(0), KS_USER_ABORT);
-    m.Set();
-    EXPECT_TRUE(m.WaitOne(0) == 1 && m.WaitOne(0) == 1);
-    m.Reset();
-    EXPECT_EQ(m.WaitOne(0), KS_USER_ABORT);
-    ASSERT_EQ(a.Create(0, 1), 1);  // auto reset, initially signalled: consumed by one wait
-    EXPECT_EQ(a.WaitOne(0), 1);
-    EXPECT_EQ(a.WaitOne(0), KS_USER_ABORT);
+    KTWaitEvent none, m, a, e;  // without a handle everything succeeds
+    expectAll({IS(none.IsCreated(), 0), IS(none.WaitOne(0), 1), IS(none.WaitOne(KT_INFINITE), 1), IS(none.Set(), 1),
+               IS(none.Reset(), 1), IS((none.Destroy(), m.Create(1, 0)), 1) /* manual reset: stays signalled */,
+               IS(m.WaitOne(0), KS_USER_ABORT), IS((m.Set(), m.WaitOne(0)), 1), IS(m.WaitOne(0), 1),
+               IS((m.Reset(), m.WaitOne(0)), KS_USER_ABORT), IS(a.Create(0, 1), 1) /* auto reset: one wait */,
+               IS(a.WaitOne(0), 1), IS(a.WaitOne(0), KS_USER_ABORT)});
     auto t0 = Clock::now();
     EXPECT_EQ(a.WaitOne(60), KS_USER_ABORT);
     EXPECT_GE(Clock::now() - t0, 55ms);
     std::thread setter([&] { std::this_thread::sleep_for(20ms), a.Set(); });
     EXPECT_EQ(a.WaitOne(KT_INFINITE), 1);
     setter.join();
-    ASSERT_EQ(a.Create(1, 1), 1);  // re-creating replaces the event and its state
-    EXPECT_TRUE(a.WaitOne(0) == 1 && a.WaitOne(0) == 1);
-    // Out of memory: no event, nothing leaked.
-    KTWaitEvent e;
-    const long live = krn::faultinject::liveBlocks();
-    krn::faultinject::arm(0, 1);
-    EXPECT_EQ(e.Create(1, 1), KS_NO_MEMORY);
-    krn::faultinject::disarm();
-    EXPECT_TRUE(e.IsCreated() == 0 && e.WaitOne(0) == 1);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+    const long live = fi::liveBlocks();  // re-creating replaces the event and its state; no memory: no event
+    expectAll({IS(a.Create(1, 1), 1), IS(a.WaitOne(0), 1), IS(a.WaitOne(0), 1), IS((fi::arm(0, 1), e.Create(1, 1)), KS_NO_MEMORY),
+               IS((fi::disarm(), e.IsCreated()), 0), IS(e.WaitOne(0), 1), IS(fi::liveBlocks(), live)});
 }
 
-// An auto-reset event releases exactly one waiter per Set.
 TEST(RuntimeEvent, AutoResetReleasesOneWaiterPerSet) {
     KTWaitEvent e;
     ASSERT_EQ(e.Create(0, 0), 1);
@@ -111,27 +85,19 @@ protected:
     void TearDown() override { ktt::testhook::forceLockFallback(false); }
 };
 
-// A lock never created does nothing (a second writer would deadlock a real
-// one); items release only the hold they took, move with their hold, and
-// time out without one.
+// A lock never created does nothing; items release only the hold they took, move with it, time out without one.
 TEST_P(RuntimeLock, ItemsReleaseTheMatchingHold) {
     KTReaderWriterLock l;
     EXPECT_EQ(l.IsCreated(), 0);
     KTReaderWriterLockItem r = l.AcquireReaderLock(), w = l.AcquireWriterLock();
     EXPECT_TRUE(r.IsHeld() == 0 && w.IsHeld() == 0);
-    l.Lock();
-    l.Lock();
-    l.Unlock();
-    l.ReleaseWriterLock();
+    l.Lock(), l.Lock(), l.Unlock(), l.ReleaseWriterLock();  // a second writer would deadlock a real lock
     ASSERT_EQ(l.Create(), 1);  // created in between: the empty items release nothing
-    r.Release();
-    w.Release();
+    r.Release(), w.Release();
     EXPECT_EQ(KTThreadToolsUnmanaged::HasSlimLocks(), GetParam() ? 0 : 1);
     {
-        KTReaderWriterLockItem a = KTReaderWriterLock::Acquire(&l, 1), other;
-        EXPECT_EQ(a.IsReader(), 1);
-        KTReaderWriterLockItem moved(std::move(a));
-        EXPECT_TRUE(a.IsHeld() == 0 && moved.IsHeld() == 1);
+        KTReaderWriterLockItem a = KTReaderWriterLock::Acquire(&l, 1), moved(std::move(a));
+        EXPECT_TRUE(moved.IsReader() == 1 && a.IsHeld() == 0 && moved.IsHeld() == 1);
     }
     {
         KTReaderWriterLockItem x = KTReaderWriterLock::Acquire(&l, 0), other;
@@ -139,47 +105,31 @@ TEST_P(RuntimeLock, ItemsReleaseTheMatchingHold) {
         other = std::move(x);
         EXPECT_EQ(other.IsHeld(), 1);
     }
-    EXPECT_EQ(KTReaderWriterLock::Acquire(nullptr, 1).IsHeld(), 0);
-    EXPECT_EQ(l.AcquireReaderLock(0).IsHeld(), 0);
-    EXPECT_EQ(l.AcquireWriterLock(0).IsHeld(), 0);
-    // With the holds above gone another thread takes the writer hold at once.
-    std::atomic<bool> got{false};
-    std::thread([&] { got = l.AcquireWriterLock(1).IsHeld() == 1; }).join();
-    EXPECT_TRUE(got.load());
-    l.Destroy();
-    EXPECT_EQ(l.IsCreated(), 0);
-    ASSERT_EQ(l.Create(), 1);
-    ASSERT_EQ(l.Create(), 1);  // re-creating tears the old lock down
+    std::atomic<bool> got{false};  // with the holds above gone another thread takes the writer hold at once
+    expectAll({IS(KTReaderWriterLock::Acquire(nullptr, 1).IsHeld(), 0), IS(l.AcquireReaderLock(0).IsHeld(), 0),
+               IS(l.AcquireWriterLock(0).IsHeld(), 0),
+               IS((std::thread([&] { got = l.AcquireWriterLock(1).IsHeld() == 1; }).join(), got.load()), 1),
+               IS((l.Destroy(), l.IsCreated()), 0), IS(l.Create(), 1), IS(l.Create(), 1) /* tears the old one down */});
 }
 
-// Slim locks share readers; the critical-section fallback serialises them.
-// A writer excludes readers in both modes.
+// Slim locks share readers; the critical-section fallback serialises them. A writer excludes readers in both.
 TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThem) {
     KTReaderWriterLock l;
     ASSERT_EQ(l.Create(), 1);
     for (bool writer : {false, true}) {
-        KTReaderWriterLockItem mine;
-        if (writer)
-            l.Lock();  // the plain writer hold
-        else
-            mine = l.AcquireReaderLock();
+        KTReaderWriterLockItem mine = writer ? KTReaderWriterLockItem() : l.AcquireReaderLock();
+        if (writer) l.Lock();  // the plain writer hold
         std::atomic<bool> in{false};
-        std::thread t([&] {
-            KTReaderWriterLockItem r = l.AcquireReaderLock();
-            in = true;
-        });
+        std::thread t([&] { in = l.AcquireReaderLock().IsHeld() == 1; });
         EXPECT_EQ(waitUntil([&] { return in.load(); }, writer ? 100ms : 1000ms), !writer && !GetParam());
-        if (writer)
-            l.Unlock();
-        else
-            mine.Release();
+        if (writer) l.Unlock();
+        mine.Release();
         t.join();
         EXPECT_TRUE(in.load());
     }
 }
 
-// Writers keep two plain fields equal under the exclusive hold; a reader
-// that ever sees them differ proves a hole.
+// Writers keep two plain fields equal under the exclusive hold; a reader that sees them differ proves a hole.
 TEST_P(RuntimeLock, ReadersAndWritersContending) {
     KTReaderWriterLock l;
     ASSERT_EQ(l.Create(), 1);
@@ -206,16 +156,15 @@ TEST_P(RuntimeLock, ReadersAndWritersContending) {
     for (auto& t : writers) t.join();
     stop = true;
     for (auto& t : readers) t.join();
-    EXPECT_EQ(torn.load(), 0);
-    EXPECT_TRUE(a == 40000 && b == 40000);
+    EXPECT_TRUE(torn.load() == 0 && a == 40000 && b == 40000);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, RuntimeLock, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "SectionFallback" : "Slim"; });
 
 // ---------------------------------------------------------------- work items
-// Many items run once each; several owners at once; item results become the
-// status only with KTWI_ITEM_STATUS; re-creating and destroying reset it.
+// Many items run once each; several owners at once; item results become the status only with
+// KTWI_ITEM_STATUS; re-creating and destroying reset it.
 TEST(RuntimeWorkItems, ItemsRunOnceAndResultsBecomeTheStatusOnlyWithFlag4) {
     CoreCount cc(4);
     KTWorkItems w;
@@ -234,12 +183,11 @@ TEST(RuntimeWorkItems, ItemsRunOnceAndResultsBecomeTheStatusOnlyWithFlag4) {
         });
     for (auto& t : owners) t.join();
     EXPECT_EQ(bad.load(), 0);
-    auto ret = [](KTWorkItems*, void* d) { return *static_cast<int*>(d); };
     int minus7 = -7;
     for (uint32_t flags : {uint32_t(KTWI_ITEM_STATUS), uint32_t(KTWI_LOCK)}) {
         ASSERT_EQ(w.Create(3, flags, 0), 1);  // re-create: status back to 1
         EXPECT_EQ(w.GetStatus(), 1);
-        for (int i = 0; i < 3; ++i) w.QueueItem(ret, &minus7);
+        for (int i = 0; i < 3; ++i) w.QueueItem([](KTWorkItems*, void* d) { return *static_cast<int*>(d); }, &minus7);
         w.Wait();
         EXPECT_EQ(w.GetStatus(), flags == KTWI_ITEM_STATUS ? -7 : 1);
     }
@@ -254,9 +202,8 @@ struct CancelScene {
     std::atomic<int> laterRan{0};
 };
 
-// An item's -100 cancels what has not started, while the item already
-// running finishes; later QueueItem calls run nothing; Wait still returns.
-// Items queued before a Cancel took effect are skipped when they start.
+// An item's -100 cancels what has not started while the running item finishes; later QueueItem calls run
+// nothing; Wait still returns. Items queued before a Cancel took effect are skipped when they start.
 TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
     CoreCount cc(4);
     std::atomic<int> ran{0};
@@ -279,8 +226,7 @@ TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
             auto* sc = static_cast<CancelScene*>(d);
             sc->longStarted = true;
             while (!sc->release.load()) std::this_thread::sleep_for(1ms);
-            sc->longFinished = true;
-            return 1;
+            return sc->longFinished = true, 1;
         }, &s);
         ASSERT_TRUE(waitUntil([&] { return s.longStarted.load(); }));
         w.QueueItem([](KTWorkItems*, void*) { return int(KS_USER_ABORT); }, nullptr);
@@ -290,16 +236,14 @@ TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
         EXPECT_FALSE(s.longFinished.load());
         s.release = true;
         w.Wait();
-        EXPECT_TRUE(s.longFinished.load());
-        EXPECT_EQ(s.laterRan.load(), 0);
+        EXPECT_TRUE(s.longFinished.load() && s.laterRan.load() == 0);
         const int st = w.GetStatus();  // the running item reported last (1) or the cancelling one (-100)
         EXPECT_TRUE(!(flags & KTWI_ITEM_STATUS) || st == 1 || st == KS_USER_ABORT) << st;
     }
 }
 
-// Count 0 never signals by itself; 10 announced and 3 came: still waiting
-// until Finish. Finish may release the waiter while items still run;
-// destroying the object then waits for them.
+// Count 0 never signals by itself; 10 announced and 3 came: still waiting until Finish. Finish may
+// release the waiter while items still run; destroying the object then waits for them.
 TEST(RuntimeWorkItems, FinishReleasesAWaiterAndDestroyWaitsForRunningItems) {
     CoreCount cc(4);
     for (uint32_t announced : {10u, 0u}) {
@@ -331,30 +275,25 @@ TEST(RuntimeWorkItems, FinishReleasesAWaiterAndDestroyWaitsForRunningItems) {
     EXPECT_EQ(finished.load(), 4);
 }
 
-// With KTWI_SINGLE_THREAD or one processor, items run inside QueueItem and
-// their result is the status whatever flag 4 says; -100 cancels later items.
+// With KTWI_SINGLE_THREAD or one processor, items run inside QueueItem and their result is the status
+// whatever flag 4 says; -100 cancels later items.
 TEST(RuntimeWorkItems, SingleThreadModeRunsInsideQueueItem) {
     for (int mode = 0; mode < 2; ++mode) {
         CoreCount cc(mode == 0 ? 4 : 1);
         KTWorkItems w;
         ASSERT_EQ(w.Create(3, mode == 0 ? KTWI_SINGLE_THREAD : 0, 0), 1);
-        EXPECT_EQ(w.IsThreaded(), 0);
         std::thread::id where;
-        auto item = [](KTWorkItems*, void* d) { return *static_cast<std::thread::id*>(d) = std::this_thread::get_id(), -5; };
-        ASSERT_EQ(w.QueueItem(item, &where), 1);
-        EXPECT_EQ(where, std::this_thread::get_id());
-        EXPECT_EQ(w.GetStatus(), -5);
-        EXPECT_TRUE(w.Wait() == 1 && w.Finish() == 1);  // return at once
-        ASSERT_EQ(w.QueueItem([](KTWorkItems*, void*) { return int(KS_USER_ABORT); }, nullptr), 1);
         std::atomic<int> ran{0};
-        ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
-        EXPECT_EQ(ran.load(), 0);
-        EXPECT_EQ(w.GetStatus(), KS_USER_ABORT);
+        auto item = [](KTWorkItems*, void* d) { return *static_cast<std::thread::id*>(d) = std::this_thread::get_id(), -5; };
+        expectAll({IS(w.IsThreaded(), 0), IS(w.QueueItem(item, &where), 1), IS(where == std::this_thread::get_id(), 1),
+                   IS(w.GetStatus(), -5), IS(w.Wait(), 1), IS(w.Finish(), 1) /* return at once */,
+                   IS(w.QueueItem([](KTWorkItems*, void*) { return int(KS_USER_ABORT); }, nullptr), 1),
+                   IS(w.QueueItem(countItem, &ran), 1), IS(ran.load(), 0), IS(w.GetStatus(), KS_USER_ABORT)});
     }
 }
 
-// A QueueItem that runs out of memory (or gets no function) counts as
-// finished, so Wait does not hang; Create without memory makes no lock.
+// A QueueItem that runs out of memory (or gets no function) counts as finished, so Wait does not hang;
+// Create without memory makes no lock.
 TEST(RuntimeWorkItems, OutOfMemoryInQueueItemDoesNotHangWait) {
     CoreCount cc(4);
     std::atomic<int> ran{0};
@@ -363,24 +302,14 @@ TEST(RuntimeWorkItems, OutOfMemoryInQueueItemDoesNotHangWait) {
         w.Create(1, 0, 0);
         runCounted(w, 1);
     }
-    const long live = krn::faultinject::liveBlocks();
+    const long live = fi::liveBlocks();
     KTWorkItems w;
-    ASSERT_EQ(w.Create(4, 0, 0), 1);
-    ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
-    krn::faultinject::arm(0, 1);
-    EXPECT_EQ(w.QueueItem(countItem, &ran), KS_NO_MEMORY);
-    krn::faultinject::disarm();
-    EXPECT_EQ(w.QueueItem(nullptr, &ran), KS_INVALID_PARAMETER);
-    ASSERT_EQ(w.QueueItem(countItem, &ran), 1);
-    w.Wait();
-    EXPECT_EQ(ran.load(), 2);
-    w.Destroy();
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-    krn::faultinject::arm(0, 1);
-    EXPECT_EQ(w.Create(3, KTWI_LOCK, 0), KS_NO_MEMORY);
-    krn::faultinject::disarm();
-    EXPECT_EQ(w.GetLock().IsCreated(), 0);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+    expectAll({IS(w.Create(4, 0, 0), 1), IS(w.QueueItem(countItem, &ran), 1),
+               IS((fi::arm(0, 1), w.QueueItem(countItem, &ran)), KS_NO_MEMORY),
+               IS((fi::disarm(), w.QueueItem(nullptr, &ran)), KS_INVALID_PARAMETER), IS(w.QueueItem(countItem, &ran), 1),
+               IS((w.Wait(), ran.load()), 2), IS((w.Destroy(), fi::liveBlocks()), live),
+               IS((fi::arm(0, 1), w.Create(3, KTWI_LOCK, 0)), KS_NO_MEMORY), IS((fi::disarm(), w.GetLock().IsCreated()), 0),
+               IS(fi::liveBlocks(), live)});
 }
 
 // ---------------------------------------------------------------- the pool
@@ -400,15 +329,12 @@ TEST(RuntimePool, RunsOnWorkerThreadsSizedToTheProcessors) {
     ASSERT_TRUE(waitUntil([&] { return ctx.n.load() == 100; }));
     EXPECT_FALSE(ctx.onCaller.load());
     EXPECT_EQ(KTThreadPool::GetThreadCount(), int(std::max(1u, std::thread::hardware_concurrency())));
-    EXPECT_GE(KTThreadToolsManaged::GetCoreCount(), 1);
-    EXPECT_EQ(KTThreadToolsManaged::GetCoreCount(), K_GetProcessorCount());
+    EXPECT_TRUE(KTThreadToolsManaged::GetCoreCount() >= 1 && KTThreadToolsManaged::GetCoreCount() == K_GetProcessorCount());
 }
 
-// The process ends promptly even with a long item running on every worker
-// and work queued, and also when exit() is called from inside an item.
-// After the pool was shut down, requests run on the caller and work items
-// still complete; items the pool drops at shutdown never run but count as
-// finished, so a waiter is not left hanging.
+// The process ends promptly even with a long item on every worker and work queued, and when exit() is
+// called from inside an item. After the pool was shut down, requests run on the caller and work items
+// still complete; items the pool drops at shutdown never run but count as finished.
 TEST(RuntimePoolDeathTest, ExitAndShutdown) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto t0 = Clock::now();
@@ -469,61 +395,54 @@ TEST(RuntimePoolDeathTest, ExitAndShutdown) {
 // ---------------------------------------------------------------- critical sections
 TEST(RuntimeCriticalSection, FrameAndMutualExclusion) {
     CRITICAL_SECTION cs{};
-    for (int32_t st : {K_IntInitializeCriticalSection(nullptr), K_IntEnterCriticalSection(nullptr),
-                       K_IntLeaveCriticalSection(nullptr), K_IntEnterCriticalSection(&cs)})  // the last: not initialised
-        EXPECT_EQ(st, KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_IntDeleteCriticalSection(nullptr), KS_NULL_POINTER);
-    EXPECT_EQ(K_IntDeleteCriticalSection(&cs), KS_SUCCESS);
-    const long live = krn::faultinject::liveBlocks();
-    krn::faultinject::arm(0, 1);
-    EXPECT_EQ(K_IntInitializeCriticalSection(&cs), KS_NO_MEMORY);
-    krn::faultinject::disarm();
-    EXPECT_EQ(cs.pLock, nullptr);
-    ASSERT_EQ(K_IntInitializeCriticalSection(&cs), 1);
-    EXPECT_NE(cs.pLock, nullptr);
-    EXPECT_TRUE(K_IntEnterCriticalSection(&cs) == 1 && K_IntEnterCriticalSection(&cs) == 1);  // recursive
+    const long live = fi::liveBlocks();
     std::atomic<int> other{0};
-    std::thread([&] { other = K_IntLeaveCriticalSection(&cs); }).join();  // not the owner
-    EXPECT_EQ(other.load(), KS_INTERNAL);
-    EXPECT_TRUE(K_IntLeaveCriticalSection(&cs) == 1 && K_IntLeaveCriticalSection(&cs) == 1);
-    EXPECT_EQ(K_IntLeaveCriticalSection(&cs), KS_INTERNAL);  // no longer owned
+    expectAll({IS(K_IntInitializeCriticalSection(nullptr), KS_INVALID_PARAMETER),
+               IS(K_IntEnterCriticalSection(nullptr), KS_INVALID_PARAMETER),
+               IS(K_IntLeaveCriticalSection(nullptr), KS_INVALID_PARAMETER),
+               IS(K_IntEnterCriticalSection(&cs), KS_INVALID_PARAMETER) /* not initialised */,
+               IS(K_IntDeleteCriticalSection(nullptr), KS_NULL_POINTER), IS(K_IntDeleteCriticalSection(&cs), KS_SUCCESS),
+               IS((fi::arm(0, 1), K_IntInitializeCriticalSection(&cs)), KS_NO_MEMORY),
+               IS((fi::disarm(), cs.pLock == nullptr), 1), IS(K_IntInitializeCriticalSection(&cs), 1),
+               IS(cs.pLock != nullptr, 1), IS(K_IntEnterCriticalSection(&cs), 1), IS(K_IntEnterCriticalSection(&cs), 1),
+               IS((std::thread([&] { other = K_IntLeaveCriticalSection(&cs); }).join(), other.load()), KS_INTERNAL),
+               IS(K_IntLeaveCriticalSection(&cs), 1), IS(K_IntLeaveCriticalSection(&cs), 1),
+               IS(K_IntLeaveCriticalSection(&cs), KS_INTERNAL) /* no longer owned */});
     long counter = 0;
     std::vector<std::thread> ts;
     for (int i = 0; i < 4; ++i)
         ts.emplace_back([&] {
             for (int k = 0; k < 20000; ++k) {
-                K_IntEnterCriticalSection(&cs);
-                K_IntEnterCriticalSection(&cs);
+                K_IntEnterCriticalSection(&cs), K_IntEnterCriticalSection(&cs);  // recursive
                 ++counter;
-                K_IntLeaveCriticalSection(&cs);
-                K_IntLeaveCriticalSection(&cs);
+                K_IntLeaveCriticalSection(&cs), K_IntLeaveCriticalSection(&cs);
             }
         });
     for (auto& t : ts) t.join();
-    EXPECT_EQ(counter, 80000);
-    EXPECT_EQ(K_IntDeleteCriticalSection(&cs), 1);
-    EXPECT_EQ(cs.pLock, nullptr);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+    expectAll({IS(counter, 80000), IS(K_IntDeleteCriticalSection(&cs), 1), IS(cs.pLock == nullptr, 1),
+               IS(fi::liveBlocks(), live)});
 }
 
 // ---------------------------------------------------------------- the parallel row helper
-// Installs a status callback for the calling thread and restores the old one.
-struct StatusHook {
+struct StatusHook {  // installs a status callback for the calling thread and restores the old one
     STATUSCALLBACK oldFn = nullptr;
     void* oldUser = nullptr;
     StatusHook(STATUSCALLBACK fn, void* user) { K_SetStatusCallBack(fn, user, &oldFn, &oldUser); }
     ~StatusHook() { K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr); }
 };
-
-// A per-pixel job (the same arithmetic as the benchmark) over a 32-bit image.
-void pixelRows(const uint32_t* src, uint32_t* dst, int width, int y0, int y1) {
+void pixelRows(const uint32_t* src, uint32_t* dst, int width, int y0, int y1) {  // the benchmark's arithmetic
     for (size_t i = size_t(y0) * width; i < size_t(y1) * width; ++i)
         dst[i] = (src[i] * 2654435761u) ^ (src[i] >> 7) ^ uint32_t((i / width) * 31 + i % width);
 }
 const auto kNothing = [](int32_t, int32_t, int32_t) { return 1; };
+krn::ParallelOptions threads(int n) {
+    krn::ParallelOptions o;
+    o.maxThreads = n;
+    return o;
+}
 
-// Every row exactly once, a slot never runs two bands at once, and the
-// threaded run gives the serial image; bad arguments and empty jobs.
+// Every row exactly once, a slot never runs two bands at once, the threaded run gives the serial image;
+// bad arguments and empty jobs.
 TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
     CoreCount cc(4);
     const int w = 97;
@@ -531,10 +450,9 @@ TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
         std::vector<uint32_t> src(size_t(w) * h), serial(src.size(), 0xAAAAAAAAu), par(src.size(), 0x55555555u);
         for (size_t i = 0; i < src.size(); ++i) src[i] = uint32_t(i * 7919u);
         std::vector<std::atomic<int>> hits(h);
-        krn::ParallelOptions one, many;
-        one.maxThreads = 1;
+        krn::ParallelOptions many;
         many.bytesPerRow = 0;  // unknown: never counted as small
-        ASSERT_EQ(krn::parallelRows(h, [&](int32_t y0, int32_t y1, int32_t) { return pixelRows(src.data(), serial.data(), w, y0, y1), 1; }, one), 1);
+        ASSERT_EQ(krn::parallelRows(h, [&](int32_t y0, int32_t y1, int32_t) { return pixelRows(src.data(), serial.data(), w, y0, y1), 1; }, threads(1)), 1);
         const int32_t slots = krn::parallelMaxSlots();
         std::vector<std::atomic<int>> busy(slots);
         std::atomic<int> bad{0};
@@ -548,14 +466,11 @@ TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
         for (int y = 0; y < h; ++y) ASSERT_EQ(hits[y].load(), 1) << "row " << y << " of " << h;
         ASSERT_EQ(std::memcmp(serial.data(), par.data(), src.size() * 4), 0) << h;
     }
-    EXPECT_EQ(krn::parallelRows(10, krn::RowBandFn(nullptr), nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(krn::parallelRows(-1, kNothing), KS_INVALID_PARAMETER);
     int calls = 0;
-    EXPECT_EQ(krn::parallelRows(0, [&](int32_t, int32_t, int32_t) { return ++calls, 1; }), 1);
-    EXPECT_EQ(calls, 0);
-    krn::ParallelOptions o;
-    o.maxThreads = 1;
-    EXPECT_EQ(krn::parallelMaxSlots(o), 1);
+    expectAll({IS(krn::parallelRows(10, krn::RowBandFn(nullptr), nullptr), KS_INVALID_PARAMETER),
+               IS(krn::parallelRows(-1, kNothing), KS_INVALID_PARAMETER),
+               IS(krn::parallelRows(0, [&](int32_t, int32_t, int32_t) { return ++calls, 1; }), 1), IS(calls, 0),
+               IS(krn::parallelMaxSlots(threads(1)), 1)});
 }
 
 struct ProgressLog {
@@ -574,15 +489,14 @@ int32_t logProgress(int32_t pct, void* user) {
     return log->answer;
 }
 
-// Serial, threaded, and a sub-range for one pass of a longer operation:
-// rising, from..to, on the caller's thread; the copy callback only when asked.
+// Serial, threaded, and a sub-range for one pass of a longer operation: rising, from..to, on the caller's
+// thread; the copy callback only when asked.
 TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
     CoreCount cc(4);
-    for (auto [threads, from, to] : {std::tuple{1, 0, 100}, {0, 0, 100}, {0, 50, 75}}) {
+    for (auto [n, from, to] : {std::tuple{1, 0, 100}, {0, 0, 100}, {0, 50, 75}}) {
         ProgressLog log;
         StatusHook hook(logProgress, &log);
-        krn::ParallelOptions o;
-        o.maxThreads = threads;
+        krn::ParallelOptions o = threads(n);
         o.progressFrom = from, o.progressTo = to;
         ASSERT_EQ(krn::parallelRows(3000, kNothing, o), 1);
         ASSERT_GE(log.seen.size(), 2u);
@@ -603,11 +517,11 @@ TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
     K_SetCopyStatusCallBack(oldFn, oldUser, nullptr, nullptr);
 }
 
-// A stop answer ends the job with that answer and nothing starts after it;
-// the first band failure is the result; exceptions become statuses.
+// A stop answer ends the job with that answer and nothing starts after it; the first band failure is the
+// result; exceptions become statuses.
 TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
     CoreCount cc(4);
-    for (int threads : {1, 0}) {
+    for (int n : {1, 0}) {
         for (int answer : {int(KS_USER_ABORT), 0, 2}) {
             ProgressLog log;
             log.stopAt = 30;
@@ -615,28 +529,22 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
             StatusHook hook(logProgress, &log);
             std::atomic<int> rows{0}, afterReturn{0};
             std::atomic<bool> returned{false};
-            krn::ParallelOptions o;
-            o.maxThreads = threads;
             const int32_t r = krn::parallelRows(4000, [&](int32_t y0, int32_t y1, int32_t) {
                 afterReturn += returned.load();
-                // Helpers hold their first band until the stop was answered,
-                // so the caller alone reaches 30% whatever the scheduler does.
+                // Helpers hold their first band until the stop was answered, so the caller alone reaches 30%.
                 while (std::this_thread::get_id() != log.caller && !log.stopGiven.load())
                     std::this_thread::sleep_for(std::chrono::microseconds(100));
                 return rows += y1 - y0, 1;
-            }, o);
+            }, threads(n));
             returned = true;
             EXPECT_EQ(r, answer);
             // The caller's bands up to 30% plus at most one band held by each helper (bands are 1/64).
-            EXPECT_LE(rows.load(), 4000 * 31 / 100 + krn::parallelMaxSlots(o) * ((4000 + 63) / 64)) << "stopped late";
-            EXPECT_GE(log.seen.back(), 30);
-            EXPECT_EQ(afterReturn.load(), 0);
+            EXPECT_LE(rows.load(), 4000 * 31 / 100 + krn::parallelMaxSlots(threads(n)) * ((4000 + 63) / 64)) << "stopped late";
+            EXPECT_TRUE(log.seen.back() >= 30 && afterReturn.load() == 0);
         }
-        krn::ParallelOptions o;
-        o.maxThreads = threads;
         std::atomic<int> rows{0};
-        EXPECT_EQ(krn::parallelRows(5000, [&](int32_t y0, int32_t y1, int32_t) { return rows += y1 - y0, (y0 <= 1000 && 1000 < y1) ? -7 : 1; }, o), -7);
-        EXPECT_TRUE(threads == 0 || rows.load() < 5000 / 2) << "bands ran after the failing one";
+        EXPECT_EQ(krn::parallelRows(5000, [&](int32_t y0, int32_t y1, int32_t) { return rows += y1 - y0, (y0 <= 1000 && 1000 < y1) ? -7 : 1; }, threads(n)), -7);
+        EXPECT_TRUE(n == 0 || rows.load() < 5000 / 2) << "bands ran after the failing one";
     }
     EXPECT_EQ(krn::parallelRows(10, [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); }), KS_NO_MEMORY);
     ProgressLog log;  // a stop on the very first report runs nothing
@@ -647,8 +555,8 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
     EXPECT_EQ(calls, 0);
 }
 
-// Small jobs, one processor and calls from inside a pool item stay on the
-// caller (nested calls do not wait on the pool).
+// Small jobs, one processor and calls from inside a pool item stay on the caller (nested calls do not
+// wait on the pool).
 TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
     auto onlyCaller = [](const krn::ParallelOptions& o, int h) {
         const std::thread::id me = std::this_thread::get_id();
@@ -684,19 +592,19 @@ TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
 TEST(RuntimeParallel, OutOfMemoryStillCompletesWithoutLeaks) {
     CoreCount cc(4);
     krn::parallelRows(100, kNothing);  // warm up the pool
-    const long live = krn::faultinject::liveBlocks();
+    const long live = fi::liveBlocks();
     for (long n = 0; n < 6; ++n)
         for (long repeat : {1L, -1L}) {
             std::vector<std::atomic<int>> hits(700);
-            krn::faultinject::arm(n, repeat);
+            fi::arm(n, repeat);
             const int32_t r = krn::parallelRows(700, [&](int32_t y0, int32_t y1, int32_t) {
                 for (int y = y0; y < y1; ++y) hits[y]++;
                 return 1;
             });
-            krn::faultinject::disarm();
+            fi::disarm();
             EXPECT_EQ(r, 1);
             for (int y = 0; y < 700; ++y) ASSERT_EQ(hits[y].load(), 1) << n;
-            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << n;
+            EXPECT_EQ(fi::liveBlocks(), live) << n;
         }
 }
 

@@ -1,7 +1,5 @@
-// test_storage_alloc.cpp - the allocation decision, access and release, the
-// process-wide cap and counter, thresholds, allocation callbacks, storage
-// conversion and height changes of every kind, failures at every step, and
-// several threads against one cap.
+// test_storage_alloc.cpp - the allocation decision, access and release, the cap and counter, thresholds,
+// allocation callbacks, conversion and height changes of every kind, failures at every step, threads.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,12 +13,12 @@
 #include "krn/common/settings.h"
 #include "krn/common/storage.h"
 #include "redirect_memfs.h"
-#include "redirect_scratch.h"
 #include "check_list.h"
 #include "storage_kinds.h"
 
 using namespace storagetest;
 using checklist::expectAll;
+namespace fi = krn::faultinject;
 
 namespace {
 
@@ -43,8 +41,8 @@ BITMAPDATACALLBACKS callbacks(void* user) {
 int32_t create(BITMAPRECORD* bm, uint32_t type, int32_t w, int32_t h, int32_t bpp, int32_t order = 0) {
     return K_CreateBitmap(bm, BITMAPRECORD_SIZE, type, w, h, bpp, order, nullptr, 1, nullptr, 0);
 }
-// Allocates a w x h 8-bit record with `type`; on success *kind and the tiles
-// receive its storage (the bitmap is freed); a failure leaves it unallocated.
+// Allocates a w x h 8-bit record with `type`; on success *kind and the tiles receive its storage (the
+// bitmap is freed); a failure leaves it unallocated.
 int32_t allocate(int32_t w, int32_t h, uint32_t type, uint32_t* kind = nullptr, int32_t* tiles = nullptr,
                  uint64_t* tileSize = nullptr) {
     BITMAPRECORD bm;
@@ -59,7 +57,7 @@ int32_t allocate(int32_t w, int32_t h, uint32_t type, uint32_t* kind = nullptr, 
 // Row r of a pattern of row and byte; the padding stays zero (compressed kinds keep pixels only).
 std::vector<uint8_t> patternRow(const BITMAPRECORD* bm, int32_t r, uint32_t seed) {
     std::vector<uint8_t> row(bm->nBytesPerLine);
-    for (uint32_t i = 0; i < row.size(); ++i) row[i] = uint8_t((r * 31 + int32_t(i) * 7 + int32_t(seed)) & 0xFF);
+    for (uint32_t i = 0; i < row.size(); ++i) row[i] = uint8_t(r * 31 + int32_t(i) * 7 + int32_t(seed));
     for (uint64_t b = uint64_t(bm->nWidth) * uint64_t(bm->nBitsPerPixel); b < uint64_t(row.size()) * 8; ++b)
         row[b >> 3] &= uint8_t(~(0x80u >> (b & 7)));
     return row;
@@ -82,33 +80,27 @@ TEST(StorageDecision, MemoryTypesAndTheKindEachGets) {
     for (uint32_t t : {3, 5, 6, 7, 10, 258, 2048, 2049}) EXPECT_EQ(allocate(8, 8, t), KS_INVALID_PARAMETER) << t;
     for (uint32_t t : {1, 4, 8, 9, 128, 256, 257, 260, 264, 265, 1024, 1025, 1280, 1281})
         EXPECT_EQ(allocate(8, 8, t), KS_SUCCESS) << t;
-    EXPECT_EQ(allocate(0, 0, 1), KS_INVALID_DIMENSIONS);
     BITMAPRECORD bm;
-    EXPECT_EQ(K_AllocateBitmap(nullptr, 1), KS_INVALID_PARAMETER);
-    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 8, 8, 8), KS_SUCCESS);
-    bm.uStructSize = 99;
-    EXPECT_EQ(K_AllocateBitmap(&bm, 1), KS_INVALID_STRUCT_SIZE);
+    expectAll({IS(allocate(0, 0, 1), KS_INVALID_DIMENSIONS), IS(K_AllocateBitmap(nullptr, 1), KS_INVALID_PARAMETER),
+               IS(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 8, 8, 8), KS_SUCCESS),
+               IS((bm.uStructSize = 99, K_AllocateBitmap(&bm, 1)), KS_INVALID_STRUCT_SIZE)});
     // The storage flags each request ends with (compression falls back to one block where it cannot apply).
     const struct { uint32_t type; int32_t bpp, order; uint32_t flags; } kinds[] = {
         {512, 24, 1, 0x0003}, {512, 1, 0, 0x0103}, {1024, 8, 0, 0x8003}, {1024, 16, 1, 0x0003},
         {128, 8, 0, 0x0005},  {2, 8, 0, 0x0403}};
     for (const auto& k : kinds) {
         ASSERT_EQ(create(&bm, k.type, 64, 4, k.bpp, k.order), KS_SUCCESS) << k.type << " " << k.bpp;
-        EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, k.flags) << k.type << " " << k.bpp;
-        EXPECT_TRUE(k.type != 128 || bm.hMemory != nullptr);
+        EXPECT_TRUE((bm.uFlags & BRF_STORAGE_MASK) == k.flags && (k.type != 128 || bm.hMemory != nullptr)) << k.type << " " << k.bpp;
         K_FreeBitmap(&bm);
     }
 }
 
-// The cap, the thresholds and the free memory steer a 2000-byte image
-// (100 x 20) between one block, tiles, a file and a refusal. Each step sets the
-// cap (above the counter, 0 = none), the thresholds named in `which`, the free
-// memory (0 = the real one) and the process-wide largest image (0 = none).
+// The cap, the thresholds and the free memory steer a 2000-byte image (100 x 20) between one block, tiles,
+// a file and a refusal. Each step sets the cap (above the counter, 0 = none), the thresholds named in
+// `which`, the free memory (0 = the real one) and the process-wide largest image (0 = none).
 TEST(StorageDecision, CapThresholdsAndFreeMemorySteerTheDecision) {
     CapGuard guard;
-    struct Restore {
-        ~Restore() { krn::testhook::setAvailableMemory(0); }
-    } restore;
+    struct Restore { ~Restore() { krn::testhook::setAvailableMemory(0); } } restore;
     BITMAPRECORD bm;  // tile size 0 means 16 MiB: one tile holds every row
     uint64_t tileSize = 0;
     int32_t tiles = 0;
@@ -158,9 +150,8 @@ TEST(StorageDecision, CapThresholdsAndFreeMemorySteerTheDecision) {
 int32_t onAccess(BITMAPRECORD*, void* u) { return ++static_cast<int32_t*>(u)[0], static_cast<int32_t*>(u)[2]; }
 int32_t onRelease(BITMAPRECORD*, void* u) { return ++static_cast<int32_t*>(u)[1], 1; }
 
-// Nested accesses lock once and the last release unlocks (the height cannot
-// change meanwhile); the internal forms report and undo; the access callbacks
-// are asked once per outermost access, and a refused access is undone.
+// Nested accesses lock once and the last release unlocks (the height cannot change meanwhile); the internal
+// forms report and undo; the access callbacks are asked once per outermost access; a refusal is undone.
 TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
     BITMAPRECORD bm;
     ASSERT_EQ(create(&bm, 1, 16, 4, 8), KS_SUCCESS);
@@ -191,9 +182,8 @@ TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
     K_FreeBitmap(&bm);
 }
 
-// The cap commands (room 1 once the cap is reached, asking for room only
-// tests), then the counter through blocks, tiles (700 bytes: 7 rows each),
-// heights and files, and a height the cap does not allow.
+// The cap commands (room 1 once the cap is reached, asking for room only tests), then the counter through
+// blocks, tiles (700 bytes: 7 rows each), heights and files, and a height the cap does not allow.
 TEST(StorageCap, ManageMemoryCommandsAndTheCounterOfEveryKind) {
     CapGuard guard;
     int64_t v = 0;
@@ -216,19 +206,16 @@ TEST(StorageCap, ManageMemoryCommandsAndTheCounterOfEveryKind) {
     ASSERT_EQ(create(&bm, 1, 100, 10, 8), KS_SUCCESS);
     const struct { uint32_t type; int32_t height; int64_t counted; } steps[] = {
         {0, 10, 1000}, {0, 30, 3000}, {4, 30, 3000}, {0, 12, 1200}, {128, 12, 0}, {1, 12, 1200}};
-    for (const auto& s : steps) {
-        if (s.type) { ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, s.type, 700), KS_SUCCESS); }
-        ASSERT_EQ(K_ChangeBitmapHeight(&bm, s.height), KS_SUCCESS);
-        EXPECT_EQ(counter(), base + s.counted) << s.type << " " << s.height;
-    }
+    for (const auto& s : steps)
+        expectAll({IS(s.type ? K_SetBitmapMemoryInfo(&bm, s.type, 700) : 1, 1), IS(K_ChangeBitmapHeight(&bm, s.height), 1),
+                   IS(counter(), base + s.counted)});
     expectAll({IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 1500, nullptr), 1),
                IS(K_ChangeBitmapHeight(&bm, 20), KS_MEMORY_CAP_EXCEEDED), IS(bm.nHeight, 12),
                IS(counter(), base + 1200), IS(K_FreeBitmap(&bm), 1), IS(counter(), base)});
 }
 
-// Thresholds round-trip, refusals keep earlier values; the default memory
-// type is per thread and type 0 takes it; the process-wide largest image:
-// -1 removes it, 0 is no limit, other negatives are refused.
+// Thresholds round-trip, refusals keep earlier values; the default memory type is per thread and type 0
+// takes it; the process-wide largest image: -1 removes it, 0 is no limit, other negatives are refused.
 TEST(StorageSettings, ThresholdsAndDefaults) {
     CapGuard guard;
     int32_t a, b, c, d, e;
@@ -267,9 +254,8 @@ int32_t allocCb(BITMAPRECORD*, BITMAPALLOCINFO* info, void* user) {
     return g->answer;
 }
 
-// The process-wide allocation callback and the bitmap's allocate data
-// callback see the request, may change the memory type, may supply the
-// pixels (2) or refuse (their status is the result, nothing leaks).
+// The process-wide allocation callback and the bitmap's allocate data callback see the request, may change
+// the memory type, may supply the pixels (2) or refuse (their status is the result, nothing leaks).
 TEST(StorageCallbacks, AllocationCallbacksSeeAndSteerTheRequest) {
     AllocCb g;
     g.newType = 128;
@@ -279,38 +265,31 @@ TEST(StorageCallbacks, AllocationCallbacksSeeAndSteerTheRequest) {
     RGBQUAD pal[256] = {};
     BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, pal, 1, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(kindOf(bm), 128u) << "the callback changed the type";
     EXPECT_TRUE(g.seen.uStructSize == BITMAPALLOCINFO_SIZE && g.seen.uMemoryType == 1u && g.seen.nWidth == 30 &&
                 g.seen.nBytesPerLine == 0u && g.seen.uDataSize == 32u * 5u && g.seen.pExtra == pal);
-    K_FreeBitmap(&bm);
-    g.answer = -321;
-    EXPECT_EQ(create(&bm, 1, 30, 5, 8), -321);
-    ASSERT_EQ(K_SetAllocateBitmapCallback(old, oldUser, &mine, nullptr), KS_SUCCESS);
-    EXPECT_EQ(mine, &allocCb);
+    expectAll({IS(kindOf(bm), 128) /* the callback changed the type */, IS(K_FreeBitmap(&bm), 1),
+               IS((g.answer = -321, create(&bm, 1, 30, 5, 8)), -321),
+               IS(K_SetAllocateBitmapCallback(old, oldUser, &mine, nullptr), KS_SUCCESS), IS(mine == &allocCb, 1)});
 
     AllocCb d;
     BITMAPDATACALLBACKS cb = callbacks(&d);
     cb.pfnAllocate = allocCb;
-    const long live = krn::faultinject::liveBlocks();
+    const long live = fi::liveBlocks();
     const struct { int32_t answer; uint32_t newType; int32_t rc; uint32_t flags; } cases[] = {
         {2, 0, KS_SUCCESS, 0x0401}, {1, 1024, KS_SUCCESS, 0x8003}, {1, 3, KS_INVALID_PARAMETER, 0}, {-9, 0, -9, 0}};
     for (const auto& c : cases) {
         d.answer = c.answer, d.newType = c.newType;
-        EXPECT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb),
-                  c.rc);
-        EXPECT_EQ(bm.uFlags & BRF_STORAGE_MASK, c.flags) << c.answer << " " << c.newType;
-        EXPECT_EQ(d.seen.nBytesPerLine, 32u);
-        if (c.rc == KS_SUCCESS) K_FreeBitmap(&bm);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+        expectAll({IS(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, nullptr, 1, nullptr, 0, &cb), c.rc),
+                   IS(bm.uFlags & BRF_STORAGE_MASK, c.flags), IS(d.seen.nBytesPerLine, 32),
+                   IS(c.rc == KS_SUCCESS ? K_FreeBitmap(&bm) : 1, 1), IS(fi::liveBlocks(), live)});
     }
 }
 
-// K_ChangeBitmapHeight on every storage kind through heights that include 0:
-// the rows both heights share keep their pixels, new rows read as zero, the
-// data size follows and the kind stays. Oracle: a plain vector of rows.
+// K_ChangeBitmapHeight on every kind through heights that include 0: shared rows keep their pixels, new rows
+// read as zero, the data size follows and the kind stays. Oracle: a plain vector of rows.
 TEST(StorageHeight, EveryKindKeepsSharedRowsThroughEveryHeight) {
     CapGuard guard;
-    const long base = krn::faultinject::liveBlocks();
+    const long base = fi::liveBlocks();
     for (int bpp : {1, 8, 24}) {
         for (Kind kind : kindsFor(bpp)) {
             if (kind == Kind::CallerMemory || kind == Kind::CallbackMemory) continue;
@@ -338,9 +317,8 @@ TEST(StorageHeight, EveryKindKeepsSharedRowsThroughEveryHeight) {
             EXPECT_EQ(kindOf(k.bm), type) << "the kind does not change";
         }
     }
-    EXPECT_EQ(krn::faultinject::liveBlocks(), base);
-    // Refusals: caller memory, a locked bitmap, a negative height, no storage
-    // (the allocated bit is looked at before the size word).
+    EXPECT_EQ(fi::liveBlocks(), base);
+    // Refusals: caller memory, a locked bitmap, a negative height, no storage (allocated bit before size word).
     KindBitmap c(Kind::CallerMemory, 8, 8, 8), b(Kind::SingleBlock, 8, 8, 8);
     BITMAPRECORD none;
     expectAll({IS(K_ChangeBitmapHeight(&c.bm, 9), KS_INVALID_PARAMETER), IS(K_AccessBitmap(&b.bm), 1),
@@ -351,8 +329,8 @@ TEST(StorageHeight, EveryKindKeepsSharedRowsThroughEveryHeight) {
                IS((none.uStructSize = 100, K_ChangeBitmapHeight(&none, 3)), KS_INVALID_BITMAP)});
 }
 
-// A chain of conversions through every kind, then the compression calls
-// (-1: toggle), keep the pixels; the refusals change nothing.
+// A chain of conversions through every kind, then the compression calls (-1: toggle), keep the pixels; the
+// refusals change nothing.
 TEST(StorageConvert, ConversionChainKeepsThePixels) {
     CapGuard guard;
     BITMAPRECORD bm;
@@ -374,18 +352,14 @@ TEST(StorageConvert, ConversionChainKeepsThePixels) {
             EXPECT_EQ(kindOf(bm), kind) << mode;
             expectPattern(&bm, 17, 9, "after a compression call");
         }
-        EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 512, 0), bpp == 1 ? KS_SUCCESS : KS_INVALID_BITS_PER_PIXEL);
-        EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 2, 0), KS_INVALID_PARAMETER);
-        EXPECT_EQ(K_ChangeBitmapCompression(&bm, 3), KS_INVALID_PARAMETER);
-        K_AccessBitmap(&bm);
-        EXPECT_EQ(K_SetBitmapMemoryInfo(&bm, 4, 0), KS_INVALID_PARAMETER) << "a locked bitmap keeps its storage";
-        K_ReleaseBitmap(&bm);
+        expectAll({IS(K_SetBitmapMemoryInfo(&bm, 512, 0), bpp == 1 ? KS_SUCCESS : KS_INVALID_BITS_PER_PIXEL),
+                   IS(K_SetBitmapMemoryInfo(&bm, 2, 0), KS_INVALID_PARAMETER), IS(K_ChangeBitmapCompression(&bm, 3), KS_INVALID_PARAMETER),
+                   IS(K_AccessBitmap(&bm), 1), IS(K_SetBitmapMemoryInfo(&bm, 4, 0), KS_INVALID_PARAMETER) /* locked: kept */,
+                   IS(K_ReleaseBitmap(&bm), 1)});
         expectPattern(&bm, 17, 9, "after the refusals");
         K_FreeBitmap(&bm);
     }
-    ASSERT_EQ(create(&bm, 1, 9, 3, 16, 1), KS_SUCCESS);
-    EXPECT_EQ(K_ToggleBitmapCompression(&bm), KS_INVALID_BITS_PER_PIXEL);
-    K_FreeBitmap(&bm);
+    expectAll({IS(create(&bm, 1, 9, 3, 16, 1), 1), IS(K_ToggleBitmapCompression(&bm), KS_INVALID_BITS_PER_PIXEL), IS(K_FreeBitmap(&bm), 1)});
 }
 
 // ---------------------------------------------------------------- faults
@@ -402,12 +376,10 @@ int32_t supplyStorage(BITMAPRECORD* bm, BITMAPALLOCINFO* info, void* user) {
 }
 int32_t returnStorage(BITMAPRECORD*, void* user) { return ++static_cast<CallbackStorage*>(user)->frees, 2; }
 
-// Creation, writing every row and a conversion, with the Nth allocation
-// failing (once, or from then on), for every N until a run sees no injected
-// failure. A failed creation reports KS_NO_MEMORY and leaves the caller's
-// record byte for byte as it was (storage a callback supplied goes back
-// through the free callback); a failed write or conversion keeps the pixels;
-// nothing leaks, no byte stays counted.
+// Creation, writing every row and a conversion, with the Nth allocation failing (once, or from then on), for
+// every N until a run sees no injected failure. A failed creation reports KS_NO_MEMORY and leaves the record
+// byte for byte as it was (storage a callback supplied goes back through the free callback); a failed write
+// or conversion keeps the pixels; nothing leaks, no byte stays counted.
 TEST(StorageFaults, AllocationFailureAtEveryStep) {
     CapGuard guard;
     CallbackStorage store;
@@ -420,7 +392,7 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
         {1, 24, 1024, 1, nullptr}, {1, 8, 128, 1, nullptr},  {1, 1, 0, -1, nullptr},  {1, 24, 0, -1, &none},
         {1, 8, 0, 1, &none},       {1, 8, 0, 1, &supplied},  {1, 8, 0, -1, &supplied}};
     K_GetDefaultMemoryType();  // the per-thread block exists before the snapshot
-    const long live = krn::faultinject::liveBlocks();
+    const long live = fi::liveBlocks();
     const int64_t base = counter();
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << "type " << c.type << " bpp " << c.bpp << " to " << c.convertTo
@@ -431,32 +403,27 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
             std::memset(&bm, 0x3C, sizeof bm);
             const BITMAPRECORD before = bm;
             store.allocations = store.frees = 0;
-            krn::faultinject::arm(n, c.repeat);
-            int32_t rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, c.type, 70, 40, c.bpp, 1, nullptr, 1,
-                                                     nullptr, 0, c.cb);
+            fi::arm(n, c.repeat);
+            int32_t rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, c.type, 70, 40, c.bpp, 1, nullptr, 1, nullptr, 0, c.cb);
             const bool created = rc == KS_SUCCESS;
             if (created) rc = fillPattern(&bm, bm.nHeight, 5);  // compressed kinds allocate per row
             if (created && rc == KS_SUCCESS && c.convertTo) {
                 rc = K_SetBitmapMemoryInfo(&bm, c.convertTo, 5 * bm.nBytesPerLine);
                 if (rc != KS_SUCCESS) expectPattern(&bm, bm.nHeight, 5, "after a failed conversion");
             }
-            const long injected = krn::faultinject::injected();
-            krn::faultinject::disarm();
+            const long injected = fi::injected();
+            fi::disarm();
             failures += rc != KS_SUCCESS;
             if (!created) {
-                EXPECT_EQ(rc, KS_NO_MEMORY) << "n=" << n;
-                EXPECT_EQ(std::memcmp(&bm, &before, sizeof bm), 0) << "record changed at n=" << n;
+                EXPECT_TRUE(rc == KS_NO_MEMORY && std::memcmp(&bm, &before, sizeof bm) == 0) << "record changed at n=" << n;
                 failedAfterSupply += store.allocations;
             } else if (rc == KS_SUCCESS) {
                 const bool user = c.cb == &supplied;  // the callback's storage is caller memory
-                EXPECT_EQ(bm.uFlags & (user ? BRF_STORAGE_MASK : BRF_ALLOCATED),
-                          user ? BRF_ALLOCATED | BRF_USER_MEMORY : BRF_ALLOCATED);
+                EXPECT_EQ(bm.uFlags & (user ? BRF_STORAGE_MASK : BRF_ALLOCATED), user ? BRF_ALLOCATED | BRF_USER_MEMORY : BRF_ALLOCATED);
                 expectPattern(&bm, bm.nHeight, 5, "after absorbed failures");
             }
             K_FreeBitmap(&bm);
-            EXPECT_EQ(store.frees, store.allocations) << "n=" << n;
-            EXPECT_EQ(krn::faultinject::liveBlocks(), live) << "leak at n=" << n;
-            EXPECT_EQ(counter(), base) << "n=" << n;
+            EXPECT_TRUE(store.frees == store.allocations && fi::liveBlocks() == live && counter() == base) << "leak at n=" << n;
             if (injected == 0) {
                 ASSERT_EQ(rc, KS_SUCCESS);
                 break;
@@ -467,20 +434,20 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
     }
 }
 
-// Tiles in memory only: a failed tile is retried once with half the tile
-// size; already at the floor (8 MiB) the shortage is the answer.
+// Tiles in memory only: a failed tile is retried once with half the tile size; at the floor (8 MiB) the
+// shortage is the answer.
 TEST(StorageFaults, TilesRetryWithHalfTheTileSize) {
     CapGuard guard;
     ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE), 1);
     K_GetDefaultMemoryType();
-    const long live = krn::faultinject::liveBlocks();
+    const long live = fi::liveBlocks();
     for (int32_t floor : {0, 1}) {
         if (floor) { ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS); }
         BITMAPRECORD bm;
         ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);  // 32 MiB
-        krn::faultinject::arm(1, 1);  // allocation 0 is the tile table, 1 the first 16 MiB tile
+        fi::arm(1, 1);  // allocation 0 is the tile table, 1 the first 16 MiB tile
         const int32_t rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
-        krn::faultinject::disarm();
+        fi::disarm();
         EXPECT_EQ(rc, floor ? KS_NO_MEMORY : KS_SUCCESS);
         uint64_t tileSize = 0;
         int32_t tiles = 0, onDisk = -1;
@@ -490,7 +457,7 @@ TEST(StorageFaults, TilesRetryWithHalfTheTileSize) {
         EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, floor ? 0u : BRF_ALLOCATED);
         K_FreeBitmap(&bm);
     }
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+    EXPECT_EQ(fi::liveBlocks(), live);
 }
 
 TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
@@ -500,16 +467,16 @@ TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
         ASSERT_EQ(create(&bm, 1, 64, 20, type == 512 ? 1 : 8, 1), KS_SUCCESS);
         ASSERT_EQ(K_SetBitmapMemoryInfo(&bm, type, 3 * bm.nBytesPerLine), KS_SUCCESS);
         ASSERT_EQ(fillPattern(&bm, 20, 5), KS_SUCCESS);
-        const long live = krn::faultinject::liveBlocks();
+        const long live = fi::liveBlocks();
         bool sawFailure = false;
         for (long n = 0; n < 50; ++n) {
-            krn::faultinject::arm(n, -1);  // every allocation from the Nth on fails
+            fi::arm(n, -1);  // every allocation from the Nth on fails
             // Compressed rows live in blocks of 32768 rows: grow past one.
             const int32_t rc = K_ChangeBitmapHeight(&bm, type == 512 ? 40000 : 70000 / int32_t(bm.nBytesPerLine) + 40);
-            krn::faultinject::disarm();
+            fi::disarm();
             if (rc == KS_SUCCESS) break;
             sawFailure = true;
-            EXPECT_TRUE(bm.nHeight == 20 && krn::faultinject::liveBlocks() == live) << type << " n=" << n;
+            EXPECT_TRUE(bm.nHeight == 20 && fi::liveBlocks() == live) << type << " n=" << n;
             expectPattern(&bm, 20, 5, "after a failed height change");
         }
         EXPECT_TRUE(sawFailure || type == 128 || type == 4) << type;  // tiles and files need no allocator here
@@ -518,10 +485,9 @@ TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
     }
 }
 
-// Temporary-file failures reach the caller of the bitmap calls with nothing
-// allocated, counted or open: a missing folder, the cap in the way, files
-// limited to 1 MiB (a full disk), tiles that must go to files, no files at
-// all, and a redirected file system whose writes fail.
+// Temporary-file failures reach the caller with nothing allocated, counted or open: a missing folder, the
+// cap in the way, files limited to 1 MiB (a full disk), tiles that must go to files, no files at all, and a
+// redirected file system whose writes fail.
 TEST(StorageFaults, TemporaryFileFailures) {
     CapGuard guard;
     testfs::StateGuard state;
@@ -560,24 +526,20 @@ TEST(StorageFaults, TemporaryFileFailures) {
     cap(0);
     options(0, -1);
     testfs::MemFs fs;
-    REDIRECTRECORD t = fs.table();
-    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
+    ASSERT_EQ(fs.install(), KS_SUCCESS);
     ASSERT_EQ(create(&bm, 128, 100, 10, 8), KS_SUCCESS);
-    EXPECT_EQ(fs.opens, 1);
     ASSERT_EQ(fillPattern(&bm, 10, 3), KS_SUCCESS);
     expectPattern(&bm, 10, 3, "through the table");
-    fs.failWriteAt = fs.writes + 1;
     uint8_t row[100] = {};
-    EXPECT_EQ(K_PutBitmapRow(&bm, row, 2, 100), KS_FILE_WRITE);
-    K_FreeBitmap(&bm);
-    EXPECT_EQ(fs.openHandles(), 0u);
+    expectAll({IS(fs.opens, 1), IS((fs.failWriteAt = fs.writes + 1, K_PutBitmapRow(&bm, row, 2, 100)), KS_FILE_WRITE),
+               IS(K_FreeBitmap(&bm), 1), IS(fs.openHandles(), 0)});
     fs.capacity = 500;  // a disk that is full from the start
     allocateFails(100, 10, 128, KS_FILE_WRITE);
     EXPECT_EQ(fs.openHandles(), 0u);
 }
 
-// Six threads allocate, tile, write and resize against one cap: the counter
-// never passes the cap, every refusal is the cap's, and it ends where it began.
+// Six threads allocate, tile, write and resize against one cap: the counter never passes the cap, every
+// refusal is the cap's, and it ends where it began.
 TEST(StorageThreads, CounterStaysExactUnderACap) {
     CapGuard guard;
     const int64_t base = counter(), cap = base + 64 * 1024;

@@ -1,22 +1,21 @@
-// test_wideutf8.cpp - strict UTF-8 / UTF-16 / UTF-32 / wchar_t conversion:
-// every scalar value round trips and matches a plain reference encoder;
-// every 1-, 2- and 3-byte sequence is accepted exactly when the reference
-// says it is canonical; overlongs, surrogates, truncation and out-of-range
-// values are refused; short outputs keep whole characters.
+// test_wideutf8.cpp - strict UTF-8 / UTF-16 / UTF-32 / wchar_t conversion: every scalar round trips and
+// matches a plain reference encoder; every 1-, 2- and 3-byte sequence is accepted exactly when the reference
+// says it is canonical; malformed input is refused; short outputs keep whole characters.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "check_list.h"
 #include "ombrix.h"
 #include "wideutf8.h"
 
 namespace {
 
 using namespace krn::utf;
+using checklist::expectAll;
 
-// ---------------------------------------------------------------- reference
 // Textbook encoder, written independently of the module.
 std::string refUtf8(char32_t c) {
     if (c <= 0x7F) return std::string(1, char(c));
@@ -28,9 +27,8 @@ std::string refUtf8(char32_t c) {
 }
 bool refScalar(uint32_t c) { return c < 0xD800 || (c > 0xDFFF && c <= 0x10FFFF); }
 
-// Reference validity of a byte sequence as one character: decode loosely
-// (any lead pattern, any continuation), then require that re-encoding the
-// value gives the same bytes and the value is a scalar.
+// Reference validity of one character: decode loosely (any lead, any continuation), then require a scalar
+// whose re-encoding gives the same bytes.
 bool refValidOne(const unsigned char* b, size_t n) {
     if (n == 0) return false;
     size_t len;
@@ -46,11 +44,9 @@ bool refValidOne(const unsigned char* b, size_t n) {
         c = (c << 6) | (b[i] & 0x3F);
     }
     if (!refScalar(c)) return false;
-    std::string again = refUtf8(c);
-    return again.size() == n && std::memcmp(again.data(), b, n) == 0;
+    return refUtf8(c) == std::string(reinterpret_cast<const char*>(b), n);
 }
 
-// ---------------------------------------------------------------- tests
 // Every scalar value, all at once, through every pair of encodings.
 TEST(WideUtf8Scalars, EveryScalarRoundTripsAndMatchesReference) {
     std::u32string all;
@@ -76,9 +72,7 @@ TEST(WideUtf8Scalars, EveryScalarRoundTripsAndMatchesReference) {
     };
     for (const UtfResult& r : results) EXPECT_EQ(r.status, kUtfOk);
     EXPECT_EQ(r16.written, all.size() + supp);
-    EXPECT_TRUE(out == ref8 && out2 == ref8 && out3 == ref8);
-    EXPECT_TRUE(back == all && back2 == all);
-    EXPECT_TRUE(u16b == u16);
+    EXPECT_TRUE(out == ref8 && out2 == ref8 && out3 == ref8 && back == all && back2 == all && u16b == u16);
 }
 
 // Every 1- and 2-byte sequence and every 3-byte one with a 3-byte lead.
@@ -97,14 +91,10 @@ TEST(WideUtf8Sequences, EveryShortSequenceAgreesWithReference) {
     EXPECT_EQ(accepted, 0x10000 - 0x800 - 0x800);  // 0x800..0xFFFF minus the 2048 surrogates
 }
 
-// Malformed input is refused with the position of the first bad byte; the
-// exported form writes nothing but the terminator.
+// Malformed input is refused with the position of the first bad byte; the exported form writes nothing but
+// the terminator.
 TEST(WideUtf8Malformed, RefusedWithPosition) {
-    const struct {
-        std::string bytes;
-        size_t errorAt;
-        const char* what;
-    } cases[] = {
+    const struct { std::string bytes; size_t errorAt; const char* what; } cases[] = {
         {"\xC0\x80", 0, "overlong NUL"},                 {"a\xC1\xBF", 1, "overlong 2-byte"},
         {"ab\xE0\x80\x80", 2, "overlong 3-byte"},       {"\xE0\x9F\xBF", 0, "overlong just below U+0800"},
         {"\xF0\x80\x80\x80", 0, "overlong 4-byte"},     {"\xF0\x8F\xBF\xBF", 0, "overlong just below U+10000"},
@@ -121,9 +111,8 @@ TEST(WideUtf8Malformed, RefusedWithPosition) {
         EXPECT_TRUE(r.status == kUtfMalformed && r.errorAt == c.errorAt) << c.what << " at " << r.errorAt;
         wchar_t w[16];
         uint32_t n = 99;
-        EXPECT_EQ(utf8ToWide(c.bytes.data(), c.bytes.size(), w, 16).status, kUtfMalformed) << c.what;
-        EXPECT_EQ(K_Utf8ToWide(c.bytes.data(), int32_t(c.bytes.size()), w, 16, &n), KS_INVALID_PARAMETER) << c.what;
-        EXPECT_TRUE(n == 0u && w[0] == L'\0') << c.what;
+        const bool wide = utf8ToWide(c.bytes.data(), c.bytes.size(), w, 16).status == kUtfMalformed;
+        EXPECT_TRUE(wide && K_Utf8ToWide(c.bytes.data(), int32_t(c.bytes.size()), w, 16, &n) == KS_INVALID_PARAMETER && n == 0u && w[0] == L'\0') << c.what;
     }
     for (const char* g : {"\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80", "\xEF\xBF\xBF",
                           "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"})  // edges that are valid
@@ -141,45 +130,34 @@ TEST(WideUtf8Malformed, RefusedWithPosition) {
     EXPECT_TRUE(sizeof(wchar_t) != 4 || K_WideToUtf8(wlone, -1, o, 8, nullptr) == KS_INVALID_PARAMETER);
 }
 
-// Measuring, outputs too small in the middle of a character (whole
-// characters kept, terminated), explicit lengths with zero units, arguments.
+// Measuring, outputs too small in the middle of a character (whole characters kept, terminated), explicit
+// lengths with zero units, arguments, the kernel's whole-string helpers.
 TEST(WideUtf8Output, TooSmallKeepsWholeCharactersAndMeasures) {
     const std::string s = "a\xC3\xA9\xE6\xBC\xA2\xF0\x9F\x98\x80z";  // a é 漢 😀 z
     uint16_t u[8];
     uint32_t n = 0;
-    ASSERT_EQ(K_Utf8ToUtf16(s.c_str(), -1, nullptr, 0, &n), KS_SUCCESS);
-    EXPECT_EQ(n, 6u);  // a, é, 漢, two for 😀, z
-    ASSERT_EQ(K_Utf8ToUtf16(s.c_str(), -1, u, 5, &n), KS_BUFFER_TOO_SMALL);  // the pair does not split
-    EXPECT_TRUE(n == 3u && u[3] == 0);
-    ASSERT_EQ(K_Utf8ToUtf16(s.c_str(), -1, u, 7, &n), KS_SUCCESS);
-    EXPECT_TRUE(n == 6u && u[3] == 0xD83D && u[4] == 0xDE00);
     char back[32];
-    ASSERT_EQ(K_Utf16ToUtf8(u, int32_t(n), back, sizeof back, &n), KS_SUCCESS);
-    EXPECT_EQ(std::string(back), s);
-    ASSERT_EQ(K_Utf16ToUtf8(u, 6, back, 9, &n), KS_BUFFER_TOO_SMALL);
-    EXPECT_TRUE(n == 6u && back[6] == '\0');  // a(1) é(2) 漢(3); the 4 bytes of 😀 do not fit in 8
+    expectAll({IS(K_Utf8ToUtf16(s.c_str(), -1, nullptr, 0, &n), KS_SUCCESS), IS(n, 6) /* a, é, 漢, two for 😀, z */,
+               IS(K_Utf8ToUtf16(s.c_str(), -1, u, 5, &n), KS_BUFFER_TOO_SMALL) /* the pair does not split */, IS(n, 3), IS(u[3], 0),
+               IS(K_Utf8ToUtf16(s.c_str(), -1, u, 7, &n), KS_SUCCESS), IS(n, 6), IS(u[3], 0xD83D), IS(u[4], 0xDE00),
+               IS(K_Utf16ToUtf8(u, int32_t(n), back, sizeof back, &n), KS_SUCCESS), IS(std::string(back) == s, 1),
+               IS(K_Utf16ToUtf8(u, 6, back, 9, &n), KS_BUFFER_TOO_SMALL), IS(n, 6) /* a(1) é(2) 漢(3); 😀 does not fit */,
+               IS(back[6], '\0')});
     const std::u16string pair = u"\xD83D\xDE00";  // U+1F600
     const UtfResult r = utf16ToUtf8(pair.data(), pair.size(), back, sizeof back);
     EXPECT_TRUE(r.status == kUtfOk && std::string(back, r.written) == "\xF0\x9F\x98\x80");
     const char withNul[] = {'a', '\0', 'b'};
     wchar_t w[4];
-    ASSERT_EQ(K_Utf8ToWide(withNul, 3, w, 4, &n), KS_SUCCESS);
-    EXPECT_TRUE(n == 3u && w[1] == L'\0' && w[2] == L'b');
-    for (int32_t st : {K_Utf8ToWide(nullptr, -1, w, 4, &n), K_Utf8ToWide("x", -2, w, 4, &n), K_Utf8ToWide("x", -1, nullptr, 4, &n)})
-        EXPECT_EQ(st, KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_Utf8ToWide("x", -1, w, 1, &n), KS_BUFFER_TOO_SMALL);
-    EXPECT_EQ(w[0], L'\0');
-    // The whole-string helpers of the kernel.
     krn::kvector<char> k8;
     krn::kvector<wchar_t> kw;
-    ASSERT_TRUE(wideToUtf8(L"caf\u00E9/\u6F22", k8));
-    EXPECT_STREQ(k8.data(), "caf\xC3\xA9/\xE6\xBC\xA2");
-    ASSERT_TRUE(utf8ToWide(k8.data(), kw));
-    EXPECT_EQ(std::wstring(kw.data()), L"caf\u00E9/\u6F22");
-    EXPECT_FALSE(utf8ToWide("\xC0\x80", kw));
     bool noMem = true;
-    EXPECT_FALSE(utf8ToWide(nullptr, kw, &noMem));
-    EXPECT_FALSE(noMem);
+    expectAll({IS(K_Utf8ToWide(withNul, 3, w, 4, &n), KS_SUCCESS), IS(n, 3), IS(w[1], L'\0'), IS(w[2], L'b'),
+               IS(K_Utf8ToWide(nullptr, -1, w, 4, &n), KS_INVALID_PARAMETER), IS(K_Utf8ToWide("x", -2, w, 4, &n), KS_INVALID_PARAMETER),
+               IS(K_Utf8ToWide("x", -1, nullptr, 4, &n), KS_INVALID_PARAMETER), IS(K_Utf8ToWide("x", -1, w, 1, &n), KS_BUFFER_TOO_SMALL),
+               IS(w[0], L'\0'), IS(wideToUtf8(L"caf\u00E9/\u6F22", k8), 1),
+               IS(std::string(k8.data()) == "caf\xC3\xA9/\xE6\xBC\xA2", 1), IS(utf8ToWide(k8.data(), kw), 1),
+               IS(std::wstring(kw.data()) == L"caf\u00E9/\u6F22", 1), IS(utf8ToWide("\xC0\x80", kw), 0),
+               IS(utf8ToWide(nullptr, kw, &noMem), 0), IS(noMem, 0)});
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
-// first_call_malloc.cpp - the C library's own allocations fail during a
-// thread's first call into the kernel. The process replaces malloc, calloc
-// and realloc, so every allocation made during the call fails in turn (the
-// kernel's, the C++ runtime's and the C library's alike): the call must return
-// success or -1 with the record unallocated, and never end the process. Exits
-// 0 when every failure point was walked; a crash or a wrong status fails.
+// first_call_malloc.cpp - every allocation made during a thread's first call into the kernel fails in turn
+// (malloc, calloc and realloc are replaced: the kernel's, the C++ runtime's and the C library's alike). The
+// call must return success or -1 with the record unallocated and never end the process. Exits 0 when every
+// failure point was walked.
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -33,11 +31,7 @@ extern "C" void* calloc(size_t n, size_t k) { return failNow() ? nullptr : __lib
 extern "C" void* realloc(void* p, size_t n) { return failNow() ? nullptr : __libc_realloc(p, n); }
 
 namespace {
-struct Result {
-    long n;
-    int32_t rc;
-    bool clean;
-};
+struct Result { long n; int32_t rc; bool clean; };
 
 void* firstCall(void* arg) {
     auto* r = static_cast<Result*>(arg);

@@ -1,8 +1,11 @@
-// redirect_memfs.h - redirect tables for tests. MemFs keeps its files in
-// memory; the Nth open / read / write / seek can be made to fail, writes are
-// cut short by a capacity (a full disk), and every call is counted.
-// CountingSink moves no bytes: it records the size of each transfer asked for.
+// redirect_memfs.h - redirect tables, scratch folders and state guards for tests. MemFs keeps its files in
+// memory; the Nth open / read / write / seek can be made to fail, writes are cut short by a capacity (a full
+// disk), and every call is counted. CountingSink moves no bytes: it records the size of each transfer asked for.
 #pragma once
+
+#include <dirent.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -23,8 +26,7 @@ public:
         uint64_t pos = 0;
         uint32_t mode = 0;
     };
-    // 1-based: the Nth call of that kind fails (returns -1 / invalid); 0 never.
-    long failOpenAt = 0, failReadAt = 0, failWriteAt = 0, failSeekAt = 0;
+    long failOpenAt = 0, failReadAt = 0, failWriteAt = 0, failSeekAt = 0;  // 1-based: the Nth call fails; 0 never
     uint64_t capacity = UINT64_MAX;  // largest size a file may reach: writes past it are short
     uint32_t readLimitPerCall = 0;   // reads return at most this many bytes per call (0: no limit)
     long opens = 0, reads = 0, writes = 0, seeks = 0, closes = 0;
@@ -32,8 +34,7 @@ public:
     std::vector<std::wstring> openNames;
     std::map<std::wstring, std::vector<uint8_t>> files;
 
-    // The table: every slot filled, user data = this.
-    REDIRECTRECORD table() {
+    REDIRECTRECORD table() {  // every slot filled, user data = this
         REDIRECTRECORD t{};
         t.uStructSize = REDIRECTRECORD_SIZE;
         t.pfnOpen = &open, t.pfnRead = &read, t.pfnWrite = &write, t.pfnSeek = &seek, t.pfnClose = &close;
@@ -41,6 +42,15 @@ public:
         t.pOpenUserData = t.pReadUserData = t.pWriteUserData = t.pSeekUserData = t.pCloseUserData = this;
         t.pSizeUserData = t.pSetSizeUserData = this;
         return t;
+    }
+    int32_t install() {  // as the calling thread's table
+        REDIRECTRECORD t = table();
+        return K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0);
+    }
+    static int32_t uninstall() {
+        REDIRECTRECORD t{};
+        t.uStructSize = REDIRECTRECORD_SIZE;
+        return K_SetRedirectFunctions(&t, REDIRECT_SET_RESET, 0);
     }
     size_t openHandles() const { return handles_.size(); }  // not yet closed
 
@@ -50,12 +60,11 @@ public:
         ++fs->opens;
         fs->openModes.push_back(mode);
         fs->openNames.push_back(n);
-        if (fs->opens == fs->failOpenAt) return OMBRIX_INVALID_FILE;
         auto it = fs->files.find(n);
-        if (it == fs->files.end() && !(mode & REDIRECT_OPEN_CREATE)) return OMBRIX_INVALID_FILE;
-        if (it != fs->files.end() && (mode & REDIRECT_OPEN_CREATE) && (mode & REDIRECT_OPEN_EXCLUSIVE))
+        const bool exists = it != fs->files.end(), create = mode & REDIRECT_OPEN_CREATE;
+        if (fs->opens == fs->failOpenAt || (!exists && !create) || (exists && create && (mode & REDIRECT_OPEN_EXCLUSIVE)))
             return OMBRIX_INVALID_FILE;
-        if (it == fs->files.end() || (mode & REDIRECT_OPEN_TRUNCATE)) fs->files[n].clear();
+        if (!exists || (mode & REDIRECT_OPEN_TRUNCATE)) fs->files[n].clear();
         fs->handles_.push_back(std::make_unique<Handle>(Handle{n, 0, mode}));
         return fs->handles_.back().get();
     }
@@ -86,10 +95,8 @@ public:
         auto* fs = static_cast<MemFs*>(user);
         Handle* h = fs->live(hv);
         if (++fs->seeks == fs->failSeekAt || !h) return -1;
-        const int64_t base = origin == REDIRECT_SEEK_SET   ? 0
-                             : origin == REDIRECT_SEEK_CUR ? int64_t(h->pos)
-                             : origin == REDIRECT_SEEK_END ? int64_t(fs->files[h->name].size())
-                                                           : -1;
+        const int64_t base = origin == REDIRECT_SEEK_SET ? 0 : origin == REDIRECT_SEEK_CUR ? int64_t(h->pos)
+                             : origin == REDIRECT_SEEK_END ? int64_t(fs->files[h->name].size()) : -1;
         if (base < 0 || base + off < 0) return -1;
         return int64_t(h->pos = uint64_t(base + off));
     }
@@ -145,6 +152,48 @@ struct CountingSink {
         const uint32_t k = uint32_t(std::min<uint64_t>(s->eofAfter > s->served ? s->eofAfter - s->served : 0, n));
         s->served += k;
         return int32_t(k);
+    }
+};
+
+// The names in a folder (without "." and "..").
+inline std::vector<std::string> folderEntries(const std::string& path) {
+    std::vector<std::string> out;
+    if (DIR* d = opendir(path.c_str())) {
+        while (dirent* e = readdir(d))
+            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") out.push_back(e->d_name);
+        closedir(d);
+    }
+    return out;
+}
+inline int openFdCount() { return int(folderEntries("/proc/self/fd").size()); }
+
+// A fresh folder under /tmp, removed (with its files) at the end.
+struct ScratchDir {
+    std::string path;
+    ScratchDir() {
+        char tmpl[] = "/tmp/ombrix_redirect_XXXXXX";
+        const char* p = mkdtemp(tmpl);
+        path = p ? p : "";
+    }
+    ~ScratchDir() {
+        for (auto& n : entries()) unlink((path + "/" + n).c_str());
+        rmdir(path.c_str());
+    }
+    std::vector<std::string> entries() const { return folderEntries(path); }
+};
+
+// Restores the thread's and the process-wide redirect tables, the temporary folder and options at the end.
+struct StateGuard {
+    TEMPFILEOPTIONS saved{};
+    StateGuard() { K_GetTempFileOptions(&saved, TEMPFILEOPTIONS_SIZE); }
+    ~StateGuard() {
+        for (int processWide : {0, 1}) {
+            REDIRECTRECORD r{};
+            r.uStructSize = REDIRECTRECORD_SIZE;
+            K_SetRedirectFunctions(&r, REDIRECT_SET_RESET, processWide);
+        }
+        K_SetTempDirectoryUtf8(nullptr);
+        K_SetTempFileOptions(&saved);
     }
 };
 
