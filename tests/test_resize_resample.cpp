@@ -256,7 +256,7 @@ TEST(Resample, PaletteImagesGoThroughTheirColours) {
 // 5-6-5 colour (within one step of the stored fields), rows wider than one
 // 2,048-float chunk into a bottom-up destination (rows flipped), a reduction
 // whose filter spans more than 4,096 source pixels.
-TEST(Resample, SixteenBitColourWideFlippedRowsAndLongFilters) {
+TEST(Resample, SixteenBitColourWideFlippedRowsAndWideFilters) {
     for (int32_t order : {ORDER_BGR, ORDER_RGB565}) {
         const int gBits = order == ORDER_RGB565 ? 6 : 5;
         auto expand = [](uint32_t v, int bits) { return double(bits == 5 ? (v << 3) | (v >> 2) : (v << 2) | (v >> 4)); };
