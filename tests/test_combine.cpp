@@ -1,9 +1,8 @@
-// Combining two bitmaps: every operation x operator x depth against the
-// per-sample reference (combine_reference.h), the worked cases, regions,
-// storage kinds, view perspectives, bad input, allocation failures and the
-// status callback; the dispatched row kernels against the plain ones.
+// Combining two bitmaps against the per-sample reference of combine_reference.h:
+// every flag word and depth, regions, storage kinds, perspectives, faults.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <string>
@@ -52,9 +51,8 @@ RefImage expected(const RefImage& dst0, RefImage src, const Format& f, uint32_t 
 }
 
 std::string describe(const Format& f, uint32_t flags) {
-    char b[96];
-    std::snprintf(b, sizeof b, "bpp %d order %d high %d flags 0x%04X", f.bpp, f.order, f.highBit, flags);
-    return b;
+    return "bpp " + std::to_string(f.bpp) + " order " + std::to_string(f.order) + " high " + std::to_string(f.highBit) +
+           " flags " + std::to_string(flags);
 }
 
 struct ModeGuard {
@@ -63,11 +61,10 @@ struct ModeGuard {
     ~ModeGuard() { krn::setCombineTestMode(old); }
 };
 
-const Format kFormats[] = {
-    {1, 0},  {2, 0},  {3, 0},  {4, 0},  {5, 0},  {6, 0},  {7, 0},  {8, 0},
-    {12, ORDER_GRAY}, {12, ORDER_GRAY, 9}, {16, ORDER_BGR}, {16, ORDER_RGB565}, {16, ORDER_GRAY},
-    {16, ORDER_GRAY, 11}, {24, ORDER_BGR}, {32, ORDER_BGR}, {32, ORDER_GRAY}, {48, ORDER_BGR}, {64, ORDER_BGR},
-};
+const Format kFormats[] = {{1, 0}, {2, 0}, {3, 0}, {4, 0}, {5, 0}, {6, 0}, {7, 0}, {8, 0}, {12, ORDER_GRAY},
+                           {12, ORDER_GRAY, 9}, {16, ORDER_BGR}, {16, ORDER_RGB565}, {16, ORDER_GRAY},
+                           {16, ORDER_GRAY, 11}, {24, ORDER_BGR}, {32, ORDER_BGR}, {32, ORDER_GRAY}, {48, ORDER_BGR},
+                           {64, ORDER_BGR}};
 
 class CombineOracle : public ::testing::TestWithParam<Format> {};
 
@@ -101,30 +98,6 @@ INSTANTIATE_TEST_SUITE_P(AllDepths, CombineOracle, ::testing::ValuesIn(kFormats)
     return "bpp" + std::to_string(i.param.bpp) + "_order" + std::to_string(i.param.order) +
            (i.param.highBit >= 0 ? "_high" + std::to_string(i.param.highBit) : "");
 });
-
-// The plan word for every flag word against the reference plan.
-TEST(CombinePlan, AgreesWithTheBitLevelDerivation) {
-    for (int32_t bpp : {1, 8, 24}) {
-        for (uint32_t flags = 0; flags <= 0xFFFF; ++flags) {
-            krn::CombinePlan p;
-            const int32_t rc = krn::combinePlan(flags, bpp, &p);
-            ASSERT_EQ(rc, combinetest::validFlags(flags) ? KS_SUCCESS : KS_INVALID_PARAMETER) << flags;
-            if (rc != KS_SUCCESS) continue;
-            const combinetest::Plan r = combinetest::planOf(flags, bpp);
-            ASSERT_EQ(std::vector<bool>({p.bitwise(), p.readsSrc(), p.readsDst(), p.nothing()}),
-                      std::vector<bool>({r.bitwise, r.readsSrc, r.readsDst, r.nothing})) << flags;
-            if (p.bitwise()) {
-                for (int s = 0; s < 2; ++s)
-                    for (int d = 0; d < 2; ++d) ASSERT_EQ(bool((p.truth() >> (2 * s + d)) & 1), r.truth[s][d]);
-            } else {
-                const uint32_t op = (flags >> 8) & 0xF;
-                ASSERT_EQ(p.rowCode(), op == 0xD ? 0x19u : op == 0xC ? 0u : 0x10u + op - 3) << flags;
-                ASSERT_EQ(p.word & 0x700, ((flags & 0xF) == 1 ? 0x100u : 0) | ((flags & 0xF0) == 0x10 ? 0x200u : 0) |
-                                              ((flags & 0xF000) == 0x1000 ? 0x400u : 0)) << flags;
-            }
-        }
-    }
-}
 
 // The worked cases of the combine plan (one pixel each).
 TEST(CombineWorkedCases, Table) {
@@ -228,34 +201,79 @@ TEST(CombineBadInput, FlagWordsRecordsAndRectangles) {
 
 // Each failing allocation returns -1 and leaves the destination as it was,
 // nothing leaks; also when the source of another view perspective is
-// converted into a temporary record first.
+// converted into a temporary record first, and when the destination's rows
+// are re-encoded as they are written (super-compressed: the rows written
+// before a failing one are put back).
+int32_t gPercent = 0;
 TEST(CombineFaults, AllocationFailureWalkLeavesTheDestination) {
-    for (int32_t bpp : {1, 4, 24, 32})
-        for (uint32_t mode : {0u, 2u, 9u}) {  // 9: a source of another perspective
-            SCOPED_TRACE(::testing::Message() << bpp << " mode " << mode);
-            const Format f{bpp, bpp >= 24 ? 1 : 0};
-            const bool turned = mode == 9;
-            if (turned && bpp != 24) continue;
-            RefImage d = randomImage(50, 30, bpp, 9);
-            Bmp dst(50, 30, f), src(turned ? 30 : 50, turned ? 50 : 30, f, turned ? RIGHT_TOP : TOP_LEFT);
-            RefImage s = randomImage(src.bm.nWidth, src.bm.nHeight, bpp, 10);
-            putImage(&src.bm, s);
-            const uint32_t flags = bpp == 1 ? CombineXor : turned ? CombineMaximum : CombineAlphaOver;
-            ModeGuard m(turned ? 0 : mode);
-            Bmp clean(50, 30, f, d);  // the result without faults
-            ASSERT_EQ(K_CombineBitmapKrn(&clean.bm, 3, 1, 41, 25, &src.bm, 1, 0, flags), KS_SUCCESS);
-            if (!turned) { EXPECT_EQ(getImage(&clean.bm).px, expected(d, s, f, flags, 3, 1, 41, 25, 1, 0).px); }
-            const int failures = allocationWalk([&](Armed& armed) {
-                putImage(&dst.bm, d);
-                const bool ok = armed([&] { return K_CombineBitmapKrn(&dst.bm, 3, 1, 41, 25, &src.bm, 1, 0, flags); }) == KS_SUCCESS;
-                // The storage layer may fall back to another kind after a failed allocation.
-                EXPECT_EQ(getImage(&dst.bm).px, ok ? getImage(&clean.bm).px : d.px) << armed.n;
-                EXPECT_EQ(dst.bm.nLockCount, 0);
-            });
-            EXPECT_GT(failures, 0);
-            EXPECT_EQ(getImage(&src.bm).px, s.px);
-            EXPECT_EQ(src.bm.nViewPerspective, turned ? RIGHT_TOP : TOP_LEFT);
+    storagetest::CapGuard cap;
+    const struct {
+        int32_t bpp;
+        uint32_t mode;  // 9: a source of another perspective
+        Kind kind;
+        uint32_t flags;
+    } cases[] = {{1, 0, Kind::SingleBlock, CombineXor}, {1, 2, Kind::SingleBlock, CombineXor},
+                 {4, 0, Kind::SingleBlock, CombineAlphaOver}, {4, 2, Kind::SingleBlock, CombineAlphaOver},
+                 {24, 0, Kind::SingleBlock, CombineAlphaOver}, {24, 2, Kind::SingleBlock, CombineAlphaOver},
+                 {24, 9, Kind::SingleBlock, CombineMaximum}, {32, 0, Kind::SingleBlock, CombineAlphaOver},
+                 {32, 2, Kind::SingleBlock, CombineAlphaOver}, {1, 0, Kind::SuperCompressed, CombineOr | COMBINE_SRC_INVERT},
+                 {8, 0, Kind::SuperCompressed, CombineAdd}};
+    StatusScope scope([](int32_t pct, void*) { return gPercent = std::max(gPercent, pct), 1; }, nullptr);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.bpp << " mode " << c.mode << " " << kindName(c.kind));
+        const Format f{c.bpp, c.bpp >= 24 ? 1 : 0};
+        const bool turned = c.mode == 9, paged = c.kind != Kind::SingleBlock;
+        RefImage d = randomImage(50, 30, c.bpp, 9);
+        for (int32_t y = 0; paged && y < d.height; ++y)  // runs of a few bytes: several runs per compressed row
+            for (uint32_t i = 0; i < d.bpl; ++i) d.row(y)[i] = uint8_t(((i / 3) * 37 + y * 11 + 1) * 0x9E);
+        KindBitmap dst(c.kind, 50, 30, c.bpp);
+        if (paged) {  // the stored bits only
+            putImage(&dst.bm, d);
+            d = getImage(&dst.bm);
         }
+        Bmp src(turned ? 30 : 50, turned ? 50 : 30, f, turned ? RIGHT_TOP : TOP_LEFT);
+        dst.bm.nOrder = f.order;
+        RefImage s = randomImage(src.bm.nWidth, src.bm.nHeight, c.bpp, 10);
+        putImage(&src.bm, s);
+        ModeGuard m(c.mode == 2 ? 2 : 0);
+        Bmp clean(50, 30, f, d);  // the result without faults
+        ASSERT_EQ(K_CombineBitmapKrn(&clean.bm, 3, 1, 41, 25, &src.bm, 1, 0, c.flags), KS_SUCCESS);
+        if (!turned) { EXPECT_EQ(getImage(&clean.bm).px, expected(d, s, f, c.flags, 3, 1, 41, 25, 1, 0).px); }
+        int midway = 0;  // failures after some rows were written
+        const int failures = allocationWalk([&](Armed& armed) {
+            putImage(&dst.bm, d);
+            gPercent = 0;
+            const bool ok = armed([&] { return K_CombineBitmapKrn(&dst.bm, 3, 1, 41, 25, &src.bm, 1, 0, c.flags); }) == KS_SUCCESS;
+            midway += !ok && gPercent > 0 && gPercent < 100;
+            // The storage layer may fall back to another kind after a failed allocation.
+            EXPECT_EQ(getImage(&dst.bm).px, ok ? getImage(&clean.bm).px : d.px) << armed.n;
+            EXPECT_EQ(dst.bm.nLockCount, 0);
+        });
+        EXPECT_GT(failures, 0);
+        if (paged) { EXPECT_GT(midway, 0) << "no failure while rows were written"; }
+        EXPECT_EQ(getImage(&src.bm).px, s.px);
+        EXPECT_EQ(src.bm.nViewPerspective, turned ? RIGHT_TOP : TOP_LEFT);
+    }
+}
+
+// A source whose row callback refuses row 10: the rows combined before it are put back.
+TEST(CombineFaults, SourceRowRefusedMidwayPutsWrittenRowsBack) {
+    RefImage d = randomImage(40, 16, 8, 3);
+    Bmp dst(40, 16, {8, 0}, d);
+    BITMAPDATACALLBACKS cbs{};
+    cbs.uStructSize = BITMAPDATACALLBACKS_SIZE;
+    cbs.pfnGetRow = [](BITMAPRECORD*, uint8_t* buf, int32_t row, uint32_t bytes, void*) -> int32_t {
+        for (uint32_t i = 0; i < bytes; ++i) buf[i] = uint8_t(i * 5 + uint32_t(row));
+        return row >= 10 ? KS_FILE_READ : 1;
+    };
+    BITMAPRECORD src{};
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&src, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, 40, 16, 8, ORDER_RGB, nullptr,
+                                          TOP_LEFT, nullptr, 0, &cbs), KS_SUCCESS);
+    EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 40, 16, &src, 0, 0, CombineAdd), KS_FILE_READ);
+    EXPECT_EQ(getImage(&dst.bm).px, d.px);
+    EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 40, 10, &src, 0, 0, CombineAdd), KS_SUCCESS);
+    EXPECT_NE(getImage(&dst.bm).px, d.px);
+    K_FreeBitmap(&src);
 }
 
 // Only the destination region changes: pixels outside it are kept, inside they follow the reference.
@@ -341,10 +359,8 @@ TEST(CombineOverlap, SameBitmapReadsTheSourceBeforeWriting) {
     }
 }
 
-// The dispatched kernels against the plain ones: long rows at every alignment,
-// and alpha-over for every pair of alpha values (pattern 0) and runs of 8
-// opaque or transparent source pixels over destination alpha that is
-// sometimes 0 (pattern 1: the block short cuts of the SIMD kernel).
+// The dispatched kernels against the plain ones: long rows at every alignment
+// (alpha-over at every level and alpha pair: test_combine_fast.cpp).
 TEST(CombineKernels, SimdMatchesPlain) {
     std::mt19937 rng(61);
     auto both = [&](uint32_t flags, const Format& f, std::vector<uint8_t>& s, const std::vector<uint8_t>& d, uint32_t off,
@@ -372,17 +388,6 @@ TEST(CombineKernels, SimdMatchesPlain) {
                 const uint32_t off = f.bpp == 1 ? n % 8 : 0;
                 both(uint32_t(flags), f, s, d, off, f.bpp == 1 && n + off > 8 * (bytes - 1) ? n - off : n);
             }
-    for (int pattern : {0, 1})
-        for (uint32_t flags : {CombineAlphaOver, CombineAlphaOver | 0x1011, CombineAlphaOver | 0x0010}) {
-            std::vector<uint8_t> s(4 * 65536), d(4 * 65536);
-            for (uint32_t k = 0; k < 65536; ++k) {
-                for (int c = 0; c < 3; ++c) s[4 * k + c] = uint8_t(rng()), d[4 * k + c] = uint8_t(rng());
-                const uint32_t block = k / 8;
-                s[4 * k + 3] = uint8_t(pattern == 0 ? k & 255 : block % 3 == 0 ? 0xFF : block % 3 == 1 ? 0x00 : rng());
-                d[4 * k + 3] = uint8_t(pattern == 0 ? k >> 8 : rng() % 5 == 0 ? (block & 1) * 0xFF : rng());
-            }
-            both(uint32_t(flags), Format{32, ORDER_BGR}, s, d, 0, 65536);
-        }
 }
 
 }  // namespace

@@ -1,9 +1,6 @@
-// test_playback.cpp - animation playback against independent models, with
-// the time injected (the tests never sleep): the state machine as a table of
-// transitions stepped beside the library through random animations, and a
-// composition oracle that draws frames pixel by pixel on raw values in the
-// top-left view (frame and target regions, the transparent colour, alpha-over
-// frames, disposal 2 and 3) on targets of every depth and perspective.
+// Animation playback with the time injected: the state machine as a table of
+// transitions stepped beside the library, and a composition oracle drawing
+// frames pixel by pixel on targets of every depth and perspective.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -14,14 +11,13 @@
 #include "krn/common/memory.h"
 #include "ombrix.h"
 #include "support/combine_reference.h"
+#include "support/transform_kit.h"
 
 namespace {
 
 uint32_t gNow = 0;
 struct ClockGuard {
-    ClockGuard() {
-        krn::testhook::setPlaybackClock([](void*) { return gNow; }, nullptr);
-    }
+    ClockGuard() { krn::testhook::setPlaybackClock([](void*) { return gNow; }, nullptr); }
     ~ClockGuard() { krn::testhook::setPlaybackClock(nullptr, nullptr); }
 };
 
@@ -59,8 +55,7 @@ bool inRegion(BITMAPRECORD* bm, int32_t x, int32_t y) {
 BITMAPRECORD viewBitmap(Fmt f, int32_t w, int32_t h, int32_t vp) {
     BITMAPRECORD bm;
     const bool turned = vp >= 5;
-    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, turned ? h : w, turned ? w : h, f.bpp, f.order, nullptr, vp,
-                             nullptr, 0),
+    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, turned ? h : w, turned ? w : h, f.bpp, f.order, nullptr, vp, nullptr, 0),
               KS_SUCCESS);
     return bm;
 }
@@ -89,10 +84,7 @@ BITMAPRECORD makeFrame(const Frame& f, int32_t vp) {
     BITMAPRECORD bm = viewBitmap(kBgr24, f.w, f.h, vp);
     for (int32_t y = 0; y < f.h; ++y)
         for (int32_t x = 0; x < f.w; ++x) setViewPixel(&bm, x, y, f.px[size_t(y * f.w + x)]);
-    FRAME_LEFT(&bm) = f.left;
-    FRAME_TOP(&bm) = f.top;
-    FRAME_DELAY(&bm) = f.delay;
-    FRAME_DISPOSAL(&bm) = f.disposal;
+    FRAME_LEFT(&bm) = f.left, FRAME_TOP(&bm) = f.top, FRAME_DELAY(&bm) = f.delay, FRAME_DISPOSAL(&bm) = f.disposal;
     FRAME_TRANSPARENT_COLOR(&bm) = colourOf(&bm, f.key);
     bm.uFlags |= (f.input ? BRF_FRAME_WAITINPUT : 0) | (f.keyed ? BRF_FRAME_TRANSPARENT : 0);
     return bm;
@@ -191,15 +183,10 @@ struct Model {
 
 Frame randomFrame(std::mt19937& rng, int W, int H) {
     Frame f;
-    f.w = 1 + int(rng() % 9);
-    f.h = 1 + int(rng() % 7);
-    f.left = int(rng() % uint32_t(W + 4)) - 3;
-    f.top = int(rng() % uint32_t(H + 4)) - 3;
+    f.w = 1 + int(rng() % 9), f.h = 1 + int(rng() % 7);
+    f.left = int(rng() % uint32_t(W + 4)) - 3, f.top = int(rng() % uint32_t(H + 4)) - 3;
     f.delay = rng() % 3 == 0 ? 0 : 5 + rng() % 40;
-    f.disposal = rng() % 4;
-    f.input = rng() % 5 == 0;
-    f.keyed = rng() % 2 == 0;
-    f.key = 0x332211;
+    f.disposal = rng() % 4, f.input = rng() % 5 == 0, f.keyed = rng() % 2 == 0, f.key = 0x332211;
     for (int i = 0; i < f.w * f.h; ++i) f.px.push_back(rng() % 4 == 0 ? f.key : (rng() & 0xFFFFFF));
     return f;
 }
@@ -299,53 +286,34 @@ TEST(PlaybackFailures, HandlesArgumentsAndMemory) {
     bad.uStructSize = 5;
     HPLAYBACK pb = nullptr;
     int local = 0;
-    EXPECT_EQ(K_CreatePlayback(nullptr, &target, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CreatePlayback(&pb, nullptr, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CreatePlayback(&pb, &unalloc, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CreatePlayback(&pb, &bad, nullptr), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_CreatePlayback(&pb, &target, reinterpret_cast<HBITMAPLIST>(&local)), KS_INVALID_PARAMETER);
-    EXPECT_EQ(pb, nullptr);
+    int32_t st;
     // Wrong handle kinds: a region handle is refused with errno 22; a movable block is the right kind, not a playback.
     HRGN hp = CreateRectRgn(0, 0, 4, 4);
     void* movable = K_GlobalAlloc(GHND, 256);
-    int32_t st;
+    const int32_t P = KS_INVALID_PARAMETER;
     errno = 0;
-    EXPECT_EQ(K_ProcessPlayback(reinterpret_cast<HPLAYBACK>(hp), &st), KS_INVALID_PARAMETER);
-    EXPECT_EQ(errno, 22);
+    const int32_t got[] = {K_ProcessPlayback(reinterpret_cast<HPLAYBACK>(hp), &st), errno,
+                           K_CreatePlayback(nullptr, &target, nullptr), K_CreatePlayback(&pb, nullptr, nullptr),
+                           K_CreatePlayback(&pb, &unalloc, nullptr), K_CreatePlayback(&pb, &bad, nullptr),
+                           K_CreatePlayback(&pb, &target, reinterpret_cast<HBITMAPLIST>(&local)),
+                           K_ProcessPlayback(movable, &st), K_DestroyPlayback(movable), K_ProcessPlayback(nullptr, &st),
+                           K_CancelPlaybackWait(nullptr), K_ValidatePlaybackLines(nullptr, 0, 1)};
+    EXPECT_EQ(std::vector<int32_t>(std::begin(got), std::end(got)),
+              std::vector<int32_t>({P, 22, P, P, P, KS_INVALID_STRUCT_SIZE, P, P, P, P, P, P}));
+    EXPECT_EQ(pb, nullptr);
     DeleteObject(hp);
-    EXPECT_EQ(K_ProcessPlayback(movable, &st), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_DestroyPlayback(movable), KS_INVALID_PARAMETER);
     K_GlobalFree(movable);
-    EXPECT_EQ(K_ProcessPlayback(nullptr, &st), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CancelPlaybackWait(nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_ValidatePlaybackLines(nullptr, 0, 1), KS_INVALID_PARAMETER);
-    // Memory: creation, then appending, every allocation in turn.
+    // Memory: creation, then appending, every allocation in turn (a frame not taken is still ours).
     { HPLAYBACK w; K_CreatePlayback(&w, &target, nullptr); K_DestroyPlayback(w); }
     const long base = krn::faultinject::liveBlocks();
     HPLAYBACK p = nullptr;
-    for (long nth = 0;; ++nth) {
-        krn::faultinject::arm(nth, 1);
-        const int32_t r = K_CreatePlayback(&p, &target, nullptr);
-        krn::faultinject::disarm();
-        if (r == KS_SUCCESS) break;
-        EXPECT_EQ(r, KS_NO_MEMORY);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), base);
-        ASSERT_LT(nth, 10);
-    }
-    for (long k = 0;; ++k) {
+    tkit::allocationWalk([&](tkit::Armed& armed) { armed([&] { return K_CreatePlayback(&p, &target, nullptr); }); }, 1, true);
+    tkit::allocationWalk([&](tkit::Armed& armed) {
         BITMAPRECORD bm = makeFrame({0, 0, 2, 2, 0, 0, false, false, 0, {1, 2, 3, 4}}, TOP_LEFT), badFrame = bm;
         badFrame.uStructSize = 3;
         EXPECT_EQ(K_AppendPlayback(p, &badFrame), KS_INVALID_STRUCT_SIZE);
-        const long live = krn::faultinject::liveBlocks();
-        krn::faultinject::arm(k, 1);
-        const int32_t a = K_AppendPlayback(p, &bm);
-        krn::faultinject::disarm();
-        if (a == KS_SUCCESS) break;
-        EXPECT_EQ(a, KS_NO_MEMORY);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-        K_FreeBitmap(&bm);  // not taken: still ours
-        ASSERT_LT(k, 10);
-    }
+        if (armed([&] { return K_AppendPlayback(p, &bm); }) != KS_SUCCESS) K_FreeBitmap(&bm);
+    }, 1, true);
     // The clear marks the whole target for update; the index range (the state machine is the model's).
     RECT r{};
     ASSERT_EQ(K_ProcessPlayback(p, &st), KS_SUCCESS);
@@ -354,11 +322,41 @@ TEST(PlaybackFailures, HandlesArgumentsAndMemory) {
     EXPECT_EQ(std::vector<int32_t>({r.right, r.bottom}), std::vector<int32_t>({8, 8}));
     ASSERT_EQ(K_GetPlaybackUpdateRect(p, &r, 0), KS_SUCCESS);
     EXPECT_EQ(r.right - r.left, 0);
-    EXPECT_EQ(K_SetPlaybackIndex(p, 2), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetPlaybackIndex(p, -2), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetPlaybackIndex(p, 0), KS_SUCCESS);
+    EXPECT_EQ(std::vector<int32_t>({K_SetPlaybackIndex(p, 2), K_SetPlaybackIndex(p, -2), K_SetPlaybackIndex(p, 0)}),
+              std::vector<int32_t>({P, P, KS_SUCCESS}));
     ASSERT_EQ(K_DestroyPlayback(p), KS_SUCCESS);  // frees its own list and the frame in it
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
+    K_FreeBitmap(&target);
+}
+
+// A disposal-3 frame wholly outside the target after one inside it: the first
+// restores what it covered and lets its saved area go; the second saves and
+// restores nothing, so its disposal marks nothing for update.
+TEST(PlaybackFailures, SavedAreaGoesWithItsDisposal) {
+    ClockGuard clock;
+    BITMAPRECORD target = viewBitmap(kBgr24, 8, 8, TOP_LEFT);
+    HBITMAPLIST list = nullptr;
+    ASSERT_EQ(K_CreateBitmapList(&list), KS_SUCCESS);
+    for (int32_t left : {2, 20}) {
+        BITMAPRECORD bm = makeFrame({left, 1, 3, 2, 0, 3, false, false, 0, {1, 2, 3, 4, 5, 6}}, TOP_LEFT);
+        ASSERT_EQ(K_InsertBitmapListItem(list, BITMAPLIST_END, &bm), KS_SUCCESS);
+    }
+    HPLAYBACK pb = nullptr;
+    ASSERT_EQ(K_CreatePlayback(&pb, &target, list), KS_SUCCESS);
+    std::vector<int32_t> states, widths;
+    for (int32_t st = -1; st != PLAYBACK_STATE_END;) {
+        RECT r{};
+        ASSERT_EQ(K_GetPlaybackUpdateRect(pb, nullptr, 1), KS_SUCCESS);
+        ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
+        ASSERT_EQ(K_GetPlaybackUpdateRect(pb, &r, 0), KS_SUCCESS);
+        states.push_back(st);
+        widths.push_back(r.right - r.left);
+    }
+    // clear, next, draw 0 (3 wide), dispose 0 (restores 3), next, draw 1 (nothing), dispose 1 (nothing), end
+    EXPECT_EQ(states, std::vector<int32_t>({1, 2, 4, 8, 9, 2, 4, 8, 9, 10}));
+    EXPECT_EQ(widths, std::vector<int32_t>({8, 0, 3, 0, 3, 0, 0, 0, 0, 0}));
+    K_DestroyPlayback(pb);
+    K_DestroyBitmapList(list);
     K_FreeBitmap(&target);
 }
 
@@ -421,9 +419,7 @@ TEST(PlaybackCombine, ComposesLikeThePixelOracle) {
         BITMAPRECORD target = viewBitmap(c.target, W, H, c.vp);
         FRAME_BACKGROUND_COLOR(&target) = 0x00336699;
         const RECT ellipse{2, 1, 20, 15};
-        if (c.targetRegion) {
-            ASSERT_EQ(K_SetBitmapRgnEllipse(&target, &xf, &ellipse, RGN_SET_REPLACE), KS_SUCCESS);
-        }
+        if (c.targetRegion) { ASSERT_EQ(K_SetBitmapRgnEllipse(&target, &xf, &ellipse, RGN_SET_REPLACE), KS_SUCCESS); }
         Oracle o{W, H, c.target, viewPixels(&target, W, H), {}, {}};
         for (int32_t i = 0; i < W * H; ++i) o.open.push_back(inRegion(&target, i % W, i / W));
         HBITMAPLIST list;
@@ -438,17 +434,13 @@ TEST(PlaybackCombine, ComposesLikeThePixelOracle) {
             for (int32_t y = 0; y < of.h; ++y)
                 for (int32_t x = 0; x < of.w; ++x) setViewPixel(&fb, x, y, rng() % 4 == 0 ? keyRaw : rng() & mask);
             const RECT box{0, 0, of.w, of.h};
-            if (i % 3 == 1) {
-                ASSERT_EQ(K_SetBitmapRgnEllipse(&fb, &xf, &box, RGN_SET_REPLACE), KS_SUCCESS);
-            }
+            if (i % 3 == 1) { ASSERT_EQ(K_SetBitmapRgnEllipse(&fb, &xf, &box, RGN_SET_REPLACE), KS_SUCCESS); }
             // Frames of another format reach the target as the colour-resolution copy would make them.
             BITMAPRECORD conv = fb;
             const bool convert = c.frame.bpp != c.target.bpp, paletted = c.target.bpp <= 8;
             if (convert) {
-                ASSERT_EQ(K_ColorResBitmap(&fb, &conv, c.target.bpp, paletted ? 0x10010u : 4u,
-                                           paletted ? target.pPalette : nullptr, paletted ? target.nColors : 0,
-                                           BITMAPRECORD_SIZE),
-                          KS_SUCCESS);
+                ASSERT_EQ(K_ColorResBitmap(&fb, &conv, c.target.bpp, paletted ? 0x10010u : 4u, paletted ? target.pPalette : nullptr,
+                                           paletted ? target.nColors : 0, BITMAPRECORD_SIZE), KS_SUCCESS);
             }
             const uint32_t cm = c.frame.bpp == 32 ? 0xFFFFFFu : ~0u;
             for (int32_t y = 0; y < of.h; ++y)
@@ -459,10 +451,7 @@ TEST(PlaybackCombine, ComposesLikeThePixelOracle) {
                     hidden += !of.shows.back();
                 }
             if (convert) K_FreeBitmap(&conv);
-            FRAME_LEFT(&fb) = of.left;
-            FRAME_TOP(&fb) = of.top;
-            FRAME_DISPOSAL(&fb) = of.disposal;
-            FRAME_DELAY(&fb) = 10;
+            FRAME_LEFT(&fb) = of.left, FRAME_TOP(&fb) = of.top, FRAME_DISPOSAL(&fb) = of.disposal, FRAME_DELAY(&fb) = 10;
             FRAME_TRANSPARENT_COLOR(&fb) = colourOf(&fb, keyRaw);
             fb.uFlags |= (of.keyed ? BRF_FRAME_TRANSPARENT : 0) | (of.alpha ? BRF_FRAME_ALPHAOVER : 0);
             of.hadRegion = K_BitmapHasRgn(&fb);
@@ -521,9 +510,7 @@ TEST(PlaybackCombine, DrawingSurvivesEveryAllocationFailure) {
     ASSERT_EQ(K_SetBitmapRgnRect(&target, &xf, &box, RGN_SET_REPLACE), KS_SUCCESS);
     for (int32_t y = 0; y < 7; ++y)
         for (int32_t x = 0; x < 9; ++x) setViewPixel(&frame, x, y, uint64_t((x * 7 + y * 3) % 5) * 40);
-    FRAME_LEFT(&frame) = 3;
-    FRAME_TOP(&frame) = 2;
-    FRAME_DISPOSAL(&frame) = 2;
+    FRAME_LEFT(&frame) = 3, FRAME_TOP(&frame) = 2, FRAME_DISPOSAL(&frame) = 2;
     FRAME_TRANSPARENT_COLOR(&frame) = colourOf(&frame, 80);
     frame.uFlags |= BRF_FRAME_TRANSPARENT;
     ASSERT_EQ(K_SetBitmapRgnEllipse(&frame, &xf, &box, RGN_SET_REPLACE), KS_SUCCESS);

@@ -1,8 +1,5 @@
-// Nearest-pixel resizing, the row-at-a-time resizer, the black-preserving
-// reduction and the frame of K_SizeBitmap. Oracles: target pixel i takes
-// source pixel floor(i * old / new) (computed here with one division), row
-// counts floor((r + 1) new / old) - floor(r new / old), block counts made by
-// walking every pixel.
+// Nearest resizing (target pixel i takes source pixel floor(i old / new)), the
+// row-at-a-time resizer, the black-preserving reduction and K_SizeBitmap's frame.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -75,10 +72,11 @@ TEST(ResizeScanLine, EveryDepthEverySizePairTakesFloorOfIOldOverNew) {
         }
     }
     uint8_t a[8] = {1, 2, 3, 4, 5, 6, 7, 8}, b[8] = {};
-    EXPECT_EQ(K_GetResizedScanLine(8, 1, 0, 1, 0, 0, nullptr, b, 4, 4, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_ReverseGetResizedScanLine(8, 1, 0, 1, 0, 0, a, nullptr, 4, 4, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetResizedScanLine(9, 1, 0, 1, 0, 0, a, b, 4, 4, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetResizedScanLine(8, 1, 0, 1, 0, 0, a, b, 4, 0, 0), KS_INVALID_PARAMETER);
+    EXPECT_EQ(std::vector<int32_t>({K_GetResizedScanLine(8, 1, 0, 1, 0, 0, nullptr, b, 4, 4, 0),
+                                    K_ReverseGetResizedScanLine(8, 1, 0, 1, 0, 0, a, nullptr, 4, 4, 0),
+                                    K_GetResizedScanLine(9, 1, 0, 1, 0, 0, a, b, 4, 4, 0),
+                                    K_GetResizedScanLine(8, 1, 0, 1, 0, 0, a, b, 4, 0, 0)}),
+              std::vector<int32_t>(4, KS_INVALID_PARAMETER));
     EXPECT_EQ(std::count(b, b + 8, 0), 8);
 }
 
@@ -144,23 +142,20 @@ TEST(ResizeRows, CountsInEveryOrderAndBadArguments) {
             K_StopResize(s);
         }
     void* s = nullptr;
-    EXPECT_EQ(K_StartResize(0, 3, 4, 4, &s), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StartResize(3, -1, 4, 4, &s), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StartResize(3, 3, 4, 4, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StartResize(3, 3, INT32_MAX, 4, &s), KS_INVALID_PARAMETER);
+    const int32_t P = KS_INVALID_PARAMETER;
+    EXPECT_EQ(std::vector<int32_t>({K_StartResize(0, 3, 4, 4, &s), K_StartResize(3, -1, 4, 4, &s),
+                                    K_StartResize(3, 3, 4, 4, nullptr), K_StartResize(3, 3, INT32_MAX, 4, &s)}),
+              std::vector<int32_t>(4, P));
     EXPECT_EQ(s, nullptr);
     ASSERT_EQ(K_StartResize(3, 3, 3, 3, &s), KS_SUCCESS);
     uint8_t buf[16] = {9, 8, 7, 6, 5, 4, 3, 2, 1};
     int32_t w = 0, n = 0;
     EXPECT_EQ(K_Resize(buf, 1, 24, &w, &n, s), 1);  // equal sizes: once, unchanged
     EXPECT_EQ(buf[0] * 10 + buf[8], 91);
-    EXPECT_EQ(K_Resize(nullptr, 1, 24, &w, &n, s), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_Resize(buf, 1, 24, nullptr, &n, s), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_Resize(buf, 3, 24, &w, &n, s), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_Resize(buf, 1, 9, &w, &n, s), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_Resize(buf, 1, 24, &w, &n, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StopResize(s), KS_SUCCESS);
-    EXPECT_EQ(K_StopResize(nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(std::vector<int32_t>({K_Resize(nullptr, 1, 24, &w, &n, s), K_Resize(buf, 1, 24, nullptr, &n, s),
+                                    K_Resize(buf, 3, 24, &w, &n, s), K_Resize(buf, 1, 9, &w, &n, s),
+                                    K_Resize(buf, 1, 24, &w, &n, nullptr), K_StopResize(s), K_StopResize(nullptr)}),
+              std::vector<int32_t>({P, P, P, P, P, KS_SUCCESS, P}));
     for (uint32_t v : {0u, 1u, 2u, 3u, 4u, 15u, 16u, 17u, 99u, 100u, 65535u, 65536u, 0xFFFFFFFFu}) {
         const uint64_t r = K_SQRT(v);  // the largest root
         EXPECT_TRUE(r * r <= v && (r + 1) * (r + 1) > v) << v;
@@ -250,15 +245,14 @@ TEST(ResizeFrame, SameSizeAndBadArguments) {
             EXPECT_TRUE(sameBytes(copy, bm));
         }
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-    EXPECT_EQ(K_SizeBitmap(&bm, 5, 5, 0x40), KS_INVALID_PARAMETER);
-    bm.uStructSize = 100;
-    EXPECT_EQ(K_SizeBitmap(&bm, 5, 5, 0), KS_INVALID_STRUCT_SIZE);
-    bm.uStructSize = BITMAPRECORD_SIZE;
+    BITMAPRECORD badSize = bm;
+    badSize.uStructSize = 100;
     K_InitBitmap(&empty, BITMAPRECORD_SIZE, 4, 4, 8);
-    EXPECT_EQ(K_SizeBitmap(&empty, 5, 5, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_ResizeBitmap(&bm, &empty, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_ResizeBitmap(&bm, &bm, 0), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_IntResizeBitmap(&bm, nullptr, 0), KS_INVALID_BITMAP);
+    const int32_t P = KS_INVALID_PARAMETER;
+    EXPECT_EQ(std::vector<int32_t>({K_SizeBitmap(&bm, 5, 5, 0x40), K_SizeBitmap(&badSize, 5, 5, 0),
+                                    K_SizeBitmap(&empty, 5, 5, 0), K_ResizeBitmap(&bm, &empty, 0),
+                                    K_ResizeBitmap(&bm, &bm, 0), K_IntResizeBitmap(&bm, nullptr, 0)}),
+              std::vector<int32_t>({P, KS_INVALID_STRUCT_SIZE, P, P, P, KS_INVALID_BITMAP}));
     K_FreeBitmap(&bm);
 }
 

@@ -1,7 +1,5 @@
-// The fast resize kernels (integer block means, nearest halving of 24-bit
-// rows) at every vector level the processor has, against block means and
-// even-pixel picks computed here by index arithmetic; then the area
-// reductions through the public calls on every storage kind they serve.
+// The fast resize kernels at every vector level against block means and pixel
+// picks by index arithmetic; area reductions through the public calls.
 #include <gtest/gtest.h>
 
 #include <random>

@@ -1,8 +1,5 @@
-// The interpolating resamplers against a plain double-precision filter
-// written here (a direct two-dimensional weighted sum with the edge index
-// clamped; integer area reduction, the block mean, within half a level), plus
-// invariants: constants stay constant, premultiplied resampling lends no
-// colour from transparent pixels, SIMD, threads and plain loops agree.
+// The interpolating resamplers against a plain double-precision filter (a
+// direct weighted sum with clamped edges), plus invariants and path agreement.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -225,25 +222,86 @@ TEST(Resample, PremultipliedAlphaLendsNoColourFromTransparentPixels) {
             }
 }
 
+// Palette images of every depth (3, 5, 6 and 7 bits cross bytes) go through
+// their colours, into 24 bits or into a grey target (the weighted sum).
 TEST(Resample, PaletteImagesGoThroughTheirColours) {
-    BITMAPRECORD bm;
-    RGBQUAD pal[16];
-    for (int i = 0; i < 16; ++i) pal[i] = RGBQUAD{uint8_t(i * 16), uint8_t(255 - i * 8), uint8_t(i * i), 0};
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 19, 11, 4, 0, pal, 1, nullptr, 0), KS_SUCCESS);
-    Img colours{19, 11, 3, std::vector<double>(19 * 11 * 3)};
-    tkit::RefImage idx(19, 11, 4);
-    idx.randomize(3);
-    for (int32_t y = 0; y < 11; ++y)
-        for (int32_t x = 0; x < 19; ++x) {
-            const RGBQUAD& e = pal[tkit::pixelAt(idx.row(y), x, 4)];
-            colours.at(x, y, 0) = e.rgbBlue, colours.at(x, y, 1) = e.rgbGreen, colours.at(x, y, 2) = e.rgbRed;
-        }
-    ASSERT_EQ(tkit::putImage(&bm, idx), KS_SUCCESS);
-    ASSERT_EQ(K_BicubicResampleBitmap(&bm, 30, 7, 0), KS_SUCCESS);
-    ASSERT_EQ(bm.nBitsPerPixel, 24);
-    const Fmt f24{24, ORDER_BGR, 3, 255};
-    EXPECT_LE(maxDiff(getImage(&bm, f24), reference(colours, 30, 7, Method::Cubic, 255)), 1.0);
-    K_FreeBitmap(&bm);
+    for (int32_t bpp : {3, 4, 5, 6, 7}) {
+        RGBQUAD pal[128];
+        for (int i = 0; i < 128; ++i) pal[i] = RGBQUAD{uint8_t(i * 16), uint8_t(255 - i * 8), uint8_t(i * i), 0};
+        BITMAPRECORD bm, grey;
+        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 19, 11, bpp, 0, pal, 1, nullptr, 0), KS_SUCCESS);
+        ASSERT_EQ(K_CreateBitmap(&grey, BITMAPRECORD_SIZE, 1, 30, 7, 8, ORDER_GRAY, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        Img colours{19, 11, 3, std::vector<double>(19 * 11 * 3)}, greys{19, 11, 1, std::vector<double>(19 * 11)};
+        tkit::RefImage idx(19, 11, bpp);
+        idx.randomize(uint32_t(bpp));
+        for (int32_t y = 0; y < 11; ++y)
+            for (int32_t x = 0; x < 19; ++x) {
+                const RGBQUAD& e = pal[tkit::pixelAt(idx.row(y), x, bpp)];
+                colours.at(x, y, 0) = e.rgbBlue, colours.at(x, y, 1) = e.rgbGreen, colours.at(x, y, 2) = e.rgbRed;
+                greys.at(x, y, 0) = (2.0 * e.rgbRed + 5.0 * e.rgbGreen + e.rgbBlue) / 8;
+            }
+        ASSERT_EQ(tkit::putImage(&bm, idx), KS_SUCCESS);
+        const Img ref = reference(colours, 30, 7, Method::Cubic, 255);
+        ASSERT_EQ(K_BicubicResampleBitmapInt(&bm, &grey, 0), KS_SUCCESS);
+        EXPECT_LE(maxDiff(getImage(&grey, Fmt{8, ORDER_GRAY, 1, 255}), reference(greys, 30, 7, Method::Cubic, 255)), 1.0) << bpp;
+        ASSERT_EQ(K_BicubicResampleBitmap(&bm, 30, 7, 0), KS_SUCCESS);
+        ASSERT_EQ(bm.nBitsPerPixel, 24);
+        EXPECT_LE(maxDiff(getImage(&bm, Fmt{24, ORDER_BGR, 3, 255}), ref), 1.0) << bpp;
+        K_FreeBitmap(&bm);
+        K_FreeBitmap(&grey);
+    }
+}
+
+// What the format table leaves out, against the reference filter: 5-5-5 and
+// 5-6-5 colour (within one step of the stored fields), rows wider than one
+// 2,048-float chunk into a bottom-up destination (rows flipped), a reduction
+// whose filter spans more than 4,096 source pixels.
+TEST(Resample, SixteenBitColourWideFlippedRowsAndWideFilters) {
+    for (int32_t order : {ORDER_BGR, ORDER_RGB565}) {
+        const int gBits = order == ORDER_RGB565 ? 6 : 5;
+        auto expand = [](uint32_t v, int bits) { return double(bits == 5 ? (v << 3) | (v >> 2) : (v << 2) | (v >> 4)); };
+        auto decode = [&](tkit::RefImage& raw, Img& im) {
+            for (int32_t y = 0; y < raw.height; ++y)
+                for (int32_t x = 0; x < raw.width; ++x) {
+                    const uint32_t v = tkit::le16(raw.row(y), x);
+                    im.at(x, y, 0) = expand(v & 31, 5);
+                    im.at(x, y, 1) = expand((v >> 5) & ((1u << gBits) - 1), gBits);
+                    im.at(x, y, 2) = expand((v >> (5 + gBits)) & 31, 5);
+                }
+        };
+        tkit::RefImage raw(23, 17, 16);
+        raw.randomize(uint32_t(order));
+        Img src{23, 17, 3, std::vector<double>(23 * 17 * 3)}, got{31, 11, 3, std::vector<double>(31 * 11 * 3)};
+        decode(raw, src);
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 23, 17, 16, order, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        ASSERT_EQ(tkit::putImage(&bm, raw), KS_SUCCESS);
+        ASSERT_EQ(K_BicubicResampleBitmap(&bm, 31, 11, 0), KS_SUCCESS);
+        ASSERT_EQ(bm.nBitsPerPixel, 16);
+        tkit::RefImage out = tkit::getImage(&bm);
+        decode(out, got);
+        EXPECT_LE(maxDiff(got, reference(src, 31, 11, Method::Cubic, 255)), 9.0) << order;
+        K_FreeBitmap(&bm);
+    }
+    const Fmt f{24, ORDER_BGR, 3, 255};
+    const Img wide = randomImage(700, 5, f, 8);
+    BITMAPRECORD a = make(f, wide), b;
+    for (auto [nw, nh] : {std::pair{800, 9}, {300, 3}}) {  // taller: rows in 2,048-float chunks; shorter: columns first
+        ASSERT_EQ(K_CreateBitmap(&b, BITMAPRECORD_SIZE, 1, nw, nh, 24, ORDER_BGR, nullptr, BOTTOM_LEFT, nullptr, 0), KS_SUCCESS);
+        ASSERT_EQ(K_ResizeBitmap(&a, &b, SIZE_RESAMPLE), KS_SUCCESS);
+        Img got = getImage(&b, f), flipped = got;
+        for (int32_t y = 0; y < nh; ++y)
+            for (int32_t x = 0; x < nw; ++x)
+                for (int32_t k = 0; k < 3; ++k) flipped.at(x, y, k) = got.at(x, nh - 1 - y, k);
+        EXPECT_LE(maxDiff(flipped, reference(wide, nw, nh, Method::Resample, 255)), 1.0) << nw;
+        K_FreeBitmap(&b);
+    }
+    K_FreeBitmap(&a);
+    const Img line = randomImage(9000, 2, kFormats[0], 3);
+    BITMAPRECORD l = make(kFormats[0], line);
+    ASSERT_EQ(run(&l, 3, 1, Method::Lanczos), KS_SUCCESS);
+    EXPECT_LE(maxDiff(getImage(&l, kFormats[0]), reference(line, 3, 1, Method::Lanczos, 255)), 1.0);
+    K_FreeBitmap(&l);
 }
 
 TEST(Resample, PlainLoopsThreadsAndStorageAgree) {

@@ -1,10 +1,5 @@
-// What every transform shares. Failed transforms change nothing: every copy,
-// crop, flip, turn, rotation, shear, resize and colour resolution walked
-// through the allocation-failure hook, and stopped by its status callback, on
-// the storage kinds it treats differently; each failure leaves the caller's
-// record, region and pixels byte for byte as they were, writes no new record
-// and leaks nothing. And every storage kind gives the single block's result
-// (the single block may take a path of its own, the others go row by row).
+// What every transform shares: an allocation failure or a stop changes
+// nothing (record, region, pixels, no leak); every kind gives the single block's result.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -57,11 +52,8 @@ const std::vector<Op>& ops() {
                        [f](B s, B) { return K_SizeBitmap(s, 13, 9, f); }, false, -1});
     // Past the first success a failing colour resolution leaks two blocks (a
     // known fault): these walks stop there.
-    static const std::vector<RGBQUAD> pal = [] {
-        std::vector<RGBQUAD> p;
-        for (int i = 0; i < 16; ++i) p.push_back(RGBQUAD{uint8_t(i * 37), uint8_t(200 - i * 11), uint8_t(i * i), 0});
-        return p;
-    }();
+    static std::vector<RGBQUAD> pal;
+    for (int i = 0; i < 16; ++i) pal.push_back(RGBQUAD{uint8_t(i * 37), uint8_t(200 - i * 11), uint8_t(i * i), 0});
     const struct {
         int bits;
         uint32_t flags;
@@ -71,11 +63,9 @@ const std::vector<Op>& ops() {
                {8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING, true}, {4, CRF_USERPALETTE | CRF_DITHER(1), true},
                {16, CRF_BYTEORDERGRAY, true}};
     for (const auto& c : res)
-        all.push_back({"colour resolution", 24, single, !c.inPlace,
-                       [c](BITMAPRECORD* s, BITMAPRECORD* d) {
-                           return K_ColorResBitmap(s, c.inPlace ? s : d, c.bits, c.flags, pal.data(), 16, BITMAPRECORD_SIZE);
-                       },
-                       false, 1, true});
+        all.push_back({"colour resolution", 24, single, !c.inPlace, [c](B s, B d) {
+            return K_ColorResBitmap(s, c.inPlace ? s : d, c.bits, c.flags, pal.data(), 16, BITMAPRECORD_SIZE);
+        }, false, 1, true});
     return all;
 }
 
@@ -136,10 +126,8 @@ TEST(TransformFailures, StatusCallbackStopChangesNothing) {
                 StopAfter cb(stop, 0);
                 Sentinel d;
                 const long live = krn::faultinject::liveBlocks();
-                {
-                    StatusScope scope(&StopAfter::cb, &cb, op.copyStatus);
-                    EXPECT_EQ(op.call(s.src.bm(), &d.bm), 0);
-                }
+                StatusScope scope(&StopAfter::cb, &cb, op.copyStatus);
+                EXPECT_EQ(op.call(s.src.bm(), &d.bm), 0);
                 EXPECT_TRUE(cb.calls() == stop + 1 && d.intact() && krn::faultinject::liveBlocks() == live);
                 s.expectUnchanged(0);
             }
@@ -186,9 +174,7 @@ TEST(TransformKinds, EveryStorageKindGivesTheSingleBlockResult) {
                 Source src(k, 45, 13, bpp, uint32_t(bpp * 100 + 7));
                 ASSERT_EQ(src.kb.rc, KS_SUCCESS);
                 if (bpp > 8) src.bm()->nOrder = ORDER_BGR;
-                if (bpp == 8) {
-                    ASSERT_EQ(K_CreateBitmapGrayPalette(src.bm()), KS_SUCCESS);
-                }
+                if (bpp == 8) { ASSERT_EQ(K_CreateBitmapGrayPalette(src.bm()), KS_SUCCESS); }
                 const uint32_t kind = kindOf(src.bm());
                 BITMAPRECORD out{};
                 BITMAPRECORD* dst = c.newRecord ? &out : src.bm();

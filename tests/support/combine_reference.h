@@ -1,8 +1,5 @@
-// combine_reference.h - a plain per-sample model of combining, written from
-// the operation table: pixels are read by index arithmetic, split into
-// samples, combined one sample at a time with plain integer arithmetic and
-// put back. The plan is derived by evaluating the operators and the logical
-// analogue on single bits (no 0xCC/0xAA patterns).
+// combine_reference.h - a plain per-sample model of combining: pixels by index
+// arithmetic, the plan from the operators evaluated on single bits.
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,5 @@
-// orient_ref.h - plain index-arithmetic oracle of the eight orientations: an
-// image as a grid of pixel values, the viewed image of stored pixels in each
-// perspective written from the meaning of the eight values, the turns and
-// flips of a grid, and a bitmap's stored pixels read and written as a grid.
+// orient_ref.h - index-arithmetic oracle of the eight orientations: grids,
+// viewed images, turns and flips, a bitmap's stored pixels as a grid.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,5 @@
-// transform_kit.h - builders and checks shared by the transform tests (copy,
-// orientation, rotation, resizing, colour resolution, combining, lists):
-// bitmaps of a storage kind filled from a plain reference image, pixels read
-// back by index arithmetic, guards for the status callbacks, and the walk of
-// the allocation-failure hook.
+// transform_kit.h - shared builders and checks of the transform tests: bitmaps
+// of a kind from a reference image, callback guards, the allocation-failure walk.
 #pragma once
 
 #include <gtest/gtest.h>
