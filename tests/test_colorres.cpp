@@ -296,7 +296,7 @@ TEST(ColorRes, DeepFrameFlagWordsChooseTheOrder) {
 
 TEST(ColorRes, BitmapsLargerThanTheCapConvertRowByRow) {
     storagetest::CapGuard guard;
-    const int w = 300, h = 200;
+    const int w = 300, h = 90;
     Src24 src(w, h, rows24(w, h, [n = 0u]() mutable {
         ++n;
         return quad(int(n * 7 & 255), int(n * 13 & 255), int(n >> 3 & 255));
@@ -306,7 +306,12 @@ TEST(ColorRes, BitmapsLargerThanTheCapConvertRowByRow) {
     int64_t counter = 0;
     K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter);
     K_ManageMemory(MANAGEMEMORY_SET_CAP, counter + 4096, nullptr);  // no room for the destination
-    ASSERT_EQ(src.res(&big.bm, 8, CRF_NODITHERING), KS_SUCCESS);
+    StopAfter progress;  // the row layer's loop reports 0 % first and 100 % last
+    {
+        StatusScope scope(StopAfter::cb, &progress);
+        ASSERT_EQ(src.res(&big.bm, 8, CRF_NODITHERING), KS_SUCCESS);
+    }
+    EXPECT_TRUE(progress.calls() > 2 && progress.seen.front() == 0 && progress.seen.back() == 100);
     EXPECT_NE(big.bm.uFlags & (BRF_TILED | BRF_DISK), 0u);
     EXPECT_EQ(big.rows(), small.rows());
 }

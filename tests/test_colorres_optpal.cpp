@@ -160,6 +160,33 @@ TEST(ColorResOptPal, BadInputWritesNothing) {
     }, 1, true);
 }
 
+// Colours the split and the refinement must not lose: a quarter of near-black
+// pixels (the first cell of the sample) among many bright colours, and colours
+// that differ in blue only. Every entry count, split alone and refined.
+TEST(ColorResOptPal, NearBlackAndBlueOnlyColoursAreCovered) {
+    std::mt19937 rng(6);
+    const int w = 96, h = 64;
+    std::vector<uint8_t> dark(size_t(w) * h * 3), blue(dark.size());
+    for (size_t i = 0; i < dark.size(); i += 3) {
+        const bool black = rng() % 4 == 0;
+        for (int k = 0; k < 3; ++k) dark[i + size_t(k)] = uint8_t(black ? rng() % 4 : 128 + rng() % 128);
+        blue[i] = uint8_t(rng()), blue[i + 1] = blue[i + 2] = 100;
+    }
+    Img imgs[2] = {{w, h, dark}, {w, h, blue}};
+    for (int n : {8, 16})
+        for (int fast = 0; fast < 2; ++fast)
+            for (int k = 0; k < 2; ++k) {
+                std::vector<RGBQUAD> pal(static_cast<size_t>(n));
+                ASSERT_EQ(K_CreateBitmapOptPal(&imgs[k].bm, pal.data(), n, 0, fast ? OPTPAL_FAST : 0, nullptr), KS_SUCCESS);
+                if (k == 0) {  // an entry for the near-black quarter
+                    EXPECT_TRUE(std::any_of(pal.begin(), pal.end(), [](const RGBQUAD& e) { return (key(e) & 0xF8F8F8) == 0; }));
+                    continue;
+                }
+                // blue alone, uniform: about as good as n equal slices of the range, (256 / n)^2 / 12 over three channels
+                EXPECT_LT(optimisedError(imgs[k], CRF_USERPALETTE | CRF_EXACTMATCH, pal.data(), n), 1.03 * (256.0 / n) * (256.0 / n) / 36) << n << " " << fast;
+            }
+}
+
 // Pillow's quantizers on the same image, through the script beside the
 // benchmarks; skipped when python3 with Pillow is not there.
 std::map<std::pair<std::string, int>, double> pillowErrors(const std::string& ppm, const std::vector<int>& counts) {

@@ -226,7 +226,7 @@ TEST(ConvertRoundTrip, WidePrimariesNearlyInvert) {
 // reference on long runs with every tail length, guard bytes untouched.
 TEST(ConvertKernels, SimdMatchesPlainAndGeneric) {
     const int keys[][4] = {{24, 0, 24, 1}, {24, 1, 24, 0}, {24, 1, 32, 1}, {24, 0, 32, 1}, {32, 1, 24, 1}, {32, 1, 24, 0},
-                           {24, 1, 16, 1}, {24, 0, 16, 0}, {24, 1, 16, 7}, {16, 1, 24, 1}, {16, 7, 24, 0}, {16, 0, 24, 1},
+                           {24, 1, 16, 1}, {24, 0, 16, 0}, {24, 1, 16, 0}, {24, 0, 16, 1}, {24, 1, 16, 7}, {24, 0, 16, 7}, {16, 1, 24, 1}, {16, 7, 24, 0}, {16, 0, 24, 1},
                            {48, 1, 24, 1}, {48, 0, 24, 1}, {24, 1, 0, 2},  {24, 0, 0, 2},  {32, 1, 0, 2}};
     std::vector<int> widths;  // the widening kernels take 32 pixels per step and convert the rest first
     for (int width = 1; width < 200; width += (width < 70 ? 1 : 13)) widths.push_back(width);

@@ -144,7 +144,9 @@ TEST(RegionsEngine, RectangleEdgeCases) {
     RECT box{1, 2, 3, 4};
     EXPECT_EQ(GetRgnBox(e, &box), NULLREGION);
     EXPECT_EQ(box.left | box.top | box.right | box.bottom, 0);
-    EXPECT_EQ(GetRegionData(e, 0, nullptr), 32u);
+    std::vector<uint8_t> head(32, 0xCD);  // an empty region's data: the header alone, no rectangles
+    EXPECT_EQ(GetRegionData(e, 32, reinterpret_cast<RGNDATA*>(head.data())), 32u);
+    EXPECT_EQ(head[8] | head[9] | head[10] | head[11] | head[12] | head[13] | head[14] | head[15], 0);
     EXPECT_EQ(rgntest::regionData(a), rgntest::regionData(b));
     EXPECT_EQ(GetRegionData(a, 0, nullptr), 48u);
     EXPECT_EQ(GetRgnBox(a, &box), SIMPLEREGION);
@@ -311,7 +313,9 @@ TEST(RegionsEngine, OffsetSetRectRgnAndPlacementWords) {
     EXPECT_TRUE(maskOf(h) == after);
     // The placement words survive SetRectRgn, copies and combines into the handle.
     payload(h)->nPlacement[3] = 1234;
+    const long live = krn::faultinject::liveBlocks();
     EXPECT_EQ(SetRectRgn(h, 5, 5, 1, 1), 1);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), live);  // the old region is released
     EXPECT_EQ(payload(h)->nPlacement[3], 1234);
     expectMatches(h, rgntest::rectMask(kWin, RECT{1, 1, 5, 5}), "SetRectRgn");
     OrvaRgn* c = nullptr;

@@ -222,7 +222,10 @@ TEST(RegionsBitmap, EdgeCasesAndSizes) {
     uint32_t n = 0;
     EXPECT_EQ(K_GetBitmapClipSegments(&b.bm, 3, segs, &n), KS_SUCCESS);
     EXPECT_TRUE(n == 2u && segs[1] == 40);
+    EXPECT_TRUE(K_GetBitmapClipSegments(&b.bm, 30, segs, &n) == KS_SUCCESS && n == 0u);  // one row past the bottom
     EXPECT_TRUE(K_IsPtInBitmapRgn(&b.bm, 29, 39) == 1 && K_IsPtInBitmapRgn(&b.bm, 30, 39) == 0);
+    RGNXFORM zeroNum{1, 0, 1, 0, 1, 0, 0};  // a zero scale numerator shrinks everything to nothing
+    EXPECT_TRUE(K_SetBitmapRgnRect(&b.bm, &zeroNum, &r, 1) == KS_SUCCESS && b.area() == 0u);
     // Bounds mapped out: halved then moved; left/right round up, top/bottom
     // up in perspective 1 and down after a half turn; no region: the bitmap.
     Bitmap m(100, 60, 8);
@@ -469,6 +472,7 @@ TEST(RegionsBitmap, BitmapWithoutRegionCombinesWithTheWholeBitmap) {
         if (unclipped) bm.uFlags |= BRF_UNCLIPPED_RGN;
         HRGN h = rgntest::regionOfMask(m), got = nullptr;
         ASSERT_EQ(K_SetBitmapRgnHandle(&bm, nullptr, h, mode), KS_SUCCESS);
+        EXPECT_EQ(K_BitmapHasRgn(&bm), 1);
         ASSERT_EQ(K_GetBitmapRgnHandle(&bm, nullptr, &got), KS_SUCCESS);
         Mask want = m.combine(whole, mode == 0 ? 0 : 1);
         if (!unclipped) want = want.combine(whole, 0);
