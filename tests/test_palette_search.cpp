@@ -50,12 +50,8 @@ struct Path {
     Search fn;
 };
 std::vector<Path> paths() {
-    std::vector<Path> v{{"scalar", krn::findPaletteIndexScalar},
-                        {"sse2", krn::findPaletteIndexSse2},
-                        {"dispatch", krn::findPaletteIndex},
-                        {"export", [](const RGBQUAD* p, int32_t n, int r, int g, int b) noexcept {
-                             return K_FindPaletteIndex(p, n, r, g, b);
-                         }}};
+    std::vector<Path> v{{"scalar", krn::findPaletteIndexScalar}, {"sse2", krn::findPaletteIndexSse2}, {"dispatch", krn::findPaletteIndex},
+                        {"export", [](const RGBQUAD* p, int32_t n, int r, int g, int b) noexcept { return K_FindPaletteIndex(p, n, r, g, b); }}};
     if (krn::cpuHasAvx2()) v.push_back({"avx2", krn::findPaletteIndexAvx2});
     return v;
 }
@@ -74,9 +70,7 @@ TEST(PaletteSearch, DocumentedEdgeCases) {
         EXPECT_EQ(path.fn(tie2.data(), 2, 100, 100, 100), 0);  // it does not: the earlier keeps the lead
         EXPECT_EQ(path.fn(tie3.data(), 3, 100, 100, 100), 1);
         EXPECT_EQ(path.fn(res.data(), 2, 10, 10, 10), 0);
-        if (std::string(path.name) != "export") {
-            EXPECT_EQ(path.fn(nullptr, 5, 1, 2, 3), 0);
-        }
+        EXPECT_TRUE(std::string(path.name) == "export" || path.fn(nullptr, 5, 1, 2, 3) == 0);
         EXPECT_EQ(path.fn(pal.data(), 0, 1, 2, 3), -1);
         EXPECT_EQ(path.fn(pal.data(), -4, 1, 2, 3), -1);
         // The first exact match wins across blocks and chunks.
@@ -209,15 +203,6 @@ TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
             near.push_back(uint32_t(e.rgbRed) << 16 | uint32_t(e.rgbGreen) << 8 | uint32_t(std::min(e.rgbBlue + 1, 255)));
         for (const Layout& l : kLayouts) expectSearchIndexes(near, l, pal.data(), 1001);
     }
-}
-
-// Every colour of the cube in each source layout (about 30 s).
-TEST(SpeedPaletteLong, FixedPaletteIndexesEqualTheSearchForEveryColour) {
-    const char* v = std::getenv("OMBRIX_LONG_TESTS");
-    if (!v || std::string(v) != "1") GTEST_SKIP() << "set OMBRIX_LONG_TESTS=1";
-    std::vector<uint32_t> all(1u << 24);
-    for (uint32_t c = 0; c < all.size(); ++c) all[c] = c;
-    for (const Layout& l : kLayouts) expectSearchIndexes(all, l, nullptr, 4093);
 }
 
 }  // namespace

@@ -23,15 +23,10 @@ namespace {
 struct Bitmap {
     BITMAPRECORD bm{};
     Bitmap(int w, int h, int bpp, int vp = TOP_LEFT, int order = ORDER_BGR) {
-        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, w, h, bpp, order, nullptr, vp, nullptr, 0),
-                  KS_SUCCESS);
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, bpp, order, nullptr, vp, nullptr, 0), KS_SUCCESS);
     }
     ~Bitmap() { K_FreeBitmap(&bm); }
-    // Rows are addressable between access() and release().
-    uint8_t* access() {
-        EXPECT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-        return bm.pData;
-    }
+    uint8_t* access() { return K_AccessBitmap(&bm) == KS_SUCCESS ? bm.pData : nullptr; }  // rows addressable until release()
     void release() { K_ReleaseBitmap(&bm); }
     uint8_t* row(int y) { return bm.pData + size_t(y) * bm.nBytesPerLine; }
     uint64_t area() {
@@ -104,8 +99,7 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
     // A random 1-bit mask (fixed palette: index 1 is white) and a 24-bit picture of four colours.
     Mask maskWhite = win.blank(), picRed = win.blank();
     const uint32_t colours[4] = {0x0000FF, 0x00FF00, 0xFF0000, 0x123456};
-    mask1.access();
-    pic.access();
+    mask1.access(), pic.access();
     for (int y = 0; y < H; ++y)
         for (int x = 0; x < W; ++x) {
             const bool white = ((x / 7 + y / 5) % 3 == 0) || rng() % 11 == 0;
@@ -121,19 +115,18 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
         const uint32_t mode = uint32_t(rng() % 7);
         const int kind = int(rng() % 7);
         RECT r{c(rng), c(rng), c(rng), c(rng)};
-        if (kind == 0) r = RECT{std::min(r.left, r.right), std::min(r.top, r.bottom), std::max(r.left, r.right), std::max(r.top, r.bottom)};
         Mask nw;
         int32_t rc = 0;
         HRGN given = nullptr;  // a region given through a handle
         bool ok = true;
         if (kind == 0) {
+            r = RECT{std::min(r.left, r.right), std::min(r.top, r.bottom), std::max(r.left, r.right), std::max(r.top, r.bottom)};
             nw = rgntest::rectMask(win, r);
             rc = K_SetBitmapRgnRect(&bmp.bm, nullptr, &r, mode);
         } else if (kind == 1) {  // the shapes' coordinates keep them inside the window
-            given = CreateEllipticRgn(r.left, r.top, r.right, r.bottom);
-            nw = rgntest::maskOfHandle(win, given, &ok);
-            DeleteObject(given);
-            given = nullptr;
+            HRGN e = CreateEllipticRgn(r.left, r.top, r.right, r.bottom);
+            nw = rgntest::maskOfHandle(win, e, &ok);
+            DeleteObject(e);
             rc = K_SetBitmapRgnEllipse(&bmp.bm, nullptr, &r, mode);
         } else if (kind == 2) {
             std::vector<POINT> pts(size_t(3 + rng() % 6));
@@ -147,8 +140,7 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
             const std::vector<uint8_t> data = rgntest::regionData(given);
             if (data.size() > 32) {
                 rc = K_SetBitmapRgnData(&bmp.bm, nullptr, int32_t(data.size()), reinterpret_cast<const RGNDATA*>(data.data()), mode);
-                DeleteObject(given);
-                given = nullptr;
+                DeleteObject(given), given = nullptr;
             }
         } else if (kind == 4) {
             nw = maskWhite;
@@ -178,12 +170,10 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
         if (step % 10 == 0) {  // the mask made from the region has the same pixels
             BITMAPRECORD mk;
             ASSERT_EQ(K_CreateMaskFromBitmapRgn(&bmp.bm, &mk, BITMAPRECORD_SIZE), KS_SUCCESS);
-            EXPECT_TRUE(mk.nBitsPerPixel == 1 && K_BitmapHasRgn(&mk) == 0);
-            K_AccessBitmap(&mk);
+            EXPECT_TRUE(mk.nBitsPerPixel == 1 && K_BitmapHasRgn(&mk) == 0 && K_AccessBitmap(&mk) == KS_SUCCESS);
             for (int y = 0; y < H; ++y)
                 for (int x = 0; x < W; ++x) ASSERT_EQ(getPixel(mk.pData + size_t(y) * mk.nBytesPerLine, x, 1) != 0, cur.get(x, y));
-            K_ReleaseBitmap(&mk);
-            K_FreeBitmap(&mk);
+            K_ReleaseBitmap(&mk), K_FreeBitmap(&mk);
         }
     }
     pic.release();
