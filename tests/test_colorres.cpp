@@ -97,9 +97,7 @@ TEST(ColorResSearch, CellPrunedSearchEqualsTheScan) {
         return p;
     };
     std::vector<RGBQUAD> dup = randomPal(40), lattice;  // duplicates, black and white at both ends
-    dup[0] = dup[39] = quad(0, 0, 0);
-    dup[5] = dup[17] = dup[30];
-    dup[1] = dup[38] = quad(255, 255, 255);
+    dup[0] = dup[39] = quad(0, 0, 0), dup[5] = dup[17] = dup[30], dup[1] = dup[38] = quad(255, 255, 255);
     for (int i = 0; i < 64; ++i) lattice.push_back(quad((i & 3) * 80, ((i >> 2) & 3) * 80, (i >> 4) * 80));  // many ties
     const std::vector<RGBQUAD> cases[] = {{K_IntGetFixedPalette(4), K_IntGetFixedPalette(4) + 16},
                                           {K_IntGetNetscapePalette(), K_IntGetNetscapePalette() + 256},
@@ -187,8 +185,7 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
     std::mt19937 rng(21);
     std::vector<RGBQUAD> pal;
     for (int i = 0; i < 200; ++i) pal.push_back(quad(int(rng() & 0xF8), int(rng() & 255), int(rng() & 255)));
-    pal[3] = pal[199] = quad(0, 0, 0);  // black twice: the last entry answers
-    pal[120] = quad(255, 255, 255);
+    pal[3] = pal[199] = quad(0, 0, 0), pal[120] = quad(255, 255, 255);  // black twice: the last entry answers
     const int w = 53, h = 11;
     enum Path { Tree, Installed, Built, Exact };
     for (Path path : {Tree, Installed, Built, Exact}) {
