@@ -195,20 +195,16 @@ TEST(DitherFrame, ChecksPointerSizeThenValues) {
         EXPECT_EQ(c.bits >= 0 ? K_StartDitheringExt(&b, nullptr, c.colors, c.bits, nullptr) : K_StartDithering(&b, nullptr, c.colors), c.expect) << c.what;
         EXPECT_EQ(b.pDitherState, nullptr) << c.what;  // nothing was started by the failure
     }
-    EXPECT_EQ(K_DitherLine(nullptr, src, dst), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_DitherLine(&bad, src, dst), KS_INVALID_STRUCT_SIZE);
+    EXPECT_TRUE(K_DitherLine(nullptr, src, dst) == KS_INVALID_PARAMETER && K_DitherLine(&bad, src, dst) == KS_INVALID_STRUCT_SIZE);
     EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_INVALID_PARAMETER);  // no run
     ASSERT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_SUCCESS);
-    EXPECT_EQ(K_DitherLine(&rec.bm, nullptr, dst), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_DitherLine(&rec.bm, src, nullptr), KS_INVALID_PARAMETER);
+    EXPECT_TRUE(K_DitherLine(&rec.bm, nullptr, dst) == KS_INVALID_PARAMETER && K_DitherLine(&rec.bm, src, nullptr) == KS_INVALID_PARAMETER);
     EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_SUCCESS);
     rec.bm.nWidth = 9;  // the run's rows no longer fit the record
     EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_INVALID_PARAMETER);
     rec.bm.nWidth = 8;
-    EXPECT_EQ(K_StopDithering(nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_StopDithering(&bad), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_StopDithering(&rec.bm), KS_SUCCESS);
-    EXPECT_EQ(rec.bm.pDitherState, nullptr);
+    EXPECT_TRUE(K_StopDithering(nullptr) == KS_INVALID_PARAMETER && K_StopDithering(&bad) == KS_INVALID_STRUCT_SIZE);
+    EXPECT_TRUE(K_StopDithering(&rec.bm) == KS_SUCCESS && rec.bm.pDitherState == nullptr);
     EXPECT_EQ(K_StopDithering(&rec.bm), KS_SUCCESS);  // no run: nothing to do
     EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_INVALID_PARAMETER);
 }
@@ -220,18 +216,15 @@ TEST(DitherFrame, RestartReplacesTheRunFreeStopsItDefaultMethodIsPerThread) {
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 50, 4, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
     bm.nDitheringMethod = 2;
     auto pal = randomPalette(10, 3);
-    ASSERT_EQ(K_StartDithering(&bm, pal.data(), 10), KS_SUCCESS);
-    ASSERT_NE(bm.pDitherState, nullptr);
+    ASSERT_TRUE(K_StartDithering(&bm, pal.data(), 10) == KS_SUCCESS && bm.pDitherState != nullptr);
     ASSERT_EQ(K_StartDithering(&bm, nullptr, 256), KS_SUCCESS);  // replaces the first run
     EXPECT_EQ(krn::ditherRunCode(&bm), krn::kCodeFixed256);
     K_FreeBitmap(&bm);
-    EXPECT_EQ(bm.pDitherState, nullptr);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), before);
+    EXPECT_TRUE(bm.pDitherState == nullptr && krn::faultinject::liveBlocks() == before);
 
     EXPECT_EQ(K_DefaultDithering(6), old);
     EXPECT_TRUE(K_DefaultDithering(9) == KS_INVALID_PARAMETER && K_DefaultDithering(-1) == KS_INVALID_PARAMETER && K_GetDefaultDithering() == 6);
-    ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4, 4, 24), KS_SUCCESS);
-    EXPECT_EQ(bm.nDitheringMethod, 6);  // copied at init
+    EXPECT_TRUE(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4, 4, 24) == KS_SUCCESS && bm.nDitheringMethod == 6);  // copied at init
     int32_t other = -5;
     std::thread([&] { other = K_GetDefaultDithering(); }).join();
     EXPECT_EQ(other, 0);
@@ -313,11 +306,7 @@ TEST(DitherReference, EveryOutputDepthPacksTheSameIndices) {
 // --------------------------------------------------------------- proofs
 
 TEST(DitherProof, FixedPaletteInOrderTakesTheDirectPathShuffledTakesTheTable) {
-    struct Case {
-        std::vector<RGBQUAD> pal;
-        uint32_t count;
-        int code;
-    };
+    struct Case { std::vector<RGBQUAD> pal; uint32_t count; int code; };
     // 100 of 128 entries are not the fixed palette; the reserved byte counts too
     std::vector<Case> cases = {{webPal(), 256, krn::kCodeWeb}, {fixedPal(7), 100, krn::kCodeBuiltTable}, {fixedPal(4), 16, krn::kCodeBuiltTable}};
     cases.back().pal[3].rgbReserved = 4;
@@ -351,11 +340,9 @@ TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
     // fixed palettes never look at it.
     const uint32_t* old = K_SetUserMatchTable(table.data());
     Rec rec(4, 24, ORDER_BGR, 0);
-    ASSERT_EQ(K_StartDithering(&rec.bm, pal.data(), 16), KS_SUCCESS);
-    EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeCallerTable);
+    EXPECT_TRUE(K_StartDithering(&rec.bm, pal.data(), 16) == KS_SUCCESS && krn::ditherRunCode(&rec.bm) == krn::kCodeCallerTable);
     EXPECT_EQ(runLibrary(0, 4, 1, img, pal.data(), 16), got);
-    ASSERT_EQ(K_StartDithering(&rec.bm, nullptr, 16), KS_SUCCESS);
-    EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeFixed16);
+    EXPECT_TRUE(K_StartDithering(&rec.bm, nullptr, 16) == KS_SUCCESS && krn::ditherRunCode(&rec.bm) == krn::kCodeFixed16);
     K_SetUserMatchTable(old);
     for (auto& e : table) e = 200;  // index 199 = 0b11000111: masked into the output depth
     EXPECT_EQ(runLibrary(0, 4, 1, img, pal.data(), 16, 4, table.data()), (std::vector<int>{7, 7, 7, 7}));
