@@ -64,15 +64,12 @@ double optimisedError(Img& img, uint32_t flags, const RGBQUAD* pal, int n) {
     BITMAPRECORD q;
     EXPECT_EQ(K_ColorResBitmap(&img.bm, &q, 8, flags | CRF_NODITHERING, pal, n, BITMAPRECORD_SIZE), KS_SUCCESS);
     const double e = mse(&q, img.px, img.w, img.h);
-    K_FreeBitmap(&q);
-    return e;
+    return K_FreeBitmap(&q), e;
 }
 
 TEST(ColorResOptPal, FewColoursComeBackExactly) {
     std::mt19937 rng(1);
-    struct Case {
-        int w, h, colours, n;
-    };
+    struct Case { int w, h, colours, n; };
     // The last image is large enough to be sampled: one odd pixel placed
     // between the sample points must still be found.
     for (Case c : {Case{31, 17, 2, 2}, Case{64, 64, 16, 16}, Case{50, 40, 200, 256}, Case{1100, 1000, 9, 10}}) {
@@ -88,8 +85,7 @@ TEST(ColorResOptPal, FewColoursComeBackExactly) {
         Img img(c.w, c.h, px);
         std::vector<RGBQUAD> pal(size_t(c.n), quad(7, 7, 7));
         int32_t used = -1;
-        ASSERT_EQ(K_CreateBitmapOptPal(&img.bm, pal.data(), c.n, 0, 0, &used), KS_SUCCESS);
-        EXPECT_EQ(used, c.colours);
+        ASSERT_TRUE(K_CreateBitmapOptPal(&img.bm, pal.data(), c.n, 0, 0, &used) == KS_SUCCESS && used == c.colours);
         std::set<uint32_t> got;
         for (int i = 0; i < used; ++i) got.insert(key(pal[size_t(i)]));
         EXPECT_EQ(got, keys) << c.w << 'x' << c.h;
@@ -101,15 +97,10 @@ TEST(ColorResOptPal, ReservedAndTransparentEntriesAreKept) {
     auto px = phototest::photoLike(80, 60, 2);
     Img img(80, 60, px);
     std::vector<RGBQUAD> pal(32, quad(0, 0, 0));
-    pal[0] = quad(255, 0, 255);
-    pal[1] = quad(1, 2, 3);
-    pal[31] = quad(0, 254, 0);
+    pal[0] = quad(255, 0, 255), pal[1] = quad(1, 2, 3), pal[31] = quad(0, 254, 0);
     int32_t used = 0;
     ASSERT_EQ(K_CreateBitmapOptPal(&img.bm, pal.data(), 32, 2, OPTPAL_TRANSPARENT, &used), KS_SUCCESS);
-    EXPECT_EQ(used, 32);
-    EXPECT_EQ(key(pal[0]), key(quad(255, 0, 255)));
-    EXPECT_EQ(key(pal[1]), key(quad(1, 2, 3)));
-    EXPECT_EQ(key(pal[31]), key(quad(0, 254, 0)));
+    EXPECT_TRUE(used == 32 && key(pal[0]) == key(quad(255, 0, 255)) && key(pal[1]) == key(quad(1, 2, 3)) && key(pal[31]) == key(quad(0, 254, 0)));
     std::set<uint32_t> distinct;
     for (const auto& e : pal) distinct.insert(key(e));
     EXPECT_GT(distinct.size(), 25u);
@@ -141,15 +132,13 @@ TEST(ColorResOptPal, BadInputWritesNothing) {
         uint32_t flags;
         int32_t want;
     };
-    for (Case c : {Case{nullptr, true, 16, 0, 0, KS_INVALID_PARAMETER}, Case{&img.bm, false, 16, 0, 0, KS_INVALID_PARAMETER},
-                   Case{&img.bm, true, 1, 0, 0, KS_INVALID_PARAMETER}, Case{&img.bm, true, 257, 0, 0, KS_INVALID_PARAMETER},
-                   Case{&img.bm, true, 16, 17, 0, KS_INVALID_PARAMETER}, Case{&img.bm, true, 16, -1, 0, KS_INVALID_PARAMETER},
-                   Case{&img.bm, true, 16, 16, OPTPAL_TRANSPARENT, KS_INVALID_PARAMETER},
-                   Case{&img.bm, true, 16, 0, 0x10, KS_INVALID_PARAMETER}, Case{&unalloc, true, 16, 0, 0, KS_INVALID_BITMAP}}) {
+    const int32_t P = KS_INVALID_PARAMETER;
+    for (Case c : {Case{nullptr, true, 16, 0, 0, P}, Case{&img.bm, false, 16, 0, 0, P}, Case{&img.bm, true, 1, 0, 0, P}, Case{&img.bm, true, 257, 0, 0, P},
+                   Case{&img.bm, true, 16, 17, 0, P}, Case{&img.bm, true, 16, -1, 0, P}, Case{&img.bm, true, 16, 16, OPTPAL_TRANSPARENT, P},
+                   Case{&img.bm, true, 16, 0, 0x10, P}, Case{&unalloc, true, 16, 0, 0, KS_INVALID_BITMAP}}) {
         std::vector<RGBQUAD> pal(300, quad(9, 9, 9));
         int32_t used = -5;
-        EXPECT_EQ(K_CreateBitmapOptPal(c.bm, c.pal ? pal.data() : nullptr, c.n, c.reserved, c.flags, &used), c.want);
-        EXPECT_EQ(used, -5);
+        EXPECT_TRUE(K_CreateBitmapOptPal(c.bm, c.pal ? pal.data() : nullptr, c.n, c.reserved, c.flags, &used) == c.want && used == -5) << c.n << " " << c.reserved;
         for (const auto& e : pal) ASSERT_EQ(key(e), key(quad(9, 9, 9)));
     }
     // Allocation failures: nothing written, nothing leaked.
@@ -158,6 +147,31 @@ TEST(ColorResOptPal, BadInputWritesNothing) {
         if (armed([&] { return K_CreateBitmapOptPal(&img.bm, pal.data(), 16, 0, 0, nullptr); }) == KS_SUCCESS) return;
         for (const auto& e : pal) ASSERT_EQ(key(e), key(quad(9, 9, 9)));
     }, 1, true);
+}
+
+// Colours the split and the refinement must not lose: a quarter of near-black
+// pixels (the first cell of the sample) among many bright colours, and colours
+// that differ in blue only. Every entry count, split alone and refined.
+TEST(ColorResOptPal, NearBlackAndBlueOnlyColoursAreCovered) {
+    std::mt19937 rng(6);
+    const int w = 96, h = 64;
+    std::vector<uint8_t> dark(size_t(w) * h * 3), blue(dark.size());
+    for (size_t i = 0; i < dark.size(); i += 3) {
+        const bool black = rng() % 4 == 0;
+        for (int k = 0; k < 3; ++k) dark[i + size_t(k)] = uint8_t(black ? rng() % 4 : 128 + rng() % 128);
+        blue[i] = uint8_t(rng()), blue[i + 1] = blue[i + 2] = 100;
+    }
+    Img imgs[2] = {{w, h, dark}, {w, h, blue}};
+    for (int n : {8, 16})
+        for (int fast = 0; fast < 2; ++fast)
+            for (int k = 0; k < 2; ++k) {
+                std::vector<RGBQUAD> pal(static_cast<size_t>(n));
+                ASSERT_EQ(K_CreateBitmapOptPal(&imgs[k].bm, pal.data(), n, 0, fast ? OPTPAL_FAST : 0, nullptr), KS_SUCCESS);
+                // an entry for the near-black quarter; blue alone, uniform: about as good as n equal slices of
+                // the range, (256 / n)^2 / 12 over three channels
+                if (k == 0) EXPECT_TRUE(std::any_of(pal.begin(), pal.end(), [](const RGBQUAD& e) { return (key(e) & 0xF8F8F8) == 0; })) << n << " " << fast;
+                else EXPECT_LT(optimisedError(imgs[k], CRF_USERPALETTE | CRF_EXACTMATCH, pal.data(), n), 1.03 * (256.0 / n) * (256.0 / n) / 36) << n << " " << fast;
+            }
 }
 
 // Pillow's quantizers on the same image, through the script beside the
@@ -171,8 +185,7 @@ std::map<std::pair<std::string, int>, double> pillowErrors(const std::string& pp
     std::string exeDir = got > 0 ? std::string(exe, size_t(got)) : std::string(".");
     exeDir = exeDir.substr(0, exeDir.find_last_of('/'));
     std::string script;
-    for (const std::string& c : {file.substr(0, file.find_last_of('/')) + "/../bench/pillow_quantize.py",
-                                 exeDir + "/../../bench/pillow_quantize.py", std::string("bench/pillow_quantize.py")})
+    for (const std::string& c : {file.substr(0, file.find_last_of('/')) + "/../bench/pillow_quantize.py", exeDir + "/../../bench/pillow_quantize.py", std::string("bench/pillow_quantize.py")})
         if (script.empty() && access(c.c_str(), R_OK) == 0) script = c;
     std::map<std::pair<std::string, int>, double> out;
     if (script.empty()) return out;
@@ -203,10 +216,8 @@ TEST(ColorResOptPal, PhotoLikeErrorIsBelowPillowMedianCutAndOctree) {
         Img img(w, h, px);
         for (int n : counts) {
             const double ours = optimisedError(img, CRF_OPTIMIZEDPALETTE, nullptr, n), mc = pillow[{"mediancut", n}], oct = pillow[{"fastoctree", n}];
-            std::printf("image %u, %3d colours: mse ours %8.3f  median cut %8.3f  fast octree %8.3f\n", seed, n, ours,
-                        mc, oct);
-            EXPECT_LT(ours, mc) << n;
-            EXPECT_LT(ours, oct) << n;
+            std::printf("image %u, %3d colours: mse ours %8.3f  median cut %8.3f  fast octree %8.3f\n", seed, n, ours, mc, oct);
+            EXPECT_TRUE(ours < mc && ours < oct) << n;
         }
     }
 }
@@ -235,15 +246,13 @@ TEST(ColorResOptPal, ListPaletteCoversEveryBitmap) {
     for (int i = 0; i < used; ++i) got.insert(key(pal[size_t(i)]));
     EXPECT_EQ(got, all);
     // Fewer entries than colours: every entry still used, none invented twice.
-    ASSERT_EQ(K_CreateBitmapListOptPal(list, pal.data(), 8, 0, 0, &used), KS_SUCCESS);
-    EXPECT_EQ(used, 8);
-    EXPECT_EQ(K_CreateBitmapListOptPal(nullptr, pal.data(), 8, 0, 0, &used), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CreateBitmapListOptPal(list, nullptr, 8, 0, 0, &used), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CreateBitmapListOptPal(list, pal.data(), 300, 0, 0, &used), KS_INVALID_PARAMETER);
+    EXPECT_TRUE(K_CreateBitmapListOptPal(list, pal.data(), 8, 0, 0, &used) == KS_SUCCESS && used == 8);
+    for (int32_t st : {K_CreateBitmapListOptPal(nullptr, pal.data(), 8, 0, 0, &used), K_CreateBitmapListOptPal(list, nullptr, 8, 0, 0, &used),
+                       K_CreateBitmapListOptPal(list, pal.data(), 300, 0, 0, &used)})
+        EXPECT_EQ(st, KS_INVALID_PARAMETER);
     ASSERT_EQ(K_DestroyBitmapList(list), KS_SUCCESS);
     HBITMAPLIST empty = nullptr;
-    ASSERT_EQ(K_CreateBitmapList(&empty), KS_SUCCESS);
-    EXPECT_EQ(K_CreateBitmapListOptPal(empty, pal.data(), 8, 0, 0, &used), KS_INVALID_BITMAP);
+    EXPECT_TRUE(K_CreateBitmapList(&empty) == KS_SUCCESS && K_CreateBitmapListOptPal(empty, pal.data(), 8, 0, 0, &used) == KS_INVALID_BITMAP);
     K_DestroyBitmapList(empty);
 }
 

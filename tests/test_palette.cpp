@@ -35,10 +35,8 @@ struct Bitmap {
 RGBQUAD fixedEntry(int d, int i) {
     static const int L4[4] = {0, 85, 170, 255};
     auto L8 = [](int k) { return (k * 255 + 3) / 7; };  // k * 255 / 7 rounded to nearest
-    static const int sixteen[16][3] = {{0, 0, 0},     {128, 0, 0},   {0, 128, 0},     {128, 128, 0},
-                                       {0, 0, 128},   {128, 0, 128}, {0, 128, 128},   {128, 128, 128},
-                                       {192, 192, 192}, {255, 0, 0}, {0, 255, 0},     {255, 255, 0},
-                                       {0, 0, 255},   {255, 0, 255}, {0, 255, 255},   {255, 255, 255}};
+    static const int sixteen[16][3] = {{0, 0, 0},     {128, 0, 0}, {0, 128, 0}, {128, 128, 0}, {0, 0, 128},   {128, 0, 128}, {0, 128, 128}, {128, 128, 128},
+                                       {192, 192, 192}, {255, 0, 0}, {0, 255, 0}, {255, 255, 0}, {0, 0, 255}, {255, 0, 255}, {0, 255, 255}, {255, 255, 255}};
     switch (d) {
         case 0: return rgb(i, i, i);
         case 1: return i ? rgb(255, 255, 255) : rgb(0, 0, 0);
@@ -62,17 +60,12 @@ TEST(PaletteFixed, EveryDepthWebAndGreyRampsMatchTheTables) {
         ASSERT_TRUE(made && grey);
         EXPECT_EQ(K_GlobalSize(grey), size_t(count) * sizeof(RGBQUAD));
         for (int i = 0; i < count; ++i) {
-            EXPECT_TRUE(same(filled[size_t(i)], fixedEntry(d, i))) << "depth " << d << " entry " << i;
-            EXPECT_TRUE(same(made[i], fixedEntry(d, i)));
-            if (d) {
-                EXPECT_TRUE(same(k[i], fixedEntry(d, i)));
-            }
+            EXPECT_TRUE(same(filled[size_t(i)], fixedEntry(d, i)) && same(made[i], fixedEntry(d, i)) && (!d || same(k[i], fixedEntry(d, i))))
+                << "depth " << d << " entry " << i;
             const int v = count == 1 ? 0 : i * 255 / (count - 1);
             EXPECT_TRUE(same(grey[i], rgb(v, v, v))) << d << ":" << i;
         }
-        if (d && d < 8) {
-            EXPECT_TRUE(same(filled[size_t(count)], rgb(1, 2, 3)));  // nothing written past 2^d
-        }
+        EXPECT_TRUE(!d || d == 8 || same(filled[size_t(count)], rgb(1, 2, 3)));  // nothing written past 2^d
         K_GlobalFree(made);
         EXPECT_EQ(K_GlobalFree(grey), nullptr);
     }
@@ -80,20 +73,13 @@ TEST(PaletteFixed, EveryDepthWebAndGreyRampsMatchTheTables) {
     for (int i = 0; i < 256; ++i)
         EXPECT_TRUE(same(web[i], i < 216 ? rgb(51 * (i / 36), 51 * ((i / 6) % 6), 51 * (i % 6)) : rgb(0, 0, 0))) << i;
     RGBQUAD buf[256];
-    EXPECT_EQ(K_IntGetFixedPalette(0), nullptr);
-    EXPECT_EQ(K_IntGetFixedPalette(9), nullptr);
-    EXPECT_EQ(K_GetFixedPalette(buf, 9), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetFixedPalette(buf, -1), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetFixedPalette(nullptr, 8), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_CreateGrayPalette(9), nullptr);
-    EXPECT_EQ(K_CreateFixedPalette(-1), nullptr);
+    EXPECT_TRUE(!K_IntGetFixedPalette(0) && !K_IntGetFixedPalette(9) && !K_CreateGrayPalette(9) && !K_CreateFixedPalette(-1));
+    for (int32_t st : {K_GetFixedPalette(buf, 9), K_GetFixedPalette(buf, -1), K_GetFixedPalette(nullptr, 8)}) EXPECT_EQ(st, KS_INVALID_PARAMETER);
     RGBQUAD* dup = K_DupPalette(buf, 3);
     ASSERT_NE(dup, nullptr);
-    EXPECT_EQ(std::memcmp(dup, buf, 3 * sizeof(RGBQUAD)), 0);
-    EXPECT_EQ(K_GlobalSize(dup), 3 * sizeof(RGBQUAD));
+    EXPECT_TRUE(std::memcmp(dup, buf, 3 * sizeof(RGBQUAD)) == 0 && K_GlobalSize(dup) == 3 * sizeof(RGBQUAD));
     K_GlobalFree(dup);
-    EXPECT_EQ(K_DupPalette(nullptr, 3), nullptr);
-    EXPECT_EQ(K_DupPalette(buf, 0), nullptr);
+    EXPECT_TRUE(!K_DupPalette(nullptr, 3) && !K_DupPalette(buf, 0));
 }
 
 // ---------------------------------------------------------------- grey classification
@@ -156,8 +142,7 @@ TEST(PaletteGrey, DocumentedCasesAndRandomPalettesAgainstTheRule) {
         EXPECT_EQ(K_IsGrayScalePalette(p.data(), n), classifyRef(p)) << round;
     }
     RGBQUAD one[1] = {rgb(0, 0, 0)};
-    EXPECT_EQ(K_IsGrayScalePalette(nullptr, 2), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_IsGrayScalePalette(one, -1), KS_INVALID_PARAMETER);
+    EXPECT_TRUE(K_IsGrayScalePalette(nullptr, 2) == KS_INVALID_PARAMETER && K_IsGrayScalePalette(one, -1) == KS_INVALID_PARAMETER);
 }
 
 TEST(PaletteGrey, Bitmaps) {
@@ -167,34 +152,27 @@ TEST(PaletteGrey, Bitmaps) {
         // Ramps of 2, 4, 16 and 256 entries are exact; the accumulated step misses the others.
         const bool exact = bpp == 1 || bpp == 2 || bpp == 4 || bpp == 8;
         EXPECT_EQ(K_IntIsGrayScaleBitmap(&b.bm), exact ? 1 : 3) << bpp;
-        if (exact && bpp > 1) {
-            b.bm.nColors = (1 << bpp) - 1;  // a ramp that leaves pixel values uncovered
-            EXPECT_EQ(K_IntIsGrayScaleBitmap(&b.bm), 3);
-        }
+        b.bm.nColors = (1 << bpp) - 1;  // a ramp that leaves pixel values uncovered
+        EXPECT_TRUE(!exact || bpp == 1 || K_IntIsGrayScaleBitmap(&b.bm) == 3) << bpp;
     }
     Bitmap colour, one, deep, grey16;
-    ASSERT_EQ(colour.create(4, 4, 8, ORDER_BGR), KS_SUCCESS);  // the fixed 8-bit colour palette
-    EXPECT_EQ(K_IntIsGrayScaleBitmap(&colour.bm), 0);
-    ASSERT_EQ(K_InitBitmap(&one.bm, BITMAPRECORD_SIZE_OLD, 8, 8, 1), KS_SUCCESS);  // no block: black, white
-    EXPECT_EQ(K_IntIsGrayScaleBitmap(&one.bm), 1);
-    ASSERT_EQ(deep.create(4, 4, 24, ORDER_BGR), KS_SUCCESS);
-    EXPECT_EQ(K_IntIsGrayScaleBitmap(&deep.bm), 0);
-    ASSERT_EQ(grey16.create(4, 4, 16, ORDER_GRAY), KS_SUCCESS);
-    EXPECT_EQ(K_IntIsGrayScaleBitmap(&grey16.bm), 1);
+    // the fixed 8-bit colour palette; no block: black, white; 24 bits; 16-bit grey
+    ASSERT_TRUE(colour.create(4, 4, 8, ORDER_BGR) == KS_SUCCESS && K_InitBitmap(&one.bm, BITMAPRECORD_SIZE_OLD, 8, 8, 1) == KS_SUCCESS &&
+                deep.create(4, 4, 24, ORDER_BGR) == KS_SUCCESS && grey16.create(4, 4, 16, ORDER_GRAY) == KS_SUCCESS);
+    EXPECT_TRUE(K_IntIsGrayScaleBitmap(&colour.bm) == 0 && K_IntIsGrayScaleBitmap(&one.bm) == 1 && K_IntIsGrayScaleBitmap(&deep.bm) == 0 &&
+                K_IntIsGrayScaleBitmap(&grey16.bm) == 1);
     std::vector<RGBQUAD> lut(64);
     for (int i = 0; i < 64; ++i) lut[size_t(i)] = rgb(255 - 4 * i, 255 - 4 * i, 255 - 4 * i);
-    grey16.bm.pLUT = lut.data();
-    grey16.bm.nLUTLength = 64;
+    grey16.bm.pLUT = lut.data(), grey16.bm.nLUTLength = 64;
     EXPECT_EQ(K_IntIsGrayScaleBitmap(&grey16.bm), 2);
     lut[10] = rgb(0, 0, 0);
     EXPECT_EQ(K_IntIsGrayScaleBitmap(&grey16.bm), 3);
     lut[10] = rgb(0, 0, 1);
     EXPECT_EQ(K_IntIsGrayScaleBitmap(&grey16.bm), 0);
     grey16.bm.pLUT = nullptr, grey16.bm.nLUTLength = 0;
-    EXPECT_EQ(K_IntIsGrayScaleBitmap(nullptr), KS_INVALID_PARAMETER);
     BITMAPRECORD bad = colour.bm;
     bad.uStructSize = 200;
-    EXPECT_EQ(K_IntIsGrayScaleBitmap(&bad), KS_INVALID_STRUCT_SIZE);
+    EXPECT_TRUE(K_IntIsGrayScaleBitmap(nullptr) == KS_INVALID_PARAMETER && K_IntIsGrayScaleBitmap(&bad) == KS_INVALID_STRUCT_SIZE);
 }
 
 // ---------------------------------------------------------------- user match table
@@ -208,12 +186,9 @@ TEST(PaletteMatchTable, EveryWordIsTheNearestIndexPlusOne) {
     ASSERT_NE(t, nullptr);
     // The grid is component * 8, not bit-replicated: word 0x7FFF is (248, 248, 248).
     for (uint32_t k = 0; k < USER_MATCH_TABLE_ENTRIES; ++k)
-        ASSERT_EQ(t[k], uint32_t(K_FindPaletteIndex(pal.data(), 37, int(k >> 10) * 8, int((k >> 5) & 31) * 8,
-                                                    int(k & 31) * 8)) + 1) << k;
-    EXPECT_EQ(K_FreeUserMatchTable(t), KS_SUCCESS);
-    EXPECT_EQ(K_FreeUserMatchTable(nullptr), KS_SUCCESS);
-    EXPECT_EQ(K_CreateUserMatchTable(nullptr, 2), nullptr);
-    EXPECT_EQ(K_CreateUserMatchTable(pal.data(), 0), nullptr);
+        ASSERT_EQ(t[k], uint32_t(K_FindPaletteIndex(pal.data(), 37, int(k >> 10) * 8, int((k >> 5) & 31) * 8, int(k & 31) * 8)) + 1) << k;
+    EXPECT_TRUE(K_FreeUserMatchTable(t) == KS_SUCCESS && K_FreeUserMatchTable(nullptr) == KS_SUCCESS);
+    EXPECT_TRUE(!K_CreateUserMatchTable(nullptr, 2) && !K_CreateUserMatchTable(pal.data(), 0));
     const long live = krn::faultinject::liveBlocks();
     krn::faultinject::arm(0, 1);
     EXPECT_EQ(K_CreateUserMatchTable(pal.data(), 2), nullptr);
@@ -259,36 +234,29 @@ TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
     RGBQUAD out[16];
     std::memset(out, 0xEE, sizeof out);
     EXPECT_EQ(K_GetBitmapColors(&b.bm, 1, 10, out), 4);  // only 4 entries from index 1
-    EXPECT_TRUE(same(out[0], mine[1]) && same(out[3], mine[4]));
-    EXPECT_EQ(out[4].rgbRed, 0xEE);
-    EXPECT_EQ(K_GetBitmapColors(&b.bm, 5, 3, out), 0);
-    for (int32_t first : {6, -1}) EXPECT_EQ(K_GetBitmapColors(&b.bm, first, 1, out), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetBitmapColors(&b.bm, 0, 1, nullptr), KS_INVALID_PARAMETER);
+    EXPECT_TRUE(same(out[0], mine[1]) && same(out[3], mine[4]) && out[4].rgbRed == 0xEE && K_GetBitmapColors(&b.bm, 5, 3, out) == 0);
+    for (int32_t st : {K_GetBitmapColors(&b.bm, 6, 1, out), K_GetBitmapColors(&b.bm, -1, 1, out), K_GetBitmapColors(&b.bm, 0, 1, nullptr)})
+        EXPECT_EQ(st, KS_INVALID_PARAMETER);
     RGBQUAD put[3] = {rgb(90, 91, 92), rgb(93, 94, 95), rgb(96, 97, 98)};
     RGBQUAD* block = b.bm.pPalette;
     EXPECT_EQ(K_PutBitmapColors(&b.bm, 4, 3, put), 3);
-    EXPECT_EQ(b.bm.pPalette, block);  // written in place
-    EXPECT_EQ(b.bm.nColors, 7);       // grew to cover the range
+    EXPECT_TRUE(b.bm.pPalette == block && b.bm.nColors == 7);  // written in place, grown to cover the range
     EXPECT_EQ(K_GetBitmapColors(&b.bm, 0, 16, out), 7);
     EXPECT_TRUE(same(out[3], mine[3]) && same(out[4], put[0]) && same(out[6], put[2]));
-    EXPECT_EQ(K_PutBitmapColors(&b.bm, 14, 3, put), KS_INVALID_PARAMETER);  // past 2^4
-    EXPECT_EQ(K_PutBitmapColors(&b.bm, 0, 1, nullptr), KS_INVALID_PARAMETER);
+    EXPECT_TRUE(K_PutBitmapColors(&b.bm, 14, 3, put) == KS_INVALID_PARAMETER && K_PutBitmapColors(&b.bm, 0, 1, nullptr) == KS_INVALID_PARAMETER);  // past 2^4
     // Own palette as the source; null means the fixed palette.
     ASSERT_EQ(K_SetBitmapPalette(&b.bm, b.bm.pPalette + 1, 3), KS_SUCCESS);
     EXPECT_TRUE(same(b.bm.pPalette[0], mine[1]) && same(b.bm.pPalette[2], mine[3]));
-    EXPECT_EQ(K_SetBitmapPalette(&b.bm, mine, 17), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetBitmapPalette(&b.bm, mine, 0), KS_INVALID_PARAMETER);
+    EXPECT_TRUE(K_SetBitmapPalette(&b.bm, mine, 17) == KS_INVALID_PARAMETER && K_SetBitmapPalette(&b.bm, mine, 0) == KS_INVALID_PARAMETER);
     ASSERT_EQ(K_SetBitmapPalette(&b.bm, nullptr, 0), KS_SUCCESS);
-    EXPECT_EQ(K_CompareBitmapToPalette(&b.bm, K_IntGetFixedPalette(4), 16), KS_SUCCESS);
-    EXPECT_EQ(K_CompareBitmapToPalette(&b.bm, nullptr, 0), KS_SUCCESS);
+    EXPECT_TRUE(K_CompareBitmapToPalette(&b.bm, K_IntGetFixedPalette(4), 16) == KS_SUCCESS && K_CompareBitmapToPalette(&b.bm, nullptr, 0) == KS_SUCCESS);
     EXPECT_EQ(K_CompareBitmapToPalette(&b.bm, K_IntGetFixedPalette(4), 15), KS_FAILURE);
     std::vector<RGBQUAD> almost(K_IntGetFixedPalette(4), K_IntGetFixedPalette(4) + 16);
     almost[9].rgbReserved = 77;  // ignored
     EXPECT_EQ(K_CompareBitmapToPalette(&b.bm, almost.data(), 16), KS_SUCCESS);
     almost[9].rgbGreen ^= 1;
     EXPECT_EQ(K_CompareBitmapToPalette(&b.bm, almost.data(), 16), KS_FAILURE);
-    ASSERT_EQ(K_CreateBitmapGrayPalette(&b.bm), KS_SUCCESS);
-    EXPECT_EQ(K_IntIsGrayScaleBitmap(&b.bm), 1);
+    EXPECT_TRUE(K_CreateBitmapGrayPalette(&b.bm) == KS_SUCCESS && K_IntIsGrayScaleBitmap(&b.bm) == 1);
 
     // A record without a palette block starts from the fixed palette.
     BITMAPRECORD bare;
@@ -303,10 +271,8 @@ TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
     // Deep bitmaps: no colours until given some, blocks sized to the count.
     Bitmap deep;
     ASSERT_EQ(deep.create(4, 4, 24), KS_SUCCESS);
-    EXPECT_EQ(K_GetBitmapColors(&deep.bm, 0, 4, out), 0);
-    EXPECT_EQ(K_CreateBitmapFixedPalette(&deep.bm), KS_INVALID_BITS_PER_PIXEL);
-    EXPECT_EQ(K_CreateBitmapGrayPalette(&deep.bm), KS_INVALID_BITS_PER_PIXEL);
-    EXPECT_EQ(K_SetBitmapPalette(&deep.bm, nullptr, 0), KS_INVALID_PARAMETER);
+    EXPECT_TRUE(K_GetBitmapColors(&deep.bm, 0, 4, out) == 0 && K_SetBitmapPalette(&deep.bm, nullptr, 0) == KS_INVALID_PARAMETER);
+    EXPECT_TRUE(K_CreateBitmapFixedPalette(&deep.bm) == KS_INVALID_BITS_PER_PIXEL && K_CreateBitmapGrayPalette(&deep.bm) == KS_INVALID_BITS_PER_PIXEL);
     std::vector<RGBQUAD> big(256);
     for (int i = 0; i < 256; ++i) big[size_t(i)] = rgb(i, 255 - i, i / 2);
     EXPECT_EQ(K_SetBitmapPalette(&deep.bm, big.data(), 256), KS_SUCCESS);
@@ -314,17 +280,13 @@ TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
     EXPECT_EQ(K_SetBitmapPalette(&deep.bm, big.data(), 10), KS_SUCCESS);
     block = deep.bm.pPalette;
     EXPECT_EQ(K_PutBitmapColors(&deep.bm, 10, 5, big.data()), 5);  // needs a larger block
-    EXPECT_NE(deep.bm.pPalette, block);
-    EXPECT_EQ(deep.bm.nColors, 15);
-    EXPECT_EQ(K_GlobalSize(deep.bm.pPalette), 15 * sizeof(RGBQUAD));
+    EXPECT_TRUE(deep.bm.pPalette != block && deep.bm.nColors == 15 && K_GlobalSize(deep.bm.pPalette) == 15 * sizeof(RGBQUAD));
 
     // Copies between records.
     Bitmap src, dst;
-    ASSERT_EQ(src.create(4, 4, 8, ORDER_BGR, big.data()), KS_SUCCESS);
-    ASSERT_EQ(dst.create(4, 4, 8), KS_SUCCESS);
+    ASSERT_TRUE(src.create(4, 4, 8, ORDER_BGR, big.data()) == KS_SUCCESS && dst.create(4, 4, 8) == KS_SUCCESS);
     ASSERT_EQ(K_CopyBitmapPalette(&dst.bm, &src.bm), KS_SUCCESS);
-    EXPECT_NE(dst.bm.pPalette, src.bm.pPalette);
-    EXPECT_EQ(K_CompareBitmapToPalette(&dst.bm, big.data(), 256), KS_SUCCESS);
+    EXPECT_TRUE(dst.bm.pPalette != src.bm.pPalette && K_CompareBitmapToPalette(&dst.bm, big.data(), 256) == KS_SUCCESS);
     EXPECT_EQ(K_CopyBitmapPalette(&dst.bm, &dst.bm), KS_SUCCESS);
     block = b.bm.pPalette;
     EXPECT_EQ(K_CopyBitmapPalette(&b.bm, &src.bm), KS_INVALID_PARAMETER);  // 256 entries do not fit 4 bits
@@ -332,24 +294,19 @@ TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
     Bitmap deep2;
     ASSERT_EQ(deep2.create(4, 4, 24), KS_SUCCESS);
     ASSERT_EQ(K_CopyBitmapPalette(&dst.bm, &deep2.bm), KS_SUCCESS);
-    EXPECT_EQ(dst.bm.pPalette, nullptr);
-    EXPECT_EQ(dst.bm.nColors, 256);
+    EXPECT_TRUE(dst.bm.pPalette == nullptr && dst.bm.nColors == 256);
     EXPECT_EQ(K_CompareBitmapToPalette(&dst.bm, nullptr, 0), KS_SUCCESS);  // falls back to the fixed palette
     EXPECT_EQ(K_CopyBitmapPalette(nullptr, &src.bm), KS_INVALID_PARAMETER);
     BITMAPRECORD bad = src.bm;
     bad.uStructSize = 1;
     EXPECT_EQ(K_CopyBitmapPalette(&dst.bm, &bad), KS_INVALID_STRUCT_SIZE);
-    ASSERT_EQ(K_CreateBitmapFixedPalette(&dst.bm), KS_SUCCESS);
-    EXPECT_EQ(K_CompareBitmapToPalette(&dst.bm, nullptr, 0), KS_SUCCESS);
+    EXPECT_TRUE(K_CreateBitmapFixedPalette(&dst.bm) == KS_SUCCESS && K_CompareBitmapToPalette(&dst.bm, nullptr, 0) == KS_SUCCESS);
 }
 
 TEST(PaletteRecord, ColourValues) {
     Bitmap p8, p8b, grey16, rgb24, p1;
-    ASSERT_EQ(p8.create(2, 2, 8), KS_SUCCESS);  // fixed 8-bit palette
-    ASSERT_EQ(p8b.create(2, 2, 8), KS_SUCCESS);
-    ASSERT_EQ(grey16.create(2, 2, 16, ORDER_GRAY), KS_SUCCESS);
-    ASSERT_EQ(rgb24.create(2, 2, 24), KS_SUCCESS);
-    ASSERT_EQ(p1.create(2, 2, 1), KS_SUCCESS);
+    ASSERT_TRUE(p8.create(2, 2, 8) == KS_SUCCESS && p8b.create(2, 2, 8) == KS_SUCCESS && grey16.create(2, 2, 16, ORDER_GRAY) == KS_SUCCESS &&
+                rgb24.create(2, 2, 24) == KS_SUCCESS && p1.create(2, 2, 1) == KS_SUCCESS);  // 8 bits: the fixed palette
     const RGBQUAD* fixed = K_IntGetFixedPalette(8);
     auto colourOf = [&](int i) { return KCOLOR_RGB(fixed[i].rgbRed, fixed[i].rgbGreen, fixed[i].rgbBlue); };
     uint32_t v = 0;
@@ -357,16 +314,12 @@ TEST(PaletteRecord, ColourValues) {
     EXPECT_EQ(v, colourOf(77));
     ASSERT_EQ(K_GetTrueColorValue(&rgb24.bm, KCOLOR_RGB(1, 2, 3), &v), KS_SUCCESS);
     EXPECT_EQ(v, 0x030201u);
-    EXPECT_EQ(K_GetTrueColorValue(&rgb24.bm, KCOLOR_INDEX(0), &v), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetTrueColorValue(&p8.bm, KCOLOR_INDEX(256), &v), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetTrueColorValue(&p8.bm, 0x02000000u, &v), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetTrueColorValue(&p8.bm, 0, nullptr), KS_INVALID_PARAMETER);
+    for (int32_t st : {K_GetTrueColorValue(&rgb24.bm, KCOLOR_INDEX(0), &v), K_GetTrueColorValue(&p8.bm, KCOLOR_INDEX(256), &v),
+                       K_GetTrueColorValue(&p8.bm, 0x02000000u, &v), K_GetTrueColorValue(&p8.bm, 0, nullptr)})
+        EXPECT_EQ(st, KS_INVALID_PARAMETER);
     // Every index of the fixed palette translates to itself through a copy of
     // it, an RGB colour to the nearest entry, into grey by the grey rule.
-    for (uint32_t i = 0; i < 256; ++i) {
-        ASSERT_EQ(K_TranslateBitmapColor(&p8b.bm, &p8.bm, KCOLOR_INDEX(i), &v), KS_SUCCESS);
-        EXPECT_EQ(v, KCOLOR_INDEX(i));
-    }
+    for (uint32_t i = 0; i < 256; ++i) EXPECT_TRUE(K_TranslateBitmapColor(&p8b.bm, &p8.bm, KCOLOR_INDEX(i), &v) == KS_SUCCESS && v == KCOLOR_INDEX(i)) << i;
     const struct {
         BITMAPRECORD *dst, *src;
         uint32_t colour, want;
@@ -394,9 +347,8 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
     constexpr int32_t W = 37, H = 23;
     const struct {
         int bpp, order;
-    } formats[] = {{1, ORDER_BGR},  {2, ORDER_BGR},  {3, ORDER_BGR},  {4, ORDER_BGR},     {5, ORDER_BGR},
-                   {6, ORDER_BGR},  {7, ORDER_BGR},  {8, ORDER_BGR},  {24, ORDER_BGR},    {24, ORDER_RGB},
-                   {32, ORDER_BGR}, {48, ORDER_RGB}, {16, ORDER_BGR}, {16, ORDER_RGB565}, {16, ORDER_GRAY}};
+    } formats[] = {{1, ORDER_BGR},  {2, ORDER_BGR},  {3, ORDER_BGR},  {4, ORDER_BGR},  {5, ORDER_BGR},     {6, ORDER_BGR}, {7, ORDER_BGR}, {8, ORDER_BGR},
+                   {24, ORDER_BGR}, {24, ORDER_RGB}, {32, ORDER_BGR}, {48, ORDER_RGB}, {16, ORDER_RGB565}, {16, ORDER_BGR}, {16, ORDER_GRAY}};
     for (const auto& f : formats) {
         std::mt19937 rng{uint32_t(f.bpp * 8 + f.order)};
         std::vector<RGBQUAD> pal(f.bpp <= 8 ? size_t(1) << f.bpp : 0);
@@ -415,12 +367,8 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
         q.width = W, q.srcBits = f.bpp, q.srcOrder = f.order, q.dstBits = 24, q.dstOrder = ORDER_RGB;
         q.srcPal = pal.empty() ? nullptr : pal.data();
         for (int32_t y = 0; y < H; ++y) {
-            for (int32_t x = 0; x < W; ++x) {
-                if (f.bpp <= 8)
-                    setPixel(ref.row(y), x, f.bpp, rng() % (1u << f.bpp));
-                else
-                    std::memcpy(ref.row(y) + size_t(x) * Bpp, pool[rng() % 9].data(), Bpp);
-            }
+            for (int32_t x = 0; x < W; ++x)
+                f.bpp <= 8 ? setPixel(ref.row(y), x, f.bpp, rng() % (1u << f.bpp)) : void(std::memcpy(ref.row(y) + size_t(x) * Bpp, pool[rng() % 9].data(), Bpp));
             std::vector<uint8_t> buf(ref.row(y), ref.row(y) + ref.bpl);
             buf.resize(std::max<size_t>(buf.size(), convref::dstRunBytes(q)));
             const auto c = convref::convert(q, buf);
@@ -431,9 +379,7 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
             KindBitmap kb(k, W, H, f.bpp);
             ASSERT_EQ(kb.rc, KS_SUCCESS);
             kb.bm.nOrder = f.order;
-            if (!pal.empty()) {
-                ASSERT_EQ(K_SetBitmapPalette(&kb.bm, pal.data(), int32_t(pal.size())), KS_SUCCESS);
-            }
+            ASSERT_TRUE(pal.empty() || K_SetBitmapPalette(&kb.bm, pal.data(), int32_t(pal.size())) == KS_SUCCESS);
             for (int32_t y = 0; y < H; ++y) ASSERT_GT(K_PutBitmapRow(&kb.bm, ref.row(y), y, ref.bpl), 0);
             int32_t n = -1, n2 = -1;
             std::vector<RGBQUAD> got(want.size() + 1, RGBQUAD{0xEE, 0xEE, 0xEE, 0xEE});
@@ -445,17 +391,14 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
                 EXPECT_EQ(uint32_t(e.rgbRed) << 16 | e.rgbGreen << 8 | e.rgbBlue, c);
             }
             EXPECT_EQ(got[i].rgbRed, 0xEE);  // nothing past nMaxEntries
-            ASSERT_EQ(K_GetBitmapPaletteEntries(&kb.bm, nullptr, 0, &n2), KS_SUCCESS);  // only counted
-            EXPECT_EQ(n2, n);
+            EXPECT_TRUE(K_GetBitmapPaletteEntries(&kb.bm, nullptr, 0, &n2) == KS_SUCCESS && n2 == n);  // only counted
         }
     }
     Bitmap romm, empty;
     ASSERT_EQ(romm.create(2, 2, 24, ORDER_ROMM), KS_SUCCESS);
     int32_t n;
-    EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, &n), KS_UNSUPPORTED_CONVERSION);
-    EXPECT_EQ(K_GetBitmapPaletteEntries(&empty.bm, nullptr, 0, &n), KS_INVALID_BITMAP);
-    EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 4, &n), KS_INVALID_PARAMETER);
+    EXPECT_TRUE(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, &n) == KS_UNSUPPORTED_CONVERSION && K_GetBitmapPaletteEntries(&empty.bm, nullptr, 0, &n) == KS_INVALID_BITMAP);
+    EXPECT_TRUE(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, nullptr) == KS_INVALID_PARAMETER && K_GetBitmapPaletteEntries(&romm.bm, nullptr, 4, &n) == KS_INVALID_PARAMETER);
 }
 
 // Every allocation of the record helpers failing: the status is -1, the
@@ -485,10 +428,8 @@ TEST(PaletteRecord, AllocationFailureSweep) {
         krn::faultinject::arm(0, -1);
         const int32_t rc = op();
         krn::faultinject::disarm();
-        EXPECT_EQ(rc, KS_NO_MEMORY);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-        EXPECT_EQ(std::memcmp(&snapB, &b.bm, sizeof snapB), 0);
-        EXPECT_EQ(std::memcmp(&snapDeep, &deep, sizeof deep), 0);
+        EXPECT_TRUE(rc == KS_NO_MEMORY && krn::faultinject::liveBlocks() == live);
+        EXPECT_TRUE(std::memcmp(&snapB, &b.bm, sizeof snapB) == 0 && std::memcmp(&snapDeep, &deep, sizeof deep) == 0);
         EXPECT_EQ(std::memcmp(colours.data(), b.bm.pPalette, 256 * sizeof(RGBQUAD)), 0);
         EXPECT_GE(op(), 0);
     }

@@ -50,12 +50,8 @@ struct Path {
     Search fn;
 };
 std::vector<Path> paths() {
-    std::vector<Path> v{{"scalar", krn::findPaletteIndexScalar},
-                        {"sse2", krn::findPaletteIndexSse2},
-                        {"dispatch", krn::findPaletteIndex},
-                        {"export", [](const RGBQUAD* p, int32_t n, int r, int g, int b) noexcept {
-                             return K_FindPaletteIndex(p, n, r, g, b);
-                         }}};
+    std::vector<Path> v{{"scalar", krn::findPaletteIndexScalar}, {"sse2", krn::findPaletteIndexSse2}, {"dispatch", krn::findPaletteIndex},
+                        {"export", [](const RGBQUAD* p, int32_t n, int r, int g, int b) noexcept { return K_FindPaletteIndex(p, n, r, g, b); }}};
     if (krn::cpuHasAvx2()) v.push_back({"avx2", krn::findPaletteIndexAvx2});
     return v;
 }
@@ -70,15 +66,11 @@ TEST(PaletteSearch, DocumentedEdgeCases) {
         const std::vector<RGBQUAD> tie{rgb(90, 100, 100), rgb(110, 100, 100)}, tie2{rgb(110, 100, 100), rgb(90, 100, 100)},
             tie3{rgb(90, 100, 100), rgb(110, 100, 100), rgb(100, 110, 100)},
             res{rgb(10, 10, 10, 200), rgb(12, 12, 12, 0)};  // the reserved byte plays no part
-        EXPECT_EQ(path.fn(tie.data(), 2, 100, 100, 100), 1);   // the later entry shares the class
-        EXPECT_EQ(path.fn(tie2.data(), 2, 100, 100, 100), 0);  // it does not: the earlier keeps the lead
-        EXPECT_EQ(path.fn(tie3.data(), 3, 100, 100, 100), 1);
+        // the later entry shares the class; it does not: the earlier keeps the lead
+        EXPECT_TRUE(path.fn(tie.data(), 2, 100, 100, 100) == 1 && path.fn(tie2.data(), 2, 100, 100, 100) == 0 && path.fn(tie3.data(), 3, 100, 100, 100) == 1);
         EXPECT_EQ(path.fn(res.data(), 2, 10, 10, 10), 0);
-        if (std::string(path.name) != "export") {
-            EXPECT_EQ(path.fn(nullptr, 5, 1, 2, 3), 0);
-        }
-        EXPECT_EQ(path.fn(pal.data(), 0, 1, 2, 3), -1);
-        EXPECT_EQ(path.fn(pal.data(), -4, 1, 2, 3), -1);
+        EXPECT_TRUE(std::string(path.name) == "export" || path.fn(nullptr, 5, 1, 2, 3) == 0);
+        EXPECT_TRUE(path.fn(pal.data(), 0, 1, 2, 3) == -1 && path.fn(pal.data(), -4, 1, 2, 3) == -1);
         // The first exact match wins across blocks and chunks.
         for (int n : {1, 3, 4, 5, 8, 9, 17, 255, 256, 257, 300, 513})
             for (int first : {0, n / 2, n - 1}) {
@@ -91,8 +83,7 @@ TEST(PaletteSearch, DocumentedEdgeCases) {
     // The export clamps components; the web palette's entries find themselves.
     const std::vector<RGBQUAD> pal{rgb(0, 0, 0), rgb(255, 0, 0), rgb(0, 255, 0), rgb(250, 0, 250)};
     EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 300, -20, 0), 1);  // as (255, 0, 0), not (44, 236, 0)
-    EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 256, 0, 256), 3);
-    EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, -1, -1, -1), 0);
+    EXPECT_TRUE(K_FindPaletteIndex(pal.data(), 4, 256, 0, 256) == 3 && K_FindPaletteIndex(pal.data(), 4, -1, -1, -1) == 0);
     EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 0x7FFFFFFF, int32_t(0x80000000), 0), 1);
     const RGBQUAD* web = K_IntGetNetscapePalette();
     for (int i = 0; i < 256; ++i)  // its 40 trailing blacks resolve to the first black
@@ -138,8 +129,7 @@ TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
             if (t % 4 == 3) r = levels[rng() % 8], g = levels[rng() % 8], b = levels[rng() % 8];
             const int32_t want = oracle(pal, r, g, b);
             for (const Path& path : all)
-                ASSERT_EQ(path.fn(at, n, r, g, b), want) << path.name << " round " << round << " n " << n << " target "
-                                                         << r << "," << g << "," << b;
+                ASSERT_EQ(path.fn(at, n, r, g, b), want) << path.name << " round " << round << " n " << n << " target " << r << "," << g << "," << b;
         }
     }
     munmap(region, span + page);
@@ -170,8 +160,7 @@ void expectSearchIndexes(const std::vector<uint32_t>& colours, const Layout& l, 
         ASSERT_EQ(KS_SUCCESS, K_ConvertBuffer(row.data(), int32_t(n), l.bits, 8, l.order, ORDER_BGR, nullptr, pal));
         for (size_t i = 0; i < n; ++i) {
             const uint32_t c = colours[start + i];
-            ASSERT_EQ(int(row[i]), K_FindPaletteIndex(ref, 256, int32_t(c >> 16), int32_t((c >> 8) & 255), int32_t(c & 255)))
-                << l.bits << "-bit order " << l.order << " colour " << std::hex << c << " at " << std::dec << i;
+            ASSERT_EQ(int(row[i]), K_FindPaletteIndex(ref, 256, int32_t(c >> 16), int32_t((c >> 8) & 255), int32_t(c & 255))) << l.bits << "-bit order " << l.order << " colour " << std::hex << c;
         }
     }
 }
@@ -188,9 +177,7 @@ TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
         for (uint32_t rg = 0; rg < 65536; ++rg) colours.push_back(rg << 8 | b);
     const RGBQUAD* fixed = K_IntGetFixedPalette(8);
     for (uint32_t c : colours)
-        ASSERT_EQ(krn::fixed256Index(int(c >> 16), int(c >> 8 & 255), int(c & 255)),
-                  K_FindPaletteIndex(fixed, 256, int32_t(c >> 16), int32_t(c >> 8 & 255), int32_t(c & 255)))
-            << std::hex << c;
+        ASSERT_EQ(krn::fixed256Index(int(c >> 16), int(c >> 8 & 255), int(c & 255)), K_FindPaletteIndex(fixed, 256, int32_t(c >> 16), int32_t(c >> 8 & 255), int32_t(c & 255))) << std::hex << c;
     const std::vector<RGBQUAD> copy(fixed, fixed + 256);
     for (const Layout& l : kLayouts) {
         expectSearchIndexes(colours, l, nullptr, 4093);
@@ -209,15 +196,6 @@ TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
             near.push_back(uint32_t(e.rgbRed) << 16 | uint32_t(e.rgbGreen) << 8 | uint32_t(std::min(e.rgbBlue + 1, 255)));
         for (const Layout& l : kLayouts) expectSearchIndexes(near, l, pal.data(), 1001);
     }
-}
-
-// Every colour of the cube in each source layout (about 30 s).
-TEST(SpeedPaletteLong, FixedPaletteIndexesEqualTheSearchForEveryColour) {
-    const char* v = std::getenv("OMBRIX_LONG_TESTS");
-    if (!v || std::string(v) != "1") GTEST_SKIP() << "set OMBRIX_LONG_TESTS=1";
-    std::vector<uint32_t> all(1u << 24);
-    for (uint32_t c = 0; c < all.size(); ++c) all[c] = c;
-    for (const Layout& l : kLayouts) expectSearchIndexes(all, l, nullptr, 4093);
 }
 
 }  // namespace

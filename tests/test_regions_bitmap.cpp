@@ -23,15 +23,10 @@ namespace {
 struct Bitmap {
     BITMAPRECORD bm{};
     Bitmap(int w, int h, int bpp, int vp = TOP_LEFT, int order = ORDER_BGR) {
-        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, w, h, bpp, order, nullptr, vp, nullptr, 0),
-                  KS_SUCCESS);
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, bpp, order, nullptr, vp, nullptr, 0), KS_SUCCESS);
     }
     ~Bitmap() { K_FreeBitmap(&bm); }
-    // Rows are addressable between access() and release().
-    uint8_t* access() {
-        EXPECT_EQ(K_AccessBitmap(&bm), KS_SUCCESS);
-        return bm.pData;
-    }
+    uint8_t* access() { return K_AccessBitmap(&bm) == KS_SUCCESS ? bm.pData : nullptr; }  // rows addressable until release()
     void release() { K_ReleaseBitmap(&bm); }
     uint8_t* row(int y) { return bm.pData + size_t(y) * bm.nBytesPerLine; }
     uint64_t area() {
@@ -51,8 +46,7 @@ Mask bitmapMask(const Mask& win, BITMAPRECORD* bm) {
     for (int y = win.y0; y < win.y0 + win.h; ++y) {
         for (int x = win.x0; x < win.x0 + win.w; ++x) byPoint.set(x, y, K_IsPtInBitmapRgn(bm, y, x) == 1);
         uint32_t n = 99;
-        EXPECT_EQ(K_GetBitmapClipSegments(bm, y, segs.data(), &n), KS_SUCCESS);
-        EXPECT_TRUE(n <= mx && n % 2 == 0) << n << " of " << mx;
+        EXPECT_TRUE(K_GetBitmapClipSegments(bm, y, segs.data(), &n) == KS_SUCCESS && n <= mx && n % 2 == 0) << n << " of " << mx;
         for (uint32_t i = 0; i + 1 < n; i += 2) {
             EXPECT_TRUE(segs[i] < segs[i + 1] && (i == 0 || segs[i - 1] < segs[i]));  // sorted, not touching
             for (int x = segs[i]; x < segs[i + 1]; ++x) bySeg.set(x, y, true);
@@ -61,11 +55,9 @@ Mask bitmapMask(const Mask& win, BITMAPRECORD* bm) {
     EXPECT_TRUE(byPoint == bySeg) << byPoint.describeDiff(bySeg);
     if (!(bm->uFlags & BRF_UNCLIPPED_RGN)) {
         uint64_t area = 0;
-        EXPECT_EQ(K_GetBitmapRgnArea(bm, &area), KS_SUCCESS);
-        EXPECT_EQ(area, byPoint.count());
         RECT box, mb = byPoint.bounds();
-        EXPECT_EQ(K_GetBitmapRgnBounds(bm, nullptr, &box), KS_SUCCESS);
-        EXPECT_TRUE(!K_BitmapHasRgn(bm) || EqualRect(&box, &mb));
+        EXPECT_TRUE(K_GetBitmapRgnArea(bm, &area) == KS_SUCCESS && area == byPoint.count());
+        EXPECT_TRUE(K_GetBitmapRgnBounds(bm, nullptr, &box) == KS_SUCCESS && (!K_BitmapHasRgn(bm) || EqualRect(&box, &mb)));
     }
     return byPoint;
 }
@@ -104,8 +96,7 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
     // A random 1-bit mask (fixed palette: index 1 is white) and a 24-bit picture of four colours.
     Mask maskWhite = win.blank(), picRed = win.blank();
     const uint32_t colours[4] = {0x0000FF, 0x00FF00, 0xFF0000, 0x123456};
-    mask1.access();
-    pic.access();
+    mask1.access(), pic.access();
     for (int y = 0; y < H; ++y)
         for (int x = 0; x < W; ++x) {
             const bool white = ((x / 7 + y / 5) % 3 == 0) || rng() % 11 == 0;
@@ -121,19 +112,18 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
         const uint32_t mode = uint32_t(rng() % 7);
         const int kind = int(rng() % 7);
         RECT r{c(rng), c(rng), c(rng), c(rng)};
-        if (kind == 0) r = RECT{std::min(r.left, r.right), std::min(r.top, r.bottom), std::max(r.left, r.right), std::max(r.top, r.bottom)};
         Mask nw;
         int32_t rc = 0;
         HRGN given = nullptr;  // a region given through a handle
         bool ok = true;
         if (kind == 0) {
+            r = RECT{std::min(r.left, r.right), std::min(r.top, r.bottom), std::max(r.left, r.right), std::max(r.top, r.bottom)};
             nw = rgntest::rectMask(win, r);
             rc = K_SetBitmapRgnRect(&bmp.bm, nullptr, &r, mode);
         } else if (kind == 1) {  // the shapes' coordinates keep them inside the window
-            given = CreateEllipticRgn(r.left, r.top, r.right, r.bottom);
-            nw = rgntest::maskOfHandle(win, given, &ok);
-            DeleteObject(given);
-            given = nullptr;
+            HRGN e = CreateEllipticRgn(r.left, r.top, r.right, r.bottom);
+            nw = rgntest::maskOfHandle(win, e, &ok);
+            DeleteObject(e);
             rc = K_SetBitmapRgnEllipse(&bmp.bm, nullptr, &r, mode);
         } else if (kind == 2) {
             std::vector<POINT> pts(size_t(3 + rng() % 6));
@@ -147,8 +137,7 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
             const std::vector<uint8_t> data = rgntest::regionData(given);
             if (data.size() > 32) {
                 rc = K_SetBitmapRgnData(&bmp.bm, nullptr, int32_t(data.size()), reinterpret_cast<const RGNDATA*>(data.data()), mode);
-                DeleteObject(given);
-                given = nullptr;
+                DeleteObject(given), given = nullptr;
             }
         } else if (kind == 4) {
             nw = maskWhite;
@@ -178,12 +167,10 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
         if (step % 10 == 0) {  // the mask made from the region has the same pixels
             BITMAPRECORD mk;
             ASSERT_EQ(K_CreateMaskFromBitmapRgn(&bmp.bm, &mk, BITMAPRECORD_SIZE), KS_SUCCESS);
-            EXPECT_TRUE(mk.nBitsPerPixel == 1 && K_BitmapHasRgn(&mk) == 0);
-            K_AccessBitmap(&mk);
+            EXPECT_TRUE(mk.nBitsPerPixel == 1 && K_BitmapHasRgn(&mk) == 0 && K_AccessBitmap(&mk) == KS_SUCCESS);
             for (int y = 0; y < H; ++y)
                 for (int x = 0; x < W; ++x) ASSERT_EQ(getPixel(mk.pData + size_t(y) * mk.nBytesPerLine, x, 1) != 0, cur.get(x, y));
-            K_ReleaseBitmap(&mk);
-            K_FreeBitmap(&mk);
+            K_ReleaseBitmap(&mk), K_FreeBitmap(&mk);
         }
     }
     pic.release();
@@ -192,50 +179,41 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
 TEST(RegionsBitmap, EdgeCasesAndSizes) {
     Bitmap b(40, 30, 8);
     uint32_t mx = 0;
-    EXPECT_EQ(K_GetBitmapClipSegmentsMax(&b.bm, &mx), KS_SUCCESS);
-    EXPECT_EQ(mx, 2u);
+    EXPECT_TRUE(K_GetBitmapClipSegmentsMax(&b.bm, &mx) == KS_SUCCESS && mx == 2u);
     RECT r{5, 5, 16, 9}, empty{3, 3, 3, 3}, out{100, 100, 120, 120}, r2{20, 6, 25, 7};
     EXPECT_EQ(K_SetBitmapRgnRect(&b.bm, nullptr, &r, 0), KS_SUCCESS);  // AND with the whole bitmap
-    EXPECT_EQ(K_GetBitmapClipSegmentsMax(&b.bm, &mx), KS_SUCCESS);
-    EXPECT_EQ(mx, 12u);  // 11 wide
-    EXPECT_EQ(b.area(), 44u);
-    EXPECT_EQ(K_SetBitmapRgnRect(&b.bm, nullptr, &empty, 6), KS_SUCCESS);  // the bitmap minus nothing
-    EXPECT_EQ(b.area(), 1200u);
+    EXPECT_TRUE(K_GetBitmapClipSegmentsMax(&b.bm, &mx) == KS_SUCCESS && mx == 12u && b.area() == 44u);  // 11 wide
+    EXPECT_TRUE(K_SetBitmapRgnRect(&b.bm, nullptr, &empty, 6) == KS_SUCCESS && b.area() == 1200u);  // the bitmap minus nothing
     EXPECT_EQ(K_SetBitmapRgnRect(&b.bm, nullptr, &empty, 1), KS_SUCCESS);  // an empty region is a region
-    EXPECT_TRUE(K_BitmapHasRgn(&b.bm) == 1 && b.area() == 0u);
-    EXPECT_EQ(K_GetBitmapRgnData(&b.bm, nullptr, 0, nullptr), 32);
+    EXPECT_TRUE(K_BitmapHasRgn(&b.bm) == 1 && b.area() == 0u && K_GetBitmapRgnData(&b.bm, nullptr, 0, nullptr) == 32);
     EXPECT_EQ(K_SetBitmapRgnData(&b.bm, nullptr, 0, nullptr, 4), KS_SUCCESS);  // data of size 0 removes it
-    EXPECT_EQ(K_BitmapHasRgn(&b.bm), 0);
-    EXPECT_EQ(K_GetBitmapRgnData(&b.bm, nullptr, 0, nullptr), 0);
-    EXPECT_EQ(K_SetBitmapRgnRect(&b.bm, nullptr, &out, 1), KS_SUCCESS);  // wholly outside: empty
-    EXPECT_EQ(b.area(), 0u);
+    EXPECT_TRUE(K_BitmapHasRgn(&b.bm) == 0 && K_GetBitmapRgnData(&b.bm, nullptr, 0, nullptr) == 0);
+    EXPECT_TRUE(K_SetBitmapRgnRect(&b.bm, nullptr, &out, 1) == KS_SUCCESS && b.area() == 0u);  // wholly outside: empty
     // Region data sizes: 48 for a simple region, 16 * (runs + 2) otherwise.
-    EXPECT_EQ(K_SetBitmapRgnRect(&b.bm, nullptr, &r, 1), KS_SUCCESS);
-    EXPECT_EQ(K_GetBitmapRgnData(&b.bm, nullptr, 0, nullptr), 48);
+    EXPECT_TRUE(K_SetBitmapRgnRect(&b.bm, nullptr, &r, 1) == KS_SUCCESS && K_GetBitmapRgnData(&b.bm, nullptr, 0, nullptr) == 48);
     EXPECT_EQ(K_SetBitmapRgnRect(&b.bm, nullptr, &r2, 4), KS_SUCCESS);
     EXPECT_EQ(bitmapRgnData(&b.bm).size(), 16u * (4 + 1 + 2));
     EXPECT_EQ(K_GetBitmapRgnData(&b.bm, nullptr, -1, nullptr), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_SetBitmapRgnHandle(&b.bm, nullptr, nullptr, 3), KS_SUCCESS);  // a null handle frees the region
-    EXPECT_EQ(K_BitmapHasRgn(&b.bm), 0);
+    EXPECT_TRUE(K_SetBitmapRgnHandle(&b.bm, nullptr, nullptr, 3) == KS_SUCCESS && K_BitmapHasRgn(&b.bm) == 0);  // a null handle frees the region
     // Without region: clip segments (0, width) for rows inside, none outside.
     int32_t segs[2];
     uint32_t n = 0;
     EXPECT_EQ(K_GetBitmapClipSegments(&b.bm, 3, segs, &n), KS_SUCCESS);
     EXPECT_TRUE(n == 2u && segs[1] == 40);
+    EXPECT_TRUE(K_GetBitmapClipSegments(&b.bm, 30, segs, &n) == KS_SUCCESS && n == 0u);  // one row past the bottom
     EXPECT_TRUE(K_IsPtInBitmapRgn(&b.bm, 29, 39) == 1 && K_IsPtInBitmapRgn(&b.bm, 30, 39) == 0);
+    RGNXFORM zeroNum{1, 0, 1, 0, 1, 0, 0};  // a zero scale numerator shrinks everything to nothing
+    EXPECT_TRUE(K_SetBitmapRgnRect(&b.bm, &zeroNum, &r, 1) == KS_SUCCESS && b.area() == 0u);
     // Bounds mapped out: halved then moved; left/right round up, top/bottom
     // up in perspective 1 and down after a half turn; no region: the bitmap.
     Bitmap m(100, 60, 8);
     RECT mr{10, 11, 31, 33}, o, whole{0, 0, 100, 60};
-    EXPECT_EQ(K_GetBitmapRgnBounds(&m.bm, nullptr, &o), KS_SUCCESS);
-    EXPECT_TRUE(EqualRect(&o, &whole));
+    EXPECT_TRUE(K_GetBitmapRgnBounds(&m.bm, nullptr, &o) == KS_SUCCESS && EqualRect(&o, &whole));
     ASSERT_EQ(K_SetBitmapRgnRect(&m.bm, nullptr, &mr, 1), KS_SUCCESS);
     RGNXFORM xf{1, 1, 2, 1, 2, 5, 7};
     const RECT want[2] = {{5 + 5, 6 + 7, 16 + 5, 17 + 7}, {35 + 5, 13 + 7, 45 + 5, 24 + 7}};  // turned: (69, 27, 90, 49)
-    for (int k = 0; k < 2; ++k, xf.nViewPerspective = 3) {
-        ASSERT_EQ(K_GetBitmapRgnBounds(&m.bm, &xf, &o), KS_SUCCESS);
-        EXPECT_TRUE(EqualRect(&o, &want[k])) << k << ": " << o.left << "," << o.top << "," << o.right << "," << o.bottom;
-    }
+    for (int k = 0; k < 2; ++k, xf.nViewPerspective = 3)
+        EXPECT_TRUE(K_GetBitmapRgnBounds(&m.bm, &xf, &o) == KS_SUCCESS && EqualRect(&o, &want[k])) << k << ": " << o.left << "," << o.top << "," << o.right << "," << o.bottom;
 }
 
 TEST(RegionsBitmap, ArgumentChecks) {
@@ -298,13 +276,8 @@ TEST(RegionsBitmap, FailedSettersChangeNothingAndLeakNothing) {
             const int32_t rc = K_SetBitmapRgnPolygon(&b.bm, &xf, tri, 3, ALTERNATE, mode);
             const long injected = krn::faultinject::injected();
             krn::faultinject::disarm();
-            if (rc != KS_SUCCESS) {
-                EXPECT_EQ(rc, KS_NO_MEMORY);
-                EXPECT_EQ(krn::faultinject::liveBlocks(), live) << "mode " << mode << " n " << n;
-                EXPECT_EQ(bitmapRgnData(&b.bm), before);
-            } else {
-                ASSERT_EQ(K_SetBitmapRgnEllipse(&b.bm, nullptr, &e, 1), KS_SUCCESS);
-            }
+            if (rc != KS_SUCCESS) EXPECT_TRUE(rc == KS_NO_MEMORY && krn::faultinject::liveBlocks() == live && bitmapRgnData(&b.bm) == before) << "mode " << mode << " n " << n;
+            else ASSERT_EQ(K_SetBitmapRgnEllipse(&b.bm, nullptr, &e, 1), KS_SUCCESS);
             if (injected == 0) break;
         }
     long live = krn::faultinject::liveBlocks();
@@ -312,16 +285,14 @@ TEST(RegionsBitmap, FailedSettersChangeNothingAndLeakNothing) {
     RECT big{0, 0, 8, 8};
     K_CreateOrvaRgnRect(&o, &big);
     EXPECT_EQ(K_SetBitmapRgn(&b.bm, nullptr, o, 9), KS_INVALID_PARAMETER);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);  // the given region is not leaked
-    EXPECT_EQ(bitmapRgnData(&b.bm), before);
+    EXPECT_TRUE(krn::faultinject::liveBlocks() == live && bitmapRgnData(&b.bm) == before);  // the given region is not leaked
     ASSERT_EQ(K_SetBitmapRgnEllipse(&b.bm, nullptr, &e, 1), KS_SUCCESS);
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
     BITMAPRECORD t;
     ASSERT_EQ(K_CreateBitmap(&t, BITMAPRECORD_SIZE, 1, 50, 50, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
     ASSERT_EQ(K_SetBitmapRgnEllipse(&t, nullptr, &e, 1), KS_SUCCESS);
     K_FreeBitmap(&t);
-    EXPECT_EQ(t.hRgn, nullptr);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
+    EXPECT_TRUE(t.hRgn == nullptr && krn::faultinject::liveBlocks() == live);
 }
 
 // Caller coordinates go through offset, scale and the change of perspective.
@@ -337,8 +308,7 @@ TEST(RegionsBitmap, TransformInEveryPerspectivePair) {
         for (int vp = 1; vp <= 8; ++vp) {
             const int sw = bvp >= 5 ? h : w, sh = bvp >= 5 ? w : h;  // stored size
             Bitmap b(sw, sh, 8, bvp), r1(sw, sh, 8, bvp), r2(sw, sh, 8, bvp);
-            RGNXFORM xf{vp, 1 + int(rng() % 3), 1 + int(rng() % 2), 1 + int(rng() % 3), 1 + int(rng() % 2),
-                        int(rng() % 7) - 3, int(rng() % 7) - 3};
+            RGNXFORM xf{vp, 1 + int(rng() % 3), 1 + int(rng() % 2), 1 + int(rng() % 3), 1 + int(rng() % 2), int(rng() % 7) - 3, int(rng() % 7) - 3};
             ASSERT_EQ(K_SetBitmapRgnPolygon(&b.bm, &xf, pts.data(), uint32_t(pts.size()), ALTERNATE, 1), KS_SUCCESS);
             for (int y = 0; y < sh; ++y)
                 for (int x = 0; x < sw; ++x) {
@@ -346,8 +316,7 @@ TEST(RegionsBitmap, TransformInEveryPerspectivePair) {
                     ASSERT_EQ(K_ChangePointViewPerspective(bvp, sw, sh, vp, &px, &py), KS_SUCCESS);
                     const int cx = fdiv(px * xf.nXScalarDen, xf.nXScalarNum) - xf.nXOffset;
                     const int cy = fdiv(py * xf.nYScalarDen, xf.nYScalarNum) - xf.nYOffset;
-                    ASSERT_EQ(K_IsPtInBitmapRgn(&b.bm, y, x), caller.get(cx, cy) ? 1 : 0)
-                        << "bitmap vp " << bvp << " caller vp " << vp << " at " << x << "," << y;
+                    ASSERT_EQ(K_IsPtInBitmapRgn(&b.bm, y, x), caller.get(cx, cy) ? 1 : 0) << "bitmap vp " << bvp << " caller vp " << vp << " at " << x << "," << y;
                 }
             // Rectangles take the arithmetic path: same pixels as the region path.
             RECT rc{-2, 3, 25, 17};
@@ -377,9 +346,7 @@ TEST(RegionsBitmap, TransformInEveryPerspectivePair) {
             for (int y = -5; y < 3 * vh + 5; ++y)
                 for (int x = -5; x < 3 * vw + 5; ++x)
                     ASSERT_EQ(PtInRegion(scaled, x, y), K_IsPtInOrvaRgn(want, x, y, nullptr, nullptr)) << bvp << "->" << vp;
-            K_DeleteOrvaRgn(want);
-            DeleteObject(scaled);
-            DeleteObject(out);
+            K_DeleteOrvaRgn(want), DeleteObject(scaled), DeleteObject(out);
         }
 }
 
@@ -402,16 +369,13 @@ TEST(RegionsBitmap, MovesMirrorsSizesAndCopies) {
             ASSERT_EQ(m2.get(x, y), in && m0.get(W - 1 - x, H - 1 - y));
             ASSERT_EQ(m3.get(x, y), in && m2.get(x + 9, y - 6)) << x << "," << y;
         }
-    ASSERT_EQ(K_OffsetBitmapRgn(&f.bm, 3, 4), KS_SUCCESS);  // without a region: from the whole bitmap
-    EXPECT_EQ(f.area(), uint64_t(16 * 7));
-    EXPECT_EQ(K_SizeBitmapRgn(&f.bm, 0, 0), KS_SUCCESS);  // scales to nothing
-    EXPECT_EQ(f.area(), 0u);
+    EXPECT_TRUE(K_OffsetBitmapRgn(&f.bm, 3, 4) == KS_SUCCESS && f.area() == uint64_t(16 * 7));  // without a region: from the whole bitmap
+    EXPECT_TRUE(K_SizeBitmapRgn(&f.bm, 0, 0) == KS_SUCCESS && f.area() == 0u);                    // scales to nothing
     // Size: nearest-neighbour scale by new : old.
     ASSERT_EQ(K_SizeBitmapRgn(&b.bm, 75, 20), KS_SUCCESS);
     for (int y = 0; y < 20; ++y)
         for (int x = 0; x < 75; ++x) ASSERT_EQ(K_IsPtInBitmapRgn(&b.bm, y, x), m3.get(x * W / 75, y * H / 20) ? 1 : 0);
-    EXPECT_EQ(K_FlipBitmapRgn(&none.bm), KS_SUCCESS);
-    EXPECT_EQ(K_BitmapHasRgn(&none.bm), 0);
+    EXPECT_TRUE(K_FlipBitmapRgn(&none.bm) == KS_SUCCESS && K_BitmapHasRgn(&none.bm) == 0);
     // Copy to another bitmap, moved and clipped.
     ASSERT_EQ(K_CopyBitmapRgn(&dst.bm, &b.bm, -10, 5), KS_SUCCESS);
     for (int y = 0; y < 30; ++y)
@@ -419,8 +383,7 @@ TEST(RegionsBitmap, MovesMirrorsSizesAndCopies) {
     // The destination's pointer is cleared, not freed: the old handle stays alive.
     HRGN held = dst.bm.hRgn;
     ASSERT_EQ(K_CopyBitmapRgn(&dst.bm, &none.bm, 0, 0), KS_SUCCESS);
-    EXPECT_EQ(K_BitmapHasRgn(&dst.bm), 0);
-    EXPECT_EQ(DeleteObject(held), 1);
+    EXPECT_TRUE(K_BitmapHasRgn(&dst.bm) == 0 && DeleteObject(held) == 1);
 }
 
 TEST(RegionsBitmap, UnclippedFlagKeepsRegionAndClipsReads) {
@@ -429,8 +392,7 @@ TEST(RegionsBitmap, UnclippedFlagKeepsRegionAndClipsReads) {
     RECT r{-10, -5, 50, 8}, box;
     ASSERT_EQ(K_SetBitmapRgnRect(&b.bm, nullptr, &r, 1), KS_SUCCESS);
     ASSERT_EQ(K_GetBitmapRgnBounds(&b.bm, nullptr, &box), KS_SUCCESS);
-    EXPECT_TRUE(EqualRect(&box, &r));  // kept as given
-    EXPECT_EQ(b.area(), 60u * 13u);
+    EXPECT_TRUE(EqualRect(&box, &r) && b.area() == 60u * 13u);  // kept as given
     uint32_t mx = 0, n = 0;
     K_GetBitmapClipSegmentsMax(&b.bm, &mx);
     EXPECT_EQ(mx, 30u);  // bounded by the bitmap's width, not the region's 60
@@ -469,15 +431,14 @@ TEST(RegionsBitmap, BitmapWithoutRegionCombinesWithTheWholeBitmap) {
         if (unclipped) bm.uFlags |= BRF_UNCLIPPED_RGN;
         HRGN h = rgntest::regionOfMask(m), got = nullptr;
         ASSERT_EQ(K_SetBitmapRgnHandle(&bm, nullptr, h, mode), KS_SUCCESS);
+        EXPECT_EQ(K_BitmapHasRgn(&bm), 1);
         ASSERT_EQ(K_GetBitmapRgnHandle(&bm, nullptr, &got), KS_SUCCESS);
         Mask want = m.combine(whole, mode == 0 ? 0 : 1);
         if (!unclipped) want = want.combine(whole, 0);
         bool ok = false;
         const Mask gotMask = rgntest::maskOfHandle(win, got, &ok);
         ASSERT_TRUE(ok && gotMask == want) << "trial " << trial << ": " << want.describeDiff(gotMask);
-        DeleteObject(got);
-        DeleteObject(h);
-        K_FreeBitmap(&bm);
+        DeleteObject(got), DeleteObject(h), K_FreeBitmap(&bm);
     }
 }
 
@@ -501,8 +462,7 @@ TEST(RegionsBitmap, FillWritesOnlyTheRegionAtEveryDepth) {
         for (int y = 0; y < H; ++y) {
             const uint8_t* old = before.data() + size_t(y) * b.bm.nBytesPerLine;
             for (int x = 0; x < W; ++x)
-                ASSERT_EQ(rawPixel(b.row(y), x, bpp), K_IsPtInBitmapRgn(&b.bm, y, x) ? raw : rawPixel(old, x, bpp))
-                    << "bpp " << bpp << " at " << x << "," << y;
+                ASSERT_EQ(rawPixel(b.row(y), x, bpp), K_IsPtInBitmapRgn(&b.bm, y, x) ? raw : rawPixel(old, x, bpp)) << "bpp " << bpp << " at " << x << "," << y;
             for (size_t k = used + 1; k < b.bm.nBytesPerLine; ++k) ASSERT_EQ(b.row(y)[k], old[k]);
         }
         b.release();
@@ -515,8 +475,8 @@ TEST(RegionsBitmap, FillWritesOnlyTheRegionAtEveryDepth) {
 TEST(RegionsBitmap, FillColourEncodingAndGreyMasks) {
     const struct {
         int bpp, order;
-    } formats[] = {{16, ORDER_GRAY}, {16, ORDER_BGR}, {16, ORDER_RGB}, {16, ORDER_RGB565}, {24, ORDER_BGR},
-                   {32, ORDER_BGR},  {32, ORDER_RGB}, {48, ORDER_BGR}, {48, ORDER_RGB},    {64, ORDER_BGR}, {12, ORDER_GRAY}};
+    } formats[] = {{16, ORDER_GRAY}, {16, ORDER_BGR}, {16, ORDER_RGB}, {16, ORDER_RGB565}, {24, ORDER_BGR}, {32, ORDER_BGR},
+                   {32, ORDER_RGB},  {48, ORDER_BGR}, {48, ORDER_RGB}, {64, ORDER_BGR},    {12, ORDER_GRAY}};
     uint64_t grey16 = 0;
     for (uint32_t c : {0x204080u, 0x030000u, 0x7F3F1Fu, 0xFFFFFFu, 0x010203u, 0x06F0A0u})
         for (const auto& f : formats) {
@@ -533,17 +493,14 @@ TEST(RegionsBitmap, FillColourEncodingAndGreyMasks) {
     // Hand-checked encodings of 0x204080 (R 0x80, G 0x40, B 0x20).
     Bitmap b32(2, 1, 32), b8(2, 1, 8);
     ASSERT_TRUE(K_FillBitmap(&b32.bm, 0x204080) == KS_SUCCESS && K_FillBitmap(&b8.bm, 0x204080) == KS_SUCCESS);
-    EXPECT_EQ(rawPixel(b32.access(), 1, 32), 0xFF804020ull);
-    EXPECT_EQ(b8.access()[1], K_FindPaletteIndex(b8.bm.pPalette, 256, 0x80, 0x40, 0x20));
+    EXPECT_TRUE(rawPixel(b32.access(), 1, 32) == 0xFF804020ull && b8.access()[1] == K_FindPaletteIndex(b8.bm.pPalette, 256, 0x80, 0x40, 0x20));
     b32.release(), b8.release();
     // A record without a palette (caller memory attached to an initialised
     // record) takes the fixed palette of its depth: 1 bit, index 1 is white.
     BITMAPRECORD np;
     ASSERT_EQ(K_InitBitmap(&np, BITMAPRECORD_SIZE, 16, 2, 1), KS_SUCCESS);
     uint8_t bits[8] = {0xA5, 0x0F, 0, 0, 0x80, 0x01, 0, 0};
-    ASSERT_EQ(K_SetBitmapDataPointer(&np, bits, sizeof bits), KS_SUCCESS);
-    ASSERT_EQ(np.pPalette, nullptr);
-    ASSERT_EQ(K_SetBitmapRgnColor(&np, 0xFFFFFF, 1), KS_SUCCESS);
+    ASSERT_TRUE(K_SetBitmapDataPointer(&np, bits, sizeof bits) == KS_SUCCESS && np.pPalette == nullptr && K_SetBitmapRgnColor(&np, 0xFFFFFF, 1) == KS_SUCCESS);
     for (int y = 0; y < 2; ++y)
         for (int x = 0; x < 16; ++x) EXPECT_EQ(K_IsPtInBitmapRgn(&np, y, x), (bits[4 * y + x / 8] >> (7 - x % 8)) & 1) << x << "," << y;
     K_FreeBitmap(&np);
@@ -592,8 +549,7 @@ TEST(RegionsBitmap, FillAndColourRegionsOnEveryStorageKind) {
             for (int y = 0; y < H; ++y)
                 for (int x = 0; x < W; ++x)
                     ASSERT_EQ(K_IsPtInBitmapRgn(&kb.bm, y, x), rgb(getPixel(ref.row(y), x, bpp)) == rgb(mark) ? 1 : 0) << x << "," << y;
-            ASSERT_EQ(K_SetBitmapRgnEllipse(&kb.bm, nullptr, &e, 1), KS_SUCCESS);
-            ASSERT_EQ(K_FillBitmap2(&kb.bm, raw), KS_SUCCESS);
+            ASSERT_TRUE(K_SetBitmapRgnEllipse(&kb.bm, nullptr, &e, 1) == KS_SUCCESS && K_FillBitmap2(&kb.bm, raw) == KS_SUCCESS);
             std::vector<uint8_t> row(ref.bpl);
             for (int y = 0; y < H; ++y) {
                 ASSERT_GE(K_GetBitmapRow(&kb.bm, row.data(), y, ref.bpl), 0);
@@ -614,27 +570,22 @@ TEST(RegionsViewPerspective, ParamsEdgeCases) {
         EXPECT_TRUE(f == c.flip && a == c.angle) << c.from << "->" << c.to << ": " << f << " " << a;
     }
     int32_t f, a, x = 0, y = 0;
-    EXPECT_EQ(K_GetChangeViewPerspectiveParams(0, 1, &f, &a), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetChangeViewPerspectiveParams(1, 9, &f, &a), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetChangeViewPerspectiveParams(1, 2, nullptr, &a), KS_INVALID_PARAMETER);
+    for (int32_t st : {K_GetChangeViewPerspectiveParams(0, 1, &f, &a), K_GetChangeViewPerspectiveParams(1, 9, &f, &a), K_GetChangeViewPerspectiveParams(1, 2, nullptr, &a)})
+        EXPECT_EQ(st, KS_INVALID_PARAMETER);
     BITMAPRECORD bm;
     K_InitBitmap(&bm, BITMAPRECORD_SIZE, 30, 20, 8);
     bm.nViewPerspective = 3;
-    ASSERT_EQ(K_PointToBitmap(&bm, 1, &x, &y), KS_SUCCESS);
-    EXPECT_TRUE(x == 29 && y == 19);
+    EXPECT_TRUE(K_PointToBitmap(&bm, 1, &x, &y) == KS_SUCCESS && x == 29 && y == 19);
     EXPECT_EQ(K_RectToBitmap(&bm, 3, nullptr), KS_SUCCESS);  // equal perspectives: nothing to do
     bm.uStructSize = 99;
-    EXPECT_EQ(K_PointToBitmap(&bm, 1, &x, &y), KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_RectToBitmap(nullptr, 1, nullptr), KS_INVALID_PARAMETER);
+    EXPECT_TRUE(K_PointToBitmap(&bm, 1, &x, &y) == KS_INVALID_STRUCT_SIZE && K_RectToBitmap(nullptr, 1, nullptr) == KS_INVALID_PARAMETER);
 }
 
 // Geometric meaning of the eight values: where the viewed (top-left view)
 // image's pixel (x, y) lands in the stored image.
 void storedPos(int vp, int W, int H, int x, int y, int* sx, int* sy) {
-    const int cols[8][2] = {{x, y}, {W - 1 - x, y}, {W - 1 - x, H - 1 - y}, {x, H - 1 - y},
-                            {y, x}, {y, W - 1 - x}, {H - 1 - y, W - 1 - x}, {H - 1 - y, x}};
-    *sx = cols[vp - 1][0];
-    *sy = cols[vp - 1][1];
+    const int cols[8][2] = {{x, y}, {W - 1 - x, y}, {W - 1 - x, H - 1 - y}, {x, H - 1 - y}, {y, x}, {y, W - 1 - x}, {H - 1 - y, W - 1 - x}, {H - 1 - y, x}};
+    *sx = cols[vp - 1][0], *sy = cols[vp - 1][1];
 }
 
 TEST(RegionsViewPerspective, PointAndRectConversionsAgreeWithTheOrientationTable) {
@@ -648,11 +599,9 @@ TEST(RegionsViewPerspective, PointAndRectConversionsAgreeWithTheOrientationTable
                     storedPos(from, W, H, x, y, &ax, &ay);
                     storedPos(to, W, H, x, y, &bx, &by);
                     int px = ax, py = ay;
-                    ASSERT_EQ(K_ChangePointViewPerspective(from, fw, fh, to, &px, &py), KS_SUCCESS);
-                    ASSERT_TRUE(px == bx && py == by) << from << "->" << to << " at " << x << "," << y;
                     RECT r{ax, ay, ax + 1, ay + 1}, want{bx, by, bx + 1, by + 1};  // a one-pixel rectangle moves with its pixel
-                    ASSERT_EQ(K_ChangeRectViewPerspective(from, fw, fh, to, &r), KS_SUCCESS);
-                    ASSERT_TRUE(EqualRect(&r, &want)) << from << "->" << to;
+                    ASSERT_TRUE(K_ChangePointViewPerspective(from, fw, fh, to, &px, &py) == KS_SUCCESS && px == bx && py == by) << from << "->" << to << " at " << x << "," << y;
+                    ASSERT_TRUE(K_ChangeRectViewPerspective(from, fw, fh, to, &r) == KS_SUCCESS && EqualRect(&r, &want)) << from << "->" << to;
                 }
         }
 }

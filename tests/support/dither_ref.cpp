@@ -17,15 +17,9 @@ const Matrix kJarvis = {48, {{0, 0, 0, 0, 7, 5, 0}, {0, 3, 5, 7, 5, 3, 0}, {0, 1
 }  // namespace
 
 const Matrix& matrix(int method) {
-    switch (method) {
-        case 1: return kFloyd;
-        case 2: return kStucki;
-        case 3: return kBurkes;
-        case 4: return kSierra;
-        case 5: return kStevenson;
-        case 6: return kJarvis;
-        default: throw std::invalid_argument("not an error-diffusion method");
-    }
+    static const Matrix* const all[] = {&kFloyd, &kStucki, &kBurkes, &kSierra, &kStevenson, &kJarvis};
+    if (method < 1 || method > 6) throw std::invalid_argument("not an error-diffusion method");
+    return *all[method - 1];
 }
 
 const int kDispersed[8][8] = {
@@ -76,9 +70,7 @@ std::vector<int> dither(int method, int width, int height, const std::vector<Rgb
             const Rgb p = image[size_t(y) * size_t(width) + size_t(x)];
             const size_t k = at(y, x);
             // C++ division truncates toward zero, as the rule asks.
-            const int r = clamp(p.r + int(er[k] / m.divisor));
-            const int g = clamp(p.g + int(eg[k] / m.divisor));
-            const int b = clamp(p.b + int(eb[k] / m.divisor));
+            const int r = clamp(p.r + int(er[k] / m.divisor)), g = clamp(p.g + int(eg[k] / m.divisor)), b = clamp(p.b + int(eb[k] / m.divisor));
             const int idx = t.quantise(r, g, b);
             out[size_t(y) * size_t(width) + size_t(x)] = idx;
             const Rgb& c = t.colours[size_t(idx)];
@@ -88,9 +80,7 @@ std::vector<int> dither(int method, int width, int height, const std::vector<Rgb
                     const int w = m.w[dy][dx + 3];
                     if (!w) continue;
                     const size_t j = at(y + dy, x + dx);
-                    er[j] += long(w) * dr;
-                    eg[j] += long(w) * dg;
-                    eb[j] += long(w) * db;
+                    er[j] += long(w) * dr, eg[j] += long(w) * dg, eb[j] += long(w) * db;
                 }
         }
     return out;

@@ -28,9 +28,7 @@ struct Mask {
 
     bool inside(int x, int y) const { return x >= x0 && x < x0 + w && y >= y0 && y < y0 + h; }
     bool get(int x, int y) const { return inside(x, y) && px[size_t(y - y0) * size_t(w) + size_t(x - x0)]; }
-    void set(int x, int y, bool v) {
-        if (inside(x, y)) px[size_t(y - y0) * size_t(w) + size_t(x - x0)] = v;
-    }
+    void set(int x, int y, bool v) { inside(x, y) && (px[size_t(y - y0) * size_t(w) + size_t(x - x0)] = v); }
     bool operator==(const Mask& o) const { return x0 == o.x0 && y0 == o.y0 && w == o.w && h == o.h && px == o.px; }
     uint64_t count() const { return uint64_t(std::count(px.begin(), px.end(), uint8_t(1))); }
     // Bounds of the set pixels, all zero when none.
@@ -38,16 +36,14 @@ struct Mask {
         RECT b{INT32_MAX, INT32_MAX, INT32_MIN, INT32_MIN};
         for (int y = y0; y < y0 + h; ++y)
             for (int x = x0; x < x0 + w; ++x)
-                if (get(x, y)) b = RECT{std::min(b.left, x), std::min(b.top, y), std::max(b.right, x + 1),
-                                        std::max(b.bottom, y + 1)};
+                if (get(x, y)) b = RECT{std::min(b.left, x), std::min(b.top, y), std::max(b.right, x + 1), std::max(b.bottom, y + 1)};
         return b.left == INT32_MAX ? RECT{0, 0, 0, 0} : b;
     }
     // NULLREGION, SIMPLEREGION (the set pixels fill their box) or COMPLEXREGION.
     int kind() const {
         RECT bb = bounds();
         const uint64_t n = count();
-        return n == 0 ? NULLREGION
-                      : uint64_t(bb.right - bb.left) * uint64_t(bb.bottom - bb.top) == n ? SIMPLEREGION : COMPLEXREGION;
+        return n == 0 ? NULLREGION : uint64_t(bb.right - bb.left) * uint64_t(bb.bottom - bb.top) == n ? SIMPLEREGION : COMPLEXREGION;
     }
     Mask combine(const Mask& o, int op) const {  // op: 0 and, 1 or, 2 xor, 3 this minus o, 4 o minus this
         Mask m = blank();
@@ -61,8 +57,7 @@ struct Mask {
         for (int y = y0; y < y0 + h; ++y)
             for (int x = x0; x < x0 + w; ++x)
                 if (get(x, y) != o.get(x, y))
-                    return "first difference at (" + std::to_string(x) + ", " + std::to_string(y) +
-                           "): " + std::to_string(get(x, y)) + " vs " + std::to_string(o.get(x, y));
+                    return "first difference at (" + std::to_string(x) + ", " + std::to_string(y) + "): " + std::to_string(get(x, y)) + " vs " + std::to_string(o.get(x, y));
         return "equal";
     }
 };
@@ -82,18 +77,14 @@ inline Mask rectMask(const Mask& win, RECT r) {
 inline Mask polygonMask(const Mask& win, const std::vector<POINT>& pts, const std::vector<size_t>& figureStarts,
                         bool winding) {
     Mask m = win.blank();
-    struct E {
-        int64_t x0, y0, x1, y1;
-        int dir;
-    };
+    struct E { int64_t x0, y0, x1, y1; int dir; };
     std::vector<E> edges;
     for (size_t f = 0; f < figureStarts.size(); ++f) {
         size_t s = figureStarts[f], e = f + 1 < figureStarts.size() ? figureStarts[f + 1] : pts.size();
         if (e - s < 2) continue;
         for (size_t i = s; i < e; ++i) {
             POINT a = pts[i], b = pts[i + 1 < e ? i + 1 : s];
-            if (a.y != b.y)
-                edges.push_back(a.y < b.y ? E{a.x, a.y, b.x, b.y, 1} : E{b.x, b.y, a.x, a.y, -1});
+            if (a.y != b.y) edges.push_back(a.y < b.y ? E{a.x, a.y, b.x, b.y, 1} : E{b.x, b.y, a.x, a.y, -1});
         }
     }
     for (int y = win.y0; y < win.y0 + win.h; ++y)
@@ -103,10 +94,7 @@ inline Mask polygonMask(const Mask& win, const std::vector<POINT>& pts, const st
             for (const E& e : edges) {
                 if (!(2 * e.y0 <= py2 && py2 < 2 * e.y1)) continue;
                 // crossing right of the centre: (x0 - px)(y1 - y0) + (py - y0)(x1 - x0) > 0, doubled
-                if ((2 * e.x0 - px2) * (e.y1 - e.y0) + (py2 - 2 * e.y0) * (e.x1 - e.x0) > 0) {
-                    wsum += e.dir;
-                    parity ^= 1;
-                }
+                if ((2 * e.x0 - px2) * (e.y1 - e.y0) + (py2 - 2 * e.y0) * (e.x1 - e.x0) > 0) wsum += e.dir, parity ^= 1;
             }
             m.set(x, y, winding ? wsum != 0 : parity != 0);
         }
@@ -167,15 +155,9 @@ inline HRGN regionOfRects(const std::vector<RECT>& rs) {
 inline HRGN regionOfMask(const Mask& m) {
     std::vector<RECT> rs;
     for (int y = m.y0; y < m.y0 + m.h; ++y)
-        for (int x = m.x0; x < m.x0 + m.w;) {
-            if (!m.get(x, y)) {
-                ++x;
-                continue;
-            }
-            int e = x;
-            while (e < m.x0 + m.w && m.get(e, y)) ++e;
-            rs.push_back(RECT{x, y, e, y + 1});
-            x = e;
+        for (int x = m.x0, e; x < m.x0 + m.w; x = std::max(e, x + 1)) {
+            for (e = x; e < m.x0 + m.w && m.get(e, y);) ++e;
+            if (e > x) rs.push_back(RECT{x, y, e, y + 1});
         }
     return regionOfRects(rs);
 }
