@@ -111,4 +111,21 @@ TEST(ConvertSwapFast, Widen16To24EveryLevelMatchesTheReference) {
     }
 }
 
+// A run of more than 4 MB of destination (a whole image in one call) takes
+// the streaming walk from the first line-aligned step; the pixels before it
+// go last.
+TEST(ConvertSwapFast, Widen16To24WholeImageRunMatchesTheReference) {
+    std::mt19937 rng(8);
+    const int width = 1500 * 1000 + 37;
+    convref::Request r;
+    r.width = width, r.srcBits = 16, r.srcOrder = ORDER_BGR565, r.dstBits = 24, r.dstOrder = ORDER_RGB;
+    const Bytes src = randomBytes(rng, size_t(width) * 3);
+    const Bytes expect = convref::convert(r, src);
+    for (int level : kLevels) {
+        const auto fn = krn::conv::pickDirect({16, ORDER_BGR565, 24, ORDER_RGB}, level);
+        for (size_t align : {0, 1, 22, 61, 63})  // 0, 21, 14, 1 and 43 pixels before the first line
+            checkAligned(src, expect, align, [&](uint8_t* p) { fn(p, size_t(width)); });
+    }
+}
+
 }  // namespace
