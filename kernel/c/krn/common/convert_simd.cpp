@@ -573,11 +573,27 @@ constexpr Pack16to24 makePack16to24(bool lowFirst) {
 template <bool LowFirst>
 inline constexpr Pack16to24 kPack16to24 = makePack16to24(LowFirst);
 
+// A run whose destination reaches kStreamBytes (a whole image in one call)
+// writes its whole steps with streaming stores, from the first step whose
+// destination starts a 64-byte line. In place, the destination lines below
+// two thirds of the run were read earlier as source and are evicted by the
+// time the backward walk reaches them, so ordinary stores read every one of
+// them again for ownership: 60 MB read for a 4000x3000 image against 36 MB
+// when each row is converted in its own slot (the per-row calls). That was
+// the whole difference between one call for the image (0.9-1.0x memcpy) and
+// one call per row (1.3x); streaming reads nothing for the destination
+// (1.6-1.8x, same runs). Shorter runs keep ordinary stores: their
+// destination stays in the caches for what reads it next.
+constexpr size_t kStreamBytes = size_t(4) << 20;
 template <int SO, int DO>
 OMBRIX_AVX2_PW void avx2_16to24_back(uint8_t* buf, size_t w) {
-    const size_t steps = w / 32;
-    touchForWrite(buf + 96 * steps, 3 * (w - 32 * steps));
-    for (size_t i = w; i-- > steps * 32;) pixel16to24<SO, DO>(buf + 2 * i, buf + 3 * i);
+    // A long run streams from its first line-aligned step; the pixels
+    // before it go last.
+    const bool stream = 3 * w >= kStreamBytes;
+    const size_t head = stream ? pixelsToLine(buf, w) : 0;
+    const size_t steps = (w - head) / 32, end = head + 32 * steps;
+    if (!stream) touchForWrite(buf + 96 * steps, 3 * (w - end));
+    for (size_t i = w; i-- > end;) pixel16to24<SO, DO>(buf + 2 * i, buf + 3 * i);
     constexpr bool lowFirst = (SO == ORDER_RGB) == (DO == ORDER_RGB);
     const Pack16to24& t = kPack16to24<lowFirst>;
 #define OMBRIX_LD(q) _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q))
@@ -598,6 +614,19 @@ OMBRIX_AVX2_PW void avx2_16to24_back(uint8_t* buf, size_t w) {
         const __m256i lg = _mm256_packus_epi16(lo, g);
         return _mm256_or_si256(_mm256_shuffle_epi8(lg, mlg), _mm256_shuffle_epi8(hi, mh));
     };
+    if (stream) {
+        for (size_t k = steps; k-- > 0;) {
+            const uint8_t* s = buf + 2 * head + 64 * k;
+            const __m256i o0 = vec(s, idx0, lg0, h0), o1 = vec(s + 20, idx1, lg1, h1), o2 = vec(s + 40, idx1, lg2, h2);
+            uint8_t* d = buf + 3 * head + 96 * k;
+            _mm256_stream_si256(reinterpret_cast<__m256i*>(d + 64), o2);
+            _mm256_stream_si256(reinterpret_cast<__m256i*>(d + 32), o1);
+            _mm256_stream_si256(reinterpret_cast<__m256i*>(d), o0);
+        }
+        _mm_sfence();
+        for (size_t i = head; i-- > 0;) pixel16to24<SO, DO>(buf + 2 * i, buf + 3 * i);
+        return;
+    }
     backInChunks(buf, steps, 96, [&](size_t k) OMBRIX_AVX2_PW {
         const uint8_t* s = buf + 64 * k;
         const __m256i o0 = vec(s, idx0, lg0, h0), o1 = vec(s + 20, idx1, lg1, h1), o2 = vec(s + 40, idx1, lg2, h2);
@@ -614,18 +643,6 @@ OMBRIX_AVX2_PW void avx2_16to24_back(uint8_t* buf, size_t w) {
 // takes the low field and green with one two-table permute and the high
 // field with one masked permute. Pixels past the last whole step go first,
 // as one step with masked loads and stores.
-// A run whose destination reaches kStreamBytes (a whole image in one call)
-// writes its whole steps with streaming stores, from the first step whose
-// destination starts a 64-byte line. In place, the destination lines below
-// two thirds of the run were read earlier as source and are evicted by the
-// time the backward walk reaches them, so ordinary stores read every one of
-// them again for ownership: 60 MB read for a 4000x3000 image against 36 MB
-// when each row is converted in its own slot (the per-row calls). That was
-// the whole difference between one call for the image (0.9-1.0x memcpy) and
-// one call per row (1.3x); streaming reads nothing for the destination
-// (1.6-1.8x, same runs). Shorter runs keep ordinary stores: their
-// destination stays in the caches for what reads it next.
-constexpr size_t kStreamBytes = size_t(4) << 20;
 #define OMBRIX_AVX512_PW __attribute__((target("avx512f,avx512bw,avx512vbmi,prfchw")))
 struct Planes16to24 {
     uint8_t lg[3][64];  // low field 0..63, green 64..127
