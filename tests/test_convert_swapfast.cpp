@@ -112,19 +112,24 @@ TEST(ConvertSwapFast, Widen16To24EveryLevelMatchesTheReference) {
 }
 
 // A run of more than 4 MB of destination (a whole image in one call) takes
-// the streaming walk from the first line-aligned step; the pixels before it
-// go last.
-TEST(ConvertSwapFast, Widen16To24WholeImageRunMatchesTheReference) {
+// the streaming walk from the first line-aligned step (24 -> 32: only from a
+// 4-byte boundary); the pixels before it go last.
+TEST(ConvertSwapFast, WideningWholeImageRunsMatchTheReference) {
     std::mt19937 rng(8);
-    const int width = 1500 * 1000 + 37;
-    convref::Request r;
-    r.width = width, r.srcBits = 16, r.srcOrder = ORDER_BGR565, r.dstBits = 24, r.dstOrder = ORDER_RGB;
-    const Bytes src = randomBytes(rng, size_t(width) * 3);
-    const Bytes expect = convref::convert(r, src);
-    for (int level : kLevels) {
-        const auto fn = krn::conv::pickDirect({16, ORDER_BGR565, 24, ORDER_RGB}, level);
-        for (size_t align : {0, 1, 22, 61, 63})  // 0, 21, 14, 1 and 43 pixels before the first line
-            checkAligned(src, expect, align, [&](uint8_t* p) { fn(p, size_t(width)); });
+    const int keys[][4] = {{16, ORDER_BGR565, 24, ORDER_RGB}, {24, ORDER_BGR, 32, ORDER_BGR}, {24, ORDER_RGB, 32, ORDER_BGR}};
+    for (const auto& k : keys) {
+        const int width = 1500 * 1000 + 37;
+        convref::Request r;
+        r.width = width, r.srcBits = k[0], r.srcOrder = k[1], r.dstBits = k[2], r.dstOrder = k[3];
+        const Bytes src = randomBytes(rng, size_t(width) * size_t(k[2] / 8));
+        const Bytes expect = convref::convert(r, src);
+        for (int level : kLevels) {
+            SCOPED_TRACE(std::to_string(k[0]) + " -> " + std::to_string(k[2]) + " level " + std::to_string(level));
+            const auto fn = krn::conv::pickDirect({k[0], k[1], k[2], k[3]}, level);
+            // 16 -> 24: 0, 21, 14, 1 and 43 pixels before the first line; 24 -> 32: 0, 15 and 1.
+            for (size_t align : {0, 1, 4, 22, 60, 61, 63})
+                checkAligned(src, expect, align, [&](uint8_t* p) { fn(p, size_t(width)); });
+        }
     }
 }
 

@@ -515,20 +515,53 @@ OMBRIX_AVX2_PW inline void backInChunks(uint8_t* dst, size_t steps, size_t outBy
     }
 }
 
+// A run whose destination reaches kStreamBytes (a whole image in one call)
+// writes its whole steps with streaming stores, from the first step whose
+// destination starts a 64-byte line. In place, the destination lines below
+// two thirds (16 -> 24) or three quarters (24 -> 32) of the run were read
+// earlier as source and are evicted by the time the backward walk reaches
+// them, so ordinary stores read every one of them again for ownership: at
+// 16 -> 24, 60 MB read for a 4000x3000 image against 36 MB when each row is
+// converted in its own slot (the per-row calls). That was the whole
+// difference between one call for the image (0.9-1.0x memcpy) and one call
+// per row (1.3x); streaming reads nothing for the destination (1.4-1.8x,
+// same runs). Shorter runs keep ordinary stores: their destination stays in
+// the caches for what reads it next.
+constexpr size_t kStreamBytes = size_t(4) << 20;
 // 24 -> 32: 32 pixels (96 bytes in, 128 out) per step.
 template <bool Swap>
 OMBRIX_AVX2_PW void avx2_24to32_back(uint8_t* buf, size_t w) {
-    const size_t steps = w / 32;
-    touchForWrite(buf + 128 * steps, 4 * (w - 32 * steps));
-    for (size_t i = w; i-- > steps * 32;) {
+    // A long run on a 4-byte boundary streams from its first line-aligned
+    // step; the pixels before it go last.
+    const uintptr_t mis = reinterpret_cast<uintptr_t>(buf) % 64;
+    const bool stream = 4 * w >= kStreamBytes && mis % 4 == 0;
+    const size_t head = stream ? std::min(w, size_t((64 - mis) % 64 / 4)) : 0;
+    const size_t steps = (w - head) / 32, end = head + 32 * steps;
+    if (!stream) touchForWrite(buf + 128 * steps, 4 * (w - end));
+    auto plain = [buf](size_t i) {
         pick3<Swap, 1, 0>(buf + 3 * i, buf + 4 * i);
         buf[4 * i + 3] = 255;
-    }
+    };
+    for (size_t i = w; i-- > end;) plain(i);
     const __m256i m = Swap ? _mm256_setr_epi8(2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1,
                                               2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9, -1)
                            : _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1,
                                               0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
     const __m256i alpha = _mm256_set1_epi32(int32_t(0xFF000000u));
+    if (stream) {
+        for (size_t k = steps; k-- > 0;) {
+            const uint8_t* s = buf + 3 * head + 96 * k;
+            const __m256i a = spread24(s), b = spread24(s + 24), c = spread24(s + 48), d = spread24(s + 72);
+            uint8_t* o = buf + 4 * head + 128 * k;
+            _mm256_stream_si256(reinterpret_cast<__m256i*>(o + 96), _mm256_or_si256(_mm256_shuffle_epi8(d, m), alpha));
+            _mm256_stream_si256(reinterpret_cast<__m256i*>(o + 64), _mm256_or_si256(_mm256_shuffle_epi8(c, m), alpha));
+            _mm256_stream_si256(reinterpret_cast<__m256i*>(o + 32), _mm256_or_si256(_mm256_shuffle_epi8(b, m), alpha));
+            _mm256_stream_si256(reinterpret_cast<__m256i*>(o), _mm256_or_si256(_mm256_shuffle_epi8(a, m), alpha));
+        }
+        _mm_sfence();
+        for (size_t i = head; i-- > 0;) plain(i);
+        return;
+    }
     backInChunks(buf, steps, 128, [&](size_t k) OMBRIX_AVX2_PW {
         const uint8_t* s = buf + 96 * k;
         const __m256i a = spread24(s), b = spread24(s + 24), c = spread24(s + 48), d = spread24(s + 72);
@@ -573,18 +606,6 @@ constexpr Pack16to24 makePack16to24(bool lowFirst) {
 template <bool LowFirst>
 inline constexpr Pack16to24 kPack16to24 = makePack16to24(LowFirst);
 
-// A run whose destination reaches kStreamBytes (a whole image in one call)
-// writes its whole steps with streaming stores, from the first step whose
-// destination starts a 64-byte line. In place, the destination lines below
-// two thirds of the run were read earlier as source and are evicted by the
-// time the backward walk reaches them, so ordinary stores read every one of
-// them again for ownership: 60 MB read for a 4000x3000 image against 36 MB
-// when each row is converted in its own slot (the per-row calls). That was
-// the whole difference between one call for the image (0.9-1.0x memcpy) and
-// one call per row (1.3x); streaming reads nothing for the destination
-// (1.6-1.8x, same runs). Shorter runs keep ordinary stores: their
-// destination stays in the caches for what reads it next.
-constexpr size_t kStreamBytes = size_t(4) << 20;
 template <int SO, int DO>
 OMBRIX_AVX2_PW void avx2_16to24_back(uint8_t* buf, size_t w) {
     // A long run streams from its first line-aligned step; the pixels
