@@ -10,6 +10,7 @@
 //                                                 (throw std::bad_alloc; the export guard
 //                                                 turns that into KS_NO_MEMORY)
 //   UniqueMem<T>                                  owning pointer freed with memFree
+//   blockcache::                                  reuse of freed large blocks
 //   faultinject::                                 the test hook
 #pragma once
 
@@ -57,6 +58,17 @@ struct KAllocator {
 };
 template <class T>
 using kvector = std::vector<T, KAllocator<T>>;
+
+// Large blocks (4 MiB and more) are mapped by the allocator and a few freed
+// ones are kept for reuse (see kalloc.cpp). The environment variable
+// OMBRIX_BLOCK_CACHE=0 switches the reuse off.
+namespace blockcache {
+void setLimit(size_t bytes) noexcept;  // most bytes kept; blocks above it are returned at once
+void release() noexcept;               // return every kept block to the system
+size_t cachedBytes() noexcept;         // bytes kept now
+long hits() noexcept;                  // requests served from kept blocks since start
+bool available() noexcept;             // false in builds that keep every block on malloc
+}  // namespace blockcache
 
 namespace faultinject {
 // After `countdown` successful allocations the next `repeat` allocations

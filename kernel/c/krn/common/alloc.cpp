@@ -546,6 +546,9 @@ KAPI int32_t K_IntReleaseBitmap(BITMAPRECORD* pBitmap, int32_t bAccessed, int32_
 }
 
 // ---------------------------------------------------------------- process-wide cap and counter
+namespace {
+constexpr uint64_t kBlockCacheLimit = uint64_t(192) << 20;  // the allocator's own default
+}
 KAPI int32_t K_ManageMemory(int32_t nCommand, int64_t nValue, int64_t* pnResult) {
     std::lock_guard<std::mutex> g(g_capLock);
     switch (nCommand) {
@@ -553,6 +556,8 @@ KAPI int32_t K_ManageMemory(int32_t nCommand, int64_t nValue, int64_t* pnResult)
             if (nValue < 0) return KS_INVALID_PARAMETER;
             if (pnResult) *pnResult = int64_t(g_cap);
             g_cap = uint64_t(nValue);
+            // Freed large blocks kept for reuse stay well under a cap.
+            blockcache::setLimit(size_t(std::min<uint64_t>(kBlockCacheLimit, g_cap ? g_cap / 4 : kBlockCacheLimit)));
             return KS_SUCCESS;
         case MANAGEMEMORY_GET_CAP:
             if (!pnResult) return KS_NULL_POINTER;

@@ -451,6 +451,14 @@ void clearRowTail(uint8_t* row, int32_t w, int32_t bpp, uint32_t bpl) noexcept {
 }
 
 // ---------------------------------------------------------------- the image loop
+// The order of output rows matters to the memory: walked so that the next
+// row's source line lies to the right of this one's (m.xj > 0), a 4000 x 3000
+// 32-bit turn by 5 or 30 degrees takes 24-41 ms; walked the other way, 83-99
+// ms (the source lines a row needs are then mostly not yet in the cache).
+// Turns whose next row lies to the left therefore walk their rows from the
+// last up. Results do not depend on the order.
+inline bool bottomUp(const Map& m) noexcept { return m.xj < 0; }
+
 constexpr int32_t kBlockRows = 32;
 constexpr int32_t kMaxCacheBytes = 4 << 20;
 
@@ -478,7 +486,9 @@ int32_t bandDirect(Job& job, int32_t y0, int32_t y1) {
     View v{job.srcDirect, job.sbpl, 0, 0, job.sw, job.sh};
     RowCtx c{&v, job.bpp, job.alpha, job.fill};
     const Map& m = job.m;
-    for (int32_t j = y0; j < y1; ++j) {
+    const bool up = bottomUp(m);
+    for (int32_t n = y0; n < y1; ++n) {
+        const int32_t j = up ? y1 - 1 - (n - y0) : n;
         uint8_t* out = job.dstDirect + size_t(j) * job.dbpl;
         job.kernel(c, m.x0 + j * m.xj, m.y0 + j * m.yj, m.xi, m.yi, 0, job.dw, out);
         clearRowTail(out, job.dw, job.bpp, job.dbpl);
@@ -827,7 +837,9 @@ int32_t renderPlain(const uint8_t* src, int32_t srcW, int32_t srcH, uint32_t src
     if (!k) return KS_INVALID_BITS_PER_PIXEL;
     View v{src, srcBpl, 0, 0, srcW, srcH};
     RowCtx c{&v, bpp, alpha, fill};
-    for (int32_t j = y0; j < y1; ++j) {
+    const bool up = bottomUp(m);
+    for (int32_t n = y0; n < y1; ++n) {
+        const int32_t j = up ? y1 - 1 - (n - y0) : n;
         uint8_t* out = dst + size_t(j - y0) * dstBpl;
         k(c, m.x0 + j * m.xj, m.y0 + j * m.yj, m.xi, m.yi, 0, dstW, out);
         clearRowTail(out, dstW, bpp, dstBpl);
