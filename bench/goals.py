@@ -60,6 +60,7 @@ ROWS = [
     R(17, "24-bit order swap in place", 1.9, "memcpy", op_b="BM_Convert_24to24swap" + CV,
       mem="BM_Convert_24to24swap_memcpy" + CV,
       peers=[("read+write only (no arithmetic)", "BM_Speed_24InPlace_ReadWriteOnly"),
+             ("read only (prefetched)", "BM_Speed_24InPlace_ReadOnly"),
              ("libyuv in place", "BM_Speed_24to24swap_libyuvInPlace"),
              ("libyuv out of place", "BM_Convert_24to24swap_libyuv" + CV),
              ("OpenCV out of place", "BM_Convert_24to24swap_opencv" + CV)]),
