@@ -128,6 +128,15 @@ for f in ("Linear", "Cubic"):
             b = f"BM_Resize_{f}{bits}_{d}"
             ROWS.append(R(13, f"{f.lower()} {bits}-bit {'x1.5' if d == 'Up' else 'x0.5'}, x OpenCV", 1.0, "peer",
                           op_b=f"{b}_Ombrix1T{CV}", peer=("OpenCV", f"{b}_OpenCV"), peers=[]))
+# Two threads through the row helper against two plain std::threads, each running the one-thread job on
+# its own target: the helper's speed-up t(1T) / t(2T) over the threads' 2 t(1T) / t(2 threads), wall time.
+for f in ("Linear", "Cubic"):
+    for bits in (24, 32):
+        for d in ("Up", "Down"):
+            b = f"BM_Resize_{f}{bits}_{d}"
+            ROWS.append(R(13, f"{f.lower()} {bits}-bit {'x1.5' if d == 'Up' else 'x0.5'}, 2 threads vs std::thread",
+                          0.9, "speedup", op_b=f"{b}_Ombrix2T{CV}", one=f"{b}_Ombrix1T{CV}",
+                          std=f"{b}_StdThreads2{CV}", peers=[]))
 ROWS.append(R(15, "window level 16-bit grey to 8", 0.8, "memcpy", op_b="BM_WindowLevel_Ombrix" + CV,
               mem="BM_WindowLevel_Memcpy" + CV, peers=[("OpenCV", "BM_WindowLevel_OpenCV" + CV)]))
 ROWS.append(R(15, "playback 640x480 opaque frames (frames/s)", 1000, "counter",
@@ -137,7 +146,7 @@ ROWS.append(R(15, "playback 640x480 transparent frames (frames/s)", 1000, "count
 
 
 def names(row):
-    n = [row.get("op_b"), row.get("mem")]
+    n = [row.get("op_b"), row.get("mem"), row.get("one"), row.get("std")]
     n += [p[1] for p in row.get("peers", [])]
     if "peer" in row:
         n.append(row["peer"][1])
@@ -231,6 +240,15 @@ def main():
             p = get(n)
             value = p[0] / o[0] if p else 0
             shown = f"{value:.2f}x {label}" if p else f"{label} absent"
+        elif r["kind"] == "speedup":
+            one, std = med.get(r["one"]), med.get(r["std"])
+            if not one or not std:
+                print(f"| {r['issue']} | {r['op']} | failed or skipped | | {r['goal']} | - |")
+                total -= 1
+                continue
+            t1, t2, ts = seconds(one, True)[0], seconds(med[r["op_b"]], True)[0], seconds(std, True)[0]
+            value = (t1 / t2) / (2 * t1 / ts)
+            shown = f"{value:.2f} (helper x{t1 / t2:.2f}, std::thread x{2 * t1 / ts:.2f}, wall)"
         else:
             b = med[r["op_b"]]
             # Counters that come in both clocks follow the table's clock.

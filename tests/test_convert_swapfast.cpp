@@ -111,9 +111,8 @@ TEST(ConvertSwapFast, Widen16To24EveryLevelMatchesTheReference) {
     }
 }
 
-// A run of more than 4 MB of destination (a whole image in one call) takes
-// the streaming walk from the first line-aligned step (24 -> 32: only from a
-// 4-byte boundary); the pixels before it go last.
+// A run of more than 4 MB of destination (a whole image in one call): the
+// backward walk in place touches its destination in chunks ahead of it.
 TEST(ConvertSwapFast, WideningWholeImageRunsMatchTheReference) {
     std::mt19937 rng(8);
     const int keys[][4] = {{16, ORDER_BGR565, 24, ORDER_RGB}, {24, ORDER_BGR, 32, ORDER_BGR}, {24, ORDER_RGB, 32, ORDER_BGR}};

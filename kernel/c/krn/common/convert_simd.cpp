@@ -515,29 +515,11 @@ OMBRIX_AVX2_PW inline void backInChunks(uint8_t* dst, size_t steps, size_t outBy
     }
 }
 
-// A run whose destination reaches kStreamBytes (a whole image in one call)
-// writes its whole steps with streaming stores, from the first step whose
-// destination starts a 64-byte line. In place, the destination lines below
-// two thirds (16 -> 24) or three quarters (24 -> 32) of the run were read
-// earlier as source and are evicted by the time the backward walk reaches
-// them, so ordinary stores read every one of them again for ownership: at
-// 16 -> 24, 60 MB read for a 4000x3000 image against 36 MB when each row is
-// converted in its own slot (the per-row calls). That was the whole
-// difference between one call for the image (0.9-1.0x memcpy) and one call
-// per row (1.3x); streaming reads nothing for the destination (1.4-1.8x,
-// same runs). Shorter runs keep ordinary stores: their destination stays in
-// the caches for what reads it next.
-constexpr size_t kStreamBytes = size_t(4) << 20;
 // 24 -> 32: 32 pixels (96 bytes in, 128 out) per step.
 template <bool Swap>
 OMBRIX_AVX2_PW void avx2_24to32_back(uint8_t* buf, size_t w) {
-    // A long run on a 4-byte boundary streams from its first line-aligned
-    // step; the pixels before it go last.
-    const uintptr_t mis = reinterpret_cast<uintptr_t>(buf) % 64;
-    const bool stream = 4 * w >= kStreamBytes && mis % 4 == 0;
-    const size_t head = stream ? std::min(w, size_t((64 - mis) % 64 / 4)) : 0;
-    const size_t steps = (w - head) / 32, end = head + 32 * steps;
-    if (!stream) touchForWrite(buf + 128 * steps, 4 * (w - end));
+    const size_t steps = w / 32, end = 32 * steps;
+    touchForWrite(buf + 128 * steps, 4 * (w - end));
     auto plain = [buf](size_t i) {
         pick3<Swap, 1, 0>(buf + 3 * i, buf + 4 * i);
         buf[4 * i + 3] = 255;
@@ -548,20 +530,6 @@ OMBRIX_AVX2_PW void avx2_24to32_back(uint8_t* buf, size_t w) {
                            : _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1,
                                               0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
     const __m256i alpha = _mm256_set1_epi32(int32_t(0xFF000000u));
-    if (stream) {
-        for (size_t k = steps; k-- > 0;) {
-            const uint8_t* s = buf + 3 * head + 96 * k;
-            const __m256i a = spread24(s), b = spread24(s + 24), c = spread24(s + 48), d = spread24(s + 72);
-            uint8_t* o = buf + 4 * head + 128 * k;
-            _mm256_stream_si256(reinterpret_cast<__m256i*>(o + 96), _mm256_or_si256(_mm256_shuffle_epi8(d, m), alpha));
-            _mm256_stream_si256(reinterpret_cast<__m256i*>(o + 64), _mm256_or_si256(_mm256_shuffle_epi8(c, m), alpha));
-            _mm256_stream_si256(reinterpret_cast<__m256i*>(o + 32), _mm256_or_si256(_mm256_shuffle_epi8(b, m), alpha));
-            _mm256_stream_si256(reinterpret_cast<__m256i*>(o), _mm256_or_si256(_mm256_shuffle_epi8(a, m), alpha));
-        }
-        _mm_sfence();
-        for (size_t i = head; i-- > 0;) plain(i);
-        return;
-    }
     backInChunks(buf, steps, 128, [&](size_t k) OMBRIX_AVX2_PW {
         const uint8_t* s = buf + 96 * k;
         const __m256i a = spread24(s), b = spread24(s + 24), c = spread24(s + 48), d = spread24(s + 72);
@@ -608,12 +576,8 @@ inline constexpr Pack16to24 kPack16to24 = makePack16to24(LowFirst);
 
 template <int SO, int DO>
 OMBRIX_AVX2_PW void avx2_16to24_back(uint8_t* buf, size_t w) {
-    // A long run streams from its first line-aligned step; the pixels
-    // before it go last.
-    const bool stream = 3 * w >= kStreamBytes;
-    const size_t head = stream ? pixelsToLine(buf, w) : 0;
-    const size_t steps = (w - head) / 32, end = head + 32 * steps;
-    if (!stream) touchForWrite(buf + 96 * steps, 3 * (w - end));
+    const size_t steps = w / 32, end = 32 * steps;
+    touchForWrite(buf + 96 * steps, 3 * (w - end));
     for (size_t i = w; i-- > end;) pixel16to24<SO, DO>(buf + 2 * i, buf + 3 * i);
     constexpr bool lowFirst = (SO == ORDER_RGB) == (DO == ORDER_RGB);
     const Pack16to24& t = kPack16to24<lowFirst>;
@@ -635,19 +599,6 @@ OMBRIX_AVX2_PW void avx2_16to24_back(uint8_t* buf, size_t w) {
         const __m256i lg = _mm256_packus_epi16(lo, g);
         return _mm256_or_si256(_mm256_shuffle_epi8(lg, mlg), _mm256_shuffle_epi8(hi, mh));
     };
-    if (stream) {
-        for (size_t k = steps; k-- > 0;) {
-            const uint8_t* s = buf + 2 * head + 64 * k;
-            const __m256i o0 = vec(s, idx0, lg0, h0), o1 = vec(s + 20, idx1, lg1, h1), o2 = vec(s + 40, idx1, lg2, h2);
-            uint8_t* d = buf + 3 * head + 96 * k;
-            _mm256_stream_si256(reinterpret_cast<__m256i*>(d + 64), o2);
-            _mm256_stream_si256(reinterpret_cast<__m256i*>(d + 32), o1);
-            _mm256_stream_si256(reinterpret_cast<__m256i*>(d), o0);
-        }
-        _mm_sfence();
-        for (size_t i = head; i-- > 0;) pixel16to24<SO, DO>(buf + 2 * i, buf + 3 * i);
-        return;
-    }
     backInChunks(buf, steps, 96, [&](size_t k) OMBRIX_AVX2_PW {
         const uint8_t* s = buf + 64 * k;
         const __m256i o0 = vec(s, idx0, lg0, h0), o1 = vec(s + 20, idx1, lg1, h1), o2 = vec(s + 40, idx1, lg2, h2);
@@ -692,12 +643,8 @@ inline uint64_t lowBits(size_t n) { return n >= 64 ? ~uint64_t(0) : (uint64_t(1)
 
 template <int SO, int DO>
 OMBRIX_AVX512_PW void avx512_16to24(uint8_t* buf, size_t w) {
-    // A long run streams its steps from the first line-aligned one (the
-    // pixels before it go last, as a partial step); see kStreamBytes.
-    const bool stream = 3 * w >= kStreamBytes;
-    const size_t head = stream ? pixelsToLine(buf, w) : 0;
-    const size_t steps = (w - head) / 64, rest = (w - head) % 64;
-    if (!stream) touchForWrite(buf + 192 * steps, 3 * rest);
+    const size_t steps = w / 64, rest = w % 64;
+    touchForWrite(buf + 192 * steps, 3 * rest);
     const Planes16to24& t = kPlanes16to24<(SO == ORDER_RGB) == (DO == ORDER_RGB)>;
     const __m512i lg0 = _mm512_loadu_si512(t.lg[0]), lg1 = _mm512_loadu_si512(t.lg[1]), lg2 = _mm512_loadu_si512(t.lg[2]);
     const __m512i h0 = _mm512_loadu_si512(t.h[0]), h1 = _mm512_loadu_si512(t.h[1]), h2 = _mm512_loadu_si512(t.h[2]);
@@ -730,20 +677,7 @@ OMBRIX_AVX512_PW void avx512_16to24(uint8_t* buf, size_t w) {
         if (3 * n > 64) _mm512_mask_storeu_epi8(d + 64, lowBits(3 * n - 64), o1);
         _mm512_mask_storeu_epi8(d, lowBits(3 * n), o0);
     };
-    if (rest) partial(head + 64 * steps, rest);
-    if (stream) {
-        for (size_t k = steps; k-- > 0;) {
-            const uint8_t* s = buf + 2 * head + 128 * k;
-            step(_mm512_loadu_si512(s), _mm512_loadu_si512(s + 64), o0, o1, o2);
-            uint8_t* d = buf + 3 * head + 192 * k;
-            _mm512_stream_si512(reinterpret_cast<__m512i*>(d + 128), o2);
-            _mm512_stream_si512(reinterpret_cast<__m512i*>(d + 64), o1);
-            _mm512_stream_si512(reinterpret_cast<__m512i*>(d), o0);
-        }
-        _mm_sfence();
-        if (head) partial(0, head);
-        return;
-    }
+    if (rest) partial(64 * steps, rest);
     constexpr size_t per = kTouchBytes / 192;  // as backInChunks
     for (size_t hi = steps; hi > 0;) {
         const size_t lo = hi > per ? hi - per : 0;
