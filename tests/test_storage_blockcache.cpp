@@ -6,6 +6,9 @@
 
 #include <cstring>
 #include <thread>
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
 #include <vector>
 
 #include "krn/common/memory.h"
@@ -70,8 +73,9 @@ TEST_F(BlockCache, ZeroInitBitmapOverReusedPixels) {
 }
 
 TEST_F(BlockCache, ResizeKeepsContents) {
-    // Grow and shrink across the large-block threshold and within a block.
-    const size_t sizes[] = {kBig, kBig + kBig / 2, kBig - 1000, size_t(5) << 20, 1 << 20, kBig * 2};
+    // Grow and shrink across the large-block threshold and within a block; the
+    // pages move (mremap) or, where advice split the block's mapping, are copied.
+    const size_t sizes[] = {kBig, kBig + kBig / 2, kBig - 1000, size_t(5) << 20, 1 << 20, kBig * 2, kBig * 3};
     auto* p = static_cast<unsigned char*>(krn::memAlloc(kBig));
     ASSERT_NE(p, nullptr);
     size_t have = kBig;
@@ -86,6 +90,12 @@ TEST_F(BlockCache, ResizeKeepsContents) {
         for (size_t i = kept; i < n; ++i) q[i] = static_cast<unsigned char>(i * 7 + (i >> 12));
         p = q;
         have = n;
+#if defined(__linux__) && defined(MADV_NOHUGEPAGE)
+        if (n == kBig * 2) {  // split the mapping before the last growth
+            auto* mid = reinterpret_cast<unsigned char*>((reinterpret_cast<uintptr_t>(q) + (size_t(3) << 20)) & ~uintptr_t(4095));
+            madvise(mid, 8192, MADV_NOHUGEPAGE);
+        }
+#endif
     }
     krn::memFree(p);
 }

@@ -25,6 +25,9 @@
 #endif
 
 #if OMBRIX_BLOCK_CACHE
+#ifndef _GNU_SOURCE
+#define _GNU_SOURCE  // mremap
+#endif
 #include <sys/mman.h>
 #endif
 
@@ -147,7 +150,8 @@ bool mapFresh(size_t bytes, Mapping* out) noexcept {
     const uintptr_t b = reinterpret_cast<uintptr_t>(base);
     const uintptr_t aligned = (b + kHuge - 1) & ~uintptr_t(kHuge - 1);
 #if defined(MADV_HUGEPAGE)
-    madvise(reinterpret_cast<void*>(aligned), need & ~(kHuge - 1), MADV_HUGEPAGE);
+    // The whole mapping, so that it stays one mapping that mremap can move.
+    madvise(base, mapped, MADV_HUGEPAGE);
 #endif
     out->base = base;
     out->mapped = mapped;
@@ -269,6 +273,32 @@ void* rawRealloc(void* p, size_t bytes) noexcept {
         return std::realloc(p, bytes);
     }
     if (bytes <= usable && bytes >= usable / 2) return p;  // fits, and not much wasted
+#if defined(__linux__) && defined(MREMAP_MAYMOVE)
+    // The system moves or trims the pages themselves: no copy (a region's
+    // run store grows by doubling and is trimmed to its size at the end).
+    if (bytes <= SIZE_MAX - 2 * kPage) {
+        std::lock_guard<std::mutex> g(g_largeLock);
+        auto it = g_largeLive->find(reinterpret_cast<uintptr_t>(p));
+        if (it != g_largeLive->end()) {
+            const Mapping& m = it->second;
+            const size_t mapped = (bytes + m.offset + kPage - 1) & ~(kPage - 1);
+            void* base = mremap(m.base, m.mapped, mapped, MREMAP_MAYMOVE);
+            // Advice on a part of the block splits its mapping, which mremap
+            // refuses: then the block is copied below.
+            if (base != MAP_FAILED) {
+                // The table's node is moved to the new key: nothing to allocate.
+                auto node = g_largeLive->extract(it);
+                node.mapped().base = base;
+                node.mapped().mapped = mapped;
+                node.mapped().usable = mapped - node.mapped().offset;
+                void* q = static_cast<char*>(base) + node.mapped().offset;
+                node.key() = reinterpret_cast<uintptr_t>(q);
+                g_largeLive->insert(std::move(node));
+                return q;
+            }
+        }
+    }
+#endif
     void* q = rawAlloc(bytes, false);
     if (!q) return nullptr;
     std::memcpy(q, p, std::min(bytes, usable));
