@@ -100,6 +100,32 @@ INSTANTIATE_TEST_SUITE_P(AllDepths, CombineOracle, ::testing::ValuesIn(kFormats)
 });
 
 // The worked cases of the combine plan (one pixel each).
+// Every flag word: the plan (its truth table over the two input bits, which
+// inputs it reads, its row code) equals the one derived bit by bit from the
+// operator table by the reference.
+TEST(CombinePlan, AgreesWithTheBitLevelDerivation) {
+    for (int32_t bpp : {1, 8, 24}) {
+        for (uint32_t flags = 0; flags <= 0xFFFF; ++flags) {
+            krn::CombinePlan p;
+            const int32_t rc = krn::combinePlan(flags, bpp, &p);
+            ASSERT_EQ(rc, combinetest::validFlags(flags) ? KS_SUCCESS : KS_INVALID_PARAMETER) << flags;
+            if (rc != KS_SUCCESS) continue;
+            const combinetest::Plan r = combinetest::planOf(flags, bpp);
+            ASSERT_EQ(std::vector<bool>({p.bitwise(), p.readsSrc(), p.readsDst(), p.nothing()}),
+                      std::vector<bool>({r.bitwise, r.readsSrc, r.readsDst, r.nothing})) << flags;
+            if (p.bitwise()) {
+                for (int s = 0; s < 2; ++s)
+                    for (int d = 0; d < 2; ++d) ASSERT_EQ(bool((p.truth() >> (2 * s + d)) & 1), r.truth[s][d]);
+            } else {
+                const uint32_t op = (flags >> 8) & 0xF;
+                ASSERT_EQ(p.rowCode(), op == 0xD ? 0x19u : op == 0xC ? 0u : 0x10u + op - 3) << flags;
+                ASSERT_EQ(p.word & 0x700, ((flags & 0xF) == 1 ? 0x100u : 0) | ((flags & 0xF0) == 0x10 ? 0x200u : 0) |
+                                              ((flags & 0xF000) == 0x1000 ? 0x400u : 0)) << flags;
+            }
+        }
+    }
+}
+
 TEST(CombineWorkedCases, Table) {
     const struct {
         const char* name;
