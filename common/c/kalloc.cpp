@@ -126,18 +126,20 @@ void dropCachedLocked(int i) noexcept {
     g_cache[i] = g_cache[--g_cached];
 }
 
+void dropOldestLocked() noexcept {
+    int oldest = 0;
+    for (int i = 1; i < g_cached; ++i)
+        if (g_cache[i].since < g_cache[oldest].since) oldest = i;
+    dropCachedLocked(oldest);
+}
+
 // Returns blocks that waited too long, and trims the cache to its limit.
 void ageCacheLocked() noexcept {
     const auto now = std::chrono::steady_clock::now();
     for (int i = g_cached - 1; i >= 0; --i)
         if (now - g_cache[i].since > kCacheAge) dropCachedLocked(i);
     const size_t limit = g_cacheLimit.load(std::memory_order_relaxed);
-    while (g_cached > 0 && g_cachedBytes > limit) {
-        int oldest = 0;
-        for (int i = 1; i < g_cached; ++i)
-            if (g_cache[i].since < g_cache[oldest].since) oldest = i;
-        dropCachedLocked(oldest);
-    }
+    while (g_cached > 0 && g_cachedBytes > limit) dropOldestLocked();
 }
 
 bool mapFresh(size_t bytes, Mapping* out) noexcept {
@@ -220,12 +222,7 @@ void retireLocked(const Mapping& m) noexcept {
         unmapLocked(m);
         return;
     }
-    while (g_cached > 0 && (g_cached == kCacheBlocks || g_cachedBytes + m.mapped > limit)) {
-        int oldest = 0;
-        for (int i = 1; i < g_cached; ++i)
-            if (g_cache[i].since < g_cache[oldest].since) oldest = i;
-        dropCachedLocked(oldest);
-    }
+    while (g_cached > 0 && (g_cached == kCacheBlocks || g_cachedBytes + m.mapped > limit)) dropOldestLocked();
     g_cache[g_cached++] = Cached{m, std::chrono::steady_clock::now()};
     g_cachedBytes += m.mapped;
 }
@@ -238,15 +235,6 @@ bool largeFree(void* p) noexcept {
     if (!takeLargeLocked(p, &m)) return false;
     retireLocked(m);
     return true;
-}
-
-// Usable size of a large block; 0 when p is not one.
-size_t largeUsable(void* p) noexcept {
-    if (!maybeLarge(p)) return 0;
-    std::lock_guard<std::mutex> g(g_largeLock);
-    if (!g_largeLive) return 0;
-    auto it = g_largeLive->find(reinterpret_cast<uintptr_t>(p));
-    return it == g_largeLive->end() ? 0 : it->second.usable;
 }
 
 void* rawAlloc(size_t bytes, bool zero) noexcept {
@@ -264,22 +252,22 @@ void rawFree(void* p) noexcept {
     if (!largeFree(p)) std::free(p);
 }
 
-// Resizes p; nullptr (p untouched) on failure.
+// Resizes p; nullptr (p untouched) on failure. A malloc block stays on
+// malloc whatever its new size (its size is unknown here).
 void* rawRealloc(void* p, size_t bytes) noexcept {
-    const size_t usable = largeUsable(p);
-    if (!usable) {
-        if (bytes < kLargeMin) return std::realloc(p, bytes ? bytes : 1);
-        // A malloc block growing large: keep it on malloc (its size is unknown here).
-        return std::realloc(p, bytes);
-    }
-    if (bytes <= usable && bytes >= usable / 2) return p;  // fits, and not much wasted
-#if defined(__linux__) && defined(MREMAP_MAYMOVE)
-    // The system moves or trims the pages themselves: no copy (a region's
-    // run store grows by doubling and is trimmed to its size at the end).
-    if (bytes <= SIZE_MAX - 2 * kPage) {
+    if (!maybeLarge(p)) return std::realloc(p, bytes ? bytes : 1);
+    size_t usable;
+    {
         std::lock_guard<std::mutex> g(g_largeLock);
+        // maybeLarge saw a live large block, so the table exists.
         auto it = g_largeLive->find(reinterpret_cast<uintptr_t>(p));
-        if (it != g_largeLive->end()) {
+        if (it == g_largeLive->end()) return std::realloc(p, bytes ? bytes : 1);
+        usable = it->second.usable;
+        if (bytes <= usable && bytes >= usable / 2) return p;  // fits, and not much wasted
+#if defined(__linux__) && defined(MREMAP_MAYMOVE)
+        // The system moves or trims the pages themselves: no copy (a region's
+        // run store grows by doubling and is trimmed to its size at the end).
+        if (bytes <= SIZE_MAX - 2 * kPage) {
             const Mapping& m = it->second;
             const size_t mapped = (bytes + m.offset + kPage - 1) & ~(kPage - 1);
             void* base = mremap(m.base, m.mapped, mapped, MREMAP_MAYMOVE);
@@ -297,8 +285,8 @@ void* rawRealloc(void* p, size_t bytes) noexcept {
                 return q;
             }
         }
-    }
 #endif
+    }
     void* q = rawAlloc(bytes, false);
     if (!q) return nullptr;
     std::memcpy(q, p, std::min(bytes, usable));

@@ -266,14 +266,13 @@ int32_t ditherBlocks(Plan& p, BITMAPRECORD* run, BITMAPRECORD* src, BITMAPRECORD
             if (direct) {
                 srcRows[k] = src->pData + size_t(y0 + k) * p.srcBpl;
                 dstRows[k] = dst->pData + size_t(y0 + k) * p.dstBpl;
-                std::memset(dstRows[k], 0, p.dstBpl);
             } else {
                 rc = K_GetBitmapRow(src, in.data() + inBpl * size_t(k), y0 + k, p.srcBpl);
                 if (rc < 0) return rc;
                 srcRows[k] = in.data() + inBpl * size_t(k);
                 dstRows[k] = out.data() + outBpl * size_t(k);
-                std::memset(dstRows[k], 0, p.dstBpl);
             }
+            std::memset(dstRows[k], 0, p.dstBpl);
         }
         rc = ditherRows(run, srcRows, dstRows, n);
         if (rc != KS_SUCCESS) return rc;

@@ -1272,24 +1272,32 @@ DitherState* checkedRun(BITMAPRECORD* bm, int32_t& rc) {
 }
 
 // One row of the run (K_DitherLine after its checks).
+// A source row of a grey run as the 8-bit grey the kernels read: the row as
+// it is when the indices are the greys (each kernel reads pixel x before it
+// writes index x, so in place holds), else through the palette's grey table
+// or the converter into buf (room for the converter's work on a row).
+int32_t greyRow(const DitherState& s, const uint8_t* row, uint8_t* buf, const uint8_t** out) {
+    if (s.greyIsIndex) {
+        *out = row;
+        return KS_SUCCESS;
+    }
+    if (s.greyByLut) {
+        for (int x = 0; x < s.width; ++x) buf[x] = s.greyOfIndex[row[x]];
+    } else {
+        std::memcpy(buf, row, s.srcRowBytes);
+        int32_t r = convertBuffer(buf, s.width, s.srcBits, 0, s.srcOrder, ORDER_GRAY, s.srcPalette, nullptr, nullptr,
+                                  kConvertSrcRange | kConvertDstGray, s.lowBit, s.highBit, 0, nullptr);
+        if (r != KS_SUCCESS) return r;
+    }
+    *out = buf;
+    return KS_SUCCESS;
+}
+
 int32_t ditherOneRow(DitherState* s, const uint8_t* pSrcRow, uint8_t* pDstRow) {
     // Bring the row to 8-bit samples first: a failure leaves the run as it was.
     const uint8_t* src = pSrcRow;
     if (s->grey) {
-        if (s->greyIsIndex) {
-            // The indices are the greys: the kernels read the row as it is
-            // (each reads pixel x before it writes index x, so in place holds).
-        } else if (s->greyByLut) {
-            for (int x = 0; x < s->width; ++x) s->bgrRow[x] = s->greyOfIndex[pSrcRow[x]];
-            src = s->bgrRow;
-        } else {
-            std::memcpy(s->bgrRow, pSrcRow, s->srcRowBytes);
-            int32_t r = convertBuffer(s->bgrRow, s->width, s->srcBits, 0, s->srcOrder, ORDER_GRAY, s->srcPalette,
-                                      nullptr, nullptr, kConvertSrcRange | kConvertDstGray, s->lowBit, s->highBit,
-                                      0, nullptr);
-            if (r != KS_SUCCESS) return r;
-            src = s->bgrRow;
-        }
+        if (int32_t r = greyRow(*s, pSrcRow, s->bgrRow, &src); r != KS_SUCCESS) return r;
     } else if (s->unpack) {
         std::memcpy(s->bgrRow, pSrcRow, s->srcRowBytes);
         int32_t r = convertRowToBGR24(s->bgrRow, s->width, s->srcBits, s->srcOrder, s->srcPalette,
@@ -1326,24 +1334,11 @@ size_t waveGreyStride(const DitherState& s) {
     return std::max(convertBufferBytes(s.width, s.srcBits, 24), size_t(s.width) * 3);
 }
 
-// The rows of a block as 8-bit grey the kernels read: as they are, or
-// through the palette table or the converter into the block's grey rows.
+// The rows of a block as 8-bit grey, into the block's grey rows where needed.
 int32_t greyRowsOf(DitherState& s, const uint8_t* const* src, int rows, const uint8_t** out) {
     for (int k = 0; k < rows; ++k) {
-        if (s.greyIsIndex) {
-            out[k] = src[k];
-            continue;
-        }
-        uint8_t* g = s.waveGrey + size_t(k) * waveGreyStride(s);
-        if (s.greyByLut) {
-            for (int x = 0; x < s.width; ++x) g[x] = s.greyOfIndex[src[k][x]];
-        } else {
-            std::memcpy(g, src[k], s.srcRowBytes);
-            int32_t r = convertBuffer(g, s.width, s.srcBits, 0, s.srcOrder, ORDER_GRAY, s.srcPalette, nullptr,
-                                      nullptr, kConvertSrcRange | kConvertDstGray, s.lowBit, s.highBit, 0, nullptr);
-            if (r != KS_SUCCESS) return r;
-        }
-        out[k] = g;
+        uint8_t* buf = s.waveGrey ? s.waveGrey + size_t(k) * waveGreyStride(s) : nullptr;  // none: rows as they are
+        if (int32_t r = greyRow(s, src[k], buf, &out[k]); r != KS_SUCCESS) return r;
     }
     return KS_SUCCESS;
 }
