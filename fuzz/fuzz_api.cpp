@@ -1,23 +1,18 @@
 // fuzz_api.cpp - the exported functions as a hostile caller uses them.
 //
-// The input is a script: each step picks a family, a function of that family
-// and its arguments, over a small pool of bitmap records, regions, region
-// handles, global-memory blocks, lists, playbacks and buffers. Arguments come
-// from tables of hostile values (0, -1, INT_MIN, INT_MAX, huge sizes, wrong
-// size words, null pointers, older-layout records, foreign and freed handles)
-// or raw bytes.
+// The input is a script: each step picks an op and its arguments, over a small pool of bitmap records,
+// regions, region handles, global-memory blocks, lists, playbacks and buffers. Arguments come from tables
+// of hostile values (0, -1, INT_MIN, INT_MAX, huge sizes, wrong size words, null pointers, older-layout
+// records, foreign and freed handles) or raw bytes.
 //
-// The contract checked after every call (check()): a call given a record with
-// a size word of no layout fails; a failing call leaves every record it was
-// given exactly as it was (bytes and a digest of its rows); a record left
-// allocated passes validate(). After the script every object is freed, and
-// the live-block count and the conventional-memory counter are back.
+// The contract checked after every call (check()): a call given a record with a size word of no layout
+// fails; a failing call leaves every record it was given exactly as it was (bytes and a digest of its
+// rows); a record left allocated passes validate(). After the script every object is freed, and the
+// live-block count and the conventional-memory counter are back.
 //
-// Caps keep one bitmap small (a data size above 4 MiB is only ever requested
-// with memory types that cannot take tiles or disk, under an 8 MiB cap).
-// Extending: add an Op {name, fn} to its family's table (or a new table to
-// kFamilies); an op reads its arguments from the Ctx helpers and calls check()
-// around anything that takes records.
+// Caps keep one bitmap small (a data size above 4 MiB is only ever requested with memory types that
+// cannot take tiles or disk, under an 8 MiB cap). Extending: a call on one or two pool records whose
+// other arguments are plain values is one row of kRecordCalls; anything else is an op in kOps.
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -27,6 +22,7 @@
 #include <cwchar>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "krn/common/kernel.h"
 #include "krn/common/memory.h"
 #include "krn/common/settings.h"
@@ -56,11 +52,13 @@ const uint32_t kSizeWords[] = {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD, 0, 175,
 const uint32_t kMemTypes[] = {1, 1, 1, 4, 8, 9, 128, 256, 257, 260, 264, 265, 512, 768, 1024, 1025, 2, 0, 3, 6, 0xFFFFFFFFu};
 const uint64_t kSizes[] = {0, 1, 2, 3, 4, 16, 100, 4096, 0xFFFFFFFFull, 0x100000000ull, UINT64_MAX, UINT64_MAX / 2};
 
-struct Ctx {
-    const uint8_t* p;
-    size_t n, i = 0;
-    const char* op = "";
+uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
+    if (w <= 0 || h <= 0 || bpp <= 0) return 0;
+    return ((uint64_t(w) * uint64_t(bpp) + 31) / 32) * 4 * uint64_t(h);
+}
 
+struct Ctx : fuzzinput::Input {
+    const char* op = "";
     BITMAPRECORD bm[kSlots];
     std::vector<uint8_t> caller[kSlots];     // caller memory attached to a record
     std::vector<std::vector<uint8_t>> keep;  // caller memory handed over later, kept to the end
@@ -76,10 +74,18 @@ struct Ctx {
     HPLAYBACK play[kPlays] = {};  // may hold destroyed handles
     bool playLive[kPlays] = {};
     BITMAPRECORD target[kPlays] = {};  // the target of each live playback, which must outlive it
-    RECT rect{};
-    RGNXFORM xf;
-    int relabelled = -1;  // slot whose size word relabel() changed
+    int relabelled = -1;               // slot whose size word relabel() changed
     uint32_t relabelWord = 0, relabelTo = 0;
+    // Arguments a call reads or writes through a pointer.
+    RECT rect{}, box{};
+    RGNXFORM xf;
+    RGBQUAD pal[256];
+    BITMAPDATACALLBACKS cb;
+    uint32_t uo = 0;
+    int32_t io = 0, io2 = 0;
+    uint64_t area = 0;
+    uint8_t t8[256];
+    std::vector<uint16_t> t16;
 
     // A handle freed through a call that may also free the other kind.
     void forget(const void* h) {
@@ -92,36 +98,25 @@ struct Ctx {
         if (v && hrgnLive[h]) DeleteObject(hrgn[h]);
         if (v) hrgn[h] = v, hrgnLive[h] = true;
     }
+    bool isSlot(const BITMAPRECORD* r) const { return r >= bm && r < bm + kSlots; }
 
-    // The record of slot s shown with a size word of no layout until the
-    // current call is over. Left alone: records that hold something past the
-    // older layout (an older-layout call drops those fields, by design), and
-    // the words of a layout (an older-layout record shown as the current one
-    // would hand the library stale pointers; a current one shown in the older
-    // layout would keep a stale data size after a successful call).
+    // The record of slot s shown with a size word of no layout until the current call is over. Left
+    // alone: records that hold something past the older layout (an older-layout call drops those fields,
+    // by design), and the words of a layout (an older-layout record shown as the current one would hand
+    // the library stale pointers; a current one shown in the older layout would keep a stale data size
+    // after a successful call).
     void relabel(int s) {
         BITMAPRECORD* r = &bm[s];
         if (relabelled >= 0) return;
         if (r->pCallbacks || r->hListBlock || ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize)) return;
         const uint32_t to = pick(kSizeWords);
-        if (r->uStructSize != BITMAPRECORD_SIZE && to == BITMAPRECORD_SIZE) return;
-        if (krn::recordSizeValid(to)) return;
+        if ((r->uStructSize != BITMAPRECORD_SIZE && to == BITMAPRECORD_SIZE) || krn::recordSizeValid(to)) return;
         relabelled = s;
         relabelWord = r->uStructSize;
         r->uStructSize = relabelTo = to;
     }
 
-    // ---- input
-    bool more() const { return i < n; }
-    uint8_t byte() { return i < n ? p[i++] : 0; }
-    uint32_t u32() {
-        uint32_t v = 0;
-        for (int k = 0; k < 4; ++k) v |= uint32_t(byte()) << (8 * k);
-        return v;
-    }
-    template <class T, size_t N>
-    T pick(const T (&t)[N]) { return t[byte() % N]; }
-    // Mostly table values, sometimes a raw word.
+    // ---- values: mostly from the tables, sometimes a raw word
     int32_t i32() {
         const uint8_t b = byte();
         return b < 200 ? kI32[b % std::size(kI32)] : b < 240 ? int32_t(b) - 220 : int32_t(u32());
@@ -138,9 +133,39 @@ struct Ctx {
     // A small value below `lim` (picked with a byte below `cut`) or a hostile one.
     int32_t small(int32_t lim, uint8_t cut = 200) { return byte() < cut ? int32_t(byte() % lim) : i32(); }
     uint32_t usmall(uint32_t lim, uint8_t cut = 200) { return byte() < cut ? byte() % lim : u32v(); }
+    uint32_t byteOr32(uint8_t cut) { return byte() < cut ? byte() : u32v(); }
     uint32_t sizeWord(uint8_t cut) { return byte() < cut ? BITMAPRECORD_SIZE : pick(kSizeWords); }
     template <class T>
     T* orNull(T* v, uint8_t above = 240) { return byte() > above ? nullptr : v; }
+    uint32_t mode() { return usmall(7, 220); }
+    int32_t angle() { return byte() < 200 ? int32_t(u32() % 72001) - 36000 : i32(); }
+    uint32_t rotateFlags() { return byte() < 220 ? (uint32_t(byte()) & 0x3Bu) | (uint32_t(byte() % 4) << 8) : u32v(); }
+    uint32_t resizeFlags() { return byte() < 220 ? uint32_t(byte()) & 0x3Fu : u32v(); }
+    const RGBQUAD* fixedPal() { return byte() < 200 ? K_IntGetFixedPalette(8) : nullptr; }
+    // Small target sizes, or values every call must refuse.
+    int32_t targetDim() {
+        const uint8_t b = byte();
+        const int32_t bad[] = {0, -1, -7, INT32_MIN};
+        return b < 220 ? int32_t(b % 72) + 1 : bad[b % 4];
+    }
+    // A palette count: 1..256 or a hostile value (never more than the palette holds).
+    int32_t colours() {
+        const int32_t n = byte() < 220 ? int32_t(byte()) + 1 : i32();
+        return n > 256 ? 256 : n;
+    }
+    int32_t height(const BITMAPRECORD* r) {
+        const int32_t h = byte() < 128 ? int32_t(byte() % 70) : pick(kDims);
+        return r && isSlot(r) && plannedSize(r->nWidth, h, r->nBitsPerPixel) > kMaxData ? -1 : h;
+    }
+    BITMAPDATACALLBACKS* callbacks() {
+        cb = BITMAPDATACALLBACKS{};
+        cb.uStructSize = byte() < 200 ? BITMAPDATACALLBACKS_SIZE : u32v();
+        return &cb;
+    }
+    uint16_t* table16() {
+        t16.resize(65536);
+        return byte() & 1 ? t16.data() : nullptr;
+    }
 
     // ---- pool
     BITMAPRECORD* rec() {
@@ -179,7 +204,10 @@ struct Ctx {
         if (b & 0x10) xf = RGNXFORM{i32(), i32(), i32(), i32(), i32(), i32(), i32()};
         return &xf;
     }
-    void palette(RGBQUAD (&pal)[256]) { for (auto& q : pal) q = RGBQUAD{byte(), byte(), byte(), 0}; }
+    RGBQUAD* palette() {
+        for (auto& q : pal) q = RGBQUAD{byte(), byte(), byte(), 0};
+        return pal;
+    }
 };
 
 // ---------------------------------------------------------------- the contract
@@ -189,22 +217,19 @@ uint64_t fnv(uint64_t h, const void* p, size_t n) {
     return h;
 }
 
-bool isSlot(const Ctx& c, const BITMAPRECORD* r) { return r >= c.bm && r < c.bm + kSlots; }
-
-// Digest of a record's bytes and, when it is allocated, of its pixels read
-// through the row layer. The read itself must succeed for an allocated record.
+// Digest of a record's bytes and, when it is allocated, of its pixels read through the row layer. The
+// read itself must succeed for an allocated record.
 uint64_t digest(BITMAPRECORD* r, const char* op) {
     uint64_t h = fnv(0xcbf29ce484222325ull, r, sizeof *r);
     if (!(r->uFlags & BRF_ALLOCATED) || krn::checkAllocated(r) != KS_SUCCESS) return h;
     if ((r->uFlags & BRF_USER_MEMORY && !r->pData) || r->nBytesPerLine == 0 || r->nHeight <= 0) return h;
     const BITMAPRECORD before = *r;
     std::vector<uint8_t> row(r->nBytesPerLine);
-    // A bitmap of millions of rows (on disk, where the cap does not reach) is
-    // sampled: 4096 rows spread over it, the first and the last among them.
+    // A bitmap of millions of rows (on disk, where the cap does not reach) is sampled: 4096 rows spread
+    // over it, the first and the last among them.
     const int64_t rows = r->nHeight, step = rows > 4096 ? (rows + 4094) / 4095 : 1;
     for (int64_t yy = 0; yy < rows; yy = (yy + step < rows || yy == rows - 1) ? yy + step : rows - 1) {
-        const int32_t y = int32_t(yy);
-        const int32_t rc = K_GetBitmapRow(r, row.data(), y, r->nBytesPerLine);
+        const int32_t rc = K_GetBitmapRow(r, row.data(), int32_t(yy), r->nBytesPerLine);
         if (rc < 0) fail(op, "an allocated record's row cannot be read", rc);
         h = fnv(h, row.data(), row.size());
     }
@@ -212,8 +237,8 @@ uint64_t digest(BITMAPRECORD* r, const char* op) {
     return h;
 }
 
-// The validity checks of an allocated record (a size word the script broke
-// on purpose makes it unreadable; a height of 0 is reachable and valid).
+// The validity checks of an allocated record (a size word the script broke on purpose makes it
+// unreadable; a height of 0 is reachable and valid).
 void validate(BITMAPRECORD* r, const char* op) {
     if (!(r->uFlags & BRF_ALLOCATED) || !krn::recordSizeValid(r->uStructSize)) return;
     if (krn::checkAllocated(r) != KS_SUCCESS) fail(op, "allocated record fails the record check");
@@ -227,11 +252,10 @@ void validate(BITMAPRECORD* r, const char* op) {
     (void)digest(r, op);  // every row readable
 }
 
-// Runs one call that takes records: a negative status must leave them as they
-// were; a record left allocated must be valid. `outputs` marks (bit k)
-// records the call makes afresh (their size word is an argument or written by
-// the call); any other record given with a size word of no layout must make
-// the call fail (-789 or an earlier refusal).
+// Runs one call that takes records: a negative status must leave them as they were; a record left
+// allocated must be valid. `outputs` marks (bit k) records the call makes afresh (their size word is an
+// argument or written by the call); any other record given with a size word of no layout must make the
+// call fail (-789 or an earlier refusal).
 template <class F>
 int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint32_t outputs = 0) {
     bool badSize = false;
@@ -240,14 +264,14 @@ int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint3
     size_t k = 0;
     for (BITMAPRECORD* r : recs) {
         if (r && !(outputs >> k & 1) && !krn::recordSizeValid(r->uStructSize)) badSize = true;
-        if (r && isSlot(c, r)) copy[k] = *r, before[k] = digest(r, c.op);
+        if (r && c.isSlot(r)) copy[k] = *r, before[k] = digest(r, c.op);
         ++k;
     }
     const int64_t rc = call();
     if (badSize && rc > 0) fail(c.op, "a record with a bad size word was accepted", rc);
     k = 0;
     for (BITMAPRECORD* r : recs) {
-        if (r && isSlot(c, r)) {
+        if (r && c.isSlot(r)) {
             if (rc < 0 && std::memcmp(&copy[k], r, sizeof *r) != 0) fail(c.op, "a failing call changed its record", rc);
             if (rc < 0 && digest(r, c.op) != before[k]) fail(c.op, "a failing call changed the pixels", rc);
             validate(r, c.op);
@@ -257,43 +281,111 @@ int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint3
     return rc;
 }
 
-// One record picked, one call on it.
-template <auto F>
-void on1(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    check(c, {r}, [&] { return F(r); });
-}
-
-// A freed or never-allocated slot is re-initialised so that later calls can
-// allocate it; an allocated one is freed.
+// A freed or never-allocated slot is re-initialised so that later calls can allocate it; an allocated
+// one is freed.
 void freeSlot(Ctx& c, int s) {
     BITMAPRECORD& r = c.bm[s];
-    if (c.relabelled == s && r.uStructSize == c.relabelTo) {
-        r.uStructSize = c.relabelWord;
-        c.relabelled = -1;
-    }
+    if (c.relabelled == s && r.uStructSize == c.relabelTo) r.uStructSize = c.relabelWord, c.relabelled = -1;
     while ((r.uFlags & BRF_ALLOCATED) && krn::isCurrentLayout(&r) && r.nLockCount > 0) K_ReleaseBitmap(&r);
     // Also frees what an unallocated record owns (region, palette, callbacks).
     if (K_FreeBitmap(&r) != KS_SUCCESS) fail("cleanup", "K_FreeBitmap failed");
     if (r.uFlags & BRF_ALLOCATED) fail("cleanup", "record still allocated after K_FreeBitmap");
     c.caller[s].clear();
 }
-// A pool record made afresh: a slot that owns something is freed first (the
-// call would drop it, a caller's fault), the garbage record's attachments too.
+// A pool record made afresh: a slot that owns something is freed first (the call would drop it, a
+// caller's fault), the garbage record's attachments too.
 void fresh(Ctx& c, BITMAPRECORD* r) {
-    if (r && isSlot(c, r)) freeSlot(c, int(r - c.bm));
+    if (r && c.isSlot(r)) freeSlot(c, int(r - c.bm));
     if (r == &c.foreign) K_FreeBitmap(r);
+}
+// A record a call makes afresh (a copy's destination) is output only: the slot is freed first unless it
+// is also the source; the garbage record is not used.
+BITMAPRECORD* outRec(Ctx& c, BITMAPRECORD* src) {
+    BITMAPRECORD* d = c.rec();
+    if (d && d != src && c.isSlot(d)) freeSlot(c, int(d - c.bm));
+    return d == &c.foreign ? nullptr : d;
+}
+// A call from s into d (a fresh record, or s itself: in place, or null where the call allows it).
+template <class F>
+void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
+    check(c, {s, d}, [&] { return call(d); }, d && d != s ? 2u : 0u);
+}
+
+// ---------------------------------------------------------------- calls on pool records and values
+// One row per export: the call text names it. r is the record picked for the call, s a second one (two
+// in CALL2 rows); the other arguments come from the Ctx helpers. A guarded row returns 0 (no call) where
+// the call would be the caller's fault.
+struct RecordCall {
+    const char* name;
+    int64_t (*fn)(Ctx&, BITMAPRECORD*, BITMAPRECORD*);
+    bool two;
+};
+#define CALL_(two, ...) \
+    {#__VA_ARGS__, [](Ctx& c, BITMAPRECORD* r, BITMAPRECORD* s) -> int64_t { return (void)c, (void)r, (void)s, __VA_ARGS__; }, two}
+#define CALL(...) CALL_(false, __VA_ARGS__)
+#define CALL2(...) CALL_(true, __VA_ARGS__)
+const RecordCall kRecordCalls[] = {
+    // record and memory (disk kinds on a large record would write files)
+    CALL(K_AccessBitmap(r)), CALL(K_ReleaseBitmap(r)), CALL(K_ChangeBitmapHeight(r, c.height(r))),
+    CALL(K_ToggleBitmapCompression(r)), CALL(K_ChangeBitmapCompression(r, c.i32())),
+    CALL(K_GetBitmapMemoryInfo(r, c.orNull(&c.uo, 127), c.orNull(&c.area, 127), c.orNull(&c.io, 127), c.orNull(&c.io2, 127))),
+    CALL(K_SetBitmapMemoryInfo(r, r && krn::dataSize(r) > kMaxData ? (c.byte(), 1u) : c.pick(kMemTypes), c.size64())),
+    CALL(K_GetBitmapDataCallbacks(r, c.orNull(c.callbacks()))),
+    CALL(K_SetBitmapDataCallbacks(r, c.orNull(c.callbacks(), 200))),
+    // pixels and palettes
+    CALL(K_FillBitmap(r, c.u32v())), CALL(K_FillBitmap2(r, uint64_t(c.u32()) << 32 | c.u32())), CALL(K_ClearBitmap(r)),
+    CALL(K_CreateBitmapFixedPalette(r)), CALL(K_CreateBitmapGrayPalette(r)), CALL(K_IntIsGrayScaleBitmap(r)),
+    CALL(K_GetTrueColorValue(r, c.u32v(), c.orNull(&c.uo))), CALL2(K_CopyBitmapPalette(r, s)),
+    CALL2(K_TranslateBitmapColor(r, s, c.u32v(), c.orNull(&c.uo))),
+    CALL(K_StartDithering(r, c.fixedPal(), c.byteOr32(200))), CALL(K_StopDithering(r)),
+    CALL(K_StartDitheringExt(r, c.fixedPal(), c.byteOr32(200), c.pick(kDepths), nullptr)),
+    // regions
+    CALL(K_SetBitmapRgnRect(r, c.xform(), c.rectp(), c.mode())),
+    CALL(K_SetBitmapRgnEllipse(r, c.xform(), c.rectp(), c.mode())),
+    CALL(K_SetBitmapRgnHandle(r, c.xform(), c.handle(), c.mode())), CALL(K_SetBitmapRgnColor(r, c.u32v(), c.mode())),
+    CALL2(K_SetBitmapRgnFromMask(r, c.xform(), s, c.mode())), CALL(K_BitmapHasRgn(r)),
+    CALL(K_GetBitmapRgnArea(r, c.orNull(&c.area))), CALL(K_GetBitmapRgnBounds(r, c.xform(), c.orNull(&c.box))),
+    CALL(K_IsPtInBitmapRgn(r, c.coord(), c.coord())), CALL(K_OffsetBitmapRgn(r, c.i32(), c.i32())),
+    CALL(K_SizeBitmapRgn(r, c.i32(), c.i32())), CALL(K_FlipBitmapRgn(r)), CALL(K_ReverseBitmapRgn(r)),
+    CALL(K_FreeBitmapRgn(r)),
+    // The destination's region pointer is cleared without being freed (destinations come without one).
+    CALL2(r && r->hRgn ? 0 : K_CopyBitmapRgn(r, s, c.i32(), c.i32())),
+    // orientation and transforms
+    CALL(K_FlipBitmap(r)), CALL(K_ReverseBitmap(r)), CALL(K_IntFlipBitmap(r)), CALL(K_IntReverseBitmap(r)),
+    CALL(K_FlipBitmapViewPerspective(r)), CALL(K_ReverseBitmapViewPerspective(r)),
+    CALL(K_RotateBitmapViewPerspective(r, c.byte() < 200 ? int32_t(c.byte() % 4) * 90 : c.i32())),
+    CALL(K_RotateBitmap90(r, c.byte() & 1, c.small(101), c.small(101))),
+    CALL(K_RotateBitmap(r, c.angle(), c.rotateFlags(), c.u32v())),
+    CALL(K_ShearBitmap(r, c.angle() % 9000, c.rotateFlags(), c.u32v())),
+    CALL(K_TrimBitmap(r, c.coord(), c.coord(), uint32_t(c.targetDim()), uint32_t(c.targetDim()))),
+    CALL(K_ClearNegativePixels(r)), CALL2(K_CopyBitmapData(r, s)),
+    CALL2(K_CombineBitmapKrn(r, c.coord(), c.coord(), c.coord(), c.coord(), s, c.coord(), c.coord(),
+                             c.byte() < 230 ? uint32_t(c.u32() & 0xFFFFu) : c.u32v())),
+    CALL(K_SizeBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
+    CALL(K_ResampleBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
+    CALL(K_BicubicResampleBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
+    // colour and display
+    CALL(K_GrayScaleBitmap(r, c.pick(kDepths))),
+    CALL(K_CreateBitmapOptPal(r, c.palette(), c.colours(), c.small(8, 220), c.u32v(), &c.io)),
+    CALL(K_SetPaintIntensity(r, c.i32())), CALL(K_SetPaintContrast(r, c.i32())), CALL(K_SetPaintGamma(r, c.i32())),
+};
+#undef CALL_
+#undef CALL
+#undef CALL2
+
+void opRecordCall(Ctx& c) {
+    const RecordCall& k = c.pick(kRecordCalls);
+    BITMAPRECORD* r = c.rec();
+    BITMAPRECORD* s = k.two ? c.rec() : nullptr;
+    c.op = k.name;
+    check(c, {r, s}, [&] { return k.fn(c, r, s); });
 }
 
 bool isStatus(int64_t rc) { return rc == KS_SUCCESS || rc <= 0 || rc == 2; }
 
-// ---------------------------------------------------------------- family: record and memory
-uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
-    if (w <= 0 || h <= 0 || bpp <= 0) return 0;
-    return ((uint64_t(w) * uint64_t(bpp) + 31) / 32) * 4 * uint64_t(h);
-}
-// Keeps the script's allocations small: a large image may only be asked for
-// with types that cannot spill to tiles or disk (and the cap refuses it).
+// ---------------------------------------------------------------- record and memory
+// Keeps the script's allocations small: a large image may only be asked for with types that cannot
+// spill to tiles or disk (and the cap refuses it).
 uint32_t safeType(uint32_t t, int32_t w, int32_t h, int32_t bpp) { return plannedSize(w, h, bpp) > kMaxData ? 265 : t; }
 
 void opInit(Ctx& c) {
@@ -318,9 +410,9 @@ void opCreate(Ctx& c) {
     uint8_t* data = nullptr;
     uint64_t have = 0;
     if (t == 2) {  // caller memory of the planned size or a hostile one
-        auto& mem = c.caller[r && isSlot(c, r) ? r - c.bm : 0];
+        auto& mem = c.caller[r && c.isSlot(r) ? r - c.bm : 0];
         have = c.byte() & 1 ? plannedSize(w, h, b) : c.size64() % (kMaxData + 1);
-        if (!r || !isSlot(c, r) || have > kMaxData) return;
+        if (!r || !c.isSlot(r) || have > kMaxData) return;
         if (!mem.empty()) c.keep.push_back(std::move(mem));  // the record may still point there
         mem.assign(size_t(have), 0x5A);
         data = mem.empty() ? nullptr : mem.data();
@@ -339,21 +431,15 @@ void opFree(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     if (r == &c.foreign) return;  // garbage bytes: freeing them is the caller's fault
     const int64_t rc = K_FreeBitmap(r);
-    if (!r || !isSlot(c, r)) return;
+    if (!r || !c.isSlot(r)) return;
     if (rc < 0 && krn::recordSizeValid(r->uStructSize) && (r->uFlags & BRF_ALLOCATED) &&
         !(krn::isCurrentLayout(r) && r->nLockCount > 0))
         fail(c.op, "free of an allocated record failed", rc);
     if (!(r->uFlags & BRF_ALLOCATED)) c.caller[r - c.bm].clear();
 }
-void opChangeHeight(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    int32_t h = c.byte() < 128 ? int32_t(c.byte() % 70) : c.pick(kDims);
-    if (r && isSlot(c, r) && plannedSize(r->nWidth, h, r->nBitsPerPixel) > kMaxData) h = -1;
-    check(c, {r}, [&] { return K_ChangeBitmapHeight(r, h); });
-}
 void opSetDataPointer(Ctx& c) {
     BITMAPRECORD* r = c.rec();
-    if (!r || !isSlot(c, r)) return;
+    if (!r || !c.isSlot(r)) return;
     const uint64_t want = c.size64();
     std::vector<uint8_t> mem(size_t(want % (kMaxData + 1)), 0x33);
     const bool nullData = c.byte() > 230;
@@ -368,49 +454,22 @@ void opIntAccessRelease(Ctx& c) {
     // The release hands back the status it is given (after releasing): not a failing call when negative.
     if (check(c, {r}, [&] { return K_IntAccessBitmap(r, nullOut ? nullptr : &accessed); }) != KS_SUCCESS) return;
     K_IntReleaseBitmap(r, accessed, status);
-    if (isSlot(c, r)) validate(r, c.op);
-}
-void opMemoryInfo(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    uint32_t t;
-    uint64_t ts;
-    int32_t count, disk;
-    const uint8_t m = c.byte();
-    check(c, {r}, [&] {
-        return K_GetBitmapMemoryInfo(r, m & 1 ? &t : nullptr, m & 2 ? &ts : nullptr, m & 4 ? &count : nullptr,
-                                     m & 8 ? &disk : nullptr);
-    });
-}
-void opSetMemoryInfo(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    uint32_t t = c.pick(kMemTypes);
-    const uint64_t ts = c.size64();
-    if (r && krn::dataSize(r) > kMaxData) t = 1;  // disk kinds on a large record would write files
-    check(c, {r}, [&] { return K_SetBitmapMemoryInfo(r, t, ts); });
-}
-void opCompression(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    const int32_t mode = c.i32();
-    if (c.byte() & 1) check(c, {r}, [&] { return K_ChangeBitmapCompression(r, mode); });
-    else check(c, {r}, [&] { return K_ToggleBitmapCompression(r); });
+    if (c.isSlot(r)) validate(r, c.op);
 }
 // The same record shown with a broken size word to the next call (put back after it).
 void opRelabel(Ctx& c) { c.relabel(c.slot()); }
-void opManageMemory(Ctx& c) {
+void opMemorySettings(Ctx& c) {
     const int32_t cmd = c.byte() % 8 - 1;
-    int64_t v = int64_t(c.size64());
-    if (c.byte() & 1) v = -v;
+    const int64_t v = int64_t(c.size64()) * (c.byte() & 1 ? -1 : 1);
     int64_t out = 0;
     const bool nullOut = c.byte() > 220;
-    if (cmd == MANAGEMEMORY_RESERVE || cmd == MANAGEMEMORY_RELEASE) return;  // would move the counter
-    const int64_t rc = K_ManageMemory(cmd, v, nullOut ? nullptr : &out);
-    if (!isStatus(rc)) fail(c.op, "odd status", rc);
-    K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);  // the script's cap stays
-}
-void opThresholds(Ctx& c) {
+    // (Reserving and releasing would move the counter.)
+    if (cmd != MANAGEMEMORY_RESERVE && cmd != MANAGEMEMORY_RELEASE) {
+        if (const int64_t rc = K_ManageMemory(cmd, v, nullOut ? nullptr : &out); !isStatus(rc)) fail(c.op, "odd status", rc);
+        K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);  // the script's cap stays
+    }
     const int32_t a = c.i32(), b = c.i32(), t = c.i32(), d = c.i32(), e = c.i32();
-    const uint32_t f = c.u32v();
-    K_SetMemoryThresholds(a, b, t, d, e, f);
+    K_SetMemoryThresholds(a, b, t, d, e, c.u32v());
     int32_t o[5];
     const uint8_t m = c.byte();
     K_GetMemoryThresholds(m & 1 ? &o[0] : nullptr, m & 2 ? &o[1] : nullptr, m & 4 ? &o[2] : nullptr,
@@ -421,15 +480,8 @@ void opThresholds(Ctx& c) {
     g.uStructSize = c.byte() < 200 ? GLOBALMEMORYTHRESHOLDS_SIZE : c.u32v();
     K_SetGlobalMemoryThresholds(c.orNull(&g));
 }
-void opDataCallbacks(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    BITMAPDATACALLBACKS cb{};
-    cb.uStructSize = c.byte() < 200 ? BITMAPDATACALLBACKS_SIZE : c.u32v();
-    if (c.byte() & 1) check(c, {r}, [&] { return K_GetBitmapDataCallbacks(r, c.orNull(&cb)); });
-    else check(c, {r}, [&] { return K_SetBitmapDataCallbacks(r, c.orNull(&cb, 200)); });
-}
 
-// ---------------------------------------------------------------- family: rows
+// ---------------------------------------------------------------- rows, palettes, conversion
 void opRows(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     size_t size;
@@ -454,14 +506,14 @@ void opRows(Ctx& c) {
             break;
         }
         default: {
-            // The compressed forms: work and run buffers sized by the caller for
-            // nPixels (runs take at most 2 bytes per pixel + 4).
+            // The compressed forms: work and run buffers sized by the caller for nPixels (runs take at most
+            // 2 bytes per pixel + 4).
             const int32_t pixels = c.byte() < 200 ? int32_t(c.byte()) : c.i32();
             if (!b || pixels < 0 || uint64_t(pixels) / 8 + 1 > size || uint64_t(pixels) * 2 + 8 > kBuf) return;
             std::vector<uint8_t> runs(size_t(pixels) * 2 + 8);
-            // The work buffer holds one row of the record (the caller's duty); a
-            // record the script cannot size gets none (the library makes its own).
-            const bool sized = r && isSlot(c, r) && (r->uFlags & BRF_ALLOCATED);
+            // The work buffer holds one row of the record (the caller's duty); a record the script cannot
+            // size gets none (the library makes its own).
+            const bool sized = r && c.isSlot(r) && (r->uFlags & BRF_ALLOCATED);
             std::vector<uint8_t> work(std::max<size_t>(size_t(pixels) / 8 + 8, sized ? r->nBytesPerLine : 0));
             uint8_t* const wp = sized || !r ? work.data() : nullptr;
             uint8_t* const rp = runs.data();
@@ -474,15 +526,6 @@ void opRows(Ctx& c) {
             else check(c, {r}, [&] { return K_GetBitmapRowCompressed(r, wp, rp, row, pixels); });
         }
     }
-}
-void opFill(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    const uint8_t which = c.byte() % 3;
-    const uint32_t colour = c.u32v();
-    const uint64_t raw = uint64_t(c.u32()) << 32 | c.u32();
-    if (which == 0) check(c, {r}, [&] { return K_FillBitmap(r, colour); });
-    else if (which == 1) check(c, {r}, [&] { return K_FillBitmap2(r, raw); });
-    else check(c, {r}, [&] { return K_ClearBitmap(r); });
 }
 void opRuns(Ctx& c) {
     // The compressed-row helpers on caller buffers sized for their pixels.
@@ -499,38 +542,24 @@ void opRuns(Ctx& c) {
     if (len > int32_t(runs.size())) fail(c.op, "compressed row longer than its bound", len);
     if (len >= 0) K_ExpandRow(runs.data(), dst.data(), first, pixels);
 }
-
-// ---------------------------------------------------------------- family: palettes
 void opPalette(Ctx& c) {
     BITMAPRECORD* r = c.rec();
-    BITMAPRECORD* s = c.rec();
-    RGBQUAD pal[256];
-    c.palette(pal);
+    RGBQUAD* pal = c.palette();
     const int32_t n = c.small(257), index = c.small(260);
-    const bool nullPal = c.byte() > 230;
-    RGBQUAD* pp = nullPal ? nullptr : pal;
+    RGBQUAD* pp = c.byte() > 230 ? nullptr : pal;
     if (n > 256 || (index >= 0 && n >= 0 && int64_t(index) + n > 256 && c.byte() < 250)) return;
-    uint32_t u = 0;
     int32_t count = 0;
-    switch (c.byte() % 11) {
+    switch (c.byte() % 4) {
         case 0: check(c, {r}, [&] { return K_SetBitmapPalette(r, pp, n); }); break;
-        case 1: check(c, {r, s}, [&] { return K_CopyBitmapPalette(r, s); }); break;
-        case 2: check(c, {r}, [&] { return K_CreateBitmapFixedPalette(r); }); break;
-        case 3: check(c, {r}, [&] { return K_CreateBitmapGrayPalette(r); }); break;
-        case 4: check(c, {r}, [&] { return K_GetBitmapColors(r, index, n, pp); }); break;
-        case 5: check(c, {r}, [&] { return K_PutBitmapColors(r, index, n, pp); }); break;
-        case 6: check(c, {r}, [&] { return K_CompareBitmapToPalette(r, pp, n); }); break;
-        case 7: check(c, {r}, [&] { return K_GetTrueColorValue(r, c.u32v(), c.orNull(&u)); }); break;
-        case 8: check(c, {r, s}, [&] { return K_TranslateBitmapColor(r, s, c.u32v(), c.orNull(&u)); }); break;
-        case 9: check(c, {r}, [&] { return K_GetBitmapPaletteEntries(r, pp, n < 0 ? n : std::min(n, 256), &count); }); break;
-        default: check(c, {r}, [&] { return K_IntIsGrayScaleBitmap(r); }); break;
+        case 1: check(c, {r}, [&] { return K_GetBitmapColors(r, index, n, pp); }); break;
+        case 2: check(c, {r}, [&] { return K_PutBitmapColors(r, index, n, pp); }); break;
+        default: check(c, {r}, [&] { return K_CompareBitmapToPalette(r, pp, n); });
     }
+    check(c, {r}, [&] { return K_GetBitmapPaletteEntries(r, pp, n, &count); });
 }
 void opPaletteHelpers(Ctx& c) {
-    RGBQUAD pal[256];
-    c.palette(pal);
-    const int32_t bits = c.pick(kDepths);
-    const int32_t n = c.small(257, 220);
+    RGBQUAD* pal = c.palette();
+    const int32_t bits = c.pick(kDepths), n = c.small(257, 220);
     RGBQUAD* const pp = c.byte() > 230 ? nullptr : pal;
     if (n > 256) return;
     switch (c.byte() % 8) {
@@ -551,8 +580,6 @@ void opPaletteHelpers(Ctx& c) {
             K_FreeUserMatchTable(nullptr);
     }
 }
-
-// ---------------------------------------------------------------- family: conversion and dithering
 void opConvert(Ctx& c) {
     size_t size;
     uint8_t* b = c.buffer(&size);
@@ -561,8 +588,8 @@ void opConvert(Ctx& c) {
     const int32_t os = c.byte() % 9 - 1, od = c.byte() % 9 - 1;
     const uint32_t flags = c.byte() < 200 ? 0 : c.u32v();
     const int32_t lo = c.byte() % 20 - 2, hi = c.byte() % 20 - 2;
-    // The buffer must hold the wider of the two rows: the caller's duty.
-    // (0 also answers a row beyond 32 bits: such a width is no buffer's.)
+    // The buffer must hold the wider of the two rows: the caller's duty. (0 also answers a row beyond 32
+    // bits: such a width is no buffer's.)
     const uint32_t need = K_CalcConvertSize(w, bs, w, bd);
     if (!b || need > size || (need == 0 && w > 0)) {
         K_CalcConvertSize(c.i32(), c.i32(), c.i32(), c.i32());
@@ -572,30 +599,20 @@ void opConvert(Ctx& c) {
     if (c.byte() & 1) K_ConvertBuffer(b, w, bs, bd, os, od, nullptr, c.byte() & 1 ? fixed : nullptr);
     else K_ConvertBufferExt(b, w, bs, bd, os, od, fixed, nullptr, flags, lo, hi);
 }
-void opDither(Ctx& c) {
+void opDitherLine(Ctx& c) {
+    // Rows of the record's width in 24 bits in and in its depth out.
     BITMAPRECORD* r = c.rec();
-    const uint8_t which = c.byte() % 4;
-    const RGBQUAD* pal = c.byte() < 200 ? K_IntGetFixedPalette(8) : nullptr;
-    const uint32_t colours = c.byte() < 200 ? c.byte() : c.u32v();
-    if (which == 0) {
-        check(c, {r}, [&] { return K_StartDithering(r, pal, colours); });
-    } else if (which == 1) {
-        check(c, {r}, [&] { return K_StartDitheringExt(r, pal, colours, c.pick(kDepths), nullptr); });
-    } else if (which == 2) {
-        // Rows of the record's width in 24 bits in and in its depth out.
-        if (!r || !isSlot(c, r) || r->nWidth <= 0 || r->nWidth > 1000) return;
+    if (r && c.isSlot(r) && r->nWidth > 0 && r->nWidth <= 1000) {
         std::vector<uint8_t> in(size_t(r->nWidth) * 8 + 16, 0x77), out(size_t(r->nWidth) * 8 + 16);
         check(c, {r}, [&] { return K_DitherLine(r, in.data(), out.data()); });
-    } else {
-        check(c, {r}, [&] { return K_StopDithering(r); });
     }
     K_DefaultDithering(c.small(8));
     K_GetDefaultDithering();
 }
 
-// ---------------------------------------------------------------- family: regions
-// A region a call made (into *out) goes to the slot (the slot's earlier one is
-// deleted). *out is read here, after the call: never pass it by value.
+// ---------------------------------------------------------------- regions
+// A region a call made (into *out) goes to the slot (the slot's earlier one is deleted). *out is read
+// here, after the call: never pass it by value.
 void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn** out) {
     if (rc < 0 || !*out) return;
     if (*slot) K_DeleteOrvaRgn(*slot);
@@ -607,7 +624,6 @@ void opOrvaRgn(Ctx& c) {
     POINT pts[8];
     uint8_t flags[8];
     int32_t x1, x2, count;
-    RECT box;
     switch (c.byte() % 9) {
         case 0:
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
@@ -623,7 +639,7 @@ void opOrvaRgn(Ctx& c) {
             a = c.rgnOrNull(), b = c.rgnOrNull();
             keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out);
             break;
-        case 4: K_IsPtInOrvaRgn(*slot, c.coord(), c.coord(), &x1, &x2), K_GetOrvaRgnBounds(*slot, c.orNull(&box)); break;
+        case 4: K_IsPtInOrvaRgn(*slot, c.coord(), c.coord(), &x1, &x2), K_GetOrvaRgnBounds(*slot, c.orNull(&c.box)); break;
         case 5: K_ClipOrvaRgnRect(*slot, c.rectp()); break;
         case 6: K_ScaleOrvaRgn(*slot, c.i32(), c.i32(), c.i32(), c.i32()); break;
         case 7:
@@ -640,7 +656,6 @@ void opOrvaRgn(Ctx& c) {
 void opHrgn(Ctx& c) {
     const int h = c.byte() % kHandles, which = c.byte() % 12;
     POINT pts[8];
-    RECT box;
     HRGN v = nullptr;
     uint8_t out[64];
     int32_t count;
@@ -655,7 +670,7 @@ void opHrgn(Ctx& c) {
             break;
         case 3: CombineRgn(c.handle(), c.handle(), c.handle(), c.byte() % 8 - 1); break;
         case 4: OffsetRgn(c.handle(), c.i32(), c.i32()); break;
-        case 5: GetRgnBox(c.handle(), c.orNull(&box)), PtInRegion(c.handle(), c.coord(), c.coord()); break;
+        case 5: GetRgnBox(c.handle(), c.orNull(&c.box)), PtInRegion(c.handle(), c.coord(), c.coord()); break;
         case 6: {
             // Region data out and back in through ExtCreateRegion.
             HRGN src = c.handle();
@@ -677,8 +692,8 @@ void opHrgn(Ctx& c) {
             if (K_WinCreateRectRgn(c.orNull(&v), c.coord(), c.coord(), c.coord(), c.coord()) == KS_SUCCESS) c.putHrgn(h, v);
             break;
         default:
-            // Deletes (emulated and kernel form): a live handle must go (its value
-            // stays, a freed handle from now on), any other is looked up.
+            // Deletes (emulated and kernel form): a live handle must go (its value stays, a freed handle
+            // from now on), any other is looked up.
             if (c.hrgnLive[h] && !del(c.hrgn[h])) fail(c.op, "delete of a live region failed");
             if (c.hrgnLive[h]) c.hrgnLive[h] = false;
             else if (HRGN g = c.handle(); del(g)) c.forget(g);
@@ -687,40 +702,24 @@ void opHrgn(Ctx& c) {
 void opBitmapRgn(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const RGNXFORM* xf = c.xform();
-    const uint32_t mode = c.usmall(7, 220);
+    const uint32_t mode = c.mode();
     OrvaRgn** slot;
     OrvaRgn* g;
     POINT pts[8];
     BITMAPRECORD* m;
-    uint64_t area;
-    RECT box;
     HRGN v = nullptr;
     uint32_t count, mx = 0;
     int32_t need = 0;
-    switch (c.byte() % 16) {
+    switch (c.byte() % 6) {
         case 0:  // ownership passes to the call (freed also on failure)
             slot = c.rgnSlot(), g = *slot, *slot = nullptr;
             check(c, {r}, [&] { return K_SetBitmapRgn(r, xf, g, mode); });
             break;
-        case 1: check(c, {r}, [&] { return K_SetBitmapRgnRect(r, xf, c.rectp(), mode); }); break;
-        case 2: check(c, {r}, [&] { return K_SetBitmapRgnEllipse(r, xf, c.rectp(), mode); }); break;
-        case 3:
+        case 1:
             for (auto& q : pts) q = POINT{c.coord(), c.coord()};
             if ((count = c.usmall(9, 220)) <= 8) check(c, {r}, [&] { return K_SetBitmapRgnPolygon(r, xf, pts, count, c.byte() % 4, mode); });
             break;
-        case 4: check(c, {r}, [&] { return K_SetBitmapRgnHandle(r, xf, c.handle(), mode); }); break;
-        case 5:
-            m = c.rec();
-            check(c, {r, m}, [&] { return K_SetBitmapRgnFromMask(r, xf, m, mode); });
-            break;
-        case 6: check(c, {r}, [&] { return K_SetBitmapRgnColor(r, c.u32v(), mode); }); break;
-        case 7:
-            check(c, {r}, [&] { return K_BitmapHasRgn(r); });
-            check(c, {r}, [&] { return K_GetBitmapRgnArea(r, c.orNull(&area)); });
-            check(c, {r}, [&] { return K_GetBitmapRgnBounds(r, xf, c.orNull(&box)); });
-            check(c, {r}, [&] { return K_IsPtInBitmapRgn(r, c.coord(), c.coord()); });
-            break;
-        case 8: {
+        case 2: {
             check(c, {r}, [&] { return K_GetBitmapClipSegmentsMax(r, &mx); });
             std::vector<int32_t> seg(size_t(std::min<uint32_t>(mx, 4096)) * 2 + 2);
             count = uint32_t(seg.size() / 2);
@@ -728,57 +727,41 @@ void opBitmapRgn(Ctx& c) {
             check(c, {r}, [&] { return K_GetBitmapClipSegments(r, c.coord(), seg.data(), &count); });
             break;
         }
-        case 9: check(c, {r}, [&] { return K_OffsetBitmapRgn(r, c.i32(), c.i32()); }); break;
-        case 10: check(c, {r}, [&] { return K_SizeBitmapRgn(r, c.i32(), c.i32()); }); break;
-        case 11:
-            if (c.byte() & 1) check(c, {r}, [&] { return K_FlipBitmapRgn(r); });
-            else check(c, {r}, [&] { return K_ReverseBitmapRgn(r); });
-            break;
-        case 12:
+        case 3:
             if (check(c, {r}, [&] { return K_GetBitmapRgnHandle(r, xf, c.orNull(&v)); }) == KS_SUCCESS && v)
                 c.putHrgn(c.byte() % kHandles, v);
             break;
-        case 13: {
+        case 4: {
             check(c, {r}, [&] { need = K_GetBitmapRgnData(r, xf, 0, nullptr); return int64_t(0); });
             if (need <= 0 || need > int32_t(kBuf) * 8) return;
             std::vector<uint8_t> data(static_cast<size_t>(need));
-            const auto* rd = reinterpret_cast<RGNDATA*>(data.data());
+            auto* rd = reinterpret_cast<RGNDATA*>(data.data());
             const int32_t given = c.byte() < 220 ? need : int32_t(c.u32v() % uint32_t(need + 1));
-            check(c, {r}, [&] { return K_GetBitmapRgnData(r, xf, given, reinterpret_cast<RGNDATA*>(data.data())); });
+            check(c, {r}, [&] { return K_GetBitmapRgnData(r, xf, given, rd); });
             BITMAPRECORD* d = c.rec();
             const int32_t back = c.byte() < 220 ? need : c.i32();
             if (back <= need) check(c, {d}, [&] { return K_SetBitmapRgnData(d, xf, back, rd, mode); });
             break;
         }
-        case 14:
+        default:
             // The mask record is made afresh. (A mask as large as a huge source would only slow the run down.)
             m = c.rec();
             if (m == r || (r && plannedSize(r->nWidth, r->nHeight, 1) > kMaxData)) return;
             fresh(c, m);
             count = c.sizeWord(200);
             check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, count); }, 2);
-            break;
-        default:
-            // The destination's region pointer is cleared without being freed
-            // (destinations come without one): a caller's duty.
-            m = c.rec();
-            if (r && r->hRgn) return;
-            check(c, {r, m}, [&] { return K_CopyBitmapRgn(r, m, c.i32(), c.i32()); });
-            if (c.byte() & 1) check(c, {r}, [&] { return K_FreeBitmapRgn(r); });
     }
 }
 
-// ---------------------------------------------------------------- family: view perspective and rectangles
+// ---------------------------------------------------------------- view perspective, rectangles, services
 void opViewPerspective(Ctx& c) {
     BITMAPRECORD* r = c.rec();
-    const int32_t from = c.small(10), to = c.small(10);
-    const int32_t w = c.i32(), h = c.i32();
+    const int32_t from = c.small(10), to = c.small(10), w = c.i32(), h = c.i32();
     RECT* rp = c.rectp();
-    int32_t x = c.coord(), y = c.coord();
+    int32_t x = c.coord(), y = c.coord(), f, a;
     const RECT keep = rp ? *rp : RECT{};
     const int32_t kx = x, ky = y;
     int64_t rc = 0;
-    int32_t f, a;
     switch (c.byte() % 7) {
         case 0: rc = K_GetChangeViewPerspectiveParams(from, to, c.orNull(&f), &a); break;
         case 1: rc = K_ChangeRectViewPerspective(from, w, h, to, rp); break;
@@ -814,8 +797,6 @@ void opRects(Ctx& c) {
         default: K_SinValue(c.i32()), K_CosValue(c.i32()); break;
     }
 }
-
-// ---------------------------------------------------------------- family: runtime services
 void opGlobal(Ctx& c) {
     const int h = c.byte() % kHandles;
     HGLOBAL g = nullptr;
@@ -825,8 +806,7 @@ void opGlobal(Ctx& c) {
         case 0:
             if (!(g = K_GlobalAlloc(c.usmall(0x50), size_t(c.size64()) % (1u << 20)))) return;
             if (c.globLive[h]) K_GlobalFree(c.glob[h]);
-            c.glob[h] = g;
-            c.globLive[h] = true;
+            c.glob[h] = g, c.globLive[h] = true;
             break;
         case 1: {
             g = c.ghandle();
@@ -897,60 +877,55 @@ void opMisc(Ctx& c) {
     }
 }
 
-// ---------------------------------------------------------------- family: transforms
-// A record a call makes afresh (a copy's destination) is output only: the slot
-// is freed first unless it is also the source; the garbage record is not used.
-BITMAPRECORD* outRec(Ctx& c, BITMAPRECORD* src) {
-    BITMAPRECORD* d = c.rec();
-    if (d && d != src && isSlot(c, d)) freeSlot(c, int(d - c.bm));
-    return d == &c.foreign ? nullptr : d;
-}
-// A call from s into d (a fresh record, or s itself: in place).
-template <class F>
-void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
-    check(c, {s, d}, [&] { return call(d); }, d != s ? 2u : 0u);
-}
-// Small target sizes, or values every call must refuse.
-int32_t targetDim(Ctx& c) {
-    const uint8_t b = c.byte();
-    const int32_t bad[] = {0, -1, -7, INT32_MIN};
-    return b < 220 ? int32_t(b % 72) + 1 : bad[b % 4];
-}
-void opOrient(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    const uint8_t which = c.byte() % 10;
-    const int32_t v = c.small(10);
-    const int32_t angle = c.byte() < 200 ? int32_t(c.byte() % 4) * 90 : c.i32();
-    switch (which) {
-        case 0: check(c, {r}, [&] { return K_FlipBitmap(r); }); break;
-        case 1: check(c, {r}, [&] { return K_ReverseBitmap(r); }); break;
-        case 2: check(c, {r}, [&] { return K_IntFlipBitmap(r); }); break;
-        case 3: check(c, {r}, [&] { return K_IntReverseBitmap(r); }); break;
-        case 4: check(c, {r}, [&] { return K_FlipBitmapViewPerspective(r); }); break;
-        case 5: check(c, {r}, [&] { return K_ReverseBitmapViewPerspective(r); }); break;
-        case 6: check(c, {r}, [&] { return K_RotateBitmapViewPerspective(r, angle); }); break;
-        case 7: {
-            const int32_t from = c.small(101), to = c.small(101);
-            check(c, {r}, [&] { return K_RotateBitmap90(r, c.byte() & 1, from, to); });
+// ---------------------------------------------------------------- transforms into other records
+void opIntoRecord(Ctx& c) {
+    static const uint32_t kCarry[] = {191u, 127u, 67u, 321u, 14u, 5u};
+    BITMAPRECORD* s = c.rec();
+    const uint32_t sw = c.sizeWord(220);
+    const int32_t col = c.coord(), row = c.coord(), w = c.targetDim(), h = c.targetDim();
+    uint32_t mem = c.pick(kMemTypes);
+    if (mem == 2) mem = 1;
+    BITMAPRECORD* d;
+    switch (c.byte() % 7) {
+        case 0: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmap(d, s, sw); }); break;
+        case 1: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmap2(d, s, sw, mem); }); break;
+        case 2: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }); break;
+        case 3: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }); break;
+        case 4:
+            if ((d = outRec(c, s)) != s) {
+                const uint32_t carry = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
+                check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, w, h, carry); }, 2u);
+            }
             break;
-        }
-        default: {
-            // In place (null destination or the source) or into a fresh record.
-            BITMAPRECORD* d = c.byte() & 1 ? nullptr : outRec(c, r);
-            const uint32_t sw = c.sizeWord(220);
-            check(c, {r, d}, [&] { return K_ChangeBitmapViewPerspective(d, r, sw, v); }, d && d != r ? 2u : 0u);
-        }
+        case 5:  // in place (null destination or the source) or into a fresh record
+            d = c.byte() & 1 ? nullptr : outRec(c, s);
+            into(c, s, d, [&](BITMAPRECORD* d) { return K_ChangeBitmapViewPerspective(d, s, sw, c.small(10)); });
+            break;
+        default:
+            // Into a destination record the caller prepared (its size names the target).
+            d = c.rec();
+            if (!d || d == s || d == &c.foreign) return;
+            fresh(c, d);
+            const int32_t bpp = s && krn::recordSizeValid(s->uStructSize) ? s->nBitsPerPixel : 8;
+            if (K_InitBitmap(d, BITMAPRECORD_SIZE, w > 0 ? w : 1, h > 0 ? h : 1, bpp) != KS_SUCCESS) return;
+            const uint32_t flags = c.resizeFlags();
+            switch (c.byte() % 3) {
+                case 0: check(c, {s, d}, [&] { return K_ResizeBitmap(s, d, flags); }, 2u); break;
+                case 1: check(c, {s, d}, [&] { return K_IntResizeBitmap(s, d, flags); }, 2u); break;
+                default: check(c, {s, d}, [&] { return K_BicubicResampleBitmapInt(s, d, flags); }, 2u);
+            }
     }
 }
 void opBuffers(Ctx& c) {
     size_t size;
+    int32_t rw = 0, rh = 0;
+    (void)K_GetRotatedBitmapSize(c.rec(), c.angle(), c.byte() & 1 ? &rw : nullptr, &rh);
     uint8_t* b = c.buffer(&size);
     const int32_t bpp = c.pick(kDepths);
     const uint32_t w = c.usmall(40, 220), h = c.usmall(40, 220);
-    // The buffers must hold the image (the caller's duty, not checkable): sizes
-    // for any depth up to 64 bits; a call whose buffers would not hold it is not made.
-    const uint64_t bits = bpp > 0 && bpp <= 64 ? uint64_t(bpp) : 64;
-    const uint64_t side = w > h ? w : h;
+    // The buffers must hold the image (the caller's duty, not checkable): sizes for any depth up to 64
+    // bits; a call whose buffers would not hold it is not made.
+    const uint64_t bits = bpp > 0 && bpp <= 64 ? uint64_t(bpp) : 64, side = std::max(w, h);
     const uint64_t need = ((side * bits + 31) / 32) * 4 * (side ? side : 1) + 64;
     const uint8_t which = c.byte() % 3;
     if (!b || need > size || need > kBuf / 2) {
@@ -962,78 +937,9 @@ void opBuffers(Ctx& c) {
     else if (which == 1) (void)K_RotateBuffer180(b, c.byte() & 1 ? b : dst.data(), w, h, bpp);
     else (void)K_MirrorLine(b, w, bpp);
 }
-void opRotateAny(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    const int32_t angle = c.byte() < 200 ? int32_t(c.u32() % 72001) - 36000 : c.i32();
-    const uint32_t flags = c.byte() < 220 ? (uint32_t(c.byte()) & 0x3Bu) | (uint32_t(c.byte() % 4) << 8) : c.u32v();
-    const uint32_t fill = c.u32v();
-    const uint8_t which = c.byte() % 3;
-    int32_t w = 0, h = 0;
-    if (which == 0) check(c, {r}, [&] { return K_RotateBitmap(r, angle, flags, fill); });
-    else if (which == 1) check(c, {r}, [&] { return K_ShearBitmap(r, angle % 9000, flags, fill); });
-    else (void)K_GetRotatedBitmapSize(r, angle, c.byte() & 1 ? &w : nullptr, &h);
-}
-void opCopy(Ctx& c) {
-    static const uint32_t kCarry[] = {191u, 127u, 67u, 321u, 14u, 5u};
-    BITMAPRECORD* s = c.rec();
-    const uint8_t which = c.byte() % 8;
-    const uint32_t sw = c.sizeWord(220);
-    const int32_t col = c.coord(), row = c.coord();
-    const uint32_t w = uint32_t(targetDim(c)), h = uint32_t(targetDim(c));
-    uint32_t mem = c.pick(kMemTypes);
-    if (mem == 2) mem = 1;
-    auto to = [&](auto f) { into(c, s, outRec(c, s), f); };
-    switch (which) {
-        case 0: to([&](BITMAPRECORD* d) { return K_CopyBitmap(d, s, sw); }); break;
-        case 1: to([&](BITMAPRECORD* d) { return K_CopyBitmap2(d, s, sw, mem); }); break;
-        case 2: to([&](BITMAPRECORD* d) { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }); break;
-        case 3: to([&](BITMAPRECORD* d) { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }); break;
-        case 4: {
-            BITMAPRECORD* d = outRec(c, s);
-            const uint32_t carry = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
-            if (d != s) check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, int32_t(w), int32_t(h), carry); }, 2u);
-            break;
-        }
-        case 5: check(c, {s}, [&] { return K_TrimBitmap(s, col, row, w, h); }); break;
-        case 6: check(c, {s}, [&] { return K_ClearNegativePixels(s); }); break;
-        default: {
-            BITMAPRECORD* d = c.rec();
-            check(c, {d, s}, [&] { return K_CopyBitmapData(d, s); });
-        }
-    }
-}
-void opCombine(Ctx& c) {
-    BITMAPRECORD* d = c.rec();
-    BITMAPRECORD* s = c.rec();
-    const int32_t xd = c.coord(), yd = c.coord(), w = c.coord(), h = c.coord(), xs = c.coord(), ys = c.coord();
-    const uint32_t flags = c.byte() < 230 ? uint32_t(c.u32() & 0xFFFFu) : c.u32v();
-    check(c, {d, s}, [&] { return K_CombineBitmapKrn(d, xd, yd, w, h, s, xs, ys, flags); });
-}
-void opResize(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    const uint8_t which = c.byte() % 6;
-    const int32_t w = targetDim(c), h = targetDim(c);
-    const uint32_t flags = c.byte() < 220 ? uint32_t(c.byte()) & 0x3Fu : c.u32v();
-    switch (which) {
-        case 0: check(c, {r}, [&] { return K_SizeBitmap(r, w, h, flags); }); break;
-        case 1: check(c, {r}, [&] { return K_ResampleBitmap(r, w, h, flags); }); break;
-        case 2: check(c, {r}, [&] { return K_BicubicResampleBitmap(r, w, h, flags); }); break;
-        default: {
-            // Into a destination record the caller prepared (its size names the target).
-            BITMAPRECORD* d = c.rec();
-            if (!d || d == r || d == &c.foreign) return;
-            fresh(c, d);
-            const int32_t bpp = r && krn::recordSizeValid(r->uStructSize) ? r->nBitsPerPixel : 8;
-            if (K_InitBitmap(d, BITMAPRECORD_SIZE, w > 0 ? w : 1, h > 0 ? h : 1, bpp) != KS_SUCCESS) return;
-            if (which == 3) check(c, {r, d}, [&] { return K_ResizeBitmap(r, d, flags); }, 2u);
-            else if (which == 4) check(c, {r, d}, [&] { return K_IntResizeBitmap(r, d, flags); }, 2u);
-            else check(c, {r, d}, [&] { return K_BicubicResampleBitmapInt(r, d, flags); }, 2u);
-        }
-    }
-}
 void opRowResize(Ctx& c) {
     void* data = nullptr;
-    const int32_t ow = targetDim(c), oh = targetDim(c), nw = targetDim(c), nh = targetDim(c);
+    const int32_t ow = c.targetDim(), oh = c.targetDim(), nw = c.targetDim(), nh = c.targetDim();
     if (K_StartResize(ow, oh, nw, nh, &data) != KS_SUCCESS) {
         if (data) fail(c.op, "a failing start left resize data");
         return;
@@ -1049,86 +955,60 @@ void opRowResize(Ctx& c) {
 }
 void opColorRes(Ctx& c) {
     BITMAPRECORD* s = c.rec();
-    const uint8_t which = c.byte() % 4;
     const int32_t bpp = c.pick(kDepths);
     const uint32_t flags = c.byte() < 220 ? (c.u32() & CRF_ALLFLAGS) : c.u32v();
-    RGBQUAD pal[256];
-    c.palette(pal);
+    RGBQUAD* pal = c.palette();
     const int32_t n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
     const RGBQUAD* pp = c.byte() < 230 ? pal : nullptr;
     if (n > 256 && pp) return;  // a palette shorter than its count is the caller's fault
-    if (which == 0) {
-        BITMAPRECORD* d = c.byte() & 1 ? s : outRec(c, s);
-        const uint32_t sw = c.sizeWord(220);
-        into(c, s, d, [&](BITMAPRECORD* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
-    } else if (which == 1) {
-        check(c, {s}, [&] { return K_GrayScaleBitmap(s, bpp); });
-    } else {
-        int32_t used = 0;
-        const int32_t reserved = c.small(8, 220);
-        check(c, {s}, [&] { return K_CreateBitmapOptPal(s, pal, n > 256 ? 256 : n, reserved, c.u32v(), &used); });
-    }
+    BITMAPRECORD* d = c.byte() & 1 ? s : outRec(c, s);
+    const uint32_t sw = c.sizeWord(220);
+    into(c, s, d, [&](BITMAPRECORD* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
 }
 void opDisplay(Ctx& c) {
     BITMAPRECORD* r = c.rec();
-    const uint8_t which = c.byte() % 7;
-    const int32_t v = c.i32();
-    uint8_t t8[256];
-    switch (which) {
-        case 0: check(c, {r}, [&] { return K_SetPaintIntensity(r, v); }); break;
-        case 1: check(c, {r}, [&] { return K_SetPaintContrast(r, v); }); break;
-        case 2: check(c, {r}, [&] { return K_SetPaintGamma(r, v); }); break;
-        case 3: {
-            std::vector<uint16_t> t16(65536);
-            K_GetPaintIntensity(r), K_GetPaintTable(r, c.byte() & 1 ? t8 : nullptr);
-            K_GetPaintTable16(r, c.byte() & 1 ? t16.data() : nullptr);
-            break;
-        }
-        case 4: {
-            // Table fills: the caller's table holds uLUTLength entries.
-            const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
-            if (len > 4096) {
-                (void)K_WindowLevelFillLUT(nullptr, len, 0, 0xFFFFFF, 0, 255, 0, 7, 0, 255, 0, 0);
-                return;
-            }
-            std::vector<RGBQUAD16> t(len + 1);
-            std::vector<uint16_t> g(len + 1);
-            const int32_t lo = c.i32(), hi = c.i32(), lb = c.byte() % 17, hb = c.byte() % 17;
-            const int32_t mn = c.i32(), mx = c.i32(), f = c.i32();
-            const uint32_t fl = c.u32v();
-            (void)K_WindowLevelFillLUT(reinterpret_cast<RGBQUAD*>(t.data()), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
-            (void)K_WindowLevelFillLUT2(reinterpret_cast<uint8_t*>(g.data()), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
-            (void)K_WindowLevelFillLUTExt(t.data(), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
-            (void)K_WindowLevelFillLUTExt2(g.data(), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
-            break;
-        }
-        default: {
-            BITMAPRECORD* d = c.byte() & 1 ? r : outRec(c, r);
-            const uint32_t sw = c.sizeWord(220);
-            const int32_t lo = c.i32(), hi = c.i32();
-            if (which == 5) {
-                into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevel(r, d, sw, lo, hi, c.i32(), c.u32v()); });
-                return;
-            }
-            RGBQUAD lut[4096];
-            const int32_t lb = c.byte() % 17, hb = c.byte() % 17;
-            const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
-            if (len <= 4096) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); });
-        }
+    const uint8_t which = c.byte() % 4;
+    if (which == 0) {  // the getters answer values, not statuses
+        K_GetPaintIntensity(r), K_GetPaintContrast(r), K_GetPaintGamma(r), K_GetPaintTable(r, c.orNull(c.t8, 127));
+        K_GetPaintTable16(r, c.table16());
+        return;
     }
+    // Table fills: the caller's table holds uLUTLength entries.
+    const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
+    const int32_t lo = c.i32(), hi = c.i32(), lb = c.byte() % 17, hb = c.byte() % 17;
+    if (which == 1) {
+        if (len > 4096) {
+            (void)K_WindowLevelFillLUT(nullptr, len, 0, 0xFFFFFF, 0, 255, 0, 7, 0, 255, 0, 0);
+            return;
+        }
+        std::vector<RGBQUAD16> t(len + 1);
+        std::vector<uint16_t> g(len + 1);
+        const int32_t mn = c.i32(), mx = c.i32(), f = c.i32();
+        const uint32_t fl = c.u32v();
+        (void)K_WindowLevelFillLUT(reinterpret_cast<RGBQUAD*>(t.data()), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
+        (void)K_WindowLevelFillLUT2(reinterpret_cast<uint8_t*>(g.data()), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
+        (void)K_WindowLevelFillLUTExt(t.data(), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
+        (void)K_WindowLevelFillLUTExt2(g.data(), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
+        return;
+    }
+    BITMAPRECORD* d = c.byte() & 1 ? r : outRec(c, r);
+    const uint32_t sw = c.sizeWord(220);
+    RGBQUAD lut[4096];
+    if (which == 2) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevel(r, d, sw, lo, hi, c.i32(), c.u32v()); });
+    else if (len <= 4096) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); });
 }
 
-// ---------------------------------------------------------------- family: lists and playback
+// ---------------------------------------------------------------- lists and playback
 // A list handle: live, destroyed, null or bytes that were never a list.
 HBITMAPLIST listHandle(Ctx& c) {
     const uint8_t b = c.byte();
     if (b < 225) return c.list[b % kLists];
     return b < 240 ? reinterpret_cast<HBITMAPLIST>(&c.foreign) : nullptr;
 }
-// A record whose storage a call moved into a list: the slot lets go of it
-// without freeing (the list owns it now) and starts afresh.
+// A record whose storage a call moved into a list: the slot lets go of it without freeing (the list owns
+// it now) and starts afresh.
 void handedOver(Ctx& c, BITMAPRECORD* r) {
-    if (!isSlot(c, r)) return;
+    if (!c.isSlot(r)) return;
     const int s = int(r - c.bm);
     if (!c.caller[s].empty()) c.keep.push_back(std::move(c.caller[s]));
     c.caller[s].clear();
@@ -1142,29 +1022,26 @@ HBITMAPLIST* newListSlot(Ctx& c) {
     c.listLive[k] = false;
     return &c.list[k];
 }
-// A call that makes a list into `out` (null sometimes): nothing is made on failure.
+// A call that makes a list into a new slot (or null): nothing is made on failure.
 template <class F>
-void makesList(Ctx& c, HBITMAPLIST* out, F&& call) {
+void makesList(Ctx& c, F&& call) {
+    HBITMAPLIST* out = newListSlot(c);
     *out = nullptr;
     const int32_t rc = call(c.byte() > 245 ? nullptr : out);
     if (rc == KS_SUCCESS) c.listLive[out - c.list] = true;
     else if (*out) fail(c.op, "a failing call made a list", rc);
+    else if (rc >= 0) fail(c.op, "odd status", rc);
 }
 void opList(Ctx& c) {
     const uint8_t which = c.byte() % 12;
     const uint32_t index = c.usmall(6), count = c.usmall(5);
-    HBITMAPLIST h, *out;
+    HBITMAPLIST h;
     BITMAPRECORD *r, *old, tmp;
-    int32_t rc, n, used = 0;
+    int32_t rc, used = 0;
     uint32_t size, got = 0xABCDu;
-    RGBQUAD pal[256];
     const uint32_t bits[] = {0, BRF_FRAME_WAITINPUT, BRF_FRAME_TRANSPARENT, BRF_FRAME_ALPHAOVER};
     switch (which) {
-        case 0:
-            out = newListSlot(c);
-            if ((rc = K_CreateBitmapList(c.orNull(out, 245))) == KS_SUCCESS) c.listLive[out - c.list] = true;
-            else if (rc >= 0) fail(c.op, "create gave an odd status", rc);
-            break;
+        case 0: makesList(c, [&](HBITMAPLIST* o) { return K_CreateBitmapList(o); }); break;
         case 1: {
             const int k = c.byte() % kLists;
             rc = K_DestroyBitmapList(c.list[k]);
@@ -1179,8 +1056,8 @@ void opList(Ctx& c) {
             break;
         case 3:
         case 4:
-            // Insert (or replace): the record's storage moves into the list.
-            // (The garbage record's owned fields would then belong to two owners.)
+            // Insert (or replace): the record's storage moves into the list. (The garbage record's owned
+            // fields would then belong to two owners.)
             if ((r = c.rec()) == &c.foreign) return;
             h = listHandle(c);
             if (which == 3) {
@@ -1198,8 +1075,8 @@ void opList(Ctx& c) {
             break;
         case 6: (void)K_DeleteBitmapListItems(listHandle(c), index, count); break;
         case 7:
-            // Get a copy of an item (the list keeps ownership) and set it back,
-            // with frame words of the caller's choosing for the playback.
+            // Get a copy of an item (the list keeps ownership) and set it back, with frame words of the
+            // caller's choosing for the playback.
             std::memset(&tmp, 0xEE, sizeof tmp);
             h = listHandle(c);
             size = c.sizeWord(200);
@@ -1217,23 +1094,21 @@ void opList(Ctx& c) {
             tmp.uFlags = (tmp.uFlags & ~(bits[1] | bits[2] | bits[3])) | c.pick(bits);
             if (K_SetBitmapListItem(h, index, &tmp) != KS_SUCCESS) fail(c.op, "setting back a got item failed");
             break;
-        case 8:  // deep copies into a new list; nothing is made on failure
-            *(out = newListSlot(c)) = nullptr;
-            if ((rc = K_CopyBitmapListItems(c.orNull(out, 245), listHandle(c), index, count)) == KS_SUCCESS) c.listLive[out - c.list] = true;
-            else if (*out) fail(c.op, "a failing copy made a list", rc);
+        case 8:  // deep copies into a new list
+            h = listHandle(c);
+            makesList(c, [&](HBITMAPLIST* o) { return K_CopyBitmapListItems(o, h, index, count); });
             break;
         case 9:
             h = listHandle(c);
-            makesList(c, newListSlot(c), [&](HBITMAPLIST* o) { return K_MoveBitmapListItems(o, h, index, count); });
+            makesList(c, [&](HBITMAPLIST* o) { return K_MoveBitmapListItems(o, h, index, count); });
             break;
         case 10:
-            std::memset(pal, 0xCD, sizeof pal);
-            n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
-            (void)K_CreateBitmapListOptPal(listHandle(c), c.orNull(pal, 245), n > 256 ? 256 : n, c.small(8, 220), c.u32v(), &used);
+            std::memset(c.pal, 0xCD, sizeof c.pal);
+            (void)K_CreateBitmapListOptPal(listHandle(c), c.orNull(c.pal, 245), c.colours(), c.small(8, 220), c.u32v(), &used);
             break;
         default:
-            // Setting an item to an empty record leaves the old item to the
-            // caller: only an item that owns nothing is overwritten that way.
+            // Setting an item to an empty record leaves the old item to the caller: only an item that owns
+            // nothing is overwritten that way.
             h = listHandle(c);
             if (K_GetBitmapListItem(h, index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS) {
                 (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
@@ -1271,7 +1146,6 @@ void opPlayback(Ctx& c) {
     HBITMAPLIST l;
     int32_t v = 0;
     uint32_t ms = 0;
-    RECT rc{};
     int j = 0;
     switch (which) {
         case 0:
@@ -1317,7 +1191,7 @@ void opPlayback(Ctx& c) {
                 handedOver(c, r);
             break;
         case 5: (void)K_ValidatePlaybackLines(playHandle(c), c.i32(), c.i32()); break;
-        case 6: K_GetPlaybackUpdateRect(playHandle(c), c.orNull(&rc, 245), c.byte() & 1), K_ClearPlaybackUpdateRect(playHandle(c)); break;
+        case 6: K_GetPlaybackUpdateRect(playHandle(c), c.orNull(&c.box, 245), c.byte() & 1), K_ClearPlaybackUpdateRect(playHandle(c)); break;
         case 7:
             K_GetPlaybackState(playHandle(c), c.orNull(&v, 245)), K_GetPlaybackIndex(playHandle(c), c.orNull(&v, 245));
             K_GetPlaybackDelay(playHandle(c), c.orNull(&ms, 245));
@@ -1328,60 +1202,40 @@ void opPlayback(Ctx& c) {
         if (c.playLive[p]) validate(&c.target[p], c.op);
 }
 
-// ---------------------------------------------------------------- the family tables
+// ---------------------------------------------------------------- the script
 struct Op {
     const char* name;
     void (*fn)(Ctx&);
 };
-const Op kRecordOps[] = {{"init", opInit}, {"create", opCreate}, {"create", opCreate}, {"allocate", opAllocate},
-                         {"free", opFree}, {"change height", opChangeHeight}, {"set data pointer", opSetDataPointer},
-                         {"access", on1<K_AccessBitmap>}, {"release", on1<K_ReleaseBitmap>},
-                         {"int access/release", opIntAccessRelease}, {"memory info", opMemoryInfo},
-                         {"set memory info", opSetMemoryInfo}, {"compression", opCompression},
-                         {"relabel layout", opRelabel}, {"manage memory", opManageMemory},
-                         {"thresholds", opThresholds}, {"data callbacks", opDataCallbacks}};
-const Op kRowOps[] = {{"rows", opRows}, {"fill", opFill}, {"compressed rows", opRuns}};
-const Op kPaletteOps[] = {{"bitmap palette", opPalette}, {"palette helpers", opPaletteHelpers}};
-const Op kPixelOps[] = {{"convert", opConvert}, {"dither", opDither}};
-const Op kRegionOps[] = {{"orva region", opOrvaRgn}, {"region handle", opHrgn}, {"bitmap region", opBitmapRgn}};
-const Op kGeometryOps[] = {{"view perspective", opViewPerspective}, {"rectangles", opRects}};
-const Op kRuntimeOps[] = {{"global memory", opGlobal}, {"misc", opMisc}};
-const Op kTransformOps[] = {{"orientation", opOrient}, {"buffer turns", opBuffers}, {"rotate any", opRotateAny},
-                            {"copy", opCopy}, {"combine", opCombine}, {"resize", opResize}, {"row resizer", opRowResize}};
-const Op kColourDisplayOps[] = {{"colour resolution", opColorRes}, {"display", opDisplay}};
-const Op kListPlaybackOps[] = {{"lists", opList}, {"lists", opList}, {"playback", opPlayback}};
-
-struct Family {
-    const Op* ops;
-    size_t count;
-};
-#define FAMILY(table) {table, sizeof table / sizeof table[0]}
-// (Listed twice: the families with the most functions get more steps.)
-const Family kFamilies[] = {FAMILY(kRecordOps), FAMILY(kRecordOps), FAMILY(kRowOps), FAMILY(kPaletteOps),
-                            FAMILY(kPixelOps), FAMILY(kRegionOps), FAMILY(kRegionOps), FAMILY(kGeometryOps),
-                            FAMILY(kRuntimeOps), FAMILY(kTransformOps), FAMILY(kTransformOps),
-                            FAMILY(kColourDisplayOps), FAMILY(kListPlaybackOps)};
-
-struct Baseline {
-    int32_t thresholds[5];
-    uint32_t memType;
-    int32_t xres, yres, dither;
-};
+// (Listed more than once: the ops behind the most functions get more steps.)
+const Op kOps[] = {
+    {"record call", opRecordCall}, {"record call", opRecordCall}, {"record call", opRecordCall},
+    {"record call", opRecordCall}, {"record call", opRecordCall}, {"init", opInit}, {"create", opCreate},
+    {"create", opCreate}, {"allocate", opAllocate}, {"free", opFree}, {"set data pointer", opSetDataPointer},
+    {"int access/release", opIntAccessRelease}, {"relabel layout", opRelabel}, {"memory settings", opMemorySettings},
+    {"rows", opRows}, {"rows", opRows}, {"compressed rows", opRuns}, {"bitmap palette", opPalette},
+    {"palette helpers", opPaletteHelpers}, {"convert", opConvert}, {"dither line", opDitherLine},
+    {"orva region", opOrvaRgn}, {"orva region", opOrvaRgn}, {"region handle", opHrgn}, {"region handle", opHrgn},
+    {"bitmap region", opBitmapRgn}, {"view perspective", opViewPerspective}, {"rectangles", opRects},
+    {"global memory", opGlobal}, {"misc", opMisc}, {"into a record", opIntoRecord}, {"into a record", opIntoRecord},
+    {"buffer turns", opBuffers}, {"row resizer", opRowResize}, {"colour resolution", opColorRes},
+    {"display", opDisplay}, {"lists", opList}, {"lists", opList}, {"playback", opPlayback}};
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static Baseline base = [] {
-        Baseline b{};
+    struct Baseline {
+        int32_t thresholds[5];
+        uint32_t memType;
+        int32_t xres, yres, dither;
+    };
+    static const Baseline base = [] {
+        Baseline b{{}, K_GetDefaultMemoryType(), K_GetDefaultXResolution(), K_GetDefaultYResolution(), K_GetDefaultDithering()};
         K_GetMemoryThresholds(&b.thresholds[0], &b.thresholds[1], &b.thresholds[2], &b.thresholds[3], &b.thresholds[4]);
-        b.memType = K_GetDefaultMemoryType();
-        b.xres = K_GetDefaultXResolution();
-        b.yres = K_GetDefaultYResolution();
-        b.dither = K_GetDefaultDithering();
         return b;
     }();
-    // The same settings for every input, so that a finding replays. Directly:
-    // the default largest image is not a value the setter takes.
+    // The same settings for every input, so that a finding replays. Directly: the default largest image is
+    // not a value the setter takes.
     krn::ThreadSettings& ts = krn::settings();
     ts.nMemKeepFree = base.thresholds[0];
     ts.nMemLargestImage = base.thresholds[1];
@@ -1404,12 +1258,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (static const char* dump = std::getenv("FUZZ_API_DUMP"); dump) {
         if (FILE* f = std::fopen(dump, "wb")) std::fwrite(data, 1, size, f), std::fclose(f);
     }
-    auto* c = new Ctx{data, size};
+    auto* c = new Ctx{{data, size}};
     for (auto& b : c->bm) K_InitBitmap(&b, BITMAPRECORD_SIZE, 8, 8, 8);
-    // A record the library never made: garbage from a generator seeded by the
-    // input everywhere but in the pointers a caller owns the memory of (no
-    // library can check those), not marked allocated. Its region handle stays
-    // garbage: handles are looked up, never trusted.
+    // A record the library never made: garbage from a generator seeded by the input everywhere but in the
+    // pointers a caller owns the memory of (no library can check those), not marked allocated. Its region
+    // handle stays garbage: handles are looked up, never trusted.
     uint32_t x = c->u32() | 1;
     for (size_t k = 0; k < sizeof c->foreign; ++k) {
         x ^= x << 13, x ^= x >> 17, x ^= x << 5;
@@ -1428,12 +1281,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (auto& b : c->buf[0]) b = uint8_t(c->i * 31);
 
     for (int step = 0; step < 48 && c->more(); ++step) {
-        const Family& f = kFamilies[c->byte() % (sizeof kFamilies / sizeof kFamilies[0])];
-        const Op& op = f.ops[c->byte() % f.count];
+        const Op& op = c->pick(kOps);
         c->op = op.name;
         const size_t at = c->i;
         op.fn(*c);
-        if (trace) std::fprintf(stderr, "step %d: %s (bytes %zu..%zu) live %ld relabelled %d\n", step, op.name, at, c->i, krn::faultinject::liveBlocks(), c->relabelled);
+        if (trace) std::fprintf(stderr, "step %d: %s (bytes %zu..%zu) live %ld relabelled %d\n", step, c->op, at, c->i, krn::faultinject::liveBlocks(), c->relabelled);
         if (c->relabelled >= 0 && op.fn != opRelabel) {
             // Unless the call wrote a new size word itself (init, create).
             BITMAPRECORD& r = c->bm[c->relabelled];
@@ -1448,10 +1300,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int k = 0; k < kPlays; ++k) destroyPlayback(*c, k);
     for (int k = 0; k < kLists; ++k)
         if (c->listLive[k] && K_DestroyBitmapList(c->list[k]) != KS_SUCCESS) fail("cleanup", "live list not destroyable");
-    for (int s = 0; s < kSlots; ++s) {
-        validate(&c->bm[s], "cleanup");
-        freeSlot(*c, s);
-    }
+    for (int s = 0; s < kSlots; ++s) validate(&c->bm[s], "cleanup"), freeSlot(*c, s);
     K_FreeBitmap(&c->foreign);  // what calls attached to it (region, palette)
     for (auto* r : c->rgn)
         if (r) K_DeleteOrvaRgn(r);

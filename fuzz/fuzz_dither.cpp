@@ -11,18 +11,12 @@
 #include "fuzz_input.h"
 #include "ombrix.h"
 
-namespace {
-// Bytes wrap around (an input is never too short for the rows it asks for).
-struct Input {
-    const uint8_t* p;
-    size_t n, i = 0;
-    uint8_t byte() { return n ? p[i++ % n] : 0; }
-};
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 12) return 0;
-    Input in{data, size};
+    // Bytes wrap around (an input is never too short for the rows it asks for).
+    struct Wrap : fuzzinput::Input {
+        uint8_t byte() { return p[i++ % n]; }
+    } in{{data, size}};
     static const int kDepths[] = {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
     const int bits = kDepths[in.byte() % 14];
     const int order = in.byte() % 8;
@@ -72,11 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             std::vector<uint8_t> src(srcBytes), dst(dstBytes);
             for (auto& b : src) b = in.byte();
             FUZZ_CHECK(K_DitherLine(&bm, src.data(), dst.data()) == KS_SUCCESS);
-            // Every output byte is read, whatever the checks below look at.
-            uint32_t fold = 0;
-            for (uint8_t b : dst) fold = fold * 31u + b;
-            [[maybe_unused]] static volatile uint32_t sink;
-            sink = fold;
+            fuzzinput::touch(dst);  // every output byte is read, whatever the checks below look at
             if (used <= 8 && table.empty() && target) {
                 // Every index names one of the colours (packed most significant bit first).
                 for (int x = 0; x < width; ++x) {
