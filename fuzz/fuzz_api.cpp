@@ -86,6 +86,15 @@ struct Ctx : fuzzinput::Input {
     uint64_t area = 0;
     uint8_t t8[256];
     std::vector<uint16_t> t16;
+    RECT rs[2], keepRect;
+    POINT pt, pts[8];
+    uint32_t hsv3[3];
+    STATUSCALLBACK status;
+    void* user;
+    TEMPFILEOPTIONS tempOptions;
+    char dir[64];
+    wchar_t msg[64], lib[64];
+    HRGN hout = nullptr;
 
     // A handle freed through a call that may also free the other kind.
     void forget(const void* h) {
@@ -207,6 +216,54 @@ struct Ctx : fuzzinput::Input {
     RGBQUAD* palette() {
         for (auto& q : pal) q = RGBQUAD{byte(), byte(), byte(), 0};
         return pal;
+    }
+    RGBQUAD* palOrNull() { return palette(), byte() > 230 ? nullptr : pal; }
+    int32_t count256() { return std::min(small(257, 220), 256); }
+    // Rectangle k from the input; a refused change of rectangle 0 must leave it as it was.
+    RECT* rect4(int k) {
+        rs[k] = RECT{coord(), coord(), coord(), coord()};
+        if (k == 0) keepRect = rs[0];
+        return &rs[k];
+    }
+    BOOL sameIfRefused(BOOL ok) {
+        if (!ok && std::memcmp(&rs[0], &keepRect, sizeof keepRect) != 0) fail(op, "refused but changed");
+        return ok;
+    }
+    POINT* point() { return &(pt = POINT{coord(), coord()}); }
+    uint32_t* hsv() {
+        for (auto& v : hsv3) v = u32v();
+        return hsv3;
+    }
+    // Eight points and a count of them (hostile sometimes): above 8, no call.
+    uint32_t polygon() {
+        for (auto& q : pts) q = POINT{coord(), coord()};
+        return usmall(9, 220);
+    }
+    // The pool region of a slot handed to a call that takes ownership of it (freed also on failure).
+    OrvaRgn* takeRgn() {
+        OrvaRgn** slot = rgnSlot();
+        OrvaRgn* g = *slot;
+        *slot = nullptr;
+        return g;
+    }
+    // A region handle a call made into hout goes to a pool slot.
+    int64_t keepHrgn(int64_t rc) {
+        if (rc == KS_SUCCESS && hout) putHrgn(byte() % kHandles, hout);
+        hout = nullptr;
+        return rc;
+    }
+    // A list handle: live, destroyed, null or bytes that were never a list.
+    HBITMAPLIST listHandle() {
+        const uint8_t b = byte();
+        return b < 225 ? list[b % kLists] : b < 240 ? reinterpret_cast<HBITMAPLIST>(&foreign) : nullptr;
+    }
+    // A playback handle: live, destroyed, null, or another kind of handle.
+    HPLAYBACK playHandle() {
+        const uint8_t b = byte();
+        if (b < 200) return play[b % kPlays];
+        if (b < 215) return reinterpret_cast<HPLAYBACK>(list[b % kLists]);
+        if (b < 230) return reinterpret_cast<HPLAYBACK>(glob[b % kHandles]);
+        return b < 245 ? reinterpret_cast<HPLAYBACK>(&foreign) : nullptr;
     }
 };
 
@@ -347,7 +404,9 @@ const RecordCall kRecordCalls[] = {
     CALL(K_GetBitmapRgnArea(r, c.orNull(&c.area))), CALL(K_GetBitmapRgnBounds(r, c.xform(), c.orNull(&c.box))),
     CALL(K_IsPtInBitmapRgn(r, c.coord(), c.coord())), CALL(K_OffsetBitmapRgn(r, c.i32(), c.i32())),
     CALL(K_SizeBitmapRgn(r, c.i32(), c.i32())), CALL(K_FlipBitmapRgn(r)), CALL(K_ReverseBitmapRgn(r)),
-    CALL(K_FreeBitmapRgn(r)),
+    CALL(K_FreeBitmapRgn(r)), CALL(K_SetBitmapRgn(r, c.xform(), c.takeRgn(), c.mode())),
+    CALL((c.uo = c.polygon()) <= 8 ? K_SetBitmapRgnPolygon(r, c.xform(), c.pts, c.uo, c.byte() % 4, c.mode()) : 0),
+    CALL(c.keepHrgn(K_GetBitmapRgnHandle(r, c.xform(), c.orNull(&c.hout)))),
     // The destination's region pointer is cleared without being freed (destinations come without one).
     CALL2(r && r->hRgn ? 0 : K_CopyBitmapRgn(r, s, c.i32(), c.i32())),
     // orientation and transforms
@@ -557,29 +616,6 @@ void opPalette(Ctx& c) {
     }
     check(c, {r}, [&] { return K_GetBitmapPaletteEntries(r, pp, n, &count); });
 }
-void opPaletteHelpers(Ctx& c) {
-    RGBQUAD* pal = c.palette();
-    const int32_t bits = c.pick(kDepths), n = c.small(257, 220);
-    RGBQUAD* const pp = c.byte() > 230 ? nullptr : pal;
-    if (n > 256) return;
-    switch (c.byte() % 8) {
-        case 0: K_GetFixedPalette(pp, bits > 8 ? bits : std::min(bits, 8)); break;
-        case 1: K_IntGetFixedPalette(bits); break;
-        case 2: if (RGBQUAD* g = K_CreateGrayPalette(bits)) K_GlobalFree(g); break;
-        case 3: if (RGBQUAD* g = K_CreateFixedPalette(bits)) K_GlobalFree(g); break;
-        case 4: if (RGBQUAD* g = K_DupPalette(pp, n)) K_GlobalFree(g); break;
-        case 5: K_FindPaletteIndex(pp, n, c.i32(), c.i32(), c.i32()); break;
-        case 6: K_IsGrayScalePalette(pp, n); break;
-        default:
-            if (uint32_t* t = K_CreateUserMatchTable(pp, n)) {
-                uint32_t* old = K_SetUserMatchTable(t);
-                K_GetUserMatchTable();
-                K_SetUserMatchTable(old);
-                K_FreeUserMatchTable(t);
-            }
-            K_FreeUserMatchTable(nullptr);
-    }
-}
 void opConvert(Ctx& c) {
     size_t size;
     uint8_t* b = c.buffer(&size);
@@ -621,10 +657,9 @@ void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn** out) {
 void opOrvaRgn(Ctx& c) {
     OrvaRgn** slot = c.rgnSlot();
     OrvaRgn *out = nullptr, *a, *b;
-    POINT pts[8];
     uint8_t flags[8];
-    int32_t x1, x2, count;
-    switch (c.byte() % 9) {
+    int32_t count;
+    switch (c.byte() % 5) {
         case 0:
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
             K_CreateOrvaRgnRect(c.orNull(slot), c.rectp());
@@ -634,18 +669,14 @@ void opOrvaRgn(Ctx& c) {
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
             K_CopyOrvaRgn(slot, a);
             break;
-        case 2: K_OffsetOrvaRgn(*slot, c.i32(), c.i32()); break;
-        case 3:
+        case 2:
             a = c.rgnOrNull(), b = c.rgnOrNull();
             keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out);
             break;
-        case 4: K_IsPtInOrvaRgn(*slot, c.coord(), c.coord(), &x1, &x2), K_GetOrvaRgnBounds(*slot, c.orNull(&c.box)); break;
-        case 5: K_ClipOrvaRgnRect(*slot, c.rectp()); break;
-        case 6: K_ScaleOrvaRgn(*slot, c.i32(), c.i32(), c.i32(), c.i32()); break;
-        case 7:
+        case 3:
             count = c.byte() < 220 ? c.byte() % 9 : c.i32();
-            for (int k = 0; k < 8; ++k) pts[k] = POINT{c.coord(), c.coord()}, flags[k] = c.byte();
-            if (count <= 8) keepRgn(slot, K_SegmentsToRegion(&out, pts, flags, count, c.byte() % 4), &out);
+            for (int k = 0; k < 8; ++k) c.pts[k] = POINT{c.coord(), c.coord()}, flags[k] = c.byte();
+            if (count <= 8) keepRgn(slot, K_SegmentsToRegion(&out, c.pts, flags, count, c.byte() % 4), &out);
             break;
         default: {
             HRGN h = c.handle();
@@ -654,24 +685,19 @@ void opOrvaRgn(Ctx& c) {
     }
 }
 void opHrgn(Ctx& c) {
-    const int h = c.byte() % kHandles, which = c.byte() % 12;
-    POINT pts[8];
+    const int h = c.byte() % kHandles, which = c.byte() % 7;
     HRGN v = nullptr;
-    uint8_t out[64];
     int32_t count;
-    auto del = [&](HRGN g) { return which == 8 ? DeleteObject(g) != 0 : K_WinDeleteObject(g) == KS_SUCCESS; };
+    auto del = [&](HRGN g) { return which == 5 ? DeleteObject(g) != 0 : K_WinDeleteObject(g) == KS_SUCCESS; };
     switch (which) {
         case 0: c.putHrgn(h, CreateRectRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
         case 1: c.putHrgn(h, CreateEllipticRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
         case 2:
-            for (auto& q : pts) q = POINT{c.coord(), c.coord()};
+            for (auto& q : c.pts) q = POINT{c.coord(), c.coord()};
             count = c.byte() < 220 ? c.byte() % 9 : c.i32();
-            if (count <= 8) c.putHrgn(h, CreatePolygonRgn(c.orNull(pts), count, c.byte() % 4));
+            if (count <= 8) c.putHrgn(h, CreatePolygonRgn(c.orNull(c.pts), count, c.byte() % 4));
             break;
-        case 3: CombineRgn(c.handle(), c.handle(), c.handle(), c.byte() % 8 - 1); break;
-        case 4: OffsetRgn(c.handle(), c.i32(), c.i32()); break;
-        case 5: GetRgnBox(c.handle(), c.orNull(&c.box)), PtInRegion(c.handle(), c.coord(), c.coord()); break;
-        case 6: {
+        case 3: {
             // Region data out and back in through ExtCreateRegion.
             HRGN src = c.handle();
             const uint32_t need = GetRegionData(src, 0, nullptr);
@@ -684,11 +710,7 @@ void opHrgn(Ctx& c) {
             c.putHrgn(h, ExtCreateRegion(nullptr, back, reinterpret_cast<const RGNDATA*>(data.data())));
             break;
         }
-        case 7: SetRectRgn(c.handle(), c.coord(), c.coord(), c.coord(), c.coord()); break;
-        case 9:
-            if ((count = c.byte() < 200 ? c.byte() % 65 : c.i32()) <= 64) GetObject(c.handle(), count, c.orNull(out));
-            break;
-        case 10:
+        case 4:
             if (K_WinCreateRectRgn(c.orNull(&v), c.coord(), c.coord(), c.coord(), c.coord()) == KS_SUCCESS) c.putHrgn(h, v);
             break;
         default:
@@ -700,26 +722,13 @@ void opHrgn(Ctx& c) {
     }
 }
 void opBitmapRgn(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
+    BITMAPRECORD *r = c.rec(), *m;
     const RGNXFORM* xf = c.xform();
     const uint32_t mode = c.mode();
-    OrvaRgn** slot;
-    OrvaRgn* g;
-    POINT pts[8];
-    BITMAPRECORD* m;
-    HRGN v = nullptr;
     uint32_t count, mx = 0;
     int32_t need = 0;
-    switch (c.byte() % 6) {
-        case 0:  // ownership passes to the call (freed also on failure)
-            slot = c.rgnSlot(), g = *slot, *slot = nullptr;
-            check(c, {r}, [&] { return K_SetBitmapRgn(r, xf, g, mode); });
-            break;
-        case 1:
-            for (auto& q : pts) q = POINT{c.coord(), c.coord()};
-            if ((count = c.usmall(9, 220)) <= 8) check(c, {r}, [&] { return K_SetBitmapRgnPolygon(r, xf, pts, count, c.byte() % 4, mode); });
-            break;
-        case 2: {
+    switch (c.byte() % 3) {
+        case 0: {
             check(c, {r}, [&] { return K_GetBitmapClipSegmentsMax(r, &mx); });
             std::vector<int32_t> seg(size_t(std::min<uint32_t>(mx, 4096)) * 2 + 2);
             count = uint32_t(seg.size() / 2);
@@ -727,11 +736,7 @@ void opBitmapRgn(Ctx& c) {
             check(c, {r}, [&] { return K_GetBitmapClipSegments(r, c.coord(), seg.data(), &count); });
             break;
         }
-        case 3:
-            if (check(c, {r}, [&] { return K_GetBitmapRgnHandle(r, xf, c.orNull(&v)); }) == KS_SUCCESS && v)
-                c.putHrgn(c.byte() % kHandles, v);
-            break;
-        case 4: {
+        case 1: {
             check(c, {r}, [&] { need = K_GetBitmapRgnData(r, xf, 0, nullptr); return int64_t(0); });
             if (need <= 0 || need > int32_t(kBuf) * 8) return;
             std::vector<uint8_t> data(static_cast<size_t>(need));
@@ -775,34 +780,10 @@ void opViewPerspective(Ctx& c) {
     if (rc < 0 && rp && std::memcmp(rp, &keep, sizeof keep) != 0) fail(c.op, "refused but changed the rectangle", rc);
     if (rc < 0 && (x != kx || y != ky)) fail(c.op, "refused but changed the point", rc);
 }
-void opRects(Ctx& c) {
-    RECT a{c.coord(), c.coord(), c.coord(), c.coord()}, b{c.coord(), c.coord(), c.coord(), c.coord()}, d{};
-    POINT p{c.coord(), c.coord()};
-    const int32_t dx = c.i32(), dy = c.i32();
-    const RECT keep = a;
-    switch (c.byte() % 14) {
-        case 0: IntersectRect(&d, &a, &b); break;
-        case 1: UnionRect(&d, &a, &b); break;
-        case 2: if (!InflateRect(&a, dx, dy) && std::memcmp(&a, &keep, sizeof a)) fail(c.op, "refused but changed"); break;
-        case 3: if (!OffsetRect(&a, dx, dy) && std::memcmp(&a, &keep, sizeof a)) fail(c.op, "refused but changed"); break;
-        case 4: PtInRect(&a, p), IsRectEmpty(&a), EqualRect(&a, &b), SetRectEmpty(&d), CopyRect(&d, &a); break;
-        case 5: SetRect(c.orNull(&d), dx, dy, c.i32(), c.i32()); break;
-        case 6: K_Rect_Inflate(&a, dx, dy); break;
-        case 7: K_Rect_Offset(&a, dx, dy); break;
-        case 8: K_Rect_Intersect(&d, &a, &b), K_Rect_IntersectsWith(&a, &b), K_Rect_Union(&d, &a, &b); break;
-        case 9: K_Rect_Width(&a), K_Rect_Height(&a), K_Rect_Size(&a), K_Rect_ContainsPoint(&a, &p); break;
-        case 10: K_Rect_ContainsRect(&a, &b), K_Rect_Make(dx, dy, c.i32(), c.i32()); break;
-        case 11: K_Point_Offset(&p, dx, dy), K_Rect_BottomRight(&a), K_Rect_ToRectD(&a); break;
-        case 12: K_Rect_IsEmpty(nullptr), K_Rect_Width(nullptr), K_Rect_Intersect(nullptr, &a, nullptr); break;
-        default: K_SinValue(c.i32()), K_CosValue(c.i32()); break;
-    }
-}
 void opGlobal(Ctx& c) {
     const int h = c.byte() % kHandles;
     HGLOBAL g = nullptr;
-    wchar_t msg[64], lib[64];
-    int32_t id, known;
-    switch (c.byte() % 6) {
+    switch (c.byte() % 4) {
         case 0:
             if (!(g = K_GlobalAlloc(c.usmall(0x50), size_t(c.size64()) % (1u << 20)))) return;
             if (c.globLive[h]) K_GlobalFree(c.glob[h]);
@@ -821,60 +802,44 @@ void opGlobal(Ctx& c) {
             if (c.globLive[h]) c.globLive[h] = false;
             else if (g = c.ghandle(); K_GlobalFree(g) == nullptr) c.forget(g);
             break;
-        case 3:
+        default:
             if (void* p = K_GlobalLock(g = c.ghandle())) {
                 const size_t s = K_GlobalSize(g);
                 if (s) static_cast<volatile uint8_t*>(p)[s - 1] = 1;  // the whole size is usable
                 K_GlobalUnlock(g);
             }
-            break;
-        case 4: K_GlobalUnlock(c.ghandle()), K_GlobalSize(c.ghandle()); break;
-        default:
-            if (const uint32_t chars = c.usmall(65, 220); chars <= 64) K_GetFriendlyErrorMessage(c.i32(), c.orNull(msg), chars, lib);
-            K_GetLibIdFromErrorCode(c.i32(), &id, c.orNull(&known));
     }
 }
 void opMisc(Ctx& c) {
-    uint32_t hsv[3], written, cap;
-    char src[32], dir[64];
+    uint32_t written;
+    char src[32];
     wchar_t w[32];
     uint16_t u16[32];
-    TEMPFILEOPTIONS o{};
-    STATUSCALLBACK f;
-    void* u;
     size_t size;
-    int32_t len;
-    switch (c.byte() % 8) {
-        case 0: K_SetDefaultXResolution(c.i32()), K_SetDefaultYResolution(c.i32()); break;
-        case 1:
-            for (auto& v : hsv) v = c.u32v();
-            K_HSVtoRGB2(hsv), K_RGBtoHSV2(c.u32v(), c.orNull(hsv)), K_HSVtoRGB(c.u32v()), K_RGBtoHSV(c.u32v());
-            break;
-        case 2:
-            for (auto& ch : src) ch = char(c.byte());
-            src[31] = 0;  // a negative length reads up to the terminator
-            len = c.small(33);
-            cap = c.byte() % 33;
-            if (len <= 32) K_Utf8ToWide(src, len, w, cap, &written), K_Utf8ToUtf16(src, len, u16, cap, &written);
-            break;
-        case 3:
-            K_GetTempFileOptions(c.orNull(&o), c.byte() < 200 ? TEMPFILEOPTIONS_SIZE : c.u32v());
-            cap = c.byte() % 65;
-            K_GetTempDirectoryUtf8(c.orNull(dir), cap);
-            break;
-        case 4: K_GetStatusCallBack(&f, c.orNull(&u)), K_GetCopyStatusCallBack(c.orNull(&f), &u); break;
-        case 5: {
-            uint8_t* b = c.buffer(&size);
-            const int32_t count = c.byte() < 220 ? c.byte() : c.i32();
-            const int32_t lo = c.byte() % 40 - 4, hi = c.byte() % 40 - 4;
-            if (!b || count < 0 || uint64_t(count) * 4 > size) return;
-            K_Gray32To16(b, b, count, lo, hi);
-            K_PadPixelData(b, c.pick(kDepths) % 33, count / 8, hi, lo, c.byte() % 2);
-            break;
-        }
-        case 6: K_GetVersionString(), K_GetProcessorCount(), K_GetCpuFeatures(); break;
-        default: K_SetDefaultMemoryType(c.u32v()), K_GetDefaultMemoryType(); break;
+    if (c.byte() & 1) {
+        for (auto& ch : src) ch = char(c.byte());
+        src[31] = 0;  // a negative length reads up to the terminator
+        const int32_t len = c.small(33);
+        const uint32_t cap = c.byte() % 33;
+        if (len <= 32) K_Utf8ToWide(src, len, w, cap, &written), K_Utf8ToUtf16(src, len, u16, cap, &written);
+        return;
     }
+    uint8_t* b = c.buffer(&size);
+    const int32_t count = c.byte() < 220 ? c.byte() : c.i32();
+    const int32_t lo = c.byte() % 40 - 4, hi = c.byte() % 40 - 4;
+    if (!b || count < 0 || uint64_t(count) * 4 > size) return;
+    K_Gray32To16(b, b, count, lo, hi);
+    K_PadPixelData(b, c.pick(kDepths) % 33, count / 8, hi, lo, c.byte() % 2);
+}
+void opMatchTable(Ctx& c) {
+    RGBQUAD* pp = c.palOrNull();
+    if (uint32_t* t = K_CreateUserMatchTable(pp, c.count256())) {
+        uint32_t* old = K_SetUserMatchTable(t);
+        K_GetUserMatchTable();
+        K_SetUserMatchTable(old);
+        K_FreeUserMatchTable(t);
+    }
+    K_FreeUserMatchTable(nullptr);
 }
 
 // ---------------------------------------------------------------- transforms into other records
@@ -951,7 +916,6 @@ void opRowResize(Ctx& c) {
         (void)K_Resize(row.data(), c.small(80, 220), bpp, &newWidth, &rows, data);
     }
     if (K_StopResize(data) != KS_SUCCESS) fail(c.op, "stop failed");
-    (void)K_SQRT(c.u32());
 }
 void opColorRes(Ctx& c) {
     BITMAPRECORD* s = c.rec();
@@ -998,13 +962,6 @@ void opDisplay(Ctx& c) {
     else if (len <= 4096) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); });
 }
 
-// ---------------------------------------------------------------- lists and playback
-// A list handle: live, destroyed, null or bytes that were never a list.
-HBITMAPLIST listHandle(Ctx& c) {
-    const uint8_t b = c.byte();
-    if (b < 225) return c.list[b % kLists];
-    return b < 240 ? reinterpret_cast<HBITMAPLIST>(&c.foreign) : nullptr;
-}
 // A record whose storage a call moved into a list: the slot lets go of it without freeing (the list owns
 // it now) and starts afresh.
 void handedOver(Ctx& c, BITMAPRECORD* r) {
@@ -1033,7 +990,7 @@ void makesList(Ctx& c, F&& call) {
     else if (rc >= 0) fail(c.op, "odd status", rc);
 }
 void opList(Ctx& c) {
-    const uint8_t which = c.byte() % 12;
+    const uint8_t which = c.byte() % 11;
     const uint32_t index = c.usmall(6), count = c.usmall(5);
     HBITMAPLIST h;
     BITMAPRECORD *r, *old, tmp;
@@ -1051,7 +1008,7 @@ void opList(Ctx& c) {
             break;
         }
         case 2:
-            rc = K_GetBitmapListCount(listHandle(c), c.orNull(&got, 245));
+            rc = K_GetBitmapListCount(c.listHandle(), c.orNull(&got, 245));
             if (rc < 0 && got != 0xABCDu) fail(c.op, "a failing count wrote its result", rc);
             break;
         case 3:
@@ -1059,7 +1016,7 @@ void opList(Ctx& c) {
             // Insert (or replace): the record's storage moves into the list. (The garbage record's owned
             // fields would then belong to two owners.)
             if ((r = c.rec()) == &c.foreign) return;
-            h = listHandle(c);
+            h = c.listHandle();
             if (which == 3) {
                 rc = int32_t(check(c, {r}, [&] { return K_InsertBitmapListItem(h, index, r); }));
             } else {
@@ -1071,14 +1028,13 @@ void opList(Ctx& c) {
             break;
         case 5:  // take an item out into a fresh slot, or free it (null)
             r = c.byte() & 1 ? nullptr : outRec(c, nullptr);
-            check(c, {r}, [&] { return K_RemoveBitmapListItem(listHandle(c), index, r); }, 1u);
+            check(c, {r}, [&] { return K_RemoveBitmapListItem(c.listHandle(), index, r); }, 1u);
             break;
-        case 6: (void)K_DeleteBitmapListItems(listHandle(c), index, count); break;
-        case 7:
+        case 6:
             // Get a copy of an item (the list keeps ownership) and set it back, with frame words of the
             // caller's choosing for the playback.
             std::memset(&tmp, 0xEE, sizeof tmp);
-            h = listHandle(c);
+            h = c.listHandle();
             size = c.sizeWord(200);
             if ((rc = K_GetBitmapListItem(h, index, c.orNull(&tmp, 245), size)) < 0) {
                 for (size_t k = 0; k < sizeof tmp; ++k)
@@ -1094,22 +1050,22 @@ void opList(Ctx& c) {
             tmp.uFlags = (tmp.uFlags & ~(bits[1] | bits[2] | bits[3])) | c.pick(bits);
             if (K_SetBitmapListItem(h, index, &tmp) != KS_SUCCESS) fail(c.op, "setting back a got item failed");
             break;
-        case 8:  // deep copies into a new list
-            h = listHandle(c);
+        case 7:  // deep copies into a new list
+            h = c.listHandle();
             makesList(c, [&](HBITMAPLIST* o) { return K_CopyBitmapListItems(o, h, index, count); });
             break;
-        case 9:
-            h = listHandle(c);
+        case 8:
+            h = c.listHandle();
             makesList(c, [&](HBITMAPLIST* o) { return K_MoveBitmapListItems(o, h, index, count); });
             break;
-        case 10:
+        case 9:
             std::memset(c.pal, 0xCD, sizeof c.pal);
-            (void)K_CreateBitmapListOptPal(listHandle(c), c.orNull(c.pal, 245), c.colours(), c.small(8, 220), c.u32v(), &used);
+            (void)K_CreateBitmapListOptPal(c.listHandle(), c.orNull(c.pal, 245), c.colours(), c.small(8, 220), c.u32v(), &used);
             break;
         default:
             // Setting an item to an empty record leaves the old item to the caller: only an item that owns
             // nothing is overwritten that way.
-            h = listHandle(c);
+            h = c.listHandle();
             if (K_GetBitmapListItem(h, index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS) {
                 (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
                 return;
@@ -1118,19 +1074,15 @@ void opList(Ctx& c) {
             if (K_SetBitmapListItem(h, index, nullptr) != KS_SUCCESS) fail(c.op, "clearing an item failed");
     }
 }
-// A playback handle: live, destroyed, null, or another kind of handle.
-HPLAYBACK playHandle(Ctx& c) {
-    const uint8_t b = c.byte();
-    if (b < 200) return c.play[b % kPlays];
-    if (b < 215) return reinterpret_cast<HPLAYBACK>(c.list[b % kLists]);
-    if (b < 230) return reinterpret_cast<HPLAYBACK>(c.glob[b % kHandles]);
-    return b < 245 ? reinterpret_cast<HPLAYBACK>(&c.foreign) : nullptr;
-}
 // Playback k is over: its target, a valid bitmap to the end, is freed.
 void endPlayback(Ctx& c, int k) {
     c.playLive[k] = false;
     validate(&c.target[k], c.op);
     if (K_FreeBitmap(&c.target[k]) != KS_SUCCESS) fail(c.op, "freeing a playback target failed");
+}
+void validateTargets(Ctx& c) {
+    for (int p = 0; p < kPlays; ++p)
+        if (c.playLive[p]) validate(&c.target[p], c.op);
 }
 void destroyPlayback(Ctx& c, int k) {
     if (!c.playLive[k]) return;
@@ -1138,14 +1090,13 @@ void destroyPlayback(Ctx& c, int k) {
     endPlayback(c, k);
 }
 void opPlayback(Ctx& c) {
-    const uint8_t which = c.byte() % 10;
+    const uint8_t which = c.byte() % 4;
     const int k = c.byte() % kPlays;
     const int32_t depths[] = {1, 4, 8, 16, 24, 32, 48, 64};
     BITMAPRECORD &t = c.target[k], *r;
     HPLAYBACK h = nullptr;
     HBITMAPLIST l;
     int32_t v = 0;
-    uint32_t ms = 0;
     int j = 0;
     switch (which) {
         case 0:
@@ -1156,7 +1107,7 @@ void opPlayback(Ctx& c) {
                                c.pick(depths), c.byte() % 3 - 1, nullptr, c.byte() % 8 + 1, nullptr, 0) != KS_SUCCESS)
                 return;
             FRAME_BACKGROUND_COLOR(&t) = c.u32v();
-            l = c.byte() & 1 ? nullptr : listHandle(c);
+            l = c.byte() & 1 ? nullptr : c.listHandle();
             if (check(c, {&t}, [&] { return K_CreatePlayback(c.orNull(&h, 245), &t, l); }) == KS_SUCCESS) {
                 c.play[k] = h, c.playLive[k] = true;
                 break;
@@ -1170,14 +1121,14 @@ void opPlayback(Ctx& c) {
                 break;
             }
             // Only a live playback can be destroyed.
-            if (K_DestroyPlayback(h = playHandle(c)) != KS_SUCCESS) break;
+            if (K_DestroyPlayback(h = c.playHandle()) != KS_SUCCESS) break;
             while (j < kPlays && !(c.playLive[j] && c.play[j] == h)) ++j;
             if (j == kPlays) fail(c.op, "a handle that is not a live playback was destroyed");
             endPlayback(c, j);
             break;
         case 2:
             // Steps of the state machine (never sleeping on a wait); the target stays a valid bitmap.
-            h = playHandle(c);
+            h = c.playHandle();
             for (int s = 0, steps = c.byte() % 24 + 1; s < steps; ++s) {
                 v = -1;
                 if (K_ProcessPlayback(h, c.orNull(&v, 245)) != KS_SUCCESS) break;
@@ -1185,41 +1136,95 @@ void opPlayback(Ctx& c) {
                 if (v == PLAYBACK_STATE_WAITINPUT || v == PLAYBACK_STATE_WAITDELAY || v == PLAYBACK_STATE_WAITBOTH) K_CancelPlaybackWait(h);
             }
             break;
-        case 3: (void)K_SetPlaybackIndex(playHandle(c), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32()); break;
-        case 4:  // a frame appended: its storage moves into the playback's list
-            if ((r = c.rec()) != &c.foreign && check(c, {r}, [&] { return K_AppendPlayback(playHandle(c), r); }) == KS_SUCCESS)
+        default:  // a frame appended: its storage moves into the playback's list
+            if ((r = c.rec()) != &c.foreign && check(c, {r}, [&] { return K_AppendPlayback(c.playHandle(), r); }) == KS_SUCCESS)
                 handedOver(c, r);
-            break;
-        case 5: (void)K_ValidatePlaybackLines(playHandle(c), c.i32(), c.i32()); break;
-        case 6: K_GetPlaybackUpdateRect(playHandle(c), c.orNull(&c.box, 245), c.byte() & 1), K_ClearPlaybackUpdateRect(playHandle(c)); break;
-        case 7:
-            K_GetPlaybackState(playHandle(c), c.orNull(&v, 245)), K_GetPlaybackIndex(playHandle(c), c.orNull(&v, 245));
-            K_GetPlaybackDelay(playHandle(c), c.orNull(&ms, 245));
-            break;
-        default: (void)K_CancelPlaybackWait(playHandle(c)); break;
     }
-    for (int p = 0; p < kPlays; ++p)
-        if (c.playLive[p]) validate(&c.target[p], c.op);
+    validateTargets(c);
 }
 
-// ---------------------------------------------------------------- the script
+// ---------------------------------------------------------------- calls on no pool record
+// Made for their refusals of hostile values (the sanitizers watch them); their results are not checked
+// here, except that a refused rectangle change leaves the rectangle alone. Handles are looked up, never
+// trusted; a playback target stays a valid bitmap.
 struct Op {
     const char* name;
     void (*fn)(Ctx&);
 };
+#define PLAIN(...) {#__VA_ARGS__, [](Ctx& c) { (void)c, (void)(__VA_ARGS__); }}
+const Op kPlainCalls[] = {
+    PLAIN(IntersectRect(&c.box, c.rect4(0), c.rect4(1))), PLAIN(UnionRect(&c.box, c.rect4(0), c.rect4(1))),
+    PLAIN(c.sameIfRefused(InflateRect(c.rect4(0), c.i32(), c.i32()))),
+    PLAIN(c.sameIfRefused(OffsetRect(c.rect4(0), c.i32(), c.i32()))),
+    PLAIN(PtInRect(c.rect4(0), *c.point()), IsRectEmpty(c.rect4(0)), EqualRect(c.rect4(0), c.rect4(1)),
+          SetRectEmpty(&c.box), CopyRect(&c.box, c.rect4(0))),
+    PLAIN(SetRect(c.orNull(&c.box), c.i32(), c.i32(), c.i32(), c.i32())),
+    PLAIN(K_Rect_Inflate(c.rect4(0), c.i32(), c.i32())), PLAIN(K_Rect_Offset(c.rect4(0), c.i32(), c.i32())),
+    PLAIN(K_Rect_Intersect(&c.box, c.rect4(0), c.rect4(1)), K_Rect_IntersectsWith(c.rect4(0), c.rect4(1)),
+          K_Rect_Union(&c.box, c.rect4(0), c.rect4(1))),
+    PLAIN(K_Rect_Width(c.rect4(0)), K_Rect_Height(c.rect4(0)), K_Rect_Size(c.rect4(0)),
+          K_Rect_ContainsPoint(c.rect4(0), c.point())),
+    PLAIN(K_Rect_ContainsRect(c.rect4(0), c.rect4(1)), K_Rect_Make(c.i32(), c.i32(), c.i32(), c.i32())),
+    PLAIN(K_Point_Offset(c.point(), c.i32(), c.i32()), K_Rect_BottomRight(c.rect4(0)), K_Rect_ToRectD(c.rect4(0))),
+    PLAIN(K_Rect_IsEmpty(nullptr), K_Rect_Width(nullptr), K_Rect_Intersect(nullptr, c.rect4(0), nullptr)),
+    PLAIN(K_SinValue(c.i32()), K_CosValue(c.i32()), K_SQRT(c.u32())),
+    // runtime services
+    PLAIN(K_SetDefaultXResolution(c.i32()), K_SetDefaultYResolution(c.i32())),
+    PLAIN(K_HSVtoRGB2(c.hsv()), K_RGBtoHSV2(c.u32v(), c.orNull(c.hsv3)), K_HSVtoRGB(c.u32v()), K_RGBtoHSV(c.u32v())),
+    PLAIN(K_GetTempFileOptions(c.orNull(&c.tempOptions), c.byte() < 200 ? TEMPFILEOPTIONS_SIZE : c.u32v()),
+          K_GetTempDirectoryUtf8(c.orNull(c.dir), c.byte() % 65)),
+    PLAIN(K_GetStatusCallBack(&c.status, c.orNull(&c.user)), K_GetCopyStatusCallBack(c.orNull(&c.status), &c.user)),
+    PLAIN(K_GetVersionString(), K_GetProcessorCount(), K_GetCpuFeatures()),
+    PLAIN(K_SetDefaultMemoryType(c.u32v()), K_GetDefaultMemoryType()),
+    PLAIN(K_GlobalUnlock(c.ghandle()), K_GlobalSize(c.ghandle())),
+    PLAIN((c.uo = c.usmall(65, 220)) <= 64 ? K_GetFriendlyErrorMessage(c.i32(), c.orNull(c.msg), c.uo, c.lib) : 0,
+          K_GetLibIdFromErrorCode(c.i32(), &c.io, c.orNull(&c.io2))),
+    // palettes
+    PLAIN(K_GetFixedPalette(c.palOrNull(), c.pick(kDepths))), PLAIN(K_IntGetFixedPalette(c.pick(kDepths))),
+    PLAIN(K_GlobalFree(K_CreateGrayPalette(c.pick(kDepths)))), PLAIN(K_GlobalFree(K_CreateFixedPalette(c.pick(kDepths)))),
+    PLAIN(K_GlobalFree(K_DupPalette(c.palOrNull(), c.count256()))),
+    PLAIN(K_FindPaletteIndex(c.palOrNull(), c.count256(), c.i32(), c.i32(), c.i32())),
+    PLAIN(K_IsGrayScalePalette(c.palOrNull(), c.count256())),
+    // regions and region handles
+    PLAIN(K_OffsetOrvaRgn(*c.rgnSlot(), c.i32(), c.i32())),
+    PLAIN(K_IsPtInOrvaRgn(*c.rgnSlot(), c.coord(), c.coord(), &c.io, &c.io2), K_GetOrvaRgnBounds(*c.rgnSlot(), c.orNull(&c.box))),
+    PLAIN(K_ClipOrvaRgnRect(*c.rgnSlot(), c.rectp())), PLAIN(K_ScaleOrvaRgn(*c.rgnSlot(), c.i32(), c.i32(), c.i32(), c.i32())),
+    PLAIN(CombineRgn(c.handle(), c.handle(), c.handle(), c.byte() % 8 - 1)), PLAIN(OffsetRgn(c.handle(), c.i32(), c.i32())),
+    PLAIN(GetRgnBox(c.handle(), c.orNull(&c.box)), PtInRegion(c.handle(), c.coord(), c.coord())),
+    PLAIN(SetRectRgn(c.handle(), c.coord(), c.coord(), c.coord(), c.coord())),
+    PLAIN((c.io = c.byte() < 200 ? c.byte() % 65 : c.i32()) <= 64 ? GetObject(c.handle(), c.io, c.orNull(c.t8)) : 0),
+    // lists and playbacks
+    PLAIN(K_DeleteBitmapListItems(c.listHandle(), c.usmall(6), c.usmall(5))),
+    PLAIN(K_SetPlaybackIndex(c.playHandle(), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32())),
+    PLAIN(K_ValidatePlaybackLines(c.playHandle(), c.i32(), c.i32())),
+    PLAIN(K_GetPlaybackUpdateRect(c.playHandle(), c.orNull(&c.box, 245), c.byte() & 1), K_ClearPlaybackUpdateRect(c.playHandle())),
+    PLAIN(K_GetPlaybackState(c.playHandle(), c.orNull(&c.io, 245)), K_GetPlaybackIndex(c.playHandle(), c.orNull(&c.io, 245)),
+          K_GetPlaybackDelay(c.playHandle(), c.orNull(&c.uo, 245))),
+    PLAIN(K_CancelPlaybackWait(c.playHandle())),
+};
+#undef PLAIN
+void opPlainCall(Ctx& c) {
+    const Op& k = c.pick(kPlainCalls);
+    c.op = k.name;
+    k.fn(c);
+    validateTargets(c);
+}
+
+// ---------------------------------------------------------------- the script
 // (Listed more than once: the ops behind the most functions get more steps.)
 const Op kOps[] = {
     {"record call", opRecordCall}, {"record call", opRecordCall}, {"record call", opRecordCall},
-    {"record call", opRecordCall}, {"record call", opRecordCall}, {"init", opInit}, {"create", opCreate},
+    {"record call", opRecordCall}, {"record call", opRecordCall}, {"plain call", opPlainCall},
+    {"plain call", opPlainCall}, {"plain call", opPlainCall}, {"init", opInit}, {"create", opCreate},
     {"create", opCreate}, {"allocate", opAllocate}, {"free", opFree}, {"set data pointer", opSetDataPointer},
     {"int access/release", opIntAccessRelease}, {"relabel layout", opRelabel}, {"memory settings", opMemorySettings},
     {"rows", opRows}, {"rows", opRows}, {"compressed rows", opRuns}, {"bitmap palette", opPalette},
-    {"palette helpers", opPaletteHelpers}, {"convert", opConvert}, {"dither line", opDitherLine},
-    {"orva region", opOrvaRgn}, {"orva region", opOrvaRgn}, {"region handle", opHrgn}, {"region handle", opHrgn},
-    {"bitmap region", opBitmapRgn}, {"view perspective", opViewPerspective}, {"rectangles", opRects},
-    {"global memory", opGlobal}, {"misc", opMisc}, {"into a record", opIntoRecord}, {"into a record", opIntoRecord},
-    {"buffer turns", opBuffers}, {"row resizer", opRowResize}, {"colour resolution", opColorRes},
-    {"display", opDisplay}, {"lists", opList}, {"lists", opList}, {"playback", opPlayback}};
+    {"match table", opMatchTable}, {"convert", opConvert}, {"dither line", opDitherLine}, {"orva region", opOrvaRgn},
+    {"region handle", opHrgn}, {"region handle", opHrgn}, {"bitmap region", opBitmapRgn},
+    {"view perspective", opViewPerspective}, {"global memory", opGlobal}, {"text and grey", opMisc},
+    {"into a record", opIntoRecord}, {"into a record", opIntoRecord}, {"buffer turns", opBuffers},
+    {"row resizer", opRowResize}, {"colour resolution", opColorRes}, {"display", opDisplay}, {"lists", opList},
+    {"lists", opList}, {"playback", opPlayback}};
 
 }  // namespace
 
