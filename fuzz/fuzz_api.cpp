@@ -1,25 +1,21 @@
-// fuzz_api.cpp - the exported functions as a hostile caller uses them.
-//
-// The input is a script: each step picks an op and its arguments, over a small pool of bitmap records,
-// regions, region handles, global-memory blocks, lists, playbacks and buffers. Arguments come from tables
-// of hostile values (0, -1, INT_MIN, INT_MAX, huge sizes, wrong size words, null pointers, older-layout
-// records, foreign and freed handles) or raw bytes.
-//
-// The contract checked after every call (check()): a call given a record with a size word of no layout
-// fails; a failing call leaves every record it was given exactly as it was (bytes and a digest of its
-// rows); a record left allocated passes validate(). After the script every object is freed, and the
-// live-block count and the conventional-memory counter are back.
-//
-// Caps keep one bitmap small (a data size above 4 MiB is only ever requested with memory types that
-// cannot take tiles or disk, under an 8 MiB cap). Extending: a call on one or two pool records whose
-// other arguments are plain values is one row of kRecordCalls; anything else is an op in kOps.
+// fuzz_api.cpp - the exported functions as a hostile caller uses them. The input is a script: each step
+// picks an op and its arguments over a small pool of bitmap records, regions, region handles, global-memory
+// blocks, lists, playbacks and buffers; arguments are hostile values (0, -1, INT_MIN, huge sizes, wrong size
+// words, null pointers, older-layout records, foreign and freed handles) or raw bytes.
+// The contract (check()): a call given a record with a size word of no layout fails; a failing call leaves
+// every record it was given exactly as it was (bytes and a digest of its rows); a record left allocated
+// passes validate(). After the script everything is freed and the live-block and conventional-memory
+// counts are back. A data size above 4 MiB is only asked for with memory types that cannot take tiles or
+// disk, under an 8 MiB cap. A new export is a row of kRecordCalls or kPlainCalls, or an op in kOps.
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <utility>
 #include <vector>
 
 #include "fuzz_input.h"
@@ -59,42 +55,37 @@ uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
 
 struct Ctx : fuzzinput::Input {
     const char* op = "";
-    BITMAPRECORD bm[kSlots];
+    BITMAPRECORD bm[kSlots], foreign;        // the pool's records; bytes the library never made
     std::vector<uint8_t> caller[kSlots];     // caller memory attached to a record
     std::vector<std::vector<uint8_t>> keep;  // caller memory handed over later, kept to the end
-    BITMAPRECORD foreign;                    // bytes the library never made
-    OrvaRgn* rgn[kRgns] = {};
-    HRGN hrgn[kHandles] = {};  // may hold freed handles: never dereferenced here
-    bool hrgnLive[kHandles] = {};
-    HGLOBAL glob[kHandles] = {};
-    bool globLive[kHandles] = {};
     std::vector<uint8_t> buf[2];
-    HBITMAPLIST list[kLists] = {};  // may hold destroyed handles: looked up, never dereferenced here
-    bool listLive[kLists] = {};
-    HPLAYBACK play[kPlays] = {};  // may hold destroyed handles
-    bool playLive[kPlays] = {};
+    // Handles may be freed or destroyed ones: the library looks them up, they are never dereferenced here.
+    OrvaRgn* rgn[kRgns] = {};
+    HRGN hrgn[kHandles] = {};
+    HGLOBAL glob[kHandles] = {};
+    HBITMAPLIST list[kLists] = {};
+    HPLAYBACK play[kPlays] = {};
+    bool hrgnLive[kHandles] = {}, globLive[kHandles] = {}, listLive[kLists] = {}, playLive[kPlays] = {};
     BITMAPRECORD target[kPlays] = {};  // the target of each live playback, which must outlive it
     int relabelled = -1;               // slot whose size word relabel() changed
     uint32_t relabelWord = 0, relabelTo = 0;
     // Arguments a call reads or writes through a pointer.
-    RECT rect{}, box{};
+    RECT rect{}, box{}, rs[2], keepRect;
+    POINT pt, pts[8];
     RGNXFORM xf;
     RGBQUAD pal[256];
     BITMAPDATACALLBACKS cb;
-    uint32_t uo = 0;
+    TEMPFILEOPTIONS tempOptions;
+    STATUSCALLBACK status;
+    void* user;
+    HRGN hout = nullptr;
+    uint32_t uo = 0, hsv3[3];
     int32_t io = 0, io2 = 0;
     uint64_t area = 0;
     uint8_t t8[256];
-    std::vector<uint16_t> t16;
-    RECT rs[2], keepRect;
-    POINT pt, pts[8];
-    uint32_t hsv3[3];
-    STATUSCALLBACK status;
-    void* user;
-    TEMPFILEOPTIONS tempOptions;
     char dir[64];
     wchar_t msg[64], lib[64];
-    HRGN hout = nullptr;
+    std::vector<uint16_t> t16;
 
     // A handle freed through a call that may also free the other kind.
     void forget(const void* h) {
@@ -109,36 +100,27 @@ struct Ctx : fuzzinput::Input {
     }
     bool isSlot(const BITMAPRECORD* r) const { return r >= bm && r < bm + kSlots; }
 
-    // The record of slot s shown with a size word of no layout until the current call is over. Left
-    // alone: records that hold something past the older layout (an older-layout call drops those fields,
-    // by design), and the words of a layout (an older-layout record shown as the current one would hand
-    // the library stale pointers; a current one shown in the older layout would keep a stale data size
-    // after a successful call).
+    // The record of slot s shown with a size word of no layout until the current call is over. Left alone:
+    // records holding fields past the older layout (an older-layout call drops them, by design), and the
+    // words of a layout (they would hand the library stale pointers or keep a stale data size).
     void relabel(int s) {
         BITMAPRECORD* r = &bm[s];
         if (relabelled >= 0) return;
         if (r->pCallbacks || r->hListBlock || ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize)) return;
         const uint32_t to = pick(kSizeWords);
         if ((r->uStructSize != BITMAPRECORD_SIZE && to == BITMAPRECORD_SIZE) || krn::recordSizeValid(to)) return;
-        relabelled = s;
-        relabelWord = r->uStructSize;
+        relabelled = s, relabelWord = r->uStructSize;
         r->uStructSize = relabelTo = to;
     }
 
-    // ---- values: mostly from the tables, sometimes a raw word
+    // ---- values: mostly from the tables or small, sometimes hostile or a raw word
     int32_t i32() {
         const uint8_t b = byte();
         return b < 200 ? kI32[b % std::size(kI32)] : b < 240 ? int32_t(b) - 220 : int32_t(u32());
     }
-    int32_t coord() {
-        const uint8_t b = byte();
-        return b < 160 ? int32_t(b % 80) - 8 : i32();
-    }
+    int32_t coord() { return at(160) ? int32_t(last() % 80) - 8 : i32(); }
     uint32_t u32v() { return uint32_t(i32()); }
-    uint64_t size64() {
-        const uint8_t b = byte();
-        return b < 128 ? b : kSizes[b % std::size(kSizes)];
-    }
+    uint64_t size64() { return at(128) ? last() : kSizes[last() % std::size(kSizes)]; }
     // A small value below `lim` (picked with a byte below `cut`) or a hostile one.
     int32_t small(int32_t lim, uint8_t cut = 200) { return byte() < cut ? int32_t(byte() % lim) : i32(); }
     uint32_t usmall(uint32_t lim, uint8_t cut = 200) { return byte() < cut ? byte() % lim : u32v(); }
@@ -152,16 +134,10 @@ struct Ctx : fuzzinput::Input {
     uint32_t resizeFlags() { return byte() < 220 ? uint32_t(byte()) & 0x3Fu : u32v(); }
     const RGBQUAD* fixedPal() { return byte() < 200 ? K_IntGetFixedPalette(8) : nullptr; }
     // Small target sizes, or values every call must refuse.
-    int32_t targetDim() {
-        const uint8_t b = byte();
-        const int32_t bad[] = {0, -1, -7, INT32_MIN};
-        return b < 220 ? int32_t(b % 72) + 1 : bad[b % 4];
-    }
+    int32_t targetDim() { return at(220) ? int32_t(last() % 72) + 1 : std::array{0, -1, -7, INT32_MIN}[last() % 4]; }
     // A palette count: 1..256 or a hostile value (never more than the palette holds).
-    int32_t colours() {
-        const int32_t n = byte() < 220 ? int32_t(byte()) + 1 : i32();
-        return n > 256 ? 256 : n;
-    }
+    int32_t colours() { return std::min(byte() < 220 ? int32_t(byte()) + 1 : i32(), 256); }
+    int32_t count256() { return std::min(small(257, 220), 256); }
     int32_t height(const BITMAPRECORD* r) {
         const int32_t h = byte() < 128 ? int32_t(byte() % 70) : pick(kDims);
         return r && isSlot(r) && plannedSize(r->nWidth, h, r->nBitsPerPixel) > kMaxData ? -1 : h;
@@ -171,54 +147,13 @@ struct Ctx : fuzzinput::Input {
         cb.uStructSize = byte() < 200 ? BITMAPDATACALLBACKS_SIZE : u32v();
         return &cb;
     }
-    uint16_t* table16() {
-        t16.resize(65536);
-        return byte() & 1 ? t16.data() : nullptr;
-    }
-
-    // ---- pool
-    BITMAPRECORD* rec() {
-        const uint8_t b = byte();
-        if (b >= 212 && b < 230) relabel(b % kSlots);  // this call sees another size word
-        return b < 230 ? &bm[b % kSlots] : b < 245 ? &foreign : nullptr;
-    }
-    int slot() { return byte() % kSlots; }
-    uint8_t* buffer(size_t* size) {
-        uint8_t b = byte();
-        *size = b >= 240 ? 0 : buf[b & 1].size();
-        return b >= 240 ? nullptr : buf[b & 1].data();
-    }
-    RECT* rectp() {
-        if (byte() >= 240) return nullptr;
-        rect = RECT{coord(), coord(), coord(), coord()};
-        return &rect;
-    }
-    OrvaRgn** rgnSlot() { return &rgn[byte() % kRgns]; }
-    OrvaRgn* rgnOrNull() {
-        const uint8_t b = byte();
-        return b < 240 ? rgn[b % kRgns] : nullptr;
-    }
-    // A handle of the pool's own kind, of the other kind, never a handle, null or all ones.
-    void* anyHandle(void* const* own, void* const* other) {
-        const uint8_t b = byte();
-        if (b < 220) return b < 200 ? own[b % kHandles] : other[b % kHandles];
-        return b < 235 ? &foreign : reinterpret_cast<void*>(uintptr_t(b < 245 ? 0 : ~uintptr_t(0)));
-    }
-    HRGN handle() { return HRGN(anyHandle(reinterpret_cast<void**>(hrgn), glob)); }
-    HGLOBAL ghandle() { return anyHandle(glob, reinterpret_cast<void**>(hrgn)); }
-    const RGNXFORM* xform() {
-        const uint8_t b = byte();
-        if (b >= 230) return nullptr;
-        xf = RGNXFORM{int32_t(b % 10), 1, 1, 1, 1, 0, 0};
-        if (b & 0x10) xf = RGNXFORM{i32(), i32(), i32(), i32(), i32(), i32(), i32()};
-        return &xf;
-    }
+    uint16_t* table16() { return t16.resize(65536), byte() & 1 ? t16.data() : nullptr; }
     RGBQUAD* palette() {
         for (auto& q : pal) q = RGBQUAD{byte(), byte(), byte(), 0};
         return pal;
     }
     RGBQUAD* palOrNull() { return palette(), byte() > 230 ? nullptr : pal; }
-    int32_t count256() { return std::min(small(257, 220), 256); }
+    RECT* rectp() { return byte() >= 240 ? nullptr : &(rect = RECT{coord(), coord(), coord(), coord()}); }
     // Rectangle k from the input; a refused change of rectangle 0 must leave it as it was.
     RECT* rect4(int k) {
         rs[k] = RECT{coord(), coord(), coord(), coord()};
@@ -230,27 +165,48 @@ struct Ctx : fuzzinput::Input {
         return ok;
     }
     POINT* point() { return &(pt = POINT{coord(), coord()}); }
-    uint32_t* hsv() {
-        for (auto& v : hsv3) v = u32v();
-        return hsv3;
-    }
+    uint32_t* hsv() { return hsv3[0] = u32v(), hsv3[1] = u32v(), hsv3[2] = u32v(), hsv3; }
     // Eight points and a count of them (hostile sometimes): above 8, no call.
     uint32_t polygon() {
         for (auto& q : pts) q = POINT{coord(), coord()};
         return usmall(9, 220);
     }
-    // The pool region of a slot handed to a call that takes ownership of it (freed also on failure).
-    OrvaRgn* takeRgn() {
-        OrvaRgn** slot = rgnSlot();
-        OrvaRgn* g = *slot;
-        *slot = nullptr;
-        return g;
+    const RGNXFORM* xform() {
+        const uint8_t b = byte();
+        if (b >= 230) return nullptr;
+        xf = RGNXFORM{int32_t(b % 10), 1, 1, 1, 1, 0, 0};
+        if (b & 0x10) xf = RGNXFORM{i32(), i32(), i32(), i32(), i32(), i32(), i32()};
+        return &xf;
     }
+
+    // ---- pool
+    BITMAPRECORD* rec() {
+        const uint8_t b = byte();
+        if (b >= 212 && b < 230) relabel(b % kSlots);  // this call sees another size word
+        return b < 230 ? &bm[b % kSlots] : b < 245 ? &foreign : nullptr;
+    }
+    int slot() { return byte() % kSlots; }
+    uint8_t* buffer(size_t* size) {
+        const uint8_t b = byte();
+        *size = b >= 240 ? 0 : buf[b & 1].size();
+        return b >= 240 ? nullptr : buf[b & 1].data();
+    }
+    OrvaRgn** rgnSlot() { return &rgn[byte() % kRgns]; }
+    OrvaRgn* rgnOrNull() { return at(240) ? rgn[last() % kRgns] : nullptr; }
+    // The pool region of a slot handed to a call that takes ownership of it (freed also on failure).
+    OrvaRgn* takeRgn() { return std::exchange(*rgnSlot(), nullptr); }
+    // A handle of the pool's own kind, of the other kind, never a handle, null or all ones.
+    void* anyHandle(void* const* own, void* const* other) {
+        const uint8_t b = byte();
+        if (b < 220) return b < 200 ? own[b % kHandles] : other[b % kHandles];
+        return b < 235 ? &foreign : reinterpret_cast<void*>(uintptr_t(b < 245 ? 0 : ~uintptr_t(0)));
+    }
+    HRGN handle() { return HRGN(anyHandle(reinterpret_cast<void**>(hrgn), glob)); }
+    HGLOBAL ghandle() { return anyHandle(glob, reinterpret_cast<void**>(hrgn)); }
     // A region handle a call made into hout goes to a pool slot.
     int64_t keepHrgn(int64_t rc) {
         if (rc == KS_SUCCESS && hout) putHrgn(byte() % kHandles, hout);
-        hout = nullptr;
-        return rc;
+        return hout = nullptr, rc;
     }
     // A list handle: live, destroyed, null or bytes that were never a list.
     HBITMAPLIST listHandle() {
@@ -265,6 +221,11 @@ struct Ctx : fuzzinput::Input {
         if (b < 230) return reinterpret_cast<HPLAYBACK>(glob[b % kHandles]);
         return b < 245 ? reinterpret_cast<HPLAYBACK>(&foreign) : nullptr;
     }
+
+    uint8_t last_ = 0;
+    // at(cut): reads a byte and tells whether it is below cut; last() is that byte.
+    bool at(uint8_t cut) { return (last_ = byte()) < cut; }
+    uint8_t last() const { return last_; }
 };
 
 // ---------------------------------------------------------------- the contract
@@ -309,10 +270,9 @@ void validate(BITMAPRECORD* r, const char* op) {
     (void)digest(r, op);  // every row readable
 }
 
-// Runs one call that takes records: a negative status must leave them as they were; a record left
-// allocated must be valid. `outputs` marks (bit k) records the call makes afresh (their size word is an
-// argument or written by the call); any other record given with a size word of no layout must make the
-// call fail (-789 or an earlier refusal).
+// Runs one call that takes records: a negative status must leave them as they were; a record left allocated
+// must be valid. Any record given with a size word of no layout, except those `outputs` marks (bit k: made
+// afresh by the call), must make the call fail.
 template <class F>
 int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint32_t outputs = 0) {
     bool badSize = false;
@@ -338,25 +298,21 @@ int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint3
     return rc;
 }
 
-// A freed or never-allocated slot is re-initialised so that later calls can allocate it; an allocated
-// one is freed.
+// A slot's record freed (with what an unallocated record owns: region, palette, callbacks).
 void freeSlot(Ctx& c, int s) {
     BITMAPRECORD& r = c.bm[s];
     if (c.relabelled == s && r.uStructSize == c.relabelTo) r.uStructSize = c.relabelWord, c.relabelled = -1;
     while ((r.uFlags & BRF_ALLOCATED) && krn::isCurrentLayout(&r) && r.nLockCount > 0) K_ReleaseBitmap(&r);
-    // Also frees what an unallocated record owns (region, palette, callbacks).
     if (K_FreeBitmap(&r) != KS_SUCCESS) fail("cleanup", "K_FreeBitmap failed");
     if (r.uFlags & BRF_ALLOCATED) fail("cleanup", "record still allocated after K_FreeBitmap");
     c.caller[s].clear();
 }
-// A pool record made afresh: a slot that owns something is freed first (the call would drop it, a
-// caller's fault), the garbage record's attachments too.
+// A pool record made afresh: what it owns is freed first (the call would drop it, a caller's fault).
 void fresh(Ctx& c, BITMAPRECORD* r) {
     if (r && c.isSlot(r)) freeSlot(c, int(r - c.bm));
     if (r == &c.foreign) K_FreeBitmap(r);
 }
-// A record a call makes afresh (a copy's destination) is output only: the slot is freed first unless it
-// is also the source; the garbage record is not used.
+// A record a call makes afresh (a copy's destination): freed first unless it is the source; never garbage.
 BITMAPRECORD* outRec(Ctx& c, BITMAPRECORD* src) {
     BITMAPRECORD* d = c.rec();
     if (d && d != src && c.isSlot(d)) freeSlot(c, int(d - c.bm));
@@ -369,16 +325,16 @@ void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
 }
 
 // ---------------------------------------------------------------- calls on pool records and values
-// One row per export: the call text names it. r is the record picked for the call, s a second one (two
-// in CALL2 rows); the other arguments come from the Ctx helpers. A guarded row returns 0 (no call) where
-// the call would be the caller's fault.
+// One row per export, named by its call text: r is a pool record, s a second one (CALL2 rows), the other
+// arguments come from the Ctx helpers. A guarded row returns 0 (no call) where a call is the caller's fault.
 struct RecordCall {
     const char* name;
     int64_t (*fn)(Ctx&, BITMAPRECORD*, BITMAPRECORD*);
     bool two;
 };
-#define CALL_(two, ...) \
-    {#__VA_ARGS__, [](Ctx& c, BITMAPRECORD* r, BITMAPRECORD* s) -> int64_t { return (void)c, (void)r, (void)s, __VA_ARGS__; }, two}
+#define CALL_(two, ...)                                                                                       \
+    {#__VA_ARGS__, [](Ctx& c, BITMAPRECORD* r, BITMAPRECORD* s) -> int64_t { return (void)c, (void)r, (void)s, \
+                                                                             __VA_ARGS__; }, two}
 #define CALL(...) CALL_(false, __VA_ARGS__)
 #define CALL2(...) CALL_(true, __VA_ARGS__)
 const RecordCall kRecordCalls[] = {
@@ -443,8 +399,7 @@ void opRecordCall(Ctx& c) {
 bool isStatus(int64_t rc) { return rc == KS_SUCCESS || rc <= 0 || rc == 2; }
 
 // ---------------------------------------------------------------- record and memory
-// Keeps the script's allocations small: a large image may only be asked for with types that cannot
-// spill to tiles or disk (and the cap refuses it).
+// A large image may only be asked for with types that cannot spill to tiles or disk (the cap refuses it).
 uint32_t safeType(uint32_t t, int32_t w, int32_t h, int32_t bpp) { return plannedSize(w, h, bpp) > kMaxData ? 265 : t; }
 
 void opInit(Ctx& c) {
@@ -561,12 +516,10 @@ void opRows(Ctx& c) {
             for (int k = 0; k < 2 * count; ++k) seg[k] = c.coord();
             // The row buffer must cover the record's row: the caller's duty.
             if (!r || !b || size < (r->uFlags & BRF_ALLOCATED ? r->nBytesPerLine : 0)) return;
-            check(c, {r}, [&] { return K_PutBitmapRowSegments(r, b, row, seg, count); });
-            break;
+            check(c, {r}, [&] { return K_PutBitmapRowSegments(r, b, row, seg, count); }); break;
         }
         default: {
-            // The compressed forms: work and run buffers sized by the caller for nPixels (runs take at most
-            // 2 bytes per pixel + 4).
+            // The compressed forms: run buffers sized for nPixels (at most 2 bytes per pixel + 4).
             const int32_t pixels = c.byte() < 200 ? int32_t(c.byte()) : c.i32();
             if (!b || pixels < 0 || uint64_t(pixels) / 8 + 1 > size || uint64_t(pixels) * 2 + 8 > kBuf) return;
             std::vector<uint8_t> runs(size_t(pixels) * 2 + 8);
@@ -624,8 +577,7 @@ void opConvert(Ctx& c) {
     const int32_t os = c.byte() % 9 - 1, od = c.byte() % 9 - 1;
     const uint32_t flags = c.byte() < 200 ? 0 : c.u32v();
     const int32_t lo = c.byte() % 20 - 2, hi = c.byte() % 20 - 2;
-    // The buffer must hold the wider of the two rows: the caller's duty. (0 also answers a row beyond 32
-    // bits: such a width is no buffer's.)
+    // The buffer must hold the wider row: the caller's duty. (0 also answers a row beyond 32 bits.)
     const uint32_t need = K_CalcConvertSize(w, bs, w, bd);
     if (!b || need > size || (need == 0 && w > 0)) {
         K_CalcConvertSize(c.i32(), c.i32(), c.i32(), c.i32());
@@ -647,8 +599,7 @@ void opDitherLine(Ctx& c) {
 }
 
 // ---------------------------------------------------------------- regions
-// A region a call made (into *out) goes to the slot (the slot's earlier one is deleted). *out is read
-// here, after the call: never pass it by value.
+// A region a call made into *out (read after the call) replaces the slot's.
 void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn** out) {
     if (rc < 0 || !*out) return;
     if (*slot) K_DeleteOrvaRgn(*slot);
@@ -662,22 +613,19 @@ void opOrvaRgn(Ctx& c) {
     switch (c.byte() % 5) {
         case 0:
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            K_CreateOrvaRgnRect(c.orNull(slot), c.rectp());
-            break;
+            K_CreateOrvaRgnRect(c.orNull(slot), c.rectp()); break;
         case 1:
             if ((a = c.rgnOrNull()) == *slot) return;
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            K_CopyOrvaRgn(slot, a);
-            break;
+            K_CopyOrvaRgn(slot, a); break;
         case 2:
             a = c.rgnOrNull(), b = c.rgnOrNull();
-            keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out);
-            break;
+            keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out); break;
         case 3:
             count = c.byte() < 220 ? c.byte() % 9 : c.i32();
             for (int k = 0; k < 8; ++k) c.pts[k] = POINT{c.coord(), c.coord()}, flags[k] = c.byte();
             if (count <= 8) keepRgn(slot, K_SegmentsToRegion(&out, c.pts, flags, count, c.byte() % 4), &out);
-            break;
+        break;
         default: {
             HRGN h = c.handle();
             keepRgn(slot, K_ConvertHandleToRgn(h, &out), &out);
@@ -707,15 +655,13 @@ void opHrgn(Ctx& c) {
             if (GetRegionData(src, given, reinterpret_cast<RGNDATA*>(data.data())) == 0) return;
             if (c.byte() & 1 && need > 40) data[c.byte() % need] ^= c.byte();  // a damaged copy
             const uint32_t back = std::min(c.byte() < 230 ? need : c.u32v(), need);
-            c.putHrgn(h, ExtCreateRegion(nullptr, back, reinterpret_cast<const RGNDATA*>(data.data())));
-            break;
+            c.putHrgn(h, ExtCreateRegion(nullptr, back, reinterpret_cast<const RGNDATA*>(data.data()))); break;
         }
         case 4:
             if (K_WinCreateRectRgn(c.orNull(&v), c.coord(), c.coord(), c.coord(), c.coord()) == KS_SUCCESS) c.putHrgn(h, v);
             break;
         default:
-            // Deletes (emulated and kernel form): a live handle must go (its value stays, a freed handle
-            // from now on), any other is looked up.
+            // Deletes (emulated and kernel form): a live handle must go (its value stays, freed), any other is looked up.
             if (c.hrgnLive[h] && !del(c.hrgn[h])) fail(c.op, "delete of a live region failed");
             if (c.hrgnLive[h]) c.hrgnLive[h] = false;
             else if (HRGN g = c.handle(); del(g)) c.forget(g);
@@ -733,8 +679,7 @@ void opBitmapRgn(Ctx& c) {
             std::vector<int32_t> seg(size_t(std::min<uint32_t>(mx, 4096)) * 2 + 2);
             count = uint32_t(seg.size() / 2);
             if (c.byte() > 220) count = c.byte() % 3;  // too small: refused with the needed count
-            check(c, {r}, [&] { return K_GetBitmapClipSegments(r, c.coord(), seg.data(), &count); });
-            break;
+            check(c, {r}, [&] { return K_GetBitmapClipSegments(r, c.coord(), seg.data(), &count); }); break;
         }
         case 1: {
             check(c, {r}, [&] { need = K_GetBitmapRgnData(r, xf, 0, nullptr); return int64_t(0); });
@@ -787,8 +732,7 @@ void opGlobal(Ctx& c) {
         case 0:
             if (!(g = K_GlobalAlloc(c.usmall(0x50), size_t(c.size64()) % (1u << 20)))) return;
             if (c.globLive[h]) K_GlobalFree(c.glob[h]);
-            c.glob[h] = g, c.globLive[h] = true;
-            break;
+            c.glob[h] = g, c.globLive[h] = true; break;
         case 1: {
             g = c.ghandle();
             const size_t sz = size_t(c.size64());
@@ -864,8 +808,7 @@ void opIntoRecord(Ctx& c) {
             break;
         case 5:  // in place (null destination or the source) or into a fresh record
             d = c.byte() & 1 ? nullptr : outRec(c, s);
-            into(c, s, d, [&](BITMAPRECORD* d) { return K_ChangeBitmapViewPerspective(d, s, sw, c.small(10)); });
-            break;
+            into(c, s, d, [&](BITMAPRECORD* d) { return K_ChangeBitmapViewPerspective(d, s, sw, c.small(10)); }); break;
         default:
             // Into a destination record the caller prepared (its size names the target).
             d = c.rec();
@@ -888,8 +831,7 @@ void opBuffers(Ctx& c) {
     uint8_t* b = c.buffer(&size);
     const int32_t bpp = c.pick(kDepths);
     const uint32_t w = c.usmall(40, 220), h = c.usmall(40, 220);
-    // The buffers must hold the image (the caller's duty, not checkable): sizes for any depth up to 64
-    // bits; a call whose buffers would not hold it is not made.
+    // The buffers must hold the image (the caller's duty, not checkable): sized for any depth up to 64 bits.
     const uint64_t bits = bpp > 0 && bpp <= 64 ? uint64_t(bpp) : 64, side = std::max(w, h);
     const uint64_t need = ((side * bits + 31) / 32) * 4 * (side ? side : 1) + 64;
     const uint8_t which = c.byte() % 3;
@@ -962,8 +904,7 @@ void opDisplay(Ctx& c) {
     else if (len <= 4096) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); });
 }
 
-// A record whose storage a call moved into a list: the slot lets go of it without freeing (the list owns
-// it now) and starts afresh.
+// A record whose storage a call moved into a list lets go of it without freeing and starts afresh.
 void handedOver(Ctx& c, BITMAPRECORD* r) {
     if (!c.isSlot(r)) return;
     const int s = int(r - c.bm);
@@ -1004,8 +945,7 @@ void opList(Ctx& c) {
             rc = K_DestroyBitmapList(c.list[k]);
             if (c.listLive[k] && rc != KS_SUCCESS) fail(c.op, "destroying a live list failed", rc);
             if (!c.listLive[k] && c.list[k] && rc == KS_SUCCESS) fail(c.op, "a destroyed list was destroyed again");
-            c.listLive[k] = false;
-            break;
+            c.listLive[k] = false; break;
         }
         case 2:
             rc = K_GetBitmapListCount(c.listHandle(), c.orNull(&got, 245));
@@ -1013,8 +953,7 @@ void opList(Ctx& c) {
             break;
         case 3:
         case 4:
-            // Insert (or replace): the record's storage moves into the list. (The garbage record's owned
-            // fields would then belong to two owners.)
+            // Insert (or replace): the record's storage moves into the list (never the garbage record's).
             if ((r = c.rec()) == &c.foreign) return;
             h = c.listHandle();
             if (which == 3) {
@@ -1028,11 +967,9 @@ void opList(Ctx& c) {
             break;
         case 5:  // take an item out into a fresh slot, or free it (null)
             r = c.byte() & 1 ? nullptr : outRec(c, nullptr);
-            check(c, {r}, [&] { return K_RemoveBitmapListItem(c.listHandle(), index, r); }, 1u);
-            break;
+            check(c, {r}, [&] { return K_RemoveBitmapListItem(c.listHandle(), index, r); }, 1u); break;
         case 6:
-            // Get a copy of an item (the list keeps ownership) and set it back, with frame words of the
-            // caller's choosing for the playback.
+            // A copy of an item (the list keeps ownership) set back with frame words of the caller's choosing.
             std::memset(&tmp, 0xEE, sizeof tmp);
             h = c.listHandle();
             size = c.sizeWord(200);
@@ -1052,19 +989,16 @@ void opList(Ctx& c) {
             break;
         case 7:  // deep copies into a new list
             h = c.listHandle();
-            makesList(c, [&](HBITMAPLIST* o) { return K_CopyBitmapListItems(o, h, index, count); });
-            break;
+            makesList(c, [&](HBITMAPLIST* o) { return K_CopyBitmapListItems(o, h, index, count); }); break;
         case 8:
             h = c.listHandle();
-            makesList(c, [&](HBITMAPLIST* o) { return K_MoveBitmapListItems(o, h, index, count); });
-            break;
+            makesList(c, [&](HBITMAPLIST* o) { return K_MoveBitmapListItems(o, h, index, count); }); break;
         case 9:
             std::memset(c.pal, 0xCD, sizeof c.pal);
             (void)K_CreateBitmapListOptPal(c.listHandle(), c.orNull(c.pal, 245), c.colours(), c.small(8, 220), c.u32v(), &used);
             break;
         default:
-            // Setting an item to an empty record leaves the old item to the caller: only an item that owns
-            // nothing is overwritten that way.
+            // An empty record set over an item leaves the old one to the caller: only over one owning nothing.
             h = c.listHandle();
             if (K_GetBitmapListItem(h, index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS) {
                 (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
@@ -1109,23 +1043,19 @@ void opPlayback(Ctx& c) {
             FRAME_BACKGROUND_COLOR(&t) = c.u32v();
             l = c.byte() & 1 ? nullptr : c.listHandle();
             if (check(c, {&t}, [&] { return K_CreatePlayback(c.orNull(&h, 245), &t, l); }) == KS_SUCCESS) {
-                c.play[k] = h, c.playLive[k] = true;
-                break;
+                c.play[k] = h, c.playLive[k] = true; break;
             }
             if (h) fail(c.op, "a failing create made a playback");
-            K_FreeBitmap(&t);
-            break;
+            K_FreeBitmap(&t); break;
         case 1:
             if (c.byte() & 1) {
-                destroyPlayback(c, k);
-                break;
+                destroyPlayback(c, k); break;
             }
             // Only a live playback can be destroyed.
             if (K_DestroyPlayback(h = c.playHandle()) != KS_SUCCESS) break;
             while (j < kPlays && !(c.playLive[j] && c.play[j] == h)) ++j;
             if (j == kPlays) fail(c.op, "a handle that is not a live playback was destroyed");
-            endPlayback(c, j);
-            break;
+            endPlayback(c, j); break;
         case 2:
             // Steps of the state machine (never sleeping on a wait); the target stays a valid bitmap.
             h = c.playHandle();
@@ -1144,9 +1074,8 @@ void opPlayback(Ctx& c) {
 }
 
 // ---------------------------------------------------------------- calls on no pool record
-// Made for their refusals of hostile values (the sanitizers watch them); their results are not checked
-// here, except that a refused rectangle change leaves the rectangle alone. Handles are looked up, never
-// trusted; a playback target stays a valid bitmap.
+// Made for their refusals of hostile values under the sanitizers; a refused rectangle change leaves the
+// rectangle alone, a playback target stays a valid bitmap.
 struct Op {
     const char* name;
     void (*fn)(Ctx&);
@@ -1265,9 +1194,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     auto* c = new Ctx{{data, size}};
     for (auto& b : c->bm) K_InitBitmap(&b, BITMAPRECORD_SIZE, 8, 8, 8);
-    // A record the library never made: garbage from a generator seeded by the input everywhere but in the
-    // pointers a caller owns the memory of (no library can check those), not marked allocated. Its region
-    // handle stays garbage: handles are looked up, never trusted.
+    // A record the library never made: garbage seeded by the input, not marked allocated, but for the
+    // pointers to caller-owned memory (no library can check those); its region handle stays garbage.
     uint32_t x = c->u32() | 1;
     for (size_t k = 0; k < sizeof c->foreign; ++k) {
         x ^= x << 13, x ^= x >> 17, x ^= x << 5;
