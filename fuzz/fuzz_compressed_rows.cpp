@@ -1,15 +1,9 @@
-// fuzz_compressed_rows.cpp - untrusted compressed rows: K_ExpandRows and the
-// compressed Put forms.
-//
-// Input: byte 0 width (1..256 pixels + a multiple from byte 1), byte 2 row
-// count, byte 3 column, byte 4 pixel count, then run words. These forms take
-// no source size, so the harness frames the word counts: each row takes the
-// next byte as its word count (cut to the words left) and the following
-// words as its runs. Checks:
-//   - K_ExpandRows writes only its rows (guard bytes after them stay);
-//   - a Put into a run-compressed bitmap and into a single block give the
-//     same pixels, and every stored row reads back as runs that sum to the width;
-//   - pixels outside [column, column + pixels) of the row are unchanged.
+// fuzz_compressed_rows.cpp - untrusted compressed rows: K_ExpandRows and the compressed Put forms. Input:
+// byte 0 width (1..256 + a multiple from byte 1), byte 2 row count, byte 3 column, byte 4 pixel count, then
+// each row's word count (a byte, cut to the words left: these forms take no source size) and run words.
+// K_ExpandRows writes only its rows; a Put into a run-compressed bitmap and into a single block give the
+// same pixels, stored rows read back as runs summing to the width, and pixels outside [column, column +
+// pixels) are unchanged.
 #include <algorithm>
 #include <cstring>
 #include <vector>

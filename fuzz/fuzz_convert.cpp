@@ -1,16 +1,8 @@
-// fuzz_convert.cpp - drives the buffer converter with random depths, orders,
-// flags, bit windows, widths, palettes and colour-match trees on buffers and
-// palettes of exactly the size the call needs, so that any read or write
-// past them is caught by the address sanitizer.
-//
-// Input layout (missing bytes read as zero):
-//   0 source depth, 1 destination depth, 2 source order, 3 destination order,
-//   4 flags, 5 low bit, 6 high bit, 7-8 width, 9 options (bit 0 extra
-//   pointer, bit 1 source palette, bit 2 destination palette, bit 3 tree),
-//   10-13 transparent colour, then pixel bytes (repeated to fill).
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
+// fuzz_convert.cpp - the buffer converter with random depths, orders, flags, bit windows, widths, palettes
+// and colour-match trees on buffers and palettes of exactly the size the call needs (the address sanitizer
+// sees any access past them). Input: 0 source depth, 1 destination depth, 2 source order, 3 destination
+// order, 4 flags, 5 low bit, 6 high bit, 7-8 width, 9 options (bit 0 extra pointer, bit 1 source palette,
+// bit 2 destination palette, bit 3 tree), 10-13 transparent colour, then pixel bytes (repeated to fill).
 #include <vector>
 
 #include "fuzz_input.h"

@@ -1,11 +1,6 @@
-// fuzz_dither.cpp - dithering runs over random formats, methods, palettes,
-// match tables, widths and rows. Source and destination rows are sized
-// exactly, so a sanitizer sees any read or write outside them; every index
-// written must fit the output depth and, without a caller table, name a
-// palette entry.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
+// fuzz_dither.cpp - dithering runs over random formats, methods, palettes, match tables, widths and rows.
+// Rows are sized exactly (a sanitizer sees any access outside them); every index written fits the output
+// depth and, without a caller table, names a palette entry.
 #include <vector>
 
 #include "fuzz_input.h"

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 #define FUZZ_CHECK(c) ((c) ? void(0) : std::abort())  // an expression: also after `return`
 
@@ -21,6 +22,14 @@ struct Input {
     }
     template <class T, size_t N>
     T pick(const T (&t)[N]) { return t[byte() % N]; }
+    // A value of the next sizeof(T) bytes (those past the end read as 0).
+    template <class T>
+    T get() {
+        T v{};
+        const size_t k = left() < sizeof(T) ? left() : sizeof(T);
+        std::memcpy(&v, rest(), k);
+        return i += k, v;
+    }
     const uint8_t* rest() const { return p + i; }
     size_t left() const { return n - i; }
 };

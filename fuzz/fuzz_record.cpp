@@ -1,14 +1,8 @@
-// fuzz_record.cpp - the bitmap record and global memory driven by untrusted
-// bytes: a script of record operations (initialise, create, attach caller
-// memory, change height, free) on two records and of global-memory calls on a
-// small pool of blocks and garbage handle values.
-//
-// Invariants: every status is one the operation documents; a successful
-// initialisation has the padded row size and the 64-bit data size of the
-// plain rule; a failed creation leaves the record's bytes as they were; a
-// height change keeps the data size in step; nothing leaks once everything is
-// freed. Sizes are kept small (at most 4 MiB of pixels) so the run stays fast;
-// the extreme dimensions are still initialised and refused.
+// fuzz_record.cpp - a script of record operations (initialise, create, attach caller memory, change height,
+// free) on two records and of global-memory calls on a few blocks and garbage handle values. Every status is
+// one the operation documents; an initialisation has the padded row size and 64-bit data size of the plain
+// rule; a failed creation leaves the record's bytes; a height change keeps the data size in step; nothing
+// leaks. At most 4 MiB of pixels are made; the extreme dimensions are still initialised and refused.
 #include <algorithm>
 #include <cstring>
 #include <vector>

@@ -1,17 +1,9 @@
-// fuzz_redirect_buffer.cpp - the memory buffer file driven by a random
-// sequence of opens, reads, writes, seeks, size changes and closes, checked
-// against a plain model (a byte vector and one position: the files open on a
-// buffer share its position, and each open puts it back at 0).
-//
-// Input: byte 0 flags (bit 0 REDIRECTBUF_FIXED), bytes 1-2 initial size,
-// byte 3 growth step, then operations of one selector byte and its operands.
-// Checks: every read gives the model's bytes, every write and seek the
-// model's result, the size matches, and the content handed out at the end
-// equals the model. Any difference aborts.
-#include <cstdint>
-#include <cstdlib>
+// fuzz_redirect_buffer.cpp - the memory buffer file driven by opens, reads, writes, seeks, size changes and
+// closes against a plain model: a byte vector and one position (the files open on a buffer share it, each
+// open puts it back at 0). Input: byte 0 flags (bit 0 REDIRECTBUF_FIXED), bytes 1-2 initial size, byte 3
+// growth step, then operations (selector byte and operands). Every read, write, seek and size is the
+// model's, and so is the content handed out at the end.
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "fuzz_input.h"
@@ -19,29 +11,20 @@
 
 namespace {
 
-using fuzzinput::Input;
-
 struct Model {
     std::vector<uint8_t> data;
-    uint64_t cap = 0;  // fixed buffers only
-    uint64_t pos = 0;
+    uint64_t cap = 0, pos = 0;  // the capacity of a fixed buffer
     bool fixed = false;
 };
-
-// Far positions: a growable buffer refuses to grow to them (-1).
-constexpr uint64_t kFar = uint64_t(1) << 40;
+constexpr uint64_t kFar = uint64_t(1) << 40;  // a growable buffer refuses to grow that far (-1)
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 4) return 0;
-    Input in{data, size};
-    const uint32_t flags = in.byte() & 1u;
-    const uint32_t initial = in.u16();
-    const uint32_t grow = uint32_t(in.byte()) * 16u;
-    Model m;
-    m.fixed = flags & REDIRECTBUF_FIXED;
-    m.cap = initial;
+    fuzzinput::Input in{data, size};
+    const uint32_t flags = in.byte() & 1u, initial = in.u16(), grow = uint32_t(in.byte()) * 16u;
+    Model m{{}, initial, 0, (flags & REDIRECTBUF_FIXED) != 0};
 
     HREDIRECTBUFFER buf = nullptr;
     HREDIRECTFILE first = nullptr;
