@@ -1043,15 +1043,17 @@ void opPlayback(Ctx& c) {
             FRAME_BACKGROUND_COLOR(&t) = c.u32v();
             l = c.byte() & 1 ? nullptr : c.listHandle();
             if (check(c, {&t}, [&] { return K_CreatePlayback(c.orNull(&h, 245), &t, l); }) == KS_SUCCESS) {
-                c.play[k] = h, c.playLive[k] = true; break;
+                c.play[k] = h, c.playLive[k] = true;
+                break;
             }
             if (h) fail(c.op, "a failing create made a playback");
-            K_FreeBitmap(&t); break;
+            K_FreeBitmap(&t);
+            break;
         case 1:
-            if (c.byte() & 1) {
-                destroyPlayback(c, k); break;
+            if (c.byte() & 1) {  // playback k, or a handle of any kind: only a live playback can be destroyed
+                destroyPlayback(c, k);
+                break;
             }
-            // Only a live playback can be destroyed.
             if (K_DestroyPlayback(h = c.playHandle()) != KS_SUCCESS) break;
             while (j < kPlays && !(c.playLive[j] && c.play[j] == h)) ++j;
             if (j == kPlays) fail(c.op, "a handle that is not a live playback was destroyed");
@@ -1098,7 +1100,8 @@ const Op kPlainCalls[] = {
     PLAIN(K_Rect_IsEmpty(nullptr), K_Rect_Width(nullptr), K_Rect_Intersect(nullptr, c.rect4(0), nullptr)),
     PLAIN(K_SinValue(c.i32()), K_CosValue(c.i32()), K_SQRT(c.u32())),
     // runtime services
-    PLAIN(K_SetDefaultXResolution(c.i32()), K_SetDefaultYResolution(c.i32())),
+    PLAIN(K_SetDefaultXResolution(c.i32()), K_SetDefaultYResolution(c.i32()), K_GetDefaultXResolution(),
+          K_GetDefaultYResolution()),
     PLAIN(K_HSVtoRGB2(c.hsv()), K_RGBtoHSV2(c.u32v(), c.orNull(c.hsv3)), K_HSVtoRGB(c.u32v()), K_RGBtoHSV(c.u32v())),
     PLAIN(K_GetTempFileOptions(c.orNull(&c.tempOptions), c.byte() < 200 ? TEMPFILEOPTIONS_SIZE : c.u32v()),
           K_GetTempDirectoryUtf8(c.orNull(c.dir), c.byte() % 65)),
@@ -1158,30 +1161,11 @@ const Op kOps[] = {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    struct Baseline {
-        int32_t thresholds[5];
-        uint32_t memType;
-        int32_t xres, yres, dither;
-    };
-    static const Baseline base = [] {
-        Baseline b{{}, K_GetDefaultMemoryType(), K_GetDefaultXResolution(), K_GetDefaultYResolution(), K_GetDefaultDithering()};
-        K_GetMemoryThresholds(&b.thresholds[0], &b.thresholds[1], &b.thresholds[2], &b.thresholds[3], &b.thresholds[4]);
-        return b;
-    }();
-    // The same settings for every input, so that a finding replays. Directly: the default largest image is
-    // not a value the setter takes.
-    krn::ThreadSettings& ts = krn::settings();
-    ts.nMemKeepFree = base.thresholds[0];
-    ts.nMemLargestImage = base.thresholds[1];
-    ts.nMemTileSize = base.thresholds[2];
-    ts.nMemFourth = base.thresholds[3];
-    ts.nMemFifth = base.thresholds[4];
+    // The same settings for every input, so that a finding replays (copied: the default largest image is
+    // not a value the setter takes).
+    static const krn::ThreadSettings base = krn::settings();
+    krn::settings() = base;
     K_SetGlobalMemoryThresholds(nullptr);
-    K_SetDefaultMemoryType(base.memType);
-    K_SetDefaultXResolution(base.xres);
-    K_SetDefaultYResolution(base.yres);
-    K_DefaultDithering(base.dither);
-    K_SetUserMatchTable(nullptr);
     K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);
     int64_t counter0 = 0, counter1 = 0;
     K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter0);
