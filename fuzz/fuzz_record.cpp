@@ -55,8 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         BITMAPRECORD& bm = rec[op >> 7];
         std::vector<uint8_t>& buf = caller[op >> 7];
         switch (op & 15) {
-            case 0:
-            case 1: {  // initialise
+            case 0: case 1: {  // initialise
                 K_FreeBitmap(&bm);
                 const int32_t w = pick(kDims, in.byte()), h = pick(kDims, in.byte()), bpp = pick(kDepths, in.byte());
                 const uint32_t id = kSizes[in.byte() % std::size(kSizes)];
@@ -69,8 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (rc != KS_SUCCESS || bm.uSize64 > kMax || id != BITMAPRECORD_SIZE) reset(bm);
                 break;
             }
-            case 2:
-            case 3: {  // create
+            case 2: case 3: {  // create
                 K_FreeBitmap(&bm);
                 int32_t w = pick(kDims, in.byte()), h = pick(kDims, in.byte());
                 const int32_t bpp = pick(kDepths, in.byte());
@@ -124,39 +122,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 7: K_FreeBitmap(&bm); break;
             case 8: {  // global memory
                 const uint32_t flags = (in.byte() & 1) ? GHND : GPTR;
-                if (blocks.size() >= 16) break;
-                HGLOBAL g = K_GlobalAlloc(flags, in.byte() * 3u);
-                FUZZ_CHECK(g);
-                blocks.push_back(g);
+                if (blocks.size() < 16) FUZZ_CHECK(blocks.emplace_back(K_GlobalAlloc(flags, in.byte() * 3u)));
                 break;
             }
-            case 9:
-            case 10:
-            case 11: {
+            case 9: case 10: case 11: {
                 if (blocks.empty()) break;
-                const size_t k = in.byte() % blocks.size();
+                HGLOBAL& g = blocks[in.byte() % blocks.size()];
                 if ((op & 15) == 9) {  // a new size, zero-filled
                     const size_t n = size_t(in.byte()) * 517u;
-                    HGLOBAL g = K_GlobalReAlloc(blocks[k], n, GMEM_ZEROINIT);
-                    FUZZ_CHECK(!g || K_GlobalSize(g) == n);
-                    if (g) blocks[k] = g;
+                    HGLOBAL moved = K_GlobalReAlloc(g, n, GMEM_ZEROINIT);
+                    FUZZ_CHECK(!moved || K_GlobalSize(moved) == n);
+                    if (moved) g = moved;
                 } else if ((op & 15) == 10) {  // the whole size is usable
-                    void* p = K_GlobalLock(blocks[k]);
+                    void* p = K_GlobalLock(g);
                     FUZZ_CHECK(p);
-                    std::memset(p, 0x44, K_GlobalSize(blocks[k]));
-                    K_GlobalUnlock(blocks[k]);
+                    std::memset(p, 0x44, K_GlobalSize(g)), K_GlobalUnlock(g);
                 } else {
-                    FUZZ_CHECK(K_GlobalFree(blocks[k]) == nullptr);
-                    blocks.erase(blocks.begin() + long(k));
+                    FUZZ_CHECK(K_GlobalFree(g) == nullptr);
+                    blocks.erase(blocks.begin() + (&g - blocks.data()));
                 }
                 break;
             }
             default: {  // a garbage handle value for every global-memory call
                 const uintptr_t small = in.byte();
                 HGLOBAL g = reinterpret_cast<HGLOBAL>((op & 1) ? small : ~small);
-                bool live = false;
-                for (HGLOBAL b : blocks) live |= b == g;
-                if (live) break;
+                if (std::find(blocks.begin(), blocks.end(), g) != blocks.end()) break;
                 FUZZ_CHECK(!K_GlobalLock(g) && !K_GlobalSize(g) && !K_GlobalUnlock(g) && !K_GlobalReAlloc(g, 8, 0));
                 FUZZ_CHECK(!g || K_GlobalFree(g) == g);
                 break;
