@@ -76,6 +76,7 @@ struct Ctx : fuzzinput::Input {
     RGBQUAD pal[256];
     BITMAPDATACALLBACKS cb;
     TEMPFILEOPTIONS tempOptions;
+    GLOBALMEMORYTHRESHOLDS thresholds;
     STATUSCALLBACK status;
     void* user;
     HRGN hout = nullptr;
@@ -141,6 +142,10 @@ struct Ctx : fuzzinput::Input {
     int32_t height(const BITMAPRECORD* r) {
         const int32_t h = byte() < 128 ? int32_t(byte() % 70) : pick(kDims);
         return r && isSlot(r) && plannedSize(r->nWidth, h, r->nBitsPerPixel) > kMaxData ? -1 : h;
+    }
+    GLOBALMEMORYTHRESHOLDS* sized() {
+        thresholds.uStructSize = byte() < 200 ? GLOBALMEMORYTHRESHOLDS_SIZE : u32v();
+        return &thresholds;
     }
     BITMAPDATACALLBACKS* callbacks() {
         cb = BITMAPDATACALLBACKS{};
@@ -472,27 +477,14 @@ void opIntAccessRelease(Ctx& c) {
 }
 // The same record shown with a broken size word to the next call (put back after it).
 void opRelabel(Ctx& c) { c.relabel(c.slot()); }
-void opMemorySettings(Ctx& c) {
+void opManageMemory(Ctx& c) {
     const int32_t cmd = c.byte() % 8 - 1;
     const int64_t v = int64_t(c.size64()) * (c.byte() & 1 ? -1 : 1);
     int64_t out = 0;
     const bool nullOut = c.byte() > 220;
-    // (Reserving and releasing would move the counter.)
-    if (cmd != MANAGEMEMORY_RESERVE && cmd != MANAGEMEMORY_RELEASE) {
-        if (const int64_t rc = K_ManageMemory(cmd, v, nullOut ? nullptr : &out); !isStatus(rc)) fail(c.op, "odd status", rc);
-        K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);  // the script's cap stays
-    }
-    const int32_t a = c.i32(), b = c.i32(), t = c.i32(), d = c.i32(), e = c.i32();
-    K_SetMemoryThresholds(a, b, t, d, e, c.u32v());
-    int32_t o[5];
-    const uint8_t m = c.byte();
-    K_GetMemoryThresholds(m & 1 ? &o[0] : nullptr, m & 2 ? &o[1] : nullptr, m & 4 ? &o[2] : nullptr,
-                          m & 8 ? &o[3] : nullptr, m & 16 ? &o[4] : nullptr);
-    K_SetDefaultMemoryType(c.pick(kMemTypes));
-    GLOBALMEMORYTHRESHOLDS g{};
-    K_GetGlobalMemoryThresholds(c.orNull(&g));
-    g.uStructSize = c.byte() < 200 ? GLOBALMEMORYTHRESHOLDS_SIZE : c.u32v();
-    K_SetGlobalMemoryThresholds(c.orNull(&g));
+    if (cmd == MANAGEMEMORY_RESERVE || cmd == MANAGEMEMORY_RELEASE) return;  // would move the counter
+    if (const int64_t rc = K_ManageMemory(cmd, v, nullOut ? nullptr : &out); !isStatus(rc)) fail(c.op, "odd status", rc);
+    K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);  // the script's cap stays
 }
 
 // ---------------------------------------------------------------- rows, palettes, conversion
@@ -1107,7 +1099,11 @@ const Op kPlainCalls[] = {
           K_GetTempDirectoryUtf8(c.orNull(c.dir), c.byte() % 65)),
     PLAIN(K_GetStatusCallBack(&c.status, c.orNull(&c.user)), K_GetCopyStatusCallBack(c.orNull(&c.status), &c.user)),
     PLAIN(K_GetVersionString(), K_GetProcessorCount(), K_GetCpuFeatures()),
-    PLAIN(K_SetDefaultMemoryType(c.u32v()), K_GetDefaultMemoryType()),
+    PLAIN(K_SetDefaultMemoryType(c.byte() & 1 ? c.u32v() : c.pick(kMemTypes)), K_GetDefaultMemoryType()),
+    PLAIN(K_SetMemoryThresholds(c.i32(), c.i32(), c.i32(), c.i32(), c.i32(), c.u32v())),
+    PLAIN(K_GetMemoryThresholds(c.orNull(&c.io, 127), c.orNull(&c.io2, 127), c.orNull(&c.io, 127),
+                                c.orNull(&c.io2, 127), c.orNull(&c.io, 127))),
+    PLAIN(K_GetGlobalMemoryThresholds(c.orNull(&c.thresholds)), K_SetGlobalMemoryThresholds(c.orNull(c.sized()))),
     PLAIN(K_GlobalUnlock(c.ghandle()), K_GlobalSize(c.ghandle())),
     PLAIN((c.uo = c.usmall(65, 220)) <= 64 ? K_GetFriendlyErrorMessage(c.i32(), c.orNull(c.msg), c.uo, c.lib) : 0,
           K_GetLibIdFromErrorCode(c.i32(), &c.io, c.orNull(&c.io2))),
@@ -1149,7 +1145,7 @@ const Op kOps[] = {
     {"record call", opRecordCall}, {"record call", opRecordCall}, {"plain call", opPlainCall},
     {"plain call", opPlainCall}, {"plain call", opPlainCall}, {"init", opInit}, {"create", opCreate},
     {"create", opCreate}, {"allocate", opAllocate}, {"free", opFree}, {"set data pointer", opSetDataPointer},
-    {"int access/release", opIntAccessRelease}, {"relabel layout", opRelabel}, {"memory settings", opMemorySettings},
+    {"int access/release", opIntAccessRelease}, {"relabel layout", opRelabel}, {"manage memory", opManageMemory},
     {"rows", opRows}, {"rows", opRows}, {"compressed rows", opRuns}, {"bitmap palette", opPalette},
     {"match table", opMatchTable}, {"convert", opConvert}, {"dither line", opDitherLine}, {"orva region", opOrvaRgn},
     {"region handle", opHrgn}, {"region handle", opHrgn}, {"bitmap region", opBitmapRgn},
