@@ -47,6 +47,8 @@ void checkAll(BITMAPRECORD& bm, Model& m) {
     for (int32_t y = 0; y < m.height; ++y) checkRow(bm, m, y);
 }
 uint32_t colOffset(const Model& m, int32_t x) { return uint32_t((uint64_t(x) * uint64_t(m.bpp)) / 8); }
+// Run compression takes 1 bit, super-compression 1, 8 and 24 bits.
+bool superOk(int bpp) { return bpp == 1 || bpp == 8 || bpp == 24; }
 
 }  // namespace
 
@@ -127,10 +129,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const uint32_t kind = in.pick(kKinds);
                 const uint64_t tile = uint64_t(1 + in.byte()) * 64;
                 const int32_t rc = K_SetBitmapMemoryInfo(&bm, kind, kind == 4u ? tile : 0);
-                // Run compression takes 1 bit, super-compression 1, 8 and 24 bits.
-                const bool depthOk = kind == MEMTYPE_COMPRESSED        ? m.bpp == 1
-                                     : kind == MEMTYPE_SUPERCOMPRESSED ? (m.bpp == 1 || m.bpp == 8 || m.bpp == 24)
-                                                                       : true;
+                const bool depthOk = kind == MEMTYPE_COMPRESSED ? m.bpp == 1 : kind != MEMTYPE_SUPERCOMPRESSED || superOk(m.bpp);
                 uint32_t got = 0;
                 FUZZ_CHECK(depthOk ? rc == KS_SUCCESS : rc < 0);
                 FUZZ_CHECK(!depthOk || (K_GetBitmapMemoryInfo(&bm, &got, nullptr, nullptr, nullptr) == KS_SUCCESS &&
@@ -141,9 +140,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 5: {  // compression change
                 const int32_t mode = in.byte() % 3;
                 const int32_t rc = K_ChangeBitmapCompression(&bm, mode);
-                const bool ok = mode == BITMAPCOMPRESSION_NONE   ? true
-                                : mode == BITMAPCOMPRESSION_RUNS ? m.bpp == 1
-                                                                 : (m.bpp == 1 || m.bpp == 8 || m.bpp == 24);
+                const bool ok = mode == BITMAPCOMPRESSION_RUNS ? m.bpp == 1 : mode == BITMAPCOMPRESSION_NONE || superOk(m.bpp);
                 FUZZ_CHECK(ok ? rc == KS_SUCCESS : rc < 0);
                 checkAll(bm, m);
                 break;
