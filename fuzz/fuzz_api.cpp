@@ -49,7 +49,8 @@ const uint32_t kMemTypes[] = {1, 1, 1, 4, 8, 9, 128, 256, 257, 260, 264, 265, 51
 const uint64_t kSizes[] = {0, 1, 2, 3, 4, 16, 100, 4096, 0xFFFFFFFFull, 0x100000000ull, UINT64_MAX, UINT64_MAX / 2};
 
 uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
-    if (w <= 0 || h <= 0 || bpp <= 0) return 0;
+    if (bpp == 0) bpp = 8;  // a creation of depth 0 makes an 8-bit grey bitmap
+    if (w <= 0 || h <= 0 || bpp < 0) return 0;
     return ((uint64_t(w) * uint64_t(bpp) + 31) / 32) * 4 * uint64_t(h);
 }
 
@@ -1159,7 +1160,14 @@ const Op kOps[] = {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // The same settings for every input, so that a finding replays (copied: the default largest image is
     // not a value the setter takes).
-    static const krn::ThreadSettings base = krn::settings();
+    static const krn::ThreadSettings base = [] {
+        // What the library makes once and keeps (the resampler keeps two blocks from its first enlargement) is
+        // made before the first count of live blocks.
+        BITMAPRECORD bm;
+        if (K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 8, 8, 8, 0, nullptr, 1, nullptr, 0) == KS_SUCCESS)
+            K_BicubicResampleBitmap(&bm, 72, 72, 0), K_FreeBitmap(&bm);
+        return krn::settings();
+    }();
     krn::settings() = base;
     K_SetGlobalMemoryThresholds(nullptr);
     K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);

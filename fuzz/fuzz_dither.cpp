@@ -13,22 +13,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         uint8_t byte() { return p[i++ % n]; }
     } in{{data, size}};
     static const int kDepths[] = {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
-    const int bits = kDepths[in.byte() % 14];
-    const int order = in.byte() % 8;
-    const int method = in.byte() % 10;  // 9 is invalid
+    const int bits = kDepths[in.byte() % 14], order = in.byte() % 8, method = in.byte() % 10;  // 9 is invalid
     const uint32_t colors = uint32_t(in.byte()) + 1u;
-    const int bitsExtra = in.byte() % 3;
-    const int paletteKind = in.byte() % 5;
-    const int width = 1 + ((in.byte() | in.byte() << 8) % 300);
-    const int height = 1 + in.byte() % 6;
+    const int bitsExtra = in.byte() % 3, paletteKind = in.byte() % 5;
+    const int width = 1 + ((in.byte() | in.byte() << 8) % 300), height = 1 + in.byte() % 6;
     const int lowBit = int(in.byte() % 40) - 4, highBit = int(in.byte() % 40) - 4;
 
     BITMAPRECORD bm;
     if (K_InitBitmap(&bm, BITMAPRECORD_SIZE, width, height, bits) != KS_SUCCESS) return 0;
-    bm.nOrder = order;
-    bm.nDitheringMethod = method;
-    bm.nLowBit = lowBit;
-    bm.nHighBit = highBit;
+    bm.nOrder = order, bm.nDitheringMethod = method, bm.nLowBit = lowBit, bm.nHighBit = highBit;
     if (bits <= 8 && (in.byte() & 1)) {
         const size_t n = size_t(1) << bits;
         bm.pPalette = static_cast<RGBQUAD*>(K_GlobalAlloc(GMEM_FIXED, n * sizeof(RGBQUAD)));

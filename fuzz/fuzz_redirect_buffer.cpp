@@ -70,9 +70,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const int32_t got = K_RedirectedRead(h, scratch.data(), n);
                 const uint64_t avail = pos < m.data.size() ? m.data.size() - pos : 0;
                 const uint64_t k = avail < n ? avail : n;
-                FUZZ_CHECK(got == int32_t(k));
+                FUZZ_CHECK(got == int32_t(k) && scratch[n] == 0x5A);
                 FUZZ_CHECK(k == 0 || std::memcmp(scratch.data(), m.data.data() + pos, k) == 0);
-                FUZZ_CHECK(scratch[n] == 0x5A);
                 pos += k;
                 break;
             }
@@ -106,14 +105,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 HREDIRECTFILE nf = K_RedirectedOpen(name, mode, 0);
                 FUZZ_CHECK(reinterpret_cast<void*>(nf) != OMBRIX_INVALID_FILE);
                 if (mode & REDIRECT_OPEN_TRUNCATE) m.data.clear();
-                pos = 0;
-                files.push_back(nf);
+                files.push_back(nf), pos = 0;
                 break;
             }
-            case 6: {  // close
+            case 6: {  // close; with files still open the buffer refuses to end
                 FUZZ_CHECK(K_RedirectedClose(h) == 0);
                 files.erase(files.begin() + ptrdiff_t(which));
-                // With files still open the buffer refuses to end.
                 if (!files.empty()) FUZZ_CHECK(K_StopRedirectToBuffer(buf, nullptr, nullptr) == KS_INVALID_PARAMETER);
                 break;
             }
