@@ -828,7 +828,7 @@ void opBuffers(Ctx& c) {
     const uint64_t bits = bpp > 0 && bpp <= 64 ? uint64_t(bpp) : 64, side = std::max(w, h);
     const uint64_t need = ((side * bits + 31) / 32) * 4 * (side ? side : 1) + 64;
     const uint8_t which = c.byte() % 3;
-    if (!b || need > size || need > kBuf / 2) {
+    if (!b || side > kBuf || need > size || need > kBuf / 2) {  // (a larger side would wrap the product)
         if (which == 0) (void)K_RotateBuffer90(nullptr, b, 1, w, h, bpp);  // refusals only: a null source
         return;
     }
