@@ -1,32 +1,24 @@
-// fuzz_api.cpp - the exported functions as a hostile caller uses them.
-//
-// The input is a script: each step picks a family, a function of that family
-// and its arguments, over a small pool of bitmap records, regions, region
-// handles, global-memory blocks, lists, playbacks and buffers. Arguments come
-// from tables of hostile values (0, -1, INT_MIN, INT_MAX, huge sizes, wrong
-// size words, null pointers, older-layout records, foreign and freed handles)
-// or raw bytes.
-//
-// The contract checked after every call (check()): a call given a record with
-// a size word of no layout fails; a failing call leaves every record it was
-// given exactly as it was (bytes and a digest of its rows); a record left
-// allocated passes validate(). After the script every object is freed, and
-// the live-block count and the conventional-memory counter are back.
-//
-// Caps keep one bitmap small (a data size above 4 MiB is only ever requested
-// with memory types that cannot take tiles or disk, under an 8 MiB cap).
-// Extending: add an Op {name, fn} to its family's table (or a new table to
-// kFamilies); an op reads its arguments from the Ctx helpers and calls check()
-// around anything that takes records.
+// fuzz_api.cpp - the exported functions as a hostile caller uses them. The input is a script: each step
+// picks an op and its arguments over a small pool of bitmap records, regions, region handles, global-memory
+// blocks, lists, playbacks and buffers; arguments are hostile values (0, -1, INT_MIN, huge sizes, wrong size
+// words, null pointers, older-layout records, foreign and freed handles) or raw bytes.
+// The contract (check()): a call given a record with a size word of no layout fails; a failing call leaves
+// every record it was given exactly as it was (bytes and a digest of its rows); a record left allocated
+// passes validate(). After the script everything is freed and the live-block and conventional-memory
+// counts are back. A data size above 4 MiB is only asked for with memory types that cannot take tiles or
+// disk, under an 8 MiB cap. A new export is a row of kRecordCalls or kPlainCalls, or an op in kOps.
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <utility>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "krn/common/kernel.h"
 #include "krn/common/memory.h"
 #include "krn/common/settings.h"
@@ -56,30 +48,46 @@ const uint32_t kSizeWords[] = {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD, 0, 175,
 const uint32_t kMemTypes[] = {1, 1, 1, 4, 8, 9, 128, 256, 257, 260, 264, 265, 512, 768, 1024, 1025, 2, 0, 3, 6, 0xFFFFFFFFu};
 const uint64_t kSizes[] = {0, 1, 2, 3, 4, 16, 100, 4096, 0xFFFFFFFFull, 0x100000000ull, UINT64_MAX, UINT64_MAX / 2};
 
-struct Ctx {
-    const uint8_t* p;
-    size_t n, i = 0;
-    const char* op = "";
+uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
+    if (bpp == 0) bpp = 8;  // a creation of depth 0 makes an 8-bit grey bitmap
+    if (w <= 0 || h <= 0 || bpp < 0) return 0;
+    return ((uint64_t(w) * uint64_t(bpp) + 31) / 32) * 4 * uint64_t(h);
+}
 
-    BITMAPRECORD bm[kSlots];
+struct Ctx : fuzzinput::Input {
+    const char* op = "";
+    BITMAPRECORD bm[kSlots], foreign;        // the pool's records; bytes the library never made
     std::vector<uint8_t> caller[kSlots];     // caller memory attached to a record
     std::vector<std::vector<uint8_t>> keep;  // caller memory handed over later, kept to the end
-    BITMAPRECORD foreign;                    // bytes the library never made
-    OrvaRgn* rgn[kRgns] = {};
-    HRGN hrgn[kHandles] = {};  // may hold freed handles: never dereferenced here
-    bool hrgnLive[kHandles] = {};
-    HGLOBAL glob[kHandles] = {};
-    bool globLive[kHandles] = {};
     std::vector<uint8_t> buf[2];
-    HBITMAPLIST list[kLists] = {};  // may hold destroyed handles: looked up, never dereferenced here
-    bool listLive[kLists] = {};
-    HPLAYBACK play[kPlays] = {};  // may hold destroyed handles
-    bool playLive[kPlays] = {};
+    // Handles may be freed or destroyed ones: the library looks them up, they are never dereferenced here.
+    OrvaRgn* rgn[kRgns] = {};
+    HRGN hrgn[kHandles] = {};
+    HGLOBAL glob[kHandles] = {};
+    HBITMAPLIST list[kLists] = {};
+    HPLAYBACK play[kPlays] = {};
+    bool hrgnLive[kHandles] = {}, globLive[kHandles] = {}, listLive[kLists] = {}, playLive[kPlays] = {};
     BITMAPRECORD target[kPlays] = {};  // the target of each live playback, which must outlive it
-    RECT rect{};
-    RGNXFORM xf;
-    int relabelled = -1;  // slot whose size word relabel() changed
+    int relabelled = -1;               // slot whose size word relabel() changed
     uint32_t relabelWord = 0, relabelTo = 0;
+    // Arguments a call reads or writes through a pointer.
+    RECT rect{}, box{}, rs[2], keepRect;
+    POINT pt, pts[8];
+    RGNXFORM xf;
+    RGBQUAD pal[256];
+    BITMAPDATACALLBACKS cb;
+    TEMPFILEOPTIONS tempOptions;
+    GLOBALMEMORYTHRESHOLDS thresholds;
+    STATUSCALLBACK status;
+    void* user;
+    HRGN hout = nullptr;
+    uint32_t uo = 0, hsv3[3];
+    int32_t io = 0, io2 = 0;
+    uint64_t area = 0;
+    uint8_t t8[256];
+    char dir[64];
+    wchar_t msg[64], lib[64];
+    std::vector<uint16_t> t16;
 
     // A handle freed through a call that may also free the other kind.
     void forget(const void* h) {
@@ -92,55 +100,90 @@ struct Ctx {
         if (v && hrgnLive[h]) DeleteObject(hrgn[h]);
         if (v) hrgn[h] = v, hrgnLive[h] = true;
     }
+    bool isSlot(const BITMAPRECORD* r) const { return r >= bm && r < bm + kSlots; }
 
-    // The record of slot s shown with a size word of no layout until the
-    // current call is over. Left alone: records that hold something past the
-    // older layout (an older-layout call drops those fields, by design), and
-    // the words of a layout (an older-layout record shown as the current one
-    // would hand the library stale pointers; a current one shown in the older
-    // layout would keep a stale data size after a successful call).
+    // The record of slot s shown with a size word of no layout until the current call is over. Left alone:
+    // records holding fields past the older layout (an older-layout call drops them, by design), and the
+    // words of a layout (they would hand the library stale pointers or keep a stale data size).
     void relabel(int s) {
         BITMAPRECORD* r = &bm[s];
         if (relabelled >= 0) return;
         if (r->pCallbacks || r->hListBlock || ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize)) return;
         const uint32_t to = pick(kSizeWords);
-        if (r->uStructSize != BITMAPRECORD_SIZE && to == BITMAPRECORD_SIZE) return;
-        if (krn::recordSizeValid(to)) return;
-        relabelled = s;
-        relabelWord = r->uStructSize;
+        if ((r->uStructSize != BITMAPRECORD_SIZE && to == BITMAPRECORD_SIZE) || krn::recordSizeValid(to)) return;
+        relabelled = s, relabelWord = r->uStructSize;
         r->uStructSize = relabelTo = to;
     }
 
-    // ---- input
-    bool more() const { return i < n; }
-    uint8_t byte() { return i < n ? p[i++] : 0; }
-    uint32_t u32() {
-        uint32_t v = 0;
-        for (int k = 0; k < 4; ++k) v |= uint32_t(byte()) << (8 * k);
-        return v;
-    }
-    template <class T, size_t N>
-    T pick(const T (&t)[N]) { return t[byte() % N]; }
-    // Mostly table values, sometimes a raw word.
+    // ---- values: mostly from the tables or small, sometimes hostile or a raw word
     int32_t i32() {
         const uint8_t b = byte();
         return b < 200 ? kI32[b % std::size(kI32)] : b < 240 ? int32_t(b) - 220 : int32_t(u32());
     }
-    int32_t coord() {
-        const uint8_t b = byte();
-        return b < 160 ? int32_t(b % 80) - 8 : i32();
-    }
+    int32_t coord() { return at(160) ? int32_t(last() % 80) - 8 : i32(); }
     uint32_t u32v() { return uint32_t(i32()); }
-    uint64_t size64() {
-        const uint8_t b = byte();
-        return b < 128 ? b : kSizes[b % std::size(kSizes)];
-    }
+    uint64_t size64() { return at(128) ? last() : kSizes[last() % std::size(kSizes)]; }
     // A small value below `lim` (picked with a byte below `cut`) or a hostile one.
     int32_t small(int32_t lim, uint8_t cut = 200) { return byte() < cut ? int32_t(byte() % lim) : i32(); }
     uint32_t usmall(uint32_t lim, uint8_t cut = 200) { return byte() < cut ? byte() % lim : u32v(); }
+    uint32_t byteOr32(uint8_t cut) { return byte() < cut ? byte() : u32v(); }
     uint32_t sizeWord(uint8_t cut) { return byte() < cut ? BITMAPRECORD_SIZE : pick(kSizeWords); }
     template <class T>
     T* orNull(T* v, uint8_t above = 240) { return byte() > above ? nullptr : v; }
+    uint32_t mode() { return usmall(7, 220); }
+    int32_t angle() { return byte() < 200 ? int32_t(u32() % 72001) - 36000 : i32(); }
+    uint32_t rotateFlags() { return byte() < 220 ? (uint32_t(byte()) & 0x3Bu) | (uint32_t(byte() % 4) << 8) : u32v(); }
+    uint32_t resizeFlags() { return byte() < 220 ? uint32_t(byte()) & 0x3Fu : u32v(); }
+    const RGBQUAD* fixedPal() { return byte() < 200 ? K_IntGetFixedPalette(8) : nullptr; }
+    // Small target sizes, or values every call must refuse.
+    int32_t targetDim() { return at(220) ? int32_t(last() % 72) + 1 : std::array{0, -1, -7, INT32_MIN}[last() % 4]; }
+    // A palette count: 1..256 or a hostile value (never more than the palette holds).
+    int32_t colours() { return std::min(byte() < 220 ? int32_t(byte()) + 1 : i32(), 256); }
+    int32_t count256() { return std::min(small(257, 220), 256); }
+    int32_t height(const BITMAPRECORD* r) {
+        const int32_t h = byte() < 128 ? int32_t(byte() % 70) : pick(kDims);
+        return r && isSlot(r) && plannedSize(r->nWidth, h, r->nBitsPerPixel) > kMaxData ? -1 : h;
+    }
+    GLOBALMEMORYTHRESHOLDS* sized() {
+        thresholds.uStructSize = byte() < 200 ? GLOBALMEMORYTHRESHOLDS_SIZE : u32v();
+        return &thresholds;
+    }
+    BITMAPDATACALLBACKS* callbacks() {
+        cb = BITMAPDATACALLBACKS{};
+        cb.uStructSize = byte() < 200 ? BITMAPDATACALLBACKS_SIZE : u32v();
+        return &cb;
+    }
+    uint16_t* table16() { return t16.resize(65536), byte() & 1 ? t16.data() : nullptr; }
+    RGBQUAD* palette() {
+        for (auto& q : pal) q = RGBQUAD{byte(), byte(), byte(), 0};
+        return pal;
+    }
+    RGBQUAD* palOrNull() { return palette(), byte() > 230 ? nullptr : pal; }
+    RECT* rectp() { return byte() >= 240 ? nullptr : &(rect = RECT{coord(), coord(), coord(), coord()}); }
+    // Rectangle k from the input; a refused change of rectangle 0 must leave it as it was.
+    RECT* rect4(int k) {
+        rs[k] = RECT{coord(), coord(), coord(), coord()};
+        if (k == 0) keepRect = rs[0];
+        return &rs[k];
+    }
+    BOOL sameIfRefused(BOOL ok) {
+        if (!ok && std::memcmp(&rs[0], &keepRect, sizeof keepRect) != 0) fail(op, "refused but changed");
+        return ok;
+    }
+    POINT* point() { return &(pt = POINT{coord(), coord()}); }
+    uint32_t* hsv() { return hsv3[0] = u32v(), hsv3[1] = u32v(), hsv3[2] = u32v(), hsv3; }
+    // Eight points and a count of them (hostile sometimes): above 8, no call.
+    uint32_t polygon() {
+        for (auto& q : pts) q = POINT{coord(), coord()};
+        return usmall(9, 220);
+    }
+    const RGNXFORM* xform() {
+        const uint8_t b = byte();
+        if (b >= 230) return nullptr;
+        xf = RGNXFORM{int32_t(b % 10), 1, 1, 1, 1, 0, 0};
+        if (b & 0x10) xf = RGNXFORM{i32(), i32(), i32(), i32(), i32(), i32(), i32()};
+        return &xf;
+    }
 
     // ---- pool
     BITMAPRECORD* rec() {
@@ -150,20 +193,14 @@ struct Ctx {
     }
     int slot() { return byte() % kSlots; }
     uint8_t* buffer(size_t* size) {
-        uint8_t b = byte();
+        const uint8_t b = byte();
         *size = b >= 240 ? 0 : buf[b & 1].size();
         return b >= 240 ? nullptr : buf[b & 1].data();
     }
-    RECT* rectp() {
-        if (byte() >= 240) return nullptr;
-        rect = RECT{coord(), coord(), coord(), coord()};
-        return &rect;
-    }
     OrvaRgn** rgnSlot() { return &rgn[byte() % kRgns]; }
-    OrvaRgn* rgnOrNull() {
-        const uint8_t b = byte();
-        return b < 240 ? rgn[b % kRgns] : nullptr;
-    }
+    OrvaRgn* rgnOrNull() { return at(240) ? rgn[last() % kRgns] : nullptr; }
+    // The pool region of a slot handed to a call that takes ownership of it (freed also on failure).
+    OrvaRgn* takeRgn() { return std::exchange(*rgnSlot(), nullptr); }
     // A handle of the pool's own kind, of the other kind, never a handle, null or all ones.
     void* anyHandle(void* const* own, void* const* other) {
         const uint8_t b = byte();
@@ -172,14 +209,29 @@ struct Ctx {
     }
     HRGN handle() { return HRGN(anyHandle(reinterpret_cast<void**>(hrgn), glob)); }
     HGLOBAL ghandle() { return anyHandle(glob, reinterpret_cast<void**>(hrgn)); }
-    const RGNXFORM* xform() {
-        const uint8_t b = byte();
-        if (b >= 230) return nullptr;
-        xf = RGNXFORM{int32_t(b % 10), 1, 1, 1, 1, 0, 0};
-        if (b & 0x10) xf = RGNXFORM{i32(), i32(), i32(), i32(), i32(), i32(), i32()};
-        return &xf;
+    // A region handle a call made into hout goes to a pool slot.
+    int64_t keepHrgn(int64_t rc) {
+        if (rc == KS_SUCCESS && hout) putHrgn(byte() % kHandles, hout);
+        return hout = nullptr, rc;
     }
-    void palette(RGBQUAD (&pal)[256]) { for (auto& q : pal) q = RGBQUAD{byte(), byte(), byte(), 0}; }
+    // A list handle: live, destroyed, null or bytes that were never a list.
+    HBITMAPLIST listHandle() {
+        const uint8_t b = byte();
+        return b < 225 ? list[b % kLists] : b < 240 ? reinterpret_cast<HBITMAPLIST>(&foreign) : nullptr;
+    }
+    // A playback handle: live, destroyed, null, or another kind of handle.
+    HPLAYBACK playHandle() {
+        const uint8_t b = byte();
+        if (b < 200) return play[b % kPlays];
+        if (b < 215) return reinterpret_cast<HPLAYBACK>(list[b % kLists]);
+        if (b < 230) return reinterpret_cast<HPLAYBACK>(glob[b % kHandles]);
+        return b < 245 ? reinterpret_cast<HPLAYBACK>(&foreign) : nullptr;
+    }
+
+    uint8_t last_ = 0;
+    // at(cut): reads a byte and tells whether it is below cut; last() is that byte.
+    bool at(uint8_t cut) { return (last_ = byte()) < cut; }
+    uint8_t last() const { return last_; }
 };
 
 // ---------------------------------------------------------------- the contract
@@ -189,22 +241,19 @@ uint64_t fnv(uint64_t h, const void* p, size_t n) {
     return h;
 }
 
-bool isSlot(const Ctx& c, const BITMAPRECORD* r) { return r >= c.bm && r < c.bm + kSlots; }
-
-// Digest of a record's bytes and, when it is allocated, of its pixels read
-// through the row layer. The read itself must succeed for an allocated record.
+// Digest of a record's bytes and, when it is allocated, of its pixels read through the row layer. The
+// read itself must succeed for an allocated record.
 uint64_t digest(BITMAPRECORD* r, const char* op) {
     uint64_t h = fnv(0xcbf29ce484222325ull, r, sizeof *r);
     if (!(r->uFlags & BRF_ALLOCATED) || krn::checkAllocated(r) != KS_SUCCESS) return h;
     if ((r->uFlags & BRF_USER_MEMORY && !r->pData) || r->nBytesPerLine == 0 || r->nHeight <= 0) return h;
     const BITMAPRECORD before = *r;
     std::vector<uint8_t> row(r->nBytesPerLine);
-    // A bitmap of millions of rows (on disk, where the cap does not reach) is
-    // sampled: 4096 rows spread over it, the first and the last among them.
+    // A bitmap of millions of rows (on disk, where the cap does not reach) is sampled: 4096 rows spread
+    // over it, the first and the last among them.
     const int64_t rows = r->nHeight, step = rows > 4096 ? (rows + 4094) / 4095 : 1;
     for (int64_t yy = 0; yy < rows; yy = (yy + step < rows || yy == rows - 1) ? yy + step : rows - 1) {
-        const int32_t y = int32_t(yy);
-        const int32_t rc = K_GetBitmapRow(r, row.data(), y, r->nBytesPerLine);
+        const int32_t rc = K_GetBitmapRow(r, row.data(), int32_t(yy), r->nBytesPerLine);
         if (rc < 0) fail(op, "an allocated record's row cannot be read", rc);
         h = fnv(h, row.data(), row.size());
     }
@@ -212,8 +261,8 @@ uint64_t digest(BITMAPRECORD* r, const char* op) {
     return h;
 }
 
-// The validity checks of an allocated record (a size word the script broke
-// on purpose makes it unreadable; a height of 0 is reachable and valid).
+// The validity checks of an allocated record (a size word the script broke on purpose makes it
+// unreadable; a height of 0 is reachable and valid).
 void validate(BITMAPRECORD* r, const char* op) {
     if (!(r->uFlags & BRF_ALLOCATED) || !krn::recordSizeValid(r->uStructSize)) return;
     if (krn::checkAllocated(r) != KS_SUCCESS) fail(op, "allocated record fails the record check");
@@ -227,11 +276,9 @@ void validate(BITMAPRECORD* r, const char* op) {
     (void)digest(r, op);  // every row readable
 }
 
-// Runs one call that takes records: a negative status must leave them as they
-// were; a record left allocated must be valid. `outputs` marks (bit k)
-// records the call makes afresh (their size word is an argument or written by
-// the call); any other record given with a size word of no layout must make
-// the call fail (-789 or an earlier refusal).
+// Runs one call that takes records: a negative status must leave them as they were; a record left allocated
+// must be valid. Any record given with a size word of no layout, except those `outputs` marks (bit k: made
+// afresh by the call), must make the call fail.
 template <class F>
 int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint32_t outputs = 0) {
     bool badSize = false;
@@ -240,14 +287,14 @@ int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint3
     size_t k = 0;
     for (BITMAPRECORD* r : recs) {
         if (r && !(outputs >> k & 1) && !krn::recordSizeValid(r->uStructSize)) badSize = true;
-        if (r && isSlot(c, r)) copy[k] = *r, before[k] = digest(r, c.op);
+        if (r && c.isSlot(r)) copy[k] = *r, before[k] = digest(r, c.op);
         ++k;
     }
     const int64_t rc = call();
     if (badSize && rc > 0) fail(c.op, "a record with a bad size word was accepted", rc);
     k = 0;
     for (BITMAPRECORD* r : recs) {
-        if (r && isSlot(c, r)) {
+        if (r && c.isSlot(r)) {
             if (rc < 0 && std::memcmp(&copy[k], r, sizeof *r) != 0) fail(c.op, "a failing call changed its record", rc);
             if (rc < 0 && digest(r, c.op) != before[k]) fail(c.op, "a failing call changed the pixels", rc);
             validate(r, c.op);
@@ -257,43 +304,108 @@ int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint3
     return rc;
 }
 
-// One record picked, one call on it.
-template <auto F>
-void on1(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    check(c, {r}, [&] { return F(r); });
-}
-
-// A freed or never-allocated slot is re-initialised so that later calls can
-// allocate it; an allocated one is freed.
+// A slot's record freed (with what an unallocated record owns: region, palette, callbacks).
 void freeSlot(Ctx& c, int s) {
     BITMAPRECORD& r = c.bm[s];
-    if (c.relabelled == s && r.uStructSize == c.relabelTo) {
-        r.uStructSize = c.relabelWord;
-        c.relabelled = -1;
-    }
+    if (c.relabelled == s && r.uStructSize == c.relabelTo) r.uStructSize = c.relabelWord, c.relabelled = -1;
     while ((r.uFlags & BRF_ALLOCATED) && krn::isCurrentLayout(&r) && r.nLockCount > 0) K_ReleaseBitmap(&r);
-    // Also frees what an unallocated record owns (region, palette, callbacks).
     if (K_FreeBitmap(&r) != KS_SUCCESS) fail("cleanup", "K_FreeBitmap failed");
     if (r.uFlags & BRF_ALLOCATED) fail("cleanup", "record still allocated after K_FreeBitmap");
     c.caller[s].clear();
 }
-// A pool record made afresh: a slot that owns something is freed first (the
-// call would drop it, a caller's fault), the garbage record's attachments too.
+// A pool record made afresh: what it owns is freed first (the call would drop it, a caller's fault).
 void fresh(Ctx& c, BITMAPRECORD* r) {
-    if (r && isSlot(c, r)) freeSlot(c, int(r - c.bm));
+    if (r && c.isSlot(r)) freeSlot(c, int(r - c.bm));
     if (r == &c.foreign) K_FreeBitmap(r);
+}
+// A record a call makes afresh (a copy's destination): freed first unless it is the source; never garbage.
+BITMAPRECORD* outRec(Ctx& c, BITMAPRECORD* src) {
+    BITMAPRECORD* d = c.rec();
+    if (d && d != src && c.isSlot(d)) freeSlot(c, int(d - c.bm));
+    return d == &c.foreign ? nullptr : d;
+}
+// A call from s into d (a fresh record, or s itself: in place, or null where the call allows it).
+template <class F>
+void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
+    check(c, {s, d}, [&] { return call(d); }, d && d != s ? 2u : 0u);
+}
+
+// ---------------------------------------------------------------- calls on pool records and values
+// One row per export, named by its call text: r is a pool record, s a second one (CALL2 rows), the other
+// arguments come from the Ctx helpers. A guarded row returns 0 (no call) where a call is the caller's fault.
+struct RecordCall {
+    const char* name;
+    int64_t (*fn)(Ctx&, BITMAPRECORD*, BITMAPRECORD*);
+    bool two;
+};
+#define CALL_(two, ...)                                                                                       \
+    {#__VA_ARGS__, [](Ctx& c, BITMAPRECORD* r, BITMAPRECORD* s) -> int64_t { return (void)c, (void)r, (void)s, \
+                                                                             __VA_ARGS__; }, two}
+#define CALL(...) CALL_(false, __VA_ARGS__)
+#define CALL2(...) CALL_(true, __VA_ARGS__)
+const RecordCall kRecordCalls[] = {
+    // record and memory (disk kinds on a large record would write files)
+    CALL(K_AccessBitmap(r)), CALL(K_ReleaseBitmap(r)), CALL(K_ChangeBitmapHeight(r, c.height(r))),
+    CALL(K_ToggleBitmapCompression(r)), CALL(K_ChangeBitmapCompression(r, c.i32())),
+    CALL(K_GetBitmapMemoryInfo(r, c.orNull(&c.uo, 127), c.orNull(&c.area, 127), c.orNull(&c.io, 127), c.orNull(&c.io2, 127))),
+    CALL(K_SetBitmapMemoryInfo(r, r && krn::dataSize(r) > kMaxData ? (c.byte(), 1u) : c.pick(kMemTypes), c.size64())),
+    CALL(K_GetBitmapDataCallbacks(r, c.orNull(c.callbacks()))),
+    CALL(K_SetBitmapDataCallbacks(r, c.orNull(c.callbacks(), 200))),
+    // pixels and palettes
+    CALL(K_FillBitmap(r, c.u32v())), CALL(K_FillBitmap2(r, uint64_t(c.u32()) << 32 | c.u32())), CALL(K_ClearBitmap(r)),
+    CALL(K_CreateBitmapFixedPalette(r)), CALL(K_CreateBitmapGrayPalette(r)), CALL(K_IntIsGrayScaleBitmap(r)),
+    CALL(K_GetTrueColorValue(r, c.u32v(), c.orNull(&c.uo))), CALL2(K_CopyBitmapPalette(r, s)),
+    CALL2(K_TranslateBitmapColor(r, s, c.u32v(), c.orNull(&c.uo))),
+    CALL(K_StartDithering(r, c.fixedPal(), c.byteOr32(200))), CALL(K_StopDithering(r)),
+    CALL(K_StartDitheringExt(r, c.fixedPal(), c.byteOr32(200), c.pick(kDepths), nullptr)),
+    // regions
+    CALL(K_SetBitmapRgnRect(r, c.xform(), c.rectp(), c.mode())),
+    CALL(K_SetBitmapRgnEllipse(r, c.xform(), c.rectp(), c.mode())),
+    CALL(K_SetBitmapRgnHandle(r, c.xform(), c.handle(), c.mode())), CALL(K_SetBitmapRgnColor(r, c.u32v(), c.mode())),
+    CALL2(K_SetBitmapRgnFromMask(r, c.xform(), s, c.mode())), CALL(K_BitmapHasRgn(r)),
+    CALL(K_GetBitmapRgnArea(r, c.orNull(&c.area))), CALL(K_GetBitmapRgnBounds(r, c.xform(), c.orNull(&c.box))),
+    CALL(K_IsPtInBitmapRgn(r, c.coord(), c.coord())), CALL(K_OffsetBitmapRgn(r, c.i32(), c.i32())),
+    CALL(K_SizeBitmapRgn(r, c.i32(), c.i32())), CALL(K_FlipBitmapRgn(r)), CALL(K_ReverseBitmapRgn(r)),
+    CALL(K_FreeBitmapRgn(r)), CALL(K_SetBitmapRgn(r, c.xform(), c.takeRgn(), c.mode())),
+    CALL((c.uo = c.polygon()) <= 8 ? K_SetBitmapRgnPolygon(r, c.xform(), c.pts, c.uo, c.byte() % 4, c.mode()) : 0),
+    CALL(c.keepHrgn(K_GetBitmapRgnHandle(r, c.xform(), c.orNull(&c.hout)))),
+    // The destination's region pointer is cleared without being freed (destinations come without one).
+    CALL2(r && r->hRgn ? 0 : K_CopyBitmapRgn(r, s, c.i32(), c.i32())),
+    // orientation and transforms
+    CALL(K_FlipBitmap(r)), CALL(K_ReverseBitmap(r)), CALL(K_IntFlipBitmap(r)), CALL(K_IntReverseBitmap(r)),
+    CALL(K_FlipBitmapViewPerspective(r)), CALL(K_ReverseBitmapViewPerspective(r)),
+    CALL(K_RotateBitmapViewPerspective(r, c.byte() < 200 ? int32_t(c.byte() % 4) * 90 : c.i32())),
+    CALL(K_RotateBitmap90(r, c.byte() & 1, c.small(101), c.small(101))),
+    CALL(K_RotateBitmap(r, c.angle(), c.rotateFlags(), c.u32v())),
+    CALL(K_ShearBitmap(r, c.angle() % 9000, c.rotateFlags(), c.u32v())),
+    CALL(K_TrimBitmap(r, c.coord(), c.coord(), uint32_t(c.targetDim()), uint32_t(c.targetDim()))),
+    CALL(K_ClearNegativePixels(r)), CALL2(K_CopyBitmapData(r, s)),
+    CALL2(K_CombineBitmapKrn(r, c.coord(), c.coord(), c.coord(), c.coord(), s, c.coord(), c.coord(),
+                             c.byte() < 230 ? uint32_t(c.u32() & 0xFFFFu) : c.u32v())),
+    CALL(K_SizeBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
+    CALL(K_ResampleBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
+    CALL(K_BicubicResampleBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
+    // colour and display
+    CALL(K_GrayScaleBitmap(r, c.pick(kDepths))),
+    CALL(K_CreateBitmapOptPal(r, c.palette(), c.colours(), c.small(8, 220), c.u32v(), &c.io)),
+    CALL(K_SetPaintIntensity(r, c.i32())), CALL(K_SetPaintContrast(r, c.i32())), CALL(K_SetPaintGamma(r, c.i32())),
+};
+#undef CALL_
+#undef CALL
+#undef CALL2
+
+void opRecordCall(Ctx& c) {
+    const RecordCall& k = c.pick(kRecordCalls);
+    BITMAPRECORD* r = c.rec();
+    BITMAPRECORD* s = k.two ? c.rec() : nullptr;
+    c.op = k.name;
+    check(c, {r, s}, [&] { return k.fn(c, r, s); });
 }
 
 bool isStatus(int64_t rc) { return rc == KS_SUCCESS || rc <= 0 || rc == 2; }
 
-// ---------------------------------------------------------------- family: record and memory
-uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
-    if (w <= 0 || h <= 0 || bpp <= 0) return 0;
-    return ((uint64_t(w) * uint64_t(bpp) + 31) / 32) * 4 * uint64_t(h);
-}
-// Keeps the script's allocations small: a large image may only be asked for
-// with types that cannot spill to tiles or disk (and the cap refuses it).
+// ---------------------------------------------------------------- record and memory
+// A large image may only be asked for with types that cannot spill to tiles or disk (the cap refuses it).
 uint32_t safeType(uint32_t t, int32_t w, int32_t h, int32_t bpp) { return plannedSize(w, h, bpp) > kMaxData ? 265 : t; }
 
 void opInit(Ctx& c) {
@@ -318,9 +430,9 @@ void opCreate(Ctx& c) {
     uint8_t* data = nullptr;
     uint64_t have = 0;
     if (t == 2) {  // caller memory of the planned size or a hostile one
-        auto& mem = c.caller[r && isSlot(c, r) ? r - c.bm : 0];
+        auto& mem = c.caller[r && c.isSlot(r) ? r - c.bm : 0];
         have = c.byte() & 1 ? plannedSize(w, h, b) : c.size64() % (kMaxData + 1);
-        if (!r || !isSlot(c, r) || have > kMaxData) return;
+        if (!r || !c.isSlot(r) || have > kMaxData) return;
         if (!mem.empty()) c.keep.push_back(std::move(mem));  // the record may still point there
         mem.assign(size_t(have), 0x5A);
         data = mem.empty() ? nullptr : mem.data();
@@ -339,21 +451,15 @@ void opFree(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     if (r == &c.foreign) return;  // garbage bytes: freeing them is the caller's fault
     const int64_t rc = K_FreeBitmap(r);
-    if (!r || !isSlot(c, r)) return;
+    if (!r || !c.isSlot(r)) return;
     if (rc < 0 && krn::recordSizeValid(r->uStructSize) && (r->uFlags & BRF_ALLOCATED) &&
         !(krn::isCurrentLayout(r) && r->nLockCount > 0))
         fail(c.op, "free of an allocated record failed", rc);
     if (!(r->uFlags & BRF_ALLOCATED)) c.caller[r - c.bm].clear();
 }
-void opChangeHeight(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    int32_t h = c.byte() < 128 ? int32_t(c.byte() % 70) : c.pick(kDims);
-    if (r && isSlot(c, r) && plannedSize(r->nWidth, h, r->nBitsPerPixel) > kMaxData) h = -1;
-    check(c, {r}, [&] { return K_ChangeBitmapHeight(r, h); });
-}
 void opSetDataPointer(Ctx& c) {
     BITMAPRECORD* r = c.rec();
-    if (!r || !isSlot(c, r)) return;
+    if (!r || !c.isSlot(r)) return;
     const uint64_t want = c.size64();
     std::vector<uint8_t> mem(size_t(want % (kMaxData + 1)), 0x33);
     const bool nullData = c.byte() > 230;
@@ -368,68 +474,21 @@ void opIntAccessRelease(Ctx& c) {
     // The release hands back the status it is given (after releasing): not a failing call when negative.
     if (check(c, {r}, [&] { return K_IntAccessBitmap(r, nullOut ? nullptr : &accessed); }) != KS_SUCCESS) return;
     K_IntReleaseBitmap(r, accessed, status);
-    if (isSlot(c, r)) validate(r, c.op);
-}
-void opMemoryInfo(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    uint32_t t;
-    uint64_t ts;
-    int32_t count, disk;
-    const uint8_t m = c.byte();
-    check(c, {r}, [&] {
-        return K_GetBitmapMemoryInfo(r, m & 1 ? &t : nullptr, m & 2 ? &ts : nullptr, m & 4 ? &count : nullptr,
-                                     m & 8 ? &disk : nullptr);
-    });
-}
-void opSetMemoryInfo(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    uint32_t t = c.pick(kMemTypes);
-    const uint64_t ts = c.size64();
-    if (r && krn::dataSize(r) > kMaxData) t = 1;  // disk kinds on a large record would write files
-    check(c, {r}, [&] { return K_SetBitmapMemoryInfo(r, t, ts); });
-}
-void opCompression(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    const int32_t mode = c.i32();
-    if (c.byte() & 1) check(c, {r}, [&] { return K_ChangeBitmapCompression(r, mode); });
-    else check(c, {r}, [&] { return K_ToggleBitmapCompression(r); });
+    if (c.isSlot(r)) validate(r, c.op);
 }
 // The same record shown with a broken size word to the next call (put back after it).
 void opRelabel(Ctx& c) { c.relabel(c.slot()); }
 void opManageMemory(Ctx& c) {
     const int32_t cmd = c.byte() % 8 - 1;
-    int64_t v = int64_t(c.size64());
-    if (c.byte() & 1) v = -v;
+    const int64_t v = int64_t(c.size64()) * (c.byte() & 1 ? -1 : 1);
     int64_t out = 0;
     const bool nullOut = c.byte() > 220;
     if (cmd == MANAGEMEMORY_RESERVE || cmd == MANAGEMEMORY_RELEASE) return;  // would move the counter
-    const int64_t rc = K_ManageMemory(cmd, v, nullOut ? nullptr : &out);
-    if (!isStatus(rc)) fail(c.op, "odd status", rc);
+    if (const int64_t rc = K_ManageMemory(cmd, v, nullOut ? nullptr : &out); !isStatus(rc)) fail(c.op, "odd status", rc);
     K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);  // the script's cap stays
 }
-void opThresholds(Ctx& c) {
-    const int32_t a = c.i32(), b = c.i32(), t = c.i32(), d = c.i32(), e = c.i32();
-    const uint32_t f = c.u32v();
-    K_SetMemoryThresholds(a, b, t, d, e, f);
-    int32_t o[5];
-    const uint8_t m = c.byte();
-    K_GetMemoryThresholds(m & 1 ? &o[0] : nullptr, m & 2 ? &o[1] : nullptr, m & 4 ? &o[2] : nullptr,
-                          m & 8 ? &o[3] : nullptr, m & 16 ? &o[4] : nullptr);
-    K_SetDefaultMemoryType(c.pick(kMemTypes));
-    GLOBALMEMORYTHRESHOLDS g{};
-    K_GetGlobalMemoryThresholds(c.orNull(&g));
-    g.uStructSize = c.byte() < 200 ? GLOBALMEMORYTHRESHOLDS_SIZE : c.u32v();
-    K_SetGlobalMemoryThresholds(c.orNull(&g));
-}
-void opDataCallbacks(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    BITMAPDATACALLBACKS cb{};
-    cb.uStructSize = c.byte() < 200 ? BITMAPDATACALLBACKS_SIZE : c.u32v();
-    if (c.byte() & 1) check(c, {r}, [&] { return K_GetBitmapDataCallbacks(r, c.orNull(&cb)); });
-    else check(c, {r}, [&] { return K_SetBitmapDataCallbacks(r, c.orNull(&cb, 200)); });
-}
 
-// ---------------------------------------------------------------- family: rows
+// ---------------------------------------------------------------- rows, palettes, conversion
 void opRows(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     size_t size;
@@ -450,18 +509,16 @@ void opRows(Ctx& c) {
             for (int k = 0; k < 2 * count; ++k) seg[k] = c.coord();
             // The row buffer must cover the record's row: the caller's duty.
             if (!r || !b || size < (r->uFlags & BRF_ALLOCATED ? r->nBytesPerLine : 0)) return;
-            check(c, {r}, [&] { return K_PutBitmapRowSegments(r, b, row, seg, count); });
-            break;
+            check(c, {r}, [&] { return K_PutBitmapRowSegments(r, b, row, seg, count); }); break;
         }
         default: {
-            // The compressed forms: work and run buffers sized by the caller for
-            // nPixels (runs take at most 2 bytes per pixel + 4).
+            // The compressed forms: run buffers sized for nPixels (at most 2 bytes per pixel + 4).
             const int32_t pixels = c.byte() < 200 ? int32_t(c.byte()) : c.i32();
             if (!b || pixels < 0 || uint64_t(pixels) / 8 + 1 > size || uint64_t(pixels) * 2 + 8 > kBuf) return;
             std::vector<uint8_t> runs(size_t(pixels) * 2 + 8);
-            // The work buffer holds one row of the record (the caller's duty); a
-            // record the script cannot size gets none (the library makes its own).
-            const bool sized = r && isSlot(c, r) && (r->uFlags & BRF_ALLOCATED);
+            // The work buffer holds one row of the record (the caller's duty); a record the script cannot
+            // size gets none (the library makes its own).
+            const bool sized = r && c.isSlot(r) && (r->uFlags & BRF_ALLOCATED);
             std::vector<uint8_t> work(std::max<size_t>(size_t(pixels) / 8 + 8, sized ? r->nBytesPerLine : 0));
             uint8_t* const wp = sized || !r ? work.data() : nullptr;
             uint8_t* const rp = runs.data();
@@ -474,15 +531,6 @@ void opRows(Ctx& c) {
             else check(c, {r}, [&] { return K_GetBitmapRowCompressed(r, wp, rp, row, pixels); });
         }
     }
-}
-void opFill(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    const uint8_t which = c.byte() % 3;
-    const uint32_t colour = c.u32v();
-    const uint64_t raw = uint64_t(c.u32()) << 32 | c.u32();
-    if (which == 0) check(c, {r}, [&] { return K_FillBitmap(r, colour); });
-    else if (which == 1) check(c, {r}, [&] { return K_FillBitmap2(r, raw); });
-    else check(c, {r}, [&] { return K_ClearBitmap(r); });
 }
 void opRuns(Ctx& c) {
     // The compressed-row helpers on caller buffers sized for their pixels.
@@ -499,60 +547,21 @@ void opRuns(Ctx& c) {
     if (len > int32_t(runs.size())) fail(c.op, "compressed row longer than its bound", len);
     if (len >= 0) K_ExpandRow(runs.data(), dst.data(), first, pixels);
 }
-
-// ---------------------------------------------------------------- family: palettes
 void opPalette(Ctx& c) {
     BITMAPRECORD* r = c.rec();
-    BITMAPRECORD* s = c.rec();
-    RGBQUAD pal[256];
-    c.palette(pal);
+    RGBQUAD* pal = c.palette();
     const int32_t n = c.small(257), index = c.small(260);
-    const bool nullPal = c.byte() > 230;
-    RGBQUAD* pp = nullPal ? nullptr : pal;
+    RGBQUAD* pp = c.byte() > 230 ? nullptr : pal;
     if (n > 256 || (index >= 0 && n >= 0 && int64_t(index) + n > 256 && c.byte() < 250)) return;
-    uint32_t u = 0;
     int32_t count = 0;
-    switch (c.byte() % 11) {
+    switch (c.byte() % 4) {
         case 0: check(c, {r}, [&] { return K_SetBitmapPalette(r, pp, n); }); break;
-        case 1: check(c, {r, s}, [&] { return K_CopyBitmapPalette(r, s); }); break;
-        case 2: check(c, {r}, [&] { return K_CreateBitmapFixedPalette(r); }); break;
-        case 3: check(c, {r}, [&] { return K_CreateBitmapGrayPalette(r); }); break;
-        case 4: check(c, {r}, [&] { return K_GetBitmapColors(r, index, n, pp); }); break;
-        case 5: check(c, {r}, [&] { return K_PutBitmapColors(r, index, n, pp); }); break;
-        case 6: check(c, {r}, [&] { return K_CompareBitmapToPalette(r, pp, n); }); break;
-        case 7: check(c, {r}, [&] { return K_GetTrueColorValue(r, c.u32v(), c.orNull(&u)); }); break;
-        case 8: check(c, {r, s}, [&] { return K_TranslateBitmapColor(r, s, c.u32v(), c.orNull(&u)); }); break;
-        case 9: check(c, {r}, [&] { return K_GetBitmapPaletteEntries(r, pp, n < 0 ? n : std::min(n, 256), &count); }); break;
-        default: check(c, {r}, [&] { return K_IntIsGrayScaleBitmap(r); }); break;
+        case 1: check(c, {r}, [&] { return K_GetBitmapColors(r, index, n, pp); }); break;
+        case 2: check(c, {r}, [&] { return K_PutBitmapColors(r, index, n, pp); }); break;
+        default: check(c, {r}, [&] { return K_CompareBitmapToPalette(r, pp, n); });
     }
+    check(c, {r}, [&] { return K_GetBitmapPaletteEntries(r, pp, n, &count); });
 }
-void opPaletteHelpers(Ctx& c) {
-    RGBQUAD pal[256];
-    c.palette(pal);
-    const int32_t bits = c.pick(kDepths);
-    const int32_t n = c.small(257, 220);
-    RGBQUAD* const pp = c.byte() > 230 ? nullptr : pal;
-    if (n > 256) return;
-    switch (c.byte() % 8) {
-        case 0: K_GetFixedPalette(pp, bits > 8 ? bits : std::min(bits, 8)); break;
-        case 1: K_IntGetFixedPalette(bits); break;
-        case 2: if (RGBQUAD* g = K_CreateGrayPalette(bits)) K_GlobalFree(g); break;
-        case 3: if (RGBQUAD* g = K_CreateFixedPalette(bits)) K_GlobalFree(g); break;
-        case 4: if (RGBQUAD* g = K_DupPalette(pp, n)) K_GlobalFree(g); break;
-        case 5: K_FindPaletteIndex(pp, n, c.i32(), c.i32(), c.i32()); break;
-        case 6: K_IsGrayScalePalette(pp, n); break;
-        default:
-            if (uint32_t* t = K_CreateUserMatchTable(pp, n)) {
-                uint32_t* old = K_SetUserMatchTable(t);
-                K_GetUserMatchTable();
-                K_SetUserMatchTable(old);
-                K_FreeUserMatchTable(t);
-            }
-            K_FreeUserMatchTable(nullptr);
-    }
-}
-
-// ---------------------------------------------------------------- family: conversion and dithering
 void opConvert(Ctx& c) {
     size_t size;
     uint8_t* b = c.buffer(&size);
@@ -561,8 +570,7 @@ void opConvert(Ctx& c) {
     const int32_t os = c.byte() % 9 - 1, od = c.byte() % 9 - 1;
     const uint32_t flags = c.byte() < 200 ? 0 : c.u32v();
     const int32_t lo = c.byte() % 20 - 2, hi = c.byte() % 20 - 2;
-    // The buffer must hold the wider of the two rows: the caller's duty.
-    // (0 also answers a row beyond 32 bits: such a width is no buffer's.)
+    // The buffer must hold the wider row: the caller's duty. (0 also answers a row beyond 32 bits.)
     const uint32_t need = K_CalcConvertSize(w, bs, w, bd);
     if (!b || need > size || (need == 0 && w > 0)) {
         K_CalcConvertSize(c.i32(), c.i32(), c.i32(), c.i32());
@@ -572,30 +580,19 @@ void opConvert(Ctx& c) {
     if (c.byte() & 1) K_ConvertBuffer(b, w, bs, bd, os, od, nullptr, c.byte() & 1 ? fixed : nullptr);
     else K_ConvertBufferExt(b, w, bs, bd, os, od, fixed, nullptr, flags, lo, hi);
 }
-void opDither(Ctx& c) {
+void opDitherLine(Ctx& c) {
+    // Rows of the record's width in 24 bits in and in its depth out.
     BITMAPRECORD* r = c.rec();
-    const uint8_t which = c.byte() % 4;
-    const RGBQUAD* pal = c.byte() < 200 ? K_IntGetFixedPalette(8) : nullptr;
-    const uint32_t colours = c.byte() < 200 ? c.byte() : c.u32v();
-    if (which == 0) {
-        check(c, {r}, [&] { return K_StartDithering(r, pal, colours); });
-    } else if (which == 1) {
-        check(c, {r}, [&] { return K_StartDitheringExt(r, pal, colours, c.pick(kDepths), nullptr); });
-    } else if (which == 2) {
-        // Rows of the record's width in 24 bits in and in its depth out.
-        if (!r || !isSlot(c, r) || r->nWidth <= 0 || r->nWidth > 1000) return;
+    if (r && c.isSlot(r) && r->nWidth > 0 && r->nWidth <= 1000) {
         std::vector<uint8_t> in(size_t(r->nWidth) * 8 + 16, 0x77), out(size_t(r->nWidth) * 8 + 16);
         check(c, {r}, [&] { return K_DitherLine(r, in.data(), out.data()); });
-    } else {
-        check(c, {r}, [&] { return K_StopDithering(r); });
     }
     K_DefaultDithering(c.small(8));
     K_GetDefaultDithering();
 }
 
-// ---------------------------------------------------------------- family: regions
-// A region a call made (into *out) goes to the slot (the slot's earlier one is
-// deleted). *out is read here, after the call: never pass it by value.
+// ---------------------------------------------------------------- regions
+// A region a call made into *out (read after the call) replaces the slot's.
 void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn** out) {
     if (rc < 0 || !*out) return;
     if (*slot) K_DeleteOrvaRgn(*slot);
@@ -604,33 +601,24 @@ void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn** out) {
 void opOrvaRgn(Ctx& c) {
     OrvaRgn** slot = c.rgnSlot();
     OrvaRgn *out = nullptr, *a, *b;
-    POINT pts[8];
     uint8_t flags[8];
-    int32_t x1, x2, count;
-    RECT box;
-    switch (c.byte() % 9) {
+    int32_t count;
+    switch (c.byte() % 5) {
         case 0:
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            K_CreateOrvaRgnRect(c.orNull(slot), c.rectp());
-            break;
+            K_CreateOrvaRgnRect(c.orNull(slot), c.rectp()); break;
         case 1:
             if ((a = c.rgnOrNull()) == *slot) return;
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            K_CopyOrvaRgn(slot, a);
-            break;
-        case 2: K_OffsetOrvaRgn(*slot, c.i32(), c.i32()); break;
-        case 3:
+            K_CopyOrvaRgn(slot, a); break;
+        case 2:
             a = c.rgnOrNull(), b = c.rgnOrNull();
-            keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out);
-            break;
-        case 4: K_IsPtInOrvaRgn(*slot, c.coord(), c.coord(), &x1, &x2), K_GetOrvaRgnBounds(*slot, c.orNull(&box)); break;
-        case 5: K_ClipOrvaRgnRect(*slot, c.rectp()); break;
-        case 6: K_ScaleOrvaRgn(*slot, c.i32(), c.i32(), c.i32(), c.i32()); break;
-        case 7:
+            keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out); break;
+        case 3:
             count = c.byte() < 220 ? c.byte() % 9 : c.i32();
-            for (int k = 0; k < 8; ++k) pts[k] = POINT{c.coord(), c.coord()}, flags[k] = c.byte();
-            if (count <= 8) keepRgn(slot, K_SegmentsToRegion(&out, pts, flags, count, c.byte() % 4), &out);
-            break;
+            for (int k = 0; k < 8; ++k) c.pts[k] = POINT{c.coord(), c.coord()}, flags[k] = c.byte();
+            if (count <= 8) keepRgn(slot, K_SegmentsToRegion(&out, c.pts, flags, count, c.byte() % 4), &out);
+        break;
         default: {
             HRGN h = c.handle();
             keepRgn(slot, K_ConvertHandleToRgn(h, &out), &out);
@@ -638,25 +626,19 @@ void opOrvaRgn(Ctx& c) {
     }
 }
 void opHrgn(Ctx& c) {
-    const int h = c.byte() % kHandles, which = c.byte() % 12;
-    POINT pts[8];
-    RECT box;
+    const int h = c.byte() % kHandles, which = c.byte() % 7;
     HRGN v = nullptr;
-    uint8_t out[64];
     int32_t count;
-    auto del = [&](HRGN g) { return which == 8 ? DeleteObject(g) != 0 : K_WinDeleteObject(g) == KS_SUCCESS; };
+    auto del = [&](HRGN g) { return which == 5 ? DeleteObject(g) != 0 : K_WinDeleteObject(g) == KS_SUCCESS; };
     switch (which) {
         case 0: c.putHrgn(h, CreateRectRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
         case 1: c.putHrgn(h, CreateEllipticRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
         case 2:
-            for (auto& q : pts) q = POINT{c.coord(), c.coord()};
+            for (auto& q : c.pts) q = POINT{c.coord(), c.coord()};
             count = c.byte() < 220 ? c.byte() % 9 : c.i32();
-            if (count <= 8) c.putHrgn(h, CreatePolygonRgn(c.orNull(pts), count, c.byte() % 4));
+            if (count <= 8) c.putHrgn(h, CreatePolygonRgn(c.orNull(c.pts), count, c.byte() % 4));
             break;
-        case 3: CombineRgn(c.handle(), c.handle(), c.handle(), c.byte() % 8 - 1); break;
-        case 4: OffsetRgn(c.handle(), c.i32(), c.i32()); break;
-        case 5: GetRgnBox(c.handle(), c.orNull(&box)), PtInRegion(c.handle(), c.coord(), c.coord()); break;
-        case 6: {
+        case 3: {
             // Region data out and back in through ExtCreateRegion.
             HRGN src = c.handle();
             const uint32_t need = GetRegionData(src, 0, nullptr);
@@ -666,119 +648,63 @@ void opHrgn(Ctx& c) {
             if (GetRegionData(src, given, reinterpret_cast<RGNDATA*>(data.data())) == 0) return;
             if (c.byte() & 1 && need > 40) data[c.byte() % need] ^= c.byte();  // a damaged copy
             const uint32_t back = std::min(c.byte() < 230 ? need : c.u32v(), need);
-            c.putHrgn(h, ExtCreateRegion(nullptr, back, reinterpret_cast<const RGNDATA*>(data.data())));
-            break;
+            c.putHrgn(h, ExtCreateRegion(nullptr, back, reinterpret_cast<const RGNDATA*>(data.data()))); break;
         }
-        case 7: SetRectRgn(c.handle(), c.coord(), c.coord(), c.coord(), c.coord()); break;
-        case 9:
-            if ((count = c.byte() < 200 ? c.byte() % 65 : c.i32()) <= 64) GetObject(c.handle(), count, c.orNull(out));
-            break;
-        case 10:
+        case 4:
             if (K_WinCreateRectRgn(c.orNull(&v), c.coord(), c.coord(), c.coord(), c.coord()) == KS_SUCCESS) c.putHrgn(h, v);
             break;
         default:
-            // Deletes (emulated and kernel form): a live handle must go (its value
-            // stays, a freed handle from now on), any other is looked up.
+            // Deletes (emulated and kernel form): a live handle must go (its value stays, freed), any other is looked up.
             if (c.hrgnLive[h] && !del(c.hrgn[h])) fail(c.op, "delete of a live region failed");
             if (c.hrgnLive[h]) c.hrgnLive[h] = false;
             else if (HRGN g = c.handle(); del(g)) c.forget(g);
     }
 }
 void opBitmapRgn(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
+    BITMAPRECORD *r = c.rec(), *m;
     const RGNXFORM* xf = c.xform();
-    const uint32_t mode = c.usmall(7, 220);
-    OrvaRgn** slot;
-    OrvaRgn* g;
-    POINT pts[8];
-    BITMAPRECORD* m;
-    uint64_t area;
-    RECT box;
-    HRGN v = nullptr;
+    const uint32_t mode = c.mode();
     uint32_t count, mx = 0;
     int32_t need = 0;
-    switch (c.byte() % 16) {
-        case 0:  // ownership passes to the call (freed also on failure)
-            slot = c.rgnSlot(), g = *slot, *slot = nullptr;
-            check(c, {r}, [&] { return K_SetBitmapRgn(r, xf, g, mode); });
-            break;
-        case 1: check(c, {r}, [&] { return K_SetBitmapRgnRect(r, xf, c.rectp(), mode); }); break;
-        case 2: check(c, {r}, [&] { return K_SetBitmapRgnEllipse(r, xf, c.rectp(), mode); }); break;
-        case 3:
-            for (auto& q : pts) q = POINT{c.coord(), c.coord()};
-            if ((count = c.usmall(9, 220)) <= 8) check(c, {r}, [&] { return K_SetBitmapRgnPolygon(r, xf, pts, count, c.byte() % 4, mode); });
-            break;
-        case 4: check(c, {r}, [&] { return K_SetBitmapRgnHandle(r, xf, c.handle(), mode); }); break;
-        case 5:
-            m = c.rec();
-            check(c, {r, m}, [&] { return K_SetBitmapRgnFromMask(r, xf, m, mode); });
-            break;
-        case 6: check(c, {r}, [&] { return K_SetBitmapRgnColor(r, c.u32v(), mode); }); break;
-        case 7:
-            check(c, {r}, [&] { return K_BitmapHasRgn(r); });
-            check(c, {r}, [&] { return K_GetBitmapRgnArea(r, c.orNull(&area)); });
-            check(c, {r}, [&] { return K_GetBitmapRgnBounds(r, xf, c.orNull(&box)); });
-            check(c, {r}, [&] { return K_IsPtInBitmapRgn(r, c.coord(), c.coord()); });
-            break;
-        case 8: {
+    switch (c.byte() % 3) {
+        case 0: {
             check(c, {r}, [&] { return K_GetBitmapClipSegmentsMax(r, &mx); });
             std::vector<int32_t> seg(size_t(std::min<uint32_t>(mx, 4096)) * 2 + 2);
             count = uint32_t(seg.size() / 2);
             if (c.byte() > 220) count = c.byte() % 3;  // too small: refused with the needed count
-            check(c, {r}, [&] { return K_GetBitmapClipSegments(r, c.coord(), seg.data(), &count); });
-            break;
+            check(c, {r}, [&] { return K_GetBitmapClipSegments(r, c.coord(), seg.data(), &count); }); break;
         }
-        case 9: check(c, {r}, [&] { return K_OffsetBitmapRgn(r, c.i32(), c.i32()); }); break;
-        case 10: check(c, {r}, [&] { return K_SizeBitmapRgn(r, c.i32(), c.i32()); }); break;
-        case 11:
-            if (c.byte() & 1) check(c, {r}, [&] { return K_FlipBitmapRgn(r); });
-            else check(c, {r}, [&] { return K_ReverseBitmapRgn(r); });
-            break;
-        case 12:
-            if (check(c, {r}, [&] { return K_GetBitmapRgnHandle(r, xf, c.orNull(&v)); }) == KS_SUCCESS && v)
-                c.putHrgn(c.byte() % kHandles, v);
-            break;
-        case 13: {
+        case 1: {
             check(c, {r}, [&] { need = K_GetBitmapRgnData(r, xf, 0, nullptr); return int64_t(0); });
             if (need <= 0 || need > int32_t(kBuf) * 8) return;
             std::vector<uint8_t> data(static_cast<size_t>(need));
-            const auto* rd = reinterpret_cast<RGNDATA*>(data.data());
+            auto* rd = reinterpret_cast<RGNDATA*>(data.data());
             const int32_t given = c.byte() < 220 ? need : int32_t(c.u32v() % uint32_t(need + 1));
-            check(c, {r}, [&] { return K_GetBitmapRgnData(r, xf, given, reinterpret_cast<RGNDATA*>(data.data())); });
+            check(c, {r}, [&] { return K_GetBitmapRgnData(r, xf, given, rd); });
             BITMAPRECORD* d = c.rec();
             const int32_t back = c.byte() < 220 ? need : c.i32();
             if (back <= need) check(c, {d}, [&] { return K_SetBitmapRgnData(d, xf, back, rd, mode); });
             break;
         }
-        case 14:
+        default:
             // The mask record is made afresh. (A mask as large as a huge source would only slow the run down.)
             m = c.rec();
             if (m == r || (r && plannedSize(r->nWidth, r->nHeight, 1) > kMaxData)) return;
             fresh(c, m);
             count = c.sizeWord(200);
             check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, count); }, 2);
-            break;
-        default:
-            // The destination's region pointer is cleared without being freed
-            // (destinations come without one): a caller's duty.
-            m = c.rec();
-            if (r && r->hRgn) return;
-            check(c, {r, m}, [&] { return K_CopyBitmapRgn(r, m, c.i32(), c.i32()); });
-            if (c.byte() & 1) check(c, {r}, [&] { return K_FreeBitmapRgn(r); });
     }
 }
 
-// ---------------------------------------------------------------- family: view perspective and rectangles
+// ---------------------------------------------------------------- view perspective, rectangles, services
 void opViewPerspective(Ctx& c) {
     BITMAPRECORD* r = c.rec();
-    const int32_t from = c.small(10), to = c.small(10);
-    const int32_t w = c.i32(), h = c.i32();
+    const int32_t from = c.small(10), to = c.small(10), w = c.i32(), h = c.i32();
     RECT* rp = c.rectp();
-    int32_t x = c.coord(), y = c.coord();
+    int32_t x = c.coord(), y = c.coord(), f, a;
     const RECT keep = rp ? *rp : RECT{};
     const int32_t kx = x, ky = y;
     int64_t rc = 0;
-    int32_t f, a;
     switch (c.byte() % 7) {
         case 0: rc = K_GetChangeViewPerspectiveParams(from, to, c.orNull(&f), &a); break;
         case 1: rc = K_ChangeRectViewPerspective(from, w, h, to, rp); break;
@@ -792,42 +718,14 @@ void opViewPerspective(Ctx& c) {
     if (rc < 0 && rp && std::memcmp(rp, &keep, sizeof keep) != 0) fail(c.op, "refused but changed the rectangle", rc);
     if (rc < 0 && (x != kx || y != ky)) fail(c.op, "refused but changed the point", rc);
 }
-void opRects(Ctx& c) {
-    RECT a{c.coord(), c.coord(), c.coord(), c.coord()}, b{c.coord(), c.coord(), c.coord(), c.coord()}, d{};
-    POINT p{c.coord(), c.coord()};
-    const int32_t dx = c.i32(), dy = c.i32();
-    const RECT keep = a;
-    switch (c.byte() % 14) {
-        case 0: IntersectRect(&d, &a, &b); break;
-        case 1: UnionRect(&d, &a, &b); break;
-        case 2: if (!InflateRect(&a, dx, dy) && std::memcmp(&a, &keep, sizeof a)) fail(c.op, "refused but changed"); break;
-        case 3: if (!OffsetRect(&a, dx, dy) && std::memcmp(&a, &keep, sizeof a)) fail(c.op, "refused but changed"); break;
-        case 4: PtInRect(&a, p), IsRectEmpty(&a), EqualRect(&a, &b), SetRectEmpty(&d), CopyRect(&d, &a); break;
-        case 5: SetRect(c.orNull(&d), dx, dy, c.i32(), c.i32()); break;
-        case 6: K_Rect_Inflate(&a, dx, dy); break;
-        case 7: K_Rect_Offset(&a, dx, dy); break;
-        case 8: K_Rect_Intersect(&d, &a, &b), K_Rect_IntersectsWith(&a, &b), K_Rect_Union(&d, &a, &b); break;
-        case 9: K_Rect_Width(&a), K_Rect_Height(&a), K_Rect_Size(&a), K_Rect_ContainsPoint(&a, &p); break;
-        case 10: K_Rect_ContainsRect(&a, &b), K_Rect_Make(dx, dy, c.i32(), c.i32()); break;
-        case 11: K_Point_Offset(&p, dx, dy), K_Rect_BottomRight(&a), K_Rect_ToRectD(&a); break;
-        case 12: K_Rect_IsEmpty(nullptr), K_Rect_Width(nullptr), K_Rect_Intersect(nullptr, &a, nullptr); break;
-        default: K_SinValue(c.i32()), K_CosValue(c.i32()); break;
-    }
-}
-
-// ---------------------------------------------------------------- family: runtime services
 void opGlobal(Ctx& c) {
     const int h = c.byte() % kHandles;
     HGLOBAL g = nullptr;
-    wchar_t msg[64], lib[64];
-    int32_t id, known;
-    switch (c.byte() % 6) {
+    switch (c.byte() % 4) {
         case 0:
             if (!(g = K_GlobalAlloc(c.usmall(0x50), size_t(c.size64()) % (1u << 20)))) return;
             if (c.globLive[h]) K_GlobalFree(c.glob[h]);
-            c.glob[h] = g;
-            c.globLive[h] = true;
-            break;
+            c.glob[h] = g, c.globLive[h] = true; break;
         case 1: {
             g = c.ghandle();
             const size_t sz = size_t(c.size64());
@@ -841,119 +739,96 @@ void opGlobal(Ctx& c) {
             if (c.globLive[h]) c.globLive[h] = false;
             else if (g = c.ghandle(); K_GlobalFree(g) == nullptr) c.forget(g);
             break;
-        case 3:
+        default:
             if (void* p = K_GlobalLock(g = c.ghandle())) {
                 const size_t s = K_GlobalSize(g);
                 if (s) static_cast<volatile uint8_t*>(p)[s - 1] = 1;  // the whole size is usable
                 K_GlobalUnlock(g);
             }
-            break;
-        case 4: K_GlobalUnlock(c.ghandle()), K_GlobalSize(c.ghandle()); break;
-        default:
-            if (const uint32_t chars = c.usmall(65, 220); chars <= 64) K_GetFriendlyErrorMessage(c.i32(), c.orNull(msg), chars, lib);
-            K_GetLibIdFromErrorCode(c.i32(), &id, c.orNull(&known));
     }
 }
 void opMisc(Ctx& c) {
-    uint32_t hsv[3], written, cap;
-    char src[32], dir[64];
+    uint32_t written;
+    char src[32];
     wchar_t w[32];
     uint16_t u16[32];
-    TEMPFILEOPTIONS o{};
-    STATUSCALLBACK f;
-    void* u;
     size_t size;
-    int32_t len;
-    switch (c.byte() % 8) {
-        case 0: K_SetDefaultXResolution(c.i32()), K_SetDefaultYResolution(c.i32()); break;
-        case 1:
-            for (auto& v : hsv) v = c.u32v();
-            K_HSVtoRGB2(hsv), K_RGBtoHSV2(c.u32v(), c.orNull(hsv)), K_HSVtoRGB(c.u32v()), K_RGBtoHSV(c.u32v());
-            break;
-        case 2:
-            for (auto& ch : src) ch = char(c.byte());
-            src[31] = 0;  // a negative length reads up to the terminator
-            len = c.small(33);
-            cap = c.byte() % 33;
-            if (len <= 32) K_Utf8ToWide(src, len, w, cap, &written), K_Utf8ToUtf16(src, len, u16, cap, &written);
-            break;
-        case 3:
-            K_GetTempFileOptions(c.orNull(&o), c.byte() < 200 ? TEMPFILEOPTIONS_SIZE : c.u32v());
-            cap = c.byte() % 65;
-            K_GetTempDirectoryUtf8(c.orNull(dir), cap);
-            break;
-        case 4: K_GetStatusCallBack(&f, c.orNull(&u)), K_GetCopyStatusCallBack(c.orNull(&f), &u); break;
-        case 5: {
-            uint8_t* b = c.buffer(&size);
-            const int32_t count = c.byte() < 220 ? c.byte() : c.i32();
-            const int32_t lo = c.byte() % 40 - 4, hi = c.byte() % 40 - 4;
-            if (!b || count < 0 || uint64_t(count) * 4 > size) return;
-            K_Gray32To16(b, b, count, lo, hi);
-            K_PadPixelData(b, c.pick(kDepths) % 33, count / 8, hi, lo, c.byte() % 2);
-            break;
-        }
-        case 6: K_GetVersionString(), K_GetProcessorCount(), K_GetCpuFeatures(); break;
-        default: K_SetDefaultMemoryType(c.u32v()), K_GetDefaultMemoryType(); break;
+    if (c.byte() & 1) {
+        for (auto& ch : src) ch = char(c.byte());
+        src[31] = 0;  // a negative length reads up to the terminator
+        const int32_t len = c.small(33);
+        const uint32_t cap = c.byte() % 33;
+        if (len <= 32) K_Utf8ToWide(src, len, w, cap, &written), K_Utf8ToUtf16(src, len, u16, cap, &written);
+        return;
     }
+    uint8_t* b = c.buffer(&size);
+    const int32_t count = c.byte() < 220 ? c.byte() : c.i32();
+    const int32_t lo = c.byte() % 40 - 4, hi = c.byte() % 40 - 4;
+    if (!b || count < 0 || uint64_t(count) * 4 > size) return;
+    K_Gray32To16(b, b, count, lo, hi);
+    K_PadPixelData(b, c.pick(kDepths) % 33, count / 8, hi, lo, c.byte() % 2);
+}
+void opMatchTable(Ctx& c) {
+    RGBQUAD* pp = c.palOrNull();
+    if (uint32_t* t = K_CreateUserMatchTable(pp, c.count256())) {
+        uint32_t* old = K_SetUserMatchTable(t);
+        K_GetUserMatchTable();
+        K_SetUserMatchTable(old);
+        K_FreeUserMatchTable(t);
+    }
+    K_FreeUserMatchTable(nullptr);
 }
 
-// ---------------------------------------------------------------- family: transforms
-// A record a call makes afresh (a copy's destination) is output only: the slot
-// is freed first unless it is also the source; the garbage record is not used.
-BITMAPRECORD* outRec(Ctx& c, BITMAPRECORD* src) {
-    BITMAPRECORD* d = c.rec();
-    if (d && d != src && isSlot(c, d)) freeSlot(c, int(d - c.bm));
-    return d == &c.foreign ? nullptr : d;
-}
-// A call from s into d (a fresh record, or s itself: in place).
-template <class F>
-void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
-    check(c, {s, d}, [&] { return call(d); }, d != s ? 2u : 0u);
-}
-// Small target sizes, or values every call must refuse.
-int32_t targetDim(Ctx& c) {
-    const uint8_t b = c.byte();
-    const int32_t bad[] = {0, -1, -7, INT32_MIN};
-    return b < 220 ? int32_t(b % 72) + 1 : bad[b % 4];
-}
-void opOrient(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    const uint8_t which = c.byte() % 10;
-    const int32_t v = c.small(10);
-    const int32_t angle = c.byte() < 200 ? int32_t(c.byte() % 4) * 90 : c.i32();
-    switch (which) {
-        case 0: check(c, {r}, [&] { return K_FlipBitmap(r); }); break;
-        case 1: check(c, {r}, [&] { return K_ReverseBitmap(r); }); break;
-        case 2: check(c, {r}, [&] { return K_IntFlipBitmap(r); }); break;
-        case 3: check(c, {r}, [&] { return K_IntReverseBitmap(r); }); break;
-        case 4: check(c, {r}, [&] { return K_FlipBitmapViewPerspective(r); }); break;
-        case 5: check(c, {r}, [&] { return K_ReverseBitmapViewPerspective(r); }); break;
-        case 6: check(c, {r}, [&] { return K_RotateBitmapViewPerspective(r, angle); }); break;
-        case 7: {
-            const int32_t from = c.small(101), to = c.small(101);
-            check(c, {r}, [&] { return K_RotateBitmap90(r, c.byte() & 1, from, to); });
+// ---------------------------------------------------------------- transforms into other records
+void opIntoRecord(Ctx& c) {
+    static const uint32_t kCarry[] = {191u, 127u, 67u, 321u, 14u, 5u};
+    BITMAPRECORD* s = c.rec();
+    const uint32_t sw = c.sizeWord(220);
+    const int32_t col = c.coord(), row = c.coord(), w = c.targetDim(), h = c.targetDim();
+    uint32_t mem = c.pick(kMemTypes);
+    if (mem == 2) mem = 1;
+    BITMAPRECORD* d;
+    switch (c.byte() % 7) {
+        case 0: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmap(d, s, sw); }); break;
+        case 1: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmap2(d, s, sw, mem); }); break;
+        case 2: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }); break;
+        case 3: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }); break;
+        case 4:
+            if ((d = outRec(c, s)) != s) {
+                const uint32_t carry = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
+                check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, w, h, carry); }, 2u);
+            }
             break;
-        }
-        default: {
-            // In place (null destination or the source) or into a fresh record.
-            BITMAPRECORD* d = c.byte() & 1 ? nullptr : outRec(c, r);
-            const uint32_t sw = c.sizeWord(220);
-            check(c, {r, d}, [&] { return K_ChangeBitmapViewPerspective(d, r, sw, v); }, d && d != r ? 2u : 0u);
-        }
+        case 5:  // in place (null destination or the source) or into a fresh record
+            d = c.byte() & 1 ? nullptr : outRec(c, s);
+            into(c, s, d, [&](BITMAPRECORD* d) { return K_ChangeBitmapViewPerspective(d, s, sw, c.small(10)); }); break;
+        default:
+            // Into a destination record the caller prepared (its size names the target).
+            d = c.rec();
+            if (!d || d == s || d == &c.foreign) return;
+            fresh(c, d);
+            const int32_t bpp = s && krn::recordSizeValid(s->uStructSize) ? s->nBitsPerPixel : 8;
+            if (K_InitBitmap(d, BITMAPRECORD_SIZE, w > 0 ? w : 1, h > 0 ? h : 1, bpp) != KS_SUCCESS) return;
+            const uint32_t flags = c.resizeFlags();
+            switch (c.byte() % 3) {
+                case 0: check(c, {s, d}, [&] { return K_ResizeBitmap(s, d, flags); }, 2u); break;
+                case 1: check(c, {s, d}, [&] { return K_IntResizeBitmap(s, d, flags); }, 2u); break;
+                default: check(c, {s, d}, [&] { return K_BicubicResampleBitmapInt(s, d, flags); }, 2u);
+            }
     }
 }
 void opBuffers(Ctx& c) {
     size_t size;
+    int32_t rw = 0, rh = 0;
+    (void)K_GetRotatedBitmapSize(c.rec(), c.angle(), c.byte() & 1 ? &rw : nullptr, &rh);
     uint8_t* b = c.buffer(&size);
     const int32_t bpp = c.pick(kDepths);
     const uint32_t w = c.usmall(40, 220), h = c.usmall(40, 220);
-    // The buffers must hold the image (the caller's duty, not checkable): sizes
-    // for any depth up to 64 bits; a call whose buffers would not hold it is not made.
-    const uint64_t bits = bpp > 0 && bpp <= 64 ? uint64_t(bpp) : 64;
-    const uint64_t side = w > h ? w : h;
+    // The buffers must hold the image (the caller's duty, not checkable): sized for any depth up to 64 bits.
+    const uint64_t bits = bpp > 0 && bpp <= 64 ? uint64_t(bpp) : 64, side = std::max(w, h);
     const uint64_t need = ((side * bits + 31) / 32) * 4 * (side ? side : 1) + 64;
     const uint8_t which = c.byte() % 3;
-    if (!b || need > size || need > kBuf / 2) {
+    if (!b || side > kBuf || need > size || need > kBuf / 2) {  // (a larger side would wrap the product)
         if (which == 0) (void)K_RotateBuffer90(nullptr, b, 1, w, h, bpp);  // refusals only: a null source
         return;
     }
@@ -962,78 +837,9 @@ void opBuffers(Ctx& c) {
     else if (which == 1) (void)K_RotateBuffer180(b, c.byte() & 1 ? b : dst.data(), w, h, bpp);
     else (void)K_MirrorLine(b, w, bpp);
 }
-void opRotateAny(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    const int32_t angle = c.byte() < 200 ? int32_t(c.u32() % 72001) - 36000 : c.i32();
-    const uint32_t flags = c.byte() < 220 ? (uint32_t(c.byte()) & 0x3Bu) | (uint32_t(c.byte() % 4) << 8) : c.u32v();
-    const uint32_t fill = c.u32v();
-    const uint8_t which = c.byte() % 3;
-    int32_t w = 0, h = 0;
-    if (which == 0) check(c, {r}, [&] { return K_RotateBitmap(r, angle, flags, fill); });
-    else if (which == 1) check(c, {r}, [&] { return K_ShearBitmap(r, angle % 9000, flags, fill); });
-    else (void)K_GetRotatedBitmapSize(r, angle, c.byte() & 1 ? &w : nullptr, &h);
-}
-void opCopy(Ctx& c) {
-    static const uint32_t kCarry[] = {191u, 127u, 67u, 321u, 14u, 5u};
-    BITMAPRECORD* s = c.rec();
-    const uint8_t which = c.byte() % 8;
-    const uint32_t sw = c.sizeWord(220);
-    const int32_t col = c.coord(), row = c.coord();
-    const uint32_t w = uint32_t(targetDim(c)), h = uint32_t(targetDim(c));
-    uint32_t mem = c.pick(kMemTypes);
-    if (mem == 2) mem = 1;
-    auto to = [&](auto f) { into(c, s, outRec(c, s), f); };
-    switch (which) {
-        case 0: to([&](BITMAPRECORD* d) { return K_CopyBitmap(d, s, sw); }); break;
-        case 1: to([&](BITMAPRECORD* d) { return K_CopyBitmap2(d, s, sw, mem); }); break;
-        case 2: to([&](BITMAPRECORD* d) { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }); break;
-        case 3: to([&](BITMAPRECORD* d) { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }); break;
-        case 4: {
-            BITMAPRECORD* d = outRec(c, s);
-            const uint32_t carry = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
-            if (d != s) check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, int32_t(w), int32_t(h), carry); }, 2u);
-            break;
-        }
-        case 5: check(c, {s}, [&] { return K_TrimBitmap(s, col, row, w, h); }); break;
-        case 6: check(c, {s}, [&] { return K_ClearNegativePixels(s); }); break;
-        default: {
-            BITMAPRECORD* d = c.rec();
-            check(c, {d, s}, [&] { return K_CopyBitmapData(d, s); });
-        }
-    }
-}
-void opCombine(Ctx& c) {
-    BITMAPRECORD* d = c.rec();
-    BITMAPRECORD* s = c.rec();
-    const int32_t xd = c.coord(), yd = c.coord(), w = c.coord(), h = c.coord(), xs = c.coord(), ys = c.coord();
-    const uint32_t flags = c.byte() < 230 ? uint32_t(c.u32() & 0xFFFFu) : c.u32v();
-    check(c, {d, s}, [&] { return K_CombineBitmapKrn(d, xd, yd, w, h, s, xs, ys, flags); });
-}
-void opResize(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    const uint8_t which = c.byte() % 6;
-    const int32_t w = targetDim(c), h = targetDim(c);
-    const uint32_t flags = c.byte() < 220 ? uint32_t(c.byte()) & 0x3Fu : c.u32v();
-    switch (which) {
-        case 0: check(c, {r}, [&] { return K_SizeBitmap(r, w, h, flags); }); break;
-        case 1: check(c, {r}, [&] { return K_ResampleBitmap(r, w, h, flags); }); break;
-        case 2: check(c, {r}, [&] { return K_BicubicResampleBitmap(r, w, h, flags); }); break;
-        default: {
-            // Into a destination record the caller prepared (its size names the target).
-            BITMAPRECORD* d = c.rec();
-            if (!d || d == r || d == &c.foreign) return;
-            fresh(c, d);
-            const int32_t bpp = r && krn::recordSizeValid(r->uStructSize) ? r->nBitsPerPixel : 8;
-            if (K_InitBitmap(d, BITMAPRECORD_SIZE, w > 0 ? w : 1, h > 0 ? h : 1, bpp) != KS_SUCCESS) return;
-            if (which == 3) check(c, {r, d}, [&] { return K_ResizeBitmap(r, d, flags); }, 2u);
-            else if (which == 4) check(c, {r, d}, [&] { return K_IntResizeBitmap(r, d, flags); }, 2u);
-            else check(c, {r, d}, [&] { return K_BicubicResampleBitmapInt(r, d, flags); }, 2u);
-        }
-    }
-}
 void opRowResize(Ctx& c) {
     void* data = nullptr;
-    const int32_t ow = targetDim(c), oh = targetDim(c), nw = targetDim(c), nh = targetDim(c);
+    const int32_t ow = c.targetDim(), oh = c.targetDim(), nw = c.targetDim(), nh = c.targetDim();
     if (K_StartResize(ow, oh, nw, nh, &data) != KS_SUCCESS) {
         if (data) fail(c.op, "a failing start left resize data");
         return;
@@ -1045,90 +851,55 @@ void opRowResize(Ctx& c) {
         (void)K_Resize(row.data(), c.small(80, 220), bpp, &newWidth, &rows, data);
     }
     if (K_StopResize(data) != KS_SUCCESS) fail(c.op, "stop failed");
-    (void)K_SQRT(c.u32());
 }
 void opColorRes(Ctx& c) {
     BITMAPRECORD* s = c.rec();
-    const uint8_t which = c.byte() % 4;
     const int32_t bpp = c.pick(kDepths);
     const uint32_t flags = c.byte() < 220 ? (c.u32() & CRF_ALLFLAGS) : c.u32v();
-    RGBQUAD pal[256];
-    c.palette(pal);
+    RGBQUAD* pal = c.palette();
     const int32_t n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
     const RGBQUAD* pp = c.byte() < 230 ? pal : nullptr;
     if (n > 256 && pp) return;  // a palette shorter than its count is the caller's fault
-    if (which == 0) {
-        BITMAPRECORD* d = c.byte() & 1 ? s : outRec(c, s);
-        const uint32_t sw = c.sizeWord(220);
-        into(c, s, d, [&](BITMAPRECORD* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
-    } else if (which == 1) {
-        check(c, {s}, [&] { return K_GrayScaleBitmap(s, bpp); });
-    } else {
-        int32_t used = 0;
-        const int32_t reserved = c.small(8, 220);
-        check(c, {s}, [&] { return K_CreateBitmapOptPal(s, pal, n > 256 ? 256 : n, reserved, c.u32v(), &used); });
-    }
+    BITMAPRECORD* d = c.byte() & 1 ? s : outRec(c, s);
+    const uint32_t sw = c.sizeWord(220);
+    into(c, s, d, [&](BITMAPRECORD* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
 }
 void opDisplay(Ctx& c) {
     BITMAPRECORD* r = c.rec();
-    const uint8_t which = c.byte() % 7;
-    const int32_t v = c.i32();
-    uint8_t t8[256];
-    switch (which) {
-        case 0: check(c, {r}, [&] { return K_SetPaintIntensity(r, v); }); break;
-        case 1: check(c, {r}, [&] { return K_SetPaintContrast(r, v); }); break;
-        case 2: check(c, {r}, [&] { return K_SetPaintGamma(r, v); }); break;
-        case 3: {
-            std::vector<uint16_t> t16(65536);
-            K_GetPaintIntensity(r), K_GetPaintTable(r, c.byte() & 1 ? t8 : nullptr);
-            K_GetPaintTable16(r, c.byte() & 1 ? t16.data() : nullptr);
-            break;
-        }
-        case 4: {
-            // Table fills: the caller's table holds uLUTLength entries.
-            const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
-            if (len > 4096) {
-                (void)K_WindowLevelFillLUT(nullptr, len, 0, 0xFFFFFF, 0, 255, 0, 7, 0, 255, 0, 0);
-                return;
-            }
-            std::vector<RGBQUAD16> t(len + 1);
-            std::vector<uint16_t> g(len + 1);
-            const int32_t lo = c.i32(), hi = c.i32(), lb = c.byte() % 17, hb = c.byte() % 17;
-            const int32_t mn = c.i32(), mx = c.i32(), f = c.i32();
-            const uint32_t fl = c.u32v();
-            (void)K_WindowLevelFillLUT(reinterpret_cast<RGBQUAD*>(t.data()), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
-            (void)K_WindowLevelFillLUT2(reinterpret_cast<uint8_t*>(g.data()), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
-            (void)K_WindowLevelFillLUTExt(t.data(), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
-            (void)K_WindowLevelFillLUTExt2(g.data(), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
-            break;
-        }
-        default: {
-            BITMAPRECORD* d = c.byte() & 1 ? r : outRec(c, r);
-            const uint32_t sw = c.sizeWord(220);
-            const int32_t lo = c.i32(), hi = c.i32();
-            if (which == 5) {
-                into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevel(r, d, sw, lo, hi, c.i32(), c.u32v()); });
-                return;
-            }
-            RGBQUAD lut[4096];
-            const int32_t lb = c.byte() % 17, hb = c.byte() % 17;
-            const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
-            if (len <= 4096) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); });
-        }
+    const uint8_t which = c.byte() % 4;
+    if (which == 0) {  // the getters answer values, not statuses
+        K_GetPaintIntensity(r), K_GetPaintContrast(r), K_GetPaintGamma(r), K_GetPaintTable(r, c.orNull(c.t8, 127));
+        K_GetPaintTable16(r, c.table16());
+        return;
     }
+    // Table fills: the caller's table holds uLUTLength entries.
+    const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
+    const int32_t lo = c.i32(), hi = c.i32(), lb = c.byte() % 17, hb = c.byte() % 17;
+    if (which == 1) {
+        if (len > 4096) {
+            (void)K_WindowLevelFillLUT(nullptr, len, 0, 0xFFFFFF, 0, 255, 0, 7, 0, 255, 0, 0);
+            return;
+        }
+        std::vector<RGBQUAD16> t(len + 1);
+        std::vector<uint16_t> g(len + 1);
+        const int32_t mn = c.i32(), mx = c.i32(), f = c.i32();
+        const uint32_t fl = c.u32v();
+        (void)K_WindowLevelFillLUT(reinterpret_cast<RGBQUAD*>(t.data()), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
+        (void)K_WindowLevelFillLUT2(reinterpret_cast<uint8_t*>(g.data()), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
+        (void)K_WindowLevelFillLUTExt(t.data(), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
+        (void)K_WindowLevelFillLUTExt2(g.data(), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
+        return;
+    }
+    BITMAPRECORD* d = c.byte() & 1 ? r : outRec(c, r);
+    const uint32_t sw = c.sizeWord(220);
+    RGBQUAD lut[4096];
+    if (which == 2) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevel(r, d, sw, lo, hi, c.i32(), c.u32v()); });
+    else if (len <= 4096) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); });
 }
 
-// ---------------------------------------------------------------- family: lists and playback
-// A list handle: live, destroyed, null or bytes that were never a list.
-HBITMAPLIST listHandle(Ctx& c) {
-    const uint8_t b = c.byte();
-    if (b < 225) return c.list[b % kLists];
-    return b < 240 ? reinterpret_cast<HBITMAPLIST>(&c.foreign) : nullptr;
-}
-// A record whose storage a call moved into a list: the slot lets go of it
-// without freeing (the list owns it now) and starts afresh.
+// A record whose storage a call moved into a list lets go of it without freeing and starts afresh.
 void handedOver(Ctx& c, BITMAPRECORD* r) {
-    if (!isSlot(c, r)) return;
+    if (!c.isSlot(r)) return;
     const int s = int(r - c.bm);
     if (!c.caller[s].empty()) c.keep.push_back(std::move(c.caller[s]));
     c.caller[s].clear();
@@ -1142,47 +913,42 @@ HBITMAPLIST* newListSlot(Ctx& c) {
     c.listLive[k] = false;
     return &c.list[k];
 }
-// A call that makes a list into `out` (null sometimes): nothing is made on failure.
+// A call that makes a list into a new slot (or null): nothing is made on failure.
 template <class F>
-void makesList(Ctx& c, HBITMAPLIST* out, F&& call) {
+void makesList(Ctx& c, F&& call) {
+    HBITMAPLIST* out = newListSlot(c);
     *out = nullptr;
     const int32_t rc = call(c.byte() > 245 ? nullptr : out);
     if (rc == KS_SUCCESS) c.listLive[out - c.list] = true;
     else if (*out) fail(c.op, "a failing call made a list", rc);
+    else if (rc >= 0) fail(c.op, "odd status", rc);
 }
 void opList(Ctx& c) {
-    const uint8_t which = c.byte() % 12;
+    const uint8_t which = c.byte() % 11;
     const uint32_t index = c.usmall(6), count = c.usmall(5);
-    HBITMAPLIST h, *out;
+    HBITMAPLIST h;
     BITMAPRECORD *r, *old, tmp;
-    int32_t rc, n, used = 0;
+    int32_t rc, used = 0;
     uint32_t size, got = 0xABCDu;
-    RGBQUAD pal[256];
     const uint32_t bits[] = {0, BRF_FRAME_WAITINPUT, BRF_FRAME_TRANSPARENT, BRF_FRAME_ALPHAOVER};
     switch (which) {
-        case 0:
-            out = newListSlot(c);
-            if ((rc = K_CreateBitmapList(c.orNull(out, 245))) == KS_SUCCESS) c.listLive[out - c.list] = true;
-            else if (rc >= 0) fail(c.op, "create gave an odd status", rc);
-            break;
+        case 0: makesList(c, [&](HBITMAPLIST* o) { return K_CreateBitmapList(o); }); break;
         case 1: {
             const int k = c.byte() % kLists;
             rc = K_DestroyBitmapList(c.list[k]);
             if (c.listLive[k] && rc != KS_SUCCESS) fail(c.op, "destroying a live list failed", rc);
             if (!c.listLive[k] && c.list[k] && rc == KS_SUCCESS) fail(c.op, "a destroyed list was destroyed again");
-            c.listLive[k] = false;
-            break;
+            c.listLive[k] = false; break;
         }
         case 2:
-            rc = K_GetBitmapListCount(listHandle(c), c.orNull(&got, 245));
+            rc = K_GetBitmapListCount(c.listHandle(), c.orNull(&got, 245));
             if (rc < 0 && got != 0xABCDu) fail(c.op, "a failing count wrote its result", rc);
             break;
         case 3:
         case 4:
-            // Insert (or replace): the record's storage moves into the list.
-            // (The garbage record's owned fields would then belong to two owners.)
+            // Insert (or replace): the record's storage moves into the list (never the garbage record's).
             if ((r = c.rec()) == &c.foreign) return;
-            h = listHandle(c);
+            h = c.listHandle();
             if (which == 3) {
                 rc = int32_t(check(c, {r}, [&] { return K_InsertBitmapListItem(h, index, r); }));
             } else {
@@ -1194,14 +960,11 @@ void opList(Ctx& c) {
             break;
         case 5:  // take an item out into a fresh slot, or free it (null)
             r = c.byte() & 1 ? nullptr : outRec(c, nullptr);
-            check(c, {r}, [&] { return K_RemoveBitmapListItem(listHandle(c), index, r); }, 1u);
-            break;
-        case 6: (void)K_DeleteBitmapListItems(listHandle(c), index, count); break;
-        case 7:
-            // Get a copy of an item (the list keeps ownership) and set it back,
-            // with frame words of the caller's choosing for the playback.
+            check(c, {r}, [&] { return K_RemoveBitmapListItem(c.listHandle(), index, r); }, 1u); break;
+        case 6:
+            // A copy of an item (the list keeps ownership) set back with frame words of the caller's choosing.
             std::memset(&tmp, 0xEE, sizeof tmp);
-            h = listHandle(c);
+            h = c.listHandle();
             size = c.sizeWord(200);
             if ((rc = K_GetBitmapListItem(h, index, c.orNull(&tmp, 245), size)) < 0) {
                 for (size_t k = 0; k < sizeof tmp; ++k)
@@ -1217,24 +980,19 @@ void opList(Ctx& c) {
             tmp.uFlags = (tmp.uFlags & ~(bits[1] | bits[2] | bits[3])) | c.pick(bits);
             if (K_SetBitmapListItem(h, index, &tmp) != KS_SUCCESS) fail(c.op, "setting back a got item failed");
             break;
-        case 8:  // deep copies into a new list; nothing is made on failure
-            *(out = newListSlot(c)) = nullptr;
-            if ((rc = K_CopyBitmapListItems(c.orNull(out, 245), listHandle(c), index, count)) == KS_SUCCESS) c.listLive[out - c.list] = true;
-            else if (*out) fail(c.op, "a failing copy made a list", rc);
-            break;
+        case 7:  // deep copies into a new list
+            h = c.listHandle();
+            makesList(c, [&](HBITMAPLIST* o) { return K_CopyBitmapListItems(o, h, index, count); }); break;
+        case 8:
+            h = c.listHandle();
+            makesList(c, [&](HBITMAPLIST* o) { return K_MoveBitmapListItems(o, h, index, count); }); break;
         case 9:
-            h = listHandle(c);
-            makesList(c, newListSlot(c), [&](HBITMAPLIST* o) { return K_MoveBitmapListItems(o, h, index, count); });
-            break;
-        case 10:
-            std::memset(pal, 0xCD, sizeof pal);
-            n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
-            (void)K_CreateBitmapListOptPal(listHandle(c), c.orNull(pal, 245), n > 256 ? 256 : n, c.small(8, 220), c.u32v(), &used);
+            std::memset(c.pal, 0xCD, sizeof c.pal);
+            (void)K_CreateBitmapListOptPal(c.listHandle(), c.orNull(c.pal, 245), c.colours(), c.small(8, 220), c.u32v(), &used);
             break;
         default:
-            // Setting an item to an empty record leaves the old item to the
-            // caller: only an item that owns nothing is overwritten that way.
-            h = listHandle(c);
+            // An empty record set over an item leaves the old one to the caller: only over one owning nothing.
+            h = c.listHandle();
             if (K_GetBitmapListItem(h, index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS) {
                 (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
                 return;
@@ -1243,19 +1001,15 @@ void opList(Ctx& c) {
             if (K_SetBitmapListItem(h, index, nullptr) != KS_SUCCESS) fail(c.op, "clearing an item failed");
     }
 }
-// A playback handle: live, destroyed, null, or another kind of handle.
-HPLAYBACK playHandle(Ctx& c) {
-    const uint8_t b = c.byte();
-    if (b < 200) return c.play[b % kPlays];
-    if (b < 215) return reinterpret_cast<HPLAYBACK>(c.list[b % kLists]);
-    if (b < 230) return reinterpret_cast<HPLAYBACK>(c.glob[b % kHandles]);
-    return b < 245 ? reinterpret_cast<HPLAYBACK>(&c.foreign) : nullptr;
-}
 // Playback k is over: its target, a valid bitmap to the end, is freed.
 void endPlayback(Ctx& c, int k) {
     c.playLive[k] = false;
     validate(&c.target[k], c.op);
     if (K_FreeBitmap(&c.target[k]) != KS_SUCCESS) fail(c.op, "freeing a playback target failed");
+}
+void validateTargets(Ctx& c) {
+    for (int p = 0; p < kPlays; ++p)
+        if (c.playLive[p]) validate(&c.target[p], c.op);
 }
 void destroyPlayback(Ctx& c, int k) {
     if (!c.playLive[k]) return;
@@ -1263,15 +1017,13 @@ void destroyPlayback(Ctx& c, int k) {
     endPlayback(c, k);
 }
 void opPlayback(Ctx& c) {
-    const uint8_t which = c.byte() % 10;
+    const uint8_t which = c.byte() % 4;
     const int k = c.byte() % kPlays;
     const int32_t depths[] = {1, 4, 8, 16, 24, 32, 48, 64};
     BITMAPRECORD &t = c.target[k], *r;
     HPLAYBACK h = nullptr;
     HBITMAPLIST l;
     int32_t v = 0;
-    uint32_t ms = 0;
-    RECT rc{};
     int j = 0;
     switch (which) {
         case 0:
@@ -1282,7 +1034,7 @@ void opPlayback(Ctx& c) {
                                c.pick(depths), c.byte() % 3 - 1, nullptr, c.byte() % 8 + 1, nullptr, 0) != KS_SUCCESS)
                 return;
             FRAME_BACKGROUND_COLOR(&t) = c.u32v();
-            l = c.byte() & 1 ? nullptr : listHandle(c);
+            l = c.byte() & 1 ? nullptr : c.listHandle();
             if (check(c, {&t}, [&] { return K_CreatePlayback(c.orNull(&h, 245), &t, l); }) == KS_SUCCESS) {
                 c.play[k] = h, c.playLive[k] = true;
                 break;
@@ -1291,19 +1043,17 @@ void opPlayback(Ctx& c) {
             K_FreeBitmap(&t);
             break;
         case 1:
-            if (c.byte() & 1) {
+            if (c.byte() & 1) {  // playback k, or a handle of any kind: only a live playback can be destroyed
                 destroyPlayback(c, k);
                 break;
             }
-            // Only a live playback can be destroyed.
-            if (K_DestroyPlayback(h = playHandle(c)) != KS_SUCCESS) break;
+            if (K_DestroyPlayback(h = c.playHandle()) != KS_SUCCESS) break;
             while (j < kPlays && !(c.playLive[j] && c.play[j] == h)) ++j;
             if (j == kPlays) fail(c.op, "a handle that is not a live playback was destroyed");
-            endPlayback(c, j);
-            break;
+            endPlayback(c, j); break;
         case 2:
             // Steps of the state machine (never sleeping on a wait); the target stays a valid bitmap.
-            h = playHandle(c);
+            h = c.playHandle();
             for (int s = 0, steps = c.byte() % 24 + 1; s < steps; ++s) {
                 v = -1;
                 if (K_ProcessPlayback(h, c.orNull(&v, 245)) != KS_SUCCESS) break;
@@ -1311,89 +1061,115 @@ void opPlayback(Ctx& c) {
                 if (v == PLAYBACK_STATE_WAITINPUT || v == PLAYBACK_STATE_WAITDELAY || v == PLAYBACK_STATE_WAITBOTH) K_CancelPlaybackWait(h);
             }
             break;
-        case 3: (void)K_SetPlaybackIndex(playHandle(c), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32()); break;
-        case 4:  // a frame appended: its storage moves into the playback's list
-            if ((r = c.rec()) != &c.foreign && check(c, {r}, [&] { return K_AppendPlayback(playHandle(c), r); }) == KS_SUCCESS)
+        default:  // a frame appended: its storage moves into the playback's list
+            if ((r = c.rec()) != &c.foreign && check(c, {r}, [&] { return K_AppendPlayback(c.playHandle(), r); }) == KS_SUCCESS)
                 handedOver(c, r);
-            break;
-        case 5: (void)K_ValidatePlaybackLines(playHandle(c), c.i32(), c.i32()); break;
-        case 6: K_GetPlaybackUpdateRect(playHandle(c), c.orNull(&rc, 245), c.byte() & 1), K_ClearPlaybackUpdateRect(playHandle(c)); break;
-        case 7:
-            K_GetPlaybackState(playHandle(c), c.orNull(&v, 245)), K_GetPlaybackIndex(playHandle(c), c.orNull(&v, 245));
-            K_GetPlaybackDelay(playHandle(c), c.orNull(&ms, 245));
-            break;
-        default: (void)K_CancelPlaybackWait(playHandle(c)); break;
     }
-    for (int p = 0; p < kPlays; ++p)
-        if (c.playLive[p]) validate(&c.target[p], c.op);
+    validateTargets(c);
 }
 
-// ---------------------------------------------------------------- the family tables
+// ---------------------------------------------------------------- calls on no pool record
+// Made for their refusals of hostile values under the sanitizers; a refused rectangle change leaves the
+// rectangle alone, a playback target stays a valid bitmap.
 struct Op {
     const char* name;
     void (*fn)(Ctx&);
 };
-const Op kRecordOps[] = {{"init", opInit}, {"create", opCreate}, {"create", opCreate}, {"allocate", opAllocate},
-                         {"free", opFree}, {"change height", opChangeHeight}, {"set data pointer", opSetDataPointer},
-                         {"access", on1<K_AccessBitmap>}, {"release", on1<K_ReleaseBitmap>},
-                         {"int access/release", opIntAccessRelease}, {"memory info", opMemoryInfo},
-                         {"set memory info", opSetMemoryInfo}, {"compression", opCompression},
-                         {"relabel layout", opRelabel}, {"manage memory", opManageMemory},
-                         {"thresholds", opThresholds}, {"data callbacks", opDataCallbacks}};
-const Op kRowOps[] = {{"rows", opRows}, {"fill", opFill}, {"compressed rows", opRuns}};
-const Op kPaletteOps[] = {{"bitmap palette", opPalette}, {"palette helpers", opPaletteHelpers}};
-const Op kPixelOps[] = {{"convert", opConvert}, {"dither", opDither}};
-const Op kRegionOps[] = {{"orva region", opOrvaRgn}, {"region handle", opHrgn}, {"bitmap region", opBitmapRgn}};
-const Op kGeometryOps[] = {{"view perspective", opViewPerspective}, {"rectangles", opRects}};
-const Op kRuntimeOps[] = {{"global memory", opGlobal}, {"misc", opMisc}};
-const Op kTransformOps[] = {{"orientation", opOrient}, {"buffer turns", opBuffers}, {"rotate any", opRotateAny},
-                            {"copy", opCopy}, {"combine", opCombine}, {"resize", opResize}, {"row resizer", opRowResize}};
-const Op kColourDisplayOps[] = {{"colour resolution", opColorRes}, {"display", opDisplay}};
-const Op kListPlaybackOps[] = {{"lists", opList}, {"lists", opList}, {"playback", opPlayback}};
-
-struct Family {
-    const Op* ops;
-    size_t count;
+#define PLAIN(...) {#__VA_ARGS__, [](Ctx& c) { (void)c, (void)(__VA_ARGS__); }}
+const Op kPlainCalls[] = {
+    PLAIN(IntersectRect(&c.box, c.rect4(0), c.rect4(1))), PLAIN(UnionRect(&c.box, c.rect4(0), c.rect4(1))),
+    PLAIN(c.sameIfRefused(InflateRect(c.rect4(0), c.i32(), c.i32()))),
+    PLAIN(c.sameIfRefused(OffsetRect(c.rect4(0), c.i32(), c.i32()))),
+    PLAIN(PtInRect(c.rect4(0), *c.point()), IsRectEmpty(c.rect4(0)), EqualRect(c.rect4(0), c.rect4(1)),
+          SetRectEmpty(&c.box), CopyRect(&c.box, c.rect4(0))),
+    PLAIN(SetRect(c.orNull(&c.box), c.i32(), c.i32(), c.i32(), c.i32())),
+    PLAIN(K_Rect_Inflate(c.rect4(0), c.i32(), c.i32())), PLAIN(K_Rect_Offset(c.rect4(0), c.i32(), c.i32())),
+    PLAIN(K_Rect_Intersect(&c.box, c.rect4(0), c.rect4(1)), K_Rect_IntersectsWith(c.rect4(0), c.rect4(1)),
+          K_Rect_Union(&c.box, c.rect4(0), c.rect4(1))),
+    PLAIN(K_Rect_Width(c.rect4(0)), K_Rect_Height(c.rect4(0)), K_Rect_Size(c.rect4(0)),
+          K_Rect_ContainsPoint(c.rect4(0), c.point())),
+    PLAIN(K_Rect_ContainsRect(c.rect4(0), c.rect4(1)), K_Rect_Make(c.i32(), c.i32(), c.i32(), c.i32())),
+    PLAIN(K_Point_Offset(c.point(), c.i32(), c.i32()), K_Rect_BottomRight(c.rect4(0)), K_Rect_ToRectD(c.rect4(0))),
+    PLAIN(K_Rect_IsEmpty(nullptr), K_Rect_Width(nullptr), K_Rect_Intersect(nullptr, c.rect4(0), nullptr)),
+    PLAIN(K_SinValue(c.i32()), K_CosValue(c.i32()), K_SQRT(c.u32())),
+    // runtime services
+    PLAIN(K_SetDefaultXResolution(c.i32()), K_SetDefaultYResolution(c.i32()), K_GetDefaultXResolution(),
+          K_GetDefaultYResolution()),
+    PLAIN(K_HSVtoRGB2(c.hsv()), K_RGBtoHSV2(c.u32v(), c.orNull(c.hsv3)), K_HSVtoRGB(c.u32v()), K_RGBtoHSV(c.u32v())),
+    PLAIN(K_GetTempFileOptions(c.orNull(&c.tempOptions), c.byte() < 200 ? TEMPFILEOPTIONS_SIZE : c.u32v()),
+          K_GetTempDirectoryUtf8(c.orNull(c.dir), c.byte() % 65)),
+    PLAIN(K_GetStatusCallBack(&c.status, c.orNull(&c.user)), K_GetCopyStatusCallBack(c.orNull(&c.status), &c.user)),
+    PLAIN(K_GetVersionString(), K_GetProcessorCount(), K_GetCpuFeatures()),
+    PLAIN(K_SetDefaultMemoryType(c.byte() & 1 ? c.u32v() : c.pick(kMemTypes)), K_GetDefaultMemoryType()),
+    PLAIN(K_SetMemoryThresholds(c.i32(), c.i32(), c.i32(), c.i32(), c.i32(), c.u32v())),
+    PLAIN(K_GetMemoryThresholds(c.orNull(&c.io, 127), c.orNull(&c.io2, 127), c.orNull(&c.io, 127),
+                                c.orNull(&c.io2, 127), c.orNull(&c.io, 127))),
+    PLAIN(K_GetGlobalMemoryThresholds(c.orNull(&c.thresholds)), K_SetGlobalMemoryThresholds(c.orNull(c.sized()))),
+    PLAIN(K_GlobalUnlock(c.ghandle()), K_GlobalSize(c.ghandle())),
+    PLAIN((c.uo = c.usmall(65, 220)) <= 64 ? K_GetFriendlyErrorMessage(c.i32(), c.orNull(c.msg), c.uo, c.lib) : 0,
+          K_GetLibIdFromErrorCode(c.i32(), &c.io, c.orNull(&c.io2))),
+    // palettes
+    PLAIN(K_GetFixedPalette(c.palOrNull(), c.pick(kDepths))), PLAIN(K_IntGetFixedPalette(c.pick(kDepths))),
+    PLAIN(K_GlobalFree(K_CreateGrayPalette(c.pick(kDepths)))), PLAIN(K_GlobalFree(K_CreateFixedPalette(c.pick(kDepths)))),
+    PLAIN(K_GlobalFree(K_DupPalette(c.palOrNull(), c.count256()))),
+    PLAIN(K_FindPaletteIndex(c.palOrNull(), c.count256(), c.i32(), c.i32(), c.i32())),
+    PLAIN(K_IsGrayScalePalette(c.palOrNull(), c.count256())),
+    // regions and region handles
+    PLAIN(K_OffsetOrvaRgn(*c.rgnSlot(), c.i32(), c.i32())),
+    PLAIN(K_IsPtInOrvaRgn(*c.rgnSlot(), c.coord(), c.coord(), &c.io, &c.io2), K_GetOrvaRgnBounds(*c.rgnSlot(), c.orNull(&c.box))),
+    PLAIN(K_ClipOrvaRgnRect(*c.rgnSlot(), c.rectp())), PLAIN(K_ScaleOrvaRgn(*c.rgnSlot(), c.i32(), c.i32(), c.i32(), c.i32())),
+    PLAIN(CombineRgn(c.handle(), c.handle(), c.handle(), c.byte() % 8 - 1)), PLAIN(OffsetRgn(c.handle(), c.i32(), c.i32())),
+    PLAIN(GetRgnBox(c.handle(), c.orNull(&c.box)), PtInRegion(c.handle(), c.coord(), c.coord())),
+    PLAIN(SetRectRgn(c.handle(), c.coord(), c.coord(), c.coord(), c.coord())),
+    PLAIN((c.io = c.byte() < 200 ? c.byte() % 65 : c.i32()) <= 64 ? GetObject(c.handle(), c.io, c.orNull(c.t8)) : 0),
+    // lists and playbacks
+    PLAIN(K_DeleteBitmapListItems(c.listHandle(), c.usmall(6), c.usmall(5))),
+    PLAIN(K_SetPlaybackIndex(c.playHandle(), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32())),
+    PLAIN(K_ValidatePlaybackLines(c.playHandle(), c.i32(), c.i32())),
+    PLAIN(K_GetPlaybackUpdateRect(c.playHandle(), c.orNull(&c.box, 245), c.byte() & 1), K_ClearPlaybackUpdateRect(c.playHandle())),
+    PLAIN(K_GetPlaybackState(c.playHandle(), c.orNull(&c.io, 245)), K_GetPlaybackIndex(c.playHandle(), c.orNull(&c.io, 245)),
+          K_GetPlaybackDelay(c.playHandle(), c.orNull(&c.uo, 245))),
+    PLAIN(K_CancelPlaybackWait(c.playHandle())),
 };
-#define FAMILY(table) {table, sizeof table / sizeof table[0]}
-// (Listed twice: the families with the most functions get more steps.)
-const Family kFamilies[] = {FAMILY(kRecordOps), FAMILY(kRecordOps), FAMILY(kRowOps), FAMILY(kPaletteOps),
-                            FAMILY(kPixelOps), FAMILY(kRegionOps), FAMILY(kRegionOps), FAMILY(kGeometryOps),
-                            FAMILY(kRuntimeOps), FAMILY(kTransformOps), FAMILY(kTransformOps),
-                            FAMILY(kColourDisplayOps), FAMILY(kListPlaybackOps)};
+#undef PLAIN
+void opPlainCall(Ctx& c) {
+    const Op& k = c.pick(kPlainCalls);
+    c.op = k.name;
+    k.fn(c);
+    validateTargets(c);
+}
 
-struct Baseline {
-    int32_t thresholds[5];
-    uint32_t memType;
-    int32_t xres, yres, dither;
-};
+// ---------------------------------------------------------------- the script
+// (Listed more than once: the ops behind the most functions get more steps.)
+const Op kOps[] = {
+    {"record call", opRecordCall}, {"record call", opRecordCall}, {"record call", opRecordCall},
+    {"record call", opRecordCall}, {"record call", opRecordCall}, {"plain call", opPlainCall},
+    {"plain call", opPlainCall}, {"plain call", opPlainCall}, {"init", opInit}, {"create", opCreate},
+    {"create", opCreate}, {"allocate", opAllocate}, {"free", opFree}, {"set data pointer", opSetDataPointer},
+    {"int access/release", opIntAccessRelease}, {"relabel layout", opRelabel}, {"manage memory", opManageMemory},
+    {"rows", opRows}, {"rows", opRows}, {"compressed rows", opRuns}, {"bitmap palette", opPalette},
+    {"match table", opMatchTable}, {"convert", opConvert}, {"dither line", opDitherLine}, {"orva region", opOrvaRgn},
+    {"region handle", opHrgn}, {"region handle", opHrgn}, {"bitmap region", opBitmapRgn},
+    {"view perspective", opViewPerspective}, {"global memory", opGlobal}, {"text and grey", opMisc},
+    {"into a record", opIntoRecord}, {"into a record", opIntoRecord}, {"buffer turns", opBuffers},
+    {"row resizer", opRowResize}, {"colour resolution", opColorRes}, {"display", opDisplay}, {"lists", opList},
+    {"lists", opList}, {"playback", opPlayback}};
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static Baseline base = [] {
-        Baseline b{};
-        K_GetMemoryThresholds(&b.thresholds[0], &b.thresholds[1], &b.thresholds[2], &b.thresholds[3], &b.thresholds[4]);
-        b.memType = K_GetDefaultMemoryType();
-        b.xres = K_GetDefaultXResolution();
-        b.yres = K_GetDefaultYResolution();
-        b.dither = K_GetDefaultDithering();
-        return b;
+    // The same settings for every input, so that a finding replays (copied: the default largest image is
+    // not a value the setter takes).
+    static const krn::ThreadSettings base = [] {
+        // What the library makes once and keeps (the resampler keeps two blocks from its first enlargement) is
+        // made before the first count of live blocks.
+        BITMAPRECORD bm;
+        if (K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 8, 8, 8, 0, nullptr, 1, nullptr, 0) == KS_SUCCESS)
+            K_BicubicResampleBitmap(&bm, 72, 72, 0), K_FreeBitmap(&bm);
+        return krn::settings();
     }();
-    // The same settings for every input, so that a finding replays. Directly:
-    // the default largest image is not a value the setter takes.
-    krn::ThreadSettings& ts = krn::settings();
-    ts.nMemKeepFree = base.thresholds[0];
-    ts.nMemLargestImage = base.thresholds[1];
-    ts.nMemTileSize = base.thresholds[2];
-    ts.nMemFourth = base.thresholds[3];
-    ts.nMemFifth = base.thresholds[4];
+    krn::settings() = base;
     K_SetGlobalMemoryThresholds(nullptr);
-    K_SetDefaultMemoryType(base.memType);
-    K_SetDefaultXResolution(base.xres);
-    K_SetDefaultYResolution(base.yres);
-    K_DefaultDithering(base.dither);
-    K_SetUserMatchTable(nullptr);
     K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);
     int64_t counter0 = 0, counter1 = 0;
     K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter0);
@@ -1404,12 +1180,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (static const char* dump = std::getenv("FUZZ_API_DUMP"); dump) {
         if (FILE* f = std::fopen(dump, "wb")) std::fwrite(data, 1, size, f), std::fclose(f);
     }
-    auto* c = new Ctx{data, size};
+    auto* c = new Ctx{{data, size}};
     for (auto& b : c->bm) K_InitBitmap(&b, BITMAPRECORD_SIZE, 8, 8, 8);
-    // A record the library never made: garbage from a generator seeded by the
-    // input everywhere but in the pointers a caller owns the memory of (no
-    // library can check those), not marked allocated. Its region handle stays
-    // garbage: handles are looked up, never trusted.
+    // A record the library never made: garbage seeded by the input, not marked allocated, but for the
+    // pointers to caller-owned memory (no library can check those); its region handle stays garbage.
     uint32_t x = c->u32() | 1;
     for (size_t k = 0; k < sizeof c->foreign; ++k) {
         x ^= x << 13, x ^= x >> 17, x ^= x << 5;
@@ -1428,12 +1202,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (auto& b : c->buf[0]) b = uint8_t(c->i * 31);
 
     for (int step = 0; step < 48 && c->more(); ++step) {
-        const Family& f = kFamilies[c->byte() % (sizeof kFamilies / sizeof kFamilies[0])];
-        const Op& op = f.ops[c->byte() % f.count];
+        const Op& op = c->pick(kOps);
         c->op = op.name;
         const size_t at = c->i;
         op.fn(*c);
-        if (trace) std::fprintf(stderr, "step %d: %s (bytes %zu..%zu) live %ld relabelled %d\n", step, op.name, at, c->i, krn::faultinject::liveBlocks(), c->relabelled);
+        if (trace) std::fprintf(stderr, "step %d: %s (bytes %zu..%zu) live %ld relabelled %d\n", step, c->op, at, c->i, krn::faultinject::liveBlocks(), c->relabelled);
         if (c->relabelled >= 0 && op.fn != opRelabel) {
             // Unless the call wrote a new size word itself (init, create).
             BITMAPRECORD& r = c->bm[c->relabelled];
@@ -1448,10 +1221,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int k = 0; k < kPlays; ++k) destroyPlayback(*c, k);
     for (int k = 0; k < kLists; ++k)
         if (c->listLive[k] && K_DestroyBitmapList(c->list[k]) != KS_SUCCESS) fail("cleanup", "live list not destroyable");
-    for (int s = 0; s < kSlots; ++s) {
-        validate(&c->bm[s], "cleanup");
-        freeSlot(*c, s);
-    }
+    for (int s = 0; s < kSlots; ++s) validate(&c->bm[s], "cleanup"), freeSlot(*c, s);
     K_FreeBitmap(&c->foreign);  // what calls attached to it (region, palette)
     for (auto* r : c->rgn)
         if (r) K_DeleteOrvaRgn(r);

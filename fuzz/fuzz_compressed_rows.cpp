@@ -1,17 +1,10 @@
-// fuzz_compressed_rows.cpp - untrusted compressed rows: K_ExpandRows and the
-// compressed Put forms.
-//
-// Input: byte 0 width (1..256 pixels + a multiple from byte 1), byte 2 row
-// count, byte 3 column, byte 4 pixel count, then run words. These forms take
-// no source size, so the harness frames the word counts: each row takes the
-// next byte as its word count (cut to the words left) and the following
-// words as its runs. Checks:
-//   - K_ExpandRows writes only its rows (guard bytes after them stay);
-//   - a Put into a run-compressed bitmap and into a single block give the
-//     same pixels, and every stored row reads back as runs that sum to the width;
-//   - pixels outside [column, column + pixels) of the row are unchanged.
-#include <cstdint>
-#include <cstdlib>
+// fuzz_compressed_rows.cpp - untrusted compressed rows: K_ExpandRows and the compressed Put forms. Input:
+// byte 0 width (1..256 + a multiple from byte 1), byte 2 row count, byte 3 column, byte 4 pixel count, then
+// each row's word count (a byte, cut to the words left: these forms take no source size) and run words.
+// K_ExpandRows writes only its rows; a Put into a run-compressed bitmap and into a single block give the
+// same pixels, stored rows read back as runs summing to the width, and pixels outside [column, column +
+// pixels) are unchanged.
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -23,21 +16,15 @@
 namespace {
 
 // The rows' run words back to back, each row after its word count.
-struct Framed {
-    std::vector<uint8_t> bytes;
-};
-
-Framed frame(const uint8_t* data, size_t size, size_t& pos, int rows) {
-    Framed f;
+std::vector<uint8_t> frame(fuzzinput::Input& in, int rows) {
+    std::vector<uint8_t> f;
     for (int r = 0; r < rows; ++r) {
-        uint32_t want = pos < size ? data[pos++] : 0;
-        uint32_t avail = uint32_t((size - std::min(size, pos)) / 2);
-        uint32_t w = want < avail ? want : avail;
-        size_t at = f.bytes.size();
-        f.bytes.resize(at + 4 + 2 * size_t(w));
-        std::memcpy(f.bytes.data() + at, &w, 4);
-        if (w) std::memcpy(f.bytes.data() + at + 4, data + pos, 2 * size_t(w));
-        pos += 2 * size_t(w);
+        const uint32_t want = in.byte(), w = std::min<uint32_t>(want, uint32_t(in.left() / 2));
+        const size_t at = f.size();
+        f.resize(at + 4 + 2 * size_t(w));
+        std::memcpy(f.data() + at, &w, 4);
+        if (w) std::memcpy(f.data() + at + 4, in.rest(), 2 * size_t(w));
+        in.i += 2 * size_t(w);
     }
     return f;
 }
@@ -50,13 +37,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int rows = 1 + data[2] % 4;
     const int32_t col = data[3] % width;
     const int32_t pixels = int32_t(data[4]) * 3;
-    size_t pos = 5;
-    Framed runs = frame(data, size, pos, rows);
+    fuzzinput::Input in{data, size, 5};
+    const std::vector<uint8_t> runs = frame(in, rows);
 
     // K_ExpandRows: rows of bpl bytes, guard bytes after them.
     const uint32_t bpl = uint32_t(((width + 31) / 32) * 4);
     std::vector<uint8_t> out(size_t(bpl) * rows + 16, 0xA7);
-    check(K_ExpandRows(runs.bytes.data(), out.data(), width, rows) == KS_SUCCESS);
+    check(K_ExpandRows(runs.data(), out.data(), width, rows) == KS_SUCCESS);
     for (size_t i = size_t(bpl) * rows; i < out.size(); ++i) check(out[i] == 0xA7);
     // Padding bits past the width are clear.
     for (int r = 0; r < rows; ++r)
@@ -74,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         check(K_PutBitmapRow(&b, out.data() + size_t(r) * bpl, r, bpl) == int32_t(bpl));
     }
     std::vector<uint8_t> before(out.begin(), out.begin() + size_t(bpl) * rows);
-    const uint8_t* row = runs.bytes.data();
+    const uint8_t* row = runs.data();
     for (int r = 0; r < rows; ++r) {
         uint32_t w;
         std::memcpy(&w, row, 4);

@@ -1,45 +1,27 @@
-// fuzz_dither.cpp - dithering runs over random formats, methods, palettes,
-// match tables, widths and rows. Source and destination rows are sized
-// exactly, so a sanitizer sees any read or write outside them; every index
-// written must fit the output depth and, without a caller table, name a
-// palette entry.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
+// fuzz_dither.cpp - dithering runs over random formats, methods, palettes, match tables, widths and rows.
+// Rows are sized exactly (a sanitizer sees any access outside them); every index written fits the output
+// depth and, without a caller table, names a palette entry.
 #include <vector>
 
 #include "fuzz_input.h"
 #include "ombrix.h"
 
-namespace {
-// Bytes wrap around (an input is never too short for the rows it asks for).
-struct Input {
-    const uint8_t* p;
-    size_t n, i = 0;
-    uint8_t byte() { return n ? p[i++ % n] : 0; }
-};
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 12) return 0;
-    Input in{data, size};
+    // Bytes wrap around (an input is never too short for the rows it asks for).
+    struct Wrap : fuzzinput::Input {
+        uint8_t byte() { return p[i++ % n]; }
+    } in{{data, size}};
     static const int kDepths[] = {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
-    const int bits = kDepths[in.byte() % 14];
-    const int order = in.byte() % 8;
-    const int method = in.byte() % 10;  // 9 is invalid
+    const int bits = kDepths[in.byte() % 14], order = in.byte() % 8, method = in.byte() % 10;  // 9 is invalid
     const uint32_t colors = uint32_t(in.byte()) + 1u;
-    const int bitsExtra = in.byte() % 3;
-    const int paletteKind = in.byte() % 5;
-    const int width = 1 + ((in.byte() | in.byte() << 8) % 300);
-    const int height = 1 + in.byte() % 6;
+    const int bitsExtra = in.byte() % 3, paletteKind = in.byte() % 5;
+    const int width = 1 + ((in.byte() | in.byte() << 8) % 300), height = 1 + in.byte() % 6;
     const int lowBit = int(in.byte() % 40) - 4, highBit = int(in.byte() % 40) - 4;
 
     BITMAPRECORD bm;
     if (K_InitBitmap(&bm, BITMAPRECORD_SIZE, width, height, bits) != KS_SUCCESS) return 0;
-    bm.nOrder = order;
-    bm.nDitheringMethod = method;
-    bm.nLowBit = lowBit;
-    bm.nHighBit = highBit;
+    bm.nOrder = order, bm.nDitheringMethod = method, bm.nLowBit = lowBit, bm.nHighBit = highBit;
     if (bits <= 8 && (in.byte() & 1)) {
         const size_t n = size_t(1) << bits;
         bm.pPalette = static_cast<RGBQUAD*>(K_GlobalAlloc(GMEM_FIXED, n * sizeof(RGBQUAD)));
@@ -72,11 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             std::vector<uint8_t> src(srcBytes), dst(dstBytes);
             for (auto& b : src) b = in.byte();
             FUZZ_CHECK(K_DitherLine(&bm, src.data(), dst.data()) == KS_SUCCESS);
-            // Every output byte is read, whatever the checks below look at.
-            uint32_t fold = 0;
-            for (uint8_t b : dst) fold = fold * 31u + b;
-            [[maybe_unused]] static volatile uint32_t sink;
-            sink = fold;
+            fuzzinput::touch(dst);  // every output byte is read, whatever the checks below look at
             if (used <= 8 && table.empty() && target) {
                 // Every index names one of the colours (packed most significant bit first).
                 for (int x = 0; x < width; ++x) {

@@ -1,34 +1,14 @@
-// fuzz_geometry.cpp - the geometry helpers and the fixed-point sine on
-// arbitrary bit patterns (NaN, infinities, extremes, garbage matrix types).
-// Nothing may trap (UBSan watches the double-to-int conversions and integer
-// overflow) and a few invariants must hold on every input.
+// fuzz_geometry.cpp - the geometry helpers and the fixed-point sine on arbitrary bit patterns (NaN,
+// infinities, extremes, garbage matrix types). Nothing may trap (UBSan watches the double-to-int
+// conversions and integer overflow) and a few invariants hold on every input.
 #include <cmath>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <initializer_list>
 
 #include "fuzz_input.h"
 #include "ombrix.h"
 
-namespace {
-struct Reader {
-    const uint8_t* p;
-    size_t n;
-    template <class T>
-    T get() {
-        T v{};
-        size_t k = n < sizeof(T) ? n : sizeof(T);
-        std::memcpy(&v, p, k);
-        p += k;
-        n -= k;
-        return v;
-    }
-};
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Reader r{data, size};
+    fuzzinput::Input r{data, size};
     const int32_t angle = r.get<int32_t>(), s = K_SinValue(angle), c = K_CosValue(angle);
     FUZZ_CHECK(s >= -16384 && s <= 16384 && c >= -16384 && c <= 16384);
 

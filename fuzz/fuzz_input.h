@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 #define FUZZ_CHECK(c) ((c) ? void(0) : std::abort())  // an expression: also after `return`
 
@@ -16,12 +17,29 @@ struct Input {
     uint8_t byte() { return i < n ? p[i++] : 0; }
     uint32_t u16() { return uint32_t(byte()) | uint32_t(byte()) << 8; }
     uint32_t u32() {
-        uint32_t v = 0;
-        for (int k = 0; k < 4; ++k) v |= uint32_t(byte()) << (8 * k);
-        return v;
+        const uint32_t lo = u16();
+        return lo | u16() << 16;
+    }
+    template <class T, size_t N>
+    T pick(const T (&t)[N]) { return t[byte() % N]; }
+    // A value of the next sizeof(T) bytes (those past the end read as 0).
+    template <class T>
+    T get() {
+        T v{};
+        const size_t k = left() < sizeof(T) ? left() : sizeof(T);
+        std::memcpy(&v, rest(), k);
+        return i += k, v;
     }
     const uint8_t* rest() const { return p + i; }
     size_t left() const { return n - i; }
 };
+
+// Every byte of a result is read (a memory sanitizer then sees any byte left unwritten).
+template <class Bytes>
+void touch(const Bytes& b, uint32_t fold = 0) {
+    for (uint8_t v : b) fold = fold * 31u + v;
+    [[maybe_unused]] static volatile uint32_t sink;
+    sink = fold;
+}
 
 }  // namespace fuzzinput

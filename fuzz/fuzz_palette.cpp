@@ -1,16 +1,12 @@
-// fuzz_palette.cpp - palettes read from untrusted bytes: the nearest-entry
-// search (every path must agree with the plain scan), grey classification,
-// and the record helpers on a palette taken from the input.
-//
-// Input: byte 0 target red, 1 green, 2 blue, 3 depth selector; the rest is
-// the palette as RGBQUAD entries (at most 1024).
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
+// fuzz_palette.cpp - palettes read from untrusted bytes: the nearest-entry search (every path agrees with
+// the plain scan), grey classification, and the record helpers on a palette taken from the input.
+// Input: byte 0 target red, 1 green, 2 blue, 3 depth selector; the rest is the palette (at most 1024 entries).
+#include <algorithm>
 #include <vector>
 
-#include "ombrix.h"
+#include "fuzz_input.h"
 #include "krn/common/palette.h"
+#include "ombrix.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto at = [&](size_t i) -> int { return i < size ? data[i] : 0; };
@@ -21,27 +17,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int32_t count = int32_t(n);
 
     const int32_t want = krn::findPaletteIndexScalar(pal.data(), count, r, g, b);
-    if (krn::findPaletteIndexSse2(pal.data(), count, r, g, b) != want) std::abort();
-    if (krn::cpuHasAvx2() && krn::findPaletteIndexAvx2(pal.data(), count, r, g, b) != want) std::abort();
-    if (K_FindPaletteIndex(pal.data(), count, r, g, b) != want) std::abort();
-    if (count > 0 && (want < 0 || want >= count)) std::abort();
+    FUZZ_CHECK(krn::findPaletteIndexSse2(pal.data(), count, r, g, b) == want);
+    FUZZ_CHECK(!krn::cpuHasAvx2() || krn::findPaletteIndexAvx2(pal.data(), count, r, g, b) == want);
+    FUZZ_CHECK(K_FindPaletteIndex(pal.data(), count, r, g, b) == want && (count == 0 || (want >= 0 && want < count)));
 
     const int32_t cls = K_IsGrayScalePalette(pal.data(), count);
-    if (cls < 0 || cls > 3) std::abort();
+    FUZZ_CHECK(cls >= 0 && cls <= 3);
 
     // A bitmap of a depth 1..8 takes the palette (up to 2^depth entries).
     const int bpp = 1 + (sel & 7);
     BITMAPRECORD bm;
-    if (K_InitBitmap(&bm, BITMAPRECORD_SIZE, 3, 2, bpp) != KS_SUCCESS) std::abort();
+    FUZZ_CHECK(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 3, 2, bpp) == KS_SUCCESS);
     const int32_t take = std::min<int32_t>(count, 1 << bpp);
     if (take > 0) {
-        if (K_SetBitmapPalette(&bm, pal.data(), take) != KS_SUCCESS) std::abort();
-        if (K_CompareBitmapToPalette(&bm, pal.data(), take) != 1) std::abort();
+        FUZZ_CHECK(K_SetBitmapPalette(&bm, pal.data(), take) == KS_SUCCESS && K_CompareBitmapToPalette(&bm, pal.data(), take) == 1);
         uint32_t v = 0;
-        if (K_TranslateBitmapColor(&bm, nullptr, KCOLOR_RGB(r, g, b), &v) != KS_SUCCESS) std::abort();
-        if (v != KCOLOR_INDEX(K_FindPaletteIndex(pal.data(), take, r, g, b))) std::abort();
+        FUZZ_CHECK(K_TranslateBitmapColor(&bm, nullptr, KCOLOR_RGB(r, g, b), &v) == KS_SUCCESS);
+        FUZZ_CHECK(v == KCOLOR_INDEX(K_FindPaletteIndex(pal.data(), take, r, g, b)));
         int32_t gc = K_IntIsGrayScaleBitmap(&bm);
-        if (gc < 0 || gc > 3) std::abort();
+        FUZZ_CHECK(gc >= 0 && gc <= 3);
     }
     K_FreeBitmap(&bm);
     return 0;

@@ -1,17 +1,9 @@
-// fuzz_record.cpp - the bitmap record and global memory driven by untrusted
-// bytes: a script of record operations (initialise, create, attach caller
-// memory, change height, free) on two records and of global-memory calls on a
-// small pool of blocks and garbage handle values.
-//
-// Invariants: every status is one the operation documents; a successful
-// initialisation has the padded row size and the 64-bit data size of the
-// plain rule; a failed creation leaves the record's bytes as they were; a
-// height change keeps the data size in step; nothing leaks once everything is
-// freed. Sizes are kept small (at most 4 MiB of pixels) so the run stays fast;
-// the extreme dimensions are still initialised and refused.
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
+// fuzz_record.cpp - a script of record operations (initialise, create, attach caller memory, change height,
+// free) on two records and of global-memory calls on a few blocks and garbage handle values. Every status is
+// one the operation documents; an initialisation has the padded row size and 64-bit data size of the plain
+// rule; a failed creation leaves the record's bytes; a height change keeps the data size in step; nothing
+// leaks. At most 4 MiB of pixels are made; the extreme dimensions are still initialised and refused.
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -20,14 +12,6 @@
 #include "ombrix.h"
 
 namespace {
-
-[[noreturn]] void fail(int line) {
-    std::fprintf(stderr, "fuzz_record: invariant at line %d\n", line);
-    std::abort();
-}
-#define FAIL() fail(__LINE__)
-#define EXPECT_STATUS(rc, ...) \
-    if (!isStatus(rc, {__VA_ARGS__})) FAIL()
 
 const int32_t kDims[] = {0, 1, 2, 3, 7, 31, 33, 100, 257, -1, -100, 0x7FFFFFFF, INT32_MIN, 0x08000000, 0x07FFFFFF, 65536};
 const int32_t kDepths[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 12, 15, 16, 24, 32, 48, 64, 65, -1};
@@ -46,10 +30,9 @@ uint64_t plainSize(int32_t w, int32_t h, int32_t bpp, uint32_t* bpl) {
 }
 
 bool isStatus(int32_t rc, std::initializer_list<int32_t> allowed) {
-    for (int32_t a : allowed)
-        if (rc == a) return true;
-    return false;
+    return std::find(allowed.begin(), allowed.end(), rc) != allowed.end();
 }
+#define EXPECT_STATUS(rc, ...) FUZZ_CHECK(isStatus(rc, {__VA_ARGS__}))
 
 void reset(BITMAPRECORD& bm) {
     std::memset(&bm, 0, sizeof bm);
@@ -72,8 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         BITMAPRECORD& bm = rec[op >> 7];
         std::vector<uint8_t>& buf = caller[op >> 7];
         switch (op & 15) {
-            case 0:
-            case 1: {  // initialise
+            case 0: case 1: {  // initialise
                 K_FreeBitmap(&bm);
                 const int32_t w = pick(kDims, in.byte()), h = pick(kDims, in.byte()), bpp = pick(kDepths, in.byte());
                 const uint32_t id = kSizes[in.byte() % std::size(kSizes)];
@@ -81,13 +63,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 EXPECT_STATUS(rc, KS_SUCCESS, KS_INVALID_STRUCT_SIZE, KS_INVALID_DIMENSIONS, KS_INVALID_BITS_PER_PIXEL, KS_MEMORY_TOO_LOW);
                 uint32_t bpl;
                 const uint64_t bytes = plainSize(w, h, bpp, &bpl);
-                if (rc == KS_SUCCESS && (w || h || bpp) && (bm.nBytesPerLine != bpl || bm.uSize != uint32_t(bytes))) FAIL();
-                if (rc == KS_SUCCESS && (w || h || bpp) && id == BITMAPRECORD_SIZE && bm.uSize64 != bytes) FAIL();
+                if (rc == KS_SUCCESS && (w || h || bpp))
+                    FUZZ_CHECK(bm.nBytesPerLine == bpl && bm.uSize == uint32_t(bytes) && (id != BITMAPRECORD_SIZE || bm.uSize64 == bytes));
                 if (rc != KS_SUCCESS || bm.uSize64 > kMax || id != BITMAPRECORD_SIZE) reset(bm);
                 break;
             }
-            case 2:
-            case 3: {  // create
+            case 2: case 3: {  // create
                 K_FreeBitmap(&bm);
                 int32_t w = pick(kDims, in.byte()), h = pick(kDims, in.byte());
                 const int32_t bpp = pick(kDepths, in.byte());
@@ -106,9 +87,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const int32_t rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, type, w, h, bpp, order, nullptr, persp,
                                                   withData ? buf.data() : nullptr, buf.size());
                 EXPECT_STATUS(rc, KS_SUCCESS, KS_INVALID_PARAMETER, KS_INVALID_DIMENSIONS, KS_INVALID_BITS_PER_PIXEL, KS_NO_MEMORY);
-                if (rc != KS_SUCCESS && std::memcmp(&bm, &before, sizeof bm) != 0) FAIL();
+                FUZZ_CHECK(rc == KS_SUCCESS || std::memcmp(&bm, &before, sizeof bm) == 0);
                 if (rc != KS_SUCCESS) reset(bm);
-                else if (!(bm.uFlags & BRF_ALLOCATED) || bm.nWidth != w || bm.nHeight != h) FAIL();
+                else FUZZ_CHECK((bm.uFlags & BRF_ALLOCATED) && bm.nWidth == w && bm.nHeight == h);
                 break;
             }
             case 4: {  // change height
@@ -117,8 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const int32_t old = bm.nHeight;
                 const int32_t rc = K_ChangeBitmapHeight(&bm, h);
                 EXPECT_STATUS(rc, KS_SUCCESS, KS_INVALID_BITMAP, KS_INVALID_PARAMETER, KS_INVALID_DIMENSIONS, KS_NO_MEMORY);
-                if (rc == KS_SUCCESS && (bm.nHeight != h || bm.uSize64 != uint64_t(bm.nBytesPerLine) * uint32_t(h))) FAIL();
-                if (rc != KS_SUCCESS && bm.nHeight != old) FAIL();
+                FUZZ_CHECK(rc == KS_SUCCESS ? bm.nHeight == h && bm.uSize64 == uint64_t(bm.nBytesPerLine) * uint32_t(h) : bm.nHeight == old);
                 break;
             }
             case 5: {  // attach caller memory of the right or a wrong size
@@ -129,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 buf.assign(size_t(need + delta), 0x33);
                 const int32_t rc = K_SetBitmapDataPointer(&bm, buf.data(), buf.size());
                 EXPECT_STATUS(rc, KS_SUCCESS, KS_INVALID_PARAMETER);
-                if (delta == 0 && rc != KS_SUCCESS && !(bm.uFlags & BRF_LOCKED) && bm.nLockCount == 0) FAIL();
+                FUZZ_CHECK(delta != 0 || rc == KS_SUCCESS || (bm.uFlags & BRF_LOCKED) || bm.nLockCount != 0);
                 break;
             }
             case 6:  // access: touch every byte of a single block
@@ -142,47 +122,39 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 7: K_FreeBitmap(&bm); break;
             case 8: {  // global memory
                 const uint32_t flags = (in.byte() & 1) ? GHND : GPTR;
-                if (blocks.size() >= 16) break;
-                HGLOBAL g = K_GlobalAlloc(flags, in.byte() * 3u);
-                if (!g) FAIL();
-                blocks.push_back(g);
+                if (blocks.size() < 16) FUZZ_CHECK(blocks.emplace_back(K_GlobalAlloc(flags, in.byte() * 3u)));
                 break;
             }
-            case 9:
-            case 10:
-            case 11: {
+            case 9: case 10: case 11: {
                 if (blocks.empty()) break;
-                const size_t k = in.byte() % blocks.size();
+                HGLOBAL& g = blocks[in.byte() % blocks.size()];
                 if ((op & 15) == 9) {  // a new size, zero-filled
                     const size_t n = size_t(in.byte()) * 517u;
-                    HGLOBAL g = K_GlobalReAlloc(blocks[k], n, GMEM_ZEROINIT);
-                    if (g && K_GlobalSize(g) != n) FAIL();
-                    if (g) blocks[k] = g;
+                    HGLOBAL moved = K_GlobalReAlloc(g, n, GMEM_ZEROINIT);
+                    FUZZ_CHECK(!moved || K_GlobalSize(moved) == n);
+                    if (moved) g = moved;
                 } else if ((op & 15) == 10) {  // the whole size is usable
-                    void* p = K_GlobalLock(blocks[k]);
-                    if (!p) FAIL();
-                    std::memset(p, 0x44, K_GlobalSize(blocks[k]));
-                    K_GlobalUnlock(blocks[k]);
+                    void* p = K_GlobalLock(g);
+                    FUZZ_CHECK(p);
+                    std::memset(p, 0x44, K_GlobalSize(g)), K_GlobalUnlock(g);
                 } else {
-                    if (K_GlobalFree(blocks[k]) != nullptr) FAIL();
-                    blocks.erase(blocks.begin() + long(k));
+                    FUZZ_CHECK(K_GlobalFree(g) == nullptr);
+                    blocks.erase(blocks.begin() + (&g - blocks.data()));
                 }
                 break;
             }
             default: {  // a garbage handle value for every global-memory call
                 const uintptr_t small = in.byte();
                 HGLOBAL g = reinterpret_cast<HGLOBAL>((op & 1) ? small : ~small);
-                bool live = false;
-                for (HGLOBAL b : blocks) live |= b == g;
-                if (live) break;
-                if (K_GlobalLock(g) || K_GlobalSize(g) || K_GlobalUnlock(g) || K_GlobalReAlloc(g, 8, 0)) FAIL();
-                if (g && K_GlobalFree(g) != g) FAIL();
+                if (std::find(blocks.begin(), blocks.end(), g) != blocks.end()) break;
+                FUZZ_CHECK(!K_GlobalLock(g) && !K_GlobalSize(g) && !K_GlobalUnlock(g) && !K_GlobalReAlloc(g, 8, 0));
+                FUZZ_CHECK(!g || K_GlobalFree(g) == g);
                 break;
             }
         }
     }
     for (BITMAPRECORD& bm : rec) K_FreeBitmap(&bm);
     for (HGLOBAL g : blocks) K_GlobalFree(g);
-    if (krn::faultinject::liveBlocks() != base) FAIL();
+    FUZZ_CHECK(krn::faultinject::liveBlocks() == base);
     return 0;
 }

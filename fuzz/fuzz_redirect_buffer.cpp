@@ -1,17 +1,9 @@
-// fuzz_redirect_buffer.cpp - the memory buffer file driven by a random
-// sequence of opens, reads, writes, seeks, size changes and closes, checked
-// against a plain model (a byte vector and one position: the files open on a
-// buffer share its position, and each open puts it back at 0).
-//
-// Input: byte 0 flags (bit 0 REDIRECTBUF_FIXED), bytes 1-2 initial size,
-// byte 3 growth step, then operations of one selector byte and its operands.
-// Checks: every read gives the model's bytes, every write and seek the
-// model's result, the size matches, and the content handed out at the end
-// equals the model. Any difference aborts.
-#include <cstdint>
-#include <cstdlib>
+// fuzz_redirect_buffer.cpp - the memory buffer file driven by opens, reads, writes, seeks, size changes and
+// closes against a plain model: a byte vector and one position (the files open on a buffer share it, each
+// open puts it back at 0). Input: byte 0 flags (bit 0 REDIRECTBUF_FIXED), bytes 1-2 initial size, byte 3
+// growth step, then operations (selector byte and operands). Every read, write, seek and size is the
+// model's, and so is the content handed out at the end.
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "fuzz_input.h"
@@ -19,29 +11,20 @@
 
 namespace {
 
-using fuzzinput::Input;
-
 struct Model {
     std::vector<uint8_t> data;
-    uint64_t cap = 0;  // fixed buffers only
-    uint64_t pos = 0;
+    uint64_t cap = 0, pos = 0;  // the capacity of a fixed buffer
     bool fixed = false;
 };
-
-// Far positions: a growable buffer refuses to grow to them (-1).
-constexpr uint64_t kFar = uint64_t(1) << 40;
+constexpr uint64_t kFar = uint64_t(1) << 40;  // a growable buffer refuses to grow that far (-1)
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 4) return 0;
-    Input in{data, size};
-    const uint32_t flags = in.byte() & 1u;
-    const uint32_t initial = in.u16();
-    const uint32_t grow = uint32_t(in.byte()) * 16u;
-    Model m;
-    m.fixed = flags & REDIRECTBUF_FIXED;
-    m.cap = initial;
+    fuzzinput::Input in{data, size};
+    const uint32_t flags = in.byte() & 1u, initial = in.u16(), grow = uint32_t(in.byte()) * 16u;
+    Model m{{}, initial, 0, (flags & REDIRECTBUF_FIXED) != 0};
 
     HREDIRECTBUFFER buf = nullptr;
     HREDIRECTFILE first = nullptr;
@@ -87,9 +70,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const int32_t got = K_RedirectedRead(h, scratch.data(), n);
                 const uint64_t avail = pos < m.data.size() ? m.data.size() - pos : 0;
                 const uint64_t k = avail < n ? avail : n;
-                FUZZ_CHECK(got == int32_t(k));
+                FUZZ_CHECK(got == int32_t(k) && scratch[n] == 0x5A);
                 FUZZ_CHECK(k == 0 || std::memcmp(scratch.data(), m.data.data() + pos, k) == 0);
-                FUZZ_CHECK(scratch[n] == 0x5A);
                 pos += k;
                 break;
             }
@@ -123,14 +105,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 HREDIRECTFILE nf = K_RedirectedOpen(name, mode, 0);
                 FUZZ_CHECK(reinterpret_cast<void*>(nf) != OMBRIX_INVALID_FILE);
                 if (mode & REDIRECT_OPEN_TRUNCATE) m.data.clear();
-                pos = 0;
-                files.push_back(nf);
+                files.push_back(nf), pos = 0;
                 break;
             }
-            case 6: {  // close
+            case 6: {  // close; with files still open the buffer refuses to end
                 FUZZ_CHECK(K_RedirectedClose(h) == 0);
                 files.erase(files.begin() + ptrdiff_t(which));
-                // With files still open the buffer refuses to end.
                 if (!files.empty()) FUZZ_CHECK(K_StopRedirectToBuffer(buf, nullptr, nullptr) == KS_INVALID_PARAMETER);
                 break;
             }

@@ -1,16 +1,8 @@
-// fuzz_redirect_names.cpp - untrusted names and texts:
-//   byte 0 selects what the rest is:
-//     0: UTF-8 text: converted to UTF-16, UTF-32 and wchar_t; a text that is
-//        accepted must come back byte for byte, one that is refused must
-//        name a position inside it
-//     1: UTF-16 text (little-endian pairs): the same in the other direction
-//     2: a name after "ORVARedirect://" (the bytes as wide characters): must
-//        not decode unless it was made here, and opening it must not crash
-//     3: edits to a valid name made in this process (pairs of position,
-//        character): a name that still decodes must carry the same table
-// Any violated property aborts.
-#include <cstdint>
-#include <cstdlib>
+// fuzz_redirect_names.cpp - untrusted names and texts; byte 0 selects what the rest is:
+//   0: UTF-8 text, converted to UTF-16, UTF-32 and wchar_t: accepted text comes back byte for byte, refused
+//      text names a position inside it;  1: UTF-16 text (little-endian pairs), the other direction;
+//   2: a name after "ORVARedirect://" (bytes as wide characters): never decodes unless made here, opens safely;
+//   3: edits (position, character) to a name made here: a name that still decodes carries the same table.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -29,12 +21,9 @@ void* fzOpen(const wchar_t*, uint32_t, uint32_t, void*) {
 
 REDIRECTRECORD knownTable() {
     REDIRECTRECORD t{};
-    t.uStructSize = REDIRECTRECORD_SIZE;
-    t.uFlags = 0x1234;
-    t.pfnOpen = &fzOpen;
-    t.pOpenUserData = reinterpret_cast<void*>(0xABCDEF);
-    t.pfnRead = &K_OsRead;
-    t.pfnClose = &K_OsClose;
+    t.uStructSize = REDIRECTRECORD_SIZE, t.uFlags = 0x1234;
+    t.pfnOpen = &fzOpen, t.pOpenUserData = reinterpret_cast<void*>(0xABCDEF);
+    t.pfnRead = &K_OsRead, t.pfnClose = &K_OsClose;
     return t;
 }
 

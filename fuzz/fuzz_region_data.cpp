@@ -1,10 +1,6 @@
-// fuzz_region_data.cpp - untrusted region input: ExtCreateRegion on arbitrary
-// bytes and sizes (with and without a transform), polygons and ellipses with
-// extreme coordinates and counts, and the results pushed through combine,
-// export/import and a bitmap's setters. Every region made must pass the
-// structural check; nothing may crash, overflow or leak.
-#include <cstdint>
-#include <cstdlib>
+// fuzz_region_data.cpp - untrusted region input: ExtCreateRegion on arbitrary bytes and sizes (with and
+// without a transform), polygons and ellipses with extreme coordinates and counts, the results pushed
+// through combine, export/import and a bitmap's setters. Every region made passes the structural check.
 #include <cstring>
 #include <vector>
 
@@ -27,8 +23,8 @@ int32_t coord(fuzzinput::Input& in) {
 }
 int8_t s8(fuzzinput::Input& in) { return int8_t(in.byte()); }
 
-// A valid region whose data comes back the same through export and import
-// (non-empty regions), whose box is a region kind and holds its first run.
+// A valid region whose data comes back the same through export and import (non-empty regions), whose box
+// is a region kind and holds its first run.
 void check(HRGN h) {
     if (!h) return;
     OrvaRgn* r = static_cast<OrvaRgn*>(krn::objPayload(h, krn::kObjRegion));
@@ -51,8 +47,7 @@ void check(HRGN h) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    // Regions up to 16384 rows: large enough for every code path, small
-    // enough that each input runs in milliseconds.
+    // Regions up to 16384 rows: large enough for every code path, small enough to run in milliseconds.
     static const bool limited = (krn::rgn::setRowLimit(16384), true);
     (void)limited;
     if (size < 2) return 0;
@@ -64,14 +59,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const uint32_t declared = in.u16();
             XFORM xf;
             const bool useXf = in.byte() & 1;
-            if (useXf) {
-                float f[6];
-                for (float& v : f) {
+            if (useXf)
+                for (float* v : {&xf.eM11, &xf.eM12, &xf.eM21, &xf.eM22, &xf.eDx, &xf.eDy}) {
                     const uint32_t raw = in.u32();
-                    std::memcpy(&v, &raw, 4);
+                    std::memcpy(v, &raw, 4);
                 }
-                xf = XFORM{f[0], f[1], f[2], f[3], f[4], f[5]};
-            }
             std::vector<uint8_t> blk(in.rest(), in.rest() + in.left());
             // Half of the time a plausible header, and a plausible rectangle count.
             if (blk.size() >= 8 && (mode & 0x10)) std::memcpy(blk.data(), "\x20\0\0\0\x01\0\0\0", 8);

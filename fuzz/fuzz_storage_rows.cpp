@@ -1,17 +1,10 @@
-// fuzz_storage_rows.cpp - the row calls on every storage kind, and moves
-// between kinds, against a plain model: a byte array of the stored rows.
-//
-// Input: byte 0 depth selector, bytes 1-2 width, byte 3 height, then
-// operations (selector byte + operands): whole-row puts, column puts,
-// segment puts, row and column gets, moves to another storage kind
-// (single block, small tiles, temporary file, run-compressed, super-
-// compressed) and compression changes. Checks: every result and every read
-// byte equal the model's, reads never write past the byte count they were
-// given, and a move keeps the pixels. Padding past the last pixel is not
-// compared (the compressed kinds keep pixels, not padding).
+// fuzz_storage_rows.cpp - the row calls on every storage kind, and moves between kinds, against a plain
+// model (a byte array of the stored rows). Input: byte 0 depth selector, bytes 1-2 width, byte 3 height,
+// then operations (selector byte + operands): row, column and segment puts, row and column gets, moves to
+// another storage kind (single block, small tiles, temporary file, run-compressed, super-compressed) and
+// compression changes. Every result and read byte equals the model's, reads never write past their byte
+// count, a move keeps the pixels. Padding past the last pixel is not compared (compressed kinds drop it).
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -19,8 +12,6 @@
 #include "ombrix.h"
 
 namespace {
-
-using fuzzinput::Input;
 
 constexpr int kDepths[] = {1, 8, 24, 4, 16, 32};
 constexpr uint32_t kKinds[] = {MEMTYPE_CONVENTIONAL, 4u /* tiles */, MEMTYPE_NO_CONVENTIONAL /* file */,
@@ -31,14 +22,11 @@ struct Model {
     uint32_t bpl = 0;
     std::vector<uint8_t> rows;
     uint8_t* row(int32_t y) { return rows.data() + size_t(y) * bpl; }
-    // Pixel bits of a row: the bits before width * bpp.
-    uint64_t pixelBits() const { return uint64_t(width) * uint64_t(bpp); }
 };
 
-// Compares n bytes read from byte offset `off` of a row with the model,
-// only where they hold pixel bits.
+// Compares n bytes read from byte offset `off` of a row with the model, only where they hold pixel bits.
 void comparePixels(const Model& m, const uint8_t* model, const uint8_t* got, uint32_t off, uint32_t n) {
-    const uint64_t bits = m.pixelBits();
+    const uint64_t bits = uint64_t(m.width) * uint64_t(m.bpp);
     for (uint32_t k = 0; k < n; ++k) {
         const uint64_t firstBit = uint64_t(off + k) * 8;
         if (firstBit >= bits) break;
@@ -58,15 +46,15 @@ void checkRow(BITMAPRECORD& bm, Model& m, int32_t y) {
 void checkAll(BITMAPRECORD& bm, Model& m) {
     for (int32_t y = 0; y < m.height; ++y) checkRow(bm, m, y);
 }
-
-// Byte offset of column x and the bytes left in the row from there.
 uint32_t colOffset(const Model& m, int32_t x) { return uint32_t((uint64_t(x) * uint64_t(m.bpp)) / 8); }
+// Run compression takes 1 bit, super-compression 1, 8 and 24 bits.
+bool superOk(int bpp) { return bpp == 1 || bpp == 8 || bpp == 24; }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 4) return 0;
-    Input in{data, size};
+    fuzzinput::Input in{data, size};
     Model m;
     m.bpp = kDepths[in.byte() % 6];
     m.width = int32_t(1 + in.u16() % 2048);
@@ -75,9 +63,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     m.rows.assign(size_t(m.bpl) * size_t(m.height), 0);
 
     BITMAPRECORD bm;
-    const int32_t order = m.bpp >= 24 ? ORDER_BGR : 0;
-    if (K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, m.width, m.height, m.bpp, order, nullptr,
-                       TOP_LEFT, nullptr, 0) != KS_SUCCESS)
+    if (K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, m.width, m.height, m.bpp,
+                       m.bpp >= 24 ? ORDER_BGR : 0, nullptr, TOP_LEFT, nullptr, 0) != KS_SUCCESS)
         return 0;
     FUZZ_CHECK(bm.nBytesPerLine == m.bpl);
 
@@ -139,13 +126,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             }
             case 4: {  // move to another storage kind
-                const uint32_t kind = kKinds[in.byte() % 5];
+                const uint32_t kind = in.pick(kKinds);
                 const uint64_t tile = uint64_t(1 + in.byte()) * 64;
                 const int32_t rc = K_SetBitmapMemoryInfo(&bm, kind, kind == 4u ? tile : 0);
-                // Run compression takes 1 bit, super-compression 1, 8 and 24 bits.
-                const bool depthOk = kind == MEMTYPE_COMPRESSED        ? m.bpp == 1
-                                     : kind == MEMTYPE_SUPERCOMPRESSED ? (m.bpp == 1 || m.bpp == 8 || m.bpp == 24)
-                                                                       : true;
+                const bool depthOk = kind == MEMTYPE_COMPRESSED ? m.bpp == 1 : kind != MEMTYPE_SUPERCOMPRESSED || superOk(m.bpp);
                 uint32_t got = 0;
                 FUZZ_CHECK(depthOk ? rc == KS_SUCCESS : rc < 0);
                 FUZZ_CHECK(!depthOk || (K_GetBitmapMemoryInfo(&bm, &got, nullptr, nullptr, nullptr) == KS_SUCCESS &&
@@ -156,9 +140,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 5: {  // compression change
                 const int32_t mode = in.byte() % 3;
                 const int32_t rc = K_ChangeBitmapCompression(&bm, mode);
-                const bool ok = mode == BITMAPCOMPRESSION_NONE   ? true
-                                : mode == BITMAPCOMPRESSION_RUNS ? m.bpp == 1
-                                                                 : (m.bpp == 1 || m.bpp == 8 || m.bpp == 24);
+                const bool ok = mode == BITMAPCOMPRESSION_RUNS ? m.bpp == 1 : mode == BITMAPCOMPRESSION_NONE || superOk(m.bpp);
                 FUZZ_CHECK(ok ? rc == KS_SUCCESS : rc < 0);
                 checkAll(bm, m);
                 break;

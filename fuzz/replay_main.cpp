@@ -1,7 +1,5 @@
-// replay_main.cpp - runs a fuzz entry point without libFuzzer: every file of
-// the seed corpus directory given on the command line, then a fixed number of
-// deterministic pseudo-random inputs (mutations of the seeds and plain noise).
-// Prints "N passed, 0 failed"; a crash or sanitizer report fails the test.
+// replay_main.cpp - a fuzz entry point without libFuzzer: every file of the seed corpus directory given,
+// then deterministic pseudo-random inputs (mutated seeds and noise). A crash or sanitizer report fails.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -13,8 +11,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-// Under the sanitizers an impossible allocation must come back as null, as it
-// does without them, so that the library's out-of-memory paths run.
+// Under the sanitizers an impossible allocation comes back as null, as without them (out-of-memory paths run).
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
 
@@ -29,10 +26,7 @@ int main(int argc, char** argv) {
     long iterations = 20000;
     if (const char* env = std::getenv("OMBRIX_FUZZ_ITERATIONS")) iterations = std::atol(env);
     long runs = 0;
-    for (const auto& s : seeds) {
-        LLVMFuzzerTestOneInput(s.data(), s.size());
-        ++runs;
-    }
+    for (const auto& s : seeds) LLVMFuzzerTestOneInput(s.data(), s.size()), ++runs;
     std::mt19937_64 rng(0x0b1c5eed);
     std::vector<uint8_t> buf;
     for (long i = 0; i < iterations; ++i) {
