@@ -1,5 +1,5 @@
-// Animation playback with the time injected: the state machine as a table of
-// transitions stepped beside the library, and a composition oracle drawing
+// Animation playback with the time injected: the state machine as a model of
+// its transitions stepped beside the library, and a composition oracle drawing
 // frames pixel by pixel on targets of every depth and perspective.
 #include <gtest/gtest.h>
 
@@ -90,20 +90,6 @@ BITMAPRECORD makeFrame(const Frame& f, int32_t vp) {
     return bm;
 }
 
-// For each state, the next state under each condition.
-enum Cond { Always, PastEnd, NotPastEnd, HoldLast, Draw, DelayInput, DelayNoInput, NoDelayInput, NoDelayNoInput,
-            Waiting, Elapsed };
-const struct Rule {
-    int from;
-    Cond when;
-    int to;
-} kTable[] = {
-    {0, Always, 1},       {1, PastEnd, 10},     {1, NotPastEnd, 2},     {2, HoldLast, 3},       {2, Draw, 4},
-    {3, HoldLast, 3},     {3, Draw, 4},         {4, DelayInput, 7},     {4, DelayNoInput, 6},   {4, NoDelayInput, 5},
-    {4, NoDelayNoInput, 8}, {5, Always, 5},     {6, Waiting, 6},        {6, Elapsed, 8},        {7, Waiting, 7},
-    {7, Elapsed, 8},      {8, Always, 9},       {9, PastEnd, 10},       {9, NotPastEnd, 2},     {10, Always, 2},
-};
-
 struct Model {
     int32_t W, H;
     uint64_t bg;
@@ -114,38 +100,24 @@ struct Model {
     bool validating = false, haveSaved = false;  // validating: the last frame's rows are still coming
     std::vector<bool> marks;
 
-    bool holds(Cond c) const {
+    // The state the current one leads to.
+    int next() const {
         const Frame* f = index >= 0 && index < int(frames.size()) ? &frames[size_t(index)] : nullptr;
-        const bool last = validating && index + 1 == int(frames.size());
-        switch (c) {
-            case Always: return true;
-            case PastEnd: return index + 1 >= int(frames.size());
-            case NotPastEnd: return index + 1 < int(frames.size());
-            case HoldLast: return last;
-            case Draw: return !last;
-            case DelayInput: return f->delay > 0 && f->input;
-            case DelayNoInput: return f->delay > 0 && !f->input;
-            case NoDelayInput: return f->delay == 0 && f->input;
-            case NoDelayNoInput: return f->delay == 0 && !f->input;
-            case Waiting: return uint32_t(gNow - waitStart) < f->delay;
-            case Elapsed: return uint32_t(gNow - waitStart) >= f->delay;
+        switch (state) {
+            case 0: return 1;
+            case 1: case 9: return index + 1 >= int(frames.size()) ? 10 : 2;
+            case 2: case 3: return validating && index + 1 == int(frames.size()) ? 3 : 4;  // hold the last frame
+            case 4: return f->delay > 0 ? (f->input ? 7 : 6) : f->input ? 5 : 8;
+            case 6: case 7: return uint32_t(gNow - waitStart) < f->delay ? state : 8;
+            case 8: return 9;
+            case 10: return 2;
+            default: return state;
         }
-        return false;
     }
     void step() {
         const int from = state;
         if (from == 0) img.assign(img.size(), bg);
-        if ((from == 2 || from == 3) && index >= int(frames.size())) {
-            state = 10;
-            return;
-        }
-        int to = -1;
-        for (const Rule& r : kTable)
-            if (r.from == from && holds(r.when)) {
-                to = r.to;
-                break;
-            }
-        ASSERT_GE(to, 0) << "no rule for state " << from;
+        const int to = (from == 2 || from == 3) && index >= int(frames.size()) ? 10 : next();
         if (from == 1 || from == 9) ++index;
         if (from == 10) index = 0;
         if (from == 4 && (to == 6 || to == 7)) waitStart = gNow;
@@ -171,9 +143,7 @@ struct Model {
         }
         state = to;
     }
-    void cancel() {
-        if (state == 5 || state == 6 || state == 7) state = 8;
-    }
+    void cancel() { state = state >= 5 && state <= 7 ? 8 : state; }
     uint32_t delayLeft() const {
         if (state != 6 && state != 7) return 0;
         const uint32_t e = gNow - waitStart, d = frames[size_t(index)].delay;
@@ -193,11 +163,8 @@ Frame randomFrame(std::mt19937& rng, int W, int H) {
 
 TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
     ClockGuard clock;
-    {  // per-thread settings exist before counting
-        BITMAPRECORD warm = viewBitmap(kBgr24, 2, 2, TOP_LEFT);
-        K_FillBitmap(&warm, 0);
-        K_FreeBitmap(&warm);
-    }
+    BITMAPRECORD warm = viewBitmap(kBgr24, 2, 2, TOP_LEFT);  // per-thread settings exist before counting
+    K_FillBitmap(&warm, 0), K_FreeBitmap(&warm);
     const long base = krn::faultinject::liveBlocks();
     int drawnSteps = 0, waitsSeen = 0, disposals = 0;
     for (uint32_t seed = 1; seed <= 40; ++seed) {

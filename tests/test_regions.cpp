@@ -1,8 +1,9 @@
 // test_regions.cpp - the region engine and its Win32-style API against the
 // boolean-mask model: random rectangles, polygons, ellipses, many-run
-// rectangle sets and banded shapes combined by every mode (also in place and
-// at the ends of the 32-bit range); region data round trips; kernel
-// operations; handle validation; one allocation-failure walker.
+// rectangle sets, banded shapes and long banded rows (the merges' split
+// chains) combined by every mode (also in place and at the ends of the 32-bit
+// range); region data round trips; kernel operations; handle validation; one
+// allocation-failure walker.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -23,36 +24,32 @@ using rgntest::Mask;
 
 namespace {
 
-const Mask kWin(-40, -40, 240, 220);
+const Mask kWin(-40, -40, 240, 220), kLong(-7, -3, 420, 60);
 
-struct Shape {
-    HRGN h = nullptr;
-    Mask m;
-    std::string what;
-};
+struct Shape { HRGN h = nullptr; Mask m; std::string what; };
 
+const int kModes[5] = {RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF, RGN_COPY};  // the mask model's codes 0..4
 int in(std::mt19937& rng, int lo, int hi) { return lo + int(rng() % uint32_t(hi - lo + 1)); }
 RECT randomRect(std::mt19937& rng) { return RECT{in(rng, -30, 180), in(rng, -30, 180), in(rng, -30, 180), in(rng, -30, 180)}; }
 OrvaRgn* payload(HRGN h) { return static_cast<OrvaRgn*>(krn::objPayload(h, krn::kObjRegion)); }
-Mask maskOf(HRGN h) {
+Mask maskOf(HRGN h, const Mask& win = kWin) {
     bool ok = false;
-    Mask m = rgntest::maskOfHandle(kWin, h, &ok);
+    Mask m = rgntest::maskOfHandle(win, h, &ok);
     EXPECT_TRUE(ok) << "region data outside the window";
     return m;
 }
 
-// A rectangle, ellipse or polygon made by the API. Polygons have several
-// figures (K_SegmentsToRegion, flag 0 starting each), either fill mode, some
-// points snapped to a coarse grid for shared vertices and horizontal edges,
-// half of them with the figures apart vertically.
-// The ellipse's mask is read back (it is checked against its equation).
+// A rectangle, ellipse (its mask read back: checked against its equation) or
+// polygon of several figures (flag 0 starting each), either fill mode, some
+// points on a coarse grid (shared vertices, horizontal edges), half of them
+// with the figures apart vertically (the rows between are skipped).
 Shape apiShape(std::mt19937& rng) {
     const int kind = int(rng() % 3);
     if (kind == 2) {
         std::vector<POINT> pts;
         std::vector<uint8_t> flags;
         std::vector<size_t> starts;
-        const bool apart = rng() & 1;  // figures in separate bands of rows: the rows between are skipped
+        const bool apart = rng() & 1;
         for (int f = 0, figures = 1 + int(rng() % 3); f < figures; ++f) {
             starts.push_back(pts.size());
             for (int i = 0, n = 2 + int(rng() % 10); i < n; ++i) {
@@ -104,6 +101,26 @@ Shape bandedShape(std::mt19937& rng) {
                       : k == 2 ? dx * dx + dy * dy <= 1 : k == 3 && band && ((x >= l && x < r) || x % 3 == 0));
         }
     return Shape{rgntest::regionOfMask(m), m, "banded " + std::to_string(k)};
+}
+
+// Long rows in bands of 1..14 rows (1 for family 0) repeating random runs and
+// gaps of 1..6 pixels, a periodic row, an empty row, or two rows in turn.
+Mask longRows(std::mt19937& rng, int family) {
+    Mask m = kLong.blank();
+    for (int y = kLong.y0; y < kLong.y0 + kLong.h;) {
+        const int kind = family == 0 ? 0 : in(rng, 0, 3), h = family == 0 ? 1 : in(rng, 1, 14);
+        const int period = in(rng, 4, 12), len = in(rng, 1, period - 1), phase = in(rng, 0, 11);
+        std::vector<uint8_t> rows[2];
+        for (std::vector<uint8_t>& r : rows) {
+            r.assign(size_t(kLong.w), 0);
+            for (int x = in(rng, 0, 6), g = in(rng, 1, 6); x < kLong.w; x += in(rng, 1, g))
+                for (int e = std::min(kLong.w, x + in(rng, 1, 6)); x < e; ++x) r[size_t(x)] = kind != 2;
+        }
+        for (int k = 0; k < h && y < kLong.h + kLong.y0; ++k, ++y)
+            for (int x = 0; x < kLong.w; ++x)
+                m.set(kLong.x0 + x, y, kind == 1 ? (x + phase) % period < len : rows[kind == 3 ? k % 2 : 0][size_t(x)] != 0);
+    }
+    return m;
 }
 
 // Every query of a region handle agrees with the mask, and its data round trips.
@@ -168,7 +185,6 @@ TEST(RegionsEngine, RectangleEdgeCases) {
 // identical), and banded shapes moved next to INT32_MAX / INT32_MIN.
 TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
     std::mt19937 rng(12345);
-    const int modes[5] = {RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF, RGN_COPY};
     for (int iter = 0; iter < 600; ++iter) {
         const bool full = iter < 90;  // every query on every result; later ones compare masks and runs only
         const int layout = (iter / 3) % 5, family = (iter + 1) % 3;  // rectangle sets first
@@ -197,12 +213,12 @@ TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
                 const Shape& x = swap ? b : a;
                 const Shape& y = swap ? a : b;
                 const Mask want = k == 4 ? x.m : x.m.combine(y.m, k);
-                const std::string ctx = x.what + " op " + std::to_string(modes[k]) + " " + y.what + " iter " + std::to_string(iter);
-                const int kind = CombineRgn(d, x.h, y.h, modes[k]);
+                const std::string ctx = x.what + " op " + std::to_string(kModes[k]) + " " + y.what + " iter " + std::to_string(iter);
+                const int kind = CombineRgn(d, x.h, y.h, kModes[k]);
                 ASSERT_TRUE(krn::rgn::valid(payload(d))) << ctx;
                 OrvaRgn* inPlace = nullptr;
                 ASSERT_EQ(K_CopyOrvaRgn(&inPlace, payload(x.h)), KS_SUCCESS);
-                ASSERT_EQ(K_CombineOrvaRgn(&inPlace, inPlace, payload(y.h), modes[k]), KS_SUCCESS);
+                ASSERT_EQ(K_CombineOrvaRgn(&inPlace, inPlace, payload(y.h), kModes[k]), KS_SUCCESS);
                 ASSERT_EQ(inPlace->uRunDataSize, payload(d)->uRunDataSize) << ctx;
                 EXPECT_TRUE(!inPlace->uRunDataSize || !std::memcmp(inPlace->pRunData, payload(d)->pRunData, inPlace->uRunDataSize)) << ctx;
                 K_DeleteOrvaRgn(inPlace);
@@ -219,6 +235,47 @@ TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
             expectMatches(d, kWin.blank(), "d minus d");
         }
         for (HRGN h : {d, a.h, b.h}) DeleteObject(h);
+    }
+}
+
+// Long banded rows by every mode in both orders (random rows, banded rows, and
+// a shape against its own bands moved down 1..5 rows with a few pixels
+// changed); the kernel combine of the sources moved so that their runs reach
+// INT32_MIN or INT32_MAX gives the moved result.
+TEST(RegionsEngine, LongRowMergesMatchMaskAlgebraAtBothEndsOfTheRange) {
+    std::mt19937 rng(20261125);
+    for (int iter = 0; iter < 60; ++iter) {
+        const int family = iter % 3;
+        const Mask ma = longRows(rng, family);
+        Mask mb = longRows(rng, family);
+        const int dy = in(rng, 1, 5);
+        for (int y = kLong.y0; family == 2 && y < kLong.y0 + kLong.h; ++y)
+            for (int x = kLong.x0; x < kLong.x0 + kLong.w; ++x) mb.set(x, y, ma.get(x, y - dy) != (x % 17 == 0 && y % 5 == 0));
+        HRGN a = rgntest::regionOfMask(ma), b = rgntest::regionOfMask(mb), d = CreateRectRgn(0, 0, 3, 3);
+        const OrvaRgn *pa = payload(a), *pb = payload(b);
+        const int64_t left = std::min(pa->rcBounds.left, pb->rcBounds.left), right = std::max(pa->rcBounds.right, pb->rcBounds.right);
+        for (int k = 0; k < 4; ++k)
+            for (int swap = 0; swap < 2; ++swap) {
+                const Mask want = swap ? mb.combine(ma, k) : ma.combine(mb, k);
+                ASSERT_NE(CombineRgn(d, swap ? b : a, swap ? a : b, kModes[k]), 0);
+                ASSERT_TRUE(krn::rgn::valid(payload(d)));
+                const Mask got = maskOf(d, kLong);
+                ASSERT_TRUE(got == want) << "iter " << iter << " mode " << kModes[k] << " swap " << swap << ": " << got.describeDiff(want);
+                for (int64_t dx : {int64_t(INT32_MIN) - left, int64_t(INT32_MAX) - right}) {
+                    if (swap) break;
+                    OrvaRgn *mx = nullptr, *my = nullptr, *moved = nullptr;
+                    ASSERT_TRUE(K_CopyOrvaRgn(&mx, pa) == KS_SUCCESS && K_CopyOrvaRgn(&my, pb) == KS_SUCCESS);
+                    ASSERT_EQ(K_OffsetOrvaRgn(mx, int32_t(dx), 0) | K_OffsetOrvaRgn(my, int32_t(dx), 0), KS_SUCCESS);
+                    ASSERT_EQ(K_CombineOrvaRgn(&moved, mx, my, kModes[k]), KS_SUCCESS);
+                    ASSERT_TRUE(krn::rgn::valid(moved) && K_OffsetOrvaRgn(moved, int32_t(-dx), 0) == KS_SUCCESS);
+                    const OrvaRgn* plain = payload(d);
+                    ASSERT_EQ(moved->uRunDataSize, plain->uRunDataSize) << "mode " << kModes[k] << " dx " << dx;
+                    EXPECT_EQ(0, std::memcmp(moved->pRunData, plain->pRunData, plain->uRunDataSize));
+                    EXPECT_EQ(0, std::memcmp(&moved->rcBounds, &plain->rcBounds, sizeof(RECT)));
+                    for (OrvaRgn* r : {mx, my, moved}) K_DeleteOrvaRgn(r);
+                }
+            }
+        for (HRGN h : {a, b, d}) DeleteObject(h);
     }
 }
 
@@ -476,8 +533,11 @@ TEST(RegionsEngine, AllocationFailureWalk) {
         {"ExtCreateRegion", [&] { return ExtCreateRegion(nullptr, uint32_t(data.size()), reinterpret_cast<const RGNDATA*>(data.data())); }},
         {"SetRectRgn", [&] { return into(SetRectRgn(d, 0, 0, 1000, 1000)); }},
     };
-    for (int mode : {RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF})
+    HRGN la = rgntest::regionOfMask(longRows(rng, 1)), lb = rgntest::regionOfMask(longRows(rng, 0));
+    for (int mode : {RGN_AND, RGN_OR, RGN_XOR, RGN_DIFF}) {
         calls.push_back({"CombineRgn banded", [&, mode] { return into(CombineRgn(d, ba.h, bb.h, mode)); }});
+        calls.push_back({"CombineRgn long rows", [&, mode] { return into(CombineRgn(d, la, lb, mode)); }});
+    }
     for (const Call& c : calls) {
         const HRGN clean = c.run();  // the reference result
         ASSERT_NE(clean, nullptr) << c.what;
@@ -503,7 +563,7 @@ TEST(RegionsEngine, AllocationFailureWalk) {
         }
         EXPECT_GT(failures, 0) << "no failure was provoked: " << c.what;
     }
-    for (HRGN h : {a, b, d, ba.h, bb.h}) DeleteObject(h);
+    for (HRGN h : {a, b, d, ba.h, bb.h, la, lb}) DeleteObject(h);
     // The kernel combine into an existing region keeps it, blocks and all.
     RECT ra{0, 0, 50, 40}, rb{30, 20, 90, 70}, rc{5, 5, 6, 6};
     OrvaRgn *ka = nullptr, *kb = nullptr, *small = nullptr;

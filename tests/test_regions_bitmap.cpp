@@ -107,8 +107,9 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
             picRed.set(x, y, k == 0);
         }
     mask1.release();
-    Mask cur = full;
+    Mask cur = full;  // without a region the whole bitmap stands for it
     for (int step = 0; step < 120; ++step) {
+        if (step % 9 == 4) cur = K_FreeBitmapRgn(&bmp.bm) == KS_SUCCESS ? full : win.blank();
         const uint32_t mode = uint32_t(rng() % 7);
         const int kind = int(rng() % 7);
         RECT r{c(rng), c(rng), c(rng), c(rng)};
@@ -226,33 +227,23 @@ TEST(RegionsBitmap, ArgumentChecks) {
     bad.uStructSize = 100;
     fl.bm.uFlags |= 0x100000u;  // float samples
     uint64_t a;
+    const int32_t P = KS_INVALID_PARAMETER, B = KS_INVALID_BITMAP, S = KS_INVALID_STRUCT_SIZE;
     const struct {
         int32_t got, want;
     } cases[] = {
-        {K_SetBitmapRgnRect(nullptr, nullptr, &r, 1), KS_INVALID_BITMAP},
-        {K_SetBitmapRgnRect(&b.bm, nullptr, nullptr, 1), KS_INVALID_PARAMETER},
-        {K_SetBitmapRgnRect(&b.bm, nullptr, &r, 7), KS_INVALID_PARAMETER},
-        {K_SetBitmapRgnRect(&b.bm, &badVp, &r, 1), KS_INVALID_PARAMETER},
-        {K_SetBitmapRgnEllipse(&b.bm, &zeroX, &r, 1), KS_INVALID_PARAMETER},
-        {K_SetBitmapRgnPolygon(&b.bm, &zeroY, nullptr, 0, 0, 1), KS_INVALID_PARAMETER},
-        {K_SetBitmapRgnData(&b.bm, nullptr, -1, nullptr, 1), KS_INVALID_PARAMETER},
+        {K_SetBitmapRgnRect(nullptr, nullptr, &r, 1), B}, {K_SetBitmapRgnRect(&b.bm, nullptr, nullptr, 1), P},
+        {K_SetBitmapRgnRect(&b.bm, nullptr, &r, 7), P}, {K_SetBitmapRgnRect(&b.bm, &badVp, &r, 1), P},
+        {K_SetBitmapRgnEllipse(&b.bm, &zeroX, &r, 1), P}, {K_SetBitmapRgnPolygon(&b.bm, &zeroY, nullptr, 0, 0, 1), P},
+        {K_SetBitmapRgnData(&b.bm, nullptr, -1, nullptr, 1), P},
         {K_SetBitmapRgnData(&b.bm, nullptr, 40, reinterpret_cast<RGNDATA*>(junk.data()), 1), KS_NO_MEMORY},
-        {K_SetBitmapRgnFromMask(&b.bm, nullptr, &unalloc, 1), KS_INVALID_PARAMETER},
+        {K_SetBitmapRgnFromMask(&b.bm, nullptr, &unalloc, 1), P},
         {K_SetBitmapRgnFromMask(&b.bm, nullptr, &fl.bm, 1), KS_FLOAT_NOT_SUPPORTED},
-        {K_FillBitmap(&fl.bm, 0), KS_FLOAT_NOT_SUPPORTED},
-        {K_SetBitmapRgnRect(&bad, nullptr, &r, 1), KS_INVALID_STRUCT_SIZE},
-        {K_FreeBitmapRgn(&bad), KS_INVALID_STRUCT_SIZE},
-        {K_FreeBitmapRgn(nullptr), KS_INVALID_PARAMETER},
-        {K_BitmapHasRgn(&bad), 0},
-        {K_BitmapHasRgn(nullptr), 0},
-        {K_IsPtInBitmapRgn(nullptr, 0, 0), 0},
-        {K_IsPtInBitmapRgn(&bad, 0, 0), 0},
-        {K_GetBitmapRgnArea(nullptr, &a), KS_INVALID_BITMAP},
-        {K_GetBitmapRgnArea(&bad, &a), KS_INVALID_STRUCT_SIZE},
-        {K_GetBitmapRgnArea(&b.bm, nullptr), KS_INVALID_PARAMETER},
-        {K_GetBitmapRgnBounds(nullptr, nullptr, &r), KS_INVALID_BITMAP},
-        {K_GetBitmapRgnBounds(&b.bm, nullptr, nullptr), KS_INVALID_BITMAP},
-        {K_CopyBitmapRgn(nullptr, &b.bm, 0, 0), KS_INVALID_PARAMETER},
+        {K_FillBitmap(&fl.bm, 0), KS_FLOAT_NOT_SUPPORTED}, {K_SetBitmapRgnRect(&bad, nullptr, &r, 1), S},
+        {K_FreeBitmapRgn(&bad), S}, {K_FreeBitmapRgn(nullptr), P}, {K_BitmapHasRgn(&bad), 0}, {K_BitmapHasRgn(nullptr), 0},
+        {K_IsPtInBitmapRgn(nullptr, 0, 0), 0}, {K_IsPtInBitmapRgn(&bad, 0, 0), 0}, {K_GetBitmapRgnArea(nullptr, &a), B},
+        {K_GetBitmapRgnArea(&bad, &a), S}, {K_GetBitmapRgnArea(&b.bm, nullptr), P},
+        {K_GetBitmapRgnBounds(nullptr, nullptr, &r), B}, {K_GetBitmapRgnBounds(&b.bm, nullptr, nullptr), B},
+        {K_CopyBitmapRgn(nullptr, &b.bm, 0, 0), P},
     };
     for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) EXPECT_EQ(cases[i].got, cases[i].want) << "case " << i;
     EXPECT_EQ(K_BitmapHasRgn(&b.bm), 0);  // none of them set a region
@@ -404,6 +395,12 @@ TEST(RegionsBitmap, UnclippedFlagKeepsRegionAndClipsReads) {
     ASSERT_EQ(K_OffsetBitmapRgn(&b.bm, 100, 0), KS_SUCCESS);  // not clipped
     EXPECT_EQ(b.area(), 60u * 13u);
     ASSERT_EQ(K_OffsetBitmapRgn(&b.bm, -100, 0), KS_SUCCESS);
+    // Without a region the whole bitmap stands for it, and the result is not clipped.
+    EXPECT_TRUE(K_FreeBitmapRgn(&b.bm) == KS_SUCCESS && K_SetBitmapRgnRect(&b.bm, nullptr, &r, 4) == KS_SUCCESS);
+    EXPECT_TRUE(K_GetBitmapRgnBounds(&b.bm, nullptr, &box) == KS_SUCCESS && b.area() == 780u + 600u - 240u);
+    EXPECT_TRUE(box.left == -10 && box.top == -5 && box.right == 50 && box.bottom == 20);
+    EXPECT_TRUE(K_FreeBitmapRgn(&b.bm) == KS_SUCCESS && K_SetBitmapRgnRect(&b.bm, nullptr, &r, 0) == KS_SUCCESS && b.area() == 240u);
+    ASSERT_EQ(K_SetBitmapRgnRect(&b.bm, nullptr, &r, 1), KS_SUCCESS);
     // Filling writes only inside the bitmap.
     for (int y = 0; y < 20; ++y) std::memset(b.access() + y * b.bm.nBytesPerLine, 0x55, 30), b.release();
     ASSERT_EQ(K_FillBitmap2(&b.bm, 9), KS_SUCCESS);
@@ -411,35 +408,6 @@ TEST(RegionsBitmap, UnclippedFlagKeepsRegionAndClipsReads) {
     for (int y = 0; y < 20; ++y)
         for (int x = 0; x < 30; ++x) ASSERT_EQ(b.row(y)[x], y < 8 ? 9 : 0x55);
     b.release();
-}
-
-// A bitmap without a region combined by AND and OR (modes 0 and 4), clipped
-// and unclipped: the whole bitmap stands for the missing region.
-TEST(RegionsBitmap, BitmapWithoutRegionCombinesWithTheWholeBitmap) {
-    std::mt19937 rng(23);
-    const Mask win(-20, -10, 120, 80), whole = rgntest::rectMask(win, RECT{0, 0, 50, 40});
-    for (int trial = 0; trial < 60; ++trial) {
-        Mask m = win.blank();
-        for (int k = 1 + int(rng() % 12); k > 0; --k) {
-            const int x = -20 + int(rng() % 120), y = -10 + int(rng() % 80);
-            m = m.combine(rgntest::rectMask(win, RECT{x, y, x + 1 + int(rng() % 30), y + 1 + int(rng() % 20)}), 1);
-        }
-        const bool unclipped = trial % 2;
-        const uint32_t mode = trial % 4 < 2 ? 0 : 4;
-        BITMAPRECORD bm;
-        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 50, 40, 8), KS_SUCCESS);
-        if (unclipped) bm.uFlags |= BRF_UNCLIPPED_RGN;
-        HRGN h = rgntest::regionOfMask(m), got = nullptr;
-        ASSERT_EQ(K_SetBitmapRgnHandle(&bm, nullptr, h, mode), KS_SUCCESS);
-        EXPECT_EQ(K_BitmapHasRgn(&bm), 1);
-        ASSERT_EQ(K_GetBitmapRgnHandle(&bm, nullptr, &got), KS_SUCCESS);
-        Mask want = m.combine(whole, mode == 0 ? 0 : 1);
-        if (!unclipped) want = want.combine(whole, 0);
-        bool ok = false;
-        const Mask gotMask = rgntest::maskOfHandle(win, got, &ok);
-        ASSERT_TRUE(ok && gotMask == want) << "trial " << trial << ": " << want.describeDiff(gotMask);
-        DeleteObject(got), DeleteObject(h), K_FreeBitmap(&bm);
-    }
 }
 
 // Filling changes exactly the region's pixels to the raw value at every
