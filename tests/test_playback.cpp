@@ -21,9 +21,7 @@ struct ClockGuard {
     ~ClockGuard() { krn::testhook::setPlaybackClock(nullptr, nullptr); }
 };
 
-struct Fmt {
-    int32_t bpp, order;
-};
+struct Fmt { int32_t bpp, order; };
 const Fmt kBgr24{24, ORDER_BGR};
 
 // Raw pixels at (x, y) of the top-left view.
@@ -55,8 +53,8 @@ bool inRegion(BITMAPRECORD* bm, int32_t x, int32_t y) {
 BITMAPRECORD viewBitmap(Fmt f, int32_t w, int32_t h, int32_t vp) {
     BITMAPRECORD bm;
     const bool turned = vp >= 5;
-    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, turned ? h : w, turned ? w : h, f.bpp, f.order, nullptr, vp, nullptr, 0),
-              KS_SUCCESS);
+    EXPECT_EQ(KS_SUCCESS,
+              K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, turned ? h : w, turned ? w : h, f.bpp, f.order, nullptr, vp, nullptr, 0));
     return bm;
 }
 // The colour (0x00BBGGRR) the library sees in a raw pixel value.
@@ -239,10 +237,7 @@ TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
         ASSERT_EQ(K_DestroyBitmapList(list), KS_SUCCESS);
         K_FreeBitmap(&target);
     }
-    // The generated runs really draw, wait and dispose.
-    EXPECT_GT(drawnSteps, 200);
-    EXPECT_GT(waitsSeen, 100);
-    EXPECT_GT(disposals, 100);
+    EXPECT_TRUE(drawnSteps > 200 && waitsSeen > 100 && disposals > 100);  // the runs really draw, wait and dispose
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
@@ -282,15 +277,11 @@ TEST(PlaybackFailures, HandlesArgumentsAndMemory) {
         if (armed([&] { return K_AppendPlayback(p, &bm); }) != KS_SUCCESS) K_FreeBitmap(&bm);
     }, 1, true);
     // The clear marks the whole target for update; the index range (the state machine is the model's).
-    RECT r{};
-    ASSERT_EQ(K_ProcessPlayback(p, &st), KS_SUCCESS);
-    EXPECT_EQ(st, PLAYBACK_STATE_NEXT);
-    ASSERT_EQ(K_GetPlaybackUpdateRect(p, &r, 1), KS_SUCCESS);
-    EXPECT_EQ(std::vector<int32_t>({r.right, r.bottom}), std::vector<int32_t>({8, 8}));
-    ASSERT_EQ(K_GetPlaybackUpdateRect(p, &r, 0), KS_SUCCESS);
-    EXPECT_EQ(r.right - r.left, 0);
-    EXPECT_EQ(std::vector<int32_t>({K_SetPlaybackIndex(p, 2), K_SetPlaybackIndex(p, -2), K_SetPlaybackIndex(p, 0)}),
-              std::vector<int32_t>({P, P, KS_SUCCESS}));
+    RECT r{}, r2{};
+    EXPECT_EQ(std::vector<int32_t>({K_ProcessPlayback(p, &st), st, K_GetPlaybackUpdateRect(p, &r, 1), r.right, r.bottom,
+                                    K_GetPlaybackUpdateRect(p, &r2, 0), r2.right - r2.left, K_SetPlaybackIndex(p, 2),
+                                    K_SetPlaybackIndex(p, -2), K_SetPlaybackIndex(p, 0)}),
+              std::vector<int32_t>({KS_SUCCESS, PLAYBACK_STATE_NEXT, KS_SUCCESS, 8, 8, KS_SUCCESS, 0, P, P, KS_SUCCESS}));
     ASSERT_EQ(K_DestroyPlayback(p), KS_SUCCESS);  // frees its own list and the frame in it
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
     K_FreeBitmap(&target);
@@ -313,18 +304,14 @@ TEST(PlaybackFailures, SavedAreaGoesWithItsDisposal) {
     std::vector<int32_t> states, widths;
     for (int32_t st = -1; st != PLAYBACK_STATE_END;) {
         RECT r{};
-        ASSERT_EQ(K_GetPlaybackUpdateRect(pb, nullptr, 1), KS_SUCCESS);
-        ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
+        ASSERT_TRUE(K_GetPlaybackUpdateRect(pb, nullptr, 1) == KS_SUCCESS && K_ProcessPlayback(pb, &st) == KS_SUCCESS);
         ASSERT_EQ(K_GetPlaybackUpdateRect(pb, &r, 0), KS_SUCCESS);
-        states.push_back(st);
-        widths.push_back(r.right - r.left);
+        states.push_back(st), widths.push_back(r.right - r.left);
     }
     // clear, next, draw 0 (3 wide), dispose 0 (restores 3), next, draw 1 (nothing), dispose 1 (nothing), end
     EXPECT_EQ(states, std::vector<int32_t>({1, 2, 4, 8, 9, 2, 4, 8, 9, 10}));
     EXPECT_EQ(widths, std::vector<int32_t>({8, 0, 3, 0, 3, 0, 0, 0, 0, 0}));
-    K_DestroyPlayback(pb);
-    K_DestroyBitmapList(list);
-    K_FreeBitmap(&target);
+    K_DestroyPlayback(pb), K_DestroyBitmapList(list), K_FreeBitmap(&target);
 }
 
 // ---------------------------------------------------------------- composition
@@ -367,11 +354,7 @@ struct Oracle {
 TEST(PlaybackCombine, ComposesLikeThePixelOracle) {
     ClockGuard clock;
     const Fmt f1{1, 0}, f4{4, 0}, f8{8, 0}, f16{16, ORDER_BGR}, f24 = kBgr24, f32{32, ORDER_BGR};
-    const struct Case {
-        Fmt target, frame;
-        int32_t vp;
-        bool targetRegion;
-    } cases[] = {
+    const struct Case { Fmt target, frame; int32_t vp; bool targetRegion; } cases[] = {
         {f1, f1, TOP_LEFT, false},     {f4, f4, BOTTOM_LEFT, true}, {f8, f8, 6, false}, {f16, f16, 7, true},
         {f24, f24, BOTTOM_LEFT, false}, {f32, f32, 8, true},         {f24, f24, 5, true}, {f32, f32, TOP_LEFT, false},
         {f4, f24, 6, false},           {f24, f8, 2, true},
@@ -414,8 +397,7 @@ TEST(PlaybackCombine, ComposesLikeThePixelOracle) {
                 for (int32_t x = 0; x < of.w; ++x) {
                     of.drawn.push_back(viewPixel(&conv, x, y));
                     of.shows.push_back(inRegion(&fb, x, y) && !(of.keyed && (viewPixel(&fb, x, y) & cm) == (keyRaw & cm)));
-                    shown += of.shows.back();
-                    hidden += !of.shows.back();
+                    shown += of.shows.back(), hidden += !of.shows.back();
                 }
             if (convert) K_FreeBitmap(&conv);
             FRAME_LEFT(&fb) = of.left, FRAME_TOP(&fb) = of.top, FRAME_DISPOSAL(&fb) = of.disposal, FRAME_DELAY(&fb) = 10;
@@ -439,13 +421,9 @@ TEST(PlaybackCombine, ComposesLikeThePixelOracle) {
                     if (o.open[size_t(i)]) bg = viewPixel(&target, i % W, i / W);
                 for (int32_t i = 0; i < W * H; ++i)
                     if (o.open[size_t(i)]) o.img[size_t(i)] = bg;
-            } else if (st == PLAYBACK_STATE_DELAY) {
-                o.draw(frames[size_t(index)]);
-            } else if (st == PLAYBACK_STATE_NEXT2) {
-                o.dispose(frames[size_t(index)], bg);
-            } else if (st == PLAYBACK_STATE_WAITDELAY) {
-                gNow += 10;
-            }
+            } else if (st == PLAYBACK_STATE_DELAY) o.draw(frames[size_t(index)]);
+            else if (st == PLAYBACK_STATE_NEXT2) o.dispose(frames[size_t(index)], bg);
+            else if (st == PLAYBACK_STATE_WAITDELAY) gNow += 10;
             passes += st == PLAYBACK_STATE_END;
             ASSERT_EQ(viewPixels(&target, W, H), o.img) << "state " << st << " frame " << index;
         }
@@ -453,16 +431,12 @@ TEST(PlaybackCombine, ComposesLikeThePixelOracle) {
             BITMAPRECORD item;
             uint64_t area = 0;
             ASSERT_EQ(K_GetBitmapListItem(list, i, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
-            EXPECT_EQ(K_BitmapHasRgn(&item), frames[i].hadRegion) << i;
-            if (frames[i].hadRegion) K_GetBitmapRgnArea(&item, &area);
+            EXPECT_TRUE(K_BitmapHasRgn(&item) == frames[i].hadRegion && (!frames[i].hadRegion || K_GetBitmapRgnArea(&item, &area)));
             EXPECT_EQ(area, frames[i].area) << i;
         }
-        K_DestroyPlayback(pb);
-        K_DestroyBitmapList(list);
-        K_FreeBitmap(&target);
+        K_DestroyPlayback(pb), K_DestroyBitmapList(list), K_FreeBitmap(&target);
     }
-    EXPECT_GT(shown, 1000);
-    EXPECT_GT(hidden, 300);
+    EXPECT_TRUE(shown > 1000 && hidden > 300) << shown << " " << hidden;
 }
 
 // Allocation failures while a frame is drawn (transparent colour, frame and
@@ -501,32 +475,23 @@ TEST(PlaybackCombine, DrawingSurvivesEveryAllocationFailure) {
     const std::vector<uint64_t> drawn = viewPixels(&target, 16, 12);  // the unhindered draw
     ASSERT_NE(drawn, before);
     int32_t failures = 0;
-    for (long nth = 0;; ++nth) {
+    tkit::allocationWalk([&](tkit::Armed& armed) {
         toDraw();
-        const long live = krn::faultinject::liveBlocks();
-        krn::faultinject::arm(nth, 1);
-        const int32_t r = K_ProcessPlayback(pb, &st);
-        const bool hit = krn::faultinject::injected() > 0;
-        krn::faultinject::disarm();
-        ASSERT_EQ(r, KS_SUCCESS);
-        EXPECT_EQ(st, PLAYBACK_STATE_DELAY);
-        EXPECT_EQ(krn::faultinject::liveBlocks(), live) << nth;
+        ASSERT_EQ(armed([&] { return K_ProcessPlayback(pb, &st); }), KS_SUCCESS);
+        EXPECT_TRUE(st == PLAYBACK_STATE_DELAY && krn::faultinject::liveBlocks() == armed.live) << armed.n;
         BITMAPRECORD item;
         uint64_t itemArea = 0;
         ASSERT_EQ(K_GetBitmapListItem(list, 0, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
         K_GetBitmapRgnArea(&item, &itemArea);
-        EXPECT_EQ(itemArea, area) << nth;
-        if (!hit) break;
-        ++failures;  // a failure the kernel absorbed draws the frame; any other leaves the target alone
+        EXPECT_EQ(itemArea, area) << armed.n;
+        // A failure the kernel absorbed draws the frame; any other leaves the target alone.
+        failures += armed.injected > 0;
         const std::vector<uint64_t> now = viewPixels(&target, 16, 12);
-        EXPECT_TRUE(now == before || now == drawn) << "a failed draw changed the target, allocation " << nth;
-        ASSERT_LT(nth, 200);
-    }
+        EXPECT_TRUE(!armed.injected || now == before || now == drawn) << "a failed draw changed the target, allocation " << armed.n;
+    });
     EXPECT_GT(failures, 5);
     EXPECT_EQ(viewPixels(&target, 16, 12), drawn);
-    K_DestroyPlayback(pb);
-    K_DestroyBitmapList(list);
-    K_FreeBitmap(&target);
+    K_DestroyPlayback(pb), K_DestroyBitmapList(list), K_FreeBitmap(&target);
 }
 
 // The transparent colour's region that drawing builds itself (8, 24 and 32
