@@ -19,6 +19,7 @@
 #include "krn/common/memory.h"
 #include "krn/windowsemul/objects.h"
 #include "regions_mask.h"
+#include "transform_kit.h"
 
 using rgntest::Mask;
 
@@ -512,24 +513,16 @@ TEST(RegionsEngine, AllocationFailureWalk) {
         ASSERT_NE(clean, nullptr) << c.what;
         const std::vector<uint8_t> want = rgntest::regionData(clean);
         if (clean == d) SetRectRgn(d, 1, 2, 3, 4); else DeleteObject(clean);
-        int failures = 0;
-        for (long n = 0;; ++n) {
-            const long live = krn::faultinject::liveBlocks();
-            krn::faultinject::arm(n, 1);
-            const HRGN made = c.run();
-            const long injected = krn::faultinject::injected();
-            krn::faultinject::disarm();
-            if (!made) {
-                ++failures;
-                EXPECT_GT(injected, 0) << c.what << " failed without an injected fault";
-                EXPECT_EQ(krn::faultinject::liveBlocks(), live) << c.what << " leaks, failure " << n;
-                EXPECT_EQ(rgntest::regionData(d), old) << c.what << " changed the destination, failure " << n;
+        const int failures = tkit::allocationWalk([&](tkit::Armed& armed) {  // a failure leaks nothing
+            HRGN made = nullptr;
+            if (armed([&] { return (made = c.run()) ? KS_SUCCESS : KS_NO_MEMORY; }) != KS_SUCCESS) {
+                EXPECT_GT(armed.injected, 0) << c.what << " failed without an injected fault";
+                EXPECT_EQ(rgntest::regionData(d), old) << c.what << " changed the destination, failure " << armed.n;
             } else {
-                EXPECT_EQ(rgntest::regionData(made), want) << c.what << " failure " << n;
+                EXPECT_EQ(rgntest::regionData(made), want) << c.what << " failure " << armed.n;
                 if (made == d) SetRectRgn(d, 1, 2, 3, 4); else DeleteObject(made);
             }
-            if (injected == 0) break;
-        }
+        });
         EXPECT_GT(failures, 0) << "no failure was provoked: " << c.what;
     }
     for (HRGN h : {a, b, d, ba.h, bb.h, la, lb}) DeleteObject(h);
@@ -537,15 +530,10 @@ TEST(RegionsEngine, AllocationFailureWalk) {
     RECT ra{0, 0, 50, 40}, rb{30, 20, 90, 70}, rc{5, 5, 6, 6};
     OrvaRgn *ka = nullptr, *kb = nullptr, *small = nullptr;
     ASSERT_EQ(K_CreateOrvaRgnRect(&ka, &ra) | K_CreateOrvaRgnRect(&kb, &rb) | K_CreateOrvaRgnRect(&small, &rc), KS_SUCCESS);
-    for (long n = 0; n < 8; ++n) {
-        krn::faultinject::arm(n, 1);
-        const int32_t st = K_CombineOrvaRgn(&small, ka, kb, RGN_OR);
-        const bool injected = krn::faultinject::injected() > 0;
-        krn::faultinject::disarm();
-        if (st == KS_SUCCESS) break;
-        EXPECT_TRUE(injected);
-        EXPECT_TRUE(krn::rgn::valid(small) && krn::rgn::area(small) == 1u && K_IsPtInOrvaRgn(small, 5, 5, nullptr, nullptr) == 1);
-    }
+    tkit::allocationWalk([&](tkit::Armed& armed) {
+        if (armed([&] { return K_CombineOrvaRgn(&small, ka, kb, RGN_OR); }) == KS_SUCCESS) return;
+        EXPECT_TRUE(armed.injected && krn::rgn::valid(small) && krn::rgn::area(small) == 1u && K_IsPtInOrvaRgn(small, 5, 5, nullptr, nullptr) == 1);
+    }, 1, true);
     for (OrvaRgn* x : {ka, kb, small}) K_DeleteOrvaRgn(x);
 }
 
