@@ -188,8 +188,8 @@ TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
             if (action < 13) {
                 gNow += rng() % 3 == 0 ? 0 : rng() % 25;
                 int32_t st = -1;
-                ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
                 const int before = m.state;
+                ASSERT_EQ(K_ProcessPlayback(pb, &st), KS_SUCCESS);
                 m.step();
                 ASSERT_EQ(st, m.state);
                 drawnSteps += (before == 2 || before == 3) && st == 4;
@@ -203,17 +203,12 @@ TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
                 ASSERT_EQ(K_SetPlaybackIndex(pb, to), KS_SUCCESS);
                 m.validating = false;
                 if (m.index > to) m.haveSaved = false, m.state = 0, m.index = -1;
-                for (int guard = 0; m.index != to && guard < 1000; ++guard) {
-                    m.step();
-                    m.cancel();
-                }
+                for (int guard = 0; m.index != to && guard < 1000; ++guard) m.step(), m.cancel();
             } else if (action == 16 && m.frames.size() < 8) {  // appended: its rows are still to come
                 m.frames.push_back(randomFrame(rng, W, H));
                 BITMAPRECORD bm = makeFrame(m.frames.back(), TOP_LEFT);
                 ASSERT_EQ(K_AppendPlayback(pb, &bm), KS_SUCCESS);
-                m.validating = true;
-                m.missing = m.frames.back().h;
-                m.marks.assign(size_t(m.frames.back().h), false);
+                m.validating = true, m.missing = m.frames.back().h, m.marks.assign(size_t(m.missing), false);
                 if (m.state == 10) m.state = 2;
             } else if (action == 17) {
                 const int first = int(rng() % 8) - 2, count = int(rng() % 5);
@@ -223,18 +218,14 @@ TEST(PlaybackModel, GeneratedAnimationsAgreeStepByStep) {
                 if (m.missing <= 0) m.validating = false;
             } else {
                 uint32_t left = 12345;
-                ASSERT_EQ(K_GetPlaybackDelay(pb, &left), KS_SUCCESS);
-                EXPECT_EQ(left, m.delayLeft());
+                EXPECT_TRUE(K_GetPlaybackDelay(pb, &left) == KS_SUCCESS && left == m.delayLeft()) << left;
             }
             int32_t st = -1, idx = -2;
-            ASSERT_EQ(K_GetPlaybackState(pb, &st), KS_SUCCESS);
-            ASSERT_EQ(K_GetPlaybackIndex(pb, &idx), KS_SUCCESS);
-            ASSERT_EQ(st, m.state) << "action " << action;
-            ASSERT_EQ(idx, m.index);
+            ASSERT_TRUE(K_GetPlaybackState(pb, &st) == KS_SUCCESS && K_GetPlaybackIndex(pb, &idx) == KS_SUCCESS);
+            ASSERT_TRUE(st == m.state && idx == m.index) << "action " << action << ": " << st << " " << idx;
             ASSERT_EQ(viewPixels(&target, W, H), m.img) << "state " << st;
         }
-        ASSERT_EQ(K_DestroyPlayback(pb), KS_SUCCESS);
-        ASSERT_EQ(K_DestroyBitmapList(list), KS_SUCCESS);
+        ASSERT_TRUE(K_DestroyPlayback(pb) == KS_SUCCESS && K_DestroyBitmapList(list) == KS_SUCCESS);
         K_FreeBitmap(&target);
     }
     EXPECT_TRUE(drawnSteps > 200 && waitsSeen > 100 && disposals > 100);  // the runs really draw, wait and dispose
