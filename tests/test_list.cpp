@@ -232,16 +232,14 @@ TEST(ListFailures, AllocationFailuresThroughGrowth) {
         if (armed([&] { return K_CreateBitmapList(&h); }) == KS_SUCCESS) K_DestroyBitmapList(h);
         EXPECT_EQ(h == nullptr, armed.rc != KS_SUCCESS);
     });
-    HBITMAPLIST h = nullptr;
-    ASSERT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
+    HBITMAPLIST h = listOf({});
     std::vector<int> model;
     for (int t = 1; t <= 12; ++t) {  // the first allocation of each insert fails
         BITMAPRECORD bm = tagged(t);
         const BITMAPRECORD before = bm;
         tkit::Armed armed{0, 1};
         ASSERT_EQ(armed([&] { return K_InsertBitmapListItem(h, uint32_t(t % 3), &bm); }), KS_NO_MEMORY);
-        EXPECT_TRUE(tkit::sameBytes(bm, before));
-        EXPECT_EQ(tagsOf(h), model);
+        EXPECT_TRUE(tkit::sameBytes(bm, before) && tagsOf(h) == model);
         ASSERT_EQ(K_InsertBitmapListItem(h, uint32_t(t % 3), &bm), KS_SUCCESS);
         model.insert(model.begin() + std::min<size_t>(size_t(t % 3), model.size()), t);
         EXPECT_EQ(tagsOf(h), model);
@@ -252,11 +250,7 @@ TEST(ListFailures, AllocationFailuresThroughGrowth) {
         const int failures = tkit::allocationWalk([&](tkit::Armed& armed) {
             HBITMAPLIST m = nullptr;
             auto call = [&] { return move ? K_MoveBitmapListItems(&m, h, 2, 3) : K_CopyBitmapListItems(&m, h, 1, 4); };
-            if (armed(call) != KS_SUCCESS) {
-                EXPECT_EQ(m, nullptr);
-                EXPECT_EQ(tagsOf(h), model);
-                return;
-            }
+            if (armed(call) != KS_SUCCESS) { EXPECT_TRUE(m == nullptr && tagsOf(h) == model); return; }
             const size_t first = move ? 2 : 1, end = 5;
             EXPECT_EQ(tagsOf(m), std::vector<int>(model.begin() + first, model.begin() + end));
             if (move) model.erase(model.begin() + 2, model.begin() + 5);
