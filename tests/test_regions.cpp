@@ -357,8 +357,7 @@ TEST(RegionsEngine, KernelOperationsClipScaleMirror) {
             // Scale: pixel (X, Y) in when (floor(X*d/n), floor(Y*d/n)) was.
             const int xn = in(rng, 1, 5), xd = in(rng, 1, 5), yn = in(rng, 1, 5), yd = in(rng, 1, 5);
             OrvaRgn *sc = nullptr, *m = nullptr;
-            ASSERT_EQ(K_CopyOrvaRgn(&sc, r), KS_SUCCESS);
-            ASSERT_EQ(K_ScaleOrvaRgn(sc, xn, xd, yn, yd), KS_SUCCESS);
+            ASSERT_TRUE(K_CopyOrvaRgn(&sc, r) == KS_SUCCESS && K_ScaleOrvaRgn(sc, xn, xd, yn, yd) == KS_SUCCESS);
             ASSERT_TRUE(krn::rgn::valid(sc));
             for (int y = -200; y < 1000; ++y)
                 for (int x = -200; x < 1000; x += 3)
@@ -366,10 +365,8 @@ TEST(RegionsEngine, KernelOperationsClipScaleMirror) {
                         << x << "," << y << " scale " << xn << "/" << xd << " " << yn << "/" << yd;
             EXPECT_EQ(K_ScaleOrvaRgn(sc, 1, 0, 1, 1), KS_INVALID_PARAMETER);
             // m(x, y) = r after flip, reverse, transpose: source pixel (89 - y, 99 - x)
-            ASSERT_EQ(K_CopyOrvaRgn(&m, r), KS_SUCCESS);
-            ASSERT_EQ(krn::rgn::flipRows(m, 100), KS_SUCCESS);
-            ASSERT_EQ(krn::rgn::reverseCols(m, 90), KS_SUCCESS);
-            ASSERT_EQ(krn::rgn::transpose(m), KS_SUCCESS);
+            ASSERT_TRUE(K_CopyOrvaRgn(&m, r) == KS_SUCCESS && krn::rgn::flipRows(m, 100) == KS_SUCCESS);
+            ASSERT_TRUE(krn::rgn::reverseCols(m, 90) == KS_SUCCESS && krn::rgn::transpose(m) == KS_SUCCESS);
             ASSERT_TRUE(krn::rgn::valid(m));
             for (int y = -200; y < 300; ++y)
                 for (int x = -200; x < 300; ++x)
