@@ -94,9 +94,10 @@ TEST(DisplayPaint, EveryEntryOverAGridOfValues) {
 
 // The 16-bit table exists for deep grey in the current layout only.
 TEST(DisplayPaint, SixteenBitTableOnlyForDeepGrey) {
-    struct Kind { int bpp, order; uint32_t size; bool has16; } const kinds[] = {{16, ORDER_GRAY, BITMAPRECORD_SIZE, true},      {12, ORDER_GRAY, BITMAPRECORD_SIZE, true},
-                       {16, ORDER_GRAY, BITMAPRECORD_SIZE_OLD, false}, {16, ORDER_BGR, BITMAPRECORD_SIZE, false},
-                       {8, ORDER_GRAY, BITMAPRECORD_SIZE, false},      {24, ORDER_BGR, BITMAPRECORD_SIZE, false}};
+    struct Kind { int bpp, order; uint32_t size; bool has16; } const kinds[] = {
+        {16, ORDER_GRAY, BITMAPRECORD_SIZE, true}, {12, ORDER_GRAY, BITMAPRECORD_SIZE, true},
+        {16, ORDER_GRAY, BITMAPRECORD_SIZE_OLD, false}, {16, ORDER_BGR, BITMAPRECORD_SIZE, false},
+        {8, ORDER_GRAY, BITMAPRECORD_SIZE, false}, {24, ORDER_BGR, BITMAPRECORD_SIZE, false}};
     for (const Kind& k : kinds) {
         Bitmap b(k.bpp, k.order, k.size);
         std::vector<uint16_t> t(65536);
@@ -138,7 +139,8 @@ TEST(DisplayPaint, RangesFrameAndTheFlag) {
                           (c.bm.uFlags &= ~BRF_PAINT_TABLE, K_SetPaintIntensity(&c.bm, 300) == KS_SUCCESS && !c.flag()),
                           K_SetPaintIntensity(&c.bm, 301) == KS_SUCCESS && c.flag(),
                           K_SetPaintIntensity(&c.bm, 0) == KS_SUCCESS && c.flag(),
-                          K_SetPaintContrast(&c.bm, 1) == KS_SUCCESS && K_SetPaintContrast(&c.bm, 0) == KS_SUCCESS && c.flag() == d1};
+                          K_SetPaintContrast(&c.bm, 1) == KS_SUCCESS && K_SetPaintContrast(&c.bm, 0) == KS_SUCCESS &&
+                              c.flag() == d1};
     for (size_t i = 0; i < std::size(flags); ++i) EXPECT_TRUE(flags[i]) << "flag step " << i;
     // Gamma 100 on a fresh record is the value it already has: no table block is made.
     Bitmap fresh(8, ORDER_RGB);

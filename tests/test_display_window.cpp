@@ -32,7 +32,8 @@ std::vector<std::array<long, 3>> windowRef(const Params& p) {
     const int mode = int(p.flags & 0xF), curve = int(p.flags & 0xF0);
     const long first = sign ? -long(p.len / 2) : 0, last = sign ? long((p.len - 1) / 2) : long(p.len) - 1;
     auto clampL = [](long v, long a, long b) { return v < a ? a : v > b ? b : v; };
-    const long lo = clampL(clampL(p.low, p.minV, p.maxV), first, last), hi = clampL(clampL(p.high, p.minV, p.maxV), first, last);
+    const long lo = clampL(clampL(p.low, p.minV, p.maxV), first, last);
+    const long hi = clampL(clampL(p.high, p.minV, p.maxV), first, last);
     const double k = p.factor / 10.0;
     long s[3], e[3];
     for (int c = 0; c < 3; ++c) s[c] = (mode == 1 || alt) ? p.startC[c] : 0, e[c] = (mode == 1 || alt) ? p.endC[c] : p.top;
@@ -96,7 +97,8 @@ TEST(DisplayWindowTable, EveryEntryOverCurvesModesAndSignedTables) {
                 for (int f : {0, 1, 25, 100, -30})
                     for (uint32_t flags : {1u, 2u, 0x101u, 0x102u, 0x1001u, 0x1002u, 0x1101u, 0x1102u}) {
                         if (curve == 0x30 && f < 0) continue;  // refused: checked below
-                        const Params p{len, {0x12, 0x80, 0xF0}, {0xFE, 0x20, 0x00}, 255, w.low, w.high, w.minV, w.maxV, f, flags | curve};
+                        const Params p{len,   {0x12, 0x80, 0xF0}, {0xFE, 0x20, 0x00}, 255, w.low, w.high,
+                                       w.minV, w.maxV, f, flags | curve};
                         std::vector<RGBQUAD> lut(len, RGBQUAD{0xA5, 0xA5, 0xA5, 0xA5});
                         std::vector<uint8_t> grey(len, 0xA5);
                         ASSERT_EQ(K_WindowLevelFillLUT(lut.data(), len, 0xF08012, 0x0020FE, w.low, w.high, 0, 11, w.minV,
@@ -111,12 +113,14 @@ TEST(DisplayWindowTable, EveryEntryOverCurvesModesAndSignedTables) {
     const uint64_t cs = 0x1234 | (uint64_t(0xFFFF) << 16), ce = 0xFEDC | (uint64_t(0x10) << 16) | (uint64_t(0x8000) << 32);
     for (uint32_t curve : {0x10u, 0x20u, 0x30u, 0x40u})
         for (uint32_t flags : {1u, 2u, 0x101u, 0x102u, 0x1001u, 0x1002u}) {
-            const Params p{65536, {0x1234, 0xFFFF, 0}, {0xFEDC, 0x10, 0x8000}, 65535, 1000, 40000, -70000, 70000, 37, flags | curve};
+            const Params p{65536, {0x1234, 0xFFFF, 0}, {0xFEDC, 0x10, 0x8000}, 65535, 1000, 40000, -70000, 70000, 37,
+                           flags | curve};
             std::vector<RGBQUAD16> lut(p.len, RGBQUAD16{7, 7, 7, 7});
             std::vector<uint16_t> grey(p.len, 7);
-            ASSERT_EQ(K_WindowLevelFillLUTExt(lut.data(), p.len, cs, ce, 1000, 40000, 0, 15, -70000, 70000, 37, p.flags), KS_SUCCESS);
-            ASSERT_EQ(K_WindowLevelFillLUTExt2(grey.data(), p.len, 0x1234, 0xFEDC, 1000, 40000, 0, 15, -70000, 70000, 37, p.flags),
+            ASSERT_EQ(K_WindowLevelFillLUTExt(lut.data(), p.len, cs, ce, 1000, 40000, 0, 15, -70000, 70000, 37, p.flags),
                       KS_SUCCESS);
+            ASSERT_EQ(K_WindowLevelFillLUTExt2(grey.data(), p.len, 0x1234, 0xFEDC, 1000, 40000, 0, 15, -70000, 70000, 37,
+                                               p.flags), KS_SUCCESS);
             expectTables(p, lut, grey, 7);
             if (HasFailure()) return;
         }
@@ -186,7 +190,8 @@ void putPixels(BITMAPRECORD* bm, const std::vector<uint64_t>& v) {
 }
 // A grey bitmap in one block (view perspective vp) holding the samples v, or
 // random samples (v empty, rng given).
-BITMAPRECORD greyBitmap(int32_t w, int32_t h, int32_t bpp, std::vector<uint64_t> v, std::mt19937* rng = nullptr, int32_t vp = 1) {
+BITMAPRECORD greyBitmap(int32_t w, int32_t h, int32_t bpp, std::vector<uint64_t> v, std::mt19937* rng = nullptr,
+                        int32_t vp = 1) {
     BITMAPRECORD bm;
     EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, bpp, ORDER_GRAY, nullptr, vp, nullptr, 0), KS_SUCCESS);
     for (size_t i = v.size(); rng && i < size_t(w) * size_t(h); ++i) v.push_back((*rng)() & ((1u << bpp) - 1));

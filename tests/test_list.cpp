@@ -84,10 +84,12 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
                 const uint32_t first = pick(n), count = 1 + pick(op == 4 ? 3 : 4);
                 const size_t end = std::min<size_t>(n, size_t(first) + count);
                 HBITMAPLIST m = nullptr;
-                ASSERT_EQ(op == 4 ? K_DeleteBitmapListItems(h, first, count) : K_MoveBitmapListItems(&m, h, first, count), KS_SUCCESS);
+                const int32_t rc = op == 4 ? K_DeleteBitmapListItems(h, first, count) : K_MoveBitmapListItems(&m, h, first, count);
+                ASSERT_EQ(rc, KS_SUCCESS);
                 ASSERT_EQ(m != nullptr, op == 8);
                 const std::vector<int> moved = m ? tagsOf(m) : std::vector<int>(model.begin() + first, model.begin() + end);
-                EXPECT_TRUE(moved == std::vector<int>(model.begin() + first, model.begin() + end) && (!m || K_DestroyBitmapList(m) == KS_SUCCESS));
+                EXPECT_EQ(moved, std::vector<int>(model.begin() + first, model.begin() + end));
+                EXPECT_TRUE(!m || K_DestroyBitmapList(m) == KS_SUCCESS);
                 model.erase(model.begin() + first, model.begin() + end);
             } else if (op == 5) {  // replace, the old one out or freed
                 const bool last = rng() % 4 == 0;
@@ -101,7 +103,8 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
             } else if (op == 6) {  // set: the old item is not freed, so take it first
                 const uint32_t i = pick(n);
                 BITMAPRECORD old, bm = tagged(nextTag);
-                ASSERT_TRUE(K_GetBitmapListItem(h, i, &old, BITMAPRECORD_SIZE) == KS_SUCCESS && K_SetBitmapListItem(h, i, &bm) == KS_SUCCESS);
+                ASSERT_EQ(K_GetBitmapListItem(h, i, &old, BITMAPRECORD_SIZE), KS_SUCCESS);
+                ASSERT_EQ(K_SetBitmapListItem(h, i, &bm), KS_SUCCESS);
                 K_FreeBitmap(&old);
                 model[i] = nextTag++;
             } else {  // copy a run: deep copies with the same tags
@@ -149,11 +152,13 @@ TEST(ListEdges, TheCasesOfEachCall) {
     ASSERT_TRUE(items[1].hListBlock && items[2].hListBlock);
     BITMAPRECORD old, cur, taken, nine = tagged(9), outOld;
     std::memset(&old, 0x77, sizeof old), std::memset(&outOld, 0x55, sizeof outOld);
-    ASSERT_TRUE(K_GetBitmapListItem(h, 2, &old, BITMAPRECORD_SIZE_OLD) == KS_SUCCESS && K_GetBitmapListItem(h, 1, &cur, BITMAPRECORD_SIZE) == KS_SUCCESS);
+    ASSERT_EQ(K_GetBitmapListItem(h, 2, &old, BITMAPRECORD_SIZE_OLD), KS_SUCCESS);
+    ASSERT_EQ(K_GetBitmapListItem(h, 1, &cur, BITMAPRECORD_SIZE), KS_SUCCESS);
     EXPECT_EQ(old.uStructSize * 10 + uint32_t(tagOf(&old)), BITMAPRECORD_SIZE_OLD * 10 + 3);
     EXPECT_TRUE(old.uSize64 == 0x7777777777777777ull && items[2].hListBlock == nullptr);  // nothing past the older layout
     EXPECT_TRUE(items[1].hListBlock != nullptr && cur.hListBlock == items[1].hListBlock);
-    ASSERT_TRUE(K_GetBitmapListItem(h, 0, &taken, BITMAPRECORD_SIZE) == KS_SUCCESS && K_SetBitmapListItem(h, 0, nullptr) == KS_SUCCESS);
+    ASSERT_EQ(K_GetBitmapListItem(h, 0, &taken, BITMAPRECORD_SIZE), KS_SUCCESS);
+    ASSERT_EQ(K_SetBitmapListItem(h, 0, nullptr), KS_SUCCESS);
     items = krn::listItems(h, &n);
     EXPECT_TRUE(items[0].uStructSize == BITMAPRECORD_SIZE && items[0].uFlags == 0 && tagOf(&taken) == 1);
     K_FreeBitmap(&taken);

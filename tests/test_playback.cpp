@@ -53,8 +53,8 @@ bool inRegion(BITMAPRECORD* bm, int32_t x, int32_t y) {
 BITMAPRECORD viewBitmap(Fmt f, int32_t w, int32_t h, int32_t vp) {
     BITMAPRECORD bm;
     const bool turned = vp >= 5;
-    EXPECT_EQ(KS_SUCCESS,
-              K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, turned ? h : w, turned ? w : h, f.bpp, f.order, nullptr, vp, nullptr, 0));
+    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, turned ? h : w, turned ? w : h, f.bpp, f.order, nullptr, vp, nullptr, 0),
+              KS_SUCCESS);
     return bm;
 }
 // The colour (0x00BBGGRR) the library sees in a raw pixel value.
@@ -421,7 +421,8 @@ TEST(PlaybackCombine, ComposesLikeThePixelOracle) {
             BITMAPRECORD item;
             uint64_t area = 0;
             ASSERT_EQ(K_GetBitmapListItem(list, i, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
-            EXPECT_TRUE(K_BitmapHasRgn(&item) == frames[i].hadRegion && (!frames[i].hadRegion || K_GetBitmapRgnArea(&item, &area)));
+            EXPECT_EQ(K_BitmapHasRgn(&item), frames[i].hadRegion) << i;
+            if (frames[i].hadRegion) K_GetBitmapRgnArea(&item, &area);
             EXPECT_EQ(area, frames[i].area) << i;
         }
         K_DestroyPlayback(pb), K_DestroyBitmapList(list), K_FreeBitmap(&target);
@@ -474,7 +475,7 @@ TEST(PlaybackCombine, DrawingSurvivesEveryAllocationFailure) {
         // A failure the kernel absorbed draws the frame; any other leaves the target alone.
         failures += armed.injected > 0;
         const std::vector<uint64_t> now = viewPixels(&target, 16, 12);
-        EXPECT_TRUE(!armed.injected || now == before || now == drawn) << "a failed draw changed the target, allocation " << armed.n;
+        EXPECT_TRUE(!armed.injected || now == before || now == drawn) << "a failed draw changed the target " << armed.n;
     });
     EXPECT_GT(failures, 5);
     EXPECT_EQ(viewPixels(&target, 16, 12), drawn);
@@ -494,13 +495,15 @@ TEST(PlaybackCombine, KeyRegionMatchesTheColourBuilder) {
                 for (int32_t x = 0; x < w; ++x)  // at 32 bits the fourth byte does not count
                     setViewPixel(&f, x, y, (rng() % 3 == 0 ? keyRaw : rng() & mask) ^ (bpp == 32 ? rng() << 24 : 0));
             const uint32_t colour = colourOf(&f, keyRaw);
-            ASSERT_TRUE(K_CopyBitmap(&want, &f, BITMAPRECORD_SIZE) == KS_SUCCESS && K_SetBitmapRgnColor(&want, colour, RGN_SET_REPLACE) == KS_SUCCESS);
+            ASSERT_EQ(K_CopyBitmap(&want, &f, BITMAPRECORD_SIZE), KS_SUCCESS);
+            ASSERT_EQ(K_SetBitmapRgnColor(&want, colour, RGN_SET_REPLACE), KS_SUCCESS);
             for (bool plain : {false, true}) {
                 krn::testhook::playbackPlainKeyScan(plain);
                 OrvaRgn* rgn = nullptr;
                 ASSERT_EQ(krn::testhook::playbackKeyRegion(&f, colour, &rgn), KS_SUCCESS);
                 krn::testhook::playbackPlainKeyScan(false);
-                ASSERT_TRUE(K_CopyBitmap(&got, &f, BITMAPRECORD_SIZE) == KS_SUCCESS && K_SetBitmapRgn(&got, nullptr, rgn, RGN_SET_REPLACE) == KS_SUCCESS);
+                ASSERT_EQ(K_CopyBitmap(&got, &f, BITMAPRECORD_SIZE), KS_SUCCESS);
+                ASSERT_EQ(K_SetBitmapRgn(&got, nullptr, rgn, RGN_SET_REPLACE), KS_SUCCESS);
                 for (int32_t y = 0; y < 5; ++y)
                     for (int32_t x = 0; x < w; ++x)
                         ASSERT_EQ(K_IsPtInBitmapRgn(&got, y, x), K_IsPtInBitmapRgn(&want, y, x))
