@@ -385,8 +385,7 @@ TEST(RegionsEngine, KernelCombineKeepsIdentityAndReportsRuns) {
     EXPECT_TRUE(K_IsPtInOrvaRgn(d, 60, 25, &x1, &x2) == 1 && K_IsPtInOrvaRgn(d, 35, 25, &y1, &y2) == 0);
     EXPECT_TRUE(x1 == 50 && x2 == 90 && y1 == -1 && y2 == -1) << x1 << " " << x2 << " " << y1 << " " << y2;
     EXPECT_TRUE(K_GetOrvaRgnBounds(d, &bb) == KS_SUCCESS && EqualRect(&bb, &wantBox));
-    ASSERT_EQ(K_CombineOrvaRgn(&a, a, b, RGN_DIFF), KS_SUCCESS);
-    EXPECT_EQ(krn::rgn::area(a), 50u * 40u - 20u * 20u);
+    EXPECT_TRUE(K_CombineOrvaRgn(&a, a, b, RGN_DIFF) == KS_SUCCESS && krn::rgn::area(a) == 50u * 40u - 20u * 20u);
     EXPECT_TRUE(K_CombineOrvaRgn(&d, a, nullptr, RGN_OR) == KS_INVALID_PARAMETER && K_CombineOrvaRgn(&d, a, b, 6) == KS_INVALID_PARAMETER);
     EXPECT_EQ(K_OffsetOrvaRgn(a, 0, 0), KS_SUCCESS);
     for (OrvaRgn* x : {a, b, d}) K_DeleteOrvaRgn(x);
@@ -530,8 +529,7 @@ TEST(RegionsEngine, AllocationFailureWalk) {
 TEST(RegionsEngine, ExtremeCoordinatesAreRefusedOrExact) {
     const long live = krn::faultinject::liveBlocks();
     POINT tall[3] = {{0, INT32_MIN}, {INT32_MAX, INT32_MAX}, {INT32_MIN, 0}}, wide[3] = {{INT32_MIN, 0}, {INT32_MAX, 0}, {0, 4}};
-    EXPECT_EQ(CreateRectRgn(INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX), nullptr);
-    EXPECT_EQ(CreatePolygonRgn(tall, 3, WINDING), nullptr);
+    EXPECT_TRUE(CreateRectRgn(INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX) == nullptr && CreatePolygonRgn(tall, 3, WINDING) == nullptr);
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
     HRGN h = CreatePolygonRgn(wide, 3, ALTERNATE);
     ASSERT_TRUE(h && krn::rgn::valid(payload(h)));
