@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "krn/common/list.h"
@@ -13,16 +14,11 @@
 namespace {
 
 // The layout of a list block, to damage it on purpose in the failure tests.
-struct ListBlockView {
-    uint32_t count;
-    uint32_t tag;
-    BITMAPRECORD* items;
-};
+struct ListBlockView { uint32_t count, tag; BITMAPRECORD* items; };
 
 // A small bitmap that carries its tag in its first pixel and its width.
 BITMAPRECORD tagged(int tag, uint32_t size = BITMAPRECORD_SIZE) {
-    BITMAPRECORD bm;
-    std::memset(&bm, 0, sizeof bm);
+    BITMAPRECORD bm{};
     EXPECT_EQ(K_CreateBitmap(&bm, size, 1, 3 + tag % 5, 2, 8, ORDER_GRAY, nullptr, 1, nullptr, 0), KS_SUCCESS);
     uint8_t row[8] = {uint8_t(tag), uint8_t(tag >> 8), 0, 0, 0, 0, 0, 0};
     EXPECT_GE(K_PutBitmapRow(&bm, row, 0, bm.nBytesPerLine), 0);
@@ -42,26 +38,19 @@ std::vector<int> tagsOf(HBITMAPLIST h) {
     EXPECT_EQ(K_GetBitmapListCount(h, &n), KS_SUCCESS);
     for (uint32_t i = 0; i < n; ++i) {
         BITMAPRECORD item;
-        EXPECT_EQ(K_GetBitmapListItem(h, i, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
-        EXPECT_EQ(item.uStructSize, BITMAPRECORD_SIZE);
+        EXPECT_TRUE(K_GetBitmapListItem(h, i, &item, BITMAPRECORD_SIZE) == KS_SUCCESS && item.uStructSize == BITMAPRECORD_SIZE);
         t.push_back(tagOf(&item));
     }
     return t;
 }
 
 struct Warm {  // per-thread settings exist before counting blocks
-    Warm() {
-        BITMAPRECORD b = tagged(1);
-        K_FreeBitmap(&b);
-    }
+    Warm() { BITMAPRECORD b = tagged(1); K_FreeBitmap(&b); }
 };
 HBITMAPLIST listOf(std::initializer_list<int> tags) {
     HBITMAPLIST h = nullptr;
     EXPECT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
-    for (int t : tags) {
-        BITMAPRECORD bm = tagged(t);
-        EXPECT_EQ(K_InsertBitmapListItem(h, BITMAPLIST_END, &bm), KS_SUCCESS);
-    }
+    for (int t : tags) { BITMAPRECORD bm = tagged(t); EXPECT_EQ(K_InsertBitmapListItem(h, BITMAPLIST_END, &bm), KS_SUCCESS); }
     return h;
 }
 
@@ -72,8 +61,7 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
     for (uint32_t seed = 1; seed <= 12; ++seed) {
         std::mt19937 rng(seed);
         auto pick = [&](uint32_t n) { return n == 0 ? 0u : uint32_t(rng() % n); };
-        HBITMAPLIST h = nullptr;
-        ASSERT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
+        HBITMAPLIST h = listOf({});
         std::vector<int> model;
         int nextTag = 1;
         size_t largest = 0;
@@ -87,48 +75,44 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
                 model.insert(model.begin() + std::min<size_t>(at, n), nextTag++);
             } else if (op == 3) {  // remove, into a record or freed
                 const uint32_t i = pick(n);
-                if (rng() % 2) {
-                    BITMAPRECORD out;
-                    ASSERT_EQ(K_RemoveBitmapListItem(h, i, &out), KS_SUCCESS);
-                    EXPECT_EQ(tagOf(&out), model[i]);
-                    K_FreeBitmap(&out);
-                } else {
-                    ASSERT_EQ(K_RemoveBitmapListItem(h, i, nullptr), KS_SUCCESS);
-                }
+                const bool keep = rng() % 2;
+                BITMAPRECORD out;
+                ASSERT_EQ(K_RemoveBitmapListItem(h, i, keep ? &out : nullptr), KS_SUCCESS);
+                if (keep) { EXPECT_EQ(tagOf(&out), model[i]); K_FreeBitmap(&out); }
                 model.erase(model.begin() + i);
-            } else if (op == 4) {  // delete a run
-                const uint32_t first = pick(n), count = 1 + pick(3);
-                ASSERT_EQ(K_DeleteBitmapListItems(h, first, count), KS_SUCCESS);
-                model.erase(model.begin() + first, model.begin() + std::min<size_t>(n, size_t(first) + count));
+            } else if (op == 4 || op == 8) {  // delete a run, or move it into a new list
+                const uint32_t first = pick(n), count = 1 + pick(op == 4 ? 3 : 4);
+                const size_t end = std::min<size_t>(n, size_t(first) + count);
+                HBITMAPLIST m = nullptr;
+                const int32_t rc = op == 4 ? K_DeleteBitmapListItems(h, first, count) : K_MoveBitmapListItems(&m, h, first, count);
+                ASSERT_EQ(rc, KS_SUCCESS);
+                ASSERT_EQ(m != nullptr, op == 8);
+                const std::vector<int> moved = m ? tagsOf(m) : std::vector<int>(model.begin() + first, model.begin() + end);
+                EXPECT_EQ(moved, std::vector<int>(model.begin() + first, model.begin() + end));
+                EXPECT_TRUE(!m || K_DestroyBitmapList(m) == KS_SUCCESS);
+                model.erase(model.begin() + first, model.begin() + end);
             } else if (op == 5) {  // replace, the old one out or freed
                 const bool last = rng() % 4 == 0;
                 const uint32_t i = last ? n - 1 : pick(n);
-                BITMAPRECORD bm = tagged(nextTag, rng() % 2 ? BITMAPRECORD_SIZE : BITMAPRECORD_SIZE_OLD);
-                if (rng() % 2) {
-                    BITMAPRECORD old;
-                    ASSERT_EQ(K_ReplaceBitmapListItem(h, last ? BITMAPLIST_END : i, &bm, &old, BITMAPRECORD_SIZE),
-                              KS_SUCCESS);
-                    EXPECT_EQ(tagOf(&old), model[i]);
-                    K_FreeBitmap(&old);
-                } else {
-                    ASSERT_EQ(K_ReplaceBitmapListItem(h, last ? BITMAPLIST_END : i, &bm, nullptr, 0), KS_SUCCESS);
-                }
+                BITMAPRECORD bm = tagged(nextTag, rng() % 2 ? BITMAPRECORD_SIZE : BITMAPRECORD_SIZE_OLD), old;
+                const bool keep = rng() % 2;
+                const uint32_t at = last ? BITMAPLIST_END : i, size = keep ? BITMAPRECORD_SIZE : 0;
+                ASSERT_EQ(K_ReplaceBitmapListItem(h, at, &bm, keep ? &old : nullptr, size), KS_SUCCESS);
+                if (keep) { EXPECT_EQ(tagOf(&old), model[i]); K_FreeBitmap(&old); }
                 model[i] = nextTag++;
             } else if (op == 6) {  // set: the old item is not freed, so take it first
                 const uint32_t i = pick(n);
-                BITMAPRECORD old;
+                BITMAPRECORD old, bm = tagged(nextTag);
                 ASSERT_EQ(K_GetBitmapListItem(h, i, &old, BITMAPRECORD_SIZE), KS_SUCCESS);
-                BITMAPRECORD bm = tagged(nextTag);
                 ASSERT_EQ(K_SetBitmapListItem(h, i, &bm), KS_SUCCESS);
                 K_FreeBitmap(&old);
                 model[i] = nextTag++;
-            } else if (op == 7) {  // copy a run: deep copies with the same tags
+            } else {  // copy a run: deep copies with the same tags
                 const uint32_t first = pick(n), count = 1 + pick(4);
                 HBITMAPLIST c = nullptr;
                 ASSERT_EQ(K_CopyBitmapListItems(&c, h, first, count), KS_SUCCESS);
                 ++copies;
-                const std::vector<int> want(model.begin() + first,
-                                            model.begin() + std::min<size_t>(n, size_t(first) + count));
+                const std::vector<int> want(model.begin() + first, model.begin() + std::min<size_t>(n, first + count));
                 EXPECT_EQ(tagsOf(c), want);
                 // Independent pixels: changing the copy leaves the source alone (checked below).
                 BITMAPRECORD item;
@@ -137,21 +121,11 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
                 ASSERT_GE(K_PutBitmapRow(&item, zero, 0, item.nBytesPerLine), 0);
                 EXPECT_NE(tagOf(&item), want[0]);
                 ASSERT_EQ(K_DestroyBitmapList(c), KS_SUCCESS);
-            } else {  // move a run into a new list
-                const uint32_t first = pick(n), count = 1 + pick(4);
-                HBITMAPLIST m = nullptr;
-                ASSERT_EQ(K_MoveBitmapListItems(&m, h, first, count), KS_SUCCESS);
-                const size_t end = std::min<size_t>(n, size_t(first) + count);
-                const std::vector<int> want(model.begin() + first, model.begin() + end);
-                EXPECT_EQ(tagsOf(m), want);
-                model.erase(model.begin() + first, model.begin() + end);
-                ASSERT_EQ(K_DestroyBitmapList(m), KS_SUCCESS);
             }
             ASSERT_EQ(tagsOf(h), model) << "seed " << seed << " step " << step << " op " << op;
             uint32_t cnt = 0;
             BITMAPRECORD* items = krn::listItems(h, &cnt);
-            ASSERT_EQ(cnt, model.size());
-            EXPECT_EQ(items == nullptr, cnt == 0);  // an empty list holds no array
+            ASSERT_TRUE(cnt == model.size() && (items == nullptr) == (cnt == 0));  // an empty list holds no array
             largest = std::max(largest, model.size());
         }
         EXPECT_GE(largest, 10u) << "the sequence should grow the list";
@@ -174,27 +148,22 @@ TEST(ListEdges, TheCasesOfEachCall) {
     uint32_t n = 0;
     BITMAPRECORD* items = krn::listItems(h, &n);
     EXPECT_TRUE(items[3].uStructSize == BITMAPRECORD_SIZE && items[3].uSize64 == 0 && items[3].pCallbacks == nullptr);
-    items[2].hListBlock = K_GlobalAlloc(GMEM_FIXED, 16);
-    items[1].hListBlock = K_GlobalAlloc(GMEM_FIXED, 16);
+    items[2].hListBlock = K_GlobalAlloc(GMEM_FIXED, 16), items[1].hListBlock = K_GlobalAlloc(GMEM_FIXED, 16);
     ASSERT_TRUE(items[1].hListBlock && items[2].hListBlock);
     BITMAPRECORD old, cur, taken, nine = tagged(9), outOld;
-    std::memset(&old, 0x77, sizeof old);
-    std::memset(&outOld, 0x55, sizeof outOld);
+    std::memset(&old, 0x77, sizeof old), std::memset(&outOld, 0x55, sizeof outOld);
     ASSERT_EQ(K_GetBitmapListItem(h, 2, &old, BITMAPRECORD_SIZE_OLD), KS_SUCCESS);
     ASSERT_EQ(K_GetBitmapListItem(h, 1, &cur, BITMAPRECORD_SIZE), KS_SUCCESS);
     EXPECT_EQ(old.uStructSize * 10 + uint32_t(tagOf(&old)), BITMAPRECORD_SIZE_OLD * 10 + 3);
-    EXPECT_EQ(old.uSize64, 0x7777777777777777ull);  // nothing past the older layout was written
-    EXPECT_EQ(items[2].hListBlock, nullptr);
+    EXPECT_TRUE(old.uSize64 == 0x7777777777777777ull && items[2].hListBlock == nullptr);  // nothing past the older layout
     EXPECT_TRUE(items[1].hListBlock != nullptr && cur.hListBlock == items[1].hListBlock);
     ASSERT_EQ(K_GetBitmapListItem(h, 0, &taken, BITMAPRECORD_SIZE), KS_SUCCESS);
     ASSERT_EQ(K_SetBitmapListItem(h, 0, nullptr), KS_SUCCESS);
     items = krn::listItems(h, &n);
-    EXPECT_EQ(items[0].uStructSize * 10 + items[0].uFlags, BITMAPRECORD_SIZE * 10);
-    EXPECT_EQ(tagOf(&taken), 1);
+    EXPECT_TRUE(items[0].uStructSize == BITMAPRECORD_SIZE && items[0].uFlags == 0 && tagOf(&taken) == 1);
     K_FreeBitmap(&taken);
     ASSERT_EQ(K_ReplaceBitmapListItem(h, BITMAPLIST_END, &nine, &outOld, BITMAPRECORD_SIZE_OLD), KS_SUCCESS);
-    EXPECT_EQ(outOld.uStructSize * 10 + uint32_t(tagOf(&outOld)), BITMAPRECORD_SIZE_OLD * 10 + 4);
-    EXPECT_EQ(outOld.nLockCount, 0x55555555);
+    EXPECT_TRUE(outOld.uStructSize == BITMAPRECORD_SIZE_OLD && tagOf(&outOld) == 4 && outOld.nLockCount == 0x55555555);
     K_FreeBitmap(&outOld);
     ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
@@ -220,22 +189,20 @@ TEST(ListFailures, EachRuleLeavesTheListAlone) {
                   std::vector<int32_t>(10, KS_INVALID_PARAMETER));
     }
     K_GlobalFree(globalBlock);
-    // Null required pointers.
+    // Null required pointers; indexes at or past the count, counts of 0.
     EXPECT_EQ(std::vector<int32_t>({K_CreateBitmapList(nullptr), K_GetBitmapListCount(h, nullptr),
                                     K_InsertBitmapListItem(h, 0, nullptr), K_GetBitmapListItem(h, 0, nullptr, BITMAPRECORD_SIZE),
                                     K_ReplaceBitmapListItem(h, 0, nullptr, &rec, BITMAPRECORD_SIZE),
-                                    K_CopyBitmapListItems(nullptr, h, 0, 1), K_MoveBitmapListItems(nullptr, h, 0, 1)}),
-              std::vector<int32_t>(7, KS_INVALID_PARAMETER));
-    // Indexes at or past the count, counts of 0.
-    EXPECT_EQ(std::vector<int32_t>({K_GetBitmapListItem(h, 4, &rec, BITMAPRECORD_SIZE), K_SetBitmapListItem(h, 4, &bm),
+                                    K_CopyBitmapListItems(nullptr, h, 0, 1), K_MoveBitmapListItems(nullptr, h, 0, 1),
+                                    K_GetBitmapListItem(h, 4, &rec, BITMAPRECORD_SIZE), K_SetBitmapListItem(h, 4, &bm),
                                     K_RemoveBitmapListItem(h, 4, &rec), K_RemoveBitmapListItem(h, BITMAPLIST_END, &rec),
                                     K_DeleteBitmapListItems(h, 4, 1), K_DeleteBitmapListItems(h, 0, 0),
                                     K_CopyBitmapListItems(&out, h, 4, 1), K_CopyBitmapListItems(&out, h, 0, 0),
                                     K_MoveBitmapListItems(&out, h, 4, 1), K_MoveBitmapListItems(&out, h, 1, 0),
                                     K_ReplaceBitmapListItem(h, 4, &bm, nullptr, 0)}),
-              std::vector<int32_t>(11, KS_INVALID_PARAMETER));
+              std::vector<int32_t>(18, KS_INVALID_PARAMETER));
     // Record sizes.
-    BITMAPRECORD badSize = bm;
+    BITMAPRECORD badSize = bm;  // record sizes
     badSize.uStructSize = 200;
     EXPECT_EQ(std::vector<int32_t>({K_InsertBitmapListItem(h, 0, &badSize), K_SetBitmapListItem(h, 0, &badSize),
                                     K_ReplaceBitmapListItem(h, 0, &badSize, nullptr, 0),
@@ -251,8 +218,7 @@ TEST(ListFailures, EachRuleLeavesTheListAlone) {
     items[0].uStructSize = BITMAPRECORD_SIZE;
     // A non-empty list without its array.
     ListBlockView* view = reinterpret_cast<ListBlockView*>(h);
-    BITMAPRECORD* saved = view->items;
-    view->items = nullptr;
+    BITMAPRECORD* saved = std::exchange(view->items, nullptr);
     EXPECT_EQ(K_InsertBitmapListItem(h, 0, &bm), KS_NULL_POINTER);
     view->items = saved;
     EXPECT_EQ(tagsOf(h), (std::vector<int>{1, 2, 3, 4}));
@@ -271,16 +237,14 @@ TEST(ListFailures, AllocationFailuresThroughGrowth) {
         if (armed([&] { return K_CreateBitmapList(&h); }) == KS_SUCCESS) K_DestroyBitmapList(h);
         EXPECT_EQ(h == nullptr, armed.rc != KS_SUCCESS);
     });
-    HBITMAPLIST h = nullptr;
-    ASSERT_EQ(K_CreateBitmapList(&h), KS_SUCCESS);
+    HBITMAPLIST h = listOf({});
     std::vector<int> model;
     for (int t = 1; t <= 12; ++t) {  // the first allocation of each insert fails
         BITMAPRECORD bm = tagged(t);
         const BITMAPRECORD before = bm;
         tkit::Armed armed{0, 1};
         ASSERT_EQ(armed([&] { return K_InsertBitmapListItem(h, uint32_t(t % 3), &bm); }), KS_NO_MEMORY);
-        EXPECT_TRUE(tkit::sameBytes(bm, before));
-        EXPECT_EQ(tagsOf(h), model);
+        EXPECT_TRUE(tkit::sameBytes(bm, before) && tagsOf(h) == model);
         ASSERT_EQ(K_InsertBitmapListItem(h, uint32_t(t % 3), &bm), KS_SUCCESS);
         model.insert(model.begin() + std::min<size_t>(size_t(t % 3), model.size()), t);
         EXPECT_EQ(tagsOf(h), model);
@@ -291,11 +255,7 @@ TEST(ListFailures, AllocationFailuresThroughGrowth) {
         const int failures = tkit::allocationWalk([&](tkit::Armed& armed) {
             HBITMAPLIST m = nullptr;
             auto call = [&] { return move ? K_MoveBitmapListItems(&m, h, 2, 3) : K_CopyBitmapListItems(&m, h, 1, 4); };
-            if (armed(call) != KS_SUCCESS) {
-                EXPECT_EQ(m, nullptr);
-                EXPECT_EQ(tagsOf(h), model);
-                return;
-            }
+            if (armed(call) != KS_SUCCESS) { EXPECT_TRUE(m == nullptr && tagsOf(h) == model); return; }
             const size_t first = move ? 2 : 1, end = 5;
             EXPECT_EQ(tagsOf(m), std::vector<int>(model.begin() + first, model.begin() + end));
             if (move) model.erase(model.begin() + 2, model.begin() + 5);

@@ -1,9 +1,7 @@
-// regions_mask.h - the plain boolean-mask model used as the oracle of the
-// region tests: a window of pixels, one bool each, and independent
-// rasterisers for rectangles, polygons (exact cross-product test at pixel
-// centres) and ellipses (the analytic equation), plus the bridges between
-// masks and region handles (region data painted pixel by pixel, regions
-// imported run by run).
+// regions_mask.h - the boolean-mask oracle of the region tests: a window of
+// pixels, one bool each; independent rasterisers for rectangles, polygons
+// (exact test at pixel centres) and ellipses (the analytic equation); bridges
+// to region handles (data painted pixel by pixel, regions imported by runs).
 #pragma once
 
 #include <algorithm>
@@ -64,10 +62,8 @@ struct Mask {
 
 inline Mask rectMask(const Mask& win, RECT r) {
     Mask m = win.blank();
-    if (r.left > r.right) std::swap(r.left, r.right);
-    if (r.top > r.bottom) std::swap(r.top, r.bottom);
-    for (int y = r.top; y < r.bottom; ++y)
-        for (int x = r.left; x < r.right; ++x) m.set(x, y, true);
+    for (int y = std::min(r.top, r.bottom); y < std::max(r.top, r.bottom); ++y)
+        for (int x = std::min(r.left, r.right); x < std::max(r.left, r.right); ++x) m.set(x, y, true);
     return m;
 }
 
@@ -103,20 +99,17 @@ inline Mask polygonMask(const Mask& win, const std::vector<POINT>& pts, const st
 
 // +1 surely inside, -1 surely outside, 0 within `band` pixels of the outline.
 inline int ellipseClass(RECT box, int x, int y, double band) {
-    double l = std::min(box.left, box.right), r = std::max(box.left, box.right);
-    double t = std::min(box.top, box.bottom), b = std::max(box.top, box.bottom);
-    double rx = (r - l) / 2, ry = (b - t) / 2;
+    const double rx = std::abs(double(box.right) - box.left) / 2.0, ry = std::abs(double(box.bottom) - box.top) / 2.0;
     if (rx <= 0 || ry <= 0) return -1;
-    double dx = x + 0.5 - (l + r) / 2, dy = y + 0.5 - (t + b) / 2;
+    const double dx = x + 0.5 - (double(box.left) + box.right) / 2.0, dy = y + 0.5 - (double(box.top) + box.bottom) / 2.0;
     // distance to the outline is about |f - 1| * radius along the ray
     double dist = (std::sqrt(dx * dx / (rx * rx) + dy * dy / (ry * ry)) - 1) * std::min(rx, ry);
     return dist < -band ? 1 : dist > band ? -1 : 0;
 }
 
 inline std::vector<uint8_t> regionData(HRGN h) {
-    uint32_t n = GetRegionData(h, 0, nullptr);
-    std::vector<uint8_t> buf(n);
-    if (n) GetRegionData(h, n, reinterpret_cast<RGNDATA*>(buf.data()));
+    std::vector<uint8_t> buf(GetRegionData(h, 0, nullptr));
+    if (!buf.empty()) GetRegionData(h, uint32_t(buf.size()), reinterpret_cast<RGNDATA*>(buf.data()));
     return buf;
 }
 
