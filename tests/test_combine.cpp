@@ -385,35 +385,4 @@ TEST(CombineOverlap, SameBitmapReadsTheSourceBeforeWriting) {
     }
 }
 
-// The dispatched kernels against the plain ones: long rows at every alignment
-// (alpha-over at every level and alpha pair: test_combine_fast.cpp).
-TEST(CombineKernels, SimdMatchesPlain) {
-    std::mt19937 rng(61);
-    auto both = [&](uint32_t flags, const Format& f, std::vector<uint8_t>& s, const std::vector<uint8_t>& d, uint32_t off,
-                    uint32_t n) {
-        krn::CombinePlan plan;
-        ASSERT_EQ(krn::combinePlan(flags, f.bpp, &plan), KS_SUCCESS);
-        BITMAPRECORD rec{};
-        rec.nBitsPerPixel = f.bpp, rec.nOrder = f.order;
-        const krn::CombineFormat cf = krn::combineFormat(&rec);
-        std::vector<uint8_t> d1 = d, d2 = d, scratch(krn::combineScratchBytes(n, f.bpp));
-        krn::pickCombineRow(plan, cf, false)(plan, cf, {s.data(), off, d1.data(), off, n, scratch.data()});
-        krn::pickCombineRow(plan, cf, true)(plan, cf, {s.data(), off, d2.data(), off, n, scratch.data()});
-        ASSERT_EQ(d1, d2) << describe(f, flags) << " n " << n;
-    };
-    for (const Format f : {Format{1, 0}, Format{8, 0}, Format{32, 1}, Format{24, 1}})
-        for (uint32_t flags : {CombineAdd, CombineMinimum, CombineMaximum, CombineMultiply, CombineAlphaOver,
-                               CombineSubtractSource, CombineAverage, CombineXor, CombineAnd | 0x0011, CombineOr | 0x1000})
-            for (uint32_t n : {1u, 7u, 31u, 33u, 64u, 257u, 1001u}) {
-                const size_t bytes = (size_t(n) * f.bpp + 7) / 8 + 2;
-                std::vector<uint8_t> s(bytes), d(bytes);
-                for (auto& v : s) v = uint8_t(rng());
-                for (auto& v : d) v = uint8_t(rng());
-                for (size_t i = 0; f.bpp == 32 && i + 3 < bytes; i += 4 * 3) s[i + 3] = 255;
-                for (size_t i = 0; f.bpp == 32 && i + 7 < bytes; i += 4 * 5) s[i + 7] = 0;
-                const uint32_t off = f.bpp == 1 ? n % 8 : 0;
-                both(uint32_t(flags), f, s, d, off, f.bpp == 1 && n + off > 8 * (bytes - 1) ? n - off : n);
-            }
-}
-
 }  // namespace

@@ -50,6 +50,7 @@ const std::vector<Op>& ops() {
     for (uint32_t f : {0u, SIZE_RESAMPLE, SIZE_BICUBIC, SIZE_LANCZOS, SIZE_FAVOURBLACK, SIZE_SCALETOGRAY})
         all.push_back({"size", f == SIZE_FAVOURBLACK || f == SIZE_SCALETOGRAY ? 1 : 32, single, false,
                        [f](B s, B) { return K_SizeBitmap(s, 13, 9, f); }, false, -1});
+    all.push_back({"area", 24, single, false, [](B s, B) { return K_ResampleBitmap(s, 20, 19, 0); }});
     // Past the first success a failing colour resolution leaks two blocks (a
     // known fault): these walks stop there.
     static std::vector<RGBQUAD> pal;
