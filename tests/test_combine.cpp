@@ -160,16 +160,12 @@ TEST(CombineWorkedCases, Table) {
 // returned); a callback answering 0 stops the work and is returned, the rows
 // after it keep their pixels.
 TEST(CombineProgress, CallbackReportsAndStops) {
-    {
-        Bmp dst(8, 8, {8, 0}), src(8, 8, {8, 0});
-        StopAfter log, seven(1, 7);
-        {
-            StatusScope g(&StopAfter::cb, &log);
-            EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 8, 8, nullptr, 0, 0, 0x0C00), KS_SUCCESS);
-        }
+    Bmp small(8, 8, {8, 0});
+    for (int32_t answer : {1, 7}) {
+        StopAfter log(answer == 1 ? -1 : 1, answer);
+        StatusScope g(&StopAfter::cb, &log);
+        EXPECT_EQ(K_CombineBitmapKrn(&small.bm, 0, 0, 8, 8, answer == 1 ? nullptr : &small.bm, 0, 0, 0x0C00), answer);
         EXPECT_EQ(log.seen, (std::vector<int32_t>{0, 100}));
-        StatusScope g7(&StopAfter::cb, &seven);
-        EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 8, 8, &src.bm, 0, 0, 0x0C00), 7);
     }
     for (uint32_t mode : {0u, 2u, 4u}) {
         ModeGuard m(mode);
@@ -200,28 +196,22 @@ TEST(CombineBadInput, FlagWordsRecordsAndRectangles) {
     BITMAPRECORD empty, badS = src.bm, badD = dst.bm;
     K_InitBitmap(&empty, BITMAPRECORD_SIZE, 9, 3, 8);
     badS.uStructSize = badD.uStructSize = 100;
-    const int32_t big = INT32_MAX, small = INT32_MIN, P = KS_INVALID_PARAMETER;
-    const struct {
-        BITMAPRECORD *d, *s;
-        int32_t xd, yd, w, h, xs, ys;
-        uint32_t flags;
-        int32_t want;
-    } cases[] = {
-        {nullptr, &src.bm, 0, 0, 1, 1, 0, 0, 0, P},
-        {&empty, &src.bm, 0, 0, 1, 1, 0, 0, 0, P},
-        {&dst.bm, nullptr, 0, 0, 1, 1, 0, 0, CombineAdd, P},
-        {&dst.bm, &empty, 0, 0, 1, 1, 0, 0, CombineAdd, P},
-        {&dst.bm, &other.bm, 0, 0, 1, 1, 0, 0, CombineAdd, KS_INVALID_BITS_PER_PIXEL},
-        {&dst.bm, &src.bm, 0, 0, -1, 1, 0, 0, CombineAdd, P},
-        {&dst.bm, &badS, 0, 0, 1, 1, 0, 0, CombineAdd, KS_INVALID_STRUCT_SIZE},
-        {&badD, &src.bm, 0, 0, 1, 1, 0, 0, CombineAdd, KS_INVALID_STRUCT_SIZE},
+    const int32_t big = INT32_MAX, small = INT32_MIN, P = KS_INVALID_PARAMETER, A = CombineAdd;
+    BITMAPRECORD* D = &dst.bm;
+    const std::pair<int32_t, int32_t> cases[] = {  // (answer, wanted)
+        {K_CombineBitmapKrn(nullptr, 0, 0, 1, 1, &src.bm, 0, 0, 0), P},
+        {K_CombineBitmapKrn(&empty, 0, 0, 1, 1, &src.bm, 0, 0, 0), P},
+        {K_CombineBitmapKrn(D, 0, 0, 1, 1, nullptr, 0, 0, A), P}, {K_CombineBitmapKrn(D, 0, 0, 1, 1, &empty, 0, 0, A), P},
+        {K_CombineBitmapKrn(D, 0, 0, 1, 1, &other.bm, 0, 0, A), KS_INVALID_BITS_PER_PIXEL},
+        {K_CombineBitmapKrn(D, 0, 0, -1, 1, &src.bm, 0, 0, A), P},
+        {K_CombineBitmapKrn(D, 0, 0, 1, 1, &badS, 0, 0, A), KS_INVALID_STRUCT_SIZE},
+        {K_CombineBitmapKrn(&badD, 0, 0, 1, 1, &src.bm, 0, 0, A), KS_INVALID_STRUCT_SIZE},
         // Rectangles far outside either bitmap, or at the ends of the coordinate range, change nothing.
-        {&dst.bm, &src.bm, big, big, big, big, small, small, CombineAdd, KS_SUCCESS},
-        {&dst.bm, &src.bm, small, small, big, big, big, big, CombineAdd, KS_SUCCESS},
-        {&dst.bm, &src.bm, -20, 0, 20, 3, 0, 0, CombineAdd, KS_SUCCESS},
+        {K_CombineBitmapKrn(D, big, big, big, big, &src.bm, small, small, A), KS_SUCCESS},
+        {K_CombineBitmapKrn(D, small, small, big, big, &src.bm, big, big, A), KS_SUCCESS},
+        {K_CombineBitmapKrn(D, -20, 0, 20, 3, &src.bm, 0, 0, A), KS_SUCCESS},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(K_CombineBitmapKrn(c.d, c.xd, c.yd, c.w, c.h, c.s, c.xs, c.ys, c.flags), c.want) << c.xd << " " << c.w;
+    for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
     EXPECT_EQ(getImage(&dst.bm).px, d.px);
 }
 

@@ -43,6 +43,7 @@ const std::vector<Op>& ops() {
         {"turn", 1, turnKinds, false, [](B s, B) { return K_RotateBitmap90(s, 1, 0, 100); }},
         {"change 1->7", 1, turnKinds, false, [](B s, B) { return K_ChangeBitmapViewPerspective(nullptr, s, 0, 7); }, false, 1, false, false},
         {"change 1->3", 1, turnKinds, false, [](B s, B) { return K_ChangeBitmapViewPerspective(nullptr, s, 0, 3); }, false, 1, false, false},
+        {"change into a record", 8, single, true, [=](B s, B d) { return K_ChangeBitmapViewPerspective(d, s, R, 6); }, false, 1, false, false},
         {"rotate", 32, deep, false, [](B s, B) { return K_RotateBitmap(s, 2000, ROTATE_RESIZE | ROTATE_BILINEAR, 0); }},
         {"shear", 32, deep, false, [](B s, B) { return K_ShearBitmap(s, 2000, ROTATE_RESIZE | ROTATE_BILINEAR, 0); }},
         {"rotate 1 bit", 1, {Kind::Compressed}, false, [](B s, B) { return K_RotateBitmap(s, 2000, ROTATE_RESIZE, 0); }},
