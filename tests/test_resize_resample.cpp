@@ -15,8 +15,6 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 
-// ---------------------------------------------------------------- plain image model
-
 struct Img {
     int32_t w, h, c;
     std::vector<double> v;  // c samples per pixel, canonical order B, G, R, A
@@ -39,27 +37,26 @@ uint8_t* sampleAt(uint8_t* row, const Fmt& f, int32_t x, int32_t k) {
     const int32_t sb = f.bpp / 8 / f.channels, pos = (f.order == ORDER_RGB && k < 3) ? 2 - k : k;
     return row + (size_t(x) * f.channels + pos) * sb;
 }
+Img blank(int32_t w, int32_t h, int32_t c) { return Img{w, h, c, std::vector<double>(size_t(w) * size_t(h) * size_t(c))}; }
 void putImage(BITMAPRECORD* bm, const Img& im, const Fmt& f) {
     tkit::RefImage ref(im.w, im.h, f.bpp);
-    for (int32_t y = 0; y < im.h; ++y)
-        for (int32_t x = 0; x < im.w; ++x)
-            for (int32_t k = 0; k < f.channels; ++k) {
-                const uint32_t v = uint32_t(std::lround(im.at(x, y, k)));
-                uint8_t* q = sampleAt(ref.row(y), f, x, k);
-                if (f.bpp == 12) tkit::setPixel(ref.row(y), x, 12, v);
-                else q[0] = uint8_t(v), q[f.max > 255] = uint8_t(f.max > 255 ? v >> 8 : v);
-            }
+    for (size_t i = 0; i < im.v.size(); ++i) {
+        const int32_t x = int32_t(i / size_t(f.channels)) % im.w, y = int32_t(i / size_t(f.channels) / size_t(im.w));
+        const uint32_t v = uint32_t(std::lround(im.v[i]));
+        uint8_t* q = sampleAt(ref.row(y), f, x, int32_t(i % size_t(f.channels)));
+        if (f.bpp == 12) tkit::setPixel(ref.row(y), x, 12, v);
+        else q[0] = uint8_t(v), q[f.max > 255] = uint8_t(f.max > 255 ? v >> 8 : v);
+    }
     ASSERT_EQ(tkit::putImage(bm, ref), KS_SUCCESS);
 }
 Img getImage(BITMAPRECORD* bm, const Fmt& f) {
-    Img im{bm->nWidth, bm->nHeight, f.channels, std::vector<double>(size_t(bm->nWidth) * bm->nHeight * f.channels)};
+    Img im = blank(bm->nWidth, bm->nHeight, f.channels);
     tkit::RefImage ref = tkit::getImage(bm);
-    for (int32_t y = 0; y < im.h; ++y)
-        for (int32_t x = 0; x < im.w; ++x)
-            for (int32_t k = 0; k < f.channels; ++k) {
-                const uint8_t* q = sampleAt(ref.row(y), f, x, k);
-                im.at(x, y, k) = f.bpp == 12 ? double(tkit::pixelAt(ref.row(y), x, 12)) : f.max > 255 ? q[0] + 256.0 * q[1] : q[0];
-            }
+    for (size_t i = 0; i < im.v.size(); ++i) {
+        const int32_t x = int32_t(i / size_t(f.channels)) % im.w, y = int32_t(i / size_t(f.channels) / size_t(im.w));
+        const uint8_t* q = sampleAt(ref.row(y), f, x, int32_t(i % size_t(f.channels)));
+        im.v[i] = f.bpp == 12 ? double(tkit::pixelAt(ref.row(y), x, 12)) : f.max > 255 ? q[0] + 256.0 * q[1] : q[0];
+    }
     return im;
 }
 // A single-block bitmap holding `im`.
@@ -73,19 +70,15 @@ BITMAPRECORD make(const Fmt& f, const Img& im, uint32_t memType = 1) {
 
 Img randomImage(int32_t w, int32_t h, const Fmt& f, uint32_t seed) {
     std::mt19937 rng(seed);
-    Img im{w, h, f.channels, std::vector<double>(size_t(w) * h * f.channels)};
-    // Smooth blobs plus noise, so both flat and busy areas are seen.
-    for (int32_t y = 0; y < h; ++y)
+    Img im = blank(w, h, f.channels);
+    for (int32_t y = 0; y < h; ++y)  // smooth blobs plus noise, so both flat and busy areas are seen
         for (int32_t x = 0; x < w; ++x)
             for (int32_t k = 0; k < f.channels; ++k) {
                 const double s = 0.5 + 0.35 * std::sin(0.3 * x + k) * std::cos(0.2 * y - k);
-                const double n = (double(rng() % 1000) / 1000.0 - 0.5) * 0.3;
-                im.at(x, y, k) = std::round(std::clamp(s + n, 0.0, 1.0) * f.max);
+                im.at(x, y, k) = std::round(std::clamp(s + (double(rng() % 1000) / 1000.0 - 0.5) * 0.3, 0.0, 1.0) * f.max);
             }
     return im;
 }
-
-// ---------------------------------------------------------------- the reference filter
 
 enum class Method { Resample, Cubic, Lanczos };
 
@@ -96,21 +89,10 @@ double weight(Method m, int32_t oldN, int32_t newN, int32_t i, int32_t j) {
         const double lo = std::max(i * s, double(j)), hi = std::min((i + 1) * s, double(j + 1));
         return hi > lo ? hi - lo : 0.0;
     }
-    const double stretch = m == Method::Resample ? 1.0 : std::max(1.0, s);
-    const double t = std::fabs((j + 0.5 - (i + 0.5) * s) / stretch);
-    switch (m) {
-        case Method::Resample: return t < 1 ? 1 - t : 0;
-        case Method::Cubic:
-            if (t < 1) return 1.5 * t * t * t - 2.5 * t * t + 1;
-            if (t < 2) return -0.5 * t * t * t + 2.5 * t * t - 4 * t + 2;
-            return 0;
-        case Method::Lanczos: {
-            if (t >= 3) return 0;
-            if (t == 0) return 1;
-            return 3 * std::sin(kPi * t) * std::sin(kPi * t / 3) / (kPi * kPi * t * t);
-        }
-    }
-    return 0;
+    const double t = std::fabs((j + 0.5 - (i + 0.5) * s) / (m == Method::Resample ? 1.0 : std::max(1.0, s)));
+    if (m == Method::Resample) return t < 1 ? 1 - t : 0;
+    if (m == Method::Cubic) return t < 1 ? 1.5 * t * t * t - 2.5 * t * t + 1 : t < 2 ? -0.5 * t * t * t + 2.5 * t * t - 4 * t + 2 : 0;
+    return t >= 3 ? 0 : t == 0 ? 1 : 3 * std::sin(kPi * t) * std::sin(kPi * t / 3) / (kPi * kPi * t * t);
 }
 
 Img reference(const Img& src, int32_t nw, int32_t nh, Method m, double maxv) {
@@ -128,7 +110,7 @@ Img reference(const Img& src, int32_t nw, int32_t nh, Method m, double maxv) {
         return t;
     };
     const auto wx = table(src.w, nw), wy = table(src.h, nh);
-    Img out{nw, nh, src.c, std::vector<double>(size_t(nw) * nh * src.c)};
+    Img out = blank(nw, nh, src.c);
     for (int32_t y = 0; y < nh; ++y)
         for (int32_t x = 0; x < nw; ++x)
             for (int32_t k = 0; k < src.c; ++k) {
@@ -144,12 +126,8 @@ Img reference(const Img& src, int32_t nw, int32_t nh, Method m, double maxv) {
 }
 
 int32_t run(BITMAPRECORD* bm, int32_t w, int32_t h, Method m, uint32_t extra = 0) {
-    switch (m) {
-        case Method::Resample: return K_ResampleBitmap(bm, w, h, extra);
-        case Method::Cubic: return K_BicubicResampleBitmap(bm, w, h, extra);
-        case Method::Lanczos: return K_ResampleBitmap(bm, w, h, SIZE_LANCZOS | extra);
-    }
-    return 0;
+    return m == Method::Cubic ? K_BicubicResampleBitmap(bm, w, h, extra)
+                              : K_ResampleBitmap(bm, w, h, extra | (m == Method::Lanczos ? SIZE_LANCZOS : 0));
 }
 
 double maxDiff(const Img& a, const Img& b) {
@@ -159,8 +137,6 @@ double maxDiff(const Img& a, const Img& b) {
 }
 
 const char* name(Method m) { return m == Method::Resample ? "resample" : m == Method::Cubic ? "bicubic" : "lanczos"; }
-
-// ---------------------------------------------------------------- tests
 
 TEST(Resample, MatchesDoublePrecisionFilterWithinOneLevel) {
     struct Size {
@@ -186,8 +162,7 @@ TEST(Resample, ConstantsStayConstant) {
     for (const Fmt& f : kFormats)
         for (Method m : {Method::Resample, Method::Cubic, Method::Lanczos})
             for (auto [nw, nh] : {std::pair{50, 7}, {3, 40}, {23, 23}}) {
-                Img src{21, 17, f.channels, std::vector<double>(size_t(21 * 17 * f.channels))}, want = src;
-                want.w = nw, want.h = nh, want.v.resize(size_t(nw * nh * f.channels));
+                Img src = blank(21, 17, f.channels), want = blank(nw, nh, f.channels);
                 for (Img* im : {&src, &want})
                     for (size_t i = 0; i < im->v.size(); ++i) im->v[i] = std::round(f.max * (0.2 + 0.2 * double(i % f.channels)));
                 BITMAPRECORD bm = make(f, src);
@@ -203,7 +178,7 @@ TEST(Resample, PremultipliedAlphaLendsNoColourFromTransparentPixels) {
     for (const Fmt& f : {Fmt{32, ORDER_BGR, 4, 255}, Fmt{64, ORDER_BGR, 4, 65535}})
         for (Method m : {Method::Resample, Method::Cubic, Method::Lanczos})
             for (uint32_t flags : {0u, uint32_t(SIZE_PREMULTIPLY)}) {
-                Img src{16, 8, 4, std::vector<double>(16 * 8 * 4)};
+                Img src = blank(16, 8, 4);
                 for (int32_t y = 0; y < 8; ++y)
                     for (int32_t x = 0; x < 16; ++x) {
                         const bool opaque = (x + y / 2) % 5 < 2;  // green only where transparent
@@ -231,7 +206,7 @@ TEST(Resample, PaletteImagesGoThroughTheirColours) {
         BITMAPRECORD bm, grey;
         ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 19, 11, bpp, 0, pal, 1, nullptr, 0), KS_SUCCESS);
         ASSERT_EQ(K_CreateBitmap(&grey, BITMAPRECORD_SIZE, 1, 30, 7, 8, ORDER_GRAY, nullptr, 1, nullptr, 0), KS_SUCCESS);
-        Img colours{19, 11, 3, std::vector<double>(19 * 11 * 3)}, greys{19, 11, 1, std::vector<double>(19 * 11)};
+        Img colours = blank(19, 11, 3), greys = blank(19, 11, 1);
         tkit::RefImage idx(19, 11, bpp);
         idx.randomize(uint32_t(bpp));
         for (int32_t y = 0; y < 11; ++y)
@@ -271,7 +246,7 @@ TEST(Resample, SixteenBitColourWideFlippedRowsAndWideFilters) {
         };
         tkit::RefImage raw(23, 17, 16);
         raw.randomize(uint32_t(order));
-        Img src{23, 17, 3, std::vector<double>(23 * 17 * 3)}, got{31, 11, 3, std::vector<double>(31 * 11 * 3)};
+        Img src = blank(23, 17, 3), got = blank(31, 11, 3);
         decode(raw, src);
         BITMAPRECORD bm;
         ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 23, 17, 16, order, nullptr, 1, nullptr, 0), KS_SUCCESS);
