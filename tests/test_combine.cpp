@@ -17,15 +17,11 @@ using namespace tkit;
 
 namespace {
 
-struct Bmp {
-    BITMAPRECORD bm{};
-    int32_t rc;
-    Bmp(int32_t w, int32_t h, const Format& f, int32_t vp = TOP_LEFT) {
-        rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, f.bpp, f.order, nullptr, vp, nullptr, 0);
-        if (rc == KS_SUCCESS && f.highBit >= 0) bm.nHighBit = f.highBit;
+struct Bmp : Bitmap {
+    Bmp(int32_t w, int32_t h, const Format& f, int32_t vp = TOP_LEFT) : Bitmap(w, h, f.bpp, f.order, vp) {
+        if (f.highBit >= 0) bm.nHighBit = f.highBit;
     }
     Bmp(int32_t w, int32_t h, const Format& f, RefImage& img) : Bmp(w, h, f) { putImage(&bm, img); }
-    ~Bmp() { K_FreeBitmap(&bm); }
 };
 RefImage randomImage(int32_t w, int32_t h, int32_t bpp, uint32_t seed) {
     RefImage img(w, h, bpp);

@@ -16,18 +16,15 @@ using namespace tkit;
 namespace {
 
 uint64_t maskOf(int32_t bpp) { return bpp == 64 ? ~uint64_t(0) : (uint64_t(1) << bpp) - 1; }
-// A single-block bitmap of random pixels; its reference image in `ref`.
-BITMAPRECORD randomBitmap(int32_t w, int32_t h, int32_t bpp, uint32_t seed, RefImage* ref = nullptr,
-                          const RGBQUAD* pal = nullptr, int32_t persp = TOP_LEFT) {
-    BITMAPRECORD bm;
-    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, bpp, bpp == 12 ? ORDER_GRAY : bpp > 8 ? ORDER_BGR : 0,
-                             pal, persp, nullptr, 0), KS_SUCCESS);
-    RefImage r(w, h, bpp);
-    r.randomize(seed);
-    EXPECT_EQ(putImage(&bm, r), KS_SUCCESS);
-    if (ref) *ref = r;
-    return bm;
-}
+// A single-block bitmap of random pixels and its reference image.
+struct Random : Bitmap {
+    RefImage ref;
+    Random(int32_t w, int32_t h, int32_t bpp, uint32_t seed, const RGBQUAD* pal = nullptr, int32_t persp = TOP_LEFT)
+        : Bitmap(w, h, bpp, bpp == 12 ? ORDER_GRAY : bpp > 8 ? ORDER_BGR : 0, persp, pal), ref(w, h, bpp) {
+        ref.randomize(seed);
+        EXPECT_EQ(putImage(&bm, ref), KS_SUCCESS);
+    }
+};
 // "" when `after` takes pixel (floor(x old / new), floor(y old / new)) of `before` everywhere.
 std::string nearestRule(RefImage& before, RefImage& after) {
     return firstMismatch(after, [&](int x, int y) {
@@ -173,7 +170,8 @@ TEST(ResizeFavourBlack, BlockCountsAgainstPixelWalk) {
             for (int32_t y = 0; y < c.oh; ++y)  // sparse black: about one pixel in four, and some runs
                 for (int32_t x = 0; x < c.ow; ++x)
                     setPixel(src.row(y), x, 1, (rng() % 4 == 0) || (y % 7 == 3 && x > c.ow / 2) ? blackBit : 1 - blackBit);
-            BITMAPRECORD bm = randomBitmap(c.ow, c.oh, 1, 0, nullptr, pal);
+            Random r(c.ow, c.oh, 1, 0, pal);
+            BITMAPRECORD& bm = r.bm;
             putImage(&bm, src);
             ASSERT_EQ(K_SizeBitmap(&bm, c.nw, c.nh, SIZE_FAVOURBLACK | SIZE_RESAMPLE), KS_SUCCESS);
             ASSERT_EQ(bm.nBitsPerPixel, 1);
@@ -189,15 +187,12 @@ TEST(ResizeFavourBlack, BlockCountsAgainstPixelWalk) {
                               for (int32_t xx = sx; xx < std::min(c.ow, sx + bx); ++xx) count += black(xx, yy);
                           return count >= thr ? blackBit : 1 - blackBit;
                       }), "") << c.ow << "x" << c.oh << "->" << c.nw << "x" << c.nh;
-            K_FreeBitmap(&bm);
         }
     const RGBQUAD pal[2] = {{0, 0, 255, 0}, {0, 255, 0, 0}};
-    RefImage before(1, 1, 1);
-    BITMAPRECORD bm = randomBitmap(40, 8, 1, 3, &before, pal);
-    ASSERT_EQ(K_SizeBitmap(&bm, 10, 2, SIZE_FAVOURBLACK), KS_SUCCESS);
-    RefImage after = getImage(&bm);
-    EXPECT_EQ(nearestRule(before, after), "");
-    K_FreeBitmap(&bm);
+    Random r(40, 8, 1, 3, pal);
+    ASSERT_EQ(K_SizeBitmap(&r.bm, 10, 2, SIZE_FAVOURBLACK), KS_SUCCESS);
+    RefImage after = getImage(&r.bm);
+    EXPECT_EQ(nearestRule(r.ref, after), "");
 }
 
 TEST(ResizeScaleToGray, BlackAndWhiteBecomesGreyBlockMeans) {
@@ -215,8 +210,8 @@ TEST(ResizeScaleToGray, BlackAndWhiteBecomesGreyBlockMeans) {
 // ---------------------------------------------------------------- frame
 
 TEST(ResizeFrame, SameSizeAndBadArguments) {
-    BITMAPRECORD bm = randomBitmap(20, 10, 24, 5);
-    BITMAPRECORD copy = bm, empty;
+    Random r(20, 10, 24, 5);
+    BITMAPRECORD &bm = r.bm, copy = bm, empty;
     EXPECT_EQ(K_SizeBitmap(&bm, 20, 10, SIZE_RESAMPLE), KS_SUCCESS);
     EXPECT_TRUE(sameBytes(copy, bm));
     EXPECT_EQ(K_SizeBitmap(nullptr, 3, 3, 0), KS_INVALID_PARAMETER);
@@ -239,11 +234,11 @@ TEST(ResizeFrame, SameSizeAndBadArguments) {
                                     K_SizeBitmap(&empty, 5, 5, 0), K_ResizeBitmap(&bm, &empty, 0),
                                     K_ResizeBitmap(&bm, &bm, 0), K_IntResizeBitmap(&bm, nullptr, 0)}),
               std::vector<int32_t>({P, KS_INVALID_STRUCT_SIZE, P, P, P, KS_INVALID_BITMAP}));
-    K_FreeBitmap(&bm);
 }
 
 TEST(ResizeFrame, RegionIsScaledAndTheFieldsStay) {
-    BITMAPRECORD bm = randomBitmap(40, 20, 8, 1);
+    Random src(40, 20, 8, 1);
+    BITMAPRECORD& bm = src.bm;
     RECT r = {10, 4, 30, 12}, b{}, want = {20, 2, 60, 6};
     ASSERT_EQ(K_SetBitmapRgnRect(&bm, nullptr, &r, 1), KS_SUCCESS);
     bm.nXResolution = 300, bm.nLowBit = 1, bm.nHighBit = 6;
@@ -251,7 +246,6 @@ TEST(ResizeFrame, RegionIsScaledAndTheFieldsStay) {
     EXPECT_EQ(bm.nXResolution * 100 + bm.nLowBit * 10 + bm.nHighBit, 30016);  // the describing fields stay with the depth
     ASSERT_EQ(K_GetBitmapRgnBounds(&bm, nullptr, &b), KS_SUCCESS);
     EXPECT_TRUE(EqualRect(&b, &want)) << b.left << "," << b.top << "," << b.right << "," << b.bottom;
-    K_FreeBitmap(&bm);
 }
 
 TEST(ResizeStorage, TiledBitmapOverTheCapResizesRowByRow) {
@@ -276,19 +270,16 @@ TEST(ResizeStorage, TiledBitmapOverTheCapResizesRowByRow) {
 // one pixel: an axis stored reversed floors the other way).
 TEST(ResizeIntoDestination, EveryPerspectivePairKeepsTheViewedImage) {
     {
-        RefImage src(1, 1, 1);
-        BITMAPRECORD a = randomBitmap(6, 6, 8, 1, &src), b = randomBitmap(3, 3, 8, 2, nullptr, nullptr, BOTTOM_LEFT);
-        ASSERT_EQ(K_ResizeBitmap(&a, &b, 0), KS_SUCCESS);
-        RefImage dst = getImage(&b);
-        EXPECT_EQ(firstMismatch(dst, [&](int x, int y) { return src.row(2 * (2 - y))[2 * x]; }), "");
-        K_FreeBitmap(&a);
-        K_FreeBitmap(&b);
+        Random a(6, 6, 8, 1), b(3, 3, 8, 2, nullptr, BOTTOM_LEFT);
+        ASSERT_EQ(K_ResizeBitmap(&a.bm, &b.bm, 0), KS_SUCCESS);
+        RefImage dst = getImage(&b.bm);
+        EXPECT_EQ(firstMismatch(dst, [&](int x, int y) { return a.ref.row(2 * (2 - y))[2 * x]; }), "");
     }
     const int32_t vw = 23, vh = 17, nvw = 11, nvh = 29;  // viewed sizes
     for (int32_t sp = 1; sp <= 8; ++sp)
         for (int32_t dp = 1; dp <= 8; ++dp) {
-            BITMAPRECORD a = randomBitmap(sp >= 5 ? vh : vw, sp >= 5 ? vw : vh, 24, 0, nullptr, nullptr, sp);
-            BITMAPRECORD b = randomBitmap(dp >= 5 ? nvh : nvw, dp >= 5 ? nvw : nvh, 24, 0, nullptr, nullptr, dp);
+            Random ra(sp >= 5 ? vh : vw, sp >= 5 ? vw : vh, 24, 0, nullptr, sp), rb(dp >= 5 ? nvh : nvw, dp >= 5 ? nvw : nvh, 24, 0, nullptr, dp);
+            BITMAPRECORD &a = ra.bm, &b = rb.bm;
             RefImage img(a.nWidth, a.nHeight, 24);
             for (int32_t y = 0; y < a.nHeight; ++y)
                 for (int32_t x = 0; x < a.nWidth; ++x) {
@@ -312,8 +303,6 @@ TEST(ResizeIntoDestination, EveryPerspectivePairKeepsTheViewedImage) {
                                 sy >= double(qy) * vh / nvh - 1 && sy <= double(qy + 1) * vh / nvh)
                         << sp << " -> " << dp << " at " << qx << "," << qy << ": " << sx << "," << sy;
                 }
-            K_FreeBitmap(&a);
-            K_FreeBitmap(&b);
         }
 }
 

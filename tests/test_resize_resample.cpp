@@ -26,6 +26,7 @@ struct Fmt {
     int32_t bpp, order, channels;
     double max;
 };
+const Fmt kGrey{8, ORDER_GRAY, 1, 255}, kColour{24, ORDER_BGR, 3, 255};
 const Fmt kFormats[] = {{8, ORDER_GRAY, 1, 255},   {12, ORDER_GRAY, 1, 4095}, {16, ORDER_GRAY, 1, 65535},
                         {24, ORDER_BGR, 3, 255},   {24, ORDER_RGB, 3, 255},   {32, ORDER_BGR, 4, 255},
                         {48, ORDER_BGR, 3, 65535}, {64, ORDER_BGR, 4, 65535}};
@@ -60,13 +61,10 @@ Img getImage(BITMAPRECORD* bm, const Fmt& f) {
     return im;
 }
 // A single-block bitmap holding `im`.
-BITMAPRECORD make(const Fmt& f, const Img& im, uint32_t memType = 1) {
-    BITMAPRECORD bm;
-    EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, memType, im.w, im.h, f.bpp, f.bpp == 8 ? ORDER_GRAY : f.order,
-                             nullptr, 1, nullptr, 0), KS_SUCCESS);
-    putImage(&bm, im, f);
-    return bm;
-}
+struct Made : tkit::Bitmap {
+    Made(const Fmt& f, const Img& im, uint32_t memType = 1)
+        : Bitmap(im.w, im.h, f.bpp, f.bpp == 8 ? ORDER_GRAY : f.order, TOP_LEFT, nullptr, memType) { putImage(&bm, im, f); }
+};
 
 Img randomImage(int32_t w, int32_t h, const Fmt& f, uint32_t seed) {
     std::mt19937 rng(seed);
@@ -147,14 +145,12 @@ TEST(Resample, MatchesDoublePrecisionFilterWithinOneLevel) {
         for (Method m : {Method::Resample, Method::Cubic, Method::Lanczos})
             for (const Size& s : sizes) {
                 const Img src = randomImage(s.ow, s.oh, f, uint32_t(f.bpp * 7 + s.nw));
-                BITMAPRECORD bm = make(f, src);
-                ASSERT_EQ(run(&bm, s.nw, s.nh, m), KS_SUCCESS);
-                ASSERT_EQ(bm.nBitsPerPixel, f.bpp);
+                Made b(f, src);
+                ASSERT_EQ(run(&b.bm, s.nw, s.nh, m), KS_SUCCESS);
+                ASSERT_EQ(b.bm.nBitsPerPixel, f.bpp);
                 const bool blockMean = m == Method::Resample && s.ow % s.nw == 0 && s.oh % s.nh == 0 && s.nw < s.ow;
-                EXPECT_LE(maxDiff(getImage(&bm, f), reference(src, s.nw, s.nh, m, f.max)), blockMean ? 0.5 + 1e-6 : 1.0)
-                    << name(m) << " bpp " << f.bpp << " order " << f.order << " " << s.ow << "x" << s.oh << "->" << s.nw
-                    << "x" << s.nh;
-                K_FreeBitmap(&bm);
+                EXPECT_LE(maxDiff(getImage(&b.bm, f), reference(src, s.nw, s.nh, m, f.max)), blockMean ? 0.5 + 1e-6 : 1.0)
+                    << name(m) << " bpp " << f.bpp << " order " << f.order << " " << s.ow << "x" << s.oh << "->" << s.nw << "x" << s.nh;
             }
 }
 
@@ -165,10 +161,9 @@ TEST(Resample, ConstantsStayConstant) {
                 Img src = blank(21, 17, f.channels), want = blank(nw, nh, f.channels);
                 for (Img* im : {&src, &want})
                     for (size_t i = 0; i < im->v.size(); ++i) im->v[i] = std::round(f.max * (0.2 + 0.2 * double(i % f.channels)));
-                BITMAPRECORD bm = make(f, src);
-                ASSERT_EQ(run(&bm, nw, nh, m), KS_SUCCESS);
-                EXPECT_EQ(getImage(&bm, f).v, want.v) << name(m) << " bpp " << f.bpp;
-                K_FreeBitmap(&bm);
+                Made b(f, src);
+                ASSERT_EQ(run(&b.bm, nw, nh, m), KS_SUCCESS);
+                EXPECT_EQ(getImage(&b.bm, f).v, want.v) << name(m) << " bpp " << f.bpp;
             }
 }
 
@@ -185,15 +180,14 @@ TEST(Resample, PremultipliedAlphaLendsNoColourFromTransparentPixels) {
                         src.at(x, y, 1) = opaque ? 0 : f.max;
                         src.at(x, y, 2) = src.at(x, y, 3) = opaque ? f.max : 0;
                     }
-                BITMAPRECORD bm = make(f, src);
-                ASSERT_EQ(run(&bm, 37, 11, m, flags), KS_SUCCESS);
-                const Img got = getImage(&bm, f);
+                Made b(f, src);
+                ASSERT_EQ(run(&b.bm, 37, 11, m, flags), KS_SUCCESS);
+                const Img got = getImage(&b.bm, f);
                 double green = 0;
                 for (int32_t y = 0; y < 11; ++y)
                     for (int32_t x = 0; x < 37; ++x)
                         if (got.at(x, y, 3) > 0) green = std::max(green, got.at(x, y, 1));
                 EXPECT_TRUE(flags ? green == 0 : green > f.max / 10) << name(m) << " bpp " << f.bpp << " flags " << flags;
-                K_FreeBitmap(&bm);
             }
 }
 
@@ -203,9 +197,7 @@ TEST(Resample, PaletteImagesGoThroughTheirColours) {
     for (int32_t bpp : {3, 4, 5, 6, 7}) {
         RGBQUAD pal[128];
         for (int i = 0; i < 128; ++i) pal[i] = RGBQUAD{uint8_t(i * 16), uint8_t(255 - i * 8), uint8_t(i * i), 0};
-        BITMAPRECORD bm, grey;
-        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 19, 11, bpp, 0, pal, 1, nullptr, 0), KS_SUCCESS);
-        ASSERT_EQ(K_CreateBitmap(&grey, BITMAPRECORD_SIZE, 1, 30, 7, 8, ORDER_GRAY, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        tkit::Bitmap b(19, 11, bpp, 0, TOP_LEFT, pal), grey(30, 7, 8, ORDER_GRAY);
         Img colours = blank(19, 11, 3), greys = blank(19, 11, 1);
         tkit::RefImage idx(19, 11, bpp);
         idx.randomize(uint32_t(bpp));
@@ -215,15 +207,12 @@ TEST(Resample, PaletteImagesGoThroughTheirColours) {
                 colours.at(x, y, 0) = e.rgbBlue, colours.at(x, y, 1) = e.rgbGreen, colours.at(x, y, 2) = e.rgbRed;
                 greys.at(x, y, 0) = (2.0 * e.rgbRed + 5.0 * e.rgbGreen + e.rgbBlue) / 8;
             }
-        ASSERT_EQ(tkit::putImage(&bm, idx), KS_SUCCESS);
-        const Img ref = reference(colours, 30, 7, Method::Cubic, 255);
-        ASSERT_EQ(K_BicubicResampleBitmapInt(&bm, &grey, 0), KS_SUCCESS);
-        EXPECT_LE(maxDiff(getImage(&grey, Fmt{8, ORDER_GRAY, 1, 255}), reference(greys, 30, 7, Method::Cubic, 255)), 1.0) << bpp;
-        ASSERT_EQ(K_BicubicResampleBitmap(&bm, 30, 7, 0), KS_SUCCESS);
-        ASSERT_EQ(bm.nBitsPerPixel, 24);
-        EXPECT_LE(maxDiff(getImage(&bm, Fmt{24, ORDER_BGR, 3, 255}), ref), 1.0) << bpp;
-        K_FreeBitmap(&bm);
-        K_FreeBitmap(&grey);
+        ASSERT_EQ(tkit::putImage(&b.bm, idx), KS_SUCCESS);
+        ASSERT_EQ(K_BicubicResampleBitmapInt(&b.bm, &grey.bm, 0), KS_SUCCESS);
+        EXPECT_LE(maxDiff(getImage(&grey.bm, kGrey), reference(greys, 30, 7, Method::Cubic, 255)), 1.0) << bpp;
+        ASSERT_EQ(K_BicubicResampleBitmap(&b.bm, 30, 7, 0), KS_SUCCESS);
+        ASSERT_EQ(b.bm.nBitsPerPixel, 24);
+        EXPECT_LE(maxDiff(getImage(&b.bm, kColour), reference(colours, 30, 7, Method::Cubic, 255)), 1.0) << bpp;
     }
 }
 
@@ -248,35 +237,28 @@ TEST(Resample, SixteenBitColourWideFlippedRowsAndWideFilters) {
         raw.randomize(uint32_t(order));
         Img src = blank(23, 17, 3), got = blank(31, 11, 3);
         decode(raw, src);
-        BITMAPRECORD bm;
-        ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 23, 17, 16, order, nullptr, 1, nullptr, 0), KS_SUCCESS);
-        ASSERT_EQ(tkit::putImage(&bm, raw), KS_SUCCESS);
-        ASSERT_EQ(K_BicubicResampleBitmap(&bm, 31, 11, 0), KS_SUCCESS);
-        ASSERT_EQ(bm.nBitsPerPixel, 16);
-        tkit::RefImage out = tkit::getImage(&bm);
+        tkit::Bitmap b(23, 17, 16, order);
+        ASSERT_EQ(tkit::putImage(&b.bm, raw), KS_SUCCESS);
+        ASSERT_EQ(K_BicubicResampleBitmap(&b.bm, 31, 11, 0), KS_SUCCESS);
+        ASSERT_EQ(b.bm.nBitsPerPixel, 16);
+        tkit::RefImage out = tkit::getImage(&b.bm);
         decode(out, got);
         EXPECT_LE(maxDiff(got, reference(src, 31, 11, Method::Cubic, 255)), 9.0) << order;
-        K_FreeBitmap(&bm);
     }
-    const Fmt f{24, ORDER_BGR, 3, 255};
-    const Img wide = randomImage(700, 5, f, 8);
-    BITMAPRECORD a = make(f, wide), b;
+    const Img wide = randomImage(700, 5, kColour, 8);
+    Made a(kColour, wide);
     for (auto [nw, nh] : {std::pair{800, 9}, {300, 3}}) {  // taller: rows in 2,048-float chunks; shorter: columns first
-        ASSERT_EQ(K_CreateBitmap(&b, BITMAPRECORD_SIZE, 1, nw, nh, 24, ORDER_BGR, nullptr, BOTTOM_LEFT, nullptr, 0), KS_SUCCESS);
-        ASSERT_EQ(K_ResizeBitmap(&a, &b, SIZE_RESAMPLE), KS_SUCCESS);
-        Img got = getImage(&b, f), flipped = got;
+        tkit::Bitmap b(nw, nh, 24, ORDER_BGR, BOTTOM_LEFT);
+        ASSERT_EQ(K_ResizeBitmap(&a.bm, &b.bm, SIZE_RESAMPLE), KS_SUCCESS);
+        Img got = getImage(&b.bm, kColour), flipped = got;
         for (int32_t y = 0; y < nh; ++y)
-            for (int32_t x = 0; x < nw; ++x)
-                for (int32_t k = 0; k < 3; ++k) flipped.at(x, y, k) = got.at(x, nh - 1 - y, k);
+            std::copy_n(got.v.begin() + (nh - 1 - y) * nw * 3, nw * 3, flipped.v.begin() + y * nw * 3);
         EXPECT_LE(maxDiff(flipped, reference(wide, nw, nh, Method::Resample, 255)), 1.0) << nw;
-        K_FreeBitmap(&b);
     }
-    K_FreeBitmap(&a);
-    const Img line = randomImage(9000, 2, kFormats[0], 3);
-    BITMAPRECORD l = make(kFormats[0], line);
-    ASSERT_EQ(run(&l, 3, 1, Method::Lanczos), KS_SUCCESS);
-    EXPECT_LE(maxDiff(getImage(&l, kFormats[0]), reference(line, 3, 1, Method::Lanczos, 255)), 1.0);
-    K_FreeBitmap(&l);
+    const Img line = randomImage(9000, 2, kGrey, 3);
+    Made l(kGrey, line);
+    ASSERT_EQ(run(&l.bm, 3, 1, Method::Lanczos), KS_SUCCESS);
+    EXPECT_LE(maxDiff(getImage(&l.bm, kGrey), reference(line, 3, 1, Method::Lanczos, 255)), 1.0);
 }
 
 TEST(Resample, PlainLoopsThreadsAndStorageAgree) {
@@ -285,10 +267,9 @@ TEST(Resample, PlainLoopsThreadsAndStorageAgree) {
     auto once = [&](bool plain, int32_t threads, uint32_t memType, Method m) {
         krn::resampletest::forcePlain(plain);
         krn::resampletest::setMaxThreads(threads);
-        BITMAPRECORD bm = make(f, src, memType);
-        EXPECT_EQ(run(&bm, 451, 299, m), KS_SUCCESS);
-        Img out = getImage(&bm, f);
-        K_FreeBitmap(&bm);
+        Made b(f, src, memType);
+        EXPECT_EQ(run(&b.bm, 451, 299, m), KS_SUCCESS);
+        Img out = getImage(&b.bm, f);
         krn::resampletest::forcePlain(false);
         krn::resampletest::setMaxThreads(0);
         return out;
@@ -302,20 +283,16 @@ TEST(Resample, PlainLoopsThreadsAndStorageAgree) {
 }
 
 TEST(Resample, IntoPaletteAndGreyDestinations) {
-    const Fmt f{24, ORDER_BGR, 3, 255};
-    const Img src = randomImage(20, 20, f, 5);
-    BITMAPRECORD a = make(f, src), grey, p;
-    const Img ref = reference(src, 10, 10, Method::Cubic, 255);
-    // Grey: the weighted sum of the filtered colour.
-    ASSERT_EQ(K_CreateBitmap(&grey, BITMAPRECORD_SIZE, 1, 10, 10, 8, ORDER_GRAY, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    ASSERT_EQ(K_BicubicResampleBitmapInt(&a, &grey, 0), KS_SUCCESS);
-    const Img g = getImage(&grey, Fmt{8, ORDER_GRAY, 1, 255});
-    for (int32_t y = 0; y < 10; ++y)
-        for (int32_t x = 0; x < 10; ++x)
-            EXPECT_NEAR(g.at(x, y, 0), (2 * ref.at(x, y, 2) + 5 * ref.at(x, y, 1) + ref.at(x, y, 0)) / 8, 1.0);
+    const Img src = randomImage(20, 20, kColour, 5), ref = reference(src, 10, 10, Method::Cubic, 255);
+    Made a(kColour, src);
+    tkit::Bitmap grey(10, 10, 8, ORDER_GRAY), pal(10, 10, 8);
+    ASSERT_EQ(K_BicubicResampleBitmapInt(&a.bm, &grey.bm, 0), KS_SUCCESS);  // grey: the weighted sum of the filtered colour
+    Img want = blank(10, 10, 1);
+    for (size_t i = 0; i < want.v.size(); ++i) want.v[i] = (2 * ref.v[3 * i + 2] + 5 * ref.v[3 * i + 1] + ref.v[3 * i]) / 8;
+    EXPECT_LE(maxDiff(getImage(&grey.bm, kGrey), want), 1.0);
     // A fixed 8-bit palette: each pixel is the entry nearest to the filtered colour.
-    ASSERT_EQ(K_CreateBitmap(&p, BITMAPRECORD_SIZE, 1, 10, 10, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
-    ASSERT_EQ(K_ResizeBitmap(&a, &p, SIZE_BICUBIC), KS_SUCCESS);
+    BITMAPRECORD& p = pal.bm;
+    ASSERT_EQ(K_ResizeBitmap(&a.bm, &p, SIZE_BICUBIC), KS_SUCCESS);
     tkit::RefImage idx = tkit::getImage(&p);
     for (int32_t y = 0; y < 10; ++y) {
         const uint8_t* row = idx.row(y);
@@ -331,10 +308,7 @@ TEST(Resample, IntoPaletteAndGreyDestinations) {
             EXPECT_LE(dist(p.pPalette[row[size_t(x)]]), best + 6 * 255 + 3) << x << "," << y;
         }
     }
-    EXPECT_EQ(K_BicubicResampleBitmapInt(&a, nullptr, 0), KS_INVALID_BITMAP);
-    K_FreeBitmap(&a);
-    K_FreeBitmap(&grey);
-    K_FreeBitmap(&p);
+    EXPECT_EQ(K_BicubicResampleBitmapInt(&a.bm, nullptr, 0), KS_INVALID_BITMAP);
 }
 
 }  // namespace

@@ -19,14 +19,10 @@ using namespace orienttest;
 
 namespace {
 
-struct Bm {
-    BITMAPRECORD bm{};
-    Bm(int32_t w, int32_t h, int32_t bpp, int32_t order = -1, int32_t persp = 1) {
-        if (order < 0) order = bpp == 8 || bpp == 12 || bpp == 16 ? ORDER_GRAY : bpp <= 8 ? 0 : ORDER_BGR;
-        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, bpp, order, nullptr, persp, nullptr, 0), KS_SUCCESS);
-    }
-    Bm(RefImage& img, int32_t order = -1, int32_t persp = 1) : Bm(img.width, img.height, img.bpp, order, persp) { putImage(&bm, img); }
-    ~Bm() { K_FreeBitmap(&bm); }
+struct Bm : Bitmap {
+    Bm(int32_t w, int32_t h, int32_t bpp, int32_t order = -1, int32_t persp = 1)
+        : Bitmap(w, h, bpp, order >= 0 ? order : bpp == 8 || bpp == 12 || bpp == 16 ? ORDER_GRAY : bpp < 8 ? 0 : ORDER_BGR, persp) {}
+    Bm(RefImage& img, int32_t order = -1) : Bm(img.width, img.height, img.bpp, order) { putImage(&bm, img); }
 };
 int channels(int bpp) { return bpp == 24 || bpp == 48 ? 3 : bpp == 32 || bpp == 64 ? 4 : 1; }
 int chanBits(int bpp) { return bpp == 16 || bpp == 48 || bpp == 64 ? 16 : 8; }

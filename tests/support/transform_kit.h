@@ -69,6 +69,20 @@ inline uint32_t kindOf(const BITMAPRECORD* bm) {
     return t;
 }
 
+// A single-block bitmap, freed at the end of its scope.
+struct Bitmap {
+    BITMAPRECORD bm{};
+    int32_t rc;
+    Bitmap(int32_t w, int32_t h, int32_t bpp, int32_t order = 0, int32_t persp = TOP_LEFT, const RGBQUAD* pal = nullptr,
+           uint32_t memType = 1)
+        : rc(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, memType, w, h, bpp, order, pal, persp, nullptr, 0)) {
+        EXPECT_EQ(rc, KS_SUCCESS);
+    }
+    ~Bitmap() { K_FreeBitmap(&bm); }
+    Bitmap(const Bitmap&) = delete;
+    Bitmap& operator=(const Bitmap&) = delete;
+};
+
 // A bitmap of one kind holding random pixels, and its reference.
 struct Source {
     KindBitmap kb;
