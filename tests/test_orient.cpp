@@ -90,51 +90,49 @@ TEST(Orient, ChangePerspectiveIntoAnotherRecord) {
     EXPECT_TRUE(dst.intact());
 }
 
-// Flip and reverse act on the viewed image: stored rows for 1..4, stored
-// columns for 5..8; the region moves with the pixels; every storage kind; the
-// stored-axis forms undo them. A half turn (top-left view) turns the stored
-// pixels; caller memory may get a block of its own.
-TEST(Orient, FlipReverseAndHalfTurnOnEveryKind) {
-    for (int bpp : kDepths)
-        for (Kind k : tkit::kindsFor(bpp))
-            for (int persp : {1, 6})
-                for (int op = 0; op < (persp == 1 ? 3 : 2); ++op) {
-                    SCOPED_TRACE(::testing::Message() << kindName(k) << " bpp " << bpp << " persp " << persp << " op " << op);
-                    Sample a(k, 9, 7, bpp, uint32_t(bpp + op));
-                    ASSERT_EQ(a.kb.rc, KS_SUCCESS);
-                    a.bm()->nViewPerspective = persp;
-                    const uint32_t kind = kindOf(a.bm());
-                    const bool rows = (op == 0) == (persp < 5);
-                    ASSERT_EQ(op == 2 ? K_RotateBitmap(a.bm(), 18000, 0, 0) : op ? K_ReverseBitmap(a.bm()) : K_FlipBitmap(a.bm()), KS_SUCCESS);
-                    EXPECT_TRUE(a.holds(op == 2 ? halfTurned : rows ? flipped : mirrored));
-                    if (op < 2 || (k != Kind::CallerMemory && k != Kind::CallbackMemory)) { EXPECT_EQ(kindOf(a.bm()), kind); }
-                    ASSERT_EQ(op == 2 ? K_RotateBitmap(a.bm(), 18000, 0, 0) : rows ? K_IntFlipBitmap(a.bm()) : K_IntReverseBitmap(a.bm()),
-                              KS_SUCCESS);
-                    EXPECT_TRUE(a.holds(same));
+// Flips, mirrors, half and quarter turns in sequence on every depth and storage kind, the region along: after
+// each step the stored pixels and the region are the oracle's transform of the originals. Flip and reverse act
+// on the viewed image (stored columns in the perspectives 5..8), the stored-axis forms undo them; a quarter turn
+// swaps the resolutions; the storage kind stays (caller memory may get a block of its own when turned). Large
+// images go band by band into storage of their own kind: forced with a tiny band budget and copy limit.
+TEST(Orient, FlipsAndTurnsInSequenceOnEveryKind) {
+    using B = BITMAPRECORD*;
+    int32_t (*half)(B) = [](B b) { return K_RotateBitmap(b, 18000, 0, 0); };
+    int32_t (*cw)(B) = [](B b) { return K_RotateBitmap90(b, 1, 0, 100); };
+    int32_t (*ccw)(B) = [](B b) { return K_RotateBitmap90(b, 0, 0, 100); };
+    const struct {
+        int persp;
+        int32_t (*call)(B);
+        Grid (*want)(const Grid&);
+    } steps[] = {
+        {1, K_FlipBitmap, flipped}, {1, K_IntFlipBitmap, same}, {1, K_ReverseBitmap, mirrored}, {1, K_IntReverseBitmap, same},
+        {6, K_FlipBitmap, mirrored}, {6, K_IntReverseBitmap, same}, {6, K_ReverseBitmap, flipped}, {6, K_IntFlipBitmap, same},
+        {1, half, halfTurned}, {1, half, same}, {1, cw, turnedCw}, {1, cw, halfTurned}, {1, ccw, turnedCw},
+        {1, cw, halfTurned}, {1, cw, turnedCcw}, {1, cw, same},
+    };
+    for (bool banded : {false, true}) {
+        krn::setTurnCopyLimit(banded ? 1 : 0);
+        krn::setTurnBandBytes(banded ? 64 : 0);
+        for (int bpp : kDepths)
+            for (Kind k : tkit::kindsFor(bpp)) {
+                if (banded && (k < Kind::TilesMemory || (bpp != 1 && bpp != 4 && bpp != 12 && bpp != 24))) continue;
+                SCOPED_TRACE(::testing::Message() << kindName(k) << " bpp " << bpp << (banded ? " banded" : ""));
+                Sample a(k, 13, 5, bpp, uint32_t(bpp * 7 + banded));
+                ASSERT_EQ(a.kb.rc, KS_SUCCESS);
+                a.bm()->nXResolution = 200, a.bm()->nYResolution = 75;
+                const uint32_t kind = kindOf(a.bm());
+                for (size_t i = 0; i < std::size(steps); ++i) {
+                    a.bm()->nViewPerspective = steps[i].persp;
+                    ASSERT_EQ(steps[i].call(a.bm()), KS_SUCCESS) << "step " << i;
+                    EXPECT_TRUE(a.holds(steps[i].want)) << "step " << i;
+                    const bool sideways = steps[i].want == turnedCw || steps[i].want == turnedCcw;
+                    EXPECT_EQ(a.bm()->nXResolution, sideways ? 75 : 200) << "step " << i;
+                    if (i < 8 || (k != Kind::CallerMemory && k != Kind::CallbackMemory)) { EXPECT_EQ(kindOf(a.bm()), kind) << i; }
                 }
-}
-
-// Quarter turns on odd sizes, every depth and storage kind, region along:
-// one turn matches the oracle, two are a half turn, a turn back and three more
-// the identity; the storage kind stays and the resolutions swap.
-TEST(Orient, QuarterTurnIdentitiesOnEveryKind) {
-    for (int bpp : kDepths)
-        for (Kind k : tkit::kindsFor(bpp)) {
-            SCOPED_TRACE(::testing::Message() << kindName(k) << " bpp " << bpp);
-            Sample a(k, 13, 5, bpp, uint32_t(bpp * 7));
-            ASSERT_EQ(a.kb.rc, KS_SUCCESS);
-            a.bm()->nXResolution = 200, a.bm()->nYResolution = 75;
-            const uint32_t kind = kindOf(a.bm());
-            ASSERT_EQ(K_RotateBitmap90(a.bm(), 1, 0, 100), KS_SUCCESS);
-            EXPECT_EQ(a.bm()->nWidth * 10000 + a.bm()->nHeight * 100 + a.bm()->nXResolution, 51375);
-            EXPECT_TRUE(a.holds(turnedCw));
-            if (k != Kind::CallerMemory && k != Kind::CallbackMemory) { EXPECT_EQ(kindOf(a.bm()), kind); }
-            ASSERT_EQ(K_RotateBitmap90(a.bm(), 1, 0, 100), KS_SUCCESS);
-            EXPECT_TRUE(a.holds(halfTurned));
-            for (int turn : {0, 1, 1, 1}) ASSERT_EQ(K_RotateBitmap90(a.bm(), turn, 0, 100), KS_SUCCESS);
-            EXPECT_TRUE(a.holds(same));
-            EXPECT_EQ(a.bm()->nXResolution, 200);
-        }
+            }
+    }
+    krn::setTurnCopyLimit(0);
+    krn::setTurnBandBytes(0);
 }
 
 // The mirrored perspectives turn the stored pixels the other way, so the
@@ -149,23 +147,6 @@ TEST(Orient, QuarterTurnTurnsTheViewedImage) {
                 const Grid view = viewed(a.pixels, persp);
                 EXPECT_TRUE(viewed(stored(a.bm()), persp) == (turn ? turnedCw(view) : turnedCcw(view))) << bpp << " " << persp;
             }
-}
-
-// Large images go band by band into storage of their own kind: forced here
-// with a tiny band budget and copy limit.
-TEST(Orient, BandedTurnIntoOwnStorage) {
-    krn::setTurnCopyLimit(1);
-    krn::setTurnBandBytes(64);
-    for (int bpp : {1, 4, 12, 24})
-        for (Kind k : {Kind::TilesMemory, Kind::TilesFile, Kind::Disk, Kind::Compressed, Kind::SuperCompressed}) {
-            if ((k == Kind::Compressed && bpp != 1) || (k == Kind::SuperCompressed && bpp != 1 && bpp != 24)) continue;
-            Sample a(k, 37, 29, bpp, 5u + uint32_t(bpp));
-            ASSERT_EQ(a.kb.rc, KS_SUCCESS);
-            ASSERT_EQ(K_RotateBitmap90(a.bm(), 0, 0, 100), KS_SUCCESS);
-            EXPECT_TRUE(a.holds(turnedCcw)) << kindName(k) << " bpp " << bpp;
-        }
-    krn::setTurnCopyLimit(0);
-    krn::setTurnBandBytes(0);
 }
 
 // Relabels follow the tables and agree with the viewed images; the quarter
