@@ -219,17 +219,15 @@ TEST(CombineBadInput, FlagWordsRecordsAndRectangles) {
 int32_t gPercent = 0;
 TEST(CombineFaults, AllocationFailureWalkLeavesTheDestination) {
     storagetest::CapGuard cap;
+    const Kind B = Kind::SingleBlock, S = Kind::SuperCompressed;
+    const uint32_t A = CombineAlphaOver;
     const struct {
         int32_t bpp;
         uint32_t mode;  // 9: a source of another perspective
         Kind kind;
         uint32_t flags;
-    } cases[] = {{1, 0, Kind::SingleBlock, CombineXor}, {1, 2, Kind::SingleBlock, CombineXor},
-                 {4, 0, Kind::SingleBlock, CombineAlphaOver}, {4, 2, Kind::SingleBlock, CombineAlphaOver},
-                 {24, 0, Kind::SingleBlock, CombineAlphaOver}, {24, 2, Kind::SingleBlock, CombineAlphaOver},
-                 {24, 9, Kind::SingleBlock, CombineMaximum}, {32, 0, Kind::SingleBlock, CombineAlphaOver},
-                 {32, 2, Kind::SingleBlock, CombineAlphaOver}, {1, 0, Kind::SuperCompressed, CombineOr | COMBINE_SRC_INVERT},
-                 {8, 0, Kind::SuperCompressed, CombineAdd}};
+    } cases[] = {{1, 0, B, CombineXor}, {1, 2, B, CombineXor}, {4, 0, B, A}, {4, 2, B, A}, {24, 0, B, A}, {24, 2, B, A},
+                 {24, 9, B, CombineMaximum}, {32, 0, B, A}, {32, 2, B, A}, {1, 0, S, CombineOr | COMBINE_SRC_INVERT}, {8, 0, S, CombineAdd}};
     StatusScope scope([](int32_t pct, void*) { return gPercent = std::max(gPercent, pct), 1; }, nullptr);
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.bpp << " mode " << c.mode << " " << kindName(c.kind));
@@ -295,8 +293,7 @@ TEST(CombineRegions, NothingOutsideTheRegionChanges) {
         RefImage d = randomImage(W, H, f.bpp, 21), s = randomImage(W, H, f.bpp, 22);
         Bmp dst(W, H, f), src(W, H, f, s);
         RECT a{3, 2, 30, 15}, b{10, 8, 40, 22};
-        ASSERT_EQ(K_SetBitmapRgnRect(&dst.bm, nullptr, &a, RGN_SET_REPLACE), KS_SUCCESS);
-        ASSERT_EQ(K_SetBitmapRgnRect(&dst.bm, nullptr, &b, RGN_SET_XOR), KS_SUCCESS);
+        ASSERT_EQ(K_SetBitmapRgnRect(&dst.bm, nullptr, &a, RGN_SET_REPLACE) | K_SetBitmapRgnRect(&dst.bm, nullptr, &b, RGN_SET_XOR), KS_SUCCESS);
         for (uint32_t flags : {uint32_t(CombineXor), uint32_t(CombineAdd), 0x0030u, uint32_t(CombineAlphaOver | 0x1000)}) {
             putImage(&dst.bm, d);
             ASSERT_EQ(K_CombineBitmapKrn(&dst.bm, 1, 1, 35, 20, &src.bm, 4, 2, flags), KS_SUCCESS);
@@ -324,8 +321,7 @@ TEST(CombineStorage, EveryKindOnBothSides) {
                     ASSERT_EQ(db.rc | sb.rc, KS_SUCCESS);
                     db.bm.nViewPerspective = sb.bm.nViewPerspective = TOP_LEFT;
                     db.bm.nOrder = sb.bm.nOrder = f.order;
-                    putImage(&db.bm, d);
-                    putImage(&sb.bm, s);
+                    ASSERT_EQ(putImage(&db.bm, d) | putImage(&sb.bm, s), KS_SUCCESS);
                     ASSERT_EQ(K_CombineBitmapKrn(&db.bm, 2, 1, 40, 11, &sb.bm, 3, 2, flags), KS_SUCCESS);
                     EXPECT_EQ(getImage(&db.bm).px, want.px) << bpp << " " << kindName(dk) << " <- " << kindName(sk);
                 }
@@ -363,8 +359,8 @@ TEST(CombinePerspective, RectanglesAreMappedIntoEachBitmap) {
 
 // A bitmap combined with itself, overlapping rectangles: as if the source were read first.
 TEST(CombineOverlap, SameBitmapReadsTheSourceBeforeWriting) {
+    RefImage img = randomImage(20, 20, 8, 51);
     for (int32_t dy : {-3, 3}) {
-        RefImage img = randomImage(20, 20, 8, 51);
         Bmp b(20, 20, {8, 0}, img);
         ASSERT_EQ(K_CombineBitmapKrn(&b.bm, 2, 5 + dy, 15, 10, &b.bm, 0, 5, CombineAdd), KS_SUCCESS);
         EXPECT_EQ(getImage(&b.bm).px, expected(img, img, {8, 0}, CombineAdd, 2, 5 + dy, 15, 10, 0, 5).px) << dy;
