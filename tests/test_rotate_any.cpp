@@ -127,26 +127,38 @@ struct OracleCase {
     uint32_t interp;
     int32_t angle;
     bool resize;
+    int shear = 0;  // 1 horizontal, 2 vertical (with a transparent fill)
 };
 class RotateOracle : public ::testing::TestWithParam<OracleCase> {};
 
+// Rotations (and shears) of smooth images, nearest of random ones, against the plain inverse mapping; the
+// uncovered pixels get the fill colour (a shear grows by tan(angle) times the other side).
 TEST_P(RotateOracle, MatchesPlainInverseMapping) {
     const OracleCase p = GetParam();
-    const int W = 41, H = 26;
+    const int W = p.shear ? 30 : 41, H = p.shear ? 21 : 26;
     RefImage src = smooth(W, H, p.bpp);
     if (p.interp == ROTATE_NEAREST) src.randomize(uint32_t(p.bpp * 31 + p.angle));
     Bm b(src);
-    const uint32_t fill = 0x00336699;  // r 0x99, g 0x66, b 0x33
-    ASSERT_EQ(K_RotateBitmap(&b.bm, p.angle, p.interp | (p.resize ? ROTATE_RESIZE : 0) | ROTATE_NO_SHORTCUTS, fill),
-              KS_SUCCESS);
+    const uint32_t fill = p.shear ? 0 : 0x00336699;  // r 0x99, g 0x66, b 0x33
+    const uint32_t flags = p.interp | (p.resize ? ROTATE_RESIZE : 0);
+    ASSERT_EQ(p.shear ? K_ShearBitmap(&b.bm, p.angle, flags | ROTATE_FILL_TRANSPARENT | (p.shear == 2 ? SHEAR_VERTICAL : 0), 0)
+                      : K_RotateBitmap(&b.bm, p.angle, flags | ROTATE_NO_SHORTCUTS, fill), KS_SUCCESS);
     EXPECT_EQ(b.bm.nViewPerspective, 1);
     RefImage got = getImage(&b.bm);
     uint8_t fillPx[8] = {0};
-    if (p.bpp == 8 || p.bpp == 16) fillPx[0] = fillPx[1] = (2 * 0x99 + 5 * 0x66 + 0x33 + 4) >> 3;
-    if (p.bpp == 24 || p.bpp == 32) fillPx[0] = 0x33, fillPx[1] = 0x66, fillPx[2] = 0x99, fillPx[3] = 0xFF;
-    if (p.bpp >= 48)
-        for (int k = 0; k < 8; ++k) fillPx[k] = k < 6 ? uint8_t(k < 2 ? 0x33 : k < 4 ? 0x66 : 0x99) : 0xFF;
-    expectOracle(src, got, Inverse(p.angle, W, H, got.width, got.height), p.interp, fillPx,
+    if (!p.shear && (p.bpp == 8 || p.bpp == 16)) fillPx[0] = fillPx[1] = (2 * 0x99 + 5 * 0x66 + 0x33 + 4) >> 3;
+    if (!p.shear && (p.bpp == 24 || p.bpp == 32)) fillPx[0] = 0x33, fillPx[1] = 0x66, fillPx[2] = 0x99, fillPx[3] = 0xFF;
+    for (int k = 0; !p.shear && p.bpp >= 48 && k < 8; ++k) fillPx[k] = k < 6 ? uint8_t(k < 2 ? 0x33 : k < 4 ? 0x66 : 0x99) : 0xFF;
+    const int32_t a = (p.angle + 36000) % 36000;
+    const double t = p.shear ? double(K_SinValue(a)) / K_CosValue(a) : 0, sc = (W - 1) / 2.0, sr = (H - 1) / 2.0;
+    const double dc = (got.width - 1) / 2.0, dr = (got.height - 1) / 2.0;
+    if (p.shear) {
+        EXPECT_EQ(p.shear == 2 ? got.height - H : got.width - W, int(std::ceil(std::fabs(t) * (p.shear == 2 ? W : H) - 1.0 / 64)));
+    }
+    const MapFn shear = [&](int i, int j, double* x, double* y) {
+        *x = sc + (i - dc) - (p.shear == 1 ? t * (j - dr) : 0), *y = sr + (j - dr) - (p.shear == 2 ? t * (i - dc) : 0);
+    };
+    expectOracle(src, got, p.shear ? shear : MapFn(Inverse(p.angle, W, H, got.width, got.height)), p.interp, fillPx,
                  p.interp == ROTATE_NEAREST ? 0 : 1);
 }
 const uint32_t N = ROTATE_NEAREST, L = ROTATE_BILINEAR, C = ROTATE_BICUBIC;
@@ -156,7 +168,12 @@ INSTANTIATE_TEST_SUITE_P(Table, RotateOracle,
                              {8, L, 1000, true}, {16, L, 33000, false}, {24, L, 4500, true}, {32, L, -2500, true},
                              {32, L, 12345, false}, {48, L, 7000, true}, {64, L, -6000, true}, {8, C, 2000, true},
                              {24, C, -4000, false}, {32, C, 15000, true}, {48, C, 3000, true}, {64, C, 25000, true},
-                             {32, L, 9000, false}}));
+                             {32, L, 9000, false},
+                             // Shears (45 degrees: the growth a whole number of pixels).
+                             {8, L, 1500, true, 1}, {8, L, -3000, true, 1}, {8, L, 4500, true, 1}, {8, L, 6000, true, 1},
+                             {32, L, 1500, true, 1}, {32, L, -3000, true, 1}, {32, L, 4500, true, 1}, {32, L, 6000, true, 1},
+                             {8, L, 1500, true, 2}, {8, L, -3000, true, 2}, {8, L, 4500, true, 2}, {8, L, 6000, true, 2},
+                             {32, L, 1500, true, 2}, {32, L, -3000, true, 2}, {32, L, 4500, true, 2}, {32, L, 6000, true, 2}}));
 
 // Quarter and half turns equal index arithmetic at every depth, with and
 // without the short cuts, and turn the viewed image clockwise in every
@@ -258,31 +275,6 @@ TEST(RotateAny, RegionTurnsWithThePixels) {
             }
         EXPECT_EQ(mismatches, 0) << angle;
     }
-}
-
-TEST(RotateAny, ShearMatchesPlainMapping) {
-    for (bool vertical : {false, true})
-        for (int32_t angle : {1500, -3000, 4500, 6000})  // 45 degrees: the growth a whole number of pixels
-            for (int bpp : {8, 32}) {
-                SCOPED_TRACE(::testing::Message() << (vertical ? "vertical " : "horizontal ") << angle << " " << bpp);
-                const int W = 30, H = 21;
-                RefImage src = smooth(W, H, bpp);
-                Bm b(src);
-                const uint32_t flags = ROTATE_BILINEAR | ROTATE_RESIZE | ROTATE_FILL_TRANSPARENT;
-                ASSERT_EQ(K_ShearBitmap(&b.bm, angle, flags | (vertical ? SHEAR_VERTICAL : 0), 0), KS_SUCCESS);
-                RefImage got = getImage(&b.bm);
-                const double t = double(K_SinValue((angle + 36000) % 36000)) / K_CosValue((angle + 36000) % 36000);
-                EXPECT_EQ(vertical ? got.height - H : got.width - W,
-                          int(std::ceil(std::fabs(t) * (vertical ? W : H) - 1.0 / 64)));
-                const double sc = (W - 1) / 2.0, sr = (H - 1) / 2.0;
-                const double dc = (got.width - 1) / 2.0, dr = (got.height - 1) / 2.0;
-                MapFn map = [&](int i, int j, double* x, double* y) {
-                    if (!vertical) *x = sc + (i - dc) - t * (j - dr), *y = sr + (j - dr);
-                    else *x = sc + (i - dc), *y = sr + (j - dr) - t * (i - dc);
-                };
-                const uint8_t fill[8] = {0};
-                expectOracle(src, got, map, ROTATE_BILINEAR, fill, 1);
-            }
 }
 
 TEST(RotateAny, BadInputGetsAClearCodeAndChangesNothing) {

@@ -137,15 +137,14 @@ TEST(TransformFailures, StatusCallbackStopChangesNothing) {
 
 TEST(TransformKinds, EveryStorageKindGivesTheSingleBlockResult) {
     storagetest::CapGuard guard;
-    using Call = std::function<int32_t(BITMAPRECORD*, BITMAPRECORD*)>;
+    using B = BITMAPRECORD*;
+    using Call = std::function<int32_t(B, B)>;
     auto res = [](int bits, uint32_t flags) -> Call {
-        return [=](BITMAPRECORD* s, BITMAPRECORD* d) { return K_ColorResBitmap(s, d, bits, flags, nullptr, 0, BITMAPRECORD_SIZE); };
+        return [=](B s, B d) { return K_ColorResBitmap(s, d, bits, flags, nullptr, 0, BITMAPRECORD_SIZE); };
     };
-    auto size = [](uint32_t flags) -> Call {
-        return [=](BITMAPRECORD* s, BITMAPRECORD*) { return K_SizeBitmap(s, 29, 41, flags); };
-    };
+    auto size = [](uint32_t flags) -> Call { return [=](B s, B) { return K_SizeBitmap(s, 29, 41, flags); }; };
     auto rotate = [](uint32_t interp) -> Call {
-        return [=](BITMAPRECORD* s, BITMAPRECORD*) { return K_RotateBitmap(s, 2900, interp | ROTATE_RESIZE, 0x123456); };
+        return [=](B s, B) { return K_RotateBitmap(s, 2900, interp | ROTATE_RESIZE, 0x123456); };
     };
     const struct {
         const char* name;
@@ -156,15 +155,11 @@ TEST(TransformKinds, EveryStorageKindGivesTheSingleBlockResult) {
         {"fixed palette", {24}, res(8, CRF_FIXEDPALETTE | CRF_NODITHERING), true, false},
         {"dithered", {24}, res(4, CRF_FIXEDPALETTE | CRF_DITHER(1)), false, false},
         {"optimised", {24}, res(8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING), true, false},
-        {"deep", {8}, res(24, CRF_BYTEORDERBGR), false, false},
+        {"deep", {8}, res(24, CRF_BYTEORDERBGR), false, false}, {"to 1 bit", {8}, res(1, CRF_NODITHERING), true, false},
         {"dithered from a palette", {8}, res(4, CRF_FIXEDPALETTE | CRF_DITHER(1)), true, false},
-        {"to 1 bit", {8}, res(1, CRF_NODITHERING), true, false},
-        {"565", {1}, res(16, CRF_BYTEORDER565), false, false},
-        {"grey", {24}, res(16, CRF_BYTEORDERGRAY), true, false},
-        {"nearest size", {1, 8, 24, 32}, size(0), false, false},
-        {"resample", {1, 8, 24, 32}, size(SIZE_RESAMPLE), false, false},
-        {"bicubic", {1, 8, 24, 32}, size(SIZE_BICUBIC), false, false},
-        {"lanczos", {24, 32}, size(SIZE_LANCZOS), false, false},
+        {"565", {1}, res(16, CRF_BYTEORDER565), false, false}, {"grey", {24}, res(16, CRF_BYTEORDERGRAY), true, false},
+        {"nearest size", {1, 8, 24, 32}, size(0), false, false}, {"resample", {1, 8, 24, 32}, size(SIZE_RESAMPLE), false, false},
+        {"bicubic", {1, 8, 24, 32}, size(SIZE_BICUBIC), false, false}, {"lanczos", {24, 32}, size(SIZE_LANCZOS), false, false},
         {"nearest rotation", {1}, rotate(ROTATE_NEAREST), false, true},
         {"bicubic rotation", {8, 24, 32}, rotate(ROTATE_BICUBIC), false, true},
     };
@@ -188,9 +183,7 @@ TEST(TransformKinds, EveryStorageKindGivesTheSingleBlockResult) {
                 }
                 if (want.empty()) want = got;
                 EXPECT_EQ(got, want);
-                if (c.sameKind && (kind == 128 || kind == MEMTYPE_COMPRESSED || kind == MEMTYPE_SUPERCOMPRESSED)) {
-                    EXPECT_EQ(kindOf(dst), kind);
-                }
+                if (c.sameKind && (kind == 128 || kind == MEMTYPE_COMPRESSED || kind == MEMTYPE_SUPERCOMPRESSED)) { EXPECT_EQ(kindOf(dst), kind); }
                 if (c.newRecord) K_FreeBitmap(&out);
             }
         }
