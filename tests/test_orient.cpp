@@ -38,8 +38,6 @@ struct Sample {
     template <class F>
     bool holds(F&& f) { return stored(bm()) == f(pixels) && regionGrid(bm()) == f(mask); }
 };
-Grid halfTurned(const Grid& g) { return flipped(mirrored(g)); }
-Grid turnedCcw(const Grid& g) { return turnedCw(halfTurned(g)); }
 Grid same(const Grid& g) { return g; }
 
 }  // namespace
@@ -133,20 +131,6 @@ TEST(Orient, FlipsAndTurnsInSequenceOnEveryKind) {
     }
     krn::setTurnCopyLimit(0);
     krn::setTurnBandBytes(0);
-}
-
-// The mirrored perspectives turn the stored pixels the other way, so the
-// viewed image always turns clockwise for bTurn 1 (and back for 0).
-TEST(Orient, QuarterTurnTurnsTheViewedImage) {
-    for (int bpp : {1, 4, 8, 24, 32, 64})
-        for (int persp = 1; persp <= 8; ++persp)
-            for (int turn : {0, 1}) {
-                Sample a(Kind::SingleBlock, 13, 6, bpp, uint32_t(persp * bpp + turn), false);
-                a.bm()->nViewPerspective = persp;
-                ASSERT_EQ(K_RotateBitmap90(a.bm(), turn, 0, 100), KS_SUCCESS);
-                const Grid view = viewed(a.pixels, persp);
-                EXPECT_TRUE(viewed(stored(a.bm()), persp) == (turn ? turnedCw(view) : turnedCcw(view))) << bpp << " " << persp;
-            }
 }
 
 // Relabels follow the tables and agree with the viewed images; the quarter

@@ -194,16 +194,21 @@ TEST(RotateAny, RightAnglesEqualIndexArithmetic) {
                 EXPECT_TRUE(stored(&b.bm) == want);
                 EXPECT_EQ(b.bm.nXResolution, angle % 18000 ? 100 : 300) << "a quarter turn swaps the resolutions";
             }
-    for (int32_t persp = 1; persp <= 8; ++persp)
-        for (uint32_t flags : {ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, uint32_t(ROTATE_RESIZE)}) {
-            SCOPED_TRACE(::testing::Message() << "perspective " << persp << " flags " << flags);
-            Bm b(6, 4, 8, ORDER_GRAY, persp);
-            const Grid g = randomGrid(6, 4, 8, uint32_t(persp));
-            ASSERT_TRUE(store(&b.bm, g));
-            ASSERT_EQ(K_RotateBitmap(&b.bm, 9000, flags, 0), KS_SUCCESS);
-            EXPECT_TRUE(b.bm.nViewPerspective == 1 || b.bm.nViewPerspective == 4);
-            EXPECT_TRUE(viewed(stored(&b.bm), b.bm.nViewPerspective) == turnedCw(viewed(g, persp)));
-        }
+    // In every perspective: K_RotateBitmap (left in a top view) and K_RotateBitmap90 (keeping the perspective; its
+    // mirrored perspectives turn the stored pixels the other way) turn the viewed image clockwise (bTurn 0: back).
+    for (int bpp : {1, 4, 8, 24, 32, 64})
+        for (int32_t persp = 1; persp <= 8; ++persp)
+            for (int how = 0; how < 4; ++how) {
+                SCOPED_TRACE(::testing::Message() << bpp << " bits, perspective " << persp << " call " << how);
+                Bm b(13, 6, bpp, -1, persp);
+                const Grid g = randomGrid(13, 6, bpp, uint32_t(persp * bpp + how));
+                ASSERT_TRUE(store(&b.bm, g));
+                ASSERT_EQ(how < 2 ? K_RotateBitmap(&b.bm, 9000, ROTATE_RESIZE | (how ? 0 : ROTATE_NO_SHORTCUTS), 0)
+                                  : K_RotateBitmap90(&b.bm, how == 2, 0, 100), KS_SUCCESS);
+                const int now = b.bm.nViewPerspective;
+                EXPECT_TRUE(how < 2 ? now == 1 || now == 4 : now == persp);
+                EXPECT_TRUE(viewed(stored(&b.bm), now) == (how == 3 ? turnedCcw(viewed(g, persp)) : turnedCw(viewed(g, persp))));
+            }
 }
 
 // Nearest turns of 1, 2, 4 and 12-bit images equal the 8/16-bit turn of the
