@@ -182,30 +182,23 @@ TEST(CombineBadInput, FlagWordsRecordsAndRectangles) {
     const Format f{8, 0};
     RefImage d = randomImage(9, 3, 8, 5), s = randomImage(9, 3, 8, 6);
     Bmp dst(9, 3, f, d), src(9, 3, f, s), other(9, 3, {24, 1});
-    for (uint32_t flags : {0x0004u, 0x000Fu, 0x0040u, 0x00F0u, 0x0E00u, 0x0F00u, 0x4000u, 0xF000u, 0x10000u, 0xFFFFFFFFu, 0x1000C00u}) {
-        EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 9, 3, &src.bm, 0, 0, flags), KS_INVALID_PARAMETER) << flags;
-        EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 9, 3, nullptr, 0, 0, flags), KS_INVALID_PARAMETER) << flags;
-    }
+    const auto C = K_CombineBitmapKrn;
+    BITMAPRECORD *D = &dst.bm, *S = &src.bm, empty, badS = src.bm, badD = dst.bm;
+    for (uint32_t flags : {0x0004u, 0x000Fu, 0x0040u, 0x00F0u, 0x0E00u, 0x0F00u, 0x4000u, 0xF000u, 0x10000u, 0xFFFFFFFFu, 0x1000C00u})
+        EXPECT_EQ(C(D, 0, 0, 9, 3, S, 0, 0, flags) * 100 + C(D, 0, 0, 9, 3, nullptr, 0, 0, flags), KS_INVALID_PARAMETER * 101) << flags;
     for (uint32_t flags = 0; flags <= 0x1FFFF; flags += 7)  // refused exactly when a field is out of range
-        ASSERT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 0, 0, &src.bm, 0, 0, flags) == KS_INVALID_PARAMETER,
-                  !combinetest::validFlags(flags)) << flags;
-    BITMAPRECORD empty, badS = src.bm, badD = dst.bm;
+        ASSERT_EQ(C(D, 0, 0, 0, 0, S, 0, 0, flags) == KS_INVALID_PARAMETER, !combinetest::validFlags(flags)) << flags;
     K_InitBitmap(&empty, BITMAPRECORD_SIZE, 9, 3, 8);
     badS.uStructSize = badD.uStructSize = 100;
     const int32_t big = INT32_MAX, small = INT32_MIN, P = KS_INVALID_PARAMETER, A = CombineAdd;
-    BITMAPRECORD* D = &dst.bm;
     const std::pair<int32_t, int32_t> cases[] = {  // (answer, wanted)
-        {K_CombineBitmapKrn(nullptr, 0, 0, 1, 1, &src.bm, 0, 0, 0), P},
-        {K_CombineBitmapKrn(&empty, 0, 0, 1, 1, &src.bm, 0, 0, 0), P},
-        {K_CombineBitmapKrn(D, 0, 0, 1, 1, nullptr, 0, 0, A), P}, {K_CombineBitmapKrn(D, 0, 0, 1, 1, &empty, 0, 0, A), P},
-        {K_CombineBitmapKrn(D, 0, 0, 1, 1, &other.bm, 0, 0, A), KS_INVALID_BITS_PER_PIXEL},
-        {K_CombineBitmapKrn(D, 0, 0, -1, 1, &src.bm, 0, 0, A), P},
-        {K_CombineBitmapKrn(D, 0, 0, 1, 1, &badS, 0, 0, A), KS_INVALID_STRUCT_SIZE},
-        {K_CombineBitmapKrn(&badD, 0, 0, 1, 1, &src.bm, 0, 0, A), KS_INVALID_STRUCT_SIZE},
+        {C(nullptr, 0, 0, 1, 1, S, 0, 0, 0), P}, {C(&empty, 0, 0, 1, 1, S, 0, 0, 0), P}, {C(D, 0, 0, 1, 1, nullptr, 0, 0, A), P},
+        {C(D, 0, 0, 1, 1, &empty, 0, 0, A), P}, {C(D, 0, 0, 1, 1, &other.bm, 0, 0, A), KS_INVALID_BITS_PER_PIXEL},
+        {C(D, 0, 0, -1, 1, S, 0, 0, A), P}, {C(D, 0, 0, 1, 1, &badS, 0, 0, A), KS_INVALID_STRUCT_SIZE},
+        {C(&badD, 0, 0, 1, 1, S, 0, 0, A), KS_INVALID_STRUCT_SIZE},
         // Rectangles far outside either bitmap, or at the ends of the coordinate range, change nothing.
-        {K_CombineBitmapKrn(D, big, big, big, big, &src.bm, small, small, A), KS_SUCCESS},
-        {K_CombineBitmapKrn(D, small, small, big, big, &src.bm, big, big, A), KS_SUCCESS},
-        {K_CombineBitmapKrn(D, -20, 0, 20, 3, &src.bm, 0, 0, A), KS_SUCCESS},
+        {C(D, big, big, big, big, S, small, small, A), KS_SUCCESS}, {C(D, small, small, big, big, S, big, big, A), KS_SUCCESS},
+        {C(D, -20, 0, 20, 3, S, 0, 0, A), KS_SUCCESS},
     };
     for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
     EXPECT_EQ(getImage(&dst.bm).px, d.px);
