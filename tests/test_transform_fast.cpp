@@ -32,8 +32,6 @@ std::vector<uint8_t> randomBytes(size_t n, std::mt19937& rng) {
     return v;
 }
 
-// ---------------------------------------------------------------- combining
-
 krn::CombineFormat combineFormat(const Format& f) {
     BITMAPRECORD rec{};
     rec.nBitsPerPixel = f.bpp, rec.nOrder = f.order;
@@ -126,7 +124,7 @@ TEST(CombineFastAlphaOver, EveryAlphaPairWithExtremeColours) {
     static const uint8_t fixed[][2] = {{0, 0}, {255, 255}, {255, 0}, {0, 255}, {1, 254}, {254, 1}, {255, 254}, {254, 255}};
     std::mt19937 rng(7);
     const uint32_t n = 65536 * 16;
-    std::vector<uint8_t> s(4 * size_t(n)), d(4 * size_t(n));
+    std::vector<uint8_t> s(4 * size_t(n)), d(4 * size_t(n)), scratch(krn::combineScratchBytes(n, 32));
     for (uint32_t k = 0; k < n; ++k) {
         const uint32_t pair = k / 16, j = k % 16;
         for (int c = 0; c < 3; ++c) {
@@ -135,22 +133,19 @@ TEST(CombineFastAlphaOver, EveryAlphaPairWithExtremeColours) {
         }
         s[4 * k + 3] = uint8_t(pair & 255), d[4 * k + 3] = uint8_t(pair >> 8);
     }
-    std::vector<uint8_t> want = d, scratch(krn::combineScratchBytes(n, 32));
+    std::vector<uint8_t> want = d;
     krn::alphaOver8Kernel(0)(plan, cf, {s.data(), 0, want.data(), 0, n, scratch.data()});
     int levels = 0;
     for (int level = 1; level < 4; ++level) {
-        const krn::CombineRowFn fast = krn::alphaOver8Kernel(level);
-        if (!fast) continue;
+        if (!krn::alphaOver8Kernel(level)) continue;
         ++levels;
         std::vector<uint8_t> got = d;
-        fast(plan, cf, {s.data(), 0, got.data(), 0, n, scratch.data()});
+        krn::alphaOver8Kernel(level)(plan, cf, {s.data(), 0, got.data(), 0, n, scratch.data()});
         const size_t k = size_t(std::mismatch(got.begin(), got.end(), want.begin()).first - got.begin()) / 4;
         EXPECT_EQ(k, n) << "level " << level << " Sa " << (k / 16 & 255) << " Da " << (k / 16 >> 8);
     }
     if (!levels) GTEST_SKIP() << "no SIMD level on this processor";
 }
-
-// ---------------------------------------------------------------- quarter turns
 
 // One block turned by the kernels of `level` and by the plain reference, into
 // destinations whose guards and row slack hold kFill; the source ends where its
@@ -235,8 +230,6 @@ TEST(TransformFast, PublicCallsAgreeWithThePlainPath) {
         }
     }
 }
-
-// ---------------------------------------------------------------- resizing
 
 struct LevelCap {  // caps the resize kernels' vector level for one scope
     explicit LevelCap(int l) { krn::resampletest::setSimdCap(l); }
