@@ -7,6 +7,7 @@
 #include <functional>
 #include <random>
 
+#include "combine_reference.h"
 #include "transform_kit.h"
 
 using namespace tkit;
@@ -352,11 +353,7 @@ TEST(CopyFill, ClearNegativePixelsInsideTheRegion) {
             ASSERT_EQ(K_ClearNegativePixels(src.bm()), KS_SUCCESS);
             RefImage got = getImage(src.bm());
             // Samples in stored byte order: 16 and 32 bits little-endian, 12 bits two per three bytes.
-            auto sample = [&](RefImage& img, int x, int y) -> uint64_t {
-                const uint8_t* p = img.row(y);
-                return c.bpp == 8 ? p[x] : c.bpp == 16 ? le16(p, x)
-                                  : c.bpp == 32 ? le16(p, 2 * x) | uint64_t(le16(p, 2 * x + 1)) << 16 : pixelAt(p, x, 12);
-            };
+            auto sample = [&](RefImage& img, int x, int y) { return combinetest::rawPixel(img.row(y), x, {c.bpp, c.order}); };
             int cleared = 0;
             for (int y = 0; y < 9; ++y)
                 for (int x = 0; x < 31; ++x) {
