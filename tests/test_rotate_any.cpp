@@ -53,19 +53,15 @@ RefImage smooth(int w, int h, int bpp) {
 
 // The inverse map in double, from the table's sine and cosine: destination
 // centre to source centre, clockwise turn by theta as drawn top down.
-struct Inverse {
-    double c, s, scx, scy, dcx, dcy;
-    Inverse(int32_t theta, int sw, int sh, int dw, int dh) {
-        const int32_t a = ((theta % 36000) + 36000) % 36000;
-        c = K_CosValue(a) / 16384.0, s = K_SinValue(a) / 16384.0;
-        scx = (sw - 1) / 2.0, scy = (sh - 1) / 2.0, dcx = (dw - 1) / 2.0, dcy = (dh - 1) / 2.0;
-    }
-    void operator()(int i, int j, double* x, double* y) const {
-        const double dx = i - dcx, dy = j - dcy;
-        *x = scx + c * dx + s * dy, *y = scy - s * dx + c * dy;
-    }
-};
 using MapFn = std::function<void(int, int, double*, double*)>;
+MapFn inverse(int32_t theta, int sw, int sh, int dw, int dh) {
+    const int32_t a = ((theta % 36000) + 36000) % 36000;
+    const double c = K_CosValue(a) / 16384.0, s = K_SinValue(a) / 16384.0;
+    return [=](int i, int j, double* x, double* y) {
+        const double dx = i - (dw - 1) / 2.0, dy = j - (dh - 1) / 2.0;
+        *x = (sw - 1) / 2.0 + c * dx + s * dy, *y = (sh - 1) / 2.0 - s * dx + c * dy;
+    };
+}
 
 // Expected value of channel ch at destination (i, j); false when uncovered.
 bool oracle(RefImage& src, const MapFn& map, int i, int j, uint32_t interp, int ch, double* out) {
@@ -74,10 +70,7 @@ bool oracle(RefImage& src, const MapFn& map, int i, int j, uint32_t interp, int 
     const int W = src.width, H = src.height;
     if (!(x >= -0.5 && x < W - 0.5 && y >= -0.5 && y < H - 0.5)) return false;  // uncovered
     auto at = [&](int xx, int yy, int c) { return chan(src, std::clamp(xx, 0, W - 1), std::clamp(yy, 0, H - 1), c); };
-    if (interp == ROTATE_NEAREST) {
-        *out = at(int(std::floor(x + 0.5)), int(std::floor(y + 0.5)), ch);
-        return true;
-    }
+    if (interp == ROTATE_NEAREST) return *out = at(int(std::floor(x + 0.5)), int(std::floor(y + 0.5)), ch), true;
     // Taps (x, y, weight): the 2 x 2 bilinear ones or the 4 x 4 Catmull-Rom ones.
     const int x0 = int(std::floor(x)), y0 = int(std::floor(y)), r0 = interp == ROTATE_BILINEAR ? 0 : -1;
     auto k = [&](double t) {
@@ -158,7 +151,7 @@ TEST_P(RotateOracle, MatchesPlainInverseMapping) {
     const MapFn shear = [&](int i, int j, double* x, double* y) {
         *x = sc + (i - dc) - (p.shear == 1 ? t * (j - dr) : 0), *y = sr + (j - dr) - (p.shear == 2 ? t * (i - dc) : 0);
     };
-    expectOracle(src, got, p.shear ? shear : MapFn(Inverse(p.angle, W, H, got.width, got.height)), p.interp, fillPx,
+    expectOracle(src, got, p.shear ? shear : inverse(p.angle, W, H, got.width, got.height), p.interp, fillPx,
                  p.interp == ROTATE_NEAREST ? 0 : 1);
 }
 const uint32_t N = ROTATE_NEAREST, L = ROTATE_BILINEAR, C = ROTATE_BICUBIC;
@@ -268,7 +261,7 @@ TEST(RotateAny, RegionTurnsWithThePixels) {
         STATUSCALLBACK now = nullptr;
         K_GetStatusCallBack(&now, nullptr);
         EXPECT_TRUE(now == &StopAfter::cb && log.calls() > 0);
-        Inverse inv(angle, W, H, b.bm.nWidth, b.bm.nHeight);
+        const MapFn inv = inverse(angle, W, H, b.bm.nWidth, b.bm.nHeight);
         int mismatches = 0;
         for (int j = 0; j < b.bm.nHeight; ++j)
             for (int i = 0; i < b.bm.nWidth; ++i) {
