@@ -80,28 +80,28 @@ TEST(ResizeScanLine, EveryDepthEverySizePairTakesFloorOfIOldOverNew) {
 // and doubling of 24-bit rows (the vector paths) with and without the plain
 // path forced, the padding past the last pixel left zero.
 TEST(ResizeNearest, WholeBitmapsFollowTheRule) {
+    struct Case {
+        int32_t bpp, w, h, nw, nh;
+        bool plain;
+    };
+    std::vector<Case> cases;
     for (int32_t bpp : allDepths())
         for (int32_t oldN = 1; oldN <= 64; oldN += 7)
-            for (int32_t newN = 1; newN <= 64; newN += 9) {
-                const int32_t nw = newN, nh = (newN * 3) % 64 + 1;
-                Source src(Kind::SingleBlock, oldN, 65 - oldN, bpp, uint32_t(bpp * 1000 + oldN));
-                ASSERT_EQ(K_SizeBitmap(src.bm(), nw, nh, SIZE_NORMAL), KS_SUCCESS);
-                ASSERT_EQ(src.bm()->nBitsPerPixel, bpp);
-                RefImage after = getImage(src.bm());
-                ASSERT_EQ(nearestRule(src.ref, after), "") << "bpp " << bpp << " " << oldN << " -> " << nw << "x" << nh;
-            }
-    for (bool plain : {false, true}) {
-        krn::resampletest::forcePlain(plain);
+            for (int32_t newN = 1; newN <= 64; newN += 9) cases.push_back({bpp, oldN, 65 - oldN, newN, (newN * 3) % 64 + 1, false});
+    for (bool plain : {false, true})
         for (int32_t w = 1; w <= 70; ++w)
-            for (auto [nw, nh] : {std::pair{w / 2, 3}, {w * 2, 3}, {(w + 1) / 2, 2}}) {
-                if (nw < 1) continue;
-                Source src(Kind::SingleBlock, w, 5, 24, uint32_t(w));
-                ASSERT_EQ(K_SizeBitmap(src.bm(), nw, nh, 0), KS_SUCCESS);
-                RefImage after = getImage(src.bm());
-                ASSERT_EQ(nearestRule(src.ref, after), "") << w << " -> " << nw << " plain " << plain;
-                for (uint32_t b = uint32_t(nw) * 3; b < after.bpl; ++b) ASSERT_EQ(after.px[b], 0) << w << "->" << nw;
-            }
+            for (auto [nw, nh] : {std::pair{w / 2, 3}, {w * 2, 3}, {(w + 1) / 2, 2}})
+                if (nw > 0) cases.push_back({24, w, 5, nw, nh, plain});
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.bpp << " bits " << c.w << "x" << c.h << " -> " << c.nw << "x" << c.nh << " plain " << c.plain);
+        Source src(Kind::SingleBlock, c.w, c.h, c.bpp, uint32_t(c.bpp * 1000 + c.w));
+        krn::resampletest::forcePlain(c.plain);
+        ASSERT_EQ(K_SizeBitmap(src.bm(), c.nw, c.nh, SIZE_NORMAL), KS_SUCCESS);
         krn::resampletest::forcePlain(false);
+        RefImage after = getImage(src.bm());
+        ASSERT_EQ(after.bpp, c.bpp);
+        ASSERT_EQ(nearestRule(src.ref, after), "");
+        for (uint32_t b = uint32_t(c.nw) * 3; c.bpp == 24 && b < after.bpl; ++b) ASSERT_EQ(after.px[b], 0) << b;
     }
 }
 
