@@ -228,7 +228,6 @@ TEST(Copy, OlderRecordLayout) {
     K_FreeBitmap(&d.bm);
 }
 
-// ---------------------------------------------------------------- rectangles, crops and trims
 
 TEST(CopyRect, TrimTable) {
     const struct {

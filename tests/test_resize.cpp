@@ -207,7 +207,6 @@ TEST(ResizeScaleToGray, BlackAndWhiteBecomesGreyBlockMeans) {
     }
 }
 
-// ---------------------------------------------------------------- frame
 
 TEST(ResizeFrame, SameSizeAndBadArguments) {
     Random r(20, 10, 24, 5);
