@@ -123,12 +123,7 @@ TEST(CombinePlan, AgreesWithTheBitLevelDerivation) {
 }
 
 TEST(CombineWorkedCases, Table) {
-    const struct {
-        const char* name;
-        uint32_t flags;
-        Format f;
-        std::vector<uint8_t> src, dst, want;
-    } cases[] = {
+    const struct { const char* name; uint32_t flags; Format f; std::vector<uint8_t> src, dst, want; } cases[] = {
         {"and with all-ones destination copies the source bits", 0x0030, {24, 1}, {0x12, 0xF0, 0x0F}, {0x80, 0x01, 0x7E}, {0x12, 0xF0, 0x0F}},
         {"no operation leaves the destination", 0x0C00, {24, 1}, {0x12, 0xF0, 0x0F}, {0x80, 0x01, 0x7E}, {0x80, 0x01, 0x7E}},
         {"no operation on the inverted destination inverts it", 0x0C10, {24, 1}, {0x12, 0xF0, 0x0F}, {0x80, 0x01, 0x7E}, {0x7F, 0xFE, 0x81}},
@@ -214,13 +209,9 @@ TEST(CombineFaults, AllocationFailureWalkLeavesTheDestination) {
     storagetest::CapGuard cap;
     const Kind B = Kind::SingleBlock, S = Kind::SuperCompressed;
     const uint32_t A = CombineAlphaOver;
-    const struct {
-        int32_t bpp;
-        uint32_t mode;  // 9: a source of another perspective
-        Kind kind;
-        uint32_t flags;
-    } cases[] = {{1, 0, B, CombineXor}, {1, 2, B, CombineXor}, {4, 0, B, A}, {4, 2, B, A}, {24, 0, B, A}, {24, 2, B, A},
-                 {24, 9, B, CombineMaximum}, {32, 0, B, A}, {32, 2, B, A}, {1, 0, S, CombineOr | COMBINE_SRC_INVERT}, {8, 0, S, CombineAdd}};
+    const struct { int32_t bpp; uint32_t mode; Kind kind; uint32_t flags; } cases[] = {  // mode 9: a turned source
+        {1, 0, B, CombineXor}, {1, 2, B, CombineXor}, {4, 0, B, A}, {4, 2, B, A}, {24, 0, B, A}, {24, 2, B, A},
+        {24, 9, B, CombineMaximum}, {32, 0, B, A}, {32, 2, B, A}, {1, 0, S, CombineOr | COMBINE_SRC_INVERT}, {8, 0, S, CombineAdd}};
     StatusScope scope([](int32_t pct, void*) { return gPercent = std::max(gPercent, pct), 1; }, nullptr);
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.bpp << " mode " << c.mode << " " << kindName(c.kind));

@@ -45,10 +45,7 @@ TEST(Copy, BetweenKinds) {
                 EXPECT_EQ(window(&dst.bm, src.ref), "");
             }
     // The whole image, a window of it, and a crop in place into the kind asked for.
-    const struct {
-        uint32_t memory, kind;  // asked, as K_GetBitmapMemoryInfo reports it
-        int bpp;
-    } cases[] = {{1, 1, 8}, {128, 128, 8}, {128, 128, 1}, {512, 512, 1}, {1024, 1024, 1}, {1024, 1024, 8},
+    const struct { uint32_t memory, kind; int bpp; } cases[] = {  // kind: as K_GetBitmapMemoryInfo reports it{1, 1, 8}, {128, 128, 8}, {128, 128, 1}, {512, 512, 1}, {1024, 1024, 1}, {1024, 1024, 8},
                  {1024, 1024, 24}, {257, 1, 24}, {0, 1, 16}, {1, 1, 1}};
     for (const auto& c : cases)
         for (Kind from : kindsFor(c.bpp)) {
@@ -230,11 +227,8 @@ TEST(Copy, OlderRecordLayout) {
 
 
 TEST(CopyRect, TrimTable) {
-    const struct {
-        int32_t col, row;
-        uint32_t w, h;
-        int32_t rc, left, top, width, height;
-    } cases[] = {  // the first trims from column 0; the refused ones lie outside or are empty
+    // The first trims from column 0; the refused ones lie outside or are empty.
+    const struct { int32_t col, row; uint32_t w, h; int32_t rc, left, top, width, height; } cases[] = {
         {-5, -2, 20, 10, KS_SUCCESS, 0, 0, 15, 8}, {10, 5, 1000, 1000, KS_SUCCESS, 10, 5, 20, 15},
         {0, 0, 30, 20, KS_SUCCESS, 0, 0, 30, 20}, {INT32_MIN, 0, 0xFFFFFFFFu, 5, KS_SUCCESS, 0, 0, 30, 5},
         {30, 0, 5, 5, KS_INVALID_DIMENSIONS, 0, 0, 30, 20}, {-10, 0, 10, 5, KS_INVALID_DIMENSIONS, 0, 0, 30, 20},
@@ -333,12 +327,9 @@ TEST(Copy, CopyRectFillClearAndCropOnEveryKindAndDepth) {
 
 TEST(CopyFill, ClearNegativePixelsInsideTheRegion) {
     storagetest::CapGuard guard;
-    const struct {
-        int bpp;
-        int32_t order, highBit;
-        uint32_t sign;
-    } cases[] = {{16, ORDER_GRAY, 15, 15}, {16, ORDER_GRAY, 11, 11}, {12, ORDER_GRAY, 11, 11}, {8, ORDER_RGB, 7, 7},
-                 {8, ORDER_RGB, 0, 0}, {32, ORDER_GRAY, -1, 31}};
+    const struct { int bpp; int32_t order, highBit; uint32_t sign; } cases[] = {
+        {16, ORDER_GRAY, 15, 15}, {16, ORDER_GRAY, 11, 11}, {12, ORDER_GRAY, 11, 11}, {8, ORDER_RGB, 7, 7},
+        {8, ORDER_RGB, 0, 0}, {32, ORDER_GRAY, -1, 31}};
     for (const auto& c : cases)
         for (Kind k : {Kind::SingleBlock, Kind::TilesFile}) {
             SCOPED_TRACE(std::to_string(c.bpp) + " high " + std::to_string(c.highBit));

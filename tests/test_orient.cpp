@@ -94,11 +94,7 @@ TEST(Orient, FlipsAndTurnsInSequenceOnEveryKind) {
     int32_t (*half)(B) = [](B b) { return K_RotateBitmap(b, 18000, 0, 0); };
     int32_t (*cw)(B) = [](B b) { return K_RotateBitmap90(b, 1, 0, 100); };
     int32_t (*ccw)(B) = [](B b) { return K_RotateBitmap90(b, 0, 0, 100); };
-    const struct {
-        int persp;
-        int32_t (*call)(B);
-        Grid (*want)(const Grid&);
-    } steps[] = {
+    const struct { int persp; int32_t (*call)(B); Grid (*want)(const Grid&); } steps[] = {
         {1, K_FlipBitmap, flipped}, {1, K_IntFlipBitmap, same}, {1, K_ReverseBitmap, mirrored}, {1, K_IntReverseBitmap, same},
         {6, K_FlipBitmap, mirrored}, {6, K_IntReverseBitmap, same}, {6, K_ReverseBitmap, flipped}, {6, K_IntFlipBitmap, same},
         {1, half, halfTurned}, {1, half, same}, {1, cw, turnedCw}, {1, cw, halfTurned}, {1, ccw, turnedCw},

@@ -80,10 +80,7 @@ TEST(ResizeScanLine, EveryDepthEverySizePairTakesFloorOfIOldOverNew) {
 // and doubling of 24-bit rows (the vector paths) with and without the plain
 // path forced, the padding past the last pixel left zero.
 TEST(ResizeNearest, WholeBitmapsFollowTheRule) {
-    struct Case {
-        int32_t bpp, w, h, nw, nh;
-        bool plain;
-    };
+    struct Case { int32_t bpp, w, h, nw, nh; bool plain; };
     std::vector<Case> cases;
     for (int32_t bpp : allDepths())
         for (int32_t oldN = 1; oldN <= 64; oldN += 7)

@@ -22,10 +22,7 @@ struct Img {
     double at(int32_t x, int32_t y, int32_t k) const { return v[(size_t(y) * w + x) * c + k]; }
 };
 
-struct Fmt {
-    int32_t bpp, order, channels;
-    double max;
-};
+struct Fmt { int32_t bpp, order, channels; double max; };
 const Fmt kGrey{8, ORDER_GRAY, 1, 255}, kColour{24, ORDER_BGR, 3, 255};
 const Fmt kFormats[] = {{8, ORDER_GRAY, 1, 255},   {12, ORDER_GRAY, 1, 4095}, {16, ORDER_GRAY, 1, 65535},
                         {24, ORDER_BGR, 3, 255},   {24, ORDER_RGB, 3, 255},   {32, ORDER_BGR, 4, 255},

@@ -200,11 +200,7 @@ TEST(OrientFastKernels, MatchThePlainReferenceAtEveryLevel) {
 // by any angle (half the image opaque, half random alpha: both kernel branches).
 TEST(TransformFast, PublicCallsAgreeWithThePlainPath) {
     using B = BITMAPRECORD*;
-    struct Case {
-        int bpp, w, h, levels;
-        std::function<void(int)> set;  // -1: back to the default
-        std::function<int32_t(B)> call;
-    };
+    struct Case { int bpp, w, h, levels; std::function<void(int)> set; std::function<int32_t(B)> call; };  // set(-1): default
     std::vector<Case> cases;
     const auto orient = [](int l) { krn::setOrientSimdLevel(l); };
     const auto rotate = [](int l) { krn::testhook::forcePlainRotateKernels(l == 0); };
@@ -324,9 +320,7 @@ TEST(ResizeFastKernels, BlockMeansAndHalvingAtEveryLevel) {
 // into a bottom-up destination (K_IntResizeBitmap) with the rows flipped.
 TEST(ResizeFastArea, WholeFactorsGiveExactBlockMeansEverywhere) {
     const auto lv = levels();
-    const struct {
-        int32_t bpp, order;
-    } formats[] = {{8, ORDER_GRAY}, {24, ORDER_BGR}, {24, ORDER_RGB}, {32, ORDER_BGR}};
+    const struct { int32_t bpp, order; } formats[] = {{8, ORDER_GRAY}, {24, ORDER_BGR}, {24, ORDER_RGB}, {32, ORDER_BGR}};
     for (const auto& cs : formats)
         for (auto [bx, by] : {std::pair{2, 2}, {3, 2}, {1, 3}, {4, 4}})
             for (Kind kind : kindsFor(cs.bpp)) {

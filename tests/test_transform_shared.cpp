@@ -56,13 +56,10 @@ const std::vector<Op>& ops() {
     // known fault): these walks stop there.
     static std::vector<RGBQUAD> pal;
     for (int i = 0; i < 16; ++i) pal.push_back(RGBQUAD{uint8_t(i * 37), uint8_t(200 - i * 11), uint8_t(i * i), 0});
-    const struct {
-        int bits;
-        uint32_t flags;
-        bool inPlace;
-    } res[] = {{48, CRF_BYTEORDERBGR, false},          {8, CRF_NODITHERING, false},
-               {4, CRF_FIXEDPALETTE | CRF_NODITHERING, true}, {4, CRF_USERPALETTE | CRF_NODITHERING, false},
-               {8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING, true}, {4, CRF_USERPALETTE | CRF_DITHER(1), true},
+    const struct { int bits; uint32_t flags; bool inPlace; } res[] = {
+        {48, CRF_BYTEORDERBGR, false}, {8, CRF_NODITHERING, false}, {4, CRF_FIXEDPALETTE | CRF_NODITHERING, true},
+        {4, CRF_USERPALETTE | CRF_NODITHERING, false}, {8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING, true},
+        {4, CRF_USERPALETTE | CRF_DITHER(1), true},
                {16, CRF_BYTEORDERGRAY, true}};
     for (const auto& c : res)
         all.push_back({"colour resolution", 24, single, !c.inPlace, [c](B s, B d) {
@@ -146,12 +143,8 @@ TEST(TransformKinds, EveryStorageKindGivesTheSingleBlockResult) {
     auto rotate = [](uint32_t interp) -> Call {
         return [=](B s, B) { return K_RotateBitmap(s, 2900, interp | ROTATE_RESIZE, 0x123456); };
     };
-    const struct {
-        const char* name;
-        std::vector<int> depths;
-        Call call;
-        bool newRecord, sameKind;  // the result goes into a second record; the storage kind stays
-    } cases[] = {
+    // newRecord: the result goes into a second record; sameKind: the storage kind stays.
+    const struct { const char* name; std::vector<int> depths; Call call; bool newRecord, sameKind; } cases[] = {
         {"fixed palette", {24}, res(8, CRF_FIXEDPALETTE | CRF_NODITHERING), true, false},
         {"dithered", {24}, res(4, CRF_FIXEDPALETTE | CRF_DITHER(1)), false, false},
         {"optimised", {24}, res(8, CRF_OPTIMIZEDPALETTE | CRF_NODITHERING), true, false},
