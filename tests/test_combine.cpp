@@ -277,7 +277,8 @@ TEST(CombineRegions, NothingOutsideTheRegionChanges) {
         RefImage d = randomImage(W, H, f.bpp, 21), s = randomImage(W, H, f.bpp, 22);
         Bmp dst(W, H, f), src(W, H, f, s);
         RECT a{3, 2, 30, 15}, b{10, 8, 40, 22};
-        ASSERT_EQ(K_SetBitmapRgnRect(&dst.bm, nullptr, &a, RGN_SET_REPLACE) | K_SetBitmapRgnRect(&dst.bm, nullptr, &b, RGN_SET_XOR), KS_SUCCESS);
+        ASSERT_EQ(K_SetBitmapRgnRect(&dst.bm, nullptr, &a, RGN_SET_REPLACE) | K_SetBitmapRgnRect(&dst.bm, nullptr, &b, RGN_SET_XOR),
+                  KS_SUCCESS);
         for (uint32_t flags : {uint32_t(CombineXor), uint32_t(CombineAdd), 0x0030u, uint32_t(CombineAlphaOver | 0x1000)}) {
             putImage(&dst.bm, d);
             ASSERT_EQ(K_CombineBitmapKrn(&dst.bm, 1, 1, 35, 20, &src.bm, 4, 2, flags), KS_SUCCESS);

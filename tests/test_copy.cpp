@@ -45,8 +45,9 @@ TEST(Copy, BetweenKinds) {
                 EXPECT_EQ(window(&dst.bm, src.ref), "");
             }
     // The whole image, a window of it, and a crop in place into the kind asked for.
-    const struct { uint32_t memory, kind; int bpp; } cases[] = {  // kind: as K_GetBitmapMemoryInfo reports it{1, 1, 8}, {128, 128, 8}, {128, 128, 1}, {512, 512, 1}, {1024, 1024, 1}, {1024, 1024, 8},
-                 {1024, 1024, 24}, {257, 1, 24}, {0, 1, 16}, {1, 1, 1}};
+    const struct { uint32_t memory, kind; int bpp; } cases[] = {  // kind: as K_GetBitmapMemoryInfo reports it
+        {1, 1, 8}, {128, 128, 8}, {128, 128, 1}, {512, 512, 1}, {1024, 1024, 1}, {1024, 1024, 8}, {1024, 1024, 24},
+        {257, 1, 24}, {0, 1, 16}, {1, 1, 1}};
     for (const auto& c : cases)
         for (Kind from : kindsFor(c.bpp)) {
             SCOPED_TRACE(trace(from, c.bpp) + " -> type " + std::to_string(c.memory));
@@ -315,7 +316,8 @@ TEST(Copy, CopyRectFillClearAndCropOnEveryKindAndDepth) {
             for (bool clear : {false, true}) {
                 ASSERT_EQ(clear ? K_ClearBitmap(src.bm()) : K_FillBitmap2(src.bm(), raw), KS_SUCCESS);
                 RefImage got = getImage(src.bm());
-                EXPECT_EQ(firstMismatch(got, [&](int x, int y) { return in(x, y) ? (clear ? 0 : want) : getPixel(src.ref.row(y), x, bpp); }), "");
+                auto wanted = [&](int x, int y) { return in(x, y) ? (clear ? 0 : want) : getPixel(src.ref.row(y), x, bpp); };
+                EXPECT_EQ(firstMismatch(got, wanted), "");
             }
             if (k == Kind::CallbackMemory) continue;  // its buffer belongs to the caller's callback
             src.ref = getImage(src.bm());

@@ -181,7 +181,8 @@ TEST(Orient, KernelsMatchThePlainForms) {
             std::vector<uint8_t> row(ss);
             for (auto& byte : row) byte = uint8_t(rng());
             std::vector<uint8_t> want = row, viaApi = row;  // the oracle: pixels reversed, everything after them kept
-            for (uint32_t x = 0; x < w; ++x) storagetest::setPixel(want.data(), int(x), bpp, storagetest::getPixel(row.data(), int(w - 1 - x), bpp));
+            for (uint32_t x = 0; x < w; ++x)
+                storagetest::setPixel(want.data(), int(x), bpp, storagetest::getPixel(row.data(), int(w - 1 - x), bpp));
             krn::mirrorRow(row.data(), w, bpp);
             ASSERT_EQ(K_MirrorLine(viaApi.data(), w, bpp), KS_SUCCESS);
             EXPECT_TRUE(row == want && viaApi == want);

@@ -90,7 +90,8 @@ TEST(ResizeNearest, WholeBitmapsFollowTheRule) {
             for (auto [nw, nh] : {std::pair{w / 2, 3}, {w * 2, 3}, {(w + 1) / 2, 2}})
                 if (nw > 0) cases.push_back({24, w, 5, nw, nh, plain});
     for (const Case& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.bpp << " bits " << c.w << "x" << c.h << " -> " << c.nw << "x" << c.nh << " plain " << c.plain);
+        SCOPED_TRACE(::testing::Message() << c.bpp << " bits " << c.w << "x" << c.h << " -> " << c.nw << "x" << c.nh
+                                          << " plain " << c.plain);
         Source src(Kind::SingleBlock, c.w, c.h, c.bpp, uint32_t(c.bpp * 1000 + c.w));
         krn::resampletest::forcePlain(c.plain);
         ASSERT_EQ(K_SizeBitmap(src.bm(), c.nw, c.nh, SIZE_NORMAL), KS_SUCCESS);
@@ -219,7 +220,8 @@ TEST(ResizeFrame, SameSizeAndBadArguments) {
             const int32_t rc = K_SizeBitmap(&bm, wh.first, wh.second, f);
             const long injected = krn::faultinject::injected();
             krn::faultinject::disarm();
-            EXPECT_TRUE(rc == KS_INVALID_DIMENSIONS && injected == 0 && sameBytes(copy, bm)) << wh.first << "x" << wh.second << " flags " << f;
+            EXPECT_TRUE(rc == KS_INVALID_DIMENSIONS && injected == 0 && sameBytes(copy, bm))
+                << wh.first << "x" << wh.second << " flags " << f;
         }
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
     BITMAPRECORD badSize = bm;
@@ -274,7 +276,8 @@ TEST(ResizeIntoDestination, EveryPerspectivePairKeepsTheViewedImage) {
     const int32_t vw = 23, vh = 17, nvw = 11, nvh = 29;  // viewed sizes
     for (int32_t sp = 1; sp <= 8; ++sp)
         for (int32_t dp = 1; dp <= 8; ++dp) {
-            Random ra(sp >= 5 ? vh : vw, sp >= 5 ? vw : vh, 24, 0, nullptr, sp), rb(dp >= 5 ? nvh : nvw, dp >= 5 ? nvw : nvh, 24, 0, nullptr, dp);
+            Random ra(sp >= 5 ? vh : vw, sp >= 5 ? vw : vh, 24, 0, nullptr, sp);
+            Random rb(dp >= 5 ? nvh : nvw, dp >= 5 ? nvw : nvh, 24, 0, nullptr, dp);
             BITMAPRECORD &a = ra.bm, &b = rb.bm;
             RefImage img(a.nWidth, a.nHeight, 24);
             for (int32_t y = 0; y < a.nHeight; ++y)

@@ -337,7 +337,8 @@ TEST(ResizeFastArea, WholeFactorsGiveExactBlockMeansEverywhere) {
                 krn::resampletest::setMaxThreads(0);
                 ASSERT_EQ(src.bm()->nBitsPerPixel, cs.bpp);
                 RefImage got = getImage(src.bm());
-                for (int32_t y = 0; y < nh; ++y) ASSERT_EQ(blockMeans(got.row(y), src.ref.row(y * by), src.ref.bpl, nw, bx, by, c), "") << y;
+                for (int32_t y = 0; y < nh; ++y)
+                    ASSERT_EQ(blockMeans(got.row(y), src.ref.row(y * by), src.ref.bpl, nw, bx, by, c), "") << y;
             }
     Source src(Kind::SingleBlock, 64, 48, 24, 9);
     src.bm()->nOrder = ORDER_BGR;

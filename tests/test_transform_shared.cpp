@@ -176,7 +176,8 @@ TEST(TransformKinds, EveryStorageKindGivesTheSingleBlockResult) {
                 }
                 if (want.empty()) want = got;
                 EXPECT_EQ(got, want);
-                if (c.sameKind && (kind == 128 || kind == MEMTYPE_COMPRESSED || kind == MEMTYPE_SUPERCOMPRESSED)) { EXPECT_EQ(kindOf(dst), kind); }
+                const bool paged = kind == 128 || kind == MEMTYPE_COMPRESSED || kind == MEMTYPE_SUPERCOMPRESSED;
+                if (c.sameKind && paged) { EXPECT_EQ(kindOf(dst), kind); }
                 if (c.newRecord) K_FreeBitmap(&out);
             }
         }
