@@ -158,7 +158,7 @@ TEST(Orient, Relabels) {
 }
 
 // Row kernels against the oracle (the levels against each other:
-// test_orient_fast.cpp), every depth, odd lengths, all four rows-to-columns
+// test_transform_fast.cpp), every depth, odd lengths, all four rows-to-columns
 // mappings; the mirror keeps the bits after the last pixel.
 TEST(Orient, KernelsMatchThePlainForms) {
     std::mt19937 rng(3);
