@@ -17,15 +17,11 @@ using namespace tkit;
 
 namespace {
 
-struct Bmp {
-    BITMAPRECORD bm{};
-    int32_t rc;
-    Bmp(int32_t w, int32_t h, const Format& f, int32_t vp = TOP_LEFT) {
-        rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, f.bpp, f.order, nullptr, vp, nullptr, 0);
-        if (rc == KS_SUCCESS && f.highBit >= 0) bm.nHighBit = f.highBit;
+struct Bmp : Bitmap {
+    Bmp(int32_t w, int32_t h, const Format& f, int32_t vp = TOP_LEFT) : Bitmap(w, h, f.bpp, f.order, vp) {
+        if (f.highBit >= 0) bm.nHighBit = f.highBit;
     }
     Bmp(int32_t w, int32_t h, const Format& f, RefImage& img) : Bmp(w, h, f) { putImage(&bm, img); }
-    ~Bmp() { K_FreeBitmap(&bm); }
 };
 RefImage randomImage(int32_t w, int32_t h, int32_t bpp, uint32_t seed) {
     RefImage img(w, h, bpp);
@@ -127,12 +123,7 @@ TEST(CombinePlan, AgreesWithTheBitLevelDerivation) {
 }
 
 TEST(CombineWorkedCases, Table) {
-    const struct {
-        const char* name;
-        uint32_t flags;
-        Format f;
-        std::vector<uint8_t> src, dst, want;
-    } cases[] = {
+    const struct { const char* name; uint32_t flags; Format f; std::vector<uint8_t> src, dst, want; } cases[] = {
         {"and with all-ones destination copies the source bits", 0x0030, {24, 1}, {0x12, 0xF0, 0x0F}, {0x80, 0x01, 0x7E}, {0x12, 0xF0, 0x0F}},
         {"no operation leaves the destination", 0x0C00, {24, 1}, {0x12, 0xF0, 0x0F}, {0x80, 0x01, 0x7E}, {0x80, 0x01, 0x7E}},
         {"no operation on the inverted destination inverts it", 0x0C10, {24, 1}, {0x12, 0xF0, 0x0F}, {0x80, 0x01, 0x7E}, {0x7F, 0xFE, 0x81}},
@@ -160,16 +151,12 @@ TEST(CombineWorkedCases, Table) {
 // returned); a callback answering 0 stops the work and is returned, the rows
 // after it keep their pixels.
 TEST(CombineProgress, CallbackReportsAndStops) {
-    {
-        Bmp dst(8, 8, {8, 0}), src(8, 8, {8, 0});
-        StopAfter log, seven(1, 7);
-        {
-            StatusScope g(&StopAfter::cb, &log);
-            EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 8, 8, nullptr, 0, 0, 0x0C00), KS_SUCCESS);
-        }
+    Bmp small(8, 8, {8, 0});
+    for (int32_t answer : {1, 7}) {
+        StopAfter log(answer == 1 ? -1 : 1, answer);
+        StatusScope g(&StopAfter::cb, &log);
+        EXPECT_EQ(K_CombineBitmapKrn(&small.bm, 0, 0, 8, 8, answer == 1 ? nullptr : &small.bm, 0, 0, 0x0C00), answer);
         EXPECT_EQ(log.seen, (std::vector<int32_t>{0, 100}));
-        StatusScope g7(&StopAfter::cb, &seven);
-        EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 8, 8, &src.bm, 0, 0, 0x0C00), 7);
     }
     for (uint32_t mode : {0u, 2u, 4u}) {
         ModeGuard m(mode);
@@ -190,38 +177,25 @@ TEST(CombineBadInput, FlagWordsRecordsAndRectangles) {
     const Format f{8, 0};
     RefImage d = randomImage(9, 3, 8, 5), s = randomImage(9, 3, 8, 6);
     Bmp dst(9, 3, f, d), src(9, 3, f, s), other(9, 3, {24, 1});
-    for (uint32_t flags : {0x0004u, 0x000Fu, 0x0040u, 0x00F0u, 0x0E00u, 0x0F00u, 0x4000u, 0xF000u, 0x10000u, 0xFFFFFFFFu, 0x1000C00u}) {
-        EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 9, 3, &src.bm, 0, 0, flags), KS_INVALID_PARAMETER) << flags;
-        EXPECT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 9, 3, nullptr, 0, 0, flags), KS_INVALID_PARAMETER) << flags;
-    }
+    const auto C = K_CombineBitmapKrn;
+    BITMAPRECORD *D = &dst.bm, *S = &src.bm, empty, badS = src.bm, badD = dst.bm;
+    for (uint32_t flags : {0x0004u, 0x000Fu, 0x0040u, 0x00F0u, 0x0E00u, 0x0F00u, 0x4000u, 0xF000u, 0x10000u, 0xFFFFFFFFu, 0x1000C00u})
+        EXPECT_EQ(C(D, 0, 0, 9, 3, S, 0, 0, flags) * 100 + C(D, 0, 0, 9, 3, nullptr, 0, 0, flags), KS_INVALID_PARAMETER * 101) << flags;
     for (uint32_t flags = 0; flags <= 0x1FFFF; flags += 7)  // refused exactly when a field is out of range
-        ASSERT_EQ(K_CombineBitmapKrn(&dst.bm, 0, 0, 0, 0, &src.bm, 0, 0, flags) == KS_INVALID_PARAMETER,
-                  !combinetest::validFlags(flags)) << flags;
-    BITMAPRECORD empty, badS = src.bm, badD = dst.bm;
+        ASSERT_EQ(C(D, 0, 0, 0, 0, S, 0, 0, flags) == KS_INVALID_PARAMETER, !combinetest::validFlags(flags)) << flags;
     K_InitBitmap(&empty, BITMAPRECORD_SIZE, 9, 3, 8);
     badS.uStructSize = badD.uStructSize = 100;
-    const int32_t big = INT32_MAX, small = INT32_MIN, P = KS_INVALID_PARAMETER;
-    const struct {
-        BITMAPRECORD *d, *s;
-        int32_t xd, yd, w, h, xs, ys;
-        uint32_t flags;
-        int32_t want;
-    } cases[] = {
-        {nullptr, &src.bm, 0, 0, 1, 1, 0, 0, 0, P},
-        {&empty, &src.bm, 0, 0, 1, 1, 0, 0, 0, P},
-        {&dst.bm, nullptr, 0, 0, 1, 1, 0, 0, CombineAdd, P},
-        {&dst.bm, &empty, 0, 0, 1, 1, 0, 0, CombineAdd, P},
-        {&dst.bm, &other.bm, 0, 0, 1, 1, 0, 0, CombineAdd, KS_INVALID_BITS_PER_PIXEL},
-        {&dst.bm, &src.bm, 0, 0, -1, 1, 0, 0, CombineAdd, P},
-        {&dst.bm, &badS, 0, 0, 1, 1, 0, 0, CombineAdd, KS_INVALID_STRUCT_SIZE},
-        {&badD, &src.bm, 0, 0, 1, 1, 0, 0, CombineAdd, KS_INVALID_STRUCT_SIZE},
+    const int32_t big = INT32_MAX, small = INT32_MIN, P = KS_INVALID_PARAMETER, A = CombineAdd;
+    const std::pair<int32_t, int32_t> cases[] = {  // (answer, wanted)
+        {C(nullptr, 0, 0, 1, 1, S, 0, 0, 0), P}, {C(&empty, 0, 0, 1, 1, S, 0, 0, 0), P}, {C(D, 0, 0, 1, 1, nullptr, 0, 0, A), P},
+        {C(D, 0, 0, 1, 1, &empty, 0, 0, A), P}, {C(D, 0, 0, 1, 1, &other.bm, 0, 0, A), KS_INVALID_BITS_PER_PIXEL},
+        {C(D, 0, 0, -1, 1, S, 0, 0, A), P}, {C(D, 0, 0, 1, 1, &badS, 0, 0, A), KS_INVALID_STRUCT_SIZE},
+        {C(&badD, 0, 0, 1, 1, S, 0, 0, A), KS_INVALID_STRUCT_SIZE},
         // Rectangles far outside either bitmap, or at the ends of the coordinate range, change nothing.
-        {&dst.bm, &src.bm, big, big, big, big, small, small, CombineAdd, KS_SUCCESS},
-        {&dst.bm, &src.bm, small, small, big, big, big, big, CombineAdd, KS_SUCCESS},
-        {&dst.bm, &src.bm, -20, 0, 20, 3, 0, 0, CombineAdd, KS_SUCCESS},
+        {C(D, big, big, big, big, S, small, small, A), KS_SUCCESS}, {C(D, small, small, big, big, S, big, big, A), KS_SUCCESS},
+        {C(D, -20, 0, 20, 3, S, 0, 0, A), KS_SUCCESS},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(K_CombineBitmapKrn(c.d, c.xd, c.yd, c.w, c.h, c.s, c.xs, c.ys, c.flags), c.want) << c.xd << " " << c.w;
+    for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
     EXPECT_EQ(getImage(&dst.bm).px, d.px);
 }
 
@@ -233,17 +207,11 @@ TEST(CombineBadInput, FlagWordsRecordsAndRectangles) {
 int32_t gPercent = 0;
 TEST(CombineFaults, AllocationFailureWalkLeavesTheDestination) {
     storagetest::CapGuard cap;
-    const struct {
-        int32_t bpp;
-        uint32_t mode;  // 9: a source of another perspective
-        Kind kind;
-        uint32_t flags;
-    } cases[] = {{1, 0, Kind::SingleBlock, CombineXor}, {1, 2, Kind::SingleBlock, CombineXor},
-                 {4, 0, Kind::SingleBlock, CombineAlphaOver}, {4, 2, Kind::SingleBlock, CombineAlphaOver},
-                 {24, 0, Kind::SingleBlock, CombineAlphaOver}, {24, 2, Kind::SingleBlock, CombineAlphaOver},
-                 {24, 9, Kind::SingleBlock, CombineMaximum}, {32, 0, Kind::SingleBlock, CombineAlphaOver},
-                 {32, 2, Kind::SingleBlock, CombineAlphaOver}, {1, 0, Kind::SuperCompressed, CombineOr | COMBINE_SRC_INVERT},
-                 {8, 0, Kind::SuperCompressed, CombineAdd}};
+    const Kind B = Kind::SingleBlock, S = Kind::SuperCompressed;
+    const uint32_t A = CombineAlphaOver;
+    const struct { int32_t bpp; uint32_t mode; Kind kind; uint32_t flags; } cases[] = {  // mode 9: a turned source
+        {1, 0, B, CombineXor}, {1, 2, B, CombineXor}, {4, 0, B, A}, {4, 2, B, A}, {24, 0, B, A}, {24, 2, B, A},
+        {24, 9, B, CombineMaximum}, {32, 0, B, A}, {32, 2, B, A}, {1, 0, S, CombineOr | COMBINE_SRC_INVERT}, {8, 0, S, CombineAdd}};
     StatusScope scope([](int32_t pct, void*) { return gPercent = std::max(gPercent, pct), 1; }, nullptr);
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.bpp << " mode " << c.mode << " " << kindName(c.kind));
@@ -309,8 +277,8 @@ TEST(CombineRegions, NothingOutsideTheRegionChanges) {
         RefImage d = randomImage(W, H, f.bpp, 21), s = randomImage(W, H, f.bpp, 22);
         Bmp dst(W, H, f), src(W, H, f, s);
         RECT a{3, 2, 30, 15}, b{10, 8, 40, 22};
-        ASSERT_EQ(K_SetBitmapRgnRect(&dst.bm, nullptr, &a, RGN_SET_REPLACE), KS_SUCCESS);
-        ASSERT_EQ(K_SetBitmapRgnRect(&dst.bm, nullptr, &b, RGN_SET_XOR), KS_SUCCESS);
+        ASSERT_EQ(K_SetBitmapRgnRect(&dst.bm, nullptr, &a, RGN_SET_REPLACE) | K_SetBitmapRgnRect(&dst.bm, nullptr, &b, RGN_SET_XOR),
+                  KS_SUCCESS);
         for (uint32_t flags : {uint32_t(CombineXor), uint32_t(CombineAdd), 0x0030u, uint32_t(CombineAlphaOver | 0x1000)}) {
             putImage(&dst.bm, d);
             ASSERT_EQ(K_CombineBitmapKrn(&dst.bm, 1, 1, 35, 20, &src.bm, 4, 2, flags), KS_SUCCESS);
@@ -338,8 +306,7 @@ TEST(CombineStorage, EveryKindOnBothSides) {
                     ASSERT_EQ(db.rc | sb.rc, KS_SUCCESS);
                     db.bm.nViewPerspective = sb.bm.nViewPerspective = TOP_LEFT;
                     db.bm.nOrder = sb.bm.nOrder = f.order;
-                    putImage(&db.bm, d);
-                    putImage(&sb.bm, s);
+                    ASSERT_EQ(putImage(&db.bm, d) | putImage(&sb.bm, s), KS_SUCCESS);
                     ASSERT_EQ(K_CombineBitmapKrn(&db.bm, 2, 1, 40, 11, &sb.bm, 3, 2, flags), KS_SUCCESS);
                     EXPECT_EQ(getImage(&db.bm).px, want.px) << bpp << " " << kindName(dk) << " <- " << kindName(sk);
                 }
@@ -377,43 +344,12 @@ TEST(CombinePerspective, RectanglesAreMappedIntoEachBitmap) {
 
 // A bitmap combined with itself, overlapping rectangles: as if the source were read first.
 TEST(CombineOverlap, SameBitmapReadsTheSourceBeforeWriting) {
+    RefImage img = randomImage(20, 20, 8, 51);
     for (int32_t dy : {-3, 3}) {
-        RefImage img = randomImage(20, 20, 8, 51);
         Bmp b(20, 20, {8, 0}, img);
         ASSERT_EQ(K_CombineBitmapKrn(&b.bm, 2, 5 + dy, 15, 10, &b.bm, 0, 5, CombineAdd), KS_SUCCESS);
         EXPECT_EQ(getImage(&b.bm).px, expected(img, img, {8, 0}, CombineAdd, 2, 5 + dy, 15, 10, 0, 5).px) << dy;
     }
-}
-
-// The dispatched kernels against the plain ones: long rows at every alignment
-// (alpha-over at every level and alpha pair: test_combine_fast.cpp).
-TEST(CombineKernels, SimdMatchesPlain) {
-    std::mt19937 rng(61);
-    auto both = [&](uint32_t flags, const Format& f, std::vector<uint8_t>& s, const std::vector<uint8_t>& d, uint32_t off,
-                    uint32_t n) {
-        krn::CombinePlan plan;
-        ASSERT_EQ(krn::combinePlan(flags, f.bpp, &plan), KS_SUCCESS);
-        BITMAPRECORD rec{};
-        rec.nBitsPerPixel = f.bpp, rec.nOrder = f.order;
-        const krn::CombineFormat cf = krn::combineFormat(&rec);
-        std::vector<uint8_t> d1 = d, d2 = d, scratch(krn::combineScratchBytes(n, f.bpp));
-        krn::pickCombineRow(plan, cf, false)(plan, cf, {s.data(), off, d1.data(), off, n, scratch.data()});
-        krn::pickCombineRow(plan, cf, true)(plan, cf, {s.data(), off, d2.data(), off, n, scratch.data()});
-        ASSERT_EQ(d1, d2) << describe(f, flags) << " n " << n;
-    };
-    for (const Format f : {Format{1, 0}, Format{8, 0}, Format{32, 1}, Format{24, 1}})
-        for (uint32_t flags : {CombineAdd, CombineMinimum, CombineMaximum, CombineMultiply, CombineAlphaOver,
-                               CombineSubtractSource, CombineAverage, CombineXor, CombineAnd | 0x0011, CombineOr | 0x1000})
-            for (uint32_t n : {1u, 7u, 31u, 33u, 64u, 257u, 1001u}) {
-                const size_t bytes = (size_t(n) * f.bpp + 7) / 8 + 2;
-                std::vector<uint8_t> s(bytes), d(bytes);
-                for (auto& v : s) v = uint8_t(rng());
-                for (auto& v : d) v = uint8_t(rng());
-                for (size_t i = 0; f.bpp == 32 && i + 3 < bytes; i += 4 * 3) s[i + 3] = 255;
-                for (size_t i = 0; f.bpp == 32 && i + 7 < bytes; i += 4 * 5) s[i + 7] = 0;
-                const uint32_t off = f.bpp == 1 ? n % 8 : 0;
-                both(uint32_t(flags), f, s, d, off, f.bpp == 1 && n + off > 8 * (bytes - 1) ? n - off : n);
-            }
 }
 
 }  // namespace

@@ -11,15 +11,11 @@
 namespace combinetest {
 
 struct Format {
-    int32_t bpp;
-    int32_t order;
-    int32_t highBit = -1;  // grey: significant bits - 1, -1 the whole sample
+    int32_t bpp, order, highBit = -1;  // highBit (grey): significant bits - 1, -1 the whole sample
 };
 
 // One field of a pixel: where it sits in the raw pixel, its mask and its maximum value.
-struct Field {
-    uint32_t shift, mask, m;
-};
+struct Field { uint32_t shift, mask, m; };
 
 inline bool hasAlpha(const Format& f) { return (f.bpp == 32 && f.order != ORDER_GRAY) || f.bpp == 64; }
 
@@ -29,11 +25,9 @@ inline std::vector<Field> fieldsOf(const Format& f) {
         for (int i = 0; i < n; ++i) v.push_back(Field{uint32_t(i) * bits, (1u << bits) - 1, (1u << bits) - 1});
         return v;
     };
-    const bool grey = f.bpp == 12 || (f.bpp == 16 && f.order == ORDER_GRAY);
-    if (grey) {
-        const uint32_t mask = (1u << f.bpp) - 1;
+    const uint32_t mask = f.bpp < 32 ? (1u << f.bpp) - 1 : 0;
+    if (f.bpp == 12 || (f.bpp == 16 && f.order == ORDER_GRAY))  // grey
         return {Field{0, mask, f.highBit >= 0 && f.highBit < f.bpp ? (1u << (f.highBit + 1)) - 1 : mask}};
-    }
     switch (f.bpp) {
         case 16: return f.order == ORDER_RGB565 ? std::vector<Field>{{0, 31, 31}, {5, 63, 63}, {11, 31, 31}} : same(3, 5);
         case 24: case 32: return same(f.bpp / 8, 8);
@@ -46,14 +40,12 @@ inline std::vector<Field> fieldsOf(const Format& f) {
 inline uint64_t rawPixel(const uint8_t* row, int32_t x, const Format& f) {
     if (f.bpp < 8 || f.bpp == 12) return storagetest::getPixel(row, x, f.bpp);
     uint64_t v = 0;
-    const int bytes = f.bpp / 8;
-    for (int i = bytes - 1; i >= 0; --i) v = (v << 8) | row[size_t(x) * bytes + i];
+    for (int i = f.bpp / 8 - 1; i >= 0; --i) v = (v << 8) | row[size_t(x) * size_t(f.bpp / 8) + size_t(i)];
     return v;
 }
 inline void setRawPixel(uint8_t* row, int32_t x, const Format& f, uint64_t v) {
     if (f.bpp < 8 || f.bpp == 12) return storagetest::setPixel(row, x, f.bpp, v);
-    const int bytes = f.bpp / 8;
-    for (int i = 0; i < bytes; ++i) row[size_t(x) * bytes + i] = uint8_t(v >> (8 * i));
+    for (int i = 0; i < f.bpp / 8; ++i) row[size_t(x) * size_t(f.bpp / 8) + size_t(i)] = uint8_t(v >> (8 * i));
 }
 
 // Samples of a raw pixel, in the order of fieldsOf, and back.
@@ -69,12 +61,9 @@ inline uint64_t rawOf(const std::vector<uint32_t>& s, const Format& f) {
     return v;
 }
 
-// The reference plan.
+// The reference plan: the truth table [s][d] of the operators on single bits.
 struct Plan {
-    bool truth[2][2];   // [s][d]
-    bool bitwise;
-    bool readsSrc, readsDst;
-    bool nothing;
+    bool truth[2][2], bitwise, readsSrc, readsDst, nothing;
     int op, sop, dop, rop;
 };
 
@@ -98,10 +87,7 @@ inline bool validFlags(uint32_t flags) {
 
 inline Plan planOf(uint32_t flags, int32_t bpp) {
     Plan p{};
-    p.sop = int(flags & 0xF);
-    p.dop = int((flags >> 4) & 0xF);
-    p.op = int((flags >> 8) & 0xF);
-    p.rop = int(flags >> 12);
+    p.sop = int(flags & 0xF), p.dop = int((flags >> 4) & 0xF), p.op = int((flags >> 8) & 0xF), p.rop = int(flags >> 12);
     for (int s = 0; s < 2; ++s)
         for (int d = 0; d < 2; ++d)
             p.truth[s][d] = applyOperator(p.rop, analogue(p.op, applyOperator(p.sop, s), applyOperator(p.dop, d)));
@@ -109,30 +95,15 @@ inline Plan planOf(uint32_t flags, int32_t bpp) {
     const bool dependsD = p.truth[0][0] != p.truth[0][1] || p.truth[1][0] != p.truth[1][1];
     const bool division = p.op == 7 || p.op == 8;
     p.bitwise = bpp == 1 || p.op <= 2;
-    if (!dependsS && !dependsD) {
-        p.bitwise = true;
-    } else if (dependsS != dependsD) {
-        if (p.bitwise || !division) {
-            p.bitwise = true;
-            p.readsSrc = dependsS;
-            p.readsDst = dependsD;
-        } else {
-            p.readsSrc = p.readsDst = true;
-        }
-    } else {
-        p.readsSrc = p.readsDst = true;
-    }
+    if (!dependsS && !dependsD) p.bitwise = true;
+    else if (dependsS != dependsD && (p.bitwise || !division)) p.bitwise = true, p.readsSrc = dependsS, p.readsDst = dependsD;
+    else p.readsSrc = p.readsDst = true;
     p.nothing = p.bitwise && !dependsS && dependsD && !p.truth[0][0] && p.truth[0][1];
     return p;
 }
 
 inline uint32_t sampleOperand(int oper, uint32_t v, const Field& fl) {
-    switch (oper) {
-        case 1: return v ^ fl.mask;
-        case 2: return 0;
-        case 3: return fl.m;
-        default: return v;
-    }
+    return oper == 1 ? v ^ fl.mask : oper == 2 ? 0 : oper == 3 ? fl.m : v;
 }
 
 inline uint32_t arithmetic(int op, uint32_t s, uint32_t d, uint32_t m) {
@@ -160,32 +131,22 @@ inline uint64_t combinePixel(const Plan& p, uint64_t src, uint64_t dst, const Fo
     }
     const std::vector<Field> fl = fieldsOf(f);
     std::vector<uint32_t> s = samplesOf(src, f), d = samplesOf(dst, f), r(fl.size());
-    for (size_t i = 0; i < fl.size(); ++i) {
-        s[i] = sampleOperand(p.sop, s[i], fl[i]);
-        d[i] = sampleOperand(p.dop, d[i], fl[i]);
-    }
-    if (p.op == 0xD) {
-        if (!hasAlpha(f)) {
-            r = s;
-        } else if (f.bpp == 32) {
-            const uint64_t sa = s[3], da = d[3];
-            const uint64_t w = (255 - sa) * da + sa * 255;
-            for (int c = 0; c < 3; ++c) r[c] = w ? uint32_t((s[c] * sa * 255 + d[c] * (255 - sa) * da) / w) : 0;
-            r[3] = d[3];
-        } else {
-            const uint64_t sa = s[3], da = d[3];
-            const uint64_t a = da - da * sa / 65535 + sa;
-            const uint64_t w = (65535 - sa) * da / 65535;
-            for (int c = 0; c < 3; ++c) r[c] = a ? uint32_t((d[c] * w + s[c] * sa) / a) : 0;
-            r[3] = d[3];
-        }
+    for (size_t i = 0; i < fl.size(); ++i) s[i] = sampleOperand(p.sop, s[i], fl[i]), d[i] = sampleOperand(p.dop, d[i], fl[i]);
+    const uint64_t sa = hasAlpha(f) ? s[3] : 0, da = hasAlpha(f) ? d[3] : 0;
+    if (p.op == 0xD && !hasAlpha(f)) {
+        r = s;
+    } else if (p.op == 0xD && f.bpp == 32) {
+        const uint64_t w = (255 - sa) * da + sa * 255;
+        for (int c = 0; c < 3; ++c) r[c] = w ? uint32_t((s[c] * sa * 255 + d[c] * (255 - sa) * da) / w) : 0;
+        r[3] = d[3];
+    } else if (p.op == 0xD) {
+        const uint64_t a = da - da * sa / 65535 + sa, w = (65535 - sa) * da / 65535;
+        for (int c = 0; c < 3; ++c) r[c] = a ? uint32_t((d[c] * w + s[c] * sa) / a) : 0;
+        r[3] = d[3];
     } else {
         for (size_t i = 0; i < fl.size(); ++i) r[i] = arithmetic(p.op, s[i], d[i], fl[i].m);
     }
-    for (size_t i = 0; i < fl.size(); ++i) {
-        if (p.rop == 1) r[i] ^= fl[i].mask;
-        r[i] &= fl[i].mask;
-    }
+    for (size_t i = 0; i < fl.size(); ++i) r[i] = (p.rop == 1 ? r[i] ^ fl[i].mask : r[i]) & fl[i].mask;
     return rawOf(r, f);
 }
 

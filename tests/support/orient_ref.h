@@ -61,6 +61,8 @@ inline Grid viewed(const Grid& s, int p) {
 inline Grid turnedCw(const Grid& s) { return remap(s, s.h, s.w, [&](int x, int y) { return std::pair{y, s.h - 1 - x}; }); }
 inline Grid flipped(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y) { return std::pair{x, s.h - 1 - y}; }); }
 inline Grid mirrored(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y) { return std::pair{s.w - 1 - x, y}; }); }
+inline Grid halfTurned(const Grid& g) { return flipped(mirrored(g)); }
+inline Grid turnedCcw(const Grid& g) { return turnedCw(halfTurned(g)); }
 
 // Packed rows (4-byte padded) of a grid, and back.
 inline std::vector<uint8_t> pack(const Grid& g, int bpp) {

@@ -33,8 +33,7 @@ inline uint32_t le16(const uint8_t* row, int32_t x) { return row[2 * x] | (uint3
 inline int32_t putImage(BITMAPRECORD* bm, RefImage& ref) {
     K_AccessBitmap(bm);
     int32_t rc = KS_SUCCESS;
-    for (int32_t r = 0; r < ref.height && rc == KS_SUCCESS; ++r)
-        if (const int32_t n = K_PutBitmapRow(bm, ref.row(r), r, ref.bpl); n < 0) rc = n;
+    for (int32_t r = 0; r < ref.height && rc == KS_SUCCESS; ++r) rc = std::min(KS_SUCCESS, K_PutBitmapRow(bm, ref.row(r), r, ref.bpl));
     K_ReleaseBitmap(bm);
     return rc;
 }
@@ -58,16 +57,27 @@ std::string firstMismatch(RefImage& got, F&& want) {
     return "";
 }
 
-inline const std::vector<int>& allDepths() {
-    static const std::vector<int> d = {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
-    return d;
-}
+inline std::vector<int> allDepths() { return {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64}; }
 
 inline uint32_t kindOf(const BITMAPRECORD* bm) {
     uint32_t t = 0;
     K_GetBitmapMemoryInfo(bm, &t, nullptr, nullptr, nullptr);
     return t;
 }
+
+// A single-block bitmap, freed at the end of its scope.
+struct Bitmap {
+    BITMAPRECORD bm{};
+    int32_t rc;
+    Bitmap(int32_t w, int32_t h, int32_t bpp, int32_t order = 0, int32_t persp = TOP_LEFT, const RGBQUAD* pal = nullptr,
+           uint32_t memType = 1)
+        : rc(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, memType, w, h, bpp, order, pal, persp, nullptr, 0)) {
+        EXPECT_EQ(rc, KS_SUCCESS);
+    }
+    ~Bitmap() { K_FreeBitmap(&bm); }
+    Bitmap(const Bitmap&) = delete;
+    Bitmap& operator=(const Bitmap&) = delete;
+};
 
 // A bitmap of one kind holding random pixels, and its reference.
 struct Source {
