@@ -226,11 +226,7 @@ TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
     const int w = 70, h = 6;
     auto px = rows24(w, h, [&] { return anyColour(rng); });
     Src24 src(w, h, px);
-    const struct {
-        int bits;
-        uint32_t flags;
-        const RGBQUAD* pal;
-    } cases[] = {{8, 0, K_IntGetFixedPalette(8)}, {8, CRF_FIXEDPALETTE, K_IntGetFixedPalette(8)}, {4, 0, K_IntGetFixedPalette(4)},
+    const struct { int bits; uint32_t flags; const RGBQUAD* pal; } cases[] = {{8, 0, K_IntGetFixedPalette(8)}, {8, CRF_FIXEDPALETTE, K_IntGetFixedPalette(8)}, {4, 0, K_IntGetFixedPalette(4)},
                  {3, CRF_FIXEDPALETTE, K_IntGetFixedPalette(3)}, {8, CRF_NETSCAPEPALETTE, K_IntGetNetscapePalette()}};
     for (const auto& c : cases) {
         Bmp dst;
@@ -309,17 +305,8 @@ TEST(ColorRes, BadInputChangesNothing) {
     K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 10, 4, 24);
     const uint32_t R = BITMAPRECORD_SIZE;
     const RGBQUAD* P = pal.data();
-    const struct {
-        const char* what;
-        BITMAPRECORD* src;
-        bool inPlace;
-        int bits;
-        uint32_t flags;
-        const RGBQUAD* pal;
-        int n;
-        uint32_t size;
-        int32_t want;
-    } cases[] = {
+    const struct { const char* what; BITMAPRECORD* src; bool inPlace; int bits; uint32_t flags;
+                   const RGBQUAD* pal; int n; uint32_t size; int32_t want; } cases[] = {
         {"null source", nullptr, false, 8, 0, nullptr, 0, R, KS_INVALID_PARAMETER},
         {"unallocated source", &unalloc, false, 8, 0, nullptr, 0, R, KS_INVALID_BITMAP},
         {"size word", &src.bm, false, 8, 0, nullptr, 0, 100, KS_INVALID_STRUCT_SIZE},
@@ -358,11 +345,8 @@ TEST(ColorRes, BadInputChangesNothing) {
 // the call succeeds or leaves the source, the destination record and the
 // block count as they were.
 TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
-    const struct {
-        int srcBits, dstBits;
-        uint32_t flags;
-        bool inPlace;
-    } cases[] = {{8, 24, 0, false}, {8, 4, CRF_FIXEDPALETTE | CRF_DITHER(1), false}, {16, 8, CRF_BYTEORDERGRAY, true}, {24, 16, CRF_BYTEORDER565, true}};
+    const struct { int srcBits, dstBits; uint32_t flags; bool inPlace; } cases[] = {
+        {8, 24, 0, false}, {8, 4, CRF_FIXEDPALETTE | CRF_DITHER(1), false}, {16, 8, CRF_BYTEORDERGRAY, true}, {24, 16, CRF_BYTEORDER565, true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.srcBits << " -> " << c.dstBits << " flags " << c.flags);
         RefImage ref(37, 11, c.srcBits);

@@ -125,13 +125,7 @@ TEST(ColorResOptPal, BadInputWritesNothing) {
     Img img(8, 8, px);
     BITMAPRECORD unalloc;
     K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 8, 8, 24);
-    struct Case {
-        BITMAPRECORD* bm;
-        bool pal;
-        int n, reserved;
-        uint32_t flags;
-        int32_t want;
-    };
+    struct Case { BITMAPRECORD* bm; bool pal; int n, reserved; uint32_t flags; int32_t want; };
     const int32_t P = KS_INVALID_PARAMETER;
     for (Case c : {Case{nullptr, true, 16, 0, 0, P}, Case{&img.bm, false, 16, 0, 0, P}, Case{&img.bm, true, 1, 0, 0, P}, Case{&img.bm, true, 257, 0, 0, P},
                    Case{&img.bm, true, 16, 17, 0, P}, Case{&img.bm, true, 16, -1, 0, P}, Case{&img.bm, true, 16, 16, OPTPAL_TRANSPARENT, P},

@@ -199,13 +199,7 @@ TEST(DitherFrame, ChecksPointerSizeThenValues) {
     EXPECT_EQ(K_StartDithering(nullptr, nullptr, 2), KS_INVALID_PARAMETER);
     EXPECT_TRUE(K_StartDithering(&bad, nullptr, 0) == KS_INVALID_STRUCT_SIZE && K_StartDitheringExt(&bad, nullptr, 2, 1, nullptr) == KS_INVALID_STRUCT_SIZE);
     // Each case spoils one value of a good record (or the call's arguments).
-    const struct {
-        const char* what;
-        void (*spoil)(BITMAPRECORD&);
-        uint32_t colors;
-        int bits;  // -1: the plain start
-        int32_t expect;
-    } bads[] = {
+    const struct { const char* what; void (*spoil)(BITMAPRECORD&); uint32_t colors; int bits; int32_t expect; } bads[] = {  // bits -1: the plain start
         {"no colours", [](BITMAPRECORD&) {}, 0, -1, KS_INVALID_PARAMETER},
         {"257 colours", [](BITMAPRECORD&) {}, 257, -1, KS_INVALID_PARAMETER},
         {"16 colours in 3 bits", [](BITMAPRECORD&) {}, 16, 3, KS_INVALID_PARAMETER},
@@ -294,12 +288,7 @@ TEST(DitherQuantise, FixedCodesGiveTheNearestEntryOnADenseGrid) {
 // ------------------------------------------------------- against reference
 
 TEST(DitherReference, EveryMethodAndPaletteMatchesThePlainDitherer) {
-    struct PaletteCase {
-        const char* name;
-        std::vector<RGBQUAD> pal;
-        bool passNull;  // pass a null palette (the fixed one of that size)
-        int code;       // fixed-palette code, 0: through the match table
-    };
+    struct PaletteCase { const char* name; std::vector<RGBQUAD> pal; bool passNull; int code; };  // null: the fixed one; code 0: a table
     auto withReserved = randomPalette(40, 12);
     for (size_t i = 0; i < withReserved.size(); i += 3) withReserved[i].rgbReserved = uint8_t(1 + i % 3);
     std::vector<PaletteCase> cases;
@@ -488,11 +477,9 @@ TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
 // A failed restart leaves the record and the earlier run as they were.
 TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
     K_GetDefaultDithering();
-    const struct {
-        int bits, order, method;
-        bool callerPalette, callerTable;
-    } configs[] = {{24, ORDER_BGR, 1, false, false}, {24, ORDER_BGR, 2, true, false}, {4, ORDER_RGB, 5, true, false}, {16, ORDER_RGB565, 7, false, false},
-                   {8, ORDER_RGB, 0, true, true}, {16, ORDER_GRAY, 1, false, false}};
+    const struct { int bits, order, method; bool callerPalette, callerTable; } configs[] = {
+        {24, ORDER_BGR, 1, false, false}, {24, ORDER_BGR, 2, true, false}, {4, ORDER_RGB, 5, true, false},
+        {16, ORDER_RGB565, 7, false, false}, {8, ORDER_RGB, 0, true, true}, {16, ORDER_GRAY, 1, false, false}};
     auto pal = randomPalette(12, 2);
     std::vector<uint32_t> table(32768, 3);
     for (const auto& cfg : configs) {

@@ -103,11 +103,7 @@ int classifyRef(const std::vector<RGBQUAD>& p) {
 TEST(PaletteGrey, DocumentedCasesAndRandomPalettesAgainstTheRule) {
     std::vector<RGBQUAD> ramp8;
     for (int i = 0; i < 8; ++i) ramp8.push_back(rgb(i * 255 / 7, i * 255 / 7, i * 255 / 7));
-    const struct {
-        const char* what;
-        std::vector<RGBQUAD> pal;
-        int32_t count, want;
-    } cases[] = {
+    const struct { const char* what; std::vector<RGBQUAD> pal; int32_t count, want; } cases[] = {
         {"white, black", {rgb(255, 255, 255), rgb(0, 0, 0)}, 2, 2},
         {"black, white", {rgb(0, 0, 0), rgb(255, 255, 255)}, 2, 1},
         {"a colour", {rgb(0, 0, 0), rgb(1, 2, 3)}, 2, 0},
@@ -124,21 +120,11 @@ TEST(PaletteGrey, DocumentedCasesAndRandomPalettesAgainstTheRule) {
         std::vector<RGBQUAD> p(static_cast<size_t>(n));
         const int step = n > 1 ? 255 / (n - 1) : 0;
         const bool down = rng() & 1;
-        for (int i = 0; i < n; ++i) {
-            const int v = (down ? 255 - step * i : step * i) & 255;
-            p[size_t(i)] = rgb(v, v, v);
-        }
-        switch (rng() % 4) {
-            case 0: break;  // an exact accumulated ramp
-            case 1: {
-                auto& e = p[rng() % size_t(n)];
-                e.rgbRed = e.rgbGreen = e.rgbBlue = uint8_t(e.rgbRed + 1);
-                break;
-            }
-            case 2: p[rng() % size_t(n)].rgbBlue ^= 1; break;
-            default:
-                for (auto& e : p) e.rgbRed = e.rgbGreen = e.rgbBlue = uint8_t(rng() % 3 * 127);
-        }
+        for (int i = 0; i < n; ++i) p[size_t(i)].rgbRed = uint8_t(down ? 255 - step * i : step * i);  // an exact accumulated ramp
+        const int kind = int(rng() % 4);
+        if (kind == 1) p[rng() % size_t(n)].rgbRed += 1;  // one step off
+        for (auto& e : p) e.rgbRed = kind == 3 ? uint8_t(rng() % 3 * 127) : e.rgbRed, e.rgbGreen = e.rgbBlue = e.rgbRed;
+        if (kind == 2) p[rng() % size_t(n)].rgbBlue ^= 1;  // not grey
         EXPECT_EQ(K_IsGrayScalePalette(p.data(), n), classifyRef(p)) << round;
     }
     RGBQUAD one[1] = {rgb(0, 0, 0)};
@@ -320,10 +306,7 @@ TEST(PaletteRecord, ColourValues) {
     // Every index of the fixed palette translates to itself through a copy of
     // it, an RGB colour to the nearest entry, into grey by the grey rule.
     for (uint32_t i = 0; i < 256; ++i) EXPECT_TRUE(K_TranslateBitmapColor(&p8b.bm, &p8.bm, KCOLOR_INDEX(i), &v) == KS_SUCCESS && v == KCOLOR_INDEX(i)) << i;
-    const struct {
-        BITMAPRECORD *dst, *src;
-        uint32_t colour, want;
-    } cases[] = {
+    const struct { BITMAPRECORD *dst, *src; uint32_t colour, want; } cases[] = {
         {&p8b.bm, nullptr, KCOLOR_RGB(250, 3, 120), KCOLOR_INDEX(K_FindPaletteIndex(fixed, 256, 250, 3, 120))},
         {&grey16.bm, &p8.bm, KCOLOR_INDEX(255), KCOLOR_RGB(255, 255, 255)},
         {&grey16.bm, nullptr, KCOLOR_RGB(200, 100, 40), KCOLOR_RGB(118, 118, 118)},  // (2R + 5G + B + 4) >> 3
@@ -345,9 +328,7 @@ TEST(PaletteRecord, ColourValues) {
 TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
     using namespace storagetest;
     constexpr int32_t W = 37, H = 23;
-    const struct {
-        int bpp, order;
-    } formats[] = {{1, ORDER_BGR},  {2, ORDER_BGR},  {3, ORDER_BGR},  {4, ORDER_BGR},  {5, ORDER_BGR},     {6, ORDER_BGR}, {7, ORDER_BGR}, {8, ORDER_BGR},
+    const struct { int bpp, order; } formats[] = {{1, ORDER_BGR},  {2, ORDER_BGR},  {3, ORDER_BGR},  {4, ORDER_BGR},  {5, ORDER_BGR},     {6, ORDER_BGR}, {7, ORDER_BGR}, {8, ORDER_BGR},
                    {24, ORDER_BGR}, {24, ORDER_RGB}, {32, ORDER_BGR}, {48, ORDER_RGB}, {16, ORDER_RGB565}, {16, ORDER_BGR}, {16, ORDER_GRAY}};
     for (const auto& f : formats) {
         std::mt19937 rng{uint32_t(f.bpp * 8 + f.order)};
