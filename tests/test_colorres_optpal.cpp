@@ -118,6 +118,15 @@ TEST(ColorResOptPal, RefinementNeverLosesToTheSplitAlone) {
         }
         EXPECT_LE(err[0], err[1] * 1.0001) << n;
     }
+    // An entry no sample chooses keeps its split value: beside a reserved grey the split makes a second grey,
+    // which every grey pixel leaves to the lower index (an exact match), and (5,5,5) for the two dark colours.
+    std::vector<uint8_t> few(16 * 4 * 3, 100);
+    std::memset(few.data(), 0, 6), std::memset(few.data() + 6, 10, 6);  // two black pixels, two (10,10,10)
+    Img grey(16, 4, few);
+    RGBQUAD split[3] = {quad(100, 100, 100)}, refined[3] = {quad(100, 100, 100)};
+    ASSERT_TRUE(K_CreateBitmapOptPal(&grey.bm, split, 3, 1, OPTPAL_FAST, nullptr) == KS_SUCCESS &&
+                K_CreateBitmapOptPal(&grey.bm, refined, 3, 1, 0, nullptr) == KS_SUCCESS);
+    EXPECT_TRUE(key(split[1]) == key(quad(5, 5, 5)) && key(split[2]) == key(quad(100, 100, 100)) && !std::memcmp(split, refined, sizeof split));
 }
 
 TEST(ColorResOptPal, BadInputWritesNothing) {
