@@ -1,9 +1,9 @@
 // test_colorres.cpp - colour resolution of whole bitmaps: the cell-pruned and
 // fixed-palette index searches against the nearest-entry scan, lossless round
 // trips, caller palettes on every matching path, grey conversion against the
-// grey rule, the dithering engine, bitmaps over the memory cap, bad input and
-// allocation failures of the palette and grey sources (24-bit sources, other
-// storage kinds and progress stops: test_transform_shared.cpp).
+// grey rule, bitmaps over the memory cap, bad input and allocation failures of
+// the palette and grey sources (dithering: test_dither.cpp; 24-bit sources,
+// other storage kinds and progress stops: test_transform_shared.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "krn/common/colorres.h"
-#include "photo_like.h"
 #include "transform_kit.h"
 
 namespace {
@@ -236,30 +235,7 @@ TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
     }
 }
 
-// ---------------------------------------------------------------- dithering and flag words
-
-TEST(ColorRes, DitheringMatchesTheEngineRowByRow) {
-    const int w = 64, h = 16;
-    const auto photo = phototest::photoLike(w, h, 4);
-    std::vector<uint8_t> rows(size_t(bplOf(w, 24)) * h);
-    for (int y = 0; y < h; ++y) std::memcpy(&rows[size_t(y) * bplOf(w, 24)], &photo[size_t(y) * w * 3], size_t(w) * 3);
-    Src24 src(w, h, rows);
-    for (int method : {1, 2, 7}) {
-        Bmp dst;
-        ASSERT_EQ(src.res(&dst.bm, 4, CRF_FIXEDPALETTE | CRF_DITHER(method)), KS_SUCCESS);
-        BITMAPRECORD run;  // the engine driven by hand over the same rows
-        ASSERT_EQ(K_InitBitmap(&run, BITMAPRECORD_SIZE, w, 1, 24), KS_SUCCESS);
-        run.nDitheringMethod = method;
-        ASSERT_EQ(K_StartDithering(&run, nullptr, 16), KS_SUCCESS);
-        auto out = dst.rows();
-        std::vector<uint8_t> line(bplOf(w, 4), 0);
-        for (int y = 0; y < h; ++y) {
-            ASSERT_EQ(K_DitherLine(&run, &rows[size_t(y) * bplOf(w, 24)], line.data()), KS_SUCCESS);
-            ASSERT_EQ(0, std::memcmp(line.data(), &out[size_t(y) * dst.bm.nBytesPerLine], size_t(w) / 2)) << method << " row " << y;
-        }
-        K_FreeBitmap(&run);
-    }
-}
+// ---------------------------------------------------------------- flag words, the memory cap
 
 TEST(ColorRes, DeepFrameFlagWordsChooseTheOrder) {
     const RGBQUAD pal[2] = {quad(1, 2, 3), quad(200, 100, 50)};

@@ -22,6 +22,7 @@
 #include "krn/common/memory.h"
 #include "krn/common/palette.h"
 #include "ombrix.h"
+#include "photo_like.h"
 #include "storage_kinds.h"
 #include "transform_kit.h"
 
@@ -516,12 +517,6 @@ Rows greyRows(int w, int h, int bytesPerPixel, bool saturated, uint32_t seed) {
             rows[size_t(y)][x] = saturated ? kLevels[(x / 5 + size_t(y) / 7 * 3 + (rng() % 16 == 0)) % 4] : uint8_t(rng());
     return rows;
 }
-std::vector<int> indicesOf(const Rows& packed, int w) {
-    std::vector<int> got;
-    for (const auto& r : packed)
-        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(r.data(), x, 1));
-    return got;
-}
 
 // Floyd-Steinberg to black and white through krn::ditherRows: blocks of
 // `blockRows` rows (the wavefront), `chunk` rows per call.
@@ -537,7 +532,10 @@ std::vector<int> runBlocks(const SourceCase& c, int w, const Rows& rows, int blo
         EXPECT_EQ(krn::ditherRows(&rec.bm, src.data(), dst.data(), int32_t(src.size())), KS_SUCCESS);
     }
     krn::testhook::ditherWaveRows = 0;
-    return indicesOf(out, w);
+    std::vector<int> got;
+    for (const auto& r : out)
+        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(r.data(), x, 1));
+    return got;
 }
 
 TEST(DitherWave, BlocksMatchLinesThePlainLoopAndTheReference) {
@@ -565,14 +563,19 @@ TEST(DitherWave, BlocksMatchLinesThePlainLoopAndTheReference) {
     }
 }
 
-// K_ColorResBitmap to black and white on every storage kind, by the block
-// loop and by the row layer, under every allocation failure on one kind: a
-// failure leaves the source, the destination record and the block count.
-TEST(DitherWave, ColorResOnEveryStorageKindAndUnderAllocationFailures) {
+// K_ColorResBitmap dithers like the engine row by row: grey to black and
+// white by Floyd-Steinberg (the block loop) and a photo to the sixteen fixed
+// colours by three methods, on every storage kind, by the block loop and by
+// the row layer; under every allocation failure (on one kind) a failure
+// leaves the source, the destination record and the block count.
+TEST(DitherWave, ColorResMatchesTheEngineOnEveryStorageKindAndUnderAllocationFailures) {
     const int w = 61, h = 45;
-    const SourceCase grey8{8, ORDER_RGB, greyRamp(256)};
-    const Rows rows = greyRows(w, h, 1, true, 9);
-    const auto ref = runRows(grey8, w, rows, {.method = 1});
+    const SourceCase grey8{8, ORDER_RGB, greyRamp(256)}, bgr24{24, ORDER_BGR, {}};
+    const auto px = phototest::photoLike(w, h, 4);
+    Rows photo;
+    for (int y = 0; y < h; ++y) photo.emplace_back(px.begin() + y * w * 3, px.begin() + (y + 1) * w * 3);
+    const struct { const SourceCase& src; Rows rows; int bits, method; } cases[] = {
+        {grey8, greyRows(w, h, 1, true, 9), 1, 1}, {bgr24, photo, 4, 1}, {bgr24, photo, 4, 2}, {bgr24, photo, 4, 7}};
     auto read = [](BITMAPRECORD* bm, size_t bytes) {
         Rows out(size_t(bm->nHeight), std::vector<uint8_t>(bm->nBytesPerLine));
         for (int y = 0; y < bm->nHeight; ++y) {
@@ -581,28 +584,36 @@ TEST(DitherWave, ColorResOnEveryStorageKindAndUnderAllocationFailures) {
         }
         return out;
     };
-    for (auto kind : storagetest::kindsFor(8))
-        for (bool rowPath : {false, true}) {
-            storagetest::KindBitmap src(kind, w, h, 8);
-            ASSERT_TRUE(src.rc == KS_SUCCESS && K_SetBitmapPalette(&src.bm, grey8.pal.data(), 256) == KS_SUCCESS);
-            for (int y = 0; y < h; ++y) ASSERT_GE(K_PutBitmapRow(&src.bm, rows[size_t(y)].data(), y, w), 0);
-            auto attempt = [&](tkit::Armed& armed) {
-                const BITMAPRECORD before = src.bm;
-                BITMAPRECORD dst{}, zero{};
-                krn::testhook::colorResRowPath = rowPath;
-                const int32_t rc = armed([&] { return K_ColorResBitmap(&src.bm, &dst, 1, CRF_FIXEDPALETTE | CRF_DITHER(1), nullptr, 0, BITMAPRECORD_SIZE); });
-                krn::testhook::colorResRowPath = false;
-                if (rc != KS_SUCCESS) {  // a failure the call could do without changes nothing either
-                    EXPECT_TRUE(!std::memcmp(&before, &src.bm, sizeof before) && !std::memcmp(&dst, &zero, sizeof dst));
-                    return;
-                }
-                EXPECT_EQ(indicesOf(read(&dst, (w + 7) / 8), w), ref) << storagetest::kindName(kind) << " " << rowPath;
-                K_FreeBitmap(&dst);
-            };
-            tkit::Armed clean{1L << 40, 1};  // the walk on one kind, one clean call on the others
-            kind == storagetest::Kind::SingleBlock && !rowPath ? void(tkit::allocationWalk(attempt)) : attempt(clean);
-            EXPECT_EQ(read(&src.bm, w), rows);  // read, never written
-        }
+    for (const auto& c : cases) {
+        const auto ref = runRows(c.src, w, c.rows, {.method = c.method, .colors = 1u << c.bits});
+        for (auto kind : storagetest::kindsFor(c.src.bits))
+            for (bool rowPath : {false, true}) {
+                SCOPED_TRACE(testing::Message() << storagetest::kindName(kind) << ", row layer " << rowPath << ", method " << c.method);
+                storagetest::KindBitmap src(kind, w, h, c.src.bits);
+                ASSERT_TRUE(src.rc == KS_SUCCESS && (c.src.bits > 8 || K_SetBitmapPalette(&src.bm, c.src.pal.data(), 256) == KS_SUCCESS));
+                src.bm.nOrder = c.src.order;
+                for (int y = 0; y < h; ++y) ASSERT_GE(K_PutBitmapRow(&src.bm, c.rows[size_t(y)].data(), y, uint32_t(c.rows[0].size())), 0);
+                auto attempt = [&](tkit::Armed& armed) {
+                    const BITMAPRECORD before = src.bm;
+                    BITMAPRECORD dst{}, zero{};
+                    krn::testhook::colorResRowPath = rowPath;
+                    const int32_t rc = armed([&] { return K_ColorResBitmap(&src.bm, &dst, c.bits, CRF_FIXEDPALETTE | CRF_DITHER(c.method), nullptr, 0, BITMAPRECORD_SIZE); });
+                    krn::testhook::colorResRowPath = false;
+                    if (rc != KS_SUCCESS) {  // a failure the call could do without changes nothing either
+                        EXPECT_TRUE(!std::memcmp(&before, &src.bm, sizeof before) && !std::memcmp(&dst, &zero, sizeof dst));
+                        return;
+                    }
+                    std::vector<int> got;
+                    for (const auto& r : read(&dst, (size_t(w) * size_t(c.bits) + 7) / 8))
+                        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(r.data(), x, c.bits));
+                    EXPECT_EQ(got, ref);
+                    K_FreeBitmap(&dst);
+                };
+                tkit::Armed clean{1L << 40, 1};  // the walk on one kind, one clean call on the others
+                &c == cases && kind == storagetest::Kind::SingleBlock && !rowPath ? void(tkit::allocationWalk(attempt)) : attempt(clean);
+                EXPECT_EQ(read(&src.bm, c.rows[0].size()), c.rows);  // read, never written
+            }
+    }
 }
 
 }  // namespace
