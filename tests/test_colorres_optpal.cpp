@@ -180,23 +180,17 @@ TEST(ColorResOptPal, NearBlackAndBlueOnlyColoursAreCovered) {
 // Pillow's quantizers on the same image, through the script beside the
 // benchmarks; skipped when python3 with Pillow is not there.
 std::map<std::pair<std::string, int>, double> pillowErrors(const std::string& ppm, const std::vector<int>& counts) {
-    // The script: beside this source (an absolute __FILE__), or found from
-    // the test binary (build/tests/) or the working directory.
-    std::string file = __FILE__;
+    // The script: beside this source (an absolute __FILE__), or found from the test binary (build/tests/).
     char exe[1024] = {};
-    const ssize_t got = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    std::string exeDir = got > 0 ? std::string(exe, size_t(got)) : std::string(".");
-    exeDir = exeDir.substr(0, exeDir.find_last_of('/'));
-    std::string script;
-    for (const std::string& c : {file.substr(0, file.find_last_of('/')) + "/../bench/pillow_quantize.py", exeDir + "/../../bench/pillow_quantize.py", std::string("bench/pillow_quantize.py")})
-        if (script.empty() && access(c.c_str(), R_OK) == 0) script = c;
+    const std::string file = __FILE__, bin(exe, size_t(std::max<ssize_t>(0, readlink("/proc/self/exe", exe, sizeof(exe) - 1))));
+    std::string script, cmd = "/usr/bin/python3 ";
+    for (const std::string& c : {file.substr(0, file.find_last_of('/')) + "/../bench/", bin.substr(0, bin.find_last_of('/')) + "/../../bench/"})
+        if (script.empty() && access((c + "pillow_quantize.py").c_str(), R_OK) == 0) script = c + "pillow_quantize.py";
     std::map<std::pair<std::string, int>, double> out;
     if (script.empty()) return out;
-    std::string cmd = "/usr/bin/python3 ";
     cmd.append(script).append(" ").append(ppm);
     for (int n : counts) cmd.append(" ").append(std::to_string(n));
-    cmd.append(" 2>/dev/null");
-    FILE* p = popen(cmd.c_str(), "r");
+    FILE* p = popen(cmd.append(" 2>/dev/null").c_str(), "r");
     if (!p) return out;
     char name[32];
     int n;
