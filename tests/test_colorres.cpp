@@ -225,7 +225,8 @@ TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
     const int w = 70, h = 6;
     auto px = rows24(w, h, [&] { return anyColour(rng); });
     Src24 src(w, h, px);
-    const struct { int bits; uint32_t flags; const RGBQUAD* pal; } cases[] = {{8, 0, K_IntGetFixedPalette(8)}, {8, CRF_FIXEDPALETTE, K_IntGetFixedPalette(8)}, {4, 0, K_IntGetFixedPalette(4)},
+    const struct { int bits; uint32_t flags; const RGBQUAD* pal; } cases[] = {
+                 {8, 0, K_IntGetFixedPalette(8)}, {8, CRF_FIXEDPALETTE, K_IntGetFixedPalette(8)}, {4, 0, K_IntGetFixedPalette(4)},
                  {3, CRF_FIXEDPALETTE, K_IntGetFixedPalette(3)}, {8, CRF_NETSCAPEPALETTE, K_IntGetNetscapePalette()}};
     for (const auto& c : cases) {
         Bmp dst;

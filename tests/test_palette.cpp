@@ -223,7 +223,8 @@ TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
     EXPECT_TRUE(K_GetBitmapColors(&b.bm, 0, 16, out) == 7 && sameAs(out, mine, 4) && sameAs(out + 4, put, 3));
     // Own palette as the source; null means the fixed palette.
     ASSERT_EQ(K_SetBitmapPalette(&b.bm, b.bm.pPalette + 1, 3), KS_SUCCESS);
-    EXPECT_TRUE(sameAs(b.bm.pPalette, mine + 1, 3) && K_SetBitmapPalette(&b.bm, mine, 17) == KS_INVALID_PARAMETER && K_SetBitmapPalette(&b.bm, mine, 0) == KS_INVALID_PARAMETER);
+    EXPECT_TRUE(sameAs(b.bm.pPalette, mine + 1, 3));
+    EXPECT_TRUE(K_SetBitmapPalette(&b.bm, mine, 17) == KS_INVALID_PARAMETER && K_SetBitmapPalette(&b.bm, mine, 0) == KS_INVALID_PARAMETER);
     ASSERT_EQ(K_SetBitmapPalette(&b.bm, nullptr, 0), KS_SUCCESS);
     EXPECT_TRUE(K_CompareBitmapToPalette(&b.bm, K_IntGetFixedPalette(4), 16) == KS_SUCCESS && K_CompareBitmapToPalette(&b.bm, nullptr, 0) == KS_SUCCESS);
     EXPECT_EQ(K_CompareBitmapToPalette(&b.bm, K_IntGetFixedPalette(4), 15), KS_FAILURE);
