@@ -92,11 +92,7 @@ int unpackIndex(const uint8_t* row, int x, int bits) {
 }
 
 // A source format (palette for 1..8 bits, bit window for grey samples).
-struct SourceCase {
-    int bits, order;
-    std::vector<RGBQUAD> pal;
-    int lowBit = 0, highBit = -1;
-};
+struct SourceCase { int bits, order; std::vector<RGBQUAD> pal; int lowBit = 0, highBit = -1; };
 using Rows = std::vector<std::vector<uint8_t>>;
 
 // How a run is started (K_StartDitheringExt when bits is set) and driven.

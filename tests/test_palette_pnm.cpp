@@ -36,13 +36,8 @@ int32_t readBack(const std::string& file, BITMAPRECORD& bm) {
 
 // Writes random pixel c of a stored row of a deep format; returns its samples widened to 16 bits (5- and 6-bit
 // fields repeat their top bits).
-struct Format {
-    const char* name;
-    int bpp, order;
-};
-struct Rgb16 {
-    uint32_t r, g, b;
-};
+struct Format { const char* name; int bpp, order; };
+struct Rgb16 { uint32_t r, g, b; };
 Rgb16 putRandom(const Format& f, uint8_t* row, int c, std::mt19937& rng) {
     auto w16 = [](uint8_t* p, uint32_t v) { p[0] = uint8_t(v), p[1] = uint8_t(v >> 8); };
     const uint32_t r = rng() & 0xFFFF, g = rng() & 0xFFFF, b = rng() & 0xFFFF;

@@ -46,10 +46,7 @@ int32_t oracle(const std::vector<RGBQUAD>& p, int r, int g, int b) {
 
 RGBQUAD rgb(int r, int g, int b, int reserved = 0) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), uint8_t(reserved)}; }
 
-struct Path {
-    const char* name;
-    Search fn;
-};
+struct Path { const char* name; Search fn; };
 std::vector<Path> paths() {
     std::vector<Path> v{{"scalar", krn::findPaletteIndexScalar}, {"sse2", krn::findPaletteIndexSse2}, {"dispatch", krn::findPaletteIndex},
                         {"export", [](const RGBQUAD* p, int32_t n, int r, int g, int b) noexcept { return K_FindPaletteIndex(p, n, r, g, b); }}};
