@@ -147,7 +147,8 @@ TEST(PalettePnm, DeepFormatsInEveryViewPerspective) {
 // same pixels, padding clear), a grey ramp as P5, colour palettes as P6.
 TEST(PalettePnm, PalettedBitmaps) {
     std::mt19937 rng(4);
-    for (const auto& [bpp, magic] : {std::pair{1, "P4"}, std::pair{8, "P5"}, std::pair{4, "P6"}, std::pair{3, "P6"}}) {
+    for (const auto& [depth, magic] : {std::pair{1, "P4"}, std::pair{8, "P5"}, std::pair{4, "P6"}, std::pair{3, "P6"}}) {
+        const int bpp = depth;  // (a lambda below uses it)
         SCOPED_TRACE(bpp);
         BITMAPRECORD bm;
         std::vector<uint32_t> idx;
