@@ -1,9 +1,9 @@
 // test_colorres.cpp - colour resolution of whole bitmaps: the cell-pruned and
 // fixed-palette index searches against the nearest-entry scan, lossless round
 // trips, caller palettes on every matching path, grey conversion against the
-// grey rule, the dithering engine, bitmaps over the memory cap, bad input and
-// allocation failures of the palette and grey sources (24-bit sources, other
-// storage kinds and progress stops: test_transform_shared.cpp).
+// grey rule, bitmaps over the memory cap, bad input and allocation failures of
+// the palette and grey sources (dithering: test_dither.cpp; 24-bit sources,
+// other storage kinds and progress stops: test_transform_shared.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "krn/common/colorres.h"
-#include "photo_like.h"
 #include "transform_kit.h"
 
 namespace {
@@ -226,11 +225,8 @@ TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
     const int w = 70, h = 6;
     auto px = rows24(w, h, [&] { return anyColour(rng); });
     Src24 src(w, h, px);
-    const struct {
-        int bits;
-        uint32_t flags;
-        const RGBQUAD* pal;
-    } cases[] = {{8, 0, K_IntGetFixedPalette(8)}, {8, CRF_FIXEDPALETTE, K_IntGetFixedPalette(8)}, {4, 0, K_IntGetFixedPalette(4)},
+    const struct { int bits; uint32_t flags; const RGBQUAD* pal; } cases[] = {
+                 {8, 0, K_IntGetFixedPalette(8)}, {8, CRF_FIXEDPALETTE, K_IntGetFixedPalette(8)}, {4, 0, K_IntGetFixedPalette(4)},
                  {3, CRF_FIXEDPALETTE, K_IntGetFixedPalette(3)}, {8, CRF_NETSCAPEPALETTE, K_IntGetNetscapePalette()}};
     for (const auto& c : cases) {
         Bmp dst;
@@ -240,30 +236,7 @@ TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
     }
 }
 
-// ---------------------------------------------------------------- dithering and flag words
-
-TEST(ColorRes, DitheringMatchesTheEngineRowByRow) {
-    const int w = 64, h = 16;
-    const auto photo = phototest::photoLike(w, h, 4);
-    std::vector<uint8_t> rows(size_t(bplOf(w, 24)) * h);
-    for (int y = 0; y < h; ++y) std::memcpy(&rows[size_t(y) * bplOf(w, 24)], &photo[size_t(y) * w * 3], size_t(w) * 3);
-    Src24 src(w, h, rows);
-    for (int method : {1, 2, 7}) {
-        Bmp dst;
-        ASSERT_EQ(src.res(&dst.bm, 4, CRF_FIXEDPALETTE | CRF_DITHER(method)), KS_SUCCESS);
-        BITMAPRECORD run;  // the engine driven by hand over the same rows
-        ASSERT_EQ(K_InitBitmap(&run, BITMAPRECORD_SIZE, w, 1, 24), KS_SUCCESS);
-        run.nDitheringMethod = method;
-        ASSERT_EQ(K_StartDithering(&run, nullptr, 16), KS_SUCCESS);
-        auto out = dst.rows();
-        std::vector<uint8_t> line(bplOf(w, 4), 0);
-        for (int y = 0; y < h; ++y) {
-            ASSERT_EQ(K_DitherLine(&run, &rows[size_t(y) * bplOf(w, 24)], line.data()), KS_SUCCESS);
-            ASSERT_EQ(0, std::memcmp(line.data(), &out[size_t(y) * dst.bm.nBytesPerLine], size_t(w) / 2)) << method << " row " << y;
-        }
-        K_FreeBitmap(&run);
-    }
-}
+// ---------------------------------------------------------------- flag words, the memory cap
 
 TEST(ColorRes, DeepFrameFlagWordsChooseTheOrder) {
     const RGBQUAD pal[2] = {quad(1, 2, 3), quad(200, 100, 50)};
@@ -309,17 +282,8 @@ TEST(ColorRes, BadInputChangesNothing) {
     K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 10, 4, 24);
     const uint32_t R = BITMAPRECORD_SIZE;
     const RGBQUAD* P = pal.data();
-    const struct {
-        const char* what;
-        BITMAPRECORD* src;
-        bool inPlace;
-        int bits;
-        uint32_t flags;
-        const RGBQUAD* pal;
-        int n;
-        uint32_t size;
-        int32_t want;
-    } cases[] = {
+    const struct { const char* what; BITMAPRECORD* src; bool inPlace; int bits; uint32_t flags;
+                   const RGBQUAD* pal; int n; uint32_t size; int32_t want; } cases[] = {
         {"null source", nullptr, false, 8, 0, nullptr, 0, R, KS_INVALID_PARAMETER},
         {"unallocated source", &unalloc, false, 8, 0, nullptr, 0, R, KS_INVALID_BITMAP},
         {"size word", &src.bm, false, 8, 0, nullptr, 0, 100, KS_INVALID_STRUCT_SIZE},
@@ -358,11 +322,8 @@ TEST(ColorRes, BadInputChangesNothing) {
 // the call succeeds or leaves the source, the destination record and the
 // block count as they were.
 TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
-    const struct {
-        int srcBits, dstBits;
-        uint32_t flags;
-        bool inPlace;
-    } cases[] = {{8, 24, 0, false}, {8, 4, CRF_FIXEDPALETTE | CRF_DITHER(1), false}, {16, 8, CRF_BYTEORDERGRAY, true}, {24, 16, CRF_BYTEORDER565, true}};
+    const struct { int srcBits, dstBits; uint32_t flags; bool inPlace; } cases[] = {
+        {8, 24, 0, false}, {8, 4, CRF_FIXEDPALETTE | CRF_DITHER(1), false}, {16, 8, CRF_BYTEORDERGRAY, true}, {24, 16, CRF_BYTEORDER565, true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.srcBits << " -> " << c.dstBits << " flags " << c.flags);
         RefImage ref(37, 11, c.srcBits);

@@ -118,6 +118,15 @@ TEST(ColorResOptPal, RefinementNeverLosesToTheSplitAlone) {
         }
         EXPECT_LE(err[0], err[1] * 1.0001) << n;
     }
+    // An entry no sample chooses keeps its split value: beside a reserved grey the split makes a second grey,
+    // which every grey pixel leaves to the lower index (an exact match), and (5,5,5) for the two dark colours.
+    std::vector<uint8_t> few(16 * 4 * 3, 100);
+    std::memset(few.data(), 0, 6), std::memset(few.data() + 6, 10, 6);  // two black pixels, two (10,10,10)
+    Img grey(16, 4, few);
+    RGBQUAD split[3] = {quad(100, 100, 100)}, refined[3] = {quad(100, 100, 100)};
+    ASSERT_TRUE(K_CreateBitmapOptPal(&grey.bm, split, 3, 1, OPTPAL_FAST, nullptr) == KS_SUCCESS &&
+                K_CreateBitmapOptPal(&grey.bm, refined, 3, 1, 0, nullptr) == KS_SUCCESS);
+    EXPECT_TRUE(key(split[1]) == key(quad(5, 5, 5)) && key(split[2]) == key(quad(100, 100, 100)) && !std::memcmp(split, refined, sizeof split));
 }
 
 TEST(ColorResOptPal, BadInputWritesNothing) {
@@ -125,13 +134,7 @@ TEST(ColorResOptPal, BadInputWritesNothing) {
     Img img(8, 8, px);
     BITMAPRECORD unalloc;
     K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 8, 8, 24);
-    struct Case {
-        BITMAPRECORD* bm;
-        bool pal;
-        int n, reserved;
-        uint32_t flags;
-        int32_t want;
-    };
+    struct Case { BITMAPRECORD* bm; bool pal; int n, reserved; uint32_t flags; int32_t want; };
     const int32_t P = KS_INVALID_PARAMETER;
     for (Case c : {Case{nullptr, true, 16, 0, 0, P}, Case{&img.bm, false, 16, 0, 0, P}, Case{&img.bm, true, 1, 0, 0, P}, Case{&img.bm, true, 257, 0, 0, P},
                    Case{&img.bm, true, 16, 17, 0, P}, Case{&img.bm, true, 16, -1, 0, P}, Case{&img.bm, true, 16, 16, OPTPAL_TRANSPARENT, P},
@@ -177,23 +180,17 @@ TEST(ColorResOptPal, NearBlackAndBlueOnlyColoursAreCovered) {
 // Pillow's quantizers on the same image, through the script beside the
 // benchmarks; skipped when python3 with Pillow is not there.
 std::map<std::pair<std::string, int>, double> pillowErrors(const std::string& ppm, const std::vector<int>& counts) {
-    // The script: beside this source (an absolute __FILE__), or found from
-    // the test binary (build/tests/) or the working directory.
-    std::string file = __FILE__;
+    // The script: beside this source (an absolute __FILE__), or found from the test binary (build/tests/).
     char exe[1024] = {};
-    const ssize_t got = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    std::string exeDir = got > 0 ? std::string(exe, size_t(got)) : std::string(".");
-    exeDir = exeDir.substr(0, exeDir.find_last_of('/'));
-    std::string script;
-    for (const std::string& c : {file.substr(0, file.find_last_of('/')) + "/../bench/pillow_quantize.py", exeDir + "/../../bench/pillow_quantize.py", std::string("bench/pillow_quantize.py")})
-        if (script.empty() && access(c.c_str(), R_OK) == 0) script = c;
+    const std::string file = __FILE__, bin(exe, size_t(std::max<ssize_t>(0, readlink("/proc/self/exe", exe, sizeof(exe) - 1))));
+    std::string script, cmd = "/usr/bin/python3 ";
+    for (const std::string& c : {file.substr(0, file.find_last_of('/')) + "/../bench/", bin.substr(0, bin.find_last_of('/')) + "/../../bench/"})
+        if (script.empty() && access((c + "pillow_quantize.py").c_str(), R_OK) == 0) script = c + "pillow_quantize.py";
     std::map<std::pair<std::string, int>, double> out;
     if (script.empty()) return out;
-    std::string cmd = "/usr/bin/python3 ";
     cmd.append(script).append(" ").append(ppm);
     for (int n : counts) cmd.append(" ").append(std::to_string(n));
-    cmd.append(" 2>/dev/null");
-    FILE* p = popen(cmd.c_str(), "r");
+    FILE* p = popen(cmd.append(" 2>/dev/null").c_str(), "r");
     if (!p) return out;
     char name[32];
     int n;

@@ -1,8 +1,9 @@
 // test_dither.cpp - the dithering engine: the export frame, every method and
 // palette against a plain reference ditherer (and the rolling Floyd-Steinberg
 // kernel against the plain tap loop), the fixed-palette quantisers against the
-// nearest-colour rule, mean preservation, palette paths, source depths, grey
-// runs, packing, threads and allocation failures.
+// nearest-colour rule, palette paths, source depths, grey runs, packing, blocks
+// of rows (the wavefront) and K_ColorResBitmap on every storage kind, threads
+// and allocation failures.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,10 +17,14 @@
 
 #include "convert_reference.h"
 #include "dither_ref.h"
+#include "krn/common/colorres.h"
 #include "krn/common/dither.h"
 #include "krn/common/memory.h"
 #include "krn/common/palette.h"
 #include "ombrix.h"
+#include "photo_like.h"
+#include "storage_kinds.h"
+#include "transform_kit.h"
 
 namespace {
 
@@ -86,32 +91,55 @@ int unpackIndex(const uint8_t* row, int x, int bits) {
     return v;
 }
 
-// Runs a 24-bit BGR image through the library (plain: the plain tap loop);
-// returns the indices, read MSB first, checking that the bits past the last
-// pixel are clear and nothing past the packed row is written.
-std::vector<int> runLibrary(int method, int w, int h, const std::vector<Rgb>& img, const RGBQUAD* pal, uint32_t colors,
-                            int bits = 0, const uint32_t* table = nullptr, bool plain = false) {
-    Rec rec(w, 24, ORDER_BGR, method);
-    if (plain) krn::testhook::ditherPlainKernels = true;  // only then: threads call this too
-    EXPECT_EQ(bits ? K_StartDitheringExt(&rec.bm, pal, colors, bits, table) : K_StartDithering(&rec.bm, pal, colors),
-              KS_SUCCESS);
-    if (plain) krn::testhook::ditherPlainKernels = false;
-    if (!bits) bits = bitsFor(colors);
+// A source format (palette for 1..8 bits, bit window for grey samples).
+struct SourceCase { int bits, order; std::vector<RGBQUAD> pal; int lowBit = 0, highBit = -1; };
+using Rows = std::vector<std::vector<uint8_t>>;
+
+// How a run is started (K_StartDitheringExt when bits is set) and driven.
+struct Run {
+    int method = 0;
+    const RGBQUAD* pal = nullptr;
+    uint32_t colors = 2;
+    int bits = 0;
+    const uint32_t* table = nullptr;
+    bool plain = false, inPlace = false;  // the plain tap loop; each row dithered over itself
+};
+
+// Runs source rows through K_DitherLine; returns the indices, read MSB first,
+// checking that the source row is not touched, the bits past the last pixel
+// are clear and nothing past the packed row is written; *grey: whether the
+// run took the grey path.
+std::vector<int> runRows(const SourceCase& c, int w, const Rows& rows, const Run& run, bool* grey = nullptr) {
+    Rec rec(w, c.bits, c.order, run.method, c.bits <= 8 ? &c.pal : nullptr);
+    rec.bm.nLowBit = c.lowBit, rec.bm.nHighBit = c.highBit;
+    if (run.plain) krn::testhook::ditherPlainKernels = true;  // only then: threads call this too
+    EXPECT_EQ(run.bits ? K_StartDitheringExt(&rec.bm, run.pal, run.colors, run.bits, run.table)
+                       : K_StartDithering(&rec.bm, run.pal, run.colors), KS_SUCCESS);
+    if (run.plain) krn::testhook::ditherPlainKernels = false;
+    if (grey) *grey = krn::ditherRunIsGrey(&rec.bm);
+    const int bits = run.bits ? run.bits : bitsFor(run.colors);
     const size_t used = size_t(w) * size_t(bits), bytes = (used + 7) / 8;
-    std::vector<int> out;
-    std::vector<uint8_t> row(size_t(w) * 3), dst(bytes + 1, 0xA5);
-    for (int y = 0; y < h; ++y) {
-        for (size_t x = 0; x < size_t(w); ++x) {
-            const Rgb& p = img[size_t(y) * size_t(w) + x];
-            row[3 * x] = uint8_t(p.b), row[3 * x + 1] = uint8_t(p.g), row[3 * x + 2] = uint8_t(p.r);
-        }
-        EXPECT_EQ(K_DitherLine(&rec.bm, row.data(), dst.data()), KS_SUCCESS);
-        for (int x = 0; x < w; ++x) out.push_back(unpackIndex(dst.data(), x, bits));
-        EXPECT_EQ(dst[bytes - 1] & (0xFF >> (used - (bytes - 1) * 8)), 0) << "tail bits set";
-        EXPECT_EQ(dst[bytes], 0xA5) << "wrote past the packed row";
+    std::vector<int> got;
+    for (const auto& r : rows) {
+        std::vector<uint8_t> src = r, dst(bytes + 1, 0xA5);  // the source exactly sized: ASan sees overreads
+        if (run.inPlace) src.resize(std::max(src.size(), bytes));
+        uint8_t* out = run.inPlace ? src.data() : dst.data();
+        EXPECT_EQ(K_DitherLine(&rec.bm, src.data(), out), KS_SUCCESS);
+        EXPECT_TRUE(run.inPlace || (src == r && dst[bytes] == 0xA5)) << "source written or past the packed row";
+        EXPECT_EQ(out[bytes - 1] & (0xFF >> (used - (bytes - 1) * 8)), 0) << "tail bits set";
+        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(out, x, bits));
     }
     EXPECT_EQ(K_StopDithering(&rec.bm), KS_SUCCESS);
-    return out;
+    return got;
+}
+// The same for an image as 24-bit BGR rows.
+std::vector<int> runImage(const std::vector<Rgb>& img, int w, const Run& run) {
+    Rows rows(img.size() / size_t(w), std::vector<uint8_t>(size_t(w) * 3));
+    for (size_t i = 0; i < img.size(); ++i) {
+        uint8_t* p = &rows[i / size_t(w)][3 * (i % size_t(w))];
+        p[0] = uint8_t(img[i].b), p[1] = uint8_t(img[i].g), p[2] = uint8_t(img[i].r);
+    }
+    return runRows({24, ORDER_BGR, {}}, w, rows, run);
 }
 
 // Reference targets. Fixed palettes quantise by their code (checked against
@@ -168,13 +196,7 @@ TEST(DitherFrame, ChecksPointerSizeThenValues) {
     EXPECT_EQ(K_StartDithering(nullptr, nullptr, 2), KS_INVALID_PARAMETER);
     EXPECT_TRUE(K_StartDithering(&bad, nullptr, 0) == KS_INVALID_STRUCT_SIZE && K_StartDitheringExt(&bad, nullptr, 2, 1, nullptr) == KS_INVALID_STRUCT_SIZE);
     // Each case spoils one value of a good record (or the call's arguments).
-    const struct {
-        const char* what;
-        void (*spoil)(BITMAPRECORD&);
-        uint32_t colors;
-        int bits;  // -1: the plain start
-        int32_t expect;
-    } bads[] = {
+    const struct { const char* what; void (*spoil)(BITMAPRECORD&); uint32_t colors; int bits; int32_t expect; } bads[] = {  // bits -1: the plain start
         {"no colours", [](BITMAPRECORD&) {}, 0, -1, KS_INVALID_PARAMETER},
         {"257 colours", [](BITMAPRECORD&) {}, 257, -1, KS_INVALID_PARAMETER},
         {"16 colours in 3 bits", [](BITMAPRECORD&) {}, 16, 3, KS_INVALID_PARAMETER},
@@ -263,12 +285,7 @@ TEST(DitherQuantise, FixedCodesGiveTheNearestEntryOnADenseGrid) {
 // ------------------------------------------------------- against reference
 
 TEST(DitherReference, EveryMethodAndPaletteMatchesThePlainDitherer) {
-    struct PaletteCase {
-        const char* name;
-        std::vector<RGBQUAD> pal;
-        bool passNull;  // pass a null palette (the fixed one of that size)
-        int code;       // fixed-palette code, 0: through the match table
-    };
+    struct PaletteCase { const char* name; std::vector<RGBQUAD> pal; bool passNull; int code; };  // null: the fixed one; code 0: a table
     auto withReserved = randomPalette(40, 12);
     for (size_t i = 0; i < withReserved.size(); i += 3) withReserved[i].rgbReserved = uint8_t(1 + i % 3);
     std::vector<PaletteCase> cases;
@@ -283,24 +300,15 @@ TEST(DitherReference, EveryMethodAndPaletteMatchesThePlainDitherer) {
             for (int w : {1, 2, 3, 7, 33, 101, 257}) {
                 SCOPED_TRACE(std::string(pc.name) + " method " + std::to_string(method) + " width " + std::to_string(w));
                 const int h = 11;
+                const uint32_t n = uint32_t(pc.pal.size());
                 auto img = testImage(w, h, ++seed);
                 auto expect = ditherref::dither(method, w, h, img, target);
-                ASSERT_EQ(runLibrary(method, w, h, img, pal, uint32_t(pc.pal.size())), expect);
-                ASSERT_TRUE(method != 1 || runLibrary(method, w, h, img, pal, uint32_t(pc.pal.size()), 0, nullptr, true) == expect);  // the plain tap loop
+                ASSERT_EQ(runImage(img, w, {.method = method, .pal = pal, .colors = n}), expect);
+                ASSERT_TRUE(method != 1 || runImage(img, w, {.method = method, .pal = pal, .colors = n, .plain = true}) == expect);  // the plain tap loop
+                for (int deeper = bitsFor(n) + 1; deeper <= 8 && w <= 7; ++deeper)  // deeper output depths pack the same indices
+                    ASSERT_EQ(runImage(img, w, {.method = method, .pal = pal, .colors = n, .bits = deeper}), expect) << deeper << " bits";
             }
     }
-}
-
-// Deeper output depths than the colours need pack the same indices.
-TEST(DitherReference, EveryOutputDepthPacksTheSameIndices) {
-    for (int bits = 1; bits <= 7; ++bits)
-        for (int w : {1, 3, 5, 8, 9, 13}) {
-            std::vector<RGBQUAD> pal = randomPalette(1 << bits, uint32_t(bits * 31 + w));
-            const auto img = testImage(w, 2, uint32_t(w));
-            const auto idx = runLibrary(0, w, 2, img, pal.data(), uint32_t(pal.size()), bits);
-            for (int deeper = bits + 1; deeper <= 8; ++deeper)
-                EXPECT_EQ(runLibrary(0, w, 2, img, pal.data(), uint32_t(pal.size()), deeper), idx) << bits << " in " << deeper;
-        }
 }
 
 // --------------------------------------------------------------- proofs
@@ -319,13 +327,7 @@ TEST(DitherProof, FixedPaletteInOrderTakesTheDirectPathShuffledTakesTheTable) {
         ASSERT_EQ(K_StartDithering(&rec.bm, c.pal.data(), c.count), KS_SUCCESS);
         EXPECT_EQ(krn::ditherRunCode(&rec.bm), c.code) << c.pal.size() << " " << c.count;
     }
-    // Observable: the 64-colour palette in order separates (42,0,0) and
-    // (43,0,0), which share a cell of the 5-5-5 table; shuffled it cannot.
-    std::vector<Rgb> img = {{42, 0, 0}, {43, 0, 0}, {40, 100, 200}, {47, 103, 207}};
-    auto p64 = fixedPal(6), mixed = shuffled(p64, 99);
-    auto direct = runLibrary(0, 4, 1, img, p64.data(), 64), viaTable = runLibrary(0, 4, 1, img, mixed.data(), 64);
-    EXPECT_TRUE(direct[0] == 0 && direct[1] == 16);
-    EXPECT_TRUE(viaTable[0] == viaTable[1] && viaTable[2] == viaTable[3]);
+    // (What each path gives: the fixed and the shuffled palettes against the reference ditherer.)
 }
 
 TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
@@ -334,18 +336,18 @@ TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
     for (uint32_t k = 0; k < 32768; ++k) table[k] = (k % 7) + 1;  // index k % 7
     table[0] = 0;                                                  // "no entry": index 0
     std::vector<Rgb> img = {{0, 0, 0}, {0, 0, 8}, {0, 0, 16}, {255, 255, 255}};
-    auto got = runLibrary(0, 4, 1, img, pal.data(), 16, 4, table.data());
+    auto got = runImage(img, 4, {.pal = pal.data(), .colors = 16, .bits = 4, .table = table.data()});
     EXPECT_EQ(got, (std::vector<int>{0, 1, 2, int(32767 % 7)}));
     // A table installed for the thread stands in for the one a run would build;
     // fixed palettes never look at it.
     const uint32_t* old = K_SetUserMatchTable(table.data());
     Rec rec(4, 24, ORDER_BGR, 0);
     EXPECT_TRUE(K_StartDithering(&rec.bm, pal.data(), 16) == KS_SUCCESS && krn::ditherRunCode(&rec.bm) == krn::kCodeCallerTable);
-    EXPECT_EQ(runLibrary(0, 4, 1, img, pal.data(), 16), got);
+    EXPECT_EQ(runImage(img, 4, {.pal = pal.data(), .colors = 16}), got);
     EXPECT_TRUE(K_StartDithering(&rec.bm, nullptr, 16) == KS_SUCCESS && krn::ditherRunCode(&rec.bm) == krn::kCodeFixed16);
     K_SetUserMatchTable(old);
     for (auto& e : table) e = 200;  // index 199 = 0b11000111: masked into the output depth
-    EXPECT_EQ(runLibrary(0, 4, 1, img, pal.data(), 16, 4, table.data()), (std::vector<int>{7, 7, 7, 7}));
+    EXPECT_EQ(runImage(img, 4, {.pal = pal.data(), .colors = 16, .bits = 4, .table = table.data()}), (std::vector<int>{7, 7, 7, 7}));
 }
 
 TEST(DitherProof, ErrorsNeverWrap) {
@@ -353,23 +355,14 @@ TEST(DitherProof, ErrorsNeverWrap) {
     // = 20 right; 250 + 20 clamps to 255 (white) and passes on no error, so 125
     // stays black. Measured from 270 it would turn 125 white; wrapped to 14 it
     // would turn the 250 black.
-    EXPECT_EQ(runLibrary(1, 3, 1, {{46, 46, 46}, {250, 250, 250}, {125, 125, 125}}, nullptr, 2),
-              (std::vector<int>{0, 1, 0}));
+    EXPECT_EQ(runImage({{46, 46, 46}, {250, 250, 250}, {125, 125, 125}}, 3, {.method = 1}), (std::vector<int>{0, 1, 0}));
 }
 
 // ---------------------------------------------------------- source depths
 
-// A source format (palette for 1..8 bits, bit window for grey samples).
-struct SourceCase {
-    int bits, order;
-    std::vector<RGBQUAD> pal;
-    int lowBit = 0, highBit = -1;
-};
-
-// h random rows of the source format, exactly sized (ASan sees overreads), and
-// the 24-bit colours they stand for as the reference converter reads them.
-void makeSourceRows(const SourceCase& c, int w, int h, std::mt19937& rng, std::vector<std::vector<uint8_t>>& rows,
-                    std::vector<Rgb>& colours) {
+// h random rows of the source format and the 24-bit colours they stand for
+// as the reference converter reads them.
+void makeSourceRows(const SourceCase& c, int w, int h, std::mt19937& rng, Rows& rows, std::vector<Rgb>& colours) {
     convref::Request q;
     q.width = w, q.srcBits = c.bits, q.srcOrder = c.order, q.dstBits = 24, q.dstOrder = ORDER_RGB;
     q.srcPal = c.bits <= 8 ? c.pal.data() : nullptr;
@@ -387,57 +380,38 @@ void makeSourceRows(const SourceCase& c, int w, int h, std::mt19937& rng, std::v
     }
 }
 
-// Runs source rows through the library, reporting whether it chose the grey
-// path; in place, each row is dithered over itself.
-std::vector<int> runRows(const SourceCase& c, int w, int method, const std::vector<std::vector<uint8_t>>& rows,
-                         const RGBQUAD* pal, uint32_t colors, bool* grey, bool inPlace = false, bool plain = false) {
-    Rec rec(w, c.bits, c.order, method, c.bits <= 8 ? &c.pal : nullptr);
-    rec.bm.nLowBit = c.lowBit, rec.bm.nHighBit = c.highBit;
-    krn::testhook::ditherPlainKernels = plain;
-    EXPECT_EQ(K_StartDithering(&rec.bm, pal, colors), KS_SUCCESS);
-    krn::testhook::ditherPlainKernels = false;
-    if (grey) *grey = krn::ditherRunIsGrey(&rec.bm);
-    const int bits = bitsFor(colors);
-    const size_t outBytes = (size_t(w) * size_t(bits) + 7) / 8;
-    std::vector<int> got;
-    for (const auto& r : rows) {
-        std::vector<uint8_t> src = r, dst(outBytes);
-        if (inPlace) src.resize(std::max(src.size(), outBytes));
-        uint8_t* out = inPlace ? src.data() : dst.data();
-        EXPECT_EQ(K_DitherLine(&rec.bm, src.data(), out), KS_SUCCESS);
-        EXPECT_TRUE(inPlace || src == r);  // the source row is not touched
-        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(out, x, bits));
-    }
-    return got;
+// Random rows of a source format dither, out of place and in place (and by
+// the plain tap loop for Floyd-Steinberg), like the 24-bit colours they stand
+// for; the run takes the grey path when `grey` says so.
+void expectLikeItsColours(const SourceCase& c, int w, int h, std::mt19937& rng, Run run, bool grey) {
+    SCOPED_TRACE(testing::Message() << c.bits << " bits, order " << c.order << ", window " << c.lowBit << ".." << c.highBit
+                                    << ", " << run.colors << " colours, method " << run.method << ", width " << w);
+    Rows rows;
+    std::vector<Rgb> img;
+    makeSourceRows(c, w, h, rng, rows, img);
+    const auto expect = runImage(img, w, run);
+    bool tookGrey = !grey;
+    ASSERT_EQ(runRows(c, w, rows, run, &tookGrey), expect);
+    EXPECT_EQ(tookGrey, grey);
+    run.inPlace = true;
+    ASSERT_EQ(runRows(c, w, rows, run), expect);
+    run.inPlace = false, run.plain = true;
+    ASSERT_TRUE(run.method != 1 || runRows(c, w, rows, run) == expect);
 }
 
 TEST(DitherSource, EveryDepthDithersLikeItsColours) {
-    std::vector<SourceCase> cases;
-    for (int bits = 1; bits <= 8; ++bits) {
-        cases.push_back({bits, ORDER_RGB, randomPalette(1 << bits, uint32_t(bits))});
-        cases.push_back({bits, ORDER_RGB, fixedPal(bits)});
-    }
-    cases.push_back({12, ORDER_GRAY, {}});
-    cases.push_back({12, ORDER_GRAY, {}, 2, 9});
+    std::vector<SourceCase> cases = {{12, ORDER_GRAY, {}}, {12, ORDER_GRAY, {}, 2, 9}, {16, ORDER_GRAY, {}, 0, 11},
+                                     {16, ORDER_GRAY, {}, 4, 8}, {32, ORDER_GRAY, {}, 8, 23}};  // 4..8: scaled up
+    for (int bits = 1; bits <= 8; ++bits)
+        cases.push_back({bits, ORDER_RGB, randomPalette(1 << bits, uint32_t(bits))}), cases.push_back({bits, ORDER_RGB, fixedPal(bits)});
     for (int order : {ORDER_RGB, ORDER_BGR, ORDER_GRAY, ORDER_RGB565}) cases.push_back({16, order, {}});
-    cases.push_back({16, ORDER_GRAY, {}, 0, 11});
-    cases.push_back({16, ORDER_GRAY, {}, 4, 8});  // a 5-bit window, scaled up
     for (int bits : {24, 48, 64})
         for (int order : {ORDER_RGB, ORDER_BGR, ORDER_ROMM}) cases.push_back({bits, order, {}});
     for (int order : {ORDER_RGB, ORDER_BGR, ORDER_GRAY}) cases.push_back({32, order, {}});
-    cases.push_back({32, ORDER_GRAY, {}, 8, 23});
     auto target = fixedPal(8);
     std::mt19937 rng(1234);
     for (const auto& c : cases)
-        for (int w : {1, 2, 5, 8, 17, 64}) {
-            SCOPED_TRACE(testing::Message() << c.bits << " bits, order " << c.order << ", width " << w << ", window " << c.lowBit << ".." << c.highBit);
-            std::vector<std::vector<uint8_t>> rows;
-            std::vector<Rgb> img;
-            makeSourceRows(c, w, 4, rng, rows, img);
-            const auto expect = runLibrary(2, w, 4, img, target.data(), 256);
-            ASSERT_EQ(runRows(c, w, 2, rows, target.data(), 256, nullptr), expect);
-            ASSERT_EQ(runRows(c, w, 2, rows, target.data(), 256, nullptr, true), expect);  // in place
-        }
+        for (int w : {1, 2, 5, 8, 17, 64}) expectLikeItsColours(c, w, 4, rng, {.method = 2, .pal = target.data(), .colors = 256}, false);
     // A palette source without a palette: the fixed 2-bit palette and the
     // 4-level grey ramp are both 0, 85, 170, 255.
     for (int order : {ORDER_RGB, ORDER_GRAY}) {
@@ -449,51 +423,26 @@ TEST(DitherSource, EveryDepthDithersLikeItsColours) {
     }
 }
 
-// ------------------------------------------------------------ grey runs
-
+// Grey sources into grey targets take the grey path and dither like the
+// colour path; colour on either side keeps three channels: a colour source,
+// the sixteen colours, a source palette with one entry not grey.
 TEST(DitherGrey, GreySourcesIntoGreyTargetsMatchTheColourPath) {
-    auto curve = greyRamp(256);
+    auto curve = greyRamp(256), tinted = greyRamp(256);
     for (auto& e : curve) e.rgbRed = e.rgbGreen = e.rgbBlue = uint8_t(std::sqrt(e.rgbRed / 255.0) * 255.0);
+    tinted[17].rgbBlue ^= 1;
     const SourceCase sources[] = {{8, ORDER_RGB, greyRamp(256)}, {8, ORDER_RGB, curve}, {4, ORDER_RGB, greyRamp(16)}, {1, ORDER_RGB, greyRamp(2)},
                                   {12, ORDER_GRAY, {}}, {16, ORDER_GRAY, {}, 3, 12}, {16, ORDER_GRAY, {}}, {32, ORDER_GRAY, {}}};
-    const struct {
-        std::vector<RGBQUAD> pal;
-        bool passNull;
-    } targets[] = {{fixedPal(1), true}, {fixedPal(2), false}, {greyRamp(16), false},
-                   {{quad(30, 30, 30), quad(128, 128, 128), quad(220, 220, 220)}, false}, {{quad(200, 200, 200), quad(10, 10, 10)}, false}};
+    const std::vector<RGBQUAD> targets[] = {fixedPal(1), fixedPal(2), greyRamp(16), {quad(30, 30, 30), quad(128, 128, 128), quad(220, 220, 220)},
+                                            {quad(200, 200, 200), quad(10, 10, 10)}};
     std::mt19937 rng(99);
     for (const auto& c : sources)
-        for (const auto& tc : targets)
+        for (const auto& t : targets)
             for (int method = 0; method <= 8; ++method)
-                for (int w : {8, 45}) {
-                    SCOPED_TRACE(testing::Message() << c.bits << " bits, " << tc.pal.size() << " colours, method " << method);
-                    std::vector<std::vector<uint8_t>> rows;
-                    std::vector<Rgb> img;
-                    makeSourceRows(c, w, 9, rng, rows, img);
-                    const RGBQUAD* pal = tc.passNull ? nullptr : tc.pal.data();
-                    const uint32_t n = uint32_t(tc.pal.size());
-                    auto expect = runLibrary(method, w, 9, img, pal, n);
-                    bool grey = false;
-                    ASSERT_EQ(runRows(c, w, method, rows, pal, n, &grey), expect);
-                    EXPECT_TRUE(grey);
-                    ASSERT_EQ(runRows(c, w, method, rows, pal, n, nullptr, true), expect);  // in place
-                    ASSERT_TRUE(method != 1 || runRows(c, w, method, rows, pal, n, nullptr, false, true) == expect);  // plain taps
-                }
-    // Colour on either side keeps three channels: the sixteen colours, a
-    // colour source, or a source palette with one entry not grey.
-    auto tinted = greyRamp(256);
-    tinted[17].rgbBlue ^= 1;
-    const std::vector<std::vector<uint8_t>> row = {std::vector<uint8_t>(24, 0x5C)};
-    const struct {
-        SourceCase src;
-        uint32_t colours;
-        bool grey;
-    } sides[] = {{{24, ORDER_BGR, {}}, 2, false}, {{8, ORDER_RGB, greyRamp(256)}, 16, false}, {{8, ORDER_RGB, tinted}, 2, false}, {{8, ORDER_RGB, greyRamp(256)}, 2, true}};
-    for (const auto& sd : sides) {
-        bool grey = !sd.grey;
-        runRows(sd.src, 8, 1, row, nullptr, sd.colours, &grey);
-        EXPECT_EQ(grey, sd.grey) << sd.src.bits << " bits to " << sd.colours;
-    }
+                for (int w : {8, 45})  // the first target passed as null: the fixed palette
+                    expectLikeItsColours(c, w, 9, rng, {.method = method, .pal = &t == targets ? nullptr : t.data(), .colors = uint32_t(t.size())}, true);
+    const SourceCase bgr24{24, ORDER_BGR, {}}, grey8{8, ORDER_RGB, greyRamp(256)}, tint8{8, ORDER_RGB, tinted};
+    for (const auto& [c, colours] : {std::pair{bgr24, 2u}, std::pair{grey8, 16u}, std::pair{tint8, 2u}})
+        expectLikeItsColours(c, 8, 2, rng, {.method = 1, .colors = colours}, false);
 }
 
 // --------------------------------------------------- threads and failures
@@ -504,7 +453,7 @@ TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
     const int w = 120, h = 40;
     auto img = testImage(w, h, 64);
     auto pal = randomPalette(20, 6);
-    auto run = [&](int m) { return runLibrary(m * 2, w, h, img, m % 2 ? pal.data() : nullptr, m % 2 ? 20 : 256); };
+    auto run = [&](int m) { return runImage(img, w, {.method = m * 2, .pal = m % 2 ? pal.data() : nullptr, .colors = m % 2 ? 20u : 256u}); };
     std::vector<std::vector<int>> together(4);
     std::vector<std::thread> threads;
     for (int m = 0; m < 4; ++m)
@@ -518,38 +467,141 @@ TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
 // A failed restart leaves the record and the earlier run as they were.
 TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
     K_GetDefaultDithering();
-    const struct {
-        int bits, order, method;
-        bool callerPalette, callerTable;
-    } configs[] = {{24, ORDER_BGR, 1, false, false}, {24, ORDER_BGR, 2, true, false}, {4, ORDER_RGB, 5, true, false}, {16, ORDER_RGB565, 7, false, false},
-                   {8, ORDER_RGB, 0, true, true}, {16, ORDER_GRAY, 1, false, false}};
+    const struct { int bits, order, method; bool callerPalette, callerTable; } configs[] = {
+        {24, ORDER_BGR, 1, false, false}, {24, ORDER_BGR, 2, true, false}, {4, ORDER_RGB, 5, true, false},
+        {16, ORDER_RGB565, 7, false, false}, {8, ORDER_RGB, 0, true, true}, {16, ORDER_GRAY, 1, false, false}};
     auto pal = randomPalette(12, 2);
     std::vector<uint32_t> table(32768, 3);
     for (const auto& cfg : configs) {
         Rec rec(40, cfg.bits, cfg.order, cfg.method);
         ASSERT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_SUCCESS);
         void* earlier = rec.bm.pDitherState;
-        int failures = 0;
-        for (long n = 0; n < 50; ++n) {
+        const int failures = tkit::allocationWalk([&](tkit::Armed& armed) {
             const BITMAPRECORD before = rec.bm;
-            const long live = krn::faultinject::liveBlocks();
-            krn::faultinject::arm(n);
-            const int32_t r = cfg.callerTable ? K_StartDitheringExt(&rec.bm, pal.data(), 12, 4, table.data())
-                                              : K_StartDithering(&rec.bm, cfg.callerPalette ? pal.data() : nullptr, cfg.callerPalette ? 12 : 256);
-            const long injected = krn::faultinject::injected();
-            krn::faultinject::disarm();
-            if (r == KS_SUCCESS) {
-                EXPECT_EQ(injected, 0);
-                break;
-            }
-            ++failures;
-            ASSERT_EQ(r, KS_NO_MEMORY) << "failure at allocation " << n;
-            EXPECT_TRUE(std::memcmp(&before, &rec.bm, sizeof before) == 0 && krn::faultinject::liveBlocks() == live && rec.bm.pDitherState == earlier);
+            const int32_t rc = armed([&] {
+                return cfg.callerTable ? K_StartDitheringExt(&rec.bm, pal.data(), 12, 4, table.data())
+                                       : K_StartDithering(&rec.bm, cfg.callerPalette ? pal.data() : nullptr, cfg.callerPalette ? 12 : 256);
+            });
+            EXPECT_TRUE(rc != KS_SUCCESS || armed.injected == 0);
+            if (rc == KS_SUCCESS) return;
+            EXPECT_TRUE(!std::memcmp(&before, &rec.bm, sizeof before) && rec.bm.pDitherState == earlier);
             uint8_t src[40 * 8] = {}, dst[64];
-            EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_SUCCESS);
-        }
+            EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_SUCCESS);  // the earlier run goes on
+        }, 1, true);
         EXPECT_GE(failures, 2);  // state, scratch row (+ error rows, table)
         EXPECT_NE(rec.bm.pDitherState, earlier);
+    }
+}
+
+// ------------------------------------------------------- blocks of rows
+
+// Grey bytes: random, or runs of 127 and 128 (the largest errors of either
+// sign) between black and white, which drive the carried sums to the tables' ends.
+Rows greyRows(int w, int h, int bytesPerPixel, bool saturated, uint32_t seed) {
+    std::mt19937 rng(seed);
+    static const uint8_t kLevels[4] = {127, 128, 0, 255};
+    Rows rows(size_t(h), std::vector<uint8_t>(size_t(w) * size_t(bytesPerPixel)));
+    for (int y = 0; y < h; ++y)
+        for (size_t x = 0; x < rows[0].size(); ++x)
+            rows[size_t(y)][x] = saturated ? kLevels[(x / 5 + size_t(y) / 7 * 3 + (rng() % 16 == 0)) % 4] : uint8_t(rng());
+    return rows;
+}
+
+// Floyd-Steinberg to black and white through krn::ditherRows: blocks of
+// `blockRows` rows (the wavefront), `chunk` rows per call.
+std::vector<int> runBlocks(const SourceCase& c, int w, const Rows& rows, int blockRows, size_t chunk) {
+    Rec rec(w, c.bits, c.order, DITHER_FLOYD_STEINBERG, c.bits <= 8 ? &c.pal : nullptr);
+    EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_SUCCESS);
+    krn::testhook::ditherWaveRows = blockRows;
+    Rows out(rows.size(), std::vector<uint8_t>((size_t(w) + 7) / 8));
+    for (size_t y0 = 0; y0 < rows.size(); y0 += chunk) {
+        std::vector<const uint8_t*> src;
+        std::vector<uint8_t*> dst;
+        for (size_t y = y0; y < std::min(rows.size(), y0 + chunk); ++y) src.push_back(rows[y].data()), dst.push_back(out[y].data());
+        EXPECT_EQ(krn::ditherRows(&rec.bm, src.data(), dst.data(), int32_t(src.size())), KS_SUCCESS);
+    }
+    krn::testhook::ditherWaveRows = 0;
+    std::vector<int> got;
+    for (const auto& r : out)
+        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(r.data(), x, 1));
+    return got;
+}
+
+TEST(DitherWave, BlocksMatchLinesThePlainLoopAndTheReference) {
+    const SourceCase grey8{8, ORDER_RGB, greyRamp(256)};
+    const auto bw = fixedTarget(2, fixedPal(1));
+    for (int w : {1, 2, 3, 7, 8, 9, 31, 4001})
+        for (bool sat : {false, true}) {
+            const int h = w > 100 ? 11 : (sat ? 203 : 37);  // tall and narrow saturates the error rows
+            const Rows rows = greyRows(w, h, 1, sat, uint32_t(w * 2 + sat));
+            std::vector<Rgb> img;
+            for (const auto& r : rows)
+                for (uint8_t v : r) img.push_back({v, v, v});
+            const auto ref = ditherref::dither(1, w, h, img, bw);
+            ASSERT_EQ(runRows(grey8, w, rows, {.method = 1}), ref) << w;
+            ASSERT_EQ(runRows(grey8, w, rows, {.method = 1, .plain = true}), ref) << w;
+            for (int blockRows : {1, 2, 4, 8})
+                for (int chunk : {h, 3, 9}) EXPECT_EQ(runBlocks(grey8, w, rows, blockRows, size_t(chunk)), ref) << w << " " << blockRows << " " << chunk;
+        }
+    // Sources made grey first: a reversed grey palette (a table), 16-bit grey (the converter).
+    auto reversed = greyRamp(256);
+    std::reverse(reversed.begin(), reversed.end());
+    for (const SourceCase& c : {SourceCase{8, ORDER_RGB, reversed}, SourceCase{16, ORDER_GRAY, {}}}) {
+        const Rows rows = greyRows(29, 23, c.bits / 8, false, uint32_t(c.bits));
+        for (int blockRows : {2, 4, 8}) EXPECT_EQ(runBlocks(c, 29, rows, blockRows, 23), runRows(c, 29, rows, {.method = 1})) << c.bits;
+    }
+}
+
+// K_ColorResBitmap dithers like the engine row by row: grey to black and
+// white by Floyd-Steinberg (the block loop) and a photo to the sixteen fixed
+// colours by three methods, on every storage kind, by the block loop and by
+// the row layer; under every allocation failure (on one kind) a failure
+// leaves the source, the destination record and the block count.
+TEST(DitherWave, ColorResMatchesTheEngineOnEveryStorageKindAndUnderAllocationFailures) {
+    const int w = 61, h = 45;
+    const SourceCase grey8{8, ORDER_RGB, greyRamp(256)}, bgr24{24, ORDER_BGR, {}};
+    const auto px = phototest::photoLike(w, h, 4);
+    Rows photo;
+    for (int y = 0; y < h; ++y) photo.emplace_back(px.begin() + y * w * 3, px.begin() + (y + 1) * w * 3);
+    const struct { const SourceCase& src; Rows rows; int bits, method; } cases[] = {
+        {grey8, greyRows(w, h, 1, true, 9), 1, 1}, {bgr24, photo, 4, 1}, {bgr24, photo, 4, 2}, {bgr24, photo, 4, 7}};
+    auto read = [](BITMAPRECORD* bm, size_t bytes) {
+        Rows out(size_t(bm->nHeight), std::vector<uint8_t>(bm->nBytesPerLine));
+        for (int y = 0; y < bm->nHeight; ++y) {
+            EXPECT_GE(K_GetBitmapRow(bm, out[size_t(y)].data(), y, bm->nBytesPerLine), 0);
+            out[size_t(y)].resize(bytes);
+        }
+        return out;
+    };
+    for (const auto& c : cases) {
+        const auto ref = runRows(c.src, w, c.rows, {.method = c.method, .colors = 1u << c.bits});
+        for (auto kind : storagetest::kindsFor(c.src.bits))
+            for (bool rowPath : {false, true}) {
+                SCOPED_TRACE(testing::Message() << storagetest::kindName(kind) << ", row layer " << rowPath << ", method " << c.method);
+                storagetest::KindBitmap src(kind, w, h, c.src.bits);
+                ASSERT_TRUE(src.rc == KS_SUCCESS && (c.src.bits > 8 || K_SetBitmapPalette(&src.bm, c.src.pal.data(), 256) == KS_SUCCESS));
+                src.bm.nOrder = c.src.order;
+                for (int y = 0; y < h; ++y) ASSERT_GE(K_PutBitmapRow(&src.bm, c.rows[size_t(y)].data(), y, uint32_t(c.rows[0].size())), 0);
+                auto attempt = [&](tkit::Armed& armed) {
+                    const BITMAPRECORD before = src.bm;
+                    BITMAPRECORD dst{}, zero{};
+                    krn::testhook::colorResRowPath = rowPath;
+                    const int32_t rc = armed([&] { return K_ColorResBitmap(&src.bm, &dst, c.bits, CRF_FIXEDPALETTE | CRF_DITHER(c.method), nullptr, 0, BITMAPRECORD_SIZE); });
+                    krn::testhook::colorResRowPath = false;
+                    if (rc != KS_SUCCESS) {  // a failure the call could do without changes nothing either
+                        EXPECT_TRUE(!std::memcmp(&before, &src.bm, sizeof before) && !std::memcmp(&dst, &zero, sizeof dst));
+                        return;
+                    }
+                    std::vector<int> got;
+                    for (const auto& r : read(&dst, (size_t(w) * size_t(c.bits) + 7) / 8))
+                        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(r.data(), x, c.bits));
+                    EXPECT_EQ(got, ref);
+                    K_FreeBitmap(&dst);
+                };
+                tkit::Armed clean{1L << 40, 1};  // the walk on one kind, one clean call on the others
+                &c == cases && kind == storagetest::Kind::SingleBlock && !rowPath ? void(tkit::allocationWalk(attempt)) : attempt(clean);
+                EXPECT_EQ(read(&src.bm, c.rows[0].size()), c.rows);  // read, never written
+            }
     }
 }
 

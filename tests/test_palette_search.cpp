@@ -9,6 +9,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <sys/mman.h>
@@ -45,10 +46,7 @@ int32_t oracle(const std::vector<RGBQUAD>& p, int r, int g, int b) {
 
 RGBQUAD rgb(int r, int g, int b, int reserved = 0) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), uint8_t(reserved)}; }
 
-struct Path {
-    const char* name;
-    Search fn;
-};
+struct Path { const char* name; Search fn; };
 std::vector<Path> paths() {
     std::vector<Path> v{{"scalar", krn::findPaletteIndexScalar}, {"sse2", krn::findPaletteIndexSse2}, {"dispatch", krn::findPaletteIndex},
                         {"export", [](const RGBQUAD* p, int32_t n, int r, int g, int b) noexcept { return K_FindPaletteIndex(p, n, r, g, b); }}};
@@ -56,38 +54,29 @@ std::vector<Path> paths() {
     return v;
 }
 
+// What the random walk rarely meets: the hue-class tie both ways, the first
+// exact match at both ends of every block and chunk, counts and pointers the
+// export refuses, components it clamps.
 TEST(PaletteSearch, DocumentedEdgeCases) {
+    // (90,100,100) and (110,100,100) are both 100 away from (100,100,100); hue classes: target 0, (90,100,100) 4
+    // (red < blue), (110,100,100) 0: the later entry wins when it shares the class, else the earlier keeps the lead.
+    const std::vector<RGBQUAD> tie{rgb(90, 100, 100), rgb(110, 100, 100)}, tie2{rgb(110, 100, 100), rgb(90, 100, 100)};
     for (const Path& path : paths()) {
         SCOPED_TRACE(path.name);
-        // (Black and white at the ends of the palette: the differential walk.)
-        const std::vector<RGBQUAD> pal(4, rgb(10, 20, 30));
-        // (90,100,100) and (110,100,100) are both 100 away from (100,100,100);
-        // hue classes: target 0, (90,100,100) 4 (red < blue), (110,100,100) 0.
-        const std::vector<RGBQUAD> tie{rgb(90, 100, 100), rgb(110, 100, 100)}, tie2{rgb(110, 100, 100), rgb(90, 100, 100)},
-            tie3{rgb(90, 100, 100), rgb(110, 100, 100), rgb(100, 110, 100)},
-            res{rgb(10, 10, 10, 200), rgb(12, 12, 12, 0)};  // the reserved byte plays no part
-        // the later entry shares the class; it does not: the earlier keeps the lead
-        EXPECT_TRUE(path.fn(tie.data(), 2, 100, 100, 100) == 1 && path.fn(tie2.data(), 2, 100, 100, 100) == 0 && path.fn(tie3.data(), 3, 100, 100, 100) == 1);
-        EXPECT_EQ(path.fn(res.data(), 2, 10, 10, 10), 0);
+        EXPECT_TRUE(path.fn(tie.data(), 2, 100, 100, 100) == 1 && path.fn(tie2.data(), 2, 100, 100, 100) == 0);
+        EXPECT_TRUE(path.fn(tie.data(), 0, 1, 2, 3) == -1 && path.fn(tie.data(), -4, 1, 2, 3) == -1);
         EXPECT_TRUE(std::string(path.name) == "export" || path.fn(nullptr, 5, 1, 2, 3) == 0);
-        EXPECT_TRUE(path.fn(pal.data(), 0, 1, 2, 3) == -1 && path.fn(pal.data(), -4, 1, 2, 3) == -1);
-        // The first exact match wins across blocks and chunks.
         for (int n : {1, 3, 4, 5, 8, 9, 17, 255, 256, 257, 300, 513})
             for (int first : {0, n / 2, n - 1}) {
                 std::vector<RGBQUAD> p(size_t(n), rgb(200, 10, 10));
-                p[size_t(first)] = rgb(7, 8, 9);
-                if (first + 1 < n) p[size_t(n - 1)] = rgb(7, 8, 9);  // a later duplicate must lose
+                p[size_t(first)] = p[size_t(n - 1)] = rgb(7, 8, 9);  // a later duplicate must lose
                 EXPECT_EQ(path.fn(p.data(), n, 7, 8, 9), first) << "n=" << n;
             }
     }
-    // The export clamps components; the web palette's entries find themselves.
     const std::vector<RGBQUAD> pal{rgb(0, 0, 0), rgb(255, 0, 0), rgb(0, 255, 0), rgb(250, 0, 250)};
     EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 300, -20, 0), 1);  // as (255, 0, 0), not (44, 236, 0)
     EXPECT_TRUE(K_FindPaletteIndex(pal.data(), 4, 256, 0, 256) == 3 && K_FindPaletteIndex(pal.data(), 4, -1, -1, -1) == 0);
     EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 0x7FFFFFFF, int32_t(0x80000000), 0), 1);
-    const RGBQUAD* web = K_IntGetNetscapePalette();
-    for (int i = 0; i < 256; ++i)  // its 40 trailing blacks resolve to the first black
-        EXPECT_EQ(K_FindPaletteIndex(web, 256, web[i].rgbRed, web[i].rgbGreen, web[i].rgbBlue), i < 216 ? i : 0);
 }
 
 // Random palettes built to stress the rule (duplicates, entries drawn from a
@@ -137,65 +126,38 @@ TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
 
 // ------------------------------------------------ fast fixed-palette indexes
 
-struct Layout {
-    int bits, order, r, g, b;  // sample offsets of red, green, blue
-};
-constexpr Layout kLayouts[] = {{24, ORDER_BGR, 2, 1, 0}, {24, ORDER_RGB, 0, 1, 2}, {32, ORDER_BGR, 2, 1, 0},
-                               {32, ORDER_RGB, 0, 1, 2}};
-
-// Converts the colours (0x00RRGGBB) in place in rows of `width` and checks
-// each index against the search over `pal` (null: the fixed palette).
-void expectSearchIndexes(const std::vector<uint32_t>& colours, const Layout& l, const RGBQUAD* pal, int width) {
-    const RGBQUAD* ref = pal ? pal : K_IntGetFixedPalette(8);
-    const size_t bpp = size_t(l.bits / 8);
-    std::vector<uint8_t> row(size_t(width) * bpp);
-    for (size_t start = 0; start < colours.size(); start += size_t(width)) {
-        const size_t n = std::min(colours.size() - start, size_t(width));
-        for (size_t i = 0; i < n; ++i) {
-            const uint32_t c = colours[start + i];
-            uint8_t* p = row.data() + i * bpp;
-            p[l.r] = uint8_t(c >> 16), p[l.g] = uint8_t(c >> 8), p[l.b] = uint8_t(c);
-            if (bpp == 4) p[3] = uint8_t(i * 37);
-        }
-        ASSERT_EQ(KS_SUCCESS, K_ConvertBuffer(row.data(), int32_t(n), l.bits, 8, l.order, ORDER_BGR, nullptr, pal));
-        for (size_t i = 0; i < n; ++i) {
-            const uint32_t c = colours[start + i];
-            ASSERT_EQ(int(row[i]), K_FindPaletteIndex(ref, 256, int32_t(c >> 16), int32_t((c >> 8) & 255), int32_t(c & 255))) << l.bits << "-bit order " << l.order << " colour " << std::hex << c;
-        }
-    }
-}
-
 // The direct index of the fixed 256-colour palette on every red and green
 // (their ties sit midway between levels: 18, 91, 164, 237) with blues on both
-// sides of each blue boundary, and the converter's rows of those colours in
-// every layout (the row kernels equal the direct index over every colour:
-// ColorResSearch); caller palettes keep the search's indexes, black at both
-// ends and the fixed palette with one entry changed (no longer fixed) too.
+// sides of each blue boundary (the row kernels equal it over every colour:
+// ColorResSearch), and the converter's 24- and 32-bit rows into the fixed
+// palette, a copy of it and a caller palette (the fixed one with two entries
+// changed) keep the search's indexes.
 TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
     std::vector<uint32_t> colours;
     for (uint32_t b : {0u, 42u, 43u, 127u, 128u, 212u, 213u, 255u})
         for (uint32_t rg = 0; rg < 65536; ++rg) colours.push_back(rg << 8 | b);
     const RGBQUAD* fixed = K_IntGetFixedPalette(8);
-    for (uint32_t c : colours)
-        ASSERT_EQ(krn::fixed256Index(int(c >> 16), int(c >> 8 & 255), int(c & 255)), K_FindPaletteIndex(fixed, 256, int32_t(c >> 16), int32_t(c >> 8 & 255), int32_t(c & 255))) << std::hex << c;
+    auto search = [](const RGBQUAD* p, uint32_t c) { return K_FindPaletteIndex(p, 256, int32_t(c >> 16), int32_t(c >> 8 & 255), int32_t(c & 255)); };
+    for (uint32_t c : colours) ASSERT_EQ(krn::fixed256Index(int(c >> 16), int(c >> 8 & 255), int(c & 255)), search(fixed, c)) << std::hex << c;
     const std::vector<RGBQUAD> copy(fixed, fixed + 256);
-    for (const Layout& l : kLayouts) {
-        expectSearchIndexes(colours, l, nullptr, 4093);
-        expectSearchIndexes(colours, l, copy.data(), 33);
-    }
-    std::mt19937 rng(23);
-    std::vector<uint32_t> random(60000);
-    for (auto& c : random) c = rng() & 0xFFFFFFu;
-    std::vector<RGBQUAD> pal(256);
-    for (int round = 0; round < 3; ++round) {
-        for (auto& e : pal) e = rgb(int(rng() & 255), int(rng() & 255), int(rng() & 255));
-        if (round == 1) pal[255] = pal[0] = rgb(0, 0, 0);
-        if (round == 2) std::memcpy(pal.data(), fixed, 256 * sizeof(RGBQUAD)), pal[77].rgbGreen ^= 1;
-        std::vector<uint32_t> near = random;  // targets next to the entries as well
-        for (const RGBQUAD& e : pal)
-            near.push_back(uint32_t(e.rgbRed) << 16 | uint32_t(e.rgbGreen) << 8 | uint32_t(std::min(e.rgbBlue + 1, 255)));
-        for (const Layout& l : kLayouts) expectSearchIndexes(near, l, pal.data(), 1001);
-    }
+    std::vector<RGBQUAD> changed = copy;
+    changed[77].rgbGreen ^= 1, changed[255] = changed[0];  // black at both ends
+    for (const RGBQUAD* pal : std::initializer_list<const RGBQUAD*>{nullptr, copy.data(), changed.data()})
+        for (const auto& [bits, order, r, b] : {std::tuple{24, ORDER_BGR, 2, 0}, std::tuple{32, ORDER_RGB, 0, 2}}) {
+            const size_t bpp = size_t(bits / 8), width = pal == copy.data() ? 33 : 4093;
+            std::vector<uint8_t> row(width * bpp);
+            for (size_t start = 0; start < colours.size(); start += width) {
+                const size_t n = std::min(colours.size() - start, width);
+                for (size_t i = 0; i < n; ++i) {
+                    const uint32_t c = colours[start + i];
+                    uint8_t* p = row.data() + i * bpp;
+                    p[r] = uint8_t(c >> 16), p[1] = uint8_t(c >> 8), p[b] = uint8_t(c);
+                    if (bpp == 4) p[3] = uint8_t(i * 37);
+                }
+                ASSERT_EQ(K_ConvertBuffer(row.data(), int32_t(n), bits, 8, order, ORDER_BGR, nullptr, pal), KS_SUCCESS);
+                for (size_t i = 0; i < n; ++i) ASSERT_EQ(int(row[i]), search(pal ? pal : fixed, colours[start + i])) << bits << " " << std::hex << colours[start + i];
+            }
+        }
 }
 
 }  // namespace

@@ -49,16 +49,8 @@ struct Window {
 
 // Effective flags after the order rules and the full-sample drop.
 uint32_t effectiveFlags(const Request& r) {
-    uint32_t f = r.flags;
-    if (r.srcOrder == 2)
-        f |= 0x01u;
-    else
-        f &= ~0x05u;
-    if (r.dstOrder == 2)
-        f |= 0x02u;
-    else
-        f &= ~0x02u;
-    return f;
+    uint32_t f = r.srcOrder == 2 ? r.flags | 0x01u : r.flags & ~0x05u;
+    return r.dstOrder == 2 ? f | 0x02u : f & ~0x02u;
 }
 
 // Returns false when the window is not acceptable.
@@ -76,9 +68,7 @@ bool window(bool ranged, int lowBit, int highBit, int depth, Window& w) {
 }
 
 bool rangeKept(uint32_t f, uint32_t bit, const Request& r, int depth) {
-    if (!(f & bit)) return false;
-    if (r.lowBit <= 0 && (r.highBit == depth - 1 || r.highBit < 0)) return false;
-    return true;
+    return (f & bit) && !(r.lowBit <= 0 && (r.highBit == depth - 1 || r.highBit < 0));
 }
 
 uint32_t scale(uint64_t v, int from, int to) {
@@ -97,17 +87,13 @@ struct Pixel {
 
 uint32_t getBitsMsb(const std::vector<uint8_t>& b, size_t bitPos, int n) {
     uint32_t v = 0;
-    for (int k = 0; k < n; ++k) {
-        size_t p = bitPos + size_t(k);
-        v = (v << 1) | ((b[p / 8] >> (7 - p % 8)) & 1u);
-    }
+    for (size_t p = bitPos; p < bitPos + size_t(n); ++p) v = (v << 1) | ((b[p / 8] >> (7 - p % 8)) & 1u);
     return v;
 }
 void putBitsMsb(std::vector<uint8_t>& b, size_t bitPos, int n, uint32_t v) {
     for (int k = 0; k < n; ++k) {
-        size_t p = bitPos + size_t(k);
-        uint8_t bit = uint8_t((v >> (n - 1 - k)) & 1u);
-        b[p / 8] = uint8_t((b[p / 8] & ~(0x80u >> (p % 8))) | (bit << (7 - p % 8)));
+        const size_t p = bitPos + size_t(k);
+        b[p / 8] = uint8_t((b[p / 8] & ~(0x80u >> (p % 8))) | (((v >> (n - 1 - k)) & 1u) << (7 - p % 8)));
     }
 }
 uint32_t le(const std::vector<uint8_t>& b, size_t at, int bytes) {
@@ -145,19 +131,15 @@ int32_t inverseRow(int64_t a, int64_t b, int64_t c, int64_t ka, int64_t kb, int6
 // The inverse matrix on samples held in memory order (blue, green, red).
 void inverse(uint32_t s[3], uint32_t maxv) {
     int64_t s0 = s[0], s1 = s[1], s2 = s[2];
-    uint32_t o0 = uint32_t(inverseRow(s0, s1, s2, 9467, -1151, -125, maxv));
-    uint32_t o1 = uint32_t(inverseRow(s0, s1, s2, -305, 10232, -1735, maxv));
-    uint32_t o2 = uint32_t(inverseRow(s0, s1, s2, -2156, -6498, 16846, maxv));
-    s[0] = o0, s[1] = o1, s[2] = o2;
+    s[0] = uint32_t(inverseRow(s0, s1, s2, 9467, -1151, -125, maxv));
+    s[1] = uint32_t(inverseRow(s0, s1, s2, -305, 10232, -1735, maxv));
+    s[2] = uint32_t(inverseRow(s0, s1, s2, -2156, -6498, 16846, maxv));
 }
 void forward(uint32_t s[3], uint32_t maxv) {
     uint64_t s0 = s[0], s1 = s[1], s2 = s[2];
-    uint64_t o0 = (7151 * s0 + 897 * s1 + 145 * s2 + 4095) >> 13;
-    uint64_t o1 = (394 * s0 + 7067 * s1 + 731 * s2 + 4095) >> 13;
-    uint64_t o2 = (1067 * s0 + 2841 * s1 + 4284 * s2 + 4095) >> 13;
-    s[0] = uint32_t(std::min<uint64_t>(o0, maxv));
-    s[1] = uint32_t(std::min<uint64_t>(o1, maxv));
-    s[2] = uint32_t(std::min<uint64_t>(o2, maxv));
+    s[0] = uint32_t(std::min<uint64_t>((7151 * s0 + 897 * s1 + 145 * s2 + 4095) >> 13, maxv));
+    s[1] = uint32_t(std::min<uint64_t>((394 * s0 + 7067 * s1 + 731 * s2 + 4095) >> 13, maxv));
+    s[2] = uint32_t(std::min<uint64_t>((1067 * s0 + 2841 * s1 + 4284 * s2 + 4095) >> 13, maxv));
 }
 
 }  // namespace
@@ -188,14 +170,11 @@ int treeAnswer(const RGBQUAD* pal, int n, int r, int g, int b) {
     std::vector<int> withBlue, withBG;
     for (int i = 0; i < n; ++i)
         if (pal[i].rgbBlue == b) withBlue.push_back(i);
-    if (withBlue.empty()) return -1;
-    if (withBlue.size() == 1) return withBlue[0];
+    if (withBlue.size() <= 1) return withBlue.empty() ? -1 : withBlue[0];
     for (int i : withBlue)
         if (pal[i].rgbGreen == g) withBG.push_back(i);
     if (withBG.empty()) return -1;
-    bool oneRed = std::all_of(withBG.begin(), withBG.end(),
-                              [&](int i) { return pal[i].rgbRed == pal[withBG[0]].rgbRed; });
-    if (oneRed) return withBG[0];
+    if (std::all_of(withBG.begin(), withBG.end(), [&](int i) { return pal[i].rgbRed == pal[withBG[0]].rgbRed; })) return withBG[0];
     for (int i : withBG)
         if (pal[i].rgbRed == r) return i;
     return -1;
@@ -277,12 +256,7 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
     for (size_t i = 0; i < w; ++i) {
         const Pixel& p = px[i];
         // 8-bit colour of the pixel (grey sources: their grey brought to 8 bits).
-        uint32_t R8, G8, B8;
-        if (p.grey) {
-            R8 = G8 = B8 = scale(p.value, sw.n, 8);
-        } else {
-            R8 = p.rgb[0] >> 8, G8 = p.rgb[1] >> 8, B8 = p.rgb[2] >> 8;
-        }
+        const uint32_t R8 = p.grey ? scale(p.value, sw.n, 8) : p.rgb[0] >> 8, G8 = p.grey ? R8 : p.rgb[1] >> 8, B8 = p.grey ? R8 : p.rgb[2] >> 8;
         if (isGreyDst(r)) {
             uint32_t g = p.grey ? scale(p.value, sw.n, dw.n) : scale((2 * R8 + 5 * G8 + B8 + 4) / 8, 8, dw.n);
             uint32_t v = g << dw.lo;
@@ -299,14 +273,8 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
             putBitsMsb(out, i * size_t(r.dstBits), r.dstBits, uint32_t(idx));
             continue;
         }
-        bool hit = false;
-        if (transparent) {
-            if (crIsIndex)
-                hit = p.index >= 0 && p.index == int(r.crTransparent & 0xFF);
-            else
-                hit = R8 == (r.crTransparent & 0xFF) && G8 == ((r.crTransparent >> 8) & 0xFF) &&
-                      B8 == ((r.crTransparent >> 16) & 0xFF);
-        }
+        const bool hit = transparent && (crIsIndex ? p.index >= 0 && p.index == int(r.crTransparent & 0xFF)
+                                                   : (R8 | G8 << 8 | B8 << 16) == (r.crTransparent & 0xFFFFFF));
         if (r.dstBits == 16) {
             const uint32_t lo = dOrder == 0 ? R8 : B8, hi = dOrder == 0 ? B8 : R8;
             putLe(out, 2 * i, 2, dOrder == 7 ? (B8 / 8) | ((G8 / 4) << 5) | ((R8 / 8) << 11)
@@ -314,14 +282,9 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
             continue;
         }
         const bool deep = r.dstBits >= 48;
-        uint32_t R, G, B;
-        if (!deep) {
-            R = R8, G = G8, B = B8;
-        } else if (p.grey) {
-            R = G = B = scale(p.value, sw.n, 16);
-        } else {
-            R = p.rgb[0], G = p.rgb[1], B = p.rgb[2];
-        }
+        const uint32_t grey16 = p.grey ? scale(p.value, sw.n, 16) : 0;
+        const uint32_t R = !deep ? R8 : p.grey ? grey16 : p.rgb[0], G = !deep ? G8 : p.grey ? grey16 : p.rgb[1];
+        const uint32_t B = !deep ? B8 : p.grey ? grey16 : p.rgb[2];
         uint32_t s[3] = {dOrder == 0 ? R : B, G, dOrder == 0 ? B : R};
         if (r.dstOrder == 5 && r.srcOrder != 5 && (r.dstBits == 24 || r.dstBits == 48)) forward(s, deep ? 65535 : 255);
         const int bytes = r.dstBits / 8, ss = deep ? 2 : 1;

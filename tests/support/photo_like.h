@@ -18,13 +18,10 @@ inline std::vector<uint8_t> photoLike(int width, int height, uint32_t seed) {
     std::vector<uint8_t> px(size_t(width) * size_t(height) * 3);
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> u(0.0, 1.0);
-    struct Blob {
-        double x, y, r, cr, cg, cb;
-    };
+    struct Blob { double x, y, r, cr, cg, cb; };
     std::vector<Blob> blobs;
     for (int i = 0; i < 9; ++i)
-        blobs.push_back({u(rng) * width, u(rng) * height, (0.08 + 0.25 * u(rng)) * width, 255 * u(rng), 255 * u(rng),
-                         255 * u(rng)});
+        blobs.push_back({u(rng) * width, u(rng) * height, (0.08 + 0.25 * u(rng)) * width, 255 * u(rng), 255 * u(rng), 255 * u(rng)});
     std::normal_distribution<double> noise(0.0, 3.0);
     const double sx = u(rng) * 6.28, sy = u(rng) * 6.28;
     for (int y = 0; y < height; ++y) {
@@ -32,31 +29,17 @@ inline std::vector<uint8_t> photoLike(int width, int height, uint32_t seed) {
             const double fx = double(x) / width, fy = double(y) / height;
             // Sky-like vertical gradient over a warm ground below a wavy horizon.
             const double horizon = 0.55 + 0.05 * std::sin(fx * 9 + sx);
-            double r, g, b;
-            if (fy < horizon) {
-                r = 70 + 90 * fy;
-                g = 120 + 80 * fy;
-                b = 230 - 40 * fy;
-            } else {
-                r = 120 + 60 * std::sin(fx * 5 + sy);
-                g = 90 + 40 * fy;
-                b = 40 + 20 * std::cos(fy * 7);
-            }
+            const bool sky = fy < horizon;
+            double r = sky ? 70 + 90 * fy : 120 + 60 * std::sin(fx * 5 + sy), g = sky ? 120 + 80 * fy : 90 + 40 * fy;
+            double b = sky ? 230 - 40 * fy : 40 + 20 * std::cos(fy * 7);
             for (const Blob& bl : blobs) {
-                const double d2 = ((x - bl.x) * (x - bl.x) + (y - bl.y) * (y - bl.y)) / (bl.r * bl.r);
-                const double w = std::exp(-2.5 * d2);
-                r += (bl.cr - r) * w * 0.8;
-                g += (bl.cg - g) * w * 0.8;
-                b += (bl.cb - b) * w * 0.8;
+                const double w = std::exp(-2.5 * (((x - bl.x) * (x - bl.x) + (y - bl.y) * (y - bl.y)) / (bl.r * bl.r)));
+                r += (bl.cr - r) * w * 0.8, g += (bl.cg - g) * w * 0.8, b += (bl.cb - b) * w * 0.8;
             }
-            r += noise(rng);
-            g += noise(rng);
-            b += noise(rng);
+            r += noise(rng), g += noise(rng), b += noise(rng);
             uint8_t* p = px.data() + (size_t(y) * size_t(width) + size_t(x)) * 3;
             auto c = [](double v) { return uint8_t(v < 0 ? 0 : v > 255 ? 255 : std::lround(v)); };
-            p[0] = c(b);
-            p[1] = c(g);
-            p[2] = c(r);
+            p[0] = c(b), p[1] = c(g), p[2] = c(r);
         }
     }
     return px;
@@ -71,11 +54,7 @@ inline bool writePpm(const std::string& path, const std::vector<uint8_t>& bgr, i
     bool ok = true;
     for (int y = 0; y < height && ok; ++y) {
         const uint8_t* s = bgr.data() + size_t(y) * size_t(width) * 3;
-        for (int x = 0; x < width; ++x) {
-            row[size_t(x) * 3] = s[x * 3 + 2];
-            row[size_t(x) * 3 + 1] = s[x * 3 + 1];
-            row[size_t(x) * 3 + 2] = s[x * 3];
-        }
+        for (int x = 0; x < width; ++x) row[size_t(x) * 3] = s[x * 3 + 2], row[size_t(x) * 3 + 1] = s[x * 3 + 1], row[size_t(x) * 3 + 2] = s[x * 3];
         ok = std::fwrite(row.data(), 1, row.size(), f) == row.size();
     }
     return std::fclose(f) == 0 && ok;
