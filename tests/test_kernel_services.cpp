@@ -201,7 +201,6 @@ TEST(ProgressCallbacks, PerThreadAndEachWholePercentOnce) {
                IS(krn::Progress::status(10).active(), 0)});
 }
 
-// ---------------------------------------------------------------- the block cache of large blocks
 constexpr size_t kBig = size_t(8) << 20;
 bool allBytes(const void* p, size_t n, unsigned char v) {
     const auto* b = static_cast<const unsigned char*>(p);

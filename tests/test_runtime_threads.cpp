@@ -46,7 +46,6 @@ int runCounted(KTWorkItems& w, int n) {  // queues n counting items, waits, give
 int abortItem(KTWorkItems*, void*) { return KS_USER_ABORT; }
 int threadIdItem(void* d) { return *static_cast<std::thread::id*>(d) = std::this_thread::get_id(), 1; }
 
-// ---------------------------------------------------------------- events
 TEST(RuntimeEvent, ManualAutoResetTimeOutSignalAndOutOfMemory) {
     KTWaitEvent none, m, a, e;  // without a handle everything succeeds
     expectAll({IS(none.IsCreated(), 0), IS(none.WaitOne(0), 1), IS(none.WaitOne(KT_INFINITE), 1), IS(none.Set(), 1),
@@ -76,7 +75,6 @@ TEST(RuntimeEvent, ManualAutoResetTimeOutSignalAndOutOfMemory) {
     for (auto& t : ts) t.join();
 }
 
-// ---------------------------------------------------------------- reader/writer lock
 class RuntimeLock : public ::testing::TestWithParam<bool> {
 protected:
     void SetUp() override { ktt::testhook::forceLockFallback(GetParam()); }
@@ -156,7 +154,6 @@ TEST_P(RuntimeLock, ReadersAndWritersContending) {
 INSTANTIATE_TEST_SUITE_P(Modes, RuntimeLock, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "SectionFallback" : "Slim"; });
 
-// ---------------------------------------------------------------- work items
 // Many items run once each; several owners at once; item results become the status only with
 // KTWI_ITEM_STATUS; re-creating and destroying reset it.
 TEST(RuntimeWorkItems, ItemsRunOnceAndResultsBecomeTheStatusOnlyWithFlag4) {
@@ -294,7 +291,6 @@ TEST(RuntimeWorkItems, OutOfMemoryInQueueItemDoesNotHangWait) {
                IS(fi::liveBlocks(), live)});
 }
 
-// ---------------------------------------------------------------- the pool
 TEST(RuntimePool, RunsOnWorkerThreadsSizedToTheProcessors) {
     struct Ctx {
         std::atomic<int> n{0};
@@ -369,7 +365,6 @@ TEST(RuntimePoolDeathTest, ExitAndShutdown) {
         ::testing::ExitedWithCode(0), "");
 }
 
-// ---------------------------------------------------------------- critical sections
 TEST(RuntimeCriticalSection, FrameAndMutualExclusion) {
     CRITICAL_SECTION cs{};
     const long live = fi::liveBlocks();
@@ -397,7 +392,6 @@ TEST(RuntimeCriticalSection, FrameAndMutualExclusion) {
     expectAll({IS(counter, 80000), IS(K_IntDeleteCriticalSection(&cs), 1), IS(cs.pLock == nullptr, 1), IS(fi::liveBlocks(), live)});
 }
 
-// ---------------------------------------------------------------- the parallel row helper
 struct StatusHook {  // installs a status callback for the calling thread and restores the old one
     STATUSCALLBACK oldFn = nullptr;
     void* oldUser = nullptr;

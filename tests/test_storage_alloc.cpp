@@ -73,7 +73,6 @@ void expectPattern(BITMAPRECORD* bm, int32_t rows, uint32_t seed, const char* wh
     }
 }
 
-// ---------------------------------------------------------------- the record
 long warmLiveBlocks() {  // baseline for leak checks: the per-thread settings block is made on first use
     K_GetDefaultXResolution();
     return fi::liveBlocks();
@@ -604,7 +603,6 @@ TEST(StorageConvert, ConversionChainKeepsThePixels) {
     expectAll({IS(create(&bm, 1, 9, 3, 16, 1), 1), IS(K_ToggleBitmapCompression(&bm), KS_INVALID_BITS_PER_PIXEL), IS(K_FreeBitmap(&bm), 1)});
 }
 
-// ---------------------------------------------------------------- faults
 struct CallbackStorage {
     int allocations = 0, frees = 0;
     std::vector<uint8_t> pixels;

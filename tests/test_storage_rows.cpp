@@ -134,7 +134,6 @@ TEST(RowsCallback, GetRowCallbackAnswersFirst) {
     K_FreeBitmap(&bm);
 }
 
-// ---------------------------------------------------------------- compressed rows
 using Runs = std::vector<uint16_t>;
 Runs runsOf(const uint8_t* buf) {
     uint32_t w;
