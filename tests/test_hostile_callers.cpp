@@ -228,9 +228,8 @@ TEST(HostileStorage, ImageLargerThanMemoryAndDiskIsRefusedAtAllocation) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
 }
 
-// Tiles stay in memory only up to the free memory less the memory to keep free; the rest go to temporary
-// files, or the allocation fails with -1 when files are not allowed. A height change past the free memory
-// puts the new tiles in files.
+// Tiles stay in memory only up to the free memory less the memory to keep free; the rest go to temporary files, or the
+// allocation fails with -1 when files are not allowed. A height change past the free memory puts the new tiles in files.
 TEST(HostileStorage, TilesPastTheFreeMemoryGoToFilesOrFail) {
     Restore restore;
     ASSERT_EQ(K_SetMemoryThresholds(0, 0, 1 << 20, 0, 1, 0x1F), KS_SUCCESS);  // 1 MiB tiles, files allowed

@@ -238,8 +238,7 @@ TEST(RuntimeGeometryMatrix, TransformsMatchReference) {
                {(K_Matrix_TransformPoints(&m, &p, 0), p.x), 1}});
 }
 
-// Builders against matrices the test assembles itself. Builder k: even k
-// appends the step, odd k prepends it.
+// Builders against matrices the test assembles itself. Builder k: even k appends the step, odd k prepends it.
 void build(int k, KMATRIX* m, double a, double cx, double cy, double sx, double sy, double kx, double ky) {
     switch (k) {
         case 0: K_Matrix_Rotate(m, a); break;

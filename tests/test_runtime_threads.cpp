@@ -519,8 +519,7 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
     EXPECT_EQ(calls, 0);
 }
 
-// Small jobs, one processor and calls from inside a pool item stay on the caller (nested calls do not
-// wait on the pool).
+// Small jobs, one processor and calls from inside a pool item stay on the caller (nested calls do not wait on the pool).
 TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
     auto onlyCaller = [](const krn::ParallelOptions& o, int h) {
         const std::thread::id me = std::this_thread::get_id();

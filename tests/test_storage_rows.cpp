@@ -151,9 +151,8 @@ std::vector<uint8_t> packRuns(const Runs& runs) {
 }
 int bitAt(const uint8_t* p, uint64_t x) { return (p[x >> 3] >> (7 - (x & 7))) & 1; }
 
-// Plain reference compressor from the format description: runs start with white; pixels are taken one byte
-// (or partial byte) piece at a time; a piece that would push the current run past 65535 closes it first with
-// a zero-length run.
+// Plain reference compressor from the format description: runs start with white; pixels are taken one byte (or partial byte)
+// piece at a time; a piece that would push the current run past 65535 closes it first with a zero-length run.
 Runs referenceCompress(const uint8_t* src, uint64_t first, uint32_t count) {
     Runs out;
     int val = 0;

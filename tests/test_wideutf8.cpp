@@ -83,8 +83,7 @@ TEST(WideUtf8Sequences, EveryShortSequenceAgreesWithReference) {
     EXPECT_EQ(accepted, 0x10000 - 0x800 - 0x800);  // 0x800..0xFFFF minus the 2048 surrogates
 }
 
-// Malformed input is refused with the position of the first bad byte; the exported form writes nothing but
-// the terminator.
+// Malformed input is refused with the position of the first bad byte; the exported form writes nothing but the terminator.
 TEST(WideUtf8Malformed, RefusedWithPosition) {
     const struct { std::string bytes; size_t errorAt; const char* what; } cases[] = {
         {"\xC0\x80", 0, "overlong NUL"},                 {"a\xC1\xBF", 1, "overlong 2-byte"},
