@@ -428,17 +428,14 @@ TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRule) {
 }
 
 // Over the whole turn the folded value is within half a unit of the true one (folding a negative value
-// may round the other way) and keeps the symmetries.
-TEST(RuntimeSine, FoldingMatchesTheTrueFunctionsOverTheWholeTurn) {
+// may round the other way) and keeps the symmetries; angles outside the turn wrap modulo 36000.
+TEST(RuntimeSine, FoldingMatchesTheTrueFunctionsOverTheWholeTurnAndWraps) {
     for (int a = 0; a <= 36000; ++a) {
         const int32_t gs = K_SinValue(a), gc = K_CosValue(a);
         ASSERT_TRUE(std::fabs(gs - exactScaled(a, true)) <= 0.5L + 1e-9L && std::fabs(gc - exactScaled(a, false)) <= 0.5L + 1e-9L) << a;
         ASSERT_TRUE(gs == -K_SinValue(36000 - a) && gc == K_CosValue(36000 - a) && (a > 18000 || gs == K_SinValue(18000 - a)) &&
                     (a > 9000 || gs == K_CosValue(9000 - a))) << a;
     }
-}
-
-TEST(RuntimeSine, AnglesOutsideTheTurnWrapModulo36000) {
     for (int32_t a : {-1, -4500, -9000, -36000, -36001, 36001, 45000, 72000, 123457, -987654, INT32_MAX, INT32_MIN,
                       INT32_MIN + 1, 99999999}) {
         const int32_t r = int32_t(((int64_t(a) % 36000) + 36000) % 36000);

@@ -153,7 +153,7 @@ TEST(RecordDefaults, ResolutionsArePerThreadWithASharedFallback) {
 
 // Perspective 0 means top-left; depth 0 means 8-bit grey; grey order gets a ramp; a caller palette is
 // copied; no palette: the fixed one of the depth.
-TEST(RecordCreate, PerspectiveOrderAndPalette) {
+TEST(RecordCreate, PerspectiveOrderPaletteAndTheOrderOfChecks) {
     RGBQUAD pal[16];
     for (int i = 0; i < 16; ++i) pal[i] = RGBQUAD{uint8_t(i), uint8_t(2 * i), uint8_t(3 * i), 0};
     const struct { int32_t bpp, order; const RGBQUAD* pal; int32_t vp, bppAfter, orderAfter; } cases[] = {
@@ -170,13 +170,10 @@ TEST(RecordCreate, PerspectiveOrderAndPalette) {
         for (int i = 0; c.bpp == 0 && i < 256; ++i) ASSERT_EQ(bm.pPalette[i].rgbGreen, i);
         K_FreeBitmap(&bm);
     }
-}
-
-// Values are checked in a fixed order: dimensions and depth, then the colour order, then the perspective. A
-// failed call leaves the record untouched and makes nothing, even for 2^59 bytes that may not go to disk.
-TEST(RecordCreate, ValuesCheckedDimensionsThenOrderThenPerspective) {
+    // Values are checked in a fixed order: dimensions and depth, then the colour order, then the perspective. A
+    // failed call leaves the record untouched and makes nothing, even for 2^59 bytes that may not go to disk.
     const long base = warmLiveBlocks();
-    const struct { uint32_t type; int32_t width, height, bpp, order, perspective, expect; } cases[] = {
+    const struct { uint32_t type; int32_t width, height, bpp, order, perspective, expect; } refused[] = {
         {1, -1, 4, 24, ORDER_BGR, 9, KS_INVALID_DIMENSIONS},  // width before perspective
         {1, -1, 4, 24, 3, 1, KS_INVALID_DIMENSIONS},          // width before order
         {1, 4, 4, 9, 3, 9, KS_INVALID_BITS_PER_PIXEL},        // depth before order and perspective
@@ -186,7 +183,7 @@ TEST(RecordCreate, ValuesCheckedDimensionsThenOrderThenPerspective) {
         {1, 0x7FFFFFFF, 4, 64, ORDER_BGR, 9, KS_INVALID_DIMENSIONS}, {1, 0x7FFFFFFF, 1, 2, ORDER_BGR, 1, KS_INVALID_DIMENSIONS},
         {1, 0x7FFFFFFF, 1, 12, ORDER_BGR, 1, KS_INVALID_DIMENSIONS},
         {MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK, 0x7FFFFFFF, 0x7FFFFFFF, 1, ORDER_RGB, 1, KS_NO_MEMORY}};
-    for (const auto& c : cases) {
+    for (const auto& c : refused) {
         BITMAPRECORD bm = patterned(0x5E);
         const BITMAPRECORD before = bm;
         EXPECT_EQ(K_CreateBitmap(&bm, N, c.type, c.width, c.height, c.bpp, c.order, nullptr, c.perspective, nullptr, 0), c.expect)

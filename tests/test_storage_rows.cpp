@@ -194,19 +194,16 @@ TEST(CompressedRows, RoundTripAgainstReference) {
     }
 }
 
-// Runs summing far past the width: rows are cut at their end, the padding is cleared, bits around an
-// expanded range are kept (pixels 5..7 white, 8..10 black), guard bytes stay.
-TEST(CompressedRows, UntrustedRunsNeverWritePastTheRow) {
-    const auto bad = packRuns({3, 65535, 65535, 65535});
-    std::vector<uint8_t> dst(4 + 8, 0x5A), ones(4, 0xFF), zeros(4, 0);
-    ASSERT_EQ(K_ExpandRows(bad.data(), dst.data(), 20, 1) + K_ExpandRow(bad.data(), ones.data(), 5, 6) + K_ExpandRow(bad.data(), zeros.data(), 5, 6), 3);
-    EXPECT_TRUE(dst == (std::vector<uint8_t>{0x1F, 0xFF, 0xF0, 0, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A}) &&
-                ones == (std::vector<uint8_t>{0xF8, 0xFF, 0xFF, 0xFF}) && zeros == (std::vector<uint8_t>{0x00, 0xE0, 0x00, 0x00}));
-}
-
 // Mirror agrees with mirroring pixels and flip with reversing rows, on random rows compressed back to back
 // (an empty run list mirrors to a single run); row count 0 succeeds and writes nothing, even with null buffers.
-TEST(CompressedRows, MirrorAndFlip) {
+// Runs summing far past the width: rows are cut at their end, the padding is cleared, bits around an expanded
+// range are kept (pixels 5..7 white, 8..10 black), guard bytes stay.
+TEST(CompressedRows, MirrorFlipAndUntrustedRuns) {
+    const auto bad = packRuns({3, 65535, 65535, 65535});
+    std::vector<uint8_t> guarded(4 + 8, 0x5A), ones(4, 0xFF), zeros(4, 0);
+    ASSERT_EQ(K_ExpandRows(bad.data(), guarded.data(), 20, 1) + K_ExpandRow(bad.data(), ones.data(), 5, 6) + K_ExpandRow(bad.data(), zeros.data(), 5, 6), 3);
+    EXPECT_TRUE(guarded == (std::vector<uint8_t>{0x1F, 0xFF, 0xF0, 0, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A, 0x5A}) &&
+                ones == (std::vector<uint8_t>{0xF8, 0xFF, 0xFF, 0xFF}) && zeros == (std::vector<uint8_t>{0x00, 0xE0, 0x00, 0x00}));
     std::vector<uint8_t> dst(8, 0xEE);
     expectAll({IS(K_MirrorCompressedBuffer(packRuns({}).data(), dst.data(), 1), KS_SUCCESS), IS(runsOf(dst.data()) == Runs{0}, 1),
                IS(K_MirrorCompressedBuffer(nullptr, dst.data(), 1), KS_INVALID_PARAMETER),
@@ -260,24 +257,6 @@ TEST(CompressedRows, CompressedFormsOnEveryKind) {
     expectAll({IS(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 2, 8, 0, nullptr, 1, nullptr, 0), 1),
                IS(K_GetBitmapRowCompressed(&bm, nullptr, runs, 0, 10), KS_INVALID_BITS_PER_PIXEL),
                IS(K_GetBitmapRowCompressed(&bm, nullptr, nullptr, 0, 10), KS_INVALID_PARAMETER), IS(K_FreeBitmap(&bm), 1)});
-}
-
-// A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its height: row indexes appear
-// only when rows are written.
-TEST(RunStore, TallBlankBitmapIsCheap) {
-    const long base = (K_GetDefaultXResolution(), krn::faultinject::liveBlocks());
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_COMPRESSED, 64, 200000000, 1, ORDER_RGB, nullptr, 1, nullptr, 0), 1);
-    EXPECT_TRUE((bm.uFlags & BRF_COMPRESSED) && krn::faultinject::liveBlocks() - base <= 3);  // store, palette and its handle
-    const uint8_t row[8] = {0x5A, 0x5B, 0x58, 0x59, 0x5E, 0x5F, 0x5C, 0x5D}, blank[8] = {};
-    uint8_t got[8];
-    for (const auto& [r, want] : {std::pair{199999999, blank}, {123456789, row}, {123456790, blank}}) {
-        if (want == row) { ASSERT_EQ(K_PutBitmapRow(&bm, row, r, 8), 8); }
-        std::memset(got, 0xEE, sizeof got);
-        ASSERT_EQ(K_GetBitmapRow(&bm, got, r, 8), 8);
-        EXPECT_EQ(std::memcmp(got, want, 8), 0) << r;
-    }
-    expectAll({IS(K_ChangeBitmapHeight(&bm, 100), 1), IS(K_FreeBitmap(&bm), 1), IS(krn::faultinject::liveBlocks(), base)});
 }
 
 enum class Shape { Zero, Smooth, Text, Random, OnePixel, AllOnes };
@@ -344,8 +323,22 @@ TEST(SuperCodec, CorruptEncodingsAreRefusedSafely) {
     EXPECT_FALSE(krn::superDecode(junk, 4, 10, 8, out) || krn::superDecode(junk, 0, 10, 8, out) || krn::superDecode(junk, 4, 10, 16, out));
 }
 
-TEST(SuperStore, RowsCostNothingUntilWrittenAndFreeWhenZeroed) {
+// A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its height: row indexes appear only
+// when rows are written. Super-compressed rows cost nothing until written and are freed when zeroed.
+TEST(RunStore, BlankRowsCostNothing) {
+    const long base = (K_GetDefaultXResolution(), krn::faultinject::liveBlocks());
     BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_COMPRESSED, 64, 200000000, 1, ORDER_RGB, nullptr, 1, nullptr, 0), 1);
+    EXPECT_TRUE((bm.uFlags & BRF_COMPRESSED) && krn::faultinject::liveBlocks() - base <= 3);  // store, palette and its handle
+    const uint8_t row[8] = {0x5A, 0x5B, 0x58, 0x59, 0x5E, 0x5F, 0x5C, 0x5D}, blank[8] = {};
+    uint8_t got[8];
+    for (const auto& [r, want] : {std::pair{199999999, blank}, {123456789, row}, {123456790, blank}}) {
+        if (want == row) { ASSERT_EQ(K_PutBitmapRow(&bm, row, r, 8), 8); }
+        std::memset(got, 0xEE, sizeof got);
+        ASSERT_EQ(K_GetBitmapRow(&bm, got, r, 8), 8);
+        EXPECT_EQ(std::memcmp(got, want, 8), 0) << r;
+    }
+    expectAll({IS(K_ChangeBitmapHeight(&bm, 100), 1), IS(K_FreeBitmap(&bm), 1), IS(krn::faultinject::liveBlocks(), base)});
     const auto smooth = makeRow(Shape::Smooth, 1000, 8, 1);
     const std::vector<uint8_t> zero(1000, 0);
     ASSERT_TRUE(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1024, 1000, 500, 8, 0, nullptr, 1, nullptr, 0) == KS_SUCCESS &&
