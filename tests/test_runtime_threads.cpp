@@ -105,7 +105,8 @@ TEST_P(RuntimeLock, ItemsReleaseTheMatchingHold) {
 }
 
 // Slim locks share readers; the critical-section fallback serialises them. A writer excludes readers in both.
-TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThem) {
+// Writers keep two plain fields equal under the exclusive hold; a reader that sees them differ proves a hole.
+TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThemAndContend) {
     KTReaderWriterLock l;
     ASSERT_EQ(l.Create(), 1);
     for (bool writer : {false, true}) {
@@ -119,12 +120,6 @@ TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThem) {
         t.join();
         EXPECT_TRUE(in.load());
     }
-}
-
-// Writers keep two plain fields equal under the exclusive hold; a reader that sees them differ proves a hole.
-TEST_P(RuntimeLock, ReadersAndWritersContending) {
-    KTReaderWriterLock l;
-    ASSERT_EQ(l.Create(), 1);
     long a = 0, b = 0;
     std::atomic<long> torn{0}, reads{0};
     std::atomic<bool> stop{false};
@@ -257,9 +252,10 @@ TEST(RuntimeWorkItems, FinishReleasesAWaiterAndDestroyWaitsForRunningItems) {
     EXPECT_EQ(finished.load(), 4);
 }
 
-// With KTWI_SINGLE_THREAD or one processor, items run inside QueueItem and their result is the status
-// whatever flag 4 says; -100 cancels later items.
-TEST(RuntimeWorkItems, SingleThreadModeRunsInsideQueueItem) {
+// With KTWI_SINGLE_THREAD or one processor, items run inside QueueItem and their result is the status whatever
+// flag 4 says; -100 cancels later items. A QueueItem that runs out of memory (or gets no function) counts as
+// finished, so Wait does not hang; Create without memory makes no lock.
+TEST(RuntimeWorkItems, SingleThreadModeAndOutOfMemory) {
     for (int mode = 0; mode < 2; ++mode) {
         CoreCount cc(mode == 0 ? 4 : 1);
         KTWorkItems w;
@@ -271,11 +267,6 @@ TEST(RuntimeWorkItems, SingleThreadModeRunsInsideQueueItem) {
                    IS(w.GetStatus(), -5), IS(w.Wait(), 1), IS(w.Finish(), 1) /* return at once */, IS(w.QueueItem(abortItem, nullptr), 1),
                    IS(w.QueueItem(countItem, &ran), 1), IS(ran.load(), 0), IS(w.GetStatus(), KS_USER_ABORT)});
     }
-}
-
-// A QueueItem that runs out of memory (or gets no function) counts as finished, so Wait does not hang;
-// Create without memory makes no lock.
-TEST(RuntimeWorkItems, OutOfMemoryInQueueItemDoesNotHangWait) {
     CoreCount cc(4);
     std::atomic<int> ran{0};
     {  // warm the pool so its own blocks are not counted below

@@ -427,8 +427,10 @@ TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
 }
 
 // The cap commands (room 1 once the cap is reached, asking for room only tests), then the counter through
-// blocks, tiles (700 bytes: 7 rows each), heights and files, and a height the cap does not allow.
-TEST(StorageCap, ManageMemoryCommandsAndTheCounterOfEveryKind) {
+// blocks, tiles (700 bytes: 7 rows each), heights and files, and a height the cap does not allow. Thresholds
+// round-trip, refusals keep earlier values; the default memory type is per thread and type 0 takes it; the
+// process-wide largest image: -1 removes it, 0 is no limit, other negatives are refused.
+TEST(StorageCap, ManageMemoryCommandsTheCounterOfEveryKindThresholdsAndDefaults) {
     CapGuard guard;
     int64_t v = 0;
     const int64_t base = (K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), counter());
@@ -455,12 +457,6 @@ TEST(StorageCap, ManageMemoryCommandsAndTheCounterOfEveryKind) {
     expectAll({IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 1500, nullptr), 1),
                IS(K_ChangeBitmapHeight(&bm, 20), KS_MEMORY_CAP_EXCEEDED), IS(bm.nHeight, 12),
                IS(counter(), base + 1200), IS(K_FreeBitmap(&bm), 1), IS(counter(), base)});
-}
-
-// Thresholds round-trip, refusals keep earlier values; the default memory type is per thread and type 0
-// takes it; the process-wide largest image: -1 removes it, 0 is no limit, other negatives are refused.
-TEST(StorageSettings, ThresholdsAndDefaults) {
-    CapGuard guard;
     int32_t a, b, c, d, e;
     uint32_t kind = 0, other = 0;
     GLOBALMEMORYTHRESHOLDS g{GLOBALMEMORYTHRESHOLDS_SIZE, 12345}, r{GLOBALMEMORYTHRESHOLDS_SIZE, 0};
