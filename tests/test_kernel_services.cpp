@@ -257,7 +257,8 @@ TEST_F(BlockCache, ResizeKeepsContents) {
         for (size_t i = std::min(have, n); i < n; ++i) q[i] = static_cast<unsigned char>(i * 7 + (i >> 12));
         p = q, have = n;
 #if defined(MADV_NOHUGEPAGE)
-        if (n == kBig * 2) madvise(reinterpret_cast<unsigned char*>((reinterpret_cast<uintptr_t>(q) + (size_t(3) << 20)) & ~uintptr_t(4095)), 8192, MADV_NOHUGEPAGE);
+        if (n == kBig * 2)  // split the mapping before the last growth
+            madvise(reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(q) + (size_t(3) << 20)) & ~uintptr_t(4095)), 8192, MADV_NOHUGEPAGE);
 #endif
     }
     krn::memFree(p);

@@ -128,8 +128,10 @@ TEST(RuntimeGeometryDouble, DoubleToIntAndNormalizeAngleAgainstPlainRules) {
 
 TEST(RuntimeGeometryMatrix, TypeDerivationAndAccessors) {
     KMATRIX m;
-    for (const Ref& v : std::initializer_list<Ref>{{2, 0, 0, 1, 5, 0}, {1, 0.5, 0, 1, 0, 0}, {1, 0, 0, 1, 0, 0}, {1, 0, 0, 1, 0, -1}, {1, 0, 0, 3, 0, 0}, {1, 0, -0.25, 1, 0, 0}})
-        EXPECT_TRUE((K_Matrix_Set(&m, v.m11, v.m12, v.m21, v.m22, v.ox, v.oy), m.nType == refType(v)) && K_Matrix_GetType(&m) == refType(v) && m.uReserved == 0u);
+    for (const Ref& v : std::initializer_list<Ref>{{2, 0, 0, 1, 5, 0}, {1, 0.5, 0, 1, 0, 0}, {1, 0, 0, 1, 0, 0},
+                                                   {1, 0, 0, 1, 0, -1}, {1, 0, 0, 3, 0, 0}, {1, 0, -0.25, 1, 0, 0}})
+        EXPECT_TRUE((K_Matrix_Set(&m, v.m11, v.m12, v.m21, v.m22, v.ox, v.oy), m.nType == refType(v)) &&
+                    K_Matrix_GetType(&m) == refType(v) && m.uReserved == 0u);
     std::memset(&m, 0, sizeof m);  // zero-filled record: the identity
     expectAll({{K_Matrix_IsIdentity(&m), 1}, {K_Matrix_GetM11(&m), 1.0}, {K_Matrix_GetM22(&m), 1.0}, {K_Matrix_Determinant(&m), 1.0}});
     // Setters from the identity change one value and re-derive the type.
