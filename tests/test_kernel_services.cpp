@@ -1,6 +1,8 @@
-// test_kernel_services.cpp - global memory, the handle table, status messages, progress callbacks and the
-// allocator's fault hook.
+// test_kernel_services.cpp - global memory, the handle table, status messages, progress callbacks, the
+// allocator's fault hook, and the reuse of freed large blocks (a reused block behaves exactly like a fresh one,
+// the cache stays within its limit and the cap).
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <cerrno>
 #include <cstring>
@@ -30,9 +32,7 @@ std::wstring message(int32_t code, std::wstring* lib = nullptr) {
 // may not move while locked, keeps its handle when it moves, and its data pointer is not a handle.
 TEST(GlobalMemory, FixedAndMovableBlocks) {
     auto* p = static_cast<uint8_t*>(K_GlobalAlloc(GPTR, 100));
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(std::vector<uint8_t>(p, p + 100), std::vector<uint8_t>(100, 0));
-    EXPECT_EQ(K_GlobalLock(p), p);
+    ASSERT_TRUE(p && std::vector<uint8_t>(p, p + 100) == std::vector<uint8_t>(100, 0) && K_GlobalLock(p) == p);
     std::memset(p, 7, 100);
     auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(p, 100000, GMEM_ZEROINIT));
     ASSERT_NE(q, nullptr);
@@ -70,8 +70,7 @@ TEST(GlobalMemory, HandleTableGrowthFailure) {
     ASSERT_TRUE(moved == nullptr || moved == static_cast<void*>(fixed));  // only when it grew in place
     EXPECT_TRUE(moved || (K_GlobalSize(fixed) == 16u && std::vector<uint8_t>(fixed, fixed + 16) == contents));  // ASan: still ours
     auto* grown = static_cast<uint8_t*>(K_GlobalReAlloc(fixed, 8 << 20, 0));
-    ASSERT_NE(grown, nullptr);
-    EXPECT_TRUE(K_GlobalSize(grown) == size_t(8) << 20 && std::vector<uint8_t>(grown, grown + 16) == contents);
+    ASSERT_TRUE(grown && K_GlobalSize(grown) == size_t(8) << 20 && std::vector<uint8_t>(grown, grown + 16) == contents);
     blocks[1] = grown;
     for (HGLOBAL h : blocks) ASSERT_EQ(K_GlobalFree(h), nullptr);
     EXPECT_EQ(fi::liveBlocks(), base);
@@ -88,11 +87,8 @@ TEST(GlobalMemory, ReallocAcrossThreads) {
             for (int i = 0; i < 300; ++i) {
                 auto* p = static_cast<uint8_t*>(K_GlobalAlloc(i % 5 ? GMEM_FIXED : GHND, 8));
                 ASSERT_NE(p, nullptr);
-                if (i % 5 == 0) {  // movable ones only churn the table
-                    ASSERT_EQ(K_GlobalFree(p), nullptr);
-                    continue;
-                }
-                blocks.push_back(static_cast<uint8_t*>(std::memset(p, t * 16 + int(blocks.size() % 16), 8)));
+                if (i % 5 == 0) ASSERT_EQ(K_GlobalFree(p), nullptr);  // movable ones only churn the table
+                else blocks.push_back(static_cast<uint8_t*>(std::memset(p, t * 16 + int(blocks.size() % 16), 8)));
             }
             for (size_t n = 24; n <= 648; n *= 3)
                 for (size_t i = 0; i < blocks.size(); ++i) {
@@ -115,18 +111,9 @@ TEST(Handles, KindsAreCheckedAndFailedRegistrationFreesTheBlock) {
                IS(krn::objKind(reinterpret_cast<void*>(uintptr_t(0x1234))), 0), IS(krn::objDestroy(h, krn::kObjGlobalMemory), 0),
                IS(krn::objDestroy(h, krn::kObjRegion), 1), IS(krn::objKind(h), 0), IS(krn::objDestroy(h, krn::kObjRegion), 0)});
     const long base = fi::liveBlocks();
-    for (long n : {0L, 1L}) {  // the data block, then the handle
-        fi::arm(n, 1);
-        EXPECT_EQ(K_GlobalAlloc(GMEM_MOVEABLE, 10), nullptr);
-    }
-    fi::disarm();
-    EXPECT_EQ(fi::liveBlocks(), base);
-    void* r = krn::memAlloc(10);  // a failed realloc keeps the old block
-    fi::arm(0, 1);
-    EXPECT_EQ(krn::memRealloc(r, 100), nullptr);
-    fi::disarm();
-    krn::memFree(r);
-    EXPECT_EQ(fi::liveBlocks(), base);
+    void* r = krn::memAlloc(10);  // the data block, then the handle fail; a failed realloc keeps the old block
+    expectAll({IS((fi::arm(0, 1), K_GlobalAlloc(GMEM_MOVEABLE, 10)) == nullptr, 1), IS((fi::arm(1, 1), K_GlobalAlloc(GMEM_MOVEABLE, 10)) == nullptr, 1),
+               IS((fi::arm(0, 1), krn::memRealloc(r, 100)) == nullptr, 1), IS((fi::disarm(), krn::memFree(r), fi::liveBlocks()), base)});
 }
 
 // The message table is checked for consistency, not copied: every code from -1940 to 110 gets a text;
@@ -171,15 +158,13 @@ TEST(Messages, WholeTableAgreesWithLibraryIdsAndTruncatesInBounds) {
     }
     EXPECT_EQ(K_GetLibIdFromErrorCode(1, nullptr, nullptr), KS_SUCCESS);
     EXPECT_EQ(K_GetFriendlyErrorMessage(-13, nullptr, 10, nullptr), KS_INVALID_PARAMETER);
-    for (int32_t code : {-16, -1905, -1150, 1, 999}) {
-        const std::wstring full = message(code);
-        for (uint32_t n = 0; n < full.size() + 3; ++n) {
+    for (int32_t code : {-16, -1905, -1150, 1, 999})
+        for (uint32_t n = 0, size = uint32_t(message(code).size()); n < size + 3; ++n) {
             std::vector<wchar_t> buf(n + 4, L'#'), lib(n + 4, L'#');
             ASSERT_EQ(K_GetFriendlyErrorMessage(code, buf.data(), n, lib.data()), KS_SUCCESS);
             for (uint32_t i = n; i < n + 4; ++i) ASSERT_TRUE(buf[i] == L'#' && lib[i] == L'#') << code << " " << n;
-            if (n) { ASSERT_EQ(std::wstring(buf.data()), full.substr(0, n - 1)) << code << " " << n; }
+            if (n) { ASSERT_EQ(std::wstring(buf.data()), message(code).substr(0, n - 1)) << code << " " << n; }
         }
-    }
 }
 
 // Records each percent; from 40 on (with user data) asks to stop.
@@ -206,8 +191,7 @@ TEST(ProgressCallbacks, PerThreadAndEachWholePercentOnce) {
     for (int i = 1; i <= 1000; ++i) ASSERT_EQ(p.step(i), KS_SUCCESS);
     for (int i = 0; i <= 100; ++i) every[size_t(i)] = i;
     EXPECT_EQ(seen, every);
-    seen.clear();
-    K_SetStatusCallBack(stopAt40, &seen, nullptr, nullptr);
+    seen.clear(), K_SetStatusCallBack(stopAt40, &seen, nullptr, nullptr);
     krn::Progress q = krn::Progress::status(7, 20, 60);  // a sub-range of a larger operation
     int32_t rc = KS_SUCCESS;
     int row = 0;
@@ -215,6 +199,103 @@ TEST(ProgressCallbacks, PerThreadAndEachWholePercentOnce) {
     expectAll({IS(rc, KS_USER_ABORT), IS(seen.back(), 42) /* 20 + 40*4/7 */, IS(row, 4),
                IS(K_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr), 1),
                IS(krn::Progress::status(10).active(), 0)});
+}
+
+constexpr size_t kBig = size_t(8) << 20;
+bool allBytes(const void* p, size_t n, unsigned char v) {
+    const auto* b = static_cast<const unsigned char*>(p);
+    for (size_t i = 0; i < n; i += 4093)
+        if (b[i] != v) return false;
+    return b[n - 1] == v;
+}
+struct BlockCache : ::testing::Test {
+    void SetUp() override {
+        if (!krn::blockcache::available()) GTEST_SKIP() << "this build keeps every block on malloc";
+        TearDown();
+    }
+    void TearDown() override { krn::blockcache::setLimit(size_t(192) << 20), krn::blockcache::release(); }
+};
+
+// A kept block serves a request within a quarter of its size (zeroed when asked), not a far smaller one; a
+// bitmap over reused pixels still reads as zero.
+TEST_F(BlockCache, ReusedBlockIsZeroedWhenAskedAndKeptOtherwise) {
+    void* a = krn::memAlloc(kBig);
+    ASSERT_NE(a, nullptr);
+    std::memset(a, 0xA5, kBig);
+    krn::memFree(a);
+    const long hits = krn::blockcache::hits();
+    const bool kept = krn::blockcache::cachedBytes() >= kBig;
+    void* b = krn::memCalloc(kBig - 4096);
+    expectAll({IS(kept, 1), IS(b != nullptr, 1), IS(krn::blockcache::hits(), hits + 1),
+               IS(allBytes(b, kBig - 4096, 0), 1), IS((krn::memFree(b), krn::memFree(krn::memAlloc(kBig / 2)), krn::blockcache::hits()), hits + 1)});
+    BITMAPRECORD bm;
+    krn::blockcache::release();
+    for (int pass = 0; pass < 2; ++pass)  // the second bitmap gets the first one's pixels
+        ASSERT_TRUE(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 2048, 1024, 32) == KS_SUCCESS && K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL) == KS_SUCCESS &&
+                    (pass || (K_FillBitmap(&bm, 0x123456) == KS_SUCCESS && K_FreeBitmap(&bm) == 1)));
+    EXPECT_EQ(krn::blockcache::hits(), hits + 2);
+    std::vector<unsigned char> row(bm.nBytesPerLine, 0xFF);
+    for (int y = 0; y < bm.nHeight; y += 97)
+        EXPECT_TRUE(K_GetBitmapRow(&bm, row.data(), y, bm.nBytesPerLine) == int32_t(bm.nBytesPerLine) && allBytes(row.data(), row.size(), 0)) << y;
+    K_FreeBitmap(&bm);
+}
+
+// Grow and shrink across the large-block threshold and within a block; the pages move (mremap) or, where
+// advice split the block's mapping, are copied.
+TEST_F(BlockCache, ResizeKeepsContents) {
+    const size_t sizes[] = {kBig, kBig + kBig / 2, kBig - 1000, size_t(5) << 20, 1 << 20, kBig * 2, kBig * 3};
+    auto* p = static_cast<unsigned char*>(krn::memAlloc(kBig));
+    ASSERT_NE(p, nullptr);
+    size_t have = kBig;
+    for (size_t i = 0; i < have; ++i) p[i] = static_cast<unsigned char>(i * 7 + (i >> 12));
+    for (size_t n : sizes) {
+        auto* q = static_cast<unsigned char*>(krn::memRealloc(p, n));
+        ASSERT_NE(q, nullptr);
+        size_t bad = 0;
+        for (size_t i = 0; i < std::min(have, n); ++i) bad += q[i] != static_cast<unsigned char>(i * 7 + (i >> 12));
+        EXPECT_EQ(bad, 0u) << "resize to " << n;
+        for (size_t i = std::min(have, n); i < n; ++i) q[i] = static_cast<unsigned char>(i * 7 + (i >> 12));
+        p = q, have = n;
+#if defined(MADV_NOHUGEPAGE)
+        if (n == kBig * 2)  // split the mapping before the last growth
+            madvise(reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(q) + (size_t(3) << 20)) & ~uintptr_t(4095)), 8192, MADV_NOHUGEPAGE);
+#endif
+    }
+    krn::memFree(p);
+}
+
+// At most four blocks are kept; a cap of 16 MiB leaves room for 4 MiB of kept blocks: nothing of 8 MiB stays.
+// The failure hook still fails large requests, and the kept block survives it.
+TEST_F(BlockCache, StaysWithinItsLimitAndTheCapAndTheHookFailsLargeRequests) {
+    void* blocks[6];
+    for (auto& b : blocks) ASSERT_NE(b = krn::memAlloc(kBig), nullptr);
+    for (auto* b : blocks) krn::memFree(b);
+    int64_t old = 0;
+    expectAll({IS(krn::blockcache::cachedBytes() <= 4 * (kBig + (size_t(3) << 20)), 1), IS(krn::blockcache::cachedBytes() >= 4 * kBig, 1),
+               IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, int64_t(16) << 20, &old), KS_SUCCESS), IS(krn::blockcache::cachedBytes(), 0),
+               IS((krn::memFree(krn::memAlloc(kBig)), krn::blockcache::cachedBytes()), 0), IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, old, nullptr), 1),
+               IS((krn::memFree(krn::memAlloc(kBig)), krn::blockcache::cachedBytes() >= kBig), 1)});
+    const long live = fi::liveBlocks();
+    expectAll({IS((fi::arm(0), krn::memAlloc(kBig)) == nullptr, 1), IS((fi::disarm(), fi::liveBlocks()), live),
+               IS(krn::blockcache::cachedBytes() >= kBig, 1)});
+}
+
+TEST_F(BlockCache, ThreadsNeverShareABlock) {
+    auto work = [](unsigned char tag, int* bad) {
+        for (int i = 0; i < 40; ++i) {
+            const size_t n = kBig + size_t(i % 3) * 65536;
+            auto* p = static_cast<unsigned char*>(krn::memAlloc(n));
+            if (!p) { ++*bad; continue; }
+            std::memset(p, tag, n);
+            std::this_thread::yield();
+            *bad += !allBytes(p, n, tag);
+            krn::memFree(p);
+        }
+    };
+    int bad1 = 0, bad2 = 0;
+    std::thread t1(work, 0x11, &bad1), t2(work, 0x22, &bad2);
+    t1.join(), t2.join();
+    EXPECT_EQ(bad1 + bad2, 0);
 }
 
 }  // namespace

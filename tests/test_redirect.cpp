@@ -1,8 +1,6 @@
-// test_redirect.cpp - redirect tables (thread, process-wide, merged), redirected file handles, the
-// ReadBig / WriteBig chunking, non-ASCII names on the default layer, "ORVARedirect://" names, the buffer
-// file; kernel temporary files (positioned I/O, size, delete-on-close, the size limit as a full disk,
-// mapping, files through a caller's table, threads, allocation failure), the built-in temporary-file table,
-// unique temporary names and the temporary folder.
+// test_redirect.cpp - redirect tables (thread, process-wide, merged), redirected file handles, the big-transfer
+// chunking, the default layer, "ORVARedirect://" names, the buffer file; kernel temporary files (positioned
+// I/O, size, mapping, the size limit as a full disk, tables, threads, allocation failure), names and folder.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -10,16 +8,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <cstring>
 #include <random>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "check_list.h"
 #include "krn/common/memory.h"
@@ -63,21 +57,20 @@ std::wstring makeName(const REDIRECTRECORD& t, const wchar_t* inner) {
     return buf;
 }
 int32_t install(REDIRECTRECORD t, int processWide = 0) { return K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, processWide); }
+std::string text(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
-// ---------------------------------------------------------------- tables
 // A table installed on this thread is in force here and nowhere else; a fresh thread sees the defaults.
 TEST(RedirectTables, ThreadTableStaysOnItsThreadAndFreshThreadsSeeDefaults) {
     StateGuard guard;
     MemFs fs;
     REDIRECTRECORD mine = fs.table();
     ASSERT_EQ(K_SetRedirectFunctions(&mine, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
-    EXPECT_TRUE(sameFunctions(mine, fs.table()));  // written back: the table now in force
-    EXPECT_EQ(K_UsesRedirectIO(), 1);
+    EXPECT_TRUE(sameFunctions(mine, fs.table()) && K_UsesRedirectIO() == 1);  // written back: the table in force
     std::thread([] {
         const REDIRECTRECORD d = get(REDIRECT_GET_DEFAULT), tmp = get(REDIRECT_GET_TEMPFILE);
         const Slots os = slots(d);
-        EXPECT_EQ(Slots({os[0], os[1], os[2], os[3], os[4]}),
-                  Slots({(const void*)&K_OsOpen, (const void*)&K_OsRead, (const void*)&K_OsWrite, (const void*)&K_OsSeek, (const void*)&K_OsClose}));
+        EXPECT_EQ(Slots({os[0], os[1], os[2], os[3], os[4]}), Slots({(const void*)&K_OsOpen, (const void*)&K_OsRead,
+                                                                     (const void*)&K_OsWrite, (const void*)&K_OsSeek, (const void*)&K_OsClose}));
         expectAll({IS(d.uStructSize, REDIRECTRECORD_SIZE), IS(d.uFlags | tmp.uFlags, 0),
                    IS(sameFunctions(get(REDIRECT_GET_IN_FORCE), d), 1), IS(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), d), 1),
                    IS(slots(get(REDIRECT_GET_THREAD)) == Slots{}, 1), IS(tmp.pfnOpen == &K_RedirectedTempFileOpen, 1),
@@ -88,15 +81,11 @@ TEST(RedirectTables, ThreadTableStaysOnItsThreadAndFreshThreadsSeeDefaults) {
 
 TEST(RedirectTables, FrameChecks) {
     REDIRECTRECORD r = blank(), big = blank();
-    r.pfnRead = &myRead;
-    big.uStructSize = 128;
-    expectAll({IS(K_GetRedirectFunctions(nullptr, 64, 0, 0), KS_NULL_POINTER),
-               IS(K_GetRedirectFunctions(&big, 60, 0, 0), KS_INVALID_STRUCT_SIZE),
-               IS(K_GetRedirectFunctions(&big, 64, 4, 0), KS_INVALID_PARAMETER),
-               IS(K_GetRedirectFunctions(&big, 64, -1, 0), KS_INVALID_PARAMETER),
-               IS(K_SetRedirectFunctions(nullptr, 0, 0), KS_NULL_POINTER),
-               IS(K_SetRedirectFunctions(&big, 0, 0), KS_INVALID_STRUCT_SIZE), IS(K_SetRedirectFunctions(&r, 3, 0), KS_INVALID_PARAMETER),
-               IS(K_SetRedirectFunctions(&r, -1, 0), KS_INVALID_PARAMETER),
+    r.pfnRead = &myRead, big.uStructSize = 128;
+    expectAll({IS(K_GetRedirectFunctions(nullptr, 64, 0, 0), KS_NULL_POINTER), IS(K_GetRedirectFunctions(&big, 60, 0, 0), KS_INVALID_STRUCT_SIZE),
+               IS(K_GetRedirectFunctions(&big, 64, 4, 0), KS_INVALID_PARAMETER), IS(K_GetRedirectFunctions(&big, 64, -1, 0), KS_INVALID_PARAMETER),
+               IS(K_SetRedirectFunctions(nullptr, 0, 0), KS_NULL_POINTER), IS(K_SetRedirectFunctions(&big, 0, 0), KS_INVALID_STRUCT_SIZE),
+               IS(K_SetRedirectFunctions(&r, 3, 0), KS_INVALID_PARAMETER), IS(K_SetRedirectFunctions(&r, -1, 0), KS_INVALID_PARAMETER),
                IS(get(REDIRECT_GET_THREAD).pfnRead == nullptr, 1) /* nothing installed by the failures */});
 }
 
@@ -112,8 +101,7 @@ TEST(RedirectTables, RedirectIOSlotsDefaultsEmptyAndGiven) {
     // In force: the process-wide slots under the thread's given ones (size slots follow the open function).
     EXPECT_EQ(slots(f), Slots({(const void*)&MemFs::open, (const void*)&myRead, (const void*)&K_OsWrite, (const void*)&MemFs::seek,
                                (const void*)&MemFs::close, (const void*)&MemFs::size, (const void*)&MemFs::setSize}));
-    expectAll({IS(t.pReadUserData == &token && t.pWriteUserData == &token, 1),
-               IS(f.pOpenUserData == &procFs && f.pSeekUserData == &procFs, 1),
+    expectAll({IS(t.pReadUserData == &token && t.pWriteUserData == &token, 1), IS(f.pOpenUserData == &procFs && f.pSeekUserData == &procFs, 1),
                IS(sameFunctions(get(REDIRECT_GET_IN_FORCE, 1), procFs.table()), 1), IS(K_UsesRedirectIO(), 1),
                // All zero: the default file layer for this thread, over any process-wide table.
                IS(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS),
@@ -124,8 +112,7 @@ TEST(RedirectTables, SelectorsSwapAndReset) {
     StateGuard guard;
     MemFs a, b;
     REDIRECTRECORD ta = a.table(), tb = b.table(), r = blank(), partial = blank(), partial2 = blank();
-    partial.pfnRead = &myRead;
-    partial2.pfnWrite = &MemFs::write;
+    partial.pfnRead = &myRead, partial2.pfnWrite = &MemFs::write;
     expectAll({IS(K_SetRedirectFunctions(&ta, REDIRECT_SET_INSTALL, 1), 1), IS(K_SetRedirectFunctions(&tb, REDIRECT_SET_SWAP, 1), 1),
                IS(tb.pOpenUserData == &a, 1) /* got back what it replaced */, IS(get(REDIRECT_GET_IN_FORCE, 1).pOpenUserData == &b, 1),
                IS(K_SetRedirectFunctions(&r, REDIRECT_SET_RESET, 1), 1), IS(r.pOpenUserData == &b, 1),
@@ -146,14 +133,11 @@ TEST(RedirectTables, ProcessTableIsNeverTorn) {
     ASSERT_EQ(install(a.table(), 1), KS_SUCCESS);
     std::vector<std::thread> writers, readers;
     for (int w = 0; w < 2; ++w)
-        writers.emplace_back([&, w] {
-            for (int i = 0; !stop; ++i) install(((i + w) & 1) ? a.table() : b.table(), 1);
-        });
+        writers.emplace_back([&, w] { for (int i = 0; !stop; ++i) install(((i + w) & 1) ? a.table() : b.table(), 1); });
     for (int r = 0; r < 2; ++r)
         readers.emplace_back([&] {
             for (int i = 0; i < 5000; ++i, ++seen) {
-                REDIRECTRECORD t{};
-                K_GetRedirectFunctions(&t, REDIRECTRECORD_SIZE, 0, 1);
+                const REDIRECTRECORD t = get(REDIRECT_GET_IN_FORCE, 1);
                 void* u = t.pOpenUserData;
                 torn += !((u == &a || u == &b) && t.pReadUserData == u && t.pWriteUserData == u && t.pSeekUserData == u &&
                           t.pCloseUserData == u && t.pSizeUserData == u && t.pSetSizeUserData == u);
@@ -165,23 +149,20 @@ TEST(RedirectTables, ProcessTableIsNeverTorn) {
     EXPECT_TRUE(torn.load() == 0 && seen.load() == 10000);
 }
 
-// ---------------------------------------------------------------- files
 TEST(RedirectFiles, HandleKeepsItsTable) {
     StateGuard guard;
     MemFs fs;
     REDIRECTRECORD x = blank();
     ASSERT_EQ(install(fs.table()), KS_SUCCESS);
     HREDIRECTFILE h = K_RedirectedOpen(L"img.bin", RW_CREATE, 0);
-    ASSERT_NE(h, invalid());
-    ASSERT_EQ(fs.openNames.back(), L"img.bin");
+    ASSERT_TRUE(h != invalid() && fs.openNames.back() == L"img.bin");
     char b[8] = {};
     // Change the tables: the open file keeps going to the memory file system; once closed, calls fail.
-    expectAll({IS(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS),
-               IS(K_RedirectedWrite(h, "hello", 5), 5), IS(K_RedirectedSeek(h, 1, REDIRECT_SEEK_SET), 1),
-               IS(K_RedirectedRead(h, b, 8), 4), IS(std::string(b) == "ello", 1), IS(K_RedirectedGetSize(h), 5),
-               IS(K_ExtractRedirectFunctions(h, &x), KS_SUCCESS), IS(sameFunctions(x, fs.table()), 1), IS(K_RedirectedClose(h), 0),
-               IS(std::string(fs.files[L"img.bin"].begin(), fs.files[L"img.bin"].end()) == "hello", 1),
-               IS(K_RedirectedWrite(h, "x", 1), -1), IS(K_RedirectedClose(h), -1), IS(fs.writes, 1), IS(fs.closes, 1)});
+    expectAll({IS(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS), IS(K_RedirectedWrite(h, "hello", 5), 5),
+               IS(K_RedirectedSeek(h, 1, REDIRECT_SEEK_SET), 1), IS(K_RedirectedRead(h, b, 8), 4), IS(std::string(b) == "ello", 1),
+               IS(K_RedirectedGetSize(h), 5), IS(K_ExtractRedirectFunctions(h, &x), KS_SUCCESS), IS(sameFunctions(x, fs.table()), 1),
+               IS(K_RedirectedClose(h), 0), IS(text(fs.files[L"img.bin"]) == "hello", 1), IS(K_RedirectedWrite(h, "x", 1), -1),
+               IS(K_RedirectedClose(h), -1), IS(fs.writes, 1), IS(fs.closes, 1)});
 }
 
 TEST(RedirectFiles, GarbageHandlesAreRefused) {
@@ -225,8 +206,7 @@ TEST(RedirectFiles, WrapExtractAndUpdate) {
     void* out = nullptr;
     HREDIRECTFILE h = nullptr;
     badSize.uStructSize = 63;
-    upd.pfnWrite = &MemFs::write;  // update only the write slot: writes go to `other`, which does not know the handle
-    upd.pWriteUserData = &other;
+    upd.pfnWrite = &MemFs::write, upd.pWriteUserData = &other;  // only the write slot: `other` does not know the handle
     expectAll({IS(K_CreateRedirectedFileHandle(nullptr, native, &t), KS_INVALID_PARAMETER),
                IS(K_CreateRedirectedFileHandle(&h, nullptr, &t), KS_INVALID_PARAMETER),
                IS(K_CreateRedirectedFileHandle(&h, OMBRIX_INVALID_FILE, &t), KS_INVALID_PARAMETER),
@@ -248,16 +228,9 @@ TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
     char buf[1] = {0};  // never touched by the sink
     const uint32_t c = 0x7FFFFFFu;
     const uint64_t big = 5ull << 30;  // beyond 4 GiB: counted in 64 bits
-    const struct {
-        bool write;
-        uint64_t n, eofAfter;
-        long failAt;
-        int64_t result;
-        std::vector<uint32_t> asks;  // empty with `chunks`: only counted
-        size_t chunks;
-    } cases[] = {
+    const struct { bool write; uint64_t n, eofAfter; long failAt; int64_t result; std::vector<uint32_t> asks; size_t chunks; } cases[] = {
         {false, 268435456ull, UINT64_MAX, 0, 268435456ll, {c, c, 2u}, 3},
-        {true, big, UINT64_MAX, 0, int64_t(big), {}, size_t((big + REDIRECT_CHUNK_BYTES - 1) / REDIRECT_CHUNK_BYTES)},
+        {true, big, UINT64_MAX, 0, int64_t(big), {} /* only counted */, size_t((big + REDIRECT_CHUNK_BYTES - 1) / REDIRECT_CHUNK_BYTES)},
         {false, 1000, 0, 0, 0, {1000u}, 1},  // end of file at once
         {false, 1ull << 30, c + 10ull, 0, int64_t(c + 10ull), {c, c, c}, 3},
         {false, 1ull << 30, UINT64_MAX, 2, -1, {c, c}, 2},
@@ -270,21 +243,17 @@ TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
         EXPECT_EQ(k.write ? K_RedirectedWriteBig(h, buf, k.n) : K_RedirectedReadBig(h, buf, k.n), k.result);
         ASSERT_EQ(sink.asks.size(), k.chunks);
         EXPECT_TRUE(k.asks.empty() || sink.asks == k.asks);
-        uint64_t sum = 0;
-        for (uint32_t a : sink.asks) {
-            EXPECT_LE(a, REDIRECT_CHUNK_BYTES);
-            sum += a;
-        }
-        EXPECT_TRUE(k.result != int64_t(k.n) || sum == k.n);
+        uint64_t sum = 0, largest = 0;
+        for (uint32_t a : sink.asks) sum += a, largest = std::max<uint64_t>(largest, a);
+        EXPECT_TRUE(largest <= REDIRECT_CHUNK_BYTES && (k.result != int64_t(k.n) || sum == k.n)) << largest << " " << sum;
     }
     void* n;
     K_ExtractRedirectedFileHandle(h, &n, 1);
 }
 
-// ---------------------------------------------------------------- default layer
 TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
     StateGuard guard;
-    testfs::ScratchDir dir;
+    ScratchDir dir;
     const std::wstring wdir(dir.path.begin(), dir.path.end()), wname = wdir + L"/caf\u00E9-\u6F22\U0001D11E.bin";
     HREDIRECTFILE h = K_RedirectedOpen(wname.c_str(), RW_CREATE, 0);
     ASSERT_NE(h, invalid());
@@ -295,49 +264,38 @@ TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
     ASSERT_EQ(::stat(u8.c_str(), &st), 0);
     const mode_t mask = ::umask(0);
     ::umask(mask);
-    EXPECT_EQ(st.st_mode & 0777, 0666u & ~mask);
     const int fd = ::open(u8.c_str(), O_RDONLY);
-    ASSERT_GE(fd, 0);
     char b[8] = {};
-    EXPECT_EQ(::read(fd, b, 8), 6);
+    EXPECT_TRUE((st.st_mode & 0777) == (0666u & ~mask) && ::read(fd, b, 8) == 6 && std::string(b) == "pixels");
     ::close(fd);
-    EXPECT_STREQ(b, "pixels");
     h = K_RedirectedOpenUtf8(u8.c_str(), REDIRECT_OPEN_READ, 0);  // the UTF-8 entry point opens the same file
-    ASSERT_NE(h, invalid());
-    expectAll({IS(K_RedirectedSeek(h, -2, REDIRECT_SEEK_END), 4), IS(K_RedirectedRead(h, b, 8), 2), IS(K_RedirectedClose(h), 0)});
-    if (sizeof(wchar_t) == 4) {  // malformed wide names fail before reaching the system
-        EXPECT_EQ(K_RedirectedOpen((wdir + L"/x" + wchar_t(0xDC00)).c_str(), RW_CREATE, 0), invalid());
-    }
-    // Exclusive create, truncate and temporary (deleted at once) modes.
-    EXPECT_EQ(K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_WRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_EXCLUSIVE, 0), invalid());
+    expectAll({IS(K_RedirectedSeek(h, -2, REDIRECT_SEEK_END), 4), IS(K_RedirectedRead(h, b, 8), 2), IS(K_RedirectedClose(h), 0),
+               // Malformed wide names fail before reaching the system; exclusive create of an existing file fails.
+               IS(sizeof(wchar_t) != 4 || K_RedirectedOpen((wdir + L"/x" + wchar_t(0xDC00)).c_str(), RW_CREATE, 0) == invalid(), 1),
+               IS(K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_WRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_EXCLUSIVE, 0) == invalid(), 1)});
     h = K_RedirectedOpen(wname.c_str(), REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_TRUNCATE, 0);
-    ASSERT_NE(h, invalid());
-    EXPECT_EQ(K_RedirectedGetSize(h), 0);
-    K_RedirectedClose(h);
-    h = K_RedirectedOpen((wdir + L"/gone.tmp").c_str(), RW_CREATE | REDIRECT_OPEN_TEMPORARY, 0);
-    ASSERT_NE(h, invalid());
-    expectAll({IS(::access((dir.path + "/gone.tmp").c_str(), F_OK), -1), IS(K_RedirectedWrite(h, "abc", 3), 3) /* still usable */,
-               IS(K_RedirectedClose(h), 0), IS(K_OsOpen(wname.c_str(), 0, 0, nullptr) == OMBRIX_INVALID_FILE, 1) /* no access bits */,
+    expectAll({IS(K_RedirectedGetSize(h), 0), IS(K_RedirectedClose(h), 0)});
+    h = K_RedirectedOpen((wdir + L"/gone.tmp").c_str(), RW_CREATE | REDIRECT_OPEN_TEMPORARY, 0);  // deleted at once
+    expectAll({IS(h != invalid(), 1), IS(::access((dir.path + "/gone.tmp").c_str(), F_OK), -1),
+               IS(K_RedirectedWrite(h, "abc", 3), 3) /* still usable */, IS(K_RedirectedClose(h), 0),
+               IS(K_OsOpen(wname.c_str(), 0, 0, nullptr) == OMBRIX_INVALID_FILE, 1) /* no access bits */,
                IS(K_OsRead(nullptr, b, 1, nullptr), -1), IS(K_OsSeek(OMBRIX_INVALID_FILE, 0, 0, nullptr), -1),
                IS(K_OsSeek(OMBRIX_OS_HANDLE(0), 0, 7, nullptr), -1)});
     const int full = ::open("/dev/full", O_WRONLY);  // a full disk is a short write
-    if (full >= 0) {
-        EXPECT_LE(K_OsWrite(OMBRIX_OS_HANDLE(full), b, sizeof b, nullptr), 0);
-        ::close(full);
-    }
+    EXPECT_TRUE(full < 0 || K_OsWrite(OMBRIX_OS_HANDLE(full), b, sizeof b, nullptr) <= 0);
+    ::close(full);
 }
 
-// ---------------------------------------------------------------- names
 TEST(RedirectNames, NameCarriesTheTableAndTheInnerName) {
     StateGuard guard;
     MemFs fs;
     REDIRECTRECORD t = fs.table(), d{};
     t.uFlags = 0xA5;
     const std::wstring name = makeName(t, L"dir/page 1.tif");
-    ASSERT_EQ(name.rfind(REDIRECT_NAME_PREFIX, 0), 0u);
     std::vector<wchar_t> exact(name.size() + 1);  // room for the terminator, and one less
     uint32_t start = 0;
-    expectAll({IS(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(exact.size())), KS_SUCCESS),
+    expectAll({IS(name.rfind(REDIRECT_NAME_PREFIX, 0), 0),
+               IS(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(exact.size())), KS_SUCCESS),
                IS(K_MakeRedirectName(&t, L"dir/page 1.tif", exact.data(), uint32_t(name.size())), KS_BUFFER_TOO_SMALL),
                IS(K_DecodeRedirectName(name.c_str(), &d, &start), KS_SUCCESS), IS(std::memcmp(&d, &t, sizeof t), 0),
                IS(name.substr(start) == L"dir/page 1.tif", 1)});
@@ -349,35 +307,16 @@ TEST(RedirectNames, NameCarriesTheTableAndTheInnerName) {
     char u8[1024];  // the UTF-8 entry point too; an empty inner name is allowed
     ASSERT_EQ(K_WideToUtf8(makeName(t, nullptr).c_str(), -1, u8, sizeof u8, nullptr), KS_SUCCESS);
     h = K_RedirectedOpenUtf8(u8, RW_CREATE, 0);
-    ASSERT_NE(h, invalid());
-    EXPECT_EQ(fs.openNames.back(), L"");
+    EXPECT_TRUE(h != invalid() && fs.openNames.back() == L"");
     K_RedirectedClose(h);
-}
-
-// Every single-character change of a made name's encoded part fails to decode and opening it reaches no
-// table (the names fuzz target edits and cuts names at random); hand-made names with plausible fields are refused.
-TEST(RedirectNames, DamagedNamesDoNotDecodeAndCallNothing) {
-    MemFs fs;
-    const std::wstring name = makeName(fs.table(), L"x");
-    const size_t slash = name.find(L'/', 15);
-    ASSERT_NE(slash, std::wstring::npos);
-    REDIRECTRECORD d{};
-    long changed = 0;
-    for (size_t i = 0; i <= slash; ++i)
-        for (wchar_t c : {L'0', L'1', L'f', L'F', L'.', L'/', L'g', L'x', L'o'}) {
-            std::wstring m = name;
-            if (towlower(m[i]) == towlower(c) && (i >= 15 || m[i] == c)) continue;  // hex digits decode in either case
-            m[i] = c;
-            EXPECT_NE(K_DecodeRedirectName(m.c_str(), &d, nullptr), KS_SUCCESS) << "decoded after change at " << i;
-            EXPECT_EQ(K_RedirectedOpen(m.c_str(), REDIRECT_OPEN_READ, 0), invalid());
-            ++changed;
-        }
+    // A hand-made name with plausible fields is refused and reaches no table (the names fuzz target edits, cuts
+    // and forges names at random).
     const wchar_t* forged = L"ORVARedirect://1.0.1.0.1.0.1.0.1.0.1.0.0.0.0.0.0123456789abcdef/a";
-    expectAll({IS(changed > 300, 1), IS(fs.opens, 0), IS(K_DecodeRedirectName(forged, &d, nullptr), KS_INVALID_PARAMETER),
-               IS(K_RedirectedOpen(forged, REDIRECT_OPEN_READ, 0) == invalid(), 1)});
+    const long opens = fs.opens;
+    expectAll({IS(K_DecodeRedirectName(forged, &d, nullptr), KS_INVALID_PARAMETER), IS(K_RedirectedOpen(forged, REDIRECT_OPEN_READ, 0) == invalid(), 1),
+               IS(fs.opens, opens)});
 }
 
-// ---------------------------------------------------------------- buffer file
 // Reads, writes, seeks and the content against a model: the buffer fuzz target. Here: the big transfer on
 // a fixed buffer (the table's size slot cannot pass the fixed size either), the table, arguments.
 TEST(RedirectBuffer, FixedBufferGivesShortBigWrites) {
@@ -397,11 +336,10 @@ TEST(RedirectBuffer, FixedBufferGivesShortBigWrites) {
 TEST(RedirectBuffer, TableInANameAndInstalledSendsOutputToTheBuffer) {
     StateGuard guard;
     HREDIRECTBUFFER b = nullptr;
-    ASSERT_EQ(K_StartRedirectToBuffer(&b, nullptr, 0, nullptr, 0, 0), KS_SUCCESS);
     REDIRECTRECORD t = blank();
+    ASSERT_EQ(K_StartRedirectToBuffer(&b, nullptr, 0, nullptr, 0, 0), KS_SUCCESS);
     ASSERT_EQ(K_GetRedirectBufferTable(b, &t), KS_SUCCESS);
     HREDIRECTFILE f = K_RedirectedOpen(makeName(t, L"out.bin").c_str(), REDIRECT_OPEN_WRITE | REDIRECT_OPEN_CREATE, 0);
-    ASSERT_NE(f, invalid());
     expectAll({IS(K_RedirectedWrite(f, "first", 5), 5), IS(K_RedirectedClose(f), 0), IS(install(t), KS_SUCCESS)});
     // Installed for the thread: any open lands in the buffer; truncate empties it; the gap reads as zeros.
     f = K_RedirectedOpen(L"anything", REDIRECT_OPEN_READWRITE, 0);
@@ -434,7 +372,7 @@ TEST(RedirectBuffer, ArgumentsEmptyContentAndAllocationFailures) {
     // Every allocation of the start fails in turn (the registries are warm from above).
     const long base = fi::liveBlocks();
     int failures = 0;
-    for (long n = 0; n < 20; ++n) {
+    for (long n = 0; n < 20; ++n, ++failures) {
         b = nullptr;
         fi::arm(n, 1);
         const int32_t rc = K_StartRedirectToBuffer(&b, &f, 0, nullptr, 64, 0);
@@ -445,14 +383,11 @@ TEST(RedirectBuffer, ArgumentsEmptyContentAndAllocationFailures) {
                        IS(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_SUCCESS)});
             break;
         }
-        ++failures;
         EXPECT_TRUE(rc == KS_NO_MEMORY && b == nullptr && fi::liveBlocks() == base) << "step " << n;
     }
-    EXPECT_GE(failures, 2);
-    EXPECT_EQ(fi::liveBlocks(), base);
+    EXPECT_TRUE(failures >= 2 && fi::liveBlocks() == base);
 }
 
-// ---------------------------------------------------------------- temporary files
 Bytes randomBytes(size_t n, uint32_t seed) {
     std::mt19937 rng(seed);
     Bytes v(n);
@@ -487,8 +422,7 @@ TEST_P(TempFileBoth, PositionedIoSizeAndMappingAgreeWithAModel) {
     ASSERT_EQ(K_SetTempDirectoryUtf8(dir.path.c_str()), KS_SUCCESS);
     Owned own = create();
     TempFile* f = own.get();
-    ASSERT_NE(f, nullptr);
-    EXPECT_TRUE(!krn::tempIsRedirected(f) && dir.entries().empty());
+    ASSERT_TRUE(f && !krn::tempIsRedirected(f) && dir.entries().empty());
     Bytes model(300000, 0), back(model.size());
     std::mt19937 rng(7);
     for (int i = 0; i < 200; ++i) {
@@ -497,40 +431,30 @@ TEST_P(TempFileBoth, PositionedIoSizeAndMappingAgreeWithAModel) {
         ASSERT_EQ(krn::tempWrite(f, off, bytes.data(), n), KS_SUCCESS);
         std::memcpy(model.data() + off, bytes.data(), n);
     }
-    ASSERT_EQ(krn::tempSetSize(f, model.size()), KS_SUCCESS);
-    EXPECT_TRUE(krn::tempSize(f) == int64_t(model.size()) && readBack(f, 0, model.size()) == model);
-    EXPECT_EQ(krn::tempRead(f, 0, back.data(), model.size() + 1), KS_FILE_READ);  // one byte beyond the end
-    EXPECT_EQ(krn::tempRead(f, model.size(), back.data(), 1), KS_FILE_READ);
+    expectAll({IS(krn::tempSetSize(f, model.size()), KS_SUCCESS), IS(krn::tempSize(f), model.size()), IS(readBack(f, 0, model.size()) == model, 1),
+               IS(krn::tempRead(f, 0, back.data(), model.size() + 1), KS_FILE_READ) /* one byte beyond the end */,
+               IS(krn::tempRead(f, model.size(), back.data(), 1), KS_FILE_READ)});
     // A mapped window (not page aligned, growing the file) and positioned I/O see the same bytes.
     const uint64_t off = 3 * 4096 + 123 + model.size();
     const size_t n = 50000;
     krn::TempMapping m, r;
-    ASSERT_EQ(krn::tempMap(f, off, n, true, &m), KS_SUCCESS);
-    EXPECT_GE(krn::tempSize(f), int64_t(off + n));
+    ASSERT_TRUE(krn::tempMap(f, off, n, true, &m) == KS_SUCCESS && krn::tempSize(f) >= int64_t(off + n));
     auto a = randomBytes(n, 11), b = randomBytes(1000, 12);
     std::memcpy(m.data, a.data(), n);
-    EXPECT_EQ(readBack(f, off, n), a);
-    ASSERT_EQ(krn::tempWrite(f, off + 777, b.data(), b.size()), KS_SUCCESS);
-    EXPECT_EQ(std::memcmp(m.data + 777, b.data(), b.size()), 0);
-    krn::tempUnmap(&m);
-    EXPECT_EQ(m.data, nullptr);
+    expectAll({IS(readBack(f, off, n) == a, 1), IS(krn::tempWrite(f, off + 777, b.data(), b.size()), KS_SUCCESS),
+               IS(std::memcmp(m.data + 777, b.data(), b.size()), 0), IS((krn::tempUnmap(&m), m.data == nullptr), 1)});
     krn::tempUnmap(&m);  // twice is harmless
     ASSERT_EQ(krn::tempMap(f, off + 777, b.size(), false, &r), KS_SUCCESS);
     EXPECT_EQ(std::memcmp(r.data, b.data(), b.size()), 0);
     krn::tempUnmap(&r);
-    EXPECT_EQ(krn::tempMap(f, uint64_t(krn::tempSize(f)) - 10, 11, false, &r), KS_FILE_READ);
-    EXPECT_EQ(krn::tempMap(f, 0, 0, false, &r), KS_INVALID_PARAMETER);
     // Sparse growth reads zeros; above 4 GiB; shrinking keeps the head.
     const uint64_t g4 = uint64_t(1) << 32, g8 = uint64_t(1) << 33;
     const Bytes hi = {9, 8, 7, 6};
-    ASSERT_EQ(krn::tempSetSize(f, g8), KS_SUCCESS);
-    EXPECT_TRUE(krn::tempSize(f) == int64_t(g8) && readBack(f, g8 - 16, 16) == Bytes(16, 0));
-    ASSERT_EQ(krn::tempWrite(f, g4 + 5, hi.data(), 4), KS_SUCCESS);
-    EXPECT_EQ(readBack(f, g4 + 5, 4), hi);
-    ASSERT_EQ(krn::tempSetSize(f, 2), KS_SUCCESS);
-    EXPECT_TRUE(krn::tempSize(f) == 2 && readBack(f, 0, 2) == Bytes(model.begin(), model.begin() + 2));
-    own.reset();
-    EXPECT_TRUE(dir.entries().empty());
+    expectAll({IS(krn::tempMap(f, uint64_t(krn::tempSize(f)) - 10, 11, false, &r), KS_FILE_READ),
+               IS(krn::tempMap(f, 0, 0, false, &r), KS_INVALID_PARAMETER), IS(krn::tempSetSize(f, g8), KS_SUCCESS), IS(krn::tempSize(f), g8),
+               IS(readBack(f, g8 - 16, 16) == Bytes(16, 0), 1), IS(krn::tempWrite(f, g4 + 5, hi.data(), 4), KS_SUCCESS),
+               IS(readBack(f, g4 + 5, 4) == hi, 1), IS(krn::tempSetSize(f, 2), KS_SUCCESS), IS(krn::tempSize(f), 2),
+               IS(readBack(f, 0, 2) == Bytes(model.begin(), model.begin() + 2), 1), IS((own.reset(), dir.entries().empty()), 1)});
 }
 INSTANTIATE_TEST_SUITE_P(AnonymousAndNamed, TempFileBoth, ::testing::Values(false, true));
 
@@ -550,10 +474,9 @@ TEST(TempFile, SizeLimitActsAsFullDisk) {
                IS(krn::tempMap(f.get(), 0, 1 << 20, true, &m2), KS_SUCCESS)});
     krn::tempUnmap(&m2);
     void* h = K_RedirectedTempFileOpen(nullptr, 0, 0, nullptr);
-    ASSERT_NE(h, OMBRIX_INVALID_FILE);
     std::vector<char> d(1 << 20, 'a');
     MemFs fs;
-    expectAll({IS(K_RedirectedTempFileWrite(h, d.data(), uint32_t(d.size() - 10), nullptr), d.size() - 10),
+    expectAll({IS(h != OMBRIX_INVALID_FILE, 1), IS(K_RedirectedTempFileWrite(h, d.data(), uint32_t(d.size() - 10), nullptr), d.size() - 10),
                IS(K_RedirectedTempFileWrite(h, d.data(), 100, nullptr), 10), IS(K_RedirectedTempFileWrite(h, d.data(), 100, nullptr), 0),
                IS(K_RedirectedTempFileClose(h, nullptr), 0), IS(fs.install(), KS_SUCCESS),
                IS(krn::tempMap(create().get(), 0, 10, true, &m), KS_NOT_SUPPORTED)});
@@ -574,8 +497,7 @@ TEST(TempFile, SystemShortWriteIsReported) {
     krn::TempMapping m;
     const int64_t partial = krn::tempWrite(f.get(), 0, d.data(), d.size()), within = krn::tempWrite(f.get(), 0, d.data(), 65536),
                   grow = krn::tempSetSize(f.get(), 1 << 20), map = krn::tempMap(f.get(), 60000, 10000, true, &m);
-    HREDIRECTFILE h = K_RedirectedOpen(L"/tmp/ombrix_fsize_probe",
-                                       REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE | REDIRECT_OPEN_TEMPORARY, 0);
+    HREDIRECTFILE h = K_RedirectedOpen(L"/tmp/ombrix_fsize_probe", RW_CREATE | REDIRECT_OPEN_TEMPORARY, 0);
     const int64_t big = K_RedirectedWriteBig(h, d.data(), d.size());  // the bytes that fitted, then the loop stops
     K_RedirectedClose(h);
     setrlimit(RLIMIT_FSIZE, &old);
@@ -603,7 +525,6 @@ TEST(TempFile, ModeOptionsAndMode3) {
                IS(K_GetTempFileOptions(&back, 28), KS_INVALID_STRUCT_SIZE), IS(K_GetTempFileMode(), 3)});
 }
 
-// ---------------------------------------------------------------- through a table
 struct TableTemp : ::testing::Test {  // a memory file system as the thread's table; the folder is its business
     StateGuard guard;
     MemFs fs;
@@ -613,10 +534,13 @@ struct TableTemp : ::testing::Test {  // a memory file system as the thread's ta
     }
 };
 
-TEST_F(TableTemp, RoundTripGoesThroughTableAndDeletesOnClose) {
+// A round trip goes through the table and the file is deleted on close; each failing call maps to its code and a
+// short write (the medium is full) is an error, not silence; short reads are completed; a table without size
+// slots grows the file by writing its last byte and cannot cut it.
+TEST_F(TableTemp, RoundTripFailuresShortReadsAndNoSizeSlots) {
     Owned f = create();
     ASSERT_EQ(fs.opens, 1);
-    const uint32_t want = REDIRECT_OPEN_TEMPORARY | REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE;
+    const uint32_t want = REDIRECT_OPEN_TEMPORARY | RW_CREATE;
     const std::wstring& name = fs.openNames[0], prefix = L"/nowhere/at/all/QX";  // the folder, QX, 8 hex digits, .tmp
     auto a = randomBytes(70000, 1);
     Bytes want2(100000, 0);
@@ -626,37 +550,27 @@ TEST_F(TableTemp, RoundTripGoesThroughTableAndDeletesOnClose) {
                IS(krn::tempSetSize(f.get(), 100000), KS_SUCCESS), IS(krn::tempWrite(f.get(), 20000, a.data(), a.size()), KS_SUCCESS),
                IS(readBack(f.get(), 0, 100000) == want2, 1), IS(krn::tempSize(f.get()), 100000), IS(fs.files.size(), 1),
                IS((f.reset(), fs.closes), 1), IS(fs.files.empty(), 1), IS(fs.openHandles(), 0)});
-}
-
-// Each failing call maps to its code; a short write (the medium is full) is an error, not silence.
-TEST_F(TableTemp, FailuresMapToTheirCodes) {
-    fs.failOpenAt = 1;
+    fs.failOpenAt = fs.opens + 1;
     TempFile* raw = nullptr;
     EXPECT_TRUE(krn::tempCreate(&raw) == KS_FILE_OPEN && raw == nullptr);
-    Owned own = create();
-    TempFile* f = own.get();
+    f = create();
     uint8_t b[64] = {};
     Bytes d(600, 1);
-    expectAll({IS((fs.failWriteAt = fs.writes + 1, krn::tempWrite(f, 0, b, sizeof b)), KS_FILE_WRITE),
-               IS(krn::tempWrite(f, 0, b, sizeof b), KS_SUCCESS),
-               IS((fs.failReadAt = fs.reads + 1, krn::tempRead(f, 0, b, sizeof b)), KS_FILE_READ),
-               IS(krn::tempRead(f, 0, b, sizeof b), KS_SUCCESS),
-               IS((fs.failSeekAt = fs.seeks + 1, krn::tempRead(f, 0, b, sizeof b)), KS_FILE_SEEK),
-               IS((fs.failSeekAt = fs.seeks + 1, krn::tempWrite(f, 0, b, sizeof b)), KS_FILE_SEEK),
-               IS(krn::tempRead(f, 0, b, sizeof b), KS_SUCCESS), IS((fs.capacity = 1000, krn::tempWrite(f, 0, d.data(), 600)), KS_SUCCESS),
-               IS(krn::tempWrite(f, 600, d.data(), 600), KS_FILE_WRITE) /* 400 fit */, IS(krn::tempSetSize(f, 5000), KS_FILE_WRITE)});
-}
-
-// Short reads are completed; a table without size slots grows the file by writing its last byte and cannot cut it.
-TEST_F(TableTemp, PartialReadsAreCompletedAndNoSizeSlotsExtendByOneByte) {
-    fs.readLimitPerCall = 7;
-    Owned f = create();
-    auto a = randomBytes(1000, 3);
-    ASSERT_EQ(krn::tempWrite(f.get(), 0, a.data(), a.size()), KS_SUCCESS);
-    EXPECT_TRUE(readBack(f.get(), 0, 1000) == a && fs.reads >= 1000 / 7);
+    expectAll({IS((fs.failWriteAt = fs.writes + 1, krn::tempWrite(f.get(), 0, b, sizeof b)), KS_FILE_WRITE),
+               IS(krn::tempWrite(f.get(), 0, b, sizeof b), KS_SUCCESS),
+               IS((fs.failReadAt = fs.reads + 1, krn::tempRead(f.get(), 0, b, sizeof b)), KS_FILE_READ), IS(krn::tempRead(f.get(), 0, b, sizeof b), KS_SUCCESS),
+               IS((fs.failSeekAt = fs.seeks + 1, krn::tempRead(f.get(), 0, b, sizeof b)), KS_FILE_SEEK),
+               IS((fs.failSeekAt = fs.seeks + 1, krn::tempWrite(f.get(), 0, b, sizeof b)), KS_FILE_SEEK), IS(krn::tempRead(f.get(), 0, b, sizeof b), KS_SUCCESS),
+               IS((fs.capacity = 1000, krn::tempWrite(f.get(), 0, d.data(), 600)), KS_SUCCESS),
+               IS(krn::tempWrite(f.get(), 600, d.data(), 600), KS_FILE_WRITE) /* 400 fit */, IS(krn::tempSetSize(f.get(), 5000), KS_FILE_WRITE)});
+    fs.capacity = UINT64_MAX, fs.readLimitPerCall = 7;
+    f = create();
+    const long reads = fs.reads;
+    ASSERT_EQ(krn::tempWrite(f.get(), 0, a.data(), 1000), KS_SUCCESS);
+    EXPECT_TRUE(readBack(f.get(), 0, 1000) == Bytes(a.begin(), a.begin() + 1000) && fs.reads - reads >= 1000 / 7);
     REDIRECTRECORD t = fs.table();
     t.pfnSize = nullptr, t.pfnSetSize = nullptr;
-    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
+    ASSERT_EQ(install(t), KS_SUCCESS);
     f = create();
     expectAll({IS(krn::tempSetSize(f.get(), 12345), KS_SUCCESS), IS(krn::tempSize(f.get()), 12345), IS(fs.writeAsks.back(), 1),
                IS(krn::tempSetSize(f.get(), 100), KS_FILE_WRITE), IS(krn::tempSetSize(f.get(), 12345), KS_SUCCESS)});
@@ -668,16 +582,14 @@ TEST(TempFile, BuiltInTableDoesNotRecurseAndIsAPositionedFile) {
     StateGuard guard;
     ScratchDir dir;
     ASSERT_EQ(K_SetTempDirectoryUtf8(dir.path.c_str()), KS_SUCCESS);
-    REDIRECTRECORD t{};
-    ASSERT_EQ(K_GetRedirectFunctions(&t, REDIRECTRECORD_SIZE, REDIRECT_GET_TEMPFILE, 0), KS_SUCCESS);
-    ASSERT_EQ(K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0), KS_SUCCESS);
+    const REDIRECTRECORD t = get(REDIRECT_GET_TEMPFILE);
+    ASSERT_EQ(install(t), KS_SUCCESS);
     Owned f = create();
     const Bytes x = {1, 2, 3};
     EXPECT_EQ(krn::tempWrite(f.get(), 10, x.data(), 3), KS_SUCCESS);
     EXPECT_EQ(readBack(f.get(), 10, 3), x);
     void* native = t.pfnOpen(L"IMG", 0, 0, nullptr);
-    ASSERT_NE(native, OMBRIX_INVALID_FILE);
-    EXPECT_TRUE(dir.entries().empty());
+    ASSERT_TRUE(native != OMBRIX_INVALID_FILE && dir.entries().empty());
     HREDIRECTFILE h = nullptr;
     char b[4] = {};
     int junk[8] = {};
@@ -692,7 +604,8 @@ TEST(TempFile, BuiltInTableDoesNotRecurseAndIsAPositionedFile) {
                IS(K_RedirectedTempFileSeek(nullptr, 0, 0, nullptr), -1)});
 }
 
-TEST(TempFile, ThreadsWriteDisjointRangesOfOneFile) {
+// Threads write disjoint ranges of one file; an allocation failure at creation leaves no block and no descriptor.
+TEST(TempFile, ThreadsWriteDisjointRangesAndAllocationFailureLeavesNothing) {
     StateGuard guard;
     Owned own = create();
     TempFile* f = own.get();
@@ -709,38 +622,33 @@ TEST(TempFile, ThreadsWriteDisjointRangesOfOneFile) {
     const Bytes all = readBack(f, 0, size_t(kBlocks) * kBlock);
     for (int i = 0; i < kBlocks; ++i)
         for (int k = 0; k < kBlock; k += 511) ASSERT_EQ(all[size_t(i) * kBlock + k], uint8_t(i * 3 + 1));
-}
-
-TEST(TempFile, AllocationFailureLeavesNothingBehind) {
-    StateGuard guard;
-    create();  // warm
-    const long blocks = krn::faultinject::liveBlocks();
+    const long blocks = fi::liveBlocks();
     const int fds = testfs::openFdCount();
-    TempFile* f = nullptr;
-    krn::faultinject::arm(0, 1);
-    EXPECT_EQ(krn::tempCreate(&f), KS_NO_MEMORY);
-    krn::faultinject::disarm();
-    EXPECT_TRUE(f == nullptr && krn::faultinject::liveBlocks() == blocks && testfs::openFdCount() == fds);
+    TempFile* g = nullptr;
+    fi::arm(0, 1);
+    EXPECT_EQ(krn::tempCreate(&g), KS_NO_MEMORY);
+    fi::disarm();
+    EXPECT_TRUE(g == nullptr && fi::liveBlocks() == blocks && testfs::openFdCount() == fds);
 }
 
-// ---------------------------------------------------------------- names and folder
 bool isHexName(const std::string& leaf, const std::string& prefix) {
     if (leaf.size() != prefix.size() + 12 || leaf.rfind(prefix, 0) != 0 || leaf.substr(leaf.size() - 4) != ".tmp") return false;
     return std::all_of(leaf.begin() + long(prefix.size()), leaf.end() - 4, [](unsigned char c) { return isxdigit(c) != 0; });
 }
 
-TEST(RedirectTempNames, UniqueNamesAreCreatedAndDistinct) {
+// Unique names are created (private files) and distinct; numbered names create nothing; bad prefixes and folders.
+TEST(RedirectTempNames, UniqueAndNumberedNamesAndBadFolders) {
     StateGuard guard;
     ScratchDir dir;
     ASSERT_EQ(K_SetTempDirectoryUtf8((dir.path + "/").c_str()), KS_SUCCESS);  // trailing slash dropped
     std::set<std::string> names;
     for (int i = 0; i < 200; ++i) {
         char n[OMBRIX_TEMP_NAME_CHARS];
+        struct stat st;
         ASSERT_EQ(K_GetTempFileNameUtf8(n, nullptr), KS_SUCCESS);
         const std::string s = n;
         ASSERT_EQ(s.rfind(dir.path + "/", 0), 0u) << s;
         EXPECT_TRUE(isHexName(s.substr(dir.path.size() + 1), "QX")) << s;
-        struct stat st;
         ASSERT_EQ(::stat(n, &st), 0);  // the name is taken, by a private file
         EXPECT_EQ(st.st_mode & 0777, 0600u);
         names.insert(s);
@@ -753,24 +661,17 @@ TEST(RedirectTempNames, UniqueNamesAreCreatedAndDistinct) {
     EXPECT_TRUE(isHexName(std::string(u8).substr(dir.path.size() + 1), "AB")) << u8;
     expectAll({IS(K_DeleteTempFile(w), KS_SUCCESS), IS(K_DeleteTempFile(w), KS_FILE_NOT_FOUND),
                IS(K_DeleteTempFileUtf8(names.begin()->c_str()), KS_SUCCESS), IS(K_DeleteTempFile(nullptr), KS_INVALID_PARAMETER)});
-}
-
-TEST(RedirectTempNames, NumberedNamesCreateNothingAndBadFolders) {
-    StateGuard guard;
-    ScratchDir dir;
-    ASSERT_EQ(K_SetTempDirectoryUtf8(dir.path.c_str()), KS_SUCCESS);
+    const size_t entries = dir.entries().size();
     char a[OMBRIX_TEMP_NAME_CHARS], b[OMBRIX_TEMP_NAME_CHARS];
-    wchar_t w[OMBRIX_TEMP_NAME_CHARS];
     expectAll({IS(K_GetTempFileNameNumberedUtf8(a, "QX", 0xBEEF), KS_SUCCESS), IS(K_GetTempFileNameNumberedUtf8(b, "QX", 0xBEEF), KS_SUCCESS),
-               IS(std::string(a) == b, 1), IS(std::string(a) == dir.path + "/QX0000BEEF.tmp", 1), IS(dir.entries().empty(), 1),
+               IS(std::string(a) == b, 1), IS(std::string(a) == dir.path + "/QX0000BEEF.tmp", 1), IS(dir.entries().size(), entries),
                IS(K_GetTempFileNameNumbered(w, L"Z", 1), KS_SUCCESS), IS(std::wstring(w).find(L"/Z00000001.tmp"), wcslen(w) - 14),
                IS(K_GetTempFileNameNumberedUtf8(a, "QX", 0), KS_INVALID_PARAMETER),
                IS(K_GetTempFileNameNumberedUtf8(a, "ABCD", 5), KS_INVALID_PARAMETER),
                IS(K_GetTempFileNameNumberedUtf8(a, "a.b", 5), KS_INVALID_PARAMETER), IS(K_GetTempFileName(w, L"\u00E9"), KS_INVALID_PARAMETER),
                IS(K_SetTempDirectoryUtf8("/nonexistent-ombrix-folder"), KS_SUCCESS), IS(K_GetTempFileNameUtf8(a, nullptr), KS_FILE_OPEN),
                IS(K_SetTempDirectoryUtf8(("/tmp/" + std::string(300, 'd')).c_str()), KS_SUCCESS),
-               IS(K_GetTempFileNameUtf8(a, nullptr), KS_BUFFER_TOO_SMALL),
-               IS(K_GetTempFileNameNumberedUtf8(a, nullptr, 3), KS_BUFFER_TOO_SMALL)});
+               IS(K_GetTempFileNameUtf8(a, nullptr), KS_BUFFER_TOO_SMALL), IS(K_GetTempFileNameNumberedUtf8(a, nullptr, 3), KS_BUFFER_TOO_SMALL)});
 }
 
 // Per thread, round trips in both encodings, a fresh thread sees TMPDIR or /tmp; refused values keep the folder.
@@ -781,15 +682,13 @@ TEST(RedirectTempFolder, PerThreadRoundTripAndLimits) {
     wchar_t back[64];
     char u8[64];
     expectAll({IS(K_SetTempDirectory(dirW), KS_SUCCESS), IS(K_GetTempDirectory(back, 64), KS_SUCCESS), IS(std::wstring(back) == dirW, 1),
-               IS(K_GetTempDirectoryUtf8(u8, 64), KS_SUCCESS), IS(std::string(u8) == dirU8, 1),
-               IS(K_GetTempDirectory(back, 5), KS_BUFFER_TOO_SMALL)});
+               IS(K_GetTempDirectoryUtf8(u8, 64), KS_SUCCESS), IS(std::string(u8) == dirU8, 1), IS(K_GetTempDirectory(back, 5), KS_BUFFER_TOO_SMALL)});
     std::thread([] {
         char d[512];
-        ASSERT_EQ(K_GetTempDirectoryUtf8(d, sizeof d), KS_SUCCESS);
         const char* env = getenv("TMPDIR");
         std::string expect = (env && *env) ? env : "/tmp";
         while (expect.size() > 1 && expect.back() == '/') expect.pop_back();
-        EXPECT_EQ(std::string(d), expect);
+        EXPECT_TRUE(K_GetTempDirectoryUtf8(d, sizeof d) == KS_SUCCESS && std::string(d) == expect) << d;
     }).join();
     const wchar_t bad[] = {L'/', wchar_t(0xD800), 0};
     expectAll({IS(K_SetTempDirectoryUtf8("/tmp/\xC0\x80"), KS_INVALID_PARAMETER),

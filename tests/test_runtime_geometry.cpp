@@ -1,6 +1,6 @@
-// test_runtime_geometry.cpp - geometry against plain references: matrices against a six-double reference
-// over random values of every type (type 0 holding garbage too); rectangles against a pixel-set oracle in
-// integer, double and Win32 forms; the comparison edge cases; the fixed-point sine against long double.
+// test_runtime_geometry.cpp - matrices against a six-double reference over random values of every type (type 0
+// holding garbage too); rectangles against a pixel-set oracle in integer, double and Win32 forms; the comparison
+// edge cases; the fixed-point sine against long double.
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -28,17 +28,16 @@ Ref mul(const Ref& a, const Ref& b) {
             a.ox * b.m11 + a.oy * b.m21 + b.ox,  a.ox * b.m12 + a.oy * b.m22 + b.oy};
 }
 Ref inverse(const Ref& a) {
-    const double det = a.m11 * a.m22 - a.m12 * a.m21;
-    const Ref r{a.m22 / det, -a.m12 / det, -a.m21 / det, a.m11 / det, 0, 0};
-    return {r.m11, r.m12, r.m21, r.m22, -(a.ox * r.m11 + a.oy * r.m21), -(a.ox * r.m12 + a.oy * r.m22)};
+    const double det = a.m11 * a.m22 - a.m12 * a.m21, i11 = a.m22 / det, i12 = -a.m12 / det, i21 = -a.m21 / det, i22 = a.m11 / det;
+    return {i11, i12, i21, i22, -(a.ox * i11 + a.oy * i21), -(a.ox * i12 + a.oy * i22)};
 }
 int refType(const Ref& m) {
     if (m.m12 != 0 || m.m21 != 0) return 4;
     return ((m.m11 == 1 && m.m22 == 1) ? 0 : 2) | ((m.ox != 0 || m.oy != 0) ? 1 : 0);
 }
 void applyPoint(const Ref& m, double& x, double& y, bool vector = false) {
-    const double nx = x * m.m11 + y * m.m21 + (vector ? 0 : m.ox), ny = x * m.m12 + y * m.m22 + (vector ? 0 : m.oy);
-    x = nx, y = ny;
+    const double nx = x * m.m11 + y * m.m21 + (vector ? 0 : m.ox);
+    y = x * m.m12 + y * m.m22 + (vector ? 0 : m.oy), x = nx;
 }
 
 bool close(double a, double b, double scale = 1.0) { return std::fabs(a - b) <= 1e-12 * (std::fabs(a) + std::fabs(b) + scale); }
@@ -46,10 +45,8 @@ bool close(double a, double b, double scale = 1.0) { return std::fabs(a - b) <= 
     const Ref g = refOf(got);
     const double *a = &g.m11, *b = &want.m11;
     for (int i = 0; i < 6; ++i)
-        if (!close(a[i], b[i], scale))
-            return ::testing::AssertionFailure() << "element " << i << ": got " << a[i] << " want " << b[i] << " (type " << got.nType << ")";
-    if (got.uReserved != 0) return ::testing::AssertionFailure() << "reserved word not 0";
-    return ::testing::AssertionSuccess();
+        if (!close(a[i], b[i], scale)) return ::testing::AssertionFailure() << "element " << i << ": got " << a[i] << " want " << b[i];
+    return got.uReserved == 0 ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "reserved word not 0";
 }
 
 // Random matrix of a given type; type 0 comes as a record holding garbage values (still the identity).
@@ -60,12 +57,11 @@ struct Gen {
         double v = std::uniform_real_distribution<double>(-4.0, 4.0)(rng);
         return std::fabs(v) < 0.05 ? v + 0.5 : v;  // keep away from singular
     }
-    KMATRIX matrix(int type) {
+    KMATRIX matrix(int type) {  // the values are drawn in a fixed order: type 0 keeps them, the others are set
         KMATRIX m{val(), val(), val(), val(), val(), val(), 0, 0};
-        if (type == 1) K_Matrix_Set(&m, 1, 0, 0, 1, val(), val());
-        if (type == 2) K_Matrix_Set(&m, val(), 0, 0, val(), 0, 0);
-        if (type == 3) K_Matrix_Set(&m, val(), 0, 0, val(), val(), val());
-        if (type == 4) K_Matrix_Set(&m, val(), val(), val(), val(), val(), val());
+        const double a = val(), b = type == 4 ? val() : 0, c = type == 4 ? val() : 0, d = val();
+        const double ox = type & 1 || type == 4 ? val() : 0, oy = type & 1 || type == 4 ? val() : 0;
+        if (type) K_Matrix_Set(&m, type == 1 ? 1 : a, b, c, type == 1 ? 1 : d, ox, oy);
         return m;
     }
 };
@@ -131,30 +127,26 @@ TEST(RuntimeGeometryDouble, DoubleToIntAndNormalizeAngleAgainstPlainRules) {
 }
 
 TEST(RuntimeGeometryMatrix, TypeDerivationAndAccessors) {
-    const Ref values[] = {{2, 0, 0, 1, 5, 0}, {1, 0.5, 0, 1, 0, 0}, {1, 0, 0, 1, 0, 0},
-                          {1, 0, 0, 1, 0, -1}, {1, 0, 0, 3, 0, 0}, {1, 0, -0.25, 1, 0, 0}};
     KMATRIX m;
-    for (const Ref& v : values) {
-        K_Matrix_Set(&m, v.m11, v.m12, v.m21, v.m22, v.ox, v.oy);
-        EXPECT_TRUE(m.nType == refType(v) && K_Matrix_GetType(&m) == refType(v) && m.uReserved == 0u);
-    }
+    for (const Ref& v : std::initializer_list<Ref>{{2, 0, 0, 1, 5, 0}, {1, 0.5, 0, 1, 0, 0}, {1, 0, 0, 1, 0, 0},
+                                                   {1, 0, 0, 1, 0, -1}, {1, 0, 0, 3, 0, 0}, {1, 0, -0.25, 1, 0, 0}})
+        EXPECT_TRUE((K_Matrix_Set(&m, v.m11, v.m12, v.m21, v.m22, v.ox, v.oy), m.nType == refType(v)) &&
+                    K_Matrix_GetType(&m) == refType(v) && m.uReserved == 0u);
     std::memset(&m, 0, sizeof m);  // zero-filled record: the identity
-    expectAll({{K_Matrix_IsIdentity(&m), 1}, {K_Matrix_GetM11(&m), 1.0}, {K_Matrix_GetM22(&m), 1.0},
-               {K_Matrix_Determinant(&m), 1.0}});
+    expectAll({{K_Matrix_IsIdentity(&m), 1}, {K_Matrix_GetM11(&m), 1.0}, {K_Matrix_GetM22(&m), 1.0}, {K_Matrix_Determinant(&m), 1.0}});
     // Setters from the identity change one value and re-derive the type.
-    const struct { void (*set)(KMATRIX*, double); double v; int type; } steps[] = {{K_Matrix_SetM12, 0.5, 4}, {K_Matrix_SetM12, 0.0, 0}, {K_Matrix_SetOffsetX, 2, 1},
-                 {K_Matrix_SetM22, 3, 3},   {K_Matrix_SetOffsetX, 0, 2}, {K_Matrix_SetM21, 1, 4},
-                 {K_Matrix_SetM11, 7, 4},   {K_Matrix_SetOffsetY, 9, 4}};
+    const struct { void (*set)(KMATRIX*, double); double v; int type; } steps[] = {{K_Matrix_SetM12, 0.5, 4}, {K_Matrix_SetM12, 0.0, 0},
+        {K_Matrix_SetOffsetX, 2, 1}, {K_Matrix_SetM22, 3, 3}, {K_Matrix_SetOffsetX, 0, 2}, {K_Matrix_SetM21, 1, 4}, {K_Matrix_SetM11, 7, 4},
+        {K_Matrix_SetOffsetY, 9, 4}};
     for (const auto& s : steps) EXPECT_EQ((s.set(&m, s.v), m.nType), s.type);
-    expectAll({{K_Matrix_GetM11(&m), 7}, {K_Matrix_GetM12(&m), 0}, {K_Matrix_GetM21(&m), 1},
-               {K_Matrix_GetM22(&m), 3}, {K_Matrix_GetOffsetX(&m), 0}, {K_Matrix_GetOffsetY(&m), 9}});
     KMATRIX z, i;
     std::memset(&z, 0, sizeof z);
     K_Matrix_Identity(&i);
     K_Matrix_Identity(nullptr);  // null records are tolerated
     K_Matrix_Rotate(nullptr, 3);
-    // Both the identity; a general-typed identity is still recognised by value.
-    expectAll({{K_Matrix_IsEqual(&z, &i), 1}, {K_Matrix_IsEqual(&z, &m), 0}, {(i.nType = 4, K_Matrix_IsIdentity(&i)), 1},
+    expectAll({{K_Matrix_GetM11(&m), 7}, {K_Matrix_GetM12(&m), 0}, {K_Matrix_GetM21(&m), 1}, {K_Matrix_GetM22(&m), 3}, {K_Matrix_GetOffsetX(&m), 0},
+               {K_Matrix_GetOffsetY(&m), 9}, {K_Matrix_IsEqual(&z, &i), 1} /* both the identity */, {K_Matrix_IsEqual(&z, &m), 0},
+               {(i.nType = 4, K_Matrix_IsIdentity(&i)), 1} /* a general-typed identity is still recognised by value */,
                {(i.dOffsetX = 1e-300, K_Matrix_IsIdentity(&i)), 0}, {K_Matrix_Invert(nullptr), 0}, {K_Matrix_GetM11(nullptr), 0.0}});
 }
 
@@ -183,16 +175,13 @@ TEST(RuntimeGeometryMatrix, MultiplyMatchesReferenceForEveryTypePair) {
 TEST(RuntimeGeometryMatrix, InverseMatchesReferenceAndUndoes) {
     Gen g(2);
     for (int iter = 0; iter < 2000; ++iter) {
-        int t = iter % 5;
+        const int t = iter % 5;
         SCOPED_TRACE("type " + std::to_string(t));
-        KMATRIX m = g.matrix(t);
-        Ref before = refOf(m);
-        double det = before.m11 * before.m22 - before.m12 * before.m21;
+        KMATRIX m = g.matrix(t), inv = m, prod;
+        const Ref before = refOf(m);
+        const double det = before.m11 * before.m22 - before.m12 * before.m21;
         if (std::fabs(det) < 1e-6) continue;
-        ASSERT_TRUE(close(K_Matrix_Determinant(&m), det, 16.0));
-        ASSERT_EQ(K_Matrix_HasInverse(&m), 1);
-        KMATRIX inv = m, prod;
-        ASSERT_EQ(K_Matrix_Invert(&inv), 1);
+        ASSERT_TRUE(close(K_Matrix_Determinant(&m), det, 16.0) && K_Matrix_HasInverse(&m) == 1 && K_Matrix_Invert(&inv) == 1);
         ASSERT_TRUE(sameMatrix(inv, inverse(before), 1e3));
         K_Matrix_Multiply(&prod, &m, &inv);
         ASSERT_TRUE(sameMatrix(prod, kId, 1e4));
@@ -200,9 +189,9 @@ TEST(RuntimeGeometryMatrix, InverseMatchesReferenceAndUndoes) {
     }
     // Singular (or NaN) matrices are left alone.
     for (const Ref& v : {Ref{1e-8, 0, 0, 1e-8, 3, 4}, Ref{1, 2, 2, 4, 0, 0}, Ref{NAN, 0, 0, 1, 0, 0}}) {
-        KMATRIX s, copy;
+        KMATRIX s;
         K_Matrix_Set(&s, v.m11, v.m12, v.m21, v.m22, v.ox, v.oy);
-        copy = s;
+        const KMATRIX copy = s;
         EXPECT_TRUE(K_Matrix_HasInverse(&s) == 0 && K_Matrix_Invert(&s) == 0 && std::memcmp(&s, &copy, sizeof s) == 0);
     }
     KMATRIX z;  // types 0 and 1 have determinant 1 whatever the values say
@@ -244,16 +233,14 @@ TEST(RuntimeGeometryMatrix, TransformsMatchReference) {
         ASSERT_EQ(std::memcmp(&rc, &rc2, sizeof rc), 0);
     }
     KMATRIX m;
-    K_Matrix_Set(&m, 2, 0, 0, 2, 1, 1);
     RECTD empty{5, 5, 5, 9};
     POINTD p{1, 1};
-    K_Matrix_TransformRect(&m, &empty);  // empty rectangles are left as they are
-    K_Matrix_TransformPoints(&m, &p, 0);
-    expectAll({{empty.left, 5}, {empty.bottom, 9}, {p.x, 1}});
+    K_Matrix_Set(&m, 2, 0, 0, 2, 1, 1);
+    expectAll({{(K_Matrix_TransformRect(&m, &empty), empty.left), 5} /* empty rectangles are left as they are */, {empty.bottom, 9},
+               {(K_Matrix_TransformPoints(&m, &p, 0), p.x), 1}});
 }
 
-// Builders against matrices the test assembles itself. Builder k: even k
-// appends the step, odd k prepends it.
+// Builders against matrices the test assembles itself. Builder k: even k appends the step, odd k prepends it.
 void build(int k, KMATRIX* m, double a, double cx, double cy, double sx, double sy, double kx, double ky) {
     switch (k) {
         case 0: K_Matrix_Rotate(m, a); break;
@@ -299,18 +286,14 @@ TEST(RuntimeGeometryMatrix, BuildersAppendAndPrepend) {
             ASSERT_TRUE(m.nType == re.nType || (m.nType == (re.nType | 1) && m.dOffsetX == 0.0 && m.dOffsetY == 0.0)) << k;
         }
     }
-    // RotateAt keeps its centre fixed and turns (cx+1, cy) by the angle.
-    KMATRIX m;
-    K_Matrix_Identity(&m);
-    K_Matrix_RotateAt(&m, 90, 10, 20);
+    // RotateAt keeps its centre fixed and turns (cx+1, cy) by the angle; Translate on an identity gives a pure translation.
+    KMATRIX m, t;
     POINTD c{10, 20}, p{11, 20};
-    K_Matrix_TransformPoint(&m, &c);
-    K_Matrix_TransformPoint(&m, &p);
-    EXPECT_TRUE(std::fabs(c.x - 10) + std::fabs(c.y - 20) + std::fabs(p.x - 10) + std::fabs(p.y - 21) < 1e-12);
-    // Translate on an identity gives a pure translation.
-    std::memset(&m, 0, sizeof m);
-    K_Matrix_Translate(&m, 3, -4);
-    expectAll({{m.nType, 1}, {m.dM11, 1}, {m.dM22, 1}, {m.dOffsetY, -4}});
+    K_Matrix_Identity(&m), K_Matrix_RotateAt(&m, 90, 10, 20), K_Matrix_TransformPoint(&m, &c), K_Matrix_TransformPoint(&m, &p);
+    std::memset(&t, 0, sizeof t);
+    K_Matrix_Translate(&t, 3, -4);
+    expectAll({{std::fabs(c.x - 10) + std::fabs(c.y - 20) + std::fabs(p.x - 10) + std::fabs(p.y - 21) < 1e-12, 1}, {t.nType, 1}, {t.dM11, 1},
+               {t.dM22, 1}, {t.dOffsetY, -4}});
 }
 
 // Oracle: a rectangle as the set of integer points it holds.
@@ -323,7 +306,7 @@ Pixels pixels(const RECT& r) {
 }
 RECT bbox(const Pixels& s) {
     RECT r{INT32_MAX, INT32_MAX, INT32_MIN, INT32_MIN};
-    for (auto& p : s) r = RECT{std::min(r.left, p.first), std::min(r.top, p.second), std::max(r.right, p.first + 1), std::max(r.bottom, p.second + 1)};
+    for (auto& [x, y] : s) r = RECT{std::min(r.left, x), std::min(r.top, y), std::max(r.right, x + 1), std::max(r.bottom, y + 1)};
     return s.empty() ? RECT{0, 0, 0, 0} : r;
 }
 bool sameRect(const RECT& a, const RECT& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
@@ -371,9 +354,7 @@ TEST(RuntimeGeometryRect, OperationsMatchThePixelSetOracleInBothForms) {
         const int dx = c(rng), dy = c(rng);
         RECT o = a, inf = a;
         RECTD od = da;
-        K_Rect_Offset(&o, dx, dy);
-        K_RectD_Offset(&od, dx, dy);
-        K_Rect_Inflate(&inf, dx, dy);
+        K_Rect_Offset(&o, dx, dy), K_RectD_Offset(&od, dx, dy), K_Rect_Inflate(&inf, dx, dy);
         ASSERT_TRUE(sameRect(o, RECT{a.left + dx, a.top + dy, a.right + dx, a.bottom + dy}));
         ASSERT_TRUE(sameRect(K_RectD_ToRect(&od), o) || K_Rect_IsEmpty(&o));
         ASSERT_TRUE(sameRect(inf, RECT{a.left - dx, a.top - dy, a.right + dx, a.bottom + dy}));
@@ -382,65 +363,51 @@ TEST(RuntimeGeometryRect, OperationsMatchThePixelSetOracleInBothForms) {
     }
 }
 
-TEST(RuntimeGeometryRect, IntegerResultsSaturate) {
-    RECT r = K_Rect_FromLTRB(INT32_MIN, -5, INT32_MAX, 5);
-    const int w = K_Rect_Width(&r);
-    K_Rect_Inflate(&r, 10, 10);
-    RECT inflated = r;
-    K_Rect_Offset(&r, INT32_MAX, 0);
-    RECT m = K_Rect_Make(INT32_MAX - 1, 0, 100, 100);
+// Integer results saturate; the record makers, accessors and conversions (floor of the near edge, ceiling of
+// the far one); null records are tolerated; lengths.
+TEST(RuntimeGeometryRect, SaturationRecordsConversionsAndLengths) {
+    RECT sat = K_Rect_FromLTRB(INT32_MIN, -5, INT32_MAX, 5), m = K_Rect_Make(INT32_MAX - 1, 0, 100, 100);
+    const int w = K_Rect_Width(&sat);
+    K_Rect_Inflate(&sat, 10, 10);
+    const RECT inflated = sat;
+    K_Rect_Offset(&sat, INT32_MAX, 0);
     POINT p = K_Point_Make(INT32_MIN + 1, 0);
     K_Point_Offset(&p, -5, 3);
     RECTD big{-1e30, 0.5, 1e30, 2.5};
-    RECT b = K_RectD_ToRect(&big);  // floor of the near edge, ceiling of the far edge
-    expectAll({{w, INT32_MAX}, {inflated.left, INT32_MIN}, {inflated.right, INT32_MAX}, {inflated.top, -15},
-               {r.right, INT32_MAX}, {r.left, -1}, {m.right, INT32_MAX}, {p.x, INT32_MIN}, {p.y, 3},
-               {b.left, INT32_MIN}, {b.right, INT32_MAX}, {b.top, 0}, {b.bottom, 3}});
-}
-
-TEST(RuntimeGeometryRect, RecordsAndConversions) {
+    const RECT b = K_RectD_ToRect(&big);
     RECT r = K_Rect_Make(2, 3, 4, 5), e = K_Rect_Empty();
-    POINT tl = K_Rect_TopLeft(&r), tr = K_Rect_TopRight(&r), bl = K_Rect_BottomLeft(&r), br = K_Rect_BottomRight(&r);
+    POINT tl = K_Rect_TopLeft(&r), tr = K_Rect_TopRight(&r), bl = K_Rect_BottomLeft(&r), br = K_Rect_BottomRight(&r), brNull = K_Rect_BottomRight(nullptr);
     SIZE s = K_Rect_Size(&r);
-    RECTD d = K_Rect_ToRectD(&r), nan{0, 0, NAN, 1}, md = K_RectD_Make(1, 2, 3, 4), ed = K_RectD_Empty();
+    RECTD d = K_Rect_ToRectD(&r), nan{0, 0, NAN, 1}, md = K_RectD_Make(1, 2, 3, 4), ed = K_RectD_Empty(), infl = K_RectD_FromLTRB(0, 0, 1, 1);
     RECT back = K_RectD_ToRect(&d), fromNan = K_RectD_ToRect(&nan);
     const double mdRight = md.right, mdBottom = md.bottom;
     K_RectD_Scale(&md, -2, 0.5);  // a negative factor swaps the edges
+    K_RectD_Inflate(&infl, 0.5, 1);
     SIZED sd = K_RectD_Size(&md), z = K_SizeD_Empty(), sz = K_SizeD_Make(1.5, 2.5), flatX{0, 2}, flatY{2, 0};
-    POINTD pd = K_PointD_Make(-2.5, 2.5), pde = K_PointD_Empty();
+    POINTD pd = K_PointD_Make(-2.5, 2.5), pde = K_PointD_Empty(), brdNull = K_RectD_BottomRight(nullptr), brd = K_RectD_BottomRight(&d);
     POINT pi = K_PointD_ToPoint(&pd), ip = K_Point_Make(4, -9), pe = K_Point_Empty();
     POINTD ipd = K_Point_ToPointD(&ip);
     SIZE isz = K_SizeD_ToSize(&sz), s2 = K_Size_Make(2, 3);
     SIZED back2 = K_Size_ToSizeD(&s2);
     const int pdeEmpty = K_PointD_IsEmpty(&pde);
     K_PointD_Offset(&pde, 1, 0);
-    RECTD infl = K_RectD_FromLTRB(0, 0, 1, 1);
-    K_RectD_Inflate(&infl, 0.5, 1);
-    const POINT brNull = K_Rect_BottomRight(nullptr);
-    const POINTD brdNull = K_RectD_BottomRight(nullptr), brd = K_RectD_BottomRight(&d);
-    EXPECT_TRUE(sameRect(r, RECT{2, 3, 6, 8}));
-    expectAll({{brNull.x, 0}, {brNull.y, 0}, {brdNull.x, 0.0}, {brdNull.y, 0.0}, {brd.x, 6.0}, {brd.y, 8.0},{tl.x, 2}, {tr.x, 6}, {bl.y, 8}, {br.x, 6}, {br.y, 8}, {s.cx, 4}, {s.cy, 5},
-               {K_Rect_IsEmpty(&e), 1}, {d.right, 6.0}, {K_Rect_IsEqual(&back, &r), 1}, {K_RectD_IsEmpty(&nan), 1},
-               {K_Rect_IsEmpty(&fromNan), 1}, {mdRight, 4.0}, {mdBottom, 6.0}, {md.left, -8.0}, {md.right, -2.0},
-               {md.top, 1.0}, {md.bottom, 3.0}, {sd.cx, 6.0}, {pi.x, -3}, {pi.y, 3}, {ipd.y, -9.0},
-               {K_SizeD_IsEmpty(&z), 1}, {K_SizeD_IsEmpty(&sz), 0}, {K_SizeD_IsEmpty(&flatX), 1},
-               {K_SizeD_IsEmpty(&flatY), 1}, {K_Rect_Width(nullptr), 0}, {K_Rect_Height(nullptr), 0}, {isz.cx, 2}, {isz.cy, 3},
-               {K_Size_IsEqual(&isz, &s2), 1}, {K_SizeD_IsEqual(&back2, &back2), 1}, {K_Point_IsEmpty(&pe), 1},
-               {pdeEmpty, 1}, {K_PointD_IsEmpty(&pde), 0}, {K_PointD_IsEqual(&pde, &pde), 1},
-               {K_RectD_IsEmpty(&ed), 1}, {infl.left, -0.5}, {infl.top, -1.0}, {infl.right, 1.5}, {infl.bottom, 2.0}, {K_RectD_IsEqual(&infl, &infl), 1}});
-}
-
-TEST(RuntimeGeometryLength, Lengths) {
-    POINTD a{1, 1}, b{4, 5};
-    KMATRIX m, rot;
-    K_Matrix_Set(&m, 2, 0, 0, 2, 100, 100);  // offsets do not change lengths
-    K_Matrix_Identity(&rot);
-    K_Matrix_Rotate(&rot, 33);
-    RECT w{};
-    expectAll({{SetRect(nullptr, 0, 0, 1, 1), 0}, {IntersectRect(nullptr, &w, &w), 0}, {K_LengthD_Vector(3, 4), 5.0},
-               {K_LengthD_Vector(3e300, 4e300), 5e300},  // no overflow inside
-               {K_LengthD_Between(&a, &b), 5.0}, {K_LengthD_Transform(&m, 3, 4), 10.0}});
-    EXPECT_NEAR(K_LengthD_Transform(&rot, 3, 4), 5.0, 1e-12);
+    POINTD la{1, 1}, lb{4, 5};
+    KMATRIX scale, rot;
+    K_Matrix_Set(&scale, 2, 0, 0, 2, 100, 100);  // offsets do not change lengths
+    K_Matrix_Identity(&rot), K_Matrix_Rotate(&rot, 33);
+    expectAll({{w, INT32_MAX}, {inflated.left, INT32_MIN}, {inflated.right, INT32_MAX}, {inflated.top, -15}, {sat.right, INT32_MAX}, {sat.left, -1},
+               {m.right, INT32_MAX}, {p.x, INT32_MIN}, {p.y, 3}, {b.left, INT32_MIN}, {b.right, INT32_MAX}, {b.top, 0}, {b.bottom, 3},
+               {sameRect(r, RECT{2, 3, 6, 8}), 1}, {brNull.x, 0}, {brNull.y, 0}, {brdNull.x, 0.0}, {brdNull.y, 0.0}, {brd.x, 6.0}, {brd.y, 8.0},
+               {tl.x, 2}, {tr.x, 6}, {bl.y, 8}, {br.x, 6}, {br.y, 8}, {s.cx, 4}, {s.cy, 5}, {K_Rect_IsEmpty(&e), 1}, {d.right, 6.0},
+               {K_Rect_IsEqual(&back, &r), 1}, {K_RectD_IsEmpty(&nan), 1}, {K_Rect_IsEmpty(&fromNan), 1}, {mdRight, 4.0}, {mdBottom, 6.0},
+               {md.left, -8.0}, {md.right, -2.0}, {md.top, 1.0}, {md.bottom, 3.0}, {sd.cx, 6.0}, {pi.x, -3}, {pi.y, 3}, {ipd.y, -9.0},
+               {K_SizeD_IsEmpty(&z), 1}, {K_SizeD_IsEmpty(&sz), 0}, {K_SizeD_IsEmpty(&flatX), 1}, {K_SizeD_IsEmpty(&flatY), 1},
+               {K_Rect_Width(nullptr), 0}, {K_Rect_Height(nullptr), 0}, {isz.cx, 2}, {isz.cy, 3}, {K_Size_IsEqual(&isz, &s2), 1},
+               {K_SizeD_IsEqual(&back2, &back2), 1}, {K_Point_IsEmpty(&pe), 1}, {pdeEmpty, 1}, {K_PointD_IsEmpty(&pde), 0},
+               {K_PointD_IsEqual(&pde, &pde), 1}, {K_RectD_IsEmpty(&ed), 1}, {infl.left, -0.5}, {infl.top, -1.0}, {infl.right, 1.5},
+               {infl.bottom, 2.0}, {K_RectD_IsEqual(&infl, &infl), 1}, {SetRect(nullptr, 0, 0, 1, 1), 0}, {IntersectRect(nullptr, &r, &r), 0},
+               {K_LengthD_Vector(3, 4), 5.0}, {K_LengthD_Vector(3e300, 4e300), 5e300} /* no overflow inside */, {K_LengthD_Between(&la, &lb), 5.0},
+               {K_LengthD_Transform(&scale, 3, 4), 10.0}, {std::fabs(K_LengthD_Transform(&rot, 3, 4) - 5.0) < 1e-12, 1}});
 }
 
 // sin or cos of a/100 degrees times 16384, in long double.
@@ -456,26 +423,21 @@ TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRule) {
     for (int a = 0; a <= 9000; ++a) {
         const long double v = exactScaled(a, true), frac = v - std::floor(v);
         const bool exact = a == 0 || a == 3000 || a == 9000;
-        ASSERT_TRUE(exact || std::fabs(frac - 0.5L) > 1e-9L) << "too close to a tie to decide: " << a;
-        ASSERT_EQ(t[a], exact ? int32_t(std::lround(v)) : int32_t(std::floor(v + 0.5L))) << "entry " << a;
+        ASSERT_TRUE((exact || std::fabs(frac - 0.5L) > 1e-9L) && t[a] == (exact ? int32_t(std::lround(v)) : int32_t(std::floor(v + 0.5L))))
+            << "entry " << a << " wrong or too close to a tie to decide";
     }
     EXPECT_TRUE(t[1] == 3 && t[4500] == 11585);
 }
 
 // Over the whole turn the folded value is within half a unit of the true one (folding a negative value
-// may round the other way) and keeps the symmetries.
-TEST(RuntimeSine, FoldingMatchesTheTrueFunctionsOverTheWholeTurn) {
+// may round the other way) and keeps the symmetries; angles outside the turn wrap modulo 36000.
+TEST(RuntimeSine, FoldingMatchesTheTrueFunctionsOverTheWholeTurnAndWraps) {
     for (int a = 0; a <= 36000; ++a) {
         const int32_t gs = K_SinValue(a), gc = K_CosValue(a);
-        ASSERT_LE(std::fabs(gs - exactScaled(a, true)), 0.5L + 1e-9L) << a;
-        ASSERT_LE(std::fabs(gc - exactScaled(a, false)), 0.5L + 1e-9L) << a;
-        ASSERT_TRUE(gs == -K_SinValue(36000 - a) && gc == K_CosValue(36000 - a)) << a;
-        ASSERT_TRUE(a > 18000 || gs == K_SinValue(18000 - a)) << a;
-        ASSERT_TRUE(a > 9000 || gs == K_CosValue(9000 - a)) << a;
+        ASSERT_TRUE(std::fabs(gs - exactScaled(a, true)) <= 0.5L + 1e-9L && std::fabs(gc - exactScaled(a, false)) <= 0.5L + 1e-9L) << a;
+        ASSERT_TRUE(gs == -K_SinValue(36000 - a) && gc == K_CosValue(36000 - a) && (a > 18000 || gs == K_SinValue(18000 - a)) &&
+                    (a > 9000 || gs == K_CosValue(9000 - a))) << a;
     }
-}
-
-TEST(RuntimeSine, AnglesOutsideTheTurnWrapModulo36000) {
     for (int32_t a : {-1, -4500, -9000, -36000, -36001, 36001, 45000, 72000, 123457, -987654, INT32_MAX, INT32_MIN,
                       INT32_MIN + 1, 99999999}) {
         const int32_t r = int32_t(((int64_t(a) % 36000) + 36000) % 36000);

@@ -35,10 +35,8 @@ struct Result { long n; int32_t rc; bool clean; };
 
 void* firstCall(void* arg) {
     auto* r = static_cast<Result*>(arg);
-    BITMAPRECORD bm;
-    std::memset(&bm, 0, sizeof bm);
-    g_injected.store(0);
-    g_countdown.store(r->n);
+    BITMAPRECORD bm{};
+    g_injected.store(0), g_countdown.store(r->n);
     r->rc = K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 64, 48, 24, 1, nullptr, 1, nullptr, 0);
     g_countdown.store(-1);
     if (r->rc == KS_SUCCESS) K_FreeBitmap(&bm);
@@ -53,15 +51,9 @@ int main() {
         pthread_t t;
         if (pthread_create(&t, nullptr, firstCall, &r) != 0) return 2;
         pthread_join(t, nullptr);
-        if (!(r.rc == KS_SUCCESS || r.rc == KS_NO_MEMORY) || !r.clean) {
-            std::printf("allocation %ld failed: status %d, record %s\n", n, r.rc, r.clean ? "clean" : "changed");
-            return 1;
-        }
-        if (g_injected.load() == 0) {
-            std::printf("%ld failure points walked, no abort\n", n);
-            return n >= 2 ? 0 : 1;
-        }
+        if (!(r.rc == KS_SUCCESS || r.rc == KS_NO_MEMORY) || !r.clean)
+            return std::printf("allocation %ld failed: status %d, record %s\n", n, r.rc, r.clean ? "clean" : "changed"), 1;
+        if (g_injected.load() == 0) return std::printf("%ld failure points walked, no abort\n", n), n >= 2 ? 0 : 1;
     }
-    std::printf("more than 200 allocations in one call\n");
-    return 1;
+    return std::printf("more than 200 allocations in one call\n"), 1;
 }

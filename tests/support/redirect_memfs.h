@@ -47,10 +47,10 @@ public:
         REDIRECTRECORD t = table();
         return K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0);
     }
-    static int32_t uninstall() {
+    static int32_t uninstall(int processWide = 0) {  // the defaults again
         REDIRECTRECORD t{};
         t.uStructSize = REDIRECTRECORD_SIZE;
-        return K_SetRedirectFunctions(&t, REDIRECT_SET_RESET, 0);
+        return K_SetRedirectFunctions(&t, REDIRECT_SET_RESET, processWide);
     }
     size_t openHandles() const { return handles_.size(); }  // not yet closed
 
@@ -60,8 +60,7 @@ public:
         ++fs->opens;
         fs->openModes.push_back(mode);
         fs->openNames.push_back(n);
-        auto it = fs->files.find(n);
-        const bool exists = it != fs->files.end(), create = mode & REDIRECT_OPEN_CREATE;
+        const bool exists = fs->files.count(n) != 0, create = mode & REDIRECT_OPEN_CREATE;
         if (fs->opens == fs->failOpenAt || (!exists && !create) || (exists && create && (mode & REDIRECT_OPEN_EXCLUSIVE)))
             return OMBRIX_INVALID_FILE;
         if (!exists || (mode & REDIRECT_OPEN_TRUNCATE)) fs->files[n].clear();
@@ -76,8 +75,7 @@ public:
         uint64_t k = std::min<uint64_t>(h->pos < data.size() ? data.size() - h->pos : 0, n);
         if (fs->readLimitPerCall) k = std::min<uint64_t>(k, fs->readLimitPerCall);
         if (k) std::memcpy(buf, data.data() + h->pos, size_t(k));
-        h->pos += k;
-        return int32_t(k);
+        return h->pos += k, int32_t(k);
     }
     static int32_t write(void* hv, const void* buf, uint32_t n, void* user) {
         auto* fs = static_cast<MemFs*>(user);
@@ -88,8 +86,7 @@ public:
         const uint64_t k = std::min<uint64_t>(h->pos < fs->capacity ? fs->capacity - h->pos : 0, n);
         if (h->pos + k > data.size()) data.resize(size_t(h->pos + k), 0);
         if (k) std::memcpy(data.data() + h->pos, buf, size_t(k));
-        h->pos += k;
-        return int32_t(k);
+        return h->pos += k, int32_t(k);
     }
     static int64_t seek(void* hv, int64_t off, int32_t origin, void* user) {
         auto* fs = static_cast<MemFs*>(user);
@@ -110,16 +107,14 @@ public:
         return 0;
     }
     static int64_t size(void* hv, void* user) {
-        auto* fs = static_cast<MemFs*>(user);
-        Handle* h = fs->live(hv);
-        return h ? int64_t(fs->files[h->name].size()) : -1;
+        Handle* h = static_cast<MemFs*>(user)->live(hv);
+        return h ? int64_t(static_cast<MemFs*>(user)->files[h->name].size()) : -1;
     }
     static int32_t setSize(void* hv, int64_t size, void* user) {
         auto* fs = static_cast<MemFs*>(user);
         Handle* h = fs->live(hv);
         if (!h || size < 0 || uint64_t(size) > fs->capacity) return -1;
-        fs->files[h->name].resize(size_t(size), 0);
-        return 0;
+        return fs->files[h->name].resize(size_t(size), 0), 0;
     }
 
 private:
@@ -134,9 +129,8 @@ private:
 // Lets tests drive multi-gigabyte transfers without the memory.
 struct CountingSink {
     std::vector<uint32_t> asks;
-    uint64_t eofAfter = UINT64_MAX;  // when this many bytes have been served, calls return 0
-    uint64_t served = 0;
-    long failAt = 0;  // 1-based call that returns -1
+    uint64_t eofAfter = UINT64_MAX, served = 0;  // when eofAfter bytes have been served, calls return 0
+    long failAt = 0;                             // 1-based call that returns -1
     REDIRECTRECORD table() {
         REDIRECTRECORD t{};
         t.uStructSize = REDIRECTRECORD_SIZE;
@@ -150,8 +144,7 @@ struct CountingSink {
         s->asks.push_back(n);
         if (long(s->asks.size()) == s->failAt) return -1;
         const uint32_t k = uint32_t(std::min<uint64_t>(s->eofAfter > s->served ? s->eofAfter - s->served : 0, n));
-        s->served += k;
-        return int32_t(k);
+        return s->served += k, int32_t(k);
     }
 };
 
@@ -187,11 +180,7 @@ struct StateGuard {
     TEMPFILEOPTIONS saved{};
     StateGuard() { K_GetTempFileOptions(&saved, TEMPFILEOPTIONS_SIZE); }
     ~StateGuard() {
-        for (int processWide : {0, 1}) {
-            REDIRECTRECORD r{};
-            r.uStructSize = REDIRECTRECORD_SIZE;
-            K_SetRedirectFunctions(&r, REDIRECT_SET_RESET, processWide);
-        }
+        MemFs::uninstall(0), MemFs::uninstall(1);
         K_SetTempDirectoryUtf8(nullptr);
         K_SetTempFileOptions(&saved);
     }

@@ -13,27 +13,18 @@
 
 namespace storagetest {
 
-enum class Kind {
-    SingleBlock,
-    CallerMemory,
-    CallbackMemory,  // the allocate data callback supplies the pixels
-    TilesMemory,
-    TilesFile,       // every tile in its own temporary file
-    Disk,
-    Compressed,      // 1 bit only
-    SuperCompressed  // 1, 8, 24 bits
-};
+// CallbackMemory: the allocate data callback supplies the pixels; TilesFile: every tile in its own temporary file;
+// Compressed: 1 bit only; SuperCompressed: 1, 8, 24 bits.
+enum class Kind { SingleBlock, CallerMemory, CallbackMemory, TilesMemory, TilesFile, Disk, Compressed, SuperCompressed };
 
 inline const char* kindName(Kind k) {
-    static const char* const names[] = {"single block", "caller memory", "callback memory", "tiles in memory",
+    static const char* const names[] = {"single block",   "caller memory", "callback memory", "tiles in memory",
                                         "tiles in files", "disk",          "compressed",      "super-compressed"};
-    const unsigned i = unsigned(k);
-    return i < 8 ? names[i] : "?";
+    return unsigned(k) < 8 ? names[unsigned(k)] : "?";
 }
 
 inline std::vector<Kind> kindsFor(int bpp) {
-    std::vector<Kind> k = {Kind::SingleBlock, Kind::CallerMemory, Kind::CallbackMemory, Kind::TilesMemory,
-                           Kind::TilesFile, Kind::Disk};
+    std::vector<Kind> k = {Kind::SingleBlock, Kind::CallerMemory, Kind::CallbackMemory, Kind::TilesMemory, Kind::TilesFile, Kind::Disk};
     if (bpp == 1) k.push_back(Kind::Compressed);
     if (bpp == 1 || bpp == 8 || bpp == 24) k.push_back(Kind::SuperCompressed);
     return k;
@@ -43,19 +34,12 @@ inline std::vector<Kind> kindsFor(int bpp) {
 struct CapGuard {
     int64_t cap = 0;
     int32_t t[5];
-    CapGuard() {
-        K_ManageMemory(MANAGEMEMORY_GET_CAP, 0, &cap);
-        K_GetMemoryThresholds(&t[0], &t[1], &t[2], &t[3], &t[4]);
-    }
+    CapGuard() { K_ManageMemory(MANAGEMEMORY_GET_CAP, 0, &cap), K_GetMemoryThresholds(&t[0], &t[1], &t[2], &t[3], &t[4]); }
     ~CapGuard() {
         K_ManageMemory(MANAGEMEMORY_SET_CAP, cap, nullptr);
         // Directly: the default largest image (0x7FFFFFFF) is not a value the setter takes.
         krn::ThreadSettings& ts = krn::settings();
-        ts.nMemKeepFree = t[0];
-        ts.nMemLargestImage = t[1];
-        ts.nMemTileSize = t[2];
-        ts.nMemFourth = t[3];
-        ts.nMemFifth = t[4];
+        ts.nMemKeepFree = t[0], ts.nMemLargestImage = t[1], ts.nMemTileSize = t[2], ts.nMemFourth = t[3], ts.nMemFifth = t[4];
         K_SetGlobalMemoryThresholds(nullptr);
     }
 };
@@ -81,29 +65,19 @@ struct KindBitmap {
         };
         switch (kind) {
             case Kind::SingleBlock: rc = create(1, nullptr, 0); break;
-            case Kind::CallerMemory:
-                callerBuffer.assign(size, 0);
-                rc = create(2, callerBuffer.data(), size);
-                break;
+            case Kind::CallerMemory: rc = (callerBuffer.assign(size, 0), create(2, callerBuffer.data(), size)); break;
             case Kind::CallbackMemory:
                 callerBuffer.assign(size, 0);
-                cbs.uStructSize = BITMAPDATACALLBACKS_SIZE;
-                cbs.pUserData = this;
-                cbs.pfnAllocate = &KindBitmap::supplyPixels;
-                rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, width, height, bpp, 0, nullptr, 1,
-                                                 nullptr, 0, &cbs);
+                cbs.uStructSize = BITMAPDATACALLBACKS_SIZE, cbs.pUserData = this, cbs.pfnAllocate = &KindBitmap::supplyPixels;
+                rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, width, height, bpp, 0, nullptr, 1, nullptr, 0, &cbs);
                 break;
-            case Kind::TilesMemory:
-                rc = create(1, nullptr, 0);
-                // Tiles of 3 rows and a bit: rows never straddle tiles, the last tile is short.
-                if (rc == KS_SUCCESS) rc = K_SetBitmapMemoryInfo(&bm, 4, uint64_t(tmp.nBytesPerLine) * 3 + 1);
+            case Kind::TilesMemory:  // tiles of 3 rows and a bit: rows never straddle tiles, the last tile is short
+                if ((rc = create(1, nullptr, 0)) == KS_SUCCESS) rc = K_SetBitmapMemoryInfo(&bm, 4, uint64_t(tmp.nBytesPerLine) * 3 + 1);
                 break;
-            case Kind::TilesFile: {
-                rc = create(1, nullptr, 0);
+            case Kind::TilesFile: {  // under a cap the tiles cannot fit under, every tile goes to a file
                 int64_t oldCap = 0, counter = 0;
-                K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter);
-                // A cap the tiles cannot fit under: every tile goes to a file.
-                K_ManageMemory(MANAGEMEMORY_SET_CAP, counter + 1, &oldCap);
+                rc = create(1, nullptr, 0);
+                K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter), K_ManageMemory(MANAGEMEMORY_SET_CAP, counter + 1, &oldCap);
                 if (rc == KS_SUCCESS) rc = K_SetBitmapMemoryInfo(&bm, 4, uint64_t(tmp.nBytesPerLine) * 4);
                 K_ManageMemory(MANAGEMEMORY_SET_CAP, oldCap, nullptr);
                 break;
@@ -167,10 +141,9 @@ inline uint64_t getPixel(const uint8_t* row, int32_t x, int32_t bpp) {
 inline void setPixel(uint8_t* row, int32_t x, int32_t bpp, uint64_t v) {
     if (bpp == 12) {
         uint8_t* p = row + size_t(x) / 2 * 3 + (x & 1);
-        uint32_t word = uint32_t(p[0]) | uint32_t(p[1]) << 8;
-        word = (x & 1) ? (word & 0x000Fu) | uint32_t(v & 0xFFFu) << 4 : (word & 0xF000u) | uint32_t(v & 0xFFFu);
-        p[0] = uint8_t(word);
-        p[1] = uint8_t(word >> 8);
+        const uint32_t word = uint32_t(p[0]) | uint32_t(p[1]) << 8, keep = (x & 1) ? 0x000Fu : 0xF000u;
+        const uint32_t next = (word & keep) | uint32_t(v & 0xFFFu) << ((x & 1) ? 4 : 0);
+        p[0] = uint8_t(next), p[1] = uint8_t(next >> 8);
         return;
     }
     const uint64_t first = uint64_t(x) * uint64_t(bpp);
