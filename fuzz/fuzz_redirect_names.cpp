@@ -44,6 +44,16 @@ void utf8Case(const uint8_t* d, size_t n) {
     FUZZ_CHECK(r.status == kUtfOk && r.written == n && std::memcmp(back.data(), s, n) == 0);
     std::wstring w(m16.needed, L'\0');  // UTF-32 never needs more units than UTF-16
     FUZZ_CHECK((r = utf8ToWide(s, n, w.data(), w.size())).status == kUtfOk);
+    if (n < 0x10000) {  // the exported forms give back the same bytes, terminated
+        std::string pub(n + 1, '\x55');
+        uint32_t wrote = 0;
+        FUZZ_CHECK(K_WideToUtf8(w.data(), int32_t(r.written), pub.data(), uint32_t(n + 1), &wrote) == 1);
+        FUZZ_CHECK(wrote == n && pub[n] == 0 && std::memcmp(pub.data(), s, n) == 0);
+        pub.assign(n + 1, '\x55');
+        FUZZ_CHECK(K_Utf16ToUtf8(reinterpret_cast<const uint16_t*>(u16.data()), int32_t(u16.size()), pub.data(),
+                                 uint32_t(n + 1), &wrote) == 1);
+        FUZZ_CHECK(wrote == n && pub[n] == 0 && std::memcmp(pub.data(), s, n) == 0);
+    }
     r = wideToUtf8(w.data(), r.written, back.data(), back.size());
     FUZZ_CHECK(r.status == kUtfOk && r.written == n && std::memcmp(back.data(), s, n) == 0);
     // A too-small output keeps a prefix of whole characters.
