@@ -649,12 +649,44 @@ inline size_t copyRows(const OrvaRgn* r, uint32_t i0, uint32_t i1, ORVARGNROW* i
 // the comparison would read the whole row.
 constexpr uint32_t kRepeatCheckMin = 8;
 
+// The last rows of a band that were merged (not copied), by their index in
+// the band: a pair of source rows seen a few rows ago (a pattern that repeats
+// every few rows, such as a checkerboard or a halftone screen) takes that
+// row's result instead of a merge. Shapes whose rows never come back (random
+// rectangles) would pay for the comparisons on every row, so after kRecentTries
+// looks without a find the band stops looking; a find earns the tries back.
+constexpr uint32_t kNoRow = UINT32_MAX;
+constexpr uint32_t kRecentTries = 32;
+struct RecentRows {
+    uint32_t row[4] = {kNoRow, kNoRow, kNoRow, kNoRow};
+    uint32_t next = 0, tries = kRecentTries;
+    void add(uint32_t k) noexcept {
+        row[next] = k;
+        next = (next + 1) & 3u;
+    }
+};
+
+// The recent merged row of the band whose two sources equal row k's, or
+// kNoRow (out of line: the loop that calls it stays small).
+__attribute__((noinline)) uint32_t recentRow(const PairSpan& p, uint32_t k, const int32_t* xa, uint32_t na,
+                                             const int32_t* xb, uint32_t nb, RecentRows& recent) noexcept {
+    for (uint32_t j : recent.row)
+        if (j != kNoRow && j + 1 != k && sameRow(xa, na, p.runA + p.ea[j].uOffset / 4u, p.ea[j].uCount) &&
+            sameRow(xb, nb, p.runB + p.eb[j].uOffset / 4u, p.eb[j].uCount)) {
+            recent.tries = kRecentTries;
+            return j;
+        }
+    --recent.tries;
+    return kNoRow;
+}
+
 // The combine of two regions. The result may occupy the rows of both (union,
 // XOR), of a (difference) or of the rows they share (intersection); these are
 // cut into bands where the set of sources with rows is constant. Bands of one
 // source are copied as a block or dropped; in bands of both, each row is
-// merged, except that a row whose sources both repeat their previous row
-// repeats the previous result (a tall band of identical rows is merged once).
+// merged, except that a row whose sources both repeat their previous row, or
+// the sources of one of the last rows merged, repeats that row's result (a tall
+// band of identical rows is merged once, a pattern of a few rows once a period).
 // Rows and run data are written directly (the builder reserved an upper
 // bound: a result row never holds more x values than its two source rows),
 // then empty rows at both ends are dropped.
@@ -714,6 +746,7 @@ int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
             // The previous row's sources and result are read back from the
             // row indexes, which keeps the loop's state in registers.
             const PairSpan span{ea, eb, runA, runB, run, rowOut};
+            RecentRows recent;
             for (uint32_t k = 0; k < rows; ++k) {
                 if constexpr (O != Op::Xor) {
                     if (ea[k].uCount == 2 && eb[k].uCount == 2) {
@@ -727,13 +760,21 @@ int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
                 const int32_t* xb = runB + rb.uOffset / 4u;
                 int32_t* dst = run + values;
                 uint32_t n;
-                if (na + nb > kRepeatCheckMin && (O != Op::Or || (na > 2 && nb > 2)) && k > 0 &&
-                    sameRow(xa, na, runA + ea[k - 1].uOffset / 4u, ea[k - 1].uCount) &&
-                    sameRow(xb, nb, runB + eb[k - 1].uOffset / 4u, eb[k - 1].uCount)) {
-                    n = rowOut[k - 1].uCount;
-                    copyValues(dst, run + rowOut[k - 1].uOffset / 4u, n);
+                const bool check = na + nb > kRepeatCheckMin && (O != Op::Or || (na > 2 && nb > 2));
+                uint32_t from = kNoRow;
+                if (check) {
+                    if (k > 0 && sameRow(xa, na, runA + ea[k - 1].uOffset / 4u, ea[k - 1].uCount) &&
+                        sameRow(xb, nb, runB + eb[k - 1].uOffset / 4u, eb[k - 1].uCount))
+                        from = k - 1;
+                    else if (recent.tries)
+                        from = recentRow(span, k, xa, na, xb, nb, recent);
+                }
+                if (from != kNoRow) {
+                    n = rowOut[from].uCount;
+                    copyValues(dst, run + rowOut[from].uOffset / 4u, n);
                 } else {
                     n = mergeRow<O>(xa, na, xb, nb, dst);
+                    if (check) recent.add(k);
                     if constexpr (!knownBounds) {
                         if (n) {
                             left = std::min(left, dst[0]);
