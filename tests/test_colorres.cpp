@@ -1,9 +1,7 @@
-// test_colorres.cpp - colour resolution of whole bitmaps: the cell-pruned and
-// fixed-palette index searches against the nearest-entry scan, lossless round
-// trips, caller palettes on every matching path, grey conversion against the
-// grey rule, bitmaps over the memory cap, bad input and allocation failures of
-// the palette and grey sources (dithering: test_dither.cpp; 24-bit sources,
-// other storage kinds and progress stops: test_transform_shared.cpp).
+// test_colorres.cpp - colour resolution of whole bitmaps: the cell-pruned and fixed-palette index searches against
+// the nearest-entry scan, lossless round trips, caller palettes on every matching path, grey conversion against the
+// grey rule, bitmaps over the memory cap, bad input and allocation failures of the palette and grey sources
+// (dithering: test_dither.cpp; 24-bit sources, other storage kinds and progress stops: test_transform_shared.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -176,10 +174,9 @@ TEST(ColorRes, GreyDestinationsFollowTheGreyRule) {
 
 // ---------------------------------------------------------------- palettes
 
-// A caller palette without dithering takes the nearest entry whichever
-// matcher serves it: the colour-match tree (colours of the palette), an
-// installed table or one built for the call (colours on the 5-5-5 grid), or
-// the exact search (any colour); from every deep source layout.
+// A caller palette without dithering takes the nearest entry whichever matcher serves it: the colour-match tree
+// (colours of the palette), an installed table or one built for the call (colours on the 5-5-5 grid), or the exact
+// search (any colour); from every deep source layout.
 TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
     std::mt19937 rng(21);
     std::vector<RGBQUAD> pal;
@@ -318,9 +315,8 @@ TEST(ColorRes, BadInputChangesNothing) {
     K_ReleaseBitmap(&locked.bm);
 }
 
-// Every allocation of a call from a palette or grey source failing in turn:
-// the call succeeds or leaves the source, the destination record and the
-// block count as they were.
+// Every allocation of a call from a palette or grey source failing in turn: the call succeeds or leaves the source,
+// the destination record and the block count as they were.
 TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
     const struct { int srcBits, dstBits; uint32_t flags; bool inPlace; } cases[] = {
         {8, 24, 0, false}, {8, 4, CRF_FIXEDPALETTE | CRF_DITHER(1), false}, {16, 8, CRF_BYTEORDERGRAY, true}, {24, 16, CRF_BYTEORDER565, true}};

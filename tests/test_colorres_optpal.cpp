@@ -1,8 +1,6 @@
-// test_colorres_optpal.cpp - optimised palettes: exact colours for images
-// with few colours (small and sampled), reserved and transparent entries,
-// the refinement never losing to the split alone, bad input, and the quality
-// on photo-like images against Pillow's median-cut and fast-octree
-// quantizers run on the same image.
+// test_colorres_optpal.cpp - optimised palettes: exact colours for images with few colours (small and sampled),
+// reserved and transparent entries, the refinement never losing to the split alone, bad input, and the quality on
+// photo-like images against Pillow's median-cut and fast-octree quantizers run on the same image.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -152,9 +150,8 @@ TEST(ColorResOptPal, BadInputWritesNothing) {
     }, 1, true);
 }
 
-// Colours the split and the refinement must not lose: a quarter of near-black
-// pixels (the first cell of the sample) among many bright colours, and colours
-// that differ in blue only. Every entry count, split alone and refined.
+// Colours the split and the refinement must not lose: a quarter of near-black pixels (the first cell of the sample)
+// among many bright colours, and colours that differ in blue only. Every entry count, split alone and refined.
 TEST(ColorResOptPal, NearBlackAndBlueOnlyColoursAreCovered) {
     std::mt19937 rng(6);
     const int w = 96, h = 64;
@@ -219,8 +216,7 @@ TEST(ColorResOptPal, PhotoLikeErrorIsBelowPillowMedianCutAndOctree) {
     }
 }
 
-// One palette for every bitmap of a list: the union of the bitmaps' colours
-// when it fits, and bad handles refused.
+// One palette for every bitmap of a list: the union of the bitmaps' colours when it fits, and bad handles refused.
 TEST(ColorResOptPal, ListPaletteCoversEveryBitmap) {
     HBITMAPLIST list = nullptr;
     ASSERT_EQ(K_CreateBitmapList(&list), KS_SUCCESS);

@@ -1,8 +1,6 @@
-// test_convert.cpp - the buffer converter against the plain reference (every
-// depth, order, flag and window; the SIMD and plain kernels with guard bytes;
-// the colour-match tree), the four entries, the wide primaries, and the
-// helpers beside it: HSV, line-buffer sizes, grey-window padding and the
-// 32-bit grey reductions.
+// test_convert.cpp - the buffer converter against the plain reference (every depth, order, flag and window; the SIMD
+// and plain kernels with guard bytes; the colour-match tree), the four entries, the wide primaries, and the helpers
+// beside it: HSV, line-buffer sizes, grey-window padding and the 32-bit grey reductions.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -45,9 +43,8 @@ std::string describe(const convref::Request& r) {
                                << (r.srcPal ? " spal" : "") << (r.dstPal ? " dpal" : "")).GetString();
 }
 
-// Runs one request through the library and the reference on `buffer` (run
-// bytes + guard; bytes past the source run get `fill`); "" when they agree:
-// the status, a refused call leaving every byte, the guard, the whole run.
+// Runs one request through the library and the reference on `buffer` (run bytes + guard; bytes past the source run
+// get `fill`); "" when they agree: the status, a refused call leaving every byte, the guard, the whole run.
 std::string runCase(const convref::Request& r, Bytes orig, uint8_t fill) {
     for (size_t i = convref::srcRunBytes(r); i < orig.size() - kGuard; ++i) orig[i] = fill;
     for (size_t i = orig.size() - kGuard; i < orig.size(); ++i) orig[i] = uint8_t(0xA5 ^ i);
@@ -129,11 +126,9 @@ TEST(ConvertMatrix, EveryCombinationMatchesReference) {
     EXPECT_GT(converted, runs / 5);  // the matrix is not all rejections
 }
 
-// The four entries hand their arguments to the one dispatcher (K_ConvertBuffer:
-// grey flags from the orders, no window; Ext: no extra pointer, no colour;
-// Ext2: the reserved argument ignored, no colour), and the status is the
-// reference's, for depths, orders and widths outside the accepted sets too;
-// a refused call changes no byte.
+// The four entries hand their arguments to the one dispatcher (K_ConvertBuffer: grey flags from the orders, no
+// window; Ext: no extra pointer, no colour; Ext2: the reserved argument ignored, no colour), and the status is the
+// reference's, for depths, orders and widths outside the accepted sets too; a refused call changes no byte.
 TEST(ConvertMatrix, EntriesPassTheirArgumentsOnAndRefuseBadValues) {
     std::mt19937 rng(77);
     const int badDepths[] = {-1, 9, 10, 11, 13, 15, 17, 20, 31, 40, 63, 65, 128}, badOrders[] = {-1, 3, 4, 6, 8, 100};
@@ -208,9 +203,8 @@ TEST(ConvertRoundTrip, WidePrimariesNearlyInvert) {
     EXPECT_EQ(deep[0] | (deep[1] << 8), 65535);
 }
 
-// Runs `convert` in place on a copy of `src` placed `align` bytes past a
-// 64-byte boundary, guard bytes on both sides: the run must become `expect`
-// and the guards stay untouched.
+// Runs `convert` in place on a copy of `src` placed `align` bytes past a 64-byte boundary, guard bytes on both sides:
+// the run must become `expect` and the guards stay untouched.
 template <class F>
 static void checkAligned(const Bytes& src, const Bytes& expect, size_t align, F&& convert) {
     std::vector<uint64_t> store((2 * 64 + 128 + src.size()) / 8 + 1);
@@ -226,15 +220,12 @@ static void checkAligned(const Bytes& src, const Bytes& expect, size_t align, F&
         ASSERT_EQ(base[i], uint8_t(0xA5 ^ i)) << "guard " << i << ", alignment " << align;
 }
 
-// The direct kernels at every level the machine has and K_ConvertBuffer
-// agree with the plain kernel on the whole buffer (past a narrower
-// destination run the source bytes stay as the plain kernel leaves them),
-// at every start alignment within a cache line for the short runs, guards
-// untouched; the plain kernel's run is the reference's. Widths cover every
-// step of the kernels: the head up to the first line (up to 63 pixels), the
-// 16- and 32-pixel steps (the widening ones convert the rest first, the
-// swap's pairs read one pixel past their end) and the 4096-pixel chunks of
-// the backward walk; whole images of more than 4 MB in one run too.
+// The direct kernels at every level the machine has and K_ConvertBuffer agree with the plain kernel on the whole
+// buffer (past a narrower destination run the source bytes stay as the plain kernel leaves them), at every start
+// alignment within a cache line for the short runs, guards untouched; the plain kernel's run is the reference's.
+// Widths cover every step of the kernels: the head up to the first line (up to 63 pixels), the 16- and 32-pixel steps
+// (the widening ones convert the rest first, the swap's pairs read one pixel past their end) and the 4096-pixel
+// chunks of the backward walk; whole images of more than 4 MB in one run too.
 TEST(ConvertKernels, EveryLevelAndAlignmentMatchesPlainAndReference) {
     // source depth and order, destination depth and order, also as a whole image
     const int keys[][5] = {{24, 0, 24, 1, 0}, {24, 1, 24, 0, 1}, {24, 1, 32, 1, 1}, {24, 0, 32, 1, 1}, {32, 1, 24, 1, 0},
@@ -280,9 +271,8 @@ TEST(ConvertKernels, EveryLevelAndAlignmentMatchesPlainAndReference) {
         }
 }
 
-// Palette expansion to 24/32 bits on long runs (chunks of 4096 pixels from
-// the end) against the reference, on buffers of exactly the run's size; the
-// converter allocates nothing (every allocation failing changes nothing).
+// Palette expansion to 24/32 bits on long runs (chunks of 4096 pixels from the end) against the reference, on buffers
+// of exactly the run's size; the converter allocates nothing (every allocation failing changes nothing).
 TEST(ConvertKernels, PaletteExpansionOnLongRunsWithoutAllocation) {
     std::mt19937 rng(31);
     krn::faultinject::arm(0, -1);
@@ -425,11 +415,9 @@ TEST(ConvertSizes, CalcConvertSize) {
     for (const auto& c : sizes) EXPECT_EQ(K_CalcConvertSize(c.wa, c.ba, c.wb, c.bb), c.bytes) << c.wa << " " << c.ba;
 }
 
-// The padding rule seen from the window: a sample's window value w (bits
-// lo..hi) is raised to at least `pad` when the window does not start at bit 0,
-// and lowered to at most the largest value whose bits, with pad subtracted
-// below the window, still fit (the top of a window ending at bit 15 is never
-// cut); bits outside the window never change.
+// The padding rule seen from the window: a sample's window value w (bits lo..hi) is raised to at least `pad` when the
+// window does not start at bit 0, and lowered to at most the largest value whose bits, with pad subtracted below the
+// window, still fit (the top of a window ending at bit 15 is never cut); bits outside the window never change.
 TEST(ConvertSizes, PadPixelDataKeepsWindowValuesInTheirBand) {
     std::mt19937 rng(8);
     int changed = 0;

@@ -307,9 +307,8 @@ TEST(PaletteRecord, ColourValues) {
 
 // ---------------------------------------------------------------- used colours
 
-// The used colours come through the row layer: every storage kind and format
-// answers the sorted set of colours the reference converter reads from the
-// same rows, whatever the padding bits hold.
+// The used colours come through the row layer: every storage kind and format answers the sorted set of colours the
+// reference converter reads from the same rows, whatever the padding bits hold.
 TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
     using namespace storagetest;
     constexpr int32_t W = 37, H = 23;

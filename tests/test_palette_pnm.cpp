@@ -1,8 +1,7 @@
-// test_palette_pnm.cpp - the ombrix tool's PNM/PAM files, where the fuzz
-// target (refusals and 8-bit round trips) does not look: the samples written
-// for every deep format and view perspective at full depth, the file kind
-// chosen for palette bitmaps, what files of other programs mean (odd maxvals,
-// PAM tuple types), and a refused file leaving the caller's record.
+// test_palette_pnm.cpp - the ombrix tool's PNM/PAM files, where the fuzz target (refusals and 8-bit round trips) does
+// not look: the samples written for every deep format and view perspective at full depth, the file kind chosen for
+// palette bitmaps, what files of other programs mean (odd maxvals, PAM tuple types), and a refused file leaving the
+// caller's record.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -104,9 +103,8 @@ void makeBitmap(BITMAPRECORD& bm, int W, int H, int bpp, int order, int perspect
     K_ReleaseBitmap(&bm);
 }
 
-// Each deep format in each perspective, as PNM and PAM: the viewed samples
-// (widened or cut to the file's maxval), and read back (top row first, the
-// file's depth) and written again, the same file.
+// Each deep format in each perspective, as PNM and PAM: the viewed samples (widened or cut to the file's maxval), and
+// read back (top row first, the file's depth) and written again, the same file.
 TEST(PalettePnm, DeepFormatsInEveryViewPerspective) {
     std::mt19937 rng(99);
     const Format formats[] = {{"bgr24", 24, ORDER_BGR}, {"rgb32", 32, ORDER_RGB}, {"bgr48", 48, ORDER_BGR}, {"grey16", 16, ORDER_GRAY},

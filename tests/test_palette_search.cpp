@@ -1,7 +1,6 @@
-// test_palette_search.cpp - the nearest palette entry: every vector path and
-// the exported function against a literal walk written here from the rule,
-// and the converter's and colour resolution's fast fixed-palette indexes
-// against the exported search.
+// test_palette_search.cpp - the nearest palette entry: every vector path and the exported function against a literal
+// walk written here from the rule, and the converter's and colour resolution's fast fixed-palette indexes against the
+// exported search.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -23,10 +22,9 @@ namespace {
 
 using Search = int32_t (*)(const RGBQUAD*, int32_t, int, int, int) noexcept;
 
-// The rule, step by step: black prefers the first entry, white the last,
-// when they are black or white; otherwise the smallest distance, a later
-// entry at the same distance winning only when it shares the target's hue
-// class; an exact match ends the walk.
+// The rule, step by step: black prefers the first entry, white the last, when they are black or white; otherwise the
+// smallest distance, a later entry at the same distance winning only when it shares the target's hue class; an exact
+// match ends the walk.
 int32_t oracle(const std::vector<RGBQUAD>& p, int r, int g, int b) {
     const int n = int(p.size());
     auto is = [](const RGBQUAD& e, int v) { return e.rgbRed == v && e.rgbGreen == v && e.rgbBlue == v; };
@@ -54,9 +52,8 @@ std::vector<Path> paths() {
     return v;
 }
 
-// What the random walk rarely meets: the hue-class tie both ways, the first
-// exact match at both ends of every block and chunk, counts and pointers the
-// export refuses, components it clamps.
+// What the random walk rarely meets: the hue-class tie both ways, the first exact match at both ends of every block
+// and chunk, counts and pointers the export refuses, components it clamps.
 TEST(PaletteSearch, DocumentedEdgeCases) {
     // (90,100,100) and (110,100,100) are both 100 away from (100,100,100); hue classes: target 0, (90,100,100) 4
     // (red < blue), (110,100,100) 0: the later entry wins when it shares the class, else the earlier keeps the lead.
@@ -79,11 +76,9 @@ TEST(PaletteSearch, DocumentedEdgeCases) {
     EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 0x7FFFFFFF, int32_t(0x80000000), 0), 1);
 }
 
-// Random palettes built to stress the rule (duplicates, entries drawn from a
-// few levels, a small lattice, black and white at the ends, sizes around the
-// vector widths and the 256-entry chunk), each ending right before an
-// inaccessible page at every byte offset: a path that reads past the last
-// entry faults here even without a sanitizer.
+// Random palettes built to stress the rule (duplicates, entries drawn from a few levels, a small lattice, black and
+// white at the ends, sizes around the vector widths and the 256-entry chunk), each ending right before an
+// inaccessible page at every byte offset: a path that reads past the last entry faults here even without a sanitizer.
 TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
     const size_t page = size_t(sysconf(_SC_PAGESIZE)), span = 5 * page;
     auto* region = static_cast<uint8_t*>(mmap(nullptr, span + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
@@ -126,12 +121,10 @@ TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
 
 // ------------------------------------------------ fast fixed-palette indexes
 
-// The direct index of the fixed 256-colour palette on every red and green
-// (their ties sit midway between levels: 18, 91, 164, 237) with blues on both
-// sides of each blue boundary (the row kernels equal it over every colour:
-// ColorResSearch), and the converter's 24- and 32-bit rows into the fixed
-// palette, a copy of it and a caller palette (the fixed one with two entries
-// changed) keep the search's indexes.
+// The direct index of the fixed 256-colour palette on every red and green (their ties sit midway between levels: 18,
+// 91, 164, 237) with blues on both sides of each blue boundary (the row kernels equal it over every colour:
+// ColorResSearch), and the converter's 24- and 32-bit rows into the fixed palette, a copy of it and a caller palette
+// (the fixed one with two entries changed) keep the search's indexes.
 TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
     std::vector<uint32_t> colours;
     for (uint32_t b : {0u, 42u, 43u, 127u, 128u, 212u, 213u, 255u})

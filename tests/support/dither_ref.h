@@ -1,7 +1,6 @@
-// dither_ref.h - a plain reference ditherer for the tests, written from the
-// definitions of the methods rather than from the library (clarity over
-// speed): whole-image error planes, weights as small matrices, the threshold
-// tables typed in again independently, one quantiser callback.
+// dither_ref.h - a plain reference ditherer for the tests, written from the definitions of the methods rather than
+// from the library (clarity over speed): whole-image error planes, weights as small matrices, the threshold tables
+// typed in again independently, one quantiser callback.
 #pragma once
 
 #include <algorithm>
@@ -52,8 +51,7 @@ inline const int kThresholds[2][8][8] = {
      {148, 180, 212, 140, 116, 44, 76, 108}, {196, 236, 244, 172, 92, 12, 20, 52},
      {164, 228, 252, 204, 60, 28, 4, 84},    {132, 220, 188, 156, 100, 68, 36, 124}}};
 
-// Dithers a width x height image (row-major) with a method 0..8; returns one
-// palette index per pixel.
+// Dithers a width x height image (row-major) with a method 0..8; returns one palette index per pixel.
 inline std::vector<int> dither(int method, int width, int height, const std::vector<Rgb>& image, const Target& t) {
     std::vector<int> out(size_t(width) * size_t(height));
     auto clamp = [](int v) { return std::clamp(v, 0, 255); };

@@ -1,7 +1,6 @@
-// photo_like.h - a deterministic photo-like 24-bit BGR image (smooth
-// gradients, soft coloured blobs, hard edges and sensor-like noise) for the
-// colour-resolution tests and benchmarks, and the PPM writer the Pillow
-// comparison reads it from.
+// photo_like.h - a deterministic photo-like 24-bit BGR image (smooth gradients, soft coloured blobs, hard edges and
+// sensor-like noise) for the colour-resolution tests and benchmarks, and the PPM writer the Pillow comparison reads
+// it from.
 #pragma once
 
 #include <cmath>
