@@ -29,7 +29,8 @@ struct Bmp {
     }
     ~Bmp() { K_FreeBitmap(&bm); }
     void put(const std::vector<uint8_t>& rows) {
-        for (int y = 0; y < bm.nHeight; ++y) ASSERT_GE(K_PutBitmapRow(&bm, rows.data() + size_t(y) * bm.nBytesPerLine, y, bm.nBytesPerLine), 0);
+        for (int y = 0; y < bm.nHeight; ++y)
+            ASSERT_GE(K_PutBitmapRow(&bm, rows.data() + size_t(y) * bm.nBytesPerLine, y, bm.nBytesPerLine), 0);
     }
     std::vector<uint8_t> rows() { return getImage(&bm).px; }
     int32_t res(BITMAPRECORD* dst, int bits, uint32_t flags, const RGBQUAD* pal = nullptr, int n = 0) {
@@ -53,17 +54,17 @@ struct Src24 : Bmp {
     Src24(int w, int h, const std::vector<uint8_t>& px) : Bmp(w, h, 24, ORDER_BGR) { put(px); }
 };
 
-// Every pixel of an indexed result is the entry K_FindPaletteIndex picks for
-// the colour of the 24-bit BGR rows it came from.
+// The colour at (x, y) of padded 24-bit BGR rows of width w.
+const uint8_t* at24(const std::vector<uint8_t>& px, int w, int x, int y) {
+    return px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
+}
+// Every pixel of an indexed result is the entry K_FindPaletteIndex picks for the colour of the rows it came from.
 void expectNearest(Bmp& dst, const std::vector<uint8_t>& px, const RGBQUAD* pal, int n) {
-    auto out = dst.rows();
-    const int w = dst.bm.nWidth;
-    for (int y = 0; y < dst.bm.nHeight; ++y)
-        for (int x = 0; x < w; ++x) {
-            const uint8_t* p = px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
-            ASSERT_EQ(getPixel(out.data() + size_t(y) * dst.bm.nBytesPerLine, x, dst.bm.nBitsPerPixel), uint64_t(K_FindPaletteIndex(pal, n, p[2], p[1], p[0])))
-                << x << ',' << y;
-        }
+    RefImage out = getImage(&dst.bm);
+    EXPECT_EQ(firstMismatch(out, [&](int x, int y) {
+        const uint8_t* p = at24(px, out.width, x, y);
+        return uint64_t(K_FindPaletteIndex(pal, n, p[2], p[1], p[0]));
+    }), "");
 }
 
 // ---------------------------------------------------------------- index searches
@@ -95,7 +96,7 @@ TEST(ColorResSearch, CellPrunedSearchEqualsTheScan) {
     };
     std::vector<RGBQUAD> dup = randomPal(40), lattice;  // duplicates, black and white at both ends
     dup[0] = dup[39] = quad(0, 0, 0), dup[5] = dup[17] = dup[30], dup[1] = dup[38] = quad(255, 255, 255);
-    for (int i = 0; i < 64; ++i) lattice.push_back(quad((i & 3) * 80, ((i >> 2) & 3) * 80, (i >> 4) * 80));  // many ties
+    for (int i = 0; i < 64; ++i) lattice.push_back(quad((i & 3) * 80, (i >> 2 & 3) * 80, (i >> 4) * 80));  // many ties
     const std::vector<RGBQUAD> cases[] = {{K_IntGetFixedPalette(4), K_IntGetFixedPalette(4) + 16},
                                           {K_IntGetNetscapePalette(), K_IntGetNetscapePalette() + 256},
                                           randomPal(256), randomPal(7), {quad(9, 9, 9)}, dup, lattice};
@@ -105,9 +106,10 @@ TEST(ColorResSearch, CellPrunedSearchEqualsTheScan) {
             ASSERT_TRUE(ni.build(pal.data(), int32_t(pal.size()), fine));
             for (int i = 0; i < 40002; ++i) {
                 int r = int(rng() & 255), g = int(rng() & 255), b = int(rng() & 255);
-                if (i % 3 == 0) r = int(rng() % 7) * 40, g = int(rng() % 7) * 40, b = int(rng() % 7) * 40;  // borders, ties
+                if (i % 3 == 0) r = int(rng() % 7) * 40, g = int(rng() % 7) * 40, b = int(rng() % 7) * 40;  // ties
                 if (i >= 40000) r = g = b = (i - 40000) * 255;
-                ASSERT_EQ(ni(r, g, b), K_FindPaletteIndex(pal.data(), int32_t(pal.size()), r, g, b)) << pal.size() << (fine ? " fine " : " ") << r << ' ' << g << ' ' << b;
+                ASSERT_EQ(ni(r, g, b), K_FindPaletteIndex(pal.data(), int32_t(pal.size()), r, g, b))
+                    << pal.size() << (fine ? " fine " : " ") << r << ' ' << g << ' ' << b;
             }
         }
 }
@@ -120,25 +122,26 @@ TEST(ColorRes, PaletteImageThroughTwentyFourBitsComesBackIdentical) {
         const int n = 1 << bits, w = 37, h = 9;
         std::vector<RGBQUAD> pal;  // distinct colours, black and white included at odd places
         while (int(pal.size()) < n) {
-            RGBQUAD c = pal.size() == size_t(n / 2) ? quad(0, 0, 0) : pal.size() == 1 && n > 2 ? quad(255, 255, 255) : anyColour(rng);
-            if (std::none_of(pal.begin(), pal.end(), [&](const RGBQUAD& e) { return std::memcmp(&e, &c, 3) == 0; }))
+            const size_t k = pal.size();
+            RGBQUAD c = k == size_t(n / 2) ? quad(0, 0, 0) : k == 1 && n > 2 ? quad(255, 255, 255) : anyColour(rng);
+            if (std::none_of(pal.begin(), pal.end(), [&](const RGBQUAD& e) { return !std::memcmp(&e, &c, 3); }))
                 pal.push_back(c);
         }
         Bmp src(w, h, bits, ORDER_RGB, pal.data());
-        std::vector<uint8_t> px(size_t(src.bm.nBytesPerLine) * h);
+        RefImage ref(w, h, bits);
         for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) setPixel(px.data() + size_t(y) * src.bm.nBytesPerLine, x, bits, rng() % uint32_t(n));
+            for (int x = 0; x < w; ++x) setPixel(ref.row(y), x, bits, rng() % uint32_t(n));
+        const std::vector<uint8_t>& px = ref.px;
         src.put(px);
         Bmp deep;
         ASSERT_EQ(src.res(&deep.bm, 24, CRF_BYTEORDERBGR), KS_SUCCESS);
         ASSERT_EQ(deep.res(&deep.bm, bits, CRF_USERPALETTE | CRF_NODITHERING, pal.data(), n), KS_SUCCESS);
-        EXPECT_TRUE(deep.bm.nBitsPerPixel == bits && deep.rows() == px && !std::memcmp(deep.bm.pPalette, pal.data(), sizeof(RGBQUAD) * size_t(n))) << bits;
+        EXPECT_TRUE(deep.bm.nBitsPerPixel == bits && deep.rows() == px) << bits;
+        EXPECT_EQ(std::memcmp(deep.bm.pPalette, pal.data(), sizeof(RGBQUAD) * size_t(n)), 0);
         Bmp direct;  // index to index: every pixel keeps its index at 8 bits
         ASSERT_EQ(src.res(&direct.bm, 8, CRF_USERPALETTE | CRF_NODITHERING, pal.data(), n), KS_SUCCESS);
-        const auto out = direct.rows();
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-                ASSERT_EQ(out[size_t(y) * direct.bm.nBytesPerLine + size_t(x)], getPixel(px.data() + size_t(y) * src.bm.nBytesPerLine, x, bits)) << bits << " at " << x;
+        RefImage out = getImage(&direct.bm);
+        EXPECT_EQ(firstMismatch(out, [&](int x, int y) { return pixelAt(ref.row(y), x, bits); }), "") << bits;
     }
     // Grey through colour (in place, to 24 and 48 bits) and back through 16-bit grey.
     Bmp grey(256, 3, 8, ORDER_GRAY);
@@ -161,14 +164,13 @@ TEST(ColorRes, GreyDestinationsFollowTheGreyRule) {
     for (int bits : {1, 4, 8, 12, 16}) {
         Bmp dst;
         ASSERT_EQ(src.res(&dst.bm, bits, CRF_BYTEORDERGRAY | CRF_NODITHERING), KS_SUCCESS);
-        auto out = dst.rows();
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) {
-                const uint8_t* p = px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
-                const uint32_t g8 = (2u * p[2] + 5u * p[1] + p[0] + 4u) >> 3;
-                const uint8_t* row = out.data() + size_t(y) * dst.bm.nBytesPerLine;
-                ASSERT_EQ(bits == 16 ? le16(row, x) : pixelAt(row, x, bits), bits <= 8 ? g8 >> (8 - bits) : (g8 * ((1u << bits) - 1u)) / 255u) << bits << " at " << x << ',' << y;
-            }
+        RefImage out = getImage(&dst.bm);
+        EXPECT_EQ(firstMismatch(out, [&](int x, int y) {
+            const uint8_t* p = at24(px, w, x, y);
+            const uint32_t g8 = (2u * p[2] + 5u * p[1] + p[0] + 4u) >> 3;
+            const uint32_t v = bits <= 8 ? g8 >> (8 - bits) : g8 * ((1u << bits) - 1u) / 255u;
+            return bits == 16 ? (v >> 8 | (v & 255) << 8) : v;  // read as bits: 16-bit words byte-swapped
+        }), "") << bits;
     }
 }
 
@@ -198,7 +200,8 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
             Bmp src, dst;
             ASSERT_EQ(src24.res(&src.bm, bits[layout], layout % 2 ? 0 : CRF_BYTEORDERBGR), KS_SUCCESS);
             src.bm.nDitheringMethod = DITHER_FLOYD_STEINBERG;  // no dithering asked: ignored
-            ASSERT_EQ(src.res(&dst.bm, 8, CRF_USERPALETTE | CRF_NODITHERING | (path == Exact ? CRF_EXACTMATCH : 0u), pal.data(), 200), KS_SUCCESS);
+            const uint32_t flags = CRF_USERPALETTE | CRF_NODITHERING | (path == Exact ? CRF_EXACTMATCH : 0u);
+            ASSERT_EQ(src.res(&dst.bm, 8, flags, pal.data(), 200), KS_SUCCESS);
             SCOPED_TRACE(::testing::Message() << "path " << int(path) << " layout " << layout);
             expectNearest(dst, px, pal.data(), 200);
         }
@@ -222,9 +225,11 @@ TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
     const int w = 70, h = 6;
     auto px = rows24(w, h, [&] { return anyColour(rng); });
     Src24 src(w, h, px);
+    const RGBQUAD* fixed[9] = {};
+    for (int d = 3; d <= 8; ++d) fixed[d] = K_IntGetFixedPalette(d);
     const struct { int bits; uint32_t flags; const RGBQUAD* pal; } cases[] = {
-                 {8, 0, K_IntGetFixedPalette(8)}, {8, CRF_FIXEDPALETTE, K_IntGetFixedPalette(8)}, {4, 0, K_IntGetFixedPalette(4)},
-                 {3, CRF_FIXEDPALETTE, K_IntGetFixedPalette(3)}, {8, CRF_NETSCAPEPALETTE, K_IntGetNetscapePalette()}};
+        {8, 0, fixed[8]}, {8, CRF_FIXEDPALETTE, fixed[8]}, {4, 0, fixed[4]}, {3, CRF_FIXEDPALETTE, fixed[3]},
+        {8, CRF_NETSCAPEPALETTE, K_IntGetNetscapePalette()}};
     for (const auto& c : cases) {
         Bmp dst;
         ASSERT_EQ(src.res(&dst.bm, c.bits, c.flags | CRF_NODITHERING), KS_SUCCESS);
@@ -243,7 +248,8 @@ TEST(ColorRes, DeepFrameFlagWordsChooseTheOrder) {
         Bmp dst;
         ASSERT_EQ(src.res(&dst.bm, 24, flags), KS_SUCCESS);
         const uint8_t want[2][9] = {{1, 2, 3, 200, 100, 50, 1, 2, 3}, {3, 2, 1, 50, 100, 200, 3, 2, 1}};
-        EXPECT_TRUE(dst.bm.nOrder == (flags ? ORDER_BGR : ORDER_RGB) && !std::memcmp(dst.rows().data(), want[flags ? 1 : 0], 9)) << flags;
+        EXPECT_EQ(dst.bm.nOrder, flags ? ORDER_BGR : ORDER_RGB);
+        EXPECT_EQ(std::memcmp(dst.rows().data(), want[flags ? 1 : 0], 9), 0) << flags;
     }
 }
 
@@ -279,38 +285,41 @@ TEST(ColorRes, BadInputChangesNothing) {
     K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 10, 4, 24);
     const uint32_t R = BITMAPRECORD_SIZE;
     const RGBQUAD* P = pal.data();
+    BITMAPRECORD* S = &src.bm;
+    const int32_t I = KS_INVALID_PARAMETER;
     const struct { const char* what; BITMAPRECORD* src; bool inPlace; int bits; uint32_t flags;
                    const RGBQUAD* pal; int n; uint32_t size; int32_t want; } cases[] = {
-        {"null source", nullptr, false, 8, 0, nullptr, 0, R, KS_INVALID_PARAMETER},
+        {"null source", nullptr, false, 8, 0, nullptr, 0, R, I},
         {"unallocated source", &unalloc, false, 8, 0, nullptr, 0, R, KS_INVALID_BITMAP},
-        {"size word", &src.bm, false, 8, 0, nullptr, 0, 100, KS_INVALID_STRUCT_SIZE},
-        {"depth 9", &src.bm, false, 9, 0, nullptr, 0, R, KS_INVALID_BITS_PER_PIXEL},
-        {"depth 0", &src.bm, true, 0, 0, nullptr, 0, R, KS_INVALID_BITS_PER_PIXEL},
-        {"unknown flag", &src.bm, false, 8, 0x200, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"two palettes", &src.bm, false, 8, CRF_FIXEDPALETTE | CRF_NETSCAPEPALETTE, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"two orders", &src.bm, false, 24, CRF_BYTEORDERBGR | CRF_BYTEORDERROMM, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"dither twice", &src.bm, false, 4, CRF_NODITHERING | CRF_DITHER(1), nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"method 9", &src.bm, false, 4, CRF_DITHER(9), nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"user palette null", &src.bm, false, 4, CRF_USERPALETTE, nullptr, 16, R, KS_INVALID_PARAMETER},
-        {"palette longer than depth", &src.bm, true, 4, CRF_USERPALETTE, P, 17, R, KS_INVALID_PARAMETER},
-        {"no colours", &src.bm, false, 4, CRF_USERPALETTE, P, 0, R, KS_INVALID_PARAMETER},
-        {"optimised 1 colour", &src.bm, false, 4, CRF_OPTIMIZEDPALETTE, nullptr, 1, R, KS_INVALID_PARAMETER},
-        {"web at 4 bits", &src.bm, false, 4, CRF_NETSCAPEPALETTE, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"palette at 24 bits", &src.bm, false, 24, CRF_FIXEDPALETTE, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"grey at 24 bits", &src.bm, false, 24, CRF_BYTEORDERGRAY, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"BGR at 12 bits", &src.bm, false, 12, CRF_BYTEORDERBGR, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"wide at 32 bits", &src.bm, false, 32, CRF_BYTEORDERROMM, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"BGR at 8 bits", &src.bm, false, 8, CRF_BYTEORDERBGR, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"locked in place", &locked.bm, true, 8, 0, nullptr, 0, R, KS_INVALID_PARAMETER},
+        {"size word", S, false, 8, 0, nullptr, 0, 100, KS_INVALID_STRUCT_SIZE},
+        {"depth 9", S, false, 9, 0, nullptr, 0, R, KS_INVALID_BITS_PER_PIXEL},
+        {"depth 0", S, true, 0, 0, nullptr, 0, R, KS_INVALID_BITS_PER_PIXEL},
+        {"unknown flag", S, false, 8, 0x200, nullptr, 0, R, I},
+        {"two palettes", S, false, 8, CRF_FIXEDPALETTE | CRF_NETSCAPEPALETTE, nullptr, 0, R, I},
+        {"two orders", S, false, 24, CRF_BYTEORDERBGR | CRF_BYTEORDERROMM, nullptr, 0, R, I},
+        {"dither twice", S, false, 4, CRF_NODITHERING | CRF_DITHER(1), nullptr, 0, R, I},
+        {"method 9", S, false, 4, CRF_DITHER(9), nullptr, 0, R, I},
+        {"user palette null", S, false, 4, CRF_USERPALETTE, nullptr, 16, R, I},
+        {"palette longer than depth", S, true, 4, CRF_USERPALETTE, P, 17, R, I},
+        {"no colours", S, false, 4, CRF_USERPALETTE, P, 0, R, I},
+        {"optimised 1 colour", S, false, 4, CRF_OPTIMIZEDPALETTE, nullptr, 1, R, I},
+        {"web at 4 bits", S, false, 4, CRF_NETSCAPEPALETTE, nullptr, 0, R, I},
+        {"palette at 24 bits", S, false, 24, CRF_FIXEDPALETTE, nullptr, 0, R, I},
+        {"grey at 24 bits", S, false, 24, CRF_BYTEORDERGRAY, nullptr, 0, R, I},
+        {"BGR at 12 bits", S, false, 12, CRF_BYTEORDERBGR, nullptr, 0, R, I},
+        {"wide at 32 bits", S, false, 32, CRF_BYTEORDERROMM, nullptr, 0, R, I},
+        {"BGR at 8 bits", S, false, 8, CRF_BYTEORDERBGR, nullptr, 0, R, I},
+        {"locked in place", &locked.bm, true, 8, 0, nullptr, 0, R, I},
     };
     for (const auto& c : cases) {
         Sentinel dst;
         BITMAPRECORD before{};
         if (c.src) before = *c.src;
-        EXPECT_EQ(K_ColorResBitmap(c.src, c.inPlace ? c.src : &dst.bm, c.bits, c.flags, c.pal, c.n, c.size), c.want) << c.what;
+        BITMAPRECORD* to = c.inPlace ? c.src : &dst.bm;
+        EXPECT_EQ(K_ColorResBitmap(c.src, to, c.bits, c.flags, c.pal, c.n, c.size), c.want) << c.what;
         EXPECT_TRUE(dst.intact() && (!c.src || !std::memcmp(&before, c.src, sizeof(before)))) << c.what;
     }
-    EXPECT_TRUE(src.res(nullptr, 8, 0) == KS_INVALID_PARAMETER && K_GrayScaleBitmap(nullptr, 8) == KS_INVALID_PARAMETER);
+    EXPECT_TRUE(src.res(nullptr, 8, 0) == I && K_GrayScaleBitmap(nullptr, 8) == I);
     EXPECT_EQ(K_GrayScaleBitmap(&src.bm, 24), KS_INVALID_BITS_PER_PIXEL);
     K_ReleaseBitmap(&locked.bm);
 }
@@ -319,7 +328,8 @@ TEST(ColorRes, BadInputChangesNothing) {
 // the destination record and the block count as they were.
 TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
     const struct { int srcBits, dstBits; uint32_t flags; bool inPlace; } cases[] = {
-        {8, 24, 0, false}, {8, 4, CRF_FIXEDPALETTE | CRF_DITHER(1), false}, {16, 8, CRF_BYTEORDERGRAY, true}, {24, 16, CRF_BYTEORDER565, true}};
+        {8, 24, 0, false}, {8, 4, CRF_FIXEDPALETTE | CRF_DITHER(1), false}, {16, 8, CRF_BYTEORDERGRAY, true},
+        {24, 16, CRF_BYTEORDER565, true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.srcBits << " -> " << c.dstBits << " flags " << c.flags);
         RefImage ref(37, 11, c.srcBits);
@@ -333,7 +343,8 @@ TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
                 if (!c.inPlace) K_FreeBitmap(&dst.bm);
                 return;
             }
-            EXPECT_TRUE(dst.intact() && !std::memcmp(&src.bm, &record, sizeof record) && getImage(&src.bm).px == ref.px) << armed.n;
+            EXPECT_TRUE(dst.intact() && !std::memcmp(&src.bm, &record, sizeof record)) << armed.n;
+            EXPECT_EQ(getImage(&src.bm).px, ref.px) << armed.n;
         }, 1, true);
         EXPECT_GT(failures, 0);
     }
