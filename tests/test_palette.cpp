@@ -360,7 +360,7 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
             std::vector<uint8_t> buf(ref.row(y), ref.row(y) + ref.bpl);
             buf.resize(std::max<size_t>(buf.size(), convref::dstRunBytes(q)));
             const auto c = convref::convert(q, buf);
-            for (size_t x = 0; x < size_t(W); ++x) want.insert(uint32_t(c[3 * x] << 16 | c[3 * x + 1] << 8 | c[3 * x + 2]));
+            for (size_t x = 0; x < 3 * size_t(W); x += 3) want.insert(uint32_t(c[x] << 16 | c[x + 1] << 8 | c[x + 2]));
         }
         for (Kind k : kindsFor(f.bpp)) {
             SCOPED_TRACE(testing::Message() << kindName(k) << ", " << f.bpp << " bits, order " << f.order);
@@ -387,7 +387,7 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
     int32_t n;
     EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, &n), KS_UNSUPPORTED_CONVERSION);
     EXPECT_EQ(K_GetBitmapPaletteEntries(&empty.bm, nullptr, 0, &n), KS_INVALID_BITMAP);
-    for (int32_t st : {K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, nullptr), K_GetBitmapPaletteEntries(&romm.bm, {}, 4, &n)})
+    for (int32_t st : {K_GetBitmapPaletteEntries(&romm.bm, {}, 0, nullptr), K_GetBitmapPaletteEntries(&romm.bm, {}, 4, &n)})
         EXPECT_EQ(st, KS_INVALID_PARAMETER);
 }
 

@@ -42,12 +42,15 @@ int32_t oracle(const std::vector<RGBQUAD>& p, int r, int g, int b) {
     return bestIndex;
 }
 
-RGBQUAD rgb(int r, int g, int b, int reserved = 0) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), uint8_t(reserved)}; }
+RGBQUAD rgb(int r, int g, int b, int res = 0) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), uint8_t(res)}; }
 
 struct Path { const char* name; Search fn; };
 std::vector<Path> paths() {
-    std::vector<Path> v{{"scalar", krn::findPaletteIndexScalar}, {"sse2", krn::findPaletteIndexSse2}, {"dispatch", krn::findPaletteIndex},
-                        {"export", [](const RGBQUAD* p, int32_t n, int r, int g, int b) noexcept { return K_FindPaletteIndex(p, n, r, g, b); }}};
+    auto exported = [](const RGBQUAD* p, int32_t n, int r, int g, int b) noexcept {
+        return K_FindPaletteIndex(p, n, r, g, b);
+    };
+    std::vector<Path> v{{"scalar", krn::findPaletteIndexScalar}, {"sse2", krn::findPaletteIndexSse2},
+                        {"dispatch", krn::findPaletteIndex}, {"export", exported}};
     if (krn::cpuHasAvx2()) v.push_back({"avx2", krn::findPaletteIndexAvx2});
     return v;
 }
@@ -72,7 +75,8 @@ TEST(PaletteSearch, DocumentedEdgeCases) {
     }
     const std::vector<RGBQUAD> pal{rgb(0, 0, 0), rgb(255, 0, 0), rgb(0, 255, 0), rgb(250, 0, 250)};
     EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 300, -20, 0), 1);  // as (255, 0, 0), not (44, 236, 0)
-    EXPECT_TRUE(K_FindPaletteIndex(pal.data(), 4, 256, 0, 256) == 3 && K_FindPaletteIndex(pal.data(), 4, -1, -1, -1) == 0);
+    EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 256, 0, 256), 3);
+    EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, -1, -1, -1), 0);
     EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 0x7FFFFFFF, int32_t(0x80000000), 0), 1);
 }
 
@@ -81,20 +85,23 @@ TEST(PaletteSearch, DocumentedEdgeCases) {
 // inaccessible page at every byte offset: a path that reads past the last entry faults here even without a sanitizer.
 TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
     const size_t page = size_t(sysconf(_SC_PAGESIZE)), span = 5 * page;
-    auto* region = static_cast<uint8_t*>(mmap(nullptr, span + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    void* map = mmap(nullptr, span + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    auto* region = static_cast<uint8_t*>(map);
     ASSERT_NE(region, MAP_FAILED);
     ASSERT_EQ(mprotect(region + span, page, PROT_NONE), 0);
     std::mt19937 rng(20261121);
     const auto all = paths();
     const int levels[] = {0, 1, 2, 127, 128, 129, 254, 255};
     for (int round = 0; round < 1500; ++round) {
-        const int sizes[] = {256, 1 + int(rng() % 16), 250 + int(rng() % 20), 500 + int(rng() % 40), 1 + int(rng() % 300)};
+        const int sizes[] = {256, 1 + int(rng() % 16), 250 + int(rng() % 20), 500 + int(rng() % 40),
+                             1 + int(rng() % 300)};
         const int n = sizes[std::min(round % 6, 4)], style = int(rng() % 4);
         std::vector<RGBQUAD> pal(static_cast<size_t>(n));
         for (auto& e : pal) {
             if (style == 0) e = rgb(int(rng() & 255), int(rng() & 255), int(rng() & 255), int(rng() & 255));
             if (style == 1) e = rgb(levels[rng() % 8], levels[rng() % 8], levels[rng() % 8]);
-            if (style == 2) e = rgb(100 + int(rng() % 5) * 2, 100 + int(rng() % 5) * 2, 100 + int(rng() % 5) * 2, int(rng() & 255));
+            auto lattice = [&] { return 100 + int(rng() % 5) * 2; };
+            if (style == 2) e = rgb(lattice(), lattice(), lattice(), int(rng() & 255));
             if (style == 3) e = rgb(int(rng() % 3) * 127, int(rng() % 3) * 127, int(rng() % 3) * 127);
         }
         for (int k = 0; k < n / 8; ++k) pal[rng() % size_t(n)] = pal[rng() % size_t(n)];  // duplicates
@@ -113,7 +120,8 @@ TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
             if (t % 4 == 3) r = levels[rng() % 8], g = levels[rng() % 8], b = levels[rng() % 8];
             const int32_t want = oracle(pal, r, g, b);
             for (const Path& path : all)
-                ASSERT_EQ(path.fn(at, n, r, g, b), want) << path.name << " round " << round << " n " << n << " target " << r << "," << g << "," << b;
+                ASSERT_EQ(path.fn(at, n, r, g, b), want)
+                    << path.name << " round " << round << " n " << n << " target " << r << "," << g << "," << b;
         }
     }
     munmap(region, span + page);
@@ -130,8 +138,11 @@ TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
     for (uint32_t b : {0u, 42u, 43u, 127u, 128u, 212u, 213u, 255u})
         for (uint32_t rg = 0; rg < 65536; ++rg) colours.push_back(rg << 8 | b);
     const RGBQUAD* fixed = K_IntGetFixedPalette(8);
-    auto search = [](const RGBQUAD* p, uint32_t c) { return K_FindPaletteIndex(p, 256, int32_t(c >> 16), int32_t(c >> 8 & 255), int32_t(c & 255)); };
-    for (uint32_t c : colours) ASSERT_EQ(krn::fixed256Index(int(c >> 16), int(c >> 8 & 255), int(c & 255)), search(fixed, c)) << std::hex << c;
+    auto search = [](const RGBQUAD* p, uint32_t c) {
+        return K_FindPaletteIndex(p, 256, int(c >> 16), c >> 8 & 255, c & 255);
+    };
+    for (uint32_t c : colours)
+        ASSERT_EQ(krn::fixed256Index(int(c >> 16), c >> 8 & 255, c & 255), search(fixed, c)) << std::hex << c;
     const std::vector<RGBQUAD> copy(fixed, fixed + 256);
     std::vector<RGBQUAD> changed = copy;
     changed[77].rgbGreen ^= 1, changed[255] = changed[0];  // black at both ends
@@ -148,7 +159,8 @@ TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
                     if (bpp == 4) p[3] = uint8_t(i * 37);
                 }
                 ASSERT_EQ(K_ConvertBuffer(row.data(), int32_t(n), bits, 8, order, ORDER_BGR, nullptr, pal), KS_SUCCESS);
-                for (size_t i = 0; i < n; ++i) ASSERT_EQ(int(row[i]), search(pal ? pal : fixed, colours[start + i])) << bits << " " << std::hex << colours[start + i];
+                for (size_t i = 0; i < n; ++i)
+                    ASSERT_EQ(row[i], search(pal ? pal : fixed, colours[start + i])) << bits << " " << start + i;
             }
         }
 }

@@ -88,7 +88,8 @@ inline std::vector<int> dither(int method, int width, int height, const std::vec
             const Rgb p = image[size_t(y) * size_t(width) + size_t(x)];
             const size_t k = at(y, x);
             // C++ division truncates toward zero, as the rule asks.
-            const int r = clamp(p.r + int(er[k] / m.divisor)), g = clamp(p.g + int(eg[k] / m.divisor)), b = clamp(p.b + int(eb[k] / m.divisor));
+            const int r = clamp(p.r + int(er[k] / m.divisor)), g = clamp(p.g + int(eg[k] / m.divisor));
+            const int b = clamp(p.b + int(eb[k] / m.divisor));
             const int idx = t.quantise(r, g, b);
             out[size_t(y) * size_t(width) + size_t(x)] = idx;
             const Rgb& c = t.colours[size_t(idx)];
