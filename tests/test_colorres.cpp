@@ -78,8 +78,6 @@ void expectNearest(Bmp& dst, const std::vector<uint8_t>& px, const RGBQUAD* pal,
     }), "");
 }
 
-// ---------------------------------------------------------------- index searches
-
 TEST(ColorResSearch, Fixed256RowKernelsAgreeOverEveryColour) {
     if (!krn::cpuHasSsse3()) GTEST_SKIP() << "no SSSE3";
     // Every colour once, in rows of odd lengths so each kernel also ends on a partial block.
@@ -124,8 +122,6 @@ TEST(ColorResSearch, CellPrunedSearchEqualsTheScan) {
             }
         }
 }
-
-// ---------------------------------------------------------------- round trips
 
 TEST(ColorRes, PaletteImageThroughTwentyFourBitsComesBackIdentical) {
     std::mt19937 rng(3);
@@ -184,8 +180,6 @@ TEST(ColorRes, GreyDestinationsFollowTheGreyRule) {
         }), "") << bits;
     }
 }
-
-// ---------------------------------------------------------------- palettes
 
 // A caller palette without dithering takes the nearest entry whichever matcher serves it: the colour-match tree
 // (colours of the palette), an installed table or one built for the call (colours on the 5-5-5 grid), or the exact
@@ -249,8 +243,6 @@ TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
     }
 }
 
-// ---------------------------------------------------------------- flag words, the memory cap
-
 TEST(ColorRes, DeepFrameFlagWordsChooseTheOrder) {
     const RGBQUAD pal[2] = {quad(1, 2, 3), quad(200, 100, 50)};
     Bmp src(3, 1, 1, ORDER_RGB, pal);
@@ -285,8 +277,6 @@ TEST(ColorRes, BitmapsLargerThanTheCapConvertRowByRow) {
     EXPECT_NE(big.bm.uFlags & (BRF_TILED | BRF_DISK), 0u);
     EXPECT_EQ(big.rows(), small.rows());
 }
-
-// ---------------------------------------------------------------- bad input and faults
 
 TEST(ColorRes, BadInputChangesNothing) {
     std::vector<RGBQUAD> pal(16, quad(1, 2, 3));
@@ -360,8 +350,6 @@ TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
         EXPECT_GT(failures, 0);
     }
 }
-
-// ---------------------------------------------------------------- optimised palettes
 
 // A single-block 24-bit BGR bitmap from packed BGR pixels.
 struct Img {

@@ -323,8 +323,6 @@ TEST(ConvertKernels, PaletteExpansionOnLongRunsWithoutAllocation) {
     EXPECT_EQ(injected, 0);
 }
 
-// ------------------------------------------------------------ colour-match tree
-
 TEST(ConvertTree, LookupFollowsTheBuildRule) {
     std::mt19937 rng(5);
     for (int trial = 0; trial < 40; ++trial) {
@@ -373,8 +371,6 @@ TEST(ConvertTree, LookupFollowsTheBuildRule) {
     krn::freeColorMatchTree(t);
     EXPECT_EQ(krn::faultinject::liveBlocks(), before);
 }
-
-// ------------------------------------------------------------ HSV
 
 namespace {
 uint32_t rgb(int r, int g, int b) { return uint32_t(r) | (uint32_t(g) << 8) | (uint32_t(b) << 16); }
@@ -432,8 +428,6 @@ TEST(ConvertHsv, InverseMatchesProportionalModel) {
     uint32_t in = rgb(100, 200, 150);
     EXPECT_TRUE(K_HSVtoRGB2(&in) == K_HSVtoRGB(in) && K_HSVtoRGB2(nullptr) == 0u);
 }
-
-// ------------------------------------------------------------ sizes, padding, grey reductions
 
 // The largest of the rows involved: width A at depth A, width B at depth A and at depth B (each rounded up to four
 // bytes; depth 0 counts as 8); 0 for a negative width or beyond 32 bits.

@@ -179,8 +179,6 @@ ditherref::Target target(const Pal& pal, int code) {
     return t;
 }
 
-// ---------------------------------------------------------------- frame
-
 void grey16(BITMAPRECORD& b, int lo, int hi) {
     b.nBitsPerPixel = 16, b.nOrder = ORDER_GRAY, b.nLowBit = lo, b.nHighBit = hi;
 }
@@ -252,8 +250,6 @@ TEST(DitherFrame, RestartReplacesTheRunFreeStopsItDefaultMethodIsPerThread) {
     EXPECT_EQ(K_DefaultDithering(old), 6);
 }
 
-// ---------------------------------------------------------- quantisers
-
 // On a grid of colours, each fixed code gives an entry at the smallest distance, and where that nearest colour
 // is unique, the nearest-colour rule's index (duplicates, like the web palette's blacks, resolve to the first).
 TEST(DitherQuantise, FixedCodesGiveTheNearestEntryOnADenseGrid) {
@@ -280,8 +276,6 @@ TEST(DitherQuantise, FixedCodesGiveTheNearestEntryOnADenseGrid) {
     // The two-colour grey cut is the nearest-colour rule on greys.
     for (int v = 0; v < 256; ++v) EXPECT_EQ(krn::quantiseFixed(2, v, v, v), v >= 128 ? 1 : 0) << v;
 }
-
-// ------------------------------------------------------- against reference
 
 // Every method and palette matches the reference, by the rolling kernel and the plain tap loop, at every
 // output depth that fits. Fixed palettes in order (some passed as null) take the direct path; others
@@ -320,8 +314,6 @@ TEST(DitherReference, EveryMethodAndPaletteMatchesThePlainDitherer) {
     }
 }
 
-// --------------------------------------------------------------- proofs
-
 TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
     auto pal = randomPalette(16, 8);
     std::vector<uint32_t> table(32768);
@@ -343,8 +335,6 @@ TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
     got = runImage(img, 4, {.pal = pal.data(), .colors = 16, .bits = 4, .table = table.data()});
     EXPECT_EQ(got, std::vector<int>(4, 7));
 }
-
-// ---------------------------------------------------------- source depths
 
 // Random rows of a source format dither, out of place and in place (and by the plain tap loop for Floyd-Steinberg),
 // like the 24-bit colours the reference converter reads from them; the run takes the grey path when `grey` says so.
@@ -431,8 +421,6 @@ TEST(DitherGrey, GreySourcesIntoGreyTargetsMatchTheColourPath) {
         expectLikeItsColours(c, 8, 2, rng, {.method = 1, .colors = colours}, false);
 }
 
-// --------------------------------------------------- threads and failures
-
 // Runs keep all their state on the record: threads dithering at once give what each gives alone.
 TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
     const int w = 120, h = 40;
@@ -480,8 +468,6 @@ TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
         EXPECT_NE(rec.bm.pDitherState, earlier);
     }
 }
-
-// ------------------------------------------------------- blocks of rows
 
 // Grey bytes: random, or runs of 127 and 128 (the largest errors of either sign) between black and white,
 // which drive the carried sums to the tables' ends.

@@ -30,8 +30,6 @@ struct Bitmap {
     }
 };
 
-// ---------------------------------------------------------------- fixed palettes
-
 // Entry i of the fixed palette of depth d, written from the table.
 RGBQUAD fixedEntry(int d, int i) {
     static const int L4[4] = {0, 85, 170, 255};
@@ -86,8 +84,6 @@ TEST(PaletteFixed, EveryDepthWebAndGreyRampsMatchTheTables) {
     K_GlobalFree(dup);
     EXPECT_TRUE(!K_DupPalette(nullptr, 3) && !K_DupPalette(buf, 0));
 }
-
-// ---------------------------------------------------------------- grey classification
 
 // The classification rule, written out plainly: 0 colour, 1 ascending ramp,
 // 2 descending ramp, 3 other greys (the step is 255 / (n - 1), accumulated).
@@ -161,8 +157,6 @@ TEST(PaletteGrey, Bitmaps) {
     EXPECT_EQ(K_IntIsGrayScaleBitmap(&bad), KS_INVALID_STRUCT_SIZE);
 }
 
-// ---------------------------------------------------------------- user match table
-
 TEST(PaletteMatchTable, EveryWordIsTheNearestIndexPlusOne) {
     std::mt19937 rng(3);
     std::vector<RGBQUAD> pal(37);
@@ -206,8 +200,6 @@ TEST(PaletteMatchTable, InstalledPerThreadAndUninstalledOnFree) {
     krn::testhook::forceSettingsFallback(false);
     K_SetUserMatchTable(before);
 }
-
-// ---------------------------------------------------------------- record helpers
 
 TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
     const int32_t P = KS_INVALID_PARAMETER;
@@ -325,8 +317,6 @@ TEST(PaletteRecord, ColourValues) {
     EXPECT_EQ(K_TranslateBitmapColor(&rgb24.bm, nullptr, KCOLOR_INDEX(3), &v), KS_INVALID_PARAMETER);
 }
 
-// ---------------------------------------------------------------- used colours
-
 // The used colours come through the row layer: every storage kind and format answers the sorted set of colours the
 // reference converter reads from the same rows, whatever the padding bits hold.
 TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
@@ -387,8 +377,8 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
     int32_t n;
     EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, &n), KS_UNSUPPORTED_CONVERSION);
     EXPECT_EQ(K_GetBitmapPaletteEntries(&empty.bm, nullptr, 0, &n), KS_INVALID_BITMAP);
-    for (int32_t st : {K_GetBitmapPaletteEntries(&romm.bm, {}, 0, nullptr), K_GetBitmapPaletteEntries(&romm.bm, {}, 4, &n)})
-        EXPECT_EQ(st, KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, {}, 0, nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, {}, 4, &n), KS_INVALID_PARAMETER);
 }
 
 // Every allocation of the record helpers failing: the status is -1, the

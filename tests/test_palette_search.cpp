@@ -127,8 +127,6 @@ TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
     munmap(region, span + page);
 }
 
-// ------------------------------------------------ fast fixed-palette indexes
-
 // The direct index of the fixed 256-colour palette on every red and green (their ties sit midway between levels: 18,
 // 91, 164, 237) with blues on both sides of each blue boundary (the row kernels equal it over every colour:
 // ColorResSearch), and the converter's 24- and 32-bit rows into the fixed palette, a copy of it and a caller palette
