@@ -1,17 +1,25 @@
-// test_colorres.cpp - colour resolution of whole bitmaps: the cell-pruned and
-// fixed-palette index searches against the nearest-entry scan, lossless round
-// trips, caller palettes on every matching path, grey conversion against the
-// grey rule, bitmaps over the memory cap, bad input and allocation failures of
-// the palette and grey sources (dithering: test_dither.cpp; 24-bit sources,
-// other storage kinds and progress stops: test_transform_shared.cpp).
+// test_colorres.cpp - colour resolution of whole bitmaps: the cell-pruned and fixed-palette index searches against
+// the nearest-entry scan, lossless round trips, caller palettes on every matching path, grey conversion against the
+// grey rule, bitmaps over the memory cap, bad input and allocation failures of the palette and grey sources
+// (dithering: test_dither.cpp; 24-bit sources, other storage kinds and progress stops: test_transform_shared.cpp);
+// optimised palettes: exact colours for images with few colours (small and sampled), reserved and transparent
+// entries, the refinement never losing to the split alone, bad input, and the quality on photo-like images against
+// Pillow's median-cut and fast-octree quantizers run on the same image.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <map>
 #include <random>
+#include <set>
+#include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "krn/common/colorres.h"
+#include "photo_like.h"
 #include "transform_kit.h"
 
 namespace {
@@ -19,6 +27,7 @@ namespace {
 using namespace tkit;
 
 RGBQUAD quad(int r, int g, int b) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), 0}; }
+uint32_t key(const RGBQUAD& q) { return (uint32_t(q.rgbRed) << 16) | (uint32_t(q.rgbGreen) << 8) | q.rgbBlue; }
 RGBQUAD anyColour(std::mt19937& rng) { return quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)); }
 uint32_t bplOf(int w, int bpp) { return uint32_t(((uint64_t(w) * uint64_t(bpp) + 31) >> 3) & ~uint64_t(3)); }
 
@@ -31,7 +40,8 @@ struct Bmp {
     }
     ~Bmp() { K_FreeBitmap(&bm); }
     void put(const std::vector<uint8_t>& rows) {
-        for (int y = 0; y < bm.nHeight; ++y) ASSERT_GE(K_PutBitmapRow(&bm, rows.data() + size_t(y) * bm.nBytesPerLine, y, bm.nBytesPerLine), 0);
+        for (int y = 0; y < bm.nHeight; ++y)
+            ASSERT_GE(K_PutBitmapRow(&bm, rows.data() + size_t(y) * bm.nBytesPerLine, y, bm.nBytesPerLine), 0);
     }
     std::vector<uint8_t> rows() { return getImage(&bm).px; }
     int32_t res(BITMAPRECORD* dst, int bits, uint32_t flags, const RGBQUAD* pal = nullptr, int n = 0) {
@@ -55,20 +65,18 @@ struct Src24 : Bmp {
     Src24(int w, int h, const std::vector<uint8_t>& px) : Bmp(w, h, 24, ORDER_BGR) { put(px); }
 };
 
-// Every pixel of an indexed result is the entry K_FindPaletteIndex picks for
-// the colour of the 24-bit BGR rows it came from.
-void expectNearest(Bmp& dst, const std::vector<uint8_t>& px, const RGBQUAD* pal, int n) {
-    auto out = dst.rows();
-    const int w = dst.bm.nWidth;
-    for (int y = 0; y < dst.bm.nHeight; ++y)
-        for (int x = 0; x < w; ++x) {
-            const uint8_t* p = px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
-            ASSERT_EQ(getPixel(out.data() + size_t(y) * dst.bm.nBytesPerLine, x, dst.bm.nBitsPerPixel), uint64_t(K_FindPaletteIndex(pal, n, p[2], p[1], p[0])))
-                << x << ',' << y;
-        }
+// The colour at (x, y) of padded 24-bit BGR rows of width w.
+const uint8_t* at24(const std::vector<uint8_t>& px, int w, int x, int y) {
+    return px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
 }
-
-// ---------------------------------------------------------------- index searches
+// Every pixel of an indexed result is the entry K_FindPaletteIndex picks for the colour of the rows it came from.
+void expectNearest(Bmp& dst, const std::vector<uint8_t>& px, const RGBQUAD* pal, int n) {
+    RefImage out = getImage(&dst.bm);
+    EXPECT_EQ(firstMismatch(out, [&](int x, int y) {
+        const uint8_t* p = at24(px, out.width, x, y);
+        return uint64_t(K_FindPaletteIndex(pal, n, p[2], p[1], p[0]));
+    }), "");
+}
 
 TEST(ColorResSearch, Fixed256RowKernelsAgreeOverEveryColour) {
     if (!krn::cpuHasSsse3()) GTEST_SKIP() << "no SSSE3";
@@ -97,7 +105,7 @@ TEST(ColorResSearch, CellPrunedSearchEqualsTheScan) {
     };
     std::vector<RGBQUAD> dup = randomPal(40), lattice;  // duplicates, black and white at both ends
     dup[0] = dup[39] = quad(0, 0, 0), dup[5] = dup[17] = dup[30], dup[1] = dup[38] = quad(255, 255, 255);
-    for (int i = 0; i < 64; ++i) lattice.push_back(quad((i & 3) * 80, ((i >> 2) & 3) * 80, (i >> 4) * 80));  // many ties
+    for (int i = 0; i < 64; ++i) lattice.push_back(quad((i & 3) * 80, (i >> 2 & 3) * 80, (i >> 4) * 80));  // many ties
     const std::vector<RGBQUAD> cases[] = {{K_IntGetFixedPalette(4), K_IntGetFixedPalette(4) + 16},
                                           {K_IntGetNetscapePalette(), K_IntGetNetscapePalette() + 256},
                                           randomPal(256), randomPal(7), {quad(9, 9, 9)}, dup, lattice};
@@ -107,14 +115,13 @@ TEST(ColorResSearch, CellPrunedSearchEqualsTheScan) {
             ASSERT_TRUE(ni.build(pal.data(), int32_t(pal.size()), fine));
             for (int i = 0; i < 40002; ++i) {
                 int r = int(rng() & 255), g = int(rng() & 255), b = int(rng() & 255);
-                if (i % 3 == 0) r = int(rng() % 7) * 40, g = int(rng() % 7) * 40, b = int(rng() % 7) * 40;  // borders, ties
+                if (i % 3 == 0) r = int(rng() % 7) * 40, g = int(rng() % 7) * 40, b = int(rng() % 7) * 40;  // ties
                 if (i >= 40000) r = g = b = (i - 40000) * 255;
-                ASSERT_EQ(ni(r, g, b), K_FindPaletteIndex(pal.data(), int32_t(pal.size()), r, g, b)) << pal.size() << (fine ? " fine " : " ") << r << ' ' << g << ' ' << b;
+                ASSERT_EQ(ni(r, g, b), K_FindPaletteIndex(pal.data(), int32_t(pal.size()), r, g, b))
+                    << pal.size() << (fine ? " fine " : " ") << r << ' ' << g << ' ' << b;
             }
         }
 }
-
-// ---------------------------------------------------------------- round trips
 
 TEST(ColorRes, PaletteImageThroughTwentyFourBitsComesBackIdentical) {
     std::mt19937 rng(3);
@@ -122,25 +129,26 @@ TEST(ColorRes, PaletteImageThroughTwentyFourBitsComesBackIdentical) {
         const int n = 1 << bits, w = 37, h = 9;
         std::vector<RGBQUAD> pal;  // distinct colours, black and white included at odd places
         while (int(pal.size()) < n) {
-            RGBQUAD c = pal.size() == size_t(n / 2) ? quad(0, 0, 0) : pal.size() == 1 && n > 2 ? quad(255, 255, 255) : anyColour(rng);
-            if (std::none_of(pal.begin(), pal.end(), [&](const RGBQUAD& e) { return std::memcmp(&e, &c, 3) == 0; }))
+            const size_t k = pal.size();
+            RGBQUAD c = k == size_t(n / 2) ? quad(0, 0, 0) : k == 1 && n > 2 ? quad(255, 255, 255) : anyColour(rng);
+            if (std::none_of(pal.begin(), pal.end(), [&](const RGBQUAD& e) { return !std::memcmp(&e, &c, 3); }))
                 pal.push_back(c);
         }
         Bmp src(w, h, bits, ORDER_RGB, pal.data());
-        std::vector<uint8_t> px(size_t(src.bm.nBytesPerLine) * h);
+        RefImage ref(w, h, bits);
         for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) setPixel(px.data() + size_t(y) * src.bm.nBytesPerLine, x, bits, rng() % uint32_t(n));
+            for (int x = 0; x < w; ++x) setPixel(ref.row(y), x, bits, rng() % uint32_t(n));
+        const std::vector<uint8_t>& px = ref.px;
         src.put(px);
         Bmp deep;
         ASSERT_EQ(src.res(&deep.bm, 24, CRF_BYTEORDERBGR), KS_SUCCESS);
         ASSERT_EQ(deep.res(&deep.bm, bits, CRF_USERPALETTE | CRF_NODITHERING, pal.data(), n), KS_SUCCESS);
-        EXPECT_TRUE(deep.bm.nBitsPerPixel == bits && deep.rows() == px && !std::memcmp(deep.bm.pPalette, pal.data(), sizeof(RGBQUAD) * size_t(n))) << bits;
+        EXPECT_TRUE(deep.bm.nBitsPerPixel == bits && deep.rows() == px) << bits;
+        EXPECT_EQ(std::memcmp(deep.bm.pPalette, pal.data(), sizeof(RGBQUAD) * size_t(n)), 0);
         Bmp direct;  // index to index: every pixel keeps its index at 8 bits
         ASSERT_EQ(src.res(&direct.bm, 8, CRF_USERPALETTE | CRF_NODITHERING, pal.data(), n), KS_SUCCESS);
-        const auto out = direct.rows();
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-                ASSERT_EQ(out[size_t(y) * direct.bm.nBytesPerLine + size_t(x)], getPixel(px.data() + size_t(y) * src.bm.nBytesPerLine, x, bits)) << bits << " at " << x;
+        RefImage out = getImage(&direct.bm);
+        EXPECT_EQ(firstMismatch(out, [&](int x, int y) { return pixelAt(ref.row(y), x, bits); }), "") << bits;
     }
     // Grey through colour (in place, to 24 and 48 bits) and back through 16-bit grey.
     Bmp grey(256, 3, 8, ORDER_GRAY);
@@ -163,23 +171,19 @@ TEST(ColorRes, GreyDestinationsFollowTheGreyRule) {
     for (int bits : {1, 4, 8, 12, 16}) {
         Bmp dst;
         ASSERT_EQ(src.res(&dst.bm, bits, CRF_BYTEORDERGRAY | CRF_NODITHERING), KS_SUCCESS);
-        auto out = dst.rows();
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) {
-                const uint8_t* p = px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
-                const uint32_t g8 = (2u * p[2] + 5u * p[1] + p[0] + 4u) >> 3;
-                const uint8_t* row = out.data() + size_t(y) * dst.bm.nBytesPerLine;
-                ASSERT_EQ(bits == 16 ? le16(row, x) : pixelAt(row, x, bits), bits <= 8 ? g8 >> (8 - bits) : (g8 * ((1u << bits) - 1u)) / 255u) << bits << " at " << x << ',' << y;
-            }
+        RefImage out = getImage(&dst.bm);
+        EXPECT_EQ(firstMismatch(out, [&](int x, int y) {
+            const uint8_t* p = at24(px, w, x, y);
+            const uint32_t g8 = (2u * p[2] + 5u * p[1] + p[0] + 4u) >> 3;
+            const uint32_t v = bits <= 8 ? g8 >> (8 - bits) : g8 * ((1u << bits) - 1u) / 255u;
+            return bits == 16 ? (v >> 8 | (v & 255) << 8) : v;  // read as bits: 16-bit words byte-swapped
+        }), "") << bits;
     }
 }
 
-// ---------------------------------------------------------------- palettes
-
-// A caller palette without dithering takes the nearest entry whichever
-// matcher serves it: the colour-match tree (colours of the palette), an
-// installed table or one built for the call (colours on the 5-5-5 grid), or
-// the exact search (any colour); from every deep source layout.
+// A caller palette without dithering takes the nearest entry whichever matcher serves it: the colour-match tree
+// (colours of the palette), an installed table or one built for the call (colours on the 5-5-5 grid), or the exact
+// search (any colour); from every deep source layout.
 TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
     std::mt19937 rng(21);
     std::vector<RGBQUAD> pal;
@@ -201,7 +205,8 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
             Bmp src, dst;
             ASSERT_EQ(src24.res(&src.bm, bits[layout], layout % 2 ? 0 : CRF_BYTEORDERBGR), KS_SUCCESS);
             src.bm.nDitheringMethod = DITHER_FLOYD_STEINBERG;  // no dithering asked: ignored
-            ASSERT_EQ(src.res(&dst.bm, 8, CRF_USERPALETTE | CRF_NODITHERING | (path == Exact ? CRF_EXACTMATCH : 0u), pal.data(), 200), KS_SUCCESS);
+            const uint32_t flags = CRF_USERPALETTE | CRF_NODITHERING | (path == Exact ? CRF_EXACTMATCH : 0u);
+            ASSERT_EQ(src.res(&dst.bm, 8, flags, pal.data(), 200), KS_SUCCESS);
             SCOPED_TRACE(::testing::Message() << "path " << int(path) << " layout " << layout);
             expectNearest(dst, px, pal.data(), 200);
         }
@@ -225,9 +230,11 @@ TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
     const int w = 70, h = 6;
     auto px = rows24(w, h, [&] { return anyColour(rng); });
     Src24 src(w, h, px);
+    const RGBQUAD* fixed[9] = {};
+    for (int d = 3; d <= 8; ++d) fixed[d] = K_IntGetFixedPalette(d);
     const struct { int bits; uint32_t flags; const RGBQUAD* pal; } cases[] = {
-                 {8, 0, K_IntGetFixedPalette(8)}, {8, CRF_FIXEDPALETTE, K_IntGetFixedPalette(8)}, {4, 0, K_IntGetFixedPalette(4)},
-                 {3, CRF_FIXEDPALETTE, K_IntGetFixedPalette(3)}, {8, CRF_NETSCAPEPALETTE, K_IntGetNetscapePalette()}};
+        {8, 0, fixed[8]}, {8, CRF_FIXEDPALETTE, fixed[8]}, {4, 0, fixed[4]}, {3, CRF_FIXEDPALETTE, fixed[3]},
+        {8, CRF_NETSCAPEPALETTE, K_IntGetNetscapePalette()}};
     for (const auto& c : cases) {
         Bmp dst;
         ASSERT_EQ(src.res(&dst.bm, c.bits, c.flags | CRF_NODITHERING), KS_SUCCESS);
@@ -235,8 +242,6 @@ TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
         expectNearest(dst, px, c.pal, 1 << c.bits);
     }
 }
-
-// ---------------------------------------------------------------- flag words, the memory cap
 
 TEST(ColorRes, DeepFrameFlagWordsChooseTheOrder) {
     const RGBQUAD pal[2] = {quad(1, 2, 3), quad(200, 100, 50)};
@@ -246,7 +251,8 @@ TEST(ColorRes, DeepFrameFlagWordsChooseTheOrder) {
         Bmp dst;
         ASSERT_EQ(src.res(&dst.bm, 24, flags), KS_SUCCESS);
         const uint8_t want[2][9] = {{1, 2, 3, 200, 100, 50, 1, 2, 3}, {3, 2, 1, 50, 100, 200, 3, 2, 1}};
-        EXPECT_TRUE(dst.bm.nOrder == (flags ? ORDER_BGR : ORDER_RGB) && !std::memcmp(dst.rows().data(), want[flags ? 1 : 0], 9)) << flags;
+        EXPECT_EQ(dst.bm.nOrder, flags ? ORDER_BGR : ORDER_RGB);
+        EXPECT_EQ(std::memcmp(dst.rows().data(), want[flags ? 1 : 0], 9), 0) << flags;
     }
 }
 
@@ -272,8 +278,6 @@ TEST(ColorRes, BitmapsLargerThanTheCapConvertRowByRow) {
     EXPECT_EQ(big.rows(), small.rows());
 }
 
-// ---------------------------------------------------------------- bad input and faults
-
 TEST(ColorRes, BadInputChangesNothing) {
     std::vector<RGBQUAD> pal(16, quad(1, 2, 3));
     Bmp src(10, 4, 24, ORDER_BGR), locked(10, 4, 24, ORDER_BGR);
@@ -282,48 +286,51 @@ TEST(ColorRes, BadInputChangesNothing) {
     K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 10, 4, 24);
     const uint32_t R = BITMAPRECORD_SIZE;
     const RGBQUAD* P = pal.data();
+    BITMAPRECORD* S = &src.bm;
+    const int32_t I = KS_INVALID_PARAMETER;
     const struct { const char* what; BITMAPRECORD* src; bool inPlace; int bits; uint32_t flags;
                    const RGBQUAD* pal; int n; uint32_t size; int32_t want; } cases[] = {
-        {"null source", nullptr, false, 8, 0, nullptr, 0, R, KS_INVALID_PARAMETER},
+        {"null source", nullptr, false, 8, 0, nullptr, 0, R, I},
         {"unallocated source", &unalloc, false, 8, 0, nullptr, 0, R, KS_INVALID_BITMAP},
-        {"size word", &src.bm, false, 8, 0, nullptr, 0, 100, KS_INVALID_STRUCT_SIZE},
-        {"depth 9", &src.bm, false, 9, 0, nullptr, 0, R, KS_INVALID_BITS_PER_PIXEL},
-        {"depth 0", &src.bm, true, 0, 0, nullptr, 0, R, KS_INVALID_BITS_PER_PIXEL},
-        {"unknown flag", &src.bm, false, 8, 0x200, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"two palettes", &src.bm, false, 8, CRF_FIXEDPALETTE | CRF_NETSCAPEPALETTE, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"two orders", &src.bm, false, 24, CRF_BYTEORDERBGR | CRF_BYTEORDERROMM, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"dither twice", &src.bm, false, 4, CRF_NODITHERING | CRF_DITHER(1), nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"method 9", &src.bm, false, 4, CRF_DITHER(9), nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"user palette null", &src.bm, false, 4, CRF_USERPALETTE, nullptr, 16, R, KS_INVALID_PARAMETER},
-        {"palette longer than depth", &src.bm, true, 4, CRF_USERPALETTE, P, 17, R, KS_INVALID_PARAMETER},
-        {"no colours", &src.bm, false, 4, CRF_USERPALETTE, P, 0, R, KS_INVALID_PARAMETER},
-        {"optimised 1 colour", &src.bm, false, 4, CRF_OPTIMIZEDPALETTE, nullptr, 1, R, KS_INVALID_PARAMETER},
-        {"web at 4 bits", &src.bm, false, 4, CRF_NETSCAPEPALETTE, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"palette at 24 bits", &src.bm, false, 24, CRF_FIXEDPALETTE, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"grey at 24 bits", &src.bm, false, 24, CRF_BYTEORDERGRAY, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"BGR at 12 bits", &src.bm, false, 12, CRF_BYTEORDERBGR, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"wide at 32 bits", &src.bm, false, 32, CRF_BYTEORDERROMM, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"BGR at 8 bits", &src.bm, false, 8, CRF_BYTEORDERBGR, nullptr, 0, R, KS_INVALID_PARAMETER},
-        {"locked in place", &locked.bm, true, 8, 0, nullptr, 0, R, KS_INVALID_PARAMETER},
+        {"size word", S, false, 8, 0, nullptr, 0, 100, KS_INVALID_STRUCT_SIZE},
+        {"depth 9", S, false, 9, 0, nullptr, 0, R, KS_INVALID_BITS_PER_PIXEL},
+        {"depth 0", S, true, 0, 0, nullptr, 0, R, KS_INVALID_BITS_PER_PIXEL},
+        {"unknown flag", S, false, 8, 0x200, nullptr, 0, R, I},
+        {"two palettes", S, false, 8, CRF_FIXEDPALETTE | CRF_NETSCAPEPALETTE, nullptr, 0, R, I},
+        {"two orders", S, false, 24, CRF_BYTEORDERBGR | CRF_BYTEORDERROMM, nullptr, 0, R, I},
+        {"dither twice", S, false, 4, CRF_NODITHERING | CRF_DITHER(1), nullptr, 0, R, I},
+        {"method 9", S, false, 4, CRF_DITHER(9), nullptr, 0, R, I},
+        {"user palette null", S, false, 4, CRF_USERPALETTE, nullptr, 16, R, I},
+        {"palette longer than depth", S, true, 4, CRF_USERPALETTE, P, 17, R, I},
+        {"no colours", S, false, 4, CRF_USERPALETTE, P, 0, R, I},
+        {"optimised 1 colour", S, false, 4, CRF_OPTIMIZEDPALETTE, nullptr, 1, R, I},
+        {"web at 4 bits", S, false, 4, CRF_NETSCAPEPALETTE, nullptr, 0, R, I},
+        {"palette at 24 bits", S, false, 24, CRF_FIXEDPALETTE, nullptr, 0, R, I},
+        {"grey at 24 bits", S, false, 24, CRF_BYTEORDERGRAY, nullptr, 0, R, I},
+        {"BGR at 12 bits", S, false, 12, CRF_BYTEORDERBGR, nullptr, 0, R, I},
+        {"wide at 32 bits", S, false, 32, CRF_BYTEORDERROMM, nullptr, 0, R, I},
+        {"BGR at 8 bits", S, false, 8, CRF_BYTEORDERBGR, nullptr, 0, R, I},
+        {"locked in place", &locked.bm, true, 8, 0, nullptr, 0, R, I},
     };
     for (const auto& c : cases) {
         Sentinel dst;
         BITMAPRECORD before{};
         if (c.src) before = *c.src;
-        EXPECT_EQ(K_ColorResBitmap(c.src, c.inPlace ? c.src : &dst.bm, c.bits, c.flags, c.pal, c.n, c.size), c.want) << c.what;
+        BITMAPRECORD* to = c.inPlace ? c.src : &dst.bm;
+        EXPECT_EQ(K_ColorResBitmap(c.src, to, c.bits, c.flags, c.pal, c.n, c.size), c.want) << c.what;
         EXPECT_TRUE(dst.intact() && (!c.src || !std::memcmp(&before, c.src, sizeof(before)))) << c.what;
     }
-    EXPECT_TRUE(src.res(nullptr, 8, 0) == KS_INVALID_PARAMETER && K_GrayScaleBitmap(nullptr, 8) == KS_INVALID_PARAMETER);
+    EXPECT_TRUE(src.res(nullptr, 8, 0) == I && K_GrayScaleBitmap(nullptr, 8) == I);
     EXPECT_EQ(K_GrayScaleBitmap(&src.bm, 24), KS_INVALID_BITS_PER_PIXEL);
     K_ReleaseBitmap(&locked.bm);
 }
 
-// Every allocation of a call from a palette or grey source failing in turn:
-// the call succeeds or leaves the source, the destination record and the
-// block count as they were.
+// Every allocation of a call from a palette or grey source failing in turn: the call succeeds or leaves the source,
+// the destination record and the block count as they were.
 TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
     const struct { int srcBits, dstBits; uint32_t flags; bool inPlace; } cases[] = {
-        {8, 24, 0, false}, {8, 4, CRF_FIXEDPALETTE | CRF_DITHER(1), false}, {16, 8, CRF_BYTEORDERGRAY, true}, {24, 16, CRF_BYTEORDER565, true}};
+        {8, 24, 0, false}, {8, 4, CRF_FIXEDPALETTE | CRF_DITHER(1), false}, {16, 8, CRF_BYTEORDERGRAY, true},
+        {24, 16, CRF_BYTEORDER565, true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.srcBits << " -> " << c.dstBits << " flags " << c.flags);
         RefImage ref(37, 11, c.srcBits);
@@ -337,10 +344,249 @@ TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
                 if (!c.inPlace) K_FreeBitmap(&dst.bm);
                 return;
             }
-            EXPECT_TRUE(dst.intact() && !std::memcmp(&src.bm, &record, sizeof record) && getImage(&src.bm).px == ref.px) << armed.n;
+            EXPECT_TRUE(dst.intact() && !std::memcmp(&src.bm, &record, sizeof record)) << armed.n;
+            EXPECT_EQ(getImage(&src.bm).px, ref.px) << armed.n;
         }, 1, true);
         EXPECT_GT(failures, 0);
     }
+}
+
+// A single-block 24-bit BGR bitmap from packed BGR pixels.
+struct Img {
+    BITMAPRECORD bm{};
+    int w, h;
+    std::vector<uint8_t> px;  // packed, no padding
+    Img(int width, int height, std::vector<uint8_t> bgr) : w(width), h(height), px(std::move(bgr)) {
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+        for (int y = 0; y < h; ++y) K_PutBitmapRow(&bm, px.data() + size_t(y) * size_t(w) * 3, y, uint32_t(w) * 3);
+    }
+    ~Img() { K_FreeBitmap(&bm); }
+};
+
+// Mean squared error (per channel) of a quantised bitmap against the pixels.
+double mse(BITMAPRECORD* q, const std::vector<uint8_t>& px, int w, int h) {
+    std::vector<uint8_t> row(q->nBytesPerLine);
+    double sum = 0;
+    for (int y = 0; y < h; ++y) {
+        K_GetBitmapRow(q, row.data(), y, q->nBytesPerLine);
+        for (int x = 0; x < w; ++x) {
+            const RGBQUAD& e = q->pPalette[row[size_t(x)]];
+            const uint8_t* p = px.data() + (size_t(y) * size_t(w) + size_t(x)) * 3;
+            const int d[3] = {e.rgbBlue - p[0], e.rgbGreen - p[1], e.rgbRed - p[2]};
+            sum += d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
+        }
+    }
+    return sum / (3.0 * w * h);
+}
+
+std::vector<uint8_t> fewColours(int w, int h, const std::vector<RGBQUAD>& cs, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::vector<uint8_t> px(size_t(w) * size_t(h) * 3);
+    for (size_t i = 0; i < px.size(); i += 3) std::memcpy(&px[i], &cs[rng() % cs.size()], 3);
+    return px;
+}
+// An optimised-palette colour resolution of the image: its error.
+double optimisedError(Img& img, uint32_t flags, const RGBQUAD* pal, int n) {
+    BITMAPRECORD q;
+    EXPECT_EQ(K_ColorResBitmap(&img.bm, &q, 8, flags | CRF_NODITHERING, pal, n, BITMAPRECORD_SIZE), KS_SUCCESS);
+    const double e = mse(&q, img.px, img.w, img.h);
+    return K_FreeBitmap(&q), e;
+}
+
+TEST(ColorResOptPal, FewColoursComeBackExactly) {
+    std::mt19937 rng(1);
+    struct Case { int w, h, colours, n; };
+    // The last image is large enough to be sampled: one odd pixel placed
+    // between the sample points must still be found.
+    for (Case c : {Case{31, 17, 2, 2}, Case{64, 64, 16, 16}, Case{50, 40, 200, 256}, Case{1100, 1000, 9, 10}}) {
+        std::vector<RGBQUAD> cs;
+        std::set<uint32_t> keys;
+        while (int(cs.size()) < c.colours) {
+            RGBQUAD q = quad(int(rng() & 255), int(rng() & 255), int(rng() & 255));
+            if (keys.insert(key(q)).second) cs.push_back(q);
+        }
+        std::vector<RGBQUAD> common(cs.begin(), cs.end() - (c.w > 1000 ? 1 : 0));
+        auto px = fewColours(c.w, c.h, common, 3);
+        if (c.w > 1000) std::memcpy(&px[(size_t(c.w) + 1) * 3], &cs.back(), 3);  // one pixel, off the sampling grid
+        Img img(c.w, c.h, px);
+        std::vector<RGBQUAD> pal(size_t(c.n), quad(7, 7, 7));
+        int32_t used = -1;
+        ASSERT_TRUE(K_CreateBitmapOptPal(&img.bm, pal.data(), c.n, 0, 0, &used) == KS_SUCCESS && used == c.colours);
+        std::set<uint32_t> got;
+        for (int i = 0; i < used; ++i) got.insert(key(pal[size_t(i)]));
+        EXPECT_EQ(got, keys) << c.w << 'x' << c.h;
+        EXPECT_EQ(optimisedError(img, CRF_OPTIMIZEDPALETTE, nullptr, c.n), 0.0);  // through colour resolution
+    }
+}
+
+TEST(ColorResOptPal, ReservedAndTransparentEntriesAreKept) {
+    auto px = phototest::photoLike(80, 60, 2);
+    Img img(80, 60, px);
+    std::vector<RGBQUAD> pal(32, quad(0, 0, 0));
+    pal[0] = quad(255, 0, 255), pal[1] = quad(1, 2, 3), pal[31] = quad(0, 254, 0);
+    int32_t used = 0;
+    ASSERT_EQ(K_CreateBitmapOptPal(&img.bm, pal.data(), 32, 2, OPTPAL_TRANSPARENT, &used), KS_SUCCESS);
+    EXPECT_TRUE(used == 32 && key(pal[0]) == 0xFF00FF && key(pal[1]) == 0x010203 && key(pal[31]) == 0x00FE00);
+    std::set<uint32_t> distinct;
+    for (const auto& e : pal) distinct.insert(key(e));
+    EXPECT_GT(distinct.size(), 25u);
+}
+
+TEST(ColorResOptPal, RefinementNeverLosesToTheSplitAlone) {
+    auto px = phototest::photoLike(160, 120, 9);
+    Img img(160, 120, px);
+    for (int n : {4, 16, 64, 256}) {
+        double err[2];
+        for (int fast = 0; fast < 2; ++fast) {
+            std::vector<RGBQUAD> pal(static_cast<size_t>(n));
+            ASSERT_EQ(K_CreateBitmapOptPal(&img.bm, pal.data(), n, 0, fast ? OPTPAL_FAST : 0, nullptr), KS_SUCCESS);
+            err[fast] = optimisedError(img, CRF_USERPALETTE | CRF_EXACTMATCH, pal.data(), n);
+        }
+        EXPECT_LE(err[0], err[1] * 1.0001) << n;
+    }
+    // An entry no sample chooses keeps its split value: beside a reserved grey the split makes a second grey,
+    // which every grey pixel leaves to the lower index (an exact match), and (5,5,5) for the two dark colours.
+    std::vector<uint8_t> few(16 * 4 * 3, 100);
+    std::memset(few.data(), 0, 6), std::memset(few.data() + 6, 10, 6);  // two black pixels, two (10,10,10)
+    Img grey(16, 4, few);
+    RGBQUAD split[3] = {quad(100, 100, 100)}, refined[3] = {quad(100, 100, 100)};
+    ASSERT_EQ(K_CreateBitmapOptPal(&grey.bm, split, 3, 1, OPTPAL_FAST, nullptr), KS_SUCCESS);
+    ASSERT_EQ(K_CreateBitmapOptPal(&grey.bm, refined, 3, 1, 0, nullptr), KS_SUCCESS);
+    EXPECT_TRUE(key(split[1]) == 0x050505 && key(split[2]) == 0x646464 && !std::memcmp(split, refined, sizeof split));
+}
+
+TEST(ColorResOptPal, BadInputWritesNothing) {
+    auto px = phototest::photoLike(8, 8, 1);
+    Img img(8, 8, px);
+    BITMAPRECORD unalloc;
+    K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 8, 8, 24);
+    const int32_t P = KS_INVALID_PARAMETER, U = KS_INVALID_BITMAP;
+    BITMAPRECORD* B = &img.bm;
+    const struct { BITMAPRECORD* bm; bool pal; int n, reserved; uint32_t flags; int32_t want; } cases[] = {
+        {nullptr, true, 16, 0, 0, P}, {B, false, 16, 0, 0, P}, {B, true, 1, 0, 0, P}, {B, true, 257, 0, 0, P},
+        {B, true, 16, 17, 0, P}, {B, true, 16, -1, 0, P}, {B, true, 16, 0, 0x10, P}, {&unalloc, true, 16, 0, 0, U},
+        {B, true, 16, 16, OPTPAL_TRANSPARENT, P}};
+    for (const auto& c : cases) {
+        std::vector<RGBQUAD> pal(300, quad(9, 9, 9));
+        int32_t used = -5;
+        EXPECT_EQ(K_CreateBitmapOptPal(c.bm, c.pal ? pal.data() : nullptr, c.n, c.reserved, c.flags, &used), c.want);
+        EXPECT_EQ(used, -5) << c.n << " " << c.reserved;
+        for (const auto& e : pal) ASSERT_EQ(key(e), key(quad(9, 9, 9)));
+    }
+    // Allocation failures: nothing written, nothing leaked.
+    tkit::allocationWalk([&](tkit::Armed& armed) {
+        std::vector<RGBQUAD> pal(16, quad(9, 9, 9));
+        if (armed([&] { return K_CreateBitmapOptPal(&img.bm, pal.data(), 16, 0, 0, nullptr); }) == KS_SUCCESS) return;
+        for (const auto& e : pal) ASSERT_EQ(key(e), key(quad(9, 9, 9)));
+    }, 1, true);
+}
+
+// Colours the split and the refinement must not lose: a quarter of near-black pixels (the first cell of the sample)
+// among many bright colours, and colours that differ in blue only. Every entry count, split alone and refined.
+TEST(ColorResOptPal, NearBlackAndBlueOnlyColoursAreCovered) {
+    std::mt19937 rng(6);
+    const int w = 96, h = 64;
+    std::vector<uint8_t> dark(size_t(w) * h * 3), blue(dark.size());
+    for (size_t i = 0; i < dark.size(); i += 3) {
+        const bool black = rng() % 4 == 0;
+        for (int k = 0; k < 3; ++k) dark[i + size_t(k)] = uint8_t(black ? rng() % 4 : 128 + rng() % 128);
+        blue[i] = uint8_t(rng()), blue[i + 1] = blue[i + 2] = 100;
+    }
+    Img imgs[2] = {{w, h, dark}, {w, h, blue}};
+    for (int n : {8, 16})
+        for (int fast = 0; fast < 2; ++fast)
+            for (int k = 0; k < 2; ++k) {
+                std::vector<RGBQUAD> pal(static_cast<size_t>(n));
+                ASSERT_EQ(K_CreateBitmapOptPal(&imgs[k].bm, pal.data(), n, 0, fast ? OPTPAL_FAST : 0, {}), KS_SUCCESS);
+                // an entry for the near-black quarter; blue alone, uniform: about as good as n equal slices of
+                // the range, (256 / n)^2 / 12 over three channels
+                auto nearBlack = [](const RGBQUAD& e) { return (key(e) & 0xF8F8F8) == 0; };
+                const double bound = 1.03 * (256.0 / n) * (256.0 / n) / 36;
+                if (k == 0) EXPECT_TRUE(std::any_of(pal.begin(), pal.end(), nearBlack)) << n << " " << fast;
+                else EXPECT_LT(optimisedError(imgs[k], CRF_USERPALETTE | CRF_EXACTMATCH, pal.data(), n), bound) << n;
+            }
+}
+
+// Pillow's quantizers on the same image, through the script beside the
+// benchmarks; skipped when python3 with Pillow is not there.
+std::map<std::pair<std::string, int>, double> pillowErrors(const std::string& ppm, const std::vector<int>& counts) {
+    // The script: beside this source (an absolute __FILE__), or found from the test binary (build/tests/).
+    char exe[1024] = {};
+    const std::string file = __FILE__;
+    const std::string bin(exe, size_t(std::max<ssize_t>(0, readlink("/proc/self/exe", exe, sizeof(exe) - 1))));
+    std::string script, cmd = "/usr/bin/python3 ";
+    const std::string dirs[] = {file.substr(0, file.rfind('/')) + "/../bench/",
+                                bin.substr(0, bin.rfind('/')) + "/../../bench/"};
+    for (std::string c : dirs)
+        if (script.empty() && access((c += "pillow_quantize.py").c_str(), R_OK) == 0) script = c;
+    std::map<std::pair<std::string, int>, double> out;
+    if (script.empty()) return out;
+    cmd.append(script).append(" ").append(ppm);
+    for (int n : counts) cmd.append(" ").append(std::to_string(n));
+    FILE* p = popen(cmd.append(" 2>/dev/null").c_str(), "r");
+    if (!p) return out;
+    char name[32];
+    int n;
+    double e, t;
+    while (std::fscanf(p, "%31s %d %lf %lf", name, &n, &e, &t) == 4) out[{name, n}] = e;
+    pclose(p);
+    return out;
+}
+
+TEST(ColorResOptPal, PhotoLikeErrorIsBelowPillowMedianCutAndOctree) {
+    const int w = 320, h = 240;
+    const std::vector<int> counts = {256, 64, 16};
+    for (uint32_t seed : {1u, 2u}) {
+        auto px = phototest::photoLike(w, h, seed);
+        const std::string ppm = ::testing::TempDir() + "colorres_photo_" + std::to_string(seed) + ".ppm";
+        ASSERT_TRUE(phototest::writePpm(ppm, px, w, h));
+        auto pillow = pillowErrors(ppm, counts);
+        std::remove(ppm.c_str());
+        if (pillow.size() != counts.size() * 2) GTEST_SKIP() << "python3 with Pillow not available";
+        Img img(w, h, px);
+        for (int n : counts) {
+            const double ours = optimisedError(img, CRF_OPTIMIZEDPALETTE, nullptr, n);
+            const double mc = pillow[{"mediancut", n}], oct = pillow[{"fastoctree", n}];
+            std::printf("image %u, %3d colours: mse ours %8.3f, median cut %8.3f, fast octree %8.3f\n", seed, n, ours,
+                        mc, oct);
+            EXPECT_TRUE(ours < mc && ours < oct) << n;
+        }
+    }
+}
+
+// One palette for every bitmap of a list: the union of the bitmaps' colours when it fits, and bad handles refused.
+TEST(ColorResOptPal, ListPaletteCoversEveryBitmap) {
+    HBITMAPLIST list = nullptr;
+    ASSERT_EQ(K_CreateBitmapList(&list), KS_SUCCESS);
+    std::set<uint32_t> all;
+    std::mt19937 rng(4);
+    for (int i = 0; i < 3; ++i) {
+        std::vector<RGBQUAD> cs;
+        for (int k = 0; k < 5; ++k) {
+            cs.push_back(quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)));
+            all.insert(key(cs.back()));
+        }
+        Img img(20 + i, 10, fewColours(20 + i, 10, cs, uint32_t(i)));
+        ASSERT_EQ(K_InsertBitmapListItem(list, BITMAPLIST_END, &img.bm), KS_SUCCESS);  // the list owns it now
+        img.bm = BITMAPRECORD{};
+    }
+    std::vector<RGBQUAD> pal(16);
+    int32_t used = 0;
+    ASSERT_EQ(K_CreateBitmapListOptPal(list, pal.data(), 16, 0, 0, &used), KS_SUCCESS);
+    std::set<uint32_t> got;
+    for (int i = 0; i < used; ++i) got.insert(key(pal[size_t(i)]));
+    EXPECT_EQ(got, all);
+    // Fewer entries than colours: every entry still used, none invented twice.
+    EXPECT_TRUE(K_CreateBitmapListOptPal(list, pal.data(), 8, 0, 0, &used) == KS_SUCCESS && used == 8);
+    for (int32_t st : {K_CreateBitmapListOptPal(nullptr, pal.data(), 8, 0, 0, &used),
+                       K_CreateBitmapListOptPal(list, nullptr, 8, 0, 0, &used),
+                       K_CreateBitmapListOptPal(list, pal.data(), 300, 0, 0, &used)})
+        EXPECT_EQ(st, KS_INVALID_PARAMETER);
+    ASSERT_EQ(K_DestroyBitmapList(list), KS_SUCCESS);
+    HBITMAPLIST empty = nullptr;
+    ASSERT_EQ(K_CreateBitmapList(&empty), KS_SUCCESS);
+    EXPECT_EQ(K_CreateBitmapListOptPal(empty, pal.data(), 8, 0, 0, &used), KS_INVALID_BITMAP);
+    K_DestroyBitmapList(empty);
 }
 
 }  // namespace

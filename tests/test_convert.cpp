@@ -1,8 +1,6 @@
-// test_convert.cpp - the buffer converter against the plain reference (every
-// depth, order, flag and window; the SIMD and plain kernels with guard bytes;
-// the colour-match tree), the four entries, the wide primaries, and the
-// helpers beside it: HSV, line-buffer sizes, grey-window padding and the
-// 32-bit grey reductions.
+// test_convert.cpp - the buffer converter against the plain reference (every depth, order, flag and window; the SIMD
+// and plain kernels with guard bytes; the colour-match tree), the four entries, the wide primaries, and the helpers
+// beside it: HSV, line-buffer sizes, grey-window padding and the 32-bit grey reductions.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -38,23 +36,30 @@ std::vector<RGBQUAD> randomPalette(std::mt19937& rng, int n) {
     for (auto& e : p) e = RGBQUAD{uint8_t(rng()), uint8_t(rng()), uint8_t(rng()), 0};
     return p;
 }
-
-std::string describe(const convref::Request& r) {
-    return (testing::Message() << "w=" << r.width << " " << r.srcBits << "/" << r.srcOrder << " -> " << r.dstBits << "/" << r.dstOrder << " flags=" << r.flags
-                               << " lo=" << r.lowBit << " hi=" << r.highBit << " cr=" << r.crTransparent << (r.extra ? " extra" : "")
-                               << (r.srcPal ? " spal" : "") << (r.dstPal ? " dpal" : "")).GetString();
+convref::Request request(int width, int sb, int so, int db, int dO) {
+    convref::Request r;
+    r.width = width, r.srcBits = sb, r.srcOrder = so, r.dstBits = db, r.dstOrder = dO;
+    return r;
 }
 
-// Runs one request through the library and the reference on `buffer` (run
-// bytes + guard; bytes past the source run get `fill`); "" when they agree:
-// the status, a refused call leaving every byte, the guard, the whole run.
+std::string describe(const convref::Request& r) {
+    return (testing::Message() << "w=" << r.width << " " << r.srcBits << "/" << r.srcOrder << " -> " << r.dstBits
+                               << "/" << r.dstOrder << " flags=" << r.flags << " lo=" << r.lowBit << " hi="
+                               << r.highBit << " cr=" << r.crTransparent << (r.extra ? " extra" : "")
+                               << (r.srcPal ? " spal" : "") << (r.dstPal ? " dpal" : ""))
+        .GetString();
+}
+
+// Runs one request through the library and the reference on `buffer` (run bytes + guard; bytes past the source run
+// get `fill`); "" when they agree: the status, a refused call leaving every byte, the guard, the whole run.
 std::string runCase(const convref::Request& r, Bytes orig, uint8_t fill) {
     for (size_t i = convref::srcRunBytes(r); i < orig.size() - kGuard; ++i) orig[i] = fill;
     for (size_t i = orig.size() - kGuard; i < orig.size(); ++i) orig[i] = uint8_t(0xA5 ^ i);
     Bytes lib = orig;
     int extraDummy = 0;
-    const int st = krn::convertBuffer(lib.data(), r.width, r.srcBits, r.dstBits, r.srcOrder, r.dstOrder, r.srcPal, r.dstPal, r.extra ? &extraDummy : nullptr,
-                                      r.flags, r.lowBit, r.highBit, r.crTransparent, r.tree);
+    const int st = krn::convertBuffer(lib.data(), r.width, r.srcBits, r.dstBits, r.srcOrder, r.dstOrder, r.srcPal,
+                                      r.dstPal, r.extra ? &extraDummy : nullptr, r.flags, r.lowBit, r.highBit,
+                                      r.crTransparent, r.tree);
     const int want = convref::expectedStatus(r);
     if (st != want) return "status " + std::to_string(st) + " want " + std::to_string(want);
     if (want < 0) return lib == orig ? "" : "refused call changed the buffer";
@@ -62,10 +67,13 @@ std::string runCase(const convref::Request& r, Bytes orig, uint8_t fill) {
         if (lib[i] != orig[i]) return "guard byte " + std::to_string(i) + " written";
     const Bytes ref = convref::convert(r, orig);
     for (size_t i = 0; i < convref::dstRunBytes(r); ++i)
-        if (lib[i] != ref[i]) return "byte " + std::to_string(i) + " is " + std::to_string(lib[i]) + " want " + std::to_string(ref[i]);
+        if (lib[i] != ref[i])
+            return "byte " + std::to_string(i) + ": " + std::to_string(lib[i]) + ", not " + std::to_string(ref[i]);
     return {};
 }
-Bytes bufferFor(std::mt19937& rng, const convref::Request& r) { return randomBytes(rng, std::max(convref::srcRunBytes(r), convref::dstRunBytes(r)) + kGuard); }
+Bytes bufferFor(std::mt19937& rng, const convref::Request& r) {
+    return randomBytes(rng, std::max(convref::srcRunBytes(r), convref::dstRunBytes(r)) + kGuard);
+}
 // A window lo..hi inside a sample of d bits (d = 0: 8).
 void randomWindow(std::mt19937& rng, convref::Request& r, int d) {
     d = d == 0 ? 8 : d;
@@ -74,6 +82,44 @@ void randomWindow(std::mt19937& rng, convref::Request& r, int d) {
 }
 
 }  // namespace
+
+// Flags, windows and transparent colours of variant v (0..8) of a request on `buf`.
+void vary(convref::Request& r, int v, const Bytes& buf, std::mt19937& rng) {
+    const int sb = r.srcBits;
+    switch (v) {
+        case 1: {  // transparent: the first pixel's colour, as the reference reads it
+            convref::Request q = r;
+            q.dstBits = 24, q.dstOrder = 0;
+            Bytes b24 = buf;
+            b24.resize(std::max(buf.size(), convref::dstRunBytes(q) + kGuard));
+            if (convref::expectedStatus(q) == 1) {
+                const Bytes out = convref::convert(q, b24);
+                r.crTransparent = uint32_t(out[0]) | uint32_t(out[1]) << 8 | uint32_t(out[2]) << 16;
+            }
+            r.flags = CONVERT_TRANSPARENT;
+            break;
+        }
+        case 2:
+            r.flags = CONVERT_TRANSPARENT;
+            r.crTransparent = CONVERT_PALETTEINDEX(sb >= 1 && sb <= 8 ? buf[0] >> (8 - sb) : 0);
+            break;
+        case 3: r.flags = CONVERT_SRCRANGE, randomWindow(rng, r, sb); break;
+        case 4: r.flags = CONVERT_DSTRANGE, randomWindow(rng, r, r.dstBits); break;
+        case 5:  // 0..-1: the whole sample
+            r.flags = CONVERT_SRCRANGE | CONVERT_SRCGRAY, r.lowBit = 0, r.highBit = -1, r.extra = true;
+            break;
+        case 6:  // windows that cannot be honoured
+            r.flags = (rng() & 1) ? CONVERT_SRCRANGE : CONVERT_DSTRANGE;
+            r.lowBit = 5, r.highBit = int(rng() % 5);
+            if (rng() & 1) r.lowBit = 0, r.highBit = 40 + int(rng() % 30);
+            break;
+        case 7: r.flags = CONVERT_SRCRANGE | CONVERT_DSTRANGE, r.lowBit = 1, r.highBit = 6; break;
+        case 8:  // flags that the orders override
+            r.flags = CONVERT_SRCGRAY | CONVERT_DSTGRAY | CONVERT_TRANSPARENT, r.crTransparent = 0x01FFFFFF;
+            r.lowBit = 2, r.highBit = 3;
+            break;
+    }
+}
 
 // Every (source, destination, order, flags) combination on random runs.
 TEST(ConvertMatrix, EveryCombinationMatchesReference) {
@@ -84,44 +130,15 @@ TEST(ConvertMatrix, EveryCombinationMatchesReference) {
         for (int db : kDepths)
             for (int so : kOrders)
                 for (int dO : kOrders)
-                    for (int variant = 0; variant < 18; ++variant) {
-                        convref::Request r;
-                        r.width = kWidths[(runs + size_t(variant % 2) * 7) % std::size(kWidths)];
-                        r.srcBits = sb, r.dstBits = db, r.srcOrder = so, r.dstOrder = dO;
+                    for (int variant = 0; variant < 18; ++variant, ++runs) {
+                        const int width = kWidths[(runs + size_t(variant % 2) * 7) % std::size(kWidths)];
+                        convref::Request r = request(width, sb, so, db, dO);
                         const Bytes buf = bufferFor(rng, r);
                         std::vector<RGBQUAD> spal, dpal;
                         if (rng() & 1) spal = randomPalette(rng, 256), r.srcPal = spal.data();
                         if (rng() & 1) dpal = randomPalette(rng, 256), r.dstPal = dpal.data();
-                        switch (variant / 2) {
-                            case 0: break;
-                            case 1: {  // transparent: the first pixel's colour, as the reference reads it
-                                convref::Request q = r;
-                                q.dstBits = 24, q.dstOrder = 0;
-                                Bytes b24 = buf;
-                                b24.resize(std::max(buf.size(), convref::dstRunBytes(q) + kGuard));
-                                if (convref::expectedStatus(q) == 1) {
-                                    const Bytes out = convref::convert(q, b24);
-                                    r.crTransparent = uint32_t(out[0]) | uint32_t(out[1]) << 8 | uint32_t(out[2]) << 16;
-                                }
-                                r.flags = CONVERT_TRANSPARENT;
-                                break;
-                            }
-                            case 2: r.flags = CONVERT_TRANSPARENT, r.crTransparent = CONVERT_PALETTEINDEX(sb >= 1 && sb <= 8 ? buf[0] >> (8 - sb) : 0); break;
-                            case 3: r.flags = CONVERT_SRCRANGE, randomWindow(rng, r, sb); break;
-                            case 4: r.flags = CONVERT_DSTRANGE, randomWindow(rng, r, db); break;
-                            case 5: r.flags = CONVERT_SRCRANGE | CONVERT_SRCGRAY, r.lowBit = 0, r.highBit = -1, r.extra = true; break;  // 0..-1: the whole sample
-                            case 6:  // windows that cannot be honoured
-                                r.flags = (rng() & 1) ? CONVERT_SRCRANGE : CONVERT_DSTRANGE;
-                                r.lowBit = 5, r.highBit = int(rng() % 5);
-                                if (rng() & 1) r.lowBit = 0, r.highBit = 40 + int(rng() % 30);
-                                break;
-                            case 7: r.flags = CONVERT_SRCRANGE | CONVERT_DSTRANGE, r.lowBit = 1, r.highBit = 6; break;
-                            case 8:  // flags that the orders override
-                                r.flags = CONVERT_SRCGRAY | CONVERT_DSTGRAY | CONVERT_TRANSPARENT, r.crTransparent = 0x01FFFFFF, r.lowBit = 2, r.highBit = 3;
-                                break;
-                        }
+                        vary(r, variant / 2, buf, rng);
                         const std::string err = runCase(r, buf, uint8_t(rng()));
-                        ++runs;
                         converted += convref::expectedStatus(r) > 0;
                         if (!err.empty() && failures++ < 20) ADD_FAILURE() << describe(r) << ": " << err;
                     }
@@ -129,11 +146,9 @@ TEST(ConvertMatrix, EveryCombinationMatchesReference) {
     EXPECT_GT(converted, runs / 5);  // the matrix is not all rejections
 }
 
-// The four entries hand their arguments to the one dispatcher (K_ConvertBuffer:
-// grey flags from the orders, no window; Ext: no extra pointer, no colour;
-// Ext2: the reserved argument ignored, no colour), and the status is the
-// reference's, for depths, orders and widths outside the accepted sets too;
-// a refused call changes no byte.
+// The four entries hand their arguments to the one dispatcher (K_ConvertBuffer: grey flags from the orders, no
+// window; Ext: no extra pointer, no colour; Ext2: the reserved argument ignored, no colour), and the status is the
+// reference's, for depths, orders and widths outside the accepted sets too; a refused call changes no byte.
 TEST(ConvertMatrix, EntriesPassTheirArgumentsOnAndRefuseBadValues) {
     std::mt19937 rng(77);
     const int badDepths[] = {-1, 9, 10, 11, 13, 15, 17, 20, 31, 40, 63, 65, 128}, badOrders[] = {-1, 3, 4, 6, 8, 100};
@@ -142,28 +157,33 @@ TEST(ConvertMatrix, EntriesPassTheirArgumentsOnAndRefuseBadValues) {
     int converted = 0;
     for (int k = 0; k < 4000; ++k) {
         const int sb = depth(), db = depth(), so = order(), dO = order();
-        const int width = rng() % 16 ? 1 + int(rng() % 40) : -int(rng() % 3), lo = int(rng() % 6) - 1, hi = int(rng() % 20) - 1;
+        const int width = rng() % 16 ? 1 + int(rng() % 40) : -int(rng() % 3);
+        const int lo = int(rng() % 6) - 1, hi = int(rng() % 20) - 1;
         const uint32_t flags = rng() & 0x8F, cr = (rng() & 1) ? rng() : CONVERT_PALETTEINDEX(rng());
         int dummy = 0;
         void* extra = (rng() & 1) ? &dummy : nullptr;
         const Bytes orig = randomBytes(rng, size_t(std::max(width, 1)) * 8);
-        convref::Request r;
-        r.width = width, r.srcBits = sb, r.dstBits = db, r.srcOrder = so, r.dstOrder = dO, r.extra = extra != nullptr;
-        r.flags = flags, r.lowBit = lo, r.highBit = hi, r.crTransparent = cr;
+        convref::Request r = request(width, sb, so, db, dO);
+        r.extra = extra != nullptr, r.flags = flags, r.lowBit = lo, r.highBit = hi, r.crTransparent = cr;
         auto check = [&](auto&& entry, void* ex, uint32_t fl, int l, int h, uint32_t c) {
             Bytes got = orig, want = orig;
             const int st = entry(got.data());
-            ASSERT_EQ(st, krn::convertBuffer(want.data(), width, sb, db, so, dO, nullptr, nullptr, ex, fl, l, h, c, nullptr));
+            ASSERT_EQ(st, krn::convertBuffer(want.data(), width, sb, db, so, dO, {}, {}, ex, fl, l, h, c, {}));
             ASSERT_EQ(got, st == KS_SUCCESS ? want : orig);
             converted += st == KS_SUCCESS;
         };
-        const uint32_t greyFlags = (so == ORDER_GRAY ? CONVERT_SRCGRAY : 0u) | (dO == ORDER_GRAY ? CONVERT_DSTGRAY : 0u);
-        check([&](uint8_t* b) { return K_ConvertBuffer(b, width, sb, db, so, dO, nullptr, nullptr); }, nullptr, greyFlags, -1, -1, 0);
-        check([&](uint8_t* b) { return K_ConvertBufferExt(b, width, sb, db, so, dO, nullptr, nullptr, flags, lo, hi); }, nullptr, flags, lo, hi, 0);
-        check([&](uint8_t* b) { return K_ConvertBufferExt2(b, width, sb, db, so, dO, nullptr, nullptr, extra, int32_t(rng()), flags, lo, hi); }, extra, flags,
-              lo, hi, 0);
+        const uint32_t greyFlags = (so == ORDER_GRAY ? CONVERT_SRCGRAY : 0) | (dO == ORDER_GRAY ? CONVERT_DSTGRAY : 0);
+        check([&](uint8_t* b) { return K_ConvertBuffer(b, width, sb, db, so, dO, nullptr, nullptr); },  //
+              nullptr, greyFlags, -1, -1, 0);
+        check([&](uint8_t* b) { return K_ConvertBufferExt(b, width, sb, db, so, dO, nullptr, nullptr, flags, lo, hi); },
+              nullptr, flags, lo, hi, 0);
         check([&](uint8_t* b) {
-            const int st = K_ConvertBufferExt3(b, width, sb, db, so, dO, nullptr, nullptr, extra, int32_t(rng()), flags, lo, hi, cr);
+            return K_ConvertBufferExt2(b, width, sb, db, so, dO, nullptr, nullptr, extra, int32_t(rng()), flags, lo,
+                                       hi);
+        }, extra, flags, lo, hi, 0);
+        check([&](uint8_t* b) {
+            const int st = K_ConvertBufferExt3(b, width, sb, db, so, dO, nullptr, nullptr, extra, int32_t(rng()), flags,
+                                               lo, hi, cr);
             EXPECT_EQ(st, convref::expectedStatus(r)) << describe(r);
             return st;
         }, extra, flags, lo, hi, cr);
@@ -172,19 +192,19 @@ TEST(ConvertMatrix, EntriesPassTheirArgumentsOnAndRefuseBadValues) {
     EXPECT_EQ(K_ConvertBuffer(nullptr, 8, 24, 24, 1, 0, nullptr, nullptr), KS_INVALID_PARAMETER);
 }
 
-// Transparency by index (entry 2, though entry 1 has its colour) and by
-// colour (both): random palettes in the matrix rarely repeat a colour.
+// Transparency by index (entry 2, though entry 1 has its colour) and by colour (both): random palettes in the
+// matrix rarely repeat a colour.
 TEST(ConvertEdges, TransparencyByIndexAndByColour) {
     RGBQUAD pal[4] = {{0, 0, 0, 0}, {10, 20, 30, 0}, {10, 20, 30, 0}, {255, 255, 255, 0}};
     Bytes b1(4 * 8, 0xEE);
     b1[0] = 0x1B;  // 2-bit indices 0,1,2,3
     Bytes b2 = b1;
-    ASSERT_EQ(K_ConvertBufferExt3(b1.data(), 4, 2, 32, ORDER_BGR, ORDER_BGR, pal, nullptr, nullptr, 0, CONVERT_TRANSPARENT, -1, -1, CONVERT_PALETTEINDEX(2)),
-              KS_SUCCESS);
+    const uint32_t T = CONVERT_TRANSPARENT, byIndex = CONVERT_PALETTEINDEX(2), colour = 0x0A141E;
+    const int B = ORDER_BGR, R = ORDER_RGB;
+    ASSERT_EQ(K_ConvertBufferExt3(b1.data(), 4, 2, 32, B, B, pal, nullptr, nullptr, 0, T, -1, -1, byIndex), KS_SUCCESS);
     EXPECT_EQ((Bytes{b1[3], b1[7], b1[11], b1[15]}), (Bytes{255, 255, 0, 255}));
-    ASSERT_EQ(K_ConvertBufferExt3(b2.data(), 4, 2, 64, ORDER_BGR, ORDER_RGB, pal, nullptr, nullptr, 0, CONVERT_TRANSPARENT, -1, -1, 30u | (20u << 8) | (10u << 16)),
-              KS_SUCCESS);
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(b2[size_t(8 * i + 6)] | (b2[size_t(8 * i + 7)] << 8), i == 1 || i == 2 ? 0 : 0xFFFF);
+    ASSERT_EQ(K_ConvertBufferExt3(b2.data(), 4, 2, 64, B, R, pal, nullptr, nullptr, 0, T, -1, -1, colour), KS_SUCCESS);
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(b2[8 * i + 6] | (b2[8 * i + 7] << 8), i == 1 || i == 2 ? 0 : 0xFFFF);
     EXPECT_EQ(b2[8] | (b2[9] << 8), 30 * 257);  // red first, widened
 }
 
@@ -208,9 +228,8 @@ TEST(ConvertRoundTrip, WidePrimariesNearlyInvert) {
     EXPECT_EQ(deep[0] | (deep[1] << 8), 65535);
 }
 
-// Runs `convert` in place on a copy of `src` placed `align` bytes past a
-// 64-byte boundary, guard bytes on both sides: the run must become `expect`
-// and the guards stay untouched.
+// Runs `convert` in place on a copy of `src` placed `align` bytes past a 64-byte boundary, guard bytes on both sides:
+// the run must become `expect` and the guards stay untouched.
 template <class F>
 static void checkAligned(const Bytes& src, const Bytes& expect, size_t align, F&& convert) {
     std::vector<uint64_t> store((2 * 64 + 128 + src.size()) / 8 + 1);
@@ -226,22 +245,19 @@ static void checkAligned(const Bytes& src, const Bytes& expect, size_t align, F&
         ASSERT_EQ(base[i], uint8_t(0xA5 ^ i)) << "guard " << i << ", alignment " << align;
 }
 
-// The direct kernels at every level the machine has and K_ConvertBuffer
-// agree with the plain kernel on the whole buffer (past a narrower
-// destination run the source bytes stay as the plain kernel leaves them),
-// at every start alignment within a cache line for the short runs, guards
-// untouched; the plain kernel's run is the reference's. Widths cover every
-// step of the kernels: the head up to the first line (up to 63 pixels), the
-// 16- and 32-pixel steps (the widening ones convert the rest first, the
-// swap's pairs read one pixel past their end) and the 4096-pixel chunks of
-// the backward walk; whole images of more than 4 MB in one run too.
+// The direct kernels at every level the machine has and K_ConvertBuffer agree with the plain kernel on the whole
+// buffer (past a narrower destination run the source bytes stay as the plain kernel leaves them), at every start
+// alignment within a cache line for the short runs, guards untouched; the plain kernel's run is the reference's.
+// Widths cover every step of the kernels: the head up to the first line (up to 63 pixels), the 16- and 32-pixel steps
+// (the widening ones convert the rest first, the swap's pairs read one pixel past their end) and the 4096-pixel
+// chunks of the backward walk; whole images of more than 4 MB in one run too.
 TEST(ConvertKernels, EveryLevelAndAlignmentMatchesPlainAndReference) {
     // source depth and order, destination depth and order, also as a whole image
-    const int keys[][5] = {{24, 0, 24, 1, 0}, {24, 1, 24, 0, 1}, {24, 1, 32, 1, 1}, {24, 0, 32, 1, 1}, {32, 1, 24, 1, 0},
-                           {32, 1, 24, 0, 0}, {24, 1, 16, 1, 0}, {24, 0, 16, 0, 0}, {24, 1, 16, 0, 0}, {24, 0, 16, 1, 0},
-                           {24, 1, 16, 7, 0}, {24, 0, 16, 7, 0}, {16, 1, 24, 1, 0}, {16, 7, 24, 0, 1}, {16, 0, 24, 1, 0},
-                           {16, 7, 24, 1, 0}, {48, 1, 24, 1, 0}, {48, 0, 24, 1, 0}, {24, 1, 0, 2, 0},  {24, 0, 0, 2, 0},
-                           {32, 1, 0, 2, 0}};
+    const int keys[][5] = {{24, 0, 24, 1, 0}, {24, 1, 24, 0, 1}, {24, 1, 32, 1, 1}, {24, 0, 32, 1, 1},
+                           {32, 1, 24, 1, 0}, {32, 1, 24, 0, 0}, {24, 1, 16, 1, 0}, {24, 0, 16, 0, 0},
+                           {24, 1, 16, 0, 0}, {24, 0, 16, 1, 0}, {24, 1, 16, 7, 0}, {24, 0, 16, 7, 0},
+                           {16, 1, 24, 1, 0}, {16, 7, 24, 0, 1}, {16, 0, 24, 1, 0}, {16, 7, 24, 1, 0},
+                           {48, 1, 24, 1, 0}, {48, 0, 24, 1, 0}, {24, 1, 0, 2, 0},  {24, 0, 0, 2, 0}, {32, 1, 0, 2, 0}};
     std::vector<int> widths;
     for (int width = 1; width < 200; width += (width < 70 ? 1 : 13)) widths.push_back(width);
     for (int width : {255, 257, 1001, 4001, 4095, 4096, 4097, 8200, 12289, 20011, 1500037}) widths.push_back(width);
@@ -260,7 +276,8 @@ TEST(ConvertKernels, EveryLevelAndAlignmentMatchesPlainAndReference) {
             const size_t run = convref::dstRunBytes(r);
             ASSERT_TRUE(std::equal(want.begin(), want.begin() + long(run), convref::convert(r, orig).begin()));
             std::vector<krn::conv::RowFn> fns;
-            for (int level : {krn::conv::kSimdNone, krn::conv::kSimdSsse3, krn::conv::kSimdAvx2, krn::conv::kSimdAvx512}) {
+            using namespace krn::conv;
+            for (int level : {kSimdNone, kSimdSsse3, kSimdAvx2, kSimdAvx512}) {
                 const auto fn = krn::conv::pickDirect({k[0], k[1], k[2], k[3]}, level);
                 if (std::find(fns.begin(), fns.end(), fn) == fns.end()) fns.push_back(fn);
             }
@@ -280,9 +297,8 @@ TEST(ConvertKernels, EveryLevelAndAlignmentMatchesPlainAndReference) {
         }
 }
 
-// Palette expansion to 24/32 bits on long runs (chunks of 4096 pixels from
-// the end) against the reference, on buffers of exactly the run's size; the
-// converter allocates nothing (every allocation failing changes nothing).
+// Palette expansion to 24/32 bits on long runs (chunks of 4096 pixels from the end) against the reference, on buffers
+// of exactly the run's size; the converter allocates nothing (every allocation failing changes nothing).
 TEST(ConvertKernels, PaletteExpansionOnLongRunsWithoutAllocation) {
     std::mt19937 rng(31);
     krn::faultinject::arm(0, -1);
@@ -307,26 +323,27 @@ TEST(ConvertKernels, PaletteExpansionOnLongRunsWithoutAllocation) {
     EXPECT_EQ(injected, 0);
 }
 
-// ------------------------------------------------------------ colour-match tree
-
 TEST(ConvertTree, LookupFollowsTheBuildRule) {
     std::mt19937 rng(5);
     for (int trial = 0; trial < 40; ++trial) {
         const int n = 1 + int(rng() % 256), levels = trial % 2 ? 4 : 256;  // few levels: shared prefixes, duplicates
         std::vector<RGBQUAD> pal(static_cast<size_t>(n));
-        for (auto& e : pal) e = RGBQUAD{uint8_t(rng() % levels * (256 / levels)), uint8_t(rng() % levels * (256 / levels)), uint8_t(rng() % levels * (256 / levels)), 0};
+        auto level = [&] { return uint8_t(rng() % levels * (256 / levels)); };
+        for (auto& e : pal) e.rgbBlue = level(), e.rgbGreen = level(), e.rgbRed = level(), e.rgbReserved = 0;
         uint32_t* tree = krn::buildColorMatchTree(pal.data(), n);
         ASSERT_NE(tree, nullptr);
-        for (const auto& e : pal)  // a palette colour answers its own colour, lowest index first
+        for (const auto& e : pal) {  // a palette colour answers its own colour, lowest index first
+            auto same = [&](const RGBQUAD& x) { return std::memcmp(&x, &e, 3) == 0; };
             ASSERT_EQ(krn::colorMatchTreeLookup(tree, e.rgbRed, e.rgbGreen, e.rgbBlue),
-                      int(std::find_if(pal.begin(), pal.end(), [&](const RGBQUAD& x) { return std::memcmp(&x, &e, 3) == 0; }) - pal.begin()));
+                      int(std::find_if(pal.begin(), pal.end(), same) - pal.begin()));
+        }
         for (int k = 0; k < 2000; ++k) {
-            const int mask = levels == 4 ? 0xC0 : 0xFF, r = int(rng()) & mask, g = int(rng()) & mask, b = int(rng()) & mask;
+            const int mask = levels == 4 ? 0xC0 : 0xFF, r = int(rng()) & mask, g = int(rng()) & mask;
+            const int b = int(rng()) & mask;
             ASSERT_EQ(krn::colorMatchTreeLookup(tree, r, g, b), convref::treeAnswer(pal.data(), n, r, g, b));
         }
         // The converter asks the tree first and the palette for absent prefixes.
-        convref::Request r;
-        r.width = 300, r.srcBits = 24, r.dstBits = 8, r.srcOrder = r.dstOrder = ORDER_BGR;
+        convref::Request r = request(300, 24, ORDER_BGR, 8, ORDER_BGR);
         Bytes buf = bufferFor(rng, r);
         for (size_t i = 0; i < 200; ++i) {
             const auto& e = pal[rng() % size_t(n)];
@@ -341,19 +358,19 @@ TEST(ConvertTree, LookupFollowsTheBuildRule) {
         krn::freeColorMatchTree(tree);
     }
     RGBQUAD one{1, 2, 3, 0};
-    EXPECT_TRUE(!krn::buildColorMatchTree(nullptr, 4) && !krn::buildColorMatchTree(&one, 0) && !krn::buildColorMatchTree(&one, 257));
+    EXPECT_TRUE(!krn::buildColorMatchTree(nullptr, 4) && !krn::buildColorMatchTree(&one, 0));
+    EXPECT_EQ(krn::buildColorMatchTree(&one, 257), nullptr);
     // A tree is one block, freed again; a failed build leaks nothing.
     const long before = krn::faultinject::liveBlocks();
     krn::faultinject::arm(0, 1);
-    EXPECT_TRUE(krn::buildColorMatchTree(K_IntGetFixedPalette(8), 256) == nullptr && krn::faultinject::liveBlocks() == before);
+    EXPECT_EQ(krn::buildColorMatchTree(K_IntGetFixedPalette(8), 256), nullptr);
+    EXPECT_EQ(krn::faultinject::liveBlocks(), before);
     krn::faultinject::disarm();
     uint32_t* t = krn::buildColorMatchTree(K_IntGetFixedPalette(8), 256);
     EXPECT_EQ(krn::faultinject::liveBlocks(), before + 1);
     krn::freeColorMatchTree(t);
     EXPECT_EQ(krn::faultinject::liveBlocks(), before);
 }
-
-// ------------------------------------------------------------ HSV
 
 namespace {
 uint32_t rgb(int r, int g, int b) { return uint32_t(r) | (uint32_t(g) << 8) | (uint32_t(b) << 16); }
@@ -412,24 +429,18 @@ TEST(ConvertHsv, InverseMatchesProportionalModel) {
     EXPECT_TRUE(K_HSVtoRGB2(&in) == K_HSVtoRGB(in) && K_HSVtoRGB2(nullptr) == 0u);
 }
 
-// ------------------------------------------------------------ sizes, padding, grey reductions
-
+// The largest of the rows involved: width A at depth A, width B at depth A and at depth B (each rounded up to four
+// bytes; depth 0 counts as 8); 0 for a negative width or beyond 32 bits.
 TEST(ConvertSizes, CalcConvertSize) {
-    // The largest of the rows involved: width A at depth A, width B at depth A
-    // and at depth B (each rounded up to four bytes; depth 0 counts as 8).
-    const struct {
-        int32_t wa, ba, wb, bb;
-        uint32_t bytes;
-    } sizes[] = {{10, 24, 20, 1, 60}, {3, 0, 1, 1, 4},  {1, 1, 3, 64, 24}, {100, 8, 10, 8, 100}, {33, 1, 1, 48, 8}, {4999, 12, 7, 64, 7500},
-                 {-1, 8, 1, 1, 0}, {0x7FFFFFFF, 64, 1, 1, 0}};  // the last beyond 32 bits
+    const struct { int32_t wa, ba, wb, bb; uint32_t bytes; } sizes[] = {
+        {10, 24, 20, 1, 60}, {3, 0, 1, 1, 4},  {1, 1, 3, 64, 24}, {100, 8, 10, 8, 100}, {33, 1, 1, 48, 8},
+        {4999, 12, 7, 64, 7500}, {-1, 8, 1, 1, 0}, {0x7FFFFFFF, 64, 1, 1, 0}};
     for (const auto& c : sizes) EXPECT_EQ(K_CalcConvertSize(c.wa, c.ba, c.wb, c.bb), c.bytes) << c.wa << " " << c.ba;
 }
 
-// The padding rule seen from the window: a sample's window value w (bits
-// lo..hi) is raised to at least `pad` when the window does not start at bit 0,
-// and lowered to at most the largest value whose bits, with pad subtracted
-// below the window, still fit (the top of a window ending at bit 15 is never
-// cut); bits outside the window never change.
+// The padding rule seen from the window: a sample's window value w (bits lo..hi) is raised to at least `pad` when the
+// window does not start at bit 0, and lowered to at most the largest value whose bits, with pad subtracted below the
+// window, still fit (the top of a window ending at bit 15 is never cut); bits outside the window never change.
 TEST(ConvertSizes, PadPixelDataKeepsWindowValuesInTheirBand) {
     std::mt19937 rng(8);
     int changed = 0;
@@ -455,7 +466,8 @@ TEST(ConvertSizes, PadPixelDataKeepsWindowValuesInTheirBand) {
             }
     EXPECT_GT(changed, 100);
     uint16_t one = 0;
-    EXPECT_TRUE(K_PadPixelData(nullptr, 16, 1, 11, 0, 4) == KS_INVALID_PARAMETER && K_PadPixelData(&one, 8, 1, 11, 0, 4) == KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_PadPixelData(nullptr, 16, 1, 11, 0, 4), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_PadPixelData(&one, 8, 1, 11, 0, 4), KS_INVALID_PARAMETER);
 }
 
 TEST(ConvertSizes, Gray32Reductions) {
@@ -468,8 +480,9 @@ TEST(ConvertSizes, Gray32Reductions) {
             const int l = lo < 0 ? 0 : lo, h = hi < 0 ? 31 : hi, n = h - l + 1;
             std::vector<uint16_t> d16(src.size());
             std::vector<uint8_t> d8(src.size());
-            const int st16 = K_Gray32To16(src.data(), d16.data(), int32_t(src.size()), lo, hi), st8 = K_Gray32To8(src.data(), d8.data(), int32_t(src.size()), lo, hi);
-            ASSERT_TRUE(st16 == (l > h ? KS_INVALID_PARAMETER : KS_SUCCESS) && st8 == st16);
+            const int32_t count = int32_t(src.size()), want = l > h ? KS_INVALID_PARAMETER : KS_SUCCESS;
+            ASSERT_EQ(K_Gray32To16(src.data(), d16.data(), count, lo, hi), want);
+            ASSERT_EQ(K_Gray32To8(src.data(), d8.data(), count, lo, hi), want);
             if (l > h) continue;
             const uint64_t full = (uint64_t(1) << n) - 1;
             for (size_t i = 0; i < src.size(); ++i) {
@@ -484,6 +497,7 @@ TEST(ConvertSizes, Gray32Reductions) {
         }
     uint32_t one = 5;
     uint8_t out8;
-    for (int32_t st : {K_Gray32To8(nullptr, &out8, 1, -1, -1), K_Gray32To8(&one, nullptr, 1, -1, -1), K_Gray32To8(&one, &out8, 0, -1, -1), K_Gray32To8(&one, &out8, 1, 0, 32)})
+    for (int32_t st : {K_Gray32To8(nullptr, &out8, 1, -1, -1), K_Gray32To8(&one, nullptr, 1, -1, -1),
+                       K_Gray32To8(&one, &out8, 0, -1, -1), K_Gray32To8(&one, &out8, 1, 0, 32)})
         EXPECT_EQ(st, KS_INVALID_PARAMETER);
 }

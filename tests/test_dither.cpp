@@ -1,9 +1,6 @@
-// test_dither.cpp - the dithering engine: the export frame, every method and
-// palette against a plain reference ditherer (and the rolling Floyd-Steinberg
-// kernel against the plain tap loop), the fixed-palette quantisers against the
-// nearest-colour rule, palette paths, source depths, grey runs, packing, blocks
-// of rows (the wavefront) and K_ColorResBitmap on every storage kind, threads
-// and allocation failures.
+// test_dither.cpp - the dithering engine against a plain reference ditherer (every method, palette, source
+// depth, grey run, packing, block of rows), the fixed quantisers against the nearest-colour rule, the export
+// frame, K_ColorResBitmap on every storage kind, threads and allocation failures.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -29,44 +26,44 @@
 namespace {
 
 using ditherref::Rgb;
+using Rows = std::vector<std::vector<uint8_t>>;
+using Pal = std::vector<RGBQUAD>;
 
 // A one-row record of a format, with an optional source palette it owns.
 struct Rec {
     BITMAPRECORD bm{};
-    Rec(int width, int bpp, int order, int method, const std::vector<RGBQUAD>* pal = nullptr) {
+    Rec(int width, int bpp, int order, int method, const Pal* pal = nullptr) {
         EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, width, 1, bpp), KS_SUCCESS);
         bm.nOrder = order, bm.nDitheringMethod = method;
-        if (pal) {
-            bm.pPalette = static_cast<RGBQUAD*>(K_GlobalAlloc(GMEM_FIXED, pal->size() * sizeof(RGBQUAD)));
-            std::memcpy(bm.pPalette, pal->data(), pal->size() * sizeof(RGBQUAD));
-            bm.nColors = int32_t(pal->size());
-        }
+        if (!pal) return;
+        bm.pPalette = static_cast<RGBQUAD*>(K_GlobalAlloc(GMEM_FIXED, pal->size() * sizeof(RGBQUAD)));
+        std::memcpy(bm.pPalette, pal->data(), pal->size() * sizeof(RGBQUAD));
+        bm.nColors = int32_t(pal->size());
     }
     ~Rec() { K_FreeBitmap(&bm); }
 };
 
 RGBQUAD quad(int r, int g, int b) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), 0}; }
-std::vector<RGBQUAD> fixedPal(int bits) { return {K_IntGetFixedPalette(bits), K_IntGetFixedPalette(bits) + (1 << bits)}; }
-std::vector<RGBQUAD> webPal() { return {K_IntGetNetscapePalette(), K_IntGetNetscapePalette() + 256}; }
-std::vector<RGBQUAD> randomPalette(int n, uint32_t seed) {
+Pal fixedPal(int bits) { return {K_IntGetFixedPalette(bits), K_IntGetFixedPalette(bits) + (1 << bits)}; }
+Pal webPal() { return {K_IntGetNetscapePalette(), K_IntGetNetscapePalette() + 256}; }
+Pal randomPalette(int n, uint32_t seed) {
     std::mt19937 rng(seed);
-    std::vector<RGBQUAD> p;
+    Pal p;
     for (int i = 0; i < n; ++i) p.push_back(quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)));
     return p;
 }
-std::vector<RGBQUAD> shuffled(std::vector<RGBQUAD> p, uint32_t seed) {
+Pal shuffled(Pal p, uint32_t seed) {
     std::mt19937 rng(seed);
     return std::shuffle(p.begin(), p.end(), rng), p;
 }
-std::vector<RGBQUAD> greyRamp(int n) {
-    std::vector<RGBQUAD> p;
-    for (int k = 0; k < n; ++k) p.push_back(quad(k * 255 / (n - 1), k * 255 / (n - 1), k * 255 / (n - 1)));
+Pal greyRamp(int n) {
+    Pal p;
+    for (int k = 0, v = 0; k < n; v = ++k * 255 / (n - 1)) p.push_back(quad(v, v, v));
     return p;
 }
 int bitsFor(uint32_t colors) { return colors <= 2 ? 1 : 32 - __builtin_clz(colors - 1); }
 
-// Test images: noise, gradients, flat patches and 0/255 stripes (errors
-// saturate, clamp and reach the ends of the carry tables' ranges).
+// Noise, gradients, flat patches and 0/255 stripes (errors saturate, clamp and reach the carry tables' ends).
 std::vector<Rgb> testImage(int w, int h, uint32_t seed) {
     std::mt19937 rng(seed);
     std::vector<Rgb> img(size_t(w) * size_t(h));
@@ -85,18 +82,21 @@ std::vector<Rgb> testImage(int w, int h, uint32_t seed) {
     return img;
 }
 
-int unpackIndex(const uint8_t* row, int x, int bits) {
-    int v = 0;
-    for (size_t bit = size_t(x) * size_t(bits), end = bit + size_t(bits); bit < end; ++bit) v = (v << 1) | ((row[bit / 8] >> (7 - bit % 8)) & 1);
-    return v;
+// The indices of a packed row (MSB first), appended to `out`.
+void unpack(const uint8_t* row, int w, int bits, std::vector<int>& out) {
+    for (int x = 0; x < w; ++x) {
+        int v = 0;
+        for (size_t bit = size_t(x) * size_t(bits), end = bit + size_t(bits); bit < end; ++bit)
+            v = (v << 1) | ((row[bit / 8] >> (7 - bit % 8)) & 1);
+        out.push_back(v);
+    }
 }
 
 // A source format (palette for 1..8 bits, bit window for grey samples).
-struct SourceCase { int bits, order; std::vector<RGBQUAD> pal; int lowBit = 0, highBit = -1; };
-using Rows = std::vector<std::vector<uint8_t>>;
+struct SourceCase { int bits, order; Pal pal; int lowBit = 0, highBit = -1; };
 
 // How a run is started (K_StartDitheringExt when bits is set) and driven.
-struct Run {
+struct Drive {
     int method = 0;
     const RGBQUAD* pal = nullptr;
     uint32_t colors = 2;
@@ -105,11 +105,9 @@ struct Run {
     bool plain = false, inPlace = false;  // the plain tap loop; each row dithered over itself
 };
 
-// Runs source rows through K_DitherLine; returns the indices, read MSB first,
-// checking that the source row is not touched, the bits past the last pixel
-// are clear and nothing past the packed row is written; *grey: whether the
-// run took the grey path.
-std::vector<int> runRows(const SourceCase& c, int w, const Rows& rows, const Run& run, bool* grey = nullptr) {
+// Source rows through K_DitherLine: the indices, checking that the source row is not touched, the bits past
+// the last pixel are clear and nothing past the packed row is written; *grey: whether the run went grey.
+std::vector<int> runRows(const SourceCase& c, int w, const Rows& rows, const Drive& run, bool* grey = nullptr) {
     Rec rec(w, c.bits, c.order, run.method, c.bits <= 8 ? &c.pal : nullptr);
     rec.bm.nLowBit = c.lowBit, rec.bm.nHighBit = c.highBit;
     if (run.plain) krn::testhook::ditherPlainKernels = true;  // only then: threads call this too
@@ -127,13 +125,13 @@ std::vector<int> runRows(const SourceCase& c, int w, const Rows& rows, const Run
         EXPECT_EQ(K_DitherLine(&rec.bm, src.data(), out), KS_SUCCESS);
         EXPECT_TRUE(run.inPlace || (src == r && dst[bytes] == 0xA5)) << "source written or past the packed row";
         EXPECT_EQ(out[bytes - 1] & (0xFF >> (used - (bytes - 1) * 8)), 0) << "tail bits set";
-        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(out, x, bits));
+        unpack(out, w, bits, got);
     }
     EXPECT_EQ(K_StopDithering(&rec.bm), KS_SUCCESS);
     return got;
 }
 // The same for an image as 24-bit BGR rows.
-std::vector<int> runImage(const std::vector<Rgb>& img, int w, const Run& run) {
+std::vector<int> runImage(const std::vector<Rgb>& img, int w, const Drive& run) {
     Rows rows(img.size() / size_t(w), std::vector<uint8_t>(size_t(w) * 3));
     for (size_t i = 0; i < img.size(); ++i) {
         uint8_t* p = &rows[i / size_t(w)][3 * (i % size_t(w))];
@@ -142,51 +140,48 @@ std::vector<int> runImage(const std::vector<Rgb>& img, int w, const Run& run) {
     return runRows({24, ORDER_BGR, {}}, w, rows, run);
 }
 
-// Reference targets. Fixed palettes quantise by their code (checked against
-// the nearest-colour rule below); other palettes through the 5-5-5 match table
-// built here from the nearest-colour oracle over the usable entries (reserved
-// byte without its two low bits).
-std::vector<Rgb> coloursOf(const std::vector<RGBQUAD>& p) {
-    std::vector<Rgb> c;
-    for (const auto& e : p) c.push_back({e.rgbRed, e.rgbGreen, e.rgbBlue});
-    return c;
-}
-void spacingFor(int code, int colors, int out[3]) {
-    static const int kSpacing[11][3] = {{0, 0, 0},     {0, 0, 0},     {0, 0, 0},   {85, 85, 85}, {255, 255, 255}, {128, 128, 128},
+// Reference targets. Fixed palettes quantise by their code (checked against the nearest-colour rule below);
+// other palettes through the 5-5-5 match table built here from the nearest-colour oracle over the usable
+// entries (reserved byte without its two low bits).
+ditherref::Target target(const Pal& pal, int code) {
+    static const int kSpacing[11][3] = {{}, {}, {}, {85, 85, 85}, {255, 255, 255}, {128, 128, 128},
                                         {85, 85, 255}, {85, 85, 85}, {85, 36, 85}, {36, 36, 85}, {51, 51, 51}};
-    if (code >= 3) return void(std::copy(kSpacing[code], kSpacing[code] + 3, out));
-    int levels = 2;
-    while ((levels + 1) * (levels + 1) * (levels + 1) <= 2 * colors && levels < 16) ++levels;
-    out[0] = out[1] = out[2] = 255 / (levels - 1);
-}
-ditherref::Target fixedTarget(int code, const std::vector<RGBQUAD>& pal) {
     ditherref::Target t;
-    t.colours = coloursOf(pal);
-    t.quantise = [code](int r, int g, int b) { return code <= 3 ? (2 * r + 5 * g + b + 4) >> (12 - code) : krn::quantiseFixed(code, r, g, b); };
-    t.twoColour = code == 2;
-    spacingFor(code, int(pal.size()), t.spacing);
-    return t;
-}
-ditherref::Target tableTarget(const std::vector<RGBQUAD>& pal) {
-    ditherref::Target t;
-    t.colours = coloursOf(pal);
-    std::vector<RGBQUAD> usable;
-    std::vector<int> index;
-    for (size_t i = 0; i < pal.size(); ++i)
-        if (!(pal[i].rgbReserved & 3)) usable.push_back(pal[i]), index.push_back(int(i));
-    auto table = std::make_shared<std::vector<int>>(32768);
-    for (int k = 0; k < 32768; ++k)
-        (*table)[size_t(k)] = index[size_t(krn::findPaletteIndexScalar(usable.data(), int(usable.size()), (k >> 7) & 0xF8, ((k >> 5) & 31) * 8, (k & 31) * 8))];
-    t.quantise = [table](int r, int g, int b) { return (*table)[size_t((b >> 3) | ((g & 0xF8) << 2) | ((r & 0xF8) << 7))]; };
-    if (usable.size() == 2) {
-        auto g = [&](int i) { return ditherref::grey(usable[i].rgbRed, usable[i].rgbGreen, usable[i].rgbBlue); };
-        t.twoColour = true, t.darkIndex = index[g(0) <= g(1) ? 0 : 1], t.brightIndex = index[g(0) <= g(1) ? 1 : 0];
+    for (const auto& e : pal) t.colours.push_back({e.rgbRed, e.rgbGreen, e.rgbBlue});
+    int usable = int(pal.size());
+    if (code >= 2) {
+        t.quantise = [code](int r, int g, int b) {
+            return code <= 3 ? (2 * r + 5 * g + b + 4) >> (12 - code) : krn::quantiseFixed(code, r, g, b);
+        };
+        t.twoColour = code == 2;
+    } else {
+        Pal ok;
+        std::vector<int> index;
+        for (size_t i = 0; i < pal.size(); ++i)
+            if (!(pal[i].rgbReserved & 3)) ok.push_back(pal[i]), index.push_back(int(i));
+        auto table = std::make_shared<std::vector<int>>(32768);
+        for (int k = 0; k < 32768; ++k) {
+            const int r = (k >> 7) & 0xF8, g = ((k >> 5) & 31) * 8, b = (k & 31) * 8;
+            (*table)[size_t(k)] = index[size_t(krn::findPaletteIndexScalar(ok.data(), int(ok.size()), r, g, b))];
+        }
+        t.quantise = [table](int r, int g, int b) {
+            return (*table)[size_t((b >> 3) | ((g & 0xF8) << 2) | ((r & 0xF8) << 7))];
+        };
+        if ((usable = int(ok.size())) == 2) {
+            auto g = [&](int i) { return ditherref::grey(ok[i].rgbRed, ok[i].rgbGreen, ok[i].rgbBlue); };
+            t.twoColour = true, t.darkIndex = index[g(0) <= g(1) ? 0 : 1], t.brightIndex = index[g(0) <= g(1) ? 1 : 0];
+        }
     }
-    spacingFor(0, int(usable.size()), t.spacing);
+    if (code >= 3) return std::copy(kSpacing[code], kSpacing[code] + 3, t.spacing), t;
+    int levels = 2;
+    while ((levels + 1) * (levels + 1) * (levels + 1) <= 2 * usable && levels < 16) ++levels;
+    t.spacing[0] = t.spacing[1] = t.spacing[2] = 255 / (levels - 1);
     return t;
 }
 
-// ---------------------------------------------------------------- frame
+void grey16(BITMAPRECORD& b, int lo, int hi) {
+    b.nBitsPerPixel = 16, b.nOrder = ORDER_GRAY, b.nLowBit = lo, b.nHighBit = hi;
+}
 
 TEST(DitherFrame, ChecksPointerSizeThenValues) {
     Rec rec(8, 24, ORDER_BGR, 1);
@@ -194,41 +189,42 @@ TEST(DitherFrame, ChecksPointerSizeThenValues) {
     BITMAPRECORD bad = rec.bm;
     bad.uStructSize = 100;
     EXPECT_EQ(K_StartDithering(nullptr, nullptr, 2), KS_INVALID_PARAMETER);
-    EXPECT_TRUE(K_StartDithering(&bad, nullptr, 0) == KS_INVALID_STRUCT_SIZE && K_StartDitheringExt(&bad, nullptr, 2, 1, nullptr) == KS_INVALID_STRUCT_SIZE);
-    // Each case spoils one value of a good record (or the call's arguments).
-    const struct { const char* what; void (*spoil)(BITMAPRECORD&); uint32_t colors; int bits; int32_t expect; } bads[] = {  // bits -1: the plain start
-        {"no colours", [](BITMAPRECORD&) {}, 0, -1, KS_INVALID_PARAMETER},
-        {"257 colours", [](BITMAPRECORD&) {}, 257, -1, KS_INVALID_PARAMETER},
-        {"16 colours in 3 bits", [](BITMAPRECORD&) {}, 16, 3, KS_INVALID_PARAMETER},
-        {"0 bits", [](BITMAPRECORD&) {}, 2, 0, KS_INVALID_PARAMETER},
-        {"9 bits", [](BITMAPRECORD&) {}, 2, 9, KS_INVALID_PARAMETER},
-        {"method 9", [](BITMAPRECORD& b) { b.nDitheringMethod = 9; }, 2, -1, KS_INVALID_PARAMETER},
-        {"method -1", [](BITMAPRECORD& b) { b.nDitheringMethod = -1; }, 2, -1, KS_INVALID_PARAMETER},
-        {"9 bpp", [](BITMAPRECORD& b) { b.nBitsPerPixel = 9; }, 2, -1, KS_INVALID_BITS_PER_PIXEL},
-        {"16-bit wide primaries", [](BITMAPRECORD& b) { b.nBitsPerPixel = 16, b.nOrder = ORDER_ROMM; }, 2, -1, KS_INVALID_PARAMETER},
-        {"width 0", [](BITMAPRECORD& b) { b.nWidth = 0; }, 2, -1, KS_INVALID_DIMENSIONS},
-        {"width 2^29", [](BITMAPRECORD& b) { b.nWidth = 1 << 29; }, 2, -1, KS_INVALID_DIMENSIONS},
-        {"high bit beyond the sample", [](BITMAPRECORD& b) { b.nBitsPerPixel = 16, b.nOrder = ORDER_GRAY, b.nLowBit = 3, b.nHighBit = 16; }, 2, -1, KS_INVALID_PARAMETER},
-        {"low bit above high bit", [](BITMAPRECORD& b) { b.nBitsPerPixel = 16, b.nOrder = ORDER_GRAY, b.nLowBit = 9, b.nHighBit = 8; }, 2, -1, KS_INVALID_PARAMETER},
+    EXPECT_EQ(K_StartDithering(&bad, nullptr, 0), KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(K_StartDitheringExt(&bad, nullptr, 2, 1, nullptr), KS_INVALID_STRUCT_SIZE);
+    // Each case spoils one value of a good record (or the call's arguments); bits -1: the plain start.
+    using B = BITMAPRECORD&;
+    const int32_t P = KS_INVALID_PARAMETER;
+    const struct { const char* what; void (*spoil)(B); uint32_t colors; int bits; int32_t expect; } bads[] = {
+        {"no colours", [](B) {}, 0, -1, P}, {"257 colours", [](B) {}, 257, -1, P},
+        {"16 colours in 3 bits", [](B) {}, 16, 3, P}, {"0 bits", [](B) {}, 2, 0, P}, {"9 bits", [](B) {}, 2, 9, P},
+        {"method 9", [](B b) { b.nDitheringMethod = 9; }, 2, -1, P},
+        {"method -1", [](B b) { b.nDitheringMethod = -1; }, 2, -1, P},
+        {"9 bpp", [](B b) { b.nBitsPerPixel = 9; }, 2, -1, KS_INVALID_BITS_PER_PIXEL},
+        {"16-bit wide primaries", [](B b) { b.nBitsPerPixel = 16, b.nOrder = ORDER_ROMM; }, 2, -1, P},
+        {"width 0", [](B b) { b.nWidth = 0; }, 2, -1, KS_INVALID_DIMENSIONS},
+        {"width 2^29", [](B b) { b.nWidth = 1 << 29; }, 2, -1, KS_INVALID_DIMENSIONS},
+        {"high bit beyond the sample", [](B b) { grey16(b, 3, 16); }, 2, -1, P},
+        {"low bit above high bit", [](B b) { grey16(b, 9, 8); }, 2, -1, P},
     };
     for (const auto& c : bads) {
         BITMAPRECORD b = rec.bm;
         c.spoil(b);
-        EXPECT_EQ(c.bits >= 0 ? K_StartDitheringExt(&b, nullptr, c.colors, c.bits, nullptr) : K_StartDithering(&b, nullptr, c.colors), c.expect) << c.what;
+        EXPECT_EQ(c.bits >= 0 ? K_StartDitheringExt(&b, nullptr, c.colors, c.bits, nullptr)
+                              : K_StartDithering(&b, nullptr, c.colors), c.expect) << c.what;
         EXPECT_EQ(b.pDitherState, nullptr) << c.what;  // nothing was started by the failure
     }
-    EXPECT_TRUE(K_DitherLine(nullptr, src, dst) == KS_INVALID_PARAMETER && K_DitherLine(&bad, src, dst) == KS_INVALID_STRUCT_SIZE);
-    EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_INVALID_PARAMETER);  // no run
+    EXPECT_TRUE(K_DitherLine(nullptr, src, dst) == P && K_DitherLine(&bad, src, dst) == KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), P);  // no run
     ASSERT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_SUCCESS);
-    EXPECT_TRUE(K_DitherLine(&rec.bm, nullptr, dst) == KS_INVALID_PARAMETER && K_DitherLine(&rec.bm, src, nullptr) == KS_INVALID_PARAMETER);
+    EXPECT_TRUE(K_DitherLine(&rec.bm, nullptr, dst) == P && K_DitherLine(&rec.bm, src, nullptr) == P);
     EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_SUCCESS);
     rec.bm.nWidth = 9;  // the run's rows no longer fit the record
-    EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), P);
     rec.bm.nWidth = 8;
-    EXPECT_TRUE(K_StopDithering(nullptr) == KS_INVALID_PARAMETER && K_StopDithering(&bad) == KS_INVALID_STRUCT_SIZE);
+    EXPECT_TRUE(K_StopDithering(nullptr) == P && K_StopDithering(&bad) == KS_INVALID_STRUCT_SIZE);
     EXPECT_TRUE(K_StopDithering(&rec.bm) == KS_SUCCESS && rec.bm.pDitherState == nullptr);
     EXPECT_EQ(K_StopDithering(&rec.bm), KS_SUCCESS);  // no run: nothing to do
-    EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_DitherLine(&rec.bm, src, dst), P);
 }
 
 TEST(DitherFrame, RestartReplacesTheRunFreeStopsItDefaultMethodIsPerThread) {
@@ -245,19 +241,17 @@ TEST(DitherFrame, RestartReplacesTheRunFreeStopsItDefaultMethodIsPerThread) {
     EXPECT_TRUE(bm.pDitherState == nullptr && krn::faultinject::liveBlocks() == before);
 
     EXPECT_EQ(K_DefaultDithering(6), old);
-    EXPECT_TRUE(K_DefaultDithering(9) == KS_INVALID_PARAMETER && K_DefaultDithering(-1) == KS_INVALID_PARAMETER && K_GetDefaultDithering() == 6);
-    EXPECT_TRUE(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4, 4, 24) == KS_SUCCESS && bm.nDitheringMethod == 6);  // copied at init
+    EXPECT_TRUE(K_DefaultDithering(9) == KS_INVALID_PARAMETER && K_DefaultDithering(-1) == KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_GetDefaultDithering(), 6);
+    EXPECT_TRUE(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4, 4, 24) == KS_SUCCESS && bm.nDitheringMethod == 6);  // at init
     int32_t other = -5;
     std::thread([&] { other = K_GetDefaultDithering(); }).join();
     EXPECT_EQ(other, 0);
     EXPECT_EQ(K_DefaultDithering(old), 6);
 }
 
-// ---------------------------------------------------------- quantisers
-
-// On a grid of colours, each fixed code gives an entry at the smallest
-// distance, and where that nearest colour is unique, the nearest-colour rule's
-// index (duplicates of a colour, like the web palette's blacks, resolve to the first).
+// On a grid of colours, each fixed code gives an entry at the smallest distance, and where that nearest colour
+// is unique, the nearest-colour rule's index (duplicates, like the web palette's blacks, resolve to the first).
 TEST(DitherQuantise, FixedCodesGiveTheNearestEntryOnADenseGrid) {
     auto grid = [](int v) { return v == 255 ? 256 : std::min(v + 5, 255); };
     for (int bits = 3; bits <= 9; ++bits) {
@@ -268,66 +262,56 @@ TEST(DitherQuantise, FixedCodesGiveTheNearestEntryOnADenseGrid) {
                 for (int b = 0; b < 256; b = grid(b)) {
                     const int q = krn::quantiseFixed(code, r, g, b);
                     ASSERT_TRUE(q >= 0 && q < n);
-                    auto dist = [&](const RGBQUAD& e) { return (e.rgbRed - r) * (e.rgbRed - r) + (e.rgbGreen - g) * (e.rgbGreen - g) + (e.rgbBlue - b) * (e.rgbBlue - b); };
-                    int best = 1 << 30;
+                    auto dist = [&](const RGBQUAD& e) {
+                        const int dr = e.rgbRed - r, dg = e.rgbGreen - g, db = e.rgbBlue - b;
+                        return dr * dr + dg * dg + db * db;
+                    };
+                    int best = 1 << 30, ties = 0;
                     for (const auto& e : pal) best = std::min(best, dist(e));
+                    for (const auto& e : pal) ties += dist(e) == best && std::memcmp(&e, &pal[size_t(q)], 3);
                     ASSERT_EQ(dist(pal[size_t(q)]), best) << "code " << code << " at " << r << "," << g << "," << b;
-                    const bool unique = std::none_of(pal.begin(), pal.end(), [&](const RGBQUAD& e) {
-                        return dist(e) == best && std::memcmp(&e, &pal[size_t(q)], 3) != 0;
-                    });
-                    ASSERT_TRUE(!unique || q == krn::findPaletteIndexScalar(pal.data(), n, r, g, b)) << code;
+                    ASSERT_TRUE(ties || q == krn::findPaletteIndexScalar(pal.data(), n, r, g, b)) << code;
                 }
     }
     // The two-colour grey cut is the nearest-colour rule on greys.
     for (int v = 0; v < 256; ++v) EXPECT_EQ(krn::quantiseFixed(2, v, v, v), v >= 128 ? 1 : 0) << v;
 }
 
-// ------------------------------------------------------- against reference
-
+// Every method and palette matches the reference, by the rolling kernel and the plain tap loop, at every
+// output depth that fits. Fixed palettes in order (some passed as null) take the direct path; others
+// (shuffled, shorter, a reserved byte set) a table built for the run.
 TEST(DitherReference, EveryMethodAndPaletteMatchesThePlainDitherer) {
-    struct PaletteCase { const char* name; std::vector<RGBQUAD> pal; bool passNull; int code; };  // null: the fixed one; code 0: a table
-    auto withReserved = randomPalette(40, 12);
+    struct PaletteCase { const char* name; Pal pal; bool passNull = false; int code = 0; };
+    auto withReserved = randomPalette(40, 12), reserved16 = fixedPal(4), first100 = fixedPal(7);
     for (size_t i = 0; i < withReserved.size(); i += 3) withReserved[i].rgbReserved = uint8_t(1 + i % 3);
-    std::vector<PaletteCase> cases;
-    for (int bits = 1; bits <= 8; ++bits) cases.push_back({"fixed", fixedPal(bits), ((0x16A >> bits) & 1) != 0, bits + 1});  // some as null
-    cases.insert(cases.end(), {{"web", webPal(), false, 10}, {"shuffled16", shuffled(fixedPal(4), 5), false, 0}, {"random2", randomPalette(2, 9), false, 0},
-                               {"random5", randomPalette(5, 10), false, 0}, {"random40-reserved", withReserved, false, 0}});
+    reserved16[3].rgbReserved = 4, first100.resize(100);
+    std::vector<PaletteCase> cases = {{"web", webPal(), false, krn::kCodeWeb}, {"shuffled16", shuffled(fixedPal(4), 5)},
+                                      {"random2", randomPalette(2, 9)}, {"random5", randomPalette(5, 10)},
+                                      {"random40-reserved", withReserved}, {"fixed16-reserved", reserved16},
+                                      {"fixed128-first100", first100}};
+    for (int bits = 1; bits <= 8; ++bits)  // some passed as null
+        cases.push_back({"fixed", fixedPal(bits), ((0x16A >> bits) & 1) != 0, bits + 1});
     uint32_t seed = 100;
     for (const auto& pc : cases) {
-        const ditherref::Target target = pc.code >= 2 ? fixedTarget(pc.code, pc.pal) : tableTarget(pc.pal);
+        const ditherref::Target tgt = target(pc.pal, pc.code);
         const RGBQUAD* pal = pc.passNull ? nullptr : pc.pal.data();
+        const uint32_t n = uint32_t(pc.pal.size());
+        Rec rec(1, 24, ORDER_BGR, 0);
+        ASSERT_EQ(K_StartDithering(&rec.bm, pal, n), KS_SUCCESS);
+        EXPECT_EQ(krn::ditherRunCode(&rec.bm), pc.code) << pc.name << " " << n;
         for (int method = 0; method <= 8; ++method)
             for (int w : {1, 2, 3, 7, 33, 101, 257}) {
-                SCOPED_TRACE(std::string(pc.name) + " method " + std::to_string(method) + " width " + std::to_string(w));
-                const int h = 11;
-                const uint32_t n = uint32_t(pc.pal.size());
-                auto img = testImage(w, h, ++seed);
-                auto expect = ditherref::dither(method, w, h, img, target);
-                ASSERT_EQ(runImage(img, w, {.method = method, .pal = pal, .colors = n}), expect);
-                ASSERT_TRUE(method != 1 || runImage(img, w, {.method = method, .pal = pal, .colors = n, .plain = true}) == expect);  // the plain tap loop
-                for (int deeper = bitsFor(n) + 1; deeper <= 8 && w <= 7; ++deeper)  // deeper output depths pack the same indices
-                    ASSERT_EQ(runImage(img, w, {.method = method, .pal = pal, .colors = n, .bits = deeper}), expect) << deeper << " bits";
+                SCOPED_TRACE(testing::Message() << pc.name << " " << n << " method " << method << " width " << w);
+                auto img = testImage(w, 11, ++seed);
+                auto expect = ditherref::dither(method, w, 11, img, tgt);
+                Drive run{.method = method, .pal = pal, .colors = n};
+                ASSERT_EQ(runImage(img, w, run), expect);
+                if (method == 1) { ASSERT_EQ(runImage(img, w, (run.plain = true, run)), expect); }  // plain taps
+                run.plain = false;
+                for (run.bits = bitsFor(n) + 1; run.bits <= 8 && w <= 7; ++run.bits)  // deeper outputs, same indices
+                    ASSERT_EQ(runImage(img, w, run), expect) << run.bits << " bits";
             }
     }
-}
-
-// --------------------------------------------------------------- proofs
-
-TEST(DitherProof, FixedPaletteInOrderTakesTheDirectPathShuffledTakesTheTable) {
-    struct Case { std::vector<RGBQUAD> pal; uint32_t count; int code; };
-    // 100 of 128 entries are not the fixed palette; the reserved byte counts too
-    std::vector<Case> cases = {{webPal(), 256, krn::kCodeWeb}, {fixedPal(7), 100, krn::kCodeBuiltTable}, {fixedPal(4), 16, krn::kCodeBuiltTable}};
-    cases.back().pal[3].rgbReserved = 4;
-    for (int bits = 1; bits <= 8; ++bits) {
-        cases.push_back({fixedPal(bits), 1u << bits, krn::kCodeFixed2 + bits - 1});
-        if (bits > 1) cases.push_back({shuffled(fixedPal(bits), uint32_t(bits)), 1u << bits, krn::kCodeBuiltTable});
-    }
-    for (const auto& c : cases) {
-        Rec rec(16, 24, ORDER_BGR, 0);
-        ASSERT_EQ(K_StartDithering(&rec.bm, c.pal.data(), c.count), KS_SUCCESS);
-        EXPECT_EQ(krn::ditherRunCode(&rec.bm), c.code) << c.pal.size() << " " << c.count;
-    }
-    // (What each path gives: the fixed and the shuffled palettes against the reference ditherer.)
 }
 
 TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
@@ -338,57 +322,43 @@ TEST(DitherProof, CallerAndInstalledMatchTablesAreUsedAsGiven) {
     std::vector<Rgb> img = {{0, 0, 0}, {0, 0, 8}, {0, 0, 16}, {255, 255, 255}};
     auto got = runImage(img, 4, {.pal = pal.data(), .colors = 16, .bits = 4, .table = table.data()});
     EXPECT_EQ(got, (std::vector<int>{0, 1, 2, int(32767 % 7)}));
-    // A table installed for the thread stands in for the one a run would build;
-    // fixed palettes never look at it.
+    // A table installed for the thread stands in for the one a run would build; fixed palettes never look at it.
     const uint32_t* old = K_SetUserMatchTable(table.data());
     Rec rec(4, 24, ORDER_BGR, 0);
-    EXPECT_TRUE(K_StartDithering(&rec.bm, pal.data(), 16) == KS_SUCCESS && krn::ditherRunCode(&rec.bm) == krn::kCodeCallerTable);
+    ASSERT_EQ(K_StartDithering(&rec.bm, pal.data(), 16), KS_SUCCESS);
+    EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeCallerTable);
     EXPECT_EQ(runImage(img, 4, {.pal = pal.data(), .colors = 16}), got);
-    EXPECT_TRUE(K_StartDithering(&rec.bm, nullptr, 16) == KS_SUCCESS && krn::ditherRunCode(&rec.bm) == krn::kCodeFixed16);
+    ASSERT_EQ(K_StartDithering(&rec.bm, nullptr, 16), KS_SUCCESS);
+    EXPECT_EQ(krn::ditherRunCode(&rec.bm), krn::kCodeFixed16);
     K_SetUserMatchTable(old);
     for (auto& e : table) e = 200;  // index 199 = 0b11000111: masked into the output depth
-    EXPECT_EQ(runImage(img, 4, {.pal = pal.data(), .colors = 16, .bits = 4, .table = table.data()}), (std::vector<int>{7, 7, 7, 7}));
+    got = runImage(img, 4, {.pal = pal.data(), .colors = 16, .bits = 4, .table = table.data()});
+    EXPECT_EQ(got, std::vector<int>(4, 7));
 }
 
-TEST(DitherProof, ErrorsNeverWrap) {
-    // Floyd-Steinberg to black and white: 46 goes black and carries 7 * 46 / 16
-    // = 20 right; 250 + 20 clamps to 255 (white) and passes on no error, so 125
-    // stays black. Measured from 270 it would turn 125 white; wrapped to 14 it
-    // would turn the 250 black.
-    EXPECT_EQ(runImage({{46, 46, 46}, {250, 250, 250}, {125, 125, 125}}, 3, {.method = 1}), (std::vector<int>{0, 1, 0}));
-}
-
-// ---------------------------------------------------------- source depths
-
-// h random rows of the source format and the 24-bit colours they stand for
-// as the reference converter reads them.
-void makeSourceRows(const SourceCase& c, int w, int h, std::mt19937& rng, Rows& rows, std::vector<Rgb>& colours) {
+// Random rows of a source format dither, out of place and in place (and by the plain tap loop for Floyd-Steinberg),
+// like the 24-bit colours the reference converter reads from them; the run takes the grey path when `grey` says so.
+void expectLikeItsColours(const SourceCase& c, int w, int h, std::mt19937& rng, Drive run, bool grey) {
+    SCOPED_TRACE(testing::Message() << c.bits << " bits, order " << c.order << ", window " << c.lowBit << ".."
+                                    << c.highBit << ", " << run.colors << " colours, method " << run.method
+                                    << ", width " << w);
     convref::Request q;
     q.width = w, q.srcBits = c.bits, q.srcOrder = c.order, q.dstBits = 24, q.dstOrder = ORDER_RGB;
     q.srcPal = c.bits <= 8 ? c.pal.data() : nullptr;
     q.flags = CONVERT_SRCRANGE | (c.order == ORDER_GRAY ? CONVERT_SRCGRAY : 0u);
     q.lowBit = c.lowBit, q.highBit = c.highBit;
     ASSERT_EQ(convref::expectedStatus(q), 1);
+    Rows rows;
+    std::vector<Rgb> img;
     for (int y = 0; y < h; ++y) {
         std::vector<uint8_t> row(convref::srcRunBytes(q));
         for (auto& v : row) v = uint8_t(rng());
         std::vector<uint8_t> buf = row;
         buf.resize(std::max(row.size(), convref::dstRunBytes(q)));
         const auto rgb = convref::convert(q, buf);
-        for (int x = 0; x < w; ++x) colours.push_back({rgb[3 * size_t(x)], rgb[3 * size_t(x) + 1], rgb[3 * size_t(x) + 2]});
+        for (size_t x = 0; x < size_t(w); ++x) img.push_back({rgb[3 * x], rgb[3 * x + 1], rgb[3 * x + 2]});
         rows.push_back(std::move(row));
     }
-}
-
-// Random rows of a source format dither, out of place and in place (and by
-// the plain tap loop for Floyd-Steinberg), like the 24-bit colours they stand
-// for; the run takes the grey path when `grey` says so.
-void expectLikeItsColours(const SourceCase& c, int w, int h, std::mt19937& rng, Run run, bool grey) {
-    SCOPED_TRACE(testing::Message() << c.bits << " bits, order " << c.order << ", window " << c.lowBit << ".." << c.highBit
-                                    << ", " << run.colors << " colours, method " << run.method << ", width " << w);
-    Rows rows;
-    std::vector<Rgb> img;
-    makeSourceRows(c, w, h, rng, rows, img);
     const auto expect = runImage(img, w, run);
     bool tookGrey = !grey;
     ASSERT_EQ(runRows(c, w, rows, run, &tookGrey), expect);
@@ -396,64 +366,69 @@ void expectLikeItsColours(const SourceCase& c, int w, int h, std::mt19937& rng, 
     run.inPlace = true;
     ASSERT_EQ(runRows(c, w, rows, run), expect);
     run.inPlace = false, run.plain = true;
-    ASSERT_TRUE(run.method != 1 || runRows(c, w, rows, run) == expect);
+    if (run.method == 1) { ASSERT_EQ(runRows(c, w, rows, run), expect); }
 }
 
 TEST(DitherSource, EveryDepthDithersLikeItsColours) {
     std::vector<SourceCase> cases = {{12, ORDER_GRAY, {}}, {12, ORDER_GRAY, {}, 2, 9}, {16, ORDER_GRAY, {}, 0, 11},
                                      {16, ORDER_GRAY, {}, 4, 8}, {32, ORDER_GRAY, {}, 8, 23}};  // 4..8: scaled up
-    for (int bits = 1; bits <= 8; ++bits)
-        cases.push_back({bits, ORDER_RGB, randomPalette(1 << bits, uint32_t(bits))}), cases.push_back({bits, ORDER_RGB, fixedPal(bits)});
+    for (int bits = 1; bits <= 8; ++bits) {
+        cases.push_back({bits, ORDER_RGB, randomPalette(1 << bits, uint32_t(bits))});
+        cases.push_back({bits, ORDER_RGB, fixedPal(bits)});
+    }
     for (int order : {ORDER_RGB, ORDER_BGR, ORDER_GRAY, ORDER_RGB565}) cases.push_back({16, order, {}});
     for (int bits : {24, 48, 64})
         for (int order : {ORDER_RGB, ORDER_BGR, ORDER_ROMM}) cases.push_back({bits, order, {}});
     for (int order : {ORDER_RGB, ORDER_BGR, ORDER_GRAY}) cases.push_back({32, order, {}});
-    auto target = fixedPal(8);
+    auto fixed = fixedPal(8);
     std::mt19937 rng(1234);
     for (const auto& c : cases)
-        for (int w : {1, 2, 5, 8, 17, 64}) expectLikeItsColours(c, w, 4, rng, {.method = 2, .pal = target.data(), .colors = 256}, false);
-    // A palette source without a palette: the fixed 2-bit palette and the
-    // 4-level grey ramp are both 0, 85, 170, 255.
+        for (int w : {1, 2, 5, 8, 17, 64})
+            expectLikeItsColours(c, w, 4, rng, {.method = 2, .pal = fixed.data(), .colors = 256}, false);
+    // A palette source without a palette: the fixed 2-bit palette and the 4-level grey ramp are both 0..255.
     for (int order : {ORDER_RGB, ORDER_GRAY}) {
         Rec rec(4, 2, order, 0);
-        ASSERT_EQ(K_StartDithering(&rec.bm, target.data(), 256), KS_SUCCESS);
+        ASSERT_EQ(K_StartDithering(&rec.bm, fixed.data(), 256), KS_SUCCESS);
         uint8_t src = 0x1B, dst[4];  // 2-bit indices 0, 1, 2, 3
         ASSERT_EQ(K_DitherLine(&rec.bm, &src, dst), KS_SUCCESS);
         for (int i = 0; i < 4; ++i) EXPECT_EQ(dst[i], krn::quantiseFixed(9, 85 * i, 85 * i, 85 * i));
     }
 }
 
-// Grey sources into grey targets take the grey path and dither like the
-// colour path; colour on either side keeps three channels: a colour source,
-// the sixteen colours, a source palette with one entry not grey.
+// Grey sources into grey targets take the grey path and dither like the colour path; colour on either side
+// keeps three channels: a colour source, the sixteen colours, a source palette with one entry not grey.
 TEST(DitherGrey, GreySourcesIntoGreyTargetsMatchTheColourPath) {
     auto curve = greyRamp(256), tinted = greyRamp(256);
     for (auto& e : curve) e.rgbRed = e.rgbGreen = e.rgbBlue = uint8_t(std::sqrt(e.rgbRed / 255.0) * 255.0);
     tinted[17].rgbBlue ^= 1;
-    const SourceCase sources[] = {{8, ORDER_RGB, greyRamp(256)}, {8, ORDER_RGB, curve}, {4, ORDER_RGB, greyRamp(16)}, {1, ORDER_RGB, greyRamp(2)},
-                                  {12, ORDER_GRAY, {}}, {16, ORDER_GRAY, {}, 3, 12}, {16, ORDER_GRAY, {}}, {32, ORDER_GRAY, {}}};
-    const std::vector<RGBQUAD> targets[] = {fixedPal(1), fixedPal(2), greyRamp(16), {quad(30, 30, 30), quad(128, 128, 128), quad(220, 220, 220)},
-                                            {quad(200, 200, 200), quad(10, 10, 10)}};
+    const SourceCase sources[] = {{8, ORDER_RGB, greyRamp(256)}, {8, ORDER_RGB, curve}, {4, ORDER_RGB, greyRamp(16)},
+                                  {1, ORDER_RGB, greyRamp(2)},   {12, ORDER_GRAY, {}}, {16, ORDER_GRAY, {}, 3, 12},
+                                  {16, ORDER_GRAY, {}},          {32, ORDER_GRAY, {}}};
+    const Pal targets[] = {fixedPal(1), fixedPal(2), greyRamp(16),
+                           {quad(30, 30, 30), quad(128, 128, 128), quad(220, 220, 220)},
+                           {quad(200, 200, 200), quad(10, 10, 10)}};
     std::mt19937 rng(99);
     for (const auto& c : sources)
         for (const auto& t : targets)
             for (int method = 0; method <= 8; ++method)
-                for (int w : {8, 45})  // the first target passed as null: the fixed palette
-                    expectLikeItsColours(c, w, 9, rng, {.method = method, .pal = &t == targets ? nullptr : t.data(), .colors = uint32_t(t.size())}, true);
+                for (int w : {8, 45}) {  // the first target passed as null: the fixed palette
+                    const RGBQUAD* pal = &t == targets ? nullptr : t.data();
+                    const uint32_t n = uint32_t(t.size());
+                    expectLikeItsColours(c, w, 9, rng, {.method = method, .pal = pal, .colors = n}, true);
+                }
     const SourceCase bgr24{24, ORDER_BGR, {}}, grey8{8, ORDER_RGB, greyRamp(256)}, tint8{8, ORDER_RGB, tinted};
     for (const auto& [c, colours] : {std::pair{bgr24, 2u}, std::pair{grey8, 16u}, std::pair{tint8, 2u}})
         expectLikeItsColours(c, 8, 2, rng, {.method = 1, .colors = colours}, false);
 }
 
-// --------------------------------------------------- threads and failures
-
-// Runs keep all their state on the record: threads dithering at once give
-// what each gives alone.
+// Runs keep all their state on the record: threads dithering at once give what each gives alone.
 TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
     const int w = 120, h = 40;
     auto img = testImage(w, h, 64);
     auto pal = randomPalette(20, 6);
-    auto run = [&](int m) { return runImage(img, w, {.method = m * 2, .pal = m % 2 ? pal.data() : nullptr, .colors = m % 2 ? 20u : 256u}); };
+    auto run = [&](int m) {
+        return runImage(img, w, {.method = m * 2, .pal = m % 2 ? pal.data() : nullptr, .colors = m % 2 ? 20u : 256u});
+    };
     std::vector<std::vector<int>> together(4);
     std::vector<std::thread> threads;
     for (int m = 0; m < 4; ++m)
@@ -468,8 +443,8 @@ TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
 TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
     K_GetDefaultDithering();
     const struct { int bits, order, method; bool callerPalette, callerTable; } configs[] = {
-        {24, ORDER_BGR, 1, false, false}, {24, ORDER_BGR, 2, true, false}, {4, ORDER_RGB, 5, true, false},
-        {16, ORDER_RGB565, 7, false, false}, {8, ORDER_RGB, 0, true, true}, {16, ORDER_GRAY, 1, false, false}};
+        {24, ORDER_BGR, 1, false, false},   {24, ORDER_BGR, 2, true, false}, {4, ORDER_RGB, 5, true, false},
+        {16, ORDER_RGB565, 7, false, false}, {8, ORDER_RGB, 0, true, true},   {16, ORDER_GRAY, 1, false, false}};
     auto pal = randomPalette(12, 2);
     std::vector<uint32_t> table(32768, 3);
     for (const auto& cfg : configs) {
@@ -479,8 +454,9 @@ TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
         const int failures = tkit::allocationWalk([&](tkit::Armed& armed) {
             const BITMAPRECORD before = rec.bm;
             const int32_t rc = armed([&] {
-                return cfg.callerTable ? K_StartDitheringExt(&rec.bm, pal.data(), 12, 4, table.data())
-                                       : K_StartDithering(&rec.bm, cfg.callerPalette ? pal.data() : nullptr, cfg.callerPalette ? 12 : 256);
+                if (cfg.callerTable) return K_StartDitheringExt(&rec.bm, pal.data(), 12, 4, table.data());
+                return cfg.callerPalette ? K_StartDithering(&rec.bm, pal.data(), 12)
+                                         : K_StartDithering(&rec.bm, nullptr, 256);
             });
             EXPECT_TRUE(rc != KS_SUCCESS || armed.injected == 0);
             if (rc == KS_SUCCESS) return;
@@ -493,22 +469,20 @@ TEST(DitherAlloc, StartSurvivesEveryAllocationFailure) {
     }
 }
 
-// ------------------------------------------------------- blocks of rows
-
-// Grey bytes: random, or runs of 127 and 128 (the largest errors of either
-// sign) between black and white, which drive the carried sums to the tables' ends.
+// Grey bytes: random, or runs of 127 and 128 (the largest errors of either sign) between black and white,
+// which drive the carried sums to the tables' ends.
 Rows greyRows(int w, int h, int bytesPerPixel, bool saturated, uint32_t seed) {
     std::mt19937 rng(seed);
     static const uint8_t kLevels[4] = {127, 128, 0, 255};
     Rows rows(size_t(h), std::vector<uint8_t>(size_t(w) * size_t(bytesPerPixel)));
-    for (int y = 0; y < h; ++y)
+    for (size_t y = 0; y < rows.size(); ++y)
         for (size_t x = 0; x < rows[0].size(); ++x)
-            rows[size_t(y)][x] = saturated ? kLevels[(x / 5 + size_t(y) / 7 * 3 + (rng() % 16 == 0)) % 4] : uint8_t(rng());
+            rows[y][x] = saturated ? kLevels[(x / 5 + y / 7 * 3 + (rng() % 16 == 0)) % 4] : uint8_t(rng());
     return rows;
 }
 
-// Floyd-Steinberg to black and white through krn::ditherRows: blocks of
-// `blockRows` rows (the wavefront), `chunk` rows per call.
+// Floyd-Steinberg to black and white through krn::ditherRows: blocks of `blockRows` rows (the wavefront),
+// `chunk` rows per call.
 std::vector<int> runBlocks(const SourceCase& c, int w, const Rows& rows, int blockRows, size_t chunk) {
     Rec rec(w, c.bits, c.order, DITHER_FLOYD_STEINBERG, c.bits <= 8 ? &c.pal : nullptr);
     EXPECT_EQ(K_StartDithering(&rec.bm, nullptr, 2), KS_SUCCESS);
@@ -517,19 +491,19 @@ std::vector<int> runBlocks(const SourceCase& c, int w, const Rows& rows, int blo
     for (size_t y0 = 0; y0 < rows.size(); y0 += chunk) {
         std::vector<const uint8_t*> src;
         std::vector<uint8_t*> dst;
-        for (size_t y = y0; y < std::min(rows.size(), y0 + chunk); ++y) src.push_back(rows[y].data()), dst.push_back(out[y].data());
+        for (size_t y = y0; y < std::min(rows.size(), y0 + chunk); ++y)
+            src.push_back(rows[y].data()), dst.push_back(out[y].data());
         EXPECT_EQ(krn::ditherRows(&rec.bm, src.data(), dst.data(), int32_t(src.size())), KS_SUCCESS);
     }
     krn::testhook::ditherWaveRows = 0;
     std::vector<int> got;
-    for (const auto& r : out)
-        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(r.data(), x, 1));
+    for (const auto& r : out) unpack(r.data(), w, 1, got);
     return got;
 }
 
 TEST(DitherWave, BlocksMatchLinesThePlainLoopAndTheReference) {
     const SourceCase grey8{8, ORDER_RGB, greyRamp(256)};
-    const auto bw = fixedTarget(2, fixedPal(1));
+    const auto bw = target(fixedPal(1), 2);
     for (int w : {1, 2, 3, 7, 8, 9, 31, 4001})
         for (bool sat : {false, true}) {
             const int h = w > 100 ? 11 : (sat ? 203 : 37);  // tall and narrow saturates the error rows
@@ -541,22 +515,23 @@ TEST(DitherWave, BlocksMatchLinesThePlainLoopAndTheReference) {
             ASSERT_EQ(runRows(grey8, w, rows, {.method = 1}), ref) << w;
             ASSERT_EQ(runRows(grey8, w, rows, {.method = 1, .plain = true}), ref) << w;
             for (int blockRows : {1, 2, 4, 8})
-                for (int chunk : {h, 3, 9}) EXPECT_EQ(runBlocks(grey8, w, rows, blockRows, size_t(chunk)), ref) << w << " " << blockRows << " " << chunk;
+                for (int chunk : {h, 3, 9})
+                    EXPECT_EQ(runBlocks(grey8, w, rows, blockRows, size_t(chunk)), ref) << w << " " << blockRows;
         }
     // Sources made grey first: a reversed grey palette (a table), 16-bit grey (the converter).
     auto reversed = greyRamp(256);
     std::reverse(reversed.begin(), reversed.end());
     for (const SourceCase& c : {SourceCase{8, ORDER_RGB, reversed}, SourceCase{16, ORDER_GRAY, {}}}) {
         const Rows rows = greyRows(29, 23, c.bits / 8, false, uint32_t(c.bits));
-        for (int blockRows : {2, 4, 8}) EXPECT_EQ(runBlocks(c, 29, rows, blockRows, 23), runRows(c, 29, rows, {.method = 1})) << c.bits;
+        for (int blockRows : {2, 4, 8})
+            EXPECT_EQ(runBlocks(c, 29, rows, blockRows, 23), runRows(c, 29, rows, {.method = 1})) << c.bits;
     }
 }
 
-// K_ColorResBitmap dithers like the engine row by row: grey to black and
-// white by Floyd-Steinberg (the block loop) and a photo to the sixteen fixed
-// colours by three methods, on every storage kind, by the block loop and by
-// the row layer; under every allocation failure (on one kind) a failure
-// leaves the source, the destination record and the block count.
+// K_ColorResBitmap dithers like the engine row by row: grey to black and white by Floyd-Steinberg (the block
+// loop) and a photo to the sixteen fixed colours by three methods, on every storage kind, by the block loop
+// and by the row layer; under every allocation failure (on one kind) a failure leaves the source, the
+// destination record and the block count.
 TEST(DitherWave, ColorResMatchesTheEngineOnEveryStorageKindAndUnderAllocationFailures) {
     const int w = 61, h = 45;
     const SourceCase grey8{8, ORDER_RGB, greyRamp(256)}, bgr24{24, ORDER_BGR, {}};
@@ -575,31 +550,38 @@ TEST(DitherWave, ColorResMatchesTheEngineOnEveryStorageKindAndUnderAllocationFai
     };
     for (const auto& c : cases) {
         const auto ref = runRows(c.src, w, c.rows, {.method = c.method, .colors = 1u << c.bits});
+        const uint32_t flags = CRF_FIXEDPALETTE | CRF_DITHER(c.method);
         for (auto kind : storagetest::kindsFor(c.src.bits))
             for (bool rowPath : {false, true}) {
-                SCOPED_TRACE(testing::Message() << storagetest::kindName(kind) << ", row layer " << rowPath << ", method " << c.method);
+                SCOPED_TRACE(testing::Message() << storagetest::kindName(kind) << ", row layer " << rowPath
+                                                << ", method " << c.method);
                 storagetest::KindBitmap src(kind, w, h, c.src.bits);
-                ASSERT_TRUE(src.rc == KS_SUCCESS && (c.src.bits > 8 || K_SetBitmapPalette(&src.bm, c.src.pal.data(), 256) == KS_SUCCESS));
+                ASSERT_EQ(src.rc, KS_SUCCESS);
+                ASSERT_TRUE(c.src.bits > 8 || K_SetBitmapPalette(&src.bm, c.src.pal.data(), 256) == KS_SUCCESS);
                 src.bm.nOrder = c.src.order;
-                for (int y = 0; y < h; ++y) ASSERT_GE(K_PutBitmapRow(&src.bm, c.rows[size_t(y)].data(), y, uint32_t(c.rows[0].size())), 0);
+                for (int y = 0; y < h; ++y)
+                    ASSERT_GE(K_PutBitmapRow(&src.bm, c.rows[size_t(y)].data(), y, uint32_t(c.rows[0].size())), 0);
                 auto attempt = [&](tkit::Armed& armed) {
                     const BITMAPRECORD before = src.bm;
                     BITMAPRECORD dst{}, zero{};
                     krn::testhook::colorResRowPath = rowPath;
-                    const int32_t rc = armed([&] { return K_ColorResBitmap(&src.bm, &dst, c.bits, CRF_FIXEDPALETTE | CRF_DITHER(c.method), nullptr, 0, BITMAPRECORD_SIZE); });
+                    const int32_t rc = armed(
+                        [&] { return K_ColorResBitmap(&src.bm, &dst, c.bits, flags, nullptr, 0, BITMAPRECORD_SIZE); });
                     krn::testhook::colorResRowPath = false;
                     if (rc != KS_SUCCESS) {  // a failure the call could do without changes nothing either
-                        EXPECT_TRUE(!std::memcmp(&before, &src.bm, sizeof before) && !std::memcmp(&dst, &zero, sizeof dst));
+                        EXPECT_EQ(std::memcmp(&before, &src.bm, sizeof before), 0);
+                        EXPECT_EQ(std::memcmp(&dst, &zero, sizeof dst), 0);
                         return;
                     }
                     std::vector<int> got;
                     for (const auto& r : read(&dst, (size_t(w) * size_t(c.bits) + 7) / 8))
-                        for (int x = 0; x < w; ++x) got.push_back(unpackIndex(r.data(), x, c.bits));
+                        unpack(r.data(), w, c.bits, got);
                     EXPECT_EQ(got, ref);
                     K_FreeBitmap(&dst);
                 };
                 tkit::Armed clean{1L << 40, 1};  // the walk on one kind, one clean call on the others
-                &c == cases && kind == storagetest::Kind::SingleBlock && !rowPath ? void(tkit::allocationWalk(attempt)) : attempt(clean);
+                const bool walk = &c == cases && kind == storagetest::Kind::SingleBlock && !rowPath;
+                walk ? void(tkit::allocationWalk(attempt)) : attempt(clean);
                 EXPECT_EQ(read(&src.bm, c.rows[0].size()), c.rows);  // read, never written
             }
     }

@@ -18,25 +18,26 @@
 namespace {
 
 RGBQUAD rgb(int r, int g, int b) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), 0}; }
-bool same(const RGBQUAD& a, const RGBQUAD& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+bool same(const RGBQUAD* a, const RGBQUAD* b, int n) { return std::memcmp(a, b, size_t(n) * sizeof(RGBQUAD)) == 0; }
+bool same(const RGBQUAD& a, const RGBQUAD& b) { return same(&a, &b, 1); }
 
 struct Bitmap {
     BITMAPRECORD bm{};
     Bitmap() { K_InitBitmap(&bm, BITMAPRECORD_SIZE, 0, 0, 0); }
     ~Bitmap() { K_FreeBitmap(&bm); }
     int32_t create(int w, int h, int bpp, int order = ORDER_BGR, const RGBQUAD* pal = nullptr) {
-        return K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_CONVENTIONAL, w, h, bpp, order, pal, TOP_LEFT, nullptr, 0);
+        return K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, bpp, order, pal, TOP_LEFT, nullptr, 0);
     }
 };
-
-// ---------------------------------------------------------------- fixed palettes
 
 // Entry i of the fixed palette of depth d, written from the table.
 RGBQUAD fixedEntry(int d, int i) {
     static const int L4[4] = {0, 85, 170, 255};
     auto L8 = [](int k) { return (k * 255 + 3) / 7; };  // k * 255 / 7 rounded to nearest
-    static const int sixteen[16][3] = {{0, 0, 0},     {128, 0, 0}, {0, 128, 0}, {128, 128, 0}, {0, 0, 128},   {128, 0, 128}, {0, 128, 128}, {128, 128, 128},
-                                       {192, 192, 192}, {255, 0, 0}, {0, 255, 0}, {255, 255, 0}, {0, 0, 255}, {255, 0, 255}, {0, 255, 255}, {255, 255, 255}};
+    static const int sixteen[16][3] = {{0, 0, 0},       {128, 0, 0}, {0, 128, 0}, {128, 128, 0}, {0, 0, 128},
+                                       {128, 0, 128},   {0, 128, 128}, {128, 128, 128}, {192, 192, 192}, {255, 0, 0},
+                                       {0, 255, 0},     {255, 255, 0}, {0, 0, 255}, {255, 0, 255}, {0, 255, 255},
+                                       {255, 255, 255}};
     switch (d) {
         case 0: return rgb(i, i, i);
         case 1: return i ? rgb(255, 255, 255) : rgb(0, 0, 0);
@@ -60,8 +61,8 @@ TEST(PaletteFixed, EveryDepthWebAndGreyRampsMatchTheTables) {
         ASSERT_TRUE(made && grey);
         EXPECT_EQ(K_GlobalSize(grey), size_t(count) * sizeof(RGBQUAD));
         for (int i = 0; i < count; ++i) {
-            EXPECT_TRUE(same(filled[size_t(i)], fixedEntry(d, i)) && same(made[i], fixedEntry(d, i)) && (!d || same(k[i], fixedEntry(d, i))))
-                << "depth " << d << " entry " << i;
+            const RGBQUAD e = fixedEntry(d, i);
+            EXPECT_TRUE(same(filled[size_t(i)], e) && same(made[i], e) && (!d || same(k[i], e))) << d << ":" << i;
             const int v = count == 1 ? 0 : i * 255 / (count - 1);
             EXPECT_TRUE(same(grey[i], rgb(v, v, v))) << d << ":" << i;
         }
@@ -73,16 +74,16 @@ TEST(PaletteFixed, EveryDepthWebAndGreyRampsMatchTheTables) {
     for (int i = 0; i < 256; ++i)
         EXPECT_TRUE(same(web[i], i < 216 ? rgb(51 * (i / 36), 51 * ((i / 6) % 6), 51 * (i % 6)) : rgb(0, 0, 0))) << i;
     RGBQUAD buf[256];
-    EXPECT_TRUE(!K_IntGetFixedPalette(0) && !K_IntGetFixedPalette(9) && !K_CreateGrayPalette(9) && !K_CreateFixedPalette(-1));
-    for (int32_t st : {K_GetFixedPalette(buf, 9), K_GetFixedPalette(buf, -1), K_GetFixedPalette(nullptr, 8)}) EXPECT_EQ(st, KS_INVALID_PARAMETER);
+    EXPECT_TRUE(!K_IntGetFixedPalette(0) && !K_IntGetFixedPalette(9) && !K_CreateGrayPalette(9));
+    EXPECT_EQ(K_CreateFixedPalette(-1), nullptr);
+    for (int32_t st : {K_GetFixedPalette(buf, 9), K_GetFixedPalette(buf, -1), K_GetFixedPalette(nullptr, 8)})
+        EXPECT_EQ(st, KS_INVALID_PARAMETER);
     RGBQUAD* dup = K_DupPalette(buf, 3);
     ASSERT_NE(dup, nullptr);
     EXPECT_TRUE(std::memcmp(dup, buf, 3 * sizeof(RGBQUAD)) == 0 && K_GlobalSize(dup) == 3 * sizeof(RGBQUAD));
     K_GlobalFree(dup);
     EXPECT_TRUE(!K_DupPalette(nullptr, 3) && !K_DupPalette(buf, 0));
 }
-
-// ---------------------------------------------------------------- grey classification
 
 // The classification rule, written out plainly: 0 colour, 1 ascending ramp,
 // 2 descending ramp, 3 other greys (the step is 255 / (n - 1), accumulated).
@@ -112,7 +113,7 @@ TEST(PaletteGrey, DocumentedCasesAndRandomPalettesAgainstTheRule) {
         std::vector<RGBQUAD> p(static_cast<size_t>(n));
         const int step = n > 1 ? 255 / (n - 1) : 0;
         const bool down = rng() & 1;
-        for (int i = 0; i < n; ++i) p[size_t(i)].rgbRed = uint8_t(down ? 255 - step * i : step * i);  // an exact accumulated ramp
+        for (int i = 0; i < n; ++i) p[size_t(i)].rgbRed = uint8_t(down ? 255 - step * i : step * i);  // an exact ramp
         const int kind = int(rng() % 4);
         if (kind == 1) p[rng() % size_t(n)].rgbRed += 1;  // one step off
         for (auto& e : p) e.rgbRed = kind == 3 ? uint8_t(rng() % 3 * 127) : e.rgbRed, e.rgbGreen = e.rgbBlue = e.rgbRed;
@@ -120,7 +121,8 @@ TEST(PaletteGrey, DocumentedCasesAndRandomPalettesAgainstTheRule) {
         EXPECT_EQ(K_IsGrayScalePalette(p.data(), n), classifyRef(p)) << round;
     }
     RGBQUAD one[1] = {rgb(0, 0, 0)};
-    EXPECT_TRUE(K_IsGrayScalePalette(nullptr, 2) == KS_INVALID_PARAMETER && K_IsGrayScalePalette(one, -1) == KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_IsGrayScalePalette(nullptr, 2), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_IsGrayScalePalette(one, -1), KS_INVALID_PARAMETER);
 }
 
 TEST(PaletteGrey, Bitmaps) {
@@ -135,10 +137,11 @@ TEST(PaletteGrey, Bitmaps) {
     }
     Bitmap colour, one, deep, grey16;
     // the fixed 8-bit colour palette; no block: black, white; 24 bits; 16-bit grey
-    ASSERT_TRUE(colour.create(4, 4, 8, ORDER_BGR) == KS_SUCCESS && K_InitBitmap(&one.bm, BITMAPRECORD_SIZE_OLD, 8, 8, 1) == KS_SUCCESS &&
-                deep.create(4, 4, 24, ORDER_BGR) == KS_SUCCESS && grey16.create(4, 4, 16, ORDER_GRAY) == KS_SUCCESS);
-    EXPECT_TRUE(K_IntIsGrayScaleBitmap(&colour.bm) == 0 && K_IntIsGrayScaleBitmap(&one.bm) == 1 && K_IntIsGrayScaleBitmap(&deep.bm) == 0 &&
-                K_IntIsGrayScaleBitmap(&grey16.bm) == 1);
+    for (int32_t st : {colour.create(4, 4, 8, ORDER_BGR), K_InitBitmap(&one.bm, BITMAPRECORD_SIZE_OLD, 8, 8, 1),
+                       deep.create(4, 4, 24, ORDER_BGR), grey16.create(4, 4, 16, ORDER_GRAY)})
+        ASSERT_EQ(st, KS_SUCCESS);
+    EXPECT_TRUE(K_IntIsGrayScaleBitmap(&colour.bm) == 0 && K_IntIsGrayScaleBitmap(&one.bm) == 1);
+    EXPECT_TRUE(K_IntIsGrayScaleBitmap(&deep.bm) == 0 && K_IntIsGrayScaleBitmap(&grey16.bm) == 1);
     std::vector<RGBQUAD> lut(64);
     for (int i = 0; i < 64; ++i) lut[size_t(i)] = rgb(255 - 4 * i, 255 - 4 * i, 255 - 4 * i);
     grey16.bm.pLUT = lut.data(), grey16.bm.nLUTLength = 64;
@@ -150,10 +153,9 @@ TEST(PaletteGrey, Bitmaps) {
     grey16.bm.pLUT = nullptr, grey16.bm.nLUTLength = 0;
     BITMAPRECORD bad = colour.bm;
     bad.uStructSize = 200;
-    EXPECT_TRUE(K_IntIsGrayScaleBitmap(nullptr) == KS_INVALID_PARAMETER && K_IntIsGrayScaleBitmap(&bad) == KS_INVALID_STRUCT_SIZE);
+    EXPECT_EQ(K_IntIsGrayScaleBitmap(nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_IntIsGrayScaleBitmap(&bad), KS_INVALID_STRUCT_SIZE);
 }
-
-// ---------------------------------------------------------------- user match table
 
 TEST(PaletteMatchTable, EveryWordIsTheNearestIndexPlusOne) {
     std::mt19937 rng(3);
@@ -163,8 +165,8 @@ TEST(PaletteMatchTable, EveryWordIsTheNearestIndexPlusOne) {
     uint32_t* t = K_CreateUserMatchTable(pal.data(), 37);
     ASSERT_NE(t, nullptr);
     // The grid is component * 8, not bit-replicated: word 0x7FFF is (248, 248, 248).
-    for (uint32_t k = 0; k < USER_MATCH_TABLE_ENTRIES; ++k)
-        ASSERT_EQ(t[k], uint32_t(K_FindPaletteIndex(pal.data(), 37, int(k >> 10) * 8, int((k >> 5) & 31) * 8, int(k & 31) * 8)) + 1) << k;
+    for (int k = 0; k < USER_MATCH_TABLE_ENTRIES; ++k)
+        ASSERT_EQ(t[k], uint32_t(K_FindPaletteIndex(pal.data(), 37, (k >> 10) * 8, (k >> 5 & 31) * 8, k % 32 * 8) + 1));
     EXPECT_TRUE(K_FreeUserMatchTable(t) == KS_SUCCESS && K_FreeUserMatchTable(nullptr) == KS_SUCCESS);
     EXPECT_TRUE(!K_CreateUserMatchTable(nullptr, 2) && !K_CreateUserMatchTable(pal.data(), 0));
     const long live = krn::faultinject::liveBlocks();
@@ -199,36 +201,36 @@ TEST(PaletteMatchTable, InstalledPerThreadAndUninstalledOnFree) {
     K_SetUserMatchTable(before);
 }
 
-// ---------------------------------------------------------------- record helpers
-
 TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
-    auto sameAs = [](const RGBQUAD* a, const RGBQUAD* b, int n) { return std::memcmp(a, b, size_t(n) * sizeof(RGBQUAD)) == 0; };
+    const int32_t P = KS_INVALID_PARAMETER;
     Bitmap b;
     ASSERT_EQ(b.create(8, 8, 4), KS_SUCCESS);
     RGBQUAD mine[5] = {rgb(1, 2, 3), rgb(4, 5, 6), rgb(7, 8, 9), rgb(10, 11, 12), rgb(13, 14, 15)};
     ASSERT_EQ(K_SetBitmapPalette(&b.bm, mine, 5), KS_SUCCESS);
-    // padded to 2^depth with black
-    EXPECT_TRUE(b.bm.nColors == 5 && K_GlobalSize(b.bm.pPalette) == 16 * sizeof(RGBQUAD) && same(b.bm.pPalette[15], rgb(0, 0, 0)));
+    EXPECT_EQ(b.bm.nColors, 5);  // padded to 2^depth with black
+    EXPECT_TRUE(K_GlobalSize(b.bm.pPalette) == 16 * sizeof(RGBQUAD) && same(b.bm.pPalette[15], rgb(0, 0, 0)));
     RGBQUAD out[16];
     std::memset(out, 0xEE, sizeof out);
     EXPECT_EQ(K_GetBitmapColors(&b.bm, 1, 10, out), 4);  // only 4 entries from index 1
-    EXPECT_TRUE(sameAs(out, mine + 1, 4) && out[4].rgbRed == 0xEE && K_GetBitmapColors(&b.bm, 5, 3, out) == 0);
-    for (int32_t st : {K_GetBitmapColors(&b.bm, 6, 1, out), K_GetBitmapColors(&b.bm, -1, 1, out), K_GetBitmapColors(&b.bm, 0, 1, nullptr),
-                       K_PutBitmapColors(&b.bm, 14, 3, mine), K_PutBitmapColors(&b.bm, 0, 1, nullptr)})  // past 2^4
-        EXPECT_EQ(st, KS_INVALID_PARAMETER);
+    EXPECT_TRUE(same(out, mine + 1, 4) && out[4].rgbRed == 0xEE && K_GetBitmapColors(&b.bm, 5, 3, out) == 0);
+    for (int32_t st : {K_GetBitmapColors(&b.bm, 6, 1, out), K_GetBitmapColors(&b.bm, -1, 1, out),
+                       K_GetBitmapColors(&b.bm, 0, 1, nullptr), K_PutBitmapColors(&b.bm, 14, 3, mine),  // past 2^4
+                       K_PutBitmapColors(&b.bm, 0, 1, nullptr)})
+        EXPECT_EQ(st, P);
     RGBQUAD put[3] = {rgb(90, 91, 92), rgb(93, 94, 95), rgb(96, 97, 98)};
     RGBQUAD* block = b.bm.pPalette;
     EXPECT_EQ(K_PutBitmapColors(&b.bm, 4, 3, put), 3);
     EXPECT_TRUE(b.bm.pPalette == block && b.bm.nColors == 7);  // written in place, grown to cover the range
-    EXPECT_TRUE(K_GetBitmapColors(&b.bm, 0, 16, out) == 7 && sameAs(out, mine, 4) && sameAs(out + 4, put, 3));
+    EXPECT_TRUE(K_GetBitmapColors(&b.bm, 0, 16, out) == 7 && same(out, mine, 4) && same(out + 4, put, 3));
     // Own palette as the source; null means the fixed palette.
     ASSERT_EQ(K_SetBitmapPalette(&b.bm, b.bm.pPalette + 1, 3), KS_SUCCESS);
-    EXPECT_TRUE(sameAs(b.bm.pPalette, mine + 1, 3));
-    EXPECT_TRUE(K_SetBitmapPalette(&b.bm, mine, 17) == KS_INVALID_PARAMETER && K_SetBitmapPalette(&b.bm, mine, 0) == KS_INVALID_PARAMETER);
+    EXPECT_TRUE(same(b.bm.pPalette, mine + 1, 3));
+    EXPECT_TRUE(K_SetBitmapPalette(&b.bm, mine, 17) == P && K_SetBitmapPalette(&b.bm, mine, 0) == P);
     ASSERT_EQ(K_SetBitmapPalette(&b.bm, nullptr, 0), KS_SUCCESS);
-    EXPECT_TRUE(K_CompareBitmapToPalette(&b.bm, K_IntGetFixedPalette(4), 16) == KS_SUCCESS && K_CompareBitmapToPalette(&b.bm, nullptr, 0) == KS_SUCCESS);
-    EXPECT_EQ(K_CompareBitmapToPalette(&b.bm, K_IntGetFixedPalette(4), 15), KS_FAILURE);
-    std::vector<RGBQUAD> almost(K_IntGetFixedPalette(4), K_IntGetFixedPalette(4) + 16);
+    const RGBQUAD* fixed4 = K_IntGetFixedPalette(4);
+    EXPECT_TRUE(K_CompareBitmapToPalette(&b.bm, fixed4, 16) == 1 && K_CompareBitmapToPalette(&b.bm, {}, 0) == 1);
+    EXPECT_EQ(K_CompareBitmapToPalette(&b.bm, fixed4, 15), KS_FAILURE);
+    std::vector<RGBQUAD> almost(fixed4, fixed4 + 16);
     almost[9].rgbReserved = 77;  // ignored
     EXPECT_EQ(K_CompareBitmapToPalette(&b.bm, almost.data(), 16), KS_SUCCESS);
     almost[9].rgbGreen ^= 1;
@@ -241,43 +243,50 @@ TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
     RGBQUAD red = rgb(255, 0, 0), fixed2[4];
     std::memcpy(fixed2, K_IntGetFixedPalette(2), sizeof fixed2);
     fixed2[1] = red;
-    EXPECT_TRUE(K_PutBitmapColors(&bare, 1, 1, &red) == 1 && bare.pPalette && sameAs(bare.pPalette, fixed2, 4));
+    EXPECT_TRUE(K_PutBitmapColors(&bare, 1, 1, &red) == 1 && bare.pPalette && same(bare.pPalette, fixed2, 4));
     K_FreeBitmap(&bare);
 
     // Deep bitmaps: no colours until given some, blocks sized to the count.
     Bitmap deep;
     ASSERT_EQ(deep.create(4, 4, 24), KS_SUCCESS);
-    EXPECT_TRUE(K_GetBitmapColors(&deep.bm, 0, 4, out) == 0 && K_SetBitmapPalette(&deep.bm, nullptr, 0) == KS_INVALID_PARAMETER);
-    EXPECT_TRUE(K_CreateBitmapFixedPalette(&deep.bm) == KS_INVALID_BITS_PER_PIXEL && K_CreateBitmapGrayPalette(&deep.bm) == KS_INVALID_BITS_PER_PIXEL);
+    EXPECT_TRUE(K_GetBitmapColors(&deep.bm, 0, 4, out) == 0 && K_SetBitmapPalette(&deep.bm, nullptr, 0) == P);
+    EXPECT_EQ(K_CreateBitmapFixedPalette(&deep.bm), KS_INVALID_BITS_PER_PIXEL);
+    EXPECT_EQ(K_CreateBitmapGrayPalette(&deep.bm), KS_INVALID_BITS_PER_PIXEL);
     std::vector<RGBQUAD> big(256);
     for (int i = 0; i < 256; ++i) big[size_t(i)] = rgb(i, 255 - i, i / 2);
-    EXPECT_TRUE(K_SetBitmapPalette(&deep.bm, big.data(), 256) == KS_SUCCESS && K_PutBitmapColors(&deep.bm, 255, 2, big.data()) == KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_SetBitmapPalette(&deep.bm, big.data(), 256), KS_SUCCESS);
+    EXPECT_EQ(K_PutBitmapColors(&deep.bm, 255, 2, big.data()), P);
     EXPECT_EQ(K_SetBitmapPalette(&deep.bm, big.data(), 10), KS_SUCCESS);
     block = deep.bm.pPalette;
     EXPECT_EQ(K_PutBitmapColors(&deep.bm, 10, 5, big.data()), 5);  // needs a larger block
-    EXPECT_TRUE(deep.bm.pPalette != block && deep.bm.nColors == 15 && K_GlobalSize(deep.bm.pPalette) == 15 * sizeof(RGBQUAD));
+    EXPECT_TRUE(deep.bm.pPalette != block && deep.bm.nColors == 15);
+    EXPECT_EQ(K_GlobalSize(deep.bm.pPalette), 15 * sizeof(RGBQUAD));
 
     // Copies between records.
     Bitmap src, dst, deep2;
-    ASSERT_TRUE(src.create(4, 4, 8, ORDER_BGR, big.data()) == KS_SUCCESS && dst.create(4, 4, 8) == KS_SUCCESS && deep2.create(4, 4, 24) == KS_SUCCESS);
+    for (int32_t st : {src.create(4, 4, 8, ORDER_BGR, big.data()), dst.create(4, 4, 8), deep2.create(4, 4, 24)})
+        ASSERT_EQ(st, KS_SUCCESS);
     ASSERT_EQ(K_CopyBitmapPalette(&dst.bm, &src.bm), KS_SUCCESS);
-    EXPECT_TRUE(dst.bm.pPalette != src.bm.pPalette && K_CompareBitmapToPalette(&dst.bm, big.data(), 256) == KS_SUCCESS);
+    EXPECT_NE(dst.bm.pPalette, src.bm.pPalette);
+    EXPECT_EQ(K_CompareBitmapToPalette(&dst.bm, big.data(), 256), KS_SUCCESS);
     EXPECT_EQ(K_CopyBitmapPalette(&dst.bm, &dst.bm), KS_SUCCESS);
     block = b.bm.pPalette;
-    EXPECT_TRUE(K_CopyBitmapPalette(&b.bm, &src.bm) == KS_INVALID_PARAMETER && b.bm.pPalette == block);  // 256 entries do not fit 4 bits
+    EXPECT_TRUE(K_CopyBitmapPalette(&b.bm, &src.bm) == P && b.bm.pPalette == block);  // 256 entries do not fit 4 bits
     ASSERT_EQ(K_CopyBitmapPalette(&dst.bm, &deep2.bm), KS_SUCCESS);
     EXPECT_TRUE(dst.bm.pPalette == nullptr && dst.bm.nColors == 256);
     EXPECT_EQ(K_CompareBitmapToPalette(&dst.bm, nullptr, 0), KS_SUCCESS);  // falls back to the fixed palette
     BITMAPRECORD bad = src.bm;
     bad.uStructSize = 1;
-    EXPECT_TRUE(K_CopyBitmapPalette(nullptr, &src.bm) == KS_INVALID_PARAMETER && K_CopyBitmapPalette(&dst.bm, &bad) == KS_INVALID_STRUCT_SIZE);
-    EXPECT_TRUE(K_CreateBitmapFixedPalette(&dst.bm) == KS_SUCCESS && K_CompareBitmapToPalette(&dst.bm, nullptr, 0) == KS_SUCCESS);
+    EXPECT_EQ(K_CopyBitmapPalette(nullptr, &src.bm), P);
+    EXPECT_EQ(K_CopyBitmapPalette(&dst.bm, &bad), KS_INVALID_STRUCT_SIZE);
+    EXPECT_TRUE(K_CreateBitmapFixedPalette(&dst.bm) == 1 && K_CompareBitmapToPalette(&dst.bm, {}, 0) == 1);
 }
 
 TEST(PaletteRecord, ColourValues) {
-    Bitmap p8, p8b, grey16, rgb24, p1;
-    ASSERT_TRUE(p8.create(2, 2, 8) == KS_SUCCESS && p8b.create(2, 2, 8) == KS_SUCCESS && grey16.create(2, 2, 16, ORDER_GRAY) == KS_SUCCESS &&
-                rgb24.create(2, 2, 24) == KS_SUCCESS && p1.create(2, 2, 1) == KS_SUCCESS);  // 8 bits: the fixed palette
+    Bitmap p8, p8b, grey16, rgb24, p1;  // 8 bits: the fixed palette
+    for (int32_t st : {p8.create(2, 2, 8), p8b.create(2, 2, 8), grey16.create(2, 2, 16, ORDER_GRAY),
+                       rgb24.create(2, 2, 24), p1.create(2, 2, 1)})
+        ASSERT_EQ(st, KS_SUCCESS);
     const RGBQUAD* fixed = K_IntGetFixedPalette(8);
     auto colourOf = [&](int i) { return KCOLOR_RGB(fixed[i].rgbRed, fixed[i].rgbGreen, fixed[i].rgbBlue); };
     uint32_t v = 0;
@@ -285,12 +294,15 @@ TEST(PaletteRecord, ColourValues) {
     EXPECT_EQ(v, colourOf(77));
     ASSERT_EQ(K_GetTrueColorValue(&rgb24.bm, KCOLOR_RGB(1, 2, 3), &v), KS_SUCCESS);
     EXPECT_EQ(v, 0x030201u);
-    for (int32_t st : {K_GetTrueColorValue(&rgb24.bm, KCOLOR_INDEX(0), &v), K_GetTrueColorValue(&p8.bm, KCOLOR_INDEX(256), &v),
-                       K_GetTrueColorValue(&p8.bm, 0x02000000u, &v), K_GetTrueColorValue(&p8.bm, 0, nullptr)})
+    for (int32_t st : {K_GetTrueColorValue(&rgb24.bm, KCOLOR_INDEX(0), &v), K_GetTrueColorValue(&p8.bm, 0x02000000, &v),
+                       K_GetTrueColorValue(&p8.bm, KCOLOR_INDEX(256), &v), K_GetTrueColorValue(&p8.bm, 0, nullptr)})
         EXPECT_EQ(st, KS_INVALID_PARAMETER);
-    // Every index of the fixed palette translates to itself through a copy of
-    // it, an RGB colour to the nearest entry, into grey by the grey rule.
-    for (uint32_t i = 0; i < 256; ++i) EXPECT_TRUE(K_TranslateBitmapColor(&p8b.bm, &p8.bm, KCOLOR_INDEX(i), &v) == KS_SUCCESS && v == KCOLOR_INDEX(i)) << i;
+    // Every index of the fixed palette translates to itself through a copy of it, an RGB colour to the nearest
+    // entry, into grey by the grey rule.
+    for (uint32_t i = 0; i < 256; ++i) {
+        ASSERT_EQ(K_TranslateBitmapColor(&p8b.bm, &p8.bm, KCOLOR_INDEX(i), &v), KS_SUCCESS);
+        EXPECT_EQ(v, KCOLOR_INDEX(i));
+    }
     const struct { BITMAPRECORD *dst, *src; uint32_t colour, want; } cases[] = {
         {&p8b.bm, nullptr, KCOLOR_RGB(250, 3, 120), KCOLOR_INDEX(K_FindPaletteIndex(fixed, 256, 250, 3, 120))},
         {&grey16.bm, &p8.bm, KCOLOR_INDEX(255), KCOLOR_RGB(255, 255, 255)},
@@ -305,20 +317,19 @@ TEST(PaletteRecord, ColourValues) {
     EXPECT_EQ(K_TranslateBitmapColor(&rgb24.bm, nullptr, KCOLOR_INDEX(3), &v), KS_INVALID_PARAMETER);
 }
 
-// ---------------------------------------------------------------- used colours
-
-// The used colours come through the row layer: every storage kind and format
-// answers the sorted set of colours the reference converter reads from the
-// same rows, whatever the padding bits hold.
+// The used colours come through the row layer: every storage kind and format answers the sorted set of colours the
+// reference converter reads from the same rows, whatever the padding bits hold.
 TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
     using namespace storagetest;
     constexpr int32_t W = 37, H = 23;
-    const struct { int bpp, order; } formats[] = {{1, ORDER_BGR},  {2, ORDER_BGR},  {3, ORDER_BGR},  {4, ORDER_BGR},  {5, ORDER_BGR},     {6, ORDER_BGR}, {7, ORDER_BGR}, {8, ORDER_BGR},
-                   {24, ORDER_BGR}, {24, ORDER_RGB}, {32, ORDER_BGR}, {48, ORDER_RGB}, {16, ORDER_RGB565}, {16, ORDER_BGR}, {16, ORDER_GRAY}};
+    const struct { int bpp, order; } formats[] = {
+        {1, ORDER_BGR},  {2, ORDER_BGR},  {3, ORDER_BGR},  {4, ORDER_BGR},  {5, ORDER_BGR},     {6, ORDER_BGR},
+        {7, ORDER_BGR},  {8, ORDER_BGR},  {24, ORDER_BGR}, {24, ORDER_RGB}, {32, ORDER_BGR},    {48, ORDER_RGB},
+        {16, ORDER_BGR}, {16, ORDER_GRAY}, {16, ORDER_RGB565}};
     for (const auto& f : formats) {
         std::mt19937 rng{uint32_t(f.bpp * 8 + f.order)};
         std::vector<RGBQUAD> pal(f.bpp <= 8 ? size_t(1) << f.bpp : 0);
-        for (auto& e : pal) e = rgb(int(rng() % 5) * 60, int(rng() % 5) * 60, int(rng() % 2) * 60);  // duplicates likely
+        for (auto& e : pal) e = rgb(int(rng() % 5) * 60, int(rng() % 5) * 60, int(rng() % 2) * 60);  // duplicates
         // Pixels drawn from a few random values (grey samples on the 8-bit grid).
         const size_t Bpp = size_t(std::max(f.bpp, 8) / 8);
         std::vector<std::vector<uint8_t>> pool(9, std::vector<uint8_t>(Bpp));
@@ -334,14 +345,15 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
         q.srcPal = pal.empty() ? nullptr : pal.data();
         for (int32_t y = 0; y < H; ++y) {
             for (int32_t x = 0; x < W; ++x)
-                f.bpp <= 8 ? setPixel(ref.row(y), x, f.bpp, rng() % (1u << f.bpp)) : void(std::memcpy(ref.row(y) + size_t(x) * Bpp, pool[rng() % 9].data(), Bpp));
+                if (f.bpp <= 8) setPixel(ref.row(y), x, f.bpp, rng() % (1u << f.bpp));
+                else std::memcpy(ref.row(y) + size_t(x) * Bpp, pool[rng() % 9].data(), Bpp);
             std::vector<uint8_t> buf(ref.row(y), ref.row(y) + ref.bpl);
             buf.resize(std::max<size_t>(buf.size(), convref::dstRunBytes(q)));
             const auto c = convref::convert(q, buf);
-            for (size_t x = 0; x < size_t(W); ++x) want.insert(uint32_t(c[3 * x]) << 16 | c[3 * x + 1] << 8 | c[3 * x + 2]);
+            for (size_t x = 0; x < 3 * size_t(W); x += 3) want.insert(uint32_t(c[x] << 16 | c[x + 1] << 8 | c[x + 2]));
         }
         for (Kind k : kindsFor(f.bpp)) {
-            SCOPED_TRACE(std::string(kindName(k)) + ", " + std::to_string(f.bpp) + " bits, order " + std::to_string(f.order));
+            SCOPED_TRACE(testing::Message() << kindName(k) << ", " << f.bpp << " bits, order " << f.order);
             KindBitmap kb(k, W, H, f.bpp);
             ASSERT_EQ(kb.rc, KS_SUCCESS);
             kb.bm.nOrder = f.order;
@@ -363,8 +375,10 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
     Bitmap romm, empty;
     ASSERT_EQ(romm.create(2, 2, 24, ORDER_ROMM), KS_SUCCESS);
     int32_t n;
-    EXPECT_TRUE(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, &n) == KS_UNSUPPORTED_CONVERSION && K_GetBitmapPaletteEntries(&empty.bm, nullptr, 0, &n) == KS_INVALID_BITMAP);
-    EXPECT_TRUE(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, nullptr) == KS_INVALID_PARAMETER && K_GetBitmapPaletteEntries(&romm.bm, nullptr, 4, &n) == KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, &n), KS_UNSUPPORTED_CONVERSION);
+    EXPECT_EQ(K_GetBitmapPaletteEntries(&empty.bm, nullptr, 0, &n), KS_INVALID_BITMAP);
+    EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, {}, 0, nullptr), KS_INVALID_PARAMETER);
+    EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, {}, 4, &n), KS_INVALID_PARAMETER);
 }
 
 // Every allocation of the record helpers failing: the status is -1, the

@@ -1,7 +1,6 @@
-// test_palette_search.cpp - the nearest palette entry: every vector path and
-// the exported function against a literal walk written here from the rule,
-// and the converter's and colour resolution's fast fixed-palette indexes
-// against the exported search.
+// test_palette_search.cpp - the nearest palette entry: every vector path and the exported function against a literal
+// walk written here from the rule, and the converter's and colour resolution's fast fixed-palette indexes against the
+// exported search.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -23,10 +22,9 @@ namespace {
 
 using Search = int32_t (*)(const RGBQUAD*, int32_t, int, int, int) noexcept;
 
-// The rule, step by step: black prefers the first entry, white the last,
-// when they are black or white; otherwise the smallest distance, a later
-// entry at the same distance winning only when it shares the target's hue
-// class; an exact match ends the walk.
+// The rule, step by step: black prefers the first entry, white the last, when they are black or white; otherwise the
+// smallest distance, a later entry at the same distance winning only when it shares the target's hue class; an exact
+// match ends the walk.
 int32_t oracle(const std::vector<RGBQUAD>& p, int r, int g, int b) {
     const int n = int(p.size());
     auto is = [](const RGBQUAD& e, int v) { return e.rgbRed == v && e.rgbGreen == v && e.rgbBlue == v; };
@@ -44,19 +42,21 @@ int32_t oracle(const std::vector<RGBQUAD>& p, int r, int g, int b) {
     return bestIndex;
 }
 
-RGBQUAD rgb(int r, int g, int b, int reserved = 0) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), uint8_t(reserved)}; }
+RGBQUAD rgb(int r, int g, int b, int res = 0) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), uint8_t(res)}; }
 
 struct Path { const char* name; Search fn; };
 std::vector<Path> paths() {
-    std::vector<Path> v{{"scalar", krn::findPaletteIndexScalar}, {"sse2", krn::findPaletteIndexSse2}, {"dispatch", krn::findPaletteIndex},
-                        {"export", [](const RGBQUAD* p, int32_t n, int r, int g, int b) noexcept { return K_FindPaletteIndex(p, n, r, g, b); }}};
+    auto exported = [](const RGBQUAD* p, int32_t n, int r, int g, int b) noexcept {
+        return K_FindPaletteIndex(p, n, r, g, b);
+    };
+    std::vector<Path> v{{"scalar", krn::findPaletteIndexScalar}, {"sse2", krn::findPaletteIndexSse2},
+                        {"dispatch", krn::findPaletteIndex}, {"export", exported}};
     if (krn::cpuHasAvx2()) v.push_back({"avx2", krn::findPaletteIndexAvx2});
     return v;
 }
 
-// What the random walk rarely meets: the hue-class tie both ways, the first
-// exact match at both ends of every block and chunk, counts and pointers the
-// export refuses, components it clamps.
+// What the random walk rarely meets: the hue-class tie both ways, the first exact match at both ends of every block
+// and chunk, counts and pointers the export refuses, components it clamps.
 TEST(PaletteSearch, DocumentedEdgeCases) {
     // (90,100,100) and (110,100,100) are both 100 away from (100,100,100); hue classes: target 0, (90,100,100) 4
     // (red < blue), (110,100,100) 0: the later entry wins when it shares the class, else the earlier keeps the lead.
@@ -75,31 +75,33 @@ TEST(PaletteSearch, DocumentedEdgeCases) {
     }
     const std::vector<RGBQUAD> pal{rgb(0, 0, 0), rgb(255, 0, 0), rgb(0, 255, 0), rgb(250, 0, 250)};
     EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 300, -20, 0), 1);  // as (255, 0, 0), not (44, 236, 0)
-    EXPECT_TRUE(K_FindPaletteIndex(pal.data(), 4, 256, 0, 256) == 3 && K_FindPaletteIndex(pal.data(), 4, -1, -1, -1) == 0);
+    EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 256, 0, 256), 3);
+    EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, -1, -1, -1), 0);
     EXPECT_EQ(K_FindPaletteIndex(pal.data(), 4, 0x7FFFFFFF, int32_t(0x80000000), 0), 1);
 }
 
-// Random palettes built to stress the rule (duplicates, entries drawn from a
-// few levels, a small lattice, black and white at the ends, sizes around the
-// vector widths and the 256-entry chunk), each ending right before an
-// inaccessible page at every byte offset: a path that reads past the last
-// entry faults here even without a sanitizer.
+// Random palettes built to stress the rule (duplicates, entries drawn from a few levels, a small lattice, black and
+// white at the ends, sizes around the vector widths and the 256-entry chunk), each ending right before an
+// inaccessible page at every byte offset: a path that reads past the last entry faults here even without a sanitizer.
 TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
     const size_t page = size_t(sysconf(_SC_PAGESIZE)), span = 5 * page;
-    auto* region = static_cast<uint8_t*>(mmap(nullptr, span + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    void* map = mmap(nullptr, span + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    auto* region = static_cast<uint8_t*>(map);
     ASSERT_NE(region, MAP_FAILED);
     ASSERT_EQ(mprotect(region + span, page, PROT_NONE), 0);
     std::mt19937 rng(20261121);
     const auto all = paths();
     const int levels[] = {0, 1, 2, 127, 128, 129, 254, 255};
     for (int round = 0; round < 1500; ++round) {
-        const int sizes[] = {256, 1 + int(rng() % 16), 250 + int(rng() % 20), 500 + int(rng() % 40), 1 + int(rng() % 300)};
+        const int sizes[] = {256, 1 + int(rng() % 16), 250 + int(rng() % 20), 500 + int(rng() % 40),
+                             1 + int(rng() % 300)};
         const int n = sizes[std::min(round % 6, 4)], style = int(rng() % 4);
         std::vector<RGBQUAD> pal(static_cast<size_t>(n));
         for (auto& e : pal) {
             if (style == 0) e = rgb(int(rng() & 255), int(rng() & 255), int(rng() & 255), int(rng() & 255));
             if (style == 1) e = rgb(levels[rng() % 8], levels[rng() % 8], levels[rng() % 8]);
-            if (style == 2) e = rgb(100 + int(rng() % 5) * 2, 100 + int(rng() % 5) * 2, 100 + int(rng() % 5) * 2, int(rng() & 255));
+            auto lattice = [&] { return 100 + int(rng() % 5) * 2; };
+            if (style == 2) e = rgb(lattice(), lattice(), lattice(), int(rng() & 255));
             if (style == 3) e = rgb(int(rng() % 3) * 127, int(rng() % 3) * 127, int(rng() % 3) * 127);
         }
         for (int k = 0; k < n / 8; ++k) pal[rng() % size_t(n)] = pal[rng() % size_t(n)];  // duplicates
@@ -118,27 +120,27 @@ TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
             if (t % 4 == 3) r = levels[rng() % 8], g = levels[rng() % 8], b = levels[rng() % 8];
             const int32_t want = oracle(pal, r, g, b);
             for (const Path& path : all)
-                ASSERT_EQ(path.fn(at, n, r, g, b), want) << path.name << " round " << round << " n " << n << " target " << r << "," << g << "," << b;
+                ASSERT_EQ(path.fn(at, n, r, g, b), want)
+                    << path.name << " round " << round << " n " << n << " target " << r << "," << g << "," << b;
         }
     }
     munmap(region, span + page);
 }
 
-// ------------------------------------------------ fast fixed-palette indexes
-
-// The direct index of the fixed 256-colour palette on every red and green
-// (their ties sit midway between levels: 18, 91, 164, 237) with blues on both
-// sides of each blue boundary (the row kernels equal it over every colour:
-// ColorResSearch), and the converter's 24- and 32-bit rows into the fixed
-// palette, a copy of it and a caller palette (the fixed one with two entries
-// changed) keep the search's indexes.
+// The direct index of the fixed 256-colour palette on every red and green (their ties sit midway between levels: 18,
+// 91, 164, 237) with blues on both sides of each blue boundary (the row kernels equal it over every colour:
+// ColorResSearch), and the converter's 24- and 32-bit rows into the fixed palette, a copy of it and a caller palette
+// (the fixed one with two entries changed) keep the search's indexes.
 TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
     std::vector<uint32_t> colours;
     for (uint32_t b : {0u, 42u, 43u, 127u, 128u, 212u, 213u, 255u})
         for (uint32_t rg = 0; rg < 65536; ++rg) colours.push_back(rg << 8 | b);
     const RGBQUAD* fixed = K_IntGetFixedPalette(8);
-    auto search = [](const RGBQUAD* p, uint32_t c) { return K_FindPaletteIndex(p, 256, int32_t(c >> 16), int32_t(c >> 8 & 255), int32_t(c & 255)); };
-    for (uint32_t c : colours) ASSERT_EQ(krn::fixed256Index(int(c >> 16), int(c >> 8 & 255), int(c & 255)), search(fixed, c)) << std::hex << c;
+    auto search = [](const RGBQUAD* p, uint32_t c) {
+        return K_FindPaletteIndex(p, 256, int(c >> 16), c >> 8 & 255, c & 255);
+    };
+    for (uint32_t c : colours)
+        ASSERT_EQ(krn::fixed256Index(int(c >> 16), c >> 8 & 255, c & 255), search(fixed, c)) << std::hex << c;
     const std::vector<RGBQUAD> copy(fixed, fixed + 256);
     std::vector<RGBQUAD> changed = copy;
     changed[77].rgbGreen ^= 1, changed[255] = changed[0];  // black at both ends
@@ -155,7 +157,8 @@ TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
                     if (bpp == 4) p[3] = uint8_t(i * 37);
                 }
                 ASSERT_EQ(K_ConvertBuffer(row.data(), int32_t(n), bits, 8, order, ORDER_BGR, nullptr, pal), KS_SUCCESS);
-                for (size_t i = 0; i < n; ++i) ASSERT_EQ(int(row[i]), search(pal ? pal : fixed, colours[start + i])) << bits << " " << std::hex << colours[start + i];
+                for (size_t i = 0; i < n; ++i)
+                    ASSERT_EQ(row[i], search(pal ? pal : fixed, colours[start + i])) << bits << " " << start + i;
             }
         }
 }

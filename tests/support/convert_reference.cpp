@@ -174,7 +174,8 @@ int treeAnswer(const RGBQUAD* pal, int n, int r, int g, int b) {
     for (int i : withBlue)
         if (pal[i].rgbGreen == g) withBG.push_back(i);
     if (withBG.empty()) return -1;
-    if (std::all_of(withBG.begin(), withBG.end(), [&](int i) { return pal[i].rgbRed == pal[withBG[0]].rgbRed; })) return withBG[0];
+    auto sameRed = [&](int i) { return pal[i].rgbRed == pal[withBG[0]].rgbRed; };
+    if (std::all_of(withBG.begin(), withBG.end(), sameRed)) return withBG[0];
     for (int i : withBG)
         if (pal[i].rgbRed == r) return i;
     return -1;
@@ -256,7 +257,8 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
     for (size_t i = 0; i < w; ++i) {
         const Pixel& p = px[i];
         // 8-bit colour of the pixel (grey sources: their grey brought to 8 bits).
-        const uint32_t R8 = p.grey ? scale(p.value, sw.n, 8) : p.rgb[0] >> 8, G8 = p.grey ? R8 : p.rgb[1] >> 8, B8 = p.grey ? R8 : p.rgb[2] >> 8;
+        const uint32_t R8 = p.grey ? scale(p.value, sw.n, 8) : p.rgb[0] >> 8;
+        const uint32_t G8 = p.grey ? R8 : p.rgb[1] >> 8, B8 = p.grey ? R8 : p.rgb[2] >> 8;
         if (isGreyDst(r)) {
             uint32_t g = p.grey ? scale(p.value, sw.n, dw.n) : scale((2 * R8 + 5 * G8 + B8 + 4) / 8, 8, dw.n);
             uint32_t v = g << dw.lo;

@@ -1,8 +1,7 @@
-// convert_reference.h - a plain reference buffer converter for the tests,
-// written for clarity, not speed: it reads the whole source run into a list of
-// pixels, then writes every destination pixel into a copy of the original
-// bytes. It shares no code with the library's converter; only the
-// nearest-colour scan (the palette family's own reference) is borrowed.
+// convert_reference.h - a plain reference buffer converter for the tests, written for clarity, not speed: it reads
+// the whole source run into a list of pixels, then writes every destination pixel into a copy of the original bytes.
+// It shares no code with the library's converter; only the nearest-colour scan (the palette family's own reference)
+// is borrowed.
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,6 @@
-// dither_ref.h - a plain reference ditherer for the tests, written from the
-// definitions of the methods rather than from the library (clarity over
-// speed): whole-image error planes, weights as small matrices, the threshold
-// tables typed in again independently, one quantiser callback.
+// dither_ref.h - a plain reference ditherer for the tests, written from the definitions of the methods rather than
+// from the library (clarity over speed): whole-image error planes, weights as small matrices, the threshold tables
+// typed in again independently, one quantiser callback.
 #pragma once
 
 #include <algorithm>
@@ -43,17 +42,16 @@ inline const Matrix kMatrices[6] = {
 
 // The two 8x8 threshold tables of methods 7 (dispersed) and 8 (clustered).
 inline const int kThresholds[2][8][8] = {
-    {{0, 128, 32, 160, 8, 136, 40, 168},   {192, 64, 224, 96, 200, 72, 232, 104},
-     {48, 176, 16, 144, 56, 184, 24, 152}, {236, 112, 208, 80, 244, 120, 216, 88},
-     {12, 140, 44, 172, 4, 132, 36, 164},  {204, 76, 232, 108, 196, 68, 228, 100},
-     {60, 188, 28, 156, 52, 180, 20, 148}, {248, 124, 220, 92, 240, 116, 212, 84}},
-    {{112, 40, 72, 104, 144, 176, 208, 136}, {88, 8, 16, 48, 192, 232, 240, 168},
-     {56, 24, 0, 80, 160, 224, 248, 200},    {96, 64, 32, 120, 128, 216, 184, 152},
-     {148, 180, 212, 140, 116, 44, 76, 108}, {196, 236, 244, 172, 92, 12, 20, 52},
-     {164, 228, 252, 204, 60, 28, 4, 84},    {132, 220, 188, 156, 100, 68, 36, 124}}};
+    {{0, 128, 32, 160, 8, 136, 40, 168}, {192, 64, 224, 96, 200, 72, 232, 104}, {48, 176, 16, 144, 56, 184, 24, 152},
+     {236, 112, 208, 80, 244, 120, 216, 88}, {12, 140, 44, 172, 4, 132, 36, 164},
+     {204, 76, 232, 108, 196, 68, 228, 100}, {60, 188, 28, 156, 52, 180, 20, 148},
+     {248, 124, 220, 92, 240, 116, 212, 84}},
+    {{112, 40, 72, 104, 144, 176, 208, 136}, {88, 8, 16, 48, 192, 232, 240, 168}, {56, 24, 0, 80, 160, 224, 248, 200},
+     {96, 64, 32, 120, 128, 216, 184, 152}, {148, 180, 212, 140, 116, 44, 76, 108},
+     {196, 236, 244, 172, 92, 12, 20, 52}, {164, 228, 252, 204, 60, 28, 4, 84},
+     {132, 220, 188, 156, 100, 68, 36, 124}}};
 
-// Dithers a width x height image (row-major) with a method 0..8; returns one
-// palette index per pixel.
+// Dithers a width x height image (row-major) with a method 0..8; returns one palette index per pixel.
 inline std::vector<int> dither(int method, int width, int height, const std::vector<Rgb>& image, const Target& t) {
     std::vector<int> out(size_t(width) * size_t(height));
     auto clamp = [](int v) { return std::clamp(v, 0, 255); };
@@ -90,7 +88,8 @@ inline std::vector<int> dither(int method, int width, int height, const std::vec
             const Rgb p = image[size_t(y) * size_t(width) + size_t(x)];
             const size_t k = at(y, x);
             // C++ division truncates toward zero, as the rule asks.
-            const int r = clamp(p.r + int(er[k] / m.divisor)), g = clamp(p.g + int(eg[k] / m.divisor)), b = clamp(p.b + int(eb[k] / m.divisor));
+            const int r = clamp(p.r + int(er[k] / m.divisor)), g = clamp(p.g + int(eg[k] / m.divisor));
+            const int b = clamp(p.b + int(eb[k] / m.divisor));
             const int idx = t.quantise(r, g, b);
             out[size_t(y) * size_t(width) + size_t(x)] = idx;
             const Rgb& c = t.colours[size_t(idx)];

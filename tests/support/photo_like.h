@@ -1,7 +1,6 @@
-// photo_like.h - a deterministic photo-like 24-bit BGR image (smooth
-// gradients, soft coloured blobs, hard edges and sensor-like noise) for the
-// colour-resolution tests and benchmarks, and the PPM writer the Pillow
-// comparison reads it from.
+// photo_like.h - a deterministic photo-like 24-bit BGR image (smooth gradients, soft coloured blobs, hard edges and
+// sensor-like noise) for the colour-resolution tests and benchmarks, and the PPM writer the Pillow comparison reads
+// it from.
 #pragma once
 
 #include <cmath>
@@ -21,7 +20,8 @@ inline std::vector<uint8_t> photoLike(int width, int height, uint32_t seed) {
     struct Blob { double x, y, r, cr, cg, cb; };
     std::vector<Blob> blobs;
     for (int i = 0; i < 9; ++i)
-        blobs.push_back({u(rng) * width, u(rng) * height, (0.08 + 0.25 * u(rng)) * width, 255 * u(rng), 255 * u(rng), 255 * u(rng)});
+        blobs.push_back({u(rng) * width, u(rng) * height, (0.08 + 0.25 * u(rng)) * width, 255 * u(rng), 255 * u(rng),
+                         255 * u(rng)});
     std::normal_distribution<double> noise(0.0, 3.0);
     const double sx = u(rng) * 6.28, sy = u(rng) * 6.28;
     for (int y = 0; y < height; ++y) {
@@ -54,7 +54,7 @@ inline bool writePpm(const std::string& path, const std::vector<uint8_t>& bgr, i
     bool ok = true;
     for (int y = 0; y < height && ok; ++y) {
         const uint8_t* s = bgr.data() + size_t(y) * size_t(width) * 3;
-        for (int x = 0; x < width; ++x) row[size_t(x) * 3] = s[x * 3 + 2], row[size_t(x) * 3 + 1] = s[x * 3 + 1], row[size_t(x) * 3 + 2] = s[x * 3];
+        for (size_t x = 0; x < row.size(); x += 3) row[x] = s[x + 2], row[x + 1] = s[x + 1], row[x + 2] = s[x];
         ok = std::fwrite(row.data(), 1, row.size(), f) == row.size();
     }
     return std::fclose(f) == 0 && ok;
