@@ -43,12 +43,10 @@ void checkRow(BITMAPRECORD& bm, Model& m, int32_t y) {
     for (uint32_t k = m.bpl; k < m.bpl + 4; ++k) FUZZ_CHECK(buf[k] == 0x99);
     comparePixels(m, m.row(y), buf.data(), 0, m.bpl);
 }
-void checkAll(BITMAPRECORD& bm, Model& m) {
-    for (int32_t y = 0; y < m.height; ++y) checkRow(bm, m, y);
-}
+void checkAll(BITMAPRECORD& bm, Model& m) { for (int32_t y = 0; y < m.height; ++y) checkRow(bm, m, y); }
 uint32_t colOffset(const Model& m, int32_t x) { return uint32_t((uint64_t(x) * uint64_t(m.bpp)) / 8); }
 // Run compression takes 1 bit, super-compression 1, 8 and 24 bits.
-bool superOk(int bpp) { return bpp == 1 || bpp == 8 || bpp == 24; }
+bool takes(int bpp, bool runs, bool super) { return runs ? bpp == 1 : !super || bpp == 1 || bpp == 8 || bpp == 24; }
 
 }  // namespace
 
@@ -56,9 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 4) return 0;
     fuzzinput::Input in{data, size};
     Model m;
-    m.bpp = kDepths[in.byte() % 6];
-    m.width = int32_t(1 + in.u16() % 2048);
-    m.height = int32_t(1 + in.byte() % 64);
+    m.bpp = kDepths[in.byte() % 6], m.width = int32_t(1 + in.u16() % 2048), m.height = int32_t(1 + in.byte() % 64);
     m.bpl = uint32_t(((uint64_t(m.width) * uint64_t(m.bpp) + 31) / 32) * 4);
     m.rows.assign(size_t(m.bpl) * size_t(m.height), 0);
 
@@ -102,14 +98,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 for (int32_t s = 0; s < 2 * nseg; ++s) segs[s] = int32_t(int16_t(in.u16()));
                 FUZZ_CHECK(K_PutBitmapRowSegments(&bm, src.data(), y, segs, nseg) == KS_SUCCESS);
                 for (int32_t s = 0; s < nseg; ++s) {
-                    const int32_t x1 = std::max(segs[2 * s], 0), x2 = std::min(segs[2 * s + 1], m.width);
-                    for (int32_t x = x1; x < x2; ++x) {
-                        const uint64_t b0 = uint64_t(x) * uint64_t(m.bpp);
-                        for (uint64_t b = b0; b < b0 + uint64_t(m.bpp); ++b) {
-                            const uint8_t bit = uint8_t(0x80 >> (b & 7));
-                            uint8_t& d = m.row(y)[b >> 3];
-                            d = uint8_t((d & ~bit) | (src[b >> 3] & bit));
-                        }
+                    const int64_t x1 = std::max(segs[2 * s], 0), x2 = std::min(segs[2 * s + 1], m.width);
+                    for (int64_t b = x1 * m.bpp; b < x2 * m.bpp; ++b) {
+                        const uint8_t bit = uint8_t(0x80 >> (b & 7));
+                        m.row(y)[b >> 3] = uint8_t((m.row(y)[b >> 3] & ~bit) | (src[size_t(b >> 3)] & bit));
                     }
                 }
                 break;
@@ -129,18 +121,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const uint32_t kind = in.pick(kKinds);
                 const uint64_t tile = uint64_t(1 + in.byte()) * 64;
                 const int32_t rc = K_SetBitmapMemoryInfo(&bm, kind, kind == 4u ? tile : 0);
-                const bool depthOk = kind == MEMTYPE_COMPRESSED ? m.bpp == 1 : kind != MEMTYPE_SUPERCOMPRESSED || superOk(m.bpp);
+                const bool ok = takes(m.bpp, kind == MEMTYPE_COMPRESSED, kind == MEMTYPE_SUPERCOMPRESSED);
                 uint32_t got = 0;
-                FUZZ_CHECK(depthOk ? rc == KS_SUCCESS : rc < 0);
-                FUZZ_CHECK(!depthOk || (K_GetBitmapMemoryInfo(&bm, &got, nullptr, nullptr, nullptr) == KS_SUCCESS &&
-                                        got == (kind == MEMTYPE_NO_CONVENTIONAL ? 128u : kind)));
+                FUZZ_CHECK(ok ? rc == KS_SUCCESS : rc < 0);
+                FUZZ_CHECK(!ok || (K_GetBitmapMemoryInfo(&bm, &got, nullptr, nullptr, nullptr) == KS_SUCCESS &&
+                                   got == (kind == MEMTYPE_NO_CONVENTIONAL ? 128u : kind)));
                 checkAll(bm, m);
                 break;
             }
             case 5: {  // compression change
                 const int32_t mode = in.byte() % 3;
                 const int32_t rc = K_ChangeBitmapCompression(&bm, mode);
-                const bool ok = mode == BITMAPCOMPRESSION_RUNS ? m.bpp == 1 : mode == BITMAPCOMPRESSION_NONE || superOk(m.bpp);
+                const bool ok = takes(m.bpp, mode == BITMAPCOMPRESSION_RUNS, mode != BITMAPCOMPRESSION_NONE);
                 FUZZ_CHECK(ok ? rc == KS_SUCCESS : rc < 0);
                 checkAll(bm, m);
                 break;
