@@ -38,15 +38,15 @@ constexpr int kHandles = 4;     // HRGN / HGLOBAL values (live, freed or foreign
 constexpr int kLists = 3;       // bitmap list handles (live or destroyed)
 constexpr int kPlays = 2;       // playback handles (live or destroyed)
 constexpr size_t kBuf = 4096;   // bytes of each scratch buffer
-constexpr uint64_t kMaxData = 4u << 20;
-constexpr int64_t kCap = 8 << 20;
+constexpr uint64_t kMaxData = 4u << 20, kCap = 8u << 20;  // the data size asked for at most, the memory cap
 
 const int32_t kI32[] = {0, 1, -1, 2, 3, 7, 8, 16, 24, 32, 100, 255, 256, 65535, 65536,
                         INT32_MIN, INT32_MIN + 1, INT32_MAX, INT32_MAX - 1, 0x40000000, -0x40000000, 0x10000};
 const int32_t kDims[] = {1, 2, 3, 7, 8, 13, 31, 32, 33, 64, 0, -1, INT32_MIN, INT32_MAX, 0x08000000, 579};
 const int32_t kDepths[] = {1, 2, 4, 8, 12, 16, 24, 32, 48, 64, 0, 3, 5, 7, 9, -1, 65};
 const uint32_t kSizeWords[] = {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD, 0, 175, 217, 0xFFFFFFFFu, 44};
-const uint32_t kMemTypes[] = {1, 1, 1, 4, 8, 9, 128, 256, 257, 260, 264, 265, 512, 768, 1024, 1025, 2, 0, 3, 6, 0xFFFFFFFFu};
+const uint32_t kMemTypes[] = {1,   1,   1,   4,    8,    9, 128, 256, 257, 260, 264,
+                              265, 512, 768, 1024, 1025, 2, 0,   3,   6,   0xFFFFFFFFu};
 const uint64_t kSizes[] = {0, 1, 2, 3, 4, 16, 100, 4096, 0xFFFFFFFFull, 0x100000000ull, UINT64_MAX, UINT64_MAX / 2};
 
 uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
@@ -94,10 +94,7 @@ struct Ctx : fuzzinput::Input {
 
     // A handle freed through a call that may also free the other kind.
     void forget(const void* h) {
-        for (int k = 0; k < kHandles; ++k) {
-            if (hrgn[k] == h) hrgnLive[k] = false;
-            if (glob[k] == h) globLive[k] = false;
-        }
+        for (int k = 0; k < kHandles; ++k) hrgnLive[k] &= hrgn[k] != h, globLive[k] &= glob[k] != h;
     }
     void putHrgn(int h, HRGN v) {
         if (v && hrgnLive[h]) DeleteObject(hrgn[h]);
@@ -114,12 +111,10 @@ struct Ctx : fuzzinput::Input {
     // words of a layout (they would hand the library stale pointers or keep a stale data size).
     void relabel(int s) {
         BITMAPRECORD* r = &bm[s];
-        if (relabelled >= 0) return;
-        if (r->pCallbacks || r->hListBlock || ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize)) return;
         const uint32_t to = pick(kSizeWords);
-        if ((r->uStructSize != BITMAPRECORD_SIZE && to == BITMAPRECORD_SIZE) || krn::recordSizeValid(to)) return;
-        relabelled = s, relabelWord = r->uStructSize;
-        r->uStructSize = relabelTo = to;
+        if (relabelled >= 0 || r->pCallbacks || r->hListBlock || krn::recordSizeValid(to)) return;
+        if ((r->uFlags & BRF_ALLOCATED) && krn::dataSize(r) != r->uSize) return;
+        relabelled = s, relabelWord = r->uStructSize, r->uStructSize = relabelTo = to;
     }
 
     // ---- values: mostly from the tables or small, sometimes hostile or a raw word
@@ -151,7 +146,9 @@ struct Ctx : fuzzinput::Input {
         const int32_t h = byte() < 128 ? int32_t(byte() % 70) : pick(kDims);
         return r && isSlot(r) && plannedSize(r->nWidth, h, r->nBitsPerPixel) > kMaxData ? -1 : h;
     }
-    GLOBALMEMORYTHRESHOLDS* sized() { return thresholds.uStructSize = at(200) ? GLOBALMEMORYTHRESHOLDS_SIZE : u32v(), &thresholds; }
+    GLOBALMEMORYTHRESHOLDS* sized() {
+        return thresholds.uStructSize = at(200) ? GLOBALMEMORYTHRESHOLDS_SIZE : u32v(), &thresholds;
+    }
     BITMAPDATACALLBACKS* callbacks() { return cb = {at(200) ? BITMAPDATACALLBACKS_SIZE : u32v()}, &cb; }
     // A pool record the pool made and left readable: the K_Int forms skip the record checks.
     bool made(const BITMAPRECORD* r) const { return r && isSlot(r) && krn::checkAllocated(r) == KS_SUCCESS; }
@@ -194,7 +191,6 @@ struct Ctx : fuzzinput::Input {
         if (b >= 212 && b < 230) relabel(b % kSlots);  // this call sees another size word
         return b < 230 ? &bm[b % kSlots] : b < 245 ? &foreign : nullptr;
     }
-    int slot() { return byte() % kSlots; }
     uint8_t* buffer(size_t* size) {
         return at(240) ? (*size = buf[last() & 1].size(), buf[last() & 1].data()) : (*size = 0, nullptr);
     }
@@ -216,12 +212,14 @@ struct Ctx : fuzzinput::Input {
         return hout = nullptr, rc;
     }
     // A list handle: live, destroyed, null or bytes that were never a list.
-    HBITMAPLIST listHandle() { return at(225) ? list[last() % kLists] : last() < 240 ? HBITMAPLIST(&foreign) : nullptr; }
+    HBITMAPLIST listHandle() {
+        return at(225) ? list[last() % kLists] : last() < 240 ? reinterpret_cast<HBITMAPLIST>(&foreign) : nullptr;
+    }
     // A playback handle: live, destroyed, null, or another kind of handle.
     HPLAYBACK playHandle() {
         const uint8_t b = byte();
-        return b < 200 ? play[b % kPlays] : b < 215 ? HPLAYBACK(list[b % kLists]) : b < 230 ? HPLAYBACK(glob[b % kHandles])
-                                                                                  : b < 245 ? HPLAYBACK(&foreign) : nullptr;
+        const void* other = b < 215 ? static_cast<void*>(list[b % kLists]) : b < 230 ? glob[b % kHandles] : &foreign;
+        return b < 200 ? play[b % kPlays] : b < 245 ? HPLAYBACK(other) : nullptr;
     }
 
     uint8_t last_ = 0;
@@ -249,8 +247,8 @@ uint64_t digest(BITMAPRECORD* r, const char* op) {
     // over it, the first and the last among them.
     const int64_t rows = r->nHeight, step = rows > 4096 ? (rows + 4094) / 4095 : 1;
     for (int64_t yy = 0; yy < rows; yy = (yy + step < rows || yy == rows - 1) ? yy + step : rows - 1) {
-        const int32_t rc = K_GetBitmapRow(r, row.data(), int32_t(yy), r->nBytesPerLine);
-        if (rc < 0) fail(op, "an allocated record's row cannot be read", rc);
+        if (const int32_t rc = K_GetBitmapRow(r, row.data(), int32_t(yy), r->nBytesPerLine); rc < 0)
+            fail(op, "an allocated record's row cannot be read", rc);
         h = fnv(h, row.data(), row.size());
     }
     if (std::memcmp(&before, r, sizeof before) != 0) fail(op, "reading the rows changed the record");
@@ -348,6 +346,11 @@ const RecordCall kRecordCalls[] = {
     CALL(K_FillBitmap(r, c.u32v())), CALL(K_FillBitmap2(r, uint64_t(c.u32()) << 32 | c.u32())), CALL(K_ClearBitmap(r)),
     CALL(K_CreateBitmapFixedPalette(r)), CALL(K_CreateBitmapGrayPalette(r)), CALL(K_IntIsGrayScaleBitmap(r)),
     CALL(K_GetTrueColorValue(r, c.u32v(), c.orNull(&c.uo))), CALL2(K_CopyBitmapPalette(r, s)),
+    CALL(K_SetBitmapPalette(r, c.palOrNull(), c.count256())),
+    CALL(K_CompareBitmapToPalette(r, c.palOrNull(), c.count256())),
+    CALL(K_GetBitmapColors(r, c.small(260), c.count256(), c.palOrNull())),
+    CALL(K_PutBitmapColors(r, c.small(260), c.count256(), c.palOrNull())),
+    CALL(K_GetBitmapPaletteEntries(r, c.palOrNull(), c.count256(), &c.io)),
     CALL2(K_CopyGrayParams(r, s)), CALL(K_CopyBitmapHandle(&c.alias, r, c.sizeWord(200))),
     CALL(c.made(r) ? beginCopy(c, r) : 0),
     CALL2(K_TranslateBitmapColor(r, s, c.u32v(), c.orNull(&c.uo))),
@@ -387,19 +390,13 @@ const RecordCall kRecordCalls[] = {
     CALL(K_CreateBitmapOptPal(r, c.palette(), c.colours(), c.small(8, 220), c.u32v(), &c.io)),
     CALL(K_SetPaintIntensity(r, c.i32())), CALL(K_SetPaintContrast(r, c.i32())), CALL(K_SetPaintGamma(r, c.i32())),
 };
-#undef CALL_
-#undef CALL
-#undef CALL2
 
 void opRecordCall(Ctx& c) {
     const RecordCall& k = c.pick(kRecordCalls);
-    BITMAPRECORD* r = c.rec();
-    BITMAPRECORD* s = k.two ? c.rec() : nullptr;
+    BITMAPRECORD *r = c.rec(), *s = k.two ? c.rec() : nullptr;
     c.op = k.name;
     check(c, {r, s}, [&] { return k.fn(c, r, s); });
 }
-
-bool isStatus(int64_t rc) { return rc == KS_SUCCESS || rc <= 0 || rc == 2; }
 
 // ---------------------------------------------------------------- record and memory
 // A large image may only be asked for with types that cannot spill to tiles or disk (the cap refuses it).
@@ -435,8 +432,7 @@ void opCreate(Ctx& c) {
         auto& mem = c.caller[r && c.isSlot(r) ? r - c.bm : 0];
         have = c.byte() & 1 ? plannedSize(w, h, b) : c.size64() % (kMaxData + 1);
         if (!r || !c.isSlot(r) || have > kMaxData) return;
-        if (!mem.empty()) c.keep.push_back(std::move(mem));  // the record may still point there
-        mem.assign(size_t(have), 0x5A);
+        c.keep.push_back(std::exchange(mem, std::vector<uint8_t>(size_t(have), 0x5A)));  // it may still be used
         data = mem.empty() ? nullptr : mem.data();
     }
     const BITMAPDATACALLBACKS* cb = c.byte() & 1 ? c.orNull(c.callbacks()) : nullptr;
@@ -458,8 +454,7 @@ void opFree(Ctx& c) {
     if (r == &c.foreign) return;  // garbage bytes: freeing them is the caller's fault
     const int64_t rc = K_FreeBitmap(r);
     if (!r || !c.isSlot(r)) return;
-    if (rc < 0 && krn::recordSizeValid(r->uStructSize) && (r->uFlags & BRF_ALLOCATED) &&
-        !(krn::isCurrentLayout(r) && r->nLockCount > 0))
+    if (rc < 0 && krn::checkAllocated(r) == KS_SUCCESS && !(krn::isCurrentLayout(r) && r->nLockCount > 0))
         fail(c.op, "free of an allocated record failed", rc);
     if (!(r->uFlags & BRF_ALLOCATED)) c.caller[r - c.bm].clear();
 }
@@ -468,29 +463,24 @@ void opSetDataPointer(Ctx& c) {
     if (!r || !c.isSlot(r)) return;
     const uint64_t want = c.size64();
     std::vector<uint8_t> mem(size_t(want % (kMaxData + 1)), 0x33);
-    const bool nullData = c.byte() > 230;
-    check(c, {r}, [&] { return K_SetBitmapDataPointer(r, nullData ? nullptr : mem.data(), want); });
+    check(c, {r}, [&] { return K_SetBitmapDataPointer(r, c.orNull(mem.data(), 230), want); });
     c.keep.push_back(std::move(mem));  // the record may point here or at its earlier memory: both stay alive
 }
 void opIntAccessRelease(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    int32_t accessed = 0;
-    const bool nullOut = c.byte() > 240;
-    const int32_t status = c.i32();
     // The release hands back the status it is given (after releasing): not a failing call when negative.
-    if (check(c, {r}, [&] { return K_IntAccessBitmap(r, nullOut ? nullptr : &accessed); }) != KS_SUCCESS) return;
-    K_IntReleaseBitmap(r, accessed, status);
-    if (c.isSlot(r)) validate(r, c.op);
+    BITMAPRECORD* r = c.rec();
+    int32_t accessed = 0, *const out = c.orNull(&accessed), status = c.i32();
+    if (check(c, {r}, [&] { return K_IntAccessBitmap(r, out); }) == KS_SUCCESS)
+        K_IntReleaseBitmap(r, accessed, status), c.isSlot(r) ? validate(r, c.op) : void();
 }
 // The same record shown with a broken size word to the next call (put back after it).
-void opRelabel(Ctx& c) { c.relabel(c.slot()); }
+void opRelabel(Ctx& c) { c.relabel(c.byte() % kSlots); }
 void opManageMemory(Ctx& c) {
     const int32_t cmd = c.byte() % 8 - 1;
     const int64_t v = int64_t(c.size64()) * (c.byte() & 1 ? -1 : 1);
-    int64_t out = 0;
-    const bool nullOut = c.byte() > 220;
+    int64_t out = 0, *const pout = c.orNull(&out, 220);
     if (cmd == MANAGEMEMORY_RESERVE || cmd == MANAGEMEMORY_RELEASE) return;  // would move the counter
-    if (const int64_t rc = K_ManageMemory(cmd, v, nullOut ? nullptr : &out); !isStatus(rc)) fail(c.op, "odd status", rc);
+    if (const int64_t rc = K_ManageMemory(cmd, v, pout); rc > 0 && rc != 1 && rc != 2) fail(c.op, "odd status", rc);
     K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);  // the script's cap stays
 }
 
@@ -541,10 +531,8 @@ void opRows(Ctx& c) {
 void opRuns(Ctx& c) {
     // Rows as runs, mirrored or flipped as runs and expanded: the plain mirror or flip of the pixels.
     const int32_t width = c.at(220) ? int32_t(c.last()) * 4 + 1 : c.i32(), rows = c.byte() % 4, first = c.byte() % 16;
-    if (width < 1 || width > 1000) {  // refusals only
-        K_CompressRows(nullptr, nullptr, width, rows), K_ExpandRow(nullptr, nullptr, first, width);
-        return;
-    }
+    if (width < 1 || width > 1000)  // refusals only
+        return (void)K_CompressRows(nullptr, nullptr, width, rows), (void)K_ExpandRow(nullptr, nullptr, first, width);
     const size_t bpl = size_t(width + 31) / 32 * 4, n = bpl * size_t(rows) + bpl;
     std::vector<uint8_t> src(n), runs(OMBRIX_COMPRESSED_ROW_MAX(width) * size_t(rows + 1)), moved(runs), got(n);
     for (auto& b : src) b = c.byte();
@@ -553,28 +541,13 @@ void opRuns(Ctx& c) {
         (mirror ? K_MirrorCompressedBuffer : K_FlipCompressedBuffer)(runs.data(), moved.data(), rows) != KS_SUCCESS ||
         K_ExpandRows(moved.data(), got.data(), width, rows) != KS_SUCCESS)
         fail(c.op, "rows refused");
-    auto bit = [&](const std::vector<uint8_t>& v, int32_t y, int32_t x) { return v[size_t(y) * bpl + size_t(x) / 8] >> (7 - x % 8) & 1; };
+    auto bit = [&](const auto& v, int32_t y, int32_t x) { return v[y * bpl + x / 8] >> (7 - x % 8) & 1; };
     for (int32_t y = 0; y < rows; ++y)
         for (int32_t x = 0; x < width; ++x)
-            if (bit(got, y, x) != (mirror ? bit(src, y, width - 1 - x) : bit(src, rows - 1 - y, x))) fail(c.op, "moved runs");
+            if (bit(got, y, x) != (mirror ? bit(src, y, width - 1 - x) : bit(src, rows - 1 - y, x))) fail(c.op, "runs");
     // One row from a pixel on and back (a negative count is refused).
     if (K_CompressRow(runs.data(), src.data(), first, width - first) == KS_SUCCESS)
         K_ExpandRow(runs.data(), got.data(), first, width - first);
-}
-void opPalette(Ctx& c) {
-    BITMAPRECORD* r = c.rec();
-    RGBQUAD* pal = c.palette();
-    const int32_t n = c.small(257), index = c.small(260);
-    RGBQUAD* pp = c.byte() > 230 ? nullptr : pal;
-    if (n > 256 || (index >= 0 && n >= 0 && int64_t(index) + n > 256 && c.byte() < 250)) return;
-    int32_t count = 0;
-    switch (c.byte() % 4) {
-        case 0: check(c, {r}, [&] { return K_SetBitmapPalette(r, pp, n); }); break;
-        case 1: check(c, {r}, [&] { return K_GetBitmapColors(r, index, n, pp); }); break;
-        case 2: check(c, {r}, [&] { return K_PutBitmapColors(r, index, n, pp); }); break;
-        default: check(c, {r}, [&] { return K_CompareBitmapToPalette(r, pp, n); });
-    }
-    check(c, {r}, [&] { return K_GetBitmapPaletteEntries(r, pp, n, &count); });
 }
 void opConvert(Ctx& c) {
     size_t size;
@@ -594,19 +567,16 @@ void opConvert(Ctx& c) {
     switch (c.byte() % 4) {
         case 0: K_ConvertBuffer(b, w, bs, bd, os, od, nullptr, c.byte() & 1 ? fixed : nullptr); break;
         case 1: K_ConvertBufferExt(b, w, bs, bd, os, od, fixed, nullptr, flags, lo, hi); break;
-        case 2: K_ConvertBufferExt2(b, w, bs, bd, os, od, fixed, nullptr, c.orNull(&c.io), c.i32(), flags, lo, hi); break;
+        case 2: K_ConvertBufferExt2(b, w, bs, bd, os, od, fixed, nullptr, &c.io, c.i32(), flags, lo, hi); break;
         default: K_ConvertBufferExt3(b, w, bs, bd, os, od, nullptr, fixed, c.orNull(&c.io), 0, flags, lo, hi, c.u32());
     }
 }
 void opDitherLine(Ctx& c) {
     // Rows of the record's width in 24 bits in and in its depth out.
     BITMAPRECORD* r = c.rec();
-    if (r && c.isSlot(r) && r->nWidth > 0 && r->nWidth <= 1000) {
-        std::vector<uint8_t> in(size_t(r->nWidth) * 8 + 16, 0x77), out(size_t(r->nWidth) * 8 + 16);
-        check(c, {r}, [&] { return K_DitherLine(r, in.data(), out.data()); });
-    }
-    K_DefaultDithering(c.small(8));
-    K_GetDefaultDithering();
+    std::vector<uint8_t> in(8016, 0x77), out(8016);
+    if (c.isSlot(r) && unsigned(r->nWidth - 1) < 1000) check(c, {r}, [&] { return K_DitherLine(r, &in[0], &out[0]); });
+    K_DefaultDithering(c.small(8)), K_GetDefaultDithering();
 }
 
 // ---------------------------------------------------------------- regions
@@ -621,14 +591,13 @@ void opOrvaRgn(Ctx& c) {
     OrvaRgn *out = nullptr, *a, *b;
     uint8_t flags[8];
     int32_t count;
-    switch (c.byte() % 5) {
+    switch (const uint8_t which = c.byte() % 5) {
         case 0:
+        case 1:  // a new region in the slot: a rectangle, or a copy of another slot's
+            if (which == 1 && (a = c.rgnOrNull()) == *slot) return;
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            K_CreateOrvaRgnRect(c.orNull(slot), c.rectp()); break;
-        case 1:
-            if ((a = c.rgnOrNull()) == *slot) return;
-            if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            K_CopyOrvaRgn(slot, a); break;
+            which == 0 ? K_CreateOrvaRgnRect(c.orNull(slot), c.rectp()) : K_CopyOrvaRgn(slot, a);
+            break;
         case 2:
             a = c.rgnOrNull(), b = c.rgnOrNull();
             keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out); break;
@@ -636,11 +605,8 @@ void opOrvaRgn(Ctx& c) {
             count = c.byte() < 220 ? c.byte() % 9 : c.i32();
             for (int k = 0; k < 8; ++k) c.pts[k] = POINT{c.coord(), c.coord()}, flags[k] = c.byte();
             if (count <= 8) keepRgn(slot, K_SegmentsToRegion(&out, c.pts, flags, count, c.byte() % 4), &out);
-        break;
-        default: {
-            HRGN h = c.handle();
-            keepRgn(slot, K_ConvertHandleToRgn(h, &out), &out);
-        }
+            break;
+        default: keepRgn(slot, K_ConvertHandleToRgn(c.handle(), &out), &out);
     }
 }
 void opHrgn(Ctx& c) {
@@ -728,8 +694,7 @@ void opViewPerspective(Ctx& c) {
         default: rc = check(c, {r}, [&] { return K_PointFromBitmap(r, to, &x, &y); }); break;
     }
     // (The point calls leave the rectangle alone, and the rectangle calls the point.)
-    if (rc < 0 && rp && std::memcmp(rp, &keep, sizeof keep) != 0) fail(c.op, "refused but changed the rectangle", rc);
-    if (rc < 0 && (x != kx || y != ky)) fail(c.op, "refused but changed the point", rc);
+    if (rc < 0 && ((rp && std::memcmp(rp, &keep, sizeof keep)) || x != kx || y != ky)) fail(c.op, "changed", rc);
 }
 void opGlobal(Ctx& c) {
     const int h = c.byte() % kHandles;
@@ -755,9 +720,8 @@ void opGlobal(Ctx& c) {
             else if (g = c.ghandle(); K_GlobalFree(g) == nullptr) c.forget(g);
             break;
         default:
-            if (void* p = K_GlobalLock(g = c.ghandle())) {
-                const size_t s = K_GlobalSize(g);
-                if (s) static_cast<volatile uint8_t*>(p)[s - 1] = 1;  // the whole size is usable
+            if (void* p = K_GlobalLock(g = c.ghandle())) {  // the whole size is usable
+                if (const size_t s = K_GlobalSize(g)) static_cast<volatile uint8_t*>(p)[s - 1] = 1;
                 K_GlobalUnlock(g);
             }
     }
@@ -775,9 +739,7 @@ void opMatchTable(Ctx& c) {
     RGBQUAD* pp = c.palOrNull();
     if (uint32_t* t = K_CreateUserMatchTable(pp, c.count256())) {
         uint32_t* old = K_SetUserMatchTable(t);
-        K_GetUserMatchTable();
-        K_SetUserMatchTable(old);
-        K_FreeUserMatchTable(t);
+        K_GetUserMatchTable(), K_SetUserMatchTable(old), K_FreeUserMatchTable(t);
     }
     K_FreeUserMatchTable(nullptr);
 }
@@ -791,11 +753,12 @@ void opIntoRecord(Ctx& c) {
     uint32_t mem = c.pick(kMemTypes);
     if (mem == 2) mem = 1;
     BITMAPRECORD* d;
+    const auto copy = [&](auto call) { into(c, s, outRec(c, s), call); };
     switch (c.byte() % 7) {
-        case 0: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmap(d, s, sw); }); break;
-        case 1: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmap2(d, s, sw, mem); }); break;
-        case 2: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }); break;
-        case 3: into(c, s, outRec(c, s), [&](BITMAPRECORD* d) { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }); break;
+        case 0: copy([&](auto* d) { return K_CopyBitmap(d, s, sw); }); break;
+        case 1: copy([&](auto* d) { return K_CopyBitmap2(d, s, sw, mem); }); break;
+        case 2: copy([&](auto* d) { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }); break;
+        case 3: copy([&](auto* d) { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }); break;
         case 4:
             if ((d = outRec(c, s)) != s) {
                 const uint32_t carry = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
@@ -807,7 +770,7 @@ void opIntoRecord(Ctx& c) {
             const int32_t vp = unchecked ? c.byte() % 8 + 1 : c.small(10);
             const uint32_t carry = c.pick(kCarry);
             d = c.byte() & 1 ? nullptr : outRec(c, s);
-            into(c, s, d, [&](BITMAPRECORD* d) {
+            into(c, s, d, [&](auto* d) {
                 return unchecked ? K_IntChangeBitmapViewPerspective(d, s, BITMAPRECORD_SIZE, vp, carry)
                                  : K_ChangeBitmapViewPerspective(d, s, sw, vp);
             });
@@ -821,11 +784,9 @@ void opIntoRecord(Ctx& c) {
             const int32_t bpp = s && krn::recordSizeValid(s->uStructSize) ? s->nBitsPerPixel : 8;
             if (K_InitBitmap(d, BITMAPRECORD_SIZE, w > 0 ? w : 1, h > 0 ? h : 1, bpp) != KS_SUCCESS) return;
             const uint32_t flags = c.resizeFlags();
-            switch (c.byte() % 3) {
-                case 0: check(c, {s, d}, [&] { return K_ResizeBitmap(s, d, flags); }, 2u); break;
-                case 1: check(c, {s, d}, [&] { return K_IntResizeBitmap(s, d, flags); }, 2u); break;
-                default: check(c, {s, d}, [&] { return K_BicubicResampleBitmapInt(s, d, flags); }, 2u);
-            }
+            int32_t (*const resize)(BITMAPRECORD*, BITMAPRECORD*, uint32_t) =
+                std::array{K_ResizeBitmap, K_IntResizeBitmap, K_BicubicResampleBitmapInt}[c.byte() % 3];
+            check(c, {s, d}, [&] { return resize(s, d, flags); }, 2u);
     }
 }
 void opBuffers(Ctx& c) {
@@ -839,10 +800,8 @@ void opBuffers(Ctx& c) {
     const uint64_t bits = bpp > 0 && bpp <= 64 ? uint64_t(bpp) : 64, side = std::max(w, h);
     const uint64_t need = ((side * bits + 31) / 32) * 4 * (side ? side : 1) + 64;
     const uint8_t which = c.byte() % 3;
-    if (!b || side > kBuf || need > size || need > kBuf / 2) {  // (a larger side would wrap the product)
-        if (which == 0) (void)K_RotateBuffer90(nullptr, b, 1, w, h, bpp);  // refusals only: a null source
-        return;
-    }
+    if (!b || side > kBuf || need > size || need > kBuf / 2)  // (a larger side would wrap the product)
+        return which ? void() : (void)K_RotateBuffer90(nullptr, b, 1, w, h, bpp);  // refusals only: a null source
     std::vector<uint8_t> dst(size_t(need) + 64, 0);
     if (which == 0) (void)K_RotateBuffer90(b, dst.data(), c.byte() & 1, w, h, bpp);
     else if (which == 1) (void)K_RotateBuffer180(b, c.byte() & 1 ? b : dst.data(), w, h, bpp);
@@ -851,16 +810,11 @@ void opBuffers(Ctx& c) {
 void opRowResize(Ctx& c) {
     void* data = nullptr;
     const int32_t ow = c.targetDim(), oh = c.targetDim(), nw = c.targetDim(), nh = c.targetDim();
-    if (K_StartResize(ow, oh, nw, nh, &data) != KS_SUCCESS) {
-        if (data) fail(c.op, "a failing start left resize data");
-        return;
-    }
+    if (K_StartResize(ow, oh, nw, nh, &data) != KS_SUCCESS) return data ? fail(c.op, "left data") : void();
     std::vector<uint8_t> row(size_t(72) * 8 * 2 + 64, 0x5A);
     const int32_t bpp = c.pick(kDepths);
-    for (int k = 0; k < 4; ++k) {
-        int32_t newWidth = 0, rows = 0;
-        (void)K_Resize(row.data(), c.small(80, 220), bpp, &newWidth, &rows, data);
-    }
+    int32_t newWidth = 0, rows = 0;
+    for (int k = 0; k < 4; ++k) (void)K_Resize(row.data(), c.small(80, 220), bpp, &newWidth, &rows, data);
     if (K_StopResize(data) != KS_SUCCESS) fail(c.op, "stop failed");
 }
 void opScanLine(Ctx& c) {
@@ -878,36 +832,32 @@ void opColorRes(Ctx& c) {
     BITMAPRECORD* s = c.rec();
     const int32_t bpp = c.pick(kDepths);
     const uint32_t flags = c.byte() < 220 ? (c.u32() & CRF_ALLFLAGS) : c.u32v();
-    RGBQUAD* pal = c.palette();
+    const RGBQUAD* pp = c.palOrNull();
     const int32_t n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
-    const RGBQUAD* pp = c.byte() < 230 ? pal : nullptr;
     if (n > 256 && pp) return;  // a palette shorter than its count is the caller's fault
     BITMAPRECORD* d = c.byte() & 1 ? s : outRec(c, s);
     const uint32_t sw = c.sizeWord(220);
-    into(c, s, d, [&](BITMAPRECORD* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
+    into(c, s, d, [&](auto* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
 }
 void opDisplay(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const uint8_t which = c.byte() % 4;
-    if (which == 0) {  // the getters answer values, not statuses
-        K_GetPaintIntensity(r), K_GetPaintContrast(r), K_GetPaintGamma(r), K_GetPaintTable(r, c.orNull(c.t8, 127));
-        K_GetPaintTable16(r, c.table16());
-        return;
-    }
+    if (which == 0)  // the getters answer values, not statuses
+        return (void)(K_GetPaintIntensity(r), K_GetPaintContrast(r), K_GetPaintGamma(r),
+                      K_GetPaintTable(r, c.orNull(c.t8, 127)), K_GetPaintTable16(r, c.table16()));
     // Table fills: the caller's table holds uLUTLength entries.
     const uint32_t len = c.byte() < 220 ? uint32_t(1) << (c.byte() % 13) : c.u32v();
     const int32_t lo = c.i32(), hi = c.i32(), lb = c.byte() % 17, hb = c.byte() % 17;
     if (which == 1) {
-        if (len > 4096) {
-            (void)K_WindowLevelFillLUT(nullptr, len, 0, 0xFFFFFF, 0, 255, 0, 7, 0, 255, 0, 0);
-            return;
-        }
+        if (len > 4096) return (void)K_WindowLevelFillLUT(nullptr, len, 0, 0xFFFFFF, 0, 255, 0, 7, 0, 255, 0, 0);
         std::vector<RGBQUAD16> t(len + 1);
         std::vector<uint16_t> g(len + 1);
         const int32_t mn = c.i32(), mx = c.i32(), f = c.i32();
         const uint32_t fl = c.u32v();
-        (void)K_WindowLevelFillLUT(reinterpret_cast<RGBQUAD*>(t.data()), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
-        (void)K_WindowLevelFillLUT2(reinterpret_cast<uint8_t*>(g.data()), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
+        auto* const t4 = reinterpret_cast<RGBQUAD*>(t.data());
+        (void)K_WindowLevelFillLUT(t4, len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
+        (void)K_WindowLevelFillLUT2(reinterpret_cast<uint8_t*>(g.data()), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn,
+                                    mx, f, fl);
         (void)K_WindowLevelFillLUTExt(t.data(), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
         (void)K_WindowLevelFillLUTExt2(g.data(), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
         return;
@@ -915,8 +865,9 @@ void opDisplay(Ctx& c) {
     BITMAPRECORD* d = c.byte() & 1 ? r : outRec(c, r);
     const uint32_t sw = c.sizeWord(220);
     RGBQUAD lut[4096];
-    if (which == 2) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevel(r, d, sw, lo, hi, c.i32(), c.u32v()); });
-    else if (len <= 4096) into(c, r, d, [&](BITMAPRECORD* d) { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); });
+    if (which == 2) into(c, r, d, [&](auto* d) { return K_WindowLevel(r, d, sw, lo, hi, c.i32(), c.u32v()); });
+    else if (len <= 4096)
+        into(c, r, d, [&](auto* d) { return K_WindowLevelExt(r, d, sw, lut, len, lb, hb, c.u32v()); });
 }
 
 // A record whose storage a call moved into a list lets go of it without freeing and starts afresh.
@@ -965,7 +916,8 @@ void opList(Ctx& c) {
             if ((r = c.rec()) == &c.foreign || (old = which == 3 || c.byte() & 1 ? nullptr : outRec(c, r)) == r) return;
             h = c.listHandle(), size = c.sizeWord(220);
             if (check(c, {r, old}, [&] {
-                    return which == 3 ? K_InsertBitmapListItem(h, index, r) : K_ReplaceBitmapListItem(h, index, r, old, size);
+                    return which == 3 ? K_InsertBitmapListItem(h, index, r)
+                                      : K_ReplaceBitmapListItem(h, index, r, old, size);
                 }, 2u) == KS_SUCCESS)
                 handedOver(c, r);
             break;
@@ -976,11 +928,11 @@ void opList(Ctx& c) {
             // A copy of an item (the list keeps ownership) set back with frame words of the caller's choosing.
             std::memset(&tmp, 0xEE, sizeof tmp), std::memset(&old2, 0xEE, sizeof old2);
             h = c.listHandle(), size = c.sizeWord(200);
-            if ((rc = K_GetBitmapListItem(h, index, c.orNull(&tmp, 245), size)) < 0 && std::memcmp(&tmp, &old2, sizeof tmp))
-                fail(c.op, "a failing get wrote its record", rc);
+            rc = K_GetBitmapListItem(h, index, c.orNull(&tmp, 245), size);
+            if (rc < 0 && std::memcmp(&tmp, &old2, sizeof tmp)) fail(c.op, "a failing get wrote its record", rc);
             if (rc < 0 || size != BITMAPRECORD_SIZE) return;
-            FRAME_LEFT(&tmp) = c.coord(), FRAME_TOP(&tmp) = c.coord(), FRAME_DELAY(&tmp) = c.byte() < 200 ? 0u : c.u32v();
-            FRAME_DISPOSAL(&tmp) = c.byte() % 5, FRAME_TRANSPARENT_COLOR(&tmp) = c.u32v();
+            FRAME_LEFT(&tmp) = c.coord(), FRAME_TOP(&tmp) = c.coord(), FRAME_DISPOSAL(&tmp) = c.byte() % 5;
+            FRAME_DELAY(&tmp) = c.byte() < 200 ? 0u : c.u32v(), FRAME_TRANSPARENT_COLOR(&tmp) = c.u32v();
             tmp.uFlags = (tmp.uFlags & ~(bits[1] | bits[2] | bits[3])) | c.pick(bits);
             if (K_SetBitmapListItem(h, index, &tmp) != KS_SUCCESS) fail(c.op, "setting back a got item failed");
             break;
@@ -1072,9 +1024,9 @@ void opCritical(Ctx& c) {
     // Create, enter (nested), leave, delete in order: the documented statuses at each step.
     CRITICAL_SECTION cs{};
     const int depth = c.byte() % 4;
-    bool ok = K_IntEnterCriticalSection(&cs) == KS_INVALID_PARAMETER && K_IntInitializeCriticalSection(&cs) == KS_SUCCESS;
-    for (int k = 0; k < depth; ++k) ok = ok && K_IntEnterCriticalSection(&cs) == KS_SUCCESS;
-    for (int k = 0; k < depth; ++k) ok = ok && K_IntLeaveCriticalSection(&cs) == KS_SUCCESS;
+    bool ok = K_IntEnterCriticalSection(&cs) == KS_INVALID_PARAMETER && K_IntInitializeCriticalSection(&cs) == 1;
+    for (int k = 0; k < 2 * depth; ++k)
+        ok = ok && (k < depth ? K_IntEnterCriticalSection(&cs) : K_IntLeaveCriticalSection(&cs)) == KS_SUCCESS;
     ok = ok && K_IntLeaveCriticalSection(&cs) == KS_INTERNAL && K_IntDeleteCriticalSection(&cs) == KS_SUCCESS;
     ok = ok && !cs.pLock && K_IntInitializeCriticalSection(nullptr) == KS_INVALID_PARAMETER;
     if (!ok || K_IntDeleteCriticalSection(nullptr) != KS_NULL_POINTER) fail(c.op, "a step gave another status");
@@ -1086,7 +1038,7 @@ void opRedirectHandle(Ctx& c) {
     void* native = nullptr;
     if (K_CreateRedirectedFileHandle(c.orNull(&h), c.orNull(&c.foreign, 127), c.orNull(&c.redir)) == KS_SUCCESS) {
         K_ExtractRedirectFunctions(h, c.orNull(&c.redir)), K_UpdateRedirectFunctions(h, c.orNull(&c.redir));
-        if (K_ExtractRedirectedFileHandle(h, &native, 1) != KS_SUCCESS || native != &c.foreign) fail(c.op, "native lost");
+        if (K_ExtractRedirectedFileHandle(h, &native, 1) != 1 || native != &c.foreign) fail(c.op, "native lost");
     }
     const HREDIRECTFILE gone[] = {nullptr, h, HREDIRECTFILE(&c.foreign), HREDIRECTFILE(OMBRIX_INVALID_FILE)};
     if (K_RedirectedReadBig(c.pick(gone), c.t8, 1 + c.byte() % 255) != -1) fail(c.op, "read from no file");
@@ -1154,28 +1106,27 @@ const Op kPlainCalls[] = {
           K_GetLibIdFromErrorCode(c.i32(), &c.io, c.orNull(&c.io2))),
     // palettes
     PLAIN(K_GetFixedPalette(c.palOrNull(), c.pick(kDepths))), PLAIN(K_IntGetFixedPalette(c.pick(kDepths))),
-    PLAIN(K_GlobalFree(K_CreateGrayPalette(c.pick(kDepths)))), PLAIN(K_GlobalFree(K_CreateFixedPalette(c.pick(kDepths)))),
-    PLAIN(K_GlobalFree(K_DupPalette(c.palOrNull(), c.count256()))),
+    PLAIN(K_GlobalFree(K_CreateGrayPalette(c.pick(kDepths))), K_GlobalFree(K_CreateFixedPalette(c.pick(kDepths)))),
+    PLAIN(K_GlobalFree(K_DupPalette(c.palOrNull(), c.count256())), K_IsGrayScalePalette(c.palOrNull(), c.count256())),
     PLAIN(K_FindPaletteIndex(c.palOrNull(), c.count256(), c.i32(), c.i32(), c.i32())),
-    PLAIN(K_IsGrayScalePalette(c.palOrNull(), c.count256())),
     // regions and region handles
-    PLAIN(K_OffsetOrvaRgn(*c.rgnSlot(), c.i32(), c.i32())),
-    PLAIN(K_IsPtInOrvaRgn(*c.rgnSlot(), c.coord(), c.coord(), &c.io, &c.io2), K_GetOrvaRgnBounds(*c.rgnSlot(), c.orNull(&c.box))),
-    PLAIN(K_ClipOrvaRgnRect(*c.rgnSlot(), c.rectp())), PLAIN(K_ScaleOrvaRgn(*c.rgnSlot(), c.i32(), c.i32(), c.i32(), c.i32())),
-    PLAIN(CombineRgn(c.handle(), c.handle(), c.handle(), c.byte() % 8 - 1)), PLAIN(OffsetRgn(c.handle(), c.i32(), c.i32())),
+    PLAIN(K_OffsetOrvaRgn(*c.rgnSlot(), c.i32(), c.i32()),
+          K_ScaleOrvaRgn(*c.rgnSlot(), c.i32(), c.i32(), c.i32(), c.i32())),
+    PLAIN(K_IsPtInOrvaRgn(*c.rgnSlot(), c.coord(), c.coord(), &c.io, &c.io2)),
+    PLAIN(K_GetOrvaRgnBounds(*c.rgnSlot(), c.orNull(&c.box)), K_ClipOrvaRgnRect(*c.rgnSlot(), c.rectp())),
+    PLAIN(CombineRgn(c.handle(), c.handle(), c.handle(), c.byte() % 8 - 1), OffsetRgn(c.handle(), c.i32(), c.i32())),
     PLAIN(GetRgnBox(c.handle(), c.orNull(&c.box)), PtInRegion(c.handle(), c.coord(), c.coord())),
     PLAIN(SetRectRgn(c.handle(), c.coord(), c.coord(), c.coord(), c.coord())),
     PLAIN((c.io = c.byte() < 200 ? c.byte() % 65 : c.i32()) <= 64 ? GetObject(c.handle(), c.io, c.orNull(c.t8)) : 0),
     // lists and playbacks
     PLAIN(K_DeleteBitmapListItems(c.listHandle(), c.usmall(6), c.usmall(5))),
-    PLAIN(K_SetPlaybackIndex(c.playHandle(), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32())),
-    PLAIN(K_ValidatePlaybackLines(c.playHandle(), c.i32(), c.i32())),
-    PLAIN(K_GetPlaybackUpdateRect(c.playHandle(), c.orNull(&c.box, 245), c.byte() & 1), K_ClearPlaybackUpdateRect(c.playHandle())),
-    PLAIN(K_GetPlaybackState(c.playHandle(), c.orNull(&c.io, 245)), K_GetPlaybackIndex(c.playHandle(), c.orNull(&c.io, 245)),
+    PLAIN(K_SetPlaybackIndex(c.playHandle(), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32()),
+          K_ValidatePlaybackLines(c.playHandle(), c.i32(), c.i32()), K_CancelPlaybackWait(c.playHandle())),
+    PLAIN(K_GetPlaybackUpdateRect(c.playHandle(), c.orNull(&c.box, 245), c.byte() & 1)),
+    PLAIN(K_ClearPlaybackUpdateRect(c.playHandle()), K_GetPlaybackState(c.playHandle(), c.orNull(&c.io, 245)),
+          K_GetPlaybackIndex(c.playHandle(), c.orNull(&c.io, 245)),
           K_GetPlaybackDelay(c.playHandle(), c.orNull(&c.uo, 245))),
-    PLAIN(K_CancelPlaybackWait(c.playHandle())),
 };
-#undef PLAIN
 void opPlainCall(Ctx& c) {
     const Op& k = c.pick(kPlainCalls);
     c.op = k.name;
@@ -1189,11 +1140,10 @@ const Op kOps[] = {  // (listed more than once: the ops behind the most function
     OP(opRecordCall), OP(opRecordCall), OP(opRecordCall), OP(opRecordCall), OP(opRecordCall), OP(opPlainCall),
     OP(opPlainCall), OP(opPlainCall), OP(opInit), OP(opCreate), OP(opCreate), OP(opAllocate), OP(opFree),
     OP(opSetDataPointer), OP(opIntAccessRelease), OP(opRelabel), OP(opManageMemory), OP(opRows), OP(opRows),
-    OP(opRuns), OP(opPalette), OP(opMatchTable), OP(opConvert), OP(opDitherLine), OP(opOrvaRgn), OP(opHrgn),
+    OP(opRuns), OP(opMatchTable), OP(opConvert), OP(opDitherLine), OP(opOrvaRgn), OP(opHrgn),
     OP(opHrgn), OP(opBitmapRgn), OP(opViewPerspective), OP(opGlobal), OP(opMisc), OP(opIntoRecord),
     OP(opIntoRecord), OP(opBuffers), OP(opRowResize), OP(opScanLine), OP(opCritical), OP(opRedirectHandle),
     OP(opColorRes), OP(opDisplay), OP(opList), OP(opList), OP(opPlayback)};
-#undef OP
 
 }  // namespace
 
@@ -1244,8 +1194,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (c->listLive[k] && K_DestroyBitmapList(c->list[k]) != KS_SUCCESS) fail(c->op, "live list not destroyable");
     for (int s = 0; s < kSlots; ++s) validate(&c->bm[s], c->op), freeSlot(*c, s);
     K_FreeBitmap(&c->foreign);  // what calls attached to it (region, palette)
-    for (auto* r : c->rgn)
-        if (r) K_DeleteOrvaRgn(r);
+    for (auto* r : c->rgn) K_DeleteOrvaRgn(r);  // (null: refused)
     for (int h = 0; h < kHandles; ++h)
         if ((c->hrgnLive[h] && !DeleteObject(c->hrgn[h])) || (c->globLive[h] && K_GlobalFree(c->glob[h])))
             fail(c->op, "a live handle cannot be freed");

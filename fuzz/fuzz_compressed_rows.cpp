@@ -1,9 +1,8 @@
-// fuzz_compressed_rows.cpp - untrusted compressed rows: K_ExpandRows and the compressed Put forms. Input:
-// byte 0 width (1..256 + a multiple from byte 1), byte 2 row count, byte 3 column, byte 4 pixel count, then
-// each row's word count (a byte, cut to the words left: these forms take no source size) and run words.
-// K_ExpandRows writes only its rows; a Put into a run-compressed bitmap and into a single block give the
-// same pixels, stored rows read back as runs summing to the width, and pixels outside [column, column +
-// pixels) are unchanged.
+// fuzz_compressed_rows.cpp - untrusted compressed rows: K_ExpandRows and the compressed Put forms. Input: byte 0
+// width (1..256 + a multiple from byte 1), byte 2 row count, byte 3 column, byte 4 pixel count, then each row's
+// word count (a byte, cut to the words left: these forms take no source size) and run words. K_ExpandRows
+// writes only its rows; a Put into a run-compressed bitmap and into a single block give the same pixels, stored
+// rows read back as runs summing to the width, and pixels outside [column, column + pixels) are unchanged.
 #include <algorithm>
 #include <cstring>
 #include <vector>

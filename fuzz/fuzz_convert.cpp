@@ -40,10 +40,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t rest = in.left();
     for (size_t i = 0; i < bytes; ++i) buf[i] = rest ? in.rest()[i % rest] : uint8_t(i * 37);
 
-    std::vector<RGBQUAD> spal, dpal;
-    if ((options & 2) && sb >= 1 && sb <= 8) spal.resize(size_t(1) << sb);
+    std::vector<RGBQUAD> spal((options & 2) && sb >= 1 && sb <= 8 ? size_t(1) << sb : 0);
+    std::vector<RGBQUAD> dpal((options & 4) && db >= 1 && db <= 8 ? size_t(1) << db : 0);
     for (size_t i = 0; i < spal.size(); ++i) spal[i] = RGBQUAD{uint8_t(i * 7), uint8_t(i * 13), uint8_t(i), 0};
-    if ((options & 4) && db >= 1 && db <= 8) dpal.resize(size_t(1) << db);
     for (size_t i = 0; i < dpal.size(); ++i) dpal[i] = RGBQUAD{uint8_t(i * 29), uint8_t(255 - i), uint8_t(i * 3), 0};
     uint32_t* tree = nullptr;
     if ((options & 8) && db >= 1 && db <= 8) {

@@ -3,6 +3,7 @@
 // open puts it back at 0). Input: byte 0 flags (bit 0 REDIRECTBUF_FIXED), bytes 1-2 initial size, byte 3
 // growth step, then operations (selector byte and operands). Every read, write (plain or big), seek and size
 // is the model's, and so is the content handed out at the end; a file's own table is the buffer's.
+#include <algorithm>
 #include <cstring>
 #include <cwchar>
 #include <string>
@@ -15,7 +16,7 @@ namespace {
 
 struct Model {
     std::vector<uint8_t> data;
-    uint64_t cap = 0, pos = 0;  // the capacity of a fixed buffer
+    uint64_t cap = 0, pos = 0;  // the capacity of a fixed buffer, the shared position
     bool fixed = false;
 };
 constexpr uint64_t kFar = uint64_t(1) << 40;  // a growable buffer refuses to grow that far (-1)
@@ -58,13 +59,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     break;
                 }
                 if (m.fixed && end > m.cap) end = m.cap > pos ? m.cap : pos;
-                const uint64_t k = end - pos;
-                FUZZ_CHECK(got == int64_t(k));
-                if (k) {
-                    if (end > m.data.size()) m.data.resize(end, 0);
-                    std::memcpy(m.data.data() + pos, scratch.data(), k);
-                    pos = end;
-                }
+                FUZZ_CHECK(got == int64_t(end - pos));
+                if (end == pos) break;  // (nothing written: a far position stays where it is)
+                if (end > m.data.size()) m.data.resize(end, 0);
+                std::memcpy(m.data.data() + pos, scratch.data(), end - pos);
+                pos = end;
                 break;
             }
             case 1: {  // read
@@ -72,8 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 scratch.assign(n + 1, 0x5A);
                 const int64_t got = sel & 0x40 ? K_RedirectedReadBig(h, scratch.data(), n)
                                                : K_RedirectedRead(h, scratch.data(), n);
-                const uint64_t avail = pos < m.data.size() ? m.data.size() - pos : 0;
-                const uint64_t k = avail < n ? avail : n;
+                const uint64_t k = std::min<uint64_t>(pos < m.data.size() ? m.data.size() - pos : 0, n);
                 FUZZ_CHECK(got == int64_t(k) && scratch[n] == 0x5A);
                 FUZZ_CHECK(k == 0 || std::memcmp(scratch.data(), m.data.data() + pos, k) == 0);
                 pos += k;
@@ -83,9 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const int32_t origin = in.byte() % 4;  // 3 is not an origin
                 int64_t off = int64_t(int16_t(in.u16()));
                 if (sel & 0x80) off *= int64_t(1) << 47;
-                const int64_t base = origin == REDIRECT_SEEK_SET   ? 0
-                                     : origin == REDIRECT_SEEK_CUR ? int64_t(pos)
-                                                                   : int64_t(m.data.size());
+                const int64_t base = origin ? int64_t(origin == REDIRECT_SEEK_CUR ? pos : m.data.size()) : 0;
                 const int64_t got = K_RedirectedSeek(h, off, origin);
                 int64_t to = 0;
                 const bool bad = origin > 2 || __builtin_add_overflow(base, off, &to) || to < 0;

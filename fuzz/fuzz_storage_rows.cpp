@@ -1,9 +1,9 @@
-// fuzz_storage_rows.cpp - the row calls on every storage kind, and moves between kinds, against a plain
-// model (a byte array of the stored rows). Input: byte 0 depth selector, bytes 1-2 width, byte 3 height,
-// then operations (selector byte + operands): row, column and segment puts, row and column gets, moves to
-// another storage kind (single block, small tiles, temporary file, run-compressed, super-compressed) and
-// compression changes. Every result and read byte equals the model's, reads never write past their byte
-// count, a move keeps the pixels. Padding past the last pixel is not compared (compressed kinds drop it).
+// fuzz_storage_rows.cpp - the row calls on every storage kind, and moves between kinds, against a plain model
+// (a byte array of the stored rows). Input: byte 0 depth selector, bytes 1-2 width, byte 3 height, then
+// operations (selector byte + operands): row, column and segment puts, row and column gets, moves to another
+// storage kind (single block, small tiles, temporary file, run-compressed, super-compressed), compression
+// changes. Every result and read byte is the model's, reads write nothing past their byte count, a move keeps
+// the pixels. Padding past the last pixel is not compared (compressed kinds drop it).
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -30,8 +30,7 @@ void comparePixels(const Model& m, const uint8_t* model, const uint8_t* got, uin
     for (uint32_t k = 0; k < n; ++k) {
         const uint64_t firstBit = uint64_t(off + k) * 8;
         if (firstBit >= bits) break;
-        uint8_t mask = 0xFF;
-        if (firstBit + 8 > bits) mask = uint8_t(0xFF00 >> (bits - firstBit));
+        const uint8_t mask = firstBit + 8 > bits ? uint8_t(0xFF00 >> (bits - firstBit)) : 0xFF;
         FUZZ_CHECK(((model[off + k] ^ got[k]) & mask) == 0);
     }
 }
@@ -69,24 +68,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint8_t sel = in.byte();
         const int32_t y = int32_t(in.byte() % m.height);
         switch (sel % 7) {
-            case 0: {  // a whole row, a byte count from the input (cut at the row's end)
-                const uint32_t n = std::min<uint32_t>(in.u16(), m.bpl + 8);
+            case 0:
+            case 1: {  // a whole row or from a column on, a byte count from the input (cut at the row's end)
+                const bool col = sel % 7 == 1;
+                const int32_t x = col ? int32_t(in.u16() % uint32_t(m.width)) : 0;
+                const uint32_t n = col ? in.byte() * 3u : std::min(in.u16(), m.bpl + 8), off = colOffset(m, x);
                 src.assign(n + 1, 0);  // never a null pointer, also for 0 bytes
                 for (uint32_t k = 0; k < n; ++k) src[k] = uint8_t(in.byte() ^ k);
-                const uint32_t moved = std::min(n, m.bpl);
-                FUZZ_CHECK(K_PutBitmapRow(&bm, src.data(), y, n) == int32_t(moved));
-                std::memcpy(m.row(y), src.data(), moved);
-                break;
-            }
-            case 1: {  // from a column on
-                const int32_t x = int32_t(in.u16() % uint32_t(m.width));
-                const uint32_t n = in.byte() * 3u;
-                src.assign(n + 1, 0);
-                for (uint32_t k = 0; k < n; ++k) src[k] = uint8_t(in.byte() + 7 * k);
-                const uint32_t off = colOffset(m, x);
-                const uint32_t moved = std::min(n, m.bpl - off);
-                FUZZ_CHECK(K_PutBitmapRowCol(&bm, src.data(), y, x, n) == int32_t(moved));
-                std::memcpy(m.row(y) + off, src.data(), moved);
+                const int32_t moved = int32_t(std::min(n, m.bpl - off));
+                const uint8_t* p = src.data();
+                FUZZ_CHECK((col ? K_PutBitmapRowCol(&bm, p, y, x, n) : K_PutBitmapRow(&bm, p, y, n)) == moved);
+                std::memcpy(m.row(y) + off, src.data(), size_t(moved));
                 break;
             }
             case 2: {  // segments from a whole row
@@ -110,8 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const int32_t x = int32_t(in.u16() % uint32_t(m.width));
                 const uint32_t n = in.byte() * 5u;
                 buf.assign(n + 4, 0x3C);
-                const uint32_t off = colOffset(m, x);
-                const uint32_t moved = std::min(n, m.bpl - off);
+                const uint32_t off = colOffset(m, x), moved = std::min(n, m.bpl - off);
                 FUZZ_CHECK(K_GetBitmapRowCol(&bm, buf.data(), y, x, n) == int32_t(moved));
                 for (uint32_t k = moved; k < n + 4; ++k) FUZZ_CHECK(buf[k] == 0x3C);
                 comparePixels(m, m.row(y), buf.data(), off, moved);
