@@ -45,8 +45,8 @@ const int32_t kI32[] = {0, 1, -1, 2, 3, 7, 8, 16, 24, 32, 100, 255, 256, 65535, 
 const int32_t kDims[] = {1, 2, 3, 7, 8, 13, 31, 32, 33, 64, 0, -1, INT32_MIN, INT32_MAX, 0x08000000, 579};
 const int32_t kDepths[] = {1, 2, 4, 8, 12, 16, 24, 32, 48, 64, 0, 3, 5, 7, 9, -1, 65};
 const uint32_t kSizeWords[] = {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD, 0, 175, 217, 0xFFFFFFFFu, 44};
-const uint32_t kMemTypes[] = {1,   1,   1,   4,    8,    9, 128, 256, 257, 260, 264,
-                              265, 512, 768, 1024, 1025, 2, 0,   3,   6,   0xFFFFFFFFu};
+const uint32_t kMemTypes[] = {1, 1, 1, 4, 8, 9, 128, 256, 257, 260, 264, 265, 512, 768, 1024, 1025,
+                              2, 0, 3, 6, 0xFFFFFFFFu};
 const uint64_t kSizes[] = {0, 1, 2, 3, 4, 16, 100, 4096, 0xFFFFFFFFull, 0x100000000ull, UINT64_MAX, UINT64_MAX / 2};
 
 uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
