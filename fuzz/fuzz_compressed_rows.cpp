@@ -1,9 +1,8 @@
-// fuzz_compressed_rows.cpp - untrusted compressed rows: K_ExpandRows and the compressed Put forms. Input:
-// byte 0 width (1..256 + a multiple from byte 1), byte 2 row count, byte 3 column, byte 4 pixel count, then
-// each row's word count (a byte, cut to the words left: these forms take no source size) and run words.
-// K_ExpandRows writes only its rows; a Put into a run-compressed bitmap and into a single block give the
-// same pixels, stored rows read back as runs summing to the width, and pixels outside [column, column +
-// pixels) are unchanged.
+// fuzz_compressed_rows.cpp - untrusted compressed rows: K_ExpandRows and the compressed Put forms. Input: byte 0
+// width (1..256 + a multiple from byte 1), byte 2 row count, byte 3 column, byte 4 pixel count, then each row's
+// word count (a byte, cut to the words left: these forms take no source size) and run words. K_ExpandRows
+// writes only its rows; a Put into a run-compressed bitmap and into a single block give the same pixels, stored
+// rows read back as runs summing to the width, and pixels outside [column, column + pixels) are unchanged.
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -50,16 +49,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (uint64_t b = uint64_t(width); b < uint64_t(bpl) * 8; ++b)
             check(((out[size_t(r) * bpl + (b >> 3)] >> (7 - (b & 7))) & 1) == 0);
 
-    // The Put forms on a run-compressed bitmap and a single block.
+    // The Put forms on a run-compressed bitmap and a single block, both starting from the expanded rows.
     BITMAPRECORD a, b;
     if (K_CreateBitmap(&a, BITMAPRECORD_SIZE, 512, width, rows, 1, 0, nullptr, 1, nullptr, 0) != KS_SUCCESS) return 0;
     if (K_CreateBitmap(&b, BITMAPRECORD_SIZE, 1, width, rows, 1, 0, nullptr, 1, nullptr, 0) != KS_SUCCESS)
         return K_FreeBitmap(&a), 0;
-    // Start from the expanded rows.
-    for (int r = 0; r < rows; ++r) {
-        check(K_PutBitmapRow(&a, out.data() + size_t(r) * bpl, r, bpl) == int32_t(bpl));
-        check(K_PutBitmapRow(&b, out.data() + size_t(r) * bpl, r, bpl) == int32_t(bpl));
-    }
+    for (int r = 0; r < rows; ++r)
+        for (BITMAPRECORD* bm : {&a, &b}) check(K_PutBitmapRow(bm, &out[size_t(r) * bpl], r, bpl) == int32_t(bpl));
     std::vector<uint8_t> before(out.begin(), out.begin() + size_t(bpl) * rows);
     const uint8_t* row = runs.data();
     for (int r = 0; r < rows; ++r) {
@@ -72,15 +68,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     std::vector<uint8_t> ra(bpl), rb(bpl), cr(OMBRIX_COMPRESSED_ROW_MAX(width));
     for (int r = 0; r < rows; ++r) {
-        check(K_GetBitmapRow(&a, ra.data(), r, bpl) == int32_t(bpl));
-        check(K_GetBitmapRow(&b, rb.data(), r, bpl) == int32_t(bpl));
-        check(ra == rb);
+        const int32_t n = int32_t(bpl);
+        check(K_GetBitmapRow(&a, ra.data(), r, bpl) == n && K_GetBitmapRow(&b, rb.data(), r, bpl) == n && ra == rb);
         if (r % 2 == 1) {
             // Outside the column range nothing changed.
             const uint8_t* old = before.data() + size_t(r) * bpl;
             const int64_t end = std::min<int64_t>(int64_t(col) + pixels, width);
             for (int64_t x = 0; x < width; ++x)
-                check((x >= col && x < end) || (((ra[size_t(x >> 3)] ^ old[size_t(x >> 3)]) >> (7 - (x & 7)) & 1) == 0));
+                check((x >= col && x < end) || ((ra[size_t(x >> 3)] ^ old[size_t(x >> 3)]) >> (7 - (x & 7)) & 1) == 0);
         }
         check(K_GetBitmapRowCompressed(&a, nullptr, cr.data(), r, width) == KS_SUCCESS);
         uint32_t w;
@@ -90,7 +85,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (uint32_t i = 0; i < w; ++i) sum += uint16_t(cr[4 + 2 * size_t(i)] | cr[5 + 2 * size_t(i)] << 8);
         check(sum == uint64_t(width));
     }
-    K_FreeBitmap(&a);
-    K_FreeBitmap(&b);
+    K_FreeBitmap(&a), K_FreeBitmap(&b);
     return 0;
 }

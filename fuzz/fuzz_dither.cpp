@@ -35,11 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (auto& e : pal) e = RGBQUAD{in.byte(), in.byte(), in.byte(), uint8_t(paletteKind == 3 ? in.byte() : 0)};
     const RGBQUAD* target = paletteKind == 0 ? nullptr : pal.data();
     if (paletteKind == 1) K_GetFixedPalette(pal.data(), 8);
-    std::vector<uint32_t> table;
-    if (paletteKind == 4) {
-        table.resize(32768);
-        for (auto& w : table) w = in.byte();
-    }
+    std::vector<uint32_t> table(paletteKind == 4 ? 32768 : 0);
+    for (auto& w : table) w = in.byte();
     int outBits = 1;
     while ((1u << outBits) < colors) ++outBits;
     const int nBits = outBits + bitsExtra;

@@ -1,8 +1,6 @@
-// fuzz_image.cpp - the ombrix tool's picture readers (PNM/PAM, PNG, JPEG,
-// TIFF) on untrusted bytes. Any input is refused with a negative status and a
-// reason, or decoded; a decoded picture must become a bitmap and come back
-// with the same samples, and must survive writing in every format and
-// reading again (sample for sample in the lossless ones).
+// fuzz_image.cpp - the ombrix tool's picture readers (PNM/PAM, PNG, JPEG, TIFF) on untrusted bytes. Any input
+// is refused with a negative status and a reason, or decoded; a decoded picture becomes a bitmap and comes back
+// with the same samples, and survives writing in every format and reading again (exactly where lossless).
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -20,32 +18,23 @@ bool sameEightBit(const image::Raster& a, const image::Raster& b) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const uint64_t limit = (image::setPixelLimit(uint64_t(1) << 18), 0);
-    (void)limit;
+    [[maybe_unused]] static const int limit = (image::setPixelLimit(uint64_t(1) << 18), 0);
     image::Raster r;
     image::Result res = image::decode(data, size, r);
-    if (!res.ok()) {
-        FUZZ_CHECK(res.status < 0 && !res.error.empty());
-        return 0;
-    }
+    if (!res.ok()) return FUZZ_CHECK(res.status < 0 && !res.error.empty()), 0;
     FUZZ_CHECK(r.pixels.size() == r.rowBytes() * size_t(r.height));
     BITMAPRECORD bm;
-    res = image::toBitmap(r, bm);
-    FUZZ_CHECK(res.ok());
     image::Raster back;
-    res = image::fromBitmap(bm, back);
-    FUZZ_CHECK(res.ok());
+    FUZZ_CHECK(image::toBitmap(r, bm).ok() && image::fromBitmap(bm, back).ok());
     K_FreeBitmap(&bm);
     if (r.orientation == TOP_LEFT) FUZZ_CHECK(sameEightBit(r, back));
     using image::Format;
     for (Format f : {Format::Pnm, Format::Png, Format::Jpeg, Format::Tiff}) {
         if (!image::available(f)) continue;
         std::vector<uint8_t> bytes;
-        res = image::encode(f, back, bytes, f == Format::Pnm ? "x.pam" : "x");
-        FUZZ_CHECK(res.ok());
         image::Raster again;
-        res = image::decode(bytes.data(), bytes.size(), again);
-        FUZZ_CHECK(res.ok());
+        FUZZ_CHECK(image::encode(f, back, bytes, f == Format::Pnm ? "x.pam" : "x").ok());
+        FUZZ_CHECK(image::decode(bytes.data(), bytes.size(), again).ok());
         if (f != Format::Jpeg) FUZZ_CHECK(sameEightBit(back, again));
     }
     return 0;

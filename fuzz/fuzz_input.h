@@ -16,10 +16,7 @@ struct Input {
     bool more() const { return i < n; }
     uint8_t byte() { return i < n ? p[i++] : 0; }
     uint32_t u16() { return uint32_t(byte()) | uint32_t(byte()) << 8; }
-    uint32_t u32() {
-        const uint32_t lo = u16();
-        return lo | u16() << 16;
-    }
+    uint32_t u32() { const uint32_t lo = u16(); return lo | u16() << 16; }  // (in this order)
     template <class T, size_t N>
     T pick(const T (&t)[N]) { return t[byte() % N]; }
     // A value of the next sizeof(T) bytes (those past the end read as 0).

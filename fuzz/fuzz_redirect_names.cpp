@@ -20,23 +20,19 @@ void* fzOpen(const wchar_t*, uint32_t, uint32_t, void*) {
 }
 
 REDIRECTRECORD knownTable() {
-    REDIRECTRECORD t{};
-    t.uStructSize = REDIRECTRECORD_SIZE, t.uFlags = 0x1234;
-    t.pfnOpen = &fzOpen, t.pOpenUserData = reinterpret_cast<void*>(0xABCDEF);
-    t.pfnRead = &K_OsRead, t.pfnClose = &K_OsClose;
-    return t;
+    REDIRECTRECORD t{REDIRECTRECORD_SIZE, 0x1234, &fzOpen, reinterpret_cast<void*>(0xABCDEF), &K_OsRead};
+    return t.pfnClose = &K_OsClose, t;
 }
 
 void utf8Case(const uint8_t* d, size_t n) {
     using namespace krn::utf;
     const char* s = reinterpret_cast<const char*>(d);
-    UtfResult m16 = utf8ToUtf16(s, n, nullptr, 0);
-    UtfResult m32 = utf8ToUtf32(s, n, nullptr, 0);
+    const UtfResult m16 = utf8ToUtf16(s, n, nullptr, 0), m32 = utf8ToUtf32(s, n, nullptr, 0);
     FUZZ_CHECK(m16.status == m32.status);
-    if (m16.status == kUtfMalformed) {  // at the same place in both, and the part before it is well formed
-        FUZZ_CHECK(m16.errorAt < n && m16.errorAt == m32.errorAt && utf8ToUtf32(s, m16.errorAt, nullptr, 0).status == kUtfOk);
-        return;
-    }
+    if (m16.status == kUtfMalformed)  // at the same place in both, the part before it well formed; exports refuse
+        return FUZZ_CHECK(m16.errorAt < n && m16.errorAt == m32.errorAt &&
+                          utf8ToUtf32(s, m16.errorAt, nullptr, 0).status == kUtfOk &&
+                          K_Utf8ToUtf16(s, int32_t(n), nullptr, 0, nullptr) == KS_INVALID_PARAMETER);
     std::u16string u16(m16.needed, u'\0');
     FUZZ_CHECK(utf8ToUtf16(s, n, u16.data(), u16.size()).status == kUtfOk);
     std::string back(n, '\0');
@@ -44,15 +40,21 @@ void utf8Case(const uint8_t* d, size_t n) {
     FUZZ_CHECK(r.status == kUtfOk && r.written == n && std::memcmp(back.data(), s, n) == 0);
     std::wstring w(m16.needed, L'\0');  // UTF-32 never needs more units than UTF-16
     FUZZ_CHECK((r = utf8ToWide(s, n, w.data(), w.size())).status == kUtfOk);
-    if (n < 0x10000) {  // the exported forms give back the same bytes, terminated
-        std::string pub(n + 1, '\x55');
-        uint32_t wrote = 0;
+    if (n < 0x10000) {  // the exported forms agree, terminated
+        std::string pub(n + 1, '\x55'), pub16 = pub;
+        std::wstring wide(r.written + 1, L'\x55');
+        std::u16string narrow(u16.size() + 1, u'\x55');
+        uint32_t wrote = 0, wrote16 = 0;
+        auto* p16 = reinterpret_cast<uint16_t*>(narrow.data());
+        FUZZ_CHECK(K_Utf8ToWide(s, int32_t(n), wide.data(), uint32_t(wide.size()), &wrote) == 1 && wrote == r.written);
+        FUZZ_CHECK(K_Utf8ToUtf16(s, int32_t(n), p16, uint32_t(narrow.size()), &wrote16) == 1 && wrote16 == u16.size());
+        FUZZ_CHECK(!wide.back() && !narrow.back() && !wide.compare(0, wrote, w, 0, wrote));
+        FUZZ_CHECK(!narrow.compare(0, wrote16, u16));
         FUZZ_CHECK(K_WideToUtf8(w.data(), int32_t(r.written), pub.data(), uint32_t(n + 1), &wrote) == 1);
-        FUZZ_CHECK(wrote == n && pub[n] == 0 && std::memcmp(pub.data(), s, n) == 0);
-        pub.assign(n + 1, '\x55');
-        FUZZ_CHECK(K_Utf16ToUtf8(reinterpret_cast<const uint16_t*>(u16.data()), int32_t(u16.size()), pub.data(),
-                                 uint32_t(n + 1), &wrote) == 1);
-        FUZZ_CHECK(wrote == n && pub[n] == 0 && std::memcmp(pub.data(), s, n) == 0);
+        FUZZ_CHECK(K_Utf16ToUtf8(p16, int32_t(u16.size()), pub16.data(), uint32_t(n + 1), &wrote16) == 1);
+        FUZZ_CHECK(wrote == n && wrote16 == n && pub == pub16 && pub[n] == 0 && std::memcmp(pub.data(), s, n) == 0);
+        // No room for the terminator: too small.
+        FUZZ_CHECK(!n || K_Utf8ToUtf16(s, int32_t(n), p16, uint32_t(u16.size()), nullptr) == KS_BUFFER_TOO_SMALL);
     }
     r = wideToUtf8(w.data(), r.written, back.data(), back.size());
     FUZZ_CHECK(r.status == kUtfOk && r.written == n && std::memcmp(back.data(), s, n) == 0);

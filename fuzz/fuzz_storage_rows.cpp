@@ -1,9 +1,9 @@
-// fuzz_storage_rows.cpp - the row calls on every storage kind, and moves between kinds, against a plain
-// model (a byte array of the stored rows). Input: byte 0 depth selector, bytes 1-2 width, byte 3 height,
-// then operations (selector byte + operands): row, column and segment puts, row and column gets, moves to
-// another storage kind (single block, small tiles, temporary file, run-compressed, super-compressed) and
-// compression changes. Every result and read byte equals the model's, reads never write past their byte
-// count, a move keeps the pixels. Padding past the last pixel is not compared (compressed kinds drop it).
+// fuzz_storage_rows.cpp - the row calls on every storage kind, and moves between kinds, against a plain model
+// (a byte array of the stored rows). Input: byte 0 depth selector, bytes 1-2 width, byte 3 height, then
+// operations (selector byte + operands): row, column and segment puts, row and column gets, moves to another
+// storage kind (single block, small tiles, temporary file, run-compressed, super-compressed), compression
+// changes. Every result and read byte is the model's, reads write nothing past their byte count, a move keeps
+// the pixels. Padding past the last pixel is not compared (compressed kinds drop it).
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -30,8 +30,7 @@ void comparePixels(const Model& m, const uint8_t* model, const uint8_t* got, uin
     for (uint32_t k = 0; k < n; ++k) {
         const uint64_t firstBit = uint64_t(off + k) * 8;
         if (firstBit >= bits) break;
-        uint8_t mask = 0xFF;
-        if (firstBit + 8 > bits) mask = uint8_t(0xFF00 >> (bits - firstBit));
+        const uint8_t mask = firstBit + 8 > bits ? uint8_t(0xFF00 >> (bits - firstBit)) : 0xFF;
         FUZZ_CHECK(((model[off + k] ^ got[k]) & mask) == 0);
     }
 }
@@ -43,12 +42,10 @@ void checkRow(BITMAPRECORD& bm, Model& m, int32_t y) {
     for (uint32_t k = m.bpl; k < m.bpl + 4; ++k) FUZZ_CHECK(buf[k] == 0x99);
     comparePixels(m, m.row(y), buf.data(), 0, m.bpl);
 }
-void checkAll(BITMAPRECORD& bm, Model& m) {
-    for (int32_t y = 0; y < m.height; ++y) checkRow(bm, m, y);
-}
+void checkAll(BITMAPRECORD& bm, Model& m) { for (int32_t y = 0; y < m.height; ++y) checkRow(bm, m, y); }
 uint32_t colOffset(const Model& m, int32_t x) { return uint32_t((uint64_t(x) * uint64_t(m.bpp)) / 8); }
 // Run compression takes 1 bit, super-compression 1, 8 and 24 bits.
-bool superOk(int bpp) { return bpp == 1 || bpp == 8 || bpp == 24; }
+bool takes(int bpp, bool runs, bool super) { return runs ? bpp == 1 : !super || bpp == 1 || bpp == 8 || bpp == 24; }
 
 }  // namespace
 
@@ -56,9 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 4) return 0;
     fuzzinput::Input in{data, size};
     Model m;
-    m.bpp = kDepths[in.byte() % 6];
-    m.width = int32_t(1 + in.u16() % 2048);
-    m.height = int32_t(1 + in.byte() % 64);
+    m.bpp = kDepths[in.byte() % 6], m.width = int32_t(1 + in.u16() % 2048), m.height = int32_t(1 + in.byte() % 64);
     m.bpl = uint32_t(((uint64_t(m.width) * uint64_t(m.bpp) + 31) / 32) * 4);
     m.rows.assign(size_t(m.bpl) * size_t(m.height), 0);
 
@@ -73,24 +68,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint8_t sel = in.byte();
         const int32_t y = int32_t(in.byte() % m.height);
         switch (sel % 7) {
-            case 0: {  // a whole row, a byte count from the input (cut at the row's end)
-                const uint32_t n = std::min<uint32_t>(in.u16(), m.bpl + 8);
+            case 0:
+            case 1: {  // a whole row or from a column on, a byte count from the input (cut at the row's end)
+                const bool col = sel % 7 == 1;
+                const int32_t x = col ? int32_t(in.u16() % uint32_t(m.width)) : 0;
+                const uint32_t n = col ? in.byte() * 3u : std::min(in.u16(), m.bpl + 8), off = colOffset(m, x);
                 src.assign(n + 1, 0);  // never a null pointer, also for 0 bytes
                 for (uint32_t k = 0; k < n; ++k) src[k] = uint8_t(in.byte() ^ k);
-                const uint32_t moved = std::min(n, m.bpl);
-                FUZZ_CHECK(K_PutBitmapRow(&bm, src.data(), y, n) == int32_t(moved));
-                std::memcpy(m.row(y), src.data(), moved);
-                break;
-            }
-            case 1: {  // from a column on
-                const int32_t x = int32_t(in.u16() % uint32_t(m.width));
-                const uint32_t n = in.byte() * 3u;
-                src.assign(n + 1, 0);
-                for (uint32_t k = 0; k < n; ++k) src[k] = uint8_t(in.byte() + 7 * k);
-                const uint32_t off = colOffset(m, x);
-                const uint32_t moved = std::min(n, m.bpl - off);
-                FUZZ_CHECK(K_PutBitmapRowCol(&bm, src.data(), y, x, n) == int32_t(moved));
-                std::memcpy(m.row(y) + off, src.data(), moved);
+                const int32_t moved = int32_t(std::min(n, m.bpl - off));
+                const uint8_t* p = src.data();
+                FUZZ_CHECK((col ? K_PutBitmapRowCol(&bm, p, y, x, n) : K_PutBitmapRow(&bm, p, y, n)) == moved);
+                std::memcpy(m.row(y) + off, src.data(), size_t(moved));
                 break;
             }
             case 2: {  // segments from a whole row
@@ -102,14 +90,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 for (int32_t s = 0; s < 2 * nseg; ++s) segs[s] = int32_t(int16_t(in.u16()));
                 FUZZ_CHECK(K_PutBitmapRowSegments(&bm, src.data(), y, segs, nseg) == KS_SUCCESS);
                 for (int32_t s = 0; s < nseg; ++s) {
-                    const int32_t x1 = std::max(segs[2 * s], 0), x2 = std::min(segs[2 * s + 1], m.width);
-                    for (int32_t x = x1; x < x2; ++x) {
-                        const uint64_t b0 = uint64_t(x) * uint64_t(m.bpp);
-                        for (uint64_t b = b0; b < b0 + uint64_t(m.bpp); ++b) {
-                            const uint8_t bit = uint8_t(0x80 >> (b & 7));
-                            uint8_t& d = m.row(y)[b >> 3];
-                            d = uint8_t((d & ~bit) | (src[b >> 3] & bit));
-                        }
+                    const int64_t x1 = std::max(segs[2 * s], 0), x2 = std::min(segs[2 * s + 1], m.width);
+                    for (int64_t b = x1 * m.bpp; b < x2 * m.bpp; ++b) {
+                        const uint8_t bit = uint8_t(0x80 >> (b & 7));
+                        m.row(y)[b >> 3] = uint8_t((m.row(y)[b >> 3] & ~bit) | (src[size_t(b >> 3)] & bit));
                     }
                 }
                 break;
@@ -118,8 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const int32_t x = int32_t(in.u16() % uint32_t(m.width));
                 const uint32_t n = in.byte() * 5u;
                 buf.assign(n + 4, 0x3C);
-                const uint32_t off = colOffset(m, x);
-                const uint32_t moved = std::min(n, m.bpl - off);
+                const uint32_t off = colOffset(m, x), moved = std::min(n, m.bpl - off);
                 FUZZ_CHECK(K_GetBitmapRowCol(&bm, buf.data(), y, x, n) == int32_t(moved));
                 for (uint32_t k = moved; k < n + 4; ++k) FUZZ_CHECK(buf[k] == 0x3C);
                 comparePixels(m, m.row(y), buf.data(), off, moved);
@@ -129,18 +112,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const uint32_t kind = in.pick(kKinds);
                 const uint64_t tile = uint64_t(1 + in.byte()) * 64;
                 const int32_t rc = K_SetBitmapMemoryInfo(&bm, kind, kind == 4u ? tile : 0);
-                const bool depthOk = kind == MEMTYPE_COMPRESSED ? m.bpp == 1 : kind != MEMTYPE_SUPERCOMPRESSED || superOk(m.bpp);
+                const bool ok = takes(m.bpp, kind == MEMTYPE_COMPRESSED, kind == MEMTYPE_SUPERCOMPRESSED);
                 uint32_t got = 0;
-                FUZZ_CHECK(depthOk ? rc == KS_SUCCESS : rc < 0);
-                FUZZ_CHECK(!depthOk || (K_GetBitmapMemoryInfo(&bm, &got, nullptr, nullptr, nullptr) == KS_SUCCESS &&
-                                        got == (kind == MEMTYPE_NO_CONVENTIONAL ? 128u : kind)));
+                FUZZ_CHECK(ok ? rc == KS_SUCCESS : rc < 0);
+                FUZZ_CHECK(!ok || (K_GetBitmapMemoryInfo(&bm, &got, nullptr, nullptr, nullptr) == KS_SUCCESS &&
+                                   got == (kind == MEMTYPE_NO_CONVENTIONAL ? 128u : kind)));
                 checkAll(bm, m);
                 break;
             }
             case 5: {  // compression change
                 const int32_t mode = in.byte() % 3;
                 const int32_t rc = K_ChangeBitmapCompression(&bm, mode);
-                const bool ok = mode == BITMAPCOMPRESSION_RUNS ? m.bpp == 1 : mode == BITMAPCOMPRESSION_NONE || superOk(m.bpp);
+                const bool ok = takes(m.bpp, mode == BITMAPCOMPRESSION_RUNS, mode != BITMAPCOMPRESSION_NONE);
                 FUZZ_CHECK(ok ? rc == KS_SUCCESS : rc < 0);
                 checkAll(bm, m);
                 break;
