@@ -368,3 +368,37 @@ def test_progress_reports_and_stops_cleanly(name, stop):
     calls = len(seen)
     bm.flip().resize(64, 48, "bicubic")  # no callback left behind for this thread's later calls
     assert len(seen) == calls
+
+
+def test_playback_steps_through_the_documented_states():
+    frames = ombrix.BitmapList([_frame(2, 2, 5, (0, 0), 0), _frame(2, 2, 6, (1, 1), 0), _frame(2, 2, 7, (2, 2), 60000)])
+    second = frames[1]
+    second.frame_wait_input = True
+    frames[1] = second
+    pb = ombrix.Playback(ombrix.Bitmap.new(4, 4, 24), frames)
+    assert (pb.state, pb.index) == ("clear", -1)
+    expected = [("next", -1), ("draw", 0), ("delay", 0), ("dispose", 0), ("next_frame", 0), ("draw", 1),
+                ("delay", 1), ("wait_input", 1), ("wait_input", 1), "cancel", ("next_frame", 1), ("draw", 2),
+                ("delay", 2), ("wait_delay", 2), ("wait_delay", 2)]
+    for want in expected:
+        if want == "cancel":
+            assert pb.state == "wait_input"
+            pb.cancel_wait()
+            assert pb.state == "dispose"
+            continue
+        assert (pb.step(), pb.index) == want
+    assert 0 < pb.delay <= 60000
+    pb.seek(1)
+    assert (pb.index, pb.state) == (1, "draw")  # at frame 1, not yet drawn
+    assert [(f.index, f.wait_input) for f in pb.frames()] == [(1, True), (2, False)]
+    with pytest.raises(ombrix.InvalidParameterError):
+        pb.seek(4)
+
+
+def test_progress_callback_cannot_touch_the_busy_bitmap():
+    bm = ombrix.Bitmap(BIG)
+    with pytest.raises(RuntimeError):
+        bm.resize(300, 200, "bicubic", progress=lambda pct: bm.fill((1, 2, 3)))
+    assert np.array_equal(bm.to_numpy(), BIG)
+    with pytest.raises(TypeError):
+        ombrix.progress(42)
