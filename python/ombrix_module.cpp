@@ -12,6 +12,7 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -19,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -61,16 +63,86 @@ int32_t check(int32_t status) {
     return status;
 }
 
-// Runs a kernel call without the GIL, then turns a negative status into an exception.
+// ---------------------------------------------------------------- progress
+// The progress callable of this thread (a per-call `progress=` or the
+// innermost `with ombrix.progress(...)`); null: none.
+thread_local PyObject* t_progress = nullptr;
+unsigned long g_mainThread = 0;  // Ctrl-C is looked at on the main thread only
+
+// One kernel call's hook: the kernel's status callback of the calling thread
+// while the call runs. It takes the GIL, runs pending signal handlers and the
+// callable; an exception (KeyboardInterrupt included) or False stops the work
+// with the kernel's stop status, and the exception is raised once the kernel
+// has returned.
+struct Hook {
+    PyObject* fn = nullptr;  // borrowed (the caller's frame holds it)
+    PyObject *type = nullptr, *value = nullptr, *trace = nullptr;
+    bool stopped = false;
+};
+
+int32_t hookCallback(int32_t percent, void* user) {
+    auto* h = static_cast<Hook*>(user);
+    if (h->stopped) return KS_USER_ABORT;
+    py::gil_scoped_acquire gil;
+    PyObject* outer = t_progress;
+    t_progress = nullptr;  // the callable's own calls run without it
+    int32_t answer = 1;
+    if (PyErr_CheckSignals() != 0) {
+        answer = KS_USER_ABORT;
+    } else if (h->fn) {
+        PyObject* r = PyObject_CallFunction(h->fn, "i", int(percent));
+        if (!r) answer = KS_USER_ABORT;
+        else if (r == Py_False) answer = KS_USER_ABORT;
+        Py_XDECREF(r);
+    }
+    if (answer != 1) {
+        h->stopped = true;
+        if (PyErr_Occurred()) PyErr_Fetch(&h->type, &h->value, &h->trace);
+    }
+    t_progress = outer;
+    return answer;
+}
+
+// Runs a kernel call without the GIL, with the progress hook when a callable
+// is set (or on the main thread, for Ctrl-C), then turns a negative status into
+// an exception; an exception of the callable takes precedence.
 template <class F>
-int32_t nogil(F&& call) {
+int32_t nogil(F&& call, bool signals = true) {
+    Hook hook;
+    hook.fn = t_progress;
+    const bool hooked = hook.fn || (signals && PyThread_get_thread_ident() == g_mainThread);
     int32_t status;
     {
         py::gil_scoped_release release;
+        STATUSCALLBACK oldFn = nullptr;
+        void* oldUser = nullptr;
+        if (hooked) K_SetStatusCallBack(&hookCallback, &hook, &oldFn, &oldUser);
         status = call();
+        if (hooked) K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr);
+    }
+    if (hook.type) {
+        PyErr_Restore(hook.type, hook.value, hook.trace);
+        throw py::error_already_set();
     }
     return check(status);
 }
+
+// Makes `fn` (None: nothing) this thread's progress callable for a scope.
+class ProgressScope {
+public:
+    explicit ProgressScope(const py::object& fn) : outer_(t_progress) {
+        if (!fn.is_none()) {
+            if (!PyCallable_Check(fn.ptr())) throw py::type_error("progress must be callable (or None)");
+            t_progress = fn.ptr();
+        }
+    }
+    ~ProgressScope() { t_progress = outer_; }
+    ProgressScope(const ProgressScope&) = delete;
+    ProgressScope& operator=(const ProgressScope&) = delete;
+
+private:
+    PyObject* outer_;
+};
 
 // ------------------------------------------------------------ name tables
 template <class T>
@@ -593,6 +665,184 @@ py::dict info(Bitmap& b) {
     return d;
 }
 
+
+// --------------------------------------------------------------- lists
+// A BitmapList owns one kernel list. The list holds its own bitmaps: what goes
+// in is a deep copy (the caller's Bitmap stays its own), what comes out of an
+// index is a deep copy, pop() hands the item's own storage over.
+struct BitmapList {
+    HBITMAPLIST h = nullptr;
+    bool busy = false;
+
+    BitmapList() { check(K_CreateBitmapList(&h)); }
+    ~BitmapList() {
+        if (h) K_DestroyBitmapList(h);
+    }
+    BitmapList(const BitmapList&) = delete;
+    BitmapList& operator=(const BitmapList&) = delete;
+
+    uint32_t size() const {
+        uint32_t n = 0;
+        check(K_GetBitmapListCount(h, &n));
+        return n;
+    }
+};
+
+class ListUse {
+public:
+    explicit ListUse(BitmapList& l) : l_(l) {
+        if (l.busy) throw std::runtime_error("the bitmap list is in use by another thread");
+        l.busy = true;
+    }
+    ~ListUse() { l_.busy = false; }
+    ListUse(const ListUse&) = delete;
+    ListUse& operator=(const ListUse&) = delete;
+
+private:
+    BitmapList& l_;
+};
+
+// A Python index (negative from the end) -> 0..n-1, else IndexError.
+uint32_t itemIndex(const BitmapList& l, int64_t i) {
+    int64_t n = l.size();
+    if (i < 0) i += n;
+    if (i < 0 || i >= n) throw py::index_error("bitmap list index out of range");
+    return uint32_t(i);
+}
+
+// The frame fields travel with a bitmap into and out of a list (a pixel copy
+// does not carry them).
+void carryFrame(BITMAPRECORD& d, const BITMAPRECORD& s) {
+    constexpr uint32_t kFrameFlags = BRF_FRAME_WAITINPUT | BRF_FRAME_TRANSPARENT | BRF_FRAME_ALPHAOVER;
+    FRAME_LEFT(&d) = FRAME_LEFT(&s);
+    FRAME_TOP(&d) = FRAME_TOP(&s);
+    FRAME_DELAY(&d) = FRAME_DELAY(&s);
+    FRAME_DISPOSAL(&d) = FRAME_DISPOSAL(&s);
+    FRAME_TRANSPARENT_COLOR(&d) = FRAME_TRANSPARENT_COLOR(&s);
+    FRAME_BACKGROUND_COLOR(&d) = FRAME_BACKGROUND_COLOR(&s);
+    d.uFlags = (d.uFlags & ~kFrameFlags) | (s.uFlags & kFrameFlags);
+}
+
+// A deep copy of a Bitmap as a bare record whose storage the caller (or the
+// list it is inserted into) then owns.
+BITMAPRECORD copyRecord(Bitmap& b) {
+    needAllocated(b);
+    BITMAPRECORD r{};
+    nogil([&] { return K_CopyBitmap(&r, &b.rec, BITMAPRECORD_SIZE); });
+    carryFrame(r, b.rec);
+    return r;
+}
+
+// Inserts a copy of b at idx (the list owns the copy); a failure frees it.
+void insertCopy(BitmapList& l, uint32_t idx, Bitmap& b) {
+    Use use(b, false);
+    BITMAPRECORD r = copyRecord(b);
+    int32_t st = K_InsertBitmapListItem(l.h, idx, &r);
+    if (st < 0) K_FreeBitmap(&r);
+    check(st);
+}
+
+std::unique_ptr<Bitmap> itemCopy(BitmapList& l, uint32_t idx) {
+    BITMAPRECORD item{};
+    item.uStructSize = BITMAPRECORD_SIZE;
+    check(K_GetBitmapListItem(l.h, idx, &item, BITMAPRECORD_SIZE));  // shares the item's storage
+    if (!(item.uFlags & BRF_ALLOCATED)) raiseStatus(KS_INVALID_BITMAP);
+    auto out = newLike([&](BITMAPRECORD* d) { return K_CopyBitmap(d, &item, BITMAPRECORD_SIZE); });
+    carryFrame(out->rec, item);
+    return out;
+}
+
+// ------------------------------------------------------------ playback
+const Name<int32_t> kStates[] = {{"clear", PLAYBACK_STATE_CLEAR},         {"next", PLAYBACK_STATE_NEXT},
+                                 {"draw", PLAYBACK_STATE_DRAW},           {"wait_lines", PLAYBACK_STATE_WAITLINES},
+                                 {"delay", PLAYBACK_STATE_DELAY},         {"wait_input", PLAYBACK_STATE_WAITINPUT},
+                                 {"wait_delay", PLAYBACK_STATE_WAITDELAY}, {"wait_both", PLAYBACK_STATE_WAITBOTH},
+                                 {"dispose", PLAYBACK_STATE_DISPOSE},     {"next_frame", PLAYBACK_STATE_NEXT2},
+                                 {"end", PLAYBACK_STATE_END}};
+const Name<uint32_t> kDisposal[] = {{"keep", 0u}, {"background", 2u}, {"previous", 3u}};
+py::object g_frameType;  // collections.namedtuple Frame
+
+struct Playback {
+    HPLAYBACK h = nullptr;
+    py::object targetObj, listObj;  // kept alive as long as the playback
+    Bitmap* target = nullptr;
+    BitmapList* list = nullptr;
+
+    ~Playback() {
+        if (h) K_DestroyPlayback(h);
+    }
+    int32_t state() const {
+        int32_t st = 0;
+        check(K_GetPlaybackState(h, &st));
+        return st;
+    }
+    int32_t step() {
+        Use use(*target, false);
+        ListUse lu(*list);
+        int32_t st = 0;
+        nogil([&] { return K_ProcessPlayback(h, &st); });
+        return st;
+    }
+    py::object updateRect(bool clear) const {
+        RECT rc{};
+        check(K_GetPlaybackUpdateRect(h, &rc, clear ? 1 : 0));
+        if (rc.right <= rc.left || rc.bottom <= rc.top) return py::none();
+        return py::make_tuple(rc.left, rc.top, rc.right - rc.left, rc.bottom - rc.top);
+    }
+};
+
+bool waiting(int32_t st) {
+    return st == PLAYBACK_STATE_WAITINPUT || st == PLAYBACK_STATE_WAITDELAY || st == PLAYBACK_STATE_WAITBOTH;
+}
+
+// The iterator of Playback.frames(): each next() steps to the next drawn frame.
+struct FrameIter {
+    py::object owner;
+    Playback* p;
+    bool loop, realtime;
+    bool started = false;
+
+    py::object next() {
+        if (started) {
+            if (p->state() == PLAYBACK_STATE_DELAY) p->step();  // the frame's wait starts now
+            int32_t st = p->state();
+            if (waiting(st) && realtime) {  // sleep out the rest of the delay, then end the wait
+                for (;;) {
+                    uint32_t ms = 0;
+                    check(K_GetPlaybackDelay(p->h, &ms));
+                    if (ms == 0) break;
+                    {
+                        py::gil_scoped_release release;
+                        std::this_thread::sleep_for(std::chrono::milliseconds(std::min<uint32_t>(ms, 50)));
+                    }
+                    if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+                }
+            }
+            if (waiting(p->state())) check(K_CancelPlaybackWait(p->h));
+        }
+        started = true;
+        // Clear, draw, delay, dispose and next take at most a handful of steps
+        // per frame; the bound stops a list that changes under the playback.
+        for (int guard = 0; guard < 64; ++guard) {
+            int32_t before = p->state();
+            if (before == PLAYBACK_STATE_END && (!loop || p->list->size() == 0)) throw py::stop_iteration();
+            if (before == PLAYBACK_STATE_WAITLINES) throw py::stop_iteration();  // rows still to come
+            if (waiting(before)) check(K_CancelPlaybackWait(p->h));
+            int32_t st = p->step();
+            if ((before == PLAYBACK_STATE_DRAW || before == PLAYBACK_STATE_WAITLINES) &&
+                st == PLAYBACK_STATE_DELAY) {
+                int32_t index = 0;
+                check(K_GetPlaybackIndex(p->h, &index));
+                BITMAPRECORD item{};
+                item.uStructSize = BITMAPRECORD_SIZE;
+                check(K_GetBitmapListItem(p->list->h, uint32_t(index), &item, BITMAPRECORD_SIZE));
+                return g_frameType(index, p->updateRect(true), FRAME_DELAY(&item),
+                                   (item.uFlags & BRF_FRAME_WAITINPUT) != 0);
+            }
+        }
+        throw py::stop_iteration();
+    }
+};
 }  // namespace
 
 PYBIND11_MODULE(ombrix, m) {
@@ -740,9 +990,11 @@ bm.view()) share the pixels when the storage is one block.)doc");
             "copy",
             [](Bitmap& b) {
                 Use use(b, false);
-                return newLike([&](BITMAPRECORD* d) { return K_CopyBitmap(d, &b.rec, BITMAPRECORD_SIZE); });
+                auto out = newLike([&](BITMAPRECORD* d) { return K_CopyBitmap(d, &b.rec, BITMAPRECORD_SIZE); });
+                carryFrame(out->rec, b.rec);
+                return out;
             },
-            "An independent copy (same perspective, palette, region).")
+            "An independent copy (same perspective, palette, region, frame fields).")
         // ---- palettes
         .def_property(
             "palette",
@@ -798,8 +1050,9 @@ bm.view()) share the pixels when the storage is one block.)doc");
         .def(
             "convert",
             [](Bitmap& b, int32_t bits, std::optional<std::string> order, const py::object& palette, int32_t colors,
-               std::optional<std::string> dither, bool exact) -> Bitmap& {
+               std::optional<std::string> dither, bool exact, const py::object& progress) -> Bitmap& {
                 Use use(b, true);
+                ProgressScope scope(progress);
                 Palette pal;
                 int32_t n = 0;
                 uint32_t flags = convertFlags(order, palette, colors, dither, exact, pal, n);
@@ -810,14 +1063,15 @@ bm.view()) share the pixels when the storage is one block.)doc");
                 return b;
             },
             py::arg("bits"), py::arg("order") = py::none(), py::arg("palette") = py::none(), py::arg("colors") = 0,
-            py::arg("dither") = py::none(), py::arg("exact") = false, py::return_value_policy::reference,
+            py::arg("dither") = py::none(), py::arg("exact") = false, py::arg("progress") = py::none(), py::return_value_policy::reference,
             "Converts in place to `bits` (1..8, 12, 16, 24, 32, 48, 64) in `order` ('rgb', 'bgr', 'gray', 'romm', "
             "'rgb565'); up to 8 bits with palette 'fixed', 'netscape', 'optimized' (`colors` entries) or an "
             "array; `dither` names a method (default: nearest colour, no diffusion).")
         .def(
             "dither",
-            [](Bitmap& b, const py::object& palette, const std::string& method, std::optional<int32_t> bits) -> Bitmap& {
+            [](Bitmap& b, const py::object& palette, const std::string& method, std::optional<int32_t> bits, const py::object& progress) -> Bitmap& {
                 Use use(b, true);
+                ProgressScope scope(progress);
                 Palette pal = toPalette(palette);
                 int32_t depth = 1;
                 while ((size_t(1) << depth) < pal.size()) ++depth;
@@ -830,16 +1084,17 @@ bm.view()) share the pixels when the storage is one block.)doc");
                 return b;
             },
             py::arg("palette"), py::arg("method") = "floyd_steinberg", py::arg("bits") = py::none(),
-            py::return_value_policy::reference,
+            py::arg("progress") = py::none(), py::return_value_policy::reference,
             "Dithers in place to the palette (depth: the smallest that holds its entries, or `bits`).")
         .def(
             "grayscale",
-            [](Bitmap& b, int32_t bits) -> Bitmap& {
+            [](Bitmap& b, int32_t bits, const py::object& progress) -> Bitmap& {
                 Use use(b, true);
+                ProgressScope scope(progress);
                 nogil([&] { return K_GrayScaleBitmap(&b.rec, bits); });
                 return b;
             },
-            py::arg("bits") = 8, py::return_value_policy::reference)
+            py::arg("bits") = 8, py::arg("progress") = py::none(), py::return_value_policy::reference)
         // ---- regions (viewed coordinates)
         .def(
             "set_region_rect",
@@ -956,17 +1211,19 @@ bm.view()) share the pixels when the storage is one block.)doc");
             py::return_value_policy::reference, "The same as reverse().")
         .def(
             "rotate90",
-            [](Bitmap& b, bool clockwise) -> Bitmap& {
+            [](Bitmap& b, bool clockwise, const py::object& progress) -> Bitmap& {
                 Use use(b, true);
+                ProgressScope scope(progress);
                 nogil([&] { return K_RotateBitmap90(&b.rec, clockwise ? 1 : 0, 0, 100); });
                 return b;
             },
-            py::arg("clockwise") = true, py::return_value_policy::reference)
+            py::arg("clockwise") = true, py::arg("progress") = py::none(), py::return_value_policy::reference)
         .def(
             "rotate",
             [](Bitmap& b, double degrees, bool resize, const std::string& interpolation, const py::object& fill,
-               bool transparent) -> Bitmap& {
+               bool transparent, const py::object& progress) -> Bitmap& {
                 Use use(b, true);
+                ProgressScope scope(progress);
                 if (!std::isfinite(degrees) || std::fabs(degrees) > 2e7) throw py::value_error("the angle is not a number of degrees");
                 auto angle = int32_t(std::lround(degrees * 100.0));
                 uint32_t flags = lookup(kInterp, interpolation, "interpolation") | (resize ? ROTATE_RESIZE : 0u) |
@@ -977,13 +1234,14 @@ bm.view()) share the pixels when the storage is one block.)doc");
             },
             py::arg("degrees"), py::arg("resize") = false, py::arg("interpolation") = "nearest",
             py::arg("fill") = py::make_tuple(0, 0, 0), py::arg("transparent") = false,
-            py::return_value_policy::reference,
+            py::arg("progress") = py::none(), py::return_value_policy::reference,
             "Turns the viewed image clockwise by `degrees` (hundredths are kept) about its centre.")
         .def(
             "shear",
             [](Bitmap& b, double degrees, bool vertical, bool resize, const std::string& interpolation,
-               const py::object& fill) -> Bitmap& {
+               const py::object& fill, const py::object& progress) -> Bitmap& {
                 Use use(b, true);
+                ProgressScope scope(progress);
                 if (!std::isfinite(degrees) || std::fabs(degrees) > 2e7) throw py::value_error("the angle is not a number of degrees");
                 auto angle = int32_t(std::lround(degrees * 100.0));
                 uint32_t flags = lookup(kInterp, interpolation, "interpolation") | (resize ? ROTATE_RESIZE : 0u) |
@@ -994,7 +1252,7 @@ bm.view()) share the pixels when the storage is one block.)doc");
             },
             py::arg("degrees"), py::arg("vertical") = false, py::arg("resize") = false,
             py::arg("interpolation") = "nearest", py::arg("fill") = py::make_tuple(0, 0, 0),
-            py::return_value_policy::reference)
+            py::arg("progress") = py::none(), py::return_value_policy::reference)
         .def(
             "change_view_perspective",
             [](Bitmap& b, int32_t vp) -> Bitmap& {
@@ -1047,40 +1305,68 @@ bm.view()) share the pixels when the storage is one block.)doc");
             "combine",
             [](Bitmap& b, Bitmap* s, const std::string& op, int32_t x,
                int32_t y, int32_t srcX, int32_t srcY, std::optional<int32_t> w, std::optional<int32_t> h,
-               const std::string& srcOp, const std::string& dstOp, const std::string& resultOp) -> Bitmap& {
+               const std::string& srcOp, const std::string& dstOp, const std::string& resultOp, const py::object& progress) -> Bitmap& {
                 Use use(b, false, s);
+                ProgressScope scope(progress);
                 uint32_t flags = lookup(kCombineOps, op, "combine operation") |
                                  lookup(kOperand, srcOp, "operand") | lookup(kOperand, dstOp, "operand") << 4 |
                                  lookup(kOperand, resultOp, "operand") << 12;
                 int32_t width = w ? *w : (s ? s->viewWidth() : b.viewWidth());
                 int32_t height = h ? *h : (s ? s->viewHeight() : b.viewHeight());
-                nogil([&] {
-                    return K_CombineBitmapKrn(&b.rec, x, y, width, height, s ? &s->rec : nullptr, srcX, srcY, flags);
-                });
+                // A stopped combine keeps the rows combined so far: with a progress
+                // callable the destination is kept aside and copied back on a stop.
+                std::unique_ptr<Bitmap> kept;
+                if (t_progress && b.allocated()) {
+                    kept = std::make_unique<Bitmap>();
+                    int32_t st;
+                    {
+                        py::gil_scoped_release release;
+                        st = K_CopyBitmap(&kept->rec, &b.rec, BITMAPRECORD_SIZE);
+                    }
+                    check(st);
+                }
+                try {
+                    nogil([&] {
+                        return K_CombineBitmapKrn(&b.rec, x, y, width, height, s ? &s->rec : nullptr, srcX, srcY,
+                                                  flags);
+                    }, false);
+                } catch (py::error_already_set&) {
+                    if (kept) {
+                        py::gil_scoped_release release;
+                        STATUSCALLBACK oldFn = nullptr;
+                        void* oldUser = nullptr;
+                        K_SetStatusCallBack(nullptr, nullptr, &oldFn, &oldUser);
+                        K_CombineBitmapKrn(&b.rec, x, y, width, height, &kept->rec, x, y, CombineAnd | 3u << 4);
+                        K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr);
+                    }
+                    throw;
+                }
                 return b;
             },
             py::arg("src").none(true), py::arg("op") = "and", py::arg("x") = 0, py::arg("y") = 0, py::arg("src_x") = 0,
             py::arg("src_y") = 0, py::arg("width") = py::none(), py::arg("height") = py::none(),
             py::arg("src_op") = "value", py::arg("dst_op") = "value", py::arg("result_op") = "value",
-            py::return_value_policy::reference,
+            py::arg("progress") = py::none(), py::return_value_policy::reference,
             "Combines src's rectangle at (src_x, src_y) into this bitmap at (x, y) with `op`, in place.")
         .def(
             "resize",
-            [](Bitmap& b, int32_t w, int32_t h, const std::string& method, bool premultiply) -> Bitmap& {
+            [](Bitmap& b, int32_t w, int32_t h, const std::string& method, bool premultiply, const py::object& progress) -> Bitmap& {
                 Use use(b, true);
+                ProgressScope scope(progress);
                 uint32_t flags = lookup(kSizeMethods, method, "resize method") | (premultiply ? SIZE_PREMULTIPLY : 0u);
                 int32_t sw = toStoredWidth(b, w, h), sh = toStoredWidth(b, h, w);
                 nogil([&] { return K_SizeBitmap(&b.rec, sw, sh, flags); });
                 return b;
             },
             py::arg("width"), py::arg("height"), py::arg("method") = "nearest", py::arg("premultiply") = false,
-            py::return_value_policy::reference,
+            py::arg("progress") = py::none(), py::return_value_policy::reference,
             "Resizes the viewed image in place: 'nearest', 'resample', 'bicubic', 'lanczos', 'favour_black', "
             "'scale_to_gray'.")
         .def(
             "resample",
-            [](Bitmap& b, int32_t w, int32_t h, const std::string& method, bool premultiply) -> Bitmap& {
+            [](Bitmap& b, int32_t w, int32_t h, const std::string& method, bool premultiply, const py::object& progress) -> Bitmap& {
                 Use use(b, true);
+                ProgressScope scope(progress);
                 uint32_t flags = premultiply ? SIZE_PREMULTIPLY : 0u;
                 int32_t sw = toStoredWidth(b, w, h), sh = toStoredWidth(b, h, w);
                 if (method == "bicubic") {
@@ -1093,7 +1379,7 @@ bm.view()) share the pixels when the storage is one block.)doc");
                 return b;
             },
             py::arg("width"), py::arg("height"), py::arg("method") = "linear", py::arg("premultiply") = false,
-            py::return_value_policy::reference,
+            py::arg("progress") = py::none(), py::return_value_policy::reference,
             "Interpolating resampler: 'linear' (bilinear growth, area-averaging reduction), 'bicubic', 'lanczos'; "
             "palette images become 8-bit grey or 24-bit colour.")
         .def(
@@ -1109,4 +1395,300 @@ bm.view()) share the pixels when the storage is one block.)doc");
             py::arg("low"), py::arg("high"), py::arg("curve") = "linear", py::arg("factor") = 0,
             py::arg("signed") = false, py::arg("invert") = false, py::return_value_policy::reference,
             "Makes a 12/16-bit grey image 8-bit grey: samples low..high spread over 0..255, black below, white above.");
+
+    // ---- frame fields (a bitmap as a frame of an animation, or as its target)
+    cls.def_property(
+           "frame_position", [](const Bitmap& b) { return py::make_tuple(FRAME_LEFT(&b.rec), FRAME_TOP(&b.rec)); },
+           [](Bitmap& b, std::pair<int32_t, int32_t> xy) {
+               Use use(b, false);
+               FRAME_LEFT(&b.rec) = xy.first;
+               FRAME_TOP(&b.rec) = xy.second;
+           },
+           "(left, top) of the frame on the playback target, in the target's viewed image.")
+        .def_property(
+            "frame_delay", [](const Bitmap& b) { return FRAME_DELAY(&b.rec); },
+            [](Bitmap& b, uint32_t ms) {
+                Use use(b, false);
+                FRAME_DELAY(&b.rec) = ms;
+            },
+            "Milliseconds the frame stays before the next one.")
+        .def_property(
+            "frame_disposal", [](const Bitmap& b) { return std::string(nameOf(kDisposal, FRAME_DISPOSAL(&b.rec) == 2 || FRAME_DISPOSAL(&b.rec) == 3 ? FRAME_DISPOSAL(&b.rec) : 0u)); },
+            [](Bitmap& b, const std::string& how) {
+                Use use(b, false);
+                FRAME_DISPOSAL(&b.rec) = lookup(kDisposal, how, "disposal");
+            },
+            "What happens to the frame's rectangle after its delay: 'keep', 'background' (the target's "
+            "background colour) or 'previous' (what was there before the frame).")
+        .def_property(
+            "frame_transparent",
+            [](const Bitmap& b) -> py::object {
+                if (!(b.rec.uFlags & BRF_FRAME_TRANSPARENT)) return py::none();
+                uint32_t c = FRAME_TRANSPARENT_COLOR(&b.rec);
+                return py::make_tuple(c & 0xFF, (c >> 8) & 0xFF, (c >> 16) & 0xFF);
+            },
+            [](Bitmap& b, const py::object& color) {
+                Use use(b, false);
+                if (color.is_none()) {
+                    b.rec.uFlags &= ~BRF_FRAME_TRANSPARENT;
+                    return;
+                }
+                FRAME_TRANSPARENT_COLOR(&b.rec) = toColor(color);
+                b.rec.uFlags |= BRF_FRAME_TRANSPARENT;
+            },
+            "The (r, g, b) colour of the frame that is not drawn, or None.")
+        .def_property(
+            "frame_wait_input", [](const Bitmap& b) { return (b.rec.uFlags & BRF_FRAME_WAITINPUT) != 0; },
+            [](Bitmap& b, bool on) {
+                Use use(b, false);
+                b.rec.uFlags = on ? b.rec.uFlags | BRF_FRAME_WAITINPUT : b.rec.uFlags & ~BRF_FRAME_WAITINPUT;
+            },
+            "The playback waits for cancel_wait() after the frame.")
+        .def_property(
+            "frame_alpha_over", [](const Bitmap& b) { return (b.rec.uFlags & BRF_FRAME_ALPHAOVER) != 0; },
+            [](Bitmap& b, bool on) {
+                Use use(b, false);
+                b.rec.uFlags = on ? b.rec.uFlags | BRF_FRAME_ALPHAOVER : b.rec.uFlags & ~BRF_FRAME_ALPHAOVER;
+            },
+            "The frame is blended over the target by its alpha instead of copied.")
+        .def_property(
+            "background_color",
+            [](const Bitmap& b) {
+                uint32_t c = FRAME_BACKGROUND_COLOR(&b.rec);
+                return py::make_tuple(c & 0xFF, (c >> 8) & 0xFF, (c >> 16) & 0xFF);
+            },
+            [](Bitmap& b, const py::object& color) {
+                Use use(b, false);
+                FRAME_BACKGROUND_COLOR(&b.rec) = toColor(color);
+            },
+            "As a playback target: the (r, g, b) colour of clearing and of 'background' disposal.");
+
+    // ---- bitmap lists
+    py::class_<BitmapList>(m, "BitmapList", R"doc(
+An ordered list of bitmaps owned by the kernel (the frames of an animation).
+
+The list holds its own bitmaps: append/insert/item assignment store a copy of
+the Bitmap given, and list[i] returns a new Bitmap copied from the item, so
+changing what came out changes nothing in the list (assign it back). pop()
+takes an item out without a copy. Slices with step 1 are copied by the kernel
+in one call.)doc")
+        .def(py::init([](const py::iterable& items) {
+                 auto l = std::make_unique<BitmapList>();
+                 for (py::handle it : items) insertCopy(*l, BITMAPLIST_END, it.cast<Bitmap&>());
+                 return l;
+             }),
+             py::arg("bitmaps") = py::tuple())
+        .def("__len__", [](const BitmapList& l) { return l.size(); })
+        .def("__getitem__",
+             [](BitmapList& l, int64_t i) {
+                 ListUse lu(l);
+                 return itemCopy(l, itemIndex(l, i));
+             })
+        .def("__getitem__",
+             [](BitmapList& l, const py::slice& sl) {
+                 ListUse lu(l);
+                 size_t start = 0, stop = 0, step = 0, n = 0;
+                 if (!sl.compute(l.size(), &start, &stop, &step, &n)) throw py::error_already_set();
+                 auto out = std::make_unique<BitmapList>();
+                 if (n == 0) return out;
+                 if (step == 1) {
+                     HBITMAPLIST copy = nullptr;
+                     nogil([&] { return K_CopyBitmapListItems(&copy, l.h, uint32_t(start), uint32_t(n)); });
+                     K_DestroyBitmapList(out->h);
+                     out->h = copy;
+                     for (uint32_t k = 0; k < uint32_t(n); ++k) {  // the frame fields, item by item
+                         BITMAPRECORD from{}, to{};
+                         from.uStructSize = to.uStructSize = BITMAPRECORD_SIZE;
+                         check(K_GetBitmapListItem(l.h, uint32_t(start) + k, &from, BITMAPRECORD_SIZE));
+                         check(K_GetBitmapListItem(copy, k, &to, BITMAPRECORD_SIZE));
+                         carryFrame(to, from);
+                         check(K_SetBitmapListItem(copy, k, &to));  // the same storage: nothing to free
+                     }
+                     return out;
+                 }
+                 for (size_t k = 0; k < n; ++k) {
+                     auto b = itemCopy(l, uint32_t(start + k * step));
+                     insertCopy(*out, BITMAPLIST_END, *b);
+                 }
+                 return out;
+             })
+        .def("__setitem__",
+             [](BitmapList& l, int64_t i, Bitmap& b) {
+                 ListUse lu(l);
+                 uint32_t idx = itemIndex(l, i);
+                 Use use(b, false);
+                 BITMAPRECORD r = copyRecord(b);
+                 int32_t st = K_ReplaceBitmapListItem(l.h, idx, &r, nullptr, BITMAPRECORD_SIZE);  // frees the old item
+                 if (st < 0) K_FreeBitmap(&r);
+                 check(st);
+             })
+        .def("__delitem__",
+             [](BitmapList& l, int64_t i) {
+                 ListUse lu(l);
+                 check(K_DeleteBitmapListItems(l.h, itemIndex(l, i), 1));
+             })
+        .def("__delitem__",
+             [](BitmapList& l, const py::slice& sl) {
+                 ListUse lu(l);
+                 size_t start = 0, stop = 0, step = 0, n = 0;
+                 if (!sl.compute(l.size(), &start, &stop, &step, &n)) throw py::error_already_set();
+                 if (n == 0) return;
+                 if (step == 1) {
+                     check(K_DeleteBitmapListItems(l.h, uint32_t(start), uint32_t(n)));
+                     return;
+                 }
+                 std::vector<uint32_t> at(n);
+                 for (size_t k = 0; k < n; ++k) at[k] = uint32_t(py::ssize_t(start) + py::ssize_t(k) * py::ssize_t(step));
+                 std::sort(at.begin(), at.end());
+                 for (size_t k = n; k-- > 0;)  // from the highest index down, so the others stay put
+                     check(K_DeleteBitmapListItems(l.h, at[k], 1));
+             })
+        .def(
+            "append",
+            [](BitmapList& l, Bitmap& b) -> BitmapList& {
+                ListUse lu(l);
+                insertCopy(l, BITMAPLIST_END, b);
+                return l;
+            },
+            py::arg("bitmap"), py::return_value_policy::reference, "Appends a copy of the bitmap.")
+        .def(
+            "insert",
+            [](BitmapList& l, int64_t i, Bitmap& b) -> BitmapList& {
+                ListUse lu(l);
+                int64_t n = l.size();
+                if (i < 0) i = std::max<int64_t>(i + n, 0);
+                insertCopy(l, uint32_t(std::min(i, n)), b);
+                return l;
+            },
+            py::arg("index"), py::arg("bitmap"), py::return_value_policy::reference,
+            "Inserts a copy of the bitmap before index (Python's list rules for the index).")
+        .def(
+            "pop",
+            [](BitmapList& l, int64_t i) {
+                ListUse lu(l);
+                uint32_t idx = itemIndex(l, i);
+                auto out = std::make_unique<Bitmap>();
+                check(K_RemoveBitmapListItem(l.h, idx, &out->rec));  // the item's storage is now out's
+                return out;
+            },
+            py::arg("index") = -1, "Takes the item out of the list (its own pixels, no copy).")
+        .def("clear",
+             [](BitmapList& l) {
+                 ListUse lu(l);
+                 uint32_t n = l.size();
+                 if (n) check(K_DeleteBitmapListItems(l.h, 0, n));
+             })
+        .def(
+            "optimized_palette",
+            [](BitmapList& l, int32_t colors, const py::object& reserved, bool fast) {
+                ListUse lu(l);
+                Palette pal(256);
+                int32_t nReserved = 0;
+                if (!reserved.is_none()) {
+                    Palette res = toPalette(reserved);
+                    nReserved = int32_t(res.size());
+                    for (size_t i = 0; i < res.size(); ++i) pal[i] = res[i];
+                }
+                int32_t used = 0;
+                nogil([&] {
+                    return K_CreateBitmapListOptPal(l.h, pal.data(), colors, nReserved, fast ? OPTPAL_FAST : 0u, &used);
+                });
+                return fromPalette(pal.data(), used);
+            },
+            py::arg("colors") = 256, py::arg("reserved") = py::none(), py::arg("fast") = false,
+            "One palette of up to `colors` entries for all the bitmaps together (each counts by its area).")
+        .def("__repr__", [](const BitmapList& l) { return "<ombrix.BitmapList of " + std::to_string(l.size()) + ">"; });
+
+    // ---- playback
+    g_frameType = py::module_::import("collections").attr("namedtuple")("Frame", "index rect delay wait_input");
+    m.attr("Frame") = g_frameType;
+    py::class_<FrameIter>(m, "_FrameIterator")
+        .def("__iter__", [](py::object self) { return self; })
+        .def("__next__", &FrameIter::next);
+    py::class_<Playback>(m, "Playback", R"doc(
+Plays a BitmapList onto a target Bitmap, one step at a time, on the calling thread.
+
+for frame in Playback(target, frames).frames(): repaint frame.rect of target,
+then wait frame.delay milliseconds (or pass realtime=True). Each Frame is
+(index, rect, delay, wait_input); rect (x, y, width, height, None when nothing
+changed) is the part of the target that changed since the previous frame.)doc")
+        .def(py::init([](py::object target, py::object frames) {
+                 auto p = std::make_unique<Playback>();
+                 if (frames.is_none()) frames = py::cast(std::make_unique<BitmapList>());
+                 p->target = &target.cast<Bitmap&>();
+                 p->list = &frames.cast<BitmapList&>();
+                 needAllocated(*p->target);
+                 p->targetObj = target;
+                 p->listObj = frames;
+                 check(K_CreatePlayback(&p->h, &p->target->rec, p->list->h));
+                 return p;
+             }),
+             py::arg("target"), py::arg("frames") = py::none())
+        .def_property_readonly("target", [](const Playback& p) { return p.targetObj; })
+        .def_property_readonly("frames_list", [](const Playback& p) { return p.listObj; })
+        .def("step", [](Playback& p) { return std::string(nameOf(kStates, p.step())); },
+             "One transition; returns the new state's name.")
+        .def_property_readonly("state", [](const Playback& p) { return std::string(nameOf(kStates, p.state())); })
+        .def_property_readonly("index",
+                               [](const Playback& p) {
+                                   int32_t i = 0;
+                                   check(K_GetPlaybackIndex(p.h, &i));
+                                   return i;
+                               })
+        .def_property_readonly(
+            "delay",
+            [](const Playback& p) {
+                uint32_t ms = 0;
+                check(K_GetPlaybackDelay(p.h, &ms));
+                return ms;
+            },
+            "Milliseconds still to wait in a waiting state, else 0.")
+        .def_property_readonly("update_rect", [](const Playback& p) { return p.updateRect(false); },
+                               "(x, y, width, height) of the target changed since last taken, or None.")
+        .def("take_update_rect", [](const Playback& p) { return p.updateRect(true); },
+             "The update rectangle, which then starts empty again.")
+        .def("cancel_wait", [](const Playback& p) { check(K_CancelPlaybackWait(p.h)); })
+        .def(
+            "seek",
+            [](Playback& p, int32_t index) {
+                Use use(*p.target, false);
+                ListUse lu(*p.list);
+                nogil([&] { return K_SetPlaybackIndex(p.h, index); });
+            },
+            py::arg("index"), "Moves to frame index (-1..count), drawing what lies between.")
+        .def(
+            "frames",
+            [](py::object self, bool loop, bool realtime) {
+                return FrameIter{self, &self.cast<Playback&>(), loop, realtime};
+            },
+            py::arg("loop") = false, py::arg("realtime") = false,
+            "Iterates over the drawn frames: each step yields after a frame was drawn; waits are cancelled "
+            "when the next frame is asked for (realtime=True sleeps out the delay first). Ends after the last "
+            "frame unless loop=True.");
+
+    // ---- progress
+    struct ProgressContext {
+        py::object fn;
+        PyObject* outer = nullptr;
+    };
+    py::class_<ProgressContext>(m, "_ProgressContext")
+        .def("__enter__",
+             [](ProgressContext& c) {
+                 c.outer = t_progress;
+                 t_progress = c.fn.ptr();
+             })
+        .def("__exit__", [](ProgressContext& c, py::args) {
+            t_progress = c.outer;
+            return false;
+        });
+    m.def(
+        "progress",
+        [](const py::object& fn) {
+            if (!PyCallable_Check(fn.ptr())) throw py::type_error("progress takes a callable");
+            return ProgressContext{fn, nullptr};
+        },
+        py::arg("callback"),
+        "with ombrix.progress(callback): every long kernel call of this thread reports whole percentages to "
+        "callback(percent); False or an exception stops the call.");
+    g_mainThread = PyThread_get_thread_ident();
 }

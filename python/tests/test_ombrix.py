@@ -221,3 +221,184 @@ def test_long_calls_release_the_gil():
     done.set()
     t.join()
     assert seen
+
+
+# ---------------------------------------------------------------- bitmap lists
+def _frame(h, w, seed, pos=(0, 0), delay=0, disposal="keep", transparent=None):
+    b = ombrix.Bitmap(np.random.default_rng(seed).integers(0, 256, (h, w, 3), dtype=np.uint8))
+    b.frame_position, b.frame_delay, b.frame_disposal, b.frame_transparent = pos, delay, disposal, transparent
+    return b
+
+
+LIST_OPS = [  # applied alike to a BitmapList and to a Python list of arrays
+    lambda L, B: L.append(B[5]),
+    lambda L, B: L.insert(0, B[6]),
+    lambda L, B: L.insert(-2, B[7]),
+    lambda L, B: L.insert(99, B[8]),
+    lambda L, B: L.__setitem__(-1, B[9]),
+    lambda L, B: L.__delitem__(1),
+    lambda L, B: L.__delitem__(slice(None, None, -3)),
+    lambda L, B: L.__delitem__(slice(1, 3)),
+    lambda L, B: L.pop(0),
+]
+
+
+def test_list_follows_a_python_list_model():
+    bms = [_frame(3 + i % 4, 2 + i % 3, i, pos=(i, -i), delay=10 * i) for i in range(10)]
+    lst, model = ombrix.BitmapList(bms[:5]), [b.to_numpy() for b in bms[:5]]
+    for op in LIST_OPS:
+        op(lst, bms), op(model, [b.to_numpy() for b in bms])
+        assert [lst[i].to_numpy().tolist() for i in range(len(lst))] == [m.tolist() for m in model]
+    lst = ombrix.BitmapList(bms)
+    for sl in [slice(1, 4), slice(None, None, 2), slice(None, None, -1), slice(5, 2), slice(-3, None)]:
+        got = lst[sl]
+        assert [(b.to_numpy().tolist(), b.frame_position, b.frame_delay) for b in got] == \
+               [(b.to_numpy().tolist(), b.frame_position, b.frame_delay) for b in bms[sl]]
+    # the list holds copies: neither the original nor an item taken out reaches into it
+    bms[0].fill((1, 2, 3))
+    lst[0].fill((4, 5, 6))
+    assert np.array_equal(lst[0].to_numpy(), _frame(3, 2, 0).to_numpy())
+    assert np.array_equal(lst.pop().to_numpy(), bms[9].to_numpy()) and len(lst) == 9
+    for bad in (9, -10):
+        with pytest.raises(IndexError):
+            lst[bad]
+    assert len(lst) == 9
+
+
+def test_list_palette_takes_the_colours_of_all_frames():
+    colours = np.array([[255, 0, 0], [0, 255, 0], [0, 0, 255], [10, 20, 30], [200, 100, 50]], np.uint8)
+    frames = [ombrix.Bitmap(np.repeat(colours[idx][None], 2, 0)) for idx in ([0, 1], [2, 2, 3], [4])]
+    pal = ombrix.BitmapList(frames).optimized_palette(8)
+    assert sorted(map(tuple, pal.tolist())) == sorted(map(tuple, colours.tolist()))
+    with pytest.raises(ombrix.InvalidBitmapError):
+        ombrix.BitmapList().optimized_palette(8)
+
+
+# ---------------------------------------------------------------- playback
+def test_playback_against_a_numpy_composition():
+    bg = (9, 8, 7)
+    frames = [_frame(3, 4, 1, (1, 1), 20, "keep"), _frame(3, 3, 2, (6, 4), 0, "background"),
+              _frame(2, 5, 3, (2, 5), 5, "previous"), _frame(3, 3, 4, (8, 6), 0, "keep")]
+    key = tuple(int(c) for c in frames[2].to_numpy()[0, 1])
+    frames[2].frame_transparent = key
+    target = ombrix.Bitmap.new(10, 8, 24)
+    target.background_color = bg
+    canvas = np.empty((8, 10, 3), np.uint8)
+    canvas[:] = bg
+    update, saved, got = (0, 0, 10, 8), None, []
+    for k, f in enumerate(ombrix.Playback(target, ombrix.BitmapList(frames)).frames()):
+        fr = frames[k]
+        (x, y), a = fr.frame_position, fr.to_numpy()
+        w, h = min(a.shape[1], 10 - x), min(a.shape[0], 8 - y)
+        saved = canvas.copy()
+        keep = np.ones(a.shape[:2], bool) if fr.frame_transparent is None else (a != key).any(axis=2)
+        region = canvas[y:y + h, x:x + w]
+        region[keep[:h, :w]] = a[:h, :w][keep[:h, :w]]
+        update = _union(update, (x, y, w, h))
+        assert (f.index, f.rect, f.delay) == (k, update, fr.frame_delay)
+        assert np.array_equal(target.to_numpy(), canvas), k
+        if fr.frame_disposal == "background":
+            canvas[y:y + h, x:x + w] = bg
+        elif fr.frame_disposal == "previous":
+            canvas = saved
+        update = (x, y, w, h) if fr.frame_disposal != "keep" else None
+        got.append(k)
+    assert got == [0, 1, 2, 3]
+    pb = ombrix.Playback(target, ombrix.BitmapList(frames[:2]))
+    assert [f.index for f in __import__("itertools").islice(pb.frames(loop=True), 5)] == [0, 1, 0, 1, 0]
+    t0 = time.monotonic()
+    assert len(list(ombrix.Playback(target, ombrix.BitmapList(frames[:2])).frames(realtime=True))) == 2
+    assert time.monotonic() - t0 >= 0.02  # the first frame's delay was slept out
+
+
+def _union(a, b):
+    if a is None:
+        return b
+    x0, y0 = min(a[0], b[0]), min(a[1], b[1])
+    return (x0, y0, max(a[0] + a[2], b[0] + b[2]) - x0, max(a[1] + a[3], b[1] + b[3]) - y0)
+
+
+# ---------------------------------------------------------------- progress
+BIG = rand((240, 320, 3))
+LONG_CALLS = {
+    "resize": lambda b, p: b.resize(500, 400, "bicubic", progress=p),
+    "rotate": lambda b, p: b.rotate(30, resize=True, interpolation="bilinear", progress=p),
+    "convert": lambda b, p: b.convert(8, palette="optimized", dither="floyd_steinberg", progress=p),
+    "dither": lambda b, p: b.dither(np.array([[0, 0, 0], [255, 255, 255], [255, 0, 0]], np.uint8), progress=p),
+    "combine": lambda b, p: b.combine(ombrix.Bitmap(BIG[::-1].copy()), "add", progress=p),
+    "context": lambda b, p: _in_context(p, lambda: b.resample(400, 300, "lanczos")),
+}
+
+
+def _in_context(p, call):
+    with ombrix.progress(p):
+        return call()
+
+
+class Boom(Exception):
+    pass
+
+
+@pytest.mark.parametrize("name", LONG_CALLS)
+@pytest.mark.parametrize("stop", ["false", "raise", "sigint", None])
+def test_progress_reports_and_stops_cleanly(name, stop):
+    import signal
+    bm = ombrix.Bitmap(BIG)
+    seen = []
+
+    def progress(pct):
+        seen.append(pct)
+        if pct < 50 or stop is None:
+            return True
+        if stop == "raise":
+            raise Boom(pct)
+        if stop == "sigint":
+            signal.raise_signal(signal.SIGINT)
+        return False
+    expected = {"false": ombrix.UserAbortError, "raise": Boom, "sigint": KeyboardInterrupt}.get(stop)
+    if expected:
+        with pytest.raises(expected):
+            LONG_CALLS[name](bm, progress)
+        assert np.array_equal(bm.to_numpy(), BIG) and bm.bits_per_pixel == 24
+        assert seen[-1] >= 50 and all(p < 50 for p in seen[:-1])
+    else:
+        LONG_CALLS[name](bm, progress)
+        assert seen[0] == 0 and seen[-1] == 100
+    assert seen == sorted(set(seen)), "percentages rise"
+    calls = len(seen)
+    bm.flip().resize(64, 48, "bicubic")  # no callback left behind for this thread's later calls
+    assert len(seen) == calls
+
+
+def test_playback_steps_through_the_documented_states():
+    frames = ombrix.BitmapList([_frame(2, 2, 5, (0, 0), 0), _frame(2, 2, 6, (1, 1), 0), _frame(2, 2, 7, (2, 2), 60000)])
+    second = frames[1]
+    second.frame_wait_input = True
+    frames[1] = second
+    pb = ombrix.Playback(ombrix.Bitmap.new(4, 4, 24), frames)
+    assert (pb.state, pb.index) == ("clear", -1)
+    expected = [("next", -1), ("draw", 0), ("delay", 0), ("dispose", 0), ("next_frame", 0), ("draw", 1),
+                ("delay", 1), ("wait_input", 1), ("wait_input", 1), "cancel", ("next_frame", 1), ("draw", 2),
+                ("delay", 2), ("wait_delay", 2), ("wait_delay", 2)]
+    for want in expected:
+        if want == "cancel":
+            assert pb.state == "wait_input"
+            pb.cancel_wait()
+            assert pb.state == "dispose"
+            continue
+        assert (pb.step(), pb.index) == want
+    assert 0 < pb.delay <= 60000
+    pb.seek(1)
+    assert (pb.index, pb.state) == (1, "draw")  # at frame 1, not yet drawn
+    assert [(f.index, f.wait_input) for f in pb.frames()] == [(1, True), (2, False)]
+    with pytest.raises(ombrix.InvalidParameterError):
+        pb.seek(4)
+
+
+def test_progress_callback_cannot_touch_the_busy_bitmap():
+    bm = ombrix.Bitmap(BIG)
+    with pytest.raises(RuntimeError):
+        bm.resize(300, 200, "bicubic", progress=lambda pct: bm.fill((1, 2, 3)))
+    assert np.array_equal(bm.to_numpy(), BIG)
+    with pytest.raises(TypeError):
+        ombrix.progress(42)
