@@ -322,46 +322,6 @@ TEST(RegionsEngine, OffsetSetRectRgnAndPlacementWords) {
     for (HRGN x : {other, h}) DeleteObject(x);
 }
 
-// Clip (runs found by halving, end runs cut), scale by a ratio and the
-// mirrors and transpose, against the mask, on API and banded shapes.
-TEST(RegionsEngine, KernelOperationsClipScaleMirror) {
-    std::mt19937 rng(4242);
-    auto fdiv = [](int a, int b) { return a >= 0 ? a / b : -((-a + b - 1) / b); };
-    auto at = [](OrvaRgn* r, int x, int y) { return K_IsPtInOrvaRgn(r, x, y, nullptr, nullptr); };
-    for (int iter = 0; iter < 300; ++iter) {
-        Shape s = iter % 2 ? apiShape(rng) : bandedShape(rng);
-        OrvaRgn *r = nullptr, *sc = nullptr, *m = nullptr;
-        const RECT clip = randomRect(rng);
-        ASSERT_TRUE(K_ConvertHandleToRgn(s.h, &r) == KS_SUCCESS && K_ClipOrvaRgnRect(r, &clip) == KS_SUCCESS);
-        ASSERT_TRUE(krn::rgn::valid(r));
-        const bool some = clip.left < clip.right && clip.top < clip.bottom;
-        const Mask want = some ? s.m.combine(rgntest::rectMask(kWin, clip), 0) : kWin.blank();
-        for (int y = kWin.y0 + iter % 3; y < kWin.y0 + kWin.h; y += 3)
-            for (int x = kWin.x0; x < kWin.x0 + kWin.w; ++x)
-                ASSERT_EQ(at(r, x, y), int(want.get(x, y))) << iter << " " << x << "," << y;
-        if (iter % 10 == 0) {
-            // Scale: pixel (X, Y) in when (floor(X*d/n), floor(Y*d/n)) was.
-            const int xn = in(rng, 1, 5), xd = in(rng, 1, 5), yn = in(rng, 1, 5), yd = in(rng, 1, 5);
-            ASSERT_TRUE(K_CopyOrvaRgn(&sc, r) == KS_SUCCESS && K_ScaleOrvaRgn(sc, xn, xd, yn, yd) == KS_SUCCESS);
-            ASSERT_TRUE(krn::rgn::valid(sc));
-            for (int y = -200; y < 1000; ++y)
-                for (int x = -200; x < 1000; x += 3)
-                    ASSERT_EQ(at(sc, x, y), int(want.get(fdiv(x * xd, xn), fdiv(y * yd, yn))))
-                        << x << "," << y << " scale " << xn << "/" << xd << " " << yn << "/" << yd;
-            EXPECT_EQ(K_ScaleOrvaRgn(sc, 1, 0, 1, 1), KS_INVALID_PARAMETER);
-            // m(x, y) = r after flip, reverse, transpose: source pixel (89 - y, 99 - x)
-            ASSERT_TRUE(K_CopyOrvaRgn(&m, r) == KS_SUCCESS && krn::rgn::flipRows(m, 100) == KS_SUCCESS);
-            ASSERT_TRUE(krn::rgn::reverseCols(m, 90) == KS_SUCCESS && krn::rgn::transpose(m) == KS_SUCCESS);
-            ASSERT_TRUE(krn::rgn::valid(m));
-            for (int y = -200; y < 300; ++y)
-                for (int x = -200; x < 300; ++x)
-                    ASSERT_EQ(at(m, x, y), int(want.get(89 - y, 99 - x))) << x << "," << y;
-            K_DeleteOrvaRgn(m), K_DeleteOrvaRgn(sc);
-        }
-        K_DeleteOrvaRgn(r), DeleteObject(s.h);
-    }
-}
-
 // A null destination receives a new region; an existing one is replaced in place (its blocks and placement
 // words kept), also when it is a source; the point test reports the run it hits, -1 / -1 outside. Memory:
 // 8 bytes per row (empty rows inside the region included, not exported) plus 8 per run.
