@@ -1,5 +1,5 @@
-// Paint intensity, contrast and gamma: every entry of both paint tables
-// against the formulas in double precision, the table flag, failures.
+// Paint intensity, contrast and gamma: every entry of both paint tables against the formulas in double precision, the
+// table flag, failures.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -14,8 +14,8 @@ namespace {
 // Win32 MulDiv by double rounding (half away from zero).
 long mulDivRef(long a, long b, long c) { return std::lround(double(a) * double(b) / double(c)); }
 
-// The paint table of a given scale: 1 (8-bit, 256 entries) or 257 (16-bit);
-// `differs` tells whether any entry is not its own index.
+// The paint table of a given scale: 1 (8-bit, 256 entries) or 257 (16-bit); `differs` tells whether any entry is not
+// its own index.
 std::vector<long> paintRef(int intensity, int contrast, int gamma, long scale, bool* differs) {
     const long n = scale == 1 ? 256 : 65536, top = n - 1;
     std::vector<long> t(static_cast<size_t>(n));
@@ -62,9 +62,8 @@ struct Bitmap {
     bool flag() const { return (bm.uFlags & BRF_PAINT_TABLE) != 0; }
 };
 
-// The three setters in a changing order (the tables depend only on the final
-// values); the flag is cleared only by a rebuild with a contrast other than 0
-// and set when an entry differs.
+// The three setters in a changing order (the tables depend only on the final values); the flag is cleared only by a
+// rebuild with a contrast other than 0 and set when an entry differs.
 TEST(DisplayPaint, EveryEntryOverAGridOfValues) {
     Bitmap grey16(16, ORDER_GRAY), colour8(8, ORDER_RGB);
     bool flag16 = false, flag8 = false;
@@ -126,8 +125,8 @@ TEST(DisplayPaint, RangesFrameAndTheFlag) {
         IS(K_GetPaintTable(nullptr, t), P), IS(K_GetPaintTable(r, nullptr), P), IS(K_SetPaintContrast(&bad, 5), S),
         IS(K_GetPaintContrast(&bad), S), IS(K_GetPaintTable(&bad, t), S), IS(K_SetPaintGamma(&empty, 150), B),
         IS(K_GetPaintGamma(&empty), 100)});  // a getter needs no storage
-    // The same value again does no work: a rebuild would set the cleared flag again. Back to the identity with
-    // contrast 0: the flag stays; a non-zero contrast clears it first.
+    // The same value again does no work: a rebuild would set the cleared flag again. Back to the identity with contrast
+    // 0: the flag stays; a non-zero contrast clears it first.
     EXPECT_TRUE(K_SetPaintIntensity(q, 300) == OK && c.flag());
     c.bm.uFlags &= ~BRF_PAINT_TABLE;
     bool d1 = false;
@@ -140,8 +139,8 @@ TEST(DisplayPaint, RangesFrameAndTheFlag) {
     EXPECT_TRUE(K_SetPaintGamma(&fresh.bm, 100) == OK && krn::faultinject::liveBlocks() == before && !fresh.flag());
 }
 
-// Every allocation failure leaves the value, the tables and the flags alone
-// and leaks nothing; freeing the bitmap frees the tables.
+// Every allocation failure leaves the value, the tables and the flags alone and leaks nothing; freeing the bitmap frees
+// the tables.
 TEST(DisplayPaint, AllocationFailuresChangeNothing) {
     { Bitmap warm(8, ORDER_RGB); }  // per-thread settings exist before counting
     const long base = krn::faultinject::liveBlocks();

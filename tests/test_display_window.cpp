@@ -1,5 +1,5 @@
-// Window-level tables against the curves in double precision; windows applied
-// to 12- and 16-bit grey bitmaps (every kind, kernel, sample) against arithmetic.
+// Window-level tables against the curves in double precision; windows applied to 12- and 16-bit grey bitmaps (every
+// kind, kernel, sample) against arithmetic.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -126,9 +126,8 @@ TEST(DisplayWindowTable, EveryEntryOverCurvesModesAndSignedTables) {
         }
 }
 
-// Refused arguments (the table untouched): mode 3, bad curve and sign nibbles, no curve, log with a negative
-// factor, low > high, bits and range reversed, null tables, a start or end beyond the channel. Huge factors
-// saturate.
+// Refused arguments (the table untouched): mode 3, bad curve and sign nibbles, no curve, log with a negative factor,
+// low > high, bits and range reversed, null tables, a start or end beyond the channel. Huge factors saturate.
 TEST(DisplayWindowTable, RefusalsAndSaturation) {
     std::vector<RGBQUAD> lut(16, RGBQUAD{1, 2, 3, 4});
     const std::vector<RGBQUAD> keep = lut;
@@ -159,8 +158,8 @@ TEST(DisplayWindowTable, RefusalsAndSaturation) {
 // ---------------------------------------------------------------- applying a window
 
 struct Window { int32_t lowBit, highBit, low, high; uint32_t flags; };
-// The 8-bit output for a raw pixel by index arithmetic: the sample bits (signed
-// when asked), black below the window and white above, the line inside.
+// The 8-bit output for a raw pixel by index arithmetic: the sample bits (signed when asked), black below the window and
+// white above, the line inside.
 long levelRef(uint64_t raw, const Window& w) {
     const int bits = w.highBit - w.lowBit + 1;
     long s = long(raw >> w.lowBit) & ((1L << bits) - 1);
@@ -182,8 +181,7 @@ std::vector<uint64_t> pixels(BITMAPRECORD* bm, const std::vector<uint64_t>* v = 
     }
     return px;
 }
-// A grey bitmap in one block (view perspective vp) holding the samples v, or
-// random samples (v empty, rng given).
+// A grey bitmap in one block (view perspective vp) holding the samples v, or random samples (v empty, rng given).
 BITMAPRECORD greyBitmap(int32_t w, int32_t h, int32_t bpp, std::vector<uint64_t> v, std::mt19937* rng = nullptr,
                         int32_t vp = 1) {
     BITMAPRECORD bm;
@@ -193,9 +191,8 @@ BITMAPRECORD greyBitmap(int32_t w, int32_t h, int32_t bpp, std::vector<uint64_t>
     return bm;
 }
 
-// Applies the window with the row kernels asked for (0 automatic, 1 plain, 2
-// computed line, 3 gathers, 4 the 16-bit-lane line) and compares every pixel
-// with the arithmetic.
+// Applies the window with the row kernels asked for (0 automatic, 1 plain, 2 computed line, 3 gathers, 4 the
+// 16-bit-lane line) and compares every pixel with the arithmetic.
 void checkLevel(BITMAPRECORD* src, const Window& w, std::initializer_list<int> modes = {0, 1, 2, 3}) {
     src->nLowBit = w.lowBit, src->nHighBit = w.highBit;
     const std::vector<uint64_t> raw = pixels(src);
@@ -255,9 +252,9 @@ TEST(DisplayWindowLevel, EveryStorageKindAgainstPixelArithmetic) {
         }
 }
 
-// Every sample value through windows that put the line's float estimate next to whole numbers, the 16-bit-lane
-// line at the edges of the windows it takes (the narrowest, 256, and widest, 65535, ending past the sample
-// range, inverted, bit fields), and widths that leave every tail length.
+// Every sample value through windows that put the line's float estimate next to whole numbers, the 16-bit-lane line at
+// the edges of the windows it takes (the narrowest, 256, and widest, 65535, ending past the sample range, inverted, bit
+// fields), and widths that leave every tail length.
 TEST(DisplayWindowLevel, EverySampleEveryKernel) {
     for (int32_t bpp : {16, 12}) {
         const int32_t top = (1 << bpp) - 1, w = bpp == 16 ? 256 : 64, b = bpp - 1;
@@ -287,8 +284,8 @@ TEST(DisplayWindowLevel, EverySampleEveryKernel) {
         }
 }
 
-// The curves on an image large enough for the parallel row helper to split it
-// into bands, against the tables; the plain kernels give the same bytes.
+// The curves on an image large enough for the parallel row helper to split it into bands, against the tables; the plain
+// kernels give the same bytes.
 TEST(DisplayWindowLevel, CurvesMatchTheTables) {
     std::mt19937 rng(5);
     BITMAPRECORD src = greyBitmap(700, 300, 16, {}, &rng), out;

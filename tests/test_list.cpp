@@ -1,5 +1,5 @@
-// Bitmap lists against a model (a vector of tags) driven by random sequences,
-// the edges the sequences miss, every failure rule and allocation failures.
+// Bitmap lists against a model (a vector of tags) driven by random sequences, the edges the sequences miss, every
+// failure rule and allocation failures.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -138,10 +138,9 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
-// What the random sequences do not reach: a 176-byte get frees the item's
-// block past the older layout and writes nothing past it, a 216-byte get keeps
-// it; set with null leaves an empty current-layout item without freeing the
-// old bitmap; a replace into a 176-byte record writes as many bytes as asked.
+// What the random sequences do not reach: a 176-byte get frees the item's block past the older layout and writes
+// nothing past it, a 216-byte get keeps it; set with null leaves an empty current-layout item without freeing the old
+// bitmap; a replace into a 176-byte record writes as many bytes as asked.
 TEST(ListEdges, TheCasesOfEachCall) {
     Warm warm;
     const long base = krn::faultinject::liveBlocks();
@@ -221,8 +220,8 @@ TEST(ListFailures, EachRuleLeavesTheListAlone) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), base);
 }
 
-// Every allocation of list growth, creation, move and copy fails in turn:
-// -1 comes back, the list and the caller's record are as they were, nothing leaks.
+// Every allocation of list growth, creation, move and copy fails in turn: -1 comes back, the list and the caller's
+// record are as they were, nothing leaks.
 TEST(ListFailures, AllocationFailuresThroughGrowth) {
     Warm warm;
     const long base = krn::faultinject::liveBlocks();
@@ -243,8 +242,7 @@ TEST(ListFailures, AllocationFailuresThroughGrowth) {
         model.insert(model.begin() + std::min<size_t>(size_t(t % 3), model.size()), t);
         EXPECT_EQ(tagsOf(h), model);
     }
-    // Move and copy: each allocation they make fails once; a failed copy
-    // destroys the half-made list.
+    // Move and copy: each allocation they make fails once; a failed copy destroys the half-made list.
     for (bool move : {true, false}) {
         const int failures = tkit::allocationWalk([&](tkit::Armed& armed) {
             HBITMAPLIST m = nullptr;

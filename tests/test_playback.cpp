@@ -1,6 +1,5 @@
-// Animation playback with the time injected: the state machine as a model of
-// its transitions stepped beside the library, and a composition oracle drawing
-// frames pixel by pixel on targets of every depth and perspective.
+// Animation playback with the time injected: the state machine as a model of its transitions stepped beside the
+// library, and a composition oracle drawing frames pixel by pixel on targets of every depth and perspective.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -282,9 +281,8 @@ TEST(PlaybackFailures, HandlesArgumentsAndMemory) {
     K_FreeBitmap(&target);
 }
 
-// A disposal-3 frame wholly outside the target after one inside it: the first
-// restores what it covered and lets its saved area go; the second saves and
-// restores nothing, so its disposal marks nothing for update.
+// A disposal-3 frame wholly outside the target after one inside it: the first restores what it covered and lets its
+// saved area go; the second saves and restores nothing, so its disposal marks nothing for update.
 TEST(PlaybackFailures, SavedAreaGoesWithItsDisposal) {
     ClockGuard clock;
     BITMAPRECORD target = viewBitmap(kBgr24, 8, 8, TOP_LEFT);
@@ -428,9 +426,8 @@ TEST(PlaybackCombine, ComposesLikeThePixelOracle) {
     EXPECT_TRUE(shown > 1000 && hidden > 300) << shown << " " << hidden;
 }
 
-// Allocation failures while a frame is drawn (transparent colour, frame and
-// target regions, a turned frame on a bottom-left target): the playback goes
-// on (the step answers 1), the target keeps every pixel or takes the whole
+// Allocation failures while a frame is drawn (transparent colour, frame and target regions, a turned frame on a
+// bottom-left target): the playback goes on (the step answers 1), the target keeps every pixel or takes the whole
 // frame, the frame's region comes back and nothing leaks.
 TEST(PlaybackCombine, DrawingSurvivesEveryAllocationFailure) {
     ClockGuard clock;
@@ -475,9 +472,8 @@ TEST(PlaybackCombine, DrawingSurvivesEveryAllocationFailure) {
     K_DestroyPlayback(pb), K_DestroyBitmapList(list), K_FreeBitmap(&target);
 }
 
-// The transparent colour's region that drawing builds itself (8, 24 and 32
-// bits in memory, AVX2 and plain) holds exactly the pixels of the region
-// family's colour builder, for widths that leave every tail length.
+// The transparent colour's region that drawing builds itself (8, 24 and 32 bits in memory, AVX2 and plain) holds
+// exactly the pixels of the region family's colour builder, for widths that leave every tail length.
 TEST(PlaybackCombine, KeyRegionMatchesTheColourBuilder) {
     std::mt19937 rng(5);
     for (int32_t bpp : {8, 24, 32})

@@ -1,7 +1,6 @@
-// test_regions.cpp - the region engine and its Win32-style API against the boolean-mask model: random
-// rectangles, polygons, ellipses, rectangle sets, banded shapes and long banded rows combined by every mode
-// (also in place and at the ends of the 32-bit range); data round trips; kernel operations; bad handles;
-// allocation failures.
+// test_regions.cpp - the region engine and its Win32-style API against the boolean-mask model: random rectangles,
+// polygons, ellipses, rectangle sets, banded shapes and long banded rows combined by every mode (also in place and at
+// the ends of the 32-bit range); data round trips; kernel operations; bad handles; allocation failures.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -38,8 +37,8 @@ Mask maskOf(HRGN h, const Mask& win = kWin) {
     return m;
 }
 
-// A rectangle, an ellipse (its mask read back: checked against its equation below) or a polygon of several
-// figures in either fill mode, some points on a coarse grid, half of them with the figures apart vertically.
+// A rectangle, an ellipse (its mask read back: checked against its equation below) or a polygon of several figures in
+// either fill mode, some points on a coarse grid, half of them with the figures apart vertically.
 Shape apiShape(std::mt19937& rng) {
     const int kind = int(rng() % 3);
     if (kind == 2) {
@@ -67,8 +66,8 @@ Shape apiShape(std::mt19937& rng) {
     return Shape{h, kind ? maskOf(h) : rgntest::rectMask(kWin, r), kind ? "ellipse" : "rect"};
 }
 
-// Many small rectangles on a coarse grid through the importer: rows with many
-// runs whose ends coincide or touch, tall rectangles, sources moved apart.
+// Many small rectangles on a coarse grid through the importer: rows with many runs whose ends coincide or touch, tall
+// rectangles, sources moved apart.
 Shape rectsShape(std::mt19937& rng, int count, int dx, int dy) {
     Shape s{nullptr, kWin.blank(), "rects"};
     std::vector<RECT> rects;
@@ -82,9 +81,8 @@ Shape rectsShape(std::mt19937& rng, int count, int dx, int dy) {
     return s;
 }
 
-// Shapes by index arithmetic on the mask: tall bands of identical rows with
-// many runs (the repeated-row path), stripes a shifted copy touches, discs,
-// long runs over combs, empty.
+// Shapes by index arithmetic on the mask: tall bands of identical rows with many runs (the repeated-row path), stripes
+// a shifted copy touches, discs, long runs over combs, empty.
 Shape bandedShape(std::mt19937& rng) {
     Mask m = kWin.blank();
     const int top = in(rng, -40, 0), bottom = in(rng, top, 179), x0 = kWin.x0, x1 = kWin.x0 + kWin.w;
@@ -103,8 +101,8 @@ Shape bandedShape(std::mt19937& rng) {
     return Shape{rgntest::regionOfMask(m), m, "banded " + std::to_string(k)};
 }
 
-// Long rows in bands of 1..14 rows (1 for family 0) repeating random runs and
-// gaps of 1..6 pixels, a periodic row, an empty row, or two rows in turn.
+// Long rows in bands of 1..14 rows (1 for family 0) repeating random runs and gaps of 1..6 pixels, a periodic row, an
+// empty row, or two rows in turn.
 Mask longRows(std::mt19937& rng, int family) {
     Mask m = kLong.blank();
     for (int y = kLong.y0; y < kLong.y0 + kLong.h;) {
@@ -135,8 +133,8 @@ void expectMatches(HRGN h, const Mask& m, const std::string& ctx) {
     RECT box, mb = m.bounds();
     EXPECT_EQ(GetRgnBox(h, &box), m.kind());
     EXPECT_TRUE(EqualRect(&box, &mb) && krn::rgn::area(r) == m.count());
-    // An empty region's block is the bare 32-byte header, which the importer
-    // refuses (it wants at least 33 bytes); any other comes back the same.
+    // An empty region's block is the bare 32-byte header, which the importer refuses (it wants at least 33 bytes); any
+    // other comes back the same.
     const std::vector<uint8_t> data = rgntest::regionData(h);
     HRGN back = ExtCreateRegion(nullptr, uint32_t(data.size()), reinterpret_cast<const RGNDATA*>(data.data()));
     EXPECT_TRUE(m.count() ? back && rgntest::regionData(back) == data : data.size() == 32u && back == nullptr);
@@ -171,11 +169,11 @@ TEST(RegionsEngine, RectangleEdgeCases) {
     for (HRGN h : {e, a, b, p, one, ca, cb}) DeleteObject(h);
 }
 
-// Every mode in both orders into a destination with blocks of its own, the destination as a source, and the
-// in-place kernel combine giving the same runs; sources (each checked against its own mask first): API shapes,
-// rectangle sets in five layouts (overlapping, b below a, b right of a, a empty, b empty), banded shapes (one in
-// ten identical), long banded rows (random, banded, and a shape against its own bands moved down 1..5 rows with
-// a few pixels changed), and sources moved next to INT32_MAX / INT32_MIN.
+// Every mode in both orders into a destination with blocks of its own, the destination as a source, and the in-place
+// kernel combine giving the same runs; sources (each checked against its own mask first): API shapes, rectangle sets in
+// five layouts (overlapping, b below a, b right of a, a empty, b empty), banded shapes (one in ten identical), long
+// banded rows (random, banded, and a shape against its own bands moved down 1..5 rows with a few pixels changed), and
+// sources moved next to INT32_MAX / INT32_MIN.
 TEST(RegionsEngine, CombineEveryModeMatchesMaskAlgebra) {
     std::mt19937 rng(12345);
     for (int iter = 0; iter < 660; ++iter) {
@@ -299,8 +297,8 @@ TEST(RegionsEngine, ExtCreateRegionSortsJoinsAndValidates) {
     for (HRGN x : {h, t, d}) DeleteObject(x);
 }
 
-// Offsets move every pixel or are refused; the placement words survive SetRectRgn (which releases the old
-// region), copies and combines into the handle, also with the handle as a source.
+// Offsets move every pixel or are refused; the placement words survive SetRectRgn (which releases the old region),
+// copies and combines into the handle, also with the handle as a source.
 TEST(RegionsEngine, OffsetSetRectRgnAndPlacementWords) {
     HRGN h = CreateEllipticRgn(0, 0, 30, 20), other = CreateRectRgn(20, 20, 25, 25);
     const Mask before = maskOf(h);
@@ -322,9 +320,9 @@ TEST(RegionsEngine, OffsetSetRectRgnAndPlacementWords) {
     for (HRGN x : {other, h}) DeleteObject(x);
 }
 
-// A null destination receives a new region; an existing one is replaced in place (its blocks and placement
-// words kept), also when it is a source; the point test reports the run it hits, -1 / -1 outside. Memory:
-// 8 bytes per row (empty rows inside the region included, not exported) plus 8 per run.
+// A null destination receives a new region; an existing one is replaced in place (its blocks and placement words kept),
+// also when it is a source; the point test reports the run it hits, -1 / -1 outside. Memory: 8 bytes per row (empty
+// rows inside the region included, not exported) plus 8 per run.
 TEST(RegionsEngine, KernelCombineKeepsIdentityAndReportsRuns) {
     RECT ra{0, 0, 50, 40}, rb{30, 20, 90, 70}, bb, wantBox{0, 0, 90, 70};
     OrvaRgn *a = nullptr, *b = nullptr, *d = nullptr;
@@ -357,8 +355,8 @@ TEST(RegionsEngine, KernelCombineKeepsIdentityAndReportsRuns) {
     for (HRGN o : {ha, hb, hd, he}) DeleteObject(o);
 }
 
-// A perspective change that fails part way (an allocation in any of its
-// steps) leaves the region exactly as it was; a success undoes exactly.
+// A perspective change that fails part way (an allocation in any of its steps) leaves the region exactly as it was; a
+// success undoes exactly.
 TEST(RegionsEngine, FailedPerspectiveChangeLeavesTheRegion) {
     OrvaRgn *a = nullptr, *b = nullptr;
     RECT ra{2, 1, 9, 4}, rb{5, 3, 7, 12};
@@ -383,8 +381,8 @@ TEST(RegionsEngine, FailedPerspectiveChangeLeavesTheRegion) {
     K_DeleteOrvaRgn(a), K_DeleteOrvaRgn(b);
 }
 
-// Dead, foreign, wild and null handles give 0 and errno 22 everywhere and
-// change nothing; palettes go through GetObject and DeleteObject.
+// Dead, foreign, wild and null handles give 0 and errno 22 everywhere and change nothing; palettes go through GetObject
+// and DeleteObject.
 TEST(RegionsEngine, BadHandlesGiveZeroAndErrno22) {
     HRGN good = CreateRectRgn(0, 0, 5, 5), dead = CreateRectRgn(0, 0, 5, 5), d = CreateRectRgn(1, 1, 3, 3);
     DeleteObject(dead);
@@ -425,9 +423,8 @@ TEST(RegionsEngine, BadHandlesGiveZeroAndErrno22) {
         EXPECT_EQ(st, KS_INVALID_PARAMETER);
 }
 
-// Every allocation of each call fails in turn: the call fails cleanly, leaks
-// nothing and leaves the destination byte for byte as it was; a call that
-// succeeds despite a failure (a failed shrink) gives the right region.
+// Every allocation of each call fails in turn: the call fails cleanly, leaks nothing and leaves the destination byte
+// for byte as it was; a call that succeeds despite a failure (a failed shrink) gives the right region.
 TEST(RegionsEngine, AllocationFailureWalk) {
     HRGN a = CreateEllipticRgn(0, 0, 200, 150), b = CreateEllipticRgn(50, 20, 250, 200), d = CreateRectRgn(1, 2, 3, 4);
     std::mt19937 rng(3);
@@ -482,9 +479,8 @@ TEST(RegionsEngine, AllocationFailureWalk) {
     for (OrvaRgn* x : {ka, kb, small}) K_DeleteOrvaRgn(x);
 }
 
-// Taller than the engine's limit: refused, nothing leaks. Very wide but short
-// polygons are exact; offsets that overflow are refused; a short region far
-// down scales like any other (the row limit is on its height).
+// Taller than the engine's limit: refused, nothing leaks. Very wide but short polygons are exact; offsets that overflow
+// are refused; a short region far down scales like any other (the row limit is on its height).
 TEST(RegionsEngine, ExtremeCoordinatesAreRefusedOrExact) {
     const long live = krn::faultinject::liveBlocks();
     POINT tall[3] = {{0, INT32_MIN}, {INT32_MAX, INT32_MAX}, {INT32_MIN, 0}};

@@ -1,6 +1,6 @@
-// test_regions_bitmap.cpp - bitmap regions against the boolean-mask model: every setter and combine mode, the
-// region transform in all 64 perspective pairs, readers, mirrors, the unclipped flag, filling through the
-// region on every depth and storage kind, masks and colour regions; plus the view-perspective arithmetic.
+// test_regions_bitmap.cpp - bitmap regions against the boolean-mask model: every setter and combine mode, the region
+// transform in all 64 perspective pairs, readers, mirrors, the unclipped flag, filling through the region on every
+// depth and storage kind, masks and colour regions; plus the view-perspective arithmetic.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -32,8 +32,8 @@ struct Bitmap : tkit::Bitmap {
     int32_t dataSize() { return K_GetBitmapRgnData(&bm, nullptr, 0, nullptr); }
 };
 
-// The bitmap's region as a mask over the window, read three ways that must
-// agree (points, clip segments, area and bounds).
+// The bitmap's region as a mask over the window, read three ways that must agree (points, clip segments, area and
+// bounds).
 Mask bitmapMask(const Mask& win, BITMAPRECORD* bm) {
     Mask byPoint = win.blank(), bySeg = win.blank();
     uint32_t mx = 0;
@@ -59,8 +59,7 @@ Mask bitmapMask(const Mask& win, BITMAPRECORD* bm) {
     return byPoint;
 }
 
-// Pixel x of a row as the fill writes it: whole-byte pixels little-endian,
-// sub-byte pixels from the high bits.
+// Pixel x of a row as the fill writes it: whole-byte pixels little-endian, sub-byte pixels from the high bits.
 uint64_t rawPixel(const uint8_t* row, int x, int bpp) {
     if (bpp % 8 || bpp == 8) return getPixel(row, x, bpp);
     uint64_t v = 0;
@@ -74,9 +73,9 @@ std::vector<uint8_t> bitmapRgnData(BITMAPRECORD* bm) {
     return d;
 }
 
-// Modes: 0 and, 1 set, 2 new minus current, 3 current minus new, 4 or, 5 xor, 6 the bitmap minus new; the
-// result clipped to the bitmap. A random 1-bit mask (fixed palette: index 1 is white) and the colour region of
-// a 24-bit picture of four colours are among the sources.
+// Modes: 0 and, 1 set, 2 new minus current, 3 current minus new, 4 or, 5 xor, 6 the bitmap minus new; the result
+// clipped to the bitmap. A random 1-bit mask (fixed palette: index 1 is white) and the colour region of a 24-bit
+// picture of four colours are among the sources.
 TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
     const int W = 90, H = 70, op[6] = {0, -1, 4, 3, 1, 2};
     const Mask win(-20, -20, 130, 130), full = rgntest::rectMask(win, RECT{0, 0, W, H});  // the window covers all
@@ -187,8 +186,8 @@ TEST(RegionsBitmap, EdgeCasesAndSizes) {
         IS(K_GetBitmapClipSegments(&b.bm, 30, segs, &n), S), IS(n, 0),  // one row past the bottom
         IS(K_IsPtInBitmapRgn(&b.bm, 29, 39), 1), IS(K_IsPtInBitmapRgn(&b.bm, 30, 39), 0),
         IS(K_SetBitmapRgnRect(&b.bm, &zeroNum, &r, 1), S), IS(b.area(), 0)});
-    // Bounds mapped out: halved then moved; left/right round up, top/bottom up in perspective 1 and down after
-    // a half turn (turned: 69, 27, 90, 49); no region: the bitmap.
+    // Bounds mapped out: halved then moved; left/right round up, top/bottom up in perspective 1 and down after a half
+    // turn (turned: 69, 27, 90, 49); no region: the bitmap.
     RECT mr{10, 11, 31, 33}, o, whole{0, 0, 100, 60};
     EXPECT_TRUE(K_GetBitmapRgnBounds(&m.bm, nullptr, &o) == KS_SUCCESS && EqualRect(&o, &whole));
     ASSERT_EQ(K_SetBitmapRgnRect(&m.bm, nullptr, &mr, 1), KS_SUCCESS);
@@ -228,9 +227,8 @@ TEST(RegionsBitmap, ArgumentChecks) {
     fl.bm.uFlags &= ~0x100000u;
 }
 
-// Every allocation of a setter fails in turn: the old region stays byte for
-// byte and nothing leaks; a bad mode frees nothing of the caller's; a
-// replaced region and the region of a freed bitmap are released.
+// Every allocation of a setter fails in turn: the old region stays byte for byte and nothing leaks; a bad mode frees
+// nothing of the caller's; a replaced region and the region of a freed bitmap are released.
 TEST(RegionsBitmap, FailedSettersChangeNothingAndLeakNothing) {
     Bitmap b(120, 90, 8);
     RECT e{-10, 5, 100, 80};
@@ -266,9 +264,9 @@ POINT storedPos(int vp, int W, int H, int x, int y) {
     return at[vp - 1];
 }
 
-// The point and rectangle conversions agree with the orientation table (a one-pixel rectangle moves with its
-// pixel). Caller coordinates go through offset, scale and the change of perspective: a bitmap pixel is in when
-// its caller pixel, by the table and the nearest-neighbour scale rule, is in the caller's polygon.
+// The point and rectangle conversions agree with the orientation table (a one-pixel rectangle moves with its pixel).
+// Caller coordinates go through offset, scale and the change of perspective: a bitmap pixel is in when its caller
+// pixel, by the table and the nearest-neighbour scale rule, is in the caller's polygon.
 TEST(RegionsBitmap, TransformInEveryPerspectivePair) {
     std::mt19937 rng(8);
     const int w = 37, h = 23;
@@ -302,8 +300,8 @@ TEST(RegionsBitmap, TransformInEveryPerspectivePair) {
             ASSERT_EQ(K_SetBitmapRgnPolygon(&r2.bm, &xf, quad, 4, ALTERNATE, 1), KS_SUCCESS);
             const Mask bw(-2, -2, sw + 4, sh + 4), m1 = bitmapMask(bw, &r1.bm), m2 = bitmapMask(bw, &r2.bm);
             ASSERT_TRUE(m1 == m2) << "bvp " << bvp << " vp " << vp << " " << m1.describeDiff(m2);
-            // Mapping out: pixel q of a handle in the caller's perspective is in when the bitmap pixel it comes
-            // from is; with the caller's scale and offset too, the same handle scaled, then moved.
+            // Mapping out: pixel q of a handle in the caller's perspective is in when the bitmap pixel it comes from
+            // is; with the caller's scale and offset too, the same handle scaled, then moved.
             RGNXFORM id{vp, 1, 1, 1, 1, 0, 0};
             HRGN out = nullptr, scaled = nullptr;
             ASSERT_EQ(K_GetBitmapRgnHandle(&r1.bm, &id, &out), KS_SUCCESS);
@@ -359,8 +357,8 @@ TEST(RegionsBitmap, MovesMirrorsSizesAndCopies) {
     EXPECT_TRUE(K_BitmapHasRgn(&dst.bm) == 0 && DeleteObject(held) == 1);
 }
 
-// The region is kept as given; reads (segments: as many as the bitmap's width allows, none outside its rows)
-// and fills stay inside the bitmap; without a region the whole bitmap stands for it, unclipped.
+// The region is kept as given; reads (segments: as many as the bitmap's width allows, none outside its rows) and fills
+// stay inside the bitmap; without a region the whole bitmap stands for it, unclipped.
 TEST(RegionsBitmap, UnclippedFlagKeepsRegionAndClipsReads) {
     Bitmap b(30, 20, 8);
     b.bm.uFlags |= BRF_UNCLIPPED_RGN;
@@ -388,8 +386,8 @@ TEST(RegionsBitmap, UnclippedFlagKeepsRegionAndClipsReads) {
     b.release();
 }
 
-// The fill colour in every format is the colour as the buffer converter writes it from 24 bits (12-bit grey:
-// the 16-bit grey rounded to 12 bits); palette images take the nearest palette index.
+// The fill colour in every format is the colour as the buffer converter writes it from 24 bits (12-bit grey: the 16-bit
+// grey rounded to 12 bits); palette images take the nearest palette index.
 TEST(RegionsBitmap, FillColourEncodingAndGreyMasks) {
     const struct { int bpp, order; } formats[] = {{16, ORDER_GRAY}, {16, ORDER_BGR}, {16, ORDER_RGB},
         {16, ORDER_RGB565}, {24, ORDER_BGR}, {32, ORDER_BGR}, {32, ORDER_RGB}, {48, ORDER_BGR}, {48, ORDER_RGB},
@@ -413,8 +411,8 @@ TEST(RegionsBitmap, FillColourEncodingAndGreyMasks) {
     EXPECT_EQ(rawPixel(b32.access(), 1, 32), 0xFF804020ull);
     EXPECT_EQ(b8.access()[1], K_FindPaletteIndex(b8.bm.pPalette, 256, 0x80, 0x40, 0x20));
     b32.release(), b8.release();
-    // A record without a palette (caller memory attached to an initialised
-    // record) takes the fixed palette of its depth: 1 bit, index 1 is white.
+    // A record without a palette (caller memory attached to an initialised record) takes the fixed palette of its
+    // depth: 1 bit, index 1 is white.
     BITMAPRECORD np;
     uint8_t bits[8] = {0xA5, 0x0F, 0, 0, 0x80, 0x01, 0, 0};
     ASSERT_TRUE(K_InitBitmap(&np, BITMAPRECORD_SIZE, 16, 2, 1) == 1 && K_SetBitmapDataPointer(&np, bits, 8) == 1);
@@ -429,9 +427,9 @@ TEST(RegionsBitmap, FillColourEncodingAndGreyMasks) {
     for (int x = 0; x < 20; ++x) EXPECT_EQ(K_IsPtInBitmapRgn(&t.bm, 0, x), uint8_t(x * 13) >= 128 ? 1 : 0) << x;
 }
 
-// Filling and colour regions go through the row layer: at every depth and on every storage kind the fill
-// changes exactly the region's pixels to the raw value (padding untouched), and the colour region holds
-// exactly the pixels of the colour.
+// Filling and colour regions go through the row layer: at every depth and on every storage kind the fill changes
+// exactly the region's pixels to the raw value (padding untouched), and the colour region holds exactly the pixels of
+// the colour.
 TEST(RegionsBitmap, FillAndColourRegionsOnEveryStorageKind) {
     using namespace storagetest;
     CapGuard guard;

@@ -1,6 +1,6 @@
 // regions_mask.h - the boolean-mask oracle of the region tests: a window of pixels, one bool each; independent
-// rasterisers for rectangles, polygons (exact test at pixel centres) and ellipses (the analytic equation);
-// bridges to region handles (data painted pixel by pixel, regions imported by runs).
+// rasterisers for rectangles, polygons (exact test at pixel centres) and ellipses (the analytic equation); bridges to
+// region handles (data painted pixel by pixel, regions imported by runs).
 #pragma once
 
 #include <algorithm>
@@ -67,9 +67,8 @@ inline Mask rectMask(const Mask& win, RECT r) {
     return m;
 }
 
-// Pixel centre (x + 1/2, y + 1/2) against every edge: counts the edges that
-// cross the horizontal line through the centre strictly to its right (edges
-// half-open in y, horizontal edges ignored). Exact integer arithmetic.
+// Pixel centre (x + 1/2, y + 1/2) against every edge: counts the edges that cross the horizontal line through the
+// centre strictly to its right (edges half-open in y, horizontal edges ignored). Exact integer arithmetic.
 inline Mask polygonMask(const Mask& win, const std::vector<POINT>& pts, const std::vector<size_t>& figureStarts,
                         bool winding) {
     Mask m = win.blank();
