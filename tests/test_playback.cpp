@@ -278,28 +278,19 @@ TEST(PlaybackFailures, HandlesArgumentsAndMemory) {
               std::vector<int32_t>({1, PLAYBACK_STATE_NEXT, 1, 8, 8, 1, 0, P, P, 1}));  // 1: KS_SUCCESS
     // Destroying it frees its own list and the frame in it.
     EXPECT_TRUE(K_DestroyPlayback(p) == KS_SUCCESS && krn::faultinject::liveBlocks() == base);
-    K_FreeBitmap(&target);
-}
-
-// A disposal-3 frame wholly outside the target after one inside it: the first restores what it covered and lets its
-// saved area go; the second saves and restores nothing, so its disposal marks nothing for update.
-TEST(PlaybackFailures, SavedAreaGoesWithItsDisposal) {
-    ClockGuard clock;
-    BITMAPRECORD target = viewBitmap(kBgr24, 8, 8, TOP_LEFT);
+    // A disposal-3 frame wholly outside the target after one inside it: the first restores what it covered and lets
+    // its saved area go; the second saves and restores nothing, so its disposal marks nothing for update.
     HBITMAPLIST list = nullptr;
     ASSERT_EQ(K_CreateBitmapList(&list), KS_SUCCESS);
     for (int32_t left : {2, 20}) {
         BITMAPRECORD bm = makeFrame({left, 1, 3, 2, 0, 3, false, false, 0, {1, 2, 3, 4, 5, 6}}, TOP_LEFT);
         ASSERT_EQ(K_InsertBitmapListItem(list, BITMAPLIST_END, &bm), KS_SUCCESS);
     }
-    HPLAYBACK pb = nullptr;
     ASSERT_EQ(K_CreatePlayback(&pb, &target, list), KS_SUCCESS);
     std::vector<int32_t> states, widths;
-    for (int32_t st = -1; st != PLAYBACK_STATE_END;) {
-        RECT r{};
+    for (st = -1; st != PLAYBACK_STATE_END; states.push_back(st), widths.push_back(r.right - r.left)) {
         ASSERT_TRUE(K_GetPlaybackUpdateRect(pb, nullptr, 1) == KS_SUCCESS && K_ProcessPlayback(pb, &st) == KS_SUCCESS);
         ASSERT_EQ(K_GetPlaybackUpdateRect(pb, &r, 0), KS_SUCCESS);
-        states.push_back(st), widths.push_back(r.right - r.left);
     }
     // clear, next, draw 0 (3 wide), dispose 0 (restores 3), next, draw 1 (nothing), dispose 1 (nothing), end
     EXPECT_EQ(states, std::vector<int32_t>({1, 2, 4, 8, 9, 2, 4, 8, 9, 10}));
