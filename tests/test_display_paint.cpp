@@ -92,23 +92,6 @@ TEST(DisplayPaint, EveryEntryOverAGridOfValues) {
             }
 }
 
-// The 16-bit table exists for deep grey in the current layout only.
-TEST(DisplayPaint, SixteenBitTableOnlyForDeepGrey) {
-    struct Kind { int bpp, order; uint32_t size; bool has16; } const kinds[] = {
-        {16, ORDER_GRAY, BITMAPRECORD_SIZE, true}, {12, ORDER_GRAY, BITMAPRECORD_SIZE, true},
-        {16, ORDER_GRAY, BITMAPRECORD_SIZE_OLD, false}, {16, ORDER_BGR, BITMAPRECORD_SIZE, false},
-        {8, ORDER_GRAY, BITMAPRECORD_SIZE, false}, {24, ORDER_BGR, BITMAPRECORD_SIZE, false}};
-    for (const Kind& k : kinds) {
-        Bitmap b(k.bpp, k.order, k.size);
-        std::vector<uint16_t> t(65536);
-        EXPECT_EQ(K_GetPaintTable16(&b.bm, t.data()), k.has16 ? KS_SUCCESS : KS_NOT_SUPPORTED) << k.bpp;
-        ASSERT_EQ(K_SetPaintContrast(&b.bm, 400), KS_SUCCESS);
-        bool d = false;
-        EXPECT_EQ(b.table8(), paintRef(0, 400, 100, 1, &d)) << k.bpp;
-        EXPECT_EQ(b.table16(), k.has16 ? paintRef(0, 400, 100, 257, &d) : std::vector<long>()) << k.bpp;
-    }
-}
-
 TEST(DisplayPaint, RangesFrameAndTheFlag) {
     Bitmap b(8, ORDER_RGB), c(8, ORDER_RGB), fresh(8, ORDER_RGB);
     BITMAPRECORD bad = b.bm, empty;

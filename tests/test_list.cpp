@@ -1,9 +1,8 @@
-// Bitmap lists against a model (a vector of tags) driven by random sequences, the edges the sequences miss, every
-// failure rule and allocation failures.
+// Bitmap lists against a model (a vector of tags) driven by random sequences, every failure rule and allocation
+// failures.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <random>
 #include <utility>
 #include <vector>
@@ -137,37 +136,6 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
         ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
     }
     EXPECT_GT(copies, 50);
-}
-
-// What the random sequences do not reach: a 176-byte get frees the item's block past the older layout and writes
-// nothing past it, a 216-byte get keeps it; set with null leaves an empty current-layout item without freeing the old
-// bitmap; a replace into a 176-byte record writes as many bytes as asked.
-TEST(ListEdges, TheCasesOfEachCall) {
-    NoLeak noLeak;
-    HBITMAPLIST h = listOf({1, 2, 3});
-    BITMAPRECORD old4 = tagged(4, BITMAPRECORD_SIZE_OLD);  // held in the current layout with a zero tail
-    ASSERT_EQ(K_InsertBitmapListItem(h, BITMAPLIST_END, &old4), KS_SUCCESS);
-    uint32_t n = 0;
-    BITMAPRECORD* items = krn::listItems(h, &n);
-    EXPECT_TRUE(items[3].uStructSize == BITMAPRECORD_SIZE && items[3].uSize64 == 0 && items[3].pCallbacks == nullptr);
-    items[2].hListBlock = K_GlobalAlloc(GMEM_FIXED, 16), items[1].hListBlock = K_GlobalAlloc(GMEM_FIXED, 16);
-    ASSERT_TRUE(items[1].hListBlock && items[2].hListBlock);
-    BITMAPRECORD old, cur, taken, nine = tagged(9), outOld;
-    std::memset(&old, 0x77, sizeof old), std::memset(&outOld, 0x55, sizeof outOld);
-    ASSERT_EQ(K_GetBitmapListItem(h, 2, &old, BITMAPRECORD_SIZE_OLD), KS_SUCCESS);
-    ASSERT_EQ(K_GetBitmapListItem(h, 1, &cur, BITMAPRECORD_SIZE), KS_SUCCESS);
-    EXPECT_EQ(old.uStructSize * 10 + uint32_t(tagOf(&old)), BITMAPRECORD_SIZE_OLD * 10 + 3);
-    EXPECT_TRUE(old.uSize64 == 0x7777777777777777ull && !items[2].hListBlock);  // nothing past the older layout
-    EXPECT_TRUE(items[1].hListBlock != nullptr && cur.hListBlock == items[1].hListBlock);
-    ASSERT_EQ(K_GetBitmapListItem(h, 0, &taken, BITMAPRECORD_SIZE), KS_SUCCESS);
-    ASSERT_EQ(K_SetBitmapListItem(h, 0, nullptr), KS_SUCCESS);
-    items = krn::listItems(h, &n);
-    EXPECT_TRUE(items[0].uStructSize == BITMAPRECORD_SIZE && items[0].uFlags == 0 && tagOf(&taken) == 1);
-    K_FreeBitmap(&taken);
-    ASSERT_EQ(K_ReplaceBitmapListItem(h, BITMAPLIST_END, &nine, &outOld, BITMAPRECORD_SIZE_OLD), KS_SUCCESS);
-    EXPECT_TRUE(outOld.uStructSize == BITMAPRECORD_SIZE_OLD && tagOf(&outOld) == 4 && outOld.nLockCount == 0x55555555);
-    K_FreeBitmap(&outOld);
-    ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
 }
 
 TEST(ListFailures, EachRuleLeavesTheListAlone) {

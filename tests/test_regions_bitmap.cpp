@@ -1,6 +1,6 @@
 // test_regions_bitmap.cpp - bitmap regions against the boolean-mask model: every setter and combine mode, the region
 // transform in all 64 perspective pairs, readers, mirrors, the unclipped flag, filling through the region on every
-// depth and storage kind, masks and colour regions; plus the view-perspective arithmetic.
+// depth and storage kind, masks and colour regions.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -472,25 +472,6 @@ TEST(RegionsBitmap, FillAndColourRegionsOnEveryStorageKind) {
             }
         }
     }
-}
-
-// ---------------------------------------------------------------- view perspective arithmetic
-TEST(RegionsViewPerspective, ParamsEdgeCases) {
-    int32_t f = -1, a = -1, x = 0, y = 0;
-    BITMAPRECORD bm;
-    K_InitBitmap(&bm, BITMAPRECORD_SIZE, 30, 20, 8);
-    bm.nViewPerspective = 3;
-    const int32_t P = KS_INVALID_PARAMETER, S = KS_SUCCESS;
-    checklist::expectAll({
-        IS(K_GetChangeViewPerspectiveParams(1, 1, &f, &a), S), IS(f, 0), IS(a, 0),
-        IS(K_GetChangeViewPerspectiveParams(6, 1, &f, &a), S), IS(f, 0), IS(a, 90),
-        IS(K_GetChangeViewPerspectiveParams(1, 6, &f, &a), S), IS(f, 0), IS(a, 270),
-        IS(K_GetChangeViewPerspectiveParams(4, 1, &f, &a), S), IS(f, 1), IS(a, 0),
-        IS(K_GetChangeViewPerspectiveParams(0, 1, &f, &a), P), IS(K_GetChangeViewPerspectiveParams(1, 9, &f, &a), P),
-        IS(K_GetChangeViewPerspectiveParams(1, 2, nullptr, &a), P), IS(K_PointToBitmap(&bm, 1, &x, &y), S), IS(x, 29),
-        IS(y, 19), IS(K_RectToBitmap(&bm, 3, nullptr), S),  // equal perspectives: nothing to do
-        IS(bm.uStructSize = 99, 99), IS(K_PointToBitmap(&bm, 1, &x, &y), KS_INVALID_STRUCT_SIZE),
-        IS(K_RectToBitmap(nullptr, 1, nullptr), P)});
 }
 
 }  // namespace
