@@ -1,6 +1,6 @@
 // test_regions_bitmap.cpp - bitmap regions against the boolean-mask model: every setter and combine mode, the region
-// transform in all 64 perspective pairs, readers, mirrors, the unclipped flag, filling through the region on every
-// depth and storage kind, masks and colour regions.
+// transform in all 64 perspective pairs, readers, mirrors, filling through the region on every depth and storage kind,
+// masks and colour regions.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -355,35 +355,6 @@ TEST(RegionsBitmap, MovesMirrorsSizesAndCopies) {
     HRGN held = dst.bm.hRgn;
     ASSERT_EQ(K_CopyBitmapRgn(&dst.bm, &none.bm, 0, 0), KS_SUCCESS);
     EXPECT_TRUE(K_BitmapHasRgn(&dst.bm) == 0 && DeleteObject(held) == 1);
-}
-
-// The region is kept as given; reads (segments: as many as the bitmap's width allows, none outside its rows) and fills
-// stay inside the bitmap; without a region the whole bitmap stands for it, unclipped.
-TEST(RegionsBitmap, UnclippedFlagKeepsRegionAndClipsReads) {
-    Bitmap b(30, 20, 8);
-    b.bm.uFlags |= BRF_UNCLIPPED_RGN;
-    RECT r{-10, -5, 50, 8}, box, box2;
-    uint32_t mx = 0, n = 9;
-    int32_t segs[64];
-    const int32_t S = KS_SUCCESS;
-    checklist::expectAll({
-        IS(K_SetBitmapRgnRect(&b.bm, nullptr, &r, 1), S), IS(K_GetBitmapRgnBounds(&b.bm, nullptr, &box), S),
-        IS(EqualRect(&box, &r) != 0, 1), IS(b.area(), 60 * 13), IS(K_GetBitmapClipSegmentsMax(&b.bm, &mx), S),
-        IS(mx, 30),
-        IS(K_GetBitmapClipSegments(&b.bm, -2, segs, &n), S), IS(n, 0),
-        IS(K_GetBitmapClipSegments(&b.bm, 3, segs, &n), S), IS(n, 2), IS(segs[0], 0), IS(segs[1], 30),
-        IS(K_OffsetBitmapRgn(&b.bm, 100, 0), S), IS(b.area(), 60 * 13), IS(K_OffsetBitmapRgn(&b.bm, -100, 0), S),
-        IS(K_FreeBitmapRgn(&b.bm), S), IS(K_SetBitmapRgnRect(&b.bm, nullptr, &r, 4), S),
-        IS(K_GetBitmapRgnBounds(&b.bm, nullptr, &box2), S), IS(b.area(), 780 + 600 - 240),
-        IS(box2.left, -10), IS(box2.top, -5), IS(box2.right, 50), IS(box2.bottom, 20),
-        IS(K_FreeBitmapRgn(&b.bm), S), IS(K_SetBitmapRgnRect(&b.bm, nullptr, &r, 0), S), IS(b.area(), 240),
-        IS(K_SetBitmapRgnRect(&b.bm, nullptr, &r, 1), S)});
-    std::memset(b.access(), 0x55, size_t(b.bm.nBytesPerLine) * 20), b.release();
-    ASSERT_EQ(K_FillBitmap2(&b.bm, 9), KS_SUCCESS);
-    b.access();
-    for (int y = 0; y < 20; ++y)
-        for (int x = 0; x < 30; ++x) ASSERT_EQ(b.row(y)[x], y < 8 ? 9 : 0x55);
-    b.release();
 }
 
 // The fill colour in every format is the colour as the buffer converter writes it from 24 bits (12-bit grey: the 16-bit
