@@ -1,11 +1,12 @@
-// Paint intensity, contrast and gamma: every entry of both paint tables
-// against the formulas in double precision, the table flag, failures.
+// Paint intensity, contrast and gamma: every entry of both paint tables against the formulas in double precision, the
+// table flag, failures.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <vector>
 
+#include "check_list.h"
 #include "transform_kit.h"
 
 namespace {
@@ -13,8 +14,8 @@ namespace {
 // Win32 MulDiv by double rounding (half away from zero).
 long mulDivRef(long a, long b, long c) { return std::lround(double(a) * double(b) / double(c)); }
 
-// The paint table of a given scale: 1 (8-bit, 256 entries) or 257 (16-bit);
-// `differs` tells whether any entry is not its own index.
+// The paint table of a given scale: 1 (8-bit, 256 entries) or 257 (16-bit); `differs` tells whether any entry is not
+// its own index.
 std::vector<long> paintRef(int intensity, int contrast, int gamma, long scale, bool* differs) {
     const long n = scale == 1 ? 256 : 65536, top = n - 1;
     std::vector<long> t(static_cast<size_t>(n));
@@ -56,14 +57,13 @@ struct Bitmap {
     }
     std::vector<long> table16() {
         std::vector<uint16_t> t(65536);
-        return K_GetPaintTable16(&bm, t.data()) == KS_SUCCESS ? std::vector<long>(t.begin(), t.end()) : std::vector<long>();
+        return std::vector<long>(t.begin(), K_GetPaintTable16(&bm, t.data()) == KS_SUCCESS ? t.end() : t.begin());
     }
     bool flag() const { return (bm.uFlags & BRF_PAINT_TABLE) != 0; }
 };
 
-// The three setters in a changing order (the tables depend only on the final
-// values); the flag is cleared only by a rebuild with a contrast other than 0
-// and set when an entry differs.
+// The three setters in a changing order (the tables depend only on the final values); the flag is cleared only by a
+// rebuild with a contrast other than 0 and set when an entry differs.
 TEST(DisplayPaint, EveryEntryOverAGridOfValues) {
     Bitmap grey16(16, ORDER_GRAY), colour8(8, ORDER_RGB);
     bool flag16 = false, flag8 = false;
@@ -92,64 +92,38 @@ TEST(DisplayPaint, EveryEntryOverAGridOfValues) {
             }
 }
 
-// The 16-bit table exists for deep grey in the current layout only.
-TEST(DisplayPaint, SixteenBitTableOnlyForDeepGrey) {
-    struct Kind { int bpp, order; uint32_t size; bool has16; } const kinds[] = {
-        {16, ORDER_GRAY, BITMAPRECORD_SIZE, true}, {12, ORDER_GRAY, BITMAPRECORD_SIZE, true},
-        {16, ORDER_GRAY, BITMAPRECORD_SIZE_OLD, false}, {16, ORDER_BGR, BITMAPRECORD_SIZE, false},
-        {8, ORDER_GRAY, BITMAPRECORD_SIZE, false}, {24, ORDER_BGR, BITMAPRECORD_SIZE, false}};
-    for (const Kind& k : kinds) {
-        Bitmap b(k.bpp, k.order, k.size);
-        std::vector<uint16_t> t(65536);
-        EXPECT_EQ(K_GetPaintTable16(&b.bm, t.data()), k.has16 ? KS_SUCCESS : KS_NOT_SUPPORTED) << k.bpp;
-        ASSERT_EQ(K_SetPaintContrast(&b.bm, 400), KS_SUCCESS);
-        bool d = false;
-        EXPECT_EQ(b.table8(), paintRef(0, 400, 100, 1, &d)) << k.bpp;
-        EXPECT_EQ(b.table16(), k.has16 ? paintRef(0, 400, 100, 257, &d) : std::vector<long>()) << k.bpp;
-    }
-}
-
 TEST(DisplayPaint, RangesFrameAndTheFlag) {
-    Bitmap b(8, ORDER_RGB);
+    Bitmap b(8, ORDER_RGB), c(8, ORDER_RGB), fresh(8, ORDER_RGB);
     BITMAPRECORD bad = b.bm, empty;
     bad.uStructSize = 200;
     ASSERT_EQ(K_InitBitmap(&empty, BITMAPRECORD_SIZE, 4, 4, 8), KS_SUCCESS);
     uint8_t t[256];
-    const int32_t got[] = {K_SetPaintContrast(&b.bm, 1001), K_SetPaintContrast(&b.bm, -1001),
-                           K_SetPaintIntensity(&b.bm, 1001), K_SetPaintIntensity(&b.bm, -1001),
-                           K_SetPaintGamma(&b.bm, 0), K_SetPaintContrast(&b.bm, -1000),
-                           K_GetPaintContrast(&b.bm), K_GetPaintIntensity(&b.bm), K_GetPaintGamma(&b.bm),
-                           K_SetPaintIntensity(nullptr, 5), K_GetPaintIntensity(nullptr), K_GetPaintGamma(nullptr),
-                           K_GetPaintTable(nullptr, t), K_GetPaintTable(&b.bm, nullptr), K_SetPaintContrast(&bad, 5),
-                           K_GetPaintContrast(&bad), K_GetPaintTable(&bad, t), K_SetPaintGamma(&empty, 150),
-                           K_GetPaintGamma(&empty)};
-    const int32_t want[] = {KS_INVALID_PARAMETER, KS_INVALID_PARAMETER, KS_INVALID_PARAMETER, KS_INVALID_PARAMETER,
-                            KS_INVALID_PARAMETER, KS_SUCCESS, -1000, 0, 100 /* never set: 1.0 */, KS_INVALID_BITMAP,
-                            KS_INVALID_PARAMETER, KS_INVALID_PARAMETER, KS_INVALID_PARAMETER, KS_INVALID_PARAMETER,
-                            KS_INVALID_STRUCT_SIZE, KS_INVALID_STRUCT_SIZE, KS_INVALID_STRUCT_SIZE, KS_INVALID_BITMAP,
-                            100 /* a getter needs no storage */};
-    for (size_t i = 0; i < std::size(want); ++i) EXPECT_EQ(got[i], want[i]) << "call " << i;
-    // The same value again does no work: a rebuild would set the cleared flag
-    // again. Back to the identity with contrast 0: the flag stays; a non-zero
-    // contrast clears it first.
-    Bitmap c(8, ORDER_RGB);
+    BITMAPRECORD *r = &b.bm, *q = &c.bm;
+    const int32_t P = KS_INVALID_PARAMETER, S = KS_INVALID_STRUCT_SIZE, OK = KS_SUCCESS, B = KS_INVALID_BITMAP;
+    checklist::expectAll({IS(K_SetPaintContrast(r, 1001), P), IS(K_SetPaintContrast(r, -1001), P),
+        IS(K_SetPaintIntensity(r, 1001), P), IS(K_SetPaintIntensity(r, -1001), P),
+        IS(K_SetPaintGamma(r, 0), P), IS(K_SetPaintContrast(r, -1000), OK), IS(K_GetPaintContrast(r), -1000),
+        IS(K_GetPaintIntensity(r), 0), IS(K_GetPaintGamma(r), 100),  // never set: 1.0
+        IS(K_SetPaintIntensity(nullptr, 5), B), IS(K_GetPaintIntensity(nullptr), P), IS(K_GetPaintGamma(nullptr), P),
+        IS(K_GetPaintTable(nullptr, t), P), IS(K_GetPaintTable(r, nullptr), P), IS(K_SetPaintContrast(&bad, 5), S),
+        IS(K_GetPaintContrast(&bad), S), IS(K_GetPaintTable(&bad, t), S), IS(K_SetPaintGamma(&empty, 150), B),
+        IS(K_GetPaintGamma(&empty), 100)});  // a getter needs no storage
+    // The same value again does no work: a rebuild would set the cleared flag again. Back to the identity with contrast
+    // 0: the flag stays; a non-zero contrast clears it first.
+    EXPECT_TRUE(K_SetPaintIntensity(q, 300) == OK && c.flag());
+    c.bm.uFlags &= ~BRF_PAINT_TABLE;
     bool d1 = false;
     paintRef(0, 1, 100, 1, &d1);
-    const bool flags[] = {K_SetPaintIntensity(&c.bm, 300) == KS_SUCCESS && c.flag(),
-                          (c.bm.uFlags &= ~BRF_PAINT_TABLE, K_SetPaintIntensity(&c.bm, 300) == KS_SUCCESS && !c.flag()),
-                          K_SetPaintIntensity(&c.bm, 301) == KS_SUCCESS && c.flag(),
-                          K_SetPaintIntensity(&c.bm, 0) == KS_SUCCESS && c.flag(),
-                          K_SetPaintContrast(&c.bm, 1) == KS_SUCCESS && K_SetPaintContrast(&c.bm, 0) == KS_SUCCESS &&
-                              c.flag() == d1};
-    for (size_t i = 0; i < std::size(flags); ++i) EXPECT_TRUE(flags[i]) << "flag step " << i;
+    checklist::expectAll({IS(K_SetPaintIntensity(q, 300), OK), IS(c.flag(), 0),
+        IS(K_SetPaintIntensity(q, 301), OK), IS(c.flag(), 1), IS(K_SetPaintIntensity(q, 0), OK), IS(c.flag(), 1),
+        IS(K_SetPaintContrast(q, 1), OK), IS(K_SetPaintContrast(q, 0), OK), IS(c.flag(), d1)});
     // Gamma 100 on a fresh record is the value it already has: no table block is made.
-    Bitmap fresh(8, ORDER_RGB);
     const long before = krn::faultinject::liveBlocks();
-    EXPECT_TRUE(K_SetPaintGamma(&fresh.bm, 100) == KS_SUCCESS && krn::faultinject::liveBlocks() == before && !fresh.flag());
+    EXPECT_TRUE(K_SetPaintGamma(&fresh.bm, 100) == OK && krn::faultinject::liveBlocks() == before && !fresh.flag());
 }
 
-// Every allocation failure leaves the value, the tables and the flags alone
-// and leaks nothing; freeing the bitmap frees the tables.
+// Every allocation failure leaves the value, the tables and the flags alone and leaks nothing; freeing the bitmap frees
+// the tables.
 TEST(DisplayPaint, AllocationFailuresChangeNothing) {
     { Bitmap warm(8, ORDER_RGB); }  // per-thread settings exist before counting
     const long base = krn::faultinject::liveBlocks();

@@ -1,7 +1,6 @@
-// regions_mask.h - the boolean-mask oracle of the region tests: a window of
-// pixels, one bool each; independent rasterisers for rectangles, polygons
-// (exact test at pixel centres) and ellipses (the analytic equation); bridges
-// to region handles (data painted pixel by pixel, regions imported by runs).
+// regions_mask.h - the boolean-mask oracle of the region tests: a window of pixels, one bool each; independent
+// rasterisers for rectangles, polygons (exact test at pixel centres) and ellipses (the analytic equation); bridges to
+// region handles (data painted pixel by pixel, regions imported by runs).
 #pragma once
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ombrix.h"
@@ -23,25 +23,24 @@ struct Mask {
     Mask() = default;
     Mask(int x0_, int y0_, int w_, int h_) : x0(x0_), y0(y0_), w(w_), h(h_), px(size_t(w_) * size_t(h_), 0) {}
     Mask blank() const { return Mask(x0, y0, w, h); }
-
     bool inside(int x, int y) const { return x >= x0 && x < x0 + w && y >= y0 && y < y0 + h; }
     bool get(int x, int y) const { return inside(x, y) && px[size_t(y - y0) * size_t(w) + size_t(x - x0)]; }
     void set(int x, int y, bool v) { inside(x, y) && (px[size_t(y - y0) * size_t(w) + size_t(x - x0)] = v); }
-    bool operator==(const Mask& o) const { return x0 == o.x0 && y0 == o.y0 && w == o.w && h == o.h && px == o.px; }
+    bool operator==(const Mask& o) const { return std::tie(x0, y0, w, h, px) == std::tie(o.x0, o.y0, o.w, o.h, o.px); }
     uint64_t count() const { return uint64_t(std::count(px.begin(), px.end(), uint8_t(1))); }
-    // Bounds of the set pixels, all zero when none.
-    RECT bounds() const {
+    RECT bounds() const {  // of the set pixels, all zero when none
+        using std::min, std::max;
         RECT b{INT32_MAX, INT32_MAX, INT32_MIN, INT32_MIN};
         for (int y = y0; y < y0 + h; ++y)
             for (int x = x0; x < x0 + w; ++x)
-                if (get(x, y)) b = RECT{std::min(b.left, x), std::min(b.top, y), std::max(b.right, x + 1), std::max(b.bottom, y + 1)};
+                if (get(x, y)) b = {min(b.left, x), min(b.top, y), max(b.right, x + 1), max(b.bottom, y + 1)};
         return b.left == INT32_MAX ? RECT{0, 0, 0, 0} : b;
     }
     // NULLREGION, SIMPLEREGION (the set pixels fill their box) or COMPLEXREGION.
     int kind() const {
-        RECT bb = bounds();
-        const uint64_t n = count();
-        return n == 0 ? NULLREGION : uint64_t(bb.right - bb.left) * uint64_t(bb.bottom - bb.top) == n ? SIMPLEREGION : COMPLEXREGION;
+        const RECT b = bounds();
+        const uint64_t n = count(), box = uint64_t(b.right - b.left) * uint64_t(b.bottom - b.top);
+        return n == 0 ? NULLREGION : box == n ? SIMPLEREGION : COMPLEXREGION;
     }
     Mask combine(const Mask& o, int op) const {  // op: 0 and, 1 or, 2 xor, 3 this minus o, 4 o minus this
         Mask m = blank();
@@ -55,7 +54,8 @@ struct Mask {
         for (int y = y0; y < y0 + h; ++y)
             for (int x = x0; x < x0 + w; ++x)
                 if (get(x, y) != o.get(x, y))
-                    return "first difference at (" + std::to_string(x) + ", " + std::to_string(y) + "): " + std::to_string(get(x, y)) + " vs " + std::to_string(o.get(x, y));
+                    return "first difference at (" + std::to_string(x) + ", " + std::to_string(y) + "): " +
+                           std::to_string(get(x, y)) + " vs " + std::to_string(o.get(x, y));
         return "equal";
     }
 };
@@ -67,9 +67,8 @@ inline Mask rectMask(const Mask& win, RECT r) {
     return m;
 }
 
-// Pixel centre (x + 1/2, y + 1/2) against every edge: counts the edges that
-// cross the horizontal line through the centre strictly to its right (edges
-// half-open in y, horizontal edges ignored). Exact integer arithmetic.
+// Pixel centre (x + 1/2, y + 1/2) against every edge: counts the edges that cross the horizontal line through the
+// centre strictly to its right (edges half-open in y, horizontal edges ignored). Exact integer arithmetic.
 inline Mask polygonMask(const Mask& win, const std::vector<POINT>& pts, const std::vector<size_t>& figureStarts,
                         bool winding) {
     Mask m = win.blank();
@@ -99,9 +98,9 @@ inline Mask polygonMask(const Mask& win, const std::vector<POINT>& pts, const st
 
 // +1 surely inside, -1 surely outside, 0 within `band` pixels of the outline.
 inline int ellipseClass(RECT box, int x, int y, double band) {
-    const double rx = std::abs(double(box.right) - box.left) / 2.0, ry = std::abs(double(box.bottom) - box.top) / 2.0;
+    const double rx = std::abs(double(box.right) - box.left) / 2, ry = std::abs(double(box.bottom) - box.top) / 2;
     if (rx <= 0 || ry <= 0) return -1;
-    const double dx = x + 0.5 - (double(box.left) + box.right) / 2.0, dy = y + 0.5 - (double(box.top) + box.bottom) / 2.0;
+    const double dx = x + 0.5 - (double(box.left) + box.right) / 2, dy = y + 0.5 - (double(box.top) + box.bottom) / 2;
     // distance to the outline is about |f - 1| * radius along the ray
     double dist = (std::sqrt(dx * dx / (rx * rx) + dy * dy / (ry * ry)) - 1) * std::min(rx, ry);
     return dist < -band ? 1 : dist > band ? -1 : 0;
@@ -113,8 +112,7 @@ inline std::vector<uint8_t> regionData(HRGN h) {
     return buf;
 }
 
-// Paints the rectangles of the region's data block; *ok is false when the
-// block is malformed or reaches outside the window.
+// Paints the rectangles of the region's data block; *ok is false when it is malformed or leaves the window.
 inline Mask maskOfHandle(const Mask& win, HRGN h, bool* ok) {
     Mask m = win.blank();
     const std::vector<uint8_t> buf = regionData(h);
