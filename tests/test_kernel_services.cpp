@@ -68,7 +68,8 @@ TEST(GlobalMemory, HandleTableGrowthFailure) {
     ASSERT_TRUE(filled) << "the table never needed to grow";
     EXPECT_EQ(liveFull, base + 2 * long(blocks.size()));  // the failed one left nothing
     ASSERT_TRUE(moved == nullptr || moved == static_cast<void*>(fixed));  // only when it grew in place
-    EXPECT_TRUE(moved || (K_GlobalSize(fixed) == 16u && std::vector<uint8_t>(fixed, fixed + 16) == contents));  // ASan: still ours
+    EXPECT_TRUE(moved || (K_GlobalSize(fixed) == 16u &&
+                          std::vector<uint8_t>(fixed, fixed + 16) == contents));  // ASan: still ours
     auto* grown = static_cast<uint8_t*>(K_GlobalReAlloc(fixed, 8 << 20, 0));
     ASSERT_TRUE(grown && K_GlobalSize(grown) == size_t(8) << 20 && std::vector<uint8_t>(grown, grown + 16) == contents);
     blocks[1] = grown;
@@ -106,14 +107,18 @@ TEST(GlobalMemory, ReallocAcrossThreads) {
 TEST(Handles, KindsAreCheckedAndFailedRegistrationFreesTheBlock) {
     int payload = 5;
     OmbrixObject_* h = krn::objCreate(krn::kObjRegion, &payload);
-    expectAll({IS(krn::objPayload(h, krn::kObjRegion) == &payload, 1), IS(krn::objPayload(h, krn::kObjPalette) == nullptr, 1),
-               IS(krn::objKind(nullptr), 0), IS(krn::objKind(reinterpret_cast<void*>(~uintptr_t(0))), 0),
-               IS(krn::objKind(reinterpret_cast<void*>(uintptr_t(0x1234))), 0), IS(krn::objDestroy(h, krn::kObjGlobalMemory), 0),
-               IS(krn::objDestroy(h, krn::kObjRegion), 1), IS(krn::objKind(h), 0), IS(krn::objDestroy(h, krn::kObjRegion), 0)});
+    expectAll({IS(krn::objPayload(h, krn::kObjRegion) == &payload, 1),
+               IS(krn::objPayload(h, krn::kObjPalette) == nullptr, 1), IS(krn::objKind(nullptr), 0),
+               IS(krn::objKind(reinterpret_cast<void*>(~uintptr_t(0))), 0),
+               IS(krn::objKind(reinterpret_cast<void*>(uintptr_t(0x1234))), 0),
+               IS(krn::objDestroy(h, krn::kObjGlobalMemory), 0), IS(krn::objDestroy(h, krn::kObjRegion), 1),
+               IS(krn::objKind(h), 0), IS(krn::objDestroy(h, krn::kObjRegion), 0)});
     const long base = fi::liveBlocks();
     void* r = krn::memAlloc(10);  // the data block, then the handle fail; a failed realloc keeps the old block
-    expectAll({IS((fi::arm(0, 1), K_GlobalAlloc(GMEM_MOVEABLE, 10)) == nullptr, 1), IS((fi::arm(1, 1), K_GlobalAlloc(GMEM_MOVEABLE, 10)) == nullptr, 1),
-               IS((fi::arm(0, 1), krn::memRealloc(r, 100)) == nullptr, 1), IS((fi::disarm(), krn::memFree(r), fi::liveBlocks()), base)});
+    expectAll({IS((fi::arm(0, 1), K_GlobalAlloc(GMEM_MOVEABLE, 10)) == nullptr, 1),
+               IS((fi::arm(1, 1), K_GlobalAlloc(GMEM_MOVEABLE, 10)) == nullptr, 1),
+               IS((fi::arm(0, 1), krn::memRealloc(r, 100)) == nullptr, 1),
+               IS((fi::disarm(), krn::memFree(r), fi::liveBlocks()), base)});
 }
 
 // The message table is checked for consistency, not copied: every code from -1940 to 110 gets a text;
@@ -149,12 +154,14 @@ TEST(Messages, WholeTableAgreesWithLibraryIdsAndTruncatesInBounds) {
     }
     EXPECT_EQ(perLibrary[OMBRIX_LIB_KERNEL], 38);  // the rows of the kernel's own table
     for (int id = OMBRIX_LIB_FILEIO; id <= OMBRIX_LIB_COLOR; ++id) EXPECT_GT(perLibrary[id], 0) << id;
-    const std::pair<int32_t, int32_t> edges[] = {{-1100, OMBRIX_LIB_FILEIO}, {-1199, OMBRIX_LIB_FILEIO}, {-1200, OMBRIX_LIB_DIALOGS},
-                                                 {-1299, OMBRIX_LIB_DIALOGS}, {-1300, OMBRIX_LIB_ANNOTATION},
-                                                 {-1399, OMBRIX_LIB_ANNOTATION}, {-1400, OMBRIX_LIB_COLOR}};
+    const std::pair<int32_t, int32_t> edges[] = {{-1100, OMBRIX_LIB_FILEIO},     {-1199, OMBRIX_LIB_FILEIO},
+                                                 {-1200, OMBRIX_LIB_DIALOGS},    {-1299, OMBRIX_LIB_DIALOGS},
+                                                 {-1300, OMBRIX_LIB_ANNOTATION}, {-1399, OMBRIX_LIB_ANNOTATION},
+                                                 {-1400, OMBRIX_LIB_COLOR}};
     for (const auto& [code, lib] : edges) {
         int32_t id = -1, known = -1;
-        EXPECT_TRUE(K_GetLibIdFromErrorCode(code, &id, &known) == KS_SUCCESS && known == 1 && id == lib) << code << " " << id;
+        EXPECT_TRUE(K_GetLibIdFromErrorCode(code, &id, &known) == KS_SUCCESS && known == 1 && id == lib)
+            << code << " " << id;
     }
     EXPECT_EQ(K_GetLibIdFromErrorCode(1, nullptr, nullptr), KS_SUCCESS);
     EXPECT_EQ(K_GetFriendlyErrorMessage(-13, nullptr, 10, nullptr), KS_INVALID_PARAMETER);
@@ -227,16 +234,20 @@ TEST_F(BlockCache, ReusedBlockIsZeroedWhenAskedAndKeptOtherwise) {
     const bool kept = krn::blockcache::cachedBytes() >= kBig;
     void* b = krn::memCalloc(kBig - 4096);
     expectAll({IS(kept, 1), IS(b != nullptr, 1), IS(krn::blockcache::hits(), hits + 1),
-               IS(allBytes(b, kBig - 4096, 0), 1), IS((krn::memFree(b), krn::memFree(krn::memAlloc(kBig / 2)), krn::blockcache::hits()), hits + 1)});
+               IS(allBytes(b, kBig - 4096, 0), 1),
+               IS((krn::memFree(b), krn::memFree(krn::memAlloc(kBig / 2)), krn::blockcache::hits()), hits + 1)});
     BITMAPRECORD bm;
     krn::blockcache::release();
     for (int pass = 0; pass < 2; ++pass)  // the second bitmap gets the first one's pixels
-        ASSERT_TRUE(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 2048, 1024, 32) == KS_SUCCESS && K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL) == KS_SUCCESS &&
+        ASSERT_TRUE(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 2048, 1024, 32) == KS_SUCCESS &&
+                    K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL) == KS_SUCCESS &&
                     (pass || (K_FillBitmap(&bm, 0x123456) == KS_SUCCESS && K_FreeBitmap(&bm) == 1)));
     EXPECT_EQ(krn::blockcache::hits(), hits + 2);
     std::vector<unsigned char> row(bm.nBytesPerLine, 0xFF);
     for (int y = 0; y < bm.nHeight; y += 97)
-        EXPECT_TRUE(K_GetBitmapRow(&bm, row.data(), y, bm.nBytesPerLine) == int32_t(bm.nBytesPerLine) && allBytes(row.data(), row.size(), 0)) << y;
+        EXPECT_TRUE(K_GetBitmapRow(&bm, row.data(), y, bm.nBytesPerLine) == int32_t(bm.nBytesPerLine) &&
+                    allBytes(row.data(), row.size(), 0))
+            << y;
     K_FreeBitmap(&bm);
 }
 
@@ -258,7 +269,8 @@ TEST_F(BlockCache, ResizeKeepsContents) {
         p = q, have = n;
 #if defined(MADV_NOHUGEPAGE)
         if (n == kBig * 2)  // split the mapping before the last growth
-            madvise(reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(q) + (size_t(3) << 20)) & ~uintptr_t(4095)), 8192, MADV_NOHUGEPAGE);
+            madvise(reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(q) + (size_t(3) << 20)) & ~uintptr_t(4095)),
+                    8192, MADV_NOHUGEPAGE);
 #endif
     }
     krn::memFree(p);
@@ -271,9 +283,12 @@ TEST_F(BlockCache, StaysWithinItsLimitAndTheCapAndTheHookFailsLargeRequests) {
     for (auto& b : blocks) ASSERT_NE(b = krn::memAlloc(kBig), nullptr);
     for (auto* b : blocks) krn::memFree(b);
     int64_t old = 0;
-    expectAll({IS(krn::blockcache::cachedBytes() <= 4 * (kBig + (size_t(3) << 20)), 1), IS(krn::blockcache::cachedBytes() >= 4 * kBig, 1),
-               IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, int64_t(16) << 20, &old), KS_SUCCESS), IS(krn::blockcache::cachedBytes(), 0),
-               IS((krn::memFree(krn::memAlloc(kBig)), krn::blockcache::cachedBytes()), 0), IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, old, nullptr), 1),
+    expectAll({IS(krn::blockcache::cachedBytes() <= 4 * (kBig + (size_t(3) << 20)), 1),
+               IS(krn::blockcache::cachedBytes() >= 4 * kBig, 1),
+               IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, int64_t(16) << 20, &old), KS_SUCCESS),
+               IS(krn::blockcache::cachedBytes(), 0),
+               IS((krn::memFree(krn::memAlloc(kBig)), krn::blockcache::cachedBytes()), 0),
+               IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, old, nullptr), 1),
                IS((krn::memFree(krn::memAlloc(kBig)), krn::blockcache::cachedBytes() >= kBig), 1)});
     const long live = fi::liveBlocks();
     expectAll({IS((fi::arm(0), krn::memAlloc(kBig)) == nullptr, 1), IS((fi::disarm(), fi::liveBlocks()), live),

@@ -59,8 +59,9 @@ TEST(RuntimeEvent, ManualAutoResetTimeOutSignalAndOutOfMemory) {
     EXPECT_EQ(a.WaitOne(KT_INFINITE), 1);
     setter.join();
     const long live = fi::liveBlocks();  // re-creating replaces the event and its state; no memory: no event
-    expectAll({IS(a.Create(1, 1), 1), IS(a.WaitOne(0), 1), IS(a.WaitOne(0), 1), IS((fi::arm(0, 1), e.Create(1, 1)), KS_NO_MEMORY),
-               IS((fi::disarm(), e.IsCreated()), 0), IS(e.WaitOne(0), 1), IS(fi::liveBlocks(), live)});
+    expectAll({IS(a.Create(1, 1), 1), IS(a.WaitOne(0), 1), IS(a.WaitOne(0), 1),
+               IS((fi::arm(0, 1), e.Create(1, 1)), KS_NO_MEMORY), IS((fi::disarm(), e.IsCreated()), 0),
+               IS(e.WaitOne(0), 1), IS(fi::liveBlocks(), live)});
     // Auto reset with six waiters: each Set releases exactly one.
     ASSERT_EQ(e.Create(0, 0), 1);
     std::atomic<int> released{0};
@@ -100,7 +101,8 @@ TEST_P(RuntimeLock, ItemsReleaseTheMatchingHold) {
     }
     std::atomic<bool> got{false};  // with the holds above gone another thread takes the writer hold at once
     expectAll({IS(KTReaderWriterLock::Acquire(nullptr, 1).IsHeld(), 0), IS(l.AcquireReaderLock(0).IsHeld(), 0),
-               IS(l.AcquireWriterLock(0).IsHeld(), 0), IS((std::thread([&] { got = l.AcquireWriterLock(1).IsHeld() == 1; }).join(), got.load()), 1),
+               IS(l.AcquireWriterLock(0).IsHeld(), 0),
+               IS((std::thread([&] { got = l.AcquireWriterLock(1).IsHeld() == 1; }).join(), got.load()), 1),
                IS((l.Destroy(), l.IsCreated()), 0), IS(l.Create(), 1), IS(l.Create(), 1) /* tears the old one down */});
 }
 
@@ -174,8 +176,8 @@ TEST(RuntimeWorkItems, ItemsRunOnceAndResultsBecomeTheStatusOnlyWithFlag4) {
         w.Wait();
         EXPECT_EQ(w.GetStatus(), flags == KTWI_ITEM_STATUS ? -7 : 1);
     }
-    expectAll({IS((w.SetStatus(42), w.GetStatus()), 42), IS(w.GetLock().IsCreated(), 1), IS((w.Destroy(), w.GetStatus()), 1),
-               IS(w.GetLock().IsCreated(), 0)});
+    expectAll({IS((w.SetStatus(42), w.GetStatus()), 42), IS(w.GetLock().IsCreated(), 1),
+               IS((w.Destroy(), w.GetStatus()), 1), IS(w.GetLock().IsCreated(), 0)});
 }
 
 struct CancelScene {
@@ -210,12 +212,16 @@ TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
         w.QueueItem(abortItem, nullptr);
         ASSERT_TRUE(waitUntil([&] { return w.IsCanceled() == 1; }));
         for (int i = 0; i < 200; ++i)
-            ASSERT_EQ(w.QueueItem([](KTWorkItems*, void* d) { return ++static_cast<CancelScene*>(d)->laterRan, 1; }, &s), 1);
+            ASSERT_EQ(w.QueueItem([](KTWorkItems*, void* d) { return ++static_cast<CancelScene*>(d)->laterRan, 1; },
+                                  &s),
+                      1);
         EXPECT_FALSE(s.longFinished.load());
         s.release = true;
         w.Wait();
         const int st = w.GetStatus();  // the running item reported last (1) or the cancelling one (-100)
-        EXPECT_TRUE(s.longFinished.load() && s.laterRan.load() == 0 && (!(flags & KTWI_ITEM_STATUS) || st == 1 || st == KS_USER_ABORT)) << st;
+        EXPECT_TRUE(s.longFinished.load() && s.laterRan.load() == 0 &&
+                    (!(flags & KTWI_ITEM_STATUS) || st == 1 || st == KS_USER_ABORT))
+            << st;
     }
 }
 
@@ -262,10 +268,13 @@ TEST(RuntimeWorkItems, SingleThreadModeAndOutOfMemory) {
         ASSERT_EQ(w.Create(3, mode == 0 ? KTWI_SINGLE_THREAD : 0, 0), 1);
         std::thread::id where;
         std::atomic<int> ran{0};
-        auto item = [](KTWorkItems*, void* d) { return *static_cast<std::thread::id*>(d) = std::this_thread::get_id(), -5; };
+        auto item = [](KTWorkItems*, void* d) {
+            return *static_cast<std::thread::id*>(d) = std::this_thread::get_id(), -5;
+        };
         expectAll({IS(w.IsThreaded(), 0), IS(w.QueueItem(item, &where), 1), IS(where == std::this_thread::get_id(), 1),
-                   IS(w.GetStatus(), -5), IS(w.Wait(), 1), IS(w.Finish(), 1) /* return at once */, IS(w.QueueItem(abortItem, nullptr), 1),
-                   IS(w.QueueItem(countItem, &ran), 1), IS(ran.load(), 0), IS(w.GetStatus(), KS_USER_ABORT)});
+                   IS(w.GetStatus(), -5), IS(w.Wait(), 1), IS(w.Finish(), 1) /* return at once */,
+                   IS(w.QueueItem(abortItem, nullptr), 1), IS(w.QueueItem(countItem, &ran), 1), IS(ran.load(), 0),
+                   IS(w.GetStatus(), KS_USER_ABORT)});
     }
     CoreCount cc(4);
     std::atomic<int> ran{0};
@@ -275,11 +284,12 @@ TEST(RuntimeWorkItems, SingleThreadModeAndOutOfMemory) {
     }
     const long live = fi::liveBlocks();
     KTWorkItems w;
-    expectAll({IS(w.Create(4, 0, 0), 1), IS(w.QueueItem(countItem, &ran), 1), IS((fi::arm(0, 1), w.QueueItem(countItem, &ran)), KS_NO_MEMORY),
-               IS((fi::disarm(), w.QueueItem(nullptr, &ran)), KS_INVALID_PARAMETER), IS(w.QueueItem(countItem, &ran), 1),
-               IS((w.Wait(), ran.load()), 2), IS((w.Destroy(), fi::liveBlocks()), live),
-               IS((fi::arm(0, 1), w.Create(3, KTWI_LOCK, 0)), KS_NO_MEMORY), IS((fi::disarm(), w.GetLock().IsCreated()), 0),
-               IS(fi::liveBlocks(), live)});
+    expectAll({IS(w.Create(4, 0, 0), 1), IS(w.QueueItem(countItem, &ran), 1),
+               IS((fi::arm(0, 1), w.QueueItem(countItem, &ran)), KS_NO_MEMORY),
+               IS((fi::disarm(), w.QueueItem(nullptr, &ran)), KS_INVALID_PARAMETER),
+               IS(w.QueueItem(countItem, &ran), 1), IS((w.Wait(), ran.load()), 2),
+               IS((w.Destroy(), fi::liveBlocks()), live), IS((fi::arm(0, 1), w.Create(3, KTWI_LOCK, 0)), KS_NO_MEMORY),
+               IS((fi::disarm(), w.GetLock().IsCreated()), 0), IS(fi::liveBlocks(), live)});
 }
 
 TEST(RuntimePool, RunsOnWorkerThreadsSizedToTheProcessors) {
@@ -298,7 +308,8 @@ TEST(RuntimePool, RunsOnWorkerThreadsSizedToTheProcessors) {
     ASSERT_TRUE(waitUntil([&] { return ctx.n.load() == 100; }));
     EXPECT_FALSE(ctx.onCaller.load());
     EXPECT_EQ(KTThreadPool::GetThreadCount(), int(std::max(1u, std::thread::hardware_concurrency())));
-    EXPECT_TRUE(KTThreadToolsManaged::GetCoreCount() >= 1 && KTThreadToolsManaged::GetCoreCount() == K_GetProcessorCount());
+    EXPECT_TRUE(KTThreadToolsManaged::GetCoreCount() >= 1 &&
+                KTThreadToolsManaged::GetCoreCount() == K_GetProcessorCount());
 }
 
 // The process ends promptly even with a long item on every worker and work queued, and when exit() is
@@ -311,15 +322,22 @@ TEST(RuntimePoolDeathTest, ExitAndShutdown) {
         {
             static std::atomic<int> started{0};
             for (int i = 0; i < 4; ++i)
-                KTThreadPool::QueueUserWorkItem([](void*) { return ++started, std::this_thread::sleep_for(60s), 1; }, nullptr, 0);
+                KTThreadPool::QueueUserWorkItem([](void*) { return ++started, std::this_thread::sleep_for(60s), 1; },
+                                                nullptr, 0);
             for (int i = 0; i < 1000; ++i) KTThreadPool::QueueUserWorkItem([](void*) { return 1; }, nullptr, 0);
             waitUntil([] { return started.load() >= KTThreadPool::GetThreadCount(); });
             std::exit(3);
         },
         ::testing::ExitedWithCode(3), "");
     EXPECT_LT(Clock::now() - t0, 30s);
-    EXPECT_EXIT((KTThreadPool::QueueUserWorkItem([](void*) { std::exit(4); return 1; }, nullptr, 0), std::this_thread::sleep_for(60s),
-                 std::exit(5)), ::testing::ExitedWithCode(4), "");
+    EXPECT_EXIT((KTThreadPool::QueueUserWorkItem(
+                     [](void*) {
+                         std::exit(4);
+                         return 1;
+                     },
+                     nullptr, 0),
+                 std::this_thread::sleep_for(60s), std::exit(5)),
+                ::testing::ExitedWithCode(4), "");
     EXPECT_EXIT(
         {
             CoreCount cc(4);
@@ -344,7 +362,8 @@ TEST(RuntimePoolDeathTest, ExitAndShutdown) {
             runCounted(w, 1);  // warm the pool
             const int workers = KTThreadPool::GetThreadCount();
             for (int i = 0; i < workers; ++i)
-                KTThreadPool::QueueUserWorkItem([](void*) { return ++blocking, std::this_thread::sleep_for(500ms), 1; }, nullptr, 0);
+                KTThreadPool::QueueUserWorkItem([](void*) { return ++blocking, std::this_thread::sleep_for(500ms), 1; },
+                                                nullptr, 0);
             waitUntil([&] { return blocking.load() == workers; });
             std::atomic<int> ran{0};
             w.Create(5, 0, 0);
@@ -360,13 +379,16 @@ TEST(RuntimeCriticalSection, FrameAndMutualExclusion) {
     CRITICAL_SECTION cs{};
     const long live = fi::liveBlocks();
     std::atomic<int> other{0};
-    expectAll({IS(K_IntInitializeCriticalSection(nullptr), KS_INVALID_PARAMETER), IS(K_IntEnterCriticalSection(nullptr), KS_INVALID_PARAMETER),
+    expectAll({IS(K_IntInitializeCriticalSection(nullptr), KS_INVALID_PARAMETER),
+               IS(K_IntEnterCriticalSection(nullptr), KS_INVALID_PARAMETER),
                IS(K_IntLeaveCriticalSection(nullptr), KS_INVALID_PARAMETER),
                IS(K_IntEnterCriticalSection(&cs), KS_INVALID_PARAMETER) /* not initialised */,
-               IS(K_IntDeleteCriticalSection(nullptr), KS_NULL_POINTER), IS(K_IntDeleteCriticalSection(&cs), KS_SUCCESS),
-               IS((fi::arm(0, 1), K_IntInitializeCriticalSection(&cs)), KS_NO_MEMORY), IS((fi::disarm(), cs.pLock == nullptr), 1),
-               IS(K_IntInitializeCriticalSection(&cs), 1), IS(cs.pLock != nullptr, 1), IS(K_IntEnterCriticalSection(&cs), 1),
-               IS(K_IntEnterCriticalSection(&cs), 1), IS((std::thread([&] { other = K_IntLeaveCriticalSection(&cs); }).join(), other.load()), KS_INTERNAL),
+               IS(K_IntDeleteCriticalSection(nullptr), KS_NULL_POINTER),
+               IS(K_IntDeleteCriticalSection(&cs), KS_SUCCESS),
+               IS((fi::arm(0, 1), K_IntInitializeCriticalSection(&cs)), KS_NO_MEMORY),
+               IS((fi::disarm(), cs.pLock == nullptr), 1), IS(K_IntInitializeCriticalSection(&cs), 1),
+               IS(cs.pLock != nullptr, 1), IS(K_IntEnterCriticalSection(&cs), 1), IS(K_IntEnterCriticalSection(&cs), 1),
+               IS((std::thread([&] { other = K_IntLeaveCriticalSection(&cs); }).join(), other.load()), KS_INTERNAL),
                IS(K_IntLeaveCriticalSection(&cs), 1), IS(K_IntLeaveCriticalSection(&cs), 1),
                IS(K_IntLeaveCriticalSection(&cs), KS_INTERNAL) /* no longer owned */});
     long counter = 0;
@@ -380,7 +402,8 @@ TEST(RuntimeCriticalSection, FrameAndMutualExclusion) {
             }
         });
     for (auto& t : ts) t.join();
-    expectAll({IS(counter, 80000), IS(K_IntDeleteCriticalSection(&cs), 1), IS(cs.pLock == nullptr, 1), IS(fi::liveBlocks(), live)});
+    expectAll({IS(counter, 80000), IS(K_IntDeleteCriticalSection(&cs), 1), IS(cs.pLock == nullptr, 1),
+               IS(fi::liveBlocks(), live)});
 }
 
 struct StatusHook {  // installs a status callback for the calling thread and restores the old one
@@ -411,7 +434,13 @@ TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
         std::vector<std::atomic<int>> hits(h);
         krn::ParallelOptions many;
         many.bytesPerRow = 0;  // unknown: never counted as small
-        ASSERT_EQ(krn::parallelRows(h, [&](int32_t y0, int32_t y1, int32_t) { return pixelRows(src.data(), serial.data(), w, y0, y1), 1; }, threads(1)), 1);
+        ASSERT_EQ(krn::parallelRows(
+                      h,
+                      [&](int32_t y0, int32_t y1, int32_t) {
+                          return pixelRows(src.data(), serial.data(), w, y0, y1), 1;
+                      },
+                      threads(1)),
+                  1);
         const int32_t slots = krn::parallelMaxSlots();
         std::vector<std::atomic<int>> busy(slots);
         std::atomic<int> bad{0};
@@ -488,20 +517,29 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
             const int32_t r = krn::parallelRows(4000, [&](int32_t y0, int32_t y1, int32_t) {
                 afterReturn += returned.load();
                 // Helpers hold their first band until the stop was answered, so the caller alone reaches 30%.
-                while (std::this_thread::get_id() != log.caller && !log.stopGiven.load()) std::this_thread::sleep_for(100us);
+                while (std::this_thread::get_id() != log.caller && !log.stopGiven.load())
+                    std::this_thread::sleep_for(100us);
                 return rows += y1 - y0, 1;
             }, threads(n));
             returned = true;
             EXPECT_EQ(r, answer);
             // The caller's bands up to 30% plus at most one band held by each helper (bands are 1/64).
-            EXPECT_LE(rows.load(), 4000 * 31 / 100 + krn::parallelMaxSlots(threads(n)) * ((4000 + 63) / 64)) << "stopped late";
+            EXPECT_LE(rows.load(), 4000 * 31 / 100 + krn::parallelMaxSlots(threads(n)) * ((4000 + 63) / 64))
+                << "stopped late";
             EXPECT_TRUE(log.seen.back() >= 30 && afterReturn.load() == 0);
         }
         std::atomic<int> rows{0};
-        EXPECT_EQ(krn::parallelRows(5000, [&](int32_t y0, int32_t y1, int32_t) { return rows += y1 - y0, (y0 <= 1000 && 1000 < y1) ? -7 : 1; }, threads(n)), -7);
+        EXPECT_EQ(krn::parallelRows(
+                      5000,
+                      [&](int32_t y0, int32_t y1, int32_t) {
+                          return rows += y1 - y0, (y0 <= 1000 && 1000 < y1) ? -7 : 1;
+                      },
+                      threads(n)),
+                  -7);
         EXPECT_TRUE(n == 0 || rows.load() < 5000 / 2) << "bands ran after the failing one";
     }
-    EXPECT_EQ(krn::parallelRows(10, [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); }), KS_NO_MEMORY);
+    EXPECT_EQ(krn::parallelRows(10, [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); }),
+              KS_NO_MEMORY);
     ProgressLog log;  // a stop on the very first report runs nothing
     log.stopAt = 0;
     StatusHook hook(logProgress, &log);
@@ -510,12 +548,18 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
     EXPECT_EQ(calls, 0);
 }
 
-// Small jobs, one processor and calls from inside a pool item stay on the caller (nested calls do not wait on the pool).
+// Small jobs, one processor and calls from inside a pool item stay on the caller (nested calls do not wait on the
+// pool).
 TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
     auto onlyCaller = [](const krn::ParallelOptions& o, int h) {
         const std::thread::id me = std::this_thread::get_id();
         std::atomic<bool> foreign{false};
-        krn::parallelRows(h, [&](int32_t, int32_t, int32_t slot) { return foreign = foreign || std::this_thread::get_id() != me || slot != 0, 1; }, o);
+        krn::parallelRows(
+            h,
+            [&](int32_t, int32_t, int32_t slot) {
+                return foreign = foreign || std::this_thread::get_id() != me || slot != 0, 1;
+            },
+            o);
         return !foreign.load();
     };
     {
@@ -533,7 +577,9 @@ TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
         w.QueueItem([](KTWorkItems*, void* d) {
             const std::thread::id me = std::this_thread::get_id();
             bool serial = true;
-            const int32_t r = krn::parallelRows(2000, [&](int32_t, int32_t, int32_t) { return serial = serial && std::this_thread::get_id() == me, 1; });
+            const int32_t r = krn::parallelRows(2000, [&](int32_t, int32_t, int32_t) {
+                return serial = serial && std::this_thread::get_id() == me, 1;
+            });
             return *static_cast<std::atomic<int>*>(d) += r == 1 && serial, 1;
         }, &done);
     w.Wait();

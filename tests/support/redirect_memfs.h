@@ -61,7 +61,8 @@ public:
         fs->openModes.push_back(mode);
         fs->openNames.push_back(n);
         const bool exists = fs->files.count(n) != 0, create = mode & REDIRECT_OPEN_CREATE;
-        if (fs->opens == fs->failOpenAt || (!exists && !create) || (exists && create && (mode & REDIRECT_OPEN_EXCLUSIVE)))
+        if (fs->opens == fs->failOpenAt || (!exists && !create) ||
+            (exists && create && (mode & REDIRECT_OPEN_EXCLUSIVE)))
             return OMBRIX_INVALID_FILE;
         if (!exists || (mode & REDIRECT_OPEN_TRUNCATE)) fs->files[n].clear();
         fs->handles_.push_back(std::make_unique<Handle>(Handle{n, 0, mode}));
