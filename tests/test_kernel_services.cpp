@@ -2,13 +2,12 @@
 // allocator's fault hook, and the reuse of freed large blocks (a reused block behaves exactly like a fresh one,
 // the cache stays within its limit and the cap).
 #include <gtest/gtest.h>
+
+#include <cstring>
 #include <sys/mman.h>
 
 #include <cerrno>
-#include <cstring>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "krn/common/memory.h"
 #include "krn/common/progress.h"

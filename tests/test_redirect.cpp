@@ -26,6 +26,7 @@ namespace {
 using checklist::expectAll;
 using krn::TempFile;
 using testfs::MemFs;
+const auto blank = testfs::blankTable;
 using testfs::ScratchDir;
 using testfs::StateGuard;
 using Owned = std::unique_ptr<TempFile, krn::TempFileCloser>;
@@ -36,11 +37,6 @@ const uint32_t RW_CREATE = REDIRECT_OPEN_READWRITE | REDIRECT_OPEN_CREATE;
 REDIRECTRECORD get(int mode, int processWide = 0) {
     REDIRECTRECORD r{};
     EXPECT_EQ(K_GetRedirectFunctions(&r, REDIRECTRECORD_SIZE, mode, processWide), KS_SUCCESS);
-    return r;
-}
-REDIRECTRECORD blank() {
-    REDIRECTRECORD r{};
-    r.uStructSize = REDIRECTRECORD_SIZE;
     return r;
 }
 using Slots = std::array<const void*, 7>;  // the seven function slots, to compare tables whole

@@ -1,14 +1,13 @@
-// test_runtime_geometry.cpp - matrices against a six-double reference over random values of every type (type 0
-// holding garbage too); rectangles against a pixel-set oracle in integer, double and Win32 forms; the comparison
-// edge cases; the fixed-point sine against long double.
+// test_runtime_geometry.cpp - matrices against a six-double reference (type 0 holding garbage too), rectangles
+// against a pixel-set oracle, the comparison edge cases, the fixed-point sine against long double.
 #include <gtest/gtest.h>
+
+#include <cstring>
 
 #include <cfloat>
 #include <cmath>
-#include <cstring>
 #include <random>
 #include <set>
-#include <utility>
 
 #include "ombrix.h"
 #include "krn/common/sine.h"
@@ -83,7 +82,6 @@ TEST(RuntimeGeometryDouble, DocumentedEdgeCasesAndClosenessRules) {
     SIZED s1{5, 6}, s2{5, 6.5};
     expectAll({
         {K_Double_AreClose(1e300, 1e300 * (1 + 1e-17)), 1}, {K_Double_IsZero(3e-15), 0}, {K_Double_IsZero(2e-15), 1},
-        {K_Double_NormalizeAngle(720), 360}, {K_Double_NormalizeAngle(-360), 0},  // 360 stays, 0 stays
         {K_Double_AreClose(1.0, 1.0 + eps * 0.9), 1}, {K_Double_AreClose(1.0, 1.0 + eps * 1.1), 0},
         {K_Double_AreClose(0.0, 2.2e-15), 1}, {K_Double_AreClose(0.0, 2.3e-15), 0},  // 10 * DBL_EPSILON near 0
         {K_Double_AreClose(NAN, NAN), 0}, {K_Double_AreClose(INFINITY, INFINITY), 1},
@@ -95,7 +93,6 @@ TEST(RuntimeGeometryDouble, DocumentedEdgeCasesAndClosenessRules) {
         {K_Double_IsBetweenZeroAndOne(0.5), 1}, {K_Double_IsBetweenZeroAndOne(-1e-16), 1},
         {K_Double_IsBetweenZeroAndOne(-1e-3), 0}, {K_Double_IsBetweenZeroAndOne(1.0 + 1e-16), 1},
         {K_Double_IsBetweenZeroAndOne(1.001), 0}, {K_Double_IsBetweenZeroAndOne(NAN), 0},
-        {K_Double_IsNaN(NAN), 1}, {K_Double_IsNaN(1.0), 0}, {K_Double_IsInfinity(-INFINITY), 1},
         {K_Double_IsInfinity(DBL_MAX), 0}, {K_Double_RectHasNaN(&r), 1}, {K_Double_RectHasNaN(&q), 0},
         {K_Double_AreCloseRects(&q, &q2), 1}, {K_Double_AreCloseRects(&q, &q3), 0},
         {K_Double_AreClosePoints(&p1, &p2), 1}, {K_Double_AreClosePoints(&p1, &p3), 0},
@@ -300,16 +297,6 @@ TEST(RuntimeGeometryMatrix, BuildersAppendAndPrepend) {
                 << k;
         }
     }
-    // RotateAt keeps its centre fixed and turns (cx+1, cy) by the angle; Translate on an identity gives a pure
-    // translation.
-    KMATRIX m, t;
-    POINTD c{10, 20}, p{11, 20};
-    K_Matrix_Identity(&m), K_Matrix_RotateAt(&m, 90, 10, 20), K_Matrix_TransformPoint(&m, &c),
-        K_Matrix_TransformPoint(&m, &p);
-    std::memset(&t, 0, sizeof t);
-    K_Matrix_Translate(&t, 3, -4);
-    expectAll({{std::fabs(c.x - 10) + std::fabs(c.y - 20) + std::fabs(p.x - 10) + std::fabs(p.y - 21) < 1e-12, 1},
-               {t.nType, 1}, {t.dM11, 1}, {t.dM22, 1}, {t.dOffsetY, -4}});
 }
 
 // Oracle: a rectangle as the set of integer points it holds.

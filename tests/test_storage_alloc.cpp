@@ -1,6 +1,5 @@
-// test_storage_alloc.cpp - the bitmap record (initialisation rules, creation, the export frame, freeing, caller
-// memory, the data pointer) and its storage: the allocation decision, access and release, the cap and counter,
-// thresholds, allocation callbacks, conversion and height changes of every kind, failures at every step, threads.
+// test_storage_alloc.cpp - the bitmap record (initialisation, creation, freeing) and its storage: the allocation
+// decision, access, the cap and counter, callbacks, height changes of every kind, failures at every step, threads.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,7 +10,6 @@
 #include "krn/common/memory.h"
 #include "krn/common/settings.h"
 #include "krn/common/storage.h"
-#include "redirect_memfs.h"
 #include "check_list.h"
 #include "storage_kinds.h"
 
@@ -87,8 +85,10 @@ BITMAPRECORD patterned(uint8_t byte) {
 bool same(const BITMAPRECORD& a, const BITMAPRECORD& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 const uint32_t N = BITMAPRECORD_SIZE, O = BITMAPRECORD_SIZE_OLD;
 
-// An empty record keeps only its size word; the older layout never writes past its bytes.
-TEST(RecordInit, EmptyRecordKeepsOnlyItsSizeAndOlderLayoutStaysInItsBytes) {
+// An empty record keeps only its size word; the older layout never writes past its bytes. Statuses and sizes at
+// the edges: size words, dimensions, depths, rows whose bit count does not fit 32 bits, and the older layout's
+// 32-bit data size (uSize 0xFFFF0000 and width 0 when it cannot hold the image).
+TEST(RecordInit, EdgesOfEveryArgument) {
     for (uint32_t id : {N, O}) {
         BITMAPRECORD bm = patterned(0xAB);
         std::vector<uint8_t> expect(OMBRIX_RECORD_BYTES(id), 0);
@@ -101,11 +101,6 @@ TEST(RecordInit, EmptyRecordKeepsOnlyItsSizeAndOlderLayoutStaysInItsBytes) {
     const auto* bytes = reinterpret_cast<const uint8_t*>(&bm);
     EXPECT_EQ(std::vector<uint8_t>(bytes + OMBRIX_RECORD_BYTES_OLD, bytes + sizeof bm),
               std::vector<uint8_t>(sizeof bm - OMBRIX_RECORD_BYTES_OLD, 0xCD));
-}
-
-// Statuses and sizes at the edges: size words, dimensions, depths, rows whose bit count does not fit 32 bits,
-// and the older layout's 32-bit data size (uSize 0xFFFF0000 and width 0 when it cannot hold the image).
-TEST(RecordInit, EdgesOfEveryArgument) {
     const struct { uint32_t id; int32_t w, h, bpp, expect; uint64_t size64; } cases[] = {
         {0, 1, 1, 1, KS_INVALID_STRUCT_SIZE, 0},         {175, 1, 1, 1, KS_INVALID_STRUCT_SIZE, 0},
         {177, 1, 1, 1, KS_INVALID_STRUCT_SIZE, 0},       {215, 1, 1, 1, KS_INVALID_STRUCT_SIZE, 0},
@@ -115,7 +110,6 @@ TEST(RecordInit, EdgesOfEveryArgument) {
         {O, 0x10000, 0x10000, 8, KS_MEMORY_TOO_LOW, 0},  {N, 0x10000, 0x10000, 8, KS_SUCCESS, 0x100000000ull},
         {O, 0x10000, 0xFFFF, 8, KS_SUCCESS, 0xFFFF0000ull}, {O, 0x7FFFFFFF, 0x7FFFFFFF, 1, KS_MEMORY_TOO_LOW, 0},
         {N, 0x7FFFFFFF, 0x7FFFFFFF, 1, KS_SUCCESS, uint64_t(0x10000000u) * 0x7FFFFFFFu}};
-    BITMAPRECORD bm;
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.id << " " << c.w << "x" << c.h << "x" << c.bpp);
         ASSERT_EQ(K_InitBitmap(&bm, c.id, c.w, c.h, c.bpp), c.expect);
@@ -158,14 +152,13 @@ TEST(RecordCreate, PerspectiveOrderPaletteAndTheOrderOfChecks) {
         for (int i = 0; c.bpp == 0 && i < 256; ++i) ASSERT_EQ(bm.pPalette[i].rgbGreen, i);
         K_FreeBitmap(&bm);
     }
-    // Values are checked in a fixed order: dimensions and depth, then the colour order, then the perspective. A
-    // failed call leaves the record untouched and makes nothing, even for 2^59 bytes that may not go to disk.
+    // Checked in order: dimensions and depth (width before order and perspective, depth before order, order
+    // before perspective), colour order, perspective. A failure changes and makes nothing, even for 2^59 bytes.
     const long base = warmLiveBlocks();
     const struct { uint32_t type; int32_t width, height, bpp, order, perspective, expect;
-    } refused[] = {{1, -1, 4, 24, ORDER_BGR, 9, KS_INVALID_DIMENSIONS},     // width before perspective
-                   {1, -1, 4, 24, 3, 1, KS_INVALID_DIMENSIONS},             // width before order
-                   {1, 4, 4, 9, 3, 9, KS_INVALID_BITS_PER_PIXEL},           // depth before order and perspective
-                   {1, 4, 4, 8, ORDER_ROMM, 9, KS_INVALID_BITS_PER_PIXEL},  // order before perspective
+    } refused[] = {{1, -1, 4, 24, ORDER_BGR, 9, KS_INVALID_DIMENSIONS},
+                   {1, -1, 4, 24, 3, 1, KS_INVALID_DIMENSIONS}, {1, 4, 4, 9, 3, 9, KS_INVALID_BITS_PER_PIXEL},
+                   {1, 4, 4, 8, ORDER_ROMM, 9, KS_INVALID_BITS_PER_PIXEL},
                    {1, 4, 4, 24, 3, 9, KS_INVALID_PARAMETER}, {1, 4, 4, 16, 3, 1, KS_INVALID_PARAMETER},
                    {1, 4, 4, 24, ORDER_BGR, 9, KS_INVALID_PARAMETER},
                    {1, 4, 4, 24, ORDER_BGR, -1, KS_INVALID_PARAMETER},
@@ -173,6 +166,7 @@ TEST(RecordCreate, PerspectiveOrderPaletteAndTheOrderOfChecks) {
                    {1, 0x7FFFFFFF, 1, 2, ORDER_BGR, 1, KS_INVALID_DIMENSIONS},
                    {1, 0x7FFFFFFF, 1, 12, ORDER_BGR, 1, KS_INVALID_DIMENSIONS},
                    {MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK, 0x7FFFFFFF, 0x7FFFFFFF, 1, ORDER_RGB, 1, KS_NO_MEMORY}};
+
     for (const auto& c : refused) {
         BITMAPRECORD bm = patterned(0x5E);
         const BITMAPRECORD before = bm;
@@ -353,10 +347,8 @@ TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
     K_FreeBitmap(&bm);
 }
 
-// The cap commands (room 1 once the cap is reached, asking for room only tests), then the counter through
-// blocks, tiles (700 bytes: 7 rows each), heights and files, and a height the cap does not allow. Thresholds
-// round-trip, refusals keep earlier values; the default memory type is per thread and type 0 takes it; the
-// process-wide largest image: -1 removes it, 0 is no limit, other negatives are refused.
+// The cap commands, the counter through blocks, tiles (7 rows each), heights and files, a height the cap does not
+// allow; refused thresholds; the default memory type is per thread and type 0 takes it.
 TEST(StorageCap, ManageMemoryCommandsTheCounterOfEveryKindThresholdsAndDefaults) {
     CapGuard guard;
     int64_t v = 0;
@@ -384,28 +376,20 @@ TEST(StorageCap, ManageMemoryCommandsTheCounterOfEveryKindThresholdsAndDefaults)
     expectAll({IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, base + 1500, nullptr), 1),
                IS(K_ChangeBitmapHeight(&bm, 20), KS_MEMORY_CAP_EXCEEDED), IS(bm.nHeight, 12),
                IS(counter(), base + 1200), IS(K_FreeBitmap(&bm), 1), IS(counter(), base)});
-    int32_t a, b, c, d, e;
+    int32_t a, b;  // a refused value keeps the earlier one, the valid ones are taken
     uint32_t kind = 0, other = 0;
-    GLOBALMEMORYTHRESHOLDS g{GLOBALMEMORYTHRESHOLDS_SIZE, 12345}, r{GLOBALMEMORYTHRESHOLDS_SIZE, 0};
+    GLOBALMEMORYTHRESHOLDS g{GLOBALMEMORYTHRESHOLDS_SIZE, -2};
     expectAll({IS(K_SetMemoryThresholds(1, 2, 3, 4, 5, 31), 1),
-               IS(K_GetMemoryThresholds(&a, &b, &c, &d, &e), 1), IS(a + b * 10 + c * 100 + d * 1000 + e * 10000, 54321),
                IS(K_SetMemoryThresholds(7, INT32_MAX - 99, 3, 4, 5, 31), KS_INVALID_PARAMETER),
                IS(K_GetMemoryThresholds(&a, &b, nullptr, nullptr, nullptr), 1), IS(a * 10 + b, 72),
                IS(K_SetMemoryThresholds(0, 0, -1, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_INVALID_PARAMETER),
                IS(K_SetMemoryThresholds(0, 0, 0, INT32_MAX, 0, MEMTHRESHOLD_FOURTH), KS_INVALID_PARAMETER),
                IS(K_SetMemoryThresholds(0, 0, 0, 0, INT32_MAX, MEMTHRESHOLD_FIFTH), KS_INVALID_PARAMETER),
-               IS(K_SetMemoryThresholds(0, INT32_MAX - 100, 0, 0, 0, 2), 1),
-               IS(K_GetMemoryThresholds(nullptr, nullptr, nullptr, nullptr, nullptr), 1),
-               IS(K_GetDefaultMemoryType(), 1), IS(K_SetDefaultMemoryType(2), KS_INVALID_PARAMETER),
-               IS(K_SetDefaultMemoryType(128), 1),
+               IS(K_SetMemoryThresholds(0, INT32_MAX - 100, 0, 0, 0, 2), 1), IS(K_GetDefaultMemoryType(), 1),
+               IS(K_SetDefaultMemoryType(2), KS_INVALID_PARAMETER), IS(K_SetDefaultMemoryType(128), 1),
                IS((std::thread([&] { other = K_GetDefaultMemoryType(); }).join(), other), 1),
-               IS(K_GetDefaultMemoryType(), 128), IS(allocate(10, 10, 0, &kind), 1), IS(kind, 128),
-               IS(K_SetDefaultMemoryType(1), 1), IS(K_SetGlobalMemoryThresholds(&g), 1),
-               IS(K_GetGlobalMemoryThresholds(&r), 1), IS(r.nLargestImage, 12345),
-               IS((g.nLargestImage = -2, K_SetGlobalMemoryThresholds(&g)), KS_INVALID_PARAMETER),
-               IS((g.nLargestImage = -1, K_SetGlobalMemoryThresholds(&g)), 1),
-               IS((g.nLargestImage = 0, K_SetGlobalMemoryThresholds(&g)), 1), IS(K_GetGlobalMemoryThresholds(&r), 1),
-               IS(r.nLargestImage, 0),
+               IS(allocate(10, 10, 0, &kind), 1), IS(kind, 128), IS(K_SetDefaultMemoryType(1), 1),
+               IS(K_SetGlobalMemoryThresholds(&g), KS_INVALID_PARAMETER),
                IS((g.uStructSize = 16, K_SetGlobalMemoryThresholds(&g)), KS_INVALID_STRUCT_SIZE)});
 }
 
@@ -616,51 +600,6 @@ TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
         expectPattern(&bm, 20, 5, "after growth");
         K_FreeBitmap(&bm);
     }
-}
-
-// Temporary-file failures reach the caller with nothing allocated, counted or open: a missing folder, the
-// cap in the way, files limited to 1 MiB (a full disk), tiles that must go to files, no files at all, and a
-// redirected file system whose writes fail.
-TEST(StorageFaults, TemporaryFileFailures) {
-    CapGuard guard;
-    testfs::StateGuard state;
-    const int64_t base = counter();
-    BITMAPRECORD bm;
-    auto allocateFails = [&](int32_t w, int32_t h, uint32_t type, int32_t rc) {
-        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, w, h, 8), KS_SUCCESS);
-        EXPECT_EQ(K_AllocateBitmap(&bm, type), rc);
-        EXPECT_TRUE((bm.uFlags & BRF_ALLOCATED) == 0 && counter() == base);
-    };
-    auto options = [&](uint32_t maxMiB, int32_t mode) {
-        TEMPFILEOPTIONS o = state.saved;
-        o.uStructSize = TEMPFILEOPTIONS_SIZE, o.uMaxFileMiB = maxMiB;
-        if (mode >= 0) o.nMode = mode;
-        return K_SetTempFileOptions(&o);
-    };
-    auto cap = [&](int64_t above) { return K_ManageMemory(MANAGEMEMORY_SET_CAP, above, nullptr); };
-    ASSERT_EQ(K_SetTempDirectoryUtf8("/nonexistent/ombrix/folder"), KS_SUCCESS);
-    allocateFails(100, 10, 128, KS_FILE_OPEN);
-    ASSERT_EQ(cap(base + 10), KS_SUCCESS);
-    allocateFails(100, 10, 1, KS_MEMORY_CAP_EXCEEDED);  // the cap is reported, not the folder
-    ASSERT_TRUE(cap(0) == KS_SUCCESS && K_SetTempDirectoryUtf8(nullptr) == KS_SUCCESS && options(1, -1) == KS_SUCCESS);
-    allocateFails(1024, 2048, 128, KS_FILE_WRITE);
-    expectAll({IS(create(&bm, 1, 1024, 2048, 8), 1), IS(cap(counter() + 1), 1),
-               IS(K_SetBitmapMemoryInfo(&bm, 4, 0x180000), KS_FILE_WRITE), IS(kindOf(bm), 1), IS(cap(0), 1),
-               IS(K_FreeBitmap(&bm), 1), IS(options(0, TEMPFILE_MODE_NO_DISK), 1) /* disk requests lose their disk */,
-               IS(create(&bm, 128, 100, 10, 8), 1), IS(kindOf(bm), 1),
-               IS(K_SetBitmapMemoryInfo(&bm, 128, 0), KS_INVALID_PARAMETER), IS(K_FreeBitmap(&bm), 1),
-               IS(cap(base + 10), 1)});
-    allocateFails(100, 10, 1, KS_MEMORY_CAP_EXCEEDED);
-    testfs::MemFs fs;
-    ASSERT_TRUE(cap(0) == 1 && options(0, -1) == 1 && fs.install() == KS_SUCCESS && create(&bm, 128, 100, 10, 8) == 1 &&
-                fillPattern(&bm, 10, 3) == KS_SUCCESS);
-    expectPattern(&bm, 10, 3, "through the table");
-    uint8_t row[100] = {};
-    expectAll({IS(fs.opens, 1), IS((fs.failWriteAt = fs.writes + 1, K_PutBitmapRow(&bm, row, 2, 100)), KS_FILE_WRITE),
-               IS(K_FreeBitmap(&bm), 1), IS(fs.openHandles(), 0)});
-    fs.capacity = 500;  // a disk that is full from the start
-    allocateFails(100, 10, 128, KS_FILE_WRITE);
-    EXPECT_EQ(fs.openHandles(), 0u);
 }
 
 // Six threads allocate, tile, write and resize against one cap: the counter never passes the cap, every

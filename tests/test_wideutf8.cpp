@@ -1,11 +1,6 @@
-// test_wideutf8.cpp - strict UTF-8 / UTF-16 / UTF-32 / wchar_t conversion: every scalar round trips and
-// matches a plain reference encoder; every 1-, 2- and 3-byte sequence is accepted exactly when the reference
-// says it is canonical; malformed input is refused; short outputs keep whole characters.
+// test_wideutf8.cpp - strict UTF-8 / UTF-16 / UTF-32 / wchar_t conversion against a plain reference encoder;
+// every short sequence accepted exactly when canonical; malformed input refused; short outputs keep characters.
 #include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "check_list.h"
 #include "ombrix.h"
@@ -89,21 +84,16 @@ TEST(WideUtf8Sequences, EveryShortSequenceAgreesWithReference) {
     EXPECT_EQ(accepted, 0x10000 - 0x800 - 0x800);  // 0x800..0xFFFF minus the 2048 surrogates
 }
 
-// Malformed input is refused with the position of the first bad byte; the exported form writes nothing but the
-// terminator.
+// Malformed input (beyond the single short sequences swept above) is refused with the position of the first bad
+// byte; the exported form writes nothing but the terminator. Valid input: the scalar round trip.
 TEST(WideUtf8Malformed, RefusedWithPosition) {
     const struct { std::string bytes; size_t errorAt; const char* what; } cases[] = {
-        {"\xC0\x80", 0, "overlong NUL"},                 {"a\xC1\xBF", 1, "overlong 2-byte"},
-        {"ab\xE0\x80\x80", 2, "overlong 3-byte"},       {"\xE0\x9F\xBF", 0, "overlong just below U+0800"},
-        {"\xF0\x80\x80\x80", 0, "overlong 4-byte"},     {"\xF0\x8F\xBF\xBF", 0, "overlong just below U+10000"},
-        {"\xED\xA0\x80", 0, "high surrogate"},          {"x\xED\xBF\xBF", 1, "low surrogate"},
-        {"\xED\xA0\xBD\xED\xB8\x80", 0, "CESU pair"},  {"\xF4\x90\x80\x80", 0, "above U+10FFFF"},
-        {"\xF5\x80\x80\x80", 0, "lead F5"},             {"\xFE", 0, "FE"},
-        {"\xFF", 0, "FF"},                              {"\x80", 0, "stray continuation"},
-        {"abc\xBF", 3, "stray continuation late"},      {"\xE2\x82", 0, "cut short 3-byte"},
-        {"ok\xF0\x9F\x98", 2, "cut short 4-byte"},      {"\xC3", 0, "cut short 2-byte"},
-        {"\xE2\x28\xA1", 0, "bad continuation"},        {"\xF8\x88\x80\x80\x80", 0, "5-byte form"},
-    };
+        {"a\xC1\xBF", 1, "overlong 2-byte"}, {"ab\xE0\x80\x80", 2, "overlong 3-byte"},
+        {"\xF0\x80\x80\x80", 0, "overlong 4-byte"}, {"\xF0\x8F\xBF\xBF", 0, "overlong just below U+10000"},
+        {"x\xED\xBF\xBF", 1, "low surrogate"}, {"\xED\xA0\xBD\xED\xB8\x80", 0, "CESU pair"},
+        {"\xF4\x90\x80\x80", 0, "above U+10FFFF"}, {"\xF5\x80\x80\x80", 0, "lead F5"},
+        {"abc\xBF", 3, "stray continuation late"}, {"ok\xF0\x9F\x98", 2, "cut short 4-byte"},
+        {"\xF8\x88\x80\x80\x80", 0, "5-byte form"}};
     for (const auto& c : cases) {
         const UtfResult r = utf8ToUtf16(c.bytes.data(), c.bytes.size(), nullptr, 0);
         wchar_t w[16];
@@ -114,9 +104,6 @@ TEST(WideUtf8Malformed, RefusedWithPosition) {
                     n == 0u && w[0] == L'\0')
             << c.what << " at " << r.errorAt;
     }
-    for (const char* g : {"\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80", "\xEF\xBF\xBF",
-                          "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"})  // edges that are valid
-        EXPECT_EQ(utf8ToUtf32(g, std::strlen(g), nullptr, 0).status, kUtfOk) << g;
     // UTF-16 and UTF-32 refusals: lone and reversed surrogates, values past U+10FFFF.
     for (const std::u16string& s : {std::u16string(u"\xD800"), std::u16string(u"a\xDC00"),
                                     std::u16string(u"\xD800") + u"b", std::u16string(u"\xDBFF\xDBFF\xDC00")})
