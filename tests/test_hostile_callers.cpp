@@ -1,5 +1,4 @@
-// test_hostile_callers.cpp - far-out coordinates, threads whose first call meets a failed allocation, and
-// bitmaps larger than the memory the process may use.
+// test_hostile_callers.cpp - far-out coordinates, first calls meeting failed allocations, images beyond memory.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -21,9 +20,8 @@ const int32_t kFar[] = {INT32_MIN, INT32_MIN + 1, -1000000000,   -2,       -1, 0
                         30,        1000000000,    INT32_MAX - 1, INT32_MAX};
 bool fits32(int64_t v) { return v >= INT32_MIN && v <= INT32_MAX; }
 
-// Far-out values against an affine model: each output coordinate is one input coordinate, plus or minus, plus
-// a constant. The model is measured with the library on small, safe inputs and extrapolated in 64 bits: a
-// result that does not fit 32 bits must be refused with the input unchanged; any other must equal the model.
+// Far-out values against an affine model (each output is one input, plus or minus, plus a constant) measured on
+// small inputs and extrapolated in 64 bits: a result that does not fit 32 bits is refused, input unchanged.
 using Call = int32_t (*)(int32_t from, int32_t w, int32_t h, int32_t to, int32_t* v);
 int32_t rectCall(int32_t from, int32_t w, int32_t h, int32_t to, int32_t* v) {
     RECT r{v[0], v[1], v[2], v[3]};
@@ -105,9 +103,8 @@ TEST(HostileRects, InflateAndOffsetAreExactOrRefused) {
     EXPECT_GT(refused, 50);
 }
 
-// Every allocation of a thread's first call fails in turn. The call returns success or -1, a failed creation
-// leaves the record unallocated, the thread still works with its own block or the process-wide one, and once
-// the thread has ended nothing is left allocated.
+// Every allocation of a thread's first call fails in turn: success or -1, a failed creation leaves the record
+// unallocated, the thread still works (own or process-wide block), nothing is left once it ended.
 TEST(HostileFirstCall, EachAllocationOfTheFirstCallOnAFreshThreadFailsInTurn) {
     K_GetDefaultXResolution();  // this thread's own block exists before the count
     const long before = krn::faultinject::liveBlocks();
@@ -137,15 +134,12 @@ TEST(HostileFirstCall, EachAllocationOfTheFirstCallOnAFreshThreadFailsInTurn) {
         if (injected == 0) break;  // walked past the last allocation of the call
         ASSERT_LT(n, 1000);
     }
-    // The failure of the first allocation leaves the thread on the fallback block, which the later call then
-    // replaces with the thread's own; the call allocates more than the settings block.
+    // The first allocation failing leaves the thread on the fallback block; the call allocates more than that.
     EXPECT_TRUE(sawOwn >= 1 && runs + 1 >= 3);
 }
 
-// Calls while a thread ends. A caller's thread-local object made before the kernel's per-thread block is
-// destroyed first: its destructor still sees the thread's own block. A caller's thread-specific key made after
-// the kernel's runs after that block is freed: the call uses the process-wide block. Neither leaks nor writes
-// to the process-wide block through the thread's own.
+// Calls while a thread ends: a thread-local object made before the kernel's block still sees the thread's own
+// block; a key destructor running after it uses the process-wide block. Neither leaks or writes through the other.
 int32_t g_resolutionAtThreadEnd = 0, g_lateSeen = -1;
 struct CallsKernelAtThreadEnd {
     bool touched = false;
@@ -209,8 +203,7 @@ uint64_t roundTrip(BITMAPRECORD& bm) {
            type == MEMTYPE_DISK ? uint64_t(tiles - onDisk) * tileSize : 0;
 }
 
-// The image that used to "succeed" as 1.16 TB of lazily zeroed tiles on a machine with far less memory and
-// disk: now refused at allocation.
+// An image of 1.16 TB on a machine with far less memory and disk is refused at allocation.
 TEST(HostileStorage, ImageLargerThanMemoryAndDiskIsRefusedAtAllocation) {
     Restore restore;
     char dir[4096];
@@ -229,9 +222,8 @@ TEST(HostileStorage, ImageLargerThanMemoryAndDiskIsRefusedAtAllocation) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
 }
 
-// Tiles stay in memory only up to the free memory less the memory to keep free; the rest go to temporary files, or the
-// allocation fails with -1 when files are not allowed. A height change past the free memory puts the new tiles in
-// files.
+// Tiles stay in memory up to the free memory less the reserve, the rest go to files, or -1 without files; a height
+// change past the free memory puts the new tiles in files.
 TEST(HostileStorage, TilesPastTheFreeMemoryGoToFilesOrFail) {
     Restore restore;
     ASSERT_EQ(K_SetMemoryThresholds(0, 0, 1 << 20, 0, 1, 0x1F), KS_SUCCESS);  // 1 MiB tiles, files allowed

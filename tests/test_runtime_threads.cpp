@@ -105,8 +105,8 @@ TEST_P(RuntimeLock, ItemsReleaseTheMatchingHold) {
                IS((l.Destroy(), l.IsCreated()), 0), IS(l.Create(), 1), IS(l.Create(), 1) /* tears the old one down */});
 }
 
-// Slim locks share readers; the critical-section fallback serialises them. A writer excludes readers in both.
-// Writers keep two plain fields equal under the exclusive hold; a reader that sees them differ proves a hole.
+// Slim locks share readers, the fallback serialises them; a writer excludes readers; under contention a reader
+// never sees the two fields the writers keep equal differ.
 TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThemAndContend) {
     KTReaderWriterLock l;
     ASSERT_EQ(l.Create(), 1);
@@ -150,8 +150,7 @@ TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThemAndContend) {
 INSTANTIATE_TEST_SUITE_P(Modes, RuntimeLock, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "SectionFallback" : "Slim"; });
 
-// Many items run once each; several owners at once; item results become the status only with
-// KTWI_ITEM_STATUS; re-creating and destroying reset it.
+// Items run once each, with several owners at once; item results become the status only with KTWI_ITEM_STATUS.
 TEST(RuntimeWorkItems, ItemsRunOnceAndResultsBecomeTheStatusOnlyWithFlag4) {
     CoreCount cc(4);
     KTWorkItems w;
@@ -184,8 +183,7 @@ struct CancelScene {
     std::atomic<int> laterRan{0};
 };
 
-// An item's -100 cancels what has not started while the running item finishes; later QueueItem calls run
-// nothing; Wait still returns. Items queued before a Cancel took effect are skipped when they start.
+// An item's -100 cancels what has not started, the running item finishes, later items never run, Wait returns.
 TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
     CoreCount cc(4);
     std::atomic<int> ran{0};
@@ -222,8 +220,7 @@ TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
     }
 }
 
-// Count 0 never signals by itself; 10 announced and 3 came: still waiting until Finish. Finish may
-// release the waiter while items still run; destroying the object then waits for them.
+// A count not reached waits until Finish; Finish may release the waiter early; destruction waits for running items.
 TEST(RuntimeWorkItems, FinishReleasesAWaiterAndDestroyWaitsForRunningItems) {
     CoreCount cc(4);
     for (uint32_t announced : {10u, 0u}) {
@@ -255,9 +252,8 @@ TEST(RuntimeWorkItems, FinishReleasesAWaiterAndDestroyWaitsForRunningItems) {
     EXPECT_EQ(finished.load(), 4);
 }
 
-// With KTWI_SINGLE_THREAD or one processor, items run inside QueueItem and their result is the status whatever
-// flag 4 says; -100 cancels later items. A QueueItem that runs out of memory (or gets no function) counts as
-// finished, so Wait does not hang; Create without memory makes no lock.
+// Single-thread mode or one processor: items run inside QueueItem, their result is the status, -100 cancels the
+// rest; a QueueItem without memory or function counts as finished; Create without memory makes no lock.
 TEST(RuntimeWorkItems, SingleThreadModeAndOutOfMemory) {
     for (int mode = 0; mode < 2; ++mode) {
         CoreCount cc(mode == 0 ? 4 : 1);
@@ -289,9 +285,8 @@ TEST(RuntimeWorkItems, SingleThreadModeAndOutOfMemory) {
                IS((fi::disarm(), w.GetLock().IsCreated()), 0), IS(fi::liveBlocks(), live)});
 }
 
-// The process ends promptly even with a long item on every worker and work queued, and when exit() is
-// called from inside an item. After the pool was shut down, requests run on the caller and work items
-// still complete; items the pool drops at shutdown never run but count as finished.
+// The process ends promptly with a long item on every worker, and on exit() inside an item; after shutdown
+// requests run on the caller, items the pool drops count as finished.
 TEST(RuntimePoolDeathTest, ExitAndShutdown) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto t0 = Clock::now();
@@ -395,8 +390,7 @@ krn::ParallelOptions threads(int n) {
     return o;
 }
 
-// Every row exactly once, a slot never runs two bands at once, the threaded run gives the serial image;
-// bad arguments and empty jobs.
+// Every row once, a slot never runs two bands at once, the threaded image equals the serial one; bad arguments.
 TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
     CoreCount cc(4);
     const int w = 97;
@@ -443,8 +437,7 @@ int32_t logProgress(int32_t pct, void* user) {
     return log->stopGiven = true, log->answer;
 }
 
-// Serial, threaded, and a sub-range for one pass of a longer operation: rising, from..to, on the caller's
-// thread; the copy callback only when asked.
+// Progress rises from..to on the caller's thread (serial, threaded, sub-range); the copy callback only when asked.
 TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
     CoreCount cc(4);
     for (auto [n, from, to] : {std::tuple{1, 0, 100}, {0, 0, 100}, {0, 50, 75}}) {
@@ -470,8 +463,7 @@ TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
     K_SetCopyStatusCallBack(oldFn, oldUser, nullptr, nullptr);
 }
 
-// A stop answer ends the job with that answer and nothing starts after it; the first band failure is the
-// result; exceptions become statuses.
+// A stop answer ends the job with that answer; the first band failure is the result; exceptions become statuses.
 TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
     CoreCount cc(4);
     for (int n : {1, 0}) {
@@ -510,8 +502,7 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
     EXPECT_EQ(calls, 0);
 }
 
-// Small jobs, one processor and calls from inside a pool item stay on the caller (nested calls do not wait on the
-// pool).
+// Small jobs, one processor and calls from inside a pool item stay on the caller.
 TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
     auto onlyCaller = [](const krn::ParallelOptions& o, int h) {
         const std::thread::id me = tid();

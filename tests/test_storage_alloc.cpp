@@ -38,8 +38,7 @@ BITMAPDATACALLBACKS callbacks(void* user) {
 int32_t create(BITMAPRECORD* bm, uint32_t type, int32_t w, int32_t h, int32_t bpp, int32_t order = 0) {
     return K_CreateBitmap(bm, BITMAPRECORD_SIZE, type, w, h, bpp, order, nullptr, 1, nullptr, 0);
 }
-// Allocates a w x h 8-bit record with `type`; on success *kind and the tiles receive its storage (the
-// bitmap is freed); a failure leaves it unallocated.
+// A w x h 8-bit record allocated with `type` (then freed): its storage kind and tiles, or unallocated.
 int32_t allocate(int32_t w, int32_t h, uint32_t type, uint32_t* kind = nullptr, int32_t* tiles = nullptr,
                  uint64_t* tileSize = nullptr) {
     BITMAPRECORD bm;
@@ -131,8 +130,7 @@ TEST(RecordInit, EdgesOfEveryArgument) {
     }
 }
 
-// Perspective 0 means top-left; depth 0 means 8-bit grey; grey order gets a ramp; a caller palette is
-// copied; no palette: the fixed one of the depth.
+// Perspective 0 means top-left, depth 0 8-bit grey; grey order gets a ramp, a caller palette is copied.
 TEST(RecordCreate, PerspectiveOrderPaletteAndTheOrderOfChecks) {
     RGBQUAD pal[16];
     for (int i = 0; i < 16; ++i) pal[i] = RGBQUAD{uint8_t(i), uint8_t(2 * i), uint8_t(3 * i), 0};
@@ -152,8 +150,7 @@ TEST(RecordCreate, PerspectiveOrderPaletteAndTheOrderOfChecks) {
         for (int i = 0; c.bpp == 0 && i < 256; ++i) ASSERT_EQ(bm.pPalette[i].rgbGreen, i);
         K_FreeBitmap(&bm);
     }
-    // Checked in order: dimensions and depth (width before order and perspective, depth before order, order
-    // before perspective), colour order, perspective. A failure changes and makes nothing, even for 2^59 bytes.
+    // Checked in order: dimensions, depth, colour order, perspective. A failure changes and makes nothing.
     const long base = warmLiveBlocks();
     const struct { uint32_t type; int32_t width, height, bpp, order, perspective, expect;
     } refused[] = {{1, -1, 4, 24, ORDER_BGR, 9, KS_INVALID_DIMENSIONS},
@@ -178,8 +175,8 @@ TEST(RecordCreate, PerspectiveOrderPaletteAndTheOrderOfChecks) {
     EXPECT_EQ(fi::liveBlocks(), base);
 }
 
-// K_FreeBitmap's order: region, palette and overlays go before the free callback is asked; storage, allocated
-// bit, LUT, extra data, callbacks and the dithering after it. The callback sees the record in that middle state.
+// K_FreeBitmap releases region, palette and overlays before asking the free callback, storage, LUT, extra data,
+// callbacks and dithering after it.
 struct FreeOrderSeen {
     int calls = 0;
     uint32_t state = 0;  // one bit per observation, all set when the order is right
@@ -223,8 +220,7 @@ TEST(RecordFree, OrderAroundTheFreeCallbackAndEverythingReleased) {
               1);
     expectAll({IS(K_FreeBitmap(&bm), 1), IS(seen.calls, 1),
                IS(bm.uFlags & (BRF_ALLOCATED | BRF_USER_MEMORY | BRF_CONVENTIONAL), 0), IS(fi::liveBlocks(), base)});
-    // A caller's movable block (locked on access, never freed by the kernel): releasing the record forgets
-    // the handle and its movable-block flag; the record then holds an ordinary block.
+    // A caller's movable block is locked on access, never freed; freeing forgets the handle and its flag.
     HGLOBAL h = K_GlobalAlloc(GMEM_MOVEABLE, 16 * 4);
     ASSERT_EQ(K_CreateBitmap(&bm, N, MEMTYPE_USER, 16, 4, 8, ORDER_RGB, nullptr, 1, nullptr, 0), 1);
     bm.hMemory = h;
@@ -264,9 +260,8 @@ TEST(StorageDecision, MemoryTypesAndTheKindEachGets) {
     }
 }
 
-// The cap, the thresholds and the free memory steer a 2000-byte image (100 x 20) between one block, tiles,
-// a file and a refusal. Each step sets the cap (above the counter, 0 = none), the thresholds named in
-// `which`, the free memory (0 = the real one) and the process-wide largest image (0 = none).
+// The cap, the thresholds, the free memory (0: the real one) and the process-wide largest image steer a 2000-byte
+// image between one block, tiles, a file and a refusal.
 TEST(StorageDecision, CapThresholdsAndFreeMemorySteerTheDecision) {
     CapGuard guard;
     struct Restore { ~Restore() { krn::testhook::setAvailableMemory(0); } } restore;
@@ -292,8 +287,7 @@ TEST(StorageDecision, CapThresholdsAndFreeMemorySteerTheDecision) {
         {0, 0, HUGE_, 0, KEEP | BIG, 0, 1000, 1, 20, OK, 128}, {0, 0, HUGE_, 0, KEEP | BIG, 0, 0, 1, 20, OK, 1},
         // Disk allowed and larger than the tile size: tiles (in memory here).
         {0, 0, 0, 500, TILE, 0, 0, 4, 20, OK, 4},
-        // Free memory less the reserve limits one block: 2000 bytes fit in 10000
-        // free less 7000 kept free, not in 10000 less 9000 (then: tiles).
+        // Free memory less the reserve limits one block (then: tiles).
         {0, 7000, 0, 0, KEEP | TILE, 10000, 0, 265, 20, OK, 1}, {0, 9000, 0, 0, KEEP, 10000, 0, 265, 20, NOMEM, 0},
         {0, 9000, 0, 0, KEEP, 10000, 0, 1, 20, OK, 4},
         // A percentage: the largest image is 15% of the 10000 free bytes.
@@ -317,8 +311,8 @@ TEST(StorageDecision, CapThresholdsAndFreeMemorySteerTheDecision) {
 int32_t onAccess(BITMAPRECORD*, void* u) { return ++static_cast<int32_t*>(u)[0], static_cast<int32_t*>(u)[2]; }
 int32_t onRelease(BITMAPRECORD*, void* u) { return ++static_cast<int32_t*>(u)[1], 1; }
 
-// Nested accesses lock once and the last release unlocks (the height cannot change meanwhile); the internal
-// forms report and undo; the access callbacks are asked once per outermost access; a refusal is undone.
+// Nested accesses lock once, the last release unlocks; the internal forms report and undo; the access callbacks
+// are asked once per outermost access; a refusal is undone.
 TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
     BITMAPRECORD bm;
     ASSERT_TRUE(create(&bm, 1, 16, 4, 8) == KS_SUCCESS && bm.pData == nullptr && K_AccessBitmap(&bm) == KS_SUCCESS);
@@ -405,8 +399,8 @@ int32_t allocCb(BITMAPRECORD*, BITMAPALLOCINFO* info, void* user) {
     return g->answer;
 }
 
-// The process-wide allocation callback and the bitmap's allocate data callback see the request, may change
-// the memory type, may supply the pixels (2) or refuse (their status is the result, nothing leaks).
+// The process-wide and the per-bitmap allocation callbacks see the request, may change the type, may supply the
+// pixels (2) or refuse (their status is the result, nothing leaks).
 TEST(StorageCallbacks, AllocationCallbacksSeeAndSteerTheRequest) {
     AllocCb g;
     g.newType = 128;  // the callback changes the type
@@ -437,8 +431,7 @@ TEST(StorageCallbacks, AllocationCallbacksSeeAndSteerTheRequest) {
     }
 }
 
-// K_ChangeBitmapHeight on every kind through heights that include 0: shared rows keep their pixels, new rows
-// read as zero, the data size follows and the kind stays. Oracle: a plain vector of rows.
+// Height changes (0 too) on every kind against a plain vector of rows: shared rows kept, new rows zero, the kind kept.
 TEST(StorageHeight, EveryKindKeepsSharedRowsThroughEveryHeight) {
     CapGuard guard;
     const long base = fi::liveBlocks();
@@ -493,10 +486,9 @@ int32_t supplyStorage(BITMAPRECORD* bm, BITMAPALLOCINFO* info, void* user) {
 }
 int32_t returnStorage(BITMAPRECORD*, void* user) { return ++static_cast<CallbackStorage*>(user)->frees, 2; }
 
-// Creation, writing every row and a conversion, with the Nth allocation failing (once, or from then on), for
-// every N until a run sees no injected failure. A failed creation reports KS_NO_MEMORY and leaves the record
-// byte for byte as it was (storage a callback supplied goes back through the free callback); a failed write
-// or conversion keeps the pixels; nothing leaks, no byte stays counted.
+// Creation, writing every row and a conversion with the Nth allocation failing (once, or from then on) for every N:
+// a failed creation leaves the record byte for byte (supplied storage goes back through the free callback), a failed
+// write or conversion keeps the pixels, nothing leaks or stays counted.
 TEST(StorageFaults, AllocationFailureAtEveryStep) {
     CapGuard guard;
     CallbackStorage store;
@@ -551,8 +543,7 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
     }
 }
 
-// Tiles in memory only: a failed tile is retried once with half the tile size; at the floor (8 MiB) the
-// shortage is the answer.
+// Tiles in memory only: a failed tile is retried with half the tile size; at the floor (8 MiB) it fails.
 TEST(StorageFaults, TilesRetryWithHalfTheTileSize) {
     CapGuard guard;
     ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE), 1);
@@ -602,8 +593,7 @@ TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
     }
 }
 
-// Six threads allocate, tile, write and resize against one cap: the counter never passes the cap, every
-// refusal is the cap's, and it ends where it began.
+// Six threads allocate, tile, write and resize against one cap: never past it, every refusal is the cap's.
 TEST(StorageThreads, CounterStaysExactUnderACap) {
     CapGuard guard;
     const int64_t base = counter(), cap = base + 64 * 1024;

@@ -1,7 +1,5 @@
-// test_storage_rows.cpp - row and column access over every storage kind against a plain reference image;
-// the frame of the row calls; the get-row callback. The two compressed row formats: run-compressed 1-bit
-// rows against a plain bit-by-bit reference compressor, untrusted run lists, mirror and flip, the compressed
-// row forms on every kind, the run store; super-compressed rows: round trips, methods, corrupt encodings, cost.
+// test_storage_rows.cpp - the row calls' frame, the get-row callback; run-compressed 1-bit rows against a plain
+// reference compressor, untrusted runs, mirror and flip, the run store; super-compressed rows: round trips, cost.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -41,8 +39,8 @@ TEST(RowsFrame, ArgumentChecksAndOlderLayoutRecords) {
                IS(K_FreeBitmap(&bm), 1)});
 }
 
-// A get-row callback answers first: 0 lets the storage answer, a positive answer is the result with the
-// callback's bytes as the row (the column form returns the column's bytes of it), errors pass through.
+// A get-row callback answers first: 0 lets the storage answer, a positive answer is the result with its bytes as
+// the row (the column form returns the column's bytes), errors pass through.
 int32_t getRowFromCallback(BITMAPRECORD*, uint8_t* buf, int32_t row, uint32_t bytes, void* user) {
     auto* s = static_cast<int32_t*>(user);  // calls, answer
     ++s[0];
@@ -82,8 +80,8 @@ std::vector<uint8_t> packRuns(const Runs& runs) {
 }
 int bitAt(const uint8_t* p, uint64_t x) { return (p[x >> 3] >> (7 - (x & 7))) & 1; }
 
-// Plain reference compressor from the format description: runs start with white; pixels are taken one byte (or partial
-// byte) piece at a time; a piece that would push the current run past 65535 closes it first with a zero-length run.
+// Plain reference compressor: runs start with white; pixels go one byte piece at a time; a piece that would push
+// the run past 65535 closes it first with a zero-length run.
 Runs referenceCompress(const uint8_t* src, uint64_t first, uint32_t count) {
     Runs out;
     int val = 0;
@@ -126,10 +124,8 @@ TEST(CompressedRows, RoundTripAgainstReference) {
     }
 }
 
-// Mirror agrees with mirroring pixels and flip with reversing rows, on random rows compressed back to back
-// (an empty run list mirrors to a single run); row count 0 succeeds and writes nothing, even with null buffers.
-// Runs summing far past the width: rows are cut at their end, the padding is cleared, bits around an expanded
-// range are kept (pixels 5..7 white, 8..10 black), guard bytes stay.
+// Mirror and flip agree with mirrored pixels and reversed rows (an empty run list mirrors to one run); count 0
+// writes nothing. Runs past the width: rows cut at their end, padding cleared, bits around the range kept.
 TEST(CompressedRows, MirrorFlipAndUntrustedRuns) {
     const auto bad = packRuns({3, 65535, 65535, 65535});
     std::vector<uint8_t> guarded(4 + 8, 0x5A), ones(4, 0xFF), zeros(4, 0);
@@ -207,8 +203,8 @@ TEST(SuperCodec, RoundTripsAndMethods) {
             }
 }
 
-// A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its height: row indexes appear only
-// when rows are written. Super-compressed rows cost nothing until written and are freed when zeroed.
+// A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its height; super-compressed rows cost
+// nothing until written and are freed when zeroed.
 TEST(RunStore, BlankRowsCostNothing) {
     const long base = (K_GetDefaultXResolution(), krn::faultinject::liveBlocks());
     BITMAPRECORD bm;

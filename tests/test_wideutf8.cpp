@@ -22,8 +22,7 @@ std::string refUtf8(char32_t c) {
 }
 bool refScalar(uint32_t c) { return c < 0xD800 || (c > 0xDFFF && c <= 0x10FFFF); }
 
-// Reference validity of one character: decode loosely (any lead, any continuation), then require a scalar
-// whose re-encoding gives the same bytes.
+// Reference validity: decode loosely, then require a scalar whose re-encoding gives the same bytes.
 bool refValidOne(const unsigned char* b, size_t n) {
     const size_t len = n == 0                  ? 0
                        : b[0] < 0x80           ? 1
@@ -117,8 +116,7 @@ TEST(WideUtf8Malformed, RefusedWithPosition) {
                 (sizeof(wchar_t) != 4 || K_WideToUtf8(wlone, -1, o, 8, nullptr) == KS_INVALID_PARAMETER));
 }
 
-// Measuring, outputs too small in the middle of a character (whole characters kept, terminated), explicit
-// lengths with zero units, arguments, the kernel's whole-string helpers.
+// Measuring, outputs too small mid-character (whole characters kept, terminated), embedded zeros, arguments.
 TEST(WideUtf8Output, TooSmallKeepsWholeCharactersAndMeasures) {
     const std::string s = "a\xC3\xA9\xE6\xBC\xA2\xF0\x9F\x98\x80z";  // a é 漢 😀 z
     uint16_t u[8];

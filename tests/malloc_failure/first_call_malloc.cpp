@@ -39,7 +39,7 @@ int main() {
         pthread_t t;
         if (pthread_create(&t, nullptr, firstCall, &r) != 0 || pthread_join(t, nullptr) != 0) return 2;
         if (!(r.rc == KS_SUCCESS || r.rc == KS_NO_MEMORY) || !r.clean)
-            return std::printf("allocation %ld failed: status %d, record %s\n", n, r.rc, r.clean ? "clean" : "changed"), 1;
+            return std::printf("allocation %ld: status %d, record %s\n", n, r.rc, r.clean ? "clean" : "changed"), 1;
         if (g_injected.load() == 0) return std::printf("%ld failure points walked, no abort\n", n), n >= 2 ? 0 : 1;
     }
     return std::printf("more than 200 allocations in one call\n"), 1;

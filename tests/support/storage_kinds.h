@@ -1,5 +1,4 @@
-// storage_kinds.h - bitmaps of every storage kind for the storage tests, a
-// plain reference image to compare them with, and state guards.
+// storage_kinds.h - bitmaps of every storage kind, a plain reference image to compare them with, state guards.
 #pragma once
 
 #include <cstdint>
@@ -58,8 +57,7 @@ struct KindBitmap {
     int32_t rc = KS_FAILURE;
 
     static int32_t supplyPixels(BITMAPRECORD* b, BITMAPALLOCINFO*, void* user) {
-        b->pData = static_cast<KindBitmap*>(user)->callerBuffer.data();
-        return 2;
+        return b->pData = static_cast<KindBitmap*>(user)->callerBuffer.data(), 2;
     }
 
     KindBitmap(Kind kind, int32_t width, int32_t height, int32_t bpp) {
@@ -112,8 +110,7 @@ struct RefImage {
         px.assign(size_t(bpl) * size_t(h), 0);
     }
     uint8_t* row(int32_t r) { return px.data() + size_t(r) * bpl; }
-    // Random pixels; the bits past the width are zero.
-    void randomize(uint32_t seed) {
+    void randomize(uint32_t seed) {  // the bits past the width stay zero
         std::mt19937 rng(seed);
         for (auto& b : px) b = uint8_t(rng());
         for (int32_t r = 0; r < height; ++r) clearPadding(row(r));
@@ -130,9 +127,8 @@ struct RefImage {
     }
 };
 
-// 12-bit grey: two pixels in three bytes, the first the low 12 bits of the
-// little-endian word at the pair's first byte, the second the high 12 bits of
-// the word one byte on.
+// 12-bit grey: two pixels in three bytes, the low 12 bits of the little-endian word at the pair's first byte, then
+// the high 12 bits of the word one byte on.
 inline uint64_t getPixel12(const uint8_t* row, int32_t x) {
     const uint8_t* p = row + size_t(x) / 2 * 3 + (x & 1);
     const uint32_t word = uint32_t(p[0]) | uint32_t(p[1]) << 8;
