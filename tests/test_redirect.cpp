@@ -516,9 +516,8 @@ TEST(TempFile, ModeOptionsAndMode3) {
                IS(krn::tempDiskAllowed(), 0), IS(krn::tempCreate(&f), KS_NOT_SUPPORTED),
                IS(K_RedirectedTempFileOpen(nullptr, 0, 0, nullptr) == OMBRIX_INVALID_FILE, 1),
                IS(fs.install(), KS_SUCCESS), IS(bool(create()), 1), IS(fs.uninstall(), KS_SUCCESS),
-               IS((o.nMode = -1, o.uReserved[0] = 33, K_SetTempFileOptions(&o)), KS_SUCCESS),
+               IS((o.nMode = -1, K_SetTempFileOptions(&o)), KS_SUCCESS),
                IS(K_GetTempFileOptions(&back, TEMPFILEOPTIONS_SIZE), KS_SUCCESS), IS(back.nMode, 3),
-               IS(back.uReserved[0], 33), IS(back.uReserved[1], 22), IS(back.uStructSize, TEMPFILEOPTIONS_SIZE),
                IS((o.nMode = 4, K_SetTempFileOptions(&o)), KS_INVALID_PARAMETER),
                IS((o.nMode = 1, o.uStructSize = 20, K_SetTempFileOptions(&o)), KS_INVALID_STRUCT_SIZE),
                IS(K_GetTempFileOptions(&back, 28), KS_INVALID_STRUCT_SIZE), IS(K_GetTempFileMode(), 3)});
