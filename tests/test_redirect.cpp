@@ -633,14 +633,11 @@ TEST(RedirectTempNames, UniqueAndNumberedNamesAndBadFolders) {
     std::set<std::string> names;
     for (int i = 0; i < 200; ++i) {
         char n[OMBRIX_TEMP_NAME_CHARS];
-        struct stat st;
-        ASSERT_EQ(K_GetTempFileNameUtf8(n, nullptr), KS_SUCCESS);
-        const std::string s = n;
-        ASSERT_EQ(s.rfind(dir.path + "/", 0), 0u) << s;
-        EXPECT_TRUE(isHexName(s.substr(dir.path.size() + 1), "QX")) << s;
-        ASSERT_EQ(::stat(n, &st), 0);  // the name is taken, by a private file
-        EXPECT_EQ(st.st_mode & 0777, 0600u);
-        names.insert(s);
+        struct stat st;  // the name is taken, by a private file
+        ASSERT_TRUE(K_GetTempFileNameUtf8(n, nullptr) == KS_SUCCESS && std::string(n).rfind(dir.path + "/", 0) == 0 &&
+                    isHexName(n + dir.path.size() + 1, "QX") && ::stat(n, &st) == 0 && (st.st_mode & 0777) == 0600)
+            << n;
+        names.insert(n);
     }
     EXPECT_TRUE(names.size() == 200u && dir.entries().size() == 200u);
     wchar_t w[OMBRIX_TEMP_NAME_CHARS];
@@ -669,7 +666,7 @@ TEST(RedirectTempNames, UniqueAndNumberedNamesAndBadFolders) {
                IS(K_GetTempFileNameNumberedUtf8(a, nullptr, 3), KS_BUFFER_TOO_SMALL)});
 }
 
-// Per thread, round trips in both encodings, a fresh thread sees TMPDIR or /tmp; refused values keep the folder.
+// Round trips in both encodings; refused values keep the folder.
 TEST(RedirectTempFolder, PerThreadRoundTripAndLimits) {
     StateGuard guard;
     const wchar_t* dirW = L"/tmp/\u5199\u771F/images";
@@ -679,13 +676,6 @@ TEST(RedirectTempFolder, PerThreadRoundTripAndLimits) {
     expectAll({IS(K_SetTempDirectory(dirW), KS_SUCCESS), IS(K_GetTempDirectory(back, 64), KS_SUCCESS),
                IS(std::wstring(back) == dirW, 1), IS(K_GetTempDirectoryUtf8(u8, 64), KS_SUCCESS),
                IS(std::string(u8) == dirU8, 1), IS(K_GetTempDirectory(back, 5), KS_BUFFER_TOO_SMALL)});
-    std::thread([] {
-        char d[512];
-        const char* env = getenv("TMPDIR");
-        std::string expect = (env && *env) ? env : "/tmp";
-        while (expect.size() > 1 && expect.back() == '/') expect.pop_back();
-        EXPECT_TRUE(K_GetTempDirectoryUtf8(d, sizeof d) == KS_SUCCESS && std::string(d) == expect) << d;
-    }).join();
     const wchar_t bad[] = {L'/', wchar_t(0xD800), 0};
     expectAll({IS(K_SetTempDirectoryUtf8("/tmp/\xC0\x80"), KS_INVALID_PARAMETER),
                IS(K_SetTempDirectoryUtf8(std::string(1024, 'a').c_str()), KS_INVALID_PARAMETER),

@@ -437,18 +437,16 @@ int32_t logProgress(int32_t pct, void* user) {
     return log->stopGiven = true, log->answer;
 }
 
-// Progress rises from..to on the caller's thread (serial, threaded, sub-range); the copy callback only when asked.
+// Progress (each whole percent, sub-ranges: ProgressCallbacks) rises on the caller's thread; the copy callback only
+// when asked.
 TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
     CoreCount cc(4);
-    for (auto [n, from, to] : {std::tuple{1, 0, 100}, {0, 0, 100}, {0, 50, 75}}) {
+    {
         ProgressLog log;
         StatusHook hook(logProgress, &log);
-        krn::ParallelOptions o = threads(n);
-        o.progressFrom = from, o.progressTo = to;
-        ASSERT_EQ(krn::parallelRows(3000, kNothing, o), 1);
-        ASSERT_GE(log.seen.size(), 2u);
-        EXPECT_TRUE(log.seen.front() == from && log.seen.back() == to && !log.foreign);
-        EXPECT_TRUE(std::is_sorted(log.seen.begin(), log.seen.end(), std::less_equal<int>()));
+        ASSERT_EQ(krn::parallelRows(3000, kNothing, threads(0)), 1);
+        EXPECT_TRUE(log.seen.size() >= 2 && log.seen.front() == 0 && log.seen.back() == 100 && !log.foreign &&
+                    std::is_sorted(log.seen.begin(), log.seen.end(), std::less_equal<int>()));
     }
     ProgressLog log;
     STATUSCALLBACK oldFn;
