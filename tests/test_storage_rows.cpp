@@ -203,6 +203,24 @@ TEST(SuperCodec, RoundTripsAndMethods) {
             }
 }
 
+// A block of 64 runs is coded from its own lengths only: rows whose first block holds the same lengths in another
+// order and whose last runs are equal take the same number of bytes.
+TEST(SuperCodec, EachBlockOfRunsIsCodedOnItsOwn) {
+    auto encodedSize = [](const std::vector<uint32_t>& runs) {  // even runs white, odd runs black
+        uint32_t w = 0;
+        for (uint32_t r : runs) w += r;
+        RefImage img(int32_t(w), 1, 1);
+        for (uint32_t i = 0, x = 0; i < runs.size(); x += runs[i++])
+            for (uint32_t k = 0; i % 2 && k < runs[i]; ++k) setPixel(img.row(0), int32_t(x + k), 1, 1);
+        std::vector<uint8_t> enc(krn::superMaxEncoded(uint32_t(img.px.size())));
+        return krn::superEncode(img.row(0), int32_t(w), 1, enc.data());
+    };
+    std::vector<uint32_t> a(64, 5), b(64, 5);
+    a[2] = b[3] = 20000;
+    a.insert(a.end(), {3, 4}), b.insert(b.end(), {3, 4});
+    EXPECT_EQ(encodedSize(a), encodedSize(b));
+}
+
 // A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its height; super-compressed rows cost
 // nothing until written and are freed when zeroed.
 TEST(RunStore, BlankRowsCostNothing) {
