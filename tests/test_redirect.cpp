@@ -611,6 +611,7 @@ TEST(TempFile, BuiltInTableDoesNotRecurseAndIsAPositionedFile) {
 // An allocation failure at creation leaves no block and no descriptor.
 TEST(TempFile, AllocationFailureLeavesNothing) {
     StateGuard guard;
+    create().reset();  // the per-thread and process-wide state exists before the counts
     const long blocks = fi::liveBlocks();
     const int fds = testfs::openFdCount();
     TempFile* g = nullptr;
