@@ -1,7 +1,5 @@
-// record_sanitizer_options.cpp - the tests drive the kernel with absurd sizes (rows of 2^28 bytes, images of
-// 2^59 bytes) to prove a null answer from the allocator fails cleanly; under AddressSanitizer and
-// ThreadSanitizer such a request aborts unless the allocator is told to return null, as the C library does.
-extern "C" {
-__attribute__((used, visibility("default"))) const char* __asan_default_options() { return "allocator_may_return_null=1"; }
-__attribute__((used, visibility("default"))) const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
-}
+// record_sanitizer_options.cpp - the tests ask for absurd sizes (rows of 2^28 bytes, images of 2^59) to prove a null
+// answer fails cleanly; under ASan and TSan such a request aborts unless the allocator may return null.
+#define EXPORTED extern "C" __attribute__((used, visibility("default")))
+EXPORTED const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+EXPORTED const char* __tsan_default_options() { return "allocator_may_return_null=1"; }

@@ -19,13 +19,15 @@
 
 namespace testfs {
 
+inline REDIRECTRECORD blankTable() {  // no slots: the defaults, or nothing
+    REDIRECTRECORD t{};
+    t.uStructSize = REDIRECTRECORD_SIZE;
+    return t;
+}
+
 class MemFs {
 public:
-    struct Handle {
-        std::wstring name;
-        uint64_t pos = 0;
-        uint32_t mode = 0;
-    };
+    struct Handle { std::wstring name; uint64_t pos = 0; uint32_t mode = 0; };
     long failOpenAt = 0, failReadAt = 0, failWriteAt = 0, failSeekAt = 0;  // 1-based: the Nth call fails; 0 never
     uint64_t capacity = UINT64_MAX;  // largest size a file may reach: writes past it are short
     uint32_t readLimitPerCall = 0;   // reads return at most this many bytes per call (0: no limit)
@@ -35,23 +37,16 @@ public:
     std::map<std::wstring, std::vector<uint8_t>> files;
 
     REDIRECTRECORD table() {  // every slot filled, user data = this
-        REDIRECTRECORD t{};
-        t.uStructSize = REDIRECTRECORD_SIZE;
+        REDIRECTRECORD t = blankTable();
         t.pfnOpen = &open, t.pfnRead = &read, t.pfnWrite = &write, t.pfnSeek = &seek, t.pfnClose = &close;
         t.pfnSize = &size, t.pfnSetSize = &setSize;
         t.pOpenUserData = t.pReadUserData = t.pWriteUserData = t.pSeekUserData = t.pCloseUserData = this;
         t.pSizeUserData = t.pSetSizeUserData = this;
         return t;
     }
-    int32_t install() {  // as the calling thread's table
-        REDIRECTRECORD t = table();
-        return K_SetRedirectFunctions(&t, REDIRECT_SET_INSTALL, 0);
-    }
-    static int32_t uninstall(int processWide = 0) {  // the defaults again
-        REDIRECTRECORD t{};
-        t.uStructSize = REDIRECTRECORD_SIZE;
-        return K_SetRedirectFunctions(&t, REDIRECT_SET_RESET, processWide);
-    }
+    int32_t install() { return set(table(), REDIRECT_SET_INSTALL, 0); }  // as the calling thread's table
+    static int32_t uninstall(int wide = 0) { return set(blankTable(), REDIRECT_SET_RESET, wide); }
+    static int32_t set(REDIRECTRECORD t, int32_t how, int wide) { return K_SetRedirectFunctions(&t, how, wide); }
     size_t openHandles() const { return handles_.size(); }  // not yet closed
 
     static void* open(const wchar_t* name, uint32_t mode, uint32_t, void* user) {
@@ -61,7 +56,8 @@ public:
         fs->openModes.push_back(mode);
         fs->openNames.push_back(n);
         const bool exists = fs->files.count(n) != 0, create = mode & REDIRECT_OPEN_CREATE;
-        if (fs->opens == fs->failOpenAt || (!exists && !create) || (exists && create && (mode & REDIRECT_OPEN_EXCLUSIVE)))
+        if (fs->opens == fs->failOpenAt || (!exists && !create) ||
+            (exists && create && (mode & REDIRECT_OPEN_EXCLUSIVE)))
             return OMBRIX_INVALID_FILE;
         if (!exists || (mode & REDIRECT_OPEN_TRUNCATE)) fs->files[n].clear();
         fs->handles_.push_back(std::make_unique<Handle>(Handle{n, 0, mode}));
@@ -107,8 +103,8 @@ public:
         return 0;
     }
     static int64_t size(void* hv, void* user) {
-        Handle* h = static_cast<MemFs*>(user)->live(hv);
-        return h ? int64_t(static_cast<MemFs*>(user)->files[h->name].size()) : -1;
+        auto* fs = static_cast<MemFs*>(user);
+        return fs->live(hv) ? int64_t(fs->files[fs->live(hv)->name].size()) : -1;
     }
     static int32_t setSize(void* hv, int64_t size, void* user) {
         auto* fs = static_cast<MemFs*>(user);
@@ -132,8 +128,7 @@ struct CountingSink {
     uint64_t eofAfter = UINT64_MAX, served = 0;  // when eofAfter bytes have been served, calls return 0
     long failAt = 0;                             // 1-based call that returns -1
     REDIRECTRECORD table() {
-        REDIRECTRECORD t{};
-        t.uStructSize = REDIRECTRECORD_SIZE;
+        REDIRECTRECORD t = blankTable();
         t.pfnRead = &io;
         t.pfnWrite = [](void* h, const void*, uint32_t n, void* user) { return io(h, nullptr, n, user); };
         t.pReadUserData = t.pWriteUserData = this;
@@ -165,8 +160,7 @@ struct ScratchDir {
     std::string path;
     ScratchDir() {
         char tmpl[] = "/tmp/ombrix_redirect_XXXXXX";
-        const char* p = mkdtemp(tmpl);
-        path = p ? p : "";
+        path = mkdtemp(tmpl) ? tmpl : "";
     }
     ~ScratchDir() {
         for (auto& n : entries()) unlink((path + "/" + n).c_str());

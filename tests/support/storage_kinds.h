@@ -1,5 +1,4 @@
-// storage_kinds.h - bitmaps of every storage kind for the storage tests, a
-// plain reference image to compare them with, and state guards.
+// storage_kinds.h - bitmaps of every storage kind, a plain reference image to compare them with, state guards.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +14,9 @@ namespace storagetest {
 
 // CallbackMemory: the allocate data callback supplies the pixels; TilesFile: every tile in its own temporary file;
 // Compressed: 1 bit only; SuperCompressed: 1, 8, 24 bits.
-enum class Kind { SingleBlock, CallerMemory, CallbackMemory, TilesMemory, TilesFile, Disk, Compressed, SuperCompressed };
+enum class Kind {
+    SingleBlock, CallerMemory, CallbackMemory, TilesMemory, TilesFile, Disk, Compressed, SuperCompressed
+};
 
 inline const char* kindName(Kind k) {
     static const char* const names[] = {"single block",   "caller memory", "callback memory", "tiles in memory",
@@ -24,7 +25,8 @@ inline const char* kindName(Kind k) {
 }
 
 inline std::vector<Kind> kindsFor(int bpp) {
-    std::vector<Kind> k = {Kind::SingleBlock, Kind::CallerMemory, Kind::CallbackMemory, Kind::TilesMemory, Kind::TilesFile, Kind::Disk};
+    std::vector<Kind> k = {Kind::SingleBlock, Kind::CallerMemory, Kind::CallbackMemory,
+                           Kind::TilesMemory, Kind::TilesFile,    Kind::Disk};
     if (bpp == 1) k.push_back(Kind::Compressed);
     if (bpp == 1 || bpp == 8 || bpp == 24) k.push_back(Kind::SuperCompressed);
     return k;
@@ -34,12 +36,15 @@ inline std::vector<Kind> kindsFor(int bpp) {
 struct CapGuard {
     int64_t cap = 0;
     int32_t t[5];
-    CapGuard() { K_ManageMemory(MANAGEMEMORY_GET_CAP, 0, &cap), K_GetMemoryThresholds(&t[0], &t[1], &t[2], &t[3], &t[4]); }
+    CapGuard() {
+        K_ManageMemory(MANAGEMEMORY_GET_CAP, 0, &cap), K_GetMemoryThresholds(&t[0], &t[1], &t[2], &t[3], &t[4]);
+    }
     ~CapGuard() {
         K_ManageMemory(MANAGEMEMORY_SET_CAP, cap, nullptr);
         // Directly: the default largest image (0x7FFFFFFF) is not a value the setter takes.
         krn::ThreadSettings& ts = krn::settings();
-        ts.nMemKeepFree = t[0], ts.nMemLargestImage = t[1], ts.nMemTileSize = t[2], ts.nMemFourth = t[3], ts.nMemFifth = t[4];
+        ts.nMemKeepFree = t[0], ts.nMemLargestImage = t[1], ts.nMemTileSize = t[2], ts.nMemFourth = t[3],
+        ts.nMemFifth = t[4];
         K_SetGlobalMemoryThresholds(nullptr);
     }
 };
@@ -52,8 +57,7 @@ struct KindBitmap {
     int32_t rc = KS_FAILURE;
 
     static int32_t supplyPixels(BITMAPRECORD* b, BITMAPALLOCINFO*, void* user) {
-        b->pData = static_cast<KindBitmap*>(user)->callerBuffer.data();
-        return 2;
+        return b->pData = static_cast<KindBitmap*>(user)->callerBuffer.data(), 2;
     }
 
     KindBitmap(Kind kind, int32_t width, int32_t height, int32_t bpp) {
@@ -68,16 +72,20 @@ struct KindBitmap {
             case Kind::CallerMemory: rc = (callerBuffer.assign(size, 0), create(2, callerBuffer.data(), size)); break;
             case Kind::CallbackMemory:
                 callerBuffer.assign(size, 0);
-                cbs.uStructSize = BITMAPDATACALLBACKS_SIZE, cbs.pUserData = this, cbs.pfnAllocate = &KindBitmap::supplyPixels;
-                rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, width, height, bpp, 0, nullptr, 1, nullptr, 0, &cbs);
+                cbs.uStructSize = BITMAPDATACALLBACKS_SIZE, cbs.pUserData = this,
+                cbs.pfnAllocate = &KindBitmap::supplyPixels;
+                rc = K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, width, height, bpp, 0, nullptr, 1, nullptr,
+                                                 0, &cbs);
                 break;
             case Kind::TilesMemory:  // tiles of 3 rows and a bit: rows never straddle tiles, the last tile is short
-                if ((rc = create(1, nullptr, 0)) == KS_SUCCESS) rc = K_SetBitmapMemoryInfo(&bm, 4, uint64_t(tmp.nBytesPerLine) * 3 + 1);
+                if ((rc = create(1, nullptr, 0)) == KS_SUCCESS)
+                    rc = K_SetBitmapMemoryInfo(&bm, 4, uint64_t(tmp.nBytesPerLine) * 3 + 1);
                 break;
             case Kind::TilesFile: {  // under a cap the tiles cannot fit under, every tile goes to a file
                 int64_t oldCap = 0, counter = 0;
                 rc = create(1, nullptr, 0);
-                K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter), K_ManageMemory(MANAGEMEMORY_SET_CAP, counter + 1, &oldCap);
+                K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter),
+                    K_ManageMemory(MANAGEMEMORY_SET_CAP, counter + 1, &oldCap);
                 if (rc == KS_SUCCESS) rc = K_SetBitmapMemoryInfo(&bm, 4, uint64_t(tmp.nBytesPerLine) * 4);
                 K_ManageMemory(MANAGEMEMORY_SET_CAP, oldCap, nullptr);
                 break;
@@ -102,8 +110,7 @@ struct RefImage {
         px.assign(size_t(bpl) * size_t(h), 0);
     }
     uint8_t* row(int32_t r) { return px.data() + size_t(r) * bpl; }
-    // Random pixels; the bits past the width are zero.
-    void randomize(uint32_t seed) {
+    void randomize(uint32_t seed) {  // the bits past the width stay zero
         std::mt19937 rng(seed);
         for (auto& b : px) b = uint8_t(rng());
         for (int32_t r = 0; r < height; ++r) clearPadding(row(r));
@@ -120,9 +127,8 @@ struct RefImage {
     }
 };
 
-// 12-bit grey: two pixels in three bytes, the first the low 12 bits of the
-// little-endian word at the pair's first byte, the second the high 12 bits of
-// the word one byte on.
+// 12-bit grey: two pixels in three bytes, the low 12 bits of the little-endian word at the pair's first byte, then
+// the high 12 bits of the word one byte on.
 inline uint64_t getPixel12(const uint8_t* row, int32_t x) {
     const uint8_t* p = row + size_t(x) / 2 * 3 + (x & 1);
     const uint32_t word = uint32_t(p[0]) | uint32_t(p[1]) << 8;
