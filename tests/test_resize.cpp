@@ -261,48 +261,4 @@ TEST(ResizeStorage, TiledBitmapOverTheCapResizesRowByRow) {
     EXPECT_EQ(src.bm()->nWidth, 300);
 }
 
-// Into a destination of another perspective: a bottom-up destination gets its
-// rows bottom up; for every pair of perspectives each source pixel holds its
-// own viewed coordinates, and every target pixel, looked at in the top-left
-// view, must come from the source pixel at its scaled viewed position (within
-// one pixel: an axis stored reversed floors the other way).
-TEST(ResizeIntoDestination, EveryPerspectivePairKeepsTheViewedImage) {
-    {
-        Random a(6, 6, 8, 1), b(3, 3, 8, 2, nullptr, BOTTOM_LEFT);
-        ASSERT_EQ(K_ResizeBitmap(&a.bm, &b.bm, 0), KS_SUCCESS);
-        RefImage dst = getImage(&b.bm);
-        EXPECT_EQ(firstMismatch(dst, [&](int x, int y) { return a.ref.row(2 * (2 - y))[2 * x]; }), "");
-    }
-    const int32_t vw = 23, vh = 17, nvw = 11, nvh = 29;  // viewed sizes
-    for (int32_t sp = 1; sp <= 8; ++sp)
-        for (int32_t dp = 1; dp <= 8; ++dp) {
-            Random ra(sp >= 5 ? vh : vw, sp >= 5 ? vw : vh, 24, 0, nullptr, sp);
-            Random rb(dp >= 5 ? nvh : nvw, dp >= 5 ? nvw : nvh, 24, 0, nullptr, dp);
-            BITMAPRECORD &a = ra.bm, &b = rb.bm;
-            RefImage img(a.nWidth, a.nHeight, 24);
-            for (int32_t y = 0; y < a.nHeight; ++y)
-                for (int32_t x = 0; x < a.nWidth; ++x) {
-                    int32_t px = x, py = y;
-                    ASSERT_EQ(K_PointFromBitmap(&a, TOP_LEFT, &px, &py), KS_SUCCESS);
-                    uint8_t* q = img.row(y) + 3 * x;
-                    q[0] = uint8_t(px), q[1] = uint8_t(py), q[2] = 7;
-                }
-            putImage(&a, img);
-            ASSERT_EQ(K_ResizeBitmap(&a, &b, 0), KS_SUCCESS) << sp << " -> " << dp;
-            RefImage out = getImage(&b);
-            for (int32_t y = 0; y < b.nHeight; ++y)
-                for (int32_t x = 0; x < b.nWidth; ++x) {
-                    int32_t qx = x, qy = y;
-                    ASSERT_EQ(K_PointFromBitmap(&b, TOP_LEFT, &qx, &qy), KS_SUCCESS);
-                    // floor(q old / new) forwards, old - 1 - floor((new - 1 - q) old / new) on a
-                    // reversed axis: both lie in [q old / new - 1, (q + 1) old / new].
-                    const uint8_t* q = out.row(y) + 3 * x;
-                    const double sx = q[0], sy = q[1];
-                    ASSERT_TRUE(q[2] == 7 && sx >= double(qx) * vw / nvw - 1 && sx <= double(qx + 1) * vw / nvw &&
-                                sy >= double(qy) * vh / nvh - 1 && sy <= double(qy + 1) * vh / nvh)
-                        << sp << " -> " << dp << " at " << qx << "," << qy << ": " << sx << "," << sy;
-                }
-        }
-}
-
 }  // namespace

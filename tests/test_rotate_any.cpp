@@ -310,22 +310,4 @@ TEST(RotateAny, BadInputGetsAClearCodeAndChangesNothing) {
     EXPECT_EQ(K_GetRotatedBitmapSize(&badSize, 100, &w, &h), KS_INVALID_STRUCT_SIZE);
 }
 
-// A status callback answering 0 stops a half turn or the turn by nothing (at
-// its end report), and a shear, with 0 and changes nothing.
-TEST(RotateAny, StatusCallbackAnsweringZeroStopsTheTurn) {
-    for (int32_t angle : {18000, 0}) {
-        Source k(Kind::SingleBlock, 300, 200, 24, 3);
-        const BITMAPRECORD snap = *k.bm();
-        StopAfter stop(1, 0);
-        StatusScope scope(&StopAfter::cb, &stop);
-        EXPECT_EQ(K_RotateBitmap(k.bm(), angle, ROTATE_RESIZE | ROTATE_BILINEAR, 0), 0) << angle;
-        EXPECT_EQ(stop.calls(), 2);
-        EXPECT_TRUE(sameBytes(snap, *k.bm()));
-        stop.seen.clear();
-        EXPECT_EQ(K_ShearBitmap(k.bm(), 1000, ROTATE_BILINEAR, 0), 0);
-        EXPECT_TRUE(stop.calls() == 2 && sameBytes(snap, *k.bm()));
-        EXPECT_EQ(k.unchanged(), "");
-    }
-}
-
 }  // namespace

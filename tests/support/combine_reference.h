@@ -10,6 +10,8 @@
 
 namespace combinetest {
 
+using storagetest::RefImage;
+
 struct Format {
     int32_t bpp, order, highBit = -1;  // highBit (grey): significant bits - 1, -1 the whole sample
 };
@@ -148,6 +150,23 @@ inline uint64_t combinePixel(const Plan& p, uint64_t src, uint64_t dst, const Fo
     }
     for (size_t i = 0; i < fl.size(); ++i) r[i] = (p.rop == 1 ? r[i] ^ fl[i].mask : r[i]) & fl[i].mask;
     return rawOf(r, f);
+}
+
+// The destination expected (stored coordinates, top-left view): the reference inside the clipped rectangle.
+inline RefImage expected(const RefImage& dst0, RefImage src, const Format& f, uint32_t flags, int32_t xd, int32_t yd,
+                         int32_t w, int32_t h, int32_t xs, int32_t ys) {
+    RefImage out = dst0;
+    const Plan p = planOf(flags, f.bpp);
+    for (int32_t j = 0; j < h && !p.nothing; ++j)
+        for (int32_t i = 0; i < w; ++i) {
+            const int32_t dx = xd + i, dy = yd + j, sx = xs + i, sy = ys + j;
+            if (dx < 0 || dy < 0 || dx >= dst0.width || dy >= dst0.height) continue;
+            if (p.readsSrc && (sx < 0 || sy < 0 || sx >= src.width || sy >= src.height)) continue;
+            const uint64_t s = p.readsSrc ? rawPixel(src.row(sy), sx, f) : 0;
+            const uint64_t d = rawPixel(out.row(dy), dx, f);
+            setRawPixel(out.row(dy), dx, f, combinePixel(p, s, d, f));
+        }
+    return out;
 }
 
 }  // namespace combinetest

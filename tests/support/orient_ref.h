@@ -57,6 +57,14 @@ inline Grid viewed(const Grid& s, int p) {
         }
     });
 }
+// The stored pixels whose viewed image in perspective p is v.
+inline Grid storedFor(const Grid& v, int p) {
+    Grid idx(p >= 5 ? v.h : v.w, p >= 5 ? v.w : v.h), s = idx;
+    for (size_t i = 0; i < idx.v.size(); ++i) idx.v[i] = i;
+    const Grid at = viewed(idx, p);
+    for (size_t i = 0; i < at.v.size(); ++i) s.v[at.v[i]] = v.v[i];
+    return s;
+}
 // Turned a quarter clockwise as seen: the top row becomes the right column.
 inline Grid turnedCw(const Grid& s) { return remap(s, s.h, s.w, [&](int x, int y) { return std::pair{y, s.h - 1 - x}; }); }
 inline Grid flipped(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y) { return std::pair{x, s.h - 1 - y}; }); }

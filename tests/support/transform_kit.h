@@ -37,6 +37,11 @@ inline int32_t putImage(BITMAPRECORD* bm, RefImage& ref) {
     K_ReleaseBitmap(bm);
     return rc;
 }
+inline RefImage randomImage(int32_t w, int32_t h, int32_t bpp, uint32_t seed) {
+    RefImage img(w, h, bpp);
+    img.randomize(seed);
+    return img;
+}
 // Every stored row of a bitmap.
 inline RefImage getImage(BITMAPRECORD* bm) {
     RefImage img(bm->nWidth, bm->nHeight, bm->nBitsPerPixel);
