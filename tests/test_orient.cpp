@@ -42,7 +42,7 @@ struct Sample {
 Grid same(const Grid& g) { return g; }
 // A bitmap in perspective p whose viewed image is v.
 struct Viewed : tkit::Bitmap {
-    Viewed(const Grid& v, int bpp, int p) : Bitmap(p >= 5 ? v.h : v.w, p >= 5 ? v.w : v.h, bpp, bpp > 8 ? ORDER_BGR : 0, p) {
+    Viewed(const Grid& v, int bpp, int p) : Bitmap(p >= 5 ? v.h : v.w, p >= 5 ? v.w : v.h, bpp, 0, p) {
         EXPECT_TRUE(store(&bm, storedFor(v, p)));
     }
 };
@@ -89,8 +89,9 @@ TEST(Orient, EveryPerspectivePairKeepsTheViewedImage) {
                 return exact ? s * n <= q * o && s * n > q * o - n : s * n >= q * o - n && s * n <= (q + 1) * o;
             };
             for (int i = 0; i < 11 * 29; ++i) {
-                const int qx = i % 11, qy = i / 11, sx = int(got.v[size_t(i)] & 255), sy = int(got.v[size_t(i)] >> 8 & 255);
-                ASSERT_TRUE(got.v[size_t(i)] >> 16 == 7 && near(sx, qx, 23, 11) && near(sy, qy, 17, 29))
+                const uint64_t px = got.v[size_t(i)];
+                const int qx = i % 11, qy = i / 11, sx = int(px & 255), sy = int(px >> 8 & 255);
+                ASSERT_TRUE(px >> 16 == 7 && near(sx, qx, 23, 11) && near(sy, qy, 17, 29))
                     << qx << "," << qy << ": " << sx << "," << sy;
             }
         }
@@ -126,8 +127,9 @@ TEST(Orient, FlipsAndTurnsInSequenceOnEveryKind) {
     int32_t (*cw)(B) = [](B b) { return K_RotateBitmap90(b, 1, 0, 100); };
     int32_t (*ccw)(B) = [](B b) { return K_RotateBitmap90(b, 0, 0, 100); };
     const struct { int persp; int32_t (*call)(B); Grid (*want)(const Grid&); } steps[] = {
-        {1, K_FlipBitmap, flipped}, {1, K_IntFlipBitmap, same}, {1, K_ReverseBitmap, mirrored}, {1, K_IntReverseBitmap, same},
-        {6, K_FlipBitmap, mirrored}, {6, K_IntReverseBitmap, same}, {6, K_ReverseBitmap, flipped}, {6, K_IntFlipBitmap, same},
+        {1, K_FlipBitmap, flipped}, {1, K_IntFlipBitmap, same}, {1, K_ReverseBitmap, mirrored},
+        {1, K_IntReverseBitmap, same}, {6, K_FlipBitmap, mirrored}, {6, K_IntReverseBitmap, same},
+        {6, K_ReverseBitmap, flipped}, {6, K_IntFlipBitmap, same},
         {1, half, halfTurned}, {1, half, same}, {1, cw, turnedCw}, {1, cw, halfTurned}, {1, ccw, turnedCw},
         {1, cw, halfTurned}, {1, cw, turnedCcw}, {1, cw, same},
     };
@@ -148,7 +150,8 @@ TEST(Orient, FlipsAndTurnsInSequenceOnEveryKind) {
                     EXPECT_TRUE(a.holds(steps[i].want)) << "step " << i;
                     const bool sideways = steps[i].want == turnedCw || steps[i].want == turnedCcw;
                     EXPECT_EQ(a.bm()->nXResolution, sideways ? 75 : 200) << "step " << i;
-                    if (i < 8 || (k != Kind::CallerMemory && k != Kind::CallbackMemory)) { EXPECT_EQ(kindOf(a.bm()), kind) << i; }
+                    const bool own = k == Kind::CallerMemory || k == Kind::CallbackMemory;
+                    if (i < 8 || !own) { EXPECT_EQ(kindOf(a.bm()), kind) << i; }
                 }
             }
     }
@@ -156,35 +159,35 @@ TEST(Orient, FlipsAndTurnsInSequenceOnEveryKind) {
     krn::setTurnBandBytes(0);
 }
 
-// Relabels follow the tables and agree with the viewed images; the quarter
-// relabel exchanges the resolutions.
+// A relabel shows the viewed image flipped, mirrored or turned (a quarter exchanges the resolutions); other
+// values stay.
 TEST(Orient, Relabels) {
-    const int flipT[9] = {0, 4, 3, 2, 1, 8, 7, 6, 5}, revT[9] = {0, 2, 1, 4, 3, 6, 5, 8, 7}, quarterT[9] = {0, 6, 7, 8, 5, 2, 3, 4, 1};
     BITMAPRECORD bm;
     K_InitBitmap(&bm, BITMAPRECORD_SIZE_OLD, 4, 3, 8);
+    const Grid s = randomGrid(4, 3, 8, 5);
     for (int v = 0; v <= 9; ++v) {
         const bool valid = v >= 1 && v <= 8;
+        auto label = [&](Grid (*f)(const Grid&)) {  // the label whose viewed image is f of the one of v
+            for (int q = 1; valid && q <= 8; ++q)
+                if (viewed(s, q) == f(viewed(s, v))) return q;
+            return v;
+        };
         bm.nViewPerspective = v;
         EXPECT_EQ(K_FlipBitmapViewPerspective(&bm), KS_SUCCESS);
         const int flippedTo = bm.nViewPerspective;
         bm.nViewPerspective = v;
         EXPECT_EQ(K_IntReverseBitmapViewPerspective(&bm), KS_SUCCESS);
-        EXPECT_EQ(flippedTo * 10 + bm.nViewPerspective, valid ? flipT[v] * 10 + revT[v] : v * 11);
+        EXPECT_EQ(flippedTo * 10 + bm.nViewPerspective, label(flipped) * 10 + label(mirrored));
         if (!valid) continue;
-        const Grid s = randomGrid(4, 3, 8, uint32_t(v));
-        EXPECT_TRUE(viewed(s, flipT[v]) == flipped(viewed(s, v)) && viewed(s, revT[v]) == mirrored(viewed(s, v)) &&
-                    viewed(s, quarterT[v]) == turnedCw(viewed(s, v)));
-        for (int angle : {90, -270, 450}) {
+        for (int angle : {90, -270, 450, -90}) {
             bm.nViewPerspective = v, bm.nXResolution = 1, bm.nYResolution = 2;
             EXPECT_EQ(K_RotateBitmapViewPerspective(&bm, angle), KS_SUCCESS);
-            EXPECT_EQ(bm.nViewPerspective * 10 + bm.nXResolution, quarterT[v] * 10 + 2);
+            EXPECT_EQ(bm.nViewPerspective * 10 + bm.nXResolution, label(angle == -90 ? turnedCcw : turnedCw) * 10 + 2);
         }
         bm.nViewPerspective = v;
-        EXPECT_EQ(K_RotateBitmapViewPerspective(&bm, -90), KS_SUCCESS);
-        EXPECT_EQ(bm.nViewPerspective, quarterT[quarterT[quarterT[v]]]);
         EXPECT_EQ(K_RotateBitmapViewPerspective(&bm, 180) | K_IntRotateBitmapViewPerspective(&bm, 360), KS_SUCCESS);
         EXPECT_EQ(K_RotateBitmapViewPerspective(&bm, 45), KS_INVALID_PARAMETER);
-        EXPECT_EQ(bm.nViewPerspective, quarterT[v]);
+        EXPECT_EQ(bm.nViewPerspective, label(halfTurned));
     }
 }
 
@@ -226,9 +229,11 @@ TEST(Orient, Buffers) {
     for (int bpp : kDepths) {
         const Grid g = randomGrid(7, 5, bpp, uint32_t(bpp));
         std::vector<uint8_t> src = pack(g, bpp), cw(pack(turnedCw(g), bpp).size(), 0xA5), ccw = cw, half(src.size());
-        ASSERT_EQ(K_RotateBuffer90(src.data(), cw.data(), 1, 7, 5, bpp) | K_RotateBuffer90(src.data(), ccw.data(), 0, 7, 5, bpp) |
-                  K_RotateBuffer180(src.data(), half.data(), 7, 5, bpp), KS_SUCCESS);
-        EXPECT_TRUE(cw == pack(turnedCw(g), bpp) && ccw == pack(turnedCcw(g), bpp) && half == pack(halfTurned(g), bpp)) << bpp;
+        ASSERT_EQ(K_RotateBuffer90(src.data(), cw.data(), 1, 7, 5, bpp) |
+                      K_RotateBuffer90(src.data(), ccw.data(), 0, 7, 5, bpp) |
+                      K_RotateBuffer180(src.data(), half.data(), 7, 5, bpp), KS_SUCCESS);
+        EXPECT_TRUE(cw == pack(turnedCw(g), bpp) && ccw == pack(turnedCcw(g), bpp)) << bpp;
+        EXPECT_TRUE(half == pack(halfTurned(g), bpp)) << bpp;
         ASSERT_EQ(K_RotateBuffer180(half.data(), half.data(), 7, 5, bpp), KS_SUCCESS);
         EXPECT_EQ(half, src);
     }
@@ -243,24 +248,23 @@ TEST(Orient, BadInput) {
     uint8_t buf[64] = {};
     tkit::Sentinel dst;
     const int32_t P = KS_INVALID_PARAMETER, S = KS_INVALID_STRUCT_SIZE, B = KS_INVALID_BITMAP;
+    const auto Ch = K_ChangeBitmapViewPerspective;
+    const auto R90 = K_RotateBitmap90;
     const std::pair<int32_t, int32_t> cases[] = {  // (answer, wanted)
         {K_FlipBitmap(nullptr), P}, {K_FlipBitmap(&unalloc), P}, {K_FlipBitmap(&bad), S},
         {K_ReverseBitmap(nullptr), P}, {K_ReverseBitmap(&bad), S}, {K_IntFlipBitmap(nullptr), B},
         {K_IntFlipBitmap(&unalloc), B}, {K_IntReverseBitmap(&unalloc), B}, {K_FlipBitmapViewPerspective(nullptr), P},
         {K_ReverseBitmapViewPerspective(&bad), S}, {K_RotateBitmapViewPerspective(&bad, 90), S},
-        {K_IntFlipBitmapViewPerspective(nullptr), B}, {K_RotateBitmap90(nullptr, 1, 0, 100), P},
-        {K_RotateBitmap90(&unalloc, 1, 0, 100), P}, {K_RotateBitmap90(&bad, 1, 0, 100), S},
-        {K_ChangeBitmapViewPerspective(nullptr, nullptr, 0, 1), P},
-        {K_ChangeBitmapViewPerspective(nullptr, &unalloc, 0, 1), P},
-        {K_ChangeBitmapViewPerspective(nullptr, &bad, 0, 1), S}, {K_ChangeBitmapViewPerspective(&dst.bm, a.bm(), 99, 8), S},
+        {K_IntFlipBitmapViewPerspective(nullptr), B}, {R90(nullptr, 1, 0, 100), P}, {R90(&unalloc, 1, 0, 100), P},
+        {R90(&bad, 1, 0, 100), S}, {Ch(nullptr, nullptr, 0, 1), P}, {Ch(nullptr, &unalloc, 0, 1), P},
+        {Ch(nullptr, &bad, 0, 1), S}, {Ch(&dst.bm, a.bm(), 99, 8), S},
         {K_IntChangeBitmapViewPerspective(nullptr, nullptr, 0, 1, 5), B},
         {K_RotateBuffer90(nullptr, buf, 1, 2, 2, 8), P}, {K_RotateBuffer90(buf, buf + 32, 1, 2, 2, 9), P},
         {K_RotateBuffer90(buf, buf + 32, 1, 0xFFFFFFFFu, 2, 64), P}, {K_RotateBuffer180(buf, buf + 4, 4, 4, 8), P},
         {K_RotateBuffer180(buf, nullptr, 4, 4, 8), P}, {K_MirrorLine(nullptr, 4, 8), P},
         // Values: perspectives, progress ranges; nothing changes.
-        {K_ChangeBitmapViewPerspective(nullptr, a.bm(), 0, 9), P}, {K_ChangeBitmapViewPerspective(nullptr, a.bm(), 0, 0), P},
-        {K_RotateBitmap90(a.bm(), 1, 50, 20), P}, {K_RotateBitmap90(a.bm(), 1, -1, 20), P},
-        {K_RotateBitmap90(a.bm(), 1, 0, 101), P}, {K_ChangeBitmapViewPerspective(nullptr, &noPersp, 0, 1), P},
+        {Ch(nullptr, a.bm(), 0, 9), P}, {Ch(nullptr, a.bm(), 0, 0), P}, {R90(a.bm(), 1, 50, 20), P},
+        {R90(a.bm(), 1, -1, 20), P}, {R90(a.bm(), 1, 0, 101), P}, {Ch(nullptr, &noPersp, 0, 1), P},
     };
     for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
     ASSERT_EQ(K_AccessBitmap(a.bm()), KS_SUCCESS);
