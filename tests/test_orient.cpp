@@ -49,8 +49,9 @@ struct Viewed : tkit::Bitmap {
 
 }  // namespace
 
-// Every (from, to) pair of perspectives. A change keeps the viewed image on every depth; K_PointFromBitmap
-// maps each stored pixel to where the oracle sees it. Combining (source in `from`, destination in `to`) and
+// Every (from, to) pair of perspectives. A change keeps the viewed image and the region on every depth, in place
+// or into another record (the source then stays as it was); K_PointFromBitmap maps each stored pixel to where the
+// oracle sees it. Combining (source in `from`, destination in `to`) and
 // resizing address each bitmap in its own top-left view: an add against the combine reference, and a nearest
 // resize whose source pixels hold their own viewed coordinates (within one pixel: an axis stored reversed floors
 // the other way; exact into a top-down or bottom-up destination).
@@ -64,20 +65,27 @@ TEST(Orient, EveryPerspectivePairKeepsTheViewedImage) {
     for (int from = 1; from <= 8; ++from)
         for (int to = 1; to <= 8; ++to) {
             SCOPED_TRACE(::testing::Message() << from << "->" << to);
-            for (int bpp : kDepths) {
-                Sample a(Kind::SingleBlock, 11, 7, bpp, uint32_t(bpp * 100 + from * 10 + to), false);
-                BITMAPRECORD& bm = *a.bm();
-                bm.nViewPerspective = from, bm.nXResolution = 300, bm.nYResolution = 100;
-                const Grid view = viewed(a.pixels, from);
-                ASSERT_EQ(K_ChangeBitmapViewPerspective(nullptr, &bm, 0, to), KS_SUCCESS);
+            for (int bpp : kDepths) {  // a kind of each in turn; every other change into a record of either layout
+                const auto kinds = tkit::kindsFor(bpp);
+                Sample a(kinds[size_t(from + to) % kinds.size()], 11, 7, bpp, uint32_t(bpp * 100 + from * 10 + to));
+                a.bm()->nViewPerspective = from, a.bm()->nXResolution = 300, a.bm()->nYResolution = 100;
+                const BITMAPRECORD before = *a.bm();
+                const bool into = (from + to + bpp) % 2;
+                const uint32_t id = bpp % 3 ? BITMAPRECORD_SIZE : BITMAPRECORD_SIZE_OLD;
+                BITMAPRECORD other;
+                std::memset(&other, 0x5A, sizeof other);
+                BITMAPRECORD& bm = into ? other : *a.bm();
+                ASSERT_EQ(K_ChangeBitmapViewPerspective(into ? &other : nullptr, a.bm(), into ? id : 0, to), KS_SUCCESS);
                 EXPECT_EQ(bm.nViewPerspective * 1000 + bm.nXResolution, to * 1000 + 300);
-                const Grid now = stored(&bm);
-                EXPECT_TRUE(viewed(now, to) == view) << bpp;
+                EXPECT_TRUE(!into || (other.uStructSize == id && tkit::sameBytes(before, *a.bm()) && a.holds(same)));
+                const Grid now = stored(&bm), view = viewed(a.pixels, from);
+                EXPECT_TRUE(viewed(now, to) == view && viewed(regionGrid(&bm), to) == viewed(a.mask, from)) << bpp;
                 for (int i = 0; i < now.w * now.h; ++i) {
                     int vx = i % now.w, vy = i / now.w;
                     ASSERT_EQ(K_PointFromBitmap(&bm, 1, &vx, &vy), KS_SUCCESS);
                     ASSERT_EQ(view.at(vx, vy), now.v[size_t(i)]) << bpp << " pixel " << i;
                 }
+                if (into) K_FreeBitmap(&other);
             }
             Viewed src(sv, 8, from), dst(dv, 8, to), big(coords, 24, from), small(Grid(11, 29), 24, to);
             ASSERT_EQ(K_CombineBitmapKrn(&dst.bm, 2, 1, 9, 6, &src.bm, 3, 2, CombineAdd), KS_SUCCESS);
@@ -94,25 +102,6 @@ TEST(Orient, EveryPerspectivePairKeepsTheViewedImage) {
                 ASSERT_TRUE(px >> 16 == 7 && near(sx, qx, 23, 11) && near(sy, qy, 17, 29))
                     << qx << "," << qy << ": " << sx << "," << sy;
             }
-        }
-}
-
-// With a distinct destination the source stays as it was and the destination
-// (either record layout) holds the changed copy (its allocation failures: the
-// shared walk of test_transform_shared.cpp).
-TEST(Orient, ChangePerspectiveIntoAnotherRecord) {
-    for (uint32_t id : {BITMAPRECORD_SIZE, BITMAPRECORD_SIZE_OLD})
-        for (Kind k : {Kind::SingleBlock, Kind::TilesMemory, Kind::Compressed}) {
-            Sample a(k, 9, 6, 1, 11);
-            const BITMAPRECORD before = a.kb.bm;
-            BITMAPRECORD dst;
-            std::memset(&dst, 0x5A, sizeof dst);
-            ASSERT_EQ(K_ChangeBitmapViewPerspective(&dst, a.bm(), id, 8), KS_SUCCESS);
-            EXPECT_EQ(dst.uStructSize * 10 + uint32_t(dst.nViewPerspective), id * 10 + 8);
-            EXPECT_TRUE(viewed(stored(&dst), 8) == viewed(a.pixels, 1));
-            EXPECT_TRUE(viewed(regionGrid(&dst), 8) == viewed(a.mask, 1));
-            EXPECT_TRUE(tkit::sameBytes(before, *a.bm()) && a.holds(same));
-            K_FreeBitmap(&dst);
         }
 }
 
@@ -189,38 +178,6 @@ TEST(Orient, Relabels) {
         EXPECT_EQ(K_RotateBitmapViewPerspective(&bm, 45), KS_INVALID_PARAMETER);
         EXPECT_EQ(bm.nViewPerspective, label(halfTurned));
     }
-}
-
-// Row kernels against the oracle (the levels against each other:
-// test_transform_fast.cpp), every depth, odd lengths, all four rows-to-columns
-// mappings; the mirror keeps the bits after the last pixel.
-TEST(Orient, KernelsMatchThePlainForms) {
-    std::mt19937 rng(3);
-    for (int bpp : tkit::allDepths())
-        for (int trial = 0; trial < 12; ++trial) {
-            const uint32_t w = 1 + rng() % (trial % 2 ? 700 : 70), h = 1 + rng() % 70;
-            SCOPED_TRACE(::testing::Message() << "bpp " << bpp << " " << w << "x" << h);
-            const Grid g = randomGrid(int(w), int(h), bpp, rng());
-            std::vector<uint8_t> src = pack(g, bpp);
-            const size_t ds = size_t(((uint64_t(h) * uint64_t(bpp) + 31) >> 3) & ~uint64_t(3)), ss = src.size() / h;
-            for (int mode = 0; mode < 4; ++mode) {
-                const bool revY = mode & 1, revX = mode & 2;
-                std::vector<uint8_t> a(ds * w, 0);
-                krn::turnBlock(src.data(), ss, a.data(), ds, w, h, bpp, revY, revX);
-                const Grid want = remap(g, int(h), int(w), [&](int c, int r) {
-                    return std::pair{int(revX ? w - 1 - r : r), int(revY ? h - 1 - c : c)};
-                });
-                EXPECT_TRUE(unpack(a.data(), int(h), int(w), bpp) == want) << "mode " << mode;
-            }
-            std::vector<uint8_t> row(ss);
-            for (auto& byte : row) byte = uint8_t(rng());
-            std::vector<uint8_t> want = row, viaApi = row;  // the oracle: pixels reversed, everything after them kept
-            for (uint32_t x = 0; x < w; ++x)
-                storagetest::setPixel(want.data(), int(x), bpp, storagetest::getPixel(row.data(), int(w - 1 - x), bpp));
-            krn::mirrorRow(row.data(), w, bpp);
-            ASSERT_EQ(K_MirrorLine(viaApi.data(), w, bpp), KS_SUCCESS);
-            EXPECT_TRUE(row == want && viaApi == want);
-        }
 }
 
 // Plain buffers: a quarter turn each way against the oracle (the padding

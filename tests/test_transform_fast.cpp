@@ -147,42 +147,50 @@ TEST(CombineFastAlphaOver, EveryAlphaPairWithExtremeColours) {
     if (!levels) GTEST_SKIP() << "no SIMD level on this processor";
 }
 
-// One block turned by the kernels of `level` and by the plain reference, into
-// destinations whose guards and row slack hold kFill; the source ends where its
-// block ends (an over-read shows under ASan).
+// One block turned by the kernels of `level` and by the plain form, into destinations whose guards and row
+// slack hold kFill; the source ends where its block ends (an over-read shows under ASan). The plain form against
+// index arithmetic: destination row r holds source column r (reversed: w - 1 - r), pixel c source row c (or h - 1 - c).
 void checkTurn(int bpp, uint32_t w, uint32_t h, int level, std::mt19937& rng) {
     const size_t rowBytes = size_t((uint64_t(w) * uint64_t(bpp) + 7) / 8), outBytes = size_t((uint64_t(h) * bpp + 7) / 8);
     const size_t ss = rowBytes + rng() % 5, ds = outBytes + rng() % 9, so = rng() % 4, at = kGuard + rng() % 4;
     const std::vector<uint8_t> src = randomBytes(so + ss * (h - 1) + rowBytes, rng);
     for (int mode = 0; mode < 4; ++mode) {
+        const bool revY = mode & 1, revX = mode & 2;
         std::vector<uint8_t> fast(at + ds * w + kGuard, kFill), plain = fast;
-        krn::turnBlockAt(level, src.data() + so, ss, fast.data() + at, ds, w, h, bpp, mode & 1, mode & 2);
-        krn::turnBlockPlain(src.data() + so, ss, plain.data() + at, ds, w, h, bpp, mode & 1, mode & 2);
+        krn::turnBlockAt(level, src.data() + so, ss, fast.data() + at, ds, w, h, bpp, revY, revX);
+        krn::turnBlockPlain(src.data() + so, ss, plain.data() + at, ds, w, h, bpp, revY, revX);
         ASSERT_EQ(fast, plain) << bpp << " bits " << w << "x" << h << " level " << level << " mode " << mode;
         for (size_t i = 0; i < fast.size(); ++i)  // nothing outside the rows' pixel bytes
             if (i < at || i - at >= ds * w || (i - at) % ds >= outBytes) { ASSERT_EQ(fast[i], kFill) << w << "x" << h; }
+        for (uint32_t r = 0; level == 0 && r < w; ++r)
+            for (uint32_t c = 0; c < h; ++c)
+                ASSERT_EQ(getPixel(plain.data() + at + r * ds, int(c), bpp),
+                          getPixel(src.data() + so + (revY ? h - 1 - c : c) * ss, int(revX ? w - 1 - r : r), bpp))
+                    << bpp << " bits " << w << "x" << h << " mode " << mode << " at " << c << "," << r;
     }
 }
 
-// Sizes on both sides of the micro blocks and the tiles, and larger blocks of
-// several tiles with ragged edges; the flip and mirror row kernels at the same
-// level: mirror against the plain form, row swap against std::swap_ranges.
+// Every depth, sizes on both sides of the micro blocks and the tiles, and larger blocks of several tiles with
+// ragged edges; the mirror (kernel and K_MirrorLine) at the same level against the oracle (pixels reversed,
+// the bits after the last one kept), the row swap against std::swap_ranges.
 TEST(OrientFastKernels, MatchThePlainReferenceAtEveryLevel) {
     for (int level : {0, 1, 2}) {
         std::mt19937 rng(uint32_t(7 + level));
-        for (int bpp : {1, 8, 16, 24, 32, 48, 64}) {
+        for (int bpp : allDepths()) {
             for (uint32_t w : {1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 31, 32, 33, 63, 64, 65, 97})
                 for (uint32_t h : {1u, 4u, 8u, 11u, 16u, 17u, 64u, 70u}) checkTurn(bpp, w, h, level, rng);
             for (auto [w, h] : {std::pair{200u, 131u}, {131u, 200u}, {257u, 129u}}) checkTurn(bpp, w, h, level, rng);
         }
         const int set = krn::setOrientSimdLevel(level);
-        for (int bpp : {1, 8, 24, 32})
-            for (uint32_t w : {2u, 15u, 16u, 17u, 31u, 33u, 63u, 64u, 65u, 97u, 129u, 200u, 511u}) {
+        for (int bpp : allDepths())
+            for (uint32_t w : {1u, 2u, 15u, 16u, 17u, 31u, 33u, 63u, 64u, 65u, 97u, 129u, 200u, 511u}) {
                 const size_t off = rng() % 4;
-                std::vector<uint8_t> a = randomBytes(off + size_t((uint64_t(w) * bpp + 7) / 8) + 8, rng), b = a;
+                std::vector<uint8_t> a = randomBytes(off + size_t((uint64_t(w) * bpp + 7) / 8) + 8, rng), b = a, want = a;
+                for (uint32_t x = 0; x < w; ++x)
+                    setPixel(want.data() + off, int(x), bpp, getPixel(a.data() + off, int(w - 1 - x), bpp));
                 krn::mirrorRow(a.data() + off, w, bpp);
-                krn::mirrorRowPlain(b.data() + off, w, bpp);
-                ASSERT_EQ(a, b) << "mirror bpp " << bpp << " w " << w << " level " << set;
+                ASSERT_EQ(K_MirrorLine(b.data() + off, w, bpp), KS_SUCCESS);
+                ASSERT_TRUE(a == want && b == want) << "mirror bpp " << bpp << " w " << w << " level " << set;
             }
         for (size_t n : {0, 1, 31, 32, 127, 128, 129, 300, 1000}) {
             std::vector<uint8_t> buf = randomBytes(2 * n + 16, rng), want = buf;
