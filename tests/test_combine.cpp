@@ -1,5 +1,5 @@
-// Combining two bitmaps against the per-sample reference of combine_reference.h: every flag word and depth,
-// regions, storage kinds, faults (perspectives: test_orient.cpp).
+// Combining two bitmaps against the per-sample reference of combine_reference.h: every flag word and depth, regions,
+// storage kinds, faults (perspectives: test_orient.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -43,8 +43,8 @@ const Format kFormats[] = {{1, 0}, {2, 0}, {3, 0}, {4, 0}, {5, 0}, {6, 0}, {7, 0
 
 class CombineOracle : public ::testing::TestWithParam<Format> {};
 
-// Every flag word with valid fields, random images, random odd widths and offsets, cycling through the paths
-// (SIMD or plain kernels, in place or row layer), against the reference.
+// Every flag word with valid fields, random images, random odd widths and offsets, cycling through the paths (SIMD or
+// plain kernels, in place or row layer), against the reference.
 TEST_P(CombineOracle, EveryFlagWordMatchesTheReference) {
     const Format f = GetParam();
     const int32_t W = 37, H = 5, B = f.bpp / 8;
@@ -73,8 +73,8 @@ INSTANTIATE_TEST_SUITE_P(AllDepths, CombineOracle, ::testing::ValuesIn(kFormats)
            (i.param.highBit >= 0 ? "_high" + std::to_string(i.param.highBit) : "");
 });
 
-// The do-nothing plan reports 0 and 100 (the answer of the last report is returned); a callback answering 0
-// stops the work and is returned, the rows after it keep their pixels.
+// The do-nothing plan reports 0 and 100 (the answer of the last report is returned); a callback answering 0 stops the
+// work and is returned, the rows after it keep their pixels.
 TEST(CombineProgress, CallbackReportsAndStops) {
     Bmp small(8, 8, {8, 0});
     for (int32_t answer : {1, 7}) {
@@ -125,9 +125,9 @@ TEST(CombineBadInput, FlagWordsRecordsAndRectangles) {
     EXPECT_EQ(getImage(&dst.bm).px, d.px);
 }
 
-// Each failing allocation returns -1 and leaves the destination as it was, nothing leaks; also when the source
-// of another view perspective is converted into a temporary record first (mode 9), and when the destination's
-// rows are re-encoded as they are written (super-compressed: the rows written before a failing one are put back).
+// Each failing allocation returns -1 and leaves the destination as it was, nothing leaks; also when the source of
+// another view perspective is converted into a temporary record first (mode 9), and when the destination's rows are
+// re-encoded as they are written (super-compressed: the rows written before a failing one are put back).
 int32_t gPercent = 0;
 TEST(CombineFaults, AllocationFailureWalkLeavesTheDestination) {
     storagetest::CapGuard cap;
@@ -192,8 +192,8 @@ TEST(CombineFaults, SourceRowRefusedMidwayPutsWrittenRowsBack) {
     K_FreeBitmap(&src);
 }
 
-// Only the destination region changes: pixels outside it are kept, inside they follow the reference. A bitmap
-// combined with itself (overlapping rectangles) reads the source before writing.
+// Only the destination region changes: pixels outside it are kept, inside they follow the reference. A bitmap combined
+// with itself (overlapping rectangles) reads the source before writing.
 TEST(CombineRegions, NothingOutsideTheRegionChanges) {
     for (const Format f : {Format{1, 0}, Format{3, 0}, Format{8, 0}, Format{12, ORDER_GRAY}, Format{24, 1}, {32, 1}}) {
         RefImage d = randomImage(41, 23, f.bpp, 21), s = randomImage(41, 23, f.bpp, 22);

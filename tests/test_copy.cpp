@@ -1,5 +1,5 @@
-// Copies, crops, trims, fills and clears against a reference image read by
-// index arithmetic, on every storage kind and depth; K_DupBitmapNewDim's masks.
+// Copies, crops, trims, fills and clears against a reference image read by index arithmetic, on every storage kind and
+// depth; K_DupBitmapNewDim's masks.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -28,8 +28,7 @@ const uint32_t R = BITMAPRECORD_SIZE;
 
 }  // namespace
 
-// K_CopyBitmapData between every pair of kinds keeps the destination's kind;
-// K_CopyBitmap2 lands in the kind asked for.
+// K_CopyBitmapData between every pair of kinds keeps the destination's kind; K_CopyBitmap2 lands in the kind asked for.
 TEST(Copy, BetweenKinds) {
     storagetest::CapGuard guard;
     for (int bpp : {1, 8, 24})
@@ -73,8 +72,8 @@ TEST(Copy, DescribingFieldsAndRegionTravel) {
     std::memcpy(s.pExtraData = K_GlobalAlloc(GMEM_FIXED, 10), "extra-data", 10);
     RECT rc = {5, 6, 20, 25}, got{};
     ASSERT_EQ(K_SetBitmapRgnRect(&s, nullptr, &rc, RGN_SET_REPLACE), KS_SUCCESS);
-    // K_CopyBitmap carries everything; K_CopyBitmap2 of a grey image the grey
-    // parameters (K_CopyGrayParams), the region and the extra data.
+    // K_CopyBitmap carries everything; K_CopyBitmap2 of a grey image the grey parameters (K_CopyGrayParams), the region
+    // and the extra data.
     for (bool two : {false, true}) {
         SCOPED_TRACE(two ? "K_CopyBitmap2" : "K_CopyBitmap");
         BITMAPRECORD d;
@@ -102,8 +101,8 @@ TEST(Copy, CarryMasksTable) {
     s.nXResolution = 96, s.nViewPerspective = 3, s.nLowBit = 1, s.nHighBit = 6, s.nMinBit = 2, s.nMaxBit = 5;
     RECT r = {2, 2, 8, 8};
     ASSERT_EQ(K_SetBitmapRgnRect(&s, nullptr, &r, RGN_SET_REPLACE), KS_SUCCESS);
-    // What each mask carries: palette, resolution, perspective, region, grey bits, storage allocated, of the
-    // source's kind, pixels (checked where carried).
+    // What each mask carries: palette, resolution, perspective, region, grey bits, storage allocated, of the source's
+    // kind, pixels (checked where carried).
     const std::pair<uint32_t, std::string> cases[] = {
         {DUPBITMAP_COPY, "11111100"}, {DUPBITMAP_TEMPORARY, "11111110"}, {DUPBITMAP_WORK, "11000110"},
         {DUPBITMAP_RESIZE, "10000111"}, {DUPBITMAP_DESCRIBE, "01100000"}, {DUPBITMAP_COLORS, "10100000"},
@@ -124,8 +123,7 @@ TEST(Copy, CarryMasksTable) {
     }
 }
 
-// Every refusal: the status, the sentinel destination untouched, the source
-// record as it was, nothing allocated.
+// Every refusal: the status, the sentinel destination untouched, the source record as it was, nothing allocated.
 TEST(Copy, BadInputChangesNothing) {
     Source src(Kind::SingleBlock, 10, 10, 8, 1);
     BITMAPRECORD *s = src.bm(), unalloc, other, badSize = *s;
@@ -172,9 +170,8 @@ TEST(Copy, BadInputChangesNothing) {
     K_FreeBitmap(&other);
 }
 
-// A copy status callback's answer other than 1 is returned; answering 1
-// throughout sees whole percentages from 0 to 100, rising. A notification
-// callback sees the copy, and its failing answer is returned.
+// A copy status callback's answer other than 1 is returned; answering 1 throughout sees whole percentages from 0 to
+// 100, rising. A notification callback sees the copy, and its failing answer is returned.
 TEST(Copy, StatusAndNotificationCallbacks) {
     storagetest::CapGuard guard;
     Source src(Kind::TilesMemory, 50, 40, 24, 8);
@@ -207,8 +204,8 @@ TEST(Copy, StatusAndNotificationCallbacks) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
 }
 
-// Records of the older layout: a handle copy each way shares the pixels, a
-// rectangle copy writes nothing past the older record.
+// Records of the older layout: a handle copy each way shares the pixels, a rectangle copy writes nothing past the older
+// record.
 TEST(Copy, OlderRecordLayout) {
     Source src(Kind::SingleBlock, 33, 9, 24, 4);
     BITMAPRECORD old, back, big;
@@ -245,9 +242,8 @@ TEST(CopyRect, TrimTable) {
     }
 }
 
-// Copies that write every byte allocate their block without zero-filling it:
-// the padding and every pixel must still come out exact. The heap is dirtied
-// with a block of the same size first, so a reused block shows.
+// Copies that write every byte allocate their block without zero-filling it: the padding and every pixel must still
+// come out exact. The heap is dirtied with a block of the same size first, so a reused block shows.
 TEST(CopyRect, NoStaleBytesInBlocksThatWereNotZeroed) {
     for (int bpp : {8, 16, 24, 1, 4}) {
         SCOPED_TRACE(bpp);
@@ -272,11 +268,10 @@ TEST(CopyRect, NoStaleBytesInBlocksThatWereNotZeroed) {
     }
 }
 
-// Every depth and kind: a copy holds the source's pixels and is independent
-// of it; rectangle copies from well left/above to past the right/bottom edge
-// give the window of the source (zero outside it) and of its region of two
-// rectangles; fill and clear stay inside the region; an in-place crop keeps
-// the storage kind (caller memory gets a block of its own).
+// Every depth and kind: a copy holds the source's pixels and is independent of it; rectangle copies from well
+// left/above to past the right/bottom edge give the window of the source (zero outside it) and of its region of two
+// rectangles; fill and clear stay inside the region; an in-place crop keeps the storage kind (caller memory gets a
+// block of its own).
 TEST(Copy, CopyRectFillClearAndCropOnEveryKindAndDepth) {
     storagetest::CapGuard guard;
     std::mt19937 rng(2024);

@@ -1,5 +1,5 @@
-// Flips, mirrors, quarter turns and the view perspective of bitmaps, against
-// the index-arithmetic oracle of orient_ref.h, on every depth and storage kind.
+// Flips, mirrors, quarter turns and the view perspective of bitmaps, against the index-arithmetic oracle of
+// orient_ref.h, on every depth and storage kind.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,8 +21,8 @@ namespace {
 
 const int kDepths[] = {1, 2, 4, 8, 12, 16, 24, 32, 48, 64};
 
-// A bitmap of a kind with random stored pixels and (optionally) an elliptic
-// region that no flip or turn maps onto itself.
+// A bitmap of a kind with random stored pixels and (optionally) an elliptic region that no flip or turn maps onto
+// itself.
 struct Sample {
     tkit::KindBitmap kb;
     Grid pixels, mask;
@@ -49,12 +49,11 @@ struct Viewed : tkit::Bitmap {
 
 }  // namespace
 
-// Every (from, to) pair of perspectives. A change keeps the viewed image and the region on every depth, in place
-// or into another record (the source then stays as it was); K_PointFromBitmap maps each stored pixel to where the
-// oracle sees it. Combining (source in `from`, destination in `to`) and
-// resizing address each bitmap in its own top-left view: an add against the combine reference, and a nearest
-// resize whose source pixels hold their own viewed coordinates (within one pixel: an axis stored reversed floors
-// the other way; exact into a top-down or bottom-up destination).
+// Every (from, to) pair of perspectives. A change keeps the viewed image and the region on every depth, in place or
+// into another record (the source then stays as it was); K_PointFromBitmap maps each stored pixel to where the oracle
+// sees it. Combining (source in `from`, destination in `to`) and resizing address each bitmap in its own top-left view:
+// an add against the combine reference, and a nearest resize whose source pixels hold their own viewed coordinates
+// (within one pixel: an axis stored reversed floors the other way; exact into a top-down or bottom-up destination).
 TEST(Orient, EveryPerspectivePairKeepsTheViewedImage) {
     const Grid sv = randomGrid(13, 9, 8, 41), dv = randomGrid(13, 9, 8, 42);
     storagetest::RefImage s8(13, 9, 8), d8 = s8;
@@ -105,11 +104,11 @@ TEST(Orient, EveryPerspectivePairKeepsTheViewedImage) {
         }
 }
 
-// Flips, mirrors, half and quarter turns in sequence on every depth and storage kind, the region along: after
-// each step the stored pixels and the region are the oracle's transform of the originals. Flip and reverse act
-// on the viewed image (stored columns in the perspectives 5..8), the stored-axis forms undo them; a quarter turn
-// swaps the resolutions; the storage kind stays (caller memory may get a block of its own when turned). Large
-// images go band by band into storage of their own kind: forced with a tiny band budget and copy limit.
+// Flips, mirrors, half and quarter turns in sequence on every depth and storage kind, the region along: after each step
+// the stored pixels and the region are the oracle's transform of the originals. Flip and reverse act on the viewed
+// image (stored columns in the perspectives 5..8), the stored-axis forms undo them; a quarter turn swaps the
+// resolutions; the storage kind stays (caller memory may get a block of its own when turned). Large images go band by
+// band into storage of their own kind: forced with a tiny band budget and copy limit.
 TEST(Orient, FlipsAndTurnsInSequenceOnEveryKind) {
     using B = BITMAPRECORD*;
     int32_t (*half)(B) = [](B b) { return K_RotateBitmap(b, 18000, 0, 0); };
@@ -148,8 +147,8 @@ TEST(Orient, FlipsAndTurnsInSequenceOnEveryKind) {
     krn::setTurnBandBytes(0);
 }
 
-// A relabel shows the viewed image flipped, mirrored or turned (a quarter exchanges the resolutions); other
-// values stay.
+// A relabel shows the viewed image flipped, mirrored or turned (a quarter exchanges the resolutions); other values
+// stay.
 TEST(Orient, Relabels) {
     BITMAPRECORD bm;
     K_InitBitmap(&bm, BITMAPRECORD_SIZE_OLD, 4, 3, 8);
@@ -180,8 +179,8 @@ TEST(Orient, Relabels) {
     }
 }
 
-// Plain buffers: a quarter turn each way against the oracle (the padding
-// cleared), the half turn into another buffer and in place.
+// Plain buffers: a quarter turn each way against the oracle (the padding cleared), the half turn into another buffer
+// and in place.
 TEST(Orient, Buffers) {
     for (int bpp : kDepths) {
         const Grid g = randomGrid(7, 5, bpp, uint32_t(bpp));
@@ -232,8 +231,8 @@ TEST(Orient, BadInput) {
     EXPECT_EQ(K_MirrorLine(row, 4, 9) * 100 + row[0] * 10 + row[3], KS_SUCCESS * 100 + 14);
 }
 
-// Progress of a turn runs from the start to the end value given; the
-// perspective change silences the callback and puts it back.
+// Progress of a turn runs from the start to the end value given; the perspective change silences the callback and puts
+// it back.
 TEST(Orient, StatusCallbackProgress) {
     tkit::StopAfter log;
     tkit::StatusScope scope(&tkit::StopAfter::cb, &log);

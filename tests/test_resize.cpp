@@ -1,5 +1,5 @@
-// Nearest resizing (target pixel i takes source pixel floor(i old / new)), the
-// row-at-a-time resizer, the black-preserving reduction and K_SizeBitmap's frame.
+// Nearest resizing (target pixel i takes source pixel floor(i old / new)), the row-at-a-time resizer, the
+// black-preserving reduction and K_SizeBitmap's frame.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -33,9 +33,8 @@ std::string nearestRule(RefImage& before, RefImage& after) {
     });
 }
 
-// The nearest rule on one row, every depth and every pair of widths up to 64:
-// K_GetResizedScanLine, its reverse and K_Resize in place all take source
-// pixel floor(i old / new).
+// The nearest rule on one row, every depth and every pair of widths up to 64: K_GetResizedScanLine, its reverse and
+// K_Resize in place all take source pixel floor(i old / new).
 TEST(ResizeScanLine, EveryDepthEverySizePairTakesFloorOfIOldOverNew) {
     for (int32_t bpp : allDepths()) {
         std::vector<uint8_t> src(64 * 8 + 16), dst(src.size()), back(src.size()), buf(src.size());
@@ -76,9 +75,8 @@ TEST(ResizeScanLine, EveryDepthEverySizePairTakesFloorOfIOldOverNew) {
     EXPECT_EQ(std::count(b, b + 8, 0), 8);
 }
 
-// The stepping rule of whole bitmaps, both axes, on every depth; exact halving
-// and doubling of 24-bit rows (the vector paths) with and without the plain
-// path forced, the padding past the last pixel left zero.
+// The stepping rule of whole bitmaps, both axes, on every depth; exact halving and doubling of 24-bit rows (the vector
+// paths) with and without the plain path forced, the padding past the last pixel left zero.
 TEST(ResizeNearest, WholeBitmapsFollowTheRule) {
     struct Case { int32_t bpp, w, h, nw, nh; bool plain; };
     std::vector<Case> cases;
@@ -103,8 +101,7 @@ TEST(ResizeNearest, WholeBitmapsFollowTheRule) {
     }
 }
 
-// Row counts of the row-at-a-time resizer in forward, backward, random and
-// zig-zag order; its bad arguments.
+// Row counts of the row-at-a-time resizer in forward, backward, random and zig-zag order; its bad arguments.
 TEST(ResizeRows, CountsInEveryOrderAndBadArguments) {
     std::mt19937 rng(7);
     for (int32_t oldH = 1; oldH <= 40; ++oldH)
@@ -151,9 +148,8 @@ TEST(ResizeRows, CountsInEveryOrderAndBadArguments) {
     }
 }
 
-// Favour black: block of bx x by source pixels from floor(x old / new), black
-// when at least the threshold of them is black; a coloured palette falls back
-// to the nearest rule.
+// Favour black: block of bx x by source pixels from floor(x old / new), black when at least the threshold of them is
+// black; a coloured palette falls back to the nearest rule.
 TEST(ResizeFavourBlack, BlockCountsAgainstPixelWalk) {
     const int32_t cases[][4] = {{40, 30, 10, 10}, {37, 29, 5, 7}, {100, 20, 9, 3}, {16, 16, 16, 8}, {9, 9, 20, 20}, {70, 50, 7, 2}};
     for (const auto& cs : cases)

@@ -1,5 +1,5 @@
-// The interpolating resamplers against a plain double-precision filter (a
-// direct weighted sum with clamped edges), plus invariants and path agreement.
+// The interpolating resamplers against a plain double-precision filter (a direct weighted sum with clamped edges), plus
+// invariants and path agreement.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -28,9 +28,8 @@ const Fmt kFormats[] = {{8, ORDER_GRAY, 1, 255},   {12, ORDER_GRAY, 1, 4095}, {1
                         {24, ORDER_BGR, 3, 255},   {24, ORDER_RGB, 3, 255},   {32, ORDER_BGR, 4, 255},
                         {48, ORDER_BGR, 3, 65535}, {64, ORDER_BGR, 4, 65535}};
 
-// Where sample k of pixel x sits in a row (index arithmetic of our own):
-// 12-bit pairs through pixelAt, otherwise samples of one or two bytes, low
-// byte first, red first for the RGB order.
+// Where sample k of pixel x sits in a row (index arithmetic of our own): 12-bit pairs through pixelAt, otherwise
+// samples of one or two bytes, low byte first, red first for the RGB order.
 uint8_t* sampleAt(uint8_t* row, const Fmt& f, int32_t x, int32_t k) {
     const int32_t sb = f.bpp / 8 / f.channels, pos = (f.order == ORDER_RGB && k < 3) ? 2 - k : k;
     return row + (size_t(x) * f.channels + pos) * sb;
@@ -133,8 +132,8 @@ double maxDiff(const Img& a, const Img& b) {
 
 const char* name(Method m) { return m == Method::Resample ? "resample" : m == Method::Cubic ? "bicubic" : "lanczos"; }
 
-// Random images within one level of the reference filter (whole-factor area reductions within rounding);
-// constant images come back exactly constant.
+// Random images within one level of the reference filter (whole-factor area reductions within rounding); constant
+// images come back exactly constant.
 TEST(Resample, MatchesDoublePrecisionFilterWithinOneLevel) {
     const int32_t sizes[][4] = {{17, 13, 40, 29}, {40, 30, 13, 9}, {24, 16, 8, 40}, {9, 31, 9, 7}, {30, 20, 45, 30},
                                 {30, 20, 15, 10}, {36, 24, 12, 8}, {30, 20, 6, 4}, {21, 17, 50, 7}, {21, 17, 3, 40},
@@ -158,8 +157,8 @@ TEST(Resample, MatchesDoublePrecisionFilterWithinOneLevel) {
             }
 }
 
-// Opaque red beside fully transparent green: premultiplied resampling gives
-// no green anywhere; straight resampling does (so the test can fail).
+// Opaque red beside fully transparent green: premultiplied resampling gives no green anywhere; straight resampling does
+// (so the test can fail).
 TEST(Resample, PremultipliedAlphaLendsNoColourFromTransparentPixels) {
     for (const Fmt& f : {Fmt{32, ORDER_BGR, 4, 255}, Fmt{64, ORDER_BGR, 4, 65535}})
         for (Method m : {Method::Resample, Method::Cubic, Method::Lanczos})
@@ -182,8 +181,8 @@ TEST(Resample, PremultipliedAlphaLendsNoColourFromTransparentPixels) {
             }
 }
 
-// Palette images of every depth (3, 5, 6 and 7 bits cross bytes) go through
-// their colours, into 24 bits or into a grey target (the weighted sum).
+// Palette images of every depth (3, 5, 6 and 7 bits cross bytes) go through their colours, into 24 bits or into a grey
+// target (the weighted sum).
 TEST(Resample, PaletteImagesGoThroughTheirColours) {
     for (int32_t bpp : {3, 4, 5, 6, 7}) {
         RGBQUAD pal[128];
@@ -207,10 +206,9 @@ TEST(Resample, PaletteImagesGoThroughTheirColours) {
     }
 }
 
-// What the format table leaves out, against the reference filter: 5-5-5 and
-// 5-6-5 colour (within one step of the stored fields), rows wider than one
-// 2,048-float chunk into a bottom-up destination (rows flipped), a reduction
-// whose filter spans more than 4,096 source pixels.
+// What the format table leaves out, against the reference filter: 5-5-5 and 5-6-5 colour (within one step of the stored
+// fields), rows wider than one 2,048-float chunk into a bottom-up destination (rows flipped), a reduction whose filter
+// spans more than 4,096 source pixels.
 TEST(Resample, SixteenBitColourWideFlippedRowsAndWideFilters) {
     for (int32_t order : {ORDER_BGR, ORDER_RGB565}) {
         const int gBits = order == ORDER_RGB565 ? 6 : 5;

@@ -1,5 +1,5 @@
-// Rotation by any angle and shear against a double-precision inverse mapping,
-// right angles against orient_ref.h (SIMD against plain kernels: test_transform_fast.cpp).
+// Rotation by any angle and shear against a double-precision inverse mapping, right angles against orient_ref.h (SIMD
+// against plain kernels: test_transform_fast.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -38,8 +38,7 @@ void setChan(RefImage& img, int x, int y, int ch, uint32_t v) {
     if (chanBits(img.bpp) == 16) p[1] = uint8_t(v >> 8);
     p[0] = uint8_t(v);
 }
-// Smooth content; alpha (4th channel) varies too, so that premultiplied
-// weighting is exercised.
+// Smooth content; alpha (4th channel) varies too, so that premultiplied weighting is exercised.
 RefImage smooth(int w, int h, int bpp) {
     RefImage img(w, h, bpp);
     const double top = chanBits(img.bpp) == 16 ? 65535.0 : 255.0;
@@ -51,8 +50,8 @@ RefImage smooth(int w, int h, int bpp) {
     return img;
 }
 
-// The inverse map in double, from the table's sine and cosine: destination
-// centre to source centre, clockwise turn by theta as drawn top down.
+// The inverse map in double, from the table's sine and cosine: destination centre to source centre, clockwise turn by
+// theta as drawn top down.
 using MapFn = std::function<void(int, int, double*, double*)>;
 MapFn inverse(int32_t theta, int sw, int sh, int dw, int dh) {
     const int32_t a = ((theta % 36000) + 36000) % 36000;
@@ -94,8 +93,8 @@ bool oracle(RefImage& src, const MapFn& map, int i, int j, uint32_t interp, int 
     return true;
 }
 
-// Compares a result with the oracle: every channel within `tol` levels (of
-// 8 bits; 16-bit channels are scaled), uncovered pixels equal to the fill.
+// Compares a result with the oracle: every channel within `tol` levels (of 8 bits; 16-bit channels are scaled),
+// uncovered pixels equal to the fill.
 void expectOracle(RefImage& src, RefImage& got, const MapFn& map, uint32_t interp, const uint8_t* fillPx,
                   double tol) {
     const double scale = chanBits(src.bpp) == 16 ? 257.0 : 1.0;
@@ -124,8 +123,8 @@ struct OracleCase {
 };
 class RotateOracle : public ::testing::TestWithParam<OracleCase> {};
 
-// Rotations (and shears) of smooth images, nearest of random ones, against the plain inverse mapping; the
-// uncovered pixels get the fill colour (a shear grows by tan(angle) times the other side).
+// Rotations (and shears) of smooth images, nearest of random ones, against the plain inverse mapping; the uncovered
+// pixels get the fill colour (a shear grows by tan(angle) times the other side).
 TEST_P(RotateOracle, MatchesPlainInverseMapping) {
     const OracleCase p = GetParam();
     const int W = p.shear ? 30 : 41, H = p.shear ? 21 : 26;
@@ -168,9 +167,8 @@ INSTANTIATE_TEST_SUITE_P(Table, RotateOracle,
                              {8, L, 1500, true, 2}, {8, L, -3000, true, 2}, {8, L, 4500, true, 2}, {8, L, 6000, true, 2},
                              {32, L, 1500, true, 2}, {32, L, -3000, true, 2}, {32, L, 4500, true, 2}, {32, L, 6000, true, 2}}));
 
-// Quarter and half turns equal index arithmetic at every depth, with and
-// without the short cuts, and turn the viewed image clockwise in every
-// perspective.
+// Quarter and half turns equal index arithmetic at every depth, with and without the short cuts, and turn the viewed
+// image clockwise in every perspective.
 TEST(RotateAny, RightAnglesEqualIndexArithmetic) {
     for (int bpp : {1, 2, 4, 8, 12, 16, 24, 32, 48, 64})
         for (uint32_t flags : {ROTATE_RESIZE | ROTATE_NO_SHORTCUTS, uint32_t(ROTATE_RESIZE)})
@@ -204,8 +202,8 @@ TEST(RotateAny, RightAnglesEqualIndexArithmetic) {
             }
 }
 
-// Nearest turns of 1, 2, 4 and 12-bit images equal the 8/16-bit turn of the
-// same values, pixel for pixel (the sub-byte kernels against the byte ones).
+// Nearest turns of 1, 2, 4 and 12-bit images equal the 8/16-bit turn of the same values, pixel for pixel (the sub-byte
+// kernels against the byte ones).
 TEST(RotateAny, NearestAtSubByteDepthsEqualsByteDepth) {
     for (int bpp : {1, 2, 4, 12}) {
         const int W = 23, H = 17, wide = bpp == 12 ? 16 : 8;
@@ -244,8 +242,8 @@ TEST(RotateAny, EnlargedSizeIsTheRotatedBoundingBox) {
         }
 }
 
-// The region turns with the pixels: a destination pixel is in the new
-// region exactly when its nearest source pixel was in the old one.
+// The region turns with the pixels: a destination pixel is in the new region exactly when its nearest source pixel was
+// in the old one.
 TEST(RotateAny, RegionTurnsWithThePixels) {
     for (int32_t angle : {9000, 2500, -13000}) {
         const int W = 31, H = 20;

@@ -1,6 +1,6 @@
-// The fast paths against the plain ones: the SIMD kernels of combining, quarter
-// turns and resizing at every level (guard bytes around what they write), block
-// means by index arithmetic, and whole bitmaps with the fast path on and off.
+// The fast paths against the plain ones: the SIMD kernels of combining, quarter turns and resizing at every level
+// (guard bytes around what they write), block means by index arithmetic, and whole bitmaps with the fast path on and
+// off.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -73,9 +73,8 @@ std::vector<uint8_t> alphaRuns(std::mt19937& rng, size_t n) {
     return a;
 }
 
-// The 8-bit alpha-over kernel, plain and at each SIMD level, against the
-// per-sample model: odd widths, unaligned sources, alpha in runs that take the
-// block short cuts, each operator, guard bytes around the destination.
+// The 8-bit alpha-over kernel, plain and at each SIMD level, against the per-sample model: odd widths, unaligned
+// sources, alpha in runs that take the block short cuts, each operator, guard bytes around the destination.
 TEST(CombineFastAlphaOver, RandomRowsEveryLevelAgainstPlainAndModel) {
     const Format mf{32, ORDER_BGR};
     const krn::CombineFormat cf = combineFormat(mf);
@@ -113,10 +112,9 @@ TEST(CombineFastAlphaOver, RandomRowsEveryLevelAgainstPlainAndModel) {
     if (!levels) GTEST_SKIP() << "no SIMD level on this processor";
 }
 
-// Every (Sa, Da) with the colour pairs at the ends of the numerator's range
-// (0/255 each way, 255 over 255, neighbours of the quotient's extremes) and
-// random ones; the pixels of an alpha pair sit in one block of 16, so blocks
-// are mixed and never take a short cut except where every Sa is 0 or 255.
+// Every (Sa, Da) with the colour pairs at the ends of the numerator's range (0/255 each way, 255 over 255, neighbours
+// of the quotient's extremes) and random ones; the pixels of an alpha pair sit in one block of 16, so blocks are mixed
+// and never take a short cut except where every Sa is 0 or 255.
 TEST(CombineFastAlphaOver, EveryAlphaPairWithExtremeColours) {
     const krn::CombineFormat cf = combineFormat({32, ORDER_BGR});
     krn::CombinePlan plan;
@@ -147,9 +145,9 @@ TEST(CombineFastAlphaOver, EveryAlphaPairWithExtremeColours) {
     if (!levels) GTEST_SKIP() << "no SIMD level on this processor";
 }
 
-// One block turned by the kernels of `level` and by the plain form, into destinations whose guards and row
-// slack hold kFill; the source ends where its block ends (an over-read shows under ASan). The plain form against
-// index arithmetic: destination row r holds source column r (reversed: w - 1 - r), pixel c source row c (or h - 1 - c).
+// One block turned by the kernels of `level` and by the plain form, into destinations whose guards and row slack hold
+// kFill; the source ends where its block ends (an over-read shows under ASan). The plain form against index arithmetic:
+// destination row r holds source column r (reversed: w - 1 - r), pixel c source row c (or h - 1 - c).
 void checkTurn(int bpp, uint32_t w, uint32_t h, int level, std::mt19937& rng) {
     const size_t rowBytes = size_t((uint64_t(w) * uint64_t(bpp) + 7) / 8), outBytes = size_t((uint64_t(h) * bpp + 7) / 8);
     const size_t ss = rowBytes + rng() % 5, ds = outBytes + rng() % 9, so = rng() % 4, at = kGuard + rng() % 4;
@@ -170,9 +168,9 @@ void checkTurn(int bpp, uint32_t w, uint32_t h, int level, std::mt19937& rng) {
     }
 }
 
-// Every depth, sizes on both sides of the micro blocks and the tiles, and larger blocks of several tiles with
-// ragged edges; the mirror (kernel and K_MirrorLine) at the same level against the oracle (pixels reversed,
-// the bits after the last one kept), the row swap against std::swap_ranges.
+// Every depth, sizes on both sides of the micro blocks and the tiles, and larger blocks of several tiles with ragged
+// edges; the mirror (kernel and K_MirrorLine) at the same level against the oracle (pixels reversed, the bits after the
+// last one kept), the row swap against std::swap_ranges.
 TEST(OrientFastKernels, MatchThePlainReferenceAtEveryLevel) {
     for (int level : {0, 1, 2}) {
         std::mt19937 rng(uint32_t(7 + level));
@@ -202,10 +200,9 @@ TEST(OrientFastKernels, MatchThePlainReferenceAtEveryLevel) {
     }
 }
 
-// Whole bitmaps through the public calls with the fast path at each level
-// (the first: the plain path) give the same stored bytes: quarter turns whose
-// engine picks its kernel once per call (partial tiles and chunks), rotations
-// by any angle (half the image opaque, half random alpha: both kernel branches).
+// Whole bitmaps through the public calls with the fast path at each level (the first: the plain path) give the same
+// stored bytes: quarter turns whose engine picks its kernel once per call (partial tiles and chunks), rotations by any
+// angle (half the image opaque, half random alpha: both kernel branches).
 TEST(TransformFast, PublicCallsAgreeWithThePlainPath) {
     using B = BITMAPRECORD*;
     struct Case { int bpp, w, h, levels; std::function<void(int)> set; std::function<int32_t(B)> call; };  // set(-1): default
@@ -275,8 +272,8 @@ TEST(ResizeFastKernels, DividerIsExactAtEveryRoundingEdge) {
     }
 }
 
-// 2 x 2 means, nearest halving, and column sums of any block at every level:
-// odd widths, source and target at odd byte offsets, guard bytes past the row.
+// 2 x 2 means, nearest halving, and column sums of any block at every level: odd widths, source and target at odd byte
+// offsets, guard bytes past the row.
 TEST(ResizeFastKernels, BlockMeansAndHalvingAtEveryLevel) {
     std::mt19937 rng(3);
     for (int level : levels()) {
@@ -323,9 +320,8 @@ TEST(ResizeFastKernels, BlockMeansAndHalvingAtEveryLevel) {
     }
 }
 
-// Whole-factor area reductions give the exact rounded block mean of the stored
-// bytes: every storage kind, odd sizes, vector levels, one and all threads; and
-// into a bottom-up destination (K_IntResizeBitmap) with the rows flipped.
+// Whole-factor area reductions give the exact rounded block mean of the stored bytes: every storage kind, odd sizes,
+// vector levels, one and all threads; and into a bottom-up destination (K_IntResizeBitmap) with the rows flipped.
 TEST(ResizeFastArea, WholeFactorsGiveExactBlockMeansEverywhere) {
     const auto lv = levels();
     const struct { int32_t bpp, order; } formats[] = {{8, ORDER_GRAY}, {24, ORDER_BGR}, {24, ORDER_RGB}, {32, ORDER_BGR}};

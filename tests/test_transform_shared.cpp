@@ -1,5 +1,5 @@
-// What every transform shares: an allocation failure or a stop changes nothing (record, region, pixels, no
-// leak); every kind gives the single block's result.
+// What every transform shares: an allocation failure or a stop changes nothing (record, region, pixels, no leak); every
+// kind gives the single block's result.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -114,8 +114,8 @@ TEST(TransformFailures, EveryAllocationFailureChangesNothing) {
         }
 }
 
-// A status callback answering 0 at its first or second report stops the call with 0, and nothing changes,
-// wherever it stops.
+// A status callback answering 0 at its first or second report stops the call with 0, and nothing changes, wherever it
+// stops.
 TEST(TransformFailures, StatusCallbackStopChangesNothing) {
     storagetest::CapGuard guard;
     for (const Op& op : ops())

@@ -1,5 +1,5 @@
-// combine_reference.h - a plain per-sample model of combining: pixels by index
-// arithmetic, the plan from the operators evaluated on single bits.
+// combine_reference.h - a plain per-sample model of combining: pixels by index arithmetic, the plan from the operators
+// evaluated on single bits.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// orient_ref.h - index-arithmetic oracle of the eight orientations: grids,
-// viewed images, turns and flips, a bitmap's stored pixels as a grid.
+// orient_ref.h - index-arithmetic oracle of the eight orientations: grids, viewed images, turns and flips, a bitmap's
+// stored pixels as a grid.
 #pragma once
 
 #include <cstdint>
@@ -40,8 +40,8 @@ Grid remap(const Grid& s, int w, int h, F&& from) {
     return d;
 }
 
-// The viewed image of stored pixels s in perspective p: where the first stored
-// row and the first stored column lie in the viewed image.
+// The viewed image of stored pixels s in perspective p: where the first stored row and the first stored column lie in
+// the viewed image.
 inline Grid viewed(const Grid& s, int p) {
     const int W = p >= 5 ? s.h : s.w, H = p >= 5 ? s.w : s.h;
     return remap(s, W, H, [&](int x, int y) {

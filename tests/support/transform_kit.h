@@ -1,5 +1,5 @@
-// transform_kit.h - shared builders and checks of the transform tests: bitmaps of a kind from a reference
-// image, callback guards, the allocation-failure walk.
+// transform_kit.h - shared builders and checks of the transform tests: bitmaps of a kind from a reference image,
+// callback guards, the allocation-failure walk.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -121,8 +121,8 @@ struct StatusScope {
     ~StatusScope() { (copy ? K_SetCopyStatusCallBack : K_SetStatusCallBack)(oldFn, oldUser, nullptr, nullptr); }
 };
 
-// A status callback that records the percentages and answers 1 until it has been called `limit` times, then
-// `answer` (limit < 0: always 1).
+// A status callback that records the percentages and answers 1 until it has been called `limit` times, then `answer`
+// (limit < 0: always 1).
 struct StopAfter {
     int limit;
     int32_t answer;
@@ -136,8 +136,8 @@ struct StopAfter {
     int calls() const { return int(seen.size()); }
 };
 
-// One step of an allocation-failure walk: runs a call with the nth kernel allocation failing (`times`
-// failures, < 0 every later one); a failing call must answer -1 and leave no block behind.
+// One step of an allocation-failure walk: runs a call with the nth kernel allocation failing (`times` failures, < 0
+// every later one); a failing call must answer -1 and leave no block behind.
 struct Armed {
     long n, times;
     int32_t rc = KS_SUCCESS;
@@ -156,9 +156,9 @@ struct Armed {
         return rc;
     }
 };
-// Walks n = 0, 1, ...: `attempt(armed)` prepares fresh state, makes its call through `armed` and checks the
-// outcome. The walk ends at the first call that no injected failure reached (or at the first success, when
-// asked); answers how many calls failed.
+// Walks n = 0, 1, ...: `attempt(armed)` prepares fresh state, makes its call through `armed` and checks the outcome.
+// The walk ends at the first call that no injected failure reached (or at the first success, when asked); answers how
+// many calls failed.
 template <class F>
 int allocationWalk(F&& attempt, long times = 1, bool untilSuccess = false) {
     int failures = 0;
