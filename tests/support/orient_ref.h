@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "ombrix.h"
@@ -65,10 +66,11 @@ inline Grid storedFor(const Grid& v, int p) {
     for (size_t i = 0; i < at.v.size(); ++i) s.v[at.v[i]] = v.v[i];
     return s;
 }
+using P = std::pair<int, int>;
 // Turned a quarter clockwise as seen: the top row becomes the right column.
-inline Grid turnedCw(const Grid& s) { return remap(s, s.h, s.w, [&](auto x, auto y) { return std::pair{y, s.h - 1 - x}; }); }
-inline Grid flipped(const Grid& s) { return remap(s, s.w, s.h, [&](auto x, auto y) { return std::pair{x, s.h - 1 - y}; }); }
-inline Grid mirrored(const Grid& s) { return remap(s, s.w, s.h, [&](auto x, auto y) { return std::pair{s.w - 1 - x, y}; }); }
+inline Grid turnedCw(const Grid& s) { return remap(s, s.h, s.w, [&](int x, int y) { return P{y, s.h - 1 - x}; }); }
+inline Grid flipped(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y) { return P{x, s.h - 1 - y}; }); }
+inline Grid mirrored(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y) { return P{s.w - 1 - x, y}; }); }
 inline Grid halfTurned(const Grid& g) { return flipped(mirrored(g)); }
 inline Grid turnedCcw(const Grid& g) { return turnedCw(halfTurned(g)); }
 
