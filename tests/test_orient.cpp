@@ -240,6 +240,7 @@ TEST(Orient, StatusCallbackProgress) {
     ASSERT_EQ(K_RotateBitmap90(b.bm(), 1, 20, 60), KS_SUCCESS);
     ASSERT_FALSE(log.seen.empty());
     EXPECT_TRUE(log.seen.front() >= 20 && log.seen.back() == 60 && std::is_sorted(log.seen.begin(), log.seen.end()));
+    EXPECT_TRUE(b.holds(turnedCw));  // a turn of many tiles and chunks
     log.seen.clear();
     ASSERT_EQ(K_ChangeBitmapViewPerspective(nullptr, b.bm(), 0, 6), KS_SUCCESS);
     STATUSCALLBACK now = nullptr;
