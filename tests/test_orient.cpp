@@ -74,7 +74,7 @@ TEST(Orient, EveryPerspectivePairKeepsTheViewedImage) {
                 BITMAPRECORD other;
                 std::memset(&other, 0x5A, sizeof other);
                 BITMAPRECORD& bm = into ? other : *a.bm();
-                ASSERT_EQ(K_ChangeBitmapViewPerspective(into ? &other : nullptr, a.bm(), into ? id : 0, to), KS_SUCCESS);
+                ASSERT_EQ(K_ChangeBitmapViewPerspective(into ? &other : nullptr, a.bm(), into ? id : 0, to), 1);
                 EXPECT_EQ(bm.nViewPerspective * 1000 + bm.nXResolution, to * 1000 + 300);
                 EXPECT_TRUE(!into || (other.uStructSize == id && tkit::sameBytes(before, *a.bm()) && a.holds(same)));
                 const Grid now = stored(&bm), view = viewed(a.pixels, from);

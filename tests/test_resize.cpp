@@ -45,8 +45,10 @@ TEST(ResizeScanLine, EveryDepthEverySizePairTakesFloorOfIOldOverNew) {
                 int32_t step = oldW / newW, rem = oldW % newW;
                 if (newW >= oldW && rem == 0) step = 0, rem = newW;
                 std::fill(dst.begin(), dst.end(), 0), std::fill(back.begin(), back.end(), 0);
-                ASSERT_EQ(K_GetResizedScanLine(bpp, 0, 0, step, 0, rem, src.data(), dst.data(), uint32_t(newW), newW, 0) |
-                              K_ReverseGetResizedScanLine(bpp, 0, 0, step, 0, rem, src.data(), back.data(), uint32_t(newW), newW, 0),
+                const uint32_t nw = uint32_t(newW);
+                const uint8_t* in = src.data();
+                ASSERT_EQ(K_GetResizedScanLine(bpp, 0, 0, step, 0, rem, in, dst.data(), nw, newW, 0), KS_SUCCESS);
+                ASSERT_EQ(K_ReverseGetResizedScanLine(bpp, 0, 0, step, 0, rem, in, back.data(), nw, newW, 0),
                           KS_SUCCESS);
                 const bool inPlace = (oldW + newW) % 4 == 0;  // a quarter of the pairs, to stay fast
                 buf = src;
@@ -61,7 +63,7 @@ TEST(ResizeScanLine, EveryDepthEverySizePairTakesFloorOfIOldOverNew) {
                     const uint64_t want = pixelAt(src.data(), int32_t((int64_t(i) * oldW) / newW), bpp);
                     ASSERT_TRUE(pixelAt(dst.data(), i, bpp) == want && pixelAt(back.data(), i, bpp) == want &&
                                 (!inPlace || pixelAt(buf.data(), i, bpp) == want))
-                        << "bpp " << bpp << " " << oldW << "->" << newW << " at " << i << (inPlace ? " in place too" : "");
+                        << "bpp " << bpp << " " << oldW << "->" << newW << " at " << i << (inPlace ? " in place" : "");
                 }
             }
         }
@@ -82,7 +84,8 @@ TEST(ResizeNearest, WholeBitmapsFollowTheRule) {
     std::vector<Case> cases;
     for (int32_t bpp : allDepths())
         for (int32_t oldN = 1; oldN <= 64; oldN += 7)
-            for (int32_t newN = 1; newN <= 64; newN += 9) cases.push_back({bpp, oldN, 65 - oldN, newN, (newN * 3) % 64 + 1, false});
+            for (int32_t newN = 1; newN <= 64; newN += 9)
+                cases.push_back({bpp, oldN, 65 - oldN, newN, (newN * 3) % 64 + 1, false});
     for (bool plain : {false, true})
         for (int32_t w = 1; w <= 70; ++w)
             for (auto [nw, nh] : {std::pair{w / 2, 3}, {w * 2, 3}, {(w + 1) / 2, 2}})
@@ -121,7 +124,8 @@ TEST(ResizeRows, CountsInEveryOrderAndBadArguments) {
                 uint8_t buf[64] = {};
                 int32_t w = 0, n = -1;
                 const int64_t r = seq[i];
-                ASSERT_EQ(K_Resize(buf, int32_t(r), 24, &w, &n, s), int32_t((r + 1) * newH / oldH - r * newH / oldH)) << oldH << "->" << newH << " row " << r;
+                ASSERT_EQ(K_Resize(buf, int32_t(r), 24, &w, &n, s), int32_t((r + 1) * newH / oldH - r * newH / oldH))
+                    << oldH << "->" << newH << " row " << r;
                 if (i < size_t(oldH)) total += n;
             }
             EXPECT_EQ(total, newH);
@@ -151,7 +155,8 @@ TEST(ResizeRows, CountsInEveryOrderAndBadArguments) {
 // Favour black: block of bx x by source pixels from floor(x old / new), black when at least the threshold of them is
 // black; a coloured palette falls back to the nearest rule.
 TEST(ResizeFavourBlack, BlockCountsAgainstPixelWalk) {
-    const int32_t cases[][4] = {{40, 30, 10, 10}, {37, 29, 5, 7}, {100, 20, 9, 3}, {16, 16, 16, 8}, {9, 9, 20, 20}, {70, 50, 7, 2}};
+    const int32_t cases[][4] = {{40, 30, 10, 10}, {37, 29, 5, 7}, {100, 20, 9, 3}, {16, 16, 16, 8}, {9, 9, 20, 20},
+                                {70, 50, 7, 2}};
     for (const auto& cs : cases)
         for (bool whiteFirst : {false, true}) {
             const struct { int32_t ow, oh, nw, nh; } c = {cs[0], cs[1], cs[2], cs[3]};
@@ -159,11 +164,11 @@ TEST(ResizeFavourBlack, BlockCountsAgainstPixelWalk) {
             if (whiteFirst) std::swap(pal[0], pal[1]);
             RefImage src(c.ow, c.oh, 1);
             std::mt19937 rng(uint32_t(c.ow * 31 + c.nh));
-            const uint32_t blackBit = whiteFirst ? 1 : 0;
-            auto black = [&](int x, int y) { return getPixel(src.row(y), x, 1) == blackBit; };
+            const uint32_t ink = whiteFirst ? 1 : 0;
+            auto black = [&](int x, int y) { return getPixel(src.row(y), x, 1) == ink; };
             for (int32_t y = 0; y < c.oh; ++y)  // sparse black: about one pixel in four, and some runs
                 for (int32_t x = 0; x < c.ow; ++x)
-                    setPixel(src.row(y), x, 1, (rng() % 4 == 0) || (y % 7 == 3 && x > c.ow / 2) ? blackBit : 1 - blackBit);
+                    setPixel(src.row(y), x, 1, rng() % 4 == 0 || (y % 7 == 3 && x > c.ow / 2) ? ink : 1 - ink);
             Random r(c.ow, c.oh, 1, 0, pal);
             BITMAPRECORD& bm = r.bm;
             putImage(&bm, src);
@@ -179,7 +184,7 @@ TEST(ResizeFavourBlack, BlockCountsAgainstPixelWalk) {
                           int32_t count = 0;
                           for (int32_t yy = sy; yy < std::min(c.oh, sy + by); ++yy)
                               for (int32_t xx = sx; xx < std::min(c.ow, sx + bx); ++xx) count += black(xx, yy);
-                          return count >= thr ? blackBit : 1 - blackBit;
+                          return count >= thr ? ink : 1 - ink;
                       }), "") << c.ow << "x" << c.oh << "->" << c.nw << "x" << c.nh;
         }
     const RGBQUAD pal[2] = {{0, 0, 255, 0}, {0, 255, 0, 0}};
@@ -196,7 +201,8 @@ TEST(ResizeScaleToGray, BlackAndWhiteBecomesGreyBlockMeans) {
     RefImage after = getImage(src.bm());
     for (int32_t i = 0; i < 32; ++i) {
         int32_t white = 0;
-        for (int32_t j = 0; j < 16; ++j) white += int32_t(getPixel(src.ref.row(4 * (i / 8) + j / 4), 4 * (i % 8) + j % 4, 1));
+        for (int32_t j = 0; j < 16; ++j)
+            white += int32_t(getPixel(src.ref.row(4 * (i / 8) + j / 4), 4 * (i % 8) + j % 4, 1));
         EXPECT_NEAR(after.row(i / 8)[i % 8], white * 255.0 / 16.0, 0.5 + 1e-9) << i;
     }
 }
@@ -237,7 +243,7 @@ TEST(ResizeFrame, RegionIsScaledAndTheFieldsStay) {
     ASSERT_EQ(K_SetBitmapRgnRect(&bm, nullptr, &r, 1), KS_SUCCESS);
     bm.nXResolution = 300, bm.nLowBit = 1, bm.nHighBit = 6;
     ASSERT_EQ(K_SizeBitmap(&bm, 80, 10, 0), KS_SUCCESS);
-    EXPECT_EQ(bm.nXResolution * 100 + bm.nLowBit * 10 + bm.nHighBit, 30016);  // the describing fields stay with the depth
+    EXPECT_EQ(bm.nXResolution * 100 + bm.nLowBit * 10 + bm.nHighBit, 30016);  // the describing fields stay
     ASSERT_EQ(K_GetBitmapRgnBounds(&bm, nullptr, &b), KS_SUCCESS);
     EXPECT_TRUE(EqualRect(&b, &want)) << b.left << "," << b.top << "," << b.right << "," << b.bottom;
 }
@@ -248,7 +254,7 @@ TEST(ResizeStorage, TiledBitmapOverTheCapResizesRowByRow) {
     ASSERT_EQ(src.kb.rc, KS_SUCCESS);
     int64_t counter = 0;
     K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter);
-    K_ManageMemory(MANAGEMEMORY_SET_CAP, counter + 64 * 1024, nullptr);  // far below one image: the target leaves memory too
+    K_ManageMemory(MANAGEMEMORY_SET_CAP, counter + 64 * 1024, nullptr);  // far below one image: the target leaves too
     ASSERT_EQ(K_SizeBitmap(src.bm(), 900, 500, SIZE_NORMAL), KS_SUCCESS);
     EXPECT_NE(kindOf(src.bm()), 1u);
     RefImage after = getImage(src.bm());

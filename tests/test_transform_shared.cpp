@@ -33,7 +33,7 @@ const std::vector<Op>& ops() {
     K turnKinds = copyKinds;
     turnKinds.push_back(Kind::CallerMemory);
     const K single = {Kind::SingleBlock}, deep = {Kind::SingleBlock, Kind::TilesMemory};
-    const uint32_t R = BITMAPRECORD_SIZE, RB = ROTATE_RESIZE | ROTATE_BILINEAR;
+    const uint32_t R = BITMAPRECORD_SIZE, RS = ROTATE_RESIZE, RB = RS | ROTATE_BILINEAR;
     auto change = [](int to) { return [to](B s, B) { return K_ChangeBitmapViewPerspective(nullptr, s, 0, to); }; };
     static std::vector<Op> all;
     if (!all.empty()) return all;
@@ -51,9 +51,9 @@ const std::vector<Op>& ops() {
          false, 1, false, false},
         {"rotate", 32, deep, false, [=](B s, B) { return K_RotateBitmap(s, 2000, RB, 0); }},
         {"shear", 32, deep, false, [=](B s, B) { return K_ShearBitmap(s, 2000, RB, 0); }},
-        {"rotate 1 bit", 1, {Kind::Compressed}, false, [](B s, B) { return K_RotateBitmap(s, 2000, ROTATE_RESIZE, 0); }},
+        {"rotate 1 bit", 1, {Kind::Compressed}, false, [](B s, B) { return K_RotateBitmap(s, 2000, RS, 0); }},
         {"half turn", 24, deep, false, [=](B s, B) { return K_RotateBitmap(s, 18000, RB, 0); }},
-        {"turn by nothing", 24, single, false, [](B s, B) { return K_RotateBitmap(s, 0, ROTATE_BILINEAR, 0); }, false, 0},
+        {"turn by nothing", 24, single, false, [=](B s, B) { return K_RotateBitmap(s, 0, RB, 0); }, false, 0},
     };
     for (uint32_t f : {0u, SIZE_RESAMPLE, SIZE_BICUBIC, SIZE_LANCZOS, SIZE_FAVOURBLACK, SIZE_SCALETOGRAY})
         all.push_back({"size", f == SIZE_FAVOURBLACK || f == SIZE_SCALETOGRAY ? 1 : 32, single, false,
