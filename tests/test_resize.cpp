@@ -111,12 +111,10 @@ TEST(ResizeRows, CountsInEveryOrderAndBadArguments) {
         for (int32_t newH = 1; newH <= 40; ++newH) {
             void* s = nullptr;
             ASSERT_EQ(K_StartResize(3, oldH, 5, newH, &s), KS_SUCCESS);
-            std::vector<int32_t> order(static_cast<size_t>(oldH));
-            std::iota(order.begin(), order.end(), 0);
-            std::vector<int32_t> seq = order;  // forward, backward, shuffled, zig-zag
-            seq.insert(seq.end(), order.rbegin(), order.rend());
-            std::shuffle(order.begin(), order.end(), rng);
-            seq.insert(seq.end(), order.begin(), order.end());
+            std::vector<int32_t> seq(size_t(3 * oldH));  // forward, backward, shuffled, then a zig-zag
+            for (int32_t i = 0; i < oldH; ++i)
+                seq[size_t(i)] = seq[size_t(2 * oldH - 1 - i)] = seq[size_t(2 * oldH + i)] = i;
+            std::shuffle(seq.begin() + 2 * oldH, seq.end(), rng);
             for (int32_t r : {oldH / 2, oldH / 2 + 1, oldH / 2, oldH / 2 - 1})
                 if (r >= 0 && r < oldH) seq.push_back(r);
             int64_t total = 0;
@@ -126,7 +124,7 @@ TEST(ResizeRows, CountsInEveryOrderAndBadArguments) {
                 const int64_t r = seq[i];
                 ASSERT_EQ(K_Resize(buf, int32_t(r), 24, &w, &n, s), int32_t((r + 1) * newH / oldH - r * newH / oldH))
                     << oldH << "->" << newH << " row " << r;
-                if (i < size_t(oldH)) total += n;
+                total += i < size_t(oldH) ? n : 0;
             }
             EXPECT_EQ(total, newH);
             K_StopResize(s);
@@ -155,35 +153,32 @@ TEST(ResizeRows, CountsInEveryOrderAndBadArguments) {
 // Favour black: block of bx x by source pixels from floor(x old / new), black when at least the threshold of them is
 // black; a coloured palette falls back to the nearest rule.
 TEST(ResizeFavourBlack, BlockCountsAgainstPixelWalk) {
-    const int32_t cases[][4] = {{40, 30, 10, 10}, {37, 29, 5, 7}, {100, 20, 9, 3}, {16, 16, 16, 8}, {9, 9, 20, 20},
-                                {70, 50, 7, 2}};
-    for (const auto& cs : cases)
-        for (bool whiteFirst : {false, true}) {
-            const struct { int32_t ow, oh, nw, nh; } c = {cs[0], cs[1], cs[2], cs[3]};
+    const struct { int32_t ow, oh, nw, nh; } cases[] = {{40, 30, 10, 10}, {37, 29, 5, 7}, {100, 20, 9, 3},
+                                                        {16, 16, 16, 8},  {9, 9, 20, 20},  {70, 50, 7, 2}};
+    for (const auto& c : cases)
+        for (uint32_t ink : {0u, 1u}) {  // the index of black
             RGBQUAD pal[2] = {{0, 0, 0, 0}, {255, 255, 255, 0}};
-            if (whiteFirst) std::swap(pal[0], pal[1]);
-            RefImage src(c.ow, c.oh, 1);
+            if (ink) std::swap(pal[0], pal[1]);
+            Random r(c.ow, c.oh, 1, 0, pal);
+            RefImage& src = r.ref;
             std::mt19937 rng(uint32_t(c.ow * 31 + c.nh));
-            const uint32_t ink = whiteFirst ? 1 : 0;
-            auto black = [&](int x, int y) { return getPixel(src.row(y), x, 1) == ink; };
             for (int32_t y = 0; y < c.oh; ++y)  // sparse black: about one pixel in four, and some runs
                 for (int32_t x = 0; x < c.ow; ++x)
                     setPixel(src.row(y), x, 1, rng() % 4 == 0 || (y % 7 == 3 && x > c.ow / 2) ? ink : 1 - ink);
-            Random r(c.ow, c.oh, 1, 0, pal);
-            BITMAPRECORD& bm = r.bm;
-            putImage(&bm, src);
-            ASSERT_EQ(K_SizeBitmap(&bm, c.nw, c.nh, SIZE_FAVOURBLACK | SIZE_RESAMPLE), KS_SUCCESS);
-            ASSERT_EQ(bm.nBitsPerPixel, 1);
+            putImage(&r.bm, src);
+            ASSERT_EQ(K_SizeBitmap(&r.bm, c.nw, c.nh, SIZE_FAVOURBLACK | SIZE_RESAMPLE), KS_SUCCESS);
+            ASSERT_EQ(r.bm.nBitsPerPixel, 1);
             const int32_t bx = std::max(1, c.ow / c.nw), by = std::max(1, c.oh / c.nh);
             int32_t thr = 0;
             while ((thr + 1) * (thr + 1) <= bx * by) ++thr;
             if (thr < 5) thr = std::max(1, thr - 1);
-            RefImage got = getImage(&bm);
+            RefImage got = getImage(&r.bm);
             EXPECT_EQ(firstMismatch(got, [&](int x, int y) {
                           const int32_t sx = int32_t(int64_t(x) * c.ow / c.nw), sy = int32_t(int64_t(y) * c.oh / c.nh);
                           int32_t count = 0;
                           for (int32_t yy = sy; yy < std::min(c.oh, sy + by); ++yy)
-                              for (int32_t xx = sx; xx < std::min(c.ow, sx + bx); ++xx) count += black(xx, yy);
+                              for (int32_t xx = sx; xx < std::min(c.ow, sx + bx); ++xx)
+                                  count += getPixel(src.row(yy), xx, 1) == ink;
                           return count >= thr ? ink : 1 - ink;
                       }), "") << c.ow << "x" << c.oh << "->" << c.nw << "x" << c.nh;
         }

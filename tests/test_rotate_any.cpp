@@ -273,17 +273,13 @@ TEST(RotateAny, RegionTurnsWithThePixels) {
     }
 }
 
-TEST(RotateAny, BadInputGetsAClearCodeAndChangesNothing) {
+// Refusals and their codes (that a refused call changes nothing: the API fuzzer's contract).
+TEST(RotateAny, BadInputGetsAClearCode) {
     Bm b8(9, 5, 8), b1(9, 5, 1), b4(9, 5, 4), pal(9, 5, 8, 0), rgb565(9, 5, 16, ORDER_RGB565);
     BITMAPRECORD unalloc, badSize = b8.bm, badPersp = b8.bm, badWidth = b8.bm;  // a width the storage does not have
     K_InitBitmap(&unalloc, BITMAPRECORD_SIZE, 9, 5, 8);
     badSize.uStructSize = 100, badPersp.nViewPerspective = 9, badWidth.nWidth = 4000;
     const int32_t P = KS_INVALID_PARAMETER, D = KS_INVALID_BITS_PER_PIXEL;
-    BITMAPRECORD* all[] = {&b8.bm, &b1.bm, &b4.bm, &pal.bm, &rgb565.bm, &unalloc, &badSize, &badPersp, &badWidth};
-    std::vector<BITMAPRECORD> records;
-    std::vector<std::vector<uint8_t>> pixels;
-    for (BITMAPRECORD* bm : all) records.push_back(*bm);
-    for (int i = 0; i < 5; ++i) pixels.push_back(getImage(all[i]).px);
     const auto R = K_RotateBitmap, S = K_ShearBitmap;
     const uint32_t L = ROTATE_BILINEAR, C = ROTATE_BICUBIC;
     const std::pair<int32_t, int32_t> cases[] = {  // (answer, wanted)
@@ -297,8 +293,6 @@ TEST(RotateAny, BadInputGetsAClearCodeAndChangesNothing) {
         {S(&b1.bm, 100, C, 0), D},
     };
     for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
-    for (size_t i = 0; i < std::size(all); ++i) EXPECT_TRUE(sameBytes(records[i], *all[i])) << "record " << i;
-    for (size_t i = 0; i < pixels.size(); ++i) EXPECT_EQ(getImage(all[i]).px, pixels[i]) << "pixels " << i;
     // A locked bitmap keeps its storage.
     ASSERT_EQ(K_AccessBitmap(&b8.bm), KS_SUCCESS);
     EXPECT_EQ(K_RotateBitmap(&b8.bm, 100, 0, 0), KS_INVALID_PARAMETER);
