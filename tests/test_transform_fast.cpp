@@ -38,30 +38,6 @@ krn::CombineFormat combineFormat(const Format& f) {
     return krn::combineFormat(&rec);
 }
 
-// The dispatched row kernels against the plain ones: long rows at every alignment.
-TEST(CombineKernels, SimdMatchesPlain) {
-    std::mt19937 rng(61);
-    const uint32_t ops[] = {CombineAdd, CombineMinimum, CombineMaximum, CombineMultiply, CombineAlphaOver,
-                            CombineSubtractSource, CombineAverage, CombineXor, CombineAnd | 0x11, CombineOr | 0x1000};
-    for (const Format f : {Format{1, 0}, Format{8, 0}, Format{32, 1}, Format{24, 1}})
-        for (uint32_t flags : ops)
-            for (uint32_t n : {1u, 7u, 31u, 33u, 64u, 257u, 1001u}) {
-                const size_t bytes = (size_t(n) * f.bpp + 7) / 8 + 2;
-                std::vector<uint8_t> s = randomBytes(bytes, rng), d1 = randomBytes(bytes, rng), d2 = d1;
-                for (size_t i = 0; f.bpp == 32 && i + 3 < bytes; i += 4 * 3) s[i + 3] = 255;
-                for (size_t i = 0; f.bpp == 32 && i + 7 < bytes; i += 4 * 5) s[i + 7] = 0;
-                const uint32_t off = f.bpp == 1 ? n % 8 : 0;
-                const uint32_t len = f.bpp == 1 && n + off > 8 * (bytes - 1) ? n - off : n;
-                krn::CombinePlan plan;
-                ASSERT_EQ(krn::combinePlan(flags, f.bpp, &plan), KS_SUCCESS);
-                const krn::CombineFormat cf = combineFormat(f);
-                std::vector<uint8_t> scratch(krn::combineScratchBytes(len, f.bpp));
-                krn::pickCombineRow(plan, cf, false)(plan, cf, {s.data(), off, d1.data(), off, len, scratch.data()});
-                krn::pickCombineRow(plan, cf, true)(plan, cf, {s.data(), off, d2.data(), off, len, scratch.data()});
-                ASSERT_EQ(d1, d2) << f.bpp << " bits, flags " << flags << " n " << n;
-            }
-}
-
 // Alpha in runs of 8-24 pixels: all opaque, all transparent, all one extreme, or random.
 std::vector<uint8_t> alphaRuns(std::mt19937& rng, size_t n) {
     static const uint8_t ends[] = {0, 1, 127, 128, 254, 255};
