@@ -271,9 +271,9 @@ TEST(CopyRect, NoStaleBytesInBlocksThatWereNotZeroed) {
 
 // Every depth and kind: a copy holds the source's pixels and is independent of it; rectangle copies from well
 // left/above to past the right/bottom edge give the window of the source (zero outside it) and of its region of two
-// rectangles; a clear stays inside the region; an in-place crop keeps the storage kind (caller memory gets a block
-// of its own).
-TEST(Copy, CopyRectClearAndCropOnEveryKindAndDepth) {
+// rectangles; fill and clear stay inside the region; an in-place crop keeps the storage kind (caller memory gets a
+// block of its own).
+TEST(Copy, CopyRectFillClearAndCropOnEveryKindAndDepth) {
     storagetest::CapGuard guard;
     std::mt19937 rng(2024);
     for (int bpp : allDepths())
@@ -304,10 +304,17 @@ TEST(Copy, CopyRectClearAndCropOnEveryKindAndDepth) {
                     ASSERT_EQ(K_IsPtInBitmapRgn(&dst, i / W, i % W) == 1, in(i % W + col, i / W + row)) << i;
                 K_FreeBitmap(&dst);
             }
-            ASSERT_EQ(K_ClearBitmap(src.bm()), KS_SUCCESS);  // filling inside a region: the region tests
-            RefImage got = getImage(src.bm());
-            auto cleared = [&](int x, int y) { return in(x, y) ? 0 : pixelAt(src.ref.row(y), x, bpp); };
-            EXPECT_EQ(firstMismatch(got, cleared), "");
+            const uint64_t raw = 0xA5C3F00F5AA55A3Cull & (bpp == 64 ? ~0ull : ((1ull << bpp) - 1));
+            uint8_t one[16] = {};  // the pattern in stored byte order, read back as a pixel
+            for (int i = 0; bpp % 8 == 0 && i < bpp / 8; ++i) one[i] = uint8_t(raw >> (8 * i));
+            const uint64_t want = bpp % 8 == 0 ? getPixel(one, 0, bpp) : raw;
+            for (bool clear : {false, true}) {
+                ASSERT_EQ(clear ? K_ClearBitmap(src.bm()) : K_FillBitmap2(src.bm(), raw), KS_SUCCESS);
+                RefImage got = getImage(src.bm());
+                const uint64_t inside = clear ? 0 : want;
+                auto set = [&](int x, int y) { return in(x, y) ? inside : pixelAt(src.ref.row(y), x, bpp); };
+                EXPECT_EQ(firstMismatch(got, set), "");
+            }
             if (k == Kind::CallbackMemory) continue;  // its buffer belongs to the caller's callback
             src.ref = getImage(src.bm());
             ASSERT_EQ(K_CopyBitmapRect(nullptr, src.bm(), R, 7, -3, 40, 12), KS_SUCCESS);
