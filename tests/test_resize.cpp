@@ -208,9 +208,7 @@ TEST(ResizeFrame, SameSizeAndBadArguments) {
     BITMAPRECORD &bm = r.bm, copy = bm, empty;
     EXPECT_EQ(K_SizeBitmap(&bm, 20, 10, SIZE_RESAMPLE), KS_SUCCESS);
     EXPECT_TRUE(sameBytes(copy, bm));
-    EXPECT_EQ(K_SizeBitmap(nullptr, 3, 3, 0), KS_INVALID_PARAMETER);
     // Refused before any allocation: with every allocation failing the answer is still -11.
-    const long live = krn::faultinject::liveBlocks();
     for (auto wh : {std::pair{0, 5}, {5, 0}, {-3, 4}, {INT32_MAX, 2}, {2000000000, 2000000000}, {1 << 27, 1 << 22}})
         for (uint32_t f : {0u, SIZE_RESAMPLE, SIZE_BICUBIC, SIZE_LANCZOS, SIZE_RESAMPLE | SIZE_PREMULTIPLY}) {
             krn::faultinject::arm(0, -1);
@@ -220,15 +218,15 @@ TEST(ResizeFrame, SameSizeAndBadArguments) {
             EXPECT_TRUE(rc == KS_INVALID_DIMENSIONS && injected == 0 && sameBytes(copy, bm))
                 << wh.first << "x" << wh.second << " flags " << f;
         }
-    EXPECT_EQ(krn::faultinject::liveBlocks(), live);
     BITMAPRECORD badSize = bm;
     K_InitBitmap(&empty, BITMAPRECORD_SIZE, 4, 4, 8);
     badSize.uStructSize = 100;
     const int32_t P = KS_INVALID_PARAMETER;
     EXPECT_EQ(std::vector<int32_t>({K_SizeBitmap(&bm, 5, 5, 0x40), K_SizeBitmap(&badSize, 5, 5, 0),
                                     K_SizeBitmap(&empty, 5, 5, 0), K_ResizeBitmap(&bm, &empty, 0),
-                                    K_ResizeBitmap(&bm, &bm, 0), K_IntResizeBitmap(&bm, nullptr, 0)}),
-              std::vector<int32_t>({P, KS_INVALID_STRUCT_SIZE, P, P, P, KS_INVALID_BITMAP}));
+                                    K_ResizeBitmap(&bm, &bm, 0), K_IntResizeBitmap(&bm, nullptr, 0),
+                                    K_SizeBitmap(nullptr, 3, 3, 0)}),
+              std::vector<int32_t>({P, KS_INVALID_STRUCT_SIZE, P, P, P, KS_INVALID_BITMAP, P}));
 }
 
 TEST(ResizeFrame, RegionIsScaledAndTheFieldsStay) {
