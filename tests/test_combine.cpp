@@ -216,6 +216,9 @@ TEST(CombineRegions, NothingOutsideTheRegionChanges) {
         Bmp b({8, 0}, img);
         ASSERT_EQ(K_CombineBitmapKrn(&b.bm, 2, 5 + dy, 15, 10, &b.bm, 0, 5, CombineAdd), KS_SUCCESS);
         EXPECT_EQ(getImage(&b.bm).px, expected(img, img, {8, 0}, CombineAdd, 2, 5 + dy, 15, 10, 0, 5).px) << dy;
+        int32_t seg[2] = {-7, -7};  // the clip segments of a bitmap without a region: one, the whole row
+        uint32_t n = 0;
+        EXPECT_TRUE(K_GetBitmapClipSegments(&b.bm, 7, seg, &n) == KS_SUCCESS && n == 2 && seg[0] == 0 && seg[1] == 20);
     }
 }
 
