@@ -1,5 +1,5 @@
-// combine_reference.h - a plain per-sample model of combining: pixels by index
-// arithmetic, the plan from the operators evaluated on single bits.
+// combine_reference.h - a plain per-sample model of combining: pixels by index arithmetic, the plan from the operators
+// evaluated on single bits.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,8 @@
 #include "storage_kinds.h"
 
 namespace combinetest {
+
+using storagetest::RefImage;
 
 struct Format {
     int32_t bpp, order, highBit = -1;  // highBit (grey): significant bits - 1, -1 the whole sample
@@ -29,7 +31,8 @@ inline std::vector<Field> fieldsOf(const Format& f) {
     if (f.bpp == 12 || (f.bpp == 16 && f.order == ORDER_GRAY))  // grey
         return {Field{0, mask, f.highBit >= 0 && f.highBit < f.bpp ? (1u << (f.highBit + 1)) - 1 : mask}};
     switch (f.bpp) {
-        case 16: return f.order == ORDER_RGB565 ? std::vector<Field>{{0, 31, 31}, {5, 63, 63}, {11, 31, 31}} : same(3, 5);
+        case 16:
+            return f.order == ORDER_RGB565 ? std::vector<Field>{{0, 31, 31}, {5, 63, 63}, {11, 31, 31}} : same(3, 5);
         case 24: case 32: return same(f.bpp / 8, 8);
         case 48: case 64: return same(f.bpp / 16, 16);
         default: return same(1, uint32_t(f.bpp));
@@ -96,7 +99,8 @@ inline Plan planOf(uint32_t flags, int32_t bpp) {
     const bool division = p.op == 7 || p.op == 8;
     p.bitwise = bpp == 1 || p.op <= 2;
     if (!dependsS && !dependsD) p.bitwise = true;
-    else if (dependsS != dependsD && (p.bitwise || !division)) p.bitwise = true, p.readsSrc = dependsS, p.readsDst = dependsD;
+    else if (dependsS != dependsD && (p.bitwise || !division))
+        p.bitwise = true, p.readsSrc = dependsS, p.readsDst = dependsD;
     else p.readsSrc = p.readsDst = true;
     p.nothing = p.bitwise && !dependsS && dependsD && !p.truth[0][0] && p.truth[0][1];
     return p;
@@ -131,7 +135,8 @@ inline uint64_t combinePixel(const Plan& p, uint64_t src, uint64_t dst, const Fo
     }
     const std::vector<Field> fl = fieldsOf(f);
     std::vector<uint32_t> s = samplesOf(src, f), d = samplesOf(dst, f), r(fl.size());
-    for (size_t i = 0; i < fl.size(); ++i) s[i] = sampleOperand(p.sop, s[i], fl[i]), d[i] = sampleOperand(p.dop, d[i], fl[i]);
+    for (size_t i = 0; i < fl.size(); ++i)
+        s[i] = sampleOperand(p.sop, s[i], fl[i]), d[i] = sampleOperand(p.dop, d[i], fl[i]);
     const uint64_t sa = hasAlpha(f) ? s[3] : 0, da = hasAlpha(f) ? d[3] : 0;
     if (p.op == 0xD && !hasAlpha(f)) {
         r = s;
@@ -148,6 +153,23 @@ inline uint64_t combinePixel(const Plan& p, uint64_t src, uint64_t dst, const Fo
     }
     for (size_t i = 0; i < fl.size(); ++i) r[i] = (p.rop == 1 ? r[i] ^ fl[i].mask : r[i]) & fl[i].mask;
     return rawOf(r, f);
+}
+
+// The destination expected (stored coordinates, top-left view): the reference inside the clipped rectangle.
+inline RefImage expected(const RefImage& dst0, RefImage src, const Format& f, uint32_t flags, int32_t xd, int32_t yd,
+                         int32_t w, int32_t h, int32_t xs, int32_t ys) {
+    RefImage out = dst0;
+    const Plan p = planOf(flags, f.bpp);
+    for (int32_t j = 0; j < h && !p.nothing; ++j)
+        for (int32_t i = 0; i < w; ++i) {
+            const int32_t dx = xd + i, dy = yd + j, sx = xs + i, sy = ys + j;
+            if (dx < 0 || dy < 0 || dx >= dst0.width || dy >= dst0.height) continue;
+            if (p.readsSrc && (sx < 0 || sy < 0 || sx >= src.width || sy >= src.height)) continue;
+            const uint64_t s = p.readsSrc ? rawPixel(src.row(sy), sx, f) : 0;
+            const uint64_t d = rawPixel(out.row(dy), dx, f);
+            setRawPixel(out.row(dy), dx, f, combinePixel(p, s, d, f));
+        }
+    return out;
 }
 
 }  // namespace combinetest

@@ -1,9 +1,10 @@
-// orient_ref.h - index-arithmetic oracle of the eight orientations: grids,
-// viewed images, turns and flips, a bitmap's stored pixels as a grid.
+// orient_ref.h - index-arithmetic oracle of the eight orientations: grids, viewed images, turns and flips, a bitmap's
+// stored pixels as a grid.
 #pragma once
 
 #include <cstdint>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "ombrix.h"
@@ -40,8 +41,8 @@ Grid remap(const Grid& s, int w, int h, F&& from) {
     return d;
 }
 
-// The viewed image of stored pixels s in perspective p: where the first stored
-// row and the first stored column lie in the viewed image.
+// The viewed image of stored pixels s in perspective p: where the first stored row and the first stored column lie in
+// the viewed image.
 inline Grid viewed(const Grid& s, int p) {
     const int W = p >= 5 ? s.h : s.w, H = p >= 5 ? s.w : s.h;
     return remap(s, W, H, [&](int x, int y) {
@@ -57,10 +58,19 @@ inline Grid viewed(const Grid& s, int p) {
         }
     });
 }
+// The stored pixels whose viewed image in perspective p is v.
+inline Grid storedFor(const Grid& v, int p) {
+    Grid idx(p >= 5 ? v.h : v.w, p >= 5 ? v.w : v.h), s = idx;
+    for (size_t i = 0; i < idx.v.size(); ++i) idx.v[i] = i;
+    const Grid at = viewed(idx, p);
+    for (size_t i = 0; i < at.v.size(); ++i) s.v[at.v[i]] = v.v[i];
+    return s;
+}
+using P = std::pair<int, int>;
 // Turned a quarter clockwise as seen: the top row becomes the right column.
-inline Grid turnedCw(const Grid& s) { return remap(s, s.h, s.w, [&](int x, int y) { return std::pair{y, s.h - 1 - x}; }); }
-inline Grid flipped(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y) { return std::pair{x, s.h - 1 - y}; }); }
-inline Grid mirrored(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y) { return std::pair{s.w - 1 - x, y}; }); }
+inline Grid turnedCw(const Grid& s) { return remap(s, s.h, s.w, [&](int x, int y) { return P{y, s.h - 1 - x}; }); }
+inline Grid flipped(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y) { return P{x, s.h - 1 - y}; }); }
+inline Grid mirrored(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y) { return P{s.w - 1 - x, y}; }); }
 inline Grid halfTurned(const Grid& g) { return flipped(mirrored(g)); }
 inline Grid turnedCcw(const Grid& g) { return turnedCw(halfTurned(g)); }
 

@@ -1,5 +1,5 @@
-// transform_kit.h - shared builders and checks of the transform tests: bitmaps
-// of a kind from a reference image, callback guards, the allocation-failure walk.
+// transform_kit.h - shared builders and checks of the transform tests: bitmaps of a kind from a reference image,
+// callback guards, the allocation-failure walk.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,25 +24,29 @@ using storagetest::kindsFor;
 using storagetest::RefImage;
 using storagetest::setPixel;
 
-// Pixel x of a stored row (the storage reference knows every depth's packing).
 inline uint64_t pixelAt(const uint8_t* row, int32_t x, int32_t bpp) { return getPixel(row, x, bpp); }
 // Sample x of a row of little-endian 16-bit samples.
 inline uint32_t le16(const uint8_t* row, int32_t x) { return row[2 * x] | (uint32_t(row[2 * x + 1]) << 8); }
 
-// Writes the reference rows into an allocated bitmap of the same geometry.
+// Writes the reference rows into an allocated bitmap of the same geometry; reads every stored row back.
 inline int32_t putImage(BITMAPRECORD* bm, RefImage& ref) {
     K_AccessBitmap(bm);
     int32_t rc = KS_SUCCESS;
-    for (int32_t r = 0; r < ref.height && rc == KS_SUCCESS; ++r) rc = std::min(KS_SUCCESS, K_PutBitmapRow(bm, ref.row(r), r, ref.bpl));
+    for (int32_t r = 0; r < ref.height && rc == KS_SUCCESS; ++r)
+        rc = std::min(KS_SUCCESS, K_PutBitmapRow(bm, ref.row(r), r, ref.bpl));
     K_ReleaseBitmap(bm);
     return rc;
 }
-// Every stored row of a bitmap.
 inline RefImage getImage(BITMAPRECORD* bm) {
     RefImage img(bm->nWidth, bm->nHeight, bm->nBitsPerPixel);
     K_AccessBitmap(bm);
     for (int32_t r = 0; r < img.height; ++r) K_GetBitmapRow(bm, img.row(r), r, img.bpl);
     K_ReleaseBitmap(bm);
+    return img;
+}
+inline RefImage randomImage(int32_t w, int32_t h, int32_t bpp, uint32_t seed) {
+    RefImage img(w, h, bpp);
+    img.randomize(seed);
     return img;
 }
 
@@ -69,8 +73,8 @@ inline uint32_t kindOf(const BITMAPRECORD* bm) {
 struct Bitmap {
     BITMAPRECORD bm{};
     int32_t rc;
-    Bitmap(int32_t w, int32_t h, int32_t bpp, int32_t order = 0, int32_t persp = TOP_LEFT, const RGBQUAD* pal = nullptr,
-           uint32_t memType = 1)
+    Bitmap(int32_t w, int32_t h, int32_t bpp, int32_t order = 0, int32_t persp = TOP_LEFT,
+           const RGBQUAD* pal = nullptr, uint32_t memType = 1)
         : rc(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, memType, w, h, bpp, order, pal, persp, nullptr, 0)) {
         EXPECT_EQ(rc, KS_SUCCESS);
     }
@@ -83,15 +87,15 @@ struct Bitmap {
 struct Source {
     KindBitmap kb;
     RefImage ref;
-    Source(Kind k, int32_t w, int32_t h, int32_t bpp, uint32_t seed) : kb(k, w, h, bpp), ref(w, h, bpp) {
-        ref.randomize(seed);
+    Source(Kind k, int32_t w, int32_t h, int32_t bpp, uint32_t seed)
+        : kb(k, w, h, bpp), ref(randomImage(w, h, bpp, seed)) {
         kb.rc = kb.rc == KS_SUCCESS ? putImage(&kb.bm, ref) : kb.rc;
     }
     BITMAPRECORD* bm() { return &kb.bm; }
-    // The stored pixels still those of the reference.
+    // "" when the stored pixels are still those of the reference.
     std::string unchanged() {
         RefImage got = getImage(&kb.bm);
-        return got.px == ref.px ? "" : firstMismatch(got, [&](int x, int y) { return pixelAt(ref.row(y), x, ref.bpp); });
+        return firstMismatch(got, [&](int x, int y) { return pixelAt(ref.row(y), x, ref.bpp); });
     }
 };
 
@@ -99,7 +103,9 @@ struct Source {
 struct Sentinel {
     BITMAPRECORD bm;
     Sentinel() { std::memset(&bm, 0xA5, sizeof bm); }
-    bool intact() const { return std::all_of((const uint8_t*)&bm, (const uint8_t*)(&bm + 1), [](uint8_t b) { return b == 0xA5; }); }
+    bool intact() const {
+        return std::all_of((const uint8_t*)&bm, (const uint8_t*)(&bm + 1), [](uint8_t b) { return b == 0xA5; });
+    }
 };
 template <class T>
 bool sameBytes(const T& a, const T& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
@@ -115,8 +121,8 @@ struct StatusScope {
     ~StatusScope() { (copy ? K_SetCopyStatusCallBack : K_SetStatusCallBack)(oldFn, oldUser, nullptr, nullptr); }
 };
 
-// A status callback that records the percentages and answers 1 until it has
-// been called `limit` times, then `answer` (limit < 0: always 1).
+// A status callback that records the percentages and answers 1 until it has been called `limit` times, then `answer`
+// (limit < 0: always 1).
 struct StopAfter {
     int limit;
     int32_t answer;
@@ -130,9 +136,8 @@ struct StopAfter {
     int calls() const { return int(seen.size()); }
 };
 
-// One step of an allocation-failure walk: runs a call with the nth kernel
-// allocation failing (`times` failures, < 0 every later one); a failing call
-// must answer -1 and leave no block behind.
+// One step of an allocation-failure walk: runs a call with the nth kernel allocation failing (`times` failures, < 0
+// every later one); a failing call must answer -1 and leave no block behind.
 struct Armed {
     long n, times;
     int32_t rc = KS_SUCCESS;
@@ -151,10 +156,9 @@ struct Armed {
         return rc;
     }
 };
-// Walks n = 0, 1, ...: `attempt(armed)` prepares fresh state, makes its call
-// through `armed` and checks the outcome. The walk ends at the first call that
-// no injected failure reached (or at the first success, when asked); answers
-// how many calls failed.
+// Walks n = 0, 1, ...: `attempt(armed)` prepares fresh state, makes its call through `armed` and checks the outcome.
+// The walk ends at the first call that no injected failure reached (or at the first success, when asked); answers how
+// many calls failed.
 template <class F>
 int allocationWalk(F&& attempt, long times = 1, bool untilSuccess = false) {
     int failures = 0;
@@ -162,8 +166,8 @@ int allocationWalk(F&& attempt, long times = 1, bool untilSuccess = false) {
         Armed a{n, times};
         attempt(a);
         failures += a.rc != KS_SUCCESS;
-        if (a.injected == 0 || (untilSuccess && a.rc == KS_SUCCESS)) return failures;
-        if (::testing::Test::HasFatalFailure()) return failures;
+        if (a.injected == 0 || (untilSuccess && a.rc == KS_SUCCESS) || ::testing::Test::HasFatalFailure())
+            return failures;
     }
     ADD_FAILURE() << "the walk did not end";
     return failures;
