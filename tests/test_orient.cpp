@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -246,4 +247,35 @@ TEST(Orient, StatusCallbackProgress) {
     STATUSCALLBACK now = nullptr;
     K_GetStatusCallBack(&now, nullptr);
     EXPECT_TRUE(log.seen.empty() && now == &tkit::StopAfter::cb);
+}
+
+// A 20000 x 20000 24-bit bitmap on tiles (1.2 GB) turns by a quarter with the memory cap far below its size:
+// the turn stays on tiles (spilling to files). Long: runs with OMBRIX_LONG_TESTS=1.
+TEST(Orient, LongQuarterTurnOfAHugeTiledBitmap) {
+    if (!std::getenv("OMBRIX_LONG_TESTS")) GTEST_SKIP() << "set OMBRIX_LONG_TESTS=1";
+    storagetest::CapGuard caps;
+    const int N = 20000;
+    int64_t counter = 0;
+    K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter);
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, counter + (256 << 20), nullptr), KS_SUCCESS);
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 4, N, N, 24, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_EQ(kindOf(&bm), 4u);
+    std::vector<uint8_t> row(bm.nBytesPerLine);
+    auto px = [](int x, int y, int c) { return uint8_t((x * 7 + y * 13 + c * 101) ^ (x >> 8) ^ (y >> 5)); };
+    K_AccessBitmap(&bm);
+    for (int y = 0; y < N; ++y) {
+        for (int x = 0; x < 3 * N; ++x) row[size_t(x)] = px(x / 3, y, x % 3);
+        ASSERT_GT(K_PutBitmapRow(&bm, row.data(), y, bm.nBytesPerLine), 0);
+    }
+    K_ReleaseBitmap(&bm);
+    ASSERT_EQ(K_RotateBitmap90(&bm, 1, 0, 100), KS_SUCCESS);
+    EXPECT_EQ(kindOf(&bm), 4u);
+    K_AccessBitmap(&bm);
+    for (int r : {0, 1, 9999, 19998, 19999}) {
+        ASSERT_GT(K_GetBitmapRow(&bm, row.data(), r, bm.nBytesPerLine), 0);
+        for (int c = 0; c < N; c += 997) ASSERT_EQ(row[size_t(c) * 3 + 1], px(r, N - 1 - c, 1)) << r << "," << c;
+    }
+    K_ReleaseBitmap(&bm);
+    K_FreeBitmap(&bm);
 }
