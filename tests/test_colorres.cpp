@@ -1,10 +1,9 @@
-// test_colorres.cpp - colour resolution of whole bitmaps: the cell-pruned and fixed-palette index searches against
-// the nearest-entry scan, lossless round trips, caller palettes on every matching path, bitmaps over the memory cap,
-// bad input and allocation failures of the palette and grey sources
-// (dithering: test_dither.cpp; 24-bit sources, other storage kinds and progress stops: test_transform_shared.cpp);
-// optimised palettes: exact colours for images with few colours (small and sampled), reserved and transparent
-// entries, the refinement never losing to the split alone, bad input, and the quality on photo-like images against
-// Pillow's median-cut and fast-octree quantizers run on the same image.
+// test_colorres.cpp - colour resolution of whole bitmaps: the fixed-palette row kernels against each other, lossless
+// round trips, caller palettes on every matching path, bitmaps over the memory cap, bad input and allocation failures
+// of the palette and grey sources (dithering: test_dither.cpp; 24-bit sources, other storage kinds and progress stops:
+// test_transform_shared.cpp); optimised palettes: exact colours for images with few colours (small and sampled),
+// reserved and transparent entries, the refinement never losing to the split alone, bad input, and the quality on
+// photo-like images against Pillow's median-cut and fast-octree quantizers run on the same image.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -90,33 +89,6 @@ TEST(ColorResSearch, Fixed256RowKernelsAgreeOverEveryColour) {
             ASSERT_EQ(0, std::memcmp(a.data(), b.data(), size_t(n))) << "AVX2, block ending at " << c;
         }
     }
-}
-
-TEST(ColorResSearch, CellPrunedSearchEqualsTheScan) {
-    std::mt19937 rng(11);
-    auto randomPal = [&](int n) {
-        std::vector<RGBQUAD> p;
-        for (int i = 0; i < n; ++i) p.push_back(anyColour(rng));
-        return p;
-    };
-    std::vector<RGBQUAD> dup = randomPal(40), lattice;  // duplicates, black and white at both ends
-    dup[0] = dup[39] = quad(0, 0, 0), dup[5] = dup[17] = dup[30], dup[1] = dup[38] = quad(255, 255, 255);
-    for (int i = 0; i < 64; ++i) lattice.push_back(quad((i & 3) * 80, (i >> 2 & 3) * 80, (i >> 4) * 80));  // many ties
-    const std::vector<RGBQUAD> cases[] = {{K_IntGetFixedPalette(4), K_IntGetFixedPalette(4) + 16},
-                                          {K_IntGetNetscapePalette(), K_IntGetNetscapePalette() + 256},
-                                          randomPal(256), randomPal(7), {quad(9, 9, 9)}, dup, lattice};
-    for (const auto& pal : cases)
-        for (bool fine : {false, true}) {
-            krn::NearestIndex ni;
-            ASSERT_TRUE(ni.build(pal.data(), int32_t(pal.size()), fine));
-            for (int i = 0; i < 40002; ++i) {
-                int r = int(rng() & 255), g = int(rng() & 255), b = int(rng() & 255);
-                if (i % 3 == 0) r = int(rng() % 7) * 40, g = int(rng() % 7) * 40, b = int(rng() % 7) * 40;  // ties
-                if (i >= 40000) r = g = b = (i - 40000) * 255;
-                ASSERT_EQ(ni(r, g, b), K_FindPaletteIndex(pal.data(), int32_t(pal.size()), r, g, b))
-                    << pal.size() << (fine ? " fine " : " ") << r << ' ' << g << ' ' << b;
-            }
-        }
 }
 
 TEST(ColorRes, PaletteImageThroughTwentyFourBitsComesBackIdentical) {
