@@ -1,10 +1,9 @@
-// test_colorres.cpp - colour resolution of whole bitmaps: the cell-pruned and fixed-palette index searches against
-// the nearest-entry scan, lossless round trips, caller palettes on every matching path, grey conversion against the
-// grey rule, bitmaps over the memory cap, bad input and allocation failures of the palette and grey sources
-// (dithering: test_dither.cpp; 24-bit sources, other storage kinds and progress stops: test_transform_shared.cpp);
-// optimised palettes: exact colours for images with few colours (small and sampled), reserved and transparent
-// entries, the refinement never losing to the split alone, bad input, and the quality on photo-like images against
-// Pillow's median-cut and fast-octree quantizers run on the same image.
+// test_colorres.cpp - colour resolution of whole bitmaps: the fixed-palette row kernels against each other, lossless
+// round trips, caller palettes on every matching path, bitmaps over the memory cap, bad input and allocation failures
+// of the palette and grey sources (dithering: test_dither.cpp; 24-bit sources, other storage kinds and progress stops:
+// test_transform_shared.cpp); optimised palettes: exact colours for images with few colours (small and sampled),
+// reserved and transparent entries, the refinement never losing to the split alone, bad input, and the quality on
+// photo-like images against Pillow's median-cut and fast-octree quantizers run on the same image.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -65,15 +64,11 @@ struct Src24 : Bmp {
     Src24(int w, int h, const std::vector<uint8_t>& px) : Bmp(w, h, 24, ORDER_BGR) { put(px); }
 };
 
-// The colour at (x, y) of padded 24-bit BGR rows of width w.
-const uint8_t* at24(const std::vector<uint8_t>& px, int w, int x, int y) {
-    return px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3;
-}
 // Every pixel of an indexed result is the entry K_FindPaletteIndex picks for the colour of the rows it came from.
 void expectNearest(Bmp& dst, const std::vector<uint8_t>& px, const RGBQUAD* pal, int n) {
     RefImage out = getImage(&dst.bm);
     EXPECT_EQ(firstMismatch(out, [&](int x, int y) {
-        const uint8_t* p = at24(px, out.width, x, y);
+        const uint8_t* p = px.data() + size_t(y) * bplOf(out.width, 24) + size_t(x) * 3;
         return uint64_t(K_FindPaletteIndex(pal, n, p[2], p[1], p[0]));
     }), "");
 }
@@ -94,33 +89,6 @@ TEST(ColorResSearch, Fixed256RowKernelsAgreeOverEveryColour) {
             ASSERT_EQ(0, std::memcmp(a.data(), b.data(), size_t(n))) << "AVX2, block ending at " << c;
         }
     }
-}
-
-TEST(ColorResSearch, CellPrunedSearchEqualsTheScan) {
-    std::mt19937 rng(11);
-    auto randomPal = [&](int n) {
-        std::vector<RGBQUAD> p;
-        for (int i = 0; i < n; ++i) p.push_back(anyColour(rng));
-        return p;
-    };
-    std::vector<RGBQUAD> dup = randomPal(40), lattice;  // duplicates, black and white at both ends
-    dup[0] = dup[39] = quad(0, 0, 0), dup[5] = dup[17] = dup[30], dup[1] = dup[38] = quad(255, 255, 255);
-    for (int i = 0; i < 64; ++i) lattice.push_back(quad((i & 3) * 80, (i >> 2 & 3) * 80, (i >> 4) * 80));  // many ties
-    const std::vector<RGBQUAD> cases[] = {{K_IntGetFixedPalette(4), K_IntGetFixedPalette(4) + 16},
-                                          {K_IntGetNetscapePalette(), K_IntGetNetscapePalette() + 256},
-                                          randomPal(256), randomPal(7), {quad(9, 9, 9)}, dup, lattice};
-    for (const auto& pal : cases)
-        for (bool fine : {false, true}) {
-            krn::NearestIndex ni;
-            ASSERT_TRUE(ni.build(pal.data(), int32_t(pal.size()), fine));
-            for (int i = 0; i < 40002; ++i) {
-                int r = int(rng() & 255), g = int(rng() & 255), b = int(rng() & 255);
-                if (i % 3 == 0) r = int(rng() % 7) * 40, g = int(rng() % 7) * 40, b = int(rng() % 7) * 40;  // ties
-                if (i >= 40000) r = g = b = (i - 40000) * 255;
-                ASSERT_EQ(ni(r, g, b), K_FindPaletteIndex(pal.data(), int32_t(pal.size()), r, g, b))
-                    << pal.size() << (fine ? " fine " : " ") << r << ' ' << g << ' ' << b;
-            }
-        }
 }
 
 TEST(ColorRes, PaletteImageThroughTwentyFourBitsComesBackIdentical) {
@@ -161,24 +129,6 @@ TEST(ColorRes, PaletteImageThroughTwentyFourBitsComesBackIdentical) {
     EXPECT_EQ(grey.bm.nOrder, ORDER_GRAY);
     ASSERT_EQ(K_GrayScaleBitmap(&grey.bm, 8), KS_SUCCESS);
     EXPECT_TRUE(grey.rows() == px && K_IsGrayScalePalette(grey.bm.pPalette, 256) == 1);
-}
-
-TEST(ColorRes, GreyDestinationsFollowTheGreyRule) {
-    std::mt19937 rng(5);
-    const int w = 41, h = 5;
-    auto px = rows24(w, h, [&] { return anyColour(rng); });
-    Src24 src(w, h, px);
-    for (int bits : {1, 4, 8, 12, 16}) {
-        Bmp dst;
-        ASSERT_EQ(src.res(&dst.bm, bits, CRF_BYTEORDERGRAY | CRF_NODITHERING), KS_SUCCESS);
-        RefImage out = getImage(&dst.bm);
-        EXPECT_EQ(firstMismatch(out, [&](int x, int y) {
-            const uint8_t* p = at24(px, w, x, y);
-            const uint32_t g8 = (2u * p[2] + 5u * p[1] + p[0] + 4u) >> 3;
-            const uint32_t v = bits <= 8 ? g8 >> (8 - bits) : g8 * ((1u << bits) - 1u) / 255u;
-            return bits == 16 ? (v >> 8 | (v & 255) << 8) : v;  // read as bits: 16-bit words byte-swapped
-        }), "") << bits;
-    }
 }
 
 // A caller palette without dithering takes the nearest entry whichever matcher serves it: the colour-match tree
@@ -223,37 +173,6 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
     ASSERT_EQ(src.res(&dst.bm, 2, CRF_USERPALETTE | CRF_NODITHERING, four, 4), KS_SUCCESS);
     K_SetUserMatchTable(nullptr);
     EXPECT_EQ(dst.rows()[0], 0x1A);  // indices 0, 1, 2, 2
-}
-
-TEST(ColorRes, FixedAndWebPalettesTakeTheNearestEntry) {
-    std::mt19937 rng(8);
-    const int w = 70, h = 6;
-    auto px = rows24(w, h, [&] { return anyColour(rng); });
-    Src24 src(w, h, px);
-    const RGBQUAD* fixed[9] = {};
-    for (int d = 3; d <= 8; ++d) fixed[d] = K_IntGetFixedPalette(d);
-    const struct { int bits; uint32_t flags; const RGBQUAD* pal; } cases[] = {
-        {8, 0, fixed[8]}, {8, CRF_FIXEDPALETTE, fixed[8]}, {4, 0, fixed[4]}, {3, CRF_FIXEDPALETTE, fixed[3]},
-        {8, CRF_NETSCAPEPALETTE, K_IntGetNetscapePalette()}};
-    for (const auto& c : cases) {
-        Bmp dst;
-        ASSERT_EQ(src.res(&dst.bm, c.bits, c.flags | CRF_NODITHERING), KS_SUCCESS);
-        EXPECT_EQ(0, std::memcmp(dst.bm.pPalette, c.pal, sizeof(RGBQUAD) << c.bits));
-        expectNearest(dst, px, c.pal, 1 << c.bits);
-    }
-}
-
-TEST(ColorRes, DeepFrameFlagWordsChooseTheOrder) {
-    const RGBQUAD pal[2] = {quad(1, 2, 3), quad(200, 100, 50)};
-    Bmp src(3, 1, 1, ORDER_RGB, pal);
-    src.put({0x40, 0, 0, 0});  // pixels 0, 1, 0
-    for (uint32_t flags : {0u, 4u}) {
-        Bmp dst;
-        ASSERT_EQ(src.res(&dst.bm, 24, flags), KS_SUCCESS);
-        const uint8_t want[2][9] = {{1, 2, 3, 200, 100, 50, 1, 2, 3}, {3, 2, 1, 50, 100, 200, 3, 2, 1}};
-        EXPECT_EQ(dst.bm.nOrder, flags ? ORDER_BGR : ORDER_RGB);
-        EXPECT_EQ(std::memcmp(dst.rows().data(), want[flags ? 1 : 0], 9), 0) << flags;
-    }
 }
 
 TEST(ColorRes, BitmapsLargerThanTheCapConvertRowByRow) {
@@ -352,15 +271,13 @@ TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
 }
 
 // A single-block 24-bit BGR bitmap from packed BGR pixels.
-struct Img {
-    BITMAPRECORD bm{};
+struct Img : Bmp {
     int w, h;
     std::vector<uint8_t> px;  // packed, no padding
-    Img(int width, int height, std::vector<uint8_t> bgr) : w(width), h(height), px(std::move(bgr)) {
-        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, 24, ORDER_BGR, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    Img(int width, int height, std::vector<uint8_t> bgr) : Bmp(width, height, 24, ORDER_BGR), w(width), h(height) {
+        px = std::move(bgr);
         for (int y = 0; y < h; ++y) K_PutBitmapRow(&bm, px.data() + size_t(y) * size_t(w) * 3, y, uint32_t(w) * 3);
     }
-    ~Img() { K_FreeBitmap(&bm); }
 };
 
 // Mean squared error (per channel) of a quantised bitmap against the pixels.

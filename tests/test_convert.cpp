@@ -192,22 +192,6 @@ TEST(ConvertMatrix, EntriesPassTheirArgumentsOnAndRefuseBadValues) {
     EXPECT_EQ(K_ConvertBuffer(nullptr, 8, 24, 24, 1, 0, nullptr, nullptr), KS_INVALID_PARAMETER);
 }
 
-// Transparency by index (entry 2, though entry 1 has its colour) and by colour (both): random palettes in the
-// matrix rarely repeat a colour.
-TEST(ConvertEdges, TransparencyByIndexAndByColour) {
-    RGBQUAD pal[4] = {{0, 0, 0, 0}, {10, 20, 30, 0}, {10, 20, 30, 0}, {255, 255, 255, 0}};
-    Bytes b1(4 * 8, 0xEE);
-    b1[0] = 0x1B;  // 2-bit indices 0,1,2,3
-    Bytes b2 = b1;
-    const uint32_t T = CONVERT_TRANSPARENT, byIndex = CONVERT_PALETTEINDEX(2), colour = 0x0A141E;
-    const int B = ORDER_BGR, R = ORDER_RGB;
-    ASSERT_EQ(K_ConvertBufferExt3(b1.data(), 4, 2, 32, B, B, pal, nullptr, nullptr, 0, T, -1, -1, byIndex), KS_SUCCESS);
-    EXPECT_EQ((Bytes{b1[3], b1[7], b1[11], b1[15]}), (Bytes{255, 255, 0, 255}));
-    ASSERT_EQ(K_ConvertBufferExt3(b2.data(), 4, 2, 64, B, R, pal, nullptr, nullptr, 0, T, -1, -1, colour), KS_SUCCESS);
-    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(b2[8 * i + 6] | (b2[8 * i + 7] << 8), i == 1 || i == 2 ? 0 : 0xFFFF);
-    EXPECT_EQ(b2[8] | (b2[9] << 8), 30 * 257);  // red first, widened
-}
-
 // The wide-primaries matrices: forward then inverse stays within two steps.
 TEST(ConvertRoundTrip, WidePrimariesNearlyInvert) {
     int worst = 0;

@@ -385,14 +385,6 @@ TEST(DitherSource, EveryDepthDithersLikeItsColours) {
     for (const auto& c : cases)
         for (int w : {1, 2, 5, 8, 17, 64})
             expectLikeItsColours(c, w, 4, rng, {.method = 2, .pal = fixed.data(), .colors = 256}, false);
-    // A palette source without a palette: the fixed 2-bit palette and the 4-level grey ramp are both 0..255.
-    for (int order : {ORDER_RGB, ORDER_GRAY}) {
-        Rec rec(4, 2, order, 0);
-        ASSERT_EQ(K_StartDithering(&rec.bm, fixed.data(), 256), KS_SUCCESS);
-        uint8_t src = 0x1B, dst[4];  // 2-bit indices 0, 1, 2, 3
-        ASSERT_EQ(K_DitherLine(&rec.bm, &src, dst), KS_SUCCESS);
-        for (int i = 0; i < 4; ++i) EXPECT_EQ(dst[i], krn::quantiseFixed(9, 85 * i, 85 * i, 85 * i));
-    }
 }
 
 // Grey sources into grey targets take the grey path and dither like the colour path; colour on either side
@@ -518,14 +510,6 @@ TEST(DitherWave, BlocksMatchLinesThePlainLoopAndTheReference) {
                 for (int chunk : {h, 3, 9})
                     EXPECT_EQ(runBlocks(grey8, w, rows, blockRows, size_t(chunk)), ref) << w << " " << blockRows;
         }
-    // Sources made grey first: a reversed grey palette (a table), 16-bit grey (the converter).
-    auto reversed = greyRamp(256);
-    std::reverse(reversed.begin(), reversed.end());
-    for (const SourceCase& c : {SourceCase{8, ORDER_RGB, reversed}, SourceCase{16, ORDER_GRAY, {}}}) {
-        const Rows rows = greyRows(29, 23, c.bits / 8, false, uint32_t(c.bits));
-        for (int blockRows : {2, 4, 8})
-            EXPECT_EQ(runBlocks(c, 29, rows, blockRows, 23), runRows(c, 29, rows, {.method = 1})) << c.bits;
-    }
 }
 
 // K_ColorResBitmap dithers like the engine row by row: grey to black and white by Floyd-Steinberg (the block
