@@ -1,6 +1,7 @@
 // test_hostile_callers.cpp - far-out coordinates, first calls meeting failed allocations, images beyond memory.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include <pthread.h>
@@ -250,6 +251,21 @@ TEST(HostileStorage, TilesPastTheFreeMemoryGoToFilesOrFail) {
     ASSERT_TRUE(K_ChangeBitmapHeight(&bm, 6144) == KS_SUCCESS &&
                 K_GetBitmapMemoryInfo(&bm, nullptr, nullptr, &tiles, &onDisk) == 1 && onDisk >= 3);
     roundTrip(bm);
+    K_FreeBitmap(&bm);
+}
+
+// Long (OMBRIX_LONG_TESTS=1): 768 MiB of rows with 256 MiB free and a cap of 256 MiB over what is in use: the tiles
+// in memory stay under both, the rest go to files, and every row reads back.
+TEST(HostileStorageLong, LongBitmapLargerThanTheFreeMemoryWritesAndReadsBack) {
+    if (!std::getenv("OMBRIX_LONG_TESTS")) GTEST_SKIP() << "set OMBRIX_LONG_TESTS=1";
+    Restore restore;
+    krn::testhook::setAvailableMemory(uint64_t(256) << 20);
+    int64_t used = 0;
+    K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &used);
+    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, used + (int64_t(256) << 20), nullptr), KS_SUCCESS);
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 16384, 16384, 24, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    EXPECT_LE(roundTrip(bm), uint64_t(256) << 20);
     K_FreeBitmap(&bm);
 }
 

@@ -152,4 +152,31 @@ TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
         }
 }
 
+// Every colour of the cube, in 24- and 32-bit rows of both orders, through the converter into the fixed palette
+// equals the exported search (about 30 s; runs with OMBRIX_LONG_TESTS=1).
+TEST(SpeedPaletteLong, FixedPaletteIndexesEqualTheSearchForEveryColour) {
+    if (!std::getenv("OMBRIX_LONG_TESTS")) GTEST_SKIP() << "set OMBRIX_LONG_TESTS=1";
+    const RGBQUAD* fixed = K_IntGetFixedPalette(8);
+    const size_t width = 4093;
+    for (const auto& [bits, order, r, b] : {std::tuple{24, ORDER_BGR, 2, 0}, std::tuple{24, ORDER_RGB, 0, 2},
+                                            std::tuple{32, ORDER_BGR, 2, 0}, std::tuple{32, ORDER_RGB, 0, 2}}) {
+        const size_t bpp = size_t(bits / 8);
+        std::vector<uint8_t> row(width * bpp);
+        for (uint32_t start = 0; start < (1u << 24); start += uint32_t(width)) {
+            const size_t n = std::min<size_t>((1u << 24) - start, width);
+            for (size_t i = 0; i < n; ++i) {
+                const uint32_t c = start + uint32_t(i);
+                uint8_t* p = row.data() + i * bpp;
+                p[r] = uint8_t(c >> 16), p[1] = uint8_t(c >> 8), p[b] = uint8_t(c);
+            }
+            ASSERT_EQ(K_ConvertBuffer(row.data(), int32_t(n), bits, 8, order, ORDER_BGR, nullptr, nullptr), KS_SUCCESS);
+            for (size_t i = 0; i < n; ++i) {
+                const uint32_t c = start + uint32_t(i);
+                const int32_t want = K_FindPaletteIndex(fixed, 256, int(c >> 16), c >> 8 & 255, c & 255);
+                ASSERT_EQ(row[i], want) << bits << " " << c;
+            }
+        }
+    }
+}
+
 }  // namespace
