@@ -584,6 +584,32 @@ struct Dwords8Avx2 {
     }
 };
 
+// The first three rounds of the 16 x 16 byte transpose (bytes, words, dwords of
+// pairs of rows), on 16-byte rows (P _mm, V __m128i) or on 32-byte rows lane by
+// lane (P _mm256, V __m256i): rows r[16] in, c[16] out; c[4q + j] and c[4q + j + 2]
+// hold the 64-bit halves that the last round pairs into columns.
+#define OMBRIX_BYTE_TRANSPOSE_ROUNDS(P, V, r, c)                                   \
+    V c[16];                                                                      \
+    {                                                                             \
+        V a_[16], b_[16];                                                         \
+        for (int k = 0; k < 8; ++k) {                                             \
+            a_[k] = P##_unpacklo_epi8(r[2 * k], r[2 * k + 1]);                    \
+            a_[k + 8] = P##_unpackhi_epi8(r[2 * k], r[2 * k + 1]);                \
+        }                                                                         \
+        for (int k = 0; k < 4; ++k) {                                             \
+            b_[k] = P##_unpacklo_epi16(a_[2 * k], a_[2 * k + 1]);                 \
+            b_[k + 4] = P##_unpackhi_epi16(a_[2 * k], a_[2 * k + 1]);             \
+            b_[k + 8] = P##_unpacklo_epi16(a_[8 + 2 * k], a_[8 + 2 * k + 1]);     \
+            b_[k + 12] = P##_unpackhi_epi16(a_[8 + 2 * k], a_[8 + 2 * k + 1]);    \
+        }                                                                         \
+        for (int q = 0; q < 4; ++q) {                                             \
+            c[4 * q + 0] = P##_unpacklo_epi32(b_[4 * q + 0], b_[4 * q + 1]);      \
+            c[4 * q + 1] = P##_unpackhi_epi32(b_[4 * q + 0], b_[4 * q + 1]);      \
+            c[4 * q + 2] = P##_unpacklo_epi32(b_[4 * q + 2], b_[4 * q + 3]);      \
+            c[4 * q + 3] = P##_unpackhi_epi32(b_[4 * q + 2], b_[4 * q + 3]);      \
+        }                                                                         \
+    }
+
 // 8 bits, SSSE3: 16x16 bytes through four rounds of unpacks.
 struct Bytes16Ssse3 {
     OMBRIX_SSSE3 __attribute__((always_inline)) static inline void run(const TileGeom& g, uint32_t x, uint32_t y) noexcept {
@@ -591,24 +617,7 @@ struct Bytes16Ssse3 {
         const uint8_t* p = g.src + size_t(y) * g.ss + x;
         __m128i r[16];
         for (int k = 0; k < 16; ++k) r[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + k * g.ss));
-        __m128i a[16], b[16];
-        for (int k = 0; k < 8; ++k) {
-            a[k] = _mm_unpacklo_epi8(r[2 * k], r[2 * k + 1]);
-            a[k + 8] = _mm_unpackhi_epi8(r[2 * k], r[2 * k + 1]);
-        }
-        for (int k = 0; k < 4; ++k) {
-            b[k] = _mm_unpacklo_epi16(a[2 * k], a[2 * k + 1]);
-            b[k + 4] = _mm_unpackhi_epi16(a[2 * k], a[2 * k + 1]);
-            b[k + 8] = _mm_unpacklo_epi16(a[8 + 2 * k], a[8 + 2 * k + 1]);
-            b[k + 12] = _mm_unpackhi_epi16(a[8 + 2 * k], a[8 + 2 * k + 1]);
-        }
-        __m128i c[16];
-        for (int q = 0; q < 4; ++q) {
-            c[4 * q + 0] = _mm_unpacklo_epi32(b[4 * q + 0], b[4 * q + 1]);
-            c[4 * q + 1] = _mm_unpackhi_epi32(b[4 * q + 0], b[4 * q + 1]);
-            c[4 * q + 2] = _mm_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
-            c[4 * q + 3] = _mm_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
-        }
+        OMBRIX_BYTE_TRANSPOSE_ROUNDS(_mm, __m128i, r, c)
         // col[j] is column j of the block, top to bottom.
         __m128i col[16];
         for (int q = 0; q < 4; ++q) {
@@ -635,24 +644,7 @@ struct Bytes32x16Avx2 {
         const uint8_t* p = g.src + size_t(y) * g.ss + x;
         __m256i r[16];
         for (int k = 0; k < 16; ++k) r[k] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + k * g.ss));
-        __m256i a[16], b[16];
-        for (int k = 0; k < 8; ++k) {
-            a[k] = _mm256_unpacklo_epi8(r[2 * k], r[2 * k + 1]);
-            a[k + 8] = _mm256_unpackhi_epi8(r[2 * k], r[2 * k + 1]);
-        }
-        for (int k = 0; k < 4; ++k) {
-            b[k] = _mm256_unpacklo_epi16(a[2 * k], a[2 * k + 1]);
-            b[k + 4] = _mm256_unpackhi_epi16(a[2 * k], a[2 * k + 1]);
-            b[k + 8] = _mm256_unpacklo_epi16(a[8 + 2 * k], a[8 + 2 * k + 1]);
-            b[k + 12] = _mm256_unpackhi_epi16(a[8 + 2 * k], a[8 + 2 * k + 1]);
-        }
-        __m256i c[16];
-        for (int q = 0; q < 4; ++q) {
-            c[4 * q + 0] = _mm256_unpacklo_epi32(b[4 * q + 0], b[4 * q + 1]);
-            c[4 * q + 1] = _mm256_unpackhi_epi32(b[4 * q + 0], b[4 * q + 1]);
-            c[4 * q + 2] = _mm256_unpacklo_epi32(b[4 * q + 2], b[4 * q + 3]);
-            c[4 * q + 3] = _mm256_unpackhi_epi32(b[4 * q + 2], b[4 * q + 3]);
-        }
+        OMBRIX_BYTE_TRANSPOSE_ROUNDS(_mm256, __m256i, r, c)
         uint8_t* d = blockDst<1, 16>(g, x, y);
         const ptrdiff_t step = g.revX ? -ptrdiff_t(g.ds) : ptrdiff_t(g.ds);
         for (int q = 0; q < 4; ++q) {
@@ -669,6 +661,8 @@ struct Bytes32x16Avx2 {
         }
     }
 };
+
+#undef OMBRIX_BYTE_TRANSPOSE_ROUNDS
 
 // Tile sizes (source columns x source rows): a destination row of a tile is
 // 64 bytes at 32 bits and at 8 bits with SSSE3, 192 bytes (three lines) at 24
