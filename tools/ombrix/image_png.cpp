@@ -77,10 +77,18 @@ Result decodePng(const uint8_t* data, size_t size, Raster& out) {
         png_get_IHDR(png, info, &w, &h, &depth, &type, &interlace, nullptr, nullptr);
         job->res = checkSize(w, h);
         if (job->res.ok()) {
-            if (type & PNG_COLOR_MASK_ALPHA && !(type & PNG_COLOR_MASK_COLOR)) png_set_strip_alpha(png);
+            // Transparency is kept as alpha: a transparency chunk (palette alphas or a colour key) and grey
+            // with alpha make the picture RGBA, the one bitmap format with an alpha channel.
+            if (png_get_valid(png, info, PNG_INFO_tRNS)) png_set_tRNS_to_alpha(png);
+            if (png_get_valid(png, info, PNG_INFO_tRNS) || type == PNG_COLOR_TYPE_GRAY_ALPHA) {
+                if (type == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(png);
+                if (!(type & PNG_COLOR_MASK_COLOR)) png_set_gray_to_rgb(png);
+            }
             if (depth == 16) png_set_swap(png);
             png_set_interlace_handling(png);
             png_read_update_info(png, info);
+            type = png_get_color_type(png, info);
+            depth = png_get_bit_depth(png, info);
             r->width = int32_t(w), r->height = int32_t(h), r->bits = depth;
             r->kind = type == PNG_COLOR_TYPE_PALETTE ? Raster::Index
                       : type == PNG_COLOR_TYPE_RGB   ? Raster::Rgb

@@ -100,7 +100,19 @@ p = run("convert", path("grey16_png_a.png"), path("grey16.jpg"))
 if "8-bit" not in p.stderr or Image.open(path("grey16.jpg")).mode != "L":
     failures.append("16-bit grey to JPEG: no note or not grey")
 
-# 4. Malformed and truncated files: exit code 1 and a reason, never a crash.
+# 4. Transparency: palette alphas, a colour key and grey with alpha come back as RGBA with every alpha.
+keyed = Image.frombytes("RGB", (W, H), bytes(rng.choice((0, 255)) for _ in range(3 * W * H)))
+keyed.info["transparency"] = (255, 0, 255)
+trans = {"pal_alpha": sources["pal4"].copy(), "keyed": keyed, "grey_alpha": Image.frombytes("LA", (W, H), noise(2 * W * H))}
+trans["pal_alpha"].info["transparency"] = bytes(rng.randrange(256) for _ in range(16))
+for name, im in trans.items():
+    im.save(path(f"{name}.png"), transparency=im.info.get("transparency"))
+    run("convert", path(f"{name}.png"), path(f"{name}_back.png"))
+    got = Image.open(path(f"{name}_back.png"))
+    if got.mode != "RGBA" or got.tobytes() != Image.open(path(f"{name}.png")).convert("RGBA").tobytes():
+        failures.append(f"{name}: mode {got.mode} or alpha lost")
+
+# 5. Malformed and truncated files: exit code 1 and a reason, never a crash.
 bad = {"cut.png": open(path("rgb.png"), "rb").read()[:60], "cut.tif": open(path("rgb.tif"), "rb").read()[:300],
        "cut.jpg": open(path("smooth.jpg"), "rb").read()[:400], "cut.ppm": b"P6\n4 4\n255\n\x01",
        "garbage.png": b"\x89PNG\r\n\x1a\n" + noise(200), "garbage.tif": b"II*\x00" + noise(200),
