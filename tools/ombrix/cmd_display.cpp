@@ -203,19 +203,32 @@ int runPlay(const cli::Call& call) {
         frames = sampleFrames(&w, &h);
     } else {
         for (const std::string& path : inputs) {
-            BITMAPRECORD in, bgr;
-            std::string err;
-            if (image::read(path, in, &err) != KS_SUCCESS || image::toBgr24(in, bgr) != KS_SUCCESS) {
-                std::fprintf(stderr, "ombrix play: cannot read %s: %s\n", path.c_str(), err.c_str());
-                for (auto& f : frames) K_FreeBitmap(&f);
-                return 1;
+            // Every image of a file that holds several (the pages of a TIFF) is a frame.
+            for (int page = 0, images = 1; page < images; ++page) {
+                image::Raster raster;
+                BITMAPRECORD in, bgr;
+                std::string err;
+                int32_t rc = image::readRaster(path, raster, &err, nullptr, page);
+                if (rc == KS_SUCCESS) {
+                    const image::Result res = image::toBitmap(raster, in);
+                    rc = res.status, err = res.error;
+                }
+                if (rc == KS_SUCCESS) {
+                    rc = image::toBgr24(in, bgr);
+                    K_FreeBitmap(&in);
+                }
+                if (rc != KS_SUCCESS) {
+                    std::fprintf(stderr, "ombrix play: cannot read %s: %s\n", path.c_str(), err.c_str());
+                    for (auto& f : frames) K_FreeBitmap(&f);
+                    return 1;
+                }
+                images = raster.images;
+                FRAME_DELAY(&bgr) = delay;
+                FRAME_DISPOSAL(&bgr) = disposal;
+                w = std::max(w, bgr.nWidth);
+                h = std::max(h, bgr.nHeight);
+                frames.push_back(bgr);
             }
-            K_FreeBitmap(&in);
-            FRAME_DELAY(&bgr) = delay;
-            FRAME_DISPOSAL(&bgr) = disposal;
-            w = std::max(w, bgr.nWidth);
-            h = std::max(h, bgr.nHeight);
-            frames.push_back(bgr);
         }
     }
     BITMAPRECORD target;
@@ -342,7 +355,7 @@ cli::RegisterCommand regPlay({"play", "OUT_PREFIX [FRAME...]", "compose an anima
                                {"--no-wait", cli::Type::Flag, "", "do not wait the frame delays"}},
                               1, -1,
                               "  Composes the frames (or a built-in animation) onto a target and writes each\n"
-                              "  composed frame as OUT_PREFIX-NNN.ppm."});
+                              "  composed frame as OUT_PREFIX-NNN.ppm. Each page of a TIFF is a frame."});
 cli::RegisterDemo demoRegWindow({"window level and paint tables", 80, demoWindow});
 cli::RegisterDemo demoRegPlay({"animation playback", 81, demoPlay});
 

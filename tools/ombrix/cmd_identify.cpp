@@ -57,6 +57,7 @@ int run(const cli::Call& call) {
         std::snprintf(size, sizeof size, "%" PRIu64 " bytes", uint64_t(bm.uSize64));
         std::printf("%s: %s %dx%d, %s\n", path.c_str(), image::formatName(format), raster.width, raster.height,
                     raster.describe().c_str());
+        if (raster.images > 1) std::printf("  images       %d (this is the first)\n", raster.images);
         std::printf("  width        %d\n  height       %d\n", bm.nWidth, bm.nHeight);
         std::printf("  depth        %d bits per pixel\n", bm.nBitsPerPixel);
         std::printf("  order        %s\n", orderName(bm.nOrder));

@@ -248,11 +248,13 @@ Raster toEightBit(const Raster& in, bool keepGrey) {
 
 // ---------------------------------------------------------------- codecs
 
-Result decode(const uint8_t* data, size_t size, Raster& out, Format* format) {
+Result decode(const uint8_t* data, size_t size, Raster& out, Format* format, int page) {
     const Format f = formatOfData(data, size);
     if (format) *format = f;
     if (f == Format::Unknown) return fail(KS_FILE_READ, "not a PNM, PAM, PNG, JPEG or TIFF file");
     if (!available(f)) return fail(KS_NOT_SUPPORTED, std::string(formatName(f)) + " support is not built in");
+    if (page < 0 || (page > 0 && f != Format::Tiff))
+        return fail(KS_FILE_READ, "the file has no image " + std::to_string(page + 1));
     Raster r;
     Result res;
     switch (f) {
@@ -264,7 +266,7 @@ Result decode(const uint8_t* data, size_t size, Raster& out, Format* format) {
         case Format::Jpeg: res = codec::decodeJpeg(data, size, r); break;
 #endif
 #if OMBRIX_HAVE_TIFF
-        case Format::Tiff: res = codec::decodeTiff(data, size, r); break;
+        case Format::Tiff: res = codec::decodeTiff(data, size, r, page); break;
 #endif
         default: return fail(KS_NOT_SUPPORTED, "format not built in");
     }
@@ -396,7 +398,7 @@ Result fromBitmap(const BITMAPRECORD& in, Raster& out) {
 
 // ---------------------------------------------------------------- files
 
-int32_t readRaster(const std::string& path, Raster& out, std::string* error, Format* format) {
+int32_t readRaster(const std::string& path, Raster& out, std::string* error, Format* format, int page) {
     std::FILE* f = std::fopen(path.c_str(), "rb");
     if (!f) {
         if (error) *error = "cannot open " + path + ": " + std::strerror(errno);
@@ -412,14 +414,14 @@ int32_t readRaster(const std::string& path, Raster& out, std::string* error, For
         if (error) *error = "error reading " + path;
         return KS_FILE_READ;
     }
-    const Result res = decode(data.data(), data.size(), out, format);
+    const Result res = decode(data.data(), data.size(), out, format, page);
     if (!res.ok() && error) *error = res.error;
     return res.status;
 }
 
-int32_t read(const std::string& path, BITMAPRECORD& bm, std::string* error, Format* format) {
+int32_t read(const std::string& path, BITMAPRECORD& bm, std::string* error, Format* format, int page) {
     Raster r;
-    const int32_t rc = readRaster(path, r, error, format);
+    const int32_t rc = readRaster(path, r, error, format, page);
     if (rc != KS_SUCCESS) return rc;
     const Result res = toBitmap(r, bm);
     if (!res.ok() && error) *error = res.error;

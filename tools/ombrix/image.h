@@ -46,6 +46,7 @@ struct Raster {
     int bits = 8;                  // per sample: 1, 2, 4, 8 (Index, Grey) or 8, 16
     std::vector<RGBQUAD> palette;  // Index only; at most 2^bits entries
     int orientation = TOP_LEFT;    // view perspective the file asks for
+    int images = 1;                // how many images the file holds (TIFF pages; 1 for the other formats)
     // Rows top first, rowBytes() each; samples below 8 bits packed most
     // significant bit first; 16-bit samples in native (little-endian) order.
     std::vector<uint8_t> pixels;
@@ -84,7 +85,8 @@ uint64_t setPixelLimit(uint64_t limit);
 Result checkSize(uint64_t width, uint64_t height);
 
 // Whole files in memory.
-Result decode(const uint8_t* data, size_t size, Raster& out, Format* format = nullptr);
+// `page` picks an image of a file that holds several (TIFF; the others hold one): 0 is the first.
+Result decode(const uint8_t* data, size_t size, Raster& out, Format* format = nullptr, int page = 0);
 Result encode(Format format, const Raster& in, std::vector<uint8_t>& out, const std::string& path = {});
 
 // Raster <-> bitmap. toBitmap makes a new bitmap with the kernel's default
@@ -96,8 +98,10 @@ Result fromBitmap(const BITMAPRECORD& in, Raster& out);
 
 // Files. On success `bm` holds a new bitmap the caller frees with
 // K_FreeBitmap; on failure it is left as it was.
-int32_t read(const std::string& path, BITMAPRECORD& bm, std::string* error = nullptr, Format* format = nullptr);
-int32_t readRaster(const std::string& path, Raster& out, std::string* error = nullptr, Format* format = nullptr);
+int32_t read(const std::string& path, BITMAPRECORD& bm, std::string* error = nullptr, Format* format = nullptr,
+             int page = 0);
+int32_t readRaster(const std::string& path, Raster& out, std::string* error = nullptr, Format* format = nullptr,
+                   int page = 0);
 int32_t write(const std::string& path, const BITMAPRECORD& bm, std::string* error = nullptr,
               std::string* note = nullptr);
 
@@ -113,7 +117,7 @@ Result decodePng(const uint8_t* data, size_t size, Raster& out);
 Result encodePng(const Raster& in, std::vector<uint8_t>& out, std::string& note);
 Result decodeJpeg(const uint8_t* data, size_t size, Raster& out);
 Result encodeJpeg(const Raster& in, std::vector<uint8_t>& out, std::string& note, int quality);
-Result decodeTiff(const uint8_t* data, size_t size, Raster& out);
+Result decodeTiff(const uint8_t* data, size_t size, Raster& out, int page = 0);
 Result encodeTiff(const Raster& in, std::vector<uint8_t>& out, std::string& note);
 std::string pngVersion();
 std::string jpegVersion();

@@ -93,7 +93,7 @@ std::string tiffVersion() {
     return at != std::string::npos ? v.substr(at + 8) : v;
 }
 
-Result decodeTiff(const uint8_t* data, size_t size, Raster& out) {
+Result decodeTiff(const uint8_t* data, size_t size, Raster& out, int page) {
     Memory m;
     m.data = data, m.size = size;
     TIFF* tif = openMemory(m, "rm");
@@ -102,6 +102,9 @@ Result decodeTiff(const uint8_t* data, size_t size, Raster& out) {
         TIFF* t;
         ~Close() { TIFFClose(t); }
     } closer{tif};
+    const int images = int(TIFFNumberOfDirectories(tif));
+    if (page < 0 || page >= images || (page > 0 && !TIFFSetDirectory(tif, tdir_t(page))))
+        return fail(KS_FILE_READ, "TIFF: the file has no image " + std::to_string(page + 1));
     uint32_t w = 0, h = 0;
     uint16_t bps = 1, spp = 1, photometric = 0, planar = PLANARCONFIG_CONTIG, orientation = ORIENTATION_TOPLEFT;
     uint16_t extraCount = 0;
@@ -118,6 +121,7 @@ Result decodeTiff(const uint8_t* data, size_t size, Raster& out) {
     if (!res.ok()) return res;
 
     Raster r;
+    r.images = images;
     r.width = int32_t(w), r.height = int32_t(h);
     r.orientation = orientation >= 1 && orientation <= 8 ? orientation : TOP_LEFT;
     const bool pow2 = bps == 1 || bps == 2 || bps == 4 || bps == 8;

@@ -112,7 +112,17 @@ for name, im in trans.items():
     if got.mode != "RGBA" or got.tobytes() != Image.open(path(f"{name}.png")).convert("RGBA").tobytes():
         failures.append(f"{name}: mode {got.mode} or alpha lost")
 
-# 5. Malformed and truncated files: exit code 1 and a reason, never a crash.
+# 5. A TIFF of several images: identify counts them, play takes each page as a frame.
+pages = [Image.frombytes("RGB", (W, H), noise(3 * W * H)) for _ in range(3)]
+pages[0].save(path("pages.tif"), save_all=True, append_images=pages[1:])
+if "images       3" not in run("identify", path("pages.tif")).stdout:
+    failures.append("identify: the three images of a TIFF not counted")
+run("play", path("pages"), path("pages.tif"), "--no-wait")
+for i, page in enumerate(pages):
+    if Image.open(path(f"pages-{i:03d}.ppm")).tobytes() != page.tobytes():
+        failures.append(f"play: image {i + 1} of a TIFF is not frame {i}")
+
+# 6. Malformed and truncated files: exit code 1 and a reason, never a crash.
 bad = {"cut.png": open(path("rgb.png"), "rb").read()[:60], "cut.tif": open(path("rgb.tif"), "rb").read()[:300],
        "cut.jpg": open(path("smooth.jpg"), "rb").read()[:400], "cut.ppm": b"P6\n4 4\n255\n\x01",
        "garbage.png": b"\x89PNG\r\n\x1a\n" + noise(200), "garbage.tif": b"II*\x00" + noise(200),
