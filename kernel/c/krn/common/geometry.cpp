@@ -233,6 +233,37 @@ inline void transformVector(const Mat& m, double& x, double& y) noexcept {
 // ------------------------------------------------------------ rectangles
 inline bool rectEmpty(const RECT& r) noexcept { return r.right <= r.left || r.bottom <= r.top; }
 inline bool rectDEmpty(const RECTD& r) noexcept { return !(r.right > r.left && r.bottom > r.top); }
+inline bool emptyRect(const RECT& r) noexcept { return rectEmpty(r); }
+inline bool emptyRect(const RECTD& r) noexcept { return rectDEmpty(r); }
+
+// Intersection and union of integer and double rectangles: an empty result
+// (or an empty source of an intersection) is written as all zeros and gives 0.
+template <class R>
+int32_t intersectRects(R* pResult, const R* pA, const R* pB) noexcept {
+    if (!pResult || !pA || !pB) return 0;
+    const R r{std::max(pA->left, pB->left), std::max(pA->top, pB->top), std::min(pA->right, pB->right),
+              std::min(pA->bottom, pB->bottom)};
+    if (emptyRect(*pA) || emptyRect(*pB) || emptyRect(r)) {
+        *pResult = R{0, 0, 0, 0};
+        return 0;
+    }
+    *pResult = r;
+    return 1;
+}
+template <class R>
+int32_t unionRects(R* pResult, const R* pA, const R* pB) noexcept {
+    if (!pResult || !pA || !pB) return 0;
+    const bool ea = emptyRect(*pA), eb = emptyRect(*pB);
+    if (ea && eb) {
+        *pResult = R{0, 0, 0, 0};
+        return 0;
+    }
+    *pResult = ea ? *pB
+               : eb ? *pA
+                    : R{std::min(pA->left, pB->left), std::min(pA->top, pB->top), std::max(pA->right, pB->right),
+                        std::max(pA->bottom, pB->bottom)};
+    return 1;
+}
 
 void transformRect(const Mat& m, RECTD* r) noexcept {
     if (rectDEmpty(*r)) return;
@@ -535,39 +566,13 @@ KAPI void K_Rect_Offset(RECT* pRect, int32_t dx, int32_t dy) {
     pRect->bottom = saturate(int64_t(pRect->bottom) + dy);
 }
 KAPI int32_t K_Rect_Intersect(RECT* pResult, const RECT* pA, const RECT* pB) {
-    if (!pResult || !pA || !pB) return 0;
-    RECT r{std::max(pA->left, pB->left), std::max(pA->top, pB->top), std::min(pA->right, pB->right),
-           std::min(pA->bottom, pB->bottom)};
-    if (rectEmpty(*pA) || rectEmpty(*pB) || rectEmpty(r)) {
-        *pResult = RECT{0, 0, 0, 0};
-        return 0;
-    }
-    *pResult = r;
-    return 1;
+    return intersectRects(pResult, pA, pB);
 }
 KAPI int32_t K_Rect_IntersectsWith(const RECT* pA, const RECT* pB) {
     RECT r;
     return K_Rect_Intersect(&r, pA, pB);
 }
-KAPI int32_t K_Rect_Union(RECT* pResult, const RECT* pA, const RECT* pB) {
-    if (!pResult || !pA || !pB) return 0;
-    bool ea = rectEmpty(*pA), eb = rectEmpty(*pB);
-    if (ea && eb) {
-        *pResult = RECT{0, 0, 0, 0};
-        return 0;
-    }
-    if (ea) {
-        *pResult = *pB;
-        return 1;
-    }
-    if (eb) {
-        *pResult = *pA;
-        return 1;
-    }
-    *pResult = RECT{std::min(pA->left, pB->left), std::min(pA->top, pB->top), std::max(pA->right, pB->right),
-                    std::max(pA->bottom, pB->bottom)};
-    return 1;
-}
+KAPI int32_t K_Rect_Union(RECT* pResult, const RECT* pA, const RECT* pB) { return unionRects(pResult, pA, pB); }
 KAPI RECTD K_Rect_ToRectD(const RECT* pRect) {
     if (!pRect) return RECTD{0, 0, 0, 0};
     return RECTD{double(pRect->left), double(pRect->top), double(pRect->right), double(pRect->bottom)};
@@ -649,42 +654,14 @@ KAPI void K_RectD_Offset(RECTD* pRect, double dx, double dy) {
     pRect->bottom += dy;
 }
 KAPI int32_t K_RectD_Intersect(RECTD* pResult, const RECTD* pA, const RECTD* pB) {
-    if (!pResult || !pA || !pB) return 0;
-    if (rectDEmpty(*pA) || rectDEmpty(*pB)) {
-        *pResult = RECTD{0, 0, 0, 0};
-        return 0;
-    }
-    RECTD r{std::max(pA->left, pB->left), std::max(pA->top, pB->top), std::min(pA->right, pB->right),
-            std::min(pA->bottom, pB->bottom)};
-    if (rectDEmpty(r)) {
-        *pResult = RECTD{0, 0, 0, 0};
-        return 0;
-    }
-    *pResult = r;
-    return 1;
+    return intersectRects(pResult, pA, pB);
 }
 KAPI int32_t K_RectD_IntersectsWith(const RECTD* pA, const RECTD* pB) {
     RECTD r;
     return K_RectD_Intersect(&r, pA, pB);
 }
 KAPI int32_t K_RectD_Union(RECTD* pResult, const RECTD* pA, const RECTD* pB) {
-    if (!pResult || !pA || !pB) return 0;
-    bool ea = rectDEmpty(*pA), eb = rectDEmpty(*pB);
-    if (ea && eb) {
-        *pResult = RECTD{0, 0, 0, 0};
-        return 0;
-    }
-    if (ea) {
-        *pResult = *pB;
-        return 1;
-    }
-    if (eb) {
-        *pResult = *pA;
-        return 1;
-    }
-    *pResult = RECTD{std::min(pA->left, pB->left), std::min(pA->top, pB->top), std::max(pA->right, pB->right),
-                     std::max(pA->bottom, pB->bottom)};
-    return 1;
+    return unionRects(pResult, pA, pB);
 }
 KAPI void K_RectD_Scale(RECTD* pRect, double dScaleX, double dScaleY) {
     if (!pRect) return;
