@@ -9,12 +9,7 @@
 // disk, under an 8 MiB cap. A new export is a row of kRecordCalls or kPlainCalls, or an op in kOps.
 #include <algorithm>
 #include <array>
-#include <climits>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <cwchar>
 #include <span>
 #include <utility>
 #include <vector>
@@ -57,10 +52,9 @@ uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
 
 struct Ctx : fuzzinput::Input {
     const char* op = "";
-    BITMAPRECORD bm[kSlots], foreign;        // the pool's records; bytes the library never made
-    std::vector<uint8_t> caller[kSlots];     // caller memory attached to a record
-    std::vector<std::vector<uint8_t>> keep;  // caller memory handed over later, kept to the end
-    std::vector<uint8_t> buf[2];
+    BITMAPRECORD bm[kSlots], foreign;                   // the pool's records; bytes the library never made
+    std::vector<uint8_t> caller[kSlots], buf[2];        // caller memory attached to a record; scratch buffers
+    std::vector<std::vector<uint8_t>> keep;             // caller memory handed over later, kept to the end
     // Handles may be freed or destroyed ones: the library looks them up, they are never dereferenced here.
     OrvaRgn* rgn[kRgns] = {};
     HRGN hrgn[kHandles] = {};
@@ -96,10 +90,7 @@ struct Ctx : fuzzinput::Input {
     void forget(const void* h) {
         for (int k = 0; k < kHandles; ++k) hrgnLive[k] &= hrgn[k] != h, globLive[k] &= glob[k] != h;
     }
-    void putHrgn(int h, HRGN v) {
-        if (v && hrgnLive[h]) DeleteObject(hrgn[h]);
-        if (v) hrgn[h] = v, hrgnLive[h] = true;
-    }
+    void putHrgn(int h, HRGN v) { v ? (hrgnLive[h] && DeleteObject(hrgn[h]), hrgn[h] = v, hrgnLive[h] = true) : 0; }
     bool isSlot(const BITMAPRECORD* r) const { return r >= bm && r < bm + kSlots; }
     void unlabel() {  // the size word relabel() changed put back (unless a call wrote another)
         if (relabelled >= 0 && bm[relabelled].uStructSize == relabelTo) bm[relabelled].uStructSize = relabelWord;
@@ -212,9 +203,7 @@ struct Ctx : fuzzinput::Input {
         return hout = nullptr, rc;
     }
     // A list handle: live, destroyed, null or bytes that were never a list.
-    HBITMAPLIST listHandle() {
-        return at(225) ? list[last() % kLists] : last() < 240 ? reinterpret_cast<HBITMAPLIST>(&foreign) : nullptr;
-    }
+    HBITMAPLIST listHandle() { return at(225) ? list[last() % kLists] : last() < 240 ? HBITMAPLIST(&foreign) : 0; }
     // A playback handle: live, destroyed, null, or another kind of handle.
     HPLAYBACK playHandle() {
         const uint8_t b = byte();
@@ -222,8 +211,7 @@ struct Ctx : fuzzinput::Input {
         return b < 200 ? play[b % kPlays] : b < 245 ? HPLAYBACK(other) : nullptr;
     }
 
-    uint8_t last_ = 0;
-    // at(cut): reads a byte and tells whether it is below cut; last() is that byte.
+    uint8_t last_ = 0;  // at(cut): reads a byte and tells whether it is below cut; last() is that byte.
     bool at(uint8_t cut) { return (last_ = byte()) < cut; }
     uint8_t last() const { return last_; }
 };
@@ -582,9 +570,7 @@ void opDitherLine(Ctx& c) {
 // ---------------------------------------------------------------- regions
 // A region a call made into *out (read after the call) replaces the slot's.
 void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn** out) {
-    if (rc < 0 || !*out) return;
-    if (*slot) K_DeleteOrvaRgn(*slot);
-    *slot = *out;
+    if (rc >= 0 && *out) K_DeleteOrvaRgn(*slot), *slot = *out;  // (null: refused)
 }
 void opOrvaRgn(Ctx& c) {
     OrvaRgn** slot = c.rgnSlot();
@@ -592,8 +578,7 @@ void opOrvaRgn(Ctx& c) {
     uint8_t flags[8];
     int32_t count;
     switch (const uint8_t which = c.byte() % 5) {
-        case 0:
-        case 1:  // a new region in the slot: a rectangle, or a copy of another slot's
+        case 0: case 1:  // a new region in the slot: a rectangle, or a copy of another slot's
             if (which == 1 && (a = c.rgnOrNull()) == *slot) return;
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
             which == 0 ? K_CreateOrvaRgnRect(c.orNull(slot), c.rectp()) : K_CopyOrvaRgn(slot, a);
@@ -617,8 +602,7 @@ void opHrgn(Ctx& c) {
     switch (which) {
         case 0: c.putHrgn(h, CreateRectRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
         case 1: c.putHrgn(h, CreateEllipticRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
-        case 2:
-            if ((count = c.polygon()) <= 8) c.putHrgn(h, CreatePolygonRgn(c.orNull(c.pts), count, c.byte() % 4));
+        case 2: if ((count = c.polygon()) <= 8) c.putHrgn(h, CreatePolygonRgn(c.orNull(c.pts), count, c.byte() % 4));
             break;
         case 3: {  // region data of any handle, in a buffer of the size asked or a smaller one, back in
             HRGN src = c.handle();
@@ -629,11 +613,9 @@ void opHrgn(Ctx& c) {
                 c.putHrgn(h, ExtCreateRegion(nullptr, need, rd));
             break;
         }
-        case 4:
-            if (K_WinCreateRectRgn(c.orNull(&v), c.coord(), c.coord(), c.coord(), c.coord()) == 1) c.putHrgn(h, v);
+        case 4: if (K_WinCreateRectRgn(c.orNull(&v), c.coord(), c.coord(), c.coord(), c.coord()) == 1) c.putHrgn(h, v);
             break;
-        default:
-            // Deletes (emulated and kernel form): a live handle must go (its value stays), any other is looked up.
+        default:  // deletes (emulated and kernel form): a live handle must go (its value stays), any other is looked up
             if (c.hrgnLive[h] && !del(c.hrgn[h])) fail(c.op, "delete of a live region failed");
             if (c.hrgnLive[h]) c.hrgnLive[h] = false;
             else if (HRGN g = c.handle(); del(g)) c.forget(g);
@@ -665,12 +647,9 @@ void opBitmapRgn(Ctx& c) {
             if (back <= need) check(c, {d}, [&] { return K_SetBitmapRgnData(d, xf, back, rd, mode); });
             break;
         }
-        default:
-            // The mask record is made afresh. (A mask as large as a huge source would only slow the run down.)
-            m = c.rec();
-            if (m == r || (r && plannedSize(r->nWidth, r->nHeight, 1) > kMaxData)) return;
-            fresh(c, m);
-            count = c.sizeWord(200);
+        default:  // the mask record is made afresh (a mask as large as a huge source would only slow the run down)
+            if ((m = c.rec()) == r || (r && plannedSize(r->nWidth, r->nHeight, 1) > kMaxData)) return;
+            fresh(c, m), count = c.sizeWord(200);
             check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, count); }, 2);
     }
 }
@@ -680,9 +659,8 @@ void opViewPerspective(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const int32_t from = c.small(10), to = c.small(10), w = c.i32(), h = c.i32();
     RECT* rp = c.rectp();
-    int32_t x = c.coord(), y = c.coord(), f, a;
+    int32_t x = c.coord(), y = c.coord(), f, a, kx = x, ky = y;
     const RECT keep = rp ? *rp : RECT{};
-    const int32_t kx = x, ky = y;
     int64_t rc = 0;
     switch (c.byte() % 7) {
         case 0: rc = K_GetChangeViewPerspectiveParams(from, to, c.orNull(&f), &a); break;
@@ -702,8 +680,7 @@ void opGlobal(Ctx& c) {
     switch (c.byte() % 4) {
         case 0:
             if (!(g = K_GlobalAlloc(c.usmall(0x50), size_t(c.size64()) % (1u << 20)))) return;
-            if (c.globLive[h]) K_GlobalFree(c.glob[h]);
-            c.glob[h] = g, c.globLive[h] = true; break;
+            c.globLive[h] ? (void)K_GlobalFree(c.glob[h]) : void(), c.glob[h] = g, c.globLive[h] = true; break;
         case 1: {
             g = c.ghandle();
             const size_t sz = size_t(c.size64());
@@ -737,10 +714,8 @@ void opMisc(Ctx& c) {
 }
 void opMatchTable(Ctx& c) {
     RGBQUAD* pp = c.palOrNull();
-    if (uint32_t* t = K_CreateUserMatchTable(pp, c.count256())) {
-        uint32_t* old = K_SetUserMatchTable(t);
-        K_GetUserMatchTable(), K_SetUserMatchTable(old), K_FreeUserMatchTable(t);
-    }
+    if (uint32_t* t = K_CreateUserMatchTable(pp, c.count256()))
+        K_GetUserMatchTable(), K_SetUserMatchTable(K_SetUserMatchTable(t)), K_FreeUserMatchTable(t);
     K_FreeUserMatchTable(nullptr);
 }
 
@@ -750,9 +725,9 @@ void opIntoRecord(Ctx& c) {
     BITMAPRECORD* s = c.rec();
     const uint32_t sw = c.sizeWord(220);
     const int32_t col = c.coord(), row = c.coord(), w = c.targetDim(), h = c.targetDim();
-    uint32_t mem = c.pick(kMemTypes);
-    if (mem == 2) mem = 1;
+    const uint32_t mem = [&] { const uint32_t t = c.pick(kMemTypes); return t == 2 ? 1u : t; }();  // (no caller memory)
     BITMAPRECORD* d;
+    uint32_t carried;
     const auto copy = [&](auto call) { into(c, s, outRec(c, s), call); };
     switch (c.byte() % 7) {
         case 0: copy([&](auto* d) { return K_CopyBitmap(d, s, sw); }); break;
@@ -760,26 +735,20 @@ void opIntoRecord(Ctx& c) {
         case 2: copy([&](auto* d) { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }); break;
         case 3: copy([&](auto* d) { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }); break;
         case 4:
-            if ((d = outRec(c, s)) != s) {
-                const uint32_t carry = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
-                check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, w, h, carry); }, 2u);
-            }
-            break;
+            if ((d = outRec(c, s)) == s) return;
+            carried = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
+            check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, w, h, carried); }, 2u); break;
         case 5: {  // in place (null destination or the source) or into a fresh record; unchecked on made ones
             const bool unchecked = c.made(s) && c.byte() < 64;
             const int32_t vp = unchecked ? c.byte() % 8 + 1 : c.small(10);
             const uint32_t carry = c.pick(kCarry);
-            d = c.byte() & 1 ? nullptr : outRec(c, s);
-            into(c, s, d, [&](auto* d) {
+            into(c, s, c.byte() & 1 ? nullptr : outRec(c, s), [&](auto* d) {
                 return unchecked ? K_IntChangeBitmapViewPerspective(d, s, BITMAPRECORD_SIZE, vp, carry)
-                                 : K_ChangeBitmapViewPerspective(d, s, sw, vp);
-            });
+                                 : K_ChangeBitmapViewPerspective(d, s, sw, vp); });
             break;
         }
-        default:
-            // Into a destination record the caller prepared (its size names the target).
-            d = c.rec();
-            if (!d || d == s || d == &c.foreign) return;
+        default:  // into a destination record the caller prepared (its size names the target)
+            if (!(d = c.rec()) || d == s || d == &c.foreign) return;
             fresh(c, d);
             const int32_t bpp = s && krn::recordSizeValid(s->uStructSize) ? s->nBitsPerPixel : 8;
             if (K_InitBitmap(d, BITMAPRECORD_SIZE, w > 0 ? w : 1, h > 0 ? h : 1, bpp) != KS_SUCCESS) return;
@@ -803,9 +772,8 @@ void opBuffers(Ctx& c) {
     if (!b || side > kBuf || need > size || need > kBuf / 2)  // (a larger side would wrap the product)
         return which ? void() : (void)K_RotateBuffer90(nullptr, b, 1, w, h, bpp);  // refusals only: a null source
     std::vector<uint8_t> dst(size_t(need) + 64, 0);
-    if (which == 0) (void)K_RotateBuffer90(b, dst.data(), c.byte() & 1, w, h, bpp);
-    else if (which == 1) (void)K_RotateBuffer180(b, c.byte() & 1 ? b : dst.data(), w, h, bpp);
-    else (void)K_MirrorLine(b, w, bpp);
+    which == 0 ? K_RotateBuffer90(b, dst.data(), c.byte() & 1, w, h, bpp)
+               : which == 1 ? K_RotateBuffer180(b, c.byte() & 1 ? b : dst.data(), w, h, bpp) : K_MirrorLine(b, w, bpp);
 }
 void opRowResize(Ctx& c) {
     void* data = nullptr;
@@ -819,14 +787,14 @@ void opRowResize(Ctx& c) {
 }
 void opScanLine(Ctx& c) {
     // One row by the stepping rule into buffers that hold every pixel it can reach (larger values: no call).
-    const int32_t bpp = c.pick(kDepths), start = c.small(64), step = c.small(9), den = c.small(65), err = c.small(64);
-    const int32_t rem = c.small(64);
+    const int32_t bpp = c.pick(kDepths), start = c.small(64), step = c.small(9), den = c.small(65), err = c.small(64),
+                  rem = c.small(64);
     const uint32_t count = c.usmall(257), bytes = c.u32v();
     if (start > 63 || step > 8 || den > 64 || (den > 0 && (err >= den || rem >= den)) || count > 256) return;
     std::vector<uint8_t> src(20000, 0x5A), dst(20000);  // (64 + 256 * 9 + 1) pixels of 64 bits at most
     uint8_t* const d = c.byte() & 1 ? src.data() : dst.data();
-    if (c.byte() & 1) K_GetResizedScanLine(bpp, bytes, start, step, err, rem, src.data(), d, count, den, c.byte() & 1);
-    else K_ReverseGetResizedScanLine(bpp, bytes, start, step, err, rem, src.data(), d, count, den, c.byte() & 1);
+    (c.byte() & 1 ? K_GetResizedScanLine : K_ReverseGetResizedScanLine)(bpp, bytes, start, step, err, rem, src.data(),
+                                                                        d, count, den, c.byte() & 1);
 }
 void opColorRes(Ctx& c) {
     BITMAPRECORD* s = c.rec();
@@ -836,8 +804,7 @@ void opColorRes(Ctx& c) {
     const int32_t n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
     if (n > 256 && pp) return;  // a palette shorter than its count is the caller's fault
     BITMAPRECORD* d = c.byte() & 1 ? s : outRec(c, s);
-    const uint32_t sw = c.sizeWord(220);
-    into(c, s, d, [&](auto* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
+    into(c, s, d, [&, sw = c.sizeWord(220)](auto* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
 }
 void opDisplay(Ctx& c) {
     BITMAPRECORD* r = c.rec();
@@ -854,13 +821,12 @@ void opDisplay(Ctx& c) {
         std::vector<uint16_t> g(len + 1);
         const int32_t mn = c.i32(), mx = c.i32(), f = c.i32();
         const uint32_t fl = c.u32v();
-        auto* const t4 = reinterpret_cast<RGBQUAD*>(t.data());
-        (void)K_WindowLevelFillLUT(t4, len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
+        (void)K_WindowLevelFillLUT(reinterpret_cast<RGBQUAD*>(t.data()), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx,
+                                   f, fl);
         (void)K_WindowLevelFillLUT2(reinterpret_cast<uint8_t*>(g.data()), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn,
                                     mx, f, fl);
         (void)K_WindowLevelFillLUTExt(t.data(), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
-        (void)K_WindowLevelFillLUTExt2(g.data(), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
-        return;
+        return (void)K_WindowLevelFillLUTExt2(g.data(), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
     }
     BITMAPRECORD* d = c.byte() & 1 ? r : outRec(c, r);
     const uint32_t sw = c.sizeWord(220);
@@ -882,11 +848,10 @@ template <class F>
 void makesList(Ctx& c, F&& call) {
     const int k = c.byte() % kLists;
     if (c.listLive[k] && K_DestroyBitmapList(c.list[k]) != KS_SUCCESS) fail(c.op, "destroying a live list failed");
-    HBITMAPLIST* out = &c.list[k];
-    c.listLive[k] = false, *out = nullptr;
-    const int32_t rc = call(c.byte() > 245 ? nullptr : out);
-    if (rc == KS_SUCCESS) c.listLive[out - c.list] = true;
-    else if (*out) fail(c.op, "a failing call made a list", rc);
+    c.listLive[k] = false, c.list[k] = nullptr;
+    const int32_t rc = call(c.byte() > 245 ? nullptr : &c.list[k]);
+    if (rc == KS_SUCCESS) c.listLive[k] = true;
+    else if (c.list[k]) fail(c.op, "a failing call made a list", rc);
     else if (rc >= 0) fail(c.op, "odd status", rc);
 }
 void opList(Ctx& c) {

@@ -14,13 +14,9 @@ namespace {
 
 // A coordinate from one of several magnitude classes.
 int32_t coord(fuzzinput::Input& in) {
-    static const int32_t extremes[] = {INT32_MIN, INT32_MAX, 0, -1, INT32_MIN + 1, INT32_MAX - 1};
-    switch (in.byte() & 3) {
-        case 0: return int8_t(in.byte());
-        case 1: return int16_t(uint16_t(in.byte()) | uint16_t(in.byte()) << 8);
-        case 2: return int32_t(in.u32());
-        default: return extremes[in.byte() % 6];
-    }
+    static const int32_t edge[] = {INT32_MIN, INT32_MAX, 0, -1, INT32_MIN + 1, INT32_MAX - 1};
+    const uint8_t k = in.byte() & 3;
+    return k == 0 ? int8_t(in.byte()) : k == 1 ? int16_t(in.u16()) : k == 2 ? int32_t(in.u32()) : edge[in.byte() % 6];
 }
 int8_t s8(fuzzinput::Input& in) { return int8_t(in.byte()); }
 
@@ -41,8 +37,7 @@ void check(HRGN h) {
     }
     RECT box;
     const int k = GetRgnBox(h, &box);
-    FUZZ_CHECK(k >= NULLREGION && k <= COMPLEXREGION);
-    FUZZ_CHECK(k == NULLREGION || PtInRegion(h, r->pRunData[0], box.top));
+    FUZZ_CHECK(k >= NULLREGION && k <= COMPLEXREGION && (k == NULLREGION || PtInRegion(h, r->pRunData[0], box.top)));
 }
 
 }  // namespace
@@ -70,8 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             a = ExtCreateRegion(useXf ? &xf : nullptr, bytes, rd);
             break;
         }
-        case 1: {  // polygons, several figures, both fill modes
-            // (or as many as the input holds)
+        case 1: {  // polygons, several figures, both fill modes (up to 63 points, or as many as the input holds)
             const size_t count = (mode & 0x40) ? (in.byte(), in.left() / 3) : in.byte() % 64;
             std::vector<POINT> pts(count);
             std::vector<uint8_t> flags(count);
@@ -86,8 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         case 2: {  // ellipses and rectangles with any corners
             const int32_t l = coord(in), t = coord(in), r = coord(in), btm = coord(in);
-            a = CreateEllipticRgn(l, t, r, btm);
-            b = CreateRectRgn(coord(in), coord(in), coord(in), coord(in));
+            a = CreateEllipticRgn(l, t, r, btm), b = CreateRectRgn(coord(in), coord(in), coord(in), coord(in));
             break;
         }
         default: {  // small shapes combined, then through a bitmap's setters
@@ -117,11 +110,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         HRGN d = CreateRectRgn(0, 0, 0, 0);
         for (int op = RGN_AND; op <= RGN_COPY; ++op)
             if (CombineRgn(d, a, b, op)) check(d);
-        OffsetRgn(d, coord(in), coord(in));
-        check(d);
-        DeleteObject(d);
+        OffsetRgn(d, coord(in), coord(in)), check(d), DeleteObject(d);
     }
-    for (HRGN h : {a, b})
-        if (h) DeleteObject(h);
+    for (HRGN h : {a, b}) if (h) DeleteObject(h);
     return 0;
 }
