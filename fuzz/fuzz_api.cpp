@@ -876,21 +876,18 @@ void opList(Ctx& c) {
             if (rc < 0 && got != 0xABCDu) fail(c.op, "a failing count wrote its result", rc);
             break;
         case 3:
-        case 4:
-            // Insert (or replace): the record's storage moves into the list (never the garbage record's).
+        case 4:  // insert (or replace): the record's storage moves into the list (never the garbage record's)
             if ((r = c.rec()) == &c.foreign || (old = which == 3 || c.byte() & 1 ? nullptr : outRec(c, r)) == r) return;
             h = c.listHandle(), size = c.sizeWord(220);
             if (check(c, {r, old}, [&] {
                     return which == 3 ? K_InsertBitmapListItem(h, index, r)
-                                      : K_ReplaceBitmapListItem(h, index, r, old, size);
-                }, 2u) == KS_SUCCESS)
+                                      : K_ReplaceBitmapListItem(h, index, r, old, size); }, 2u) == KS_SUCCESS)
                 handedOver(c, r);
             break;
         case 5:  // take an item out into a fresh slot, or free it (null)
             r = c.byte() & 1 ? nullptr : outRec(c, nullptr);
             check(c, {r}, [&] { return K_RemoveBitmapListItem(c.listHandle(), index, r); }, 1u); break;
-        case 6:
-            // A copy of an item (the list keeps ownership) set back with frame words of the caller's choosing.
+        case 6:  // a copy of an item (the list keeps ownership) set back with frame words of the caller's choosing
             std::memset(&tmp, 0xEE, sizeof tmp), std::memset(&old2, 0xEE, sizeof old2);
             h = c.listHandle(), size = c.sizeWord(200);
             rc = K_GetBitmapListItem(h, index, c.orNull(&tmp, 245), size);
@@ -905,20 +902,15 @@ void opList(Ctx& c) {
         case 8:
             h = c.listHandle();
             makesList(c, [&](HBITMAPLIST* o) {
-                return (which == 7 ? K_CopyBitmapListItems : K_MoveBitmapListItems)(o, h, index, count);
-            });
+                return (which == 7 ? K_CopyBitmapListItems : K_MoveBitmapListItems)(o, h, index, count); });
             break;
         case 9:
             h = c.listHandle();
             (void)K_CreateBitmapListOptPal(h, c.orNull(c.pal, 245), c.colours(), c.small(8, 220), c.u32v(), &used);
             break;
-        default:
-            // An empty record set over an item leaves the old one to the caller: only over one owning nothing.
-            h = c.listHandle();
-            if (K_GetBitmapListItem(h, index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS) {
-                (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
-                return;
-            }
+        default:  // an empty record set over an item leaves the old one to the caller: only over one owning nothing
+            if (K_GetBitmapListItem(h = c.listHandle(), index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS)
+                return (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
             if (tmp.uFlags & BRF_ALLOCATED || tmp.hRgn || tmp.pPalette || tmp.pCallbacks || tmp.hListBlock) return;
             if (K_SetBitmapListItem(h, index, nullptr) != KS_SUCCESS) fail(c.op, "clearing an item failed");
     }
@@ -929,12 +921,11 @@ void endPlayback(Ctx& c, int k) {
     if (K_FreeBitmap(&c.target[k]) != KS_SUCCESS) fail(c.op, "freeing a playback target failed");
 }
 void validateTargets(Ctx& c) {
-    for (int p = 0; p < kPlays; ++p)
-        if (c.playLive[p]) validate(&c.target[p], c.op);
+    for (int p = 0; p < kPlays; ++p) c.playLive[p] ? validate(&c.target[p], c.op) : void();
 }
 void destroyPlayback(Ctx& c, int k) {
-    if (c.playLive[k] && K_DestroyPlayback(c.play[k]) != KS_SUCCESS) fail(c.op, "destroying a live playback failed");
-    if (c.playLive[k]) endPlayback(c, k);
+    if (!c.playLive[k]) return;
+    K_DestroyPlayback(c.play[k]) == KS_SUCCESS ? endPlayback(c, k) : fail(c.op, "destroying a live playback failed");
 }
 void opPlayback(Ctx& c) {
     const uint8_t which = c.byte() % 4;
@@ -943,18 +934,13 @@ void opPlayback(Ctx& c) {
     BITMAPRECORD &t = c.target[k], *r;
     HPLAYBACK h = nullptr;
     HBITMAPLIST l;
-    int32_t v = 0;
-    int j = 0;
+    int32_t v = 0, j = 0;
     switch (which) {
-        case 0:
-            // A new playback onto a small target of its own.
-            destroyPlayback(c, k);
-            std::memset(&t, 0, sizeof t);
+        case 0:  // a new playback onto a small target of its own
+            destroyPlayback(c, k), std::memset(&t, 0, sizeof t);
             if (K_CreateBitmap(&t, BITMAPRECORD_SIZE, 1, int32_t(c.byte() % 48) + 1, int32_t(c.byte() % 48) + 1,
-                               c.pick(depths), c.byte() % 3 - 1, nullptr, c.byte() % 8 + 1, nullptr, 0) != KS_SUCCESS)
-                return;
-            FRAME_BACKGROUND_COLOR(&t) = c.u32v();
-            l = c.byte() & 1 ? nullptr : c.listHandle();
+                               c.pick(depths), c.byte() % 3 - 1, nullptr, c.byte() % 8 + 1, nullptr, 0) != 1) return;
+            FRAME_BACKGROUND_COLOR(&t) = c.u32v(), l = c.byte() & 1 ? nullptr : c.listHandle();
             if (check(c, {&t}, [&] { return K_CreatePlayback(c.orNull(&h, 245), &t, l); }) == KS_SUCCESS)
                 c.play[k] = h, c.playLive[k] = true;
             else if (h) fail(c.op, "a failing create made a playback");
@@ -967,12 +953,10 @@ void opPlayback(Ctx& c) {
                 j < kPlays ? endPlayback(c, j) : fail(c.op, "a handle that is not a live playback was destroyed");
             }
             break;
-        case 2:
-            // Steps of the state machine (never sleeping on a wait); the target stays a valid bitmap.
+        case 2:  // steps of the state machine (never sleeping on a wait); the target stays a valid bitmap
             h = c.playHandle();
             for (int s = 0, steps = c.byte() % 24 + 1; s < steps; ++s) {
-                v = -1;
-                if (K_ProcessPlayback(h, c.orNull(&v, 245)) != KS_SUCCESS) break;
+                if (v = -1; K_ProcessPlayback(h, c.orNull(&v, 245)) != KS_SUCCESS) break;
                 if (v >= 0 && (v < PLAYBACK_STATE_CLEAR || v > PLAYBACK_STATE_END)) fail(c.op, "no such state", v);
                 if (v >= PLAYBACK_STATE_WAITINPUT && v <= PLAYBACK_STATE_WAITBOTH) K_CancelPlaybackWait(h);
             }
@@ -985,8 +969,7 @@ void opPlayback(Ctx& c) {
 }
 
 // ---------------------------------------------------------------- calls on no pool record
-void opCritical(Ctx& c) {
-    // Create, enter (nested), leave, delete in order: the documented statuses at each step.
+void opCritical(Ctx& c) {  // create, enter (nested), leave, delete in order: the documented statuses at each step
     CRITICAL_SECTION cs{};
     const int depth = c.byte() % 4;
     bool ok = K_IntEnterCriticalSection(&cs) == KS_INVALID_PARAMETER && K_IntInitializeCriticalSection(&cs) == 1;
