@@ -66,7 +66,6 @@ struct Ctx : fuzzinput::Input {
     BITMAPRECORD alias;                // a record naming a pool record's storage, never freed
     int relabelled = -1;               // slot whose size word relabel() changed
     uint32_t relabelWord = 0, relabelTo = 0;
-    // Arguments a call reads or writes through a pointer.
     RECT rect{}, box{}, rs[2], keepRect;
     POINT pt, pts[8];
     RGNXFORM xf;
@@ -86,8 +85,7 @@ struct Ctx : fuzzinput::Input {
     wchar_t msg[64], lib[64], name[OMBRIX_TEMP_NAME_CHARS], pre[5];
     std::vector<uint16_t> t16;
 
-    // A handle freed through a call that may also free the other kind.
-    void forget(const void* h) {
+    void forget(const void* h) {  // a handle freed through a call that may also free the other kind
         for (int k = 0; k < kHandles; ++k) hrgnLive[k] &= hrgn[k] != h, globLive[k] &= glob[k] != h;
     }
     void putHrgn(int h, HRGN v) { v ? (hrgnLive[h] && DeleteObject(hrgn[h]), hrgn[h] = v, hrgnLive[h] = true) : 0; }
@@ -108,7 +106,7 @@ struct Ctx : fuzzinput::Input {
         relabelled = s, relabelWord = r->uStructSize, r->uStructSize = relabelTo = to;
     }
 
-    // ---- values: mostly from the tables or small, sometimes hostile or a raw word
+    // Values: mostly from the tables or small, sometimes hostile or a raw word.
     int32_t i32() {
         const uint8_t b = byte();
         return b < 200 ? kI32[b % std::size(kI32)] : b < 240 ? int32_t(b) - 220 : int32_t(u32());
@@ -176,7 +174,6 @@ struct Ctx : fuzzinput::Input {
         return &xf;
     }
 
-    // ---- pool
     BITMAPRECORD* rec() {
         const uint8_t b = byte();
         if (b >= 212 && b < 230) relabel(b % kSlots);  // this call sees another size word
@@ -216,7 +213,6 @@ struct Ctx : fuzzinput::Input {
     uint8_t last() const { return last_; }
 };
 
-// ---------------------------------------------------------------- the contract
 uint64_t fnv(uint64_t h, const void* p, size_t n) {
     const auto* b = static_cast<const uint8_t*>(p);
     for (size_t k = 0; k < n; ++k) h = (h ^ b[k]) * 0x100000001b3ull;
@@ -305,9 +301,7 @@ void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
     check(c, {s, d}, [&] { return call(d); }, d && d != s ? 2u : 0u);
 }
 
-// ---------------------------------------------------------------- calls on pool records and values
-// The start of a copy into a record initialised for it, freed again.
-int64_t beginCopy(Ctx& c, BITMAPRECORD* s) {
+int64_t beginCopy(Ctx& c, BITMAPRECORD* s) {  // the start of a copy into a record initialised for it, freed again
     BITMAPRECORD d;
     if (K_InitBitmap(&d, BITMAPRECORD_SIZE, s->nWidth, s->nHeight, s->nBitsPerPixel) != KS_SUCCESS) return 0;
     const int64_t rc = K_IntBeginCopyBitmap(&d, s, c.i32(), c.i32());
@@ -386,7 +380,6 @@ void opRecordCall(Ctx& c) {
     check(c, {r, s}, [&] { return k.fn(c, r, s); });
 }
 
-// ---------------------------------------------------------------- record and memory
 // A large image may only be asked for with types that cannot spill to tiles or disk (the cap refuses it).
 uint32_t safeType(uint32_t t, int32_t w, int32_t h, int32_t bpp) { return plannedSize(w, h, bpp) > kMaxData ? 265 : t; }
 
@@ -454,8 +447,7 @@ void opSetDataPointer(Ctx& c) {
     check(c, {r}, [&] { return K_SetBitmapDataPointer(r, c.orNull(mem.data(), 230), want); });
     c.keep.push_back(std::move(mem));  // the record may point here or at its earlier memory: both stay alive
 }
-void opIntAccessRelease(Ctx& c) {
-    // The release hands back the status it is given (after releasing): not a failing call when negative.
+void opIntAccessRelease(Ctx& c) {  // the release hands back the status it is given: not a failing call when negative
     BITMAPRECORD* r = c.rec();
     int32_t accessed = 0, *const out = c.orNull(&accessed), status = c.i32();
     if (check(c, {r}, [&] { return K_IntAccessBitmap(r, out); }) == KS_SUCCESS)
@@ -472,7 +464,6 @@ void opManageMemory(Ctx& c) {
     K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);  // the script's cap stays
 }
 
-// ---------------------------------------------------------------- rows, palettes, conversion
 void opRows(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     size_t size;
@@ -516,8 +507,7 @@ void opRows(Ctx& c) {
         }
     }
 }
-void opRuns(Ctx& c) {
-    // Rows as runs, mirrored or flipped as runs and expanded: the plain mirror or flip of the pixels.
+void opRuns(Ctx& c) {  // rows as runs, mirrored or flipped as runs and expanded: the plain mirror or flip of the pixels
     const int32_t width = c.at(220) ? int32_t(c.last()) * 4 + 1 : c.i32(), rows = c.byte() % 4, first = c.byte() % 16;
     if (width < 1 || width > 1000)  // refusals only
         return (void)K_CompressRows(nullptr, nullptr, width, rows), (void)K_ExpandRow(nullptr, nullptr, first, width);
@@ -559,15 +549,13 @@ void opConvert(Ctx& c) {
         default: K_ConvertBufferExt3(b, w, bs, bd, os, od, nullptr, fixed, c.orNull(&c.io), 0, flags, lo, hi, c.u32());
     }
 }
-void opDitherLine(Ctx& c) {
-    // Rows of the record's width in 24 bits in and in its depth out.
+void opDitherLine(Ctx& c) {  // rows of the record's width in 24 bits in and in its depth out
     BITMAPRECORD* r = c.rec();
     std::vector<uint8_t> in(8016, 0x77), out(8016);
     if (c.isSlot(r) && unsigned(r->nWidth - 1) < 1000) check(c, {r}, [&] { return K_DitherLine(r, &in[0], &out[0]); });
     K_DefaultDithering(c.small(8)), K_GetDefaultDithering();
 }
 
-// ---------------------------------------------------------------- regions
 // A region a call made into *out (read after the call) replaces the slot's.
 void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn** out) {
     if (rc >= 0 && *out) K_DeleteOrvaRgn(*slot), *slot = *out;  // (null: refused)
@@ -654,7 +642,6 @@ void opBitmapRgn(Ctx& c) {
     }
 }
 
-// ---------------------------------------------------------------- view perspective, rectangles, services
 void opViewPerspective(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const int32_t from = c.small(10), to = c.small(10), w = c.i32(), h = c.i32();
@@ -719,7 +706,6 @@ void opMatchTable(Ctx& c) {
     K_FreeUserMatchTable(nullptr);
 }
 
-// ---------------------------------------------------------------- transforms into other records
 void opIntoRecord(Ctx& c) {
     static const uint32_t kCarry[] = {191u, 127u, 67u, 321u, 14u, 5u};
     BITMAPRECORD* s = c.rec();
@@ -968,7 +954,6 @@ void opPlayback(Ctx& c) {
     validateTargets(c);
 }
 
-// ---------------------------------------------------------------- calls on no pool record
 void opCritical(Ctx& c) {  // create, enter (nested), leave, delete in order: the documented statuses at each step
     CRITICAL_SECTION cs{};
     const int depth = c.byte() % 4;
@@ -1082,7 +1067,6 @@ void opPlainCall(Ctx& c) {
     validateTargets(c);
 }
 
-// ---------------------------------------------------------------- the script
 #define OP(f) {#f, f}
 const Op kOps[] = {  // (listed more than once: the ops behind the most functions get more steps)
     OP(opRecordCall), OP(opRecordCall), OP(opRecordCall), OP(opRecordCall), OP(opRecordCall), OP(opPlainCall),
@@ -1110,8 +1094,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int64_t counter0 = 0, counter1 = 0;
     K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter0);
     const long live0 = krn::faultinject::liveBlocks();
-    // FUZZ_API_TRACE prints each step; FUZZ_API_DUMP=<file> keeps the input being run.
-    static const bool trace = std::getenv("FUZZ_API_TRACE");
+    static const bool trace = std::getenv("FUZZ_API_TRACE");  // prints each step; FUZZ_API_DUMP=<file> keeps the input
     if (static const char* dump = std::getenv("FUZZ_API_DUMP"); dump)
         if (FILE* f = std::fopen(dump, "wb")) std::fwrite(data, 1, size, f), std::fclose(f);
     auto* c = new Ctx{{data, size}};
@@ -1135,8 +1118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     c->unlabel();
 
-    // Everything is freed and the counters are back.
-    c->op = "cleanup";
+    c->op = "cleanup";  // everything is freed and the counters are back
     for (int k = 0; k < kPlays; ++k) destroyPlayback(*c, k);
     for (int k = 0; k < kLists; ++k)
         if (c->listLive[k] && K_DestroyBitmapList(c->list[k]) != KS_SUCCESS) fail(c->op, "live list not destroyable");
