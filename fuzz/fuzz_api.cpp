@@ -1,12 +1,10 @@
-// fuzz_api.cpp - the exported functions as a hostile caller uses them. The input is a script: each step
-// picks an op and its arguments over a small pool of bitmap records, regions, region handles, global-memory
-// blocks, lists, playbacks and buffers; arguments are hostile values (0, -1, INT_MIN, huge sizes, wrong size
-// words, null pointers, older-layout records, foreign and freed handles) or raw bytes.
-// The contract (check()): a call given a record with a size word of no layout fails; a failing call leaves
-// every record it was given exactly as it was (bytes and a digest of its rows); a record left allocated
-// passes validate(). After the script everything is freed and the live-block and conventional-memory
-// counts are back. A data size above 4 MiB is only asked for with memory types that cannot take tiles or
-// disk, under an 8 MiB cap. A new export is a row of kRecordCalls or kPlainCalls, or an op in kOps.
+// fuzz_api.cpp - the exported functions as a hostile caller uses them. The input is a script: each step picks an
+// op and its arguments (hostile values or raw bytes) over a small pool of bitmap records, regions, region handles,
+// global-memory blocks, lists, playbacks and buffers. The contract (check()): a call given a record with a size word
+// of no layout fails; a failing call leaves every record it was given exactly as it was (bytes and a digest of its
+// rows); a record left allocated passes validate(). After the script everything is freed and the live-block and
+// conventional-memory counts are back. A data size above 4 MiB is only asked for with memory types that cannot take
+// tiles or disk, under an 8 MiB cap. A new export is a row of kRecordCalls or kPlainCalls, or an op in kOps.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -107,10 +105,7 @@ struct Ctx : fuzzinput::Input {
     }
 
     // Values: mostly from the tables or small, sometimes hostile or a raw word.
-    int32_t i32() {
-        const uint8_t b = byte();
-        return b < 200 ? kI32[b % std::size(kI32)] : b < 240 ? int32_t(b) - 220 : int32_t(u32());
-    }
+    int32_t i32() { return at(200) ? kI32[last() % std::size(kI32)] : last() < 240 ? last() - 220 : int32_t(u32()); }
     int32_t coord() { return at(160) ? int32_t(last() % 80) - 8 : i32(); }
     uint32_t u32v() { return uint32_t(i32()); }
     uint64_t size64() { return at(128) ? last() : kSizes[last() % std::size(kSizes)]; }
@@ -119,8 +114,7 @@ struct Ctx : fuzzinput::Input {
     uint32_t usmall(uint32_t lim, uint8_t cut = 200) { return byte() < cut ? byte() % lim : u32v(); }
     uint32_t byteOr32(uint8_t cut) { return byte() < cut ? byte() : u32v(); }
     uint32_t sizeWord(uint8_t cut) { return byte() < cut ? BITMAPRECORD_SIZE : pick(kSizeWords); }
-    template <class T>
-    T* orNull(T* v, uint8_t above = 240) { return byte() > above ? nullptr : v; }
+    template <class T> T* orNull(T* v, uint8_t above = 240) { return byte() > above ? nullptr : v; }
     uint32_t mode() { return usmall(7, 220); }
     int32_t angle() { return byte() < 200 ? int32_t(u32() % 72001) - 36000 : i32(); }
     uint32_t rotateFlags() { return byte() < 220 ? (uint32_t(byte()) & 0x3Bu) | (uint32_t(byte() % 4) << 8) : u32v(); }
@@ -195,10 +189,7 @@ struct Ctx : fuzzinput::Input {
     HRGN handle() { return HRGN(anyHandle(reinterpret_cast<void**>(hrgn), glob)); }
     HGLOBAL ghandle() { return anyHandle(glob, reinterpret_cast<void**>(hrgn)); }
     // A region handle a call made into hout goes to a pool slot.
-    int64_t keepHrgn(int64_t rc) {
-        if (rc == KS_SUCCESS && hout) putHrgn(byte() % kHandles, hout);
-        return hout = nullptr, rc;
-    }
+    int64_t keepHrgn(int64_t rc) { return rc == 1 && hout ? putHrgn(byte() % kHandles, hout) : void(), hout = 0, rc; }
     // A list handle: live, destroyed, null or bytes that were never a list.
     HBITMAPLIST listHandle() { return at(225) ? list[last() % kLists] : last() < 240 ? HBITMAPLIST(&foreign) : 0; }
     // A playback handle: live, destroyed, null, or another kind of handle.
@@ -324,7 +315,6 @@ const RecordCall kRecordCalls[] = {
     CALL(K_SetBitmapMemoryInfo(r, r && krn::dataSize(r) > kMaxData ? (c.byte(), 1u) : c.pick(kMemTypes), c.size64())),
     CALL(K_GetBitmapDataCallbacks(r, c.orNull(c.callbacks()))),
     CALL(K_SetBitmapDataCallbacks(r, c.orNull(c.callbacks(), 200))),
-    // pixels and palettes
     CALL(K_FillBitmap(r, c.u32v())), CALL(K_FillBitmap2(r, uint64_t(c.u32()) << 32 | c.u32())), CALL(K_ClearBitmap(r)),
     CALL(K_CreateBitmapFixedPalette(r)), CALL(K_CreateBitmapGrayPalette(r)), CALL(K_IntIsGrayScaleBitmap(r)),
     CALL(K_GetTrueColorValue(r, c.u32v(), c.orNull(&c.uo))), CALL2(K_CopyBitmapPalette(r, s)),
@@ -338,7 +328,6 @@ const RecordCall kRecordCalls[] = {
     CALL2(K_TranslateBitmapColor(r, s, c.u32v(), c.orNull(&c.uo))),
     CALL(K_StartDithering(r, c.fixedPal(), c.byteOr32(200))), CALL(K_StopDithering(r)),
     CALL(K_StartDitheringExt(r, c.fixedPal(), c.byteOr32(200), c.pick(kDepths), nullptr)),
-    // regions
     CALL(K_SetBitmapRgnRect(r, c.xform(), c.rectp(), c.mode())),
     CALL(K_SetBitmapRgnEllipse(r, c.xform(), c.rectp(), c.mode())),
     CALL(K_SetBitmapRgnHandle(r, c.xform(), c.handle(), c.mode())), CALL(K_SetBitmapRgnColor(r, c.u32v(), c.mode())),
@@ -351,7 +340,6 @@ const RecordCall kRecordCalls[] = {
     CALL(c.keepHrgn(K_GetBitmapRgnHandle(r, c.xform(), c.orNull(&c.hout)))),
     // The destination's region pointer is cleared without being freed (destinations come without one).
     CALL2(r && r->hRgn ? 0 : K_CopyBitmapRgn(r, s, c.i32(), c.i32())),
-    // orientation and transforms
     CALL(K_FlipBitmap(r)), CALL(K_ReverseBitmap(r)), CALL(K_IntFlipBitmap(r)), CALL(K_IntReverseBitmap(r)),
     CALL(K_FlipBitmapViewPerspective(r)), CALL(K_ReverseBitmapViewPerspective(r)),
     CALL(K_RotateBitmapViewPerspective(r, c.quarter())), CALL(c.laid(r) ? K_IntFlipBitmapViewPerspective(r) : 0),
@@ -367,7 +355,6 @@ const RecordCall kRecordCalls[] = {
     CALL(K_SizeBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
     CALL(K_ResampleBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
     CALL(K_BicubicResampleBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
-    // colour and display
     CALL(K_GrayScaleBitmap(r, c.pick(kDepths))),
     CALL(K_CreateBitmapOptPal(r, c.palette(), c.colours(), c.small(8, 220), c.u32v(), &c.io)),
     CALL(K_SetPaintIntensity(r, c.i32())), CALL(K_SetPaintContrast(r, c.i32())), CALL(K_SetPaintGamma(r, c.i32())),
@@ -1005,7 +992,6 @@ const Op kPlainCalls[] = {
     PLAIN(K_Point_Offset(c.point(), c.i32(), c.i32()), K_Rect_BottomRight(c.rect4(0)), K_Rect_ToRectD(c.rect4(0))),
     PLAIN(K_Rect_IsEmpty(nullptr), K_Rect_Width(nullptr), K_Rect_Intersect(nullptr, c.rect4(0), nullptr)),
     PLAIN(K_SinValue(c.i32()), K_CosValue(c.i32()), K_SQRT(c.u32())),
-    // runtime services
     PLAIN(K_SetDefaultXResolution(c.i32()), K_SetDefaultYResolution(c.i32()), K_GetDefaultXResolution(),
           K_GetDefaultYResolution()),
     PLAIN(K_HSVtoRGB2(c.hsv()), K_RGBtoHSV2(c.u32v(), c.orNull(c.hsv3)), K_HSVtoRGB(c.u32v()), K_RGBtoHSV(c.u32v())),
@@ -1037,12 +1023,10 @@ const Op kPlainCalls[] = {
     PLAIN(K_GlobalUnlock(c.ghandle()), K_GlobalSize(c.ghandle())),
     PLAIN((c.uo = c.usmall(65, 220)) <= 64 ? K_GetFriendlyErrorMessage(c.i32(), c.orNull(c.msg), c.uo, c.lib) : 0,
           K_GetLibIdFromErrorCode(c.i32(), &c.io, c.orNull(&c.io2))),
-    // palettes
     PLAIN(K_GetFixedPalette(c.palOrNull(), c.pick(kDepths))), PLAIN(K_IntGetFixedPalette(c.pick(kDepths))),
     PLAIN(K_GlobalFree(K_CreateGrayPalette(c.pick(kDepths))), K_GlobalFree(K_CreateFixedPalette(c.pick(kDepths)))),
     PLAIN(K_GlobalFree(K_DupPalette(c.palOrNull(), c.count256())), K_IsGrayScalePalette(c.palOrNull(), c.count256())),
     PLAIN(K_FindPaletteIndex(c.palOrNull(), c.count256(), c.i32(), c.i32(), c.i32())),
-    // regions and region handles
     PLAIN(K_OffsetOrvaRgn(*c.rgnSlot(), c.i32(), c.i32()),
           K_ScaleOrvaRgn(*c.rgnSlot(), c.i32(), c.i32(), c.i32(), c.i32())),
     PLAIN(K_IsPtInOrvaRgn(*c.rgnSlot(), c.coord(), c.coord(), &c.io, &c.io2)),
@@ -1051,7 +1035,6 @@ const Op kPlainCalls[] = {
     PLAIN(GetRgnBox(c.handle(), c.orNull(&c.box)), PtInRegion(c.handle(), c.coord(), c.coord())),
     PLAIN(SetRectRgn(c.handle(), c.coord(), c.coord(), c.coord(), c.coord())),
     PLAIN((c.io = c.byte() < 200 ? c.byte() % 65 : c.i32()) <= 64 ? GetObject(c.handle(), c.io, c.orNull(c.t8)) : 0),
-    // lists and playbacks
     PLAIN(K_DeleteBitmapListItems(c.listHandle(), c.usmall(6), c.usmall(5))),
     PLAIN(K_SetPlaybackIndex(c.playHandle(), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32()),
           K_ValidatePlaybackLines(c.playHandle(), c.i32(), c.i32()), K_CancelPlaybackWait(c.playHandle())),

@@ -26,19 +26,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(prod.nType >= 0 && prod.nType <= 4 && prod.uReserved == 0);
     KMATRIX inv = m;
     if (K_Matrix_Invert(&inv) == 0) FUZZ_CHECK(std::memcmp(&inv, &m, sizeof m) == 0);
-    K_Matrix_Rotate(&m2, r.get<double>());
-    K_Matrix_SkewPrepend(&m2, r.get<double>(), r.get<double>());
+    K_Matrix_Rotate(&m2, r.get<double>()), K_Matrix_SkewPrepend(&m2, r.get<double>(), r.get<double>());
     K_Matrix_ScaleAt(&m2, r.get<double>(), r.get<double>(), r.get<double>(), r.get<double>());
     K_Matrix_Translate(&m2, r.get<double>(), r.get<double>());
     POINTD p{r.get<double>(), r.get<double>()};
     K_Matrix_TransformPoint(&m2, &p);
-    RECTD rd{r.get<double>(), r.get<double>(), r.get<double>(), r.get<double>()};
-    RECTD rd2 = rd;
+    RECTD rd{r.get<double>(), r.get<double>(), r.get<double>(), r.get<double>()}, rd2 = rd;
     K_RectD_Transform(&rd2, &m2);
     const RECT ri = K_RectD_ToRect(&rd2);
     RECT a{r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>()};
-    RECT b{r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>()};
-    RECT x, u;
+    RECT b{r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>()}, x, u;
     if (K_Rect_Intersect(&x, &a, &b)) FUZZ_CHECK(K_Rect_ContainsRect(&a, &x) && K_Rect_ContainsRect(&b, &x));
     if (K_Rect_Union(&u, &a, &b))
         FUZZ_CHECK((K_Rect_IsEmpty(&a) || K_Rect_ContainsRect(&u, &a)) &&
@@ -64,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(!K_Double_GreaterThan(e, f) || !K_Double_LessThanOrClose(e, f));
     (void)K_Double_AreClosePoints(&p, &pd), K_Double_AreCloseRects(&rd, &rb), K_Double_AreCloseSizes(&sd, &sd);
     (void)K_Double_RectHasNaN(&rd), K_LengthD_Between(&p, &pd), K_LengthD_Vector(e, f);
-    KMATRIX w = m2;
+    KMATRIX w = m2, z;
     K_Matrix_Append(&w, &m), K_Matrix_Prepend(&w, &m2), K_Matrix_RotatePrepend(&w, e);
     K_Matrix_RotateAt(&w, e, f, e), K_Matrix_RotateAtPrepend(&w, f, e, f), K_Matrix_ScaleAtPrepend(&w, e, f, f, e);
     for (auto op : {K_Matrix_Scale, K_Matrix_ScalePrepend, K_Matrix_Skew, K_Matrix_TranslatePrepend}) op(&w, e, f);
@@ -72,7 +69,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     POINTD pts[3] = {p, pd, {e, f}};
     K_Matrix_TransformPoints(&w, pts, 3), K_Matrix_TransformVectors(&w, pts, 3), K_Matrix_TransformVector(&w, &pts[0]);
     RECTD rt = rd;
-    KMATRIX z;
     K_Matrix_TransformRect(&w, &rt);
     K_Matrix_Set(&z, w.dM11, w.dM12, w.dM21, w.dM22, w.dOffsetX, w.dOffsetY);
     K_Matrix_SetM11(&z, K_Matrix_GetM11(&w)), K_Matrix_SetM12(&z, K_Matrix_GetM12(&w));
@@ -97,7 +93,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     SIZED sm = K_SizeD_Make(e, f), s0 = K_SizeD_Empty();
     SIZE si = K_Size_Make(dx, dy), si0 = K_Size_Empty();
     FUZZ_CHECK(K_SizeD_IsEmpty(&s0) && K_Size_IsEmpty(&si0) && K_Size_IsEqual(&si, &si));
-    (void)K_SizeD_IsEqual(&sm, &sd);
-    (void)K_Size_IsEmpty(&si), K_Size_ToSizeD(&si);
+    (void)K_SizeD_IsEqual(&sm, &sd), K_Size_IsEmpty(&si), K_Size_ToSizeD(&si);
     return 0;
 }

@@ -27,12 +27,8 @@ struct Model {
 // Compares n bytes read from byte offset `off` of a row with the model, only where they hold pixel bits.
 void comparePixels(const Model& m, const uint8_t* model, const uint8_t* got, uint32_t off, uint32_t n) {
     const uint64_t bits = uint64_t(m.width) * uint64_t(m.bpp);
-    for (uint32_t k = 0; k < n; ++k) {
-        const uint64_t firstBit = uint64_t(off + k) * 8;
-        if (firstBit >= bits) break;
-        const uint8_t mask = firstBit + 8 > bits ? uint8_t(0xFF00 >> (bits - firstBit)) : 0xFF;
-        FUZZ_CHECK(((model[off + k] ^ got[k]) & mask) == 0);
-    }
+    for (uint64_t k = 0, bit = uint64_t(off) * 8; k < n && bit < bits; ++k, bit += 8)  // (bit: the byte's first)
+        FUZZ_CHECK(((model[off + k] ^ got[k]) & (bit + 8 > bits ? uint8_t(0xFF00 >> (bits - bit)) : 0xFF)) == 0);
 }
 
 // A whole row read: the model's pixels, nothing written past the row.
