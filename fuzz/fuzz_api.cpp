@@ -21,8 +21,7 @@
 namespace {
 
 [[noreturn]] void fail(const char* op, const char* what, long long status = 0) {
-    std::fprintf(stderr, "fuzz_api: %s: %s (status %lld)\n", op, what, status);
-    std::abort();
+    std::fprintf(stderr, "fuzz_api: %s: %s (status %lld)\n", op, what, status), std::abort();
 }
 
 constexpr int kSlots = 3;       // bitmap records the script works on
@@ -363,8 +362,7 @@ const RecordCall kRecordCalls[] = {
 void opRecordCall(Ctx& c) {
     const RecordCall& k = c.pick(kRecordCalls);
     BITMAPRECORD *r = c.rec(), *s = k.two ? c.rec() : nullptr;
-    c.op = k.name;
-    check(c, {r, s}, [&] { return k.fn(c, r, s); });
+    c.op = k.name, check(c, {r, s}, [&] { return k.fn(c, r, s); });
 }
 
 // A large image may only be asked for with types that cannot spill to tiles or disk (the cap refuses it).
@@ -392,8 +390,7 @@ void opCreate(Ctx& c) {
     uint32_t t = c.pick(kMemTypes);
     const int32_t w = c.pick(kDims), h = c.pick(kDims), b = c.pick(kDepths);
     const int32_t order = c.byte() % 9 - 1, vp = c.byte() % 10;
-    t = safeType(t, w, h, b);
-    fresh(c, r);
+    t = safeType(t, w, h, b), fresh(c, r);
     uint8_t* data = nullptr;
     uint64_t have = 0;
     if (t == 2) {  // caller memory of the planned size or a hostile one
@@ -518,16 +515,12 @@ void opConvert(Ctx& c) {
     size_t size;
     uint8_t* b = c.buffer(&size);
     const int32_t w = c.byte() < 200 ? int32_t(c.byte()) : c.i32();
-    const int32_t bs = c.pick(kDepths), bd = c.pick(kDepths);
-    const int32_t os = c.byte() % 9 - 1, od = c.byte() % 9 - 1;
+    const int32_t bs = c.pick(kDepths), bd = c.pick(kDepths), os = c.byte() % 9 - 1, od = c.byte() % 9 - 1;
     const uint32_t flags = c.byte() < 200 ? 0 : c.u32v();
     const int32_t lo = c.byte() % 20 - 2, hi = c.byte() % 20 - 2;
     // The buffer must hold the wider row: the caller's duty. (0 also answers a row beyond 32 bits.)
     const uint32_t need = K_CalcConvertSize(w, bs, w, bd);
-    if (!b || need > size || (need == 0 && w > 0)) {
-        K_CalcConvertSize(c.i32(), c.i32(), c.i32(), c.i32());
-        return;
-    }
+    if (!b || need > size || (need == 0 && w > 0)) return (void)K_CalcConvertSize(c.i32(), c.i32(), c.i32(), c.i32());
     const RGBQUAD* fixed = K_IntGetFixedPalette(8);
     switch (c.byte() % 4) {
         case 0: K_ConvertBuffer(b, w, bs, bd, os, od, nullptr, c.byte() & 1 ? fixed : nullptr); break;
@@ -556,8 +549,7 @@ void opOrvaRgn(Ctx& c) {
         case 0: case 1:  // a new region in the slot: a rectangle, or a copy of another slot's
             if (which == 1 && (a = c.rgnOrNull()) == *slot) return;
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            which == 0 ? K_CreateOrvaRgnRect(c.orNull(slot), c.rectp()) : K_CopyOrvaRgn(slot, a);
-            break;
+            which == 0 ? K_CreateOrvaRgnRect(c.orNull(slot), c.rectp()) : K_CopyOrvaRgn(slot, a); break;
         case 2:
             a = c.rgnOrNull(), b = c.rgnOrNull();
             keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out); break;
@@ -657,8 +649,7 @@ void opGlobal(Ctx& c) {
             c.globLive[h] ? (void)K_GlobalFree(c.glob[h]) : void(), c.glob[h] = g, c.globLive[h] = true; break;
         case 1: {
             g = c.ghandle();
-            const size_t sz = size_t(c.size64());
-            const size_t want = sz > (1u << 20) && c.byte() < 250 ? sz % (1u << 20) : sz;
+            const size_t sz = size_t(c.size64()), want = sz > (1u << 20) && c.byte() < 250 ? sz % (1u << 20) : sz;
             HGLOBAL n = K_GlobalReAlloc(g, want, c.u32v());
             if (n && K_GlobalSize(n) != want) fail(c.op, "a moved block of another size");
             for (int k = 0; n && n != g && k < kHandles; ++k)
@@ -680,8 +671,7 @@ void opGlobal(Ctx& c) {
 void opMisc(Ctx& c) {
     size_t size;
     uint8_t* b = c.buffer(&size);
-    const int32_t count = c.byte() < 220 ? c.byte() : c.i32();
-    const int32_t lo = c.byte() % 40 - 4, hi = c.byte() % 40 - 4;
+    const int32_t count = c.byte() < 220 ? c.byte() : c.i32(), lo = c.byte() % 40 - 4, hi = c.byte() % 40 - 4;
     if (!b || count < 0 || uint64_t(count) * 4 > size) return;
     K_Gray32To16(b, b, count, lo, hi), K_Gray32To8(b, b, count, hi, lo);
     K_PadPixelData(b, c.pick(kDepths) % 33, count / 8, hi, lo, c.byte() % 2);
@@ -1045,9 +1035,7 @@ const Op kPlainCalls[] = {
 };
 void opPlainCall(Ctx& c) {
     const Op& k = c.pick(kPlainCalls);
-    c.op = k.name;
-    k.fn(c);
-    validateTargets(c);
+    c.op = k.name, k.fn(c), validateTargets(c);
 }
 
 #define OP(f) {#f, f}

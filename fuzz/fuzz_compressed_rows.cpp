@@ -20,8 +20,7 @@ std::vector<uint8_t> frame(fuzzinput::Input& in, int rows) {
     for (int r = 0; r < rows; ++r) {
         const uint32_t want = in.byte(), w = std::min<uint32_t>(want, uint32_t(in.left() / 2));
         const size_t at = f.size();
-        f.resize(at + 4 + 2 * size_t(w));
-        std::memcpy(f.data() + at, &w, 4);
+        f.resize(at + 4 + 2 * size_t(w)), std::memcpy(f.data() + at, &w, 4);
         if (w) std::memcpy(f.data() + at + 4, in.rest(), 2 * size_t(w));
         in.i += 2 * size_t(w);
     }

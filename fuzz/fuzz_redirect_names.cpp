@@ -98,8 +98,7 @@ void editCase(const uint8_t* d, size_t n) {
     if (K_DecodeRedirectName(name.c_str(), &got, &start) != KS_SUCCESS) return;
     FUZZ_CHECK(std::memcmp(&got, &t, sizeof t) == 0 && start <= name.size());
     const int before = g_opens;
-    K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READ, 0);
-    FUZZ_CHECK(g_opens == before + 1);
+    K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READ, 0), FUZZ_CHECK(g_opens == before + 1);
 }
 
 }  // namespace

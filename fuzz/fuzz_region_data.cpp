@@ -62,8 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const uint32_t cnt = uint32_t((blk.size() - 32) / 16), bytes = std::min(declared, uint32_t(blk.size()));
             if (blk.size() >= 32 && (mode & 0x20)) std::memcpy(blk.data() + 8, &cnt, 4);
             const auto* rd = reinterpret_cast<const RGNDATA*>(blk.empty() ? nullptr : blk.data());
-            a = ExtCreateRegion(useXf ? &xf : nullptr, bytes, rd);
-            break;
+            a = ExtCreateRegion(useXf ? &xf : nullptr, bytes, rd); break;
         }
         case 1: {  // polygons, several figures, both fill modes (up to 63 points, or as many as the input holds)
             const size_t count = (mode & 0x40) ? (in.byte(), in.left() / 3) : in.byte() % 64;
@@ -73,15 +72,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             OrvaRgn* r = nullptr;
             if (K_SegmentsToRegion(&r, pts.data(), (mode & 0x20) ? flags.data() : nullptr, int32_t(count),
                                    (mode & 0x10) ? WINDING : ALTERNATE) == KS_SUCCESS) {
-                FUZZ_CHECK(krn::rgn::valid(r));
-                a = krn::rgn::makeHandle(r);
+                FUZZ_CHECK(krn::rgn::valid(r)), a = krn::rgn::makeHandle(r);
             }
             break;
         }
         case 2: {  // ellipses and rectangles with any corners
             const int32_t l = coord(in), t = coord(in), r = coord(in), btm = coord(in);
-            a = CreateEllipticRgn(l, t, r, btm), b = CreateRectRgn(coord(in), coord(in), coord(in), coord(in));
-            break;
+            a = CreateEllipticRgn(l, t, r, btm), b = CreateRectRgn(coord(in), coord(in), coord(in), coord(in)); break;
         }
         default: {  // small shapes combined, then through a bitmap's setters
             a = CreateEllipticRgn(s8(in), s8(in), s8(in), s8(in));
@@ -90,8 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             b = CreatePolygonRgn(pts, 6, (mode & 0x10) ? WINDING : ALTERNATE);
             BITMAPRECORD bm;
             if (K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 1 + in.byte() % 64, 1 + in.byte() % 64, 8, 0, nullptr,
-                               1 + in.byte() % 8, nullptr, 0) != KS_SUCCESS)
-                break;
+                               1 + in.byte() % 8, nullptr, 0) != KS_SUCCESS) break;
             RGNXFORM xf{1 + in.byte() % 8, s8(in), s8(in), s8(in), s8(in), s8(in), s8(in)};
             if (in.byte() & 1) bm.uFlags |= BRF_UNCLIPPED_RGN;
             K_SetBitmapRgnHandle(&bm, (mode & 0x20) ? &xf : nullptr, a, in.byte() % 8);
@@ -101,8 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             K_SizeBitmapRgn(&bm, in.byte(), in.byte()), K_FlipBitmapRgn(&bm), K_ReverseBitmapRgn(&bm);
             HRGN out = nullptr;  // the region the setters left is valid
             if (K_GetBitmapRgnHandle(&bm, &xf, &out) == KS_SUCCESS) check(out), DeleteObject(out);
-            K_FreeBitmap(&bm);
-            break;
+            K_FreeBitmap(&bm); break;
         }
     }
     check(a), check(b);

@@ -73,23 +73,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const int32_t moved = int32_t(std::min(n, m.bpl - off));
                 const uint8_t* p = src.data();
                 FUZZ_CHECK((col ? K_PutBitmapRowCol(&bm, p, y, x, n) : K_PutBitmapRow(&bm, p, y, n)) == moved);
-                std::memcpy(m.row(y) + off, src.data(), size_t(moved));
-                break;
+                std::memcpy(m.row(y) + off, src.data(), size_t(moved)); break;
             }
             case 2: {  // segments from a whole row
                 src.assign(m.bpl, 0);
                 const uint8_t fill = in.byte();
                 for (uint32_t k = 0; k < m.bpl; ++k) src[k] = uint8_t(fill + 13 * k);
-                const int32_t nseg = in.byte() % 5;
-                int32_t segs[8];
+                int32_t segs[8], nseg = in.byte() % 5;
                 for (int32_t s = 0; s < 2 * nseg; ++s) segs[s] = int32_t(int16_t(in.u16()));
                 FUZZ_CHECK(K_PutBitmapRowSegments(&bm, src.data(), y, segs, nseg) == KS_SUCCESS);
                 for (int32_t s = 0; s < nseg; ++s) {
                     const int64_t x1 = std::max(segs[2 * s], 0), x2 = std::min(segs[2 * s + 1], m.width);
-                    for (int64_t b = x1 * m.bpp; b < x2 * m.bpp; ++b) {
-                        const uint8_t bit = uint8_t(0x80 >> (b & 7));
-                        m.row(y)[b >> 3] = uint8_t((m.row(y)[b >> 3] & ~bit) | (src[size_t(b >> 3)] & bit));
-                    }
+                    for (int64_t b = x1 * m.bpp; b < x2 * m.bpp; ++b)  // bit b from the source row
+                        m.row(y)[b >> 3] ^= uint8_t((m.row(y)[b >> 3] ^ src[size_t(b >> 3)]) & (0x80 >> (b & 7)));
                 }
                 break;
             }
@@ -99,8 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 buf.assign(n + 4, 0x3C);
                 FUZZ_CHECK(K_GetBitmapRowCol(&bm, buf.data(), y, x, n) == int32_t(moved));
                 for (uint32_t k = moved; k < n + 4; ++k) FUZZ_CHECK(buf[k] == 0x3C);
-                comparePixels(m, m.row(y), buf.data(), off, moved);
-                break;
+                comparePixels(m, m.row(y), buf.data(), off, moved); break;
             }
             case 4: {  // move to another storage kind
                 const uint32_t kind = in.pick(kKinds);
@@ -110,21 +105,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 uint32_t got = 0;
                 FUZZ_CHECK(ok ? rc == KS_SUCCESS && K_GetBitmapMemoryInfo(&bm, &got, nullptr, nullptr, nullptr) == 1 &&
                                     got == (kind == MEMTYPE_NO_CONVENTIONAL ? 128u : kind) : rc < 0);
-                checkAll(bm, m);
-                break;
+                checkAll(bm, m); break;
             }
             case 5: {  // compression change
                 const int32_t mode = in.byte() % 3;
                 const int32_t rc = K_ChangeBitmapCompression(&bm, mode);
                 const bool ok = takes(m.bpp, mode == BITMAPCOMPRESSION_RUNS, mode != BITMAPCOMPRESSION_NONE);
-                FUZZ_CHECK(ok ? rc == KS_SUCCESS : rc < 0);
-                checkAll(bm, m);
-                break;
+                FUZZ_CHECK(ok ? rc == KS_SUCCESS : rc < 0), checkAll(bm, m); break;
             }
             case 6: checkRow(bm, m, y); break;
         }
     }
-    checkAll(bm, m);
-    K_FreeBitmap(&bm);
+    checkAll(bm, m), K_FreeBitmap(&bm);
     return 0;
 }
