@@ -85,7 +85,10 @@ struct Ctx : fuzzinput::Input {
     void forget(const void* h) {  // a handle freed through a call that may also free the other kind
         for (int k = 0; k < kHandles; ++k) hrgnLive[k] &= hrgn[k] != h, globLive[k] &= glob[k] != h;
     }
-    void putHrgn(int h, HRGN v) { v ? (hrgnLive[h] && DeleteObject(hrgn[h]), hrgn[h] = v, hrgnLive[h] = true) : 0; }
+    void putHrgn(int h, HRGN v) {
+        if (v && hrgnLive[h]) DeleteObject(hrgn[h]);
+        if (v) hrgn[h] = v, hrgnLive[h] = true;
+    }
     bool isSlot(const BITMAPRECORD* r) const { return r >= bm && r < bm + kSlots; }
     void unlabel() {  // the size word relabel() changed put back (unless a call wrote another)
         if (relabelled >= 0 && bm[relabelled].uStructSize == relabelTo) bm[relabelled].uStructSize = relabelWord;
@@ -188,7 +191,10 @@ struct Ctx : fuzzinput::Input {
     HRGN handle() { return HRGN(anyHandle(reinterpret_cast<void**>(hrgn), glob)); }
     HGLOBAL ghandle() { return anyHandle(glob, reinterpret_cast<void**>(hrgn)); }
     // A region handle a call made into hout goes to a pool slot.
-    int64_t keepHrgn(int64_t rc) { return rc == 1 && hout ? putHrgn(byte() % kHandles, hout) : void(), hout = 0, rc; }
+    int64_t keepHrgn(int64_t rc) {
+        if (rc == KS_SUCCESS && hout) putHrgn(byte() % kHandles, hout);
+        return hout = nullptr, rc;
+    }
     // A list handle: live, destroyed, null or bytes that were never a list.
     HBITMAPLIST listHandle() { return at(225) ? list[last() % kLists] : last() < 240 ? HBITMAPLIST(&foreign) : 0; }
     // A playback handle: live, destroyed, null, or another kind of handle.
@@ -245,8 +251,7 @@ void validate(BITMAPRECORD* r, const char* op) {
 // Runs one call that takes records: a negative status must leave them as they were; a record left allocated
 // must be valid. Any record given with a size word of no layout, except those `outputs` marks (bit k: made
 // afresh by the call), must make the call fail.
-template <class F>
-int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint32_t outputs = 0) {
+template <class F> int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint32_t outputs = 0) {
     bool badSize = false;
     uint64_t before[2] = {};
     BITMAPRECORD copy[2];
@@ -286,8 +291,7 @@ BITMAPRECORD* outRec(Ctx& c, BITMAPRECORD* src) {
     return d == &c.foreign ? nullptr : d;
 }
 // A call from s into d (a fresh record, or s itself: in place, or null where the call allows it).
-template <class F>
-void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
+template <class F> void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
     check(c, {s, d}, [&] { return call(d); }, d && d != s ? 2u : 0u);
 }
 
@@ -646,7 +650,8 @@ void opGlobal(Ctx& c) {
     switch (c.byte() % 4) {
         case 0:
             if (!(g = K_GlobalAlloc(c.usmall(0x50), size_t(c.size64()) % (1u << 20)))) return;
-            c.globLive[h] ? (void)K_GlobalFree(c.glob[h]) : void(), c.glob[h] = g, c.globLive[h] = true; break;
+            if (c.globLive[h]) K_GlobalFree(c.glob[h]);
+            c.glob[h] = g, c.globLive[h] = true; break;
         case 1: {
             g = c.ghandle();
             const size_t sz = size_t(c.size64()), want = sz > (1u << 20) && c.byte() < 250 ? sz % (1u << 20) : sz;
@@ -678,8 +683,10 @@ void opMisc(Ctx& c) {
 }
 void opMatchTable(Ctx& c) {
     RGBQUAD* pp = c.palOrNull();
-    if (uint32_t* t = K_CreateUserMatchTable(pp, c.count256()))
-        K_GetUserMatchTable(), K_SetUserMatchTable(K_SetUserMatchTable(t)), K_FreeUserMatchTable(t);
+    if (uint32_t* t = K_CreateUserMatchTable(pp, c.count256())) {
+        uint32_t* old = K_SetUserMatchTable(t);
+        K_GetUserMatchTable(), K_SetUserMatchTable(old), K_FreeUserMatchTable(t);
+    }
     K_FreeUserMatchTable(nullptr);
 }
 
@@ -807,8 +814,7 @@ void handedOver(Ctx& c, BITMAPRECORD* r) {
     if (K_InitBitmap(r, BITMAPRECORD_SIZE, 8, 8, 8) != KS_SUCCESS) fail(c.op, "init of a fresh record failed");
 }
 // A call that makes a list into a new slot (or null): nothing is made on failure.
-template <class F>
-void makesList(Ctx& c, F&& call) {
+template <class F> void makesList(Ctx& c, F&& call) {
     const int k = c.byte() % kLists;
     if (c.listLive[k] && K_DestroyBitmapList(c.list[k]) != KS_SUCCESS) fail(c.op, "destroying a live list failed");
     c.listLive[k] = false, c.list[k] = nullptr;
@@ -884,7 +890,7 @@ void endPlayback(Ctx& c, int k) {
     if (K_FreeBitmap(&c.target[k]) != KS_SUCCESS) fail(c.op, "freeing a playback target failed");
 }
 void validateTargets(Ctx& c) {
-    for (int p = 0; p < kPlays; ++p) c.playLive[p] ? validate(&c.target[p], c.op) : void();
+    for (int p = 0; p < kPlays; ++p) if (c.playLive[p]) validate(&c.target[p], c.op);
 }
 void destroyPlayback(Ctx& c, int k) {
     if (!c.playLive[k]) return;
@@ -902,7 +908,8 @@ void opPlayback(Ctx& c) {
         case 0:  // a new playback onto a small target of its own
             destroyPlayback(c, k), std::memset(&t, 0, sizeof t);
             if (K_CreateBitmap(&t, BITMAPRECORD_SIZE, 1, int32_t(c.byte() % 48) + 1, int32_t(c.byte() % 48) + 1,
-                               c.pick(depths), c.byte() % 3 - 1, nullptr, c.byte() % 8 + 1, nullptr, 0) != 1) return;
+                               c.pick(depths), c.byte() % 3 - 1, nullptr, c.byte() % 8 + 1, nullptr, 0) != KS_SUCCESS)
+                return;
             FRAME_BACKGROUND_COLOR(&t) = c.u32v(), l = c.byte() & 1 ? nullptr : c.listHandle();
             if (check(c, {&t}, [&] { return K_CreatePlayback(c.orNull(&h, 245), &t, l); }) == KS_SUCCESS)
                 c.play[k] = h, c.playLive[k] = true;
