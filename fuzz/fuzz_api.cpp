@@ -1,20 +1,13 @@
-// fuzz_api.cpp - the exported functions as a hostile caller uses them. The input is a script: each step
-// picks an op and its arguments over a small pool of bitmap records, regions, region handles, global-memory
-// blocks, lists, playbacks and buffers; arguments are hostile values (0, -1, INT_MIN, huge sizes, wrong size
-// words, null pointers, older-layout records, foreign and freed handles) or raw bytes.
-// The contract (check()): a call given a record with a size word of no layout fails; a failing call leaves
-// every record it was given exactly as it was (bytes and a digest of its rows); a record left allocated
-// passes validate(). After the script everything is freed and the live-block and conventional-memory
-// counts are back. A data size above 4 MiB is only asked for with memory types that cannot take tiles or
-// disk, under an 8 MiB cap. A new export is a row of kRecordCalls or kPlainCalls, or an op in kOps.
+// fuzz_api.cpp - the exported functions as a hostile caller uses them. The input is a script: each step picks an
+// op and its arguments (hostile values or raw bytes) over a small pool of bitmap records, regions, region handles,
+// global-memory blocks, lists, playbacks and buffers. The contract (check()): a call given a record with a size word
+// of no layout fails; a failing call leaves every record it was given exactly as it was (bytes and a digest of its
+// rows); a record left allocated passes validate(). After the script everything is freed and the live-block and
+// conventional-memory counts are back. A data size above 4 MiB is only asked for with memory types that cannot take
+// tiles or disk, under an 8 MiB cap. A new export is a row of kRecordCalls or kPlainCalls, or an op in kOps.
 #include <algorithm>
 #include <array>
-#include <climits>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <cwchar>
 #include <span>
 #include <utility>
 #include <vector>
@@ -28,8 +21,7 @@
 namespace {
 
 [[noreturn]] void fail(const char* op, const char* what, long long status = 0) {
-    std::fprintf(stderr, "fuzz_api: %s: %s (status %lld)\n", op, what, status);
-    std::abort();
+    std::fprintf(stderr, "fuzz_api: %s: %s (status %lld)\n", op, what, status), std::abort();
 }
 
 constexpr int kSlots = 3;       // bitmap records the script works on
@@ -57,10 +49,9 @@ uint64_t plannedSize(int32_t w, int32_t h, int32_t bpp) {
 
 struct Ctx : fuzzinput::Input {
     const char* op = "";
-    BITMAPRECORD bm[kSlots], foreign;        // the pool's records; bytes the library never made
-    std::vector<uint8_t> caller[kSlots];     // caller memory attached to a record
-    std::vector<std::vector<uint8_t>> keep;  // caller memory handed over later, kept to the end
-    std::vector<uint8_t> buf[2];
+    BITMAPRECORD bm[kSlots], foreign;                   // the pool's records; bytes the library never made
+    std::vector<uint8_t> caller[kSlots], buf[2];        // caller memory attached to a record; scratch buffers
+    std::vector<std::vector<uint8_t>> keep;             // caller memory handed over later, kept to the end
     // Handles may be freed or destroyed ones: the library looks them up, they are never dereferenced here.
     OrvaRgn* rgn[kRgns] = {};
     HRGN hrgn[kHandles] = {};
@@ -72,7 +63,6 @@ struct Ctx : fuzzinput::Input {
     BITMAPRECORD alias;                // a record naming a pool record's storage, never freed
     int relabelled = -1;               // slot whose size word relabel() changed
     uint32_t relabelWord = 0, relabelTo = 0;
-    // Arguments a call reads or writes through a pointer.
     RECT rect{}, box{}, rs[2], keepRect;
     POINT pt, pts[8];
     RGNXFORM xf;
@@ -92,8 +82,7 @@ struct Ctx : fuzzinput::Input {
     wchar_t msg[64], lib[64], name[OMBRIX_TEMP_NAME_CHARS], pre[5];
     std::vector<uint16_t> t16;
 
-    // A handle freed through a call that may also free the other kind.
-    void forget(const void* h) {
+    void forget(const void* h) {  // a handle freed through a call that may also free the other kind
         for (int k = 0; k < kHandles; ++k) hrgnLive[k] &= hrgn[k] != h, globLive[k] &= glob[k] != h;
     }
     void putHrgn(int h, HRGN v) {
@@ -117,11 +106,8 @@ struct Ctx : fuzzinput::Input {
         relabelled = s, relabelWord = r->uStructSize, r->uStructSize = relabelTo = to;
     }
 
-    // ---- values: mostly from the tables or small, sometimes hostile or a raw word
-    int32_t i32() {
-        const uint8_t b = byte();
-        return b < 200 ? kI32[b % std::size(kI32)] : b < 240 ? int32_t(b) - 220 : int32_t(u32());
-    }
+    // Values: mostly from the tables or small, sometimes hostile or a raw word.
+    int32_t i32() { return at(200) ? kI32[last() % std::size(kI32)] : last() < 240 ? last() - 220 : int32_t(u32()); }
     int32_t coord() { return at(160) ? int32_t(last() % 80) - 8 : i32(); }
     uint32_t u32v() { return uint32_t(i32()); }
     uint64_t size64() { return at(128) ? last() : kSizes[last() % std::size(kSizes)]; }
@@ -130,8 +116,7 @@ struct Ctx : fuzzinput::Input {
     uint32_t usmall(uint32_t lim, uint8_t cut = 200) { return byte() < cut ? byte() % lim : u32v(); }
     uint32_t byteOr32(uint8_t cut) { return byte() < cut ? byte() : u32v(); }
     uint32_t sizeWord(uint8_t cut) { return byte() < cut ? BITMAPRECORD_SIZE : pick(kSizeWords); }
-    template <class T>
-    T* orNull(T* v, uint8_t above = 240) { return byte() > above ? nullptr : v; }
+    template <class T> T* orNull(T* v, uint8_t above = 240) { return byte() > above ? nullptr : v; }
     uint32_t mode() { return usmall(7, 220); }
     int32_t angle() { return byte() < 200 ? int32_t(u32() % 72001) - 36000 : i32(); }
     uint32_t rotateFlags() { return byte() < 220 ? (uint32_t(byte()) & 0x3Bu) | (uint32_t(byte() % 4) << 8) : u32v(); }
@@ -185,7 +170,6 @@ struct Ctx : fuzzinput::Input {
         return &xf;
     }
 
-    // ---- pool
     BITMAPRECORD* rec() {
         const uint8_t b = byte();
         if (b >= 212 && b < 230) relabel(b % kSlots);  // this call sees another size word
@@ -212,9 +196,7 @@ struct Ctx : fuzzinput::Input {
         return hout = nullptr, rc;
     }
     // A list handle: live, destroyed, null or bytes that were never a list.
-    HBITMAPLIST listHandle() {
-        return at(225) ? list[last() % kLists] : last() < 240 ? reinterpret_cast<HBITMAPLIST>(&foreign) : nullptr;
-    }
+    HBITMAPLIST listHandle() { return at(225) ? list[last() % kLists] : last() < 240 ? HBITMAPLIST(&foreign) : 0; }
     // A playback handle: live, destroyed, null, or another kind of handle.
     HPLAYBACK playHandle() {
         const uint8_t b = byte();
@@ -222,13 +204,11 @@ struct Ctx : fuzzinput::Input {
         return b < 200 ? play[b % kPlays] : b < 245 ? HPLAYBACK(other) : nullptr;
     }
 
-    uint8_t last_ = 0;
-    // at(cut): reads a byte and tells whether it is below cut; last() is that byte.
+    uint8_t last_ = 0;  // at(cut): reads a byte and tells whether it is below cut; last() is that byte.
     bool at(uint8_t cut) { return (last_ = byte()) < cut; }
     uint8_t last() const { return last_; }
 };
 
-// ---------------------------------------------------------------- the contract
 uint64_t fnv(uint64_t h, const void* p, size_t n) {
     const auto* b = static_cast<const uint8_t*>(p);
     for (size_t k = 0; k < n; ++k) h = (h ^ b[k]) * 0x100000001b3ull;
@@ -271,8 +251,7 @@ void validate(BITMAPRECORD* r, const char* op) {
 // Runs one call that takes records: a negative status must leave them as they were; a record left allocated
 // must be valid. Any record given with a size word of no layout, except those `outputs` marks (bit k: made
 // afresh by the call), must make the call fail.
-template <class F>
-int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint32_t outputs = 0) {
+template <class F> int64_t check(Ctx& c, std::initializer_list<BITMAPRECORD*> recs, F&& call, uint32_t outputs = 0) {
     bool badSize = false;
     uint64_t before[2] = {};
     BITMAPRECORD copy[2];
@@ -312,14 +291,11 @@ BITMAPRECORD* outRec(Ctx& c, BITMAPRECORD* src) {
     return d == &c.foreign ? nullptr : d;
 }
 // A call from s into d (a fresh record, or s itself: in place, or null where the call allows it).
-template <class F>
-void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
+template <class F> void into(Ctx& c, BITMAPRECORD* s, BITMAPRECORD* d, F&& call) {
     check(c, {s, d}, [&] { return call(d); }, d && d != s ? 2u : 0u);
 }
 
-// ---------------------------------------------------------------- calls on pool records and values
-// The start of a copy into a record initialised for it, freed again.
-int64_t beginCopy(Ctx& c, BITMAPRECORD* s) {
+int64_t beginCopy(Ctx& c, BITMAPRECORD* s) {  // the start of a copy into a record initialised for it, freed again
     BITMAPRECORD d;
     if (K_InitBitmap(&d, BITMAPRECORD_SIZE, s->nWidth, s->nHeight, s->nBitsPerPixel) != KS_SUCCESS) return 0;
     const int64_t rc = K_IntBeginCopyBitmap(&d, s, c.i32(), c.i32());
@@ -342,7 +318,6 @@ const RecordCall kRecordCalls[] = {
     CALL(K_SetBitmapMemoryInfo(r, r && krn::dataSize(r) > kMaxData ? (c.byte(), 1u) : c.pick(kMemTypes), c.size64())),
     CALL(K_GetBitmapDataCallbacks(r, c.orNull(c.callbacks()))),
     CALL(K_SetBitmapDataCallbacks(r, c.orNull(c.callbacks(), 200))),
-    // pixels and palettes
     CALL(K_FillBitmap(r, c.u32v())), CALL(K_FillBitmap2(r, uint64_t(c.u32()) << 32 | c.u32())), CALL(K_ClearBitmap(r)),
     CALL(K_CreateBitmapFixedPalette(r)), CALL(K_CreateBitmapGrayPalette(r)), CALL(K_IntIsGrayScaleBitmap(r)),
     CALL(K_GetTrueColorValue(r, c.u32v(), c.orNull(&c.uo))), CALL2(K_CopyBitmapPalette(r, s)),
@@ -356,7 +331,6 @@ const RecordCall kRecordCalls[] = {
     CALL2(K_TranslateBitmapColor(r, s, c.u32v(), c.orNull(&c.uo))),
     CALL(K_StartDithering(r, c.fixedPal(), c.byteOr32(200))), CALL(K_StopDithering(r)),
     CALL(K_StartDitheringExt(r, c.fixedPal(), c.byteOr32(200), c.pick(kDepths), nullptr)),
-    // regions
     CALL(K_SetBitmapRgnRect(r, c.xform(), c.rectp(), c.mode())),
     CALL(K_SetBitmapRgnEllipse(r, c.xform(), c.rectp(), c.mode())),
     CALL(K_SetBitmapRgnHandle(r, c.xform(), c.handle(), c.mode())), CALL(K_SetBitmapRgnColor(r, c.u32v(), c.mode())),
@@ -369,7 +343,6 @@ const RecordCall kRecordCalls[] = {
     CALL(c.keepHrgn(K_GetBitmapRgnHandle(r, c.xform(), c.orNull(&c.hout)))),
     // The destination's region pointer is cleared without being freed (destinations come without one).
     CALL2(r && r->hRgn ? 0 : K_CopyBitmapRgn(r, s, c.i32(), c.i32())),
-    // orientation and transforms
     CALL(K_FlipBitmap(r)), CALL(K_ReverseBitmap(r)), CALL(K_IntFlipBitmap(r)), CALL(K_IntReverseBitmap(r)),
     CALL(K_FlipBitmapViewPerspective(r)), CALL(K_ReverseBitmapViewPerspective(r)),
     CALL(K_RotateBitmapViewPerspective(r, c.quarter())), CALL(c.laid(r) ? K_IntFlipBitmapViewPerspective(r) : 0),
@@ -385,7 +358,6 @@ const RecordCall kRecordCalls[] = {
     CALL(K_SizeBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
     CALL(K_ResampleBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
     CALL(K_BicubicResampleBitmap(r, c.targetDim(), c.targetDim(), c.resizeFlags())),
-    // colour and display
     CALL(K_GrayScaleBitmap(r, c.pick(kDepths))),
     CALL(K_CreateBitmapOptPal(r, c.palette(), c.colours(), c.small(8, 220), c.u32v(), &c.io)),
     CALL(K_SetPaintIntensity(r, c.i32())), CALL(K_SetPaintContrast(r, c.i32())), CALL(K_SetPaintGamma(r, c.i32())),
@@ -394,11 +366,9 @@ const RecordCall kRecordCalls[] = {
 void opRecordCall(Ctx& c) {
     const RecordCall& k = c.pick(kRecordCalls);
     BITMAPRECORD *r = c.rec(), *s = k.two ? c.rec() : nullptr;
-    c.op = k.name;
-    check(c, {r, s}, [&] { return k.fn(c, r, s); });
+    c.op = k.name, check(c, {r, s}, [&] { return k.fn(c, r, s); });
 }
 
-// ---------------------------------------------------------------- record and memory
 // A large image may only be asked for with types that cannot spill to tiles or disk (the cap refuses it).
 uint32_t safeType(uint32_t t, int32_t w, int32_t h, int32_t bpp) { return plannedSize(w, h, bpp) > kMaxData ? 265 : t; }
 
@@ -424,8 +394,7 @@ void opCreate(Ctx& c) {
     uint32_t t = c.pick(kMemTypes);
     const int32_t w = c.pick(kDims), h = c.pick(kDims), b = c.pick(kDepths);
     const int32_t order = c.byte() % 9 - 1, vp = c.byte() % 10;
-    t = safeType(t, w, h, b);
-    fresh(c, r);
+    t = safeType(t, w, h, b), fresh(c, r);
     uint8_t* data = nullptr;
     uint64_t have = 0;
     if (t == 2) {  // caller memory of the planned size or a hostile one
@@ -466,8 +435,7 @@ void opSetDataPointer(Ctx& c) {
     check(c, {r}, [&] { return K_SetBitmapDataPointer(r, c.orNull(mem.data(), 230), want); });
     c.keep.push_back(std::move(mem));  // the record may point here or at its earlier memory: both stay alive
 }
-void opIntAccessRelease(Ctx& c) {
-    // The release hands back the status it is given (after releasing): not a failing call when negative.
+void opIntAccessRelease(Ctx& c) {  // the release hands back the status it is given: not a failing call when negative
     BITMAPRECORD* r = c.rec();
     int32_t accessed = 0, *const out = c.orNull(&accessed), status = c.i32();
     if (check(c, {r}, [&] { return K_IntAccessBitmap(r, out); }) == KS_SUCCESS)
@@ -484,7 +452,6 @@ void opManageMemory(Ctx& c) {
     K_ManageMemory(MANAGEMEMORY_SET_CAP, kCap, nullptr);  // the script's cap stays
 }
 
-// ---------------------------------------------------------------- rows, palettes, conversion
 void opRows(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     size_t size;
@@ -528,8 +495,7 @@ void opRows(Ctx& c) {
         }
     }
 }
-void opRuns(Ctx& c) {
-    // Rows as runs, mirrored or flipped as runs and expanded: the plain mirror or flip of the pixels.
+void opRuns(Ctx& c) {  // rows as runs, mirrored or flipped as runs and expanded: the plain mirror or flip of the pixels
     const int32_t width = c.at(220) ? int32_t(c.last()) * 4 + 1 : c.i32(), rows = c.byte() % 4, first = c.byte() % 16;
     if (width < 1 || width > 1000)  // refusals only
         return (void)K_CompressRows(nullptr, nullptr, width, rows), (void)K_ExpandRow(nullptr, nullptr, first, width);
@@ -553,16 +519,12 @@ void opConvert(Ctx& c) {
     size_t size;
     uint8_t* b = c.buffer(&size);
     const int32_t w = c.byte() < 200 ? int32_t(c.byte()) : c.i32();
-    const int32_t bs = c.pick(kDepths), bd = c.pick(kDepths);
-    const int32_t os = c.byte() % 9 - 1, od = c.byte() % 9 - 1;
+    const int32_t bs = c.pick(kDepths), bd = c.pick(kDepths), os = c.byte() % 9 - 1, od = c.byte() % 9 - 1;
     const uint32_t flags = c.byte() < 200 ? 0 : c.u32v();
     const int32_t lo = c.byte() % 20 - 2, hi = c.byte() % 20 - 2;
     // The buffer must hold the wider row: the caller's duty. (0 also answers a row beyond 32 bits.)
     const uint32_t need = K_CalcConvertSize(w, bs, w, bd);
-    if (!b || need > size || (need == 0 && w > 0)) {
-        K_CalcConvertSize(c.i32(), c.i32(), c.i32(), c.i32());
-        return;
-    }
+    if (!b || need > size || (need == 0 && w > 0)) return (void)K_CalcConvertSize(c.i32(), c.i32(), c.i32(), c.i32());
     const RGBQUAD* fixed = K_IntGetFixedPalette(8);
     switch (c.byte() % 4) {
         case 0: K_ConvertBuffer(b, w, bs, bd, os, od, nullptr, c.byte() & 1 ? fixed : nullptr); break;
@@ -571,20 +533,16 @@ void opConvert(Ctx& c) {
         default: K_ConvertBufferExt3(b, w, bs, bd, os, od, nullptr, fixed, c.orNull(&c.io), 0, flags, lo, hi, c.u32());
     }
 }
-void opDitherLine(Ctx& c) {
-    // Rows of the record's width in 24 bits in and in its depth out.
+void opDitherLine(Ctx& c) {  // rows of the record's width in 24 bits in and in its depth out
     BITMAPRECORD* r = c.rec();
     std::vector<uint8_t> in(8016, 0x77), out(8016);
     if (c.isSlot(r) && unsigned(r->nWidth - 1) < 1000) check(c, {r}, [&] { return K_DitherLine(r, &in[0], &out[0]); });
     K_DefaultDithering(c.small(8)), K_GetDefaultDithering();
 }
 
-// ---------------------------------------------------------------- regions
 // A region a call made into *out (read after the call) replaces the slot's.
 void keepRgn(OrvaRgn** slot, int32_t rc, OrvaRgn** out) {
-    if (rc < 0 || !*out) return;
-    if (*slot) K_DeleteOrvaRgn(*slot);
-    *slot = *out;
+    if (rc >= 0 && *out) K_DeleteOrvaRgn(*slot), *slot = *out;  // (null: refused)
 }
 void opOrvaRgn(Ctx& c) {
     OrvaRgn** slot = c.rgnSlot();
@@ -592,12 +550,10 @@ void opOrvaRgn(Ctx& c) {
     uint8_t flags[8];
     int32_t count;
     switch (const uint8_t which = c.byte() % 5) {
-        case 0:
-        case 1:  // a new region in the slot: a rectangle, or a copy of another slot's
+        case 0: case 1:  // a new region in the slot: a rectangle, or a copy of another slot's
             if (which == 1 && (a = c.rgnOrNull()) == *slot) return;
             if (*slot) K_DeleteOrvaRgn(*slot), *slot = nullptr;
-            which == 0 ? K_CreateOrvaRgnRect(c.orNull(slot), c.rectp()) : K_CopyOrvaRgn(slot, a);
-            break;
+            which == 0 ? K_CreateOrvaRgnRect(c.orNull(slot), c.rectp()) : K_CopyOrvaRgn(slot, a); break;
         case 2:
             a = c.rgnOrNull(), b = c.rgnOrNull();
             keepRgn(slot, K_CombineOrvaRgn(&out, a, b, c.byte() % 8 - 1), &out); break;
@@ -617,8 +573,7 @@ void opHrgn(Ctx& c) {
     switch (which) {
         case 0: c.putHrgn(h, CreateRectRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
         case 1: c.putHrgn(h, CreateEllipticRgn(c.coord(), c.coord(), c.coord(), c.coord())); break;
-        case 2:
-            if ((count = c.polygon()) <= 8) c.putHrgn(h, CreatePolygonRgn(c.orNull(c.pts), count, c.byte() % 4));
+        case 2: if ((count = c.polygon()) <= 8) c.putHrgn(h, CreatePolygonRgn(c.orNull(c.pts), count, c.byte() % 4));
             break;
         case 3: {  // region data of any handle, in a buffer of the size asked or a smaller one, back in
             HRGN src = c.handle();
@@ -629,11 +584,9 @@ void opHrgn(Ctx& c) {
                 c.putHrgn(h, ExtCreateRegion(nullptr, need, rd));
             break;
         }
-        case 4:
-            if (K_WinCreateRectRgn(c.orNull(&v), c.coord(), c.coord(), c.coord(), c.coord()) == 1) c.putHrgn(h, v);
+        case 4: if (K_WinCreateRectRgn(c.orNull(&v), c.coord(), c.coord(), c.coord(), c.coord()) == 1) c.putHrgn(h, v);
             break;
-        default:
-            // Deletes (emulated and kernel form): a live handle must go (its value stays), any other is looked up.
+        default:  // deletes (emulated and kernel form): a live handle must go (its value stays), any other is looked up
             if (c.hrgnLive[h] && !del(c.hrgn[h])) fail(c.op, "delete of a live region failed");
             if (c.hrgnLive[h]) c.hrgnLive[h] = false;
             else if (HRGN g = c.handle(); del(g)) c.forget(g);
@@ -665,24 +618,19 @@ void opBitmapRgn(Ctx& c) {
             if (back <= need) check(c, {d}, [&] { return K_SetBitmapRgnData(d, xf, back, rd, mode); });
             break;
         }
-        default:
-            // The mask record is made afresh. (A mask as large as a huge source would only slow the run down.)
-            m = c.rec();
-            if (m == r || (r && plannedSize(r->nWidth, r->nHeight, 1) > kMaxData)) return;
-            fresh(c, m);
-            count = c.sizeWord(200);
+        default:  // the mask record is made afresh (a mask as large as a huge source would only slow the run down)
+            if ((m = c.rec()) == r || (r && plannedSize(r->nWidth, r->nHeight, 1) > kMaxData)) return;
+            fresh(c, m), count = c.sizeWord(200);
             check(c, {r, m}, [&] { return K_CreateMaskFromBitmapRgn(r, m, count); }, 2);
     }
 }
 
-// ---------------------------------------------------------------- view perspective, rectangles, services
 void opViewPerspective(Ctx& c) {
     BITMAPRECORD* r = c.rec();
     const int32_t from = c.small(10), to = c.small(10), w = c.i32(), h = c.i32();
     RECT* rp = c.rectp();
-    int32_t x = c.coord(), y = c.coord(), f, a;
+    int32_t x = c.coord(), y = c.coord(), f, a, kx = x, ky = y;
     const RECT keep = rp ? *rp : RECT{};
-    const int32_t kx = x, ky = y;
     int64_t rc = 0;
     switch (c.byte() % 7) {
         case 0: rc = K_GetChangeViewPerspectiveParams(from, to, c.orNull(&f), &a); break;
@@ -706,8 +654,7 @@ void opGlobal(Ctx& c) {
             c.glob[h] = g, c.globLive[h] = true; break;
         case 1: {
             g = c.ghandle();
-            const size_t sz = size_t(c.size64());
-            const size_t want = sz > (1u << 20) && c.byte() < 250 ? sz % (1u << 20) : sz;
+            const size_t sz = size_t(c.size64()), want = sz > (1u << 20) && c.byte() < 250 ? sz % (1u << 20) : sz;
             HGLOBAL n = K_GlobalReAlloc(g, want, c.u32v());
             if (n && K_GlobalSize(n) != want) fail(c.op, "a moved block of another size");
             for (int k = 0; n && n != g && k < kHandles; ++k)
@@ -729,8 +676,7 @@ void opGlobal(Ctx& c) {
 void opMisc(Ctx& c) {
     size_t size;
     uint8_t* b = c.buffer(&size);
-    const int32_t count = c.byte() < 220 ? c.byte() : c.i32();
-    const int32_t lo = c.byte() % 40 - 4, hi = c.byte() % 40 - 4;
+    const int32_t count = c.byte() < 220 ? c.byte() : c.i32(), lo = c.byte() % 40 - 4, hi = c.byte() % 40 - 4;
     if (!b || count < 0 || uint64_t(count) * 4 > size) return;
     K_Gray32To16(b, b, count, lo, hi), K_Gray32To8(b, b, count, hi, lo);
     K_PadPixelData(b, c.pick(kDepths) % 33, count / 8, hi, lo, c.byte() % 2);
@@ -744,15 +690,14 @@ void opMatchTable(Ctx& c) {
     K_FreeUserMatchTable(nullptr);
 }
 
-// ---------------------------------------------------------------- transforms into other records
 void opIntoRecord(Ctx& c) {
     static const uint32_t kCarry[] = {191u, 127u, 67u, 321u, 14u, 5u};
     BITMAPRECORD* s = c.rec();
     const uint32_t sw = c.sizeWord(220);
     const int32_t col = c.coord(), row = c.coord(), w = c.targetDim(), h = c.targetDim();
-    uint32_t mem = c.pick(kMemTypes);
-    if (mem == 2) mem = 1;
+    const uint32_t mem = [&] { const uint32_t t = c.pick(kMemTypes); return t == 2 ? 1u : t; }();  // (no caller memory)
     BITMAPRECORD* d;
+    uint32_t carried;
     const auto copy = [&](auto call) { into(c, s, outRec(c, s), call); };
     switch (c.byte() % 7) {
         case 0: copy([&](auto* d) { return K_CopyBitmap(d, s, sw); }); break;
@@ -760,26 +705,20 @@ void opIntoRecord(Ctx& c) {
         case 2: copy([&](auto* d) { return K_CopyBitmapRect(d, s, sw, col, row, w, h); }); break;
         case 3: copy([&](auto* d) { return K_CopyBitmapRect2(d, s, sw, col, row, w, h, mem); }); break;
         case 4:
-            if ((d = outRec(c, s)) != s) {
-                const uint32_t carry = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
-                check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, w, h, carry); }, 2u);
-            }
-            break;
+            if ((d = outRec(c, s)) == s) return;
+            carried = c.byte() < 200 ? c.pick(kCarry) : c.u32v();
+            check(c, {s, d}, [&] { return K_DupBitmapNewDim(d, s, sw, w, h, carried); }, 2u); break;
         case 5: {  // in place (null destination or the source) or into a fresh record; unchecked on made ones
             const bool unchecked = c.made(s) && c.byte() < 64;
             const int32_t vp = unchecked ? c.byte() % 8 + 1 : c.small(10);
             const uint32_t carry = c.pick(kCarry);
-            d = c.byte() & 1 ? nullptr : outRec(c, s);
-            into(c, s, d, [&](auto* d) {
+            into(c, s, c.byte() & 1 ? nullptr : outRec(c, s), [&](auto* d) {
                 return unchecked ? K_IntChangeBitmapViewPerspective(d, s, BITMAPRECORD_SIZE, vp, carry)
-                                 : K_ChangeBitmapViewPerspective(d, s, sw, vp);
-            });
+                                 : K_ChangeBitmapViewPerspective(d, s, sw, vp); });
             break;
         }
-        default:
-            // Into a destination record the caller prepared (its size names the target).
-            d = c.rec();
-            if (!d || d == s || d == &c.foreign) return;
+        default:  // into a destination record the caller prepared (its size names the target)
+            if (!(d = c.rec()) || d == s || d == &c.foreign) return;
             fresh(c, d);
             const int32_t bpp = s && krn::recordSizeValid(s->uStructSize) ? s->nBitsPerPixel : 8;
             if (K_InitBitmap(d, BITMAPRECORD_SIZE, w > 0 ? w : 1, h > 0 ? h : 1, bpp) != KS_SUCCESS) return;
@@ -803,9 +742,8 @@ void opBuffers(Ctx& c) {
     if (!b || side > kBuf || need > size || need > kBuf / 2)  // (a larger side would wrap the product)
         return which ? void() : (void)K_RotateBuffer90(nullptr, b, 1, w, h, bpp);  // refusals only: a null source
     std::vector<uint8_t> dst(size_t(need) + 64, 0);
-    if (which == 0) (void)K_RotateBuffer90(b, dst.data(), c.byte() & 1, w, h, bpp);
-    else if (which == 1) (void)K_RotateBuffer180(b, c.byte() & 1 ? b : dst.data(), w, h, bpp);
-    else (void)K_MirrorLine(b, w, bpp);
+    which == 0 ? K_RotateBuffer90(b, dst.data(), c.byte() & 1, w, h, bpp)
+               : which == 1 ? K_RotateBuffer180(b, c.byte() & 1 ? b : dst.data(), w, h, bpp) : K_MirrorLine(b, w, bpp);
 }
 void opRowResize(Ctx& c) {
     void* data = nullptr;
@@ -819,14 +757,14 @@ void opRowResize(Ctx& c) {
 }
 void opScanLine(Ctx& c) {
     // One row by the stepping rule into buffers that hold every pixel it can reach (larger values: no call).
-    const int32_t bpp = c.pick(kDepths), start = c.small(64), step = c.small(9), den = c.small(65), err = c.small(64);
-    const int32_t rem = c.small(64);
+    const int32_t bpp = c.pick(kDepths), start = c.small(64), step = c.small(9), den = c.small(65), err = c.small(64),
+                  rem = c.small(64);
     const uint32_t count = c.usmall(257), bytes = c.u32v();
     if (start > 63 || step > 8 || den > 64 || (den > 0 && (err >= den || rem >= den)) || count > 256) return;
     std::vector<uint8_t> src(20000, 0x5A), dst(20000);  // (64 + 256 * 9 + 1) pixels of 64 bits at most
     uint8_t* const d = c.byte() & 1 ? src.data() : dst.data();
-    if (c.byte() & 1) K_GetResizedScanLine(bpp, bytes, start, step, err, rem, src.data(), d, count, den, c.byte() & 1);
-    else K_ReverseGetResizedScanLine(bpp, bytes, start, step, err, rem, src.data(), d, count, den, c.byte() & 1);
+    (c.byte() & 1 ? K_GetResizedScanLine : K_ReverseGetResizedScanLine)(bpp, bytes, start, step, err, rem, src.data(),
+                                                                        d, count, den, c.byte() & 1);
 }
 void opColorRes(Ctx& c) {
     BITMAPRECORD* s = c.rec();
@@ -836,8 +774,7 @@ void opColorRes(Ctx& c) {
     const int32_t n = c.byte() < 220 ? int32_t(c.byte()) + 1 : c.i32();
     if (n > 256 && pp) return;  // a palette shorter than its count is the caller's fault
     BITMAPRECORD* d = c.byte() & 1 ? s : outRec(c, s);
-    const uint32_t sw = c.sizeWord(220);
-    into(c, s, d, [&](auto* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
+    into(c, s, d, [&, sw = c.sizeWord(220)](auto* d) { return K_ColorResBitmap(s, d, bpp, flags, pp, n, sw); });
 }
 void opDisplay(Ctx& c) {
     BITMAPRECORD* r = c.rec();
@@ -854,13 +791,12 @@ void opDisplay(Ctx& c) {
         std::vector<uint16_t> g(len + 1);
         const int32_t mn = c.i32(), mx = c.i32(), f = c.i32();
         const uint32_t fl = c.u32v();
-        auto* const t4 = reinterpret_cast<RGBQUAD*>(t.data());
-        (void)K_WindowLevelFillLUT(t4, len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
+        (void)K_WindowLevelFillLUT(reinterpret_cast<RGBQUAD*>(t.data()), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx,
+                                   f, fl);
         (void)K_WindowLevelFillLUT2(reinterpret_cast<uint8_t*>(g.data()), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn,
                                     mx, f, fl);
         (void)K_WindowLevelFillLUTExt(t.data(), len, c.u32(), c.u32(), lo, hi, lb, hb, mn, mx, f, fl);
-        (void)K_WindowLevelFillLUTExt2(g.data(), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
-        return;
+        return (void)K_WindowLevelFillLUTExt2(g.data(), len, c.u32v(), c.u32v(), lo, hi, lb, hb, mn, mx, f, fl);
     }
     BITMAPRECORD* d = c.byte() & 1 ? r : outRec(c, r);
     const uint32_t sw = c.sizeWord(220);
@@ -878,15 +814,13 @@ void handedOver(Ctx& c, BITMAPRECORD* r) {
     if (K_InitBitmap(r, BITMAPRECORD_SIZE, 8, 8, 8) != KS_SUCCESS) fail(c.op, "init of a fresh record failed");
 }
 // A call that makes a list into a new slot (or null): nothing is made on failure.
-template <class F>
-void makesList(Ctx& c, F&& call) {
+template <class F> void makesList(Ctx& c, F&& call) {
     const int k = c.byte() % kLists;
     if (c.listLive[k] && K_DestroyBitmapList(c.list[k]) != KS_SUCCESS) fail(c.op, "destroying a live list failed");
-    HBITMAPLIST* out = &c.list[k];
-    c.listLive[k] = false, *out = nullptr;
-    const int32_t rc = call(c.byte() > 245 ? nullptr : out);
-    if (rc == KS_SUCCESS) c.listLive[out - c.list] = true;
-    else if (*out) fail(c.op, "a failing call made a list", rc);
+    c.listLive[k] = false, c.list[k] = nullptr;
+    const int32_t rc = call(c.byte() > 245 ? nullptr : &c.list[k]);
+    if (rc == KS_SUCCESS) c.listLive[k] = true;
+    else if (c.list[k]) fail(c.op, "a failing call made a list", rc);
     else if (rc >= 0) fail(c.op, "odd status", rc);
 }
 void opList(Ctx& c) {
@@ -911,21 +845,18 @@ void opList(Ctx& c) {
             if (rc < 0 && got != 0xABCDu) fail(c.op, "a failing count wrote its result", rc);
             break;
         case 3:
-        case 4:
-            // Insert (or replace): the record's storage moves into the list (never the garbage record's).
+        case 4:  // insert (or replace): the record's storage moves into the list (never the garbage record's)
             if ((r = c.rec()) == &c.foreign || (old = which == 3 || c.byte() & 1 ? nullptr : outRec(c, r)) == r) return;
             h = c.listHandle(), size = c.sizeWord(220);
             if (check(c, {r, old}, [&] {
                     return which == 3 ? K_InsertBitmapListItem(h, index, r)
-                                      : K_ReplaceBitmapListItem(h, index, r, old, size);
-                }, 2u) == KS_SUCCESS)
+                                      : K_ReplaceBitmapListItem(h, index, r, old, size); }, 2u) == KS_SUCCESS)
                 handedOver(c, r);
             break;
         case 5:  // take an item out into a fresh slot, or free it (null)
             r = c.byte() & 1 ? nullptr : outRec(c, nullptr);
             check(c, {r}, [&] { return K_RemoveBitmapListItem(c.listHandle(), index, r); }, 1u); break;
-        case 6:
-            // A copy of an item (the list keeps ownership) set back with frame words of the caller's choosing.
+        case 6:  // a copy of an item (the list keeps ownership) set back with frame words of the caller's choosing
             std::memset(&tmp, 0xEE, sizeof tmp), std::memset(&old2, 0xEE, sizeof old2);
             h = c.listHandle(), size = c.sizeWord(200);
             rc = K_GetBitmapListItem(h, index, c.orNull(&tmp, 245), size);
@@ -940,20 +871,15 @@ void opList(Ctx& c) {
         case 8:
             h = c.listHandle();
             makesList(c, [&](HBITMAPLIST* o) {
-                return (which == 7 ? K_CopyBitmapListItems : K_MoveBitmapListItems)(o, h, index, count);
-            });
+                return (which == 7 ? K_CopyBitmapListItems : K_MoveBitmapListItems)(o, h, index, count); });
             break;
         case 9:
             h = c.listHandle();
             (void)K_CreateBitmapListOptPal(h, c.orNull(c.pal, 245), c.colours(), c.small(8, 220), c.u32v(), &used);
             break;
-        default:
-            // An empty record set over an item leaves the old one to the caller: only over one owning nothing.
-            h = c.listHandle();
-            if (K_GetBitmapListItem(h, index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS) {
-                (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
-                return;
-            }
+        default:  // an empty record set over an item leaves the old one to the caller: only over one owning nothing
+            if (K_GetBitmapListItem(h = c.listHandle(), index, &tmp, BITMAPRECORD_SIZE) != KS_SUCCESS)
+                return (void)K_SetBitmapListItem(h, index, nullptr);  // refused: no such item
             if (tmp.uFlags & BRF_ALLOCATED || tmp.hRgn || tmp.pPalette || tmp.pCallbacks || tmp.hListBlock) return;
             if (K_SetBitmapListItem(h, index, nullptr) != KS_SUCCESS) fail(c.op, "clearing an item failed");
     }
@@ -964,12 +890,11 @@ void endPlayback(Ctx& c, int k) {
     if (K_FreeBitmap(&c.target[k]) != KS_SUCCESS) fail(c.op, "freeing a playback target failed");
 }
 void validateTargets(Ctx& c) {
-    for (int p = 0; p < kPlays; ++p)
-        if (c.playLive[p]) validate(&c.target[p], c.op);
+    for (int p = 0; p < kPlays; ++p) if (c.playLive[p]) validate(&c.target[p], c.op);
 }
 void destroyPlayback(Ctx& c, int k) {
-    if (c.playLive[k] && K_DestroyPlayback(c.play[k]) != KS_SUCCESS) fail(c.op, "destroying a live playback failed");
-    if (c.playLive[k]) endPlayback(c, k);
+    if (!c.playLive[k]) return;
+    K_DestroyPlayback(c.play[k]) == KS_SUCCESS ? endPlayback(c, k) : fail(c.op, "destroying a live playback failed");
 }
 void opPlayback(Ctx& c) {
     const uint8_t which = c.byte() % 4;
@@ -978,18 +903,14 @@ void opPlayback(Ctx& c) {
     BITMAPRECORD &t = c.target[k], *r;
     HPLAYBACK h = nullptr;
     HBITMAPLIST l;
-    int32_t v = 0;
-    int j = 0;
+    int32_t v = 0, j = 0;
     switch (which) {
-        case 0:
-            // A new playback onto a small target of its own.
-            destroyPlayback(c, k);
-            std::memset(&t, 0, sizeof t);
+        case 0:  // a new playback onto a small target of its own
+            destroyPlayback(c, k), std::memset(&t, 0, sizeof t);
             if (K_CreateBitmap(&t, BITMAPRECORD_SIZE, 1, int32_t(c.byte() % 48) + 1, int32_t(c.byte() % 48) + 1,
                                c.pick(depths), c.byte() % 3 - 1, nullptr, c.byte() % 8 + 1, nullptr, 0) != KS_SUCCESS)
                 return;
-            FRAME_BACKGROUND_COLOR(&t) = c.u32v();
-            l = c.byte() & 1 ? nullptr : c.listHandle();
+            FRAME_BACKGROUND_COLOR(&t) = c.u32v(), l = c.byte() & 1 ? nullptr : c.listHandle();
             if (check(c, {&t}, [&] { return K_CreatePlayback(c.orNull(&h, 245), &t, l); }) == KS_SUCCESS)
                 c.play[k] = h, c.playLive[k] = true;
             else if (h) fail(c.op, "a failing create made a playback");
@@ -1002,12 +923,10 @@ void opPlayback(Ctx& c) {
                 j < kPlays ? endPlayback(c, j) : fail(c.op, "a handle that is not a live playback was destroyed");
             }
             break;
-        case 2:
-            // Steps of the state machine (never sleeping on a wait); the target stays a valid bitmap.
+        case 2:  // steps of the state machine (never sleeping on a wait); the target stays a valid bitmap
             h = c.playHandle();
             for (int s = 0, steps = c.byte() % 24 + 1; s < steps; ++s) {
-                v = -1;
-                if (K_ProcessPlayback(h, c.orNull(&v, 245)) != KS_SUCCESS) break;
+                if (v = -1; K_ProcessPlayback(h, c.orNull(&v, 245)) != KS_SUCCESS) break;
                 if (v >= 0 && (v < PLAYBACK_STATE_CLEAR || v > PLAYBACK_STATE_END)) fail(c.op, "no such state", v);
                 if (v >= PLAYBACK_STATE_WAITINPUT && v <= PLAYBACK_STATE_WAITBOTH) K_CancelPlaybackWait(h);
             }
@@ -1019,9 +938,7 @@ void opPlayback(Ctx& c) {
     validateTargets(c);
 }
 
-// ---------------------------------------------------------------- calls on no pool record
-void opCritical(Ctx& c) {
-    // Create, enter (nested), leave, delete in order: the documented statuses at each step.
+void opCritical(Ctx& c) {  // create, enter (nested), leave, delete in order: the documented statuses at each step
     CRITICAL_SECTION cs{};
     const int depth = c.byte() % 4;
     bool ok = K_IntEnterCriticalSection(&cs) == KS_INVALID_PARAMETER && K_IntInitializeCriticalSection(&cs) == 1;
@@ -1072,7 +989,6 @@ const Op kPlainCalls[] = {
     PLAIN(K_Point_Offset(c.point(), c.i32(), c.i32()), K_Rect_BottomRight(c.rect4(0)), K_Rect_ToRectD(c.rect4(0))),
     PLAIN(K_Rect_IsEmpty(nullptr), K_Rect_Width(nullptr), K_Rect_Intersect(nullptr, c.rect4(0), nullptr)),
     PLAIN(K_SinValue(c.i32()), K_CosValue(c.i32()), K_SQRT(c.u32())),
-    // runtime services
     PLAIN(K_SetDefaultXResolution(c.i32()), K_SetDefaultYResolution(c.i32()), K_GetDefaultXResolution(),
           K_GetDefaultYResolution()),
     PLAIN(K_HSVtoRGB2(c.hsv()), K_RGBtoHSV2(c.u32v(), c.orNull(c.hsv3)), K_HSVtoRGB(c.u32v()), K_RGBtoHSV(c.u32v())),
@@ -1104,12 +1020,10 @@ const Op kPlainCalls[] = {
     PLAIN(K_GlobalUnlock(c.ghandle()), K_GlobalSize(c.ghandle())),
     PLAIN((c.uo = c.usmall(65, 220)) <= 64 ? K_GetFriendlyErrorMessage(c.i32(), c.orNull(c.msg), c.uo, c.lib) : 0,
           K_GetLibIdFromErrorCode(c.i32(), &c.io, c.orNull(&c.io2))),
-    // palettes
     PLAIN(K_GetFixedPalette(c.palOrNull(), c.pick(kDepths))), PLAIN(K_IntGetFixedPalette(c.pick(kDepths))),
     PLAIN(K_GlobalFree(K_CreateGrayPalette(c.pick(kDepths))), K_GlobalFree(K_CreateFixedPalette(c.pick(kDepths)))),
     PLAIN(K_GlobalFree(K_DupPalette(c.palOrNull(), c.count256())), K_IsGrayScalePalette(c.palOrNull(), c.count256())),
     PLAIN(K_FindPaletteIndex(c.palOrNull(), c.count256(), c.i32(), c.i32(), c.i32())),
-    // regions and region handles
     PLAIN(K_OffsetOrvaRgn(*c.rgnSlot(), c.i32(), c.i32()),
           K_ScaleOrvaRgn(*c.rgnSlot(), c.i32(), c.i32(), c.i32(), c.i32())),
     PLAIN(K_IsPtInOrvaRgn(*c.rgnSlot(), c.coord(), c.coord(), &c.io, &c.io2)),
@@ -1118,7 +1032,6 @@ const Op kPlainCalls[] = {
     PLAIN(GetRgnBox(c.handle(), c.orNull(&c.box)), PtInRegion(c.handle(), c.coord(), c.coord())),
     PLAIN(SetRectRgn(c.handle(), c.coord(), c.coord(), c.coord(), c.coord())),
     PLAIN((c.io = c.byte() < 200 ? c.byte() % 65 : c.i32()) <= 64 ? GetObject(c.handle(), c.io, c.orNull(c.t8)) : 0),
-    // lists and playbacks
     PLAIN(K_DeleteBitmapListItems(c.listHandle(), c.usmall(6), c.usmall(5))),
     PLAIN(K_SetPlaybackIndex(c.playHandle(), c.byte() < 220 ? int32_t(c.byte() % 8) - 1 : c.i32()),
           K_ValidatePlaybackLines(c.playHandle(), c.i32(), c.i32()), K_CancelPlaybackWait(c.playHandle())),
@@ -1129,12 +1042,9 @@ const Op kPlainCalls[] = {
 };
 void opPlainCall(Ctx& c) {
     const Op& k = c.pick(kPlainCalls);
-    c.op = k.name;
-    k.fn(c);
-    validateTargets(c);
+    c.op = k.name, k.fn(c), validateTargets(c);
 }
 
-// ---------------------------------------------------------------- the script
 #define OP(f) {#f, f}
 const Op kOps[] = {  // (listed more than once: the ops behind the most functions get more steps)
     OP(opRecordCall), OP(opRecordCall), OP(opRecordCall), OP(opRecordCall), OP(opRecordCall), OP(opPlainCall),
@@ -1162,8 +1072,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int64_t counter0 = 0, counter1 = 0;
     K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &counter0);
     const long live0 = krn::faultinject::liveBlocks();
-    // FUZZ_API_TRACE prints each step; FUZZ_API_DUMP=<file> keeps the input being run.
-    static const bool trace = std::getenv("FUZZ_API_TRACE");
+    static const bool trace = std::getenv("FUZZ_API_TRACE");  // prints each step; FUZZ_API_DUMP=<file> keeps the input
     if (static const char* dump = std::getenv("FUZZ_API_DUMP"); dump)
         if (FILE* f = std::fopen(dump, "wb")) std::fwrite(data, 1, size, f), std::fclose(f);
     auto* c = new Ctx{{data, size}};
@@ -1187,8 +1096,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     c->unlabel();
 
-    // Everything is freed and the counters are back.
-    c->op = "cleanup";
+    c->op = "cleanup";  // everything is freed and the counters are back
     for (int k = 0; k < kPlays; ++k) destroyPlayback(*c, k);
     for (int k = 0; k < kLists; ++k)
         if (c->listLive[k] && K_DestroyBitmapList(c->list[k]) != KS_SUCCESS) fail(c->op, "live list not destroyable");

@@ -20,21 +20,20 @@ std::vector<uint8_t> frame(fuzzinput::Input& in, int rows) {
     for (int r = 0; r < rows; ++r) {
         const uint32_t want = in.byte(), w = std::min<uint32_t>(want, uint32_t(in.left() / 2));
         const size_t at = f.size();
-        f.resize(at + 4 + 2 * size_t(w));
-        std::memcpy(f.data() + at, &w, 4);
+        f.resize(at + 4 + 2 * size_t(w)), std::memcpy(f.data() + at, &w, 4);
         if (w) std::memcpy(f.data() + at + 4, in.rest(), 2 * size_t(w));
         in.i += 2 * size_t(w);
     }
     return f;
 }
 
+uint32_t words(const uint8_t* row) { uint32_t w; return std::memcpy(&w, row, 4), w; }  // a row's run-word count
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 5) return 0;
-    const int32_t width = 1 + data[0] + 256 * (data[1] & 3);
-    const int rows = 1 + data[2] % 4;
-    const int32_t col = data[3] % width;
+    const int32_t width = 1 + data[0] + 256 * (data[1] & 3), rows = 1 + data[2] % 4, col = data[3] % width;
     const int32_t pixels = int32_t(data[4]) * 3;
     fuzzinput::Input in{data, size, 5};
     const std::vector<uint8_t> runs = frame(in, rows);
@@ -59,27 +58,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<uint8_t> before(out.begin(), out.begin() + size_t(bpl) * rows);
     const uint8_t* row = runs.data();
     for (int r = 0; r < rows; ++r) {
-        uint32_t w;
-        std::memcpy(&w, row, 4);
         for (BITMAPRECORD* bm : {&a, &b})
             check((r % 2 == 0 ? K_PutBitmapRowCompressed(bm, nullptr, row, r, width)
                               : K_PutBitmapRowColCompressed(bm, nullptr, row, r, col, pixels)) == KS_SUCCESS);
-        row += 4 + 2 * size_t(w);
+        row += 4 + 2 * size_t(words(row));
     }
     std::vector<uint8_t> ra(bpl), rb(bpl), cr(OMBRIX_COMPRESSED_ROW_MAX(width));
     for (int r = 0; r < rows; ++r) {
         const int32_t n = int32_t(bpl);
         check(K_GetBitmapRow(&a, ra.data(), r, bpl) == n && K_GetBitmapRow(&b, rb.data(), r, bpl) == n && ra == rb);
-        if (r % 2 == 1) {
-            // Outside the column range nothing changed.
-            const uint8_t* old = before.data() + size_t(r) * bpl;
-            const int64_t end = std::min<int64_t>(int64_t(col) + pixels, width);
-            for (int64_t x = 0; x < width; ++x)
-                check((x >= col && x < end) || ((ra[size_t(x >> 3)] ^ old[size_t(x >> 3)]) >> (7 - (x & 7)) & 1) == 0);
-        }
+        const uint8_t* old = before.data() + size_t(r) * bpl;  // on odd rows, outside the column range nothing changed
+        const int64_t end = std::min<int64_t>(int64_t(col) + pixels, width);
+        for (int64_t x = 0; r % 2 == 1 && x < width; ++x)
+            check((x >= col && x < end) || ((ra[size_t(x >> 3)] ^ old[size_t(x >> 3)]) >> (7 - (x & 7)) & 1) == 0);
         check(K_GetBitmapRowCompressed(&a, nullptr, cr.data(), r, width) == KS_SUCCESS);
-        uint32_t w;
-        std::memcpy(&w, cr.data(), 4);
+        const uint32_t w = words(cr.data());
         check(4 + 2 * size_t(w) <= cr.size());
         uint64_t sum = 0;
         for (uint32_t i = 0; i < w; ++i) sum += uint16_t(cr[4 + 2 * size_t(i)] | cr[5 + 2 * size_t(i)] << 8);

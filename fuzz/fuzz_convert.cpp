@@ -26,8 +26,7 @@ int orderOf(uint8_t b) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzzinput::Input in{data, size};
-    const int sb = depthOf(in.byte()), db = depthOf(in.byte());
-    const int so = orderOf(in.byte()), dO = orderOf(in.byte());
+    const int sb = depthOf(in.byte()), db = depthOf(in.byte()), so = orderOf(in.byte()), dO = orderOf(in.byte());
     const uint32_t flags = in.byte();
     const int lo = int(int8_t(in.byte())) % 40, hi = int(int8_t(in.byte())) % 70;
     const int low = in.byte(), width = low | int(in.byte() & 0x0F) << 8;  // 0..4095

@@ -45,15 +45,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                            : K_StartDithering(&bm, target, colors);
     if (rc == KS_SUCCESS) {
         const int used = bitsExtra || !table.empty() ? nBits : outBits;
-        const size_t srcBytes = (size_t(width) * size_t(bits) + 7) / 8;
-        const size_t dstBytes = (size_t(width) * size_t(used) + 7) / 8;
+        const size_t srcBytes = (size_t(width) * size_t(bits) + 7) / 8, dstBytes = (size_t(width) * used + 7) / 8;
         for (int y = 0; y < height; ++y) {
             std::vector<uint8_t> src(srcBytes), dst(dstBytes);
             for (auto& b : src) b = in.byte();
             FUZZ_CHECK(K_DitherLine(&bm, src.data(), dst.data()) == KS_SUCCESS);
             fuzzinput::touch(dst);  // every output byte is read, whatever the checks below look at
-            if (used <= 8 && table.empty() && target) {
-                // Every index names one of the colours (packed most significant bit first).
+            if (used <= 8 && table.empty() && target) {  // every index names one of the colours (packed MSB first)
                 for (int x = 0; x < width; ++x) {
                     uint32_t v = 0;
                     for (size_t bit = size_t(x) * size_t(used); bit < size_t(x + 1) * size_t(used); ++bit)

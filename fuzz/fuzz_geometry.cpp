@@ -22,23 +22,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     r.get<uint8_t>();  // reserved for future switches
     for (double* v : {&m.dM11, &m.dM12, &m.dM21, &m.dM22, &m.dOffsetX, &m.dOffsetY}) *v = r.get<double>();
     m.nType = r.get<int32_t>(), m.uReserved = 0, m2 = m;
-    K_Matrix_Multiply(&prod, &m, &m2);
-    FUZZ_CHECK(prod.nType >= 0 && prod.nType <= 4 && prod.uReserved == 0);
-    KMATRIX inv = m;
-    if (K_Matrix_Invert(&inv) == 0) FUZZ_CHECK(std::memcmp(&inv, &m, sizeof m) == 0);
-    K_Matrix_Rotate(&m2, r.get<double>());
-    K_Matrix_SkewPrepend(&m2, r.get<double>(), r.get<double>());
+    K_Matrix_Multiply(&prod, &m, &m2), FUZZ_CHECK(prod.nType >= 0 && prod.nType <= 4 && prod.uReserved == 0);
+    if (KMATRIX inv = m; K_Matrix_Invert(&inv) == 0) FUZZ_CHECK(std::memcmp(&inv, &m, sizeof m) == 0);
+    K_Matrix_Rotate(&m2, r.get<double>()), K_Matrix_SkewPrepend(&m2, r.get<double>(), r.get<double>());
     K_Matrix_ScaleAt(&m2, r.get<double>(), r.get<double>(), r.get<double>(), r.get<double>());
     K_Matrix_Translate(&m2, r.get<double>(), r.get<double>());
     POINTD p{r.get<double>(), r.get<double>()};
     K_Matrix_TransformPoint(&m2, &p);
-    RECTD rd{r.get<double>(), r.get<double>(), r.get<double>(), r.get<double>()};
-    RECTD rd2 = rd;
+    RECTD rd{r.get<double>(), r.get<double>(), r.get<double>(), r.get<double>()}, rd2 = rd, rt = rd;
     K_RectD_Transform(&rd2, &m2);
     const RECT ri = K_RectD_ToRect(&rd2);
     RECT a{r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>()};
-    RECT b{r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>()};
-    RECT x, u;
+    RECT b{r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>(), r.get<int32_t>()}, x, u;
     if (K_Rect_Intersect(&x, &a, &b)) FUZZ_CHECK(K_Rect_ContainsRect(&a, &x) && K_Rect_ContainsRect(&b, &x));
     if (K_Rect_Union(&u, &a, &b))
         FUZZ_CHECK((K_Rect_IsEmpty(&a) || K_Rect_ContainsRect(&u, &a)) &&
@@ -64,22 +59,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(!K_Double_GreaterThan(e, f) || !K_Double_LessThanOrClose(e, f));
     (void)K_Double_AreClosePoints(&p, &pd), K_Double_AreCloseRects(&rd, &rb), K_Double_AreCloseSizes(&sd, &sd);
     (void)K_Double_RectHasNaN(&rd), K_LengthD_Between(&p, &pd), K_LengthD_Vector(e, f);
-    KMATRIX w = m2;
+    KMATRIX w = m2, z;
     K_Matrix_Append(&w, &m), K_Matrix_Prepend(&w, &m2), K_Matrix_RotatePrepend(&w, e);
     K_Matrix_RotateAt(&w, e, f, e), K_Matrix_RotateAtPrepend(&w, f, e, f), K_Matrix_ScaleAtPrepend(&w, e, f, f, e);
     for (auto op : {K_Matrix_Scale, K_Matrix_ScalePrepend, K_Matrix_Skew, K_Matrix_TranslatePrepend}) op(&w, e, f);
     (void)K_Matrix_Determinant(&w), K_Matrix_HasInverse(&w), K_Matrix_IsIdentity(&w), K_Matrix_GetType(&w);
     POINTD pts[3] = {p, pd, {e, f}};
     K_Matrix_TransformPoints(&w, pts, 3), K_Matrix_TransformVectors(&w, pts, 3), K_Matrix_TransformVector(&w, &pts[0]);
-    RECTD rt = rd;
-    KMATRIX z;
-    K_Matrix_TransformRect(&w, &rt);
-    K_Matrix_Set(&z, w.dM11, w.dM12, w.dM21, w.dM22, w.dOffsetX, w.dOffsetY);
+    K_Matrix_TransformRect(&w, &rt), K_Matrix_Set(&z, w.dM11, w.dM12, w.dM21, w.dM22, w.dOffsetX, w.dOffsetY);
     K_Matrix_SetM11(&z, K_Matrix_GetM11(&w)), K_Matrix_SetM12(&z, K_Matrix_GetM12(&w));
     K_Matrix_SetM21(&z, K_Matrix_GetM21(&w)), K_Matrix_SetM22(&z, K_Matrix_GetM22(&w));
     K_Matrix_SetOffsetX(&z, K_Matrix_GetOffsetX(&w)), K_Matrix_SetOffsetY(&z, K_Matrix_GetOffsetY(&w));
-    K_Matrix_DeriveType(&z), (void)K_Matrix_IsEqual(&z, &w), K_Matrix_Identity(&z);
-    FUZZ_CHECK(K_Matrix_IsIdentity(&z));
+    K_Matrix_DeriveType(&z), (void)K_Matrix_IsEqual(&z, &w), K_Matrix_Identity(&z), FUZZ_CHECK(K_Matrix_IsIdentity(&z));
     POINTD q = K_PointD_Make(e, f), q0 = K_PointD_Empty();
     K_PointD_Offset(&q, f, e);
     FUZZ_CHECK(K_PointD_IsEmpty(&q0) && (std::isnan(q.x) || std::isnan(q.y) || K_PointD_IsEqual(&q, &q)));
@@ -97,7 +88,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     SIZED sm = K_SizeD_Make(e, f), s0 = K_SizeD_Empty();
     SIZE si = K_Size_Make(dx, dy), si0 = K_Size_Empty();
     FUZZ_CHECK(K_SizeD_IsEmpty(&s0) && K_Size_IsEmpty(&si0) && K_Size_IsEqual(&si, &si));
-    (void)K_SizeD_IsEqual(&sm, &sd);
-    (void)K_Size_IsEmpty(&si), K_Size_ToSizeD(&si);
+    (void)K_SizeD_IsEqual(&sm, &sd), K_Size_IsEmpty(&si), K_Size_ToSizeD(&si);
     return 0;
 }

@@ -54,17 +54,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const int64_t got = sel & 0x40 ? K_RedirectedWriteBig(h, scratch.data(), n)
                                                : K_RedirectedWrite(h, scratch.data(), n);
                 uint64_t end = pos + n;
-                if (!m.fixed && n && end >= kFar) {  // a growable buffer refuses to grow that far
-                    FUZZ_CHECK(got == -1);
-                    break;
-                }
+                const bool refused = !m.fixed && n && end >= kFar;  // a growable buffer refuses to grow that far
                 if (m.fixed && end > m.cap) end = m.cap > pos ? m.cap : pos;
-                FUZZ_CHECK(got == int64_t(end - pos));
-                if (end == pos) break;  // (nothing written: a far position stays where it is)
+                FUZZ_CHECK(got == (refused ? -1 : int64_t(end - pos)));
+                if (refused || end == pos) break;  // (nothing written: a far position stays where it is)
                 if (end > m.data.size()) m.data.resize(end, 0);
-                std::memcpy(m.data.data() + pos, scratch.data(), end - pos);
-                pos = end;
-                break;
+                std::memcpy(m.data.data() + pos, scratch.data(), end - pos), pos = end; break;
             }
             case 1: {  // read
                 const uint32_t n = in.byte() * ((sel >> 3) + 1u);
@@ -73,14 +68,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                                : K_RedirectedRead(h, scratch.data(), n);
                 const uint64_t k = std::min<uint64_t>(pos < m.data.size() ? m.data.size() - pos : 0, n);
                 FUZZ_CHECK(got == int64_t(k) && scratch[n] == 0x5A);
-                FUZZ_CHECK(k == 0 || std::memcmp(scratch.data(), m.data.data() + pos, k) == 0);
-                pos += k;
-                break;
+                FUZZ_CHECK(k == 0 || std::memcmp(scratch.data(), m.data.data() + pos, k) == 0), pos += k; break;
             }
             case 2: {  // seek, sometimes far or before the start
                 const int32_t origin = in.byte() % 4;  // 3 is not an origin
-                int64_t off = int64_t(int16_t(in.u16()));
-                if (sel & 0x80) off *= int64_t(1) << 47;
+                const int64_t off = int64_t(int16_t(in.u16())) * (sel & 0x80 ? int64_t(1) << 47 : 1);
                 const int64_t base = origin ? int64_t(origin == REDIRECT_SEEK_CUR ? pos : m.data.size()) : 0;
                 const int64_t got = K_RedirectedSeek(h, off, origin);
                 int64_t to = 0;
@@ -109,12 +101,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                               : K_RedirectedOpen(name, mode, 0);
                 FUZZ_CHECK(reinterpret_cast<void*>(nf) != OMBRIX_INVALID_FILE);
                 if (mode & REDIRECT_OPEN_TRUNCATE) m.data.clear();
-                files.push_back(nf), pos = 0;
-                break;
+                files.push_back(nf), pos = 0; break;
             }
             case 6: {  // close; with files still open the buffer refuses to end
-                FUZZ_CHECK(K_RedirectedClose(h) == 0);
-                files.erase(files.begin() + ptrdiff_t(which));
+                FUZZ_CHECK(K_RedirectedClose(h) == 0), files.erase(files.begin() + ptrdiff_t(which));
                 if (!files.empty()) FUZZ_CHECK(K_StopRedirectToBuffer(buf, nullptr, nullptr) == KS_INVALID_PARAMETER);
                 break;
             }
@@ -122,8 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 const void* p = nullptr;
                 uint64_t n = 0;
                 FUZZ_CHECK(K_GetRedirectBufferData(buf, &p, &n) == KS_SUCCESS && n == m.data.size());
-                FUZZ_CHECK(n == 0 || std::memcmp(p, m.data.data(), n) == 0);
-                break;
+                FUZZ_CHECK(n == 0 || std::memcmp(p, m.data.data(), n) == 0); break;
             }
         }
     }

@@ -14,15 +14,7 @@
 namespace {
 
 int g_opens = 0;
-void* fzOpen(const wchar_t*, uint32_t, uint32_t, void*) {
-    ++g_opens;
-    return OMBRIX_INVALID_FILE;  // nothing to open: the name was the point
-}
-
-REDIRECTRECORD knownTable() {
-    REDIRECTRECORD t{REDIRECTRECORD_SIZE, 0x1234, &fzOpen, reinterpret_cast<void*>(0xABCDEF), &K_OsRead};
-    return t.pfnClose = &K_OsClose, t;
-}
+void* fzOpen(const wchar_t*, uint32_t, uint32_t, void*) { return ++g_opens, OMBRIX_INVALID_FILE; }  // (counts only)
 
 void utf8Case(const uint8_t* d, size_t n) {
     using namespace krn::utf;
@@ -53,14 +45,11 @@ void utf8Case(const uint8_t* d, size_t n) {
         FUZZ_CHECK(K_WideToUtf8(w.data(), int32_t(r.written), pub.data(), uint32_t(n + 1), &wrote) == 1);
         FUZZ_CHECK(K_Utf16ToUtf8(p16, int32_t(u16.size()), pub16.data(), uint32_t(n + 1), &wrote16) == 1);
         FUZZ_CHECK(wrote == n && wrote16 == n && pub == pub16 && pub[n] == 0 && std::memcmp(pub.data(), s, n) == 0);
-        // No room for the terminator: too small.
         FUZZ_CHECK(!n || K_Utf8ToUtf16(s, int32_t(n), p16, uint32_t(u16.size()), nullptr) == KS_BUFFER_TOO_SMALL);
     }
     r = wideToUtf8(w.data(), r.written, back.data(), back.size());
     FUZZ_CHECK(r.status == kUtfOk && r.written == n && std::memcmp(back.data(), s, n) == 0);
-    // A too-small output keeps a prefix of whole characters.
-    if (n > 1) {
-        std::string half(n / 2, '\0');
+    if (std::string half(n / 2, '\0'); n > 1) {  // a too-small output keeps a prefix of whole characters
         r = utf16ToUtf8(u16.data(), u16.size(), half.data(), half.size());
         FUZZ_CHECK(r.status == kUtfTooSmall || r.written == n);
         FUZZ_CHECK(r.written <= half.size() && std::memcmp(half.data(), s, r.written) == 0);
@@ -76,8 +65,7 @@ void utf16Case(const uint8_t* d, size_t n) {
     std::string u8(m.needed, '\0');
     FUZZ_CHECK(utf16ToUtf8(s.data(), s.size(), u8.data(), u8.size()).status == kUtfOk);
     std::u16string back(s.size(), u'\0');
-    UtfResult r = utf8ToUtf16(u8.data(), u8.size(), back.data(), back.size());
-    FUZZ_CHECK(r.status == kUtfOk && back == s);
+    FUZZ_CHECK(utf8ToUtf16(u8.data(), u8.size(), back.data(), back.size()).status == kUtfOk && back == s);
 }
 
 void rawNameCase(const uint8_t* d, size_t n) {
@@ -93,7 +81,8 @@ void rawNameCase(const uint8_t* d, size_t n) {
 }
 
 void editCase(const uint8_t* d, size_t n) {
-    const REDIRECTRECORD t = knownTable();
+    REDIRECTRECORD t{REDIRECTRECORD_SIZE, 0x1234, &fzOpen, reinterpret_cast<void*>(0xABCDEF), &K_OsRead};
+    t.pfnClose = &K_OsClose;
     wchar_t buf[512];
     FUZZ_CHECK(K_MakeRedirectName(&t, L"inner", buf, 512) == KS_SUCCESS);
     std::wstring name = buf;
@@ -109,19 +98,14 @@ void editCase(const uint8_t* d, size_t n) {
     if (K_DecodeRedirectName(name.c_str(), &got, &start) != KS_SUCCESS) return;
     FUZZ_CHECK(std::memcmp(&got, &t, sizeof t) == 0 && start <= name.size());
     const int before = g_opens;
-    K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READ, 0);
-    FUZZ_CHECK(g_opens == before + 1);
+    K_RedirectedOpen(name.c_str(), REDIRECT_OPEN_READ, 0), FUZZ_CHECK(g_opens == before + 1);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
-    switch (data[0] & 3) {
-        case 0: utf8Case(data + 1, size - 1); break;
-        case 1: utf16Case(data + 1, size - 1); break;
-        case 2: rawNameCase(data + 1, size - 1); break;
-        case 3: editCase(data + 1, size - 1); break;
-    }
+    static void (*const cases[])(const uint8_t*, size_t) = {utf8Case, utf16Case, rawNameCase, editCase};
+    cases[data[0] & 3](data + 1, size - 1);
     return 0;
 }

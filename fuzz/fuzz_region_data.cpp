@@ -14,13 +14,9 @@ namespace {
 
 // A coordinate from one of several magnitude classes.
 int32_t coord(fuzzinput::Input& in) {
-    static const int32_t extremes[] = {INT32_MIN, INT32_MAX, 0, -1, INT32_MIN + 1, INT32_MAX - 1};
-    switch (in.byte() & 3) {
-        case 0: return int8_t(in.byte());
-        case 1: return int16_t(uint16_t(in.byte()) | uint16_t(in.byte()) << 8);
-        case 2: return int32_t(in.u32());
-        default: return extremes[in.byte() % 6];
-    }
+    static const int32_t edge[] = {INT32_MIN, INT32_MAX, 0, -1, INT32_MIN + 1, INT32_MAX - 1};
+    const uint8_t k = in.byte() & 3;
+    return k == 0 ? int8_t(in.byte()) : k == 1 ? int16_t(in.u16()) : k == 2 ? int32_t(in.u32()) : edge[in.byte() % 6];
 }
 int8_t s8(fuzzinput::Input& in) { return int8_t(in.byte()); }
 
@@ -41,8 +37,7 @@ void check(HRGN h) {
     }
     RECT box;
     const int k = GetRgnBox(h, &box);
-    FUZZ_CHECK(k >= NULLREGION && k <= COMPLEXREGION);
-    FUZZ_CHECK(k == NULLREGION || PtInRegion(h, r->pRunData[0], box.top));
+    FUZZ_CHECK(k >= NULLREGION && k <= COMPLEXREGION && (k == NULLREGION || PtInRegion(h, r->pRunData[0], box.top)));
 }
 
 }  // namespace
@@ -67,11 +62,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const uint32_t cnt = uint32_t((blk.size() - 32) / 16), bytes = std::min(declared, uint32_t(blk.size()));
             if (blk.size() >= 32 && (mode & 0x20)) std::memcpy(blk.data() + 8, &cnt, 4);
             const auto* rd = reinterpret_cast<const RGNDATA*>(blk.empty() ? nullptr : blk.data());
-            a = ExtCreateRegion(useXf ? &xf : nullptr, bytes, rd);
-            break;
+            a = ExtCreateRegion(useXf ? &xf : nullptr, bytes, rd); break;
         }
-        case 1: {  // polygons, several figures, both fill modes
-            // (or as many as the input holds)
+        case 1: {  // polygons, several figures, both fill modes (up to 63 points, or as many as the input holds)
             const size_t count = (mode & 0x40) ? (in.byte(), in.left() / 3) : in.byte() % 64;
             std::vector<POINT> pts(count);
             std::vector<uint8_t> flags(count);
@@ -79,16 +72,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             OrvaRgn* r = nullptr;
             if (K_SegmentsToRegion(&r, pts.data(), (mode & 0x20) ? flags.data() : nullptr, int32_t(count),
                                    (mode & 0x10) ? WINDING : ALTERNATE) == KS_SUCCESS) {
-                FUZZ_CHECK(krn::rgn::valid(r));
-                a = krn::rgn::makeHandle(r);
+                FUZZ_CHECK(krn::rgn::valid(r)), a = krn::rgn::makeHandle(r);
             }
             break;
         }
         case 2: {  // ellipses and rectangles with any corners
             const int32_t l = coord(in), t = coord(in), r = coord(in), btm = coord(in);
-            a = CreateEllipticRgn(l, t, r, btm);
-            b = CreateRectRgn(coord(in), coord(in), coord(in), coord(in));
-            break;
+            a = CreateEllipticRgn(l, t, r, btm), b = CreateRectRgn(coord(in), coord(in), coord(in), coord(in)); break;
         }
         default: {  // small shapes combined, then through a bitmap's setters
             a = CreateEllipticRgn(s8(in), s8(in), s8(in), s8(in));
@@ -97,8 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             b = CreatePolygonRgn(pts, 6, (mode & 0x10) ? WINDING : ALTERNATE);
             BITMAPRECORD bm;
             if (K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 1 + in.byte() % 64, 1 + in.byte() % 64, 8, 0, nullptr,
-                               1 + in.byte() % 8, nullptr, 0) != KS_SUCCESS)
-                break;
+                               1 + in.byte() % 8, nullptr, 0) != KS_SUCCESS) break;
             RGNXFORM xf{1 + in.byte() % 8, s8(in), s8(in), s8(in), s8(in), s8(in), s8(in)};
             if (in.byte() & 1) bm.uFlags |= BRF_UNCLIPPED_RGN;
             K_SetBitmapRgnHandle(&bm, (mode & 0x20) ? &xf : nullptr, a, in.byte() % 8);
@@ -108,8 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             K_SizeBitmapRgn(&bm, in.byte(), in.byte()), K_FlipBitmapRgn(&bm), K_ReverseBitmapRgn(&bm);
             HRGN out = nullptr;  // the region the setters left is valid
             if (K_GetBitmapRgnHandle(&bm, &xf, &out) == KS_SUCCESS) check(out), DeleteObject(out);
-            K_FreeBitmap(&bm);
-            break;
+            K_FreeBitmap(&bm); break;
         }
     }
     check(a), check(b);
@@ -117,11 +105,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         HRGN d = CreateRectRgn(0, 0, 0, 0);
         for (int op = RGN_AND; op <= RGN_COPY; ++op)
             if (CombineRgn(d, a, b, op)) check(d);
-        OffsetRgn(d, coord(in), coord(in));
-        check(d);
-        DeleteObject(d);
+        OffsetRgn(d, coord(in), coord(in)), check(d), DeleteObject(d);
     }
-    for (HRGN h : {a, b})
-        if (h) DeleteObject(h);
+    for (HRGN h : {a, b}) if (h) DeleteObject(h);
     return 0;
 }

@@ -17,12 +17,11 @@ extern "C" const char* __tsan_default_options() { return "allocator_may_return_n
 
 int main(int argc, char** argv) {
     std::vector<std::vector<uint8_t>> seeds;
-    if (argc > 1 && std::filesystem::is_directory(argv[1])) {
+    if (argc > 1 && std::filesystem::is_directory(argv[1]))
         for (const auto& e : std::filesystem::directory_iterator(argv[1])) {
             std::ifstream f(e.path(), std::ios::binary);
             seeds.emplace_back(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
         }
-    }
     const char* env = std::getenv("OMBRIX_FUZZ_ITERATIONS");
     const long iterations = env ? std::atol(env) : 20000;
     for (const auto& s : seeds) LLVMFuzzerTestOneInput(s.data(), s.size());
@@ -31,8 +30,8 @@ int main(int argc, char** argv) {
     for (long i = 0; i < iterations; ++i) {
         if (!seeds.empty() && (i & 1)) {
             buf = seeds[rng() % seeds.size()];
-            size_t edits = 1 + rng() % 8;
-            for (size_t k = 0; k < edits && !buf.empty(); ++k) buf[rng() % buf.size()] = uint8_t(rng());
+            for (size_t k = 0, edits = 1 + rng() % 8; k < edits && !buf.empty(); ++k)
+                buf[rng() % buf.size()] = uint8_t(rng());
             if (rng() % 4 == 0) buf.resize(rng() % (buf.size() + 64));
         } else {
             buf.resize(rng() % 512);
