@@ -22,7 +22,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     image::Raster r;
     image::Result res = image::decode(data, size, r);
     if (!res.ok()) return FUZZ_CHECK(res.status < 0 && !res.error.empty()), 0;
-    FUZZ_CHECK(r.pixels.size() == r.rowBytes() * size_t(r.height));
+    FUZZ_CHECK(r.pixels.size() == r.rowBytes() * size_t(r.height) && r.images >= 1);
+    for (int page : {1, r.images - 1, r.images}) {  // the second and last image decode; one past them is refused
+        image::Raster p;
+        image::Result rp = image::decode(data, size, p, nullptr, page);
+        if (page >= r.images) FUZZ_CHECK(!rp.ok() && rp.status < 0);
+        else if (rp.ok()) FUZZ_CHECK(p.images == r.images && p.pixels.size() == p.rowBytes() * size_t(p.height));
+    }
     BITMAPRECORD bm;
     image::Raster back;
     FUZZ_CHECK(image::toBitmap(r, bm).ok() && image::fromBitmap(bm, back).ok());
