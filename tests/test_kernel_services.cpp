@@ -13,6 +13,7 @@
 #include "krn/windowsemul/objects.h"
 #include "ombrix.h"
 #include "check_list.h"
+#include "run_threads.h"
 
 namespace {
 
@@ -77,26 +78,22 @@ TEST(GlobalMemory, HandleTableGrowthFailure) {
 // Fixed blocks re-keyed by K_GlobalReAlloc on some threads while others allocate and free keep contents and size.
 TEST(GlobalMemory, ReallocAcrossThreads) {
     const long base = fi::liveBlocks();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            std::vector<uint8_t*> blocks;
-            for (int i = 0; i < 300; ++i) {
-                auto* p = static_cast<uint8_t*>(K_GlobalAlloc(i % 5 ? GMEM_FIXED : GHND, 8));
-                ASSERT_NE(p, nullptr);
-                if (i % 5 == 0) ASSERT_EQ(K_GlobalFree(p), nullptr);  // movable ones only churn the table
-                else blocks.push_back(static_cast<uint8_t*>(std::memset(p, t * 16 + int(blocks.size() % 16), 8)));
+    onThreads(4, [](int t) {
+        std::vector<uint8_t*> blocks;
+        for (int i = 0; i < 300; ++i) {
+            auto* p = static_cast<uint8_t*>(K_GlobalAlloc(i % 5 ? GMEM_FIXED : GHND, 8));
+            ASSERT_NE(p, nullptr);
+            if (i % 5 == 0) ASSERT_EQ(K_GlobalFree(p), nullptr);  // movable ones only churn the table
+            else blocks.push_back(static_cast<uint8_t*>(std::memset(p, t * 16 + int(blocks.size() % 16), 8)));
+        }
+        for (size_t n = 24; n <= 648; n *= 3)
+            for (size_t i = 0; i < blocks.size(); ++i) {
+                auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(blocks[i], n, GMEM_ZEROINIT));
+                ASSERT_TRUE(q && q[0] == uint8_t(t * 16 + int(i % 16)) && q[n - 1] == 0 && K_GlobalSize(q) == n);
+                blocks[i] = q;
             }
-            for (size_t n = 24; n <= 648; n *= 3)
-                for (size_t i = 0; i < blocks.size(); ++i) {
-                    auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(blocks[i], n, GMEM_ZEROINIT));
-                    ASSERT_TRUE(q && q[0] == uint8_t(t * 16 + int(i % 16)) && q[n - 1] == 0 && K_GlobalSize(q) == n);
-                    blocks[i] = q;
-                }
-            for (uint8_t* p : blocks) ASSERT_EQ(K_GlobalFree(p), nullptr);
-        });
-    }
-    for (auto& th : threads) th.join();
+        for (uint8_t* p : blocks) ASSERT_EQ(K_GlobalFree(p), nullptr);
+    });
     EXPECT_EQ(fi::liveBlocks(), base);
 }
 
@@ -271,21 +268,16 @@ TEST_F(BlockCache, StaysWithinItsLimitAndTheCapAndTheHookFailsLargeRequests) {
 }
 
 TEST_F(BlockCache, ThreadsNeverShareABlock) {
-    auto work = [](unsigned char tag, int* bad) {
+    std::atomic<int> bad{0};
+    onThreads(2, [&](int t) {
         for (int i = 0; i < 40; ++i) {
             const size_t n = kBig + size_t(i % 3) * 65536;
             auto* p = static_cast<unsigned char*>(krn::memAlloc(n));
-            if (!p) { ++*bad; continue; }
-            std::memset(p, tag, n);
-            std::this_thread::yield();
-            *bad += !allBytes(p, n, tag);
+            bad += !p || (std::memset(p, 0x11 * (t + 1), n), std::this_thread::yield(), !allBytes(p, n, 0x11 * (t + 1)));
             krn::memFree(p);
         }
-    };
-    int bad1 = 0, bad2 = 0;
-    std::thread t1(work, 0x11, &bad1), t2(work, 0x22, &bad2);
-    t1.join(), t2.join();
-    EXPECT_EQ(bad1 + bad2, 0);
+    });
+    EXPECT_EQ(bad.load(), 0);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "krn/common/tempfile.h"
 #include "ombrix.h"
 #include "redirect_memfs.h"
+#include "run_threads.h"
 
 namespace {
 
@@ -96,8 +97,7 @@ TEST(RedirectTables, RedirectIOSlotsDefaultsEmptyAndGiven) {
     ASSERT_EQ(install(procFs.table(), 1), KS_SUCCESS);
     int token;
     // open empty (process-wide), read given, write default, seek and close empty.
-    ASSERT_EQ(K_RedirectIO(REDIRECT_EMPTY, (void*)&myRead, nullptr, REDIRECT_EMPTY, REDIRECT_EMPTY, &token),
-              KS_SUCCESS);
+    ASSERT_EQ(K_RedirectIO(REDIRECT_EMPTY, (void*)&myRead, nullptr, REDIRECT_EMPTY, REDIRECT_EMPTY, &token), 1);
     const REDIRECTRECORD t = get(REDIRECT_GET_THREAD), f = get(REDIRECT_GET_IN_FORCE);
     EXPECT_EQ(slots(t), Slots({nullptr, (const void*)&myRead, (const void*)&K_OsWrite, nullptr, nullptr}));
     // In force: the process-wide slots under the thread's given ones (size slots follow the open function).
@@ -135,24 +135,17 @@ TEST(RedirectTables, SelectorsSwapAndReset) {
 TEST(RedirectTables, ProcessTableIsNeverTorn) {
     StateGuard guard;
     MemFs a, b;
-    std::atomic<bool> stop{false};
-    std::atomic<long> torn{0}, seen{0};
+    std::atomic<long> torn{0}, seen{0}, readersDone{0};
     ASSERT_EQ(install(a.table(), 1), KS_SUCCESS);
-    std::vector<std::thread> writers, readers;
-    for (int w = 0; w < 2; ++w)
-        writers.emplace_back([&, w] { for (int i = 0; !stop; ++i) install(((i + w) & 1) ? a.table() : b.table(), 1); });
-    for (int r = 0; r < 2; ++r)
-        readers.emplace_back([&] {
-            for (int i = 0; i < 5000; ++i, ++seen) {
-                const REDIRECTRECORD t = get(REDIRECT_GET_IN_FORCE, 1);
-                void* u = t.pOpenUserData;
-                for (void* v : {t.pReadUserData, t.pWriteUserData, t.pSeekUserData, t.pCloseUserData, t.pSizeUserData,
-                                t.pSetSizeUserData}) torn += (u != &a && u != &b) || v != u;
-            }
-        });
-    for (auto& t : readers) t.join();
-    stop = true;
-    for (auto& t : writers) t.join();
+    onThreads(4, [&](int w) {  // two writers until the two readers are done
+        for (int i = 0; w < 2 && readersDone.load() < 2; ++i) install(((i + w) & 1) ? a.table() : b.table(), 1);
+        for (int i = 0; w >= 2 && i < 5000; ++i, ++seen) {
+            const REDIRECTRECORD t = get(REDIRECT_GET_IN_FORCE, 1);
+            for (void* v : {t.pOpenUserData, t.pReadUserData, t.pWriteUserData, t.pSeekUserData, t.pCloseUserData,
+                            t.pSizeUserData, t.pSetSizeUserData}) torn += (v != &a && v != &b) || v != t.pOpenUserData;
+        }
+        readersDone += w >= 2;
+    });
     EXPECT_TRUE(torn.load() == 0 && seen.load() == 10000);
 }
 
@@ -510,8 +503,7 @@ TEST(TempFile, ModeOptionsAndMode3) {
     TEMPFILEOPTIONS o{TEMPFILEOPTIONS_SIZE, 0, 0, 0, {11, 22}}, back{};
     TempFile* f = nullptr;
     MemFs fs;
-    expectAll({IS(K_SetTempFileOptions(&o), KS_SUCCESS),
-               IS(K_GetTempFileMode(), 2), IS(krn::tempDiskAllowed(), 1),
+    expectAll({IS(K_SetTempFileOptions(&o), KS_SUCCESS), IS(K_GetTempFileMode(), 2), IS(krn::tempDiskAllowed(), 1),
                IS((o.nMode = 3, K_SetTempFileOptions(&o)), KS_SUCCESS), IS(krn::tempFileMode(), 3),
                IS(krn::tempDiskAllowed(), 0), IS(krn::tempCreate(&f), KS_NOT_SUPPORTED),
                IS(K_RedirectedTempFileOpen(nullptr, 0, 0, nullptr) == OMBRIX_INVALID_FILE, 1),
