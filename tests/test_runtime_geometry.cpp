@@ -14,9 +14,7 @@
 
 namespace {
 
-struct Ref {
-    double m11, m12, m21, m22, ox, oy;
-};
+struct Ref { double m11, m12, m21, m22, ox, oy; };
 const Ref kId{1, 0, 0, 1, 0, 0};
 
 Ref refOf(const KMATRIX& m) { return m.nType == 0 ? kId : Ref{m.dM11, m.dM12, m.dM21, m.dM22, m.dOffsetX, m.dOffsetY}; }
@@ -136,13 +134,9 @@ TEST(RuntimeGeometryMatrix, TypeDerivationAndAccessors) {
     expectAll({{K_Matrix_IsIdentity(&m), 1},
                {K_Matrix_GetM11(&m), 1.0}, {K_Matrix_GetM22(&m), 1.0}, {K_Matrix_Determinant(&m), 1.0}});
     // Setters from the identity change one value and re-derive the type.
-    const struct {
-        void (*set)(KMATRIX*, double);
-        double v;
-        int type;
-    } steps[] = {{K_Matrix_SetM12, 0.5, 4}, {K_Matrix_SetM12, 0.0, 0},   {K_Matrix_SetOffsetX, 2, 1},
-                 {K_Matrix_SetM22, 3, 3},   {K_Matrix_SetOffsetX, 0, 2}, {K_Matrix_SetM21, 1, 4},
-                 {K_Matrix_SetM11, 7, 4},   {K_Matrix_SetOffsetY, 9, 4}};
+    const struct { void (*set)(KMATRIX*, double); double v; int type; } steps[] = {
+        {K_Matrix_SetM12, 0.5, 4}, {K_Matrix_SetM12, 0.0, 0}, {K_Matrix_SetOffsetX, 2, 1}, {K_Matrix_SetM22, 3, 3},
+        {K_Matrix_SetOffsetX, 0, 2}, {K_Matrix_SetM21, 1, 4}, {K_Matrix_SetM11, 7, 4}, {K_Matrix_SetOffsetY, 9, 4}};
     for (const auto& s : steps) EXPECT_EQ((s.set(&m, s.v), m.nType), s.type);
     KMATRIX z, i;
     std::memset(&z, 0, sizeof z);
@@ -232,18 +226,18 @@ TEST(RuntimeGeometryMatrix, TransformsMatchReference) {
 // Builders against matrices the test assembles itself. Builder k: even k appends the step, odd k prepends it.
 void build(int k, KMATRIX* m, double a, double cx, double cy, double sx, double sy, double kx, double ky) {
     switch (k) {
-        case 0: K_Matrix_Rotate(m, a); break;
-        case 1: K_Matrix_RotatePrepend(m, a); break;
-        case 2: K_Matrix_RotateAt(m, a, cx, cy); break;
-        case 3: K_Matrix_RotateAtPrepend(m, a, cx, cy); break;
-        case 4: K_Matrix_Scale(m, sx, sy); break;
-        case 5: K_Matrix_ScalePrepend(m, sx, sy); break;
-        case 6: K_Matrix_ScaleAt(m, sx, sy, cx, cy); break;
-        case 7: K_Matrix_ScaleAtPrepend(m, sx, sy, cx, cy); break;
-        case 8: K_Matrix_Skew(m, kx, ky); break;
-        case 9: K_Matrix_SkewPrepend(m, kx, ky); break;
-        case 10: K_Matrix_Translate(m, cx, cy); break;
-        default: K_Matrix_TranslatePrepend(m, cx, cy);
+        case 0: return K_Matrix_Rotate(m, a);
+        case 1: return K_Matrix_RotatePrepend(m, a);
+        case 2: return K_Matrix_RotateAt(m, a, cx, cy);
+        case 3: return K_Matrix_RotateAtPrepend(m, a, cx, cy);
+        case 4: return K_Matrix_Scale(m, sx, sy);
+        case 5: return K_Matrix_ScalePrepend(m, sx, sy);
+        case 6: return K_Matrix_ScaleAt(m, sx, sy, cx, cy);
+        case 7: return K_Matrix_ScaleAtPrepend(m, sx, sy, cx, cy);
+        case 8: return K_Matrix_Skew(m, kx, ky);
+        case 9: return K_Matrix_SkewPrepend(m, kx, ky);
+        case 10: return K_Matrix_Translate(m, cx, cy);
+        default: return K_Matrix_TranslatePrepend(m, cx, cy);
     }
 }
 
