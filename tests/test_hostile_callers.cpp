@@ -17,8 +17,8 @@
 
 namespace {
 
-const int32_t kFar[] = {INT32_MIN, INT32_MIN + 1, -1000000000,   -2,       -1, 0, 1, 2,
-                        30,        1000000000,    INT32_MAX - 1, INT32_MAX};
+const int32_t kFar[] = {INT32_MIN, INT32_MIN + 1, -1000000000, -2, -1, 0, 1, 2, 30, 1000000000, INT32_MAX - 1,
+                        INT32_MAX};
 bool fits32(int64_t v) { return v >= INT32_MIN && v <= INT32_MAX; }
 
 // Far-out values against an affine model (each output is one input, plus or minus, plus a constant) measured on
@@ -34,10 +34,7 @@ int32_t pointCall(int32_t from, int32_t w, int32_t h, int32_t to, int32_t* v) {
     return K_ChangePointViewPerspective(from, w, h, to, &v[0], &v[1]);
 }
 
-struct Affine {
-    int64_t c[4] = {};
-    int sign[4] = {}, src[4] = {};  // output j = c[j] + sign[j] * in[src[j]]
-};
+struct Affine { int64_t c[4] = {}; int sign[4] = {}, src[4] = {}; };  // output j = c[j] + sign[j] * in[src[j]]
 bool measure(Call call, int n, int32_t from, int32_t w, int32_t h, int32_t to, Affine* m) {
     for (int32_t base : {0, 1, -1, 2, -2}) {
         int32_t o0[4] = {base, base, base, base};
@@ -81,8 +78,9 @@ void farOutSweep(Call call, int n) {
     EXPECT_TRUE(refused > 1000 && converted > 1000);
 }
 
-TEST(HostileViewPerspective, FarOutRectanglesAreConvertedExactlyOrRefused) { farOutSweep(rectCall, 4); }
-TEST(HostileViewPerspective, FarOutPointsAreConvertedExactlyOrRefused) { farOutSweep(pointCall, 2); }
+TEST(HostileViewPerspective, FarOutRectanglesAndPointsAreConvertedExactlyOrRefused) {
+    farOutSweep(rectCall, 4), farOutSweep(pointCall, 2);
+}
 
 // The emulated rectangle helpers: exact in range, refused (0, unchanged) where an edge would leave 32 bits.
 TEST(HostileRects, InflateAndOffsetAreExactOrRefused) {
@@ -163,26 +161,19 @@ TEST(HostileFirstCall, CallsWhileAThreadEndsUseALiveBlockAndDoNotLeak) {
     krn::ThreadSettings& process = krn::processSettings();
     const int32_t processX = process.nXResolution, processY = process.nYResolution;
     process.nXResolution = 4242;
-    std::thread([] {
-        t_callsKernel.touched = true, K_SetDefaultXResolution(600);
-    }).join();  // ours constructed before the kernel's block
-    EXPECT_TRUE(g_resolutionAtThreadEnd == 600 &&
-                process.nYResolution == processY);  // the write went to the thread's block
+    std::thread([] { t_callsKernel.touched = true, K_SetDefaultXResolution(600); }).join();  // ours made first
+    EXPECT_TRUE(g_resolutionAtThreadEnd == 600 && process.nYResolution == processY);  // written to the thread's block
     process.nXResolution = processX;
     for (int i = 0; i < 20; ++i) {
         g_lateSeen = -1;
-        std::thread([] {
-            K_SetDefaultXResolution(55), pthread_setspecific(g_lateKey, reinterpret_cast<void*>(1));
-        }).join();
+        std::thread([] { K_SetDefaultXResolution(55), pthread_setspecific(g_lateKey, &g_lateKey); }).join();
         EXPECT_EQ(g_lateSeen, 1);
     }
     EXPECT_EQ(krn::faultinject::liveBlocks(), before);
     pthread_key_delete(g_lateKey);
 }
 
-struct Restore : storagetest::CapGuard {
-    ~Restore() { krn::testhook::setAvailableMemory(0); }
-};
+struct Restore : storagetest::CapGuard { ~Restore() { krn::testhook::setAvailableMemory(0); } };
 
 // Writes every row and reads it back; returns the bytes in memory tiles.
 uint64_t roundTrip(BITMAPRECORD& bm) {
@@ -261,10 +252,10 @@ TEST(HostileStorageLong, LongBitmapLargerThanTheFreeMemoryWritesAndReadsBack) {
     Restore restore;
     krn::testhook::setAvailableMemory(uint64_t(256) << 20);
     int64_t used = 0;
-    K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &used);
-    ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, used + (int64_t(256) << 20), nullptr), KS_SUCCESS);
     BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 16384, 16384, 24, 1, nullptr, 1, nullptr, 0), KS_SUCCESS);
+    ASSERT_TRUE(K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &used) == KS_SUCCESS &&
+                K_ManageMemory(MANAGEMEMORY_SET_CAP, used + (int64_t(256) << 20), nullptr) == KS_SUCCESS &&
+                K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 16384, 16384, 24, 1, nullptr, 1, nullptr, 0) == KS_SUCCESS);
     EXPECT_LE(roundTrip(bm), uint64_t(256) << 20);
     K_FreeBitmap(&bm);
 }

@@ -86,7 +86,8 @@ TEST(RecordInit, EdgesOfEveryArgument) {
         BITMAPRECORD bm = patterned(0xAB);
         std::vector<uint8_t> expect(OMBRIX_RECORD_BYTES(id), 0);
         std::memcpy(expect.data(), &id, sizeof id);
-        EXPECT_TRUE(K_InitBitmap(&bm, id, 0, 0, 0) == KS_SUCCESS && !std::memcmp(&bm, expect.data(), expect.size())) << id;
+        EXPECT_TRUE(K_InitBitmap(&bm, id, 0, 0, 0) == KS_SUCCESS && !std::memcmp(&bm, expect.data(), expect.size()))
+            << id;
     }
     BITMAPRECORD bm = patterned(0xCD);
     ASSERT_EQ(K_InitBitmap(&bm, O, 10, 10, 24), KS_SUCCESS);
@@ -106,7 +107,8 @@ TEST(RecordInit, EdgesOfEveryArgument) {
         SCOPED_TRACE(::testing::Message() << c.id << " " << c.w << "x" << c.h << "x" << c.bpp);
         ASSERT_EQ(K_InitBitmap(&bm, c.id, c.w, c.h, c.bpp), c.expect);
         EXPECT_TRUE(c.expect != KS_MEMORY_TOO_LOW || (bm.uSize == 0xFFFF0000u && bm.nWidth == 0));
-        EXPECT_TRUE(c.expect != KS_SUCCESS || (bm.uSize == uint32_t(c.size64) && (c.id != N || bm.uSize64 == c.size64)));
+        EXPECT_TRUE(c.expect != KS_SUCCESS ||
+                    (bm.uSize == uint32_t(c.size64) && (c.id != N || bm.uSize64 == c.size64)));
     }
     EXPECT_EQ(K_InitBitmap(nullptr, N, 1, 1, 1), KS_INVALID_PARAMETER);
     for (int bpp : {0, 9, 10, 11, 13, 14, 15, 17, 25, 33, 63, 65, -8})

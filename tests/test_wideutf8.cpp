@@ -2,6 +2,8 @@
 // every short sequence accepted exactly when canonical; malformed input refused; short outputs keep characters.
 #include <gtest/gtest.h>
 
+#include <bit>
+
 #include "check_list.h"
 #include "ombrix.h"
 #include "wideutf8.h"
@@ -24,12 +26,8 @@ bool refScalar(uint32_t c) { return c < 0xD800 || (c > 0xDFFF && c <= 0x10FFFF);
 
 // Reference validity: decode loosely, then require a scalar whose re-encoding gives the same bytes.
 bool refValidOne(const unsigned char* b, size_t n) {
-    const size_t len = n == 0                  ? 0
-                       : b[0] < 0x80           ? 1
-                       : (b[0] & 0xE0) == 0xC0 ? 2
-                       : (b[0] & 0xF0) == 0xE0 ? 3
-                       : (b[0] & 0xF8) == 0xF0 ? 4
-                                               : 0;
+    const int ones = n ? std::countl_one(b[0]) : -1;  // the lead's leading 1 bits give the length
+    const size_t len = ones == 0 ? 1 : ones >= 2 && ones <= 4 ? size_t(ones) : 0;
     if (len == 0 || len != n) return false;
     uint32_t c = b[0] & (0xFF >> (len + (len > 1)));  // the lead's payload bits
     for (size_t i = 1; i < n; ++i) {
