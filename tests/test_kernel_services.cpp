@@ -29,7 +29,7 @@ std::wstring message(int32_t code, std::wstring* lib = nullptr) {
 
 // A fixed block is its own pointer, grows with zeros, is refused (errno 22) once freed; a movable block may not
 // move while locked and keeps its handle when it moves.
-TEST(GlobalMemory, FixedAndMovableBlocks) {
+TEST(GlobalMemory, FixedAndMovableBlocksAndHandleTableGrowthFailure) {
     auto* p = static_cast<uint8_t*>(K_GlobalAlloc(GPTR, 100));
     ASSERT_TRUE(p && std::vector<uint8_t>(p, p + 100) == std::vector<uint8_t>(100, 0) && K_GlobalLock(p) == p);
     std::memset(p, 7, 100);
@@ -47,10 +47,7 @@ TEST(GlobalMemory, FixedAndMovableBlocks) {
                IS((m = static_cast<uint8_t*>(K_GlobalLock(h)))[63], 9), IS(K_GlobalUnlock(h), 0),
                IS(K_GlobalFree(m) == m, 1), IS(K_GlobalFree(h) == nullptr, 1), IS(errno = 0, 0),
                IS(K_GlobalLock(h) == nullptr, 1), IS(errno, EINVAL)});
-}
-
-// The handle table cannot grow: new blocks fail cleanly; a fixed block that must move keeps pointer and contents.
-TEST(GlobalMemory, HandleTableGrowthFailure) {
+    // The handle table cannot grow: new blocks fail cleanly; a fixed block that must move keeps pointer and contents.
     const long base = fi::liveBlocks();
     std::vector<HGLOBAL> blocks{K_GlobalAlloc(GPTR, 16), K_GlobalAlloc(GPTR, 16)};
     auto* fixed = static_cast<uint8_t*>(blocks[1]);
@@ -222,7 +219,7 @@ TEST_F(BlockCache, ReusedBlockIsZeroedWhenAskedAndKeptOtherwise) {
 }
 
 // Grow and shrink across the large-block threshold; pages move (mremap) or, where advice split the mapping, copy.
-TEST_F(BlockCache, ResizeKeepsContents) {
+TEST_F(BlockCache, ResizeKeepsContentsAndStaysWithinItsLimitAndTheCap) {
     const size_t sizes[] = {kBig, kBig + kBig / 2, kBig - 1000, size_t(5) << 20, 1 << 20, kBig * 2, kBig * 3};
     auto* p = static_cast<unsigned char*>(krn::memAlloc(kBig));
     ASSERT_NE(p, nullptr);
@@ -243,10 +240,7 @@ TEST_F(BlockCache, ResizeKeepsContents) {
 #endif
     }
     krn::memFree(p);
-}
-
-// At most four blocks are kept; under a 16 MiB cap no 8 MiB block stays; the hook still fails large requests.
-TEST_F(BlockCache, StaysWithinItsLimitAndTheCapAndTheHookFailsLargeRequests) {
+    // At most four blocks are kept; under a 16 MiB cap no 8 MiB block stays; the hook still fails large requests.
     void* blocks[6];
     for (auto& b : blocks) ASSERT_NE(b = krn::memAlloc(kBig), nullptr);
     for (auto* b : blocks) krn::memFree(b);

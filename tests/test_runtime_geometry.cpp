@@ -72,7 +72,7 @@ void expectAll(std::initializer_list<std::pair<double, double>> rows) {
     for (const auto& [got, want] : rows) EXPECT_EQ(got, want) << "row " << i++;
 }
 
-TEST(RuntimeGeometryDouble, DocumentedEdgeCasesAndClosenessRules) {
+TEST(RuntimeGeometryDouble, EdgeCasesClosenessRulesDoubleToIntAndNormalizeAngle) {
     // The relative rule: eps = (|a| + |b| + 10) * DBL_EPSILON, strict.
     const double eps = 12.0 * DBL_EPSILON;
     RECTD r{0, 1, NAN, 3}, q{0, 1, 2, 3}, q2{1e-17, 1, 2, 3}, q3{0, 1, 2, 3.001};
@@ -97,10 +97,7 @@ TEST(RuntimeGeometryDouble, DocumentedEdgeCasesAndClosenessRules) {
         {K_Double_AreCloseSizes(&s1, &s1), 1}, {K_Double_AreCloseSizes(&s1, &s2), 0},
         {K_Double_AreClosePoints(nullptr, &p1), 0},
     });
-}
-
-// DoubleToInt rounds half away from zero and saturates; NormalizeAngle equals repeated subtraction, bit for bit.
-TEST(RuntimeGeometryDouble, DoubleToIntAndNormalizeAngleAgainstPlainRules) {
+    // DoubleToInt rounds half away from zero and saturates; NormalizeAngle equals repeated subtraction, bit for bit.
     auto loop = [](double d) {
         while (d > 360) d -= 360;
         while (d < 0) d += 360;
@@ -402,7 +399,7 @@ long double exactScaled(long double hundredths, bool sine) {
 }
 
 // Round half up, decided only clearly away from a tie; 0, 30 and 90 degrees are exact (0, 8192, 16384).
-TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRule) {
+TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRuleAndFoldingMatchesTheTrueFunctions) {
     const int32_t* t = krn::sineTable();
     for (int a = 0; a <= 9000; ++a) {
         const long double v = exactScaled(a, true), frac = v - std::floor(v);
@@ -412,10 +409,7 @@ TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRule) {
             << "entry " << a << " wrong or too close to a tie to decide";
     }
     EXPECT_TRUE(t[1] == 3 && t[4500] == 11585);
-}
-
-// Over the whole turn within half a unit of the true value, with the symmetries; outside it wraps modulo 36000.
-TEST(RuntimeSine, FoldingMatchesTheTrueFunctionsOverTheWholeTurnAndWraps) {
+    // Over the whole turn within half a unit of the true value, with the symmetries; outside it wraps modulo 36000.
     for (int a = 0; a <= 36000; ++a) {
         const int32_t gs = K_SinValue(a), gc = K_CosValue(a);
         ASSERT_TRUE(std::fabs(gs - exactScaled(a, true)) <= 0.5L + 1e-9L &&

@@ -81,7 +81,7 @@ const uint32_t N = BITMAPRECORD_SIZE, O = BITMAPRECORD_SIZE_OLD;
 // An empty record keeps only its size word; the older layout never writes past its bytes. Statuses and sizes at
 // the edges: size words, dimensions, depths, rows whose bit count does not fit 32 bits, and the older layout's
 // 32-bit data size (uSize 0xFFFF0000 and width 0 when it cannot hold the image).
-TEST(RecordInit, EdgesOfEveryArgument) {
+TEST(RecordInit, EdgesOfEveryArgumentAndCreation) {
     for (uint32_t id : {N, O}) {
         BITMAPRECORD bm = patterned(0xAB);
         std::vector<uint8_t> expect(OMBRIX_RECORD_BYTES(id), 0);
@@ -113,16 +113,13 @@ TEST(RecordInit, EdgesOfEveryArgument) {
     EXPECT_EQ(K_InitBitmap(nullptr, N, 1, 1, 1), KS_INVALID_PARAMETER);
     for (int bpp : {0, 9, 10, 11, 13, 14, 15, 17, 25, 33, 63, 65, -8})
         EXPECT_EQ(K_InitBitmap(&bm, N, 5, 5, bpp), KS_INVALID_BITS_PER_PIXEL) << bpp;
-}
-
-// Perspective 0 means top-left, depth 0 8-bit grey; grey order gets a ramp, a caller palette is copied.
-TEST(RecordCreate, PerspectiveOrderPaletteAndTheOrderOfChecks) {
+    // Perspective 0 means top-left, depth 0 8-bit grey; grey order gets a ramp, a caller palette is copied.
     RGBQUAD pal[16];
     for (int i = 0; i < 16; ++i) pal[i] = RGBQUAD{uint8_t(i), uint8_t(2 * i), uint8_t(3 * i), 0};
-    const struct { int32_t bpp, order; const RGBQUAD* pal; int32_t vp, bppAfter, orderAfter; } cases[] = {
+    const struct { int32_t bpp, order; const RGBQUAD* pal; int32_t vp, bppAfter, orderAfter; } made[] = {
         {24, ORDER_RGB, nullptr, 0, 24, ORDER_RGB}, {0, ORDER_BGR, nullptr, 1, 8, ORDER_RGB},
         {2, ORDER_GRAY, nullptr, 1, 2, ORDER_RGB},  {4, ORDER_BGR, pal, 1, 4, -1}, {1, ORDER_BGR, nullptr, 1, 1, -1}};
-    for (const auto& c : cases) {
+    for (const auto& c : made) {
         SCOPED_TRACE(c.bpp);
         BITMAPRECORD bm;
         ASSERT_EQ(K_CreateBitmap(&bm, N, 1, 8, 8, c.bpp, c.order, c.pal, c.vp, nullptr, 0), KS_SUCCESS);
@@ -212,7 +209,7 @@ TEST(RecordFree, OrderAroundTheFreeCallbackAndEverythingReleased) {
     expectAll({IS(K_ReleaseBitmap(&bm), 1), IS(bm.pData == nullptr, 1), IS(K_FreeBitmap(&bm), 1)});
 }
 
-TEST(StorageDecision, MemoryTypesAndTheKindEachGets) {
+TEST(StorageDecision, MemoryTypesCapThresholdsAndFreeMemorySteerTheKind) {
     for (uint32_t t : {3, 5, 6, 7, 10, 258, 2048, 2049}) EXPECT_EQ(allocate(8, 8, t), KS_INVALID_PARAMETER) << t;
     for (uint32_t t : {1, 4, 8, 9, 128, 256, 257, 260, 264, 265, 1024, 1025, 1280, 1281})
         EXPECT_EQ(allocate(8, 8, t), KS_SUCCESS) << t;
@@ -230,14 +227,11 @@ TEST(StorageDecision, MemoryTypesAndTheKindEachGets) {
             << k.type << " " << k.bpp;
         K_FreeBitmap(&bm);
     }
-}
-
-// The cap, the thresholds, the free memory (0: the real one) and the process-wide largest image steer a 2000-byte
-// image between one block, tiles, a file and a refusal.
-TEST(StorageDecision, CapThresholdsAndFreeMemorySteerTheDecision) {
+    // The cap, the thresholds, the free memory (0: the real one) and the process-wide largest image steer a 2000-byte
+    // image between one block, tiles, a file and a refusal.
     CapGuard guard;
     struct Restore { ~Restore() { krn::testhook::setAvailableMemory(0); } } restore;
-    BITMAPRECORD bm;  // tile size 0 means 16 MiB: one tile holds every row
+    // Tile size 0 means 16 MiB: one tile holds every row.
     uint64_t tileSize = 0;
     int32_t tiles = 0;
     expectAll({IS(K_SetMemoryThresholds(0, 0, 0, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS),
@@ -513,32 +507,9 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
     }
 }
 
-// Tiles in memory only: a failed tile is retried with half the tile size; at the floor (8 MiB) it fails.
-TEST(StorageFaults, TilesRetryWithHalfTheTileSize) {
-    CapGuard guard;
-    ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE), 1);
-    K_GetDefaultMemoryType();
-    const long live = fi::liveBlocks();
-    for (int32_t floor : {0, 1}) {
-        if (floor) { ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS); }
-        BITMAPRECORD bm;
-        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);  // 32 MiB
-        fi::arm(1, 1);  // allocation 0 is the tile table, 1 the first 16 MiB tile
-        const int32_t rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
-        fi::disarm();
-        EXPECT_EQ(rc, floor ? KS_NO_MEMORY : KS_SUCCESS);
-        uint64_t tileSize = 0;
-        int32_t tiles = 0, onDisk = -1;
-        uint32_t type = 0;
-        K_GetBitmapMemoryInfo(&bm, &type, &tileSize, &tiles, &onDisk);
-        EXPECT_TRUE(floor || (type == 4 && tileSize == 8u << 20 && tiles == 4 && onDisk == 0)) << tileSize;
-        EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, floor ? 0u : BRF_ALLOCATED);
-        K_FreeBitmap(&bm);
-    }
-    EXPECT_EQ(fi::liveBlocks(), live);
-}
-
-TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
+// A failed height change keeps the bitmap, row for row. Tiles in memory only: a failed tile is retried with half
+// the tile size; at the floor (8 MiB) it fails.
+TEST(StorageFaults, HeightChangeFailuresKeepTheBitmapAndTilesRetryWithHalfTheTileSize) {
     CapGuard guard;
     for (uint32_t type : {1u, 4u, 128u, 512u, 1024u}) {
         BITMAPRECORD bm;
@@ -561,6 +532,26 @@ TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
         expectPattern(&bm, 20, 5, "after growth");
         K_FreeBitmap(&bm);
     }
+    ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE), 1);
+    K_GetDefaultMemoryType();
+    const long live = fi::liveBlocks();
+    for (int32_t floor : {0, 1}) {
+        if (floor) { ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS); }
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);  // 32 MiB
+        fi::arm(1, 1);  // allocation 0 is the tile table, 1 the first 16 MiB tile
+        const int32_t rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
+        fi::disarm();
+        EXPECT_EQ(rc, floor ? KS_NO_MEMORY : KS_SUCCESS);
+        uint64_t tileSize = 0;
+        int32_t tiles = 0, onDisk = -1;
+        uint32_t type = 0;
+        K_GetBitmapMemoryInfo(&bm, &type, &tileSize, &tiles, &onDisk);
+        EXPECT_TRUE(floor || (type == 4 && tileSize == 8u << 20 && tiles == 4 && onDisk == 0)) << tileSize;
+        EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, floor ? 0u : BRF_ALLOCATED);
+        K_FreeBitmap(&bm);
+    }
+    EXPECT_EQ(fi::liveBlocks(), live);
 }
 
 // Six threads allocate, tile, write and resize against one cap: never past it, every refusal is the cap's.

@@ -100,7 +100,7 @@ Runs referenceCompress(const uint8_t* src, uint64_t first, uint32_t count) {
     return out;
 }
 
-TEST(CompressedRows, RoundTripAgainstReference) {
+TEST(CompressedRows, RoundTripAgainstReferenceMirrorFlipAndUntrustedRuns) {
     std::mt19937 rng(42);
     for (int iter = 0; iter < 400; ++iter) {
         const uint32_t count = iter < 20 ? uint32_t(65520 + rng() % 200) : uint32_t(rng() % 300);
@@ -122,11 +122,8 @@ TEST(CompressedRows, RoundTripAgainstReference) {
             ASSERT_EQ(bitAt(back.data(), x), in ? bitAt(src.data(), x) : (0xA5 >> (7 - (x & 7))) & 1) << x;
         }
     }
-}
-
-// Mirror and flip agree with mirrored pixels and reversed rows (an empty run list mirrors to one run); count 0
-// writes nothing. Runs past the width: rows cut at their end, padding cleared, bits around the range kept.
-TEST(CompressedRows, MirrorFlipAndUntrustedRuns) {
+    // Mirror and flip agree with mirrored pixels and reversed rows (an empty run list mirrors to one run); count 0
+    // writes nothing. Runs past the width: rows cut at their end, padding cleared, bits around the range kept.
     const auto bad = packRuns({3, 65535, 65535, 65535});
     std::vector<uint8_t> guarded(4 + 8, 0x5A), ones(4, 0xFF), zeros(4, 0);
     ASSERT_EQ(K_ExpandRows(bad.data(), guarded.data(), 20, 1) + K_ExpandRow(bad.data(), ones.data(), 5, 6) +
@@ -183,7 +180,7 @@ std::vector<uint8_t> makeRow(Shape s, int32_t w, int32_t bpp, uint32_t seed) {
     return img.px;
 }
 
-TEST(SuperCodec, RoundTripsAndMethods) {
+TEST(SuperCodec, RoundTripsMethodsAndBlocksOfRunsCodedOnTheirOwn) {
     for (int32_t bpp : {1, 8, 24})
         for (int32_t w : {1, 2, 7, 8, 9, 31, 33, 63, 64, 65, 100, 1000, 4099})
             for (Shape s : {Shape::Zero, Shape::Smooth, Shape::Text, Shape::Random, Shape::OnePixel, Shape::AllOnes}) {
@@ -201,11 +198,8 @@ TEST(SuperCodec, RoundTripsAndMethods) {
                             n * 2 < rawBytes(w, bpp))
                     << "structured rows compress at least 2:1";
             }
-}
-
-// A block of 64 runs is coded from its own lengths only: rows whose first block holds the same lengths in another
-// order and whose last runs are equal take the same number of bytes.
-TEST(SuperCodec, EachBlockOfRunsIsCodedOnItsOwn) {
+    // A block of 64 runs is coded from its own lengths only: rows whose first block holds the same lengths in another
+    // order and whose last runs are equal take the same number of bytes.
     auto encodedSize = [](const std::vector<uint32_t>& runs) {  // even runs white, odd runs black
         uint32_t w = 0;
         for (uint32_t r : runs) w += r;
