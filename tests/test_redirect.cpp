@@ -56,7 +56,7 @@ int32_t install(REDIRECTRECORD t, int processWide = 0) { return MemFs::set(t, RE
 std::string text(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
 // A table installed on this thread is in force here and nowhere else; a fresh thread sees the defaults.
-TEST(RedirectTables, ThreadTableStaysOnItsThreadAndFreshThreadsSeeDefaults) {
+TEST(RedirectTables, ThreadTableDefaultsAndRedirectIOSlots) {
     StateGuard guard;
     MemFs fs;
     REDIRECTRECORD mine = fs.table();
@@ -75,10 +75,6 @@ TEST(RedirectTables, ThreadTableStaysOnItsThreadAndFreshThreadsSeeDefaults) {
                    IS(tmp.pfnRead == &K_RedirectedTempFileRead, 1), IS(tmp.pfnClose == &K_RedirectedTempFileClose, 1),
                    IS(K_UsesRedirectIO(), 0)});
     }).join();
-}
-
-TEST(RedirectTables, RedirectIOSlotsDefaultsEmptyAndGiven) {
-    StateGuard guard;
     MemFs procFs;
     ASSERT_EQ(install(procFs.table(), 1), KS_SUCCESS);
     int token;
@@ -99,7 +95,7 @@ TEST(RedirectTables, RedirectIOSlotsDefaultsEmptyAndGiven) {
 }
 
 // Refused arguments install nothing; a swap hands back the table it replaced, a reset puts back the defaults.
-TEST(RedirectTables, FrameChecksSelectorsSwapAndReset) {
+TEST(RedirectTables, FrameChecksSelectorsSwapResetAndNeverTorn) {
     StateGuard guard;
     MemFs a, b;
     REDIRECTRECORD ta = a.table(), tb = b.table(), r = blank(), partial = blank(), partial2 = blank(), big = blank();
@@ -125,12 +121,7 @@ TEST(RedirectTables, FrameChecksSelectorsSwapAndReset) {
                IS(get(REDIRECT_GET_THREAD).pfnRead == nullptr, 1),
                IS(partial2.pfnRead == &myRead, 1) /* from the process table */,
                IS(partial2.pfnWrite == &MemFs::write, 1)});
-}
-
-// Readers of the process-wide table never see half of one table and half of another while writers replace it.
-TEST(RedirectTables, ProcessTableIsNeverTorn) {
-    StateGuard guard;
-    MemFs a, b;
+    // Readers of the process-wide table never see half of one table and half of another while writers replace it.
     std::atomic<long> torn{0}, seen{0}, readersDone{0};
     ASSERT_EQ(install(a.table(), 1), KS_SUCCESS);
     onThreads(4, [&](int w) {  // two writers until the two readers are done
@@ -173,7 +164,7 @@ TEST(RedirectFiles, HandleKeepsItsTableAndOpenFailuresGiveInvalidHandle) {
     EXPECT_TRUE(fs.openHandles() == 0u && fi::liveBlocks() == before);
 }
 
-TEST(RedirectFiles, GarbageHandlesAreRefused) {
+TEST(RedirectFiles, GarbageHandlesAreRefusedWrapExtractAndUpdate) {
     alignas(16) unsigned char junk[128];
     std::memset(junk, 0x5A, sizeof junk);
     HGLOBAL g = K_GlobalAlloc(GMEM_MOVEABLE, 64);  // a live handle of another kind
@@ -191,9 +182,6 @@ TEST(RedirectFiles, GarbageHandlesAreRefused) {
                    IS(K_UpdateRedirectFunctions(h, &r), KS_INVALID_PARAMETER)});
     }
     EXPECT_EQ(K_GlobalFree(g), nullptr);  // untouched by the refused calls
-}
-
-TEST(RedirectFiles, WrapExtractAndUpdate) {
     StateGuard guard;
     MemFs fs, other;
     REDIRECTRECORD t = fs.table(), badSize = t, upd = blank();
@@ -244,7 +232,7 @@ TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
     K_ExtractRedirectedFileHandle(h, &n, 1);
 }
 
-TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
+TEST(RedirectOs, NonAsciiNamesReachTheSystemAndRedirectNamesRouteFiles) {
     StateGuard guard;
     ScratchDir dir;
     const std::wstring wdir(dir.path.begin(), dir.path.end()), wname = wdir + L"/caf\u00E9-\u6F22\U0001D11E.bin";
@@ -279,10 +267,6 @@ TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
     const int full = ::open("/dev/full", O_WRONLY);  // a full disk is a short write
     EXPECT_TRUE(full < 0 || K_OsWrite(OMBRIX_OS_HANDLE(full), b, sizeof b, nullptr) <= 0);
     ::close(full);
-}
-
-TEST(RedirectNames, NameCarriesTheTableAndTheInnerName) {
-    StateGuard guard;
     MemFs fs;
     REDIRECTRECORD t = fs.table(), d{};
     t.uFlags = 0xA5;
@@ -295,13 +279,13 @@ TEST(RedirectNames, NameCarriesTheTableAndTheInnerName) {
                IS(K_DecodeRedirectName(name.c_str(), &d, &start), KS_SUCCESS), IS(std::memcmp(&d, &t, sizeof t), 0),
                IS(name.substr(start) == L"dir/page 1.tif", 1)});
     // The thread's table is the default layer; the name alone routes the file.
-    HREDIRECTFILE h = K_RedirectedOpen(name.c_str(), RW_CREATE, 0);
+    h = K_RedirectedOpen(name.c_str(), RW_CREATE, 0);
     ASSERT_NE(h, invalid());
     expectAll({IS(fs.openNames.back() == L"dir/page 1.tif", 1), IS(K_RedirectedWrite(h, "data", 4), 4),
                IS(K_RedirectedClose(h), 0), IS(fs.files[L"dir/page 1.tif"].size(), 4)});
-    char u8[1024];  // the UTF-8 entry point too; an empty inner name is allowed
-    ASSERT_EQ(K_WideToUtf8(makeName(t, nullptr).c_str(), -1, u8, sizeof u8, nullptr), KS_SUCCESS);
-    h = K_RedirectedOpenUtf8(u8, RW_CREATE, 0);
+    char routed[1024];  // the UTF-8 entry point too; an empty inner name is allowed
+    ASSERT_EQ(K_WideToUtf8(makeName(t, nullptr).c_str(), -1, routed, sizeof routed, nullptr), KS_SUCCESS);
+    h = K_RedirectedOpenUtf8(routed, RW_CREATE, 0);
     EXPECT_TRUE(h != invalid() && fs.openNames.back() == L"");
     K_RedirectedClose(h);
     // A forged name with plausible fields is refused and reaches no table (the names fuzz target: random edits).
@@ -422,7 +406,7 @@ INSTANTIATE_TEST_SUITE_P(AnonymousAndNamed, TempFileBoth, ::testing::Values(fals
 
 // The size limit is exact at the edge, for mappings too; the built-in table's files get a short write; a caller's
 // table has no mapping. A file-size resource limit stops system writes part way, as a full disk does.
-TEST(TempFile, SizeLimitAndSystemShortWritesActAsFullDisk) {
+TEST(TempFile, SizeLimitFullDiskModeOptionsAndThroughATable) {
     StateGuard guard;
     setOptions(0, 1);
     Owned f = create();
@@ -465,17 +449,12 @@ TEST(TempFile, SizeLimitAndSystemShortWritesActAsFullDisk) {
     expectAll({IS(partial, KS_FILE_WRITE), IS(within, KS_SUCCESS), IS(grow, KS_FILE_WRITE), IS(map, KS_FILE_WRITE),
                IS(big, 65536)});
     krn::tempUnmap(&m);
-}
-
-// Mode 0 is stored as 2; mode 3 keeps all off the disk unless a caller's table decides; -1 keeps the mode.
-TEST(TempFile, ModeOptionsAndMode3) {
-    StateGuard guard;
+    // Mode 0 is stored as 2; mode 3 keeps all off the disk unless a caller's table decides; -1 keeps the mode.
     TEMPFILEOPTIONS o{TEMPFILEOPTIONS_SIZE, 0, 0, 0, {11, 22}}, back{};
-    TempFile* f = nullptr;
-    MemFs fs;
+    TempFile* raw = nullptr;
     expectAll({IS(K_SetTempFileOptions(&o), KS_SUCCESS), IS(K_GetTempFileMode(), 2), IS(krn::tempDiskAllowed(), 1),
                IS((o.nMode = 3, K_SetTempFileOptions(&o)), KS_SUCCESS), IS(krn::tempFileMode(), 3),
-               IS(krn::tempDiskAllowed(), 0), IS(krn::tempCreate(&f), KS_NOT_SUPPORTED),
+               IS(krn::tempDiskAllowed(), 0), IS(krn::tempCreate(&raw), KS_NOT_SUPPORTED),
                IS(K_RedirectedTempFileOpen(nullptr, 0, 0, nullptr) == OMBRIX_INVALID_FILE, 1),
                IS(fs.install(), KS_SUCCESS), IS(bool(create()), 1), IS(fs.uninstall(), KS_SUCCESS),
                IS((o.nMode = -1, K_SetTempFileOptions(&o)), KS_SUCCESS),
@@ -483,61 +462,57 @@ TEST(TempFile, ModeOptionsAndMode3) {
                IS((o.nMode = 4, K_SetTempFileOptions(&o)), KS_INVALID_PARAMETER),
                IS((o.nMode = 1, o.uStructSize = 20, K_SetTempFileOptions(&o)), KS_INVALID_STRUCT_SIZE),
                IS(K_GetTempFileOptions(&back, 28), KS_INVALID_STRUCT_SIZE), IS(K_GetTempFileMode(), 3)});
-}
-
-// Through a table (a memory file system; the folder is its business): round trip, deleted on close; each failing
-// call gives its code, a short write is an error, short reads are completed; without size slots the file grows by
-// its last byte and cannot be cut.
-TEST(TempFile, ThroughATableRoundTripFailuresShortReadsAndNoSizeSlots) {
-    StateGuard guard;
-    MemFs fs;
-    ASSERT_TRUE(fs.install() == KS_SUCCESS && K_SetTempDirectoryUtf8("/nowhere/at/all") == KS_SUCCESS);
-    Owned f = create();
-    ASSERT_EQ(fs.opens, 1);
+    // Through a table (a memory file system; the folder is its business): round trip, deleted on close; each failing
+    // call gives its code, a short write is an error, short reads are completed; without size slots the file grows by
+    // its last byte and cannot be cut.
+    MemFs tfs;
+    ASSERT_TRUE(tfs.install() == KS_SUCCESS && K_SetTempDirectoryUtf8("/nowhere/at/all") == KS_SUCCESS);
+    f = create();
+    ASSERT_EQ(tfs.opens, 1);
     const uint32_t want = REDIRECT_OPEN_TEMPORARY | RW_CREATE;
-    const std::wstring& name = fs.openNames[0], prefix = L"/nowhere/at/all/QX";  // the folder, QX, 8 hex digits, .tmp
+    const std::wstring& name = tfs.openNames[0], prefix = L"/nowhere/at/all/QX";  // the folder, QX, 8 hex digits, .tmp
     auto a = randomBytes(70000, 1);
     Bytes want2(100000, 0);
     std::copy(a.begin(), a.end(), want2.begin() + 20000);
-    expectAll({IS(krn::tempIsRedirected(f.get()), 1), IS(fs.openModes[0] & want, want), IS(name.rfind(prefix, 0), 0),
+    expectAll({IS(krn::tempIsRedirected(f.get()), 1), IS(tfs.openModes[0] & want, want), IS(name.rfind(prefix, 0), 0),
                IS(name.size(), prefix.size() + 8 + 4), IS(name.substr(name.size() - 4) == L".tmp", 1),
                IS(krn::tempSetSize(f.get(), 100000), KS_SUCCESS),
                IS(krn::tempWrite(f.get(), 20000, a.data(), a.size()), KS_SUCCESS),
-               IS(readBack(f.get(), 0, 100000) == want2, 1), IS(krn::tempSize(f.get()), 100000), IS(fs.files.size(), 1),
-               IS((f.reset(), fs.closes), 1), IS(fs.files.empty(), 1), IS(fs.openHandles(), 0)});
-    fs.failOpenAt = fs.opens + 1;
-    TempFile* raw = nullptr;
+               IS(readBack(f.get(), 0, 100000) == want2, 1), IS(krn::tempSize(f.get()), 100000),
+               IS(tfs.files.size(), 1), IS((f.reset(), tfs.closes), 1), IS(tfs.files.empty(), 1),
+               IS(tfs.openHandles(), 0)});
+    tfs.failOpenAt = tfs.opens + 1;
+    raw = nullptr;
     EXPECT_TRUE(krn::tempCreate(&raw) == KS_FILE_OPEN && raw == nullptr);
     f = create();
     uint8_t b[64] = {};
-    Bytes d(600, 1);
-    expectAll({IS((fs.failWriteAt = fs.writes + 1, krn::tempWrite(f.get(), 0, b, sizeof b)), KS_FILE_WRITE),
+    expectAll({IS((tfs.failWriteAt = tfs.writes + 1, krn::tempWrite(f.get(), 0, b, sizeof b)), KS_FILE_WRITE),
                IS(krn::tempWrite(f.get(), 0, b, sizeof b), KS_SUCCESS),
-               IS((fs.failReadAt = fs.reads + 1, krn::tempRead(f.get(), 0, b, sizeof b)), KS_FILE_READ),
+               IS((tfs.failReadAt = tfs.reads + 1, krn::tempRead(f.get(), 0, b, sizeof b)), KS_FILE_READ),
                IS(krn::tempRead(f.get(), 0, b, sizeof b), KS_SUCCESS),
-               IS((fs.failSeekAt = fs.seeks + 1, krn::tempRead(f.get(), 0, b, sizeof b)), KS_FILE_SEEK),
-               IS((fs.failSeekAt = fs.seeks + 1, krn::tempWrite(f.get(), 0, b, sizeof b)), KS_FILE_SEEK),
+               IS((tfs.failSeekAt = tfs.seeks + 1, krn::tempRead(f.get(), 0, b, sizeof b)), KS_FILE_SEEK),
+               IS((tfs.failSeekAt = tfs.seeks + 1, krn::tempWrite(f.get(), 0, b, sizeof b)), KS_FILE_SEEK),
                IS(krn::tempRead(f.get(), 0, b, sizeof b), KS_SUCCESS),
-               IS((fs.capacity = 1000, krn::tempWrite(f.get(), 0, d.data(), 600)), KS_SUCCESS),
+               IS((tfs.capacity = 1000, krn::tempWrite(f.get(), 0, d.data(), 600)), KS_SUCCESS),
                IS(krn::tempWrite(f.get(), 600, d.data(), 600), KS_FILE_WRITE) /* 400 fit */,
                IS(krn::tempSetSize(f.get(), 5000), KS_FILE_WRITE)});
-    fs.capacity = UINT64_MAX, fs.readLimitPerCall = 7;
+    tfs.capacity = UINT64_MAX, tfs.readLimitPerCall = 7;
     f = create();
-    const long reads = fs.reads;
+    const long reads = tfs.reads;
     ASSERT_EQ(krn::tempWrite(f.get(), 0, a.data(), 1000), KS_SUCCESS);
-    EXPECT_TRUE(readBack(f.get(), 0, 1000) == Bytes(a.begin(), a.begin() + 1000) && fs.reads - reads >= 1000 / 7);
-    REDIRECTRECORD t = fs.table();
+    EXPECT_TRUE(readBack(f.get(), 0, 1000) == Bytes(a.begin(), a.begin() + 1000) && tfs.reads - reads >= 1000 / 7);
+    REDIRECTRECORD t = tfs.table();
     t.pfnSize = nullptr, t.pfnSetSize = nullptr;
     ASSERT_EQ(install(t), KS_SUCCESS);
     f = create();
     expectAll({IS(krn::tempSetSize(f.get(), 12345), KS_SUCCESS), IS(krn::tempSize(f.get()), 12345),
-               IS(fs.writeAsks.back(), 1), IS(krn::tempSetSize(f.get(), 100), KS_FILE_WRITE),
+               IS(tfs.writeAsks.back(), 1), IS(krn::tempSetSize(f.get(), 100), KS_FILE_WRITE),
                IS(krn::tempSetSize(f.get(), 12345), KS_SUCCESS)});
 }
 
 // The built-in temporary-file table in force does not recurse; through a handle it is a positioned file, dead
 // after close for every function.
-TEST(TempFile, BuiltInTableDoesNotRecurseAndIsAPositionedFile) {
+TEST(TempFile, BuiltInTableIsAPositionedFileAndAllocationFailureLeavesNothing) {
     StateGuard guard;
     ScratchDir dir;
     ASSERT_EQ(K_SetTempDirectoryUtf8(dir.path.c_str()), KS_SUCCESS);
@@ -563,11 +538,8 @@ TEST(TempFile, BuiltInTableDoesNotRecurseAndIsAPositionedFile) {
                IS(K_RedirectedTempFileClose(native, nullptr), -1),
                IS(K_RedirectedTempFileWrite(junk, b, 1, nullptr), -1),
                IS(K_RedirectedTempFileSeek(nullptr, 0, 0, nullptr), -1)});
-}
-
-// An allocation failure at creation leaves no block and no descriptor.
-TEST(TempFile, AllocationFailureLeavesNothing) {
-    StateGuard guard;
+    // Without a table, an allocation failure at creation leaves no block and no descriptor.
+    ASSERT_EQ(MemFs::uninstall(), KS_SUCCESS);
     create().reset();  // the per-thread and process-wide state exists before the counts
     const long blocks = fi::liveBlocks();
     const int fds = testfs::openFdCount();

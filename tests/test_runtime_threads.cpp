@@ -291,7 +291,7 @@ TEST(RuntimePoolDeathTest, ExitAndShutdown) {
         static std::atomic<int> blocking{0};
         static std::atomic<int> ran{0};
         KTWorkItems w;
-        const int workers = (warmPool(), KTThreadPool::GetThreadCount());
+        const int workers = (w.Create(1, 0, 0), runCounted(w, 1), KTThreadPool::GetThreadCount());  // a warm pool
         for (int i = 0; i < workers; ++i) KTThreadPool::QueueUserWorkItem(sleepItem<500>, &blocking, 0);
         waitUntil([&] { return blocking.load() == workers; });
         w.Create(5, 0, 0);
@@ -390,7 +390,7 @@ int32_t logProgress(int32_t pct, void* user) {
 
 // Progress (each whole percent, sub-ranges: ProgressCallbacks) rises on the caller's thread; the copy callback only
 // when asked.
-TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
+TEST(RuntimeParallel, ProgressStopAnswersAndBandFailures) {
     CoreCount cc(4);
     {
         ProgressLog log;
@@ -410,11 +410,7 @@ TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
         EXPECT_EQ(log.seen.empty(), mode == krn::ParallelProgress::None);
     }
     K_SetCopyStatusCallBack(oldFn, oldUser, nullptr, nullptr);
-}
-
-// A stop answer ends the job with that answer; the first band failure is the result; exceptions become statuses.
-TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
-    CoreCount cc(4);
+    // A stop answer ends the job with that answer; the first band failure is the result; exceptions become statuses.
     for (int n : {1, 0}) {
         for (int answer : {int(KS_USER_ABORT), 0, 2}) {
             ProgressLog log;
@@ -441,16 +437,16 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
     }
     auto thrower = [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); };
     EXPECT_EQ(krn::parallelRows(10, thrower), KS_NO_MEMORY);
-    ProgressLog log;  // a stop on the very first report runs nothing
-    log.stopAt = 0;
-    StatusHook hook(logProgress, &log);
+    ProgressLog first;  // a stop on the very first report runs nothing
+    first.stopAt = 0;
+    StatusHook hook(logProgress, &first);
     int calls = 0;
     EXPECT_EQ(krn::parallelRows(100, [&](int32_t, int32_t, int32_t) { return ++calls, 1; }), KS_USER_ABORT);
     EXPECT_EQ(calls, 0);
 }
 
 // Small jobs, one processor and calls from inside a pool item stay on the caller.
-TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
+TEST(RuntimeParallel, SmallJobsNestedCallsOneProcessorAndOutOfMemory) {
     auto onlyCaller = [](const krn::ParallelOptions& o, int h) {
         const std::thread::id me = tid();
         std::atomic<bool> foreign{false};
@@ -475,11 +471,7 @@ TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
         }, &done);
     w.Wait();
     EXPECT_EQ(done.load(), 8);
-}
-
-// Allocation failures only take threads away: the caller does the bands.
-TEST(RuntimeParallel, OutOfMemoryStillCompletesWithoutLeaks) {
-    CoreCount cc(4);
+    // Allocation failures only take threads away: the caller does the bands.
     krn::parallelRows(100, kNothing);  // warm up the pool
     const long live = fi::liveBlocks();
     for (long n = 0; n < 6; ++n)

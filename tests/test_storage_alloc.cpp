@@ -279,7 +279,7 @@ int32_t onRelease(BITMAPRECORD*, void* u) { return ++static_cast<int32_t*>(u)[1]
 
 // Nested accesses lock once, the last release unlocks; the internal forms report and undo; the access callbacks
 // are asked once per outermost access; a refusal is undone.
-TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
+TEST(StorageAccess, NestedAccessCallbacksCapCounterThresholdsAndDefaults) {
     BITMAPRECORD bm;
     ASSERT_TRUE(create(&bm, 1, 16, 4, 8) == KS_SUCCESS && bm.pData == nullptr && K_AccessBitmap(&bm) == KS_SUCCESS);
     uint8_t* p = bm.pData;
@@ -304,11 +304,8 @@ TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
                IS(K_AccessBitmap(&bm), -55), IS(bm.nLockCount, 0), IS(log[2] = 2, 2), IS(K_AccessBitmap(&bm), 1),
                IS(bm.pData == nullptr, 1) /* 2: the callback did the work */, IS(K_ReleaseBitmap(&bm), 1)});
     K_FreeBitmap(&bm);
-}
-
-// The cap commands, the counter through blocks, tiles (7 rows each), heights and files, a height the cap does not
-// allow; refused thresholds; the default memory type is per thread and type 0 takes it.
-TEST(StorageCap, ManageMemoryCommandsTheCounterOfEveryKindThresholdsAndDefaults) {
+    // The cap commands, the counter through blocks, tiles (7 rows each), heights and files, a height the cap does not
+    // allow; refused thresholds; the default memory type is per thread and type 0 takes it.
     CapGuard guard;
     int64_t v = 0;
     const int64_t base = (K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), counter());
@@ -325,7 +322,6 @@ TEST(StorageCap, ManageMemoryCommandsTheCounterOfEveryKindThresholdsAndDefaults)
                IS(K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, nullptr), KS_NULL_POINTER),
                IS(K_ManageMemory(6, 0, &v), KS_NOT_SUPPORTED), IS(K_ManageMemory(-1, 0, &v), KS_NOT_SUPPORTED),
                IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), 1)});
-    BITMAPRECORD bm;
     ASSERT_EQ(create(&bm, 1, 100, 10, 8), KS_SUCCESS);
     const struct { uint32_t type; int32_t height; int64_t counted; } steps[] = {
         {0, 10, 1000}, {0, 30, 3000}, {4, 30, 3000}, {0, 12, 1200}, {128, 12, 0}, {1, 12, 1200}};
@@ -366,7 +362,7 @@ int32_t allocCb(BITMAPRECORD*, BITMAPALLOCINFO* info, void* user) {
 
 // The process-wide and the per-bitmap allocation callbacks see the request, may change the type, may supply the
 // pixels (2) or refuse (their status is the result, nothing leaks).
-TEST(StorageCallbacks, AllocationCallbacksSeeAndSteerTheRequest) {
+TEST(StorageCallbacks, AllocationCallbacksAndHeightsOfEveryKind) {
     AllocCb g;
     g.newType = 128;  // the callback changes the type
     PFN_BITMAPALLOCATE old = nullptr, mine = nullptr;
@@ -393,10 +389,8 @@ TEST(StorageCallbacks, AllocationCallbacksSeeAndSteerTheRequest) {
              IS(bm.uFlags & BRF_STORAGE_MASK, c.flags), IS(d.seen.nBytesPerLine, 32),
              IS(c.rc == KS_SUCCESS ? K_FreeBitmap(&bm) : 1, 1), IS(fi::liveBlocks(), live)});
     }
-}
-
-// Height changes (0 too) on every kind against a plain vector of rows: shared rows kept, new rows zero, the kind kept.
-TEST(StorageHeight, EveryKindKeepsSharedRowsThroughEveryHeight) {
+    // Height changes (0 too) on every kind against a plain vector of rows: shared rows kept, new rows zero, the
+    // kind kept.
     CapGuard guard;
     const long base = fi::liveBlocks();
     for (int bpp : {1, 8, 24}) {

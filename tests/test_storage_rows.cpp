@@ -180,7 +180,7 @@ std::vector<uint8_t> makeRow(Shape s, int32_t w, int32_t bpp, uint32_t seed) {
     return img.px;
 }
 
-TEST(SuperCodec, RoundTripsMethodsAndBlocksOfRunsCodedOnTheirOwn) {
+TEST(SuperCodec, RoundTripsMethodsBlocksAndBlankRowsCostNothing) {
     for (int32_t bpp : {1, 8, 24})
         for (int32_t w : {1, 2, 7, 8, 9, 31, 33, 63, 64, 65, 100, 1000, 4099})
             for (Shape s : {Shape::Zero, Shape::Smooth, Shape::Text, Shape::Random, Shape::OnePixel, Shape::AllOnes}) {
@@ -213,11 +213,8 @@ TEST(SuperCodec, RoundTripsMethodsAndBlocksOfRunsCodedOnTheirOwn) {
     a[2] = b[3] = 20000;
     a.insert(a.end(), {3, 4}), b.insert(b.end(), {3, 4});
     EXPECT_EQ(encodedSize(a), encodedSize(b));
-}
-
-// A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its height; super-compressed rows cost
-// nothing until written and are freed when zeroed.
-TEST(RunStore, BlankRowsCostNothing) {
+    // A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its height; super-compressed rows cost
+    // nothing until written and are freed when zeroed.
     const long base = (K_GetDefaultXResolution(), krn::faultinject::liveBlocks());
     BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_COMPRESSED, 64, 200000000, 1, ORDER_RGB, nullptr, 1,
