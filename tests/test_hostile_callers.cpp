@@ -99,9 +99,24 @@ TEST(HostileViewPerspective, FarOutRectanglesPointsAndRectHelpersAreExactOrRefus
     EXPECT_GT(refused, 50);
 }
 
+int32_t g_resolutionAtThreadEnd = 0, g_lateSeen = -1;
+struct CallsKernelAtThreadEnd {
+    bool touched = false;
+    ~CallsKernelAtThreadEnd() {
+        K_SetDefaultYResolution(321);
+        g_resolutionAtThreadEnd = K_GetDefaultXResolution();
+    }
+};
+thread_local CallsKernelAtThreadEnd t_callsKernel;
+pthread_key_t g_lateKey;
+void lateDestructor(void*) {
+    K_SetDefaultYResolution(K_GetDefaultYResolution());
+    g_lateSeen = &krn::settings() == &krn::processSettings() ? 1 : 0;
+}
+
 // Every allocation of a thread's first call fails in turn: success or -1, a failed creation leaves the record
 // unallocated, the thread still works (own or process-wide block), nothing is left once it ended.
-TEST(HostileFirstCall, EachAllocationOfTheFirstCallOnAFreshThreadFailsInTurn) {
+TEST(HostileFirstCall, EachAllocationOfAFirstCallFailsInTurnAndCallsWhileAThreadEnds) {
     K_GetDefaultXResolution();  // this thread's own block exists before the count
     const long before = krn::faultinject::liveBlocks();
     int sawOwn = 0, runs = 0;
@@ -132,29 +147,10 @@ TEST(HostileFirstCall, EachAllocationOfTheFirstCallOnAFreshThreadFailsInTurn) {
     }
     // The first allocation failing leaves the thread on the fallback block; the call allocates more than that.
     EXPECT_TRUE(sawOwn >= 1 && runs + 1 >= 3);
-}
-
-// Calls while a thread ends: a thread-local object made before the kernel's block still sees the thread's own
-// block; a key destructor running after it uses the process-wide block. Neither leaks or writes through the other.
-int32_t g_resolutionAtThreadEnd = 0, g_lateSeen = -1;
-struct CallsKernelAtThreadEnd {
-    bool touched = false;
-    ~CallsKernelAtThreadEnd() {
-        K_SetDefaultYResolution(321);
-        g_resolutionAtThreadEnd = K_GetDefaultXResolution();
-    }
-};
-thread_local CallsKernelAtThreadEnd t_callsKernel;
-pthread_key_t g_lateKey;
-void lateDestructor(void*) {
-    K_SetDefaultYResolution(K_GetDefaultYResolution());
-    g_lateSeen = &krn::settings() == &krn::processSettings() ? 1 : 0;
-}
-
-TEST(HostileFirstCall, CallsWhileAThreadEndsUseALiveBlockAndDoNotLeak) {
-    K_GetDefaultXResolution();  // the kernel's key exists: ours comes after it
-    ASSERT_EQ(pthread_key_create(&g_lateKey, lateDestructor), 0);
-    const long before = krn::faultinject::liveBlocks();
+    // Calls while a thread ends: a thread-local object made before the kernel's block still sees the thread's
+    // own block; a key destructor running after it uses the process-wide block. Neither leaks or writes through
+    // the other.
+    ASSERT_EQ(pthread_key_create(&g_lateKey, lateDestructor), 0);  // after the kernel's key, made above
     krn::ThreadSettings& process = krn::processSettings();
     const int32_t processX = process.nXResolution, processY = process.nYResolution;
     process.nXResolution = 4242;

@@ -164,7 +164,7 @@ TEST(RedirectFiles, HandleKeepsItsTableAndOpenFailuresGiveInvalidHandle) {
     EXPECT_TRUE(fs.openHandles() == 0u && fi::liveBlocks() == before);
 }
 
-TEST(RedirectFiles, GarbageHandlesAreRefusedWrapExtractAndUpdate) {
+TEST(RedirectFiles, GarbageHandlesWrapExtractUpdateAndBigTransfers) {
     alignas(16) unsigned char junk[128];
     std::memset(junk, 0x5A, sizeof junk);
     HGLOBAL g = K_GlobalAlloc(GMEM_MOVEABLE, 64);  // a live handle of another kind
@@ -201,14 +201,10 @@ TEST(RedirectFiles, GarbageHandlesAreRefusedWrapExtractAndUpdate) {
                IS(K_ExtractRedirectedFileHandle(h, &out, 1), KS_SUCCESS) /* release the wrapper */,
                IS(K_RedirectedSeek(h, 0, 0), -1), IS(fs.openHandles(), 1) /* native not closed */,
                IS(MemFs::close(native, &fs), 0)});
-}
-
-// The sink moves no bytes: it records each chunk asked for.
-TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
+    // The sink moves no bytes: it records each chunk asked for.
     testfs::CountingSink sink;
-    REDIRECTRECORD t = sink.table();
-    HREDIRECTFILE h = nullptr;
-    ASSERT_EQ(K_CreateRedirectedFileHandle(&h, reinterpret_cast<void*>(0x10), &t), KS_SUCCESS);
+    REDIRECTRECORD sinkTable = sink.table();
+    ASSERT_EQ(K_CreateRedirectedFileHandle(&h, reinterpret_cast<void*>(0x10), &sinkTable), KS_SUCCESS);
     char buf[1] = {0};  // never touched by the sink
     const uint32_t c = 0x7FFFFFFu;
     const uint64_t big = 5ull << 30;  // beyond 4 GiB: counted in 64 bits

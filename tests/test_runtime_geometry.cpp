@@ -50,6 +50,24 @@ bool close(double a, double b, double scale = 1.0) {
     return got.uReserved == 0 ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "reserved word not 0";
 }
 
+// Builder k: even k appends the step, odd k prepends it.
+void build(int k, KMATRIX* m, double a, double cx, double cy, double sx, double sy, double kx, double ky) {
+    switch (k) {
+        case 0: return K_Matrix_Rotate(m, a);
+        case 1: return K_Matrix_RotatePrepend(m, a);
+        case 2: return K_Matrix_RotateAt(m, a, cx, cy);
+        case 3: return K_Matrix_RotateAtPrepend(m, a, cx, cy);
+        case 4: return K_Matrix_Scale(m, sx, sy);
+        case 5: return K_Matrix_ScalePrepend(m, sx, sy);
+        case 6: return K_Matrix_ScaleAt(m, sx, sy, cx, cy);
+        case 7: return K_Matrix_ScaleAtPrepend(m, sx, sy, cx, cy);
+        case 8: return K_Matrix_Skew(m, kx, ky);
+        case 9: return K_Matrix_SkewPrepend(m, kx, ky);
+        case 10: return K_Matrix_Translate(m, cx, cy);
+        default: return K_Matrix_TranslatePrepend(m, cx, cy);
+    }
+}
+
 // Random matrix of a given type; type 0 comes as a record holding garbage values (still the identity).
 struct Gen {
     std::mt19937_64 rng;
@@ -121,7 +139,7 @@ TEST(RuntimeGeometryDouble, EdgeCasesClosenessRulesDoubleToIntAndNormalizeAngle)
                {std::isnan(K_Double_NormalizeAngle(NAN)), 1}, {big >= 0.0 && big <= 360.0, 1}});
 }
 
-TEST(RuntimeGeometryMatrix, TypeAccessorsInverseAndTransformsMatchReference) {
+TEST(RuntimeGeometryMatrix, TypeAccessorsInverseTransformsAndBuildersMatchReference) {
     KMATRIX m;
     for (const Ref& v : std::initializer_list<Ref>{{2, 0, 0, 1, 5, 0}, {1, 0.5, 0, 1, 0, 0}, {1, 0, 0, 1, 0, 0},
                                                    {1, 0, 0, 1, 0, -1}, {1, 0, 0, 3, 0, 0}, {1, 0, -0.25, 1, 0, 0}})
@@ -210,33 +228,13 @@ TEST(RuntimeGeometryMatrix, TypeAccessorsInverseAndTransformsMatchReference) {
     K_Matrix_Set(&m, 2, 0, 0, 2, 1, 1);
     expectAll({{(K_Matrix_TransformRect(&m, &empty), empty.left), 5} /* empty rectangles are left as they are */,
                {empty.bottom, 9}, {(K_Matrix_TransformPoints(&m, &p, 0), p.x), 1}});
-}
-
-// Builders against matrices the test assembles itself. Builder k: even k appends the step, odd k prepends it.
-void build(int k, KMATRIX* m, double a, double cx, double cy, double sx, double sy, double kx, double ky) {
-    switch (k) {
-        case 0: return K_Matrix_Rotate(m, a);
-        case 1: return K_Matrix_RotatePrepend(m, a);
-        case 2: return K_Matrix_RotateAt(m, a, cx, cy);
-        case 3: return K_Matrix_RotateAtPrepend(m, a, cx, cy);
-        case 4: return K_Matrix_Scale(m, sx, sy);
-        case 5: return K_Matrix_ScalePrepend(m, sx, sy);
-        case 6: return K_Matrix_ScaleAt(m, sx, sy, cx, cy);
-        case 7: return K_Matrix_ScaleAtPrepend(m, sx, sy, cx, cy);
-        case 8: return K_Matrix_Skew(m, kx, ky);
-        case 9: return K_Matrix_SkewPrepend(m, kx, ky);
-        case 10: return K_Matrix_Translate(m, cx, cy);
-        default: return K_Matrix_TranslatePrepend(m, cx, cy);
-    }
-}
-
-TEST(RuntimeGeometryMatrix, BuildersAppendAndPrepend) {
-    Gen g(4);
-    std::uniform_real_distribution<double> ang(-1000, 1000), d(-10, 10);
+    // Builders against matrices the test assembles itself.
+    g = Gen(4);
+    std::uniform_real_distribution<double> ang(-1000, 1000), near(-10, 10);
     const double pi = 3.14159265358979323846;
     for (int iter = 0; iter < 1000; ++iter) {
         KMATRIX base = g.matrix(iter % 5);
-        double a = ang(g.rng), cx = d(g.rng), cy = d(g.rng), sx = d(g.rng), sy = d(g.rng);
+        double a = ang(g.rng), cx = near(g.rng), cy = near(g.rng), sx = near(g.rng), sy = near(g.rng);
         double rad = std::fmod(std::fmod(a, 360.0) + 360.0, 360.0) * pi / 180.0;
         double c = std::cos(rad), s = std::sin(rad);
         double kx = std::fmod(a, 80.0), ky = std::fmod(a * 0.7, 80.0);

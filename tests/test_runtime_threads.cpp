@@ -137,8 +137,13 @@ TEST_P(RuntimeLock, ItemsReleaseTheMatchingHoldReadersShareWritersExclude) {
 INSTANTIATE_TEST_SUITE_P(Modes, RuntimeLock, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "SectionFallback" : "Slim"; });
 
+struct CancelScene {
+    std::atomic<bool> release{false}, longStarted{false}, longFinished{false};
+    std::atomic<int> laterRan{0};
+};
+
 // Items run once each, with several owners at once; item results become the status only with KTWI_ITEM_STATUS.
-TEST(RuntimeWorkItems, ItemsRunOnceAndResultsBecomeTheStatusOnlyWithFlag4) {
+TEST(RuntimeWorkItems, ItemsRunOnceResultsBecomeTheStatusAndCancels) {
     CoreCount cc(4);
     KTWorkItems w;
     ASSERT_TRUE(w.Create(5000, KTWI_LOCK_CANCEL | KTWI_ITEM_STATUS, 0) == 1 && w.IsThreaded() == 1);
@@ -160,16 +165,7 @@ TEST(RuntimeWorkItems, ItemsRunOnceAndResultsBecomeTheStatusOnlyWithFlag4) {
     }
     expectAll({IS((w.SetStatus(42), w.GetStatus()), 42), IS(w.GetLock().IsCreated(), 1),
                IS((w.Destroy(), w.GetStatus()), 1), IS(w.GetLock().IsCreated(), 0)});
-}
-
-struct CancelScene {
-    std::atomic<bool> release{false}, longStarted{false}, longFinished{false};
-    std::atomic<int> laterRan{0};
-};
-
-// An item's -100 cancels what has not started, the running item finishes, later items never run, Wait returns.
-TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
-    CoreCount cc(4);
+    // An item's -100 cancels what has not started, the running item finishes, later items never run, Wait returns.
     std::atomic<int> ran{0};
     KTWorkItems c;
     ASSERT_EQ(c.Create(2000, KTWI_LOCK_CANCEL, 0), 1);

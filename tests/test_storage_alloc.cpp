@@ -78,10 +78,23 @@ BITMAPRECORD patterned(uint8_t byte) {
 bool same(const BITMAPRECORD& a, const BITMAPRECORD& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 const uint32_t N = BITMAPRECORD_SIZE, O = BITMAPRECORD_SIZE_OLD;
 
+struct FreeOrderSeen {
+    int calls = 0;
+    uint32_t state = 0;  // one bit per observation, all set when the order is right
+    int32_t answer = KS_SUCCESS;
+};
+int32_t observeFree(BITMAPRECORD* bm, void* user) {
+    auto* seen = static_cast<FreeOrderSeen*>(user);
+    ++seen->calls;
+    seen->state = (bm->hRgn == nullptr) | (bm->pPalette == nullptr) << 1 | ((bm->uFlags & BRF_ALLOCATED) != 0) << 2 |
+                  (bm->pLUT != nullptr) << 3 | (bm->pExtraData != nullptr) << 4 | (bm->pDitherState != nullptr) << 5;
+    return seen->answer;  // 1: the kernel frees the storage by its kind; 2: the callback owns it
+}
+
 // An empty record keeps only its size word; the older layout never writes past its bytes. Statuses and sizes at
 // the edges: size words, dimensions, depths, rows whose bit count does not fit 32 bits, and the older layout's
 // 32-bit data size (uSize 0xFFFF0000 and width 0 when it cannot hold the image).
-TEST(RecordInit, EdgesOfEveryArgumentAndCreation) {
+TEST(RecordInit, InitCreateAndFreeInTheirOrder) {
     for (uint32_t id : {N, O}) {
         BITMAPRECORD bm = patterned(0xAB);
         std::vector<uint8_t> expect(OMBRIX_RECORD_BYTES(id), 0);
@@ -148,29 +161,11 @@ TEST(RecordInit, EdgesOfEveryArgumentAndCreation) {
             << c.width << " " << c.bpp << " " << c.order << " " << c.perspective;
     }
     EXPECT_EQ(fi::liveBlocks(), base);
-}
-
-// K_FreeBitmap releases region, palette and overlays before asking the free callback, storage, LUT, extra data,
-// callbacks and dithering after it.
-struct FreeOrderSeen {
-    int calls = 0;
-    uint32_t state = 0;  // one bit per observation, all set when the order is right
-    int32_t answer = KS_SUCCESS;
-};
-int32_t observeFree(BITMAPRECORD* bm, void* user) {
-    auto* seen = static_cast<FreeOrderSeen*>(user);
-    ++seen->calls;
-    seen->state = (bm->hRgn == nullptr) | (bm->pPalette == nullptr) << 1 | ((bm->uFlags & BRF_ALLOCATED) != 0) << 2 |
-                  (bm->pLUT != nullptr) << 3 | (bm->pExtraData != nullptr) << 4 | (bm->pDitherState != nullptr) << 5;
-    return seen->answer;  // 1: the kernel frees the storage by its kind; 2: the callback owns it
-}
-
-TEST(RecordFree, OrderAroundTheFreeCallbackAndEverythingReleased) {
-    const long base = warmLiveBlocks();
+    // K_FreeBitmap releases region, palette and overlays before asking the free callback, storage, LUT, extra data,
+    // callbacks and dithering after it.
     FreeOrderSeen seen;
     BITMAPDATACALLBACKS cb = callbacks(&seen);
     cb.pfnFree = observeFree;
-    BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, N, 1, 16, 16, 8, ORDER_RGB, nullptr, 1, nullptr, 0, &cb), KS_SUCCESS);
     const RECT r{2, 2, 10, 10};
     ASSERT_TRUE(K_SetBitmapRgnRect(&bm, nullptr, &r, RGN_SET_OR) == KS_SUCCESS &&
@@ -447,7 +442,7 @@ int32_t returnStorage(BITMAPRECORD*, void* user) { return ++static_cast<Callback
 // Creation, writing every row and a conversion with the Nth allocation failing (once, or from then on) for every N:
 // a failed creation leaves the record byte for byte (supplied storage goes back through the free callback), a failed
 // write or conversion keeps the pixels, nothing leaks or stays counted.
-TEST(StorageFaults, AllocationFailureAtEveryStep) {
+TEST(StorageFaults, AllocationFailureAtEveryStepHeightChangesAndTileRetries) {
     CapGuard guard;
     CallbackStorage store;
     BITMAPDATACALLBACKS none = callbacks(nullptr), supplied = callbacks(&store);
@@ -499,12 +494,8 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
         EXPECT_GT(failures, 0) << "no step failed";
         EXPECT_TRUE(c.cb != &supplied || failedAfterSupply >= 1) << "no failure after the callback supplied storage";
     }
-}
-
-// A failed height change keeps the bitmap, row for row. Tiles in memory only: a failed tile is retried with half
-// the tile size; at the floor (8 MiB) it fails.
-TEST(StorageFaults, HeightChangeFailuresKeepTheBitmapAndTilesRetryWithHalfTheTileSize) {
-    CapGuard guard;
+    // A failed height change keeps the bitmap, row for row. Tiles in memory only: a failed tile is retried with half
+    // the tile size; at the floor (8 MiB) it fails.
     for (uint32_t type : {1u, 4u, 128u, 512u, 1024u}) {
         BITMAPRECORD bm;
         ASSERT_EQ(create(&bm, 1, 64, 20, type == 512 ? 1 : 8, 1), KS_SUCCESS);
@@ -527,8 +518,6 @@ TEST(StorageFaults, HeightChangeFailuresKeepTheBitmapAndTilesRetryWithHalfTheTil
         K_FreeBitmap(&bm);
     }
     ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE), 1);
-    K_GetDefaultMemoryType();
-    const long live = fi::liveBlocks();
     for (int32_t floor : {0, 1}) {
         if (floor) { ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS); }
         BITMAPRECORD bm;

@@ -16,8 +16,15 @@ using checklist::expectAll;
 
 namespace {
 
+int32_t getRowFromCallback(BITMAPRECORD*, uint8_t* buf, int32_t row, uint32_t bytes, void* user) {
+    auto* s = static_cast<int32_t*>(user);  // calls, answer
+    ++s[0];
+    for (uint32_t i = 0; s[1] > 0 && i < bytes; ++i) buf[i] = uint8_t(row * 16 + int32_t(i));
+    return s[1];
+}
+
 // Refused arguments; then an older-layout record of the run-compressed kind works.
-TEST(RowsFrame, ArgumentChecksAndOlderLayoutRecords) {
+TEST(RowsFrame, ArgumentChecksOlderLayoutRecordsAndTheGetRowCallback) {
     BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
     uint8_t buf[16] = {}, out[16] = {};
@@ -37,25 +44,13 @@ TEST(RowsFrame, ArgumentChecksAndOlderLayoutRecords) {
                IS(K_PutBitmapRow(&bm, in, 1, 16), 16), IS(K_GetBitmapRow(&bm, out, 1, 16), 16),
                IS(std::memcmp(in, out, 16), 0), IS(K_AccessBitmap(&bm), 1), IS(K_ReleaseBitmap(&bm), 1),
                IS(K_FreeBitmap(&bm), 1)});
-}
-
-// A get-row callback answers first: 0 lets the storage answer, a positive answer is the result with its bytes as
-// the row (the column form returns the column's bytes), errors pass through.
-int32_t getRowFromCallback(BITMAPRECORD*, uint8_t* buf, int32_t row, uint32_t bytes, void* user) {
-    auto* s = static_cast<int32_t*>(user);  // calls, answer
-    ++s[0];
-    for (uint32_t i = 0; s[1] > 0 && i < bytes; ++i) buf[i] = uint8_t(row * 16 + int32_t(i));
-    return s[1];
-}
-
-TEST(RowsCallback, GetRowCallbackAnswersFirst) {
+    // A get-row callback answers first: 0 lets the storage answer, a positive answer is the result with its bytes as
+    // the row (the column form returns the column's bytes), errors pass through.
     int32_t src[2] = {0, 0};
     BITMAPDATACALLBACKS cb{};
     cb.uStructSize = BITMAPDATACALLBACKS_SIZE, cb.pUserData = src, cb.pfnGetRow = getRowFromCallback;
-    BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 8, 4, 8, 0, nullptr, 1, nullptr, 0, &cb), 1);
     const uint8_t stored[8] = {9, 9, 9, 9, 9, 9, 9, 9};
-    uint8_t out[8] = {};
     expectAll({IS(K_PutBitmapRow(&bm, stored, 2, 8), 8), IS(K_GetBitmapRow(&bm, out, 2, 8), 8), IS(out[0], 9),
                IS(src[1] = 8, 8), IS(K_GetBitmapRow(&bm, out, 2, 8), 8), IS(out[1], 2 * 16 + 1),
                IS(K_GetBitmapRowCol(&bm, out, 3, 5, 8), 3), IS(out[0], 3 * 16 + 5), IS(src[1] = -777, -777),
