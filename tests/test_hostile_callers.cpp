@@ -78,9 +78,12 @@ void farOutSweep(Call call, int n) {
     EXPECT_TRUE(refused > 1000 && converted > 1000);
 }
 
-TEST(HostileViewPerspective, FarOutRectanglesPointsAndRectHelpersAreExactOrRefused) {
+TEST(HostileViewPerspective, FarOutRectanglesAndPointsAreConvertedExactlyOrRefused) {
     farOutSweep(rectCall, 4), farOutSweep(pointCall, 2);
-    // The emulated rectangle helpers: exact in range, refused (0, unchanged) where an edge would leave 32 bits.
+}
+
+// The emulated rectangle helpers: exact in range, refused (0, unchanged) where an edge would leave 32 bits.
+TEST(HostileRects, InflateAndOffsetAreExactOrRefused) {
     long refused = 0;
     for (int32_t a : kFar)
         for (int32_t d : kFar)
