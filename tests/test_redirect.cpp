@@ -504,6 +504,7 @@ TEST(TempFile, SizeLimitFullDiskModeOptionsAndThroughATable) {
     expectAll({IS(krn::tempSetSize(f.get(), 12345), KS_SUCCESS), IS(krn::tempSize(f.get()), 12345),
                IS(tfs.writeAsks.back(), 1), IS(krn::tempSetSize(f.get(), 100), KS_FILE_WRITE),
                IS(krn::tempSetSize(f.get(), 12345), KS_SUCCESS)});
+    f.reset();  // closed through tfs, which goes first
 }
 
 // The built-in temporary-file table in force does not recurse; through a handle it is a positioned file, dead
