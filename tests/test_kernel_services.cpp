@@ -13,6 +13,7 @@
 #include "krn/windowsemul/objects.h"
 #include "ombrix.h"
 #include "check_list.h"
+#include "run_threads.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ std::wstring message(int32_t code, std::wstring* lib = nullptr) {
 
 // A fixed block is its own pointer, grows with zeros, is refused (errno 22) once freed; a movable block may not
 // move while locked and keeps its handle when it moves.
-TEST(GlobalMemory, FixedAndMovableBlocks) {
+TEST(GlobalMemory, FixedAndMovableBlocksAndHandleTableGrowthFailure) {
     auto* p = static_cast<uint8_t*>(K_GlobalAlloc(GPTR, 100));
     ASSERT_TRUE(p && std::vector<uint8_t>(p, p + 100) == std::vector<uint8_t>(100, 0) && K_GlobalLock(p) == p);
     std::memset(p, 7, 100);
@@ -46,10 +47,7 @@ TEST(GlobalMemory, FixedAndMovableBlocks) {
                IS((m = static_cast<uint8_t*>(K_GlobalLock(h)))[63], 9), IS(K_GlobalUnlock(h), 0),
                IS(K_GlobalFree(m) == m, 1), IS(K_GlobalFree(h) == nullptr, 1), IS(errno = 0, 0),
                IS(K_GlobalLock(h) == nullptr, 1), IS(errno, EINVAL)});
-}
-
-// The handle table cannot grow: new blocks fail cleanly; a fixed block that must move keeps pointer and contents.
-TEST(GlobalMemory, HandleTableGrowthFailure) {
+    // The handle table cannot grow: new blocks fail cleanly; a fixed block that must move keeps pointer and contents.
     const long base = fi::liveBlocks();
     std::vector<HGLOBAL> blocks{K_GlobalAlloc(GPTR, 16), K_GlobalAlloc(GPTR, 16)};
     auto* fixed = static_cast<uint8_t*>(blocks[1]);
@@ -77,26 +75,22 @@ TEST(GlobalMemory, HandleTableGrowthFailure) {
 // Fixed blocks re-keyed by K_GlobalReAlloc on some threads while others allocate and free keep contents and size.
 TEST(GlobalMemory, ReallocAcrossThreads) {
     const long base = fi::liveBlocks();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            std::vector<uint8_t*> blocks;
-            for (int i = 0; i < 300; ++i) {
-                auto* p = static_cast<uint8_t*>(K_GlobalAlloc(i % 5 ? GMEM_FIXED : GHND, 8));
-                ASSERT_NE(p, nullptr);
-                if (i % 5 == 0) ASSERT_EQ(K_GlobalFree(p), nullptr);  // movable ones only churn the table
-                else blocks.push_back(static_cast<uint8_t*>(std::memset(p, t * 16 + int(blocks.size() % 16), 8)));
+    onThreads(4, [](int t) {
+        std::vector<uint8_t*> blocks;
+        for (int i = 0; i < 300; ++i) {
+            auto* p = static_cast<uint8_t*>(K_GlobalAlloc(i % 5 ? GMEM_FIXED : GHND, 8));
+            ASSERT_NE(p, nullptr);
+            if (i % 5 == 0) ASSERT_EQ(K_GlobalFree(p), nullptr);  // movable ones only churn the table
+            else blocks.push_back(static_cast<uint8_t*>(std::memset(p, t * 16 + int(blocks.size() % 16), 8)));
+        }
+        for (size_t n = 24; n <= 648; n *= 3)
+            for (size_t i = 0; i < blocks.size(); ++i) {
+                auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(blocks[i], n, GMEM_ZEROINIT));
+                ASSERT_TRUE(q && q[0] == uint8_t(t * 16 + int(i % 16)) && q[n - 1] == 0 && K_GlobalSize(q) == n);
+                blocks[i] = q;
             }
-            for (size_t n = 24; n <= 648; n *= 3)
-                for (size_t i = 0; i < blocks.size(); ++i) {
-                    auto* q = static_cast<uint8_t*>(K_GlobalReAlloc(blocks[i], n, GMEM_ZEROINIT));
-                    ASSERT_TRUE(q && q[0] == uint8_t(t * 16 + int(i % 16)) && q[n - 1] == 0 && K_GlobalSize(q) == n);
-                    blocks[i] = q;
-                }
-            for (uint8_t* p : blocks) ASSERT_EQ(K_GlobalFree(p), nullptr);
-        });
-    }
-    for (auto& th : threads) th.join();
+        for (uint8_t* p : blocks) ASSERT_EQ(K_GlobalFree(p), nullptr);
+    });
     EXPECT_EQ(fi::liveBlocks(), base);
 }
 
@@ -132,13 +126,9 @@ TEST(Messages, WholeTableAgreesWithLibraryIdsAndTruncatesInBounds) {
     }
     EXPECT_EQ(perLibrary[OMBRIX_LIB_KERNEL], 38);  // the rows of the kernel's own table
     for (int id = OMBRIX_LIB_FILEIO; id <= OMBRIX_LIB_COLOR; ++id) EXPECT_GT(perLibrary[id], 0) << id;
-    const std::pair<int32_t, int32_t> edges[] = {{-1100, OMBRIX_LIB_FILEIO},     {-1199, OMBRIX_LIB_FILEIO},
-                                                 {-1200, OMBRIX_LIB_DIALOGS},    {-1299, OMBRIX_LIB_DIALOGS},
-                                                 {-1300, OMBRIX_LIB_ANNOTATION}, {-1399, OMBRIX_LIB_ANNOTATION},
-                                                 {-1400, OMBRIX_LIB_COLOR}};
-    for (const auto& [code, lib] : edges) {
+    for (int32_t code : {-1100, -1199, -1200, -1299, -1300, -1399, -1400}) {
         int32_t id = -1, known = -1;
-        EXPECT_TRUE(K_GetLibIdFromErrorCode(code, &id, &known) == KS_SUCCESS && known == 1 && id == lib)
+        EXPECT_TRUE(K_GetLibIdFromErrorCode(code, &id, &known) == KS_SUCCESS && known == 1 && id == (-code) / 100 - 10)
             << code << " " << id;
     }
     EXPECT_EQ(K_GetLibIdFromErrorCode(1, nullptr, nullptr), KS_SUCCESS);
@@ -229,7 +219,7 @@ TEST_F(BlockCache, ReusedBlockIsZeroedWhenAskedAndKeptOtherwise) {
 }
 
 // Grow and shrink across the large-block threshold; pages move (mremap) or, where advice split the mapping, copy.
-TEST_F(BlockCache, ResizeKeepsContents) {
+TEST_F(BlockCache, ResizeKeepsContentsAndStaysWithinItsLimitAndTheCap) {
     const size_t sizes[] = {kBig, kBig + kBig / 2, kBig - 1000, size_t(5) << 20, 1 << 20, kBig * 2, kBig * 3};
     auto* p = static_cast<unsigned char*>(krn::memAlloc(kBig));
     ASSERT_NE(p, nullptr);
@@ -250,10 +240,7 @@ TEST_F(BlockCache, ResizeKeepsContents) {
 #endif
     }
     krn::memFree(p);
-}
-
-// At most four blocks are kept; under a 16 MiB cap no 8 MiB block stays; the hook still fails large requests.
-TEST_F(BlockCache, StaysWithinItsLimitAndTheCapAndTheHookFailsLargeRequests) {
+    // At most four blocks are kept; under a 16 MiB cap no 8 MiB block stays; the hook still fails large requests.
     void* blocks[6];
     for (auto& b : blocks) ASSERT_NE(b = krn::memAlloc(kBig), nullptr);
     for (auto* b : blocks) krn::memFree(b);
@@ -271,21 +258,17 @@ TEST_F(BlockCache, StaysWithinItsLimitAndTheCapAndTheHookFailsLargeRequests) {
 }
 
 TEST_F(BlockCache, ThreadsNeverShareABlock) {
-    auto work = [](unsigned char tag, int* bad) {
+    std::atomic<int> bad{0};
+    onThreads(2, [&](int t) {
         for (int i = 0; i < 40; ++i) {
             const size_t n = kBig + size_t(i % 3) * 65536;
             auto* p = static_cast<unsigned char*>(krn::memAlloc(n));
-            if (!p) { ++*bad; continue; }
-            std::memset(p, tag, n);
-            std::this_thread::yield();
-            *bad += !allBytes(p, n, tag);
+            const unsigned char tag = uint8_t(0x11 * (t + 1));
+            bad += !p || (std::memset(p, tag, n), std::this_thread::yield(), !allBytes(p, n, tag));
             krn::memFree(p);
         }
-    };
-    int bad1 = 0, bad2 = 0;
-    std::thread t1(work, 0x11, &bad1), t2(work, 0x22, &bad2);
-    t1.join(), t2.join();
-    EXPECT_EQ(bad1 + bad2, 0);
+    });
+    EXPECT_EQ(bad.load(), 0);
 }
 
 }  // namespace

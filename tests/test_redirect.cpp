@@ -19,6 +19,7 @@
 #include "krn/common/tempfile.h"
 #include "ombrix.h"
 #include "redirect_memfs.h"
+#include "run_threads.h"
 
 namespace {
 
@@ -55,7 +56,7 @@ int32_t install(REDIRECTRECORD t, int processWide = 0) { return MemFs::set(t, RE
 std::string text(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
 // A table installed on this thread is in force here and nowhere else; a fresh thread sees the defaults.
-TEST(RedirectTables, ThreadTableStaysOnItsThreadAndFreshThreadsSeeDefaults) {
+TEST(RedirectTables, ThreadTableDefaultsAndRedirectIOSlots) {
     StateGuard guard;
     MemFs fs;
     REDIRECTRECORD mine = fs.table();
@@ -74,30 +75,11 @@ TEST(RedirectTables, ThreadTableStaysOnItsThreadAndFreshThreadsSeeDefaults) {
                    IS(tmp.pfnRead == &K_RedirectedTempFileRead, 1), IS(tmp.pfnClose == &K_RedirectedTempFileClose, 1),
                    IS(K_UsesRedirectIO(), 0)});
     }).join();
-}
-
-TEST(RedirectTables, FrameChecks) {
-    REDIRECTRECORD r = blank(), big = blank();
-    r.pfnRead = &myRead, big.uStructSize = 128;
-    expectAll({IS(K_GetRedirectFunctions(nullptr, 64, 0, 0), KS_NULL_POINTER),
-               IS(K_GetRedirectFunctions(&big, 60, 0, 0), KS_INVALID_STRUCT_SIZE),
-               IS(K_GetRedirectFunctions(&big, 64, 4, 0), KS_INVALID_PARAMETER),
-               IS(K_GetRedirectFunctions(&big, 64, -1, 0), KS_INVALID_PARAMETER),
-               IS(K_SetRedirectFunctions(nullptr, 0, 0), KS_NULL_POINTER),
-               IS(K_SetRedirectFunctions(&big, 0, 0), KS_INVALID_STRUCT_SIZE),
-               IS(K_SetRedirectFunctions(&r, 3, 0), KS_INVALID_PARAMETER),
-               IS(K_SetRedirectFunctions(&r, -1, 0), KS_INVALID_PARAMETER),
-               IS(get(REDIRECT_GET_THREAD).pfnRead == nullptr, 1) /* nothing installed by the failures */});
-}
-
-TEST(RedirectTables, RedirectIOSlotsDefaultsEmptyAndGiven) {
-    StateGuard guard;
     MemFs procFs;
     ASSERT_EQ(install(procFs.table(), 1), KS_SUCCESS);
     int token;
     // open empty (process-wide), read given, write default, seek and close empty.
-    ASSERT_EQ(K_RedirectIO(REDIRECT_EMPTY, (void*)&myRead, nullptr, REDIRECT_EMPTY, REDIRECT_EMPTY, &token),
-              KS_SUCCESS);
+    ASSERT_EQ(K_RedirectIO(REDIRECT_EMPTY, (void*)&myRead, nullptr, REDIRECT_EMPTY, REDIRECT_EMPTY, &token), 1);
     const REDIRECTRECORD t = get(REDIRECT_GET_THREAD), f = get(REDIRECT_GET_IN_FORCE);
     EXPECT_EQ(slots(t), Slots({nullptr, (const void*)&myRead, (const void*)&K_OsWrite, nullptr, nullptr}));
     // In force: the process-wide slots under the thread's given ones (size slots follow the open function).
@@ -112,12 +94,22 @@ TEST(RedirectTables, RedirectIOSlotsDefaultsEmptyAndGiven) {
                IS(sameFunctions(get(REDIRECT_GET_IN_FORCE), get(REDIRECT_GET_DEFAULT)), 1), IS(K_UsesRedirectIO(), 0)});
 }
 
-TEST(RedirectTables, SelectorsSwapAndReset) {
+// Refused arguments install nothing; a swap hands back the table it replaced, a reset puts back the defaults.
+TEST(RedirectTables, FrameChecksSelectorsSwapResetAndNeverTorn) {
     StateGuard guard;
     MemFs a, b;
-    REDIRECTRECORD ta = a.table(), tb = b.table(), r = blank(), partial = blank(), partial2 = blank();
-    partial.pfnRead = &myRead, partial2.pfnWrite = &MemFs::write;
-    expectAll({IS(K_SetRedirectFunctions(&ta, REDIRECT_SET_INSTALL, 1), 1),
+    REDIRECTRECORD ta = a.table(), tb = b.table(), r = blank(), partial = blank(), partial2 = blank(), big = blank();
+    partial.pfnRead = &myRead, partial2.pfnWrite = &MemFs::write, big.uStructSize = 128;
+    expectAll({IS(K_GetRedirectFunctions(nullptr, 64, 0, 0), KS_NULL_POINTER),
+               IS(K_GetRedirectFunctions(&big, 60, 0, 0), KS_INVALID_STRUCT_SIZE),
+               IS(K_GetRedirectFunctions(&big, 64, 4, 0), KS_INVALID_PARAMETER),
+               IS(K_GetRedirectFunctions(&big, 64, -1, 0), KS_INVALID_PARAMETER),
+               IS(K_SetRedirectFunctions(nullptr, 0, 0), KS_NULL_POINTER),
+               IS(K_SetRedirectFunctions(&big, 0, 0), KS_INVALID_STRUCT_SIZE),
+               IS(K_SetRedirectFunctions(&partial, 3, 0), KS_INVALID_PARAMETER),
+               IS(K_SetRedirectFunctions(&partial, -1, 0), KS_INVALID_PARAMETER),
+               IS(get(REDIRECT_GET_THREAD).pfnRead == nullptr, 1) /* nothing installed by the failures */,
+               IS(K_SetRedirectFunctions(&ta, REDIRECT_SET_INSTALL, 1), 1),
                IS(K_SetRedirectFunctions(&tb, REDIRECT_SET_SWAP, 1), 1),
                IS(tb.pOpenUserData == &a, 1) /* got back what it replaced */,
                IS(get(REDIRECT_GET_IN_FORCE, 1).pOpenUserData == &b, 1),
@@ -129,34 +121,24 @@ TEST(RedirectTables, SelectorsSwapAndReset) {
                IS(get(REDIRECT_GET_THREAD).pfnRead == nullptr, 1),
                IS(partial2.pfnRead == &myRead, 1) /* from the process table */,
                IS(partial2.pfnWrite == &MemFs::write, 1)});
-}
-
-// Readers of the process-wide table never see half of one table and half of another while writers replace it.
-TEST(RedirectTables, ProcessTableIsNeverTorn) {
-    StateGuard guard;
-    MemFs a, b;
-    std::atomic<bool> stop{false};
-    std::atomic<long> torn{0}, seen{0};
+    // Readers of the process-wide table never see half of one table and half of another while writers replace it.
+    std::atomic<long> torn{0}, seen{0}, readersDone{0};
     ASSERT_EQ(install(a.table(), 1), KS_SUCCESS);
-    std::vector<std::thread> writers, readers;
-    for (int w = 0; w < 2; ++w)
-        writers.emplace_back([&, w] { for (int i = 0; !stop; ++i) install(((i + w) & 1) ? a.table() : b.table(), 1); });
-    for (int r = 0; r < 2; ++r)
-        readers.emplace_back([&] {
-            for (int i = 0; i < 5000; ++i, ++seen) {
-                const REDIRECTRECORD t = get(REDIRECT_GET_IN_FORCE, 1);
-                void* u = t.pOpenUserData;
-                for (void* v : {t.pReadUserData, t.pWriteUserData, t.pSeekUserData, t.pCloseUserData, t.pSizeUserData,
-                                t.pSetSizeUserData}) torn += (u != &a && u != &b) || v != u;
-            }
-        });
-    for (auto& t : readers) t.join();
-    stop = true;
-    for (auto& t : writers) t.join();
+    onThreads(4, [&](int w) {  // two writers until the two readers are done
+        for (int i = 0; w < 2 && readersDone.load() < 2; ++i) install(((i + w) & 1) ? a.table() : b.table(), 1);
+        for (int i = 0; w >= 2 && i < 5000; ++i, ++seen) {
+            const REDIRECTRECORD t = get(REDIRECT_GET_IN_FORCE, 1);
+            for (void* v : {t.pOpenUserData, t.pReadUserData, t.pWriteUserData, t.pSeekUserData, t.pCloseUserData,
+                            t.pSizeUserData, t.pSetSizeUserData}) torn += (v != &a && v != &b) || v != t.pOpenUserData;
+        }
+        readersDone += w >= 2;
+    });
     EXPECT_TRUE(torn.load() == 0 && seen.load() == 10000);
 }
 
-TEST(RedirectFiles, HandleKeepsItsTable) {
+// An open file keeps its table when the tables change; once closed, calls fail. Failed opens give the invalid
+// handle; an allocation failure while wrapping closes what the table opened.
+TEST(RedirectFiles, HandleKeepsItsTableAndOpenFailuresGiveInvalidHandle) {
     StateGuard guard;
     MemFs fs;
     REDIRECTRECORD x = blank();
@@ -164,16 +146,25 @@ TEST(RedirectFiles, HandleKeepsItsTable) {
     HREDIRECTFILE h = K_RedirectedOpen(L"img.bin", RW_CREATE, 0);
     ASSERT_TRUE(h != invalid() && fs.openNames.back() == L"img.bin");
     char b[8] = {};
-    // Change the tables: the open file keeps going to the memory file system; once closed, calls fail.
     expectAll({IS(K_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), KS_SUCCESS),
                IS(K_RedirectedWrite(h, "hello", 5), 5), IS(K_RedirectedSeek(h, 1, REDIRECT_SEEK_SET), 1),
                IS(K_RedirectedRead(h, b, 8), 4), IS(std::string(b) == "ello", 1), IS(K_RedirectedGetSize(h), 5),
                IS(K_ExtractRedirectFunctions(h, &x), KS_SUCCESS), IS(sameFunctions(x, fs.table()), 1),
                IS(K_RedirectedClose(h), 0), IS(text(fs.files[L"img.bin"]) == "hello", 1),
-               IS(K_RedirectedWrite(h, "x", 1), -1), IS(K_RedirectedClose(h), -1), IS(fs.writes, 1), IS(fs.closes, 1)});
+               IS(K_RedirectedWrite(h, "x", 1), -1), IS(K_RedirectedClose(h), -1), IS(fs.writes, 1), IS(fs.closes, 1),
+               IS(install(fs.table()), KS_SUCCESS)});
+    fs.failOpenAt = fs.opens + 1;
+    for (HREDIRECTFILE f :
+         {K_RedirectedOpen(L"a", RW_CREATE, 0), K_RedirectedOpen(L"missing", REDIRECT_OPEN_READ, 0),
+          K_RedirectedOpen(nullptr, REDIRECT_OPEN_READ, 0), K_RedirectedOpenUtf8("\xC0\x80", REDIRECT_OPEN_READ, 0)})
+        EXPECT_EQ(f, invalid());
+    const long before = fi::liveBlocks();
+    EXPECT_EQ((fi::arm(0, 1), K_RedirectedOpen(L"b", RW_CREATE, 0)), invalid());
+    fi::disarm();
+    EXPECT_TRUE(fs.openHandles() == 0u && fi::liveBlocks() == before);
 }
 
-TEST(RedirectFiles, GarbageHandlesAreRefused) {
+TEST(RedirectFiles, GarbageHandlesWrapExtractUpdateAndBigTransfers) {
     alignas(16) unsigned char junk[128];
     std::memset(junk, 0x5A, sizeof junk);
     HGLOBAL g = K_GlobalAlloc(GMEM_MOVEABLE, 64);  // a live handle of another kind
@@ -191,25 +182,6 @@ TEST(RedirectFiles, GarbageHandlesAreRefused) {
                    IS(K_UpdateRedirectFunctions(h, &r), KS_INVALID_PARAMETER)});
     }
     EXPECT_EQ(K_GlobalFree(g), nullptr);  // untouched by the refused calls
-}
-
-TEST(RedirectFiles, OpenFailuresGiveInvalidHandle) {
-    StateGuard guard;
-    MemFs fs;
-    fs.failOpenAt = 1;
-    ASSERT_EQ(install(fs.table()), KS_SUCCESS);
-    for (HREDIRECTFILE h :
-         {K_RedirectedOpen(L"a", RW_CREATE, 0), K_RedirectedOpen(L"missing", REDIRECT_OPEN_READ, 0),
-          K_RedirectedOpen(nullptr, REDIRECT_OPEN_READ, 0), K_RedirectedOpenUtf8("\xC0\x80", REDIRECT_OPEN_READ, 0)})
-        EXPECT_EQ(h, invalid());
-    const long before = fi::liveBlocks();
-    fi::arm(0, 1);  // an allocation failure while wrapping closes what the table opened
-    EXPECT_EQ(K_RedirectedOpen(L"b", RW_CREATE, 0), invalid());
-    fi::disarm();
-    EXPECT_TRUE(fs.openHandles() == 0u && fi::liveBlocks() == before);
-}
-
-TEST(RedirectFiles, WrapExtractAndUpdate) {
     StateGuard guard;
     MemFs fs, other;
     REDIRECTRECORD t = fs.table(), badSize = t, upd = blank();
@@ -229,14 +201,10 @@ TEST(RedirectFiles, WrapExtractAndUpdate) {
                IS(K_ExtractRedirectedFileHandle(h, &out, 1), KS_SUCCESS) /* release the wrapper */,
                IS(K_RedirectedSeek(h, 0, 0), -1), IS(fs.openHandles(), 1) /* native not closed */,
                IS(MemFs::close(native, &fs), 0)});
-}
-
-// The sink moves no bytes: it records each chunk asked for.
-TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
+    // The sink moves no bytes: it records each chunk asked for.
     testfs::CountingSink sink;
-    REDIRECTRECORD t = sink.table();
-    HREDIRECTFILE h = nullptr;
-    ASSERT_EQ(K_CreateRedirectedFileHandle(&h, reinterpret_cast<void*>(0x10), &t), KS_SUCCESS);
+    REDIRECTRECORD sinkTable = sink.table();
+    ASSERT_EQ(K_CreateRedirectedFileHandle(&h, reinterpret_cast<void*>(0x10), &sinkTable), KS_SUCCESS);
     char buf[1] = {0};  // never touched by the sink
     const uint32_t c = 0x7FFFFFFu;
     const uint64_t big = 5ull << 30;  // beyond 4 GiB: counted in 64 bits
@@ -260,7 +228,7 @@ TEST(RedirectBig, ChunkingEndOfFileAndFailure) {
     K_ExtractRedirectedFileHandle(h, &n, 1);
 }
 
-TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
+TEST(RedirectOs, NonAsciiNamesReachTheSystemAndRedirectNamesRouteFiles) {
     StateGuard guard;
     ScratchDir dir;
     const std::wstring wdir(dir.path.begin(), dir.path.end()), wname = wdir + L"/caf\u00E9-\u6F22\U0001D11E.bin";
@@ -295,10 +263,6 @@ TEST(RedirectOs, NonAsciiNamesReachTheSystemAsUtf8) {
     const int full = ::open("/dev/full", O_WRONLY);  // a full disk is a short write
     EXPECT_TRUE(full < 0 || K_OsWrite(OMBRIX_OS_HANDLE(full), b, sizeof b, nullptr) <= 0);
     ::close(full);
-}
-
-TEST(RedirectNames, NameCarriesTheTableAndTheInnerName) {
-    StateGuard guard;
     MemFs fs;
     REDIRECTRECORD t = fs.table(), d{};
     t.uFlags = 0xA5;
@@ -311,13 +275,13 @@ TEST(RedirectNames, NameCarriesTheTableAndTheInnerName) {
                IS(K_DecodeRedirectName(name.c_str(), &d, &start), KS_SUCCESS), IS(std::memcmp(&d, &t, sizeof t), 0),
                IS(name.substr(start) == L"dir/page 1.tif", 1)});
     // The thread's table is the default layer; the name alone routes the file.
-    HREDIRECTFILE h = K_RedirectedOpen(name.c_str(), RW_CREATE, 0);
+    h = K_RedirectedOpen(name.c_str(), RW_CREATE, 0);
     ASSERT_NE(h, invalid());
     expectAll({IS(fs.openNames.back() == L"dir/page 1.tif", 1), IS(K_RedirectedWrite(h, "data", 4), 4),
                IS(K_RedirectedClose(h), 0), IS(fs.files[L"dir/page 1.tif"].size(), 4)});
-    char u8[1024];  // the UTF-8 entry point too; an empty inner name is allowed
-    ASSERT_EQ(K_WideToUtf8(makeName(t, nullptr).c_str(), -1, u8, sizeof u8, nullptr), KS_SUCCESS);
-    h = K_RedirectedOpenUtf8(u8, RW_CREATE, 0);
+    char routed[1024];  // the UTF-8 entry point too; an empty inner name is allowed
+    ASSERT_EQ(K_WideToUtf8(makeName(t, nullptr).c_str(), -1, routed, sizeof routed, nullptr), KS_SUCCESS);
+    h = K_RedirectedOpenUtf8(routed, RW_CREATE, 0);
     EXPECT_TRUE(h != invalid() && fs.openNames.back() == L"");
     K_RedirectedClose(h);
     // A forged name with plausible fields is refused and reaches no table (the names fuzz target: random edits).
@@ -327,36 +291,21 @@ TEST(RedirectNames, NameCarriesTheTableAndTheInnerName) {
                IS(K_RedirectedOpen(forged, REDIRECT_OPEN_READ, 0) == invalid(), 1), IS(fs.opens, opens)});
 }
 
-// Reads, writes, seeks and the content against a model: the buffer fuzz target. Here: the big transfer on a fixed
-// buffer (the table's size slot cannot pass the fixed size either); a stopped buffer's table refuses to open.
-TEST(RedirectBuffer, FixedBufferGivesShortBigWrites) {
-    HREDIRECTBUFFER b = nullptr;
-    HREDIRECTFILE f = nullptr;
-    ASSERT_EQ(K_StartRedirectToBuffer(&b, &f, REDIRECTBUF_FIXED, nullptr, 100, 0), KS_SUCCESS);
-    std::vector<char> d(250, 'q');
-    REDIRECTRECORD t = blank();
-    uint64_t size = 0;
-    expectAll({IS(K_RedirectedWrite(f, d.data(), 60), 60), IS(K_RedirectedWriteBig(f, d.data(), 250), 40),
-               IS(K_RedirectedSeek(f, -1, REDIRECT_SEEK_SET), -1), IS(K_RedirectedClose(f), 0),
-               IS(K_GetRedirectBufferTable(b, &t), KS_SUCCESS),
-               IS(t.pfnSetSize(t.pSetSizeUserData, 101, t.pSetSizeUserData), -1),
-               IS(t.pfnSetSize(t.pSetSizeUserData, 100, t.pSetSizeUserData), 0),
-               IS(K_StopRedirectToBuffer(b, nullptr, &size), KS_SUCCESS), IS(size, 100),
-               IS(t.pfnOpen(L"x", RW_CREATE, 0, t.pOpenUserData) == OMBRIX_INVALID_FILE, 1)});
-}
-
+// Reads, writes, seeks, fixed and growing buffers and the content against a model: the buffer fuzz target. Here:
+// refused arguments, an empty buffer, a stopped buffer's table refuses to open, every allocation failing in turn.
 TEST(RedirectBuffer, ArgumentsEmptyContentAndAllocationFailures) {
     HREDIRECTBUFFER b = nullptr;
     HREDIRECTFILE f = nullptr;
-    REDIRECTRECORD t{};
+    REDIRECTRECORD t{}, own = blank();
     HGLOBAL out = reinterpret_cast<HGLOBAL>(1);
     uint64_t size = 7;
     expectAll({IS(K_StartRedirectToBuffer(nullptr, nullptr, 0, nullptr, 0, 0), KS_INVALID_PARAMETER),
                IS(K_StartRedirectToBuffer(&b, nullptr, 0x80, nullptr, 0, 0), KS_INVALID_PARAMETER), IS(b == nullptr, 1),
                IS(K_StartRedirectToBuffer(&b, &f, 0, nullptr, 0, 0), KS_SUCCESS), IS(K_RedirectedClose(f), 0),
                IS(K_GetRedirectBufferTable(b, &t), KS_INVALID_STRUCT_SIZE),
-               IS(K_GetRedirectBufferTable(b, nullptr), KS_NULL_POINTER),
+               IS(K_GetRedirectBufferTable(b, nullptr), KS_NULL_POINTER), IS(K_GetRedirectBufferTable(b, &own), 1),
                IS(K_StopRedirectToBuffer(b, &out, &size), KS_SUCCESS), IS(out == nullptr, 1), IS(size, 0),
+               IS(own.pfnOpen(L"x", RW_CREATE, 0, own.pOpenUserData) == OMBRIX_INVALID_FILE, 1),
                IS(K_StopRedirectToBuffer(b, nullptr, nullptr), KS_INVALID_PARAMETER),
                IS(K_StopRedirectToBuffer(nullptr, nullptr, nullptr), KS_INVALID_PARAMETER)});
     // Every allocation of the start fails in turn (the registries are warm from above).
@@ -452,8 +401,8 @@ TEST_P(TempFileBoth, PositionedIoSizeAndMappingAgreeWithAModel) {
 INSTANTIATE_TEST_SUITE_P(AnonymousAndNamed, TempFileBoth, ::testing::Values(false, true));
 
 // The size limit is exact at the edge, for mappings too; the built-in table's files get a short write; a caller's
-// table has no mapping.
-TEST(TempFile, SizeLimitActsAsFullDisk) {
+// table has no mapping. A file-size resource limit stops system writes part way, as a full disk does.
+TEST(TempFile, SizeLimitFullDiskModeOptionsAndThroughATable) {
     StateGuard guard;
     setOptions(0, 1);
     Owned f = create();
@@ -476,44 +425,32 @@ TEST(TempFile, SizeLimitActsAsFullDisk) {
                IS(K_RedirectedTempFileWrite(h, d.data(), 100, nullptr), 10),
                IS(K_RedirectedTempFileWrite(h, d.data(), 100, nullptr), 0),
                IS(K_RedirectedTempFileClose(h, nullptr), 0), IS(fs.install(), KS_SUCCESS),
-               IS(krn::tempMap(create().get(), 0, 10, true, &m), KS_NOT_SUPPORTED)});
-}
-
-// A file-size resource limit stops system writes part way, as a full disk does.
-TEST(TempFile, SystemShortWriteIsReported) {
-    StateGuard guard;
+               IS(krn::tempMap(create().get(), 0, 10, true, &m), KS_NOT_SUPPORTED), IS(fs.uninstall(), KS_SUCCESS)});
     struct rlimit old;
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
     void (*oldSig)(int) = signal(SIGXFSZ, SIG_IGN);
-    Owned f = create();
+    setOptions(0, 0);
+    f = create();
     struct rlimit lim = old;
     lim.rlim_cur = 65536;
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &lim), 0);
-    Bytes d(100000, 0x33);
-    krn::TempMapping m;
     const int64_t partial = krn::tempWrite(f.get(), 0, d.data(), d.size()),
                   within = krn::tempWrite(f.get(), 0, d.data(), 65536), grow = krn::tempSetSize(f.get(), 1 << 20),
                   map = krn::tempMap(f.get(), 60000, 10000, true, &m);
-    HREDIRECTFILE h = K_RedirectedOpen(L"/tmp/ombrix_fsize_probe", RW_CREATE | REDIRECT_OPEN_TEMPORARY, 0);
-    const int64_t big = K_RedirectedWriteBig(h, d.data(), d.size());  // the bytes that fitted, then the loop stops
-    K_RedirectedClose(h);
+    HREDIRECTFILE probe = K_RedirectedOpen(L"/tmp/ombrix_fsize_probe", RW_CREATE | REDIRECT_OPEN_TEMPORARY, 0);
+    const int64_t big = K_RedirectedWriteBig(probe, d.data(), d.size());  // the bytes that fitted, then it stops
+    K_RedirectedClose(probe);
     setrlimit(RLIMIT_FSIZE, &old);
     signal(SIGXFSZ, oldSig);
     expectAll({IS(partial, KS_FILE_WRITE), IS(within, KS_SUCCESS), IS(grow, KS_FILE_WRITE), IS(map, KS_FILE_WRITE),
                IS(big, 65536)});
     krn::tempUnmap(&m);
-}
-
-// Mode 0 is stored as 2; mode 3 keeps all off the disk unless a caller's table decides; -1 keeps the mode.
-TEST(TempFile, ModeOptionsAndMode3) {
-    StateGuard guard;
+    // Mode 0 is stored as 2; mode 3 keeps all off the disk unless a caller's table decides; -1 keeps the mode.
     TEMPFILEOPTIONS o{TEMPFILEOPTIONS_SIZE, 0, 0, 0, {11, 22}}, back{};
-    TempFile* f = nullptr;
-    MemFs fs;
-    expectAll({IS(K_SetTempFileOptions(&o), KS_SUCCESS),
-               IS(K_GetTempFileMode(), 2), IS(krn::tempDiskAllowed(), 1),
+    TempFile* raw = nullptr;
+    expectAll({IS(K_SetTempFileOptions(&o), KS_SUCCESS), IS(K_GetTempFileMode(), 2), IS(krn::tempDiskAllowed(), 1),
                IS((o.nMode = 3, K_SetTempFileOptions(&o)), KS_SUCCESS), IS(krn::tempFileMode(), 3),
-               IS(krn::tempDiskAllowed(), 0), IS(krn::tempCreate(&f), KS_NOT_SUPPORTED),
+               IS(krn::tempDiskAllowed(), 0), IS(krn::tempCreate(&raw), KS_NOT_SUPPORTED),
                IS(K_RedirectedTempFileOpen(nullptr, 0, 0, nullptr) == OMBRIX_INVALID_FILE, 1),
                IS(fs.install(), KS_SUCCESS), IS(bool(create()), 1), IS(fs.uninstall(), KS_SUCCESS),
                IS((o.nMode = -1, K_SetTempFileOptions(&o)), KS_SUCCESS),
@@ -521,66 +458,58 @@ TEST(TempFile, ModeOptionsAndMode3) {
                IS((o.nMode = 4, K_SetTempFileOptions(&o)), KS_INVALID_PARAMETER),
                IS((o.nMode = 1, o.uStructSize = 20, K_SetTempFileOptions(&o)), KS_INVALID_STRUCT_SIZE),
                IS(K_GetTempFileOptions(&back, 28), KS_INVALID_STRUCT_SIZE), IS(K_GetTempFileMode(), 3)});
-}
-
-struct TableTemp : ::testing::Test {  // a memory file system as the thread's table; the folder is its business
-    StateGuard guard;
-    MemFs fs;
-    void SetUp() override {
-        ASSERT_EQ(fs.install(), KS_SUCCESS);
-        ASSERT_EQ(K_SetTempDirectoryUtf8("/nowhere/at/all"), KS_SUCCESS);
-    }
-};
-
-// Through a table: round trip, deleted on close; each failing call gives its code, a short write is an error, short
-// reads are completed; without size slots the file grows by its last byte and cannot be cut.
-TEST_F(TableTemp, RoundTripFailuresShortReadsAndNoSizeSlots) {
-    Owned f = create();
-    ASSERT_EQ(fs.opens, 1);
+    // Through a table (a memory file system; the folder is its business): round trip, deleted on close; each failing
+    // call gives its code, a short write is an error, short reads are completed; without size slots the file grows by
+    // its last byte and cannot be cut.
+    MemFs tfs;
+    ASSERT_TRUE(tfs.install() == KS_SUCCESS && K_SetTempDirectoryUtf8("/nowhere/at/all") == KS_SUCCESS);
+    f = create();
+    ASSERT_EQ(tfs.opens, 1);
     const uint32_t want = REDIRECT_OPEN_TEMPORARY | RW_CREATE;
-    const std::wstring& name = fs.openNames[0], prefix = L"/nowhere/at/all/QX";  // the folder, QX, 8 hex digits, .tmp
+    const std::wstring& name = tfs.openNames[0], prefix = L"/nowhere/at/all/QX";  // the folder, QX, 8 hex digits, .tmp
     auto a = randomBytes(70000, 1);
     Bytes want2(100000, 0);
     std::copy(a.begin(), a.end(), want2.begin() + 20000);
-    expectAll({IS(krn::tempIsRedirected(f.get()), 1), IS(fs.openModes[0] & want, want), IS(name.rfind(prefix, 0), 0),
+    expectAll({IS(krn::tempIsRedirected(f.get()), 1), IS(tfs.openModes[0] & want, want), IS(name.rfind(prefix, 0), 0),
                IS(name.size(), prefix.size() + 8 + 4), IS(name.substr(name.size() - 4) == L".tmp", 1),
                IS(krn::tempSetSize(f.get(), 100000), KS_SUCCESS),
                IS(krn::tempWrite(f.get(), 20000, a.data(), a.size()), KS_SUCCESS),
-               IS(readBack(f.get(), 0, 100000) == want2, 1), IS(krn::tempSize(f.get()), 100000), IS(fs.files.size(), 1),
-               IS((f.reset(), fs.closes), 1), IS(fs.files.empty(), 1), IS(fs.openHandles(), 0)});
-    fs.failOpenAt = fs.opens + 1;
-    TempFile* raw = nullptr;
+               IS(readBack(f.get(), 0, 100000) == want2, 1), IS(krn::tempSize(f.get()), 100000),
+               IS(tfs.files.size(), 1), IS((f.reset(), tfs.closes), 1), IS(tfs.files.empty(), 1),
+               IS(tfs.openHandles(), 0)});
+    tfs.failOpenAt = tfs.opens + 1;
+    raw = nullptr;
     EXPECT_TRUE(krn::tempCreate(&raw) == KS_FILE_OPEN && raw == nullptr);
     f = create();
     uint8_t b[64] = {};
-    Bytes d(600, 1);
-    expectAll({IS((fs.failWriteAt = fs.writes + 1, krn::tempWrite(f.get(), 0, b, sizeof b)), KS_FILE_WRITE),
+    expectAll({IS((tfs.failWriteAt = tfs.writes + 1, krn::tempWrite(f.get(), 0, b, sizeof b)), KS_FILE_WRITE),
                IS(krn::tempWrite(f.get(), 0, b, sizeof b), KS_SUCCESS),
-               IS((fs.failReadAt = fs.reads + 1, krn::tempRead(f.get(), 0, b, sizeof b)), KS_FILE_READ),
+               IS((tfs.failReadAt = tfs.reads + 1, krn::tempRead(f.get(), 0, b, sizeof b)), KS_FILE_READ),
                IS(krn::tempRead(f.get(), 0, b, sizeof b), KS_SUCCESS),
-               IS((fs.failSeekAt = fs.seeks + 1, krn::tempRead(f.get(), 0, b, sizeof b)), KS_FILE_SEEK),
-               IS((fs.failSeekAt = fs.seeks + 1, krn::tempWrite(f.get(), 0, b, sizeof b)), KS_FILE_SEEK),
+               IS((tfs.failSeekAt = tfs.seeks + 1, krn::tempRead(f.get(), 0, b, sizeof b)), KS_FILE_SEEK),
+               IS((tfs.failSeekAt = tfs.seeks + 1, krn::tempWrite(f.get(), 0, b, sizeof b)), KS_FILE_SEEK),
                IS(krn::tempRead(f.get(), 0, b, sizeof b), KS_SUCCESS),
-               IS((fs.capacity = 1000, krn::tempWrite(f.get(), 0, d.data(), 600)), KS_SUCCESS),
+               IS((tfs.capacity = 1000, krn::tempWrite(f.get(), 0, d.data(), 600)), KS_SUCCESS),
                IS(krn::tempWrite(f.get(), 600, d.data(), 600), KS_FILE_WRITE) /* 400 fit */,
                IS(krn::tempSetSize(f.get(), 5000), KS_FILE_WRITE)});
-    fs.capacity = UINT64_MAX, fs.readLimitPerCall = 7;
+    tfs.capacity = UINT64_MAX, tfs.readLimitPerCall = 7;
     f = create();
-    const long reads = fs.reads;
+    const long reads = tfs.reads;
     ASSERT_EQ(krn::tempWrite(f.get(), 0, a.data(), 1000), KS_SUCCESS);
-    EXPECT_TRUE(readBack(f.get(), 0, 1000) == Bytes(a.begin(), a.begin() + 1000) && fs.reads - reads >= 1000 / 7);
-    REDIRECTRECORD t = fs.table();
+    EXPECT_TRUE(readBack(f.get(), 0, 1000) == Bytes(a.begin(), a.begin() + 1000) && tfs.reads - reads >= 1000 / 7);
+    REDIRECTRECORD t = tfs.table();
     t.pfnSize = nullptr, t.pfnSetSize = nullptr;
     ASSERT_EQ(install(t), KS_SUCCESS);
     f = create();
     expectAll({IS(krn::tempSetSize(f.get(), 12345), KS_SUCCESS), IS(krn::tempSize(f.get()), 12345),
-               IS(fs.writeAsks.back(), 1), IS(krn::tempSetSize(f.get(), 100), KS_FILE_WRITE),
+               IS(tfs.writeAsks.back(), 1), IS(krn::tempSetSize(f.get(), 100), KS_FILE_WRITE),
                IS(krn::tempSetSize(f.get(), 12345), KS_SUCCESS)});
+    f.reset();  // closed through tfs, which goes first
 }
 
 // The built-in temporary-file table in force does not recurse; through a handle it is a positioned file, dead
 // after close for every function.
-TEST(TempFile, BuiltInTableDoesNotRecurseAndIsAPositionedFile) {
+TEST(TempFile, BuiltInTableIsAPositionedFileAndAllocationFailureLeavesNothing) {
     StateGuard guard;
     ScratchDir dir;
     ASSERT_EQ(K_SetTempDirectoryUtf8(dir.path.c_str()), KS_SUCCESS);
@@ -606,11 +535,8 @@ TEST(TempFile, BuiltInTableDoesNotRecurseAndIsAPositionedFile) {
                IS(K_RedirectedTempFileClose(native, nullptr), -1),
                IS(K_RedirectedTempFileWrite(junk, b, 1, nullptr), -1),
                IS(K_RedirectedTempFileSeek(nullptr, 0, 0, nullptr), -1)});
-}
-
-// An allocation failure at creation leaves no block and no descriptor.
-TEST(TempFile, AllocationFailureLeavesNothing) {
-    StateGuard guard;
+    // Without a table, an allocation failure at creation leaves no block and no descriptor.
+    ASSERT_EQ(MemFs::uninstall(), KS_SUCCESS);
     create().reset();  // the per-thread and process-wide state exists before the counts
     const long blocks = fi::liveBlocks();
     const int fds = testfs::openFdCount();
@@ -626,8 +552,9 @@ bool isHexName(const std::string& leaf, const std::string& prefix) {
                        [](unsigned char c) { return isxdigit(c) != 0; });
 }
 
-// Unique names are created (private files) and distinct; numbered names create nothing; bad prefixes and folders.
-TEST(RedirectTempNames, UniqueAndNumberedNamesAndBadFolders) {
+// Unique names are created (private files) and distinct; numbered names create nothing; bad prefixes and folders;
+// the folder itself.
+TEST(RedirectTempNames, UniqueAndNumberedNamesAndTheFolder) {
     StateGuard guard;
     ScratchDir dir;
     ASSERT_EQ(K_SetTempDirectoryUtf8((dir.path + "/").c_str()), KS_SUCCESS);  // trailing slash dropped
@@ -636,11 +563,10 @@ TEST(RedirectTempNames, UniqueAndNumberedNamesAndBadFolders) {
         char n[OMBRIX_TEMP_NAME_CHARS];
         struct stat st;  // the name is taken, by a private file
         ASSERT_TRUE(K_GetTempFileNameUtf8(n, nullptr) == KS_SUCCESS && std::string(n).rfind(dir.path + "/", 0) == 0 &&
-                    isHexName(n + dir.path.size() + 1, "QX") && ::stat(n, &st) == 0 && (st.st_mode & 0777) == 0600)
-            << n;
-        names.insert(n);
+                    isHexName(n + dir.path.size() + 1, "QX") && ::stat(n, &st) == 0 && (st.st_mode & 0777) == 0600 &&
+                    names.insert(n).second) << n;
     }
-    EXPECT_TRUE(names.size() == 200u && dir.entries().size() == 200u);
+    EXPECT_EQ(dir.entries().size(), 200u);
     wchar_t w[OMBRIX_TEMP_NAME_CHARS];
     char u8[OMBRIX_TEMP_NAME_CHARS * 4];
     ASSERT_EQ(K_GetTempFileName(w, L"AB"), KS_SUCCESS);
@@ -665,15 +591,10 @@ TEST(RedirectTempNames, UniqueAndNumberedNamesAndBadFolders) {
                IS(K_SetTempDirectoryUtf8(("/tmp/" + std::string(300, 'd')).c_str()), KS_SUCCESS),
                IS(K_GetTempFileNameUtf8(a, nullptr), KS_BUFFER_TOO_SMALL),
                IS(K_GetTempFileNameNumberedUtf8(a, nullptr, 3), KS_BUFFER_TOO_SMALL)});
-}
-
-// Round trips in both encodings; refused values keep the folder.
-TEST(RedirectTempFolder, PerThreadRoundTripAndLimits) {
-    StateGuard guard;
+    // The folder: round trips in both encodings; refused values keep the folder.
     const wchar_t* dirW = L"/tmp/\u5199\u771F/images";
     const char* dirU8 = "/tmp/\xE5\x86\x99\xE7\x9C\x9F/images";
     wchar_t back[64];
-    char u8[64];
     expectAll({IS(K_SetTempDirectory(dirW), KS_SUCCESS), IS(K_GetTempDirectory(back, 64), KS_SUCCESS),
                IS(std::wstring(back) == dirW, 1), IS(K_GetTempDirectoryUtf8(u8, 64), KS_SUCCESS),
                IS(std::string(u8) == dirU8, 1), IS(K_GetTempDirectory(back, 5), KS_BUFFER_TOO_SMALL)});

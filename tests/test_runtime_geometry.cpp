@@ -14,9 +14,7 @@
 
 namespace {
 
-struct Ref {
-    double m11, m12, m21, m22, ox, oy;
-};
+struct Ref { double m11, m12, m21, m22, ox, oy; };
 const Ref kId{1, 0, 0, 1, 0, 0};
 
 Ref refOf(const KMATRIX& m) { return m.nType == 0 ? kId : Ref{m.dM11, m.dM12, m.dM21, m.dM22, m.dOffsetX, m.dOffsetY}; }
@@ -52,6 +50,24 @@ bool close(double a, double b, double scale = 1.0) {
     return got.uReserved == 0 ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << "reserved word not 0";
 }
 
+// Builder k: even k appends the step, odd k prepends it.
+void build(int k, KMATRIX* m, double a, double cx, double cy, double sx, double sy, double kx, double ky) {
+    switch (k) {
+        case 0: return K_Matrix_Rotate(m, a);
+        case 1: return K_Matrix_RotatePrepend(m, a);
+        case 2: return K_Matrix_RotateAt(m, a, cx, cy);
+        case 3: return K_Matrix_RotateAtPrepend(m, a, cx, cy);
+        case 4: return K_Matrix_Scale(m, sx, sy);
+        case 5: return K_Matrix_ScalePrepend(m, sx, sy);
+        case 6: return K_Matrix_ScaleAt(m, sx, sy, cx, cy);
+        case 7: return K_Matrix_ScaleAtPrepend(m, sx, sy, cx, cy);
+        case 8: return K_Matrix_Skew(m, kx, ky);
+        case 9: return K_Matrix_SkewPrepend(m, kx, ky);
+        case 10: return K_Matrix_Translate(m, cx, cy);
+        default: return K_Matrix_TranslatePrepend(m, cx, cy);
+    }
+}
+
 // Random matrix of a given type; type 0 comes as a record holding garbage values (still the identity).
 struct Gen {
     std::mt19937_64 rng;
@@ -74,7 +90,7 @@ void expectAll(std::initializer_list<std::pair<double, double>> rows) {
     for (const auto& [got, want] : rows) EXPECT_EQ(got, want) << "row " << i++;
 }
 
-TEST(RuntimeGeometryDouble, DocumentedEdgeCasesAndClosenessRules) {
+TEST(RuntimeGeometryDouble, EdgeCasesClosenessRulesDoubleToIntAndNormalizeAngle) {
     // The relative rule: eps = (|a| + |b| + 10) * DBL_EPSILON, strict.
     const double eps = 12.0 * DBL_EPSILON;
     RECTD r{0, 1, NAN, 3}, q{0, 1, 2, 3}, q2{1e-17, 1, 2, 3}, q3{0, 1, 2, 3.001};
@@ -99,10 +115,7 @@ TEST(RuntimeGeometryDouble, DocumentedEdgeCasesAndClosenessRules) {
         {K_Double_AreCloseSizes(&s1, &s1), 1}, {K_Double_AreCloseSizes(&s1, &s2), 0},
         {K_Double_AreClosePoints(nullptr, &p1), 0},
     });
-}
-
-// DoubleToInt rounds half away from zero and saturates; NormalizeAngle equals repeated subtraction, bit for bit.
-TEST(RuntimeGeometryDouble, DoubleToIntAndNormalizeAngleAgainstPlainRules) {
+    // DoubleToInt rounds half away from zero and saturates; NormalizeAngle equals repeated subtraction, bit for bit.
     auto loop = [](double d) {
         while (d > 360) d -= 360;
         while (d < 0) d += 360;
@@ -126,7 +139,7 @@ TEST(RuntimeGeometryDouble, DoubleToIntAndNormalizeAngleAgainstPlainRules) {
                {std::isnan(K_Double_NormalizeAngle(NAN)), 1}, {big >= 0.0 && big <= 360.0, 1}});
 }
 
-TEST(RuntimeGeometryMatrix, TypeDerivationAndAccessors) {
+TEST(RuntimeGeometryMatrix, TypeAccessorsInverseTransformsAndBuildersMatchReference) {
     KMATRIX m;
     for (const Ref& v : std::initializer_list<Ref>{{2, 0, 0, 1, 5, 0}, {1, 0.5, 0, 1, 0, 0}, {1, 0, 0, 1, 0, 0},
                                                    {1, 0, 0, 1, 0, -1}, {1, 0, 0, 3, 0, 0}, {1, 0, -0.25, 1, 0, 0}})
@@ -136,13 +149,9 @@ TEST(RuntimeGeometryMatrix, TypeDerivationAndAccessors) {
     expectAll({{K_Matrix_IsIdentity(&m), 1},
                {K_Matrix_GetM11(&m), 1.0}, {K_Matrix_GetM22(&m), 1.0}, {K_Matrix_Determinant(&m), 1.0}});
     // Setters from the identity change one value and re-derive the type.
-    const struct {
-        void (*set)(KMATRIX*, double);
-        double v;
-        int type;
-    } steps[] = {{K_Matrix_SetM12, 0.5, 4}, {K_Matrix_SetM12, 0.0, 0},   {K_Matrix_SetOffsetX, 2, 1},
-                 {K_Matrix_SetM22, 3, 3},   {K_Matrix_SetOffsetX, 0, 2}, {K_Matrix_SetM21, 1, 4},
-                 {K_Matrix_SetM11, 7, 4},   {K_Matrix_SetOffsetY, 9, 4}};
+    const struct { void (*set)(KMATRIX*, double); double v; int type; } steps[] = {
+        {K_Matrix_SetM12, 0.5, 4}, {K_Matrix_SetM12, 0.0, 0}, {K_Matrix_SetOffsetX, 2, 1}, {K_Matrix_SetM22, 3, 3},
+        {K_Matrix_SetOffsetX, 0, 2}, {K_Matrix_SetM21, 1, 4}, {K_Matrix_SetM11, 7, 4}, {K_Matrix_SetOffsetY, 9, 4}};
     for (const auto& s : steps) EXPECT_EQ((s.set(&m, s.v), m.nType), s.type);
     KMATRIX z, i;
     std::memset(&z, 0, sizeof z);
@@ -156,9 +165,6 @@ TEST(RuntimeGeometryMatrix, TypeDerivationAndAccessors) {
                {(i.nType = 4, K_Matrix_IsIdentity(&i)), 1} /* a general-typed identity is still recognised by value */,
                {(i.dOffsetX = 1e-300, K_Matrix_IsIdentity(&i)), 0}, {K_Matrix_Invert(nullptr), 0},
                {K_Matrix_GetM11(nullptr), 0.0}});
-}
-
-TEST(RuntimeGeometryMatrix, InverseMatchesReferenceAndUndoes) {
     Gen g(2);
     for (int iter = 0; iter < 2000; ++iter) {
         const int t = iter % 5;
@@ -181,13 +187,9 @@ TEST(RuntimeGeometryMatrix, InverseMatchesReferenceAndUndoes) {
         const KMATRIX copy = s;
         EXPECT_TRUE(K_Matrix_HasInverse(&s) == 0 && K_Matrix_Invert(&s) == 0 && std::memcmp(&s, &copy, sizeof s) == 0);
     }
-    KMATRIX z;  // types 0 and 1 have determinant 1 whatever the values say
-    std::memset(&z, 0, sizeof z);
+    std::memset(&z, 0, sizeof z);  // types 0 and 1 have determinant 1 whatever the values say
     EXPECT_TRUE(K_Matrix_Invert(&z) == 1 && K_Matrix_IsIdentity(&z) == 1);
-}
-
-TEST(RuntimeGeometryMatrix, TransformsMatchReference) {
-    Gen g(3);
+    g = Gen(3);
     std::uniform_real_distribution<double> d(-100, 100);
     for (int iter = 0; iter < 3000; ++iter) {
         KMATRIX m = g.matrix(iter % 5);
@@ -221,39 +223,18 @@ TEST(RuntimeGeometryMatrix, TransformsMatchReference) {
             close(rc.top, *std::min_element(cy, cy + 4), 100) && close(rc.bottom, *std::max_element(cy, cy + 4), 100));
         ASSERT_EQ(std::memcmp(&rc, &rc2, sizeof rc), 0);
     }
-    KMATRIX m;
     RECTD empty{5, 5, 5, 9};
     POINTD p{1, 1};
     K_Matrix_Set(&m, 2, 0, 0, 2, 1, 1);
     expectAll({{(K_Matrix_TransformRect(&m, &empty), empty.left), 5} /* empty rectangles are left as they are */,
                {empty.bottom, 9}, {(K_Matrix_TransformPoints(&m, &p, 0), p.x), 1}});
-}
-
-// Builders against matrices the test assembles itself. Builder k: even k appends the step, odd k prepends it.
-void build(int k, KMATRIX* m, double a, double cx, double cy, double sx, double sy, double kx, double ky) {
-    switch (k) {
-        case 0: K_Matrix_Rotate(m, a); break;
-        case 1: K_Matrix_RotatePrepend(m, a); break;
-        case 2: K_Matrix_RotateAt(m, a, cx, cy); break;
-        case 3: K_Matrix_RotateAtPrepend(m, a, cx, cy); break;
-        case 4: K_Matrix_Scale(m, sx, sy); break;
-        case 5: K_Matrix_ScalePrepend(m, sx, sy); break;
-        case 6: K_Matrix_ScaleAt(m, sx, sy, cx, cy); break;
-        case 7: K_Matrix_ScaleAtPrepend(m, sx, sy, cx, cy); break;
-        case 8: K_Matrix_Skew(m, kx, ky); break;
-        case 9: K_Matrix_SkewPrepend(m, kx, ky); break;
-        case 10: K_Matrix_Translate(m, cx, cy); break;
-        default: K_Matrix_TranslatePrepend(m, cx, cy);
-    }
-}
-
-TEST(RuntimeGeometryMatrix, BuildersAppendAndPrepend) {
-    Gen g(4);
-    std::uniform_real_distribution<double> ang(-1000, 1000), d(-10, 10);
+    // Builders against matrices the test assembles itself.
+    g = Gen(4);
+    std::uniform_real_distribution<double> ang(-1000, 1000), near(-10, 10);
     const double pi = 3.14159265358979323846;
     for (int iter = 0; iter < 1000; ++iter) {
         KMATRIX base = g.matrix(iter % 5);
-        double a = ang(g.rng), cx = d(g.rng), cy = d(g.rng), sx = d(g.rng), sy = d(g.rng);
+        double a = ang(g.rng), cx = near(g.rng), cy = near(g.rng), sx = near(g.rng), sy = near(g.rng);
         double rad = std::fmod(std::fmod(a, 360.0) + 360.0, 360.0) * pi / 180.0;
         double c = std::cos(rad), s = std::sin(rad);
         double kx = std::fmod(a, 80.0), ky = std::fmod(a * 0.7, 80.0);
@@ -293,7 +274,7 @@ bool sameRect(const RECT& a, const RECT& b) { return std::memcmp(&a, &b, sizeof 
 RECTD toD(const RECT& r) { return RECTD{double(r.left), double(r.top), double(r.right), double(r.bottom)}; }
 
 // Integer, double and Win32 forms, results aliasing inputs, against the pixel sets.
-TEST(RuntimeGeometryRect, OperationsMatchThePixelSetOracleInBothForms) {
+TEST(RuntimeGeometryRect, OperationsMatchThePixelSetOracleSaturationRecordsAndLengths) {
     std::mt19937 rng(5);
     std::uniform_int_distribution<int> c(-6, 6);
     for (int iter = 0; iter < 5000; ++iter) {
@@ -344,10 +325,7 @@ TEST(RuntimeGeometryRect, OperationsMatchThePixelSetOracleInBothForms) {
         ASSERT_TRUE(K_Rect_Width(&a) == a.right - a.left && K_Rect_Height(&a) == a.bottom - a.top &&
                     K_RectD_Width(&da) == double(a.right - a.left));
     }
-}
-
-// Integer results saturate; record makers, accessors, conversions (near edge floored, far edge ceiled), lengths.
-TEST(RuntimeGeometryRect, SaturationRecordsConversionsAndLengths) {
+    // Integer results saturate; record makers, accessors, conversions (near edge floored, far edge ceiled), lengths.
     RECT sat = K_Rect_FromLTRB(INT32_MIN, -5, INT32_MAX, 5), m = K_Rect_Make(INT32_MAX - 1, 0, 100, 100);
     const int w = K_Rect_Width(&sat);
     K_Rect_Inflate(&sat, 10, 10);
@@ -408,7 +386,7 @@ long double exactScaled(long double hundredths, bool sine) {
 }
 
 // Round half up, decided only clearly away from a tie; 0, 30 and 90 degrees are exact (0, 8192, 16384).
-TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRule) {
+TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRuleAndFoldingMatchesTheTrueFunctions) {
     const int32_t* t = krn::sineTable();
     for (int a = 0; a <= 9000; ++a) {
         const long double v = exactScaled(a, true), frac = v - std::floor(v);
@@ -418,10 +396,7 @@ TEST(RuntimeSine, EveryTableEntryFollowsTheRoundingRule) {
             << "entry " << a << " wrong or too close to a tie to decide";
     }
     EXPECT_TRUE(t[1] == 3 && t[4500] == 11585);
-}
-
-// Over the whole turn within half a unit of the true value, with the symmetries; outside it wraps modulo 36000.
-TEST(RuntimeSine, FoldingMatchesTheTrueFunctionsOverTheWholeTurnAndWraps) {
+    // Over the whole turn within half a unit of the true value, with the symmetries; outside it wraps modulo 36000.
     for (int a = 0; a <= 36000; ++a) {
         const int32_t gs = K_SinValue(a), gc = K_CosValue(a);
         ASSERT_TRUE(std::fabs(gs - exactScaled(a, true)) <= 0.5L + 1e-9L &&

@@ -14,6 +14,7 @@
 #include "krn/common/memory.h"
 #include "krn/common/parallel.h"
 #include "ktthreading_.h"
+#include "run_threads.h"
 
 namespace {
 
@@ -40,9 +41,14 @@ int runCounted(KTWorkItems& w, int n) {  // queues n counting items, waits, give
     w.Wait();
     return ran.load();
 }
+int warmPool() { KTWorkItems w; return w.Create(1, 0, 0), runCounted(w, 1); }
 int abortItem(KTWorkItems*, void*) { return KS_USER_ABORT; }
 std::thread::id tid() { return std::this_thread::get_id(); }
 int exitItem(void*) { std::exit(4); }
+template <int Ms>
+int sleepItem(void* started) {
+    return ++*static_cast<std::atomic<int>*>(started), std::this_thread::sleep_for(Ms * 1ms), 1;
+}
 int threadIdItem(void* d) { return *static_cast<std::thread::id*>(d) = tid(), 1; }
 
 TEST(RuntimeEvent, ManualAutoResetTimeOutSignalAndOutOfMemory) {
@@ -82,7 +88,7 @@ protected:
 };
 
 // A lock never created does nothing; items release only the hold they took, move with it, time out without one.
-TEST_P(RuntimeLock, ItemsReleaseTheMatchingHold) {
+TEST_P(RuntimeLock, ItemsReleaseTheMatchingHoldReadersShareWritersExclude) {
     KTReaderWriterLock l;
     KTReaderWriterLockItem r = l.AcquireReaderLock(), w = l.AcquireWriterLock();
     EXPECT_TRUE(l.IsCreated() == 0 && r.IsHeld() == 0 && w.IsHeld() == 0);
@@ -103,13 +109,8 @@ TEST_P(RuntimeLock, ItemsReleaseTheMatchingHold) {
                IS(l.AcquireWriterLock(0).IsHeld(), 0),
                IS((std::thread([&] { got = l.AcquireWriterLock(1).IsHeld() == 1; }).join(), got.load()), 1),
                IS((l.Destroy(), l.IsCreated()), 0), IS(l.Create(), 1), IS(l.Create(), 1) /* tears the old one down */});
-}
-
-// Slim locks share readers, the fallback serialises them; a writer excludes readers; under contention a reader
-// never sees the two fields the writers keep equal differ.
-TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThemAndContend) {
-    KTReaderWriterLock l;
-    ASSERT_EQ(l.Create(), 1);
+    // Slim locks share readers, the fallback serialises them; a writer excludes readers; under contention a reader
+    // never sees the two fields the writers keep equal differ.
     for (bool writer : {false, true}) {
         KTReaderWriterLockItem mine = writer ? KTReaderWriterLockItem() : l.AcquireReaderLock();
         if (writer) l.Lock();  // the plain writer hold
@@ -123,49 +124,37 @@ TEST_P(RuntimeLock, ReadersShareOnlyWithSlimLocksWritersExcludeThemAndContend) {
     }
     long a = 0, b = 0;
     std::atomic<long> torn{0}, reads{0};
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> readers, writers;
-    for (int i = 0; i < 3; ++i)
-        readers.emplace_back([&] {
-            while (!stop.load(std::memory_order_relaxed)) {
-                KTReaderWriterLockItem r = l.AcquireReaderLock();
-                torn += a != b;
-                reads.fetch_add(1, std::memory_order_relaxed);
-            }
-        });
-    for (int i = 0; i < 2; ++i)
-        writers.emplace_back([&] {
-            while (reads.load(std::memory_order_relaxed) == 0) std::this_thread::yield();  // contend for real
-            for (int k = 0; k < 20000; ++k) {
-                KTReaderWriterLockItem w = l.AcquireWriterLock();
-                ++a, ++b;
-            }
-        });
-    for (auto& t : writers) t.join();
-    stop = true;
-    for (auto& t : readers) t.join();
+    std::atomic<int> writersDone{0};
+    onThreads(5, [&](int i) {  // two writers, three readers until they are done; each hold lasts one expression
+        for (; i >= 2 && writersDone.load() < 2; ++reads) torn += (l.AcquireReaderLock(), a != b);
+        while (i < 2 && reads.load() == 0) std::this_thread::yield();  // contend for real
+        for (int k = 0; i < 2 && k < 20000; ++k) l.AcquireWriterLock(), ++a, ++b;
+        writersDone += i < 2;
+    });
     EXPECT_TRUE(torn.load() == 0 && a == 40000 && b == 40000);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, RuntimeLock, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "SectionFallback" : "Slim"; });
 
+struct CancelScene {
+    std::atomic<bool> release{false}, longStarted{false}, longFinished{false};
+    std::atomic<int> laterRan{0};
+};
+
 // Items run once each, with several owners at once; item results become the status only with KTWI_ITEM_STATUS.
-TEST(RuntimeWorkItems, ItemsRunOnceAndResultsBecomeTheStatusOnlyWithFlag4) {
+TEST(RuntimeWorkItems, ItemsRunOnceResultsBecomeTheStatusAndCancels) {
     CoreCount cc(4);
     KTWorkItems w;
     ASSERT_TRUE(w.Create(5000, KTWI_LOCK_CANCEL | KTWI_ITEM_STATUS, 0) == 1 && w.IsThreaded() == 1);
     EXPECT_TRUE(runCounted(w, 5000) == 5000 && w.GetStatus() == 1 && w.IsCanceled() == 0);
     std::atomic<int> bad{0};
-    std::vector<std::thread> owners;
-    for (int o = 0; o < 4; ++o)
-        owners.emplace_back([&] {
-            for (int job = 0; job < 100; ++job) {
-                KTWorkItems mine;
-                bad += mine.Create(20, job % 2 ? KTWI_LOCK : 0, 0) != 1 || runCounted(mine, 20) != 20;
-            }
-        });
-    for (auto& t : owners) t.join();
+    onThreads(4, [&](int) {  // four owners at once
+        for (int job = 0; job < 100; ++job) {
+            KTWorkItems mine;
+            bad += mine.Create(20, job % 2 ? KTWI_LOCK : 0, 0) != 1 || runCounted(mine, 20) != 20;
+        }
+    });
     EXPECT_EQ(bad.load(), 0);
     int minus7 = -7;
     for (uint32_t flags : {uint32_t(KTWI_ITEM_STATUS), uint32_t(KTWI_LOCK)}) {
@@ -176,16 +165,7 @@ TEST(RuntimeWorkItems, ItemsRunOnceAndResultsBecomeTheStatusOnlyWithFlag4) {
     }
     expectAll({IS((w.SetStatus(42), w.GetStatus()), 42), IS(w.GetLock().IsCreated(), 1),
                IS((w.Destroy(), w.GetStatus()), 1), IS(w.GetLock().IsCreated(), 0)});
-}
-
-struct CancelScene {
-    std::atomic<bool> release{false}, longStarted{false}, longFinished{false};
-    std::atomic<int> laterRan{0};
-};
-
-// An item's -100 cancels what has not started, the running item finishes, later items never run, Wait returns.
-TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
-    CoreCount cc(4);
+    // An item's -100 cancels what has not started, the running item finishes, later items never run, Wait returns.
     std::atomic<int> ran{0};
     KTWorkItems c;
     ASSERT_EQ(c.Create(2000, KTWI_LOCK_CANCEL, 0), 1);
@@ -215,13 +195,12 @@ TEST(RuntimeWorkItems, CancelByAnItemOrTheOwner) {
         w.Wait();
         const int st = w.GetStatus();  // the running item reported last (1) or the cancelling one (-100)
         EXPECT_TRUE(s.longFinished.load() && s.laterRan.load() == 0 &&
-                    (!(flags & KTWI_ITEM_STATUS) || st == 1 || st == KS_USER_ABORT))
-            << st;
+                    (!(flags & KTWI_ITEM_STATUS) || st == 1 || st == KS_USER_ABORT)) << st;
     }
 }
 
 // A count not reached waits until Finish; Finish may release the waiter early; destruction waits for running items.
-TEST(RuntimeWorkItems, FinishReleasesAWaiterAndDestroyWaitsForRunningItems) {
+TEST(RuntimeWorkItems, FinishDestroySingleThreadModeAndOutOfMemory) {
     CoreCount cc(4);
     for (uint32_t announced : {10u, 0u}) {
         KTWorkItems w;
@@ -250,31 +229,23 @@ TEST(RuntimeWorkItems, FinishReleasesAWaiterAndDestroyWaitsForRunningItems) {
         EXPECT_LT(finished.load(), 4);  // released early
     }  // the destructor waits here
     EXPECT_EQ(finished.load(), 4);
-}
-
-// Single-thread mode or one processor: items run inside QueueItem, their result is the status, -100 cancels the
-// rest; a QueueItem without memory or function counts as finished; Create without memory makes no lock.
-TEST(RuntimeWorkItems, SingleThreadModeAndOutOfMemory) {
+    // Single-thread mode or one processor: items run inside QueueItem, their result is the status, -100 cancels the
+    // rest; a QueueItem without memory or function counts as finished; Create without memory makes no lock.
     for (int mode = 0; mode < 2; ++mode) {
         CoreCount cc(mode == 0 ? 4 : 1);
         KTWorkItems w;
         ASSERT_EQ(w.Create(3, mode == 0 ? KTWI_SINGLE_THREAD : 0, 0), 1);
         std::thread::id where;
         std::atomic<int> ran{0};
-        auto item = [](KTWorkItems*, void* d) {
-            return *static_cast<std::thread::id*>(d) = tid(), -5;
-        };
+        auto item = [](KTWorkItems*, void* d) { return *static_cast<std::thread::id*>(d) = tid(), -5; };
         expectAll({IS(w.IsThreaded(), 0), IS(w.QueueItem(item, &where), 1), IS(where == tid(), 1),
                    IS(w.GetStatus(), -5), IS(w.Wait(), 1), IS(w.Finish(), 1) /* return at once */,
                    IS(w.QueueItem(abortItem, nullptr), 1), IS(w.QueueItem(countItem, &ran), 1), IS(ran.load(), 0),
                    IS(w.GetStatus(), KS_USER_ABORT)});
     }
-    CoreCount cc(4);
+    ktt::testhook::setCoreCount(4);  // again: the loop's counts ended
     std::atomic<int> ran{0};
-    {  // warm the pool so its own blocks are not counted below
-        KTWorkItems warm;
-        ASSERT_EQ((warm.Create(1, 0, 0), runCounted(warm, 1)), 1);
-    }
+    ASSERT_EQ(warmPool(), 1);  // the pool's own blocks are not counted below
     const long live = fi::liveBlocks();
     KTWorkItems w;
     expectAll({IS(w.Create(4, 0, 0), 1), IS(w.QueueItem(countItem, &ran), 1),
@@ -290,55 +261,40 @@ TEST(RuntimeWorkItems, SingleThreadModeAndOutOfMemory) {
 TEST(RuntimePoolDeathTest, ExitAndShutdown) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto t0 = Clock::now();
-    EXPECT_EXIT(
-        {
-            static std::atomic<int> started{0};
-            for (int i = 0; i < 4; ++i)
-                KTThreadPool::QueueUserWorkItem([](void*) { return ++started, std::this_thread::sleep_for(60s), 1; },
-                                                nullptr, 0);
-            for (int i = 0; i < 1000; ++i) KTThreadPool::QueueUserWorkItem([](void*) { return 1; }, nullptr, 0);
-            waitUntil([] { return started.load() >= KTThreadPool::GetThreadCount(); });
-            std::exit(3);
-        },
-        ::testing::ExitedWithCode(3), "");
+    EXPECT_EXIT({
+        static std::atomic<int> started{0};
+        for (int i = 0; i < 4; ++i) KTThreadPool::QueueUserWorkItem(sleepItem<60000>, &started, 0);
+        for (int i = 0; i < 1000; ++i) KTThreadPool::QueueUserWorkItem([](void*) { return 1; }, nullptr, 0);
+        waitUntil([] { return started.load() >= KTThreadPool::GetThreadCount(); });
+        std::exit(3);
+    }, ::testing::ExitedWithCode(3), "");
     EXPECT_LT(Clock::now() - t0, 30s);
     EXPECT_EXIT((KTThreadPool::QueueUserWorkItem(exitItem, nullptr, 0), std::this_thread::sleep_for(60s), std::exit(5)),
                 ::testing::ExitedWithCode(4), "");
-    EXPECT_EXIT(
-        {
-            CoreCount cc(4);
-            KTWorkItems w;
-            w.Create(50, 0, 0);
-            const int before = runCounted(w, 50);
-            const bool joined = ktt::shutdownPool(5000);
-            std::thread::id where;
-            KTThreadPool::QueueUserWorkItem(threadIdItem, &where, 0);
-            w.Create(5, 0, 0);
-            const bool ok = joined && before == 50 && runCounted(w, 5) == 5 && where == tid() &&
-                            KTThreadPool::GetThreadCount() == 0;
-            std::exit(ok ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(
-        {
-            CoreCount cc(4);
-            static std::atomic<int> blocking{0};
-            KTWorkItems w;
-            w.Create(1, 0, 0);
-            runCounted(w, 1);  // warm the pool
-            const int workers = KTThreadPool::GetThreadCount();
-            for (int i = 0; i < workers; ++i)
-                KTThreadPool::QueueUserWorkItem([](void*) { return ++blocking, std::this_thread::sleep_for(500ms), 1; },
-                                                nullptr, 0);
-            waitUntil([&] { return blocking.load() == workers; });
-            std::atomic<int> ran{0};
-            w.Create(5, 0, 0);
-            for (int i = 0; i < 5; ++i) w.QueueItem(countItem, &ran);
-            const bool joined = ktt::shutdownPool(20);  // the blockers outlive the grace
-            w.Wait();
-            std::exit(!joined && ran.load() == 0 ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT({
+        CoreCount cc(4);
+        KTWorkItems w;
+        const int before = (w.Create(50, 0, 0), runCounted(w, 50));
+        const bool joined = ktt::shutdownPool(5000);
+        std::thread::id where;
+        KTThreadPool::QueueUserWorkItem(threadIdItem, &where, 0);
+        w.Create(5, 0, 0);
+        const bool ok = joined && before == 50 && runCounted(w, 5) == 5 && where == tid();
+        std::exit(ok && KTThreadPool::GetThreadCount() == 0 ? 0 : 1);
+    }, ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT({
+        CoreCount cc(4);
+        static std::atomic<int> blocking{0};
+        static std::atomic<int> ran{0};
+        KTWorkItems w;
+        const int workers = (w.Create(1, 0, 0), runCounted(w, 1), KTThreadPool::GetThreadCount());  // a warm pool
+        for (int i = 0; i < workers; ++i) KTThreadPool::QueueUserWorkItem(sleepItem<500>, &blocking, 0);
+        waitUntil([&] { return blocking.load() == workers; });
+        w.Create(5, 0, 0);
+        for (int i = 0; i < 5; ++i) w.QueueItem(countItem, &ran);
+        const bool joined = ktt::shutdownPool(20);  // the blockers outlive the grace
+        std::exit((w.Wait(), joined || ran.load() != 0));
+    }, ::testing::ExitedWithCode(0), "");
 }
 
 TEST(RuntimeCriticalSection, FrameAndMutualExclusion) {
@@ -358,16 +314,11 @@ TEST(RuntimeCriticalSection, FrameAndMutualExclusion) {
                IS(K_IntLeaveCriticalSection(&cs), 1), IS(K_IntLeaveCriticalSection(&cs), 1),
                IS(K_IntLeaveCriticalSection(&cs), KS_INTERNAL) /* no longer owned */});
     long counter = 0;
-    std::vector<std::thread> ts;
-    for (int i = 0; i < 4; ++i)
-        ts.emplace_back([&] {
-            for (int k = 0; k < 20000; ++k) {
-                K_IntEnterCriticalSection(&cs), K_IntEnterCriticalSection(&cs);  // recursive
-                ++counter;
-                K_IntLeaveCriticalSection(&cs), K_IntLeaveCriticalSection(&cs);
-            }
-        });
-    for (auto& t : ts) t.join();
+    onThreads(4, [&](int) {
+        for (int k = 0; k < 20000; ++k)  // recursive holds
+            K_IntEnterCriticalSection(&cs), K_IntEnterCriticalSection(&cs), ++counter, K_IntLeaveCriticalSection(&cs),
+                K_IntLeaveCriticalSection(&cs);
+    });
     expectAll({IS(counter, 80000), IS(K_IntDeleteCriticalSection(&cs), 1), IS(cs.pLock == nullptr, 1),
                IS(fi::liveBlocks(), live)});
 }
@@ -384,11 +335,7 @@ int32_t pixelRows(const uint32_t* src, uint32_t* dst, int width, int y0, int y1)
     return 1;
 }
 const auto kNothing = [](int32_t, int32_t, int32_t) { return 1; };
-krn::ParallelOptions threads(int n) {
-    krn::ParallelOptions o;
-    o.maxThreads = n;
-    return o;
-}
+krn::ParallelOptions threads(int n) { krn::ParallelOptions o; o.maxThreads = n; return o; }
 
 // Every row once, a slot never runs two bands at once, the threaded image equals the serial one; bad arguments.
 TEST(RuntimeParallel, EveryRowOnceAndSameImageAsSerial) {
@@ -439,7 +386,7 @@ int32_t logProgress(int32_t pct, void* user) {
 
 // Progress (each whole percent, sub-ranges: ProgressCallbacks) rises on the caller's thread; the copy callback only
 // when asked.
-TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
+TEST(RuntimeParallel, ProgressStopAnswersAndBandFailures) {
     CoreCount cc(4);
     {
         ProgressLog log;
@@ -459,11 +406,7 @@ TEST(RuntimeParallel, ProgressIsOrderedAndOnTheCallersThread) {
         EXPECT_EQ(log.seen.empty(), mode == krn::ParallelProgress::None);
     }
     K_SetCopyStatusCallBack(oldFn, oldUser, nullptr, nullptr);
-}
-
-// A stop answer ends the job with that answer; the first band failure is the result; exceptions become statuses.
-TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
-    CoreCount cc(4);
+    // A stop answer ends the job with that answer; the first band failure is the result; exceptions become statuses.
     for (int n : {1, 0}) {
         for (int answer : {int(KS_USER_ABORT), 0, 2}) {
             ProgressLog log;
@@ -474,15 +417,13 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
             const int32_t r = krn::parallelRows(4000, [&](int32_t y0, int32_t y1, int32_t) {
                 afterReturn += returned.load();
                 // Helpers hold their first band until the stop was answered, so the caller alone reaches 30%.
-                while (tid() != log.caller && !log.stopGiven.load())
-                    std::this_thread::sleep_for(100us);
+                while (tid() != log.caller && !log.stopGiven.load()) std::this_thread::sleep_for(100us);
                 return rows += y1 - y0, 1;
             }, threads(n));
             returned = true;
             EXPECT_EQ(r, answer);
             // The caller's bands up to 30% plus at most one band held by each helper (bands are 1/64).
-            EXPECT_LE(rows.load(), 4000 * 31 / 100 + krn::parallelMaxSlots(threads(n)) * ((4000 + 63) / 64))
-                << "stopped late";
+            EXPECT_LE(rows.load(), 4000 * 31 / 100 + krn::parallelMaxSlots(threads(n)) * ((4000 + 63) / 64));
             EXPECT_TRUE(log.seen.back() >= 30 && afterReturn.load() == 0);
         }
         std::atomic<int> rows{0};
@@ -492,16 +433,16 @@ TEST(RuntimeParallel, StopAnswerAndBandFailureEndTheJob) {
     }
     auto thrower = [](int32_t, int32_t, int32_t) -> int32_t { throw std::bad_alloc(); };
     EXPECT_EQ(krn::parallelRows(10, thrower), KS_NO_MEMORY);
-    ProgressLog log;  // a stop on the very first report runs nothing
-    log.stopAt = 0;
-    StatusHook hook(logProgress, &log);
+    ProgressLog first;  // a stop on the very first report runs nothing
+    first.stopAt = 0;
+    StatusHook hook(logProgress, &first);
     int calls = 0;
     EXPECT_EQ(krn::parallelRows(100, [&](int32_t, int32_t, int32_t) { return ++calls, 1; }), KS_USER_ABORT);
     EXPECT_EQ(calls, 0);
 }
 
 // Small jobs, one processor and calls from inside a pool item stay on the caller.
-TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
+TEST(RuntimeParallel, SmallJobsNestedCallsOneProcessorAndOutOfMemory) {
     auto onlyCaller = [](const krn::ParallelOptions& o, int h) {
         const std::thread::id me = tid();
         std::atomic<bool> foreign{false};
@@ -509,10 +450,7 @@ TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
         krn::parallelRows(h, band, o);
         return !foreign.load();
     };
-    {
-        CoreCount cc(1);
-        EXPECT_TRUE(onlyCaller(krn::ParallelOptions{}, 5000));
-    }
+    EXPECT_TRUE((CoreCount(1), onlyCaller(krn::ParallelOptions{}, 5000)));
     CoreCount cc(4);
     krn::ParallelOptions small, big;
     small.bytesPerRow = 64, big.bytesPerRow = 1 << 20;  // 64 x 1000 bytes: below the threshold
@@ -524,18 +462,12 @@ TEST(RuntimeParallel, SmallJobsNestedCallsAndOneProcessorStayOnTheCaller) {
         w.QueueItem([](KTWorkItems*, void* d) {
             const std::thread::id me = tid();
             bool serial = true;
-            const int32_t r = krn::parallelRows(2000, [&](int32_t, int32_t, int32_t) {
-                return serial = serial && tid() == me, 1;
-            });
+            const int32_t r = krn::parallelRows(2000, [&](auto...) { return serial = serial && tid() == me, 1; });
             return *static_cast<std::atomic<int>*>(d) += r == 1 && serial, 1;
         }, &done);
     w.Wait();
     EXPECT_EQ(done.load(), 8);
-}
-
-// Allocation failures only take threads away: the caller does the bands.
-TEST(RuntimeParallel, OutOfMemoryStillCompletesWithoutLeaks) {
-    CoreCount cc(4);
+    // Allocation failures only take threads away: the caller does the bands.
     krn::parallelRows(100, kNothing);  // warm up the pool
     const long live = fi::liveBlocks();
     for (long n = 0; n < 6; ++n)

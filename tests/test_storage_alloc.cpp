@@ -11,6 +11,7 @@
 #include "krn/common/settings.h"
 #include "krn/common/storage.h"
 #include "check_list.h"
+#include "run_threads.h"
 #include "storage_kinds.h"
 
 using namespace storagetest;
@@ -19,21 +20,14 @@ namespace fi = krn::faultinject;
 
 namespace {
 
-int64_t counter() {
-    int64_t c = 0;
-    K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &c);
-    return c;
-}
+int64_t counter() { int64_t c = 0; return K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, &c), c; }
 uint32_t kindOf(const BITMAPRECORD& bm) {
     uint32_t t = 0;
-    K_GetBitmapMemoryInfo(&bm, &t, nullptr, nullptr, nullptr);
-    return t;
+    return K_GetBitmapMemoryInfo(&bm, &t, nullptr, nullptr, nullptr), t;
 }
 BITMAPDATACALLBACKS callbacks(void* user) {
     BITMAPDATACALLBACKS cb{};
-    cb.uStructSize = BITMAPDATACALLBACKS_SIZE;
-    cb.pUserData = user;
-    return cb;
+    return cb.uStructSize = BITMAPDATACALLBACKS_SIZE, cb.pUserData = user, cb;
 }
 int32_t create(BITMAPRECORD* bm, uint32_t type, int32_t w, int32_t h, int32_t bpp, int32_t order = 0) {
     return K_CreateBitmap(bm, BITMAPRECORD_SIZE, type, w, h, bpp, order, nullptr, 1, nullptr, 0);
@@ -84,15 +78,28 @@ BITMAPRECORD patterned(uint8_t byte) {
 bool same(const BITMAPRECORD& a, const BITMAPRECORD& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 const uint32_t N = BITMAPRECORD_SIZE, O = BITMAPRECORD_SIZE_OLD;
 
+struct FreeOrderSeen {
+    int calls = 0;
+    uint32_t state = 0;  // one bit per observation, all set when the order is right
+    int32_t answer = KS_SUCCESS;
+};
+int32_t observeFree(BITMAPRECORD* bm, void* user) {
+    auto* seen = static_cast<FreeOrderSeen*>(user);
+    ++seen->calls;
+    seen->state = (bm->hRgn == nullptr) | (bm->pPalette == nullptr) << 1 | ((bm->uFlags & BRF_ALLOCATED) != 0) << 2 |
+                  (bm->pLUT != nullptr) << 3 | (bm->pExtraData != nullptr) << 4 | (bm->pDitherState != nullptr) << 5;
+    return seen->answer;  // 1: the kernel frees the storage by its kind; 2: the callback owns it
+}
+
 // An empty record keeps only its size word; the older layout never writes past its bytes. Statuses and sizes at
 // the edges: size words, dimensions, depths, rows whose bit count does not fit 32 bits, and the older layout's
 // 32-bit data size (uSize 0xFFFF0000 and width 0 when it cannot hold the image).
-TEST(RecordInit, EdgesOfEveryArgument) {
+TEST(RecordInit, InitCreateAndFreeInTheirOrder) {
     for (uint32_t id : {N, O}) {
         BITMAPRECORD bm = patterned(0xAB);
         std::vector<uint8_t> expect(OMBRIX_RECORD_BYTES(id), 0);
         std::memcpy(expect.data(), &id, sizeof id);
-        EXPECT_TRUE(K_InitBitmap(&bm, id, 0, 0, 0) == KS_SUCCESS && std::memcmp(&bm, expect.data(), expect.size()) == 0)
+        EXPECT_TRUE(K_InitBitmap(&bm, id, 0, 0, 0) == KS_SUCCESS && !std::memcmp(&bm, expect.data(), expect.size()))
             << id;
     }
     BITMAPRECORD bm = patterned(0xCD);
@@ -119,16 +126,13 @@ TEST(RecordInit, EdgesOfEveryArgument) {
     EXPECT_EQ(K_InitBitmap(nullptr, N, 1, 1, 1), KS_INVALID_PARAMETER);
     for (int bpp : {0, 9, 10, 11, 13, 14, 15, 17, 25, 33, 63, 65, -8})
         EXPECT_EQ(K_InitBitmap(&bm, N, 5, 5, bpp), KS_INVALID_BITS_PER_PIXEL) << bpp;
-}
-
-// Perspective 0 means top-left, depth 0 8-bit grey; grey order gets a ramp, a caller palette is copied.
-TEST(RecordCreate, PerspectiveOrderPaletteAndTheOrderOfChecks) {
+    // Perspective 0 means top-left, depth 0 8-bit grey; grey order gets a ramp, a caller palette is copied.
     RGBQUAD pal[16];
     for (int i = 0; i < 16; ++i) pal[i] = RGBQUAD{uint8_t(i), uint8_t(2 * i), uint8_t(3 * i), 0};
-    const struct { int32_t bpp, order; const RGBQUAD* pal; int32_t vp, bppAfter, orderAfter; } cases[] = {
+    const struct { int32_t bpp, order; const RGBQUAD* pal; int32_t vp, bppAfter, orderAfter; } made[] = {
         {24, ORDER_RGB, nullptr, 0, 24, ORDER_RGB}, {0, ORDER_BGR, nullptr, 1, 8, ORDER_RGB},
         {2, ORDER_GRAY, nullptr, 1, 2, ORDER_RGB},  {4, ORDER_BGR, pal, 1, 4, -1}, {1, ORDER_BGR, nullptr, 1, 1, -1}};
-    for (const auto& c : cases) {
+    for (const auto& c : made) {
         SCOPED_TRACE(c.bpp);
         BITMAPRECORD bm;
         ASSERT_EQ(K_CreateBitmap(&bm, N, 1, 8, 8, c.bpp, c.order, c.pal, c.vp, nullptr, 0), KS_SUCCESS);
@@ -143,57 +147,30 @@ TEST(RecordCreate, PerspectiveOrderPaletteAndTheOrderOfChecks) {
     }
     // Checked in order: dimensions, depth, colour order, perspective. A failure changes and makes nothing.
     const long base = warmLiveBlocks();
-    const struct { uint32_t type; int32_t width, height, bpp, order, perspective, expect;
-    } refused[] = {{1, -1, 4, 24, ORDER_BGR, 9, KS_INVALID_DIMENSIONS},
-                   {1, -1, 4, 24, 3, 1, KS_INVALID_DIMENSIONS}, {1, 4, 4, 9, 3, 9, KS_INVALID_BITS_PER_PIXEL},
-                   {1, 4, 4, 8, ORDER_ROMM, 9, KS_INVALID_BITS_PER_PIXEL},
-                   {1, 4, 4, 24, 3, 9, KS_INVALID_PARAMETER}, {1, 4, 4, 16, 3, 1, KS_INVALID_PARAMETER},
-                   {1, 4, 4, 24, ORDER_BGR, 9, KS_INVALID_PARAMETER},
-                   {1, 4, 4, 24, ORDER_BGR, -1, KS_INVALID_PARAMETER},
-                   {1, 0x7FFFFFFF, 4, 64, ORDER_BGR, 9, KS_INVALID_DIMENSIONS},
-                   {1, 0x7FFFFFFF, 1, 2, ORDER_BGR, 1, KS_INVALID_DIMENSIONS},
-                   {1, 0x7FFFFFFF, 1, 12, ORDER_BGR, 1, KS_INVALID_DIMENSIONS},
-                   {MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK, 0x7FFFFFFF, 0x7FFFFFFF, 1, ORDER_RGB, 1, KS_NO_MEMORY}};
-
+    const int32_t DIM = KS_INVALID_DIMENSIONS, BPP = KS_INVALID_BITS_PER_PIXEL, PAR = KS_INVALID_PARAMETER;
+    const struct { uint32_t type; int32_t width, height, bpp, order, perspective, expect; } refused[] = {
+        {1, -1, 4, 24, ORDER_BGR, 9, DIM}, {1, -1, 4, 24, 3, 1, DIM}, {1, 4, 4, 9, 3, 9, BPP},
+        {1, 4, 4, 8, ORDER_ROMM, 9, BPP}, {1, 4, 4, 24, 3, 9, PAR}, {1, 4, 4, 16, 3, 1, PAR},
+        {1, 4, 4, 24, ORDER_BGR, 9, PAR}, {1, 4, 4, 24, ORDER_BGR, -1, PAR}, {1, 0x7FFFFFFF, 4, 64, ORDER_BGR, 9, DIM},
+        {1, 0x7FFFFFFF, 1, 2, ORDER_BGR, 1, DIM}, {1, 0x7FFFFFFF, 1, 12, ORDER_BGR, 1, DIM},
+        {MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK, 0x7FFFFFFF, 0x7FFFFFFF, 1, ORDER_RGB, 1, KS_NO_MEMORY}};
     for (const auto& c : refused) {
         BITMAPRECORD bm = patterned(0x5E);
-        const BITMAPRECORD before = bm;
-        EXPECT_EQ(K_CreateBitmap(&bm, N, c.type, c.width, c.height, c.bpp, c.order, nullptr, c.perspective, nullptr, 0),
-                  c.expect)
+        EXPECT_TRUE(K_CreateBitmap(&bm, N, c.type, c.width, c.height, c.bpp, c.order, nullptr, c.perspective, nullptr,
+                                   0) == c.expect && same(bm, patterned(0x5E)))
             << c.width << " " << c.bpp << " " << c.order << " " << c.perspective;
-        EXPECT_TRUE(same(bm, before));
     }
     EXPECT_EQ(fi::liveBlocks(), base);
-}
-
-// K_FreeBitmap releases region, palette and overlays before asking the free callback, storage, LUT, extra data,
-// callbacks and dithering after it.
-struct FreeOrderSeen {
-    int calls = 0;
-    uint32_t state = 0;  // one bit per observation, all set when the order is right
-    int32_t answer = KS_SUCCESS;
-};
-int32_t observeFree(BITMAPRECORD* bm, void* user) {
-    auto* seen = static_cast<FreeOrderSeen*>(user);
-    ++seen->calls;
-    seen->state = (bm->hRgn == nullptr) | (bm->pPalette == nullptr) << 1 | ((bm->uFlags & BRF_ALLOCATED) != 0) << 2 |
-                  (bm->pLUT != nullptr) << 3 | (bm->pExtraData != nullptr) << 4 | (bm->pDitherState != nullptr) << 5;
-    return seen->answer;  // 1: the kernel frees the storage by its kind; 2: the callback owns it
-}
-
-TEST(RecordFree, OrderAroundTheFreeCallbackAndEverythingReleased) {
-    const long base = warmLiveBlocks();
+    // K_FreeBitmap releases region, palette and overlays before asking the free callback, storage, LUT, extra data,
+    // callbacks and dithering after it.
     FreeOrderSeen seen;
     BITMAPDATACALLBACKS cb = callbacks(&seen);
     cb.pfnFree = observeFree;
-    BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, N, 1, 16, 16, 8, ORDER_RGB, nullptr, 1, nullptr, 0, &cb), KS_SUCCESS);
     const RECT r{2, 2, 10, 10};
     ASSERT_TRUE(K_SetBitmapRgnRect(&bm, nullptr, &r, RGN_SET_OR) == KS_SUCCESS &&
                 K_StartDithering(&bm, nullptr, 16) == KS_SUCCESS);
-    bm.pLUT = K_GlobalAlloc(GMEM_FIXED, 256);
-    bm.pExtraData = K_GlobalAlloc(GMEM_FIXED, 8);
-    bm.uExtraDataSize = 8;
+    bm.pLUT = K_GlobalAlloc(GMEM_FIXED, 256), bm.pExtraData = K_GlobalAlloc(GMEM_FIXED, 8), bm.uExtraDataSize = 8;
     K_FreeBitmap(&bm);
     BITMAPRECORD bad = patterned(0);
     expectAll({IS(seen.calls, 1), IS(seen.state, 0x3F), IS(bm.hRgn == nullptr && bm.pDitherState == nullptr, 1),
@@ -204,18 +181,14 @@ TEST(RecordFree, OrderAroundTheFreeCallbackAndEverythingReleased) {
                IS(fi::liveBlocks(), base)});
     // A free callback that owns the storage: the kernel only forgets it.
     std::vector<uint8_t> pixels(16 * 4);
-    seen = FreeOrderSeen{};
-    seen.answer = 2;
-    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, N, MEMTYPE_USER, 16, 4, 8, ORDER_RGB, nullptr, 1, pixels.data(),
-                                          pixels.size(), &cb),
-              1);
+    seen = FreeOrderSeen{0, 0, 2};
+    ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, N, MEMTYPE_USER, 16, 4, 8, 1, nullptr, 1, pixels.data(), 64, &cb), 1);
     expectAll({IS(K_FreeBitmap(&bm), 1), IS(seen.calls, 1),
                IS(bm.uFlags & (BRF_ALLOCATED | BRF_USER_MEMORY | BRF_CONVENTIONAL), 0), IS(fi::liveBlocks(), base)});
     // A caller's movable block is locked on access, never freed; freeing forgets the handle and its flag.
     HGLOBAL h = K_GlobalAlloc(GMEM_MOVEABLE, 16 * 4);
     ASSERT_EQ(K_CreateBitmap(&bm, N, MEMTYPE_USER, 16, 4, 8, ORDER_RGB, nullptr, 1, nullptr, 0), 1);
-    bm.hMemory = h;
-    bm.uFlags |= BRF_MOVABLE_BLOCK;
+    bm.hMemory = h, bm.uFlags |= BRF_MOVABLE_BLOCK;
     expectAll({IS(K_AccessBitmap(&bm), 1), IS(bm.pData == K_GlobalLock(h), 1), IS(K_GlobalUnlock(h), 1),
                IS(K_ReleaseBitmap(&bm), 1), IS(K_FreeBitmap(&bm), 1), IS(bm.uFlags & BRF_MOVABLE_BLOCK, 0),
                IS(bm.hMemory == nullptr, 1), IS(K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL), 1),
@@ -231,7 +204,7 @@ TEST(RecordFree, OrderAroundTheFreeCallbackAndEverythingReleased) {
     expectAll({IS(K_ReleaseBitmap(&bm), 1), IS(bm.pData == nullptr, 1), IS(K_FreeBitmap(&bm), 1)});
 }
 
-TEST(StorageDecision, MemoryTypesAndTheKindEachGets) {
+TEST(StorageDecision, MemoryTypesCapThresholdsAndFreeMemorySteerTheKind) {
     for (uint32_t t : {3, 5, 6, 7, 10, 258, 2048, 2049}) EXPECT_EQ(allocate(8, 8, t), KS_INVALID_PARAMETER) << t;
     for (uint32_t t : {1, 4, 8, 9, 128, 256, 257, 260, 264, 265, 1024, 1025, 1280, 1281})
         EXPECT_EQ(allocate(8, 8, t), KS_SUCCESS) << t;
@@ -240,23 +213,20 @@ TEST(StorageDecision, MemoryTypesAndTheKindEachGets) {
                IS(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 8, 8, 8), KS_SUCCESS),
                IS((bm.uStructSize = 99, K_AllocateBitmap(&bm, 1)), KS_INVALID_STRUCT_SIZE)});
     // The storage flags each request ends with (compression falls back to one block where it cannot apply).
-    const struct { uint32_t type; int32_t bpp, order; uint32_t flags;
-    } kinds[] = {{512, 24, 1, 0x0003},  {512, 1, 0, 0x0103}, {1024, 8, 0, 0x8003},
-                 {1024, 16, 1, 0x0003}, {128, 8, 0, 0x0005}, {2, 8, 0, 0x0403}};
+    const struct { uint32_t type; int32_t bpp, order; uint32_t flags; } kinds[] = {
+        {512, 24, 1, 0x0003}, {512, 1, 0, 0x0103}, {1024, 8, 0, 0x8003}, {1024, 16, 1, 0x0003}, {128, 8, 0, 0x0005},
+        {2, 8, 0, 0x0403}};
     for (const auto& k : kinds) {
         EXPECT_TRUE(create(&bm, k.type, 64, 4, k.bpp, k.order) == KS_SUCCESS &&
                     (bm.uFlags & BRF_STORAGE_MASK) == k.flags && (k.type != 128 || bm.hMemory != nullptr))
             << k.type << " " << k.bpp;
         K_FreeBitmap(&bm);
     }
-}
-
-// The cap, the thresholds, the free memory (0: the real one) and the process-wide largest image steer a 2000-byte
-// image between one block, tiles, a file and a refusal.
-TEST(StorageDecision, CapThresholdsAndFreeMemorySteerTheDecision) {
+    // The cap, the thresholds, the free memory (0: the real one) and the process-wide largest image steer a 2000-byte
+    // image between one block, tiles, a file and a refusal.
     CapGuard guard;
     struct Restore { ~Restore() { krn::testhook::setAvailableMemory(0); } } restore;
-    BITMAPRECORD bm;  // tile size 0 means 16 MiB: one tile holds every row
+    // Tile size 0 means 16 MiB: one tile holds every row.
     uint64_t tileSize = 0;
     int32_t tiles = 0;
     expectAll({IS(K_SetMemoryThresholds(0, 0, 0, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS),
@@ -304,17 +274,16 @@ int32_t onRelease(BITMAPRECORD*, void* u) { return ++static_cast<int32_t*>(u)[1]
 
 // Nested accesses lock once, the last release unlocks; the internal forms report and undo; the access callbacks
 // are asked once per outermost access; a refusal is undone.
-TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
+TEST(StorageAccess, NestedAccessCallbacksCapCounterThresholdsAndDefaults) {
     BITMAPRECORD bm;
     ASSERT_TRUE(create(&bm, 1, 16, 4, 8) == KS_SUCCESS && bm.pData == nullptr && K_AccessBitmap(&bm) == KS_SUCCESS);
     uint8_t* p = bm.pData;
     ASSERT_TRUE(p != nullptr && (bm.uFlags & BRF_LOCKED));
     uint8_t row[16];
     int32_t flag = -1;
-    expectAll({IS(K_AccessBitmap(&bm), 1),
-               IS(bm.nLockCount, 2), IS(bm.pData == p, 1), IS(p[35] = 0x77, 0x77), IS(K_ReleaseBitmap(&bm), 1),
-               IS(bm.pData == p, 1), IS(K_GetBitmapRow(&bm, row, 2, 16), 16), IS(row[3], 0x77),
-               IS(K_ChangeBitmapHeight(&bm, 8), KS_INVALID_PARAMETER), IS(K_ReleaseBitmap(&bm), 1),
+    expectAll({IS(K_AccessBitmap(&bm), 1), IS(bm.nLockCount, 2), IS(bm.pData == p, 1), IS(p[35] = 0x77, 0x77),
+               IS(K_ReleaseBitmap(&bm), 1), IS(bm.pData == p, 1), IS(K_GetBitmapRow(&bm, row, 2, 16), 16),
+               IS(row[3], 0x77), IS(K_ChangeBitmapHeight(&bm, 8), KS_INVALID_PARAMETER), IS(K_ReleaseBitmap(&bm), 1),
                IS(bm.pData == nullptr, 1), IS(bm.uFlags & BRF_LOCKED, 0), IS(bm.nLockCount, 0),
                IS(K_ReleaseBitmap(nullptr), KS_NULL_POINTER), IS(K_IntAccessBitmap(nullptr, &flag), KS_INVALID_BITMAP),
                IS(flag, 0), IS(K_IntAccessBitmap(&bm, &flag), 1), IS(flag, 1),
@@ -330,11 +299,8 @@ TEST(StorageAccess, NestedAccessLocksOnceAndCallbacksAnswer) {
                IS(K_AccessBitmap(&bm), -55), IS(bm.nLockCount, 0), IS(log[2] = 2, 2), IS(K_AccessBitmap(&bm), 1),
                IS(bm.pData == nullptr, 1) /* 2: the callback did the work */, IS(K_ReleaseBitmap(&bm), 1)});
     K_FreeBitmap(&bm);
-}
-
-// The cap commands, the counter through blocks, tiles (7 rows each), heights and files, a height the cap does not
-// allow; refused thresholds; the default memory type is per thread and type 0 takes it.
-TEST(StorageCap, ManageMemoryCommandsTheCounterOfEveryKindThresholdsAndDefaults) {
+    // The cap commands, the counter through blocks, tiles (7 rows each), heights and files, a height the cap does not
+    // allow; refused thresholds; the default memory type is per thread and type 0 takes it.
     CapGuard guard;
     int64_t v = 0;
     const int64_t base = (K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), counter());
@@ -351,7 +317,6 @@ TEST(StorageCap, ManageMemoryCommandsTheCounterOfEveryKindThresholdsAndDefaults)
                IS(K_ManageMemory(MANAGEMEMORY_GET_COUNTER, 0, nullptr), KS_NULL_POINTER),
                IS(K_ManageMemory(6, 0, &v), KS_NOT_SUPPORTED), IS(K_ManageMemory(-1, 0, &v), KS_NOT_SUPPORTED),
                IS(K_ManageMemory(MANAGEMEMORY_SET_CAP, 0, nullptr), 1)});
-    BITMAPRECORD bm;
     ASSERT_EQ(create(&bm, 1, 100, 10, 8), KS_SUCCESS);
     const struct { uint32_t type; int32_t height; int64_t counted; } steps[] = {
         {0, 10, 1000}, {0, 30, 3000}, {4, 30, 3000}, {0, 12, 1200}, {128, 12, 0}, {1, 12, 1200}};
@@ -392,7 +357,7 @@ int32_t allocCb(BITMAPRECORD*, BITMAPALLOCINFO* info, void* user) {
 
 // The process-wide and the per-bitmap allocation callbacks see the request, may change the type, may supply the
 // pixels (2) or refuse (their status is the result, nothing leaks).
-TEST(StorageCallbacks, AllocationCallbacksSeeAndSteerTheRequest) {
+TEST(StorageCallbacks, AllocationCallbacksAndHeightsOfEveryKind) {
     AllocCb g;
     g.newType = 128;  // the callback changes the type
     PFN_BITMAPALLOCATE old = nullptr, mine = nullptr;
@@ -403,8 +368,7 @@ TEST(StorageCallbacks, AllocationCallbacksSeeAndSteerTheRequest) {
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 30, 5, 8, 0, pal, 1, nullptr, 0), KS_SUCCESS);
     EXPECT_TRUE(g.seen.uStructSize == BITMAPALLOCINFO_SIZE && g.seen.uMemoryType == 1u && g.seen.nWidth == 30 &&
                 g.seen.nBytesPerLine == 0u && g.seen.uDataSize == 32u * 5u && g.seen.pExtra == pal);
-    expectAll({IS(kindOf(bm), 128), IS(K_FreeBitmap(&bm), 1),
-               IS((g.answer = -321, create(&bm, 1, 30, 5, 8)), -321),
+    expectAll({IS(kindOf(bm), 128), IS(K_FreeBitmap(&bm), 1), IS((g.answer = -321, create(&bm, 1, 30, 5, 8)), -321),
                IS(K_SetAllocateBitmapCallback(old, oldUser, &mine, nullptr), KS_SUCCESS), IS(mine == &allocCb, 1)});
 
     AllocCb d;
@@ -420,10 +384,8 @@ TEST(StorageCallbacks, AllocationCallbacksSeeAndSteerTheRequest) {
              IS(bm.uFlags & BRF_STORAGE_MASK, c.flags), IS(d.seen.nBytesPerLine, 32),
              IS(c.rc == KS_SUCCESS ? K_FreeBitmap(&bm) : 1, 1), IS(fi::liveBlocks(), live)});
     }
-}
-
-// Height changes (0 too) on every kind against a plain vector of rows: shared rows kept, new rows zero, the kind kept.
-TEST(StorageHeight, EveryKindKeepsSharedRowsThroughEveryHeight) {
+    // Height changes (0 too) on every kind against a plain vector of rows: shared rows kept, new rows zero, the
+    // kind kept.
     CapGuard guard;
     const long base = fi::liveBlocks();
     for (int bpp : {1, 8, 24}) {
@@ -480,7 +442,7 @@ int32_t returnStorage(BITMAPRECORD*, void* user) { return ++static_cast<Callback
 // Creation, writing every row and a conversion with the Nth allocation failing (once, or from then on) for every N:
 // a failed creation leaves the record byte for byte (supplied storage goes back through the free callback), a failed
 // write or conversion keeps the pixels, nothing leaks or stays counted.
-TEST(StorageFaults, AllocationFailureAtEveryStep) {
+TEST(StorageFaults, AllocationFailureAtEveryStepHeightChangesAndTileRetries) {
     CapGuard guard;
     CallbackStorage store;
     BITMAPDATACALLBACKS none = callbacks(nullptr), supplied = callbacks(&store);
@@ -532,35 +494,8 @@ TEST(StorageFaults, AllocationFailureAtEveryStep) {
         EXPECT_GT(failures, 0) << "no step failed";
         EXPECT_TRUE(c.cb != &supplied || failedAfterSupply >= 1) << "no failure after the callback supplied storage";
     }
-}
-
-// Tiles in memory only: a failed tile is retried with half the tile size; at the floor (8 MiB) it fails.
-TEST(StorageFaults, TilesRetryWithHalfTheTileSize) {
-    CapGuard guard;
-    ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE), 1);
-    K_GetDefaultMemoryType();
-    const long live = fi::liveBlocks();
-    for (int32_t floor : {0, 1}) {
-        if (floor) { ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS); }
-        BITMAPRECORD bm;
-        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);  // 32 MiB
-        fi::arm(1, 1);  // allocation 0 is the tile table, 1 the first 16 MiB tile
-        const int32_t rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
-        fi::disarm();
-        EXPECT_EQ(rc, floor ? KS_NO_MEMORY : KS_SUCCESS);
-        uint64_t tileSize = 0;
-        int32_t tiles = 0, onDisk = -1;
-        uint32_t type = 0;
-        K_GetBitmapMemoryInfo(&bm, &type, &tileSize, &tiles, &onDisk);
-        EXPECT_TRUE(floor || (type == 4 && tileSize == 8u << 20 && tiles == 4 && onDisk == 0)) << tileSize;
-        EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, floor ? 0u : BRF_ALLOCATED);
-        K_FreeBitmap(&bm);
-    }
-    EXPECT_EQ(fi::liveBlocks(), live);
-}
-
-TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
-    CapGuard guard;
+    // A failed height change keeps the bitmap, row for row. Tiles in memory only: a failed tile is retried with half
+    // the tile size; at the floor (8 MiB) it fails.
     for (uint32_t type : {1u, 4u, 128u, 512u, 1024u}) {
         BITMAPRECORD bm;
         ASSERT_EQ(create(&bm, 1, 64, 20, type == 512 ? 1 : 8, 1), KS_SUCCESS);
@@ -582,6 +517,24 @@ TEST(StorageFaults, HeightChangeFailuresKeepTheBitmap) {
         expectPattern(&bm, 20, 5, "after growth");
         K_FreeBitmap(&bm);
     }
+    ASSERT_EQ(K_SetMemoryThresholds(0, 1 << 20, 0, 0, 0, MEMTHRESHOLD_LARGEST_IMAGE | MEMTHRESHOLD_TILE_SIZE), 1);
+    for (int32_t floor : {0, 1}) {
+        if (floor) { ASSERT_EQ(K_SetMemoryThresholds(0, 0, 8 << 20, 0, 0, MEMTHRESHOLD_TILE_SIZE), KS_SUCCESS); }
+        BITMAPRECORD bm;
+        ASSERT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, 4096, 8192, 8), KS_SUCCESS);  // 32 MiB
+        fi::arm(1, 1);  // allocation 0 is the tile table, 1 the first 16 MiB tile
+        const int32_t rc = K_AllocateBitmap(&bm, MEMTYPE_CONVENTIONAL | MEMTYPE_NO_DISK);
+        fi::disarm();
+        EXPECT_EQ(rc, floor ? KS_NO_MEMORY : KS_SUCCESS);
+        uint64_t tileSize = 0;
+        int32_t tiles = 0, onDisk = -1;
+        uint32_t type = 0;
+        K_GetBitmapMemoryInfo(&bm, &type, &tileSize, &tiles, &onDisk);
+        EXPECT_TRUE(floor || (type == 4 && tileSize == 8u << 20 && tiles == 4 && onDisk == 0)) << tileSize;
+        EXPECT_EQ(bm.uFlags & BRF_ALLOCATED, floor ? 0u : BRF_ALLOCATED);
+        K_FreeBitmap(&bm);
+    }
+    EXPECT_EQ(fi::liveBlocks(), live);
 }
 
 // Six threads allocate, tile, write and resize against one cap: never past it, every refusal is the cap's.
@@ -590,31 +543,24 @@ TEST(StorageThreads, CounterStaysExactUnderACap) {
     const int64_t base = counter(), cap = base + 64 * 1024;
     ASSERT_EQ(K_ManageMemory(MANAGEMEMORY_SET_CAP, cap, nullptr), KS_SUCCESS);
     std::atomic<int> ok{0}, capped{0}, other{0}, overCap{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t) {
-        threads.emplace_back([&, t] {
-            std::mt19937 rng{uint32_t(t)};
-            BITMAPRECORD held[3];  // up to three bitmaps at a time
-            for (auto& b : held) K_InitBitmap(&b, BITMAPRECORD_SIZE, 0, 0, 0);
-            for (int i = 0; i < 300; ++i) {
-                BITMAPRECORD& bm = held[i % 3];
-                K_FreeBitmap(&bm);
-                const int32_t h = 1 + int32_t(rng() % 40);
-                if (K_InitBitmap(&bm, BITMAPRECORD_SIZE, 1000, h, 8) != KS_SUCCESS) return;
-                int32_t rc = K_AllocateBitmap(&bm, 265);  // one block or nothing; every fourth one tiles
-                if (rc == KS_SUCCESS && i % 4 == 0) rc = K_SetBitmapMemoryInfo(&bm, 4, 5000);
-                overCap += counter() > cap;
-                (rc == KS_SUCCESS ? ok : rc == KS_MEMORY_CAP_EXCEEDED ? capped : other)++;
-                if (rc != KS_SUCCESS) continue;
-                uint8_t row[1000];
-                std::memset(row, t, sizeof row);
-                K_PutBitmapRow(&bm, row, h - 1, sizeof row);
-                if (i % 3 == 0) K_ChangeBitmapHeight(&bm, h + 5);
-            }
-            for (auto& b : held) K_FreeBitmap(&b);
-        });
-    }
-    for (auto& th : threads) th.join();
+    onThreads(6, [&](int t) {
+        std::mt19937 rng{uint32_t(t)};
+        BITMAPRECORD held[3];  // up to three bitmaps at a time
+        for (auto& b : held) K_InitBitmap(&b, BITMAPRECORD_SIZE, 0, 0, 0);
+        for (int i = 0; i < 300; ++i) {
+            BITMAPRECORD& bm = held[i % 3];
+            const int32_t h = 1 + int32_t(rng() % 40);
+            if (K_FreeBitmap(&bm), K_InitBitmap(&bm, BITMAPRECORD_SIZE, 1000, h, 8) != KS_SUCCESS) return;
+            int32_t rc = K_AllocateBitmap(&bm, 265);  // one block or nothing; every fourth one tiles
+            if (rc == KS_SUCCESS && i % 4 == 0) rc = K_SetBitmapMemoryInfo(&bm, 4, 5000);
+            overCap += counter() > cap;
+            (rc == KS_SUCCESS ? ok : rc == KS_MEMORY_CAP_EXCEEDED ? capped : other)++;
+            const std::vector<uint8_t> row(1000, uint8_t(t));
+            if (rc == KS_SUCCESS) K_PutBitmapRow(&bm, row.data(), h - 1, 1000);
+            if (rc == KS_SUCCESS && i % 3 == 0) K_ChangeBitmapHeight(&bm, h + 5);
+        }
+        for (auto& b : held) K_FreeBitmap(&b);
+    });
     EXPECT_TRUE(counter() == base && overCap == 0 && other == 0 && ok > 0 && capped > 0)
         << ok << " ok, " << capped << " capped, " << other << " other, " << overCap << " over the cap";
 }

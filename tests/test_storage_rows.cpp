@@ -16,8 +16,15 @@ using checklist::expectAll;
 
 namespace {
 
+int32_t getRowFromCallback(BITMAPRECORD*, uint8_t* buf, int32_t row, uint32_t bytes, void* user) {
+    auto* s = static_cast<int32_t*>(user);  // calls, answer
+    ++s[0];
+    for (uint32_t i = 0; s[1] > 0 && i < bytes; ++i) buf[i] = uint8_t(row * 16 + int32_t(i));
+    return s[1];
+}
+
 // Refused arguments; then an older-layout record of the run-compressed kind works.
-TEST(RowsFrame, ArgumentChecksAndOlderLayoutRecords) {
+TEST(RowsFrame, ArgumentChecksOlderLayoutRecordsAndTheGetRowCallback) {
     BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, 10, 4, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
     uint8_t buf[16] = {}, out[16] = {};
@@ -37,25 +44,13 @@ TEST(RowsFrame, ArgumentChecksAndOlderLayoutRecords) {
                IS(K_PutBitmapRow(&bm, in, 1, 16), 16), IS(K_GetBitmapRow(&bm, out, 1, 16), 16),
                IS(std::memcmp(in, out, 16), 0), IS(K_AccessBitmap(&bm), 1), IS(K_ReleaseBitmap(&bm), 1),
                IS(K_FreeBitmap(&bm), 1)});
-}
-
-// A get-row callback answers first: 0 lets the storage answer, a positive answer is the result with its bytes as
-// the row (the column form returns the column's bytes), errors pass through.
-int32_t getRowFromCallback(BITMAPRECORD*, uint8_t* buf, int32_t row, uint32_t bytes, void* user) {
-    auto* s = static_cast<int32_t*>(user);  // calls, answer
-    ++s[0];
-    for (uint32_t i = 0; s[1] > 0 && i < bytes; ++i) buf[i] = uint8_t(row * 16 + int32_t(i));
-    return s[1];
-}
-
-TEST(RowsCallback, GetRowCallbackAnswersFirst) {
+    // A get-row callback answers first: 0 lets the storage answer, a positive answer is the result with its bytes as
+    // the row (the column form returns the column's bytes), errors pass through.
     int32_t src[2] = {0, 0};
     BITMAPDATACALLBACKS cb{};
     cb.uStructSize = BITMAPDATACALLBACKS_SIZE, cb.pUserData = src, cb.pfnGetRow = getRowFromCallback;
-    BITMAPRECORD bm;
     ASSERT_EQ(K_CreateBitmapWithCallbacks(&bm, BITMAPRECORD_SIZE, 1, 8, 4, 8, 0, nullptr, 1, nullptr, 0, &cb), 1);
     const uint8_t stored[8] = {9, 9, 9, 9, 9, 9, 9, 9};
-    uint8_t out[8] = {};
     expectAll({IS(K_PutBitmapRow(&bm, stored, 2, 8), 8), IS(K_GetBitmapRow(&bm, out, 2, 8), 8), IS(out[0], 9),
                IS(src[1] = 8, 8), IS(K_GetBitmapRow(&bm, out, 2, 8), 8), IS(out[1], 2 * 16 + 1),
                IS(K_GetBitmapRowCol(&bm, out, 3, 5, 8), 3), IS(out[0], 3 * 16 + 5), IS(src[1] = -777, -777),
@@ -100,7 +95,7 @@ Runs referenceCompress(const uint8_t* src, uint64_t first, uint32_t count) {
     return out;
 }
 
-TEST(CompressedRows, RoundTripAgainstReference) {
+TEST(CompressedRows, RoundTripAgainstReferenceMirrorFlipAndUntrustedRuns) {
     std::mt19937 rng(42);
     for (int iter = 0; iter < 400; ++iter) {
         const uint32_t count = iter < 20 ? uint32_t(65520 + rng() % 200) : uint32_t(rng() % 300);
@@ -122,11 +117,8 @@ TEST(CompressedRows, RoundTripAgainstReference) {
             ASSERT_EQ(bitAt(back.data(), x), in ? bitAt(src.data(), x) : (0xA5 >> (7 - (x & 7))) & 1) << x;
         }
     }
-}
-
-// Mirror and flip agree with mirrored pixels and reversed rows (an empty run list mirrors to one run); count 0
-// writes nothing. Runs past the width: rows cut at their end, padding cleared, bits around the range kept.
-TEST(CompressedRows, MirrorFlipAndUntrustedRuns) {
+    // Mirror and flip agree with mirrored pixels and reversed rows (an empty run list mirrors to one run); count 0
+    // writes nothing. Runs past the width: rows cut at their end, padding cleared, bits around the range kept.
     const auto bad = packRuns({3, 65535, 65535, 65535});
     std::vector<uint8_t> guarded(4 + 8, 0x5A), ones(4, 0xFF), zeros(4, 0);
     ASSERT_EQ(K_ExpandRows(bad.data(), guarded.data(), 20, 1) + K_ExpandRow(bad.data(), ones.data(), 5, 6) +
@@ -183,7 +175,7 @@ std::vector<uint8_t> makeRow(Shape s, int32_t w, int32_t bpp, uint32_t seed) {
     return img.px;
 }
 
-TEST(SuperCodec, RoundTripsAndMethods) {
+TEST(SuperCodec, RoundTripsMethodsAndBlankRowsCostNothing) {
     for (int32_t bpp : {1, 8, 24})
         for (int32_t w : {1, 2, 7, 8, 9, 31, 33, 63, 64, 65, 100, 1000, 4099})
             for (Shape s : {Shape::Zero, Shape::Smooth, Shape::Text, Shape::Random, Shape::OnePixel, Shape::AllOnes}) {
@@ -201,6 +193,34 @@ TEST(SuperCodec, RoundTripsAndMethods) {
                             n * 2 < rawBytes(w, bpp))
                     << "structured rows compress at least 2:1";
             }
+    // A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its height; super-compressed rows cost
+    // nothing until written and are freed when zeroed.
+    const long base = (K_GetDefaultXResolution(), krn::faultinject::liveBlocks());
+    BITMAPRECORD bm;
+    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_COMPRESSED, 64, 200000000, 1, 0, nullptr, 1, nullptr, 0),
+              1);
+    EXPECT_TRUE((bm.uFlags & BRF_COMPRESSED) &&
+                krn::faultinject::liveBlocks() - base <= 3);  // store, palette and its handle
+    const uint8_t row[8] = {0x5A, 0x5B, 0x58, 0x59, 0x5E, 0x5F, 0x5C, 0x5D}, blank[8] = {};
+    uint8_t got[8];
+    for (const auto& [r, want] : {std::pair{199999999, blank}, {123456789, row}, {123456790, blank}}) {
+        if (want == row) { ASSERT_EQ(K_PutBitmapRow(&bm, row, r, 8), 8); }
+        std::memset(got, 0xEE, sizeof got);
+        ASSERT_EQ(K_GetBitmapRow(&bm, got, r, 8), 8);
+        EXPECT_EQ(std::memcmp(got, want, 8), 0) << r;
+    }
+    expectAll({IS(K_ChangeBitmapHeight(&bm, 100), 1), IS(K_FreeBitmap(&bm), 1),
+               IS(krn::faultinject::liveBlocks(), base)});
+    const auto smooth = makeRow(Shape::Smooth, 1000, 8, 1);
+    const std::vector<uint8_t> zero(1000, 0);
+    ASSERT_TRUE(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1024, 1000, 500, 8, 0, nullptr, 1, nullptr, 0) == KS_SUCCESS &&
+                krn::superStoredBytes(&bm) == 0u && K_PutBitmapRow(&bm, smooth.data(), 10, 1000) == 1000);
+    const uint64_t one = krn::superStoredBytes(&bm);
+    EXPECT_TRUE(one > 1 && one < 500) << one;
+    expectAll({IS(K_PutBitmapRow(&bm, smooth.data(), 11, 1000), 1000), IS(krn::superStoredBytes(&bm), 2 * one),
+               IS(K_PutBitmapRow(&bm, zero.data(), 10, 1000), 1000), IS(krn::superStoredBytes(&bm), one),
+               IS(K_ChangeBitmapHeight(&bm, 11), 1),
+               IS(krn::superStoredBytes(&bm), 0) /* row 11 left with the height */, IS(K_FreeBitmap(&bm), 1)});
 }
 
 // A block of 64 runs is coded from its own lengths only: rows whose first block holds the same lengths in another
@@ -219,38 +239,6 @@ TEST(SuperCodec, EachBlockOfRunsIsCodedOnItsOwn) {
     a[2] = b[3] = 20000;
     a.insert(a.end(), {3, 4}), b.insert(b.end(), {3, 4});
     EXPECT_EQ(encodedSize(a), encodedSize(b));
-}
-
-// A blank run-compressed bitmap costs a few bytes per 32768 rows, whatever its height; super-compressed rows cost
-// nothing until written and are freed when zeroed.
-TEST(RunStore, BlankRowsCostNothing) {
-    const long base = (K_GetDefaultXResolution(), krn::faultinject::liveBlocks());
-    BITMAPRECORD bm;
-    ASSERT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, MEMTYPE_COMPRESSED, 64, 200000000, 1, ORDER_RGB, nullptr, 1,
-                             nullptr, 0),
-              1);
-    EXPECT_TRUE((bm.uFlags & BRF_COMPRESSED) &&
-                krn::faultinject::liveBlocks() - base <= 3);  // store, palette and its handle
-    const uint8_t row[8] = {0x5A, 0x5B, 0x58, 0x59, 0x5E, 0x5F, 0x5C, 0x5D}, blank[8] = {};
-    uint8_t got[8];
-    for (const auto& [r, want] : {std::pair{199999999, blank}, {123456789, row}, {123456790, blank}}) {
-        if (want == row) { ASSERT_EQ(K_PutBitmapRow(&bm, row, r, 8), 8); }
-        std::memset(got, 0xEE, sizeof got);
-        ASSERT_EQ(K_GetBitmapRow(&bm, got, r, 8), 8);
-        EXPECT_EQ(std::memcmp(got, want, 8), 0) << r;
-    }
-    expectAll(
-        {IS(K_ChangeBitmapHeight(&bm, 100), 1), IS(K_FreeBitmap(&bm), 1), IS(krn::faultinject::liveBlocks(), base)});
-    const auto smooth = makeRow(Shape::Smooth, 1000, 8, 1);
-    const std::vector<uint8_t> zero(1000, 0);
-    ASSERT_TRUE(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1024, 1000, 500, 8, 0, nullptr, 1, nullptr, 0) == KS_SUCCESS &&
-                krn::superStoredBytes(&bm) == 0u && K_PutBitmapRow(&bm, smooth.data(), 10, 1000) == 1000);
-    const uint64_t one = krn::superStoredBytes(&bm);
-    EXPECT_TRUE(one > 1 && one < 500) << one;
-    expectAll({IS(K_PutBitmapRow(&bm, smooth.data(), 11, 1000), 1000), IS(krn::superStoredBytes(&bm), 2 * one),
-               IS(K_PutBitmapRow(&bm, zero.data(), 10, 1000), 1000), IS(krn::superStoredBytes(&bm), one),
-               IS(K_ChangeBitmapHeight(&bm, 11), 1),
-               IS(krn::superStoredBytes(&bm), 0) /* row 11 left with the height */, IS(K_FreeBitmap(&bm), 1)});
 }
 
 }  // namespace

@@ -50,7 +50,7 @@ public:
     size_t openHandles() const { return handles_.size(); }  // not yet closed
 
     static void* open(const wchar_t* name, uint32_t mode, uint32_t, void* user) {
-        auto* fs = static_cast<MemFs*>(user);
+        MemFs* fs = of(user);
         const std::wstring n = name ? name : L"";
         ++fs->opens;
         fs->openModes.push_back(mode);
@@ -64,8 +64,7 @@ public:
         return fs->handles_.back().get();
     }
     static int32_t read(void* hv, void* buf, uint32_t n, void* user) {
-        auto* fs = static_cast<MemFs*>(user);
-        Handle* h = fs->live(hv);
+        auto [fs, h] = at(hv, user);
         if (++fs->reads == fs->failReadAt || !h) return -1;
         const auto& data = fs->files[h->name];
         uint64_t k = std::min<uint64_t>(h->pos < data.size() ? data.size() - h->pos : 0, n);
@@ -74,8 +73,7 @@ public:
         return h->pos += k, int32_t(k);
     }
     static int32_t write(void* hv, const void* buf, uint32_t n, void* user) {
-        auto* fs = static_cast<MemFs*>(user);
-        Handle* h = fs->live(hv);
+        auto [fs, h] = at(hv, user);
         fs->writeAsks.push_back(n);
         if (++fs->writes == fs->failWriteAt || !h) return -1;
         auto& data = fs->files[h->name];
@@ -85,8 +83,7 @@ public:
         return h->pos += k, int32_t(k);
     }
     static int64_t seek(void* hv, int64_t off, int32_t origin, void* user) {
-        auto* fs = static_cast<MemFs*>(user);
-        Handle* h = fs->live(hv);
+        auto [fs, h] = at(hv, user);
         if (++fs->seeks == fs->failSeekAt || !h) return -1;
         const int64_t base = origin == REDIRECT_SEEK_SET ? 0 : origin == REDIRECT_SEEK_CUR ? int64_t(h->pos)
                              : origin == REDIRECT_SEEK_END ? int64_t(fs->files[h->name].size()) : -1;
@@ -94,7 +91,7 @@ public:
         return int64_t(h->pos = uint64_t(base + off));
     }
     static int32_t close(void* hv, void* user) {
-        auto* fs = static_cast<MemFs*>(user);
+        MemFs* fs = of(user);
         ++fs->closes;
         auto it = std::find_if(fs->handles_.begin(), fs->handles_.end(), [&](auto& p) { return p.get() == hv; });
         if (it == fs->handles_.end()) return -1;
@@ -103,17 +100,18 @@ public:
         return 0;
     }
     static int64_t size(void* hv, void* user) {
-        auto* fs = static_cast<MemFs*>(user);
-        return fs->live(hv) ? int64_t(fs->files[fs->live(hv)->name].size()) : -1;
+        auto [fs, h] = at(hv, user);
+        return h ? int64_t(fs->files[h->name].size()) : -1;
     }
     static int32_t setSize(void* hv, int64_t size, void* user) {
-        auto* fs = static_cast<MemFs*>(user);
-        Handle* h = fs->live(hv);
+        auto [fs, h] = at(hv, user);
         if (!h || size < 0 || uint64_t(size) > fs->capacity) return -1;
         return fs->files[h->name].resize(size_t(size), 0), 0;
     }
 
 private:
+    static std::pair<MemFs*, Handle*> at(void* h, void* u) { return {static_cast<MemFs*>(u), of(u)->live(h)}; }
+    static MemFs* of(void* u) { return static_cast<MemFs*>(u); }
     Handle* live(void* h) {
         for (auto& p : handles_)
             if (p.get() == h) return p.get();
