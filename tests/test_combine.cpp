@@ -1,12 +1,5 @@
 // Combining two bitmaps against the per-sample reference of combine_reference.h: every flag word and depth, regions,
 // storage kinds, faults (perspectives: test_orient.cpp).
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "combine_reference.h"
 #include "krn/common/combine.h"

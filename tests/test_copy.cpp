@@ -1,11 +1,5 @@
 // Copies, crops, trims, fills and clears against a reference image read by index arithmetic, on every storage kind and
 // depth; K_DupBitmapNewDim's masks.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <random>
 
 #include "combine_reference.h"
 #include "transform_kit.h"
@@ -37,11 +31,9 @@ TEST(Copy, BetweenKinds) {
                 SCOPED_TRACE(trace(from, bpp) + " -> " + kindName(to));
                 Source src(from, 45, 7, bpp, uint32_t(bpp + int(from) * 7 + int(to)));
                 KindBitmap dst(to, 45, 7, bpp);
-                ASSERT_EQ(src.kb.rc | dst.rc, KS_SUCCESS);
                 const uint32_t kindBefore = kindOf(&dst.bm);
-                ASSERT_EQ(K_CopyBitmapData(&dst.bm, src.bm()), KS_SUCCESS);
-                EXPECT_EQ(kindOf(&dst.bm), kindBefore);
-                EXPECT_EQ(window(&dst.bm, src.ref), "");
+                ASSERT_EQ(src.kb.rc | dst.rc | K_CopyBitmapData(&dst.bm, src.bm()), KS_SUCCESS);
+                EXPECT_EQ(window(&dst.bm, src.ref) + (kindOf(&dst.bm) == kindBefore ? "" : " the kind changed"), "");
             }
     // The whole image, a window of it, and a crop in place into the kind asked for.
     const struct { uint32_t memory, kind; int bpp; } cases[] = {  // kind: as K_GetBitmapMemoryInfo reports it
@@ -79,8 +71,8 @@ TEST(Copy, DescribingFieldsAndRegionTravel) {
         BITMAPRECORD d;
         ASSERT_EQ(two ? K_CopyBitmap2(&d, &s, R, 128) : K_CopyBitmap(&d, &s, R), KS_SUCCESS);
         const std::vector<int32_t> fields = {d.nOrder, d.nXResolution, d.nYResolution, d.nViewPerspective, d.nLowBit,
-                                             int32_t(d.nLUTLength)};
-        if (!two) { EXPECT_EQ(fields, std::vector<int32_t>({ORDER_GRAY, 300, 72, 6, 2, 16})); }
+                                             int32_t(d.nLUTLength)}, want = {ORDER_GRAY, 300, 72, 6, 2, 16};
+        EXPECT_TRUE(two || fields == want);
         EXPECT_TRUE(d.nHighBit == 11 && (d.uFlags & BRF_SIGNED_DATA) && d.uExtraDataSize == 10u);
         ASSERT_TRUE(d.pLUT && d.pLUT != s.pLUT && d.pExtraData && d.pExtraData != s.pExtraData);
         EXPECT_TRUE(std::memcmp(d.pLUT, s.pLUT, 64) == 0 && std::memcmp(d.pExtraData, "extra-data", 10) == 0);
@@ -110,11 +102,10 @@ TEST(Copy, CarryMasksTable) {
         BITMAPRECORD d;
         ASSERT_EQ(K_DupBitmapNewDim(&d, &s, R, 15, 12, mask), KS_SUCCESS);
         EXPECT_EQ(d.nWidth * 10000 + d.nHeight * 100 + d.nBitsPerPixel, 151208);
-        const bool allocated = d.uFlags & BRF_ALLOCATED;
-        const bool got[] = {d.pPalette && std::memcmp(d.pPalette, pal, sizeof pal) == 0, d.nXResolution == 96,
-                            d.nViewPerspective == 3, K_BitmapHasRgn(&d) == 1,
-                            d.nLowBit * 1000 + d.nHighBit * 100 + d.nMinBit * 10 + d.nMaxBit == 1625, allocated,
-                            allocated && kindOf(&d) == 128, want[7] == '1' && window(&d, src.ref).empty()};
+        const bool allocated = d.uFlags & BRF_ALLOCATED, got[] = {
+            d.pPalette && std::memcmp(d.pPalette, pal, sizeof pal) == 0, d.nXResolution == 96, d.nViewPerspective == 3,
+            K_BitmapHasRgn(&d) == 1, d.nLowBit * 1000 + d.nHighBit * 100 + d.nMinBit * 10 + d.nMaxBit == 1625,
+            allocated, allocated && kindOf(&d) == 128, want[7] == '1' && window(&d, src.ref).empty()};
         std::string bits;
         for (bool b : got) bits += b ? '1' : '0';
         EXPECT_EQ(bits, want) << mask;
@@ -131,9 +122,9 @@ TEST(Copy, BadInputChangesNothing) {
     ASSERT_EQ(K_CreateBitmap(&other, R, 1, 11, 10, 8, 0, nullptr, 1, nullptr, 0), KS_SUCCESS);
     const BITMAPRECORD before = *s;
     const long live = krn::faultinject::liveBlocks();
-    using B = BITMAPRECORD*;
     // Both rectangle copies must give the same answer.
-    auto rect = [](B to, B from, uint32_t size, int32_t col, int32_t row, uint32_t w, uint32_t h) {
+    auto rect = [](BITMAPRECORD* to, BITMAPRECORD* from, uint32_t size, int32_t col, int32_t row, uint32_t w,
+                   uint32_t h) {
         const int32_t a = K_CopyBitmapRect(to, from, size, col, row, w, h);
         return a == K_CopyBitmapRect2(to, from, size, col, row, w, h, 1) ? a : 12345;
     };
@@ -159,8 +150,7 @@ TEST(Copy, BadInputChangesNothing) {
     EXPECT_TRUE(d.intact() && sameBytes(before, *s));
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
     // Onto itself: success and nothing happens. An in-place crop of a bitmap in use is refused.
-    EXPECT_EQ(K_CopyBitmap(s, s, R), KS_SUCCESS);
-    EXPECT_EQ(K_CopyBitmapData(s, s), KS_SUCCESS);
+    EXPECT_EQ(K_CopyBitmap(s, s, R) * 10 + K_CopyBitmapData(s, s), KS_SUCCESS * 11);
     K_AccessBitmap(s);
     EXPECT_EQ(K_CopyBitmapRect(nullptr, s, R, 1, 1, 3, 3), KS_INVALID_PARAMETER);
     K_ReleaseBitmap(s);
@@ -181,8 +171,8 @@ TEST(Copy, StatusAndNotificationCallbacks) {
         EXPECT_EQ(K_CopyBitmap(&d.bm, src.bm(), R), answer);  // KS_SUCCESS is 1
         const auto& v = stop.seen;
         if (answer != 1) { EXPECT_TRUE(stop.calls() == 6 && d.intact()); continue; }
-        EXPECT_TRUE(v.front() == 0 && v.back() == 100);
-        EXPECT_TRUE(std::adjacent_find(v.begin(), v.end(), std::greater_equal<>()) == v.end());  // rising
+        const bool rising = std::adjacent_find(v.begin(), v.end(), std::greater_equal<>()) == v.end();
+        EXPECT_TRUE(v.front() == 0 && v.back() == 100 && rising);
         K_FreeBitmap(&d.bm);
     }
     int32_t seen[2] = {0, 1};  // the code the notification saw, its answer
@@ -196,8 +186,7 @@ TEST(Copy, StatusAndNotificationCallbacks) {
     BITMAPRECORD d;
     ASSERT_EQ(K_CopyBitmap2(&d, one.bm(), R, 1), KS_SUCCESS);
     EXPECT_EQ(seen[0], 1);  // the notification of a copy
-    K_FreeBitmap(&d);
-    seen[1] = -42;
+    K_FreeBitmap(&d), seen[1] = -42;
     const long live = krn::faultinject::liveBlocks();
     EXPECT_EQ(K_CopyBitmap2(&d, one.bm(), R, 1), -42);
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
@@ -222,7 +211,6 @@ TEST(Copy, OlderRecordLayout) {
     EXPECT_EQ(window(&d.bm, src.ref, 2, 1), "");
     K_FreeBitmap(&d.bm);
 }
-
 
 TEST(CopyRect, TrimTable) {
     // The first trims from column 0; the refused ones lie outside or are empty.
@@ -343,13 +331,12 @@ TEST(CopyFill, ClearNegativePixelsInsideTheRegion) {
             // Samples in stored byte order: 16 and 32 bits little-endian, 12 bits two per three bytes.
             auto sample = [&](RefImage& img, int x, int y) { return combinetest::rawPixel(img.row(y), x, {c.bpp, 0}); };
             int cleared = 0;
-            for (int y = 0; y < 9; ++y)
-                for (int x = 0; x < 31; ++x) {
-                    const uint64_t v = sample(src.ref, x, y);
-                    const bool clear = PtInRect(&r, POINT{x, y}) && ((v >> c.sign) & 1);
-                    cleared += clear;
-                    ASSERT_EQ(sample(got, x, y), clear ? 0 : v) << x << "," << y;
-                }
+            for (int i = 0, x = 0, y = 0; i < 31 * 9; ++i, x = i % 31, y = i / 31) {
+                const uint64_t v = sample(src.ref, x, y);
+                const bool clear = PtInRect(&r, POINT{x, y}) && ((v >> c.sign) & 1);
+                cleared += clear;
+                ASSERT_EQ(sample(got, x, y), clear ? 0 : v) << x << "," << y;
+            }
             EXPECT_GT(cleared, 10);
         }
 }

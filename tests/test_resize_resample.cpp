@@ -1,12 +1,5 @@
 // The interpolating resamplers against a plain double-precision filter (a direct weighted sum with clamped edges), plus
 // invariants and path agreement.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstring>
-#include <functional>
-#include <random>
-#include <vector>
 
 #include "krn/common/resize.h"
 #include "transform_kit.h"
@@ -58,9 +51,7 @@ Img getImage(BITMAPRECORD* bm, const Fmt& f) {
 }
 // A single-block bitmap holding `im`.
 struct Made : tkit::Bitmap {
-    Made(const Fmt& f, const Img& im) : Bitmap(im.w, im.h, f.bpp, f.bpp == 8 ? ORDER_GRAY : f.order) {
-        putImage(&bm, im, f);
-    }
+    Made(const Fmt& f, const Img& im) : Bitmap(im.w, im.h, f.bpp, f.order) { putImage(&bm, im, f); }
 };
 
 Img randomImage(int32_t w, int32_t h, const Fmt& f, uint32_t seed) {
@@ -286,9 +277,8 @@ TEST(Resample, IntoAPaletteDestination) {
         const uint8_t* row = idx.row(y);
         for (int32_t x = 0; x < 10; ++x) {
             auto dist = [&](const RGBQUAD& e) {
-                const double dr = e.rgbRed - ref.at(x, y, 2), dg = e.rgbGreen - ref.at(x, y, 1),
-                             db = e.rgbBlue - ref.at(x, y, 0);
-                return dr * dr + dg * dg + db * db;
+                const double dr = e.rgbRed - ref.at(x, y, 2), dg = e.rgbGreen - ref.at(x, y, 1);
+                return dr * dr + dg * dg + (e.rgbBlue - ref.at(x, y, 0)) * (e.rgbBlue - ref.at(x, y, 0));
             };
             double best = 1e18;
             for (int32_t i = 0; i < 256; ++i) best = std::min(best, dist(p.pPalette[i]));

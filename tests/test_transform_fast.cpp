@@ -1,13 +1,6 @@
 // The fast paths against the plain ones: the SIMD kernels of combining, quarter turns and resizing at every level
 // (guard bytes around what they write), block means by index arithmetic, and whole bitmaps with the fast path on and
 // off.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
-#include <functional>
-#include <random>
-#include <vector>
 
 #include "combine_reference.h"
 #include "krn/common/combine.h"
@@ -32,12 +25,6 @@ std::vector<uint8_t> randomBytes(size_t n, std::mt19937& rng) {
     return v;
 }
 
-krn::CombineFormat combineFormat(const Format& f) {
-    BITMAPRECORD rec{};
-    rec.nBitsPerPixel = f.bpp, rec.nOrder = f.order;
-    return krn::combineFormat(&rec);
-}
-
 // Alpha in runs of 8-24 pixels: all opaque, all transparent, all one extreme, or random.
 std::vector<uint8_t> alphaRuns(std::mt19937& rng, size_t n) {
     static const uint8_t ends[] = {0, 1, 127, 128, 254, 255};
@@ -59,9 +46,11 @@ std::vector<uint8_t> alphaRuns(std::mt19937& rng, size_t n) {
 // of 16, so blocks are mixed and never take a short cut except where every Sa is 0 or 255.
 TEST(CombineFastAlphaOver, EveryLevelAgainstTheModelAndEveryAlphaPair) {
     const Format mf{32, ORDER_BGR};
-    const krn::CombineFormat cf = combineFormat(mf);
-    static const uint8_t fixed[][2] = {{0, 0},   {255, 255}, {255, 0},   {0, 255},
-                                       {1, 254}, {254, 1},   {255, 254}, {254, 255}};
+    BITMAPRECORD rec{};
+    rec.nBitsPerPixel = mf.bpp, rec.nOrder = mf.order;
+    const krn::CombineFormat cf = krn::combineFormat(&rec);
+    static const uint8_t fixed[][2] = {{0, 0}, {255, 255}, {255, 0}, {0, 255}, {1, 254}, {254, 1}, {255, 254},
+                                       {254, 255}};
     std::mt19937 rng(2024);
     const uint32_t N = 65536 * 16;
     std::vector<uint8_t> s(4 * size_t(N)), d(4 * size_t(N)), want, got, scratch(krn::combineScratchBytes(N, 32));
@@ -112,8 +101,7 @@ TEST(CombineFastAlphaOver, EveryLevelAgainstTheModelAndEveryAlphaPair) {
 // kFill; the source ends where its block ends (an over-read shows under ASan). The plain form against index arithmetic:
 // destination row r holds source column r (reversed: w - 1 - r), pixel c source row c (or h - 1 - c).
 void checkTurn(int bpp, uint32_t w, uint32_t h, int level, std::mt19937& rng) {
-    const size_t rowBytes = size_t((uint64_t(w) * uint64_t(bpp) + 7) / 8);
-    const size_t outBytes = size_t((uint64_t(h) * uint64_t(bpp) + 7) / 8);
+    const size_t rowBytes = (size_t(w) * size_t(bpp) + 7) / 8, outBytes = (size_t(h) * size_t(bpp) + 7) / 8;
     const size_t ss = rowBytes + rng() % 5, ds = outBytes + rng() % 9, so = rng() % 4, at = kGuard + rng() % 4;
     const std::vector<uint8_t> src = randomBytes(so + ss * (h - 1) + rowBytes, rng);
     for (int mode = 0; mode < 4; ++mode) {
@@ -171,8 +159,7 @@ TEST(TransformFast, RotationAgreesWithThePlainKernels) {
         std::vector<uint8_t> first;
         for (bool plain : {true, false}) {
             Source src(Kind::SingleBlock, 301, 203, 32, 7);
-            for (int y = 0; y < 101; ++y)
-                for (int x = 0; x < 301; ++x) src.ref.row(y)[4 * x + 3] = 255;
+            for (int i = 0; i < 101 * 301; ++i) src.ref.row(i / 301)[4 * (i % 301) + 3] = 255;
             ASSERT_EQ(putImage(src.bm(), src.ref), KS_SUCCESS);
             krn::testhook::forcePlainRotateKernels(plain);
             ASSERT_EQ(K_RotateBitmap(src.bm(), angle, ROTATE_BILINEAR | ROTATE_RESIZE, 0), KS_SUCCESS);
@@ -197,19 +184,15 @@ std::vector<int> levels() {
     return out;
 }
 
-// The rounded mean of a bx x by block of sample k of target pixel x, rows of `stride` bytes.
-uint8_t blockMean(const uint8_t* s, size_t stride, int32_t x, int32_t k, int32_t bx, int32_t by, int32_t c) {
-    uint32_t sum = 0;
-    for (int32_t r = 0; r < by; ++r)
-        for (int32_t t = 0; t < bx; ++t) sum += s[size_t(r) * stride + size_t(x * bx + t) * size_t(c) + size_t(k)];
-    const uint32_t n = uint32_t(bx * by);
-    return uint8_t((sum + n / 2) / n);
-}
-// "" when the n pixels of c samples at d are the bx x by block means of s.
+// "" when the n pixels of c samples at d are the rounded means of the bx x by blocks of s (rows of `stride` bytes).
 std::string blockMeans(const uint8_t* d, const uint8_t* s, size_t stride, int32_t n, int32_t bx, int32_t by,
                        int32_t c) {
-    for (int32_t x = 0; x < n * c; ++x)
-        if (d[x] != blockMean(s, stride, x / c, x % c, bx, by, c)) return "sample " + std::to_string(x);
+    for (int32_t x = 0; x < n * c; ++x) {
+        uint32_t sum = 0;
+        for (int32_t t = 0; t < bx * by; ++t)  // row t / bx, column t % bx of the block
+            sum += s[size_t(t / bx) * stride + size_t((x / c) * bx + t % bx) * size_t(c) + size_t(x % c)];
+        if (d[x] != (sum + uint32_t(bx * by) / 2) / uint32_t(bx * by)) return "sample " + std::to_string(x);
+    }
     return "";
 }
 

@@ -1,9 +1,5 @@
 // What every transform shares: an allocation failure or a stop changes nothing (record, region, pixels, no leak); every
 // kind gives the single block's result.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <functional>
 
 #include "orient_ref.h"
 #include "transform_kit.h"

@@ -2,13 +2,7 @@
 // stored pixels as a grid.
 #pragma once
 
-#include <cstdint>
-#include <random>
-#include <utility>
-#include <vector>
-
-#include "ombrix.h"
-#include "storage_kinds.h"
+#include "transform_kit.h"
 
 namespace orienttest {
 
@@ -74,45 +68,30 @@ inline Grid mirrored(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y
 inline Grid halfTurned(const Grid& g) { return flipped(mirrored(g)); }
 inline Grid turnedCcw(const Grid& g) { return turnedCw(halfTurned(g)); }
 
-// Packed rows (4-byte padded) of a grid, and back.
-inline std::vector<uint8_t> pack(const Grid& g, int bpp) {
+// A grid as packed rows (4-byte padded), and back.
+inline storagetest::RefImage image(const Grid& g, int bpp) {
     storagetest::RefImage img(g.w, g.h, bpp);
-    for (int y = 0; y < g.h; ++y)
-        for (int x = 0; x < g.w; ++x) storagetest::setPixel(img.row(y), x, bpp, g.at(x, y));
-    return img.px;
+    for (int i = 0; i < g.w * g.h; ++i) storagetest::setPixel(img.row(i / g.w), i % g.w, bpp, g.v[size_t(i)]);
+    return img;
 }
-inline Grid unpack(const uint8_t* px, int w, int h, int bpp) {
-    const size_t bpl = size_t(((uint64_t(w) * uint64_t(bpp) + 31) >> 3) & ~uint64_t(3));
-    Grid g(w, h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) g.at(x, y) = storagetest::getPixel(px + size_t(y) * bpl, x, bpp);
+inline std::vector<uint8_t> pack(const Grid& g, int bpp) { return image(g, bpp).px; }
+inline Grid gridOf(storagetest::RefImage img) {
+    Grid g(img.width, img.height);
+    for (int i = 0; i < g.w * g.h; ++i) g.v[size_t(i)] = storagetest::getPixel(img.row(i / g.w), i % g.w, img.bpp);
     return g;
 }
 
 // The stored pixels of a bitmap through the row API, and a whole grid into one.
-inline Grid stored(BITMAPRECORD* bm) {
-    std::vector<uint8_t> out(size_t(bm->nBytesPerLine) * size_t(bm->nHeight));
-    K_AccessBitmap(bm);
-    for (int y = 0; y < bm->nHeight; ++y)
-        K_GetBitmapRow(bm, out.data() + size_t(y) * bm->nBytesPerLine, y, bm->nBytesPerLine);
-    K_ReleaseBitmap(bm);
-    return unpack(out.data(), bm->nWidth, bm->nHeight, bm->nBitsPerPixel);
-}
+inline Grid stored(BITMAPRECORD* bm) { return gridOf(tkit::getImage(bm)); }
 inline bool store(BITMAPRECORD* bm, const Grid& g) {
-    auto b = pack(g, bm->nBitsPerPixel);
-    if (K_AccessBitmap(bm) != KS_SUCCESS) return false;
-    bool ok = true;
-    for (int y = 0; y < g.h; ++y)
-        ok = ok && K_PutBitmapRow(bm, b.data() + size_t(y) * bm->nBytesPerLine, y, bm->nBytesPerLine) > 0;
-    K_ReleaseBitmap(bm);
-    return ok;
+    storagetest::RefImage img = image(g, bm->nBitsPerPixel);
+    return tkit::putImage(bm, img) == KS_SUCCESS;
 }
 
 // The bitmap's region as a mask over its stored pixels (1 = in the region).
 inline Grid regionGrid(BITMAPRECORD* bm) {
     Grid g(bm->nWidth, bm->nHeight);
-    for (int y = 0; y < g.h; ++y)
-        for (int x = 0; x < g.w; ++x) g.at(x, y) = K_IsPtInBitmapRgn(bm, y, x) ? 1 : 0;
+    for (int i = 0; i < g.w * g.h; ++i) g.v[size_t(i)] = K_IsPtInBitmapRgn(bm, i / g.w, i % g.w) ? 1 : 0;
     return g;
 }
 

@@ -1,13 +1,19 @@
 // transform_kit.h - shared builders and checks of the transform tests: bitmaps of a kind from a reference image,
-// callback guards, the allocation-failure walk.
+// callback guards, the allocation-failure walk. Brings gtest and the standard headers those tests use.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <numeric>
+#include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "krn/common/memory.h"
@@ -46,8 +52,7 @@ inline RefImage getImage(BITMAPRECORD* bm) {
 }
 inline RefImage randomImage(int32_t w, int32_t h, int32_t bpp, uint32_t seed) {
     RefImage img(w, h, bpp);
-    img.randomize(seed);
-    return img;
+    return img.randomize(seed), img;
 }
 
 // The first pixel where `got` differs from `want(x, y)`, or "" when none.
@@ -65,8 +70,7 @@ inline std::vector<int> allDepths() { return {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24
 
 inline uint32_t kindOf(const BITMAPRECORD* bm) {
     uint32_t t = 0;
-    K_GetBitmapMemoryInfo(bm, &t, nullptr, nullptr, nullptr);
-    return t;
+    return K_GetBitmapMemoryInfo(bm, &t, nullptr, nullptr, nullptr), t;
 }
 
 // A single-block bitmap, freed at the end of its scope.
@@ -80,7 +84,6 @@ struct Bitmap {
     }
     ~Bitmap() { K_FreeBitmap(&bm); }
     Bitmap(const Bitmap&) = delete;
-    Bitmap& operator=(const Bitmap&) = delete;
 };
 
 // A bitmap of one kind holding random pixels, and its reference.
@@ -131,7 +134,7 @@ struct StopAfter {
     static int32_t cb(int32_t pct, void* user) {
         auto* self = static_cast<StopAfter*>(user);
         self->seen.push_back(pct);
-        return self->limit >= 0 && int(self->seen.size()) > self->limit ? self->answer : 1;
+        return self->limit >= 0 && self->calls() > self->limit ? self->answer : 1;
     }
     int calls() const { return int(seen.size()); }
 };
