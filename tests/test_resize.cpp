@@ -186,7 +186,7 @@ TEST(ResizeScaleToGray, BlackAndWhiteBecomesGreyBlockMeans) {
     }
 }
 
-TEST(ResizeFrame, SameSizeAndBadArguments) {
+TEST(ResizeFrame, SameSizeBadArgumentsTheRegionAndTheFields) {
     Source r(Kind::SingleBlock, 20, 10, 24, 5);
     BITMAPRECORD &bm = *r.bm(), copy = bm, empty;
     EXPECT_EQ(K_SizeBitmap(&bm, 20, 10, SIZE_RESAMPLE), KS_SUCCESS);
@@ -210,19 +210,16 @@ TEST(ResizeFrame, SameSizeAndBadArguments) {
                                     K_ResizeBitmap(&bm, &bm, 0), K_IntResizeBitmap(&bm, nullptr, 0),
                                     K_SizeBitmap(nullptr, 3, 3, 0)}),
               std::vector<int32_t>({P, KS_INVALID_STRUCT_SIZE, P, P, P, KS_INVALID_BITMAP, P}));
+    // The region is scaled, the describing fields stay.
+    RECT rgn = {5, 2, 15, 6}, got{}, want = {10, 1, 30, 3};
+    ASSERT_EQ(K_SetBitmapRgnRect(&bm, nullptr, &rgn, 1), KS_SUCCESS);
+    bm.nXResolution = 300, bm.nLowBit = 1, bm.nHighBit = 6;
+    ASSERT_EQ(K_SizeBitmap(&bm, 40, 5, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.nXResolution * 100 + bm.nLowBit * 10 + bm.nHighBit, 30016);
+    ASSERT_EQ(K_GetBitmapRgnBounds(&bm, nullptr, &got), KS_SUCCESS);
+    EXPECT_TRUE(EqualRect(&got, &want)) << got.left << "," << got.top << "," << got.right << "," << got.bottom;
 }
 
-TEST(ResizeFrame, RegionIsScaledAndTheFieldsStay) {
-    Source src(Kind::SingleBlock, 40, 20, 8, 1);
-    BITMAPRECORD& bm = *src.bm();
-    RECT r = {10, 4, 30, 12}, b{}, want = {20, 2, 60, 6};
-    ASSERT_EQ(K_SetBitmapRgnRect(&bm, nullptr, &r, 1), KS_SUCCESS);
-    bm.nXResolution = 300, bm.nLowBit = 1, bm.nHighBit = 6;
-    ASSERT_EQ(K_SizeBitmap(&bm, 80, 10, 0), KS_SUCCESS);
-    EXPECT_EQ(bm.nXResolution * 100 + bm.nLowBit * 10 + bm.nHighBit, 30016);  // the describing fields stay
-    ASSERT_EQ(K_GetBitmapRgnBounds(&bm, nullptr, &b), KS_SUCCESS);
-    EXPECT_TRUE(EqualRect(&b, &want)) << b.left << "," << b.top << "," << b.right << "," << b.bottom;
-}
 
 TEST(ResizeStorage, TiledBitmapOverTheCapResizesRowByRow) {
     storagetest::CapGuard guard;

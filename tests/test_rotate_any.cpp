@@ -5,7 +5,6 @@
 #include "orient_ref.h"
 #include "transform_kit.h"
 
-using namespace storagetest;
 using namespace tkit;
 using namespace orienttest;
 

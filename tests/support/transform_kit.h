@@ -22,13 +22,7 @@
 
 namespace tkit {
 
-using storagetest::getPixel;
-using storagetest::Kind;
-using storagetest::KindBitmap;
-using storagetest::kindName;
-using storagetest::kindsFor;
-using storagetest::RefImage;
-using storagetest::setPixel;
+using namespace storagetest;  // kinds, reference images, pixels by index arithmetic
 
 inline uint64_t pixelAt(const uint8_t* row, int32_t x, int32_t bpp) { return getPixel(row, x, bpp); }
 // Sample x of a row of little-endian 16-bit samples.
