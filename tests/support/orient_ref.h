@@ -95,4 +95,28 @@ inline Grid regionGrid(BITMAPRECORD* bm) {
     return g;
 }
 
+inline Grid same(const Grid& g) { return g; }
+// A bitmap of a kind with random stored pixels (order BGR beyond 8 bits, when asked) and an elliptic region that no
+// flip or turn maps onto itself (when asked); the record as it was made.
+struct Sample {
+    tkit::KindBitmap kb;
+    Grid pixels, mask;
+    BITMAPRECORD before{};
+    Sample(tkit::Kind k, int w, int h, int bpp, uint32_t seed, bool withRegion = true, bool bgr = false)
+        : kb(k, w, h, bpp) {
+        if (kb.rc != KS_SUCCESS) return;
+        if (bgr && bpp > 8) kb.bm.nOrder = ORDER_BGR;
+        pixels = randomGrid(w, h, bpp, seed);
+        EXPECT_TRUE(store(&kb.bm, pixels));
+        const RECT e{1, 0, w - 2, h - 1};
+        if (withRegion) { EXPECT_EQ(K_SetBitmapRgnEllipse(&kb.bm, nullptr, &e, 1), KS_SUCCESS); }
+        mask = regionGrid(&kb.bm), before = kb.bm;
+    }
+    BITMAPRECORD* bm() { return &kb.bm; }
+    // The stored pixels and the region are `f` applied to the originals.
+    template <class F>
+    bool holds(F&& f) { return stored(bm()) == f(pixels) && regionGrid(bm()) == f(mask); }
+    bool unchanged() { return tkit::sameBytes(before, kb.bm) && holds(same); }  // record, pixels and region
+};
+
 }  // namespace orienttest
