@@ -299,9 +299,8 @@ TEST(Copy, CopyRectFillClearAndCropOnEveryKindAndDepth) {
             for (bool clear : {false, true}) {
                 ASSERT_EQ(clear ? K_ClearBitmap(src.bm()) : K_FillBitmap2(src.bm(), raw), KS_SUCCESS);
                 RefImage got = getImage(src.bm());
-                const uint64_t inside = clear ? 0 : want;
-                auto set = [&](int x, int y) { return in(x, y) ? inside : pixelAt(src.ref.row(y), x, bpp); };
-                EXPECT_EQ(firstMismatch(got, set), "");
+                auto px = [&](int x, int y) { return in(x, y) ? (clear ? 0 : want) : pixelAt(src.ref.row(y), x, bpp); };
+                EXPECT_EQ(firstMismatch(got, px), "");
             }
             if (k == Kind::CallbackMemory) continue;  // its buffer belongs to the caller's callback
             src.ref = getImage(src.bm());

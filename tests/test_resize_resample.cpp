@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
-
 struct Img {
     int32_t w, h, c;
     std::vector<double> v;  // c samples per pixel, canonical order B, G, R, A
@@ -79,7 +77,7 @@ double weight(Method m, int32_t oldN, int32_t newN, int32_t i, int32_t j) {
     const double t = std::fabs((j + 0.5 - (i + 0.5) * s) / (m == Method::Resample ? 1.0 : std::max(1.0, s)));
     if (m == Method::Resample) return t < 1 ? 1 - t : 0;
     if (m == Method::Cubic) return t < 1 ? (1.5 * t - 2.5) * t * t + 1 : t < 2 ? ((-0.5 * t + 2.5) * t - 4) * t + 2 : 0;
-    return t >= 3 ? 0 : t == 0 ? 1 : 3 * std::sin(kPi * t) * std::sin(kPi * t / 3) / (kPi * kPi * t * t);
+    return t >= 3 ? 0 : t == 0 ? 1 : 3 * std::sin(M_PI * t) * std::sin(M_PI * t / 3) / (M_PI * M_PI * t * t);
 }
 
 Img reference(const Img& src, int32_t nw, int32_t nh, Method m, double maxv) {

@@ -86,11 +86,8 @@ bool oracle(RefImage& src, const MapFn& map, int i, int j, uint32_t interp, int 
 
 // Compares a result with the oracle: every channel within `tol` levels (of 8 bits; 16-bit channels are scaled),
 // uncovered pixels equal to the fill.
-void expectOracle(RefImage& src, RefImage& got, const MapFn& map, uint32_t interp, const uint8_t* fillPx,
-                  double tol) {
+void expectOracle(RefImage& src, RefImage& got, const MapFn& map, uint32_t interp, RefImage& fill, double tol) {
     const double scale = chanBits(src.bpp) == 16 ? 257.0 : 1.0;
-    RefImage fill(1, 1, src.bpp);
-    std::memcpy(fill.row(0), fillPx, size_t(src.bpp / 8));
     int bad = 0;
     for (int j = 0; j < got.height && bad < 5; ++j)
         for (int i = 0; i < got.width && bad < 5; ++i)
@@ -125,11 +122,11 @@ TEST_P(RotateOracle, MatchesPlainInverseMapping) {
     ASSERT_EQ(p.shear ? K_ShearBitmap(&b.bm, p.angle, shear, 0)
                       : K_RotateBitmap(&b.bm, p.angle, flags | ROTATE_NO_SHORTCUTS, fill), KS_SUCCESS);
     EXPECT_EQ(b.bm.nViewPerspective, 1);
-    RefImage got = getImage(&b.bm);
-    uint8_t fillPx[8] = {0};  // grey: the weighted sum; colour B, G, R (16-bit samples: both bytes), opaque
+    // The fill: grey the weighted sum; colour B, G, R (16-bit samples: both bytes), opaque.
+    RefImage got = getImage(&b.bm), fillPx(1, 1, p.bpp);
     const uint8_t grey = (2 * 0x99 + 5 * 0x66 + 0x33 + 4) >> 3, bgr[] = {0x33, 0x66, 0x99};
     for (int k = 0, cb = chanBits(p.bpp) / 8; !p.shear && k < p.bpp / 8; ++k)
-        fillPx[k] = channels(p.bpp) == 1 ? grey : k / cb == 3 ? 0xFF : bgr[k / cb];
+        fillPx.row(0)[k] = channels(p.bpp) == 1 ? grey : k / cb == 3 ? 0xFF : bgr[k / cb];
     const int32_t a = (p.angle + 36000) % 36000;
     const double t = p.shear ? double(K_SinValue(a)) / K_CosValue(a) : 0, sc = (W - 1) / 2.0, sr = (H - 1) / 2.0;
     const double dc = (got.width - 1) / 2.0, dr = (got.height - 1) / 2.0;
@@ -267,6 +264,7 @@ TEST(RotateAny, BadInputGetsAClearCode) {
     const int32_t P = KS_INVALID_PARAMETER, D = KS_INVALID_BITS_PER_PIXEL;
     const auto R = K_RotateBitmap, S = K_ShearBitmap;
     const uint32_t L = ROTATE_BILINEAR, C = ROTATE_BICUBIC;
+    int32_t w, h;
     const std::pair<int32_t, int32_t> cases[] = {  // (answer, wanted)
         {R(nullptr, 0, 0, 0), P}, {R(&unalloc, 100, 0, 0), P}, {R(&badSize, 100, 0, 0), KS_INVALID_STRUCT_SIZE},
         {R(&badPersp, 100, 0, 0), P}, {R(&badWidth, 100, 0, 0), P}, {S(&badWidth, 100, 0, 0), P},
@@ -275,16 +273,14 @@ TEST(RotateAny, BadInputGetsAClearCode) {
         {R(&b4.bm, 100, 0, ROTATE_FILL_INDEX(16)), P}, {R(&b1.bm, 100, L, 0), D}, {R(&b4.bm, 100, C, 0), D},
         {R(&pal.bm, 100, L, 0), D}, {R(&rgb565.bm, 100, L, 0), D}, {S(nullptr, 100, 0, 0), P},
         {S(&b8.bm, SHEAR_MAX_ANGLE + 1, 0, 0), P}, {S(&b8.bm, 100, ROTATE_NO_SHORTCUTS, 0), P},
-        {S(&b1.bm, 100, C, 0), D},
+        {S(&b1.bm, 100, C, 0), D}, {K_GetRotatedBitmapSize(&b8.bm, 100, nullptr, &h), P},
+        {K_GetRotatedBitmapSize(&badSize, 100, &w, &h), KS_INVALID_STRUCT_SIZE},
     };
     for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
     // A locked bitmap keeps its storage.
     ASSERT_EQ(K_AccessBitmap(&b8.bm), KS_SUCCESS);
     EXPECT_EQ(K_RotateBitmap(&b8.bm, 100, 0, 0), KS_INVALID_PARAMETER);
     K_ReleaseBitmap(&b8.bm), K_FreeBitmap(&unalloc);
-    int32_t w, h;
-    EXPECT_EQ(K_GetRotatedBitmapSize(&b8.bm, 100, nullptr, &h), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetRotatedBitmapSize(&badSize, 100, &w, &h), KS_INVALID_STRUCT_SIZE);
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 #include "transform_kit.h"
 
 using namespace tkit;
-using combinetest::Format;
+using namespace combinetest;
 
 namespace {
 
@@ -75,7 +75,7 @@ TEST(CombineFastAlphaOver, EveryLevelAgainstTheModelAndEveryAlphaPair) {
         for (uint32_t flags : {0x0D00u, 0x0D01u, 0x0D10u, 0x0D11u, 0x1D00u, 0x1D11u}) {
             krn::CombinePlan p;
             ASSERT_EQ(krn::combinePlan(flags, 32, &p), KS_SUCCESS);
-            const combinetest::Plan mp = combinetest::planOf(flags, 32);
+            const Plan mp = planOf(flags, 32);
             for (uint32_t n : {1u, 7u, 8u, 9u, 15u, 17u, 63u, 129u, 1001u}) {
                 const size_t off = rng() % 4;  // rows need not be aligned
                 std::vector<uint8_t> row = randomBytes(4 * size_t(n) + off, rng), out(4 * n + 2 * kGuard, kFill);
@@ -84,11 +84,9 @@ TEST(CombineFastAlphaOver, EveryLevelAgainstTheModelAndEveryAlphaPair) {
                 for (uint32_t k = 0; k < 4 * n; ++k) dp[k] = k % 4 == 3 ? da[k / 4] : uint8_t(rng());
                 for (uint32_t k = 0; k < n; ++k) sp[4 * k + 3] = sa[k];
                 std::vector<uint8_t> model = out;
-                for (uint32_t k = 0; k < n; ++k) {
-                    const uint64_t v = combinetest::combinePixel(mp, combinetest::rawPixel(sp, int32_t(k), mf),
-                                                                 combinetest::rawPixel(dp, int32_t(k), mf), mf);
-                    combinetest::setRawPixel(model.data() + kGuard, int32_t(k), mf, v);
-                }
+                for (uint32_t k = 0; k < n; ++k)
+                    setRawPixel(model.data() + kGuard, int32_t(k), mf,
+                                combinePixel(mp, rawPixel(sp, int32_t(k), mf), rawPixel(dp, int32_t(k), mf), mf));
                 fast(p, cf, {sp, 0, dp, 0, n, scratch.data()});
                 ASSERT_EQ(out, model) << "level " << level << " flags " << flags << " n " << n;
             }
@@ -272,9 +270,8 @@ TEST(ResizeFastArea, WholeFactorsGiveExactBlockMeansEverywhere) {
                                                   << by << " level " << level);
                 LevelCap cap(level);
                 krn::resampletest::setMaxThreads(int(kind) % 2);
-                Source src(kind, nw * bx, nh * by, cs.bpp, uint32_t(bx * 10 + by + cs.bpp));
+                Source src(kind, nw * bx, nh * by, cs.bpp, uint32_t(bx * 10 + by + cs.bpp), cs.order);
                 ASSERT_EQ(src.kb.rc, KS_SUCCESS);
-                src.bm()->nOrder = cs.order;
                 if (cs.bpp == 8) { ASSERT_EQ(K_CreateBitmapGrayPalette(src.bm()), KS_SUCCESS); }
                 ASSERT_EQ(K_ResampleBitmap(src.bm(), nw, nh, 0), KS_SUCCESS);
                 krn::resampletest::setMaxThreads(0);
@@ -283,8 +280,7 @@ TEST(ResizeFastArea, WholeFactorsGiveExactBlockMeansEverywhere) {
                 for (int32_t y = 0; y < nh; ++y)
                     ASSERT_EQ(blockMeans(got.row(y), src.ref.row(y * by), src.ref.bpl, nw, bx, by, c), "") << y;
             }
-    Source src(Kind::SingleBlock, 64, 48, 24, 9);
-    src.bm()->nOrder = ORDER_BGR;
+    Source src(Kind::SingleBlock, 64, 48, 24, 9, ORDER_BGR);
     Bitmap dst(32, 24, 24, ORDER_BGR, BOTTOM_LEFT);
     ASSERT_EQ(K_IntResizeBitmap(src.bm(), &dst.bm, SIZE_RESAMPLE), KS_SUCCESS);
     RefImage got = getImage(&dst.bm);

@@ -142,9 +142,8 @@ TEST(TransformKinds, EveryStorageKindGivesTheSingleBlockResult) {
             std::vector<uint8_t> want;
             for (Kind k : kindsFor(bpp)) {
                 SCOPED_TRACE(std::string(c.name) + " bpp " + std::to_string(bpp) + " " + kindName(k));
-                Source src(k, 45, 13, bpp, uint32_t(bpp * 100 + 7));
+                Source src(k, 45, 13, bpp, uint32_t(bpp * 100 + 7), bpp > 8 ? ORDER_BGR : -1);
                 ASSERT_EQ(src.kb.rc, KS_SUCCESS);
-                if (bpp > 8) src.bm()->nOrder = ORDER_BGR;
                 if (bpp == 8) { ASSERT_EQ(K_CreateBitmapGrayPalette(src.bm()), KS_SUCCESS); }
                 const uint32_t kind = kindOf(src.bm());
                 BITMAPRECORD out{};

@@ -80,13 +80,14 @@ struct Bitmap {
     Bitmap(const Bitmap&) = delete;
 };
 
-// A bitmap of one kind holding random pixels, and its reference.
+// A bitmap of one kind holding random pixels (of the order given, >= 0), and its reference.
 struct Source {
     KindBitmap kb;
     RefImage ref;
-    Source(Kind k, int32_t w, int32_t h, int32_t bpp, uint32_t seed)
+    Source(Kind k, int32_t w, int32_t h, int32_t bpp, uint32_t seed, int32_t order = -1)
         : kb(k, w, h, bpp), ref(randomImage(w, h, bpp, seed)) {
         kb.rc = kb.rc == KS_SUCCESS ? putImage(&kb.bm, ref) : kb.rc;
+        if (order >= 0) kb.bm.nOrder = order;
     }
     BITMAPRECORD* bm() { return &kb.bm; }
     // "" when the stored pixels are still those of the reference.
