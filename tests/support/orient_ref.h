@@ -27,11 +27,10 @@ inline Grid randomGrid(int w, int h, int bpp, uint32_t seed) {
 template <class F>
 Grid remap(const Grid& s, int w, int h, F&& from) {
     Grid d(w, h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const auto [sx, sy] = from(x, y);
-            d.at(x, y) = s.at(sx, sy);
-        }
+    for (int i = 0; i < w * h; ++i) {
+        const auto [sx, sy] = from(i % w, i / w);
+        d.v[size_t(i)] = s.at(sx, sy);
+    }
     return d;
 }
 
