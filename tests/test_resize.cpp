@@ -1,12 +1,5 @@
 // Nearest resizing (target pixel i takes source pixel floor(i old / new)), the row-at-a-time resizer, the
 // black-preserving reduction and K_SizeBitmap's frame.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
-#include <numeric>
-#include <random>
-#include <vector>
 
 #include "krn/common/resize.h"
 #include "transform_kit.h"
@@ -16,15 +9,6 @@ using namespace tkit;
 namespace {
 
 uint64_t maskOf(int32_t bpp) { return bpp == 64 ? ~uint64_t(0) : (uint64_t(1) << bpp) - 1; }
-// A single-block bitmap of random pixels and its reference image.
-struct Random : Bitmap {
-    RefImage ref;
-    Random(int32_t w, int32_t h, int32_t bpp, uint32_t seed, const RGBQUAD* pal = nullptr, int32_t persp = TOP_LEFT)
-        : Bitmap(w, h, bpp, bpp == 12 ? ORDER_GRAY : bpp > 8 ? ORDER_BGR : 0, persp, pal), ref(w, h, bpp) {
-        ref.randomize(seed);
-        EXPECT_EQ(putImage(&bm, ref), KS_SUCCESS);
-    }
-};
 // "" when `after` takes pixel (floor(x old / new), floor(y old / new)) of `before` everywhere.
 std::string nearestRule(RefImage& before, RefImage& after) {
     return firstMismatch(after, [&](int x, int y) {
@@ -159,8 +143,8 @@ TEST(ResizeFavourBlack, BlockCountsAgainstPixelWalk) {
         for (uint32_t ink : {0u, 1u}) {  // the index of black
             RGBQUAD pal[2] = {{0, 0, 0, 0}, {255, 255, 255, 0}};
             if (ink) std::swap(pal[0], pal[1]);
-            Random r(c.ow, c.oh, 1, 0, pal);
-            RefImage& src = r.ref;
+            Bitmap r(c.ow, c.oh, 1, 0, TOP_LEFT, pal);
+            RefImage src(c.ow, c.oh, 1);
             std::mt19937 rng(uint32_t(c.ow * 31 + c.nh));
             for (int32_t y = 0; y < c.oh; ++y)  // sparse black: about one pixel in four, and some runs
                 for (int32_t x = 0; x < c.ow; ++x)
@@ -183,9 +167,9 @@ TEST(ResizeFavourBlack, BlockCountsAgainstPixelWalk) {
                       }), "") << c.ow << "x" << c.oh << "->" << c.nw << "x" << c.nh;
         }
     const RGBQUAD pal[2] = {{0, 0, 255, 0}, {0, 255, 0, 0}};
-    Random r(40, 8, 1, 3, pal);
-    ASSERT_EQ(K_SizeBitmap(&r.bm, 10, 2, SIZE_FAVOURBLACK), KS_SUCCESS);
-    RefImage after = getImage(&r.bm);
+    Source r(Kind::SingleBlock, 40, 8, 1, 3);
+    ASSERT_EQ(K_SetBitmapPalette(r.bm(), pal, 2) | K_SizeBitmap(r.bm(), 10, 2, SIZE_FAVOURBLACK), KS_SUCCESS);
+    RefImage after = getImage(r.bm());
     EXPECT_EQ(nearestRule(r.ref, after), "");
 }
 
@@ -202,10 +186,9 @@ TEST(ResizeScaleToGray, BlackAndWhiteBecomesGreyBlockMeans) {
     }
 }
 
-
-TEST(ResizeFrame, SameSizeAndBadArguments) {
-    Random r(20, 10, 24, 5);
-    BITMAPRECORD &bm = r.bm, copy = bm, empty;
+TEST(ResizeFrame, SameSizeBadArgumentsTheRegionAndTheFields) {
+    Source r(Kind::SingleBlock, 20, 10, 24, 5);
+    BITMAPRECORD &bm = *r.bm(), copy = bm, empty;
     EXPECT_EQ(K_SizeBitmap(&bm, 20, 10, SIZE_RESAMPLE), KS_SUCCESS);
     EXPECT_TRUE(sameBytes(copy, bm));
     // Refused before any allocation: with every allocation failing the answer is still -11.
@@ -227,19 +210,16 @@ TEST(ResizeFrame, SameSizeAndBadArguments) {
                                     K_ResizeBitmap(&bm, &bm, 0), K_IntResizeBitmap(&bm, nullptr, 0),
                                     K_SizeBitmap(nullptr, 3, 3, 0)}),
               std::vector<int32_t>({P, KS_INVALID_STRUCT_SIZE, P, P, P, KS_INVALID_BITMAP, P}));
+    // The region is scaled, the describing fields stay.
+    RECT rgn = {5, 2, 15, 6}, got{}, want = {10, 1, 30, 3};
+    ASSERT_EQ(K_SetBitmapRgnRect(&bm, nullptr, &rgn, 1), KS_SUCCESS);
+    bm.nXResolution = 300, bm.nLowBit = 1, bm.nHighBit = 6;
+    ASSERT_EQ(K_SizeBitmap(&bm, 40, 5, 0), KS_SUCCESS);
+    EXPECT_EQ(bm.nXResolution * 100 + bm.nLowBit * 10 + bm.nHighBit, 30016);
+    ASSERT_EQ(K_GetBitmapRgnBounds(&bm, nullptr, &got), KS_SUCCESS);
+    EXPECT_TRUE(EqualRect(&got, &want)) << got.left << "," << got.top << "," << got.right << "," << got.bottom;
 }
 
-TEST(ResizeFrame, RegionIsScaledAndTheFieldsStay) {
-    Random src(40, 20, 8, 1);
-    BITMAPRECORD& bm = src.bm;
-    RECT r = {10, 4, 30, 12}, b{}, want = {20, 2, 60, 6};
-    ASSERT_EQ(K_SetBitmapRgnRect(&bm, nullptr, &r, 1), KS_SUCCESS);
-    bm.nXResolution = 300, bm.nLowBit = 1, bm.nHighBit = 6;
-    ASSERT_EQ(K_SizeBitmap(&bm, 80, 10, 0), KS_SUCCESS);
-    EXPECT_EQ(bm.nXResolution * 100 + bm.nLowBit * 10 + bm.nHighBit, 30016);  // the describing fields stay
-    ASSERT_EQ(K_GetBitmapRgnBounds(&bm, nullptr, &b), KS_SUCCESS);
-    EXPECT_TRUE(EqualRect(&b, &want)) << b.left << "," << b.top << "," << b.right << "," << b.bottom;
-}
 
 TEST(ResizeStorage, TiledBitmapOverTheCapResizesRowByRow) {
     storagetest::CapGuard guard;

@@ -1,19 +1,10 @@
 // The interpolating resamplers against a plain double-precision filter (a direct weighted sum with clamped edges), plus
 // invariants and path agreement.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstring>
-#include <functional>
-#include <random>
-#include <vector>
 
 #include "krn/common/resize.h"
 #include "transform_kit.h"
 
 namespace {
-
-constexpr double kPi = 3.14159265358979323846;
 
 struct Img {
     int32_t w, h, c;
@@ -58,9 +49,7 @@ Img getImage(BITMAPRECORD* bm, const Fmt& f) {
 }
 // A single-block bitmap holding `im`.
 struct Made : tkit::Bitmap {
-    Made(const Fmt& f, const Img& im) : Bitmap(im.w, im.h, f.bpp, f.bpp == 8 ? ORDER_GRAY : f.order) {
-        putImage(&bm, im, f);
-    }
+    Made(const Fmt& f, const Img& im) : Bitmap(im.w, im.h, f.bpp, f.order) { putImage(&bm, im, f); }
 };
 
 Img randomImage(int32_t w, int32_t h, const Fmt& f, uint32_t seed) {
@@ -88,7 +77,7 @@ double weight(Method m, int32_t oldN, int32_t newN, int32_t i, int32_t j) {
     const double t = std::fabs((j + 0.5 - (i + 0.5) * s) / (m == Method::Resample ? 1.0 : std::max(1.0, s)));
     if (m == Method::Resample) return t < 1 ? 1 - t : 0;
     if (m == Method::Cubic) return t < 1 ? (1.5 * t - 2.5) * t * t + 1 : t < 2 ? ((-0.5 * t + 2.5) * t - 4) * t + 2 : 0;
-    return t >= 3 ? 0 : t == 0 ? 1 : 3 * std::sin(kPi * t) * std::sin(kPi * t / 3) / (kPi * kPi * t * t);
+    return t >= 3 ? 0 : t == 0 ? 1 : 3 * std::sin(M_PI * t) * std::sin(M_PI * t / 3) / (M_PI * M_PI * t * t);
 }
 
 Img reference(const Img& src, int32_t nw, int32_t nh, Method m, double maxv) {
@@ -192,8 +181,7 @@ TEST(Resample, PaletteImagesGoThroughTheirColours) {
         for (int i = 0; i < 128; ++i) pal[i] = RGBQUAD{uint8_t(i * 16), uint8_t(255 - i * 8), uint8_t(i * i), 0};
         tkit::Bitmap b(19, 11, bpp, 0, TOP_LEFT, pal), grey(30, 7, 8, ORDER_GRAY);
         Img colours = blank(19, 11, 3), greys = blank(19, 11, 1);
-        tkit::RefImage idx(19, 11, bpp);
-        idx.randomize(uint32_t(bpp));
+        tkit::RefImage idx = tkit::randomImage(19, 11, bpp, uint32_t(bpp));
         for (int32_t y = 0; y < 11; ++y)
             for (int32_t x = 0; x < 19; ++x) {
                 const RGBQUAD& e = pal[tkit::pixelAt(idx.row(y), x, bpp)];
@@ -216,26 +204,22 @@ TEST(Resample, SixteenBitColourWideFlippedRowsAndWideFilters) {
     for (int32_t order : {ORDER_BGR, ORDER_RGB565}) {
         const int gBits = order == ORDER_RGB565 ? 6 : 5;
         auto expand = [](uint32_t v, int bits) { return double(bits == 5 ? v << 3 | v >> 2 : v << 2 | v >> 4); };
-        auto decode = [&](tkit::RefImage& raw, Img& im) {
-            for (int32_t y = 0; y < raw.height; ++y)
-                for (int32_t x = 0; x < raw.width; ++x) {
-                    const uint32_t v = tkit::le16(raw.row(y), x);
-                    im.at(x, y, 0) = expand(v & 31, 5);
-                    im.at(x, y, 1) = expand((v >> 5) & ((1u << gBits) - 1), gBits);
-                    im.at(x, y, 2) = expand((v >> (5 + gBits)) & 31, 5);
-                }
+        auto decode = [&](tkit::RefImage raw) {  // B, G, R widened to 8 bits
+            Img im = blank(raw.width, raw.height, 3);
+            for (int32_t i = 0; i < raw.width * raw.height; ++i) {
+                const uint32_t v = tkit::le16(raw.row(i / raw.width), i % raw.width);
+                im.v[size_t(i) * 3] = expand(v & 31, 5), im.v[size_t(i) * 3 + 2] = expand((v >> (5 + gBits)) & 31, 5);
+                im.v[size_t(i) * 3 + 1] = expand((v >> 5) & ((1u << gBits) - 1), gBits);
+            }
+            return im;
         };
-        tkit::RefImage raw(23, 17, 16);
-        raw.randomize(uint32_t(order));
-        Img src = blank(23, 17, 3), got = blank(31, 11, 3);
-        decode(raw, src);
+        tkit::RefImage raw = tkit::randomImage(23, 17, 16, uint32_t(order));
         tkit::Bitmap b(23, 17, 16, order);
         ASSERT_EQ(tkit::putImage(&b.bm, raw), KS_SUCCESS);
         ASSERT_EQ(K_BicubicResampleBitmap(&b.bm, 31, 11, 0), KS_SUCCESS);
         ASSERT_EQ(b.bm.nBitsPerPixel, 16);
-        tkit::RefImage out = tkit::getImage(&b.bm);
-        decode(out, got);
-        EXPECT_LE(maxDiff(got, reference(src, 31, 11, Method::Cubic, 255)), 9.0) << order;
+        EXPECT_LE(maxDiff(decode(tkit::getImage(&b.bm)), reference(decode(raw), 31, 11, Method::Cubic, 255)), 9.0)
+            << order;
     }
     const Img wide = randomImage(700, 5, kColour, 8);
     Made a(kColour, wide);
@@ -286,9 +270,8 @@ TEST(Resample, IntoAPaletteDestination) {
         const uint8_t* row = idx.row(y);
         for (int32_t x = 0; x < 10; ++x) {
             auto dist = [&](const RGBQUAD& e) {
-                const double dr = e.rgbRed - ref.at(x, y, 2), dg = e.rgbGreen - ref.at(x, y, 1),
-                             db = e.rgbBlue - ref.at(x, y, 0);
-                return dr * dr + dg * dg + db * db;
+                const double dr = e.rgbRed - ref.at(x, y, 2), dg = e.rgbGreen - ref.at(x, y, 1);
+                return dr * dr + dg * dg + (e.rgbBlue - ref.at(x, y, 0)) * (e.rgbBlue - ref.at(x, y, 0));
             };
             double best = 1e18;
             for (int32_t i = 0; i < 256; ++i) best = std::min(best, dist(p.pPalette[i]));

@@ -1,19 +1,10 @@
 // Rotation by any angle and shear against a double-precision inverse mapping, right angles against orient_ref.h (SIMD
 // against plain kernels: test_transform_fast.cpp).
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <functional>
-#include <tuple>
-#include <vector>
 
 #include "krn/common/rotate_any.h"
 #include "orient_ref.h"
 #include "transform_kit.h"
 
-using namespace storagetest;
 using namespace tkit;
 using namespace orienttest;
 
@@ -31,8 +22,7 @@ uint8_t* chanAt(RefImage& img, int x, int y, int ch) {
     return img.row(y) + size_t(x) * size_t(img.bpp / 8) + size_t(ch) * size_t(chanBits(img.bpp) / 8);
 }
 double chan(RefImage& img, int x, int y, int ch) {
-    const uint8_t* p = chanAt(img, x, y, ch);
-    return chanBits(img.bpp) == 16 ? double(p[0] | (p[1] << 8)) : double(p[0]);
+    return chanBits(img.bpp) == 16 ? double(le16(chanAt(img, x, y, ch), 0)) : double(*chanAt(img, x, y, ch));
 }
 void setChan(RefImage& img, int x, int y, int ch, uint32_t v) {
     uint8_t* p = chanAt(img, x, y, ch);
@@ -96,8 +86,7 @@ bool oracle(RefImage& src, const MapFn& map, int i, int j, uint32_t interp, int 
 
 // Compares a result with the oracle: every channel within `tol` levels (of 8 bits; 16-bit channels are scaled),
 // uncovered pixels equal to the fill.
-void expectOracle(RefImage& src, RefImage& got, const MapFn& map, uint32_t interp, const uint8_t* fillPx,
-                  double tol) {
+void expectOracle(RefImage& src, RefImage& got, const MapFn& map, uint32_t interp, RefImage& fill, double tol) {
     const double scale = chanBits(src.bpp) == 16 ? 257.0 : 1.0;
     int bad = 0;
     for (int j = 0; j < got.height && bad < 5; ++j)
@@ -105,11 +94,7 @@ void expectOracle(RefImage& src, RefImage& got, const MapFn& map, uint32_t inter
             for (int ch = 0; ch < channels(src.bpp); ++ch) {
                 double want;
                 const double have = chan(got, i, j, ch);
-                if (!oracle(src, map, i, j, interp, ch, &want)) {
-                    RefImage f(1, 1, src.bpp);
-                    std::memcpy(f.row(0), fillPx, size_t(src.bpp / 8));
-                    want = chan(f, 0, 0, ch);
-                }
+                if (!oracle(src, map, i, j, interp, ch, &want)) want = chan(fill, 0, 0, ch);
                 if (std::fabs(have - want) > tol * scale && ++bad)
                     ADD_FAILURE() << "pixel " << i << "," << j << " ch " << ch << ": " << have << " want " << want;
             }
@@ -137,11 +122,11 @@ TEST_P(RotateOracle, MatchesPlainInverseMapping) {
     ASSERT_EQ(p.shear ? K_ShearBitmap(&b.bm, p.angle, shear, 0)
                       : K_RotateBitmap(&b.bm, p.angle, flags | ROTATE_NO_SHORTCUTS, fill), KS_SUCCESS);
     EXPECT_EQ(b.bm.nViewPerspective, 1);
-    RefImage got = getImage(&b.bm);
-    uint8_t fillPx[8] = {0};  // grey: the weighted sum; colour B, G, R (16-bit samples: both bytes), opaque
+    // The fill: grey the weighted sum; colour B, G, R (16-bit samples: both bytes), opaque.
+    RefImage got = getImage(&b.bm), fillPx(1, 1, p.bpp);
     const uint8_t grey = (2 * 0x99 + 5 * 0x66 + 0x33 + 4) >> 3, bgr[] = {0x33, 0x66, 0x99};
     for (int k = 0, cb = chanBits(p.bpp) / 8; !p.shear && k < p.bpp / 8; ++k)
-        fillPx[k] = channels(p.bpp) == 1 ? grey : k / cb == 3 ? 0xFF : bgr[k / cb];
+        fillPx.row(0)[k] = channels(p.bpp) == 1 ? grey : k / cb == 3 ? 0xFF : bgr[k / cb];
     const int32_t a = (p.angle + 36000) % 36000;
     const double t = p.shear ? double(K_SinValue(a)) / K_CosValue(a) : 0, sc = (W - 1) / 2.0, sr = (H - 1) / 2.0;
     const double dc = (got.width - 1) / 2.0, dr = (got.height - 1) / 2.0;
@@ -179,8 +164,8 @@ TEST(RotateAny, RightAnglesEqualIndexArithmetic) {
                 SCOPED_TRACE(::testing::Message() << bpp << " bits, angle " << angle << " flags " << flags);
                 Bm b(19, 7, bpp);
                 const Grid g = randomGrid(19, 7, bpp, uint32_t(bpp + angle));
-                ASSERT_TRUE(store(&b.bm, g));
                 b.bm.nXResolution = 300, b.bm.nYResolution = 100;
+                ASSERT_TRUE(store(&b.bm, g));
                 const uint32_t interp = bpp == 24 || bpp == 32 ? ROTATE_BILINEAR : ROTATE_NEAREST;
                 ASSERT_EQ(K_RotateBitmap(&b.bm, angle, flags | interp, 0), KS_SUCCESS);
                 Grid want = g;
@@ -211,8 +196,7 @@ TEST(RotateAny, RightAnglesEqualIndexArithmetic) {
 TEST(RotateAny, NearestAtSubByteDepthsEqualsByteDepth) {
     for (int bpp : {1, 2, 4, 12}) {
         const int W = 23, H = 17, wide = bpp == 12 ? 16 : 8;
-        RefImage s(W, H, bpp), w(W, H, wide);
-        s.randomize(uint32_t(bpp));
+        RefImage s = randomImage(W, H, bpp, uint32_t(bpp)), w(W, H, wide);
         for (int y = 0; y < H; ++y)
             for (int x = 0; x < W; ++x) setChan(w, x, y, 0, uint32_t(getPixel(s.row(y), x, bpp)));
         Bm small(s), big(w, bpp == 12 ? ORDER_GRAY : 0);
@@ -229,9 +213,8 @@ TEST(RotateAny, EnlargedSizeIsTheRotatedBoundingBox) {
     for (auto& sz : sizes)
         for (int32_t angle : {0, 1, 3000, 4500, 8999, 9000, 12345, -17000, 27001}) {
             BITMAPRECORD r;
-            ASSERT_EQ(K_InitBitmap(&r, BITMAPRECORD_SIZE, sz[0], sz[1], 8), KS_SUCCESS);
-            r.nViewPerspective = 1;
             int32_t w = 0, h = 0;
+            ASSERT_EQ(K_InitBitmap(&r, BITMAPRECORD_SIZE, sz[0], sz[1], 8), KS_SUCCESS);
             ASSERT_EQ(K_GetRotatedBitmapSize(&r, angle, &w, &h), KS_SUCCESS);
             const double t = angle * M_PI / 18000.0;
             const double ew = std::fabs(std::cos(t)) * sz[0] + std::fabs(std::sin(t)) * sz[1];
@@ -259,8 +242,7 @@ TEST(RotateAny, RegionTurnsWithThePixels) {
         StatusScope scope(&StopAfter::cb, &log);
         ASSERT_EQ(K_RotateBitmap(&b.bm, angle, ROTATE_RESIZE | ROTATE_NO_SHORTCUTS | ROTATE_BILINEAR, 0), KS_SUCCESS);
         STATUSCALLBACK now = nullptr;
-        K_GetStatusCallBack(&now, nullptr);
-        EXPECT_TRUE(now == &StopAfter::cb && log.calls() > 0);
+        EXPECT_TRUE(K_GetStatusCallBack(&now, nullptr) == KS_SUCCESS && now == &StopAfter::cb && log.calls() > 0);
         const MapFn inv = inverse(angle, W, H, b.bm.nWidth, b.bm.nHeight);
         Grid want(b.bm.nWidth, b.bm.nHeight);
         for (int i = 0; i < want.w * want.h; ++i) {
@@ -282,6 +264,7 @@ TEST(RotateAny, BadInputGetsAClearCode) {
     const int32_t P = KS_INVALID_PARAMETER, D = KS_INVALID_BITS_PER_PIXEL;
     const auto R = K_RotateBitmap, S = K_ShearBitmap;
     const uint32_t L = ROTATE_BILINEAR, C = ROTATE_BICUBIC;
+    int32_t w, h;
     const std::pair<int32_t, int32_t> cases[] = {  // (answer, wanted)
         {R(nullptr, 0, 0, 0), P}, {R(&unalloc, 100, 0, 0), P}, {R(&badSize, 100, 0, 0), KS_INVALID_STRUCT_SIZE},
         {R(&badPersp, 100, 0, 0), P}, {R(&badWidth, 100, 0, 0), P}, {S(&badWidth, 100, 0, 0), P},
@@ -290,17 +273,14 @@ TEST(RotateAny, BadInputGetsAClearCode) {
         {R(&b4.bm, 100, 0, ROTATE_FILL_INDEX(16)), P}, {R(&b1.bm, 100, L, 0), D}, {R(&b4.bm, 100, C, 0), D},
         {R(&pal.bm, 100, L, 0), D}, {R(&rgb565.bm, 100, L, 0), D}, {S(nullptr, 100, 0, 0), P},
         {S(&b8.bm, SHEAR_MAX_ANGLE + 1, 0, 0), P}, {S(&b8.bm, 100, ROTATE_NO_SHORTCUTS, 0), P},
-        {S(&b1.bm, 100, C, 0), D},
+        {S(&b1.bm, 100, C, 0), D}, {K_GetRotatedBitmapSize(&b8.bm, 100, nullptr, &h), P},
+        {K_GetRotatedBitmapSize(&badSize, 100, &w, &h), KS_INVALID_STRUCT_SIZE},
     };
     for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
     // A locked bitmap keeps its storage.
     ASSERT_EQ(K_AccessBitmap(&b8.bm), KS_SUCCESS);
     EXPECT_EQ(K_RotateBitmap(&b8.bm, 100, 0, 0), KS_INVALID_PARAMETER);
-    K_ReleaseBitmap(&b8.bm);
-    K_FreeBitmap(&unalloc);
-    int32_t w, h;
-    EXPECT_EQ(K_GetRotatedBitmapSize(&b8.bm, 100, nullptr, &h), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_GetRotatedBitmapSize(&badSize, 100, &w, &h), KS_INVALID_STRUCT_SIZE);
+    K_ReleaseBitmap(&b8.bm), K_FreeBitmap(&unalloc);
 }
 
 }  // namespace

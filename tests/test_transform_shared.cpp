@@ -1,14 +1,11 @@
 // What every transform shares: an allocation failure or a stop changes nothing (record, region, pixels, no leak); every
 // kind gives the single block's result.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <functional>
 
 #include "orient_ref.h"
 #include "transform_kit.h"
 
 using namespace tkit;
+using orienttest::Sample;
 
 namespace {
 
@@ -73,24 +70,6 @@ const std::vector<Op>& ops() {
     return all;
 }
 
-// The source of every call: random pixels, order BGR beyond 8 bits, an ellipse region.
-struct Subject {
-    Source src;
-    BITMAPRECORD before;
-    orienttest::Grid mask;
-    Subject(Kind k, int w, int h, int bpp) : src(k, w, h, bpp, uint32_t(w + bpp)) {
-        if (bpp > 8) src.bm()->nOrder = ORDER_BGR;
-        const RECT e{1, 0, w - 1, h};
-        EXPECT_EQ(K_SetBitmapRgnEllipse(src.bm(), nullptr, &e, RGN_SET_REPLACE), KS_SUCCESS);
-        before = *src.bm();
-        mask = orienttest::regionGrid(src.bm());
-    }
-    void expectUnchanged(long n) {
-        EXPECT_TRUE(sameBytes(before, *src.bm()) && orienttest::regionGrid(src.bm()) == mask) << n;
-        EXPECT_EQ(src.unchanged(), "") << n;
-    }
-};
-
 }  // namespace
 
 TEST(TransformFailures, EveryAllocationFailureChangesNothing) {
@@ -100,15 +79,14 @@ TEST(TransformFailures, EveryAllocationFailureChangesNothing) {
             if (!op.times) continue;
             SCOPED_TRACE(std::string(op.name) + " " + kindName(k) + " bpp " + std::to_string(op.bpp));
             const int failures = allocationWalk([&](Armed& armed) {
-                Subject s(k, 40, 19, op.bpp);
-                ASSERT_EQ(s.src.kb.rc, KS_SUCCESS);
+                Sample s(k, 40, 19, op.bpp, 59, true, true);  // the source of every call
+                ASSERT_EQ(s.kb.rc, KS_SUCCESS);
                 Sentinel d;
-                if (armed([&] { return op.call(s.src.bm(), &d.bm); }) == KS_SUCCESS) {
+                if (armed([&] { return op.call(s.bm(), &d.bm); }) == KS_SUCCESS) {
                     if (op.newRecord) K_FreeBitmap(&d.bm);
                     return;
                 }
-                EXPECT_TRUE(d.intact()) << armed.n;
-                s.expectUnchanged(armed.n);
+                EXPECT_TRUE(d.intact() && s.unchanged()) << armed.n;
             }, op.times, op.untilSuccess);
             EXPECT_GT(failures, 0);
         }
@@ -123,15 +101,15 @@ TEST(TransformFailures, StatusCallbackStopChangesNothing) {
             for (int stop : {0, 1}) {
                 if (!op.reports) continue;
                 SCOPED_TRACE(std::string(op.name) + " " + kindName(k) + " stop " + std::to_string(stop));
-                Subject s(k, 40, 300, op.bpp);
-                ASSERT_EQ(s.src.kb.rc, KS_SUCCESS);
+                Sample s(k, 40, 300, op.bpp, 340, true, true);
+                ASSERT_EQ(s.kb.rc, KS_SUCCESS);
                 StopAfter cb(stop, 0);
                 Sentinel d;
                 const long live = krn::faultinject::liveBlocks();
                 StatusScope scope(&StopAfter::cb, &cb, op.copyStatus);
-                EXPECT_EQ(op.call(s.src.bm(), &d.bm), 0);
+                EXPECT_EQ(op.call(s.bm(), &d.bm), 0);
                 EXPECT_TRUE(cb.calls() == stop + 1 && d.intact() && krn::faultinject::liveBlocks() == live);
-                s.expectUnchanged(0);
+                EXPECT_TRUE(s.unchanged());
             }
 }
 
@@ -164,9 +142,8 @@ TEST(TransformKinds, EveryStorageKindGivesTheSingleBlockResult) {
             std::vector<uint8_t> want;
             for (Kind k : kindsFor(bpp)) {
                 SCOPED_TRACE(std::string(c.name) + " bpp " + std::to_string(bpp) + " " + kindName(k));
-                Source src(k, 45, 13, bpp, uint32_t(bpp * 100 + 7));
+                Source src(k, 45, 13, bpp, uint32_t(bpp * 100 + 7), bpp > 8 ? ORDER_BGR : -1);
                 ASSERT_EQ(src.kb.rc, KS_SUCCESS);
-                if (bpp > 8) src.bm()->nOrder = ORDER_BGR;
                 if (bpp == 8) { ASSERT_EQ(K_CreateBitmapGrayPalette(src.bm()), KS_SUCCESS); }
                 const uint32_t kind = kindOf(src.bm());
                 BITMAPRECORD out{};

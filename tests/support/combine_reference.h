@@ -2,6 +2,7 @@
 // evaluated on single bits.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 

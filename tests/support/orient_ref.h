@@ -2,13 +2,7 @@
 // stored pixels as a grid.
 #pragma once
 
-#include <cstdint>
-#include <random>
-#include <utility>
-#include <vector>
-
-#include "ombrix.h"
-#include "storage_kinds.h"
+#include "transform_kit.h"
 
 namespace orienttest {
 
@@ -33,11 +27,10 @@ inline Grid randomGrid(int w, int h, int bpp, uint32_t seed) {
 template <class F>
 Grid remap(const Grid& s, int w, int h, F&& from) {
     Grid d(w, h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const auto [sx, sy] = from(x, y);
-            d.at(x, y) = s.at(sx, sy);
-        }
+    for (int i = 0; i < w * h; ++i) {
+        const auto [sx, sy] = from(i % w, i / w);
+        d.v[size_t(i)] = s.at(sx, sy);
+    }
     return d;
 }
 
@@ -74,46 +67,55 @@ inline Grid mirrored(const Grid& s) { return remap(s, s.w, s.h, [&](int x, int y
 inline Grid halfTurned(const Grid& g) { return flipped(mirrored(g)); }
 inline Grid turnedCcw(const Grid& g) { return turnedCw(halfTurned(g)); }
 
-// Packed rows (4-byte padded) of a grid, and back.
-inline std::vector<uint8_t> pack(const Grid& g, int bpp) {
+// A grid as packed rows (4-byte padded), and back.
+inline storagetest::RefImage image(const Grid& g, int bpp) {
     storagetest::RefImage img(g.w, g.h, bpp);
-    for (int y = 0; y < g.h; ++y)
-        for (int x = 0; x < g.w; ++x) storagetest::setPixel(img.row(y), x, bpp, g.at(x, y));
-    return img.px;
+    for (int i = 0; i < g.w * g.h; ++i) storagetest::setPixel(img.row(i / g.w), i % g.w, bpp, g.v[size_t(i)]);
+    return img;
 }
-inline Grid unpack(const uint8_t* px, int w, int h, int bpp) {
-    const size_t bpl = size_t(((uint64_t(w) * uint64_t(bpp) + 31) >> 3) & ~uint64_t(3));
-    Grid g(w, h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) g.at(x, y) = storagetest::getPixel(px + size_t(y) * bpl, x, bpp);
+inline std::vector<uint8_t> pack(const Grid& g, int bpp) { return image(g, bpp).px; }
+inline Grid gridOf(storagetest::RefImage img) {
+    Grid g(img.width, img.height);
+    for (int i = 0; i < g.w * g.h; ++i) g.v[size_t(i)] = storagetest::getPixel(img.row(i / g.w), i % g.w, img.bpp);
     return g;
 }
 
 // The stored pixels of a bitmap through the row API, and a whole grid into one.
-inline Grid stored(BITMAPRECORD* bm) {
-    std::vector<uint8_t> out(size_t(bm->nBytesPerLine) * size_t(bm->nHeight));
-    K_AccessBitmap(bm);
-    for (int y = 0; y < bm->nHeight; ++y)
-        K_GetBitmapRow(bm, out.data() + size_t(y) * bm->nBytesPerLine, y, bm->nBytesPerLine);
-    K_ReleaseBitmap(bm);
-    return unpack(out.data(), bm->nWidth, bm->nHeight, bm->nBitsPerPixel);
-}
+inline Grid stored(BITMAPRECORD* bm) { return gridOf(tkit::getImage(bm)); }
 inline bool store(BITMAPRECORD* bm, const Grid& g) {
-    auto b = pack(g, bm->nBitsPerPixel);
-    if (K_AccessBitmap(bm) != KS_SUCCESS) return false;
-    bool ok = true;
-    for (int y = 0; y < g.h; ++y)
-        ok = ok && K_PutBitmapRow(bm, b.data() + size_t(y) * bm->nBytesPerLine, y, bm->nBytesPerLine) > 0;
-    K_ReleaseBitmap(bm);
-    return ok;
+    storagetest::RefImage img = image(g, bm->nBitsPerPixel);
+    return tkit::putImage(bm, img) == KS_SUCCESS;
 }
 
 // The bitmap's region as a mask over its stored pixels (1 = in the region).
 inline Grid regionGrid(BITMAPRECORD* bm) {
     Grid g(bm->nWidth, bm->nHeight);
-    for (int y = 0; y < g.h; ++y)
-        for (int x = 0; x < g.w; ++x) g.at(x, y) = K_IsPtInBitmapRgn(bm, y, x) ? 1 : 0;
+    for (int i = 0; i < g.w * g.h; ++i) g.v[size_t(i)] = K_IsPtInBitmapRgn(bm, i / g.w, i % g.w) ? 1 : 0;
     return g;
 }
+
+inline Grid same(const Grid& g) { return g; }
+// A bitmap of a kind with random stored pixels (order BGR beyond 8 bits, when asked) and an elliptic region that no
+// flip or turn maps onto itself (when asked); the record as it was made.
+struct Sample {
+    tkit::KindBitmap kb;
+    Grid pixels, mask;
+    BITMAPRECORD before{};
+    Sample(tkit::Kind k, int w, int h, int bpp, uint32_t seed, bool withRegion = true, bool bgr = false)
+        : kb(k, w, h, bpp) {
+        if (kb.rc != KS_SUCCESS) return;
+        if (bgr && bpp > 8) kb.bm.nOrder = ORDER_BGR;
+        pixels = randomGrid(w, h, bpp, seed);
+        EXPECT_TRUE(store(&kb.bm, pixels));
+        const RECT e{1, 0, w - 2, h - 1};
+        if (withRegion) { EXPECT_EQ(K_SetBitmapRgnEllipse(&kb.bm, nullptr, &e, 1), KS_SUCCESS); }
+        mask = regionGrid(&kb.bm), before = kb.bm;
+    }
+    BITMAPRECORD* bm() { return &kb.bm; }
+    // The stored pixels and the region are `f` applied to the originals.
+    template <class F>
+    bool holds(F&& f) { return stored(bm()) == f(pixels) && regionGrid(bm()) == f(mask); }
+    bool unchanged() { return tkit::sameBytes(before, kb.bm) && holds(same); }  // record, pixels and region
+};
 
 }  // namespace orienttest

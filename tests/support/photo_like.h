@@ -24,12 +24,11 @@ inline std::vector<uint8_t> photoLike(int width, int height, uint32_t seed) {
                          255 * u(rng)});
     std::normal_distribution<double> noise(0.0, 3.0);
     const double sx = u(rng) * 6.28, sy = u(rng) * 6.28;
-    for (int y = 0; y < height; ++y) {
+    for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) {
             const double fx = double(x) / width, fy = double(y) / height;
             // Sky-like vertical gradient over a warm ground below a wavy horizon.
-            const double horizon = 0.55 + 0.05 * std::sin(fx * 9 + sx);
-            const bool sky = fy < horizon;
+            const bool sky = fy < 0.55 + 0.05 * std::sin(fx * 9 + sx);
             double r = sky ? 70 + 90 * fy : 120 + 60 * std::sin(fx * 5 + sy), g = sky ? 120 + 80 * fy : 90 + 40 * fy;
             double b = sky ? 230 - 40 * fy : 40 + 20 * std::cos(fy * 7);
             for (const Blob& bl : blobs) {
@@ -41,7 +40,6 @@ inline std::vector<uint8_t> photoLike(int width, int height, uint32_t seed) {
             auto c = [](double v) { return uint8_t(v < 0 ? 0 : v > 255 ? 255 : std::lround(v)); };
             p[0] = c(b), p[1] = c(g), p[2] = c(r);
         }
-    }
     return px;
 }
 

@@ -1,13 +1,19 @@
 // transform_kit.h - shared builders and checks of the transform tests: bitmaps of a kind from a reference image,
-// callback guards, the allocation-failure walk.
+// callback guards, the allocation-failure walk. Brings gtest and the standard headers those tests use.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <numeric>
+#include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "krn/common/memory.h"
@@ -16,13 +22,7 @@
 
 namespace tkit {
 
-using storagetest::getPixel;
-using storagetest::Kind;
-using storagetest::KindBitmap;
-using storagetest::kindName;
-using storagetest::kindsFor;
-using storagetest::RefImage;
-using storagetest::setPixel;
+using namespace storagetest;  // kinds, reference images, pixels by index arithmetic
 
 inline uint64_t pixelAt(const uint8_t* row, int32_t x, int32_t bpp) { return getPixel(row, x, bpp); }
 // Sample x of a row of little-endian 16-bit samples.
@@ -46,8 +46,7 @@ inline RefImage getImage(BITMAPRECORD* bm) {
 }
 inline RefImage randomImage(int32_t w, int32_t h, int32_t bpp, uint32_t seed) {
     RefImage img(w, h, bpp);
-    img.randomize(seed);
-    return img;
+    return img.randomize(seed), img;
 }
 
 // The first pixel where `got` differs from `want(x, y)`, or "" when none.
@@ -65,8 +64,7 @@ inline std::vector<int> allDepths() { return {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24
 
 inline uint32_t kindOf(const BITMAPRECORD* bm) {
     uint32_t t = 0;
-    K_GetBitmapMemoryInfo(bm, &t, nullptr, nullptr, nullptr);
-    return t;
+    return K_GetBitmapMemoryInfo(bm, &t, nullptr, nullptr, nullptr), t;
 }
 
 // A single-block bitmap, freed at the end of its scope.
@@ -80,16 +78,16 @@ struct Bitmap {
     }
     ~Bitmap() { K_FreeBitmap(&bm); }
     Bitmap(const Bitmap&) = delete;
-    Bitmap& operator=(const Bitmap&) = delete;
 };
 
-// A bitmap of one kind holding random pixels, and its reference.
+// A bitmap of one kind holding random pixels (of the order given, >= 0), and its reference.
 struct Source {
     KindBitmap kb;
     RefImage ref;
-    Source(Kind k, int32_t w, int32_t h, int32_t bpp, uint32_t seed)
+    Source(Kind k, int32_t w, int32_t h, int32_t bpp, uint32_t seed, int32_t order = -1)
         : kb(k, w, h, bpp), ref(randomImage(w, h, bpp, seed)) {
         kb.rc = kb.rc == KS_SUCCESS ? putImage(&kb.bm, ref) : kb.rc;
+        if (order >= 0) kb.bm.nOrder = order;
     }
     BITMAPRECORD* bm() { return &kb.bm; }
     // "" when the stored pixels are still those of the reference.
@@ -131,7 +129,7 @@ struct StopAfter {
     static int32_t cb(int32_t pct, void* user) {
         auto* self = static_cast<StopAfter*>(user);
         self->seen.push_back(pct);
-        return self->limit >= 0 && int(self->seen.size()) > self->limit ? self->answer : 1;
+        return self->limit >= 0 && self->calls() > self->limit ? self->answer : 1;
     }
     int calls() const { return int(seen.size()); }
 };
