@@ -263,10 +263,8 @@ TEST(RegionsEngine, EllipseFollowsItsEquation) {
 }
 
 TEST(RegionsEngine, ExtCreateRegionSortsJoinsAndValidates) {
-    struct {
-        RGNDATAHEADER h;
-        RECT r[4];
-    } blk{{32, RDH_RECTANGLES, 4, 64, {}}, {{50, 40, 60, 50}, {0, 0, 10, 10}, {5, 5, 20, 12}, {3, 3, 2, 9}}};
+    struct { RGNDATAHEADER h; RECT r[4]; } blk{{32, RDH_RECTANGLES, 4, 64, {}},
+                                               {{50, 40, 60, 50}, {0, 0, 10, 10}, {5, 5, 20, 12}, {3, 3, 2, 9}}};
     auto make = [&](const XFORM* xf, uint32_t n) { return ExtCreateRegion(xf, n, reinterpret_cast<RGNDATA*>(&blk)); };
     auto rects = [](std::initializer_list<RECT> rs) {
         Mask m = kWin.blank();
@@ -297,29 +295,6 @@ TEST(RegionsEngine, ExtCreateRegionSortsJoinsAndValidates) {
     for (HRGN x : {h, t, d}) DeleteObject(x);
 }
 
-// Offsets move every pixel or are refused; the placement words survive SetRectRgn (which releases the old region),
-// copies and combines into the handle, also with the handle as a source.
-TEST(RegionsEngine, OffsetSetRectRgnAndPlacementWords) {
-    HRGN h = CreateEllipticRgn(0, 0, 30, 20), other = CreateRectRgn(20, 20, 25, 25);
-    const Mask before = maskOf(h);
-    EXPECT_EQ(OffsetRgn(h, 7, -5), 1);
-    const Mask after = maskOf(h);
-    for (int y = -30; y < 40; ++y)
-        for (int x = -30; x < 60; ++x) ASSERT_EQ(after.get(x + 7, y - 5), before.get(x, y));
-    EXPECT_TRUE(OffsetRgn(h, INT32_MAX, 0) == 0 && maskOf(h) == after);  // would leave the 32-bit range: refused
-    payload(h)->nPlacement[3] = 1234;
-    const long live = krn::faultinject::liveBlocks();
-    EXPECT_TRUE(SetRectRgn(h, 5, 5, 1, 1) && krn::faultinject::liveBlocks() == live);
-    EXPECT_EQ(payload(h)->nPlacement[3], 1234);
-    expectMatches(h, rgntest::rectMask(kWin, RECT{1, 1, 5, 5}), "SetRectRgn");
-    OrvaRgn *c = nullptr, *nul = reinterpret_cast<OrvaRgn*>(1);
-    ASSERT_EQ(K_CopyOrvaRgn(&c, payload(h)), KS_SUCCESS);
-    EXPECT_TRUE(c->nPlacement[3] == 1234 && K_DeleteOrvaRgn(c) == KS_SUCCESS);
-    EXPECT_TRUE(K_CopyOrvaRgn(&nul, nullptr) == KS_SUCCESS && nul == nullptr);
-    EXPECT_TRUE(CombineRgn(h, h, other, RGN_OR) == COMPLEXREGION && payload(h)->nPlacement[3] == 1234);
-    for (HRGN x : {other, h}) DeleteObject(x);
-}
-
 // A null destination receives a new region; an existing one is replaced in place (its blocks and placement words kept),
 // also when it is a source; the point test reports the run it hits, -1 / -1 outside. Empty rows inside a region have
 // their 8-byte index entry but are not exported.
@@ -345,6 +320,19 @@ TEST(RegionsEngine, KernelCombineKeepsIdentityAndReportsRuns) {
     EXPECT_EQ(CombineRgn(hd, ha, hb, RGN_OR), COMPLEXREGION);  // rows 2..5 empty: indexed, not exported
     EXPECT_TRUE(payload(hd)->uRowIndexSize == 8u * 8u && GetRegionData(hd, 0, nullptr) == 32u + 16u * 4u);
     for (HRGN o : {ha, hb, hd}) DeleteObject(o);
+    // SetRectRgn releases the old blocks, keeps the placement words (so do copies, offsets and combines into the
+    // handle, also as a source); an offset moves every pixel or, leaving the 32-bit range, is refused.
+    HRGN h = CreateEllipticRgn(0, 0, 30, 20), other = CreateRectRgn(20, 20, 25, 25);
+    payload(h)->nPlacement[3] = 1234;
+    const long live = krn::faultinject::liveBlocks();
+    EXPECT_TRUE(SetRectRgn(h, 5, 5, 1, 1) && krn::faultinject::liveBlocks() == live && OffsetRgn(h, 7, -5) == 1);
+    EXPECT_TRUE(OffsetRgn(h, INT32_MAX, 0) == 0 && payload(h)->nPlacement[3] == 1234);
+    expectMatches(h, rgntest::rectMask(kWin, RECT{8, -4, 12, 0}), "SetRectRgn and OffsetRgn");
+    OrvaRgn *c = nullptr, *nul = reinterpret_cast<OrvaRgn*>(1);
+    EXPECT_TRUE(K_CopyOrvaRgn(&c, payload(h)) == KS_SUCCESS && c->nPlacement[3] == 1234 && K_DeleteOrvaRgn(c) == 1);
+    EXPECT_TRUE(K_CopyOrvaRgn(&nul, nullptr) == KS_SUCCESS && nul == nullptr);
+    EXPECT_TRUE(CombineRgn(h, h, other, RGN_OR) == COMPLEXREGION && payload(h)->nPlacement[3] == 1234);
+    for (HRGN x : {other, h}) DeleteObject(x);
 }
 
 // A perspective change that fails part way (an allocation in any of its steps) leaves the region exactly as it was; a
