@@ -3,12 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <random>
-#include <vector>
 
 #include "dis/common/playback.h"
-#include "krn/common/memory.h"
-#include "ombrix.h"
 #include "support/combine_reference.h"
 #include "support/transform_kit.h"
 

@@ -4,16 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cmath>
-#include <cstring>
 #include <functional>
-#include <random>
-#include <tuple>
-#include <vector>
 
-#include "ombrix.h"
 #include "dis/common/region.h"
-#include "krn/common/memory.h"
 #include "krn/windowsemul/objects.h"
 #include "regions_mask.h"
 #include "transform_kit.h"
@@ -384,10 +377,7 @@ TEST(RegionsEngine, BadHandlesGiveZeroAndErrno22) {
             CALL(DeleteObject(b)), CALL(GetObject(b, 2, &w)), CALL(GetObject(good, 2, &w)),  // a region: no palette
             CALL(K_WinDeleteObject(b)), CALL(K_ConvertHandleToRgn(b, &o) - KS_INVALID_PARAMETER)};
 #undef CALL
-        for (const auto& [what, call] : calls) {
-            errno = 0;
-            EXPECT_TRUE(call() == 0 && errno == 22) << what;
-        }
+        for (const auto& [what, call] : calls) EXPECT_TRUE((errno = 0, call() == 0) && errno == 22) << what;
     }
     EXPECT_EQ(CombineRgn(d, good, good, 6), 0);  // not a Win32 mode
     EXPECT_NE(K_GlobalLock(mem), nullptr);  // the global block is still alive, the regions untouched

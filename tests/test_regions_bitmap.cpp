@@ -3,17 +3,9 @@
 // masks and colour regions.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstring>
-#include <random>
-#include <vector>
-
-#include "ombrix.h"
 #include "check_list.h"
 #include "combine_reference.h"
-#include "krn/common/memory.h"
 #include "regions_mask.h"
-#include "storage_kinds.h"
 #include "transform_kit.h"
 
 using rgntest::Mask;
