@@ -57,10 +57,11 @@ struct Mask {
     }
 };
 
-inline Mask rectMask(const Mask& win, RECT r) {
+inline Mask rectMask(const Mask& win, const std::vector<RECT>& rs) {  // the union of the rectangles
     Mask m = win.blank();
-    for (int y = std::min(r.top, r.bottom); y < std::max(r.top, r.bottom); ++y)
-        for (int x = std::min(r.left, r.right); x < std::max(r.left, r.right); ++x) m.set(x, y, true);
+    for (RECT r : rs)
+        for (int y = std::min(r.top, r.bottom); y < std::max(r.top, r.bottom); ++y)
+            for (int x = std::min(r.left, r.right); x < std::max(r.left, r.right); ++x) m.set(x, y, true);
     return m;
 }
 
