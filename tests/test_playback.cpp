@@ -69,10 +69,10 @@ struct Frame {
     int32_t left, top, w, h;
     uint32_t delay, disposal;
     bool input, keyed, alpha;
-    uint64_t key;               // the transparent raw value
-    std::vector<uint64_t> px;   // view order, the raw pixels as the target receives them
-    std::vector<bool> shows;    // inside its region and not the transparent colour
-    int64_t area;               // of its own region
+    uint64_t key;              // the transparent raw value
+    std::vector<uint64_t> px;  // view order, the raw pixels as the target receives them
+    std::vector<bool> shows;   // inside its region and not the transparent colour
+    int64_t area;              // of its own region
 };
 
 struct Oracle {

@@ -136,7 +136,7 @@ TEST(RegionsBitmap, EverySetterAndModeMatchesMaskAlgebra) {
     }
 }
 
-// Edge cases, data sizes and refused arguments (none of them sets a region).
+// Edge cases and data sizes; refused arguments (no refused call sets a region).
 TEST(RegionsBitmap, EdgeCasesSizesAndArgumentChecks) {
     Bitmap b(40, 30, 8), m(100, 60, 8), b10(10, 10, 8), fl(4, 4, 32);
     uint32_t mx = 0, n = 0;
