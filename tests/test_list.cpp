@@ -2,10 +2,7 @@
 // failures.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <random>
 #include <utility>
-#include <vector>
 
 #include "krn/common/list.h"
 #include "transform_kit.h"
@@ -37,8 +34,7 @@ std::vector<int> tagsOf(HBITMAPLIST h) {
     EXPECT_EQ(K_GetBitmapListCount(h, &n), KS_SUCCESS);
     for (uint32_t i = 0; i < n; ++i) {
         BITMAPRECORD item;
-        EXPECT_EQ(K_GetBitmapListItem(h, i, &item, BITMAPRECORD_SIZE), KS_SUCCESS);
-        EXPECT_EQ(item.uStructSize, BITMAPRECORD_SIZE);
+        EXPECT_TRUE(K_GetBitmapListItem(h, i, &item, BITMAPRECORD_SIZE) == 1 && item.uStructSize == BITMAPRECORD_SIZE);
         t.push_back(tagOf(&item));
     }
     return t;
@@ -138,7 +134,7 @@ TEST(ListModel, RandomSequencesAgreeAfterEveryStep) {
     EXPECT_GT(copies, 50);
 }
 
-TEST(ListFailures, EachRuleLeavesTheListAlone) {
+TEST(ListFailures, EachRuleAndAllocationFailureLeavesTheListAlone) {
     NoLeak noLeak;
     HBITMAPLIST h = listOf({1, 2, 3, 4}), out = nullptr;
     BITMAPRECORD bm = tagged(50), rec, badSize = bm;
@@ -147,14 +143,13 @@ TEST(ListFailures, EachRuleLeavesTheListAlone) {
     const int32_t P = KS_INVALID_PARAMETER, S = KS_INVALID_STRUCT_SIZE;
     auto all = [](std::vector<int32_t> got, int32_t want) { EXPECT_EQ(got, std::vector<int32_t>(got.size(), want)); };
     int local = 0;
+    uint32_t n = 0;
     void* globalBlock = K_GlobalAlloc(GMEM_FIXED | GMEM_ZEROINIT, 64);  // a live block that is not a list
-    for (HBITMAPLIST bad : {HBITMAPLIST(nullptr), HBITMAPLIST(&local), HBITMAPLIST(globalBlock), HBITMAPLIST(~0ull)}) {
-        uint32_t n;
+    for (HBITMAPLIST bad : {HBITMAPLIST(nullptr), HBITMAPLIST(&local), HBITMAPLIST(globalBlock), HBITMAPLIST(~0ull)})
         all({K_GetBitmapListCount(bad, &n), K_InsertBitmapListItem(bad, 0, &bm), K_RemoveBitmapListItem(bad, 0, &rec),
              K_DeleteBitmapListItems(bad, 0, 1), K_GetBitmapListItem(bad, 0, &rec, R), K_SetBitmapListItem(bad, 0, &bm),
              K_ReplaceBitmapListItem(bad, 0, &bm, nullptr, 0), K_CopyBitmapListItems(&out, bad, 0, 1),
              K_MoveBitmapListItems(&out, bad, 0, 1), K_DestroyBitmapList(bad)}, P);
-    }
     K_GlobalFree(globalBlock);
     // Null required pointers; indexes at or past the count, counts of 0; record sizes.
     all({K_CreateBitmapList(nullptr), K_GetBitmapListCount(h, nullptr), K_InsertBitmapListItem(h, 0, nullptr),
@@ -169,40 +164,35 @@ TEST(ListFailures, EachRuleLeavesTheListAlone) {
          K_ReplaceBitmapListItem(h, 0, &badSize, nullptr, 0), K_ReplaceBitmapListItem(h, 0, &bm, &rec, 100),
          K_GetBitmapListItem(h, 0, &rec, 177)}, S);
     // A first item whose size word is not 216.
-    uint32_t n = 0;
     BITMAPRECORD* items = krn::listItems(h, &n);
     items[0].uStructSize = BITMAPRECORD_SIZE_OLD;
     all({K_InsertBitmapListItem(h, 0, &bm), K_RemoveBitmapListItem(h, 1, &rec),
          K_ReplaceBitmapListItem(h, 1, &bm, nullptr, 0), K_MoveBitmapListItems(&out, h, 1, 1)}, S);
     items[0].uStructSize = BITMAPRECORD_SIZE;
     // A non-empty list without its array.
-    ListBlockView* view = reinterpret_cast<ListBlockView*>(h);
-    BITMAPRECORD* saved = std::exchange(view->items, nullptr);
+    BITMAPRECORD*& array = reinterpret_cast<ListBlockView*>(h)->items;
+    BITMAPRECORD* saved = std::exchange(array, nullptr);
     EXPECT_EQ(K_InsertBitmapListItem(h, 0, &bm), KS_NULL_POINTER);
-    view->items = saved;
+    array = saved;
     EXPECT_EQ(tagsOf(h), (std::vector<int>{1, 2, 3, 4}));
     K_FreeBitmap(&bm);
     ASSERT_EQ(K_DestroyBitmapList(h), KS_SUCCESS);
-}
-
-// Every allocation of list growth, creation, move and copy fails in turn: -1 comes back, the list and the caller's
-// record are as they were, nothing leaks.
-TEST(ListFailures, AllocationFailuresThroughGrowth) {
-    NoLeak noLeak;
+    // Every allocation of list growth, creation, move and copy fails in turn: -1 comes back, the list and the caller's
+    // record are as they were, nothing leaks.
     tkit::allocationWalk([&](tkit::Armed& armed) {
-        HBITMAPLIST h = nullptr;
-        if (armed([&] { return K_CreateBitmapList(&h); }) == KS_SUCCESS) K_DestroyBitmapList(h);
-        EXPECT_EQ(h == nullptr, armed.rc != KS_SUCCESS);
+        HBITMAPLIST made = nullptr;
+        if (armed([&] { return K_CreateBitmapList(&made); }) == KS_SUCCESS) K_DestroyBitmapList(made);
+        EXPECT_EQ(made == nullptr, armed.rc != KS_SUCCESS);
     });
-    HBITMAPLIST h = listOf({});
+    h = listOf({});
     std::vector<int> model;
     for (int t = 1; t <= 12; ++t) {  // the first allocation of each insert fails
-        BITMAPRECORD bm = tagged(t);
-        const BITMAPRECORD before = bm;
+        BITMAPRECORD one = tagged(t);
+        const BITMAPRECORD before = one;
         tkit::Armed armed{0, 1};
-        ASSERT_EQ(armed([&] { return K_InsertBitmapListItem(h, uint32_t(t % 3), &bm); }), KS_NO_MEMORY);
-        EXPECT_TRUE(tkit::sameBytes(bm, before) && tagsOf(h) == model);
-        ASSERT_EQ(K_InsertBitmapListItem(h, uint32_t(t % 3), &bm), KS_SUCCESS);
+        ASSERT_EQ(armed([&] { return K_InsertBitmapListItem(h, uint32_t(t % 3), &one); }), KS_NO_MEMORY);
+        EXPECT_TRUE(tkit::sameBytes(one, before) && tagsOf(h) == model);
+        ASSERT_EQ(K_InsertBitmapListItem(h, uint32_t(t % 3), &one), KS_SUCCESS);
         model.insert(model.begin() + std::min<size_t>(size_t(t % 3), model.size()), t);
         EXPECT_EQ(tagsOf(h), model);
     }

@@ -1,7 +1,6 @@
-// check_list.h - a list of (result, expected) pairs, made in the order written
-// (a braced list is evaluated left to right) and compared at once, each
-// reported with its line: for sequences of calls whose statuses and values
-// are the point of the test.
+// check_list.h - a list of (result, expected) pairs, made in the order written (a braced list is evaluated left to
+// right) and compared at once, each reported with its line: for sequences of calls whose statuses and values are the
+// point of the test.
 #pragma once
 
 #include <gtest/gtest.h>

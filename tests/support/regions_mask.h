@@ -50,20 +50,18 @@ struct Mask {
         }
         return m;
     }
-    std::string describeDiff(const Mask& o) const {
-        for (int y = y0; y < y0 + h; ++y)
-            for (int x = x0; x < x0 + w; ++x)
-                if (get(x, y) != o.get(x, y))
-                    return "first difference at (" + std::to_string(x) + ", " + std::to_string(y) + "): " +
-                           std::to_string(get(x, y)) + " vs " + std::to_string(o.get(x, y));
-        return "equal";
+    std::string describeDiff(const Mask& o) const {  // of masks over the same window
+        const long i = std::mismatch(px.begin(), px.end(), o.px.begin(), o.px.end()).first - px.begin();
+        return i == long(px.size()) ? "equal" : "first difference at (" + std::to_string(x0 + i % w) + ", " +
+                                                    std::to_string(y0 + i / w) + "): " + std::to_string(px[i]);
     }
 };
 
-inline Mask rectMask(const Mask& win, RECT r) {
+inline Mask rectMask(const Mask& win, const std::vector<RECT>& rs) {  // the union of the rectangles
     Mask m = win.blank();
-    for (int y = std::min(r.top, r.bottom); y < std::max(r.top, r.bottom); ++y)
-        for (int x = std::min(r.left, r.right); x < std::max(r.left, r.right); ++x) m.set(x, y, true);
+    for (RECT r : rs)
+        for (int y = std::min(r.top, r.bottom); y < std::max(r.top, r.bottom); ++y)
+            for (int x = std::min(r.left, r.right); x < std::max(r.left, r.right); ++x) m.set(x, y, true);
     return m;
 }
 
@@ -124,10 +122,7 @@ inline Mask maskOfHandle(const Mask& win, HRGN h, bool* ok) {
         RECT r;
         std::memcpy(&r, buf.data() + 32 + 16 * i, sizeof r);
         for (int y = r.top; y < r.bottom && *ok; ++y)
-            for (int x = r.left; x < r.right && *ok; ++x) {
-                *ok = m.inside(x, y);
-                m.set(x, y, true);
-            }
+            for (int x = r.left; x < r.right && *ok; ++x) *ok = m.inside(x, y), m.set(x, y, true);
     }
     return m;
 }
