@@ -28,7 +28,6 @@ using namespace tkit;
 RGBQUAD quad(int r, int g, int b) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), 0}; }
 uint32_t key(const RGBQUAD& q) { return (uint32_t(q.rgbRed) << 16) | (uint32_t(q.rgbGreen) << 8) | q.rgbBlue; }
 RGBQUAD anyColour(std::mt19937& rng) { return quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)); }
-uint32_t bplOf(int w, int bpp) { return uint32_t(((uint64_t(w) * uint64_t(bpp) + 31) >> 3) & ~uint64_t(3)); }
 
 // A single-block bitmap (or an empty record for results).
 struct Bmp {
@@ -48,27 +47,35 @@ struct Bmp {
     }
 };
 
-// Padded 24-bit BGR rows whose colours are drawn by `pick`.
+// Packed 24-bit BGR pixels whose colours are drawn by `pick`.
 template <class F>
 std::vector<uint8_t> rows24(int w, int h, F pick) {
-    std::vector<uint8_t> px(size_t(bplOf(w, 24)) * size_t(h), 0);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const RGBQUAD c = pick();
-            std::memcpy(px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3, &c, 3);
-        }
+    std::vector<uint8_t> px(size_t(w) * size_t(h) * 3);
+    for (size_t i = 0; i < px.size(); i += 3) {
+        const RGBQUAD c = pick();
+        std::memcpy(&px[i], &c, 3);
+    }
     return px;
 }
-// A 24-bit BGR source bitmap of those rows.
-struct Src24 : Bmp {
-    Src24(int w, int h, const std::vector<uint8_t>& px) : Bmp(w, h, 24, ORDER_BGR) { put(px); }
+std::vector<uint8_t> fewColours(int w, int h, const std::vector<RGBQUAD>& cs, uint32_t seed) {
+    std::mt19937 rng(seed);
+    return rows24(w, h, [&] { return cs[rng() % cs.size()]; });
+}
+// A single-block 24-bit BGR bitmap of packed pixels.
+struct Img : Bmp {
+    int w, h;
+    std::vector<uint8_t> px;
+    Img(int width, int height, std::vector<uint8_t> bgr)
+        : Bmp(width, height, 24, ORDER_BGR), w(width), h(height), px(std::move(bgr)) {
+        for (int y = 0; y < h; ++y) K_PutBitmapRow(&bm, px.data() + size_t(y) * size_t(w) * 3, y, uint32_t(w) * 3);
+    }
 };
 
-// Every pixel of an indexed result is the entry K_FindPaletteIndex picks for the colour of the rows it came from.
+// Every pixel of an indexed result is the entry K_FindPaletteIndex picks for the colour of the pixels it came from.
 void expectNearest(Bmp& dst, const std::vector<uint8_t>& px, const RGBQUAD* pal, int n) {
     RefImage out = getImage(&dst.bm);
     EXPECT_EQ(firstMismatch(out, [&](int x, int y) {
-        const uint8_t* p = px.data() + size_t(y) * bplOf(out.width, 24) + size_t(x) * 3;
+        const uint8_t* p = px.data() + (size_t(y) * size_t(out.width) + size_t(x)) * 3;
         return uint64_t(K_FindPaletteIndex(pal, n, p[2], p[1], p[0]));
     }), "");
 }
@@ -149,7 +156,7 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
         });
         uint32_t* table = path == Installed ? K_CreateUserMatchTable(pal.data(), 200) : nullptr;
         K_SetUserMatchTable(table);
-        Src24 src24(w, h, px);
+        Img src24(w, h, px);
         for (int layout = 0; layout < 4; ++layout) {
             const int bits[] = {24, 24, 32, 48};
             Bmp src, dst;
@@ -167,7 +174,7 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
     std::vector<uint32_t> toTwo(USER_MATCH_TABLE_ENTRIES, 3);
     const RGBQUAD four[4] = {quad(10, 20, 30), quad(200, 100, 0), quad(1, 2, 3), quad(90, 90, 90)};
     const RGBQUAD seen[4] = {quad(10, 20, 30), quad(200, 100, 0), quad(250, 250, 250), quad(91, 90, 90)};
-    Src24 src(4, 1, rows24(4, 1, [n = 0, &seen]() mutable { return seen[n++]; }));
+    Img src(4, 1, rows24(4, 1, [n = 0, &seen]() mutable { return seen[n++]; }));
     Bmp dst;
     K_SetUserMatchTable(toTwo.data());
     ASSERT_EQ(src.res(&dst.bm, 2, CRF_USERPALETTE | CRF_NODITHERING, four, 4), KS_SUCCESS);
@@ -178,7 +185,7 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
 TEST(ColorRes, BitmapsLargerThanTheCapConvertRowByRow) {
     storagetest::CapGuard guard;
     const int w = 300, h = 90;
-    Src24 src(w, h, rows24(w, h, [n = 0u]() mutable {
+    Img src(w, h, rows24(w, h, [n = 0u]() mutable {
         ++n;
         return quad(int(n * 7 & 255), int(n * 13 & 255), int(n >> 3 & 255));
     }));
@@ -270,16 +277,6 @@ TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
     }
 }
 
-// A single-block 24-bit BGR bitmap from packed BGR pixels.
-struct Img : Bmp {
-    int w, h;
-    std::vector<uint8_t> px;  // packed, no padding
-    Img(int width, int height, std::vector<uint8_t> bgr) : Bmp(width, height, 24, ORDER_BGR), w(width), h(height) {
-        px = std::move(bgr);
-        for (int y = 0; y < h; ++y) K_PutBitmapRow(&bm, px.data() + size_t(y) * size_t(w) * 3, y, uint32_t(w) * 3);
-    }
-};
-
 // Mean squared error (per channel) of a quantised bitmap against the pixels.
 double mse(BITMAPRECORD* q, const std::vector<uint8_t>& px, int w, int h) {
     std::vector<uint8_t> row(q->nBytesPerLine);
@@ -296,12 +293,6 @@ double mse(BITMAPRECORD* q, const std::vector<uint8_t>& px, int w, int h) {
     return sum / (3.0 * w * h);
 }
 
-std::vector<uint8_t> fewColours(int w, int h, const std::vector<RGBQUAD>& cs, uint32_t seed) {
-    std::mt19937 rng(seed);
-    std::vector<uint8_t> px(size_t(w) * size_t(h) * 3);
-    for (size_t i = 0; i < px.size(); i += 3) std::memcpy(&px[i], &cs[rng() % cs.size()], 3);
-    return px;
-}
 // An optimised-palette colour resolution of the image: its error.
 double optimisedError(Img& img, uint32_t flags, const RGBQUAD* pal, int n) {
     BITMAPRECORD q;
@@ -319,7 +310,7 @@ TEST(ColorResOptPal, FewColoursComeBackExactly) {
         std::vector<RGBQUAD> cs;
         std::set<uint32_t> keys;
         while (int(cs.size()) < c.colours) {
-            RGBQUAD q = quad(int(rng() & 255), int(rng() & 255), int(rng() & 255));
+            RGBQUAD q = anyColour(rng);
             if (keys.insert(key(q)).second) cs.push_back(q);
         }
         std::vector<RGBQUAD> common(cs.begin(), cs.end() - (c.w > 1000 ? 1 : 0));
@@ -480,7 +471,7 @@ TEST(ColorResOptPal, ListPaletteCoversEveryBitmap) {
     for (int i = 0; i < 3; ++i) {
         std::vector<RGBQUAD> cs;
         for (int k = 0; k < 5; ++k) {
-            cs.push_back(quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)));
+            cs.push_back(anyColour(rng));
             all.insert(key(cs.back()));
         }
         Img img(20 + i, 10, fewColours(20 + i, 10, cs, uint32_t(i)));
