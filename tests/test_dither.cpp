@@ -35,10 +35,7 @@ struct Rec {
     Rec(int width, int bpp, int order, int method, const Pal* pal = nullptr) {
         EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, width, 1, bpp), KS_SUCCESS);
         bm.nOrder = order, bm.nDitheringMethod = method;
-        if (!pal) return;
-        bm.pPalette = static_cast<RGBQUAD*>(K_GlobalAlloc(GMEM_FIXED, pal->size() * sizeof(RGBQUAD)));
-        std::memcpy(bm.pPalette, pal->data(), pal->size() * sizeof(RGBQUAD));
-        bm.nColors = int32_t(pal->size());
+        EXPECT_TRUE(!pal || K_SetBitmapPalette(&bm, pal->data(), int32_t(pal->size())) == KS_SUCCESS);
     }
     ~Rec() { K_FreeBitmap(&bm); }
 };
@@ -51,10 +48,6 @@ Pal randomPalette(int n, uint32_t seed) {
     Pal p;
     for (int i = 0; i < n; ++i) p.push_back(quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)));
     return p;
-}
-Pal shuffled(Pal p, uint32_t seed) {
-    std::mt19937 rng(seed);
-    return std::shuffle(p.begin(), p.end(), rng), p;
 }
 Pal greyRamp(int n) {
     Pal p;
@@ -282,10 +275,11 @@ TEST(DitherQuantise, FixedCodesGiveTheNearestEntryOnADenseGrid) {
 // (shuffled, shorter, a reserved byte set) a table built for the run.
 TEST(DitherReference, EveryMethodAndPaletteMatchesThePlainDitherer) {
     struct PaletteCase { const char* name; Pal pal; bool passNull = false; int code = 0; };
-    auto withReserved = randomPalette(40, 12), reserved16 = fixedPal(4), first100 = fixedPal(7);
+    auto withReserved = randomPalette(40, 12), reserved16 = fixedPal(4), first100 = fixedPal(7), shuffled = fixedPal(4);
     for (size_t i = 0; i < withReserved.size(); i += 3) withReserved[i].rgbReserved = uint8_t(1 + i % 3);
     reserved16[3].rgbReserved = 4, first100.resize(100);
-    std::vector<PaletteCase> cases = {{"web", webPal(), false, krn::kCodeWeb}, {"shuffled16", shuffled(fixedPal(4), 5)},
+    std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(5));
+    std::vector<PaletteCase> cases = {{"web", webPal(), false, krn::kCodeWeb}, {"shuffled16", shuffled},
                                       {"random2", randomPalette(2, 9)}, {"random5", randomPalette(5, 10)},
                                       {"random40-reserved", withReserved}, {"fixed16-reserved", reserved16},
                                       {"fixed128-first100", first100}};

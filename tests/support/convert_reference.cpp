@@ -31,21 +31,16 @@ bool dstOrderOk(int d, int o) {
     return o == 0 || o == 1 || o == 5;  // 24, 48, 64
 }
 
-bool isGreySrc(const Request& r) {
-    return r.srcBits == 0 || (r.srcOrder == 2 && (r.srcBits == 12 || r.srcBits == 16 || r.srcBits == 32));
-}
-bool isGreyDst(const Request& r) {
-    return r.dstBits == 0 || (r.dstOrder == 2 && (r.dstBits == 12 || r.dstBits == 16 || r.dstBits == 32));
-}
+bool isGrey(int bits, int order) { return bits == 0 || (order == 2 && (bits == 12 || bits == 16 || bits == 32)); }
+bool isGreySrc(const Request& r) { return isGrey(r.srcBits, r.srcOrder); }
+bool isGreyDst(const Request& r) { return isGrey(r.dstBits, r.dstOrder); }
 int srcSampleBits(const Request& r) {
     if (r.srcBits == 0) return 8;
     if (r.srcBits == 32 && r.extra) return 16;
     return r.srcBits;
 }
 
-struct Window {
-    int lo, n;
-};
+struct Window { int lo, n; };
 
 // Effective flags after the order rules and the full-sample drop.
 uint32_t effectiveFlags(const Request& r) {
@@ -117,11 +112,10 @@ void put12(std::vector<uint8_t>& b, size_t i, uint32_t v) {
     putLe(b, at, 2, (i % 2) ? (word & 0x000F) | ((v & 0xFFF) << 4) : (word & 0xF000) | (v & 0xFFF));
 }
 
-std::vector<RGBQUAD> fixedPal(int bits) {
-    std::vector<RGBQUAD> p(256);
-    K_GetFixedPalette(p.data(), bits);
-    p.resize(size_t(1) << bits);
-    return p;
+// The caller's palette of a 1..8-bit side, else the fixed one.
+std::vector<RGBQUAD> paletteOf(const RGBQUAD* given, int bits) {
+    const RGBQUAD* p = given ? given : K_IntGetFixedPalette(bits);
+    return std::vector<RGBQUAD>(p, p + (size_t(1) << bits));
 }
 
 int32_t inverseRow(int64_t a, int64_t b, int64_t c, int64_t ka, int64_t kb, int64_t kc, int64_t maxv) {
@@ -193,7 +187,7 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
         window(rangeKept(f, 0x04u, r, srcSampleBits(r)), r.lowBit, r.highBit, srcSampleBits(r), sw);
     std::vector<RGBQUAD> spal;
     if (r.srcBits >= 1 && r.srcBits <= 8)
-        spal = r.srcPal ? std::vector<RGBQUAD>(r.srcPal, r.srcPal + (size_t(1) << r.srcBits)) : fixedPal(r.srcBits);
+        spal = paletteOf(r.srcPal, r.srcBits);
     const bool undoWide = r.srcOrder == 5 && r.dstOrder != 5 && (r.srcBits == 24 || r.srcBits == 48 || r.srcBits == 64);
     // Source order as red-first (0) or blue-first (1, and 5 after the inverse).
     const int so = r.srcOrder == 5 ? 1 : r.srcOrder;
@@ -249,7 +243,7 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
         window(rangeKept(f, 0x08u, r, depthBits(r.dstBits)), r.lowBit, r.highBit, depthBits(r.dstBits), dw);
     std::vector<RGBQUAD> dpal;
     if (r.dstBits >= 1 && r.dstBits <= 8)
-        dpal = r.dstPal ? std::vector<RGBQUAD>(r.dstPal, r.dstPal + (size_t(1) << r.dstBits)) : fixedPal(r.dstBits);
+        dpal = paletteOf(r.dstPal, r.dstBits);
     const bool transparent = (r.flags & 0x80u) && (r.dstBits == 32 || r.dstBits == 64);
     const bool crIsIndex = (r.crTransparent >> 24) == 1;
     const int dOrder = r.dstOrder == 5 ? 1 : r.dstOrder;
