@@ -1,9 +1,6 @@
-// test_colorres.cpp - colour resolution of whole bitmaps: the fixed-palette row kernels against each other, lossless
-// round trips, caller palettes on every matching path, bitmaps over the memory cap, bad input and allocation failures
-// of the palette and grey sources (dithering: test_dither.cpp; 24-bit sources, other storage kinds and progress stops:
-// test_transform_shared.cpp); optimised palettes: exact colours for images with few colours (small and sampled),
-// reserved and transparent entries, the refinement never losing to the split alone, bad input, and the quality on
-// photo-like images against Pillow's median-cut and fast-octree quantizers run on the same image.
+// test_colorres.cpp - colour resolution of whole bitmaps (dithering: test_dither.cpp; 24-bit sources, other storage
+// kinds and progress stops: test_transform_shared.cpp) and optimised palettes, their quality against Pillow's
+// median-cut and fast-octree quantizers run on the same photo-like image.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -113,12 +110,11 @@ TEST(ColorRes, PaletteImageThroughTwentyFourBitsComesBackIdentical) {
         RefImage ref(w, h, bits);
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x) setPixel(ref.row(y), x, bits, rng() % uint32_t(n));
-        const std::vector<uint8_t>& px = ref.px;
-        src.put(px);
+        src.put(ref.px);
         Bmp deep;
         ASSERT_EQ(src.res(&deep.bm, 24, CRF_BYTEORDERBGR), KS_SUCCESS);
         ASSERT_EQ(deep.res(&deep.bm, bits, CRF_USERPALETTE | CRF_NODITHERING, pal.data(), n), KS_SUCCESS);
-        EXPECT_TRUE(deep.bm.nBitsPerPixel == bits && deep.rows() == px) << bits;
+        EXPECT_TRUE(deep.bm.nBitsPerPixel == bits && deep.rows() == ref.px) << bits;
         EXPECT_EQ(std::memcmp(deep.bm.pPalette, pal.data(), sizeof(RGBQUAD) * size_t(n)), 0);
         Bmp direct;  // index to index: every pixel keeps its index at 8 bits
         ASSERT_EQ(src.res(&direct.bm, 8, CRF_USERPALETTE | CRF_NODITHERING, pal.data(), n), KS_SUCCESS);
@@ -277,28 +273,19 @@ TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
     }
 }
 
-// Mean squared error (per channel) of a quantised bitmap against the pixels.
-double mse(BITMAPRECORD* q, const std::vector<uint8_t>& px, int w, int h) {
-    std::vector<uint8_t> row(q->nBytesPerLine);
+// The mean squared error per channel of an 8-bit colour resolution of the image (without dithering) against it.
+double optimisedError(Img& img, uint32_t flags, const RGBQUAD* pal, int n) {
+    Bmp q;
+    EXPECT_EQ(img.res(&q.bm, 8, flags | CRF_NODITHERING, pal, n), KS_SUCCESS);
+    const std::vector<uint8_t> indexes = q.rows();
     double sum = 0;
-    for (int y = 0; y < h; ++y) {
-        K_GetBitmapRow(q, row.data(), y, q->nBytesPerLine);
-        for (int x = 0; x < w; ++x) {
-            const RGBQUAD& e = q->pPalette[row[size_t(x)]];
-            const uint8_t* p = px.data() + (size_t(y) * size_t(w) + size_t(x)) * 3;
-            const int d[3] = {e.rgbBlue - p[0], e.rgbGreen - p[1], e.rgbRed - p[2]};
+    for (int y = 0; y < img.h; ++y)
+        for (size_t x = 0, i = size_t(y) * size_t(img.w) * 3; x < size_t(img.w); ++x, i += 3) {
+            const RGBQUAD& e = q.bm.pPalette[indexes[size_t(y) * q.bm.nBytesPerLine + x]];
+            const int d[3] = {e.rgbBlue - img.px[i], e.rgbGreen - img.px[i + 1], e.rgbRed - img.px[i + 2]};
             sum += d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
         }
-    }
-    return sum / (3.0 * w * h);
-}
-
-// An optimised-palette colour resolution of the image: its error.
-double optimisedError(Img& img, uint32_t flags, const RGBQUAD* pal, int n) {
-    BITMAPRECORD q;
-    EXPECT_EQ(K_ColorResBitmap(&img.bm, &q, 8, flags | CRF_NODITHERING, pal, n, BITMAPRECORD_SIZE), KS_SUCCESS);
-    const double e = mse(&q, img.px, img.w, img.h);
-    return K_FreeBitmap(&q), e;
+    return sum / (3.0 * img.w * img.h);
 }
 
 TEST(ColorResOptPal, FewColoursComeBackExactly) {
@@ -469,11 +456,8 @@ TEST(ColorResOptPal, ListPaletteCoversEveryBitmap) {
     std::set<uint32_t> all;
     std::mt19937 rng(4);
     for (int i = 0; i < 3; ++i) {
-        std::vector<RGBQUAD> cs;
-        for (int k = 0; k < 5; ++k) {
-            cs.push_back(anyColour(rng));
-            all.insert(key(cs.back()));
-        }
+        std::vector<RGBQUAD> cs(5);
+        for (auto& e : cs) all.insert(key(e = anyColour(rng)));
         Img img(20 + i, 10, fewColours(20 + i, 10, cs, uint32_t(i)));
         ASSERT_EQ(K_InsertBitmapListItem(list, BITMAPLIST_END, &img.bm), KS_SUCCESS);  // the list owns it now
         img.bm = BITMAPRECORD{};

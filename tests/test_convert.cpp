@@ -227,12 +227,10 @@ static void checkAligned(const Bytes& src, const Bytes& expect, size_t align, F&
         ASSERT_EQ(base[i], uint8_t(0xA5 ^ i)) << "guard " << i << ", alignment " << align;
 }
 
-// The direct kernels at every level the machine has and K_ConvertBuffer agree with the plain kernel on the whole
-// buffer (past a narrower destination run the source bytes stay as the plain kernel leaves them), at every start
-// alignment within a cache line for the short runs, guards untouched; the plain kernel's run is the reference's.
-// Widths cover every step of the kernels: the head up to the first line (up to 63 pixels), the 16- and 32-pixel steps
-// (the widening ones convert the rest first, the swap's pairs read one pixel past their end) and the 4096-pixel
-// chunks of the backward walk; whole images of more than 4 MB in one run too.
+// The direct kernels at every level and K_ConvertBuffer equal the plain kernel on the whole buffer (past a narrower
+// destination run the source bytes stay as it leaves them), at every start alignment within a cache line for short
+// runs, guards untouched; the plain kernel's run is the reference's. Widths cover the head (up to 63 pixels), the 16-
+// and 32-pixel steps, the 4096-pixel chunks of the backward walk and whole images of more than 4 MB.
 TEST(ConvertKernels, EveryLevelAndAlignmentMatchesPlainAndReference) {
     // source depth and order, destination depth and order, also as a whole image
     const int keys[][5] = {{24, 0, 24, 1, 0}, {24, 1, 24, 0, 1}, {24, 1, 32, 1, 1}, {24, 0, 32, 1, 1},
@@ -253,8 +251,7 @@ TEST(ConvertKernels, EveryLevelAndAlignmentMatchesPlainAndReference) {
             const Bytes orig = randomBytes(rng, size_t(width) * size_t(std::max({k[0], k[2], 8}) / 8));
             Bytes want = orig;
             plain(want.data(), size_t(width));
-            convref::Request r;
-            r.width = width, r.srcBits = k[0], r.srcOrder = k[1], r.dstBits = k[2], r.dstOrder = k[3];
+            const convref::Request r = request(width, k[0], k[1], k[2], k[3]);
             const size_t run = convref::dstRunBytes(r);
             ASSERT_TRUE(std::equal(want.begin(), want.begin() + long(run), convref::convert(r, orig).begin()));
             std::vector<krn::conv::RowFn> fns;
@@ -289,8 +286,7 @@ TEST(ConvertKernels, PaletteExpansionOnLongRunsWithoutAllocation) {
             for (int dO : {ORDER_RGB, ORDER_BGR})
                 for (int width : {1, 7, 4095, 4096, 4097, 9001}) {
                     std::vector<RGBQUAD> pal = randomPalette(rng, 1 << sb);
-                    convref::Request r;
-                    r.width = width, r.srcBits = sb, r.dstBits = db, r.srcOrder = ORDER_BGR, r.dstOrder = dO;
+                    convref::Request r = request(width, sb, ORDER_BGR, db, dO);
                     r.srcPal = (width & 1) ? pal.data() : nullptr;
                     Bytes buf = randomBytes(rng, convref::dstRunBytes(r));
                     const Bytes want = convref::convert(r, buf);

@@ -1,6 +1,5 @@
-// test_dither.cpp - the dithering engine against a plain reference ditherer (every method, palette, source
-// depth, grey run, packing, block of rows), the fixed quantisers against the nearest-colour rule, the export
-// frame, K_ColorResBitmap on every storage kind, threads and allocation failures.
+// test_dither.cpp - the dithering engine against a plain reference ditherer (every method, palette, source depth,
+// grey run, packing, block of rows), the fixed quantisers, the export frame, threads and allocation failures.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -418,9 +417,7 @@ TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
     std::vector<std::vector<int>> together(4);
     std::vector<std::thread> threads;
     for (int m = 0; m < 4; ++m)
-        threads.emplace_back([&, m] {
-            for (int k = 0; k < 5; ++k) together[size_t(m)] = run(m);
-        });
+        threads.emplace_back([&, m] { for (int k = 0; k < 5; ++k) together[size_t(m)] = run(m); });
     for (auto& t : threads) t.join();
     for (int m = 0; m < 4; ++m) EXPECT_EQ(together[size_t(m)], run(m)) << "method " << m * 2;
 }
@@ -506,10 +503,9 @@ TEST(DitherWave, BlocksMatchLinesThePlainLoopAndTheReference) {
         }
 }
 
-// K_ColorResBitmap dithers like the engine row by row: grey to black and white by Floyd-Steinberg (the block
-// loop) and a photo to the sixteen fixed colours by three methods, on every storage kind, by the block loop
-// and by the row layer; under every allocation failure (on one kind) a failure leaves the source, the
-// destination record and the block count.
+// K_ColorResBitmap dithers like the engine row by row (grey to black and white, a photo to the sixteen colours by
+// three methods) on every storage kind, by the block loop and the row layer; under every allocation failure (on one
+// kind) a failure leaves the source, the destination record and the block count.
 TEST(DitherWave, ColorResMatchesTheEngineOnEveryStorageKindAndUnderAllocationFailures) {
     const int w = 61, h = 45;
     const SourceCase grey8{8, ORDER_RGB, greyRamp(256)}, bgr24{24, ORDER_BGR, {}};
@@ -518,12 +514,10 @@ TEST(DitherWave, ColorResMatchesTheEngineOnEveryStorageKindAndUnderAllocationFai
     for (int y = 0; y < h; ++y) photo.emplace_back(px.begin() + y * w * 3, px.begin() + (y + 1) * w * 3);
     const struct { const SourceCase& src; Rows rows; int bits, method; } cases[] = {
         {grey8, greyRows(w, h, 1, true, 9), 1, 1}, {bgr24, photo, 4, 1}, {bgr24, photo, 4, 2}, {bgr24, photo, 4, 7}};
-    auto read = [](BITMAPRECORD* bm, size_t bytes) {
-        Rows out(size_t(bm->nHeight), std::vector<uint8_t>(bm->nBytesPerLine));
-        for (int y = 0; y < bm->nHeight; ++y) {
-            EXPECT_GE(K_GetBitmapRow(bm, out[size_t(y)].data(), y, bm->nBytesPerLine), 0);
-            out[size_t(y)].resize(bytes);
-        }
+    auto read = [](BITMAPRECORD* bm, size_t bytes) {  // the stored rows cut to `bytes`
+        auto img = tkit::getImage(bm);
+        Rows out;
+        for (int y = 0; y < img.height; ++y) out.emplace_back(img.row(y), img.row(y) + bytes);
         return out;
     };
     for (const auto& c : cases) {

@@ -152,9 +152,9 @@ TEST(PaletteGrey, Bitmaps) {
 }
 
 // The table's words (nearest index + 1 on the 5-5-5 grid) are checked through colour resolution with an installed
-// table; here the refusals and a failed allocation that leaks nothing.
-TEST(PaletteMatchTable, RefusalsAndAllocationFailure) {
-    const std::vector<RGBQUAD> pal{rgb(0, 0, 0), rgb(255, 255, 255)};
+// table; here the refusals, a failed allocation that leaks nothing, and the table installed per thread.
+TEST(PaletteMatchTable, RefusalsAllocationFailureAndInstalledPerThread) {
+    std::vector<RGBQUAD> pal{rgb(0, 0, 0), rgb(255, 255, 255)};
     EXPECT_TRUE(K_FreeUserMatchTable(nullptr) == KS_SUCCESS && !K_CreateUserMatchTable(nullptr, 2));
     EXPECT_EQ(K_CreateUserMatchTable(pal.data(), 0), nullptr);
     const long live = krn::faultinject::liveBlocks();
@@ -162,10 +162,6 @@ TEST(PaletteMatchTable, RefusalsAndAllocationFailure) {
     EXPECT_EQ(K_CreateUserMatchTable(pal.data(), 2), nullptr);
     krn::faultinject::disarm();
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-}
-
-TEST(PaletteMatchTable, InstalledPerThreadAndUninstalledOnFree) {
-    std::vector<RGBQUAD> pal{rgb(0, 0, 0), rgb(255, 255, 255)};
     uint32_t *a = K_CreateUserMatchTable(pal.data(), 2), *b = K_CreateUserMatchTable(pal.data(), 2);
     ASSERT_TRUE(a && b);
     const uint32_t* before = K_SetUserMatchTable(a);
