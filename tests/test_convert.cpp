@@ -79,7 +79,6 @@ void randomWindow(std::mt19937& rng, convref::Request& r, int d) {
     r.highBit = r.lowBit + int(rng() % uint32_t(d - r.lowBit));
 }
 
-}  // namespace
 
 // Flags, windows and transparent colours of variant v (0..8) of a request on `buf`.
 void vary(convref::Request& r, int v, const Bytes& buf, std::mt19937& rng) {
@@ -348,13 +347,11 @@ TEST(ConvertTree, LookupFollowsTheBuildRule) {
     EXPECT_EQ(krn::faultinject::liveBlocks(), before);
 }
 
-namespace {
 uint32_t rgb(int r, int g, int b) { return uint32_t(r) | (uint32_t(g) << 8) | (uint32_t(b) << 16); }
-}  // namespace
 
 // Forward against the proportional model in floating point: hue = (sector +
 // share of the higher of the two upper channels) * 256 / 3, S = range * 255 / V.
-TEST(ConvertHsv, ForwardMatchesProportionalModel) {
+TEST(ConvertHsv, ForwardAndInverseMatchTheProportionalModel) {
     int worst = 0;
     for (int r = 0; r < 256; r += 3)
         for (int g = 0; g < 256; g += 3)
@@ -378,11 +375,8 @@ TEST(ConvertHsv, ForwardMatchesProportionalModel) {
     uint32_t out = 0;
     EXPECT_TRUE(K_RGBtoHSV2(rgb(12, 34, 56), &out) == KS_SUCCESS && out == K_RGBtoHSV(rgb(12, 34, 56)));
     EXPECT_EQ(K_RGBtoHSV2(rgb(1, 2, 3), nullptr), KS_INVALID_PARAMETER);
-}
-
-// Inverse: V is the largest channel, m = (255 - S) * V / 255 the smallest, and
-// the middle channel follows the sector's proportion of the hue in degrees.
-TEST(ConvertHsv, InverseMatchesProportionalModel) {
+    // Inverse: V is the largest channel, m = (255 - S) * V / 255 the smallest, and the middle channel follows the
+    // sector's proportion of the hue in degrees.
     for (int h8 = 0; h8 < 256; ++h8)
         for (int s = 0; s < 256; s += s == 0 ? 1 : 2)
             for (int v = 0; v < 256; v += 3) {
@@ -477,3 +471,5 @@ TEST(ConvertSizes, Gray32Reductions) {
                        K_Gray32To8(&one, &out8, 0, -1, -1), K_Gray32To8(&one, &out8, 1, 0, 32)})
         EXPECT_EQ(st, KS_INVALID_PARAMETER);
 }
+
+}  // namespace

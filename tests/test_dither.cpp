@@ -76,12 +76,7 @@ std::vector<Rgb> testImage(int w, int h, uint32_t seed) {
 
 // The indices of a packed row (MSB first), appended to `out`.
 void unpack(const uint8_t* row, int w, int bits, std::vector<int>& out) {
-    for (int x = 0; x < w; ++x) {
-        int v = 0;
-        for (size_t bit = size_t(x) * size_t(bits), end = bit + size_t(bits); bit < end; ++bit)
-            v = (v << 1) | ((row[bit / 8] >> (7 - bit % 8)) & 1);
-        out.push_back(v);
-    }
+    for (int x = 0; x < w; ++x) out.push_back(int(storagetest::getPixel(row, x, bits)));
 }
 
 // A source format (palette for 1..8 bits, bit window for grey samples).

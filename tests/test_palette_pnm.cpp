@@ -40,12 +40,9 @@ struct Rgb16 { uint32_t r, g, b; };
 Rgb16 putRandom(const Format& f, BITMAPRECORD& bm, uint8_t* row, int c, std::mt19937& rng) {
     auto w16 = [](uint8_t* p, uint32_t v) { p[0] = uint8_t(v), p[1] = uint8_t(v >> 8); };
     const uint32_t r = rng() & 0xFFFF, g = rng() & 0xFFFF, b = rng() & 0xFFFF;
-    if (f.bpp <= 8) {  // index r % 2^bpp, most significant bit first
+    if (f.bpp <= 8) {
         const uint32_t index = r % (1u << f.bpp);
-        for (int k = 0, bit = c * f.bpp; k < f.bpp; ++k, ++bit) {
-            const uint32_t one = index >> (f.bpp - 1 - k) & 1;
-            row[bit / 8] = uint8_t((row[bit / 8] & ~(0x80 >> bit % 8)) | one << (7 - bit % 8));
-        }
+        storagetest::setPixel(row, c, f.bpp, index);
         RGBQUAD e{};
         EXPECT_EQ(K_GetBitmapColors(&bm, int32_t(index), 1, &e), 1);
         return {e.rgbRed * 257u, e.rgbGreen * 257u, e.rgbBlue * 257u};
