@@ -1,9 +1,6 @@
-// test_colorres.cpp - colour resolution of whole bitmaps: the fixed-palette row kernels against each other, lossless
-// round trips, caller palettes on every matching path, bitmaps over the memory cap, bad input and allocation failures
-// of the palette and grey sources (dithering: test_dither.cpp; 24-bit sources, other storage kinds and progress stops:
-// test_transform_shared.cpp); optimised palettes: exact colours for images with few colours (small and sampled),
-// reserved and transparent entries, the refinement never losing to the split alone, bad input, and the quality on
-// photo-like images against Pillow's median-cut and fast-octree quantizers run on the same image.
+// test_colorres.cpp - colour resolution of whole bitmaps (dithering: test_dither.cpp; 24-bit sources, other storage
+// kinds and progress stops: test_transform_shared.cpp) and optimised palettes, their quality against Pillow's
+// median-cut and fast-octree quantizers run on the same photo-like image.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -28,7 +25,6 @@ using namespace tkit;
 RGBQUAD quad(int r, int g, int b) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), 0}; }
 uint32_t key(const RGBQUAD& q) { return (uint32_t(q.rgbRed) << 16) | (uint32_t(q.rgbGreen) << 8) | q.rgbBlue; }
 RGBQUAD anyColour(std::mt19937& rng) { return quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)); }
-uint32_t bplOf(int w, int bpp) { return uint32_t(((uint64_t(w) * uint64_t(bpp) + 31) >> 3) & ~uint64_t(3)); }
 
 // A single-block bitmap (or an empty record for results).
 struct Bmp {
@@ -48,27 +44,35 @@ struct Bmp {
     }
 };
 
-// Padded 24-bit BGR rows whose colours are drawn by `pick`.
+// Packed 24-bit BGR pixels whose colours are drawn by `pick`.
 template <class F>
 std::vector<uint8_t> rows24(int w, int h, F pick) {
-    std::vector<uint8_t> px(size_t(bplOf(w, 24)) * size_t(h), 0);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const RGBQUAD c = pick();
-            std::memcpy(px.data() + size_t(y) * bplOf(w, 24) + size_t(x) * 3, &c, 3);
-        }
+    std::vector<uint8_t> px(size_t(w) * size_t(h) * 3);
+    for (size_t i = 0; i < px.size(); i += 3) {
+        const RGBQUAD c = pick();
+        std::memcpy(&px[i], &c, 3);
+    }
     return px;
 }
-// A 24-bit BGR source bitmap of those rows.
-struct Src24 : Bmp {
-    Src24(int w, int h, const std::vector<uint8_t>& px) : Bmp(w, h, 24, ORDER_BGR) { put(px); }
+std::vector<uint8_t> fewColours(int w, int h, const std::vector<RGBQUAD>& cs, uint32_t seed) {
+    std::mt19937 rng(seed);
+    return rows24(w, h, [&] { return cs[rng() % cs.size()]; });
+}
+// A single-block 24-bit BGR bitmap of packed pixels.
+struct Img : Bmp {
+    int w, h;
+    std::vector<uint8_t> px;
+    Img(int width, int height, std::vector<uint8_t> bgr)
+        : Bmp(width, height, 24, ORDER_BGR), w(width), h(height), px(std::move(bgr)) {
+        for (int y = 0; y < h; ++y) K_PutBitmapRow(&bm, px.data() + size_t(y) * size_t(w) * 3, y, uint32_t(w) * 3);
+    }
 };
 
-// Every pixel of an indexed result is the entry K_FindPaletteIndex picks for the colour of the rows it came from.
+// Every pixel of an indexed result is the entry K_FindPaletteIndex picks for the colour of the pixels it came from.
 void expectNearest(Bmp& dst, const std::vector<uint8_t>& px, const RGBQUAD* pal, int n) {
     RefImage out = getImage(&dst.bm);
     EXPECT_EQ(firstMismatch(out, [&](int x, int y) {
-        const uint8_t* p = px.data() + size_t(y) * bplOf(out.width, 24) + size_t(x) * 3;
+        const uint8_t* p = px.data() + (size_t(y) * size_t(out.width) + size_t(x)) * 3;
         return uint64_t(K_FindPaletteIndex(pal, n, p[2], p[1], p[0]));
     }), "");
 }
@@ -106,12 +110,11 @@ TEST(ColorRes, PaletteImageThroughTwentyFourBitsComesBackIdentical) {
         RefImage ref(w, h, bits);
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x) setPixel(ref.row(y), x, bits, rng() % uint32_t(n));
-        const std::vector<uint8_t>& px = ref.px;
-        src.put(px);
+        src.put(ref.px);
         Bmp deep;
         ASSERT_EQ(src.res(&deep.bm, 24, CRF_BYTEORDERBGR), KS_SUCCESS);
         ASSERT_EQ(deep.res(&deep.bm, bits, CRF_USERPALETTE | CRF_NODITHERING, pal.data(), n), KS_SUCCESS);
-        EXPECT_TRUE(deep.bm.nBitsPerPixel == bits && deep.rows() == px) << bits;
+        EXPECT_TRUE(deep.bm.nBitsPerPixel == bits && deep.rows() == ref.px) << bits;
         EXPECT_EQ(std::memcmp(deep.bm.pPalette, pal.data(), sizeof(RGBQUAD) * size_t(n)), 0);
         Bmp direct;  // index to index: every pixel keeps its index at 8 bits
         ASSERT_EQ(src.res(&direct.bm, 8, CRF_USERPALETTE | CRF_NODITHERING, pal.data(), n), KS_SUCCESS);
@@ -149,7 +152,7 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
         });
         uint32_t* table = path == Installed ? K_CreateUserMatchTable(pal.data(), 200) : nullptr;
         K_SetUserMatchTable(table);
-        Src24 src24(w, h, px);
+        Img src24(w, h, px);
         for (int layout = 0; layout < 4; ++layout) {
             const int bits[] = {24, 24, 32, 48};
             Bmp src, dst;
@@ -167,7 +170,7 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
     std::vector<uint32_t> toTwo(USER_MATCH_TABLE_ENTRIES, 3);
     const RGBQUAD four[4] = {quad(10, 20, 30), quad(200, 100, 0), quad(1, 2, 3), quad(90, 90, 90)};
     const RGBQUAD seen[4] = {quad(10, 20, 30), quad(200, 100, 0), quad(250, 250, 250), quad(91, 90, 90)};
-    Src24 src(4, 1, rows24(4, 1, [n = 0, &seen]() mutable { return seen[n++]; }));
+    Img src(4, 1, rows24(4, 1, [n = 0, &seen]() mutable { return seen[n++]; }));
     Bmp dst;
     K_SetUserMatchTable(toTwo.data());
     ASSERT_EQ(src.res(&dst.bm, 2, CRF_USERPALETTE | CRF_NODITHERING, four, 4), KS_SUCCESS);
@@ -178,7 +181,7 @@ TEST(ColorRes, CallerPaletteWithoutDitheringTakesTheNearestEntryOnEveryPath) {
 TEST(ColorRes, BitmapsLargerThanTheCapConvertRowByRow) {
     storagetest::CapGuard guard;
     const int w = 300, h = 90;
-    Src24 src(w, h, rows24(w, h, [n = 0u]() mutable {
+    Img src(w, h, rows24(w, h, [n = 0u]() mutable {
         ++n;
         return quad(int(n * 7 & 255), int(n * 13 & 255), int(n >> 3 & 255));
     }));
@@ -270,44 +273,19 @@ TEST(ColorRes, EveryAllocationFailureOfPaletteAndGreySourcesChangesNothing) {
     }
 }
 
-// A single-block 24-bit BGR bitmap from packed BGR pixels.
-struct Img : Bmp {
-    int w, h;
-    std::vector<uint8_t> px;  // packed, no padding
-    Img(int width, int height, std::vector<uint8_t> bgr) : Bmp(width, height, 24, ORDER_BGR), w(width), h(height) {
-        px = std::move(bgr);
-        for (int y = 0; y < h; ++y) K_PutBitmapRow(&bm, px.data() + size_t(y) * size_t(w) * 3, y, uint32_t(w) * 3);
-    }
-};
-
-// Mean squared error (per channel) of a quantised bitmap against the pixels.
-double mse(BITMAPRECORD* q, const std::vector<uint8_t>& px, int w, int h) {
-    std::vector<uint8_t> row(q->nBytesPerLine);
+// The mean squared error per channel of an 8-bit colour resolution of the image (without dithering) against it.
+double optimisedError(Img& img, uint32_t flags, const RGBQUAD* pal, int n) {
+    Bmp q;
+    EXPECT_EQ(img.res(&q.bm, 8, flags | CRF_NODITHERING, pal, n), KS_SUCCESS);
+    const std::vector<uint8_t> indexes = q.rows();
     double sum = 0;
-    for (int y = 0; y < h; ++y) {
-        K_GetBitmapRow(q, row.data(), y, q->nBytesPerLine);
-        for (int x = 0; x < w; ++x) {
-            const RGBQUAD& e = q->pPalette[row[size_t(x)]];
-            const uint8_t* p = px.data() + (size_t(y) * size_t(w) + size_t(x)) * 3;
-            const int d[3] = {e.rgbBlue - p[0], e.rgbGreen - p[1], e.rgbRed - p[2]};
+    for (int y = 0; y < img.h; ++y)
+        for (size_t x = 0, i = size_t(y) * size_t(img.w) * 3; x < size_t(img.w); ++x, i += 3) {
+            const RGBQUAD& e = q.bm.pPalette[indexes[size_t(y) * q.bm.nBytesPerLine + x]];
+            const int d[3] = {e.rgbBlue - img.px[i], e.rgbGreen - img.px[i + 1], e.rgbRed - img.px[i + 2]};
             sum += d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
         }
-    }
-    return sum / (3.0 * w * h);
-}
-
-std::vector<uint8_t> fewColours(int w, int h, const std::vector<RGBQUAD>& cs, uint32_t seed) {
-    std::mt19937 rng(seed);
-    std::vector<uint8_t> px(size_t(w) * size_t(h) * 3);
-    for (size_t i = 0; i < px.size(); i += 3) std::memcpy(&px[i], &cs[rng() % cs.size()], 3);
-    return px;
-}
-// An optimised-palette colour resolution of the image: its error.
-double optimisedError(Img& img, uint32_t flags, const RGBQUAD* pal, int n) {
-    BITMAPRECORD q;
-    EXPECT_EQ(K_ColorResBitmap(&img.bm, &q, 8, flags | CRF_NODITHERING, pal, n, BITMAPRECORD_SIZE), KS_SUCCESS);
-    const double e = mse(&q, img.px, img.w, img.h);
-    return K_FreeBitmap(&q), e;
+    return sum / (3.0 * img.w * img.h);
 }
 
 TEST(ColorResOptPal, FewColoursComeBackExactly) {
@@ -319,7 +297,7 @@ TEST(ColorResOptPal, FewColoursComeBackExactly) {
         std::vector<RGBQUAD> cs;
         std::set<uint32_t> keys;
         while (int(cs.size()) < c.colours) {
-            RGBQUAD q = quad(int(rng() & 255), int(rng() & 255), int(rng() & 255));
+            RGBQUAD q = anyColour(rng);
             if (keys.insert(key(q)).second) cs.push_back(q);
         }
         std::vector<RGBQUAD> common(cs.begin(), cs.end() - (c.w > 1000 ? 1 : 0));
@@ -478,11 +456,8 @@ TEST(ColorResOptPal, ListPaletteCoversEveryBitmap) {
     std::set<uint32_t> all;
     std::mt19937 rng(4);
     for (int i = 0; i < 3; ++i) {
-        std::vector<RGBQUAD> cs;
-        for (int k = 0; k < 5; ++k) {
-            cs.push_back(quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)));
-            all.insert(key(cs.back()));
-        }
+        std::vector<RGBQUAD> cs(5);
+        for (auto& e : cs) all.insert(key(e = anyColour(rng)));
         Img img(20 + i, 10, fewColours(20 + i, 10, cs, uint32_t(i)));
         ASSERT_EQ(K_InsertBitmapListItem(list, BITMAPLIST_END, &img.bm), KS_SUCCESS);  // the list owns it now
         img.bm = BITMAPRECORD{};

@@ -42,12 +42,10 @@ convref::Request request(int width, int sb, int so, int db, int dO) {
     return r;
 }
 
+// width, source depth/order, destination depth/order, flags, window, transparent colour, which pointers are given
 std::string describe(const convref::Request& r) {
-    return (testing::Message() << "w=" << r.width << " " << r.srcBits << "/" << r.srcOrder << " -> " << r.dstBits
-                               << "/" << r.dstOrder << " flags=" << r.flags << " lo=" << r.lowBit << " hi="
-                               << r.highBit << " cr=" << r.crTransparent << (r.extra ? " extra" : "")
-                               << (r.srcPal ? " spal" : "") << (r.dstPal ? " dpal" : ""))
-        .GetString();
+    return testing::PrintToString(std::vector<int64_t>{r.width, r.srcBits, r.srcOrder, r.dstBits, r.dstOrder, r.flags,
+        r.lowBit, r.highBit, r.crTransparent, r.extra, r.srcPal != nullptr, r.dstPal != nullptr});
 }
 
 // Runs one request through the library and the reference on `buffer` (run bytes + guard; bytes past the source run
@@ -81,7 +79,6 @@ void randomWindow(std::mt19937& rng, convref::Request& r, int d) {
     r.highBit = r.lowBit + int(rng() % uint32_t(d - r.lowBit));
 }
 
-}  // namespace
 
 // Flags, windows and transparent colours of variant v (0..8) of a request on `buf`.
 void vary(convref::Request& r, int v, const Bytes& buf, std::mt19937& rng) {
@@ -229,12 +226,10 @@ static void checkAligned(const Bytes& src, const Bytes& expect, size_t align, F&
         ASSERT_EQ(base[i], uint8_t(0xA5 ^ i)) << "guard " << i << ", alignment " << align;
 }
 
-// The direct kernels at every level the machine has and K_ConvertBuffer agree with the plain kernel on the whole
-// buffer (past a narrower destination run the source bytes stay as the plain kernel leaves them), at every start
-// alignment within a cache line for the short runs, guards untouched; the plain kernel's run is the reference's.
-// Widths cover every step of the kernels: the head up to the first line (up to 63 pixels), the 16- and 32-pixel steps
-// (the widening ones convert the rest first, the swap's pairs read one pixel past their end) and the 4096-pixel
-// chunks of the backward walk; whole images of more than 4 MB in one run too.
+// The direct kernels at every level and K_ConvertBuffer equal the plain kernel on the whole buffer (past a narrower
+// destination run the source bytes stay as it leaves them), at every start alignment within a cache line for short
+// runs, guards untouched; the plain kernel's run is the reference's. Widths cover the head (up to 63 pixels), the 16-
+// and 32-pixel steps, the 4096-pixel chunks of the backward walk and whole images of more than 4 MB.
 TEST(ConvertKernels, EveryLevelAndAlignmentMatchesPlainAndReference) {
     // source depth and order, destination depth and order, also as a whole image
     const int keys[][5] = {{24, 0, 24, 1, 0}, {24, 1, 24, 0, 1}, {24, 1, 32, 1, 1}, {24, 0, 32, 1, 1},
@@ -255,8 +250,7 @@ TEST(ConvertKernels, EveryLevelAndAlignmentMatchesPlainAndReference) {
             const Bytes orig = randomBytes(rng, size_t(width) * size_t(std::max({k[0], k[2], 8}) / 8));
             Bytes want = orig;
             plain(want.data(), size_t(width));
-            convref::Request r;
-            r.width = width, r.srcBits = k[0], r.srcOrder = k[1], r.dstBits = k[2], r.dstOrder = k[3];
+            const convref::Request r = request(width, k[0], k[1], k[2], k[3]);
             const size_t run = convref::dstRunBytes(r);
             ASSERT_TRUE(std::equal(want.begin(), want.begin() + long(run), convref::convert(r, orig).begin()));
             std::vector<krn::conv::RowFn> fns;
@@ -291,8 +285,7 @@ TEST(ConvertKernels, PaletteExpansionOnLongRunsWithoutAllocation) {
             for (int dO : {ORDER_RGB, ORDER_BGR})
                 for (int width : {1, 7, 4095, 4096, 4097, 9001}) {
                     std::vector<RGBQUAD> pal = randomPalette(rng, 1 << sb);
-                    convref::Request r;
-                    r.width = width, r.srcBits = sb, r.dstBits = db, r.srcOrder = ORDER_BGR, r.dstOrder = dO;
+                    convref::Request r = request(width, sb, ORDER_BGR, db, dO);
                     r.srcPal = (width & 1) ? pal.data() : nullptr;
                     Bytes buf = randomBytes(rng, convref::dstRunBytes(r));
                     const Bytes want = convref::convert(r, buf);
@@ -341,28 +334,24 @@ TEST(ConvertTree, LookupFollowsTheBuildRule) {
         krn::freeColorMatchTree(fullTree);
         krn::freeColorMatchTree(tree);
     }
-    RGBQUAD one{1, 2, 3, 0};
+    const RGBQUAD one{1, 2, 3, 0}, *fixed = K_IntGetFixedPalette(8);
     EXPECT_TRUE(!krn::buildColorMatchTree(nullptr, 4) && !krn::buildColorMatchTree(&one, 0));
     EXPECT_EQ(krn::buildColorMatchTree(&one, 257), nullptr);
-    // A tree is one block, freed again; a failed build leaks nothing.
-    const long before = krn::faultinject::liveBlocks();
+    const long before = krn::faultinject::liveBlocks();  // a tree is one block, freed again; a failed build leaks none
     krn::faultinject::arm(0, 1);
-    EXPECT_EQ(krn::buildColorMatchTree(K_IntGetFixedPalette(8), 256), nullptr);
-    EXPECT_EQ(krn::faultinject::liveBlocks(), before);
+    EXPECT_TRUE(!krn::buildColorMatchTree(fixed, 256) && krn::faultinject::liveBlocks() == before);
     krn::faultinject::disarm();
-    uint32_t* t = krn::buildColorMatchTree(K_IntGetFixedPalette(8), 256);
+    uint32_t* t = krn::buildColorMatchTree(fixed, 256);
     EXPECT_EQ(krn::faultinject::liveBlocks(), before + 1);
     krn::freeColorMatchTree(t);
     EXPECT_EQ(krn::faultinject::liveBlocks(), before);
 }
 
-namespace {
 uint32_t rgb(int r, int g, int b) { return uint32_t(r) | (uint32_t(g) << 8) | (uint32_t(b) << 16); }
-}  // namespace
 
 // Forward against the proportional model in floating point: hue = (sector +
 // share of the higher of the two upper channels) * 256 / 3, S = range * 255 / V.
-TEST(ConvertHsv, ForwardMatchesProportionalModel) {
+TEST(ConvertHsv, ForwardAndInverseMatchTheProportionalModel) {
     int worst = 0;
     for (int r = 0; r < 256; r += 3)
         for (int g = 0; g < 256; g += 3)
@@ -386,11 +375,8 @@ TEST(ConvertHsv, ForwardMatchesProportionalModel) {
     uint32_t out = 0;
     EXPECT_TRUE(K_RGBtoHSV2(rgb(12, 34, 56), &out) == KS_SUCCESS && out == K_RGBtoHSV(rgb(12, 34, 56)));
     EXPECT_EQ(K_RGBtoHSV2(rgb(1, 2, 3), nullptr), KS_INVALID_PARAMETER);
-}
-
-// Inverse: V is the largest channel, m = (255 - S) * V / 255 the smallest, and
-// the middle channel follows the sector's proportion of the hue in degrees.
-TEST(ConvertHsv, InverseMatchesProportionalModel) {
+    // Inverse: V is the largest channel, m = (255 - S) * V / 255 the smallest, and the middle channel follows the
+    // sector's proportion of the hue in degrees.
     for (int h8 = 0; h8 < 256; ++h8)
         for (int s = 0; s < 256; s += s == 0 ? 1 : 2)
             for (int v = 0; v < 256; v += 3) {
@@ -485,3 +471,5 @@ TEST(ConvertSizes, Gray32Reductions) {
                        K_Gray32To8(&one, &out8, 0, -1, -1), K_Gray32To8(&one, &out8, 1, 0, 32)})
         EXPECT_EQ(st, KS_INVALID_PARAMETER);
 }
+
+}  // namespace

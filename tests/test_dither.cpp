@@ -1,6 +1,5 @@
-// test_dither.cpp - the dithering engine against a plain reference ditherer (every method, palette, source
-// depth, grey run, packing, block of rows), the fixed quantisers against the nearest-colour rule, the export
-// frame, K_ColorResBitmap on every storage kind, threads and allocation failures.
+// test_dither.cpp - the dithering engine against a plain reference ditherer (every method, palette, source depth,
+// grey run, packing, block of rows), the fixed quantisers, the export frame, threads and allocation failures.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -35,10 +34,7 @@ struct Rec {
     Rec(int width, int bpp, int order, int method, const Pal* pal = nullptr) {
         EXPECT_EQ(K_InitBitmap(&bm, BITMAPRECORD_SIZE, width, 1, bpp), KS_SUCCESS);
         bm.nOrder = order, bm.nDitheringMethod = method;
-        if (!pal) return;
-        bm.pPalette = static_cast<RGBQUAD*>(K_GlobalAlloc(GMEM_FIXED, pal->size() * sizeof(RGBQUAD)));
-        std::memcpy(bm.pPalette, pal->data(), pal->size() * sizeof(RGBQUAD));
-        bm.nColors = int32_t(pal->size());
+        EXPECT_TRUE(!pal || K_SetBitmapPalette(&bm, pal->data(), int32_t(pal->size())) == KS_SUCCESS);
     }
     ~Rec() { K_FreeBitmap(&bm); }
 };
@@ -51,10 +47,6 @@ Pal randomPalette(int n, uint32_t seed) {
     Pal p;
     for (int i = 0; i < n; ++i) p.push_back(quad(int(rng() & 255), int(rng() & 255), int(rng() & 255)));
     return p;
-}
-Pal shuffled(Pal p, uint32_t seed) {
-    std::mt19937 rng(seed);
-    return std::shuffle(p.begin(), p.end(), rng), p;
 }
 Pal greyRamp(int n) {
     Pal p;
@@ -84,12 +76,7 @@ std::vector<Rgb> testImage(int w, int h, uint32_t seed) {
 
 // The indices of a packed row (MSB first), appended to `out`.
 void unpack(const uint8_t* row, int w, int bits, std::vector<int>& out) {
-    for (int x = 0; x < w; ++x) {
-        int v = 0;
-        for (size_t bit = size_t(x) * size_t(bits), end = bit + size_t(bits); bit < end; ++bit)
-            v = (v << 1) | ((row[bit / 8] >> (7 - bit % 8)) & 1);
-        out.push_back(v);
-    }
+    for (int x = 0; x < w; ++x) out.push_back(int(storagetest::getPixel(row, x, bits)));
 }
 
 // A source format (palette for 1..8 bits, bit window for grey samples).
@@ -282,10 +269,11 @@ TEST(DitherQuantise, FixedCodesGiveTheNearestEntryOnADenseGrid) {
 // (shuffled, shorter, a reserved byte set) a table built for the run.
 TEST(DitherReference, EveryMethodAndPaletteMatchesThePlainDitherer) {
     struct PaletteCase { const char* name; Pal pal; bool passNull = false; int code = 0; };
-    auto withReserved = randomPalette(40, 12), reserved16 = fixedPal(4), first100 = fixedPal(7);
+    auto withReserved = randomPalette(40, 12), reserved16 = fixedPal(4), first100 = fixedPal(7), shuffled = fixedPal(4);
     for (size_t i = 0; i < withReserved.size(); i += 3) withReserved[i].rgbReserved = uint8_t(1 + i % 3);
     reserved16[3].rgbReserved = 4, first100.resize(100);
-    std::vector<PaletteCase> cases = {{"web", webPal(), false, krn::kCodeWeb}, {"shuffled16", shuffled(fixedPal(4), 5)},
+    std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(5));
+    std::vector<PaletteCase> cases = {{"web", webPal(), false, krn::kCodeWeb}, {"shuffled16", shuffled},
                                       {"random2", randomPalette(2, 9)}, {"random5", randomPalette(5, 10)},
                                       {"random40-reserved", withReserved}, {"fixed16-reserved", reserved16},
                                       {"fixed128-first100", first100}};
@@ -424,9 +412,7 @@ TEST(DitherThreads, RunsOnSeparateRecordsAreIndependent) {
     std::vector<std::vector<int>> together(4);
     std::vector<std::thread> threads;
     for (int m = 0; m < 4; ++m)
-        threads.emplace_back([&, m] {
-            for (int k = 0; k < 5; ++k) together[size_t(m)] = run(m);
-        });
+        threads.emplace_back([&, m] { for (int k = 0; k < 5; ++k) together[size_t(m)] = run(m); });
     for (auto& t : threads) t.join();
     for (int m = 0; m < 4; ++m) EXPECT_EQ(together[size_t(m)], run(m)) << "method " << m * 2;
 }
@@ -512,10 +498,9 @@ TEST(DitherWave, BlocksMatchLinesThePlainLoopAndTheReference) {
         }
 }
 
-// K_ColorResBitmap dithers like the engine row by row: grey to black and white by Floyd-Steinberg (the block
-// loop) and a photo to the sixteen fixed colours by three methods, on every storage kind, by the block loop
-// and by the row layer; under every allocation failure (on one kind) a failure leaves the source, the
-// destination record and the block count.
+// K_ColorResBitmap dithers like the engine row by row (grey to black and white, a photo to the sixteen colours by
+// three methods) on every storage kind, by the block loop and the row layer; under every allocation failure (on one
+// kind) a failure leaves the source, the destination record and the block count.
 TEST(DitherWave, ColorResMatchesTheEngineOnEveryStorageKindAndUnderAllocationFailures) {
     const int w = 61, h = 45;
     const SourceCase grey8{8, ORDER_RGB, greyRamp(256)}, bgr24{24, ORDER_BGR, {}};
@@ -524,12 +509,10 @@ TEST(DitherWave, ColorResMatchesTheEngineOnEveryStorageKindAndUnderAllocationFai
     for (int y = 0; y < h; ++y) photo.emplace_back(px.begin() + y * w * 3, px.begin() + (y + 1) * w * 3);
     const struct { const SourceCase& src; Rows rows; int bits, method; } cases[] = {
         {grey8, greyRows(w, h, 1, true, 9), 1, 1}, {bgr24, photo, 4, 1}, {bgr24, photo, 4, 2}, {bgr24, photo, 4, 7}};
-    auto read = [](BITMAPRECORD* bm, size_t bytes) {
-        Rows out(size_t(bm->nHeight), std::vector<uint8_t>(bm->nBytesPerLine));
-        for (int y = 0; y < bm->nHeight; ++y) {
-            EXPECT_GE(K_GetBitmapRow(bm, out[size_t(y)].data(), y, bm->nBytesPerLine), 0);
-            out[size_t(y)].resize(bytes);
-        }
+    auto read = [](BITMAPRECORD* bm, size_t bytes) {  // the stored rows cut to `bytes`
+        auto img = tkit::getImage(bm);
+        Rows out;
+        for (int y = 0; y < img.height; ++y) out.emplace_back(img.row(y), img.row(y) + bytes);
         return out;
     };
     for (const auto& c : cases) {

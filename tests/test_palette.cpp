@@ -21,13 +21,14 @@ RGBQUAD rgb(int r, int g, int b) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_
 bool same(const RGBQUAD* a, const RGBQUAD* b, int n) { return std::memcmp(a, b, size_t(n) * sizeof(RGBQUAD)) == 0; }
 bool same(const RGBQUAD& a, const RGBQUAD& b) { return same(&a, &b, 1); }
 
+// A single-block bitmap, or without arguments an empty record; freed at the end of its scope.
 struct Bitmap {
     BITMAPRECORD bm{};
     Bitmap() { K_InitBitmap(&bm, BITMAPRECORD_SIZE, 0, 0, 0); }
-    ~Bitmap() { K_FreeBitmap(&bm); }
-    int32_t create(int w, int h, int bpp, int order = ORDER_BGR, const RGBQUAD* pal = nullptr) {
-        return K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, bpp, order, pal, TOP_LEFT, nullptr, 0);
+    Bitmap(int w, int h, int bpp, int order = ORDER_BGR, const RGBQUAD* pal = nullptr) {
+        EXPECT_EQ(K_CreateBitmap(&bm, BITMAPRECORD_SIZE, 1, w, h, bpp, order, pal, TOP_LEFT, nullptr, 0), KS_SUCCESS);
     }
+    ~Bitmap() { K_FreeBitmap(&bm); }
 };
 
 // Entry i of the fixed palette of depth d, written from the table.
@@ -74,13 +75,12 @@ TEST(PaletteFixed, EveryDepthWebAndGreyRampsMatchTheTables) {
     for (int i = 0; i < 256; ++i)
         EXPECT_TRUE(same(web[i], i < 216 ? rgb(51 * (i / 36), 51 * ((i / 6) % 6), 51 * (i % 6)) : rgb(0, 0, 0))) << i;
     RGBQUAD buf[256];
-    EXPECT_TRUE(!K_IntGetFixedPalette(0) && !K_IntGetFixedPalette(9) && !K_CreateGrayPalette(9));
-    EXPECT_EQ(K_CreateFixedPalette(-1), nullptr);
+    EXPECT_TRUE(!K_IntGetFixedPalette(0) && !K_IntGetFixedPalette(9));
+    EXPECT_TRUE(!K_CreateGrayPalette(9) && !K_CreateFixedPalette(-1));
     for (int32_t st : {K_GetFixedPalette(buf, 9), K_GetFixedPalette(buf, -1), K_GetFixedPalette(nullptr, 8)})
         EXPECT_EQ(st, KS_INVALID_PARAMETER);
     RGBQUAD* dup = K_DupPalette(buf, 3);
-    ASSERT_NE(dup, nullptr);
-    EXPECT_TRUE(std::memcmp(dup, buf, 3 * sizeof(RGBQUAD)) == 0 && K_GlobalSize(dup) == 3 * sizeof(RGBQUAD));
+    EXPECT_TRUE(dup && same(dup, buf, 3) && K_GlobalSize(dup) == 3 * sizeof(RGBQUAD));
     K_GlobalFree(dup);
     EXPECT_TRUE(!K_DupPalette(nullptr, 3) && !K_DupPalette(buf, 0));
 }
@@ -120,37 +120,31 @@ TEST(PaletteGrey, DocumentedCasesAndRandomPalettesAgainstTheRule) {
         if (kind == 2) p[rng() % size_t(n)].rgbBlue ^= 1;  // not grey
         EXPECT_EQ(K_IsGrayScalePalette(p.data(), n), classifyRef(p)) << round;
     }
-    RGBQUAD one[1] = {rgb(0, 0, 0)};
-    EXPECT_EQ(K_IsGrayScalePalette(nullptr, 2), KS_INVALID_PARAMETER);
-    EXPECT_EQ(K_IsGrayScalePalette(one, -1), KS_INVALID_PARAMETER);
+    for (int32_t st : {K_IsGrayScalePalette(nullptr, 2), K_IsGrayScalePalette(&white, -1)})
+        EXPECT_EQ(st, KS_INVALID_PARAMETER);
 }
 
+// A bitmap has its palette's class (grey ramps of 16 entries are exact, of 8 the accumulated step misses; a ramp one
+// entry short of 2^depth leaves pixel values uncovered), black and white without a block, 0 at colour depths, and
+// for 16-bit grey its LUT's class.
 TEST(PaletteGrey, Bitmaps) {
-    for (int bpp = 1; bpp <= 8; ++bpp) {
-        Bitmap b;
-        ASSERT_EQ(b.create(4, 4, bpp, ORDER_GRAY), KS_SUCCESS);
-        // Ramps of 2, 4, 16 and 256 entries are exact; the accumulated step misses the others.
-        const bool exact = bpp == 1 || bpp == 2 || bpp == 4 || bpp == 8;
-        EXPECT_EQ(K_IntIsGrayScaleBitmap(&b.bm), exact ? 1 : 3) << bpp;
-        b.bm.nColors = (1 << bpp) - 1;  // a ramp that leaves pixel values uncovered
-        EXPECT_TRUE(!exact || bpp == 1 || K_IntIsGrayScaleBitmap(&b.bm) == 3) << bpp;
-    }
-    Bitmap colour, one, deep, grey16;
-    // the fixed 8-bit colour palette; no block: black, white; 24 bits; 16-bit grey
-    for (int32_t st : {colour.create(4, 4, 8, ORDER_BGR), K_InitBitmap(&one.bm, BITMAPRECORD_SIZE_OLD, 8, 8, 1),
-                       deep.create(4, 4, 24, ORDER_BGR), grey16.create(4, 4, 16, ORDER_GRAY)})
-        ASSERT_EQ(st, KS_SUCCESS);
-    EXPECT_TRUE(K_IntIsGrayScaleBitmap(&colour.bm) == 0 && K_IntIsGrayScaleBitmap(&one.bm) == 1);
-    EXPECT_TRUE(K_IntIsGrayScaleBitmap(&deep.bm) == 0 && K_IntIsGrayScaleBitmap(&grey16.bm) == 1);
+    Bitmap g4(4, 4, 4, ORDER_GRAY), g3(4, 4, 3, ORDER_GRAY), colour(4, 4, 8), one, deep(4, 4, 24);
+    Bitmap grey16(4, 4, 16, ORDER_GRAY);
+    ASSERT_EQ(K_InitBitmap(&one.bm, BITMAPRECORD_SIZE_OLD, 8, 8, 1), KS_SUCCESS);
+    std::vector<int> got;
+    for (BITMAPRECORD* b : {&g4.bm, &g3.bm, &colour.bm, &one.bm, &deep.bm, &grey16.bm})
+        got.push_back(K_IntIsGrayScaleBitmap(b));
+    g4.bm.nColors = 15;
+    got.push_back(K_IntIsGrayScaleBitmap(&g4.bm));
     std::vector<RGBQUAD> lut(64);
     for (int i = 0; i < 64; ++i) lut[size_t(i)] = rgb(255 - 4 * i, 255 - 4 * i, 255 - 4 * i);
     grey16.bm.pLUT = lut.data(), grey16.bm.nLUTLength = 64;
-    EXPECT_EQ(K_IntIsGrayScaleBitmap(&grey16.bm), 2);
-    lut[10] = rgb(0, 0, 0);
-    EXPECT_EQ(K_IntIsGrayScaleBitmap(&grey16.bm), 3);
-    lut[10] = rgb(0, 0, 1);
-    EXPECT_EQ(K_IntIsGrayScaleBitmap(&grey16.bm), 0);
+    for (const RGBQUAD& e : {lut[10], rgb(0, 0, 0), rgb(0, 0, 1)}) {  // descending, then one step off, then not grey
+        lut[10] = e;
+        got.push_back(K_IntIsGrayScaleBitmap(&grey16.bm));
+    }
     grey16.bm.pLUT = nullptr, grey16.bm.nLUTLength = 0;
+    EXPECT_EQ(got, (std::vector<int>{1, 3, 0, 1, 0, 1, 3, 2, 3, 0}));
     BITMAPRECORD bad = colour.bm;
     bad.uStructSize = 200;
     EXPECT_EQ(K_IntIsGrayScaleBitmap(nullptr), KS_INVALID_PARAMETER);
@@ -158,9 +152,9 @@ TEST(PaletteGrey, Bitmaps) {
 }
 
 // The table's words (nearest index + 1 on the 5-5-5 grid) are checked through colour resolution with an installed
-// table; here the refusals and a failed allocation that leaks nothing.
-TEST(PaletteMatchTable, RefusalsAndAllocationFailure) {
-    const std::vector<RGBQUAD> pal{rgb(0, 0, 0), rgb(255, 255, 255)};
+// table; here the refusals, a failed allocation that leaks nothing, and the table installed per thread.
+TEST(PaletteMatchTable, RefusalsAllocationFailureAndInstalledPerThread) {
+    std::vector<RGBQUAD> pal{rgb(0, 0, 0), rgb(255, 255, 255)};
     EXPECT_TRUE(K_FreeUserMatchTable(nullptr) == KS_SUCCESS && !K_CreateUserMatchTable(nullptr, 2));
     EXPECT_EQ(K_CreateUserMatchTable(pal.data(), 0), nullptr);
     const long live = krn::faultinject::liveBlocks();
@@ -168,10 +162,6 @@ TEST(PaletteMatchTable, RefusalsAndAllocationFailure) {
     EXPECT_EQ(K_CreateUserMatchTable(pal.data(), 2), nullptr);
     krn::faultinject::disarm();
     EXPECT_EQ(krn::faultinject::liveBlocks(), live);
-}
-
-TEST(PaletteMatchTable, InstalledPerThreadAndUninstalledOnFree) {
-    std::vector<RGBQUAD> pal{rgb(0, 0, 0), rgb(255, 255, 255)};
     uint32_t *a = K_CreateUserMatchTable(pal.data(), 2), *b = K_CreateUserMatchTable(pal.data(), 2);
     ASSERT_TRUE(a && b);
     const uint32_t* before = K_SetUserMatchTable(a);
@@ -197,8 +187,7 @@ TEST(PaletteMatchTable, InstalledPerThreadAndUninstalledOnFree) {
 
 TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
     const int32_t P = KS_INVALID_PARAMETER;
-    Bitmap b;
-    ASSERT_EQ(b.create(8, 8, 4), KS_SUCCESS);
+    Bitmap b(8, 8, 4);
     RGBQUAD mine[5] = {rgb(1, 2, 3), rgb(4, 5, 6), rgb(7, 8, 9), rgb(10, 11, 12), rgb(13, 14, 15)};
     ASSERT_EQ(K_SetBitmapPalette(&b.bm, mine, 5), KS_SUCCESS);
     EXPECT_EQ(b.bm.nColors, 5);  // padded to 2^depth with black
@@ -241,11 +230,10 @@ TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
     K_FreeBitmap(&bare);
 
     // Deep bitmaps: no colours until given some, blocks sized to the count.
-    Bitmap deep;
-    ASSERT_EQ(deep.create(4, 4, 24), KS_SUCCESS);
+    Bitmap deep(4, 4, 24);
     EXPECT_TRUE(K_GetBitmapColors(&deep.bm, 0, 4, out) == 0 && K_SetBitmapPalette(&deep.bm, nullptr, 0) == P);
-    EXPECT_EQ(K_CreateBitmapFixedPalette(&deep.bm), KS_INVALID_BITS_PER_PIXEL);
-    EXPECT_EQ(K_CreateBitmapGrayPalette(&deep.bm), KS_INVALID_BITS_PER_PIXEL);
+    for (int32_t st : {K_CreateBitmapFixedPalette(&deep.bm), K_CreateBitmapGrayPalette(&deep.bm)})
+        EXPECT_EQ(st, KS_INVALID_BITS_PER_PIXEL);
     std::vector<RGBQUAD> big(256);
     for (int i = 0; i < 256; ++i) big[size_t(i)] = rgb(i, 255 - i, i / 2);
     EXPECT_EQ(K_SetBitmapPalette(&deep.bm, big.data(), 256), KS_SUCCESS);
@@ -257,18 +245,14 @@ TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
     EXPECT_EQ(K_GlobalSize(deep.bm.pPalette), 15 * sizeof(RGBQUAD));
 
     // Copies between records.
-    Bitmap src, dst, deep2;
-    for (int32_t st : {src.create(4, 4, 8, ORDER_BGR, big.data()), dst.create(4, 4, 8), deep2.create(4, 4, 24)})
-        ASSERT_EQ(st, KS_SUCCESS);
+    Bitmap src(4, 4, 8, ORDER_BGR, big.data()), dst(4, 4, 8), deep2(4, 4, 24);
     ASSERT_EQ(K_CopyBitmapPalette(&dst.bm, &src.bm), KS_SUCCESS);
-    EXPECT_NE(dst.bm.pPalette, src.bm.pPalette);
-    EXPECT_EQ(K_CompareBitmapToPalette(&dst.bm, big.data(), 256), KS_SUCCESS);
+    EXPECT_TRUE(dst.bm.pPalette != src.bm.pPalette && K_CompareBitmapToPalette(&dst.bm, big.data(), 256) == KS_SUCCESS);
     EXPECT_EQ(K_CopyBitmapPalette(&dst.bm, &dst.bm), KS_SUCCESS);
     block = b.bm.pPalette;
     EXPECT_TRUE(K_CopyBitmapPalette(&b.bm, &src.bm) == P && b.bm.pPalette == block);  // 256 entries do not fit 4 bits
-    ASSERT_EQ(K_CopyBitmapPalette(&dst.bm, &deep2.bm), KS_SUCCESS);
-    EXPECT_TRUE(dst.bm.pPalette == nullptr && dst.bm.nColors == 256);
-    EXPECT_EQ(K_CompareBitmapToPalette(&dst.bm, nullptr, 0), KS_SUCCESS);  // falls back to the fixed palette
+    ASSERT_EQ(K_CopyBitmapPalette(&dst.bm, &deep2.bm), KS_SUCCESS);  // no palette: falls back to the fixed one
+    EXPECT_TRUE(!dst.bm.pPalette && dst.bm.nColors == 256 && K_CompareBitmapToPalette(&dst.bm, nullptr, 0) == 1);
     BITMAPRECORD bad = src.bm;
     bad.uStructSize = 1;
     EXPECT_EQ(K_CopyBitmapPalette(nullptr, &src.bm), P);
@@ -277,26 +261,19 @@ TEST(PaletteRecord, SetGetPutCopyRoundTrip) {
 }
 
 TEST(PaletteRecord, ColourValues) {
-    Bitmap p8, p8b, grey16, rgb24, p1;  // 8 bits: the fixed palette
-    for (int32_t st : {p8.create(2, 2, 8), p8b.create(2, 2, 8), grey16.create(2, 2, 16, ORDER_GRAY),
-                       rgb24.create(2, 2, 24), p1.create(2, 2, 1)})
-        ASSERT_EQ(st, KS_SUCCESS);
+    Bitmap p8(2, 2, 8), p8b(2, 2, 8), grey16(2, 2, 16, ORDER_GRAY), rgb24(2, 2, 24), p1(2, 2, 1);  // fixed palettes
     const RGBQUAD* fixed = K_IntGetFixedPalette(8);
     auto colourOf = [&](int i) { return KCOLOR_RGB(fixed[i].rgbRed, fixed[i].rgbGreen, fixed[i].rgbBlue); };
     uint32_t v = 0;
-    ASSERT_EQ(K_GetTrueColorValue(&p8.bm, KCOLOR_INDEX(77), &v), KS_SUCCESS);
-    EXPECT_EQ(v, colourOf(77));
-    ASSERT_EQ(K_GetTrueColorValue(&rgb24.bm, KCOLOR_RGB(1, 2, 3), &v), KS_SUCCESS);
-    EXPECT_EQ(v, 0x030201u);
+    EXPECT_TRUE(K_GetTrueColorValue(&p8.bm, KCOLOR_INDEX(77), &v) == KS_SUCCESS && v == colourOf(77));
+    EXPECT_TRUE(K_GetTrueColorValue(&rgb24.bm, KCOLOR_RGB(1, 2, 3), &v) == KS_SUCCESS && v == 0x030201u);
     for (int32_t st : {K_GetTrueColorValue(&rgb24.bm, KCOLOR_INDEX(0), &v), K_GetTrueColorValue(&p8.bm, 0x02000000, &v),
                        K_GetTrueColorValue(&p8.bm, KCOLOR_INDEX(256), &v), K_GetTrueColorValue(&p8.bm, 0, nullptr)})
         EXPECT_EQ(st, KS_INVALID_PARAMETER);
     // Every index of the fixed palette translates to itself through a copy of it, an RGB colour to the nearest
     // entry, into grey by the grey rule.
-    for (uint32_t i = 0; i < 256; ++i) {
-        ASSERT_EQ(K_TranslateBitmapColor(&p8b.bm, &p8.bm, KCOLOR_INDEX(i), &v), KS_SUCCESS);
-        EXPECT_EQ(v, KCOLOR_INDEX(i));
-    }
+    for (uint32_t i = 0; i < 256; ++i)
+        EXPECT_TRUE(K_TranslateBitmapColor(&p8b.bm, &p8.bm, KCOLOR_INDEX(i), &v) == KS_SUCCESS && v == KCOLOR_INDEX(i));
     const struct { BITMAPRECORD *dst, *src; uint32_t colour, want; } cases[] = {
         {&p8b.bm, nullptr, KCOLOR_RGB(250, 3, 120), KCOLOR_INDEX(K_FindPaletteIndex(fixed, 256, 250, 3, 120))},
         {&grey16.bm, &p8.bm, KCOLOR_INDEX(255), KCOLOR_RGB(255, 255, 255)},
@@ -304,10 +281,8 @@ TEST(PaletteRecord, ColourValues) {
         {&rgb24.bm, &p8.bm, KCOLOR_INDEX(3), colourOf(3)},
         {&p1.bm, nullptr, KCOLOR_RGB(250, 240, 230), KCOLOR_INDEX(1)},  // black and white palette
     };
-    for (const auto& c : cases) {
-        ASSERT_EQ(K_TranslateBitmapColor(c.dst, c.src, c.colour, &v), KS_SUCCESS);
-        EXPECT_EQ(v, c.want) << std::hex << c.colour;
-    }
+    for (const auto& c : cases)
+        EXPECT_TRUE(K_TranslateBitmapColor(c.dst, c.src, c.colour, &v) == KS_SUCCESS && v == c.want) << c.colour;
     EXPECT_EQ(K_TranslateBitmapColor(&rgb24.bm, nullptr, KCOLOR_INDEX(3), &v), KS_INVALID_PARAMETER);
 }
 
@@ -366,8 +341,7 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
             EXPECT_TRUE(K_GetBitmapPaletteEntries(&kb.bm, nullptr, 0, &n2) == KS_SUCCESS && n2 == n);  // only counted
         }
     }
-    Bitmap romm, empty;
-    ASSERT_EQ(romm.create(2, 2, 24, ORDER_ROMM), KS_SUCCESS);
+    Bitmap romm(2, 2, 24, ORDER_ROMM), empty;
     int32_t n;
     EXPECT_EQ(K_GetBitmapPaletteEntries(&romm.bm, nullptr, 0, &n), KS_UNSUPPORTED_CONVERSION);
     EXPECT_EQ(K_GetBitmapPaletteEntries(&empty.bm, nullptr, 0, &n), KS_INVALID_BITMAP);
@@ -378,10 +352,8 @@ TEST(PaletteRecord, UsedColoursOnEveryFormatAndStorageKind) {
 // Every allocation of the record helpers failing: the status is -1, the
 // record is unchanged and nothing leaks; with memory back the call works.
 TEST(PaletteRecord, AllocationFailureSweep) {
-    Bitmap b, src;
-    ASSERT_EQ(b.create(8, 8, 8), KS_SUCCESS);
     std::vector<RGBQUAD> pal(256, rgb(1, 2, 3));
-    ASSERT_EQ(src.create(8, 8, 8, ORDER_BGR, pal.data()), KS_SUCCESS);
+    Bitmap b(8, 8, 8), src(8, 8, 8, ORDER_BGR, pal.data());
     BITMAPRECORD deep;
     ASSERT_EQ(K_InitBitmap(&deep, BITMAPRECORD_SIZE, 4, 4, 24), KS_SUCCESS);
     K_GetUserMatchTable();

@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 #include <random>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include <sys/mman.h>
@@ -116,6 +116,28 @@ TEST(PaletteSearch, DifferentialAgainstLiteralWalk) {
     munmap(region, span + page);
 }
 
+// Colours `cs` in rows of `width` pixels of a 24- or 32-bit layout (red at byte r, blue at byte b) through the
+// converter into `pal` (null: the fixed palette) give the exported search's indexes.
+void expectConvertedLikeTheSearch(const std::vector<uint32_t>& cs, int bits, int order, int r, int b,
+                                  const RGBQUAD* pal, size_t width) {
+    const RGBQUAD* searched = pal ? pal : K_IntGetFixedPalette(8);
+    const size_t bpp = size_t(bits / 8);
+    std::vector<uint8_t> row(width * bpp);
+    for (size_t start = 0; start < cs.size(); start += width) {
+        const size_t n = std::min(cs.size() - start, width);
+        for (size_t i = 0; i < n; ++i) {
+            uint8_t* p = row.data() + i * bpp;
+            p[r] = uint8_t(cs[start + i] >> 16), p[1] = uint8_t(cs[start + i] >> 8), p[b] = uint8_t(cs[start + i]);
+            if (bpp == 4) p[3] = uint8_t(i * 37);
+        }
+        ASSERT_EQ(K_ConvertBuffer(row.data(), int32_t(n), bits, 8, order, ORDER_BGR, nullptr, pal), KS_SUCCESS);
+        for (size_t i = 0; i < n; ++i) {
+            const uint32_t c = cs[start + i];
+            ASSERT_EQ(row[i], K_FindPaletteIndex(searched, 256, int(c >> 16), c >> 8 & 255, c & 255)) << c;
+        }
+    }
+}
+
 // The direct index of the fixed 256-colour palette on every red and green (their ties sit midway between levels: 18,
 // 91, 164, 237) with blues on both sides of each blue boundary (the row kernels equal it over every colour:
 // ColorResSearch), and the converter's 24- and 32-bit rows into the fixed palette, a copy of it and a caller palette
@@ -125,57 +147,27 @@ TEST(SpeedPalette, FixedAndCallerPaletteIndexesEqualTheSearch) {
     for (uint32_t b : {0u, 42u, 43u, 127u, 128u, 212u, 213u, 255u})
         for (uint32_t rg = 0; rg < 65536; ++rg) colours.push_back(rg << 8 | b);
     const RGBQUAD* fixed = K_IntGetFixedPalette(8);
-    auto search = [](const RGBQUAD* p, uint32_t c) {
-        return K_FindPaletteIndex(p, 256, int(c >> 16), c >> 8 & 255, c & 255);
-    };
     for (uint32_t c : colours)
-        ASSERT_EQ(krn::fixed256Index(int(c >> 16), c >> 8 & 255, c & 255), search(fixed, c)) << std::hex << c;
+        ASSERT_EQ(krn::fixed256Index(int(c >> 16), c >> 8 & 255, c & 255),
+                  K_FindPaletteIndex(fixed, 256, int(c >> 16), c >> 8 & 255, c & 255)) << std::hex << c;
     const std::vector<RGBQUAD> copy(fixed, fixed + 256);
     std::vector<RGBQUAD> changed = copy;
     changed[77].rgbGreen ^= 1, changed[255] = changed[0];  // black at both ends
-    for (const RGBQUAD* pal : std::initializer_list<const RGBQUAD*>{nullptr, copy.data(), changed.data()})
-        for (const auto& [bits, order, r, b] : {std::tuple{24, ORDER_BGR, 2, 0}, std::tuple{32, ORDER_RGB, 0, 2}}) {
-            const size_t bpp = size_t(bits / 8), width = pal == copy.data() ? 33 : 4093;
-            std::vector<uint8_t> row(width * bpp);
-            for (size_t start = 0; start < colours.size(); start += width) {
-                const size_t n = std::min(colours.size() - start, width);
-                for (size_t i = 0; i < n; ++i) {
-                    const uint32_t c = colours[start + i];
-                    uint8_t* p = row.data() + i * bpp;
-                    p[r] = uint8_t(c >> 16), p[1] = uint8_t(c >> 8), p[b] = uint8_t(c);
-                    if (bpp == 4) p[3] = uint8_t(i * 37);
-                }
-                ASSERT_EQ(K_ConvertBuffer(row.data(), int32_t(n), bits, 8, order, ORDER_BGR, nullptr, pal), KS_SUCCESS);
-                for (size_t i = 0; i < n; ++i)
-                    ASSERT_EQ(row[i], search(pal ? pal : fixed, colours[start + i])) << bits << " " << start + i;
-            }
-        }
+    for (const RGBQUAD* pal : std::initializer_list<const RGBQUAD*>{nullptr, copy.data(), changed.data()}) {
+        expectConvertedLikeTheSearch(colours, 24, ORDER_BGR, 2, 0, pal, pal == copy.data() ? 33 : 4093);
+        expectConvertedLikeTheSearch(colours, 32, ORDER_RGB, 0, 2, pal, pal == copy.data() ? 33 : 4093);
+    }
 }
 
 // Every colour of the cube, in 24- and 32-bit rows of both orders, through the converter into the fixed palette
 // equals the exported search (about 30 s; runs with OMBRIX_LONG_TESTS=1).
 TEST(SpeedPaletteLong, FixedPaletteIndexesEqualTheSearchForEveryColour) {
     if (!std::getenv("OMBRIX_LONG_TESTS")) GTEST_SKIP() << "set OMBRIX_LONG_TESTS=1";
-    const RGBQUAD* fixed = K_IntGetFixedPalette(8);
-    const size_t width = 4093;
-    for (const auto& [bits, order, r, b] : {std::tuple{24, ORDER_BGR, 2, 0}, std::tuple{24, ORDER_RGB, 0, 2},
-                                            std::tuple{32, ORDER_BGR, 2, 0}, std::tuple{32, ORDER_RGB, 0, 2}}) {
-        const size_t bpp = size_t(bits / 8);
-        std::vector<uint8_t> row(width * bpp);
-        for (uint32_t start = 0; start < (1u << 24); start += uint32_t(width)) {
-            const size_t n = std::min<size_t>((1u << 24) - start, width);
-            for (size_t i = 0; i < n; ++i) {
-                const uint32_t c = start + uint32_t(i);
-                uint8_t* p = row.data() + i * bpp;
-                p[r] = uint8_t(c >> 16), p[1] = uint8_t(c >> 8), p[b] = uint8_t(c);
-            }
-            ASSERT_EQ(K_ConvertBuffer(row.data(), int32_t(n), bits, 8, order, ORDER_BGR, nullptr, nullptr), KS_SUCCESS);
-            for (size_t i = 0; i < n; ++i) {
-                const uint32_t c = start + uint32_t(i);
-                const int32_t want = K_FindPaletteIndex(fixed, 256, int(c >> 16), c >> 8 & 255, c & 255);
-                ASSERT_EQ(row[i], want) << bits << " " << c;
-            }
-        }
+    std::vector<uint32_t> cube(1u << 24);
+    std::iota(cube.begin(), cube.end(), 0u);
+    for (int bits : {24, 32}) {
+        expectConvertedLikeTheSearch(cube, bits, ORDER_BGR, 2, 0, nullptr, 4093);
+        expectConvertedLikeTheSearch(cube, bits, ORDER_RGB, 0, 2, nullptr, 4093);
     }
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "krn/common/palette.h"
+#include "storage_kinds.h"
 
 namespace convref {
 namespace {
@@ -16,36 +17,25 @@ bool accepted(int d) {
 }
 bool known(int o) { return o == 0 || o == 1 || o == 2 || o == 5 || o == 7; }
 
-bool srcOrderOk(int d, int o) {
+// Whether a known order suits a depth as the source or (dst) the destination.
+bool orderOk(int d, int o, bool dst) {
     if (d <= 8) return true;
     if (d == 12) return o == 2;
-    if (d == 16) return o == 0 || o == 1 || o == 2 || o == 7;
-    if (d == 32) return o == 0 || o == 1 || o == 2;
-    return o == 0 || o == 1 || o == 5;  // 24, 48, 64
-}
-bool dstOrderOk(int d, int o) {
-    if (d <= 8) return true;
-    if (d == 12) return o == 2;
-    if (d == 16) return true;  // 5 is refused with -16, the run unchanged
-    if (d == 32) return o != 7;
+    if (d == 16) return dst || o != 5;  // a wide-primaries 16-bit destination is refused with -16, the run unchanged
+    if (d == 32) return o != 7 && (dst || o != 5);
     return o == 0 || o == 1 || o == 5;  // 24, 48, 64
 }
 
-bool isGreySrc(const Request& r) {
-    return r.srcBits == 0 || (r.srcOrder == 2 && (r.srcBits == 12 || r.srcBits == 16 || r.srcBits == 32));
-}
-bool isGreyDst(const Request& r) {
-    return r.dstBits == 0 || (r.dstOrder == 2 && (r.dstBits == 12 || r.dstBits == 16 || r.dstBits == 32));
-}
+bool isGrey(int bits, int order) { return bits == 0 || (order == 2 && (bits == 12 || bits == 16 || bits == 32)); }
+bool isGreySrc(const Request& r) { return isGrey(r.srcBits, r.srcOrder); }
+bool isGreyDst(const Request& r) { return isGrey(r.dstBits, r.dstOrder); }
 int srcSampleBits(const Request& r) {
     if (r.srcBits == 0) return 8;
     if (r.srcBits == 32 && r.extra) return 16;
     return r.srcBits;
 }
 
-struct Window {
-    int lo, n;
-};
+struct Window { int lo, n; };
 
 // Effective flags after the order rules and the full-sample drop.
 uint32_t effectiveFlags(const Request& r) {
@@ -85,17 +75,6 @@ struct Pixel {
     int index = -1;
 };
 
-uint32_t getBitsMsb(const std::vector<uint8_t>& b, size_t bitPos, int n) {
-    uint32_t v = 0;
-    for (size_t p = bitPos; p < bitPos + size_t(n); ++p) v = (v << 1) | ((b[p / 8] >> (7 - p % 8)) & 1u);
-    return v;
-}
-void putBitsMsb(std::vector<uint8_t>& b, size_t bitPos, int n, uint32_t v) {
-    for (int k = 0; k < n; ++k) {
-        const size_t p = bitPos + size_t(k);
-        b[p / 8] = uint8_t((b[p / 8] & ~(0x80u >> (p % 8))) | (((v >> (n - 1 - k)) & 1u) << (7 - p % 8)));
-    }
-}
 uint32_t le(const std::vector<uint8_t>& b, size_t at, int bytes) {
     uint32_t v = 0;
     for (int k = bytes - 1; k >= 0; --k) v = (v << 8) | b[at + size_t(k)];
@@ -105,23 +84,10 @@ void putLe(std::vector<uint8_t>& b, size_t at, int bytes, uint32_t v) {
     for (int k = 0; k < bytes; ++k) b[at + size_t(k)] = uint8_t(v >> (8 * k));
 }
 
-// The 12-bit sample i, read as its own little-endian word (low 12 bits for
-// an even pixel, high 12 bits of the word one byte later for an odd one).
-uint32_t get12(const std::vector<uint8_t>& b, size_t i) {
-    const uint32_t word = le(b, (i / 2) * 3 + (i % 2), 2);
-    return (i % 2) ? (word >> 4) : (word & 0xFFF);
-}
-void put12(std::vector<uint8_t>& b, size_t i, uint32_t v) {
-    const size_t at = (i / 2) * 3 + (i % 2);
-    const uint32_t word = le(b, at, 2);
-    putLe(b, at, 2, (i % 2) ? (word & 0x000F) | ((v & 0xFFF) << 4) : (word & 0xF000) | (v & 0xFFF));
-}
-
-std::vector<RGBQUAD> fixedPal(int bits) {
-    std::vector<RGBQUAD> p(256);
-    K_GetFixedPalette(p.data(), bits);
-    p.resize(size_t(1) << bits);
-    return p;
+// The caller's palette of a 1..8-bit side, else the fixed one.
+std::vector<RGBQUAD> paletteOf(const RGBQUAD* given, int bits) {
+    const RGBQUAD* p = given ? given : K_IntGetFixedPalette(bits);
+    return std::vector<RGBQUAD>(p, p + (size_t(1) << bits));
 }
 
 int32_t inverseRow(int64_t a, int64_t b, int64_t c, int64_t ka, int64_t kb, int64_t kc, int64_t maxv) {
@@ -153,9 +119,7 @@ int expectedStatus(const Request& r) {
     uint32_t f = effectiveFlags(r);
     if ((f & 0x04u) && (f & 0x08u)) return -13;
     if ((f & 0x08u) && !(f & 0x02u)) return -13;
-    if (r.srcBits == 12 && r.srcOrder != 2) return -13;
-    if (r.dstBits == 12 && r.dstOrder != 2) return -13;
-    if (!srcOrderOk(r.srcBits, r.srcOrder) || !dstOrderOk(r.dstBits, r.dstOrder)) return -13;
+    if (!orderOk(r.srcBits, r.srcOrder, false) || !orderOk(r.dstBits, r.dstOrder, true)) return -13;
     Window w;
     if (isGreySrc(r) && !window(rangeKept(f, 0x04u, r, srcSampleBits(r)), r.lowBit, r.highBit, srcSampleBits(r), w))
         return -13;
@@ -193,19 +157,19 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
         window(rangeKept(f, 0x04u, r, srcSampleBits(r)), r.lowBit, r.highBit, srcSampleBits(r), sw);
     std::vector<RGBQUAD> spal;
     if (r.srcBits >= 1 && r.srcBits <= 8)
-        spal = r.srcPal ? std::vector<RGBQUAD>(r.srcPal, r.srcPal + (size_t(1) << r.srcBits)) : fixedPal(r.srcBits);
+        spal = paletteOf(r.srcPal, r.srcBits);
     const bool undoWide = r.srcOrder == 5 && r.dstOrder != 5 && (r.srcBits == 24 || r.srcBits == 48 || r.srcBits == 64);
     // Source order as red-first (0) or blue-first (1, and 5 after the inverse).
     const int so = r.srcOrder == 5 ? 1 : r.srcOrder;
     for (size_t i = 0; i < w; ++i) {
         Pixel& p = px[i];
         if (r.srcBits >= 1 && r.srcBits <= 8) {
-            p.index = int(getBitsMsb(src, i * size_t(r.srcBits), r.srcBits));
+            p.index = int(storagetest::getPixel(src.data(), int32_t(i), r.srcBits));
             const RGBQUAD& e = spal[size_t(p.index)];
             p.rgb[0] = e.rgbRed * 257u, p.rgb[1] = e.rgbGreen * 257u, p.rgb[2] = e.rgbBlue * 257u;
         } else if (isGreySrc(r)) {
             uint64_t sample = r.srcBits == 0    ? src[i]
-                              : r.srcBits == 12 ? get12(src, i)
+                              : r.srcBits == 12 ? storagetest::getPixel12(src.data(), int32_t(i))
                               : r.srcBits == 16 ? le(src, 2 * i, 2)
                                                 : le(src, 4 * i, 4);
             p.grey = true;
@@ -249,7 +213,7 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
         window(rangeKept(f, 0x08u, r, depthBits(r.dstBits)), r.lowBit, r.highBit, depthBits(r.dstBits), dw);
     std::vector<RGBQUAD> dpal;
     if (r.dstBits >= 1 && r.dstBits <= 8)
-        dpal = r.dstPal ? std::vector<RGBQUAD>(r.dstPal, r.dstPal + (size_t(1) << r.dstBits)) : fixedPal(r.dstBits);
+        dpal = paletteOf(r.dstPal, r.dstBits);
     const bool transparent = (r.flags & 0x80u) && (r.dstBits == 32 || r.dstBits == 64);
     const bool crIsIndex = (r.crTransparent >> 24) == 1;
     const int dOrder = r.dstOrder == 5 ? 1 : r.dstOrder;
@@ -263,7 +227,7 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
             uint32_t g = p.grey ? scale(p.value, sw.n, dw.n) : scale((2 * R8 + 5 * G8 + B8 + 4) / 8, 8, dw.n);
             uint32_t v = g << dw.lo;
             if (r.dstBits == 0) out[i] = uint8_t(v);
-            if (r.dstBits == 12) put12(out, i, v);
+            if (r.dstBits == 12) storagetest::setPixel(out.data(), int32_t(i), 12, v);
             if (r.dstBits == 16) putLe(out, 2 * i, 2, v);
             if (r.dstBits == 32) putLe(out, 4 * i, 4, v);
             continue;
@@ -272,7 +236,7 @@ std::vector<uint8_t> convert(const Request& r, const std::vector<uint8_t>& origi
             int idx = -1;
             if (r.tree) idx = treeAnswer(dpal.data(), int(dpal.size()), int(R8), int(G8), int(B8));
             if (idx < 0) idx = krn::findPaletteIndexScalar(dpal.data(), int(dpal.size()), int(R8), int(G8), int(B8));
-            putBitsMsb(out, i * size_t(r.dstBits), r.dstBits, uint32_t(idx));
+            storagetest::setPixel(out.data(), int32_t(i), r.dstBits, uint32_t(idx));
             continue;
         }
         const bool hit = transparent && (crIsIndex ? p.index >= 0 && p.index == int(r.crTransparent & 0xFF)

@@ -1,7 +1,7 @@
 // convert_reference.h - a plain reference buffer converter for the tests, written for clarity, not speed: it reads
 // the whole source run into a list of pixels, then writes every destination pixel into a copy of the original bytes.
 // It shares no code with the library's converter; only the nearest-colour scan (the palette family's own reference)
-// is borrowed.
+// and the tests' pixel packing (storage_kinds.h) are borrowed.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,7 @@ struct Request {
     int width = 0;
     int srcBits = 24, dstBits = 24;
     int srcOrder = 1, dstOrder = 1;
-    const RGBQUAD* srcPal = nullptr;
-    const RGBQUAD* dstPal = nullptr;
+    const RGBQUAD *srcPal = nullptr, *dstPal = nullptr;
     bool extra = false;
     uint32_t flags = 0;
     int lowBit = -1, highBit = -1;

@@ -10,9 +10,7 @@
 
 namespace ditherref {
 
-struct Rgb {
-    int r, g, b;
-};
+struct Rgb { int r, g, b; };
 
 // The kernel's grey: (2R + 5G + B + 4) >> 3.
 inline int grey(int r, int g, int b) { return (2 * r + 5 * g + b + 4) >> 3; }
@@ -28,10 +26,7 @@ struct Target {
 
 // Weights of methods 1..6 (Floyd-Steinberg, Stucki, Burkes, Sierra, Stevenson-Arce, Jarvis): rows 0 (the current
 // row, right of the pixel only) to 3, columns -3..+3.
-struct Matrix {
-    int divisor;
-    int w[4][7];
-};
+struct Matrix { int divisor, w[4][7]; };
 inline const Matrix kMatrices[6] = {
     {16, {{0, 0, 0, 0, 7, 0, 0}, {0, 0, 3, 5, 1, 0, 0}, {}, {}}},
     {42, {{0, 0, 0, 0, 8, 4, 0}, {0, 2, 4, 8, 4, 2, 0}, {0, 1, 2, 4, 2, 1, 0}, {}}},
