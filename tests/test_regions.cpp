@@ -424,7 +424,9 @@ TEST(RegionsEngine, AllocationFailureWalk) {
         calls.push_back({"CombineRgn long rows", [&, mode] { return into(CombineRgn(d, la, lb, mode)); }});
     }
     auto drop = [&](HRGN h) { h == d ? void(SetRectRgn(d, 1, 2, 3, 4)) : void(DeleteObject(h)); };
-    for (const auto& [what, run] : calls) {
+    for (const auto& call : calls) {
+        const auto& what = call.first;  // plain names: clang 14 cannot capture structured bindings in lambdas
+        const auto& run = call.second;
         const HRGN clean = run();  // the reference result
         ASSERT_NE(clean, nullptr) << what;
         const std::vector<uint8_t> want = rgntest::regionData(clean);
