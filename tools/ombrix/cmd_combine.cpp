@@ -27,10 +27,6 @@ const OpName kOps[] = {{"and", CombineAnd},          {"or", CombineOr},
                        {"divide-destination", CombineDivideDestination}, {"average", CombineAverage},
                        {"min", CombineMinimum},      {"max", CombineMaximum},
                        {"none", CombineNoOperation}, {"alpha-over", CombineAlphaOver}};
-const char* const kOperators[] = {"value", "invert", "zero", "ones"};
-
-
-
 
 // Both pictures in one depth: kept when they agree, else both as 24-bit BGR.
 int32_t sameDepth(BITMAPRECORD& a, BITMAPRECORD& b) {
