@@ -183,6 +183,25 @@ TEST(RegionsEngine, RectangleAndDataEdgeCases) {
     for (HRGN x : {h, t, d}) DeleteObject(x);
 }
 
+// Rectangles and discs that share an edge: on every row one of the two runs of an XOR or a difference is empty, so
+// the bounds come from the other (the merge of single runs finds them without a mask).
+TEST(RegionsEngine, SharedEdgesGiveExactBounds) {
+    const RECT a{0, 0, 60, 40};
+    for (const RECT& b : {RECT{0, 0, 30, 40}, RECT{30, 0, 60, 40}, RECT{0, 10, 60, 30}, RECT{20, 0, 40, 40}})
+        for (int disc = 0; disc < 2; ++disc)
+            for (int k = 0; k < 4; ++k) {
+                const auto make = disc ? CreateEllipticRgn : CreateRectRgn;
+                HRGN ha = make(a.left, a.top, a.right, a.bottom), hb = make(b.left, b.top, b.right, b.bottom);
+                HRGN d = CreateRectRgn(0, 0, 0, 0);
+                const Mask ma = maskOf(ha, kWin), mb = maskOf(hb, kWin);
+                if (disc) ASSERT_TRUE(ma.count() > 0 && mb.count() > 0);
+                else ASSERT_TRUE(ma == rgntest::rectMask(kWin, {a}) && mb == rgntest::rectMask(kWin, {b}));
+                CombineRgn(d, ha, hb, kModes[k]);
+                expectMatches(d, ma.combine(mb, k), "shared edges, mode " + std::to_string(k));
+                for (HRGN h : {ha, hb, d}) DeleteObject(h);
+            }
+}
+
 // Every mode in both orders into a destination with blocks of its own, the destination as a source, and the in-place
 // kernel combine giving the same runs; sources (each checked against its own mask first): API shapes, rectangle sets in
 // five layouts (overlapping, b below a, b right of a, a empty, b empty), banded shapes (one in ten identical), long

@@ -93,6 +93,30 @@ inline uint32_t runsEndingBy(const int32_t* q, const int32_t* qe, int32_t x) noe
     return lo;
 }
 
+// Union of a single run [s, e) with a row of several runs that interleaves
+// with it (a disc over a checkerboard): the row's runs that end before s and
+// those that start after e are copied as they are, and the runs between
+// (they overlap or touch [s, e)) join the single run. Both ends are found by
+// halving, so the runs the single run covers are never read, and the runs
+// outside it are copied as blocks instead of merged one by one.
+inline uint32_t orOneRun(int32_t s, int32_t e, const int32_t* x, uint32_t n, int32_t* out) noexcept {
+    const uint32_t i = s == INT32_MIN ? 0 : runsEndingBy(x, x + n, s - 1);
+    uint32_t j = i, hi = n / 2;  // j: the first run that starts after e
+    while (j < hi) {
+        const uint32_t mid = j + (hi - j) / 2;
+        if (x[2 * mid] <= e)
+            j = mid + 1;
+        else
+            hi = mid;
+    }
+    copyValues(out, x, 2 * i);
+    int32_t* o = out + 2 * i;
+    o[0] = j > i ? std::min(s, x[2 * i]) : s;
+    o[1] = j > i ? std::max(e, x[2 * j - 1]) : e;
+    copyValues(o + 2, x + 2 * j, n - 2 * j);
+    return 2 * i + 2 + (n - 2 * j);
+}
+
 // Union of rows whose runs interleave: a run is taken from the side with the
 // smaller start and extends the current output run while it overlaps or
 // touches it.
@@ -486,6 +510,28 @@ inline uint32_t pairRow(const int32_t* a, const int32_t* b, int32_t* out, int32_
         out[0] = a0 < b0 ? a0 : b0;
         out[1] = a1 > b1 ? a1 : b1;
         return 2;
+    } else if constexpr (O == Op::Xor) {
+        // The four x values in order are v0 <= v1 <= v2 <= v3 (the two runs
+        // apart, overlapping or nested); the result is [v0, v1) and [v2, v3),
+        // each kept when not empty, joined when they touch (then both are).
+        const int32_t hi0 = a0 > b0 ? a0 : b0, lo1 = a1 < b1 ? a1 : b1;
+        const int32_t v0 = a0 < b0 ? a0 : b0, v1 = hi0 < lo1 ? hi0 : lo1, v2 = hi0 < lo1 ? lo1 : hi0,
+                      v3 = a1 > b1 ? a1 : b1;
+        first = v0 < v1 ? v0 : v2;
+        last = v2 < v3 ? v3 : v1;
+        if (v1 == v2) {
+            out[0] = v0;
+            out[1] = v3;
+            return 2;
+        }
+        int32_t* o = out;
+        o[0] = v0;
+        o[1] = v1;
+        o += 2 * int(v0 < v1);
+        o[0] = v2;
+        o[1] = v3;
+        o += 2 * int(v2 < v3);
+        return uint32_t(o - out);
     } else {
         // [a0, min(b0, a1)) and [max(b1, a0), a1), each kept when not empty
         // (b left of, right of, inside or over a all come out right).
@@ -612,7 +658,11 @@ inline uint32_t mergeRow(const int32_t* a, uint32_t na, const int32_t* b, uint32
     }
     const bool split = na >= kSplitMin && nb >= kSplitMin && !(periodic(a) && periodic(b));
     if constexpr (O == Op::And) return split ? andSplit(a, na, b, nb, out) : andRuns(a, na, b, nb, out);
-    if constexpr (O == Op::Or) return split ? orSplit(a, na, b, nb, out) : orRuns(a, na, b, nb, out);
+    if constexpr (O == Op::Or) {
+        if (na == 2) return orOneRun(a[0], a[1], b, nb, out);
+        if (nb == 2) return orOneRun(b[0], b[1], a, na, out);
+        return split ? orSplit(a, na, b, nb, out) : orRuns(a, na, b, nb, out);
+    }
     if constexpr (O == Op::Diff) return split ? diffSplit(a, na, b, nb, out) : diffRuns(a, na, b, nb, out);
     return xorEdges(a, na, b, nb, out);
 }
@@ -748,11 +798,9 @@ int32_t combineRows(const OrvaRgn* a, const OrvaRgn* b, OrvaRgn** out, OrvaRgn* 
             const PairSpan span{ea, eb, runA, runB, run, rowOut};
             RecentRows recent;
             for (uint32_t k = 0; k < rows; ++k) {
-                if constexpr (O != Op::Xor) {
-                    if (ea[k].uCount == 2 && eb[k].uCount == 2) {
-                        k = pairRows<O, !knownBounds>(span, k, rows, values, left, right);
-                        if (k == rows) break;
-                    }
+                if (ea[k].uCount == 2 && eb[k].uCount == 2) {
+                    k = pairRows<O, !knownBounds>(span, k, rows, values, left, right);
+                    if (k == rows) break;
                 }
                 const ORVARGNROW ra = ea[k], rb = eb[k];
                 const uint32_t na = ra.uCount, nb = rb.uCount;
