@@ -79,8 +79,9 @@ Result decodePng(const uint8_t* data, size_t size, Raster& out) {
         if (job->res.ok()) {
             // Transparency is kept as alpha: a transparency chunk (palette alphas or a colour key) and grey
             // with alpha make the picture RGBA, the one bitmap format with an alpha channel.
-            if (png_get_valid(png, info, PNG_INFO_tRNS)) png_set_tRNS_to_alpha(png);
-            if (png_get_valid(png, info, PNG_INFO_tRNS) || type == PNG_COLOR_TYPE_GRAY_ALPHA) {
+            const bool keyed = png_get_valid(png, info, PNG_INFO_tRNS) != 0;
+            if (keyed) png_set_tRNS_to_alpha(png);
+            if (keyed || type == PNG_COLOR_TYPE_GRAY_ALPHA) {
                 if (type == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(png);
                 if (!(type & PNG_COLOR_MASK_COLOR)) png_set_gray_to_rgb(png);
             }

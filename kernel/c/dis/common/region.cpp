@@ -93,6 +93,20 @@ inline uint32_t runsEndingBy(const int32_t* q, const int32_t* qe, int32_t x) noe
     return lo;
 }
 
+// The first run from run `from` on (of `runs` runs at xs) that starts at or
+// right of x, by halving: the runs before it start left of x.
+inline uint32_t firstRunFrom(const int32_t* xs, uint32_t from, uint32_t runs, int32_t x) noexcept {
+    uint32_t lo = from, hi = runs;
+    while (lo < hi) {
+        const uint32_t mid = lo + (hi - lo) / 2;
+        if (xs[2 * mid] < x)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo;
+}
+
 // Union of a single run [s, e) with a row of several runs that interleaves
 // with it (a disc over a checkerboard): the row's runs that end before s and
 // those that start after e are copied as they are, and the runs between
@@ -101,14 +115,7 @@ inline uint32_t runsEndingBy(const int32_t* q, const int32_t* qe, int32_t x) noe
 // outside it are copied as blocks instead of merged one by one.
 inline uint32_t orOneRun(int32_t s, int32_t e, const int32_t* x, uint32_t n, int32_t* out) noexcept {
     const uint32_t i = s == INT32_MIN ? 0 : runsEndingBy(x, x + n, s - 1);
-    uint32_t j = i, hi = n / 2;  // j: the first run that starts after e
-    while (j < hi) {
-        const uint32_t mid = j + (hi - j) / 2;
-        if (x[2 * mid] <= e)
-            j = mid + 1;
-        else
-            hi = mid;
-    }
+    const uint32_t j = e == INT32_MAX ? n / 2 : firstRunFrom(x, i, n / 2, e + 1);  // the first run after e
     copyValues(out, x, 2 * i);
     int32_t* o = out + 2 * i;
     o[0] = j > i ? std::min(s, x[2 * i]) : s;
@@ -282,15 +289,7 @@ inline Halves splitRows(const int32_t* a, uint32_t na, const int32_t* b, uint32_
     Halves h;
     h.ia = (na / 2) & ~1u;
     const int32_t p = a[h.ia];
-    // First run of b starting at or after p (starts are b[0], b[2], ...).
-    uint32_t lo = 0, hi = nb / 2;
-    while (lo < hi) {
-        const uint32_t mid = (lo + hi) / 2;
-        if (b[2 * mid] < p)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
+    const uint32_t lo = firstRunFrom(b, 0, nb / 2, p);  // the first run of b starting at or after p
     h.jbHi = 2 * lo;
     h.jbLo = (lo > 0 && b[2 * lo - 1] > p) ? 2 * lo - 2 : 2 * lo;  // the run across p is in both
     return h;
@@ -445,14 +444,7 @@ inline uint32_t diffSplit(const int32_t* a, uint32_t na, const int32_t* b, uint3
 // runs between are copied and the two end runs cut.
 inline uint32_t clipRow(const int32_t* xs, uint32_t n, int32_t l, int32_t r, int32_t* out) noexcept {
     const uint32_t i = runsEndingBy(xs, xs + n, l);
-    uint32_t lo = i, hi = n / 2;
-    while (lo < hi) {
-        const uint32_t mid = lo + (hi - lo) / 2;
-        if (xs[2 * mid] < r)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
+    const uint32_t lo = firstRunFrom(xs, i, n / 2, r);
     const uint32_t m = 2 * (lo - i);
     if (m == 0) return 0;
     copyValues(out, xs + 2 * i, m);
