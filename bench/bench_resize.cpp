@@ -3,7 +3,8 @@
 // libyuv scaling, Pillow through bench/pillow_resize.py), all into
 // preallocated targets.
 //
-//   BM_Resize_Nearest24_{Half,Double}_*       nearest pixel, 24 bits
+//   BM_Resize_Nearest24_{Half,Double}_*       nearest pixel, 24 bits (_TrafficOnly: the
+//                                             halving's reads and writes without its arithmetic)
 //   BM_Resize_{Linear,Cubic}{24,32}_{Up,Down}_* enlarge 1.5x / reduce 0.5x
 //     _Ombrix1T    one thread           _Ombrix2T   two threads, row helper
 //     _StdThreads2 two std::threads, each the one-thread job on its own target
@@ -14,6 +15,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <immintrin.h>
 #include <map>
 #include <string>
 #include <thread>
@@ -105,6 +107,28 @@ void stdThreads(benchmark::State& state, Filter f, int32_t bpp, int32_t w, int32
     state.SetItemsProcessed(int64_t(state.iterations()) * 2);
 }
 
+// The memory traffic of the halving without its arithmetic: every source row
+// it reads, read whole, and half its bytes written (the OR of each 64 bytes'
+// halves), into a target of the halving's size.
+__attribute__((target("avx2"))) void halvingTraffic(benchmark::State& state) {
+    Bitmap& s = source(24);
+    Bitmap d(kW / 2, kH / 2, 24, false);
+    const size_t sbpl = s.bm.nBytesPerLine, dbpl = d.bm.nBytesPerLine, n = size_t(kW) * 3 / 64;
+    for (auto _ : state) {
+        for (int32_t y = 0; y < kH / 2; ++y) {
+            const uint8_t* r = s.bm.pData + size_t(2 * y) * sbpl;
+            uint8_t* o = d.bm.pData + size_t(y) * dbpl;
+            for (size_t i = 0; i < n; ++i) {
+                const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(r + 64 * i));
+                const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(r + 64 * i + 32));
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(o + 32 * i), _mm256_or_si256(a, b));
+            }
+        }
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(d.bytes()));
+}
+
 void memcpyCase(benchmark::State& state, int32_t bpp, int32_t w, int32_t h) {
     uint32_t bpl = uint32_t(((int64_t(w) * bpp + 31) / 32) * 4);
     bench::memcpyBaseline(state, size_t(bpl) * size_t(h));
@@ -177,6 +201,7 @@ void registerAll() {
         const std::string n = std::string("BM_Resize_Nearest24_") + (half ? "Half" : "Double");
         ms(benchmark::RegisterBenchmark((n + "_Ombrix").c_str(), [=](benchmark::State& s) { ombrix(s, Filter::Nearest, 24, w, h, 1); }));
         ms(benchmark::RegisterBenchmark((n + "_Memcpy").c_str(), [=](benchmark::State& s) { memcpyCase(s, 24, w, h); }));
+        if (half) ms(benchmark::RegisterBenchmark((n + "_TrafficOnly").c_str(), halvingTraffic));
 #ifdef OMBRIX_HAVE_OPENCV
         ms(benchmark::RegisterBenchmark((n + "_OpenCV").c_str(), [=](benchmark::State& s) { opencv(s, cv::INTER_NEAREST, 24, w, h); }));
 #endif

@@ -116,7 +116,8 @@ ROWS.append(R(12, "OpenCV clone 24-bit (new matrix), for comparison", 0.0, "coun
               op_b="BM_Copy_Peer_OpenCVClone/24/manual_time", counter="ratio_vs_memcpy", peer_counters=[]))
 ROWS.append(R(13, "nearest 24-bit halving", 0.8, "memcpy", op_b="BM_Resize_Nearest24_Half_Ombrix",
               mem="BM_Resize_Nearest24_Half_Memcpy",
-              peers=[("OpenCV", "BM_Resize_Nearest24_Half_OpenCV"), ("libyuv", "BM_Resize_Nearest24_Half_libyuv"),
+              peers=[("read the rows it needs, write half (no arithmetic)", "BM_Resize_Nearest24_Half_TrafficOnly"),
+                     ("OpenCV", "BM_Resize_Nearest24_Half_OpenCV"), ("libyuv", "BM_Resize_Nearest24_Half_libyuv"),
                      ("Pillow", "BM_Resize_Nearest24_Half_Pillow/iterations:1/manual_time")]))
 ROWS.append(R(13, "nearest 24-bit doubling", 0.35, "memcpy", op_b="BM_Resize_Nearest24_Double_Ombrix",
               mem="BM_Resize_Nearest24_Double_Memcpy",

@@ -245,6 +245,8 @@ void bytesToFloats(const uint8_t* s, float* o, int32_t m) noexcept {
     if (!resampletest::g_forcePlain.load(std::memory_order_relaxed)) {
         const __m128i z = _mm_setzero_si128();
         for (; i + 16 <= m; i += 16) {
+            // The hardware prefetchers stop at page ends: ask a page ahead.
+            if ((i & 63) == 0) _mm_prefetch(reinterpret_cast<const char*>(s + i + 4096), _MM_HINT_T0);
             const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
             const __m128i lo = _mm_unpacklo_epi8(b, z), hi = _mm_unpackhi_epi8(b, z);
             _mm_storeu_ps(o + i, _mm_cvtepi32_ps(_mm_unpacklo_epi16(lo, z)));
@@ -559,6 +561,29 @@ __attribute__((target("avx2,fma"))) void hpassVec(const float* in, float* out, c
         }
     }
 }
+// Four channels, an even tap count: one 8-float load holds two neighbouring
+// source pixels, multiplied by their two weights spread over the halves, and
+// the halves are added at the end (half the loads of the pixel-at-a-time loop,
+// which is bound by them).
+__attribute__((target("avx2,fma"), always_inline)) inline __m256 spreadPair(const float* w, __m256i spread) noexcept {
+    double two;
+    std::memcpy(&two, w, sizeof two);
+    return _mm256_permutevar8x32_ps(_mm256_castpd_ps(_mm256_set1_pd(two)), spread);
+}
+template <int T>
+__attribute__((target("avx2,fma"))) void hpassPairs4(const float* in, float* out, const Axis& ax, int32_t n) noexcept {
+    static_assert(T % 2 == 0);
+    const int32_t* st = ax.fixedStart.get();
+    const float* wt = ax.fixedWeight.get();
+    const __m256i spread = _mm256_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1);
+    for (int32_t i = 0; i < n; ++i) {
+        const float* p = in + size_t(st[i]) * 4;
+        const float* w = wt + size_t(i) * T;
+        __m256 acc = _mm256_mul_ps(spreadPair(w, spread), _mm256_loadu_ps(p));
+        for (int k = 2; k < T; k += 2) acc = _mm256_fmadd_ps(spreadPair(w + k, spread), _mm256_loadu_ps(p + 4 * k), acc);
+        _mm_storeu_ps(out + size_t(i) * 4, _mm_add_ps(_mm256_castps256_ps128(acc), _mm256_extractf128_ps(acc, 1)));
+    }
+}
 // Straight from 8-bit samples (24 and 32 bits in storage order, no conversion needed).
 using H8Fn = void (*)(const uint8_t*, float*, const Axis&, int32_t);
 template <int C>
@@ -590,6 +615,41 @@ __attribute__((target("avx2,fma"))) void vpassAvx2(const float* const* rows, con
     vpassBody<float>(rows, w, taps, out, m);
 }
 
+// The chunked path's vertical pass and rounding in one: 32 samples summed over
+// the taps in registers, rounded (half up, saturating) and packed to bytes, so
+// the sums never go through memory.
+using VBFn = void (*)(const float* const*, const float*, int32_t, uint8_t*, int32_t);
+__attribute__((target("avx2,fma"))) void vpassBytesAvx2(const float* const* rows, const float* w, int32_t taps,
+                                                        uint8_t* d, int32_t m) noexcept {
+    const __m256 half = _mm256_set1_ps(0.5f);
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    int32_t i = 0;
+    for (; i + 32 <= m; i += 32) {
+        const __m256 w0 = _mm256_set1_ps(w[0]);
+        const float* r = rows[0] + i;
+        __m256 a = _mm256_mul_ps(w0, _mm256_loadu_ps(r)), b = _mm256_mul_ps(w0, _mm256_loadu_ps(r + 8));
+        __m256 c = _mm256_mul_ps(w0, _mm256_loadu_ps(r + 16)), e = _mm256_mul_ps(w0, _mm256_loadu_ps(r + 24));
+        for (int32_t k = 1; k < taps; ++k) {
+            const __m256 wk = _mm256_set1_ps(w[k]);
+            r = rows[k] + i;
+            a = _mm256_fmadd_ps(wk, _mm256_loadu_ps(r), a);
+            b = _mm256_fmadd_ps(wk, _mm256_loadu_ps(r + 8), b);
+            c = _mm256_fmadd_ps(wk, _mm256_loadu_ps(r + 16), c);
+            e = _mm256_fmadd_ps(wk, _mm256_loadu_ps(r + 24), e);
+        }
+        // Values in (-1, 0) truncate to 0; packs and packus saturate to 0..255.
+        const __m256i ia = _mm256_cvttps_epi32(_mm256_add_ps(a, half)), ib = _mm256_cvttps_epi32(_mm256_add_ps(b, half));
+        const __m256i ic = _mm256_cvttps_epi32(_mm256_add_ps(c, half)), ie = _mm256_cvttps_epi32(_mm256_add_ps(e, half));
+        const __m256i bytes = _mm256_packus_epi16(_mm256_packs_epi32(ia, ib), _mm256_packs_epi32(ic, ie));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i), _mm256_permutevar8x32_epi32(bytes, order));
+    }
+    for (; i < m; ++i) {
+        float acc = w[0] * rows[0][i];
+        for (int32_t k = 1; k < taps; ++k) acc += w[k] * rows[k][i];
+        d[i] = uint8_t(clampRound(acc, 255.f));
+    }
+}
+
 bool useAvx2() noexcept {
     if (resampletest::g_forcePlain.load()) return false;
     __builtin_cpu_init();
@@ -619,6 +679,15 @@ HFn pickVec(int32_t t) noexcept {
 }
 
 HFn pickH(int32_t c, int32_t fixedTaps, bool avx) noexcept {
+    if (avx && c == 4) {
+        switch (fixedTaps) {
+            case 2: return hpassPairs4<2>;
+            case 4: return hpassPairs4<4>;
+            case 6: return hpassPairs4<6>;
+            case 8: return hpassPairs4<8>;
+            default: break;
+        }
+    }
     if (avx && c > 1) {
         if (HFn v = c == 3 ? pickVec<3>(fixedTaps) : pickVec<4>(fixedTaps)) return v;
     }
@@ -664,6 +733,7 @@ struct Job {
     bool verticalFirst;  // ring rows are decoded source rows; the horizontal pass follows
     V8Fn v8;             // vertical-first straight from stored 8-bit rows (24/32 bits as stored)
     bool chunked;        // horizontal first into 24/32-bit BGR: vertical sums stored a chunk at a time
+    VBFn vb;             // ... or summed and rounded to bytes in one vector pass
     // Whole-factor area reduction of 8-bit samples kept in one layout (8-bit
     // grey, 24 and 32 bits): integer block means instead of the float passes.
     int32_t boxX, boxY;  // block size; boxX == 0: not this path
@@ -843,7 +913,8 @@ int32_t runBand(const Job& j, int32_t y0, int32_t y1) noexcept {
             uint8_t* d = j.out->base ? j.out->base + uint64_t(ty) * j.dst->nBytesPerLine : outRaw.get();
             const float* part[64];
             constexpr int32_t kChunk = 2048;
-            for (int32_t off = 0; off < int32_t(rowFloats); off += kChunk) {
+            if (j.vb) j.vb(ptrs.get(), wts, n, d, int32_t(rowFloats));
+            for (int32_t off = 0; off < int32_t(rowFloats) && !j.vb; off += kChunk) {
                 const int32_t len = std::min<int32_t>(kChunk, int32_t(rowFloats) - off);
                 for (int32_t k = 0; k < n; ++k) part[k] = ptrs.get()[k] + off;
                 j.v(part, wts, n, acc, len);
@@ -942,6 +1013,7 @@ int32_t resampleInto(BITMAPRECORD* src, BITMAPRECORD* dst, ResampleFilter filter
         j.scale == 1.0f && !j.premul)
         j.v8 = avx ? vpass8Avx2 : vpass8Plain;
     j.v = avx ? vpassAvx2 : vpassPlain;
+    j.vb = avx && j.chunked ? vpassBytesAvx2 : nullptr;
 
     int32_t okS = 0, okD = 0;
     rc = K_IntAccessBitmap(src, &okS);
