@@ -504,6 +504,25 @@ OMBRIX_AVX2_PW inline void touchForWrite(uint8_t* p, size_t bytes) {
     for (size_t o = 0; o < bytes; o += 64) __builtin_prefetch(p + o, 1, 3);
 }
 constexpr size_t kTouchBytes = 16384;
+// Walking down, the step about a page below the current one (In source and
+// Out target bytes a step, in place): its source lines prefetched for
+// reading, its target lines for writing, so that the walk does not wait for
+// either when it gets there. On a whole 4000x3000 image in place, 5-6-5 to 24
+// bits went from 1.56-1.65 to 1.25-1.31 ms and 24 to 32 from 1.97-2.07 to
+// 1.58-1.64 ms. The step must be inlined: a call would spill the walk's
+// vector constants.
+// Only for runs of at least kFarBytes of source (a whole image in one call):
+// a row-sized run gained nothing and measured slower with it.
+constexpr size_t kFarBytes = size_t(1) << 16;
+template <size_t In, size_t Out>
+OMBRIX_AVX2_PW __attribute__((always_inline)) inline void prefetchBelow(bool far, const uint8_t* s, const uint8_t* d) {
+    if (!far) return;
+    // Addresses as integers: below the run's start they are only prefetched,
+    // which never faults.
+    const uintptr_t ps = reinterpret_cast<uintptr_t>(s) - 4096, pd = reinterpret_cast<uintptr_t>(d) - 4096 / In * Out;
+    for (size_t o = 0; o < In; o += 64) _mm_prefetch(reinterpret_cast<const char*>(ps + o), _MM_HINT_T0);
+    for (size_t o = 0; o < Out; o += 64) __builtin_prefetch(reinterpret_cast<const char*>(pd + o), 1, 3);
+}
 // Calls step(k) for k = steps - 1 down to 0, touching each chunk of steps
 // (outBytes of destination each, from dst) before walking it.
 template <class Step>
@@ -522,6 +541,7 @@ template <bool Swap>
 OMBRIX_AVX2_PW void avx2_24to32_back(uint8_t* buf, size_t w) {
     const size_t steps = w / 32, end = 32 * steps;
     touchForWrite(buf + 128 * steps, 4 * (w - end));
+    const bool far = 3 * w >= kFarBytes;
     auto plain = [buf](size_t i) {
         pick3<Swap, 1, 0>(buf + 3 * i, buf + 4 * i);
         buf[4 * i + 3] = 255;
@@ -534,6 +554,7 @@ OMBRIX_AVX2_PW void avx2_24to32_back(uint8_t* buf, size_t w) {
     const __m256i alpha = _mm256_set1_epi32(int32_t(0xFF000000u));
     backInChunks(buf, steps, 128, [&](size_t k) OMBRIX_AVX2_PW {
         const uint8_t* s = buf + 96 * k;
+        prefetchBelow<96, 128>(far, s, buf + 128 * k);
         const __m256i a = spread24(s), b = spread24(s + 24), c = spread24(s + 48), d = spread24(s + 72);
         uint8_t* o = buf + 128 * k;
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(o + 96), _mm256_or_si256(_mm256_shuffle_epi8(d, m), alpha));
@@ -579,6 +600,7 @@ inline constexpr Pack16to24 kPack16to24 = makePack16to24(LowFirst);
 template <int SO, int DO>
 OMBRIX_AVX2_PW void avx2_16to24_back(uint8_t* buf, size_t w) {
     const size_t steps = w / 32, end = 32 * steps;
+    const bool far = 2 * w >= kFarBytes;
     touchForWrite(buf + 96 * steps, 3 * (w - end));
     for (size_t i = w; i-- > end;) pixel16to24<SO, DO>(buf + 2 * i, buf + 3 * i);
     constexpr bool lowFirst = (SO == ORDER_RGB) == (DO == ORDER_RGB);
@@ -603,6 +625,7 @@ OMBRIX_AVX2_PW void avx2_16to24_back(uint8_t* buf, size_t w) {
     };
     backInChunks(buf, steps, 96, [&](size_t k) OMBRIX_AVX2_PW {
         const uint8_t* s = buf + 64 * k;
+        prefetchBelow<64, 96>(far, s, buf + 96 * k);
         const __m256i o0 = vec(s, idx0, lg0, h0), o1 = vec(s + 20, idx1, lg1, h1), o2 = vec(s + 40, idx1, lg2, h2);
         uint8_t* d = buf + 96 * k;
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + 64), o2);
@@ -647,6 +670,7 @@ template <int SO, int DO>
 OMBRIX_AVX512_PW void avx512_16to24(uint8_t* buf, size_t w) {
     const size_t steps = w / 64, rest = w % 64;
     touchForWrite(buf + 192 * steps, 3 * rest);
+    const bool far = 2 * w >= kFarBytes;
     const Planes16to24& t = kPlanes16to24<(SO == ORDER_RGB) == (DO == ORDER_RGB)>;
     const __m512i lg0 = _mm512_loadu_si512(t.lg[0]), lg1 = _mm512_loadu_si512(t.lg[1]), lg2 = _mm512_loadu_si512(t.lg[2]);
     const __m512i h0 = _mm512_loadu_si512(t.h[0]), h1 = _mm512_loadu_si512(t.h[1]), h2 = _mm512_loadu_si512(t.h[2]);
@@ -686,8 +710,9 @@ OMBRIX_AVX512_PW void avx512_16to24(uint8_t* buf, size_t w) {
         touchForWrite(buf + 192 * lo, 192 * (hi - lo));
         for (size_t k = hi; k-- > lo;) {
             const uint8_t* s = buf + 128 * k;
-            step(_mm512_loadu_si512(s), _mm512_loadu_si512(s + 64), o0, o1, o2);
             uint8_t* d = buf + 192 * k;
+            prefetchBelow<128, 192>(far, s, d);
+            step(_mm512_loadu_si512(s), _mm512_loadu_si512(s + 64), o0, o1, o2);
             _mm512_storeu_si512(d + 128, o2);
             _mm512_storeu_si512(d + 64, o1);
             _mm512_storeu_si512(d, o0);
