@@ -2,7 +2,7 @@
 """The speed goals of the kernel, checked in one run of the benchmark binary.
 
 bench/run builds the binary and calls this script; by hand:
-    bench/goals.py --bench build-bench/bench/ombrix_bench [--rounds 5] [--wall] [--all]
+    bench/goals.py --bench build-bench/bench/ombrix_bench [--rounds 5] [--wall] [--issue N] [--match REGEX]
 
 Every row's benchmarks (Ombrix, memcpy of the same bytes, the installed
 peers) run in the same process, interleaved round by round in random order
