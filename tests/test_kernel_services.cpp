@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <set>
 #include <sys/mman.h>
 
 #include <cerrno>
@@ -255,6 +256,18 @@ TEST_F(BlockCache, ResizeKeepsContentsAndStaysWithinItsLimitAndTheCap) {
     const long live = fi::liveBlocks();
     expectAll({IS((fi::arm(0), krn::memAlloc(kBig)) == nullptr, 1), IS((fi::disarm(), fi::liveBlocks()), live),
                IS(krn::blockcache::cachedBytes() >= kBig, 1)});
+}
+
+// Blocks walked side by side must not start at the same offset modulo 2 MiB (their lines would share cache sets).
+TEST_F(BlockCache, FreshBlocksStartAtDifferentOffsetsWithinAHugePage) {
+    void* blocks[4];
+    std::set<uintptr_t> offsets;
+    for (auto& b : blocks) {
+        ASSERT_NE(b = krn::memAlloc(kBig), nullptr);
+        offsets.insert(reinterpret_cast<uintptr_t>(b) & ((uintptr_t(2) << 20) - 1));
+    }
+    for (auto* b : blocks) krn::memFree(b);
+    EXPECT_EQ(offsets.size(), 4u);
 }
 
 TEST_F(BlockCache, ThreadsNeverShareABlock) {

@@ -142,10 +142,21 @@ void ageCacheLocked() noexcept {
     while (g_cached > 0 && g_cachedBytes > limit) dropOldestLocked();
 }
 
+// Large blocks start at one of kColours page offsets past their huge-page
+// boundary, taken in turn: blocks walked side by side (the two sources and
+// the result of a region combine, the two images of a combine) would
+// otherwise all start at the same offset modulo 2 MB, so that their lines at
+// equal offsets compete for the same sets of the second-level and last-level
+// caches. Whole pages keep the block kHeader bytes into a page (maybeLarge).
+constexpr size_t kColours = 16, kColourStep = kPage;
+std::atomic<size_t> g_colour{0};
+
 bool mapFresh(size_t bytes, Mapping* out) noexcept {
-    // Room to put the block on a huge-page boundary (plus the header).
-    if (bytes > SIZE_MAX - kHuge - 2 * kPage) return false;
-    const size_t need = (bytes + kHeader + kPage - 1) & ~(kPage - 1);
+    // Room to put the block on a huge-page boundary (plus the header and the colour).
+    constexpr size_t kColourRoom = (kColours * kColourStep + kPage - 1) & ~(kPage - 1);
+    if (bytes > SIZE_MAX - kHuge - kColourRoom - 2 * kPage) return false;
+    const size_t colour = (g_colour.fetch_add(1, std::memory_order_relaxed) * 7 % kColours) * kColourStep;
+    const size_t need = (bytes + kHeader + colour + kPage - 1) & ~(kPage - 1);
     const size_t mapped = need + kHuge;
     void* base = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (base == MAP_FAILED) return false;
@@ -157,7 +168,7 @@ bool mapFresh(size_t bytes, Mapping* out) noexcept {
 #endif
     out->base = base;
     out->mapped = mapped;
-    out->offset = size_t(aligned - b) + kHeader;
+    out->offset = size_t(aligned - b) + kHeader + colour;
     out->usable = mapped - out->offset;
     return true;
 }
