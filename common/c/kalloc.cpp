@@ -153,8 +153,7 @@ std::atomic<size_t> g_colour{0};
 
 bool mapFresh(size_t bytes, Mapping* out) noexcept {
     // Room to put the block on a huge-page boundary (plus the header and the colour).
-    constexpr size_t kColourRoom = (kColours * kColourStep + kPage - 1) & ~(kPage - 1);
-    if (bytes > SIZE_MAX - kHuge - kColourRoom - 2 * kPage) return false;
+    if (bytes > SIZE_MAX - kHuge - kColours * kColourStep - 2 * kPage) return false;
     const size_t colour = (g_colour.fetch_add(1, std::memory_order_relaxed) * 7 % kColours) * kColourStep;
     const size_t need = (bytes + kHeader + colour + kPage - 1) & ~(kPage - 1);
     const size_t mapped = need + kHuge;

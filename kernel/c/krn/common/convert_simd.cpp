@@ -109,13 +109,7 @@ void plainToGrey(uint8_t* buf, size_t w) {
 // of the next row when rows are contiguous. A prefetch never faults, so
 // reaching past the run is safe. On a 4000x3000 image that misses the caches
 // it took the AVX-512 32->24 from 1.77 to 1.40 ms and 24->16 from 1.35 to
-// 1.09 ms.
-constexpr uintptr_t kAhead = 4096;
-// One prefetch per 64 bytes of a step that reads [s, s + n).
-inline void prefetchPage(const uint8_t* s, size_t n) {
-    const uintptr_t a = reinterpret_cast<uintptr_t>(s) + kAhead;
-    for (size_t o = 0; o < n; o += 64) _mm_prefetch(reinterpret_cast<const char*>(a + o), _MM_HINT_T0);
-}
+// 1.09 ms. (prefetchPage, convert_kernels.h)
 
 // ------------------------------------------------------------ SSSE3 kernels
 #define OMBRIX_SSSE3 __attribute__((target("ssse3")))
@@ -510,9 +504,8 @@ constexpr size_t kTouchBytes = 16384;
 // either when it gets there. On a whole 4000x3000 image in place, 5-6-5 to 24
 // bits went from 1.56-1.65 to 1.25-1.31 ms and 24 to 32 from 1.97-2.07 to
 // 1.58-1.64 ms. The step must be inlined: a call would spill the walk's
-// vector constants.
-// Only for runs of at least kFarBytes of source (a whole image in one call):
-// a row-sized run gained nothing and measured slower with it.
+// vector constants. Only for runs of at least kFarBytes of source (a whole
+// image in one call): a row-sized run gained nothing and measured slower.
 constexpr size_t kFarBytes = size_t(1) << 16;
 template <size_t In, size_t Out>
 OMBRIX_AVX2_PW __attribute__((always_inline)) inline void prefetchBelow(bool far, const uint8_t* s, const uint8_t* d) {

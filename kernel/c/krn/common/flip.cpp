@@ -23,10 +23,6 @@ namespace {
 
 enum class InPlace { Flip, Reverse, Half };
 
-void prefetchRow(const uint8_t* p, size_t n) noexcept {
-    for (size_t o = 0; o < n; o += 64) __builtin_prefetch(p + o, 1, 3);
-}
-
 int32_t inPlace(BITMAPRECORD* bm, InPlace op, int32_t from, int32_t to) noexcept {
     if (!bm || !(bm->uFlags & BRF_ALLOCATED)) return KS_INVALID_BITMAP;
     const int64_t H = bm->nHeight, W = bm->nWidth;
@@ -70,8 +66,8 @@ int32_t inPlace(BITMAPRECORD* bm, InPlace op, int32_t from, int32_t to) noexcept
             // their two rows and short rows gain nothing: both measured
             // slower with it.
             if (prefetchNext && i + 1 < units) {
-                prefetchRow(rowAt(i + 1), bpl);
-                if (i != j && j - 1 != i + 1) prefetchRow(rowAt(j - 1), bpl);
+                prefetchLines(rowAt(i + 1), bpl);
+                if (i != j && j - 1 != i + 1) prefetchLines(rowAt(j - 1), bpl);
             }
             if (i != j) swapRows(rowAt(i), rowAt(j), bpl);
             if (mirror) {

@@ -245,8 +245,7 @@ void bytesToFloats(const uint8_t* s, float* o, int32_t m) noexcept {
     if (!resampletest::g_forcePlain.load(std::memory_order_relaxed)) {
         const __m128i z = _mm_setzero_si128();
         for (; i + 16 <= m; i += 16) {
-            // The hardware prefetchers stop at page ends: ask a page ahead.
-            if ((i & 63) == 0) _mm_prefetch(reinterpret_cast<const char*>(s + i + 4096), _MM_HINT_T0);
+            if ((i & 63) == 0) conv::prefetchPage(s + i, 64);
             const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
             const __m128i lo = _mm_unpacklo_epi8(b, z), hi = _mm_unpackhi_epi8(b, z);
             _mm_storeu_ps(o + i, _mm_cvtepi32_ps(_mm_unpacklo_epi16(lo, z)));
@@ -584,18 +583,6 @@ __attribute__((target("avx2,fma"))) void hpassPairs4(const float* in, float* out
         _mm_storeu_ps(out + size_t(i) * 4, _mm_add_ps(_mm256_castps256_ps128(acc), _mm256_extractf128_ps(acc, 1)));
     }
 }
-// Straight from 8-bit samples (24 and 32 bits in storage order, no conversion needed).
-using H8Fn = void (*)(const uint8_t*, float*, const Axis&, int32_t);
-template <int C>
-H8Fn pickFixed8(int32_t t, bool avx) noexcept {
-    switch (t) {
-        case 2: return avx ? hpassFixedAvx2<C, 2, uint8_t> : hpassFixedPlain<C, 2, uint8_t>;
-        case 4: return avx ? hpassFixedAvx2<C, 4, uint8_t> : hpassFixedPlain<C, 4, uint8_t>;
-        case 6: return avx ? hpassFixedAvx2<C, 6, uint8_t> : hpassFixedPlain<C, 6, uint8_t>;
-        case 8: return avx ? hpassFixedAvx2<C, 8, uint8_t> : hpassFixedPlain<C, 8, uint8_t>;
-        default: return nullptr;
-    }
-}
 void vpass8Plain(const uint8_t* const* rows, const float* w, int32_t taps, float* out, int32_t m) noexcept {
     vpassBody<uint8_t>(rows, w, taps, out, m);
 }
@@ -728,7 +715,6 @@ struct Job {
     Axis ax, ay;
     float palTable[256 * 4];
     HFn h;
-    H8Fn h8;  // set when source rows can be resampled from their bytes
     VFn v;
     bool verticalFirst;  // ring rows are decoded source rows; the horizontal pass follows
     V8Fn v8;             // vertical-first straight from stored 8-bit rows (24/32 bits as stored)
@@ -754,10 +740,6 @@ int32_t loadRow(const Job& j, int32_t r, uint8_t* raw, float* dec, float* adapt,
         s = raw;
     }
     const int32_t oldW = j.src->nWidth;
-    if (j.h8) {
-        j.h8(s, outRow, j.ax, j.dst->nWidth);
-        return KS_SUCCESS;
-    }
     decodeRaw(j.sf, j.palTable, s, dec, oldW);
     const float* cur = dec;
     const float alphaMax = j.df.maxValue;
@@ -911,14 +893,17 @@ int32_t runBand(const Job& j, int32_t y0, int32_t y1) noexcept {
             // so the sums stay in the first-level cache.
             const int32_t ty = j.flip ? j.dst->nHeight - 1 - y : y;
             uint8_t* d = j.out->base ? j.out->base + uint64_t(ty) * j.dst->nBytesPerLine : outRaw.get();
-            const float* part[64];
-            constexpr int32_t kChunk = 2048;
-            if (j.vb) j.vb(ptrs.get(), wts, n, d, int32_t(rowFloats));
-            for (int32_t off = 0; off < int32_t(rowFloats) && !j.vb; off += kChunk) {
-                const int32_t len = std::min<int32_t>(kChunk, int32_t(rowFloats) - off);
-                for (int32_t k = 0; k < n; ++k) part[k] = ptrs.get()[k] + off;
-                j.v(part, wts, n, acc, len);
-                floatsToBytes(acc, d + off, len);
+            if (j.vb) {
+                j.vb(ptrs.get(), wts, n, d, int32_t(rowFloats));
+            } else {
+                const float* part[64];
+                constexpr int32_t kChunk = 2048;
+                for (int32_t off = 0; off < int32_t(rowFloats); off += kChunk) {
+                    const int32_t len = std::min<int32_t>(kChunk, int32_t(rowFloats) - off);
+                    for (int32_t k = 0; k < n; ++k) part[k] = ptrs.get()[k] + off;
+                    j.v(part, wts, n, acc, len);
+                    floatsToBytes(acc, d + off, len);
+                }
             }
             if (!j.out->base) {
                 int32_t rc = writeRow(j.dst, ty, 0, d, j.dst->nBytesPerLine);

@@ -160,11 +160,10 @@ __attribute__((target("avx2"))) inline __m256i meanPackx(__m256i s0, __m256i s1)
                                _mm256_srli_epi16(_mm256_add_epi16(s1, two), 2));
 }
 
-// The two source rows a page ahead: the hardware prefetchers stop at page
-// ends, and a 2 x 2 reduction reads two streams at once.
-inline void prefetchAhead(const uint8_t* a, const uint8_t* b) noexcept {
-    _mm_prefetch(reinterpret_cast<const char*>(a + 4096), _MM_HINT_T0);
-    _mm_prefetch(reinterpret_cast<const char*>(b + 4096), _MM_HINT_T0);
+// Both source rows of a 2 x 2 step a page ahead (two streams at once).
+inline void prefetchAhead(const uint8_t* a, const uint8_t* b, size_t n) noexcept {
+    conv::prefetchPage(a, n);
+    conv::prefetchPage(b, n);
 }
 
 template <int C>
@@ -179,7 +178,7 @@ __attribute__((target("avx2"))) int32_t box22Avx2(const uint8_t* a, const uint8_
         constexpr int32_t step = 32 / C;  // target pixels per step
         for (; x + step <= n; x += step) {
             const size_t s = size_t(2) * size_t(C) * size_t(x);
-            prefetchAhead(a + s, b + s);
+            prefetchAhead(a + s, b + s, 64);
             const __m256i r = meanPackx(pairs2x(ld(a + s), ld(b + s), m), pairs2x(ld(a + s + 32), ld(b + s + 32), m));
             _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + size_t(C) * x), _mm256_permute4x64_epi64(r, 0xD8));
         }
@@ -190,7 +189,7 @@ __attribute__((target("avx2"))) int32_t box22Avx2(const uint8_t* a, const uint8_
                                                  5, 8, 9, 10, 11, 12, 13, -1, -1, -1, -1);
         for (; x + 8 <= n && int64_t(6) * x + 52 <= int64_t(6) * n && int64_t(3) * x + 28 <= int64_t(3) * n; x += 8) {
             const size_t s = size_t(6) * size_t(x);
-            prefetchAhead(a + s, b + s);
+            prefetchAhead(a + s, b + s, 48);
             // Lane 0: target pixels 0-1 and 2-3, lane 1: 4-5 and 6-7.
             const __m256i s0 = pairs2x(load2(a + s, a + s + 24), load2(b + s, b + s + 24), m);
             const __m256i s1 = pairs2x(load2(a + s + 12, a + s + 36), load2(b + s + 12, b + s + 36), m);
@@ -230,8 +229,7 @@ __attribute__((target("avx512f,avx512bw"))) int32_t box22Avx512(const uint8_t* a
     int32_t x = 0;
     for (; x + step <= n; x += step) {
         const size_t s = size_t(2) * size_t(C) * size_t(x);
-        prefetchAhead(a + s, b + s);
-        prefetchAhead(a + s + 64, b + s + 64);
+        prefetchAhead(a + s, b + s, 128);
         const __m512i r = _mm512_packus_epi16(means512(a + s, b + s, m), means512(a + s + 64, b + s + 64, m));
         _mm512_storeu_si512(d + size_t(C) * x, _mm512_maskz_permutexvar_epi64(__mmask8(0xFF), order, r));
     }
